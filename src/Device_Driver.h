@@ -1,0 +1,190 @@
+#ifndef MICRO850_DEVICE_DRIVER_H
+#define MICRO850_DEVICE_DRIVER_H
+
+// The shared records, the driver object, the two entry points of the poll cycle, the host's return
+// codes, the debug log and the catalogue of variable names.
+
+#include "QtCompat.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QList>
+#include <QtCore/QMap>
+#include <QtCore/QMutex>
+#include <QtCore/QString>
+
+// ---- Records of the host's ABI ---------------------------------------------------------------
+
+/// One variable request. The host fills it and reads it back, so order and widths are fixed.
+/// Integers of a default-constructed record are not initialised: every producer sets all of them.
+struct RW_VAR
+{
+    int varType;         ///< host's kind of variable; 1 to 11 select the fine failure code
+    int varIndex;        ///< host's number of the variable within its kind
+    int accessMode;      ///< 0 read, 1 write; any other value makes every reply count as invalid
+    int hostField3;      ///< copy of ComInfo::remoteMode, carried and not interpreted
+    int linkId;          ///< link of the request; ComInfo::localLink marks the local area
+    int retValue;        ///< result code of the last transaction, see GetDriverReturnValue()
+    QString tagName;     ///< controller tag
+    QString addressText; ///< element index as decimal text
+    int areaType;        ///< register area, part of a request's identity in the lists
+    int startAddress;    ///< first element
+    int stationNo;       ///< controller station
+    int count;           ///< elements, or 16-bit host words, see getPlcAdd()
+    int reqFlag;         ///< 1 when the tag is in the catalogue, else 0
+    int onceFlag;        ///< 0 cyclic read, 1 one-shot read, 2 write
+    QByteArray data;     ///< value bytes to write, or read back
+};
+
+/// One queued transaction: the encoded frame and the request it serves. Owned by the driver.
+struct Protocol
+{
+    QByteArray frame;    ///< complete frame, DLE-doubled and closed with its CRC
+    int sendLength;      ///< bytes of `frame` when it was queued; a re-patched frame may be longer
+    int replyLength;     ///< bytes the reply is expected to have, -1 where it varies
+    int auxLength;       ///< offset of the value bytes in the undoubled reply, 0 where there are none
+    int auxFlag;         ///< 0 in every frame
+    RW_VAR var;          ///< copy of the request
+    int reserve1;
+    int reserve2;
+    int reserve3;
+
+    Protocol()
+        : sendLength(0), replyLength(0), auxLength(0), auxFlag(0), var(), reserve1(0), reserve2(0),
+          reserve3(0)
+    {}
+};
+
+/// Auxiliary record of a list that the driver keeps and never fills.
+struct EXTENDVAR
+{
+    int field1;
+    int field2;
+    int field3;
+    QByteArray data;
+};
+
+/// The host's description of one variable name; only kind 2 (carries an element index) is kept.
+struct varName
+{
+    QString name;
+    int kind;
+    int hostField2;
+    QList<QString> hostField3;
+};
+
+/// The host's communication settings, 32-bit words from offset 0. The host owns the record and keeps
+/// it alive as long as the driver is loaded; it may be longer than what is named here.
+struct ComInfo
+{
+    int hostWord0;
+    int hostWord1;
+    int hostWord2;
+    int hostWord3;
+    int hostWord4;
+    int hostWord5;
+    int defaultStation;   ///< word 6: station of every request in single-station mode
+    int retryLimit;       ///< word 7: failed transactions that are tolerated
+    int failureCount;     ///< word 8: failed transactions so far, successes do not clear it
+    int multiStation;     ///< word 9: 0 single-station mode, else stations per variable
+    int clearedWord10;    ///< word 10: cleared by SetComInfo()
+    int frameCount;       ///< word 11: frames of the request being served
+    int framesAnswered;   ///< word 12: frames answered; step of the connection set-up
+    int clearedWord13;    ///< word 13: cleared by SetComInfo()
+    int remoteMode;       ///< word 14: non-zero sends requests to the remote handlers
+    int localLink;        ///< word 15: link identifier of the local area
+    int writeMode;        ///< word 16: 2 selects queued writes
+    int passComplete;     ///< word 17: 1 when a full cycle was answered or nothing is to do
+    int callbackChannel;  ///< word 18: first argument of the completion callback
+};
+
+/// Completion notice: (callbackChannel, varType, varIndex, status), status 1 done, 2 failed. Called
+/// with `listMutex` held: it may call GetRegisterData() but no list entry point.
+typedef void (*FinishCallback)(int channel, int varType, int varIndex, int status);
+/// Refresh notice after a failure and after each queued write frame. `list` is empty and lives for
+/// the call only. Called with `listMutex` held, as FinishCallback.
+typedef void (*RefreshCallback)(QList<RW_VAR>* list, int varType, int flag);
+
+/// The driver's whole state but for the tag store. One instance, PLC_driver.
+/// `listMutex` guards the request lists, the counters and `result`, and `sendQueue` while a frame is
+/// encoded; `dataMutex` guards the host's view of the tag values; `stationMutex` guards
+/// `disabledStations`. The only nesting is `listMutex` before `stationMutex`.
+class MICRO850_EXPORT Device_Driver
+{
+public:
+    Device_Driver();
+
+    ComInfo* comInfo;
+    QList<RW_VAR> readList;
+    QList<RW_VAR> writeList;
+    QList<RW_VAR> onceReadList;
+    QList<RW_VAR> spareList;
+    QList<Protocol> sendQueue;
+    QList<EXTENDVAR> extendList;
+    QMap<int, int> disabledStations;
+    FinishCallback finishCallback;
+    RefreshCallback refreshCallback;
+    QMutex listMutex;
+    QMutex dataMutex;
+    QMutex stationMutex;
+    RW_VAR result;
+    int currentList;
+    int writeBurst;
+    int onceBurst;
+    int readCycleCount;
+    bool errorFlag;
+    bool spareFlag;
+};
+
+/// Values of Device_Driver::currentList.
+enum RequestList
+{
+    kCyclicRead = 0,
+    kWrite = 1,
+    kOneShotRead = 2,
+    kNoListYet = 100
+};
+
+extern MICRO850_EXPORT Device_Driver PLC_driver;
+/// Names that carry an element index. Grows only.
+extern MICRO850_EXPORT QMap<QString, varName> plcAddList;
+
+// ---- Poll cycle (one thread, one call after the other) -----------------------------------------
+
+/// The next frame to send, or null when there is none. The record belongs to the driver and is valid
+/// until DataCom() removes it; while it is queued, every call returns it again.
+MICRO850_ENTRY Protocol* ComCommunication();
+
+/// Judges the bytes received for the frame in flight, of which `length` are announced (0 after a
+/// time-out). Returns the driver's `result`; its retValue says what happened: 0 not finished, 1 done,
+/// 201 no connection, other codes as GetDriverReturnValue(). A null `reply` counts as no bytes.
+MICRO850_ENTRY RW_VAR* DataCom(QByteArray* reply, int length);
+
+/// Judges and stores a reply on the local link; the code of GetDriverReturnValue().
+MICRO850_EXPORT int DealDataOfLocalArea(QByteArray* reply, int length);
+/// Judges a reply on a remote link and stores it only for a request with reqFlag -1.
+MICRO850_EXPORT int DealDataOfRemoteArea(QByteArray* reply, int length);
+
+// ---- Return codes and debug log -----------------------------------------------------------------
+
+/// The host's code for an outcome 0 to 7; 200 for any other.
+MICRO850_EXPORT int GetDriverReturnValue(int outcome);
+/// `base` + 1, plus the kind of the request in flight where that is from 1 to 11.
+MICRO850_EXPORT int SwitchErrorReturn(int base);
+/// Appends one time-stamped line to "debug.log" in the working directory; the first call of a run
+/// empties the file. A file that cannot be opened loses the line. A host may install it as Qt's
+/// message handler; any thread may call it.
+MICRO850_EXPORT void customMessageHandler(QtMsgType type, const char* message);
+
+// ---- Catalogue of variable names ----------------------------------------------------------------
+
+/// Adds the kind-2 names of `list` to the catalogue. Null or empty: nothing happens.
+MICRO850_ENTRY void PassVarName(QList<varName>* list);
+/// True when the catalogue holds exactly this name.
+MICRO850_EXPORT bool getPassVarName(QString name);
+/// Sets startAddress, count and reqFlag of a request from the catalogue and makes sure that the tag
+/// store knows its name. Always 1; a null record is left alone.
+MICRO850_EXPORT int updateRwVar(RW_VAR* request);
+/// Copies everything but the value bytes; `to.data` ends empty.
+MICRO850_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
+
+#endif

@@ -1,0 +1,16 @@
+#ifndef MICRO850_FUNC_DEALDATA_H
+#define MICRO850_FUNC_DEALDATA_H
+
+// Storing of the values that a read reply brings.
+
+#include "QtCompat.h"
+
+#include <QtCore/QByteArray>
+
+/// Stores type and value bytes of the reply to the frame in flight in the station's tag store.
+/// `reply` is undoubled in place. It is taken as it stands: no status is examined. A null reply, or
+/// one without a frame in flight, stores nothing. Called by DataCom(), on the local link with
+/// `dataMutex` held.
+MICRO850_EXPORT void SaveToLocalDataErea(QByteArray* reply);
+
+#endif

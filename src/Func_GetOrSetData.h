@@ -1,0 +1,26 @@
+#ifndef MICRO850_FUNC_GETORSETDATA_H
+#define MICRO850_FUNC_GETORSETDATA_H
+
+// The host's reads and writes of variable values.
+
+#include "Device_Driver.h"
+
+/// Queues a write of `value` (host layout, `count` 16-bit words) when ComInfo::writeMode is 2 and
+/// returns the length of the write list; in any other mode nothing is queued and the result is 1.
+/// Any thread; takes `listMutex` for a moment, so not from a callback.
+MICRO850_ENTRY int SetRegisterData(const QString& name, int areaType, const QString& addressText,
+                                   int station, const QByteArray& value, int count, int varType,
+                                   int varIndex);
+
+/// Fills `out` with the stored value in host layout and returns 1; with an unconnected station or an
+/// unknown tag fills it with `count` x 2 zero bytes and returns 0. The second argument is not read.
+/// Never touches the line. Any thread, callbacks included; holds `dataMutex` while it works.
+MICRO850_ENTRY int GetRegisterData(const QString& name, int ignored, const QString& addressText,
+                                   int station, QByteArray& out, int count);
+
+/// Always 1.
+MICRO850_ENTRY int QueryFinishFlag();
+/// Hook for the host's local areas; does nothing.
+MICRO850_EXPORT void WriteDataToLocal(RW_VAR* request);
+
+#endif

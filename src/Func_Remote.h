@@ -1,0 +1,11 @@
+#ifndef MICRO850_FUNC_REMOTE_H
+#define MICRO850_FUNC_REMOTE_H
+
+// Handlers of requests on remote links; this driver has none, so they do nothing.
+
+#include "Device_Driver.h"
+
+MICRO850_EXPORT void Remote_ReadVar(RW_VAR* request);
+MICRO850_EXPORT void Remote_WriteVar(RW_VAR* request);
+
+#endif
