@@ -38,12 +38,12 @@ struct RW_VAR
 /// One queued transaction: the encoded frame and the request it serves. Owned by the driver.
 struct Protocol
 {
-    QByteArray frame;    ///< complete frame, DLE-doubled and closed with its CRC
-    int sendLength;      ///< bytes of `frame` when it was queued; a re-patched frame may be longer
-    int replyLength;     ///< bytes the reply is expected to have, -1 where it varies
-    int auxLength;       ///< offset of the value bytes in the undoubled reply, 0 where there are none
-    int auxFlag;         ///< 0 in every frame
-    RW_VAR var;          ///< copy of the request
+    QByteArray frame; ///< complete frame, DLE-doubled and closed with its CRC
+    int sendLength;   ///< bytes of `frame` when it was queued; a re-patched frame may be longer
+    int replyLength;  ///< bytes the reply is expected to have, -1 where it varies
+    int auxLength;    ///< offset of the value bytes in the undoubled reply, 0 where there are none
+    int auxFlag;      ///< 0 in every frame
+    RW_VAR var;       ///< copy of the request
     int reserve1;
     int reserve2;
     int reserve3;
@@ -51,7 +51,8 @@ struct Protocol
     Protocol()
         : sendLength(0), replyLength(0), auxLength(0), auxFlag(0), var(), reserve1(0), reserve2(0),
           reserve3(0)
-    {}
+    {
+    }
 };
 
 /// Auxiliary record of a list that the driver keeps and never fills.
@@ -72,8 +73,8 @@ struct varName
     QList<QString> hostField3;
 };
 
-/// The host's communication settings, 32-bit words from offset 0. The host owns the record and keeps
-/// it alive as long as the driver is loaded; it may be longer than what is named here.
+/// The host's communication settings, 32-bit words from offset 0. The host owns the record and
+/// keeps it alive as long as the driver is loaded; it may be longer than what is named here.
 struct ComInfo
 {
     int hostWord0;
@@ -82,19 +83,19 @@ struct ComInfo
     int hostWord3;
     int hostWord4;
     int hostWord5;
-    int defaultStation;   ///< word 6: station of every request in single-station mode
-    int retryLimit;       ///< word 7: failed transactions that are tolerated
-    int failureCount;     ///< word 8: failed transactions so far, successes do not clear it
-    int multiStation;     ///< word 9: 0 single-station mode, else stations per variable
-    int clearedWord10;    ///< word 10: cleared by SetComInfo()
-    int frameCount;       ///< word 11: frames of the request being served
-    int framesAnswered;   ///< word 12: frames answered; step of the connection set-up
-    int clearedWord13;    ///< word 13: cleared by SetComInfo()
-    int remoteMode;       ///< word 14: non-zero sends requests to the remote handlers
-    int localLink;        ///< word 15: link identifier of the local area
-    int writeMode;        ///< word 16: 2 selects queued writes
-    int passComplete;     ///< word 17: 1 when a full cycle was answered or nothing is to do
-    int callbackChannel;  ///< word 18: first argument of the completion callback
+    int defaultStation;  ///< word 6: station of every request in single-station mode
+    int retryLimit;      ///< word 7: failed transactions that are tolerated
+    int failureCount;    ///< word 8: failed transactions so far, successes do not clear it
+    int multiStation;    ///< word 9: 0 single-station mode, else stations per variable
+    int clearedWord10;   ///< word 10: cleared by SetComInfo()
+    int frameCount;      ///< word 11: frames of the request being served
+    int framesAnswered;  ///< word 12: frames answered; step of the connection set-up
+    int clearedWord13;   ///< word 13: cleared by SetComInfo()
+    int remoteMode;      ///< word 14: non-zero sends requests to the remote handlers
+    int localLink;       ///< word 15: link identifier of the local area
+    int writeMode;       ///< word 16: 2 selects queued writes
+    int passComplete;    ///< word 17: 1 when a full cycle was answered or nothing is to do
+    int callbackChannel; ///< word 18: first argument of the completion callback
 };
 
 /// Completion notice: (callbackChannel, varType, varIndex, status), status 1 done, 2 failed. Called
@@ -105,8 +106,8 @@ typedef void (*FinishCallback)(int channel, int varType, int varIndex, int statu
 typedef void (*RefreshCallback)(QList<RW_VAR>* list, int varType, int flag);
 
 /// The driver's whole state but for the tag store. One instance, PLC_driver.
-/// `listMutex` guards the request lists, the counters and `result`, and `sendQueue` while a frame is
-/// encoded; `dataMutex` guards the host's view of the tag values; `stationMutex` guards
+/// `listMutex` guards the request lists, the counters and `result`, and `sendQueue` while a frame
+/// is encoded; `dataMutex` guards the host's view of the tag values; `stationMutex` guards
 /// `disabledStations`. The only nesting is `listMutex` before `stationMutex`.
 class MICRO850_EXPORT Device_Driver
 {
@@ -136,13 +137,7 @@ public:
 };
 
 /// Values of Device_Driver::currentList.
-enum RequestList
-{
-    kCyclicRead = 0,
-    kWrite = 1,
-    kOneShotRead = 2,
-    kNoListYet = 100
-};
+enum RequestList { kCyclicRead = 0, kWrite = 1, kOneShotRead = 2, kNoListYet = 100 };
 
 extern MICRO850_EXPORT Device_Driver PLC_driver;
 /// Names that carry an element index. Grows only.
@@ -150,13 +145,14 @@ extern MICRO850_EXPORT QMap<QString, varName> plcAddList;
 
 // ---- Poll cycle (one thread, one call after the other) -----------------------------------------
 
-/// The next frame to send, or null when there is none. The record belongs to the driver and is valid
-/// until DataCom() removes it; while it is queued, every call returns it again.
+/// The next frame to send, or null when there is none. The record belongs to the driver and is
+/// valid until DataCom() removes it; while it is queued, every call returns it again.
 MICRO850_ENTRY Protocol* ComCommunication();
 
 /// Judges the bytes received for the frame in flight, of which `length` are announced (0 after a
-/// time-out). Returns the driver's `result`; its retValue says what happened: 0 not finished, 1 done,
-/// 201 no connection, other codes as GetDriverReturnValue(). A null `reply` counts as no bytes.
+/// time-out). Returns the driver's `result`; its retValue says what happened: 0 not finished, 1
+/// done, 201 no connection, other codes as GetDriverReturnValue(). A null `reply` counts as no
+/// bytes.
 MICRO850_ENTRY RW_VAR* DataCom(QByteArray* reply, int length);
 
 /// Judges and stores a reply on the local link; the code of GetDriverReturnValue().
@@ -186,5 +182,21 @@ MICRO850_EXPORT bool getPassVarName(QString name);
 MICRO850_EXPORT int updateRwVar(RW_VAR* request);
 /// Copies everything but the value bytes; `to.data` ends empty.
 MICRO850_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
+
+// ---- Inside the library: not exported
+// ------------------------------------------------------------
+
+namespace driverstate {
+
+/// Leaf lock of what entry points without a named mutex share with the poll pair: `readList`,
+/// `onceReadList`, `readCycleCount`, ComInfo::passComplete and `errorFlag`. The poll pair and
+/// the rebuilding of `readList` hold `listMutex` as well, so a head that was looked up under both
+/// stays where it is.
+extern QMutex leaf;
+
+/// True while the last transaction in flight failed.
+bool failed();
+
+} // namespace driverstate
 
 #endif

@@ -10,7 +10,8 @@
 
 /// `*out` = the 16 bits of `*in` in reverse order; both may be the same word.
 MICRO850_EXPORT void InvertUint16(unsigned short* out, unsigned short* in);
-/// CRC-16/ARC of `length` bytes (polynomial 0x8005 reflected, start 0, no final XOR) in the low half.
+/// CRC-16/ARC of `length` bytes (polynomial 0x8005 reflected, start 0, no final XOR) in the low
+/// half.
 MICRO850_EXPORT unsigned int CRC16_IBM(unsigned char* data, unsigned int length);
 
 /// Sum of the bytes, low 16 bits.
@@ -28,5 +29,20 @@ MICRO850_EXPORT int ASCIIToDigital(int character);
 
 /// 1 = store the reply to the frame in flight, 2 = accept it without storing, 0 = reject it.
 MICRO850_EXPORT int CheckGetData(QByteArray* reply, int length);
+
+/// Inside the library: one byte more of a reflected CRC-16, bit by bit.
+namespace crc16 {
+
+const unsigned int kReflectedPolynomial = 0xA001;
+
+inline unsigned int extended(unsigned int crc, quint8 byte, unsigned int polynomial)
+{
+    crc ^= byte;
+    for (int bit = 0; bit < 8; ++bit)
+        crc = (crc & 1) ? (crc >> 1) ^ polynomial : crc >> 1;
+    return crc;
+}
+
+} // namespace crc16
 
 #endif

@@ -12,9 +12,9 @@ MICRO850_ENTRY int SetRegisterData(const QString& name, int areaType, const QStr
                                    int station, const QByteArray& value, int count, int varType,
                                    int varIndex);
 
-/// Fills `out` with the stored value in host layout and returns 1; with an unconnected station or an
-/// unknown tag fills it with `count` x 2 zero bytes and returns 0. The second argument is not read.
-/// Never touches the line. Any thread, callbacks included; holds `dataMutex` while it works.
+/// Fills `out` with the stored value in host layout and returns 1; with an unconnected station or
+/// an unknown tag fills it with `count` x 2 zero bytes and returns 0. The second argument is not
+/// read. Never touches the line. Any thread, callbacks included; holds `dataMutex` while it works.
 MICRO850_ENTRY int GetRegisterData(const QString& name, int ignored, const QString& addressText,
                                    int station, QByteArray& out, int count);
 

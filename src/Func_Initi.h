@@ -11,13 +11,14 @@ struct HOSTVAR
 {
     unsigned char hostField0; ///< not read
     unsigned char areaType;
-    int hostField1;           ///< not read
-    QString addressText;      ///< element index as decimal text
+    int hostField1;      ///< not read
+    QString addressText; ///< element index as decimal text
     QString tagName;
-    int count;                ///< elements, or 16-bit host words
+    int count; ///< elements, or 16-bit host words
 };
 
-// ---- Configuration: not while a poll is running --------------------------------------------------
+// ---- Configuration: not while a poll is running
+// --------------------------------------------------
 
 /// Keeps the host's settings record, words 10 and 13 of which it clears. Null takes it away: the
 /// poll cycle then stands still.
@@ -40,8 +41,9 @@ MICRO850_EXPORT bool Ethernetcontains(int station);
 /// Always -1.
 MICRO850_EXPORT int StringAddressToInt(int kind, QString text);
 
-// ---- Request lists -------------------------------------------------------------------------------
-// Each returns the length of its list after the operation; a null record adds nothing.
+// ---- Request lists
+// ------------------------------------------------------------------------------- Each returns the
+// length of its list after the operation; a null record adds nothing.
 
 /// Appends to the cyclic list. Any thread; takes none of the named mutexes.
 MICRO850_ENTRY int AddListReadVar(RW_VAR* request);
@@ -50,11 +52,12 @@ MICRO850_ENTRY int AddListReadVar(RW_VAR* request);
 /// Any thread but a callback's; takes `listMutex`.
 MICRO850_ENTRY int AddListWriteVar(RW_VAR* request, int mode);
 /// Appends to the one-shot list unchanged (`mode` 1, under `listMutex`), else completes `*request`
-/// (station, element, flags) and appends it unless it is queued already or 1024 are. The second form
-/// takes none of the named mutexes: a caller may hold `listMutex`.
+/// (station, element, flags) and appends it unless it is queued already or 1024 are. The second
+/// form takes none of the named mutexes: a caller may hold `listMutex`.
 MICRO850_ENTRY int AddListOnceReadVar(RW_VAR* request, int mode);
-/// Replaces the cyclic list by requests of at most 15 elements for the host's variables and restarts
-/// the poll cycle; an empty list empties it. A null list, or no settings record, changes nothing.
+/// Replaces the cyclic list by requests of at most 15 elements for the host's variables and
+/// restarts the poll cycle; an empty list empties it. A null list, or no settings record, changes
+/// nothing.
 MICRO850_ENTRY int ReCreatReadVarList(QList<HOSTVAR>* hostList);
 
 /// Appends to the cyclic list blocks of `maxLength` elements cut from `run`, which keeps the rest;

@@ -4,11 +4,47 @@
 // The few places where Qt 4.8 and Qt 5 differ, and the marks of an exported name.
 
 #include <QtCore/QChar>
+#include <QtCore/QList>
 #include <QtCore/QtGlobal>
 
 /// A function or object exported under its C++ name.
 #define MICRO850_EXPORT Q_DECL_EXPORT
 /// An entry point exported under its plain name.
 #define MICRO850_ENTRY extern "C" Q_DECL_EXPORT
+
+namespace qtcompat {
+
+/// The character's byte in the tag alphabet, 00 where it has none. QString's own conversions put a
+/// question mark there, and Qt 4's toAscii() depends on a process-wide codec.
+inline char latin1(QChar character)
+{
+    return character.unicode() > 0xFF ? '\0' : static_cast<char>(character.unicode());
+}
+
+template<typename T> void swapItems(QList<T>& list, int i, int j)
+{
+#if QT_VERSION >= 0x050D00
+    list.swapItemsAt(i, j);
+#else
+    list.swap(i, j);
+#endif
+}
+
+/// Seeds the calling thread's generator and draws one number. Deprecated in Qt 5.15 without a
+/// replacement that would give the same sequence.
+inline int seededRandom(unsigned int seed)
+{
+#if defined(__GNUC__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+#endif
+    qsrand(seed);
+    return qrand();
+#if defined(__GNUC__)
+#pragma GCC diagnostic pop
+#endif
+}
+
+} // namespace qtcompat
 
 #endif

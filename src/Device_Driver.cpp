@@ -1,0 +1,666 @@
+#include "Device_Driver.h"
+
+#include "Func_Check.h"
+#include "Func_DealData.h"
+#include "Func_Initi.h"
+#include "Func_Read.h"
+#include "Func_Remote.h"
+#include "Func_Write.h"
+#include "tagcommunication.h"
+
+#include <QtCore/QDateTime>
+#include <QtCore/QFile>
+#include <QtCore/QTextStream>
+
+#include <cstddef>
+#include <type_traits>
+
+Device_Driver PLC_driver;
+QMap<QString, varName> plcAddList;
+
+namespace driverstate {
+
+QMutex leaf;
+
+bool failed()
+{
+    LeafLocker lock(leaf);
+    return PLC_driver.errorFlag;
+}
+
+} // namespace driverstate
+
+namespace {
+
+// ---- What the host relies on in memory
+// -----------------------------------------------------------
+
+constexpr std::size_t at(std::size_t bytes32, std::size_t bytes64)
+{
+    return sizeof(void*) == 8 ? bytes64 : bytes32;
+}
+
+static_assert(sizeof(int) == 4, "the host's records have 32-bit integers");
+static_assert(offsetof(RW_VAR, varType) == 0, "host ABI");
+static_assert(offsetof(RW_VAR, varIndex) == 4, "host ABI");
+static_assert(offsetof(RW_VAR, accessMode) == 8, "host ABI");
+static_assert(offsetof(RW_VAR, hostField3) == 12, "host ABI");
+static_assert(offsetof(RW_VAR, linkId) == 16, "host ABI");
+static_assert(offsetof(RW_VAR, retValue) == 20, "host ABI");
+static_assert(offsetof(RW_VAR, tagName) == 24, "host ABI");
+static_assert(offsetof(RW_VAR, addressText) == at(28, 32), "host ABI");
+static_assert(offsetof(RW_VAR, areaType) == at(32, 40), "host ABI");
+static_assert(offsetof(RW_VAR, startAddress) == at(36, 44), "host ABI");
+static_assert(offsetof(RW_VAR, stationNo) == at(40, 48), "host ABI");
+static_assert(offsetof(RW_VAR, count) == at(44, 52), "host ABI");
+static_assert(offsetof(RW_VAR, reqFlag) == at(48, 56), "host ABI");
+static_assert(offsetof(RW_VAR, onceFlag) == at(52, 60), "host ABI");
+static_assert(offsetof(RW_VAR, data) == at(56, 64), "host ABI");
+static_assert(sizeof(RW_VAR) == at(60, 72), "host ABI");
+
+static_assert(offsetof(Protocol, frame) == 0, "host ABI");
+static_assert(offsetof(Protocol, sendLength) == at(4, 8), "host ABI");
+static_assert(offsetof(Protocol, replyLength) == at(8, 12), "host ABI");
+static_assert(offsetof(Protocol, auxLength) == at(12, 16), "host ABI");
+static_assert(offsetof(Protocol, auxFlag) == at(16, 20), "host ABI");
+static_assert(offsetof(Protocol, var) == at(20, 24), "host ABI");
+static_assert(offsetof(Protocol, reserve1) == at(80, 96), "host ABI");
+static_assert(offsetof(Protocol, reserve2) == at(84, 100), "host ABI");
+static_assert(offsetof(Protocol, reserve3) == at(88, 104), "host ABI");
+static_assert(sizeof(Protocol) == at(92, 112), "host ABI");
+
+static_assert(offsetof(varName, name) == 0, "host ABI");
+static_assert(offsetof(varName, kind) == at(4, 8), "host ABI");
+static_assert(offsetof(varName, hostField2) == at(8, 12), "host ABI");
+static_assert(offsetof(varName, hostField3) == at(12, 16), "host ABI");
+static_assert(sizeof(varName) == at(16, 24), "host ABI");
+
+static_assert(std::is_standard_layout<ComInfo>::value, "host ABI");
+static_assert(offsetof(ComInfo, defaultStation) == 4 * 6, "host ABI");
+static_assert(offsetof(ComInfo, retryLimit) == 4 * 7, "host ABI");
+static_assert(offsetof(ComInfo, failureCount) == 4 * 8, "host ABI");
+static_assert(offsetof(ComInfo, multiStation) == 4 * 9, "host ABI");
+static_assert(offsetof(ComInfo, clearedWord10) == 4 * 10, "host ABI");
+static_assert(offsetof(ComInfo, frameCount) == 4 * 11, "host ABI");
+static_assert(offsetof(ComInfo, framesAnswered) == 4 * 12, "host ABI");
+static_assert(offsetof(ComInfo, clearedWord13) == 4 * 13, "host ABI");
+static_assert(offsetof(ComInfo, remoteMode) == 4 * 14, "host ABI");
+static_assert(offsetof(ComInfo, localLink) == 4 * 15, "host ABI");
+static_assert(offsetof(ComInfo, writeMode) == 4 * 16, "host ABI");
+static_assert(offsetof(ComInfo, passComplete) == 4 * 17, "host ABI");
+static_assert(offsetof(ComInfo, callbackChannel) == 4 * 18, "host ABI");
+
+// ---- Send scheduler: caller holds listMutex
+// ------------------------------------------------------
+
+// Writes, and one-shot reads, in a row before the next list has its turn.
+const int kLongestBurst = 5;
+
+Protocol* headOfQueue()
+{
+    return PLC_driver.sendQueue.isEmpty() ? nullptr : &PLC_driver.sendQueue.first();
+}
+
+RW_VAR* headOf(QList<RW_VAR>& list)
+{
+    LeafLocker lock(driverstate::leaf);
+    return list.isEmpty() ? nullptr : &list.first();
+}
+
+void removeHead(QList<RW_VAR>& list)
+{
+    LeafLocker lock(driverstate::leaf);
+    list.removeFirst();
+}
+
+void rotate(QList<RW_VAR>& list)
+{
+    LeafLocker lock(driverstate::leaf);
+    list.append(list.takeFirst());
+}
+
+int sizeOf(const QList<RW_VAR>& list)
+{
+    LeafLocker lock(driverstate::leaf);
+    return list.size();
+}
+
+// The first request of an enabled station; those before it are deleted. Null when none is left.
+RW_VAR* firstEnabled(QList<RW_VAR>& list)
+{
+    RW_VAR* head = headOf(list);
+    while (head && Ethernetcontains(head->stationNo)) {
+        removeHead(list);
+        head = headOf(list);
+    }
+    return head;
+}
+
+// The first cyclic request of an enabled station; those before it are rotated. Null when every
+// station is disabled.
+RW_VAR* nextCyclic()
+{
+    RW_VAR* head = headOf(PLC_driver.readList);
+    for (int left = sizeOf(PLC_driver.readList); head; --left) {
+        if (!Ethernetcontains(head->stationNo))
+            return head;
+        if (left == 0)
+            break;
+        rotate(PLC_driver.readList);
+        head = headOf(PLC_driver.readList);
+    }
+    return nullptr;
+}
+
+// The tag's class must be known before its value can be shaped, so a read of its first element goes
+// out instead; the write itself stays queued.
+void learnClass(RW_VAR request)
+{
+    PLC_driver.currentList = kCyclicRead;
+    request.accessMode = 0;
+    request.startAddress = 0;
+    ReadRegister(&request);
+}
+
+void encodeWrite(RW_VAR* request)
+{
+    if (PLC_driver.comInfo->remoteMode != 0)
+        Remote_WriteVar(request);
+    else if (!getHandshakeInformation(request->stationNo))
+        HandshakeFunction(request->stationNo);
+    else if (!getAddressType(request))
+        learnClass(*request);
+    else
+        WriteRegister(request);
+}
+
+void encodeRead(RW_VAR* request)
+{
+    if (PLC_driver.comInfo->remoteMode != 0)
+        Remote_ReadVar(request);
+    else if (!getHandshakeInformation(request->stationNo))
+        HandshakeFunction(request->stationNo);
+    else
+        ReadRegister(request);
+}
+
+void serveWrite()
+{
+    PLC_driver.currentList = kWrite;
+    RW_VAR* head = firstEnabled(PLC_driver.writeList);
+    if (!head)
+        return;
+    encodeWrite(head);
+    ++PLC_driver.writeBurst;
+}
+
+void serveOneShot()
+{
+    PLC_driver.currentList = kOneShotRead;
+    RW_VAR* head = firstEnabled(PLC_driver.onceReadList);
+    if (!head)
+        return;
+    encodeRead(head);
+    ++PLC_driver.onceBurst;
+}
+
+void setPassComplete(int complete)
+{
+    LeafLocker lock(driverstate::leaf);
+    PLC_driver.comInfo->passComplete = complete;
+}
+
+void serveCyclic()
+{
+    if (sizeOf(PLC_driver.readList) == 0) {
+        setPassComplete(1);
+    } else {
+        PLC_driver.currentList = kCyclicRead;
+        RW_VAR* head = nextCyclic();
+        if (!head)
+            return;
+        encodeRead(head);
+    }
+    PLC_driver.writeBurst = 0;
+    PLC_driver.onceBurst = 0;
+}
+
+// ---- Receive dispatcher
+// --------------------------------------------------------------------------
+
+// Outcomes of judging a reply, as GetDriverReturnValue() takes them.
+enum ReplyOutcome {
+    kAccepted = 0,
+    kRejected = 1,
+    kNoReply = 2,
+    kWrongLength = 3,
+    kRemoteNotStored = 4,
+    kRemoteRejected = 5,
+    kRemoteNoReply = 6,
+    kRemoteWrongLength = 7
+};
+
+// Values of result.retValue.
+enum ReturnValue {
+    kNotFinished = 0,
+    kDone = 1,
+    kDoneNotStored = 100,
+    kUnknownOutcome = 200,
+    kNoConnection = 201
+};
+
+enum FinishStatus { kStatusDone = 1, kStatusFailed = 2 };
+
+const int kHandshakeFrames = 2;
+const int kConnectionRequestInFlight = 1;
+const int kConnectionAttempts = 4;
+const int kJudgements = 11;
+// A length that no reply has: the next call fails with a length error.
+const int kNoReplyLength = 999;
+
+void increment(int& word)
+{
+    word = static_cast<int>(static_cast<unsigned int>(word) + 1u);
+}
+
+void takeHandshakeReply(const QByteArray* reply, int station, int& readNumber)
+{
+    QList<Protocol>& queue = PLC_driver.sendQueue;
+    ComInfo& settings = *PLC_driver.comInfo;
+    if (HandshakeFunctionCheck(reply) == 1) {
+        readNumber = 0;
+        queue.removeFirst();
+        increment(settings.framesAnswered);
+        if (settings.framesAnswered == kHandshakeFrames) {
+            queue.clear();
+            setHandshakeInformation(station, true);
+        }
+        return;
+    }
+    PLC_driver.result.retValue = kNoConnection;
+    if (settings.framesAnswered != kConnectionRequestInFlight) {
+        queue.clear();
+        return;
+    }
+    if (++readNumber < kConnectionAttempts) {
+        frame::repatchConnectionRequest(queue.first(), station, true);
+    } else {
+        readNumber = 0;
+        queue.clear();
+    }
+}
+
+void judgeVariableLength(const QByteArray* reply, int length, int& readNumber)
+{
+    Protocol& head = PLC_driver.sendQueue.first();
+    if (DataIntegrityJudgment(reply) == 1) {
+        readNumber = 0;
+        head.replyLength = length;
+        return;
+    }
+    if (++readNumber < kJudgements) {
+        PLC_driver.result.retValue = kNotFinished;
+    } else {
+        readNumber = 0;
+        head.replyLength = kNoReplyLength;
+    }
+}
+
+bool sameVariable(const RW_VAR& a, const RW_VAR& b)
+{
+    return a.varType == b.varType && a.varIndex == b.varIndex;
+}
+
+// True when a later entry belongs to the same variable as the head.
+bool continuesLater(const QList<RW_VAR>& list)
+{
+    for (int i = 1; i < list.size(); ++i) {
+        if (sameVariable(list.at(i), list.first()))
+            return true;
+    }
+    return false;
+}
+
+// A variable that is split into several entries is reported done once, behind its last; a failure
+// is reported at once.
+void tellFinished(const RW_VAR& request, bool last)
+{
+    const bool failed = driverstate::failed();
+    if (PLC_driver.finishCallback && (last || failed)) {
+        PLC_driver.finishCallback(PLC_driver.comInfo->callbackChannel, request.varType,
+                                  request.varIndex, failed ? kStatusFailed : kStatusDone);
+    }
+}
+
+void retire(QList<RW_VAR>& list, bool callBack)
+{
+    const RW_VAR* head = headOf(list);
+    if (!head)
+        return;
+    if (callBack) {
+        bool last;
+        {
+            LeafLocker lock(driverstate::leaf);
+            last = !continuesLater(list);
+        }
+        tellFinished(*head, last);
+    }
+    passRetValue(*head, PLC_driver.result);
+    removeHead(list);
+}
+
+void completeRequest(bool local)
+{
+    switch (PLC_driver.currentList) {
+    case kWrite:
+        retire(PLC_driver.writeList, true);
+        break;
+    case kOneShotRead:
+        retire(PLC_driver.onceReadList, local);
+        break;
+    case kCyclicRead:
+        if (const RW_VAR* head = headOf(PLC_driver.readList)) {
+            passRetValue(*head, PLC_driver.result);
+            rotate(PLC_driver.readList);
+        }
+        break;
+    default:
+        break;
+    }
+}
+
+void dropOneShotsOfResult(bool ofItsStationOnly)
+{
+    const RW_VAR& result = PLC_driver.result;
+    LeafLocker lock(driverstate::leaf);
+    QList<RW_VAR>& reads = PLC_driver.onceReadList;
+    for (int i = reads.size() - 1; i >= 0; --i) {
+        const bool stationMatches = !ofItsStationOnly || reads.at(i).stationNo == result.stationNo;
+        if (stationMatches && sameVariable(reads.at(i), result))
+            reads.removeAt(i);
+    }
+}
+
+void dropWritesOfStation(int station)
+{
+    QList<RW_VAR>& writes = PLC_driver.writeList;
+    for (int i = writes.size() - 1; i >= 0; --i) {
+        if (writes.at(i).stationNo == station)
+            writes.removeAt(i);
+    }
+}
+
+void followUpFailure()
+{
+    if (PLC_driver.refreshCallback) {
+        QList<RW_VAR> none;
+        PLC_driver.refreshCallback(&none, PLC_driver.result.varType, 1);
+    }
+    const bool multiStation = PLC_driver.comInfo->multiStation != 0;
+    dropOneShotsOfResult(multiStation);
+    if (multiStation)
+        dropWritesOfStation(PLC_driver.result.stationNo);
+    else
+        PLC_driver.writeList.clear();
+}
+
+void noteSuccess()
+{
+    LeafLocker lock(driverstate::leaf);
+    PLC_driver.errorFlag = false;
+}
+
+void noteFailure()
+{
+    LeafLocker lock(driverstate::leaf);
+    PLC_driver.errorFlag = true;
+    PLC_driver.readCycleCount = 0;
+    PLC_driver.comInfo->passComplete = 0;
+}
+
+void countCycle()
+{
+    LeafLocker lock(driverstate::leaf);
+    if (PLC_driver.comInfo->passComplete != 0)
+        return;
+    increment(PLC_driver.readCycleCount);
+    if (PLC_driver.readCycleCount > PLC_driver.readList.size()) {
+        PLC_driver.readCycleCount = 0;
+        PLC_driver.comInfo->passComplete = 1;
+    }
+}
+
+void takeGoodReply(int code, bool local, int station)
+{
+    ComInfo& settings = *PLC_driver.comInfo;
+    noteSuccess();
+    PLC_driver.sendQueue.removeFirst();
+    increment(settings.framesAnswered);
+    const bool outstanding = settings.framesAnswered < settings.frameCount;
+    if (!outstanding && local)
+        countCycle();
+    addPlcNumber(station);
+    QMutexLocker lock(&PLC_driver.listMutex);
+    if (!outstanding)
+        completeRequest(local);
+    PLC_driver.result.retValue = code;
+}
+
+void takeFailure(int code, bool local, int station)
+{
+    ComInfo& settings = *PLC_driver.comInfo;
+    noteFailure();
+    increment(settings.failureCount);
+    const bool dropped = settings.failureCount > settings.retryLimit;
+    if (dropped) {
+        settings.failureCount = 0;
+        PLC_driver.sendQueue.clear();
+        setHandshakeInformation(station, false);
+    }
+    QMutexLocker lock(&PLC_driver.listMutex);
+    if (dropped) {
+        completeRequest(local);
+        followUpFailure();
+    }
+    PLC_driver.result.retValue = dropped ? code : int(kNotFinished);
+}
+
+void finishTransaction(QByteArray* reply, int length, int station)
+{
+    const bool local = PLC_driver.sendQueue.first().var.linkId == PLC_driver.comInfo->localLink;
+    const int code =
+        local ? DealDataOfLocalArea(reply, length) : DealDataOfRemoteArea(reply, length);
+    if (code == kDone || code == kDoneNotStored)
+        takeGoodReply(code, local, station);
+    else
+        takeFailure(code, local, station);
+}
+
+// What the reply's length says before its content is looked at.
+ReplyOutcome judgeLength(int length)
+{
+    if (PLC_driver.sendQueue.isEmpty())
+        return kNoReply;
+    const int expected = PLC_driver.sendQueue.first().replyLength;
+    if (length == 0 && expected != 0)
+        return kNoReply;
+    return expected != length && expected != frame::kVariableLength ? kWrongLength : kAccepted;
+}
+
+} // namespace
+
+// ---- Driver object
+// -------------------------------------------------------------------------------
+
+Device_Driver::Device_Driver()
+    : comInfo(nullptr), finishCallback(nullptr), refreshCallback(nullptr),
+      listMutex(QMutex::NonRecursive), dataMutex(QMutex::NonRecursive),
+      stationMutex(QMutex::NonRecursive), result(), currentList(kNoListYet), writeBurst(0),
+      onceBurst(0), readCycleCount(0), errorFlag(false), spareFlag(false)
+{
+}
+
+// ---- Poll cycle
+// ----------------------------------------------------------------------------------
+
+Protocol* ComCommunication()
+{
+    if (!PLC_driver.sendQueue.isEmpty())
+        return headOfQueue();
+    QMutexLocker lock(&PLC_driver.listMutex);
+    if (!PLC_driver.comInfo)
+        return nullptr;
+    if (!PLC_driver.writeList.isEmpty() && PLC_driver.writeBurst < kLongestBurst)
+        serveWrite();
+    else if (sizeOf(PLC_driver.onceReadList) > 0 && PLC_driver.onceBurst < kLongestBurst)
+        serveOneShot();
+    else
+        serveCyclic();
+    return headOfQueue();
+}
+
+RW_VAR* DataCom(QByteArray* reply, int length)
+{
+    static int readNumber = 0;
+    PLC_driver.result.retValue = kDone;
+    if (PLC_driver.sendQueue.isEmpty())
+        return &PLC_driver.result;
+    if (!PLC_driver.comInfo) {
+        PLC_driver.result.retValue = kNotFinished;
+        return &PLC_driver.result;
+    }
+    const int station = PLC_driver.sendQueue.first().var.stationNo;
+    if (!getHandshakeInformation(station))
+        takeHandshakeReply(reply, station, readNumber);
+    else if (PLC_driver.sendQueue.first().replyLength == frame::kVariableLength)
+        judgeVariableLength(reply, length, readNumber);
+    else
+        finishTransaction(reply, length, station);
+    return &PLC_driver.result;
+}
+
+int DealDataOfLocalArea(QByteArray* reply, int length)
+{
+    const ReplyOutcome outcome = judgeLength(length);
+    if (outcome != kAccepted)
+        return GetDriverReturnValue(outcome);
+    const int verdict = CheckGetData(reply, length);
+    if (verdict == 1) {
+        QMutexLocker lock(&PLC_driver.dataMutex);
+        SaveToLocalDataErea(reply);
+    }
+    return GetDriverReturnValue(verdict == 1 || verdict == 2 ? kAccepted : kRejected);
+}
+
+int DealDataOfRemoteArea(QByteArray* reply, int length)
+{
+    const ReplyOutcome outcome = judgeLength(length);
+    if (outcome != kAccepted)
+        return GetDriverReturnValue(outcome == kNoReply ? kRemoteNoReply : kRemoteWrongLength);
+    const int verdict = CheckGetData(reply, length);
+    if (verdict != 1 && verdict != 2)
+        return GetDriverReturnValue(kRemoteRejected);
+    if (PLC_driver.sendQueue.first().var.reqFlag != -1)
+        return GetDriverReturnValue(kRemoteNotStored);
+    SaveToLocalDataErea(reply);
+    const bool partial = PLC_driver.comInfo && PLC_driver.comInfo->framesAnswered == 1;
+    return GetDriverReturnValue(partial ? kRemoteNotStored : kAccepted);
+}
+
+// ---- Return codes and debug log
+// ------------------------------------------------------------------
+
+int GetDriverReturnValue(int outcome)
+{
+    switch (outcome) {
+    case kAccepted:
+        return kDone;
+    case kRejected:
+        return SwitchErrorReturn(10);
+    case kNoReply:
+        return SwitchErrorReturn(40);
+    case kWrongLength:
+        return SwitchErrorReturn(70);
+    case kRemoteNotStored:
+        return kDoneNotStored;
+    case kRemoteRejected:
+        return SwitchErrorReturn(110);
+    case kRemoteNoReply:
+        return SwitchErrorReturn(140);
+    case kRemoteWrongLength:
+        return SwitchErrorReturn(170);
+    default:
+        return kUnknownOutcome;
+    }
+}
+
+int SwitchErrorReturn(int base)
+{
+    const int kind = PLC_driver.sendQueue.isEmpty() ? 0 : PLC_driver.sendQueue.first().var.varType;
+    const int fine = kind >= 1 && kind <= 11 ? kind : 0;
+    return static_cast<int>(static_cast<unsigned int>(base) + 1u + static_cast<unsigned int>(fine));
+}
+
+void customMessageHandler(QtMsgType, const char* message)
+{
+    static QMutex logMutex;
+    static bool check = true;
+    // A message that the writing itself causes would wait for the lock that its cause holds.
+    static __thread bool writing = false;
+    if (writing)
+        return;
+    writing = true;
+    {
+        QMutexLocker lock(&logMutex);
+        QFile file(QLatin1String("debug.log"));
+        const bool opened =
+            file.open(QIODevice::WriteOnly | (check ? QIODevice::Truncate : QIODevice::Append));
+        check = false;
+        if (opened) {
+            const QDateTime now = QDateTime::currentDateTime();
+            QTextStream line(&file);
+            // Put together by hand: Qt 5 drops a fraction's trailing zeros where Qt 4 writes the
+            // milliseconds as a number.
+            line << now.toString(QLatin1String("yyyy.MM.dd.hh:mm:ss.")) << now.time().msec() << ':'
+                 << QString::fromLatin1(message) << '\n';
+            line.flush();
+        }
+    }
+    writing = false;
+}
+
+// ---- Catalogue of variable names
+// -----------------------------------------------------------------
+
+void PassVarName(QList<varName>* list)
+{
+    const int kIndexed = 2;
+    if (!list)
+        return;
+    LeafLocker lock(tagstore::leaf);
+    for (int i = 0; i < list->size(); ++i) {
+        if (list->at(i).kind == kIndexed)
+            plcAddList.insert(list->at(i).name, list->at(i));
+    }
+}
+
+bool getPassVarName(QString name)
+{
+    LeafLocker lock(tagstore::leaf);
+    return plcAddList.constFind(name) != plcAddList.constEnd();
+}
+
+int updateRwVar(RW_VAR* request)
+{
+    if (request) {
+        LeafLocker lock(tagstore::leaf);
+        tagstore::completeRequest(*request);
+    }
+    return 1;
+}
+
+void passRetValue(const RW_VAR& from, RW_VAR& to)
+{
+    to = from;
+    to.data.clear();
+}

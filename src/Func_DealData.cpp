@@ -1,0 +1,87 @@
+#include "Func_DealData.h"
+
+#include "tagcommunication.h"
+
+#include <cstring>
+
+namespace {
+
+/// What of a reply is stored, and where.
+struct ReplyValue
+{
+    QByteArray type;
+    QByteArray bytes;
+    int typeClass;
+};
+
+ReplyValue valueOf(const QByteArray& reply, int dataStart)
+{
+    ReplyValue value;
+    value.type = reply.mid(frame::kValueType, 2);
+    value.typeClass = getRegType(value.type);
+    const int size = reply.size() - frame::kTrailerSize - dataStart;
+    if (dataStart >= 0 && size > 0)
+        value.bytes = reply.mid(dataStart, size);
+    if (value.typeClass == tagstore::kShortString)
+        value.bytes.remove(0, 1); // the string's length
+    return value;
+}
+
+// The type is learnt from the first good reply and never rewritten.
+void confirmType(QByteArray& info, const ReplyValue& value)
+{
+    if (tagstore::isConfirmed(info))
+        return;
+    frame::growTo(info, tagstore::kInfoSize);
+    info[tagstore::kClass] = static_cast<char>(value.typeClass);
+    info[tagstore::kTypeLow] = static_cast<char>(frame::byteAt(value.type, 0));
+    info[tagstore::kTypeHigh] = static_cast<char>(frame::byteAt(value.type, 1));
+    info[tagstore::kConfirmation] = '\xFF';
+}
+
+// Byte position of the reply's first value byte in the tag's image, -1 where nothing is to be
+// stored.
+qint64 positionFor(const RW_VAR& request, int typeClass)
+{
+    if (request.reqFlag == 0)
+        return 0;
+    const bool indexable =
+        request.startAddress >= 0 && request.startAddress <= tagstore::kLargestValue;
+    if (request.reqFlag != 1 || !indexable)
+        return -1;
+    unsigned int position = static_cast<unsigned int>(request.startAddress);
+    unsigned int count = static_cast<unsigned int>(request.count);
+    getPlcAdd(typeClass, position, count);
+    return position;
+}
+
+// Elements stand in the image as in the reply, so a run of them is copied as it is, a partial last
+// element up to the end of the reply. The image only grows; bytes outside the run keep their
+// values.
+void storeValue(PLCTAGCOMMUNICATION& station, const QString& tagName, qint64 position,
+                const QByteArray& bytes)
+{
+    const qint64 end = position + bytes.size();
+    if (position < 0 || bytes.isEmpty() || end > tagstore::kLargestValue)
+        return;
+    QByteArray& image = station.tagData[tagName];
+    frame::growTo(image, static_cast<int>(end));
+    std::memcpy(image.data() + position, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+}
+
+} // namespace
+
+void SaveToLocalDataErea(QByteArray* reply)
+{
+    if (!reply || PLC_driver.sendQueue.isEmpty())
+        return;
+    *reply = getRecoverData(*reply, true);
+    const Protocol& head = PLC_driver.sendQueue.first();
+    const ReplyValue value = valueOf(*reply, head.auxLength);
+    const qint64 position = positionFor(head.var, value.typeClass);
+
+    LeafLocker lock(tagstore::leaf);
+    PLCTAGCOMMUNICATION& station = PLCDataStorage[head.var.stationNo];
+    confirmType(station.tagInfo[head.var.tagName], value);
+    storeValue(station, head.var.tagName, position, value.bytes);
+}

@@ -1,0 +1,131 @@
+#include "Func_Write.h"
+
+#include "Func_GetOrSetData.h"
+#include "tagcommunication.h"
+
+namespace {
+
+// Head of a connected Write Tag Fragmented request, patched as the read request's.
+const char kWriteTemplate[] = "10 06 10 02 00 01 0A 00 A4 00 00 00 B5 9C AB 45 53 07 91";
+const int kRequestTail = 32; // element segment, type, count, byte offset, DLE ETX, CRC
+
+/// What the encoder needs of the station's record.
+struct WriteContext
+{
+    frame::Header header;
+    QByteArray info;
+};
+
+WriteContext contextOf(const RW_VAR& request)
+{
+    LeafLocker lock(tagstore::leaf);
+    PLCTAGCOMMUNICATION& station = PLCDataStorage[request.stationNo];
+    WriteContext context = {frame::headerOf(station), station.tagInfo[request.tagName]};
+    return context;
+}
+
+// Pads with 00 or cuts to exactly `size` bytes. A size that no controller can take leaves the bytes
+// alone: the controller then refuses the write, as count and bytes disagree.
+void fit(QByteArray& data, qint64 size)
+{
+    if (size > tagstore::kLargestValue)
+        return;
+    const int wanted = static_cast<int>(qMax<qint64>(size, 0));
+    frame::growTo(data, wanted);
+    data.truncate(wanted);
+}
+
+// The host hands one 16-bit word per 8-bit element, value in the low byte.
+void fitLowBytes(QByteArray& data, int count)
+{
+    if (count > tagstore::kLargestValue)
+        return;
+    QByteArray low(qMax(count, 0), '\0');
+    for (int i = 0; i < low.size() && 2 * i < data.size(); ++i)
+        low[i] = data.at(2 * i);
+    data = low;
+}
+
+int elementsOf(int words, int wordsPerElement)
+{
+    return static_cast<int>((qint64(words) + wordsPerElement - 1) / wordsPerElement);
+}
+
+/// Brings `request.data` into the layout of the class; the number of elements to announce.
+int reshape(RW_VAR& request, const QByteArray& info)
+{
+    const int count = request.count;
+    const int typeClass =
+        info.isEmpty() ? int(tagstore::kBool) : frame::byteAt(info, tagstore::kClass);
+    int elements = count;
+    switch (typeClass) {
+    case tagstore::kBool:
+        fit(request.data, count);
+        break;
+    case tagstore::kShortString:
+        request.data.prepend(static_cast<char>(request.data.size() & 0xFF));
+        elements = 1;
+        break;
+    case tagstore::kByte:
+        fitLowBytes(request.data, count);
+        break;
+    case tagstore::kWord:
+        fit(request.data, 2 * qint64(count));
+        break;
+    case tagstore::kDoubleWord:
+        elements = elementsOf(count, 2);
+        fit(request.data, 4 * qint64(elements));
+        break;
+    case tagstore::kQuadWord:
+        elements = elementsOf(count, 4);
+        fit(request.data, 8 * qint64(elements));
+        break;
+    default:
+        break;
+    }
+    return elements;
+}
+
+bool takesElement(const RW_VAR& request, const QByteArray& info)
+{
+    return request.reqFlag != 0 &&
+           (info.isEmpty() || frame::byteAt(info, tagstore::kClass) != tagstore::kShortString);
+}
+
+void tellHost(RW_VAR* request)
+{
+    if (PLC_driver.refreshCallback) {
+        QList<RW_VAR> none;
+        PLC_driver.refreshCallback(&none, request->varType, 1);
+    }
+    if (!driverstate::failed())
+        WriteDataToLocal(request);
+}
+
+} // namespace
+
+void WriteRegister(RW_VAR* request)
+{
+    if (!request)
+        return;
+    static const QByteArray head = frame::fromHexText(kWriteTemplate);
+    const WriteContext context = contextOf(*request);
+    const int elements = reshape(*request, context.info);
+
+    QByteArray bytes;
+    bytes.reserve(head.size() + request->tagName.size() + request->data.size() + kRequestTail);
+    bytes.append(head);
+    frame::appendTagName(bytes, request->tagName);
+    if (takesElement(*request, context.info))
+        frame::appendElement(bytes, request->startAddress);
+    frame::patchPathSize(bytes);
+    bytes.append(static_cast<char>(frame::byteAt(context.info, tagstore::kTypeLow)));
+    bytes.append(static_cast<char>(frame::byteAt(context.info, tagstore::kTypeHigh)));
+    frame::appendCount(bytes, elements);
+    bytes.append(request->data);
+    frame::patchHeader(bytes, context.header);
+
+    frame::queue(frame::closed(bytes), frame::kVariableLength, 0, *request);
+    frame::beginExchange(1);
+    tellHost(request);
+}
