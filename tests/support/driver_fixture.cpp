@@ -1,0 +1,153 @@
+#include "driver_fixture.h"
+
+#include <QtCore/QFile>
+
+std::vector<DriverTest::Finished> DriverTest::finished;
+std::vector<DriverTest::Refreshed> DriverTest::refreshed;
+
+namespace {
+
+// Runs one good handshake reply through the dispatcher: the only way to reset its count of
+// attempts, which outlives every other state.
+void resetAttempts(ComInfo& settings)
+{
+    const int station = -777;
+    PLC_driver.comInfo = &settings;
+    PLC_driver.sendQueue.clear();
+    HandshakeFunction(station);
+    QByteArray reply = wire::identityReply(0);
+    DataCom(&reply, reply.size());
+}
+
+void resetDriver()
+{
+    PLC_driver.comInfo = nullptr;
+    PLC_driver.readList.clear();
+    PLC_driver.writeList.clear();
+    PLC_driver.onceReadList.clear();
+    PLC_driver.spareList.clear();
+    PLC_driver.sendQueue.clear();
+    PLC_driver.extendList.clear();
+    PLC_driver.disabledStations.clear();
+    PLC_driver.finishCallback = nullptr;
+    PLC_driver.refreshCallback = nullptr;
+    PLC_driver.result = RW_VAR();
+    PLC_driver.currentList = 100;
+    PLC_driver.writeBurst = 0;
+    PLC_driver.onceBurst = 0;
+    PLC_driver.readCycleCount = 0;
+    PLC_driver.errorFlag = false;
+    PLC_driver.spareFlag = false;
+    plcAddList.clear();
+    PLCDataStorage.clear();
+    LB = LW = RWI = nullptr;
+}
+
+} // namespace
+
+DriverTest::DriverTest() : settings()
+{
+    resetAttempts(settings);
+    resetDriver();
+    settings = ComInfo();
+    settings.defaultStation = 1;
+    settings.retryLimit = 2;
+    settings.multiStation = 1;
+    settings.localLink = 7;
+    settings.writeMode = 2;
+    settings.callbackChannel = 9;
+    finished.clear();
+    refreshed.clear();
+    SetComInfo(&settings);
+    RegistCallBackFuncIntf(
+        [](int channel, int varType, int varIndex, int status) {
+            finished.push_back({channel, varType, varIndex, status});
+        },
+        [](QList<RW_VAR>* list, int varType, int flag) {
+            refreshed.push_back({list != nullptr, list ? list->size() : -1, varType, flag});
+        });
+}
+
+DriverTest::~DriverTest()
+{
+    EXPECT_TRUE(locksAreFree()) << "a lock of the driver was left held";
+    ComInfo spare = ComInfo();
+    resetAttempts(spare);
+    resetDriver();
+}
+
+RW_VAR DriverTest::readOf(const char* tag, int element, int count)
+{
+    RW_VAR request = RW_VAR();
+    request.varType = 3;
+    request.varIndex = 1;
+    request.linkId = settings.localLink;
+    request.tagName = QString::fromLatin1(tag);
+    request.addressText = QString::number(element);
+    request.areaType = 5;
+    request.startAddress = element;
+    request.stationNo = 1;
+    request.count = count;
+    request.reqFlag = 1;
+    return request;
+}
+
+RW_VAR DriverTest::writeOf(const char* tag, const QByteArray& value, int element, int count)
+{
+    RW_VAR request = readOf(tag, element, count);
+    request.accessMode = 1;
+    request.onceFlag = 2;
+    request.data = value;
+    return request;
+}
+
+void DriverTest::declareIndexed(const char* tag)
+{
+    varName name = varName();
+    name.name = QString::fromLatin1(tag);
+    name.kind = 2;
+    QList<varName> names;
+    names.append(name);
+    PassVarName(&names);
+}
+
+void DriverTest::connectStation(int station, const QByteArray& connectionId, quint16 counter)
+{
+    PLCTAGCOMMUNICATION& record = PLCDataStorage[station];
+    record.handshakeDone = true;
+    record.connectionId = connectionId;
+    record.transactionCounter = counter;
+}
+
+void DriverTest::confirm(const char* tag, quint8 typeClass, quint16 type, int station)
+{
+    PLCDataStorage[station].tagInfo[QString::fromLatin1(tag)] =
+        wire::little(typeClass, 1) + wire::little(type, 2) + wire::hex("FF");
+}
+
+int DriverTest::answer(const QByteArray& reply)
+{
+    QByteArray bytes = reply;
+    DataCom(&bytes, bytes.size());
+    return DataCom(&bytes, bytes.size())->retValue;
+}
+
+int DriverTest::timeOut()
+{
+    QByteArray nothing;
+    return DataCom(&nothing, 0)->retValue;
+}
+
+bool DriverTest::isFree(QMutex& mutex)
+{
+    const bool free = mutex.tryLock();
+    if (free)
+        mutex.unlock();
+    return free;
+}
+
+bool DriverTest::locksAreFree()
+{
+    return isFree(PLC_driver.listMutex) && isFree(PLC_driver.dataMutex) &&
+           isFree(PLC_driver.stationMutex);
+}

@@ -1,0 +1,75 @@
+#ifndef MICRO850_TESTS_DRIVER_FIXTURE_H
+#define MICRO850_TESTS_DRIVER_FIXTURE_H
+
+#include "Device_Driver.h"
+#include "Func_Check.h"
+#include "Func_DealData.h"
+#include "Func_GetOrSetData.h"
+#include "Func_Initi.h"
+#include "Func_Read.h"
+#include "Func_Remote.h"
+#include "Func_Write.h"
+#include "tagcommunication.h"
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+/// Shows bytes as hexadecimal text in a failed comparison.
+#define EXPECT_BYTES(actual, expected) EXPECT_EQ(wire::text(actual), wire::text(expected))
+
+/// A driver as it is after loading, with a settings record of zeros but for the words set here and
+/// callbacks that write down what they are told. Every global is put back for each test, so tests
+/// pass in any order and alone.
+class DriverTest : public ::testing::Test
+{
+protected:
+    struct Finished
+    {
+        int channel, varType, varIndex, status;
+        bool operator==(const Finished& o) const
+        {
+            return channel == o.channel && varType == o.varType && varIndex == o.varIndex &&
+                   status == o.status;
+        }
+    };
+    struct Refreshed
+    {
+        bool listGiven;
+        int listSize, varType, flag;
+    };
+
+    DriverTest();
+    ~DriverTest() override;
+
+    /// The settings of most tests: station 1, retry limit 2, several stations, local link 7 (so
+    /// that a link of 0 is remote), queued writes, callback channel 9.
+    ComInfo settings;
+    static std::vector<Finished> finished;
+    static std::vector<Refreshed> refreshed;
+
+    /// A request with every field set: reads one element of `tag` on the local link of station 1.
+    RW_VAR readOf(const char* tag, int element = 0, int count = 1);
+    RW_VAR writeOf(const char* tag, const QByteArray& value, int element = 0, int count = 1);
+
+    /// Puts a name into the catalogue, as a host that declares an array does.
+    void declareIndexed(const char* tag);
+    /// Puts a station into the connected state without any frame.
+    void connectStation(int station = 1, const QByteArray& connectionId = wire::hex("5A 3C"),
+                        quint16 counter = 0x21);
+    /// Makes a tag's class known without any frame.
+    void confirm(const char* tag, quint8 typeClass, quint16 type, int station = 1);
+
+    /// Hands a complete reply of varying length to DataCom twice, as a host does, and gives the
+    /// code.
+    int answer(const QByteArray& reply);
+    /// Answers nothing, as a host does after a time-out.
+    int timeOut();
+
+    /// True when the lock is free; leaves it free.
+    static bool isFree(QMutex& mutex);
+    static bool locksAreFree();
+};
+
+#endif
