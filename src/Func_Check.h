@@ -38,8 +38,11 @@ const unsigned int kReflectedPolynomial = 0xA001;
 inline unsigned int extended(unsigned int crc, quint8 byte, unsigned int polynomial)
 {
     crc ^= byte;
+#if defined(__GNUC__) && __GNUC__ >= 8
+#pragma GCC unroll 8
+#endif
     for (int bit = 0; bit < 8; ++bit)
-        crc = (crc & 1) ? (crc >> 1) ^ polynomial : crc >> 1;
+        crc = (crc >> 1) ^ (polynomial & (0u - (crc & 1u)));
     return crc;
 }
 
