@@ -1,0 +1,44 @@
+#ifndef MICRO850_TESTS_LOCK_WITNESS_H
+#define MICRO850_TESTS_LOCK_WITNESS_H
+
+#include <QtCore/QMutex>
+
+#include <vector>
+
+/// Writes down the mutexes that the calling thread locks, in order, while the witness lives. A
+/// program that uses it puts itself between the driver and Qt's QMutex::lock() and unlock(), so a
+/// lock that went missing, or is not given back, is noticed without a race having to happen.
+class LockWitness
+{
+public:
+    LockWitness();
+    ~LockWitness();
+    LockWitness(const LockWitness&) = delete;
+    LockWitness& operator=(const LockWitness&) = delete;
+
+    /// Every mutex locked so far, in order.
+    const std::vector<const QMutex*>& locked() const { return m_locked; }
+    /// How often this mutex was locked.
+    int timesLocked(const QMutex& mutex) const;
+    /// True when `inner` was locked at least once while `outer` was held.
+    bool nested(const QMutex& outer, const QMutex& inner) const;
+    /// True when exactly one mutex was locked, once, and is given back.
+    bool oneStep() const { return m_locked.size() == 1 && m_held.empty(); }
+    /// True when all that was locked is given back.
+    bool balanced() const { return m_held.empty(); }
+
+    void noteLock(const QMutex* mutex);
+    void noteUnlock(const QMutex* mutex);
+
+private:
+    struct Pair
+    {
+        const QMutex *outer, *inner;
+    };
+    LockWitness* m_before;
+    std::vector<const QMutex*> m_locked;
+    std::vector<const QMutex*> m_held;
+    std::vector<Pair> m_pairs;
+};
+
+#endif

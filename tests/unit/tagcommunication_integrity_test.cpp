@@ -1,0 +1,295 @@
+// Closing, doubling and undoubling of frames, and the judgement of a reply.
+
+#include "driver_fixture.h"
+
+using wire::hex;
+
+namespace {
+
+QByteArray doubled(const char* frame)
+{
+    return getRecoverData(hex(frame), false);
+}
+
+QByteArray undoubled(const char* frame)
+{
+    return getRecoverData(hex(frame), true);
+}
+
+int judged(const QByteArray& reply)
+{
+    return DataIntegrityJudgment(&reply);
+}
+
+// A reply of exactly so many bytes with data that needs no doubling.
+QByteArray replyOfSize(int size)
+{
+    return wire::framed(QByteArray(size - 8, '\x55'));
+}
+
+const char kIdentity[] = "10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03";
+
+TEST(DataCrc, ClosesTheIdentityRequest)
+{
+    EXPECT_EQ(checkDataCrc(hex(kIdentity)), 0x358Eu);
+}
+
+TEST(DataCrc, CoversTheDataAndTheEtxOnly)
+{
+    EXPECT_EQ(checkDataCrc(hex("10 06 10 02 41 42 10 03")), wire::crc16Arc(hex("41 42 03")));
+    EXPECT_EQ(checkDataCrc(hex("AA 06 BB CC 41 42 DD EE")), wire::crc16Arc(hex("41 42 03")));
+}
+
+TEST(DataCrc, DropsTwoBytesOfABareFrame)
+{
+    EXPECT_EQ(checkDataCrc(hex("10 02 41 42 10 03")), wire::crc16Arc(hex("41 42 03")));
+}
+
+TEST(DataCrc, KeepsEveryByteInFrontOfTheEndWithoutAHeader)
+{
+    EXPECT_EQ(checkDataCrc(hex("41 42 43 10 03")), wire::crc16Arc(hex("41 42 43 03")));
+    EXPECT_EQ(checkDataCrc(hex("06 10 02 43 10 03")), wire::crc16Arc(hex("06 10 02 43 03")));
+}
+
+TEST(DataCrc, OfAFrameWithoutDataIsThatOfTheEtxAlone)
+{
+    const unsigned int etxOnly = wire::crc16Arc(hex("03"));
+    for (const char* frame : {"", "10", "10 03", "10 06", "10 02", "10 06 10", "10 06 10 02",
+                              "10 02 10", "10 02 10 03", "10 06 10 02 10", "10 06 10 02 10 03"})
+        EXPECT_EQ(checkDataCrc(hex(frame)), etxOnly) << frame;
+}
+
+TEST(DataCrc, TakesDataBytesAsUnsigned)
+{
+    EXPECT_EQ(checkDataCrc(hex("10 06 10 02 80 FF FE 10 03")), wire::crc16Arc(hex("80 FF FE 03")));
+}
+
+TEST(Doubling, SendsEachDleOfTheDataTwice)
+{
+    EXPECT_BYTES(doubled("10 06 10 02 10 20 10 03 AA BB"), hex("10 06 10 02 10 10 20 10 03 AA BB"));
+    EXPECT_BYTES(doubled("10 06 10 02 10 10 10 10 03 AA BB"),
+                 hex("10 06 10 02 10 10 10 10 10 10 10 03 AA BB"));
+}
+
+TEST(Doubling, LeavesDataWithoutADleAlone)
+{
+    EXPECT_BYTES(doubled("10 06 10 02 00 41 10 03 AA BB"), hex("10 06 10 02 00 41 10 03 AA BB"));
+}
+
+TEST(Doubling, LeavesTheCrcSingle)
+{
+    EXPECT_BYTES(doubled("10 06 10 02 41 10 03 10 BB"), hex("10 06 10 02 41 10 03 10 BB"));
+    EXPECT_BYTES(doubled("10 06 10 02 41 10 03 10 10"), hex("10 06 10 02 41 10 03 10 10"));
+}
+
+TEST(Doubling, EndsInFrontOfTheLastFourBytes)
+{
+    EXPECT_BYTES(doubled("10 06 10 02 41 10 10 10 10 10"), hex("10 06 10 02 41 10 10 10 10 10 10"));
+    EXPECT_BYTES(doubled("10 06 10 02 10 41 42 43 44"), hex("10 06 10 02 10 10 41 42 43 44"));
+    EXPECT_BYTES(doubled("10 06 10 02 10 42 43 44"), hex("10 06 10 02 10 42 43 44"));
+}
+
+TEST(Doubling, BeginsBehindDleAckDleStx)
+{
+    EXPECT_BYTES(doubled("10 06 10 10 41 42 43 44 45"), hex("10 06 10 10 41 42 43 44 45"));
+    EXPECT_BYTES(doubled("10 06 10 10 10 42 43 44 45"), hex("10 06 10 10 10 10 42 43 44 45"));
+}
+
+TEST(Doubling, BeginsBehindTheFirstTwoBytesOfABareFrame)
+{
+    EXPECT_BYTES(doubled("10 02 10 41 10 03 AA BB"), hex("10 02 10 10 41 10 03 AA BB"));
+    EXPECT_BYTES(doubled("10 10 41 42 43 44 45"), hex("10 10 41 42 43 44 45"));
+    EXPECT_BYTES(doubled("41 42 10 42 43 44 45"), hex("41 42 10 10 42 43 44 45"));
+}
+
+TEST(Doubling, LeavesFramesShorterThanTheirHeaderAndTrailerAlone)
+{
+    for (const char* frame : {"", "10", "10 10", "10 06", "10 10 10", "10 10 10 10",
+                              "10 10 10 10 10", "10 02 10 10 10 10", "10 06 10 10 10 10 10 10"})
+        EXPECT_BYTES(doubled(frame), hex(frame)) << frame;
+}
+
+TEST(Undoubling, MakesEachPairOfDlesOne)
+{
+    EXPECT_BYTES(undoubled("10 10 10 10"), hex("10 10"));
+    EXPECT_BYTES(undoubled("10 10 10"), hex("10 10"));
+    EXPECT_BYTES(undoubled("41 10 10 03 10 10"), hex("41 10 03 10"));
+}
+
+TEST(Undoubling, TreatsHeaderAndCrcAsTheRest)
+{
+    EXPECT_BYTES(undoubled("10 10 06 41 10 03 10 10"), hex("10 06 41 10 03 10"));
+}
+
+TEST(Undoubling, KeepsALoneDle)
+{
+    EXPECT_BYTES(undoubled("10"), hex("10"));
+    EXPECT_BYTES(undoubled("41 10"), hex("41 10"));
+    EXPECT_BYTES(undoubled("10 06 10 02 10 03 AA BB"), hex("10 06 10 02 10 03 AA BB"));
+}
+
+TEST(Undoubling, OfNothingIsNothing)
+{
+    EXPECT_BYTES(undoubled(""), QByteArray());
+}
+
+TEST(Undoubling, ReadsNothingBehindAnArrayThatIsNotTerminated)
+{
+    const char bytes[] = {0x41, 0x10, 0x10};
+    EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 2), true), hex("41 10"));
+    EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 3), true), hex("41 10"));
+}
+
+TEST(Recovering, LeavesTheGivenFrameAlone)
+{
+    const QByteArray frame = hex("10 06 10 02 10 20 10 10 03 AA BB");
+    const QByteArray before = hex("10 06 10 02 10 20 10 10 03 AA BB");
+    getRecoverData(frame, false);
+    getRecoverData(frame, true);
+    EXPECT_BYTES(frame, before);
+}
+
+TEST(Integrity, AcceptsACompleteReply)
+{
+    EXPECT_EQ(judged(wire::readReply(0x21, 0xC3, hex("D2 04"))), 1);
+    EXPECT_EQ(judged(wire::identityReply(1)), 1);
+    EXPECT_EQ(judged(wire::forwardOpenReply(0x10, hex("10 10"))), 1);
+}
+
+TEST(Integrity, AcceptsTwentyFourBytesAndNeverTwentyThree)
+{
+    EXPECT_EQ(judged(replyOfSize(24)), 1);
+    EXPECT_BYTES(replyOfSize(24).mid(20, 2), hex("10 03"));
+    EXPECT_EQ(judged(replyOfSize(23)), 0);
+    EXPECT_EQ(judged(replyOfSize(25)), 1);
+    EXPECT_EQ(judged(QByteArray()), 0);
+    EXPECT_EQ(DataIntegrityJudgment(nullptr), 0);
+}
+
+TEST(Integrity, FindsNoEndInFrontOfIndexTwentyOne)
+{
+    // A frame of 23 bytes with more behind it: its ETX stands at index 20.
+    EXPECT_EQ(judged(replyOfSize(23) + hex("41 42 43")), 0);
+    EXPECT_EQ(judged(replyOfSize(24) + hex("41 42 43")), 1);
+}
+
+TEST(Integrity, NeedsBothCrcBytes)
+{
+    const QByteArray reply = replyOfSize(30);
+    EXPECT_EQ(judged(reply.left(29)), 0);
+    EXPECT_EQ(judged(reply.left(28)), 0);
+    EXPECT_EQ(judged(reply), 1);
+}
+
+TEST(Integrity, RejectsAWrongCrc)
+{
+    QByteArray low = replyOfSize(30);
+    low[28] = static_cast<char>(low.at(28) ^ 1);
+    EXPECT_EQ(judged(low), 0);
+    QByteArray high = replyOfSize(30);
+    high[29] = static_cast<char>(high.at(29) ^ 1);
+    EXPECT_EQ(judged(high), 0);
+    const QByteArray good = replyOfSize(30);
+    ASSERT_NE(good.at(28), good.at(29));
+    EXPECT_EQ(judged(good.left(28) + good.mid(29, 1) + good.mid(28, 1)), 0);
+}
+
+// A reply whose two CRC bytes are as wanted: its last data bytes are searched for.
+QByteArray replyWithCrc(bool (*wanted)(quint8 low, quint8 high))
+{
+    for (unsigned int i = 0; i < 0x10000; ++i) {
+        const QByteArray reply = wire::framed(QByteArray(20, '\x41') + wire::little(i, 2));
+        const auto byte = [&](int back) {
+            return static_cast<quint8>(reply.at(reply.size() - back));
+        };
+        if (wanted(byte(2), byte(1)))
+            return reply;
+    }
+    ADD_FAILURE() << "no such reply";
+    return QByteArray();
+}
+
+TEST(Integrity, ComparesCrcBytesAsUnsigned)
+{
+    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high < 128; })),
+              1);
+    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low < 128 && high > 127; })),
+              1);
+    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high > 127; })),
+              1);
+}
+
+TEST(Integrity, TakesTheCrcAsReceivedEvenWhereItLooksLikeAPairOfDles)
+{
+    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high == 16; })),
+              1);
+    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high != 16; })),
+              1);
+}
+
+TEST(Integrity, GoesOnBehindDataThatLooksLikeAnEnd)
+{
+    // Data 10 03 is sent as 10 10 03: its last two bytes are a candidate.
+    const QByteArray data = QByteArray(20, '\x41') + hex("10 03 42 43 44 45");
+    ASSERT_GT(wire::framed(data).indexOf(hex("10 10 03")), 0);
+    EXPECT_EQ(judged(wire::framed(data)), 1);
+    EXPECT_EQ(judged(wire::framed(QByteArray(20, '\x41') + hex("10 03 10 03 10 03"))), 1);
+}
+
+TEST(Integrity, TakesDataThatLooksLikeAnEndForOneWhereTheCrcFits)
+{
+    // What follows 10 10 03 is the CRC of what came before, by chance.
+    const QByteArray before = QByteArray(20, '\x41');
+    const QByteArray reply = hex("10 06 10 02") + before + hex("10 10 03") +
+                             wire::little(wire::crc16Arc(before + hex("03")), 2);
+    EXPECT_EQ(judged(reply), 1);
+    EXPECT_EQ(judged(reply + hex("42 43 44 10 03 00 00")), 1);
+}
+
+TEST(Integrity, CoversTheUndoubledData)
+{
+    const QByteArray reply = wire::framed(hex("10 41 10 42 10 10 43") + QByteArray(12, '\x10'));
+    EXPECT_EQ(judged(reply), 1);
+}
+
+TEST(Integrity, AcceptsABareFrameAndIgnoresWhatFollows)
+{
+    EXPECT_EQ(judged(wire::framed(QByteArray(18, '\x41')).mid(2)), 1);
+    EXPECT_EQ(judged(replyOfSize(40) + hex("10 06 10 02 00")), 1);
+}
+
+TEST(Integrity, FollowsTheFirstMatchOfSeveralFrames)
+{
+    const QByteArray broken = hex("10 06 10 02") + QByteArray(20, '\x41') + hex("10 03 00 00");
+    EXPECT_EQ(judged(broken), 0);
+    EXPECT_EQ(judged(broken + replyOfSize(30)), 0);
+}
+
+TEST(Integrity, NoticesEverySingleFlippedBitBehindTheHeader)
+{
+    const QByteArray reply = wire::readReply(0x21, 0xC4, hex("01 02 03 04 05 06 07 08"));
+    for (int bit = 4 * 8; bit < reply.size() * 8; ++bit) {
+        QByteArray damaged = reply;
+        damaged[bit / 8] = static_cast<char>(damaged.at(bit / 8) ^ (1 << bit % 8));
+        EXPECT_EQ(judged(damaged), 0) << "bit " << bit;
+    }
+}
+
+TEST(Integrity, NoticesEverySingleLostByteButTheAck)
+{
+    const QByteArray reply = wire::readReply(0x21, 0xC4, hex("01 02 03 04 05 06 07 08"));
+    for (int i = 2; i < reply.size(); ++i)
+        EXPECT_EQ(judged(QByteArray(reply).remove(i, 1)), 0) << "byte " << i;
+    EXPECT_EQ(judged(QByteArray(reply).remove(0, 1)), 0);
+    // Without the ACK the first two DLEs are a pair, so what is left is a bare frame.
+    EXPECT_EQ(judged(QByteArray(reply).remove(1, 1)), 1);
+}
+
+TEST(Integrity, LooksIntoNothingBehindTheGivenLength)
+{
+    const QByteArray reply = replyOfSize(30);
+    const QByteArray cut = QByteArray::fromRawData(reply.constData(), 29);
+    EXPECT_EQ(judged(cut), 0);
+}
+
+} // namespace
