@@ -258,7 +258,7 @@ protected:
         inFlight.var.accessMode = accessMode;
         PLC_driver.sendQueue.append(inFlight);
         Protocol other;
-        other.var.accessMode = 1 - accessMode;
+        other.var.accessMode = accessMode == 0 ? 1 : 0;
         PLC_driver.sendQueue.append(other);
         QByteArray reply;
         const int verdict = CheckGetData(&reply, 0);

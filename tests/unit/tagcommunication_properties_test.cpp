@@ -1,0 +1,160 @@
+// Frame integrity against small models, for frames of every kind.
+
+#include "driver_fixture.h"
+
+#include <rapidcheck/gtest.h>
+
+#include <vector>
+
+using wire::hex;
+
+namespace {
+
+// ---- Models ------------------------------------------------------------------------------------
+
+// Bytes below `from` and the last four are sent as they are.
+QByteArray modelDoubled(const QByteArray& plain)
+{
+    const int from = plain.mid(1, 1) == hex("06") ? 4 : 2;
+    if (plain.size() < from + 4)
+        return plain;
+    return plain.left(from) + wire::withDoubledDle(plain.mid(from, plain.size() - from - 4)) +
+           plain.right(4);
+}
+
+QByteArray modelUndoubled(const QByteArray& wire)
+{
+    return QByteArray(wire).replace(hex("10 10"), hex("10"));
+}
+
+unsigned int modelCrc(const QByteArray& closed)
+{
+    const QByteArray mark = closed.mid(1, 1);
+    const QByteArray data = closed.mid(mark == hex("06") ? 4 : mark == hex("02") ? 2 : 0);
+    return wire::crc16Arc(data.left(qMax(0, data.size() - 2)) + hex("03"));
+}
+
+// Each place where an end can stand is tried with all that precedes it.
+int modelJudgement(const QByteArray& reply)
+{
+    if (reply.size() < 24)
+        return 0;
+    for (int etx = 21; etx <= reply.size() - 3; ++etx) {
+        if (reply.mid(etx - 1, 2) != hex("10 03"))
+            continue;
+        const unsigned int crc = modelCrc(modelUndoubled(reply.left(etx + 1)));
+        if (wire::little(crc, 2) == reply.mid(etx + 1, 2))
+            return 1;
+    }
+    return 0;
+}
+
+// ---- Generators --------------------------------------------------------------------------------
+
+// Bytes among which those that frames are made of are frequent.
+rc::Gen<QByteArray> anyBytes()
+{
+    const auto byte = rc::gen::weightedOneOf<char>(
+        {{3, rc::gen::element('\x10', '\x03', '\x06', '\x02')}, {3, rc::gen::arbitrary<char>()}});
+    return rc::gen::map(rc::gen::container<std::vector<char>>(byte),
+                        [](const std::vector<char>& bytes) {
+                            return QByteArray(bytes.data(), static_cast<int>(bytes.size()));
+                        });
+}
+
+// A reply long enough to be looked at.
+rc::Gen<QByteArray> anyReply()
+{
+    return rc::gen::map(anyBytes(), [](const QByteArray& bytes) {
+        return wire::framed(QByteArray(16, '\x41') + bytes);
+    });
+}
+
+int judged(const QByteArray& reply)
+{
+    return DataIntegrityJudgment(&reply);
+}
+
+// ---- Properties --------------------------------------------------------------------------------
+
+RC_GTEST_PROP(DoublingOfAnyFrame, FollowsTheModel, ())
+{
+    const QByteArray head = *rc::gen::element(hex("10 06 10 02"), hex("10 02"), QByteArray());
+    const QByteArray frame = head + *anyBytes();
+    RC_ASSERT(getRecoverData(frame, false) == modelDoubled(frame));
+}
+
+RC_GTEST_PROP(UndoublingOfAnyBytes, FollowsTheModel, ())
+{
+    const QByteArray bytes = *anyBytes();
+    RC_ASSERT(getRecoverData(bytes, true) == modelUndoubled(bytes));
+}
+
+RC_GTEST_PROP(UndoublingOfADoubledFrame, GivesTheFrameBack, ())
+{
+    // The CRC is sent single, so one that reads as a pair of DLEs cannot come back.
+    const QByteArray crc = wire::little(*rc::gen::arbitrary<quint16>(), 2);
+    RC_PRE(crc != hex("10 10"));
+    const QByteArray frame = hex("10 06 10 02") + *anyBytes() + hex("10 03") + crc;
+    RC_ASSERT(getRecoverData(getRecoverData(frame, false), true) == frame);
+}
+
+RC_GTEST_PROP(DataCrcOfAnyBytes, FollowsTheModel, ())
+{
+    const QByteArray head = *rc::gen::element(hex("10 06 10 02"), hex("10 02"), QByteArray());
+    const QByteArray frame = head + *anyBytes();
+    RC_ASSERT(checkDataCrc(frame) == modelCrc(frame));
+}
+
+RC_GTEST_PROP(JudgementOfAFramedReply, IsOne, ())
+{
+    RC_ASSERT(judged(*anyReply()) == 1);
+}
+
+RC_GTEST_PROP(JudgementOfAnyBytes, FollowsTheModel, ())
+{
+    const QByteArray bytes = hex("10 06 10 02") + QByteArray(15, '\x41') + *anyBytes();
+    RC_ASSERT(judged(bytes) == modelJudgement(bytes));
+}
+
+RC_GTEST_PROP(JudgementOfADamagedReply, FollowsTheModel, ())
+{
+    QByteArray reply = *anyReply();
+    const int at = *rc::gen::inRange(0, reply.size());
+    switch (*rc::gen::inRange(0, 3)) {
+    case 0:
+        reply.remove(at, 1);
+        break;
+    case 1:
+        reply.insert(at, *rc::gen::arbitrary<char>());
+        break;
+    default:
+        reply[at] = *rc::gen::arbitrary<char>();
+        break;
+    }
+    RC_ASSERT(judged(reply) == modelJudgement(reply));
+}
+
+RC_GTEST_PROP(JudgementOfAReplyWithAFlippedBit, IsZero, ())
+{
+    // Data without a DLE, before and after: no length changes and no other end appears, and a CRC
+    // notices every single bit.
+    QByteArray data = *anyBytes();
+    data = QByteArray(16, '\x41') + data.replace(hex("10"), hex("11"));
+    const QByteArray reply = wire::framed(data);
+    const int bit = *rc::gen::inRange(4 * 8, reply.size() * 8);
+    QByteArray damaged = reply;
+    damaged[bit / 8] = static_cast<char>(damaged.at(bit / 8) ^ (1 << bit % 8));
+    RC_PRE(!damaged.mid(4, data.size()).contains('\x10'));
+    RC_ASSERT(judged(damaged) == 0);
+}
+
+RC_GTEST_PROP(JudgementOfAReplyThatIsCutOff, IsZero, ())
+{
+    QByteArray data = *anyBytes();
+    data = QByteArray(16, '\x41') + data.replace(hex("10"), hex("11"));
+    const QByteArray reply = wire::framed(data);
+    RC_ASSERT(judged(reply.left(*rc::gen::inRange(0, reply.size()))) == 0);
+}
+
+} // namespace

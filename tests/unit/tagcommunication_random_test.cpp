@@ -1,0 +1,87 @@
+// The number that makes the originator serial number of a connection request.
+
+#include "serial_model.h"
+#include "tagcommunication.h"
+#include "virtual_clock.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+// Puts the process into another time zone than the one that most test machines are in.
+class LocalTime
+{
+public:
+    explicit LocalTime(const char* zone) : m_before(qgetenv("TZ"))
+    {
+        qputenv("TZ", zone);
+        tzset();
+    }
+    ~LocalTime()
+    {
+        if (m_before.isNull())
+            qunsetenv("TZ");
+        else
+            qputenv("TZ", m_before);
+        tzset();
+    }
+
+private:
+    QByteArray m_before;
+};
+
+TEST(RandomNumber, IsTheFirstOfTheGeneratorSeededWithTheSecondsOfTheDay)
+{
+    VirtualClock clock(QTime(0, 0, 0));
+    for (int second : {0, 1, 59, 60, 3600, 43200, 86399}) {
+        clock.setSeconds(second);
+        EXPECT_EQ(quint32(get_random_number()), serial_model::at(second)) << second;
+    }
+}
+
+TEST(RandomNumber, IsEqualWithinOneSecond)
+{
+    VirtualClock clock(QTime(11, 22, 33, 0));
+    const int first = get_random_number();
+    EXPECT_EQ(get_random_number(), first);
+    clock.set(QTime(11, 22, 33, 999));
+    EXPECT_EQ(get_random_number(), first);
+    clock.set(QTime(11, 22, 34, 0));
+    EXPECT_NE(get_random_number(), first);
+}
+
+TEST(RandomNumber, StaysBelow16777215AllDayLong)
+{
+    VirtualClock clock(QTime(0, 0, 0));
+    int least = 0xFFFFFF;
+    int largest = 0;
+    for (int second = 0; second < 86400; ++second) {
+        clock.setSeconds(second);
+        const int number = get_random_number();
+        ASSERT_EQ(quint32(number), serial_model::at(second)) << second;
+        least = qMin(least, number);
+        largest = qMax(largest, number);
+    }
+    EXPECT_GE(least, 0);
+    EXPECT_LE(largest, 16777214);
+}
+
+TEST(RandomNumber, FollowsTheLocalTimeOfDay)
+{
+    const LocalTime elsewhere("XST-5:30");
+    // A real clock: tried again where the second changed in between.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const int before = serial_model::localSecondOfDay();
+        const int number = get_random_number();
+        if (serial_model::localSecondOfDay() == before) {
+            EXPECT_EQ(quint32(number), serial_model::at(before));
+            return;
+        }
+    }
+    FAIL() << "the clock never stood still";
+}
+
+} // namespace
