@@ -1,0 +1,47 @@
+#ifndef MICRO850_COMMON_TRACE_H
+#define MICRO850_COMMON_TRACE_H
+
+// Recorded traffic of the serial line: one record a frame, as a text file or as pcapng for
+// Wireshark.
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace micro850 {
+
+/// As the host sees it.
+enum class Direction { Sent, Received };
+
+struct TraceRecord
+{
+    std::chrono::microseconds time{0}; ///< since 1970-01-01 UTC
+    Direction direction = Direction::Sent;
+    std::vector<std::uint8_t> bytes;
+    std::string note; ///< one-line decode, for the reader; not kept by pcapng
+};
+
+/// Writes records as they come; every record is in the file when write() returns.
+class TraceWriter
+{
+public:
+    virtual ~TraceWriter() = default;
+    virtual void write(const TraceRecord& record) = 0;
+
+    /// Opens `path` anew: pcapng for a name ending in ".pcapng", text for ".txt". Throws
+    /// std::runtime_error with one line for another name or a file that cannot be written.
+    static std::unique_ptr<TraceWriter> open(const std::string& path);
+};
+
+/// All records of a trace file of either kind, recognised by its content. Throws std::runtime_error
+/// with one line that names the file and the line or byte that is wrong.
+std::vector<TraceRecord> readTrace(const std::string& path);
+/// The same from a stream; `name` stands for the file in messages.
+std::vector<TraceRecord> readTrace(std::istream& in, const std::string& name);
+
+} // namespace micro850
+
+#endif
