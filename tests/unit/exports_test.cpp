@@ -49,15 +49,16 @@ std::string readable(const std::string& symbol)
     return mangled && status == 0 ? text.get() : symbol;
 }
 
-// What the linker and the sanitizers add on their own account.
+// What the linker, the sanitizers and the coverage count add on their own account.
 bool isToolchains(const std::string& symbol)
 {
-    for (const char* prefix : {"__asan", "__odr_asan", "__ubsan", "__tsan", "__sanitizer"}) {
+    for (const char* prefix :
+         {"__asan", "__odr_asan", "__ubsan", "__tsan", "__sanitizer", "__gcov"}) {
         if (symbol.compare(0, std::strlen(prefix), prefix) == 0)
             return true;
     }
-    const std::set<std::string> linkers = {"_init", "_fini",       "_edata",
-                                           "_end",  "__bss_start", "__gmon_start__"};
+    const std::set<std::string> linkers = {"_init",       "_fini",          "_edata",     "_end",
+                                           "__bss_start", "__gmon_start__", "mangle_path"};
     return linkers.count(symbol) != 0;
 }
 
