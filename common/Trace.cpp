@@ -1,5 +1,7 @@
 #include "Trace.h"
 
+#include "UserError.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -29,7 +31,7 @@ constexpr std::uint32_t kLargestBlock = 1u << 20;
 
 [[noreturn]] void fail(const std::string& name, const std::string& what)
 {
-    throw std::runtime_error(name + ": " + what);
+    throw UserError(name + ": " + what);
 }
 
 // ---- Text
@@ -37,7 +39,7 @@ constexpr std::uint32_t kLargestBlock = 1u << 20;
 
 const char kTextHeader[] = "# time in seconds since 1970, > sent or < received, bytes, decode";
 
-std::string hexOf(const std::vector<std::uint8_t>& bytes)
+std::string hexOf(const Bytes& bytes)
 {
     static const char digits[] = "0123456789ABCDEF";
     std::string text;
@@ -137,9 +139,9 @@ private:
         return mark[1] == '>' ? Direction::Sent : Direction::Received;
     }
 
-    std::vector<std::uint8_t> bytes(std::size_t end)
+    Bytes bytes(std::size_t end)
     {
-        std::vector<std::uint8_t> bytes;
+        Bytes bytes;
         while ((m_at = std::min(m_line.find_first_not_of(" \r", m_at), end)) < end) {
             const std::size_t stop = std::min(m_line.find_first_of(" \r", m_at), end);
             if (stop - m_at != 2)
@@ -249,7 +251,7 @@ public:
         return value;
     }
 
-    std::vector<std::uint8_t> bytes(std::uint64_t size)
+    Bytes bytes(std::uint64_t size)
     {
         if (m_body.size() - m_at < size)
             throw std::runtime_error("a packet is longer than its block");

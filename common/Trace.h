@@ -4,8 +4,9 @@
 // Recorded traffic of the serial line: one record a frame, as a text file or as pcapng for
 // Wireshark.
 
+#include "CipType.h"
+
 #include <chrono>
-#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -20,7 +21,7 @@ struct TraceRecord
 {
     std::chrono::microseconds time{0}; ///< since 1970-01-01 UTC
     Direction direction = Direction::Sent;
-    std::vector<std::uint8_t> bytes;
+    Bytes bytes;
     std::string note; ///< one-line decode, for the reader; not kept by pcapng
 };
 
@@ -32,7 +33,7 @@ public:
     virtual void write(const TraceRecord& record) = 0;
 
     /// Opens `path` anew: pcapng for a name ending in ".pcapng", text for ".txt". Throws
-    /// std::runtime_error with one line for another name or a file that cannot be written.
+    /// UserError with one line for another name or a file that cannot be written.
     static std::unique_ptr<TraceWriter> open(const std::string& path);
 };
 

@@ -1,0 +1,38 @@
+#ifndef MICRO850_COMMON_USERERROR_H
+#define MICRO850_COMMON_USERERROR_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace micro850 {
+
+/// Exit statuses of the tools.
+enum ExitStatus {
+    kExitDone = 0,
+    kExitRefused = 1, ///< the controller or the line refused
+    kExitUsage = 2    ///< usage or configuration
+};
+
+/// What a person is told: one line that names the input and the remedy, and the exit status it asks
+/// for.
+class UserError : public std::runtime_error
+{
+public:
+    explicit UserError(const std::string& message, ExitStatus status = kExitUsage)
+        : std::runtime_error(message), m_status(status)
+    {
+    }
+
+    ExitStatus status() const { return m_status; }
+
+private:
+    ExitStatus m_status;
+};
+
+/// " (did you mean X?)" for the candidate nearest to `word`, or nothing when none is near.
+std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
+
+} // namespace micro850
+
+#endif
