@@ -1,0 +1,44 @@
+#ifndef MICRO850_TESTS_FUZZ_DRIVER_STATE_H
+#define MICRO850_TESTS_FUZZ_DRIVER_STATE_H
+
+// What every harness needs of the driver: a fresh state for each input, checks that end the run
+// with one line, and what must hold whenever no entry point is at work.
+
+#include "Device_Driver.h"
+#include "Func_Check.h"
+#include "Func_DealData.h"
+#include "Func_GetOrSetData.h"
+#include "Func_Initi.h"
+#include "Func_Read.h"
+#include "Func_Remote.h"
+#include "Func_Write.h"
+#include "tagcommunication.h"
+
+/// Ends the program with the place and the text of a condition that does not hold.
+#define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::fail(__FILE__, __LINE__, #condition))
+
+namespace fuzz {
+
+[[noreturn]] void fail(const char* file, int line, const char* condition);
+
+/// Puts the driver back to the state after loading, with `settings` as its settings record.
+void resetDriver(ComInfo& settings);
+
+/// The second of the day that the driver's clock shows, so that an input always does the same.
+void setTimeOfDay(int seconds);
+
+/// Every lock is free.
+void checkLocksFree();
+/// The lists, the queue and the tag store are in a state that the driver's own operations give.
+void checkConsistent();
+
+/// Stores by station and tag, to compare with what an operation left.
+typedef QMap<int, PLCTAGCOMMUNICATION> Stores;
+
+/// Nothing but `tag` of `station` has other value bytes than in `before`, and every transaction
+/// counter stands where it was or one further, 0 left out.
+void checkStoresAgainst(const Stores& before, int station, const QString& tag);
+
+} // namespace fuzz
+
+#endif

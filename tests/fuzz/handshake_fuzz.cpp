@@ -1,0 +1,165 @@
+// The connection set-up with arbitrary replies, counters, times of day and steps, through the
+// dispatcher as a host drives it and straight at the check of a reply.
+
+#include "driver_state.h"
+#include "fuzz_input.h"
+#include "wire.h"
+
+namespace {
+
+const int kLongestSession = 16;
+
+enum Answer { kIdentity, kForwardOpen, kRawBytes, kNothing, kNullReply, kCutShort, kAnswers };
+
+QByteArray answerBytes(FuzzInput& input, int kind)
+{
+    switch (kind) {
+    case kIdentity:
+        return wire::identityReply(input.word());
+    case kForwardOpen:
+        return wire::forwardOpenReply(input.word(), input.bytes(2).leftJustified(2, '\0'));
+    case kRawBytes:
+        return input.block();
+    case kCutShort:
+        return wire::forwardOpenReply(input.word(), wire::hex("10 03")).left(input.below(60));
+    default:
+        return QByteArray();
+    }
+}
+
+bool endsAsFrame(const QByteArray& reply)
+{
+    return reply.size() >= 4 && reply.mid(reply.size() - 4, 2) == wire::hex("10 03");
+}
+
+quint16 advanced(quint16 counter)
+{
+    return static_cast<quint16>(counter == 0xFFFF ? 1 : counter + 1);
+}
+
+// What is in flight is one of the two requests, numbered as the station's record says.
+void checkInFlight(int station, int step)
+{
+    const QList<Protocol>& queue = PLC_driver.sendQueue;
+    const QByteArray data = wire::unframed(queue.first().frame);
+    const quint16 counter = PLCDataStorage[station].transactionCounter;
+    if (step == 0) {
+        FUZZ_CHECK(queue.size() == 2);
+        FUZZ_CHECK(data == wire::identityRequest(counter));
+    } else {
+        FUZZ_CHECK(queue.size() == 1 && step == 1);
+        const QByteArray serial = data.mid(28, 3).leftJustified(4, '\0');
+        FUZZ_CHECK(data ==
+                   wire::forwardOpenRequest(
+                       counter, static_cast<quint32>(static_cast<quint8>(serial.at(0)) |
+                                                     static_cast<quint8>(serial.at(1)) << 8 |
+                                                     static_cast<quint8>(serial.at(2)) << 16)));
+    }
+}
+
+/// One station's set-up; the fuzzer plays the controller.
+class SetUp
+{
+public:
+    explicit SetUp(FuzzInput& input) : m_input(input), m_settings(), m_step(0), m_refused(0)
+    {
+        fuzz::resetDriver(m_settings);
+        m_station = m_input.flag() ? m_input.edge() : m_input.byte();
+        PLCDataStorage[m_station].transactionCounter = m_input.word();
+        fuzz::setTimeOfDay(m_input.word());
+        HandshakeFunction(m_station);
+    }
+
+    void run()
+    {
+        for (int i = 0; i < kLongestSession && !m_input.atEnd(); ++i) {
+            if (PLC_driver.sendQueue.isEmpty()) {
+                if (PLCDataStorage[m_station].handshakeDone)
+                    return;
+                m_step = m_refused = 0;
+                HandshakeFunction(m_station);
+            }
+            checkInFlight(m_station, m_step);
+            answer();
+            fuzz::checkLocksFree();
+            fuzz::checkConsistent();
+        }
+    }
+
+private:
+    void answer()
+    {
+        const int kind = m_input.below(kAnswers);
+        QByteArray reply = answerBytes(m_input, kind);
+        const bool good = kind != kNullReply && endsAsFrame(reply);
+        const PLCTAGCOMMUNICATION before = PLCDataStorage[m_station];
+        const RW_VAR* result = DataCom(kind == kNullReply ? nullptr : &reply, m_input.count());
+        FUZZ_CHECK(result == &PLC_driver.result);
+        FUZZ_CHECK(result->retValue == (good ? 1 : 201));
+        const PLCTAGCOMMUNICATION& after = PLCDataStorage[m_station];
+        FUZZ_CHECK(after.transactionCounter == advanced(before.transactionCounter));
+        FUZZ_CHECK(after.connectionId.size() - before.connectionId.size() ==
+                   (good && m_step == 1 ? 2 : 0));
+        good ? accepted() : refused();
+        FUZZ_CHECK(after.handshakeDone == (m_step == 2));
+    }
+
+    void accepted()
+    {
+        ++m_step;
+        m_refused = 0;
+        FUZZ_CHECK(m_settings.framesAnswered == m_step);
+        FUZZ_CHECK(PLC_driver.sendQueue.size() == 2 - m_step);
+    }
+
+    // A refused Identity reply ends the attempt, a refused connection reply only the fourth time.
+    void refused()
+    {
+        const bool ends = m_step == 0 || ++m_refused == 4;
+        FUZZ_CHECK(PLC_driver.sendQueue.isEmpty() == ends);
+    }
+
+    FuzzInput& m_input;
+    ComInfo m_settings;
+    int m_station;
+    int m_step;
+    int m_refused;
+};
+
+// The check of a reply with a queue, a step and frames that no set-up would leave.
+void checkOutOfOrder(FuzzInput& input)
+{
+    ComInfo settings;
+    fuzz::resetDriver(settings);
+    settings.framesAnswered = input.count();
+    const int station = input.byte();
+    for (int i = input.below(4); i > 0; --i) {
+        RW_VAR request = RW_VAR();
+        request.stationNo = station;
+        const QByteArray bytes = input.flag() ? wire::framed(input.block()) : input.block();
+        frame::queue(bytes, input.edge(), input.edge(), request);
+    }
+    const bool queued = !PLC_driver.sendQueue.isEmpty();
+    if (input.below(8) == 0)
+        PLC_driver.comInfo = nullptr;
+    const QByteArray reply = input.block();
+    const int verdict = HandshakeFunctionCheck(&reply);
+    FUZZ_CHECK(verdict == (queued && endsAsFrame(reply) ? 1 : 0));
+    if (queued) {
+        FUZZ_CHECK(PLCDataStorage[station].transactionCounter == 1);
+        frame::repatchConnectionRequest(PLC_driver.sendQueue.first(), station, input.flag());
+    }
+    fuzz::checkLocksFree();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    FuzzInput input(bytes, size);
+    if (input.flag())
+        checkOutOfOrder(input);
+    else
+        SetUp(input).run();
+    return 0;
+}

@@ -1,0 +1,292 @@
+// make_corpus DIRECTORY: writes the seeds of every harness, made from good and bad sessions, to
+// DIRECTORY/<harness>/<name>.
+
+#include "session_steps.h"
+#include "wire.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+namespace {
+
+using namespace session;
+using wire::hex;
+using wire::little;
+
+std::filesystem::path root;
+
+void save(const char* harness, const char* name, const QByteArray& bytes)
+{
+    std::filesystem::create_directories(root / harness);
+    std::ofstream file(root / harness / name, std::ios::binary);
+    file.write(bytes.constData(), bytes.size());
+    file.close();
+    if (!file) {
+        std::fprintf(stderr, "make_corpus: %s: cannot be written\n",
+                     (root / harness / name).c_str());
+        std::exit(1);
+    }
+}
+
+QByteArray bytes(std::initializer_list<int> values)
+{
+    QByteArray all;
+    for (int value : values)
+        all.append(static_cast<char>(value));
+    return all;
+}
+
+QByteArray block(const QByteArray& content)
+{
+    return bytes({content.size()}) + content;
+}
+
+// ---- Sessions
+
+enum Name { kSpeed, kLevel, kT, kText, kLongTotal, kFlag, kArr };
+enum Type { kBool = 0, kSint = 1, kInt = 2, kDint = 3, kLint = 4, kReal = 9, kShortString = 25 };
+const int kIdentity = 0;
+const int kForwardOpen = 1;
+const int kWriteReply = 2;
+const int kErrorReply = 3;
+const int kReadReply = 4;
+
+QByteArray begin(int retryLimit, bool multiStation)
+{
+    return bytes({retryLimit, multiStation, 0, 0});
+}
+
+QByteArray declareAll()
+{
+    return bytes({kPassNames, 0x7F, 1});
+}
+
+QByteArray reply(int kind)
+{
+    return bytes({kGoodReply, 0, 1, kind});
+}
+
+QByteArray readReply(int type, const QByteArray& value)
+{
+    return reply(kReadReply) + bytes({1, type}) + block(value);
+}
+
+QByteArray poll()
+{
+    return bytes({kPoll});
+}
+
+QByteArray connect()
+{
+    return poll() + reply(kIdentity) + poll() + reply(kForwardOpen);
+}
+
+QByteArray cyclic(int name, int element, int count)
+{
+    return bytes({kRebuildCyclic, 1, 5, name, element, count});
+}
+
+QByteArray get(int name, int element, int station, int count)
+{
+    return bytes({kGetValue, name, element, station, count, 0});
+}
+
+QByteArray set(int name, int element, int station, const QByteArray& value, int count)
+{
+    return bytes({kSetValue, name, 1, element, station}) + block(value) + bytes({count, 3});
+}
+
+// type kind 1 to 13, index, flags, name, address, area, station, count
+QByteArray request(int name, int flags, int station, int count)
+{
+    return bytes({3, 1, flags, name, 0, 1, station, count});
+}
+
+QByteArray readOf(int name, int type, const QByteArray& value, int count)
+{
+    return begin(2, true) + declareAll() + cyclic(name, 0, count) + connect() + poll() +
+           readReply(type, value) + poll() + readReply(type, value) + get(name, 0, 1, count);
+}
+
+void saveReads()
+{
+    save("session", "read_bool", readOf(kFlag, kBool, hex("01"), 1));
+    save("session", "read_sint", readOf(kT, kSint, hex("7F"), 1));
+    save("session", "read_int", readOf(kSpeed, kInt, hex("D2 04"), 1));
+    save("session", "read_dint", readOf(kLevel, kDint, hex("D2 04 00 10"), 2));
+    save("session", "read_lint", readOf(kLongTotal, kLint, hex("01 02 03 04 05 06 07 08"), 4));
+    save("session", "read_real", readOf(kLevel, kReal, hex("00 00 80 3F"), 2));
+    save("session", "read_string", readOf(kText, kShortString, hex("03 41 42 43"), 4));
+    save("session", "read_array",
+         begin(2, true) + declareAll() + cyclic(kArr, 3, 40) + connect() + poll() +
+             readReply(kInt, hex("01 00")) + poll() + readReply(kInt, QByteArray(30, '\x10')) +
+             poll() + readReply(kInt, QByteArray(20, '\x02')) + get(kArr, 5, 1, 4));
+}
+
+void saveWrites()
+{
+    const QByteArray write = set(kSpeed, 0, 1, hex("D2 04"), 1);
+    save("session", "write_learns_the_type",
+         begin(2, true) + declareAll() + write + connect() + poll() +
+             readReply(kInt, hex("00 00")) + poll() + reply(kWriteReply) + poll());
+    QByteArray burst = begin(2, false) + declareAll() + cyclic(kSpeed, 0, 1) + connect();
+    for (int element = 0; element < 7; ++element)
+        burst += set(kSpeed, element, 1, hex("10 10"), 1);
+    for (int turn = 0; turn < 9; ++turn)
+        burst += poll() + readReply(kInt, hex("00 00")) + poll() + reply(kWriteReply);
+    save("session", "write_burst", burst);
+    save("session", "write_queued_twice",
+         begin(2, true) + declareAll() + write + write + write + bytes({kAddWrite}) +
+             request(kLevel, 17, 1, 2) + block(hex("01 02 03 04")) + bytes({0}) + connect() +
+             poll());
+}
+
+void saveOneShots()
+{
+    const QByteArray once = bytes({kAddOnce}) + request(kSpeed, 8, 1, 1);
+    save("session", "one_shot_reads",
+         begin(2, true) + declareAll() + once + bytes({0}) + once + bytes({1}) + connect() +
+             poll() + readReply(kInt, hex("D2 04")) + poll() + readReply(kInt, hex("D3 04")) +
+             poll());
+    save("session", "read_list_by_hand",
+         begin(1, true) + bytes({kAddRead}) + request(kLevel, 4, 2, 1) + bytes({1}) + connect() +
+             poll() + readReply(kDint, hex("01 02 03 04")) + get(kLevel, 0, 2, 2));
+}
+
+void saveFailures()
+{
+    const QByteArray silent = bytes({kNoReply});
+    save("session", "no_answer_to_the_identity",
+         begin(2, true) + cyclic(kSpeed, 0, 1) + poll() + silent + poll() + silent + poll());
+    save("session", "no_answer_to_the_connection_request",
+         begin(2, true) + cyclic(kSpeed, 0, 1) + poll() + reply(kIdentity) + poll() + silent +
+             silent + silent + silent + poll());
+    QByteArray lost = begin(1, false) + declareAll() + cyclic(kSpeed, 0, 1) + connect();
+    lost += set(kSpeed, 0, 1, hex("01 00"), 1) + poll();
+    for (int i = 0; i < 36; ++i)
+        lost += silent;
+    save("session", "lost_replies_up_to_the_limit", lost + poll());
+    save("session", "error_replies",
+         begin(2, true) + declareAll() + cyclic(kSpeed, 0, 1) + connect() + poll() +
+             reply(kErrorReply) + bytes({5}) + poll() + reply(kErrorReply) + bytes({0xFF}));
+    save("session", "bent_replies",
+         begin(2, true) + cyclic(kSpeed, 0, 1) + connect() + poll() +
+             bytes({kBentReply, 0, 1, kReadReply, 1, kInt}) + block(hex("01 00")) +
+             bytes({0, 3, 9, 0}) + poll());
+    save("session", "stations_disabled",
+         begin(2, true) + bytes({kEnableStation, 1, 0}) + cyclic(kSpeed, 0, 1) + poll() +
+             set(kSpeed, 0, 1, hex("01 00"), 1) + poll() + bytes({kEnableStation, 1, 1}) + poll());
+    save("session", "settings_taken_away",
+         begin(2, true) + cyclic(kSpeed, 0, 1) + poll() + bytes({kForgetSettings, 1}) + poll() +
+             silent + set(kSpeed, 0, 1, hex("01 00"), 1) + bytes({kForgetSettings, 0}) + poll());
+    save("session", "remote_link",
+         begin(2, true) + bytes({kSettings, kLocalLink, 0xF0}) + bytes({kAddOnce}) +
+             request(kSpeed, 0xF0, 1, 1) + bytes({0, 1}) + connect() + poll() +
+             readReply(kInt, hex("01 00")) + poll());
+}
+
+void saveRawSession()
+{
+    const QByteArray golden[] = {wire::identityReply(0), wire::forwardOpenReply(1, hex("5A 3C")),
+                                 wire::readReply(2, 0xC3, hex("D2 04"))};
+    QByteArray steps = begin(2, true) + declareAll() + cyclic(kSpeed, 0, 1);
+    for (const QByteArray& frame : golden)
+        steps += poll() + bytes({kRawReply}) + block(frame) + bytes({1});
+    steps += bytes({kRawReply}) + block(golden[2]) + bytes({1});
+    save("session", "raw_golden_replies", steps + get(kSpeed, 0, 1, 1));
+}
+
+// ---- The other harnesses
+
+void saveFrames()
+{
+    save("integrity", "identity_request", wire::framed(wire::identityRequest(1)));
+    save("integrity", "forward_open_request", wire::framed(wire::forwardOpenRequest(2, 0xC61623)));
+    save("integrity", "identity_reply", wire::identityReply(1));
+    save("integrity", "forward_open_reply", wire::forwardOpenReply(0x1010, hex("10 10")));
+    save("integrity", "read_reply", wire::readReply(3, 0xC3, hex("D2 04")));
+    save("integrity", "read_reply_of_dles", wire::readReply(0x1010, 0xC3, QByteArray(30, '\x10')));
+    save("integrity", "write_reply", wire::writeReply(4));
+    save("integrity", "shortest", wire::framed(QByteArray(16, '\0')));
+    save("integrity", "false_ends", wire::readReply(5, 0xC2, hex("10 03 00 00 10 03 01 02")));
+    save("integrity", "bare",
+         hex("10 02 00 01 0A 00 48 00 00 00 76 61 4F 45 52 06 91 10 03 01 02"));
+    save("integrity", "two_frames", wire::writeReply(1) + wire::writeReply(2));
+}
+
+QByteArray setUp(int station, int counter)
+{
+    return bytes({0, 0, station}) + little(static_cast<quint64>(counter), 2) + hex("00 00");
+}
+
+void saveSetUps()
+{
+    const QByteArray identity = bytes({0, 1, 0, 61});
+    const QByteArray opened = bytes({1, 1, 0}) + hex("5A 3C") + bytes({46});
+    const QByteArray nothing = bytes({3, 0});
+    save("handshake", "clean", setUp(1, 1) + identity + opened);
+    save("handshake", "counter_wraps", setUp(1, 0xFFFF) + identity + opened);
+    save("handshake", "dle_counter", setUp(2, 0x1010) + identity + opened);
+    save("handshake", "resends", setUp(1, 1) + identity + nothing + nothing + nothing + opened);
+    save("handshake", "gives_up",
+         setUp(1, 1) + identity + nothing + nothing + nothing + nothing + identity + opened);
+    save("handshake", "raw_reply",
+         setUp(1, 1) + bytes({2}) + block(wire::identityReply(1)) + bytes({61, 2}) +
+             block(wire::forwardOpenReply(2, hex("10 10"))) + bytes({46}));
+    save("handshake", "null_and_short", setUp(1, 1) + bytes({4, 0, 5, 0, 0, 20, 1}) + identity);
+    const QByteArray stray = block(wire::forwardOpenRequest(1, 2));
+    save("handshake", "out_of_order",
+         bytes({1, 1, 5, 2, 1}) + stray + bytes({0, 0, 1}) + stray + bytes({0, 0, 1}) +
+             block(wire::forwardOpenReply(1, hex("5A 3C"))) + bytes({1}));
+}
+
+// station draw (2), connected, counter, identifier, name, confirmed class and type, value
+QByteArray stored(int typeClass, const QByteArray& value)
+{
+    return bytes({0, 1, 1, 1}) + hex("21 00") + bytes({2}) + hex("5A 3C") +
+           bytes({1, 1, typeClass}) + hex("C3 00") + bytes({1, 1, 1}) + block(value);
+}
+
+void saveValues()
+{
+    const QByteArray start = bytes({1, 1, 1, 0});
+    const QByteArray declare = bytes({1, 1, 1, 1, 1});
+    const QByteArray get = bytes({2, 1, 0, 0, 1, 1, 2, 0});
+    const char* const names[] = {"get_bool", "get_string", "get_sint",   "get_int",
+                                 "get_dint", "get_lint",   "get_unknown"};
+    for (int typeClass = 0; typeClass <= 6; ++typeClass) {
+        save("values", names[typeClass],
+             start + declare + stored(typeClass, hex("01 02 03 04 05 06 07 08 09")) + get);
+    }
+    save("values", "set",
+         start + declare + bytes({4, 1}) + block(hex("01 02")) + bytes({1, 1, 0, 0, 3, 1, 1, 1}));
+    const QByteArray request =
+        bytes({1, 1, 0, 1, 0, 0, 1, 1, 3, 1, 1, 2, 2, 0}) + block(hex("0102"));
+    save("values", "lists", start + declare + bytes({5}) + request + bytes({1, 0, 0}));
+    save("values", "encode_read", start + stored(3, hex("01 02")) + bytes({6}) + request);
+    save("values", "encode_write", start + stored(4, hex("01 02")) + bytes({7}) + request);
+    save("values", "cut_run",
+         start + bytes({8}) + request + bytes({1, 15, 1, 3}) + request + request + request);
+    save("values", "classify", start + bytes({9, 2}) + hex("A3 C4"));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fprintf(stderr, "make_corpus: give the directory to write to\n");
+        return 2;
+    }
+    root = argv[1];
+    saveFrames();
+    saveSetUps();
+    saveReads();
+    saveWrites();
+    saveOneShots();
+    saveFailures();
+    saveRawSession();
+    saveValues();
+    return 0;
+}

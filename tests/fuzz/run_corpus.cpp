@@ -1,0 +1,58 @@
+// Runs a harness over the files named on the command line, and over every file of the directories
+// named there, without a fuzzer: for compilers that have none.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size);
+
+namespace {
+
+std::vector<std::filesystem::path> filesOf(const std::filesystem::path& place)
+{
+    if (!std::filesystem::is_directory(place))
+        return {place};
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(place))
+        files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+bool runFile(const std::filesystem::path& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        std::fprintf(stderr, "%s: cannot be read\n", path.c_str());
+        return false;
+    }
+    const std::vector<char> bytes((std::istreambuf_iterator<char>(file)),
+                                  std::istreambuf_iterator<char>());
+    // Named before it runs, so that a crash has its input's name above it.
+    std::printf("%s: %zu bytes\n", path.filename().c_str(), bytes.size());
+    std::fflush(stdout);
+    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    int inputs = 0;
+    for (int i = 1; i < argc; ++i) {
+        for (const auto& path : filesOf(argv[i])) {
+            if (!runFile(path))
+                return 1;
+            ++inputs;
+        }
+    }
+    std::printf("%d inputs\n", inputs);
+    return inputs > 0 ? 0 : 1;
+}
