@@ -1,5 +1,7 @@
 #include "lock_witness.h"
 
+#include <QtCore/QMap>
+
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -10,21 +12,23 @@ namespace {
 thread_local LockWitness* present = nullptr;
 
 typedef void (*MutexOperation)(QMutex*);
+typedef QMapDataBase* (*CreateData)();
+typedef QMapNodeBase* (*CreateNode)(QMapDataBase*, int, int, QMapNodeBase*, bool);
 
-// The operation that this program's definition hides.
-MutexOperation hidden(const char* symbol)
+// The function that this program's definition hides.
+template<typename Function> Function hidden(const char* symbol)
 {
     void* address = dlsym(RTLD_NEXT, symbol);
     if (!address)
         std::abort();
-    return reinterpret_cast<MutexOperation>(address);
+    return reinterpret_cast<Function>(address);
 }
 
 } // namespace
 
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
-    static const MutexOperation real = hidden("_ZN6QMutex4lockEv");
+    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex4lockEv");
     real(this);
     if (present)
         present->noteLock(this);
@@ -32,10 +36,27 @@ void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 
 void QMutex::unlock() noexcept
 {
-    static const MutexOperation real = hidden("_ZN6QMutex6unlockEv");
+    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex6unlockEv");
     if (present)
         present->noteUnlock(this);
     real(this);
+}
+
+QMapDataBase* QMapDataBase::createData()
+{
+    static const CreateData real = hidden<CreateData>("_ZN12QMapDataBase10createDataEv");
+    if (present)
+        present->noteMapChange();
+    return real();
+}
+
+QMapNodeBase* QMapDataBase::createNode(int bytes, int alignment, QMapNodeBase* parent, bool left)
+{
+    static const CreateNode real =
+        hidden<CreateNode>("_ZN12QMapDataBase10createNodeEiiP12QMapNodeBaseb");
+    if (present)
+        present->noteMapChange();
+    return real(this, bytes, alignment, parent, left);
 }
 
 LockWitness::LockWitness() : m_before(present)
@@ -73,4 +94,9 @@ void LockWitness::noteUnlock(const QMutex* mutex)
     const auto at = std::find(m_held.begin(), m_held.end(), mutex);
     if (at != m_held.end())
         m_held.erase(at);
+}
+
+void LockWitness::noteMapChange()
+{
+    ++(m_held.empty() ? m_unguardedMapChanges : m_guardedMapChanges);
 }

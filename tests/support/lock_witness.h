@@ -5,9 +5,10 @@
 
 #include <vector>
 
-/// Writes down the mutexes that the calling thread locks, in order, while the witness lives. A
-/// program that uses it puts itself between the driver and Qt's QMutex::lock() and unlock(), so a
-/// lock that went missing, or is not given back, is noticed without a race having to happen.
+/// Writes down the mutexes that the calling thread locks, in order, while the witness lives, and
+/// the changes that it makes to maps. A program that uses it puts itself between the driver and
+/// Qt's functions, so a lock that went missing, comes late or is not given back is noticed without
+/// a race having to happen.
 class LockWitness
 {
 public:
@@ -27,8 +28,14 @@ public:
     /// True when all that was locked is given back.
     bool balanced() const { return m_held.empty(); }
 
+    /// How often a map was given a node, or a copy of its own, with any mutex held and with none. A
+    /// test that holds a copy of a map makes every access that could change it count.
+    int guardedMapChanges() const { return m_guardedMapChanges; }
+    int unguardedMapChanges() const { return m_unguardedMapChanges; }
+
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
+    void noteMapChange();
 
 private:
     struct Pair
@@ -39,6 +46,8 @@ private:
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;
     std::vector<Pair> m_pairs;
+    int m_guardedMapChanges = 0;
+    int m_unguardedMapChanges = 0;
 };
 
 #endif

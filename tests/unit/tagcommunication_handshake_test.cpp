@@ -183,9 +183,12 @@ TEST_F(Handshake, QueuesBothRequestsWithoutSettings)
 
 TEST_F(Handshake, LooksUpTheCounterUnderTheStoresLock)
 {
+    PLCDataStorage.clear();
     LockWitness witness;
     HandshakeFunction(kStation);
     EXPECT_TRUE(witness.oneStep());
+    EXPECT_GT(witness.guardedMapChanges(), 0);
+    EXPECT_EQ(witness.unguardedMapChanges(), 0);
 }
 
 class HandshakeReply : public Handshake
@@ -292,17 +295,18 @@ TEST_F(HandshakeReply, IsAcceptedAndOtherwiseIgnoredAtAnyLaterStep)
 TEST_F(HandshakeReply, TouchesTheStoreOnlyUnderItsLock)
 {
     begin(5);
-    {
+    const std::vector<QByteArray> replies = {wire::identityReply(5),
+                                             wire::forwardOpenReply(6, hex("5A 3C"))};
+    for (const QByteArray& reply : replies) {
+        const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
         LockWitness witness;
-        check(wire::identityReply(5));
-        EXPECT_EQ(witness.locked().size(), 2u) << "counter advanced, counter read";
+        EXPECT_EQ(check(reply), 1);
+        EXPECT_EQ(witness.locked().size(), 2u) << "counter advanced, then read or identifier kept";
         EXPECT_TRUE(witness.balanced());
+        EXPECT_GT(witness.guardedMapChanges(), 0);
+        EXPECT_EQ(witness.unguardedMapChanges(), 0);
+        settings.framesAnswered = 1;
     }
-    settings.framesAnswered = 1;
-    LockWitness witness;
-    check(wire::forwardOpenReply(6, hex("5A 3C")));
-    EXPECT_EQ(witness.locked().size(), 2u) << "counter advanced, identifier kept";
-    EXPECT_TRUE(witness.balanced());
 }
 
 class IdentityReply : public Handshake

@@ -185,9 +185,11 @@ TEST_F(TagStore, DoesEachOperationInOneStepUnderOneLock)
     };
     const QMutex* lock = nullptr;
     for (const auto& operation : operations) {
+        const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
         LockWitness witness;
         operation();
         ASSERT_TRUE(witness.oneStep());
+        EXPECT_EQ(witness.unguardedMapChanges(), 0);
         EXPECT_TRUE(!lock || lock == witness.locked().front()) << "one lock guards the store";
         lock = witness.locked().front();
     }
