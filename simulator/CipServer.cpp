@@ -1,0 +1,402 @@
+#include "CipServer.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace micro850::sim {
+
+namespace {
+
+constexpr std::uint8_t kConnectedCommand = 0x0A;
+constexpr std::uint8_t kUnconnectedCommand = 0x0B;
+constexpr std::uint8_t kReplyFlag = 0x40;
+constexpr std::uint8_t kServiceReply = 0x80;
+constexpr std::size_t kHeaderSize = 8;
+constexpr std::size_t kConnectedHeaderSize = 12;
+
+constexpr std::uint8_t kGetAttributesAll = 0x01;
+constexpr std::uint8_t kForwardClose = 0x4E;
+constexpr std::uint8_t kReadTagFragmented = 0x52;
+constexpr std::uint8_t kWriteTagFragmented = 0x53;
+constexpr std::uint8_t kForwardOpen = 0x54;
+
+// Value bytes that one reply carries on a connection of 504 bytes.
+constexpr std::size_t kLongestValue = 480;
+
+/// Reads numbers, low byte first; beyond the end they are missing.
+class Reader
+{
+public:
+    explicit Reader(const Bytes& bytes) : m_bytes(bytes) {}
+
+    bool has(std::size_t count) const { return m_bytes.size() - m_at >= count; }
+    std::size_t left() const { return m_bytes.size() - m_at; }
+
+    std::uint64_t number(std::size_t size)
+    {
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < size && has(1); ++i)
+            value |= std::uint64_t{m_bytes[m_at++]} << (8 * i);
+        return value;
+    }
+
+    Bytes bytes(std::size_t count)
+    {
+        const auto first = m_bytes.begin() + static_cast<std::ptrdiff_t>(m_at);
+        m_at += std::min(count, left());
+        return {first, m_bytes.begin() + static_cast<std::ptrdiff_t>(m_at)};
+    }
+
+private:
+    const Bytes& m_bytes;
+    std::size_t m_at = 0;
+};
+
+void put(Bytes& bytes, std::uint64_t value, int size)
+{
+    for (int i = 0; i < size; ++i)
+        bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+void append(Bytes& bytes, const Bytes& more)
+{
+    bytes.insert(bytes.end(), more.begin(), more.end());
+}
+
+/// A logical path of one class and one instance segment with 8-bit numbers.
+bool isPath(const Bytes& path, std::uint8_t objectClass)
+{
+    return path == Bytes{0x20, objectClass, 0x24, 0x01};
+}
+
+} // namespace
+
+CipServer::CipServer(const Clock& clock, Plant& plant, Identity identity)
+    : m_clock(clock), m_plant(plant), m_identity(std::move(identity))
+{
+}
+
+void CipServer::reset()
+{
+    m_connections.clear();
+}
+
+std::optional<Bytes> CipServer::handle(const Bytes& message)
+{
+    if (message.size() <= kHeaderSize)
+        return std::nullopt;
+    const std::uint8_t command = message[2];
+    Bytes body;
+    if (command == kUnconnectedCommand)
+        body = unconnected({message.begin() + kHeaderSize, message.end()});
+    else if (command == kConnectedCommand && message.size() > kConnectedHeaderSize)
+        body = connected(message);
+    else
+        return std::nullopt;
+    Bytes reply = {message[1], message[0], static_cast<std::uint8_t>(command | kReplyFlag), 0};
+    append(reply, {message[4], message[5], 0, 0});
+    append(reply, body);
+    return reply;
+}
+
+std::optional<CipServer::Request> CipServer::requestOf(const Bytes& cip)
+{
+    Reader reader(cip);
+    if (!reader.has(2))
+        return std::nullopt;
+    Request request;
+    request.service = static_cast<std::uint8_t>(reader.number(1));
+    const auto pathSize = static_cast<std::size_t>(2 * reader.number(1));
+    if (!reader.has(pathSize))
+        return std::nullopt;
+    request.path = reader.bytes(pathSize);
+    request.data = reader.bytes(reader.left());
+    return request;
+}
+
+Bytes CipServer::encoded(std::uint8_t service, const Reply& reply)
+{
+    ++m_answers[static_cast<std::uint8_t>(reply.status)];
+    Bytes cip = {static_cast<std::uint8_t>(service | kServiceReply), 0,
+                 static_cast<std::uint8_t>(reply.status), 0};
+    if (reply.extended != CipExtended::None) {
+        cip[3] = 1;
+        put(cip, static_cast<std::uint16_t>(reply.extended), 2);
+    }
+    append(cip, reply.data);
+    return cip;
+}
+
+Bytes CipServer::unconnected(const Bytes& cip)
+{
+    const std::optional<Request> request = requestOf(cip);
+    if (!request)
+        return encoded(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}});
+    return encoded(request->service, answerUnconnected(*request));
+}
+
+Bytes CipServer::connected(const Bytes& message)
+{
+    const Bytes cip(message.begin() + kConnectedHeaderSize, message.end());
+    const auto lowHalf = static_cast<std::uint16_t>(message[8] | message[9] << 8);
+    Connection* connection = connectionOf(lowHalf);
+    const std::optional<Request> request = requestOf(cip);
+    Bytes body;
+    put(body, connection ? connection->originatorId : lowHalf, 2);
+    append(body, {message[10], message[11]});
+    if (!connection)
+        append(body, encoded(cip[0],
+                             {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}}));
+    else if (!request)
+        append(body, encoded(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}}));
+    else
+        append(body, encoded(request->service, answerConnected(*request)));
+    return body;
+}
+
+CipServer::Reply CipServer::answerUnconnected(const Request& request)
+{
+    const bool identity = isPath(request.path, 0x01);
+    const bool connectionManager = isPath(request.path, 0x06);
+    if (!identity && !connectionManager)
+        return {CipStatus::PathDestinationUnknown, CipExtended::None, {}};
+    if (identity && request.service == kGetAttributesAll)
+        return allAttributes();
+    if (connectionManager && request.service == kForwardOpen)
+        return forwardOpen(request);
+    if (connectionManager && request.service == kForwardClose)
+        return forwardClose(request);
+    return {CipStatus::ServiceNotSupported, CipExtended::None, {}};
+}
+
+CipServer::Reply CipServer::answerConnected(const Request& request)
+{
+    switch (request.service) {
+    case kReadTagFragmented:
+        return readTag(request);
+    case kWriteTagFragmented:
+        return writeTag(request);
+    default:
+        return {CipStatus::ServiceNotSupported, CipExtended::None, {}};
+    }
+}
+
+CipServer::Reply CipServer::allAttributes() const
+{
+    Reply reply;
+    put(reply.data, m_identity.vendor, 2);
+    put(reply.data, m_identity.deviceType, 2);
+    put(reply.data, m_identity.productCode, 2);
+    put(reply.data, m_identity.major, 1);
+    put(reply.data, m_identity.minor, 1);
+    put(reply.data, 0x0030, 2); // configured, no fault
+    put(reply.data, m_identity.serial, 4);
+    put(reply.data, m_identity.name.size(), 1);
+    append(reply.data, Bytes(m_identity.name.begin(), m_identity.name.end()));
+    return reply;
+}
+
+// priority, ticks, O->T id, T->O id, connection serial, vendor, originator serial, multiplier,
+// reserved, O->T interval and parameters, T->O interval and parameters, transport, path.
+CipServer::Reply CipServer::forwardOpen(const Request& request)
+{
+    Reader reader(request.data);
+    if (!reader.has(36))
+        return {CipStatus::NotEnoughData, CipExtended::None, {}};
+    reader.number(2);
+    reader.number(4);
+    Connection connection;
+    connection.originatorId = static_cast<std::uint32_t>(reader.number(4));
+    connection.key = reader.bytes(8);
+    const std::uint64_t multiplier = std::uint64_t{4} << (reader.number(1) & 7);
+    reader.number(3);
+    const std::uint64_t toTarget = reader.number(4);
+    reader.number(2);
+    const std::uint64_t toOriginator = reader.number(4);
+    connection.timeout = Duration(static_cast<std::int64_t>(toTarget * multiplier));
+    connection.expires = m_clock.now() + connection.timeout;
+    // An originator that opens the same connection again has lost the old one.
+    for (auto it = m_connections.begin(); it != m_connections.end();)
+        it = it->second.key == connection.key ? m_connections.erase(it) : std::next(it);
+
+    Reply reply;
+    put(reply.data, m_nextConnectionId, 4);
+    put(reply.data, connection.originatorId, 4);
+    append(reply.data, connection.key);
+    put(reply.data, toTarget, 4);
+    put(reply.data, toOriginator, 4);
+    put(reply.data, 0, 2);
+    m_connections[m_nextConnectionId] = std::move(connection);
+    m_nextConnectionId += 0x00010103;
+    return reply;
+}
+
+CipServer::Reply CipServer::forwardClose(const Request& request)
+{
+    Reader reader(request.data);
+    if (!reader.has(10))
+        return {CipStatus::NotEnoughData, CipExtended::None, {}};
+    reader.number(2);
+    const Bytes key = reader.bytes(8);
+    for (auto it = m_connections.begin(); it != m_connections.end(); ++it) {
+        if (it->second.key != key)
+            continue;
+        m_connections.erase(it);
+        Reply reply;
+        append(reply.data, key);
+        put(reply.data, 0, 2);
+        return reply;
+    }
+    return {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}};
+}
+
+void CipServer::expireConnections()
+{
+    for (auto it = m_connections.begin(); it != m_connections.end();)
+        it = it->second.expires <= m_clock.now() ? m_connections.erase(it) : std::next(it);
+}
+
+std::size_t CipServer::openConnections()
+{
+    expireConnections();
+    return m_connections.size();
+}
+
+CipServer::Connection* CipServer::connectionOf(std::uint16_t lowHalf)
+{
+    expireConnections();
+    for (auto& [id, connection] : m_connections) {
+        if ((id & 0xFFFF) != lowHalf)
+            continue;
+        connection.expires = m_clock.now() + connection.timeout;
+        return &connection;
+    }
+    return nullptr;
+}
+
+// A symbol segment (91, length, name, pad) and at most one member segment (28 xx, 29 00 xx xx).
+std::optional<CipServer::Reply> CipServer::locate(const Bytes& path, Target& target)
+{
+    const Reply segmentError = {CipStatus::PathSegmentError, CipExtended::None, {}};
+    Reader reader(path);
+    if (reader.number(1) != 0x91)
+        return segmentError;
+    const auto size = static_cast<std::size_t>(reader.number(1));
+    if (!reader.has(size + size % 2))
+        return segmentError;
+    const Bytes name = reader.bytes(size);
+    reader.number(size % 2);
+    if (reader.has(1)) {
+        const std::uint64_t kind = reader.number(1);
+        if (kind == 0x28 && reader.left() == 1)
+            target.element = static_cast<std::size_t>(reader.number(1));
+        else if (kind == 0x29 && reader.left() == 3 && reader.number(1) == 0)
+            target.element = static_cast<std::size_t>(reader.number(2));
+        else
+            return segmentError;
+    }
+    target.tag = m_plant.find(std::string(name.begin(), name.end()));
+    if (!target.tag)
+        return Reply{CipStatus::PathDestinationUnknown, CipExtended::None, {}};
+    if (target.element >= target.tag->elements.size())
+        return Reply{CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
+    return std::nullopt;
+}
+
+CipServer::Reply CipServer::readTag(const Request& request)
+{
+    Target target;
+    if (const auto error = locate(request.path, target))
+        return *error;
+    if (request.data.size() != 6)
+        return {request.data.size() < 6 ? CipStatus::NotEnoughData : CipStatus::TooMuchData,
+                CipExtended::None,
+                {}};
+    Reader reader(request.data);
+    const auto count = static_cast<std::size_t>(reader.number(2));
+    const auto offset = static_cast<std::size_t>(reader.number(4));
+    const Tag& tag = *target.tag;
+    if (count == 0 || count > tag.elements.size() - target.element)
+        return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
+
+    Bytes value;
+    for (std::size_t i = 0; i < count; ++i)
+        append(value, tag.elements[target.element + i]);
+    if (offset >= value.size())
+        return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
+    Reply reply;
+    put(reply.data, tag.type->code, 2);
+    const std::size_t size = std::min(value.size() - offset, kLongestValue);
+    const auto first = value.begin() + static_cast<std::ptrdiff_t>(offset);
+    reply.data.insert(reply.data.end(), first, first + static_cast<std::ptrdiff_t>(size));
+    if (offset + size < value.size())
+        reply.status = CipStatus::PartialTransfer;
+    return reply;
+}
+
+namespace {
+
+// Cuts `data` into elements of the type; nothing when it does not fit exactly.
+std::optional<std::vector<Bytes>> elementsOf(const CipType& type, const Bytes& data,
+                                             std::size_t count)
+{
+    std::vector<Bytes> elements;
+    Reader reader(data);
+    for (std::size_t i = 0; i < count; ++i) {
+        Bytes element;
+        auto size = static_cast<std::size_t>(type.size);
+        if (type.kind == CipKind::String) {
+            element = reader.bytes(static_cast<std::size_t>(type.lengthBytes));
+            Reader length(element);
+            size = static_cast<std::size_t>(length.number(element.size())) *
+                   static_cast<std::size_t>(type.characterBytes);
+        }
+        if (!reader.has(size) || (type.kind == CipKind::String && element.empty()))
+            return std::nullopt;
+        append(element, reader.bytes(size));
+        elements.push_back(std::move(element));
+    }
+    return reader.left() == 0 ? std::optional(elements) : std::nullopt;
+}
+
+} // namespace
+
+CipServer::Reply CipServer::writeTag(const Request& request)
+{
+    Target target;
+    if (const auto error = locate(request.path, target))
+        return *error;
+    Reader reader(request.data);
+    if (!reader.has(8))
+        return {CipStatus::NotEnoughData, CipExtended::None, {}};
+    const auto type = static_cast<std::uint16_t>(reader.number(2));
+    const auto count = static_cast<std::size_t>(reader.number(2));
+    const auto offset = static_cast<std::size_t>(reader.number(4));
+    Tag& tag = *target.tag;
+    if (type != tag.type->code)
+        return {CipStatus::VendorSpecific, CipExtended::TypeMismatch, {}};
+    if (tag.readOnly)
+        return {CipStatus::AttributeNotSettable, CipExtended::None, {}};
+    if (count == 0 || count > tag.elements.size() - target.element)
+        return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
+    const auto size = static_cast<std::size_t>(tag.type->size);
+    const bool isText = tag.type->kind == CipKind::String;
+    if (offset != 0 && (isText || offset % size != 0 || offset >= count * size))
+        return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
+    const std::size_t skipped = isText ? 0 : offset / size;
+    const Bytes value = reader.bytes(reader.left());
+    // A fragment carries as many whole elements as it has bytes for.
+    const std::size_t carried =
+        isText ? count : std::min(std::max<std::size_t>(value.size() / size, 1), count - skipped);
+    const bool fragment = offset != 0;
+    const auto elements = elementsOf(*tag.type, value, fragment ? carried : count);
+    if (!elements) {
+        const bool tooMuch = !isText && value.size() > (count - skipped) * size;
+        return {tooMuch ? CipStatus::TooMuchData : CipStatus::NotEnoughData, CipExtended::None, {}};
+    }
+    std::copy(elements->begin(), elements->end(),
+              tag.elements.begin() + static_cast<std::ptrdiff_t>(target.element + skipped));
+    return {};
+}
+
+} // namespace micro850::sim

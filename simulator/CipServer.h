@@ -1,0 +1,117 @@
+#ifndef MICRO850_SIMULATOR_CIPSERVER_H
+#define MICRO850_SIMULATOR_CIPSERVER_H
+
+#include "Plant.h"
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+namespace micro850::sim {
+
+/// General status codes of CIP replies.
+enum class CipStatus : std::uint8_t {
+    Success = 0x00,
+    ConnectionFailure = 0x01,
+    PathSegmentError = 0x04,
+    PathDestinationUnknown = 0x05,
+    PartialTransfer = 0x06,
+    ServiceNotSupported = 0x08,
+    AttributeNotSettable = 0x0E,
+    NotEnoughData = 0x13,
+    TooMuchData = 0x15,
+    VendorSpecific = 0xFF
+};
+
+/// Extended status words that go with some of them.
+enum class CipExtended : std::uint16_t {
+    None = 0,
+    ConnectionNotFound = 0x0107,
+    BeyondObject = 0x2105,
+    TypeMismatch = 0x2107
+};
+
+/// What the Identity object says.
+struct Identity
+{
+    std::uint16_t vendor = 0x1234;
+    std::uint16_t deviceType = 0x000E;
+    std::uint16_t productCode = 850;
+    std::uint8_t major = 1;
+    std::uint8_t minor = 2;
+    std::uint32_t serial = 0x00C0FFEE;
+    /// 26 characters make the reply 61 bytes long on the wire.
+    std::string name = "Micro850 simulated unit 01";
+};
+
+/// The CIP side of the controller: takes the data of a link message, gives the data of the reply.
+class CipServer
+{
+public:
+    CipServer(const Clock& clock, Plant& plant, Identity identity = Identity());
+
+    /// The reply's data; nothing for a message that is no request to this node.
+    std::optional<Bytes> handle(const Bytes& message);
+    /// Forgets all connections, as a power cycle does.
+    void reset();
+
+    /// The next connections get these identifiers, low half first; for tests.
+    void setNextConnectionId(std::uint32_t id) { m_nextConnectionId = id; }
+    std::size_t openConnections();
+    /// Requests answered, by general status.
+    const std::map<std::uint8_t, unsigned>& answersByStatus() const { return m_answers; }
+
+private:
+    struct Connection
+    {
+        std::uint32_t originatorId = 0; ///< T->O identifier that the originator chose
+        Bytes key;                      ///< connection serial, vendor, originator serial
+        Duration timeout{0};
+        Duration expires{0};
+    };
+    struct Request
+    {
+        std::uint8_t service = 0;
+        Bytes path;
+        Bytes data;
+    };
+    struct Reply
+    {
+        CipStatus status = CipStatus::Success;
+        CipExtended extended = CipExtended::None;
+        Bytes data;
+    };
+    struct Target
+    {
+        Tag* tag = nullptr;
+        std::size_t element = 0;
+    };
+
+    Bytes unconnected(const Bytes& cip);
+    Bytes connected(const Bytes& message);
+    Bytes encoded(std::uint8_t service, const Reply& reply);
+    static std::optional<Request> requestOf(const Bytes& cip);
+
+    Reply answerUnconnected(const Request& request);
+    Reply answerConnected(const Request& request);
+    Reply allAttributes() const;
+    Reply forwardOpen(const Request& request);
+    Reply forwardClose(const Request& request);
+    Reply readTag(const Request& request);
+    Reply writeTag(const Request& request);
+    std::optional<Reply> locate(const Bytes& path, Target& target);
+    Connection* connectionOf(std::uint16_t lowHalf);
+    void expireConnections();
+
+    const Clock& m_clock;
+    Plant& m_plant;
+    Identity m_identity;
+    std::map<std::uint32_t, Connection> m_connections; ///< by O->T identifier
+    std::uint32_t m_nextConnectionId = 0x00A15C3A;
+    std::map<std::uint8_t, unsigned> m_answers;
+};
+
+} // namespace micro850::sim
+
+#endif

@@ -1,0 +1,43 @@
+#ifndef MICRO850_SIMULATOR_ENGINE_H
+#define MICRO850_SIMULATOR_ENGINE_H
+
+#include "CipServer.h"
+#include "LinkLayer.h"
+
+namespace micro850::sim {
+
+/// One controller without any I/O: bytes in, bytes out, time from a clock.
+class Engine
+{
+public:
+    Engine(const Clock& clock, Plant plant, LinkOptions link = LinkOptions(),
+           Identity identity = Identity());
+
+    void receive(const Bytes& bytes);
+    /// Lets time pass: motions and time-outs.
+    void tick();
+    /// Takes the bytes to send.
+    Bytes transmit();
+
+    /// Connections and link state are forgotten; values go back to the initial ones unless
+    /// retained.
+    void powerCycle(bool retainValues);
+
+    Plant& plant() { return m_plant; }
+    CipServer& server() { return m_server; }
+    const LinkCounters& counters() const { return m_link.counters(); }
+
+private:
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    const Clock& m_clock;
+    Duration m_start;
+    Plant m_plant;
+    CipServer m_server;
+    LinkLayer m_link;
+};
+
+} // namespace micro850::sim
+
+#endif

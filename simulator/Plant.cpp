@@ -1,0 +1,209 @@
+#include "Plant.h"
+
+#include "JsonFile.h"
+#include "UserError.h"
+
+#include <array>
+#include <cmath>
+
+namespace micro850::sim {
+
+namespace {
+
+constexpr std::int64_t kLongestArray = 65536;
+constexpr std::size_t kLongestName = 255;
+constexpr double kPi = 3.14159265358979323846;
+
+Bytes elementFrom(const JsonNode& node, const CipType& type)
+{
+    try {
+        return valueFromText(type, node.scalar());
+    } catch (const UserError& error) {
+        const std::string what = error.what();
+        // A complaint of the node itself has its place already.
+        if (what.front() != '"')
+            throw;
+        node.fail(what);
+    }
+}
+
+Motion::Kind kindOf(const JsonNode& node)
+{
+    const std::string name = node.text();
+    const std::array<std::pair<const char*, Motion::Kind>, 4> kinds = {
+        {{"ramp", Motion::Ramp},
+         {"sine", Motion::Sine},
+         {"counter", Motion::Counter},
+         {"toggle", Motion::Toggle}}};
+    for (const auto& [text, kind] : kinds) {
+        if (name == text)
+            return kind;
+    }
+    node.fail('"' + name + "\" is not a motion" +
+              didYouMean(name, {"ramp", "sine", "counter", "toggle"}) +
+              " (ramp, sine, counter or toggle)");
+}
+
+Motion motionFrom(const JsonNode& node, const CipType& type)
+{
+    node.expectKeys({"kind", "min", "max", "period"});
+    Motion motion;
+    motion.kind = kindOf(node.at("kind"));
+    motion.least = node.number("min", 0);
+    motion.most = node.number("max", 100);
+    const double seconds = node.number("period", 10);
+    if (!(seconds >= 0.001 && seconds <= 1e6))
+        node.at("period").fail("a period is 0.001 to 1000000 seconds");
+    if (!(motion.least <= motion.most))
+        node.fail("min is greater than max");
+    if (type.kind == CipKind::String)
+        node.fail(std::string("a ") + type.name + " cannot move; remove the motion");
+    motion.period = Duration(static_cast<std::int64_t>(seconds * 1e6));
+    return motion;
+}
+
+std::vector<Bytes> initialFrom(const JsonNode& node, const CipType& type, std::size_t length)
+{
+    const std::string zero = type.kind == CipKind::String ? "" : "0";
+    std::vector<Bytes> elements(length, valueFromText(type, zero));
+    if (!node.has("value"))
+        return elements;
+    const JsonNode value = node.at("value");
+    if (!value.isArray()) {
+        elements.assign(length, elementFrom(value, type));
+        return elements;
+    }
+    const std::vector<JsonNode> values = value.elements();
+    if (values.size() > length)
+        value.fail(std::to_string(values.size()) + " values for " + std::to_string(length) +
+                   " elements");
+    for (std::size_t i = 0; i < values.size(); ++i)
+        elements[i] = elementFrom(values[i], type);
+    return elements;
+}
+
+const CipType& typeFrom(const JsonNode& node)
+{
+    try {
+        return cipTypeNamed(node.text());
+    } catch (const UserError& error) {
+        const std::string what = error.what();
+        if (what.front() != '"')
+            throw;
+        node.fail(what);
+    }
+}
+
+Tag tagFrom(const JsonNode& node)
+{
+    node.expectKeys({"name", "type", "length", "value", "readOnly", "motion"});
+    Tag tag;
+    tag.name = node.at("name").text();
+    if (tag.name.empty() || tag.name.size() > kLongestName)
+        node.at("name").fail("a tag name has 1 to 255 characters");
+    tag.type = &typeFrom(node.at("type"));
+    const auto length = static_cast<std::size_t>(node.integer("length", 1, kLongestArray, 1));
+    tag.initial = initialFrom(node, *tag.type, length);
+    tag.elements = tag.initial;
+    tag.readOnly = node.boolean("readOnly", false);
+    if (node.has("motion"))
+        tag.motion = motionFrom(node.at("motion"), *tag.type);
+    return tag;
+}
+
+// The value at `elapsed`; element `index` of an array runs a little behind its neighbour.
+double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
+{
+    const double periods =
+        static_cast<double>(elapsed.count()) / static_cast<double>(motion.period.count()) +
+        static_cast<double>(index) * 0.1;
+    const double range = motion.most - motion.least;
+    switch (motion.kind) {
+    case Motion::Ramp:
+        return motion.least + range * (periods - std::floor(periods));
+    case Motion::Sine:
+        return motion.least + range / 2 * (1 + std::sin(2 * kPi * periods));
+    case Motion::Counter:
+        return motion.least + std::fmod(std::floor(periods), std::floor(range) + 1);
+    case Motion::Toggle:
+        return std::fmod(std::floor(periods), 2);
+    }
+    return 0;
+}
+
+Bytes movedElement(const CipType& type, double position)
+{
+    if (type.kind == CipKind::Real)
+        return valueFromText(type, std::to_string(position));
+    if (type.kind == CipKind::Boolean)
+        return {static_cast<std::uint8_t>(position >= 0.5)};
+    const auto whole = static_cast<std::int64_t>(std::llround(position));
+    Bytes bytes;
+    for (int i = 0; i < type.size; ++i)
+        bytes.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(whole) >> (8 * i)));
+    return bytes;
+}
+
+} // namespace
+
+Plant Plant::fromFile(const std::string& path)
+{
+    return fromNode(JsonNode::fromFile(path));
+}
+
+Plant Plant::fromText(const std::string& text, const std::string& name)
+{
+    return fromNode(JsonNode::fromText(text, name));
+}
+
+Plant Plant::fromNode(const JsonNode& root)
+{
+    root.expectKeys({"tags"});
+    Plant plant;
+    for (const JsonNode& node : root.at("tags").elements()) {
+        Tag tag = tagFrom(node);
+        if (plant.find(tag.name))
+            node.at("name").fail("the tag \"" + tag.name +
+                                 "\" is there twice; remove or rename one");
+        plant.put(std::move(tag));
+    }
+    return plant;
+}
+
+const Tag* Plant::find(const std::string& name) const
+{
+    const auto tag = m_tags.find(name);
+    return tag == m_tags.end() ? nullptr : &tag->second;
+}
+
+Tag* Plant::find(const std::string& name)
+{
+    const auto tag = m_tags.find(name);
+    return tag == m_tags.end() ? nullptr : &tag->second;
+}
+
+void Plant::put(Tag tag)
+{
+    m_tags[tag.name] = std::move(tag);
+}
+
+void Plant::remove(const std::string& name)
+{
+    m_tags.erase(name);
+}
+
+void Plant::move(Duration elapsed)
+{
+    for (auto& [name, tag] : m_tags) {
+        for (std::size_t i = 0; tag.motion && i < tag.elements.size(); ++i)
+            tag.elements[i] = movedElement(*tag.type, positionOf(*tag.motion, elapsed, i));
+    }
+}
+
+void Plant::reset()
+{
+    for (auto& [name, tag] : m_tags)
+        tag.elements = tag.initial;
+}
+
+} // namespace micro850::sim

@@ -1,0 +1,131 @@
+#include "SerialPort.h"
+
+#include "UserError.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace micro850::sim {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what, const std::string& remedy)
+{
+    throw UserError(what + ": " + std::strerror(errno) + " (" + remedy + ')');
+}
+
+speed_t speedOf(int baud)
+{
+    const std::vector<std::pair<int, speed_t>> speeds = {
+        {1200, B1200},   {2400, B2400},   {4800, B4800},   {9600, B9600},
+        {19200, B19200}, {38400, B38400}, {57600, B57600}, {115200, B115200}};
+    std::string known;
+    for (const auto& [rate, speed] : speeds) {
+        if (rate == baud)
+            return speed;
+        known += (known.empty() ? "" : ", ") + std::to_string(rate);
+    }
+    throw UserError("--baud " + std::to_string(baud) + " is not a speed of the line (" + known +
+                    ')');
+}
+
+void makeRaw(int descriptor, const std::string& path, speed_t speed)
+{
+    termios settings{};
+    if (::tcgetattr(descriptor, &settings) != 0)
+        fail(path, "it is not a serial device");
+    ::cfmakeraw(&settings);
+    ::cfsetspeed(&settings, speed);
+    settings.c_cflag |= CLOCAL | CREAD;
+    if (::tcsetattr(descriptor, TCSANOW, &settings) != 0)
+        fail(path, "the device does not take these settings");
+}
+
+} // namespace
+
+SerialPort::SerialPort(int descriptor, int held, std::string path, std::string link)
+    : m_descriptor(descriptor), m_held(held), m_path(std::move(path)), m_link(std::move(link))
+{
+}
+
+SerialPort::SerialPort(SerialPort&& other) noexcept
+    : m_descriptor(std::exchange(other.m_descriptor, -1)), m_held(std::exchange(other.m_held, -1)),
+      m_path(std::move(other.m_path)), m_link(std::exchange(other.m_link, std::string()))
+{
+}
+
+SerialPort::~SerialPort()
+{
+    if (!m_link.empty())
+        ::unlink(m_link.c_str());
+    if (m_held >= 0)
+        ::close(m_held);
+    if (m_descriptor >= 0)
+        ::close(m_descriptor);
+}
+
+SerialPort SerialPort::pseudoTerminal(const std::string& link)
+{
+    const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    std::array<char, 128> name{};
+    if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 ||
+        ::ptsname_r(master, name.data(), name.size()) != 0)
+        fail("pseudo-terminal", "is /dev/pts mounted?");
+    const int slave = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave < 0)
+        fail(name.data(), "is /dev/pts mounted?");
+    SerialPort port(master, slave, name.data(), "");
+    makeRaw(slave, name.data(), B38400);
+    ::fcntl(master, F_SETFL, O_NONBLOCK);
+    if (!link.empty()) {
+        if (::symlink(name.data(), link.c_str()) != 0)
+            fail("--link " + link, "choose a name that is free, in a folder that can be written");
+        port.m_link = link;
+    }
+    return port;
+}
+
+SerialPort SerialPort::device(const std::string& path, int baud)
+{
+    const speed_t speed = speedOf(baud);
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (descriptor < 0)
+        fail("--port " + path, "give a serial device, or leave --port out for a pseudo-terminal");
+    SerialPort port(descriptor, -1, path, "");
+    makeRaw(descriptor, path, speed);
+    return port;
+}
+
+Bytes SerialPort::read(bool& gone)
+{
+    std::array<std::uint8_t, 4096> buffer;
+    const ssize_t count = ::read(m_descriptor, buffer.data(), buffer.size());
+    gone = count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+    return count > 0 ? Bytes(buffer.begin(), buffer.begin() + count) : Bytes();
+}
+
+void SerialPort::write(const Bytes& bytes)
+{
+    constexpr int kPatience = 1000; // milliseconds for a peer that does not read
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t count = ::write(m_descriptor, bytes.data() + sent, bytes.size() - sent);
+        if (count > 0) {
+            sent += static_cast<std::size_t>(count);
+            continue;
+        }
+        pollfd wait = {m_descriptor, POLLOUT, 0};
+        if ((errno != EAGAIN && errno != EINTR) || ::poll(&wait, 1, kPatience) <= 0)
+            return;
+    }
+}
+
+} // namespace micro850::sim
