@@ -35,7 +35,7 @@ std::size_t distance(const std::string& a, const std::string& b)
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates)
 {
     const std::string* best = nullptr;
-    std::size_t least = std::max<std::size_t>(word.size() / 3, 1) + 1;
+    std::size_t least = std::max<std::size_t>(word.size() / 2, 1) + 1;
     for (const std::string& candidate : candidates) {
         const std::size_t away = distance(word, candidate);
         if (away < least) {

@@ -1,0 +1,204 @@
+#include "CipServer.h"
+
+#include "bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace micro850::sim {
+namespace {
+
+const char kTags[] = R"({"tags": [
+    {"name": "Speed", "type": "INT", "value": 1234},
+    {"name": "Zone", "type": "INT", "length": 300, "value": [1, 2, 3]},
+    {"name": "Big", "type": "DINT", "length": 200, "value": 7},
+    {"name": "Text", "type": "SHORT_STRING", "value": "AB"},
+    {"name": "Fixed", "type": "UINT", "value": 5, "readOnly": true}
+]})";
+
+const Bytes kForwardOpen =
+    hex("54 02 20 06 24 01 05 F7 02 00 00 80 01 00 01 80 02 00 34 12 23 16 C6 02 "
+        "02 00 00 00 80 84 1E 00 F8 43 80 84 1E 00 F8 43 A3 02 20 02 24 01");
+// Symbol segments of the tags above.
+const Bytes kSpeed = hex("91 05 53 70 65 65 64 00");
+const Bytes kZone = hex("91 04 5A 6F 6E 65");
+const Bytes kBig = hex("91 03 42 69 67 00");
+const Bytes kText = hex("91 04 54 65 78 74");
+const Bytes kFixed = hex("91 05 46 69 78 65 64 00");
+
+class CipTest : public ::testing::Test
+{
+protected:
+    std::string unconnected(const Bytes& cip)
+    {
+        const auto reply = server.handle(hex("00 01 0B 00 34 12 00 00") + cip);
+        return reply ? text(*reply) : "no reply";
+    }
+
+    /// Opens the connection 5A 3C and gives the CIP part of the reply to a connected request.
+    std::string connected(const Bytes& cip)
+    {
+        if (server.openConnections() == 0) {
+            server.setNextConnectionId(0x00013C5A);
+            unconnected(kForwardOpen);
+        }
+        const auto reply = server.handle(hex("00 01 0A 00 21 00 00 00 5A 3C 28 45") + cip);
+        return reply ? text(Bytes(reply->begin() + 12, reply->end())) : "no reply";
+    }
+
+    static Bytes read(const Bytes& path, const char* countAndOffset)
+    {
+        return Bytes{0x52, static_cast<std::uint8_t>(path.size() / 2)} + path + hex(countAndOffset);
+    }
+
+    static Bytes write(const Bytes& path, const char* rest)
+    {
+        return Bytes{0x53, static_cast<std::uint8_t>(path.size() / 2)} + path + hex(rest);
+    }
+
+    VirtualClock clock;
+    Plant plant = Plant::fromText(kTags, "tags");
+    CipServer server{clock, plant};
+};
+
+TEST_F(CipTest, TellsItsIdentityInFortyFiveBytesBehindTheHeader)
+{
+    const std::string reply = unconnected(hex("01 02 20 01 24 01"));
+    EXPECT_EQ(reply.substr(0, 77),
+              "01 00 4B 00 34 12 00 00 81 00 00 00 34 12 0E 00 52 03 01 02 30 00 EE FF C0 00");
+    EXPECT_EQ((reply.size() + 1) / 3, 8u + 45u)
+        << "61 bytes with DLE ACK, DLE STX, DLE ETX and CRC";
+}
+
+TEST_F(CipTest, OpensAConnectionWithAnIdentifierOfItsOwn)
+{
+    server.setNextConnectionId(0x00013C5A);
+    EXPECT_EQ(unconnected(kForwardOpen),
+              "01 00 4B 00 34 12 00 00 D4 00 00 00 5A 3C 01 00 01 00 01 80 02 00 34 12 23 16 C6 02 "
+              "80 84 1E 00 80 84 1E 00 00 00");
+    EXPECT_EQ(server.openConnections(), 1u);
+}
+
+TEST_F(CipTest, GivesTwoOriginatorsConnectionsOfTheirOwn)
+{
+    unconnected(kForwardOpen);
+    Bytes other = kForwardOpen;
+    other[20] ^= 0xFF; // originator serial number
+    unconnected(other);
+    EXPECT_EQ(server.openConnections(), 2u);
+    unconnected(kForwardOpen);
+    EXPECT_EQ(server.openConnections(), 2u) << "the same originator replaces its own";
+}
+
+TEST_F(CipTest, ForgetsAConnectionThatIsNotUsedForIntervalTimesMultiplier)
+{
+    connected(read(kSpeed, "01 00 00 00 00 00"));
+    clock.advance(std::chrono::seconds(31)); // 2 s x 16, less one second
+    EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00")), "D2 00 00 00 C3 00 D2 04");
+    clock.advance(std::chrono::seconds(32));
+    EXPECT_EQ(server.openConnections(), 0u);
+}
+
+TEST_F(CipTest, RefusesAConnectedRequestWithoutItsConnection)
+{
+    const auto reply = server.handle(hex("00 01 0A 00 21 00 00 00 5A 3C 28 45") +
+                                     read(kSpeed, "01 00 00 00 00 00"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(text(*reply), "01 00 4A 00 21 00 00 00 5A 3C 28 45 D2 00 01 01 07 01");
+}
+
+TEST_F(CipTest, ClosesAConnectionOnce)
+{
+    unconnected(kForwardOpen);
+    const Bytes close = hex("4E 02 20 06 24 01 05 F7 02 00 34 12 23 16 C6 02 02 00 20 02 24 01");
+    EXPECT_EQ(unconnected(close),
+              "01 00 4B 00 34 12 00 00 CE 00 00 00 02 00 34 12 23 16 C6 02 00 00");
+    EXPECT_EQ(unconnected(close), "01 00 4B 00 34 12 00 00 CE 00 01 01 07 01");
+}
+
+TEST_F(CipTest, EchoesConnectionAndSequenceInItsReply)
+{
+    server.setNextConnectionId(0x00013C5A);
+    unconnected(kForwardOpen);
+    const auto reply = server.handle(hex("00 01 0A 00 21 00 00 00 5A 3C 28 45") +
+                                     read(kSpeed, "01 00 00 00 00 00"));
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(text(*reply), "01 00 4A 00 21 00 00 00 01 00 28 45 D2 00 00 00 C3 00 D2 04")
+        << "the identifier is the one that the originator chose for this direction";
+}
+
+TEST_F(CipTest, ReadsScalarsElementsAndRuns)
+{
+    EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00")), "D2 00 00 00 C3 00 D2 04");
+    EXPECT_EQ(connected(read(kZone, "03 00 00 00 00 00")), "D2 00 00 00 C3 00 01 00 02 00 03 00");
+    EXPECT_EQ(connected(read(kZone + hex("28 02"), "01 00 00 00 00 00")),
+              "D2 00 00 00 C3 00 03 00");
+    EXPECT_EQ(connected(read(kZone + hex("29 00 2B 01"), "01 00 00 00 00 00")),
+              "D2 00 00 00 C3 00 00 00");
+    EXPECT_EQ(connected(read(kText, "01 00 00 00 00 00")), "D2 00 00 00 DA 00 02 41 42");
+}
+
+TEST_F(CipTest, CutsALongValueIntoFragments)
+{
+    const std::string first = connected(read(kBig, "C8 00 00 00 00 00"));
+    EXPECT_EQ(first.substr(0, 17), "D2 00 06 00 C4 00");
+    EXPECT_EQ((first.size() + 1) / 3, 6u + 480u);
+    const std::string rest = connected(read(kBig, "C8 00 E0 01 00 00"));
+    EXPECT_EQ(rest.substr(0, 17), "D2 00 00 00 C4 00");
+    EXPECT_EQ((rest.size() + 1) / 3, 6u + 320u);
+}
+
+TEST_F(CipTest, WritesWhatARequestBrings)
+{
+    EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 39 30")), "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Speed")->elements[0]), "39 30");
+    EXPECT_EQ(connected(write(kZone + hex("28 01"), "C3 00 02 00 00 00 00 00 11 11 22 22")),
+              "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Zone")->elements[2]), "22 22");
+    EXPECT_EQ(connected(write(kText, "DA 00 01 00 00 00 00 00 03 58 59 5A")), "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Text")->elements[0]), "03 58 59 5A");
+}
+
+TEST_F(CipTest, NamesTheErrorOfARefusedRead)
+{
+    EXPECT_EQ(connected(read(hex("91 04 4E 6F 6E 65"), "01 00 00 00 00 00")), "D2 00 05 00");
+    EXPECT_EQ(connected(read(kZone + hex("30 00 00 00 01 00"), "01 00 00 00 00 00")),
+              "D2 00 04 00");
+    EXPECT_EQ(connected(read(hex("20 01 24 01"), "01 00 00 00 00 00")), "D2 00 04 00");
+    EXPECT_EQ(connected(read(kZone + hex("29 00 2C 01"), "01 00 00 00 00 00")),
+              "D2 00 FF 01 05 21");
+    EXPECT_EQ(connected(read(kZone, "2D 01 00 00 00 00")), "D2 00 FF 01 05 21");
+    EXPECT_EQ(connected(read(kZone, "00 00 00 00 00 00")), "D2 00 FF 01 05 21");
+    EXPECT_EQ(connected(read(kSpeed, "01 00")), "D2 00 13 00");
+    EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00 00")), "D2 00 15 00");
+}
+
+TEST_F(CipTest, NamesTheErrorOfARefusedWriteAndChangesNothing)
+{
+    EXPECT_EQ(connected(write(kSpeed, "C4 00 01 00 00 00 00 00 01 00 00 00")), "D3 00 FF 01 07 21");
+    EXPECT_EQ(connected(write(kFixed, "C7 00 01 00 00 00 00 00 01 00")), "D3 00 0E 00");
+    EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 01")), "D3 00 13 00");
+    EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 01 00 00")), "D3 00 15 00");
+    EXPECT_EQ(connected(write(kSpeed, "C3 00 02 00 00 00 00 00 01 00 02 00")), "D3 00 FF 01 05 21");
+    EXPECT_EQ(connected(write(kText, "DA 00 01 00 00 00 00 00 03 58")), "D3 00 13 00");
+    EXPECT_EQ(text(plant.find("Speed")->elements[0]), "D2 04");
+    EXPECT_EQ(text(plant.find("Fixed")->elements[0]), "05 00");
+}
+
+TEST_F(CipTest, RefusesServicesAndObjectsThatItDoesNotHave)
+{
+    EXPECT_EQ(connected(hex("4C 01 91 00")), "CC 00 08 00");
+    EXPECT_EQ(unconnected(hex("0E 02 20 01 24 01")), "01 00 4B 00 34 12 00 00 8E 00 08 00");
+    EXPECT_EQ(unconnected(hex("01 02 20 04 24 01")), "01 00 4B 00 34 12 00 00 81 00 05 00");
+    EXPECT_EQ(unconnected(hex("01 09 20 01")), "01 00 4B 00 34 12 00 00 81 00 13 00");
+    EXPECT_EQ(unconnected(hex("54 02 20 06 24 01 05 F7")), "01 00 4B 00 34 12 00 00 D4 00 13 00");
+}
+
+TEST_F(CipTest, SaysNothingToAMessageThatIsNoRequest)
+{
+    EXPECT_FALSE(server.handle(hex("00 01 0F 00 01 00 00 00 01 02")));
+    EXPECT_FALSE(server.handle(hex("00 01 0A 00 01 00 00 00 5A 3C 28 45")));
+    EXPECT_FALSE(server.handle({}));
+}
+
+} // namespace
+} // namespace micro850::sim

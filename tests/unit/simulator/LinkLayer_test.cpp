@@ -1,0 +1,182 @@
+#include "LinkLayer.h"
+
+#include "bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace micro850::sim {
+namespace {
+
+// Two good messages; the CRCs were worked out by hand from the polynomial.
+const Bytes kIdentity = hex("10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
+const Bytes kIdentityData = hex("00 01 0B 00 01 00 00 00 01 02 20 01 24 01");
+const Bytes kAck = hex("10 06");
+const Bytes kNak = hex("10 15");
+const Bytes kEnq = hex("10 05");
+
+class LinkTest : public ::testing::Test
+{
+protected:
+    std::string afterReceiving(const Bytes& bytes)
+    {
+        link.receive(bytes);
+        return text(link.transmit());
+    }
+    std::string afterWaiting(Duration time)
+    {
+        clock.advance(time);
+        link.tick();
+        return text(link.transmit());
+    }
+
+    VirtualClock clock;
+    std::vector<Bytes> messages;
+    std::optional<Bytes> reply;
+    LinkLayer::Handler handler = [this](const Bytes& data) {
+        messages.push_back(data);
+        return reply;
+    };
+    LinkLayer link{clock, handler};
+};
+
+TEST(LinkCrc, HasTheCheckValueOfItsParameterSet)
+{
+    EXPECT_EQ(linkCrc(hex("31 32 33 34 35 36 37 38 39")), 0xBB3D);
+    EXPECT_EQ(linkCrc({}), 0);
+    EXPECT_EQ(linkCrc(kIdentityData + hex("03")), 0x358E);
+}
+
+TEST_F(LinkTest, AcknowledgesAGoodMessageAndHandsItsDataOver)
+{
+    EXPECT_EQ(afterReceiving(kIdentity), "10 06");
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0], kIdentityData);
+}
+
+TEST_F(LinkTest, TakesAMessageInSingleBytesAndBehindNoise)
+{
+    link.receive(hex("00 FF 10 10 03 42"));
+    for (std::uint8_t byte : kIdentity)
+        link.receive({byte});
+    EXPECT_EQ(messages.size(), 1u);
+}
+
+TEST_F(LinkTest, RefusesAMessageWhoseCrcIsWrong)
+{
+    for (std::size_t position = 2; position < kIdentity.size() - 4; ++position) {
+        Bytes corrupt = kIdentity;
+        corrupt[position] ^= 0x40;
+        if (corrupt[position] == 0x10)
+            continue;
+        EXPECT_EQ(afterReceiving(corrupt), "10 15") << position;
+    }
+    EXPECT_TRUE(messages.empty());
+    EXPECT_GT(link.counters().corrupt, 10u);
+}
+
+TEST_F(LinkTest, SendsEveryDleOfAReplyTwiceButNotOfItsCrc)
+{
+    reply = hex("01 00 4B 00 10 00 00 00 10 10");
+    EXPECT_EQ(afterReceiving(kIdentity).substr(0, 53),
+              "10 06 10 02 01 00 4B 00 10 10 00 00 00 10 10 10 10 10");
+}
+
+TEST_F(LinkTest, ReadsADoubledDleAsOneByte)
+{
+    link.receive(hex("10 02 00 01 0B 00 10 10 00 00 00 01 02 20 01 24 01 10 03 DE 09"));
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(text(messages[0]), "00 01 0B 00 10 00 00 00 01 02 20 01 24 01");
+}
+
+TEST_F(LinkTest, AcknowledgesARepeatedMessageAndDoesNotExecuteItAgain)
+{
+    link.receive(kIdentity);
+    link.transmit();
+    EXPECT_EQ(afterReceiving(kIdentity), "10 06");
+    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(link.counters().duplicates, 1u);
+}
+
+TEST_F(LinkTest, ExecutesARepeatedMessageWhenDetectionIsOff)
+{
+    LinkOptions options;
+    options.duplicateDetection = false;
+    LinkLayer trusting(clock, handler, options);
+    trusting.receive(kIdentity);
+    trusting.receive(kIdentity);
+    EXPECT_EQ(messages.size(), 2u);
+}
+
+TEST_F(LinkTest, AnswersAnEnquiryWithItsLastResponse)
+{
+    EXPECT_EQ(afterReceiving(kEnq), "10 15") << "nothing was acknowledged yet";
+    link.receive(kIdentity);
+    link.transmit();
+    EXPECT_EQ(afterReceiving(kEnq), "10 06");
+}
+
+TEST_F(LinkTest, RepeatsARefusedReplyThreeTimes)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    const std::string sent = afterReceiving(kIdentity).substr(6);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(afterReceiving(kNak), sent);
+    EXPECT_EQ(afterReceiving(kNak), "");
+    EXPECT_EQ(link.counters().undelivered, 1u);
+}
+
+TEST_F(LinkTest, AsksThreeTimesForAMissingAcknowledgementOneSecondApart)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    link.transmit();
+    EXPECT_EQ(afterWaiting(Duration(999999)), "");
+    EXPECT_EQ(afterWaiting(Duration(1)), "10 05");
+    EXPECT_EQ(afterWaiting(Duration(1000000)), "10 05");
+    EXPECT_EQ(afterWaiting(Duration(1000000)), "10 05");
+    EXPECT_EQ(afterWaiting(Duration(1000000)), "");
+    EXPECT_EQ(link.counters().undelivered, 1u);
+}
+
+TEST_F(LinkTest, IsContentOnceItsReplyIsAcknowledged)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    link.transmit();
+    link.receive(kAck);
+    EXPECT_EQ(afterWaiting(Duration(10000000)), "");
+    EXPECT_EQ(afterReceiving(kNak), "") << "nothing is there to repeat";
+}
+
+TEST_F(LinkTest, UnderstandsAResponseEmbeddedInAMessage)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    link.transmit();
+    reply.reset();
+    link.receive(hex("10 02 00 01 0B 00 10 06 02 00 00 00 01 02 20 01 24 01 10 03"));
+    const std::uint16_t crc = linkCrc(hex("00 01 0B 00 02 00 00 00 01 02 20 01 24 01 03"));
+    EXPECT_EQ(afterReceiving(
+                  {static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)}),
+              "10 06");
+    EXPECT_EQ(messages.size(), 2u);
+    EXPECT_EQ(afterWaiting(Duration(5000000)), "") << "the embedded ACK was for the reply";
+}
+
+TEST_F(LinkTest, BeginsAnewWhenAMessageIsCutOffByTheNext)
+{
+    link.receive(hex("10 02 00 01 0B 00 01"));
+    EXPECT_EQ(afterReceiving(kIdentity), "10 06");
+    EXPECT_EQ(messages.size(), 1u);
+    EXPECT_EQ(link.counters().abandoned, 1u);
+}
+
+TEST_F(LinkTest, GivesUpAMessageWithoutEnd)
+{
+    link.receive(hex("10 02"));
+    link.receive(Bytes(100000, 0x41));
+    EXPECT_EQ(afterReceiving(kIdentity), "10 06");
+}
+
+} // namespace
+} // namespace micro850::sim

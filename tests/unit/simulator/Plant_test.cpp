@@ -1,0 +1,116 @@
+#include "Plant.h"
+
+#include "UserError.h"
+#include "bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace micro850::sim {
+namespace {
+
+Plant plantOf(const std::string& tags)
+{
+    return Plant::fromText("{\"tags\": [" + tags + "]}", "plant.json");
+}
+
+std::string complaintAbout(const std::string& tags)
+{
+    try {
+        plantOf(tags);
+    } catch (const UserError& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+std::string valueAt(Plant& plant, double seconds, std::size_t element = 0)
+{
+    plant.move(Duration(static_cast<std::int64_t>(seconds * 1e6)));
+    const Tag& tag = *plant.find("T");
+    return textFromValue(*tag.type, tag.elements[element]);
+}
+
+TEST(Plant, FillsAnArrayWithOneValueOrWithAListAndZeros)
+{
+    const Plant plant = plantOf(R"({"name": "A", "type": "INT", "length": 3, "value": 7},
+                                   {"name": "B", "type": "INT", "length": 3, "value": [1, 2]})");
+    EXPECT_EQ(text(plant.find("A")->elements[2]), "07 00");
+    EXPECT_EQ(text(plant.find("B")->elements[1]), "02 00");
+    EXPECT_EQ(text(plant.find("B")->elements[2]), "00 00");
+    EXPECT_EQ(plant.find("C"), nullptr);
+}
+
+TEST(Plant, RampsFromLeastToMostAndStartsAgain)
+{
+    Plant plant = plantOf(R"({"name": "T", "type": "INT",
+                              "motion": {"kind": "ramp", "min": 0, "max": 100, "period": 10}})");
+    EXPECT_EQ(valueAt(plant, 0), "0");
+    EXPECT_EQ(valueAt(plant, 5), "50");
+    EXPECT_EQ(valueAt(plant, 9.9), "99");
+    EXPECT_EQ(valueAt(plant, 10), "0");
+}
+
+TEST(Plant, SwingsAroundTheMiddle)
+{
+    Plant plant = plantOf(R"({"name": "T", "type": "INT",
+                              "motion": {"kind": "sine", "min": -100, "max": 100, "period": 4}})");
+    EXPECT_EQ(valueAt(plant, 0), "0");
+    EXPECT_EQ(valueAt(plant, 1), "100");
+    EXPECT_EQ(valueAt(plant, 3), "-100");
+}
+
+TEST(Plant, CountsOneUpEachPeriod)
+{
+    Plant plant = plantOf(R"({"name": "T", "type": "DINT",
+                              "motion": {"kind": "counter", "min": 5, "max": 7, "period": 2}})");
+    EXPECT_EQ(valueAt(plant, 1.9), "5");
+    EXPECT_EQ(valueAt(plant, 2), "6");
+    EXPECT_EQ(valueAt(plant, 5), "7");
+    EXPECT_EQ(valueAt(plant, 6), "5");
+}
+
+TEST(Plant, TogglesEachPeriod)
+{
+    Plant plant =
+        plantOf(R"({"name": "T", "type": "BOOL", "motion": {"kind": "toggle", "period": 1}})");
+    EXPECT_EQ(valueAt(plant, 0.5), "false");
+    EXPECT_EQ(valueAt(plant, 1.5), "true");
+    EXPECT_EQ(valueAt(plant, 2.5), "false");
+}
+
+TEST(Plant, GoesBackToItsInitialValues)
+{
+    Plant plant = plantOf(R"({"name": "T", "type": "INT", "value": 3})");
+    plant.find("T")->elements[0] = hex("09 00");
+    plant.reset();
+    EXPECT_EQ(text(plant.find("T")->elements[0]), "03 00");
+}
+
+TEST(Plant, NamesFileKeyAndRemedyOfAWrongTagFile)
+{
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INTT"})"),
+              "plant.json: tags[0].type: \"INTT\" is not a CIP type (did you mean INT?)");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "value": 40000})"),
+              "plant.json: tags[0].value: \"40000\" is not a value of type INT (-32768 to 32767)");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT"}, {"name": "T", "type": "INT"})"),
+              "plant.json: tags[1].name: the tag \"T\" is there twice; remove or rename one");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "lenght": 3})"),
+              "plant.json: tags[0]: unknown key \"lenght\" (did you mean length?)");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "length": 0})"),
+              "plant.json: tags[0].length: 0 is not allowed (1 to 65536)");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "length": 1, "value": [1, 2]})"),
+              "plant.json: tags[0].value: 2 values for 1 elements");
+    EXPECT_EQ(complaintAbout(R"({"type": "INT"})"),
+              "plant.json: tags[0]: the key \"name\" is missing");
+    EXPECT_EQ(complaintAbout(R"({"name": "", "type": "INT"})"),
+              "plant.json: tags[0].name: a tag name has 1 to 255 characters");
+    EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "motion": {"kind": "rmap"}})"),
+              "plant.json: tags[0].motion.kind: \"rmap\" is not a motion (did you mean ramp?) "
+              "(ramp, sine, counter or toggle)");
+    EXPECT_EQ(
+        complaintAbout(R"({"name": "T", "type": "SHORT_STRING", "motion": {"kind": "ramp"}})"),
+        "plant.json: tags[0].motion: a SHORT_STRING cannot move; remove the motion");
+}
+
+} // namespace
+} // namespace micro850::sim
