@@ -1,0 +1,135 @@
+#include "Exchange.h"
+
+namespace host {
+
+namespace {
+
+// The longest reply of a 504-byte connection, with its header, every byte doubled.
+const int kLongestReply = 2 * 520;
+// How often within one time-out a corrupt reply is asked for again, or a request repeated.
+const int kLinkRetries = 3;
+
+} // namespace
+
+/// What is remembered while one request is in flight.
+struct Exchange::Attempt
+{
+    const QByteArray& frame;
+    const Request request;
+    Counters& counters;
+    Answer answer;
+    qint64 sentAt = 0;
+    int asksAgain = kLinkRetries;
+    int repetitions = kLinkRetries;
+    bool done = false;
+};
+
+Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
+    : m_line(line), m_clock(clock), m_settings(settings)
+{
+}
+
+int Exchange::timeoutFor(int requestBytes) const
+{
+    if (m_settings.timeoutMs != 0)
+        return m_settings.timeoutMs;
+    return m_settings.timeOf(requestBytes + kLongestReply) + m_settings.deviceBudgetMs;
+}
+
+Answer Exchange::run(const QByteArray& frame, Counters& counters)
+{
+    Attempt attempt = {frame, decodeRequest(dataOf(frame)), counters, Answer()};
+    m_line.discardInput();
+    m_collector.reset();
+    attempt.answer.outcome = Answer::Outcome::DeviceGone;
+    attempt.sentAt = m_clock.now();
+    const qint64 deadline = attempt.sentAt + timeoutFor(frame.size());
+    if (!sendFrame(frame, counters))
+        return attempt.answer;
+
+    for (qint64 left = deadline - m_clock.now(); left > 0; left = deadline - m_clock.now()) {
+        QByteArray bytes;
+        if (!m_line.receive(bytes, static_cast<int>(left)))
+            return attempt.answer;
+        counters.bytesReceived += bytes.size();
+        for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
+            if (!handle(event, attempt))
+                return attempt.answer;
+        }
+        if (attempt.done)
+            return attempt.answer;
+    }
+    ++counters.timedOut;
+    attempt.answer.outcome = Answer::Outcome::TimedOut;
+    return attempt.answer;
+}
+
+// False when the device is gone.
+bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
+{
+    switch (event.kind) {
+    case ReplyCollector::Kind::Frame:
+        return takeFrame(event.data, attempt);
+    case ReplyCollector::Kind::Corrupt:
+        ++attempt.counters.corrupt;
+        return attempt.done || attempt.asksAgain-- <= 0 || sendControl(kNak);
+    case ReplyCollector::Kind::Nak:
+        ++attempt.counters.refusedByPeer;
+        return attempt.done || attempt.repetitions-- <= 0 ||
+               sendFrame(attempt.frame, attempt.counters);
+    case ReplyCollector::Kind::Enq:
+        return sendControl(m_lastResponse);
+    case ReplyCollector::Kind::Ack:
+        break;
+    }
+    return true;
+}
+
+bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
+{
+    if (m_observer)
+        m_observer(Direction::In, wireFrame(data), m_clock.now());
+    const Reply reply = decodeReply(data);
+    if (attempt.done || !answers(reply, attempt.request)) {
+        // The peer waits for its acknowledgement all the same, before it sends what is in flight.
+        ++attempt.counters.late;
+        return sendControl(kAck);
+    }
+    attempt.done = true;
+    attempt.answer.outcome = Answer::Outcome::Answered;
+    attempt.answer.data = data;
+    attempt.answer.reply = reply;
+    attempt.answer.roundTripMs = m_clock.now() - attempt.sentAt;
+    ++attempt.counters.answered;
+    if (!reply.good())
+        ++attempt.counters.errors[statusKey(reply)];
+    m_lastResponse = kAck;
+    m_unacknowledged = true;
+    return true;
+}
+
+bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
+{
+    ++counters.sent;
+    counters.bytesSent += frame.size();
+    m_lastResponse = kAck; // the frame begins with one
+    m_unacknowledged = false;
+    if (m_observer)
+        m_observer(Direction::Out, frame, m_clock.now());
+    return m_line.send(frame);
+}
+
+bool Exchange::sendControl(char control)
+{
+    m_lastResponse = control;
+    return m_line.send(QByteArray().append(kDle).append(control));
+}
+
+void Exchange::acknowledge()
+{
+    if (m_unacknowledged && m_line.isOpen())
+        sendControl(kAck);
+    m_unacknowledged = false;
+}
+
+} // namespace host
