@@ -1,0 +1,93 @@
+#include "DriverLibrary.h"
+
+#include "UserError.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QStringList>
+
+namespace host {
+
+namespace {
+
+const char kFileName[] = "libmicro850.so";
+
+// Beside the program, then where an installation puts libraries as seen from its programs.
+QStringList installedPlaces()
+{
+    const QDir programs(QCoreApplication::applicationDirPath());
+    QStringList places;
+    for (const char* directory : {".", MICRO850_LIBDIR_FROM_BINDIR})
+        places += QDir::cleanPath(
+            programs.filePath(QString::fromLatin1(directory) + '/' + QLatin1String(kFileName)));
+    return places;
+}
+
+} // namespace
+
+DriverLibrary::DriverLibrary(const QString& path)
+{
+    load(path);
+    resolveAll();
+}
+
+DriverLibrary::~DriverLibrary()
+{
+    m_library.unload();
+}
+
+void DriverLibrary::load(const QString& path)
+{
+    QString file = path;
+    if (file.isEmpty()) {
+        file = QString::fromLatin1(kFileName); // left to the loader
+        for (const QString& place : installedPlaces()) {
+            if (QFileInfo::exists(place)) {
+                file = place;
+                break;
+            }
+        }
+    } else if (!QFileInfo(file).isFile()) {
+        throw micro850::UserError(file.toStdString() +
+                                  ": there is no such driver library (give its path with --driver)");
+    }
+    m_library.setFileName(file);
+    if (!m_library.load()) {
+        throw micro850::UserError(file.toStdString() + ": the driver cannot be loaded: " +
+                                  m_library.errorString().toStdString() +
+                                  " (give its path with --driver)");
+    }
+}
+
+template<typename Function> void DriverLibrary::resolve(Function& function, const char* name)
+{
+    function = reinterpret_cast<Function>(m_library.resolve(name));
+    if (!function) {
+        const std::string file = m_library.fileName().toStdString();
+        m_library.unload();
+        throw micro850::UserError(file + ": lacks the entry point " + name +
+                                  " (is it this driver's libmicro850.so?)");
+    }
+}
+
+void DriverLibrary::resolveAll()
+{
+    resolve(m_api.setComInfo, "SetComInfo");
+    resolve(m_api.registerCallbacks, "RegistCallBackFuncIntf");
+    resolve(m_api.flashLocalRegister, "FlashLocalRegister");
+    resolve(m_api.enableStation, "EnCommStation");
+    resolve(m_api.queryFinishFlag, "QueryFinishFlag");
+    resolve(m_api.addressChange, "PLCAddressChangeIntef");
+    resolve(m_api.passVarName, "PassVarName");
+    resolve(m_api.recreateReadList, "ReCreatReadVarList");
+    resolve(m_api.addRead, "AddListReadVar");
+    resolve(m_api.addWrite, "AddListWriteVar");
+    resolve(m_api.addOneShotRead, "AddListOnceReadVar");
+    resolve(m_api.getRegisterData, "GetRegisterData");
+    resolve(m_api.setRegisterData, "SetRegisterData");
+    resolve(m_api.comCommunication, "ComCommunication");
+    resolve(m_api.dataCom, "DataCom");
+}
+
+} // namespace host

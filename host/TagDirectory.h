@@ -1,0 +1,39 @@
+#ifndef MICRO850_HOST_TAGDIRECTORY_H
+#define MICRO850_HOST_TAGDIRECTORY_H
+
+#include "CipType.h"
+
+#include <QtCore/QMap>
+#include <QtCore/QPair>
+#include <QtCore/QString>
+
+namespace host {
+
+/// Station and name of a controller's tag.
+using TagKey = QPair<int, QString>;
+
+/// What the host knows of a tag. The driver's store gives classes only, so that the type comes from the
+/// first good reply.
+struct Tag
+{
+    enum class State { Unknown, Asking, Known, Refused };
+    State state = State::Unknown;
+    quint16 typeCode = 0;
+    /// The elementary type of the code, null for any other.
+    const micro850::CipType* type = nullptr;
+    /// Why the controller refused it, or why its values are not shown.
+    QString error;
+    /// When a refused tag is asked for again.
+    qint64 retryAt = 0;
+    /// The area that writes to it carry.
+    int area = 0;
+    /// False once the controller refused a request that spans several variables: one of them reaches
+    /// beyond the tag, so that each is read on its own.
+    bool mergeable = true;
+};
+
+using TagDirectory = QMap<TagKey, Tag>;
+
+} // namespace host
+
+#endif

@@ -1,0 +1,123 @@
+#include "ValueStore.h"
+
+#include <algorithm>
+
+namespace host {
+
+ValueStore::ValueStore(const Project& project) : m_project(project)
+{
+    for (int i = 0; i < project.variables.size(); ++i) {
+        const Variable& variable = project.variables.at(i);
+        State state;
+        state.elements.resize(variable.length);
+        state.times.fill(-1, variable.length);
+        state.missing = variable.length;
+        m_states.append(state);
+        m_variablesOf[{variable.station, variable.tag}].append(i);
+    }
+}
+
+void ValueStore::store(const TagKey& tag, int element, const micro850::CipType& type,
+                       const QByteArray& bytes, qint64 now)
+{
+    const QVector<QByteArray> run = elementsOf(type, bytes);
+    for (const int i : m_variablesOf.value(tag)) {
+        const Variable& variable = m_project.variables.at(i);
+        const int first = std::max(element, variable.element);
+        const int end = std::min(element + run.size(), variable.element + variable.length);
+        if (first >= end || (variable.type && variable.type != &type))
+            continue;
+        m_states[i].type = &type;
+        for (int at = first; at < end; ++at)
+            storeElement(i, at - variable.element, run.at(at - element), now);
+        if (!m_states.at(i).error.isEmpty())
+            setError(i, QString());
+    }
+}
+
+void ValueStore::storeElement(int variable, int index, const QByteArray& bytes, qint64 now)
+{
+    State& state = m_states[variable];
+    const bool first = state.times.at(index) < 0;
+    if (first)
+        --state.missing;
+    if (first || state.elements.at(index) != bytes)
+        m_changed.insert(variable);
+    state.elements[index] = bytes;
+    state.times[index] = now;
+}
+
+void ValueStore::setError(int variable, const QString& error)
+{
+    if (m_states.at(variable).error == error)
+        return;
+    m_states[variable].error = error;
+    m_changed.insert(variable);
+}
+
+qint64 ValueStore::refreshedAt(int variable) const
+{
+    const QVector<qint64>& times = m_states.at(variable).times;
+    return *std::min_element(times.begin(), times.end());
+}
+
+Quality ValueStore::quality(int variable, qint64 now, bool alive) const
+{
+    if (!wasRead(variable))
+        return Quality::Never;
+    const bool refreshed = m_project.variables.at(variable).poll == PollMode::Cyclic;
+    const bool old = refreshed && now - refreshedAt(variable) > m_project.staleAfterMs;
+    return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
+}
+
+QStringList ValueStore::texts(int variable) const
+{
+    const State& state = m_states.at(variable);
+    QStringList texts;
+    for (int i = 0; i < state.elements.size(); ++i)
+        texts += state.times.at(i) < 0 ? QStringLiteral("?")
+                                       : elementText(*state.type, state.elements.at(i));
+    return texts;
+}
+
+QString ValueStore::text(int variable) const
+{
+    const State& state = m_states.at(variable);
+    if (state.missing == state.elements.size())
+        return QString();
+    const QStringList all = texts(variable);
+    return all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
+}
+
+QSet<int> ValueStore::takeChanged()
+{
+    QSet<int> changed;
+    changed.swap(m_changed);
+    return changed;
+}
+
+QVector<QByteArray> elementsOf(const micro850::CipType& type, const QByteArray& bytes)
+{
+    QVector<QByteArray> elements;
+    if (type.kind == micro850::CipKind::String) {
+        elements.append(bytes);
+        return elements;
+    }
+    for (int at = 0; at + type.size <= bytes.size(); at += type.size)
+        elements.append(bytes.mid(at, type.size));
+    return elements;
+}
+
+QString elementText(const micro850::CipType& type, const QByteArray& element)
+{
+    const micro850::Bytes bytes(element.begin(), element.end());
+    return QString::fromLatin1(QByteArray::fromStdString(micro850::textFromValue(type, bytes)));
+}
+
+QByteArray elementFromText(const micro850::CipType& type, const QString& text)
+{
+    const micro850::Bytes bytes = micro850::valueFromText(type, text.toLatin1().toStdString());
+    return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
+}
+
+} // namespace host

@@ -1,0 +1,70 @@
+#ifndef MICRO850_HOST_VALUESTORE_H
+#define MICRO850_HOST_VALUESTORE_H
+
+#include "Project.h"
+#include "TagDirectory.h"
+
+#include <QtCore/QSet>
+#include <QtCore/QStringList>
+
+namespace host {
+
+/// How far a value can be trusted.
+enum class Quality { Never, Good, Stale };
+
+/// The values of a project's variables, with the time of the reply that brought each element.
+class ValueStore
+{
+public:
+    explicit ValueStore(const Project& project);
+
+    /// Takes a run of a tag's elements into every variable that shows some of them.
+    void store(const TagKey& tag, int element, const micro850::CipType& type, const QByteArray& bytes,
+               qint64 now);
+    /// Notes why a variable has no fresh value; the next good reply clears it.
+    void setError(int variable, const QString& error);
+
+    int size() const { return m_states.size(); }
+    /// The type that the controller gave, null before the first value.
+    const micro850::CipType* type(int variable) const { return m_states.at(variable).type; }
+    QString error(int variable) const { return m_states.at(variable).error; }
+    bool wasRead(int variable) const { return m_states.at(variable).missing == 0; }
+    /// When the oldest of its elements was refreshed; -1 when one never was.
+    qint64 refreshedAt(int variable) const;
+    /// `alive` says whether the variable's station answers.
+    Quality quality(int variable, qint64 now, bool alive) const;
+    /// Its elements as text.
+    QStringList texts(int variable) const;
+    /// One line: the value, or "[a, b, c]" of several elements; "" before the first.
+    QString text(int variable) const;
+
+    /// The variables whose value or error changed since the last call.
+    QSet<int> takeChanged();
+
+private:
+    struct State
+    {
+        const micro850::CipType* type = nullptr;
+        QVector<QByteArray> elements;
+        QVector<qint64> times;
+        int missing = 0;
+        QString error;
+    };
+    void storeElement(int variable, int index, const QByteArray& bytes, qint64 now);
+
+    const Project& m_project;
+    QVector<State> m_states;
+    QMap<TagKey, QVector<int>> m_variablesOf;
+    QSet<int> m_changed;
+};
+
+/// The elements' bytes in a run of value bytes; a string is the whole run.
+QVector<QByteArray> elementsOf(const micro850::CipType& type, const QByteArray& bytes);
+/// One element as text. Characters are Latin-1 on the wire.
+QString elementText(const micro850::CipType& type, const QByteArray& element);
+/// The wire bytes of one element from a text. Throws UserError.
+QByteArray elementFromText(const micro850::CipType& type, const QString& text);
+
+} // namespace host
+
+#endif
