@@ -5,8 +5,8 @@
 
 namespace host {
 
-/// A monotonic clock in milliseconds. The one source of time of everything here, so that tests can run
-/// on virtual time.
+/// A monotonic clock in milliseconds. The one source of time of everything here, so that tests can
+/// run on virtual time.
 class Clock
 {
 public:

@@ -100,9 +100,10 @@ void Driver::queue(const Operation& operation, const Tag& tag)
 
 void Driver::queueRead(const Operation& operation, const Tag& tag)
 {
-    // The first read of a tag brings element 0, whatever is asked, and is stored where the asked one
-    // belongs; so element 0 is what is asked. The count of a class that is not known is not looked at.
-    const bool known = operation.kind == Operation::Kind::Read;
+    // The first read of a tag brings element 0, whatever is asked, and is stored where the asked
+    // one belongs; so element 0 is what is asked. The count of a class that is not known is not
+    // looked at.
+    const bool known = tag.state == Tag::State::Known;
     RW_VAR request = RW_VAR();
     request.varType = kOperationKind;
     request.varIndex = operation.id;
@@ -110,8 +111,7 @@ void Driver::queueRead(const Operation& operation, const Tag& tag)
     request.tagName = operation.tag.second;
     request.addressText = QString::number(known ? operation.element : 0);
     request.stationNo = operation.tag.first;
-    request.count =
-        known ? oneShotCount(typeClassOf(tag.typeCode), operation.elements) : 1;
+    request.count = known ? oneShotCount(typeClassOf(tag.typeCode), operation.elements) : 1;
     const int completeRecord = 0;
     m_api.addOneShotRead(&request, completeRecord);
 }
@@ -129,11 +129,12 @@ Verdict Driver::handOver(Protocol& sent, const QByteArray& data)
     const bool setUp = sent.var.tagName.isEmpty();
     QByteArray reply = replyForDriver(data, !setUp);
     const int varies = -1;
-    // A reply of varying length is judged by one call, which notes its length, and taken by the next.
+    // A reply of varying length is judged by one call, which notes its length, and taken by the
+    // next.
     if (sent.replyLength == varies && m_api.dataCom(&reply, reply.size())->retValue == kNotFinished)
         return Verdict::Repeat;
-    // The length that the driver expects, which after a time-out is one that no reply has: the reply is
-    // known to be complete.
+    // The length that the driver expects, which after a time-out is one that no reply has: the
+    // reply is known to be complete.
     return verdictOf(*m_api.dataCom(&reply, sent.replyLength));
 }
 
@@ -147,8 +148,8 @@ Verdict Driver::handOverRefusal(Protocol& sent, const QByteArray& data)
     return handOver(sent, data);
 }
 
-// A silence is judged several times, as a host may hand over its bytes piece by piece, before it counts
-// as one failure.
+// A silence is judged several times, as a host may hand over its bytes piece by piece, before it
+// counts as one failure.
 Verdict Driver::reportSilence(Protocol& sent)
 {
     QByteArray nothing;

@@ -20,9 +20,9 @@ enum class Verdict {
     Dropped       ///< the retry limit is passed: request failed, connection given up
 };
 
-/// The driver as a host uses it: owns the settings record and the callbacks, and knows how many calls of
-/// DataCom() an outcome takes. The callbacks carry no pointer of the host's, so that only one object can
-/// exist at a time.
+/// The driver as a host uses it: owns the settings record and the callbacks, and knows how many
+/// calls of DataCom() an outcome takes. The callbacks carry no pointer of the host's, so that only
+/// one object can exist at a time.
 class Driver
 {
 public:
@@ -31,8 +31,8 @@ public:
     Driver(const Driver&) = delete;
     Driver& operator=(const Driver&) = delete;
 
-    /// Declares names. All are declared as carrying an index: any other name is one element at index 0
-    /// to the driver, whatever is asked.
+    /// Declares names. All are declared as carrying an index: any other name is one element at
+    /// index 0 to the driver, whatever is asked.
     void declare(const QStringList& tags);
     void enableStation(int station, bool enabled);
     /// Replaces the cyclic list.
@@ -48,7 +48,8 @@ public:
     Verdict handOverRefusal(Protocol& sent, const QByteArray& data);
     /// Says that no reply to `sent` came.
     Verdict reportSilence(Protocol& sent);
-    /// Makes the driver give up the connection of `sent`, as after a silence beyond the retry limit.
+    /// Makes the driver give up the connection of `sent`, as after a silence beyond the retry
+    /// limit.
     Verdict dropConnection(Protocol& sent);
 
     /// The value bytes that the driver stored of a read reply, in the controller's order.

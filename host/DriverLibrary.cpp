@@ -49,8 +49,8 @@ void DriverLibrary::load(const QString& path)
             }
         }
     } else if (!QFileInfo(file).isFile()) {
-        throw micro850::UserError(file.toStdString() +
-                                  ": there is no such driver library (give its path with --driver)");
+        throw micro850::UserError(
+            file.toStdString() + ": there is no such driver library (give its path with --driver)");
     }
     m_library.setFileName(file);
     if (!m_library.load()) {

@@ -9,8 +9,8 @@
 
 namespace host {
 
-/// The driver's entry points, typed as its headers declare them. The host is not linked to the driver:
-/// they are found by name when it is loaded.
+/// The driver's entry points, typed as its headers declare them. The host is not linked to the
+/// driver: they are found by name when it is loaded.
 struct DriverApi
 {
     decltype(&::SetComInfo) setComInfo = nullptr;
@@ -30,13 +30,14 @@ struct DriverApi
     decltype(&::DataCom) dataCom = nullptr;
 };
 
-/// The driver, loaded while this object lives. One at a time: the driver has one state for its process.
+/// The driver, loaded while this object lives. One at a time: the driver has one state for its
+/// process.
 class DriverLibrary
 {
 public:
-    /// Loads the library at `path`; an empty path stands for the places where it is installed: beside
-    /// the program, the library directory beside the program's, the loader's own path. Throws UserError
-    /// when it cannot be loaded or lacks an entry point.
+    /// Loads the library at `path`; an empty path stands for the places where it is installed:
+    /// beside the program, the library directory beside the program's, the loader's own path.
+    /// Throws UserError when it cannot be loaded or lacks an entry point.
     explicit DriverLibrary(const QString& path);
     ~DriverLibrary();
     DriverLibrary(const DriverLibrary&) = delete;

@@ -43,19 +43,22 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
     attempt.sentAt = m_clock.now();
-    const qint64 deadline = attempt.sentAt + timeoutFor(frame.size());
+    const int time = timeoutFor(frame.size());
+    const qint64 deadline = attempt.sentAt + time;
+    // By then a reply that is on its way has begun.
+    const qint64 lateAt = attempt.sentAt + time / 2;
     if (!sendFrame(frame, counters))
         return attempt.answer;
 
-    for (qint64 left = deadline - m_clock.now(); left > 0; left = deadline - m_clock.now()) {
-        QByteArray bytes;
-        if (!m_line.receive(bytes, static_cast<int>(left)))
-            return attempt.answer;
-        counters.bytesReceived += bytes.size();
-        for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
-            if (!handle(event, attempt))
+    bool asked = false;
+    for (qint64 now = m_clock.now(); now < deadline; now = m_clock.now()) {
+        if (!asked && now >= lateAt) {
+            asked = true;
+            if (!m_collector.inFrame() && !askAgain(attempt))
                 return attempt.answer;
         }
+        if (!collect(attempt, static_cast<int>((asked ? deadline : lateAt) - now)))
+            return attempt.answer;
         if (attempt.done)
             return attempt.answer;
     }
@@ -65,6 +68,19 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
 }
 
 // False when the device is gone.
+bool Exchange::collect(Attempt& attempt, int waitMs)
+{
+    QByteArray bytes;
+    if (!m_line.receive(bytes, waitMs))
+        return false;
+    attempt.counters.bytesReceived += bytes.size();
+    for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
+        if (!handle(event, attempt))
+            return false;
+    }
+    return true;
+}
+
 bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
 {
     switch (event.kind) {
@@ -72,17 +88,25 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
         return takeFrame(event.data, attempt);
     case ReplyCollector::Kind::Corrupt:
         ++attempt.counters.corrupt;
-        return attempt.done || attempt.asksAgain-- <= 0 || sendControl(kNak);
+        return attempt.done || askAgain(attempt);
     case ReplyCollector::Kind::Nak:
         ++attempt.counters.refusedByPeer;
         return attempt.done || attempt.repetitions-- <= 0 ||
                sendFrame(attempt.frame, attempt.counters);
     case ReplyCollector::Kind::Enq:
-        return sendControl(m_lastResponse);
+        // Asked for the reply in flight, which has not come: to acknowledge it would lose it.
+        return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
     case ReplyCollector::Kind::Ack:
         break;
     }
     return true;
+}
+
+// A NAK makes a peer repeat the message that it waits to be acknowledged; without one it is
+// nothing.
+bool Exchange::askAgain(Attempt& attempt)
+{
+    return attempt.asksAgain-- <= 0 || sendControl(kNak);
 }
 
 bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)

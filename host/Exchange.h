@@ -16,13 +16,13 @@ namespace host {
 /// What happened on the line, for one station or for all.
 struct Counters
 {
-    qint64 sent = 0;       ///< requests, repetitions included
-    qint64 answered = 0;   ///< replies that belong to their request
-    qint64 timedOut = 0;   ///< requests without an answer in time
-    qint64 corrupt = 0;    ///< frames with a wrong CRC
-    qint64 late = 0;       ///< intact replies of another request
+    qint64 sent = 0;          ///< requests, repetitions included
+    qint64 answered = 0;      ///< replies that belong to their request
+    qint64 timedOut = 0;      ///< requests without an answer in time
+    qint64 corrupt = 0;       ///< frames with a wrong CRC
+    qint64 late = 0;          ///< intact replies of another request
     qint64 refusedByPeer = 0; ///< DLE NAK for a request of ours
-    qint64 reconnects = 0; ///< connections made anew
+    qint64 reconnects = 0;    ///< connections made anew
     qint64 bytesSent = 0;
     qint64 bytesReceived = 0;
     QMap<QString, qint64> errors; ///< replies by their status, see statusKey()
@@ -39,9 +39,10 @@ struct Answer
 };
 
 /// Carries requests over a line: empties the input, sends, collects until a complete reply with the
-/// transaction number in flight is there or the time is over. A corrupt reply is asked for again, a
-/// request that the peer received corrupt is repeated, a reply of another request is dropped; all of
-/// that within the same time.
+/// transaction number in flight is there or the time is over. A reply that is corrupt or missing is
+/// asked for again, as the driver's repetition of a request has the same transaction number and a
+/// peer takes it for a duplicate; a request that the peer received corrupt is repeated; a reply of
+/// another request is dropped. All of that within the same time.
 class Exchange
 {
 public:
@@ -64,7 +65,9 @@ private:
     struct Attempt;
     bool sendFrame(const QByteArray& frame, Counters& counters);
     bool sendControl(char control);
+    bool collect(Attempt& attempt, int waitMs);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
+    bool askAgain(Attempt& attempt);
     bool takeFrame(const QByteArray& data, Attempt& attempt);
 
     Line& m_line;

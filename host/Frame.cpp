@@ -242,12 +242,21 @@ bool answers(const Reply& reply, const Request& request)
     return reply.linkStatus != 0 || reply.service == request.service;
 }
 
+bool saysNoConnection(const Reply& reply)
+{
+    const quint8 connectionFailure = 0x01;
+    const quint8 connectionLost = 0x07;
+    return reply.valid && reply.linkStatus == 0 &&
+           (reply.generalStatus == connectionFailure || reply.generalStatus == connectionLost);
+}
+
 QString statusText(const Reply& reply)
 {
     if (reply.good())
         return QString();
     if (reply.linkStatus != 0)
-        return QStringLiteral("refused by the link layer (status %1)").arg(hex(reply.linkStatus, 2));
+        return QStringLiteral("refused by the link layer (status %1)")
+            .arg(hex(reply.linkStatus, 2));
     return QStringLiteral("%1 (status %2)").arg(nameOf(reply), statusKey(reply));
 }
 

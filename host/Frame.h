@@ -1,9 +1,9 @@
 #ifndef MICRO850_HOST_FRAME_H
 #define MICRO850_HOST_FRAME_H
 
-// The frames on the line as a host sees them: closing, and what a request or a reply says. The driver
-// looks at no status, no type and no transaction number of a reply, so that a host decodes them
-// itself.
+// The frames on the line as a host sees them: closing, and what a request or a reply says. The
+// driver looks at no status, no type and no transaction number of a reply, so that a host decodes
+// them itself.
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -33,7 +33,8 @@ const quint8 kReplyCommandBit = 0x40;
 quint16 frameCrc(const QByteArray& data);
 /// "10 06 10 02", the data with each 10 doubled, "10 03" and the CRC.
 QByteArray wireFrame(const QByteArray& data);
-/// The application data of a complete frame that was built as wireFrame() does; empty for any other.
+/// The application data of a complete frame that was built as wireFrame() does; empty for any
+/// other.
 QByteArray dataOf(const QByteArray& frame);
 
 /// What a request frame of the driver asks for.
@@ -54,11 +55,11 @@ Request decodeRequest(const QByteArray& data);
 /// What a reply says.
 struct Reply
 {
-    bool valid = false;      ///< false: too short for its header; nothing else is set then
-    quint8 command = 0;      ///< with kReplyCommandBit
-    quint8 linkStatus = 0;   ///< status of the link layer, 0 is good
+    bool valid = false;    ///< false: too short for its header; nothing else is set then
+    quint8 command = 0;    ///< with kReplyCommandBit
+    quint8 linkStatus = 0; ///< status of the link layer, 0 is good
     quint16 tns = 0;
-    quint8 service = 0;      ///< without kReplyBit
+    quint8 service = 0; ///< without kReplyBit
     quint8 generalStatus = 0;
     QVector<quint16> extendedStatus;
     QByteArray body; ///< behind the status: type code and values of a read
@@ -74,9 +75,12 @@ struct Reply
 /// Decodes the application data of a reply.
 Reply decodeReply(const QByteArray& data);
 
-/// True when the reply belongs to the request: transaction number, command and service match. A reply
-/// that only the link layer answered (linkStatus set) need not carry a service.
+/// True when the reply belongs to the request: transaction number, command and service match. A
+/// reply that only the link layer answered (linkStatus set) need not carry a service.
 bool answers(const Reply& reply, const Request& request);
+
+/// True when the peer does not know the connection that the request quotes.
+bool saysNoConnection(const Reply& reply);
 
 /// "path destination unknown (status 05)", for display; "" for a good reply.
 QString statusText(const Reply& reply);

@@ -71,7 +71,8 @@ QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QB
             value.append(bytes.at(i));
         return value;
     case TypeClass::ShortString:
-        // The store never shrinks: what stands behind the string's length is the tail of an older one.
+        // The store never shrinks: what stands behind the string's length is the tail of an older
+        // one.
         return reply.left(1) + bytes.left(std::max(0, reply.size() - 1));
     default:
         return bytes.left(reply.size());

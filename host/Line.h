@@ -6,7 +6,8 @@
 
 namespace host {
 
-/// A serial line, in blocking steps. A silent peer is no fault of the line; a device that is gone is.
+/// A serial line, in blocking steps. A silent peer is no fault of the line; a device that is gone
+/// is.
 class Line
 {
 public:
@@ -21,8 +22,8 @@ public:
     virtual void discardInput() = 0;
     /// Hands the bytes to the device. False when the device is gone.
     virtual bool send(const QByteArray& bytes) = 0;
-    /// Waits at most `waitMs` for bytes and gives those that are there, none after a silence. False when
-    /// the device is gone.
+    /// Waits at most `waitMs` for bytes and gives those that are there, none after a silence. False
+    /// when the device is gone.
     virtual bool receive(QByteArray& bytes, int waitMs) = 0;
     /// Does nothing for so long.
     virtual void pause(int ms) = 0;

@@ -28,7 +28,7 @@ struct Operation
     TagKey tag;
     int element = 0;
     int elements = 1;
-    QByteArray value; ///< of a write: one element, in the controller's order
+    QByteArray value;  ///< of a write: one element, in the controller's order
     QByteArray result; ///< of a read: value bytes, in the controller's order
     QString error;
     int attempts = 0;

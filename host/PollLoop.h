@@ -13,8 +13,8 @@
 namespace host {
 
 /// Polls a project's variables and carries out single reads and writes, one transaction a step. The
-/// driver judges only whether a reply is complete; what a host must see to besides is seen to here and
-/// in Exchange: statuses, types, stations that do not answer, a device that went away.
+/// driver judges only whether a reply is complete; what a host must see to besides is seen to here
+/// and in Exchange: statuses, types, stations that do not answer, a device that went away.
 class PollLoop
 {
 public:
@@ -36,7 +36,7 @@ public:
     const Operation* outcome(int id) const;
     void forget(int id) { m_operations.remove(id); }
 
-    const Tag tag(const TagKey& key) const { return m_tags.value(key); }
+    Tag tag(const TagKey& key) const { return m_tags.value(key); }
     const ValueStore& values() const { return m_values; }
     ValueStore& values() { return m_values; }
     Quality quality(int variable) const;
@@ -56,8 +56,9 @@ private:
     void probeDeadStations();
     void pumpOperations();
     void pumpStation(Station& station);
-    bool prepare(Operation& operation);
-    void askForTags();
+    bool isReady(Operation& operation);
+    void lookAfterTags();
+    void askFor(const TagKey& key);
     void replan();
 
     void transact(Protocol& sent);
@@ -69,14 +70,16 @@ private:
     void takeVerdict(Verdict verdict, Station& station);
     void markDead(Station& station);
 
-    void learnType(const TagKey& key, const Reply& reply);
+    bool learnType(Tag& tag, const Reply& reply);
     void checkVariables(const TagKey& key);
+    void checkVariable(int variable, const Tag& tag);
     void takeValues(const RW_VAR& sent, const Request& request, const Reply& reply);
-    void takeRefusal(const RW_VAR& sent, const Request& request, const Reply& reply);
-    void refuseVariables(const TagKey& key, const Request& request, const QString& why);
+    void takeRefusal(const RW_VAR& sent, const Request& request);
+    void refuseTag(const TagKey& key, const QString& why);
     void takeFinished();
+    void takeOutcome(Operation& operation, bool succeeded);
     void end(Operation& operation, Operation::State state, const QString& error = QString());
-    int add(Operation operation);
+    int add(const Operation& operation);
     void readOnce(int variable);
 
     const Project& m_project;
@@ -90,10 +93,13 @@ private:
     QHash<int, Operation> m_operations;
     QMap<int, QQueue<int>> m_waiting; ///< ids, by station
     QMap<int, int> m_queued;          ///< the one operation of a station that the driver has
-    QMap<int, qint64> m_leftOut;      ///< variables that the controller refused, and until when
+    QMap<int, qint64> m_leftOut;      ///< variables that are not read, and until when
+    QMap<TagKey, QVector<int>> m_variablesOf;
+    qint64 m_nextLook = 0;
     int m_lastId = 0;
     bool m_replan = true;
-    QString m_refusal; ///< status of the reply in hand, when it refuses
+    QString m_refusal;             ///< status of the reply in hand, when it refuses
+    bool m_connectionLost = false; ///< the reply in hand says so
     QString m_lineError;
     qint64 m_nextOpen = 0;
     int m_openPauseMs = 0;

@@ -23,10 +23,7 @@ struct PortSettings
     int retryLimit = 2;
 
     /// Bits of one byte on the line, start bit included.
-    int bitsPerByte() const
-    {
-        return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits;
-    }
+    int bitsPerByte() const { return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits; }
     /// Milliseconds that so many bytes take on the line, rounded up.
     int timeOf(int bytes) const
     {

@@ -1,6 +1,7 @@
 #include "Project.h"
 
 #include "JsonFile.h"
+#include "TagDirectory.h"
 #include "UserError.h"
 
 #include <algorithm>
@@ -11,9 +12,6 @@ namespace {
 
 using micro850::JsonNode;
 
-// What the 8-bit length of a name and the longest element segment that controllers accept can hold.
-const int kLongestTag = 255;
-const int kLargestElement = 65535;
 const int kDay = 24 * 60 * 60 * 1000;
 
 Parity parityOf(const JsonNode& node)
@@ -106,7 +104,8 @@ int stationNumberOf(const JsonNode& node, const Project& project)
     return number;
 }
 
-// No element of a string array can be reached but the first: the driver sends no index with a string.
+// No element of a string array can be reached but the first: the driver sends no index with a
+// string.
 void checkElements(const JsonNode& node, const Variable& variable)
 {
     if (variable.element + variable.length - 1 > kLargestElement)

@@ -22,8 +22,8 @@ struct Variable
     const micro850::CipType* type = nullptr;
     int element = 0;
     int length = 1;
-    /// The area that its writes carry, 0 where the host gives each tag its own. The driver replaces a
-    /// queued write by a later one to the same area, element and count, whatever its tag.
+    /// The area that its writes carry, 0 where the host gives each tag its own. The driver replaces
+    /// a queued write by a later one to the same area, element and count, whatever its tag.
     int area = 0;
     PollMode poll = PollMode::Cyclic;
 };

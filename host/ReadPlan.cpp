@@ -6,14 +6,14 @@ namespace host {
 
 namespace {
 
-// Value bytes of one reply: well inside a connection of 504 bytes, and short enough that a reply lost
-// on a slow line costs little.
+// Value bytes of one reply: well inside a connection of 504 bytes, and short enough that a reply
+// lost on a slow line costs little.
 const int kBytesOfRun = 240;
 
-// The driver's list builder knows the default station only and counts elements of up to two bytes as
-// elements; it keeps the count of wide ones as words, takes 1 or 3 off and so asks for the wrong number
-// of them once it has merged or cut. An overlapping request would shorten a run, so that only single
-// elements of a tag, each listed once, go through it.
+// The driver's list builder knows the default station only and counts elements of up to two bytes
+// as elements; it keeps the count of wide ones as words, takes 1 or 3 off and so asks for the wrong
+// number of them once it has merged or cut. An overlapping request would shorten a run, so that
+// only single elements of a tag, each listed once, go through it.
 bool mayMerge(const Project& project, const Variable& variable, const Tag& tag)
 {
     return tag.mergeable && variable.station == project.stations.first().number &&

@@ -7,8 +7,8 @@
 namespace host {
 
 /// Finds the frames and the link controls in a stream of received bytes, however it is cut into
-/// pieces. A frame is complete with its DLE ETX and two CRC bytes, not with a byte count. No input or
-/// output of its own.
+/// pieces. A frame is complete with its DLE ETX and two CRC bytes, not with a byte count. No input
+/// or output of its own.
 class ReplyCollector
 {
 public:
@@ -30,7 +30,10 @@ public:
     /// Takes bytes as they arrived; gives what they complete, in order.
     QList<Event> feed(const QByteArray& bytes);
     /// True while a frame has begun and not ended.
-    bool inFrame() const { return m_state == State::Data || m_state == State::DataEscape || inCrc(); }
+    bool inFrame() const
+    {
+        return m_state == State::Data || m_state == State::DataEscape || inCrc();
+    }
 
     /// Bytes outside frames and controls so far.
     int noiseBytes() const { return m_noise; }
@@ -53,10 +56,11 @@ private:
     int m_noise = 0;
 };
 
-/// The reply as the driver counts offsets: from a DLE ACK, which a controller may have sent long before
-/// or not at all. Where both CRC bytes are 10, the driver's undoubling takes them for one and would cut
-/// off the last value byte; a filler byte behind them, which its search for the end skips, keeps the
-/// value whole. The replies of the connection set-up are found by their end and get none
+/// The reply as the driver counts offsets: from a DLE ACK, which a controller may have sent long
+/// before or not at all. Where both CRC bytes are 10, the driver's undoubling takes them for one
+/// and would cut off the last value byte; a filler byte behind them, which its search for the end
+/// skips, keeps the value whole. The replies of the connection set-up are found by their end and
+/// get none
 /// (`searchedFor` false).
 QByteArray replyForDriver(const QByteArray& data, bool searchedFor);
 

@@ -28,8 +28,9 @@ QString reasonOf(const QString& device, const QSerialPort& port)
     if (!QFileInfo::exists(device))
         return QStringLiteral("there is no such device");
     if (port.error() == QSerialPort::PermissionError) {
-        return QStringLiteral("permission denied or in use by another program (a user needs to be in "
-                              "the group \"dialout\")");
+        return QStringLiteral(
+            "permission denied or in use by another program (a user needs to be in "
+            "the group \"dialout\")");
     }
     return port.errorString();
 }
@@ -98,8 +99,8 @@ void SerialLine::pause(int ms)
     QThread::msleep(static_cast<unsigned long>(ms));
 }
 
-// A time-out of the port's own is a silence. A hang-up is asked of the system, as the port reports it
-// with its next read only.
+// A time-out of the port's own is a silence. A hang-up is asked of the system, as the port reports
+// it with its next read only.
 bool SerialLine::deviceIsThere()
 {
     const QSerialPort::SerialPortError error = m_port.error();

@@ -23,11 +23,17 @@ struct Station
     int refusedOpens = 0; ///< connection requests without a valid answer, in this set-up
     int probePauseMs = 0;
     qint64 nextProbe = 0;
+    bool probing = false; ///< dead, and asked for its connection at present
     qint64 lastAnswer = -1;
     bool wasConnected = false;
     Counters counters;
 
     bool alive() const { return state == State::Connected; }
+    /// True while requests for it are handed to the driver.
+    bool inService() const
+    {
+        return state == State::Connecting || state == State::Connected || probing;
+    }
 };
 
 /// "connected", "dead", ...

@@ -9,11 +9,16 @@
 
 namespace host {
 
+/// What the 8-bit length of a name, and the longest element segment that controllers accept, can
+/// hold.
+const int kLongestTag = 255;
+const int kLargestElement = 65535;
+
 /// Station and name of a controller's tag.
 using TagKey = QPair<int, QString>;
 
-/// What the host knows of a tag. The driver's store gives classes only, so that the type comes from the
-/// first good reply.
+/// What the host knows of a tag. The driver's store gives classes only, so that the type comes from
+/// the first good reply.
 struct Tag
 {
     enum class State { Unknown, Asking, Known, Refused };
@@ -27,8 +32,8 @@ struct Tag
     qint64 retryAt = 0;
     /// The area that writes to it carry.
     int area = 0;
-    /// False once the controller refused a request that spans several variables: one of them reaches
-    /// beyond the tag, so that each is read on its own.
+    /// False once the controller refused a request that spans several variables: one of them
+    /// reaches beyond the tag, so that each is read on its own.
     bool mergeable = true;
 };
 

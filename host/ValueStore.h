@@ -19,8 +19,8 @@ public:
     explicit ValueStore(const Project& project);
 
     /// Takes a run of a tag's elements into every variable that shows some of them.
-    void store(const TagKey& tag, int element, const micro850::CipType& type, const QByteArray& bytes,
-               qint64 now);
+    void store(const TagKey& tag, int element, const micro850::CipType& type,
+               const QByteArray& bytes, qint64 now);
     /// Notes why a variable has no fresh value; the next good reply clears it.
     void setError(int variable, const QString& error);
 

@@ -1,0 +1,96 @@
+#include "Session.h"
+
+#include "UserError.h"
+
+#include <algorithm>
+
+namespace host {
+
+namespace {
+
+[[noreturn]] void refuse(const QString& what, const QString& why)
+{
+    throw micro850::UserError((what + QStringLiteral(": ") + why).toStdString(),
+                              micro850::kExitRefused);
+}
+
+} // namespace
+
+Session::Session(const DriverApi& api, Line& line, const Clock& clock, const Project& project)
+    : m_project(project), m_loop(api, line, clock, project)
+{
+}
+
+Session::~Session()
+{
+    m_loop.finish();
+}
+
+Operation Session::run(int id, const QString& what)
+{
+    const Operation* outcome = m_loop.outcome(id);
+    for (; !outcome; outcome = m_loop.outcome(id)) {
+        m_loop.step();
+        if (!m_loop.lineIsUp())
+            refuse(m_project.port.text(), m_loop.lineError());
+    }
+    const Operation done = *outcome;
+    m_loop.forget(id);
+    if (done.state == Operation::State::Failed) {
+        refuse(what, done.error + QStringLiteral(" (") + m_project.port.text() +
+                         QStringLiteral("; check cable, speed and station)"));
+    }
+    if (done.state == Operation::State::Refused)
+        refuse(what, done.error);
+    return done;
+}
+
+const micro850::CipType& Session::typeOf(const TagKey& key)
+{
+    if (m_loop.tag(key).state != Tag::State::Known)
+        run(m_loop.learn(key), key.second);
+    const Tag tag = m_loop.tag(key);
+    if (!tag.type)
+        refuse(key.second, tag.error);
+    return *tag.type;
+}
+
+QVector<QByteArray> Session::read(const TagKey& key, int element, int elements)
+{
+    const micro850::CipType& type = typeOf(key);
+    if (type.kind == micro850::CipKind::String && (element != 0 || elements != 1)) {
+        throw micro850::UserError(key.second.toStdString() +
+                                  ": of a string only element 0 can be read");
+    }
+    Variable wanted;
+    wanted.element = element;
+    wanted.length = elements;
+    QVector<QByteArray> values;
+    for (const Run& part : runsOf(wanted, type)) {
+        const QString what = QStringLiteral("%1[%2]").arg(key.second).arg(part.element);
+        const Operation done = run(m_loop.read(key, part.element, part.elements), what);
+        const QVector<QByteArray> got = elementsOf(type, done.result);
+        if (got.size() != part.elements)
+            refuse(what, QStringLiteral("the reply holds %1 of %2 elements")
+                             .arg(got.size())
+                             .arg(part.elements));
+        values += got;
+    }
+    return values;
+}
+
+void Session::write(const TagKey& key, int element, const QByteArray& value)
+{
+    requireWritable(typeOf(key), key.second);
+    run(m_loop.write(key, element, value), QStringLiteral("%1[%2]").arg(key.second).arg(element));
+}
+
+void requireWritable(const micro850::CipType& type, const QString& name)
+{
+    if (isWritable(type))
+        return;
+    throw micro850::UserError(name.toStdString() + ": the driver cannot write the type " +
+                              type.name + ", which it moves byte by byte");
+}
+
+} // namespace host

@@ -1,0 +1,76 @@
+#include "TagAddress.h"
+
+#include "TagDirectory.h"
+#include "UserError.h"
+
+#include <QtCore/QRegularExpression>
+
+namespace host {
+
+namespace {
+
+int indexOf(const QString& digits, const QString& text)
+{
+    bool good = false;
+    const int index = digits.toInt(&good);
+    if (!good || index > kLargestElement) {
+        throw micro850::UserError('"' + text.toStdString() + "\": the index " +
+                                  digits.toStdString() + " is not allowed (0 to " +
+                                  std::to_string(kLargestElement) + ")");
+    }
+    return index;
+}
+
+} // namespace
+
+TagAddress TagAddress::fromText(const QString& text)
+{
+    static const QRegularExpression form(
+        QStringLiteral("^([!-<>-Z\\\\^-~]+)(?:\\[(\\d+)(?:\\.\\.(\\d+))?\\])?$"));
+    const QRegularExpressionMatch match = form.match(text);
+    if (!match.hasMatch() || match.captured(1).size() > kLongestTag) {
+        throw micro850::UserError('"' + text.toStdString() +
+                                  "\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])");
+    }
+    TagAddress address;
+    address.tag = match.captured(1);
+    if (match.captured(2).isEmpty())
+        return address;
+    address.indexed = true;
+    address.element = indexOf(match.captured(2), text);
+    if (match.captured(3).isEmpty())
+        return address;
+    const int last = indexOf(match.captured(3), text);
+    if (last < address.element) {
+        throw micro850::UserError(
+            '"' + text.toStdString() +
+            "\": the last index is before the first (write TAG[FIRST..LAST])");
+    }
+    address.elements = last - address.element + 1;
+    return address;
+}
+
+QString TagAddress::elementName(int offset) const
+{
+    return indexed ? QStringLiteral("%1[%2]").arg(tag).arg(element + offset) : tag;
+}
+
+Assignment Assignment::fromText(const QString& text)
+{
+    const int at = text.indexOf('=');
+    if (at < 0) {
+        throw micro850::UserError('"' + text.toStdString() +
+                                  "\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
+    }
+    Assignment assignment;
+    assignment.address = TagAddress::fromText(text.left(at));
+    assignment.value = text.mid(at + 1);
+    if (assignment.address.elements != 1) {
+        throw micro850::UserError(
+            '"' + text.toStdString() +
+            "\": one element at a time can be written (write TAG[INDEX]=VALUE)");
+    }
+    return assignment;
+}
+
+} // namespace host

@@ -1,0 +1,89 @@
+#include "Terminal.h"
+
+#include <csignal>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace host {
+
+namespace {
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+void requestStop(int)
+{
+    stopRequested = 1;
+}
+
+winsize sizeOf(std::FILE* stream)
+{
+    winsize size = {};
+    if (ioctl(fileno(stream), TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+        size.ws_col = 80;
+        size.ws_row = 24;
+    }
+    return size;
+}
+
+} // namespace
+
+Terminal::Terminal(std::FILE* stream) : m_stream(stream), m_isTerminal(isatty(fileno(stream)) == 1)
+{
+}
+
+int Terminal::width() const
+{
+    return sizeOf(m_stream).ws_col;
+}
+
+int Terminal::rows() const
+{
+    return sizeOf(m_stream).ws_row;
+}
+
+void Terminal::draw(const QStringList& lines)
+{
+    if (!m_isTerminal)
+        return;
+    // The alternate screen, without cursor; then each line over the one that stood there.
+    QByteArray page = m_entered ? "\x1b[H" : "\x1b[?1049h\x1b[?25l\x1b[H";
+    m_entered = true;
+    for (int i = 0; i < lines.size(); ++i)
+        page += lines.at(i).toUtf8() + "\x1b[K" + (i + 1 < lines.size() ? "\r\n" : "");
+    page += "\x1b[J";
+    std::fwrite(page.constData(), 1, static_cast<std::size_t>(page.size()), m_stream);
+    std::fflush(m_stream);
+    m_last = lines;
+}
+
+void Terminal::restore()
+{
+    if (!m_entered)
+        return;
+    m_entered = false;
+    const QByteArray page = "\x1b[?25h\x1b[?1049l" + m_last.join('\n').toUtf8() + '\n';
+    std::fwrite(page.constData(), 1, static_cast<std::size_t>(page.size()), m_stream);
+    std::fflush(m_stream);
+}
+
+Interrupt::Interrupt()
+{
+    stopRequested = 0;
+    std::signal(SIGINT, requestStop);
+    std::signal(SIGTERM, requestStop);
+    std::signal(SIGHUP, requestStop);
+}
+
+Interrupt::~Interrupt()
+{
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
+    std::signal(SIGHUP, SIG_DFL);
+}
+
+bool Interrupt::requested() const
+{
+    return stopRequested != 0;
+}
+
+} // namespace host

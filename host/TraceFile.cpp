@@ -1,0 +1,92 @@
+#include "TraceFile.h"
+
+#include "CipType.h"
+#include "UserError.h"
+
+#include <stdexcept>
+
+namespace host {
+
+namespace {
+
+QString serviceText(quint8 service)
+{
+    switch (service) {
+    case kGetAttributesAll:
+        return QStringLiteral("identity");
+    case kForwardOpen:
+        return QStringLiteral("open connection");
+    case kReadTagFragmented:
+        return QStringLiteral("read");
+    case kWriteTagFragmented:
+        return QStringLiteral("write");
+    default:
+        return QStringLiteral("service %1").arg(service, 2, 16, QLatin1Char('0'));
+    }
+}
+
+QString replyText(const Reply& reply)
+{
+    QString text = QStringLiteral("TNS %1 %2 reply").arg(reply.tns).arg(serviceText(reply.service));
+    if (!reply.good())
+        return text + QStringLiteral(": ") + statusText(reply);
+    if (reply.service != kReadTagFragmented)
+        return text;
+    const micro850::CipType* type = micro850::cipTypeOf(reply.typeCode());
+    return text + QStringLiteral(": %1, %2 bytes")
+                      .arg(type ? QString::fromLatin1(type->name)
+                                : QStringLiteral("type %1").arg(reply.typeCode(), 4, 16))
+                      .arg(reply.values().size());
+}
+
+QString requestText(const Request& request)
+{
+    const QString text =
+        QStringLiteral("TNS %1 %2").arg(request.tns).arg(serviceText(request.service));
+    if (request.tag.isEmpty())
+        return text;
+    return text +
+           QStringLiteral(" %1[%2] x%3").arg(request.tag).arg(request.element).arg(request.count);
+}
+
+} // namespace
+
+QString frameText(const QByteArray& frame)
+{
+    const QByteArray data = dataOf(frame);
+    const Reply reply = decodeReply(data);
+    const Request request = decodeRequest(data);
+    if (!reply.valid || !request.valid)
+        return QStringLiteral("no frame");
+    return (reply.command & kReplyCommandBit) != 0 ? replyText(reply) : requestText(request);
+}
+
+TraceFile::TraceFile(const QString& path)
+{
+    if (path.isEmpty())
+        return;
+    try {
+        m_writer = micro850::TraceWriter::open(path.toStdString());
+    } catch (const std::runtime_error& error) {
+        throw micro850::UserError(error.what());
+    }
+}
+
+void TraceFile::attach(Exchange& exchange)
+{
+    if (!m_writer)
+        return;
+    const std::shared_ptr<micro850::TraceWriter> writer = m_writer;
+    exchange.setObserver([writer](Exchange::Direction direction, const QByteArray& frame, qint64) {
+        micro850::TraceRecord record;
+        record.time = std::chrono::duration_cast<std::chrono::microseconds>(
+            std::chrono::system_clock::now().time_since_epoch());
+        record.direction = direction == Exchange::Direction::Out ? micro850::Direction::Sent
+                                                                 : micro850::Direction::Received;
+        record.bytes.assign(frame.begin(), frame.end());
+        record.note = frameText(frame).toStdString();
+        writer->write(record);
+    });
+}
+
+} // namespace host

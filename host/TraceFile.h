@@ -1,0 +1,28 @@
+#ifndef MICRO850_HOST_TRACEFILE_H
+#define MICRO850_HOST_TRACEFILE_H
+
+#include "Exchange.h"
+#include "Trace.h"
+
+#include <memory>
+
+namespace host {
+
+/// Records the frames of an exchange.
+class TraceFile
+{
+public:
+    /// No path: records nothing. Throws UserError for a file that cannot be written.
+    explicit TraceFile(const QString& path);
+    void attach(Exchange& exchange);
+
+private:
+    std::shared_ptr<micro850::TraceWriter> m_writer;
+};
+
+/// One line that says what a complete frame asks for or answers.
+QString frameText(const QByteArray& frame);
+
+} // namespace host
+
+#endif
