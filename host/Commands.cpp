@@ -60,6 +60,15 @@ Target targetOf(const TagAddress& address, const Project& project, const Options
     return target;
 }
 
+QByteArray valueOf(const micro850::CipType& type, const QString& text, const QString& name)
+{
+    try {
+        return elementFromText(type, text);
+    } catch (const micro850::UserError& error) {
+        throw micro850::UserError(name.toStdString() + ": " + error.what());
+    }
+}
+
 void printLine(const QString& line)
 {
     std::cout << line.toStdString() << '\n';
@@ -110,34 +119,37 @@ Project withoutVariables(Project project, const QVector<Target>& targets)
 class Display
 {
 public:
-    Display(PollLoop& loop, const Project& project, const Clock& clock)
-        : m_loop(loop), m_table(loop, project), m_clock(clock), m_terminal(stdout)
+    Display(PollLoop& loop, const Project& project, const Clock& clock, double interval)
+        : m_loop(loop), m_table(loop, project), m_clock(clock), m_terminal(stdout),
+          m_intervalMs(m_terminal.isTerminal() ? 100 : static_cast<int>(interval * 1000))
     {
     }
 
     void update()
     {
-        if (m_terminal.isTerminal())
-            redraw();
-        else
+        const qint64 now = m_clock.now();
+        if (now < m_next)
+            return;
+        m_next = now + m_intervalMs;
+        if (m_terminal.isTerminal()) {
+            m_terminal.draw(m_table.lines(m_terminal.width(), m_terminal.rows(), now));
+        } else {
             printChanges();
+            tellStates();
+        }
     }
 
     const LiveTable& table() const { return m_table; }
 
-    void close() { m_terminal.restore(); }
-
-private:
-    void redraw()
+    /// Shows what has changed since the last update and gives the terminal back.
+    void close()
     {
-        const int intervalMs = 100;
-        const qint64 now = m_clock.now();
-        if (now < m_nextDraw)
-            return;
-        m_nextDraw = now + intervalMs;
-        m_terminal.draw(m_table.lines(m_terminal.width(), m_terminal.rows(), now));
+        m_next = 0;
+        update();
+        m_terminal.restore();
     }
 
+private:
     // Values that become stale, or good again, change too.
     void printChanges()
     {
@@ -160,12 +172,28 @@ private:
             std::cout.flush();
     }
 
+    // The state of the line and of the stations, which the table shows.
+    void tellStates()
+    {
+        QStringList states(m_table.lineState());
+        for (const Station& station : m_loop.stations())
+            states +=
+                QStringLiteral("station %1: %2").arg(station.number).arg(stateText(station.state));
+        for (int i = 0; i < states.size(); ++i) {
+            if (states.at(i) != m_states.value(i))
+                std::cerr << "micro850-host: " << states.at(i).toStdString() << '\n';
+        }
+        m_states = states;
+    }
+
     PollLoop& m_loop;
     LiveTable m_table;
     const Clock& m_clock;
     Terminal m_terminal;
     QVector<Quality> m_qualities;
-    qint64 m_nextDraw = 0;
+    QStringList m_states;
+    int m_intervalMs;
+    qint64 m_next = 0;
 };
 
 void summarise(const LiveTable& table, qint64 now)
@@ -188,7 +216,7 @@ int poll(const Options& given)
     Connection connection(options, project);
     PollLoop loop(connection.api(), connection.line(), connection.clock(), project);
     trace.attach(loop.exchange());
-    Display display(loop, project, connection.clock());
+    Display display(loop, project, connection.clock(), options.interval);
     Interrupt interrupt;
     const auto end = static_cast<qint64>(options.seconds * 1000);
     while (!interrupt.requested() && (end == 0 || connection.clock().now() < end)) {
@@ -244,7 +272,7 @@ int write(const Options& options)
     for (int i = 0; i < targets.size(); ++i) {
         const micro850::CipType& type = session.typeOf(targets.at(i).tag);
         requireWritable(type, targets.at(i).address.tag);
-        values.append(elementFromText(type, texts.at(i)));
+        values.append(valueOf(type, texts.at(i), targets.at(i).address.elementName(0)));
     }
     for (int i = 0; i < targets.size(); ++i) {
         const Target& target = targets.at(i);

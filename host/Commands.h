@@ -15,7 +15,8 @@ struct Options
     int baud = 0;     ///< 0: as the project says, or 38400
     int station = -1; ///< -1: as the project says, or 1
     QString trace;
-    double seconds = 0; ///< 0: until interrupted
+    double seconds = 0;  ///< 0: until interrupted
+    double interval = 0; ///< seconds between two lines of changes, 0: at once
     QStringList arguments;
 };
 

@@ -34,7 +34,8 @@ QString trimmedEnd(QString text)
     return text;
 }
 
-// Widths of name, type, value, age and quality; the value gets what is left of the line.
+// Widths of the columns; the value gets what is left of the line, and the error has none without
+// one.
 struct Widths
 {
     int name = 4;
@@ -42,12 +43,13 @@ struct Widths
     int value = 5;
     int age = 7;
     int quality = 7;
+    int error = 0;
 
     QString row(const QStringList& cells) const
     {
         return fitted(cells.at(0), name) + ' ' + fitted(cells.at(1), type) + ' ' +
                fitted(cells.at(2), value) + ' ' + fitted(cells.at(3), age) + ' ' +
-               fitted(cells.at(4), quality) + ' ' + cells.at(5);
+               fitted(cells.at(4), quality) + ' ' + fitted(cells.at(5), error);
     }
 };
 
@@ -58,9 +60,12 @@ Widths widthsFor(const QVector<QStringList>& rows, int width)
         widths.name = std::max(widths.name, row.at(0).size());
         widths.type = std::max(widths.type, row.at(1).size());
         widths.value = std::max(widths.value, row.at(2).size());
+        widths.error = std::max(widths.error, row.at(5).size());
     }
     widths.name = std::min(widths.name, std::max(8, width / 3));
-    const int rest = width - widths.name - widths.type - widths.age - widths.quality - 5;
+    widths.error = std::min(widths.error, width / 3);
+    const int rest =
+        width - widths.name - widths.type - widths.age - widths.quality - widths.error - 5;
     widths.value = std::max(5, std::min(widths.value, rest));
     return widths;
 }

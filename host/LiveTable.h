@@ -20,12 +20,13 @@ public:
     QString changeLine(int variable) const;
     /// One line a station: state and counters.
     QStringList stationLines(qint64 now) const;
+    /// The line's settings, and what is wrong with it.
+    QString lineState() const;
     /// True when every variable was read at least once.
     bool complete() const;
 
 private:
     QStringList variableRow(int variable, qint64 now) const;
-    QString lineState() const;
 
     const PollLoop& m_loop;
     const Project& m_project;

@@ -31,6 +31,7 @@ struct Operation
     QByteArray value;  ///< of a write: one element, in the controller's order
     QByteArray result; ///< of a read: value bytes, in the controller's order
     QString error;
+    int variable = -1; ///< that the operation reads once, -1 for none
     int attempts = 0;
     /// Kept until its owner takes it; else it is forgotten when it ends.
     bool awaited = false;

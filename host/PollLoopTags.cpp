@@ -139,6 +139,7 @@ void PollLoop::readOnce(int variable)
         return;
     for (const Run& run : runsOf(asked, *tag.type)) {
         Operation operation;
+        operation.variable = variable;
         operation.tag = key;
         operation.element = run.element;
         operation.elements = run.elements;
@@ -149,32 +150,23 @@ void PollLoop::readOnce(int variable)
 void PollLoop::takeRefusal(const RW_VAR& sent, const Request& request)
 {
     const TagKey key(sent.stationNo, sent.tagName);
-    Tag& tag = m_tags[key];
-    const auto operation = m_operations.constFind(sent.varIndex);
-    const bool awaited = operation != m_operations.constEnd() && operation->awaited;
-    if (request.service != kReadTagFragmented || (awaited && tag.state == Tag::State::Known))
+    if (request.service != kReadTagFragmented)
         return;
-    if (tag.state != Tag::State::Known) {
+    if (m_tags.value(key).state != Tag::State::Known) {
         refuseTag(key, m_refusal);
         return;
     }
-    const int end = static_cast<int>(request.element) + request.count;
-    QVector<int> hit;
-    for (const int i : m_variablesOf.value(key)) {
-        const Variable& variable = m_project.variables.at(i);
-        if (variable.element < end &&
-            static_cast<int>(request.element) < variable.element + variable.length)
-            hit.append(i);
+    const auto operation = m_operations.constFind(sent.varIndex);
+    const bool ours = operation != m_operations.constEnd() && operation->tag == key;
+    const int variable = ours ? operation->variable : variableOf(sent.varIndex);
+    if (variable >= 0) {
+        m_values.setError(variable, m_refusal);
+        m_leftOut[variable] = m_clock.now() + kRefusedPauseMs;
+    } else if (!ours) {
+        // One of those that the driver merged reaches beyond the tag: each is read on its own.
+        m_tags[key].mergeable = false;
     }
     m_replan = true;
-    if (hit.size() > 1 && tag.mergeable) {
-        tag.mergeable = false; // one of them may be good: each is asked for on its own
-        return;
-    }
-    for (const int i : hit) {
-        m_values.setError(i, m_refusal);
-        m_leftOut[i] = m_clock.now() + kRefusedPauseMs;
-    }
 }
 
 void PollLoop::refuseTag(const TagKey& key, const QString& why)

@@ -36,7 +36,6 @@ HOSTVAR mergedRead(const Variable& variable)
 RW_VAR singleRead(const Variable& variable, const Tag& tag, const Run& run, int localLink)
 {
     RW_VAR request = RW_VAR();
-    request.varIndex = -1;
     request.linkId = localLink;
     request.tagName = variable.tag;
     request.addressText = QString::number(run.element);
@@ -72,8 +71,10 @@ ReadPlan planReads(const Project& project, const TagDirectory& tags, const QSet<
             continue;
         const QPair<QString, int> place(variable.tag, variable.element);
         if (!mayMerge(project, variable, tag)) {
-            for (const Run& run : runsOf(variable, *tag.type))
+            for (const Run& run : runsOf(variable, *tag.type)) {
                 plan.single.append(singleRead(variable, tag, run, localLink));
+                plan.single.last().varIndex = varIndexOf(i);
+            }
         } else if (!listed.contains(place)) {
             listed.insert(place);
             plan.merged.append(mergedRead(variable));

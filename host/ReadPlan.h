@@ -21,6 +21,17 @@ struct Run
 /// Cuts a variable's elements into runs.
 QVector<Run> runsOf(const Variable& variable, const micro850::CipType& type);
 
+/// The varIndex of a cyclic request that reads one variable; that of a merged one is -1.
+inline int varIndexOf(int variable)
+{
+    return -2 - variable;
+}
+/// The variable that a request of that varIndex reads; below 0 for any other request.
+inline int variableOf(int varIndex)
+{
+    return -2 - varIndex;
+}
+
 /// What the driver is given to read in a cycle.
 struct ReadPlan
 {

@@ -8,6 +8,11 @@ namespace host {
 
 namespace {
 
+QString placeOf(const TagKey& key, int element)
+{
+    return element == 0 ? key.second : QStringLiteral("%1[%2]").arg(key.second).arg(element);
+}
+
 [[noreturn]] void refuse(const QString& what, const QString& why)
 {
     throw micro850::UserError((what + QStringLiteral(": ") + why).toStdString(),
@@ -67,7 +72,7 @@ QVector<QByteArray> Session::read(const TagKey& key, int element, int elements)
     wanted.length = elements;
     QVector<QByteArray> values;
     for (const Run& part : runsOf(wanted, type)) {
-        const QString what = QStringLiteral("%1[%2]").arg(key.second).arg(part.element);
+        const QString what = placeOf(key, part.element);
         const Operation done = run(m_loop.read(key, part.element, part.elements), what);
         const QVector<QByteArray> got = elementsOf(type, done.result);
         if (got.size() != part.elements)
@@ -82,7 +87,7 @@ QVector<QByteArray> Session::read(const TagKey& key, int element, int elements)
 void Session::write(const TagKey& key, int element, const QByteArray& value)
 {
     requireWritable(typeOf(key), key.second);
-    run(m_loop.write(key, element, value), QStringLiteral("%1[%2]").arg(key.second).arg(element));
+    run(m_loop.write(key, element, value), placeOf(key, element));
 }
 
 void requireWritable(const micro850::CipType& type, const QString& name)

@@ -22,6 +22,7 @@ struct Arguments
     int baud = 0;
     int station = -1;
     double seconds = 0;
+    double interval = 0;
     std::vector<std::string> rest;
 
     host::Options options() const
@@ -34,6 +35,7 @@ struct Arguments
         options.baud = baud;
         options.station = station;
         options.seconds = seconds;
+        options.interval = interval;
         for (const std::string& argument : rest)
             options.arguments += QString::fromLocal8Bit(argument.c_str());
         return options;
@@ -58,6 +60,9 @@ CLI::App* addPoll(CLI::App& app, Arguments& arguments)
     poll->add_option("PROJECT", arguments.project, "Project file (default project.json)");
     poll->add_option("--seconds", arguments.seconds, "End after so many seconds")
         ->check(CLI::Range(0.1, 1e9));
+    poll->add_option("--interval", arguments.interval,
+                     "Without a terminal: print changes once in so many seconds")
+        ->check(CLI::Range(0.0, 1e9));
     addLineOptions(*poll, arguments);
     poll->footer(std::string("On a terminal a table, elsewhere one line a change.\n"
                              "Example:\n  micro850-host poll examples/plant.project.json "
