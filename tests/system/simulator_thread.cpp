@@ -1,0 +1,70 @@
+#include "simulator_thread.h"
+
+#include <poll.h>
+
+using namespace micro850;
+using namespace micro850::sim;
+
+SimulatorThread::SimulatorThread(const std::string& tagFile, std::string link)
+    : m_engine(m_clock, Plant::fromFile(tagFile)), m_link(std::move(link))
+{
+    putCableBack();
+    m_thread = std::thread([this] { serve(); });
+}
+
+SimulatorThread::~SimulatorThread()
+{
+    m_stop = true;
+    m_thread.join();
+}
+
+void SimulatorThread::with(const std::function<void(Engine&)>& action)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    action(m_engine);
+}
+
+Bytes SimulatorThread::element(const std::string& tag, std::size_t index)
+{
+    Bytes bytes;
+    with([&](Engine& engine) { bytes = engine.plant().find(tag)->elements.at(index); });
+    return bytes;
+}
+
+void SimulatorThread::pullCable()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_port.reset();
+}
+
+void SimulatorThread::putCableBack()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_port = std::make_unique<SerialPort>(SerialPort::pseudoTerminal(m_link));
+}
+
+void SimulatorThread::serve()
+{
+    constexpr int kWait = 5; // milliseconds until the next look at the orders
+    while (!m_stop) {
+        pollfd wait = {-1, POLLIN, 0};
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_port)
+                wait.fd = m_port->descriptor();
+        }
+        ::poll(&wait, 1, kWait);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_port)
+            continue;
+        bool gone = false;
+        const Bytes bytes = m_port->read(gone);
+        if (m_silent)
+            continue;
+        m_engine.receive(bytes);
+        m_engine.tick();
+        const Bytes out = m_engine.transmit();
+        if (!out.empty())
+            m_port->write(out);
+    }
+}

@@ -1,0 +1,46 @@
+#ifndef MICRO850_TESTS_SIMULATOR_THREAD_H
+#define MICRO850_TESTS_SIMULATOR_THREAD_H
+
+#include "Engine.h"
+#include "SerialPort.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+/// A simulated controller on a pseudo-terminal, served by a thread of its own. The host finds it
+/// behind a symbolic link that stays the same when the cable is pulled and put back.
+class SimulatorThread
+{
+public:
+    SimulatorThread(const std::string& tagFile, std::string link);
+    ~SimulatorThread();
+
+    const std::string& path() const { return m_link; }
+
+    /// Runs `action` while the controller stands still.
+    void with(const std::function<void(micro850::sim::Engine&)>& action);
+    /// The bytes of one element of a tag.
+    micro850::Bytes element(const std::string& tag, std::size_t index = 0);
+    /// While silent, what comes is thrown away, as by a controller without power.
+    void setSilent(bool silent) { m_silent = silent; }
+    void pullCable();
+    void putCableBack();
+
+private:
+    void serve();
+
+    micro850::sim::SystemClock m_clock;
+    micro850::sim::Engine m_engine;
+    std::string m_link;
+    std::mutex m_mutex;
+    std::unique_ptr<micro850::sim::SerialPort> m_port;
+    std::atomic<bool> m_silent{false};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+#endif

@@ -1,0 +1,191 @@
+#include "driver_fixture.h"
+
+using wire::hex;
+
+namespace {
+
+class StoredReply : public DriverTest
+{
+protected:
+    StoredReply() { connectStation(); }
+
+    /// Stores a reply to `request` as DataCom() would, and gives the buffer as it was left.
+    QByteArray store(const RW_VAR& request, QByteArray reply)
+    {
+        PLC_driver.sendQueue.clear();
+        Protocol head;
+        head.auxLength = 22;
+        head.var = request;
+        PLC_driver.sendQueue.append(head);
+        SaveToLocalDataErea(&reply);
+        EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the queue is only read";
+        return reply;
+    }
+    QByteArray info(const char* tag = "T") { return PLCDataStorage[1].tagInfo.value(tag); }
+    QByteArray image(const char* tag = "T") { return PLCDataStorage[1].tagData.value(tag); }
+    bool hasImage(const char* tag = "T") { return PLCDataStorage[1].tagData.contains(tag); }
+};
+
+TEST_F(StoredReply, ConfirmsTheTypeAndKeepsTheValue)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xC3, hex("D2 04")));
+    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(image(), hex("D2 04"));
+}
+
+TEST_F(StoredReply, IsLeftUndoubledInTheCallersBuffer)
+{
+    const QByteArray reply = wire::readReply(0x1021, 0xC3, hex("10 10"));
+    EXPECT_BYTES(store(readOf("T"), reply), QByteArray(reply).replace(hex("10 10"), hex("10")));
+    EXPECT_BYTES(image(), hex("10 10"));
+}
+
+TEST_F(StoredReply, PlacesAnElementByItsSizeAndFillsUpWithZeros)
+{
+    store(readOf("T", 3), wire::readReply(0x21, 0xC3, hex("AA BB")));
+    EXPECT_BYTES(image(), hex("00 00 00 00 00 00 AA BB"));
+}
+
+TEST_F(StoredReply, PlacesEveryClassByItsOwnSize)
+{
+    const std::pair<quint16, int> sizes[] = {{0xC1, 1}, {0xC2, 1}, {0xC3, 2}, {0xC4, 4}, {0xC5, 8}};
+    for (const auto& [type, size] : sizes) {
+        PLCDataStorage[1].tagData.clear();
+        PLCDataStorage[1].tagInfo.clear();
+        store(readOf("T", 2), wire::readReply(0x21, type, QByteArray(size, 'v')));
+        EXPECT_BYTES(image(), QByteArray(2 * size, '\0') + QByteArray(size, 'v')) << type;
+    }
+}
+
+TEST_F(StoredReply, DropsTheLengthByteOfAString)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xDA, hex("03 41 42 43")));
+    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_BYTES(image(), hex("41 42 43"));
+}
+
+TEST_F(StoredReply, KeepsTheTailOfAStringThatGotShorter)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xDA, hex("03 41 42 43")));
+    store(readOf("T"), wire::readReply(0x21, 0xDA, hex("01 58")));
+    EXPECT_BYTES(image(), hex("58 42 43"));
+}
+
+TEST_F(StoredReply, LearnsTheTypeOnce)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
+    store(readOf("T"), wire::readReply(0x21, 0xC4, hex("01 02 03 04")));
+    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(image(), hex("01 02 03 04"));
+}
+
+TEST_F(StoredReply, PlacesByTheTypeOfTheReplyNotByTheOneLearnt)
+{
+    confirm("T", 3, 0xC3);
+    store(readOf("T", 1), wire::readReply(0x21, 0xC4, hex("01 02 03 04")));
+    EXPECT_BYTES(image(), hex("00 00 00 00 01 02 03 04"));
+}
+
+TEST_F(StoredReply, ConfirmsAnEntryThatIsSeededOrShort)
+{
+    for (const char* before : {"FF 00 00 00", "FF", "", "03 C3 FF", "FF 00 00 FE"}) {
+        PLCDataStorage[1].tagInfo["T"] = hex(before);
+        store(readOf("T"), wire::readReply(0x21, 0x12CA, hex("01")));
+        EXPECT_BYTES(info(), hex("04 CA 12 FF")) << before;
+    }
+}
+
+TEST_F(StoredReply, LooksPastAnA3InFrontOfTheTypeCode)
+{
+    store(readOf("T", 1), wire::readReply(0x21, 0xC4A3, hex("01 02 03 04")));
+    EXPECT_BYTES(info(), hex("04 A3 C4 FF"));
+    EXPECT_BYTES(image(), hex("00 00 00 00 01 02 03 04"));
+}
+
+TEST_F(StoredReply, GoesToTheFrontForANameOutsideTheCatalogue)
+{
+    RW_VAR request = readOf("T", 9);
+    request.reqFlag = 0;
+    PLCDataStorage[1].tagData["T"] = hex("09 09 09 09 09 09 09");
+    store(request, wire::readReply(0x21, 0xC3, hex("01 02 03 04 05")));
+    EXPECT_BYTES(image(), hex("01 02 03 04 05 09 09"));
+}
+
+TEST_F(StoredReply, StoresNoValueForAnyOtherRequestFlagButConfirmsTheType)
+{
+    for (int flag : {-1, 2}) {
+        PLCDataStorage[1].tagInfo.clear();
+        RW_VAR request = readOf("T");
+        request.reqFlag = flag;
+        store(request, wire::readReply(0x21, 0xC3, hex("01 02")));
+        EXPECT_FALSE(hasImage()) << flag;
+        EXPECT_BYTES(info(), hex("03 C3 00 FF")) << flag;
+    }
+}
+
+TEST_F(StoredReply, ConfirmsTheTypeOfAReplyWithoutValueAndMakesNoImage)
+{
+    const QByteArray reply = wire::readReply(0x21, 0xC3, QByteArray());
+    ASSERT_EQ(reply.size(), 26);
+    store(readOf("T"), reply);
+    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_FALSE(hasImage());
+}
+
+TEST_F(StoredReply, TakesAReplyThatEndsBeforeItsTypeAsItStands)
+{
+    const QByteArray whole = wire::readReply(0x21, 0xC3, hex("01"));
+    for (int size : {0, 1, 20, 21, 24, 25}) {
+        PLCDataStorage[1].tagInfo.clear();
+        store(readOf("T"), whole.left(size));
+        EXPECT_FALSE(hasImage()) << size;
+        EXPECT_EQ(info().size(), 4) << size;
+        EXPECT_EQ(static_cast<quint8>(info().at(3)), 0xFF) << size;
+        if (size < 21) {
+            EXPECT_BYTES(info(), hex("02 00 00 FF")) << size;
+        }
+    }
+}
+
+TEST_F(StoredReply, StopsAtTheEndOfAPartialElement)
+{
+    store(readOf("T", 0, 4), wire::readReply(0x21, 0xC4, hex("01 02 03 04 05 06")));
+    EXPECT_BYTES(image(), hex("01 02 03 04 05 06"));
+}
+
+TEST_F(StoredReply, StoresAnErrorReplyLikeAnyOtherAsIsKnown)
+{
+    const QByteArray refusal = wire::errorReply(0x21, 0x52, 0x05);
+    store(readOf("T"), refusal);
+    EXPECT_EQ(static_cast<quint8>(info().at(3)), 0xFF);
+    EXPECT_BYTES(info().mid(1, 2), refusal.mid(20, 2)) << "DLE ETX stands where the type would be";
+}
+
+TEST_F(StoredReply, BelongsToTheStationOfItsRequest)
+{
+    RW_VAR request = readOf("T");
+    request.stationNo = 5;
+    store(request, wire::readReply(0x21, 0xC3, hex("01 02")));
+    EXPECT_BYTES(PLCDataStorage[5].tagData["T"], hex("01 02"));
+    EXPECT_FALSE(hasImage());
+}
+
+TEST_F(StoredReply, IsNotStoredAtAnIndexThatNoControllerHas)
+{
+    for (int index :
+         {-1, std::numeric_limits<int>::min(), 1 << 25, std::numeric_limits<int>::max()}) {
+        store(readOf("T", index), wire::readReply(0x21, 0xC5, QByteArray(8, 'v')));
+        EXPECT_FALSE(hasImage()) << index;
+    }
+}
+
+TEST_F(StoredReply, NeedsAReplyAndARequest)
+{
+    SaveToLocalDataErea(nullptr);
+    QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02"));
+    PLC_driver.sendQueue.clear();
+    SaveToLocalDataErea(&reply);
+    EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty());
+}
+
+} // namespace
