@@ -1,0 +1,488 @@
+#include "driver_fixture.h"
+
+#include <thread>
+
+using wire::hex;
+
+namespace {
+
+// ---- Configuration
+// -------------------------------------------------------------------------------
+
+class Configuration : public DriverTest
+{
+};
+
+TEST_F(Configuration, ClearsTwoWordsOfTheSettingsAndKeepsTheRecord)
+{
+    ComInfo info;
+    int* words = reinterpret_cast<int*>(&info);
+    for (int i = 0; i < 19; ++i)
+        words[i] = 100 + i;
+    SetComInfo(&info);
+    EXPECT_EQ(PLC_driver.comInfo, &info);
+    for (int i = 0; i < 19; ++i)
+        EXPECT_EQ(words[i], i == 10 || i == 13 ? 0 : 100 + i) << i;
+}
+
+TEST_F(Configuration, KeepsTheCallbacksAndReplacesThem)
+{
+    const FinishCallback finish = [](int, int, int, int) {};
+    const RefreshCallback refresh = [](QList<RW_VAR>*, int, int) {};
+    RegistCallBackFuncIntf(finish, refresh);
+    EXPECT_EQ(PLC_driver.finishCallback, finish);
+    EXPECT_EQ(PLC_driver.refreshCallback, refresh);
+    RegistCallBackFuncIntf(nullptr, nullptr);
+    EXPECT_EQ(PLC_driver.finishCallback, nullptr);
+    EXPECT_EQ(PLC_driver.refreshCallback, nullptr);
+}
+
+TEST_F(Configuration, KeepsTheAddressesOfTheLocalAreasInTheOrderBitWordThird)
+{
+    int areas[3];
+    FlashLocalRegister(&areas[0], &areas[1], &areas[2]);
+    EXPECT_EQ(LB, &areas[0]);
+    EXPECT_EQ(LW, &areas[1]);
+    EXPECT_EQ(RWI, &areas[2]);
+}
+
+TEST_F(Configuration, AnswersTheConstantEntryPointsInAnyState)
+{
+    for (bool withSettings : {true, false}) {
+        SetComInfo(withSettings ? &settings : nullptr);
+        EXPECT_EQ(QueryFinishFlag(), 1);
+        EXPECT_EQ(PLCAddressChangeIntef(), -1);
+        EXPECT_EQ(PLCAddressChangeIntef(1, 2.5, "three"), -1);
+        EXPECT_EQ(StringAddressToInt(3, QString("4")), -1);
+    }
+}
+
+TEST_F(Configuration, DisablesAndEnablesAStation)
+{
+    EnCommStation(3, 0);
+    EnCommStation(3, 0);
+    EXPECT_EQ(PLC_driver.disabledStations.size(), 1);
+    EXPECT_EQ(PLC_driver.disabledStations.value(3, -1), 0);
+    EXPECT_TRUE(Ethernetcontains(3));
+    EXPECT_FALSE(Ethernetcontains(4));
+    EnCommStation(3, 2);
+    EnCommStation(3, -1);
+    EnCommStation(4, 1);
+    EXPECT_TRUE(Ethernetcontains(3));
+    EXPECT_EQ(PLC_driver.disabledStations.size(), 1);
+    EnCommStation(3, 1);
+    EXPECT_FALSE(Ethernetcontains(3));
+}
+
+TEST_F(Configuration, SetsTheValueOfAStationThatIsDisabledAlreadyToZero)
+{
+    PLC_driver.disabledStations.insert(3, 9);
+    EnCommStation(3, 0);
+    EXPECT_EQ(PLC_driver.disabledStations.value(3), 0);
+}
+
+TEST_F(Configuration, EnablesAllStationsForANegativeNumberWhateverTheFlag)
+{
+    for (const auto& [station, enable] : {std::make_pair(-1, 1), std::make_pair(-5, 0)}) {
+        EnCommStation(0, 0);
+        EnCommStation(7, 0);
+        EnCommStation(station, enable);
+        EXPECT_TRUE(PLC_driver.disabledStations.isEmpty());
+    }
+}
+
+// ---- Lists
+// ---------------------------------------------------------------------------------------
+
+class Lists : public DriverTest
+{
+protected:
+    static QList<QPair<int, int>> runs()
+    {
+        QList<QPair<int, int>> pairs;
+        for (const RW_VAR& request : PLC_driver.readList)
+            pairs.append(qMakePair(request.startAddress, request.count));
+        return pairs;
+    }
+    HOSTVAR hostVar(const char* tag, const char* address, int count, unsigned char area = 5)
+    {
+        HOSTVAR variable = HOSTVAR();
+        variable.hostField0 = 99;
+        variable.areaType = area;
+        variable.hostField1 = 98;
+        variable.addressText = QString::fromLatin1(address);
+        variable.tagName = QString::fromLatin1(tag);
+        variable.count = count;
+        return variable;
+    }
+};
+
+std::string text(const QList<QPair<int, int>>& pairs)
+{
+    std::string out;
+    for (const auto& pair : pairs)
+        out += "(" + std::to_string(pair.first) + "," + std::to_string(pair.second) + ")";
+    return out;
+}
+
+TEST_F(Lists, AppendCyclicReadsWithoutTestAndCap)
+{
+    RW_VAR request = readOf("T");
+    for (int i = 1; i <= 1030; ++i)
+        EXPECT_EQ(AddListReadVar(&request), i);
+    EXPECT_EQ(AddListReadVar(nullptr), 1030);
+}
+
+TEST_F(Lists, AppendAWriteUnconditionallyInModeOne)
+{
+    RW_VAR request = writeOf("T", "x");
+    for (int i = 1; i <= 1030; ++i)
+        EXPECT_EQ(AddListWriteVar(&request, 1), i);
+    EXPECT_EQ(AddListWriteVar(nullptr, 1), 1030);
+}
+
+TEST_F(Lists, NeverCompareAWriteWithTheFirstQueued)
+{
+    RW_VAR request = writeOf("T", "1");
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1);
+    request.data = "2";
+    EXPECT_EQ(AddListWriteVar(&request, 0), 2) << "a list of one is appended to";
+    request.data = "3";
+    EXPECT_EQ(AddListWriteVar(&request, 0), 2);
+    EXPECT_EQ(PLC_driver.writeList[0].data, QByteArray("1"));
+    EXPECT_EQ(PLC_driver.writeList[1].data, QByteArray("3"));
+}
+
+TEST_F(Lists, ReplaceAQueuedWriteToTheSamePlaceInAllItsFields)
+{
+    RW_VAR other = writeOf("Other", "0", 9);
+    RW_VAR first = writeOf("First", "1", 4, 2);
+    AddListWriteVar(&other, 1);
+    AddListWriteVar(&other, 1);
+    AddListWriteVar(&first, 1);
+    AddListWriteVar(&other, 1);
+
+    RW_VAR request = writeOf("Second", "2", 4, 2);
+    request.varType = 11;
+    request.varIndex = 12;
+    request.accessMode = 13;
+    request.hostField3 = 14;
+    request.linkId = 15;
+    request.retValue = 16;
+    request.addressText = "17";
+    request.reqFlag = 18;
+    request.onceFlag = 19;
+    EXPECT_EQ(AddListWriteVar(&request, 0), 4);
+
+    const RW_VAR& queued = PLC_driver.writeList[2];
+    EXPECT_EQ(queued.varType, 11);
+    EXPECT_EQ(queued.varIndex, 12);
+    EXPECT_EQ(queued.accessMode, 13);
+    EXPECT_EQ(queued.hostField3, 14);
+    EXPECT_EQ(queued.linkId, 15);
+    EXPECT_EQ(queued.retValue, 16);
+    EXPECT_EQ(queued.tagName, QString("Second")) << "the tag name is not compared";
+    EXPECT_EQ(queued.addressText, QString("17"));
+    EXPECT_EQ(queued.reqFlag, 18);
+    EXPECT_EQ(queued.onceFlag, 19);
+    EXPECT_EQ(queued.data, QByteArray("2"));
+}
+
+TEST_F(Lists, AppendAWriteThatDiffersInStationAreaStartOrCount)
+{
+    RW_VAR request = writeOf("T", "1", 4, 2);
+    AddListWriteVar(&request, 1);
+    AddListWriteVar(&request, 1);
+    int queued = 2;
+    for (int RW_VAR::*field :
+         {&RW_VAR::stationNo, &RW_VAR::areaType, &RW_VAR::startAddress, &RW_VAR::count})
+    {
+        RW_VAR changed = request;
+        changed.*field += 1;
+        EXPECT_EQ(AddListWriteVar(&changed, 0), ++queued);
+    }
+}
+
+TEST_F(Lists, DropAWriteBeyondTheCapAndStillReplace)
+{
+    RW_VAR request = writeOf("T", "x");
+    for (int i = 0; i < 1023; ++i) {
+        request.startAddress = i;
+        AddListWriteVar(&request, 1);
+    }
+    request.startAddress = 5000;
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1024);
+    request.startAddress = 5001;
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1024);
+    EXPECT_EQ(PLC_driver.writeList.last().startAddress, 5000);
+    request.startAddress = 7;
+    request.data = "new";
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1024);
+    EXPECT_EQ(PLC_driver.writeList[7].data, QByteArray("new"));
+}
+
+TEST_F(Lists, AppendAOneShotReadUnchangedInModeOne)
+{
+    RW_VAR request = readOf("T", 3, 4);
+    request.onceFlag = 77;
+    request.reqFlag = 78;
+    request.stationNo = 79;
+    EXPECT_EQ(AddListOnceReadVar(&request, 1), 1);
+    EXPECT_EQ(AddListOnceReadVar(&request, 1), 2);
+    const RW_VAR& queued = PLC_driver.onceReadList.first();
+    EXPECT_EQ(queued.onceFlag, 77);
+    EXPECT_EQ(queued.reqFlag, 78);
+    EXPECT_EQ(queued.stationNo, 79);
+    EXPECT_TRUE(PLCDataStorage.isEmpty()) << "nothing is looked up";
+}
+
+TEST_F(Lists, CompleteAOneShotReadOfTheCatalogue)
+{
+    declareIndexed("T");
+    RW_VAR request = readOf("T", 0, 4);
+    request.addressText = "12";
+    request.reqFlag = 0;
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
+    const RW_VAR& queued = PLC_driver.onceReadList.first();
+    EXPECT_EQ(queued.reqFlag, 1);
+    EXPECT_EQ(queued.onceFlag, 1);
+    EXPECT_EQ(queued.startAddress, 12);
+    EXPECT_EQ(queued.count, 4);
+    EXPECT_EQ(queued.stationNo, 1);
+}
+
+TEST_F(Lists, CompleteAOneShotReadOutsideTheCatalogueToOneElement)
+{
+    RW_VAR request = readOf("T", 5, 4);
+    AddListOnceReadVar(&request, 0);
+    const RW_VAR& queued = PLC_driver.onceReadList.first();
+    EXPECT_EQ(queued.reqFlag, 0);
+    EXPECT_EQ(queued.startAddress, 0);
+    EXPECT_EQ(queued.count, 1);
+}
+
+TEST_F(Lists, TakeTheDefaultStationForAOneShotReadInSingleStationModeOnly)
+{
+    settings.defaultStation = 8;
+    settings.multiStation = 0;
+    RW_VAR request = readOf("T");
+    request.stationNo = 3;
+    AddListOnceReadVar(&request, 0);
+    EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 8);
+    settings.multiStation = 1;
+    request.stationNo = 3;
+    AddListOnceReadVar(&request, 0);
+    EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3);
+}
+
+TEST_F(Lists, QueueAOneShotReadOnce)
+{
+    declareIndexed("T");
+    RW_VAR request = readOf("T", 3, 4);
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1) << "the first entry is compared too";
+    int queued = 1;
+    for (int RW_VAR::*field : {&RW_VAR::varType, &RW_VAR::varIndex, &RW_VAR::stationNo,
+                               &RW_VAR::areaType, &RW_VAR::count})
+    {
+        RW_VAR changed = request;
+        changed.*field += 1;
+        EXPECT_EQ(AddListOnceReadVar(&changed, 0), ++queued);
+    }
+    RW_VAR changed = request;
+    changed.addressText = "4";
+    EXPECT_EQ(AddListOnceReadVar(&changed, 0), ++queued);
+}
+
+TEST_F(Lists, DropAOneShotReadBeyondTheCap)
+{
+    RW_VAR request = readOf("T");
+    for (int i = 0; i < 1023; ++i)
+        AddListOnceReadVar(&request, 1);
+    request.varIndex = 500;
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
+    request.varIndex = 501;
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
+    EXPECT_EQ(AddListOnceReadVar(&request, 1), 1025) << "mode 1 has no cap";
+    EXPECT_EQ(AddListOnceReadVar(nullptr, 0), 1025);
+    EXPECT_EQ(AddListOnceReadVar(nullptr, 1), 1025);
+}
+
+TEST_F(Lists, TakeOneShotAndCyclicReadsWhileTheCallerHoldsTheLock)
+{
+    RW_VAR request = readOf("T");
+    PLC_driver.listMutex.lock();
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
+    EXPECT_EQ(AddListReadVar(&request), 1);
+    EXPECT_FALSE(PLC_driver.listMutex.tryLock()) << "the caller's lock is still its own";
+    std::thread([&] {
+        RW_VAR other = readOf("U");
+        other.varIndex = 2;
+        EXPECT_EQ(AddListOnceReadVar(&other, 0), 2);
+        EXPECT_FALSE(PLC_driver.listMutex.tryLock());
+    }).join();
+    PLC_driver.listMutex.unlock();
+}
+
+// ---- Runs
+// ----------------------------------------------------------------------------------------
+
+struct RunRow
+{
+    QList<QPair<int, int>> group;
+    QList<QPair<int, int>> expected;
+};
+
+class Runs : public Lists, public ::testing::WithParamInterface<RunRow>
+{
+};
+
+TEST_P(Runs, AreMergedAndCutIntoFifteen)
+{
+    QList<RW_VAR> group;
+    for (const auto& pair : GetParam().group)
+        group.append(readOf("T", pair.first, pair.second));
+    BitVarReCreat(group, 15);
+    EXPECT_EQ(text(runs()), text(GetParam().expected)) << text(GetParam().group);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    OfOneGroup, Runs,
+    ::testing::Values(
+        RunRow{{}, {}}, RunRow{{{0, 1}, {1, 1}, {2, 1}}, {{0, 3}}},
+        RunRow{{{0, 1}, {14, 1}}, {{0, 15}}}, RunRow{{{0, 1}, {15, 1}}, {{0, 15}, {15, 1}}},
+        RunRow{{{0, 1}, {16, 1}}, {{0, 1}, {16, 1}}},
+        RunRow{{{0, 40}}, {{0, 15}, {15, 15}, {30, 10}}},
+        RunRow{{{0, 40}, {5, 1}}, {{0, 15}, {15, 15}}}, RunRow{{{5, 10}, {5, 2}}, {{5, 2}}},
+        RunRow{{{0, 15}, {3, 1}}, {{0, 15}, {3, 1}}},
+        RunRow{{{0, 16}, {17, 1}}, {{0, 15}, {15, 3}}}, RunRow{{{0, 0}, {7, 3}}, {{7, 3}}},
+        RunRow{{{0, 15}}, {{0, 15}}}, RunRow{{{0, 30}}, {{0, 15}, {15, 15}}}, RunRow{{{0, 0}}, {}},
+        RunRow{{{0, 1}, {16, 40}}, {{0, 1}, {16, 15}, {31, 15}, {46, 10}}},
+        RunRow{{{0, 10}, {11, 10}}, {{0, 15}, {15, 6}}},
+        RunRow{{{0, 12}, {13, 1}, {20, 5}}, {{0, 14}, {20, 5}}},
+        RunRow{{{0, -3}, {40, 2}}, {{40, 2}}}));
+
+TEST_F(Lists, CutWholeBlocksAndLeaveTheRestWithTheCaller)
+{
+    RW_VAR run = readOf("T", 2, 32);
+    addressAdd(run, 15, false);
+    EXPECT_EQ(text(runs()), "(2,15)(17,15)");
+    EXPECT_EQ(run.startAddress, 32);
+    EXPECT_EQ(run.count, 2);
+    addressAdd(run, 15, true);
+    EXPECT_EQ(text(runs()), "(2,15)(17,15)(32,2)");
+}
+
+TEST_F(Lists, CutNothingForALengthThatCannotBe)
+{
+    for (int length : {0, -1}) {
+        RW_VAR run = readOf("T", 0, 5);
+        addressAdd(run, length, true);
+    }
+    EXPECT_EQ(text(runs()), "(0,5)(0,5)");
+}
+
+TEST_F(Lists, DropARunThatNoControllerHas)
+{
+    RW_VAR run = readOf("T", 0, std::numeric_limits<int>::max());
+    addressAdd(run, 15, true);
+    EXPECT_TRUE(PLC_driver.readList.isEmpty());
+}
+
+TEST_F(Lists, SortByStartAndKeepTheOrderOfEquals)
+{
+    QList<RW_VAR> group;
+    const int starts[] = {5, 3, 5, -1, 3};
+    for (int i = 0; i < 5; ++i) {
+        group.append(readOf("T", starts[i]));
+        group.last().varIndex = i;
+    }
+    Bubble_Sort(group);
+    QList<int> order;
+    for (const RW_VAR& request : group)
+        order.append(request.varIndex);
+    EXPECT_EQ(order, (QList<int>{3, 1, 4, 0, 2}));
+    QList<RW_VAR> none;
+    Bubble_Sort(none);
+    EXPECT_TRUE(none.isEmpty());
+}
+
+TEST_F(Lists, RebuildTheCyclicListFromTheHostsVariables)
+{
+    declareIndexed("Zone");
+    settings.defaultStation = 6;
+    settings.remoteMode = 14;
+    settings.localLink = 15;
+    PLC_driver.readCycleCount = 9;
+    settings.passComplete = 1;
+    RW_VAR old = readOf("Old");
+    AddListReadVar(&old);
+    QList<HOSTVAR> variables = {hostVar("Zone", "4", 1), hostVar("Speed", "7", 9, 200),
+                                hostVar("Zone", "3", 1)};
+
+    EXPECT_EQ(ReCreatReadVarList(&variables), 2);
+    EXPECT_EQ(text(runs()), "(0,1)(3,2)") << "names ascend, each group by address";
+    const RW_VAR& speed = PLC_driver.readList[0];
+    EXPECT_EQ(speed.tagName, QString("Speed"));
+    EXPECT_EQ(speed.varType, 0);
+    EXPECT_EQ(speed.varIndex, -1);
+    EXPECT_EQ(speed.accessMode, 0);
+    EXPECT_EQ(speed.hostField3, 14);
+    EXPECT_EQ(speed.linkId, 15);
+    EXPECT_EQ(speed.addressText, QString("7"));
+    EXPECT_EQ(speed.areaType, 200);
+    EXPECT_EQ(speed.stationNo, 6);
+    EXPECT_EQ(speed.reqFlag, 0);
+    EXPECT_EQ(speed.onceFlag, 0);
+    EXPECT_EQ(PLC_driver.readList[1].reqFlag, 1);
+    EXPECT_EQ(PLC_driver.readCycleCount, 0);
+    EXPECT_EQ(settings.passComplete, 0);
+}
+
+TEST_F(Lists, MergeOnlyWithinOneName)
+{
+    declareIndexed("A");
+    declareIndexed("B");
+    declareIndexed("a");
+    QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("B", "1", 1), hostVar("A", "0", 40),
+                                hostVar("B", "0", 1)};
+    EXPECT_EQ(ReCreatReadVarList(&variables), 5);
+    QStringList names;
+    for (const RW_VAR& request : PLC_driver.readList)
+        names.append(request.tagName);
+    EXPECT_EQ(names, (QStringList{"A", "A", "A", "B", "a"}));
+}
+
+TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListAndLeaveTheCycleAlone)
+{
+    RW_VAR old = readOf("Old");
+    AddListReadVar(&old);
+    PLC_driver.readCycleCount = 9;
+    settings.passComplete = 1;
+    QList<HOSTVAR> none;
+    EXPECT_EQ(ReCreatReadVarList(&none), 0);
+    EXPECT_TRUE(PLC_driver.readList.isEmpty());
+    EXPECT_EQ(PLC_driver.readCycleCount, 9);
+    EXPECT_EQ(settings.passComplete, 1);
+}
+
+TEST_F(Lists, StayAsTheyAreWithoutAHostListOrSettings)
+{
+    RW_VAR old = readOf("Old");
+    AddListReadVar(&old);
+    EXPECT_EQ(ReCreatReadVarList(nullptr), 1);
+    QList<HOSTVAR> variables = {hostVar("T", "0", 1), hostVar("U", "0", 1)};
+    SetComInfo(nullptr);
+    EXPECT_EQ(ReCreatReadVarList(&variables), 1);
+    EXPECT_EQ(PLC_driver.readList.first().tagName, QString("Old"));
+}
+
+TEST_F(Lists, SeedTheStoreForEveryVariable)
+{
+    QList<HOSTVAR> variables = {hostVar("T", "0", 1)};
+    ReCreatReadVarList(&variables);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("FF 00 00 00"));
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0);
+}
+
+} // namespace
