@@ -7,6 +7,10 @@
 #include <algorithm>
 #include <cstdlib>
 
+#ifdef __SANITIZE_THREAD__
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace {
 
 thread_local LockWitness* present = nullptr;
@@ -24,23 +28,74 @@ template<typename Function> Function hidden(const char* symbol)
     return reinterpret_cast<Function>(address);
 }
 
+void lockInQt(QMutex* mutex)
+{
+    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex4lockEv");
+    real(mutex);
+}
+
+void unlockInQt(QMutex* mutex)
+{
+    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex6unlockEv");
+    real(mutex);
+}
+
+#ifdef __SANITIZE_THREAD__
+// Qt's mutex is a futex inside a library that is not instrumented: unless ThreadSanitizer is told
+// of it here, all that it orders is reported as races.
+void reallyLock(QMutex* mutex)
+{
+    __tsan_mutex_pre_lock(mutex, 0);
+    lockInQt(mutex);
+    __tsan_mutex_post_lock(mutex, 0, 0);
+}
+
+void reallyUnlock(QMutex* mutex)
+{
+    __tsan_mutex_pre_unlock(mutex, 0);
+    unlockInQt(mutex);
+    __tsan_mutex_post_unlock(mutex, 0);
+}
+#else
+void reallyLock(QMutex* mutex)
+{
+    lockInQt(mutex);
+}
+
+void reallyUnlock(QMutex* mutex)
+{
+    unlockInQt(mutex);
+}
+#endif
+
 } // namespace
 
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
-    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex4lockEv");
-    real(this);
+    reallyLock(this);
     if (present)
         present->noteLock(this);
 }
 
 void QMutex::unlock() noexcept
 {
-    static const MutexOperation real = hidden<MutexOperation>("_ZN6QMutex6unlockEv");
     if (present)
         present->noteUnlock(this);
-    real(this);
+    reallyUnlock(this);
 }
+
+#ifdef __SANITIZE_THREAD__
+bool QMutex::tryLock(int timeout) QT_MUTEX_LOCK_NOEXCEPT
+{
+    typedef bool (*Attempt)(QMutex*, int);
+    static const Attempt real = hidden<Attempt>("_ZN6QMutex7tryLockEi");
+    __tsan_mutex_pre_lock(this, __tsan_mutex_try_lock);
+    const bool locked = real(this, timeout);
+    const unsigned failed = locked ? 0 : __tsan_mutex_try_lock_failed;
+    __tsan_mutex_post_lock(this, __tsan_mutex_try_lock | failed, 0);
+    return locked;
+}
+#endif
 
 QMapDataBase* QMapDataBase::createData()
 {

@@ -1,0 +1,62 @@
+#ifndef MICRO850_TESTS_MEMORY_CONTROLLER_H
+#define MICRO850_TESTS_MEMORY_CONTROLLER_H
+
+#include "Engine.h"
+
+#include <QtCore/QByteArray>
+
+/// The simulated controller at the other end of a function call: no line, no thread, and a clock
+/// that stands still, so that nothing in it expires.
+class MemoryController
+{
+public:
+    MemoryController() : m_engine(m_clock, micro850::sim::Plant(), executingRepeats()) {}
+
+    /// A tag of one element of an elementary type, all 00.
+    void define(const QByteArray& name, const char* type)
+    {
+        micro850::sim::Tag tag;
+        tag.name = name.toStdString();
+        tag.type = &micro850::cipTypeNamed(type);
+        tag.elements.assign(1, micro850::Bytes(static_cast<std::size_t>(tag.type->size)));
+        tag.initial = tag.elements;
+        m_engine.plant().put(tag);
+    }
+
+    /// The bytes of the tag's element, in the controller's order.
+    QByteArray value(const QByteArray& name)
+    {
+        const micro850::sim::Tag* tag = m_engine.plant().find(name.toStdString());
+        return tag ? bytesOf(tag->elements.front()) : QByteArray();
+    }
+
+    /// What the controller sends for a frame: its acknowledgement and the reply.
+    QByteArray exchange(const QByteArray& frame)
+    {
+        m_engine.receive(micro850::Bytes(frame.begin(), frame.end()));
+        return bytesOf(m_engine.transmit());
+    }
+
+    std::size_t openConnections() { return m_engine.server().openConnections(); }
+
+private:
+    // A repeat of a request whose reply was lost is executed again, not only acknowledged, so that
+    // a test can lose replies without waiting for the controller's time-outs.
+    static micro850::sim::LinkOptions executingRepeats()
+    {
+        micro850::sim::LinkOptions options;
+        options.duplicateDetection = false;
+        return options;
+    }
+
+    static QByteArray bytesOf(const micro850::Bytes& bytes)
+    {
+        return QByteArray(reinterpret_cast<const char*>(bytes.data()),
+                          static_cast<int>(bytes.size()));
+    }
+
+    micro850::sim::VirtualClock m_clock;
+    micro850::sim::Engine m_engine;
+};
+
+#endif
