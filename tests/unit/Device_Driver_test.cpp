@@ -1,0 +1,274 @@
+#include "driver_fixture.h"
+
+using wire::hex;
+
+namespace {
+
+// ---- Records
+// -------------------------------------------------------------------------------------
+
+TEST(DriverObject, StartsEmptyWithNothingInFlight)
+{
+    Device_Driver fresh;
+    EXPECT_TRUE(fresh.readList.isEmpty());
+    EXPECT_TRUE(fresh.writeList.isEmpty());
+    EXPECT_TRUE(fresh.onceReadList.isEmpty());
+    EXPECT_TRUE(fresh.spareList.isEmpty());
+    EXPECT_TRUE(fresh.sendQueue.isEmpty());
+    EXPECT_TRUE(fresh.extendList.isEmpty());
+    EXPECT_TRUE(fresh.disabledStations.isEmpty());
+    EXPECT_EQ(fresh.currentList, 100);
+    EXPECT_EQ(fresh.writeBurst, 0);
+    EXPECT_EQ(fresh.onceBurst, 0);
+    EXPECT_EQ(fresh.readCycleCount, 0);
+    EXPECT_FALSE(fresh.errorFlag);
+    EXPECT_FALSE(fresh.spareFlag);
+    EXPECT_TRUE(fresh.result.tagName.isEmpty());
+    EXPECT_TRUE(fresh.result.addressText.isEmpty());
+    EXPECT_TRUE(fresh.result.data.isEmpty());
+}
+
+TEST(DriverObject, HasThreeLocksThatAreNotRecursive)
+{
+    Device_Driver fresh;
+    for (QMutex* mutex : {&fresh.listMutex, &fresh.dataMutex, &fresh.stationMutex}) {
+        ASSERT_TRUE(mutex->tryLock());
+        EXPECT_FALSE(mutex->tryLock());
+        mutex->unlock();
+    }
+}
+
+TEST(DriverRecords, StartAQueuedTransactionWithZeros)
+{
+    const Protocol fresh;
+    EXPECT_EQ(fresh.sendLength, 0);
+    EXPECT_EQ(fresh.replyLength, 0);
+    EXPECT_EQ(fresh.auxLength, 0);
+    EXPECT_EQ(fresh.auxFlag, 0);
+    EXPECT_EQ(fresh.reserve1, 0);
+    EXPECT_EQ(fresh.reserve2, 0);
+    EXPECT_EQ(fresh.reserve3, 0);
+}
+
+TEST(DriverRecords, AreCopiedByValue)
+{
+    Protocol queued;
+    queued.frame = "frame";
+    queued.var.tagName = "T";
+    queued.var.data = "data";
+    Protocol copy = queued;
+    copy.frame[0] = 'F';
+    copy.var.tagName[0] = QLatin1Char('U');
+    copy.var.data.clear();
+    EXPECT_EQ(queued.frame, QByteArray("frame"));
+    EXPECT_EQ(queued.var.tagName, QString("T"));
+    EXPECT_EQ(queued.var.data, QByteArray("data"));
+}
+
+class DriverHelpers : public DriverTest
+{
+};
+
+TEST_F(DriverHelpers, CopyAResultWithoutItsValueBytes)
+{
+    RW_VAR from = readOf("T", 10, 12);
+    from.varType = 1;
+    from.varIndex = 2;
+    from.accessMode = 3;
+    from.hostField3 = 4;
+    from.linkId = 5;
+    from.retValue = 6;
+    from.areaType = 9;
+    from.stationNo = 11;
+    from.reqFlag = 13;
+    from.onceFlag = 14;
+    from.data = "value";
+    RW_VAR to = RW_VAR();
+    to.data = "old";
+    passRetValue(from, to);
+    EXPECT_EQ(to.varType, 1);
+    EXPECT_EQ(to.varIndex, 2);
+    EXPECT_EQ(to.accessMode, 3);
+    EXPECT_EQ(to.hostField3, 4);
+    EXPECT_EQ(to.linkId, 5);
+    EXPECT_EQ(to.retValue, 6);
+    EXPECT_EQ(to.tagName, QString("T"));
+    EXPECT_EQ(to.addressText, QString("10"));
+    EXPECT_EQ(to.areaType, 9);
+    EXPECT_EQ(to.startAddress, 10);
+    EXPECT_EQ(to.stationNo, 11);
+    EXPECT_EQ(to.count, 12);
+    EXPECT_EQ(to.reqFlag, 13);
+    EXPECT_EQ(to.onceFlag, 14);
+    EXPECT_TRUE(to.data.isEmpty());
+    EXPECT_EQ(from.data, QByteArray("value"));
+}
+
+// ---- Return codes
+// --------------------------------------------------------------------------------
+
+class ReturnCodes : public DriverTest
+{
+protected:
+    void putInFlight(int varType)
+    {
+        Protocol head;
+        head.var.varType = varType;
+        PLC_driver.sendQueue.clear();
+        PLC_driver.sendQueue.append(head);
+    }
+};
+
+TEST_F(ReturnCodes, ArePlainForWhatIsNoFailure)
+{
+    putInFlight(3);
+    EXPECT_EQ(GetDriverReturnValue(0), 1);
+    EXPECT_EQ(GetDriverReturnValue(4), 100);
+    for (int other : {8, 9, -1, 1000})
+        EXPECT_EQ(GetDriverReturnValue(other), 200);
+    PLC_driver.sendQueue.clear();
+    EXPECT_EQ(GetDriverReturnValue(4), 100);
+    EXPECT_EQ(GetDriverReturnValue(8), 200);
+}
+
+TEST_F(ReturnCodes, SpanTwelveForEachFailure)
+{
+    const std::pair<int, int> firsts[] = {{1, 11}, {2, 41}, {3, 71}, {5, 111}, {6, 141}, {7, 171}};
+    for (const auto& [outcome, first] : firsts) {
+        for (int kind = 1; kind <= 11; ++kind) {
+            putInFlight(kind);
+            EXPECT_EQ(GetDriverReturnValue(outcome), first + kind);
+        }
+        for (int kind : {0, 12, -1}) {
+            putInFlight(kind);
+            EXPECT_EQ(GetDriverReturnValue(outcome), first);
+        }
+    }
+}
+
+TEST_F(ReturnCodes, LookAtTheTransactionInFlightOnly)
+{
+    putInFlight(3);
+    Protocol second;
+    second.var.varType = 5;
+    PLC_driver.sendQueue.append(second);
+    EXPECT_EQ(SwitchErrorReturn(40), 44);
+    PLC_driver.sendQueue.clear();
+    EXPECT_EQ(SwitchErrorReturn(40), 41);
+}
+
+// ---- Catalogue
+// -----------------------------------------------------------------------------------
+
+class Catalogue : public DriverTest
+{
+protected:
+    static varName named(const char* name, int kind, int field = 0)
+    {
+        varName record = varName();
+        record.name = QString::fromLatin1(name);
+        record.kind = kind;
+        record.hostField2 = field;
+        record.hostField3 = QList<QString>() << QString::number(field);
+        return record;
+    }
+    QByteArray info(const char* tag, int station = 1)
+    {
+        return PLCDataStorage[station].tagInfo.value(QString::fromLatin1(tag));
+    }
+};
+
+TEST_F(Catalogue, KeepsNamesOfKindTwoOnlyAndTheLaterOfTwo)
+{
+    QList<varName> names = {named("A", 1), named("B", 2, 5), named("C", 3), named("B", 2, 6),
+                            named("D", -2)};
+    PassVarName(&names);
+    EXPECT_EQ(plcAddList.size(), 1);
+    EXPECT_TRUE(getPassVarName("B"));
+    EXPECT_FALSE(getPassVarName("A"));
+    EXPECT_FALSE(getPassVarName("b")) << "names differ by their case";
+    EXPECT_EQ(plcAddList["B"].name, QString("B"));
+    EXPECT_EQ(plcAddList["B"].kind, 2);
+    EXPECT_EQ(plcAddList["B"].hostField2, 6);
+    EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "6");
+}
+
+TEST_F(Catalogue, OnlyGrows)
+{
+    QList<varName> first = {named("A", 2, 1)}, second = {named("B", 2), named("A", 1)}, none;
+    PassVarName(&first);
+    PassVarName(&second);
+    PassVarName(&none);
+    PassVarName(nullptr);
+    EXPECT_EQ(plcAddList.size(), 2);
+    EXPECT_EQ(plcAddList["A"].kind, 2);
+}
+
+TEST_F(Catalogue, GivesACataloguedRequestItsElementAndKeepsItsCount)
+{
+    declareIndexed("T");
+    const std::pair<const char*, int> texts[] = {{"12", 12}, {"abc", 0},  {"", 0},
+                                                 {"-3", -3}, {"0x10", 0}, {"010", 10}};
+    for (const auto& [text, element] : texts) {
+        RW_VAR request = readOf("T", 77, 9);
+        request.addressText = QString::fromLatin1(text);
+        request.reqFlag = 77;
+        EXPECT_EQ(updateRwVar(&request), 1);
+        EXPECT_EQ(request.startAddress, element) << text;
+        EXPECT_EQ(request.count, 9);
+        EXPECT_EQ(request.reqFlag, 1);
+    }
+}
+
+TEST_F(Catalogue, MakesAnyOtherRequestOneElementAtIndexZero)
+{
+    QList<varName> names = {named("K", 1)};
+    PassVarName(&names);
+    RW_VAR request = readOf("K", 5, 9);
+    EXPECT_EQ(updateRwVar(&request), 1);
+    EXPECT_EQ(request.startAddress, 0);
+    EXPECT_EQ(request.count, 1);
+    EXPECT_EQ(request.reqFlag, 0);
+    EXPECT_EQ(request.addressText, QString("5"));
+    EXPECT_EQ(request.tagName, QString("K"));
+    EXPECT_EQ(request.stationNo, 1);
+    EXPECT_EQ(request.varType, 3);
+}
+
+TEST_F(Catalogue, SeedsAnEntryThatIsNotConfirmedOnEveryCall)
+{
+    RW_VAR request = readOf("T");
+    updateRwVar(&request);
+    EXPECT_BYTES(info("T"), hex("FF 00 00 00"));
+    for (const char* before : {"01 00 00 00", "01", "01 C3 FF", "FF 00 00 FE"}) {
+        PLCDataStorage[1].tagInfo["T"] = hex(before);
+        updateRwVar(&request);
+        EXPECT_BYTES(info("T"), hex("FF 00 00 00")) << before;
+    }
+    PLCDataStorage[1].tagInfo["T"] = hex("01 02 03 04 05");
+    updateRwVar(&request);
+    EXPECT_BYTES(info("T"), hex("FF 00 00 00 05"));
+}
+
+TEST_F(Catalogue, LeavesAConfirmedEntryUntouched)
+{
+    RW_VAR request = readOf("T");
+    for (const char* before : {"01 00 00 FF", "03 C3 00 FF 07"}) {
+        PLCDataStorage[1].tagInfo["T"] = hex(before);
+        updateRwVar(&request);
+        EXPECT_BYTES(info("T"), hex(before));
+    }
+}
+
+TEST_F(Catalogue, CreatesTheStationThatARequestNames)
+{
+    RW_VAR request = readOf("T");
+    request.stationNo = -9;
+    updateRwVar(&request);
+    ASSERT_TRUE(PLCDataStorage.contains(-9));
+    EXPECT_FALSE(PLCDataStorage[-9].handshakeDone);
+    EXPECT_EQ(PLCDataStorage[-9].transactionCounter, 0);
+    EXPECT_EQ(updateRwVar(nullptr), 1);
+}
+
+} // namespace
