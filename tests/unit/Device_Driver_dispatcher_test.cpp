@@ -1,0 +1,652 @@
+#include "driver_fixture.h"
+
+using wire::hex;
+
+namespace {
+
+const QByteArray kId = hex("5A 3C");
+
+class Dispatcher : public DriverTest
+{
+protected:
+    Dispatcher() { connectStation(1, kId, 0x21); }
+
+    /// Puts a request into flight as the scheduler does, from the list that `list` names.
+    Protocol* fly(const RW_VAR& request, int list)
+    {
+        if (list == kWrite)
+            PLC_driver.writeList.append(request);
+        else if (list == kOneShotRead)
+            PLC_driver.onceReadList.append(request);
+        else
+            PLC_driver.readList.append(request);
+        if (request.accessMode == 1)
+            confirm(request.tagName.toLatin1().constData(), 3, 0xC3, request.stationNo);
+        return ComCommunication();
+    }
+    RW_VAR numbered(RW_VAR request, int varType, int varIndex, int station = 1)
+    {
+        request.varType = varType;
+        request.varIndex = varIndex;
+        request.stationNo = station;
+        return request;
+    }
+    static int give(QByteArray reply)
+    {
+        const int code = DataCom(&reply, reply.size())->retValue;
+        EXPECT_TRUE(locksAreFree());
+        return code;
+    }
+    /// Fails the frame in flight for good: three times beyond a retry limit of 2.
+    int failForGood()
+    {
+        PLC_driver.sendQueue.first().replyLength = 50;
+        int code = 0;
+        for (int i = 0; i <= settings.retryLimit; ++i)
+            code = timeOut();
+        return code;
+    }
+    static QString order(const QList<RW_VAR>& list)
+    {
+        QString tags;
+        for (const RW_VAR& request : list)
+            tags += request.tagName;
+        return tags;
+    }
+    const QByteArray kGood = wire::readReply(0x21, 0xC3, hex("01 02"));
+    const QByteArray kBad = kGood.left(20);
+};
+
+// ---- Nothing pending, and the two steps of a reply of varying length
+// ------------------------------
+
+TEST_F(Dispatcher, SaysOneWhenNothingIsPending)
+{
+    PLC_driver.result.tagName = "before";
+    PLC_driver.result.retValue = 55;
+    QByteArray reply = kGood;
+    RW_VAR* result = DataCom(&reply, reply.size());
+    EXPECT_EQ(result, &PLC_driver.result);
+    EXPECT_EQ(result->retValue, 1);
+    EXPECT_EQ(result->tagName, QString("before"));
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21);
+    EXPECT_EQ(DataCom(nullptr, 5)->retValue, 1);
+}
+
+TEST_F(Dispatcher, JudgesAReplyOfVaryingLengthFirstAndStoresItInTheNextCall)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    EXPECT_EQ(give(kGood), 1);
+    EXPECT_EQ(head->replyLength, kGood.size()) << "the record that the host holds shows it";
+    EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T"));
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+    EXPECT_EQ(give(kGood), 1);
+    EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+}
+
+TEST_F(Dispatcher, TakesTheLengthThatTheHostTellsNotTheBuffers)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    QByteArray reply = kGood;
+    DataCom(&reply, 17);
+    EXPECT_EQ(head->replyLength, 17);
+}
+
+TEST_F(Dispatcher, GivesUpAVaryingReplyAtTheEleventhIncompleteJudgement)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    for (int i = 1; i <= 10; ++i) {
+        EXPECT_EQ(give(kBad), 0) << i;
+        EXPECT_EQ(head->replyLength, -1);
+    }
+    EXPECT_EQ(give(kBad), 1);
+    EXPECT_EQ(head->replyLength, 999);
+}
+
+TEST_F(Dispatcher, KeepsTheImpossibleLengthForEveryResendOfThatFrame)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    for (int i = 0; i < 11; ++i)
+        give(kBad);
+    EXPECT_EQ(give(kGood), 0) << "a good reply now has the wrong length";
+    EXPECT_EQ(ComCommunication(), head);
+    EXPECT_EQ(head->replyLength, 999);
+    EXPECT_EQ(give(kGood), 0);
+    EXPECT_EQ(give(kGood), 74) << "wrong length, kind 3";
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+}
+
+TEST_F(Dispatcher, StartsItsCountAnewAfterAGoodJudgement)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    for (int i = 0; i < 10; ++i)
+        give(kBad);
+    give(kGood);
+    head->replyLength = -1;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(give(kBad), 0);
+    EXPECT_EQ(give(kBad), 1);
+}
+
+TEST_F(Dispatcher, StartsItsCountAnewAfterGivingUp)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    for (int i = 0; i < 11; ++i)
+        give(kBad);
+    head->replyLength = -1;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(give(kBad), 0);
+    EXPECT_EQ(give(kBad), 1);
+}
+
+TEST_F(Dispatcher, CountsANullReplyAsIncomplete)
+{
+    fly(readOf("T"), kCyclicRead);
+    EXPECT_EQ(DataCom(nullptr, 40)->retValue, 0);
+}
+
+// ---- Success
+// --------------------------------------------------------------------------------------
+
+TEST_F(Dispatcher, FinishesACyclicReadByRotatingItWithoutACallback)
+{
+    PLC_driver.readList.append(numbered(readOf("A"), 1, 1));
+    PLC_driver.readList.append(numbered(readOf("B"), 2, 2));
+    PLC_driver.readList.first().data = "stale";
+    ComCommunication();
+    EXPECT_EQ(answer(kGood), 1);
+    EXPECT_EQ(order(PLC_driver.readList), QString("BA"));
+    EXPECT_EQ(PLC_driver.result.tagName, QString("A"));
+    EXPECT_TRUE(PLC_driver.result.data.isEmpty());
+    EXPECT_TRUE(finished.empty());
+    EXPECT_TRUE(refreshed.empty());
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x22);
+    EXPECT_FALSE(PLC_driver.errorFlag);
+    EXPECT_EQ(settings.framesAnswered, 1);
+}
+
+TEST_F(Dispatcher, FinishesAWriteWithOneCallback)
+{
+    RW_VAR request = numbered(writeOf("T", hex("01 02")), 5, 6);
+    request.retValue = 88;
+    fly(request, kWrite);
+    refreshed.clear();
+    EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0], (Finished{9, 5, 6, 1}));
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+    EXPECT_EQ(PLC_driver.result.varIndex, 6);
+    EXPECT_EQ(PLC_driver.result.retValue, 1) << "the code, not the request's own";
+    EXPECT_TRUE(refreshed.empty());
+    EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T")) << "a write reply is not stored";
+}
+
+TEST_F(Dispatcher, FinishesAOneShotReadWithOneCallback)
+{
+    fly(numbered(readOf("T"), 5, 6), kOneShotRead);
+    answer(kGood);
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0], (Finished{9, 5, 6, 1}));
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+}
+
+TEST_F(Dispatcher, TellsAVariableOfTwoEntriesOnceBehindTheLast)
+{
+    for (int list : {int(kWrite), int(kOneShotRead)}) {
+        finished.clear();
+        const RW_VAR request = list == kWrite ? writeOf("T", hex("01 02")) : readOf("T");
+        RW_VAR second = request;
+        second.startAddress = 9;
+        fly(request, list);
+        (list == kWrite ? PLC_driver.writeList : PLC_driver.onceReadList).append(second);
+        answer(kGood);
+        EXPECT_TRUE(finished.empty());
+        ComCommunication();
+        answer(kGood);
+        EXPECT_EQ(finished.size(), 1u);
+    }
+}
+
+TEST_F(Dispatcher, ComparesBothNumbersOfAVariable)
+{
+    fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
+    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 5, 7));
+    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 4, 6));
+    answer(wire::writeReply(0x21));
+    EXPECT_EQ(finished.size(), 1u);
+}
+
+TEST_F(Dispatcher, WaitsForTheOtherFramesOfARequest)
+{
+    fly(writeOf("T", "x"), kWrite);
+    PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
+    settings.frameCount = 2;
+    PLC_driver.result.tagName = "before";
+    EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
+    EXPECT_TRUE(finished.empty());
+    EXPECT_EQ(PLC_driver.writeList.size(), 1);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+    EXPECT_EQ(PLC_driver.result.tagName, QString("before"));
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x22);
+    answer(wire::writeReply(0x22));
+    EXPECT_EQ(finished.size(), 1u);
+}
+
+TEST_F(Dispatcher, NeedsNoListForACompletion)
+{
+    for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
+        fly(readOf("T"), kCyclicRead);
+        PLC_driver.readList.clear();
+        PLC_driver.currentList = list;
+        EXPECT_EQ(answer(kGood), 1);
+    }
+    fly(readOf("T"), kCyclicRead);
+    PLC_driver.currentList = 100;
+    answer(kGood);
+    EXPECT_EQ(PLC_driver.readList.size(), 1) << "an unknown list is left alone";
+    EXPECT_TRUE(finished.empty());
+}
+
+TEST_F(Dispatcher, NeedsNoCallbacks)
+{
+    RegistCallBackFuncIntf(nullptr, nullptr);
+    fly(writeOf("T", "x"), kWrite);
+    EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
+    fly(writeOf("T", "x"), kWrite);
+    EXPECT_EQ(failForGood(), 44);
+}
+
+TEST_F(Dispatcher, RunsItsCallbacksUnderTheListLockAndLetsThemReadValues)
+{
+    confirm("V", 3, 0xC3);
+    PLCDataStorage[1].tagData["V"] = hex("01 02");
+    static bool held, read;
+    held = read = false;
+    PLC_driver.finishCallback = [](int, int, int, int) {
+        held = !PLC_driver.listMutex.tryLock();
+        QByteArray value;
+        read = GetRegisterData("V", 0, "0", 1, value, 1) == 1;
+    };
+    fly(writeOf("T", "x"), kWrite);
+    answer(wire::writeReply(0x21));
+    EXPECT_TRUE(held);
+    EXPECT_TRUE(read);
+}
+
+TEST_F(Dispatcher, RaisesThePassCompleteWordBehindAFullCycle)
+{
+    PLC_driver.readList.append(readOf("A"));
+    PLC_driver.readList.append(readOf("B"));
+    for (int i = 1; i <= 2; ++i) {
+        ComCommunication();
+        answer(kGood);
+        EXPECT_EQ(PLC_driver.readCycleCount, i);
+        EXPECT_EQ(settings.passComplete, 0);
+    }
+    ComCommunication();
+    answer(kGood);
+    EXPECT_EQ(settings.passComplete, 1) << "the count exceeds the list's size";
+    EXPECT_EQ(PLC_driver.readCycleCount, 0);
+    ComCommunication();
+    answer(kGood);
+    EXPECT_EQ(PLC_driver.readCycleCount, 0) << "it counts again once the word is cleared";
+}
+
+// ---- Failure
+// --------------------------------------------------------------------------------------
+
+TEST_F(Dispatcher, KeepsAFailedFrameWithinTheLimitAndDropsItBeyond)
+{
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    head->replyLength = 50;
+    PLC_driver.readCycleCount = 4;
+    settings.passComplete = 1;
+    EXPECT_EQ(timeOut(), 0);
+    EXPECT_TRUE(PLC_driver.errorFlag);
+    EXPECT_EQ(PLC_driver.readCycleCount, 0);
+    EXPECT_EQ(settings.passComplete, 0);
+    EXPECT_EQ(settings.failureCount, 1);
+    EXPECT_EQ(timeOut(), 0);
+    EXPECT_EQ(ComCommunication(), head);
+    EXPECT_TRUE(getHandshakeInformation(1));
+    EXPECT_TRUE(refreshed.empty());
+
+    EXPECT_EQ(timeOut(), 44);
+    EXPECT_EQ(settings.failureCount, 0);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    EXPECT_FALSE(getHandshakeInformation(1));
+    EXPECT_TRUE(PLCDataStorage[1].connectionId.isEmpty());
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21) << "a failure does not advance it";
+    EXPECT_EQ(refreshed.size(), 1u);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 0);
+    ComCommunication();
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 2) << "the next request connects again";
+}
+
+TEST_F(Dispatcher, CountsFailuresUpAcrossSuccesses)
+{
+    for (int i = 1; i <= 2; ++i) {
+        fly(readOf("T"), kCyclicRead)->replyLength = 50;
+        EXPECT_EQ(timeOut(), 0);
+        PLC_driver.sendQueue.first().replyLength = kGood.size();
+        EXPECT_EQ(give(kGood), 1);
+        EXPECT_EQ(settings.failureCount, i);
+    }
+    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    EXPECT_EQ(timeOut(), 44);
+}
+
+TEST_F(Dispatcher, NamesTheReasonOfAFailureByItsCode)
+{
+    settings.retryLimit = 0;
+    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    EXPECT_EQ(give(kGood), 74) << "wrong length";
+    connectStation(1, kId, 0x21);
+    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    EXPECT_EQ(timeOut(), 44) << "no reply";
+    connectStation(1, kId, 0x21);
+    Protocol* head = fly(readOf("T"), kCyclicRead);
+    head->replyLength = kGood.size();
+    head->var.accessMode = 2;
+    EXPECT_EQ(give(kGood), 14) << "rejected";
+    EXPECT_EQ(PLC_driver.result.retValue, 14);
+}
+
+TEST_F(Dispatcher, TellsAFailureEvenIfTheVariableContinues)
+{
+    fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
+    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 5, 6));
+    refreshed.clear();
+    EXPECT_EQ(failForGood(), 46);
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0], (Finished{9, 5, 6, 2}));
+    ASSERT_EQ(refreshed.size(), 1u);
+    EXPECT_TRUE(refreshed[0].listGiven);
+    EXPECT_EQ(refreshed[0].listSize, 0);
+    EXPECT_EQ(refreshed[0].varType, 5);
+    EXPECT_EQ(refreshed[0].flag, 1);
+}
+
+TEST_F(Dispatcher, DropsAllWritesAndTheOneShotsOfTheVariableInSingleStationMode)
+{
+    settings.multiStation = 0;
+    fly(numbered(readOf("X"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6, 2));
+    PLC_driver.onceReadList.append(numbered(readOf("b"), 5, 7));
+    PLC_driver.onceReadList.append(numbered(readOf("c"), 4, 6));
+    PLC_driver.onceReadList.append(numbered(readOf("d"), 5, 6));
+    PLC_driver.writeList.append(numbered(writeOf("w", "x"), 1, 1, 2));
+    PLC_driver.readList.append(numbered(readOf("R"), 5, 6));
+    EXPECT_EQ(failForGood(), 46);
+    EXPECT_EQ(order(PLC_driver.onceReadList), QString("bc"));
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+    EXPECT_EQ(order(PLC_driver.readList), QString("R")) << "cyclic reads stay";
+}
+
+TEST_F(Dispatcher, DropsWhatBelongsToTheFailedStationInMultiStationMode)
+{
+    fly(numbered(readOf("X"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6, 2));
+    PLC_driver.onceReadList.append(numbered(readOf("b"), 5, 7));
+    PLC_driver.onceReadList.append(numbered(readOf("c"), 4, 6));
+    PLC_driver.onceReadList.append(numbered(readOf("d"), 5, 6));
+    PLC_driver.writeList.append(numbered(writeOf("u", "x"), 1, 1, 1));
+    PLC_driver.writeList.append(numbered(writeOf("v", "x"), 5, 6, 2));
+    PLC_driver.writeList.append(numbered(writeOf("w", "x"), 2, 2, 1));
+    EXPECT_EQ(failForGood(), 46);
+    EXPECT_EQ(order(PLC_driver.onceReadList), QString("abc"));
+    EXPECT_EQ(order(PLC_driver.writeList), QString("v"));
+    EXPECT_EQ(finished.size(), 1u) << "only the request in flight is reported";
+}
+
+TEST_F(Dispatcher, SurvivesSettingsAtTheEndOfTheirRange)
+{
+    settings.failureCount = settings.retryLimit = std::numeric_limits<int>::max();
+    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    EXPECT_EQ(timeOut(), 0);
+    settings.framesAnswered = std::numeric_limits<int>::max();
+    PLC_driver.sendQueue.first().replyLength = kGood.size();
+    give(kGood);
+    SUCCEED() << "counted on without undefined behaviour";
+}
+
+TEST_F(Dispatcher, KeepsItsQueueWithoutSettings)
+{
+    fly(readOf("T"), kCyclicRead);
+    SetComInfo(nullptr);
+    EXPECT_EQ(give(kGood), 0);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+}
+
+// ---- Local and remote area
+// ------------------------------------------------------------------------
+
+class Area : public Dispatcher
+{
+protected:
+    Protocol& inFlight(int replyLength, int accessMode = 0, int reqFlag = 1)
+    {
+        Protocol head;
+        head.replyLength = replyLength;
+        head.auxLength = 22;
+        head.var = readOf("T");
+        head.var.accessMode = accessMode;
+        head.var.reqFlag = reqFlag;
+        PLC_driver.sendQueue.clear();
+        PLC_driver.sendQueue.append(head);
+        return PLC_driver.sendQueue.first();
+    }
+    int local(QByteArray reply, int length) { return DealDataOfLocalArea(&reply, length); }
+    int remote(QByteArray reply, int length) { return DealDataOfRemoteArea(&reply, length); }
+    bool isStored() { return PLCDataStorage[1].tagData.contains("T"); }
+};
+
+TEST_F(Area, JudgesByLengthThenByAccessMode)
+{
+    const int size = kGood.size();
+    inFlight(size);
+    EXPECT_EQ(local("", 0), 44);
+    EXPECT_EQ(remote("", 0), 144);
+    EXPECT_EQ(local(kGood, size - 1), 74);
+    EXPECT_EQ(remote(kGood, size + 1), 174);
+    EXPECT_FALSE(isStored());
+    EXPECT_EQ(local(kGood, size), 1);
+    EXPECT_TRUE(isStored());
+    inFlight(size, 2);
+    EXPECT_EQ(local(kGood, size), 14);
+    EXPECT_EQ(remote(kGood, size), 114);
+}
+
+TEST_F(Area, TakesAnyLengthForOneThatVariesButNone)
+{
+    inFlight(-1);
+    EXPECT_EQ(local(kGood, 17), 1);
+    EXPECT_EQ(local("", 0), 44);
+    inFlight(0);
+    EXPECT_EQ(local(kGood, 0), 1) << "an expected length of 0 is met by 0";
+}
+
+TEST_F(Area, AcknowledgesAWriteWithoutStoring)
+{
+    inFlight(kGood.size(), 1);
+    EXPECT_EQ(local(kGood, kGood.size()), 1);
+    EXPECT_FALSE(isStored());
+    EXPECT_EQ(remote(kGood, kGood.size()), 100);
+    EXPECT_FALSE(isStored());
+}
+
+TEST_F(Area, StoresARemoteReplyOnlyForAFlagOfMinusOne)
+{
+    for (int flag : {0, 1, 2}) {
+        inFlight(kGood.size(), 0, flag);
+        EXPECT_EQ(remote(kGood, kGood.size()), 100) << flag;
+        EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty()) << flag;
+    }
+    inFlight(kGood.size(), 0, -1);
+    settings.framesAnswered = 0;
+    EXPECT_EQ(remote(kGood, kGood.size()), 1);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
+    settings.framesAnswered = 1;
+    EXPECT_EQ(remote(kGood, kGood.size()), 100);
+}
+
+TEST_F(Area, LeavesTheValueLockFreeOnEveryWayOut)
+{
+    inFlight(kGood.size());
+    for (int length : {0, 5, kGood.size()}) {
+        local(kGood, length);
+        EXPECT_TRUE(isFree(PLC_driver.dataMutex));
+        remote(kGood, length);
+        EXPECT_TRUE(isFree(PLC_driver.dataMutex));
+    }
+}
+
+TEST_F(Area, HasNothingToJudgeWithoutAFrameInFlight)
+{
+    EXPECT_EQ(local(kGood, kGood.size()), 41);
+    EXPECT_EQ(remote(kGood, kGood.size()), 141);
+    QByteArray reply = kGood;
+    EXPECT_EQ(CheckGetData(&reply, reply.size()), 0);
+}
+
+TEST_F(Dispatcher, CompletesARemoteReadWithItsOwnCodeAndWithoutACycleCount)
+{
+    RW_VAR request = readOf("T");
+    request.linkId = 0;
+    fly(request, kCyclicRead);
+    EXPECT_EQ(answer(kGood), 100);
+    EXPECT_EQ(PLC_driver.readCycleCount, 0);
+    EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T"));
+}
+
+TEST_F(Dispatcher, CompletesARemoteOneShotSilentlyButARemoteWriteWithACallback)
+{
+    RW_VAR read = readOf("T");
+    read.linkId = 0;
+    fly(read, kOneShotRead);
+    EXPECT_EQ(answer(kGood), 100);
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_TRUE(finished.empty());
+    RW_VAR write = writeOf("T", "x");
+    write.linkId = 0;
+    fly(write, kWrite);
+    EXPECT_EQ(answer(kGood), 100);
+    EXPECT_EQ(finished.size(), 1u);
+}
+
+TEST_F(Dispatcher, FailsARemoteRequestWithTheRemoteCodes)
+{
+    settings.retryLimit = 0;
+    RW_VAR request = readOf("T");
+    request.linkId = 0;
+    fly(request, kOneShotRead)->replyLength = 50;
+    EXPECT_EQ(timeOut(), 144);
+    EXPECT_TRUE(finished.empty()) << "a remote one-shot ends without a callback";
+    EXPECT_EQ(refreshed.size(), 1u);
+}
+
+// ---- Connection set-up
+// ----------------------------------------------------------------------------
+
+class SetUp : public Dispatcher
+{
+protected:
+    SetUp()
+    {
+        PLCDataStorage.clear();
+        PLC_driver.readList.append(readOf("T"));
+        ComCommunication();
+    }
+    Protocol& head() { return PLC_driver.sendQueue.first(); }
+    quint16 tnsOf(const QByteArray& frame)
+    {
+        const QByteArray data = wire::unframed(frame);
+        return static_cast<quint16>(static_cast<quint8>(data.at(4)) |
+                                    static_cast<quint8>(data.at(5)) << 8);
+    }
+};
+
+TEST_F(SetUp, ConnectsInTwoSteps)
+{
+    EXPECT_EQ(settings.frameCount, 2);
+    EXPECT_EQ(settings.framesAnswered, 0);
+    EXPECT_EQ(give(wire::identityReply(1)), 1);
+    EXPECT_EQ(settings.framesAnswered, 1);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+    EXPECT_FALSE(getHandshakeInformation(1));
+    EXPECT_EQ(give(wire::forwardOpenReply(2, kId)), 1);
+    EXPECT_EQ(settings.framesAnswered, 2);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    EXPECT_TRUE(getHandshakeInformation(1));
+    EXPECT_BYTES(PLCDataStorage[1].connectionId, kId);
+    EXPECT_BYTES(ComCommunication()->frame, wire::readRequest(3, kId, wire::tagPath("T"), 1));
+}
+
+TEST_F(SetUp, GivesUpAtAnIdentityReplyThatIsNone)
+{
+    EXPECT_EQ(give("garbage"), 201);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    EXPECT_EQ(settings.framesAnswered, 0);
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 2) << "it was looked at";
+    EXPECT_EQ(tnsOf(ComCommunication()->frame), 2);
+}
+
+TEST_F(SetUp, CountsSilenceAndANullReplyAsNoAnswer)
+{
+    EXPECT_EQ(timeOut(), 201);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    ComCommunication();
+    EXPECT_EQ(DataCom(nullptr, 40)->retValue, 201);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+}
+
+TEST_F(SetUp, ResendsTheConnectionRequestThreeTimesWithItsPresentNumber)
+{
+    give(wire::identityReply(1));
+    const int sendLength = head().sendLength;
+    for (quint16 tns = 3; tns <= 5; ++tns) {
+        EXPECT_EQ(timeOut(), 201);
+        ASSERT_EQ(PLC_driver.sendQueue.size(), 1);
+        EXPECT_EQ(tnsOf(head().frame), tns) << "and its CRC is right";
+        EXPECT_EQ(head().sendLength, sendLength);
+        EXPECT_EQ(settings.framesAnswered, 1);
+    }
+    EXPECT_EQ(timeOut(), 201);
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    EXPECT_FALSE(getHandshakeInformation(1));
+}
+
+TEST_F(SetUp, CountsTheAttemptsOfTheNextConnectionRequestAnew)
+{
+    for (int round = 0; round < 2; ++round) {
+        give(wire::identityReply(1));
+        for (int i = 0; i < 3; ++i) {
+            timeOut();
+            EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+        }
+        timeOut();
+        EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+        ComCommunication();
+    }
+}
+
+TEST_F(SetUp, AcceptsTheConnectionAfterAResend)
+{
+    give(wire::identityReply(1));
+    timeOut();
+    timeOut();
+    EXPECT_EQ(give(wire::forwardOpenReply(4, hex("10 10"))), 1);
+    EXPECT_TRUE(getHandshakeInformation(1));
+    EXPECT_BYTES(PLCDataStorage[1].connectionId, hex("10 10"));
+}
+
+TEST_F(SetUp, TakesARefusedConnectionForAnAcceptedOneAsIsKnown)
+{
+    give(wire::identityReply(1));
+    EXPECT_EQ(give(wire::framed(hex("01 00 4B 00 02 00 00 00 D4 00 01 01 00 01 00 00"))), 1);
+    EXPECT_TRUE(getHandshakeInformation(1));
+    EXPECT_BYTES(PLCDataStorage[1].connectionId, hex("00 01"));
+}
+
+} // namespace

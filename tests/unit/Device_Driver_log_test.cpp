@@ -1,0 +1,172 @@
+// The debug log keeps a state of its own for each run of a process, so every test runs in a child
+// process with a folder of its own as working directory.
+
+#include "Device_Driver.h"
+
+#include <QtCore/QDateTime>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QTemporaryDir>
+
+#include <cstdio>
+#include <functional>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+class DebugLog : public ::testing::Test
+{
+protected:
+    /// Runs `action` in a child with the folder as working directory; what it wrote on standard
+    /// error.
+    QByteArray inChild(const std::function<void()>& action)
+    {
+        const QByteArray errors = m_dir.filePath("stderr").toLocal8Bit();
+        const pid_t child = ::fork();
+        if (child == 0) {
+            if (::chdir(m_dir.path().toLocal8Bit().constData()) != 0 ||
+                !std::freopen(errors.constData(), "w", stderr))
+                ::_exit(99);
+            action();
+            std::fflush(stderr);
+            ::_exit(0);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        return read("stderr");
+    }
+    QByteArray read(const char* name)
+    {
+        QFile file(m_dir.filePath(name));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    QStringList lines()
+    {
+        QStringList all = QString::fromUtf8(read("debug.log")).split('\n');
+        EXPECT_EQ(all.takeLast(), QString()) << "the last line ends, too";
+        return all;
+    }
+    void write(const char* content)
+    {
+        QFile file(m_dir.filePath("debug.log"));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(content);
+    }
+
+    QTemporaryDir m_dir;
+};
+
+TEST_F(DebugLog, IsEmptiedByTheFirstMessageAndAppendedToByLaterOnes)
+{
+    write("of the last run\n");
+    inChild([] {
+        customMessageHandler(QtDebugMsg, "one");
+        customMessageHandler(QtWarningMsg, "two");
+        customMessageHandler(QtCriticalMsg, "three");
+    });
+    const QStringList all = lines();
+    ASSERT_EQ(all.size(), 3);
+    EXPECT_TRUE(all[0].endsWith(":one"));
+    EXPECT_TRUE(all[1].endsWith(":two"));
+    EXPECT_TRUE(all[2].endsWith(":three"));
+}
+
+TEST_F(DebugLog, StampsEachLineWithTheLocalTimeAndPlainMilliseconds)
+{
+    const QDateTime before = QDateTime::currentDateTime();
+    inChild([] {
+        // One digit, two and three: each comes within a second.
+        for (int limit : {10, 100, 1000}) {
+            while (QTime::currentTime().msec() >= limit || QTime::currentTime().msec() < limit / 10)
+            {
+            }
+            customMessageHandler(QtDebugMsg, "m");
+        }
+    });
+    const QDateTime after = QDateTime::currentDateTime();
+    const QRegularExpression form(
+        "^(\\d{4}\\.\\d\\d\\.\\d\\d\\.\\d\\d:\\d\\d:\\d\\d)\\.(0|[1-9]\\d{0,2}):m$");
+    QDateTime last = before.addMSecs(-1);
+    for (const QString& line : lines()) {
+        const QRegularExpressionMatch match = form.match(line);
+        ASSERT_TRUE(match.hasMatch()) << line.toStdString();
+        const QDateTime time = QDateTime::fromString(match.captured(1), "yyyy.MM.dd.hh:mm:ss")
+                                   .addMSecs(match.captured(2).toInt());
+        EXPECT_GE(time, last) << line.toStdString();
+        EXPECT_LE(time, after);
+        last = time;
+    }
+}
+
+TEST_F(DebugLog, LosesALineSilentlyWhereItCannotBeWrittenAndStillUsesUpTheFirstCall)
+{
+    const QByteArray errors = inChild([] {
+        ::mkdir("debug.log", 0700); // a folder in the file's place: not even root can open it
+        customMessageHandler(QtDebugMsg, "lost");
+        ::rmdir("debug.log");
+        QFile file("debug.log");
+        if (file.open(QIODevice::WriteOnly))
+            file.write("kept\n");
+        file.close();
+        customMessageHandler(QtDebugMsg, "second");
+    });
+    EXPECT_EQ(errors, QByteArray());
+    const QStringList all = lines();
+    ASSERT_EQ(all.size(), 2);
+    EXPECT_EQ(all[0], QString("kept"));
+    EXPECT_TRUE(all[1].endsWith(":second"));
+}
+
+void asQtHandler(QtMsgType type, const QMessageLogContext&, const QString& message)
+{
+    customMessageHandler(type, message.toLatin1().constData());
+}
+
+TEST_F(DebugLog, ServesAsTheProcesssOwnHandler)
+{
+    const QByteArray errors = inChild([] {
+        qInstallMessageHandler(asQtHandler);
+        qWarning("through Qt");
+        ::unlink("debug.log");
+        ::mkdir("debug.log", 0700);
+        qWarning("lost");
+        ::rmdir("debug.log");
+        qWarning("again");
+    });
+    EXPECT_EQ(errors, QByteArray());
+    const QStringList all = lines();
+    ASSERT_EQ(all.size(), 1);
+    EXPECT_TRUE(all[0].endsWith(":again"));
+}
+
+TEST_F(DebugLog, KeepsTheLinesOfTwoThreadsApart)
+{
+    inChild([] {
+        std::thread other([] {
+            for (int i = 0; i < 200; ++i)
+                customMessageHandler(QtDebugMsg, "other");
+        });
+        for (int i = 0; i < 200; ++i)
+            customMessageHandler(QtDebugMsg, "one");
+        other.join();
+    });
+    const QStringList all = lines();
+    EXPECT_EQ(all.size(), 400);
+    EXPECT_EQ(all.filter(QRegularExpression(":one$")).size(), 200);
+    EXPECT_EQ(all.filter(QRegularExpression(":other$")).size(), 200);
+}
+
+TEST_F(DebugLog, TakesANullMessageForAnEmptyOne)
+{
+    inChild([] { customMessageHandler(QtDebugMsg, nullptr); });
+    ASSERT_EQ(lines().size(), 1);
+    EXPECT_TRUE(lines()[0].endsWith(":"));
+}
+
+} // namespace
