@@ -1,0 +1,52 @@
+#include "fake_line.h"
+
+#include <algorithm>
+
+bool FakeLine::open(QString& error)
+{
+    openedAt.push_back(m_clock.now());
+    m_open = m_present;
+    if (!m_open)
+        error = QStringLiteral("no such device");
+    return m_open;
+}
+
+void FakeLine::close()
+{
+    m_open = false;
+    m_arriving.clear();
+}
+
+void FakeLine::discardInput()
+{
+    m_arriving.erase(m_arriving.begin(), m_arriving.upper_bound(m_clock.now()));
+}
+
+bool FakeLine::send(const QByteArray& bytes)
+{
+    if (!m_present)
+        return false;
+    sent.push_back(bytes);
+    if (onSend)
+        onSend(bytes);
+    return true;
+}
+
+bool FakeLine::receive(QByteArray& bytes, int waitMs)
+{
+    if (!m_present)
+        return false;
+    const qint64 end = m_clock.now() + waitMs;
+    const qint64 first = m_arriving.empty() ? end + 1 : m_arriving.begin()->first;
+    m_clock.pass(std::max<qint64>(0, std::min(first, end) - m_clock.now()));
+    while (!m_arriving.empty() && m_arriving.begin()->first <= m_clock.now()) {
+        bytes += m_arriving.begin()->second;
+        m_arriving.erase(m_arriving.begin());
+    }
+    return true;
+}
+
+void FakeLine::arrive(const QByteArray& bytes, int afterMs)
+{
+    m_arriving.emplace(m_clock.now() + afterMs, bytes);
+}
