@@ -109,7 +109,7 @@ void Driver::queueRead(const Operation& operation, const Tag& tag)
     request.varIndex = operation.id;
     request.linkId = m_settings.localLink;
     request.tagName = operation.tag.second;
-    request.addressText = QString::number(known ? operation.element : 0);
+    request.addressText = QString::number(operation.element);
     request.stationNo = operation.tag.first;
     request.count = known ? oneShotCount(typeClassOf(tag.typeCode), operation.elements) : 1;
     const int completeRecord = 0;

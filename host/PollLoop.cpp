@@ -1,7 +1,6 @@
 #include "PollLoop.h"
 
 #include <algorithm>
-#include <limits>
 
 namespace host {
 
@@ -276,12 +275,11 @@ void PollLoop::probeDeadStations()
 {
     const qint64 now = m_clock.now();
     for (Station& station : m_stations) {
-        if (station.state != Station::State::Dead || now < station.nextProbe)
+        if (station.state != Station::State::Dead || station.probing || now < station.nextProbe)
             continue;
         // Until the outcome of the set-up takes it out again or brings it back. The lists may hold
         // no request of the station, so that one is queued.
         station.probing = true;
-        station.nextProbe = std::numeric_limits<qint64>::max();
         m_driver.enableStation(station.number, true);
         const auto tag = m_tags.lowerBound({station.number, QString()});
         if (tag != m_tags.end() && tag.key().first == station.number)
