@@ -65,6 +65,7 @@ class Worker:
         self.tree = WORK / f"worker-{number}" / "tree"
         self.build = WORK / f"worker-{number}" / "build"
         self.run_directory = WORK / f"worker-{number}" / "run"
+        self.originals = {}
         self.changed = None
         self.durations = {}
         self.environment = dict(
@@ -80,6 +81,8 @@ class Worker:
         for directory in (self.tree, self.build, self.run_directory):
             directory.mkdir(parents=True, exist_ok=True)
         synchronise(self.tree)
+        for source in (self.tree / "src").iterdir():
+            self.originals[f"src/{source.name}"] = source.read_text()
         self.require(["cmake", "-S", str(self.tree), "-B", str(self.build), *CONFIGURE])
         self.require(["ninja", "-C", str(self.build), f"-j{jobs}"])
 
@@ -127,8 +130,7 @@ class Worker:
     def compile(self, mutant):
         self.restore()
         self.changed = mutant.path
-        original = (ROOT / mutant.path).read_text()
-        (self.tree / mutant.path).write_text(mutant.applied(original))
+        (self.tree / mutant.path).write_text(mutant.applied(self.originals[mutant.path]))
         done = subprocess.run(
             ["ninja", "-C", str(self.build), "-j1", "micro850"],
             env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -137,7 +139,7 @@ class Worker:
 
     def restore(self):
         if self.changed:
-            shutil.copyfile(ROOT / self.changed, self.tree / self.changed)
+            (self.tree / self.changed).write_text(self.originals[self.changed])
             self.changed = None
 
     def in_order_of_promise(self, mutant):
