@@ -14,6 +14,10 @@ const int kStatusDone = 1;
 // Any kind outside 1 to 11: failure codes then name the failure alone.
 const int kOperationKind = 0;
 
+// How AddListOnceReadVar() takes a record.
+const int kCompleted = 0;
+const int kUnchanged = 1;
+
 // More than the driver takes to find a reply incomplete for good.
 const int kMostJudgements = 32;
 
@@ -100,10 +104,6 @@ void Driver::queue(const Operation& operation, const Tag& tag)
 
 void Driver::queueRead(const Operation& operation, const Tag& tag)
 {
-    // The first read of a tag brings element 0, whatever is asked, and is stored where the asked
-    // one belongs; so element 0 is what is asked. The count of a class that is not known is not
-    // looked at.
-    const bool known = tag.state == Tag::State::Known;
     RW_VAR request = RW_VAR();
     request.varType = kOperationKind;
     request.varIndex = operation.id;
@@ -111,9 +111,16 @@ void Driver::queueRead(const Operation& operation, const Tag& tag)
     request.tagName = operation.tag.second;
     request.addressText = QString::number(operation.element);
     request.stationNo = operation.tag.first;
-    request.count = known ? oneShotCount(typeClassOf(tag.typeCode), operation.elements) : 1;
-    const int completeRecord = 0;
-    m_api.addOneShotRead(&request, completeRecord);
+    request.onceFlag = 1;
+    if (operation.kind == Operation::Kind::Learn) {
+        // As a name outside the catalogue: one element at index 0, whether the driver knows the
+        // class or not. Only a record that it does not complete can say so.
+        request.count = 1;
+        m_api.addOneShotRead(&request, kUnchanged);
+    } else {
+        request.count = oneShotCount(typeClassOf(tag.typeCode), operation.elements);
+        m_api.addOneShotRead(&request, kCompleted);
+    }
 }
 
 void Driver::queueWrite(const Operation& operation, const Tag& tag)

@@ -65,6 +65,18 @@ TEST_F(PollLoopTest, NeverShowsElementZeroUnderTheFirstIndexThatIsAskedFor)
     EXPECT_EQ(text(0), "107");
 }
 
+TEST_F(PollLoopTest, LearnsTheTypeOfATagThatTheDriverKnowsAlready)
+{
+    plc.tags["Recipe"] = {0x00C4, {hex("07 00 00 00")}};
+    start(R"({"tag": "Recipe"})");
+    ASSERT_TRUE(runUntilRead());
+    loop.reset();
+    plc.tags["Recipe"].elements[0] = hex("08 00 00 00");
+    start(R"({"tag": "Recipe"})");
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_EQ(text(0), "8");
+}
+
 TEST_F(PollLoopTest, ReadsAVariableOnceWhereTheProjectSaysSo)
 {
     start(R"({"tag": "Level", "element": 3, "poll": "once"})");
