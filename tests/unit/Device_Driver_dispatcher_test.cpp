@@ -491,6 +491,14 @@ TEST_F(Area, StoresARemoteReplyOnlyForAFlagOfMinusOne)
     EXPECT_EQ(remote(kGood, kGood.size()), 100);
 }
 
+TEST_F(Area, StoresARemoteReplyWithoutSettingsAsTheOnlyOne)
+{
+    inFlight(kGood.size(), 0, -1);
+    SetComInfo(nullptr);
+    EXPECT_EQ(remote(kGood, kGood.size()), 1);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
+}
+
 TEST_F(Area, LeavesTheValueLockFreeOnEveryWayOut)
 {
     inFlight(kGood.size());

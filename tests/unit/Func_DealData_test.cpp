@@ -179,6 +179,26 @@ TEST_F(StoredReply, IsNotStoredAtAnIndexThatNoControllerHas)
     }
 }
 
+TEST_F(StoredReply, IsNotStoredBeyondTheLargestValue)
+{
+    const int largest = 1 << 24; // bytes
+    store(readOf("T", largest / 8), wire::readReply(0x21, 0xC5, QByteArray(8, 'v')));
+    EXPECT_FALSE(hasImage());
+    store(readOf("T", largest / 8 - 1), wire::readReply(0x21, 0xC5, QByteArray(9, 'v')));
+    EXPECT_FALSE(hasImage());
+    store(readOf("T", largest / 8 - 1), wire::readReply(0x21, 0xC5, QByteArray(8, 'v')));
+    EXPECT_EQ(PLCDataStorage[1].tagData["T"].size(), largest);
+}
+
+TEST_F(StoredReply, HasNoValueBeforeItsFirstByte)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
+    PLC_driver.sendQueue.first().auxLength = -1;
+    QByteArray reply = wire::readReply(0x21, 0xC3, hex("03 04"));
+    SaveToLocalDataErea(&reply);
+    EXPECT_BYTES(PLCDataStorage[1].tagData["T"], hex("01 02"));
+}
+
 TEST_F(StoredReply, NeedsAReplyAndARequest)
 {
     SaveToLocalDataErea(nullptr);

@@ -168,6 +168,13 @@ TEST_F(GetValue, CopiesTwiceTheHostsCountOfAStringOutsideTheCatalogueToo)
     EXPECT_BYTES(out, hex("41 42 43 44"));
 }
 
+TEST_F(GetValue, IsEmptyForNoneOfAStringsCharacters)
+{
+    put("T", 1, "41 42 43 44 45");
+    EXPECT_EQ(get("T", 1, 0), 1);
+    EXPECT_BYTES(out, QByteArray());
+}
+
 TEST_F(GetValue, IsTwiceTheCountOfZerosWhileTheStationIsNotConnected)
 {
     put("T", 0, "01");

@@ -275,6 +275,15 @@ TEST_F(Lists, TakeTheDefaultStationForAOneShotReadInSingleStationModeOnly)
     EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3);
 }
 
+TEST_F(Lists, KeepTheStationOfAOneShotReadWithoutSettings)
+{
+    SetComInfo(nullptr);
+    RW_VAR request = readOf("T");
+    request.stationNo = 3;
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
+    EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3);
+}
+
 TEST_F(Lists, QueueAOneShotReadOnce)
 {
     declareIndexed("T");
