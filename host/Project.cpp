@@ -157,7 +157,7 @@ Project projectOf(const JsonNode& root)
     for (const JsonNode& variable : root.at("variables").elements())
         project.variables.append(variableOf(variable, project));
     if (project.variables.isEmpty())
-        root.at("variables").fail("lists no variable (add one, for example {\"tag\": \"Speed\"})");
+        root.at("variables").fail(R"(lists no variable (add one, for example {"tag": "Speed"}))");
     return project;
 }
 

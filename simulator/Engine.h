@@ -12,6 +12,8 @@ class Engine
 public:
     Engine(const Clock& clock, Plant plant, LinkOptions link = LinkOptions(),
            Identity identity = Identity());
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
 
     void receive(const Bytes& bytes);
     /// Lets time pass: motions and time-outs.
@@ -28,9 +30,6 @@ public:
     const LinkCounters& counters() const { return m_link.counters(); }
 
 private:
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
-
     const Clock& m_clock;
     Duration m_start;
     Plant m_plant;

@@ -121,7 +121,8 @@ int run(const Options& options)
 
 } // namespace
 
-int main(int argc, char** argv)
+// Declaring the options throws only when two have one name.
+int main(int argc, char** argv) // NOLINT(bugprone-exception-escape)
 {
     Options options;
     CLI::App app("A simulated Micro850 controller on a pseudo-terminal or serial device.",

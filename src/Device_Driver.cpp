@@ -35,6 +35,12 @@ namespace {
 // ---- What the host relies on in memory
 // -----------------------------------------------------------
 
+// Offset of a 32-bit word of the settings record.
+constexpr std::size_t word(std::size_t number)
+{
+    return 4 * number;
+}
+
 constexpr std::size_t at(std::size_t bytes32, std::size_t bytes64)
 {
     return sizeof(void*) == 8 ? bytes64 : bytes32;
@@ -76,19 +82,19 @@ static_assert(offsetof(varName, hostField3) == at(12, 16), "host ABI");
 static_assert(sizeof(varName) == at(16, 24), "host ABI");
 
 static_assert(std::is_standard_layout<ComInfo>::value, "host ABI");
-static_assert(offsetof(ComInfo, defaultStation) == 4 * 6, "host ABI");
-static_assert(offsetof(ComInfo, retryLimit) == 4 * 7, "host ABI");
-static_assert(offsetof(ComInfo, failureCount) == 4 * 8, "host ABI");
-static_assert(offsetof(ComInfo, multiStation) == 4 * 9, "host ABI");
-static_assert(offsetof(ComInfo, clearedWord10) == 4 * 10, "host ABI");
-static_assert(offsetof(ComInfo, frameCount) == 4 * 11, "host ABI");
-static_assert(offsetof(ComInfo, framesAnswered) == 4 * 12, "host ABI");
-static_assert(offsetof(ComInfo, clearedWord13) == 4 * 13, "host ABI");
-static_assert(offsetof(ComInfo, remoteMode) == 4 * 14, "host ABI");
-static_assert(offsetof(ComInfo, localLink) == 4 * 15, "host ABI");
-static_assert(offsetof(ComInfo, writeMode) == 4 * 16, "host ABI");
-static_assert(offsetof(ComInfo, passComplete) == 4 * 17, "host ABI");
-static_assert(offsetof(ComInfo, callbackChannel) == 4 * 18, "host ABI");
+static_assert(offsetof(ComInfo, defaultStation) == word(6), "host ABI");
+static_assert(offsetof(ComInfo, retryLimit) == word(7), "host ABI");
+static_assert(offsetof(ComInfo, failureCount) == word(8), "host ABI");
+static_assert(offsetof(ComInfo, multiStation) == word(9), "host ABI");
+static_assert(offsetof(ComInfo, clearedWord10) == word(10), "host ABI");
+static_assert(offsetof(ComInfo, frameCount) == word(11), "host ABI");
+static_assert(offsetof(ComInfo, framesAnswered) == word(12), "host ABI");
+static_assert(offsetof(ComInfo, clearedWord13) == word(13), "host ABI");
+static_assert(offsetof(ComInfo, remoteMode) == word(14), "host ABI");
+static_assert(offsetof(ComInfo, localLink) == word(15), "host ABI");
+static_assert(offsetof(ComInfo, writeMode) == word(16), "host ABI");
+static_assert(offsetof(ComInfo, passComplete) == word(17), "host ABI");
+static_assert(offsetof(ComInfo, callbackChannel) == word(18), "host ABI");
 
 // ---- Send scheduler: caller holds listMutex
 // ------------------------------------------------------
@@ -644,7 +650,7 @@ void PassVarName(QList<varName>* list)
     }
 }
 
-bool getPassVarName(QString name)
+bool getPassVarName(QString name) // NOLINT(performance-unnecessary-value-param): host ABI
 {
     LeafLocker lock(tagstore::leaf);
     return plcAddList.constFind(name) != plcAddList.constEnd();

@@ -196,7 +196,7 @@ bool Ethernetcontains(int station)
     return PLC_driver.disabledStations.contains(station);
 }
 
-int StringAddressToInt(int, QString)
+int StringAddressToInt(int, QString) // NOLINT(performance-unnecessary-value-param): host ABI
 {
     return -1;
 }

@@ -347,7 +347,7 @@ int HandshakeFunctionCheck(const QByteArray* reply)
 // ---- Frame integrity
 // -----------------------------------------------------------------------------
 
-unsigned int checkDataCrc(QByteArray frame)
+unsigned int checkDataCrc(QByteArray frame) // NOLINT(performance-unnecessary-value-param): host ABI
 {
     FrameCrc crc;
     for (int i = 0; i < frame.size(); ++i)
@@ -408,7 +408,7 @@ QByteArray fromHexText(const char* text)
     QByteArray bytes;
     bytes.reserve(parts.size());
     for (int i = 0; i < parts.size(); ++i)
-        bytes.append(static_cast<char>(parts.at(i).toInt(0, 16)));
+        bytes.append(static_cast<char>(parts.at(i).toInt(nullptr, 16)));
     return bytes;
 }
 
