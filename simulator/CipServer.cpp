@@ -154,8 +154,17 @@ Bytes CipServer::connected(const Bytes& message)
     return body;
 }
 
+CipServer::Reply CipServer::failure() const
+{
+    return {static_cast<CipStatus>(m_failure->status),
+            static_cast<CipExtended>(m_failure->extended),
+            {}};
+}
+
 CipServer::Reply CipServer::answerUnconnected(const Request& request)
 {
+    if (m_failure)
+        return failure();
     const bool identity = isPath(request.path, 0x01);
     const bool connectionManager = isPath(request.path, 0x06);
     if (!identity && !connectionManager)
@@ -171,6 +180,8 @@ CipServer::Reply CipServer::answerUnconnected(const Request& request)
 
 CipServer::Reply CipServer::answerConnected(const Request& request)
 {
+    if (m_failure)
+        return failure();
     switch (request.service) {
     case kReadTagFragmented:
         return readTag(request);

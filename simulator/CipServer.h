@@ -32,6 +32,13 @@ enum class CipExtended : std::uint16_t {
     TypeMismatch = 0x2107
 };
 
+/// An error status that takes the place of an answer.
+struct CipFailure
+{
+    std::uint8_t status = 0;
+    std::uint16_t extended = 0; ///< 0: none
+};
+
 /// What the Identity object says.
 struct Identity
 {
@@ -53,6 +60,8 @@ public:
 
     /// The reply's data; nothing for a message that is no request to this node.
     std::optional<Bytes> handle(const Bytes& message);
+    /// While set, no request is executed: each is answered with this error.
+    void setFailure(std::optional<CipFailure> failure) { m_failure = failure; }
     /// Forgets all connections, as a power cycle does.
     void reset();
 
@@ -93,6 +102,7 @@ private:
     Bytes encoded(std::uint8_t service, const Reply& reply);
     static std::optional<Request> requestOf(const Bytes& cip);
 
+    Reply failure() const;
     Reply answerUnconnected(const Request& request);
     Reply answerConnected(const Request& request);
     Reply allAttributes() const;
@@ -110,6 +120,7 @@ private:
     std::map<std::uint32_t, Connection> m_connections; ///< by O->T identifier
     std::uint32_t m_nextConnectionId = 0x00A15C3A;
     std::map<std::uint8_t, unsigned> m_answers;
+    std::optional<CipFailure> m_failure;
 };
 
 } // namespace micro850::sim

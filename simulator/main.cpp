@@ -1,6 +1,7 @@
 // micro850-sim: a simulated controller at the other end of the wire.
 
 #include "Engine.h"
+#include "FaultyLine.h"
 #include "SerialPort.h"
 #include "UserError.h"
 
@@ -36,6 +37,8 @@ struct Options
     double ackTimeout = 1.0;
     int enquiryLimit = 3;
     int nakLimit = 3;
+    std::string faults;
+    std::uint64_t seed = 1;
     bool quiet = false;
 };
 
@@ -59,7 +62,10 @@ void declare(CLI::App& app, Options& options)
     app.add_option("--nak-limit", options.nakLimit, "Retransmissions of a refused message")
         ->capture_default_str()
         ->check(CLI::Range(0, 100));
-    app.add_flag("--quiet", options.quiet, "No summary at the end");
+    app.add_option("--faults", options.faults, "Fault script (JSON): what goes wrong on the line");
+    app.add_option("--seed", options.seed, "Seed of the faults that strike at a rate")
+        ->capture_default_str();
+    app.add_flag("--quiet", options.quiet, "No report of faults and no summary at the end");
     app.footer("Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
                "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
 }
@@ -74,49 +80,99 @@ LinkOptions linkOptions(const Options& options)
     return link;
 }
 
-// Serves the line until a signal comes; false when the device has vanished.
-bool serve(Engine& engine, SerialPort& port)
+SerialPort openPort(const Options& options)
 {
-    constexpr int kTick = 20; // milliseconds between two looks at the time
-    while (!stopRequested) {
-        pollfd wait = {port.descriptor(), POLLIN, 0};
-        if (::poll(&wait, 1, kTick) > 0) {
-            bool gone = false;
-            const Bytes bytes = port.read(gone);
-            if (gone)
-                return false;
-            engine.receive(bytes);
-        }
-        engine.tick();
-        const Bytes out = engine.transmit();
-        if (!out.empty())
-            port.write(out);
-    }
-    return true;
+    return options.port.empty() ? SerialPort::pseudoTerminal(options.link)
+                                : SerialPort::device(options.port, options.baud);
 }
 
-void summarise(const Engine& engine)
+/// A controller and its end of the line.
+class Station
 {
-    const LinkCounters& counters = engine.counters();
-    std::cerr << "micro850-sim: " << counters.messages << " messages, " << counters.corrupt
-              << " corrupt, " << counters.duplicates << " repeated, " << counters.undelivered
-              << " replies undelivered\n";
-}
+public:
+    explicit Station(const Options& options)
+        : m_options(options),
+          m_engine(m_clock, Plant::fromFile(options.tags), linkOptions(options)),
+          m_line(m_clock, m_engine,
+                 options.faults.empty() ? FaultScript() : faultsFromFile(options.faults),
+                 options.seed)
+    {
+        m_line.setObserver([this](const FaultyLine::Event& event) {
+            if (!m_options.quiet)
+                std::cerr << "micro850-sim: " << describe(event) << '\n';
+        });
+        open();
+    }
+
+    int descriptor() const { return m_port ? m_port->descriptor() : -1; }
+
+    /// Takes what has come and sends what is due.
+    void serve()
+    {
+        if (!m_port && !m_line.isHungUp())
+            open();
+        if (m_port)
+            receive();
+        m_line.tick();
+        const Bytes out = m_line.transmit();
+        if (m_port && !out.empty())
+            m_port->write(out);
+        if (m_line.isHungUp())
+            m_port.reset();
+    }
+
+    void summarise() const
+    {
+        const LinkCounters& counters = m_engine.counters();
+        std::cerr << "micro850-sim: " << counters.messages << " messages, " << counters.corrupt
+                  << " corrupt, " << counters.duplicates << " repeated, " << counters.undelivered
+                  << " replies undelivered\n";
+        if (m_options.faults.empty())
+            return;
+        std::cerr << "micro850-sim: faults with seed " << m_options.seed << ':';
+        for (const auto& [kind, count] : m_line.counts())
+            std::cerr << ' ' << faultNames()[static_cast<std::size_t>(kind)] << ' ' << count;
+        std::cerr << (m_line.counts().empty() ? " none\n" : "\n");
+    }
+
+private:
+    void open()
+    {
+        m_port = std::make_unique<SerialPort>(openPort(m_options));
+        std::cout << m_port->path() << std::endl;
+    }
+
+    void receive()
+    {
+        bool gone = false;
+        const Bytes bytes = m_port->read(gone);
+        if (gone)
+            throw UserError(m_port->path() +
+                                ": the device has vanished; plug it in and start again",
+                            kExitRefused);
+        m_line.receive(bytes);
+    }
+
+    const Options& m_options;
+    const SystemClock m_clock;
+    Engine m_engine;
+    FaultyLine m_line;
+    std::unique_ptr<SerialPort> m_port;
+};
 
 int run(const Options& options)
 {
-    const SystemClock clock;
-    Engine engine(clock, Plant::fromFile(options.tags), linkOptions(options));
-    SerialPort port = options.port.empty() ? SerialPort::pseudoTerminal(options.link)
-                                           : SerialPort::device(options.port, options.baud);
-    std::cout << port.path() << std::endl;
-    const bool ended = serve(engine, port);
+    constexpr int kTick = 20; // milliseconds between two looks at the time
+    constexpr int kFaultyTick = 1;
+    Station station(options);
+    while (!stopRequested) {
+        pollfd wait = {station.descriptor(), POLLIN, 0};
+        ::poll(&wait, 1, options.faults.empty() ? kTick : kFaultyTick);
+        station.serve();
+    }
     if (!options.quiet)
-        summarise(engine);
-    if (ended)
-        return kExitDone;
-    throw UserError(port.path() + ": the device has vanished; plug it in and start again",
-                    kExitRefused);
+        station.summarise();
+    return kExitDone;
 }
 
 } // namespace

@@ -1,0 +1,156 @@
+#ifndef MICRO850_SIMULATOR_FAULTYLINE_H
+#define MICRO850_SIMULATOR_FAULTYLINE_H
+
+#include "Engine.h"
+#include "Faults.h"
+
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+
+namespace micro850::sim {
+
+/// Cuts a stream of bytes into transmissions: a message with the link controls in front of it, or
+/// controls and noise alone.
+class TransmissionSplitter
+{
+public:
+    struct Transmission
+    {
+        Bytes bytes;
+        std::size_t message = 0; ///< where DLE STX is; the size of `bytes` if there is no message
+        bool hasMessage() const { return message < bytes.size(); }
+    };
+
+    /// Takes bytes; gives what they complete.
+    std::vector<Transmission> feed(const Bytes& bytes);
+    /// Gives what has begun, as nothing more comes.
+    std::optional<Transmission> flush();
+
+private:
+    enum class State { Outside, Control, Message, Escape, CrcLow, CrcHigh };
+
+    bool take(std::uint8_t byte);
+
+    State m_state = State::Outside;
+    Transmission m_open;
+};
+
+/// The line to a controller, with the faults of a script. It stands in the place of the controller:
+/// bytes in, bytes out, time from the same clock. The same seed and the same traffic give the same
+/// faults.
+class FaultyLine
+{
+public:
+    /// What was done to one message.
+    struct Event
+    {
+        Duration time{0};
+        Side side = Side::Replies;
+        unsigned message = 0;
+        FaultKind kind = FaultKind::LoseByte;
+        std::string what; ///< like "byte 7: bit 3 flipped, 5A becomes 52"
+    };
+    using Observer = std::function<void(const Event&)>;
+
+    FaultyLine(const Clock& clock, Engine& engine, FaultScript script = {}, std::uint64_t seed = 1);
+
+    /// Called with each fault as it strikes.
+    void setObserver(Observer observer) { m_observer = std::move(observer); }
+    /// Adds a rule; messages are counted from the beginning.
+    void add(const Fault& fault) { m_script.push_back(fault); }
+    /// From now on no fault strikes any more; what is under way arrives.
+    void clear() { m_script.clear(); }
+
+    void receive(const Bytes& bytes);
+    void tick();
+    /// Takes the bytes that have arrived at the host's end.
+    Bytes transmit();
+    /// While true the line is dead in both directions.
+    bool isHungUp() const { return m_clock.now() < m_hungUpUntil; }
+
+    /// Messages on this side so far.
+    unsigned messages(Side side) const { return m_sides[index(side)].messages; }
+    /// Faults so far, by kind.
+    const std::map<FaultKind, unsigned>& counts() const { return m_counts; }
+
+private:
+    using Transmission = TransmissionSplitter::Transmission;
+    /// Bytes under way.
+    struct Piece
+    {
+        Duration due{0};
+        Bytes bytes;
+        std::optional<CipFailure> failure;
+    };
+    struct Held
+    {
+        unsigned until = 0; ///< the message in front of which it arrives
+        Piece piece;
+    };
+    struct Way
+    {
+        unsigned messages = 0;
+        TransmissionSplitter splitter;
+        std::deque<Piece> pieces; ///< in the order in which they arrive
+        std::list<Held> held;
+    };
+    /// One transmission on its way through the rules.
+    struct Passage
+    {
+        Passage(Side from, unsigned message, Transmission transmission)
+            : side(from), number(message), sent(std::move(transmission))
+        {
+        }
+
+        Side side;
+        unsigned number;
+        Transmission sent;
+        bool withheld = false;
+        unsigned copies = 1;
+        Duration delay{0};
+        std::optional<Duration> gap;
+        unsigned later = 0;
+        std::optional<CipFailure> failure;
+    };
+
+    static std::size_t index(Side side) { return side == Side::Requests ? 0 : 1; }
+
+    void pass(Side side, const Transmission& sent);
+    bool strikes(const Fault& fault, unsigned number);
+    void apply(const Fault& fault, Passage& passage);
+    void applyToBytes(const Fault& fault, Passage& passage);
+    void applyToTime(const Fault& fault, Passage& passage);
+    void applyToAnswer(const Fault& fault, Passage& passage);
+    Bytes randomBytes(const Fault& fault);
+    void withholdAck(const Fault& fault, Passage& passage);
+    void refuse(const Fault& fault, Passage& passage);
+    void hangUp(const Fault& fault, Passage& passage);
+    void report(const Fault& fault, const Passage& passage, const std::string& what);
+    void send(Passage& passage);
+    void schedule(Side side, Piece piece);
+    void releaseHeld(Side side);
+    void deliver();
+    void execute(const Piece& piece);
+    void collectReplies();
+
+    const Clock& m_clock;
+    Engine& m_engine;
+    FaultScript m_script;
+    Dice m_dice;
+    Observer m_observer;
+    Way m_sides[2];
+    Bytes m_out;
+    Duration m_lastInput{0};
+    Duration m_hungUpUntil{0};
+    Bytes m_previousReply;
+    std::map<FaultKind, unsigned> m_counts;
+};
+
+/// The event as a line for a person: `reply 12: byte 7: bit 3 flipped, 5A becomes 52`.
+std::string describe(const FaultyLine::Event& event);
+
+} // namespace micro850::sim
+
+#endif

@@ -1,0 +1,294 @@
+#include "FaultyLine.h"
+
+#include "bytes.h"
+
+#include <gtest/gtest.h>
+
+namespace micro850::sim {
+namespace {
+
+// Get_Attributes_All of the Identity object with the transaction numbers 1 and 2, behind the host's
+// acknowledgement.
+const Bytes kFirst = hex("10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
+const Bytes kSecondData = hex("00 01 0B 00 02 00 00 00 01 02 20 01 24 01");
+
+Bytes framed(const Bytes& data)
+{
+    const std::uint16_t crc = linkCrc(data + hex("03"));
+    return hex("10 06 10 02") + data + hex("10 03") +
+           Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
+}
+
+const Bytes kSecond = framed(kSecondData);
+
+class FaultyLineTest : public ::testing::Test
+{
+protected:
+    FaultyLineTest()
+    {
+        // What the controller answers on a good line.
+        Engine good(clock, Plant());
+        good.receive(kFirst);
+        firstReply = good.transmit();
+        good.receive(kSecond);
+        secondReply = good.transmit();
+    }
+
+    void script(const std::string& rules, std::uint64_t seed = 1)
+    {
+        engine = std::make_unique<Engine>(clock, Plant());
+        line = std::make_unique<FaultyLine>(
+            clock, *engine, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
+        line->setObserver(
+            [this](const FaultyLine::Event& event) { events.push_back(describe(event)); });
+    }
+    std::string after(const Bytes& request)
+    {
+        line->receive(request);
+        return text(line->transmit());
+    }
+    std::string afterWaiting(int ms)
+    {
+        clock.advance(std::chrono::milliseconds(ms));
+        line->tick();
+        return text(line->transmit());
+    }
+
+    VirtualClock clock;
+    Bytes firstReply;
+    Bytes secondReply;
+    std::unique_ptr<Engine> engine;
+    std::unique_ptr<FaultyLine> line;
+    std::vector<std::string> events;
+};
+
+TEST_F(FaultyLineTest, IsAPlainWireWithoutAScript)
+{
+    script("");
+    EXPECT_EQ(after(kFirst), text(firstReply));
+    EXPECT_EQ(after(kSecond), text(secondReply));
+    EXPECT_TRUE(line->counts().empty());
+}
+
+TEST_F(FaultyLineTest, PutsARequestTogetherThatComesInPieces)
+{
+    script("");
+    EXPECT_EQ(after({kFirst.begin(), kFirst.begin() + 9}), "");
+    EXPECT_EQ(after({kFirst.begin() + 9, kFirst.end()}), text(firstReply));
+    EXPECT_EQ(line->messages(Side::Requests), 1u);
+}
+
+TEST_F(FaultyLineTest, PassesOnWhatStopsInTheMiddleAfterASilence)
+{
+    script("");
+    after({kFirst.begin(), kFirst.begin() + 9});
+    afterWaiting(60);
+    EXPECT_EQ(after(kSecond), text(secondReply));
+    EXPECT_EQ(engine->counters().abandoned, 1u);
+}
+
+TEST_F(FaultyLineTest, LosesOneByteOfOneReply)
+{
+    script(R"({"fault": "lose", "message": 2, "byte": 5})");
+    EXPECT_EQ(after(kFirst), text(firstReply));
+    Bytes expected = secondReply;
+    expected.erase(expected.begin() + 4);
+    EXPECT_EQ(after(kSecond), text(expected));
+    EXPECT_EQ(events, std::vector<std::string>{"reply 2: byte 5: 01 lost"});
+}
+
+TEST_F(FaultyLineTest, FlipsTheBitThatIsNamed)
+{
+    script(R"({"fault": "flip", "message": 1, "byte": 1, "bit": 3})");
+    Bytes expected = firstReply;
+    expected[0] = 0x18;
+    EXPECT_EQ(after(kFirst), text(expected));
+    EXPECT_EQ(events, std::vector<std::string>{"reply 1: byte 1: bit 3 flipped, 10 becomes 18"});
+}
+
+TEST_F(FaultyLineTest, HasARequestRefusedThatArrivesCorrupt)
+{
+    script(R"({"fault": "flip", "on": "requests", "message": 1, "byte": 7, "bit": 0})");
+    EXPECT_EQ(after(kFirst), "10 15");
+    EXPECT_EQ(engine->counters().corrupt, 1u);
+}
+
+TEST_F(FaultyLineTest, DoublesAndInsertsBytes)
+{
+    script(R"({"fault": "double", "message": 1, "byte": 2},
+              {"fault": "insert", "message": 1, "byte": 1, "bytes": "10 15"})");
+    EXPECT_EQ(after(kFirst), "10 15 10 06 06" + text(firstReply).substr(5));
+}
+
+TEST_F(FaultyLineTest, PutsABurstOfNoiseOfTheLengthAskedForIntoAMessage)
+{
+    script(R"({"fault": "noise", "message": 1, "byte": 4, "length": 5})");
+    line->receive(kFirst);
+    const Bytes got = line->transmit();
+    ASSERT_EQ(got.size(), firstReply.size() + 5);
+    EXPECT_TRUE(std::equal(firstReply.begin(), firstReply.begin() + 3, got.begin()));
+    EXPECT_TRUE(std::equal(firstReply.begin() + 3, firstReply.end(), got.begin() + 8));
+}
+
+TEST_F(FaultyLineTest, LetsAByteBeyondTheEndOfTheMessageBe)
+{
+    script(R"({"fault": "lose", "message": 1, "byte": 5000})");
+    EXPECT_EQ(after(kFirst), text(firstReply));
+    EXPECT_TRUE(events.empty());
+}
+
+TEST_F(FaultyLineTest, DelaysAReplyByATime)
+{
+    script(R"({"fault": "delay", "message": 1, "seconds": 0.3})");
+    EXPECT_EQ(after(kFirst), "");
+    EXPECT_EQ(afterWaiting(299), "");
+    EXPECT_EQ(afterWaiting(1), text(firstReply));
+    EXPECT_EQ(events, std::vector<std::string>{"reply 1: delayed by 0.3 s"});
+}
+
+TEST_F(FaultyLineTest, KeepsTheOrderBehindADelayedReply)
+{
+    script(R"({"fault": "delay", "message": 1, "seconds": 0.3})");
+    after(kFirst);
+    EXPECT_EQ(after(kSecond), "");
+    EXPECT_EQ(afterWaiting(300), text(firstReply + secondReply));
+}
+
+TEST_F(FaultyLineTest, HoldsAReplyUntilSoManyLaterOnes)
+{
+    script(R"({"fault": "delay", "message": 1, "later": 1})");
+    EXPECT_EQ(after(kFirst), "");
+    EXPECT_EQ(after(kSecond), text(firstReply + secondReply));
+}
+
+TEST_F(FaultyLineTest, SendsAReplyTwice)
+{
+    script(R"({"fault": "duplicate", "message": 1})");
+    EXPECT_EQ(after(kFirst), text(firstReply + firstReply));
+}
+
+TEST_F(FaultyLineTest, HasARepeatedRequestRecognised)
+{
+    script(R"({"fault": "duplicate", "on": "requests", "message": 1})");
+    EXPECT_EQ(after(kFirst), text(firstReply + hex("10 06")));
+    EXPECT_EQ(engine->counters().duplicates, 1u);
+}
+
+TEST_F(FaultyLineTest, SendsAReplyInSingleBytesWithGaps)
+{
+    script(R"({"fault": "split", "message": 1, "seconds": 0.01})");
+    EXPECT_EQ(after(kFirst), "10");
+    EXPECT_EQ(afterWaiting(9), "");
+    EXPECT_EQ(afterWaiting(1), "06");
+    std::string rest;
+    for (std::size_t i = 2; i < firstReply.size(); ++i)
+        rest += " " + afterWaiting(10);
+    EXPECT_EQ("10 06" + rest, text(firstReply));
+}
+
+TEST_F(FaultyLineTest, WithholdsAReplyButNotItsAcknowledgement)
+{
+    script(R"({"fault": "withhold", "message": 1})");
+    EXPECT_EQ(after(kFirst), "10 06");
+}
+
+TEST_F(FaultyLineTest, WithholdsAnAcknowledgementButNotItsReply)
+{
+    script(R"({"fault": "withhold-ack", "message": 1})");
+    EXPECT_EQ(after(kFirst), text(firstReply).substr(6));
+}
+
+TEST_F(FaultyLineTest, HasTheControllerAskForAnAcknowledgementThatWasLost)
+{
+    script(R"({"fault": "withhold-ack", "on": "requests", "message": 2})");
+    after(kFirst);
+    after(kSecond);
+    EXPECT_EQ(afterWaiting(1000), "10 05");
+}
+
+TEST_F(FaultyLineTest, RefusesARequestWithoutExecutingIt)
+{
+    script(R"({"fault": "nak", "on": "requests", "message": 1})");
+    EXPECT_EQ(after(kFirst), "10 15");
+    EXPECT_EQ(engine->counters().messages, 0u);
+}
+
+TEST_F(FaultyLineTest, PutsANakInFrontOfAReply)
+{
+    script(R"({"fault": "nak", "message": 1})");
+    EXPECT_EQ(after(kFirst), "10 15" + text(firstReply).substr(5));
+}
+
+TEST_F(FaultyLineTest, SendsThePreviousReplyInPlaceOfThisOne)
+{
+    script(R"({"fault": "previous", "message": [1, 2]})");
+    EXPECT_EQ(after(kFirst), text(firstReply));
+    EXPECT_EQ(after(kSecond), text(firstReply));
+    EXPECT_EQ(line->counts().at(FaultKind::Previous), 1u);
+}
+
+TEST_F(FaultyLineTest, IsDeadBothWaysWhileHungUp)
+{
+    script(R"({"fault": "hang-up", "message": 1, "seconds": 2})");
+    EXPECT_EQ(after(kFirst), "");
+    EXPECT_TRUE(line->isHungUp());
+    EXPECT_EQ(after(kSecond), "");
+    EXPECT_EQ(engine->counters().messages, 1u);
+    afterWaiting(2000);
+    EXPECT_FALSE(line->isHungUp());
+    EXPECT_EQ(after(kSecond), text(secondReply));
+}
+
+TEST_F(FaultyLineTest, AnswersWithAnErrorInPlaceOfExecuting)
+{
+    script(R"({"fault": "cip-error", "message": 1, "status": 1, "extended": 263})");
+    const Bytes error = framed(hex("01 00 4B 00 01 00 00 00 81 00 01 01 07 01"));
+    EXPECT_EQ(after(kFirst), text(error));
+    EXPECT_EQ(after(kSecond), text(secondReply));
+    EXPECT_EQ(events, std::vector<std::string>{"request 1: answered with status 01"});
+}
+
+TEST_F(FaultyLineTest, LosesNothingOfOneSideByARuleForTheOther)
+{
+    script(R"({"fault": "withhold", "on": "requests", "message": 2})");
+    EXPECT_EQ(after(kFirst), text(firstReply));
+    EXPECT_EQ(after(kSecond), "");
+    EXPECT_EQ(line->messages(Side::Requests), 2u);
+    EXPECT_EQ(line->messages(Side::Replies), 1u);
+}
+
+// What a run with every fault at a rate does to 300 requests.
+std::vector<std::string> busyRun(std::uint64_t seed)
+{
+    std::string rules;
+    for (const std::string& name : faultNames())
+        rules += std::string(rules.empty() ? "" : ",") + "{\"fault\": \"" + name +
+                 "\", \"rate\": 0.05" + (name == "cip-error" ? ", \"status\": 8}" : "}");
+    VirtualClock clock;
+    Engine engine(clock, Plant());
+    FaultyLine line(clock, engine, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
+    std::vector<std::string> record;
+    line.setObserver([&](const FaultyLine::Event& event) { record.push_back(describe(event)); });
+    for (unsigned i = 0; i < 300; ++i) {
+        Bytes data = kSecondData;
+        data[4] = static_cast<std::uint8_t>(i % 16 + 32);
+        data[5] = static_cast<std::uint8_t>(i / 16 + 32);
+        line.receive(framed(data));
+        record.push_back(text(line.transmit()));
+        clock.advance(Duration(100000));
+        line.tick();
+        record.push_back(text(line.transmit()));
+    }
+    EXPECT_EQ(line.counts().size(), faultNames().size());
+    return record;
+}
+
+TEST(FaultyLineRun, IsTheSameFromTheSameSeedAndAnotherFromAnother)
+{
+    const std::vector<std::string> run = busyRun(42);
+    EXPECT_EQ(run, busyRun(42));
+    EXPECT_NE(run, busyRun(43));
+}
+
+} // namespace
+} // namespace micro850::sim
