@@ -12,15 +12,19 @@ namespace host {
 namespace {
 
 const char kFileName[] = "libmicro850.so";
+// What is installed without development files.
+const char kVersionedName[] = "libmicro850.so." MICRO850_SOVERSION;
 
 // Beside the program, then where an installation puts libraries as seen from its programs.
 QStringList installedPlaces()
 {
     const QDir programs(QCoreApplication::applicationDirPath());
     QStringList places;
-    for (const char* directory : {".", MICRO850_LIBDIR_FROM_BINDIR})
-        places += QDir::cleanPath(
-            programs.filePath(QString::fromLatin1(directory) + '/' + QLatin1String(kFileName)));
+    for (const char* directory : {".", MICRO850_LIBDIR_FROM_BINDIR}) {
+        for (const char* name : {kVersionedName, kFileName})
+            places += QDir::cleanPath(programs.filePath(QString::fromLatin1(directory) + '/' +
+                                                        QLatin1String(name)));
+    }
     return places;
 }
 

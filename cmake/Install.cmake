@@ -1,0 +1,38 @@
+# What an installation holds, in three components that are packages of their own: the library (Runtime),
+# what a host is built with (Development), and the programs with their papers (Tools).
+include(CMakePackageConfigHelpers)
+set(MICRO850_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/micro850)
+
+install(TARGETS micro850 EXPORT micro850Targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
+install(FILES ${MICRO850_HEADERS}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/micro850 COMPONENT Development)
+
+# CMake package: find_package(micro850), target micro850::micro850.
+install(EXPORT micro850Targets NAMESPACE micro850::
+  DESTINATION ${MICRO850_CMAKE_DIR} COMPONENT Development)
+configure_package_config_file(packaging/micro850Config.cmake.in micro850Config.cmake
+  INSTALL_DESTINATION ${MICRO850_CMAKE_DIR} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(micro850ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/micro850Config.cmake ${PROJECT_BINARY_DIR}/micro850ConfigVersion.cmake
+  DESTINATION ${MICRO850_CMAKE_DIR} COMPONENT Development)
+
+# pkg-config file; its prefix is found from where it stands, so that an installation can be moved.
+file(RELATIVE_PATH MICRO850_PREFIX_FROM_PC
+  ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+configure_file(packaging/micro850.pc.in micro850.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/micro850.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
+install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
+install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Development)
+install(FILES examples/CMakeLists.txt examples/minimal-host.cpp
+  DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
+
+if(MICRO850_TOOLS)
+  install(TARGETS micro850-host micro850-sim
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
+  file(GLOB examples CONFIGURE_DEPENDS examples/*.json)
+  install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Tools)
+endif()
