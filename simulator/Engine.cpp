@@ -5,8 +5,9 @@ namespace micro850::sim {
 Engine::Engine(const Clock& clock, Plant plant, LinkOptions link, Identity identity)
     : m_clock(clock), m_start(clock.now()), m_plant(std::move(plant)),
       m_server(clock, m_plant, std::move(identity)),
+      m_handler([this](const Bytes& message) { return m_server.handle(message); }),
       m_link(
-          clock, [this](const Bytes& message) { return m_server.handle(message); }, link)
+          clock, [this](const Bytes& message) { return m_handler(message); }, link)
 {
 }
 
@@ -33,6 +34,11 @@ void Engine::powerCycle(bool retainValues)
     if (!retainValues)
         m_plant.reset();
     m_start = m_clock.now();
+}
+
+void Engine::download(Plant plant)
+{
+    m_plant = std::move(plant);
 }
 
 } // namespace micro850::sim

@@ -24,6 +24,10 @@ public:
     /// Connections and link state are forgotten; values go back to the initial ones unless
     /// retained.
     void powerCycle(bool retainValues);
+    /// Other tags take the place of all there are; connections stay.
+    void download(Plant plant);
+    /// From now on messages are answered by `handler`, not from the tags.
+    void answerWith(LinkLayer::Handler handler) { m_handler = std::move(handler); }
 
     Plant& plant() { return m_plant; }
     CipServer& server() { return m_server; }
@@ -34,6 +38,7 @@ private:
     Duration m_start;
     Plant m_plant;
     CipServer m_server;
+    LinkLayer::Handler m_handler;
     LinkLayer m_link;
 };
 

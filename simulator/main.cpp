@@ -1,17 +1,13 @@
-// micro850-sim: a simulated controller at the other end of the wire.
+// micro850-sim: simulated controllers at the other end of the wire.
 
-#include "Engine.h"
-#include "FaultyLine.h"
-#include "SerialPort.h"
+#include "Station.h"
 #include "UserError.h"
 
 #include <CLI/CLI.hpp>
 #include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <iostream>
-#include <memory>
+#include <list>
 #include <poll.h>
 #include <unistd.h>
 
@@ -21,164 +17,204 @@ using namespace micro850;
 using namespace micro850::sim;
 
 volatile std::sig_atomic_t stopRequested = 0;
+volatile std::sig_atomic_t downloadRequested = 0;
 
 void requestStop(int)
 {
     stopRequested = 1;
 }
 
+void requestDownload(int)
+{
+    downloadRequested = 1;
+}
+
 struct Options
 {
-    std::string tags;
-    std::string port;
-    std::string link;
-    int baud = 38400;
+    StationSetup setup;
+    std::vector<std::string> stations;
+    std::string faults;
     bool noDuplicateDetection = false;
     double ackTimeout = 1.0;
-    int enquiryLimit = 3;
-    int nakLimit = 3;
-    std::string faults;
-    std::uint64_t seed = 1;
-    bool quiet = false;
 };
 
-void declare(CLI::App& app, Options& options)
+void declareLine(CLI::App& app, Options& options)
 {
-    app.add_option("tags", options.tags, "Tag file (JSON)")->required();
-    app.add_option("--port", options.port,
+    StationSetup& setup = options.setup;
+    app.add_option("--port", setup.port,
                    "Serial device; without it a pseudo-terminal is opened and its path printed");
-    app.add_option("--baud", options.baud, "Speed of the serial device, 8N1")
-        ->capture_default_str();
-    app.add_option("--link", options.link, "Symbolic link to make to the pseudo-terminal");
+    app.add_option("--baud", setup.baud, "Speed of the serial device, 8N1")->capture_default_str();
+    app.add_option("--link", setup.link,
+                   "Symbolic link to make to the pseudo-terminal (with --station: LINK.N)");
     app.add_flag("--no-duplicate-detection", options.noDuplicateDetection,
                  "Execute a repeated message again");
     app.add_option("--ack-timeout", options.ackTimeout, "Seconds to wait for an acknowledgement")
         ->capture_default_str()
         ->check(CLI::Range(0.01, 3600.0));
-    app.add_option("--enq-limit", options.enquiryLimit,
+    app.add_option("--enq-limit", setup.options.enquiryLimit,
                    "DLE ENQ sent for a missing acknowledgement")
         ->capture_default_str()
         ->check(CLI::Range(0, 100));
-    app.add_option("--nak-limit", options.nakLimit, "Retransmissions of a refused message")
+    app.add_option("--nak-limit", setup.options.nakLimit, "Retransmissions of a refused message")
         ->capture_default_str()
         ->check(CLI::Range(0, 100));
     app.add_option("--faults", options.faults, "Fault script (JSON): what goes wrong on the line");
-    app.add_option("--seed", options.seed, "Seed of the faults that strike at a rate")
+    app.add_option("--seed", setup.seed, "Seed of the faults that strike at a rate")
         ->capture_default_str();
-    app.add_flag("--quiet", options.quiet, "No report of faults and no summary at the end");
-    app.footer("Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
-               "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
 }
 
-LinkOptions linkOptions(const Options& options)
+void declare(CLI::App& app, Options& options)
 {
-    LinkOptions link;
-    link.duplicateDetection = !options.noDuplicateDetection;
-    link.ackTimeout = Duration(static_cast<std::int64_t>(options.ackTimeout * 1e6));
-    link.enquiryLimit = options.enquiryLimit;
-    link.nakLimit = options.nakLimit;
-    return link;
+    app.add_option("tags", options.setup.tags, "Tag file (JSON)");
+    app.add_option("--station", options.stations,
+                   "Number and tag file of one of several controllers, each on a line of its own")
+        ->type_name("N=FILE");
+    app.add_option("--replay", options.setup.replay,
+                   "Answer from a recorded trace instead of from tags");
+    declareLine(app, options);
+    app.add_flag("--quiet", options.setup.quiet, "Only errors on standard error");
+    app.footer(
+        "Orders on standard input, for station N or all:\n"
+        "  power-cycle [retain] [N]   forget connections; values initial or retained\n"
+        "  download [FILE] [N]        other tags; without FILE the tag file anew, as SIGHUP does\n"
+        "Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
+        "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
 }
 
-SerialPort openPort(const Options& options)
+using Stations = std::list<std::pair<int, Station>>;
+
+int stationNumber(const std::string& text)
 {
-    return options.port.empty() ? SerialPort::pseudoTerminal(options.link)
-                                : SerialPort::device(options.port, options.baud);
+    const std::string digits = text.substr(0, text.find('='));
+    const bool isNumber = !digits.empty() && digits.size() < 10 &&
+                          digits.find_first_not_of("0123456789") == std::string::npos;
+    if (!isNumber || digits.size() + 1 >= text.size())
+        throw UserError("--station " + text + ": not a number and a tag file (--station 1=FILE)");
+    return std::stoi(digits);
 }
 
-/// A controller and its end of the line.
-class Station
+void addStation(Stations& stations, StationSetup setup, const std::string& text)
+{
+    const int number = stationNumber(text);
+    for (const auto& station : stations) {
+        if (station.first == number)
+            throw UserError("--station " + text + ": station " + std::to_string(number) +
+                            " is there twice; remove or renumber one");
+    }
+    setup.tags = text.substr(text.find('=') + 1);
+    setup.name = "station " + std::to_string(number);
+    if (!setup.link.empty())
+        setup.link += '.' + std::to_string(number);
+    stations.emplace_back(std::piecewise_construct, std::forward_as_tuple(number),
+                          std::forward_as_tuple(std::move(setup)));
+}
+
+Stations makeStations(const Options& options)
+{
+    StationSetup setup = options.setup;
+    setup.options.duplicateDetection = !options.noDuplicateDetection;
+    setup.options.ackTimeout = Duration(static_cast<std::int64_t>(options.ackTimeout * 1e6));
+    if (!options.faults.empty())
+        setup.faults = faultsFromFile(options.faults);
+    const int sources = !setup.tags.empty() + !setup.replay.empty() + !options.stations.empty();
+    if (sources != 1)
+        throw UserError("give one of: a tag file, --station N=FILE, --replay FILE");
+    if (!options.stations.empty() && !setup.port.empty())
+        throw UserError("--port serves one station; leave it out, or give one tag file");
+    Stations stations;
+    for (const std::string& text : options.stations)
+        addStation(stations, setup, text);
+    if (stations.empty())
+        stations.emplace_back(std::piecewise_construct, std::forward_as_tuple(1),
+                              std::forward_as_tuple(std::move(setup)));
+    return stations;
+}
+
+/// Lines of standard input. A process in the background of a terminal lets it be, as reading would
+/// stop it.
+class Orders
 {
 public:
-    explicit Station(const Options& options)
-        : m_options(options),
-          m_engine(m_clock, Plant::fromFile(options.tags), linkOptions(options)),
-          m_line(m_clock, m_engine,
-                 options.faults.empty() ? FaultScript() : faultsFromFile(options.faults),
-                 options.seed)
+    int descriptor() const
     {
-        m_line.setObserver([this](const FaultyLine::Event& event) {
-            if (!m_options.quiet)
-                std::cerr << "micro850-sim: " << describe(event) << '\n';
-        });
-        open();
+        const bool isOthers = ::isatty(STDIN_FILENO) && ::tcgetpgrp(STDIN_FILENO) != ::getpgrp();
+        return m_open && !isOthers ? STDIN_FILENO : -1;
     }
 
-    int descriptor() const { return m_port ? m_port->descriptor() : -1; }
-
-    /// Takes what has come and sends what is due.
-    void serve()
+    /// The lines that are complete, once descriptor() can be read.
+    std::vector<std::string> take()
     {
-        if (!m_port && !m_line.isHungUp())
-            open();
-        if (m_port)
-            receive();
-        m_line.tick();
-        const Bytes out = m_line.transmit();
-        if (m_port && !out.empty())
-            m_port->write(out);
-        if (m_line.isHungUp())
-            m_port.reset();
-    }
-
-    void summarise() const
-    {
-        const LinkCounters& counters = m_engine.counters();
-        std::cerr << "micro850-sim: " << counters.messages << " messages, " << counters.corrupt
-                  << " corrupt, " << counters.duplicates << " repeated, " << counters.undelivered
-                  << " replies undelivered\n";
-        if (m_options.faults.empty())
-            return;
-        std::cerr << "micro850-sim: faults with seed " << m_options.seed << ':';
-        for (const auto& [kind, count] : m_line.counts())
-            std::cerr << ' ' << faultNames()[static_cast<std::size_t>(kind)] << ' ' << count;
-        std::cerr << (m_line.counts().empty() ? " none\n" : "\n");
+        std::array<char, 4096> buffer;
+        const ssize_t count = ::read(STDIN_FILENO, buffer.data(), buffer.size());
+        m_open = count > 0;
+        m_text.append(buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0);
+        std::vector<std::string> lines;
+        for (std::size_t end; (end = m_text.find('\n')) != std::string::npos;) {
+            lines.push_back(m_text.substr(0, end));
+            m_text.erase(0, end + 1);
+        }
+        return lines;
     }
 
 private:
-    void open()
-    {
-        m_port = std::make_unique<SerialPort>(openPort(m_options));
-        std::cout << m_port->path() << std::endl;
-    }
-
-    void receive()
-    {
-        bool gone = false;
-        const Bytes bytes = m_port->read(gone);
-        if (gone)
-            throw UserError(m_port->path() +
-                                ": the device has vanished; plug it in and start again",
-                            kExitRefused);
-        m_line.receive(bytes);
-    }
-
-    const Options& m_options;
-    const SystemClock m_clock;
-    Engine m_engine;
-    FaultyLine m_line;
-    std::unique_ptr<SerialPort> m_port;
+    bool m_open = true;
+    std::string m_text;
 };
+
+// A wrong order is told and changes nothing.
+void carryOut(const std::string& line, Stations& stations)
+{
+    try {
+        const std::optional<Order> order = orderFrom(line);
+        bool found = !order;
+        for (auto& [number, station] : stations) {
+            if (!order || (order->station && *order->station != number))
+                continue;
+            station.obey(*order);
+            found = true;
+        }
+        if (!found)
+            throw UserError("there is no station " + std::to_string(*order->station));
+    } catch (const UserError& error) {
+        std::cerr << "micro850-sim: " << error.what() << '\n';
+    }
+}
+
+void waitForInput(const Stations& stations, Orders& orders, int milliseconds, bool& ordered)
+{
+    std::vector<pollfd> waits = {{orders.descriptor(), POLLIN, 0}};
+    for (const auto& station : stations)
+        waits.push_back({station.second.descriptor(), POLLIN, 0});
+    const int ready = ::poll(waits.data(), waits.size(), milliseconds);
+    ordered = ready > 0 && waits[0].revents != 0;
+}
 
 int run(const Options& options)
 {
-    constexpr int kTick = 20; // milliseconds between two looks at the time
-    constexpr int kFaultyTick = 1;
-    Station station(options);
+    // milliseconds between two looks at the time; delays and gaps of faults want finer ones
+    const int tick = options.faults.empty() ? 20 : 1;
+    Stations stations = makeStations(options);
+    Orders orders;
     while (!stopRequested) {
-        pollfd wait = {station.descriptor(), POLLIN, 0};
-        ::poll(&wait, 1, options.faults.empty() ? kTick : kFaultyTick);
-        station.serve();
+        bool ordered = false;
+        waitForInput(stations, orders, tick, ordered);
+        for (const std::string& line : ordered ? orders.take() : std::vector<std::string>())
+            carryOut(line, stations);
+        if (downloadRequested) {
+            downloadRequested = 0;
+            carryOut("download", stations);
+        }
+        for (auto& station : stations)
+            station.second.serve();
     }
-    if (!options.quiet)
-        station.summarise();
+    for (const auto& station : stations)
+        station.second.summarise();
     return kExitDone;
 }
 
 } // namespace
 
-// Declaring the options throws only when two have one name.
-int main(int argc, char** argv) // NOLINT(bugprone-exception-escape)
+int main(int argc, char** argv)
 {
     Options options;
     CLI::App app("A simulated Micro850 controller on a pseudo-terminal or serial device.",
@@ -195,6 +231,7 @@ int main(int argc, char** argv) // NOLINT(bugprone-exception-escape)
     }
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
+    std::signal(SIGHUP, requestDownload);
     std::signal(SIGPIPE, SIG_IGN);
     try {
         return run(options);

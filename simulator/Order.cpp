@@ -1,0 +1,61 @@
+#include "Order.h"
+
+#include "UserError.h"
+
+#include <algorithm>
+#include <sstream>
+#include <vector>
+
+namespace micro850::sim {
+
+namespace {
+
+std::vector<std::string> wordsOf(const std::string& line)
+{
+    std::istringstream in(line);
+    std::vector<std::string> words;
+    for (std::string word; in >> word;)
+        words.push_back(word);
+    return words;
+}
+
+bool isNumber(const std::string& word)
+{
+    return !word.empty() && word.size() < 10 &&
+           word.find_first_not_of("0123456789") == std::string::npos;
+}
+
+} // namespace
+
+std::optional<Order> orderFrom(const std::string& line)
+{
+    std::vector<std::string> words = wordsOf(line);
+    if (words.empty())
+        return std::nullopt;
+    const std::string name = words.front();
+    if (name != "power-cycle" && name != "download")
+        throw UserError('"' + name + "\" is not an order" +
+                        didYouMean(name, {"power-cycle", "download"}) +
+                        " (power-cycle [retain] [STATION] or download [FILE] [STATION])");
+    Order order;
+    order.kind = name == "download" ? Order::Download : Order::PowerCycle;
+    words.erase(words.begin());
+    if (!words.empty() && isNumber(words.back())) {
+        order.station = std::stoi(words.back());
+        words.pop_back();
+    }
+    if (words.empty())
+        return order;
+    if (order.kind == Order::Download)
+        order.file = words.front();
+    else if (words.front() == "retain")
+        order.retain = true;
+    else
+        throw UserError("power-cycle: \"" + words.front() +
+                        "\" is neither \"retain\" nor a station's number");
+    if (words.size() > 1)
+        throw UserError(name + ": \"" + words[1] + "\" is one word too many");
+    return order;
+}
+
+} // namespace micro850::sim

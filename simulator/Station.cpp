@@ -1,0 +1,102 @@
+#include "Station.h"
+
+#include "UserError.h"
+
+#include <iostream>
+
+namespace micro850::sim {
+
+Plant Station::plantOf(const StationSetup& setup)
+{
+    return setup.tags.empty() ? Plant() : Plant::fromFile(setup.tags);
+}
+
+Station::Station(StationSetup setup)
+    : m_setup(std::move(setup)), m_engine(m_clock, plantOf(m_setup), m_setup.options),
+      m_line(m_clock, m_engine, m_setup.faults, m_setup.seed)
+{
+    m_line.setObserver([this](const FaultyLine::Event& event) { say(describe(event)); });
+    if (!m_setup.replay.empty()) {
+        m_replay.emplace(readTrace(m_setup.replay), m_setup.replay);
+        m_engine.answerWith([this](const Bytes& message) { return replayed(message); });
+    }
+    open();
+}
+
+void Station::open()
+{
+    m_port = std::make_unique<SerialPort>(m_setup.port.empty()
+                                              ? SerialPort::pseudoTerminal(m_setup.link)
+                                              : SerialPort::device(m_setup.port, m_setup.baud));
+    std::cout << m_setup.name << (m_setup.name.empty() ? "" : ": ") << m_port->path() << std::endl;
+}
+
+void Station::serve()
+{
+    if (!m_port && !m_line.isHungUp())
+        open();
+    if (m_port)
+        receive();
+    m_line.tick();
+    const Bytes out = m_line.transmit();
+    if (m_port && !out.empty())
+        m_port->write(out);
+    if (m_line.isHungUp())
+        m_port.reset();
+}
+
+void Station::receive()
+{
+    bool gone = false;
+    const Bytes bytes = m_port->read(gone);
+    if (gone)
+        throw UserError(m_port->path() + ": the device has vanished; plug it in and start again",
+                        kExitRefused);
+    m_line.receive(bytes);
+}
+
+std::optional<Bytes> Station::replayed(const Bytes& message)
+{
+    std::optional<Bytes> reply = m_replay->answer(message);
+    if (!reply)
+        say("a request that is not in " + m_setup.replay + " is acknowledged and not answered");
+    return reply;
+}
+
+void Station::obey(const Order& order)
+{
+    if (order.kind == Order::PowerCycle) {
+        m_engine.powerCycle(order.retain);
+        say(order.retain ? "power cycle, values retained" : "power cycle, initial values");
+        return;
+    }
+    if (m_replay)
+        throw UserError("download: a replayed trace has no tags (start with a tag file)");
+    const std::string& file = order.file.empty() ? m_setup.tags : order.file;
+    m_engine.download(Plant::fromFile(file));
+    m_setup.tags = file;
+    say("tags of " + file + " downloaded");
+}
+
+void Station::summarise() const
+{
+    const LinkCounters& counters = m_engine.counters();
+    say(std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
+        " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
+        std::to_string(counters.undelivered) + " replies undelivered");
+    if (m_setup.faults.empty())
+        return;
+    std::string text = "faults with seed " + std::to_string(m_setup.seed) + ':';
+    for (const auto& [kind, count] : m_line.counts())
+        text += ' ' + faultNames()[static_cast<std::size_t>(kind)] + ' ' + std::to_string(count);
+    say(text + (m_line.counts().empty() ? " none" : ""));
+}
+
+void Station::say(const std::string& text) const
+{
+    if (!m_setup.quiet)
+        std::cerr << "micro850-sim: " << m_setup.name << (m_setup.name.empty() ? "" : ": ") << text
+                  << '\n';
+}
+
+} // namespace micro850::sim

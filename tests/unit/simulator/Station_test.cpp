@@ -1,0 +1,160 @@
+// Stations on pseudo-terminals, driven step by step on one thread.
+
+#include "Station.h"
+
+#include "UserError.h"
+#include "bytes.h"
+
+#include <array>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace micro850::sim {
+namespace {
+
+constexpr int kPatience = 5000; // looks, a millisecond apart
+const Bytes kIdentity = hex("10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
+
+/// The host's end of a station's line.
+class HostEnd
+{
+public:
+    explicit HostEnd(const std::string& path)
+        : m_descriptor(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK))
+    {
+        EXPECT_GE(m_descriptor, 0) << path;
+    }
+    ~HostEnd() { ::close(m_descriptor); }
+    HostEnd(const HostEnd&) = delete;
+    HostEnd& operator=(const HostEnd&) = delete;
+
+    void send(const Bytes& bytes)
+    {
+        EXPECT_EQ(::write(m_descriptor, bytes.data(), bytes.size()),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    Bytes read()
+    {
+        std::array<std::uint8_t, 1024> buffer;
+        const ssize_t count = ::read(m_descriptor, buffer.data(), buffer.size());
+        return {buffer.begin(), buffer.begin() + std::max<ssize_t>(count, 0)};
+    }
+
+private:
+    int m_descriptor;
+};
+
+class StationTest : public ::testing::Test
+{
+protected:
+    StationTest()
+    {
+        std::string name = (std::filesystem::temp_directory_path() / "stationXXXXXX").string();
+        m_folder = ::mkdtemp(name.data());
+        write("a.json", R"({"tags": [{"name": "A", "type": "INT"}]})");
+    }
+    ~StationTest() override { std::filesystem::remove_all(m_folder); }
+
+    std::string path(const std::string& name) const { return m_folder + "/" + name; }
+    void write(const std::string& name, const std::string& text)
+    {
+        std::ofstream(path(name)) << text;
+    }
+    StationSetup setup()
+    {
+        StationSetup made;
+        made.tags = path("a.json");
+        made.link = path("plc");
+        return made;
+    }
+    /// Serves until so many bytes have come.
+    Bytes served(Station& station, HostEnd& host, std::size_t count)
+    {
+        Bytes got;
+        for (int i = 0; i < kPatience && got.size() < count; ++i) {
+            station.serve();
+            got = got + host.read();
+            ::usleep(1000);
+        }
+        return got;
+    }
+
+private:
+    std::string m_folder;
+};
+
+TEST_F(StationTest, AnswersOnItsPseudoTerminal)
+{
+    Station station(setup());
+    HostEnd host(path("plc"));
+    host.send(kIdentity);
+    EXPECT_EQ(served(station, host, 63).size(), 63u);
+}
+
+TEST_F(StationTest, ClosesItsEndWhileHungUpAndOpensItAgain)
+{
+    StationSetup made = setup();
+    made.quiet = true;
+    made.faults =
+        faultsFromText(R"({"faults": [{"fault": "hang-up", "message": 1, "seconds": 0.05}]})", "f");
+    Station station(made);
+    HostEnd host(path("plc"));
+    host.send(kIdentity);
+    for (int i = 0; i < kPatience && station.descriptor() >= 0; ++i) {
+        station.serve();
+        ::usleep(1000);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("plc")));
+    for (int i = 0; i < kPatience && station.descriptor() < 0; ++i) {
+        station.serve();
+        ::usleep(1000);
+    }
+    HostEnd again(path("plc"));
+    again.send(kIdentity);
+    // The same message again: acknowledged, and taken for a repeat.
+    EXPECT_EQ(text(served(station, again, 2)), "10 06");
+}
+
+TEST_F(StationTest, DownloadsAnotherTagFileAndKeepsTheTagsWhenThatIsWrong)
+{
+    StationSetup made = setup();
+    made.quiet = true;
+    Station station(made);
+    write("b.json", R"({"tags": [{"name": "B", "type": "INT"}]})");
+    station.obey(*orderFrom("download " + path("b.json")));
+    write("b.json", "{");
+    EXPECT_THROW(station.obey(*orderFrom("download")), UserError);
+    EXPECT_THROW(station.obey(*orderFrom("download missing.json")), UserError);
+    station.obey(*orderFrom("power-cycle retain"));
+}
+
+TEST_F(StationTest, AnswersFromARecordedTrace)
+{
+    {
+        const auto trace = TraceWriter::open(path("t.txt"));
+        trace->write({std::chrono::microseconds(1), Direction::Sent, kIdentity, ""});
+        const Bytes reply = hex("01 00 4B 00 01 00 00 00 81 00 00 00 41");
+        const std::uint16_t crc = linkCrc(reply + hex("03"));
+        trace->write(
+            {std::chrono::microseconds(2), Direction::Received,
+             hex("10 02") + reply + hex("10 03") +
+                 Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)},
+             ""});
+    }
+    StationSetup made = setup();
+    made.tags.clear();
+    made.replay = path("t.txt");
+    Station station(made);
+    HostEnd host(path("plc"));
+    host.send(kIdentity);
+    EXPECT_EQ(text(served(station, host, 21)).substr(0, 51),
+              "10 06 10 02 01 00 4B 00 01 00 00 00 81 00 00 00 41 ");
+    EXPECT_THROW(station.obey(*orderFrom("download")), UserError);
+}
+
+} // namespace
+} // namespace micro850::sim
