@@ -1,11 +1,15 @@
 #include "DriverLibrary.h"
 
+#include "QtNote.h"
 #include "UserError.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
+#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QStringList>
+
+#include <dlfcn.h>
 
 namespace host {
 
@@ -22,10 +26,30 @@ QStringList installedPlaces()
     QStringList places;
     for (const char* directory : {".", MICRO850_LIBDIR_FROM_BINDIR}) {
         for (const char* name : {kVersionedName, kFileName})
-            places += QDir::cleanPath(programs.filePath(QString::fromLatin1(directory) + '/' +
-                                                        QLatin1String(name)));
+            places += QDir::cleanPath(
+                programs.filePath(QString::fromLatin1(directory) + '/' + QLatin1String(name)));
     }
     return places;
+}
+
+// The file that an entry point was loaded from.
+QString fileOf(decltype(DriverApi::setComInfo) entry)
+{
+    Dl_info info;
+    return dladdr(reinterpret_cast<void*>(entry), &info) != 0 ? QFile::decodeName(info.dli_fname)
+                                                              : QString();
+}
+
+// Strings and lists cross the boundary, and those of another Qt have another shape.
+void refuseOtherQt(const QString& file, int major)
+{
+    if (major == QT_VERSION_MAJOR)
+        return;
+    const std::string ours = std::to_string(QT_VERSION_MAJOR);
+    const std::string theirs = major == 0 ? "it does not say which Qt it is built for"
+                                          : "it is built for Qt " + std::to_string(major);
+    throw micro850::UserError(file.toStdString() + ": " + theirs + ", this host for Qt " + ours +
+                              " (give a driver built with -DMICRO850_QT=" + ours + ")");
 }
 
 } // namespace
@@ -34,6 +58,8 @@ DriverLibrary::DriverLibrary(const QString& path)
 {
     load(path);
     resolveAll();
+    const QString file = fileOf(m_api.setComInfo);
+    refuseOtherQt(file, qtMajorOf(file));
 }
 
 DriverLibrary::~DriverLibrary()
@@ -56,6 +82,9 @@ void DriverLibrary::load(const QString& path)
         throw micro850::UserError(
             file.toStdString() + ": there is no such driver library (give its path with --driver)");
     }
+    // Before a line of it runs. A file without the note need not be a driver at all.
+    if (const int major = qtMajorOf(file))
+        refuseOtherQt(file, major);
     m_library.setFileName(file);
     if (!m_library.load()) {
         throw micro850::UserError(file.toStdString() + ": the driver cannot be loaded: " +

@@ -37,7 +37,8 @@ class DriverLibrary
 public:
     /// Loads the library at `path`; an empty path stands for the places where it is installed:
     /// beside the program, the library directory beside the program's, the loader's own path.
-    /// Throws UserError when it cannot be loaded or lacks an entry point.
+    /// Throws UserError when it is built for another Qt, cannot be loaded or lacks an entry
+    /// point.
     explicit DriverLibrary(const QString& path);
     ~DriverLibrary();
     DriverLibrary(const DriverLibrary&) = delete;

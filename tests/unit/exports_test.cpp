@@ -134,4 +134,23 @@ TEST(Exports, NeedNoLibraryOfTheirOwnBesidesQtCore)
         EXPECT_EQ(text.find(other), std::string::npos) << other;
 }
 
+TEST(Exports, ComeWithANoteOfTheQtTheyAreBuiltFor)
+{
+    // Sizes of owner and content, type 1, owner with its end and filling, major version.
+    const std::string note("\x09\0\0\0\x04\0\0\0\x01\0\0\0micro850\0\0\0\0\x05\0\0", 28);
+    const std::vector<char> file = bytesOf(MICRO850_LIBRARY);
+    const FileHeader header = at<FileHeader>(file, 0);
+    int found = 0;
+    for (std::size_t i = 0; i < header.e_shnum; ++i) {
+        const Section section = at<Section>(file, header.e_shoff + i * header.e_shentsize);
+        if (section.sh_type == SHT_NOTE && section.sh_size == note.size() &&
+            std::memcmp(&file.at(section.sh_offset), note.data(), note.size()) == 0)
+        {
+            ++found;
+            EXPECT_EQ(section.sh_addralign, 4u);
+        }
+    }
+    EXPECT_EQ(found, 1);
+}
+
 } // namespace
