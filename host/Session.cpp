@@ -1,7 +1,5 @@
 #include "Session.h"
 
-#include "UserError.h"
-
 #include <algorithm>
 
 namespace host {
@@ -13,6 +11,12 @@ QString placeOf(const TagKey& key, int element)
     return element == 0 ? key.second : QStringLiteral("%1[%2]").arg(key.second).arg(element);
 }
 
+[[noreturn]] void refuseTag(const QString& what, const QString& why)
+{
+    throw TagRefused(what.toStdString(), why.toStdString());
+}
+
+// What concerns the line or the station: no other tag will do better.
 [[noreturn]] void refuse(const QString& what, const QString& why)
 {
     throw micro850::UserError((what + QStringLiteral(": ") + why).toStdString(),
@@ -46,7 +50,7 @@ Operation Session::run(int id, const QString& what)
                          QStringLiteral("; check cable, speed and station)"));
     }
     if (done.state == Operation::State::Refused)
-        refuse(what, done.error);
+        refuseTag(what, done.error);
     return done;
 }
 
@@ -56,11 +60,12 @@ const micro850::CipType& Session::typeOf(const TagKey& key)
         run(m_loop.learn(key), key.second);
     const Tag tag = m_loop.tag(key);
     if (!tag.type)
-        refuse(key.second, tag.error);
+        refuseTag(key.second, tag.error);
     return *tag.type;
 }
 
-QVector<QByteArray> Session::read(const TagKey& key, int element, int elements)
+QVector<QByteArray> Session::read(const TagKey& key, int element, int elements,
+                                  const std::function<void(int)>& progress)
 {
     const micro850::CipType& type = typeOf(key);
     if (type.kind == micro850::CipKind::String && (element != 0 || elements != 1)) {
@@ -76,10 +81,12 @@ QVector<QByteArray> Session::read(const TagKey& key, int element, int elements)
         const Operation done = run(m_loop.read(key, part.element, part.elements), what);
         const QVector<QByteArray> got = elementsOf(type, done.result);
         if (got.size() != part.elements)
-            refuse(what, QStringLiteral("the reply holds %1 of %2 elements")
-                             .arg(got.size())
-                             .arg(part.elements));
+            refuseTag(what, QStringLiteral("the reply holds %1 of %2 elements")
+                                .arg(got.size())
+                                .arg(part.elements));
         values += got;
+        if (progress)
+            progress(values.size());
     }
     return values;
 }

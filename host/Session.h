@@ -3,8 +3,26 @@
 
 #include "PollLoop.h"
 #include "TagAddress.h"
+#include "UserError.h"
+
+#include <functional>
 
 namespace host {
+
+/// What the controller refuses of one tag: others may do.
+class TagRefused : public micro850::UserError
+{
+public:
+    TagRefused(const std::string& what, const std::string& why)
+        : UserError(what + ": " + why, micro850::kExitRefused), m_why(why)
+    {
+    }
+    /// The reason without the tag.
+    const std::string& why() const { return m_why; }
+
+private:
+    std::string m_why;
+};
 
 /// Single reads and writes, one after the other: each waits for its outcome. What the controller or
 /// the line refuses is thrown as UserError with exit status 1, what cannot be asked for with
@@ -17,8 +35,10 @@ public:
 
     /// The type of a tag, from the controller.
     const micro850::CipType& typeOf(const TagKey& tag);
-    /// The elements of a run, in the controller's order of bytes.
-    QVector<QByteArray> read(const TagKey& tag, int element, int elements);
+    /// The elements of a run, in the controller's order of bytes. `progress` is told how many are
+    /// read.
+    QVector<QByteArray> read(const TagKey& tag, int element, int elements,
+                             const std::function<void(int)>& progress = nullptr);
     Exchange& exchange() { return m_loop.exchange(); }
     /// One element. Throws when the tag's type cannot be written.
     void write(const TagKey& tag, int element, const QByteArray& value);

@@ -55,6 +55,30 @@ QString TagAddress::elementName(int offset) const
     return indexed ? QStringLiteral("%1[%2]").arg(tag).arg(element + offset) : tag;
 }
 
+QString TagAddress::text() const
+{
+    if (elements == 1)
+        return elementName(0);
+    return QStringLiteral("%1[%2..%3]").arg(tag).arg(element).arg(element + elements - 1);
+}
+
+QStringList Assignment::valuesFor(const TagAddress& elements) const
+{
+    if (elements.elements == 1)
+        return {value};
+    QStringList values = value.split(',');
+    if (values.size() == 1) {
+        while (values.size() < elements.elements)
+            values.append(value);
+    }
+    if (values.size() == elements.elements)
+        return values;
+    throw micro850::UserError('"' + elements.text().toStdString() + '=' + value.toStdString() +
+                              "\": " + std::to_string(values.size()) + " values for " +
+                              std::to_string(elements.elements) +
+                              " elements (write one for all, or one for each)");
+}
+
 Assignment Assignment::fromText(const QString& text)
 {
     const int at = text.indexOf('=');
@@ -65,11 +89,6 @@ Assignment Assignment::fromText(const QString& text)
     Assignment assignment;
     assignment.address = TagAddress::fromText(text.left(at));
     assignment.value = text.mid(at + 1);
-    if (assignment.address.elements != 1) {
-        throw micro850::UserError(
-            '"' + text.toStdString() +
-            "\": one element at a time can be written (write TAG[INDEX]=VALUE)");
-    }
     return assignment;
 }
 

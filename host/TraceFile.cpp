@@ -72,12 +72,12 @@ TraceFile::TraceFile(const QString& path)
     }
 }
 
-void TraceFile::attach(Exchange& exchange)
+Exchange::Observer TraceFile::observer() const
 {
     if (!m_writer)
-        return;
+        return nullptr;
     const std::shared_ptr<micro850::TraceWriter> writer = m_writer;
-    exchange.setObserver([writer](Exchange::Direction direction, const QByteArray& frame, qint64) {
+    return [writer](Exchange::Direction direction, const QByteArray& frame, qint64) {
         micro850::TraceRecord record;
         record.time = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::system_clock::now().time_since_epoch());
@@ -86,7 +86,7 @@ void TraceFile::attach(Exchange& exchange)
         record.bytes.assign(frame.begin(), frame.end());
         record.note = frameText(frame).toStdString();
         writer->write(record);
-    });
+    };
 }
 
 } // namespace host

@@ -14,7 +14,8 @@ class TraceFile
 public:
     /// No path: records nothing. Throws UserError for a file that cannot be written.
     explicit TraceFile(const QString& path);
-    void attach(Exchange& exchange);
+    /// For Exchange::setObserver(); may outlive this object.
+    Exchange::Observer observer() const;
 
 private:
     std::shared_ptr<micro850::TraceWriter> m_writer;

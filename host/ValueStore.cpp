@@ -1,8 +1,35 @@
 #include "ValueStore.h"
 
+#include "Duration.h"
+#include "UserError.h"
+
 #include <algorithm>
 
 namespace host {
+
+namespace {
+
+// Value text that the types themselves know: of a duration the number of its units.
+std::string plainValue(const micro850::CipType& type, const QString& text)
+{
+    const int perUnit = microsecondsPerUnit(type);
+    const bool duration = perUnit != 0 && text.contains('P');
+    if (!duration) {
+        if (QString::fromLatin1(text.toLatin1()) == text)
+            return text.toLatin1().toStdString();
+        throw micro850::UserError('"' + text.toStdString() + "\" is not a value of type " +
+                                  type.name + " (characters up to U+00FF)");
+    }
+    const std::optional<qint64> microseconds = durationFromText(text);
+    if (microseconds && *microseconds % perUnit == 0)
+        return std::to_string(*microseconds / perUnit);
+    throw micro850::UserError('"' + text.toStdString() + "\" is not a value of type " + type.name +
+                              " (an ISO 8601 duration of whole " +
+                              (perUnit == 1 ? "microseconds" : "milliseconds") +
+                              ", such as PT2.5S or P1DT12H)");
+}
+
+} // namespace
 
 ValueStore::ValueStore(const Project& project) : m_project(project)
 {
@@ -116,7 +143,7 @@ QString elementText(const micro850::CipType& type, const QByteArray& element)
 
 QByteArray elementFromText(const micro850::CipType& type, const QString& text)
 {
-    const micro850::Bytes bytes = micro850::valueFromText(type, text.toLatin1().toStdString());
+    const micro850::Bytes bytes = micro850::valueFromText(type, plainValue(type, text));
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
 }
 

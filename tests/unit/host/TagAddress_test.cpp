@@ -63,10 +63,30 @@ TEST(Assignment, SplitsAtTheFirstEqualsSign)
     EXPECT_EQ(Assignment::fromText("Name=").value, QString());
 }
 
-TEST(Assignment, NeedsAValueForOneElement)
+TEST(Assignment, NeedsAValue)
 {
     EXPECT_EQ(complaint<Assignment>("Speed"),
               "\"Speed\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
-    EXPECT_EQ(complaint<Assignment>("A[0..1]=3"),
-              "\"A[0..1]=3\": one element at a time can be written (write TAG[INDEX]=VALUE)");
+}
+
+TEST(Assignment, GivesEveryElementOfARunTheOneValueOrItsOwn)
+{
+    const Assignment one = Assignment::fromText("A[2..4]=7");
+    EXPECT_EQ(one.valuesFor(one.address), (QStringList{"7", "7", "7"}));
+    const Assignment each = Assignment::fromText("A[2..4]=7,-8,9");
+    EXPECT_EQ(each.valuesFor(each.address), (QStringList{"7", "-8", "9"}));
+    const Assignment text = Assignment::fromText("Name=a,b");
+    EXPECT_EQ(text.valuesFor(text.address), QStringList("a,b"));
+}
+
+TEST(Assignment, RefusesAnotherNumberOfValuesThanElements)
+{
+    const Assignment assignment = Assignment::fromText("A[2..4]=7,8");
+    try {
+        assignment.valuesFor(assignment.address);
+        FAIL() << "nothing was refused";
+    } catch (const micro850::UserError& error) {
+        EXPECT_STREQ(error.what(), "\"A[2..4]=7,8\": 2 values for 3 elements (write one for all, "
+                                   "or one for each)");
+    }
 }

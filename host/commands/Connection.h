@@ -1,0 +1,53 @@
+#ifndef MICRO850_HOST_COMMANDS_CONNECTION_H
+#define MICRO850_HOST_COMMANDS_CONNECTION_H
+
+#include "Command.h"
+#include "DriverLibrary.h"
+#include "Project.h"
+#include "SerialLine.h"
+#include "Session.h"
+#include "TagAddress.h"
+
+namespace host {
+
+/// The project that the options name, or one that only has the port.
+Project projectOf(const LineOptions& options);
+/// Throws unless the project names a device.
+void requirePort(const Project& project, const LineOptions& options);
+
+/// A variable of the project, or a tag of the default station.
+struct Target
+{
+    TagKey tag;
+    TagAddress address;
+    const micro850::CipType* type; ///< as the project says, or null
+};
+
+/// `station` is that of a tag no project names; below 0 for the project's first.
+Target targetOf(const TagAddress& address, const Project& project, int station);
+/// The project for single reads and writes of these: nothing is polled besides.
+Project withoutVariables(Project project, const QVector<Target>& targets);
+
+/// Opens the line, or throws what to do about it.
+void requireOpen(Line& line, const PortSettings& port);
+
+/// The driver and the line, open, for the time of a command.
+class Connection
+{
+public:
+    Connection(const LineOptions& options, const Project& project);
+    ~Connection() { m_line.close(); }
+
+    const DriverApi& api() const { return m_library.api(); }
+    SerialLine& line() { return m_line; }
+    const SteadyClock& clock() const { return m_clock; }
+
+private:
+    DriverLibrary m_library;
+    SerialLine m_line;
+    SteadyClock m_clock;
+};
+
+} // namespace host
+
+#endif

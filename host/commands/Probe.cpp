@@ -1,0 +1,118 @@
+#include "Connection.h"
+#include "Output.h"
+#include "Prober.h"
+#include "TraceFile.h"
+#include "UserError.h"
+
+#include <memory>
+
+namespace host {
+
+namespace {
+
+const int kUsualSpeeds[] = {9600, 19200, 38400, 57600, 115200};
+
+struct ProbeOptions
+{
+    LineOptions line;
+    OutputOptions output;
+    int station = 1;
+    bool scan = false;
+};
+
+QString hex(quint32 value, int digits)
+{
+    return QStringLiteral("0x") +
+           QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0'));
+}
+
+QString report(const PortSettings& port, const ProbeResult& result)
+{
+    const Identity& identity = result.identity;
+    const QStringList lines = {QStringLiteral("port          %1").arg(port.text()),
+                               QStringLiteral("vendor        %1").arg(identity.vendor),
+                               QStringLiteral("device type   %1").arg(identity.deviceType),
+                               QStringLiteral("product code  %1").arg(identity.productCode),
+                               QStringLiteral("revision      %1.%2")
+                                   .arg(identity.major)
+                                   .arg(identity.minor, 3, 10, QLatin1Char('0')),
+                               QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
+                               QStringLiteral("status        %1").arg(hex(identity.status, 4)),
+                               QStringLiteral("name          %1").arg(identity.name),
+                               QStringLiteral("round trip    %1 ms").arg(result.roundTripMs)};
+    return lines.join('\n');
+}
+
+Json reportObject(const PortSettings& port, const ProbeResult& result)
+{
+    Json object = {
+        {"port", port.device.toStdString()}, {"baud", port.baud}, {"answered", result.answered}};
+    if (!result.answered) {
+        object["error"] = result.error.toStdString();
+        return object;
+    }
+    const Identity& identity = result.identity;
+    object["vendor"] = identity.vendor;
+    object["deviceType"] = identity.deviceType;
+    object["productCode"] = identity.productCode;
+    object["major"] = identity.major;
+    object["minor"] = identity.minor;
+    object["serial"] = identity.serial;
+    object["status"] = identity.status;
+    object["name"] = identity.name.toStdString();
+    object["roundTripMs"] = result.roundTripMs;
+    return object;
+}
+
+int run(const ProbeOptions& options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    const Project project = projectOf(options.line);
+    requirePort(project, options.line);
+    QVector<int> speeds = {project.port.baud};
+    if (options.scan)
+        speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
+    TraceFile trace(textOf(options.line.trace));
+    const DriverLibrary library(textOf(options.line.driver));
+    const SteadyClock clock;
+    Prober prober(library.api(), options.station);
+    Progress progress(output, QStringLiteral("trying speeds"), speeds.size());
+    for (int i = 0; i < speeds.size(); ++i) {
+        progress.show(i);
+        PortSettings port = project.port;
+        port.baud = speeds.at(i);
+        SerialLine line(port);
+        requireOpen(line, port);
+        const ProbeResult result = prober.probe(line, clock, port, trace.observer());
+        line.close();
+        progress.clear();
+        if (result.answered) {
+            output.data(reportObject(port, result), report(port, result));
+            return micro850::kExitDone;
+        }
+        output.data(reportObject(port, result), QString());
+        output.error(port.text() + QStringLiteral(": ") + result.error);
+    }
+    output.note(QStringLiteral("check cable, station and speed%1")
+                    .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
+    return micro850::kExitRefused;
+}
+
+} // namespace
+
+Subcommand addProbe(CLI::App& app)
+{
+    const auto options = std::make_shared<ProbeOptions>();
+    CLI::App* probe = app.add_subcommand("probe", "Say what identifies itself on the line");
+    probe->add_flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
+    probe->add_option("--project", options->line.project, "Project file: its port");
+    probe->add_option("--station", options->station, "Station number (default 1)")
+        ->check(CLI::Range(0, 65535));
+    options->line.addTo(*probe);
+    options->output.addTo(*probe);
+    probe->footer(std::string("Example:\n  micro850-host probe --port /dev/ttyUSB0 --scan\n") +
+                  kStatuses);
+    return {probe, [options] { return run(*options); }};
+}
+
+} // namespace host

@@ -1,0 +1,104 @@
+#include "Connection.h"
+#include "Output.h"
+#include "TraceFile.h"
+#include "UserError.h"
+
+#include <memory>
+
+namespace host {
+
+namespace {
+
+// From so many transactions on it is worth to say how far a read is.
+const int kShowFrom = 8;
+
+struct ReadOptions
+{
+    LineOptions line;
+    OutputOptions output;
+    int station = -1;
+    std::vector<std::string> tags;
+};
+
+void tell(const Output& output, const Target& target, const micro850::CipType& type,
+          const QVector<QByteArray>& elements)
+{
+    for (int i = 0; i < elements.size(); ++i) {
+        const QString name = target.address.elementName(i);
+        const Json object = {{"name", name.toStdString()},
+                             {"station", target.tag.first},
+                             {"tag", target.tag.second.toStdString()},
+                             {"element", target.address.element + i},
+                             {"type", type.name},
+                             {"value", jsonOf(type, elements.at(i))}};
+        output.data(object, name + QStringLiteral(" = ") + elementText(type, elements.at(i)));
+    }
+}
+
+void tellRefusal(const Output& output, const Target& target, const TagRefused& error)
+{
+    const Json object = {{"name", target.address.text().toStdString()},
+                         {"station", target.tag.first},
+                         {"tag", target.tag.second.toStdString()},
+                         {"error", error.why()}};
+    output.data(object, QString());
+    output.error(QString::fromStdString(error.what()));
+}
+
+int run(const ReadOptions& options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    const Project project = projectOf(options.line);
+    QVector<Target> targets;
+    for (const std::string& text : options.tags)
+        targets.append(targetOf(TagAddress::fromText(textOf(text)), project, options.station));
+    requirePort(project, options.line);
+    const Project bare = withoutVariables(project, targets);
+    TraceFile trace(textOf(options.line.trace));
+    Connection connection(options.line, bare);
+    Session session(connection.api(), connection.line(), connection.clock(), bare);
+    session.exchange().setObserver(trace.observer());
+    bool refused = false;
+    for (const Target& target : targets) {
+        const int elements = target.address.elements;
+        Progress progress(output, target.address.text(), elements);
+        try {
+            const micro850::CipType& type = session.typeOf(target.tag);
+            const auto show = [&](int done) {
+                if (elements * type.size > kShowFrom * 240)
+                    progress.show(done);
+            };
+            const QVector<QByteArray> read =
+                session.read(target.tag, target.address.element, elements, show);
+            progress.clear();
+            tell(output, target, type, read);
+        } catch (const TagRefused& error) {
+            progress.clear();
+            refused = true;
+            tellRefusal(output, target, error);
+        }
+    }
+    return refused ? micro850::kExitRefused : micro850::kExitDone;
+}
+
+} // namespace
+
+Subcommand addRead(CLI::App& app)
+{
+    const auto options = std::make_shared<ReadOptions>();
+    CLI::App* read = app.add_subcommand("read", "Read tags once");
+    read->add_option("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]")->required();
+    read->add_option("--project", options->line.project,
+                     "Project file: its port, and its variables by their names");
+    read->add_option("--station", options->station, "Station number (default 1)")
+        ->check(CLI::Range(0, 65535));
+    options->line.addTo(*read);
+    options->output.addTo(*read);
+    read->footer(
+        std::string("A tag that the controller refuses does not keep the others from being read.\n"
+                    "Example:\n  micro850-host read Speed 'Level[0..9]' --port /tmp/plc\n") +
+        kStatuses);
+    return {read, [options] { return run(*options); }};
+}
+
+} // namespace host

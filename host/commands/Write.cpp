@@ -1,0 +1,160 @@
+#include "Connection.h"
+#include "Output.h"
+#include "TraceFile.h"
+#include "UserError.h"
+
+#include <memory>
+
+namespace host {
+
+namespace {
+
+struct WriteOptions
+{
+    LineOptions line;
+    OutputOptions output;
+    int station = -1;
+    bool verify = true;
+    std::vector<std::string> assignments;
+};
+
+/// One element that is written.
+struct Write
+{
+    Target target;
+    int offset; ///< within the target
+    QString text;
+    QByteArray value;
+
+    int element() const { return target.address.element + offset; }
+    QString name() const { return target.address.elementName(offset); }
+};
+
+QVector<Write> writesOf(const WriteOptions& options, const Project& project)
+{
+    QVector<Write> writes;
+    for (const std::string& text : options.assignments) {
+        const Assignment assignment = Assignment::fromText(textOf(text));
+        const Target target = targetOf(assignment.address, project, options.station);
+        const QStringList values = assignment.valuesFor(target.address);
+        for (int i = 0; i < values.size(); ++i)
+            writes.append({target, i, values.at(i), QByteArray()});
+    }
+    return writes;
+}
+
+void encode(Write& write, const micro850::CipType& type)
+{
+    requireWritable(type, write.target.address.tag);
+    try {
+        write.value = elementFromText(type, write.text);
+    } catch (const micro850::UserError& error) {
+        throw micro850::UserError(write.name().toStdString() + ": " + error.what());
+    }
+}
+
+// All values are checked against their types before anything is sent where the project says the
+// type, and before the first is written where only the controller can.
+void encodeKnown(QVector<Write>& writes)
+{
+    for (Write& write : writes) {
+        if (write.target.type)
+            encode(write, *write.target.type);
+    }
+}
+
+void encodeAll(QVector<Write>& writes, Session& session)
+{
+    for (Write& write : writes) {
+        const micro850::CipType& type = session.typeOf(write.target.tag);
+        if (write.target.type && write.target.type != &type) {
+            throw micro850::UserError(write.name().toStdString() + ": is " + type.name +
+                                      " in the controller, " + write.target.type->name +
+                                      " in the project (correct the project)");
+        }
+        encode(write, type);
+    }
+}
+
+void carryOut(const Write& write, Session& session, const WriteOptions& options,
+              const Output& output)
+{
+    const TagKey& tag = write.target.tag;
+    const micro850::CipType& type = session.typeOf(tag);
+    session.write(tag, write.element(), write.value);
+    const QByteArray now =
+        options.verify ? session.read(tag, write.element(), 1).first() : write.value;
+    Json object = {{"name", write.name().toStdString()},
+                   {"station", tag.first},
+                   {"tag", tag.second.toStdString()},
+                   {"element", write.element()},
+                   {"type", type.name},
+                   {"written", jsonOf(type, write.value)}};
+    if (options.verify) {
+        object["value"] = jsonOf(type, now);
+        object["verified"] = now == write.value;
+    }
+    const QString line = write.name() + QStringLiteral(" = ") + elementText(type, now);
+    if (now == write.value) {
+        output.data(object, line);
+        return;
+    }
+    output.data(object, QString());
+    throw micro850::UserError((line + QStringLiteral(" was read back after ") + write.text +
+                               QStringLiteral(" was written (the program may set it)"))
+                                  .toStdString(),
+                              micro850::kExitRefused);
+}
+
+int run(const WriteOptions& options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    const Project project = projectOf(options.line);
+    QVector<Write> writes = writesOf(options, project);
+    encodeKnown(writes);
+    requirePort(project, options.line);
+    QVector<Target> targets;
+    for (const Write& write : writes)
+        targets.append(write.target);
+    const Project bare = withoutVariables(project, targets);
+    TraceFile trace(textOf(options.line.trace));
+    Connection connection(options.line, bare);
+    Session session(connection.api(), connection.line(), connection.clock(), bare);
+    session.exchange().setObserver(trace.observer());
+    encodeAll(writes, session);
+    Progress progress(output, QStringLiteral("writing"), writes.size());
+    for (int i = 0; i < writes.size(); ++i) {
+        progress.clear();
+        carryOut(writes.at(i), session, options, output);
+        progress.show(i + 1);
+    }
+    return micro850::kExitDone;
+}
+
+} // namespace
+
+Subcommand addWrite(CLI::App& app)
+{
+    const auto options = std::make_shared<WriteOptions>();
+    CLI::App* write = app.add_subcommand("write", "Write tags, and read them back");
+    write
+        ->add_option("TAG=VALUE", options->assignments,
+                     "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]")
+        ->required();
+    write->add_flag("!--no-verify", options->verify, "Do not read back what was written");
+    write->add_option("--project", options->line.project,
+                      "Project file: its port, and its variables by their names");
+    write->add_option("--station", options->station, "Station number (default 1)")
+        ->check(CLI::Range(0, 65535));
+    options->line.addTo(*write);
+    options->output.addTo(*write);
+    write->footer(
+        std::string("Values: decimal or 0x numbers, true or false, text, and for the time types an "
+                    "ISO 8601 duration.\nAll values are checked before the first is written.\n"
+                    "Example:\n  micro850-host write Setpoint=22.5 'Recipe[3]=0x10' "
+                    "'Level[0..2]=1,2,3' --port /tmp/plc\n") +
+        kStatuses);
+    return {write, [options] { return run(*options); }};
+}
+
+} // namespace host

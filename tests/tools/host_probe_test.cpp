@@ -1,0 +1,55 @@
+#include "tool_fixture.h"
+
+namespace {
+
+using HostProbe = ToolTest;
+
+TEST_F(HostProbe, SaysWhatIdentifiesItself)
+{
+    simulate();
+    const Result result = hostOnPort({"probe"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err, "");
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 9);
+    EXPECT_EQ(lines.at(0), "port          " + port() + ", 38400 8N1");
+    EXPECT_EQ(lines.mid(1, 7),
+              (QStringList{"vendor        4660", "device type   14", "product code  850",
+                           "revision      1.002", "serial        0x00C0FFEE",
+                           "status        0x0030", "name          Micro850 simulated unit 01"}));
+    EXPECT_TRUE(lines.at(8).startsWith("round trip    "));
+}
+
+TEST_F(HostProbe, AnswersTwiceInARowThoughThePeerTakesTheSecondForARepetition)
+{
+    simulate();
+    EXPECT_EQ(hostOnPort({"probe"}).status, 0);
+    EXPECT_EQ(hostOnPort({"probe"}).status, 0);
+}
+
+TEST_F(HostProbe, ScansTheUsualSpeedsUntilSomethingAnswers)
+{
+    simulate();
+    const Result result = hostOnPort({"probe", "--scan", "--json"});
+    EXPECT_EQ(result.status, 0);
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 1); // a pseudo-terminal has every speed
+    EXPECT_TRUE(lines.at(0).contains(R"("baud":9600,"answered":true,"vendor":4660)")) << result.out;
+    EXPECT_TRUE(lines.at(0).contains(R"("name":"Micro850 simulated unit 01")")) << result.out;
+}
+
+TEST_F(HostProbe, SaysForEverySpeedThatNothingAnswers)
+{
+    const SilentPort nobody;
+    const Result silent = host({"probe", "--scan", "--timeout", "50", "--port", nobody.path()});
+    EXPECT_EQ(silent.status, 1);
+    EXPECT_EQ(silent.out, "");
+    const QStringList lines = linesOf(silent.err);
+    ASSERT_EQ(lines.size(), 6) << silent.err;
+    const QStringList speeds = {"9600", "19200", "38400", "57600", "115200"};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_TRUE(lines.at(i).endsWith(", " + speeds.at(i) + " 8N1: no answer")) << silent.err;
+    EXPECT_EQ(lines.at(5), "micro850-host: check cable, station and speed");
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#include "tool_fixture.h"
+
+#include <QtCore/QFile>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+const int kLimitMs = 120000;
+
+} // namespace
+
+Result runProgram(const QString& program, const QStringList& arguments,
+                  const QStringList& environment)
+{
+    QProcess process;
+    if (!environment.isEmpty())
+        process.setEnvironment(QProcess::systemEnvironment() + environment);
+    process.start(program, arguments, QIODevice::ReadOnly);
+    const bool ended = process.waitForFinished(kLimitMs);
+    if (!ended) {
+        process.kill();
+        process.waitForFinished();
+    }
+    const bool exited = ended && process.exitStatus() == QProcess::NormalExit;
+    return {exited ? process.exitCode() : -1, process.readAllStandardOutput().toStdString(),
+            process.readAllStandardError().toStdString()};
+}
+
+QStringList linesOf(const std::string& text)
+{
+    QString whole = QString::fromStdString(text);
+    if (whole.endsWith('\n'))
+        whole.chop(1);
+    return whole.isEmpty() ? QStringList() : whole.split('\n');
+}
+
+SilentPort::SilentPort() : m_master(posix_openpt(O_RDWR | O_NOCTTY))
+{
+    EXPECT_GE(m_master, 0);
+    EXPECT_EQ(grantpt(m_master), 0);
+    EXPECT_EQ(unlockpt(m_master), 0);
+    m_path = QString::fromLocal8Bit(ptsname(m_master));
+}
+
+SilentPort::~SilentPort()
+{
+    ::close(m_master);
+}
+
+ToolTest::ToolTest()
+{
+    EXPECT_TRUE(m_dir.isValid());
+}
+
+ToolTest::~ToolTest()
+{
+    stopSimulator();
+}
+
+void ToolTest::simulate(const std::string& tags, const QStringList& options)
+{
+    const QString tagFile = file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}");
+    m_simulator = std::make_unique<QProcess>();
+    m_simulator->start(QStringLiteral(MICRO850_SIM),
+                       QStringList{tagFile, "--quiet", "--link", port()} + options);
+    // It names its port once that can be opened.
+    ASSERT_TRUE(m_simulator->waitForReadyRead(kLimitMs))
+        << m_simulator->readAllStandardError().toStdString();
+    ASSERT_TRUE(QFile::exists(port()));
+}
+
+void ToolTest::simulate()
+{
+    simulate(R"({"name": "Speed", "type": "INT", "value": 1234},
+                {"name": "Level", "type": "INT", "length": 10,
+                 "value": [10, 11, 12, 13, 14, 15, 16, 17, 18, 19]},
+                {"name": "Recipe", "type": "DINT", "length": 20, "value": [70000, -1]},
+                {"name": "Setpoint", "type": "REAL", "value": 21.5},
+                {"name": "Running", "type": "BOOL", "value": true},
+                {"name": "Bits", "type": "WORD", "value": "0x1234"},
+                {"name": "Delay", "type": "TIME", "value": 2500},
+                {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
+}
+
+void ToolTest::stopSimulator()
+{
+    if (!m_simulator)
+        return;
+    m_simulator->terminate();
+    if (!m_simulator->waitForFinished(kLimitMs))
+        m_simulator->kill();
+    m_simulator.reset();
+}
+
+Result ToolTest::host(const QStringList& arguments) const
+{
+    return runProgram(QStringLiteral(MICRO850_HOST), arguments);
+}
+
+Result ToolTest::hostOnPort(QStringList arguments) const
+{
+    return host(arguments << QStringLiteral("--port") << port());
+}
+
+QString ToolTest::file(const QString& name, const std::string& text) const
+{
+    QFile out(path(name));
+    EXPECT_TRUE(out.open(QIODevice::WriteOnly));
+    out.write(text.c_str(), static_cast<qint64>(text.size()));
+    return path(name);
+}
+
+std::string ToolTest::textOf(const QString& name) const
+{
+    QFile in(path(name));
+    EXPECT_TRUE(in.open(QIODevice::ReadOnly)) << name.toStdString();
+    return in.readAll().toStdString();
+}
