@@ -1,0 +1,200 @@
+#include "scenario.h"
+
+namespace {
+
+const int kVaries = -1;
+const int kMostJudgements = 11;
+
+quint32 numberAt(const QByteArray& bytes, int at, int size)
+{
+    quint32 number = 0;
+    for (int i = 0; i < size; ++i)
+        number |= static_cast<quint32>(static_cast<quint8>(bytes.at(at + i))) << (8 * i);
+    return number;
+}
+
+/// Symbol and element of a path, as a person writes them.
+std::string pathText(const QByteArray& path)
+{
+    const int size = static_cast<quint8>(path.at(1));
+    const std::string name = path.mid(2, size).toStdString();
+    const QByteArray element = path.mid(2 + size + size % 2);
+    if (element.isEmpty())
+        return name;
+    const bool isByte = element.at(0) == '\x28';
+    return name + "[" +
+           std::to_string(numberAt(element, isByte ? 1 : 2, element.size() - (isByte ? 1 : 2))) +
+           "]";
+}
+
+// A frame is over with DLE ETX and two bytes; a doubled DLE is data. -1 while it is not.
+int endOfFrame(const QByteArray& bytes)
+{
+    const int start = bytes.indexOf(QByteArray("\x10\x02", 2));
+    for (int i = start + 2; start >= 0 && i + 3 < bytes.size(); ++i) {
+        if (bytes.at(i) != '\x10')
+            continue;
+        if (bytes.at(i + 1) == '\x03')
+            return i + 4;
+        ++i;
+    }
+    return -1;
+}
+
+} // namespace
+
+std::string requestText(const QByteArray& frame)
+{
+    const QByteArray data = wire::unframed(frame);
+    if (data.size() < 10)
+        return "no request";
+    const std::string tns = std::to_string(numberAt(data, 4, 2)) + " ";
+    if (data.at(2) == '\x0B')
+        return tns + (data.at(8) == '\x01' ? "identity" : "open");
+    const int pathSize = 2 * static_cast<quint8>(data.at(13));
+    const int behind = 14 + pathSize;
+    const std::string tag = pathText(data.mid(14, pathSize));
+    if (data.at(12) == '\x52')
+        return tns + "read " + tag + " x" + std::to_string(numberAt(data, behind, 2));
+    return tns + "write " + tag + " x" + std::to_string(numberAt(data, behind + 2, 2)) + " = " +
+           wire::text(data.mid(behind + 8));
+}
+
+ScenarioTest::ScenarioTest() : m_timeOfDay(QTime(12, 0, 0)) {}
+
+void ScenarioTest::plant(const std::string& tags)
+{
+    engine.download(micro850::sim::Plant::fromText("{\"tags\": [" + tags + "]}", "plant"));
+}
+
+void ScenarioTest::faults(const std::string& rules)
+{
+    for (const micro850::sim::Fault& fault :
+         micro850::sim::faultsFromText("{\"faults\": [" + rules + "]}", "faults"))
+        line.add(fault);
+}
+
+void ScenarioTest::pollCyclically(const std::vector<Variable>& variables)
+{
+    QList<HOSTVAR> list;
+    for (const Variable& variable : variables) {
+        HOSTVAR entry = HOSTVAR();
+        entry.areaType = 5;
+        entry.tagName = QString::fromLatin1(variable.tag);
+        entry.addressText = QString::number(variable.element);
+        entry.count = variable.count;
+        list.append(entry);
+    }
+    ReCreatReadVarList(&list);
+}
+
+int ScenarioTest::write(const char* tag, const QByteArray& value, int count, int element, int index,
+                        int station)
+{
+    // An area of its own for each tag: a queued write is replaced by one to the same place,
+    // whatever its tag.
+    return SetRegisterData(QString::fromLatin1(tag),
+                           static_cast<int>(qHash(QByteArray(tag)) % 1000),
+                           QString::number(element), station, value, count, 3, index);
+}
+
+void ScenarioTest::pass(int ms)
+{
+    for (; ms > 0; --ms) {
+        clock.advance(std::chrono::milliseconds(1));
+        line.tick();
+    }
+}
+
+QByteArray ScenarioTest::collect()
+{
+    QByteArray bytes;
+    for (int ms = 0;; ++ms) {
+        const micro850::Bytes came = line.transmit();
+        bytes.append(reinterpret_cast<const char*>(came.data()), static_cast<int>(came.size()));
+        const int end = endOfFrame(bytes);
+        if (end >= 0)
+            return bytes.left(end);
+        if (ms == kTimeoutMs)
+            break;
+        pass(1);
+    }
+    return QByteArray();
+}
+
+int ScenarioTest::dataCom(QByteArray& reply, int length)
+{
+    ++calls;
+    return DataCom(&reply, length)->retValue;
+}
+
+// A reply of varying length is judged by one call and taken by the next; after a silence the
+// driver is told so until it counts a failure.
+void ScenarioTest::handOver(Protocol& sent, QByteArray reply, Exchange& exchange)
+{
+    const bool varies = sent.replyLength == kVaries;
+    if (reply.isEmpty()) {
+        for (int i = 0; i < kMostJudgements && varies && sent.replyLength == kVaries; ++i)
+            dataCom(reply, 0);
+        exchange.retValue = dataCom(reply, 0);
+        return;
+    }
+    exchange.retValue = dataCom(reply, reply.size());
+    if (varies && exchange.retValue == 1)
+        exchange.retValue = dataCom(reply, reply.size());
+}
+
+bool ScenarioTest::transact()
+{
+    ++calls;
+    Protocol* sent = ComCommunication();
+    if (!sent)
+        return false;
+    if (emptiesInput)
+        line.transmit();
+    Exchange exchange;
+    exchange.frame = sent->frame;
+    exchange.request = requestText(sent->frame);
+    line.receive(micro850::Bytes(sent->frame.begin(), sent->frame.end()));
+    exchange.reply = collect();
+    if (accepts && !accepts(exchange.reply))
+        exchange.reply.clear();
+    handOver(*sent, exchange.reply, exchange);
+    exchanges.push_back(exchange);
+    return true;
+}
+
+void ScenarioTest::transact(int times)
+{
+    for (int i = 0; i < times; ++i)
+        transact();
+}
+
+std::vector<std::string> ScenarioTest::takeRequests()
+{
+    std::vector<std::string> requests;
+    for (; m_taken < exchanges.size(); ++m_taken)
+        requests.push_back(exchanges[m_taken].request);
+    return requests;
+}
+
+std::string ScenarioTest::shown(const char* tag, int count, int element, int station)
+{
+    QByteArray out;
+    const int known =
+        GetRegisterData(QString::fromLatin1(tag), 5, QString::number(element), station, out, count);
+    return known == 1 ? wire::text(out) : "none";
+}
+
+std::string ScenarioTest::inController(const char* tag, std::size_t element)
+{
+    const micro850::Bytes& bytes = engine.plant().find(tag)->elements.at(element);
+    return wire::text(
+        QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
+}
+
+void ScenarioTest::setInController(const char* tag, const char* bytes, std::size_t element)
+{
+    const QByteArray value = wire::hex(bytes);
+    engine.plant().find(tag)->elements.at(element) = micro850::Bytes(value.begin(), value.end());
+}
