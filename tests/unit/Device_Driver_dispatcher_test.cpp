@@ -1,60 +1,11 @@
-#include "driver_fixture.h"
+#include "dispatcher_fixture.h"
 
 using wire::hex;
 
 namespace {
 
-const QByteArray kId = hex("5A 3C");
-
-class Dispatcher : public DriverTest
+class Dispatcher : public DispatcherTest
 {
-protected:
-    Dispatcher() { connectStation(1, kId, 0x21); }
-
-    /// Puts a request into flight as the scheduler does, from the list that `list` names.
-    Protocol* fly(const RW_VAR& request, int list)
-    {
-        if (list == kWrite)
-            PLC_driver.writeList.append(request);
-        else if (list == kOneShotRead)
-            PLC_driver.onceReadList.append(request);
-        else
-            PLC_driver.readList.append(request);
-        if (request.accessMode == 1)
-            confirm(request.tagName.toLatin1().constData(), 3, 0xC3, request.stationNo);
-        return ComCommunication();
-    }
-    RW_VAR numbered(RW_VAR request, int varType, int varIndex, int station = 1)
-    {
-        request.varType = varType;
-        request.varIndex = varIndex;
-        request.stationNo = station;
-        return request;
-    }
-    static int give(QByteArray reply)
-    {
-        const int code = DataCom(&reply, reply.size())->retValue;
-        EXPECT_TRUE(locksAreFree());
-        return code;
-    }
-    /// Fails the frame in flight for good: three times beyond a retry limit of 2.
-    int failForGood()
-    {
-        PLC_driver.sendQueue.first().replyLength = 50;
-        int code = 0;
-        for (int i = 0; i <= settings.retryLimit; ++i)
-            code = timeOut();
-        return code;
-    }
-    static QString order(const QList<RW_VAR>& list)
-    {
-        QString tags;
-        for (const RW_VAR& request : list)
-            tags += request.tagName;
-        return tags;
-    }
-    const QByteArray kGood = wire::readReply(0x21, 0xC3, hex("01 02"));
-    const QByteArray kBad = kGood.left(20);
 };
 
 // ---- Nothing pending, and the two steps of a reply of varying length

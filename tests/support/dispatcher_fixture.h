@@ -1,0 +1,67 @@
+#ifndef MICRO850_TESTS_DISPATCHER_FIXTURE_H
+#define MICRO850_TESTS_DISPATCHER_FIXTURE_H
+
+#include "driver_fixture.h"
+
+/// A driver with station 1 connected, requests that can be put into flight and replies for them.
+class DispatcherTest : public DriverTest
+{
+protected:
+    DispatcherTest() { connectStation(1, kId, 0x21); }
+
+    /// Puts a request into flight as the scheduler does, from the list that `list` names.
+    Protocol* fly(const RW_VAR& request, int list)
+    {
+        if (list == kWrite)
+            PLC_driver.writeList.append(request);
+        else if (list == kOneShotRead)
+            PLC_driver.onceReadList.append(request);
+        else
+            PLC_driver.readList.append(request);
+        if (request.accessMode == 1)
+            confirm(request.tagName.toLatin1().constData(), 3, 0xC3, request.stationNo);
+        return ComCommunication();
+    }
+    /// The same, with a reply of a length that none of the tests' replies has.
+    Protocol* flyUnanswerable(const RW_VAR& request, int list)
+    {
+        Protocol* head = fly(request, list);
+        head->replyLength = 50;
+        return head;
+    }
+    RW_VAR numbered(RW_VAR request, int varType, int varIndex, int station = 1)
+    {
+        request.varType = varType;
+        request.varIndex = varIndex;
+        request.stationNo = station;
+        return request;
+    }
+    static int give(QByteArray reply)
+    {
+        const int code = DataCom(&reply, reply.size())->retValue;
+        EXPECT_TRUE(locksAreFree());
+        return code;
+    }
+    /// Fails the frame in flight for good: once more than the retry limit tolerates.
+    int failForGood()
+    {
+        PLC_driver.sendQueue.first().replyLength = 50;
+        int code = 0;
+        for (int i = 0; i <= settings.retryLimit; ++i)
+            code = timeOut();
+        return code;
+    }
+    static QString order(const QList<RW_VAR>& list)
+    {
+        QString tags;
+        for (const RW_VAR& request : list)
+            tags += request.tagName;
+        return tags;
+    }
+
+    const QByteArray kId = wire::hex("5A 3C");
+    const QByteArray kGood = wire::readReply(0x21, 0xC3, wire::hex("01 02"));
+    const QByteArray kBad = kGood.left(20);
+};
+
+#endif
