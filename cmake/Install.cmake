@@ -14,6 +14,9 @@ install(EXPORT micro850Targets NAMESPACE micro850::
 configure_package_config_file(packaging/micro850Config.cmake.in micro850Config.cmake
   INSTALL_DESTINATION ${MICRO850_CMAKE_DIR} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(micro850ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+if(MICRO850_QT EQUAL 4)
+  install(FILES cmake/FindQt4.cmake DESTINATION ${MICRO850_CMAKE_DIR} COMPONENT Development)
+endif()
 install(FILES ${PROJECT_BINARY_DIR}/micro850Config.cmake ${PROJECT_BINARY_DIR}/micro850ConfigVersion.cmake
   DESTINATION ${MICRO850_CMAKE_DIR} COMPONENT Development)
 

@@ -1,0 +1,20 @@
+# The Qt that the driver is built for, as the target MICRO850_QTCORE. The tools and tests are written for
+# Qt 5 alone.
+set_property(CACHE MICRO850_QT PROPERTY STRINGS 5 4)
+if(MICRO850_QT EQUAL 5)
+  find_package(Qt5 5.9 REQUIRED COMPONENTS Core)
+  set(MICRO850_QTCORE Qt5::Core)
+  set(MICRO850_QT_PC Qt5Core)
+  set(MICRO850_QT_DEPENDENCY "find_dependency(Qt5 COMPONENTS Core)")
+elseif(MICRO850_QT EQUAL 4)
+  if(MICRO850_TOOLS OR MICRO850_TESTS)
+    message(FATAL_ERROR "MICRO850_QT=4 builds the driver alone: the tools and the tests need Qt 5 "
+      "(add -DMICRO850_TOOLS=OFF -DMICRO850_TESTS=OFF)")
+  endif()
+  find_package(Qt4 4.8 REQUIRED)
+  set(MICRO850_QTCORE Qt4::QtCore)
+  set(MICRO850_QT_PC QtCore)
+  set(MICRO850_QT_DEPENDENCY "list(APPEND CMAKE_MODULE_PATH \${CMAKE_CURRENT_LIST_DIR})\nfind_dependency(Qt4)")
+else()
+  message(FATAL_ERROR "MICRO850_QT=${MICRO850_QT}: there is no such Qt for this driver (use 4 or 5)")
+endif()
