@@ -47,6 +47,12 @@ void resetDriver()
 
 DriverTest::DriverTest() : settings()
 {
+    restart();
+}
+
+void DriverTest::restart()
+{
+    settings = ComInfo();
     resetAttempts(settings);
     resetDriver();
     settings = ComInfo();

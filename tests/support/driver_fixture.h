@@ -42,6 +42,8 @@ protected:
 
     DriverTest();
     ~DriverTest() override;
+    /// The driver as it is after loading, with the settings below and nothing reported.
+    void restart();
 
     /// The settings of most tests: station 1, retry limit 2, several stations, local link 7 (so
     /// that a link of 0 is remote), queued writes, callback channel 9.

@@ -5,6 +5,7 @@
 #include "driver_fixture.h"
 #include "virtual_clock.h"
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,8 @@ protected:
     static constexpr int kTimeoutMs = 300;
 
     ScenarioTest();
+    /// Everything as at the start, but for the tags that the controller has.
+    void restart();
 
     /// Gives the controller these tags: the inside of a tag file's list.
     void plant(const std::string& tags);
@@ -70,11 +73,13 @@ protected:
 
     micro850::sim::VirtualClock clock;
     micro850::sim::Engine engine{clock, micro850::sim::Plant()};
-    micro850::sim::FaultyLine line{clock, engine};
+    micro850::sim::FaultyLine& line() { return *m_line; }
     std::vector<Exchange> exchanges;
     /// Before the driver gets a reply: what a more careful host does. False keeps it from the
     /// driver.
-    std::function<bool(const QByteArray& reply)> accepts;
+    std::function<bool(const QByteArray& frame, const QByteArray& reply)> accepts;
+    /// True: a reply begins with its DLE STX, and a DLE ACK is put in front for the driver.
+    bool looksForFrame = false;
     /// False: what arrived before a request is taken for its reply.
     bool emptiesInput = true;
     /// Calls of the driver's two entry points of the poll cycle.
@@ -85,6 +90,7 @@ private:
     void handOver(Protocol& sent, QByteArray reply, Exchange& exchange);
     int dataCom(QByteArray& reply, int length);
 
+    std::unique_ptr<micro850::sim::FaultyLine> m_line;
     ::VirtualClock m_timeOfDay;
     std::size_t m_taken = 0;
 };

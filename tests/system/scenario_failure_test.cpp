@@ -108,7 +108,7 @@ TEST_F(FailureScenario, AHostThatTakesALostConnectionForSilenceRecoversFromAPowe
     engine.powerCycle(false);
     setInController("A", "05 00");
     setInController("B", "06 00");
-    accepts = [](const QByteArray& reply) {
+    accepts = [](const QByteArray&, const QByteArray& reply) {
         // Status 01, extended status 0107, behind the connection header of a data reply.
         return wire::unframed(reply).mid(14) != wire::hex("01 01 07 01");
     };
