@@ -78,7 +78,8 @@ protected:
     /// Before the driver gets a reply: what a more careful host does. False keeps it from the
     /// driver.
     std::function<bool(const QByteArray& frame, const QByteArray& reply)> accepts;
-    /// True: a reply begins with its DLE STX, and a DLE ACK is put in front for the driver.
+    /// True: a reply begins with its DLE STX, and a DLE ACK is put in front for the driver; where
+    /// its CRC is 10 10, a filler byte behind.
     bool looksForFrame = false;
     /// False: what arrived before a request is taken for its reply.
     bool emptiesInput = true;
