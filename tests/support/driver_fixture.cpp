@@ -45,6 +45,17 @@ void resetDriver()
 
 } // namespace
 
+std::string fieldsOf(const RW_VAR& request)
+{
+    QString text;
+    for (int field : {request.varType, request.varIndex, request.accessMode, request.hostField3,
+                      request.linkId, request.retValue, request.areaType, request.startAddress,
+                      request.stationNo, request.count, request.reqFlag, request.onceFlag})
+        text += QString::number(field) + ' ';
+    text += '"' + request.tagName + "\" \"" + request.addressText + "\" ";
+    return text.toStdString() + wire::text(request.data);
+}
+
 DriverTest::DriverTest() : settings()
 {
     restart();
@@ -104,6 +115,22 @@ RW_VAR DriverTest::writeOf(const char* tag, const QByteArray& value, int element
     request.accessMode = 1;
     request.onceFlag = 2;
     request.data = value;
+    return request;
+}
+
+RW_VAR DriverTest::distinctRequest(const char* tag)
+{
+    RW_VAR request = readOf(tag, 23, 24);
+    request.varType = 11;
+    request.varIndex = 12;
+    request.accessMode = 13;
+    request.hostField3 = 14;
+    request.retValue = 16;
+    request.addressText = "17";
+    request.areaType = 18;
+    request.reqFlag = 19;
+    request.onceFlag = 20;
+    request.data = "21";
     return request;
 }
 

@@ -14,10 +14,14 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 /// Shows bytes as hexadecimal text in a failed comparison.
 #define EXPECT_BYTES(actual, expected) EXPECT_EQ(wire::text(actual), wire::text(expected))
+
+/// All fifteen fields of a request as text, for comparisons.
+std::string fieldsOf(const RW_VAR& request);
 
 /// A driver as it is after loading, with a settings record of zeros but for the words set here and
 /// callbacks that write down what they are told. Every global is put back for each test, so tests
@@ -54,6 +58,9 @@ protected:
     /// A request with every field set: reads one element of `tag` on the local link of station 1.
     RW_VAR readOf(const char* tag, int element = 0, int count = 1);
     RW_VAR writeOf(const char* tag, const QByteArray& value, int element = 0, int count = 1);
+
+    /// A request whose fields all differ, in station 1 and on the local link.
+    RW_VAR distinctRequest(const char* tag);
 
     /// Puts a name into the catalogue, as a host that declares an array does.
     void declareIndexed(const char* tag);

@@ -1,0 +1,319 @@
+// Which of the driver's three locks each entry point takes, and what it does without them.
+
+#include "dispatcher_fixture.h"
+#include "lock_witness.h"
+
+using wire::hex;
+
+namespace {
+
+class Locks : public DispatcherTest
+{
+protected:
+    static int timesList(const LockWitness& witness)
+    {
+        return witness.timesLocked(PLC_driver.listMutex);
+    }
+    static int timesData(const LockWitness& witness)
+    {
+        return witness.timesLocked(PLC_driver.dataMutex);
+    }
+    static int timesStation(const LockWitness& witness)
+    {
+        return witness.timesLocked(PLC_driver.stationMutex);
+    }
+    static bool noneNamed(const LockWitness& witness)
+    {
+        return timesList(witness) + timesData(witness) + timesStation(witness) == 0 &&
+               witness.balanced();
+    }
+    /// All that was locked, but the list lock, was locked while that was held.
+    static bool allWithinTheListLock(const LockWitness& witness)
+    {
+        for (const QMutex* mutex : witness.locked()) {
+            if (mutex != &PLC_driver.listMutex && !witness.nested(PLC_driver.listMutex, *mutex))
+                return false;
+        }
+        return timesList(witness) == 1 && witness.balanced() &&
+               witness.locked().front() == &PLC_driver.listMutex;
+    }
+    void holdAll()
+    {
+        for (QMutex* mutex :
+             {&PLC_driver.listMutex, &PLC_driver.dataMutex, &PLC_driver.stationMutex})
+            mutex->lock();
+    }
+    void releaseAll()
+    {
+        for (QMutex* mutex :
+             {&PLC_driver.listMutex, &PLC_driver.dataMutex, &PLC_driver.stationMutex})
+            mutex->unlock();
+    }
+};
+
+// ---- Configuration -----------------------------------------------------------------------------
+
+TEST_F(Locks, OfTheStationsAloneAreTakenToDisableAndToAsk)
+{
+    LockWitness witness;
+    EnCommStation(3, 0);
+    EXPECT_EQ(timesStation(witness), 1);
+    EXPECT_TRUE(Ethernetcontains(3));
+    EXPECT_EQ(timesStation(witness), 2);
+    EnCommStation(-1, 0);
+    EXPECT_EQ(timesStation(witness), 3);
+    EXPECT_EQ(witness.locked().size(), 3u);
+    EXPECT_TRUE(witness.balanced());
+}
+
+TEST_F(Locks, AreNotTakenToConfigure)
+{
+    int area = 0;
+    LockWitness witness;
+    SetComInfo(&settings);
+    RegistCallBackFuncIntf(nullptr, nullptr);
+    FlashLocalRegister(&area, &area, &area);
+    EXPECT_TRUE(witness.locked().empty());
+}
+
+TEST_F(Locks, AreNotTakenByTheEntryPointsWithAConstantAnswer)
+{
+    fly(readOf("T"), kCyclicRead);
+    PLC_driver.errorFlag = true;
+    RW_VAR request = distinctRequest("T");
+    const std::string before = fieldsOf(request);
+    LockWitness witness;
+    EXPECT_EQ(QueryFinishFlag(), 1);
+    EXPECT_EQ(PLCAddressChangeIntef(1, 2), -1);
+    EXPECT_EQ(StringAddressToInt(1, QString("2")), -1);
+    WriteDataToLocal(&request);
+    EXPECT_TRUE(witness.locked().empty());
+    EXPECT_EQ(fieldsOf(request), before);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+}
+
+TEST_F(Locks, AreNotNeededByTheCatalogue)
+{
+    RW_VAR request = readOf("T");
+    holdAll();
+    LockWitness witness;
+    declareIndexed("T");
+    EXPECT_TRUE(getPassVarName("T"));
+    EXPECT_EQ(updateRwVar(&request), 1);
+    EXPECT_TRUE(noneNamed(witness));
+    releaseAll();
+}
+
+// ---- Lists and values --------------------------------------------------------------------------
+
+TEST_F(Locks, OfTheListsAreHeldToQueueAWrite)
+{
+    RW_VAR request = writeOf("T", "x");
+    for (int mode : {0, 0, 0, 1}) {
+        LockWitness witness;
+        AddListWriteVar(&request, mode);
+        EXPECT_TRUE(allWithinTheListLock(witness));
+    }
+}
+
+TEST_F(Locks, OfTheListsAreHeldToQueueAnUnchangedOneShotOnly)
+{
+    RW_VAR request = readOf("T");
+    {
+        LockWitness witness;
+        AddListOnceReadVar(&request, 1);
+        EXPECT_TRUE(allWithinTheListLock(witness));
+    }
+    LockWitness witness;
+    AddListOnceReadVar(&request, 0);
+    AddListReadVar(&request);
+    EXPECT_TRUE(noneNamed(witness));
+}
+
+TEST_F(Locks, OfTheListsAreHeldWhileTheCyclicListIsRebuilt)
+{
+    QList<HOSTVAR> variables;
+    for (const bool empty : {true, false}) {
+        if (!empty) {
+            variables.append(HOSTVAR());
+            variables.append(HOSTVAR());
+        }
+        LockWitness witness;
+        ReCreatReadVarList(&variables);
+        EXPECT_TRUE(allWithinTheListLock(witness)) << empty;
+    }
+}
+
+TEST_F(Locks, OfTheValuesAreHeldForAWholeRead)
+{
+    confirm("T", 3, 0xC3);
+    PLCDataStorage[1].tagData["T"] = hex("01 02");
+    for (const char* tag : {"T", "unknown"}) {
+        QByteArray out;
+        LockWitness witness;
+        EXPECT_EQ(GetRegisterData(tag, 0, "0", 1, out, 1), tag == QString("T") ? 1 : 0);
+        EXPECT_EQ(witness.locked().front(), &PLC_driver.dataMutex);
+        EXPECT_EQ(timesData(witness), 1);
+        EXPECT_EQ(timesList(witness), 0);
+        for (std::size_t i = 1; i < witness.locked().size(); ++i)
+            EXPECT_TRUE(witness.nested(PLC_driver.dataMutex, *witness.locked()[i]));
+        EXPECT_TRUE(witness.balanced());
+    }
+}
+
+TEST_F(Locks, OfTheListsAloneAreTakenToSetAValueAndOnlyToQueueIt)
+{
+    const QByteArray value = "x";
+    for (int mode : {2, 0}) {
+        settings.writeMode = mode;
+        LockWitness witness;
+        SetRegisterData("T", 5, "0", 1, value, 1, 3, 1);
+        EXPECT_EQ(timesList(witness), mode == 2 ? 1 : 0);
+        EXPECT_EQ(timesData(witness), 0);
+        EXPECT_EQ(timesStation(witness), 0);
+        EXPECT_NE(witness.locked().front(), &PLC_driver.listMutex)
+            << "the request is completed first";
+        EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *witness.locked().front()));
+        EXPECT_TRUE(witness.balanced());
+    }
+}
+
+// ---- Poll cycle --------------------------------------------------------------------------------
+
+TEST_F(Locks, OfTheListsAreHeldToChooseTheNextRequestOfAnyList)
+{
+    for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
+        PLC_driver.sendQueue.clear();
+        PLC_driver.readList.clear();
+        PLC_driver.writeList.clear();
+        PLC_driver.onceReadList.clear();
+        LockWitness witness;
+        EXPECT_NE(fly(list == kWrite ? writeOf("T", "x") : readOf("T"), list), nullptr);
+        EXPECT_TRUE(allWithinTheListLock(witness)) << list;
+        EXPECT_TRUE(witness.nested(PLC_driver.listMutex, PLC_driver.stationMutex));
+        EXPECT_FALSE(witness.nested(PLC_driver.stationMutex, PLC_driver.listMutex));
+    }
+}
+
+TEST_F(Locks, OfTheListsAreHeldWhereEveryStationIsDisabled)
+{
+    EnCommStation(1, 0);
+    PLC_driver.readList.append(readOf("T"));
+    LockWitness witness;
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_TRUE(allWithinTheListLock(witness));
+}
+
+TEST_F(Locks, AreNotTakenForAPendingFrame)
+{
+    fly(readOf("T"), kCyclicRead);
+    LockWitness witness;
+    ComCommunication();
+    EXPECT_TRUE(noneNamed(witness));
+}
+
+TEST_F(Locks, OfTheListsAreHeldWhenAQueuedWriteIsTold)
+{
+    static bool held;
+    held = false;
+    PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) {
+        held = !PLC_driver.listMutex.tryLock();
+    };
+    fly(writeOf("T", "x"), kWrite);
+    EXPECT_TRUE(held);
+}
+
+TEST_F(Locks, OfTheListsAreTakenForACompletionAndNotBefore)
+{
+    {
+        LockWitness witness;
+        give(kGood);
+        EXPECT_EQ(timesList(witness), 0) << "nothing in flight";
+    }
+    fly(readOf("T"), kCyclicRead);
+    for (const QByteArray& reply : {kBad, kGood}) {
+        LockWitness witness;
+        QByteArray bytes = reply;
+        DataCom(&bytes, bytes.size());
+        EXPECT_TRUE(noneNamed(witness)) << "judged only";
+    }
+    LockWitness witness;
+    QByteArray bytes = kGood;
+    DataCom(&bytes, bytes.size());
+    EXPECT_EQ(timesList(witness), 1);
+    EXPECT_FALSE(witness.nested(PLC_driver.listMutex, PLC_driver.dataMutex));
+    EXPECT_TRUE(witness.balanced());
+}
+
+TEST_F(Locks, OfTheListsAreTakenOnceForAFailureWithinTheLimitAndBeyond)
+{
+    flyUnanswerable(readOf("T"), kCyclicRead);
+    for (int i = 0; i <= settings.retryLimit; ++i) {
+        LockWitness witness;
+        timeOut();
+        EXPECT_EQ(timesList(witness), 1) << i;
+        EXPECT_TRUE(witness.balanced());
+    }
+}
+
+TEST_F(Locks, AreNotTakenByAConnectionSetUp)
+{
+    HandshakeFunction(2);
+    for (const QByteArray& reply :
+         {wire::identityReply(1), QByteArray(), wire::forwardOpenReply(2, kId)})
+    {
+        LockWitness witness;
+        QByteArray bytes = reply;
+        DataCom(&bytes, bytes.size());
+        EXPECT_TRUE(noneNamed(witness));
+    }
+    EXPECT_TRUE(getHandshakeInformation(2));
+}
+
+// ---- Judging and storing -----------------------------------------------------------------------
+
+class StoreLocks : public Locks
+{
+protected:
+    /// How often the lock of the values was taken to judge a reply; what else was locked while it
+    /// was held.
+    int timesDataFor(bool local, int length, int accessMode, int reqFlag)
+    {
+        Protocol head;
+        head.replyLength = kGood.size();
+        head.auxLength = 22;
+        head.var = readOf("T");
+        head.var.accessMode = accessMode;
+        head.var.reqFlag = reqFlag;
+        PLC_driver.sendQueue.clear();
+        PLC_driver.sendQueue.append(head);
+        QByteArray reply = kGood;
+        LockWitness witness;
+        local ? DealDataOfLocalArea(&reply, length) : DealDataOfRemoteArea(&reply, length);
+        EXPECT_EQ(timesList(witness), 0);
+        EXPECT_TRUE(witness.balanced());
+        return timesData(witness);
+    }
+};
+
+TEST_F(StoreLocks, OfTheValuesAreHeldWhileALocalReplyIsStored)
+{
+    EXPECT_EQ(timesDataFor(true, kGood.size(), 0, 1), 1);
+    EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
+}
+
+TEST_F(StoreLocks, OfTheValuesAreNotTakenWhereNothingIsStored)
+{
+    EXPECT_EQ(timesDataFor(true, kGood.size(), 1, 1), 0) << "write";
+    EXPECT_EQ(timesDataFor(true, kGood.size(), 2, 1), 0) << "rejected";
+    EXPECT_EQ(timesDataFor(true, 0, 0, 1), 0) << "no reply";
+    EXPECT_EQ(timesDataFor(true, 5, 0, 1), 0) << "wrong length";
+}
+
+TEST_F(StoreLocks, OfTheValuesAreNotTakenForARemoteReplyThatIsStored)
+{
+    EXPECT_EQ(timesDataFor(false, kGood.size(), 0, -1), 0);
+    EXPECT_TRUE(PLCDataStorage[1].tagInfo.contains("T"));
+}
+
+} // namespace
