@@ -2,12 +2,16 @@
 // process with a folder of its own as working directory.
 
 #include "Device_Driver.h"
+#include "Func_Initi.h"
+#include "tagcommunication.h"
+#include "wire.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QTextCodec>
 
 #include <cstdio>
 #include <cstdlib>
@@ -198,6 +202,83 @@ TEST_F(DebugLog, KeepsTheLinesOfTwoThreadsApart)
     EXPECT_EQ(all.size(), 400);
     EXPECT_EQ(all.filter(QRegularExpression(":one$")).size(), 200);
     EXPECT_EQ(all.filter(QRegularExpression(":other$")).size(), 200);
+}
+
+TEST_F(DebugLog, TakesMessagesOfEveryTypeAndGoesOnBehindAFatalOne)
+{
+    inChild([] {
+        for (QtMsgType type :
+             {QtDebugMsg, QtWarningMsg, QtCriticalMsg, QtFatalMsg, QtInfoMsg, QtDebugMsg})
+            customMessageHandler(type, "m");
+    });
+    EXPECT_EQ(lines().size(), 6);
+}
+
+TEST_F(DebugLog, StandsInTheFolderThatIsThePresentOne)
+{
+    inChild([] {
+        customMessageHandler(QtDebugMsg, "one");
+        ::mkdir("other", 0700);
+        if (::chdir("other") != 0)
+            std::exit(98);
+        QFile file("debug.log");
+        if (file.open(QIODevice::WriteOnly))
+            file.write("kept\n");
+        file.close();
+        customMessageHandler(QtDebugMsg, "two");
+    });
+    ASSERT_EQ(lines().size(), 1);
+    EXPECT_TRUE(lines()[0].endsWith(":one"));
+    const QList<QByteArray> other = read("other/debug.log").split('\n');
+    ASSERT_EQ(other.size(), 3) << "only the run's first message empties a file";
+    EXPECT_EQ(other[0], QByteArray("kept"));
+    EXPECT_TRUE(other[1].endsWith(":two"));
+}
+
+TEST_F(DebugLog, TakesAMessageForLatin1)
+{
+    inChild([] {
+        // The stream writes in the locale's encoding, which is told here so that it has the letter.
+        QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
+        customMessageHandler(QtDebugMsg, "\xE9");
+    });
+    ASSERT_EQ(lines().size(), 1);
+    EXPECT_TRUE(lines()[0].endsWith(QString(":") + QChar(0xE9)));
+}
+
+int probed = 0;
+
+void probe(QtMsgType, const QMessageLogContext&, const QString&)
+{
+    ++probed;
+}
+
+TEST_F(DebugLog, IsNotWrittenByThePollCycleNorInstalledByTheDriver)
+{
+    const QByteArray errors = inChild([] {
+        qInstallMessageHandler(probe);
+        ComInfo settings = ComInfo();
+        SetComInfo(&settings);
+        RW_VAR request = RW_VAR();
+        request.tagName = "T";
+        AddListReadVar(&request);
+        AddListWriteVar(&request, 1);
+        for (int i = 0; i < 40; ++i) {
+            const bool connecting = !getHandshakeInformation(0);
+            const bool identity = settings.framesAnswered == 0;
+            ComCommunication();
+            QByteArray reply = !connecting ? wire::readReply(1, 0xC3, "xy")
+                               : identity  ? wire::identityReply(1)
+                                           : wire::forwardOpenReply(2, "id");
+            if (i % 7 == 6)
+                reply.clear();
+            DataCom(&reply, reply.size());
+        }
+        if (qInstallMessageHandler(nullptr) != probe || probed != 0)
+            std::exit(97);
+    });
+    EXPECT_EQ(errors, QByteArray());
+    EXPECT_FALSE(QFile::exists(m_dir.filePath("debug.log")));
 }
 
 TEST_F(DebugLog, TakesANullMessageForAnEmptyOne)

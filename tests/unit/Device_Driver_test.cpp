@@ -1,5 +1,8 @@
 #include "driver_fixture.h"
 
+#include <iterator>
+#include <type_traits>
+
 using wire::hex;
 
 namespace {
@@ -36,6 +39,105 @@ TEST(DriverObject, HasThreeLocksThatAreNotRecursive)
         EXPECT_FALSE(mutex->tryLock());
         mutex->unlock();
     }
+}
+
+// ---- Places in memory
+// -----------------------------------------------------------------------------
+
+// A host that was built against these records does not ask the compiler again.
+
+const bool kWide = sizeof(void*) == 8;
+
+template<typename Record, typename Field> int offset(Field Record::*field)
+{
+    static const Record record = Record();
+    return static_cast<int>(reinterpret_cast<const char*>(&(record.*field)) -
+                            reinterpret_cast<const char*>(&record));
+}
+
+TEST(DriverRecords, KeepTheHostsLayoutOfARequest)
+{
+    const int wide[] = {0, 4, 8, 12, 16, 20, 24, 32, 40, 44, 48, 52, 56, 60, 64, 72};
+    const int narrow[] = {0, 4, 8, 12, 16, 20, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60};
+    const int actual[] = {offset(&RW_VAR::varType),    offset(&RW_VAR::varIndex),
+                          offset(&RW_VAR::accessMode), offset(&RW_VAR::hostField3),
+                          offset(&RW_VAR::linkId),     offset(&RW_VAR::retValue),
+                          offset(&RW_VAR::tagName),    offset(&RW_VAR::addressText),
+                          offset(&RW_VAR::areaType),   offset(&RW_VAR::startAddress),
+                          offset(&RW_VAR::stationNo),  offset(&RW_VAR::count),
+                          offset(&RW_VAR::reqFlag),    offset(&RW_VAR::onceFlag),
+                          offset(&RW_VAR::data),       int(sizeof(RW_VAR))};
+    for (int i = 0; i < 16; ++i)
+        EXPECT_EQ(actual[i], kWide ? wide[i] : narrow[i]) << i;
+}
+
+TEST(DriverRecords, KeepTheHostsLayoutOfATransaction)
+{
+    const int wide[] = {0, 8, 12, 16, 20, 24, 96, 100, 104, 112};
+    const int narrow[] = {0, 4, 8, 12, 16, 20, 80, 84, 88, 92};
+    const int actual[] = {offset(&Protocol::frame),       offset(&Protocol::sendLength),
+                          offset(&Protocol::replyLength), offset(&Protocol::auxLength),
+                          offset(&Protocol::auxFlag),     offset(&Protocol::var),
+                          offset(&Protocol::reserve1),    offset(&Protocol::reserve2),
+                          offset(&Protocol::reserve3),    int(sizeof(Protocol))};
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(actual[i], kWide ? wide[i] : narrow[i]) << i;
+}
+
+TEST(DriverRecords, KeepTheHostsLayoutOfANameAndOfTheAuxiliaryRecord)
+{
+    EXPECT_EQ(offset(&varName::name), 0);
+    EXPECT_EQ(offset(&varName::kind), kWide ? 8 : 4);
+    EXPECT_EQ(offset(&varName::hostField2), kWide ? 12 : 8);
+    EXPECT_EQ(offset(&varName::hostField3), kWide ? 16 : 12);
+    EXPECT_EQ(sizeof(varName), kWide ? 24u : 16u);
+    EXPECT_EQ(offset(&EXTENDVAR::field1), 0);
+    EXPECT_EQ(offset(&EXTENDVAR::field2), 4);
+    EXPECT_EQ(offset(&EXTENDVAR::field3), 8);
+    EXPECT_EQ(offset(&EXTENDVAR::data), kWide ? 16 : 12);
+    EXPECT_EQ(sizeof(EXTENDVAR), kWide ? 24u : 16u);
+}
+
+TEST(DriverRecords, FindEachSettingAtItsWord)
+{
+    EXPECT_EQ(offset(&ComInfo::defaultStation), 4 * 6);
+    EXPECT_EQ(offset(&ComInfo::retryLimit), 4 * 7);
+    EXPECT_EQ(offset(&ComInfo::failureCount), 4 * 8);
+    EXPECT_EQ(offset(&ComInfo::multiStation), 4 * 9);
+    EXPECT_EQ(offset(&ComInfo::clearedWord10), 4 * 10);
+    EXPECT_EQ(offset(&ComInfo::frameCount), 4 * 11);
+    EXPECT_EQ(offset(&ComInfo::framesAnswered), 4 * 12);
+    EXPECT_EQ(offset(&ComInfo::clearedWord13), 4 * 13);
+    EXPECT_EQ(offset(&ComInfo::remoteMode), 4 * 14);
+    EXPECT_EQ(offset(&ComInfo::localLink), 4 * 15);
+    EXPECT_EQ(offset(&ComInfo::writeMode), 4 * 16);
+    EXPECT_EQ(offset(&ComInfo::passComplete), 4 * 17);
+    EXPECT_EQ(offset(&ComInfo::callbackChannel), 4 * 18);
+}
+
+TEST(DriverObject, HasItsMembersInTheHostsOrder)
+{
+    const Device_Driver d;
+    const void* members[] = {
+        &d.comInfo,    &d.readList,   &d.writeList,        &d.onceReadList,   &d.spareList,
+        &d.sendQueue,  &d.extendList, &d.disabledStations, &d.finishCallback, &d.refreshCallback,
+        &d.listMutex,  &d.dataMutex,  &d.stationMutex,     &d.result,         &d.currentList,
+        &d.writeBurst, &d.onceBurst,  &d.readCycleCount,   &d.errorFlag,      &d.spareFlag};
+    EXPECT_EQ(members[0], &d) << "nothing in front of the first";
+    for (std::size_t i = 1; i < std::size(members); ++i)
+        EXPECT_LT(members[i - 1], members[i]) << i;
+    EXPECT_EQ(sizeof d.errorFlag, 1u);
+}
+
+TEST(DriverRecords, ArePlainValues)
+{
+    EXPECT_FALSE(std::is_polymorphic<Device_Driver>::value);
+    EXPECT_FALSE(std::is_polymorphic<RW_VAR>::value);
+    EXPECT_FALSE(std::is_polymorphic<Protocol>::value);
+    EXPECT_FALSE(std::is_polymorphic<EXTENDVAR>::value);
+    EXPECT_FALSE(std::is_polymorphic<varName>::value);
+    EXPECT_FALSE(std::is_polymorphic<PLCTAGCOMMUNICATION>::value);
+    EXPECT_FALSE(std::is_polymorphic<ComInfo>::value);
 }
 
 TEST(DriverRecords, StartAQueuedTransactionWithZeros)
@@ -233,6 +335,50 @@ TEST_F(Catalogue, MakesAnyOtherRequestOneElementAtIndexZero)
     EXPECT_EQ(request.tagName, QString("K"));
     EXPECT_EQ(request.stationNo, 1);
     EXPECT_EQ(request.varType, 3);
+}
+
+TEST_F(Catalogue, MakesARequestOfAnyOtherKindOneElementToo)
+{
+    QList<varName> names = {named("K", 3)};
+    PassVarName(&names);
+    RW_VAR request = readOf("K", 5, 9);
+    updateRwVar(&request);
+    EXPECT_EQ(request.startAddress, 0);
+    EXPECT_EQ(request.count, 1);
+    EXPECT_EQ(request.reqFlag, 0);
+}
+
+TEST_F(Catalogue, ChangesThreeFieldsOfARequestOnly)
+{
+    for (const bool catalogued : {false, true}) {
+        RW_VAR request = distinctRequest("T");
+        RW_VAR expected = request;
+        expected.startAddress = catalogued ? 17 : 0;
+        expected.count = catalogued ? 24 : 1;
+        expected.reqFlag = catalogued ? 1 : 0;
+        updateRwVar(&request);
+        EXPECT_EQ(fieldsOf(request), fieldsOf(expected));
+        declareIndexed("T");
+    }
+}
+
+TEST_F(Catalogue, TakesTheDescriptionOfTheLastCall)
+{
+    QList<varName> first = {named("B", 2, 5)}, second = {named("B", 2, 6)};
+    PassVarName(&first);
+    PassVarName(&second);
+    EXPECT_EQ(plcAddList["B"].hostField2, 6);
+    EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "6");
+}
+
+TEST_F(Catalogue, SeedsTheEntryOfTheRequestsStationOnly)
+{
+    confirm("T", 3, 0xC3, 1);
+    RW_VAR request = readOf("T");
+    request.stationNo = 2;
+    updateRwVar(&request);
+    EXPECT_BYTES(info("T", 1), hex("03 C3 00 FF"));
+    EXPECT_BYTES(info("T", 2), hex("FF 00 00 00"));
 }
 
 TEST_F(Catalogue, SeedsAnEntryThatIsNotConfirmedOnEveryCall)

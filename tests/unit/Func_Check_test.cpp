@@ -204,6 +204,18 @@ TEST(CalXor, IsZeroWithoutBytes)
     EXPECT_EQ(CalXOR(nullptr, 4), 0);
 }
 
+TEST(Checksums, CoverAsManyBytesAsAnUnsignedShortCounts)
+{
+    const int most = 65535;
+    EXPECT_EQ(sum(QByteArray(most, '\x01')), 65535);
+    EXPECT_EQ(sum(QByteArray(most, '\xFF')), 65535 * 255 % 65536);
+    EXPECT_EQ(lrc(QByteArray(most, '\x01')), 1);
+    EXPECT_EQ(exclusiveOr(QByteArray(most, '\x01')), 0x01);
+    const QByteArray lateByte = QByteArray(most - 1, '\0') + '\x01';
+    EXPECT_EQ(crcModbus(lateByte), wire::crc16Modbus(lateByte));
+    EXPECT_EQ(exclusiveOr(lateByte), 0x01);
+}
+
 TEST(DigitalToAscii, GivesTheSixteenDigits)
 {
     const char digits[] = "0123456789ABCDEF";

@@ -81,9 +81,37 @@ TEST_F(Configuration, SetsTheValueOfAStationThatIsDisabledAlreadyToZero)
     EXPECT_EQ(PLC_driver.disabledStations.value(3), 0);
 }
 
+TEST_F(Configuration, TakesStationZeroForAStationLikeAnyOther)
+{
+    EnCommStation(0, 0);
+    EnCommStation(7, 0);
+    EXPECT_EQ(PLC_driver.disabledStations.size(), 2);
+    EXPECT_TRUE(Ethernetcontains(0));
+    EnCommStation(0, 1);
+    EXPECT_FALSE(Ethernetcontains(0));
+    EXPECT_TRUE(Ethernetcontains(7));
+}
+
+TEST_F(Configuration, TakesTheAddressesOfTheLastCall)
+{
+    int areas[6];
+    FlashLocalRegister(&areas[0], &areas[1], &areas[2]);
+    FlashLocalRegister(&areas[3], &areas[4], &areas[5]);
+    EXPECT_EQ(LB, &areas[3]);
+    EXPECT_EQ(LW, &areas[4]);
+    EXPECT_EQ(RWI, &areas[5]);
+    FlashLocalRegister(nullptr, nullptr, nullptr);
+    EXPECT_EQ(LB, nullptr);
+    EXPECT_EQ(LW, nullptr);
+    EXPECT_EQ(RWI, nullptr);
+}
+
 TEST_F(Configuration, EnablesAllStationsForANegativeNumberWhateverTheFlag)
 {
-    for (const auto& [station, enable] : {std::make_pair(-1, 1), std::make_pair(-5, 0)}) {
+    for (const auto& [station, enable] :
+         {std::make_pair(-1, 1), std::make_pair(-5, 0), std::make_pair(-1, 2),
+          std::make_pair(std::numeric_limits<int>::min(), -7)})
+    {
         EnCommStation(0, 0);
         EnCommStation(7, 0);
         EnCommStation(station, enable);
@@ -133,6 +161,43 @@ TEST_F(Lists, AppendCyclicReadsWithoutTestAndCap)
     EXPECT_EQ(AddListReadVar(nullptr), 1030);
 }
 
+TEST_F(Lists, AppendACyclicReadUnchangedBehindTheOthers)
+{
+    RW_VAR first = readOf("First"), second = distinctRequest("Second");
+    const std::string before = fieldsOf(second);
+    AddListReadVar(&first);
+    AddListReadVar(&second);
+    EXPECT_EQ(PLC_driver.readList[0].tagName, QString("First"));
+    EXPECT_EQ(fieldsOf(PLC_driver.readList[1]), before);
+    EXPECT_EQ(fieldsOf(second), before);
+}
+
+TEST_F(Lists, ReplaceTheFirstOfSeveralQueuedWritesToOnePlace)
+{
+    for (const char* data : {"1", "2", "3"}) {
+        RW_VAR request = writeOf("T", data);
+        AddListWriteVar(&request, 1);
+    }
+    RW_VAR request = writeOf("T", "n");
+    EXPECT_EQ(AddListWriteVar(&request, 0), 3);
+    QByteArray all;
+    for (const RW_VAR& queued : PLC_driver.writeList)
+        all += queued.data;
+    EXPECT_EQ(all, QByteArray("1n3"));
+}
+
+TEST_F(Lists, LookForAQueuedRequestInEveryModeButOne)
+{
+    RW_VAR write = writeOf("T", "x"), read = readOf("T");
+    AddListWriteVar(&write, 1);
+    AddListWriteVar(&write, 1);
+    for (int mode : {0, 2, -1}) {
+        EXPECT_EQ(AddListWriteVar(&write, mode), 2) << mode;
+        EXPECT_EQ(AddListOnceReadVar(&read, mode), 1) << mode;
+        EXPECT_EQ(PLC_driver.onceReadList.first().onceFlag, 1);
+    }
+}
+
 TEST_F(Lists, AppendAWriteUnconditionallyInModeOne)
 {
     RW_VAR request = writeOf("T", "x");
@@ -174,6 +239,9 @@ TEST_F(Lists, ReplaceAQueuedWriteToTheSamePlaceInAllItsFields)
     request.onceFlag = 19;
     EXPECT_EQ(AddListWriteVar(&request, 0), 4);
 
+    for (int i : {0, 1, 3})
+        EXPECT_EQ(fieldsOf(PLC_driver.writeList[i]), fieldsOf(other)) << i;
+    EXPECT_EQ(fieldsOf(PLC_driver.writeList[2]), fieldsOf(request));
     const RW_VAR& queued = PLC_driver.writeList[2];
     EXPECT_EQ(queued.varType, 11);
     EXPECT_EQ(queued.varIndex, 12);
@@ -275,6 +343,35 @@ TEST_F(Lists, TakeTheDefaultStationForAOneShotReadInSingleStationModeOnly)
     EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3);
 }
 
+TEST_F(Lists, CompleteTheCallersOwnRecordOfAOneShotRead)
+{
+    declareIndexed("T");
+    settings.multiStation = 0;
+    settings.defaultStation = 8;
+    RW_VAR request = distinctRequest("T");
+    request.stationNo = 3;
+    RW_VAR expected = request;
+    expected.stationNo = 8;
+    expected.startAddress = 17;
+    expected.reqFlag = 1;
+    expected.onceFlag = 1;
+    AddListOnceReadVar(&request, 0);
+    EXPECT_EQ(fieldsOf(request), fieldsOf(expected));
+    EXPECT_EQ(fieldsOf(PLC_driver.onceReadList.first()), fieldsOf(expected));
+}
+
+TEST_F(Lists, KeepTheStationOfAOneShotReadInAnyMultiStationMode)
+{
+    settings.defaultStation = 8;
+    for (int mode : {1, 2, -1}) {
+        settings.multiStation = mode;
+        RW_VAR request = readOf("T");
+        request.stationNo = 3;
+        AddListOnceReadVar(&request, 0);
+        EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3) << mode;
+    }
+}
+
 TEST_F(Lists, KeepTheStationOfAOneShotReadWithoutSettings)
 {
     SetComInfo(nullptr);
@@ -369,7 +466,14 @@ INSTANTIATE_TEST_SUITE_P(
         RunRow{{{0, 1}, {16, 40}}, {{0, 1}, {16, 15}, {31, 15}, {46, 10}}},
         RunRow{{{0, 10}, {11, 10}}, {{0, 15}, {15, 6}}},
         RunRow{{{0, 12}, {13, 1}, {20, 5}}, {{0, 14}, {20, 5}}},
-        RunRow{{{0, -3}, {40, 2}}, {{40, 2}}}));
+        RunRow{{{0, -3}, {40, 2}}, {{40, 2}}},
+        // A run that has grown past the limit bridges what ends within it and is cut at its end.
+        RunRow{{{0, 10}, {9, 20}, {20, 1}}, {{0, 15}, {15, 6}}},
+        RunRow{{{0, 10}, {9, 11}, {20, 1}}, {{0, 15}, {15, 6}}},
+        RunRow{{{0, 10}, {9, 20}, {12, 1}}, {{0, 13}}},
+        // Nor is one cut that begins behind a gap or behind an empty one.
+        RunRow{{{0, 1}, {16, 40}, {20, 1}}, {{0, 1}, {16, 5}}},
+        RunRow{{{0, 0}, {7, 40}, {8, 1}}, {{7, 2}}}));
 
 TEST_F(Lists, CutWholeBlocksAndLeaveTheRestWithTheCaller)
 {
@@ -460,6 +564,24 @@ TEST_F(Lists, MergeOnlyWithinOneName)
     for (const RW_VAR& request : PLC_driver.readList)
         names.append(request.tagName);
     EXPECT_EQ(names, (QStringList{"A", "A", "A", "B", "a"}));
+}
+
+TEST_F(Lists, AskForANameOutsideTheCatalogueOnce)
+{
+    QList<HOSTVAR> variables = {hostVar("S", "3", 4), hostVar("S", "9", 4)};
+    EXPECT_EQ(ReCreatReadVarList(&variables), 1);
+    EXPECT_EQ(text(runs()), "(0,1)");
+}
+
+TEST_F(Lists, TakeTheDefaultStationForTheHostsVariablesInEveryMode)
+{
+    settings.defaultStation = 6;
+    for (int mode : {0, 1}) {
+        settings.multiStation = mode;
+        QList<HOSTVAR> variables = {hostVar("S", "3", 4)};
+        ReCreatReadVarList(&variables);
+        EXPECT_EQ(PLC_driver.readList.first().stationNo, 6) << mode;
+    }
 }
 
 TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListAndLeaveTheCycleAlone)

@@ -2,6 +2,7 @@
 
 #include "Device_Driver.h"
 #include "Func_Initi.h"
+#include "tagcommunication.h"
 
 #include <gtest/gtest.h>
 
@@ -121,7 +122,13 @@ TEST(LoadAndUnload, BeginsEmptyEachTime)
         EXPECT_TRUE(driver.readList.isEmpty());
         EXPECT_TRUE(driver.writeList.isEmpty());
         EXPECT_TRUE(driver.onceReadList.isEmpty());
+        EXPECT_TRUE(driver.disabledStations.isEmpty());
         EXPECT_EQ(driver.comInfo, nullptr);
+        EXPECT_EQ(driver.currentList, 100);
+        EXPECT_EQ(driver.writeBurst, 0);
+        EXPECT_EQ((library.object<QMap<int, PLCTAGCOMMUNICATION>>("PLCDataStorage").size()), 0);
+        for (const char* area : {"LB", "LW", "RWI"})
+            EXPECT_EQ(library.object<void*>(area), nullptr) << area;
         EXPECT_EQ((library.object<QMap<QString, varName>>("plcAddList").size()), 0);
         EXPECT_EQ(library.entry<decltype(ComCommunication)>("ComCommunication")(), nullptr);
         queueRecords(library, settings);
