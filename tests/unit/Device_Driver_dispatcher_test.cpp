@@ -450,6 +450,28 @@ TEST_F(Area, StoresARemoteReplyWithoutSettingsAsTheOnlyOne)
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
 }
 
+TEST_F(Area, StoresTheRemoteReplyToAWriteWithThatFlagToo)
+{
+    inFlight(kGood.size(), 1, -1);
+    EXPECT_EQ(remote(kGood, kGood.size()), 1);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
+}
+
+TEST_F(Area, TellsARemoteReplyPartialAtTheFirstStepOnly)
+{
+    inFlight(kGood.size(), 0, -1);
+    for (const auto& [step, code] : {std::make_pair(0, 1), std::make_pair(1, 100),
+                                     std::make_pair(2, 1), std::make_pair(-1, 1)})
+    {
+        settings.framesAnswered = step;
+        EXPECT_EQ(remote(kGood, kGood.size()), code) << step;
+    }
+    PLCDataStorage[1].tagInfo.clear();
+    inFlight(kGood.size(), 0, -2);
+    EXPECT_EQ(remote(kGood, kGood.size()), 100);
+    EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty());
+}
+
 TEST_F(Area, LeavesTheValueLockFreeOnEveryWayOut)
 {
     inFlight(kGood.size());
@@ -540,6 +562,79 @@ TEST_F(SetUp, ConnectsInTwoSteps)
     EXPECT_TRUE(getHandshakeInformation(1));
     EXPECT_BYTES(PLCDataStorage[1].connectionId, kId);
     EXPECT_BYTES(ComCommunication()->frame, wire::readRequest(3, kId, wire::tagPath("T"), 1));
+}
+
+TEST_F(SetUp, ConnectsAtTheSecondStepWhateverFramesAreAnnounced)
+{
+    for (int announced : {1, 5}) {
+        PLCDataStorage.clear();
+        PLC_driver.sendQueue.clear();
+        ComCommunication();
+        settings.frameCount = announced;
+        give(wire::identityReply(1));
+        EXPECT_FALSE(getHandshakeInformation(1)) << announced;
+        give(wire::forwardOpenReply(2, kId));
+        EXPECT_TRUE(getHandshakeInformation(1)) << announced;
+        EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    }
+}
+
+TEST_F(SetUp, DoesNotConnectBehindTheSecondStep)
+{
+    settings.framesAnswered = 2;
+    EXPECT_EQ(give(wire::identityReply(1)), 1);
+    EXPECT_EQ(settings.framesAnswered, 3);
+    EXPECT_FALSE(getHandshakeInformation(1));
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "only the answered frame is gone";
+}
+
+TEST_F(SetUp, GivesUpAtAnyStepButTheSecond)
+{
+    for (int step : {0, 2, -1}) {
+        ComCommunication();
+        settings.framesAnswered = step;
+        EXPECT_EQ(give("garbage"), 201) << step;
+        EXPECT_TRUE(PLC_driver.sendQueue.isEmpty()) << step;
+    }
+}
+
+TEST_F(SetUp, EmptiesTheQueueWhenItIsDone)
+{
+    give(wire::identityReply(1));
+    PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
+    give(wire::forwardOpenReply(2, kId));
+    EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+    EXPECT_TRUE(getHandshakeInformation(1));
+}
+
+TEST_F(SetUp, TouchesNoStateOfAFailure)
+{
+    settings.retryLimit = 0;
+    settings.failureCount = 1;
+    for (const bool failed : {false, true}) {
+        PLCDataStorage.clear();
+        PLC_driver.errorFlag = failed;
+        PLC_driver.sendQueue.clear();
+        ComCommunication();
+        const QByteArray replies[] = {"garbage", wire::identityReply(1), "garbage",
+                                      wire::forwardOpenReply(2, kId)};
+        for (const QByteArray& reply : replies) {
+            ComCommunication();
+            give(reply);
+            EXPECT_EQ(PLC_driver.errorFlag, failed);
+            EXPECT_EQ(settings.failureCount, 1);
+        }
+        EXPECT_TRUE(getHandshakeInformation(1));
+    }
+    EXPECT_TRUE(finished.empty());
+    EXPECT_TRUE(refreshed.empty());
+}
+
+TEST_F(SetUp, TakesAReplyWhateverLengthIsAnnounced)
+{
+    QByteArray reply = wire::identityReply(1);
+    EXPECT_EQ(DataCom(&reply, 0)->retValue, 1);
+    EXPECT_EQ(settings.framesAnswered, 1);
 }
 
 TEST_F(SetUp, GivesUpAtAnIdentityReplyThatIsNone)

@@ -227,6 +227,91 @@ TEST_F(Scheduler, LeavesAnAllDisabledCyclicListInItsOrder)
     EXPECT_EQ(PLC_driver.currentList, 0);
 }
 
+TEST_F(Scheduler, LeavesEverythingElseWhereEveryCyclicStationIsDisabled)
+{
+    EnCommStation(2, 0);
+    addReads({"a", "b", "c"}, 2);
+    PLC_driver.onceBurst = 4;
+    PLC_driver.readCycleCount = 2;
+    settings.passComplete = 0;
+    EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.onceBurst, 4);
+    EXPECT_EQ(PLC_driver.readCycleCount, 2);
+    EXPECT_EQ(settings.passComplete, 0);
+}
+
+TEST_F(Scheduler, OpensTheOneShotBurstAgainByACyclicReadOnly)
+{
+    addOnce({"1"});
+    addWrites({"a"});
+    addReads({"R"});
+    PLC_driver.onceBurst = 5;
+    EXPECT_EQ(serve(3), QString("aR1"));
+}
+
+TEST_F(Scheduler, CountsACallThatConnectsTowardsItsBurst)
+{
+    addWrites({"a"}, 9);
+    EXPECT_NE(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+    PLC_driver.sendQueue.clear();
+    PLC_driver.writeList.clear();
+    addOnce({"1"}, 9);
+    EXPECT_NE(ComCommunication(), nullptr);
+    EXPECT_EQ(PLC_driver.onceBurst, 1);
+}
+
+TEST_F(Scheduler, ChangesNothingWhileAFrameIsPending)
+{
+    addWrites({"a", "b"});
+    ComCommunication();
+    PLC_driver.onceBurst = 3;
+    addOnce({"1"});
+    settings.passComplete = 0;
+    for (int i = 0; i < 10; ++i)
+        ComCommunication();
+    EXPECT_EQ(PLC_driver.writeBurst, 1);
+    EXPECT_EQ(PLC_driver.onceBurst, 3);
+    EXPECT_EQ(PLC_driver.currentList, 1);
+    EXPECT_EQ(settings.passComplete, 0);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+}
+
+TEST_F(Scheduler, LeavesEveryRequestOfARemoteLinkWhereItStands)
+{
+    settings.remoteMode = 1;
+    addWrites({"a", "b"});
+    addOnce({"1", "2"});
+    addReads({"R", "S"});
+    for (int call = 0; call < 11; ++call) {
+        EXPECT_EQ(PLC_driver.writeBurst, qMin(call, 5));
+        EXPECT_EQ(PLC_driver.onceBurst, qMax(0, call - 5));
+        EXPECT_EQ(ComCommunication(), nullptr);
+        EXPECT_EQ(order(PLC_driver.writeList), QString("ab"));
+        EXPECT_EQ(order(PLC_driver.onceReadList), QString("12"));
+        EXPECT_EQ(order(PLC_driver.readList), QString("RS"));
+    }
+    EXPECT_EQ(PLC_driver.writeBurst, 0) << "the eleventh call reached the cyclic reads";
+}
+
+TEST_F(Scheduler, TakesEveryModeButZeroForARemoteLinkAndLooksAtNoConnection)
+{
+    for (int mode : {1, 2, -1}) {
+        settings.remoteMode = mode;
+        PLC_driver.writeList.clear();
+        PLC_driver.writeList.append(on(44, writeOf("a", "x")));
+        EXPECT_EQ(ComCommunication(), nullptr) << mode;
+        PLC_driver.writeList.clear();
+        PLC_driver.onceReadList.append(on(44, readOf("1")));
+        EXPECT_EQ(ComCommunication(), nullptr) << mode;
+        PLC_driver.onceReadList.clear();
+        PLC_driver.readList.append(on(44, readOf("R")));
+        EXPECT_EQ(ComCommunication(), nullptr) << mode;
+        PLC_driver.readList.clear();
+    }
+    EXPECT_FALSE(PLCDataStorage.contains(44));
+}
+
 TEST_F(Scheduler, QueuesNothingOnARemoteLinkButCountsTheBursts)
 {
     settings.remoteMode = 1;
@@ -291,6 +376,26 @@ TEST_F(Scheduler, LearnsTheClassOfATagBeforeItsFirstWrite)
     EXPECT_EQ(answer(wire::writeReply(0x22)), 1);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 3, 1, 1}));
+}
+
+TEST_F(Scheduler, CompletesTheReadThatLearnsAClassAsACyclicOne)
+{
+    addReads({"R", "S"});
+    PLC_driver.writeList.append(writeOf("New", hex("01 02")));
+    EXPECT_EQ(ComCommunication()->var.tagName, QString("New"));
+    answer(wire::readReply(0x21, 0xC3, hex("09 09")));
+    EXPECT_EQ(order(PLC_driver.readList), QString("SR"));
+    EXPECT_EQ(PLC_driver.result.tagName, QString("R"));
+    EXPECT_TRUE(finished.empty());
+    EXPECT_EQ(order(PLC_driver.writeList), QString("New"));
+}
+
+TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostHasJustSet)
+{
+    const QByteArray value = hex("01 02");
+    EXPECT_EQ(SetRegisterData("New", 5, "0", 1, value, 1, 3, 1), 1);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("New"), hex("FF 00 00 00"));
+    EXPECT_BYTES(ComCommunication()->frame, wire::readRequest(0x21, kId, wire::tagPath("New"), 1));
 }
 
 TEST_F(Scheduler, StandsStillWithoutSettings)

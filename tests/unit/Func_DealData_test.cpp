@@ -190,6 +190,52 @@ TEST_F(StoredReply, IsNotStoredBeyondTheLargestValue)
     EXPECT_EQ(PLCDataStorage[1].tagData["T"].size(), largest);
 }
 
+TEST_F(StoredReply, BeginsItsValueWhereItsRequestSays)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
+    PLC_driver.sendQueue.first().auxLength = 24;
+    QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02 03 04"));
+    SaveToLocalDataErea(&reply);
+    EXPECT_BYTES(image(), hex("03 04"));
+    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+}
+
+TEST_F(StoredReply, LosesTheLengthByteOfAStringOutsideTheCatalogueToo)
+{
+    RW_VAR request = readOf("T");
+    request.reqFlag = 0;
+    store(request, wire::readReply(0x21, 0xDA, hex("03 41 42 43")));
+    EXPECT_BYTES(image(), hex("41 42 43"));
+}
+
+TEST_F(StoredReply, MakesNoImageOfAnEmptyString)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xDA, hex("00")));
+    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_FALSE(hasImage());
+}
+
+TEST_F(StoredReply, KeepsWhatAnEntryHoldsBehindItsConfirmation)
+{
+    PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00 07");
+    store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
+    EXPECT_BYTES(info(), hex("03 C3 00 FF 07"));
+}
+
+TEST_F(StoredReply, LosesALastByteToACrcThatReadsAsAPairOfDlesAsIsKnown)
+{
+    // Undoubling halves such a CRC, so that the trailer reaches into the value.
+    for (unsigned value = 0; value < 0x10000; ++value) {
+        const QByteArray reply = wire::readReply(0x21, 0xC3, wire::little(value, 2));
+        if (!reply.endsWith(hex("10 03 10 10")))
+            continue;
+        store(readOf("T"), reply);
+        EXPECT_BYTES(image(), wire::little(value, 1));
+        return;
+    }
+    FAIL() << "no such reply";
+}
+
 TEST_F(StoredReply, HasNoValueBeforeItsFirstByte)
 {
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));

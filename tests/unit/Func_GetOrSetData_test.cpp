@@ -56,6 +56,34 @@ TEST_F(SetValue, GoesToTheDefaultStationInSingleStationMode)
     EXPECT_EQ(PLC_driver.writeList.first().stationNo, 6);
 }
 
+TEST_F(SetValue, GoesToTheHostsStationInAnyMultiStationMode)
+{
+    settings.defaultStation = 6;
+    for (int mode : {1, 2, -1}) {
+        settings.multiStation = mode;
+        set("T", "ab");
+        EXPECT_EQ(PLC_driver.writeList.last().stationNo, 4) << mode;
+    }
+}
+
+TEST_F(SetValue, SeedsTheTagInEveryWriteMode)
+{
+    settings.writeMode = 0;
+    EXPECT_EQ(set("T", "ab"), 1);
+    EXPECT_BYTES(PLCDataStorage[4].tagInfo.value("T"), hex("FF 00 00 00"));
+}
+
+TEST_F(SetValue, IsDroppedWithoutAReportWhereTheQueueIsFull)
+{
+    declareIndexed("T");
+    RW_VAR other = writeOf("other", "x");
+    for (int i = 0; i < 1024; ++i)
+        AddListWriteVar(&other, 1);
+    EXPECT_EQ(set("T", "ab"), 1024);
+    EXPECT_EQ(PLC_driver.writeList.size(), 1024);
+    EXPECT_EQ(PLC_driver.writeList.last().tagName, QString("other"));
+}
+
 TEST_F(SetValue, QueuesNothingInAnyOtherWriteMode)
 {
     for (int mode : {0, 1, 3, -2}) {
@@ -159,6 +187,17 @@ TEST_F(GetValue, IsOneElementAtIndexZeroOutsideTheCatalogue)
     put("T", 3, "01 02 03 04");
     EXPECT_EQ(get("T", 1, 9), 1);
     EXPECT_BYTES(out, hex("01 02"));
+}
+
+TEST_F(GetValue, IsOneElementOfAnyClassOutsideTheCatalogue)
+{
+    const std::pair<int, const char*> rows[] = {
+        {0, "01"}, {2, "01 00"}, {4, "01 02 03 04"}, {5, "01 02 03 04 05 06 07 08"}};
+    for (const auto& [typeClass, expected] : rows) {
+        put("T", static_cast<quint8>(typeClass), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F");
+        EXPECT_EQ(get("T", 1, 9), 1);
+        EXPECT_BYTES(out, hex(expected));
+    }
 }
 
 TEST_F(GetValue, CopiesTwiceTheHostsCountOfAStringOutsideTheCatalogueToo)

@@ -132,6 +132,49 @@ INSTANTIATE_TEST_SUITE_P(
                       CountRow{3, 0, 0x12345678, 0x12345678},
                       CountRow{4, 0, std::numeric_limits<int>::min(), 0x7FFFFFFF}));
 
+TEST_F(ReadRequest, NamesTheElementOfEveryClassAndKindOfReadButAString)
+{
+    for (int typeClass : {0, 2, 3, 4, 5, 6, 0xFE}) {
+        for (int onceFlag : {0, 1, 2}) {
+            confirm("Zone", static_cast<quint8>(typeClass), 0xC3);
+            RW_VAR request = readOf("Zone", 300, 4);
+            request.onceFlag = onceFlag;
+            const int wide = onceFlag == 0 ? 3 : 2;
+            const int count = typeClass == 4 ? wide : typeClass == 5 ? 1 : 4;
+            EXPECT_BYTES(encoded(request),
+                         wire::readRequest(0x21, kId, hex("91 04 5A 6F 6E 65 29 00 2C 01"),
+                                           static_cast<quint32>(count)))
+                << typeClass << " once " << onceFlag;
+        }
+    }
+}
+
+TEST_F(ReadRequest, TakesEveryFlagButZeroForACataloguedName)
+{
+    for (int flag : {-1, 2, 77}) {
+        confirm("T", 4, 0xC4);
+        RW_VAR request = readOf("T", 7, 4);
+        request.onceFlag = 1;
+        request.reqFlag = flag;
+        EXPECT_BYTES(encoded(request), expected("T", 7, 2)) << flag;
+        PLCDataStorage[1].tagInfo["T"] = hex("04 C4 00 00");
+        EXPECT_BYTES(encoded(request), expected("T", 0, 1)) << flag;
+        EXPECT_BYTES(info("T"), hex("FF C4 00 00")) << flag;
+    }
+}
+
+TEST_F(ReadRequest, CarriesAllOfTheRequestAndLeavesTheCallersAlone)
+{
+    for (int flag : {0, 1}) {
+        RW_VAR request = distinctRequest("T");
+        request.reqFlag = flag;
+        const std::string before = fieldsOf(request);
+        ReadRegister(&request);
+        EXPECT_EQ(fieldsOf(PLC_driver.sendQueue.last().var), before);
+        EXPECT_EQ(fieldsOf(request), before);
+    }
+}
+
 class ReadElement : public ReadRequest,
                     public ::testing::WithParamInterface<std::pair<int, const char*>>
 {
@@ -162,7 +205,7 @@ TEST_F(ReadRequest, NamesNoElementOfAString)
 
 TEST_F(ReadRequest, PadsANameOfOddLength)
 {
-    for (int size : {0, 1, 2, 7, 8, 254, 255}) {
+    for (int size : {0, 1, 2, 7, 8, 254, 255, 256, 257}) {
         const QByteArray name(size, 'n');
         confirm(name.constData(), 3, 0xC3);
         EXPECT_BYTES(encoded(readOf(name.constData())), expected(name.constData(), 0, 1)) << size;

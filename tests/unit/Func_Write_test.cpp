@@ -115,6 +115,58 @@ TEST_F(WriteRequest, NamesTheElementOfACataloguedTag)
     EXPECT_BYTES(encoded(plain), expected(0xC3, 1, hex("01 02")));
 }
 
+TEST_F(WriteRequest, NamesTheElementOfEveryClassButAString)
+{
+    for (int typeClass : {0, 2, 3, 4, 5, 6, 0xFE}) {
+        confirm("T", static_cast<quint8>(typeClass), 0xC3);
+        EXPECT_EQ(encoded(writeOf("T", "x", 300)).mid(17, 9), hex("04 91 01 54 00 29 00 2C 01"))
+            << typeClass;
+    }
+}
+
+TEST_F(WriteRequest, NamesTheElementOfATagThatIsNotConfirmed)
+{
+    EXPECT_BYTES(encoded(writeOf("T", hex("01"), 300)), expected(0, 1, hex("01"), 300));
+    PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00");
+    EXPECT_BYTES(encoded(writeOf("T", hex("01 02"), 7)), expected(0, 1, hex("01 02"), 7));
+}
+
+TEST_F(WriteRequest, TakesEveryFlagButZeroForACataloguedName)
+{
+    confirm("T", 3, 0xC3);
+    for (int flag : {-1, 2}) {
+        RW_VAR request = writeOf("T", hex("01 02"), 300);
+        request.reqFlag = flag;
+        EXPECT_BYTES(encoded(request), expected(0xC3, 1, hex("01 02"), 300)) << flag;
+    }
+}
+
+TEST_F(WriteRequest, DoesNotLookAtTheKindOfRead)
+{
+    for (int flag : {0, 1, 2}) {
+        confirm("T", 4, 0xC4);
+        RW_VAR request = writeOf("T", hex("01 02 03 04 05 06 07 08"), 0, 4);
+        request.onceFlag = flag;
+        EXPECT_BYTES(encoded(request), expected(0xC4, 2, hex("01 02 03 04 05 06 07 08"))) << flag;
+        confirm("T", 5, 0xC5);
+        request.count = 8;
+        EXPECT_BYTES(encoded(request),
+                     expected(0xC5, 2, hex("01 02 03 04 05 06 07 08 00 00 00 00 00 00 00 00")));
+    }
+}
+
+TEST_F(WriteRequest, ChangesTheValueBytesOfTheRequestOnly)
+{
+    confirm("T", 4, 0xC4);
+    RW_VAR request = distinctRequest("T");
+    request.count = 4;
+    RW_VAR sent = request;
+    sent.data = hex("32 31 00 00 00 00 00 00");
+    WriteRegister(&request);
+    EXPECT_EQ(fieldsOf(request), fieldsOf(sent));
+    EXPECT_EQ(fieldsOf(PLC_driver.sendQueue.last().var), fieldsOf(sent));
+}
+
 TEST_F(WriteRequest, NamesNoElementOfAString)
 {
     confirm("T", 1, 0xDA);
@@ -144,10 +196,13 @@ TEST_F(WriteRequest, DoublesEveryDle)
 
 TEST_F(WriteRequest, TellsTheHostToRefreshOnceItIsQueued)
 {
-    static int queuedThen;
+    static int queuedThen, framesThen, answeredThen;
     queuedThen = -1;
+    settings.frameCount = settings.framesAnswered = 77;
     PLC_driver.refreshCallback = [](QList<RW_VAR>* list, int varType, int flag) {
         queuedThen = PLC_driver.sendQueue.size();
+        framesThen = PLC_driver.comInfo->frameCount;
+        answeredThen = PLC_driver.comInfo->framesAnswered;
         refreshed.push_back({list != nullptr, list ? list->size() : -1, varType, flag});
     };
     RW_VAR request = writeOf("T", "x");
@@ -159,6 +214,15 @@ TEST_F(WriteRequest, TellsTheHostToRefreshOnceItIsQueued)
     EXPECT_EQ(refreshed[0].varType, 6);
     EXPECT_EQ(refreshed[0].flag, 1);
     EXPECT_EQ(queuedThen, 1);
+    EXPECT_EQ(framesThen, 1);
+    EXPECT_EQ(answeredThen, 0);
+}
+
+TEST_F(WriteRequest, TellsTheHostToRefreshAfterAFailureToo)
+{
+    PLC_driver.errorFlag = true;
+    encoded(writeOf("T", "x"));
+    EXPECT_EQ(refreshed.size(), 1u);
 }
 
 TEST_F(WriteRequest, NeedsNoCallbackAndNoRequest)

@@ -242,6 +242,18 @@ TEST_F(HandshakeReply, ThatIsRejectedChangesNothingButTheCounter)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
+TEST_F(HandshakeReply, ThatIsRejectedAtTheFirstStepLeavesBothRequests)
+{
+    begin(5);
+    const QByteArray first = queued(0).frame, second = queued(1).frame;
+    EXPECT_EQ(check(hex("41 10 02 AA BB")), 0);
+    ASSERT_EQ(PLC_driver.sendQueue.size(), 2);
+    EXPECT_BYTES(queued(0).frame, first);
+    EXPECT_BYTES(queued(1).frame, second);
+    EXPECT_BYTES(station().connectionId, QByteArray());
+    EXPECT_EQ(settings.framesAnswered, 0);
+}
+
 TEST_F(HandshakeReply, IsNotJudgedByItsCrc)
 {
     begin();
@@ -411,6 +423,18 @@ TEST_F(IdentityReply, PatchesARequestWhoseCrcReadsAsAPairOfDles)
                                                     serial_model::at(found.second)));
 }
 
+TEST_F(IdentityReply, IsNotNeededToResendARequestWhoseCrcReadsAsAPairOfDles)
+{
+    const CrcCase found = requestWithCrc(0x1010);
+    clock.setSeconds(found.second);
+    beginConnecting(static_cast<quint16>(found.tns - 1));
+    ASSERT_TRUE(queued(0).frame.endsWith(hex("10 03 10 10")));
+    QByteArray nothing;
+    EXPECT_EQ(DataCom(&nothing, 0)->retValue, 201);
+    EXPECT_BYTES(queued(0).frame, connectionRequest(static_cast<quint16>(found.tns + 1),
+                                                    serial_model::at(found.second)));
+}
+
 TEST_F(IdentityReply, LeavesACrcThatReadsAsAPairOfDlesSingle)
 {
     const CrcCase found = requestWithCrc(0x1010);
@@ -435,6 +459,17 @@ TEST_F(ForwardOpenReply, HandsOutTheConnectionIdentifier)
     EXPECT_EQ(station().transactionCounter, 3);
     EXPECT_FALSE(station().handshakeDone);
     EXPECT_BYTES(queued(0).frame, frame);
+}
+
+TEST_F(ForwardOpenReply, PatchesNoQueuedRequest)
+{
+    begin(1);
+    settings.framesAnswered = 1;
+    const QByteArray first = queued(0).frame, second = queued(1).frame;
+    EXPECT_EQ(check(wire::forwardOpenReply(2, hex("5A 3C"))), 1);
+    EXPECT_BYTES(queued(0).frame, first);
+    EXPECT_BYTES(queued(1).frame, second);
+    EXPECT_BYTES(station().connectionId, hex("5A 3C"));
 }
 
 TEST_F(ForwardOpenReply, IsUndoubledBeforeTheIdentifierIsRead)

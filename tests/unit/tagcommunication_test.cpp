@@ -399,6 +399,23 @@ TEST(PlcAdd, RoundsCountsUpToWholeElements)
     }
 }
 
+TEST(PlcAdd, WrapsAtThirtyTwoBits)
+{
+    const struct
+    {
+        int type;
+        unsigned address, count, newAddress, newCount;
+    } rows[] = {{3, 0x80000000u, 0xFFFFFFFFu, 0, 0xFFFFFFFFu},
+                {4, 0x40000001u, 0xFFFFFFFFu, 4, 0},
+                {5, 0x20000001u, 0xFFFFFFFDu, 8, 0}};
+    for (const auto& row : rows) {
+        unsigned address = row.address, count = row.count;
+        EXPECT_TRUE(getPlcAdd(row.type, address, count));
+        EXPECT_EQ(address, row.newAddress) << row.type;
+        EXPECT_EQ(count, row.newCount) << row.type;
+    }
+}
+
 TEST(PlcAdd, LeavesEveryOtherClassAlone)
 {
     for (int type : {-1, 0, 1, 2, 6, 0xFF})
