@@ -1,0 +1,101 @@
+// The empty hooks for remote links and local areas: this program puts its own in their place, as
+// the loader lets any program do, to see when and with what they are called.
+
+#include "driver_fixture.h"
+
+using wire::hex;
+
+namespace {
+
+struct Call
+{
+    const char* hook;
+    const RW_VAR* request;
+    QByteArray data;
+    int queued;
+};
+std::vector<Call> calls;
+
+void note(const char* hook, const RW_VAR* request)
+{
+    calls.push_back({hook, request, request->data, PLC_driver.sendQueue.size()});
+}
+
+} // namespace
+
+void Remote_ReadVar(RW_VAR* request)
+{
+    note("read", request);
+}
+
+void Remote_WriteVar(RW_VAR* request)
+{
+    note("write", request);
+}
+
+void WriteDataToLocal(RW_VAR* request)
+{
+    note("local", request);
+}
+
+namespace {
+
+class Hooks : public DriverTest
+{
+protected:
+    Hooks()
+    {
+        calls.clear();
+        connectStation();
+    }
+};
+
+TEST_F(Hooks, ForRemoteLinksGetTheHeadOfTheListBeingServed)
+{
+    settings.remoteMode = 1;
+    PLC_driver.writeList.append(writeOf("a", "x"));
+    ComCommunication();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_STREQ(calls[0].hook, "write");
+    EXPECT_EQ(calls[0].request, &PLC_driver.writeList.first());
+
+    PLC_driver.writeList.clear();
+    PLC_driver.onceReadList.append(readOf("b"));
+    ComCommunication();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_STREQ(calls[1].hook, "read");
+    EXPECT_EQ(calls[1].request, &PLC_driver.onceReadList.first());
+
+    PLC_driver.onceReadList.clear();
+    PLC_driver.readList.append(readOf("c"));
+    ComCommunication();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_STREQ(calls[2].hook, "read");
+    EXPECT_EQ(calls[2].request, &PLC_driver.readList.first());
+}
+
+TEST_F(Hooks, ForRemoteLinksAreNotCalledOnALocalOne)
+{
+    PLC_driver.readList.append(readOf("c"));
+    ComCommunication();
+    EXPECT_TRUE(calls.empty());
+}
+
+TEST_F(Hooks, ForLocalAreasGetAWriteAsItWasSentUnlessTheLastTransactionFailed)
+{
+    confirm("T", 2, 0xC2);
+    RW_VAR request = writeOf("T", hex("11 00"));
+    WriteRegister(&request);
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_STREQ(calls[0].hook, "local");
+    EXPECT_EQ(calls[0].request, &request);
+    EXPECT_BYTES(calls[0].data, hex("11"));
+    EXPECT_EQ(calls[0].queued, 1);
+
+    PLC_driver.errorFlag = true;
+    WriteRegister(&request);
+    EXPECT_EQ(calls.size(), 1u);
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 2);
+}
+
+} // namespace
