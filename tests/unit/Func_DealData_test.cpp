@@ -213,6 +213,8 @@ TEST_F(StoredReply, MakesNoImageOfAnEmptyString)
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("00")));
     EXPECT_BYTES(info(), hex("01 DA 00 FF"));
     EXPECT_FALSE(hasImage());
+    QByteArray out;
+    EXPECT_EQ(GetRegisterData("T", 0, "0", 1, out, 1), 0);
 }
 
 TEST_F(StoredReply, KeepsWhatAnEntryHoldsBehindItsConfirmation)

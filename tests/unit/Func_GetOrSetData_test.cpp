@@ -273,6 +273,16 @@ TEST_F(GetValue, AnswersWhileAnotherHoldsTheListsAndLeavesItsOwnLockFree)
     PLC_driver.listMutex.unlock();
 }
 
+TEST_F(GetValue, DoesNotReadItsSecondArgument)
+{
+    put("T", 3, "01 02");
+    for (int ignored : {std::numeric_limits<int>::min(), -1, 0, 1, std::numeric_limits<int>::max()})
+    {
+        EXPECT_EQ(GetRegisterData("T", ignored, "0", 1, out, 1), 1);
+        EXPECT_BYTES(out, hex("01 02"));
+    }
+}
+
 TEST_F(GetValue, NeedsNoSettings)
 {
     put("T", 3, "01 02");

@@ -358,6 +358,8 @@ TEST_F(Lists, CompleteTheCallersOwnRecordOfAOneShotRead)
     AddListOnceReadVar(&request, 0);
     EXPECT_EQ(fieldsOf(request), fieldsOf(expected));
     EXPECT_EQ(fieldsOf(PLC_driver.onceReadList.first()), fieldsOf(expected));
+    EXPECT_TRUE(PLCDataStorage.contains(8)) << "the station is set before the tag is looked up";
+    EXPECT_FALSE(PLCDataStorage.contains(3));
 }
 
 TEST_F(Lists, KeepTheStationOfAOneShotReadInAnyMultiStationMode)
@@ -486,6 +488,23 @@ TEST_F(Lists, CutWholeBlocksAndLeaveTheRestWithTheCaller)
     EXPECT_EQ(text(runs()), "(2,15)(17,15)(32,2)");
 }
 
+TEST_F(Lists, GiveEveryBlockTheOtherFieldsOfItsRun)
+{
+    RW_VAR run = distinctRequest("T");
+    run.startAddress = 2;
+    run.count = 32;
+    const RW_VAR given = run;
+    addressAdd(run, 15, true);
+    const int starts[] = {2, 17, 32}, counts[] = {15, 15, 2};
+    ASSERT_EQ(PLC_driver.readList.size(), 3);
+    for (int i = 0; i < 3; ++i) {
+        RW_VAR expected = given;
+        expected.startAddress = starts[i];
+        expected.count = counts[i];
+        EXPECT_EQ(fieldsOf(PLC_driver.readList[i]), fieldsOf(expected));
+    }
+}
+
 TEST_F(Lists, CutNothingForALengthThatCannotBe)
 {
     for (int length : {0, -1}) {
@@ -550,6 +569,21 @@ TEST_F(Lists, RebuildTheCyclicListFromTheHostsVariables)
     EXPECT_EQ(PLC_driver.readList[1].reqFlag, 1);
     EXPECT_EQ(PLC_driver.readCycleCount, 0);
     EXPECT_EQ(settings.passComplete, 0);
+}
+
+TEST_F(Lists, RebuildRequestsOfDifferentNamesAllAlike)
+{
+    for (const char* tag : {"A", "B", "C"})
+        declareIndexed(tag);
+    QList<HOSTVAR> variables = {hostVar("C", "0", 1), hostVar("A", "0", 1), hostVar("B", "0", 1)};
+    ReCreatReadVarList(&variables);
+    ASSERT_EQ(PLC_driver.readList.size(), 3);
+    for (int i = 0; i < 3; ++i) {
+        RW_VAR expected = readOf(i == 0 ? "A" : i == 1 ? "B" : "C");
+        expected.varType = 0;
+        expected.varIndex = -1;
+        EXPECT_EQ(fieldsOf(PLC_driver.readList[i]), fieldsOf(expected));
+    }
 }
 
 TEST_F(Lists, MergeOnlyWithinOneName)

@@ -82,6 +82,17 @@ TEST_F(ReadRequest, ForgetsAClassThatNoReplyConfirmed)
     EXPECT_BYTES(info("T"), hex("FF C3 00 00"));
 }
 
+TEST_F(ReadRequest, LeavesAConfirmedEntryUntouched)
+{
+    for (int typeClass : {0, 1, 2, 3, 4, 5, 0xFF}) {
+        const QByteArray entry =
+            wire::little(static_cast<quint64>(typeClass), 1) + hex("C5 07 FF 09");
+        PLCDataStorage[1].tagInfo["T"] = entry;
+        encoded(readOf("T", 7, 9));
+        EXPECT_BYTES(info("T"), entry);
+    }
+}
+
 TEST_F(ReadRequest, TrustsAConfirmationInAnEntryOfFourBytesOnly)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("03 C3 FF");
