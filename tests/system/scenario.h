@@ -81,12 +81,15 @@ protected:
     /// True: a reply begins with its DLE STX, and a DLE ACK is put in front for the driver; where
     /// its CRC is 10 10, a filler byte behind.
     bool looksForFrame = false;
+    /// True for a request that no controller hears.
+    std::function<bool(const Protocol& sent)> isDead;
     /// False: what arrived before a request is taken for its reply.
     bool emptiesInput = true;
     /// Calls of the driver's two entry points of the poll cycle.
     int calls = 0;
 
 private:
+    void takeInput();
     QByteArray collect();
     void handOver(Protocol& sent, QByteArray reply, Exchange& exchange);
     int dataCom(QByteArray& reply, int length);
@@ -94,9 +97,12 @@ private:
     std::unique_ptr<micro850::sim::FaultyLine> m_line;
     ::VirtualClock m_timeOfDay;
     std::size_t m_taken = 0;
+    QByteArray m_input; ///< arrived and not looked at
 };
 
 /// A request frame as a line: "0 identity", "1 open", "2 read A[3] x1", "3 write B x1 = 05 00".
 std::string requestText(const QByteArray& frame);
+/// What a careful host looks at before it hands a reply over: CRC, command, transaction number.
+bool isAnswerTo(const QByteArray& frame, const QByteArray& reply);
 
 #endif

@@ -114,15 +114,6 @@ std::vector<std::string> flips()
     return all;
 }
 
-// What a host owes: the CRC of every reply, its command and its transaction number.
-bool isAnswerTo(const QByteArray& frame, const QByteArray& reply)
-{
-    const QByteArray asked = wire::unframed(frame);
-    const QByteArray data = wire::unframed(reply);
-    return data.size() > 8 && data.at(2) == (asked.at(2) | '\x40') &&
-           data.mid(4, 2) == asked.mid(4, 2);
-}
-
 const std::vector<std::string> kLostDoubledInserted = {R"("fault": "lose")", R"("fault": "double")",
                                                        R"("fault": "insert", "bytes": "10")",
                                                        R"("fault": "insert", "bytes": "FF")"};

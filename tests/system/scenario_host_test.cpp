@@ -1,0 +1,278 @@
+// The reference host on a line with faults, on virtual time.
+
+#include "sim_line.h"
+
+#include "DriverLibrary.h"
+#include "PollLoop.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace {
+
+using host::Operation;
+using host::Quality;
+using host::Station;
+
+class HostScenario : public ::testing::Test
+{
+protected:
+    HostScenario()
+    {
+        plant(R"({"name": "A", "type": "INT", "value": 111},
+                 {"name": "B", "type": "INT", "value": 222},
+                 {"name": "C", "type": "DINT", "value": 333},
+                 {"name": "W", "type": "INT", "value": 444})");
+    }
+
+    void plant(const std::string& tags)
+    {
+        engine.download(micro850::sim::Plant::fromText("{\"tags\": [" + tags + "]}", "plant"));
+    }
+    void faults(const std::string& rules)
+    {
+        for (const auto& fault :
+             micro850::sim::faultsFromText("{\"faults\": [" + rules + "]}", "faults"))
+            line.add(fault);
+    }
+    void start(const char* variables = R"({"tag": "A"}, {"tag": "B"}, {"tag": "C"})",
+               const char* stations = R"([{"number": 1}])")
+    {
+        const QString text = QStringLiteral(
+            R"({"port": {"timeoutMs": 200, "retryLimit": 2}, "staleAfterMs": 2000,
+                "stations": %1, "variables": [%2]})");
+        project = host::Project::fromText(text.arg(stations, variables), "p.json");
+        loop = std::make_unique<host::PollLoop>(library.api(), port, port, project);
+        port.pause(1000);
+    }
+
+    /// Steps until the condition holds; false after a minute of virtual time. Every value that is
+    /// shown on the way is one that its tag has had.
+    template<typename Condition> bool runUntil(Condition condition)
+    {
+        const qint64 end = port.now() + 60000;
+        for (int steps = 0; !condition(); ++steps) {
+            if (port.now() > end || steps > 100000)
+                return false;
+            loop->step();
+            foreignValues +=
+                !isOwnValue(0, "111") || !isOwnValue(1, "222") || !isOwnValue(2, "333");
+        }
+        return true;
+    }
+    bool isOwnValue(int variable, const char* value)
+    {
+        if (variable >= loop->values().size() || !loop->values().wasRead(variable))
+            return true;
+        const std::string text = shown(variable);
+        return text == value || text == "5";
+    }
+    bool runUntilGood()
+    {
+        return runUntil([&] {
+            for (int i = 0; i < loop->values().size(); ++i) {
+                if (loop->quality(i) != Quality::Good)
+                    return false;
+            }
+            return true;
+        });
+    }
+    void runFor(qint64 ms)
+    {
+        const qint64 end = port.now() + ms;
+        EXPECT_TRUE(runUntil([&] { return port.now() >= end; }));
+    }
+    std::string shown(int variable) { return loop->values().text(variable).toStdString(); }
+    void setValues(std::uint8_t value)
+    {
+        for (const char* tag : {"A", "B"})
+            engine.plant().find(tag)->elements[0] = {value, 0};
+        engine.plant().find("C")->elements[0] = {value, 0, 0, 0};
+    }
+    const host::Counters& counters(int station = 1)
+    {
+        return loop->stations().find(station)->counters;
+    }
+
+    micro850::sim::VirtualClock clock;
+    micro850::sim::Engine engine{clock, micro850::sim::Plant()};
+    micro850::sim::FaultyLine line{clock, engine};
+    SimLine port{clock, line};
+    host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
+    host::Project project;
+    std::unique_ptr<host::PollLoop> loop;
+    int foreignValues = 0;
+};
+
+TEST_F(HostScenario, ALateReplyIsNeverShownUnderAnotherTag)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    for (const int late : {1, 2, 5}) {
+        const unsigned next = line.messages(micro850::sim::Side::Replies) + 1;
+        std::string points;
+        for (unsigned i = 0; i < 40; ++i)
+            points += (i == 0 ? "" : ", ") + std::to_string(next + 7 * i);
+        faults(R"({"fault": "delay", "later": )" + std::to_string(late) + R"(, "message": [)" +
+               points + "]}");
+        runFor(20000);
+        line.clear();
+        ASSERT_TRUE(runUntilGood()) << late;
+    }
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_GT(counters().late, 30);
+}
+
+TEST_F(HostScenario, AReplyThatIsSentAgainInPlaceOfAnotherIsDroppedAndCountedAsLate)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    faults(R"({"fault": "previous", "rate": 0.2})");
+    runFor(20000);
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_GT(counters().late, 10);
+}
+
+TEST_F(HostScenario, RepliesInSingleBytesWithPausesCostNoTimeOut)
+{
+    faults(R"({"fault": "split", "rate": 1, "seconds": 0.002})");
+    start();
+    ASSERT_TRUE(runUntilGood());
+    runFor(5000);
+    EXPECT_EQ(counters().timedOut, 0);
+    EXPECT_EQ(counters().corrupt, 0);
+}
+
+TEST_F(HostScenario, ALeadingNakAStrayAckAndASecondCopyCostNoValue)
+{
+    faults(R"({"fault": "nak", "rate": 0.2},
+              {"fault": "insert", "rate": 0.2, "byte": 1, "bytes": "10 06"},
+              {"fault": "duplicate", "rate": 0.2})");
+    start();
+    ASSERT_TRUE(runUntilGood());
+    runFor(20000);
+    ASSERT_TRUE(runUntilGood());
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_EQ(counters().reconnects, 0);
+    EXPECT_EQ(line.counts().size(), 3u);
+}
+
+TEST_F(HostScenario, ACorruptReplyIsAskedForAgainInTheSameTime)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    faults(R"({"fault": "flip", "rate": 0.2})");
+    runFor(20000);
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_GT(counters().corrupt, 50);
+    // A bit that falls on the end of a frame costs a time-out; most do not.
+    EXPECT_LT(counters().timedOut, counters().corrupt / 2);
+}
+
+TEST_F(HostScenario, APowerCycleOfTheControllerInMidPollingIsFollowedByFreshValues)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    engine.powerCycle(false);
+    setValues(5);
+    EXPECT_TRUE(runUntil([&] { return shown(0) == "5" && shown(1) == "5" && shown(2) == "5"; }));
+    EXPECT_EQ(counters().reconnects, 1);
+}
+
+TEST_F(HostScenario, AConnectionThatTimedOutIsMadeAgain)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    port.pause(33000);
+    EXPECT_EQ(engine.server().openConnections(), 0u);
+    setValues(5);
+    EXPECT_TRUE(runUntil([&] { return shown(0) == "5" && shown(1) == "5" && shown(2) == "5"; }));
+    EXPECT_EQ(engine.server().openConnections(), 1u);
+}
+
+TEST_F(HostScenario, ACableThatWasPulledAndPutBackIsNoticedAndValuesFlowAgain)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    faults(R"({"fault": "hang-up", "message": )" +
+           std::to_string(line.messages(micro850::sim::Side::Replies) + 5) + R"(, "seconds": 10})");
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    EXPECT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Stale; }));
+    setValues(5);
+    EXPECT_TRUE(runUntilGood());
+    EXPECT_EQ(shown(0), "5");
+    EXPECT_EQ(loop->lineReconnects(), 1);
+}
+
+TEST_F(HostScenario, AnErrorInPlaceOfAnAnswerIsShownAndCountedAndNotTakenForAValue)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    faults(R"({"fault": "cip-error", "rate": 0.2, "status": 8})");
+    runFor(10000);
+    line.clear();
+    EXPECT_EQ(foreignValues, 0);
+    qint64 errors = 0;
+    for (const qint64 count : counters().errors)
+        errors += count;
+    EXPECT_GE(errors, 3);
+    EXPECT_TRUE(runUntilGood());
+}
+
+/// Two controllers behind one line. Their frames look alike: data goes by its tag, and a connection
+/// set-up is for the first while that has no connection.
+class TwoStations : public HostScenario
+{
+protected:
+    TwoStations()
+    {
+        farEngine.download(micro850::sim::Plant::fromText(
+            R"({"tags": [{"name": "FarTag", "type": "INT", "value": 222}]})", "far"));
+        port.add(farLine);
+        port.route = [this](const QByteArray& piece) { return heardBy(piece); };
+    }
+
+    /// A link control is for the one that the last frame was for.
+    micro850::sim::FaultyLine* heardBy(const QByteArray& piece)
+    {
+        if (piece.size() > 2) {
+            const bool isSetUp = piece.at(6) == '\x0B';
+            m_isFar = isSetUp ? engine.server().openConnections() > 0 : piece.contains("FarTag");
+        }
+        if (m_isFar && farIsDead)
+            return nullptr;
+        return m_isFar ? &farLine : &line;
+    }
+
+    bool farIsDead = false;
+    micro850::sim::Engine farEngine{clock, micro850::sim::Plant()};
+    micro850::sim::FaultyLine farLine{clock, farEngine};
+
+private:
+    bool m_isFar = false;
+};
+
+TEST_F(TwoStations, ADeadOneIsProbedAtAnIntervalWhileTheLiveOneGoesOn)
+{
+    start(R"({"tag": "A"}, {"tag": "FarTag", "station": 2})", R"([{"number": 1}, {"number": 2}])");
+    ASSERT_TRUE(runUntilGood());
+    ASSERT_EQ(shown(1), "222");
+
+    farIsDead = true;
+    ASSERT_TRUE(runUntil([&] { return loop->stations()[2].state == Station::State::Dead; }));
+    const qint64 live = counters(1).answered;
+    const qint64 probes = counters(2).sent;
+    runFor(20000);
+    EXPECT_GT(counters(1).answered - live, 1000);
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+    EXPECT_EQ(loop->quality(1), Quality::Stale);
+    EXPECT_GE(counters(2).sent - probes, 1);
+    EXPECT_LE(counters(2).sent - probes, 40);
+
+    farIsDead = false;
+    EXPECT_TRUE(runUntilGood());
+    EXPECT_EQ(foreignValues, 0);
+}
+
+} // namespace
