@@ -15,7 +15,7 @@ struct Unit
 };
 
 const Unit kUnits[] = {
-    {2, 7 * 86400 * kSecond}, {3, 86400 * kSecond}, {4, 3600 * kSecond}, {5, 60 * kSecond}};
+    {2, kSecond * 86400 * 7}, {3, kSecond * 86400}, {4, kSecond * 3600}, {5, kSecond * 60}};
 const int kSeconds = 6;
 const int kFraction = 7;
 

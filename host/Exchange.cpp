@@ -106,7 +106,10 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
 // nothing.
 bool Exchange::askAgain(Attempt& attempt)
 {
-    return attempt.asksAgain-- <= 0 || sendControl(kNak);
+    if (attempt.asksAgain-- <= 0)
+        return true;
+    ++attempt.counters.retries;
+    return sendControl(kNak);
 }
 
 bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
@@ -135,6 +138,8 @@ bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
 bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
 {
     ++counters.sent;
+    counters.retries += frame == m_lastFrame ? 1 : 0;
+    m_lastFrame = frame;
     counters.bytesSent += frame.size();
     m_lastResponse = kAck; // the frame begins with one
     m_unacknowledged = false;

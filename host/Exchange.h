@@ -21,11 +21,14 @@ struct Counters
     qint64 timedOut = 0;      ///< requests without an answer in time
     qint64 corrupt = 0;       ///< frames with a wrong CRC
     qint64 late = 0;          ///< intact replies of another request
+    qint64 retries = 0;       ///< requests sent again, and replies asked for again
     qint64 refusedByPeer = 0; ///< DLE NAK for a request of ours
     qint64 reconnects = 0;    ///< connections made anew
     qint64 bytesSent = 0;
     qint64 bytesReceived = 0;
     QMap<QString, qint64> errors; ///< replies by their status, see statusKey()
+
+    qint64 bytes() const { return bytesSent + bytesReceived; }
 };
 
 /// One request and what became of it.
@@ -77,6 +80,7 @@ private:
     Observer m_observer;
     char m_lastResponse = kAck;
     bool m_unacknowledged = false;
+    QByteArray m_lastFrame;
 };
 
 } // namespace host

@@ -1,30 +1,16 @@
 #include "LiveTable.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace host {
 
 namespace {
 
-QString qualityText(Quality quality)
-{
-    switch (quality) {
-    case Quality::Never:
-        return QStringLiteral("never");
-    case Quality::Good:
-        return QStringLiteral("good");
-    case Quality::Stale:
-        break;
-    }
-    return QStringLiteral("stale");
-}
-
 // A text in so many characters: filled up, or cut with a mark.
 QString fitted(const QString& text, int width)
 {
-    if (text.size() <= width)
-        return text.leftJustified(width);
-    return width < 1 ? QString() : text.left(width - 1) + QChar(0x2026);
+    return cut(text, width).leftJustified(width);
 }
 
 QString trimmedEnd(QString text)
@@ -80,6 +66,26 @@ QString errorCounts(const Counters& counters)
 
 } // namespace
 
+QString qualityText(Quality quality)
+{
+    switch (quality) {
+    case Quality::Never:
+        return QStringLiteral("never");
+    case Quality::Good:
+        return QStringLiteral("good");
+    case Quality::Stale:
+        break;
+    }
+    return QStringLiteral("stale");
+}
+
+QString cut(const QString& text, int width)
+{
+    if (text.size() <= width)
+        return text;
+    return width < 1 ? QString() : text.left(width - 1) + QChar(0x2026);
+}
+
 QString ageText(qint64 ms)
 {
     if (ms < 0)
@@ -107,27 +113,50 @@ QStringList LiveTable::variableRow(int variable, qint64 now) const
             values.error(variable)};
 }
 
-QStringList LiveTable::lines(int width, int rows, qint64 now) const
+qint64 LiveTable::age(int variable, qint64 now) const
 {
-    const QStringList stations = stationLines(now);
-    const int room = std::max(1, rows - 3 - stations.size());
-    const int shown =
-        m_project.variables.size() <= room ? m_project.variables.size() : std::max(0, room - 1);
+    const qint64 at = m_loop.values().refreshedAt(variable);
+    return at < 0 ? std::numeric_limits<qint64>::max() : now - at;
+}
+
+Style LiveTable::styleOf(int variable) const
+{
+    if (!m_loop.values().error(variable).isEmpty())
+        return Style::Error;
+    return m_loop.quality(variable) == Quality::Good ? Style::Plain : Style::Warning;
+}
+
+Page LiveTable::rows(const QVector<int>& variables, int width, qint64 now) const
+{
     QVector<QStringList> cells;
-    for (int i = 0; i < shown; ++i)
-        cells.append(variableRow(i, now));
+    for (const int variable : variables)
+        cells.append(variableRow(variable, now));
     const Widths widths = widthsFor(cells, width);
-    QStringList lines(widths.row({"NAME", "TYPE", "VALUE", "AGE", "QUALITY", "ERROR"}));
-    for (const QStringList& row : cells)
-        lines += widths.row(row);
-    if (shown < m_project.variables.size())
-        lines += QStringLiteral("... and %1 more").arg(m_project.variables.size() - shown);
-    lines += QString();
-    lines += lineState();
-    lines += stations;
-    for (QString& line : lines)
-        line = trimmedEnd(fitted(line, width));
-    return lines;
+    Page page;
+    const QStringList heading = {"NAME", "TYPE", "VALUE", "AGE", "QUALITY", "ERROR"};
+    page.append({trimmedEnd(cut(widths.row(heading), width)), Style::Heading});
+    for (int i = 0; i < cells.size(); ++i)
+        page.append({trimmedEnd(cut(widths.row(cells.at(i)), width)), styleOf(variables.at(i))});
+    return page;
+}
+
+QString LiveTable::lineStatistics(qint64 now) const
+{
+    const LineStatistics& line = m_loop.statistics();
+    qint64 retries = 0;
+    for (const Station& station : m_loop.stations())
+        retries += station.counters.retries;
+    const auto time = [&line](int percent) {
+        const qint64 ms = line.roundTripMs(percent);
+        return ms < 0 ? QStringLiteral("-") : QStringLiteral("%1 ms").arg(ms);
+    };
+    return QStringLiteral("%1 transactions/s, %2 % in use, round trip %3, 99 % within %4, "
+                          "retries %5, reopened %6")
+        .arg(line.transactionsPerSecond(now), 0, 'f', 1)
+        .arg(line.percentInUse(now, m_project.port), 0, 'f', 0)
+        .arg(time(50), time(99))
+        .arg(retries)
+        .arg(m_loop.lineReconnects());
 }
 
 QString LiveTable::lineState() const

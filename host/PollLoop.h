@@ -3,6 +3,7 @@
 
 #include "Driver.h"
 #include "Exchange.h"
+#include "LineStatistics.h"
 #include "Project.h"
 #include "Station.h"
 #include "ValueStore.h"
@@ -45,6 +46,7 @@ public:
     /// Why the line is down.
     QString lineError() const { return m_lineError; }
     qint64 lineReconnects() const { return m_lineReconnects; }
+    const LineStatistics& statistics() const { return m_statistics; }
     Exchange& exchange() { return m_exchange; }
 
 private:
@@ -86,6 +88,7 @@ private:
     Line& m_line;
     const Clock& m_clock;
     Exchange m_exchange;
+    LineStatistics m_statistics;
     Driver m_driver;
     ValueStore m_values;
     QMap<int, Station> m_stations;

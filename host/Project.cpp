@@ -115,9 +115,22 @@ void checkElements(const JsonNode& node, const Variable& variable)
         node.fail("of a string only element 0 and length 1 can be read");
 }
 
+void takeScaling(const JsonNode& node, Variable& variable)
+{
+    variable.gain = node.number("gain", 1);
+    variable.offset = node.number("offset", 0);
+    variable.unit = QString::fromStdString(node.text("unit", ""));
+    if (variable.gain == 0)
+        node.at("gain").fail("0 would show every value as the offset (leave it out for 1)");
+    const bool number = !variable.type || isNumber(*variable.type);
+    if (variable.isScaled() && !number)
+        node.fail(std::string("gain and offset are for numbers, not for ") + variable.type->name);
+}
+
 Variable variableOf(const JsonNode& node, const Project& before)
 {
-    node.expectKeys({"name", "tag", "station", "type", "element", "length", "area", "poll"});
+    node.expectKeys({"name", "tag", "station", "type", "element", "length", "area", "poll", "gain",
+                     "offset", "unit"});
     Variable variable;
     variable.tag = tagOf(node.at("tag"));
     variable.name = QString::fromStdString(node.text("name", variable.tag.toStdString()));
@@ -134,6 +147,7 @@ Variable variableOf(const JsonNode& node, const Project& before)
     variable.area = static_cast<int>(node.integer("area", 0, 255, 0));
     if (node.has("poll"))
         variable.poll = pollOf(node.at("poll"));
+    takeScaling(node, variable);
     checkElements(node, variable);
     return variable;
 }

@@ -9,6 +9,13 @@
 
 namespace host {
 
+/// True for a type whose values are shown as numbers.
+inline bool isNumber(const micro850::CipType& type)
+{
+    return type.kind == micro850::CipKind::Signed || type.kind == micro850::CipKind::Unsigned ||
+           type.kind == micro850::CipKind::Real;
+}
+
 /// How often a variable is read.
 enum class PollMode { Cyclic, Once };
 
@@ -26,6 +33,12 @@ struct Variable
     /// a queued write by a later one to the same area, element and count, whatever its tag.
     int area = 0;
     PollMode poll = PollMode::Cyclic;
+    /// Shown is value * gain + offset, with the unit behind it.
+    double gain = 1;
+    double offset = 0;
+    QString unit;
+
+    bool isScaled() const { return gain != 1 || offset != 0; }
 };
 
 struct StationSettings

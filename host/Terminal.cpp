@@ -25,9 +25,28 @@ winsize sizeOf(std::FILE* stream)
     return size;
 }
 
+const char* sequenceOf(Style style)
+{
+    switch (style) {
+    case Style::Heading:
+        return "\x1b[1m";
+    case Style::Warning:
+        return "\x1b[33m";
+    case Style::Error:
+        return "\x1b[31m";
+    case Style::Faint:
+        return "\x1b[2m";
+    case Style::Plain:
+        break;
+    }
+    return "";
+}
+
 } // namespace
 
-Terminal::Terminal(std::FILE* stream) : m_stream(stream), m_isTerminal(isatty(fileno(stream)) == 1)
+Terminal::Terminal(std::FILE* stream)
+    : m_stream(stream), m_isTerminal(isatty(fileno(stream)) == 1),
+      m_styled(qgetenv("NO_COLOR").isEmpty() && qgetenv("TERM") != "dumb")
 {
 }
 
@@ -41,19 +60,24 @@ int Terminal::rows() const
     return sizeOf(m_stream).ws_row;
 }
 
-void Terminal::draw(const QStringList& lines)
+void Terminal::draw(const Page& page)
 {
     if (!m_isTerminal)
         return;
     // The alternate screen, without cursor; then each line over the one that stood there.
-    QByteArray page = m_entered ? "\x1b[H" : "\x1b[?1049h\x1b[?25l\x1b[H";
+    QByteArray bytes = m_entered ? "\x1b[H" : "\x1b[?1049h\x1b[?25l\x1b[H";
     m_entered = true;
-    for (int i = 0; i < lines.size(); ++i)
-        page += lines.at(i).toUtf8() + "\x1b[K" + (i + 1 < lines.size() ? "\r\n" : "");
-    page += "\x1b[J";
-    std::fwrite(page.constData(), 1, static_cast<std::size_t>(page.size()), m_stream);
+    m_last.clear();
+    for (const PageLine& line : page) {
+        if (!m_last.isEmpty())
+            bytes += "\r\n";
+        const char* style = m_styled ? sequenceOf(line.style) : "";
+        bytes += style + line.text.toUtf8() + (*style != 0 ? "\x1b[0m" : "") + "\x1b[K";
+        m_last += line.text;
+    }
+    bytes += "\x1b[J";
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), m_stream);
     std::fflush(m_stream);
-    m_last = lines;
 }
 
 void Terminal::restore()

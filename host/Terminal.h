@@ -2,10 +2,20 @@
 #define MICRO850_HOST_TERMINAL_H
 
 #include <QtCore/QStringList>
+#include <QtCore/QVector>
 
 #include <cstdio>
 
 namespace host {
+
+enum class Style { Plain, Heading, Warning, Error, Faint };
+
+struct PageLine
+{
+    QString text;
+    Style style;
+};
+using Page = QVector<PageLine>;
 
 /// A terminal on which a page is drawn again and again, on its alternate screen. Does nothing on
 /// what is no terminal.
@@ -20,7 +30,8 @@ public:
     bool isTerminal() const { return m_isTerminal; }
     int width() const;
     int rows() const;
-    void draw(const QStringList& lines);
+    /// Styles are left out where the environment has NO_COLOR, or TERM is dumb.
+    void draw(const Page& page);
     /// Gives back the screen as it was, the last page below it.
     void restore();
 
@@ -28,6 +39,7 @@ private:
     std::FILE* m_stream;
     bool m_isTerminal;
     bool m_entered = false;
+    bool m_styled;
     QStringList m_last;
 };
 

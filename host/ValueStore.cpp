@@ -4,6 +4,7 @@
 #include "UserError.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace host {
 
@@ -100,10 +101,16 @@ Quality ValueStore::quality(int variable, qint64 now, bool alive) const
 QStringList ValueStore::texts(int variable) const
 {
     const State& state = m_states.at(variable);
+    const Variable& asked = m_project.variables.at(variable);
     QStringList texts;
-    for (int i = 0; i < state.elements.size(); ++i)
-        texts += state.times.at(i) < 0 ? QStringLiteral("?")
-                                       : elementText(*state.type, state.elements.at(i));
+    for (int i = 0; i < state.elements.size(); ++i) {
+        if (state.times.at(i) < 0)
+            texts += QStringLiteral("?");
+        else if (asked.isScaled() && isNumber(*state.type))
+            texts += QString::number(scaled(asked, *state.type, state.elements.at(i)), 'g', 9);
+        else
+            texts += elementText(*state.type, state.elements.at(i));
+    }
     return texts;
 }
 
@@ -113,7 +120,27 @@ QString ValueStore::text(int variable) const
     if (state.missing == state.elements.size())
         return QString();
     const QStringList all = texts(variable);
-    return all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
+    const QString text = all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
+    const QString unit = m_project.variables.at(variable).unit;
+    return unit.isEmpty() ? text : text + ' ' + unit;
+}
+
+double ValueStore::number(int variable) const
+{
+    const State& state = m_states.at(variable);
+    const double none = std::numeric_limits<double>::quiet_NaN();
+    if (state.times.first() < 0)
+        return none;
+    if (state.type->kind == micro850::CipKind::Boolean)
+        return state.elements.first().startsWith('\0') ? 0 : 1;
+    return isNumber(*state.type)
+               ? scaled(m_project.variables.at(variable), *state.type, state.elements.first())
+               : none;
+}
+
+double scaled(const Variable& variable, const micro850::CipType& type, const QByteArray& element)
+{
+    return elementText(type, element).toDouble() * variable.gain + variable.offset;
 }
 
 QSet<int> ValueStore::takeChanged()

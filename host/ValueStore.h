@@ -33,10 +33,17 @@ public:
     qint64 refreshedAt(int variable) const;
     /// `alive` says whether the variable's station answers.
     Quality quality(int variable, qint64 now, bool alive) const;
-    /// Its elements as text.
+    /// Its elements as text, scaled where the project says so.
     QStringList texts(int variable) const;
-    /// One line: the value, or "[a, b, c]" of several elements; "" before the first.
+    /// One line: the value, or "[a, b, c]" of several elements, and the unit; "" before the first.
     QString text(int variable) const;
+    /// The first element as a number, scaled; NaN before the first value and for what is none.
+    double number(int variable) const;
+    /// The elements' bytes, in the controller's order.
+    const QVector<QByteArray>& elements(int variable) const
+    {
+        return m_states.at(variable).elements;
+    }
 
     /// The variables whose value or error changed since the last call.
     QSet<int> takeChanged();
@@ -60,6 +67,8 @@ private:
 
 /// The elements' bytes in a run of value bytes; a string is the whole run.
 QVector<QByteArray> elementsOf(const micro850::CipType& type, const QByteArray& bytes);
+/// The value of a number's element, as the variable shows it.
+double scaled(const Variable& variable, const micro850::CipType& type, const QByteArray& element);
 /// One element as text. Characters are Latin-1 on the wire.
 QString elementText(const micro850::CipType& type, const QByteArray& element);
 /// The wire bytes of one element from a text. Throws UserError.

@@ -1,17 +1,17 @@
+#include "ChangePrinter.h"
 #include "Connection.h"
-#include "LiveTable.h"
-#include "Output.h"
-#include "Terminal.h"
+#include "TableView.h"
 #include "TraceFile.h"
 #include "UserError.h"
 
-#include <QtCore/QTime>
-
 #include <memory>
+#include <unistd.h>
 
 namespace host {
 
 namespace {
+
+const int kTableIntervalMs = 100;
 
 struct PollOptions
 {
@@ -19,35 +19,74 @@ struct PollOptions
     OutputOptions output;
     double seconds = 0;
     double interval = 0;
+    double staleAfter = 0;
+    std::string match;
+    std::string sort = "project";
 };
+
+SortOrder orderOf(const std::string& name)
+{
+    if (name == "name")
+        return SortOrder::Name;
+    return name == "age" ? SortOrder::Age : SortOrder::Project;
+}
+
+Project pollProject(const PollOptions& options)
+{
+    Project project = projectOf(options.line);
+    requirePort(project, options.line);
+    if (options.staleAfter > 0)
+        project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
+    QVector<Variable> matching;
+    for (const Variable& variable : project.variables) {
+        if (matches(variable.name, textOf(options.match)))
+            matching.append(variable);
+    }
+    if (matching.isEmpty()) {
+        throw micro850::UserError("--match: no variable of " + options.line.project +
+                                  " matches \"" + options.match +
+                                  "\" (a part of a name, or a pattern with * and ?)");
+    }
+    // On a terminal the table shows those that match, and others when the person asks for them.
+    return project;
+}
 
 /// Shows the poll loop: a table that is drawn anew on a terminal, a line a change elsewhere.
 class Display
 {
 public:
-    Display(PollLoop& loop, const Project& project, const Clock& clock, double interval,
+    Display(PollLoop& loop, const Project& project, const Clock& clock, const PollOptions& options,
             const Output& output)
-        : m_loop(loop), m_table(loop, project), m_clock(clock), m_output(output),
-          m_terminal(stdout),
-          m_intervalMs(m_terminal.isTerminal() ? 100 : static_cast<int>(interval * 1000))
+        : m_clock(clock), m_table(loop, project), m_printer(loop, project, m_table, output),
+          m_view(m_table, textOf(options.match), orderOf(options.sort)), m_terminal(stdout),
+          m_live(m_terminal.isTerminal() && !output.json()),
+          m_intervalMs(m_live ? kTableIntervalMs : static_cast<int>(options.interval * 1000))
     {
+        if (m_live)
+            m_keyboard = std::make_unique<Keyboard>(STDIN_FILENO);
+        else
+            m_printer.setMatch(textOf(options.match));
     }
 
     void update()
     {
+        const QList<Key> keys = m_keyboard ? m_keyboard->pressed() : QList<Key>();
+        for (const Key& key : keys)
+            m_view.handle(key);
         const qint64 now = m_clock.now();
-        if (now < m_next)
+        if (now < m_next && keys.isEmpty())
             return;
         m_next = now + m_intervalMs;
-        if (m_terminal.isTerminal()) {
-            m_terminal.draw(m_table.lines(m_terminal.width(), m_terminal.rows(), now));
+        if (m_live) {
+            m_terminal.draw(m_view.page(m_terminal.width(), m_terminal.rows(), now));
         } else {
-            printChanges();
-            tellStates();
+            m_printer.print();
+            m_printer.tellStates();
         }
     }
 
     const LiveTable& table() const { return m_table; }
+    bool quits() const { return m_view.quits(); }
 
     /// Shows what has changed since the last update and gives the terminal back.
     void close()
@@ -55,50 +94,17 @@ public:
         m_next = 0;
         update();
         m_terminal.restore();
+        m_keyboard.reset();
     }
 
 private:
-    // Values that become stale, or good again, change too.
-    void printChanges()
-    {
-        QSet<int> changed = m_loop.values().takeChanged();
-        m_qualities.resize(m_loop.values().size());
-        for (int i = 0; i < m_qualities.size(); ++i) {
-            const Quality quality = m_loop.quality(i);
-            if (quality != m_qualities.at(i))
-                changed.insert(i);
-            m_qualities[i] = quality;
-        }
-        QList<int> sorted = changed.values();
-        std::sort(sorted.begin(), sorted.end());
-        const QString time = QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz "));
-        for (const int variable : sorted) {
-            if (m_loop.values().wasRead(variable) || !m_loop.values().error(variable).isEmpty())
-                m_output.data(Json(), time + m_table.changeLine(variable));
-        }
-    }
-
-    // The state of the line and of the stations, which the table shows.
-    void tellStates()
-    {
-        QStringList states(m_table.lineState());
-        for (const Station& station : m_loop.stations())
-            states +=
-                QStringLiteral("station %1: %2").arg(station.number).arg(stateText(station.state));
-        for (int i = 0; i < states.size(); ++i) {
-            if (states.at(i) != m_states.value(i))
-                m_output.note(states.at(i));
-        }
-        m_states = states;
-    }
-
-    PollLoop& m_loop;
-    LiveTable m_table;
     const Clock& m_clock;
-    const Output& m_output;
+    LiveTable m_table;
+    ChangePrinter m_printer;
+    TableView m_view;
     Terminal m_terminal;
-    QVector<Quality> m_qualities;
-    QStringList m_states;
+    std::unique_ptr<Keyboard> m_keyboard;
+    bool m_live;
     int m_intervalMs;
     qint64 m_next = 0;
 };
@@ -106,23 +112,22 @@ private:
 int run(const PollOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    const Project project = projectOf(options.line);
-    requirePort(project, options.line);
+    const Project project = pollProject(options);
     TraceFile trace(textOf(options.line.trace));
     Connection connection(options.line, project);
     PollLoop loop(connection.api(), connection.line(), connection.clock(), project);
     loop.exchange().setObserver(trace.observer());
-    Display display(loop, project, connection.clock(), options.interval, output);
+    Display display(loop, project, connection.clock(), options, output);
     Interrupt interrupt;
     const auto end = static_cast<qint64>(options.seconds * 1000);
-    while (!interrupt.requested() && (end == 0 || connection.clock().now() < end)) {
+    const auto over = [&] { return end != 0 && connection.clock().now() >= end; };
+    while (!interrupt.requested() && !display.quits() && !over()) {
         loop.step();
         display.update();
     }
     loop.finish();
     display.close();
-    for (const QString& line : display.table().stationLines(connection.clock().now()))
-        output.note(line);
+    summarise(loop, project, display.table(), output, connection.clock().now());
     if (display.table().complete())
         return micro850::kExitDone;
     output.error(QStringLiteral("some variables were never read"));
@@ -137,14 +142,23 @@ Subcommand addPoll(CLI::App& app)
     options->line.project = "project.json";
     CLI::App* poll = app.add_subcommand("poll", "Show the values of a project's variables live");
     poll->add_option("PROJECT", options->line.project, "Project file (default project.json)");
+    poll->add_option("--match", options->match,
+                     "Show the variables whose names contain this, or match it with * and ?");
+    poll->add_option("--sort", options->sort, "Order of the table: project, name or age")
+        ->check(CLI::IsMember({"project", "name", "age"}));
     poll->add_option("--seconds", options->seconds, "End after so many seconds")
         ->check(CLI::Range(0.1, 1e9));
     poll->add_option("--interval", options->interval,
                      "Without a terminal: print changes once in so many seconds")
         ->check(CLI::Range(0.0, 1e9));
+    poll->add_option("--stale-after", options->staleAfter,
+                     "Seconds without a good reply that make a value stale (5 unless the project "
+                     "says)")
+        ->check(CLI::Range(0.1, 86400.0));
     options->line.addTo(*poll);
     options->output.addTo(*poll);
     poll->footer("On a terminal a table, elsewhere one line a change.\n"
+                 "Keys: q ends, / types a match, s changes the order, arrows and pages scroll.\n"
                  "Example:\n  micro850-host poll examples/plant.project.json --port /tmp/plc\n"
                  "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
                  "configuration.");

@@ -60,6 +60,28 @@ TEST(Project, TakesWhatTheFileSays)
     EXPECT_EQ(variable.poll, PollMode::Once);
 }
 
+TEST(Project, TakesTheScalingOfANumber)
+{
+    const Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "type": "INT", "gain": 0.1, "offset": -40, "unit": "C"},
+                          {"tag": "U"}]})",
+        "p.json");
+    EXPECT_EQ(project.variables.at(0).gain, 0.1);
+    EXPECT_EQ(project.variables.at(0).offset, -40);
+    EXPECT_EQ(project.variables.at(0).unit, QString("C"));
+    EXPECT_TRUE(project.variables.at(0).isScaled());
+    EXPECT_FALSE(project.variables.at(1).isScaled());
+}
+
+TEST(Project, RefusesAScalingThatShowsNothing)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "gain": 0})")),
+              "p.json: variables[1].gain: 0 would show every value as the offset (leave it out for "
+              "1)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "WORD", "gain": 2})")),
+              "p.json: variables[1]: gain and offset are for numbers, not for WORD");
+}
+
 TEST(Project, FillsInWhatTheFileLeavesOut)
 {
     const Project project = Project::fromText(R"({"variables": [{"tag": "Speed"}]})", "p.json");

@@ -1,0 +1,122 @@
+#include "terminal_fixture.h"
+
+namespace {
+
+/// The live table of the ten elements of Level and three more, in a terminal.
+class HostTable : public TerminalTest
+{
+protected:
+    HostTable()
+    {
+        std::string variables;
+        for (int i = 0; i < 10; ++i) {
+            const std::string n = std::to_string(i);
+            variables += R"({"name": "L)" + n + R"(", "tag": "Level", "element": )" + n + "},";
+        }
+        file("p.json", R"({"port": {"device": ")" + port().toStdString() +
+                           R"("}, "stations": [{"number": 1, "name": "filler"}], "variables": [)" +
+                           variables +
+                           R"({"tag": "Speed"}, {"tag": "Setpoint"}, {"tag": "Nope"}]})");
+    }
+    void poll(int width, int rows, const QString& options = QString())
+    {
+        simulate();
+        open("$HOST poll " + path("p.json") + ' ' + options, width, rows);
+    }
+};
+
+TEST_F(HostTable, ShowsValuesAndTheLineAndFollowsAChange)
+{
+    poll(120, 30);
+    ASSERT_TRUE(sees("Speed    INT  1234"));
+    EXPECT_TRUE(sees("Setpoint REAL 21.5"));
+    EXPECT_TRUE(sees("path destination unknown"));
+    EXPECT_TRUE(sees("transactions/s"));
+    EXPECT_TRUE(sees("station 1 (filler): connected"));
+    EXPECT_TRUE(sees("1-13 of 13 by project"));
+}
+
+TEST_F(HostTable, ScrollsAndReturns)
+{
+    poll(100, 10);
+    ASSERT_TRUE(sees("1-4 of 13"));
+    type({"Down"});
+    EXPECT_TRUE(sees("2-5 of 13"));
+    type({"NPage"});
+    EXPECT_TRUE(sees("6-9 of 13"));
+    type({"End"});
+    EXPECT_TRUE(sees("10-13 of 13"));
+    EXPECT_TRUE(sees("Nope"));
+    type({"Home"});
+    EXPECT_TRUE(sees("1-4 of 13"));
+}
+
+TEST_F(HostTable, FollowsTheWindowWhenItIsResized)
+{
+    poll(100, 10);
+    ASSERT_TRUE(sees("1-4 of 13"));
+    resize(60, 12);
+    EXPECT_TRUE(sees("1-6 of 13"));
+    for (const QString& line : screen())
+        EXPECT_LE(line.size(), 60);
+    resize(120, 30);
+    EXPECT_TRUE(sees("1-13 of 13"));
+    EXPECT_TRUE(sees("s sort, arrows scroll"));
+}
+
+TEST_F(HostTable, FiltersWhileTyping)
+{
+    poll(100, 30);
+    ASSERT_TRUE(sees("Speed"));
+    type({"/", "s", "p"});
+    EXPECT_TRUE(sees("match: sp_"));
+    EXPECT_TRUE(seesNo("L9 "));
+    EXPECT_TRUE(sees("Speed"));
+    type({"Enter"});
+    EXPECT_TRUE(sees("1-1 of 1 that match \"sp\""));
+    type({"Escape"});
+    EXPECT_TRUE(sees("1-13 of 13"));
+}
+
+TEST_F(HostTable, BeginsWithTheMatchOfTheCommandLine)
+{
+    poll(100, 30, "--match 'L[?]' --sort name || $HOST poll " + path("p.json") + " --match 'L?'");
+    EXPECT_TRUE(sees("1-10 of 10 that match \"L?\""));
+    EXPECT_TRUE(seesNo("Speed"));
+}
+
+TEST_F(HostTable, EndsOnQWithTheTerminalRestoredAndTheSummaryShown)
+{
+    poll(150, 40);
+    ASSERT_TRUE(sees("1-13 of 13"));
+    type({"q"});
+    ASSERT_TRUE(sees("[status 1]")); // Nope was never read
+    const QString screenText = screen().join('\n');
+    EXPECT_TRUE(screenText.contains("Speed    INT  1234")) << screenText.toStdString();
+    EXPECT_TRUE(screenText.contains("micro850-host: some variables were never read"));
+    EXPECT_TRUE(screenText.contains("micro850-host: station 1 (filler): connected"));
+    // Lines are edited again, as before the table.
+    EXPECT_TRUE(screenText.contains("\nicanon")) << screenText.toStdString();
+}
+
+TEST_F(HostTable, EndsOnCtrlCInTheSameWay)
+{
+    poll(150, 40, "--match L");
+    ASSERT_TRUE(sees("1-10 of 10 that match"));
+    type({"C-c"});
+    EXPECT_TRUE(sees("[status "));
+    EXPECT_TRUE(sees("\nicanon"));
+}
+
+TEST_F(HostTable, SaysThatTheControllerIsGoneAndMarksItsValuesStale)
+{
+    poll(150, 30, "--stale-after 0.5 --timeout 50");
+    ASSERT_TRUE(sees("Speed    INT  1234"));
+    stopSimulator();
+    EXPECT_TRUE(sees("stale"));
+    EXPECT_TRUE(sees(": DOWN, "));
+    simulate();
+    EXPECT_TRUE(seesNo("stale"));
+}
+
+} // namespace

@@ -1,0 +1,81 @@
+#include "terminal_fixture.h"
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QThread>
+
+namespace {
+
+const int kLimitMs = 60000;
+
+template<typename Condition> bool holdsInTime(Condition condition)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > kLimitMs)
+            return false;
+        QThread::msleep(20);
+    }
+    return true;
+}
+
+} // namespace
+
+TerminalTest::~TerminalTest()
+{
+    tmux({"kill-server"});
+}
+
+// A server of its own, whose socket is in the test's directory.
+Result TerminalTest::tmux(const QStringList& arguments) const
+{
+    return runProgram("tmux", QStringList{"-S", path("tmux"), "-f", "/dev/null"} + arguments,
+                      {"LC_ALL=C.UTF-8"});
+}
+
+void TerminalTest::open(const QString& command, int width, int rows)
+{
+    QString line = command;
+    line.replace("$HOST", QStringLiteral(MICRO850_HOST));
+    line.replace("$PORT", port());
+    const QString script = file(
+        "run", (line + "\nstatus=$?\nstty -a | grep -o -- '-\\?icanon'\necho \"[status $status]\"\n"
+                       "sleep 600\n")
+                   .toStdString());
+    const Result result = tmux({"new-session", "-d", "-x", QString::number(width), "-y",
+                                QString::number(rows), "bash " + script});
+    ASSERT_EQ(result.status, 0) << result.err;
+}
+
+void TerminalTest::type(const QStringList& keys)
+{
+    EXPECT_EQ(tmux(QStringList{"send-keys"} + keys).status, 0);
+}
+
+void TerminalTest::resize(int width, int rows)
+{
+    const Result result =
+        tmux({"resize-window", "-x", QString::number(width), "-y", QString::number(rows)});
+    EXPECT_EQ(result.status, 0) << result.err;
+}
+
+QStringList TerminalTest::screen() const
+{
+    return linesOf(tmux({"capture-pane", "-p"}).out);
+}
+
+bool TerminalTest::sees(const QString& text) const
+{
+    const bool seen = holdsInTime([&] { return screen().join('\n').contains(text); });
+    EXPECT_TRUE(seen) << text.toStdString() << " is not on the screen:\n"
+                      << screen().join('\n').toStdString();
+    return seen;
+}
+
+bool TerminalTest::seesNo(const QString& text) const
+{
+    const bool gone = holdsInTime([&] { return !screen().join('\n').contains(text); });
+    EXPECT_TRUE(gone) << text.toStdString() << " stays on the screen:\n"
+                      << screen().join('\n').toStdString();
+    return gone;
+}

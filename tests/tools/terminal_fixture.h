@@ -1,0 +1,26 @@
+#ifndef MICRO850_TESTS_TERMINAL_FIXTURE_H
+#define MICRO850_TESTS_TERMINAL_FIXTURE_H
+
+#include "tool_fixture.h"
+
+/// A tool in a terminal of tmux: keys go in, the screen can be looked at.
+class TerminalTest : public ToolTest
+{
+protected:
+    ~TerminalTest() override;
+
+    /// Runs a command line of the shell in a window of this size. `$HOST` and `$PORT` stand for the
+    /// program and the simulator's port; the exit status is shown as "[status N]" behind it.
+    void open(const QString& command, int width, int rows);
+    void type(const QStringList& keys);
+    void resize(int width, int rows);
+    QStringList screen() const;
+    /// Waits until the screen contains the text; false after a limit that only a fault reaches.
+    bool sees(const QString& text) const;
+    bool seesNo(const QString& text) const;
+
+private:
+    Result tmux(const QStringList& arguments) const;
+};
+
+#endif
