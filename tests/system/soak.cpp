@@ -1,0 +1,329 @@
+// soak: the reference host and the driver against a simulated controller over a line on which
+// everything goes wrong now and then, on virtual time. Every write ends confirmed, and is then in
+// the controller, or reported failed; no value is shown that its tag never had; memory stays
+// bounded.
+
+#include "sim_line.h"
+
+#include "DriverLibrary.h"
+#include "PollLoop.h"
+#include "UserError.h"
+#include "virtual_clock.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fstream>
+#include <iostream>
+#include <malloc.h>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+using namespace micro850;
+using host::Operation;
+
+const int kReadTags = 8;
+// Transactions between two changes of the values in the controller, and after which nothing grows
+// any more.
+const qint64 kChange = 64;
+const qint64 kSettled = 10000;
+const double kMostGrowthMiB = 1;
+
+struct Options
+{
+    qint64 transactions = 20000;
+    std::uint64_t seed = 1;
+    double rate = 0.01;
+    std::string list;
+};
+
+struct WriteTag
+{
+    const char* name;
+    const char* type;
+    int id = 0;
+    Bytes value;
+};
+
+/// All kinds of faults on both sides, `rate` of the messages together.
+sim::FaultScript everyFault(double rate)
+{
+    std::string rules;
+    int count = 0;
+    for (const std::string& name : sim::faultNames())
+        count += name == "previous" || name == "cip-error" ? 1 : 2;
+    const auto add = [&](const std::string& name, const std::string& side, const char* more) {
+        rules += std::string(rules.empty() ? "" : ", ") + R"({"fault": ")" + name +
+                 R"(", "on": ")" + side + R"(", "rate": )" + std::to_string(rate / count) + more +
+                 "}";
+    };
+    for (const std::string& name : sim::faultNames()) {
+        const char* more = name == "cip-error" ? R"(, "status": 8)"
+                           : name == "hang-up" ? R"(, "seconds": 2)"
+                           : name == "delay"   ? R"(, "seconds": 0.6)"
+                           : name == "split"   ? R"(, "seconds": 0.002)"
+                                               : "";
+        if (name != "cip-error")
+            add(name, "replies", more);
+        if (name != "previous")
+            add(name, "requests", more);
+    }
+    return sim::faultsFromText("{\"faults\": [" + rules + "]}", "soak");
+}
+
+/// What is allocated and not freed. Nothing under a sanitizer, whose allocator does not tell.
+double allocatedMiB()
+{
+    return static_cast<double>(::mallinfo2().uordblks) / (1 << 20);
+}
+
+double residentMiB()
+{
+    long pages = 0;
+    std::ifstream statm("/proc/self/statm");
+    statm >> pages >> pages;
+    return static_cast<double>(pages) * static_cast<double>(::sysconf(_SC_PAGESIZE)) / (1 << 20);
+}
+
+class Soak
+{
+public:
+    explicit Soak(const Options& options);
+
+    /// True when everything held.
+    bool run();
+
+private:
+    void step();
+    void changeValues();
+    void lookAtValues();
+    void lookAfterWrites(bool startMore);
+    void take(WriteTag& tag, const Operation& operation);
+    void drain();
+    void violation(const std::string& what);
+    void report();
+
+    const Options m_options;
+    ::VirtualClock m_timeOfDay{QTime(12, 0)};
+    sim::VirtualClock m_clock;
+    sim::Engine m_engine{m_clock, sim::Plant()};
+    sim::FaultyLine m_line;
+    SimLine m_port{m_clock, m_line};
+    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    host::Project m_project;
+    std::unique_ptr<host::PollLoop> m_loop;
+    std::ofstream m_list;
+    std::vector<WriteTag> m_writes = {{"W0", "INT", 0, {}},  {"W1", "DINT", 0, {}},
+                                      {"W2", "LINT", 0, {}}, {"W3", "SHORT_STRING", 0, {}},
+                                      {"W4", "REAL", 0, {}}, {"W5", "USINT", 0, {}}};
+    qint64 m_transactions = 0;
+    qint64 m_nextChange = kChange;
+    int m_generation = 0;
+    quint64 m_written = 0;
+    quint64 m_confirmed = 0;
+    quint64 m_refused = 0;
+    quint64 m_failed = 0;
+    quint64 m_violations = 0;
+    double m_settledMiB = 0;
+};
+
+Soak::Soak(const Options& options)
+    : m_options(options), m_line(m_clock, m_engine, everyFault(options.rate), options.seed)
+{
+    std::string tags;
+    std::string variables;
+    for (int i = 0; i < kReadTags; ++i) {
+        const std::string name = "T" + std::to_string(i);
+        tags +=
+            R"({"name": ")" + name + R"(", "type": "INT", "value": )" + std::to_string(i) + "}, ";
+        variables += std::string(i == 0 ? "" : ", ") + R"({"tag": ")" + name + R"("})";
+    }
+    for (const WriteTag& tag : m_writes)
+        tags += std::string(R"({"name": ")") + tag.name + R"(", "type": ")" + tag.type + R"("}, )";
+    tags += R"({"name": "last", "type": "INT"})";
+    m_engine.download(sim::Plant::fromText("{\"tags\": [" + tags + "]}", "soak"));
+    m_project = host::Project::fromText(
+        QString::fromStdString(R"({"port": {"timeoutMs": 200}, "staleAfterMs": 2000,
+                                   "stations": [{"number": 1}], "variables": [)" +
+                               variables + "]}"),
+        "soak");
+    m_loop = std::make_unique<host::PollLoop>(m_library.api(), m_port, m_port, m_project);
+    for (const WriteTag& tag : m_writes)
+        m_loop->declare(host::TagKey(1, tag.name));
+    if (!options.list.empty()) {
+        m_list.open(options.list);
+        if (!m_list)
+            throw UserError("--list " + options.list + ": cannot be written");
+    }
+}
+
+void Soak::violation(const std::string& what)
+{
+    if (++m_violations <= 20)
+        std::cerr << "soak: transaction " << m_transactions << ": " << what << '\n';
+}
+
+bool Soak::run()
+{
+    while (m_transactions < m_options.transactions) {
+        step();
+        lookAfterWrites(true);
+        if (m_settledMiB == 0 && m_transactions >= std::min(kSettled, m_options.transactions / 2))
+            m_settledMiB = allocatedMiB();
+    }
+    m_line.clear();
+    drain();
+    const double growth = allocatedMiB() - m_settledMiB;
+    if (growth > kMostGrowthMiB)
+        violation("memory grew by " + std::to_string(growth) + " MiB");
+    if (m_confirmed + m_refused + m_failed != m_written)
+        violation("a write was never told");
+    report();
+    return m_violations == 0;
+}
+
+void Soak::step()
+{
+    m_loop->step();
+    m_transactions = m_loop->stations().first().counters.sent;
+    if (m_transactions >= m_nextChange) {
+        m_nextChange = m_transactions + kChange;
+        changeValues();
+    }
+    lookAtValues();
+}
+
+// Tag i only ever has values that are i modulo the number of tags.
+void Soak::changeValues()
+{
+    m_generation = (m_generation + 1) % 4000;
+    for (int i = 0; i < kReadTags; ++i) {
+        const int value = i + kReadTags * m_generation;
+        m_engine.plant().find("T" + std::to_string(i))->elements[0] = {
+            static_cast<std::uint8_t>(value & 0xFF), static_cast<std::uint8_t>(value >> 8)};
+    }
+}
+
+void Soak::lookAtValues()
+{
+    for (const int variable : m_loop->values().takeChanged()) {
+        if (variable >= kReadTags || !m_loop->values().wasRead(variable))
+            continue;
+        const std::string text = m_loop->values().text(variable).toStdString();
+        bool isNumber = false;
+        const int value = QString::fromStdString(text).toInt(&isNumber);
+        if (!isNumber || value % kReadTags != variable)
+            violation("T" + std::to_string(variable) + " shows " + text);
+    }
+}
+
+void Soak::lookAfterWrites(bool startMore)
+{
+    for (WriteTag& tag : m_writes) {
+        if (tag.id != 0) {
+            const Operation* operation = m_loop->outcome(tag.id);
+            if (!operation)
+                continue;
+            take(tag, *operation);
+            m_loop->forget(tag.id);
+            tag.id = 0;
+        }
+        if (!startMore)
+            continue;
+        tag.value = valueFromText(cipTypeNamed(tag.type), std::to_string(++m_written % 256));
+        const auto* data = reinterpret_cast<const char*>(tag.value.data());
+        tag.id = m_loop->write(host::TagKey(1, tag.name), 0,
+                               QByteArray(data, static_cast<int>(tag.value.size())));
+    }
+}
+
+void Soak::take(WriteTag& tag, const Operation& operation)
+{
+    if (operation.state == Operation::State::Done) {
+        ++m_confirmed;
+        if (m_engine.plant().find(tag.name)->elements[0] != tag.value)
+            violation(std::string(tag.name) + ": a confirmed write is not in the controller");
+        return;
+    }
+    const bool refused = operation.state == Operation::State::Refused;
+    ++(refused ? m_refused : m_failed);
+    if (m_list.is_open())
+        m_list << "transaction " << m_transactions << ": write of "
+               << textFromValue(cipTypeNamed(tag.type), tag.value) << " to " << tag.name
+               << (refused ? " refused: " : " failed: ") << operation.error.toStdString() << '\n';
+}
+
+// On a line that is good again every write ends and every value is fresh.
+void Soak::drain()
+{
+    const qint64 end = m_port.now() + 120000;
+    const auto pending = [this] {
+        for (const WriteTag& tag : m_writes) {
+            if (tag.id != 0)
+                return true;
+        }
+        for (int i = 0; i < kReadTags; ++i) {
+            if (m_loop->quality(i) != host::Quality::Good)
+                return true;
+        }
+        return false;
+    };
+    while (pending() && m_port.now() < end) {
+        step();
+        lookAfterWrites(false);
+    }
+    if (pending())
+        violation("not back to normal two minutes after the last fault");
+}
+
+void Soak::report()
+{
+    const host::Counters& counters = m_loop->stations().first().counters;
+    std::cout << "soak: seed " << m_options.seed << ", " << m_transactions << " transactions in "
+              << m_port.now() / 1000 << " s of virtual time; answered " << counters.answered
+              << ", timed out " << counters.timedOut << ", corrupt " << counters.corrupt
+              << ", late " << counters.late << ", connections made anew " << counters.reconnects
+              << ", line reopened " << m_loop->lineReconnects() << "\nsoak: faults:";
+    unsigned all = 0;
+    for (const auto& [kind, count] : m_line.counts()) {
+        std::cout << ' ' << sim::faultNames()[static_cast<std::size_t>(kind)] << ' ' << count;
+        all += count;
+    }
+    std::cout << "; " << all << " in all\nsoak: " << m_written << " writes: " << m_confirmed
+              << " confirmed and present, " << m_refused << " reported refused, " << m_failed
+              << " reported failed\nsoak: " << m_violations << " violations" << std::endl;
+    std::cerr << "soak: allocated " << m_settledMiB << " MiB once settled, " << allocatedMiB()
+              << " MiB at the end; resident " << residentMiB() << " MiB\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    CLI::App app("Driver and reference host on a line on which everything goes wrong.", "soak");
+    app.add_option("--transactions", options.transactions, "How many")
+        ->take_last()
+        ->capture_default_str()
+        ->check(CLI::Range(qint64(1000), qint64(1000000000)));
+    app.add_option("--seed", options.seed, "Seed of the faults")->capture_default_str();
+    app.add_option("--rate", options.rate, "Share of messages that a fault strikes")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 0.5));
+    app.add_option("--list", options.list, "File for the writes that were reported failed");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        return app.exit(success);
+    } catch (const CLI::ParseError& error) {
+        std::cerr << "soak: " << error.what() << " (see soak --help)\n";
+        return kExitUsage;
+    }
+    try {
+        return Soak(options).run() ? kExitDone : kExitRefused;
+    } catch (const UserError& error) {
+        std::cerr << "soak: " << error.what() << '\n';
+        return error.status();
+    }
+}
