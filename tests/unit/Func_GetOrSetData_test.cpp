@@ -143,6 +143,12 @@ struct LayoutRow
     const char* expected;
 };
 
+std::ostream& operator<<(std::ostream& out, const LayoutRow& row)
+{
+    return out << "class " << int(row.typeClass) << ", " << row.count << " from " << row.element
+               << " of " << row.image;
+}
+
 class Layout : public GetValue, public ::testing::WithParamInterface<LayoutRow>
 {
 };

@@ -441,6 +441,11 @@ struct RunRow
     QList<QPair<int, int>> expected;
 };
 
+std::ostream& operator<<(std::ostream& out, const RunRow& row)
+{
+    return out << text(row.group);
+}
+
 class Runs : public Lists, public ::testing::WithParamInterface<RunRow>
 {
 };

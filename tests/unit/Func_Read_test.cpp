@@ -117,6 +117,11 @@ struct CountRow
     quint32 sent;
 };
 
+std::ostream& operator<<(std::ostream& out, const CountRow& row)
+{
+    return out << "class " << int(row.typeClass) << ", once " << row.onceFlag << ", " << row.count;
+}
+
 class ReadCount : public ReadRequest, public ::testing::WithParamInterface<CountRow>
 {
 };
@@ -187,26 +192,27 @@ TEST_F(ReadRequest, CarriesAllOfTheRequestAndLeavesTheCallersAlone)
 }
 
 class ReadElement : public ReadRequest,
-                    public ::testing::WithParamInterface<std::pair<int, const char*>>
+                    public ::testing::WithParamInterface<std::pair<int, std::string>>
 {
 };
 
 TEST_P(ReadElement, IsNamedByTheShortestSegment)
 {
     confirm("Zone", 3, 0xC3);
-    const QByteArray path = hex("91 04 5A 6F 6E 65") + hex(GetParam().second);
+    const QByteArray path = hex("91 04 5A 6F 6E 65") + hex(GetParam().second.c_str());
     EXPECT_BYTES(encoded(readOf("Zone", GetParam().first)), wire::readRequest(0x21, kId, path, 1));
 }
 
-INSTANTIATE_TEST_SUITE_P(EveryWidth, ReadElement,
-                         ::testing::Values(std::make_pair(0, ""), std::make_pair(1, "28 01"),
-                                           std::make_pair(255, "28 FF"),
-                                           std::make_pair(256, "29 00 00 01"),
-                                           std::make_pair(65535, "29 00 FF FF"),
-                                           std::make_pair(65536, "30 00 00 00 01 00"),
-                                           std::make_pair(0x7FFFFFFF, "30 00 FF FF FF 7F"),
-                                           // Never the element that its low byte names.
-                                           std::make_pair(-1, "30 00 FF FF FF FF")));
+INSTANTIATE_TEST_SUITE_P(
+    EveryWidth, ReadElement,
+    ::testing::Values(std::pair<int, std::string>(0, ""), std::pair<int, std::string>(1, "28 01"),
+                      std::pair<int, std::string>(255, "28 FF"),
+                      std::pair<int, std::string>(256, "29 00 00 01"),
+                      std::pair<int, std::string>(65535, "29 00 FF FF"),
+                      std::pair<int, std::string>(65536, "30 00 00 00 01 00"),
+                      std::pair<int, std::string>(0x7FFFFFFF, "30 00 FF FF FF 7F"),
+                      // Never the element that its low byte names.
+                      std::pair<int, std::string>(-1, "30 00 FF FF FF FF")));
 
 TEST_F(ReadRequest, NamesNoElementOfAString)
 {

@@ -60,6 +60,11 @@ struct ShapeRow
     const char* sent;
 };
 
+std::ostream& operator<<(std::ostream& out, const ShapeRow& row)
+{
+    return out << "class " << int(row.typeClass) << ", " << row.count << " of " << row.given;
+}
+
 class WriteShape : public WriteRequest, public ::testing::WithParamInterface<ShapeRow>
 {
 };

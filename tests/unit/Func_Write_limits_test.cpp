@@ -1,0 +1,27 @@
+// The largest value that a write brings into shape: its frame is long, so it has a program of its
+// own.
+
+#include "driver_fixture.h"
+
+namespace {
+
+class LargestWrite : public DriverTest
+{
+};
+
+TEST_F(LargestWrite, IsShapedAndTheNextIsLeftAlone)
+{
+    const int largest = 1 << 24; // bytes
+    for (const quint8 typeClass : std::initializer_list<quint8>{0, 2}) {
+        confirm("T", typeClass, 0xC1);
+        RW_VAR request = writeOf("T", "abc", 0, largest);
+        WriteRegister(&request);
+        EXPECT_EQ(request.data.size(), largest) << int(typeClass);
+        request = writeOf("T", "abc", 0, largest + 1);
+        WriteRegister(&request);
+        EXPECT_EQ(request.data, QByteArray("abc")) << int(typeClass);
+        PLC_driver.sendQueue.clear();
+    }
+}
+
+} // namespace
