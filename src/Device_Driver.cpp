@@ -132,10 +132,15 @@ void removeHead(QList<RW_VAR>& list)
     list.removeFirst();
 }
 
+// Caller holds the leaf lock. In a short list the places of the records are cheaper to move than a
+// record is to make anew.
 void rotate(QList<RW_VAR>& list)
 {
-    LeafLocker lock(driverstate::leaf);
-    list.append(list.takeFirst());
+    const int kShort = 256;
+    if (list.size() <= kShort)
+        list.move(0, list.size() - 1);
+    else
+        list.append(list.takeFirst());
 }
 
 int sizeOf(const QList<RW_VAR>& list)
@@ -157,16 +162,18 @@ RW_VAR* firstEnabled(QList<RW_VAR>& list)
 
 // The first cyclic request of an enabled station; those before it are rotated. Null when every
 // station is disabled.
-RW_VAR* nextCyclic()
+RW_VAR* nextCyclic(RW_VAR* head)
 {
-    RW_VAR* head = headOf(PLC_driver.readList);
-    for (int left = sizeOf(PLC_driver.readList); head; --left) {
+    if (!Ethernetcontains(head->stationNo))
+        return head;
+    for (int left = sizeOf(PLC_driver.readList); left > 0; --left) {
+        {
+            LeafLocker lock(driverstate::leaf);
+            rotate(PLC_driver.readList);
+        }
+        head = headOf(PLC_driver.readList);
         if (!Ethernetcontains(head->stationNo))
             return head;
-        if (left == 0)
-            break;
-        rotate(PLC_driver.readList);
-        head = headOf(PLC_driver.readList);
     }
     return nullptr;
 }
@@ -231,11 +238,12 @@ void setPassComplete(int complete)
 
 void serveCyclic()
 {
-    if (sizeOf(PLC_driver.readList) == 0) {
+    RW_VAR* head = headOf(PLC_driver.readList);
+    if (!head) {
         setPassComplete(1);
     } else {
         PLC_driver.currentList = kCyclicRead;
-        RW_VAR* head = nextCyclic();
+        head = nextCyclic(head);
         if (!head)
             return;
         encodeRead(head);
@@ -368,6 +376,16 @@ void retire(QList<RW_VAR>& list, bool callBack)
     removeHead(list);
 }
 
+// A cyclic request stays, behind all others.
+void retireCyclic()
+{
+    LeafLocker lock(driverstate::leaf);
+    if (PLC_driver.readList.isEmpty())
+        return;
+    passRetValue(PLC_driver.readList.first(), PLC_driver.result);
+    rotate(PLC_driver.readList);
+}
+
 void completeRequest(bool local)
 {
     switch (PLC_driver.currentList) {
@@ -378,10 +396,7 @@ void completeRequest(bool local)
         retire(PLC_driver.onceReadList, local);
         break;
     case kCyclicRead:
-        if (const RW_VAR* head = headOf(PLC_driver.readList)) {
-            passRetValue(*head, PLC_driver.result);
-            rotate(PLC_driver.readList);
-        }
+        retireCyclic();
         break;
     default:
         break;
@@ -423,12 +438,6 @@ void followUpFailure()
         PLC_driver.writeList.clear();
 }
 
-void noteSuccess()
-{
-    LeafLocker lock(driverstate::leaf);
-    PLC_driver.errorFlag = false;
-}
-
 void noteFailure()
 {
     LeafLocker lock(driverstate::leaf);
@@ -437,10 +446,11 @@ void noteFailure()
     PLC_driver.comInfo->passComplete = 0;
 }
 
-void countCycle()
+void noteSuccess(bool countsAsCycle)
 {
     LeafLocker lock(driverstate::leaf);
-    if (PLC_driver.comInfo->passComplete != 0)
+    PLC_driver.errorFlag = false;
+    if (!countsAsCycle || PLC_driver.comInfo->passComplete != 0)
         return;
     increment(PLC_driver.readCycleCount);
     if (PLC_driver.readCycleCount > PLC_driver.readList.size()) {
@@ -452,12 +462,10 @@ void countCycle()
 void takeGoodReply(int code, bool local, int station)
 {
     ComInfo& settings = *PLC_driver.comInfo;
-    noteSuccess();
     PLC_driver.sendQueue.removeFirst();
     increment(settings.framesAnswered);
     const bool outstanding = settings.framesAnswered < settings.frameCount;
-    if (!outstanding && local)
-        countCycle();
+    noteSuccess(!outstanding && local);
     addPlcNumber(station);
     QMutexLocker lock(&PLC_driver.listMutex);
     if (!outstanding)
@@ -486,7 +494,7 @@ void takeFailure(int code, bool local, int station)
 
 void finishTransaction(QByteArray* reply, int length, int station)
 {
-    const bool local = PLC_driver.sendQueue.first().var.linkId == PLC_driver.comInfo->localLink;
+    const bool local = driverstate::inFlight().var.linkId == PLC_driver.comInfo->localLink;
     const int code =
         local ? DealDataOfLocalArea(reply, length) : DealDataOfRemoteArea(reply, length);
     if (code == kDone || code == kDoneNotStored)
@@ -500,7 +508,7 @@ ReplyOutcome judgeLength(int length)
 {
     if (PLC_driver.sendQueue.isEmpty())
         return kNoReply;
-    const int expected = PLC_driver.sendQueue.first().replyLength;
+    const int expected = driverstate::inFlight().replyLength;
     if (length == 0 && expected != 0)
         return kNoReply;
     return expected != length && expected != frame::kVariableLength ? kWrongLength : kAccepted;
@@ -548,10 +556,10 @@ RW_VAR* DataCom(QByteArray* reply, int length)
         PLC_driver.result.retValue = kNotFinished;
         return &PLC_driver.result;
     }
-    const int station = PLC_driver.sendQueue.first().var.stationNo;
+    const int station = driverstate::inFlight().var.stationNo;
     if (!getHandshakeInformation(station))
         takeHandshakeReply(reply, station, readNumber);
-    else if (PLC_driver.sendQueue.first().replyLength == frame::kVariableLength)
+    else if (driverstate::inFlight().replyLength == frame::kVariableLength)
         judgeVariableLength(reply, length, readNumber);
     else
         finishTransaction(reply, length, station);
@@ -579,7 +587,7 @@ int DealDataOfRemoteArea(QByteArray* reply, int length)
     const int verdict = CheckGetData(reply, length);
     if (verdict != 1 && verdict != 2)
         return GetDriverReturnValue(kRemoteRejected);
-    if (PLC_driver.sendQueue.first().var.reqFlag != -1)
+    if (driverstate::inFlight().var.reqFlag != -1)
         return GetDriverReturnValue(kRemoteNotStored);
     SaveToLocalDataErea(reply);
     const bool partial = PLC_driver.comInfo && PLC_driver.comInfo->framesAnswered == 1;
@@ -615,7 +623,7 @@ int GetDriverReturnValue(int outcome)
 
 int SwitchErrorReturn(int base)
 {
-    const int kind = PLC_driver.sendQueue.isEmpty() ? 0 : PLC_driver.sendQueue.first().var.varType;
+    const int kind = PLC_driver.sendQueue.isEmpty() ? 0 : driverstate::inFlight().var.varType;
     const int fine = kind >= 1 && kind <= 11 ? kind : 0;
     return static_cast<int>(static_cast<unsigned int>(base) + 1u + static_cast<unsigned int>(fine));
 }
@@ -673,7 +681,12 @@ int updateRwVar(RW_VAR* request)
 {
     if (request) {
         LeafLocker lock(tagstore::leaf);
-        tagstore::completeRequest(*request);
+        const tagstore::Address address =
+            tagstore::addressOf(request->tagName, request->addressText, request->count);
+        request->startAddress = address.startAddress;
+        request->count = address.count;
+        request->reqFlag = address.reqFlag;
+        tagstore::seededInfo(PLCDataStorage[request->stationNo], request->tagName);
     }
     return 1;
 }

@@ -196,6 +196,11 @@ extern QMutex leaf;
 
 /// True while the last transaction in flight failed.
 bool failed();
+/// The transaction in flight; only while the send queue is not empty.
+inline const Protocol& inFlight()
+{
+    return PLC_driver.sendQueue.at(0);
+}
 
 } // namespace driverstate
 

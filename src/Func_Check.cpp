@@ -73,7 +73,7 @@ int CheckGetData(QByteArray*, int)
 {
     if (PLC_driver.sendQueue.isEmpty())
         return 0;
-    switch (PLC_driver.sendQueue.first().var.accessMode) {
+    switch (driverstate::inFlight().var.accessMode) {
     case 0:
         return 1;
     case 1:

@@ -6,24 +6,27 @@
 
 namespace {
 
-/// What of a reply is stored, and where.
+/// What of an undoubled reply is stored; `bytes` points into the reply.
 struct ReplyValue
 {
-    QByteArray type;
-    QByteArray bytes;
+    quint8 typeLow;
+    quint8 typeHigh;
     int typeClass;
+    const char* bytes;
+    int size;
 };
 
 ReplyValue valueOf(const QByteArray& reply, int dataStart)
 {
-    ReplyValue value;
-    value.type = reply.mid(frame::kValueType, 2);
-    value.typeClass = getRegType(value.type);
+    ReplyValue value = {frame::byteAt(reply, frame::kValueType),
+                        frame::byteAt(reply, frame::kValueType + 1), 0, nullptr, 0};
+    value.typeClass = tagstore::classOf(value.typeLow, value.typeHigh);
     const int size = reply.size() - frame::kTrailerSize - dataStart;
-    if (dataStart >= 0 && size > 0)
-        value.bytes = reply.mid(dataStart, size);
-    if (value.typeClass == tagstore::kShortString)
-        value.bytes.remove(0, 1); // the string's length
+    if (dataStart < 0 || size <= 0)
+        return value;
+    const int skipped = value.typeClass == tagstore::kShortString ? 1 : 0; // the string's length
+    value.bytes = reply.constData() + dataStart + skipped;
+    value.size = size - skipped;
     return value;
 }
 
@@ -34,8 +37,8 @@ void confirmType(QByteArray& info, const ReplyValue& value)
         return;
     frame::growTo(info, tagstore::kInfoSize);
     info[tagstore::kClass] = static_cast<char>(value.typeClass);
-    info[tagstore::kTypeLow] = static_cast<char>(frame::byteAt(value.type, 0));
-    info[tagstore::kTypeHigh] = static_cast<char>(frame::byteAt(value.type, 1));
+    info[tagstore::kTypeLow] = static_cast<char>(value.typeLow);
+    info[tagstore::kTypeHigh] = static_cast<char>(value.typeHigh);
     info[tagstore::kConfirmation] = '\xFF';
 }
 
@@ -59,14 +62,14 @@ qint64 positionFor(const RW_VAR& request, int typeClass)
 // element up to the end of the reply. The image only grows; bytes outside the run keep their
 // values.
 void storeValue(PLCTAGCOMMUNICATION& station, const QString& tagName, qint64 position,
-                const QByteArray& bytes)
+                const ReplyValue& value)
 {
-    const qint64 end = position + bytes.size();
-    if (position < 0 || bytes.isEmpty() || end > tagstore::kLargestValue)
+    const qint64 end = position + value.size;
+    if (position < 0 || value.size == 0 || end > tagstore::kLargestValue)
         return;
     QByteArray& image = station.tagData[tagName];
     frame::growTo(image, static_cast<int>(end));
-    std::memcpy(image.data() + position, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    std::memcpy(image.data() + position, value.bytes, static_cast<std::size_t>(value.size));
 }
 
 } // namespace
@@ -75,13 +78,13 @@ void SaveToLocalDataErea(QByteArray* reply)
 {
     if (!reply || PLC_driver.sendQueue.isEmpty())
         return;
-    *reply = getRecoverData(*reply, true);
-    const Protocol& head = PLC_driver.sendQueue.first();
+    frame::undouble(*reply);
+    const Protocol& head = driverstate::inFlight();
     const ReplyValue value = valueOf(*reply, head.auxLength);
     const qint64 position = positionFor(head.var, value.typeClass);
 
     LeafLocker lock(tagstore::leaf);
     PLCTAGCOMMUNICATION& station = PLCDataStorage[head.var.stationNo];
     confirmType(station.tagInfo[head.var.tagName], value);
-    storeValue(station, head.var.tagName, position, value.bytes);
+    storeValue(station, head.var.tagName, position, value);
 }

@@ -27,21 +27,25 @@ struct StoredValue
 {
     bool known;
     int typeClass;
+    tagstore::Address address;
     QByteArray image;
 };
 
-// One step for the store, so that class and bytes belong together. Completes the request.
-StoredValue storedValue(RW_VAR& request)
+// One step for the store, so that class and bytes belong together.
+StoredValue storedValue(const QString& name, const QString& addressText, int station, int count)
 {
     LeafLocker lock(tagstore::leaf);
-    StoredValue value = {false, 0, QByteArray()};
-    tagstore::completeRequest(request);
-    if (!tagstore::isConnected(request.stationNo) || !tagstore::hasTagData(request))
+    StoredValue value = {false, 0, tagstore::addressOf(name, addressText, count), QByteArray()};
+    PLCTAGCOMMUNICATION& record = PLCDataStorage[station];
+    const QByteArray& info = tagstore::seededInfo(record, name);
+    if (!record.handshakeDone)
         return value;
-    const PLCTAGCOMMUNICATION& station = PLCDataStorage[request.stationNo];
+    const QMap<QString, QByteArray>::const_iterator data = record.tagData.constFind(name);
+    if (data == record.tagData.constEnd())
+        return value;
     value.known = true;
-    value.typeClass = frame::byteAt(station.tagInfo.value(request.tagName), tagstore::kClass);
-    value.image = station.tagData.value(request.tagName);
+    value.typeClass = frame::byteAt(info, tagstore::kClass);
+    value.image = *data;
     return value;
 }
 
@@ -51,44 +55,44 @@ int served(qint64 count)
     return count < 0 || count > tagstore::kLargestValue ? 0 : static_cast<int>(count);
 }
 
-// Bytes of `image` from `position`, 00 behind its end.
-QByteArray bytesFrom(const QByteArray& image, qint64 position, int size)
+// `size` bytes of `image` from `position`, each followed by 00 if `widened`; 00 behind its end. A
+// host's buffer that is large enough is used again.
+void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int size, bool widened)
 {
-    QByteArray bytes(size, '\0');
-    if (size > 0 && position < image.size()) {
-        const qint64 present = qMin<qint64>(size, image.size() - position);
-        std::memcpy(bytes.data(), image.constData() + position, static_cast<std::size_t>(present));
-    }
-    return bytes;
+    const int step = widened ? 2 : 1;
+    out.resize(step * size);
+    if (size == 0)
+        return;
+    char* to = out.data();
+    const int present = static_cast<int>(qBound<qint64>(0, image.size() - position, size));
+    if (widened || present < size)
+        std::memset(to, 0, static_cast<std::size_t>(out.size()));
+    if (present == 0)
+        return;
+    const char* from = image.constData() + position;
+    if (!widened)
+        std::memcpy(to, from, static_cast<std::size_t>(present));
+    else
+        for (int i = 0; i < present; ++i)
+            to[2 * i] = from[i];
 }
 
-QByteArray withZeroBytes(const QByteArray& bytes)
+/// The value in the host's layout; `hostCount` as the host passed it. Empty where nothing is asked
+/// for or the class is not known.
+void toHostLayout(QByteArray& out, const StoredValue& value, int hostCount)
 {
-    QByteArray words(2 * bytes.size(), '\0');
-    for (int i = 0; i < bytes.size(); ++i)
-        words[2 * i] = bytes.at(i);
-    return words;
-}
-
-/// The value in the host's layout. `request` is completed, `hostCount` as the host passed it.
-QByteArray hostLayout(const StoredValue& value, const RW_VAR& request, int hostCount)
-{
-    if (value.typeClass > tagstore::kQuadWord)
-        return QByteArray();
-    const bool indexable =
-        request.startAddress >= 0 && request.startAddress <= tagstore::kLargestValue;
-    unsigned int position = indexable ? static_cast<unsigned int>(request.startAddress) : 0;
-    unsigned int elements = static_cast<unsigned int>(served(request.count));
+    const int start = value.address.startAddress;
+    const bool indexable = start >= 0 && start <= tagstore::kLargestValue;
+    unsigned int position = indexable ? static_cast<unsigned int>(start) : 0;
+    unsigned int elements = static_cast<unsigned int>(served(value.address.count));
     getPlcAdd(value.typeClass, position, elements);
-    if (elements == 0)
-        return QByteArray();
     // A string's characters are counted by what the host asked for, two to a word.
-    if (value.typeClass == tagstore::kShortString)
+    if (value.typeClass == tagstore::kShortString && elements != 0)
         elements = 2 * static_cast<unsigned int>(served(hostCount));
-    const int size = static_cast<int>(elements) * kElementSize[value.typeClass];
-    const QByteArray bytes =
-        bytesFrom(value.image, indexable ? position : value.image.size(), size);
-    return value.typeClass == tagstore::kByte ? withZeroBytes(bytes) : bytes;
+    const int elementSize =
+        value.typeClass > tagstore::kQuadWord ? 0 : kElementSize[value.typeClass];
+    copyBytes(out, value.image, indexable ? position : value.image.size(),
+              static_cast<int>(elements) * elementSize, value.typeClass == tagstore::kByte);
 }
 
 } // namespace
@@ -121,17 +125,12 @@ int GetRegisterData(const QString& name, int, const QString& addressText, int st
                     QByteArray& out, int count)
 {
     QMutexLocker lock(&PLC_driver.dataMutex);
-    RW_VAR request = RW_VAR();
-    request.tagName = name;
-    request.addressText = addressText;
-    request.stationNo = station;
-    request.count = count;
-    const StoredValue value = storedValue(request);
+    const StoredValue value = storedValue(name, addressText, station, count);
     if (!value.known) {
         out = QByteArray(2 * served(count), '\0');
         return 0;
     }
-    out = hostLayout(value, request, count);
+    toHostLayout(out, value, count);
     return 1;
 }
 

@@ -7,9 +7,6 @@ namespace {
 // Head of a connected Read Tag Fragmented request up to its symbol segment code; header bytes 8, 9,
 // 12, 13, 14 and path size 17 are patched.
 const char kReadTemplate[] = "10 06 10 02 00 01 0A 00 48 00 00 00 76 61 4F 45 52 06 91";
-const int kRequestTail =
-    32; // element segment, count, byte offset, DLE ETX, CRC, with room to spare
-
 /// What an encoder needs of the station's record.
 struct ReadContext
 {
@@ -81,16 +78,15 @@ void ReadRegister(RW_VAR* request)
     static const QByteArray head = frame::fromHexText(kReadTemplate);
     const ReadContext context = contextOf(*request);
 
-    QByteArray bytes;
-    bytes.reserve(head.size() + request->tagName.size() + kRequestTail);
-    bytes.append(head);
-    frame::appendTagName(bytes, request->tagName);
+    frame::Builder builder(head,
+                           frame::roomForTagName(request->tagName) + frame::kRoomForRequestTail);
+    builder.addTagName(request->tagName);
     if (takesElement(*request, context.typeClass))
-        frame::appendElement(bytes, request->startAddress);
-    frame::patchPathSize(bytes);
-    frame::appendCount(bytes, elementCountForRead(*request, context.typeClass));
-    frame::patchHeader(bytes, context.header);
+        builder.addElement(request->startAddress);
+    builder.endPath();
+    builder.addCount(elementCountForRead(*request, context.typeClass));
 
-    frame::queue(frame::closed(bytes), frame::kVariableLength, frame::kValues, *request);
+    frame::queue(builder.finished(context.header), frame::kVariableLength, frame::kValues,
+                 *request);
     frame::beginExchange(1);
 }

@@ -7,7 +7,6 @@ namespace {
 
 // Head of a connected Write Tag Fragmented request, patched as the read request's.
 const char kWriteTemplate[] = "10 06 10 02 00 01 0A 00 A4 00 00 00 B5 9C AB 45 53 07 91";
-const int kRequestTail = 32; // element segment, type, count, byte offset, DLE ETX, CRC
 
 /// What the encoder needs of the station's record.
 struct WriteContext
@@ -112,20 +111,18 @@ void WriteRegister(RW_VAR* request)
     const WriteContext context = contextOf(*request);
     const int elements = reshape(*request, context.info);
 
-    QByteArray bytes;
-    bytes.reserve(head.size() + request->tagName.size() + request->data.size() + kRequestTail);
-    bytes.append(head);
-    frame::appendTagName(bytes, request->tagName);
+    frame::Builder builder(head, frame::roomForTagName(request->tagName) + request->data.size() +
+                                     frame::kRoomForRequestTail);
+    builder.addTagName(request->tagName);
     if (takesElement(*request, context.info))
-        frame::appendElement(bytes, request->startAddress);
-    frame::patchPathSize(bytes);
-    bytes.append(static_cast<char>(frame::byteAt(context.info, tagstore::kTypeLow)));
-    bytes.append(static_cast<char>(frame::byteAt(context.info, tagstore::kTypeHigh)));
-    frame::appendCount(bytes, elements);
-    bytes.append(request->data);
-    frame::patchHeader(bytes, context.header);
+        builder.addElement(request->startAddress);
+    builder.endPath();
+    builder.addByte(frame::byteAt(context.info, tagstore::kTypeLow));
+    builder.addByte(frame::byteAt(context.info, tagstore::kTypeHigh));
+    builder.addCount(elements);
+    builder.addBytes(request->data);
 
-    frame::queue(frame::closed(bytes), frame::kVariableLength, 0, *request);
+    frame::queue(builder.finished(context.header), frame::kVariableLength, 0, *request);
     frame::beginExchange(1);
     tellHost(request);
 }

@@ -5,6 +5,7 @@
 #include <QtCore/QStringList>
 #include <QtCore/QTime>
 
+#include <algorithm>
 #include <cstring>
 
 QMap<int, PLCTAGCOMMUNICATION> PLCDataStorage;
@@ -39,72 +40,122 @@ const int kTypeClasses[26] = {0, 2, 3, 4, 5, 2, 3, 4, 5, 4, 5, 2, 2,
 const unsigned int kFirstTypeCode = 0xC1;
 const int kStructureMark = 0xA3;
 
-/// CRC of a frame that is fed byte by byte: over the data behind its header and before its last two
-/// bytes (the DLE ETX), closed with ETX.
-class FrameCrc
+// Where the data begins behind a frame's header.
+int dataStart(const QByteArray& frame)
+{
+    const quint8 second = frame::byteAt(frame, 1);
+    return second == frame::kAck ? 4 : second == frame::kStx ? 2 : 0;
+}
+
+// The CRC carried on over more data.
+unsigned int extendedCrc(unsigned int crc, const char* begin, const char* end)
+{
+    for (; begin < end; ++begin)
+        crc = crc16::extended(crc, static_cast<quint8>(*begin), crc16::kReflectedPolynomial);
+    return crc;
+}
+
+// The CRC of the data so far, closed with ETX.
+unsigned int closedCrc(unsigned int crc)
+{
+    return crc16::extended(crc, frame::kEtx, crc16::kReflectedPolynomial);
+}
+
+// CRC of a frame whose first `size` bytes end with its DLE ETX.
+unsigned int crcOf(const QByteArray& frame, int size)
+{
+    const char* begin = frame.constData();
+    return closedCrc(extendedCrc(0, begin + dataStart(frame), begin + size - 2));
+}
+
+// True when the byte at `at`, before `end`, begins a pair of DLEs.
+inline bool isDoubled(const char* at, const char* end)
+{
+    return at + 1 < end && at[0] == frame::kDle && at[1] == frame::kDle;
+}
+
+// The first pair of DLEs, null for none.
+const char* firstPair(const char* begin, const char* end)
+{
+    while (begin < end) {
+        const void* dle = std::memchr(begin, frame::kDle, static_cast<std::size_t>(end - begin));
+        if (!dle)
+            break;
+        begin = static_cast<const char*>(dle);
+        if (isDoubled(begin, end))
+            return begin;
+        ++begin;
+    }
+    return nullptr;
+}
+
+// CRC of a reply as received, carried on from one possible end to the next.
+class ReplyCrc
 {
 public:
-    FrameCrc() : m_crc(0), m_count(0), m_start(0), m_last(0), m_beforeLast(0) {}
-
-    void feed(quint8 byte)
+    explicit ReplyCrc(const QByteArray& reply)
+        : m_begin(reply.constData()), m_next(m_begin), m_crc(0)
     {
-        if (m_count == 1)
-            m_start = byte == frame::kAck ? 4 : byte == frame::kStx ? 2 : 0;
-        if (m_count >= m_start + 2)
-            m_crc = crc16::extended(m_crc, m_beforeLast, crc16::kReflectedPolynomial);
-        m_beforeLast = m_last;
-        m_last = byte;
-        ++m_count;
+        // The header is counted in undoubled bytes.
+        const char second = m_begin[isPair(m_begin) ? 2 : 1];
+        const int header = second == frame::kAck ? 4 : second == frame::kStx ? 2 : 0;
+        for (int i = 0; i < header; ++i)
+            m_next += isPair(m_next) ? 2 : 1;
     }
 
-    unsigned int closedValue() const
+    // `etx` stands behind a DLE: CRC of the undoubled data in front of that DLE, or of the pair
+    // that it ends, closed with ETX.
+    unsigned int closedBefore(const char* etx)
     {
-        return crc16::extended(m_crc, frame::kEtx, crc16::kReflectedPolynomial);
+        const char* run = etx;
+        while (run > m_begin && run[-1] == frame::kDle)
+            --run;
+        const char* end = etx - ((etx - run) % 2 == 0 ? 2 : 1);
+        while (const char* pair = firstPair(m_next, end)) {
+            m_crc = extendedCrc(m_crc, m_next, pair + 1);
+            m_next = pair + 2;
+        }
+        m_crc = extendedCrc(m_crc, m_next, end);
+        m_next = end;
+        return closedCrc(m_crc);
     }
 
 private:
+    // Of the header of a reply that is long enough to be one.
+    static bool isPair(const char* at) { return at[0] == frame::kDle && at[1] == frame::kDle; }
+
+    const char* m_begin;
+    const char* m_next;
     unsigned int m_crc;
-    int m_count;
-    int m_start;
-    quint8 m_last;
-    quint8 m_beforeLast;
 };
 
-// True when the byte at `index` begins a pair of DLEs.
-bool isDoubled(const QByteArray& bytes, int index)
+// Doubles the DLEs behind the header and before the trailer, from the back so that nothing is moved
+// twice.
+void doubleInPlace(QByteArray& bytes)
 {
-    return index + 1 < bytes.size() && bytes.at(index) == frame::kDle &&
-           bytes.at(index + 1) == frame::kDle;
-}
-
-QByteArray doubled(const QByteArray& plain)
-{
-    const int last = plain.size() - frame::kTrailerSize;
-    const int header = frame::byteAt(plain, 1) == frame::kAck ? 3 : 1;
-    int extra = 0;
-    for (int i = header + 1; i < last; ++i)
-        extra += plain.at(i) == frame::kDle;
-    if (extra == 0)
-        return plain;
-    QByteArray wire;
-    wire.reserve(plain.size() + extra);
-    for (int i = 0; i < plain.size(); ++i) {
-        wire.append(plain.at(i));
-        if (i > header && i < last && plain.at(i) == frame::kDle)
-            wire.append(frame::kDle);
+    const int size = bytes.size();
+    const int first = frame::byteAt(bytes, 1) == frame::kAck ? 4 : 2;
+    const int last = size - frame::kTrailerSize;
+    const char* plain = bytes.constData();
+    if (last <= first ||
+        !std::memchr(plain + first, frame::kDle, static_cast<std::size_t>(last - first)))
+        return;
+    const int extra = static_cast<int>(std::count(plain + first, plain + last, frame::kDle));
+    bytes.resize(size + extra);
+    char* begin = bytes.data();
+    std::memmove(begin + last + extra, begin + last, frame::kTrailerSize);
+    char* to = begin + last + extra;
+    for (const char* from = begin + last; from != to;) {
+        *--to = *--from;
+        if (*from == frame::kDle)
+            *--to = frame::kDle;
     }
-    return wire;
 }
 
-QByteArray undoubled(const QByteArray& wire)
+QByteArray undoubled(QByteArray bytes)
 {
-    QByteArray plain(wire.size(), '\0');
-    char* out = plain.data();
-    int size = 0;
-    for (int i = 0; i < wire.size(); i += isDoubled(wire, i) ? 2 : 1)
-        out[size++] = wire.at(i);
-    plain.truncate(size);
-    return plain;
+    frame::undouble(bytes);
+    return bytes;
 }
 
 void patchSerial(QByteArray& bytes)
@@ -114,14 +165,26 @@ void patchSerial(QByteArray& bytes)
         bytes[kOriginatorSerial + i] = static_cast<char>((serial >> (8 * i)) & 0xFF);
 }
 
-// Replaces a template's closing DLE ETX and CRC.
-QByteArray reclosed(QByteArray bytes)
+// Closes a frame that ends with room for DLE ETX and CRC, and doubles its DLEs.
+void close(QByteArray& bytes)
 {
-    bytes.chop(frame::kTrailerSize);
-    return frame::closed(bytes);
+    const int size = bytes.size();
+    char* trailer = bytes.data() + size - frame::kTrailerSize;
+    trailer[0] = frame::kDle;
+    trailer[1] = frame::kEtx;
+    const unsigned int crc = crcOf(bytes, size - frame::kCrcSize);
+    trailer[2] = static_cast<char>(crc & 0xFF);
+    trailer[3] = static_cast<char>(crc >> 8);
+    doubleInPlace(bytes);
 }
 
-void queueHandshakeFrame(const QByteArray& wire, int replyLength, int station)
+void patchTransaction(char* bytes, unsigned short transaction)
+{
+    bytes[frame::kTransactionLow] = static_cast<char>(transaction & 0xFF);
+    bytes[frame::kTransactionHigh] = static_cast<char>(transaction >> 8);
+}
+
+void queueHandshakeFrame(QByteArray& wire, int replyLength, int station)
 {
     RW_VAR request = RW_VAR();
     request.stationNo = station;
@@ -151,24 +214,6 @@ PLCTAGCOMMUNICATION freshStation()
     return station;
 }
 
-// The guard tests the confirmation, the seed sets the class: an entry that no reply confirmed is
-// seeded anew on every call, so a class is never trusted before a reply proved it.
-void seed(QByteArray& info)
-{
-    if (tagstore::isConfirmed(info))
-        return;
-    frame::growTo(info, tagstore::kInfoSize);
-    const char fresh[tagstore::kInfoSize] = {static_cast<char>(tagstore::kUnknownClass), 0, 0, 0};
-    if (std::memcmp(info.constData(), fresh, sizeof fresh) != 0)
-        std::memcpy(info.data(), fresh, sizeof fresh);
-}
-
-void appendNumber(QByteArray& bytes, unsigned int value, int size)
-{
-    for (int i = 0; i < size; ++i)
-        bytes.append(static_cast<char>((value >> (8 * i)) & 0xFF));
-}
-
 bool endsAsFrame(const QByteArray& reply)
 {
     const int trailer = reply.size() - frame::kTrailerSize;
@@ -189,31 +234,35 @@ bool isConfirmed(const QByteArray& info)
     return info.size() >= kInfoSize && frame::byteAt(info, kConfirmation) == 0xFF;
 }
 
-void completeRequest(RW_VAR& request)
+int classOf(quint8 typeLow, quint8 typeHigh)
 {
-    if (plcAddList.constFind(request.tagName) != plcAddList.constEnd()) {
-        request.startAddress = request.addressText.toInt();
-        request.reqFlag = 1;
-    } else {
-        request.startAddress = 0;
-        request.count = 1;
-        request.reqFlag = 0;
+    const unsigned int code = typeLow == kStructureMark ? typeHigh : typeLow;
+    const unsigned int index = code - kFirstTypeCode;
+    return index < 26 ? kTypeClasses[index] : int(kByte);
+}
+
+Address addressOf(const QString& tagName, const QString& addressText, int count)
+{
+    if (plcAddList.constFind(tagName) == plcAddList.constEnd()) {
+        const Address whole = {0, 1, 0};
+        return whole;
     }
-    seed(PLCDataStorage[request.stationNo].tagInfo[request.tagName]);
+    const Address element = {addressText.toInt(), count, 1};
+    return element;
 }
 
-bool isConnected(int station)
+// The guard tests the confirmation, the seed sets the class: an entry that no reply confirmed is
+// seeded anew on every call, so a class is never trusted before a reply proved it.
+QByteArray& seededInfo(PLCTAGCOMMUNICATION& station, const QString& tagName)
 {
-    const QMap<int, PLCTAGCOMMUNICATION>::const_iterator known = PLCDataStorage.constFind(station);
-    if (known != PLCDataStorage.constEnd())
-        return known->handshakeDone;
-    PLCDataStorage.insert(station, freshStation());
-    return false;
-}
-
-bool hasTagData(const RW_VAR& request)
-{
-    return PLCDataStorage[request.stationNo].tagData.contains(request.tagName);
+    QByteArray& info = station.tagInfo[tagName];
+    if (isConfirmed(info))
+        return info;
+    frame::growTo(info, kInfoSize);
+    const char fresh[kInfoSize] = {static_cast<char>(kUnknownClass), 0, 0, 0};
+    if (std::memcmp(info.constData(), fresh, sizeof fresh) != 0)
+        std::memcpy(info.data(), fresh, sizeof fresh);
+    return info;
 }
 
 } // namespace tagstore
@@ -228,7 +277,11 @@ int AddTheTagInformationContainer(const int& station)
 bool getHandshakeInformation(const int& station)
 {
     LeafLocker lock(tagstore::leaf);
-    return tagstore::isConnected(station);
+    const QMap<int, PLCTAGCOMMUNICATION>::const_iterator known = PLCDataStorage.constFind(station);
+    if (known != PLCDataStorage.constEnd())
+        return known->handshakeDone;
+    PLCDataStorage.insert(station, freshStation());
+    return false;
 }
 
 int setHandshakeInformation(const int& station, bool flag)
@@ -254,7 +307,7 @@ bool getTagData(RW_VAR* request)
     if (!request)
         return false;
     LeafLocker lock(tagstore::leaf);
-    return tagstore::hasTagData(*request);
+    return PLCDataStorage[request->stationNo].tagData.contains(request->tagName);
 }
 
 bool getAddressType(RW_VAR* request)
@@ -268,11 +321,7 @@ bool getAddressType(RW_VAR* request)
 
 int getRegType(const QByteArray& type)
 {
-    quint8 code = frame::byteAt(type, 0);
-    if (code == kStructureMark)
-        code = frame::byteAt(type, 1);
-    const unsigned int index = code - kFirstTypeCode;
-    return index < 26 ? kTypeClasses[index] : int(tagstore::kByte);
+    return tagstore::classOf(frame::byteAt(type, 0), frame::byteAt(type, 1));
 }
 
 bool getPlcAdd(int type, unsigned int& address, unsigned int& count)
@@ -311,14 +360,16 @@ int HandshakeFunction(const int& station)
     const unsigned short transaction = transactionOf(station);
 
     QByteArray bytes = identity;
-    frame::patchTransaction(bytes, transaction);
-    queueHandshakeFrame(reclosed(bytes), kIdentityReplySize, station);
+    patchTransaction(bytes.data(), transaction);
+    close(bytes);
+    queueHandshakeFrame(bytes, kIdentityReplySize, station);
 
     bytes = forwardOpen;
     // Wraps to 0 unlike the counter; the Identity reply patches it to the counter's own next value.
-    frame::patchTransaction(bytes, static_cast<unsigned short>(transaction + 1));
+    patchTransaction(bytes.data(), static_cast<unsigned short>(transaction + 1));
     patchSerial(bytes);
-    queueHandshakeFrame(reclosed(bytes), kForwardOpenReplySize, station);
+    close(bytes);
+    queueHandshakeFrame(bytes, kForwardOpenReplySize, station);
 
     frame::beginExchange(2);
     return 1;
@@ -329,7 +380,7 @@ int HandshakeFunctionCheck(const QByteArray* reply)
     QList<Protocol>& queue = PLC_driver.sendQueue;
     if (queue.isEmpty())
         return 0;
-    const int station = queue.first().var.stationNo;
+    const int station = driverstate::inFlight().var.stationNo;
     addPlcNumber(station);
     if (!reply || !endsAsFrame(*reply))
         return 0;
@@ -349,35 +400,33 @@ int HandshakeFunctionCheck(const QByteArray* reply)
 
 unsigned int checkDataCrc(QByteArray frame) // NOLINT(performance-unnecessary-value-param): host ABI
 {
-    FrameCrc crc;
-    for (int i = 0; i < frame.size(); ++i)
-        crc.feed(frame::byteAt(frame, i));
-    return crc.closedValue();
+    return crcOf(frame, frame.size());
 }
 
 QByteArray getRecoverData(const QByteArray& frame, bool undouble)
 {
-    return undouble ? undoubled(frame) : doubled(frame);
+    QByteArray bytes = frame;
+    if (undouble)
+        frame::undouble(bytes);
+    else
+        doubleInPlace(bytes);
+    return bytes;
 }
 
 int DataIntegrityJudgment(const QByteArray* reply)
 {
     if (!reply || reply->size() < kShortestReply)
         return 0;
-    FrameCrc crc;
+    const char* const last = reply->constData() + reply->size() - frame::kCrcSize;
+    ReplyCrc crc(*reply);
     // Each byte 10 03 can be an end or, behind a doubled DLE, data: the CRC decides, and the search
-    // goes on. One pass feeds every candidate, so a reply full of them costs no more.
-    for (int i = 0; i + frame::kCrcSize < reply->size(); ++i) {
-        crc.feed(frame::byteAt(*reply, i));
-        if (isDoubled(*reply, i)) {
-            ++i;
+    // goes on. The CRC goes on with it, so a reply full of candidates costs no more.
+    for (const char* etx = reply->constData() + kFirstEtx; etx < last; ++etx) {
+        if (*etx != frame::kEtx || etx[-1] != frame::kDle)
             continue;
-        }
-        if (i < kFirstEtx || reply->at(i) != frame::kEtx || reply->at(i - 1) != frame::kDle)
-            continue;
-        const unsigned int received = frame::byteAt(*reply, i + 1) | frame::byteAt(*reply, i + 2)
-                                                                         << 8;
-        if (crc.closedValue() == received)
+        const unsigned int received = static_cast<quint8>(etx[1]) |
+                                      static_cast<unsigned int>(static_cast<quint8>(etx[2])) << 8;
+        if (crc.closedBefore(etx) == received)
             return 1;
     }
     return 0;
@@ -387,11 +436,6 @@ int DataIntegrityJudgment(const QByteArray* reply)
 // --------------------------------------------------------------------------------------
 
 namespace frame {
-
-quint8 byteAt(const QByteArray& bytes, int index)
-{
-    return index >= 0 && index < bytes.size() ? static_cast<quint8>(bytes.at(index)) : quint8(0);
-}
 
 void growTo(QByteArray& bytes, int size)
 {
@@ -419,16 +463,58 @@ Header headerOf(const PLCTAGCOMMUNICATION& station)
     return header;
 }
 
-void appendTagName(QByteArray& frame, const QString& name)
+void undouble(QByteArray& bytes)
 {
-    appendNumber(frame, static_cast<unsigned int>(name.size()), 1);
-    for (int i = 0; i < name.size(); ++i)
-        frame.append(qtcompat::latin1(name.at(i)));
-    if (name.size() % 2 != 0)
-        frame.append('\0');
+    const char* begin = bytes.constData();
+    const char* pair = firstPair(begin, begin + bytes.size());
+    if (!pair)
+        return;
+    const int before = static_cast<int>(pair - begin);
+    char* to = bytes.data() + before;
+    const char* end = bytes.constData() + bytes.size();
+    for (const char* from = to; from < end; from += isDoubled(from, end) ? 2 : 1)
+        *to++ = *from;
+    bytes.truncate(static_cast<int>(to - bytes.constData()));
 }
 
-void appendElement(QByteArray& frame, int element)
+int roomForTagName(const QString& name)
+{
+    return name.size() + 2;
+}
+
+Builder::Builder(const QByteArray& head, int room)
+{
+    m_bytes.resize(head.size() + room + kTrailerSize);
+    m_begin = m_bytes.data();
+    std::memcpy(m_begin, head.constData(), static_cast<std::size_t>(head.size()));
+    m_end = m_begin + head.size();
+}
+
+void Builder::addByte(quint8 byte)
+{
+    *m_end++ = static_cast<char>(byte);
+}
+
+void Builder::addNumber(unsigned int value, int size)
+{
+    for (int i = 0; i < size; ++i)
+        m_end[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
+    m_end += size;
+}
+
+void Builder::addTagName(const QString& name)
+{
+    const int size = name.size();
+    addByte(static_cast<quint8>(size));
+    const QChar* letters = name.constData();
+    for (int i = 0; i < size; ++i)
+        m_end[i] = qtcompat::latin1(letters[i]);
+    m_end += size;
+    if (size % 2 != 0)
+        addByte(0);
+}
+
+void Builder::addElement(int element)
 {
     // As an unsigned number: a negative index then makes a segment that no controller accepts,
     // instead of the element that its low byte names.
@@ -436,59 +522,55 @@ void appendElement(QByteArray& frame, int element)
     if (index == 0)
         return;
     if (index < 0x100) {
-        frame.append('\x28');
-        appendNumber(frame, index, 1);
+        addByte(0x28);
+        addNumber(index, 1);
     } else if (index < 0x10000) {
-        appendNumber(frame, 0x0029, 2);
-        appendNumber(frame, index, 2);
+        addNumber(0x0029, 2);
+        addNumber(index, 2);
     } else {
-        appendNumber(frame, 0x0030, 2);
-        appendNumber(frame, index, 4);
+        addNumber(0x0030, 2);
+        addNumber(index, 4);
     }
 }
 
-void appendCount(QByteArray& frame, int count)
+void Builder::endPath()
 {
-    appendNumber(frame, static_cast<unsigned int>(count), 4);
-    appendNumber(frame, 0, 2);
+    m_begin[kPathSize] = static_cast<char>(((m_end - m_begin - kPath) / 2) & 0xFF);
 }
 
-void patchTransaction(QByteArray& frame, unsigned short transaction)
+void Builder::addCount(int count)
 {
-    frame[kTransactionLow] = static_cast<char>(transaction & 0xFF);
-    frame[kTransactionHigh] = static_cast<char>(transaction >> 8);
+    addNumber(static_cast<unsigned int>(count), 4);
+    addNumber(0, 2);
 }
 
-void patchHeader(QByteArray& frame, const Header& header)
+void Builder::addBytes(const QByteArray& bytes)
 {
-    patchTransaction(frame, header.transaction);
-    frame[kConnectionLow] = static_cast<char>(header.connectionLow);
-    frame[kConnectionHigh] = static_cast<char>(header.connectionHigh);
-    frame[kSequence] = static_cast<char>((header.transaction + 7) & 0xFF);
+    std::memcpy(m_end, bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    m_end += bytes.size();
 }
 
-void patchPathSize(QByteArray& frame)
+QByteArray& Builder::finished(const Header& header)
 {
-    frame[kPathSize] = static_cast<char>(((frame.size() - kPath) / 2) & 0xFF);
+    patchTransaction(m_begin, header.transaction);
+    m_begin[kConnectionLow] = static_cast<char>(header.connectionLow);
+    m_begin[kConnectionHigh] = static_cast<char>(header.connectionHigh);
+    m_begin[kSequence] = static_cast<char>((header.transaction + 7) & 0xFF);
+    m_bytes.truncate(static_cast<int>(m_end - m_begin) + kTrailerSize);
+    close(m_bytes);
+    return m_bytes;
 }
 
-QByteArray closed(QByteArray frame)
+void queue(QByteArray& frame, int replyLength, int auxLength, const RW_VAR& request)
 {
-    frame.append(kDle);
-    frame.append(kEtx);
-    appendNumber(frame, checkDataCrc(frame), kCrcSize);
-    return doubled(frame);
-}
-
-void queue(const QByteArray& frame, int replyLength, int auxLength, const RW_VAR& request)
-{
-    Protocol protocol;
-    protocol.frame = frame;
-    protocol.sendLength = frame.size();
+    // Filled in place: a record is costly to copy.
+    PLC_driver.sendQueue.append(Protocol());
+    Protocol& protocol = PLC_driver.sendQueue.last();
+    protocol.frame.swap(frame);
+    protocol.sendLength = protocol.frame.size();
     protocol.replyLength = replyLength;
     protocol.auxLength = auxLength;
     protocol.var = request;
-    PLC_driver.sendQueue.append(protocol);
 }
 
 void beginExchange(int frames)
@@ -507,10 +589,11 @@ void repatchConnectionRequest(Protocol& request, int station, bool freshSerial)
         bytes.append(kDle);
     if (bytes.size() != kForwardOpenSize)
         return;
-    patchTransaction(bytes, transactionOf(station));
+    patchTransaction(bytes.data(), transactionOf(station));
     if (freshSerial)
         patchSerial(bytes);
-    request.frame = reclosed(bytes);
+    close(bytes);
+    request.frame = bytes;
 }
 
 } // namespace frame

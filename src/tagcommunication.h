@@ -106,10 +106,21 @@ const int kLargestValue = 1 << 24;
 
 /// True when a tag's information holds the confirmation of a reply.
 bool isConfirmed(const QByteArray& info);
-/// updateRwVar(), getHandshakeInformation() and getTagData() for a caller that holds `leaf`.
-void completeRequest(RW_VAR& request);
-bool isConnected(int station);
-bool hasTagData(const RW_VAR& request);
+/// getRegType() of the two bytes of a type field.
+int classOf(quint8 typeLow, quint8 typeHigh);
+
+/// What the catalogue makes of a request's address text and count.
+struct Address
+{
+    int startAddress;
+    int count;
+    int reqFlag;
+};
+
+// Caller holds `leaf`.
+Address addressOf(const QString& tagName, const QString& addressText, int count);
+/// The tag's information, seeded as long as no reply confirmed it.
+QByteArray& seededInfo(PLCTAGCOMMUNICATION& station, const QString& tagName);
 
 } // namespace tagstore
 
@@ -139,7 +150,10 @@ const int kTrailerSize = 4;
 const int kVariableLength = -1;
 
 /// The byte at `index`, 00 outside.
-quint8 byteAt(const QByteArray& bytes, int index);
+inline quint8 byteAt(const QByteArray& bytes, int index)
+{
+    return index >= 0 && index < bytes.size() ? static_cast<quint8>(bytes.at(index)) : quint8(0);
+}
 /// Makes `bytes` at least `size` long, filled up with 00.
 void growTo(QByteArray& bytes, int size);
 /// The bytes that a text of two-digit hexadecimal numbers, separated by single blanks, stands for.
@@ -156,22 +170,46 @@ struct Header
 /// Caller holds the store's leaf lock.
 Header headerOf(const PLCTAGCOMMUNICATION& station);
 
-/// Appends name length, name and pad behind the symbol segment code that ends a template.
-void appendTagName(QByteArray& frame, const QString& name);
-/// Appends the element segment; none for element 0.
-void appendElement(QByteArray& frame, int element);
-/// Appends element count and byte offset 0.
-void appendCount(QByteArray& frame, int count);
-void patchTransaction(QByteArray& frame, unsigned short transaction);
-/// Patches transaction number, connection identifier and sequence byte.
-void patchHeader(QByteArray& frame, const Header& header);
-/// Patches the path size of a frame that ends with its request path.
-void patchPathSize(QByteArray& frame);
-/// The frame, given without DLE ETX, closed with DLE ETX and CRC and DLE-doubled.
-QByteArray closed(QByteArray frame);
+/// Writes one frame, front to back, into one buffer.
+class Builder
+{
+public:
+    /// Begins with `head`; `room` is for the bytes behind it, but for the closing ones.
+    Builder(const QByteArray& head, int room);
 
-/// Appends a transaction to the send queue. Caller holds `listMutex` or is the only thread.
-void queue(const QByteArray& frame, int replyLength, int auxLength, const RW_VAR& request);
+    /// Name length, name and pad behind the symbol segment code that ends a head.
+    void addTagName(const QString& name);
+    /// The element segment; none for element 0.
+    void addElement(int element);
+    /// Ends the request path: patches its size.
+    void endPath();
+    void addByte(quint8 byte);
+    /// Element count and byte offset 0.
+    void addCount(int count);
+    void addBytes(const QByteArray& bytes);
+    /// Patches transaction number, connection identifier and sequence byte and gives the frame,
+    /// closed with DLE ETX and CRC and DLE-doubled. The builder is then used up.
+    QByteArray& finished(const Header& header);
+
+private:
+    void addNumber(unsigned int value, int size);
+
+    QByteArray m_bytes;
+    char* m_begin;
+    char* m_end;
+};
+
+/// Makes every pair of DLEs one; a frame without any is left as it is, shared or not.
+void undouble(QByteArray& bytes);
+
+/// Bytes that a builder's tag name can take.
+int roomForTagName(const QString& name);
+/// Bytes that an element segment, a type, a count and a byte offset take at most.
+const int kRoomForRequestTail = 16;
+
+/// Appends a transaction to the send queue; takes `frame`, which is empty then. Caller holds
+/// `listMutex` or is the only thread.
+void queue(QByteArray& frame, int replyLength, int auxLength, const RW_VAR& request);
 /// Notes in the settings record that an exchange of `frames` begins.
 void beginExchange(int frames);
 /// Gives the queued connection request the station's present transaction number, and a fresh serial

@@ -1,0 +1,161 @@
+#include "workload.h"
+
+#include "Func_GetOrSetData.h"
+#include "Func_Initi.h"
+#include "tagcommunication.h"
+#include "wire.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+const int kStation = 1;
+
+struct Kind
+{
+    const char* name;
+    quint16 type;
+    int elements;
+    int hostCount; ///< what the host asks for, in its 16-bit words
+    const char* value;
+};
+
+const Kind kKinds[] = {
+    {"int", 0xC3, 1, 1, "34 12"},
+    {"dint", 0xC4, 1, 2, "78 56 34 12"},
+    {"int15", 0xC3, 15, 15,
+     "01 00 02 00 03 00 04 00 05 00 06 00 07 00 08 00 09 00 0A 00 0B 00 0C 00 0D 00 0E 00 0F 00"},
+    {"lreal", 0xCB, 1, 4, "18 2D 44 54 FB 21 09 40"},
+    {"string20", 0xDA, 1, 10, "14 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 51 52 53 54"},
+};
+const char* const kWriteKind = "write";
+const char* const kHandshakeKind = "handshake";
+
+[[noreturn]] void fail(const char* what, const std::string& name)
+{
+    std::fprintf(stderr, "bench: %s: \"%s\"\n", what, name.c_str());
+    std::abort();
+}
+
+// A write and a connection set-up are measured with one INT variable.
+const Kind& kindOf(const std::string& name)
+{
+    for (const Kind& kind : kKinds) {
+        if (name == kind.name)
+            return kind;
+    }
+    if (name != kWriteKind && name != kHandshakeKind)
+        fail("no such workload", name);
+    return kKinds[0];
+}
+
+QString tagName(int number)
+{
+    return QString::fromLatin1("Tag%1").arg(number);
+}
+
+} // namespace
+
+std::vector<std::string> Workload::names()
+{
+    std::vector<std::string> names;
+    for (const Kind& kind : kKinds)
+        names.emplace_back(kind.name);
+    names.emplace_back(kWriteKind);
+    names.emplace_back(kHandshakeKind);
+    return names;
+}
+
+Workload::Workload(const std::string& name, int variables)
+    : m_settings(), m_count(0), m_next(0), m_wireBytes(0)
+{
+    const Kind& kind = kindOf(name);
+    m_settings.defaultStation = kStation;
+    m_settings.retryLimit = 2;
+    m_settings.writeMode = 2;
+    m_count = kind.hostCount;
+    m_value = wire::hex(kind.value);
+    m_readReply = wire::readReply(1, kind.type, m_value);
+    m_writeReply = wire::writeReply(1);
+    m_identityReply = wire::identityReply(1);
+    m_forwardOpenReply = wire::forwardOpenReply(2, wire::hex("5A 3C"));
+    SetComInfo(&m_settings);
+
+    QList<varName> catalogue;
+    for (int i = 0; i < variables; ++i) {
+        HOSTVAR variable = HOSTVAR();
+        variable.tagName = tagName(i);
+        variable.addressText = QString::fromLatin1("0");
+        variable.count = kind.hostCount;
+        m_variables.append(variable);
+        varName entry = varName();
+        entry.name = variable.tagName;
+        entry.kind = 2;
+        if (kind.elements > 1)
+            catalogue.append(entry);
+    }
+    PassVarName(&catalogue);
+    rebuild();
+    connect();
+    for (int i = 0; i < variables; ++i)
+        readOne();
+    if (name == kWriteKind)
+        m_step = [this] { write(); };
+    else if (name == kHandshakeKind)
+        m_step = [this] { connect(); };
+    else
+        m_step = [this] {
+            readOne();
+            fetch();
+        };
+}
+
+void Workload::rebuild()
+{
+    ReCreatReadVarList(&m_variables);
+}
+
+void Workload::exchange(const QByteArray& reply, int calls)
+{
+    const Protocol* request = ComCommunication();
+    if (!request)
+        fail("nothing to send for", reply.toHex().toStdString());
+    m_wireBytes = request->frame.size() + reply.size();
+    QByteArray received = reply;
+    for (int i = 0; i < calls; ++i) {
+        if (DataCom(&received, received.size())->retValue != 1)
+            fail("not accepted", reply.toHex().toStdString());
+    }
+}
+
+void Workload::connect()
+{
+    setHandshakeInformation(kStation, false);
+    exchange(m_identityReply, 1);
+    exchange(m_forwardOpenReply, 1);
+}
+
+void Workload::readOne()
+{
+    exchange(m_readReply, 2);
+}
+
+void Workload::fetch()
+{
+    const HOSTVAR& variable = m_variables.at(m_next);
+    m_next = (m_next + 1) % m_variables.size();
+    GetRegisterData(variable.tagName, 0, variable.addressText, kStation, m_fetched, m_count);
+    if (m_fetched.isEmpty())
+        fail("no value of", variable.tagName.toStdString());
+}
+
+void Workload::write()
+{
+    const HOSTVAR& variable = m_variables.at(m_next);
+    m_next = (m_next + 1) % m_variables.size();
+    SetRegisterData(variable.tagName, 0, variable.addressText, kStation, m_value, m_count, 1, 1);
+    exchange(m_writeReply, 2);
+    // Reopens the burst, as the cyclic read behind five writes does.
+    PLC_driver.writeBurst = 0;
+}

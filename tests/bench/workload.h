@@ -1,0 +1,53 @@
+#ifndef MICRO850_BENCH_WORKLOAD_H
+#define MICRO850_BENCH_WORKLOAD_H
+
+#include "Func_Initi.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+/// One kind of transaction, ready to be repeated through the driver's public entry points with
+/// replies that were prepared beforehand. The driver is one per process, so is the workload.
+class Workload
+{
+public:
+    /// Names of the kinds: scalars, an array, a string, a write, the connection set-up.
+    static std::vector<std::string> names();
+
+    /// A connected driver with `variables` cyclic variables of the kind, each read once. Aborts on
+    /// an unknown name.
+    Workload(const std::string& name, int variables);
+
+    /// One transaction with the host's fetch of its value. Aborts if the driver does not complete
+    /// it.
+    void step() { m_step(); }
+    /// ReCreatReadVarList over all variables.
+    void rebuild();
+    /// GetRegisterData of the next variable.
+    void fetch();
+    /// SetRegisterData of the next variable; with the transaction that it waits for.
+    void write();
+    /// Bytes of the frame that the last step sent, and of its reply.
+    int wireBytes() const { return m_wireBytes; }
+
+private:
+    void connect();
+    void readOne();
+    void exchange(const QByteArray& reply, int calls);
+
+    ComInfo m_settings;
+    QList<HOSTVAR> m_variables;
+    QByteArray m_readReply;
+    QByteArray m_writeReply;
+    QByteArray m_identityReply;
+    QByteArray m_forwardOpenReply;
+    QByteArray m_value;
+    QByteArray m_fetched; ///< kept, as a host keeps the buffer that it shows a value from
+    std::function<void()> m_step;
+    int m_count;
+    int m_next;
+    int m_wireBytes;
+};
+
+#endif
