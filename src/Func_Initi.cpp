@@ -249,7 +249,7 @@ int AddListOnceReadVar(RW_VAR* request, int mode)
 int ReCreatReadVarList(QList<HOSTVAR>* hostList)
 {
     QMutexLocker lock(&PLC_driver.listMutex);
-    if (!hostList || !PLC_driver.comInfo)
+    if (!hostList || (!hostList->isEmpty() && !PLC_driver.comInfo))
         return cyclicCount();
     {
         LeafLocker leaf(driverstate::leaf);

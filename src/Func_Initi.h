@@ -56,8 +56,8 @@ MICRO850_ENTRY int AddListWriteVar(RW_VAR* request, int mode);
 /// form takes none of the named mutexes: a caller may hold `listMutex`.
 MICRO850_ENTRY int AddListOnceReadVar(RW_VAR* request, int mode);
 /// Replaces the cyclic list by requests of at most 15 elements for the host's variables and
-/// restarts the poll cycle; an empty list empties it. A null list, or no settings record, changes
-/// nothing.
+/// restarts the poll cycle; an empty list only empties it. A null list, or variables without a
+/// settings record, change nothing.
 MICRO850_ENTRY int ReCreatReadVarList(QList<HOSTVAR>* hostList);
 
 /// Appends to the cyclic list blocks of `maxLength` elements cut from `run`, which keeps the rest;

@@ -636,6 +636,17 @@ TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListAndLeaveTheCycleAlone)
     EXPECT_EQ(settings.passComplete, 1);
 }
 
+TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListEvenWithoutSettings)
+{
+    RW_VAR old = readOf("Old");
+    AddListReadVar(&old);
+    SetComInfo(nullptr);
+    QList<HOSTVAR> none;
+    EXPECT_EQ(ReCreatReadVarList(&none), 0);
+    EXPECT_TRUE(PLC_driver.readList.isEmpty());
+    EXPECT_TRUE(locksAreFree());
+}
+
 TEST_F(Lists, StayAsTheyAreWithoutAHostListOrSettings)
 {
     RW_VAR old = readOf("Old");
