@@ -70,11 +70,12 @@ void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int si
     if (present == 0)
         return;
     const char* from = image.constData() + position;
-    if (!widened)
+    if (!widened) {
         std::memcpy(to, from, static_cast<std::size_t>(present));
-    else
-        for (int i = 0; i < present; ++i)
-            to[2 * i] = from[i];
+        return;
+    }
+    for (const char* end = from + present; from != end; to += 2)
+        *to = *from++;
 }
 
 /// The value in the host's layout; `hostCount` as the host passed it. Empty where nothing is asked
