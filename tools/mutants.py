@@ -28,6 +28,7 @@ FLIPPED = {
     "||": ["&&"],
     "!": [""],
 }
+ASSIGNMENTS = {"=", "+=", "-=", "*=", "/=", "%=", "&=", "|=", "^="}
 LOCKS = {"LeafLocker", "QMutexLocker"}
 TYPES = {"const", "static", "int", "bool", "unsigned", "typedef", "using"}
 
@@ -228,10 +229,11 @@ def is_removable(statement):
 
 
 def assigned(statement):
-    """What a plain assignment without a call assigns to, else None."""
+    """What an assignment without a call assigns to, else None."""
     words = statement.words
     calls = any(b == "(" and is_word(a) for a, b in zip(words, words[1:]))
-    return words[: words.index("=")] if "=" in words and not calls else None
+    at = next((i for i, word in enumerate(words) if word in ASSIGNMENTS), None)
+    return None if calls or at is None else words[:at]
 
 
 def are_independent(first, second):
@@ -245,6 +247,22 @@ def are_independent(first, second):
     )
 
 
+def bound_name(statement):
+    """The name of a reference that is bound to something without a call, else None."""
+    words = statement.words
+    if "&" not in words or "=" not in words or "(" in words:
+        return None
+    equals = words.index("=")
+    is_binding = equals >= 2 and words[equals - 2] == "&" and is_word(words[equals - 1])
+    return words[equals - 1] if is_binding else None
+
+
+def merely_binds(first, second):
+    """One only names an object and the other does not use the name: no order between them."""
+    one, other = bound_name(first), bound_name(second)
+    return bool(one and one not in second.words or other and other not in first.words)
+
+
 def are_neighbours(first, second, source):
     return (
         first.block == second.block
@@ -252,6 +270,7 @@ def are_neighbours(first, second, source):
         and source[first.end : second.start].isspace()
         and first.words != second.words
         and not are_independent(first, second)
+        and not merely_binds(first, second)
         and not {"return", "break", "continue"} & {first.words[0], second.words[0]}
     )
 

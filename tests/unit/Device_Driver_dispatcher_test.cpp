@@ -364,10 +364,13 @@ TEST_F(Dispatcher, SurvivesSettingsAtTheEndOfTheirRange)
 
 TEST_F(Dispatcher, KeepsItsQueueWithoutSettings)
 {
-    fly(readOf("T"), kCyclicRead);
+    Protocol* head = fly(readOf("T"), kCyclicRead);
     SetComInfo(nullptr);
-    EXPECT_EQ(give(kGood), 0);
-    EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(give(kGood), 0);
+        EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+        EXPECT_EQ(head->replyLength, -1) << "it is not even judged";
+    }
 }
 
 // ---- Local and remote area
