@@ -1,23 +1,33 @@
-// steps KIND NUMBER [VARIABLES]: the given number of transactions of one kind, for a counter of
-// instructions or allocations to watch; the difference between two runs is what the transactions
-// cost. Prints the bytes on the wire of one transaction.
+// steps KIND OPERATION NUMBER VARIABLES: an operation of a workload, repeated; valgrind's callgrind
+// looks at nothing else if it is started with --instr-atstart=no. Prints the bytes on the wire of
+// one transaction.
 
 #include "workload.h"
+
+#include <valgrind/callgrind.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 int main(int argc, char** argv)
 {
-    const int steps = argc > 2 ? std::atoi(argv[2]) : 0;
-    const int variables = argc > 3 ? std::atoi(argv[3]) : 10;
-    if (argc < 3 || argc > 4 || steps < 1 || variables < 1) {
-        std::fprintf(stderr, "usage: steps KIND NUMBER [VARIABLES], all numbers from 1\n");
+    const int number = argc == 5 ? std::atoi(argv[3]) : 0;
+    const int variables = argc == 5 ? std::atoi(argv[4]) : 0;
+    if (number < 1 || variables < 1) {
+        std::fprintf(stderr, "usage: steps KIND OPERATION NUMBER VARIABLES, numbers from 1\n");
         return 2;
     }
     Workload workload(argv[1], variables);
-    for (int i = 0; i < steps; ++i)
-        workload.step();
+    const auto operation = workload.operation(argv[2]);
+    if (!operation) {
+        std::fprintf(stderr, "steps: no operation \"%s\"\n", argv[2]);
+        return 2;
+    }
+    operation(); // what happens once is not measured
+    CALLGRIND_START_INSTRUMENTATION;
+    for (int i = 0; i < number; ++i)
+        operation();
+    CALLGRIND_STOP_INSTRUMENTATION;
     std::printf("wire %d\n", workload.wireBytes());
     return 0;
 }

@@ -101,7 +101,7 @@ Workload::Workload(const std::string& name, int variables)
     for (int i = 0; i < variables; ++i)
         readOne();
     if (name == kWriteKind)
-        m_step = [this] { write(); };
+        m_step = [this] { set(); };
     else if (name == kHandshakeKind)
         m_step = [this] { connect(); };
     else
@@ -109,6 +109,21 @@ Workload::Workload(const std::string& name, int variables)
             readOne();
             fetch();
         };
+}
+
+std::function<void()> Workload::operation(const std::string& name)
+{
+    if (name == "step")
+        return m_step;
+    if (name == "cyclic")
+        return [this] { readOne(); };
+    if (name == "fetch")
+        return [this] { fetch(); };
+    if (name == "set")
+        return [this] { set(); };
+    if (name == "rebuild")
+        return [this] { rebuild(); };
+    return nullptr;
 }
 
 void Workload::rebuild()
@@ -150,7 +165,7 @@ void Workload::fetch()
         fail("no value of", variable.tagName.toStdString());
 }
 
-void Workload::write()
+void Workload::set()
 {
     const HOSTVAR& variable = m_variables.at(m_next);
     m_next = (m_next + 1) % m_variables.size();

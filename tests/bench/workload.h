@@ -19,21 +19,20 @@ public:
     /// an unknown name.
     Workload(const std::string& name, int variables);
 
-    /// One transaction with the host's fetch of its value. Aborts if the driver does not complete
-    /// it.
-    void step() { m_step(); }
-    /// ReCreatReadVarList over all variables.
-    void rebuild();
-    /// GetRegisterData of the next variable.
-    void fetch();
-    /// SetRegisterData of the next variable; with the transaction that it waits for.
-    void write();
+    /// What can be repeated: "step", the kind's transaction with the host's fetch of its value;
+    /// "cyclic", a cyclic read alone; "fetch", GetRegisterData; "set", SetRegisterData with the
+    /// transaction that it waits for; "rebuild", ReCreatReadVarList. Each aborts if the driver does
+    /// not do its part. Null for another name.
+    std::function<void()> operation(const std::string& name);
     /// Bytes of the frame that the last step sent, and of its reply.
     int wireBytes() const { return m_wireBytes; }
 
 private:
     void connect();
     void readOne();
+    void fetch();
+    void set();
+    void rebuild();
     void exchange(const QByteArray& reply, int calls);
 
     ComInfo m_settings;
