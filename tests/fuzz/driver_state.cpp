@@ -21,7 +21,8 @@ void resetAttempts(ComInfo& settings)
     PLCDataStorage[station].handshakeDone = true;
     RW_VAR request = RW_VAR();
     request.stationNo = station;
-    frame::queue(intact, frame::kVariableLength, 0, request);
+    QByteArray frame = intact;
+    frame::queue(frame, frame::kVariableLength, 0, request);
     QByteArray reply = intact;
     DataCom(&reply, reply.size());
 }

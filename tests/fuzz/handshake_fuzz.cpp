@@ -136,7 +136,7 @@ void checkOutOfOrder(FuzzInput& input)
     for (int i = input.below(4); i > 0; --i) {
         RW_VAR request = RW_VAR();
         request.stationNo = station;
-        const QByteArray bytes = input.flag() ? wire::framed(input.block()) : input.block();
+        QByteArray bytes = input.flag() ? wire::framed(input.block()) : input.block();
         frame::queue(bytes, input.edge(), input.edge(), request);
     }
     const bool queued = !PLC_driver.sendQueue.isEmpty();
