@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 namespace micro850::sim {
 
@@ -14,12 +15,8 @@ constexpr std::int64_t kMostMessages = 1000000000;
 constexpr std::int64_t kLongestMessage = 65535;
 constexpr double kLongestTime = 3600;
 
-/// What a rule of this kind may say besides fault, on, rate and message.
-struct Grammar
-{
-    const char* name;
-    std::vector<std::string> keys;
-};
+/// The name of a fault, and what its rules may say besides fault, on, rate and message.
+using Grammar = std::pair<const char*, std::vector<std::string>>;
 
 // In the order of FaultKind.
 const std::vector<Grammar>& grammar()
@@ -71,7 +68,7 @@ Side sideFrom(const JsonNode& rule, FaultKind kind)
 void readPoints(const JsonNode& rule, Fault& fault)
 {
     if (rule.has("rate") == rule.has("message"))
-        rule.fail("give either \"rate\" (0 to 1) or \"message\" (a number or a list of them)");
+        rule.fail(R"(give either "rate" (0 to 1) or "message" (a number or a list of them))");
     if (rule.has("rate")) {
         fault.rate = rule.at("rate").number();
         if (!(fault.rate >= 0 && fault.rate <= 1))
@@ -123,7 +120,7 @@ void readDetails(const JsonNode& rule, Fault& fault)
     if (rule.has("bytes"))
         fault.bytes = bytesFrom(rule.at("bytes"));
     if (rule.has("seconds") && rule.has("later"))
-        rule.fail("a delay is either \"seconds\" or \"later\" messages long");
+        rule.fail(R"(a delay is either "seconds" or "later" messages long)");
     if (fault.kind != FaultKind::CipError)
         return;
     fault.failure.status = static_cast<std::uint8_t>(rule.at("status").integer(1, 255));
@@ -135,7 +132,7 @@ Fault faultFrom(const JsonNode& rule)
     Fault fault;
     fault.kind = kindFrom(rule.at("fault"));
     std::vector<std::string> keys = {"fault", "on", "rate", "message"};
-    const std::vector<std::string>& own = grammar()[static_cast<std::size_t>(fault.kind)].keys;
+    const std::vector<std::string>& own = grammar()[static_cast<std::size_t>(fault.kind)].second;
     keys.insert(keys.end(), own.begin(), own.end());
     rule.expectKeys(keys);
     fault.side = sideFrom(rule, fault.kind);
@@ -160,7 +157,7 @@ const std::vector<std::string>& faultNames()
     static const std::vector<std::string> names = [] {
         std::vector<std::string> all;
         for (const Grammar& rule : grammar())
-            all.emplace_back(rule.name);
+            all.emplace_back(rule.first);
         return all;
     }();
     return names;

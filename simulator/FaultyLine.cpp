@@ -115,9 +115,8 @@ void FaultyLine::receive(const Bytes& bytes)
 
 void FaultyLine::tick()
 {
-    Way& way = m_sides[index(Side::Requests)];
     if (m_clock.now() - m_lastInput >= kSilence) {
-        if (const auto sent = way.splitter.flush())
+        if (const auto sent = m_sides[index(Side::Requests)].splitter.flush())
             pass(Side::Requests, *sent);
     }
     deliver();
@@ -313,7 +312,7 @@ void FaultyLine::refuse(const Fault& fault, Passage& passage)
     }
 }
 
-void FaultyLine::hangUp(const Fault& fault, Passage& passage)
+void FaultyLine::hangUp(const Fault& fault, const Passage& passage)
 {
     m_hungUpUntil = m_clock.now() + fault.time;
     for (Way& way : m_sides)

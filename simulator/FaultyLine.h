@@ -126,7 +126,7 @@ private:
     Bytes randomBytes(const Fault& fault);
     void withholdAck(const Fault& fault, Passage& passage);
     void refuse(const Fault& fault, Passage& passage);
-    void hangUp(const Fault& fault, Passage& passage);
+    void hangUp(const Fault& fault, const Passage& passage);
     void report(const Fault& fault, const Passage& passage, const std::string& what);
     void send(Passage& passage);
     void schedule(Side side, Piece piece);

@@ -52,7 +52,7 @@ std::optional<Order> orderFrom(const std::string& line)
         order.retain = true;
     else
         throw UserError("power-cycle: \"" + words.front() +
-                        "\" is neither \"retain\" nor a station's number");
+                        R"(" is neither "retain" nor a station's number)");
     if (words.size() > 1)
         throw UserError(name + ": \"" + words[1] + "\" is one word too many");
     return order;

@@ -39,6 +39,13 @@ Bytes contentOf(const Bytes& message)
     return content;
 }
 
+LinkOptions everyMessage()
+{
+    LinkOptions options;
+    options.duplicateDetection = false;
+    return options;
+}
+
 // The good messages among the recorded bytes of one direction.
 class Messages
 {
@@ -52,13 +59,6 @@ public:
     }
 
 private:
-    static LinkOptions everyMessage()
-    {
-        LinkOptions options;
-        options.duplicateDetection = false;
-        return options;
-    }
-
     VirtualClock m_clock;
     std::vector<Bytes> m_taken;
     LinkLayer m_link{m_clock,

@@ -180,7 +180,7 @@ void carryOut(const std::string& line, Stations& stations)
     }
 }
 
-void waitForInput(const Stations& stations, Orders& orders, int milliseconds, bool& ordered)
+void waitForInput(const Stations& stations, const Orders& orders, int milliseconds, bool& ordered)
 {
     std::vector<pollfd> waits = {{orders.descriptor(), POLLIN, 0}};
     for (const auto& station : stations)
@@ -212,9 +212,7 @@ int run(const Options& options)
     return kExitDone;
 }
 
-} // namespace
-
-int main(int argc, char** argv)
+int program(int argc, char** argv)
 {
     Options options;
     CLI::App app("A simulated Micro850 controller on a pseudo-terminal or serial device.",
@@ -226,17 +224,26 @@ int main(int argc, char** argv)
     } catch (const CLI::Success& success) {
         return app.exit(success);
     } catch (const CLI::ParseError& error) {
-        std::cerr << "micro850-sim: " << error.what() << " (see micro850-sim --help)\n";
-        return kExitUsage;
+        throw UserError(std::string(error.what()) + " (see micro850-sim --help)");
     }
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
     std::signal(SIGHUP, requestDownload);
     std::signal(SIGPIPE, SIG_IGN);
+    return run(options);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
     try {
-        return run(options);
+        return program(argc, argv);
     } catch (const UserError& error) {
         std::cerr << "micro850-sim: " << error.what() << '\n';
         return error.status();
+    } catch (const std::exception& error) {
+        std::cerr << "micro850-sim: " << error.what() << '\n';
+        return kExitRefused;
     }
 }
