@@ -39,17 +39,16 @@ QString replyText(const Reply& reply)
                       .arg(reply.values().size());
 }
 
+} // namespace
+
 QString requestText(const Request& request)
 {
-    const QString text =
-        QStringLiteral("TNS %1 %2").arg(request.tns).arg(serviceText(request.service));
+    const QString text = serviceText(request.service);
     if (request.tag.isEmpty())
         return text;
     return text +
            QStringLiteral(" %1[%2] x%3").arg(request.tag).arg(request.element).arg(request.count);
 }
-
-} // namespace
 
 QString frameText(const QByteArray& frame)
 {
@@ -58,7 +57,9 @@ QString frameText(const QByteArray& frame)
     const Request request = decodeRequest(data);
     if (!reply.valid || !request.valid)
         return QStringLiteral("no frame");
-    return (reply.command & kReplyCommandBit) != 0 ? replyText(reply) : requestText(request);
+    return (reply.command & kReplyCommandBit) != 0
+               ? replyText(reply)
+               : QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request);
 }
 
 TraceFile::TraceFile(const QString& path)

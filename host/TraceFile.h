@@ -21,6 +21,8 @@ private:
     std::shared_ptr<micro850::TraceWriter> m_writer;
 };
 
+/// "read Level[3] x1", "open connection".
+QString requestText(const Request& request);
 /// One line that says what a complete frame asks for or answers.
 QString frameText(const QByteArray& frame);
 

@@ -33,8 +33,10 @@ int run(int argc, char** argv)
     app.require_subcommand(1);
     app.footer(std::string("micro850-host COMMAND --help tells more, with an example.\n") +
                host::kStatuses);
-    const std::vector<host::Subcommand> commands = {host::addProbe(app), host::addPoll(app),
-                                                    host::addRead(app), host::addWrite(app)};
+    const std::vector<host::Subcommand> commands = {
+        host::addProbe(app), host::addPoll(app),  host::addRead(app),
+        host::addWrite(app), host::addWatch(app), host::addLog(app),
+        host::addTrace(app), host::addCheck(app), host::addImport(app)};
     requireCommand(app, argc > 1 ? argv[1] : "");
     try {
         app.parse(argc, argv);

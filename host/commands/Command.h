@@ -21,6 +21,11 @@ Subcommand addProbe(CLI::App& app);
 Subcommand addPoll(CLI::App& app);
 Subcommand addRead(CLI::App& app);
 Subcommand addWrite(CLI::App& app);
+Subcommand addWatch(CLI::App& app);
+Subcommand addLog(CLI::App& app);
+Subcommand addTrace(CLI::App& app);
+Subcommand addCheck(CLI::App& app);
+Subcommand addImport(CLI::App& app);
 
 /// How results are told.
 struct OutputOptions

@@ -1,0 +1,141 @@
+#include "Connection.h"
+#include "Output.h"
+#include "TraceFile.h"
+#include "UserError.h"
+
+#include <memory>
+
+namespace host {
+
+namespace {
+
+struct CheckOptions
+{
+    LineOptions line;
+    OutputOptions output;
+    bool offline = false;
+};
+
+/// What the controller says to one variable.
+struct Finding
+{
+    const micro850::CipType* type = nullptr;
+    QString problem;
+};
+
+Finding findingOf(const Variable& variable, Session& session)
+{
+    Finding finding;
+    const TagKey key(variable.station, variable.tag);
+    try {
+        finding.type = &session.typeOf(key);
+        if (variable.type && variable.type != finding.type) {
+            finding.problem =
+                QStringLiteral("is %1 in the controller, %2 in the project")
+                    .arg(QLatin1String(finding.type->name), QLatin1String(variable.type->name));
+            return finding;
+        }
+        // Its last element is there only if all are.
+        session.read(key, variable.element + variable.length - 1, 1);
+    } catch (const TagRefused& refused) {
+        finding.problem = QString::fromStdString(refused.why());
+        if (finding.type)
+            finding.problem =
+                QStringLiteral("element %1: ").arg(variable.element + variable.length - 1) +
+                finding.problem;
+    }
+    return finding;
+}
+
+void tell(const Output& output, const Variable& variable, const Finding& finding)
+{
+    const bool good = finding.problem.isEmpty();
+    Json object = {{"name", variable.name.toStdString()},
+                   {"station", variable.station},
+                   {"tag", variable.tag.toStdString()},
+                   {"element", variable.element},
+                   {"length", variable.length},
+                   {"type", finding.type ? Json(finding.type->name) : Json()},
+                   {"ok", good}};
+    if (!good)
+        object["problem"] = finding.problem.toStdString();
+    output.data(object, variable.name + QStringLiteral(": ") +
+                            (good ? QStringLiteral("ok, ") + QLatin1String(finding.type->name)
+                                  : finding.problem));
+}
+
+// Stations that are disabled are not asked.
+QVector<Variable> checkable(const Project& project)
+{
+    QVector<Variable> variables;
+    for (const Variable& variable : project.variables) {
+        for (const StationSettings& station : project.stations) {
+            if (station.number == variable.station && station.enabled)
+                variables.append(variable);
+        }
+    }
+    return variables;
+}
+
+int checkOnLine(const CheckOptions& options, const Project& project, const Output& output)
+{
+    const QVector<Variable> variables = checkable(project);
+    const Project bare = withoutVariables(project, {});
+    TraceFile trace(textOf(options.line.trace));
+    Connection connection(options.line, bare);
+    Session session(connection.api(), connection.line(), connection.clock(), bare);
+    session.exchange().setObserver(trace.observer());
+    Progress progress(output, QStringLiteral("checking"), variables.size());
+    int problems = 0;
+    for (int i = 0; i < variables.size(); ++i) {
+        progress.show(i);
+        const Finding finding = findingOf(variables.at(i), session);
+        progress.clear();
+        problems += finding.problem.isEmpty() ? 0 : 1;
+        tell(output, variables.at(i), finding);
+    }
+    output.note(QStringLiteral("%1: %2 variables asked for, %3 with a problem")
+                    .arg(textOf(options.line.project))
+                    .arg(variables.size())
+                    .arg(problems));
+    return problems == 0 ? micro850::kExitDone : micro850::kExitRefused;
+}
+
+int run(const CheckOptions& options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    const Project project = projectOf(options.line);
+    if (!options.offline && !project.port.device.isEmpty())
+        return checkOnLine(options, project, output);
+    output.data({{"file", options.line.project},
+                 {"ok", true},
+                 {"stations", project.stations.size()},
+                 {"variables", project.variables.size()}},
+                QStringLiteral("%1: ok, %2 variables of %3 stations")
+                    .arg(textOf(options.line.project))
+                    .arg(project.variables.size())
+                    .arg(project.stations.size()));
+    return micro850::kExitDone;
+}
+
+} // namespace
+
+Subcommand addCheck(CLI::App& app)
+{
+    const auto options = std::make_shared<CheckOptions>();
+    options->line.project = "project.json";
+    CLI::App* check = app.add_subcommand("check", "Check a project file, and its variables against "
+                                                  "the controller");
+    check->add_option("PROJECT", options->line.project, "Project file (default project.json)");
+    check->add_flag("--offline", options->offline, "Check the file alone, though it names a port");
+    options->line.addTo(*check);
+    options->output.addTo(*check);
+    check->footer(
+        "The controller is asked where the file or --port names a port.\n"
+        "Example:\n  micro850-host check examples/plant.project.json --port /tmp/plc\n"
+        "Exit status: 0 all is well, 1 the controller has something else, 2 usage or a mistake in "
+        "the file.");
+    return {check, [options] { return run(*options); }};
+}
+
+} // namespace host

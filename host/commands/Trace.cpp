@@ -1,0 +1,127 @@
+#include "Command.h"
+#include "Output.h"
+#include "TraceReport.h"
+#include "UserError.h"
+
+#include <QtCore/QDateTime>
+
+#include <memory>
+
+namespace host {
+
+namespace {
+
+struct TraceOptions
+{
+    OutputOptions output;
+    std::string file;
+    bool summary = false;
+};
+
+const char* kindName(TraceEvent::Kind kind)
+{
+    switch (kind) {
+    case TraceEvent::Kind::Request:
+        return "request";
+    case TraceEvent::Kind::Repetition:
+        return "repetition";
+    case TraceEvent::Kind::Reply:
+        return "reply";
+    case TraceEvent::Kind::StrayReply:
+        return "stray";
+    case TraceEvent::Kind::Corrupt:
+        return "corrupt";
+    case TraceEvent::Kind::Control:
+        break;
+    }
+    return "control";
+}
+
+QString timeText(qint64 microseconds)
+{
+    return QDateTime::fromMSecsSinceEpoch(microseconds / 1000, Qt::UTC).toString(Qt::ISODateWithMs);
+}
+
+void tell(const Output& output, const TraceEvent& event)
+{
+    const bool sent = event.direction == micro850::Direction::Sent;
+    Json object = {{"time", timeText(event.microseconds).toStdString()},
+                   {"direction", sent ? "sent" : "received"},
+                   {"kind", kindName(event.kind)},
+                   {"text", event.text.toStdString()}};
+    QString line = timeText(event.microseconds) + QLatin1String(sent ? " > " : " < ") + event.text;
+    if (event.roundTripMs >= 0) {
+        object["roundTripMs"] = event.roundTripMs;
+        line += QStringLiteral(" (%1 ms)").arg(event.roundTripMs, 0, 'f', 1);
+    }
+    output.data(object, line);
+}
+
+Json summaryObject(const TraceReport& report)
+{
+    Json classes = Json::array();
+    for (const auto& part : report.histogram())
+        classes.push_back(
+            {{"withinMs", part.first < 0 ? Json() : Json(part.first)}, {"answers", part.second}});
+    Json failures = Json::object();
+    for (auto it = report.failures().constBegin(); it != report.failures().constEnd(); ++it)
+        failures[it.key().toStdString()] = it.value();
+    Json statuses = Json::object();
+    for (auto it = report.statuses().constBegin(); it != report.statuses().constEnd(); ++it)
+        statuses[it.key().toStdString()] = it.value();
+    const auto time = [&report](int percent) {
+        const double ms = report.roundTripMs(percent);
+        return ms < 0 ? Json() : Json(ms);
+    };
+    return {{"summary",
+             {{"requests", report.requests()},
+              {"answered", report.answered()},
+              {"unanswered", report.unanswered()},
+              {"repeated", report.repetitions()},
+              {"stray", report.stray()},
+              {"corrupt", report.corrupt()},
+              {"roundTripMsMedian", time(50)},
+              {"roundTripMs99", time(99)},
+              {"roundTripMsMost", time(100)},
+              {"histogram", classes},
+              {"statuses", statuses},
+              {"failures", failures}}}};
+}
+
+int run(const TraceOptions& options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    std::vector<micro850::TraceRecord> records;
+    try {
+        records = micro850::readTrace(options.file);
+    } catch (const std::runtime_error& error) {
+        throw micro850::UserError(error.what());
+    }
+    TraceReport report;
+    for (const micro850::TraceRecord& record : records)
+        report.add(record);
+    report.finish();
+    if (!options.summary) {
+        for (const TraceEvent& event : report.events())
+            tell(output, event);
+    }
+    output.data(summaryObject(report), report.statistics().join('\n'));
+    return micro850::kExitDone;
+}
+
+} // namespace
+
+Subcommand addTrace(CLI::App& app)
+{
+    const auto options = std::make_shared<TraceOptions>();
+    CLI::App* trace = app.add_subcommand("trace", "Decode a recorded trace, with statistics");
+    trace->add_option("FILE", options->file, "A trace of --trace: text or pcapng")->required();
+    trace->add_flag("--summary", options->summary, "The statistics only");
+    options->output.addTo(*trace);
+    trace->footer("Example:\n  micro850-host read Speed --port /tmp/plc --trace t.pcapng\n"
+                  "  micro850-host trace t.pcapng\n"
+                  "Exit status: 0 done, 2 usage, or a file that is no trace.");
+    return {trace, [options] { return run(*options); }};
+}
+
+} // namespace host
