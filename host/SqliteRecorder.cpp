@@ -17,12 +17,20 @@ const char kTable[] = "CREATE TABLE IF NOT EXISTS samples (time TEXT, name TEXT,
                       "error TEXT)";
 const char kInsert[] = "INSERT INTO samples VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 
+/// The name of the connection, taken while this object lives and nothing uses it any more after.
+struct ConnectionName
+{
+    ConnectionName() { QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), kConnection); }
+    ~ConnectionName() { QSqlDatabase::removeDatabase(kConnection); }
+    ConnectionName(const ConnectionName&) = delete;
+    ConnectionName& operator=(const ConnectionName&) = delete;
+};
+
 class SqliteRecorder : public Recorder
 {
 public:
     explicit SqliteRecorder(const QString& path)
-        : m_path(path),
-          m_database(QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), kConnection))
+        : m_path(path), m_database(QSqlDatabase::database(kConnection, false))
     {
         m_database.setDatabaseName(path);
         if (!m_database.isValid())
@@ -38,12 +46,8 @@ public:
     }
     ~SqliteRecorder() override
     {
-        m_insert = QSqlQuery();
         if (m_open)
             m_database.commit();
-        m_database.close();
-        m_database = QSqlDatabase();
-        QSqlDatabase::removeDatabase(kConnection);
     }
 
     void add(const Sample& sample) override
@@ -83,6 +87,7 @@ private:
         throw micro850::UserError((m_path + QStringLiteral(": ") + why).toStdString());
     }
 
+    ConnectionName m_name; // the last to go
     QString m_path;
     QSqlDatabase m_database;
     QSqlQuery m_insert;

@@ -118,7 +118,8 @@ TEST_F(HostRead, LeadsOutOfEveryMistakeWithOneLine)
 TEST_F(HostRead, TellsItsVersionAndItsHelpWithAnExample)
 {
     EXPECT_EQ(host({"--version"}).out, "micro850-host " MICRO850_VERSION "\n");
-    for (const char* command : {"probe", "poll", "read", "write"}) {
+    for (const char* command :
+         {"probe", "poll", "read", "write", "watch", "log", "check", "import"}) {
         const Result result = host({command, "--help"});
         EXPECT_EQ(result.status, 0) << command;
         EXPECT_NE(result.out.find(std::string("Example:\n  micro850-host ") + command),

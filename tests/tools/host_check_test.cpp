@@ -1,0 +1,100 @@
+#include "terminal_fixture.h"
+
+#include <QtCore/QFile>
+
+namespace {
+
+using HostCheck = TerminalTest;
+
+TEST_F(HostCheck, ChecksTheFileAloneWithoutAPort)
+{
+    const QString project = file("p.json", R"({"variables": [{"tag": "Speed"}, {"tag": "B"}]})");
+    const Result result = host({"check", project});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, project.toStdString() + ": ok, 2 variables of 1 stations\n");
+    EXPECT_EQ(host({"check", project, "--json"}).out,
+              R"({"file":")" + project.toStdString() +
+                  R"(","ok":true,"stations":1,"variables":2})" + "\n");
+}
+
+TEST_F(HostCheck, AsksTheControllerForEachVariable)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"tag": "Speed", "type": "INT"},
+        {"name": "Wrong type", "tag": "Speed", "type": "DINT"},
+        {"tag": "Level", "length": 10},
+        {"name": "Too long", "tag": "Level", "element": 5, "length": 6},
+        {"tag": "Nope"}]})");
+    const Result result = hostOnPort({"check", project});
+    EXPECT_EQ(result.status, 1);
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 5) << result.out;
+    EXPECT_EQ(lines.at(0), QString("Speed: ok, INT"));
+    EXPECT_EQ(lines.at(1), QString("Wrong type: is INT in the controller, DINT in the project"));
+    EXPECT_EQ(lines.at(2), QString("Level: ok, INT"));
+    EXPECT_TRUE(lines.at(3).startsWith("Too long: element 10: ")) << result.out;
+    EXPECT_EQ(lines.at(4), QString("Nope: path destination unknown (status 05)"));
+    EXPECT_EQ(result.err, "micro850-host: " + project.toStdString() +
+                              ": 5 variables asked for, 3 with a problem\n");
+    EXPECT_EQ(hostOnPort({"check", project, "--offline", "--quiet"}).status, 0);
+}
+
+TEST_F(HostCheck, FindsTheExamplePlantAsItsProjectSays)
+{
+    QFile tags(MICRO850_SOURCE_DIR "/examples/plant.tags.json");
+    ASSERT_TRUE(tags.open(QIODevice::ReadOnly));
+    const std::string whole = tags.readAll().toStdString();
+    const std::size_t first = whole.find('[') + 1;
+    simulate(whole.substr(first, whole.rfind(']') - first));
+    const Result result =
+        hostOnPort({"check", MICRO850_SOURCE_DIR "/examples/plant.project.json", "--json"});
+    EXPECT_EQ(result.status, 0) << result.out << result.err;
+    EXPECT_EQ(linesOf(result.out).size(), 29);
+    EXPECT_EQ(result.out.find(R"("ok":false)"), std::string::npos) << result.out;
+}
+
+TEST_F(HostCheck, ShowsHowFarItIsOnATerminalAndClearsThatAtTheEnd)
+{
+    simulate();
+    std::string variables;
+    for (int i = 0; i < 200; ++i) {
+        const std::string n = std::to_string(i);
+        variables += (i > 0 ? "," : "") + std::string(R"({"name": "v)") + n +
+                     R"(", "tag": "Recipe", "element": )" + std::to_string(i % 20) + "}";
+    }
+    const QString project = file("p.json", "{\"variables\": [" + variables + "]}");
+    open("$HOST check " + project +
+             " --port $PORT >/dev/null 2> >(tee err.txt >&2) || true; "
+             "$HOST check " +
+             project + " --port $PORT > " + path("out.txt"),
+         100, 20);
+    EXPECT_TRUE(sees("200 variables asked for, 0 with a problem"));
+    EXPECT_TRUE(sees("[status 0]"));
+    EXPECT_FALSE(screen().join('\n').contains("checking ["));
+    EXPECT_EQ(linesOf(textOf("out.txt")).size(), 200);
+}
+
+TEST_F(HostCheck, LeadsFromAFileWithThreeMistakesToOneThatWorks)
+{
+    simulate();
+    // One mistake after the other, each mended as its message says.
+    std::string text = R"({"variabels": [{"tag": "Speed", "type": "INTT", "element": -1}]})";
+    const std::pair<const char*, std::pair<const char*, const char*>> steps[] = {
+        {"\"variabels\"", {"variabels", "variables"}},
+        {"variables[0].type: \"INTT\" is not a CIP type (did you mean INT?)", {"INTT", "INT"}},
+        {"variables[0].element: -1 is not allowed (0 to 65535)", {"-1", "0"}}};
+    for (const auto& step : steps) {
+        const Result result = hostOnPort({"check", file("p.json", text)});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
+        EXPECT_NE(result.err.find(step.first), std::string::npos) << result.err;
+        text.replace(text.find(step.second.first), std::string(step.second.first).size(),
+                     step.second.second);
+    }
+    const Result result = hostOnPort({"check", file("p.json", text)});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "Speed: ok, INT\n");
+}
+
+} // namespace

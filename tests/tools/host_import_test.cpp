@@ -1,0 +1,55 @@
+#include "tool_fixture.h"
+
+namespace {
+
+using HostImport = ToolTest;
+
+const char kList[] = "Name,Data Type,Dimension,Comment\n"
+                     "Speed,INT,,rotations\n"
+                     "Level,INT,[0..9],\"tank, all\"\n"
+                     "Timer1,TON,,\n"
+                     "Name,STRING,,\n";
+
+TEST_F(HostImport, MakesAProjectThatTheControllerAgreesWith)
+{
+    simulate();
+    const QString list = file("v.csv", kList);
+    const Result result = host({"import", list});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "{\n  \"variables\": [\n"
+                          "    {\"tag\":\"Speed\",\"type\":\"INT\"},\n"
+                          "    {\"tag\":\"Level\",\"type\":\"INT\",\"length\":10},\n"
+                          "    {\"tag\":\"Name\"}\n  ]\n}\n");
+    EXPECT_EQ(result.err, "micro850-host: " + list.toStdString() +
+                              ": line 4: Timer1: \"TON\" is not an elementary type (left out)\n");
+    const Result check = hostOnPort({"check", file("p.json", result.out), "--quiet"});
+    EXPECT_EQ(check.status, 0) << check.err;
+    EXPECT_EQ(check.out, "Speed: ok, INT\nLevel: ok, INT\nName: ok, SHORT_STRING\n");
+}
+
+TEST_F(HostImport, GivesAnObjectAVariable)
+{
+    const Result result = host({"import", file("v.csv", kList), "--json", "--quiet"});
+    EXPECT_EQ(result.out, "{\"tag\":\"Speed\",\"type\":\"INT\"}\n"
+                          "{\"tag\":\"Level\",\"type\":\"INT\",\"length\":10}\n"
+                          "{\"tag\":\"Name\"}\n");
+    EXPECT_EQ(result.err, "");
+}
+
+TEST_F(HostImport, SaysWhatIsMissing)
+{
+    const Result missing = host({"import", "/none.csv"});
+    EXPECT_EQ(missing.status, 2);
+    EXPECT_EQ(missing.err, "micro850-host: /none.csv: cannot be read: No such file or directory "
+                           "(name the exported list)\n");
+    const Result empty = host({"import", file("v.csv", "Name,Type\nT,TON\n"), "--quiet"});
+    EXPECT_EQ(empty.status, 2);
+    EXPECT_NE(empty.err.find("v.csv: lists no variable that can be read"), std::string::npos)
+        << empty.err;
+    const Result heading = host({"import", file("v.csv", "A,B\n")});
+    EXPECT_EQ(heading.status, 2);
+    EXPECT_NE(heading.err.find("v.csv: line 1: no column \"Name\""), std::string::npos)
+        << heading.err;
+}
+
+} // namespace

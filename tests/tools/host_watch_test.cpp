@@ -1,0 +1,96 @@
+#include "terminal_fixture.h"
+
+namespace {
+
+using HostWatch = TerminalTest;
+
+const char kCounter[] = R"({"name": "Count", "type": "DINT",
+    "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}},
+    {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})";
+
+TEST_F(HostWatch, PrintsALineAChange)
+{
+    simulate(kCounter);
+    const Result result = hostOnPort({"watch", "Count", "Name", "--seconds", "2"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    EXPECT_GE(lines.size(), 5) << result.out;
+    int names = 0;
+    int last = -1;
+    for (const QString& line : lines) {
+        if (line.mid(13) == "Name = Apple") {
+            ++names;
+            continue;
+        }
+        ASSERT_TRUE(line.mid(13).startsWith("Count = ")) << result.out;
+        const int count = line.mid(21).toInt();
+        EXPECT_GT(count, last);
+        last = count;
+    }
+    EXPECT_EQ(names, 1); // it never changes
+}
+
+TEST_F(HostWatch, GivesAnObjectAChange)
+{
+    simulate();
+    const Result result = hostOnPort({"watch", "Level[2..3]", "--seconds", "1", "--json"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 2) << result.out;
+    EXPECT_TRUE(lines.at(0).endsWith(
+        R"("name":"Level[2..3]","station":1,"tag":"Level","element":2,"type":"INT",)"
+        R"("value":[12,13],"quality":"good"})"))
+        << result.out;
+    EXPECT_TRUE(lines.at(1).startsWith(R"({"summary":)"));
+}
+
+TEST_F(HostWatch, TellsThatATagIsUnknown)
+{
+    simulate();
+    const Result result = hostOnPort({"watch", "Nope", "--seconds", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find(" Nope (path destination unknown (status 05))"), std::string::npos)
+        << result.out;
+}
+
+TEST_F(HostWatch, NeedsATerminalForCharts)
+{
+    const Result result = hostOnPort({"watch", "Speed", "--plot"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "micro850-host: --plot needs a terminal (leave it out for a line a change)\n");
+}
+
+TEST_F(HostWatch, DrawsChartsAsWideAsTheWindow)
+{
+    simulate(kCounter);
+    open("$HOST watch Count Name Nope --plot --span 2 --port $PORT", 60, 20);
+    ASSERT_TRUE(sees("Count = "));
+    EXPECT_TRUE(sees("Name = Apple: not a number"));
+    EXPECT_TRUE(sees("Nope (never): path destination unknown"));
+    // Once the span has passed, the counter rises over the whole width.
+    EXPECT_TRUE(sees(QString::fromUtf8("██████████")));
+    const auto widest = [this] {
+        int width = 0;
+        for (const QString& line : screen())
+            width = std::max(width, line.contains(QChar(0x2588)) ? line.size() : 0);
+        return width;
+    };
+    EXPECT_EQ(widest(), 60);
+    resize(90, 20);
+    EXPECT_TRUE(sees(QString(70, QChar(0x2588))) || widest() == 90);
+    EXPECT_EQ(widest(), 90);
+    type({"q"});
+    EXPECT_TRUE(sees("[status 1]")); // Nope was never read
+    EXPECT_TRUE(sees("\nicanon"));
+}
+
+TEST_F(HostWatch, DrawsAtMostFourCharts)
+{
+    simulate();
+    open("$HOST watch A B C D E --plot --port $PORT", 100, 10);
+    EXPECT_TRUE(sees("--plot shows at most 4 variables (leave some out)"));
+    EXPECT_TRUE(sees("[status 2]"));
+}
+
+} // namespace
