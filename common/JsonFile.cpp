@@ -27,13 +27,23 @@ std::string placeOf(const std::string& text, std::size_t byte)
 }
 
 // What the library says behind its own numbering and place.
-std::string reasonOf(const json::parse_error& error)
+std::string reasonOf(const json::exception& error, const char* begin)
 {
     const std::string what = error.what();
-    const std::size_t at = what.find("syntax error");
-    std::string reason = at == std::string::npos ? what : what.substr(at);
-    std::replace(reason.begin(), reason.end(), '\n', ' ');
-    return reason;
+    const std::size_t at = what.find(begin);
+    return at == std::string::npos ? what : what.substr(at);
+}
+
+// No file of the tools is nested nearly as deep, and what shows a value descends into it.
+json parsed(const std::string& text)
+{
+    constexpr int kDeepest = 64;
+    const auto bounded = [](int depth, json::parse_event_t, const json&) {
+        if (depth > kDeepest)
+            throw UserError("brackets are nested more than " + std::to_string(kDeepest) + " deep");
+        return true;
+    };
+    return json::parse(text, bounded, true, true);
 }
 
 } // namespace
@@ -56,11 +66,16 @@ JsonNode JsonNode::fromFile(const std::string& path)
 JsonNode JsonNode::fromText(const std::string& text, const std::string& name)
 {
     try {
-        auto root = std::make_shared<const json>(json::parse(text, nullptr, true, true));
+        auto root = std::make_shared<const json>(parsed(text));
         const json* value = root.get();
         return JsonNode(std::move(root), value, name, "");
     } catch (const json::parse_error& error) {
-        throw UserError(name + ':' + placeOf(text, error.byte) + ": " + reasonOf(error));
+        throw UserError(name + ':' + placeOf(text, error.byte) + ": " +
+                        reasonOf(error, "syntax error"));
+    } catch (const json::out_of_range& error) {
+        throw UserError(name + ": " + reasonOf(error, "number overflow"));
+    } catch (const UserError& error) {
+        throw UserError(name + ": " + error.what());
     }
 }
 

@@ -274,7 +274,10 @@ TraceRecord packetOf(BodyReader body)
     TraceRecord record;
     body.number(4); // interface
     const std::uint64_t high = body.number(4);
-    record.time = microseconds(static_cast<std::int64_t>(high << 32 | body.number(4)));
+    const std::uint64_t time = high << 32 | body.number(4);
+    if (time > static_cast<std::uint64_t>(INT64_MAX))
+        throw std::runtime_error("a time stamp is beyond what a clock shows");
+    record.time = microseconds(static_cast<std::int64_t>(time));
     const std::uint64_t size = body.number(4);
     body.number(4); // original length
     record.bytes = body.bytes(size);

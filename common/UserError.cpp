@@ -30,13 +30,31 @@ std::size_t distance(const std::string& a, const std::string& b)
     return row[b.size()];
 }
 
+std::string oneLine(std::string text)
+{
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F')
+            c = ' ';
+    }
+    return text;
+}
+
 } // namespace
+
+UserError::UserError(const std::string& message, ExitStatus status)
+    : std::runtime_error(oneLine(message)), m_status(status)
+{
+}
 
 std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates)
 {
     const std::string* best = nullptr;
     std::size_t least = std::max<std::size_t>(word.size() / 2, 1) + 1;
     for (const std::string& candidate : candidates) {
+        // Words of very different length are far apart without counting.
+        if (std::max(word.size(), candidate.size()) - std::min(word.size(), candidate.size()) >=
+            least)
+            continue;
         const std::size_t away = distance(word, candidate);
         if (away < least) {
             least = away;

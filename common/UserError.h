@@ -15,14 +15,11 @@ enum ExitStatus {
 };
 
 /// What a person is told: one line that names the input and the remedy, and the exit status it asks
-/// for.
+/// for. Control characters that the input brought in become blanks.
 class UserError : public std::runtime_error
 {
 public:
-    explicit UserError(const std::string& message, ExitStatus status = kExitUsage)
-        : std::runtime_error(message), m_status(status)
-    {
-    }
+    explicit UserError(const std::string& message, ExitStatus status = kExitUsage);
 
     ExitStatus status() const { return m_status; }
 

@@ -72,6 +72,15 @@ QString tagOf(const JsonNode& node)
     return tag;
 }
 
+// The name stands in the table of values and in messages.
+void checkName(const JsonNode& node, const QString& name)
+{
+    const bool plain = std::all_of(name.begin(), name.end(),
+                                   [](QChar c) { return c.category() != QChar::Other_Control; });
+    if (name.isEmpty() || !plain)
+        node.fail("a name has at least one character and no control characters");
+}
+
 const micro850::CipType* typeOf(const JsonNode& node)
 {
     try {
@@ -134,10 +143,11 @@ Variable variableOf(const JsonNode& node, const Project& before)
     Variable variable;
     variable.tag = tagOf(node.at("tag"));
     variable.name = QString::fromStdString(node.text("name", variable.tag.toStdString()));
+    const JsonNode named = node.at(node.has("name") ? "name" : "tag");
+    checkName(named, variable.name);
     if (before.variable(variable.name)) {
-        (node.has("name") ? node.at("name") : node.at("tag"))
-            .fail("the name \"" + variable.name.toStdString() +
-                  "\" is given to two variables (rename one)");
+        named.fail("the name \"" + variable.name.toStdString() +
+                   "\" is given to two variables (rename one)");
     }
     variable.station = stationNumberOf(node, before);
     if (node.has("type"))

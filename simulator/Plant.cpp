@@ -3,8 +3,11 @@
 #include "JsonFile.h"
 #include "UserError.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
+#include <limits>
 
 namespace micro850::sim {
 
@@ -44,6 +47,23 @@ Motion::Kind kindOf(const JsonNode& node)
               " (ramp, sine, counter or toggle)");
 }
 
+bool holds(const CipType& type, double position)
+{
+    const int bits = 8 * type.size;
+    const double whole = std::round(position);
+    switch (type.kind) {
+    case CipKind::Signed:
+        return whole >= -std::ldexp(1, bits - 1) && whole < std::ldexp(1, bits - 1);
+    case CipKind::Unsigned:
+    case CipKind::Bits:
+        return whole >= 0 && whole < std::ldexp(1, bits);
+    case CipKind::Real:
+        return type.size == 8 || std::abs(position) <= std::numeric_limits<float>::max();
+    default:
+        return true;
+    }
+}
+
 Motion motionFrom(const JsonNode& node, const CipType& type)
 {
     node.expectKeys({"kind", "min", "max", "period"});
@@ -58,6 +78,9 @@ Motion motionFrom(const JsonNode& node, const CipType& type)
         node.fail("min is greater than max");
     if (type.kind == CipKind::String)
         node.fail(std::string("a ") + type.name + " cannot move; remove the motion");
+    if (!holds(type, motion.least) || !holds(type, motion.most) ||
+        !std::isfinite(motion.most - motion.least))
+        node.fail(std::string("min or max is beyond what a ") + type.name + " holds");
     motion.period = Duration(static_cast<std::int64_t>(seconds * 1e6));
     return motion;
 }
@@ -111,7 +134,8 @@ Tag tagFrom(const JsonNode& node)
     return tag;
 }
 
-// The value at `elapsed`; element `index` of an array runs a little behind its neighbour.
+// The value at `elapsed`, within the motion's bounds; element `index` of an array runs a little
+// behind its neighbour.
 double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
 {
     const double periods =
@@ -120,9 +144,10 @@ double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
     const double range = motion.most - motion.least;
     switch (motion.kind) {
     case Motion::Ramp:
-        return motion.least + range * (periods - std::floor(periods));
+        return std::min(motion.least + range * (periods - std::floor(periods)), motion.most);
     case Motion::Sine:
-        return motion.least + range / 2 * (1 + std::sin(2 * kPi * periods));
+        return std::clamp(motion.least + range / 2 * (1 + std::sin(2 * kPi * periods)),
+                          motion.least, motion.most);
     case Motion::Counter:
         return motion.least + std::fmod(std::floor(periods), std::floor(range) + 1);
     case Motion::Toggle:
@@ -131,16 +156,33 @@ double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
     return 0;
 }
 
+// The bits of a position that the type holds, in its low bytes.
+std::uint64_t bitsOf(const CipType& type, double position)
+{
+    std::uint64_t bits = 0;
+    if (type.kind == CipKind::Real && type.size == 8) {
+        std::memcpy(&bits, &position, sizeof position);
+    } else if (type.kind == CipKind::Real) {
+        const auto single = static_cast<float>(position);
+        std::uint32_t raw = 0;
+        std::memcpy(&raw, &single, sizeof single);
+        bits = raw;
+    } else if (type.kind == CipKind::Boolean) {
+        bits = position >= 0.5 ? 1 : 0;
+    } else {
+        const double whole = std::round(position);
+        bits = whole < 0 ? static_cast<std::uint64_t>(static_cast<std::int64_t>(whole))
+                         : static_cast<std::uint64_t>(whole);
+    }
+    return bits;
+}
+
 Bytes movedElement(const CipType& type, double position)
 {
-    if (type.kind == CipKind::Real)
-        return valueFromText(type, std::to_string(position));
-    if (type.kind == CipKind::Boolean)
-        return {static_cast<std::uint8_t>(position >= 0.5)};
-    const auto whole = static_cast<std::int64_t>(std::llround(position));
+    const std::uint64_t bits = bitsOf(type, position);
     Bytes bytes;
     for (int i = 0; i < type.size; ++i)
-        bytes.push_back(static_cast<std::uint8_t>(static_cast<std::uint64_t>(whole) >> (8 * i)));
+        bytes.push_back(static_cast<std::uint8_t>(bits >> (8 * i)));
     return bytes;
 }
 

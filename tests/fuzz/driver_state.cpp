@@ -4,9 +4,6 @@
 
 #include <QtCore/QTime>
 
-#include <cstdio>
-#include <cstdlib>
-
 namespace {
 
 int secondOfDay = 0;
@@ -74,12 +71,6 @@ QTime QTime::currentTime()
 }
 
 namespace fuzz {
-
-void fail(const char* file, int line, const char* condition)
-{
-    std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, condition);
-    std::abort();
-}
 
 void setTimeOfDay(int seconds)
 {

@@ -12,14 +12,10 @@
 #include "Func_Read.h"
 #include "Func_Remote.h"
 #include "Func_Write.h"
+#include "fuzz_check.h"
 #include "tagcommunication.h"
 
-/// Ends the program with the place and the text of a condition that does not hold.
-#define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::fail(__FILE__, __LINE__, #condition))
-
 namespace fuzz {
-
-[[noreturn]] void fail(const char* file, int line, const char* condition);
 
 /// Puts the driver back to the state after loading, with `settings` as its settings record.
 void resetDriver(ComInfo& settings);

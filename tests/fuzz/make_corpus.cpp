@@ -1,6 +1,7 @@
 // make_corpus DIRECTORY: writes the seeds of every harness, made from good and bad sessions, to
 // DIRECTORY/<harness>/<name>.
 
+#include "controller_steps.h"
 #include "session_steps.h"
 #include "wire.h"
 
@@ -271,6 +272,145 @@ void saveValues()
     save("values", "classify", start + bytes({9, 2}) + hex("A3 C4"));
 }
 
+// ---- The tools
+
+void saveText(const char* harness, const char* name, const char* text)
+{
+    save(harness, name, QByteArray(text));
+}
+
+void saveProjects()
+{
+    saveText("project", "least", R"({"variables": [{"tag": "Speed"}]})");
+    saveText("project", "port", R"({"port": {"device": "/dev/ttyS1", "baud": 9600, "dataBits": 8,
+"parity": "even", "stopBits": 2, "deviceBudgetMs": 300, "timeoutMs": 900, "retryLimit": 5},
+"staleAfterMs": 1500, "variables": [{"tag": "Speed", "type": "INT"}]})");
+    saveText("project", "stations", R"({ // two of them
+"stations": [{"number": 3, "name": "filler"}, {"number": 4, "enabled": false}],
+"variables": [{"name": "Fill level", "tag": "Level", "station": 4, "type": "REAL", "element": 2,
+"length": 5, "area": 7, "poll": "once"}, {"tag": "Level", "station": 3, "poll": "cyclic"}]})");
+    saveText("project", "string",
+             R"({"variables": [{"tag": "Name", "type": "SHORT_STRING", "element": 0}]})");
+    saveText("project", "bad_type", R"({"variables": [{"tag": "Speed", "type": "INTT"}]})");
+    saveText("project", "twice", R"({"variables": [{"tag": "Speed"}, {"tag": "Speed"}]})");
+    saveText("project", "cut_off", R"({"variables": [{"tag": "Spe)");
+}
+
+void saveTags()
+{
+    saveText("tags", "numbers", R"({"tags": [{"name": "Speed", "type": "INT", "value": 1234},
+{"name": "Total", "type": "LINT", "value": -9007199254740993}, {"name": "Real", "type": "REAL",
+"value": 0.1}, {"name": "Bits", "type": "WORD", "value": "0x1234", "readOnly": true}]})");
+    saveText("tags", "arrays", R"({"tags": [{"name": "Alarm", "type": "BOOL", "length": 8,
+"value": [true, false]}, {"name": "Zone", "type": "DINT", "length": 30, "value": 7}]})");
+    saveText("tags", "texts", R"({"tags": [{"name": "A", "type": "SHORT_STRING", "value": "Apple"},
+{"name": "B", "type": "STRING"}, {"name": "C", "type": "STRING2", "length": 2}]})");
+    saveText("tags", "motions", R"({"tags": [{"name": "R", "type": "INT", "motion":
+{"kind": "ramp", "min": -5, "max": 1000, "period": 20}}, {"name": "S", "type": "LREAL", "motion":
+{"kind": "sine"}}, {"name": "C", "type": "UDINT", "motion": {"kind": "counter", "period": 0.5}},
+{"name": "T", "type": "BOOL", "length": 3, "motion": {"kind": "toggle"}}]})");
+    saveText("tags", "bad_motion",
+             R"({"tags": [{"name": "R", "type": "REAL", "motion": {"kind": "rmap"}}]})");
+    saveText("tags", "bad_value", R"({"tags": [{"name": "R", "type": "INT", "value": 40000}]})");
+}
+
+void saveTexts()
+{
+    const char* const values[] = {"1234", "-128", "0xA5", "1.5e-3", "true", "Apple juice"};
+    const int types[] = {kInt, kSint, 16, kReal, kBool, kShortString};
+    for (int i = 0; i < 6; ++i) {
+        const std::string number = std::to_string(i);
+        save("text", ("value" + number).c_str(), bytes({0, types[i]}) + values[i]);
+        save("text", ("shown" + number).c_str(), bytes({1, types[i]}) + hex("03 41 42 43 00 C0"));
+        save("text", ("type" + number).c_str(), bytes({2}) + (i % 2 == 0 ? "LREAL" : "INTT"));
+    }
+    save("text", "tag", bytes({3, 0}) + "Speed");
+    save("text", "element", bytes({3, 0}) + "Level[3]");
+    save("text", "range", bytes({3, 0}) + "Level[3..65535]");
+    save("text", "write", bytes({3, 1}) + "Level[3]=-12");
+}
+
+QByteArray pcapngBlock(int type, const QByteArray& body)
+{
+    const QByteArray size = little(static_cast<quint64>(body.size() + 12), 4);
+    return little(static_cast<quint64>(type), 4) + size + body + size;
+}
+
+void saveTraces()
+{
+    saveText("trace", "text",
+             "# time, direction, bytes\n"
+             "1234567890.000042 > 10 06 10 02 FF  # read Speed\n\n"
+             "1234567891.500000 < 00\r\n1234567892.000000 <\n");
+    saveText("trace", "bad_byte", "1.000000 > 1G\n");
+    saveText("trace", "bad_time", "1.5 > 10\n");
+    const QByteArray section =
+        hex("0A 0D 0D 0A 1C 00 00 00 4D 3C 2B 1A 01 00 00 00 FF FF FF FF FF FF FF FF 1C 00 00 00");
+    const QByteArray port = pcapngBlock(1, hex("93 00 00 00 00 00 00 00"));
+    const QByteArray packet =
+        pcapngBlock(6, hex("00 00 00 00 00 F9 05 00 2A 00 00 00 02 00 00 00 02 00 00 00 10 06 00 00"
+                           "02 00 04 00 01 00 00 00 00 00 00 00"));
+    save("trace", "pcapng", section + port + packet + packet);
+    save("trace", "pcapng_cut", (section + port + packet).left(70));
+    save("trace", "pcapng_other_order",
+         hex("0A 0D 0D 0A 00 00 00 1C 1A 2B 3C 4D 00 01 00 00 FF FF FF FF FF FF FF FF 00 00 00 1C"
+             "00 00 00 06 00 00 00 24 00 00 00 00 00 00 00 00 00 00 00 05 00 00 00 02 00 00 00 02"
+             "10 06 00 00 00 00 00 24"));
+}
+
+void saveReplies()
+{
+    const auto raw = [](const QByteArray& line) { return bytes({0}) + block(line); };
+    save("replies", "identity", raw(wire::identityReply(1)));
+    save("replies", "open", raw(wire::forwardOpenReply(2, hex("5A 3C"))));
+    save("replies", "read", raw(wire::readReply(3, 0xC3, hex("10 04")) + hex("10 05")));
+    save("replies", "write", raw(wire::writeReply(4) + hex("10 15 55")));
+    save("replies", "refusals",
+         raw(wire::errorReply(5, 0x52, 0x05)) + raw(wire::errorReply(6, 0x53, 0xFF)));
+    save("replies", "requests",
+         raw(wire::framed(wire::identityRequest(1))) +
+             raw(wire::readRequest(2, hex("5A 3C"), wire::tagPath("Level", 300), 2)) +
+             raw(wire::writeRequest(3, hex("5A 3C"), wire::tagPath("Level", 3), 0xC3, 1,
+                                    hex("01 00"))));
+    save("replies", "closed_by_the_harness",
+         bytes({1}) + block(hex("00 01 4A 00 03 00 00 00 01 00 01 00 D2 00 00 00 C3 00 10 10")));
+    save("replies", "embedded", raw(hex("10 02 00 01 10 06 4A 10 02 00 10 03 00 00")));
+}
+
+void saveControllers()
+{
+    using namespace controller;
+    const QByteArray open = bytes({kOpen, 0x23, 1});
+    const auto read = [](int name, int index, int count) {
+        return bytes({controller::kRead, name, 0, index, count, 1});
+    };
+    const QByteArray ack = bytes({kRawBytes}) + block(hex("10 06"));
+    save("controller", "identity", bytes({kMessage}) + block(wire::identityRequest(1)) + ack);
+    save("controller", "reads",
+         open + ack + read(0, 3, 6) + ack + read(1, 0, 1) + ack + read(2, 0, 255) + read(3, 1, 1) +
+             read(4, 0, 1) + read(7, 0, 1) + read(2, 60, 7));
+    save("controller", "writes",
+         open + bytes({kWrite, 1, 0, 0, 3, 1, 1}) + block(hex("D2 04")) +
+             bytes({kWrite, 3, 0, 1, 0x1A, 1, 1}) + block(hex("03 41 42 43")) +
+             bytes({kWrite, 5, 0, 0, 0x0B, 1, 1}) + block(QByteArray(8, '\x10')) +
+             bytes({kWrite, 4, 0, 0, 0x15, 1, 1}) + block(hex("01 00 41 00")));
+    save("controller", "fragments",
+         open + bytes({kConnected, 1, 0, 0}) +
+             block(hex("52 03 91 04 5A 6F 6E 65 42 00 E0 01 00 00")) +
+             bytes({kConnected, 1, 0, 0}) +
+             block(hex("53 03 91 04 5A 6F 6E 65 C5 00 04 00 08 00 00 00 01 02 03 04 05 06 07 08")));
+    save("controller", "refusals",
+         bytes({kUnconnected, 1}) + block(hex("54 02 20 06 24 01 05")) + bytes({kUnconnected, 1}) +
+             block(hex("4E 02 20 06 24 01 05 F7 23 16 C6 02")) + bytes({kConnected, 1, 0, 0}) +
+             block(hex("4C 02 91 01 41 00 01 00")));
+    save("controller", "link",
+         bytes({kRawBytes}) + block(wire::framed(wire::identityRequest(1))) + bytes({kRawBytes}) +
+             block(hex("10 15 10 05 10 02 00 10 06 10 10 10 03 00 00 10 15 10 15 10 15")));
+    save("controller", "time",
+         open + read(6, 0, 1) + bytes({kWait, 0xFF, 0xFF}) + bytes({kWait, 0xFF, 0xFF}) +
+             bytes({kWait, 0xFF, 0xFF}) + read(6, 0, 1) + bytes({kPowerCycle, 0}) + read(1, 0, 1));
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -288,5 +428,11 @@ int main(int argc, char** argv)
     saveFailures();
     saveRawSession();
     saveValues();
+    saveProjects();
+    saveTags();
+    saveTexts();
+    saveTraces();
+    saveReplies();
+    saveControllers();
     return 0;
 }

@@ -75,5 +75,28 @@ TEST(JsonFile, SaysThatAFileCannotBeRead)
               "/no/such/file.json: cannot be read: No such file or directory");
 }
 
+TEST(JsonFile, RefusesANumberThatNoDoubleHolds)
+{
+    EXPECT_EQ(complaintOf([] { parsed(R"({"max": 1e999})"); }),
+              "plant.json: number overflow parsing '1e999'");
+}
+
+TEST(JsonFile, RefusesDeepNesting)
+{
+    const std::string deep(1000000, '[');
+    EXPECT_EQ(complaintOf([&] { parsed(deep.c_str()); }),
+              "plant.json: brackets are nested more than 64 deep");
+    const std::string most = std::string(64, '[') + std::string(64, ']');
+    EXPECT_EQ(complaintOf([&] { parsed(most.c_str()); }), "none");
+}
+
+TEST(JsonFile, ComplainsInOneLineWhateverTheFileHolds)
+{
+    EXPECT_EQ(complaintOf([] {
+                  parsed("{\"a\\nb\\u001b\": 1}").expectKeys({"port", "tags"});
+              }),
+              "plant.json: unknown key \"a b \" (allowed: port, tags)");
+}
+
 } // namespace
 } // namespace micro850

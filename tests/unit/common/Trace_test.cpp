@@ -157,6 +157,26 @@ TEST_F(TraceTest, RefusesADamagedCapture)
     EXPECT_EQ(errorWith(tiny), file("b.pcapng") + ": byte 48: a block of 4 bytes is not possible");
 }
 
+TEST_F(TraceTest, RefusesATimeStampBeyondWhatAClockShows)
+{
+    TraceWriter::open(file("a.pcapng"))->write(kSent);
+    std::string bytes = content(file("a.pcapng"));
+    // Highest byte of the time stamp's high half, behind two blocks, a head and the interface.
+    bytes[48 + 8 + 4 + 3] = '\x80';
+    std::istringstream in(bytes);
+    try {
+        readTrace(in, "t.pcapng");
+        FAIL();
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "t.pcapng: byte 48: a time stamp is beyond what a clock shows");
+    }
+}
+
+TEST_F(TraceTest, NamesABadNumberInOneLineWhateverItHolds)
+{
+    EXPECT_EQ(errorOf("1\t\x1B.000000 > 10\n"), "t.txt:1: \"1  \" is not a number");
+}
+
 TEST_F(TraceTest, TakesOnlyTheTwoKindsOfFile)
 {
     EXPECT_THROW(TraceWriter::open(file("a.log")), std::runtime_error);

@@ -82,6 +82,15 @@ TEST(Project, RefusesAScalingThatShowsNothing)
               "p.json: variables[1]: gain and offset are for numbers, not for WORD");
 }
 
+TEST(Project, RefusesANameThatCannotBeShown)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "two\nlines"})")),
+              "p.json: variables[1].name: a name has at least one character and no control "
+              "characters");
+    EXPECT_NE(complaint(withVariable(R"({"tag": "Speed", "name": ""})")), "none");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "Füllstand 1"})")), "none");
+}
+
 TEST(Project, FillsInWhatTheFileLeavesOut)
 {
     const Project project = Project::fromText(R"({"variables": [{"tag": "Speed"}]})", "p.json");

@@ -112,5 +112,34 @@ TEST(Plant, NamesFileKeyAndRemedyOfAWrongTagFile)
         "plant.json: tags[0].motion: a SHORT_STRING cannot move; remove the motion");
 }
 
+TEST(Plant, RefusesAMotionBeyondWhatTheTypeHolds)
+{
+    const auto complaint = [](const char* type, const char* bounds) {
+        return complaintAbout(std::string(R"({"name": "T", "type": ")") + type +
+                              R"(", "motion": {"kind": "sine", )" + bounds + "}}");
+    };
+    EXPECT_EQ(complaint("INT", R"("max": 40000)"),
+              "plant.json: tags[0].motion: min or max is beyond what a INT holds");
+    EXPECT_EQ(complaint("INT", R"("min": -32768.4, "max": 32767.4)"), "none");
+    EXPECT_NE(complaint("INT", R"("max": 32767.5)"), "none");
+    EXPECT_NE(complaint("UINT", R"("min": -1)"), "none");
+    EXPECT_NE(complaint("REAL", R"("max": 1e39)"), "none");
+    EXPECT_NE(complaint("LREAL", R"("min": -1e308, "max": 1e308)"), "none");
+    EXPECT_NE(complaint("LINT", R"("max": 9223372036854775808)"), "none");
+}
+
+TEST(Plant, MovesUpToTheLargestValueOfAType)
+{
+    const auto at = [](const char* type, const char* bounds, double seconds) {
+        Plant plant = plantOf(std::string(R"({"name": "T", "type": ")") + type +
+                              R"(", "motion": {"kind": "sine", "period": 4, )" + bounds + "}}");
+        return valueAt(plant, seconds);
+    };
+    EXPECT_EQ(at("ULINT", R"("max": 18446744073709549568)", 1), "18446744073709549568");
+    EXPECT_EQ(at("LINT", R"("min": -9223372036854775808, "max": 0)", 3), "-9223372036854775808");
+    EXPECT_EQ(at("REAL", R"("min": -3.4028234e38, "max": 3.4028234e38)", 1), "3.4028235e+38");
+    EXPECT_EQ(at("LREAL", R"("min": 0, "max": 1e-320)", 1), "1e-320");
+}
+
 } // namespace
 } // namespace micro850::sim

@@ -1,0 +1,56 @@
+// Project files: any text is read or refused with one line, and what is read can be polled.
+
+#include "Project.h"
+#include "TagDirectory.h"
+#include "complaint.h"
+
+#include <QtCore/QSet>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+void checkPort(const host::PortSettings& port)
+{
+    FUZZ_CHECK(port.baud >= 300 && port.baud <= 4000000);
+    FUZZ_CHECK(port.dataBits == 7 || port.dataBits == 8);
+    FUZZ_CHECK(port.stopBits == 1 || port.stopBits == 2);
+    FUZZ_CHECK(port.deviceBudgetMs >= 0 && port.timeoutMs >= 0 && port.retryLimit >= 0);
+}
+
+void checkVariable(const host::Project& project, const host::Variable& variable)
+{
+    FUZZ_CHECK(!variable.tag.isEmpty() && variable.tag.size() <= host::kLongestTag);
+    FUZZ_CHECK(project.hasStation(variable.station));
+    FUZZ_CHECK(variable.element >= 0 && variable.length >= 1);
+    FUZZ_CHECK(variable.element + variable.length - 1 <= host::kLargestElement);
+    FUZZ_CHECK(variable.area >= 0 && variable.area <= 255);
+    FUZZ_CHECK(project.variable(variable.name) == &variable);
+}
+
+void check(const host::Project& project)
+{
+    checkPort(project.port);
+    FUZZ_CHECK(!project.variables.isEmpty() && !project.stations.isEmpty());
+    QSet<int> numbers;
+    for (const host::StationSettings& station : project.stations)
+        numbers.insert(station.number);
+    FUZZ_CHECK(numbers.size() == project.stations.size());
+    for (const host::Variable& variable : project.variables)
+        checkVariable(project, variable);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    const QString text =
+        QString::fromUtf8(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
+    try {
+        check(host::Project::fromText(text, QStringLiteral("p.json")));
+    } catch (const micro850::UserError& error) {
+        fuzz::checkComplaint(error, "p.json:");
+    }
+    return 0;
+}

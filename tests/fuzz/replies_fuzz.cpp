@@ -1,0 +1,69 @@
+// What comes from the line, as the host takes it apart for itself: controls and frames in any
+// pieces, and what a frame asks or answers.
+
+#include "Frame.h"
+#include "ReplyCollector.h"
+#include "TraceFile.h"
+#include "fuzz_check.h"
+#include "fuzz_input.h"
+#include "wire.h"
+
+namespace {
+
+using host::ReplyCollector;
+
+// A frame that comes out of the collector is told to the driver as it stood on the line.
+void checkFrame(const QByteArray& data)
+{
+    FUZZ_CHECK(data.size() <= 1024);
+    const QByteArray frame = host::replyForDriver(data, true);
+    const QByteArray onLine = wire::framed(data);
+    FUZZ_CHECK(frame == onLine || (onLine.endsWith("\x10\x10") && frame == onLine + '\0'));
+    FUZZ_CHECK(host::dataOf(onLine) == data);
+    host::frameText(onLine);
+    const host::Reply reply = host::decodeReply(data);
+    FUZZ_CHECK(host::statusText(reply).isEmpty() == reply.good());
+    FUZZ_CHECK(host::statusKey(reply).isEmpty() == reply.good());
+    FUZZ_CHECK(reply.values().size() <= data.size());
+    const host::Request request = host::decodeRequest(data);
+    FUZZ_CHECK(request.tag.size() <= 255 && request.element <= 0xFFFF);
+    FUZZ_CHECK(!host::answers(reply, request) || reply.tns == request.tns);
+    host::saysNoConnection(reply);
+}
+
+QByteArray take(ReplyCollector& collector, const QByteArray& bytes)
+{
+    QByteArray kinds;
+    for (const ReplyCollector::Event& event : collector.feed(bytes)) {
+        kinds.append(static_cast<char>(event.kind));
+        kinds.append(event.data);
+        FUZZ_CHECK(event.kind == ReplyCollector::Kind::Frame || event.data.isEmpty());
+        if (event.kind == ReplyCollector::Kind::Frame)
+            checkFrame(event.data);
+    }
+    return kinds;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    FuzzInput input(bytes, size);
+    QByteArray line;
+    while (!input.atEnd())
+        line += input.flag() ? wire::framed(input.block()) : input.block();
+    // Whatever the pieces, the same is found.
+    ReplyCollector atOnce;
+    ReplyCollector inPieces;
+    const QByteArray found = take(atOnce, line);
+    const int piece = 1 + (line.isEmpty() ? 0 : line.at(0) & 0x0F);
+    QByteArray foundInPieces;
+    for (int at = 0; at < line.size(); at += piece)
+        foundInPieces += take(inPieces, line.mid(at, piece));
+    FUZZ_CHECK(found == foundInPieces);
+    FUZZ_CHECK(atOnce.inFrame() == inPieces.inFrame());
+    FUZZ_CHECK(atOnce.noiseBytes() == inPieces.noiseBytes() && atOnce.noiseBytes() <= line.size());
+    checkFrame(line.left(1024));
+    host::frameText(line);
+    return 0;
+}

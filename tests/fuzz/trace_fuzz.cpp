@@ -1,0 +1,24 @@
+// Recorded traffic, as text and as pcapng: any file is read or refused with one line, and what is
+// read can be written again.
+
+#include "Trace.h"
+#include "complaint.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <sstream>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    std::istringstream in(std::string(reinterpret_cast<const char*>(bytes), size));
+    try {
+        for (const micro850::TraceRecord& record : micro850::readTrace(in, "t.txt")) {
+            // A file has no bytes to make more of.
+            FUZZ_CHECK(record.bytes.size() <= size && record.note.size() <= size);
+            FUZZ_CHECK(record.time.count() >= 0);
+        }
+    } catch (const micro850::UserError& error) {
+        fuzz::checkComplaint(error, "t.txt:");
+    }
+    return 0;
+}
