@@ -394,7 +394,7 @@ private:
         const int before = PLC_driver.readList.size();
         const int now = ReCreatReadVarList(&variables);
         FUZZ_CHECK(now == PLC_driver.readList.size());
-        FUZZ_CHECK(served ? now == 0 || !variables.isEmpty() : now == before);
+        FUZZ_CHECK(variables.isEmpty() ? now == 0 : served || now == before);
         FUZZ_CHECK(!served || variables.isEmpty() || m_settings.passComplete == 0);
         if (now > kLongestCyclicList)
             PLC_driver.readList = PLC_driver.readList.mid(0, 8);
