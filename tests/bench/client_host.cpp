@@ -1,0 +1,73 @@
+// client_host DEVICE BAUD ELEMENTS READS: reads the elements of the tag Values, a DINT array,
+// through the reference host's poll loop and the driver, which it loads.
+
+#include "client.h"
+
+#include "DriverLibrary.h"
+#include "PollLoop.h"
+#include "SerialLine.h"
+#include "UserError.h"
+
+#include <QtCore/QCoreApplication>
+
+namespace {
+
+host::Project projectOf(const Task& task)
+{
+    const QString text = QStringLiteral(
+        R"({"stations": [{"number": 1}], "variables": [{"tag": "Values", "length": %1}]})");
+    host::Project project = host::Project::fromText(text.arg(task.values), "bench");
+    project.port.device = QString::fromLocal8Bit(task.device);
+    project.port.baud = task.baud;
+    return project;
+}
+
+// The cycle has settled once every element has a value and the list has been built from the type.
+void settle(host::PollLoop& loop, int cycle)
+{
+    while (!loop.values().wasRead(0) && loop.lineError().isEmpty() &&
+           loop.values().error(0).isEmpty())
+        loop.step();
+    for (int i = 0; i < cycle; ++i)
+        loop.step();
+}
+
+int run(const Task& task)
+{
+    const host::DriverLibrary library(QStringLiteral(MICRO850_LIBRARY));
+    const host::Project project = projectOf(task);
+    host::SerialLine line(project.port);
+    const host::SteadyClock clock;
+    host::PollLoop loop(library.api(), line, clock, project);
+    // A long run of elements takes more than one transaction.
+    const int parts =
+        host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
+    settle(loop, parts);
+    const host::Counters& counters = loop.stations().first().counters;
+    const qint64 from = counters.answered;
+    Stopwatch watch;
+    watch.start();
+    while (counters.answered < from + qint64(parts) * task.reads && counters.timedOut == 0 &&
+           loop.lineIsUp())
+        loop.step();
+    watch.report(task.reads);
+    if (counters.timedOut == 0 && loop.lineIsUp() && loop.values().error(0).isEmpty())
+        return 0;
+    std::fprintf(stderr, "client_host: %s: no value (%s)\n", task.device,
+                 qPrintable(loop.lineError() + loop.values().error(0)));
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const Task task = taskFrom(argc, argv);
+    const QCoreApplication app(argc, argv);
+    try {
+        return run(task);
+    } catch (const micro850::UserError& error) {
+        std::fprintf(stderr, "client_host: %s\n", error.what());
+        return error.status();
+    }
+}
