@@ -4,6 +4,7 @@
 #include "client.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QVariant>
 #include <QtSerialBus/QModbusDataUnit>
 #include <QtSerialBus/QModbusReply>
 #include <QtSerialBus/QModbusRtuSerialMaster>
@@ -65,12 +66,9 @@ int main(int argc, char** argv)
     port.setConnectionParameter(QModbusDevice::SerialPortNameParameter,
                                 QString::fromLocal8Bit(task.device));
     port.setConnectionParameter(QModbusDevice::SerialBaudRateParameter, task.baud);
-    port.setConnectionParameter(QModbusDevice::SerialDataBitsParameter,
-                                static_cast<int>(QSerialPort::Data8));
-    port.setConnectionParameter(QModbusDevice::SerialParityParameter,
-                                static_cast<int>(QSerialPort::NoParity));
-    port.setConnectionParameter(QModbusDevice::SerialStopBitsParameter,
-                                static_cast<int>(QSerialPort::OneStop));
+    port.setConnectionParameter(QModbusDevice::SerialDataBitsParameter, QSerialPort::Data8);
+    port.setConnectionParameter(QModbusDevice::SerialParityParameter, QSerialPort::NoParity);
+    port.setConnectionParameter(QModbusDevice::SerialStopBitsParameter, QSerialPort::OneStop);
     if (!port.connectDevice()) {
         std::fprintf(stderr, "client_serialbus: %s: %s\n", task.device,
                      qPrintable(port.errorString()));
