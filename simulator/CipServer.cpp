@@ -1,5 +1,7 @@
 #include "CipServer.h"
 
+#include "CipBytes.h"
+
 #include <algorithm>
 #include <utility>
 
@@ -22,46 +24,6 @@ constexpr std::uint8_t kForwardOpen = 0x54;
 
 // Value bytes that one reply carries on a connection of 504 bytes.
 constexpr std::size_t kLongestValue = 480;
-
-/// Reads numbers, low byte first; beyond the end they are missing.
-class Reader
-{
-public:
-    explicit Reader(const Bytes& bytes) : m_bytes(bytes) {}
-
-    bool has(std::size_t count) const { return m_bytes.size() - m_at >= count; }
-    std::size_t left() const { return m_bytes.size() - m_at; }
-
-    std::uint64_t number(std::size_t size)
-    {
-        std::uint64_t value = 0;
-        for (std::size_t i = 0; i < size && has(1); ++i)
-            value |= std::uint64_t{m_bytes[m_at++]} << (8 * i);
-        return value;
-    }
-
-    Bytes bytes(std::size_t count)
-    {
-        const auto first = m_bytes.begin() + static_cast<std::ptrdiff_t>(m_at);
-        m_at += std::min(count, left());
-        return {first, m_bytes.begin() + static_cast<std::ptrdiff_t>(m_at)};
-    }
-
-private:
-    const Bytes& m_bytes;
-    std::size_t m_at = 0;
-};
-
-void put(Bytes& bytes, std::uint64_t value, int size)
-{
-    for (int i = 0; i < size; ++i)
-        bytes.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-}
-
-void append(Bytes& bytes, const Bytes& more)
-{
-    bytes.insert(bytes.end(), more.begin(), more.end());
-}
 
 /// A logical path of one class and one instance segment with 8-bit numbers.
 bool isPath(const Bytes& path, std::uint8_t objectClass)

@@ -3,6 +3,7 @@
 
 #include "Engine.h"
 #include "Faults.h"
+#include "TransmissionSplitter.h"
 
 #include <deque>
 #include <functional>
@@ -10,32 +11,6 @@
 #include <map>
 
 namespace micro850::sim {
-
-/// Cuts a stream of bytes into transmissions: a message with the link controls in front of it, or
-/// controls and noise alone.
-class TransmissionSplitter
-{
-public:
-    struct Transmission
-    {
-        Bytes bytes;
-        std::size_t message = 0; ///< where DLE STX is; the size of `bytes` if there is no message
-        bool hasMessage() const { return message < bytes.size(); }
-    };
-
-    /// Takes bytes; gives what they complete.
-    std::vector<Transmission> feed(const Bytes& bytes);
-    /// Gives what has begun, as nothing more comes.
-    std::optional<Transmission> flush();
-
-private:
-    enum class State { Outside, Control, Message, Escape, CrcLow, CrcHigh };
-
-    bool take(std::uint8_t byte);
-
-    State m_state = State::Outside;
-    Transmission m_open;
-};
 
 /// The line to a controller, with the faults of a script. It stands in the place of the controller:
 /// bytes in, bytes out, time from the same clock. The same seed and the same traffic give the same
