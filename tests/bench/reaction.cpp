@@ -1,0 +1,255 @@
+// reaction BAUD TRIALS: how soon a write goes out while everything is read in a cycle, how soon
+// values are there after a start and after a fault, in milliseconds. The reference host and the
+// driver against the simulated controller on virtual time, so that the figures are those of
+// protocol and strategy on a line of that speed and do not depend on the machine. Prints JSON.
+
+#include "paced_sim_line.h"
+
+#include "DriverLibrary.h"
+#include "PollLoop.h"
+#include "UserError.h"
+
+#include <QtCore/QCoreApplication>
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+namespace {
+
+using nlohmann::json;
+
+const int kVariables = 20;
+const int kPulledMs = 3000;
+
+QString tagName(const char* kind, int number)
+{
+    return QLatin1String(kind) + QString::number(number);
+}
+
+std::string plantText(int others)
+{
+    QStringList tags;
+    for (int i = 0; i < kVariables; ++i)
+        tags += QStringLiteral(R"({"name": "%1", "type": "DINT"})").arg(tagName("Cyclic", i));
+    for (int i = 0; i < others; ++i)
+        tags += QStringLiteral(R"({"name": "%1", "type": "DINT"})").arg(tagName("Other", i));
+    return "{\"tags\": [" + tags.join(QLatin1Char(',')).toStdString() + "]}";
+}
+
+host::Project projectAt(int baud)
+{
+    QStringList variables;
+    for (int i = 0; i < kVariables; ++i)
+        variables += QStringLiteral(R"({"tag": "%1"})").arg(tagName("Cyclic", i));
+    const QString text = QStringLiteral(R"({"stations": [{"number": 1}], "variables": [%1]})");
+    host::Project project = host::Project::fromText(text.arg(variables.join(QLatin1Char(','))), "");
+    project.port.baud = baud;
+    return project;
+}
+
+json summary(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return {{"median", values[values.size() / 2]}, {"worst", values.back()}};
+}
+
+/// One host at one controller, from the start.
+class Plant
+{
+public:
+    Plant(int baud, int others)
+        : m_engine(m_clock, micro850::sim::Plant::fromText(plantText(others), "plant")),
+          m_line(m_clock, m_engine), m_port(m_clock, m_line, baud), m_project(projectAt(baud)),
+          m_loop(m_library.api(), m_port, m_port, m_project)
+    {
+        m_loop.exchange().setObserver([this](host::Exchange::Direction direction,
+                                             const QByteArray& frame,
+                                             qint64) { observe(direction, frame); });
+    }
+
+    /// Until the first value, and until all.
+    json start()
+    {
+        runUntil([&] { return m_loop.values().wasRead(0); });
+        const double first = milliseconds();
+        runUntil([&] {
+            for (int i = 0; i < kVariables; ++i) {
+                if (!m_loop.values().wasRead(i))
+                    return false;
+            }
+            return true;
+        });
+        return {{"first", first}, {"all", milliseconds()}, {"variables", kVariables}};
+    }
+
+    /// The longest read transaction while everything is read in a cycle.
+    double transactionTime()
+    {
+        m_longest = 0;
+        runFor(2000000);
+        return static_cast<double>(m_longest) / 1000;
+    }
+
+    /// From the host's call, in the middle of anything, to the first byte of the write's frame.
+    double write(const QString& tag, qint64 moment)
+    {
+        m_loop.declare({1, tag});
+        m_called = m_sent = -1;
+        m_port.plan(moment, [&] {
+            m_called = m_port.microseconds();
+            m_library.api().setRegisterData(tag, 0, QStringLiteral("0"), 1, QByteArray(4, '\1'), 2,
+                                            0, 0);
+        });
+        runUntil([&] { return m_sent >= 0; });
+        runFor(1000000);
+        if (m_engine.plant().find(tag.toStdString())->elements[0] != micro850::Bytes(4, 1))
+            throw micro850::UserError("the write did not arrive");
+        return static_cast<double>(m_sent - m_called) / 1000;
+    }
+
+    /// From the loss of a reply to the next value.
+    double loseReply(qint64 moment)
+    {
+        return recovery(moment, [this] { fault(micro850::sim::FaultKind::Withhold, 0); });
+    }
+    /// From the power cycle to the next value.
+    double powerCycle(qint64 moment)
+    {
+        return recovery(moment, [this] {
+            m_engine.powerCycle(false);
+            m_port.cut();
+            m_struck = m_port.microseconds();
+        });
+    }
+    /// From the cable's return to the next value.
+    double pullCable(qint64 moment)
+    {
+        return recovery(moment, [this] { fault(micro850::sim::FaultKind::HangUp, kPulledMs); }) -
+               kPulledMs;
+    }
+
+    void runFor(qint64 microseconds)
+    {
+        const qint64 end = m_port.microseconds() + microseconds;
+        runUntil([&] { return m_port.microseconds() >= end; });
+    }
+
+private:
+    template<typename Condition> void runUntil(Condition condition)
+    {
+        const qint64 end = m_port.microseconds() + 60000000;
+        while (!condition()) {
+            if (m_port.microseconds() > end)
+                throw micro850::UserError("nothing happened for a minute");
+            m_loop.step();
+        }
+    }
+
+    void observe(host::Exchange::Direction direction, const QByteArray& frame)
+    {
+        const qint64 now = m_port.microseconds();
+        const QByteArray data = host::dataOf(frame);
+        if (direction == host::Exchange::Direction::In) {
+            const host::Reply reply = host::decodeReply(data);
+            if (reply.service != host::kReadTagFragmented || !reply.good())
+                return;
+            m_longest = std::max(m_longest, now - m_began);
+            m_value = now;
+            return;
+        }
+        m_began = now;
+        if (host::decodeRequest(data).service == host::kWriteTagFragmented && m_sent < 0)
+            m_sent = now;
+    }
+
+    double recovery(qint64 moment, const std::function<void()>& strike)
+    {
+        m_struck = -1;
+        m_port.plan(moment, strike);
+        runUntil([&] { return m_struck >= 0 && m_value > m_struck; });
+        const double took = static_cast<double>(m_value - m_struck) / 1000;
+        runFor(1000000);
+        return took;
+    }
+
+    // Strikes the next reply.
+    void fault(micro850::sim::FaultKind kind, int milliseconds)
+    {
+        micro850::sim::Fault fault;
+        fault.kind = kind;
+        fault.messages = {m_line.messages(micro850::sim::Side::Replies) + 1};
+        fault.time = std::chrono::milliseconds(milliseconds);
+        m_line.add(fault);
+        m_line.setObserver([this](const micro850::sim::FaultyLine::Event& event) {
+            m_struck = event.time.count();
+        });
+    }
+
+    double milliseconds() const { return static_cast<double>(m_port.microseconds()) / 1000; }
+
+    micro850::sim::VirtualClock m_clock;
+    micro850::sim::Engine m_engine;
+    micro850::sim::FaultyLine m_line;
+    PacedSimLine m_port;
+    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    host::Project m_project;
+    host::PollLoop m_loop;
+    qint64 m_began = 0;   ///< of the transaction in flight
+    qint64 m_longest = 0; ///< read transaction so far
+    qint64 m_value = 0;   ///< when the last value came
+    qint64 m_called = -1; ///< when the host called for a write
+    qint64 m_sent = -1;   ///< when the write went out
+    qint64 m_struck = -1; ///< when the fault struck
+};
+
+template<typename Trial> json trials(int number, Trial trial)
+{
+    const std::uint64_t reach = 200000; // microseconds: several transactions
+    micro850::sim::Dice dice(1);
+    std::vector<double> values;
+    for (int i = 0; i < number; ++i)
+        values.push_back(trial(i, static_cast<qint64>(dice.below(reach))));
+    return summary(values);
+}
+
+json measure(int baud, int number)
+{
+    Plant plant(baud, number);
+    json result = {{"baud", baud}, {"trials", number}};
+    result["start"] = plant.start();
+    result["transaction"] = plant.transactionTime();
+    result["write"] = trials(number, [&](int i, qint64 moment) {
+        return plant.write(tagName("Cyclic", i % kVariables), moment);
+    });
+    result["write_unknown"] = trials(
+        number, [&](int i, qint64 moment) { return plant.write(tagName("Other", i), moment); });
+    result["lost_reply"] =
+        trials(number, [&](int, qint64 moment) { return plant.loseReply(moment); });
+    result["power_cycle"] =
+        trials(number, [&](int, qint64 moment) { return plant.powerCycle(moment); });
+    result["pulled_cable"] =
+        trials(number, [&](int, qint64 moment) { return plant.pullCable(moment); });
+    return result;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const int baud = argc == 3 ? std::atoi(argv[1]) : 0;
+    const int number = argc == 3 ? std::atoi(argv[2]) : 0;
+    if (baud < 1 || number < 1) {
+        std::fprintf(stderr, "usage: reaction BAUD TRIALS, both from 1\n");
+        return 2;
+    }
+    const QCoreApplication app(argc, argv);
+    try {
+        std::printf("%s\n", measure(baud, number).dump().c_str());
+        return 0;
+    } catch (const micro850::UserError& error) {
+        std::fprintf(stderr, "reaction: %s\n", error.what());
+        return 1;
+    }
+}
