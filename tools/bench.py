@@ -143,7 +143,7 @@ def main():
     parser.add_argument("out_dir")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions and sizes, for a trial")
     parser.add_argument("sections", nargs="*", metavar="SECTION", help="cost, growth, peers, line, reaction; all")
-    options = parser.parse_args()
+    options = parser.parse_intermixed_args()
     wanted = options.sections or OWN_SECTIONS + LINE_SECTIONS
     for name in wanted:
         if name not in OWN_SECTIONS + LINE_SECTIONS:
