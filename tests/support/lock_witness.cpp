@@ -1,5 +1,6 @@
 #include "lock_witness.h"
 
+#include <QtCore/QList>
 #include <QtCore/QMap>
 
 #include <dlfcn.h>
@@ -112,6 +113,53 @@ QMapNodeBase* QMapDataBase::createNode(int bytes, int alignment, QMapNodeBase* p
     if (present)
         present->noteMapChange();
     return real(this, bytes, alignment, parent, left);
+}
+
+// A QList begins with its QListData, so `this` is the list's address.
+
+void** QListData::append()
+{
+    typedef void** (*Append)(QListData*);
+    static const Append real = hidden<Append>("_ZN9QListData6appendEv");
+    if (present)
+        present->noteListChange(this);
+    return real(this);
+}
+
+void QListData::remove(int i)
+{
+    typedef void (*Remove)(QListData*, int);
+    static const Remove real = hidden<Remove>("_ZN9QListData6removeEi");
+    if (present)
+        present->noteListChange(this);
+    real(this, i);
+}
+
+void QListData::move(int from, int to)
+{
+    typedef void (*Move)(QListData*, int, int);
+    static const Move real = hidden<Move>("_ZN9QListData4moveEii");
+    if (present)
+        present->noteListChange(this);
+    real(this, from, to);
+}
+
+QListData::Data* QListData::detach(int size)
+{
+    typedef Data* (*Detach)(QListData*, int);
+    static const Detach real = hidden<Detach>("_ZN9QListData6detachEi");
+    if (present)
+        present->noteListChange(this);
+    return real(this, size);
+}
+
+QListData::Data* QListData::detach_grow(int* i, int n)
+{
+    typedef Data* (*Grow)(QListData*, int*, int);
+    static const Grow real = hidden<Grow>("_ZN9QListData11detach_growEPii");
+    if (present)
+        present->noteListChange(this);
+    return real(this, i, n);
 }
 
 LockWitness::LockWitness() : m_before(present)

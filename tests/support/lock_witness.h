@@ -6,9 +6,9 @@
 #include <vector>
 
 /// Writes down the mutexes that the calling thread locks, in order, while the witness lives, and
-/// the changes that it makes to maps. A program that uses it puts itself between the driver and
-/// Qt's functions, so a lock that went missing, comes late or is not given back is noticed without
-/// a race having to happen.
+/// the changes that it makes to maps and lists. A program that uses it puts itself between the
+/// driver and Qt's functions, so a lock that went missing, comes late or is not given back is
+/// noticed without a race having to happen.
 class LockWitness
 {
 public:
@@ -33,6 +33,15 @@ public:
     int guardedMapChanges() const { return m_guardedMapChanges; }
     int unguardedMapChanges() const { return m_unguardedMapChanges; }
 
+    /// A list that was given a record, lost one, or had two change places, with the mutexes held.
+    struct ListChange
+    {
+        const void* list;
+        std::vector<const QMutex*> held;
+    };
+    const std::vector<ListChange>& listChanges() const { return m_listChanges; }
+
+    void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
     void noteMapChange();
@@ -46,6 +55,7 @@ private:
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;
     std::vector<Pair> m_pairs;
+    std::vector<ListChange> m_listChanges;
     int m_guardedMapChanges = 0;
     int m_unguardedMapChanges = 0;
 };

@@ -3,6 +3,9 @@
 #include "dispatcher_fixture.h"
 #include "lock_witness.h"
 
+#include <algorithm>
+#include <functional>
+
 using wire::hex;
 
 namespace {
@@ -268,6 +271,194 @@ TEST_F(Locks, AreNotTakenByAConnectionSetUp)
         EXPECT_TRUE(noneNamed(witness));
     }
     EXPECT_TRUE(getHandshakeInformation(2));
+}
+
+// ---- The locks inside the library -------------------------------------------------------------
+
+// What the threads share without a named lock stands under a lock of the library's own, one for the
+// lists, one for the store.
+class OwnLocks : public Locks
+{
+protected:
+    OwnLocks()
+    {
+        LockWitness witness;
+        AddListReadVar(nullptr);
+        ofTheLists = witness.locked().at(0);
+        addPlcNumber(1);
+        ofTheStore = witness.locked().at(1);
+    }
+    /// The list was changed, and never without the library's lock of the lists.
+    template<typename List> bool guarded(const LockWitness& witness, const List& list) const
+    {
+        int changes = 0;
+        for (const LockWitness::ListChange& change : witness.listChanges()) {
+            if (change.list != &list)
+                continue;
+            ++changes;
+            if (std::count(change.held.begin(), change.held.end(), ofTheLists) == 0)
+                return false;
+        }
+        return changes > 0;
+    }
+    int times(const LockWitness& witness) const { return witness.timesLocked(*ofTheLists); }
+
+    const QMutex* ofTheLists;
+    const QMutex* ofTheStore;
+};
+
+TEST_F(OwnLocks, AreTwo)
+{
+    EXPECT_NE(ofTheLists, ofTheStore);
+    for (const QMutex* own : {ofTheLists, ofTheStore}) {
+        EXPECT_NE(own, &PLC_driver.listMutex);
+        EXPECT_NE(own, &PLC_driver.dataMutex);
+        EXPECT_NE(own, &PLC_driver.stationMutex);
+    }
+}
+
+TEST_F(OwnLocks, GuardEveryRecordThatIsQueued)
+{
+    RW_VAR request = readOf("T");
+    QList<HOSTVAR> variables = {HOSTVAR()};
+    LockWitness witness;
+    AddListReadVar(&request);
+    EXPECT_TRUE(guarded(witness, PLC_driver.readList));
+    AddListOnceReadVar(&request, 0);
+    AddListOnceReadVar(&request, 1);
+    ReCreatReadVarList(&variables);
+    EXPECT_TRUE(guarded(witness, PLC_driver.onceReadList));
+    EXPECT_TRUE(guarded(witness, PLC_driver.readList));
+}
+
+TEST_F(OwnLocks, GuardEveryLookAtAHead)
+{
+    for (int list : {int(kCyclicRead), int(kOneShotRead)}) {
+        PLC_driver.sendQueue.clear();
+        QList<RW_VAR>& requests =
+            list == kCyclicRead ? PLC_driver.readList : PLC_driver.onceReadList;
+        PLC_driver.readList.clear();
+        requests.append(readOf("T"));
+        const QList<RW_VAR> shared = requests; // a head that could be changed is a copy of its own
+        LockWitness witness;
+        ComCommunication();
+        EXPECT_TRUE(guarded(witness, requests));
+    }
+}
+
+TEST_F(OwnLocks, GuardEveryRequestThatIsTurnedOrDropped)
+{
+    EnCommStation(2, 0);
+    PLC_driver.readList.append(numbered(readOf("a"), 1, 1, 2));
+    PLC_driver.readList.append(readOf("b"));
+    {
+        LockWitness witness;
+        ComCommunication();
+        EXPECT_TRUE(guarded(witness, PLC_driver.readList)) << "turned for its station";
+    }
+    {
+        LockWitness witness;
+        answer(kGood);
+        EXPECT_TRUE(guarded(witness, PLC_driver.readList)) << "turned when it was answered";
+    }
+    PLC_driver.onceReadList.append(numbered(readOf("c"), 1, 1, 2));
+    PLC_driver.onceReadList.append(numbered(readOf("d"), 1, 1));
+    PLC_driver.onceReadList.append(numbered(readOf("e"), 1, 1));
+    LockWitness witness;
+    ComCommunication();
+    failForGood();
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_TRUE(guarded(witness, PLC_driver.onceReadList));
+}
+
+// Steps of which nothing but the lock can be seen are counted; more of them do no harm.
+
+TEST_F(OwnLocks, GuardEachStepOfAnIdleCall)
+{
+    LockWitness witness;
+    ComCommunication();
+    EXPECT_GE(times(witness), 3) << "one-shots, cyclic reads, pass complete";
+}
+
+TEST_F(OwnLocks, GuardEachStepOfACompletion)
+{
+    fly(readOf("T"), kCyclicRead);
+    give(kGood);
+    {
+        LockWitness witness;
+        give(kGood);
+        EXPECT_GE(times(witness), 2) << "no failure, turned";
+    }
+    PLC_driver.readList.clear();
+    for (int list : {int(kWrite), int(kOneShotRead)}) {
+        fly(list == kWrite ? writeOf("T", "x") : readOf("T"), list);
+        give(kGood);
+        LockWitness witness;
+        give(kGood);
+        EXPECT_GE(times(witness), 5) << "no failure, head, last one, told, removed";
+    }
+}
+
+TEST_F(OwnLocks, GuardEachStepOfAFailure)
+{
+    settings.retryLimit = 1;
+    flyUnanswerable(readOf("T"), kCyclicRead);
+    for (int least : {1, 3}) {
+        LockWitness witness;
+        timeOut();
+        EXPECT_GE(times(witness), least) << "failed; turned, one-shots dropped";
+    }
+}
+
+TEST_F(OwnLocks, GuardTheLookAtTheLastFailure)
+{
+    const QByteArray value = "x";
+    LockWitness witness;
+    SetRegisterData("T", 5, "0", 1, value, 1, 3, 1);
+    EXPECT_EQ(times(witness), 1);
+    RW_VAR request = writeOf("T", "x");
+    WriteRegister(&request);
+    EXPECT_EQ(times(witness), 2);
+}
+
+TEST_F(OwnLocks, GuardTheLengthOfTheCyclicList)
+{
+    QList<HOSTVAR> variables = {HOSTVAR()};
+    LockWitness witness;
+    ReCreatReadVarList(&variables);
+    EXPECT_GE(times(witness), 4) << "emptied, cycle restarted, appended, counted";
+    const int before = times(witness);
+    ReCreatReadVarList(nullptr);
+    EXPECT_EQ(times(witness), before + 1);
+}
+
+TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
+{
+    confirm("T", 3, 0xC3);
+    PLCDataStorage[1].tagData["T"] = hex("01 02");
+    RW_VAR request = readOf("T");
+    QByteArray reply = kGood, out;
+    Protocol head;
+    head.auxLength = 22;
+    head.var = request;
+    PLC_driver.sendQueue.append(head);
+    const std::vector<std::function<void()>> uses = {
+        [&] { declareIndexed("T"); },
+        [&] { getPassVarName("T"); },
+        [&] { updateRwVar(&request); },
+        [&] { SaveToLocalDataErea(&reply); },
+        [&] { ReadRegister(&request); },
+        [&] { WriteRegister(&request); },
+        [&] { GetRegisterData("T", 0, "0", 1, out, 1); },
+    };
+    for (std::size_t i = 0; i < uses.size(); ++i) {
+        const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
+        LockWitness witness;
+        uses[i]();
+        EXPECT_EQ(witness.timesLocked(*ofTheStore), 1) << i;
+        EXPECT_EQ(witness.unguardedMapChanges(), 0) << i;
+        EXPECT_TRUE(witness.balanced());
+    }
 }
 
 // ---- Judging and storing -----------------------------------------------------------------------

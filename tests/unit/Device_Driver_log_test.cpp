@@ -3,6 +3,7 @@
 
 #include "Device_Driver.h"
 #include "Func_Initi.h"
+#include "lock_witness.h"
 #include "tagcommunication.h"
 #include "wire.h"
 
@@ -202,6 +203,17 @@ TEST_F(DebugLog, KeepsTheLinesOfTwoThreadsApart)
     EXPECT_EQ(all.size(), 400);
     EXPECT_EQ(all.filter(QRegularExpression(":one$")).size(), 200);
     EXPECT_EQ(all.filter(QRegularExpression(":other$")).size(), 200);
+}
+
+TEST_F(DebugLog, IsWrittenUnderALockOfItsOwn)
+{
+    inChild([] {
+        LockWitness witness;
+        customMessageHandler(QtDebugMsg, "m");
+        if (witness.locked().size() != 1 || !witness.balanced())
+            std::exit(96);
+    });
+    EXPECT_EQ(lines().size(), 1);
 }
 
 TEST_F(DebugLog, TakesMessagesOfEveryTypeAndGoesOnBehindAFatalOne)

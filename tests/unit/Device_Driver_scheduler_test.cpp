@@ -240,6 +240,21 @@ TEST_F(Scheduler, LeavesEverythingElseWhereEveryCyclicStationIsDisabled)
     EXPECT_EQ(settings.passComplete, 0);
 }
 
+TEST_F(Scheduler, TurnsAListOfAnyLengthByOne)
+{
+    for (int size : {1, 2, 255, 256, 257, 300}) {
+        PLC_driver.readList.clear();
+        for (int i = 0; i < size; ++i) {
+            PLC_driver.readList.append(readOf("R"));
+            PLC_driver.readList.last().varIndex = i;
+        }
+        serve();
+        ASSERT_EQ(PLC_driver.readList.size(), size);
+        for (int i = 0; i < size; ++i)
+            EXPECT_EQ(PLC_driver.readList[i].varIndex, (i + 1) % size) << size;
+    }
+}
+
 TEST_F(Scheduler, OpensTheOneShotBurstAgainByACyclicReadOnly)
 {
     addOnce({"1"});
