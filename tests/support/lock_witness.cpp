@@ -184,8 +184,23 @@ bool LockWitness::nested(const QMutex& outer, const QMutex& inner) const
     });
 }
 
+void LockWitness::watch(const std::function<int()>& value, const QMutex& guard)
+{
+    m_watched.push_back({value, &guard, value(), 0});
+}
+
+int LockWitness::unguardedValueChanges() const
+{
+    int changes = 0;
+    for (const Watched& watched : m_watched)
+        changes += watched.unguardedChanges + (watched.value() != watched.last);
+    return changes;
+}
+
 void LockWitness::noteLock(const QMutex* mutex)
 {
+    for (Watched& watched : m_watched)
+        watched.unguardedChanges += watched.guard == mutex && watched.value() != watched.last;
     for (const QMutex* outer : m_held)
         m_pairs.push_back({outer, mutex});
     m_locked.push_back(mutex);
@@ -194,6 +209,10 @@ void LockWitness::noteLock(const QMutex* mutex)
 
 void LockWitness::noteUnlock(const QMutex* mutex)
 {
+    for (Watched& watched : m_watched) {
+        if (watched.guard == mutex)
+            watched.last = watched.value();
+    }
     const auto at = std::find(m_held.begin(), m_held.end(), mutex);
     if (at != m_held.end())
         m_held.erase(at);

@@ -3,6 +3,7 @@
 
 #include <QtCore/QMutex>
 
+#include <functional>
 #include <vector>
 
 /// Writes down the mutexes that the calling thread locks, in order, while the witness lives, and
@@ -41,6 +42,11 @@ public:
     };
     const std::vector<ListChange>& listChanges() const { return m_listChanges; }
 
+    /// Looks at a value whenever `guard` is locked and unlocked: it may change in between only.
+    void watch(const std::function<int()>& value, const QMutex& guard);
+    /// How often a watched value was found changed while its guard was not held.
+    int unguardedValueChanges() const;
+
     void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
@@ -51,7 +57,15 @@ private:
     {
         const QMutex *outer, *inner;
     };
+    struct Watched
+    {
+        std::function<int()> value;
+        const QMutex* guard;
+        int last;
+        int unguardedChanges;
+    };
     LockWitness* m_before;
+    std::vector<Watched> m_watched;
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;
     std::vector<Pair> m_pairs;

@@ -371,6 +371,35 @@ TEST_F(OwnLocks, GuardEveryRequestThatIsTurnedOrDropped)
     EXPECT_TRUE(guarded(witness, PLC_driver.onceReadList));
 }
 
+TEST_F(OwnLocks, GuardEveryValueThatTheThreadsShare)
+{
+    const auto watchAll = [this](LockWitness& witness) {
+        witness.watch([this] { return settings.passComplete; }, *ofTheLists);
+        witness.watch([] { return PLC_driver.readCycleCount; }, *ofTheLists);
+        witness.watch([] { return int(PLC_driver.errorFlag); }, *ofTheLists);
+    };
+    LockWitness witness;
+    watchAll(witness);
+    ComCommunication();
+    EXPECT_EQ(settings.passComplete, 1);
+    flyUnanswerable(readOf("T"), kCyclicRead);
+    timeOut();
+    EXPECT_TRUE(PLC_driver.errorFlag);
+    EXPECT_EQ(settings.passComplete, 0);
+    for (int i = 0; i < 2; ++i) {
+        PLC_driver.sendQueue.first().replyLength = kGood.size();
+        give(kGood);
+        EXPECT_EQ(PLC_driver.readCycleCount, 1 - i);
+        ComCommunication();
+    }
+    EXPECT_FALSE(PLC_driver.errorFlag);
+    EXPECT_EQ(settings.passComplete, 1);
+    QList<HOSTVAR> variables = {HOSTVAR()};
+    ReCreatReadVarList(&variables);
+    EXPECT_EQ(settings.passComplete, 0);
+    EXPECT_EQ(witness.unguardedValueChanges(), 0);
+}
+
 // Steps of which nothing but the lock can be seen are counted; more of them do no harm.
 
 TEST_F(OwnLocks, GuardEachStepOfAnIdleCall)
