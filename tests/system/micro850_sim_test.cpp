@@ -1,0 +1,190 @@
+// The program micro850-sim as a person starts it: options, orders, what it says and how it ends.
+
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+#include <QtCore/QTemporaryDir>
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace {
+
+const int kLimitMs = 60000;
+const char kTags[] = R"({"tags": [{"name": "A", "type": "INT", "value": 5}]})";
+
+class SimulatorProgram : public ::testing::Test
+{
+protected:
+    SimulatorProgram() { EXPECT_TRUE(m_folder.isValid()); }
+    ~SimulatorProgram() override
+    {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished(kLimitMs);
+        }
+    }
+
+    QString file(const char* name, const char* text)
+    {
+        QFile out(m_folder.filePath(name));
+        EXPECT_TRUE(out.open(QIODevice::WriteOnly));
+        out.write(text);
+        return out.fileName();
+    }
+    QString path(const char* name) const { return m_folder.filePath(name); }
+
+    void start(const QStringList& arguments)
+    {
+        m_process.start(QStringLiteral(MICRO850_SIM), arguments);
+        ASSERT_TRUE(m_process.waitForStarted(kLimitMs));
+    }
+    /// Everything on standard output or error up to the line that has this text.
+    bool says(const char* text, QProcess::ProcessChannel channel = QProcess::StandardError)
+    {
+        m_process.setReadChannel(channel);
+        for (;;) {
+            while (m_process.canReadLine()) {
+                m_lastLine = m_process.readLine().trimmed();
+                if (m_lastLine.contains(text))
+                    return true;
+            }
+            if (!m_process.waitForReadyRead(kLimitMs))
+                return false;
+        }
+    }
+    void order(const char* line)
+    {
+        m_process.write(QByteArray(line) + '\n');
+        m_process.waitForBytesWritten(kLimitMs);
+    }
+    /// The exit status after this signal; -1 when it does not end or crashes.
+    int end(int signal)
+    {
+        ::kill(static_cast<pid_t>(m_process.processId()), signal);
+        return exitStatus();
+    }
+    int exitStatus()
+    {
+        const bool ended = m_process.waitForFinished(kLimitMs);
+        return ended && m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    }
+    /// The one line of complaint about a call that is wrong; its exit status must be 2.
+    std::string complaint(const QStringList& arguments)
+    {
+        start(arguments);
+        EXPECT_EQ(exitStatus(), 2);
+        EXPECT_EQ(m_process.readAllStandardOutput().toStdString(), "");
+        const QByteArray text = m_process.readAllStandardError();
+        EXPECT_EQ(text.count('\n'), 1) << text.toStdString();
+        return text.trimmed().toStdString();
+    }
+
+    QByteArray m_lastLine;
+    QProcess m_process;
+
+private:
+    QTemporaryDir m_folder;
+};
+
+TEST_F(SimulatorProgram, PrintsItsLineAndASummaryAndEndsBySignal)
+{
+    start({file("a.json", kTags), "--link", path("plc")});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    EXPECT_TRUE(QFile::exists(path("plc")));
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(says("0 messages, 0 corrupt, 0 repeated, 0 replies undelivered"));
+    EXPECT_FALSE(QFile::exists(path("plc")));
+}
+
+TEST_F(SimulatorProgram, ServesEachOfSeveralStationsOnALineOfItsOwn)
+{
+    start({"--station", "1=" + file("a.json", kTags), "--station", "7=" + file("b.json", kTags),
+           "--link", path("plc")});
+    ASSERT_TRUE(says("station 1: /dev/pts/", QProcess::StandardOutput));
+    ASSERT_TRUE(says("station 7: /dev/pts/", QProcess::StandardOutput));
+    EXPECT_TRUE(QFile::exists(path("plc.1")));
+    EXPECT_TRUE(QFile::exists(path("plc.7")));
+    EXPECT_EQ(end(SIGINT), 0);
+}
+
+TEST_F(SimulatorProgram, ObeysOrdersForOneStationOrAllAndSaysSo)
+{
+    start({"--station", "1=" + file("a.json", kTags), "--station", "2=" + file("b.json", kTags)});
+    ASSERT_TRUE(says("station 2", QProcess::StandardOutput));
+    order("power-cycle retain 2");
+    EXPECT_TRUE(says("values retained"));
+    EXPECT_EQ(m_lastLine.toStdString(), "micro850-sim: station 2: power cycle, values retained");
+    order("power-cycle");
+    EXPECT_TRUE(says("station 1: power cycle, initial values"));
+    EXPECT_TRUE(says("station 2: power cycle, initial values"));
+    order(("download " + file("c.json", kTags) + " 1").toLatin1().constData());
+    EXPECT_TRUE(says("c.json downloaded"));
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(SimulatorProgram, RefusesAWrongOrderInOneLineAndGoesOn)
+{
+    start({file("a.json", kTags)});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    order("restart");
+    EXPECT_TRUE(says("\"restart\" is not an order"));
+    order("power-cycle 9");
+    EXPECT_TRUE(says("there is no station 9"));
+    order("download missing.json");
+    EXPECT_TRUE(says("missing.json: cannot be read"));
+    order("power-cycle");
+    EXPECT_TRUE(says("power cycle, initial values"));
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(SimulatorProgram, ReadsItsTagFileAnewAtAHangupSignal)
+{
+    const QString tags = file("a.json", kTags);
+    start({tags});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    order("power-cycle");
+    ASSERT_TRUE(says("power cycle")) << "the signal handlers are in place";
+    file("a.json", R"({"tags": [{"name": "A", "type": "INTT"}]})");
+    ::kill(static_cast<pid_t>(m_process.processId()), SIGHUP);
+    EXPECT_TRUE(says("did you mean INT?"));
+    file("a.json", kTags);
+    ::kill(static_cast<pid_t>(m_process.processId()), SIGHUP);
+    EXPECT_TRUE(says("downloaded"));
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(SimulatorProgram, TellsWhatIsWrongWithACallInOneLine)
+{
+    EXPECT_EQ(complaint({}),
+              "micro850-sim: give one of: a tag file, --station N=FILE, --replay FILE");
+    EXPECT_EQ(complaint({"a.json", "--replay", "t.txt"}),
+              "micro850-sim: give one of: a tag file, --station N=FILE, --replay FILE");
+    EXPECT_EQ(complaint({"missing.json"}),
+              "micro850-sim: missing.json: cannot be read: No such file or directory");
+    EXPECT_EQ(complaint({"--station", "one=a.json"}),
+              "micro850-sim: --station one=a.json: not a number and a tag file (--station 1=FILE)");
+    EXPECT_EQ(complaint({"--station", "1=a.json", "--port", "/dev/ttyS0"}),
+              "micro850-sim: --port serves one station; leave it out, or give one tag file");
+    EXPECT_NE(complaint({file("a.json", kTags), "--faults",
+                         file("f.json", R"({"faults": [{"fault": "lose"}]})")})
+                  .find("f.json: faults[0]: give either"),
+              std::string::npos);
+    EXPECT_NE(complaint({"--frobnicate"}).find("see micro850-sim --help"), std::string::npos);
+}
+
+TEST_F(SimulatorProgram, RefusesAStationNumberThatIsThereTwice)
+{
+    const QString tags = file("a.json", kTags);
+    start({"--station", "1=" + tags, "--station", "1=" + tags});
+    EXPECT_TRUE(says("station 1 is there twice; remove or renumber one"));
+    EXPECT_EQ(exitStatus(), 2);
+}
+
+TEST_F(SimulatorProgram, RefusesATraceInWhichNothingIsAnswered)
+{
+    EXPECT_EQ(complaint({"--replay", file("t.txt", "# time\n0.000001 > 10 05\n")})
+                      .find("no request in it has a reply") != std::string::npos,
+              true);
+}
+
+} // namespace
