@@ -15,7 +15,6 @@ const int kLinkRetries = 3;
 struct Exchange::Attempt
 {
     const QByteArray& frame;
-    const Request request;
     Counters& counters;
     Answer answer;
     qint64 sentAt = 0;
@@ -38,7 +37,8 @@ int Exchange::timeoutFor(int requestBytes) const
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
 {
-    Attempt attempt = {frame, decodeRequest(dataOf(frame)), counters, Answer()};
+    Attempt attempt = {frame, counters, Answer()};
+    attempt.answer.request = decodeRequest(dataOf(frame));
     m_line.discardInput();
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
@@ -117,7 +117,7 @@ bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
     if (m_observer)
         m_observer(Direction::In, wireFrame(data), m_clock.now());
     const Reply reply = decodeReply(data);
-    if (attempt.done || !answers(reply, attempt.request)) {
+    if (attempt.done || !answers(reply, attempt.answer.request)) {
         // The peer waits for its acknowledgement all the same, before it sends what is in flight.
         ++attempt.counters.late;
         return sendControl(kAck);

@@ -36,6 +36,7 @@ struct Answer
 {
     enum class Outcome { Answered, TimedOut, DeviceGone };
     Outcome outcome = Outcome::TimedOut;
+    Request request; ///< what was asked for
     QByteArray data; ///< application data of the reply
     Reply reply;
     qint64 roundTripMs = 0;

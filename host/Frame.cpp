@@ -1,6 +1,7 @@
 #include "Frame.h"
 
 #include <algorithm>
+#include <array>
 
 namespace host {
 
@@ -17,6 +18,10 @@ enum Offset {
 const quint8 kConnectedCommand = 0x0A;
 const quint8 kPartialTransfer = 0x06;
 const quint8 kTypeMark = 0xA3;
+
+const char kHead[] = {kDle, kAck, kDle, kStx};
+const int kHeadBytes = sizeof kHead;
+const int kTrailerBytes = 4; // DLE ETX and the CRC
 
 quint8 byteAt(const QByteArray& bytes, int index)
 {
@@ -35,12 +40,23 @@ int messageStart(quint8 command)
     return connected ? kConnectedMessage : kUnconnectedMessage;
 }
 
-quint16 crcStep(quint16 crc, quint8 byte)
+// What each value of the low byte of a CRC shifts in.
+constexpr std::array<quint16, 256> crcTable()
 {
-    unsigned value = crc ^ byte;
-    for (int bit = 0; bit < 8; ++bit)
-        value = (value & 1u) != 0 ? (value >> 1) ^ 0xA001u : value >> 1;
-    return static_cast<quint16>(value);
+    std::array<quint16, 256> table{};
+    for (unsigned byte = 0; byte < table.size(); ++byte) {
+        unsigned value = byte;
+        for (int bit = 0; bit < 8; ++bit)
+            value = (value & 1u) != 0 ? (value >> 1) ^ 0xA001u : value >> 1;
+        table[byte] = static_cast<quint16>(value);
+    }
+    return table;
+}
+constexpr std::array<quint16, 256> kCrcTable = crcTable();
+
+quint16 crcStep(quint16 crc, char byte)
+{
+    return static_cast<quint16>(crc >> 8 ^ kCrcTable[(crc ^ static_cast<quint8>(byte)) & 0xFF]);
 }
 
 // An element segment, and the offset behind it.
@@ -137,38 +153,49 @@ quint16 frameCrc(const QByteArray& data)
 {
     quint16 crc = 0;
     for (const char byte : data)
-        crc = crcStep(crc, static_cast<quint8>(byte));
+        crc = crcStep(crc, byte);
     return crcStep(crc, kEtx);
 }
 
 QByteArray wireFrame(const QByteArray& data)
 {
-    QByteArray wire;
-    wire.reserve(2 * data.size() + 8);
-    wire.append(kDle).append(kAck).append(kDle).append(kStx);
+    QByteArray wire(2 * data.size() + kHeadBytes + kTrailerBytes, Qt::Uninitialized);
+    char* const begin = wire.data();
+    char* out = std::copy_n(kHead, kHeadBytes, begin);
     for (const char byte : data) {
-        wire.append(byte);
+        *out++ = byte;
         if (byte == kDle)
-            wire.append(kDle);
+            *out++ = kDle;
     }
     const quint16 crc = frameCrc(data);
-    wire.append(kDle).append(kEtx);
-    return wire.append(static_cast<char>(crc & 0xFF)).append(static_cast<char>(crc >> 8));
+    *out++ = kDle;
+    *out++ = kEtx;
+    *out++ = static_cast<char>(crc & 0xFF);
+    *out++ = static_cast<char>(crc >> 8);
+    wire.truncate(static_cast<int>(out - begin));
+    return wire;
 }
 
 QByteArray dataOf(const QByteArray& frame)
 {
-    const int head = 4;
-    const int trailer = frame.size() - 4;
-    if (trailer < head)
+    const char* in = frame.constData();
+    if (frame.size() < kHeadBytes + kTrailerBytes || !std::equal(kHead, kHead + kHeadBytes, in))
         return QByteArray();
-    QByteArray data;
-    for (int i = head; i < trailer; ++i) {
-        data.append(frame.at(i));
-        if (frame.at(i) == kDle && i + 1 < trailer && frame.at(i + 1) == kDle)
-            ++i;
+    const char* const end = in + frame.size() - kTrailerBytes;
+    QByteArray data(frame.size(), Qt::Uninitialized);
+    char* const begin = data.data();
+    char* out = begin;
+    for (in += kHeadBytes; in != end; ++in) {
+        *out++ = *in;
+        if (*in == kDle && (++in == end || *in != kDle))
+            return QByteArray();
     }
-    return wireFrame(data) == frame ? data : QByteArray();
+    data.truncate(static_cast<int>(out - begin));
+    const quint16 crc = frameCrc(data);
+    const bool closed = end[0] == kDle && end[1] == kEtx &&
+                        end[2] == static_cast<char>(crc & 0xFF) &&
+                        end[3] == static_cast<char>(crc >> 8);
+    return closed ? data : QByteArray();
 }
 
 Request decodeRequest(const QByteArray& data)

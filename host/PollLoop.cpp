@@ -128,10 +128,10 @@ void PollLoop::transact(Protocol& sent)
     m_refusal.clear();
     m_connectionLost = false;
     const QByteArray frame = sent.frame; // whole: `sendLength` may be that of an earlier patch
-    const Request request = decodeRequest(dataOf(frame));
     Station& station = m_stations[sent.var.stationNo];
     const qint64 bytesBefore = station.counters.bytes();
     const Answer answer = m_exchange.run(frame, station.counters);
+    const Request& request = answer.request;
     const bool answered = answer.outcome == Answer::Outcome::Answered;
     m_statistics.add(m_clock.now(), static_cast<int>(station.counters.bytes() - bytesBefore),
                      answered ? answer.roundTripMs : -1);

@@ -3,7 +3,11 @@
 #include <QtCore/QFileInfo>
 #include <QtCore/QThread>
 
+#include <array>
+#include <cerrno>
 #include <poll.h>
+#include <termios.h>
+#include <unistd.h>
 
 namespace host {
 
@@ -67,31 +71,44 @@ bool SerialLine::isOpen() const
     return m_port.isOpen();
 }
 
+// The port's own reading and writing serves an event loop; a blocking host is better off with the
+// descriptor, which it does not block: no copy through a large buffer, no system call too many.
+
 void SerialLine::discardInput()
 {
-    QByteArray dropped;
-    while (receive(dropped, 0) && !dropped.isEmpty())
-        dropped.clear();
+    ::tcflush(descriptor(), TCIFLUSH);
 }
 
 bool SerialLine::send(const QByteArray& bytes)
 {
-    if (m_port.write(bytes) != bytes.size())
-        return false;
     // Twice the line's own time, so that only a device that takes nothing runs into it.
-    while (m_port.bytesToWrite() > 0) {
-        if (!m_port.waitForBytesWritten(100 + 2 * m_settings.timeOf(bytes.size())))
+    const int patience = 100 + 2 * m_settings.timeOf(bytes.size());
+    int sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t count = ::write(descriptor(), bytes.constData() + sent,
+                                      static_cast<size_t>(bytes.size() - sent));
+        if (count > 0) {
+            sent += static_cast<int>(count);
+            continue;
+        }
+        pollfd wait = {descriptor(), POLLOUT, 0};
+        if ((errno != EAGAIN && errno != EINTR) || ::poll(&wait, 1, patience) == 0)
             return false;
     }
-    return deviceIsThere();
+    return true;
 }
 
 bool SerialLine::receive(QByteArray& bytes, int waitMs)
 {
-    if (m_port.bytesAvailable() == 0)
-        m_port.waitForReadyRead(waitMs);
-    bytes += m_port.readAll();
-    return !bytes.isEmpty() || deviceIsThere();
+    pollfd wait = {descriptor(), POLLIN, 0};
+    // A signal ends the wait as a silence does, so that its handler's request is seen.
+    if (::poll(&wait, 1, waitMs) <= 0)
+        return true;
+    std::array<char, 1024> buffer;
+    const ssize_t count = ::read(descriptor(), buffer.data(), buffer.size());
+    if (count > 0)
+        bytes.append(buffer.data(), static_cast<int>(count));
+    return count > 0 || (wait.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
 }
 
 void SerialLine::pause(int ms)
@@ -99,17 +116,9 @@ void SerialLine::pause(int ms)
     QThread::msleep(static_cast<unsigned long>(ms));
 }
 
-// A time-out of the port's own is a silence. A hang-up is asked of the system, as the port reports
-// it with its next read only.
-bool SerialLine::deviceIsThere()
+int SerialLine::descriptor() const
 {
-    const QSerialPort::SerialPortError error = m_port.error();
-    m_port.clearError();
-    if (error != QSerialPort::NoError && error != QSerialPort::TimeoutError)
-        return false;
-    pollfd descriptor = {static_cast<int>(m_port.handle()), POLLIN, 0};
-    return ::poll(&descriptor, 1, 0) >= 0 &&
-           (descriptor.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
+    return static_cast<int>(m_port.handle());
 }
 
 } // namespace host

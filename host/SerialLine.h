@@ -23,7 +23,7 @@ public:
     void pause(int ms) override;
 
 private:
-    bool deviceIsThere();
+    int descriptor() const;
 
     PortSettings m_settings;
     QSerialPort m_port;
