@@ -27,6 +27,7 @@ configure_file(packaging/micro850.pc.in micro850.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/micro850.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
+install(FILES man/micro850.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT Development)
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Development)
@@ -38,4 +39,10 @@ if(MICRO850_TOOLS)
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   file(GLOB examples CONFIGURE_DEPENDS examples/*.json)
   install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Tools)
+  install(FILES share/micro850/project.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Tools)
+  install(FILES share/bash-completion/completions/micro850-host
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
+  install(FILES man/micro850-host.1 man/micro850-sim.1
+    DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
 endif()

@@ -164,8 +164,9 @@ Variable variableOf(const JsonNode& node, const Project& before)
 
 Project projectOf(const JsonNode& root)
 {
-    root.expectKeys({"port", "staleAfterMs", "stations", "variables"});
+    root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"});
     Project project;
+    root.text("$schema", ""); // for editors
     if (root.has("port"))
         project.port = portOf(root.at("port"));
     project.staleAfterMs =

@@ -141,7 +141,9 @@ Subcommand addWrite(CLI::App& app)
         ->add_option("TAG=VALUE", options->assignments,
                      "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]")
         ->required();
-    write->add_flag("!--no-verify", options->verify, "Do not read back what was written");
+    write->add_flag_callback(
+        "--no-verify", [&verify = options->verify] { verify = false; },
+        "Do not read back what was written");
     write->add_option("--project", options->line.project,
                       "Project file: its port, and its variables by their names");
     write->add_option("--station", options->station, "Station number (default 1)")
