@@ -314,6 +314,29 @@ void saveTags()
     saveText("tags", "bad_value", R"({"tags": [{"name": "R", "type": "INT", "value": 40000}]})");
 }
 
+void saveFaults()
+{
+    saveText("faults", "bytes", R"({"faults": [{"fault": "lose", "rate": 0.1},
+{"fault": "flip", "message": [1, 3], "byte": 7, "bit": 3}, {"fault": "double", "message": 2},
+{"fault": "insert", "on": "requests", "message": 2, "byte": 1, "bytes": "10 06"},
+{"fault": "noise", "rate": 1, "length": 40}]})");
+    saveText("faults", "times", R"({"faults": [{"fault": "delay", "rate": 0.5, "seconds": 0.2},
+{"fault": "delay", "message": 1, "later": 2}, {"fault": "duplicate", "rate": 0.3},
+{"fault": "split", "on": "requests", "message": 3, "seconds": 0.001},
+{"fault": "hang-up", "message": 4, "seconds": 1}]})");
+    saveText("faults", "answers", R"({"faults": [{"fault": "withhold", "message": 2},
+{"fault": "withhold-ack", "rate": 0.2}, {"fault": "nak", "on": "requests", "message": 3},
+{"fault": "nak", "message": 1}, {"fault": "previous", "rate": 0.4},
+{"fault": "cip-error", "message": [4, 5], "status": 255, "extended": 8453}]})");
+    saveText("faults", "unknown", R"({"faults": [{"fault": "loose", "rate": 0.1}]})");
+    saveText("faults", "order", "\x01 download plant.tags.json 2");
+    saveText("faults", "power_cycle", "\x01power-cycle retain 2");
+    saveText("faults", "replay",
+             "\x02"
+             "1.000000 > 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35\n"
+             "1.100000 < 10 06 10 02 01 00 4B 00 01 00 00 00 81 00 00 00 10 03 03 EB\n");
+}
+
 void saveTexts()
 {
     const char* const values[] = {"1234", "-128", "0xA5", "1.5e-3", "true", "Apple juice"};
@@ -430,6 +453,7 @@ int main(int argc, char** argv)
     saveValues();
     saveProjects();
     saveTags();
+    saveFaults();
     saveTexts();
     saveTraces();
     saveReplies();

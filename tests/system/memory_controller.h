@@ -5,8 +5,10 @@
 
 #include <QtCore/QByteArray>
 
+#include <chrono>
+
 /// The simulated controller at the other end of a function call: no line, no thread, and a clock
-/// that stands still, so that nothing in it expires.
+/// that stands still until it is told to go on, so that nothing in it expires by itself.
 class MemoryController
 {
 public:
@@ -36,6 +38,8 @@ public:
         m_engine.receive(micro850::Bytes(frame.begin(), frame.end()));
         return bytesOf(m_engine.transmit());
     }
+
+    void advance(std::chrono::milliseconds time) { m_clock.advance(time); }
 
     std::size_t openConnections() { return m_engine.server().openConnections(); }
 
