@@ -37,7 +37,7 @@ install(FILES examples/CMakeLists.txt examples/minimal-host.cpp
 if(MICRO850_TOOLS)
   install(TARGETS micro850-host micro850-sim
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
-  file(GLOB examples CONFIGURE_DEPENDS examples/*.json)
+  file(GLOB examples CONFIGURE_DEPENDS examples/*.json examples/*.csv)
   install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Tools)
   install(FILES share/micro850/project.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Tools)

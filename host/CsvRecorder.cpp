@@ -25,7 +25,7 @@ public:
             m_file.write(QByteArray(kHeading) + '\n');
         else if (heading != kHeading)
             fail(QStringLiteral("has another heading than a record (name a new file)"));
-        flush();
+        save();
     }
 
     void add(const Sample& sample) override
@@ -43,13 +43,14 @@ public:
         write(fields.join(',').toUtf8() + '\n');
     }
 
-    void flush() override
+    void flush() override { save(); }
+
+private:
+    void save()
     {
         if (!m_file.flush())
             fail(QStringLiteral("cannot be written: ") + m_file.errorString());
     }
-
-private:
     void write(const QByteArray& line)
     {
         if (m_file.write(line) != line.size())

@@ -70,9 +70,6 @@ void PollLoop::step()
         idle();
 }
 
-// ---- The line
-// --------------------------------------------------------------------------------------
-
 bool PollLoop::openLine()
 {
     if (m_line.isOpen()) {
@@ -118,9 +115,6 @@ void PollLoop::idle()
     m_exchange.acknowledge();
     pauseFor(kIdlePauseMs);
 }
-
-// ---- One transaction
-// -------------------------------------------------------------------------------
 
 void PollLoop::transact(Protocol& sent)
 {
@@ -252,9 +246,6 @@ void PollLoop::takeVerdict(Verdict verdict, Station& station)
     }
 }
 
-// ---- Stations that do not answer
-// -------------------------------------------------------------------
-
 // The driver tries the connection of a station again and again before it serves another one, so
 // that a dead one is taken out of its lists. The driver drops the station's queued requests without
 // a word.
@@ -290,9 +281,6 @@ void PollLoop::probeDeadStations()
             askFor(tag.key());
     }
 }
-
-// ---- Values
-// ----------------------------------------------------------------------------------------
 
 Quality PollLoop::quality(int variable) const
 {

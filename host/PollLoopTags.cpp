@@ -179,9 +179,6 @@ void PollLoop::refuseTag(const TagKey& key, const QString& why)
         m_values.setError(variable, why);
 }
 
-// ---- Operations
-// ------------------------------------------------------------------------------------
-
 int PollLoop::read(const TagKey& tag, int element, int elements)
 {
     Operation operation;

@@ -46,8 +46,8 @@ public:
     }
     ~SqliteRecorder() override
     {
-        if (m_open)
-            m_database.commit();
+        if (m_open && !m_database.commit())
+            qWarning("%s: the last rows are lost", qPrintable(m_path));
     }
 
     void add(const Sample& sample) override

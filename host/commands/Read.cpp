@@ -9,8 +9,8 @@ namespace host {
 
 namespace {
 
-// From so many transactions on it is worth to say how far a read is.
-const int kShowFrom = 8;
+// Value bytes from which on it is worth to say how far a read is.
+const int kLongBytes = 2000;
 
 struct ReadOptions
 {
@@ -45,6 +45,30 @@ void tellRefusal(const Output& output, const Target& target, const TagRefused& e
     output.error(QString::fromStdString(error.what()));
 }
 
+// False when the controller refuses it.
+bool readTarget(const Target& target, Session& session, const Output& output)
+{
+    const int elements = target.address.elements;
+    Progress progress(output, target.address.text(), elements);
+    try {
+        const micro850::CipType& type = session.typeOf(target.tag);
+        const bool isLong = elements * type.size > kLongBytes;
+        const auto show = [&](int done) {
+            if (isLong)
+                progress.show(done);
+        };
+        const QVector<QByteArray> read =
+            session.read(target.tag, target.address.element, elements, show);
+        progress.clear();
+        tell(output, target, type, read);
+        return true;
+    } catch (const TagRefused& error) {
+        progress.clear();
+        tellRefusal(output, target, error);
+        return false;
+    }
+}
+
 int run(const ReadOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
@@ -59,25 +83,8 @@ int run(const ReadOptions& options)
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     bool refused = false;
-    for (const Target& target : targets) {
-        const int elements = target.address.elements;
-        Progress progress(output, target.address.text(), elements);
-        try {
-            const micro850::CipType& type = session.typeOf(target.tag);
-            const auto show = [&](int done) {
-                if (elements * type.size > kShowFrom * 240)
-                    progress.show(done);
-            };
-            const QVector<QByteArray> read =
-                session.read(target.tag, target.address.element, elements, show);
-            progress.clear();
-            tell(output, target, type, read);
-        } catch (const TagRefused& error) {
-            progress.clear();
-            refused = true;
-            tellRefusal(output, target, error);
-        }
-    }
+    for (const Target& target : targets)
+        refused = !readTarget(target, session, output) || refused;
     return refused ? micro850::kExitRefused : micro850::kExitDone;
 }
 

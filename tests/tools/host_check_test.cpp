@@ -1,7 +1,5 @@
 #include "terminal_fixture.h"
 
-#include <QtCore/QFile>
-
 namespace {
 
 using HostCheck = TerminalTest;
@@ -42,11 +40,7 @@ TEST_F(HostCheck, AsksTheControllerForEachVariable)
 
 TEST_F(HostCheck, FindsTheExamplePlantAsItsProjectSays)
 {
-    QFile tags(MICRO850_SOURCE_DIR "/examples/plant.tags.json");
-    ASSERT_TRUE(tags.open(QIODevice::ReadOnly));
-    const std::string whole = tags.readAll().toStdString();
-    const std::size_t first = whole.find('[') + 1;
-    simulate(whole.substr(first, whole.rfind(']') - first));
+    simulatePlant();
     const Result result =
         hostOnPort({"check", MICRO850_SOURCE_DIR "/examples/plant.project.json", "--json"});
     EXPECT_EQ(result.status, 0) << result.out << result.err;

@@ -27,6 +27,17 @@ TEST_F(HostImport, MakesAProjectThatTheControllerAgreesWith)
     EXPECT_EQ(check.out, "Speed: ok, INT\nLevel: ok, INT\nName: ok, SHORT_STRING\n");
 }
 
+TEST_F(HostImport, TakesTheExampleForTheExamplePlant)
+{
+    simulatePlant();
+    const Result result = host({"import", MICRO850_SOURCE_DIR "/examples/variables.csv"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(linesOf(result.err).size(), 1) << result.err; // the timer
+    const Result check = hostOnPort({"check", file("p.json", result.out), "--quiet"});
+    EXPECT_EQ(check.status, 0) << check.out;
+    EXPECT_EQ(linesOf(check.out).size(), 6);
+}
+
 TEST_F(HostImport, GivesAnObjectAVariable)
 {
     const Result result = host({"import", file("v.csv", kList), "--json", "--quiet"});

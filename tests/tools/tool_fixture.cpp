@@ -62,7 +62,16 @@ ToolTest::~ToolTest()
 
 void ToolTest::simulate(const std::string& tags, const QStringList& options)
 {
-    const QString tagFile = file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}");
+    startSimulator(file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}"), options);
+}
+
+void ToolTest::simulatePlant()
+{
+    startSimulator(QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json"), {});
+}
+
+void ToolTest::startSimulator(const QString& tagFile, const QStringList& options)
+{
     m_simulator = std::make_unique<QProcess>();
     m_simulator->start(QStringLiteral(MICRO850_SIM),
                        QStringList{tagFile, "--quiet", "--link", port()} + options);

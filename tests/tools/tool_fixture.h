@@ -32,6 +32,8 @@ protected:
     void simulate(const std::string& tags, const QStringList& options = QStringList());
     /// The same that most tests use: numbers, an array, a text, a real.
     void simulate();
+    /// The example plant.
+    void simulatePlant();
     void stopSimulator();
 
     /// Runs micro850-host in the directory; `port` appends the simulator's.
@@ -44,6 +46,8 @@ protected:
     std::string textOf(const QString& name) const;
 
 private:
+    void startSimulator(const QString& tagFile, const QStringList& options);
+
     QTemporaryDir m_dir;
     std::unique_ptr<QProcess> m_simulator;
 };

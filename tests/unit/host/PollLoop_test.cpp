@@ -14,9 +14,6 @@ class PollLoopTest : public PollTest
 
 } // namespace
 
-// ---- Reading
-// ---------------------------------------------------------------------------------------
-
 TEST_F(PollLoopTest, ConnectsLearnsTheTypeAndReadsInACycle)
 {
     start(R"({"tag": "Speed"})");
@@ -132,9 +129,6 @@ TEST_F(PollLoopTest, SendsTheWholeFrameWhateverItsRecordedLength)
     EXPECT_EQ(station().counters.answered, static_cast<qint64>(plc.requests.size()));
 }
 
-// ---- What the controller refuses
-// -------------------------------------------------------------------
-
 TEST_F(PollLoopTest, NamesATagThatTheControllerDoesNotKnowAndKeepsItOffTheCycle)
 {
     start(R"({"tag": "Nope"}, {"tag": "Speed"})");
@@ -189,9 +183,6 @@ TEST_F(PollLoopTest, SaysWhenATypeChangedInTheController)
     EXPECT_EQ(error(0), "type changed in the controller (start again to take it over)");
     EXPECT_EQ(text(0), "1234");
 }
-
-// ---- Operations
-// ------------------------------------------------------------------------------------
 
 TEST_F(PollLoopTest, WritesATagThatWasNeverRead)
 {
@@ -261,210 +252,4 @@ TEST_F(PollLoopTest, NeverCarriesOutAWriteAfterItWasReportedFailed)
     ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Good; }));
     runFor(1000);
     EXPECT_EQ(plc.count(0x53), writes);
-}
-
-// ---- Silence
-// ---------------------------------------------------------------------------------------
-
-TEST_F(PollLoopTest, TransmitsARequestThreeTimesWithARetryLimitOfTwo)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.silent = true;
-    plc.requests.clear();
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Connecting; }));
-    ASSERT_EQ(plc.requests.size(), 3u);
-    for (const FakeController::Request& request : plc.requests) {
-        EXPECT_EQ(request.service, 0x52);
-        EXPECT_EQ(request.tns, plc.requests.front().tns);
-    }
-}
-
-TEST_F(PollLoopTest, TakesAReplyToARepeatedRequest)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.silent = true;
-    const size_t before = plc.requests.size();
-    ASSERT_TRUE(runUntil([&] { return plc.requests.size() == before + 1; }));
-    plc.silent = false;
-    plc.tags["Speed"].elements[0] = hex("07 00");
-    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }));
-    EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
-}
-
-TEST_F(PollLoopTest, KeepsTheLastValueAsStaleAndResumesByItself)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.silent = true;
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
-    EXPECT_EQ(loop->quality(0), Quality::Stale);
-    EXPECT_EQ(text(0), "1234");
-    plc.silent = false;
-    plc.tags["Speed"].elements[0] = hex("07 00");
-    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 6000));
-    EXPECT_EQ(loop->quality(0), Quality::Good);
-    EXPECT_EQ(station().counters.reconnects, 1);
-}
-
-TEST_F(PollLoopTest, ProbesADeadStationAtGrowingIntervals)
-{
-    plc.silent = true;
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
-    std::vector<qint64> probes;
-    size_t seen = plc.requests.size();
-    ASSERT_TRUE(runUntil([&] {
-        if (plc.requests.size() > seen)
-            probes.push_back(clock.now());
-        seen = plc.requests.size();
-        return probes.size() == 5;
-    }));
-    EXPECT_LT(probes.at(1) - probes.at(0), probes.at(2) - probes.at(1));
-    EXPECT_LE(probes.at(4) - probes.at(3), 6000);
-}
-
-TEST_F(PollLoopTest, FindsAStationThatWasDeadFromTheStart)
-{
-    plc.silent = true;
-    start(R"({"tag": "Speed", "poll": "once"})");
-    runFor(20000);
-    plc.silent = false;
-    EXPECT_TRUE(runUntilRead());
-    EXPECT_EQ(text(0), "1234");
-}
-
-TEST_F(PollLoopTest, ConnectsAnewWhenTheControllerForgotTheConnection)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.forgetConnections();
-    plc.tags["Speed"].elements[0] = hex("07 00");
-    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 100)); // without waiting for any time-out
-    EXPECT_EQ(plc.count(0x54), 2);
-    EXPECT_EQ(station().counters.timedOut, 0);
-}
-
-TEST_F(PollLoopTest, CarriesOutAnOperationThatMeetsAForgottenConnection)
-{
-    start(R"({"tag": "Speed", "poll": "once"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.forgetConnections();
-    EXPECT_EQ(finish(loop->write(kSpeed, 0, hex("07 00"))).state, State::Done);
-    EXPECT_EQ(wire::text(plc.tags["Speed"].elements[0]), "07 00");
-    plc.forgetConnections();
-    EXPECT_EQ(finish(loop->read(kSpeed, 0, 1)).state, State::Done);
-}
-
-TEST_F(PollLoopTest, TakesARefusedConnectionForNoConnection)
-{
-    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
-        if (request.service == 0x54) {
-            const QByteArray head = wire::unframed(reply).left(8);
-            reply = wire::framed(head + hex("D4 00 01 01 13 01"));
-        }
-    };
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
-    EXPECT_EQ(station().error, QString("out of connections (status 01/0113)"));
-    EXPECT_EQ(plc.count(0x52), 0);
-}
-
-TEST_F(PollLoopTest, NeverShowsALateReplyUnderAnotherTag)
-{
-    plc.tags["Other"] = {0x00C3, {hex("63 00")}};
-    start(R"({"tag": "Speed"}, {"tag": "Other"})");
-    ASSERT_TRUE(runUntilRead());
-    // From now on each reply comes together with the one before it.
-    QByteArray previous;
-    plc.onReply = [&](const FakeController::Request&, QByteArray& reply) {
-        const QByteArray now = reply;
-        reply = previous + reply;
-        previous = now;
-    };
-    for (int i = 0; i < 200; ++i) {
-        loop->step();
-        ASSERT_EQ(text(0), "1234");
-        ASSERT_EQ(text(1), "99");
-    }
-    EXPECT_GT(station().counters.late, 100);
-}
-
-// ---- Several stations
-// ------------------------------------------------------------------------------
-
-TEST_F(PollLoopTest, KeepsTheOtherStationGoingWhileOneIsDead)
-{
-    // The one controller in memory answers for both; which station is meant shows in the tag.
-    plc.tags["Far"] = {0x00C3, {hex("63 00")}};
-    start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})", R"([{"number": 1}, {"number": 2}])");
-    ASSERT_TRUE(runUntilRead());
-    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
-        // Station 2's data requests and, with station 1 connected, every set-up are station 2's.
-        if (request.tag == "Far" || request.service == 0x01)
-            reply.clear();
-    };
-    ASSERT_TRUE(runUntil([&] { return station(2).state == Station::State::Dead; }));
-    EXPECT_EQ(loop->quality(1), Quality::Stale);
-    const int before = plc.count(0x52, "Speed");
-    runFor(10000);
-    EXPECT_GT(plc.count(0x52, "Speed") - before, 500);
-    EXPECT_EQ(loop->quality(0), Quality::Good);
-    plc.onReply = nullptr;
-    ASSERT_TRUE(runUntil([&] { return loop->quality(1) == Quality::Good; }));
-}
-
-TEST_F(PollLoopTest, SendsNothingToADisabledStation)
-{
-    start(R"({"tag": "Speed", "station": 2}, {"tag": "Level"})",
-          R"([{"number": 1}, {"number": 2, "enabled": false}])");
-    runFor(5000);
-    EXPECT_EQ(plc.count(0x52, "Speed"), 0);
-    EXPECT_TRUE(loop->values().wasRead(1));
-    EXPECT_EQ(station(2).state, Station::State::Disabled);
-}
-
-// ---- The device
-// ------------------------------------------------------------------------------------
-
-TEST_F(PollLoopTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    line.setPresent(false);
-    line.openedAt.clear();
-    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 8; }));
-    EXPECT_FALSE(loop->lineIsUp());
-    EXPECT_EQ(loop->quality(0), Quality::Stale);
-    for (size_t i = 2; i < line.openedAt.size(); ++i) {
-        const qint64 pause = line.openedAt[i] - line.openedAt[i - 1];
-        EXPECT_GE(pause, line.openedAt[i - 1] - line.openedAt[i - 2]);
-        EXPECT_LE(pause, 5100);
-    }
-    line.setPresent(true);
-    plc.tags["Speed"].elements[0] = hex("07 00");
-    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 6000));
-    EXPECT_EQ(loop->lineReconnects(), 1);
-}
-
-TEST_F(PollLoopTest, KeepsThePortOpenForASilentPeer)
-{
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntilRead());
-    plc.silent = true;
-    runFor(30000);
-    EXPECT_TRUE(loop->lineIsUp());
-    EXPECT_EQ(line.openedAt.size(), 1u);
-}
-
-TEST_F(PollLoopTest, AcknowledgesTheLastReplyWhenThereIsNothingToDo)
-{
-    start(R"({"tag": "Speed", "poll": "once"})");
-    ASSERT_TRUE(runUntilRead());
-    runFor(100);
-    EXPECT_EQ(wire::text(line.sent.back()), "10 06");
-    const size_t sent = line.sent.size();
-    runFor(1000);
-    EXPECT_EQ(line.sent.size(), sent);
 }
