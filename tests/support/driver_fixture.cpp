@@ -1,6 +1,6 @@
 #include "driver_fixture.h"
 
-#include <QtCore/QFile>
+#include <QtCore/QStringList>
 
 std::vector<DriverTest::Finished> DriverTest::finished;
 std::vector<DriverTest::Refreshed> DriverTest::refreshed;
@@ -17,6 +17,13 @@ void resetAttempts(ComInfo& settings)
     HandshakeFunction(station);
     QByteArray reply = wire::identityReply(0);
     DataCom(&reply, reply.size());
+}
+
+QStringList messages;
+
+void keepMessage(QtMsgType, const QMessageLogContext&, const QString& message)
+{
+    messages.append(message);
 }
 
 void resetDriver()
@@ -64,6 +71,8 @@ DriverTest::DriverTest() : settings()
 void DriverTest::restart()
 {
     settings = ComInfo();
+    messages.clear();
+    m_handlerBefore = qInstallMessageHandler(keepMessage);
     resetAttempts(settings);
     resetDriver();
     settings = ComInfo();
@@ -88,6 +97,8 @@ void DriverTest::restart()
 DriverTest::~DriverTest()
 {
     EXPECT_TRUE(locksAreFree()) << "a lock of the driver was left held";
+    qInstallMessageHandler(m_handlerBefore);
+    EXPECT_EQ(messages.join("; ").toStdString(), "") << "Qt complained of the driver";
     ComInfo spare = ComInfo();
     resetAttempts(spare);
     resetDriver();

@@ -79,6 +79,9 @@ protected:
     /// True when the lock is free; leaves it free.
     static bool isFree(QMutex& mutex);
     static bool locksAreFree();
+
+private:
+    QtMessageHandler m_handlerBefore;
 };
 
 #endif

@@ -400,6 +400,17 @@ TEST_F(OwnLocks, GuardEveryValueThatTheThreadsShare)
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
+TEST_F(OwnLocks, GuardTheCyclicListWhileItIsEmptied)
+{
+    PLC_driver.readList.append(readOf("T"));
+    QList<HOSTVAR> none;
+    LockWitness witness;
+    witness.watch([] { return PLC_driver.readList.size(); }, *ofTheLists);
+    ReCreatReadVarList(&none);
+    EXPECT_TRUE(PLC_driver.readList.isEmpty());
+    EXPECT_EQ(witness.unguardedValueChanges(), 0);
+}
+
 // Steps of which nothing but the lock can be seen are counted; more of them do no harm.
 
 TEST_F(OwnLocks, GuardEachStepOfAnIdleCall)

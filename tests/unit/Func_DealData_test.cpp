@@ -217,6 +217,13 @@ TEST_F(StoredReply, MakesNoImageOfAnEmptyString)
     EXPECT_EQ(GetRegisterData("T", 0, "0", 1, out, 1), 0);
 }
 
+TEST_F(StoredReply, MakesNoImageOfAStringWithoutEvenItsLength)
+{
+    store(readOf("T"), wire::readReply(0x21, 0xDA, QByteArray()));
+    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_FALSE(hasImage());
+}
+
 TEST_F(StoredReply, KeepsWhatAnEntryHoldsBehindItsConfirmation)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00 07");
