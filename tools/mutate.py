@@ -10,6 +10,7 @@ import collections
 import filecmp
 import os
 import random
+import resource
 import shutil
 import subprocess
 import sys
@@ -84,7 +85,7 @@ class Worker:
         for source in (self.tree / "src").iterdir():
             self.originals[f"src/{source.name}"] = source.read_text()
         self.require(["cmake", "-S", str(self.tree), "-B", str(self.build), *CONFIGURE])
-        self.require(["ninja", "-C", str(self.build), f"-j{jobs}"])
+        self.require(["ninja", "-C", str(self.build), f"-j{jobs}", "tests/unit/all"])
 
     def require(self, command):
         done = subprocess.run(command, env=self.environment, capture_output=True, text=True)
@@ -223,15 +224,21 @@ def place(mutant):
 
 
 def all_mutants(only):
+    """Those of the named places, each FILE or FILE:LINE; of all of src/ without any."""
     sources = sorted((ROOT / "src").glob("*.cpp")) + sorted((ROOT / "src").glob("*.h"))
-    chosen = [source for source in sources if not only or source.name in only]
-    if not chosen:
-        raise Failure(f"no source of src/ is named {' or '.join(only)}")
     found = []
-    for source in chosen:
+    for source in sources:
         path = str(source.relative_to(ROOT))
         found += mutants.mutants_of(path, source.read_text())
-    return found
+    for wanted in only:
+        if not any(is_at(mutant, wanted) for mutant in found):
+            raise Failure(f"--only {wanted}: nothing to change there; say FILE or FILE:LINE of src/")
+    return [m for m in found if not only or any(is_at(m, wanted) for wanted in only)]
+
+
+def is_at(mutant, wanted):
+    name = Path(mutant.path).name
+    return wanted in (name, f"{name}:{mutant.line}")
 
 
 def drawn(arguments):
@@ -251,6 +258,13 @@ def workers_for(arguments):
         by_name = {program.name: time_taken for program, time_taken in workers[0].durations.items()}
         worker.durations = {program: by_name[program.name] for program in worker.programs()}
     return workers
+
+
+def spent_since(begin):
+    """The time since `begin` and the processors' time of everything that was built and run."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    minutes = (time.monotonic() - begin) / 60
+    return f"{minutes:.0f} minutes, {(used.ru_utime + used.ru_stime) / 60:.0f} of one processor"
 
 
 def report(check, known, seed):
@@ -274,7 +288,11 @@ def check_all(arguments):
     spare = [m for m in spare if (m.path, m.description) not in same]
     print(f"mutate: building the driver and its tests {arguments.jobs} times", file=sys.stderr)
     check = Check(sample, spare, len(sample))
-    check.run(workers_for(arguments))
+    begin = time.monotonic()
+    workers = workers_for(arguments)
+    print(f"mutate: built and measured in {spent_since(begin)}", file=sys.stderr)
+    check.run(workers)
+    print(f"mutate: took {spent_since(begin)}")
     return report(check, len(explained), arguments.seed)
 
 
@@ -290,7 +308,8 @@ def main():
     parser.add_argument("--seed", type=int, default=1, help="which sample (default 1)")
     parser.add_argument("--count", type=positive, default=300, help="mutants (default 300)")
     parser.add_argument("--jobs", type=positive, default=2, help="at a time (default 2)")
-    parser.add_argument("--only", nargs="+", default=[], metavar="FILE", help="sources of src/")
+    parser.add_argument("--only", nargs="+", default=[], metavar="FILE[:LINE]",
+                        help="sources of src/, or single lines of them")
     parser.add_argument("--list", action="store_true", help="print the sample and stop")
     arguments = parser.parse_args()
     try:

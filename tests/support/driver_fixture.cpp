@@ -63,16 +63,15 @@ std::string fieldsOf(const RW_VAR& request)
     return text.toStdString() + wire::text(request.data);
 }
 
-DriverTest::DriverTest() : settings()
+DriverTest::DriverTest() : settings(), m_handlerBefore(qInstallMessageHandler(keepMessage))
 {
+    messages.clear();
     restart();
 }
 
 void DriverTest::restart()
 {
     settings = ComInfo();
-    messages.clear();
-    m_handlerBefore = qInstallMessageHandler(keepMessage);
     resetAttempts(settings);
     resetDriver();
     settings = ComInfo();

@@ -338,9 +338,13 @@ protected:
 TEST_F(Judging, IsNoFailureUntilTheWrongLengthIsOne)
 {
     flyRead();
+    PLC_driver.readCycleCount = 4;
+    settings.passComplete = 1;
     EXPECT_EQ(judgementsUntilGivenUp(), 11);
     EXPECT_FALSE(PLC_driver.errorFlag);
     EXPECT_EQ(settings.failureCount, 0);
+    EXPECT_EQ(PLC_driver.readCycleCount, 4);
+    EXPECT_EQ(settings.passComplete, 1);
     EXPECT_TRUE(refreshed.empty());
 }
 

@@ -405,6 +405,16 @@ TEST_F(Scheduler, CompletesTheReadThatLearnsAClassAsACyclicOne)
     EXPECT_EQ(order(PLC_driver.writeList), QString("New"));
 }
 
+TEST_F(Scheduler, CountsTheReadsThatLearnClassesTowardsTheBurstOfWrites)
+{
+    for (const char* tag : {"a", "b", "c"})
+        PLC_driver.writeList.append(writeOf(tag, hex("01 02")));
+    addReads({"R"});
+    EXPECT_EQ(serve(5), QString("aabbc")) << "each is read, then written";
+    EXPECT_EQ(PLC_driver.writeBurst, 5);
+    EXPECT_EQ(serve(2), QString("Rc"));
+}
+
 TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostHasJustSet)
 {
     const QByteArray value = hex("01 02");

@@ -10,10 +10,29 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <vector>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/lsan_interface.h>
 #endif
+
+namespace {
+
+bool noting = false;
+std::vector<const void*> registered;
+
+} // namespace
+
+// Stands between the library and the C library: an object made at load is noted here in its turn,
+// so that it is taken apart when the library goes.
+extern "C" int __cxa_atexit(void (*destructor)(void*), void* object, void* library)
+{
+    typedef int (*Register)(void (*)(void*), void*, void*);
+    static const Register real = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__cxa_atexit"));
+    if (noting)
+        registered.push_back(object);
+    return real(destructor, object, library);
+}
 
 namespace {
 
@@ -134,6 +153,23 @@ TEST(LoadAndUnload, BeginsEmptyEachTime)
         queueRecords(library, settings);
         EXPECT_EQ(driver.sendQueue.size(), 2);
     }
+}
+
+TEST(LoadAndUnload, MakesTheDriverThenTheCatalogueThenTheStore)
+{
+    registered.clear();
+    noting = true;
+    const Loaded library;
+    noting = false;
+    std::vector<std::ptrdiff_t> places;
+    for (const char* name : {"PLC_driver", "plcAddList", "PLCDataStorage"}) {
+        const auto found =
+            std::find(registered.begin(), registered.end(), &library.object<char>(name));
+        ASSERT_NE(found, registered.end()) << name;
+        places.push_back(found - registered.begin());
+    }
+    EXPECT_LT(places[0], places[1]);
+    EXPECT_LT(places[1], places[2]) << "and so they are taken apart the other way round";
 }
 
 // Growth of the heap over two hundred rounds.
