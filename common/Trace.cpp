@@ -257,7 +257,7 @@ public:
             throw std::runtime_error("a packet is longer than its block");
         const auto first = m_body.begin() + static_cast<std::ptrdiff_t>(m_at);
         const auto count = static_cast<std::ptrdiff_t>(size);
-        m_at = std::min<std::size_t>(m_at + (size + 3) / 4 * 4, m_body.size());
+        m_at = std::min(m_at + (static_cast<std::size_t>(size) + 3) / 4 * 4, m_body.size());
         return {first, first + count};
     }
 

@@ -160,7 +160,8 @@ void FaultyLine::apply(const Fault& fault, Passage& passage)
 void FaultyLine::applyToBytes(const Fault& fault, Passage& passage)
 {
     Bytes& bytes = passage.sent.bytes;
-    const std::size_t at = fault.byte == 0 ? m_dice.below(bytes.size()) : fault.byte - 1;
+    const std::size_t at =
+        fault.byte == 0 ? static_cast<std::size_t>(m_dice.below(bytes.size())) : fault.byte - 1;
     if (at >= bytes.size())
         return;
     const auto position = bytes.begin() + offset(at);

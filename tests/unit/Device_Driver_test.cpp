@@ -1,5 +1,6 @@
 #include "driver_fixture.h"
 
+#include <cstdio>
 #include <iterator>
 #include <type_traits>
 
@@ -96,6 +97,28 @@ TEST(DriverRecords, KeepTheHostsLayoutOfANameAndOfTheAuxiliaryRecord)
     EXPECT_EQ(offset(&EXTENDVAR::field3), 8);
     EXPECT_EQ(offset(&EXTENDVAR::data), kWide ? 16 : 12);
     EXPECT_EQ(sizeof(EXTENDVAR), kWide ? 24u : 16u);
+}
+
+// What a host for the same processor is built with; the figures stand in the test's output.
+TEST(DriverRecords, AreAlignedAsPointersAreAndTellTheirSizes)
+{
+    const struct
+    {
+        const char* name;
+        std::size_t size;
+        std::size_t alignment;
+        std::size_t widest;
+    } records[] = {
+        {"RW_VAR", sizeof(RW_VAR), alignof(RW_VAR), alignof(void*)},
+        {"Protocol", sizeof(Protocol), alignof(Protocol), alignof(void*)},
+        {"EXTENDVAR", sizeof(EXTENDVAR), alignof(EXTENDVAR), alignof(void*)},
+        {"varName", sizeof(varName), alignof(varName), alignof(void*)},
+        {"ComInfo", sizeof(ComInfo), alignof(ComInfo), alignof(int)},
+        {"Device_Driver", sizeof(Device_Driver), alignof(Device_Driver), alignof(void*)}};
+    for (const auto& record : records) {
+        std::printf("%-13s size %3zu alignment %zu\n", record.name, record.size, record.alignment);
+        EXPECT_EQ(record.alignment, record.widest) << record.name;
+    }
 }
 
 TEST(DriverRecords, FindEachSettingAtItsWord)
