@@ -21,8 +21,8 @@ public:
     /// Takes the bytes to send.
     Bytes transmit();
 
-    /// Connections and link state are forgotten; values go back to the initial ones unless
-    /// retained.
+    /// Connections, link state and counters are forgotten; values go back to the initial ones
+    /// unless retained.
     void powerCycle(bool retainValues);
     /// Other tags take the place of all there are; connections stay.
     void download(Plant plant);

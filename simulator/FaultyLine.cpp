@@ -14,6 +14,8 @@ constexpr std::uint8_t kNak = 0x15;
 constexpr std::array<std::uint8_t, 2> kAckBytes = {kDle, kAck};
 // A transmission that stops in the middle is passed on after this silence.
 constexpr Duration kSilence{50000};
+// The same for link controls, behind which the message that they stand in front of may follow.
+constexpr Duration kControlSilence{5000};
 
 std::string hexOf(const Bytes& bytes)
 {
@@ -60,8 +62,10 @@ void FaultyLine::receive(const Bytes& bytes)
 
 void FaultyLine::tick()
 {
-    if (m_clock.now() - m_lastInput >= kSilence) {
-        if (const auto sent = m_sides[index(Side::Requests)].splitter.flush())
+    TransmissionSplitter& splitter = m_sides[index(Side::Requests)].splitter;
+    const Duration patience = splitter.isBetweenMessages() ? kControlSilence : kSilence;
+    if (m_clock.now() - m_lastInput >= patience) {
+        if (const auto sent = splitter.flush())
             pass(Side::Requests, *sent);
     }
     deliver();

@@ -14,6 +14,8 @@ constexpr std::uint8_t kAck = 0x06;
 constexpr std::uint8_t kNak = 0x15;
 // A message that grows beyond this is noise that happened to begin like one.
 constexpr std::size_t kLongestMessage = 4096;
+// Replies that wait behind the one on the wire; a peer that acknowledges none is then refused.
+constexpr std::size_t kMostWaiting = 4;
 // Source, command and transaction number within a message's data.
 constexpr std::size_t kSource = 1;
 constexpr std::size_t kCommand = 2;
@@ -100,14 +102,24 @@ void LinkLayer::takeControl(std::uint8_t byte)
 {
     if (byte == kStx)
         beginMessage();
-    else if (byte == kAck)
+    else if (byte == kDle)
+        m_state = State::Control; // a run of DLE: the last one counts
+    else
+        takeResponse(byte);
+}
+
+// False for a byte that is no response.
+bool LinkLayer::takeResponse(std::uint8_t byte)
+{
+    if (byte == kAck)
         acknowledged();
     else if (byte == kNak)
         refused();
     else if (byte == kEnq)
         asked();
-    else if (byte == kDle)
-        m_state = State::Control; // a run of DLE: the last one counts
+    else
+        return false;
+    return true;
 }
 
 // Responses may stand within the peer's message; a DLE STX there begins it anew.
@@ -121,14 +133,15 @@ void LinkLayer::takeEscape(std::uint8_t byte)
     } else if (byte == kStx) {
         ++m_counters.abandoned;
         beginMessage();
-    } else {
-        takeControl(byte);
+    } else if (!takeResponse(byte)) {
+        m_illegal = true;
     }
 }
 
 void LinkLayer::beginMessage()
 {
     m_data.clear();
+    m_illegal = false;
     m_state = State::Message;
 }
 
@@ -136,8 +149,13 @@ void LinkLayer::takeMessage(std::uint16_t crc)
 {
     Bytes covered = m_data;
     covered.push_back(kEtx);
-    if (linkCrc(covered) != crc || m_data.size() < kHeaderSize) {
+    if (m_illegal || linkCrc(covered) != crc || m_data.size() < kHeaderSize) {
         ++m_counters.corrupt;
+        answer(kNak);
+        return;
+    }
+    if (m_waiting.size() >= kMostWaiting) {
+        ++m_counters.full;
         answer(kNak);
         return;
     }
@@ -166,7 +184,18 @@ void LinkLayer::answer(std::uint8_t control)
 
 void LinkLayer::send(const Bytes& data)
 {
-    m_awaiting = framed(data);
+    m_waiting.push_back(framed(data));
+    if (!m_awaiting)
+        sendNext();
+}
+
+void LinkLayer::sendNext()
+{
+    m_awaiting.reset();
+    if (m_waiting.empty())
+        return;
+    m_awaiting = std::move(m_waiting.front());
+    m_waiting.pop_front();
     m_enquiries = 0;
     m_naks = 0;
     m_out.insert(m_out.end(), m_awaiting->begin(), m_awaiting->end());
@@ -180,21 +209,25 @@ void LinkLayer::resend()
     m_deadline = m_clock.now() + m_options.ackTimeout;
 }
 
+void LinkLayer::giveUp()
+{
+    ++m_counters.undelivered;
+    sendNext();
+}
+
 void LinkLayer::acknowledged()
 {
-    m_awaiting.reset();
+    sendNext();
 }
 
 void LinkLayer::refused()
 {
     if (!m_awaiting)
         return;
-    if (++m_naks <= m_options.nakLimit) {
+    if (++m_naks <= m_options.nakLimit)
         resend();
-    } else {
-        ++m_counters.undelivered;
-        m_awaiting.reset();
-    }
+    else
+        giveUp();
 }
 
 void LinkLayer::asked()
@@ -211,8 +244,7 @@ void LinkLayer::tick()
         m_out.insert(m_out.end(), {kDle, kEnq});
         m_deadline = m_clock.now() + m_options.ackTimeout;
     } else {
-        ++m_counters.undelivered;
-        m_awaiting.reset();
+        giveUp();
     }
 }
 
@@ -229,6 +261,8 @@ void LinkLayer::reset()
     m_lastMessage.clear();
     m_out.clear();
     m_awaiting.reset();
+    m_waiting.clear();
+    m_counters = LinkCounters();
 }
 
 } // namespace micro850::sim

@@ -5,6 +5,7 @@
 #include "Clock.h"
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <optional>
 
@@ -26,16 +27,18 @@ struct LinkOptions
 struct LinkCounters
 {
     unsigned messages = 0;   ///< good messages
-    unsigned corrupt = 0;    ///< bad CRC, answered with DLE NAK
+    unsigned corrupt = 0;    ///< bad CRC or illegal escape, answered with DLE NAK
     unsigned duplicates = 0; ///< acknowledged and not executed
     unsigned abandoned = 0;  ///< begun and cut off by a new DLE STX
     unsigned retransmissions = 0;
     unsigned enquiries = 0;   ///< DLE ENQ sent
     unsigned undelivered = 0; ///< own messages given up
+    unsigned full = 0;        ///< good messages refused, as too many replies wait to go out
 };
 
 /// One end of a DF1 full-duplex line: takes the peer's bytes, answers each message with DLE ACK or
-/// DLE NAK, and sees that its own messages are acknowledged.
+/// DLE NAK, and sees that its own messages are acknowledged: one is on the wire at a time, the
+/// others wait until it is acknowledged or given up.
 class LinkLayer
 {
 public:
@@ -50,7 +53,7 @@ public:
     void tick();
     /// Takes the bytes that are to be sent.
     Bytes transmit();
-    /// Forgets what was under way, as a power cycle does.
+    /// Forgets what was under way and what was counted, as a power cycle does.
     void reset();
 
     const LinkCounters& counters() const { return m_counters; }
@@ -68,6 +71,7 @@ private:
     void take(std::uint8_t byte);
     void takeControl(std::uint8_t byte);
     void takeEscape(std::uint8_t byte);
+    bool takeResponse(std::uint8_t byte);
     void takeMessage(std::uint16_t crc);
     void beginMessage();
     void acknowledged();
@@ -76,7 +80,9 @@ private:
     bool isDuplicate(const Bytes& data);
     void answer(std::uint8_t control);
     void send(const Bytes& data);
+    void sendNext();
     void resend();
+    void giveUp();
 
     const Clock& m_clock;
     Handler m_handler;
@@ -85,12 +91,14 @@ private:
 
     State m_state = State::Idle;
     Bytes m_data;
+    bool m_illegal = false; ///< an escape in this message means nothing
     std::uint8_t m_crcLow = 0;
     std::uint8_t m_lastAnswer;
     Bytes m_lastMessage; ///< identity of the last good message
 
     Bytes m_out;
     std::optional<Bytes> m_awaiting; ///< own message on the wire, not acknowledged
+    std::deque<Bytes> m_waiting;     ///< own messages that go out behind it
     Duration m_deadline{0};
     int m_enquiries = 0;
     int m_naks = 0;

@@ -25,6 +25,9 @@ public:
     /// Gives what has begun, as nothing more comes.
     std::optional<Transmission> flush();
 
+    /// True while no message and no control has begun that is not whole.
+    bool isBetweenMessages() const { return m_state == State::Outside; }
+
 private:
     enum class State { Outside, Control, Message, Escape, CrcLow, CrcHigh };
 

@@ -3,6 +3,7 @@
 #include "bytes.h"
 
 #include <gtest/gtest.h>
+#include <set>
 
 namespace micro850::sim {
 namespace {
@@ -257,18 +258,109 @@ TEST_F(FaultyLineTest, LosesNothingOfOneSideByARuleForTheOther)
     EXPECT_EQ(line->messages(Side::Replies), 1u);
 }
 
+TEST_F(FaultyLineTest, KeepsTheNextReplyBackBehindALostAcknowledgement)
+{
+    script(R"({"fault": "withhold-ack", "on": "requests", "message": 2})");
+    after(kFirst);
+    EXPECT_EQ(after(kSecond), "10 06") << "the reply waits until the one before is acknowledged";
+    EXPECT_EQ(after(hex("10 06")), "") << "a message may follow at once, and belongs to it then";
+    EXPECT_EQ(afterWaiting(5), text(secondReply).substr(6));
+}
+
+/// What one damage to the second of two requests does at the controller's end. The first byte that
+/// is not of the acknowledgement and the DLE STX is the fifth.
+struct RequestCase
+{
+    const char* fault;
+    const char* answer; ///< begins so
+    unsigned corrupt;
+    unsigned messages;
+    const char* event;
+};
+
+const RequestCase kRequestCases[] = {
+    {R"("fault": "lose", "byte": 6)", "10 15", 1, 1, "request 2: byte 6: 01 lost"},
+    {R"("fault": "flip", "byte": 6, "bit": 7)", "10 15", 1, 1,
+     "request 2: byte 6: bit 7 flipped, 01 becomes 81"},
+    {R"("fault": "double", "byte": 6)", "10 15", 1, 1, "request 2: byte 6: 01 doubled"},
+    {R"("fault": "insert", "byte": 6, "bytes": "55 AA")", "10 15", 1, 1,
+     "request 2: byte 6: 55 AA inserted"},
+    {R"("fault": "insert", "byte": 6, "bytes": "10 06")", "10 06 10 02", 0, 2,
+     "request 2: byte 6: 10 06 inserted"},
+    {R"("fault": "duplicate")", "10 06 10 02", 0, 2, "request 2: sent twice"},
+    {R"("fault": "withhold")", "", 0, 1, "request 2: withheld"},
+    {R"("fault": "nak")", "10 15", 0, 1, "request 2: refused with DLE NAK"},
+    {R"("fault": "hang-up", "seconds": 3)", "", 0, 1, "request 2: the line hung up for 3 s"},
+    {R"("fault": "delay", "later": 1)", "", 0, 1, "request 2: held until 1 later"},
+};
+
+TEST_F(FaultyLineTest, StrikesARequestAtTheByteThatIsNamedAsItDoesAReply)
+{
+    for (const RequestCase& each : kRequestCases) {
+        script(std::string(R"({"on": "requests", "message": 2, )") + each.fault + "}");
+        events.clear();
+        after(kFirst);
+        const std::string begin = each.answer;
+        const std::string answer = after(kSecond);
+        EXPECT_EQ(answer.substr(0, begin.empty() ? answer.size() : begin.size()), begin)
+            << each.fault;
+        EXPECT_EQ(engine->counters().corrupt, each.corrupt) << each.fault;
+        EXPECT_EQ(engine->counters().messages, each.messages) << each.fault;
+        EXPECT_EQ(events, std::vector<std::string>{each.event});
+    }
+}
+
+TEST_F(FaultyLineTest, DelaysARequestByATimeAndSplitsItIntoBytes)
+{
+    script(R"({"fault": "delay", "on": "requests", "message": 1, "seconds": 0.3},
+              {"fault": "split", "on": "requests", "message": 1, "seconds": 0.01})");
+    EXPECT_EQ(after(kFirst), "");
+    EXPECT_EQ(afterWaiting(299 + 10 * static_cast<int>(kFirst.size() - 1)), "")
+        << "the last byte has not come";
+    EXPECT_EQ(afterWaiting(1), text(firstReply));
+}
+
+TEST_F(FaultyLineTest, PutsNoiseIntoARequestThatIsThenRefused)
+{
+    script(R"({"fault": "noise", "on": "requests", "message": 1, "byte": 9, "length": 7})");
+    after(kFirst);
+    EXPECT_EQ(engine->counters().messages, 0u);
+    EXPECT_EQ(line->counts().at(FaultKind::Noise), 1u);
+}
+
+TEST_F(FaultyLineTest, CarriesAHeldRequestOutBehindTheNextOne)
+{
+    script(R"({"fault": "delay", "on": "requests", "message": 1, "later": 1})");
+    EXPECT_EQ(after(kFirst), "");
+    EXPECT_EQ(after(kSecond), text(firstReply + secondReply));
+}
+
 // What a run with every fault at a rate does to 300 requests.
 std::vector<std::string> busyRun(std::uint64_t seed)
 {
     std::string rules;
-    for (const std::string& name : faultNames())
-        rules += std::string(rules.empty() ? "" : ",") + "{\"fault\": \"" + name +
-                 "\", \"rate\": 0.05" + (name == "cip-error" ? ", \"status\": 8}" : "}");
+    std::size_t kinds = 0;
+    for (const std::string& name : faultNames()) {
+        for (const std::string side : {"requests", "replies"}) {
+            if (name == (side == "requests" ? "previous" : "cip-error"))
+                continue;
+            ++kinds;
+            rules += std::string(rules.empty() ? "" : ",") + "{\"fault\": \"" + name +
+                     "\", \"on\": \"" + side + "\", \"rate\": 0.05" +
+                     (name == "cip-error" ? ", \"status\": 8}"
+                      : name == "hang-up" ? ", \"seconds\": 0.1}"
+                                          : "}");
+        }
+    }
     VirtualClock clock;
     Engine engine(clock, Plant());
     FaultyLine line(clock, engine, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
     std::vector<std::string> record;
-    line.setObserver([&](const FaultyLine::Event& event) { record.push_back(describe(event)); });
+    std::set<std::pair<Side, FaultKind>> seen;
+    line.setObserver([&](const FaultyLine::Event& event) {
+        record.push_back(describe(event));
+        seen.insert({event.side, event.kind});
+    });
     for (unsigned i = 0; i < 300; ++i) {
         Bytes data = kSecondData;
         data[4] = static_cast<std::uint8_t>(i % 16 + 32);
@@ -280,6 +372,7 @@ std::vector<std::string> busyRun(std::uint64_t seed)
         record.push_back(text(line.transmit()));
     }
     EXPECT_EQ(line.counts().size(), faultNames().size());
+    EXPECT_EQ(seen.size(), kinds) << "each fault on each side on which it can strike";
     return record;
 }
 

@@ -7,9 +7,18 @@
 namespace micro850::sim {
 namespace {
 
+Bytes framed(const Bytes& data)
+{
+    const std::uint16_t crc = linkCrc(data + hex("03"));
+    return hex("10 02") + data + hex("10 03") +
+           Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
+}
+
 // Two good messages; the CRCs were worked out by hand from the polynomial.
 const Bytes kIdentity = hex("10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
 const Bytes kIdentityData = hex("00 01 0B 00 01 00 00 00 01 02 20 01 24 01");
+// The same with the transaction number 2.
+const Bytes kSecond = framed(hex("00 01 0B 00 02 00 00 00 01 02 20 01 24 01"));
 const Bytes kAck = hex("10 06");
 const Bytes kNak = hex("10 15");
 const Bytes kEnq = hex("10 05");
@@ -146,6 +155,142 @@ TEST_F(LinkTest, IsContentOnceItsReplyIsAcknowledged)
     link.receive(kAck);
     EXPECT_EQ(afterWaiting(Duration(10000000)), "");
     EXPECT_EQ(afterReceiving(kNak), "") << "nothing is there to repeat";
+}
+
+TEST_F(LinkTest, AsksAndRepeatsAsOftenAndAsSoonAsItsOptionsSay)
+{
+    LinkOptions options;
+    options.ackTimeout = Duration(200000);
+    options.enquiryLimit = 1;
+    options.nakLimit = 2;
+    LinkLayer hasty(clock, handler, options);
+    const auto afterWaitingForIt = [&](int microseconds) {
+        clock.advance(Duration(microseconds));
+        hasty.tick();
+        return text(hasty.transmit());
+    };
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    hasty.receive(kIdentity);
+    const std::string sent = text(hasty.transmit()).substr(6);
+    for (int i = 0; i < 2; ++i) {
+        hasty.receive(kNak);
+        EXPECT_EQ(text(hasty.transmit()), sent);
+    }
+    EXPECT_EQ(afterWaitingForIt(199999), "");
+    EXPECT_EQ(afterWaitingForIt(1), "10 05");
+    EXPECT_EQ(afterWaitingForIt(200000), "");
+    EXPECT_EQ(hasty.counters().undelivered, 1u);
+
+    hasty.receive(kSecond);
+    hasty.transmit();
+    for (int i = 0; i < 3; ++i)
+        hasty.receive(kNak);
+    EXPECT_EQ(hasty.counters().retransmissions, 2u + 2u);
+    EXPECT_EQ(hasty.counters().undelivered, 2u);
+}
+
+TEST_F(LinkTest, RepeatsAReplyThatIsRefusedUponItsEnquiry)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    const std::string sent = afterReceiving(kIdentity).substr(6);
+    EXPECT_EQ(afterWaiting(Duration(1000000)), "10 05");
+    EXPECT_EQ(afterReceiving(kNak), sent);
+    EXPECT_EQ(afterWaiting(Duration(999999)), "") << "the time begins anew";
+    EXPECT_EQ(afterReceiving(kAck), "");
+    EXPECT_EQ(afterWaiting(Duration(5000000)), "");
+}
+
+TEST_F(LinkTest, KeepsAReplyBackUntilTheOneBeforeIsAcknowledged)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    const std::string first = afterReceiving(kIdentity).substr(6);
+    reply = hex("01 00 4B 00 02 00 00 00 81");
+    EXPECT_EQ(afterReceiving(kSecond), "10 06") << "a request without the acknowledgement";
+    EXPECT_EQ(afterReceiving(kNak), first);
+    EXPECT_EQ(afterReceiving(kAck).substr(0, 29), "10 02 01 00 4B 00 02 00 00 00");
+    EXPECT_EQ(afterReceiving(kAck), "");
+}
+
+TEST_F(LinkTest, SendsTheNextReplyOnceTheOneBeforeIsGivenUp)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    reply = hex("01 00 4B 00 02 00 00 00 81");
+    link.receive(kSecond);
+    link.transmit();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(afterWaiting(Duration(1000000)), "10 05");
+    EXPECT_EQ(afterWaiting(Duration(1000000)).substr(0, 29), "10 02 01 00 4B 00 02 00 00 00");
+}
+
+TEST_F(LinkTest, RefusesMessagesOfAPeerThatAcknowledgesNone)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    for (int i = 0; i < 2; ++i) {
+        link.receive(kSecond);
+        link.receive(kIdentity);
+    }
+    EXPECT_EQ(messages.size(), 5u) << "one reply on the wire and four behind it";
+    link.transmit();
+    EXPECT_EQ(afterReceiving(kSecond), "10 15");
+    EXPECT_EQ(messages.size(), 5u);
+    EXPECT_EQ(link.counters().full, 1u);
+    link.receive(kAck);
+    link.receive(kSecond);
+    EXPECT_EQ(messages.size(), 6u);
+}
+
+TEST_F(LinkTest, RefusesAMessageWithAnEscapeThatMeansNothing)
+{
+    Bytes escaped = kIdentity;
+    const Bytes noise = hex("10 41");
+    escaped.insert(escaped.begin() + 5, noise.begin(), noise.end());
+    EXPECT_EQ(afterReceiving(escaped), "10 15");
+    EXPECT_TRUE(messages.empty());
+    EXPECT_EQ(afterReceiving(kIdentity), "10 06");
+}
+
+TEST_F(LinkTest, UnderstandsAnEnquiryAndANakWithinAMessage)
+{
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    const std::string sent = afterReceiving(kIdentity).substr(6);
+    EXPECT_EQ(afterReceiving(hex("10 02 00 01 10 05")), "10 06");
+    EXPECT_EQ(afterReceiving(hex("0B 00 10 15")), sent);
+    link.receive(kAck);
+    reply.reset();
+    const Bytes rest(kSecond.begin() + 6, kSecond.end());
+    EXPECT_EQ(afterReceiving(rest), "10 06");
+    EXPECT_EQ(messages.size(), 2u);
+}
+
+TEST_F(LinkTest, TellsMessagesApartBySourceCommandAndNumberAlone)
+{
+    const Bytes data = kIdentityData;
+    const auto taken = [&](std::size_t position, std::uint8_t value) {
+        link.receive(kIdentity);
+        const std::size_t before = messages.size();
+        Bytes other = data;
+        other[position] = value;
+        link.receive(framed(other));
+        return messages.size() - before;
+    };
+    EXPECT_EQ(taken(1, 0x07), 1u) << "source";
+    EXPECT_EQ(taken(2, 0x0A), 1u) << "command";
+    EXPECT_EQ(taken(4, 0x02), 1u) << "low byte of the number";
+    EXPECT_EQ(taken(5, 0x01), 1u) << "high byte of the number";
+    EXPECT_EQ(taken(0, 0x05), 0u) << "destination";
+    EXPECT_EQ(taken(3, 0x01), 0u) << "status";
+    EXPECT_EQ(taken(8, 0x0E), 0u) << "content";
+}
+
+TEST_F(LinkTest, ForgetsItsCountersWithAReset)
+{
+    link.receive(kIdentity);
+    link.receive(kIdentity);
+    link.reset();
+    EXPECT_EQ(link.counters().messages, 0u);
+    EXPECT_EQ(link.counters().duplicates, 0u);
 }
 
 TEST_F(LinkTest, UnderstandsAResponseEmbeddedInAMessage)
