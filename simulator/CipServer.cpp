@@ -22,7 +22,7 @@ constexpr std::uint8_t kReadTagFragmented = 0x52;
 constexpr std::uint8_t kWriteTagFragmented = 0x53;
 constexpr std::uint8_t kForwardOpen = 0x54;
 
-// Value bytes that one reply carries on a connection of 504 bytes.
+// Value bytes that one message carries on a connection of 504 bytes.
 constexpr std::size_t kLongestValue = 480;
 
 /// A logical path of one class and one instance segment with 8-bit numbers.
@@ -41,6 +41,7 @@ CipServer::CipServer(const Clock& clock, Plant& plant, Identity identity)
 void CipServer::reset()
 {
     m_connections.clear();
+    m_answers.clear();
 }
 
 std::optional<Bytes> CipServer::handle(const Bytes& message)
@@ -149,6 +150,10 @@ CipServer::Reply CipServer::answerConnected(const Request& request)
         return readTag(request);
     case kWriteTagFragmented:
         return writeTag(request);
+    case kGetAttributesAll:
+        return isPath(request.path, 0x01)
+                   ? allAttributes()
+                   : Reply{CipStatus::PathDestinationUnknown, CipExtended::None, {}};
     default:
         return {CipStatus::ServiceNotSupported, CipExtended::None, {}};
     }
@@ -358,10 +363,11 @@ CipServer::Reply CipServer::writeTag(const Request& request)
         return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
     const std::size_t skipped = isText ? 0 : offset / size;
     const Bytes value = reader.bytes(reader.left());
-    // A fragment carries as many whole elements as it has bytes for.
+    // A fragment carries as many whole elements as it has bytes for. What fits into one request has
+    // to come in one.
     const std::size_t carried =
         isText ? count : std::min(std::max<std::size_t>(value.size() / size, 1), count - skipped);
-    const bool fragment = offset != 0;
+    const bool fragment = offset != 0 || (!isText && count * size > kLongestValue);
     const auto elements = elementsOf(*tag.type, value, fragment ? carried : count);
     if (!elements) {
         const bool tooMuch = !isText && value.size() > (count - skipped) * size;

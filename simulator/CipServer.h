@@ -62,7 +62,7 @@ public:
     std::optional<Bytes> handle(const Bytes& message);
     /// While set, no request is executed: each is answered with this error.
     void setFailure(std::optional<CipFailure> failure) { m_failure = failure; }
-    /// Forgets all connections, as a power cycle does.
+    /// Forgets all connections and what was counted, as a power cycle does.
     void reset();
 
     /// The next connections get these identifiers, low half first; for tests.

@@ -89,6 +89,49 @@ TEST_F(CipTest, GivesTwoOriginatorsConnectionsOfTheirOwn)
     EXPECT_EQ(server.openConnections(), 2u) << "the same originator replaces its own";
 }
 
+TEST_F(CipTest, ServesTwoOriginatorsSideBySideAndClosesTheirConnectionsOneByOne)
+{
+    server.setNextConnectionId(0x00013C5A);
+    unconnected(kForwardOpen);
+    Bytes other = kForwardOpen;
+    other[12] = 0x77; // T->O identifier
+    other[20] ^= 0xFF;
+    const std::string opened = unconnected(other);
+    const Bytes itsId = hex(opened.substr(36, 5));
+    const auto askedOver = [&](const Bytes& id) {
+        const auto reply = server.handle(hex("00 01 0A 00 21 00 00 00") + id + hex("28 45") +
+                                         read(kSpeed, "01 00 00 00 00 00"));
+        return text(Bytes(reply->begin() + 8, reply->end()));
+    };
+    EXPECT_EQ(askedOver(hex("5A 3C")), "01 00 28 45 D2 00 00 00 C3 00 D2 04");
+    EXPECT_EQ(askedOver(itsId), "77 00 28 45 D2 00 00 00 C3 00 D2 04");
+    unconnected(hex("4E 02 20 06 24 01 05 F7 02 00 34 12 23 16 C6 02 02 00 20 02 24 01"));
+    EXPECT_EQ(askedOver(hex("5A 3C")), "5A 3C 28 45 D2 00 01 01 07 01");
+    EXPECT_EQ(askedOver(itsId), "77 00 28 45 D2 00 00 00 C3 00 D2 04");
+}
+
+TEST_F(CipTest, ForgetsTheConnectionOfTheOriginatorThatFellSilentOnly)
+{
+    connected(read(kSpeed, "01 00 00 00 00 00"));
+    Bytes other = kForwardOpen;
+    other[20] ^= 0xFF; // originator
+    other[24] = 0x00;  // multiplier 4: 8 s
+    unconnected(other);
+    clock.advance(std::chrono::seconds(7));
+    EXPECT_EQ(server.openConnections(), 2u);
+    clock.advance(std::chrono::seconds(1));
+    EXPECT_EQ(server.openConnections(), 1u);
+    EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00")), "D2 00 00 00 C3 00 D2 04");
+}
+
+TEST_F(CipTest, ForgetsItsCountersWithAPowerCycle)
+{
+    unconnected(kForwardOpen);
+    EXPECT_EQ(server.answersByStatus().size(), 1u);
+    server.reset();
+    EXPECT_TRUE(server.answersByStatus().empty());
+}
+
 TEST_F(CipTest, ForgetsAConnectionThatIsNotUsedForIntervalTimesMultiplier)
 {
     connected(read(kSpeed, "01 00 00 00 00 00"));
@@ -156,6 +199,45 @@ TEST_F(CipTest, WritesWhatARequestBrings)
     EXPECT_EQ(text(plant.find("Zone")->elements[2]), "22 22");
     EXPECT_EQ(connected(write(kText, "DA 00 01 00 00 00 00 00 03 58 59 5A")), "D3 00 00 00");
     EXPECT_EQ(text(plant.find("Text")->elements[0]), "03 58 59 5A");
+}
+
+// 200 DINTs are more than one request carries.
+TEST_F(CipTest, PutsALongValueTogetherFromFragments)
+{
+    std::string first = "C4 00 C8 00 00 00 00 00";
+    for (int i = 0; i < 120; ++i)
+        first += " 11 11 11 11";
+    std::string rest = "C4 00 C8 00 E0 01 00 00";
+    for (int i = 0; i < 80; ++i)
+        rest += " 22 22 22 22";
+    EXPECT_EQ(connected(write(kBig, first.c_str())), "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Big")->elements[119]), "11 11 11 11");
+    EXPECT_EQ(text(plant.find("Big")->elements[120]), "07 00 00 00") << "not come yet";
+    EXPECT_EQ(connected(write(kBig, rest.c_str())), "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Big")->elements[120]), "22 22 22 22");
+    EXPECT_EQ(text(plant.find("Big")->elements[199]), "22 22 22 22");
+}
+
+TEST_F(CipTest, RefusesAFragmentThatDoesNotFitItsPlace)
+{
+    const char* outside = "C3 00 02 00 04 00 00 00 11 11";
+    const char* split = "C3 00 02 00 01 00 00 00 11 11";
+    const char* tooLong = "C3 00 02 00 02 00 00 00 11 11 22 22";
+    const char* half = "C3 00 02 00 02 00 00 00 11";
+    EXPECT_EQ(connected(write(kZone, outside)), "D3 00 FF 01 05 21");
+    EXPECT_EQ(connected(write(kZone, split)), "D3 00 FF 01 05 21");
+    EXPECT_EQ(connected(write(kZone, tooLong)), "D3 00 15 00");
+    EXPECT_EQ(connected(write(kZone, half)), "D3 00 13 00");
+    EXPECT_EQ(connected(write(kText, "DA 00 01 00 01 00 00 00 41")), "D3 00 FF 01 05 21");
+    EXPECT_EQ(text(plant.find("Zone")->elements[1]), "02 00");
+    EXPECT_EQ(connected(write(kZone, "C3 00 02 00 02 00 00 00 11 11")), "D3 00 00 00");
+    EXPECT_EQ(text(plant.find("Zone")->elements[1]), "11 11");
+}
+
+TEST_F(CipTest, TellsItsIdentityOverAConnectionToo)
+{
+    EXPECT_EQ(connected(hex("01 02 20 01 24 01")).substr(0, 29), "81 00 00 00 34 12 0E 00 52 03");
+    EXPECT_EQ(connected(hex("01 02 20 02 24 01")), "81 00 05 00");
 }
 
 TEST_F(CipTest, NamesTheErrorOfARefusedRead)
