@@ -7,8 +7,9 @@ namespace host {
 namespace {
 
 // Value bytes of one reply: well inside a connection of 504 bytes, and short enough that a reply
-// lost on a slow line costs little.
-const int kBytesOfRun = 240;
+// lost on a slow line costs little. As many as other field buses carry at once, so that an array
+// made for them takes one reply here too.
+const int kBytesOfRun = 250;
 
 // The driver's list builder knows the default station only and counts elements of up to two bytes
 // as elements; it keeps the count of wide ones as words, takes 1 or 3 off and so asks for the wrong

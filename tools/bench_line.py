@@ -15,21 +15,18 @@ import subprocess
 import sys
 import tempfile
 
+import bench as cost
+
 SECTIONS = ["peers", "line", "reaction"]
 CLIENTS = {"reference host": "client_host", "libmodbus": "client_libmodbus", "Qt SerialBus": "client_serialbus"}
 HOST = "reference host"
+ALONE = "driver alone"
+ALONE_KINDS = {1: "dint", 10: "dint10", 62: "dint62"}
 SIZES = {client: [1, 10, 62 if client == HOST else 125] for client in CLIENTS}
 BAUDS = [9600, 38400, 115200]
 BITS_OF_BYTE = 10
 SETTLING = 12  # requests until the connection is made and the cycle runs
 WORST_DATA = 0x10101010  # every byte is doubled on the wire
-
-
-def output_of(command, **options):
-    done = subprocess.run(command, capture_output=True, text=True, timeout=300, check=False, **options)
-    if done.returncode != 0:
-        sys.exit(f"bench: {' '.join(command)} failed:\n{done.stderr[-2000:]}")
-    return done
 
 
 @contextlib.contextmanager
@@ -92,18 +89,18 @@ def slope(measure, client, values, short, long):
 
 def peer(bench, client, values):
     def callgrind(of, count, reads):
-        done = output_of(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
+        done = cost.output_of(["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null"]
                          + bench.command(of, count, reads))
         return int(re.search(r"Collected : (\d+)", done.stderr).group(1))
 
     def heap(of, count, reads, what="allocations"):
-        done = output_of(bench.command(of, count, reads),
+        done = cost.output_of(bench.command(of, count, reads),
                          env=dict(os.environ, LD_PRELOAD=bench.program("libbench_allocations.so")))
         return int(re.search(what + r" (\d+)", done.stderr).group(1))
 
     def system_calls(of, count, reads):
         trace = f"{bench.scratch}/strace.txt"
-        output_of(["strace", "-c", "-f", "-U", "calls", "-o", trace] + bench.command(of, count, reads))
+        cost.output_of(["strace", "-c", "-f", "-U", "calls", "-o", trace] + bench.command(of, count, reads))
         with open(trace, encoding="utf-8") as file:
             return int(re.search(r"(\d+) total", file.read()).group(1))
 
@@ -117,9 +114,26 @@ def peer(bench, client, values):
     }
 
 
+def alone(bench, values):
+    """The driver's entry points with replies prepared beforehand: no line, no host."""
+    kind = ALONE_KINDS[values]
+    number = 200 if bench.quick else 1000
+    calls_1, size_1, _ = cost.heap(bench.bin_dir, kind, "step", number, 10)
+    calls_2, size_2, _ = cost.heap(bench.bin_dir, kind, "step", 2 * number, 10)
+    time = cost.nanoseconds(bench.bin_dir, kind, 10, 0.1 if bench.quick else 0.5, "step")["step"]
+    return {
+        "client": ALONE, "values": values,
+        "instructions": round(cost.instructions(bench.program("bench_steps"), kind, "step", number, 10, "/dev/null")),
+        "allocations": round((calls_2 - calls_1) / number, 2),
+        "bytes": round((size_2 - size_1) / number),
+        "system_calls": 0,
+        "microseconds": round(time / 1000, 2),
+    }
+
+
 def microseconds(bench, client, values):
     reads = {"Qt SerialBus": 200}.get(client, 2000) // (5 if bench.quick else 1)
-    done = output_of(bench.command(client, values, reads))
+    done = cost.output_of(bench.command(client, values, reads))
     return float(re.search(r"microseconds ([\d.]+)", done.stdout).group(1))
 
 
@@ -131,7 +145,7 @@ def peers(bench):
     for row, times in zip(rows, zip(*rounds)):
         row["microseconds"] = round(statistics.median(times), 1)
         row["microseconds_best"] = round(min(times), 1)
-    return rows
+    return [alone(bench, values) for values in SIZES[HOST]] + rows
 
 
 # ---- Use of a line that takes its time
@@ -142,7 +156,7 @@ def runs_on_paced_line(bench, client, device, values, baud, seconds):
     expected = 70 + 4 * values if client == HOST else 13 + 2 * values
     reads = SETTLING + max(10, int(seconds * baud / BITS_OF_BYTE / expected))
     with running([bench.program("paced_line"), device, str(baud)]) as (path, process):
-        output_of(bench.command(client, values, reads, device=path, baud=baud))
+        cost.output_of(bench.command(client, values, reads, device=path, baud=baud))
         process.terminate()
         lines = process.stdout.read().split("\n")
     fields = [line.split() for line in lines if line]
@@ -160,21 +174,14 @@ def percentile(values, percent):
     return ordered[min(len(ordered) - 1, int(len(ordered) * percent / 100))]
 
 
-def parts_of(client, values, pairs):
-    """Transactions that one read takes: the reference host cuts long runs."""
-    whole = 4 * values
-    return 1 if client != HOST or max(reply[3] for _, reply in pairs) > whole else 2
-
-
 def line_use(bench, client, device, values, baud, seconds):
     pairs = exchanges(runs_on_paced_line(bench, client, device, values, baud, seconds))
-    parts = parts_of(client, values, pairs)
     elapsed = pairs[-1][0][1] - pairs[0][0][1]  # from request to request
     carried = sum(request[3] + reply[3] for request, reply in pairs[:-1])
     gaps = [after[0][1] - before[1][2] for before, after in zip(pairs, pairs[1:])]
     answers = [reply[1] - request[2] for request, reply in pairs]
     busy = carried * BITS_OF_BYTE * 1e9 / baud
-    fetched = (len(pairs) - 1) * values / parts
+    fetched = (len(pairs) - 1) * values
     return {
         "client": client, "values": values, "baud": baud,
         "in_use": round(busy / elapsed, 4),
@@ -201,19 +208,26 @@ def line(bench):
 
 def reaction(bench):
     trials = "20" if bench.quick else "200"
-    return [json.loads(output_of([bench.program("reaction"), str(baud), trials]).stdout) for baud in BAUDS]
+    return [json.loads(cost.output_of([bench.program("reaction"), str(baud), trials]).stdout) for baud in BAUDS]
 
 
 # ---- Tables
 
 
-def ratio_to(rows, client, column, row):
-    """The same column of another client in the row of the same rank."""
-    rank = SIZES[row["client"]].index(row["values"])
-    for other in rows:
-        if other["client"] == client and other["values"] == SIZES[client][rank]:
-            return other[column] / row[column]
-    return float("nan")
+def peer_row(rows, client, like):
+    """The row of another client that reads as many values, or as many bytes."""
+    sizes = SIZES[client]
+    values = sizes[SIZES[HOST].index(like["values"])]
+    return next(row for row in rows if row["client"] == client and row["values"] == values)
+
+
+def ratios(rows, row):
+    serial_bus = peer_row(rows, "Qt SerialBus", row)
+    libmodbus = peer_row(rows, "libmodbus", row)
+    return (f"{row['client']}, {row['values']} elements: Qt SerialBus takes "
+            f"{serial_bus['instructions'] / row['instructions']:.1f} times the instructions and "
+            f"{serial_bus['microseconds'] / row['microseconds']:.0f} times the time; it takes "
+            f"{row['microseconds'] / libmodbus['microseconds']:.2f} times the time of libmodbus")
 
 
 def peers_table(rows):
@@ -225,12 +239,7 @@ def peers_table(rows):
                     f"{row['instructions'] / row['values']:9.0f} {row['allocations']:11.2f} {row['bytes']:6} "
                     f"{row['system_calls']:12.2f} {row['microseconds']:8.1f} "
                     f"{row['microseconds'] / row['values']:10.2f}")
-    for row in (row for row in rows if row["client"] == HOST):
-        text.append(f"{row['values']} elements: Qt SerialBus takes {ratio_to(rows, 'Qt SerialBus', 'instructions', row):.1f} "
-                    f"times the instructions and {ratio_to(rows, 'Qt SerialBus', 'microseconds', row):.1f} times the time "
-                    f"of the reference host, which takes {1 / ratio_to(rows, 'libmodbus', 'microseconds', row):.1f} times "
-                    "that of libmodbus")
-    return text
+    return text + [ratios(rows, row) for row in rows if row["client"] in (ALONE, HOST)]
 
 
 def line_table(results):

@@ -39,7 +39,7 @@ int run(const Task& task)
     host::SerialLine line(project.port);
     const host::SteadyClock clock;
     host::PollLoop loop(library.api(), line, clock, project);
-    // A long run of elements takes more than one transaction.
+    // An array of more bytes than a reply takes is read in several.
     const int parts =
         host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
     settle(loop, parts);

@@ -17,17 +17,19 @@ struct Kind
     const char* name;
     quint16 type;
     int elements;
-    int hostCount; ///< what the host asks for, in its 16-bit words
-    const char* value;
+    int listCount; ///< in the cyclic list, where a run of wide elements counts one more than it has
+    int fetchCount;    ///< what the host fetches, in its 16-bit words
+    const char* value; ///< of one element
 };
 
 const Kind kKinds[] = {
-    {"int", 0xC3, 1, 1, "34 12"},
-    {"dint", 0xC4, 1, 2, "78 56 34 12"},
-    {"int15", 0xC3, 15, 15,
-     "01 00 02 00 03 00 04 00 05 00 06 00 07 00 08 00 09 00 0A 00 0B 00 0C 00 0D 00 0E 00 0F 00"},
-    {"lreal", 0xCB, 1, 4, "18 2D 44 54 FB 21 09 40"},
-    {"string20", 0xDA, 1, 10, "14 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 51 52 53 54"},
+    {"int", 0xC3, 1, 1, 1, "34 12"},
+    {"dint", 0xC4, 1, 2, 2, "78 56 34 12"},
+    {"dint10", 0xC4, 10, 11, 20, "78 56 34 12"},
+    {"dint62", 0xC4, 62, 63, 124, "78 56 34 12"},
+    {"int15", 0xC3, 15, 15, 15, "34 12"},
+    {"lreal", 0xCB, 1, 4, 4, "18 2D 44 54 FB 21 09 40"},
+    {"string20", 0xDA, 1, 10, 10, "14 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 51 52 53 54"},
 };
 const char* const kWriteKind = "write";
 const char* const kHandshakeKind = "handshake";
@@ -74,8 +76,8 @@ Workload::Workload(const std::string& name, int variables)
     m_settings.defaultStation = kStation;
     m_settings.retryLimit = 2;
     m_settings.writeMode = 2;
-    m_count = kind.hostCount;
-    m_value = wire::hex(kind.value);
+    m_count = kind.fetchCount;
+    m_value = wire::hex(kind.value).repeated(kind.elements);
     m_readReply = wire::readReply(1, kind.type, m_value);
     m_writeReply = wire::writeReply(1);
     m_identityReply = wire::identityReply(1);
@@ -87,7 +89,7 @@ Workload::Workload(const std::string& name, int variables)
         HOSTVAR variable = HOSTVAR();
         variable.tagName = tagName(i);
         variable.addressText = QString::fromLatin1("0");
-        variable.count = kind.hostCount;
+        variable.count = kind.listCount;
         m_variables.append(variable);
         varName entry = varName();
         entry.name = variable.tagName;

@@ -94,8 +94,8 @@ TEST_F(ReadPlanTest, CutsALongArrayIntoRunsOfAReply)
 {
     know("Zone", "INT");
     know("Recipe", "DINT");
-    EXPECT_EQ(singles(plan(R"({"tag": "Zone", "length": 300})")), "0 x 120, 120 x 120, 240 x 60");
-    EXPECT_EQ(singles(plan(R"({"tag": "Recipe", "element": 7, "length": 61})")), "7 x 61, 67 x 2");
+    EXPECT_EQ(singles(plan(R"({"tag": "Zone", "length": 300})")), "0 x 125, 125 x 125, 250 x 50");
+    EXPECT_EQ(singles(plan(R"({"tag": "Recipe", "element": 7, "length": 63})")), "7 x 63, 69 x 2");
 }
 
 TEST_F(ReadPlanTest, NeverLetsTheDriverMergeWideTypesThatItMovesByteByByte)
