@@ -2,6 +2,8 @@
 
 #include "Frame.h"
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -21,9 +23,25 @@ void ReplyCollector::reset()
 QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
 {
     QList<Event> events;
-    for (const char byte : bytes)
-        take(byte, events);
+    const char* at = bytes.begin();
+    while (at != bytes.end()) {
+        const int plain = plainBytes(at, bytes.end());
+        if (plain > 0)
+            takeData(at, plain, events);
+        else
+            take(*at, events);
+        at += std::max(1, plain);
+    }
     return events;
+}
+
+// How many bytes from here on are a frame's data as they stand; at most one beyond the longest.
+int ReplyCollector::plainBytes(const char* at, const char* end) const
+{
+    if (m_state != State::Data)
+        return 0;
+    const auto room = std::min<std::ptrdiff_t>(end - at, kLongestData + 1 - m_data.size());
+    return static_cast<int>(std::find(at, at + room, kDle) - at);
 }
 
 void ReplyCollector::take(char byte, QList<Event>& events)
@@ -39,10 +57,7 @@ void ReplyCollector::take(char byte, QList<Event>& events)
         takeOutsideEscape(byte, events);
         break;
     case State::Data:
-        if (byte == kDle)
-            m_state = State::DataEscape;
-        else
-            takeData(byte, events);
+        m_state = State::DataEscape; // any other byte is plain
         break;
     case State::DataEscape:
         takeDataEscape(byte, events);
@@ -87,7 +102,7 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
     m_state = State::Data;
     switch (byte) {
     case kDle:
-        takeData(byte, events);
+        takeData(&byte, 1, events);
         break;
     case kEtx:
         m_state = State::CrcLow;
@@ -109,9 +124,9 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
     }
 }
 
-void ReplyCollector::takeData(char byte, QList<Event>& events)
+void ReplyCollector::takeData(const char* bytes, int count, QList<Event>& events)
 {
-    m_data.append(byte);
+    m_data.append(bytes, count);
     if (m_data.size() > kLongestData) {
         events.append({Kind::Corrupt, QByteArray()});
         reset();

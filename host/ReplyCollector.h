@@ -42,10 +42,11 @@ private:
     enum class State { Outside, Escape, Data, DataEscape, CrcLow, CrcHigh };
 
     bool inCrc() const { return m_state == State::CrcLow || m_state == State::CrcHigh; }
+    int plainBytes(const char* at, const char* end) const;
     void take(char byte, QList<Event>& events);
     void takeOutsideEscape(char byte, QList<Event>& events);
     void takeDataEscape(char byte, QList<Event>& events);
-    void takeData(char byte, QList<Event>& events);
+    void takeData(const char* bytes, int count, QList<Event>& events);
     void begin();
     void end(char crcHigh, QList<Event>& events);
 

@@ -48,30 +48,36 @@ ValueStore::ValueStore(const Project& project) : m_project(project)
 void ValueStore::store(const TagKey& tag, int element, const micro850::CipType& type,
                        const QByteArray& bytes, qint64 now)
 {
-    const QVector<QByteArray> run = elementsOf(type, bytes);
+    const bool whole = type.kind == micro850::CipKind::String;
+    const int size = whole ? bytes.size() : type.size;
+    const int elements = whole ? 1 : bytes.size() / size;
     for (const int i : m_variablesOf.value(tag)) {
         const Variable& variable = m_project.variables.at(i);
         const int first = std::max(element, variable.element);
-        const int end = std::min(element + run.size(), variable.element + variable.length);
+        const int end = std::min(element + elements, variable.element + variable.length);
         if (first >= end || (variable.type && variable.type != &type))
             continue;
         m_states[i].type = &type;
         for (int at = first; at < end; ++at)
-            storeElement(i, at - variable.element, run.at(at - element), now);
+            storeElement(i, at - variable.element, bytes.constData() + (at - element) * size, size,
+                         now);
         if (!m_states.at(i).error.isEmpty())
             setError(i, QString());
     }
 }
 
-void ValueStore::storeElement(int variable, int index, const QByteArray& bytes, qint64 now)
+// Most values are the ones that were there before: those are compared, not copied.
+void ValueStore::storeElement(int variable, int index, const char* bytes, int size, qint64 now)
 {
     State& state = m_states[variable];
+    const QByteArray& old = state.elements.at(index);
     const bool first = state.times.at(index) < 0;
     if (first)
         --state.missing;
-    if (first || state.elements.at(index) != bytes)
+    if (first || old.size() != size || !std::equal(old.begin(), old.end(), bytes)) {
         m_changed.insert(variable);
-    state.elements[index] = bytes;
+        state.elements[index] = QByteArray(bytes, size);
+    }
     state.times[index] = now;
 }
 

@@ -57,7 +57,7 @@ private:
         int missing = 0;
         QString error;
     };
-    void storeElement(int variable, int index, const QByteArray& bytes, qint64 now);
+    void storeElement(int variable, int index, const char* bytes, int size, qint64 now);
 
     const Project& m_project;
     QVector<State> m_states;
