@@ -49,7 +49,7 @@ void ValueStore::store(const TagKey& tag, int element, const micro850::CipType& 
                        const QByteArray& bytes, qint64 now)
 {
     const bool whole = type.kind == micro850::CipKind::String;
-    const int size = whole ? bytes.size() : type.size;
+    const int size = whole ? bytes.size() : std::max(1, type.size);
     const int elements = whole ? 1 : bytes.size() / size;
     for (const int i : m_variablesOf.value(tag)) {
         const Variable& variable = m_project.variables.at(i);

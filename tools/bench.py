@@ -82,24 +82,22 @@ def cost(bin_dir, out_dir, quick):
 def growth(bin_dir, out_dir, quick):
     rows = []
     for size in SIZES[:3] if quick else SIZES:
-        row = {"variables": size, "nanoseconds": nanoseconds(bin_dir, "int", size, 0.1 if quick else 0.5),
+        row = {"variables": size, "nanoseconds": nanoseconds(bin_dir, "growth", size, 0.1 if quick else 0.5),
                "instructions": {}, "heap": heap_of_variables(bin_dir, size)}
         for operation in OPERATIONS:
-            number = 3 if operation == "rebuild" else 2 * size if size < 1000 else 2000
+            number = 3 if operation == "rebuild" else max(size, 2000)
             row["instructions"][operation] = round(instructions(
-                f"{bin_dir}/bench_steps", "int", operation, number, size, f"{out_dir}/growth.callgrind"))
+                f"{bin_dir}/bench_steps", "growth", operation, number, size, f"{out_dir}/growth.callgrind"))
         rows.append(row)
     return rows
 
 
 def heap_of_variables(bin_dir, variables):
-    """Bytes in use for each variable: the largest resident size beside that of a single variable."""
-    def resident(count):
-        code = ("import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL); "
-                "print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)")
-        return int(output_of([sys.executable, "-c", code, f"{bin_dir}/bench_steps", "int", "fetch", "1",
-                              str(count)]).stdout) * 1024
-    return round((resident(variables) - resident(1)) / variables)
+    """Bytes in use for each variable but the first, the benchmark's own list of them included."""
+    def in_use(count):
+        text = output_of([f"{bin_dir}/bench_steps", "growth", "fetch", "1", str(count)]).stdout
+        return int(re.search(r"heap (\d+)", text).group(1))
+    return round((in_use(variables) - in_use(1)) / (variables - 1))
 
 
 def print_cost(rows):

@@ -1,6 +1,6 @@
 // steps KIND OPERATION NUMBER VARIABLES: an operation of a workload, repeated; valgrind's callgrind
 // looks at nothing else if it is started with --instr-atstart=no. Prints the bytes on the wire of
-// one transaction.
+// one transaction and the bytes of the heap in use at the end.
 
 #include "workload.h"
 
@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <malloc.h>
 
 int main(int argc, char** argv)
 {
@@ -28,6 +29,7 @@ int main(int argc, char** argv)
     for (int i = 0; i < number; ++i)
         operation();
     CALLGRIND_STOP_INSTRUMENTATION;
-    std::printf("wire %d\n", workload.wireBytes());
+    const auto heap = mallinfo2();
+    std::printf("wire %d heap %zu\n", workload.wireBytes(), heap.uordblks + heap.hblkhd);
     return 0;
 }

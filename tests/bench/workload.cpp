@@ -20,6 +20,7 @@ struct Kind
     int listCount; ///< in the cyclic list, where a run of wide elements counts one more than it has
     int fetchCount;    ///< what the host fetches, in its 16-bit words
     const char* value; ///< of one element
+    int digits = 0;    ///< at least, of the number in a tag's name
 };
 
 const Kind kKinds[] = {
@@ -27,6 +28,8 @@ const Kind kKinds[] = {
     {"dint", 0xC4, 1, 2, 2, "78 56 34 12"},
     {"dint10", 0xC4, 10, 11, 20, "78 56 34 12"},
     {"dint62", 0xC4, 62, 63, 124, "78 56 34 12"},
+    // Its names are as long in a short list as in a long one: only the number of variables differs.
+    {"growth", 0xC3, 1, 1, 1, "34 12", 5},
     {"int15", 0xC3, 15, 15, 15, "34 12"},
     {"lreal", 0xCB, 1, 4, 4, "18 2D 44 54 FB 21 09 40"},
     {"string20", 0xDA, 1, 10, 10, "14 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50 51 52 53 54"},
@@ -52,9 +55,9 @@ const Kind& kindOf(const std::string& name)
     return kKinds[0];
 }
 
-QString tagName(int number)
+QString tagName(int number, int digits)
 {
-    return QString::fromLatin1("Tag%1").arg(number);
+    return QString::fromLatin1("Tag%1").arg(number, digits, 10, QLatin1Char('0'));
 }
 
 } // namespace
@@ -87,7 +90,7 @@ Workload::Workload(const std::string& name, int variables)
     QList<varName> catalogue;
     for (int i = 0; i < variables; ++i) {
         HOSTVAR variable = HOSTVAR();
-        variable.tagName = tagName(i);
+        variable.tagName = tagName(i, kind.digits);
         variable.addressText = QString::fromLatin1("0");
         variable.count = kind.listCount;
         m_variables.append(variable);

@@ -57,6 +57,24 @@ TEST_F(ValueStoreTest, NeverShowsAValueUnderAnotherTypeThanTheProjectSays)
     EXPECT_EQ(values.text(kReal), QString());
 }
 
+TEST_F(ValueStoreTest, LivesThroughATypeThatSaysNoSize)
+{
+    const micro850::CipType sizeless = {"NONE", 0xFF, 0, micro850::CipKind::Unsigned, 0, 0};
+    values.store(level, 0, sizeless, hex("01 02"), 5);
+    EXPECT_FALSE(values.wasRead(kAll));
+}
+
+TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
+{
+    storeInts(0, "01 00 02 00 03 00 04 00", 5);
+    values.takeChanged();
+    storeInts(0, "01 00 02 00 03 00 04 00", 6);
+    EXPECT_EQ(values.takeChanged(), QSet<int>());
+    storeInts(0, "01 00 02 00 03 00 05 00", 7);
+    EXPECT_EQ(values.takeChanged(), (QSet<int>{kAll}));
+    EXPECT_EQ(values.text(kAll), QString("[1, 2, 3, 5]"));
+}
+
 TEST_F(ValueStoreTest, TellsAValueOfAnotherStationApart)
 {
     values.store({2, "Level"}, 0, micro850::cipTypeNamed("INT"), hex("01 00"), 5);
