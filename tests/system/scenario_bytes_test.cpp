@@ -178,6 +178,13 @@ TEST_F(BytesScenario, AnIndexBeyond65535GetsAPathSegmentErrorThatCountsAsAnAnswe
     EXPECT_TRUE(wire::unframed(exchanges.back().frame).contains(wire::hex("30 00 00 00 01 00")));
     EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(12), wire::hex("D3 00 04 00"));
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 17, 1}})) << "reported done";
+
+    readOnce("A", 65536);
+    EXPECT_EQ(takeRequests(), Requests{"4 read A[65536] x1"});
+    EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(12), wire::hex("D2 00 04 00"));
+    EXPECT_EQ(shown("A", 1, 65536), "00 00") << "as an element that was never read";
+    const auto& elements = engine.plant().find("A")->elements;
+    EXPECT_EQ(std::count(elements.begin(), elements.end(), micro850::Bytes{0, 0}), 65536);
 }
 
 } // namespace

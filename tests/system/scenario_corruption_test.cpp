@@ -42,6 +42,8 @@ protected:
         const std::string second = shown("B", 2);
         foreignValues += first != "none" && first != kFirstValue;
         foreignValues += second != "none" && second != kSecondValue;
+        const std::string written = shown("W");
+        foreignValues += written != "none" && written != "00 00" && written != kWritten;
         return first == kFirstValue && second == kSecondValue;
     }
     /// A write that was reported done is in the controller.
@@ -185,6 +187,13 @@ TEST_F(CorruptionScenario, ANakOrAStrayAckInFrontOfAReplyMakesItCorruptToTheDriv
 {
     EXPECT_EQ(session(kNakInFront), 32);
     EXPECT_EQ(session(kStrayAck), 32);
+    EXPECT_EQ(foreignValues, 0);
+}
+
+// A full-duplex peer may put a response into the message that it is sending.
+TEST_F(CorruptionScenario, AnAckWithinAReplyMakesItCorruptToTheDriverAsIsKnown)
+{
+    EXPECT_EQ(session(R"({"fault": "insert", "message": 3, "byte": 6, "bytes": "10 06"})"), 32);
     EXPECT_EQ(foreignValues, 0);
 }
 

@@ -49,7 +49,7 @@ TEST_F(FailureScenario, AWithheldReplyCostsThreeTransmissionsAndANewConnection)
     EXPECT_EQ(engine.counters().duplicates, 2u);
 }
 
-TEST_F(FailureScenario, AReadWithoutReplyTakesSixRequestsUntilItsValueFlowsAgain)
+TEST_F(FailureScenario, AReadWithoutReplyTakesSevenTransmissionsUntilItsValueFlowsAgain)
 {
     connectAndRead();
     setInController("A", "05 00");

@@ -158,6 +158,32 @@ TEST_F(HostScenario, ALeadingNakAStrayAckAndASecondCopyCostNoValue)
     EXPECT_EQ(line.counts().size(), 3u);
 }
 
+TEST_F(HostScenario, AnAckWithinAReplyIsTakenOutOfIt)
+{
+    faults(R"({"fault": "insert", "rate": 1, "byte": 6, "bytes": "10 06"})");
+    start();
+    ASSERT_TRUE(runUntilGood());
+    runFor(5000);
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_EQ(counters().timedOut, 0);
+    EXPECT_EQ(counters().corrupt, 0);
+    EXPECT_GT(line.counts().at(micro850::sim::FaultKind::InsertBytes), 100u);
+}
+
+// The host's acknowledgements are lost, so that the controller keeps its next reply back.
+TEST_F(HostScenario, RequestsThatLostTheirAcknowledgementCostNoConnection)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    faults(R"({"fault": "withhold-ack", "on": "requests", "rate": 0.2})");
+    runFor(20000);
+    line.clear();
+    ASSERT_TRUE(runUntilGood());
+    EXPECT_EQ(foreignValues, 0);
+    EXPECT_EQ(counters().reconnects, 0);
+    EXPECT_GT(counters().late, 30) << "each is preceded by the reply before";
+}
+
 TEST_F(HostScenario, ACorruptReplyIsAskedForAgainInTheSameTime)
 {
     start();

@@ -153,6 +153,9 @@ const ByteTypeCase kByteTypes[] = {
     {"LTIME", "16", "10 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"},
     {"ITIME", "-2", "FE 00 FF 00"},
     {"TIME", "2500", "C4 00 09 00 00 00 00 00"},
+    {"STRING", "\"AB\"", "02 00 00 00 41 00 42 00"},
+    {"STRING2", "\"A\"", "01 00 00 00 41 00 00 00"},
+    {"STRINGN", "\"A\"", "01 00 00 00 41 00"},
 };
 
 class EveryByteType : public StartScenario, public ::testing::WithParamInterface<ByteTypeCase>
@@ -160,8 +163,8 @@ class EveryByteType : public StartScenario, public ::testing::WithParamInterface
 protected:
     EveryByteType()
     {
-        plant(std::string(R"({"name": "A", "type": ")") + GetParam().type + R"(", "value": )" +
-              GetParam().value + "}");
+        plant(std::string(R"({"name": "A", "type": ")") + GetParam().type +
+              R"(", "length": 3, "value": )" + GetParam().value + "}");
         declareIndexed("A");
         pollCyclically({{"A", 0, 1}});
         transact(4);
@@ -172,6 +175,25 @@ protected:
 TEST_P(EveryByteType, IsShownByteByByte)
 {
     EXPECT_EQ(shown("A", bytes()), GetParam().shown);
+}
+
+// The store counts the elements of such a type as one byte each, so that they overlap.
+TEST_P(EveryByteType, HasEachElementOfAnArrayShownUntilItsNeighbourIsReadAsIsKnown)
+{
+    const auto filled = [this](int byte, int wordSize) {
+        return wire::text((QByteArray(1, static_cast<char>(byte)) + QByteArray(wordSize - 1, '\0'))
+                              .repeated(bytes()));
+    };
+    for (int element = 0; element < 3; ++element) {
+        setInController("A", filled(0x21 + element, 1).c_str(), static_cast<std::size_t>(element));
+        RW_VAR read = readOf("A", element);
+        AddListOnceReadVar(&read, 0);
+        ASSERT_GE(transactUntil([] { return PLC_driver.onceReadList.isEmpty(); }), 0);
+        EXPECT_EQ(shown("A", bytes(), element), filled(0x21 + element, 2)) << element;
+    }
+    EXPECT_EQ(shown("A", 1, 0), "21 00");
+    EXPECT_EQ(shown("A", 1, 1), "22 00");
+    EXPECT_EQ(shown("A", 1, 2), "23 00");
 }
 
 // As many elements are announced as the value has bytes; a controller finds too few bytes for them.

@@ -21,7 +21,27 @@ TEST_F(SurpriseScenario, AStringThatGetsShorterKeepsItsOldTailAsIsKnown)
     EXPECT_EQ(wire::hex(shown("Name", 6).c_str()), QByteArray("Peare juice\0", 12));
 }
 
-TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassShowsThese)
+// The type's length byte is dropped and no element is named in the request.
+TEST_F(SurpriseScenario, OfAnArrayOfStringsOnlyTheFirstIsReadAndWrittenAsIsKnown)
+{
+    plant(R"({"name": "Names", "type": "SHORT_STRING", "length": 2, "value": ["Apple", "Pear"]})");
+    declareIndexed("Names");
+    pollCyclically({{"Names", 0, 3}});
+    transact(3);
+    EXPECT_EQ(wire::hex(shown("Names", 3).c_str()), QByteArray("Apple\0", 6));
+    RW_VAR second = readOf("Names", 1, 3);
+    AddListOnceReadVar(&second, 0);
+    ASSERT_GE(transactUntil([] { return PLC_driver.onceReadList.isEmpty(); }), 0);
+    EXPECT_EQ(wire::hex(shown("Names", 3).c_str()), QByteArray("AApple", 6));
+    EXPECT_EQ(exchanges.back().request, "3 read Names x1");
+
+    write("Names", "Plum\0\0", 3, 1);
+    ASSERT_GE(transactUntil([] { return PLC_driver.writeList.isEmpty(); }), 0);
+    EXPECT_EQ(inController("Names", 0), "04 50 6C 75 6D");
+    EXPECT_EQ(inController("Names", 1), "04 50 65 61 72");
+}
+
+TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassLeavesTheFifteenthOutAsIsKnown)
 {
     plant(R"({"name": "D", "type": "DINT", "length": 20, "value": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
               11, 12, 13, 14, 15, 16, 17, 18, 19, 20]})");
