@@ -1,7 +1,8 @@
 """Measures the driver and prints tables; called by scripts/bench.
 
-bench.py BIN_DIR OUT_DIR [--quick] [SECTION...]: sections are cost, growth, peers, line and reaction. Writes
-OUT_DIR/results.json and, from it, OUT_DIR/growth.svg.
+bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line and
+reaction. Writes OUT_DIR/results.json and, from it, the plots beside it; with --write also the tables into the
+document, between their marks, and the plots into its directory.
 """
 
 import argparse
@@ -100,67 +101,65 @@ def heap_of_variables(bin_dir, variables):
     return round((in_use(variables) - in_use(1)) / (variables - 1))
 
 
-def print_cost(rows):
-    print("\nOne transaction with the host's fetch of its value, replies prepared beforehand")
-    print(f"{'kind':10} {'instructions':>12} {'allocations':>11} {'bytes':>6} {'ns':>6} {'on the wire':>11}")
+def cost_table(rows):
+    text = ["One transaction with the host's fetch of its value, replies prepared beforehand",
+            f"{'kind':10} {'instructions':>12} {'allocations':>11} {'bytes':>6} {'ns':>6} {'on the wire':>11}"]
     for kind, row in rows.items():
-        print(f"{kind:10} {row['instructions']:12} {row['allocations']:11.2f} {row['bytes']:6} "
-              f"{row['nanoseconds']:6} {row['wire']:11}")
-    print("\nWhere the instructions of one INT read go")
-    for name, count in rows["int"]["functions"][:20]:
-        print(f"{count:8}  {name}")
+        text.append(f"{kind:10} {row['instructions']:12} {row['allocations']:11.2f} {row['bytes']:6} "
+                    f"{row['nanoseconds']:6} {row['wire']:11}")
+    text += ["", "Where the instructions of one INT read go"]
+    return text + [f"{count:8}  {name}" for name, count in rows["int"]["functions"][:20]]
 
 
-def print_growth(rows):
-    print("\nGrowth with the number of variables (instructions, nanoseconds)")
-    print(f"{'variables':>9}" + "".join(f"{operation:>22}" for operation in OPERATIONS) + f"{'heap each':>11}")
+def growth_table(rows):
+    text = ["Growth with the number of variables (instructions, nanoseconds; bytes of heap a variable)",
+            f"{'variables':>9}" + "".join(f"{operation:>22}" for operation in OPERATIONS) + f"{'heap':>6}"]
     for row in rows:
         cells = (f"{row['instructions'][operation]:>12} {row['nanoseconds'][operation]:>9.0f}"
                  for operation in OPERATIONS)
-        print(f"{row['variables']:>9}" + "".join(cells) + f"{row['heap']:>11}")
+        text.append(f"{row['variables']:>9}" + "".join(cells) + f"{row['heap']:>6}")
     first, last = rows[0], rows[-1]
-    for operation in ("cyclic", "fetch", "set"):
-        print(f"{operation}: {last['instructions'][operation] / first['instructions'][operation]:.2f} times the "
-              f"instructions from {first['variables']} to {last['variables']} variables")
+    return text + [f"{operation}: {last['instructions'][operation] / first['instructions'][operation]:.2f} times the "
+                   f"instructions from {first['variables']} to {last['variables']} variables"
+                   for operation in ("cyclic", "fetch", "set")]
 
 
-def plot_growth(rows, out_dir):
-    with open(f"{out_dir}/growth.dat", "w", encoding="ascii") as data:
-        for row in rows:
-            print(row["variables"], *(row["instructions"][operation] for operation in OPERATIONS), file=data)
-    curves = ", ".join(f"'{out_dir}/growth.dat' using 1:{i + 2} with linespoints title '{operation}'"
-                       for i, operation in enumerate(OPERATIONS))
-    output_of(["gnuplot", "-e", f"set terminal svg size 720,420 background 'white'; set output '{out_dir}/growth.svg'; "
-               "set logscale xy; set key left top; set xlabel 'variables'; "
-               f"set ylabel 'user instructions'; set grid; plot {curves}"])
-
-
-def main():
+def arguments():
     parser = argparse.ArgumentParser(prog="bench", description="Measures the driver beside its like.")
     parser.add_argument("bin_dir")
     parser.add_argument("out_dir")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions and sizes, for a trial")
+    parser.add_argument("--write", metavar="DOCUMENT", help="put the tables between the document's marks")
     parser.add_argument("sections", nargs="*", metavar="SECTION", help="cost, growth, peers, line, reaction; all")
     options = parser.parse_intermixed_args()
     wanted = options.sections or OWN_SECTIONS + LINE_SECTIONS
     for name in wanted:
         if name not in OWN_SECTIONS + LINE_SECTIONS:
             parser.error(f"unknown section \"{name}\" (there are: {', '.join(OWN_SECTIONS + LINE_SECTIONS)})")
+    if options.write and not os.path.isfile(options.write):
+        parser.error(f"{options.write}: there is no such document to write the tables into")
+    return options, wanted
+
+
+def main():
+    import bench_line
+    import bench_report
+    options, wanted = arguments()
     os.makedirs(options.out_dir, exist_ok=True)
-    results = {}
+    results = {"machine": bench_report.machine()}
     if "cost" in wanted:
         results["cost"] = cost(options.bin_dir, options.out_dir, options.quick)
-        print_cost(results["cost"])
     if "growth" in wanted:
         results["growth"] = growth(options.bin_dir, options.out_dir, options.quick)
-        print_growth(results["growth"])
-        plot_growth(results["growth"], options.out_dir)
     if set(wanted) & set(LINE_SECTIONS):
-        import bench_line
-        results.update(bench_line.run(options.bin_dir, options.quick))
-        print(bench_line.table(results))
+        results.update(bench_line.run(options.bin_dir, options.quick, wanted))
     with open(f"{options.out_dir}/results.json", "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
+    tables = bench_report.tables(results)
+    print("\n\n".join("\n".join(text) for text in tables.values()))
+    plots = bench_report.plot(results, options.out_dir)
+    if options.write:
+        bench_report.write(options.write, tables, plots)
     print(f"\nbench: results in {options.out_dir}/results.json")
 
 

@@ -1,10 +1,9 @@
 """Measures the driver on a line, beside what a panel would use otherwise: sections peers, line and reaction.
 
-bench_line.py BIN_DIR [--quick] [SECTION...] prints them as tables. "reference host" is the driver with the
-reference host's poll loop, over a pseudo-terminal as the others are.
+Part of bench.py. "reference host" is the driver with the reference host's poll loop, over a pseudo-terminal as
+the others are.
 """
 
-import argparse
 import contextlib
 import json
 import os
@@ -224,14 +223,16 @@ def peer_row(rows, client, like):
 def ratios(rows, row):
     serial_bus = peer_row(rows, "Qt SerialBus", row)
     libmodbus = peer_row(rows, "libmodbus", row)
-    return (f"{row['client']}, {row['values']} elements: Qt SerialBus takes "
-            f"{serial_bus['instructions'] / row['instructions']:.1f} times the instructions and "
-            f"{serial_bus['microseconds'] / row['microseconds']:.0f} times the time; it takes "
+    text = (f"{row['client']}, {row['values']} elements: Qt SerialBus takes "
+            f"{serial_bus['instructions'] / row['instructions']:.1f} times the instructions")
+    if row["client"] == ALONE:
+        return text
+    return (f"{text} and {serial_bus['microseconds'] / row['microseconds']:.0f} times the time; the host takes "
             f"{row['microseconds'] / libmodbus['microseconds']:.2f} times the time of libmodbus")
 
 
 def peers_table(rows):
-    text = ["", "One completed read over a pseudo-terminal (values: DINT elements, or 16-bit registers)",
+    text = ["One completed read over a pseudo-terminal (values: DINT elements, or 16-bit registers)",
             f"{'client':15} {'values':>6} {'instructions':>12} {'a value':>9} {'allocations':>11} {'bytes':>6} "
             f"{'system calls':>12} {'us':>8} {'us a value':>10}"]
     for row in rows:
@@ -239,7 +240,7 @@ def peers_table(rows):
                     f"{row['instructions'] / row['values']:9.0f} {row['allocations']:11.2f} {row['bytes']:6} "
                     f"{row['system_calls']:12.2f} {row['microseconds']:8.1f} "
                     f"{row['microseconds'] / row['values']:10.2f}")
-    return text + [ratios(rows, row) for row in rows if row["client"] in (ALONE, HOST)]
+    return text + [""] + [ratios(rows, row) for row in rows if row["client"] in (ALONE, HOST)]
 
 
 def line_table(results):
@@ -251,9 +252,9 @@ def line_table(results):
                 f"{row['in_use_but_for_device']:14.1%} {row['gap_median']:8.1f} {row['gap_99']:8.1f} "
                 f"{row['gap_worst']:8.1f} {row['device_median']:9.1f} {row['values_per_second']:9.1f} "
                 f"{row['bytes_per_value']:13.2f}")
-    return (["", "Use of a line paced to its speed; gap: last byte of a reply to first of the next request"] + heads
+    return (["Use of a line paced to its speed; gap: last byte of a reply to first of the next request"] + heads
             + [text_of(row) for row in results["rows"]]
-            + ["The same where every byte of the values is doubled on the wire"]
+            + ["", "The same where every byte of the values is doubled on the wire"]
             + [text_of(row) for row in results["worst_data"]])
 
 
@@ -267,20 +268,9 @@ def reaction_table(rows):
              ("reply lost to next value", lambda row: span(row, "lost_reply")),
              ("power cycle to next value", lambda row: span(row, "power_cycle")),
              ("cable put back to next value", lambda row: span(row, "pulled_cable"))]
-    text = ["", f"Reaction in milliseconds while {rows[0]['start']['variables']} DINT variables are read in a cycle",
+    text = [f"Reaction in milliseconds while {rows[0]['start']['variables']} DINT variables are read in a cycle",
             f"{'':36}" + "".join(f"{row['baud']:>20} baud" for row in rows)]
     return text + [f"{name:36}" + "".join(f"{cell(row):>25}" for row in rows) for name, cell in lines]
-
-
-def table(results):
-    text = []
-    if "peers" in results:
-        text += peers_table(results["peers"])
-    if "line" in results:
-        text += line_table(results["line"])
-    if "reaction" in results:
-        text += reaction_table(results["reaction"])
-    return "\n".join(text)
 
 
 def run(bin_dir, quick=False, sections=None):
@@ -289,19 +279,3 @@ def run(bin_dir, quick=False, sections=None):
     measures = {"peers": peers, "line": line, "reaction": reaction}
     with bench.controllers():
         return {name: measures[name](bench) for name in SECTIONS if name in (sections or SECTIONS)}
-
-
-def main():
-    parser = argparse.ArgumentParser(prog="bench_line", description="Measures the driver on a line beside its like.")
-    parser.add_argument("bin_dir")
-    parser.add_argument("--quick", action="store_true", help="fewer repetitions, for a trial")
-    parser.add_argument("sections", nargs="*", metavar="SECTION", help=f"{', '.join(SECTIONS)}; all")
-    options = parser.parse_intermixed_args()
-    for name in options.sections:
-        if name not in SECTIONS:
-            parser.error(f"unknown section \"{name}\" (there are: {', '.join(SECTIONS)})")
-    print(table(run(options.bin_dir, options.quick, options.sections)))
-
-
-if __name__ == "__main__":
-    main()
