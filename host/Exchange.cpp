@@ -81,8 +81,17 @@ bool Exchange::collect(Attempt& attempt, int waitMs)
     return true;
 }
 
+void Exchange::show(Direction direction, const QByteArray& bytes) const
+{
+    if (m_observer)
+        m_observer(direction, bytes, m_clock.now());
+}
+
 bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
 {
+    // An acknowledgement comes with its frame.
+    if (event.kind != ReplyCollector::Kind::Ack)
+        show(Direction::In, event.raw);
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
         return takeFrame(event.data, attempt);
@@ -114,8 +123,6 @@ bool Exchange::askAgain(Attempt& attempt)
 
 bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
 {
-    if (m_observer)
-        m_observer(Direction::In, wireFrame(data), m_clock.now());
     const Reply reply = decodeReply(data);
     if (attempt.done || !answers(reply, attempt.answer.request)) {
         // The peer waits for its acknowledgement all the same, before it sends what is in flight.
@@ -143,15 +150,16 @@ bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
     counters.bytesSent += frame.size();
     m_lastResponse = kAck; // the frame begins with one
     m_unacknowledged = false;
-    if (m_observer)
-        m_observer(Direction::Out, frame, m_clock.now());
+    show(Direction::Out, frame);
     return m_line.send(frame);
 }
 
 bool Exchange::sendControl(char control)
 {
     m_lastResponse = control;
-    return m_line.send(QByteArray().append(kDle).append(control));
+    const QByteArray bytes = QByteArray().append(kDle).append(control);
+    show(Direction::Out, bytes);
+    return m_line.send(bytes);
 }
 
 void Exchange::acknowledge()

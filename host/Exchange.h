@@ -55,7 +55,8 @@ public:
 
     Exchange(Line& line, const Clock& clock, const PortSettings& settings);
 
-    /// Called with each frame that goes out and each intact one that comes in.
+    /// Called with what goes out and comes in, as it stands on the line: frames, corrupt ones too,
+    /// and the link controls that stand for themselves.
     void setObserver(Observer observer) { m_observer = std::move(observer); }
 
     Answer run(const QByteArray& frame, Counters& counters);
@@ -73,6 +74,7 @@ private:
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
     bool takeFrame(const QByteArray& data, Attempt& attempt);
+    void show(Direction direction, const QByteArray& bytes) const;
 
     Line& m_line;
     const Clock& m_clock;

@@ -17,6 +17,7 @@ void ReplyCollector::reset()
 {
     m_state = State::Outside;
     m_data.clear();
+    m_raw.clear();
     m_illegal = false;
 }
 
@@ -26,6 +27,7 @@ QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
     const char* at = bytes.begin();
     while (at != bytes.end()) {
         const int plain = plainBytes(at, bytes.end());
+        m_raw.append(at, std::max(1, plain));
         if (plain > 0)
             takeData(at, plain, events);
         else
@@ -48,10 +50,12 @@ void ReplyCollector::take(char byte, QList<Event>& events)
 {
     switch (m_state) {
     case State::Outside:
-        if (byte == kDle)
+        if (byte == kDle) {
             m_state = State::Escape;
-        else
+        } else {
             ++m_noise;
+            m_raw.clear();
+        }
         break;
     case State::Escape:
         takeOutsideEscape(byte, events);
@@ -78,23 +82,26 @@ void ReplyCollector::takeOutsideEscape(char byte, QList<Event>& events)
     switch (byte) {
     case kStx:
         begin();
-        break;
-    case kAck:
-        events.append({Kind::Ack, QByteArray()});
-        break;
+        return;
+    case kAck: // a frame may follow that it belongs to
+        tellControl(Kind::Ack, events);
+        m_raw = m_raw.right(2);
+        return;
     case kNak:
-        events.append({Kind::Nak, QByteArray()});
+        tellControl(Kind::Nak, events);
         break;
     case kEnq:
-        events.append({Kind::Enq, QByteArray()});
+        tellControl(Kind::Enq, events);
         break;
     case kDle: // the first was noise, this one may begin a frame
         ++m_noise;
         m_state = State::Escape;
-        break;
+        m_raw = m_raw.right(1);
+        return;
     default:
         m_noise += 2;
     }
+    m_raw.clear();
 }
 
 void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
@@ -108,16 +115,17 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
         m_state = State::CrcLow;
         break;
     case kStx: // the peer began again
+        m_raw = m_raw.right(2);
         begin();
         break;
     case kAck: // a response embedded in the peer's own message is no data
-        events.append({Kind::Ack, QByteArray()});
+        tellControl(Kind::Ack, events);
         break;
     case kNak:
-        events.append({Kind::Nak, QByteArray()});
+        tellControl(Kind::Nak, events);
         break;
     case kEnq:
-        events.append({Kind::Enq, QByteArray()});
+        tellControl(Kind::Enq, events);
         break;
     default:
         m_illegal = true;
@@ -128,22 +136,29 @@ void ReplyCollector::takeData(const char* bytes, int count, QList<Event>& events
 {
     m_data.append(bytes, count);
     if (m_data.size() > kLongestData) {
-        events.append({Kind::Corrupt, QByteArray()});
+        events.append({Kind::Corrupt, QByteArray(), m_raw});
         reset();
     }
 }
 
 void ReplyCollector::begin()
 {
-    reset();
+    m_data.clear();
+    m_illegal = false;
     m_state = State::Data;
+}
+
+// A control is the last two bytes, within a frame too.
+void ReplyCollector::tellControl(Kind kind, QList<Event>& events) const
+{
+    events.append({kind, QByteArray(), m_raw.right(2)});
 }
 
 void ReplyCollector::end(char crcHigh, QList<Event>& events)
 {
     const unsigned received = m_crcLow | static_cast<unsigned>(static_cast<quint8>(crcHigh)) << 8;
     const bool intact = !m_illegal && received == frameCrc(m_data);
-    events.append({intact ? Kind::Frame : Kind::Corrupt, intact ? m_data : QByteArray()});
+    events.append({intact ? Kind::Frame : Kind::Corrupt, intact ? m_data : QByteArray(), m_raw});
     reset();
 }
 

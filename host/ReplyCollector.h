@@ -23,6 +23,9 @@ public:
     {
         Kind kind;
         QByteArray data;
+        /// What stood on the line: the control, or the frame with the acknowledgement right in
+        /// front of it, if any, and all that came within it.
+        QByteArray raw;
     };
 
     /// Forgets a frame that has begun.
@@ -49,9 +52,11 @@ private:
     void takeData(const char* bytes, int count, QList<Event>& events);
     void begin();
     void end(char crcHigh, QList<Event>& events);
+    void tellControl(Kind kind, QList<Event>& events) const;
 
     State m_state = State::Outside;
     QByteArray m_data;
+    QByteArray m_raw;
     quint8 m_crcLow = 0;
     bool m_illegal = false;
     int m_noise = 0;

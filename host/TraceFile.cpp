@@ -50,9 +50,10 @@ QString requestText(const Request& request)
            QStringLiteral(" %1[%2] x%3").arg(request.tag).arg(request.element).arg(request.count);
 }
 
-QString frameText(const QByteArray& frame)
+namespace {
+
+QString messageText(const QByteArray& data)
 {
-    const QByteArray data = dataOf(frame);
     const Reply reply = decodeReply(data);
     const Request request = decodeRequest(data);
     if (!reply.valid || !request.valid)
@@ -60,6 +61,30 @@ QString frameText(const QByteArray& frame)
     return (reply.command & kReplyCommandBit) != 0
                ? replyText(reply)
                : QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request);
+}
+
+} // namespace
+
+QString controlText(ReplyCollector::Kind kind)
+{
+    if (kind == ReplyCollector::Kind::Nak)
+        return QStringLiteral("NAK: not received intact");
+    if (kind == ReplyCollector::Kind::Enq)
+        return QStringLiteral("ENQ: asks for the last response");
+    return QStringLiteral("ACK");
+}
+
+// What stands last: controls may stand in front of a frame and within it.
+QString frameText(const QByteArray& frame)
+{
+    const QList<ReplyCollector::Event> events = ReplyCollector().feed(frame);
+    if (events.isEmpty())
+        return QStringLiteral("no frame");
+    const ReplyCollector::Event& last = events.last();
+    if (last.kind == ReplyCollector::Kind::Frame)
+        return messageText(last.data);
+    return last.kind == ReplyCollector::Kind::Corrupt ? QStringLiteral("corrupt frame")
+                                                      : controlText(last.kind);
 }
 
 TraceFile::TraceFile(const QString& path)

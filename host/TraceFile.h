@@ -8,7 +8,7 @@
 
 namespace host {
 
-/// Records the frames of an exchange.
+/// Records what an exchange sends and receives.
 class TraceFile
 {
 public:
@@ -21,9 +21,11 @@ private:
     std::shared_ptr<micro850::TraceWriter> m_writer;
 };
 
+/// "NAK: not received intact".
+QString controlText(ReplyCollector::Kind kind);
 /// "read Level[3] x1", "open connection".
 QString requestText(const Request& request);
-/// One line that says what a complete frame asks for or answers.
+/// One line that says what a complete frame asks for or answers, or which link control it is.
 QString frameText(const QByteArray& frame);
 
 } // namespace host

@@ -11,15 +11,6 @@ namespace {
 const double kClassLimits[] = {1, 2, 5, 10, 20, 50, 100, 200, 500, 1000};
 const int kBarWidth = 40;
 
-QString controlText(ReplyCollector::Kind kind)
-{
-    if (kind == ReplyCollector::Kind::Nak)
-        return QStringLiteral("NAK: not received intact");
-    if (kind == ReplyCollector::Kind::Enq)
-        return QStringLiteral("ENQ: asks for the last response");
-    return QStringLiteral("ACK");
-}
-
 QString msText(double ms)
 {
     return ms < 0 ? QStringLiteral("-") : QStringLiteral("%1 ms").arg(ms, 0, 'f', 1);

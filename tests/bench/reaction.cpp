@@ -150,7 +150,10 @@ private:
     void observe(host::Exchange::Direction direction, const QByteArray& frame)
     {
         const qint64 now = m_port.microseconds();
-        const QByteArray data = host::dataOf(frame);
+        const auto events = host::ReplyCollector().feed(frame);
+        const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data;
+        if (data.isEmpty()) // a link control, or corrupt
+            return;
         if (direction == host::Exchange::Direction::In) {
             const host::Reply reply = host::decodeReply(data);
             if (reply.service != host::kReadTagFragmented || !reply.good())

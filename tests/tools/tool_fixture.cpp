@@ -62,19 +62,25 @@ ToolTest::~ToolTest()
 
 void ToolTest::simulate(const std::string& tags, const QStringList& options)
 {
-    startSimulator(file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}"), options);
+    startSimulator(QStringList{file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}")} +
+                   options);
 }
 
 void ToolTest::simulatePlant()
 {
-    startSimulator(QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json"), {});
+    startSimulator({QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json")});
 }
 
-void ToolTest::startSimulator(const QString& tagFile, const QStringList& options)
+void ToolTest::simulateFrom(const QString& trace)
+{
+    startSimulator({QStringLiteral("--replay"), trace});
+}
+
+void ToolTest::startSimulator(const QStringList& arguments)
 {
     m_simulator = std::make_unique<QProcess>();
     m_simulator->start(QStringLiteral(MICRO850_SIM),
-                       QStringList{tagFile, "--quiet", "--link", port()} + options);
+                       arguments + QStringList{"--quiet", "--link", port()});
     // It names its port once that can be opened.
     ASSERT_TRUE(m_simulator->waitForReadyRead(kLimitMs))
         << m_simulator->readAllStandardError().toStdString();

@@ -34,6 +34,8 @@ protected:
     void simulate();
     /// The example plant.
     void simulatePlant();
+    /// Starts micro850-sim to answer from a trace.
+    void simulateFrom(const QString& trace);
     void stopSimulator();
 
     /// Runs micro850-host in the directory; `port` appends the simulator's.
@@ -46,7 +48,7 @@ protected:
     std::string textOf(const QString& name) const;
 
 private:
-    void startSimulator(const QString& tagFile, const QStringList& options);
+    void startSimulator(const QStringList& arguments);
 
     QTemporaryDir m_dir;
     std::unique_ptr<QProcess> m_simulator;

@@ -90,10 +90,16 @@ local function split(buffer)
         return parts
       elseif next_byte == DLE then
         i = i + 1
+      elseif next_byte and LINK[next_byte] then -- a response within the message is no data
+        parts.link[#parts.link + 1] = LINK[next_byte]
+        byte = nil
+        i = i + 1
       end
     end
-    parts.data:set_size(parts.data:len() + 1)
-    parts.data:set_index(parts.data:len() - 1, byte)
+    if byte then
+      parts.data:set_size(parts.data:len() + 1)
+      parts.data:set_index(parts.data:len() - 1, byte)
+    end
     i = i + 1
   end
   return parts
@@ -195,8 +201,8 @@ function df1.dissector(buffer, pinfo, root)
   pinfo.cols.protocol = "DF1"
   local parts = split(buffer)
   local tree = root:add(df1, buffer())
-  if parts.link_size > 0 then
-    tree:add(f.ack, buffer(0, parts.link_size), table.concat(parts.link, " "))
+  if #parts.link > 0 then
+    tree:add(f.ack, buffer(0, math.max(parts.link_size, 2)), table.concat(parts.link, " "))
     pinfo.cols.info = table.concat(parts.link, " ")
   end
   if parts.data:len() == 0 then return end

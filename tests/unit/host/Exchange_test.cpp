@@ -241,3 +241,29 @@ TEST_F(ExchangeTest, ShowsEveryFrameBothWays)
     exchange.run(request, counters);
     EXPECT_EQ(seen, ">request1000 <reply1003 ");
 }
+
+TEST_F(ExchangeTest, ShowsWhatCameCorruptAndWhatItAnswers)
+{
+    QByteArray damaged = reply;
+    damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
+    int asked = 0;
+    line.onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(hex("10 05") + damaged);
+        else if (piece == kNakBytes && ++asked == 2)
+            line.arrive(hex("10 06 10 06") + reply.mid(2));
+    };
+    Exchange exchange(line, clock, settings);
+    std::string seen;
+    exchange.setObserver([&](Exchange::Direction direction, const QByteArray& bytes, qint64) {
+        const bool out = direction == Exchange::Direction::Out;
+        seen += std::string(seen.empty() ? "" : ", ") + (out ? "> " : "< ") +
+                (bytes == request   ? "request"
+                 : bytes == damaged ? "damaged"
+                 : bytes == reply   ? "reply"
+                                    : wire::text(bytes));
+    });
+    exchange.run(request, counters);
+    exchange.acknowledge();
+    EXPECT_EQ(seen, "> request, < 10 05, > 10 15, < damaged, > 10 15, < reply, > 10 06");
+}

@@ -124,6 +124,37 @@ TEST(ReplyCollector, TellsLinkControlsOutsideAndInsideAFrame)
               "ack nak enq frame");
 }
 
+// What stood on the line, event by event.
+std::string rawOf(const QByteArray& stream)
+{
+    ReplyCollector collector;
+    std::string text;
+    for (const char byte : stream) {
+        for (const ReplyCollector::Event& event : collector.feed(QByteArray(1, byte)))
+            text += (text.empty() ? "" : ", ") + wire::text(event.raw);
+    }
+    return text;
+}
+
+TEST(ReplyCollector, TellsWhatStoodOnTheLine)
+{
+    const QByteArray frame = wire::framed(kData);
+    const std::string whole = wire::text(frame);
+    const std::string bare = wire::text(frame.mid(2));
+    EXPECT_EQ(rawOf(frame), "10 06, " + whole);
+    EXPECT_EQ(rawOf(frame.mid(2)), bare);
+    EXPECT_EQ(rawOf(hex("10 06 10 06 10 06") + frame.mid(2)), "10 06, 10 06, 10 06, " + whole);
+    EXPECT_EQ(rawOf(hex("10 06 55") + frame.mid(2)), "10 06, " + bare) << "noise in between";
+    EXPECT_EQ(rawOf(hex("10 15 10 05") + frame.mid(2)), "10 15, 10 05, " + bare);
+    EXPECT_EQ(rawOf(hex("10 41 10") + frame.mid(2)), bare) << "an escape that means nothing";
+    EXPECT_EQ(rawOf(frame.left(9) + frame.mid(2)), "10 06, " + bare) << "begun again";
+    const QByteArray embedded = frame.left(9) + hex("10 15") + frame.mid(9);
+    EXPECT_EQ(rawOf(embedded), "10 06, 10 15, " + wire::text(embedded));
+    QByteArray corrupt = frame;
+    corrupt[6] = '\x7F';
+    EXPECT_EQ(rawOf(corrupt + frame), "10 06, " + wire::text(corrupt) + ", 10 06, " + whole);
+}
+
 TEST(ReplyCollector, BeginsAnewWithAFrameInTheMiddleOfAnother)
 {
     ReplyCollector collector;
