@@ -291,7 +291,9 @@ class MutantFinder:
         tokens = tokens_of(self.source)
         found = [m for token in tokens for m in self.of_token(token)]
         statements = StatementFinder(tokens).find()
-        found += [self.removal(s) for s in statements if is_removable(s)]
+        for before, statement in zip([None] + statements, statements):
+            if is_removable(statement):
+                found.append(self.removal(statement, before))
         for first, second in zip(statements, statements[1:]):
             if are_neighbours(first, second, self.source):
                 found.append(self.swap(first, second))
@@ -305,11 +307,14 @@ class MutantFinder:
             after = self.line_text(self.replaced(token.start, token.end, text), token.start)
             yield self.mutant(kind, token.start, token.end, text, f"{before} => {after}")
 
-    def removal(self, statement):
+    def removal(self, statement, before):
         is_lock = statement.words[0] in LOCKS
-        what = joined(self.source[statement.start : statement.end])
         kind = "lock" if is_lock else "removal"
-        return self.mutant(kind, statement.start, statement.end, ";", f"{what} => ;")
+        # A lone "break" is told by what stands before it.
+        told = before if before and len(statement.words) == 1 else statement
+        what = joined(self.source[told.start : statement.end])
+        rest = joined(self.source[told.start : statement.start] + ";")
+        return self.mutant(kind, statement.start, statement.end, ";", f"{what} => {rest}")
 
     def swap(self, first, second):
         one = self.source[first.start : first.end]

@@ -34,6 +34,10 @@ public:
     int guardedMapChanges() const { return m_guardedMapChanges; }
     int unguardedMapChanges() const { return m_unguardedMapChanges; }
 
+    /// How often a name was compared with one that a map holds, with any mutex held and with none.
+    int guardedNameLookups() const { return m_guardedNameLookups; }
+    int unguardedNameLookups() const { return m_unguardedNameLookups; }
+
     /// A list that was given a record, lost one, or had two change places, with the mutexes held.
     struct ListChange
     {
@@ -51,6 +55,7 @@ public:
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
     void noteMapChange();
+    void noteNameLookup();
 
 private:
     struct Pair
@@ -72,6 +77,8 @@ private:
     std::vector<ListChange> m_listChanges;
     int m_guardedMapChanges = 0;
     int m_unguardedMapChanges = 0;
+    int m_guardedNameLookups = 0;
+    int m_unguardedNameLookups = 0;
 };
 
 #endif

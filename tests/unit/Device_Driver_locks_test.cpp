@@ -474,6 +474,7 @@ TEST_F(OwnLocks, GuardTheLengthOfTheCyclicList)
 
 TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
 {
+    declareIndexed("T");
     confirm("T", 3, 0xC3);
     PLCDataStorage[1].tagData["T"] = hex("01 02");
     RW_VAR request = readOf("T");
@@ -497,6 +498,8 @@ TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
         uses[i]();
         EXPECT_EQ(witness.timesLocked(*ofTheStore), 1) << i;
         EXPECT_EQ(witness.unguardedMapChanges(), 0) << i;
+        EXPECT_GT(witness.guardedNameLookups(), 0) << i;
+        EXPECT_EQ(witness.unguardedNameLookups(), 0) << i;
         EXPECT_TRUE(witness.balanced());
     }
 }

@@ -258,6 +258,17 @@ TEST(Integrity, AcceptsABareFrameAndIgnoresWhatFollows)
     EXPECT_EQ(judged(replyOfSize(40) + hex("10 06 10 02 00")), 1);
 }
 
+TEST(Integrity, CoversEveryByteOfAReplyWithoutAHeader)
+{
+    for (int size : {20, 24, 30}) {
+        const QByteArray data(size, '\x41');
+        const QByteArray reply =
+            data + hex("10 03") + wire::little(wire::crc16Arc(data + hex("03")), 2);
+        EXPECT_EQ(judged(reply), 1) << size;
+        EXPECT_EQ(judged("B" + reply.mid(1)), 0) << size;
+    }
+}
+
 TEST(Integrity, FollowsTheFirstMatchOfSeveralFrames)
 {
     const QByteArray broken = hex("10 06 10 02") + QByteArray(20, '\x41') + hex("10 03 00 00");
