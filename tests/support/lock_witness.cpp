@@ -74,6 +74,8 @@ void reallyUnlock(QMutex* mutex)
 
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
+    if (present)
+        present->act();
     reallyLock(this);
     if (present)
         present->noteLock(this);
@@ -206,6 +208,17 @@ int LockWitness::unguardedValueChanges() const
     for (const Watched& watched : m_watched)
         changes += watched.unguardedChanges + (watched.value() != watched.last);
     return changes;
+}
+
+void LockWitness::act()
+{
+    if (!m_action)
+        return;
+    const std::function<void()> action = m_action;
+    m_action = nullptr;
+    present = nullptr;
+    action();
+    present = this;
 }
 
 void LockWitness::noteLock(const QMutex* mutex)

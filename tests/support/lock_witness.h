@@ -51,7 +51,12 @@ public:
     /// How often a watched value was found changed while its guard was not held.
     int unguardedValueChanges() const;
 
+    /// Does `action`, which the witness does not look at, as another thread would that was in time
+    /// before the next lock is taken.
+    void beforeNextLock(const std::function<void()>& action) { m_action = action; }
+
     void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
+    void act();
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
     void noteMapChange();
@@ -70,6 +75,7 @@ private:
         int unguardedChanges;
     };
     LockWitness* m_before;
+    std::function<void()> m_action;
     std::vector<Watched> m_watched;
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;

@@ -198,6 +198,13 @@ TEST_F(TagStore, DoesEachOperationInOneStepUnderOneLock)
     EXPECT_NE(lock, &PLC_driver.stationMutex);
 }
 
+TEST_F(TagStore, IsLookedIntoBehindTheLockOnly)
+{
+    LockWitness witness;
+    witness.beforeNextLock([] { setHandshakeInformation(99, true); });
+    EXPECT_TRUE(getHandshakeInformation(99)) << "another thread has just connected it";
+}
+
 TEST_F(TagStore, IsAskedWhileTheHostHoldsEveryNamedLock)
 {
     RW_VAR request = readOf("Speed");
