@@ -205,7 +205,7 @@ void undouble(QByteArray& bytes);
 /// Bytes that a builder's tag name can take.
 int roomForTagName(const QString& name);
 /// Bytes that an element segment, a type, a count and a byte offset take at most.
-const int kRoomForRequestTail = 16;
+const int kRoomForRequestTail = 14;
 
 /// Appends a transaction to the send queue; takes `frame`, which is empty then. Caller holds
 /// `listMutex` or is the only thread.

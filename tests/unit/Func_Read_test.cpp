@@ -51,6 +51,8 @@ TEST_F(ReadRequest, IsQueuedAsOneFrameOfVariableReplyWithItsRequest)
     EXPECT_EQ(queued.auxLength, 22);
     EXPECT_EQ(queued.auxFlag, 0);
     EXPECT_EQ(queued.reserve1, 0);
+    EXPECT_EQ(queued.reserve2, 0);
+    EXPECT_EQ(queued.reserve3, 0);
     EXPECT_EQ(queued.var.tagName, request.tagName);
     EXPECT_EQ(queued.var.startAddress, 4);
     EXPECT_EQ(queued.var.count, 2);

@@ -129,6 +129,16 @@ TEST_F(WriteRequest, NamesTheElementOfEveryClassButAString)
     }
 }
 
+TEST_F(WriteRequest, HasRoomForTheLongestElementBehindANameOfEitherLength)
+{
+    for (const char* tag : {"Odd", "Even"}) {
+        confirm(tag, 4, 0xC4);
+        EXPECT_BYTES(encoded(writeOf(tag, hex("01 02 03 04"), 0x12345678, 2)),
+                     wire::writeRequest(0x21, kId, wire::tagPath(tag, 0x12345678), 0xC4, 1,
+                                        hex("01 02 03 04")));
+    }
+}
+
 TEST_F(WriteRequest, NamesTheElementOfATagThatIsNotConfirmed)
 {
     EXPECT_BYTES(encoded(writeOf("T", hex("01"), 300)), expected(0, 1, hex("01"), 300));
