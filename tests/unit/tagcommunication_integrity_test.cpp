@@ -269,6 +269,16 @@ TEST(Integrity, CoversEveryByteOfAReplyWithoutAHeader)
     }
 }
 
+TEST(Integrity, TakesAReplyOfNothingButDlesApartLikeAnyOther)
+{
+    // 21 and 22 of them in front of the ETX: ten of the data, and the one that the ETX belongs to.
+    const QByteArray crc = wire::little(wire::crc16Arc(hex("10 10 10 10 10 10 10 10 10 10 03")), 2);
+    for (int dles : {21, 22}) {
+        EXPECT_EQ(judged(QByteArray(dles, '\x10') + '\x03' + crc), 1) << dles;
+        EXPECT_EQ(judged(QByteArray(dles, '\x10') + '\x03' + hex("00 00")), 0) << dles;
+    }
+}
+
 TEST(Integrity, FollowsTheFirstMatchOfSeveralFrames)
 {
     const QByteArray broken = hex("10 06 10 02") + QByteArray(20, '\x41') + hex("10 03 00 00");
