@@ -23,6 +23,14 @@ protected:
         simulate();
         open("$HOST poll " + path("p.json") + ' ' + options, width, rows);
     }
+    /// The names in the rows of the table, from the top.
+    QStringList names() const
+    {
+        QStringList names;
+        for (const QString& line : screen().mid(1, 13))
+            names += line.section(' ', 0, 0);
+        return names;
+    }
 };
 
 TEST_F(HostTable, ShowsValuesAndTheLineAndFollowsAChange)
@@ -88,7 +96,7 @@ TEST_F(HostTable, BeginsWithTheMatchOfTheCommandLine)
 TEST_F(HostTable, EndsOnQWithTheTerminalRestoredAndTheSummaryShown)
 {
     poll(150, 40);
-    ASSERT_TRUE(sees("1-13 of 13"));
+    ASSERT_TRUE(sees("Speed    INT  1234"));
     type({"q"});
     ASSERT_TRUE(sees("[status 1]")); // Nope was never read
     const QString screenText = screen().join('\n');
@@ -106,6 +114,38 @@ TEST_F(HostTable, EndsOnCtrlCInTheSameWay)
     type({"C-c"});
     EXPECT_TRUE(sees("[status "));
     EXPECT_TRUE(sees("\nicanon"));
+    EXPECT_TRUE(sees("micro850-host: station 1 (filler): connected; sent "));
+}
+
+TEST_F(HostTable, SortsByNameAndByAge)
+{
+    poll(100, 30);
+    ASSERT_TRUE(sees("Speed    INT  1234"));
+    EXPECT_TRUE(sees("1-13 of 13 by project"));
+    EXPECT_EQ(names().mid(10), (QStringList{"Speed", "Setpoint", "Nope"}));
+    type({"s"});
+    EXPECT_TRUE(sees("1-13 of 13 by name"));
+    EXPECT_EQ(names().mid(10), (QStringList{"Nope", "Setpoint", "Speed"}));
+    type({"s"});
+    EXPECT_TRUE(sees("1-13 of 13 by age"));
+    EXPECT_EQ(names().first(), QString("Nope")); // it was never read
+    type({"s"});
+    EXPECT_TRUE(sees("1-13 of 13 by project"));
+}
+
+TEST_F(HostTable, ColoursTheVariableThatFailed)
+{
+    poll(100, 30);
+    ASSERT_TRUE(sees("path destination unknown"));
+    EXPECT_TRUE(styledScreen().contains("\x1b[31mNope")) << styledScreen().toStdString();
+}
+
+TEST_F(HostTable, DrawsWithoutColoursWhereTheEnvironmentForbidsThem)
+{
+    simulate();
+    open("NO_COLOR=1 $HOST poll " + path("p.json"), 100, 30);
+    ASSERT_TRUE(sees("path destination unknown"));
+    EXPECT_FALSE(styledScreen().contains('\x1b')) << styledScreen().toStdString();
 }
 
 TEST_F(HostTable, SaysThatTheControllerIsGoneAndMarksItsValuesStale)

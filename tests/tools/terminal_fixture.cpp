@@ -42,7 +42,7 @@ void TerminalTest::open(const QString& command, int width, int rows)
         "run", (line + "\nstatus=$?\nstty -a | grep -o -- '-\\?icanon'\necho \"[status $status]\"\n"
                        "sleep 600\n")
                    .toStdString());
-    const Result result = tmux({"new-session", "-d", "-x", QString::number(width), "-y",
+    const Result result = tmux({"new-session", "-d", "-c", path("."), "-x", QString::number(width), "-y",
                                 QString::number(rows), "bash " + script});
     ASSERT_EQ(result.status, 0) << result.err;
 }
@@ -62,6 +62,11 @@ void TerminalTest::resize(int width, int rows)
 QStringList TerminalTest::screen() const
 {
     return linesOf(tmux({"capture-pane", "-p"}).out);
+}
+
+QString TerminalTest::styledScreen() const
+{
+    return QString::fromStdString(tmux({"capture-pane", "-p", "-e"}).out);
 }
 
 bool TerminalTest::sees(const QString& text) const

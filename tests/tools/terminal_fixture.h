@@ -9,12 +9,14 @@ class TerminalTest : public ToolTest
 protected:
     ~TerminalTest() override;
 
-    /// Runs a command line of the shell in a window of this size. `$HOST` and `$PORT` stand for the
+    /// Runs a command line of the shell in the test's directory, in a window of this size. `$HOST` and `$PORT` stand for the
     /// program and the simulator's port; the exit status is shown as "[status N]" behind it.
     void open(const QString& command, int width, int rows);
     void type(const QStringList& keys);
     void resize(int width, int rows);
     QStringList screen() const;
+    /// The screen with the escape sequences of its styles.
+    QString styledScreen() const;
     /// Waits until the screen contains the text; false after a limit that only a fault reaches.
     bool sees(const QString& text) const;
     bool seesNo(const QString& text) const;

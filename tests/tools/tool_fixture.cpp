@@ -13,9 +13,10 @@ const int kLimitMs = 120000;
 } // namespace
 
 Result runProgram(const QString& program, const QStringList& arguments,
-                  const QStringList& environment)
+                  const QStringList& environment, const QString& directory)
 {
     QProcess process;
+    process.setWorkingDirectory(directory);
     if (!environment.isEmpty())
         process.setEnvironment(QProcess::systemEnvironment() + environment);
     process.start(program, arguments, QIODevice::ReadOnly);
@@ -112,7 +113,7 @@ void ToolTest::stopSimulator()
 
 Result ToolTest::host(const QStringList& arguments) const
 {
-    return runProgram(QStringLiteral(MICRO850_HOST), arguments);
+    return runProgram(QStringLiteral(MICRO850_HOST), arguments, QStringList(), m_dir.path());
 }
 
 Result ToolTest::hostOnPort(QStringList arguments) const

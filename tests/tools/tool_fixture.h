@@ -19,7 +19,8 @@ struct Result
 
 /// Runs a program to its end. A program that hangs is killed and gives status -1.
 Result runProgram(const QString& program, const QStringList& arguments,
-                  const QStringList& environment = QStringList());
+                  const QStringList& environment = QStringList(),
+                  const QString& directory = QString());
 
 /// The programs in a directory of their own, with a simulated controller once one is started.
 class ToolTest : public ::testing::Test
