@@ -51,4 +51,29 @@ std::optional<qint64> durationFromText(const QString& text)
     return match.captured(1) == QLatin1String("-") ? -value : value;
 }
 
+QString durationText(qint64 microseconds)
+{
+    // The lowest number has no counterpart above 0.
+    quint64 rest = microseconds < 0 ? 0 - static_cast<quint64>(microseconds)
+                                    : static_cast<quint64>(microseconds);
+    const auto take = [&rest](qint64 unit, char letter) {
+        const quint64 count = rest / static_cast<quint64>(unit);
+        rest %= static_cast<quint64>(unit);
+        return count == 0 ? QString() : QString::number(count) + letter;
+    };
+    const QString days = take(kSecond * 86400, 'D');
+    QString time = take(kSecond * 3600, 'H');
+    time += take(kSecond * 60, 'M');
+    if (rest != 0 || (days.isEmpty() && time.isEmpty())) {
+        QString seconds = QStringLiteral("%1.%2")
+                              .arg(rest / kSecond)
+                              .arg(rest % kSecond, 6, 10, QLatin1Char('0'));
+        while (seconds.endsWith('0'))
+            seconds.chop(1);
+        time += (seconds.endsWith('.') ? seconds.chopped(1) : seconds) + 'S';
+    }
+    return QLatin1String(microseconds < 0 ? "-P" : "P") + days +
+           (time.isEmpty() ? QString() : 'T' + time);
+}
+
 } // namespace host

@@ -17,6 +17,9 @@ int microsecondsPerUnit(const micro850::CipType& type);
 /// hold.
 std::optional<qint64> durationFromText(const QString& text);
 
+/// The duration of so many microseconds in days and smaller units: "PT2.5S", "-P1DT12H", "PT0S".
+QString durationText(qint64 microseconds);
+
 } // namespace host
 
 #endif

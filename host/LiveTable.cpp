@@ -148,7 +148,9 @@ QString LiveTable::lineStatistics(qint64 now) const
         retries += station.counters.retries;
     const auto time = [&line](int percent) {
         const qint64 ms = line.roundTripMs(percent);
-        return ms < 0 ? QStringLiteral("-") : QStringLiteral("%1 ms").arg(ms);
+        if (ms <= 0)
+            return ms < 0 ? QStringLiteral("-") : QStringLiteral("<1 ms");
+        return QStringLiteral("%1 ms").arg(ms);
     };
     return QStringLiteral("%1 transactions/s, %2 % in use, round trip %3, 99 % within %4, "
                           "retries %5, reopened %6")

@@ -97,12 +97,28 @@ void Session::write(const TagKey& key, int element, const QByteArray& value)
     run(m_loop.write(key, element, value), placeOf(key, element));
 }
 
+namespace {
+
+// What a program can copy the value from.
+const char* substituteFor(const micro850::CipType& type)
+{
+    if (type.kind == micro850::CipKind::String)
+        return "a SHORT_STRING";
+    if (type.size == 2)
+        return "an INT";
+    return type.size == 4 ? "a DINT" : "a LINT";
+}
+
+} // namespace
+
 void requireWritable(const micro850::CipType& type, const QString& name)
 {
     if (isWritable(type))
         return;
     throw micro850::UserError(name.toStdString() + ": the driver cannot write the type " +
-                              type.name + ", which it moves byte by byte");
+                              type.name + ", which it moves byte by byte (write " +
+                              substituteFor(type) +
+                              " that the controller's program copies into it)");
 }
 
 } // namespace host

@@ -1,5 +1,7 @@
 #include "Terminal.h"
 
+#include "UserError.h"
+
 #include <csignal>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -108,6 +110,12 @@ Interrupt::~Interrupt()
 bool Interrupt::requested() const
 {
     return stopRequested != 0;
+}
+
+void Interrupt::throwIfRequested() const
+{
+    if (requested())
+        throw micro850::UserError("interrupted", micro850::kExitRefused);
 }
 
 } // namespace host

@@ -53,6 +53,8 @@ public:
     Interrupt& operator=(const Interrupt&) = delete;
 
     bool requested() const;
+    /// Ends a command that has not done its work.
+    void throwIfRequested() const;
 };
 
 } // namespace host

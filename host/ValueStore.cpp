@@ -106,6 +106,11 @@ Quality ValueStore::quality(int variable, qint64 now, bool alive) const
 
 QStringList ValueStore::texts(int variable) const
 {
+    return textsBy(elementText, variable);
+}
+
+QStringList ValueStore::textsBy(ElementText* elementText, int variable) const
+{
     const State& state = m_states.at(variable);
     const Variable& asked = m_project.variables.at(variable);
     QStringList texts;
@@ -125,7 +130,7 @@ QString ValueStore::text(int variable) const
     const State& state = m_states.at(variable);
     if (state.missing == state.elements.size())
         return QString();
-    const QStringList all = texts(variable);
+    const QStringList all = textsBy(shownText, variable);
     const QString text = all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
     const QString unit = m_project.variables.at(variable).unit;
     return unit.isEmpty() ? text : text + ' ' + unit;
@@ -172,6 +177,14 @@ QString elementText(const micro850::CipType& type, const QByteArray& element)
 {
     const micro850::Bytes bytes(element.begin(), element.end());
     return QString::fromLatin1(QByteArray::fromStdString(micro850::textFromValue(type, bytes)));
+}
+
+QString shownText(const micro850::CipType& type, const QByteArray& element)
+{
+    const QString text = elementText(type, element);
+    const int perUnit = microsecondsPerUnit(type);
+    const qint64 units = perUnit == 0 ? 0 : text.toLongLong();
+    return perUnit == 0 ? text : durationText(units * perUnit);
 }
 
 QByteArray elementFromText(const micro850::CipType& type, const QString& text)

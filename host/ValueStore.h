@@ -57,6 +57,8 @@ private:
         int missing = 0;
         QString error;
     };
+    using ElementText = QString(const micro850::CipType& type, const QByteArray& element);
+    QStringList textsBy(ElementText* elementText, int variable) const;
     void storeElement(int variable, int index, const char* bytes, int size, qint64 now);
 
     const Project& m_project;
@@ -71,6 +73,8 @@ QVector<QByteArray> elementsOf(const micro850::CipType& type, const QByteArray& 
 double scaled(const Variable& variable, const micro850::CipType& type, const QByteArray& element);
 /// One element as text. Characters are Latin-1 on the wire.
 QString elementText(const micro850::CipType& type, const QByteArray& element);
+/// The same for a person: a duration in days, hours, minutes and seconds, as it is written.
+QString shownText(const micro850::CipType& type, const QByteArray& element);
 /// The wire bytes of one element from a text. Throws UserError.
 QByteArray elementFromText(const micro850::CipType& type, const QString& text);
 

@@ -1,5 +1,6 @@
 #include "Connection.h"
 #include "Output.h"
+#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 
@@ -86,18 +87,22 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     Progress progress(output, QStringLiteral("checking"), variables.size());
+    const Interrupt interrupt;
     int problems = 0;
-    for (int i = 0; i < variables.size(); ++i) {
-        progress.show(i);
-        const Finding finding = findingOf(variables.at(i), session);
+    int done = 0;
+    for (; done < variables.size() && !interrupt.requested(); ++done) {
+        progress.show(done);
+        const Finding finding = findingOf(variables.at(done), session);
         progress.clear();
         problems += finding.problem.isEmpty() ? 0 : 1;
-        tell(output, variables.at(i), finding);
+        tell(output, variables.at(done), finding);
     }
     output.note(QStringLiteral("%1: %2 variables asked for, %3 with a problem")
                     .arg(textOf(options.line.project))
-                    .arg(variables.size())
+                    .arg(done)
                     .arg(problems));
+    if (done < variables.size())
+        interrupt.throwIfRequested();
     return problems == 0 ? micro850::kExitDone : micro850::kExitRefused;
 }
 

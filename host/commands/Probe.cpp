@@ -1,6 +1,7 @@
 #include "Connection.h"
 #include "Output.h"
 #include "Prober.h"
+#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 
@@ -39,7 +40,10 @@ QString report(const PortSettings& port, const ProbeResult& result)
                                QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
                                QStringLiteral("status        %1").arg(hex(identity.status, 4)),
                                QStringLiteral("name          %1").arg(identity.name),
-                               QStringLiteral("round trip    %1 ms").arg(result.roundTripMs)};
+                               QStringLiteral("round trip    %1 ms")
+                                   .arg(result.roundTripMs == 0
+                                            ? QStringLiteral("<1")
+                                            : QString::number(result.roundTripMs))};
     return lines.join('\n');
 }
 
@@ -77,7 +81,9 @@ int run(const ProbeOptions& options)
     const SteadyClock clock;
     Prober prober(library.api(), options.station);
     Progress progress(output, QStringLiteral("trying speeds"), speeds.size());
+    const Interrupt interrupt;
     for (int i = 0; i < speeds.size(); ++i) {
+        interrupt.throwIfRequested();
         progress.show(i);
         PortSettings port = project.port;
         port.baud = speeds.at(i);

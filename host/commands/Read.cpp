@@ -1,5 +1,6 @@
 #include "Connection.h"
 #include "Output.h"
+#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 
@@ -31,7 +32,7 @@ void tell(const Output& output, const Target& target, const micro850::CipType& t
                              {"element", target.address.element + i},
                              {"type", type.name},
                              {"value", jsonOf(type, elements.at(i))}};
-        output.data(object, name + QStringLiteral(" = ") + elementText(type, elements.at(i)));
+        output.data(object, name + QStringLiteral(" = ") + shownText(type, elements.at(i)));
     }
 }
 
@@ -46,7 +47,8 @@ void tellRefusal(const Output& output, const Target& target, const TagRefused& e
 }
 
 // False when the controller refuses it.
-bool readTarget(const Target& target, Session& session, const Output& output)
+bool readTarget(const Target& target, Session& session, const Interrupt& interrupt,
+                const Output& output)
 {
     const int elements = target.address.elements;
     Progress progress(output, target.address.text(), elements);
@@ -54,6 +56,7 @@ bool readTarget(const Target& target, Session& session, const Output& output)
         const micro850::CipType& type = session.typeOf(target.tag);
         const bool isLong = elements * type.size > kLongBytes;
         const auto show = [&](int done) {
+            interrupt.throwIfRequested();
             if (isLong)
                 progress.show(done);
         };
@@ -83,8 +86,11 @@ int run(const ReadOptions& options)
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     bool refused = false;
-    for (const Target& target : targets)
-        refused = !readTarget(target, session, output) || refused;
+    const Interrupt interrupt;
+    for (const Target& target : targets) {
+        interrupt.throwIfRequested();
+        refused = !readTarget(target, session, interrupt, output) || refused;
+    }
     return refused ? micro850::kExitRefused : micro850::kExitDone;
 }
 

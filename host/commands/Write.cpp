@@ -1,5 +1,6 @@
 #include "Connection.h"
 #include "Output.h"
+#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 
@@ -94,7 +95,7 @@ void carryOut(const Write& write, Session& session, const WriteOptions& options,
         object["value"] = jsonOf(type, now);
         object["verified"] = now == write.value;
     }
-    const QString line = write.name() + QStringLiteral(" = ") + elementText(type, now);
+    const QString line = write.name() + QStringLiteral(" = ") + shownText(type, now);
     if (now == write.value) {
         output.data(object, line);
         return;
@@ -122,8 +123,10 @@ int run(const WriteOptions& options)
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     encodeAll(writes, session);
+    const Interrupt interrupt;
     Progress progress(output, QStringLiteral("writing"), writes.size());
     for (int i = 0; i < writes.size(); ++i) {
+        interrupt.throwIfRequested();
         progress.clear();
         carryOut(writes.at(i), session, options, output);
         progress.show(i + 1);
@@ -154,7 +157,7 @@ Subcommand addWrite(CLI::App& app)
         std::string("Values: decimal or 0x numbers, true or false, text, and for the time types an "
                     "ISO 8601 duration.\nAll values are checked before the first is written.\n"
                     "Example:\n  micro850-host write Setpoint=22.5 'Recipe[3]=0x10' "
-                    "'Level[0..2]=1,2,3' --port /tmp/plc\n") +
+                    "'Recipe[4..6]=1,2,3' --port /tmp/plc\n") +
         kStatuses);
     return {write, [options] { return run(*options); }};
 }

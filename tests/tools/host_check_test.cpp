@@ -4,6 +4,17 @@ namespace {
 
 using HostCheck = TerminalTest;
 
+std::string twoHundredVariables()
+{
+    std::string variables;
+    for (int i = 0; i < 200; ++i) {
+        const std::string n = std::to_string(i);
+        variables += (i > 0 ? "," : "") + std::string(R"({"name": "v)") + n +
+                     R"(", "tag": "Recipe", "element": )" + std::to_string(i % 20) + "}";
+    }
+    return "{\"variables\": [" + variables + "]}";
+}
+
 TEST_F(HostCheck, ChecksTheFileAloneWithoutAPort)
 {
     const QString project = file("p.json", R"({"variables": [{"tag": "Speed"}, {"tag": "B"}]})");
@@ -51,13 +62,7 @@ TEST_F(HostCheck, FindsTheExamplePlantAsItsProjectSays)
 TEST_F(HostCheck, ShowsHowFarItIsOnATerminalAndClearsThatAtTheEnd)
 {
     simulate();
-    std::string variables;
-    for (int i = 0; i < 200; ++i) {
-        const std::string n = std::to_string(i);
-        variables += (i > 0 ? "," : "") + std::string(R"({"name": "v)") + n +
-                     R"(", "tag": "Recipe", "element": )" + std::to_string(i % 20) + "}";
-    }
-    const QString project = file("p.json", "{\"variables\": [" + variables + "]}");
+    const QString project = file("p.json", twoHundredVariables());
     // What is drawn for moments only is kept by script(1).
     open("script -qec '$HOST check " + project + " --port $PORT > out.txt' drawn.txt", 100, 20);
     EXPECT_TRUE(sees("200 variables asked for, 0 with a problem"));
@@ -67,6 +72,21 @@ TEST_F(HostCheck, ShowsHowFarItIsOnATerminalAndClearsThatAtTheEnd)
     EXPECT_NE(drawn.find("\rchecking [....................] 0/200\x1b[K"), std::string::npos);
     EXPECT_NE(drawn.find("\rchecking [##########..........] 100/200\x1b[K"), std::string::npos);
     EXPECT_EQ(linesOf(textOf("out.txt")).size(), 200);
+}
+
+TEST_F(HostCheck, TellsOnCtrlCWhatItHasFoundSoFar)
+{
+    // So slow that it cannot be done before the key is pressed.
+    const std::string slow = R"({"faults": [{"fault": "delay", "rate": 1, "seconds": 0.1}]})";
+    simulate(R"({"name": "Recipe", "type": "DINT", "length": 20})",
+             {"--faults", file("slow.json", slow)});
+    open("$HOST check " + file("p.json", twoHundredVariables()) + " --port $PORT > out.txt", 120,
+         20);
+    EXPECT_TRUE(sees("/200"));
+    type({"C-c"});
+    EXPECT_TRUE(sees("variables asked for, 0 with a problem\nmicro850-host: interrupted"));
+    EXPECT_TRUE(sees("[status 1]"));
+    EXPECT_TRUE(seesNo("checking ["));
 }
 
 TEST_F(HostCheck, LeadsFromAFileWithThreeMistakesToOneThatWorks)

@@ -12,7 +12,7 @@ TEST_F(HostRead, PrintsATagALine)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.out, "Speed = 1234\nLevel[8] = 18\nLevel[9] = 19\nRecipe[1] = -1\n"
-                          "Setpoint = 21.5\nRunning = true\nBits = 0x1234\nDelay = 2500\n"
+                          "Setpoint = 21.5\nRunning = true\nBits = 0x1234\nDelay = PT2.5S\n"
                           "Name = Apple\n");
 }
 
@@ -20,7 +20,7 @@ TEST_F(HostRead, GivesJsonValuesOfTheirOwnKind)
 {
     simulate();
     const Result result =
-        hostOnPort({"read", "--json", "Level[9]", "Setpoint", "Running", "Bits", "Name"});
+        hostOnPort({"read", "--json", "Level[9]", "Setpoint", "Running", "Bits", "Delay", "Name"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(
         result.out,
@@ -31,6 +31,8 @@ TEST_F(HostRead, GivesJsonValuesOfTheirOwnKind)
         R"({"name":"Running","station":1,"tag":"Running","element":0,"type":"BOOL","value":true})"
         "\n"
         R"({"name":"Bits","station":1,"tag":"Bits","element":0,"type":"WORD","value":4660})"
+        "\n"
+        R"({"name":"Delay","station":1,"tag":"Delay","element":0,"type":"TIME","value":2500})"
         "\n"
         R"({"name":"Name","station":1,"tag":"Name","element":0,"type":"SHORT_STRING","value":"Apple"})"
         "\n");

@@ -93,7 +93,8 @@ TEST_F(HostWrite, NamesWhatIsWrongWithAValue)
         {"Running=2", "Running: \"2\" is not a value of type BOOL (true, false, 1 or 0)"},
         {"Setpoint=warm",
          "Setpoint: \"warm\" is not a value of type REAL (a number such as 1.5 or -2e10)"},
-        {"Delay=PT3S", "Delay: the driver cannot write the type TIME, which it moves byte by byte"},
+        {"Delay=PT3S", "Delay: the driver cannot write the type TIME, which it moves byte by byte "
+                       "(write a DINT that the controller's program copies into it)"},
         {"Level[0..2]=1,2", "\"Level[0..2]=1,2\": 2 values for 3 elements (write one for all, or "
                             "one for each)"},
         {"Speed", "\"Speed\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)"},

@@ -46,6 +46,20 @@ TEST(Duration, AddsUpDaysAndSmallerUnits)
     EXPECT_EQ(microseconds("PT0S"), 0);
 }
 
+TEST(Duration, IsShownInTheLargestUnits)
+{
+    EXPECT_EQ(durationText(0), QString("PT0S"));
+    EXPECT_EQ(durationText(2500000), QString("PT2.5S"));
+    EXPECT_EQ(durationText(1), QString("PT0.000001S"));
+    EXPECT_EQ(durationText(60000000), QString("PT1M"));
+    EXPECT_EQ(durationText(3723000000), QString("PT1H2M3S"));
+    EXPECT_EQ(durationText(129600000000), QString("P1DT12H"));
+    EXPECT_EQ(durationText(86400000000), QString("P1D"));
+    EXPECT_EQ(durationText(-1000000), QString("-PT1S"));
+    EXPECT_EQ(durationText(std::numeric_limits<qint64>::min()),
+              QString("-P106751991DT4H54.775808S"));
+}
+
 TEST(Duration, RefusesWhatIsNoneOrHasNoFixedLength)
 {
     for (const char* text : {"", "P", "PT", "P1", "2.5S", "PT2.5", "P1Y", "P1M", "P1DT", "PT1.5H",

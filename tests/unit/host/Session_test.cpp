@@ -89,9 +89,11 @@ TEST_F(SessionTest, RefusesWhatCannotBeAskedForBeforeAnythingIsSent)
                   s.read({1, "Name"}, 1, 1);
               }),
               "2: Name: of a string only element 0 can be read");
-    EXPECT_EQ(complaint([](Session& s) {
-                  s.write({1, "Bits"}, 0, hex("01 00"));
-              }),
-              "2: Bits: the driver cannot write the type WORD, which it moves byte by byte");
+    EXPECT_EQ(
+        complaint([](Session& s) {
+            s.write({1, "Bits"}, 0, hex("01 00"));
+        }),
+        "2: Bits: the driver cannot write the type WORD, which it moves byte by byte (write an "
+        "INT that the controller's program copies into it)");
     EXPECT_EQ(plc.count(0x53), 0);
 }

@@ -139,6 +139,18 @@ TEST(ElementText, ShowsEachTypeInItsOwnWay)
     EXPECT_EQ(text("WORD", "34 12"), "0x1234");
 }
 
+TEST(ShownText, WritesDurationsOutAndTheRestAsItIs)
+{
+    const auto text = [](const char* name, const char* bytes) {
+        return shownText(micro850::cipTypeNamed(name), hex(bytes)).toStdString();
+    };
+    EXPECT_EQ(text("TIME", "C4 09 00 00"), "PT2.5S");
+    EXPECT_EQ(text("STIME", "18 FC FF FF"), "-PT1S");
+    EXPECT_EQ(text("FTIME", "FA 00 00 00"), "PT0.00025S");
+    EXPECT_EQ(text("DINT", "C4 09 00 00"), "2500");
+    EXPECT_EQ(text("WORD", "34 12"), "0x1234");
+}
+
 TEST(ElementFromText, GivesTheBytesThatTheWireCarries)
 {
     const auto bytes = [](const char* name, const char* text) {
