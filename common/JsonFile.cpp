@@ -59,7 +59,8 @@ JsonNode JsonNode::fromFile(const std::string& path)
     std::ifstream file(path, std::ios::binary);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     if (!file || file.bad())
-        throw UserError(path + ": cannot be read: " + std::strerror(errno ? errno : EIO));
+        throw UserError(path + ": cannot be read: " + std::strerror(errno ? errno : EIO) +
+                        " (name a file that can)");
     return fromText(text, path);
 }
 

@@ -386,7 +386,8 @@ std::vector<TraceRecord> readTrace(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
     if (!file)
-        fail(path, std::string("cannot be read: ") + std::strerror(errno));
+        fail(path,
+             std::string("cannot be read: ") + std::strerror(errno) + " (name a file that can)");
     return readTrace(file, path);
 }
 

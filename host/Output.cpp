@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include "UserError.h"
 #include "ValueStore.h"
 
 #include <cmath>
@@ -14,6 +15,9 @@ void Output::data(const Json& object, const QString& text) const
         std::cout << object.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
     else if (!text.isEmpty())
         std::cout << text.toStdString() << std::endl;
+    if (!std::cout)
+        throw micro850::UserError("standard output cannot be written (is its disk full?)",
+                                  micro850::kExitRefused);
 }
 
 void Output::note(const QString& text) const

@@ -160,7 +160,8 @@ TEST_F(SimulatorProgram, TellsWhatIsWrongWithACallInOneLine)
     EXPECT_EQ(complaint({"a.json", "--replay", "t.txt"}),
               "micro850-sim: give one of: a tag file, --station N=FILE, --replay FILE");
     EXPECT_EQ(complaint({"missing.json"}),
-              "micro850-sim: missing.json: cannot be read: No such file or directory");
+              "micro850-sim: missing.json: cannot be read: No such file or directory "
+              "(name a file that can)");
     EXPECT_EQ(complaint({"--station", "one=a.json"}),
               "micro850-sim: --station one=a.json: not a number and a tag file (--station 1=FILE)");
     EXPECT_EQ(complaint({"--station", "1=a.json", "--port", "/dev/ttyS0"}),

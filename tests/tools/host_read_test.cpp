@@ -47,6 +47,15 @@ TEST_F(HostRead, GoesOnBehindATagThatTheControllerDoesNotKnow)
     EXPECT_EQ(result.err, "micro850-host: Nope: path destination unknown (status 05)\n");
 }
 
+TEST_F(HostRead, SaysThatItsOutputIsLost)
+{
+    simulate();
+    const Result result = runProgram(
+        "bash", {"-c", "\"$0\" read Speed --port \"$1\" > /dev/full", MICRO850_HOST, port()});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "micro850-host: standard output cannot be written (is its disk full?)\n");
+}
+
 TEST_F(HostRead, RefusesElementsThatTheTagDoesNotHave)
 {
     simulate();

@@ -72,7 +72,8 @@ TEST(JsonFile, GivesTheDefaultOfAnAbsentKeyOnly)
 TEST(JsonFile, SaysThatAFileCannotBeRead)
 {
     EXPECT_EQ(complaintOf([] { JsonNode::fromFile("/no/such/file.json"); }),
-              "/no/such/file.json: cannot be read: No such file or directory");
+              "/no/such/file.json: cannot be read: No such file or directory (name a file "
+              "that can)");
 }
 
 TEST(JsonFile, RefusesANumberThatNoDoubleHolds)
