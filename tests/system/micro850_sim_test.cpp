@@ -5,7 +5,10 @@
 #include <QtCore/QTemporaryDir>
 
 #include <csignal>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
 
 namespace {
 
@@ -120,6 +123,125 @@ TEST_F(SimulatorProgram, ObeysOrdersForOneStationOrAllAndSaysSo)
     order(("download " + file("c.json", kTags) + " 1").toLatin1().constData());
     EXPECT_TRUE(says("c.json downloaded"));
     EXPECT_EQ(end(SIGTERM), 0);
+}
+
+/// The host's end of a line, byte by byte.
+class RawPort
+{
+public:
+    explicit RawPort(const QString& path)
+        : m_descriptor(::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK))
+    {
+        EXPECT_GE(m_descriptor, 0);
+    }
+    ~RawPort() { ::close(m_descriptor); }
+    RawPort(const RawPort&) = delete;
+    RawPort& operator=(const RawPort&) = delete;
+
+    void send(const QByteArray& bytes)
+    {
+        EXPECT_EQ(::write(m_descriptor, bytes.constData(), static_cast<size_t>(bytes.size())),
+                  bytes.size());
+    }
+    /// What comes, up to so many bytes; fewer when they do not come in time.
+    QByteArray receive(int count, int limitMs = kLimitMs)
+    {
+        QByteArray got;
+        while (got.size() < count) {
+            pollfd wait = {m_descriptor, POLLIN, 0};
+            if (::poll(&wait, 1, limitMs) <= 0)
+                break;
+            char byte = 0;
+            if (::read(m_descriptor, &byte, 1) == 1)
+                got.append(byte);
+        }
+        return got;
+    }
+
+private:
+    int m_descriptor;
+};
+
+// Get_Attributes_All of the Identity object; its CRC was worked out by hand from the polynomial.
+const char kIdentity[] = "100610020001 0B0001000000 010220012401 1003 8E35";
+const int kIdentityReply = 61; // with the acknowledgement in front
+
+QByteArray bytesOf(const char* hex)
+{
+    return QByteArray::fromHex(hex);
+}
+
+TEST_F(SimulatorProgram, AsksForAnAcknowledgementAsItsOptionsSayAndThenGivesUp)
+{
+    start({file("a.json", kTags), "--link", path("plc"), "--ack-timeout", "0.05", "--enq-limit",
+           "2", "--nak-limit", "1"});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    RawPort port(path("plc"));
+    port.send(bytesOf(kIdentity));
+    ASSERT_EQ(port.receive(kIdentityReply).size(), kIdentityReply);
+    EXPECT_EQ(port.receive(4).toHex(), "10051005");
+    EXPECT_EQ(port.receive(1, 1000).toHex(), "") << "no third time";
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(says("1 replies undelivered"));
+}
+
+TEST_F(SimulatorProgram, RepeatsARefusedReplyAsOftenAsItsOptionSays)
+{
+    start({file("a.json", kTags), "--link", path("plc"), "--nak-limit", "1", "--ack-timeout",
+           "3600"});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    RawPort port(path("plc"));
+    port.send(bytesOf(kIdentity));
+    const QByteArray reply = port.receive(kIdentityReply).mid(2);
+    port.send(bytesOf("1015"));
+    EXPECT_EQ(port.receive(reply.size()).toHex(), reply.toHex());
+    port.send(bytesOf("1015 1005"));
+    EXPECT_EQ(port.receive(3, 1000).toHex(), "1006") << "only the enquiry is answered";
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(says("1 replies undelivered"));
+}
+
+TEST_F(SimulatorProgram, ExecutesARepeatedMessageAgainOnlyWhenToldTo)
+{
+    for (const bool again : {false, true}) {
+        const QStringList option = again ? QStringList{"--no-duplicate-detection"} : QStringList();
+        start(QStringList{file("a.json", kTags), "--link", path("plc"), "--ack-timeout", "3600"} +
+              option);
+        ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+        RawPort port(path("plc"));
+        port.send(bytesOf(kIdentity));
+        ASSERT_EQ(port.receive(kIdentityReply).size(), kIdentityReply);
+        port.send(bytesOf(kIdentity));
+        EXPECT_EQ(port.receive(again ? kIdentityReply : 3, again ? kLimitMs : 1000).size(),
+                  again ? kIdentityReply : 2);
+        EXPECT_EQ(end(SIGTERM), 0);
+        EXPECT_TRUE(says(again ? "2 messages, 0 corrupt, 0 repeated"
+                               : "1 messages, 0 corrupt, 1 repeated"));
+    }
+}
+
+TEST_F(SimulatorProgram, SaysEachFaultAndDoesTheSameAgainWithTheSameSeed)
+{
+    const QString faults = file("f.json", R"({"faults": [{"fault": "flip", "rate": 0.5}]})");
+    const auto saidWith = [&](const char* seed) {
+        start({file("a.json", kTags), "--link", path("plc"), "--faults", faults, "--seed", seed,
+               "--no-duplicate-detection", "--ack-timeout", "3600"});
+        EXPECT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+        RawPort port(path("plc"));
+        for (int i = 0; i < 20; ++i) {
+            port.send(bytesOf(kIdentity));
+            EXPECT_EQ(port.receive(kIdentityReply).size(), kIdentityReply);
+        }
+        EXPECT_EQ(end(SIGTERM), 0);
+        return m_process.readAllStandardError();
+    };
+    const QByteArray said = saidWith("42");
+    EXPECT_GE(said.count(" flipped, "), 5) << said.toStdString();
+    EXPECT_TRUE(
+        said.contains("faults with seed 42: flip " + QByteArray::number(said.count(" flipped, "))))
+        << said.toStdString();
+    EXPECT_EQ(saidWith("42"), said);
+    EXPECT_NE(saidWith("43"), said);
 }
 
 TEST_F(SimulatorProgram, RefusesAWrongOrderInOneLineAndGoesOn)

@@ -36,6 +36,7 @@ struct Options
     std::uint64_t seed = 1;
     double rate = 0.01;
     std::string list;
+    bool noDuplicateDetection = false;
 };
 
 struct WriteTag
@@ -50,7 +51,7 @@ struct WriteTag
 sim::FaultScript everyFault(double rate)
 {
     std::string rules;
-    int count = 0;
+    int count = 3; // replies that later ones overtake
     for (const std::string& name : sim::faultNames())
         count += name == "previous" || name == "cip-error" ? 1 : 2;
     const auto add = [&](const std::string& name, const std::string& side, const char* more) {
@@ -69,6 +70,8 @@ sim::FaultScript everyFault(double rate)
         if (name != "previous")
             add(name, "requests", more);
     }
+    for (const char* later : {"1", "2", "5"})
+        add("delay", "replies", (std::string(", \"later\": ") + later).c_str());
     return sim::faultsFromText("{\"faults\": [" + rules + "]}", "soak");
 }
 
@@ -101,13 +104,14 @@ private:
     void lookAfterWrites(bool startMore);
     void take(WriteTag& tag, const Operation& operation);
     void drain();
+    void note(const WriteTag& tag, const std::string& outcome);
     void violation(const std::string& what);
     void report();
 
     const Options m_options;
     ::VirtualClock m_timeOfDay{QTime(12, 0)};
     sim::VirtualClock m_clock;
-    sim::Engine m_engine{m_clock, sim::Plant()};
+    sim::Engine m_engine;
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
     host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
@@ -128,8 +132,16 @@ private:
     double m_settledMiB = 0;
 };
 
+sim::LinkOptions linkOptions(const Options& options)
+{
+    sim::LinkOptions link;
+    link.duplicateDetection = !options.noDuplicateDetection;
+    return link;
+}
+
 Soak::Soak(const Options& options)
-    : m_options(options), m_line(m_clock, m_engine, everyFault(options.rate), options.seed)
+    : m_options(options), m_engine(m_clock, sim::Plant(), linkOptions(options)),
+      m_line(m_clock, m_engine, everyFault(options.rate), options.seed)
 {
     std::string tags;
     std::string variables;
@@ -242,16 +254,23 @@ void Soak::take(WriteTag& tag, const Operation& operation)
 {
     if (operation.state == Operation::State::Done) {
         ++m_confirmed;
-        if (m_engine.plant().find(tag.name)->elements[0] != tag.value)
+        const bool present = m_engine.plant().find(tag.name)->elements[0] == tag.value;
+        if (!present)
             violation(std::string(tag.name) + ": a confirmed write is not in the controller");
+        note(tag, present ? "confirmed and present" : "confirmed and not present");
         return;
     }
     const bool refused = operation.state == Operation::State::Refused;
     ++(refused ? m_refused : m_failed);
+    note(tag, (refused ? "refused: " : "failed: ") + operation.error.toStdString());
+}
+
+void Soak::note(const WriteTag& tag, const std::string& outcome)
+{
     if (m_list.is_open())
         m_list << "transaction " << m_transactions << ": write of "
-               << textFromValue(cipTypeNamed(tag.type), tag.value) << " to " << tag.name
-               << (refused ? " refused: " : " failed: ") << operation.error.toStdString() << '\n';
+               << textFromValue(cipTypeNamed(tag.type), tag.value) << " to " << tag.name << ' '
+               << outcome << '\n';
 }
 
 // On a line that is good again every write ends and every value is fresh.
@@ -311,7 +330,9 @@ int main(int argc, char** argv)
     app.add_option("--rate", options.rate, "Share of messages that a fault strikes")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 0.5));
-    app.add_option("--list", options.list, "File for the writes that were reported failed");
+    app.add_option("--list", options.list, "File for what became of each write");
+    app.add_flag("--no-duplicate-detection", options.noDuplicateDetection,
+                 "The controller executes a repeated message again");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {

@@ -92,7 +92,7 @@ TEST_F(StationTest, AnswersOnItsPseudoTerminal)
     Station station(setup());
     HostEnd host(path("plc"));
     host.send(kIdentity);
-    EXPECT_EQ(served(station, host, 63).size(), 63u);
+    EXPECT_EQ(served(station, host, 61).size(), 61u);
 }
 
 TEST_F(StationTest, ClosesItsEndWhileHungUpAndOpensItAgain)
