@@ -200,6 +200,7 @@ TEST_F(TagStore, DoesEachOperationInOneStepUnderOneLock)
 
 TEST_F(TagStore, IsLookedIntoBehindTheLockOnly)
 {
+    fill(1);
     LockWitness witness;
     witness.beforeNextLock([] { setHandshakeInformation(99, true); });
     EXPECT_TRUE(getHandshakeInformation(99)) << "another thread has just connected it";
