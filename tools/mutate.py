@@ -68,6 +68,7 @@ class Worker:
         self.run_directory = WORK / f"worker-{number}" / "run"
         self.originals = {}
         self.changed = None
+        self.targets = {"micro850"}
         self.durations = {}
         self.environment = dict(
             os.environ,
@@ -129,11 +130,15 @@ class Worker:
         return ""
 
     def compile(self, mutant):
+        """A header is compiled into its unit's tests as well, as into any host."""
         self.restore()
         self.changed = mutant.path
+        own_test = Path(mutant.path).stem + "_test"
+        if mutant.path.endswith(".h") and own_test in {p.name for p in self.durations}:
+            self.targets.add(own_test)  # and for all later mutants, to have it put right again
         (self.tree / mutant.path).write_text(mutant.applied(self.originals[mutant.path]))
         done = subprocess.run(
-            ["ninja", "-C", str(self.build), "-j1", "micro850"],
+            ["ninja", "-C", str(self.build), "-j1", *self.targets],
             env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
         )
         return done.returncode == 0
