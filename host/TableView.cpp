@@ -111,35 +111,41 @@ QVector<int> TableView::visible(qint64 now) const
     return variables;
 }
 
-Page TableView::page(int width, int rows, qint64 now)
+Page TableView::values(int width, int rows, qint64 now)
 {
     const QVector<int> variables = visible(now);
+    m_count = variables.size();
+    m_room = std::max(1, rows);
+    m_top = std::max(0, std::min(m_top, m_count - m_room));
+    return m_table.rows(variables.mid(m_top, m_room), width, now);
+}
+
+Page TableView::page(int width, int rows, qint64 now)
+{
     QStringList below = {QString(), m_table.lineState(), m_table.lineStatistics(now)};
     below += m_table.stationLines(now);
     // Heading and footer; in a window that is too small the values go first.
-    m_room = std::max(1, rows - 2 - below.size());
-    m_top = std::max(0, std::min(m_top, variables.size() - m_room));
-    Page page = m_table.rows(variables.mid(m_top, m_room), width, now);
+    Page page = values(width, rows - 2 - below.size(), now);
     for (const QString& line : below)
         page.append({line, Style::Plain});
     while (page.size() > std::max(0, rows - 1))
         page.removeLast();
-    page.append({footer(variables.size()), Style::Faint});
+    page.append({footer(), Style::Faint});
     for (PageLine& line : page)
         line.text = cut(line.text, width);
     return page;
 }
 
-QString TableView::footer(int count) const
+QString TableView::footer() const
 {
     if (m_typing)
         return QStringLiteral("match: %1_   Enter keep, Escape back").arg(m_match);
     const QString orders[] = {QStringLiteral("project"), QStringLiteral("name"),
                               QStringLiteral("age")};
     QString text = QStringLiteral("%1-%2 of %3")
-                       .arg(count == 0 ? 0 : m_top + 1)
-                       .arg(std::min(count, m_top + m_room))
-                       .arg(count);
+                       .arg(m_count == 0 ? 0 : m_top + 1)
+                       .arg(std::min(m_count, m_top + m_room))
+                       .arg(m_count);
     if (!m_match.isEmpty())
         text += QStringLiteral(" that match \"%1\"").arg(m_match);
     return text + QStringLiteral(" by %1   q quit, / match, s sort, arrows scroll")

@@ -24,12 +24,14 @@ public:
     bool quits() const { return m_quits; }
     /// The page for a window of this size: variables, line, stations, and what the keys do.
     Page page(int width, int rows, qint64 now);
+    /// The heading and at most so many of the variables alone.
+    Page values(int width, int rows, qint64 now);
 
 private:
     void handleMatch(const Key& key);
     void scroll(const Key& key);
     QVector<int> visible(qint64 now) const;
-    QString footer(int count) const;
+    QString footer() const;
 
     const LiveTable& m_table;
     QString m_match;
@@ -39,6 +41,7 @@ private:
     bool m_quits = false;
     int m_top = 0;
     int m_room = 1;
+    int m_count = 0;
 };
 
 /// True when a name contains the text, whatever its case; with * or ? it is a pattern for the whole

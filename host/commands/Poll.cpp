@@ -88,11 +88,18 @@ public:
     const LiveTable& table() const { return m_table; }
     bool quits() const { return m_view.quits(); }
 
-    /// Shows what has changed since the last update and gives the terminal back.
+    /// Shows what has changed since the last update, or gives the terminal back with the values;
+    /// how the line did is the summary's.
     void close()
     {
         m_next = 0;
-        update();
+        if (m_live) {
+            const int kHeadingAndPrompt = 2;
+            m_terminal.draw(m_view.values(m_terminal.width(), m_terminal.rows() - kHeadingAndPrompt,
+                                          m_clock.now()));
+        } else {
+            update();
+        }
         m_terminal.restore();
         m_keyboard.reset();
     }

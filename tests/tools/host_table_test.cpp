@@ -102,6 +102,8 @@ TEST_F(HostTable, EndsOnQWithTheTerminalRestoredAndTheSummaryShown)
     const QString screenText = screen().join('\n');
     EXPECT_TRUE(screenText.contains("Speed    INT  1234")) << screenText.toStdString();
     EXPECT_TRUE(screenText.contains("micro850-host: some variables were never read"));
+    EXPECT_FALSE(screenText.contains("q quit")) << screenText.toStdString();
+    EXPECT_EQ(screenText.count("station 1 (filler): "), 1) << screenText.toStdString();
     EXPECT_TRUE(screenText.contains("micro850-host: station 1 (filler): connected"));
     // Lines are edited again, as before the table.
     EXPECT_TRUE(screenText.contains("\nicanon")) << screenText.toStdString();

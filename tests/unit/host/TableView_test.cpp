@@ -54,6 +54,17 @@ protected:
 
 } // namespace
 
+TEST_F(TableViewTest, GivesItsValuesAlone)
+{
+    press("jj");
+    const Page alone = view->values(100, 3, clock.now());
+    ASSERT_EQ(alone.size(), 4);
+    EXPECT_TRUE(alone.at(0).text.startsWith("NAME"));
+    EXPECT_TRUE(alone.at(1).text.startsWith("L2 "));
+    EXPECT_TRUE(alone.at(3).text.startsWith("L4 "));
+    EXPECT_EQ(view->values(100, 50, clock.now()).size(), 13);
+}
+
 TEST_F(TableViewTest, ShowsAsManyRowsAsTheWindowHasAndSaysWhich)
 {
     EXPECT_EQ(page().size(), 10);
