@@ -83,7 +83,6 @@ bool PollLoop::openLine()
     }
     if (m_line.open(m_lineError)) {
         m_lineReconnects += m_wasOpen ? 1 : 0;
-        m_openPauseMs = 0;
         m_lineError.clear();
         return true;
     }
@@ -134,9 +133,11 @@ void PollLoop::transact(Protocol& sent)
         loseLine();
         break;
     case Answer::Outcome::TimedOut:
+        m_openPauseMs = 0; // the device carries bytes, even if nobody answers
         takeSilence(sent, request);
         break;
     case Answer::Outcome::Answered:
+        m_openPauseMs = 0;
         station.lastAnswer = m_clock.now();
         if (sent.var.tagName.isEmpty())
             takeSetUpReply(sent, request, answer);

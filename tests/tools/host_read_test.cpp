@@ -38,6 +38,18 @@ TEST_F(HostRead, GivesJsonValuesOfTheirOwnKind)
         "\n");
 }
 
+TEST_F(HostRead, FindsTheTagsOfItsOwnInEachOfSeveralStations)
+{
+    simulateStations({R"({"name": "Speed", "type": "INT", "value": 11})",
+                      R"({"name": "Speed", "type": "DINT", "value": 22})",
+                      R"({"name": "Other", "type": "INT", "value": 33})"});
+    EXPECT_NE(host({"read", "Speed", "--port", port() + ".1"}).out.find("11"), std::string::npos);
+    EXPECT_NE(host({"read", "Speed", "--port", port() + ".2"}).out.find("22"), std::string::npos);
+    const Result third = host({"read", "Speed", "--port", port() + ".3"});
+    EXPECT_NE((third.out + third.err).find("path destination unknown"), std::string::npos)
+        << third.out << third.err;
+}
+
 TEST_F(HostRead, GoesOnBehindATagThatTheControllerDoesNotKnow)
 {
     simulate();

@@ -65,16 +65,43 @@ void ToolTest::simulate(const std::string& tags, const QStringList& options)
 {
     startSimulator(QStringList{file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}")} +
                    options);
+    ASSERT_TRUE(QFile::exists(port()));
 }
 
 void ToolTest::simulatePlant()
 {
     startSimulator({QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json")});
+    ASSERT_TRUE(QFile::exists(port()));
 }
 
 void ToolTest::simulateFrom(const QString& trace)
 {
     startSimulator({QStringLiteral("--replay"), trace});
+    ASSERT_TRUE(QFile::exists(port()));
+}
+
+void ToolTest::simulateStations(const std::vector<std::string>& tags)
+{
+    QStringList arguments;
+    for (std::size_t i = 0; i < tags.size(); ++i) {
+        const QString number = QString::number(i + 1);
+        arguments << QStringLiteral("--station")
+                  << number + '=' +
+                         file("tags" + number + ".json", "{\"tags\": [" + tags[i] + "]}");
+    }
+    startSimulator(arguments);
+    for (std::size_t i = 0; i < tags.size(); ++i)
+        ASSERT_TRUE(waitForPort(port() + '.' + QString::number(i + 1)));
+}
+
+// It names each port once that can be opened.
+bool ToolTest::waitForPort(const QString& link)
+{
+    while (!QFile::exists(link)) {
+        if (!m_simulator->waitForReadyRead(kLimitMs))
+            return false;
+    }
+    return true;
 }
 
 void ToolTest::startSimulator(const QStringList& arguments)
@@ -82,10 +109,8 @@ void ToolTest::startSimulator(const QStringList& arguments)
     m_simulator = std::make_unique<QProcess>();
     m_simulator->start(QStringLiteral(MICRO850_SIM),
                        arguments + QStringList{"--quiet", "--link", port()});
-    // It names its port once that can be opened.
     ASSERT_TRUE(m_simulator->waitForReadyRead(kLimitMs))
         << m_simulator->readAllStandardError().toStdString();
-    ASSERT_TRUE(QFile::exists(port()));
 }
 
 void ToolTest::simulate()

@@ -8,6 +8,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 /// What a program said, and its exit status.
 struct Result
@@ -37,6 +38,9 @@ protected:
     void simulatePlant();
     /// Starts micro850-sim to answer from a trace.
     void simulateFrom(const QString& trace);
+    /// Starts micro850-sim with so many stations, 1 and up; the tags (the inside of a JSON array)
+    /// of each are its own. Station N is at port() + ".N".
+    void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
 
     /// Runs micro850-host in the directory; `port` appends the simulator's.
@@ -50,6 +54,7 @@ protected:
 
 private:
     void startSimulator(const QStringList& arguments);
+    bool waitForPort(const QString& link);
 
     QTemporaryDir m_dir;
     std::unique_ptr<QProcess> m_simulator;

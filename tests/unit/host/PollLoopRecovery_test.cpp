@@ -192,6 +192,24 @@ TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
     EXPECT_EQ(loop->lineReconnects(), 1);
 }
 
+TEST_F(PollLoopRecoveryTest, LetsThePausesGrowForADeviceThatCanBeOpenedAndFailsAtOnce)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setLoose(true);
+    line.openedAt.clear();
+    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 8; }));
+    EXPECT_GE(line.openedAt[1] - line.openedAt[0], 500);
+    EXPECT_GE(line.openedAt[7] - line.openedAt[6], 5000);
+    EXPECT_LE(line.openedAt[7] - line.openedAt[6], 5100);
+    line.setLoose(false);
+    ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Good; }, 6000));
+    line.setPresent(false);
+    line.openedAt.clear();
+    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 2; }));
+    EXPECT_LE(line.openedAt[1] - line.openedAt[0], 600) << "after an answer the pauses begin anew";
+}
+
 TEST_F(PollLoopRecoveryTest, KeepsThePortOpenForASilentPeer)
 {
     start(R"({"tag": "Speed"})");

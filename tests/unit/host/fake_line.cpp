@@ -24,7 +24,7 @@ void FakeLine::discardInput()
 
 bool FakeLine::send(const QByteArray& bytes)
 {
-    if (!m_present)
+    if (!m_present || m_loose)
         return false;
     sent.push_back(bytes);
     if (onSend)
@@ -34,7 +34,7 @@ bool FakeLine::send(const QByteArray& bytes)
 
 bool FakeLine::receive(QByteArray& bytes, int waitMs)
 {
-    if (!m_present)
+    if (!m_present || m_loose)
         return false;
     const qint64 end = m_clock.now() + waitMs;
     const qint64 first = m_arriving.empty() ? end + 1 : m_arriving.begin()->first;

@@ -40,6 +40,8 @@ public:
     void arrive(const QByteArray& bytes, int afterMs = 1);
     /// Takes the device away or puts it back.
     void setPresent(bool present) { m_present = present; }
+    /// Lets the device be opened and fail at once, as a loose plug does.
+    void setLoose(bool loose) { m_loose = loose; }
 
     /// Every piece that was sent, in order.
     std::vector<QByteArray> sent;
@@ -51,6 +53,7 @@ private:
     std::multimap<qint64, QByteArray> m_arriving;
     bool m_open = false;
     bool m_present = true;
+    bool m_loose = false;
 };
 
 #endif

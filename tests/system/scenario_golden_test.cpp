@@ -1,0 +1,164 @@
+// One damaged byte at every position of every reply that the reference host gets in a session, on
+// virtual time.
+
+#include "sim_line.h"
+
+#include "DriverLibrary.h"
+#include "PollLoop.h"
+#include "virtual_clock.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace micro850;
+using host::Quality;
+
+const char kTags[] = R"({"tags": [{"name": "A", "type": "INT", "value": 4660},
+                                  {"name": "B", "type": "DINT", "value": 50466832},
+                                  {"name": "W", "type": "INT", "value": 7}]})";
+// A session that takes longer is stuck.
+const qint64 kLimitMs = 60000;
+// Of a session on a good line: two to connect, three to learn types, a write, two in the cycle.
+const unsigned kReplies = 8;
+
+/// One at a time: the driver freshly loaded, a new host and a new controller: connects, learns the
+/// types of three tags, writes the third, and reads the other two in a cycle.
+class GoldenSession
+{
+public:
+    explicit GoldenSession(const std::string& fault)
+        : m_line(m_clock, m_engine, sim::faultsFromText("{\"faults\": [" + fault + "]}", "golden")),
+          m_project(host::Project::fromText(
+              R"({"port": {"timeoutMs": 200}, "stations": [{"number": 1}],
+                  "variables": [{"tag": "A"}, {"tag": "B"}]})",
+              "golden")),
+          m_loop(m_library.api(), m_port, m_port, m_project)
+    {
+    }
+
+    /// True when all came to its end.
+    bool run()
+    {
+        const host::TagKey tag(1, QStringLiteral("W"));
+        const int write = m_loop.write(tag, 0, QByteArray("\x05\x00", 2));
+        const qint64 begun = m_port.now();
+        while (!(isRead() && m_loop.outcome(write)) && m_port.now() < begun + kLimitMs)
+            m_loop.step();
+        const qint64 written = m_port.now();
+        while (!(isRead() && isFreshSince(written)) && m_port.now() < begun + kLimitMs)
+            m_loop.step();
+        m_took = m_port.now() - begun;
+        const host::Operation* outcome = m_loop.outcome(write);
+        const bool present = m_engine.plant().find("W")->elements[0] == Bytes{0x05, 0x00};
+        m_lied = outcome && outcome->state == host::Operation::State::Done && !present;
+        return isRead() && isFreshSince(written) && outcome;
+    }
+
+    bool showedForeign() const { return m_foreign; }
+    bool lied() const { return m_lied; }
+    qint64 tookMs() const { return m_took; }
+    unsigned replies() const { return m_line.messages(sim::Side::Replies); }
+    bool wasStruck() const { return !m_line.counts().empty(); }
+
+private:
+    bool isRead()
+    {
+        const std::string first = shown(0);
+        const std::string second = shown(1);
+        m_foreign = m_foreign || (first != "" && first != "4660");
+        m_foreign = m_foreign || (second != "" && second != "50466832");
+        return m_loop.quality(0) == Quality::Good && m_loop.quality(1) == Quality::Good;
+    }
+    bool isFreshSince(qint64 time) const
+    {
+        return m_loop.values().refreshedAt(0) > time && m_loop.values().refreshedAt(1) > time;
+    }
+    std::string shown(int variable)
+    {
+        return m_loop.values().wasRead(variable) ? m_loop.values().text(variable).toStdString()
+                                                 : "";
+    }
+
+    ::VirtualClock m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
+    sim::VirtualClock m_clock;
+    sim::Engine m_engine{m_clock, sim::Plant::fromText(kTags, "golden")};
+    sim::FaultyLine m_line;
+    SimLine m_port{m_clock, m_line};
+    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    host::Project m_project;
+    host::PollLoop m_loop;
+    bool m_foreign = false;
+    bool m_lied = false;
+    qint64 m_took = 0;
+};
+
+struct Outcome
+{
+    int sessions = 0;
+    int stuck = 0;   ///< never came to their end
+    int foreign = 0; ///< showed a value that the controller does not have
+    int lied = 0;    ///< told that a write is done that is not in the controller
+    qint64 longestMs = 0;
+};
+
+/// A session for the damage at every byte of every reply of an undisturbed one.
+Outcome disturbed(const std::string& damage)
+{
+    Outcome outcome;
+    for (unsigned reply = 1; reply <= kReplies; ++reply) {
+        for (int byte = 1;; ++byte) {
+            GoldenSession session("{" + damage + ", \"message\": " + std::to_string(reply) +
+                                  ", \"byte\": " + std::to_string(byte) + "}");
+            const bool ended = session.run();
+            if (!session.wasStruck()) // behind the reply's end
+                break;
+            ++outcome.sessions;
+            outcome.stuck += !ended;
+            outcome.foreign += session.showedForeign();
+            outcome.lied += session.lied();
+            outcome.longestMs = std::max(outcome.longestMs, session.tookMs());
+        }
+    }
+    return outcome;
+}
+
+class Golden : public ::testing::TestWithParam<std::pair<const char*, const char*>>
+{
+};
+
+TEST_P(Golden, AReplyDamagedAnywhereShowsNoForeignValueAndHoldsNothingUp)
+{
+    const Outcome outcome = disturbed(GetParam().second);
+    EXPECT_EQ(outcome.sessions, 279);
+    EXPECT_EQ(outcome.stuck, 0);
+    EXPECT_EQ(outcome.foreign, 0);
+    EXPECT_EQ(outcome.lied, 0);
+    // Three transmissions of 200 ms, and a second until the type of a tag is asked for again.
+    EXPECT_LE(outcome.longestMs, 1650);
+}
+
+using Damage = std::pair<const char*, const char*>;
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryByte, Golden,
+    ::testing::Values(Damage("LowBitFlipped", R"("fault": "flip", "bit": 0)"),
+                      Damage("HighBitFlipped", R"("fault": "flip", "bit": 7)"),
+                      Damage("BitThatMakesADleFlipped", R"("fault": "flip", "bit": 4)"),
+                      Damage("Lost", R"("fault": "lose")"),
+                      Damage("Doubled", R"("fault": "double")"),
+                      Damage("ZeroInserted", R"("fault": "insert", "bytes": "00")"),
+                      Damage("DleInserted", R"("fault": "insert", "bytes": "10")"),
+                      Damage("EtxInserted", R"("fault": "insert", "bytes": "10 03")"),
+                      Damage("StxInserted", R"("fault": "insert", "bytes": "10 02")")),
+    [](const auto& given) { return std::string(given.param.first); });
+
+TEST(GoldenSession, TakesEightRepliesOnAGoodLine)
+{
+    GoldenSession calm("");
+    EXPECT_TRUE(calm.run());
+    EXPECT_EQ(calm.replies(), kReplies);
+    EXPECT_LE(calm.tookMs(), 20);
+}
+
+} // namespace
