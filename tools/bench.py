@@ -19,6 +19,10 @@ OWN_SECTIONS = ["cost", "growth"]
 LINE_SECTIONS = ["peers", "line", "reaction"]
 
 
+def announce(section):
+    print(f"bench: measuring {section}", file=sys.stderr, flush=True)
+
+
 def output_of(command, **options):
     done = subprocess.run(command, capture_output=True, text=True, **options)
     if done.returncode != 0:
@@ -148,18 +152,19 @@ def main():
     os.makedirs(options.out_dir, exist_ok=True)
     results = {"machine": bench_report.machine()}
     if "cost" in wanted:
+        announce("cost")
         results["cost"] = cost(options.bin_dir, options.out_dir, options.quick)
     if "growth" in wanted:
+        announce("growth")
         results["growth"] = growth(options.bin_dir, options.out_dir, options.quick)
     if set(wanted) & set(LINE_SECTIONS):
         results.update(bench_line.run(options.bin_dir, options.quick, wanted))
     with open(f"{options.out_dir}/results.json", "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
-    tables = bench_report.tables(results)
-    print("\n\n".join("\n".join(text) for text in tables.values()))
+    print("\n\n".join("\n".join(text) for text in bench_report.tables(results).values()))
     plots = bench_report.plot(results, options.out_dir)
     if options.write:
-        bench_report.write(options.write, tables, plots)
+        bench_report.write(options.write, results, plots)
     print(f"\nbench: results in {options.out_dir}/results.json")
 
 

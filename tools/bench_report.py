@@ -6,11 +6,13 @@ import os
 import platform
 import re
 import shutil
+import sys
 
 import bench
 import bench_line
 
 SCALARS = ["int", "dint", "lreal"]
+WHOLE_ONLY = ["machine", "targets"]  # tables that a run of some sections would leave incomplete
 LEAST_IN_USE = {38400: 0.97, 115200: 0.95}
 
 
@@ -86,10 +88,10 @@ def line_targets(results):
 
 def reaction_targets(rows):
     for row in rows:
-        for name, what, transactions in (("write", "write to its frame", 1),
-                                         ("write_unknown", "the same, class not known", 2)):
-            most, worst = transactions * row["transaction"], row[name]["worst"]
-            yield f"{row['baud']} baud: {what}, worst", f"<= {most:.1f} ms", f"{worst:.1f}", worst <= most
+        for name, what, most in (("write", "to a known tag", 0), ("write_unknown", "to a new tag", 1)):
+            before = row[name]["requests_before"]
+            yield (f"{row['baud']} baud: requests sent before a write {what}", f"<= {most}", f"{before}",
+                   before <= most)
 
 
 TARGETS = {"cost": cost_targets, "growth": growth_targets, "peers": peers_targets, "line": line_targets,
@@ -110,7 +112,8 @@ def tables(results):
     of = {"machine": machine_table, "cost": bench.cost_table, "growth": bench.growth_table,
           "peers": bench_line.peers_table, "line": bench_line.line_table, "reaction": bench_line.reaction_table}
     text = {section: table(results[section]) for section, table in of.items() if section in results}
-    text["targets"] = targets_table(results)
+    if any(section in results for section in TARGETS):
+        text["targets"] = targets_table(results)
     return text
 
 
@@ -157,14 +160,20 @@ def plot(results, out_dir):
     return plots
 
 
-def write(document, tables, plots):
+def write(document, results, plots):
     """Puts each table between its marks, <!-- bench NAME --> and <!-- end -->, and the plots beside the document."""
     with open(document, encoding="utf-8") as file:
         text = file.read()
-    for section, lines in tables.items():
-        block = "```text\n" + "\n".join(lines) + "\n```"
-        text = re.sub(rf"(<!-- bench {section} -->\n).*?(\n<!-- end -->)", lambda match, block=block:
-                      match.group(1) + block + match.group(2), text, flags=re.S)
+    whole = all(section in results for section in TARGETS)
+    found = 0
+    for section, lines in tables(results).items():
+        block = "```text\n" + "\n".join(lines) + "\n```\n"
+        text, marks = re.subn(rf"(<!-- bench {section} -->\n)(.*?)(<!-- end -->)", lambda match, section=section, block=block:
+                              match[1] + (match[2] if section in WHOLE_ONLY and not whole else block) + match[3],
+                              text, flags=re.S)
+        found += marks
+    if found == 0:
+        sys.exit(f"bench: {document} has no marks like <!-- bench cost --> and <!-- end --> to put tables between")
     with open(document, "w", encoding="utf-8") as file:
         file.write(text)
     for path in plots:

@@ -52,7 +52,8 @@ host::Project projectAt(int baud)
 json summary(std::vector<double> values)
 {
     std::sort(values.begin(), values.end());
-    return {{"median", values[values.size() / 2]}, {"worst", values.back()}};
+    return {
+        {"best", values.front()}, {"median", values[values.size() / 2]}, {"worst", values.back()}};
 }
 
 /// One host at one controller, from the start.
@@ -97,6 +98,7 @@ public:
     {
         m_loop.declare({1, tag});
         m_called = m_sent = -1;
+        m_before = 0;
         m_port.plan(moment, [&] {
             m_called = m_port.microseconds();
             m_library.api().setRegisterData(tag, 0, QStringLiteral("0"), 1, QByteArray(4, '\1'), 2,
@@ -109,6 +111,8 @@ public:
         return static_cast<double>(m_sent - m_called) / 1000;
     }
 
+    /// Requests that went out between the host's last call for a write and its frame.
+    int requestsBeforeWrite() const { return m_before; }
     /// From the loss of a reply to the next value.
     double loseReply(qint64 moment)
     {
@@ -163,8 +167,12 @@ private:
             return;
         }
         m_began = now;
-        if (host::decodeRequest(data).service == host::kWriteTagFragmented && m_sent < 0)
+        if (m_called < 0 || m_sent >= 0)
+            return;
+        if (host::decodeRequest(data).service == host::kWriteTagFragmented)
             m_sent = now;
+        else
+            ++m_before;
     }
 
     double recovery(qint64 moment, const std::function<void()>& strike)
@@ -204,6 +212,7 @@ private:
     qint64 m_value = 0;   ///< when the last value came
     qint64 m_called = -1; ///< when the host called for a write
     qint64 m_sent = -1;   ///< when the write went out
+    int m_before = 0;     ///< requests between the two
     qint64 m_struck = -1; ///< when the fault struck
 };
 
@@ -217,17 +226,27 @@ template<typename Trial> json trials(int number, Trial trial)
     return summary(values);
 }
 
+/// Writes to tags of a kind, with the most requests that went out before one.
+json writeTrials(Plant& plant, int number, const char* kind, int tags)
+{
+    int before = 0;
+    json result = trials(number, [&](int i, qint64 moment) {
+        const double took = plant.write(tagName(kind, i % tags), moment);
+        before = std::max(before, plant.requestsBeforeWrite());
+        return took;
+    });
+    result["requests_before"] = before;
+    return result;
+}
+
 json measure(int baud, int number)
 {
     Plant plant(baud, number);
     json result = {{"baud", baud}, {"trials", number}};
     result["start"] = plant.start();
     result["transaction"] = plant.transactionTime();
-    result["write"] = trials(number, [&](int i, qint64 moment) {
-        return plant.write(tagName("Cyclic", i % kVariables), moment);
-    });
-    result["write_unknown"] = trials(
-        number, [&](int i, qint64 moment) { return plant.write(tagName("Other", i), moment); });
+    result["write"] = writeTrials(plant, number, "Cyclic", kVariables);
+    result["write_unknown"] = writeTrials(plant, number, "Other", number);
     result["lost_reply"] =
         trials(number, [&](int, qint64 moment) { return plant.loseReply(moment); });
     result["power_cycle"] =

@@ -1,0 +1,67 @@
+"""Tests of what bench_report.py writes into a document. Run by ctest; argument: the directory of the tools."""
+
+import os
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, sys.argv.pop(1))
+import bench_report  # noqa: E402
+
+MACHINE = {"date": "today", "processors": 2, "processor": "P", "kernel": "K", "packages": ["g++ 12"], "load": 0.1}
+COST = {kind: {"instructions": 5000 + i, "allocations": 2.0, "bytes": 1, "nanoseconds": 1, "wire": 1,
+               "functions": [["crc", 2000]]} for i, kind in enumerate(["int", "dint", "lreal"])}
+DOCUMENT = """# Before
+<!-- bench machine -->
+<!-- end -->
+between
+<!-- bench targets -->
+old targets
+<!-- end -->
+<!-- bench cost -->
+<!-- end -->
+after
+"""
+
+
+class Document(unittest.TestCase):
+    def written(self, text, results, times=1):
+        with tempfile.TemporaryDirectory() as directory:
+            path = os.path.join(directory, "page.md")
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(text)
+            for _ in range(times):
+                bench_report.write(path, results, [])
+            with open(path, encoding="utf-8") as file:
+                return file.read()
+
+    def test_puts_a_table_between_its_marks_and_leaves_the_text_around_them(self):
+        text = self.written(DOCUMENT, {"machine": MACHINE, "cost": COST})
+        self.assertIn("<!-- bench cost -->\n```text\nOne transaction", text)
+        self.assertIn("```\n<!-- end -->\nafter\n", text)
+        self.assertIn("\nbetween\n<!-- bench targets -->\n", text)
+
+    def test_writes_the_same_document_again_from_the_same_results(self):
+        results = {"machine": MACHINE, "cost": COST}
+        self.assertEqual(self.written(DOCUMENT, results), self.written(DOCUMENT, results, times=2))
+
+    def test_keeps_machine_and_targets_when_only_some_sections_ran(self):
+        text = self.written(DOCUMENT, {"machine": MACHINE, "cost": COST})
+        self.assertIn("<!-- bench targets -->\nold targets\n<!-- end -->", text)
+        self.assertIn("<!-- bench machine -->\n<!-- end -->", text)
+
+    def test_refuses_a_document_without_marks(self):
+        with self.assertRaisesRegex(SystemExit, "page.md has no marks"):
+            self.written("# Nothing here\n", {"machine": MACHINE, "cost": COST})
+
+
+class Targets(unittest.TestCase):
+    def test_says_of_each_goal_whether_the_figure_reaches_it(self):
+        cost = dict(COST, dint=dict(COST["dint"], instructions=6001), int=dict(COST["int"], instructions=6000))
+        lines = bench_report.targets_table({"cost": cost})
+        self.assertRegex(lines[1], r"INT read and fetch: instructions +<= 6000 +6000  reached")
+        self.assertRegex(lines[3], r"DINT read and fetch: instructions +<= 6000 +6001  not reached")
+
+
+if __name__ == "__main__":
+    unittest.main()
