@@ -10,6 +10,8 @@ namespace {
 
 // Twice what a connection of 504 bytes can bring; a frame that never ends is noise.
 const int kLongestData = 1024;
+// On the line: every byte doubled, and many responses embedded.
+const int kLongestFrame = 4 * kLongestData;
 
 } // namespace
 
@@ -29,10 +31,14 @@ QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
         const int plain = plainBytes(at, bytes.end());
         m_raw.append(at, std::max(1, plain));
         if (plain > 0)
-            takeData(at, plain, events);
+            m_data.append(at, plain);
         else
             take(*at, events);
         at += std::max(1, plain);
+        if (m_data.size() > kLongestData || m_raw.size() > kLongestFrame) {
+            events.append({Kind::Corrupt, QByteArray(), m_raw});
+            reset();
+        }
     }
     return events;
 }
@@ -109,7 +115,7 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
     m_state = State::Data;
     switch (byte) {
     case kDle:
-        takeData(&byte, 1, events);
+        m_data.append(byte);
         break;
     case kEtx:
         m_state = State::CrcLow;
@@ -129,15 +135,6 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
         break;
     default:
         m_illegal = true;
-    }
-}
-
-void ReplyCollector::takeData(const char* bytes, int count, QList<Event>& events)
-{
-    m_data.append(bytes, count);
-    if (m_data.size() > kLongestData) {
-        events.append({Kind::Corrupt, QByteArray(), m_raw});
-        reset();
     }
 }
 

@@ -49,7 +49,6 @@ private:
     void take(char byte, QList<Event>& events);
     void takeOutsideEscape(char byte, QList<Event>& events);
     void takeDataEscape(char byte, QList<Event>& events);
-    void takeData(const char* bytes, int count, QList<Event>& events);
     void begin();
     void end(char crcHigh, QList<Event>& events);
     void tellControl(Kind kind, QList<Event>& events) const;

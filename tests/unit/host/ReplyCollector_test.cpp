@@ -191,6 +191,17 @@ TEST(ReplyCollector, GivesUpAFrameThatNeverEnds)
     EXPECT_EQ(kinds(events), "corrupt ack frame");
 }
 
+TEST(ReplyCollector, GivesUpAFrameOfNothingButEmbeddedResponses)
+{
+    ReplyCollector collector;
+    const QList<ReplyCollector::Event> events =
+        collector.feed(hex("10 02") + hex("10 06").repeated(3000));
+    ASSERT_NE(kinds(events).find(" corrupt "), std::string::npos);
+    for (const ReplyCollector::Event& event : events)
+        EXPECT_LE(event.raw.size(), 4100);
+    EXPECT_EQ(kinds(collector.feed(wire::framed(kData))), "ack frame");
+}
+
 TEST(ReplyCollector, FindsEveryFrameOfAnyDataInAnyPieces)
 {
     rc::check([](const std::vector<std::vector<char>>& messages, const std::vector<int>& cuts) {
