@@ -77,7 +77,7 @@ Subcommand addImport(CLI::App& app)
     options->output.addTo(*command);
     command->footer("The first line names the columns: Name, Data type, Dimension, and others that "
                     "are passed over.\n"
-                    "Example:\n  micro850-host import variables.csv > project.json\n"
+                    "Example:\n  micro850-host import examples/variables.csv > project.json\n"
                     "Exit status: 0 done, 2 usage, or a file without a variable.");
     return {command, [options] { return run(*options); }};
 }

@@ -1,0 +1,136 @@
+#include "tool_fixture.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
+
+namespace {
+
+const char kSource[] = MICRO850_SOURCE_DIR "/";
+
+QString textOfSource(const QString& name)
+{
+    QFile file(kSource + name);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << name.toStdString();
+    return QString::fromUtf8(file.readAll());
+}
+
+QStringList documents()
+{
+    QStringList names = QDir(kSource).entryList({"*.md"}, QDir::Files);
+    for (const QString& name : QDir(kSource + QStringLiteral("docs")).entryList({"*.md"}))
+        names += "docs/" + name;
+    return names;
+}
+
+// The anchor of a heading: lower case, blanks as hyphens, most other characters left out.
+QString anchorOf(QString heading)
+{
+    heading = heading.toLower().remove(QRegularExpression("[^\\w\\- ]"));
+    return heading.replace(' ', '-');
+}
+
+QStringList anchorsOf(const QString& document)
+{
+    QStringList anchors;
+    for (const QString& line : textOfSource(document).split('\n')) {
+        if (line.startsWith('#'))
+            anchors += anchorOf(line.section(' ', 1));
+    }
+    return anchors;
+}
+
+/// The tools as a reader of the documents calls them, with the example plant on the line.
+class Documents : public ToolTest
+{
+protected:
+    Documents()
+    {
+        simulatePlant();
+        EXPECT_TRUE(QFile::link(kSource + QStringLiteral("examples"), path("examples")));
+    }
+    /// Runs a command line as it is printed, but on the simulator's port and for a second at most.
+    Result runPrinted(QString line)
+    {
+        line.replace(QRegularExpression("/tmp/plc|/dev/ttyUSB0"), port());
+        line.remove(" --plot").remove(" --seconds 5");
+        if (line.contains(QRegularExpression("^micro850-host (poll|watch|log)")))
+            line += " --seconds 1";
+        const QString tools = QFileInfo(MICRO850_HOST).path();
+        return runProgram("bash",
+                          {"-c", "cd \"$0\"; PATH=\"$1:$PATH\"; " + line, path("."), tools});
+    }
+    void expectThatEachWorks(const QStringList& lines)
+    {
+        for (const QString& line : lines) {
+            const Result result = runPrinted(line);
+            EXPECT_EQ(result.status, 0) << line.toStdString() << '\n' << result.err;
+        }
+    }
+};
+
+} // namespace
+
+TEST(DocumentLinks, LeadSomewhere)
+{
+    const QRegularExpression link("\\]\\(([^)#]*)(?:#([^)]*))?\\)");
+    int seen = 0;
+    for (const QString& document : documents()) {
+        const QDir directory = QFileInfo(kSource + document).dir();
+        QRegularExpressionMatchIterator match = link.globalMatch(textOfSource(document));
+        while (match.hasNext()) {
+            const QRegularExpressionMatch found = match.next();
+            if (found.captured(1).contains("://"))
+                continue;
+            ++seen;
+            const QString target =
+                found.captured(1).isEmpty()
+                    ? document
+                    : QDir(kSource).relativeFilePath(directory.filePath(found.captured(1)));
+            EXPECT_TRUE(QFile::exists(kSource + target))
+                << document.toStdString() << ": " << found.captured(0).toStdString();
+            if (!found.captured(2).isEmpty()) {
+                EXPECT_TRUE(anchorsOf(target).contains(found.captured(2)))
+                    << document.toStdString() << ": " << found.captured(0).toStdString();
+            }
+        }
+    }
+    EXPECT_GE(seen, 10);
+}
+
+TEST_F(Documents, PrintCommandsThatWork)
+{
+    QStringList lines;
+    for (const QString& line : textOfSource("README.md").split('\n')) {
+        if (line.startsWith("    micro850-host ") && !line.startsWith("    micro850-host: "))
+            lines += line.mid(4).section("  #", 0, 0);
+    }
+    EXPECT_GE(lines.size(), 8);
+    expectThatEachWorks(lines);
+}
+
+TEST_F(Documents, HelpGivesExamplesThatWork)
+{
+    for (const char* command :
+         {"probe", "poll", "read", "write", "watch", "log", "check", "trace", "import"})
+    {
+        const QString help = QString::fromStdString(host({command, "--help"}).out);
+        QStringList lines;
+        for (const QString& line : help.section("Example:\n", 1).split('\n')) {
+            if (line.startsWith("  micro850-host "))
+                lines += line.mid(2);
+        }
+        EXPECT_FALSE(lines.isEmpty()) << command;
+        expectThatEachWorks(lines);
+    }
+}
+
+TEST_F(Documents, ShowAProjectThatTheExamplePlantAgreesWith)
+{
+    const QString project = textOfSource("README.md").section("```json\n", 1).section("```", 0, 0);
+    const Result result = hostOnPort({"check", file("p.json", project.toStdString()), "--quiet"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out,
+              "Speed: ok, INT\nLevel: ok, INT\nTank: ok, INT\nSerialNumber: ok, ULINT\n");
+}
