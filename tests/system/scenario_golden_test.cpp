@@ -1,5 +1,5 @@
-// One damaged byte at every position of every reply that the reference host gets in a session, on
-// virtual time.
+// One damaged byte at every position of every request and of every reply of a session of the
+// reference host, on virtual time.
 
 #include "sim_line.h"
 
@@ -102,16 +102,17 @@ struct Outcome
     qint64 longestMs = 0;
 };
 
-/// A session for the damage at every byte of every reply of an undisturbed one.
-Outcome disturbed(const std::string& damage)
+/// A session for the damage at every byte of every message on that side of an undisturbed one.
+Outcome disturbed(const std::string& damage, const std::string& side)
 {
     Outcome outcome;
-    for (unsigned reply = 1; reply <= kReplies; ++reply) {
+    for (unsigned message = 1; message <= kReplies; ++message) {
         for (int byte = 1;; ++byte) {
-            GoldenSession session("{" + damage + ", \"message\": " + std::to_string(reply) +
+            GoldenSession session("{" + damage + ", \"on\": \"" + side +
+                                  "\", \"message\": " + std::to_string(message) +
                                   ", \"byte\": " + std::to_string(byte) + "}");
             const bool ended = session.run();
-            if (!session.wasStruck()) // behind the reply's end
+            if (!session.wasStruck()) // behind the message's end
                 break;
             ++outcome.sessions;
             outcome.stuck += !ended;
@@ -129,13 +130,24 @@ class Golden : public ::testing::TestWithParam<std::pair<const char*, const char
 
 TEST_P(Golden, AReplyDamagedAnywhereShowsNoForeignValueAndHoldsNothingUp)
 {
-    const Outcome outcome = disturbed(GetParam().second);
+    const Outcome outcome = disturbed(GetParam().second, "replies");
     EXPECT_EQ(outcome.sessions, 279);
     EXPECT_EQ(outcome.stuck, 0);
     EXPECT_EQ(outcome.foreign, 0);
     EXPECT_EQ(outcome.lied, 0);
     // Three transmissions of 200 ms, and a second until the type of a tag is asked for again.
     EXPECT_LE(outcome.longestMs, 1650);
+}
+
+TEST_P(Golden, ARequestDamagedAnywhereIsNeverTakenForAnotherAndHoldsNothingUp)
+{
+    const Outcome outcome = disturbed(GetParam().second, "requests");
+    EXPECT_EQ(outcome.sessions, 280);
+    EXPECT_EQ(outcome.stuck, 0);
+    EXPECT_EQ(outcome.foreign, 0);
+    EXPECT_EQ(outcome.lied, 0);
+    // What the controller did not accept is repeated after one time-out at most.
+    EXPECT_LE(outcome.longestMs, 250);
 }
 
 using Damage = std::pair<const char*, const char*>;
