@@ -1,5 +1,7 @@
 #include "Exchange.h"
 
+#include <algorithm>
+
 namespace host {
 
 namespace {
@@ -18,9 +20,18 @@ struct Exchange::Attempt
     Counters& counters;
     Answer answer;
     qint64 sentAt = 0;
+    qint64 heardAt = 0; ///< the last byte
+    int timeMs = 0;
+    bool asked = false;
     int asksAgain = kLinkRetries;
     int repetitions = kLinkRetries;
     bool done = false;
+
+    qint64 deadline() const { return sentAt + timeMs; }
+    // By then a reply that is on its way has begun.
+    qint64 lateAt() const { return sentAt + timeMs / 2; }
+    // A frame in which nothing has come until then has lost its end.
+    qint64 cutOffAt() const { return heardAt + timeMs / 4; }
 };
 
 Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
@@ -43,23 +54,11 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
     attempt.sentAt = m_clock.now();
-    const int time = timeoutFor(frame.size());
-    const qint64 deadline = attempt.sentAt + time;
-    // By then a reply that is on its way has begun.
-    const qint64 lateAt = attempt.sentAt + time / 2;
+    attempt.timeMs = timeoutFor(frame.size());
     if (!sendFrame(frame, counters))
         return attempt.answer;
-
-    bool asked = false;
-    for (qint64 now = m_clock.now(); now < deadline; now = m_clock.now()) {
-        if (!asked && now >= lateAt) {
-            asked = true;
-            if (!m_collector.inFrame() && !askAgain(attempt))
-                return attempt.answer;
-        }
-        if (!collect(attempt, static_cast<int>((asked ? deadline : lateAt) - now)))
-            return attempt.answer;
-        if (attempt.done)
+    while (m_clock.now() < attempt.deadline()) {
+        if (!askWhereDue(attempt) || !collect(attempt) || attempt.done)
             return attempt.answer;
     }
     ++counters.timedOut;
@@ -67,12 +66,38 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
     return attempt.answer;
 }
 
+// A reply that has not begun is asked for once; one that stopped in the middle counts as corrupt.
 // False when the device is gone.
-bool Exchange::collect(Attempt& attempt, int waitMs)
+bool Exchange::askWhereDue(Attempt& attempt)
 {
+    const qint64 now = m_clock.now();
+    if (m_collector.inFrame()) {
+        if (now < attempt.cutOffAt())
+            return true;
+        ++attempt.counters.corrupt;
+        show(Direction::In, m_collector.abandon());
+        return askAgain(attempt);
+    }
+    if (attempt.asked || now < attempt.lateAt())
+        return true;
+    attempt.asked = true;
+    return askAgain(attempt);
+}
+
+// False when the device is gone.
+bool Exchange::collect(Attempt& attempt)
+{
+    qint64 until = attempt.deadline();
+    if (m_collector.inFrame())
+        until = std::min(until, attempt.cutOffAt());
+    else if (!attempt.asked)
+        until = std::min(until, attempt.lateAt());
     QByteArray bytes;
-    if (!m_line.receive(bytes, waitMs))
+    const qint64 wait = std::max<qint64>(0, until - m_clock.now());
+    if (!m_line.receive(bytes, static_cast<int>(wait)))
         return false;
+    if (!bytes.isEmpty())
+        attempt.heardAt = m_clock.now();
     attempt.counters.bytesReceived += bytes.size();
     for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
         if (!handle(event, attempt))
@@ -124,6 +149,11 @@ bool Exchange::askAgain(Attempt& attempt)
 bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
 {
     const Reply reply = decodeReply(data);
+    // Bytes 00 in front of the data do not change the CRC, but what stands where.
+    if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
+        ++attempt.counters.corrupt;
+        return askAgain(attempt);
+    }
     if (attempt.done || !answers(reply, attempt.answer.request)) {
         // The peer waits for its acknowledgement all the same, before it sends what is in flight.
         ++attempt.counters.late;

@@ -70,7 +70,8 @@ private:
     struct Attempt;
     bool sendFrame(const QByteArray& frame, Counters& counters);
     bool sendControl(char control);
-    bool collect(Attempt& attempt, int waitMs);
+    bool collect(Attempt& attempt);
+    bool askWhereDue(Attempt& attempt);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
     bool takeFrame(const QByteArray& data, Attempt& attempt);

@@ -23,6 +23,13 @@ void ReplyCollector::reset()
     m_illegal = false;
 }
 
+QByteArray ReplyCollector::abandon()
+{
+    QByteArray begun = m_raw;
+    reset();
+    return begun;
+}
+
 QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
 {
     QList<Event> events;

@@ -30,6 +30,8 @@ public:
 
     /// Forgets a frame that has begun.
     void reset();
+    /// The same, and gives what of it has come.
+    QByteArray abandon();
     /// Takes bytes as they arrived; gives what they complete, in order.
     QList<Event> feed(const QByteArray& bytes);
     /// True while a frame has begun and not ended.

@@ -149,6 +149,50 @@ TEST_F(ExchangeTest, StopsAskingForAReplyThatStaysCorrupt)
     EXPECT_EQ(sent(), "request, 10 15, 10 15, 10 15");
 }
 
+// The CRC begins with 0.
+TEST_F(ExchangeTest, AsksForAReplyAgainThatBytes00InFrontHaveShifted)
+{
+    const QByteArray shifted = wire::framed(QByteArray(1, '\0') + wire::unframed(reply));
+    ASSERT_EQ(shifted.right(2), reply.right(2)) << "the same CRC";
+    line.onSend = [&](const QByteArray& piece) {
+        line.arrive(piece == request ? shifted : reply.mid(2), 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
+    EXPECT_EQ(counters.corrupt, 1);
+    EXPECT_EQ(counters.late, 0);
+    EXPECT_EQ(sent(), "request, 10 15");
+}
+
+TEST_F(ExchangeTest, AsksForAReplyThatStopsInTheMiddle)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply.left(20), 5);
+        else if (piece == kNakBytes)
+            line.arrive(reply.mid(2), 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
+    EXPECT_EQ(answer.roundTripMs, 5 + 250 + 5);
+    EXPECT_EQ(counters.corrupt, 1);
+    EXPECT_EQ(sent(), "request, 10 15");
+}
+
+TEST_F(ExchangeTest, WaitsForASlowReplyAsLongAsBytesCome)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        for (int i = 0; piece == request && i < 4; ++i)
+            line.arrive(reply.mid(9 * i, 9), 240 * (i + 1));
+    };
+    ASSERT_GT(reply.size(), 27);
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(counters.corrupt, 0);
+    EXPECT_EQ(sent(), "request");
+}
+
 TEST_F(ExchangeTest, RepeatsARequestThatThePeerReceivedCorrupt)
 {
     line.onSend = [this](const QByteArray& piece) {
