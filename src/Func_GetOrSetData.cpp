@@ -74,8 +74,8 @@ void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int si
         std::memcpy(to, from, static_cast<std::size_t>(present));
         return;
     }
-    for (const char* end = from + present; from != end; to += 2)
-        *to = *from++;
+    for (int i = 0; i < present; ++i)
+        to[2 * i] = from[i];
 }
 
 /// The value in the host's layout; `hostCount` as the host passed it. Empty where nothing is asked
