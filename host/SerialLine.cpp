@@ -1,5 +1,6 @@
 #include "SerialLine.h"
 
+#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QThread>
 
@@ -32,9 +33,9 @@ QString reasonOf(const QString& device, const QSerialPort& port)
     if (!QFileInfo::exists(device))
         return QStringLiteral("there is no such device");
     if (port.error() == QSerialPort::PermissionError) {
-        return QStringLiteral(
-            "permission denied or in use by another program (a user needs to be in "
-            "the group \"dialout\")");
+        const bool allowed = ::access(QFile::encodeName(device).constData(), R_OK | W_OK) == 0;
+        return allowed ? QStringLiteral("another program uses it; end that one first")
+                       : QStringLiteral("permission denied; users of the group \"dialout\" may");
     }
     return port.errorString();
 }

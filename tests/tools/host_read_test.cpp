@@ -59,6 +59,22 @@ TEST_F(HostRead, GoesOnBehindATagThatTheControllerDoesNotKnow)
     EXPECT_EQ(result.err, "micro850-host: Nope: path destination unknown (status 05)\n");
 }
 
+TEST_F(HostRead, SaysThatAnotherProgramHasTheLine)
+{
+    simulate();
+    QProcess other;
+    other.start(MICRO850_HOST, {"watch", "Speed", "--port", port()});
+    ASSERT_TRUE(other.waitForReadyRead(60000)); // it has the line, and a value
+    const Result result = hostOnPort({"read", "Speed"});
+    other.terminate();
+    EXPECT_TRUE(other.waitForFinished());
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("cannot be opened: another program uses it; end that one first "
+                              "(choose the port with --port)\n"),
+              std::string::npos)
+        << result.err;
+}
+
 TEST_F(HostRead, SaysThatItsOutputIsLost)
 {
     simulate();
