@@ -26,6 +26,29 @@ void requireCommand(const CLI::App& app, const std::string& word)
                               micro850::didYouMean(word, names) + " (see micro850-host --help)");
 }
 
+// What the parser says, for what it did not expect with the option that may be meant.
+std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
+{
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    const CLI::App& command = parsed.empty() ? app : *parsed.front();
+    const std::string name = parsed.empty() ? "" : command.get_name() + ' ';
+    const std::string help = " (see micro850-host " + name + "--help)";
+    const std::vector<std::string> unexpected = command.remaining();
+    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
+        unexpected.empty())
+        return error.what() + help;
+    const std::string& word = unexpected.front();
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& each : option->get_lnames())
+            names.push_back(each);
+    }
+    // Compared without the dashes, which make any two options alike.
+    const bool isOption = word.rfind("--", 0) == 0;
+    const std::string meant = isOption ? micro850::didYouMean(word.substr(2), names) : "";
+    return '"' + word + "\" is not expected here" + meant + help;
+}
+
 int run(int argc, char** argv)
 {
     CLI::App app(kDescription, "micro850-host");
@@ -43,7 +66,7 @@ int run(int argc, char** argv)
     } catch (const CLI::Success& success) {
         return app.exit(success);
     } catch (const CLI::ParseError& error) {
-        throw micro850::UserError(std::string(error.what()) + " (see micro850-host --help)");
+        throw micro850::UserError(complaintOf(app, error));
     }
     for (const host::Subcommand& command : commands) {
         if (command.app->parsed())

@@ -6,6 +6,7 @@
 #include "sim_line.h"
 
 #include "DriverLibrary.h"
+#include "Output.h"
 #include "PollLoop.h"
 #include "UserError.h"
 #include "virtual_clock.h"
@@ -28,6 +29,8 @@ const int kReadTags = 8;
 // any more.
 const qint64 kChange = 64;
 const qint64 kSettled = 10000;
+// Transactions between two looks of the person who waits.
+const qint64 kShown = 1000;
 const double kMostGrowthMiB = 1;
 
 struct Options
@@ -123,6 +126,9 @@ private:
                                       {"W4", "REAL", 0, {}}, {"W5", "USINT", 0, {}}};
     qint64 m_transactions = 0;
     qint64 m_nextChange = kChange;
+    qint64 m_nextShown = 0;
+    host::Progress m_progress{host::Output(false, false), QStringLiteral("soak"),
+                              static_cast<int>(m_options.transactions)};
     int m_generation = 0;
     quint64 m_written = 0;
     quint64 m_confirmed = 0;
@@ -172,6 +178,7 @@ Soak::Soak(const Options& options)
 
 void Soak::violation(const std::string& what)
 {
+    m_progress.clear();
     if (++m_violations <= 20)
         std::cerr << "soak: transaction " << m_transactions << ": " << what << '\n';
 }
@@ -181,9 +188,14 @@ bool Soak::run()
     while (m_transactions < m_options.transactions) {
         step();
         lookAfterWrites(true);
+        if (m_transactions >= m_nextShown) {
+            m_nextShown = m_transactions + kShown;
+            m_progress.show(static_cast<int>(m_transactions));
+        }
         if (m_settledMiB == 0 && m_transactions >= std::min(kSettled, m_options.transactions / 2))
             m_settledMiB = allocatedMiB();
     }
+    m_progress.clear();
     m_line.clear();
     drain();
     const double growth = allocatedMiB() - m_settledMiB;

@@ -126,7 +126,7 @@ TEST_F(HostRead, LeadsOutOfEveryMistakeWithOneLine)
     const Mistake mistakes[] = {
         {{}, "A subcommand is required (see micro850-host --help)"},
         {{"raed"}, "\"raed\" is not a command (did you mean read?) (see micro850-host --help)"},
-        {{"read"}, "TAG is required (see micro850-host --help)"},
+        {{"read"}, "TAG is required (see micro850-host read --help)"},
         {{"read", "Speed"}, "no port is given (name it with --port DEVICE or --project FILE)"},
         {{"read", "Speed", "--port", "/none"},
          "/none: cannot be opened: there is no such device (choose the port with --port)"},
@@ -140,7 +140,11 @@ TEST_F(HostRead, LeadsOutOfEveryMistakeWithOneLine)
         {{"read", "Speed", "--port", "/none", "--driver", "/none.so"}, "/none.so"},
         {{"read", "Speed", "--port", "/none", "--baud", "3"}, "--baud: "},
         {{"read", "Speed", "--port", "/none", "--trace", "x.pdf"}, "x.pdf"},
-        {{"read", "Speed", "--fast"}, "--fast"},
+        {{"read", "Speed", "--fast"},
+         "\"--fast\" is not expected here (see micro850-host read --help)"},
+        {{"read", "Speed", "--jsn"}, "\"--jsn\" is not expected here (did you mean json?)"},
+        {{"read", "Speed", "--fast", "--more"}, "\"--fast\" is not expected here"},
+        {{"poll", "one.json", "two.json"}, "\"two.json\" is not expected here"},
     };
     for (const Mistake& mistake : mistakes) {
         const Result result = host(mistake.arguments);
