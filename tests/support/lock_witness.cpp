@@ -212,7 +212,7 @@ int LockWitness::unguardedValueChanges() const
 
 void LockWitness::act()
 {
-    if (!m_action)
+    if (!m_action || m_locksBefore-- > 0)
         return;
     const std::function<void()> action = m_action;
     m_action = nullptr;

@@ -52,8 +52,12 @@ public:
     int unguardedValueChanges() const;
 
     /// Does `action`, which the witness does not look at, as another thread would that was in time
-    /// before the next lock is taken.
-    void beforeNextLock(const std::function<void()>& action) { m_action = action; }
+    /// before the next lock is taken, or before a later one.
+    void beforeNextLock(const std::function<void()>& action, int locksBetween = 0)
+    {
+        m_action = action;
+        m_locksBefore = locksBetween;
+    }
 
     void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
     void act();
@@ -76,6 +80,7 @@ private:
     };
     LockWitness* m_before;
     std::function<void()> m_action;
+    int m_locksBefore = 0;
     std::vector<Watched> m_watched;
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;

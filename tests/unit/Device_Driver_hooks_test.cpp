@@ -12,13 +12,14 @@ struct Call
     const char* hook;
     const RW_VAR* request;
     QByteArray data;
-    int queued;
+    int queued, writeBurst, onceBurst;
 };
 std::vector<Call> calls;
 
 void note(const char* hook, const RW_VAR* request)
 {
-    calls.push_back({hook, request, request->data, PLC_driver.sendQueue.size()});
+    calls.push_back({hook, request, request->data, PLC_driver.sendQueue.size(),
+                     PLC_driver.writeBurst, PLC_driver.onceBurst});
 }
 
 } // namespace
@@ -72,6 +73,24 @@ TEST_F(Hooks, ForRemoteLinksGetTheHeadOfTheListBeingServed)
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_STREQ(calls[2].hook, "read");
     EXPECT_EQ(calls[2].request, &PLC_driver.readList.first());
+}
+
+TEST_F(Hooks, ForRemoteLinksAreCalledBeforeTheBurstIsCounted)
+{
+    settings.remoteMode = 1;
+    PLC_driver.writeList.append(writeOf("a", "x"));
+    ComCommunication();
+    PLC_driver.writeList.clear();
+    PLC_driver.onceReadList.append(readOf("b"));
+    ComCommunication();
+    PLC_driver.onceReadList.clear();
+    PLC_driver.readList.append(readOf("c"));
+    ComCommunication();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[0].writeBurst, 0);
+    EXPECT_EQ(calls[1].onceBurst, 0);
+    EXPECT_EQ(calls[2].writeBurst, 1);
+    EXPECT_EQ(calls[2].onceBurst, 1);
 }
 
 TEST_F(Hooks, ForRemoteLinksAreNotCalledOnALocalOne)

@@ -439,6 +439,29 @@ TEST_F(OwnLocks, GuardEachStepOfACompletion)
     }
 }
 
+TEST_F(OwnLocks, LetALateRequestOfTheVariableKeepItFromBeingTold)
+{
+    int locksOfAll = 0;
+    // Behind the look at the list its failure flag is looked at and the request removed.
+    for (int locksBehind : {-1, 1, 2}) {
+        PLC_driver.onceReadList.clear();
+        finished.clear();
+        fly(readOf("T"), kOneShotRead);
+        give(kGood);
+        RW_VAR late = readOf("U");
+        late.areaType = 6;
+        QByteArray reply = kGood;
+        LockWitness witness;
+        if (locksBehind >= 0)
+            witness.beforeNextLock([&] { AddListOnceReadVar(&late, 0); },
+                                   locksOfAll - 1 - locksBehind);
+        DataCom(&reply, reply.size());
+        EXPECT_EQ(finished.size(), locksBehind == 2 ? 0u : 1u) << locksBehind;
+        EXPECT_EQ(order(PLC_driver.onceReadList), QString(locksBehind >= 0 ? "U" : ""));
+        locksOfAll = static_cast<int>(witness.locked().size());
+    }
+}
+
 TEST_F(OwnLocks, GuardEachStepOfAFailure)
 {
     settings.retryLimit = 1;
