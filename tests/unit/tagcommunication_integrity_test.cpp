@@ -2,6 +2,10 @@
 
 #include "driver_fixture.h"
 
+#include <algorithm>
+#include <sys/mman.h>
+#include <unistd.h>
+
 using wire::hex;
 
 namespace {
@@ -138,6 +142,55 @@ TEST(Undoubling, ReadsNothingBehindAnArrayThatIsNotTerminated)
     const char bytes[] = {0x41, 0x10, 0x10};
     EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 2), true), hex("41 10"));
     EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 3), true), hex("41 10"));
+}
+
+// Bytes that end where the program's memory does: to read one more ends the program.
+class LastBytes
+{
+public:
+    explicit LastBytes(const QByteArray& bytes)
+        : m_page(static_cast<std::size_t>(sysconf(_SC_PAGESIZE))),
+          m_pages(
+              mmap(nullptr, 2 * m_page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0))
+    {
+        EXPECT_NE(m_pages, MAP_FAILED);
+        char* forbidden = static_cast<char*>(m_pages) + m_page;
+        EXPECT_EQ(mprotect(forbidden, m_page, PROT_NONE), 0);
+        char* begin = forbidden - bytes.size();
+        std::copy(bytes.begin(), bytes.end(), begin);
+        m_bytes = QByteArray::fromRawData(begin, bytes.size());
+    }
+    ~LastBytes() { munmap(m_pages, 2 * m_page); }
+    LastBytes(const LastBytes&) = delete;
+    LastBytes& operator=(const LastBytes&) = delete;
+    const QByteArray& operator*() const { return m_bytes; }
+
+private:
+    std::size_t m_page;
+    void* m_pages;
+    QByteArray m_bytes;
+};
+
+QByteArray modelDoubled(const QByteArray& frame)
+{
+    const int first = frame.size() > 1 && frame.at(1) == '\x06' ? 4 : 2;
+    QByteArray out;
+    for (int i = 0; i < frame.size(); ++i)
+        out += QByteArray(frame.at(i) == '\x10' && i >= first && i < frame.size() - 4 ? 2 : 1,
+                          frame.at(i));
+    return out;
+}
+
+TEST(Recovering, ReadsNoByteBehindItsInput)
+{
+    const QByteArray frame = hex("10 06 10 02 41 10 10 42 10 03 10 10");
+    for (int size = 0; size <= frame.size(); ++size) {
+        const LastBytes given(frame.left(size));
+        EXPECT_BYTES(getRecoverData(*given, true), frame.left(size).replace("\x10\x10", "\x10"));
+        EXPECT_BYTES(getRecoverData(*given, false), modelDoubled(frame.left(size)));
+    }
+    EXPECT_BYTES(getRecoverData(*LastBytes(hex("10")), true), hex("10"));
+    EXPECT_BYTES(getRecoverData(*LastBytes(hex("10 10 10")), true), hex("10 10"));
 }
 
 TEST(Recovering, LeavesTheGivenFrameAlone)
@@ -308,9 +361,14 @@ TEST(Integrity, NoticesEverySingleLostByteButTheAck)
 
 TEST(Integrity, LooksIntoNothingBehindTheGivenLength)
 {
-    const QByteArray reply = replyOfSize(30);
-    const QByteArray cut = QByteArray::fromRawData(reply.constData(), 29);
-    EXPECT_EQ(judged(cut), 0);
+    const QByteArray reply = wire::readReply(0x10, 0xC4, hex("10 10 03 10 10 03 10 03"));
+    for (int size = 0; size <= reply.size(); ++size) {
+        const LastBytes given(reply.left(size));
+        EXPECT_EQ(judged(*given), size == reply.size() ? 1 : 0) << size;
+        checkDataCrc(*given);
+    }
+    for (int dles : {22, 23, 24, 25})
+        EXPECT_EQ(judged(*LastBytes(QByteArray(dles, '\x10'))), 0);
 }
 
 } // namespace
