@@ -51,6 +51,7 @@ class Mutant:
     end: int
     text: str
     line: int
+    function: str
     description: str
 
     def applied(self, source):
@@ -326,7 +327,13 @@ class MutantFinder:
 
     def mutant(self, kind, start, end, text, description):
         line = self.source.count("\n", 0, start) + 1
-        return Mutant(self.path, kind, start, end, text, line, description)
+        function = self.function_around(start)
+        return Mutant(self.path, kind, start, end, text, line, function, description)
+
+    def function_around(self, at):
+        """The last function, or what looks like one, that begins before `at`; "" for none."""
+        heads = re.findall(r"^[A-Za-z_][^\n;=]*?(\w+)\([^\n;]*$", self.source[:at], re.MULTILINE)
+        return heads[-1] if heads else ""
 
     def replaced(self, start, end, text):
         return self.source[:start] + text + self.source[end:]

@@ -160,7 +160,7 @@ class Worker:
 
 
 def equivalents():
-    """(path, mutation) to the reason; blocks of three lines, divided by empty ones."""
+    """(place, mutation) to the reason; blocks of three lines, divided by empty ones."""
     known = {}
     lines = EQUIVALENT.read_text().splitlines() if EQUIVALENT.exists() else []
     text = "\n".join(line for line in lines if not line.startswith("#"))
@@ -170,6 +170,12 @@ def equivalents():
             raise Failure(f"{EQUIVALENT.name}: not file, mutation and reason: {parts[0]}")
         known[(parts[0], parts[1])] = parts[2]
     return known
+
+
+def is_explained(mutant, known):
+    """A place is a file, or a file and a function where others of the file share the mutation."""
+    places = (mutant.path, f"{mutant.path} {mutant.function}")
+    return any((place, mutant.description) in known for place in places)
 
 
 # ---- The check ---------------------------------------------------------------------------------
@@ -288,9 +294,9 @@ def report(check, known, seed):
 def check_all(arguments):
     same = equivalents()
     sample, spare = drawn(arguments)
-    explained = [m for m in sample if (m.path, m.description) in same]
-    sample = [m for m in sample if (m.path, m.description) not in same]
-    spare = [m for m in spare if (m.path, m.description) not in same]
+    explained = [m for m in sample if is_explained(m, same)]
+    sample = [m for m in sample if not is_explained(m, same)]
+    spare = [m for m in spare if not is_explained(m, same)]
     print(f"mutate: building the driver and its tests {arguments.jobs} times", file=sys.stderr)
     check = Check(sample, spare, len(sample))
     begin = time.monotonic()
