@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <cstring>
 
 namespace wire {
 
@@ -29,14 +30,43 @@ std::uint16_t reflectedCrc(const QByteArray& bytes, std::uint16_t start)
     return static_cast<std::uint16_t>(crc);
 }
 
+// The harnesses build and take apart millions of frames: their ends are parsed once.
+const QByteArray& frameStart()
+{
+    static const QByteArray bytes = hex("10 06 10 02");
+    return bytes;
+}
+
+const QByteArray& frameEnd()
+{
+    static const QByteArray bytes = hex("10 03");
+    return bytes;
+}
+
+std::uint16_t frameCrc(const QByteArray& data)
+{
+    return reflectedCrc(frameEnd().right(1), reflectedCrc(data, 0));
+}
+
+QByteArray head(quint8 destination, quint8 source, quint8 command, quint16 tns)
+{
+    QByteArray bytes(8, '\0');
+    bytes[0] = static_cast<char>(destination);
+    bytes[1] = static_cast<char>(source);
+    bytes[2] = static_cast<char>(command);
+    bytes[4] = static_cast<char>(tns & 0xFF);
+    bytes[5] = static_cast<char>(tns >> 8);
+    return bytes;
+}
+
 QByteArray requestHead(quint8 command, quint16 tns)
 {
-    return hex("00 01") + little(command, 1) + hex("00") + little(tns, 2) + hex("00 00");
+    return head(0, 1, command, tns);
 }
 
 QByteArray replyHead(quint8 command, quint16 tns)
 {
-    return hex("01 00") + little(command | 0x40u, 1) + hex("00") + little(tns, 2) + hex("00 00");
+    return head(1, 0, command | 0x40u, tns);
 }
 
 QByteArray connectedReply(quint16 tns, const QByteArray& cip)
@@ -58,6 +88,7 @@ QByteArray connectedRequest(quint16 tns, const QByteArray& connectionId, quint8 
 QByteArray hex(const char* text)
 {
     QByteArray bytes;
+    bytes.reserve(static_cast<int>(std::strlen(text) / 2 + 1));
     int nibbles = 0;
     unsigned value = 0;
     for (; *text; ++text) {
@@ -96,30 +127,34 @@ std::uint16_t crc16Modbus(const QByteArray& bytes)
 
 QByteArray withDoubledDle(const QByteArray& data)
 {
-    return QByteArray(data).replace(hex("10"), hex("10 10"));
+    if (!data.contains('\x10'))
+        return data;
+    return QByteArray(data).replace("\x10", "\x10\x10");
 }
 
 QByteArray framed(const QByteArray& data)
 {
-    return hex("10 06 10 02") + withDoubledDle(data) + hex("10 03") +
-           little(crc16Arc(data + hex("03")), 2);
+    return frameStart() + withDoubledDle(data) + frameEnd() + little(frameCrc(data), 2);
 }
 
 QByteArray unframed(const QByteArray& frame)
 {
-    if (frame.size() < 8 || !frame.startsWith(hex("10 06 10 02")) ||
-        frame.mid(frame.size() - 4, 2) != hex("10 03"))
+    const QByteArray& end = frameEnd();
+    if (frame.size() < 8 || !frame.startsWith(frameStart()) ||
+        std::memcmp(frame.constData() + frame.size() - 4, end.constData(), 2) != 0)
         return QByteArray();
-    const QByteArray data = frame.mid(4, frame.size() - 8).replace(hex("10 10"), hex("10"));
-    const bool intact = little(crc16Arc(data + hex("03")), 2) == frame.right(2);
+    QByteArray data = frame.mid(4, frame.size() - 8);
+    if (data.contains('\x10'))
+        data.replace("\x10\x10", "\x10");
+    const bool intact = little(frameCrc(data), 2) == frame.right(2);
     return intact ? data : QByteArray();
 }
 
 QByteArray little(quint64 value, int size)
 {
-    QByteArray bytes;
-    for (; size > 0; --size, value /= 256)
-        bytes.append(static_cast<char>(value % 256));
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i, value /= 256)
+        bytes[i] = static_cast<char>(value % 256);
     return bytes;
 }
 
