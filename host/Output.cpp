@@ -58,9 +58,8 @@ QString progressText(const QString& what, int done, int total)
     const int width = 20;
     const int full = total > 0 ? width * std::min(done, total) / total : width;
     return QStringLiteral("%1 [%2] %3/%4")
-        .arg(what, QString(full, '#') + QString(width - full, '.'))
-        .arg(done)
-        .arg(total);
+        .arg(what, QString(full, '#') + QString(width - full, '.'), QString::number(done),
+             QString::number(total));
 }
 
 Json jsonOf(const QString& text)

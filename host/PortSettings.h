@@ -34,11 +34,8 @@ struct PortSettings
     {
         const char letter = parity == Parity::None ? 'N' : parity == Parity::Even ? 'E' : 'O';
         return QStringLiteral("%1, %2 %3%4%5")
-            .arg(device)
-            .arg(baud)
-            .arg(dataBits)
-            .arg(QLatin1Char(letter))
-            .arg(stopBits);
+            .arg(device, QString::number(baud), QString::number(dataBits),
+                 QString(QLatin1Char(letter)), QString::number(stopBits));
     }
 };
 

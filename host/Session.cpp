@@ -8,7 +8,8 @@ namespace {
 
 QString placeOf(const TagKey& key, int element)
 {
-    return element == 0 ? key.second : QStringLiteral("%1[%2]").arg(key.second).arg(element);
+    return element == 0 ? key.second
+                        : QStringLiteral("%1[%2]").arg(key.second, QString::number(element));
 }
 
 [[noreturn]] void refuseTag(const QString& what, const QString& why)

@@ -52,14 +52,15 @@ TagAddress TagAddress::fromText(const QString& text)
 
 QString TagAddress::elementName(int offset) const
 {
-    return indexed ? QStringLiteral("%1[%2]").arg(tag).arg(element + offset) : tag;
+    return indexed ? QStringLiteral("%1[%2]").arg(tag, QString::number(element + offset)) : tag;
 }
 
 QString TagAddress::text() const
 {
     if (elements == 1)
         return elementName(0);
-    return QStringLiteral("%1[%2..%3]").arg(tag).arg(element).arg(element + elements - 1);
+    return QStringLiteral("%1[%2..%3]")
+        .arg(tag, QString::number(element), QString::number(element + elements - 1));
 }
 
 QStringList Assignment::valuesFor(const TagAddress& elements) const

@@ -47,7 +47,8 @@ QString requestText(const Request& request)
     if (request.tag.isEmpty())
         return text;
     return text +
-           QStringLiteral(" %1[%2] x%3").arg(request.tag).arg(request.element).arg(request.count);
+           QStringLiteral(" %1[%2] x%3")
+               .arg(request.tag, QString::number(request.element), QString::number(request.count));
 }
 
 namespace {

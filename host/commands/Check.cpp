@@ -98,9 +98,8 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
         tell(output, variables.at(done), finding);
     }
     output.note(QStringLiteral("%1: %2 variables asked for, %3 with a problem")
-                    .arg(textOf(options.line.project))
-                    .arg(done)
-                    .arg(problems));
+                    .arg(textOf(options.line.project), QString::number(done),
+                         QString::number(problems)));
     if (done < variables.size())
         interrupt.throwIfRequested();
     return problems == 0 ? micro850::kExitDone : micro850::kExitRefused;
@@ -117,9 +116,8 @@ int run(const CheckOptions& options)
                  {"stations", project.stations.size()},
                  {"variables", project.variables.size()}},
                 QStringLiteral("%1: ok, %2 variables of %3 stations")
-                    .arg(textOf(options.line.project))
-                    .arg(project.variables.size())
-                    .arg(project.stations.size()));
+                    .arg(textOf(options.line.project), QString::number(project.variables.size()),
+                         QString::number(project.stations.size())));
     return micro850::kExitDone;
 }
 

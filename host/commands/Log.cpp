@@ -142,7 +142,7 @@ int run(const LogOptions& options)
     loop.finish();
     logging.close();
     const std::string file = options.csv.empty() ? options.sqlite : options.csv;
-    output.note(QStringLiteral("%1: %2 rows written").arg(textOf(file)).arg(logging.rows()));
+    output.note(QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
     if (output.json())
         output.data({{"file", file}, {"rows", logging.rows()}}, QString());
     summarise(loop, project, logging.table(), output, connection.clock().now());

@@ -26,6 +26,14 @@ TEST_F(HostCheck, ChecksTheFileAloneWithoutAPort)
                   R"(","ok":true,"stations":1,"variables":2})" + "\n");
 }
 
+TEST_F(HostCheck, NamesAFileWithAPercentSignAndADigitAsItIs)
+{
+    const QString project = file("line%2.json", R"({"variables": [{"tag": "Speed"}]})");
+    const Result result = host({"check", project});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, project.toStdString() + ": ok, 1 variables of 1 stations\n");
+}
+
 TEST_F(HostCheck, AsksTheControllerForEachVariable)
 {
     simulate();

@@ -1,5 +1,6 @@
 #include "Frame.h"
 
+#include "TraceFile.h"
 #include "wire.h"
 
 #include <gtest/gtest.h>
@@ -57,6 +58,13 @@ TEST(Request, OfAReadTellsTagElementAndCount)
     EXPECT_EQ(request.tag, QString("Level"));
     EXPECT_EQ(request.element, 300u);
     EXPECT_EQ(request.count, 20);
+}
+
+TEST(Request, OfATagWithAPercentSignAndADigitIsToldAsItIs)
+{
+    const QByteArray path = wire::tagPath("Fill%2", 7);
+    const QString told = requestText(requestOf(wire::readRequest(1, kId, path, 3)));
+    EXPECT_TRUE(told.endsWith(" Fill%2[7] x3")) << told.toStdString();
 }
 
 TEST(Request, WithoutAnElementSegmentIsForElementZero)

@@ -30,6 +30,14 @@ std::string withVariable(const std::string& variable)
 
 } // namespace
 
+TEST(Project, NamesADeviceWithAPercentSignAndADigitAsItIs)
+{
+    PortSettings port;
+    port.device = "/dev/line%2";
+    port.baud = 38400;
+    EXPECT_EQ(port.text(), QString("/dev/line%2, 38400 8N1"));
+}
+
 TEST(Project, TakesWhatTheFileSays)
 {
     const Project project = Project::fromText(R"({

@@ -66,6 +66,15 @@ TEST_F(SessionTest, SaysWhatTheControllerRefused)
               "1: Level[10]: access beyond the end of the tag (status FF/2105)");
 }
 
+TEST_F(SessionTest, NamesATagWithAPercentSignAndADigitAsItIs)
+{
+    plc.tags["Fill%2"] = {0x00C3, {wire::hex("05 00")}};
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Fill%2"}, 7, 1);
+              }),
+              "1: Fill%2[7]: access beyond the end of the tag (status FF/2105)");
+}
+
 TEST_F(SessionTest, SaysThatAStationDoesNotAnswer)
 {
     plc.silent = true;

@@ -35,6 +35,13 @@ TEST(TagAddress, NamesATagAnElementOrARun)
     EXPECT_EQ(run.elementName(2), QString("Level[5]"));
 }
 
+TEST(TagAddress, KeepsAPercentSignAndADigitInATagsName)
+{
+    const TagAddress run = TagAddress::fromText("Fill%2[46..48]");
+    EXPECT_EQ(run.elementName(1), QString("Fill%2[47]"));
+    EXPECT_EQ(run.text(), QString("Fill%2[46..48]"));
+}
+
 TEST(TagAddress, RefusesWhatIsNoTagAndSaysWhatIs)
 {
     for (const char* text : {"", "[3]", "A[", "A[]", "A[x]", "A[-1]", "A[1]B", "two words", "A=1"})
