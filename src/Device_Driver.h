@@ -143,7 +143,7 @@ extern MICRO850_EXPORT Device_Driver PLC_driver;
 /// Names that carry an element index. Grows only.
 extern MICRO850_EXPORT QMap<QString, varName> plcAddList;
 
-// ---- Poll cycle (one thread, one call after the other) -----------------------------------------
+// ---- Poll cycle: one thread, one call after the other; both take `listMutex` -------------------
 
 /// The next frame to send, or null when there is none. The record belongs to the driver and is
 /// valid until DataCom() removes it; while it is queued, every call returns it again.
@@ -173,7 +173,7 @@ MICRO850_EXPORT void customMessageHandler(QtMsgType type, const char* message);
 
 // ---- Catalogue of variable names ----------------------------------------------------------------
 
-/// Adds the kind-2 names of `list` to the catalogue. Null or empty: nothing happens.
+/// Adds the kind-2 names of `list` to the catalogue. Null or empty: nothing happens. Any thread.
 MICRO850_ENTRY void PassVarName(QList<varName>* list);
 /// True when the catalogue holds exactly this name.
 MICRO850_EXPORT bool getPassVarName(QString name);

@@ -18,7 +18,7 @@ MICRO850_ENTRY int SetRegisterData(const QString& name, int areaType, const QStr
 MICRO850_ENTRY int GetRegisterData(const QString& name, int ignored, const QString& addressText,
                                    int station, QByteArray& out, int count);
 
-/// Always 1.
+/// Always 1. Any thread.
 MICRO850_ENTRY int QueryFinishFlag();
 /// Hook for the host's local areas; does nothing.
 MICRO850_EXPORT void WriteDataToLocal(RW_VAR* request);

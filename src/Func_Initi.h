@@ -27,9 +27,9 @@ MICRO850_ENTRY void SetComInfo(ComInfo* info);
 MICRO850_ENTRY void RegistCallBackFuncIntf(FinishCallback finish, RefreshCallback refresh);
 /// Keeps the addresses of the host's memory areas. The driver never reads through them.
 MICRO850_ENTRY void FlashLocalRegister(void* lb, void* lw, void* rwi);
-/// Enables (1) or disables (0) polling of a station; a negative station enables all. Any thread.
+/// Enables (1) or disables (0) a station, below 0 enables all. Any thread; takes `stationMutex`.
 MICRO850_ENTRY void EnCommStation(int station, int enable);
-/// Always -1; the arguments are not read.
+/// Always -1; the arguments are not read. Any thread.
 MICRO850_ENTRY int PLCAddressChangeIntef(...);
 
 extern MICRO850_EXPORT void* LB;
@@ -57,7 +57,7 @@ MICRO850_ENTRY int AddListWriteVar(RW_VAR* request, int mode);
 MICRO850_ENTRY int AddListOnceReadVar(RW_VAR* request, int mode);
 /// Replaces the cyclic list by requests of at most 15 elements for the host's variables and
 /// restarts the poll cycle; an empty list only empties it. A null list, or variables without a
-/// settings record, change nothing.
+/// settings record, change nothing. Any thread but a callback's; takes `listMutex`.
 MICRO850_ENTRY int ReCreatReadVarList(QList<HOSTVAR>* hostList);
 
 /// Appends to the cyclic list blocks of `maxLength` elements cut from `run`, which keeps the rest;
