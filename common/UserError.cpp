@@ -30,6 +30,8 @@ std::size_t distance(const std::string& a, const std::string& b)
     return row[b.size()];
 }
 
+} // namespace
+
 std::string oneLine(std::string text)
 {
     for (char& c : text) {
@@ -38,8 +40,6 @@ std::string oneLine(std::string text)
     }
     return text;
 }
-
-} // namespace
 
 UserError::UserError(const std::string& message, ExitStatus status)
     : std::runtime_error(oneLine(message)), m_status(status)

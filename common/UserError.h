@@ -14,6 +14,10 @@ enum ExitStatus {
     kExitUsage = 2    ///< usage or configuration
 };
 
+/// The text with a blank in the place of each control character, none of which is then able to move
+/// a terminal's cursor.
+std::string oneLine(std::string text);
+
 /// What a person is told: one line that names the input and the remedy, and the exit status it asks
 /// for. Control characters that the input brought in become blanks.
 class UserError : public std::runtime_error

@@ -29,7 +29,7 @@ void Output::note(const QString& text) const
 void Output::error(const QString& text) const
 {
     std::cout.flush();
-    std::cerr << "micro850-host: " << text.toStdString() << std::endl;
+    std::cerr << "micro850-host: " << micro850::oneLine(text.toStdString()) << std::endl;
 }
 
 Progress::Progress(const Output& output, const QString& what, int total)

@@ -62,10 +62,7 @@ QString tagOf(const JsonNode& node)
     const QString tag = QString::fromStdString(node.text());
     if (tag.isEmpty() || tag.size() > kLongestTag)
         node.fail("a tag has 1 to " + std::to_string(kLongestTag) + " characters");
-    const bool plain = std::all_of(tag.begin(), tag.end(), [](QChar c) {
-        return c.unicode() > 0x20 && c.unicode() < 0x7F && c != '[' && c != ']' && c != '=';
-    });
-    if (!plain)
+    if (!isPlain(tag))
         node.fail('"' + tag.toStdString() +
                   "\" is not a tag (letters, digits and signs without blanks; an index stands in "
                   "\"element\")");

@@ -7,12 +7,23 @@
 #include <QtCore/QPair>
 #include <QtCore/QString>
 
+#include <algorithm>
+
 namespace host {
 
 /// What the 8-bit length of a name, and the longest element segment that controllers accept, can
 /// hold.
 const int kLongestTag = 255;
 const int kLargestElement = 65535;
+
+/// True when every character may stand in a tag's name: letters, digits and signs without blanks,
+/// and without the brackets of an index.
+inline bool isPlain(const QString& tag)
+{
+    return std::all_of(tag.begin(), tag.end(), [](QChar c) {
+        return c.unicode() > 0x20 && c.unicode() < 0x7F && c != '[' && c != ']' && c != '=';
+    });
+}
 
 /// Station and name of a controller's tag.
 using TagKey = QPair<int, QString>;

@@ -4,6 +4,7 @@
 #include "UserError.h"
 
 #include <QtCore/QRegularExpression>
+#include <QtCore/QSet>
 
 #include <algorithm>
 
@@ -79,17 +80,21 @@ QString problemOf(const QStringList& fields, const Columns& columns, Variable& v
     variable.length = lengthOf(dimension.trimmed());
     if (variable.name.size() > kLongestTag)
         return QStringLiteral("a name has at most %1 characters").arg(kLongestTag);
+    if (!isPlain(variable.name))
+        return QStringLiteral("is not a tag (letters, digits and signs without blanks)");
     if (variable.length == 0)
         return QStringLiteral("the dimension \"%1\" is not one run of elements").arg(dimension);
-    if (type == QLatin1String("STRING")) // on the wire it may be one of several
-        return variable.length == 1 ? QString()
-                                    : QStringLiteral("of several strings only the first can be "
-                                                     "read");
+    const bool untyped = type == QLatin1String("STRING"); // on the wire it may be one of several
     for (const micro850::CipType& known : micro850::cipTypes()) {
-        if (type == QLatin1String(known.name))
+        if (!untyped && type == QLatin1String(known.name))
             variable.type = &known;
     }
-    return variable.type ? QString() : QStringLiteral("\"%1\" is not an elementary type").arg(type);
+    if (!variable.type && !untyped)
+        return QStringLiteral("\"%1\" is not an elementary type").arg(type);
+    const bool string = untyped || variable.type->kind == micro850::CipKind::String;
+    return string && variable.length != 1
+               ? QStringLiteral("of several strings only the first can be read")
+               : QString();
 }
 
 } // namespace
@@ -127,7 +132,7 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
     const QChar separator = separatorOf(lines.first());
     const Columns columns = columnsOf(csvFields(lines.first(), separator), name);
     VariableList list;
-    QStringList names;
+    QSet<QString> names;
     for (int i = 1; i < lines.size(); ++i) {
         const QStringList fields = csvFields(lines.at(i), separator);
         Variable variable;
@@ -137,7 +142,7 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
         QString problem = problemOf(fields, columns, variable);
         if (names.contains(variable.name))
             problem = QStringLiteral("is listed twice");
-        names += variable.name;
+        names.insert(variable.name);
         if (problem.isEmpty())
             list.variables.append(variable);
         else

@@ -351,6 +351,22 @@ void saveTexts()
     save("text", "element", bytes({3, 0}) + "Level[3]");
     save("text", "range", bytes({3, 0}) + "Level[3..65535]");
     save("text", "write", bytes({3, 1}) + "Level[3]=-12");
+    save("text", "write_range", bytes({3, 1}) + "Level[3..4]=1,2");
+    save("text", "a_percent_sign_and_a_digit", bytes({3, 0}) + "Fill%2[46]");
+}
+
+void saveLists()
+{
+    saveText("list", "headings_in_any_order",
+             "Comment,Data Type,NAME,Dimension\r\n"
+             "\"a, b\",INT,Speed,\r\n,dint,Recipe,[0..19]\r\n");
+    saveText("list", "semicolons", "Name;Data type\nA,B;INT\nTitle;STRING\n");
+    saveText("list", "tabs", "\xEF\xBB\xBFTag\tType\tSize\nA\tREAL\t300\n");
+    saveText("list", "passed_over",
+             "Name,Type,Dimension\nTimer,TON,\nGrid,INT,\"[0..3,0..3]\"\n"
+             "Back,INT,9..1\nA,INT,\nA,INT,\nNames,SHORT_STRING,4\n");
+    saveText("list", "no_tag", "Name,Type\nFill level,INT\nA[3],INT\n");
+    saveText("list", "no_heading", "Speed,INT\n");
 }
 
 QByteArray pcapngBlock(int type, const QByteArray& body)
@@ -455,6 +471,7 @@ int main(int argc, char** argv)
     saveTags();
     saveFaults();
     saveTexts();
+    saveLists();
     saveTraces();
     saveReplies();
     saveControllers();

@@ -75,7 +75,9 @@ void checkTag(FuzzInput& input)
             return checkAddress(host::TagAddress::fromText(text));
         const host::Assignment write = host::Assignment::fromText(text);
         checkAddress(write.address);
-        FUZZ_CHECK(write.address.elements == 1 && text.endsWith('=' + write.value));
+        FUZZ_CHECK(text.endsWith('=' + write.value));
+        if (write.address.elements <= 64)
+            FUZZ_CHECK(write.valuesFor(write.address).size() == write.address.elements);
     } catch (const UserError& error) {
         fuzz::checkComplaint(error, "\"");
     }

@@ -27,6 +27,14 @@ TEST_F(HostImport, MakesAProjectThatTheControllerAgreesWith)
     EXPECT_EQ(check.out, "Speed: ok, INT\nLevel: ok, INT\nName: ok, SHORT_STRING\n");
 }
 
+TEST_F(HostImport, TellsNothingThatMovesATerminalsCursor)
+{
+    const QString list = file("v.csv", "Name,Type\nSpeed,INT\nA\x1b[2J,TON\n");
+    const Result result = host({"import", list});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err.find('\x1b'), std::string::npos) << result.err;
+}
+
 TEST_F(HostImport, TakesTheExampleForTheExamplePlant)
 {
     simulatePlant();

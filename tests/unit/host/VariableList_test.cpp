@@ -75,6 +75,21 @@ TEST(VariableList, SaysWhatItPassesOverAndWhy)
                            "line 8: Names: of several strings only the first can be read"}));
 }
 
+TEST(VariableList, PassesOverWhatAProjectWouldNotTake)
+{
+    const VariableList list = listOf("Name,Type,Dimension\n"
+                                     "Fill level,INT,\n"
+                                     "A[3],INT,\n"
+                                     "F\xC3\xBCllung,INT,\n"
+                                     "Titles,SHORT_STRING,4\n");
+    EXPECT_TRUE(list.variables.isEmpty());
+    const QString noTag = ": is not a tag (letters, digits and signs without blanks)";
+    EXPECT_EQ(list.passedOver,
+              (QStringList{"line 2: Fill level" + noTag, "line 3: A[3]" + noTag,
+                           QString::fromUtf8("line 4: F\xC3\xBCllung") + noTag,
+                           "line 5: Titles: of several strings only the first can be read"}));
+}
+
 TEST(VariableList, NeedsAColumnForNameAndType)
 {
     EXPECT_EQ(complaint("Name,Comment\nA,INT\n"),

@@ -1,0 +1,86 @@
+// Lists of variables as a programming tool exports them: any text is read or refused with one line,
+// and what is read makes a project file that is taken.
+
+#include "Project.h"
+#include "TagDirectory.h"
+#include "VariableList.h"
+#include "complaint.h"
+
+#include <QtCore/QSet>
+
+#include <nlohmann/json.hpp>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace {
+
+using namespace host;
+
+void checkFields(const QString& line)
+{
+    for (const QChar separator : {QChar(','), QChar(';'), QChar('\t')}) {
+        const QStringList fields = csvFields(line, separator);
+        FUZZ_CHECK(!fields.isEmpty() && fields.size() <= 1 + line.count(separator));
+        FUZZ_CHECK(fields.join(QString()).size() <= line.size());
+        if (!line.contains('"'))
+            FUZZ_CHECK(fields == line.split(separator));
+    }
+}
+
+// "line 7: MyTimer: why"
+void checkPassedOver(const QString& problem, int lines)
+{
+    FUZZ_CHECK(problem.startsWith("line "));
+    const int number = problem.section(' ', 1, 1).section(':', 0, 0).toInt();
+    FUZZ_CHECK(number >= 2 && number <= lines);
+}
+
+void checkProject(const VariableList& list)
+{
+    nlohmann::json variables;
+    for (const Variable& variable : list.variables) {
+        nlohmann::json object = {{"tag", variable.tag.toStdString()}, {"length", variable.length}};
+        if (variable.type)
+            object["type"] = variable.type->name;
+        variables.push_back(object);
+    }
+    const nlohmann::json root = {{"variables", variables}};
+    const Project project = Project::fromText(QString::fromStdString(root.dump()), "p.json");
+    FUZZ_CHECK(project.variables.size() == list.variables.size());
+}
+
+void check(const VariableList& list, int lines)
+{
+    FUZZ_CHECK(list.variables.size() + list.passedOver.size() < lines);
+    QSet<QString> names;
+    for (const Variable& variable : list.variables) {
+        FUZZ_CHECK(!variable.name.isEmpty() && variable.name.size() <= kLongestTag);
+        FUZZ_CHECK(variable.tag == variable.name && variable.element == 0);
+        FUZZ_CHECK(variable.length >= 1 && variable.length <= kLargestElement + 1);
+        names.insert(variable.name);
+    }
+    FUZZ_CHECK(names.size() == list.variables.size());
+    for (const QString& problem : list.passedOver)
+        checkPassedOver(problem, lines);
+    if (!list.variables.isEmpty())
+        checkProject(list);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
+{
+    const QString text =
+        QString::fromUtf8(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
+    checkFields(text);
+    VariableList list;
+    try {
+        list = VariableList::fromCsv(text, QStringLiteral("v.csv"));
+    } catch (const micro850::UserError& error) {
+        fuzz::checkComplaint(error, "v.csv:");
+        return 0;
+    }
+    check(list, text.count('\n') + 1);
+    return 0;
+}
