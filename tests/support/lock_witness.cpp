@@ -139,6 +139,15 @@ void** QListData::append()
     return real(this);
 }
 
+void** QListData::erase(void** place)
+{
+    typedef void** (*Erase)(QListData*, void**);
+    static const Erase real = hidden<Erase>("_ZN9QListData5eraseEPPv");
+    if (present)
+        present->noteListChange(this);
+    return real(this, place);
+}
+
 void QListData::remove(int i)
 {
     typedef void (*Remove)(QListData*, int);
