@@ -411,6 +411,20 @@ TEST_F(OwnLocks, GuardTheCyclicListWhileItIsEmptied)
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
+TEST_F(OwnLocks, GuardTheCycleWhileItIsBegunAnew)
+{
+    PLC_driver.readCycleCount = 5;
+    settings.passComplete = 1;
+    QList<HOSTVAR> variables = {HOSTVAR()};
+    LockWitness witness;
+    witness.watch([] { return PLC_driver.readCycleCount; }, *ofTheLists);
+    witness.watch([this] { return settings.passComplete; }, *ofTheLists);
+    ReCreatReadVarList(&variables);
+    EXPECT_EQ(PLC_driver.readCycleCount, 0);
+    EXPECT_EQ(settings.passComplete, 0);
+    EXPECT_EQ(witness.unguardedValueChanges(), 0);
+}
+
 // Steps of which nothing but the lock can be seen are counted; more of them do no harm.
 
 TEST_F(OwnLocks, GuardEachStepOfAnIdleCall)

@@ -526,6 +526,19 @@ TEST_F(Lists, DropARunThatNoControllerHas)
     EXPECT_TRUE(PLC_driver.readList.isEmpty());
 }
 
+TEST_F(Lists, CutTheLongestRunThatAControllerCouldHave)
+{
+    RW_VAR longest = readOf("T", 0, 1048576);
+    addressAdd(longest, 15, true);
+    ASSERT_EQ(PLC_driver.readList.size(), 69906);
+    EXPECT_EQ(PLC_driver.readList.last().startAddress, 1048575);
+    EXPECT_EQ(PLC_driver.readList.last().count, 1);
+    PLC_driver.readList.clear();
+    RW_VAR tooLong = readOf("T", 0, 1048577);
+    addressAdd(tooLong, 15, true);
+    EXPECT_TRUE(PLC_driver.readList.isEmpty());
+}
+
 TEST_F(Lists, SortByStartAndKeepTheOrderOfEquals)
 {
     QList<RW_VAR> group;
