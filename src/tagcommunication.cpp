@@ -50,6 +50,9 @@ int dataStart(const QByteArray& frame)
 // The CRC carried on over more data.
 unsigned int extendedCrc(unsigned int crc, const char* begin, const char* end)
 {
+#if defined(__GNUC__) && __GNUC__ >= 8
+#pragma GCC unroll 4
+#endif
     for (; begin < end; ++begin)
         crc = crc16::extended(crc, static_cast<quint8>(*begin), crc16::kReflectedPolynomial);
     return crc;
