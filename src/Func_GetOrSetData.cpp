@@ -3,6 +3,7 @@
 #include "Func_Initi.h"
 #include "tagcommunication.h"
 
+#include <cstddef>
 #include <cstring>
 
 namespace {
@@ -74,7 +75,7 @@ void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int si
         std::memcpy(to, from, static_cast<std::size_t>(present));
         return;
     }
-    for (int i = 0; i < present; ++i)
+    for (std::ptrdiff_t i = 0; i < present; ++i)
         to[2 * i] = from[i];
 }
 
