@@ -59,8 +59,8 @@ void ValueStore::store(const TagKey& tag, int element, const micro850::CipType& 
             continue;
         m_states[i].type = &type;
         for (int at = first; at < end; ++at)
-            storeElement(i, at - variable.element, bytes.constData() + (at - element) * size, size,
-                         now);
+            storeElement(i, at - variable.element,
+                         bytes.constData() + static_cast<qptrdiff>(at - element) * size, size, now);
         if (!m_states.at(i).error.isEmpty())
             setError(i, QString());
     }
