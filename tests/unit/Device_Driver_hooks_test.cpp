@@ -18,8 +18,8 @@ std::vector<Call> calls;
 
 void note(const char* hook, const RW_VAR* request)
 {
-    calls.push_back({hook, request, request->data, PLC_driver.sendQueue.size(),
-                     PLC_driver.writeBurst, PLC_driver.onceBurst});
+    calls.push_back({hook, request, request ? request->data : QByteArray(),
+                     PLC_driver.sendQueue.size(), PLC_driver.writeBurst, PLC_driver.onceBurst});
 }
 
 } // namespace
@@ -115,6 +115,16 @@ TEST_F(Hooks, ForLocalAreasGetAWriteAsItWasSentUnlessTheLastTransactionFailed)
     WriteRegister(&request);
     EXPECT_EQ(calls.size(), 1u);
     EXPECT_EQ(PLC_driver.sendQueue.size(), 2);
+}
+
+TEST_F(Hooks, ForLocalAreasGetAWriteBehindTheNoticeToRefresh)
+{
+    PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) { note("refresh", nullptr); };
+    RW_VAR request = writeOf("T", hex("01"));
+    WriteRegister(&request);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_STREQ(calls[0].hook, "refresh");
+    EXPECT_STREQ(calls[1].hook, "local");
 }
 
 } // namespace

@@ -40,6 +40,20 @@ protected:
         return timesList(witness) == 1 && witness.balanced() &&
                witness.locked().front() == &PLC_driver.listMutex;
     }
+    /// The list was changed, and never without this lock.
+    template<typename List>
+    static bool changedUnder(const QMutex& mutex, const LockWitness& witness, const List& list)
+    {
+        int changes = 0;
+        for (const LockWitness::ListChange& change : witness.listChanges()) {
+            if (change.list != &list)
+                continue;
+            ++changes;
+            if (std::count(change.held.begin(), change.held.end(), &mutex) == 0)
+                return false;
+        }
+        return changes > 0;
+    }
     void holdAll()
     {
         for (QMutex* mutex :
@@ -113,9 +127,12 @@ TEST_F(Locks, OfTheListsAreHeldToQueueAWrite)
 {
     RW_VAR request = writeOf("T", "x");
     for (int mode : {0, 0, 0, 1}) {
+        // A record that is overwritten is seen as well: its list becomes a copy of its own.
+        const QList<RW_VAR> shared = PLC_driver.writeList;
         LockWitness witness;
         AddListWriteVar(&request, mode);
         EXPECT_TRUE(allWithinTheListLock(witness));
+        EXPECT_TRUE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.writeList));
     }
 }
 
@@ -126,6 +143,7 @@ TEST_F(Locks, OfTheListsAreHeldToQueueAnUnchangedOneShotOnly)
         LockWitness witness;
         AddListOnceReadVar(&request, 1);
         EXPECT_TRUE(allWithinTheListLock(witness));
+        EXPECT_TRUE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.onceReadList));
     }
     LockWitness witness;
     AddListOnceReadVar(&request, 0);
@@ -144,6 +162,7 @@ TEST_F(Locks, OfTheListsAreHeldWhileTheCyclicListIsRebuilt)
         LockWitness witness;
         ReCreatReadVarList(&variables);
         EXPECT_TRUE(allWithinTheListLock(witness)) << empty;
+        EXPECT_NE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.readList), empty);
     }
 }
 
@@ -179,6 +198,17 @@ TEST_F(Locks, OfTheListsAloneAreTakenToSetAValueAndOnlyToQueueIt)
         EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *witness.locked().front()));
         EXPECT_TRUE(witness.balanced());
     }
+}
+
+TEST_F(Locks, AreNotTakenByTheEncoders)
+{
+    RW_VAR read = readOf("T"), write = writeOf("T", "x");
+    LockWitness witness;
+    ReadRegister(&read);
+    WriteRegister(&write);
+    HandshakeFunction(1);
+    EXPECT_TRUE(noneNamed(witness));
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 4);
 }
 
 // ---- Poll cycle --------------------------------------------------------------------------------
@@ -291,15 +321,7 @@ protected:
     /// The list was changed, and never without the library's lock of the lists.
     template<typename List> bool guarded(const LockWitness& witness, const List& list) const
     {
-        int changes = 0;
-        for (const LockWitness::ListChange& change : witness.listChanges()) {
-            if (change.list != &list)
-                continue;
-            ++changes;
-            if (std::count(change.held.begin(), change.held.end(), ofTheLists) == 0)
-                return false;
-        }
-        return changes > 0;
+        return changedUnder(*ofTheLists, witness, list);
     }
     int times(const LockWitness& witness) const { return witness.timesLocked(*ofTheLists); }
 

@@ -415,6 +415,15 @@ TEST_F(Scheduler, CountsTheReadsThatLearnClassesTowardsTheBurstOfWrites)
     EXPECT_EQ(serve(2), QString("Rc"));
 }
 
+TEST_F(Scheduler, KeepsAQueuedWriteAsItWasSent)
+{
+    confirm("T", 2, 0xC2);
+    PLC_driver.writeList.append(writeOf("T", hex("11 00 22 00"), 0, 2));
+    ASSERT_NE(ComCommunication(), nullptr);
+    EXPECT_BYTES(PLC_driver.writeList.first().data, hex("11 22"));
+    EXPECT_BYTES(PLC_driver.sendQueue.first().var.data, hex("11 22"));
+}
+
 TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostHasJustSet)
 {
     const QByteArray value = hex("01 02");

@@ -19,6 +19,7 @@ protected:
         PLC_driver.sendQueue.append(head);
         SaveToLocalDataErea(&reply);
         EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the queue is only read";
+        EXPECT_EQ(fieldsOf(PLC_driver.sendQueue.first().var), fieldsOf(request));
         return reply;
     }
     QByteArray info(const char* tag = "T") { return PLCDataStorage[1].tagInfo.value(tag); }
@@ -55,6 +56,19 @@ TEST_F(StoredReply, PlacesEveryClassByItsOwnSize)
         store(readOf("T", 2), wire::readReply(0x21, type, QByteArray(size, 'v')));
         EXPECT_BYTES(image(), QByteArray(2 * size, '\0') + QByteArray(size, 'v')) << type;
     }
+}
+
+TEST_F(StoredReply, OverwritesItsOwnElementsOnly)
+{
+    PLCDataStorage[1].tagData["T"] = hex("09 08 07 06 05 04 03 02");
+    store(readOf("T", 1, 2), wire::readReply(0x21, 0xC3, hex("AA BB CC DD")));
+    EXPECT_BYTES(image(), hex("09 08 AA BB CC DD 03 02"));
+}
+
+TEST_F(StoredReply, PlacesAStringByItsCharacters)
+{
+    store(readOf("T", 2), wire::readReply(0x21, 0xDA, hex("02 41 42")));
+    EXPECT_BYTES(image(), hex("00 00 41 42"));
 }
 
 TEST_F(StoredReply, DropsTheLengthByteOfAString)

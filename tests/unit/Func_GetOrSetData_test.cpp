@@ -169,7 +169,9 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutRow{1, 0, 2, "41 42 43 44 45", "41 42 43 44"},
         LayoutRow{1, 3, 1, "41 42 43 44 45", "44 45"},
         LayoutRow{1, 0, 3, "41", "41 00 00 00 00 00"}, LayoutRow{2, 0, 2, "7F 80", "7F 00 80 00"},
-        LayoutRow{2, 1, 1, "7F 80", "80 00"}, LayoutRow{3, 1, 1, "01 02 03 04", "03 04"},
+        LayoutRow{2, 1, 1, "7F 80", "80 00"}, LayoutRow{2, 1, 3, "7F 80", "80 00 00 00 00 00"},
+        LayoutRow{2, 2, 1, "7F 80", "00 00"}, LayoutRow{0, 3, 1, "01 00 01", "00"},
+        LayoutRow{1, 6, 1, "41 42 43 44 45", "00 00"}, LayoutRow{3, 1, 1, "01 02 03 04", "03 04"},
         LayoutRow{3, 0, 2, "01 02 03 04", "01 02 03 04"},
         LayoutRow{3, 1, 2, "01 02 03", "03 00 00 00"},
         LayoutRow{4, 3, 2, "00 00 00 00 00 00 00 00 00 00 00 00 0A 0B 0C 0D", "0A 0B 0C 0D"},
@@ -254,6 +256,27 @@ TEST_F(GetValue, SeedsAnUnconfirmedEntryAndLeavesAConfirmedOne)
     put("U", 3, "01 02");
     get("U", 0, 1);
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("U"), hex("03 C3 00 FF"));
+}
+
+TEST_F(GetValue, SeedsTheTagOfAStationThatIsNotConnectedToo)
+{
+    setHandshakeInformation(1, false);
+    PLCDataStorage[1].tagInfo["T"] = hex("03 C3 00 00");
+    EXPECT_EQ(get("T", 0, 1), 0);
+    EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("FF 00 00 00"));
+    EXPECT_EQ(GetRegisterData("U", 0, "0", 9, out, 1), 0);
+    EXPECT_BYTES(PLCDataStorage[9].tagInfo.value("U"), hex("FF 00 00 00"));
+}
+
+TEST_F(GetValue, LeavesTheStoredValueAlone)
+{
+    declareIndexed("T");
+    put("T", 4, "01 02 03 04 05");
+    EXPECT_EQ(get("T", 1, 4), 1);
+    EXPECT_BYTES(out, hex("05 00 00 00 00 00 00 00"));
+    EXPECT_BYTES(PLCDataStorage[1].tagData.value("T"), hex("01 02 03 04 05"));
+    EXPECT_EQ(get("U", 1, 4), 0);
+    EXPECT_FALSE(PLCDataStorage[1].tagData.contains("U"));
 }
 
 TEST_F(GetValue, ReadsTheStationThatItIsGiven)

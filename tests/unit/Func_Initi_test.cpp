@@ -1,6 +1,7 @@
 #include "driver_fixture.h"
 
 #include <thread>
+#include <type_traits>
 
 using wire::hex;
 
@@ -153,6 +154,25 @@ std::string text(const QList<QPair<int, int>>& pairs)
     return out;
 }
 
+TEST_F(Lists, AreBuiltFromRecordsOfTheHostsLayout)
+{
+    HOSTVAR variable;
+    const int pointer = sizeof(void*);
+    const auto offset = [&](const void* field) {
+        return static_cast<const char*>(field) - reinterpret_cast<const char*>(&variable);
+    };
+    EXPECT_EQ(offset(&variable.hostField0), 0);
+    EXPECT_EQ(offset(&variable.areaType), 1);
+    EXPECT_EQ(offset(&variable.hostField1), 4);
+    EXPECT_EQ(offset(&variable.addressText), 8);
+    EXPECT_EQ(offset(&variable.tagName), 8 + pointer);
+    EXPECT_EQ(offset(&variable.count), 8 + 2 * pointer);
+    EXPECT_EQ(static_cast<int>(sizeof variable), 8 + 3 * pointer);
+    EXPECT_EQ(sizeof variable.count, 4u);
+    EXPECT_TRUE((std::is_same<decltype(HOSTVAR::areaType), unsigned char>::value));
+    EXPECT_TRUE(QTypeInfo<HOSTVAR>::isLarge) << "a list holds its records by pointer";
+}
+
 TEST_F(Lists, AppendCyclicReadsWithoutTestAndCap)
 {
     RW_VAR request = readOf("T");
@@ -204,6 +224,8 @@ TEST_F(Lists, AppendAWriteUnconditionallyInModeOne)
     for (int i = 1; i <= 1030; ++i)
         EXPECT_EQ(AddListWriteVar(&request, 1), i);
     EXPECT_EQ(AddListWriteVar(nullptr, 1), 1030);
+    request.startAddress = 9;
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1030) << "beyond the cap of every other mode";
 }
 
 TEST_F(Lists, NeverCompareAWriteWithTheFirstQueued)
@@ -412,6 +434,8 @@ TEST_F(Lists, DropAOneShotReadBeyondTheCap)
     request.varIndex = 501;
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
     EXPECT_EQ(AddListOnceReadVar(&request, 1), 1025) << "mode 1 has no cap";
+    request.varIndex = 502;
+    EXPECT_EQ(AddListOnceReadVar(&request, 0), 1025);
     EXPECT_EQ(AddListOnceReadVar(nullptr, 0), 1025);
     EXPECT_EQ(AddListOnceReadVar(nullptr, 1), 1025);
 }

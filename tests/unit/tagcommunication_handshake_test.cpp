@@ -219,6 +219,17 @@ TEST_F(HandshakeReply, ShorterThanItsTrailerIsRejected)
     EXPECT_EQ(check(trailer), 1);
 }
 
+TEST_F(HandshakeReply, IsNotLookedForInFrontOfItsFirstByte)
+{
+    begin();
+    const char bytes[] = {0x10, 0x10, 0x03, 0x03, 0x41, 0x42};
+    for (int from = 1; from < 6; ++from) {
+        for (int size = 0; size < 4 && from + size <= 6; ++size)
+            EXPECT_EQ(check(QByteArray::fromRawData(bytes + from, size)), 0) << from << ' ' << size;
+    }
+    EXPECT_EQ(check(QByteArray::fromRawData(bytes + 1, 4)), 1);
+}
+
 TEST_F(HandshakeReply, MustEndInDleEtxAndTwoBytes)
 {
     begin();

@@ -324,13 +324,13 @@ TEST_F(AddressType, IsNotConfirmedWithoutARequest)
 TEST_F(AddressType, ChangesNothingInTheRequest)
 {
     confirm("Speed", 3, 0xC3);
-    RW_VAR request = readOf("Speed", 4, 2);
+    PLCDataStorage[1].tagData["Speed"] = hex("D2 04");
+    RW_VAR request = distinctRequest("Speed");
+    const std::string before = fieldsOf(request);
     EXPECT_TRUE(getAddressType(&request));
-    EXPECT_FALSE(getTagData(&request));
-    EXPECT_EQ(request.startAddress, 4);
-    EXPECT_EQ(request.count, 2);
-    EXPECT_EQ(request.reqFlag, 1);
-    EXPECT_EQ(request.tagName, QString("Speed"));
+    EXPECT_EQ(fieldsOf(request), before);
+    EXPECT_TRUE(getTagData(&request));
+    EXPECT_EQ(fieldsOf(request), before);
 }
 
 // Codes 0xC1 to 0xDA in order.
@@ -371,6 +371,14 @@ TEST(RegType, IsTwoForACodeThatIsMissing)
     EXPECT_EQ(getRegType(QByteArray()), 2);
     EXPECT_EQ(getRegType(hex("A3")), 2);
     EXPECT_EQ(getRegType(hex("A3 A3 C4")), 2);
+}
+
+TEST(RegType, LooksAtNothingBehindAnArrayThatIsNotTerminated)
+{
+    const char bytes[] = {'\xA3', '\xC4'};
+    EXPECT_EQ(getRegType(QByteArray::fromRawData(bytes, 1)), 2);
+    EXPECT_EQ(getRegType(QByteArray::fromRawData(bytes + 1, 0)), 2);
+    EXPECT_EQ(getRegType(QByteArray::fromRawData(bytes + 1, 1)), 4);
 }
 
 TEST(RegType, NeedsNoSecondByte)
