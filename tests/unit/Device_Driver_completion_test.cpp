@@ -59,6 +59,29 @@ TEST_F(Completion, CountsTowardsTheCycleBehindTheLastFrameOnly)
     EXPECT_EQ(PLC_driver.readCycleCount, 1);
 }
 
+TEST_F(Completion, ComesWithAnyFrameBehindTheAnnouncedOnes)
+{
+    for (int announced : {0, 1, -1}) {
+        finished.clear();
+        fly(writeOf("T", "x"), kWrite);
+        settings.frameCount = announced;
+        settings.framesAnswered = 1;
+        EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
+        EXPECT_EQ(finished.size(), 1u) << announced;
+        EXPECT_TRUE(PLC_driver.writeList.isEmpty()) << announced;
+    }
+}
+
+TEST_F(Completion, OfARemoteRequestTakesATransactionNumberToo)
+{
+    RW_VAR request = readOf("T");
+    request.linkId = 0;
+    fly(request, kCyclicRead);
+    EXPECT_EQ(answer(kGood), 100);
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x22);
+    EXPECT_EQ(settings.framesAnswered, 1);
+}
+
 TEST_F(Completion, OfARemoteRequestsFirstFrameHasItsCodeToo)
 {
     RW_VAR request = readOf("T");
@@ -110,6 +133,27 @@ TEST_F(Completion, TellsTheHostBeforeTheRequestLeavesItsList)
     EXPECT_EQ(queuedWrites, 1);
     EXPECT_EQ(resultThen, QString("before"));
     EXPECT_EQ(PLC_driver.result.tagName, QString("T"));
+}
+
+int counterThen, passCompleteThen, framesAnsweredThen;
+bool nothingInFlightThen;
+
+TEST_F(Completion, TellsTheHostBehindFrameCounterAndCycle)
+{
+    counterThen = passCompleteThen = framesAnsweredThen = -1;
+    nothingInFlightThen = false;
+    PLC_driver.finishCallback = [](int, int, int, int) {
+        counterThen = PLCDataStorage[1].transactionCounter;
+        passCompleteThen = PLC_driver.comInfo->passComplete;
+        framesAnsweredThen = PLC_driver.comInfo->framesAnswered;
+        nothingInFlightThen = PLC_driver.sendQueue.isEmpty();
+    };
+    fly(writeOf("T", "x"), kWrite);
+    answer(wire::writeReply(0x21));
+    EXPECT_EQ(counterThen, 0x22);
+    EXPECT_EQ(passCompleteThen, 1) << "a cycle of no reads is complete";
+    EXPECT_EQ(framesAnsweredThen, 1);
+    EXPECT_TRUE(nothingInFlightThen);
 }
 
 TEST_F(Completion, NeedsAFrameInFlight)
@@ -250,6 +294,38 @@ TEST_F(Failure, TellsTheHostToRefreshUnderTheListLockBeforeAnythingIsDropped)
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
 }
 
+TEST_F(Failure, HandsTheHostAFreshListEachTime)
+{
+    settings.retryLimit = 0;
+    static std::vector<int> sizes;
+    sizes.clear();
+    PLC_driver.refreshCallback = [](QList<RW_VAR>* list, int, int) {
+        sizes.push_back(list->size());
+        list->append(RW_VAR());
+    };
+    for (int i = 0; i < 2; ++i) {
+        connectStation(1, kId, 0x21);
+        flyUnanswerable(readOf("T"), kCyclicRead);
+        timeOut();
+    }
+    EXPECT_EQ(sizes, (std::vector<int>{0, 0})) << "what a host adds is thrown away";
+    EXPECT_EQ(PLC_driver.readList.size(), 2);
+}
+
+TEST_F(Failure, SendsTheSameFrameAgainWithinTheLimit)
+{
+    Protocol* head = flyUnanswerable(readOf("T"), kCyclicRead);
+    const QByteArray frame = head->frame;
+    const int length = head->sendLength;
+    for (int i = 0; i < settings.retryLimit; ++i) {
+        timeOut();
+        ASSERT_EQ(ComCommunication(), head);
+        EXPECT_BYTES(head->frame, frame);
+        EXPECT_EQ(head->sendLength, length);
+        EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
+    }
+}
+
 TEST_F(Failure, KeepsOtherStationsInAnyMultiStationMode)
 {
     for (int mode : {2, -1}) {
@@ -365,6 +441,27 @@ TEST_F(Judging, BeginsAtZeroBehindAConnectionRequestThatWasGivenUp)
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     flyRead();
     EXPECT_EQ(judgementsUntilGivenUp(), 11);
+}
+
+TEST_F(Judging, BeginsAtZeroBehindEachGoodReplyOfASetUp)
+{
+    const auto judgeFiveTimes = [this] {
+        flyRead();
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(give(kBad), 0);
+    };
+    judgeFiveTimes();
+    awaitConnectionOf(2);
+    flyRead();
+    EXPECT_EQ(judgementsUntilGivenUp(), 11) << "behind the identity reply";
+
+    awaitConnectionOf(3);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(timeOut(), 201);
+    EXPECT_EQ(give(wire::forwardOpenReply(5, kId)), 1);
+    EXPECT_TRUE(getHandshakeInformation(3));
+    flyRead();
+    EXPECT_EQ(judgementsUntilGivenUp(), 11) << "behind the connection reply";
 }
 
 TEST_F(Judging, IsNotCountedByAnIdentityRequestWithoutAnswer)

@@ -306,6 +306,14 @@ TEST_F(Dispatcher, NamesTheReasonOfAFailureByItsCode)
 
 TEST_F(Dispatcher, TellsAFailureEvenIfTheVariableContinues)
 {
+    fly(numbered(readOf("T"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(numbered(readOf("T"), 5, 6));
+    EXPECT_EQ(failForGood(), 46);
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0], (Finished{9, 5, 6, 2}));
+
+    finished.clear();
+    connectStation(1, kId, 0x21);
     fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
     PLC_driver.writeList.append(numbered(writeOf("T", "x"), 5, 6));
     refreshed.clear();

@@ -75,6 +75,47 @@ TEST_F(Hooks, ForRemoteLinksGetTheHeadOfTheListBeingServed)
     EXPECT_EQ(calls[2].request, &PLC_driver.readList.first());
 }
 
+TEST_F(Hooks, ForRemoteLinksPassOverTheRequestsOfADisabledStation)
+{
+    const auto enabledBehindDisabled = [this](QList<RW_VAR>& list) {
+        RW_VAR disabled = readOf("a");
+        disabled.stationNo = 2;
+        list.append(disabled);
+        list.append(readOf("b"));
+    };
+    settings.remoteMode = 1;
+    EnCommStation(2, 0);
+    for (QList<RW_VAR>* list : {&PLC_driver.writeList, &PLC_driver.onceReadList}) {
+        enabledBehindDisabled(*list);
+        ComCommunication();
+        ASSERT_EQ(list->size(), 1) << "that of the disabled station is deleted";
+        EXPECT_EQ(list->first().tagName, QString("b"));
+        EXPECT_EQ(calls.back().request, &list->first());
+        list->clear();
+    }
+    enabledBehindDisabled(PLC_driver.readList);
+    ComCommunication();
+    ASSERT_EQ(PLC_driver.readList.size(), 2) << "a cyclic one is rotated";
+    EXPECT_EQ(PLC_driver.readList.first().tagName, QString("b"));
+    EXPECT_EQ(calls.back().request, &PLC_driver.readList.first());
+    EXPECT_EQ(calls.size(), 3u);
+}
+
+TEST_F(Hooks, ForRemoteLinksAreNotCalledWhereEveryStationIsDisabled)
+{
+    settings.remoteMode = 1;
+    EnCommStation(1, 0);
+    PLC_driver.writeList.append(readOf("a"));
+    PLC_driver.onceReadList.append(readOf("b"));
+    PLC_driver.readList.append(readOf("c"));
+    for (int call = 0; call < 3; ++call)
+        EXPECT_EQ(ComCommunication(), nullptr);
+    EXPECT_TRUE(calls.empty());
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_EQ(PLC_driver.readList.size(), 1);
+}
+
 TEST_F(Hooks, ForRemoteLinksAreCalledBeforeTheBurstIsCounted)
 {
     settings.remoteMode = 1;

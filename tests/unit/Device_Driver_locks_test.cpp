@@ -278,6 +278,20 @@ TEST_F(Locks, OfTheListsAreTakenForACompletionAndNotBefore)
     EXPECT_TRUE(witness.balanced());
 }
 
+TEST_F(Locks, OfTheListsAreTakenOnceForAFrameThatOthersFollow)
+{
+    fly(writeOf("T", "x"), kWrite);
+    PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
+    settings.frameCount = 2;
+    give(kGood);
+    LockWitness witness;
+    QByteArray bytes = kGood;
+    DataCom(&bytes, bytes.size());
+    EXPECT_EQ(PLC_driver.writeList.size(), 1);
+    EXPECT_EQ(timesList(witness), 1);
+    EXPECT_TRUE(witness.balanced());
+}
+
 TEST_F(Locks, OfTheListsAreTakenOnceForAFailureWithinTheLimitAndBeyond)
 {
     flyUnanswerable(readOf("T"), kCyclicRead);
@@ -472,6 +486,22 @@ TEST_F(OwnLocks, GuardEachStepOfACompletion)
         LockWitness witness;
         give(kGood);
         EXPECT_GE(times(witness), 5) << "no failure, head, last one, told, removed";
+    }
+}
+
+TEST_F(OwnLocks, OfTheStoreAreTakenBeforeThatOfTheListsForAnswerAndFailure)
+{
+    settings.retryLimit = 0;
+    for (const bool answered : {true, false}) {
+        connectStation(1, kId, 0x21);
+        Protocol* head = flyUnanswerable(writeOf("T", "x"), kWrite);
+        head->replyLength = kGood.size();
+        QByteArray bytes = answered ? kGood : QByteArray();
+        LockWitness witness;
+        DataCom(&bytes, bytes.size());
+        EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+        EXPECT_GE(witness.timesLocked(*ofTheStore), 2) << "asked, and counted on or marked lost";
+        EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *ofTheStore));
     }
 }
 

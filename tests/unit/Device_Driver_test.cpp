@@ -14,6 +14,9 @@ namespace {
 TEST(DriverObject, StartsEmptyWithNothingInFlight)
 {
     Device_Driver fresh;
+    EXPECT_EQ(fresh.comInfo, nullptr);
+    EXPECT_EQ(fresh.finishCallback, nullptr);
+    EXPECT_EQ(fresh.refreshCallback, nullptr);
     EXPECT_TRUE(fresh.readList.isEmpty());
     EXPECT_TRUE(fresh.writeList.isEmpty());
     EXPECT_TRUE(fresh.onceReadList.isEmpty());
@@ -136,6 +139,7 @@ TEST(DriverRecords, FindEachSettingAtItsWord)
     EXPECT_EQ(offset(&ComInfo::writeMode), 4 * 16);
     EXPECT_EQ(offset(&ComInfo::passComplete), 4 * 17);
     EXPECT_EQ(offset(&ComInfo::callbackChannel), 4 * 18);
+    EXPECT_EQ(sizeof(ComInfo::callbackChannel), 4u);
 }
 
 TEST(DriverObject, HasItsMembersInTheHostsOrder)
@@ -150,6 +154,7 @@ TEST(DriverObject, HasItsMembersInTheHostsOrder)
     for (std::size_t i = 1; i < std::size(members); ++i)
         EXPECT_LT(members[i - 1], members[i]) << i;
     EXPECT_EQ(sizeof d.errorFlag, 1u);
+    EXPECT_EQ(sizeof d.spareFlag, 1u);
 }
 
 TEST(DriverRecords, ArePlainValues)
@@ -180,13 +185,20 @@ TEST(DriverRecords, AreCopiedByValue)
     Protocol queued;
     queued.frame = "frame";
     queued.var.tagName = "T";
+    queued.var.addressText = "1";
     queued.var.data = "data";
     Protocol copy = queued;
+    EXPECT_EQ(copy.frame.constData(), queued.frame.constData()) << "until one is changed";
+    EXPECT_EQ(copy.var.tagName.constData(), queued.var.tagName.constData());
+    EXPECT_EQ(copy.var.addressText.constData(), queued.var.addressText.constData());
+    EXPECT_EQ(copy.var.data.constData(), queued.var.data.constData());
     copy.frame[0] = 'F';
     copy.var.tagName[0] = QLatin1Char('U');
+    copy.var.addressText[0] = QLatin1Char('2');
     copy.var.data.clear();
     EXPECT_EQ(queued.frame, QByteArray("frame"));
     EXPECT_EQ(queued.var.tagName, QString("T"));
+    EXPECT_EQ(queued.var.addressText, QString("1"));
     EXPECT_EQ(queued.var.data, QByteArray("data"));
 }
 
@@ -327,6 +339,31 @@ TEST_F(Catalogue, OnlyGrows)
     PassVarName(nullptr);
     EXPECT_EQ(plcAddList.size(), 2);
     EXPECT_EQ(plcAddList["A"].kind, 2);
+}
+
+TEST_F(Catalogue, KeepsItsOwnCopyOfTheHostsRecords)
+{
+    QList<varName> names = {named("B", 2, 5)};
+    PassVarName(&names);
+    names[0].name = "C";
+    names[0].kind = 1;
+    names[0].hostField2 = 7;
+    names[0].hostField3.clear();
+    EXPECT_EQ(plcAddList["B"].name, QString("B"));
+    EXPECT_EQ(plcAddList["B"].kind, 2);
+    EXPECT_EQ(plcAddList["B"].hostField2, 5);
+    EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "5");
+}
+
+TEST_F(Catalogue, DoesNotLearnANameByBeingAskedForIt)
+{
+    RW_VAR request = readOf("A", 5, 9);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_FALSE(getPassVarName("A"));
+        updateRwVar(&request);
+        EXPECT_EQ(request.reqFlag, 0);
+    }
+    EXPECT_TRUE(plcAddList.isEmpty());
 }
 
 TEST_F(Catalogue, GivesACataloguedRequestItsElementAndKeepsItsCount)

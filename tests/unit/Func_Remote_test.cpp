@@ -11,6 +11,7 @@ protected:
         EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
         EXPECT_TRUE(PLC_driver.readList.isEmpty());
         EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+        EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
         EXPECT_TRUE(PLCDataStorage.isEmpty());
         EXPECT_TRUE(finished.empty());
         EXPECT_TRUE(refreshed.empty());
@@ -21,11 +22,7 @@ protected:
 
 void expectUnchanged(const RW_VAR& request, const RW_VAR& before)
 {
-    EXPECT_EQ(request.tagName, before.tagName);
-    EXPECT_EQ(request.startAddress, before.startAddress);
-    EXPECT_EQ(request.count, before.count);
-    EXPECT_EQ(request.retValue, before.retValue);
-    EXPECT_BYTES(request.data, before.data);
+    EXPECT_EQ(fieldsOf(request), fieldsOf(before));
 }
 
 TEST_F(RemoteHandlers, ReadNothing)

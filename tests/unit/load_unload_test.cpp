@@ -4,6 +4,10 @@
 #include "Func_Initi.h"
 #include "tagcommunication.h"
 
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QTemporaryDir>
+
 #include <gtest/gtest.h>
 
 #include <dlfcn.h>
@@ -142,9 +146,18 @@ TEST(LoadAndUnload, BeginsEmptyEachTime)
         EXPECT_TRUE(driver.writeList.isEmpty());
         EXPECT_TRUE(driver.onceReadList.isEmpty());
         EXPECT_TRUE(driver.disabledStations.isEmpty());
+        EXPECT_TRUE(driver.spareList.isEmpty());
+        EXPECT_TRUE(driver.extendList.isEmpty());
         EXPECT_EQ(driver.comInfo, nullptr);
+        EXPECT_EQ(driver.finishCallback, nullptr);
+        EXPECT_EQ(driver.refreshCallback, nullptr);
         EXPECT_EQ(driver.currentList, 100);
         EXPECT_EQ(driver.writeBurst, 0);
+        EXPECT_EQ(driver.onceBurst, 0);
+        EXPECT_EQ(driver.readCycleCount, 0);
+        EXPECT_FALSE(driver.errorFlag);
+        EXPECT_FALSE(driver.spareFlag);
+        EXPECT_TRUE(driver.result.tagName.isEmpty());
         EXPECT_EQ((library.object<QMap<int, PLCTAGCOMMUNICATION>>("PLCDataStorage").size()), 0);
         for (const char* area : {"LB", "LW", "RWI"})
             EXPECT_EQ(library.object<void*>(area), nullptr) << area;
@@ -153,6 +166,63 @@ TEST(LoadAndUnload, BeginsEmptyEachTime)
         queueRecords(library, settings);
         EXPECT_EQ(driver.sendQueue.size(), 2);
     }
+}
+
+// How many incomplete replies the library, as just loaded, takes until it gives a read up. It is
+// unloaded in the middle of its next count.
+int judgementsUntilGivenUp()
+{
+    ComInfo settings = ComInfo();
+    const Loaded library;
+    const auto dataCom = library.entry<decltype(DataCom)>("DataCom");
+    library.entry<decltype(SetComInfo)>("SetComInfo")(&settings);
+    library.object<QMap<int, PLCTAGCOMMUNICATION>>("PLCDataStorage")[1].handshakeDone = true;
+    RW_VAR made = request(1);
+    library.entry<decltype(AddListReadVar)>("AddListReadVar")(&made);
+    Protocol* head = library.entry<decltype(ComCommunication)>("ComCommunication")();
+    EXPECT_NE(head, nullptr);
+    QByteArray incomplete = "x";
+    int judgements = 1;
+    while (head && judgements < 30 && dataCom(&incomplete, 1)->retValue == 0)
+        ++judgements;
+    if (head) {
+        head->replyLength = -1;
+        for (int i = 0; i < 5; ++i)
+            EXPECT_EQ(dataCom(&incomplete, 1)->retValue, 0);
+    }
+    return judgements;
+}
+
+TEST(LoadAndUnload, CountsIncompleteRepliesFromZeroEachTime)
+{
+    EXPECT_EQ(judgementsUntilGivenUp(), 11);
+    EXPECT_EQ(judgementsUntilGivenUp(), 11);
+}
+
+// What the log holds behind these messages of one run of the library.
+QByteArray logBehind(const std::vector<const char*>& messages)
+{
+    const Loaded library;
+    const auto handler =
+        library.entry<decltype(customMessageHandler)>("_Z20customMessageHandler9QtMsgTypePKc");
+    for (const char* message : messages)
+        handler(QtDebugMsg, message);
+    QFile file("debug.log");
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+TEST(LoadAndUnload, EmptiesTheLogWithTheFirstMessageEachTime)
+{
+    const QString before = QDir::currentPath();
+    QTemporaryDir folder;
+    ASSERT_TRUE(QDir::setCurrent(folder.path()));
+    const QByteArray first = logBehind({"one", "two"});
+    const QByteArray second = logBehind({"three"});
+    ASSERT_TRUE(QDir::setCurrent(before));
+    EXPECT_EQ(first.count('\n'), 2) << "each line is in the file when its call returns";
+    EXPECT_TRUE(first.endsWith(":two\n"));
+    EXPECT_EQ(second.count('\n'), 1);
+    EXPECT_TRUE(second.endsWith(":three\n"));
 }
 
 TEST(LoadAndUnload, MakesTheDriverThenTheCatalogueThenTheStore)
