@@ -49,14 +49,17 @@ int Exchange::timeoutFor(int requestBytes) const
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
 {
     Attempt attempt = {frame, counters, Answer()};
-    attempt.answer.request = decodeRequest(dataOf(frame));
     m_line.discardInput();
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
     attempt.sentAt = m_clock.now();
     attempt.timeMs = timeoutFor(frame.size());
-    if (!sendFrame(frame, counters))
+    const bool sent = sendFrame(frame, counters);
+    attempt.answer.request = decodeRequest(dataOf(frame));
+    if (!sent)
         return attempt.answer;
+    if (m_meanwhile)
+        m_meanwhile();
     while (m_clock.now() < attempt.deadline()) {
         if (!askWhereDue(attempt) || !collect(attempt) || attempt.done)
             return attempt.answer;

@@ -59,6 +59,9 @@ public:
     /// and the link controls that stand for themselves.
     void setObserver(Observer observer) { m_observer = std::move(observer); }
 
+    /// Called when a request has gone out: for what need not come before it.
+    void setMeanwhile(std::function<void()> meanwhile) { m_meanwhile = std::move(meanwhile); }
+
     Answer run(const QByteArray& frame, Counters& counters);
     /// Acknowledges the last reply, which the next request does otherwise: for a pause or an end.
     void acknowledge();
@@ -82,6 +85,7 @@ private:
     PortSettings m_settings;
     ReplyCollector m_collector;
     Observer m_observer;
+    std::function<void()> m_meanwhile;
     char m_lastResponse = kAck;
     bool m_unacknowledged = false;
     QByteArray m_lastFrame;

@@ -30,6 +30,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
     : m_project(project), m_line(line), m_clock(clock), m_exchange(line, clock, project.port),
       m_driver(api, project.stations.first().number, project.port.retryLimit), m_values(project)
 {
+    m_exchange.setMeanwhile([this] { storeArrived(); });
     for (const StationSettings& settings : project.stations) {
         Station& station = m_stations[settings.number];
         station.number = settings.number;
@@ -94,6 +95,7 @@ bool PollLoop::openLine()
 // The transaction in flight stays queued and goes out again when the device is back.
 void PollLoop::loseLine()
 {
+    storeArrived();
     m_line.close();
     m_lineError = QStringLiteral("the device is gone");
     m_openPauseMs = grown(m_openPauseMs, kFirstOpenPauseMs, kLongestOpenPauseMs);
@@ -109,10 +111,17 @@ void PollLoop::pauseFor(qint64 ms)
 // that would acknowledge the last reply.
 void PollLoop::idle()
 {
+    storeArrived();
     if (++m_idleSteps < 2)
         return;
     m_exchange.acknowledge();
     pauseFor(kIdlePauseMs);
+}
+
+void PollLoop::finish()
+{
+    storeArrived();
+    m_exchange.acknowledge();
 }
 
 void PollLoop::transact(Protocol& sent)

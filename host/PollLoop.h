@@ -11,6 +11,8 @@
 #include <QtCore/QHash>
 #include <QtCore/QQueue>
 
+#include <optional>
+
 namespace host {
 
 /// Polls a project's variables and carries out single reads and writes, one transaction a step. The
@@ -24,7 +26,7 @@ public:
     /// One transaction, or a pause of some milliseconds when there is nothing to do.
     void step();
     /// Acknowledges the last reply: before the line is closed.
-    void finish() { m_exchange.acknowledge(); }
+    void finish();
 
     /// Makes a tag known that no variable names.
     void declare(const TagKey& tag);
@@ -76,6 +78,7 @@ private:
     void checkVariables(const TagKey& key);
     void checkVariable(int variable, const Tag& tag);
     void takeValues(const RW_VAR& sent, const Request& request, const Reply& reply);
+    QByteArray storeArrived();
     void takeRefusal(const RW_VAR& sent, const Request& request);
     void refuseTag(const TagKey& key, const QString& why);
     void takeFinished();
@@ -83,6 +86,15 @@ private:
     void end(Operation& operation, Operation::State state, const QString& error = QString());
     int add(const Operation& operation);
     void readOnce(int variable);
+
+    /// A good reply whose values are fetched once the next request is on its way.
+    struct Arrived
+    {
+        TagKey key;
+        int element;
+        QByteArray values;
+        qint64 at;
+    };
 
     const Project& m_project;
     Line& m_line;
@@ -101,6 +113,7 @@ private:
     qint64 m_nextLook = 0;
     int m_lastId = 0;
     bool m_replan = true;
+    std::optional<Arrived> m_arrived;
     QString m_refusal;             ///< status of the reply in hand, when it refuses
     bool m_connectionLost = false; ///< the reply in hand says so
     QString m_lineError;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace host {
 
@@ -69,15 +70,27 @@ void PollLoop::takeValues(const RW_VAR& sent, const Request& request, const Repl
     // The driver asks for element 0 while it does not know the class, whatever the request says.
     const bool asAsked = static_cast<int>(request.element) == sent.startAddress;
     if (tag.type && tag.typeCode == reply.typeCode() && asAsked) {
-        const int element = sent.startAddress;
-        const QByteArray bytes = m_driver.storedValue(key, tag.typeCode, element, reply.values());
-        m_values.store(key, element, *tag.type, bytes, m_clock.now());
+        m_arrived = Arrived{key, sent.startAddress, reply.values(), m_clock.now()};
         const auto operation = m_operations.find(sent.varIndex);
         if (operation != m_operations.end() && operation->tag == key)
-            operation->result = bytes;
+            operation->result = storeArrived();
     }
     if (learnt)
         checkVariables(key);
+}
+
+// The line would stand still meanwhile, so that this waits until the next request has gone out, or
+// until there is none.
+QByteArray PollLoop::storeArrived()
+{
+    if (!m_arrived)
+        return QByteArray();
+    const Arrived arrived = *std::exchange(m_arrived, std::nullopt);
+    const Tag& tag = m_tags[arrived.key];
+    const QByteArray bytes =
+        m_driver.storedValue(arrived.key, tag.typeCode, arrived.element, arrived.values);
+    m_values.store(arrived.key, arrived.element, *tag.type, bytes, arrived.at);
+    return bytes;
 }
 
 // True when the tag's type is new. The driver keeps the first one for good.

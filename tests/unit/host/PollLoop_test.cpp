@@ -27,6 +27,53 @@ TEST_F(PollLoopTest, ConnectsLearnsTheTypeAndReadsInACycle)
     EXPECT_TRUE(runUntil([&] { return text(0) == "-1"; }));
 }
 
+TEST_F(PollLoopTest, StoresTheValuesOfAReplyWhileTheNextRequestIsOnItsWay)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    // Each reply brings another value; noted is whether it is shown when the next request goes out.
+    int replied = 0;
+    qint64 repliedAt = 0;
+    int shown = 0;
+    int notYet = 0;
+    plc.onReply = [&](const FakeController::Request& request, QByteArray& reply) {
+        if (request.service != 0x52)
+            return;
+        reply = wire::readReply(request.tns, 0x00C3, wire::little(unsigned(++replied), 2));
+        repliedAt = clock.now() + 1;
+    };
+    loop->exchange().setObserver([&](Exchange::Direction direction, const QByteArray&, qint64 now) {
+        if (direction == Exchange::Direction::Out && now == repliedAt)
+            ++(text(0) == std::to_string(replied) ? shown : notYet);
+    });
+    ASSERT_TRUE(runUntil([&] { return replied == 100; }));
+    EXPECT_EQ(shown, 0);
+    EXPECT_GT(notYet, 50);
+}
+
+TEST_F(PollLoopTest, StoresTheValuesOfTheLastReplyBeforeItEnds)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.tags["Speed"].elements[0] = hex("FF FF");
+    const int reads = plc.count(0x52);
+    ASSERT_TRUE(runUntil([&] { return plc.count(0x52) == reads + 1; }));
+    loop->finish();
+    EXPECT_EQ(text(0), "-1");
+}
+
+TEST_F(PollLoopTest, StoresTheValuesOfTheLastReplyWhenTheDeviceGoes)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.tags["Speed"].elements[0] = hex("FF FF");
+    const int reads = plc.count(0x52);
+    ASSERT_TRUE(runUntil([&] { return plc.count(0x52) == reads + 1; }));
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    EXPECT_EQ(text(0), "-1");
+}
+
 TEST_F(PollLoopTest, ReadsEveryElementOfAWideArray)
 {
     plc.tags["Recipe"] = {0x00C4, QVector<QByteArray>(70)};
@@ -115,6 +162,7 @@ TEST_F(PollLoopTest, ReadsTheLastByteOfAReplyWhoseCrcIsTwoDles)
         const bool before = matched > 5;
         return before;
     }));
+    loop->finish();
     const QByteArray expected = plc.tags["Speed"].elements[0];
     EXPECT_EQ(text(0), std::to_string(static_cast<qint16>(static_cast<quint8>(expected[0]) |
                                                           static_cast<quint8>(expected[1]) << 8)));
