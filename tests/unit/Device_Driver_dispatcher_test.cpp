@@ -682,6 +682,17 @@ TEST_F(SetUp, ResendsTheConnectionRequestThreeTimesWithItsPresentNumber)
     EXPECT_FALSE(getHandshakeInformation(1));
 }
 
+TEST_F(SetUp, ResendsTheRequestInFlightAndNoOther)
+{
+    give(wire::identityReply(1));
+    PLC_driver.sendQueue.append(head());
+    const QByteArray second = PLC_driver.sendQueue.last().frame;
+    EXPECT_EQ(timeOut(), 201);
+    ASSERT_EQ(PLC_driver.sendQueue.size(), 2);
+    EXPECT_EQ(tnsOf(head().frame), 3);
+    EXPECT_BYTES(PLC_driver.sendQueue.last().frame, second);
+}
+
 TEST_F(SetUp, CountsTheAttemptsOfTheNextConnectionRequestAnew)
 {
     for (int round = 0; round < 2; ++round) {

@@ -184,6 +184,22 @@ TEST_F(StoredReply, BelongsToTheStationOfItsRequest)
     EXPECT_FALSE(hasImage());
 }
 
+TEST_F(StoredReply, BelongsToTheRequestInFlight)
+{
+    for (const char* tag : {"T", "U"}) {
+        Protocol queued;
+        queued.auxLength = 22;
+        queued.var = readOf(tag);
+        PLC_driver.sendQueue.append(queued);
+    }
+    QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02"));
+    SaveToLocalDataErea(&reply);
+    EXPECT_BYTES(image("T"), hex("01 02"));
+    EXPECT_BYTES(info("T"), hex("03 C3 00 FF"));
+    EXPECT_FALSE(PLCDataStorage[1].tagInfo.contains("U"));
+    EXPECT_FALSE(hasImage("U"));
+}
+
 TEST_F(StoredReply, IsNotStoredAtAnIndexThatNoControllerHas)
 {
     for (int index :

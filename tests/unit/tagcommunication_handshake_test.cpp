@@ -385,6 +385,18 @@ TEST_F(IdentityReply, IsAcceptedWithOneRequestQueuedAndPatchesNothing)
     EXPECT_EQ(station().transactionCounter, 8);
 }
 
+TEST_F(IdentityReply, PatchesTheSecondRequestOnly)
+{
+    begin(7);
+    PLC_driver.sendQueue.append(queued(1));
+    const QByteArray first = queued(0).frame, third = queued(2).frame;
+    check(QByteArray());
+    EXPECT_EQ(check(wire::identityReply(7)), 1);
+    EXPECT_BYTES(queued(0).frame, first);
+    EXPECT_BYTES(wire::unframed(queued(1).frame).mid(4, 2), hex("09 00"));
+    EXPECT_BYTES(queued(2).frame, third);
+}
+
 TEST_F(IdentityReply, LeavesAFrameOfAnotherLengthUnpatched)
 {
     begin(7);
