@@ -50,7 +50,6 @@ public:
 
     int source() const { return m_from; }
     int timer() const { return m_timer; }
-    bool isEmpty() const { return m_bytes.empty(); }
 
     /// Takes what the sender has written.
     void take()
@@ -136,11 +135,7 @@ void carry(Way& requests, Way& replies)
                                         {replies.timer(), POLLIN, 0},
                                         {requests.source(), POLLIN, 0},
                                         {replies.source(), POLLIN, 0}}};
-        // A line is awake in a gap: the time that this program takes to wake up is not the
-        // client's.
-        const timespec atOnce{};
-        const bool inGap = requests.isEmpty() && replies.isEmpty();
-        if (::ppoll(waits.data(), waits.size(), inGap ? &atOnce : nullptr, &none) <= 0)
+        if (::ppoll(waits.data(), waits.size(), nullptr, &none) <= 0)
             continue;
         if (waits[0].revents != 0)
             requests.deliver();
