@@ -70,8 +70,6 @@ private:
         }
     }
 
-    // Each choice of the fuzzer is a statement of its own, so that every compiler takes them in the
-    // same order.
     quint16 next()
     {
         if (m_input.flag())

@@ -8,7 +8,8 @@
 #include <cstdint>
 
 /// The fuzzer's bytes as a stream of small choices. Behind its end everything is 0 and empty, so a
-/// harness needs no checks of its own.
+/// harness needs no checks of its own. Each choice taken is a statement of its own: the order of
+/// arguments and operands is the compiler's, and an input would mean something else with each.
 class FuzzInput
 {
 public:

@@ -16,12 +16,16 @@ QByteArray answerBytes(FuzzInput& input, int kind)
     switch (kind) {
     case kIdentity:
         return wire::identityReply(input.word());
-    case kForwardOpen:
-        return wire::forwardOpenReply(input.word(), input.bytes(2).leftJustified(2, '\0'));
+    case kForwardOpen: {
+        const quint16 number = input.word();
+        return wire::forwardOpenReply(number, input.bytes(2).leftJustified(2, '\0'));
+    }
     case kRawBytes:
         return input.block();
-    case kCutShort:
-        return wire::forwardOpenReply(input.word(), wire::hex("10 03")).left(input.below(60));
+    case kCutShort: {
+        const QByteArray whole = wire::forwardOpenReply(input.word(), wire::hex("10 03"));
+        return whole.left(input.below(60));
+    }
     default:
         return QByteArray();
     }
@@ -137,7 +141,9 @@ void checkOutOfOrder(FuzzInput& input)
         RW_VAR request = RW_VAR();
         request.stationNo = station;
         QByteArray bytes = input.flag() ? wire::framed(input.block()) : input.block();
-        frame::queue(bytes, input.edge(), input.edge(), request);
+        const int replyLength = input.edge();
+        const int auxLength = input.edge();
+        frame::queue(bytes, replyLength, auxLength, request);
     }
     const bool queued = !PLC_driver.sendQueue.isEmpty();
     if (input.below(8) == 0)

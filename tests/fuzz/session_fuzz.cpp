@@ -205,8 +205,10 @@ private:
     {
         QByteArray reply = composed();
         reply.chop(m_input.below(8) == 0 ? m_input.byte() : 0);
-        if (!reply.isEmpty())
-            reply[m_input.byte() % reply.size()] = static_cast<char>(m_input.byte());
+        if (reply.isEmpty())
+            return reply;
+        const int index = m_input.byte() % reply.size();
+        reply[index] = static_cast<char>(m_input.byte());
         return reply;
     }
 
@@ -321,9 +323,10 @@ private:
         const QString text = address();
         const int where = station();
         const QByteArray value = m_input.block();
+        const int count = m_input.count();
+        const int kind = m_input.below(14);
         const int before = PLC_driver.writeList.size();
-        const int queued =
-            SetRegisterData(tag, area, text, where, value, m_input.count(), m_input.below(14), 1);
+        const int queued = SetRegisterData(tag, area, text, where, value, count, kind, 1);
         const int after = PLC_driver.writeList.size();
         const bool queues = PLC_driver.comInfo && m_settings.writeMode == 2;
         FUZZ_CHECK(queued == (queues ? after : 1));

@@ -136,9 +136,13 @@ private:
         record.transactionCounter = m_input.word();
         record.connectionId = m_input.bytes(m_input.below(5) % 5u);
         const QString tag = name();
-        QByteArray info = m_input.flag()
-                              ? wire::little(m_input.below(7), 1) + m_input.bytes(2)
-                              : m_input.bytes(static_cast<std::size_t>(m_input.below(6)));
+        QByteArray info;
+        if (m_input.flag()) {
+            info = wire::little(m_input.below(7), 1);
+            info += m_input.bytes(2);
+        } else {
+            info = m_input.bytes(static_cast<std::size_t>(m_input.below(6)));
+        }
         if (m_input.below(4) != 0)
             info = info.leftJustified(3, '\0') + wire::hex("FF");
         if (m_input.below(8) != 0)
@@ -196,9 +200,13 @@ private:
         const QString tag = name();
         const QByteArray value = m_input.block();
         const int where = station();
+        const int area = m_input.edge();
+        const QString text = address();
+        const int count = m_input.count();
+        const int kind = m_input.edge();
+        const int index = m_input.edge();
         const int before = PLC_driver.writeList.size();
-        const int queued = SetRegisterData(tag, m_input.edge(), address(), where, value,
-                                           m_input.count(), m_input.edge(), m_input.edge());
+        const int queued = SetRegisterData(tag, area, text, where, value, count, kind, index);
         const int after = PLC_driver.writeList.size();
         FUZZ_CHECK(queued == (m_settings.writeMode == 2 ? after : 1));
         if (after == before + 1) {
@@ -214,9 +222,12 @@ private:
     {
         RW_VAR record = request();
         RW_VAR* given = m_input.below(16) == 0 ? nullptr : &record;
-        FUZZ_CHECK(AddListReadVar(given) == PLC_driver.readList.size());
-        FUZZ_CHECK(AddListWriteVar(given, m_input.below(3)) == PLC_driver.writeList.size());
-        FUZZ_CHECK(AddListOnceReadVar(given, m_input.below(3)) == PLC_driver.onceReadList.size());
+        const int reads = AddListReadVar(given);
+        FUZZ_CHECK(reads == PLC_driver.readList.size());
+        const int writes = AddListWriteVar(given, m_input.below(3));
+        FUZZ_CHECK(writes == PLC_driver.writeList.size());
+        const int once = AddListOnceReadVar(given, m_input.below(3));
+        FUZZ_CHECK(once == PLC_driver.onceReadList.size());
         getTagData(given);
         getAddressType(given);
         FUZZ_CHECK(updateRwVar(given) == 1);
@@ -302,7 +313,8 @@ private:
         unsigned position = static_cast<unsigned>(m_input.edge());
         unsigned count = static_cast<unsigned>(m_input.edge());
         FUZZ_CHECK(getPlcAdd(m_input.edge(), position, count));
-        StringAddressToInt(m_input.edge(), m_input.text());
+        const int area = m_input.edge();
+        StringAddressToInt(area, m_input.text());
         GetDriverReturnValue(m_input.edge());
         SwitchErrorReturn(m_input.edge());
         DigitalToASCII(m_input.edge());
