@@ -37,11 +37,64 @@ bool isStep(unsigned short from, unsigned short to)
     return to == from || (to != 0 && to == (from == 0xFFFF ? 1 : from + 1));
 }
 
+typedef QMap<QString, QByteArray> BytesByTag;
+
+bool isConfirmed(const QByteArray& info)
+{
+    return info.size() >= 4 && static_cast<quint8>(info.at(3)) == 0xFF;
+}
+
+// Both maps are walked side by side: a tag that is gone stops the walk through `then`.
+void checkValues(const BytesByTag& then, const BytesByTag& now, const QString* read)
+{
+    if (now.isSharedWith(then))
+        return;
+    BytesByTag::const_iterator old = then.constBegin();
+    for (BytesByTag::const_iterator value = now.constBegin(); value != now.constEnd(); ++value) {
+        const bool seen = old != then.constEnd() && old.key() == value.key();
+        FUZZ_CHECK((seen && *old == *value) || (read && value.key() == *read));
+        if (seen)
+            ++old;
+    }
+    FUZZ_CHECK(old == then.constEnd());
+}
+
+// Any call may seed a class that no reply told; only a reply to a read confirms it, once.
+void checkClasses(const BytesByTag& then, const BytesByTag& now, const QString* read)
+{
+    if (now.isSharedWith(then))
+        return;
+    BytesByTag::const_iterator old = then.constBegin();
+    for (BytesByTag::const_iterator info = now.constBegin(); info != now.constEnd(); ++info) {
+        const bool seen = old != then.constEnd() && old.key() == info.key();
+        if (seen && isConfirmed(*old))
+            FUZZ_CHECK(*info == *old);
+        else
+            FUZZ_CHECK(!isConfirmed(*info) || (read && info.key() == *read));
+        if (seen)
+            ++old;
+    }
+    FUZZ_CHECK(old == then.constEnd());
+}
+
+void checkConnection(const PLCTAGCOMMUNICATION* then, const PLCTAGCOMMUNICATION& now, bool answered)
+{
+    if (!then) {
+        FUZZ_CHECK(now.transactionCounter <= 1 && !now.handshakeDone && now.connectionId.isEmpty());
+    } else if (answered) {
+        FUZZ_CHECK(isStep(then->transactionCounter, now.transactionCounter));
+    } else {
+        FUZZ_CHECK(now.transactionCounter == then->transactionCounter);
+        FUZZ_CHECK(now.handshakeDone == then->handshakeDone);
+        FUZZ_CHECK(now.connectionId == then->connectionId);
+    }
+}
+
 void checkStoreOf(const PLCTAGCOMMUNICATION& station)
 {
     for (const QByteArray& info : station.tagInfo) {
         // A class that a reply confirmed is one of the six; never the mark of an unknown one.
-        if (info.size() >= 4 && static_cast<quint8>(info.at(3)) == 0xFF)
+        if (isConfirmed(info))
             FUZZ_CHECK(static_cast<quint8>(info.at(0)) <= 5);
     }
 }
@@ -61,6 +114,29 @@ void checkQueue()
     }
     if (queue.size() == 2)
         FUZZ_CHECK(queue.at(0).var.stationNo == queue.at(1).var.stationNo);
+}
+
+// A frame in flight for a connected station serves the head of the list that is being served, which
+// stays as it is until the frame is done. A cyclic read is left out, as its list may be rebuilt
+// meanwhile, and so is the read that learns the class for a queued write, which counts as cyclic.
+void checkHeadInFlight()
+{
+    if (PLC_driver.sendQueue.isEmpty() ||
+        (PLC_driver.currentList != kWrite && PLC_driver.currentList != kOneShotRead))
+        return;
+    const RW_VAR& var = PLC_driver.sendQueue.first().var;
+    const fuzz::Stores::const_iterator station = PLCDataStorage.constFind(var.stationNo);
+    FUZZ_CHECK(station != PLCDataStorage.constEnd());
+    if (!station->handshakeDone)
+        return;
+    const QList<RW_VAR>& list =
+        PLC_driver.currentList == kWrite ? PLC_driver.writeList : PLC_driver.onceReadList;
+    FUZZ_CHECK(PLC_driver.sendQueue.size() == 1 && !list.isEmpty());
+    const RW_VAR& head = list.first();
+    FUZZ_CHECK(var.tagName == head.tagName && var.stationNo == head.stationNo);
+    FUZZ_CHECK(var.areaType == head.areaType && var.startAddress == head.startAddress);
+    FUZZ_CHECK(var.count == head.count && var.data == head.data);
+    FUZZ_CHECK(var.varType == head.varType && var.varIndex == head.varIndex);
 }
 
 } // namespace
@@ -116,28 +192,31 @@ void checkConsistent()
     FUZZ_CHECK(PLC_driver.onceBurst >= 0 && PLC_driver.onceBurst <= 5);
     FUZZ_CHECK(PLC_driver.spareList.isEmpty() && PLC_driver.extendList.isEmpty());
     checkQueue();
+    checkHeadInFlight();
     for (const PLCTAGCOMMUNICATION& station : PLCDataStorage)
         checkStoreOf(station);
 }
 
-void checkStoresAgainst(const Stores& before, int station, const QString& tag)
+void checkStoresAgainst(const Stores& before, const Change& allowed)
 {
+    if (PLCDataStorage.isSharedWith(before))
+        return;
+    static const PLCTAGCOMMUNICATION none = PLCTAGCOMMUNICATION();
+    Stores::const_iterator then = before.constBegin();
     for (Stores::const_iterator now = PLCDataStorage.constBegin(); now != PLCDataStorage.constEnd();
          ++now)
     {
-        const Stores::const_iterator then = before.constFind(now.key());
-        const bool seen = then != before.constEnd();
-        FUZZ_CHECK(seen ? isStep(then->transactionCounter, now->transactionCounter)
-                        : now->transactionCounter <= 1);
-        if (seen && then->tagData == now->tagData)
-            continue;
-        for (QMap<QString, QByteArray>::const_iterator value = now->tagData.constBegin();
-             value != now->tagData.constEnd(); ++value)
-        {
-            const bool written = now.key() == station && value.key() == tag;
-            FUZZ_CHECK(written || (seen && then->tagData.value(value.key()) == *value));
-        }
+        const bool seen = then != before.constEnd() && then.key() == now.key();
+        const bool answered = allowed.reply && now.key() == allowed.station;
+        const QString* read = answered && allowed.read ? &allowed.tag : nullptr;
+        checkConnection(seen ? &*then : nullptr, *now, answered);
+        checkValues(seen ? then->tagData : none.tagData, now->tagData, read);
+        checkClasses(seen ? then->tagInfo : none.tagInfo, now->tagInfo, read);
+        if (seen)
+            ++then;
     }
+    // A station that is gone stops the walk through those that were there.
+    FUZZ_CHECK(then == before.constEnd());
 }
 
 } // namespace fuzz

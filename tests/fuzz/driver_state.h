@@ -31,9 +31,21 @@ void checkConsistent();
 /// Stores by station and tag, to compare with what an operation left.
 typedef QMap<int, PLCTAGCOMMUNICATION> Stores;
 
-/// Nothing but `tag` of `station` has other value bytes than in `before`, and every transaction
-/// counter stands where it was or one further, 0 left out.
-void checkStoresAgainst(const Stores& before, int station, const QString& tag);
+/// What the driver may change between two looks at the stores: for a reply the record of the frame
+/// that was in flight, for a read also the value and the class of its tag.
+struct Change
+{
+    bool reply;
+    int station;
+    bool read;
+    QString tag;
+};
+const Change kNoReply = {false, 0, false, QString()};
+
+/// Of `before` everything is still there, and nothing has changed but what `allowed` says: a reply
+/// advances the station's transaction counter by one at most, 0 left out, and a class that was
+/// confirmed stays. Stations and classes that no reply told may be new.
+void checkStoresAgainst(const Stores& before, const Change& allowed);
 
 } // namespace fuzz
 

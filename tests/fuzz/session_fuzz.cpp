@@ -89,7 +89,9 @@ public:
     void run()
     {
         for (int i = 0; i < kLongestSession && !m_input.atEnd(); ++i) {
+            m_stores = PLCDataStorage;
             step();
+            fuzz::checkStoresAgainst(m_stores, fuzz::kNoReply);
             fuzz::checkLocksFree();
             fuzz::checkConsistent();
         }
@@ -219,7 +221,6 @@ private:
         const Lists before = Lists::now();
         const bool inFlight = !PLC_driver.sendQueue.isEmpty();
         const QByteArray frame = inFlight ? PLC_driver.sendQueue.first().frame : QByteArray();
-        const fuzz::Stores stores = PLCDataStorage;
         const Protocol* next = ComCommunication();
         checkHead(next);
         const Lists after = Lists::now();
@@ -228,7 +229,6 @@ private:
         FUZZ_CHECK(before.reads > 64 || after.readSum == before.readSum);
         if (inFlight)
             FUZZ_CHECK(next->frame == frame);
-        fuzz::checkStoresAgainst(stores, 0, QString());
         if (next)
             FUZZ_CHECK(ComCommunication() == next && PLC_driver.sendQueue.size() <= 2);
     }
@@ -269,7 +269,6 @@ private:
     void receive(QByteArray reply, int length, bool null = false)
     {
         const Lists before = Lists::now();
-        const fuzz::Stores stores = PLCDataStorage;
         const bool inFlight = !PLC_driver.sendQueue.isEmpty();
         const RW_VAR asked = inFlight ? PLC_driver.sendQueue.first().var : RW_VAR();
         // 0 for a write, which a host may mark as a read: then its reply is stored from the start.
@@ -279,9 +278,10 @@ private:
         const RW_VAR* result = DataCom(null ? nullptr : &reply, length);
 
         FUZZ_CHECK(result == &PLC_driver.result && isReturnValue(result->retValue));
-        fuzz::checkStoresAgainst(stores, asked.stationNo, reads ? asked.tagName : QString());
+        fuzz::checkStoresAgainst(m_stores, {inFlight, asked.stationNo, reads, asked.tagName});
         if (reads)
-            checkStored(stores, asked, dataStart, reply);
+            checkStored(asked, dataStart, reply);
+        m_stores = PLCDataStorage;
         const Lists after = Lists::now();
         FUZZ_CHECK(after.reads == before.reads && after.writes <= before.writes &&
                    after.once <= before.once);
@@ -291,10 +291,9 @@ private:
     }
 
     // The bytes that changed are the reply's, in one place and in their order.
-    void checkStored(const fuzz::Stores& stores, const RW_VAR& asked, int dataStart,
-                     const QByteArray& reply)
+    void checkStored(const RW_VAR& asked, int dataStart, const QByteArray& reply)
     {
-        const QByteArray was = stores.value(asked.stationNo).tagData.value(asked.tagName);
+        const QByteArray was = m_stores.value(asked.stationNo).tagData.value(asked.tagName);
         const QByteArray is = PLCDataStorage.value(asked.stationNo).tagData.value(asked.tagName);
         if (is == was)
             return;
@@ -339,15 +338,14 @@ private:
         const QString text = address();
         const int where = station();
         const int count = m_input.count();
-        const fuzz::Stores stores = PLCDataStorage;
-        const bool known =
-            stores.value(where).handshakeDone && stores.value(where).tagData.contains(tag);
+        const fuzz::Stores::const_iterator station = m_stores.constFind(where);
+        const bool known = station != m_stores.constEnd() && station->handshakeDone &&
+                           station->tagData.contains(tag);
         QByteArray out("left over");
         FUZZ_CHECK(GetRegisterData(tag, m_input.byte(), text, where, out, count) == int(known));
         if (!known)
             FUZZ_CHECK(out == QByteArray(count < 0 || count > (1 << 24) ? 0 : 2 * count, '\0'));
         FUZZ_CHECK(out.size() <= 2 * qint64(qMax(count, 0)) + 8);
-        fuzz::checkStoresAgainst(stores, 0, QString());
     }
 
     void addRead()
@@ -464,6 +462,8 @@ private:
 
     FuzzInput& m_input;
     ComInfo m_settings;
+    /// As they stood before the step or behind its last reply.
+    fuzz::Stores m_stores;
 };
 
 } // namespace
