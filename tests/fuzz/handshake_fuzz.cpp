@@ -2,6 +2,7 @@
 // dispatcher as a host drives it and straight at the check of a reply.
 
 #include "driver_state.h"
+#include "exact_bytes.h"
 #include "fuzz_input.h"
 #include "wire.h"
 
@@ -94,7 +95,8 @@ private:
     void answer()
     {
         const int kind = m_input.below(kAnswers);
-        QByteArray reply = answerBytes(m_input, kind);
+        fuzz::ExactBytes exact(answerBytes(m_input, kind));
+        QByteArray& reply = exact.bytes;
         const bool good = kind != kNullReply && endsAsFrame(reply);
         const PLCTAGCOMMUNICATION before = PLCDataStorage[m_station];
         const RW_VAR* result = DataCom(kind == kNullReply ? nullptr : &reply, m_input.count());
@@ -148,7 +150,8 @@ void checkOutOfOrder(FuzzInput& input)
     const bool queued = !PLC_driver.sendQueue.isEmpty();
     if (input.below(8) == 0)
         PLC_driver.comInfo = nullptr;
-    const QByteArray reply = input.block();
+    const fuzz::ExactBytes exact(input.block());
+    const QByteArray& reply = exact.bytes;
     const int verdict = HandshakeFunctionCheck(&reply);
     FUZZ_CHECK(verdict == (queued && endsAsFrame(reply) ? 1 : 0));
     if (queued) {

@@ -2,6 +2,7 @@
 // settings and the stations. What must hold in every session is checked at each step.
 
 #include "driver_state.h"
+#include "exact_bytes.h"
 #include "fuzz_input.h"
 #include "session_steps.h"
 #include "wire.h"
@@ -266,8 +267,10 @@ private:
         receive(QByteArray(), length, true);
     }
 
-    void receive(QByteArray reply, int length, bool null = false)
+    void receive(const QByteArray& bytes, int length, bool null = false)
     {
+        fuzz::ExactBytes exact(bytes);
+        QByteArray& reply = exact.bytes;
         const Lists before = Lists::now();
         const bool inFlight = !PLC_driver.sendQueue.isEmpty();
         const RW_VAR asked = inFlight ? PLC_driver.sendQueue.first().var : RW_VAR();

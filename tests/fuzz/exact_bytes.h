@@ -1,0 +1,29 @@
+#ifndef MICRO850_TESTS_FUZZ_EXACT_BYTES_H
+#define MICRO850_TESTS_FUZZ_EXACT_BYTES_H
+
+#include <QtCore/QByteArray>
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+
+namespace fuzz {
+
+/// Bytes with nothing behind them, so that a byte read too many is noticed: a QByteArray of its own
+/// has a readable 00 there. Whoever changes `bytes` makes them an ordinary array.
+struct ExactBytes
+{
+    explicit ExactBytes(const QByteArray& content)
+        : block(new char[static_cast<std::size_t>(content.size())]),
+          bytes(QByteArray::fromRawData(block.get(), content.size()))
+    {
+        std::copy(content.constBegin(), content.constEnd(), block.get());
+    }
+
+    std::unique_ptr<char[]> block;
+    QByteArray bytes;
+};
+
+} // namespace fuzz
+
+#endif
