@@ -209,6 +209,9 @@ void saveFrames()
     save("integrity", "read_reply", wire::readReply(3, 0xC3, hex("D2 04")));
     save("integrity", "read_reply_of_dles", wire::readReply(0x1010, 0xC3, QByteArray(30, '\x10')));
     save("integrity", "write_reply", wire::writeReply(4));
+    const QByteArray whole = wire::readReply(4, 0xC3, hex("D2 04"));
+    save("integrity", "ends_within_its_crc", whole.left(whole.size() - 1));
+    save("integrity", "ends_before_its_crc", whole.left(whole.size() - 2));
     save("integrity", "shortest", wire::framed(QByteArray(16, '\0')));
     save("integrity", "false_ends", wire::readReply(5, 0xC2, hex("10 03 00 00 10 03 01 02")));
     save("integrity", "bare",

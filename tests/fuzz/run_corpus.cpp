@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size);
@@ -37,7 +38,11 @@ bool runFile(const std::filesystem::path& path)
     // Named before it runs, so that a crash has its input's name above it.
     std::printf("%s: %zu bytes\n", path.filename().c_str(), bytes.size());
     std::fflush(stdout);
-    LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+    // Of exactly the size, as a fuzzer hands it over, so that a byte read behind the end is
+    // noticed.
+    const std::unique_ptr<std::uint8_t[]> exact(new std::uint8_t[bytes.size()]);
+    std::copy(bytes.begin(), bytes.end(), exact.get());
+    LLVMFuzzerTestOneInput(exact.get(), bytes.size());
     return true;
 }
 
