@@ -25,7 +25,7 @@ void setTimeOfDay(int seconds);
 
 /// Every lock is free.
 void checkLocksFree();
-/// The lists, the queue and the tag store are in a state that the driver's own operations give.
+/// The lists and the queue are in a state that the driver's own operations give.
 void checkConsistent();
 
 /// Stores by station and tag, to compare with what an operation left.
