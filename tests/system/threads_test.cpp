@@ -2,99 +2,139 @@
 // bounded by a number of operations and guarded by a watchdog; ThreadSanitizer's build shows the
 // races that did not happen to go wrong.
 
-#include "driver_fixture.h"
-#include "memory_controller.h"
-#include "watchdog.h"
+#include "threads_fixture.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
 
-#include <atomic>
-#include <climits>
-#include <functional>
 #include <set>
-#include <thread>
 
 namespace {
 
-const std::chrono::seconds kLimit(240);
+// ---- Values that change while they are read
 
-// ---- What the callbacks see
-
-const int kVariables = 64;
-const int kOtherStation = 9;
-// Completions by the host's number of the variable; read by the threads that wait for theirs.
-std::atomic<int> done[kVariables];
-std::function<void(int varIndex)> onDone;
-
-void noteFinished(int, int, int varIndex, int status)
-{
-    QByteArray out;
-    GetRegisterData("Total0", 0, "0", 1, out, 4);
-    if (status == 1 && onDone)
-        onDone(varIndex);
-    if (varIndex >= 0 && varIndex < kVariables)
-        ++done[varIndex];
-}
-
-// A pattern whose halves match, so that a value put together from two writes shows.
-QByteArray pattern(quint32 number)
-{
-    return wire::little(number, 4) + wire::little(number, 4);
-}
-
-quint32 numberOf(const QByteArray& bytes)
-{
-    quint32 value = 0;
-    for (int i = 3; i >= 0; --i)
-        value = value << 8 | static_cast<quint8>(bytes.at(i));
-    return value;
-}
-
-bool isPattern(const QByteArray& bytes)
-{
-    return bytes.size() == 8 && bytes.left(4) == bytes.right(4);
-}
-
-class ThreadsTest : public DriverTest
+/// Values that writers change while watchers read them. Either side waits for the other: writers
+/// until their values have been seen, watchers as long as there is a writer.
+class ThreadsOnValues : public ThreadsTest
 {
 protected:
-    ThreadsTest() : m_watchdog(kLimit)
+    static constexpr int kMostTags = 64;
+    static constexpr int kWatchers = 2;
+
+    /// What a watcher has last seen of each tag.
+    struct Watcher
     {
-        for (auto& count : done)
-            count = 0;
-        onDone = nullptr;
-        RegistCallBackFuncIntf(noteFinished, [](QList<RW_VAR>*, int, int) {});
-        // Replies get lost below; no request may be given up for that.
-        settings.retryLimit = INT_MAX;
+        std::atomic<quint32> last[kMostTags] = {};
+    };
+
+    /// Watchers that read `number` tags from `first` on, again and again, until the writers have
+    /// ended.
+    void startWatchers(std::vector<std::thread>& threads, const std::atomic<int>& first, int number)
+    {
+        for (Watcher& watcher : m_watchers)
+            threads.emplace_back([&, number] { watch(watcher, first, number); });
     }
 
-    /// A 64-bit tag, known to the controller and declared to the driver.
-    static QByteArray total(int number) { return "Total" + QByteArray::number(number); }
-
-    void defineTotals(int tags)
+    /// Waits until each watcher has seen this value of the tag, or a later one; no longer once a
+    /// value was torn or a write lost.
+    void awaitSeen(int tag, quint32 value)
     {
-        for (int i = 0; i < tags; ++i) {
-            controller.define(total(i), "LINT");
-            elsewhere.define(total(i), "LINT");
-            declareIndexed(total(i).constData());
+        m_seen.await([=] {
+            for (const Watcher& watcher : m_watchers) {
+                if (watcher.last[tag] < value)
+                    return lost > 0 || torn > 0;
+            }
+            return true;
+        });
+    }
+
+    void noteLost()
+    {
+        m_seen.tell([this] { ++lost; });
+    }
+
+    void endWriting()
+    {
+        completions.tell([this] { --writing; });
+    }
+
+    void expectWholeValuesInOrder()
+    {
+        EXPECT_EQ(torn, 0);
+        EXPECT_EQ(backwards, 0);
+        EXPECT_EQ(lost, 0);
+    }
+
+    /// Writers that have not ended.
+    std::atomic<int> writing{0};
+    /// How often a watcher saw another value than before.
+    std::atomic<int> changes{0};
+
+private:
+    void watch(Watcher& watcher, const std::atomic<int>& first, int number)
+    {
+        for (int i = 0; writing > 0; ++i) {
+            const int tag = first + i % number;
+            QByteArray value;
+            if (readBack(tag, value))
+                note(watcher.last[tag], value);
         }
     }
 
-    RW_VAR totalRequest(int tag, int varIndex)
+    void note(std::atomic<quint32>& last, const QByteArray& value)
     {
-        RW_VAR request = readOf(total(tag).constData(), 0, 4);
-        request.varIndex = varIndex;
-        // A write replaces a queued one to the same area and element, whatever its name.
-        request.areaType = 100 + tag;
-        return request;
+        if (!isPattern(value)) {
+            m_seen.tell([this] { ++torn; });
+            return;
+        }
+        const quint32 now = numberOf(value);
+        if (now == last)
+            return;
+        backwards += now < last;
+        ++changes;
+        m_seen.tell([&] { last = now; });
     }
 
-    QList<HOSTVAR> totalsOnScreen(int tags)
+    Watcher m_watchers[kWatchers];
+    Progress m_seen;
+    std::atomic<int> torn{0}, backwards{0}, lost{0};
+};
+
+class EverythingAtOnce : public ThreadsOnValues
+{
+protected:
+    static constexpr int kTags = 4;
+    static constexpr int kSetters = 2; // of tags 0 and 1; the others are appended to
+    static constexpr int kBatches = 100;
+    static constexpr int kBatch = 5;
+    static constexpr int kAppended = 100;
+    static constexpr int kOneShot = 21; // number of the variable
+
+    /// What one writer has handed over and what has been acknowledged of it.
+    struct Written
+    {
+        std::atomic<quint32> last{0};
+        quint32 acknowledged = 0;
+    };
+
+    EverythingAtOnce()
+    {
+        defineTotals(kTags);
+        screen = totalsOnScreen();
+        ReCreatReadVarList(&screen);
+        // On the poll thread, which is the only one that touches the controller.
+        onDone = [this](int varIndex) {
+            if (varIndex < kTags)
+                checkAcknowledged(varIndex);
+        };
+        writing = kTags;
+    }
+
+    static QList<HOSTVAR> totalsOnScreen()
     {
         QList<HOSTVAR> variables;
-        for (int i = 0; i < tags; ++i) {
+        for (int i = 0; i < kTags; ++i) {
             HOSTVAR variable = HOSTVAR();
             variable.tagName = QString::fromLatin1(total(i));
             variable.addressText = "0";
@@ -104,145 +144,80 @@ protected:
         return variables;
     }
 
-    /// One transaction as a host makes it; false when there was nothing to send. Every 13th reply
-    /// is lost.
-    bool transact()
+    // A tag's values only grow, so an acknowledged write has brought a new one; the very last where
+    // the writer waits for each.
+    void checkAcknowledged(int tag)
     {
-        Protocol* next = ComCommunication();
-        if (!next)
-            return false;
-        const bool varies = next->replyLength == -1;
-        MemoryController& addressed = next->var.stationNo == kOtherStation ? elsewhere : controller;
-        QByteArray reply = addressed.exchange(next->frame);
-        if (++m_transactions % 13 == 0)
-            reply.clear();
-        const int length = varies ? reply.size() : next->replyLength;
-        DataCom(&reply, length);
-        if (varies && !reply.isEmpty())
-            DataCom(&reply, length);
-        return true;
-    }
-
-    /// Polls until every thread has ended and nothing is left to send but cyclic reads.
-    void pollUntilEnd(std::vector<std::thread>& threads)
-    {
-        std::atomic<bool> running(true);
-        std::thread join([&] {
-            for (std::thread& thread : threads)
-                thread.join();
-            running = false;
-        });
-        while (running)
-            transact();
-        join.join();
-        drain();
-    }
-
-    void drain()
-    {
-        QList<HOSTVAR> none;
-        ReCreatReadVarList(&none);
-        // One idle call can stand between two bursts.
-        for (int idle = 0; idle < 2;)
-            idle = transact() ? 0 : idle + 1;
-    }
-
-    /// Waits for the completion of the `wanted`th request of a variable.
-    static void awaitDone(int varIndex, int wanted)
-    {
-        while (done[varIndex] < wanted)
-            std::this_thread::yield();
-    }
-
-    MemoryController controller;
-    /// The controller of station kOtherStation.
-    MemoryController elsewhere;
-
-private:
-    Watchdog m_watchdog;
-    int m_transactions = 0;
-};
-
-// ---- Everything at once
-
-/// What one writer has handed over and what has been acknowledged of it.
-struct Written
-{
-    std::atomic<quint32> last{0};
-    quint32 acknowledged = 0;
-};
-
-TEST_F(ThreadsTest, EveryAcknowledgedWriteIsInTheControllerAndNoValueIsTorn)
-{
-    const int kTags = 4;
-    const quint32 kWrites = 400;
-    const int kCalls = 1500;
-    defineTotals(kTags);
-    QList<HOSTVAR> screen = totalsOnScreen(kTags);
-    ReCreatReadVarList(&screen);
-    Written written[kTags];
-    std::atomic<int> torn(0), backwards(0), lost(0);
-
-    // On the poll thread, which is the only one that touches the controller.
-    onDone = [&](int varIndex) {
-        if (varIndex >= kTags)
-            return;
-        Written& own = written[varIndex];
-        const quint32 present = numberOf(controller.value(total(varIndex)));
-        if (present < own.acknowledged || present > own.last)
-            ++lost;
+        Written& own = written[tag];
+        const quint32 present = numberOf(controller.value(total(tag)));
+        const bool oneByOne = tag >= kSetters;
+        if (present <= own.acknowledged || present > own.last || (oneByOne && present != own.last))
+            noteLost();
         own.acknowledged = present;
-    };
-    const auto setter = [&](int tag) {
-        for (quint32 i = 1; i <= kWrites; ++i) {
-            written[tag].last = i;
-            SetRegisterData(QString::fromLatin1(total(tag)), 100 + tag, "0", 1, pattern(i), 4, 3,
-                            tag);
+    }
+
+    // Later values of a batch replace earlier ones that are still queued.
+    void setValues(int tag)
+    {
+        for (quint32 batch = 0; batch < kBatches; ++batch) {
+            const int before = done[tag];
+            for (quint32 i = 1; i <= kBatch; ++i) {
+                const quint32 number = batch * kBatch + i;
+                written[tag].last = number;
+                SetRegisterData(QString::fromLatin1(total(tag)), 100 + tag, "0", 1, pattern(number),
+                                4, 3, tag);
+            }
+            awaitDone(tag, before + 1);
+            awaitSeen(tag, batch * kBatch + 1);
         }
-    };
-    const auto appender = [&](int tag, int mode) {
-        for (quint32 i = 1; i <= kWrites / 4; ++i) {
-            RW_VAR write = totalRequest(tag, tag);
-            write.accessMode = 1;
-            write.onceFlag = 2;
-            write.data = pattern(i);
+        endWriting();
+    }
+
+    void appendWrites(int tag, int mode)
+    {
+        for (quint32 i = 1; i <= kAppended; ++i) {
+            RW_VAR write = totalWrite(tag, tag, i);
             written[tag].last = i;
             AddListWriteVar(&write, mode);
             awaitDone(tag, static_cast<int>(i));
         }
-    };
-    const auto getter = [&] {
-        quint32 seen[kTags] = {};
-        for (int i = 0; i < kCalls; ++i) {
-            QByteArray out;
-            const int tag = i % kTags;
-            if (GetRegisterData(QString::fromLatin1(total(tag)), 0, "0", 1, out, 4) == 0)
-                continue;
-            torn += !isPattern(out);
-            backwards += numberOf(out) < seen[tag];
-            seen[tag] = numberOf(out);
-        }
-    };
-    const auto oneShots = [&] {
-        for (int i = 0; i < kCalls / 8; ++i) {
+        endWriting();
+    }
+
+    void readOnce()
+    {
+        for (int i = 0; writing > 0; ++i) {
             RW_VAR request = totalRequest(i % kTags, 20);
             AddListOnceReadVar(&request, 0);
-            RW_VAR unchanged = totalRequest(i % kTags, 21);
+            RW_VAR unchanged = totalRequest(i % kTags, kOneShot);
             unchanged.onceFlag = 1;
             AddListOnceReadVar(&unchanged, 1);
-            awaitDone(21, i + 1);
+            awaitDone(kOneShot, i + 1);
         }
-    };
-    const auto cyclicLists = [&] {
-        for (int i = 0; i < kCalls; ++i) {
+    }
+
+    // Keeps the pace of readOnce().
+    void awaitNextOneShot()
+    {
+        const int before = done[kOneShot];
+        completions.await([=] { return done[kOneShot] > before || writing == 0; });
+    }
+
+    void changeCyclicList()
+    {
+        for (int i = 0; writing > 0; ++i) {
             RW_VAR request = totalRequest(i % kTags, 22);
             AddListReadVar(&request);
-            if (i % 5 == 0)
+            if (i % 5 == 0) {
                 ReCreatReadVarList(&screen);
+                awaitNextOneShot();
+            }
         }
-    };
-    const auto catalogueAndStations = [&] {
-        for (int i = 0; i < kCalls; ++i) {
+    }
+
+    void changeCatalogueAndStations()
+    {
+        for (int i = 0; writing > 0; ++i) {
             declareIndexed(("Later" + QByteArray::number(i % 100)).constData());
             EnCommStation(kOtherStation, i % 2);
             QByteArray out;
@@ -250,28 +225,91 @@ TEST_F(ThreadsTest, EveryAcknowledgedWriteIsInTheControllerAndNoValueIsTorn)
             RW_VAR ofOther = totalRequest(0, 23);
             ofOther.stationNo = kOtherStation;
             AddListReadVar(&ofOther);
+            if (i % 5 == 0)
+                awaitNextOneShot();
         }
         EnCommStation(-1, 1);
-    };
+    }
 
+    QList<HOSTVAR> screen;
+    Written written[kTags];
+};
+
+TEST_F(EverythingAtOnce, EveryAcknowledgedWriteIsInTheControllerAndNoValueIsTorn)
+{
+    const std::atomic<int> firstTag(0);
     std::vector<std::thread> threads;
-    threads.emplace_back(setter, 0);
-    threads.emplace_back(setter, 1);
-    threads.emplace_back(appender, 2, 1);
-    threads.emplace_back(appender, 3, 0);
-    threads.emplace_back(getter);
-    threads.emplace_back(getter);
-    threads.emplace_back(oneShots);
-    threads.emplace_back(cyclicLists);
-    threads.emplace_back(catalogueAndStations);
+    threads.emplace_back([this] { setValues(0); });
+    threads.emplace_back([this] { setValues(1); });
+    threads.emplace_back([this] { appendWrites(2, 1); });
+    threads.emplace_back([this] { appendWrites(3, 0); });
+    startWatchers(threads, firstTag, kTags);
+    threads.emplace_back([this] { readOnce(); });
+    threads.emplace_back([this] { changeCyclicList(); });
+    threads.emplace_back([this] { changeCatalogueAndStations(); });
     pollUntilEnd(threads);
 
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(backwards, 0);
-    EXPECT_EQ(lost, 0);
-    for (int tag = 0; tag < kTags; ++tag) {
+    expectWholeValuesInOrder();
+    for (int tag = 0; tag < kTags; ++tag)
         EXPECT_EQ(wire::text(controller.value(total(tag))), wire::text(pattern(written[tag].last)));
-        EXPECT_GT(done[tag], 0);
+    EXPECT_GE(done[0], kBatches);
+    EXPECT_GE(done[1], kBatches);
+    EXPECT_EQ(done[2], kAppended);
+    EXPECT_EQ(done[3], kAppended);
+    EXPECT_GE(changes, kWatchers * kSetters * kBatches);
+}
+
+// ---- Another link
+
+TEST_F(ThreadsOnValues, TypesLearntOnAnotherLinkAreKeptAndNoValueReadBesideIsTorn)
+{
+    const int kTags = 30;
+    const quint32 kValues = 2;
+    defineTotals(kTags);
+    writing = 1;
+    std::atomic<int> present(0);
+    // The write must learn the type first. A reply on another link stores no value, so a read on
+    // the own link follows.
+    const auto writeAndRead = [&](int tag, quint32 value, int turn) {
+        RW_VAR write = totalWrite(tag, 0, value);
+        write.linkId = kForeignLink;
+        write.reqFlag = -1;
+        AddListWriteVar(&write, 1);
+        awaitDone(0, turn);
+        RW_VAR read = totalRequest(tag, 1);
+        read.onceFlag = 1;
+        AddListOnceReadVar(&read, 1);
+        awaitDone(1, turn);
+        QByteArray out;
+        if (!readBack(tag, out) || wire::text(out) != wire::text(pattern(value)))
+            noteLost();
+        awaitSeen(tag, value);
+    };
+    std::vector<std::thread> threads;
+    threads.emplace_back([&] {
+        int turn = 0;
+        for (int tag = 0; tag < kTags; ++tag) {
+            present = tag;
+            RW_VAR cyclic = totalRequest(tag, 2);
+            cyclic.linkId = kForeignLink;
+            cyclic.reqFlag = -1;
+            AddListReadVar(&cyclic);
+            for (quint32 value = 1; value <= kValues; ++value)
+                writeAndRead(tag, value, ++turn);
+        }
+        endWriting();
+    });
+    startWatchers(threads, present, 3);
+    pollUntilEnd(threads);
+
+    expectWholeValuesInOrder();
+    EXPECT_GE(changes, kWatchers * kTags * static_cast<int>(kValues));
+    // Each tag's type was asked for, and each value written, on the other link.
+    EXPECT_GE(foreignFrames, kTags * static_cast<int>(1 + kValues));
+    for (int tag = 0; tag < kTags; ++tag) {
+        EXPECT_BYTES(PLCDataStorage[1].tagInfo[QString::fromLatin1(total(tag))],
+                     wire::hex("05 C5 00 FF"));
+        EXPECT_EQ(wire::text(controller.value(total(tag))), wire::text(pattern(kValues)));
     }
 }
 
