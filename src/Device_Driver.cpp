@@ -664,10 +664,12 @@ void PassVarName(QList<varName>* list)
     const int kIndexed = 2;
     if (!list)
         return;
-    LeafLocker lock(tagstore::leaf);
     for (int i = 0; i < list->size(); ++i) {
-        if (list->at(i).kind == kIndexed)
-            plcAddList.insert(list->at(i).name, list->at(i));
+        if (list->at(i).kind != kIndexed)
+            continue;
+        // Name by name, so that a value or a frame waits for one of them only.
+        LeafLocker lock(tagstore::leaf);
+        plcAddList.insert(list->at(i).name, list->at(i));
     }
 }
 

@@ -37,16 +37,18 @@ void advance(RW_VAR& run, int elements)
     run.count -= elements;
 }
 
-void appendCyclic(const RW_VAR& run)
+// Appends to `requests` what addressAdd() appends to the cyclic list.
+void cut(QList<RW_VAR>& requests, RW_VAR& run, int maxLength, bool appendRest)
 {
-    LeafLocker lock(driverstate::leaf);
-    PLC_driver.readList.append(run);
-}
-
-void appendCyclic(RW_VAR run, int count)
-{
-    run.count = count;
-    appendCyclic(run);
+    if (run.count > kLongestRun)
+        run.count = 0;
+    while (maxLength > 0 && maxLength <= run.count) {
+        requests.append(run);
+        requests.last().count = maxLength;
+        advance(run, maxLength);
+    }
+    if (appendRest && run.count > 0)
+        requests.append(run);
 }
 
 bool samePlace(const RW_VAR& a, const RW_VAR& b)
@@ -89,6 +91,29 @@ bool isBeyond(const RW_VAR& run, const RW_VAR& next, int maxLength)
     return start + run.count < next.startAddress && start + maxLength < next.startAddress;
 }
 
+// Appends to `requests` what BitVarReCreat() appends to the cyclic list.
+void merge(QList<RW_VAR>& requests, const QList<RW_VAR>& group, int maxLength)
+{
+    if (group.isEmpty())
+        return;
+    RW_VAR run = group.first();
+    cut(requests, run, maxLength, false);
+    for (int i = 1; i < group.size(); ++i) {
+        const RW_VAR& next = group.at(i);
+        if (run.count == 0) {
+            run = next;
+        } else if (isBeyond(run, next, maxLength)) {
+            cut(requests, run, maxLength, true);
+            run = next;
+        } else {
+            // A next request that ends before the run does shrinks the run; hosts rely on the lists
+            // that this gives.
+            run.count = wrapped(qint64(next.startAddress) + next.count - run.startAddress);
+        }
+    }
+    cut(requests, run, maxLength, true);
+}
+
 RW_VAR cyclicTemplate(const ComInfo& settings)
 {
     RW_VAR request = RW_VAR();
@@ -116,14 +141,16 @@ RequestsByStation grouped(const QList<HOSTVAR>& variables, const ComInfo& settin
     return groups;
 }
 
-void appendRuns(RequestsByStation& groups)
+QList<RW_VAR> cyclicRequests(RequestsByStation& groups)
 {
+    QList<RW_VAR> requests;
     for (RequestsByStation::iterator station = groups.begin(); station != groups.end(); ++station) {
         for (RequestsByName::iterator name = station->begin(); name != station->end(); ++name) {
             Bubble_Sort(*name);
-            BitVarReCreat(*name, kElementsPerRequest);
+            merge(requests, *name, kElementsPerRequest);
         }
     }
+    return requests;
 }
 
 int appendOnce(const RW_VAR& request)
@@ -134,11 +161,30 @@ int appendOnce(const RW_VAR& request)
     return PLC_driver.onceReadList.size();
 }
 
-void restartPollCycle()
+void appendCyclic(const QList<RW_VAR>& requests)
 {
     LeafLocker lock(driverstate::leaf);
+    PLC_driver.readList += requests;
+}
+
+// The new list takes the old one's place and the poll cycle begins anew in one step, so that no
+// reply counts for a list that is half made. `requests` is left with the old list, whose records
+// are deleted behind the lock. The new list's length.
+int replaceCyclic(QList<RW_VAR>& requests)
+{
+    LeafLocker lock(driverstate::leaf);
+    PLC_driver.readList.swap(requests);
     PLC_driver.readCycleCount = 0;
     PLC_driver.comInfo->passComplete = 0;
+    return PLC_driver.readList.size();
+}
+
+int emptyCyclic()
+{
+    QList<RW_VAR> old;
+    LeafLocker lock(driverstate::leaf);
+    PLC_driver.readList.swap(old);
+    return 0;
 }
 
 int cyclicCount()
@@ -251,50 +297,25 @@ int ReCreatReadVarList(QList<HOSTVAR>* hostList)
     QMutexLocker lock(&PLC_driver.listMutex);
     if (!hostList || (!hostList->isEmpty() && !PLC_driver.comInfo))
         return cyclicCount();
-    {
-        LeafLocker leaf(driverstate::leaf);
-        PLC_driver.readList.clear();
-    }
     if (hostList->isEmpty())
-        return 0;
-    restartPollCycle();
+        return emptyCyclic();
     RequestsByStation groups = grouped(*hostList, *PLC_driver.comInfo);
-    appendRuns(groups);
-    return cyclicCount();
+    QList<RW_VAR> requests = cyclicRequests(groups);
+    return replaceCyclic(requests);
 }
 
 void addressAdd(RW_VAR& run, int maxLength, bool appendRest)
 {
-    if (run.count > kLongestRun)
-        run.count = 0;
-    while (maxLength > 0 && maxLength <= run.count) {
-        appendCyclic(run, maxLength);
-        advance(run, maxLength);
-    }
-    if (appendRest && run.count > 0)
-        appendCyclic(run);
+    QList<RW_VAR> requests;
+    cut(requests, run, maxLength, appendRest);
+    appendCyclic(requests);
 }
 
 void BitVarReCreat(QList<RW_VAR>& group, int maxLength)
 {
-    if (group.isEmpty())
-        return;
-    RW_VAR run = group.first();
-    addressAdd(run, maxLength, false);
-    for (int i = 1; i < group.size(); ++i) {
-        const RW_VAR& next = group.at(i);
-        if (run.count == 0) {
-            run = next;
-        } else if (isBeyond(run, next, maxLength)) {
-            addressAdd(run, maxLength, true);
-            run = next;
-        } else {
-            // A next request that ends before the run does shrinks the run; hosts rely on the lists
-            // that this gives.
-            run.count = wrapped(qint64(next.startAddress) + next.count - run.startAddress);
-        }
-    }
-    addressAdd(run, maxLength, true);
+    QList<RW_VAR> requests;
+    merge(requests, group, maxLength);
+    appendCyclic(requests);
 }
 
 void Bubble_Sort(QList<RW_VAR>& group)

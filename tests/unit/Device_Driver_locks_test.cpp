@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <thread>
 
 using wire::hex;
 
@@ -159,10 +160,12 @@ TEST_F(Locks, OfTheListsAreHeldWhileTheCyclicListIsRebuilt)
             variables.append(HOSTVAR());
             variables.append(HOSTVAR());
         }
+        PLC_driver.readList.append(readOf("old"));
         LockWitness witness;
-        ReCreatReadVarList(&variables);
+        witness.watch([] { return PLC_driver.readList.size(); }, PLC_driver.listMutex);
+        EXPECT_EQ(ReCreatReadVarList(&variables), empty ? 0 : 1);
         EXPECT_TRUE(allWithinTheListLock(witness)) << empty;
-        EXPECT_NE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.readList), empty);
+        EXPECT_EQ(witness.unguardedValueChanges(), 0) << empty;
     }
 }
 
@@ -338,6 +341,11 @@ protected:
         return changedUnder(*ofTheLists, witness, list);
     }
     int times(const LockWitness& witness) const { return witness.timesLocked(*ofTheLists); }
+    bool lastFailed()
+    {
+        QMutexLocker lock(const_cast<QMutex*>(ofTheLists));
+        return PLC_driver.errorFlag;
+    }
 
     const QMutex* ofTheLists;
     const QMutex* ofTheStore;
@@ -555,10 +563,79 @@ TEST_F(OwnLocks, GuardTheLengthOfTheCyclicList)
     QList<HOSTVAR> variables = {HOSTVAR()};
     LockWitness witness;
     ReCreatReadVarList(&variables);
-    EXPECT_GE(times(witness), 4) << "emptied, cycle restarted, appended, counted";
-    const int before = times(witness);
+    EXPECT_EQ(times(witness), 1) << "replaced, cycle restarted and counted in one step";
     ReCreatReadVarList(nullptr);
-    EXPECT_EQ(times(witness), before + 1);
+    EXPECT_EQ(times(witness), 2);
+}
+
+TEST_F(OwnLocks, LetNobodyAppendToACyclicListThatIsHalfMade)
+{
+    const int rebuilt = 3;
+    QList<HOSTVAR> variables;
+    for (const char* tag : {"a", "b", "c"}) {
+        variables.append(HOSTVAR());
+        variables.last().tagName = tag;
+        variables.last().count = 1;
+    }
+    RW_VAR late = readOf("L");
+    std::size_t locks = 1;
+    for (std::size_t before = 0; before < locks; ++before) {
+        PLC_driver.readList = {readOf("o")};
+        int told = 0;
+        LockWitness witness;
+        witness.beforeNextLock([&] { told = AddListReadVar(&late); }, static_cast<int>(before));
+        EXPECT_EQ(ReCreatReadVarList(&variables), rebuilt) << before;
+        EXPECT_EQ(told, 2) << "behind the old list, before lock " << before;
+        EXPECT_EQ(order(PLC_driver.readList), QString("abc")) << before;
+        locks = witness.locked().size();
+    }
+    EXPECT_GT(locks, 2u);
+    EXPECT_EQ(AddListReadVar(&late), rebuilt + 1);
+}
+
+TEST_F(OwnLocks, LetNoReplyCompleteACycleOfAListThatIsHalfMade)
+{
+    QList<HOSTVAR> variables = {HOSTVAR(), HOSTVAR()};
+    std::size_t locks = 1;
+    for (std::size_t before = 0; before < locks; ++before) {
+        PLC_driver.readList.clear();
+        fly(readOf("old"), kCyclicRead);
+        give(kGood); // judged complete, not yet finished
+        settings.passComplete = 0;
+        PLC_driver.errorFlag = true;
+        std::thread poll;
+        LockWitness witness;
+        witness.beforeNextLock(
+            [&] {
+                poll = std::thread([this] {
+                    QByteArray reply = kGood;
+                    DataCom(&reply, reply.size());
+                });
+                while (lastFailed()) // the reply is counted when its success is noted
+                    std::this_thread::yield();
+            },
+            static_cast<int>(before));
+        ReCreatReadVarList(&variables);
+        poll.join();
+        EXPECT_EQ(settings.passComplete, 0) << "nothing was read of it, before lock " << before;
+        locks = witness.locked().size();
+    }
+    EXPECT_GT(locks, 2u);
+}
+
+TEST_F(OwnLocks, AreFreeBetweenTwoNamesOfACatalogue)
+{
+    QList<varName> names;
+    for (const char* name : {"a", "b", "c"}) {
+        names.append(varName());
+        names.last().name = name;
+        names.last().kind = 2;
+    }
+    names[1].kind = 1;
+    LockWitness witness;
+    PassVarName(&names);
+    EXPECT_EQ(witness.timesLocked(*ofTheStore), 2) << "a value waits for one name, not for all";
+    EXPECT_TRUE(getPassVarName("a") && getPassVarName("c"));
 }
 
 TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
