@@ -62,6 +62,7 @@ int reshape(RW_VAR& request, const QByteArray& info)
         fit(request.data, count);
         break;
     case tagstore::kShortString:
+        request.data.truncate(tagstore::kLargestValue);
         request.data.prepend(static_cast<char>(request.data.size() & 0xFF));
         elements = 1;
         break;
@@ -82,6 +83,8 @@ int reshape(RW_VAR& request, const QByteArray& info)
     default:
         break;
     }
+    // No controller takes more, and the frame's length has to stay a number.
+    request.data.truncate(tagstore::kLargestValue);
     return elements;
 }
 

@@ -68,7 +68,9 @@ unsigned int closedCrc(unsigned int crc)
 unsigned int crcOf(const QByteArray& frame, int size)
 {
     const char* begin = frame.constData();
-    return closedCrc(extendedCrc(0, begin + dataStart(frame), begin + size - 2));
+    const int first = dataStart(frame);
+    const int end = size - 2;
+    return closedCrc(first < end ? extendedCrc(0, begin + first, begin + end) : 0);
 }
 
 // True when the byte at `at`, before `end`, begins a pair of DLEs.

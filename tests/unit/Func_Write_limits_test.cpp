@@ -24,4 +24,17 @@ TEST_F(LargestWrite, IsShapedAndTheNextIsLeftAlone)
     }
 }
 
+TEST_F(LargestWrite, IsAllThatGoesOutOfALongerValueOfAStringOrAnUnknownClass)
+{
+    const int largest = 1 << 24; // bytes
+    for (const quint8 typeClass : std::initializer_list<quint8>{1, 0xFF}) {
+        confirm("T", typeClass, 0xC1);
+        RW_VAR request = writeOf("T", QByteArray(largest + 5, 'v'));
+        WriteRegister(&request);
+        EXPECT_EQ(request.data.size(), largest) << int(typeClass);
+        EXPECT_LT(PLC_driver.sendQueue.last().frame.size(), largest + 100) << int(typeClass);
+        PLC_driver.sendQueue.clear();
+    }
+}
+
 } // namespace
