@@ -34,8 +34,7 @@ constexpr std::uint32_t kLargestBlock = 1u << 20;
     throw UserError(name + ": " + what);
 }
 
-// ---- Text
-// ----------------------------------------------------------------------------------------
+// ---- Text ---------------------------------------------------------------------------------------
 
 const char kTextHeader[] = "# time in seconds since 1970, > sent or < received, bytes, decode";
 
@@ -171,8 +170,7 @@ std::vector<TraceRecord> readText(std::istream& in, const std::string& name)
     return records;
 }
 
-// ---- pcapng
-// --------------------------------------------------------------------------------------
+// ---- pcapng -------------------------------------------------------------------------------------
 
 template<typename T> void put(std::string& out, T value)
 {

@@ -45,8 +45,7 @@ struct QtNote
 __attribute__((used, aligned(4), section(".note.micro850")))
 const QtNote qtNote = {9, 4, 1, "micro850", QT_VERSION >> 16};
 
-// ---- What the host relies on in memory
-// -----------------------------------------------------------
+// ---- What the host relies on in memory ----------------------------------------------------------
 
 // Offset of a 32-bit word of the settings record.
 constexpr std::size_t word(std::size_t number)
@@ -109,8 +108,7 @@ static_assert(offsetof(ComInfo, writeMode) == word(16), "host ABI");
 static_assert(offsetof(ComInfo, passComplete) == word(17), "host ABI");
 static_assert(offsetof(ComInfo, callbackChannel) == word(18), "host ABI");
 
-// ---- Send scheduler: caller holds listMutex
-// ------------------------------------------------------
+// ---- Send scheduler: caller holds listMutex -----------------------------------------------------
 
 // Writes, and one-shot reads, in a row before the next list has its turn.
 const int kLongestBurst = 5;
@@ -252,8 +250,7 @@ void serveCyclic()
     PLC_driver.onceBurst = 0;
 }
 
-// ---- Receive dispatcher
-// --------------------------------------------------------------------------
+// ---- Receive dispatcher -------------------------------------------------------------------------
 
 // Outcomes of judging a reply, as GetDriverReturnValue() takes them.
 enum ReplyOutcome {
@@ -516,8 +513,7 @@ ReplyOutcome judgeLength(int length)
 
 } // namespace
 
-// ---- Driver object
-// -------------------------------------------------------------------------------
+// ---- Driver object ------------------------------------------------------------------------------
 
 Device_Driver::Device_Driver()
     : comInfo(nullptr), finishCallback(nullptr), refreshCallback(nullptr),
@@ -527,8 +523,7 @@ Device_Driver::Device_Driver()
 {
 }
 
-// ---- Poll cycle
-// ----------------------------------------------------------------------------------
+// ---- Poll cycle ---------------------------------------------------------------------------------
 
 Protocol* ComCommunication()
 {
@@ -594,8 +589,7 @@ int DealDataOfRemoteArea(QByteArray* reply, int length)
     return GetDriverReturnValue(partial ? kRemoteNotStored : kAccepted);
 }
 
-// ---- Return codes and debug log
-// ------------------------------------------------------------------
+// ---- Return codes and debug log -----------------------------------------------------------------
 
 int GetDriverReturnValue(int outcome)
 {
@@ -656,8 +650,7 @@ void customMessageHandler(QtMsgType, const char* message)
     writing = false;
 }
 
-// ---- Catalogue of variable names
-// -----------------------------------------------------------------
+// ---- Catalogue of variable names ----------------------------------------------------------------
 
 void PassVarName(QList<varName>* list)
 {

@@ -143,7 +143,9 @@ extern MICRO850_EXPORT Device_Driver PLC_driver;
 /// Names that carry an element index. Grows only.
 extern MICRO850_EXPORT QMap<QString, varName> plcAddList;
 
-// ---- Poll cycle: one thread, one call after the other; both take `listMutex` -------------------
+// ---- Poll cycle: one thread, one call after the other; what they return is that thread's --------
+// ComCommunication() takes `listMutex` and inside it `stationMutex`, DataCom() first `dataMutex`,
+// then `listMutex`; they wait for calls of other threads only, never for the line.
 
 /// The next frame to send, or null when there is none. The record belongs to the driver and is
 /// valid until DataCom() removes it; while it is queued, every call returns it again.
@@ -173,7 +175,8 @@ MICRO850_EXPORT void customMessageHandler(QtMsgType type, const char* message);
 
 // ---- Catalogue of variable names ----------------------------------------------------------------
 
-/// Adds the kind-2 names of `list` to the catalogue. Null or empty: nothing happens. Any thread.
+/// Adds the kind-2 names of `list` to the catalogue. Null or empty: nothing happens. Any thread,
+/// callbacks included; takes none of the named mutexes, and holds up others for one name at most.
 MICRO850_ENTRY void PassVarName(QList<varName>* list);
 /// True when the catalogue holds exactly this name.
 MICRO850_EXPORT bool getPassVarName(QString name);
@@ -183,8 +186,7 @@ MICRO850_EXPORT int updateRwVar(RW_VAR* request);
 /// Copies everything but the value bytes; `to.data` ends empty.
 MICRO850_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
 
-// ---- Inside the library: not exported
-// ------------------------------------------------------------
+// ---- Inside the library: not exported -----------------------------------------------------------
 
 namespace driverstate {
 

@@ -195,8 +195,7 @@ int cyclicCount()
 
 } // namespace
 
-// ---- Configuration
-// -------------------------------------------------------------------------------
+// ---- Configuration ------------------------------------------------------------------------------
 
 void SetComInfo(ComInfo* info)
 {
@@ -247,8 +246,7 @@ int StringAddressToInt(int, QString) // NOLINT(performance-unnecessary-value-par
     return -1;
 }
 
-// ---- Request lists
-// -------------------------------------------------------------------------------
+// ---- Request lists ------------------------------------------------------------------------------
 
 int AddListReadVar(RW_VAR* request)
 {

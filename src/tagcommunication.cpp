@@ -227,8 +227,7 @@ bool endsAsFrame(const QByteArray& reply)
 
 } // namespace
 
-// ---- Tag store
-// -----------------------------------------------------------------------------------
+// ---- Tag store ----------------------------------------------------------------------------------
 
 namespace tagstore {
 
@@ -349,8 +348,7 @@ bool getPlcAdd(int type, unsigned int& address, unsigned int& count)
     return true;
 }
 
-// ---- Connection set-up
-// ---------------------------------------------------------------------------
+// ---- Connection set-up --------------------------------------------------------------------------
 
 int get_random_number()
 {
@@ -400,8 +398,7 @@ int HandshakeFunctionCheck(const QByteArray* reply)
     return 1;
 }
 
-// ---- Frame integrity
-// -----------------------------------------------------------------------------
+// ---- Frame integrity ----------------------------------------------------------------------------
 
 unsigned int checkDataCrc(QByteArray frame) // NOLINT(performance-unnecessary-value-param): host ABI
 {
@@ -437,8 +434,7 @@ int DataIntegrityJudgment(const QByteArray* reply)
     return 0;
 }
 
-// ---- Frames
-// --------------------------------------------------------------------------------------
+// ---- Frames -------------------------------------------------------------------------------------
 
 namespace frame {
 

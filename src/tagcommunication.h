@@ -42,8 +42,7 @@ MICRO850_EXPORT int getRegType(const QByteArray& type);
 /// classes 3 to 5. Always true.
 MICRO850_EXPORT bool getPlcAdd(int type, unsigned int& address, unsigned int& count);
 
-// ---- Connection set-up: the poll thread
-// ----------------------------------------------------------
+// ---- Connection set-up: the poll thread ---------------------------------------------------------
 
 /// Queues the Identity and the Forward_Open request for the station. Always 1.
 MICRO850_EXPORT int HandshakeFunction(const int& station);
@@ -54,8 +53,7 @@ MICRO850_EXPORT int HandshakeFunctionCheck(const QByteArray* reply);
 /// 0 to 16777214, seeded anew from the seconds of the day: equal within one second.
 MICRO850_EXPORT int get_random_number();
 
-// ---- Frame integrity
-// -----------------------------------------------------------------------------
+// ---- Frame integrity ----------------------------------------------------------------------------
 
 /// CRC of an undoubled frame given up to and including its DLE ETX.
 MICRO850_EXPORT unsigned int checkDataCrc(QByteArray frame);
@@ -64,8 +62,7 @@ MICRO850_EXPORT QByteArray getRecoverData(const QByteArray& frame, bool undouble
 /// 1 when the reply, as received, holds a complete frame with the right CRC, else 0.
 MICRO850_EXPORT int DataIntegrityJudgment(const QByteArray* reply);
 
-// ---- Inside the library: not exported
-// ------------------------------------------------------------
+// ---- Inside the library: not exported -----------------------------------------------------------
 
 /// Scoped leaf lock: innermost, held for a few lines, never while another lock is taken or the host
 /// is called. MICRO850_WITHOUT_LEAF_LOCKS leaves it out, to show that the thread tests notice.

@@ -8,8 +8,7 @@ class Dispatcher : public DispatcherTest
 {
 };
 
-// ---- Nothing pending, and the two steps of a reply of varying length
-// ------------------------------
+// ---- Nothing pending, and the two steps of a reply of varying length ----------------------------
 
 TEST_F(Dispatcher, SaysOneWhenNothingIsPending)
 {
@@ -97,8 +96,7 @@ TEST_F(Dispatcher, CountsANullReplyAsIncomplete)
     EXPECT_EQ(DataCom(nullptr, 40)->retValue, 0);
 }
 
-// ---- Success
-// --------------------------------------------------------------------------------------
+// ---- Success ------------------------------------------------------------------------------------
 
 TEST_F(Dispatcher, FinishesACyclicReadByRotatingItWithoutACallback)
 {
@@ -244,8 +242,7 @@ TEST_F(Dispatcher, RaisesThePassCompleteWordBehindAFullCycle)
     EXPECT_EQ(PLC_driver.readCycleCount, 0) << "it counts again once the word is cleared";
 }
 
-// ---- Failure
-// --------------------------------------------------------------------------------------
+// ---- Failure ------------------------------------------------------------------------------------
 
 TEST_F(Dispatcher, KeepsAFailedFrameWithinTheLimitAndDropsItBeyond)
 {
@@ -381,8 +378,7 @@ TEST_F(Dispatcher, KeepsItsQueueWithoutSettings)
     }
 }
 
-// ---- Local and remote area
-// ------------------------------------------------------------------------
+// ---- Local and remote area ----------------------------------------------------------------------
 
 class Area : public Dispatcher
 {
@@ -538,8 +534,7 @@ TEST_F(Dispatcher, FailsARemoteRequestWithTheRemoteCodes)
     EXPECT_EQ(refreshed.size(), 1u);
 }
 
-// ---- Connection set-up
-// ----------------------------------------------------------------------------
+// ---- Connection set-up --------------------------------------------------------------------------
 
 class SetUp : public Dispatcher
 {

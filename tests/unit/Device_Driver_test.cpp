@@ -8,8 +8,7 @@ using wire::hex;
 
 namespace {
 
-// ---- Records
-// -------------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 TEST(DriverObject, StartsEmptyWithNothingInFlight)
 {
@@ -45,8 +44,7 @@ TEST(DriverObject, HasThreeLocksThatAreNotRecursive)
     }
 }
 
-// ---- Places in memory
-// -----------------------------------------------------------------------------
+// ---- Places in memory ---------------------------------------------------------------------------
 
 // A host that was built against these records does not ask the compiler again.
 
@@ -241,8 +239,7 @@ TEST_F(DriverHelpers, CopyAResultWithoutItsValueBytes)
     EXPECT_EQ(from.data, QByteArray("value"));
 }
 
-// ---- Return codes
-// --------------------------------------------------------------------------------
+// ---- Return codes -------------------------------------------------------------------------------
 
 class ReturnCodes : public DriverTest
 {
@@ -294,8 +291,7 @@ TEST_F(ReturnCodes, LookAtTheTransactionInFlightOnly)
     EXPECT_EQ(SwitchErrorReturn(40), 41);
 }
 
-// ---- Catalogue
-// -----------------------------------------------------------------------------------
+// ---- Catalogue ----------------------------------------------------------------------------------
 
 class Catalogue : public DriverTest
 {

@@ -7,8 +7,7 @@ using wire::hex;
 
 namespace {
 
-// ---- Configuration
-// -------------------------------------------------------------------------------
+// ---- Configuration ------------------------------------------------------------------------------
 
 class Configuration : public DriverTest
 {
@@ -120,8 +119,7 @@ TEST_F(Configuration, EnablesAllStationsForANegativeNumberWhateverTheFlag)
     }
 }
 
-// ---- Lists
-// ---------------------------------------------------------------------------------------
+// ---- Lists --------------------------------------------------------------------------------------
 
 class Lists : public DriverTest
 {
@@ -456,8 +454,7 @@ TEST_F(Lists, TakeOneShotAndCyclicReadsWhileTheCallerHoldsTheLock)
     PLC_driver.listMutex.unlock();
 }
 
-// ---- Runs
-// ----------------------------------------------------------------------------------------
+// ---- Runs ---------------------------------------------------------------------------------------
 
 struct RunRow
 {
