@@ -19,10 +19,8 @@ class Progress
 public:
     template<typename Change> void tell(Change change)
     {
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            change();
-        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        change();
         m_wake.notify_all();
     }
 
