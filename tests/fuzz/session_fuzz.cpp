@@ -261,6 +261,14 @@ private:
         receive(reply, m_input.flag() ? reply.size() : m_input.count());
     }
 
+    // On a remote link a flag of -1 has the reply to a write stored as well.
+    static bool storesReply(const RW_VAR& asked)
+    {
+        const ComInfo* settings = PLC_driver.comInfo;
+        const bool remote = settings && asked.linkId != settings->localLink;
+        return asked.accessMode == 0 || (asked.accessMode == 1 && remote && asked.reqFlag == -1);
+    }
+
     void receiveNull()
     {
         const int length = m_input.count();
@@ -276,7 +284,7 @@ private:
         const RW_VAR asked = inFlight ? PLC_driver.sendQueue.first().var : RW_VAR();
         // 0 for a write, which a host may mark as a read: then its reply is stored from the start.
         const int dataStart = inFlight ? PLC_driver.sendQueue.first().auxLength : 0;
-        const bool reads = inFlight && asked.accessMode == 0 && !null;
+        const bool reads = inFlight && !null && storesReply(asked);
 
         const RW_VAR* result = DataCom(null ? nullptr : &reply, length);
 
