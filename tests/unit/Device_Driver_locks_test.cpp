@@ -455,6 +455,20 @@ TEST_F(OwnLocks, GuardTheCyclicListWhileItIsEmptied)
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
+TEST_F(OwnLocks, GuardTheCyclicListWhileRunsAreAppended)
+{
+    RW_VAR run = readOf("T", 0, 20);
+    QList<RW_VAR> group = {run};
+    LockWitness witness;
+    witness.watch([] { return PLC_driver.readList.size(); }, *ofTheLists);
+    addressAdd(run, 15, true);
+    EXPECT_EQ(PLC_driver.readList.size(), 2);
+    BitVarReCreat(group, 15);
+    EXPECT_EQ(PLC_driver.readList.size(), 4);
+    EXPECT_EQ(witness.unguardedValueChanges(), 0);
+    EXPECT_EQ(times(witness), 2);
+}
+
 TEST_F(OwnLocks, GuardTheCycleWhileItIsBegunAnew)
 {
     PLC_driver.readCycleCount = 5;

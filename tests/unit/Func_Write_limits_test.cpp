@@ -32,6 +32,7 @@ TEST_F(LargestWrite, IsAllThatGoesOutOfALongerValueOfAStringOrAnUnknownClass)
         RW_VAR request = writeOf("T", QByteArray(largest + 5, 'v'));
         WriteRegister(&request);
         EXPECT_EQ(request.data.size(), largest) << int(typeClass);
+        EXPECT_EQ(request.data.at(0), typeClass == 1 ? '\0' : 'v') << "length of what is left";
         EXPECT_LT(PLC_driver.sendQueue.last().frame.size(), largest + 100) << int(typeClass);
         PLC_driver.sendQueue.clear();
     }
