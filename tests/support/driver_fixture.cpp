@@ -103,6 +103,18 @@ DriverTest::~DriverTest()
     resetDriver();
 }
 
+HOSTVAR DriverTest::hostVar(const char* tag, const char* address, int count, unsigned char area)
+{
+    HOSTVAR variable = HOSTVAR();
+    variable.hostField0 = 99;
+    variable.areaType = area;
+    variable.hostField1 = 98;
+    variable.addressText = QString::fromLatin1(address);
+    variable.tagName = QString::fromLatin1(tag);
+    variable.count = count;
+    return variable;
+}
+
 RW_VAR DriverTest::readOf(const char* tag, int element, int count)
 {
     RW_VAR request = RW_VAR();

@@ -59,6 +59,9 @@ protected:
     RW_VAR readOf(const char* tag, int element = 0, int count = 1);
     RW_VAR writeOf(const char* tag, const QByteArray& value, int element = 0, int count = 1);
 
+    /// A variable of the host's cyclic list; the fields that the driver does not read are set too.
+    static HOSTVAR hostVar(const char* tag, const char* address, int count, unsigned char area = 5);
+
     /// A request whose fields all differ, in station 1 and on the local link.
     RW_VAR distinctRequest(const char* tag);
 

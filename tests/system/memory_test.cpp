@@ -58,13 +58,8 @@ protected:
     void rebuildCyclic(int tags)
     {
         QList<HOSTVAR> variables;
-        for (int i = 0; i < tags; ++i) {
-            HOSTVAR variable = HOSTVAR();
-            variable.tagName = QString::fromLatin1(tag(i));
-            variable.addressText = "0";
-            variable.count = 1;
-            variables.append(variable);
-        }
+        for (int i = 0; i < tags; ++i)
+            variables.append(hostVar(tag(i).constData(), "0", 1));
         ReCreatReadVarList(&variables);
         for (int i = 0; i < 2 * tags; ++i) {
             RW_VAR read = readOf(tag(i / 2).constData());

@@ -35,7 +35,7 @@ private:
     std::condition_variable m_wake;
 };
 
-/// The poll pair on the test's own thread, two controllers in memory,, and what host threads
+/// The poll pair on the test's own thread, two controllers in memory, and what host threads
 /// need to wait for what they asked for.
 class ThreadsTest : public DriverTest
 {

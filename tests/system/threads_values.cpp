@@ -173,13 +173,8 @@ protected:
     static QList<HOSTVAR> totalsOnScreen()
     {
         QList<HOSTVAR> variables;
-        for (int i = 0; i < kTags; ++i) {
-            HOSTVAR variable = HOSTVAR();
-            variable.tagName = QString::fromLatin1(total(i));
-            variable.addressText = "0";
-            variable.count = 4;
-            variables.append(variable);
-        }
+        for (int i = 0; i < kTags; ++i)
+            variables.append(hostVar(total(i).constData(), "0", 4));
         return variables;
     }
 

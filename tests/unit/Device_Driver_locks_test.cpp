@@ -585,12 +585,7 @@ TEST_F(OwnLocks, GuardTheLengthOfTheCyclicList)
 TEST_F(OwnLocks, LetNobodyAppendToACyclicListThatIsHalfMade)
 {
     const int rebuilt = 3;
-    QList<HOSTVAR> variables;
-    for (const char* tag : {"a", "b", "c"}) {
-        variables.append(HOSTVAR());
-        variables.last().tagName = tag;
-        variables.last().count = 1;
-    }
+    QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("b", "0", 1), hostVar("c", "0", 1)};
     RW_VAR late = readOf("L");
     std::size_t locks = 1;
     for (std::size_t before = 0; before < locks; ++before) {

@@ -131,17 +131,6 @@ protected:
             pairs.append(qMakePair(request.startAddress, request.count));
         return pairs;
     }
-    HOSTVAR hostVar(const char* tag, const char* address, int count, unsigned char area = 5)
-    {
-        HOSTVAR variable = HOSTVAR();
-        variable.hostField0 = 99;
-        variable.areaType = area;
-        variable.hostField1 = 98;
-        variable.addressText = QString::fromLatin1(address);
-        variable.tagName = QString::fromLatin1(tag);
-        variable.count = count;
-        return variable;
-    }
 };
 
 std::string text(const QList<QPair<int, int>>& pairs)
