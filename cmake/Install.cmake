@@ -34,7 +34,7 @@ install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT De
 install(FILES examples/CMakeLists.txt examples/minimal-host.cpp
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
 
-if(MICRO850_TOOLS)
+if(MICRO850_PROGRAMS)
   install(TARGETS micro850-host micro850-sim
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
   file(GLOB examples CONFIGURE_DEPENDS examples/*.json examples/*.csv)

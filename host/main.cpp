@@ -10,6 +10,8 @@
 #include <exception>
 #include <iostream>
 
+using namespace micro850;
+
 namespace {
 
 const char kDescription[] = "Reads, writes and watches the tags of a Micro850 controller.";
@@ -22,8 +24,8 @@ void requireCommand(const CLI::App& app, const std::string& word)
         names.push_back(command->get_name());
     if (word.empty() || word[0] == '-' || std::count(names.begin(), names.end(), word) != 0)
         return;
-    throw micro850::UserError('"' + word + "\" is not a command" +
-                              micro850::didYouMean(word, names) + " (see micro850-host --help)");
+    throw UserError('"' + word + "\" is not a command" + didYouMean(word, names) +
+                    " (see micro850-host --help)");
 }
 
 // What the parser says, for what it did not expect with the option that may be meant.
@@ -45,7 +47,7 @@ std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
     }
     // Compared without the dashes, which make any two options alike.
     const bool isOption = word.rfind("--", 0) == 0;
-    const std::string meant = isOption ? micro850::didYouMean(word.substr(2), names) : "";
+    const std::string meant = isOption ? didYouMean(word.substr(2), names) : "";
     return '"' + word + "\" is not expected here" + meant + help;
 }
 
@@ -66,13 +68,13 @@ int run(int argc, char** argv)
     } catch (const CLI::Success& success) {
         return app.exit(success);
     } catch (const CLI::ParseError& error) {
-        throw micro850::UserError(complaintOf(app, error));
+        throw UserError(complaintOf(app, error));
     }
     for (const host::Subcommand& command : commands) {
         if (command.app->parsed())
             return command.run();
     }
-    return micro850::kExitUsage;
+    return kExitUsage;
 }
 
 } // namespace
@@ -83,13 +85,13 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     try {
         return run(argc, argv);
-    } catch (const micro850::UserError& error) {
+    } catch (const UserError& error) {
         std::cout.flush();
         std::cerr << "micro850-host: " << error.what() << '\n';
         return error.status();
     } catch (const std::exception& error) {
         std::cout.flush();
         std::cerr << "micro850-host: " << error.what() << '\n';
-        return micro850::kExitRefused;
+        return kExitRefused;
     }
 }

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -11,7 +11,7 @@ Json valueObject(const PollLoop& loop, const Variable& variable, int index)
     const ValueStore& values = loop.values();
     if (!values.wasRead(index))
         return Json();
-    const micro850::CipType& type = *values.type(index);
+    const CipType& type = *values.type(index);
     if (!variable.isScaled() || !isNumber(type))
         return jsonOf(type, values.elements(index));
     Json all = Json::array();
@@ -43,7 +43,7 @@ Json stationObject(const Station& station)
 Json changeObject(const PollLoop& loop, const Project& project, int variable, const QDateTime& time)
 {
     const Variable& asked = project.variables.at(variable);
-    const micro850::CipType* type = loop.values().type(variable);
+    const CipType* type = loop.values().type(variable);
     Json object = {{"time", time.toUTC().toString(Qt::ISODateWithMs).toStdString()},
                    {"name", asked.name.toStdString()},
                    {"station", asked.station},
@@ -129,4 +129,4 @@ void summarise(const PollLoop& loop, const Project& project, const LiveTable& ta
         output.note(text);
 }
 
-} // namespace host
+} // namespace micro850::host

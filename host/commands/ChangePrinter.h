@@ -7,7 +7,7 @@
 
 #include <QtCore/QDateTime>
 
-namespace host {
+namespace micro850::host {
 
 /// Prints a line, or a JSON object, for each variable whose value or quality has changed.
 class ChangePrinter
@@ -45,6 +45,6 @@ Json changeObject(const PollLoop& loop, const Project& project, int variable,
 void summarise(const PollLoop& loop, const Project& project, const LiveTable& table,
                const Output& output, qint64 now);
 
-} // namespace host
+} // namespace micro850::host
 
 #endif

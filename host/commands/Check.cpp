@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -20,7 +20,7 @@ struct CheckOptions
 /// What the controller says to one variable.
 struct Finding
 {
-    const micro850::CipType* type = nullptr;
+    const CipType* type = nullptr;
     QString problem;
 };
 
@@ -97,12 +97,12 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
         problems += finding.problem.isEmpty() ? 0 : 1;
         tell(output, variables.at(done), finding);
     }
-    output.note(QStringLiteral("%1: %2 variables asked for, %3 with a problem")
-                    .arg(textOf(options.line.project), QString::number(done),
-                         QString::number(problems)));
+    output.note(
+        QStringLiteral("%1: %2 variables asked for, %3 with a problem")
+            .arg(textOf(options.line.project), QString::number(done), QString::number(problems)));
     if (done < variables.size())
         interrupt.throwIfRequested();
-    return problems == 0 ? micro850::kExitDone : micro850::kExitRefused;
+    return problems == 0 ? kExitDone : kExitRefused;
 }
 
 int run(const CheckOptions& options)
@@ -118,7 +118,7 @@ int run(const CheckOptions& options)
                 QStringLiteral("%1: ok, %2 variables of %3 stations")
                     .arg(textOf(options.line.project), QString::number(project.variables.size()),
                          QString::number(project.stations.size())));
-    return micro850::kExitDone;
+    return kExitDone;
 }
 
 } // namespace
@@ -141,4 +141,4 @@ Subcommand addCheck(CLI::App& app)
     return {check, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

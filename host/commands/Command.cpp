@@ -1,6 +1,6 @@
 #include "Command.h"
 
-namespace host {
+namespace micro850::host {
 
 const char kStatuses[] =
     "Exit status: 0 done, 1 the controller or the line refused, 2 usage or configuration.";
@@ -24,4 +24,4 @@ void LineOptions::addTo(CLI::App& command)
     command.add_option("--trace", trace, "Record all frames: FILE.txt or FILE.pcapng");
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -7,7 +7,7 @@
 
 #include <functional>
 
-namespace host {
+namespace micro850::host {
 
 /// A subcommand: its place in the command line, and what runs it and gives the exit status. It
 /// throws UserError for what a person has to be told.
@@ -59,6 +59,6 @@ inline QString textOf(const std::string& argument)
 /// Ends the help of the subcommands that talk to one controller.
 extern const char kStatuses[];
 
-} // namespace host
+} // namespace micro850::host
 
 #endif

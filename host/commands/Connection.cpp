@@ -2,15 +2,15 @@
 
 #include "UserError.h"
 
-namespace host {
+namespace micro850::host {
 
 void requirePort(const Project& project, const LineOptions& options)
 {
     if (!project.port.device.isEmpty())
         return;
     const std::string where = options.project.empty() ? "" : options.project + ": port.device: ";
-    throw micro850::UserError(where + "no port is given (name it with --port DEVICE" +
-                              (where.empty() ? " or --project FILE" : " or in the file") + ")");
+    throw UserError(where + "no port is given (name it with --port DEVICE" +
+                    (where.empty() ? " or --project FILE" : " or in the file") + ")");
 }
 
 Project projectOf(const LineOptions& options)
@@ -63,9 +63,9 @@ void requireOpen(Line& line, const PortSettings& port)
     QString error;
     if (line.open(error))
         return;
-    throw micro850::UserError((port.device + QStringLiteral(": cannot be opened: ") + error +
-                               QStringLiteral(" (choose the port with --port)"))
-                                  .toStdString());
+    throw UserError((port.device + QStringLiteral(": cannot be opened: ") + error +
+                     QStringLiteral(" (choose the port with --port)"))
+                        .toStdString());
 }
 
 Connection::Connection(const LineOptions& options, const Project& project)
@@ -74,4 +74,4 @@ Connection::Connection(const LineOptions& options, const Project& project)
     requireOpen(m_line, project.port);
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -8,7 +8,7 @@
 #include "Session.h"
 #include "TagAddress.h"
 
-namespace host {
+namespace micro850::host {
 
 /// The project that the options name, or one that only has the port.
 Project projectOf(const LineOptions& options);
@@ -20,7 +20,7 @@ struct Target
 {
     TagKey tag;
     TagAddress address;
-    const micro850::CipType* type; ///< as the project says, or null
+    const CipType* type; ///< as the project says, or null
 };
 
 /// `station` is that of a tag no project names; below 0 for the project's first.
@@ -48,6 +48,6 @@ private:
     SteadyClock m_clock;
 };
 
-} // namespace host
+} // namespace micro850::host
 
 #endif

@@ -8,7 +8,7 @@
 #include <iostream>
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -43,8 +43,8 @@ int run(const ImportOptions& options)
     const Output output(options.output.json, options.output.quiet);
     QFile file(textOf(options.file));
     if (!file.open(QIODevice::ReadOnly)) {
-        throw micro850::UserError(options.file + ": cannot be read: " +
-                                  file.errorString().toStdString() + " (name the exported list)");
+        throw UserError(options.file + ": cannot be read: " + file.errorString().toStdString() +
+                        " (name the exported list)");
     }
     const VariableList list =
         VariableList::fromCsv(QString::fromUtf8(file.readAll()), textOf(options.file));
@@ -52,9 +52,9 @@ int run(const ImportOptions& options)
         output.note(textOf(options.file) + QStringLiteral(": ") + line +
                     QStringLiteral(" (left out)"));
     if (list.variables.isEmpty()) {
-        throw micro850::UserError(options.file +
-                                  ": lists no variable that can be read (its lines need a name and "
-                                  "an elementary type)");
+        throw UserError(options.file +
+                        ": lists no variable that can be read (its lines need a name and "
+                        "an elementary type)");
     }
     if (output.json()) {
         for (const Variable& variable : list.variables)
@@ -62,7 +62,7 @@ int run(const ImportOptions& options)
     } else {
         printProject(list);
     }
-    return micro850::kExitDone;
+    return kExitDone;
 }
 
 } // namespace
@@ -82,4 +82,4 @@ Subcommand addImport(CLI::App& app)
     return {command, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -28,13 +28,13 @@ QVariant variantOf(const ValueStore& values, const Variable& variable, int index
 {
     if (!values.wasRead(index))
         return QVariant();
-    const micro850::CipType& type = *values.type(index);
+    const CipType& type = *values.type(index);
     if (variable.length != 1 || !isNumber(type))
         return values.texts(index).join(' ');
-    if (!variable.isScaled() && type.kind != micro850::CipKind::Real) {
+    if (!variable.isScaled() && type.kind != CipKind::Real) {
         const QString digits = values.texts(index).first();
-        return type.kind == micro850::CipKind::Signed ? QVariant(digits.toLongLong())
-                                                      : QVariant(digits.toULongLong());
+        return type.kind == CipKind::Signed ? QVariant(digits.toLongLong())
+                                            : QVariant(digits.toULongLong());
     }
     return values.texts(index).first().toDouble();
 }
@@ -43,7 +43,7 @@ Sample sampleOf(const PollLoop& loop, const Project& project, int index, const Q
 {
     const Variable& variable = project.variables.at(index);
     const ValueStore& values = loop.values();
-    const micro850::CipType* type = values.type(index);
+    const CipType* type = values.type(index);
     return {time,
             variable.name,
             variable.station,
@@ -124,7 +124,7 @@ int run(const LogOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     if (options.csv.empty() == options.sqlite.empty())
-        throw micro850::UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
+        throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
     const Project project = projectOf(options.line);
     requirePort(project, options.line);
     TraceFile trace(textOf(options.line.trace));
@@ -142,11 +142,12 @@ int run(const LogOptions& options)
     loop.finish();
     logging.close();
     const std::string file = options.csv.empty() ? options.sqlite : options.csv;
-    output.note(QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
+    output.note(
+        QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
     if (output.json())
         output.data({{"file", file}, {"rows", logging.rows()}}, QString());
     summarise(loop, project, logging.table(), output, connection.clock().now());
-    return logging.table().complete() ? micro850::kExitDone : micro850::kExitRefused;
+    return logging.table().complete() ? kExitDone : kExitRefused;
 }
 
 } // namespace
@@ -176,4 +177,4 @@ Subcommand addLog(CLI::App& app)
     return {log, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -7,7 +7,7 @@
 #include <memory>
 #include <unistd.h>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -43,9 +43,8 @@ Project pollProject(const PollOptions& options)
             matching.append(variable);
     }
     if (matching.isEmpty()) {
-        throw micro850::UserError("--match: no variable of " + options.line.project +
-                                  " matches \"" + options.match +
-                                  "\" (a part of a name, or a pattern with * and ?)");
+        throw UserError("--match: no variable of " + options.line.project + " matches \"" +
+                        options.match + "\" (a part of a name, or a pattern with * and ?)");
     }
     // On a terminal the table shows those that match, and others when the person asks for them.
     return project;
@@ -136,9 +135,9 @@ int run(const PollOptions& options)
     display.close();
     summarise(loop, project, display.table(), output, connection.clock().now());
     if (display.table().complete())
-        return micro850::kExitDone;
+        return kExitDone;
     output.error(QStringLiteral("some variables were never read"));
-    return micro850::kExitRefused;
+    return kExitRefused;
 }
 
 } // namespace
@@ -172,4 +171,4 @@ Subcommand addPoll(CLI::App& app)
     return {poll, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

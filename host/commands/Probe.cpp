@@ -7,7 +7,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -94,14 +94,14 @@ int run(const ProbeOptions& options)
         progress.clear();
         if (result.answered) {
             output.data(reportObject(port, result), report(port, result));
-            return micro850::kExitDone;
+            return kExitDone;
         }
         output.data(reportObject(port, result), QString());
         output.error(port.text() + QStringLiteral(": ") + result.error);
     }
     output.note(QStringLiteral("check cable, station and speed%1")
                     .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
-    return micro850::kExitRefused;
+    return kExitRefused;
 }
 
 } // namespace
@@ -121,4 +121,4 @@ Subcommand addProbe(CLI::App& app)
     return {probe, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -21,7 +21,7 @@ struct ReadOptions
     std::vector<std::string> tags;
 };
 
-void tell(const Output& output, const Target& target, const micro850::CipType& type,
+void tell(const Output& output, const Target& target, const CipType& type,
           const QVector<QByteArray>& elements)
 {
     for (int i = 0; i < elements.size(); ++i) {
@@ -53,7 +53,7 @@ bool readTarget(const Target& target, Session& session, const Interrupt& interru
     const int elements = target.address.elements;
     Progress progress(output, target.address.text(), elements);
     try {
-        const micro850::CipType& type = session.typeOf(target.tag);
+        const CipType& type = session.typeOf(target.tag);
         const bool isLong = elements * type.size > kLongBytes;
         const auto show = [&](int done) {
             interrupt.throwIfRequested();
@@ -91,7 +91,7 @@ int run(const ReadOptions& options)
         interrupt.throwIfRequested();
         refused = !readTarget(target, session, interrupt, output) || refused;
     }
-    return refused ? micro850::kExitRefused : micro850::kExitDone;
+    return refused ? kExitRefused : kExitDone;
 }
 
 } // namespace
@@ -114,4 +114,4 @@ Subcommand addRead(CLI::App& app)
     return {read, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

@@ -7,7 +7,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -44,7 +44,7 @@ QString timeText(qint64 microseconds)
 
 void tell(const Output& output, const TraceEvent& event)
 {
-    const bool sent = event.direction == micro850::Direction::Sent;
+    const bool sent = event.direction == Direction::Sent;
     Json object = {{"time", timeText(event.microseconds).toStdString()},
                    {"direction", sent ? "sent" : "received"},
                    {"kind", kindName(event.kind)},
@@ -91,14 +91,14 @@ Json summaryObject(const TraceReport& report)
 int run(const TraceOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    std::vector<micro850::TraceRecord> records;
+    std::vector<TraceRecord> records;
     try {
-        records = micro850::readTrace(options.file);
+        records = readTrace(options.file);
     } catch (const std::runtime_error& error) {
-        throw micro850::UserError(error.what());
+        throw UserError(error.what());
     }
     TraceReport report;
-    for (const micro850::TraceRecord& record : records)
+    for (const TraceRecord& record : records)
         report.add(record);
     report.finish();
     if (!options.summary) {
@@ -106,7 +106,7 @@ int run(const TraceOptions& options)
             tell(output, event);
     }
     output.data(summaryObject(report), report.statistics().join('\n'));
-    return micro850::kExitDone;
+    return kExitDone;
 }
 
 } // namespace
@@ -124,4 +124,4 @@ Subcommand addTrace(CLI::App& app)
     return {trace, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

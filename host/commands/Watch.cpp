@@ -9,7 +9,7 @@
 #include <memory>
 #include <unistd.h>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -58,10 +58,10 @@ void requirePlottable(const WatchOptions& options)
     if (!options.plot)
         return;
     if (isatty(STDOUT_FILENO) != 1 || options.output.json)
-        throw micro850::UserError("--plot needs a terminal (leave it out for a line a change)");
+        throw UserError("--plot needs a terminal (leave it out for a line a change)");
     if (options.tags.size() > kMostPlots) {
-        throw micro850::UserError("--plot shows at most " + std::to_string(kMostPlots) +
-                                  " variables (leave some out)");
+        throw UserError("--plot shows at most " + std::to_string(kMostPlots) +
+                        " variables (leave some out)");
     }
 }
 
@@ -187,7 +187,7 @@ int run(const WatchOptions& options)
     loop.finish();
     plot.reset();
     summarise(loop, project, table, output, connection.clock().now());
-    return table.complete() ? micro850::kExitDone : micro850::kExitRefused;
+    return table.complete() ? kExitDone : kExitRefused;
 }
 
 } // namespace
@@ -213,4 +213,4 @@ Subcommand addWatch(CLI::App& app)
     return {watch, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

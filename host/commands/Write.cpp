@@ -6,7 +6,7 @@
 
 #include <memory>
 
-namespace host {
+namespace micro850::host {
 
 namespace {
 
@@ -44,13 +44,13 @@ QVector<Write> writesOf(const WriteOptions& options, const Project& project)
     return writes;
 }
 
-void encode(Write& write, const micro850::CipType& type)
+void encode(Write& write, const CipType& type)
 {
     requireWritable(type, write.target.address.tag);
     try {
         write.value = elementFromText(type, write.text);
-    } catch (const micro850::UserError& error) {
-        throw micro850::UserError(write.name().toStdString() + ": " + error.what());
+    } catch (const UserError& error) {
+        throw UserError(write.name().toStdString() + ": " + error.what());
     }
 }
 
@@ -67,11 +67,11 @@ void encodeKnown(QVector<Write>& writes)
 void encodeAll(QVector<Write>& writes, Session& session)
 {
     for (Write& write : writes) {
-        const micro850::CipType& type = session.typeOf(write.target.tag);
+        const CipType& type = session.typeOf(write.target.tag);
         if (write.target.type && write.target.type != &type) {
-            throw micro850::UserError(write.name().toStdString() + ": is " + type.name +
-                                      " in the controller, " + write.target.type->name +
-                                      " in the project (correct the project)");
+            throw UserError(write.name().toStdString() + ": is " + type.name +
+                            " in the controller, " + write.target.type->name +
+                            " in the project (correct the project)");
         }
         encode(write, type);
     }
@@ -81,7 +81,7 @@ void carryOut(const Write& write, Session& session, const WriteOptions& options,
               const Output& output)
 {
     const TagKey& tag = write.target.tag;
-    const micro850::CipType& type = session.typeOf(tag);
+    const CipType& type = session.typeOf(tag);
     session.write(tag, write.element(), write.value);
     const QByteArray now =
         options.verify ? session.read(tag, write.element(), 1).first() : write.value;
@@ -101,10 +101,10 @@ void carryOut(const Write& write, Session& session, const WriteOptions& options,
         return;
     }
     output.data(object, QString());
-    throw micro850::UserError((line + QStringLiteral(" was read back after ") + write.text +
-                               QStringLiteral(" was written (the program may set it)"))
-                                  .toStdString(),
-                              micro850::kExitRefused);
+    throw UserError((line + QStringLiteral(" was read back after ") + write.text +
+                     QStringLiteral(" was written (the program may set it)"))
+                        .toStdString(),
+                    kExitRefused);
 }
 
 int run(const WriteOptions& options)
@@ -131,7 +131,7 @@ int run(const WriteOptions& options)
         carryOut(writes.at(i), session, options, output);
         progress.show(i + 1);
     }
-    return micro850::kExitDone;
+    return kExitDone;
 }
 
 } // namespace
@@ -162,4 +162,4 @@ Subcommand addWrite(CLI::App& app)
     return {write, [options] { return run(*options); }};
 }
 
-} // namespace host
+} // namespace micro850::host

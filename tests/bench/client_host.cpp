@@ -12,18 +12,19 @@
 
 namespace {
 
-host::Project projectOf(const Task& task)
+micro850::host::Project projectOf(const Task& task)
 {
     const QString text = QStringLiteral(
         R"({"stations": [{"number": 1}], "variables": [{"tag": "Values", "length": %1}]})");
-    host::Project project = host::Project::fromText(text.arg(task.values), "bench");
+    micro850::host::Project project =
+        micro850::host::Project::fromText(text.arg(task.values), "bench");
     project.port.device = QString::fromLocal8Bit(task.device);
     project.port.baud = task.baud;
     return project;
 }
 
 // The cycle has settled once every element has a value and the list has been built from the type.
-void settle(host::PollLoop& loop, int cycle)
+void settle(micro850::host::PollLoop& loop, int cycle)
 {
     while (!loop.values().wasRead(0) && loop.lineError().isEmpty() &&
            loop.values().error(0).isEmpty())
@@ -34,16 +35,16 @@ void settle(host::PollLoop& loop, int cycle)
 
 int run(const Task& task)
 {
-    const host::DriverLibrary library(QStringLiteral(MICRO850_LIBRARY));
-    const host::Project project = projectOf(task);
-    host::SerialLine line(project.port);
-    const host::SteadyClock clock;
-    host::PollLoop loop(library.api(), line, clock, project);
+    const micro850::host::DriverLibrary library(QStringLiteral(MICRO850_LIBRARY));
+    const micro850::host::Project project = projectOf(task);
+    micro850::host::SerialLine line(project.port);
+    const micro850::host::SteadyClock clock;
+    micro850::host::PollLoop loop(library.api(), line, clock, project);
     // An array of more bytes than a reply takes is read in several.
     const int parts =
-        host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
+        micro850::host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
     settle(loop, parts);
-    const host::Counters& counters = loop.stations().first().counters;
+    const micro850::host::Counters& counters = loop.stations().first().counters;
     const qint64 from = counters.answered;
     Stopwatch watch;
     watch.start();

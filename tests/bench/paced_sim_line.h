@@ -11,7 +11,7 @@
 /// A line of so many bits a second between the host and a simulated controller, and the host's
 /// clock, on the controller's virtual time: the same run takes the same time on every machine. Time
 /// passes byte by byte, and what is planned happens in between, as from another thread.
-class PacedSimLine : public host::Line, public host::Clock
+class PacedSimLine : public micro850::host::Line, public micro850::host::Clock
 {
 public:
     PacedSimLine(micro850::sim::VirtualClock& clock, micro850::sim::FaultyLine& line, int baud)

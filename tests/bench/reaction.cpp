@@ -38,13 +38,14 @@ std::string plantText(int others)
     return "{\"tags\": [" + tags.join(QLatin1Char(',')).toStdString() + "]}";
 }
 
-host::Project projectAt(int baud)
+micro850::host::Project projectAt(int baud)
 {
     QStringList variables;
     for (int i = 0; i < kVariables; ++i)
         variables += QStringLiteral(R"({"tag": "%1"})").arg(tagName("Cyclic", i));
     const QString text = QStringLiteral(R"({"stations": [{"number": 1}], "variables": [%1]})");
-    host::Project project = host::Project::fromText(text.arg(variables.join(QLatin1Char(','))), "");
+    micro850::host::Project project =
+        micro850::host::Project::fromText(text.arg(variables.join(QLatin1Char(','))), "");
     project.port.baud = baud;
     return project;
 }
@@ -65,7 +66,7 @@ public:
           m_line(m_clock, m_engine), m_port(m_clock, m_line, baud), m_project(projectAt(baud)),
           m_loop(m_library.api(), m_port, m_port, m_project)
     {
-        m_loop.exchange().setObserver([this](host::Exchange::Direction direction,
+        m_loop.exchange().setObserver([this](micro850::host::Exchange::Direction direction,
                                              const QByteArray& frame,
                                              qint64) { observe(direction, frame); });
     }
@@ -151,16 +152,16 @@ private:
         }
     }
 
-    void observe(host::Exchange::Direction direction, const QByteArray& frame)
+    void observe(micro850::host::Exchange::Direction direction, const QByteArray& frame)
     {
         const qint64 now = m_port.microseconds();
-        const auto events = host::ReplyCollector().feed(frame);
+        const auto events = micro850::host::ReplyCollector().feed(frame);
         const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data;
         if (data.isEmpty()) // a link control, or corrupt
             return;
-        if (direction == host::Exchange::Direction::In) {
-            const host::Reply reply = host::decodeReply(data);
-            if (reply.service != host::kReadTagFragmented || !reply.good())
+        if (direction == micro850::host::Exchange::Direction::In) {
+            const micro850::host::Reply reply = micro850::host::decodeReply(data);
+            if (reply.service != micro850::host::kReadTagFragmented || !reply.good())
                 return;
             m_longest = std::max(m_longest, now - m_began);
             m_value = now;
@@ -169,7 +170,7 @@ private:
         m_began = now;
         if (m_called < 0 || m_sent >= 0)
             return;
-        if (host::decodeRequest(data).service == host::kWriteTagFragmented)
+        if (micro850::host::decodeRequest(data).service == micro850::host::kWriteTagFragmented)
             m_sent = now;
         else
             ++m_before;
@@ -204,9 +205,9 @@ private:
     micro850::sim::Engine m_engine;
     micro850::sim::FaultyLine m_line;
     PacedSimLine m_port;
-    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
-    host::Project m_project;
-    host::PollLoop m_loop;
+    micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    micro850::host::Project m_project;
+    micro850::host::PollLoop m_loop;
     qint64 m_began = 0;   ///< of the transaction in flight
     qint64 m_longest = 0; ///< read transaction so far
     qint64 m_value = 0;   ///< when the last value came

@@ -15,7 +15,7 @@
 
 namespace {
 
-using namespace host;
+using namespace micro850::host;
 
 void checkFields(const QString& line)
 {

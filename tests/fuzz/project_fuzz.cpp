@@ -11,7 +11,7 @@
 
 namespace {
 
-void checkPort(const host::PortSettings& port)
+void checkPort(const micro850::host::PortSettings& port)
 {
     FUZZ_CHECK(port.baud >= 300 && port.baud <= 4000000);
     FUZZ_CHECK(port.dataBits == 7 || port.dataBits == 8);
@@ -19,25 +19,25 @@ void checkPort(const host::PortSettings& port)
     FUZZ_CHECK(port.deviceBudgetMs >= 0 && port.timeoutMs >= 0 && port.retryLimit >= 0);
 }
 
-void checkVariable(const host::Project& project, const host::Variable& variable)
+void checkVariable(const micro850::host::Project& project, const micro850::host::Variable& variable)
 {
-    FUZZ_CHECK(!variable.tag.isEmpty() && variable.tag.size() <= host::kLongestTag);
+    FUZZ_CHECK(!variable.tag.isEmpty() && variable.tag.size() <= micro850::host::kLongestTag);
     FUZZ_CHECK(project.hasStation(variable.station));
     FUZZ_CHECK(variable.element >= 0 && variable.length >= 1);
-    FUZZ_CHECK(variable.element + variable.length - 1 <= host::kLargestElement);
+    FUZZ_CHECK(variable.element + variable.length - 1 <= micro850::host::kLargestElement);
     FUZZ_CHECK(variable.area >= 0 && variable.area <= 255);
     FUZZ_CHECK(project.variable(variable.name) == &variable);
 }
 
-void check(const host::Project& project)
+void check(const micro850::host::Project& project)
 {
     checkPort(project.port);
     FUZZ_CHECK(!project.variables.isEmpty() && !project.stations.isEmpty());
     QSet<int> numbers;
-    for (const host::StationSettings& station : project.stations)
+    for (const micro850::host::StationSettings& station : project.stations)
         numbers.insert(station.number);
     FUZZ_CHECK(numbers.size() == project.stations.size());
-    for (const host::Variable& variable : project.variables)
+    for (const micro850::host::Variable& variable : project.variables)
         checkVariable(project, variable);
 }
 
@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const QString text =
         QString::fromUtf8(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
     try {
-        check(host::Project::fromText(text, QStringLiteral("p.json")));
+        check(micro850::host::Project::fromText(text, QStringLiteral("p.json")));
     } catch (const micro850::UserError& error) {
         fuzz::checkComplaint(error, "p.json:");
     }

@@ -10,25 +10,25 @@
 
 namespace {
 
-using host::ReplyCollector;
+using micro850::host::ReplyCollector;
 
 // A frame that comes out of the collector is told to the driver as it stood on the line.
 void checkFrame(const QByteArray& data)
 {
     FUZZ_CHECK(data.size() <= 1024);
-    const QByteArray frame = host::replyForDriver(data, true);
+    const QByteArray frame = micro850::host::replyForDriver(data, true);
     const QByteArray onLine = wire::framed(data);
     FUZZ_CHECK(frame == onLine || (onLine.endsWith("\x10\x10") && frame == onLine + '\0'));
-    FUZZ_CHECK(host::dataOf(onLine) == data);
-    host::frameText(onLine);
-    const host::Reply reply = host::decodeReply(data);
-    FUZZ_CHECK(host::statusText(reply).isEmpty() == reply.good());
-    FUZZ_CHECK(host::statusKey(reply).isEmpty() == reply.good());
+    FUZZ_CHECK(micro850::host::dataOf(onLine) == data);
+    micro850::host::frameText(onLine);
+    const micro850::host::Reply reply = micro850::host::decodeReply(data);
+    FUZZ_CHECK(micro850::host::statusText(reply).isEmpty() == reply.good());
+    FUZZ_CHECK(micro850::host::statusKey(reply).isEmpty() == reply.good());
     FUZZ_CHECK(reply.values().size() <= data.size());
-    const host::Request request = host::decodeRequest(data);
+    const micro850::host::Request request = micro850::host::decodeRequest(data);
     FUZZ_CHECK(request.tag.size() <= 255 && request.element <= 0xFFFF);
-    FUZZ_CHECK(!host::answers(reply, request) || reply.tns == request.tns);
-    host::saysNoConnection(reply);
+    FUZZ_CHECK(!micro850::host::answers(reply, request) || reply.tns == request.tns);
+    micro850::host::saysNoConnection(reply);
 }
 
 QByteArray take(ReplyCollector& collector, const QByteArray& bytes)
@@ -64,6 +64,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     FUZZ_CHECK(atOnce.inFrame() == inPieces.inFrame());
     FUZZ_CHECK(atOnce.noiseBytes() == inPieces.noiseBytes() && atOnce.noiseBytes() <= line.size());
     checkFrame(line.left(1024));
-    host::frameText(line);
+    micro850::host::frameText(line);
     return 0;
 }

@@ -57,12 +57,13 @@ void checkType(FuzzInput& input)
     }
 }
 
-void checkAddress(const host::TagAddress& address)
+void checkAddress(const micro850::host::TagAddress& address)
 {
-    FUZZ_CHECK(!address.tag.isEmpty() && address.tag.size() <= host::kLongestTag);
+    FUZZ_CHECK(!address.tag.isEmpty() && address.tag.size() <= micro850::host::kLongestTag);
     FUZZ_CHECK(address.element >= 0 && address.elements >= 1);
-    FUZZ_CHECK(address.element + address.elements - 1 <= host::kLargestElement);
-    const host::TagAddress again = host::TagAddress::fromText(address.elementName(0));
+    FUZZ_CHECK(address.element + address.elements - 1 <= micro850::host::kLargestElement);
+    const micro850::host::TagAddress again =
+        micro850::host::TagAddress::fromText(address.elementName(0));
     FUZZ_CHECK(again.tag == address.tag && again.element == address.element);
 }
 
@@ -72,8 +73,8 @@ void checkTag(FuzzInput& input)
     const QString text = QString::fromUtf8(input.bytes(SIZE_MAX));
     try {
         if (!isWrite)
-            return checkAddress(host::TagAddress::fromText(text));
-        const host::Assignment write = host::Assignment::fromText(text);
+            return checkAddress(micro850::host::TagAddress::fromText(text));
+        const micro850::host::Assignment write = micro850::host::Assignment::fromText(text);
         checkAddress(write.address);
         FUZZ_CHECK(text.endsWith('=' + write.value));
         if (write.address.elements <= 64)

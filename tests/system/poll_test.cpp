@@ -17,10 +17,10 @@
 
 namespace {
 
-using host::Operation;
-using host::Quality;
-using host::TagKey;
 using micro850::Bytes;
+using micro850::host::Operation;
+using micro850::host::Quality;
+using micro850::host::TagKey;
 
 constexpr std::chrono::seconds kLimit(60);
 /// For tests whose subject is an operation of its own.
@@ -122,13 +122,14 @@ protected:
         const std::string text = "{\"port\": {\"device\": \"" + m_simulator->path() +
                                  "\"}, \"stations\": " + stations +
                                  ", \"variables\": " + variables + "}";
-        m_project = host::Project::fromText(QString::fromStdString(text), "project");
-        m_library = std::make_unique<host::DriverLibrary>(MICRO850_LIBRARY);
-        m_line = std::make_unique<host::SerialLine>(m_project.port);
-        m_loop = std::make_unique<host::PollLoop>(m_library->api(), *m_line, m_clock, m_project);
+        m_project = micro850::host::Project::fromText(QString::fromStdString(text), "project");
+        m_library = std::make_unique<micro850::host::DriverLibrary>(MICRO850_LIBRARY);
+        m_line = std::make_unique<micro850::host::SerialLine>(m_project.port);
+        m_loop = std::make_unique<micro850::host::PollLoop>(m_library->api(), *m_line, m_clock,
+                                                            m_project);
     }
 
-    host::PollLoop& loop() { return *m_loop; }
+    micro850::host::PollLoop& loop() { return *m_loop; }
     SimulatorThread& simulator() { return *m_simulator; }
 
     /// Goes on until `condition` holds; false when the limit is reached first.
@@ -174,11 +175,11 @@ protected:
 private:
     QTemporaryDir m_dir;
     std::unique_ptr<SimulatorThread> m_simulator;
-    host::SteadyClock m_clock;
-    host::Project m_project;
-    std::unique_ptr<host::DriverLibrary> m_library;
-    std::unique_ptr<host::SerialLine> m_line;
-    std::unique_ptr<host::PollLoop> m_loop;
+    micro850::host::SteadyClock m_clock;
+    micro850::host::Project m_project;
+    std::unique_ptr<micro850::host::DriverLibrary> m_library;
+    std::unique_ptr<micro850::host::SerialLine> m_line;
+    std::unique_ptr<micro850::host::PollLoop> m_loop;
 };
 
 TEST_F(PollTest, ReadsAScalarOfEveryTypeInACycle)
@@ -308,7 +309,7 @@ TEST_F(PollTest, LeavesADisabledStationAlone)
     ASSERT_TRUE(runUntil([&] { return loop().stations().value(1).counters.answered > 50; }));
     EXPECT_EQ(loop().quality(1), Quality::Never);
     EXPECT_EQ(loop().stations().value(2).counters.sent, 0);
-    EXPECT_EQ(loop().stations().value(2).state, host::Station::State::Disabled);
+    EXPECT_EQ(loop().stations().value(2).state, micro850::host::Station::State::Disabled);
 }
 
 TEST_F(PollTest, KeepsTheLastValueMarkedStaleWhileTheControllerIsSilentAndRecovers)

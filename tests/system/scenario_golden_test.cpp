@@ -12,7 +12,7 @@
 namespace {
 
 using namespace micro850;
-using host::Quality;
+using micro850::host::Quality;
 
 const char kTags[] = R"({"tags": [{"name": "A", "type": "INT", "value": 4660},
                                   {"name": "B", "type": "DINT", "value": 50466832},
@@ -29,7 +29,7 @@ class GoldenSession
 public:
     explicit GoldenSession(const std::string& fault)
         : m_line(m_clock, m_engine, sim::faultsFromText("{\"faults\": [" + fault + "]}", "golden")),
-          m_project(host::Project::fromText(
+          m_project(micro850::host::Project::fromText(
               R"({"port": {"timeoutMs": 200}, "stations": [{"number": 1}],
                   "variables": [{"tag": "A"}, {"tag": "B"}]})",
               "golden")),
@@ -40,7 +40,7 @@ public:
     /// True when all came to its end.
     bool run()
     {
-        const host::TagKey tag(1, QStringLiteral("W"));
+        const micro850::host::TagKey tag(1, QStringLiteral("W"));
         const int write = m_loop.write(tag, 0, QByteArray("\x05\x00", 2));
         const qint64 begun = m_port.now();
         while (!(isRead() && m_loop.outcome(write)) && m_port.now() < begun + kLimitMs)
@@ -49,9 +49,9 @@ public:
         while (!(isRead() && isFreshSince(written)) && m_port.now() < begun + kLimitMs)
             m_loop.step();
         m_took = m_port.now() - begun;
-        const host::Operation* outcome = m_loop.outcome(write);
+        const micro850::host::Operation* outcome = m_loop.outcome(write);
         const bool present = m_engine.plant().find("W")->elements[0] == Bytes{0x05, 0x00};
-        m_lied = outcome && outcome->state == host::Operation::State::Done && !present;
+        m_lied = outcome && outcome->state == micro850::host::Operation::State::Done && !present;
         return isRead() && isFreshSince(written) && outcome;
     }
 
@@ -85,9 +85,9 @@ private:
     sim::Engine m_engine{m_clock, sim::Plant::fromText(kTags, "golden")};
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
-    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
-    host::Project m_project;
-    host::PollLoop m_loop;
+    micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    micro850::host::Project m_project;
+    micro850::host::PollLoop m_loop;
     bool m_foreign = false;
     bool m_lied = false;
     qint64 m_took = 0;

@@ -11,9 +11,9 @@
 
 namespace {
 
-using host::Operation;
-using host::Quality;
-using host::Station;
+using micro850::host::Operation;
+using micro850::host::Quality;
+using micro850::host::Station;
 
 class HostScenario : public ::testing::Test
 {
@@ -42,8 +42,8 @@ protected:
         const QString text = QStringLiteral(
             R"({"port": {"timeoutMs": 200, "retryLimit": 2}, "staleAfterMs": 2000,
                 "stations": %1, "variables": [%2]})");
-        project = host::Project::fromText(text.arg(stations, variables), "p.json");
-        loop = std::make_unique<host::PollLoop>(library.api(), port, port, project);
+        project = micro850::host::Project::fromText(text.arg(stations, variables), "p.json");
+        loop = std::make_unique<micro850::host::PollLoop>(library.api(), port, port, project);
         port.pause(1000);
     }
 
@@ -90,7 +90,7 @@ protected:
             engine.plant().find(tag)->elements[0] = {value, 0};
         engine.plant().find("C")->elements[0] = {value, 0, 0, 0};
     }
-    const host::Counters& counters(int station = 1)
+    const micro850::host::Counters& counters(int station = 1)
     {
         return loop->stations().find(station)->counters;
     }
@@ -99,9 +99,9 @@ protected:
     micro850::sim::Engine engine{clock, micro850::sim::Plant()};
     micro850::sim::FaultyLine line{clock, engine};
     SimLine port{clock, line};
-    host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
-    host::Project project;
-    std::unique_ptr<host::PollLoop> loop;
+    micro850::host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
+    micro850::host::Project project;
+    std::unique_ptr<micro850::host::PollLoop> loop;
     int foreignValues = 0;
 };
 

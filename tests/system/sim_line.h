@@ -11,7 +11,7 @@
 /// The host's end of a line with faults, and the host's clock, on the virtual time of the simulated
 /// controller. Time passes only where the host waits, and a millisecond with each piece sent. While
 /// the line is hung up its device is gone.
-class SimLine : public host::Line, public host::Clock
+class SimLine : public micro850::host::Line, public micro850::host::Clock
 {
 public:
     SimLine(micro850::sim::VirtualClock& clock, micro850::sim::FaultyLine& line)

@@ -22,7 +22,7 @@
 namespace {
 
 using namespace micro850;
-using host::Operation;
+using micro850::host::Operation;
 
 const int kReadTags = 8;
 // Transactions between two changes of the values in the controller, and after which nothing grows
@@ -117,9 +117,9 @@ private:
     sim::Engine m_engine;
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
-    host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
-    host::Project m_project;
-    std::unique_ptr<host::PollLoop> m_loop;
+    micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
+    micro850::host::Project m_project;
+    std::unique_ptr<micro850::host::PollLoop> m_loop;
     std::ofstream m_list;
     std::vector<WriteTag> m_writes = {{"W0", "INT", 0, {}},  {"W1", "DINT", 0, {}},
                                       {"W2", "LINT", 0, {}}, {"W3", "SHORT_STRING", 0, {}},
@@ -127,8 +127,9 @@ private:
     qint64 m_transactions = 0;
     qint64 m_nextChange = kChange;
     qint64 m_nextShown = 0;
-    host::Progress m_progress{host::Output(false, false), QStringLiteral("soak"),
-                              static_cast<int>(m_options.transactions)};
+    micro850::host::Progress m_progress{micro850::host::Output(false, false),
+                                        QStringLiteral("soak"),
+                                        static_cast<int>(m_options.transactions)};
     int m_generation = 0;
     quint64 m_written = 0;
     quint64 m_confirmed = 0;
@@ -161,14 +162,14 @@ Soak::Soak(const Options& options)
         tags += std::string(R"({"name": ")") + tag.name + R"(", "type": ")" + tag.type + R"("}, )";
     tags += R"({"name": "last", "type": "INT"})";
     m_engine.download(sim::Plant::fromText("{\"tags\": [" + tags + "]}", "soak"));
-    m_project = host::Project::fromText(
+    m_project = micro850::host::Project::fromText(
         QString::fromStdString(R"({"port": {"timeoutMs": 200}, "staleAfterMs": 2000,
                                    "stations": [{"number": 1}], "variables": [)" +
                                variables + "]}"),
         "soak");
-    m_loop = std::make_unique<host::PollLoop>(m_library.api(), m_port, m_port, m_project);
+    m_loop = std::make_unique<micro850::host::PollLoop>(m_library.api(), m_port, m_port, m_project);
     for (const WriteTag& tag : m_writes)
-        m_loop->declare(host::TagKey(1, tag.name));
+        m_loop->declare(micro850::host::TagKey(1, tag.name));
     if (!options.list.empty()) {
         m_list.open(options.list);
         if (!m_list)
@@ -257,7 +258,7 @@ void Soak::lookAfterWrites(bool startMore)
             continue;
         tag.value = valueFromText(cipTypeNamed(tag.type), std::to_string(++m_written % 256));
         const auto* data = reinterpret_cast<const char*>(tag.value.data());
-        tag.id = m_loop->write(host::TagKey(1, tag.name), 0,
+        tag.id = m_loop->write(micro850::host::TagKey(1, tag.name), 0,
                                QByteArray(data, static_cast<int>(tag.value.size())));
     }
 }
@@ -295,7 +296,7 @@ void Soak::drain()
                 return true;
         }
         for (int i = 0; i < kReadTags; ++i) {
-            if (m_loop->quality(i) != host::Quality::Good)
+            if (m_loop->quality(i) != micro850::host::Quality::Good)
                 return true;
         }
         return false;
@@ -310,7 +311,7 @@ void Soak::drain()
 
 void Soak::report()
 {
-    const host::Counters& counters = m_loop->stations().first().counters;
+    const micro850::host::Counters& counters = m_loop->stations().first().counters;
     std::cout << "soak: seed " << m_options.seed << ", " << m_transactions << " transactions in "
               << m_port.now() / 1000 << " s of virtual time; answered " << counters.answered
               << ", timed out " << counters.timedOut << ", corrupt " << counters.corrupt

@@ -1,0 +1,67 @@
+#ifndef MICRO850_HOST_OUTPUT_H
+#define MICRO850_HOST_OUTPUT_H
+
+#include "CipType.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+#include <nlohmann/json.hpp>
+
+namespace micro850::host {
+
+/// Keys stand in the order in which they were put.
+using Json = nlohmann::ordered_json;
+
+/// Where a command tells its results: data on standard output, everything else on standard error.
+class Output
+{
+public:
+    Output(bool json, bool quiet) : m_json(json), m_quiet(quiet) {}
+
+    bool json() const { return m_json; }
+    bool quiet() const { return m_quiet; }
+    /// One result: the object with --json, the text without. An empty text prints nothing.
+    void data(const Json& object, const QString& text) const;
+    /// What is no result; nothing with --quiet.
+    void note(const QString& text) const;
+    /// What went wrong.
+    void error(const QString& text) const;
+
+private:
+    bool m_json;
+    bool m_quiet;
+};
+
+/// Shows how far a long work is, on one line of standard error, where that is a terminal.
+class Progress
+{
+public:
+    Progress(const Output& output, const QString& what, int total);
+    ~Progress() { clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void show(int done);
+    void clear();
+
+private:
+    QString m_what;
+    int m_total;
+    bool m_shown;
+    bool m_drawn = false;
+};
+
+/// "checking [#####.....] 12/24"
+QString progressText(const QString& what, int done, int total);
+
+Json jsonOf(const QString& text);
+/// One element: true or false, a number, a text; a real number that is not finite is a text.
+Json jsonOf(const CipType& type, const QByteArray& element);
+/// The element, or the array of several.
+Json jsonOf(const CipType& type, const QVector<QByteArray>& elements);
+
+} // namespace micro850::host
+
+#endif

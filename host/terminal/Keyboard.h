@@ -1,0 +1,56 @@
+#ifndef MICRO850_HOST_KEYBOARD_H
+#define MICRO850_HOST_KEYBOARD_H
+
+#include <QtCore/QByteArray>
+#include <QtCore/QList>
+
+#include <memory>
+
+struct termios;
+
+namespace micro850::host {
+
+struct Key
+{
+    enum class Code {
+        Character,
+        Up,
+        Down,
+        PageUp,
+        PageDown,
+        Home,
+        End,
+        Enter,
+        Escape,
+        Backspace,
+        Other
+    };
+    Code code;
+    QChar character; ///< of Code::Character
+};
+
+/// The keys in what a terminal sent. An escape sequence that is cut in two is taken for what its
+/// parts are: terminals send one whole.
+QList<Key> keysOf(const QByteArray& bytes);
+
+/// Gives keys as they are pressed, where a descriptor is a terminal and while this object lives.
+/// Ctrl-C stays a signal.
+class Keyboard
+{
+public:
+    explicit Keyboard(int descriptor);
+    ~Keyboard();
+    Keyboard(const Keyboard&) = delete;
+    Keyboard& operator=(const Keyboard&) = delete;
+
+    /// What was pressed since the last call; does not wait.
+    QList<Key> pressed();
+
+private:
+    int m_descriptor;
+    std::unique_ptr<termios> m_before; ///< null where there is no terminal
+};
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,74 @@
+#include "Prober.h"
+
+namespace micro850::host {
+
+namespace {
+
+const int kAttempts = 2;
+// Calls that the driver needs at most to come to a new connection: some give nothing.
+const int kMostCalls = 8;
+
+QString silenceText(const Counters& counters)
+{
+    if (counters.bytesReceived == 0)
+        return QStringLiteral("no answer");
+    return QStringLiteral("%1 bytes came, but no intact reply (another speed, or another "
+                          "protocol?)")
+        .arg(counters.bytesReceived);
+}
+
+} // namespace
+
+Prober::Prober(const DriverApi& api, int station) : m_driver(api, station, 0)
+{
+    // Only so that the driver connects: the tag is never asked for.
+    m_operation.kind = Operation::Kind::Learn;
+    m_operation.tag = {station, QStringLiteral("_")};
+    m_driver.declare({m_operation.tag.second});
+    m_driver.enableStation(station, true);
+}
+
+Protocol* Prober::request()
+{
+    for (int i = 0; i < kMostCalls; ++i) {
+        if (Protocol* next = m_driver.next())
+            return next;
+        m_driver.queue(m_operation, Tag());
+    }
+    return nullptr;
+}
+
+ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& settings,
+                          const Exchange::Observer& observer)
+{
+    ProbeResult result;
+    Exchange exchange(line, clock, settings);
+    exchange.setObserver(observer);
+    Counters counters;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        Protocol* sent = request();
+        if (!sent)
+            break;
+        const Answer answer = exchange.run(QByteArray(sent->frame), counters);
+        m_driver.reportSilence(*sent); // so that the next one begins anew
+        if (answer.outcome == Answer::Outcome::DeviceGone) {
+            result.error = QStringLiteral("the device is gone");
+            return result;
+        }
+        if (answer.outcome == Answer::Outcome::TimedOut)
+            continue;
+        exchange.acknowledge();
+        result.roundTripMs = answer.roundTripMs;
+        result.identity = decodeIdentity(answer.reply.body);
+        result.answered = answer.reply.good() && result.identity.valid;
+        if (!result.answered) {
+            result.error = answer.reply.good() ? QStringLiteral("an identity that is cut short")
+                                               : statusText(answer.reply);
+        }
+        return result;
+    }
+    result.error = silenceText(counters);
+    return result;
+}
+
+} // namespace micro850::host

@@ -1,0 +1,209 @@
+#include "Project.h"
+
+#include "JsonFile.h"
+#include "TagDirectory.h"
+#include "UserError.h"
+
+#include <algorithm>
+
+namespace micro850::host {
+
+namespace {
+
+const int kDay = 24 * 60 * 60 * 1000;
+
+Parity parityOf(const JsonNode& node)
+{
+    const std::string text = node.text();
+    if (text == "none")
+        return Parity::None;
+    if (text == "even")
+        return Parity::Even;
+    if (text != "odd")
+        node.fail('"' + text + "\" is not a parity (none, even or odd)");
+    return Parity::Odd;
+}
+
+PortSettings portOf(const JsonNode& node)
+{
+    node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
+                     "timeoutMs", "retryLimit"});
+    PortSettings port;
+    port.device = QString::fromStdString(node.text("device", ""));
+    port.baud = static_cast<int>(node.integer("baud", 300, 4000000, port.baud));
+    port.dataBits = static_cast<int>(node.integer("dataBits", 7, 8, port.dataBits));
+    if (node.has("parity"))
+        port.parity = parityOf(node.at("parity"));
+    port.stopBits = static_cast<int>(node.integer("stopBits", 1, 2, port.stopBits));
+    port.deviceBudgetMs =
+        static_cast<int>(node.integer("deviceBudgetMs", 0, 60000, port.deviceBudgetMs));
+    port.timeoutMs = static_cast<int>(node.integer("timeoutMs", 0, 60000, port.timeoutMs));
+    port.retryLimit = static_cast<int>(node.integer("retryLimit", 0, 100, port.retryLimit));
+    return port;
+}
+
+StationSettings stationOf(const JsonNode& node, const Project& before)
+{
+    node.expectKeys({"number", "name", "enabled"});
+    StationSettings station;
+    const JsonNode number = node.at("number");
+    station.number = static_cast<int>(number.integer(0, 65535));
+    if (before.hasStation(station.number))
+        number.fail("station " + std::to_string(station.number) + " is listed twice (remove one)");
+    station.name = QString::fromStdString(node.text("name", ""));
+    station.enabled = node.boolean("enabled", true);
+    return station;
+}
+
+QString tagOf(const JsonNode& node)
+{
+    const QString tag = QString::fromStdString(node.text());
+    if (tag.isEmpty() || tag.size() > kLongestTag)
+        node.fail("a tag has 1 to " + std::to_string(kLongestTag) + " characters");
+    if (!isPlain(tag))
+        node.fail('"' + tag.toStdString() +
+                  "\" is not a tag (letters, digits and signs without blanks; an index stands in "
+                  "\"element\")");
+    return tag;
+}
+
+// The name stands in the table of values and in messages.
+void checkName(const JsonNode& node, const QString& name)
+{
+    const bool plain = std::all_of(name.begin(), name.end(),
+                                   [](QChar c) { return c.category() != QChar::Other_Control; });
+    if (name.isEmpty() || !plain)
+        node.fail("a name has at least one character and no control characters");
+}
+
+const CipType* typeOf(const JsonNode& node)
+{
+    try {
+        return &cipTypeNamed(node.text());
+    } catch (const UserError& error) {
+        node.fail(error.what());
+    }
+}
+
+PollMode pollOf(const JsonNode& node)
+{
+    const std::string text = node.text();
+    if (text == "cyclic")
+        return PollMode::Cyclic;
+    if (text != "once")
+        node.fail('"' + text + "\" is not a way to poll (cyclic or once)");
+    return PollMode::Once;
+}
+
+int stationNumberOf(const JsonNode& node, const Project& project)
+{
+    if (!node.has("station"))
+        return project.stations.first().number;
+    const JsonNode station = node.at("station");
+    const int number = static_cast<int>(station.integer(0, 65535));
+    if (!project.hasStation(number)) {
+        station.fail("station " + std::to_string(number) +
+                     " is not among the stations (add it to \"stations\")");
+    }
+    return number;
+}
+
+// No element of a string array can be reached but the first: the driver sends no index with a
+// string.
+void checkElements(const JsonNode& node, const Variable& variable)
+{
+    if (variable.element + variable.length - 1 > kLargestElement)
+        node.fail("element and length reach beyond element " + std::to_string(kLargestElement));
+    const bool string = variable.type && variable.type->kind == CipKind::String;
+    if (string && (variable.element != 0 || variable.length != 1))
+        node.fail("of a string only element 0 and length 1 can be read");
+}
+
+void takeScaling(const JsonNode& node, Variable& variable)
+{
+    variable.gain = node.number("gain", 1);
+    variable.offset = node.number("offset", 0);
+    variable.unit = QString::fromStdString(node.text("unit", ""));
+    if (variable.gain == 0)
+        node.at("gain").fail("0 would show every value as the offset (leave it out for 1)");
+    const bool number = !variable.type || isNumber(*variable.type);
+    if (variable.isScaled() && !number)
+        node.fail(std::string("gain and offset are for numbers, not for ") + variable.type->name);
+}
+
+Variable variableOf(const JsonNode& node, const Project& before)
+{
+    node.expectKeys({"name", "tag", "station", "type", "element", "length", "area", "poll", "gain",
+                     "offset", "unit"});
+    Variable variable;
+    variable.tag = tagOf(node.at("tag"));
+    variable.name = QString::fromStdString(node.text("name", variable.tag.toStdString()));
+    const JsonNode named = node.at(node.has("name") ? "name" : "tag");
+    checkName(named, variable.name);
+    if (before.variable(variable.name)) {
+        named.fail("the name \"" + variable.name.toStdString() +
+                   "\" is given to two variables (rename one)");
+    }
+    variable.station = stationNumberOf(node, before);
+    if (node.has("type"))
+        variable.type = typeOf(node.at("type"));
+    variable.element = static_cast<int>(node.integer("element", 0, kLargestElement, 0));
+    variable.length = static_cast<int>(node.integer("length", 1, kLargestElement + 1, 1));
+    variable.area = static_cast<int>(node.integer("area", 0, 255, 0));
+    if (node.has("poll"))
+        variable.poll = pollOf(node.at("poll"));
+    takeScaling(node, variable);
+    checkElements(node, variable);
+    return variable;
+}
+
+Project projectOf(const JsonNode& root)
+{
+    root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"});
+    Project project;
+    root.text("$schema", ""); // for editors
+    if (root.has("port"))
+        project.port = portOf(root.at("port"));
+    project.staleAfterMs =
+        static_cast<int>(root.integer("staleAfterMs", 100, kDay, project.staleAfterMs));
+    if (root.has("stations")) {
+        for (const JsonNode& station : root.at("stations").elements())
+            project.stations.append(stationOf(station, project));
+        if (project.stations.isEmpty())
+            root.at("stations").fail("lists no station (leave it out for station 1)");
+    } else {
+        project.stations.append(StationSettings());
+    }
+    for (const JsonNode& variable : root.at("variables").elements())
+        project.variables.append(variableOf(variable, project));
+    if (project.variables.isEmpty())
+        root.at("variables").fail(R"(lists no variable (add one, for example {"tag": "Speed"}))");
+    return project;
+}
+
+} // namespace
+
+Project Project::fromFile(const QString& path)
+{
+    return projectOf(JsonNode::fromFile(path.toStdString()));
+}
+
+Project Project::fromText(const QString& text, const QString& name)
+{
+    return projectOf(JsonNode::fromText(text.toStdString(), name.toStdString()));
+}
+
+bool Project::hasStation(int number) const
+{
+    return std::any_of(stations.begin(), stations.end(),
+                       [number](const StationSettings& s) { return s.number == number; });
+}
+
+const Variable* Project::variable(const QString& name) const
+{
+    const auto found = std::find_if(variables.begin(), variables.end(),
+                                    [&name](const Variable& v) { return v.name == name; });
+    return found == variables.end() ? nullptr : &*found;
+}
+
+} // namespace micro850::host

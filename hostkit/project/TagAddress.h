@@ -1,0 +1,40 @@
+#ifndef MICRO850_HOST_TAGADDRESS_H
+#define MICRO850_HOST_TAGADDRESS_H
+
+#include <QtCore/QStringList>
+
+namespace micro850::host {
+
+/// TAG, TAG[INDEX] or TAG[FIRST..LAST].
+struct TagAddress
+{
+    QString tag;
+    int element = 0;
+    int elements = 1;
+    bool indexed = false;
+
+    /// The text of one of its elements: "Speed", "Level[3]".
+    QString elementName(int offset) const;
+    /// As it is written: "Speed", "Level[3]", "Level[0..9]".
+    QString text() const;
+
+    /// Throws UserError that names the text and the form.
+    static TagAddress fromText(const QString& text);
+};
+
+/// TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...].
+struct Assignment
+{
+    TagAddress address;
+    QString value;
+
+    /// The text of each element's value: of one element the whole text, of several either one for
+    /// all or one for each. Throws UserError for another number of them.
+    QStringList valuesFor(const TagAddress& elements) const;
+
+    static Assignment fromText(const QString& text);
+};
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,205 @@
+#include "Exchange.h"
+
+#include <algorithm>
+
+namespace micro850::host {
+
+namespace {
+
+// The longest reply of a 504-byte connection, with its header, every byte doubled.
+const int kLongestReply = 2 * 520;
+// How often within one time-out a corrupt reply is asked for again, or a request repeated.
+const int kLinkRetries = 3;
+
+} // namespace
+
+/// What is remembered while one request is in flight.
+struct Exchange::Attempt
+{
+    const QByteArray& frame;
+    Counters& counters;
+    Answer answer;
+    qint64 sentAt = 0;
+    qint64 heardAt = 0; ///< the last byte
+    int timeMs = 0;
+    bool asked = false;
+    int asksAgain = kLinkRetries;
+    int repetitions = kLinkRetries;
+    bool done = false;
+
+    qint64 deadline() const { return sentAt + timeMs; }
+    // By then a reply that is on its way has begun.
+    qint64 lateAt() const { return sentAt + timeMs / 2; }
+    // A frame in which nothing has come until then has lost its end.
+    qint64 cutOffAt() const { return heardAt + timeMs / 4; }
+};
+
+Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
+    : m_line(line), m_clock(clock), m_settings(settings)
+{
+}
+
+int Exchange::timeoutFor(int requestBytes) const
+{
+    if (m_settings.timeoutMs != 0)
+        return m_settings.timeoutMs;
+    return m_settings.timeOf(requestBytes + kLongestReply) + m_settings.deviceBudgetMs;
+}
+
+Answer Exchange::run(const QByteArray& frame, Counters& counters)
+{
+    Attempt attempt = {frame, counters, Answer()};
+    m_line.discardInput();
+    m_collector.reset();
+    attempt.answer.outcome = Answer::Outcome::DeviceGone;
+    attempt.sentAt = m_clock.now();
+    attempt.timeMs = timeoutFor(frame.size());
+    const bool sent = sendFrame(frame, counters);
+    attempt.answer.request = decodeRequest(dataOf(frame));
+    if (!sent)
+        return attempt.answer;
+    if (m_meanwhile)
+        m_meanwhile();
+    while (m_clock.now() < attempt.deadline()) {
+        if (!askWhereDue(attempt) || !collect(attempt) || attempt.done)
+            return attempt.answer;
+    }
+    ++counters.timedOut;
+    attempt.answer.outcome = Answer::Outcome::TimedOut;
+    return attempt.answer;
+}
+
+// A reply that has not begun is asked for once; one that stopped in the middle counts as corrupt.
+// False when the device is gone.
+bool Exchange::askWhereDue(Attempt& attempt)
+{
+    const qint64 now = m_clock.now();
+    if (m_collector.inFrame()) {
+        if (now < attempt.cutOffAt())
+            return true;
+        ++attempt.counters.corrupt;
+        show(Direction::In, m_collector.abandon());
+        return askAgain(attempt);
+    }
+    if (attempt.asked || now < attempt.lateAt())
+        return true;
+    attempt.asked = true;
+    return askAgain(attempt);
+}
+
+// False when the device is gone.
+bool Exchange::collect(Attempt& attempt)
+{
+    qint64 until = attempt.deadline();
+    if (m_collector.inFrame())
+        until = std::min(until, attempt.cutOffAt());
+    else if (!attempt.asked)
+        until = std::min(until, attempt.lateAt());
+    QByteArray bytes;
+    const qint64 wait = std::max<qint64>(0, until - m_clock.now());
+    if (!m_line.receive(bytes, static_cast<int>(wait)))
+        return false;
+    if (!bytes.isEmpty())
+        attempt.heardAt = m_clock.now();
+    attempt.counters.bytesReceived += bytes.size();
+    for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
+        if (!handle(event, attempt))
+            return false;
+    }
+    return true;
+}
+
+void Exchange::show(Direction direction, const QByteArray& bytes) const
+{
+    if (m_observer)
+        m_observer(direction, bytes, m_clock.now());
+}
+
+bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
+{
+    // An acknowledgement comes with its frame.
+    if (event.kind != ReplyCollector::Kind::Ack)
+        show(Direction::In, event.raw);
+    switch (event.kind) {
+    case ReplyCollector::Kind::Frame:
+        return takeFrame(event.data, attempt);
+    case ReplyCollector::Kind::Corrupt:
+        ++attempt.counters.corrupt;
+        return attempt.done || askAgain(attempt);
+    case ReplyCollector::Kind::Nak:
+        ++attempt.counters.refusedByPeer;
+        return attempt.done || attempt.repetitions-- <= 0 ||
+               sendFrame(attempt.frame, attempt.counters);
+    case ReplyCollector::Kind::Enq:
+        // Asked for the reply in flight, which has not come: to acknowledge it would lose it.
+        return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
+    case ReplyCollector::Kind::Ack:
+        break;
+    }
+    return true;
+}
+
+// A NAK makes a peer repeat the message that it waits to be acknowledged; without one it is
+// nothing.
+bool Exchange::askAgain(Attempt& attempt)
+{
+    if (attempt.asksAgain-- <= 0)
+        return true;
+    ++attempt.counters.retries;
+    return sendControl(kNak);
+}
+
+bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
+{
+    const Reply reply = decodeReply(data);
+    // Bytes 00 in front of the data do not change the CRC, but what stands where.
+    if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
+        ++attempt.counters.corrupt;
+        return askAgain(attempt);
+    }
+    if (attempt.done || !answers(reply, attempt.answer.request)) {
+        // The peer waits for its acknowledgement all the same, before it sends what is in flight.
+        ++attempt.counters.late;
+        return sendControl(kAck);
+    }
+    attempt.done = true;
+    attempt.answer.outcome = Answer::Outcome::Answered;
+    attempt.answer.data = data;
+    attempt.answer.reply = reply;
+    attempt.answer.roundTripMs = m_clock.now() - attempt.sentAt;
+    ++attempt.counters.answered;
+    if (!reply.good())
+        ++attempt.counters.errors[statusKey(reply)];
+    m_lastResponse = kAck;
+    m_unacknowledged = true;
+    return true;
+}
+
+bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
+{
+    ++counters.sent;
+    counters.retries += frame == m_lastFrame ? 1 : 0;
+    m_lastFrame = frame;
+    counters.bytesSent += frame.size();
+    m_lastResponse = kAck; // the frame begins with one
+    m_unacknowledged = false;
+    show(Direction::Out, frame);
+    return m_line.send(frame);
+}
+
+bool Exchange::sendControl(char control)
+{
+    m_lastResponse = control;
+    const QByteArray bytes = QByteArray().append(kDle).append(control);
+    show(Direction::Out, bytes);
+    return m_line.send(bytes);
+}
+
+void Exchange::acknowledge()
+{
+    if (m_unacknowledged && m_line.isOpen())
+        sendControl(kAck);
+    m_unacknowledged = false;
+}
+
+} // namespace micro850::host

@@ -1,0 +1,302 @@
+#include "Frame.h"
+
+#include <algorithm>
+#include <array>
+
+namespace micro850::host {
+
+namespace {
+
+// Offsets in the application data.
+enum Offset {
+    kCommand = 2,
+    kLinkStatus = 3,
+    kTnsLow = 4,
+    kUnconnectedMessage = 8,
+    kConnectedMessage = 12
+};
+const quint8 kConnectedCommand = 0x0A;
+const quint8 kPartialTransfer = 0x06;
+const quint8 kTypeMark = 0xA3;
+
+const char kHead[] = {kDle, kAck, kDle, kStx};
+const int kHeadBytes = sizeof kHead;
+const int kTrailerBytes = 4; // DLE ETX and the CRC
+
+quint8 byteAt(const QByteArray& bytes, int index)
+{
+    return index >= 0 && index < bytes.size() ? static_cast<quint8>(bytes.at(index)) : quint8(0);
+}
+
+quint16 wordAt(const QByteArray& bytes, int index)
+{
+    return static_cast<quint16>(byteAt(bytes, index) | byteAt(bytes, index + 1) << 8);
+}
+
+// Offset of the CIP message behind the header of this command.
+int messageStart(quint8 command)
+{
+    const bool connected = (command & ~kReplyCommandBit) == kConnectedCommand;
+    return connected ? kConnectedMessage : kUnconnectedMessage;
+}
+
+// What each value of the low byte of a CRC shifts in.
+constexpr std::array<quint16, 256> crcTable()
+{
+    std::array<quint16, 256> table{};
+    for (unsigned byte = 0; byte < table.size(); ++byte) {
+        unsigned value = byte;
+        for (int bit = 0; bit < 8; ++bit)
+            value = (value & 1u) != 0 ? (value >> 1) ^ 0xA001u : value >> 1;
+        table[byte] = static_cast<quint16>(value);
+    }
+    return table;
+}
+constexpr std::array<quint16, 256> kCrcTable = crcTable();
+
+quint16 crcStep(quint16 crc, char byte)
+{
+    return static_cast<quint16>(crc >> 8 ^ kCrcTable[(crc ^ static_cast<quint8>(byte)) & 0xFF]);
+}
+
+// An element segment, and the offset behind it.
+int takeElement(const QByteArray& data, int at, int end, quint32& element)
+{
+    switch (at < end ? byteAt(data, at) : 0) {
+    case 0x28:
+        element = byteAt(data, at + 1);
+        return at + 2;
+    case 0x29:
+        element = wordAt(data, at + 2);
+        return at + 4;
+    default:
+        return end;
+    }
+}
+
+QString hex(unsigned value, int digits)
+{
+    return QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0'));
+}
+
+struct StatusName
+{
+    quint8 status;
+    const char* text;
+};
+
+// General status codes that a controller of this kind answers with.
+const StatusName kStatusNames[] = {
+    {0x01, "connection failure"},
+    {0x02, "resource unavailable"},
+    {0x03, "invalid parameter value"},
+    {0x04, "path segment error"},
+    {0x05, "path destination unknown"},
+    {0x06, "partial transfer"},
+    {0x07, "connection lost"},
+    {0x08, "service not supported"},
+    {0x09, "invalid attribute value"},
+    {0x0C, "object state conflict"},
+    {0x0D, "object already exists"},
+    {0x0E, "attribute not settable"},
+    {0x0F, "privilege violation"},
+    {0x10, "device state conflict"},
+    {0x11, "reply too large"},
+    {0x13, "not enough data"},
+    {0x14, "attribute not supported"},
+    {0x15, "too much data"},
+    {0x16, "object does not exist"},
+    {0x1A, "request too large for routing"},
+    {0x1B, "reply too large for routing"},
+    {0x1E, "embedded service error"},
+    {0x1F, "vendor-specific error"},
+    {0x20, "invalid parameter"},
+    {0x26, "invalid path size"},
+    {0xFF, "general error"},
+};
+
+// Extended status words of the vendor-specific general error, and of the connection failure.
+struct ExtendedName
+{
+    quint8 status;
+    quint16 extended;
+    const char* text;
+};
+
+const ExtendedName kExtendedNames[] = {
+    {0x01, 0x0100, "connection in use"},
+    {0x01, 0x0107, "connection not found"},
+    {0x01, 0x0113, "out of connections"},
+    {0x01, 0x0203, "connection timed out"},
+    {0xFF, 0x2104, "offset beyond the end of the tag"},
+    {0xFF, 0x2105, "access beyond the end of the tag"},
+    {0xFF, 0x2107, "type does not match the tag"},
+};
+
+QString nameOf(const Reply& reply)
+{
+    for (const ExtendedName& name : kExtendedNames) {
+        if (name.status == reply.generalStatus && !reply.extendedStatus.isEmpty() &&
+            name.extended == reply.extendedStatus.first())
+            return QString::fromLatin1(name.text);
+    }
+    for (const StatusName& name : kStatusNames) {
+        if (name.status == reply.generalStatus)
+            return QString::fromLatin1(name.text);
+    }
+    return QStringLiteral("refused");
+}
+
+} // namespace
+
+quint16 frameCrc(const QByteArray& data)
+{
+    quint16 crc = 0;
+    for (const char byte : data)
+        crc = crcStep(crc, byte);
+    return crcStep(crc, kEtx);
+}
+
+QByteArray wireFrame(const QByteArray& data)
+{
+    QByteArray wire(2 * data.size() + kHeadBytes + kTrailerBytes, Qt::Uninitialized);
+    char* const begin = wire.data();
+    char* out = std::copy_n(kHead, kHeadBytes, begin);
+    for (const char byte : data) {
+        *out++ = byte;
+        if (byte == kDle)
+            *out++ = kDle;
+    }
+    const quint16 crc = frameCrc(data);
+    *out++ = kDle;
+    *out++ = kEtx;
+    *out++ = static_cast<char>(crc & 0xFF);
+    *out++ = static_cast<char>(crc >> 8);
+    wire.truncate(static_cast<int>(out - begin));
+    return wire;
+}
+
+QByteArray dataOf(const QByteArray& frame)
+{
+    const char* in = frame.constData();
+    if (frame.size() < kHeadBytes + kTrailerBytes || !std::equal(kHead, kHead + kHeadBytes, in))
+        return QByteArray();
+    const char* const end = in + frame.size() - kTrailerBytes;
+    QByteArray data(frame.size(), Qt::Uninitialized);
+    char* const begin = data.data();
+    char* out = begin;
+    for (in += kHeadBytes; in != end; ++in) {
+        *out++ = *in;
+        if (*in == kDle && (++in == end || *in != kDle))
+            return QByteArray();
+    }
+    data.truncate(static_cast<int>(out - begin));
+    const quint16 crc = frameCrc(data);
+    const bool closed = end[0] == kDle && end[1] == kEtx &&
+                        end[2] == static_cast<char>(crc & 0xFF) &&
+                        end[3] == static_cast<char>(crc >> 8);
+    return closed ? data : QByteArray();
+}
+
+Request decodeRequest(const QByteArray& data)
+{
+    Request request;
+    request.command = byteAt(data, kCommand);
+    request.tns = wordAt(data, kTnsLow);
+    const int start = messageStart(request.command);
+    if (data.size() < start + 2)
+        return Request();
+    request.valid = true;
+    request.service = byteAt(data, start);
+    if (request.service != kReadTagFragmented && request.service != kWriteTagFragmented)
+        return request;
+    const int path = start + 2;
+    const int pathEnd = path + 2 * byteAt(data, start + 1);
+    const int nameSize = byteAt(data, path + 1);
+    request.tag = QString::fromLatin1(data.mid(path + 2, nameSize));
+    const int afterName = path + 2 + nameSize + nameSize % 2;
+    const int end = takeElement(data, afterName, pathEnd, request.element);
+    const int typeSize = request.service == kWriteTagFragmented ? 2 : 0;
+    request.count = wordAt(data, std::max(end, pathEnd) + typeSize);
+    return request;
+}
+
+Reply decodeReply(const QByteArray& data)
+{
+    Reply reply;
+    if (data.size() < kUnconnectedMessage)
+        return reply;
+    reply.valid = true;
+    reply.command = byteAt(data, kCommand);
+    reply.linkStatus = byteAt(data, kLinkStatus);
+    reply.tns = wordAt(data, kTnsLow);
+    const int start = messageStart(reply.command);
+    if (data.size() < start + 4) {
+        reply.valid = reply.linkStatus != 0;
+        return reply;
+    }
+    reply.service = byteAt(data, start) & static_cast<quint8>(~kReplyBit);
+    reply.generalStatus = byteAt(data, start + 2);
+    const int words = byteAt(data, start + 3);
+    for (int i = 0; i < words && start + 4 + 2 * i < data.size(); ++i)
+        reply.extendedStatus.append(wordAt(data, start + 4 + 2 * i));
+    reply.body = data.mid(start + 4 + 2 * words);
+    return reply;
+}
+
+bool Reply::good() const
+{
+    return valid && linkStatus == 0 && (generalStatus == 0 || generalStatus == kPartialTransfer);
+}
+
+quint16 Reply::typeCode() const
+{
+    if (body.size() < 2)
+        return 0;
+    return byteAt(body, 0) == kTypeMark ? byteAt(body, 1) : wordAt(body, 0);
+}
+
+QByteArray Reply::values() const
+{
+    return body.mid(2);
+}
+
+bool answers(const Reply& reply, const Request& request)
+{
+    if (!reply.valid || !request.valid || reply.tns != request.tns ||
+        reply.command != (request.command | kReplyCommandBit))
+        return false;
+    return reply.linkStatus != 0 || reply.service == request.service;
+}
+
+bool saysNoConnection(const Reply& reply)
+{
+    const quint8 connectionFailure = 0x01;
+    const quint8 connectionLost = 0x07;
+    return reply.valid && reply.linkStatus == 0 &&
+           (reply.generalStatus == connectionFailure || reply.generalStatus == connectionLost);
+}
+
+QString statusText(const Reply& reply)
+{
+    if (reply.good())
+        return QString();
+    if (reply.linkStatus != 0)
+        return QStringLiteral("refused by the link layer (status %1)")
+            .arg(hex(reply.linkStatus, 2));
+    return QStringLiteral("%1 (status %2)").arg(nameOf(reply), statusKey(reply));
+}
+
+QString statusKey(const Reply& reply)
+{
+    if (reply.good())
+        return QString();
+    if (reply.linkStatus != 0)
+        return QStringLiteral("link %1").arg(hex(reply.linkStatus, 2));
+    QString key = hex(reply.generalStatus, 2);
+    if (!reply.extendedStatus.isEmpty())
+        key += QLatin1Char('/') + hex(reply.extendedStatus.first(), 4);
+    return key;
+}
+
+} // namespace micro850::host

@@ -1,0 +1,92 @@
+#ifndef MICRO850_HOST_FRAME_H
+#define MICRO850_HOST_FRAME_H
+
+// The frames on the line as a host sees them: closing, and what a request or a reply says. The
+// driver looks at no status, no type and no transaction number of a reply, so that a host decodes
+// them itself.
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+namespace micro850::host {
+
+const char kDle = 0x10;
+const char kStx = 0x02;
+const char kEtx = 0x03;
+const char kAck = 0x06;
+const char kNak = 0x15;
+const char kEnq = 0x05;
+
+/// CIP services of the driver's requests. A reply carries them with kReplyBit.
+enum Service : quint8 {
+    kGetAttributesAll = 0x01,
+    kReadTagFragmented = 0x52,
+    kWriteTagFragmented = 0x53,
+    kForwardOpen = 0x54
+};
+const quint8 kReplyBit = 0x80;
+/// Set in the link command of a reply.
+const quint8 kReplyCommandBit = 0x40;
+
+/// The CRC that closes a frame of this application data, before doubling.
+quint16 frameCrc(const QByteArray& data);
+/// "10 06 10 02", the data with each 10 doubled, "10 03" and the CRC.
+QByteArray wireFrame(const QByteArray& data);
+/// The application data of a complete frame that was built as wireFrame() does; empty for any
+/// other.
+QByteArray dataOf(const QByteArray& frame);
+
+/// What a request frame of the driver asks for.
+struct Request
+{
+    bool valid = false;
+    quint8 command = 0;
+    quint16 tns = 0;
+    quint8 service = 0;
+    QString tag;         ///< empty for a connection request
+    quint32 element = 0; ///< from the element segment, 0 without one
+    quint16 count = 0;   ///< elements asked for, or written
+};
+
+/// Decodes the application data of a request.
+Request decodeRequest(const QByteArray& data);
+
+/// What a reply says.
+struct Reply
+{
+    bool valid = false;    ///< false: too short for its header; nothing else is set then
+    quint8 command = 0;    ///< with kReplyCommandBit
+    quint8 linkStatus = 0; ///< status of the link layer, 0 is good
+    quint16 tns = 0;
+    quint8 service = 0; ///< without kReplyBit
+    quint8 generalStatus = 0;
+    QVector<quint16> extendedStatus;
+    QByteArray body; ///< behind the status: type code and values of a read
+
+    /// True when the link and CIP carried out the request, or a part of it.
+    bool good() const;
+    /// CIP type code of a read reply, 0 where there is none. A leading A3 is skipped.
+    quint16 typeCode() const;
+    /// Value bytes of a read reply.
+    QByteArray values() const;
+};
+
+/// Decodes the application data of a reply.
+Reply decodeReply(const QByteArray& data);
+
+/// True when the reply belongs to the request: transaction number, command and service match. A
+/// reply that only the link layer answered (linkStatus set) need not carry a service.
+bool answers(const Reply& reply, const Request& request);
+
+/// True when the peer does not know the connection that the request quotes.
+bool saysNoConnection(const Reply& reply);
+
+/// "path destination unknown (status 05)", for display; "" for a good reply.
+QString statusText(const Reply& reply);
+/// The key under which replies are counted: "05", "FF/2105", "link 10"; "" for a good reply.
+QString statusKey(const Reply& reply);
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,34 @@
+#ifndef MICRO850_HOST_LINE_H
+#define MICRO850_HOST_LINE_H
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+
+namespace micro850::host {
+
+/// A serial line, in blocking steps. A silent peer is no fault of the line; a device that is gone
+/// is.
+class Line
+{
+public:
+    virtual ~Line() = default;
+
+    /// Opens the device. False with the reason in `error`.
+    virtual bool open(QString& error) = 0;
+    virtual void close() = 0;
+    virtual bool isOpen() const = 0;
+
+    /// Throws away what has arrived so far.
+    virtual void discardInput() = 0;
+    /// Hands the bytes to the device. False when the device is gone.
+    virtual bool send(const QByteArray& bytes) = 0;
+    /// Waits at most `waitMs` for bytes and gives those that are there, none after a silence. False
+    /// when the device is gone.
+    virtual bool receive(QByteArray& bytes, int waitMs) = 0;
+    /// Does nothing for so long.
+    virtual void pause(int ms) = 0;
+};
+
+} // namespace micro850::host
+
+#endif

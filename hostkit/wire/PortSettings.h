@@ -1,0 +1,44 @@
+#ifndef MICRO850_HOST_PORTSETTINGS_H
+#define MICRO850_HOST_PORTSETTINGS_H
+
+#include <QtCore/QString>
+
+namespace micro850::host {
+
+enum class Parity { None, Even, Odd };
+
+/// How the line is set, and how long an answer may take.
+struct PortSettings
+{
+    QString device;
+    int baud = 38400;
+    int dataBits = 8;
+    Parity parity = Parity::None;
+    int stopBits = 1;
+    /// What the controller may take to answer, besides the time of the bytes on the line.
+    int deviceBudgetMs = 500;
+    /// When not 0, the time-out of every transaction in place of the computed one.
+    int timeoutMs = 0;
+    /// Failed transactions that the driver tolerates before it connects anew.
+    int retryLimit = 2;
+
+    /// Bits of one byte on the line, start bit included.
+    int bitsPerByte() const { return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits; }
+    /// Milliseconds that so many bytes take on the line, rounded up.
+    int timeOf(int bytes) const
+    {
+        return static_cast<int>((qint64(bytes) * bitsPerByte() * 1000 + baud - 1) / baud);
+    }
+    /// "/dev/ttyUSB0, 38400 8N1", for messages.
+    QString text() const
+    {
+        const char letter = parity == Parity::None ? 'N' : parity == Parity::Even ? 'E' : 'O';
+        return QStringLiteral("%1, %2 %3%4%5")
+            .arg(device, QString::number(baud), QString::number(dataBits),
+                 QString(QLatin1Char(letter)), QString::number(stopBits));
+    }
+};
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,125 @@
+#include "SerialLine.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QThread>
+
+#include <array>
+#include <cerrno>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace micro850::host {
+
+namespace {
+
+QSerialPort::Parity portParity(Parity parity)
+{
+    switch (parity) {
+    case Parity::Even:
+        return QSerialPort::EvenParity;
+    case Parity::Odd:
+        return QSerialPort::OddParity;
+    case Parity::None:
+        break;
+    }
+    return QSerialPort::NoParity;
+}
+
+// Says what to do where the port's own words do not.
+QString reasonOf(const QString& device, const QSerialPort& port)
+{
+    if (!QFileInfo::exists(device))
+        return QStringLiteral("there is no such device");
+    if (port.error() == QSerialPort::PermissionError) {
+        const bool allowed = ::access(QFile::encodeName(device).constData(), R_OK | W_OK) == 0;
+        return allowed ? QStringLiteral("another program uses it; end that one first")
+                       : QStringLiteral("permission denied; users of the group \"dialout\" may");
+    }
+    return port.errorString();
+}
+
+} // namespace
+
+SerialLine::SerialLine(const PortSettings& settings) : m_settings(settings) {}
+
+bool SerialLine::open(QString& error)
+{
+    close();
+    m_port.setPortName(m_settings.device);
+    m_port.setBaudRate(m_settings.baud);
+    m_port.setDataBits(static_cast<QSerialPort::DataBits>(m_settings.dataBits));
+    m_port.setParity(portParity(m_settings.parity));
+    m_port.setStopBits(static_cast<QSerialPort::StopBits>(m_settings.stopBits));
+    m_port.setFlowControl(QSerialPort::NoFlowControl);
+    if (m_port.open(QIODevice::ReadWrite))
+        return true;
+    error = reasonOf(m_settings.device, m_port);
+    m_port.clearError();
+    return false;
+}
+
+void SerialLine::close()
+{
+    if (m_port.isOpen())
+        m_port.close();
+    m_port.clearError();
+}
+
+bool SerialLine::isOpen() const
+{
+    return m_port.isOpen();
+}
+
+// The port's own reading and writing serves an event loop; a blocking host is better off with the
+// descriptor, which it does not block: no copy through a large buffer, no system call too many.
+
+void SerialLine::discardInput()
+{
+    ::tcflush(descriptor(), TCIFLUSH);
+}
+
+bool SerialLine::send(const QByteArray& bytes)
+{
+    // Twice the line's own time, so that only a device that takes nothing runs into it.
+    const int patience = 100 + 2 * m_settings.timeOf(bytes.size());
+    int sent = 0;
+    while (sent < bytes.size()) {
+        const ssize_t count = ::write(descriptor(), bytes.constData() + sent,
+                                      static_cast<size_t>(bytes.size() - sent));
+        if (count > 0) {
+            sent += static_cast<int>(count);
+            continue;
+        }
+        pollfd wait = {descriptor(), POLLOUT, 0};
+        if ((errno != EAGAIN && errno != EINTR) || ::poll(&wait, 1, patience) == 0)
+            return false;
+    }
+    return true;
+}
+
+bool SerialLine::receive(QByteArray& bytes, int waitMs)
+{
+    pollfd wait = {descriptor(), POLLIN, 0};
+    // A signal ends the wait as a silence does, so that its handler's request is seen.
+    if (::poll(&wait, 1, waitMs) <= 0)
+        return true;
+    std::array<char, 1024> buffer;
+    const ssize_t count = ::read(descriptor(), buffer.data(), buffer.size());
+    if (count > 0)
+        bytes.append(buffer.data(), static_cast<int>(count));
+    return count > 0 || (wait.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
+}
+
+void SerialLine::pause(int ms)
+{
+    QThread::msleep(static_cast<unsigned long>(ms));
+}
+
+int SerialLine::descriptor() const
+{
+    return static_cast<int>(m_port.handle());
+}
+
+} // namespace micro850::host

@@ -1,0 +1,34 @@
+#ifndef MICRO850_HOST_SERIALLINE_H
+#define MICRO850_HOST_SERIALLINE_H
+
+#include "Line.h"
+#include "PortSettings.h"
+
+#include <QtSerialPort/QSerialPort>
+
+namespace micro850::host {
+
+/// A serial port or pseudo-terminal.
+class SerialLine : public Line
+{
+public:
+    explicit SerialLine(const PortSettings& settings);
+
+    bool open(QString& error) override;
+    void close() override;
+    bool isOpen() const override;
+    void discardInput() override;
+    bool send(const QByteArray& bytes) override;
+    bool receive(QByteArray& bytes, int waitMs) override;
+    void pause(int ms) override;
+
+private:
+    int descriptor() const;
+
+    PortSettings m_settings;
+    QSerialPort m_port;
+};
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,165 @@
+#include "TraceReport.h"
+
+#include "TraceFile.h"
+
+#include <algorithm>
+
+namespace micro850::host {
+
+namespace {
+
+const double kClassLimits[] = {1, 2, 5, 10, 20, 50, 100, 200, 500, 1000};
+const int kBarWidth = 40;
+
+QString msText(double ms)
+{
+    return ms < 0 ? QStringLiteral("-") : QStringLiteral("%1 ms").arg(ms, 0, 'f', 1);
+}
+
+} // namespace
+
+void TraceReport::add(const TraceRecord& record)
+{
+    ReplyCollector& collector = record.direction == Direction::Sent ? m_sent : m_received;
+    const QByteArray bytes(reinterpret_cast<const char*>(record.bytes.data()),
+                           static_cast<int>(record.bytes.size()));
+    for (const ReplyCollector::Event& event : collector.feed(bytes))
+        take(event, record);
+}
+
+void TraceReport::take(const ReplyCollector::Event& event, const TraceRecord& record)
+{
+    const bool sent = record.direction == Direction::Sent;
+    TraceEvent taken = {TraceEvent::Kind::Control,
+                        record.direction,
+                        record.time.count(),
+                        event.data,
+                        QString(),
+                        -1};
+    switch (event.kind) {
+    case ReplyCollector::Kind::Frame:
+        taken.text = frameText(wireFrame(event.data));
+        if (sent)
+            takeRequest(taken);
+        else
+            takeReply(taken);
+        break;
+    case ReplyCollector::Kind::Corrupt:
+        ++m_corrupt;
+        taken.kind = TraceEvent::Kind::Corrupt;
+        taken.text = QStringLiteral("corrupt frame");
+        break;
+    case ReplyCollector::Kind::Ack: // in front of every request
+        return;
+    case ReplyCollector::Kind::Nak:
+    case ReplyCollector::Kind::Enq:
+        taken.text = controlText(event.kind);
+        break;
+    }
+    m_events.append(taken);
+}
+
+void TraceReport::takeRequest(TraceEvent& event)
+{
+    if (m_open.valid && event.data == m_openData) {
+        event.kind = TraceEvent::Kind::Repetition;
+        event.text += QStringLiteral(" (again)");
+        ++m_repetitions;
+        return;
+    }
+    giveUp();
+    event.kind = TraceEvent::Kind::Request;
+    ++m_requests;
+    m_open = decodeRequest(event.data);
+    m_openData = event.data;
+    m_openSince = event.microseconds;
+}
+
+void TraceReport::takeReply(TraceEvent& event)
+{
+    const Reply reply = decodeReply(event.data);
+    if (!answers(reply, m_open)) {
+        event.kind = TraceEvent::Kind::StrayReply;
+        event.text += QStringLiteral(" (of another request)");
+        ++m_stray;
+        return;
+    }
+    event.kind = TraceEvent::Kind::Reply;
+    event.roundTripMs = static_cast<double>(event.microseconds - m_openSince) / 1000;
+    m_roundTrips.append(event.roundTripMs);
+    if (!reply.good()) {
+        ++m_statuses[statusKey(reply)];
+        ++m_failures[requestText(m_open) + QStringLiteral(": ") + statusText(reply)];
+    }
+    m_open = Request();
+}
+
+void TraceReport::giveUp()
+{
+    if (!m_open.valid)
+        return;
+    const QString text = requestText(m_open);
+    m_unanswered += text;
+    ++m_failures[text + QStringLiteral(": no answer")];
+    m_open = Request();
+}
+
+void TraceReport::finish()
+{
+    giveUp();
+}
+
+double TraceReport::roundTripMs(int percent) const
+{
+    if (m_roundTrips.isEmpty())
+        return -1;
+    QVector<double> sorted = m_roundTrips;
+    std::sort(sorted.begin(), sorted.end());
+    return sorted.at(std::max(0, (sorted.size() * percent + 99) / 100 - 1));
+}
+
+QVector<QPair<double, int>> TraceReport::histogram() const
+{
+    QVector<QPair<double, int>> classes;
+    for (const double limit : kClassLimits)
+        classes.append({limit, 0});
+    classes.append({-1, 0});
+    for (const double ms : m_roundTrips) {
+        const auto found = std::lower_bound(std::begin(kClassLimits), std::end(kClassLimits), ms);
+        ++classes[static_cast<int>(found - std::begin(kClassLimits))].second;
+    }
+    return classes;
+}
+
+QStringList TraceReport::statistics() const
+{
+    QStringList lines = {
+        QStringLiteral("requests %1, answered %2, without an answer %3, repeated %4, replies of "
+                       "another request %5, corrupt %6")
+            .arg(m_requests)
+            .arg(answered())
+            .arg(unanswered())
+            .arg(m_repetitions)
+            .arg(m_stray)
+            .arg(m_corrupt),
+        QStringLiteral("round trip: median %1, 99 % within %2, longest %3")
+            .arg(msText(roundTripMs(50)), msText(roundTripMs(99)), msText(roundTripMs(100)))};
+    int most = 0;
+    for (const auto& part : histogram())
+        most = std::max(most, part.second);
+    for (const auto& part : histogram()) {
+        if (part.second == 0)
+            continue;
+        const QString limit = part.first < 0 ? QStringLiteral("> 1000 ms")
+                                             : QStringLiteral("<= %1 ms").arg(part.first);
+        lines += QStringLiteral("%1 %2 %3")
+                     .arg(limit, 10)
+                     .arg(part.second, 7)
+                     .arg(QString(std::max(1, part.second * kBarWidth / most), '#'));
+    }
+    for (auto failure = m_failures.constBegin(); failure != m_failures.constEnd(); ++failure)
+        lines += QStringLiteral("failed %1x %2").arg(failure.value()).arg(failure.key());
+    return lines;
+}
+
+} // namespace micro850::host

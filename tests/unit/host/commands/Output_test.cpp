@@ -1,0 +1,56 @@
+#include "Output.h"
+
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+using wire::hex;
+
+namespace {
+
+std::string json(const char* type, const char* bytes)
+{
+    return jsonOf(micro850::cipTypeNamed(type), hex(bytes)).dump();
+}
+
+} // namespace
+
+TEST(Json, GivesEachKindOfValueItsOwnForm)
+{
+    EXPECT_EQ(json("BOOL", "01"), "true");
+    EXPECT_EQ(json("SINT", "FB"), "-5");
+    EXPECT_EQ(json("BYTE", "A5"), "165");
+    EXPECT_EQ(json("SHORT_STRING", "02 41 22"), R"("A\"")");
+}
+
+TEST(Json, KeepsEveryDigitOfWideAndRealNumbers)
+{
+    EXPECT_EQ(json("LINT", "00 00 00 00 00 00 00 80"), "-9223372036854775808");
+    EXPECT_EQ(json("ULINT", "FF FF FF FF FF FF FF FF"), "18446744073709551615");
+    EXPECT_EQ(json("LWORD", "FF FF FF FF FF FF FF FF"), "18446744073709551615");
+    EXPECT_EQ(json("REAL", "CD CC CC 3D"), "0.1");
+    EXPECT_EQ(json("LREAL", "9A 99 99 99 99 99 B9 3F"), "0.1");
+}
+
+TEST(Json, HasNoNumberForWhatIsNotFinite)
+{
+    EXPECT_EQ(json("REAL", "00 00 80 7F"), R"("inf")");
+    EXPECT_EQ(json("REAL", "00 00 80 FF"), R"("-inf")");
+    EXPECT_EQ(json("REAL", "00 00 C0 7F"), R"("nan")");
+}
+
+TEST(Json, MakesAnArrayOfSeveralElements)
+{
+    const micro850::CipType& type = micro850::cipTypeNamed("INT");
+    EXPECT_EQ(jsonOf(type, QVector<QByteArray>{hex("01 00"), hex("FF FF")}).dump(), "[1,-1]");
+    EXPECT_EQ(jsonOf(type, QVector<QByteArray>{hex("01 00")}).dump(), "1");
+}
+
+TEST(Progress, FillsItsBarWithTheWork)
+{
+    EXPECT_EQ(progressText("checking", 0, 40), QString("checking [....................] 0/40"));
+    EXPECT_EQ(progressText("checking", 10, 40), QString("checking [#####...............] 10/40"));
+    EXPECT_EQ(progressText("checking", 40, 40), QString("checking [####################] 40/40"));
+    EXPECT_EQ(progressText("nothing", 0, 0), QString("nothing [####################] 0/0"));
+}

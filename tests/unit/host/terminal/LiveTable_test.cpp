@@ -1,0 +1,125 @@
+#include "LiveTable.h"
+
+#include "poll_fixture.h"
+
+using namespace micro850::host;
+
+namespace {
+
+class LiveTableTest : public PollTest
+{
+protected:
+    QStringList rows(int width = 100) const
+    {
+        QVector<int> all;
+        for (int i = 0; i < project.variables.size(); ++i)
+            all.append(i);
+        QStringList texts;
+        for (const PageLine& row : LiveTable(*loop, project).rows(all, width, clock.now()))
+            texts += row.text;
+        return texts;
+    }
+    Style styleOf(int variable) const
+    {
+        return LiveTable(*loop, project).rows({variable}, 100, clock.now()).at(1).style;
+    }
+    QString stationLine() const
+    {
+        return LiveTable(*loop, project).stationLines(clock.now()).first();
+    }
+};
+
+} // namespace
+
+TEST_F(LiveTableTest, ShowsNameTypeValueAgeAndQuality)
+{
+    start(R"({"tag": "Speed"}, {"tag": "Level", "length": 3}, {"tag": "Nope"})",
+          R"([{"number": 1, "name": "filler"}])");
+    ASSERT_TRUE(runUntil([&] { return loop->values().wasRead(0) && loop->values().wasRead(1); }));
+    const QStringList table = rows();
+    EXPECT_EQ(table.at(0).simplified(), QString("NAME TYPE VALUE AGE QUALITY ERROR"));
+    EXPECT_EQ(table.at(1).simplified(), QString("Speed INT 1234 0.0 s good"));
+    EXPECT_EQ(table.at(2).simplified(), QString("Level INT [100, 101, 102] 0.0 s good"));
+    EXPECT_EQ(table.at(3).simplified(),
+              QString("Nope ? - never path destination unknown (status…"));
+    EXPECT_TRUE(stationLine().startsWith("station 1 (filler): connected; sent "));
+    EXPECT_TRUE(stationLine().endsWith("; 1x status 05"));
+    EXPECT_EQ(styleOf(0), Style::Plain);
+    EXPECT_EQ(styleOf(2), Style::Error);
+}
+
+TEST_F(LiveTableTest, KeepsToTheSizeOfTheWindow)
+{
+    start(R"({"tag": "Level", "length": 10}, {"tag": "Speed"}, {"tag": "Nope"})");
+    ASSERT_TRUE(runUntil([&] { return loop->values().wasRead(0); }));
+    for (const int width : {1, 20, 40, 80}) {
+        for (const QString& text : rows(width))
+            EXPECT_LE(text.size(), width);
+    }
+}
+
+TEST_F(LiveTableTest, ShowsValuesScaledAndWithTheirUnit)
+{
+    start(R"({"tag": "Speed", "gain": 0.1, "offset": -3, "unit": "rpm"},
+             {"tag": "Level", "length": 2, "gain": 2})");
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_EQ(rows().at(1).simplified(), QString("Speed INT 120.4 rpm 0.0 s good"));
+    EXPECT_EQ(rows().at(2).simplified(), QString("Level INT [200, 202] 0.0 s good"));
+    EXPECT_DOUBLE_EQ(loop->values().number(0), 120.4);
+}
+
+TEST_F(LiveTableTest, SaysHowBusyTheLineIs)
+{
+    start(R"({"tag": "Speed"})");
+    const LiveTable table(*loop, project);
+    EXPECT_EQ(table.lineStatistics(clock.now()),
+              QString("0.0 transactions/s, 0 % in use, round trip -, 99 % within -, retries 0, "
+                      "reopened 0"));
+    ASSERT_TRUE(runUntilRead());
+    runFor(2000);
+    // The controller answers after one millisecond, and nothing else takes time.
+    EXPECT_TRUE(table.lineStatistics(clock.now()).contains("round trip 1 ms, 99 % within 1 ms"))
+        << table.lineStatistics(clock.now()).toStdString();
+}
+
+TEST_F(LiveTableTest, SaysThatAStationIsDeadAndItsValuesAreStale)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    EXPECT_TRUE(rows().at(1).contains("stale"));
+    EXPECT_EQ(styleOf(0), Style::Warning);
+    EXPECT_TRUE(stationLine().startsWith("station 1: dead, no answer, last answer "));
+    EXPECT_EQ(LiveTable(*loop, project).changeLine(0), QString("Speed = 1234 (stale)"));
+}
+
+TEST_F(LiveTableTest, SaysThatTheLineIsDown)
+{
+    start(R"({"tag": "Speed"})");
+    line.setPresent(false);
+    loop->step();
+    const QString state = LiveTable(*loop, project).lineState();
+    EXPECT_TRUE(state.endsWith("DOWN, no such device")) << state.toStdString();
+}
+
+TEST_F(LiveTableTest, IsCompleteWhenEveryVariableWasRead)
+{
+    start(R"({"tag": "Speed"}, {"tag": "Level"})");
+    const LiveTable table(*loop, project);
+    EXPECT_FALSE(table.complete());
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_TRUE(table.complete());
+    EXPECT_EQ(table.changeLine(0), QString("Speed = 1234"));
+}
+
+TEST(AgeText, NamesAnAgeInItsUnit)
+{
+    EXPECT_EQ(ageText(-1), QString("-"));
+    EXPECT_EQ(ageText(0), QString("0.0 s"));
+    EXPECT_EQ(ageText(9999), QString("9.9 s"));
+    EXPECT_EQ(ageText(10000), QString("10 s"));
+    EXPECT_EQ(ageText(119999), QString("119 s"));
+    EXPECT_EQ(ageText(120000), QString("2 min"));
+    EXPECT_EQ(ageText(7200000), QString("2 h"));
+}

@@ -1,0 +1,232 @@
+// How the poll loop does when a station, a connection or the device is gone.
+
+#include "poll_fixture.h"
+
+using namespace micro850::host;
+using State = Operation::State;
+using wire::hex;
+
+namespace {
+
+const TagKey kSpeed(1, "Speed");
+
+class PollLoopRecoveryTest : public PollTest
+{
+};
+
+} // namespace
+
+TEST_F(PollLoopRecoveryTest, TransmitsARequestThreeTimesWithARetryLimitOfTwo)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    plc.requests.clear();
+    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Connecting; }));
+    ASSERT_EQ(plc.requests.size(), 3u);
+    for (const FakeController::Request& request : plc.requests) {
+        EXPECT_EQ(request.service, 0x52);
+        EXPECT_EQ(request.tns, plc.requests.front().tns);
+    }
+}
+
+TEST_F(PollLoopRecoveryTest, TakesAReplyToARepeatedRequest)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    const size_t before = plc.requests.size();
+    ASSERT_TRUE(runUntil([&] { return plc.requests.size() == before + 1; }));
+    plc.silent = false;
+    plc.tags["Speed"].elements[0] = hex("07 00");
+    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }));
+    EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
+}
+
+TEST_F(PollLoopRecoveryTest, KeepsTheLastValueAsStaleAndResumesByItself)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    EXPECT_EQ(loop->quality(0), Quality::Stale);
+    EXPECT_EQ(text(0), "1234");
+    plc.silent = false;
+    plc.tags["Speed"].elements[0] = hex("07 00");
+    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 6000));
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+    EXPECT_EQ(station().counters.reconnects, 1);
+}
+
+TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
+{
+    plc.silent = true;
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    std::vector<qint64> probes;
+    size_t seen = plc.requests.size();
+    ASSERT_TRUE(runUntil([&] {
+        if (plc.requests.size() > seen)
+            probes.push_back(clock.now());
+        seen = plc.requests.size();
+        return probes.size() == 5;
+    }));
+    EXPECT_LT(probes.at(1) - probes.at(0), probes.at(2) - probes.at(1));
+    EXPECT_LE(probes.at(4) - probes.at(3), 6000);
+}
+
+TEST_F(PollLoopRecoveryTest, FindsAStationThatWasDeadFromTheStart)
+{
+    plc.silent = true;
+    start(R"({"tag": "Speed", "poll": "once"})");
+    runFor(20000);
+    plc.silent = false;
+    EXPECT_TRUE(runUntilRead());
+    EXPECT_EQ(text(0), "1234");
+}
+
+TEST_F(PollLoopRecoveryTest, ConnectsAnewWhenTheControllerForgotTheConnection)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.forgetConnections();
+    plc.tags["Speed"].elements[0] = hex("07 00");
+    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 100)); // without waiting for any time-out
+    EXPECT_EQ(plc.count(0x54), 2);
+    EXPECT_EQ(station().counters.timedOut, 0);
+}
+
+TEST_F(PollLoopRecoveryTest, CarriesOutAnOperationThatMeetsAForgottenConnection)
+{
+    start(R"({"tag": "Speed", "poll": "once"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.forgetConnections();
+    EXPECT_EQ(finish(loop->write(kSpeed, 0, hex("07 00"))).state, State::Done);
+    EXPECT_EQ(wire::text(plc.tags["Speed"].elements[0]), "07 00");
+    plc.forgetConnections();
+    EXPECT_EQ(finish(loop->read(kSpeed, 0, 1)).state, State::Done);
+}
+
+TEST_F(PollLoopRecoveryTest, TakesARefusedConnectionForNoConnection)
+{
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.service == 0x54) {
+            const QByteArray head = wire::unframed(reply).left(8);
+            reply = wire::framed(head + hex("D4 00 01 01 13 01"));
+        }
+    };
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    EXPECT_EQ(station().error, QString("out of connections (status 01/0113)"));
+    EXPECT_EQ(plc.count(0x52), 0);
+}
+
+TEST_F(PollLoopRecoveryTest, NeverShowsALateReplyUnderAnotherTag)
+{
+    plc.tags["Other"] = {0x00C3, {hex("63 00")}};
+    start(R"({"tag": "Speed"}, {"tag": "Other"})");
+    ASSERT_TRUE(runUntilRead());
+    // From now on each reply comes together with the one before it.
+    QByteArray previous;
+    plc.onReply = [&](const FakeController::Request&, QByteArray& reply) {
+        const QByteArray now = reply;
+        reply = previous + reply;
+        previous = now;
+    };
+    for (int i = 0; i < 200; ++i) {
+        loop->step();
+        ASSERT_EQ(text(0), "1234");
+        ASSERT_EQ(text(1), "99");
+    }
+    EXPECT_GT(station().counters.late, 100);
+}
+
+TEST_F(PollLoopRecoveryTest, KeepsTheOtherStationGoingWhileOneIsDead)
+{
+    // The one controller in memory answers for both; which station is meant shows in the tag.
+    plc.tags["Far"] = {0x00C3, {hex("63 00")}};
+    start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})", R"([{"number": 1}, {"number": 2}])");
+    ASSERT_TRUE(runUntilRead());
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        // Station 2's data requests and, with station 1 connected, every set-up are station 2's.
+        if (request.tag == "Far" || request.service == 0x01)
+            reply.clear();
+    };
+    ASSERT_TRUE(runUntil([&] { return station(2).state == Station::State::Dead; }));
+    EXPECT_EQ(loop->quality(1), Quality::Stale);
+    const int before = plc.count(0x52, "Speed");
+    runFor(10000);
+    EXPECT_GT(plc.count(0x52, "Speed") - before, 500);
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+    plc.onReply = nullptr;
+    ASSERT_TRUE(runUntil([&] { return loop->quality(1) == Quality::Good; }));
+}
+
+TEST_F(PollLoopRecoveryTest, SendsNothingToADisabledStation)
+{
+    start(R"({"tag": "Speed", "station": 2}, {"tag": "Level"})",
+          R"([{"number": 1}, {"number": 2, "enabled": false}])");
+    runFor(5000);
+    EXPECT_EQ(plc.count(0x52, "Speed"), 0);
+    EXPECT_TRUE(loop->values().wasRead(1));
+    EXPECT_EQ(station(2).state, Station::State::Disabled);
+}
+
+TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setPresent(false);
+    line.openedAt.clear();
+    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 8; }));
+    EXPECT_FALSE(loop->lineIsUp());
+    EXPECT_EQ(loop->quality(0), Quality::Stale);
+    for (size_t i = 2; i < line.openedAt.size(); ++i) {
+        const qint64 pause = line.openedAt[i] - line.openedAt[i - 1];
+        EXPECT_GE(pause, line.openedAt[i - 1] - line.openedAt[i - 2]);
+        EXPECT_LE(pause, 5100);
+    }
+    line.setPresent(true);
+    plc.tags["Speed"].elements[0] = hex("07 00");
+    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 6000));
+    EXPECT_EQ(loop->lineReconnects(), 1);
+}
+
+TEST_F(PollLoopRecoveryTest, LetsThePausesGrowForADeviceThatCanBeOpenedAndFailsAtOnce)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setLoose(true);
+    line.openedAt.clear();
+    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 8; }));
+    EXPECT_GE(line.openedAt[1] - line.openedAt[0], 500);
+    EXPECT_GE(line.openedAt[7] - line.openedAt[6], 5000);
+    EXPECT_LE(line.openedAt[7] - line.openedAt[6], 5100);
+    line.setLoose(false);
+    ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Good; }, 6000));
+    line.setPresent(false);
+    line.openedAt.clear();
+    ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 2; }));
+    EXPECT_LE(line.openedAt[1] - line.openedAt[0], 600) << "after an answer the pauses begin anew";
+}
+
+TEST_F(PollLoopRecoveryTest, KeepsThePortOpenForASilentPeer)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    runFor(30000);
+    EXPECT_TRUE(loop->lineIsUp());
+    EXPECT_EQ(line.openedAt.size(), 1u);
+}
+
+TEST_F(PollLoopRecoveryTest, AcknowledgesTheLastReplyWhenThereIsNothingToDo)
+{
+    start(R"({"tag": "Speed", "poll": "once"})");
+    ASSERT_TRUE(runUntilRead());
+    runFor(100);
+    EXPECT_EQ(wire::text(line.sent.back()), "10 06");
+    const size_t sent = line.sent.size();
+    runFor(1000);
+    EXPECT_EQ(line.sent.size(), sent);
+}

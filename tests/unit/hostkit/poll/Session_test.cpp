@@ -1,0 +1,108 @@
+#include "Session.h"
+
+#include "UserError.h"
+#include "poll_fixture.h"
+
+using namespace micro850::host;
+using wire::hex;
+
+namespace {
+
+const TagKey kSpeed(1, "Speed");
+
+class SessionTest : public PollTest
+{
+protected:
+    SessionTest()
+    {
+        project.port.device = "/dev/test";
+        project.port.timeoutMs = 200;
+        project.stations.append(StationSettings());
+    }
+    // What the action complains about, with its exit status.
+    template<typename Action> std::string complaint(Action action)
+    {
+        Session session(library.api(), line, clock, project);
+        try {
+            action(session);
+        } catch (const micro850::UserError& error) {
+            return std::to_string(error.status()) + ": " + error.what();
+        }
+        return "none";
+    }
+};
+
+} // namespace
+
+TEST_F(SessionTest, ReadsALongArrayInRuns)
+{
+    plc.tags["Zone"] = {0x00C3, QVector<QByteArray>(300)};
+    for (int i = 0; i < 300; ++i)
+        plc.tags["Zone"].elements[i] = wire::little(static_cast<quint64>(1000 + i), 2);
+    Session session(library.api(), line, clock, project);
+    const QVector<QByteArray> elements = session.read({1, "Zone"}, 10, 280);
+    ASSERT_EQ(elements.size(), 280);
+    for (int i = 0; i < 280; ++i)
+        EXPECT_EQ(wire::text(elements.at(i)), wire::text(plc.tags["Zone"].elements[10 + i])) << i;
+}
+
+TEST_F(SessionTest, WritesAndReadsBack)
+{
+    Session session(library.api(), line, clock, project);
+    EXPECT_STREQ(session.typeOf(kSpeed).name, "INT");
+    session.write(kSpeed, 0, hex("07 00"));
+    EXPECT_EQ(wire::text(session.read(kSpeed, 0, 1).first()), "07 00");
+}
+
+TEST_F(SessionTest, SaysWhatTheControllerRefused)
+{
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Nope"}, 0, 1);
+              }),
+              "1: Nope: path destination unknown (status 05)");
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Level"}, 10, 1);
+              }),
+              "1: Level[10]: access beyond the end of the tag (status FF/2105)");
+}
+
+TEST_F(SessionTest, NamesATagWithAPercentSignAndADigitAsItIs)
+{
+    plc.tags["Fill%2"] = {0x00C3, {wire::hex("05 00")}};
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Fill%2"}, 7, 1);
+              }),
+              "1: Fill%2[7]: access beyond the end of the tag (status FF/2105)");
+}
+
+TEST_F(SessionTest, SaysThatAStationDoesNotAnswer)
+{
+    plc.silent = true;
+    EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
+              "1: Speed: station 1 does not answer (/dev/test, 38400 8N1; check cable, speed and "
+              "station)");
+}
+
+TEST_F(SessionTest, SaysThatTheDeviceIsGone)
+{
+    line.onSend = [this](const QByteArray&) { line.setPresent(false); };
+    EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
+              "1: /dev/test, 38400 8N1: the device is gone");
+}
+
+TEST_F(SessionTest, RefusesWhatCannotBeAskedForBeforeAnythingIsSent)
+{
+    plc.tags["Name"] = {0x00DA, {hex("01 41")}};
+    plc.tags["Bits"] = {0x00D2, {hex("34 12")}};
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Name"}, 1, 1);
+              }),
+              "2: Name: of a string only element 0 can be read");
+    EXPECT_EQ(
+        complaint([](Session& s) {
+            s.write({1, "Bits"}, 0, hex("01 00"));
+        }),
+        "2: Bits: the driver cannot write the type WORD, which it moves byte by byte (write an "
+        "INT that the controller's program copies into it)");
+    EXPECT_EQ(plc.count(0x53), 0);
+}

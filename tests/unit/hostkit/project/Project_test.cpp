@@ -1,0 +1,208 @@
+#include "Project.h"
+
+#include "UserError.h"
+
+#include <gtest/gtest.h>
+
+#include <QtCore/QSet>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+using namespace micro850::host;
+
+namespace {
+
+std::string complaint(const std::string& text)
+{
+    try {
+        Project::fromText(QString::fromStdString(text), QStringLiteral("p.json"));
+    } catch (const micro850::UserError& error) {
+        EXPECT_EQ(error.status(), micro850::kExitUsage);
+        return error.what();
+    }
+    return "none";
+}
+
+std::string withVariable(const std::string& variable)
+{
+    return R"({"variables": [{"tag": "First"}, )" + variable + "]}";
+}
+
+} // namespace
+
+TEST(Project, NamesADeviceWithAPercentSignAndADigitAsItIs)
+{
+    PortSettings port;
+    port.device = "/dev/line%2";
+    port.baud = 38400;
+    EXPECT_EQ(port.text(), QString("/dev/line%2, 38400 8N1"));
+}
+
+TEST(Project, TakesWhatTheFileSays)
+{
+    const Project project = Project::fromText(R"({
+        "port": {"device": "/dev/ttyS1", "baud": 9600, "parity": "even", "stopBits": 2,
+                 "deviceBudgetMs": 300, "timeoutMs": 900, "retryLimit": 5},
+        "staleAfterMs": 1500,
+        "stations": [{"number": 3, "name": "filler"}, {"number": 4, "enabled": false}],
+        "variables": [{"name": "Fill level", "tag": "Level", "station": 4, "type": "REAL",
+                       "element": 2, "length": 5, "area": 7, "poll": "once"}]})",
+                                              "p.json");
+    EXPECT_EQ(project.port.text(), QString("/dev/ttyS1, 9600 8E2"));
+    EXPECT_EQ(project.port.deviceBudgetMs, 300);
+    EXPECT_EQ(project.port.timeoutMs, 900);
+    EXPECT_EQ(project.port.retryLimit, 5);
+    EXPECT_EQ(project.staleAfterMs, 1500);
+    ASSERT_EQ(project.stations.size(), 2);
+    EXPECT_EQ(project.stations.at(0).name, QString("filler"));
+    EXPECT_FALSE(project.stations.at(1).enabled);
+    ASSERT_EQ(project.variables.size(), 1);
+    const Variable& variable = project.variables.first();
+    EXPECT_EQ(variable.name, QString("Fill level"));
+    EXPECT_EQ(variable.tag, QString("Level"));
+    EXPECT_EQ(variable.station, 4);
+    EXPECT_STREQ(variable.type->name, "REAL");
+    EXPECT_EQ(variable.element, 2);
+    EXPECT_EQ(variable.length, 5);
+    EXPECT_EQ(variable.area, 7);
+    EXPECT_EQ(variable.poll, PollMode::Once);
+}
+
+TEST(Project, TakesTheScalingOfANumber)
+{
+    const Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "type": "INT", "gain": 0.1, "offset": -40, "unit": "C"},
+                          {"tag": "U"}]})",
+        "p.json");
+    EXPECT_EQ(project.variables.at(0).gain, 0.1);
+    EXPECT_EQ(project.variables.at(0).offset, -40);
+    EXPECT_EQ(project.variables.at(0).unit, QString("C"));
+    EXPECT_TRUE(project.variables.at(0).isScaled());
+    EXPECT_FALSE(project.variables.at(1).isScaled());
+}
+
+TEST(Project, RefusesAScalingThatShowsNothing)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "gain": 0})")),
+              "p.json: variables[1].gain: 0 would show every value as the offset (leave it out for "
+              "1)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "WORD", "gain": 2})")),
+              "p.json: variables[1]: gain and offset are for numbers, not for WORD");
+}
+
+TEST(Project, RefusesANameThatCannotBeShown)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "two\nlines"})")),
+              "p.json: variables[1].name: a name has at least one character and no control "
+              "characters");
+    EXPECT_NE(complaint(withVariable(R"({"tag": "Speed", "name": ""})")), "none");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "Füllstand 1"})")), "none");
+}
+
+TEST(Project, FillsInWhatTheFileLeavesOut)
+{
+    const Project project = Project::fromText(R"({"variables": [{"tag": "Speed"}]})", "p.json");
+    EXPECT_EQ(project.port.baud, 38400);
+    EXPECT_EQ(project.stations.first().number, 1);
+    const Variable& variable = project.variables.first();
+    EXPECT_EQ(variable.name, QString("Speed"));
+    EXPECT_EQ(variable.station, 1);
+    EXPECT_EQ(variable.type, nullptr);
+    EXPECT_EQ(variable.length, 1);
+    EXPECT_EQ(variable.poll, PollMode::Cyclic);
+}
+
+TEST(Project, ComputesTheTimeOfBytesFromTheLine)
+{
+    PortSettings port;
+    port.baud = 9600;
+    EXPECT_EQ(port.timeOf(96), 100); // 10 bits a byte
+    port.parity = Parity::Odd;
+    EXPECT_EQ(port.timeOf(96), 110);
+    EXPECT_EQ(port.timeOf(1), 2); // rounded up
+}
+
+TEST(Project, NamesTheKeyPathOfAMistakeAndTheWayOut)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "type": "INTT"})")),
+              "p.json: variables[1].type: \"INTT\" is not a CIP type (did you mean INT?)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "lenght": 3})")),
+              "p.json: variables[1]: unknown key \"lenght\" (did you mean length?)");
+    EXPECT_EQ(complaint(withVariable(R"({"name": "A"})")),
+              "p.json: variables[1]: the key \"tag\" is missing");
+    EXPECT_EQ(
+        complaint(withVariable(R"({"tag": "First"})")),
+        "p.json: variables[1].tag: the name \"First\" is given to two variables (rename one)");
+    EXPECT_EQ(
+        complaint(withVariable(R"({"tag": "B", "name": "First"})")),
+        "p.json: variables[1].name: the name \"First\" is given to two variables (rename one)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "station": 2})")),
+              "p.json: variables[1].station: station 2 is not among the stations (add it to "
+              "\"stations\")");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "poll": "often"})")),
+              "p.json: variables[1].poll: \"often\" is not a way to poll (cyclic or once)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "length": 0})")),
+              "p.json: variables[1].length: 0 is not allowed (1 to 65536)");
+    EXPECT_EQ(complaint(R"({"port": {"parity": "mark"}, "variables": [{"tag": "A"}]})"),
+              "p.json: port.parity: \"mark\" is not a parity (none, even or odd)");
+    EXPECT_EQ(complaint(R"({"port": {"baud": 12}, "variables": [{"tag": "A"}]})"),
+              "p.json: port.baud: 12 is not allowed (300 to 4000000)");
+    EXPECT_EQ(complaint(R"({"stations": [{"number": 1}, {"number": 1}], "variables": []})"),
+              "p.json: stations[1].number: station 1 is listed twice (remove one)");
+    EXPECT_EQ(complaint(R"({"stations": [], "variables": []})"),
+              "p.json: stations: lists no station (leave it out for station 1)");
+    EXPECT_EQ(complaint(R"({"variables": []})"),
+              "p.json: variables: lists no variable (add one, for example {\"tag\": \"Speed\"})");
+}
+
+TEST(Project, RefusesATagThatNoControllerHas)
+{
+    EXPECT_NE(complaint(withVariable(R"({"tag": "two words"})")).find("is not a tag"),
+              std::string::npos);
+    EXPECT_NE(complaint(withVariable(R"({"tag": "Level[3]"})")).find("\"element\""),
+              std::string::npos);
+    EXPECT_EQ(complaint(withVariable("{\"tag\": \"" + std::string(256, 'a') + "\"}")),
+              "p.json: variables[1].tag: a tag has 1 to 255 characters");
+    EXPECT_EQ(complaint(withVariable("{\"tag\": \"" + std::string(255, 'a') + "\"}")), "none");
+}
+
+TEST(Project, RefusesElementsThatCannotBeReached)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "element": 65535, "length": 1})")), "none");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "element": 65535, "length": 2})")),
+              "p.json: variables[1]: element and length reach beyond element 65535");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "type": "SHORT_STRING", "element": 1})")),
+              "p.json: variables[1]: of a string only element 0 and length 1 can be read");
+}
+
+TEST(Project, NamesAFileThatCannotBeRead)
+{
+    try {
+        Project::fromFile("/nowhere/p.json");
+        FAIL() << "no error";
+    } catch (const micro850::UserError& error) {
+        EXPECT_NE(std::string(error.what()).find("/nowhere/p.json"), std::string::npos);
+    }
+}
+
+TEST(ExampleProject, ShowsEveryTagOfTheExamplePlantInFull)
+{
+    const std::string examples = MICRO850_SOURCE_DIR "/examples/";
+    std::ifstream file(examples + "plant.tags.json");
+    const nlohmann::json plant = nlohmann::json::parse(file, nullptr, true, true);
+    const Project project =
+        Project::fromFile(QString::fromStdString(examples + "plant.project.json"));
+    EXPECT_EQ(static_cast<int>(plant["tags"].size()), project.variables.size());
+    for (const auto& tag : plant["tags"]) {
+        bool found = false;
+        for (const Variable& variable : project.variables) {
+            if (variable.tag.toStdString() != tag["name"])
+                continue;
+            found = true;
+            EXPECT_EQ(variable.length, tag.value("length", 1)) << tag["name"];
+            ASSERT_NE(variable.type, nullptr) << tag["name"];
+            EXPECT_EQ(variable.type->name, tag["type"].get<std::string>()) << tag["name"];
+        }
+        EXPECT_TRUE(found) << tag["name"];
+    }
+}

@@ -1,0 +1,168 @@
+#include "ValueStore.h"
+
+#include "wire.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+using wire::hex;
+
+namespace {
+
+const char kProject[] = R"({"staleAfterMs": 1000, "variables": [
+    {"name": "single", "tag": "Level", "element": 2},
+    {"name": "all", "tag": "Level", "length": 4},
+    {"name": "once", "tag": "Level", "poll": "once"},
+    {"name": "real", "tag": "Level", "type": "REAL"},
+    {"name": "text", "tag": "Text"}]})";
+enum { kSingle, kAll, kOnce, kReal, kText };
+
+class ValueStoreTest : public ::testing::Test
+{
+protected:
+    const Project project = Project::fromText(kProject, "p.json");
+    ValueStore values{project};
+    const TagKey level{1, "Level"};
+
+    void storeInts(int element, const char* bytes, qint64 now)
+    {
+        values.store(level, element, micro850::cipTypeNamed("INT"), hex(bytes), now);
+    }
+};
+
+} // namespace
+
+TEST_F(ValueStoreTest, KnowsNothingAtFirst)
+{
+    EXPECT_EQ(values.text(kAll), QString());
+    EXPECT_EQ(values.quality(kAll, 0, true), Quality::Never);
+    EXPECT_EQ(values.refreshedAt(kAll), -1);
+}
+
+TEST_F(ValueStoreTest, PutsARunIntoEveryVariableThatShowsSomeOfIt)
+{
+    storeInts(1, "0A 00 0B 00 0C 00", 5);
+    EXPECT_EQ(values.text(kSingle), QString("11"));
+    EXPECT_EQ(values.text(kAll), QString("[?, 10, 11, 12]"));
+    EXPECT_FALSE(values.wasRead(kAll));
+    storeInts(0, "09 00", 6);
+    EXPECT_EQ(values.text(kAll), QString("[9, 10, 11, 12]"));
+    EXPECT_TRUE(values.wasRead(kAll));
+    EXPECT_EQ(values.refreshedAt(kAll), 5);
+}
+
+TEST_F(ValueStoreTest, NeverShowsAValueUnderAnotherTypeThanTheProjectSays)
+{
+    storeInts(0, "01 00", 5);
+    EXPECT_EQ(values.text(kReal), QString());
+}
+
+TEST_F(ValueStoreTest, LivesThroughATypeThatSaysNoSize)
+{
+    const micro850::CipType sizeless = {"NONE", 0xFF, 0, micro850::CipKind::Unsigned, 0, 0};
+    values.store(level, 0, sizeless, hex("01 02"), 5);
+    EXPECT_FALSE(values.wasRead(kAll));
+}
+
+TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
+{
+    storeInts(0, "01 00 02 00 03 00 04 00", 5);
+    values.takeChanged();
+    storeInts(0, "01 00 02 00 03 00 04 00", 6);
+    EXPECT_EQ(values.takeChanged(), QSet<int>());
+    storeInts(0, "01 00 02 00 03 00 05 00", 7);
+    EXPECT_EQ(values.takeChanged(), (QSet<int>{kAll}));
+    EXPECT_EQ(values.text(kAll), QString("[1, 2, 3, 5]"));
+}
+
+TEST_F(ValueStoreTest, TellsAValueOfAnotherStationApart)
+{
+    values.store({2, "Level"}, 0, micro850::cipTypeNamed("INT"), hex("01 00"), 5);
+    EXPECT_EQ(values.text(kOnce), QString());
+}
+
+TEST_F(ValueStoreTest, CallsAValueStaleWhenItIsOldOrItsStationIsDead)
+{
+    storeInts(2, "0B 00", 100);
+    EXPECT_EQ(values.quality(kSingle, 1100, true), Quality::Good);
+    EXPECT_EQ(values.quality(kSingle, 1101, true), Quality::Stale);
+    EXPECT_EQ(values.quality(kSingle, 100, false), Quality::Stale);
+}
+
+TEST_F(ValueStoreTest, LetsAValueThatIsReadOnceGrowOld)
+{
+    storeInts(0, "01 00", 100);
+    EXPECT_EQ(values.quality(kOnce, 100000, true), Quality::Good);
+    EXPECT_EQ(values.quality(kOnce, 100000, false), Quality::Stale);
+}
+
+TEST_F(ValueStoreTest, KeepsTheValueBesideAnErrorUntilTheNextGoodReply)
+{
+    storeInts(2, "0B 00", 100);
+    values.setError(kSingle, "gone");
+    EXPECT_EQ(values.text(kSingle), QString("11"));
+    EXPECT_EQ(values.quality(kSingle, 100, true), Quality::Stale);
+    storeInts(2, "0B 00", 200);
+    EXPECT_EQ(values.error(kSingle), QString());
+    EXPECT_EQ(values.quality(kSingle, 200, true), Quality::Good);
+}
+
+TEST_F(ValueStoreTest, TellsWhatChangedOnceAndNothingThatDidNot)
+{
+    storeInts(2, "0B 00", 100);
+    EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
+    storeInts(2, "0B 00", 200);
+    EXPECT_EQ(values.takeChanged(), QSet<int>());
+    storeInts(2, "0C 00", 300);
+    EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
+    values.setError(kText, "gone");
+    EXPECT_EQ(values.takeChanged(), QSet<int>{kText});
+}
+
+TEST_F(ValueStoreTest, ShowsAStringAsText)
+{
+    values.store({1, "Text"}, 0, micro850::cipTypeNamed("SHORT_STRING"), hex("03 50 E4 61"), 1);
+    EXPECT_EQ(values.text(kText), QString::fromUtf8("Päa"));
+}
+
+TEST(ElementText, ShowsEachTypeInItsOwnWay)
+{
+    const auto text = [](const char* name, const char* bytes) {
+        return elementText(micro850::cipTypeNamed(name), hex(bytes)).toStdString();
+    };
+    EXPECT_EQ(text("BOOL", "01"), "true");
+    EXPECT_EQ(text("BOOL", "00"), "false");
+    EXPECT_EQ(text("SINT", "80"), "-128");
+    EXPECT_EQ(text("UINT", "FF FF"), "65535");
+    EXPECT_EQ(text("REAL", "00 00 AC 41"), "21.5");
+    EXPECT_EQ(text("ULINT", "FF FF FF FF FF FF FF FF"), "18446744073709551615");
+    EXPECT_EQ(text("WORD", "34 12"), "0x1234");
+}
+
+TEST(ShownText, WritesDurationsOutAndTheRestAsItIs)
+{
+    const auto text = [](const char* name, const char* bytes) {
+        return shownText(micro850::cipTypeNamed(name), hex(bytes)).toStdString();
+    };
+    EXPECT_EQ(text("TIME", "C4 09 00 00"), "PT2.5S");
+    EXPECT_EQ(text("STIME", "18 FC FF FF"), "-PT1S");
+    EXPECT_EQ(text("FTIME", "FA 00 00 00"), "PT0.00025S");
+    EXPECT_EQ(text("DINT", "C4 09 00 00"), "2500");
+    EXPECT_EQ(text("WORD", "34 12"), "0x1234");
+}
+
+TEST(ElementFromText, GivesTheBytesThatTheWireCarries)
+{
+    const auto bytes = [](const char* name, const char* text) {
+        return wire::text(elementFromText(micro850::cipTypeNamed(name), QString::fromUtf8(text)));
+    };
+    EXPECT_EQ(bytes("INT", "-2"), "FE FF");
+    EXPECT_EQ(bytes("REAL", "21.5"), "00 00 AC 41");
+    EXPECT_EQ(bytes("SHORT_STRING", "Pä"), "02 50 E4");
+}
+
+TEST(ElementsOf, CutsWholeElementsOnly)
+{
+    EXPECT_EQ(elementsOf(micro850::cipTypeNamed("INT"), hex("01 00 02 00 03")).size(), 2);
+    EXPECT_EQ(elementsOf(micro850::cipTypeNamed("SHORT_STRING"), hex("02 41 42")).size(), 1);
+}

@@ -1,0 +1,105 @@
+#include "VariableList.h"
+
+#include "UserError.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+
+namespace {
+
+VariableList listOf(const char* text)
+{
+    return VariableList::fromCsv(QString::fromUtf8(text), QStringLiteral("v.csv"));
+}
+
+std::string complaint(const char* text)
+{
+    try {
+        listOf(text);
+    } catch (const micro850::UserError& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+} // namespace
+
+TEST(VariableList, TakesItsColumnsByTheirHeadings)
+{
+    const VariableList list = listOf("Comment,Data Type,NAME,Dimension\r\n"
+                                     "\"a, b\",INT,Speed,\r\n"
+                                     ",dint,Recipe,[0..19]\r\n"
+                                     ",REAL,Zone,300\r\n");
+    ASSERT_EQ(list.variables.size(), 3);
+    EXPECT_EQ(list.variables.at(0).name, QString("Speed"));
+    EXPECT_EQ(list.variables.at(0).tag, QString("Speed"));
+    EXPECT_STREQ(list.variables.at(0).type->name, "INT");
+    EXPECT_EQ(list.variables.at(0).length, 1);
+    EXPECT_STREQ(list.variables.at(1).type->name, "DINT");
+    EXPECT_EQ(list.variables.at(1).length, 20);
+    EXPECT_EQ(list.variables.at(2).length, 300);
+    EXPECT_TRUE(list.passedOver.isEmpty());
+}
+
+TEST(VariableList, KnowsTheSeparatorsOfSpreadsheets)
+{
+    EXPECT_EQ(listOf("Name;Data type\nA,B;INT\n").variables.at(0).name, QString("A,B"));
+    EXPECT_EQ(listOf("Tag\tType\nA\tINT\n").variables.at(0).name, QString("A"));
+    EXPECT_EQ(listOf("\xEF\xBB\xBFName,Type\nA,INT\n").variables.size(), 1);
+}
+
+TEST(VariableList, LeavesTheTypeOfAStringToTheController)
+{
+    const VariableList list = listOf("Name,Type\nTitle,STRING\n");
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.variables.at(0).type, nullptr);
+}
+
+TEST(VariableList, SaysWhatItPassesOverAndWhy)
+{
+    const VariableList list = listOf("Name,Type,Dimension\n"
+                                     "Timer,TON,\n"
+                                     "Grid,INT,\"[0..3,0..3]\"\n"
+                                     "Back,INT,9..1\n"
+                                     "\n"
+                                     "A,INT,\n"
+                                     "A,INT,\n"
+                                     "Names,STRING,4\n");
+    EXPECT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.passedOver,
+              (QStringList{"line 2: Timer: \"TON\" is not an elementary type",
+                           "line 3: Grid: the dimension \"[0..3,0..3]\" is not one run of elements",
+                           "line 4: Back: the dimension \"9..1\" is not one run of elements",
+                           "line 7: A: is listed twice",
+                           "line 8: Names: of several strings only the first can be read"}));
+}
+
+TEST(VariableList, PassesOverWhatAProjectWouldNotTake)
+{
+    const VariableList list = listOf("Name,Type,Dimension\n"
+                                     "Fill level,INT,\n"
+                                     "A[3],INT,\n"
+                                     "F\xC3\xBCllung,INT,\n"
+                                     "Titles,SHORT_STRING,4\n");
+    EXPECT_TRUE(list.variables.isEmpty());
+    const QString noTag = ": is not a tag (letters, digits and signs without blanks)";
+    EXPECT_EQ(list.passedOver,
+              (QStringList{"line 2: Fill level" + noTag, "line 3: A[3]" + noTag,
+                           QString::fromUtf8("line 4: F\xC3\xBCllung") + noTag,
+                           "line 5: Titles: of several strings only the first can be read"}));
+}
+
+TEST(VariableList, NeedsAColumnForNameAndType)
+{
+    EXPECT_EQ(complaint("Name,Comment\nA,INT\n"),
+              "v.csv: line 1: no column \"Data type\" (the first line names the columns: Name, "
+              "Data type, Dimension)");
+    EXPECT_EQ(complaint(""), "v.csv: line 1: no column \"Name\" (the first line names the columns: "
+                             "Name, Data type, Dimension)");
+}
+
+TEST(CsvFields, KeepQuotedSeparatorsAndDoubledQuotes)
+{
+    EXPECT_EQ(csvFields(R"(a,"b,c","d""e",)", ','), (QStringList{"a", "b,c", "d\"e", ""}));
+}
