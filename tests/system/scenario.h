@@ -3,7 +3,7 @@
 
 #include "FaultyLine.h"
 #include "driver_fixture.h"
-#include "virtual_clock.h"
+#include "fixed_time_of_day.h"
 
 #include <memory>
 #include <string>
@@ -95,7 +95,7 @@ private:
     int dataCom(QByteArray& reply, int length);
 
     std::unique_ptr<micro850::sim::FaultyLine> m_line;
-    ::VirtualClock m_timeOfDay;
+    FixedTimeOfDay m_timeOfDay;
     std::size_t m_taken = 0;
     QByteArray m_input; ///< arrived and not looked at
 };

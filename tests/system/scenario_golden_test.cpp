@@ -5,7 +5,7 @@
 
 #include "DriverLibrary.h"
 #include "PollLoop.h"
-#include "virtual_clock.h"
+#include "fixed_time_of_day.h"
 
 #include <gtest/gtest.h>
 
@@ -80,7 +80,7 @@ private:
                                                  : "";
     }
 
-    ::VirtualClock m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
+    FixedTimeOfDay m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
     sim::VirtualClock m_clock;
     sim::Engine m_engine{m_clock, sim::Plant::fromText(kTags, "golden")};
     sim::FaultyLine m_line;

@@ -9,7 +9,7 @@
 #include "Output.h"
 #include "PollLoop.h"
 #include "UserError.h"
-#include "virtual_clock.h"
+#include "fixed_time_of_day.h"
 
 #include <CLI/CLI.hpp>
 
@@ -112,7 +112,7 @@ private:
     void report();
 
     const Options m_options;
-    ::VirtualClock m_timeOfDay{QTime(12, 0)};
+    FixedTimeOfDay m_timeOfDay{QTime(12, 0)};
     sim::VirtualClock m_clock;
     sim::Engine m_engine;
     sim::FaultyLine m_line;

@@ -1,8 +1,8 @@
 // A whole connection set-up as a host drives it: request, reply, request, reply, data.
 
 #include "driver_fixture.h"
+#include "fixed_time_of_day.h"
 #include "serial_model.h"
-#include "virtual_clock.h"
 
 using wire::hex;
 
@@ -41,7 +41,7 @@ protected:
     }
 
     RW_VAR request = readOf("Speed");
-    VirtualClock clock;
+    FixedTimeOfDay clock;
     int second;
 };
 

@@ -1,9 +1,9 @@
 // The two requests that connect a station, and what their replies do.
 
 #include "driver_fixture.h"
+#include "fixed_time_of_day.h"
 #include "lock_witness.h"
 #include "serial_model.h"
-#include "virtual_clock.h"
 
 #include <vector>
 
@@ -48,7 +48,7 @@ protected:
         return wire::framed(wire::forwardOpenRequest(tns, serial));
     }
 
-    VirtualClock clock;
+    FixedTimeOfDay clock;
 };
 
 void expectOnlyTheStation(const RW_VAR& request)

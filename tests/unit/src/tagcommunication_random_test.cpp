@@ -1,8 +1,8 @@
 // The number that makes the originator serial number of a connection request.
 
+#include "fixed_time_of_day.h"
 #include "serial_model.h"
 #include "tagcommunication.h"
-#include "virtual_clock.h"
 
 #include <gtest/gtest.h>
 
@@ -35,7 +35,7 @@ private:
 
 TEST(RandomNumber, IsTheFirstOfTheGeneratorSeededWithTheSecondsOfTheDay)
 {
-    VirtualClock clock(QTime(0, 0, 0));
+    FixedTimeOfDay clock(QTime(0, 0, 0));
     for (int second : {0, 1, 59, 60, 3600, 43200, 86399}) {
         clock.setSeconds(second);
         EXPECT_EQ(quint32(get_random_number()), serial_model::at(second)) << second;
@@ -44,7 +44,7 @@ TEST(RandomNumber, IsTheFirstOfTheGeneratorSeededWithTheSecondsOfTheDay)
 
 TEST(RandomNumber, IsEqualWithinOneSecond)
 {
-    VirtualClock clock(QTime(11, 22, 33, 0));
+    FixedTimeOfDay clock(QTime(11, 22, 33, 0));
     const int first = get_random_number();
     EXPECT_EQ(get_random_number(), first);
     clock.set(QTime(11, 22, 33, 999));
@@ -55,7 +55,7 @@ TEST(RandomNumber, IsEqualWithinOneSecond)
 
 TEST(RandomNumber, StaysBelow16777215AllDayLong)
 {
-    VirtualClock clock(QTime(0, 0, 0));
+    FixedTimeOfDay clock(QTime(0, 0, 0));
     int least = 0xFFFFFF;
     int largest = 0;
     for (int second = 0; second < 86400; ++second) {

@@ -1,4 +1,4 @@
-#include "virtual_clock.h"
+#include "fixed_time_of_day.h"
 
 #include <dlfcn.h>
 
@@ -22,23 +22,23 @@ QTime QTime::currentTime()
     return real();
 }
 
-VirtualClock::VirtualClock(const QTime& time)
+FixedTimeOfDay::FixedTimeOfDay(const QTime& time)
 {
     set(time);
 }
 
-VirtualClock::~VirtualClock()
+FixedTimeOfDay::~FixedTimeOfDay()
 {
     stopped = false;
 }
 
-void VirtualClock::set(const QTime& time)
+void FixedTimeOfDay::set(const QTime& time)
 {
     stopped = true;
     shown = time;
 }
 
-void VirtualClock::setSeconds(int secondsOfDay)
+void FixedTimeOfDay::setSeconds(int secondsOfDay)
 {
     set(QTime(0, 0, 0).addSecs(secondsOfDay));
 }
