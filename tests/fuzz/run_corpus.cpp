@@ -1,5 +1,5 @@
-// Runs a harness over the files named on the command line, and over every file of the directories
-// named there, without a fuzzer: for compilers that have none.
+// Runs a harness without a fuzzer: over the files named on the command line, and over every file of
+// the directories named there.
 
 #include <algorithm>
 #include <cstddef>
@@ -35,11 +35,11 @@ bool runFile(const std::filesystem::path& path)
     }
     const std::vector<char> bytes((std::istreambuf_iterator<char>(file)),
                                   std::istreambuf_iterator<char>());
-    // Named before it runs, so that a crash has its input's name above it.
+    // Printed before the run, so that the name of the input is the last line before a crash.
     std::printf("%s: %zu bytes\n", path.filename().c_str(), bytes.size());
     std::fflush(stdout);
-    // Of exactly the size, as a fuzzer hands it over, so that a byte read behind the end is
-    // noticed.
+    // A buffer of exactly this size, as a fuzzer passes it, so that the sanitizer sees a read past
+    // the end.
     const std::unique_ptr<std::uint8_t[]> exact(new std::uint8_t[bytes.size()]);
     std::copy(bytes.begin(), bytes.end(), exact.get());
     LLVMFuzzerTestOneInput(exact.get(), bytes.size());
