@@ -1,0 +1,52 @@
+"""Measures the driver and prints tables; called by scripts/bench.
+
+bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line and
+reaction. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables between their marks
+in the document, and copies the plots to the document's folder.
+"""
+
+import argparse
+import json
+import os
+
+import cost
+import line
+import report
+
+SECTIONS = cost.SECTIONS + line.SECTIONS
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="bench", description="Measures the driver and compares it with other clients.")
+    parser.add_argument("bin_dir")
+    parser.add_argument("out_dir")
+    parser.add_argument("--quick", action="store_true", help="fewer repetitions and sizes, for a trial")
+    parser.add_argument("--write", metavar="DOCUMENT", help="write the tables between the marks in the document")
+    parser.add_argument("sections", nargs="*", metavar="SECTION", help="cost, growth, peers, line, reaction (default all)")
+    options = parser.parse_intermixed_args()
+    wanted = options.sections or SECTIONS
+    for name in wanted:
+        if name not in SECTIONS:
+            parser.error(f"unknown section \"{name}\" (there are: {', '.join(SECTIONS)})")
+    if options.write and not os.path.isfile(options.write):
+        parser.error(f"{options.write}: there is no such document")
+    return options, wanted
+
+
+def main():
+    options, wanted = arguments()
+    os.makedirs(options.out_dir, exist_ok=True)
+    results = {"machine": report.machine()}
+    results.update(cost.run(options.bin_dir, options.out_dir, options.quick, wanted))
+    results.update(line.run(options.bin_dir, options.quick, wanted))
+    with open(f"{options.out_dir}/results.json", "w", encoding="utf-8") as file:
+        json.dump(results, file, indent=1)
+    print("\n\n".join("\n".join(text) for text in report.tables(results).values()))
+    plots = report.plot(results, options.out_dir)
+    if options.write:
+        report.write(options.write, results, plots)
+    print(f"\nbench: results in {options.out_dir}/results.json")
+
+
+if __name__ == "__main__":
+    main()

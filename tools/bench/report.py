@@ -1,0 +1,183 @@
+"""The report of the results: tables, figures compared with their targets, plots, the document."""
+
+import datetime
+import math
+import os
+import platform
+import re
+import shutil
+import sys
+
+import cost
+import line
+import measure
+
+SCALARS = ["int", "dint", "lreal"]
+MOST_INSTRUCTIONS = 6400
+MOST_ALLOCATIONS = 3
+WHOLE_ONLY = ["machine", "targets"]  # written only when every section has run
+LEAST_IN_USE = {38400: 0.97, 115200: 0.95}
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        text = file.read()
+    model = re.search(r"model name\s*: (.*)", text)
+    guest = ", a virtual machine" if re.search(r"^flags.*\bhypervisor\b", text, re.M) else ""
+    load = os.getloadavg()
+    packages = ["libqt5core5a", "libmodbus-dev", "libqt5serialbus5", "g++"]
+    listed = measure.output_of(["dpkg-query", "-W", "-f", "${Package} ${Version}\n"]).stdout
+    return {
+        "processor": (model.group(1) if model else platform.machine()) + guest,
+        "processors": os.cpu_count(),
+        "kernel": platform.release(),
+        "packages": [package for package in listed.splitlines() if package.split()[0] in packages],
+        "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
+        "load": round(load[0], 2),
+    }
+
+
+def machine_table(row):
+    return [f"{row['date']}, {row['processors']} x {row['processor']}, Linux {row['kernel']}",
+            ", ".join(row["packages"]),
+            f"load before the run: {row['load']} (times mean something below 0.5; instructions and allocations always)"]
+
+
+# ---- Targets: name, goal, figure, whether the figure reaches the goal
+
+
+def cost_targets(rows):
+    for kind in SCALARS:
+        count, calls = rows[kind]["instructions"], rows[kind]["allocations"]
+        yield f"{kind.upper()} read and fetch: instructions", f"<= {MOST_INSTRUCTIONS}", f"{count}", count <= MOST_INSTRUCTIONS
+        yield f"{kind.upper()} read and fetch: allocations", f"<= {MOST_ALLOCATIONS}", f"{calls:.2f}", calls <= MOST_ALLOCATIONS
+
+
+def growth_targets(rows):
+    first, last = rows[0], rows[-1]
+    factor = last["instructions"]["cyclic"] / first["instructions"]["cyclic"]
+    yield (f"cyclic read, {first['variables']} to {last['variables']} variables", "< 1.5 times", f"{factor:.2f}",
+           factor < 1.5)
+    small, large = ((row["variables"], row["instructions"]["rebuild"]) for row in rows if row["variables"] in
+                    (rows[1]["variables"], min(10000, last["variables"])))
+    growth = large[1] / small[1] / (large[0] * math.log(large[0]) / (small[0] * math.log(small[0])))
+    yield (f"rebuilding the list, {small[0]} to {large[0]}, beside n log n", "about 1 times", f"{growth:.2f}",
+           growth < 1.5)
+
+
+def peers_targets(rows):
+    for row in rows:
+        if row["client"] not in (line.ALONE, line.HOST):
+            continue
+        serial_bus = line.peer_row(rows, "Qt SerialBus", row)["instructions"] / row["instructions"]
+        yield (f"{row['client']}, {row['values']} values: Qt SerialBus's instructions", ">= 8 times",
+               f"{serial_bus:.1f}", serial_bus >= 8)
+    for row in rows:
+        if row["client"] == line.HOST:
+            libmodbus = row["microseconds"] / line.peer_row(rows, "libmodbus", row)["microseconds"]
+            yield (f"{row['client']}, {row['values']} values: time beside libmodbus's", "<= 2 times",
+                   f"{libmodbus:.2f}", libmodbus <= 2)
+
+
+def line_targets(results):
+    for row in results["rows"]:
+        least = LEAST_IN_USE.get(row["baud"])
+        if row["client"] != line.HOST or not least:
+            continue
+        name = f"{row['baud']} baud, {row['values']} values"
+        yield f"{name}: line in use", f">= {least:.0%}", f"{row['in_use']:.1%}", row["in_use"] >= least
+        yield f"{name}: gap, median", "< 100 us", f"{row['gap_median']:.0f}", row["gap_median"] < 100
+
+
+def reaction_targets(rows):
+    for row in rows:
+        for name, what, most in (("write", "to a known tag", 0), ("write_unknown", "to a new tag", 1)):
+            before = row[name]["requests_before"]
+            yield (f"{row['baud']} baud: requests sent before a write {what}", f"<= {most}", f"{before}",
+                   before <= most)
+
+
+TARGETS = {"cost": cost_targets, "growth": growth_targets, "peers": peers_targets, "line": line_targets,
+           "reaction": reaction_targets}
+
+
+def targets_table(results):
+    text = [f"{'target':58} {'goal':>13} {'figure':>8}"]
+    for section, of in TARGETS.items():
+        if section in results:
+            text += [f"{name:58} {goal:>13} {figure:>8}  {'reached' if reached else 'not reached'}"
+                     for name, goal, figure, reached in of(results[section])]
+    return text
+
+
+def tables(results):
+    """Lines of text by section, in the order of the report."""
+    of = {"machine": machine_table, "cost": cost.cost_table, "growth": cost.growth_table,
+          "peers": line.peers_table, "line": line.line_table, "reaction": line.reaction_table}
+    text = {section: table(results[section]) for section, table in of.items() if section in results}
+    if any(section in results for section in TARGETS):
+        text["targets"] = targets_table(results)
+    return text
+
+
+# ---- Plots and the document
+
+
+def gnuplot(path, commands):
+    measure.output_of(["gnuplot", "-e", f"set terminal svg size 720,420 background 'white'; set output '{path}'; "
+                     "set grid; " + commands])
+    return path
+
+
+def plot_growth(rows, out_dir):
+    with open(f"{out_dir}/growth.dat", "w", encoding="ascii") as data:
+        for row in rows:
+            print(row["variables"], *(row["instructions"][operation] for operation in cost.OPERATIONS), file=data)
+    curves = ", ".join(f"'{out_dir}/growth.dat' using 1:{i + 2} with linespoints title '{operation}'"
+                       for i, operation in enumerate(cost.OPERATIONS))
+    return gnuplot(f"{out_dir}/growth.svg", "set logscale xy; set key left top; set xlabel 'variables'; "
+                   f"set ylabel 'user instructions'; plot {curves}")
+
+
+def plot_line(results, out_dir):
+    clients = list(line.CLIENTS)
+    groups = [(baud, i) for baud in line.BAUDS for i in range(3)]
+    with open(f"{out_dir}/line.dat", "w", encoding="ascii") as data:
+        for baud, i in groups:
+            shares = [next(row["in_use"] for row in results["rows"] if row["client"] == client and row["baud"] == baud
+                           and row["values"] == line.SIZES[client][i]) for client in clients]
+            print(f'"{baud}\\n{("1", "10", "most")[i]}"', *(100 * share for share in shares), file=data)
+    bars = ", ".join(f"'{out_dir}/line.dat' using {i + 2}:xtic(1) title '{client}'"
+                     for i, client in enumerate(clients))
+    return gnuplot(f"{out_dir}/line.svg", "set style data histogram; set style fill solid 0.7; set yrange [0:100]; "
+                   "set key above; set xlabel 'baud, values read at once'; "
+                   f"set ylabel 'share of time that carries frames, %'; plot {bars}")
+
+
+def plot(results, out_dir):
+    plots = []
+    if "growth" in results:
+        plots.append(plot_growth(results["growth"], out_dir))
+    if "line" in results:
+        plots.append(plot_line(results["line"], out_dir))
+    return plots
+
+
+def write(document, results, plots):
+    """Writes each table between its marks, <!-- bench NAME --> and <!-- end -->; copies the plots to the same folder."""
+    with open(document, encoding="utf-8") as file:
+        text = file.read()
+    whole = all(section in results for section in TARGETS)
+    found = 0
+    for section, lines in tables(results).items():
+        block = "```text\n" + "\n".join(lines) + "\n```\n"
+        text, marks = re.subn(rf"(<!-- bench {section} -->\n)(.*?)(<!-- end -->)", lambda match, section=section, block=block:
+                              match[1] + (match[2] if section in WHOLE_ONLY and not whole else block) + match[3],
+                              text, flags=re.S)
+        found += marks
+    if found == 0:
+        sys.exit(f"bench: {document} has no marks such as <!-- bench cost --> and <!-- end --> for the tables")
+    with open(document, "w", encoding="utf-8") as file:
+        file.write(text)
+    for path in plots:
+        shutil.copy(path, os.path.dirname(os.path.abspath(document)))

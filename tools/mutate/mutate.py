@@ -1,0 +1,338 @@
+#!/usr/bin/env python3
+"""Changes the driver one token at a time and counts the changes that no unit test notices.
+
+Works in copies of the tree under build-mutate, so the tree itself is never touched. A mutant that is
+listed in tools/mutate/equivalent behaves as the driver does and is not run.
+"""
+
+import argparse
+import collections
+import filecmp
+import os
+import random
+import resource
+import shutil
+import subprocess
+import sys
+import threading
+import time
+from pathlib import Path
+
+import mutants
+
+ROOT = Path(__file__).resolve().parents[2]
+WORK = ROOT / "build-mutate"
+EQUIVALENT = ROOT / "tools" / "mutate" / "equivalent"
+NEEDED = 95.0
+MEMORY_LIMIT = 4 << 30
+CONFIGURE = [
+    "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS_DEBUG=-O0",
+    "-DMICRO850_PROGRAMS=OFF",
+]
+
+
+class Failure(Exception):
+    """Something that keeps the check from being made, in one line."""
+
+
+# ---- The copies --------------------------------------------------------------------------------
+
+
+def tracked_files():
+    listed = subprocess.run(
+        ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
+        cwd=ROOT, check=True, capture_output=True, text=True,
+    )
+    return [name for name in listed.stdout.split("\0") if name and (ROOT / name).is_file()]
+
+
+def synchronise(tree):
+    """Makes `tree` equal to the present files; equal files keep their time, so little is rebuilt."""
+    wanted = set(tracked_files())
+    for name in wanted:
+        target = tree / name
+        if not target.exists() or not filecmp.cmp(ROOT / name, target, shallow=False):
+            target.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copyfile(ROOT / name, target)
+    for path in list(tree.rglob("*")):
+        if path.is_file() and str(path.relative_to(tree)) not in wanted:
+            path.unlink()
+
+
+class Worker:
+    """One copy of the tree with its build, in which one mutant at a time stands."""
+
+    def __init__(self, number, seed):
+        self.tree = WORK / f"worker-{number}" / "tree"
+        self.build = WORK / f"worker-{number}" / "build"
+        self.run_directory = WORK / f"worker-{number}" / "run"
+        self.originals = {}
+        self.changed = None
+        self.targets = {"micro850"}
+        self.durations = {}
+        self.environment = dict(
+            os.environ,
+            CCACHE_BASEDIR=str(WORK),
+            CCACHE_NOHASHDIR="1",
+            GTEST_FAIL_FAST="1",
+            RC_PARAMS=f"seed={seed} noshrink=1",
+        )
+
+    def prepare(self, jobs):
+        """Builds the driver as it is with all unit tests."""
+        for directory in (self.tree, self.build, self.run_directory):
+            directory.mkdir(parents=True, exist_ok=True)
+        synchronise(self.tree)
+        for source in filter(Path.is_file, (self.tree / "src").rglob("*")):
+            self.originals[str(source.relative_to(self.tree))] = source.read_text()
+        self.require(["cmake", "-S", str(self.tree), "-B", str(self.build), *CONFIGURE])
+        self.require(["ninja", "-C", str(self.build), f"-j{jobs}", "tests/unit/all"])
+
+    def require(self, command):
+        done = subprocess.run(command, env=self.environment, capture_output=True, text=True)
+        if done.returncode != 0:
+            raise Failure(f"{' '.join(command)} failed:\n{(done.stdout + done.stderr)[-3000:]}")
+
+    def programs(self):
+        found = sorted((self.build / "bin").glob("*_test"))
+        known = {source.stem for source in (self.tree / "tests" / "unit" / "src").glob("*_test.cpp")}
+        return [program for program in found if program.name in known]
+
+    def measure(self):
+        """Runs every test once on the unchanged driver."""
+        for program in self.programs():
+            begin = time.monotonic()
+            if not self.passes(program, 300):
+                raise Failure(f"{program.name} fails without any mutation: mend it first")
+            self.durations[program] = time.monotonic() - begin
+        if not self.durations:
+            raise Failure("no unit test was built")
+
+    def passes(self, program, seconds):
+        limits = ["prlimit", f"--as={MEMORY_LIMIT}", "--core=0"]
+        try:
+            done = subprocess.run(
+                [*limits, str(program)], cwd=self.run_directory, env=self.environment,
+                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                timeout=seconds,
+            )
+        except subprocess.TimeoutExpired:
+            return False
+        return done.returncode == 0
+
+    def judge(self, mutant):
+        """The name of the first test program that notices, "" when none does, None if not built."""
+        if not self.compile(mutant):
+            return None
+        for program in self.in_order_of_promise(mutant):
+            if not self.passes(program, 5 + 10 * self.durations[program]):
+                return program.name
+        return ""
+
+    def compile(self, mutant):
+        """A header is compiled into its unit's tests as well, as into any host."""
+        self.restore()
+        self.changed = mutant.path
+        own_test = Path(mutant.path).stem + "_test"
+        if mutant.path.endswith(".h") and own_test in {p.name for p in self.durations}:
+            self.targets.add(own_test)  # and for all later mutants, to have it put right again
+        (self.tree / mutant.path).write_text(mutant.applied(self.originals[mutant.path]))
+        done = subprocess.run(
+            ["ninja", "-C", str(self.build), "-j1", *self.targets],
+            env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+        )
+        return done.returncode == 0
+
+    def restore(self):
+        if self.changed:
+            (self.tree / self.changed).write_text(self.originals[self.changed])
+            self.changed = None
+
+    def in_order_of_promise(self, mutant):
+        """The mutated unit's own tests first, then the quickest."""
+        unit = Path(mutant.path).stem
+        return sorted(
+            self.durations, key=lambda p: (not p.name.startswith(unit), self.durations[p])
+        )
+
+
+# ---- Equivalent mutants ------------------------------------------------------------------------
+
+
+def equivalents():
+    """(place, mutation) to the reason; blocks of three lines, divided by empty ones."""
+    known = {}
+    lines = EQUIVALENT.read_text().splitlines() if EQUIVALENT.exists() else []
+    text = "\n".join(line for line in lines if not line.startswith("#"))
+    for block in filter(None, (part.strip("\n") for part in text.split("\n\n"))):
+        parts = [line.strip() for line in block.split("\n")]
+        if len(parts) != 3:
+            raise Failure(f"{EQUIVALENT.name}: not file, mutation and reason: {parts[0]}")
+        known[(parts[0], parts[1])] = parts[2]
+    return known
+
+
+def is_explained(mutant, known):
+    """A place is a file, or a file and a function where others of the file share the mutation."""
+    places = (mutant.path, f"{mutant.path} {mutant.function}")
+    return any((place, mutant.description) in known for place in places)
+
+
+# ---- The check ---------------------------------------------------------------------------------
+
+
+class Check:
+    """Hands the mutants to the workers and keeps what became of each."""
+
+    def __init__(self, chosen, spare, wanted):
+        self.waiting = collections.deque(chosen)
+        self.spare = collections.deque(spare)
+        self.wanted = wanted
+        self.killed = []
+        self.survived = []
+        self.not_built = 0
+        self.lock = threading.Lock()
+        self.failure = None
+
+    def next(self):
+        with self.lock:
+            return self.waiting.popleft() if self.waiting and not self.failure else None
+
+    def note(self, mutant, noticed_by):
+        with self.lock:
+            if noticed_by is None:
+                self.not_built += 1
+                if self.spare:
+                    self.waiting.append(self.spare.popleft())
+            else:
+                (self.killed if noticed_by else self.survived).append(mutant)
+                self.tell_progress(mutant, noticed_by)
+
+    def tell_progress(self, mutant, noticed_by):
+        done = len(self.killed) + len(self.survived)
+        fate = f"killed by {noticed_by}" if noticed_by else "SURVIVED"
+        print(f"[{done}/{self.wanted}] {place(mutant)}: {fate}", file=sys.stderr, flush=True)
+
+    def work(self, worker):
+        try:
+            while mutant := self.next():
+                self.note(mutant, worker.judge(mutant))
+        except Exception as error:  # told by the main thread
+            self.failure = error
+
+    def run(self, workers):
+        threads = [threading.Thread(target=self.work, args=(worker,)) for worker in workers]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        if self.failure:
+            raise Failure(str(self.failure))
+
+
+def place(mutant):
+    return f"{mutant.path}:{mutant.line}: {mutant.kind}"
+
+
+def all_mutants(only):
+    """Those of the named places, each FILE or FILE:LINE; of all of src/ without any."""
+    sources = sorted((ROOT / "src").rglob("*.cpp")) + sorted((ROOT / "src").rglob("*.h"))
+    found = []
+    for source in sources:
+        path = str(source.relative_to(ROOT))
+        found += mutants.mutants_of(path, source.read_text())
+    for wanted in only:
+        if not any(is_at(mutant, wanted) for mutant in found):
+            raise Failure(f"--only {wanted}: nothing to change there; say FILE or FILE:LINE of src/")
+    return [m for m in found if not only or any(is_at(m, wanted) for wanted in only)]
+
+
+def is_at(mutant, wanted):
+    name = Path(mutant.path).name
+    return wanted in (name, f"{name}:{mutant.line}")
+
+
+def drawn(arguments):
+    """The sample, ordered by file so that few files are compiled twice, and what may replace it."""
+    pool = all_mutants(arguments.only)
+    random.Random(arguments.seed).shuffle(pool)
+    sample, spare = pool[: arguments.count], pool[arguments.count :]
+    return sorted(sample, key=lambda m: (m.path, m.start)), spare
+
+
+def workers_for(arguments):
+    workers = [Worker(i, arguments.seed) for i in range(arguments.jobs)]
+    for worker in workers:
+        worker.prepare(arguments.jobs)
+    workers[0].measure()
+    for worker in workers[1:]:
+        by_name = {program.name: time_taken for program, time_taken in workers[0].durations.items()}
+        worker.durations = {program: by_name[program.name] for program in worker.programs()}
+    return workers
+
+
+def spent_since(begin):
+    """The time since `begin` and the processors' time of everything that was built and run."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    minutes = (time.monotonic() - begin) / 60
+    return f"{minutes:.0f} minutes, {(used.ru_utime + used.ru_stime) / 60:.0f} of one processor"
+
+
+def report(check, known, seed):
+    noticeable = len(check.killed) + len(check.survived)
+    share = 100.0 * len(check.killed) / noticeable if noticeable else 0.0
+    for mutant in sorted(check.survived, key=lambda m: (m.path, m.line)):
+        print(f"survived: {place(mutant)}\n    {mutant.description}")
+    print(
+        f"mutate: seed {seed}: {noticeable + known} mutants, {len(check.killed)} killed, "
+        f"{len(check.survived)} survived, {known} equivalent; {check.not_built} more did not "
+        f"compile; {share:.1f} % of those that are not equivalent are killed"
+    )
+    return 0 if share >= NEEDED else 1
+
+
+def check_all(arguments):
+    same = equivalents()
+    sample, spare = drawn(arguments)
+    explained = [m for m in sample if is_explained(m, same)]
+    sample = [m for m in sample if not is_explained(m, same)]
+    spare = [m for m in spare if not is_explained(m, same)]
+    print(f"mutate: building the driver and its tests {arguments.jobs} times", file=sys.stderr)
+    check = Check(sample, spare, len(sample))
+    begin = time.monotonic()
+    workers = workers_for(arguments)
+    print(f"mutate: built and measured in {spent_since(begin)}", file=sys.stderr)
+    check.run(workers)
+    print(f"mutate: took {spent_since(begin)}")
+    return report(check, len(explained), arguments.seed)
+
+
+def positive(text):
+    value = int(text)
+    if value < 1:
+        raise argparse.ArgumentTypeError(f"{text} is not a positive number")
+    return value
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="mutate", description=__doc__.splitlines()[0])
+    parser.add_argument("--seed", type=int, default=1, help="which sample (default 1)")
+    parser.add_argument("--count", type=positive, default=300, help="mutants (default 300)")
+    parser.add_argument("--jobs", type=positive, default=2, help="at a time (default 2)")
+    parser.add_argument("--only", nargs="+", default=[], metavar="FILE[:LINE]",
+                        help="sources of src/, or single lines of them")
+    parser.add_argument("--list", action="store_true", help="print the sample and stop")
+    arguments = parser.parse_args()
+    try:
+        if arguments.list:
+            for mutant in drawn(arguments)[0]:
+                print(f"{place(mutant)}\n    {mutant.description}")
+            return 0
+        return check_all(arguments)
+    except (Failure, OSError, subprocess.CalledProcessError) as error:
+        print(f"mutate: {error}", file=sys.stderr)
+        return 2
+
+
+if __name__ == "__main__":
+    sys.exit(main())
