@@ -3,14 +3,14 @@
 
 #include "driver_fixture.h"
 
-/// A driver with station 1 connected, requests that can be put into flight and replies for them.
+/// A driver with station 1 connected, and helpers that send requests and deliver replies.
 class DispatcherTest : public DriverTest
 {
 protected:
     DispatcherTest() { connectStation(1, kId, 0x21); }
 
-    /// Puts a request into flight as the scheduler does, from the list that `list` names.
-    Protocol* fly(const RW_VAR& request, int list)
+    /// Appends a request to the list that `list` names and lets the scheduler send it.
+    Protocol* send(const RW_VAR& request, int list)
     {
         if (list == kWrite)
             PLC_driver.writeList.append(request);
@@ -22,28 +22,30 @@ protected:
             confirm(request.tagName.toLatin1().constData(), 3, 0xC3, request.stationNo);
         return ComCommunication();
     }
-    /// The same, with a reply of a length that none of the tests' replies has.
-    Protocol* flyUnanswerable(const RW_VAR& request, int list)
+    /// The same, but expects a reply length that no reply of the tests has.
+    Protocol* sendUnanswerable(const RW_VAR& request, int list)
     {
-        Protocol* head = fly(request, list);
+        Protocol* head = send(request, list);
         head->replyLength = 50;
         return head;
     }
-    RW_VAR numbered(RW_VAR request, int varType, int varIndex, int station = 1)
+    /// The request for another variable of the host, and another station.
+    RW_VAR ofVariable(RW_VAR request, int varType, int varIndex, int station = 1)
     {
         request.varType = varType;
         request.varIndex = varIndex;
         request.stationNo = station;
         return request;
     }
-    static int give(QByteArray reply)
+    /// Delivers a reply in one call of DataCom, and returns the code.
+    static int deliver(QByteArray reply)
     {
         const int code = DataCom(&reply, reply.size())->retValue;
         EXPECT_TRUE(locksAreFree());
         return code;
     }
-    /// Fails the frame in flight for good: once more than the retry limit tolerates.
-    int failForGood()
+    /// Fails the frame in flight once more than the retry limit allows; returns the last code.
+    int failBeyondTheLimit()
     {
         PLC_driver.sendQueue.first().replyLength = 50;
         int code = 0;
@@ -51,7 +53,7 @@ protected:
             code = timeOut();
         return code;
     }
-    static QString order(const QList<RW_VAR>& list)
+    static QString tagsOf(const QList<RW_VAR>& list)
     {
         QString tags;
         for (const RW_VAR& request : list)

@@ -7,8 +7,8 @@ std::vector<DriverTest::Refreshed> DriverTest::refreshed;
 
 namespace {
 
-// Runs one good handshake reply through the dispatcher: the only way to reset its count of
-// attempts, which outlives every other state.
+// Resets the dispatcher's count of attempts, which is not part of the driver's global records. Only
+// a good handshake reply does that.
 void resetAttempts(ComInfo& settings)
 {
     const int station = -777;
@@ -95,9 +95,9 @@ void DriverTest::restart()
 
 DriverTest::~DriverTest()
 {
-    EXPECT_TRUE(locksAreFree()) << "a lock of the driver was left held";
+    EXPECT_TRUE(locksAreFree()) << "a lock of the driver is still held";
     qInstallMessageHandler(m_handlerBefore);
-    EXPECT_EQ(messages.join("; ").toStdString(), "") << "Qt complained of the driver";
+    EXPECT_EQ(messages.join("; ").toStdString(), "") << "Qt printed a warning about the driver";
     ComInfo spare = ComInfo();
     resetAttempts(spare);
     resetDriver();

@@ -17,15 +17,14 @@
 #include <string>
 #include <vector>
 
-/// Shows bytes as hexadecimal text in a failed comparison.
+/// Compares bytes; a failure shows both as hexadecimal text.
 #define EXPECT_BYTES(actual, expected) EXPECT_EQ(wire::text(actual), wire::text(expected))
 
 /// All fifteen fields of a request as text, for comparisons.
 std::string fieldsOf(const RW_VAR& request);
 
-/// A driver as it is after loading, with a settings record of zeros but for the words set here and
-/// callbacks that write down what they are told. Every global is put back for each test, so tests
-/// pass in any order and alone.
+/// A driver as it is after loading, with a settings record and with callbacks that record their
+/// arguments. Every global is reset for each test, so tests pass in any order and alone.
 class DriverTest : public ::testing::Test
 {
 protected:
@@ -40,46 +39,46 @@ protected:
     };
     struct Refreshed
     {
-        bool listGiven;
+        bool hasList;
         int listSize, varType, flag;
     };
 
     DriverTest();
     ~DriverTest() override;
-    /// The driver as it is after loading, with the settings below and nothing reported.
+    /// Resets the driver to its state after loading, with the settings below and nothing reported.
     void restart();
 
     /// The settings of most tests: station 1, retry limit 2, several stations, local link 7 (so
-    /// that a link of 0 is remote), queued writes, callback channel 9.
+    /// that a link of 0 is remote), queued writes, callback channel 9. All other words are 0.
     ComInfo settings;
     static std::vector<Finished> finished;
     static std::vector<Refreshed> refreshed;
 
-    /// A request with every field set: reads one element of `tag` on the local link of station 1.
+    /// A request that reads `count` elements of `tag` from station 1 on the local link.
     RW_VAR readOf(const char* tag, int element = 0, int count = 1);
     RW_VAR writeOf(const char* tag, const QByteArray& value, int element = 0, int count = 1);
 
-    /// A variable of the host's cyclic list; the fields that the driver does not read are set too.
+    /// A variable of the host's cyclic list. Fields that the driver does not read are set too.
     static HOSTVAR hostVar(const char* tag, const char* address, int count, unsigned char area = 5);
 
-    /// A request whose fields all differ, in station 1 and on the local link.
+    /// A request whose fields all have different values, for station 1 on the local link.
     RW_VAR distinctRequest(const char* tag);
 
-    /// Puts a name into the catalogue, as a host that declares an array does.
+    /// Adds a name to the catalogue, as a host does for an array.
     void declareIndexed(const char* tag);
-    /// Puts a station into the connected state without any frame.
+    /// Marks a station as connected without exchanging frames.
     void connectStation(int station = 1, const QByteArray& connectionId = wire::hex("5A 3C"),
                         quint16 counter = 0x21);
-    /// Makes a tag's class known without any frame.
+    /// Makes the class of a tag known without exchanging frames.
     void confirm(const char* tag, quint8 typeClass, quint16 type, int station = 1);
 
-    /// Hands a complete reply of varying length to DataCom twice, as a host does, and gives the
-    /// code.
+    /// Delivers a complete reply of varying length to DataCom twice, as a host does. Returns the
+    /// last code.
     int answer(const QByteArray& reply);
-    /// Answers nothing, as a host does after a time-out.
+    /// Delivers an empty reply, as a host does after a time-out. Returns the code.
     int timeOut();
 
-    /// True when the lock is free; leaves it free.
+    /// True when no thread holds the lock.
     static bool isFree(QMutex& mutex);
     static bool locksAreFree();
 

@@ -15,13 +15,13 @@
 
 namespace {
 
-thread_local LockWitness* present = nullptr;
+thread_local LockWitness* current = nullptr;
 
 typedef void (*MutexOperation)(QMutex*);
 typedef QMapDataBase* (*CreateData)();
 typedef QMapNodeBase* (*CreateNode)(QMapDataBase*, int, int, QMapNodeBase*, bool);
 
-// The function that this program's definition hides.
+// Qt's function of that name, which this program's definition hides.
 template<typename Function> Function hidden(const char* symbol)
 {
     void* address = dlsym(RTLD_NEXT, symbol);
@@ -43,8 +43,8 @@ void unlockInQt(QMutex* mutex)
 }
 
 #ifdef __SANITIZE_THREAD__
-// Qt's mutex is a futex inside a library that is not instrumented: unless ThreadSanitizer is told
-// of it here, all that it orders is reported as races.
+// Qt's mutex is a futex inside a library that is not instrumented. Without these annotations,
+// ThreadSanitizer would report every access that the mutex orders as a race.
 void reallyLock(QMutex* mutex)
 {
     __tsan_mutex_pre_lock(mutex, 0);
@@ -74,17 +74,17 @@ void reallyUnlock(QMutex* mutex)
 
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
-    if (present)
-        present->act();
+    if (current)
+        current->runAction();
     reallyLock(this);
-    if (present)
-        present->noteLock(this);
+    if (current)
+        current->noteLock(this);
 }
 
 void QMutex::unlock() noexcept
 {
-    if (present)
-        present->noteUnlock(this);
+    if (current)
+        current->noteUnlock(this);
     reallyUnlock(this);
 }
 
@@ -104,8 +104,8 @@ bool QMutex::tryLock(int timeout) QT_MUTEX_LOCK_NOEXCEPT
 QMapDataBase* QMapDataBase::createData()
 {
     static const CreateData real = hidden<CreateData>("_ZN12QMapDataBase10createDataEv");
-    if (present)
-        present->noteMapChange();
+    if (current)
+        current->noteMapChange();
     return real();
 }
 
@@ -113,29 +113,29 @@ QMapNodeBase* QMapDataBase::createNode(int bytes, int alignment, QMapNodeBase* p
 {
     static const CreateNode real =
         hidden<CreateNode>("_ZN12QMapDataBase10createNodeEiiP12QMapNodeBaseb");
-    if (present)
-        present->noteMapChange();
+    if (current)
+        current->noteMapChange();
     return real(this, bytes, alignment, parent, left);
 }
 
-// What a map of names does to find one.
+// A map of names calls this to find a key.
 bool operator<(const QString& a, const QString& b) noexcept
 {
     typedef bool (*Less)(const QString&, const QString&);
     static const Less real = hidden<Less>("_ZltRK7QStringS1_");
-    if (present)
-        present->noteNameLookup();
+    if (current)
+        current->noteNameLookup();
     return real(a, b);
 }
 
-// A QList begins with its QListData, so `this` is the list's address.
+// A QList starts with its QListData, so `this` is the address of the list.
 
 void** QListData::append()
 {
     typedef void** (*Append)(QListData*);
     static const Append real = hidden<Append>("_ZN9QListData6appendEv");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     return real(this);
 }
 
@@ -143,8 +143,8 @@ void** QListData::erase(void** place)
 {
     typedef void** (*Erase)(QListData*, void**);
     static const Erase real = hidden<Erase>("_ZN9QListData5eraseEPPv");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     return real(this, place);
 }
 
@@ -152,8 +152,8 @@ void QListData::remove(int i)
 {
     typedef void (*Remove)(QListData*, int);
     static const Remove real = hidden<Remove>("_ZN9QListData6removeEi");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     real(this, i);
 }
 
@@ -161,8 +161,8 @@ void QListData::move(int from, int to)
 {
     typedef void (*Move)(QListData*, int, int);
     static const Move real = hidden<Move>("_ZN9QListData4moveEii");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     real(this, from, to);
 }
 
@@ -170,8 +170,8 @@ QListData::Data* QListData::detach(int size)
 {
     typedef Data* (*Detach)(QListData*, int);
     static const Detach real = hidden<Detach>("_ZN9QListData6detachEi");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     return real(this, size);
 }
 
@@ -179,19 +179,19 @@ QListData::Data* QListData::detach_grow(int* i, int n)
 {
     typedef Data* (*Grow)(QListData*, int*, int);
     static const Grow real = hidden<Grow>("_ZN9QListData11detach_growEPii");
-    if (present)
-        present->noteListChange(this);
+    if (current)
+        current->noteListChange(this);
     return real(this, i, n);
 }
 
-LockWitness::LockWitness() : m_before(present)
+LockWitness::LockWitness() : m_before(current)
 {
-    present = this;
+    current = this;
 }
 
 LockWitness::~LockWitness()
 {
-    present = m_before;
+    current = m_before;
 }
 
 int LockWitness::timesLocked(const QMutex& mutex) const
@@ -219,15 +219,15 @@ int LockWitness::unguardedValueChanges() const
     return changes;
 }
 
-void LockWitness::act()
+void LockWitness::runAction()
 {
     if (!m_action || m_locksBefore-- > 0)
         return;
     const std::function<void()> action = m_action;
     m_action = nullptr;
-    present = nullptr;
+    current = nullptr;
     action();
-    present = this;
+    current = this;
 }
 
 void LockWitness::noteLock(const QMutex* mutex)

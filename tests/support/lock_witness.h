@@ -6,10 +6,10 @@
 #include <functional>
 #include <vector>
 
-/// Writes down the mutexes that the calling thread locks, in order, while the witness lives, and
-/// the changes that it makes to maps and lists. A program that uses it puts itself between the
-/// driver and Qt's functions, so a lock that went missing, comes late or is not given back is
-/// noticed without a race having to happen.
+/// Records the mutexes that the calling thread locks while the witness lives, in order, and the
+/// changes that the thread makes to maps and lists. A program that links this unit replaces Qt's
+/// functions for the driver, so a lock that is missing, taken late or not released is noticed
+/// without waiting for a race.
 class LockWitness
 {
 public:
@@ -20,25 +20,25 @@ public:
 
     /// Every mutex locked so far, in order.
     const std::vector<const QMutex*>& locked() const { return m_locked; }
-    /// How often this mutex was locked.
+    /// How often `mutex` was locked.
     int timesLocked(const QMutex& mutex) const;
     /// True when `inner` was locked at least once while `outer` was held.
     bool nested(const QMutex& outer, const QMutex& inner) const;
-    /// True when exactly one mutex was locked, once, and is given back.
+    /// True when exactly one mutex was locked, once, and is released.
     bool oneStep() const { return m_locked.size() == 1 && m_held.empty(); }
-    /// True when all that was locked is given back.
+    /// True when every locked mutex is released.
     bool balanced() const { return m_held.empty(); }
 
-    /// How often a map was given a node, or a copy of its own, with any mutex held and with none. A
-    /// test that holds a copy of a map makes every access that could change it count.
+    /// How often a map got a node or detached from a copy, with and without a mutex held. While a
+    /// test holds a copy of a map, every non-const access detaches it and so counts.
     int guardedMapChanges() const { return m_guardedMapChanges; }
     int unguardedMapChanges() const { return m_unguardedMapChanges; }
 
-    /// How often a name was compared with one that a map holds, with any mutex held and with none.
+    /// How often a name was compared with a key of a map, with and without a mutex held.
     int guardedNameLookups() const { return m_guardedNameLookups; }
     int unguardedNameLookups() const { return m_unguardedNameLookups; }
 
-    /// A list that was given a record, lost one, or had two change places, with the mutexes held.
+    /// A change of a list's records or of their order, with the mutexes held at that time.
     struct ListChange
     {
         const void* list;
@@ -46,21 +46,22 @@ public:
     };
     const std::vector<ListChange>& listChanges() const { return m_listChanges; }
 
-    /// Looks at a value whenever `guard` is locked and unlocked: it may change in between only.
+    /// Checks a value whenever `guard` is locked or unlocked: it may change only while locked.
     void watch(const std::function<int()>& value, const QMutex& guard);
-    /// How often a watched value was found changed while its guard was not held.
+    /// How often a watched value changed while its guard was not held.
     int unguardedValueChanges() const;
 
-    /// Does `action`, which the witness does not look at, as another thread would that was in time
-    /// before the next lock is taken, or before a later one.
+    /// Runs `action` just before the next lock is taken, or `locksBetween` locks later, as if
+    /// another thread had run at that time. The witness does not record what the action does.
     void beforeNextLock(const std::function<void()>& action, int locksBetween = 0)
     {
         m_action = action;
         m_locksBefore = locksBetween;
     }
 
+    // Called by the replaced functions of Qt.
     void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
-    void act();
+    void runAction();
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
     void noteMapChange();

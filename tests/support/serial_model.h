@@ -3,14 +3,15 @@
 
 #include <QtCore/QtGlobal>
 
-/// The serial numbers that connection requests carry, worked out without the driver.
+/// The serial numbers of connection requests, computed without the driver.
 namespace serial_model {
 
-/// The number of a second of the day: the first of Qt's generator with that seed, modulo 16777215.
+/// The serial number in a second of the day: the first number of Qt's generator with the second as
+/// seed, modulo 16777215.
 quint32 at(int secondOfDay);
-/// The first second of the day whose number has exactly so many bytes 0x10 among its three.
+/// The first second of the day in whose serial number exactly `dles` of the three bytes are 0x10.
 int secondWithDles(int dles);
-/// The present local second of the day by the C library.
+/// The local second of the day, by the C library.
 int localSecondOfDay();
 
 } // namespace serial_model

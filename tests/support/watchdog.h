@@ -8,7 +8,8 @@
 #include <mutex>
 #include <thread>
 
-/// Ends the program when it lives longer than the limit: a deadlock becomes a failed test.
+/// Aborts the program when the watchdog lives longer than the limit, so that a deadlock fails the
+/// test.
 class Watchdog
 {
 public:
@@ -35,7 +36,7 @@ private:
         std::unique_lock<std::mutex> lock(m_mutex);
         if (m_wake.wait_for(lock, limit, [this] { return m_done; }))
             return;
-        std::fprintf(stderr, "watchdog: not finished within the limit: a deadlock?\n");
+        std::fprintf(stderr, "watchdog: not finished within the limit (a deadlock?)\n");
         std::abort();
     }
 

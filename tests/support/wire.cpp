@@ -8,7 +8,7 @@ namespace wire {
 
 namespace {
 
-// Reflected CRC by polynomial division of each possible byte.
+// The remainder of each possible byte, by polynomial division with reflected bits.
 std::array<std::uint16_t, 256> table()
 {
     std::array<std::uint16_t, 256> rows{};
@@ -30,7 +30,7 @@ std::uint16_t reflectedCrc(const QByteArray& bytes, std::uint16_t start)
     return static_cast<std::uint16_t>(crc);
 }
 
-// The harnesses build and take apart millions of frames: their ends are parsed once.
+// Parsed once, because fuzz harnesses build and parse millions of frames.
 const QByteArray& frameStart()
 {
     static const QByteArray bytes = hex("10 06 10 02");

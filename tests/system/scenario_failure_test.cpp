@@ -38,7 +38,7 @@ TEST_F(FailureScenario, AWithheldReplyCostsThreeTransmissionsAndANewConnection)
     EXPECT_EQ(takeRequests(), Requests(3, "4 write A x1 = 05 00"));
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 17, 2}}));
     ASSERT_EQ(refreshed.size(), 2u) << "one when the write was encoded, one for the failure";
-    EXPECT_TRUE(refreshed[1].listGiven);
+    EXPECT_TRUE(refreshed[1].hasList);
     EXPECT_EQ(refreshed[1].listSize, 0);
     EXPECT_EQ(exchanges.back().retValue, 44);
     EXPECT_EQ(shown("A"), "none") << "no value while the station is not connected";

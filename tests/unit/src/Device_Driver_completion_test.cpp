@@ -1,4 +1,4 @@
-// What the receive dispatcher does when a request is answered or has failed, and in what order.
+// What the receive dispatcher does after a request is answered or has failed, and in which order.
 
 #include "dispatcher_fixture.h"
 
@@ -12,14 +12,14 @@ class Completion : public DispatcherTest
 
 // ---- Success -----------------------------------------------------------------------------------
 
-TEST_F(Completion, OfARequestThatFailedBeforeIsTheOneOfAGoodOne)
+TEST_F(Completion, AfterAResendReportsSuccessAndClearsTheErrorFlag)
 {
-    flyUnanswerable(numbered(writeOf("T", "x"), 5, 6), kWrite);
+    sendUnanswerable(ofVariable(writeOf("T", "x"), 5, 6), kWrite);
     EXPECT_EQ(timeOut(), 0);
     EXPECT_TRUE(PLC_driver.errorFlag);
     refreshed.clear();
     PLC_driver.sendQueue.first().replyLength = kGood.size();
-    EXPECT_EQ(give(kGood), 1);
+    EXPECT_EQ(deliver(kGood), 1);
     EXPECT_FALSE(PLC_driver.errorFlag);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 5, 6, 1}));
@@ -27,30 +27,30 @@ TEST_F(Completion, OfARequestThatFailedBeforeIsTheOneOfAGoodOne)
     EXPECT_TRUE(refreshed.empty());
 }
 
-TEST_F(Completion, CountsTowardsTheCycleForAWriteToo)
+TEST_F(Completion, CountsWritesAndOneShotReadsTowardsTheCycle)
 {
     PLC_driver.readList.append(readOf("A"));
     PLC_driver.readList.append(readOf("B"));
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     answer(wire::writeReply(0x21));
     EXPECT_EQ(PLC_driver.readCycleCount, 1);
-    fly(readOf("T"), kOneShotRead);
+    send(readOf("T"), kOneShotRead);
     answer(kGood);
     EXPECT_EQ(PLC_driver.readCycleCount, 2);
 }
 
-TEST_F(Completion, OfAWriteEndsACycleOfNoReads)
+TEST_F(Completion, EndsTheCycleAfterAWriteWhenThereAreNoCyclicReads)
 {
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     answer(wire::writeReply(0x21));
     EXPECT_EQ(settings.passComplete, 1);
     EXPECT_EQ(PLC_driver.readCycleCount, 0);
 }
 
-TEST_F(Completion, CountsTowardsTheCycleBehindTheLastFrameOnly)
+TEST_F(Completion, CountsTowardsTheCycleOnlyAfterTheLastFrame)
 {
     PLC_driver.readList.append(readOf("A"));
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
     answer(wire::writeReply(0x21));
@@ -59,11 +59,11 @@ TEST_F(Completion, CountsTowardsTheCycleBehindTheLastFrameOnly)
     EXPECT_EQ(PLC_driver.readCycleCount, 1);
 }
 
-TEST_F(Completion, ComesWithAnyFrameBehindTheAnnouncedOnes)
+TEST_F(Completion, HappensWhenMoreFramesAreAnsweredThanAnnounced)
 {
     for (int announced : {0, 1, -1}) {
         finished.clear();
-        fly(writeOf("T", "x"), kWrite);
+        send(writeOf("T", "x"), kWrite);
         settings.frameCount = announced;
         settings.framesAnswered = 1;
         EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
@@ -72,47 +72,47 @@ TEST_F(Completion, ComesWithAnyFrameBehindTheAnnouncedOnes)
     }
 }
 
-TEST_F(Completion, OfARemoteRequestTakesATransactionNumberToo)
+TEST_F(Completion, AdvancesTheTransactionCounterForARemoteRequestToo)
 {
     RW_VAR request = readOf("T");
     request.linkId = 0;
-    fly(request, kCyclicRead);
+    send(request, kCyclicRead);
     EXPECT_EQ(answer(kGood), 100);
     EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x22);
     EXPECT_EQ(settings.framesAnswered, 1);
 }
 
-TEST_F(Completion, OfARemoteRequestsFirstFrameHasItsCodeToo)
+TEST_F(Completion, ReturnsTheRemoteCodeForTheFirstOfTwoFrames)
 {
     RW_VAR request = readOf("T");
     request.linkId = 0;
-    fly(request, kCyclicRead);
+    send(request, kCyclicRead);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
     EXPECT_EQ(answer(kGood), 100);
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
-TEST_F(Completion, TellsTheChannelOfTheSettings)
+TEST_F(Completion, ReportsTheCallbackChannelOfTheSettings)
 {
     settings.callbackChannel = 31;
-    fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
+    send(ofVariable(writeOf("T", "x"), 5, 6), kWrite);
     answer(wire::writeReply(0x21));
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{31, 5, 6, 1}));
 }
 
-TEST_F(Completion, TakesTheLocalLinkFromTheSettings)
+TEST_F(Completion, ReadsTheLocalLinkFromTheSettings)
 {
     settings.localLink = 0;
     RW_VAR request = readOf("T");
     request.linkId = 0;
-    fly(request, kCyclicRead);
+    send(request, kCyclicRead);
     EXPECT_EQ(answer(kGood), 1);
     EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
     PLC_driver.readList.clear();
     request.linkId = 7;
-    fly(request, kCyclicRead);
+    send(request, kCyclicRead);
     EXPECT_EQ(answer(kGood), 100);
 }
 
@@ -120,7 +120,7 @@ int queuedWrites;
 QString resultThen;
 int codeThen;
 
-TEST_F(Completion, TellsTheHostBeforeTheRequestLeavesItsList)
+TEST_F(Completion, CallsTheHostBeforeTheRequestLeavesItsList)
 {
     queuedWrites = -1;
     PLC_driver.finishCallback = [](int, int, int, int) {
@@ -128,7 +128,7 @@ TEST_F(Completion, TellsTheHostBeforeTheRequestLeavesItsList)
         resultThen = PLC_driver.result.tagName;
     };
     PLC_driver.result.tagName = "before";
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     answer(wire::writeReply(0x21));
     EXPECT_EQ(queuedWrites, 1);
     EXPECT_EQ(resultThen, QString("before"));
@@ -138,7 +138,7 @@ TEST_F(Completion, TellsTheHostBeforeTheRequestLeavesItsList)
 int counterThen, passCompleteThen, framesAnsweredThen;
 bool nothingInFlightThen;
 
-TEST_F(Completion, TellsTheHostBehindFrameCounterAndCycle)
+TEST_F(Completion, CallsTheHostAfterUpdatingQueueCounterAndCycle)
 {
     counterThen = passCompleteThen = framesAnsweredThen = -1;
     nothingInFlightThen = false;
@@ -148,21 +148,21 @@ TEST_F(Completion, TellsTheHostBehindFrameCounterAndCycle)
         framesAnsweredThen = PLC_driver.comInfo->framesAnswered;
         nothingInFlightThen = PLC_driver.sendQueue.isEmpty();
     };
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     answer(wire::writeReply(0x21));
     EXPECT_EQ(counterThen, 0x22);
-    EXPECT_EQ(passCompleteThen, 1) << "a cycle of no reads is complete";
+    EXPECT_EQ(passCompleteThen, 1) << "a cycle without reads is complete";
     EXPECT_EQ(framesAnsweredThen, 1);
     EXPECT_TRUE(nothingInFlightThen);
 }
 
-TEST_F(Completion, NeedsAFrameInFlight)
+TEST_F(Completion, ChangesNothingWithoutAFrameInFlight)
 {
     PLC_driver.errorFlag = true;
     PLC_driver.result.data = "x";
     settings.failureCount = 1;
     PLC_driver.writeList.append(writeOf("T", "x"));
-    EXPECT_EQ(give(kGood), 1);
+    EXPECT_EQ(deliver(kGood), 1);
     EXPECT_TRUE(PLC_driver.errorFlag);
     EXPECT_EQ(PLC_driver.result.data, QByteArray("x"));
     EXPECT_EQ(settings.failureCount, 1);
@@ -176,9 +176,9 @@ class Failure : public DispatcherTest
 {
 };
 
-TEST_F(Failure, LeavesTheCountOfAnsweredFramesAlone)
+TEST_F(Failure, DoesNotChangeTheCountOfAnsweredFrames)
 {
-    flyUnanswerable(writeOf("T", "x"), kWrite);
+    sendUnanswerable(writeOf("T", "x"), kWrite);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
     EXPECT_EQ(timeOut(), 0);
@@ -186,7 +186,7 @@ TEST_F(Failure, LeavesTheCountOfAnsweredFramesAlone)
     for (int frame = 1; frame <= 2; ++frame) {
         EXPECT_TRUE(finished.empty());
         PLC_driver.sendQueue.first().replyLength = kGood.size();
-        EXPECT_EQ(give(kGood), 1);
+        EXPECT_EQ(deliver(kGood), 1);
         EXPECT_EQ(settings.framesAnswered, frame);
     }
     EXPECT_EQ(finished.size(), 1u);
@@ -194,16 +194,16 @@ TEST_F(Failure, LeavesTheCountOfAnsweredFramesAlone)
 
 TEST_F(Failure, DropsEveryFrameOfTheRequest)
 {
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
-    failForGood();
+    failBeyondTheLimit();
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
 }
 
 bool queueEmptyThen, connectedThen;
 
-TEST_F(Failure, DropsFramesAndConnectionBeforeItTellsTheHost)
+TEST_F(Failure, DropsFramesAndConnectionBeforeItCallsTheHost)
 {
     queueEmptyThen = false;
     connectedThen = true;
@@ -211,19 +211,19 @@ TEST_F(Failure, DropsFramesAndConnectionBeforeItTellsTheHost)
         queueEmptyThen = PLC_driver.sendQueue.isEmpty();
         connectedThen = getHandshakeInformation(1);
     };
-    fly(writeOf("T", "x"), kWrite);
-    failForGood();
+    send(writeOf("T", "x"), kWrite);
+    failBeyondTheLimit();
     EXPECT_TRUE(queueEmptyThen);
     EXPECT_FALSE(connectedThen);
 }
 
-TEST_F(Failure, OfACyclicReadRotatesItWithoutAWord)
+TEST_F(Failure, RotatesACyclicReadWithoutTheFinishCallback)
 {
-    PLC_driver.readList.append(numbered(readOf("A"), 1, 1));
-    PLC_driver.readList.append(numbered(readOf("B"), 2, 2));
+    PLC_driver.readList.append(ofVariable(readOf("A"), 1, 1));
+    PLC_driver.readList.append(ofVariable(readOf("B"), 2, 2));
     ComCommunication();
-    EXPECT_EQ(failForGood(), 42);
-    EXPECT_EQ(order(PLC_driver.readList), QString("BA"));
+    EXPECT_EQ(failBeyondTheLimit(), 42);
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("BA"));
     EXPECT_EQ(PLC_driver.result.tagName, QString("A"));
     EXPECT_TRUE(finished.empty());
     ASSERT_EQ(refreshed.size(), 1u);
@@ -231,45 +231,45 @@ TEST_F(Failure, OfACyclicReadRotatesItWithoutAWord)
     EXPECT_EQ(refreshed[0].flag, 1);
 }
 
-TEST_F(Failure, OfACyclicReadDropsWhatIsQueuedLikeAnyOther)
+TEST_F(Failure, DropsQueuedRequestsAfterACyclicReadToo)
 {
     for (int multiStation : {0, 1}) {
         settings.multiStation = multiStation;
         PLC_driver.readList.clear();
         connectStation(1, kId, 0x21);
-        fly(numbered(readOf("R"), 5, 6), kCyclicRead);
-        PLC_driver.writeList.append(numbered(writeOf("a", "x"), 1, 1, 1));
-        PLC_driver.writeList.append(numbered(writeOf("b", "x"), 1, 1, 2));
-        PLC_driver.onceReadList.append(numbered(readOf("c"), 5, 6));
-        failForGood();
-        EXPECT_EQ(order(PLC_driver.writeList), QString(multiStation ? "b" : ""));
+        send(ofVariable(readOf("R"), 5, 6), kCyclicRead);
+        PLC_driver.writeList.append(ofVariable(writeOf("a", "x"), 1, 1, 1));
+        PLC_driver.writeList.append(ofVariable(writeOf("b", "x"), 1, 1, 2));
+        PLC_driver.onceReadList.append(ofVariable(readOf("c"), 5, 6));
+        failBeyondTheLimit();
+        EXPECT_EQ(tagsOf(PLC_driver.writeList), QString(multiStation ? "b" : ""));
         EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
         EXPECT_TRUE(finished.empty());
         PLC_driver.writeList.clear();
     }
 }
 
-TEST_F(Failure, OfNoListsRequestIsFollowedUpForTheLastResult)
+TEST_F(Failure, UsesTheLastResultWhenTheRequestBelongsToNoList)
 {
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     PLC_driver.currentList = kNoListYet;
     PLC_driver.result.varType = 8;
     PLC_driver.result.varIndex = 4;
     PLC_driver.result.stationNo = 1;
-    PLC_driver.onceReadList.append(numbered(readOf("a"), 8, 4));
-    PLC_driver.onceReadList.append(numbered(readOf("b"), 8, 5));
-    failForGood();
+    PLC_driver.onceReadList.append(ofVariable(readOf("a"), 8, 4));
+    PLC_driver.onceReadList.append(ofVariable(readOf("b"), 8, 5));
+    failBeyondTheLimit();
     ASSERT_EQ(refreshed.size(), 1u);
     EXPECT_EQ(refreshed[0].varType, 8);
     EXPECT_EQ(PLC_driver.result.varIndex, 4);
-    EXPECT_EQ(order(PLC_driver.onceReadList), QString("b"));
-    EXPECT_EQ(order(PLC_driver.readList), QString("T"));
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("b"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("T"));
 }
 
 int oneShotsThen, writesThen;
 bool listHeldThen;
 
-TEST_F(Failure, TellsTheHostToRefreshUnderTheListLockBeforeAnythingIsDropped)
+TEST_F(Failure, CallsTheRefreshCallbackUnderTheListLockBeforeItDropsAnything)
 {
     settings.multiStation = 0;
     oneShotsThen = writesThen = codeThen = -1;
@@ -280,21 +280,21 @@ TEST_F(Failure, TellsTheHostToRefreshUnderTheListLockBeforeAnythingIsDropped)
         codeThen = PLC_driver.result.retValue;
         listHeldThen = !PLC_driver.listMutex.tryLock();
     };
-    RW_VAR request = numbered(readOf("T"), 5, 6);
+    RW_VAR request = ofVariable(readOf("T"), 5, 6);
     request.retValue = 88;
-    fly(request, kOneShotRead);
-    PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6));
+    send(request, kOneShotRead);
+    PLC_driver.onceReadList.append(ofVariable(readOf("a"), 5, 6));
     PLC_driver.writeList.append(writeOf("b", "x"));
-    EXPECT_EQ(failForGood(), 46);
+    EXPECT_EQ(failBeyondTheLimit(), 46);
     EXPECT_EQ(oneShotsThen, 1);
     EXPECT_EQ(writesThen, 1);
-    EXPECT_EQ(codeThen, 88) << "the request's own, until all is done";
+    EXPECT_EQ(codeThen, 88) << "still the request's own code";
     EXPECT_TRUE(listHeldThen);
     EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
 }
 
-TEST_F(Failure, HandsTheHostAFreshListEachTime)
+TEST_F(Failure, PassesAnEmptyListToEachRefreshCallback)
 {
     settings.retryLimit = 0;
     static std::vector<int> sizes;
@@ -305,16 +305,16 @@ TEST_F(Failure, HandsTheHostAFreshListEachTime)
     };
     for (int i = 0; i < 2; ++i) {
         connectStation(1, kId, 0x21);
-        flyUnanswerable(readOf("T"), kCyclicRead);
+        sendUnanswerable(readOf("T"), kCyclicRead);
         timeOut();
     }
-    EXPECT_EQ(sizes, (std::vector<int>{0, 0})) << "what a host adds is thrown away";
+    EXPECT_EQ(sizes, (std::vector<int>{0, 0})) << "records that a host adds are discarded";
     EXPECT_EQ(PLC_driver.readList.size(), 2);
 }
 
-TEST_F(Failure, SendsTheSameFrameAgainWithinTheLimit)
+TEST_F(Failure, ResendsTheSameFrameWithinTheRetryLimit)
 {
-    Protocol* head = flyUnanswerable(readOf("T"), kCyclicRead);
+    Protocol* head = sendUnanswerable(readOf("T"), kCyclicRead);
     const QByteArray frame = head->frame;
     const int length = head->sendLength;
     for (int i = 0; i < settings.retryLimit; ++i) {
@@ -326,34 +326,34 @@ TEST_F(Failure, SendsTheSameFrameAgainWithinTheLimit)
     }
 }
 
-TEST_F(Failure, KeepsOtherStationsInAnyMultiStationMode)
+TEST_F(Failure, KeepsRequestsOfOtherStationsInEveryMultiStationMode)
 {
     for (int mode : {2, -1}) {
         settings.multiStation = mode;
         connectStation(1, kId, 0x21);
-        fly(numbered(readOf("X"), 5, 6), kOneShotRead);
-        PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6, 2));
-        PLC_driver.writeList.append(numbered(writeOf("b", "x"), 1, 1, 2));
-        failForGood();
-        EXPECT_EQ(order(PLC_driver.onceReadList), QString("a"));
-        EXPECT_EQ(order(PLC_driver.writeList), QString("b"));
+        send(ofVariable(readOf("X"), 5, 6), kOneShotRead);
+        PLC_driver.onceReadList.append(ofVariable(readOf("a"), 5, 6, 2));
+        PLC_driver.writeList.append(ofVariable(writeOf("b", "x"), 1, 1, 2));
+        failBeyondTheLimit();
+        EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("a"));
+        EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("b"));
         PLC_driver.onceReadList.clear();
         PLC_driver.writeList.clear();
     }
 }
 
-TEST_F(Failure, OfAReadThatWasToLearnAClassDropsTheWriteWithoutACompletion)
+TEST_F(Failure, DropsTheWriteSilentlyWhenTheReadOfItsClassFails)
 {
     settings.multiStation = 0;
     PLC_driver.writeList.append(writeOf("New", hex("01 02")));
     ComCommunication();
-    EXPECT_EQ(failForGood(), 44);
+    EXPECT_EQ(failBeyondTheLimit(), 44);
     EXPECT_TRUE(finished.empty());
     EXPECT_EQ(refreshed.size(), 1u);
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
 }
 
-TEST_F(Failure, HasTheCodeOfItsLinkAndCause)
+TEST_F(Failure, ReturnsTheCodeOfItsLinkAndCause)
 {
     settings.retryLimit = 0;
     for (const auto& [local, codes] : {std::make_pair(true, std::vector<int>{44, 74, 14}),
@@ -364,35 +364,36 @@ TEST_F(Failure, HasTheCodeOfItsLinkAndCause)
             PLC_driver.readList.clear();
             RW_VAR request = readOf("T");
             request.linkId = local ? settings.localLink : settings.localLink + 1;
-            Protocol* head = flyUnanswerable(request, kCyclicRead);
+            Protocol* head = sendUnanswerable(request, kCyclicRead);
             if (cause == 2) {
                 head->replyLength = kGood.size();
                 head->var.accessMode = 2;
             }
-            EXPECT_EQ(cause == 0 ? timeOut() : give(kGood), codes[cause]);
+            EXPECT_EQ(cause == 0 ? timeOut() : deliver(kGood), codes[cause]);
         }
     }
 }
 
-TEST_F(Failure, LeavesTheLocksFreeWithinTheLimitAndBeyond)
+TEST_F(Failure, ReleasesTheLocksWithinTheRetryLimitAndBeyond)
 {
-    flyUnanswerable(readOf("T"), kCyclicRead);
+    sendUnanswerable(readOf("T"), kCyclicRead);
     for (int i = 0; i <= settings.retryLimit; ++i) {
         timeOut();
         EXPECT_TRUE(locksAreFree()) << i;
     }
 }
 
-// ---- Replies of varying length -----------------------------------------------------------------
+// ---- Attempts at a reply of varying length
+// -----------------------------------------------------------------
 
-class Judging : public DispatcherTest
+class AttemptCount : public DispatcherTest
 {
 protected:
-    /// Judgements of the reply to a read in flight until it is given up.
-    int judgementsUntilGivenUp()
+    /// How many incomplete replies to the read in flight the driver checks before it gives up.
+    int checksUntilGivenUp()
     {
         for (int i = 1; i < 30; ++i) {
-            if (give(kBad) == 1)
+            if (deliver(kBad) == 1)
                 return i;
         }
         return -1;
@@ -401,22 +402,22 @@ protected:
     {
         PLC_driver.sendQueue.clear();
         HandshakeFunction(station);
-        give(wire::identityReply(1));
+        deliver(wire::identityReply(1));
     }
-    void flyRead()
+    void sendRead()
     {
         PLC_driver.sendQueue.clear();
         PLC_driver.readList.clear();
-        fly(readOf("T"), kCyclicRead);
+        send(readOf("T"), kCyclicRead);
     }
 };
 
-TEST_F(Judging, IsNoFailureUntilTheWrongLengthIsOne)
+TEST_F(AttemptCount, CausesNoFailureWhenItsLimitIsReached)
 {
-    flyRead();
+    sendRead();
     PLC_driver.readCycleCount = 4;
     settings.passComplete = 1;
-    EXPECT_EQ(judgementsUntilGivenUp(), 11);
+    EXPECT_EQ(checksUntilGivenUp(), 11);
     EXPECT_FALSE(PLC_driver.errorFlag);
     EXPECT_EQ(settings.failureCount, 0);
     EXPECT_EQ(PLC_driver.readCycleCount, 4);
@@ -424,56 +425,56 @@ TEST_F(Judging, IsNoFailureUntilTheWrongLengthIsOne)
     EXPECT_TRUE(refreshed.empty());
 }
 
-TEST_F(Judging, SharesItsCountWithTheResendsOfAConnectionRequest)
+TEST_F(AttemptCount, IsSharedWithTheResendsOfAConnectionRequest)
 {
     awaitConnectionOf(2);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(timeOut(), 201);
-    flyRead();
-    EXPECT_EQ(judgementsUntilGivenUp(), 8);
+    sendRead();
+    EXPECT_EQ(checksUntilGivenUp(), 8);
 }
 
-TEST_F(Judging, BeginsAtZeroBehindAConnectionRequestThatWasGivenUp)
+TEST_F(AttemptCount, StartsAtZeroAfterAConnectionRequestIsGivenUp)
 {
     awaitConnectionOf(2);
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(timeOut(), 201);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
-    flyRead();
-    EXPECT_EQ(judgementsUntilGivenUp(), 11);
+    sendRead();
+    EXPECT_EQ(checksUntilGivenUp(), 11);
 }
 
-TEST_F(Judging, BeginsAtZeroBehindEachGoodReplyOfASetUp)
+TEST_F(AttemptCount, StartsAtZeroAfterEachGoodReplyOfAConnectionSetUp)
 {
-    const auto judgeFiveTimes = [this] {
-        flyRead();
+    const auto checkFiveTimes = [this] {
+        sendRead();
         for (int i = 0; i < 5; ++i)
-            EXPECT_EQ(give(kBad), 0);
+            EXPECT_EQ(deliver(kBad), 0);
     };
-    judgeFiveTimes();
+    checkFiveTimes();
     awaitConnectionOf(2);
-    flyRead();
-    EXPECT_EQ(judgementsUntilGivenUp(), 11) << "behind the identity reply";
+    sendRead();
+    EXPECT_EQ(checksUntilGivenUp(), 11) << "after the identity reply";
 
     awaitConnectionOf(3);
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(timeOut(), 201);
-    EXPECT_EQ(give(wire::forwardOpenReply(5, kId)), 1);
+    EXPECT_EQ(deliver(wire::forwardOpenReply(5, kId)), 1);
     EXPECT_TRUE(getHandshakeInformation(3));
-    flyRead();
-    EXPECT_EQ(judgementsUntilGivenUp(), 11) << "behind the connection reply";
+    sendRead();
+    EXPECT_EQ(checksUntilGivenUp(), 11) << "after the connection reply";
 }
 
-TEST_F(Judging, IsNotCountedByAnIdentityRequestWithoutAnswer)
+TEST_F(AttemptCount, IgnoresAnUnansweredIdentityRequest)
 {
-    flyRead();
+    sendRead();
     for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(give(kBad), 0);
+        EXPECT_EQ(deliver(kBad), 0);
     PLC_driver.sendQueue.clear();
     HandshakeFunction(2);
     EXPECT_EQ(timeOut(), 201);
-    flyRead();
-    EXPECT_EQ(judgementsUntilGivenUp(), 6);
+    sendRead();
+    EXPECT_EQ(checksUntilGivenUp(), 6);
 }
 
 } // namespace

@@ -8,9 +8,9 @@ class Dispatcher : public DispatcherTest
 {
 };
 
-// ---- Nothing pending, and the two steps of a reply of varying length ----------------------------
+// ---- Nothing in flight, and the two calls for a reply of varying length -------------------------
 
-TEST_F(Dispatcher, SaysOneWhenNothingIsPending)
+TEST_F(Dispatcher, ReturnsOneWhenNothingIsInFlight)
 {
     PLC_driver.result.tagName = "before";
     PLC_driver.result.retValue = 55;
@@ -23,89 +23,89 @@ TEST_F(Dispatcher, SaysOneWhenNothingIsPending)
     EXPECT_EQ(DataCom(nullptr, 5)->retValue, 1);
 }
 
-TEST_F(Dispatcher, JudgesAReplyOfVaryingLengthFirstAndStoresItInTheNextCall)
+TEST_F(Dispatcher, ChecksAReplyOfVaryingLengthAndStoresItInTheNextCall)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
-    EXPECT_EQ(give(kGood), 1);
-    EXPECT_EQ(head->replyLength, kGood.size()) << "the record that the host holds shows it";
+    Protocol* head = send(readOf("T"), kCyclicRead);
+    EXPECT_EQ(deliver(kGood), 1);
+    EXPECT_EQ(head->replyLength, kGood.size()) << "also in the record that the host holds";
     EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T"));
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
-    EXPECT_EQ(give(kGood), 1);
+    EXPECT_EQ(deliver(kGood), 1);
     EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
 }
 
-TEST_F(Dispatcher, TakesTheLengthThatTheHostTellsNotTheBuffers)
+TEST_F(Dispatcher, UsesTheLengthThatTheHostPassesNotThatOfTheBuffer)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     QByteArray reply = kGood;
     DataCom(&reply, 17);
     EXPECT_EQ(head->replyLength, 17);
 }
 
-TEST_F(Dispatcher, GivesUpAVaryingReplyAtTheEleventhIncompleteJudgement)
+TEST_F(Dispatcher, GivesUpAVaryingReplyAfterElevenIncompleteChecks)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     for (int i = 1; i <= 10; ++i) {
-        EXPECT_EQ(give(kBad), 0) << i;
+        EXPECT_EQ(deliver(kBad), 0) << i;
         EXPECT_EQ(head->replyLength, -1);
     }
-    EXPECT_EQ(give(kBad), 1);
+    EXPECT_EQ(deliver(kBad), 1);
     EXPECT_EQ(head->replyLength, 999);
 }
 
-TEST_F(Dispatcher, KeepsTheImpossibleLengthForEveryResendOfThatFrame)
+TEST_F(Dispatcher, KeepsTheImpossibleLengthForEveryResendOfTheFrame)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     for (int i = 0; i < 11; ++i)
-        give(kBad);
-    EXPECT_EQ(give(kGood), 0) << "a good reply now has the wrong length";
+        deliver(kBad);
+    EXPECT_EQ(deliver(kGood), 0) << "a good reply now has the wrong length";
     EXPECT_EQ(ComCommunication(), head);
     EXPECT_EQ(head->replyLength, 999);
-    EXPECT_EQ(give(kGood), 0);
-    EXPECT_EQ(give(kGood), 74) << "wrong length, kind 3";
+    EXPECT_EQ(deliver(kGood), 0);
+    EXPECT_EQ(deliver(kGood), 74) << "wrong length, kind 3";
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
 }
 
-TEST_F(Dispatcher, StartsItsCountAnewAfterAGoodJudgement)
+TEST_F(Dispatcher, RestartsItsAttemptCountAfterACompleteReply)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     for (int i = 0; i < 10; ++i)
-        give(kBad);
-    give(kGood);
+        deliver(kBad);
+    deliver(kGood);
     head->replyLength = -1;
     for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(give(kBad), 0);
-    EXPECT_EQ(give(kBad), 1);
+        EXPECT_EQ(deliver(kBad), 0);
+    EXPECT_EQ(deliver(kBad), 1);
 }
 
-TEST_F(Dispatcher, StartsItsCountAnewAfterGivingUp)
+TEST_F(Dispatcher, RestartsItsAttemptCountAfterGivingUp)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     for (int i = 0; i < 11; ++i)
-        give(kBad);
+        deliver(kBad);
     head->replyLength = -1;
     for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(give(kBad), 0);
-    EXPECT_EQ(give(kBad), 1);
+        EXPECT_EQ(deliver(kBad), 0);
+    EXPECT_EQ(deliver(kBad), 1);
 }
 
 TEST_F(Dispatcher, CountsANullReplyAsIncomplete)
 {
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     EXPECT_EQ(DataCom(nullptr, 40)->retValue, 0);
 }
 
 // ---- Success ------------------------------------------------------------------------------------
 
-TEST_F(Dispatcher, FinishesACyclicReadByRotatingItWithoutACallback)
+TEST_F(Dispatcher, RotatesAFinishedCyclicReadWithoutACallback)
 {
-    PLC_driver.readList.append(numbered(readOf("A"), 1, 1));
-    PLC_driver.readList.append(numbered(readOf("B"), 2, 2));
+    PLC_driver.readList.append(ofVariable(readOf("A"), 1, 1));
+    PLC_driver.readList.append(ofVariable(readOf("B"), 2, 2));
     PLC_driver.readList.first().data = "stale";
     ComCommunication();
     EXPECT_EQ(answer(kGood), 1);
-    EXPECT_EQ(order(PLC_driver.readList), QString("BA"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("BA"));
     EXPECT_EQ(PLC_driver.result.tagName, QString("A"));
     EXPECT_TRUE(PLC_driver.result.data.isEmpty());
     EXPECT_TRUE(finished.empty());
@@ -115,39 +115,39 @@ TEST_F(Dispatcher, FinishesACyclicReadByRotatingItWithoutACallback)
     EXPECT_EQ(settings.framesAnswered, 1);
 }
 
-TEST_F(Dispatcher, FinishesAWriteWithOneCallback)
+TEST_F(Dispatcher, ReportsAFinishedWriteWithOneCallback)
 {
-    RW_VAR request = numbered(writeOf("T", hex("01 02")), 5, 6);
+    RW_VAR request = ofVariable(writeOf("T", hex("01 02")), 5, 6);
     request.retValue = 88;
-    fly(request, kWrite);
+    send(request, kWrite);
     refreshed.clear();
     EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 5, 6, 1}));
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
     EXPECT_EQ(PLC_driver.result.varIndex, 6);
-    EXPECT_EQ(PLC_driver.result.retValue, 1) << "the code, not the request's own";
+    EXPECT_EQ(PLC_driver.result.retValue, 1) << "the result's code, not the request's own";
     EXPECT_TRUE(refreshed.empty());
     EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T")) << "a write reply is not stored";
 }
 
-TEST_F(Dispatcher, FinishesAOneShotReadWithOneCallback)
+TEST_F(Dispatcher, ReportsAFinishedOneShotReadWithOneCallback)
 {
-    fly(numbered(readOf("T"), 5, 6), kOneShotRead);
+    send(ofVariable(readOf("T"), 5, 6), kOneShotRead);
     answer(kGood);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 5, 6, 1}));
     EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
 }
 
-TEST_F(Dispatcher, TellsAVariableOfTwoEntriesOnceBehindTheLast)
+TEST_F(Dispatcher, ReportsAVariableOfTwoEntriesOnceAfterTheLast)
 {
     for (int list : {int(kWrite), int(kOneShotRead)}) {
         finished.clear();
         const RW_VAR request = list == kWrite ? writeOf("T", hex("01 02")) : readOf("T");
         RW_VAR second = request;
         second.startAddress = 9;
-        fly(request, list);
+        send(request, list);
         (list == kWrite ? PLC_driver.writeList : PLC_driver.onceReadList).append(second);
         answer(kGood);
         EXPECT_TRUE(finished.empty());
@@ -157,18 +157,18 @@ TEST_F(Dispatcher, TellsAVariableOfTwoEntriesOnceBehindTheLast)
     }
 }
 
-TEST_F(Dispatcher, ComparesBothNumbersOfAVariable)
+TEST_F(Dispatcher, ComparesTypeAndIndexOfAVariable)
 {
-    fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
-    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 5, 7));
-    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 4, 6));
+    send(ofVariable(writeOf("T", "x"), 5, 6), kWrite);
+    PLC_driver.writeList.append(ofVariable(writeOf("T", "x"), 5, 7));
+    PLC_driver.writeList.append(ofVariable(writeOf("T", "x"), 4, 6));
     answer(wire::writeReply(0x21));
     EXPECT_EQ(finished.size(), 1u);
 }
 
-TEST_F(Dispatcher, WaitsForTheOtherFramesOfARequest)
+TEST_F(Dispatcher, WaitsForAllFramesOfARequest)
 {
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
     PLC_driver.result.tagName = "before";
@@ -182,31 +182,31 @@ TEST_F(Dispatcher, WaitsForTheOtherFramesOfARequest)
     EXPECT_EQ(finished.size(), 1u);
 }
 
-TEST_F(Dispatcher, NeedsNoListForACompletion)
+TEST_F(Dispatcher, CompletesARequestWhoseListIsEmptyOrUnknown)
 {
     for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
-        fly(readOf("T"), kCyclicRead);
+        send(readOf("T"), kCyclicRead);
         PLC_driver.readList.clear();
         PLC_driver.currentList = list;
         EXPECT_EQ(answer(kGood), 1);
     }
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     PLC_driver.currentList = 100;
     answer(kGood);
     EXPECT_EQ(PLC_driver.readList.size(), 1) << "an unknown list is left alone";
     EXPECT_TRUE(finished.empty());
 }
 
-TEST_F(Dispatcher, NeedsNoCallbacks)
+TEST_F(Dispatcher, WorksWithoutCallbacks)
 {
     RegistCallBackFuncIntf(nullptr, nullptr);
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     EXPECT_EQ(answer(wire::writeReply(0x21)), 1);
-    fly(writeOf("T", "x"), kWrite);
-    EXPECT_EQ(failForGood(), 44);
+    send(writeOf("T", "x"), kWrite);
+    EXPECT_EQ(failBeyondTheLimit(), 44);
 }
 
-TEST_F(Dispatcher, RunsItsCallbacksUnderTheListLockAndLetsThemReadValues)
+TEST_F(Dispatcher, RunsItsCallbacksUnderTheListLockAndAllowsThemToReadValues)
 {
     confirm("V", 3, 0xC3);
     PLCDataStorage[1].tagData["V"] = hex("01 02");
@@ -217,13 +217,13 @@ TEST_F(Dispatcher, RunsItsCallbacksUnderTheListLockAndLetsThemReadValues)
         QByteArray value;
         read = GetRegisterData("V", 0, "0", 1, value, 1) == 1;
     };
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     answer(wire::writeReply(0x21));
     EXPECT_TRUE(held);
     EXPECT_TRUE(read);
 }
 
-TEST_F(Dispatcher, RaisesThePassCompleteWordBehindAFullCycle)
+TEST_F(Dispatcher, SetsThePassCompleteWordAfterAFullCycle)
 {
     PLC_driver.readList.append(readOf("A"));
     PLC_driver.readList.append(readOf("B"));
@@ -244,9 +244,9 @@ TEST_F(Dispatcher, RaisesThePassCompleteWordBehindAFullCycle)
 
 // ---- Failure ------------------------------------------------------------------------------------
 
-TEST_F(Dispatcher, KeepsAFailedFrameWithinTheLimitAndDropsItBeyond)
+TEST_F(Dispatcher, KeepsAFailedFrameWithinTheRetryLimitAndDropsItBeyond)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     head->replyLength = 50;
     PLC_driver.readCycleCount = 4;
     settings.passComplete = 1;
@@ -265,122 +265,123 @@ TEST_F(Dispatcher, KeepsAFailedFrameWithinTheLimitAndDropsItBeyond)
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     EXPECT_FALSE(getHandshakeInformation(1));
     EXPECT_TRUE(PLCDataStorage[1].connectionId.isEmpty());
-    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21) << "a failure does not advance it";
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21)
+        << "a failure does not advance the counter";
     EXPECT_EQ(refreshed.size(), 1u);
     EXPECT_EQ(PLC_driver.sendQueue.size(), 0);
     ComCommunication();
     EXPECT_EQ(PLC_driver.sendQueue.size(), 2) << "the next request connects again";
 }
 
-TEST_F(Dispatcher, CountsFailuresUpAcrossSuccesses)
+TEST_F(Dispatcher, KeepsCountingFailuresAcrossSuccesses)
 {
     for (int i = 1; i <= 2; ++i) {
-        fly(readOf("T"), kCyclicRead)->replyLength = 50;
+        send(readOf("T"), kCyclicRead)->replyLength = 50;
         EXPECT_EQ(timeOut(), 0);
         PLC_driver.sendQueue.first().replyLength = kGood.size();
-        EXPECT_EQ(give(kGood), 1);
+        EXPECT_EQ(deliver(kGood), 1);
         EXPECT_EQ(settings.failureCount, i);
     }
-    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    send(readOf("T"), kCyclicRead)->replyLength = 50;
     EXPECT_EQ(timeOut(), 44);
 }
 
-TEST_F(Dispatcher, NamesTheReasonOfAFailureByItsCode)
+TEST_F(Dispatcher, ReturnsACodeForTheReasonOfAFailure)
 {
     settings.retryLimit = 0;
-    fly(readOf("T"), kCyclicRead)->replyLength = 50;
-    EXPECT_EQ(give(kGood), 74) << "wrong length";
+    send(readOf("T"), kCyclicRead)->replyLength = 50;
+    EXPECT_EQ(deliver(kGood), 74) << "wrong length";
     connectStation(1, kId, 0x21);
-    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    send(readOf("T"), kCyclicRead)->replyLength = 50;
     EXPECT_EQ(timeOut(), 44) << "no reply";
     connectStation(1, kId, 0x21);
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     head->replyLength = kGood.size();
     head->var.accessMode = 2;
-    EXPECT_EQ(give(kGood), 14) << "rejected";
+    EXPECT_EQ(deliver(kGood), 14) << "rejected";
     EXPECT_EQ(PLC_driver.result.retValue, 14);
 }
 
-TEST_F(Dispatcher, TellsAFailureEvenIfTheVariableContinues)
+TEST_F(Dispatcher, ReportsAFailureEvenIfTheVariableHasMoreEntries)
 {
-    fly(numbered(readOf("T"), 5, 6), kOneShotRead);
-    PLC_driver.onceReadList.append(numbered(readOf("T"), 5, 6));
-    EXPECT_EQ(failForGood(), 46);
+    send(ofVariable(readOf("T"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(ofVariable(readOf("T"), 5, 6));
+    EXPECT_EQ(failBeyondTheLimit(), 46);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 5, 6, 2}));
 
     finished.clear();
     connectStation(1, kId, 0x21);
-    fly(numbered(writeOf("T", "x"), 5, 6), kWrite);
-    PLC_driver.writeList.append(numbered(writeOf("T", "x"), 5, 6));
+    send(ofVariable(writeOf("T", "x"), 5, 6), kWrite);
+    PLC_driver.writeList.append(ofVariable(writeOf("T", "x"), 5, 6));
     refreshed.clear();
-    EXPECT_EQ(failForGood(), 46);
+    EXPECT_EQ(failBeyondTheLimit(), 46);
     ASSERT_EQ(finished.size(), 1u);
     EXPECT_EQ(finished[0], (Finished{9, 5, 6, 2}));
     ASSERT_EQ(refreshed.size(), 1u);
-    EXPECT_TRUE(refreshed[0].listGiven);
+    EXPECT_TRUE(refreshed[0].hasList);
     EXPECT_EQ(refreshed[0].listSize, 0);
     EXPECT_EQ(refreshed[0].varType, 5);
     EXPECT_EQ(refreshed[0].flag, 1);
 }
 
-TEST_F(Dispatcher, DropsAllWritesAndTheOneShotsOfTheVariableInSingleStationMode)
+TEST_F(Dispatcher, DropsAllWritesAndTheOneShotsOfTheFailedVariableInSingleStationMode)
 {
     settings.multiStation = 0;
-    fly(numbered(readOf("X"), 5, 6), kOneShotRead);
-    PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6, 2));
-    PLC_driver.onceReadList.append(numbered(readOf("b"), 5, 7));
-    PLC_driver.onceReadList.append(numbered(readOf("c"), 4, 6));
-    PLC_driver.onceReadList.append(numbered(readOf("d"), 5, 6));
-    PLC_driver.writeList.append(numbered(writeOf("w", "x"), 1, 1, 2));
-    PLC_driver.readList.append(numbered(readOf("R"), 5, 6));
-    EXPECT_EQ(failForGood(), 46);
-    EXPECT_EQ(order(PLC_driver.onceReadList), QString("bc"));
+    send(ofVariable(readOf("X"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(ofVariable(readOf("a"), 5, 6, 2));
+    PLC_driver.onceReadList.append(ofVariable(readOf("b"), 5, 7));
+    PLC_driver.onceReadList.append(ofVariable(readOf("c"), 4, 6));
+    PLC_driver.onceReadList.append(ofVariable(readOf("d"), 5, 6));
+    PLC_driver.writeList.append(ofVariable(writeOf("w", "x"), 1, 1, 2));
+    PLC_driver.readList.append(ofVariable(readOf("R"), 5, 6));
+    EXPECT_EQ(failBeyondTheLimit(), 46);
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("bc"));
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
-    EXPECT_EQ(order(PLC_driver.readList), QString("R")) << "cyclic reads stay";
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("R")) << "cyclic reads stay";
 }
 
-TEST_F(Dispatcher, DropsWhatBelongsToTheFailedStationInMultiStationMode)
+TEST_F(Dispatcher, DropsOnlyRequestsOfTheFailedStationInMultiStationMode)
 {
-    fly(numbered(readOf("X"), 5, 6), kOneShotRead);
-    PLC_driver.onceReadList.append(numbered(readOf("a"), 5, 6, 2));
-    PLC_driver.onceReadList.append(numbered(readOf("b"), 5, 7));
-    PLC_driver.onceReadList.append(numbered(readOf("c"), 4, 6));
-    PLC_driver.onceReadList.append(numbered(readOf("d"), 5, 6));
-    PLC_driver.writeList.append(numbered(writeOf("u", "x"), 1, 1, 1));
-    PLC_driver.writeList.append(numbered(writeOf("v", "x"), 5, 6, 2));
-    PLC_driver.writeList.append(numbered(writeOf("w", "x"), 2, 2, 1));
-    EXPECT_EQ(failForGood(), 46);
-    EXPECT_EQ(order(PLC_driver.onceReadList), QString("abc"));
-    EXPECT_EQ(order(PLC_driver.writeList), QString("v"));
+    send(ofVariable(readOf("X"), 5, 6), kOneShotRead);
+    PLC_driver.onceReadList.append(ofVariable(readOf("a"), 5, 6, 2));
+    PLC_driver.onceReadList.append(ofVariable(readOf("b"), 5, 7));
+    PLC_driver.onceReadList.append(ofVariable(readOf("c"), 4, 6));
+    PLC_driver.onceReadList.append(ofVariable(readOf("d"), 5, 6));
+    PLC_driver.writeList.append(ofVariable(writeOf("u", "x"), 1, 1, 1));
+    PLC_driver.writeList.append(ofVariable(writeOf("v", "x"), 5, 6, 2));
+    PLC_driver.writeList.append(ofVariable(writeOf("w", "x"), 2, 2, 1));
+    EXPECT_EQ(failBeyondTheLimit(), 46);
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("abc"));
+    EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("v"));
     EXPECT_EQ(finished.size(), 1u) << "only the request in flight is reported";
 }
 
-TEST_F(Dispatcher, SurvivesSettingsAtTheEndOfTheirRange)
+TEST_F(Dispatcher, AcceptsSettingsAtTheEndOfTheirRange)
 {
     settings.failureCount = settings.retryLimit = std::numeric_limits<int>::max();
-    fly(readOf("T"), kCyclicRead)->replyLength = 50;
+    send(readOf("T"), kCyclicRead)->replyLength = 50;
     EXPECT_EQ(timeOut(), 0);
     settings.framesAnswered = std::numeric_limits<int>::max();
     PLC_driver.sendQueue.first().replyLength = kGood.size();
-    give(kGood);
-    SUCCEED() << "counted on without undefined behaviour";
+    deliver(kGood);
+    SUCCEED() << "the counts wrap without undefined behaviour";
 }
 
 TEST_F(Dispatcher, KeepsItsQueueWithoutSettings)
 {
-    Protocol* head = fly(readOf("T"), kCyclicRead);
+    Protocol* head = send(readOf("T"), kCyclicRead);
     SetComInfo(nullptr);
     for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(give(kGood), 0);
+        EXPECT_EQ(deliver(kGood), 0);
         EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
-        EXPECT_EQ(head->replyLength, -1) << "it is not even judged";
+        EXPECT_EQ(head->replyLength, -1) << "the reply is not even checked";
     }
 }
 
 // ---- Local and remote area ----------------------------------------------------------------------
 
-class Area : public Dispatcher
+class ReplyArea : public Dispatcher
 {
 protected:
     Protocol& inFlight(int replyLength, int accessMode = 0, int reqFlag = 1)
@@ -400,7 +401,7 @@ protected:
     bool isStored() { return PLCDataStorage[1].tagData.contains("T"); }
 };
 
-TEST_F(Area, JudgesByLengthThenByAccessMode)
+TEST_F(ReplyArea, ChecksTheLengthThenTheAccessMode)
 {
     const int size = kGood.size();
     inFlight(size);
@@ -416,16 +417,16 @@ TEST_F(Area, JudgesByLengthThenByAccessMode)
     EXPECT_EQ(remote(kGood, size), 114);
 }
 
-TEST_F(Area, TakesAnyLengthForOneThatVariesButNone)
+TEST_F(ReplyArea, AcceptsAnyLengthExceptZeroForAVaryingReply)
 {
     inFlight(-1);
     EXPECT_EQ(local(kGood, 17), 1);
     EXPECT_EQ(local("", 0), 44);
     inFlight(0);
-    EXPECT_EQ(local(kGood, 0), 1) << "an expected length of 0 is met by 0";
+    EXPECT_EQ(local(kGood, 0), 1) << "an expected length of 0 accepts an empty reply";
 }
 
-TEST_F(Area, AcknowledgesAWriteWithoutStoring)
+TEST_F(ReplyArea, AcknowledgesAWriteWithoutStoringAValue)
 {
     inFlight(kGood.size(), 1);
     EXPECT_EQ(local(kGood, kGood.size()), 1);
@@ -434,7 +435,7 @@ TEST_F(Area, AcknowledgesAWriteWithoutStoring)
     EXPECT_FALSE(isStored());
 }
 
-TEST_F(Area, StoresARemoteReplyOnlyForAFlagOfMinusOne)
+TEST_F(ReplyArea, StoresARemoteReplyOnlyWhenTheRequestFlagIsMinusOne)
 {
     for (int flag : {0, 1, 2}) {
         inFlight(kGood.size(), 0, flag);
@@ -449,7 +450,7 @@ TEST_F(Area, StoresARemoteReplyOnlyForAFlagOfMinusOne)
     EXPECT_EQ(remote(kGood, kGood.size()), 100);
 }
 
-TEST_F(Area, StoresARemoteReplyWithoutSettingsAsTheOnlyOne)
+TEST_F(ReplyArea, TreatsARemoteReplyAsCompleteWithoutSettings)
 {
     inFlight(kGood.size(), 0, -1);
     SetComInfo(nullptr);
@@ -457,14 +458,14 @@ TEST_F(Area, StoresARemoteReplyWithoutSettingsAsTheOnlyOne)
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
 }
 
-TEST_F(Area, StoresTheRemoteReplyToAWriteWithThatFlagToo)
+TEST_F(ReplyArea, StoresTheRemoteReplyToAWriteWhenTheRequestFlagIsMinusOne)
 {
     inFlight(kGood.size(), 1, -1);
     EXPECT_EQ(remote(kGood, kGood.size()), 1);
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
 }
 
-TEST_F(Area, TellsARemoteReplyPartialAtTheFirstStepOnly)
+TEST_F(ReplyArea, ReportsARemoteReplyAsPartialOnlyAtTheFirstStep)
 {
     inFlight(kGood.size(), 0, -1);
     for (const auto& [step, code] : {std::make_pair(0, 1), std::make_pair(1, 100),
@@ -479,7 +480,7 @@ TEST_F(Area, TellsARemoteReplyPartialAtTheFirstStepOnly)
     EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty());
 }
 
-TEST_F(Area, LeavesTheValueLockFreeOnEveryWayOut)
+TEST_F(ReplyArea, ReleasesTheValueLockOnEveryPath)
 {
     inFlight(kGood.size());
     for (int length : {0, 5, kGood.size()}) {
@@ -490,7 +491,7 @@ TEST_F(Area, LeavesTheValueLockFreeOnEveryWayOut)
     }
 }
 
-TEST_F(Area, HasNothingToJudgeWithoutAFrameInFlight)
+TEST_F(ReplyArea, RejectsAReplyWithoutAFrameInFlight)
 {
     EXPECT_EQ(local(kGood, kGood.size()), 41);
     EXPECT_EQ(remote(kGood, kGood.size()), 141);
@@ -498,37 +499,37 @@ TEST_F(Area, HasNothingToJudgeWithoutAFrameInFlight)
     EXPECT_EQ(CheckGetData(&reply, reply.size()), 0);
 }
 
-TEST_F(Dispatcher, CompletesARemoteReadWithItsOwnCodeAndWithoutACycleCount)
+TEST_F(Dispatcher, CompletesARemoteReadWithTheRemoteCodeAndDoesNotCountIt)
 {
     RW_VAR request = readOf("T");
     request.linkId = 0;
-    fly(request, kCyclicRead);
+    send(request, kCyclicRead);
     EXPECT_EQ(answer(kGood), 100);
     EXPECT_EQ(PLC_driver.readCycleCount, 0);
     EXPECT_FALSE(PLCDataStorage[1].tagData.contains("T"));
 }
 
-TEST_F(Dispatcher, CompletesARemoteOneShotSilentlyButARemoteWriteWithACallback)
+TEST_F(Dispatcher, CompletesARemoteOneShotSilentlyAndARemoteWriteWithACallback)
 {
     RW_VAR read = readOf("T");
     read.linkId = 0;
-    fly(read, kOneShotRead);
+    send(read, kOneShotRead);
     EXPECT_EQ(answer(kGood), 100);
     EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
     EXPECT_TRUE(finished.empty());
     RW_VAR write = writeOf("T", "x");
     write.linkId = 0;
-    fly(write, kWrite);
+    send(write, kWrite);
     EXPECT_EQ(answer(kGood), 100);
     EXPECT_EQ(finished.size(), 1u);
 }
 
-TEST_F(Dispatcher, FailsARemoteRequestWithTheRemoteCodes)
+TEST_F(Dispatcher, ReturnsTheRemoteCodeWhenARemoteRequestFails)
 {
     settings.retryLimit = 0;
     RW_VAR request = readOf("T");
     request.linkId = 0;
-    fly(request, kOneShotRead)->replyLength = 50;
+    send(request, kOneShotRead)->replyLength = 50;
     EXPECT_EQ(timeOut(), 144);
     EXPECT_TRUE(finished.empty()) << "a remote one-shot ends without a callback";
     EXPECT_EQ(refreshed.size(), 1u);
@@ -536,10 +537,10 @@ TEST_F(Dispatcher, FailsARemoteRequestWithTheRemoteCodes)
 
 // ---- Connection set-up --------------------------------------------------------------------------
 
-class SetUp : public Dispatcher
+class ConnectionSetUp : public Dispatcher
 {
 protected:
-    SetUp()
+    ConnectionSetUp()
     {
         PLCDataStorage.clear();
         PLC_driver.readList.append(readOf("T"));
@@ -554,15 +555,15 @@ protected:
     }
 };
 
-TEST_F(SetUp, ConnectsInTwoSteps)
+TEST_F(ConnectionSetUp, ConnectsInTwoSteps)
 {
     EXPECT_EQ(settings.frameCount, 2);
     EXPECT_EQ(settings.framesAnswered, 0);
-    EXPECT_EQ(give(wire::identityReply(1)), 1);
+    EXPECT_EQ(deliver(wire::identityReply(1)), 1);
     EXPECT_EQ(settings.framesAnswered, 1);
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
     EXPECT_FALSE(getHandshakeInformation(1));
-    EXPECT_EQ(give(wire::forwardOpenReply(2, kId)), 1);
+    EXPECT_EQ(deliver(wire::forwardOpenReply(2, kId)), 1);
     EXPECT_EQ(settings.framesAnswered, 2);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     EXPECT_TRUE(getHandshakeInformation(1));
@@ -570,50 +571,50 @@ TEST_F(SetUp, ConnectsInTwoSteps)
     EXPECT_BYTES(ComCommunication()->frame, wire::readRequest(3, kId, wire::tagPath("T"), 1));
 }
 
-TEST_F(SetUp, ConnectsAtTheSecondStepWhateverFramesAreAnnounced)
+TEST_F(ConnectionSetUp, ConnectsAtTheSecondStepForAnyAnnouncedFrameCount)
 {
     for (int announced : {1, 5}) {
         PLCDataStorage.clear();
         PLC_driver.sendQueue.clear();
         ComCommunication();
         settings.frameCount = announced;
-        give(wire::identityReply(1));
+        deliver(wire::identityReply(1));
         EXPECT_FALSE(getHandshakeInformation(1)) << announced;
-        give(wire::forwardOpenReply(2, kId));
+        deliver(wire::forwardOpenReply(2, kId));
         EXPECT_TRUE(getHandshakeInformation(1)) << announced;
         EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     }
 }
 
-TEST_F(SetUp, DoesNotConnectBehindTheSecondStep)
+TEST_F(ConnectionSetUp, DoesNotConnectAfterTheSecondStep)
 {
     settings.framesAnswered = 2;
-    EXPECT_EQ(give(wire::identityReply(1)), 1);
+    EXPECT_EQ(deliver(wire::identityReply(1)), 1);
     EXPECT_EQ(settings.framesAnswered, 3);
     EXPECT_FALSE(getHandshakeInformation(1));
-    EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "only the answered frame is gone";
+    EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "only the answered frame is removed";
 }
 
-TEST_F(SetUp, GivesUpAtAnyStepButTheSecond)
+TEST_F(ConnectionSetUp, GivesUpAtAnyStepExceptTheSecond)
 {
     for (int step : {0, 2, -1}) {
         ComCommunication();
         settings.framesAnswered = step;
-        EXPECT_EQ(give("garbage"), 201) << step;
+        EXPECT_EQ(deliver("garbage"), 201) << step;
         EXPECT_TRUE(PLC_driver.sendQueue.isEmpty()) << step;
     }
 }
 
-TEST_F(SetUp, EmptiesTheQueueWhenItIsDone)
+TEST_F(ConnectionSetUp, EmptiesTheQueueWhenTheStationIsConnected)
 {
-    give(wire::identityReply(1));
+    deliver(wire::identityReply(1));
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
-    give(wire::forwardOpenReply(2, kId));
+    deliver(wire::forwardOpenReply(2, kId));
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     EXPECT_TRUE(getHandshakeInformation(1));
 }
 
-TEST_F(SetUp, TouchesNoStateOfAFailure)
+TEST_F(ConnectionSetUp, ChangesNeitherErrorFlagNorFailureCount)
 {
     settings.retryLimit = 0;
     settings.failureCount = 1;
@@ -626,7 +627,7 @@ TEST_F(SetUp, TouchesNoStateOfAFailure)
                                       wire::forwardOpenReply(2, kId)};
         for (const QByteArray& reply : replies) {
             ComCommunication();
-            give(reply);
+            deliver(reply);
             EXPECT_EQ(PLC_driver.errorFlag, failed);
             EXPECT_EQ(settings.failureCount, 1);
         }
@@ -636,23 +637,23 @@ TEST_F(SetUp, TouchesNoStateOfAFailure)
     EXPECT_TRUE(refreshed.empty());
 }
 
-TEST_F(SetUp, TakesAReplyWhateverLengthIsAnnounced)
+TEST_F(ConnectionSetUp, IgnoresTheLengthThatTheHostPasses)
 {
     QByteArray reply = wire::identityReply(1);
     EXPECT_EQ(DataCom(&reply, 0)->retValue, 1);
     EXPECT_EQ(settings.framesAnswered, 1);
 }
 
-TEST_F(SetUp, GivesUpAtAnIdentityReplyThatIsNone)
+TEST_F(ConnectionSetUp, GivesUpAtAnInvalidIdentityReply)
 {
-    EXPECT_EQ(give("garbage"), 201);
+    EXPECT_EQ(deliver("garbage"), 201);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
     EXPECT_EQ(settings.framesAnswered, 0);
-    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 2) << "it was looked at";
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 2) << "the reply was parsed";
     EXPECT_EQ(tnsOf(ComCommunication()->frame), 2);
 }
 
-TEST_F(SetUp, CountsSilenceAndANullReplyAsNoAnswer)
+TEST_F(ConnectionSetUp, TreatsATimeOutAndANullReplyAsNoAnswer)
 {
     EXPECT_EQ(timeOut(), 201);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
@@ -661,14 +662,14 @@ TEST_F(SetUp, CountsSilenceAndANullReplyAsNoAnswer)
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
 }
 
-TEST_F(SetUp, ResendsTheConnectionRequestThreeTimesWithItsPresentNumber)
+TEST_F(ConnectionSetUp, ResendsTheConnectionRequestThreeTimesWithTheCurrentTransactionNumber)
 {
-    give(wire::identityReply(1));
+    deliver(wire::identityReply(1));
     const int sendLength = head().sendLength;
     for (quint16 tns = 3; tns <= 5; ++tns) {
         EXPECT_EQ(timeOut(), 201);
         ASSERT_EQ(PLC_driver.sendQueue.size(), 1);
-        EXPECT_EQ(tnsOf(head().frame), tns) << "and its CRC is right";
+        EXPECT_EQ(tnsOf(head().frame), tns) << "and its CRC is correct";
         EXPECT_EQ(head().sendLength, sendLength);
         EXPECT_EQ(settings.framesAnswered, 1);
     }
@@ -677,9 +678,9 @@ TEST_F(SetUp, ResendsTheConnectionRequestThreeTimesWithItsPresentNumber)
     EXPECT_FALSE(getHandshakeInformation(1));
 }
 
-TEST_F(SetUp, ResendsTheRequestInFlightAndNoOther)
+TEST_F(ConnectionSetUp, ResendsOnlyTheRequestInFlight)
 {
-    give(wire::identityReply(1));
+    deliver(wire::identityReply(1));
     PLC_driver.sendQueue.append(head());
     const QByteArray second = PLC_driver.sendQueue.last().frame;
     EXPECT_EQ(timeOut(), 201);
@@ -688,10 +689,10 @@ TEST_F(SetUp, ResendsTheRequestInFlightAndNoOther)
     EXPECT_BYTES(PLC_driver.sendQueue.last().frame, second);
 }
 
-TEST_F(SetUp, CountsTheAttemptsOfTheNextConnectionRequestAnew)
+TEST_F(ConnectionSetUp, RestartsTheAttemptCountForTheNextConnectionRequest)
 {
     for (int round = 0; round < 2; ++round) {
-        give(wire::identityReply(1));
+        deliver(wire::identityReply(1));
         for (int i = 0; i < 3; ++i) {
             timeOut();
             EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
@@ -702,20 +703,20 @@ TEST_F(SetUp, CountsTheAttemptsOfTheNextConnectionRequestAnew)
     }
 }
 
-TEST_F(SetUp, AcceptsTheConnectionAfterAResend)
+TEST_F(ConnectionSetUp, AcceptsTheConnectionAfterAResend)
 {
-    give(wire::identityReply(1));
+    deliver(wire::identityReply(1));
     timeOut();
     timeOut();
-    EXPECT_EQ(give(wire::forwardOpenReply(4, hex("10 10"))), 1);
+    EXPECT_EQ(deliver(wire::forwardOpenReply(4, hex("10 10"))), 1);
     EXPECT_TRUE(getHandshakeInformation(1));
     EXPECT_BYTES(PLCDataStorage[1].connectionId, hex("10 10"));
 }
 
-TEST_F(SetUp, TakesARefusedConnectionForAnAcceptedOneAsIsKnown)
+TEST_F(ConnectionSetUp, AcceptsARefusedConnectionWhichIsAKnownBehaviour)
 {
-    give(wire::identityReply(1));
-    EXPECT_EQ(give(wire::framed(hex("01 00 4B 00 02 00 00 00 D4 00 01 01 00 01 00 00"))), 1);
+    deliver(wire::identityReply(1));
+    EXPECT_EQ(deliver(wire::framed(hex("01 00 4B 00 02 00 00 00 D4 00 01 01 00 01 00 00"))), 1);
     EXPECT_TRUE(getHandshakeInformation(1));
     EXPECT_BYTES(PLCDataStorage[1].connectionId, hex("00 01"));
 }

@@ -1,5 +1,5 @@
-// The empty hooks for remote links and local areas: this program puts its own in their place, as
-// the loader lets any program do, to see when and with what they are called.
+// The driver's hooks for remote links and local areas are empty. This program replaces them, as the
+// loader allows any program to do, and records when and with which arguments they are called.
 
 #include "driver_fixture.h"
 
@@ -16,7 +16,7 @@ struct Call
 };
 std::vector<Call> calls;
 
-void note(const char* hook, const RW_VAR* request)
+void record(const char* hook, const RW_VAR* request)
 {
     calls.push_back({hook, request, request ? request->data : QByteArray(),
                      PLC_driver.sendQueue.size(), PLC_driver.writeBurst, PLC_driver.onceBurst});
@@ -26,17 +26,17 @@ void note(const char* hook, const RW_VAR* request)
 
 void Remote_ReadVar(RW_VAR* request)
 {
-    note("read", request);
+    record("read", request);
 }
 
 void Remote_WriteVar(RW_VAR* request)
 {
-    note("write", request);
+    record("write", request);
 }
 
 void WriteDataToLocal(RW_VAR* request)
 {
-    note("local", request);
+    record("local", request);
 }
 
 namespace {
@@ -51,7 +51,10 @@ protected:
     }
 };
 
-TEST_F(Hooks, ForRemoteLinksGetTheHeadOfTheListBeingServed)
+using RemoteHooks = Hooks;
+using LocalAreaHook = Hooks;
+
+TEST_F(RemoteHooks, ReceiveTheHeadOfTheListBeingServed)
 {
     settings.remoteMode = 1;
     PLC_driver.writeList.append(writeOf("a", "x"));
@@ -75,9 +78,9 @@ TEST_F(Hooks, ForRemoteLinksGetTheHeadOfTheListBeingServed)
     EXPECT_EQ(calls[2].request, &PLC_driver.readList.first());
 }
 
-TEST_F(Hooks, ForRemoteLinksPassOverTheRequestsOfADisabledStation)
+TEST_F(RemoteHooks, SkipTheRequestsOfADisabledStation)
 {
-    const auto enabledBehindDisabled = [this](QList<RW_VAR>& list) {
+    const auto appendDisabledThenEnabled = [this](QList<RW_VAR>& list) {
         RW_VAR disabled = readOf("a");
         disabled.stationNo = 2;
         list.append(disabled);
@@ -86,22 +89,22 @@ TEST_F(Hooks, ForRemoteLinksPassOverTheRequestsOfADisabledStation)
     settings.remoteMode = 1;
     EnCommStation(2, 0);
     for (QList<RW_VAR>* list : {&PLC_driver.writeList, &PLC_driver.onceReadList}) {
-        enabledBehindDisabled(*list);
+        appendDisabledThenEnabled(*list);
         ComCommunication();
-        ASSERT_EQ(list->size(), 1) << "that of the disabled station is deleted";
+        ASSERT_EQ(list->size(), 1) << "the request of the disabled station is deleted";
         EXPECT_EQ(list->first().tagName, QString("b"));
         EXPECT_EQ(calls.back().request, &list->first());
         list->clear();
     }
-    enabledBehindDisabled(PLC_driver.readList);
+    appendDisabledThenEnabled(PLC_driver.readList);
     ComCommunication();
-    ASSERT_EQ(PLC_driver.readList.size(), 2) << "a cyclic one is rotated";
+    ASSERT_EQ(PLC_driver.readList.size(), 2) << "a cyclic request is rotated";
     EXPECT_EQ(PLC_driver.readList.first().tagName, QString("b"));
     EXPECT_EQ(calls.back().request, &PLC_driver.readList.first());
     EXPECT_EQ(calls.size(), 3u);
 }
 
-TEST_F(Hooks, ForRemoteLinksAreNotCalledWhereEveryStationIsDisabled)
+TEST_F(RemoteHooks, AreNotCalledWhenEveryStationIsDisabled)
 {
     settings.remoteMode = 1;
     EnCommStation(1, 0);
@@ -116,7 +119,7 @@ TEST_F(Hooks, ForRemoteLinksAreNotCalledWhereEveryStationIsDisabled)
     EXPECT_EQ(PLC_driver.readList.size(), 1);
 }
 
-TEST_F(Hooks, ForRemoteLinksAreCalledBeforeTheBurstIsCounted)
+TEST_F(RemoteHooks, AreCalledBeforeTheBurstIsCounted)
 {
     settings.remoteMode = 1;
     PLC_driver.writeList.append(writeOf("a", "x"));
@@ -134,14 +137,14 @@ TEST_F(Hooks, ForRemoteLinksAreCalledBeforeTheBurstIsCounted)
     EXPECT_EQ(calls[2].onceBurst, 1);
 }
 
-TEST_F(Hooks, ForRemoteLinksAreNotCalledOnALocalOne)
+TEST_F(RemoteHooks, AreNotCalledOnALocalLink)
 {
     PLC_driver.readList.append(readOf("c"));
     ComCommunication();
     EXPECT_TRUE(calls.empty());
 }
 
-TEST_F(Hooks, ForLocalAreasGetAWriteAsItWasSentUnlessTheLastTransactionFailed)
+TEST_F(LocalAreaHook, ReceivesAWriteAsSentUnlessTheLastTransactionFailed)
 {
     confirm("T", 2, 0xC2);
     RW_VAR request = writeOf("T", hex("11 00"));
@@ -158,9 +161,9 @@ TEST_F(Hooks, ForLocalAreasGetAWriteAsItWasSentUnlessTheLastTransactionFailed)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 2);
 }
 
-TEST_F(Hooks, ForLocalAreasGetAWriteBehindTheNoticeToRefresh)
+TEST_F(LocalAreaHook, IsCalledAfterTheRefreshCallback)
 {
-    PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) { note("refresh", nullptr); };
+    PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) { record("refresh", nullptr); };
     RW_VAR request = writeOf("T", hex("01"));
     WriteRegister(&request);
     ASSERT_EQ(calls.size(), 2u);

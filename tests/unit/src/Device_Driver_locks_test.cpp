@@ -1,4 +1,4 @@
-// Which of the driver's three locks each entry point takes, and what it does without them.
+// Which locks each entry point takes: the host's three named ones and the driver's own two.
 
 #include "dispatcher_fixture.h"
 #include "lock_witness.h"
@@ -14,34 +14,35 @@ namespace {
 class Locks : public DispatcherTest
 {
 protected:
-    static int timesList(const LockWitness& witness)
+    static int timesListLocked(const LockWitness& witness)
     {
         return witness.timesLocked(PLC_driver.listMutex);
     }
-    static int timesData(const LockWitness& witness)
+    static int timesDataLocked(const LockWitness& witness)
     {
         return witness.timesLocked(PLC_driver.dataMutex);
     }
-    static int timesStation(const LockWitness& witness)
+    static int timesStationLocked(const LockWitness& witness)
     {
         return witness.timesLocked(PLC_driver.stationMutex);
     }
-    static bool noneNamed(const LockWitness& witness)
+    static bool tookNoNamedLock(const LockWitness& witness)
     {
-        return timesList(witness) + timesData(witness) + timesStation(witness) == 0 &&
+        return timesListLocked(witness) + timesDataLocked(witness) + timesStationLocked(witness) ==
+                   0 &&
                witness.balanced();
     }
-    /// All that was locked, but the list lock, was locked while that was held.
-    static bool allWithinTheListLock(const LockWitness& witness)
+    /// The list lock was taken once, and every other lock was taken while it was held.
+    static bool onlyWithinTheListLock(const LockWitness& witness)
     {
         for (const QMutex* mutex : witness.locked()) {
             if (mutex != &PLC_driver.listMutex && !witness.nested(PLC_driver.listMutex, *mutex))
                 return false;
         }
-        return timesList(witness) == 1 && witness.balanced() &&
+        return timesListLocked(witness) == 1 && witness.balanced() &&
                witness.locked().front() == &PLC_driver.listMutex;
     }
-    /// The list was changed, and never without this lock.
+    /// The list was changed, and only while this lock was held.
     template<typename List>
     static bool changedUnder(const QMutex& mutex, const LockWitness& witness, const List& list)
     {
@@ -55,13 +56,13 @@ protected:
         }
         return changes > 0;
     }
-    void holdAll()
+    void lockAll()
     {
         for (QMutex* mutex :
              {&PLC_driver.listMutex, &PLC_driver.dataMutex, &PLC_driver.stationMutex})
             mutex->lock();
     }
-    void releaseAll()
+    void unlockAll()
     {
         for (QMutex* mutex :
              {&PLC_driver.listMutex, &PLC_driver.dataMutex, &PLC_driver.stationMutex})
@@ -69,22 +70,38 @@ protected:
     }
 };
 
+using DisablingAStation = Locks;
+using Configuring = Locks;
+using ConstantEntryPoints = Locks;
+using CatalogueAccess = Locks;
+using QueueingAWrite = Locks;
+using QueueingAOneShotRead = Locks;
+using RebuildingTheCyclicList = Locks;
+using ReadingAValue = Locks;
+using SettingAValue = Locks;
+using Encoders = Locks;
+using ChoosingTheNextRequest = Locks;
+using RefreshCallback = Locks;
+using HandlingAReply = Locks;
+using HandlingAFailure = Locks;
+using SettingUpAConnection = Locks;
+
 // ---- Configuration -----------------------------------------------------------------------------
 
-TEST_F(Locks, OfTheStationsAloneAreTakenToDisableAndToAsk)
+TEST_F(DisablingAStation, TakesOnlyTheStationLock)
 {
     LockWitness witness;
     EnCommStation(3, 0);
-    EXPECT_EQ(timesStation(witness), 1);
+    EXPECT_EQ(timesStationLocked(witness), 1);
     EXPECT_TRUE(Ethernetcontains(3));
-    EXPECT_EQ(timesStation(witness), 2);
+    EXPECT_EQ(timesStationLocked(witness), 2);
     EnCommStation(-1, 0);
-    EXPECT_EQ(timesStation(witness), 3);
+    EXPECT_EQ(timesStationLocked(witness), 3);
     EXPECT_EQ(witness.locked().size(), 3u);
     EXPECT_TRUE(witness.balanced());
 }
 
-TEST_F(Locks, AreNotTakenToConfigure)
+TEST_F(Configuring, TakesNoLock)
 {
     int area = 0;
     LockWitness witness;
@@ -94,9 +111,9 @@ TEST_F(Locks, AreNotTakenToConfigure)
     EXPECT_TRUE(witness.locked().empty());
 }
 
-TEST_F(Locks, AreNotTakenByTheEntryPointsWithAConstantAnswer)
+TEST_F(ConstantEntryPoints, TakeNoLock)
 {
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     PLC_driver.errorFlag = true;
     RW_VAR request = distinctRequest("T");
     const std::string before = fieldsOf(request);
@@ -110,49 +127,50 @@ TEST_F(Locks, AreNotTakenByTheEntryPointsWithAConstantAnswer)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
-TEST_F(Locks, AreNotNeededByTheCatalogue)
+TEST_F(CatalogueAccess, TakesNoNamedLock)
 {
     RW_VAR request = readOf("T");
-    holdAll();
+    lockAll();
     LockWitness witness;
     declareIndexed("T");
     EXPECT_TRUE(getPassVarName("T"));
     EXPECT_EQ(updateRwVar(&request), 1);
-    EXPECT_TRUE(noneNamed(witness));
-    releaseAll();
+    EXPECT_TRUE(tookNoNamedLock(witness));
+    unlockAll();
 }
 
 // ---- Lists and values --------------------------------------------------------------------------
 
-TEST_F(Locks, OfTheListsAreHeldToQueueAWrite)
+TEST_F(QueueingAWrite, HoldsTheListLock)
 {
     RW_VAR request = writeOf("T", "x");
     for (int mode : {0, 0, 0, 1}) {
-        // A record that is overwritten is seen as well: its list becomes a copy of its own.
+        // While a copy of the list exists, overwriting a record detaches the list, so it is seen
+        // too.
         const QList<RW_VAR> shared = PLC_driver.writeList;
         LockWitness witness;
         AddListWriteVar(&request, mode);
-        EXPECT_TRUE(allWithinTheListLock(witness));
+        EXPECT_TRUE(onlyWithinTheListLock(witness));
         EXPECT_TRUE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.writeList));
     }
 }
 
-TEST_F(Locks, OfTheListsAreHeldToQueueAnUnchangedOneShotOnly)
+TEST_F(QueueingAOneShotRead, HoldsTheListLockOnlyInModeOne)
 {
     RW_VAR request = readOf("T");
     {
         LockWitness witness;
         AddListOnceReadVar(&request, 1);
-        EXPECT_TRUE(allWithinTheListLock(witness));
+        EXPECT_TRUE(onlyWithinTheListLock(witness));
         EXPECT_TRUE(changedUnder(PLC_driver.listMutex, witness, PLC_driver.onceReadList));
     }
     LockWitness witness;
     AddListOnceReadVar(&request, 0);
     AddListReadVar(&request);
-    EXPECT_TRUE(noneNamed(witness));
+    EXPECT_TRUE(tookNoNamedLock(witness));
 }
 
-TEST_F(Locks, OfTheListsAreHeldWhileTheCyclicListIsRebuilt)
+TEST_F(RebuildingTheCyclicList, HoldsTheListLock)
 {
     QList<HOSTVAR> variables;
     for (const bool empty : {true, false}) {
@@ -164,12 +182,12 @@ TEST_F(Locks, OfTheListsAreHeldWhileTheCyclicListIsRebuilt)
         LockWitness witness;
         witness.watch([] { return PLC_driver.readList.size(); }, PLC_driver.listMutex);
         EXPECT_EQ(ReCreatReadVarList(&variables), empty ? 0 : 1);
-        EXPECT_TRUE(allWithinTheListLock(witness)) << empty;
+        EXPECT_TRUE(onlyWithinTheListLock(witness)) << empty;
         EXPECT_EQ(witness.unguardedValueChanges(), 0) << empty;
     }
 }
 
-TEST_F(Locks, OfTheValuesAreHeldForAWholeRead)
+TEST_F(ReadingAValue, HoldsTheValueLockThroughout)
 {
     confirm("T", 3, 0xC3);
     PLCDataStorage[1].tagData["T"] = hex("01 02");
@@ -178,24 +196,24 @@ TEST_F(Locks, OfTheValuesAreHeldForAWholeRead)
         LockWitness witness;
         EXPECT_EQ(GetRegisterData(tag, 0, "0", 1, out, 1), tag == QString("T") ? 1 : 0);
         EXPECT_EQ(witness.locked().front(), &PLC_driver.dataMutex);
-        EXPECT_EQ(timesData(witness), 1);
-        EXPECT_EQ(timesList(witness), 0);
+        EXPECT_EQ(timesDataLocked(witness), 1);
+        EXPECT_EQ(timesListLocked(witness), 0);
         for (std::size_t i = 1; i < witness.locked().size(); ++i)
             EXPECT_TRUE(witness.nested(PLC_driver.dataMutex, *witness.locked()[i]));
         EXPECT_TRUE(witness.balanced());
     }
 }
 
-TEST_F(Locks, OfTheListsAloneAreTakenToSetAValueAndOnlyToQueueIt)
+TEST_F(SettingAValue, TakesOnlyTheListLockAndOnlyToQueueTheWrite)
 {
     const QByteArray value = "x";
     for (int mode : {2, 0}) {
         settings.writeMode = mode;
         LockWitness witness;
         SetRegisterData("T", 5, "0", 1, value, 1, 3, 1);
-        EXPECT_EQ(timesList(witness), mode == 2 ? 1 : 0);
-        EXPECT_EQ(timesData(witness), 0);
-        EXPECT_EQ(timesStation(witness), 0);
+        EXPECT_EQ(timesListLocked(witness), mode == 2 ? 1 : 0);
+        EXPECT_EQ(timesDataLocked(witness), 0);
+        EXPECT_EQ(timesStationLocked(witness), 0);
         EXPECT_NE(witness.locked().front(), &PLC_driver.listMutex)
             << "the request is completed first";
         EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *witness.locked().front()));
@@ -203,20 +221,20 @@ TEST_F(Locks, OfTheListsAloneAreTakenToSetAValueAndOnlyToQueueIt)
     }
 }
 
-TEST_F(Locks, AreNotTakenByTheEncoders)
+TEST_F(Encoders, TakeNoNamedLock)
 {
     RW_VAR read = readOf("T"), write = writeOf("T", "x");
     LockWitness witness;
     ReadRegister(&read);
     WriteRegister(&write);
     HandshakeFunction(1);
-    EXPECT_TRUE(noneNamed(witness));
+    EXPECT_TRUE(tookNoNamedLock(witness));
     EXPECT_EQ(PLC_driver.sendQueue.size(), 4);
 }
 
 // ---- Poll cycle --------------------------------------------------------------------------------
 
-TEST_F(Locks, OfTheListsAreHeldToChooseTheNextRequestOfAnyList)
+TEST_F(ChoosingTheNextRequest, HoldsTheListLockForAnyList)
 {
     for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
         PLC_driver.sendQueue.clear();
@@ -224,89 +242,89 @@ TEST_F(Locks, OfTheListsAreHeldToChooseTheNextRequestOfAnyList)
         PLC_driver.writeList.clear();
         PLC_driver.onceReadList.clear();
         LockWitness witness;
-        EXPECT_NE(fly(list == kWrite ? writeOf("T", "x") : readOf("T"), list), nullptr);
-        EXPECT_TRUE(allWithinTheListLock(witness)) << list;
+        EXPECT_NE(send(list == kWrite ? writeOf("T", "x") : readOf("T"), list), nullptr);
+        EXPECT_TRUE(onlyWithinTheListLock(witness)) << list;
         EXPECT_TRUE(witness.nested(PLC_driver.listMutex, PLC_driver.stationMutex));
         EXPECT_FALSE(witness.nested(PLC_driver.stationMutex, PLC_driver.listMutex));
     }
 }
 
-TEST_F(Locks, OfTheListsAreHeldWhereEveryStationIsDisabled)
+TEST_F(ChoosingTheNextRequest, HoldsTheListLockWhenEveryStationIsDisabled)
 {
     EnCommStation(1, 0);
     PLC_driver.readList.append(readOf("T"));
     LockWitness witness;
     EXPECT_EQ(ComCommunication(), nullptr);
-    EXPECT_TRUE(allWithinTheListLock(witness));
+    EXPECT_TRUE(onlyWithinTheListLock(witness));
 }
 
-TEST_F(Locks, AreNotTakenForAPendingFrame)
+TEST_F(ChoosingTheNextRequest, TakesNoNamedLockWhileAFrameIsPending)
 {
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     LockWitness witness;
     ComCommunication();
-    EXPECT_TRUE(noneNamed(witness));
+    EXPECT_TRUE(tookNoNamedLock(witness));
 }
 
-TEST_F(Locks, OfTheListsAreHeldWhenAQueuedWriteIsTold)
+TEST_F(RefreshCallback, RunsUnderTheListLockWhenAWriteIsSent)
 {
     static bool held;
     held = false;
     PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) {
         held = !PLC_driver.listMutex.tryLock();
     };
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     EXPECT_TRUE(held);
 }
 
-TEST_F(Locks, OfTheListsAreTakenForACompletionAndNotBefore)
+TEST_F(HandlingAReply, TakesTheListLockOnlyToCompleteTheRequest)
 {
     {
         LockWitness witness;
-        give(kGood);
-        EXPECT_EQ(timesList(witness), 0) << "nothing in flight";
+        deliver(kGood);
+        EXPECT_EQ(timesListLocked(witness), 0) << "nothing in flight";
     }
-    fly(readOf("T"), kCyclicRead);
+    send(readOf("T"), kCyclicRead);
     for (const QByteArray& reply : {kBad, kGood}) {
         LockWitness witness;
         QByteArray bytes = reply;
         DataCom(&bytes, bytes.size());
-        EXPECT_TRUE(noneNamed(witness)) << "judged only";
+        EXPECT_TRUE(tookNoNamedLock(witness)) << "the reply is only checked";
     }
     LockWitness witness;
     QByteArray bytes = kGood;
     DataCom(&bytes, bytes.size());
-    EXPECT_EQ(timesList(witness), 1);
+    EXPECT_EQ(timesListLocked(witness), 1);
     EXPECT_FALSE(witness.nested(PLC_driver.listMutex, PLC_driver.dataMutex));
     EXPECT_TRUE(witness.balanced());
 }
 
-TEST_F(Locks, OfTheListsAreTakenOnceForAFrameThatOthersFollow)
+TEST_F(HandlingAReply, TakesTheListLockOnceForAFrameThatOthersFollow)
 {
-    fly(writeOf("T", "x"), kWrite);
+    send(writeOf("T", "x"), kWrite);
     PLC_driver.sendQueue.append(PLC_driver.sendQueue.first());
     settings.frameCount = 2;
-    give(kGood);
+    deliver(kGood);
     LockWitness witness;
     QByteArray bytes = kGood;
     DataCom(&bytes, bytes.size());
     EXPECT_EQ(PLC_driver.writeList.size(), 1);
-    EXPECT_EQ(timesList(witness), 1);
+    EXPECT_EQ(timesListLocked(witness), 1);
     EXPECT_TRUE(witness.balanced());
 }
 
-TEST_F(Locks, OfTheListsAreTakenOnceForAFailureWithinTheLimitAndBeyond)
+TEST_F(HandlingAFailure, TakesTheListLockOnceWithinTheRetryLimitAndBeyond)
 {
-    flyUnanswerable(readOf("T"), kCyclicRead);
+    sendUnanswerable(readOf("T"), kCyclicRead);
     for (int i = 0; i <= settings.retryLimit; ++i) {
         LockWitness witness;
         timeOut();
-        EXPECT_EQ(timesList(witness), 1) << i;
+        EXPECT_EQ(timesListLocked(witness), 1) << i;
         EXPECT_TRUE(witness.balanced());
     }
 }
 
-TEST_F(Locks, AreNotTakenByAConnectionSetUp)
+TEST_F(SettingUpAConnection, TakesNoNamedLock)
 {
     HandshakeFunction(2);
     for (const QByteArray& reply :
@@ -315,67 +333,70 @@ TEST_F(Locks, AreNotTakenByAConnectionSetUp)
         LockWitness witness;
         QByteArray bytes = reply;
         DataCom(&bytes, bytes.size());
-        EXPECT_TRUE(noneNamed(witness));
+        EXPECT_TRUE(tookNoNamedLock(witness));
     }
     EXPECT_TRUE(getHandshakeInformation(2));
 }
 
-// ---- The locks inside the library -------------------------------------------------------------
+// ---- The driver's leaf locks -------------------------------------------------------------------
 
-// What the threads share without a named lock stands under a lock of the library's own, one for the
+// Data that threads share without a named lock has a leaf lock inside the driver: one for the
 // lists, one for the store.
-class OwnLocks : public Locks
+class LeafLocks : public Locks
 {
 protected:
-    OwnLocks()
+    LeafLocks()
     {
         LockWitness witness;
         AddListReadVar(nullptr);
-        ofTheLists = witness.locked().at(0);
+        listLeaf = witness.locked().at(0);
         addPlcNumber(1);
-        ofTheStore = witness.locked().at(1);
+        storeLeaf = witness.locked().at(1);
     }
-    /// The list was changed, and never without the library's lock of the lists.
-    template<typename List> bool guarded(const LockWitness& witness, const List& list) const
+    /// The list was changed, and only while the leaf lock of the lists was held.
+    template<typename List>
+    bool changedUnderTheListLeaf(const LockWitness& witness, const List& list) const
     {
-        return changedUnder(*ofTheLists, witness, list);
+        return changedUnder(*listLeaf, witness, list);
     }
-    int times(const LockWitness& witness) const { return witness.timesLocked(*ofTheLists); }
-    bool lastFailed()
+    int times(const LockWitness& witness) const { return witness.timesLocked(*listLeaf); }
+    bool errorFlagIsSet()
     {
-        QMutexLocker lock(const_cast<QMutex*>(ofTheLists));
+        QMutexLocker lock(const_cast<QMutex*>(listLeaf));
         return PLC_driver.errorFlag;
     }
 
-    const QMutex* ofTheLists;
-    const QMutex* ofTheStore;
+    const QMutex* listLeaf;
+    const QMutex* storeLeaf;
 };
 
-TEST_F(OwnLocks, AreTwo)
+using StoreLeafLock = LeafLocks;
+
+TEST_F(LeafLocks, AreTwoAndDifferFromTheNamedLocks)
 {
-    EXPECT_NE(ofTheLists, ofTheStore);
-    for (const QMutex* own : {ofTheLists, ofTheStore}) {
+    EXPECT_NE(listLeaf, storeLeaf);
+    for (const QMutex* own : {listLeaf, storeLeaf}) {
         EXPECT_NE(own, &PLC_driver.listMutex);
         EXPECT_NE(own, &PLC_driver.dataMutex);
         EXPECT_NE(own, &PLC_driver.stationMutex);
     }
 }
 
-TEST_F(OwnLocks, GuardEveryRecordThatIsQueued)
+TEST_F(LeafLocks, GuardEveryAppendedRequest)
 {
     RW_VAR request = readOf("T");
     QList<HOSTVAR> variables = {HOSTVAR()};
     LockWitness witness;
     AddListReadVar(&request);
-    EXPECT_TRUE(guarded(witness, PLC_driver.readList));
+    EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.readList));
     AddListOnceReadVar(&request, 0);
     AddListOnceReadVar(&request, 1);
     ReCreatReadVarList(&variables);
-    EXPECT_TRUE(guarded(witness, PLC_driver.onceReadList));
-    EXPECT_TRUE(guarded(witness, PLC_driver.readList));
+    EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.onceReadList));
+    EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.readList));
 }
 
-TEST_F(OwnLocks, GuardEveryLookAtAHead)
+TEST_F(LeafLocks, GuardEveryReadOfTheHeadOfAList)
 {
     for (int list : {int(kCyclicRead), int(kOneShotRead)}) {
         PLC_driver.sendQueue.clear();
@@ -383,56 +404,58 @@ TEST_F(OwnLocks, GuardEveryLookAtAHead)
             list == kCyclicRead ? PLC_driver.readList : PLC_driver.onceReadList;
         PLC_driver.readList.clear();
         requests.append(readOf("T"));
-        const QList<RW_VAR> shared = requests; // a head that could be changed is a copy of its own
+        const QList<RW_VAR> shared = requests; // so that a non-const access detaches
         LockWitness witness;
         ComCommunication();
-        EXPECT_TRUE(guarded(witness, requests));
+        EXPECT_TRUE(changedUnderTheListLeaf(witness, requests));
     }
 }
 
-TEST_F(OwnLocks, GuardEveryRequestThatIsTurnedOrDropped)
+TEST_F(LeafLocks, GuardEveryRequestThatIsRotatedOrDropped)
 {
     EnCommStation(2, 0);
-    PLC_driver.readList.append(numbered(readOf("a"), 1, 1, 2));
+    PLC_driver.readList.append(ofVariable(readOf("a"), 1, 1, 2));
     PLC_driver.readList.append(readOf("b"));
     {
         LockWitness witness;
         ComCommunication();
-        EXPECT_TRUE(guarded(witness, PLC_driver.readList)) << "turned for its station";
+        EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.readList))
+            << "rotated because of its station";
     }
     {
         LockWitness witness;
         answer(kGood);
-        EXPECT_TRUE(guarded(witness, PLC_driver.readList)) << "turned when it was answered";
+        EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.readList))
+            << "rotated when it was answered";
     }
-    PLC_driver.onceReadList.append(numbered(readOf("c"), 1, 1, 2));
-    PLC_driver.onceReadList.append(numbered(readOf("d"), 1, 1));
-    PLC_driver.onceReadList.append(numbered(readOf("e"), 1, 1));
+    PLC_driver.onceReadList.append(ofVariable(readOf("c"), 1, 1, 2));
+    PLC_driver.onceReadList.append(ofVariable(readOf("d"), 1, 1));
+    PLC_driver.onceReadList.append(ofVariable(readOf("e"), 1, 1));
     LockWitness witness;
     ComCommunication();
-    failForGood();
+    failBeyondTheLimit();
     EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
-    EXPECT_TRUE(guarded(witness, PLC_driver.onceReadList));
+    EXPECT_TRUE(changedUnderTheListLeaf(witness, PLC_driver.onceReadList));
 }
 
-TEST_F(OwnLocks, GuardEveryValueThatTheThreadsShare)
+TEST_F(LeafLocks, GuardEveryWordThatTheThreadsShare)
 {
     const auto watchAll = [this](LockWitness& witness) {
-        witness.watch([this] { return settings.passComplete; }, *ofTheLists);
-        witness.watch([] { return PLC_driver.readCycleCount; }, *ofTheLists);
-        witness.watch([] { return int(PLC_driver.errorFlag); }, *ofTheLists);
+        witness.watch([this] { return settings.passComplete; }, *listLeaf);
+        witness.watch([] { return PLC_driver.readCycleCount; }, *listLeaf);
+        witness.watch([] { return int(PLC_driver.errorFlag); }, *listLeaf);
     };
     LockWitness witness;
     watchAll(witness);
     ComCommunication();
     EXPECT_EQ(settings.passComplete, 1);
-    flyUnanswerable(readOf("T"), kCyclicRead);
+    sendUnanswerable(readOf("T"), kCyclicRead);
     timeOut();
     EXPECT_TRUE(PLC_driver.errorFlag);
     EXPECT_EQ(settings.passComplete, 0);
     for (int i = 0; i < 2; ++i) {
         PLC_driver.sendQueue.first().replyLength = kGood.size();
-        give(kGood);
+        deliver(kGood);
         EXPECT_EQ(PLC_driver.readCycleCount, 1 - i);
         ComCommunication();
     }
@@ -444,23 +467,23 @@ TEST_F(OwnLocks, GuardEveryValueThatTheThreadsShare)
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
-TEST_F(OwnLocks, GuardTheCyclicListWhileItIsEmptied)
+TEST_F(LeafLocks, GuardTheCyclicListWhileItIsEmptied)
 {
     PLC_driver.readList.append(readOf("T"));
     QList<HOSTVAR> none;
     LockWitness witness;
-    witness.watch([] { return PLC_driver.readList.size(); }, *ofTheLists);
+    witness.watch([] { return PLC_driver.readList.size(); }, *listLeaf);
     ReCreatReadVarList(&none);
     EXPECT_TRUE(PLC_driver.readList.isEmpty());
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
-TEST_F(OwnLocks, GuardTheCyclicListWhileRunsAreAppended)
+TEST_F(LeafLocks, GuardTheCyclicListWhileRunsAreAppended)
 {
     RW_VAR run = readOf("T", 0, 20);
     QList<RW_VAR> group = {run};
     LockWitness witness;
-    witness.watch([] { return PLC_driver.readList.size(); }, *ofTheLists);
+    witness.watch([] { return PLC_driver.readList.size(); }, *listLeaf);
     addressAdd(run, 15, true);
     EXPECT_EQ(PLC_driver.readList.size(), 2);
     BitVarReCreat(group, 15);
@@ -469,99 +492,101 @@ TEST_F(OwnLocks, GuardTheCyclicListWhileRunsAreAppended)
     EXPECT_EQ(times(witness), 2);
 }
 
-TEST_F(OwnLocks, GuardTheCycleWhileItIsBegunAnew)
+TEST_F(LeafLocks, GuardTheCycleWhileItIsRestarted)
 {
     PLC_driver.readCycleCount = 5;
     settings.passComplete = 1;
     QList<HOSTVAR> variables = {HOSTVAR()};
     LockWitness witness;
-    witness.watch([] { return PLC_driver.readCycleCount; }, *ofTheLists);
-    witness.watch([this] { return settings.passComplete; }, *ofTheLists);
+    witness.watch([] { return PLC_driver.readCycleCount; }, *listLeaf);
+    witness.watch([this] { return settings.passComplete; }, *listLeaf);
     ReCreatReadVarList(&variables);
     EXPECT_EQ(PLC_driver.readCycleCount, 0);
     EXPECT_EQ(settings.passComplete, 0);
     EXPECT_EQ(witness.unguardedValueChanges(), 0);
 }
 
-// Steps of which nothing but the lock can be seen are counted; more of them do no harm.
+// Of these steps a test can see only the lock, so it counts how often the lock is taken. More often
+// does no harm.
 
-TEST_F(OwnLocks, GuardEachStepOfAnIdleCall)
+TEST_F(LeafLocks, GuardEachStepOfAnIdleCall)
 {
     LockWitness witness;
     ComCommunication();
     EXPECT_GE(times(witness), 3) << "one-shots, cyclic reads, pass complete";
 }
 
-TEST_F(OwnLocks, GuardEachStepOfACompletion)
+TEST_F(LeafLocks, GuardEachStepOfACompletion)
 {
-    fly(readOf("T"), kCyclicRead);
-    give(kGood);
+    send(readOf("T"), kCyclicRead);
+    deliver(kGood);
     {
         LockWitness witness;
-        give(kGood);
-        EXPECT_GE(times(witness), 2) << "no failure, turned";
+        deliver(kGood);
+        EXPECT_GE(times(witness), 2) << "error flag, rotation";
     }
     PLC_driver.readList.clear();
     for (int list : {int(kWrite), int(kOneShotRead)}) {
-        fly(list == kWrite ? writeOf("T", "x") : readOf("T"), list);
-        give(kGood);
+        send(list == kWrite ? writeOf("T", "x") : readOf("T"), list);
+        deliver(kGood);
         LockWitness witness;
-        give(kGood);
-        EXPECT_GE(times(witness), 5) << "no failure, head, last one, told, removed";
+        deliver(kGood);
+        EXPECT_GE(times(witness), 5) << "error flag, head, last entry, report, removal";
     }
 }
 
-TEST_F(OwnLocks, OfTheStoreAreTakenBeforeThatOfTheListsForAnswerAndFailure)
+TEST_F(StoreLeafLock, IsTakenOutsideTheListLockForAnAnswerAndForAFailure)
 {
     settings.retryLimit = 0;
     for (const bool answered : {true, false}) {
         connectStation(1, kId, 0x21);
-        Protocol* head = flyUnanswerable(writeOf("T", "x"), kWrite);
+        Protocol* head = sendUnanswerable(writeOf("T", "x"), kWrite);
         head->replyLength = kGood.size();
         QByteArray bytes = answered ? kGood : QByteArray();
         LockWitness witness;
         DataCom(&bytes, bytes.size());
         EXPECT_TRUE(PLC_driver.writeList.isEmpty());
-        EXPECT_GE(witness.timesLocked(*ofTheStore), 2) << "asked, and counted on or marked lost";
-        EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *ofTheStore));
+        EXPECT_GE(witness.timesLocked(*storeLeaf), 2) << "read, and then advanced or marked lost";
+        EXPECT_FALSE(witness.nested(PLC_driver.listMutex, *storeLeaf));
     }
 }
 
-TEST_F(OwnLocks, LetALateRequestOfTheVariableKeepItFromBeingTold)
+TEST_F(LeafLocks, AllowALateRequestToPostponeTheReportOfItsVariable)
 {
     int locksOfAll = 0;
-    // Behind the look at the list its failure flag is looked at and the request removed.
-    for (int locksBehind : {-1, 1, 2}) {
+    // After the search for further entries, the driver reads the error flag and removes the
+    // request.
+    for (int locksAfter : {-1, 1, 2}) {
         PLC_driver.onceReadList.clear();
         finished.clear();
-        fly(readOf("T"), kOneShotRead);
-        give(kGood);
+        send(readOf("T"), kOneShotRead);
+        deliver(kGood);
         RW_VAR late = readOf("U");
         late.areaType = 6;
         QByteArray reply = kGood;
         LockWitness witness;
-        if (locksBehind >= 0)
+        if (locksAfter >= 0)
             witness.beforeNextLock([&] { AddListOnceReadVar(&late, 0); },
-                                   locksOfAll - 1 - locksBehind);
+                                   locksOfAll - 1 - locksAfter);
         DataCom(&reply, reply.size());
-        EXPECT_EQ(finished.size(), locksBehind == 2 ? 0u : 1u) << locksBehind;
-        EXPECT_EQ(order(PLC_driver.onceReadList), QString(locksBehind >= 0 ? "U" : ""));
+        EXPECT_EQ(finished.size(), locksAfter == 2 ? 0u : 1u) << locksAfter;
+        EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString(locksAfter >= 0 ? "U" : ""));
         locksOfAll = static_cast<int>(witness.locked().size());
     }
 }
 
-TEST_F(OwnLocks, GuardEachStepOfAFailure)
+TEST_F(LeafLocks, GuardEachStepOfAFailure)
 {
     settings.retryLimit = 1;
-    flyUnanswerable(readOf("T"), kCyclicRead);
+    sendUnanswerable(readOf("T"), kCyclicRead);
     for (int least : {1, 3}) {
         LockWitness witness;
         timeOut();
-        EXPECT_GE(times(witness), least) << "failed; turned, one-shots dropped";
+        EXPECT_GE(times(witness), least) << "error flag; rotation, dropped one-shots";
     }
 }
 
-TEST_F(OwnLocks, GuardTheLookAtTheLastFailure)
+TEST_F(LeafLocks, GuardEveryReadOfTheErrorFlag)
 {
     const QByteArray value = "x";
     LockWitness witness;
@@ -572,17 +597,17 @@ TEST_F(OwnLocks, GuardTheLookAtTheLastFailure)
     EXPECT_EQ(times(witness), 2);
 }
 
-TEST_F(OwnLocks, GuardTheLengthOfTheCyclicList)
+TEST_F(LeafLocks, GuardTheLengthOfTheCyclicList)
 {
     QList<HOSTVAR> variables = {HOSTVAR()};
     LockWitness witness;
     ReCreatReadVarList(&variables);
-    EXPECT_EQ(times(witness), 1) << "replaced, cycle restarted and counted in one step";
+    EXPECT_EQ(times(witness), 1) << "one step replaces the list, restarts the cycle and counts";
     ReCreatReadVarList(nullptr);
     EXPECT_EQ(times(witness), 2);
 }
 
-TEST_F(OwnLocks, LetNobodyAppendToACyclicListThatIsHalfMade)
+TEST_F(LeafLocks, PreventAnAppendToAHalfBuiltCyclicList)
 {
     const int rebuilt = 3;
     QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("b", "0", 1), hostVar("c", "0", 1)};
@@ -590,26 +615,26 @@ TEST_F(OwnLocks, LetNobodyAppendToACyclicListThatIsHalfMade)
     std::size_t locks = 1;
     for (std::size_t before = 0; before < locks; ++before) {
         PLC_driver.readList = {readOf("o")};
-        int told = 0;
+        int length = 0;
         LockWitness witness;
-        witness.beforeNextLock([&] { told = AddListReadVar(&late); }, static_cast<int>(before));
+        witness.beforeNextLock([&] { length = AddListReadVar(&late); }, static_cast<int>(before));
         EXPECT_EQ(ReCreatReadVarList(&variables), rebuilt) << before;
-        EXPECT_EQ(told, 2) << "behind the old list, before lock " << before;
-        EXPECT_EQ(order(PLC_driver.readList), QString("abc")) << before;
+        EXPECT_EQ(length, 2) << "appended to the old list, before lock " << before;
+        EXPECT_EQ(tagsOf(PLC_driver.readList), QString("abc")) << before;
         locks = witness.locked().size();
     }
     EXPECT_GT(locks, 2u);
     EXPECT_EQ(AddListReadVar(&late), rebuilt + 1);
 }
 
-TEST_F(OwnLocks, LetNoReplyCompleteACycleOfAListThatIsHalfMade)
+TEST_F(LeafLocks, PreventAReplyFromCompletingTheCycleOfAHalfBuiltList)
 {
     QList<HOSTVAR> variables = {HOSTVAR(), HOSTVAR()};
     std::size_t locks = 1;
     for (std::size_t before = 0; before < locks; ++before) {
         PLC_driver.readList.clear();
-        fly(readOf("old"), kCyclicRead);
-        give(kGood); // judged complete, not yet finished
+        send(readOf("old"), kCyclicRead);
+        deliver(kGood); // checked and complete, not yet stored
         settings.passComplete = 0;
         PLC_driver.errorFlag = true;
         std::thread poll;
@@ -620,19 +645,20 @@ TEST_F(OwnLocks, LetNoReplyCompleteACycleOfAListThatIsHalfMade)
                     QByteArray reply = kGood;
                     DataCom(&reply, reply.size());
                 });
-                while (lastFailed()) // the reply is counted when its success is noted
+                while (errorFlagIsSet()) // DataCom clears the flag when it counts the reply
                     std::this_thread::yield();
             },
             static_cast<int>(before));
         ReCreatReadVarList(&variables);
         poll.join();
-        EXPECT_EQ(settings.passComplete, 0) << "nothing was read of it, before lock " << before;
+        EXPECT_EQ(settings.passComplete, 0)
+            << "no variable of the new list was read, before lock " << before;
         locks = witness.locked().size();
     }
     EXPECT_GT(locks, 2u);
 }
 
-TEST_F(OwnLocks, AreFreeBetweenTwoNamesOfACatalogue)
+TEST_F(LeafLocks, AreReleasedBetweenTwoNamesOfACatalogue)
 {
     QList<varName> names;
     for (const char* name : {"a", "b", "c"}) {
@@ -643,11 +669,12 @@ TEST_F(OwnLocks, AreFreeBetweenTwoNamesOfACatalogue)
     names[1].kind = 1;
     LockWitness witness;
     PassVarName(&names);
-    EXPECT_EQ(witness.timesLocked(*ofTheStore), 2) << "a value waits for one name, not for all";
+    EXPECT_EQ(witness.timesLocked(*storeLeaf), 2)
+        << "a value has to wait for one name, not for all";
     EXPECT_TRUE(getPassVarName("a") && getPassVarName("c"));
 }
 
-TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
+TEST_F(LeafLocks, MakeEveryUseOfTheStoreOneStep)
 {
     declareIndexed("T");
     confirm("T", 3, 0xC3);
@@ -671,7 +698,7 @@ TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
         const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
         LockWitness witness;
         uses[i]();
-        EXPECT_EQ(witness.timesLocked(*ofTheStore), 1) << i;
+        EXPECT_EQ(witness.timesLocked(*storeLeaf), 1) << i;
         EXPECT_EQ(witness.unguardedMapChanges(), 0) << i;
         EXPECT_GT(witness.guardedNameLookups(), 0) << i;
         EXPECT_EQ(witness.unguardedNameLookups(), 0) << i;
@@ -679,14 +706,13 @@ TEST_F(OwnLocks, MakeOneStepOfEveryUseOfTheStore)
     }
 }
 
-// ---- Judging and storing -----------------------------------------------------------------------
+// ---- Storing a reply ---------------------------------------------------------------------------
 
-class StoreLocks : public Locks
+class StoringAReply : public Locks
 {
 protected:
-    /// How often the lock of the values was taken to judge a reply; what else was locked while it
-    /// was held.
-    int timesDataFor(bool local, int length, int accessMode, int reqFlag)
+    /// How often the value lock was taken to check and store a reply.
+    int timesDataLockedFor(bool local, int length, int accessMode, int reqFlag)
     {
         Protocol head;
         head.replyLength = kGood.size();
@@ -699,29 +725,29 @@ protected:
         QByteArray reply = kGood;
         LockWitness witness;
         local ? DealDataOfLocalArea(&reply, length) : DealDataOfRemoteArea(&reply, length);
-        EXPECT_EQ(timesList(witness), 0);
+        EXPECT_EQ(timesListLocked(witness), 0);
         EXPECT_TRUE(witness.balanced());
-        return timesData(witness);
+        return timesDataLocked(witness);
     }
 };
 
-TEST_F(StoreLocks, OfTheValuesAreHeldWhileALocalReplyIsStored)
+TEST_F(StoringAReply, HoldsTheValueLockForALocalReply)
 {
-    EXPECT_EQ(timesDataFor(true, kGood.size(), 0, 1), 1);
+    EXPECT_EQ(timesDataLockedFor(true, kGood.size(), 0, 1), 1);
     EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
 }
 
-TEST_F(StoreLocks, OfTheValuesAreNotTakenWhereNothingIsStored)
+TEST_F(StoringAReply, TakesNoValueLockWhenNothingIsStored)
 {
-    EXPECT_EQ(timesDataFor(true, kGood.size(), 1, 1), 0) << "write";
-    EXPECT_EQ(timesDataFor(true, kGood.size(), 2, 1), 0) << "rejected";
-    EXPECT_EQ(timesDataFor(true, 0, 0, 1), 0) << "no reply";
-    EXPECT_EQ(timesDataFor(true, 5, 0, 1), 0) << "wrong length";
+    EXPECT_EQ(timesDataLockedFor(true, kGood.size(), 1, 1), 0) << "write";
+    EXPECT_EQ(timesDataLockedFor(true, kGood.size(), 2, 1), 0) << "rejected";
+    EXPECT_EQ(timesDataLockedFor(true, 0, 0, 1), 0) << "no reply";
+    EXPECT_EQ(timesDataLockedFor(true, 5, 0, 1), 0) << "wrong length";
 }
 
-TEST_F(StoreLocks, OfTheValuesAreNotTakenForARemoteReplyThatIsStored)
+TEST_F(StoringAReply, TakesNoValueLockForARemoteReply)
 {
-    EXPECT_EQ(timesDataFor(false, kGood.size(), 0, -1), 0);
+    EXPECT_EQ(timesDataLockedFor(false, kGood.size(), 0, -1), 0);
     EXPECT_TRUE(PLCDataStorage[1].tagInfo.contains("T"));
 }
 

@@ -1,5 +1,5 @@
-// The debug log keeps a state of its own for each run of a process, so every test runs in a child
-// process with a folder of its own as working directory.
+// The debug log keeps state for as long as its process runs, so every test runs in a child process,
+// with a temporary folder as working directory.
 
 #include "Device_Driver.h"
 #include "Func_Initi.h"
@@ -30,8 +30,8 @@ bool clockComplains = false;
 
 } // namespace
 
-// Stands between the driver and Qt's clock, so that writing a line can cause a message. Handed to
-// the handler itself: Qt 5 keeps such a message from it, Qt 4 does not.
+// Replaces Qt's function for the driver, so that writing a line can cause a message. The message
+// goes to the handler directly, because Qt 5 does not pass such a message on, while Qt 4 does.
 QDateTime QDateTime::currentDateTime()
 {
     typedef QDateTime (*Clock)();
@@ -49,12 +49,12 @@ namespace {
 class DebugLog : public ::testing::Test
 {
 protected:
-    /// Runs `action` in a child with the folder as working directory; what it wrote on standard
+    /// Runs `action` in a child process in the temporary folder. Returns what it wrote to standard
     /// error.
     QByteArray inChild(const std::function<void()>& action)
     {
         const QByteArray errors = m_dir.filePath("stderr").toLocal8Bit();
-        std::fflush(nullptr); // what is buffered would be written by the child, too
+        std::fflush(nullptr); // or the child would write the buffered text again
         const pid_t child = ::fork();
         if (child == 0) {
             if (::chdir(m_dir.path().toLocal8Bit().constData()) != 0 ||
@@ -76,7 +76,7 @@ protected:
     QStringList lines()
     {
         QStringList all = QString::fromUtf8(read("debug.log")).split('\n');
-        EXPECT_EQ(all.takeLast(), QString()) << "the last line ends, too";
+        EXPECT_EQ(all.takeLast(), QString()) << "the last line must end with a line end";
         return all;
     }
     void write(const char* content)
@@ -89,7 +89,7 @@ protected:
     QTemporaryDir m_dir;
 };
 
-TEST_F(DebugLog, IsEmptiedByTheFirstMessageAndAppendedToByLaterOnes)
+TEST_F(DebugLog, IsClearedByTheFirstMessageAndExtendedByLaterOnes)
 {
     write("of the last run\n");
     inChild([] {
@@ -104,11 +104,11 @@ TEST_F(DebugLog, IsEmptiedByTheFirstMessageAndAppendedToByLaterOnes)
     EXPECT_TRUE(all[2].endsWith(":three"));
 }
 
-TEST_F(DebugLog, StampsEachLineWithTheLocalTimeAndPlainMilliseconds)
+TEST_F(DebugLog, StartsEachLineWithTheLocalTimeAndUnpaddedMilliseconds)
 {
     const QDateTime before = QDateTime::currentDateTime();
     inChild([] {
-        // One digit, two and three: each comes within a second.
+        // One, two and three digits of milliseconds: each occurs within a second.
         for (int limit : {10, 100, 1000}) {
             while (QTime::currentTime().msec() >= limit || QTime::currentTime().msec() < limit / 10)
             {
@@ -131,10 +131,10 @@ TEST_F(DebugLog, StampsEachLineWithTheLocalTimeAndPlainMilliseconds)
     }
 }
 
-TEST_F(DebugLog, LosesALineSilentlyWhereItCannotBeWrittenAndStillUsesUpTheFirstCall)
+TEST_F(DebugLog, DropsALineThatCannotBeWrittenAndStillCountsItAsTheFirst)
 {
     const QByteArray errors = inChild([] {
-        ::mkdir("debug.log", 0700); // a folder in the file's place: not even root can open it
+        ::mkdir("debug.log", 0700); // a folder of that name: not even root can open it as a file
         customMessageHandler(QtDebugMsg, "lost");
         ::rmdir("debug.log");
         QFile file("debug.log");
@@ -155,7 +155,7 @@ void asQtHandler(QtMsgType type, const QMessageLogContext&, const QString& messa
     customMessageHandler(type, message.toLatin1().constData());
 }
 
-TEST_F(DebugLog, ServesAsTheProcesssOwnHandler)
+TEST_F(DebugLog, WorksAsTheMessageHandlerOfTheProcess)
 {
     const QByteArray errors = inChild([] {
         qInstallMessageHandler(asQtHandler);
@@ -172,7 +172,7 @@ TEST_F(DebugLog, ServesAsTheProcesssOwnHandler)
     EXPECT_TRUE(all[0].endsWith(":again"));
 }
 
-TEST_F(DebugLog, LosesAMessageThatTheWritingOfALineCauses)
+TEST_F(DebugLog, DropsAMessageThatIsCausedByWritingALine)
 {
     const QByteArray errors = inChild([] {
         ::alarm(60); // a handler that waits for itself would never end
@@ -188,7 +188,7 @@ TEST_F(DebugLog, LosesAMessageThatTheWritingOfALineCauses)
     EXPECT_TRUE(all[1].endsWith(":two"));
 }
 
-TEST_F(DebugLog, KeepsTheLinesOfTwoThreadsApart)
+TEST_F(DebugLog, DoesNotMixTheLinesOfTwoThreads)
 {
     inChild([] {
         std::thread other([] {
@@ -205,7 +205,7 @@ TEST_F(DebugLog, KeepsTheLinesOfTwoThreadsApart)
     EXPECT_EQ(all.filter(QRegularExpression(":other$")).size(), 200);
 }
 
-TEST_F(DebugLog, IsWrittenUnderALockOfItsOwn)
+TEST_F(DebugLog, IsWrittenUnderItsOwnLock)
 {
     inChild([] {
         LockWitness witness;
@@ -216,7 +216,7 @@ TEST_F(DebugLog, IsWrittenUnderALockOfItsOwn)
     EXPECT_EQ(lines().size(), 1);
 }
 
-TEST_F(DebugLog, TakesMessagesOfEveryTypeAndGoesOnBehindAFatalOne)
+TEST_F(DebugLog, RecordsMessagesOfEveryTypeAndContinuesAfterAFatalOne)
 {
     inChild([] {
         for (QtMsgType type :
@@ -226,7 +226,7 @@ TEST_F(DebugLog, TakesMessagesOfEveryTypeAndGoesOnBehindAFatalOne)
     EXPECT_EQ(lines().size(), 6);
 }
 
-TEST_F(DebugLog, StandsInTheFolderThatIsThePresentOne)
+TEST_F(DebugLog, IsWrittenToTheCurrentWorkingDirectory)
 {
     inChild([] {
         customMessageHandler(QtDebugMsg, "one");
@@ -242,15 +242,15 @@ TEST_F(DebugLog, StandsInTheFolderThatIsThePresentOne)
     ASSERT_EQ(lines().size(), 1);
     EXPECT_TRUE(lines()[0].endsWith(":one"));
     const QList<QByteArray> other = read("other/debug.log").split('\n');
-    ASSERT_EQ(other.size(), 3) << "only the run's first message empties a file";
+    ASSERT_EQ(other.size(), 3) << "only the first message of the process clears the file";
     EXPECT_EQ(other[0], QByteArray("kept"));
     EXPECT_TRUE(other[1].endsWith(":two"));
 }
 
-TEST_F(DebugLog, TakesAMessageForLatin1)
+TEST_F(DebugLog, DecodesAMessageAsLatin1)
 {
     inChild([] {
-        // The stream writes in the locale's encoding, which is told here so that it has the letter.
+        // The stream writes in the locale's encoding, so choose one that contains the letter.
         QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8"));
         customMessageHandler(QtDebugMsg, "\xE9");
     });
@@ -258,17 +258,17 @@ TEST_F(DebugLog, TakesAMessageForLatin1)
     EXPECT_TRUE(lines()[0].endsWith(QString(":") + QChar(0xE9)));
 }
 
-int probed = 0;
+int messagesSeen = 0;
 
-void probe(QtMsgType, const QMessageLogContext&, const QString&)
+void countMessage(QtMsgType, const QMessageLogContext&, const QString&)
 {
-    ++probed;
+    ++messagesSeen;
 }
 
-TEST_F(DebugLog, IsNotWrittenByThePollCycleNorInstalledByTheDriver)
+TEST_F(DebugLog, IsNeitherWrittenByThePollCycleNorInstalledByTheDriver)
 {
     const QByteArray errors = inChild([] {
-        qInstallMessageHandler(probe);
+        qInstallMessageHandler(countMessage);
         ComInfo settings = ComInfo();
         SetComInfo(&settings);
         RW_VAR request = RW_VAR();
@@ -286,14 +286,14 @@ TEST_F(DebugLog, IsNotWrittenByThePollCycleNorInstalledByTheDriver)
                 reply.clear();
             DataCom(&reply, reply.size());
         }
-        if (qInstallMessageHandler(nullptr) != probe || probed != 0)
+        if (qInstallMessageHandler(nullptr) != countMessage || messagesSeen != 0)
             std::exit(97);
     });
     EXPECT_EQ(errors, QByteArray());
     EXPECT_FALSE(QFile::exists(m_dir.filePath("debug.log")));
 }
 
-TEST_F(DebugLog, TakesANullMessageForAnEmptyOne)
+TEST_F(DebugLog, TreatsANullMessageAsEmpty)
 {
     inChild([] { customMessageHandler(QtDebugMsg, nullptr); });
     ASSERT_EQ(lines().size(), 1);

@@ -40,7 +40,7 @@ protected:
         return request;
     }
 
-    /// Asks for the next frame and answers it; the tag it was for, "-" for none.
+    /// Asks for the next frame and answers it. Returns the tag of its request, or "-" without one.
     QString serve()
     {
         Protocol* next = ComCommunication();
@@ -59,7 +59,7 @@ protected:
             order += serve();
         return order;
     }
-    static QString order(const QList<RW_VAR>& list)
+    static QString tagsOf(const QList<RW_VAR>& list)
     {
         QString tags;
         for (const RW_VAR& request : list)
@@ -83,7 +83,7 @@ TEST_F(Scheduler, ServesFiveWritesThenFiveOneShotsThenACyclicRead)
     EXPECT_EQ(serve(15), QString("abcde12345Rfg6S"));
 }
 
-TEST_F(Scheduler, CountsTheBurstsAndOpensThemAgainAfterACyclicRead)
+TEST_F(Scheduler, CountsTheBurstsAndResetsThemAfterACyclicRead)
 {
     addWrites({"a", "b"});
     addOnce({"1"});
@@ -107,7 +107,7 @@ TEST_F(Scheduler, IsIdleOnceAfterFiveWritesWithoutCyclicReads)
     EXPECT_EQ(serve(), QString("f"));
 }
 
-TEST_F(Scheduler, RaisesThePassCompleteWordWhenThereIsNothingToDo)
+TEST_F(Scheduler, SetsThePassCompleteWordWhenThereIsNothingToDo)
 {
     PLC_driver.currentList = 100;
     PLC_driver.onceBurst = 3;
@@ -117,7 +117,7 @@ TEST_F(Scheduler, RaisesThePassCompleteWordWhenThereIsNothingToDo)
     EXPECT_EQ(PLC_driver.currentList, 100) << "nothing is in flight";
 }
 
-TEST_F(Scheduler, TellsWhichListTheFrameInFlightCameFrom)
+TEST_F(Scheduler, RecordsTheListOfTheRequestInFlight)
 {
     addReads({"R"});
     ComCommunication();
@@ -132,7 +132,7 @@ TEST_F(Scheduler, TellsWhichListTheFrameInFlightCameFrom)
     EXPECT_EQ(PLC_driver.currentList, 1);
 }
 
-TEST_F(Scheduler, GivesTheSameFrameWhileOneIsPending)
+TEST_F(Scheduler, ReturnsTheSameFrameWhileOneIsPending)
 {
     addReads({"R", "S"});
     Protocol* first = ComCommunication();
@@ -142,10 +142,10 @@ TEST_F(Scheduler, GivesTheSameFrameWhileOneIsPending)
     EXPECT_EQ(first->frame, frame);
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
     EXPECT_EQ(PLC_driver.currentList, 0);
-    EXPECT_EQ(order(PLC_driver.readList), QString("RS"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("RS"));
 }
 
-TEST_F(Scheduler, GivesAPendingFrameWithoutTakingTheListLock)
+TEST_F(Scheduler, ReturnsAPendingFrameWithoutTakingTheListLock)
 {
     addReads({"R"});
     Protocol* first = ComCommunication();
@@ -158,12 +158,12 @@ TEST_F(Scheduler, KeepsEveryHeadInItsListUntilItIsAnswered)
 {
     addWrites({"a"});
     ComCommunication();
-    EXPECT_EQ(order(PLC_driver.writeList), QString("a"));
+    EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("a"));
     PLC_driver.sendQueue.clear();
     PLC_driver.writeList.clear();
     addOnce({"1"});
     ComCommunication();
-    EXPECT_EQ(order(PLC_driver.onceReadList), QString("1"));
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("1"));
 }
 
 TEST_F(Scheduler, DropsTheWritesOfADisabledStationUpToTheFirstOfAnother)
@@ -174,11 +174,11 @@ TEST_F(Scheduler, DropsTheWritesOfADisabledStationUpToTheFirstOfAnother)
     addWrites({"d"}, 2);
     EnCommStation(2, 0);
     EXPECT_EQ(ComCommunication()->var.tagName, QString("c"));
-    EXPECT_EQ(order(PLC_driver.writeList), QString("cd"));
-    EXPECT_TRUE(finished.empty()) << "without a word";
+    EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("cd"));
+    EXPECT_TRUE(finished.empty()) << "no callback";
 }
 
-TEST_F(Scheduler, EmptiesAListOfWritesOrOneShotsThatAreAllDisabled)
+TEST_F(Scheduler, EmptiesAListOfWritesOrOneShotsWhoseStationsAreAllDisabled)
 {
     EnCommStation(2, 0);
     addReads({"R"});
@@ -203,7 +203,7 @@ TEST_F(Scheduler, DropsTheOneShotsOfADisabledStationUpToTheFirstOfAnother)
     addOnce({"1", "2"}, 2);
     addOnce({"3"}, 1);
     EXPECT_EQ(ComCommunication()->var.tagName, QString("3"));
-    EXPECT_EQ(order(PLC_driver.onceReadList), QString("3"));
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("3"));
 }
 
 TEST_F(Scheduler, RotatesTheCyclicReadsOfADisabledStation)
@@ -212,22 +212,22 @@ TEST_F(Scheduler, RotatesTheCyclicReadsOfADisabledStation)
     addReads({"a", "b"}, 2);
     addReads({"c", "d"}, 1);
     EXPECT_EQ(ComCommunication()->var.tagName, QString("c"));
-    EXPECT_EQ(order(PLC_driver.readList), QString("cdab"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("cdab"));
 }
 
-TEST_F(Scheduler, LeavesAnAllDisabledCyclicListInItsOrder)
+TEST_F(Scheduler, KeepsTheOrderOfACyclicListWhoseStationsAreAllDisabled)
 {
     EnCommStation(2, 0);
     addReads({"a", "b", "c"}, 2);
     PLC_driver.writeBurst = 3;
     EXPECT_EQ(ComCommunication(), nullptr);
     EXPECT_TRUE(locksAreFree());
-    EXPECT_EQ(order(PLC_driver.readList), QString("abc"));
-    EXPECT_EQ(PLC_driver.writeBurst, 3) << "the bursts stay as they are";
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("abc"));
+    EXPECT_EQ(PLC_driver.writeBurst, 3) << "the bursts are not reset";
     EXPECT_EQ(PLC_driver.currentList, 0);
 }
 
-TEST_F(Scheduler, LeavesEverythingElseWhereEveryCyclicStationIsDisabled)
+TEST_F(Scheduler, ChangesNoCountWhenEveryCyclicStationIsDisabled)
 {
     EnCommStation(2, 0);
     addReads({"a", "b", "c"}, 2);
@@ -240,7 +240,7 @@ TEST_F(Scheduler, LeavesEverythingElseWhereEveryCyclicStationIsDisabled)
     EXPECT_EQ(settings.passComplete, 0);
 }
 
-TEST_F(Scheduler, TurnsAListOfAnyLengthByOne)
+TEST_F(Scheduler, RotatesAListOfAnyLengthByOne)
 {
     for (int size : {1, 2, 255, 256, 257, 300}) {
         PLC_driver.readList.clear();
@@ -255,7 +255,7 @@ TEST_F(Scheduler, TurnsAListOfAnyLengthByOne)
     }
 }
 
-TEST_F(Scheduler, OpensTheOneShotBurstAgainByACyclicReadOnly)
+TEST_F(Scheduler, ResetsTheOneShotBurstOnlyAfterACyclicRead)
 {
     addOnce({"1"});
     addWrites({"a"});
@@ -264,7 +264,7 @@ TEST_F(Scheduler, OpensTheOneShotBurstAgainByACyclicReadOnly)
     EXPECT_EQ(serve(3), QString("aR1"));
 }
 
-TEST_F(Scheduler, CountsACallThatConnectsTowardsItsBurst)
+TEST_F(Scheduler, CountsACallThatConnectsTowardsTheBurst)
 {
     addWrites({"a"}, 9);
     EXPECT_NE(ComCommunication(), nullptr);
@@ -292,7 +292,7 @@ TEST_F(Scheduler, ChangesNothingWhileAFrameIsPending)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
-TEST_F(Scheduler, LeavesEveryRequestOfARemoteLinkWhereItStands)
+TEST_F(Scheduler, KeepsEveryRequestOfARemoteLinkInItsPlace)
 {
     settings.remoteMode = 1;
     addWrites({"a", "b"});
@@ -302,14 +302,14 @@ TEST_F(Scheduler, LeavesEveryRequestOfARemoteLinkWhereItStands)
         EXPECT_EQ(PLC_driver.writeBurst, qMin(call, 5));
         EXPECT_EQ(PLC_driver.onceBurst, qMax(0, call - 5));
         EXPECT_EQ(ComCommunication(), nullptr);
-        EXPECT_EQ(order(PLC_driver.writeList), QString("ab"));
-        EXPECT_EQ(order(PLC_driver.onceReadList), QString("12"));
-        EXPECT_EQ(order(PLC_driver.readList), QString("RS"));
+        EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("ab"));
+        EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("12"));
+        EXPECT_EQ(tagsOf(PLC_driver.readList), QString("RS"));
     }
     EXPECT_EQ(PLC_driver.writeBurst, 0) << "the eleventh call reached the cyclic reads";
 }
 
-TEST_F(Scheduler, TakesEveryModeButZeroForARemoteLinkAndLooksAtNoConnection)
+TEST_F(Scheduler, TreatsEveryModeExceptZeroAsRemoteAndIgnoresTheConnection)
 {
     for (int mode : {1, 2, -1}) {
         settings.remoteMode = mode;
@@ -393,16 +393,16 @@ TEST_F(Scheduler, LearnsTheClassOfATagBeforeItsFirstWrite)
     EXPECT_EQ(finished[0], (Finished{9, 3, 1, 1}));
 }
 
-TEST_F(Scheduler, CompletesTheReadThatLearnsAClassAsACyclicOne)
+TEST_F(Scheduler, CompletesTheReadThatLearnsAClassAsACyclicRead)
 {
     addReads({"R", "S"});
     PLC_driver.writeList.append(writeOf("New", hex("01 02")));
     EXPECT_EQ(ComCommunication()->var.tagName, QString("New"));
     answer(wire::readReply(0x21, 0xC3, hex("09 09")));
-    EXPECT_EQ(order(PLC_driver.readList), QString("SR"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), QString("SR"));
     EXPECT_EQ(PLC_driver.result.tagName, QString("R"));
     EXPECT_TRUE(finished.empty());
-    EXPECT_EQ(order(PLC_driver.writeList), QString("New"));
+    EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("New"));
 }
 
 TEST_F(Scheduler, CountsTheReadsThatLearnClassesTowardsTheBurstOfWrites)
@@ -424,7 +424,7 @@ TEST_F(Scheduler, KeepsAQueuedWriteAsItWasSent)
     EXPECT_BYTES(PLC_driver.sendQueue.first().var.data, hex("11 22"));
 }
 
-TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostHasJustSet)
+TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostWroteForTheFirstTime)
 {
     const QByteArray value = hex("01 02");
     EXPECT_EQ(SetRegisterData("New", 5, "0", 1, value, 1, 3, 1), 1);
@@ -432,7 +432,7 @@ TEST_F(Scheduler, LearnsTheClassOfATagThatTheHostHasJustSet)
     EXPECT_BYTES(ComCommunication()->frame, wire::readRequest(0x21, kId, wire::tagPath("New"), 1));
 }
 
-TEST_F(Scheduler, StandsStillWithoutSettings)
+TEST_F(Scheduler, ChoosesNoRequestWithoutSettings)
 {
     addReads({"R"});
     SetComInfo(nullptr);
@@ -441,7 +441,7 @@ TEST_F(Scheduler, StandsStillWithoutSettings)
     SetComInfo(&settings);
     EXPECT_NE(ComCommunication(), nullptr);
     SetComInfo(nullptr);
-    EXPECT_NE(ComCommunication(), nullptr) << "a frame that is queued stays queued";
+    EXPECT_NE(ComCommunication(), nullptr) << "a queued frame is still returned";
 }
 
 } // namespace

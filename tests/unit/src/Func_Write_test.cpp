@@ -224,7 +224,7 @@ TEST_F(WriteRequest, TellsTheHostToRefreshOnceItIsQueued)
     request.varType = 6;
     WriteRegister(&request);
     ASSERT_EQ(refreshed.size(), 1u);
-    EXPECT_TRUE(refreshed[0].listGiven);
+    EXPECT_TRUE(refreshed[0].hasList);
     EXPECT_EQ(refreshed[0].listSize, 0);
     EXPECT_EQ(refreshed[0].varType, 6);
     EXPECT_EQ(refreshed[0].flag, 1);
