@@ -1,4 +1,4 @@
-// The poll cycle against a model, over long random mixes of requests, answers and failures.
+// Compares the poll cycle with a model, over long random mixes of requests, answers and failures.
 
 #include "driver_fixture.h"
 
@@ -16,7 +16,7 @@ namespace {
 
 // ---- Model -------------------------------------------------------------------------------------
 
-/// What the poll cycle looks at in a request; `id` tells one from the other.
+/// The fields of a request that the poll cycle uses; `id` identifies the request.
 struct Request
 {
     int id, station, varType, varIndex;
@@ -45,21 +45,21 @@ struct Model
     int list = 100, writeBurst = 0, onceBurst = 0, cycle = 0, passComplete = 0;
     Request result = {0, 0, 0, 0, false, ""};
     int code = 0;
-    std::vector<std::tuple<int, int, int>> told; // varType, varIndex, status
-    std::vector<int> refreshed;                  // varType
+    std::vector<std::tuple<int, int, int>> reported; // varType, varIndex, status
+    std::vector<int> refreshed;                      // varType
 
     void poll();
     void answer();
-    void stayIncomplete();
+    void failToAnswer();
     void fail(int base);
 
 private:
     static void dropDisabled(std::deque<Request>& requests, const std::set<int>& stations);
-    bool turnToEnabled();
+    bool rotateToEnabled();
     void send(const Request& request, bool write);
     void complete(bool failed);
     void retire(std::deque<Request>& requests, bool failed, bool silent);
-    void clearBehindFailure();
+    void clearAfterFailure();
 };
 
 void Model::dropDisabled(std::deque<Request>& requests, const std::set<int>& stations)
@@ -68,8 +68,8 @@ void Model::dropDisabled(std::deque<Request>& requests, const std::set<int>& sta
         requests.pop_front();
 }
 
-// False, with the list in its old order, where every station is disabled.
-bool Model::turnToEnabled()
+// False, with the list in its old order, when every station is disabled.
+bool Model::rotateToEnabled()
 {
     for (std::size_t i = 0; i < cyclic.size(); ++i) {
         if (!disabled.count(cyclic.front().station))
@@ -118,7 +118,7 @@ void Model::poll()
         passComplete = 1;
     } else {
         list = 0;
-        if (turnToEnabled()) {
+        if (rotateToEnabled()) {
             send(cyclic.front(), false);
             writeBurst = onceBurst = 0;
         }
@@ -135,7 +135,7 @@ void Model::retire(std::deque<Request>& requests, bool failed, bool silent)
     for (const Request& later : requests)
         continues = continues || later.sameVariable(head);
     if (!silent && (failed || !continues))
-        told.emplace_back(head.varType, head.varIndex, failed ? 2 : 1);
+        reported.emplace_back(head.varType, head.varIndex, failed ? 2 : 1);
     result = head;
 }
 
@@ -176,8 +176,8 @@ void Model::answer()
     code = inFlight.local ? 1 : 100;
 }
 
-// No bytes, or too few.
-void Model::stayIncomplete()
+// The reply has no bytes, or too few.
+void Model::failToAnswer()
 {
     if (flight == kIdentity) {
         flight = kNothing;
@@ -207,11 +207,11 @@ void Model::fail(int base)
     connected.erase(inFlight.station);
     flight = kNothing;
     complete(true);
-    clearBehindFailure();
+    clearAfterFailure();
     code = base + 1 + inFlight.varType;
 }
 
-void Model::clearBehindFailure()
+void Model::clearAfterFailure()
 {
     refreshed.push_back(result.varType);
     std::deque<Request> keptOnce, keptWrites;
@@ -228,7 +228,7 @@ void Model::clearBehindFailure()
     writes = keptWrites;
 }
 
-// ---- The driver beside the model ---------------------------------------------------------------
+// ---- The driver and the model ---------------------------------------------------------------
 
 class PollCycle : public DriverTest
 {
@@ -283,33 +283,33 @@ protected:
         else
             model.disabled.insert(station);
     }
-    void give(QByteArray reply) { DataCom(&reply, reply.size()); }
-    void answerGood()
+    void deliver(QByteArray reply) { DataCom(&reply, reply.size()); }
+    void answerCorrectly()
     {
-        const bool settled = model.givenUp;
+        const bool alreadyGivenUp = model.givenUp;
         switch (model.flight) {
         case kIdentity:
-            give(wire::identityReply(1));
+            deliver(wire::identityReply(1));
             break;
         case kConnection:
-            give(wire::forwardOpenReply(1, hex("5A 3C")));
+            deliver(wire::forwardOpenReply(1, hex("5A 3C")));
             break;
         default:
             const QByteArray reply = model.flight == kWriting
                                          ? wire::writeReply(1)
                                          : wire::readReply(1, 0xC3, hex("01 02"));
-            if (!settled)
-                give(reply);
-            give(reply);
+            if (!alreadyGivenUp)
+                deliver(reply);
+            deliver(reply);
             break;
         }
         model.answer();
     }
-    void stayIncomplete(int times)
+    void failToAnswer(int times)
     {
         for (int i = 0; i < times && model.flight != kNothing; ++i) {
-            give(QByteArray());
-            model.stayIncomplete();
+            deliver(QByteArray());
+            model.failToAnswer();
         }
     }
     void pollAndAnswer()
@@ -323,11 +323,12 @@ protected:
         const bool settingUp = model.flight == kIdentity || model.flight == kConnection;
         RC_ASSERT(settingUp || next->var.hostField3 == model.inFlight.id);
         RC_ASSERT(next->var.accessMode == (model.flight == kWriting ? 1 : 0));
-        const int fate = *rc::gen::weightedElement<int>({{30, 0}, {1, 1}, {2, 4}, {2, 12}});
-        if (fate == 0)
-            answerGood();
+        const int incompleteReplies =
+            *rc::gen::weightedElement<int>({{30, 0}, {1, 1}, {2, 4}, {2, 12}});
+        if (incompleteReplies == 0)
+            answerCorrectly();
         else
-            stayIncomplete(fate);
+            failToAnswer(incompleteReplies);
         RC_ASSERT(PLC_driver.result.retValue == model.code);
     }
 
@@ -367,10 +368,10 @@ protected:
     }
     void compareNotices()
     {
-        RC_ASSERT(finished.size() == model.told.size());
+        RC_ASSERT(finished.size() == model.reported.size());
         for (std::size_t i = 0; i < finished.size(); ++i)
             RC_ASSERT(std::make_tuple(finished[i].varType, finished[i].varIndex,
-                                      finished[i].status) == model.told[i]);
+                                      finished[i].status) == model.reported[i]);
         std::vector<int> types;
         for (const Refreshed& notice : refreshed)
             types.push_back(notice.varType);
@@ -381,7 +382,7 @@ protected:
     int ids = 0;
 };
 
-RC_GTEST_FIXTURE_PROP(PollCycle, GoesAsTheModelOverALongMixOfRequestsAndFailures, ())
+RC_GTEST_FIXTURE_PROP(PollCycle, FollowsTheModelOverALongMixOfRequestsAndFailures, ())
 {
     settings.multiStation = model.multiStation = *rc::gen::arbitrary<bool>();
     settings.retryLimit = model.retryLimit = *rc::gen::element(0, 1, 2);

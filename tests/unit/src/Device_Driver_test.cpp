@@ -44,9 +44,9 @@ TEST(DriverObject, HasThreeLocksThatAreNotRecursive)
     }
 }
 
-// ---- Places in memory ---------------------------------------------------------------------------
+// ---- Layout in memory ---------------------------------------------------------------------------
 
-// A host that was built against these records does not ask the compiler again.
+// A host that was built against these records keeps its layout of them, so it must not change.
 
 const bool kWide = sizeof(void*) == 8;
 
@@ -57,7 +57,7 @@ template<typename Record, typename Field> int offset(Field Record::*field)
                             reinterpret_cast<const char*>(&record));
 }
 
-TEST(DriverRecords, KeepTheHostsLayoutOfARequest)
+TEST(DriverRecords, HaveTheHostsLayoutOfARequest)
 {
     const int wide[] = {0, 4, 8, 12, 16, 20, 24, 32, 40, 44, 48, 52, 56, 60, 64, 72};
     const int narrow[] = {0, 4, 8, 12, 16, 20, 24, 28, 32, 36, 40, 44, 48, 52, 56, 60};
@@ -73,7 +73,7 @@ TEST(DriverRecords, KeepTheHostsLayoutOfARequest)
         EXPECT_EQ(actual[i], kWide ? wide[i] : narrow[i]) << i;
 }
 
-TEST(DriverRecords, KeepTheHostsLayoutOfATransaction)
+TEST(DriverRecords, HaveTheHostsLayoutOfATransaction)
 {
     const int wide[] = {0, 8, 12, 16, 20, 24, 96, 100, 104, 112};
     const int narrow[] = {0, 4, 8, 12, 16, 20, 80, 84, 88, 92};
@@ -86,7 +86,7 @@ TEST(DriverRecords, KeepTheHostsLayoutOfATransaction)
         EXPECT_EQ(actual[i], kWide ? wide[i] : narrow[i]) << i;
 }
 
-TEST(DriverRecords, KeepTheHostsLayoutOfANameAndOfTheAuxiliaryRecord)
+TEST(DriverRecords, HaveTheHostsLayoutOfANameAndOfTheAuxiliaryRecord)
 {
     EXPECT_EQ(offset(&varName::name), 0);
     EXPECT_EQ(offset(&varName::kind), kWide ? 8 : 4);
@@ -100,8 +100,8 @@ TEST(DriverRecords, KeepTheHostsLayoutOfANameAndOfTheAuxiliaryRecord)
     EXPECT_EQ(sizeof(EXTENDVAR), kWide ? 24u : 16u);
 }
 
-// What a host for the same processor is built with; the figures stand in the test's output.
-TEST(DriverRecords, AreAlignedAsPointersAreAndTellTheirSizes)
+// A host for the same processor relies on sizes and alignments. The output of the test lists them.
+TEST(DriverRecords, AreAlignedLikePointersAndPrintTheirSizes)
 {
     const struct
     {
@@ -122,7 +122,7 @@ TEST(DriverRecords, AreAlignedAsPointersAreAndTellTheirSizes)
     }
 }
 
-TEST(DriverRecords, FindEachSettingAtItsWord)
+TEST(DriverRecords, HaveEachSettingAtItsWord)
 {
     EXPECT_EQ(offset(&ComInfo::defaultStation), 4 * 6);
     EXPECT_EQ(offset(&ComInfo::retryLimit), 4 * 7);
@@ -148,7 +148,7 @@ TEST(DriverObject, HasItsMembersInTheHostsOrder)
         &d.sendQueue,  &d.extendList, &d.disabledStations, &d.finishCallback, &d.refreshCallback,
         &d.listMutex,  &d.dataMutex,  &d.stationMutex,     &d.result,         &d.currentList,
         &d.writeBurst, &d.onceBurst,  &d.readCycleCount,   &d.errorFlag,      &d.spareFlag};
-    EXPECT_EQ(members[0], &d) << "nothing in front of the first";
+    EXPECT_EQ(members[0], &d) << "nothing precedes the first member";
     for (std::size_t i = 1; i < std::size(members); ++i)
         EXPECT_LT(members[i - 1], members[i]) << i;
     EXPECT_EQ(sizeof d.errorFlag, 1u);
@@ -166,7 +166,7 @@ TEST(DriverRecords, ArePlainValues)
     EXPECT_FALSE(std::is_polymorphic<ComInfo>::value);
 }
 
-TEST(DriverRecords, StartAQueuedTransactionWithZeros)
+TEST(DriverRecords, InitializeATransactionWithZeros)
 {
     const Protocol fresh;
     EXPECT_EQ(fresh.sendLength, 0);
@@ -186,7 +186,7 @@ TEST(DriverRecords, AreCopiedByValue)
     queued.var.addressText = "1";
     queued.var.data = "data";
     Protocol copy = queued;
-    EXPECT_EQ(copy.frame.constData(), queued.frame.constData()) << "until one is changed";
+    EXPECT_EQ(copy.frame.constData(), queued.frame.constData()) << "shared until one copy changes";
     EXPECT_EQ(copy.var.tagName.constData(), queued.var.tagName.constData());
     EXPECT_EQ(copy.var.addressText.constData(), queued.var.addressText.constData());
     EXPECT_EQ(copy.var.data.constData(), queued.var.data.constData());
@@ -204,7 +204,7 @@ class DriverHelpers : public DriverTest
 {
 };
 
-TEST_F(DriverHelpers, CopyAResultWithoutItsValueBytes)
+TEST_F(DriverHelpers, CopyAResultWithoutItsValue)
 {
     RW_VAR from = readOf("T", 10, 12);
     from.varType = 1;
@@ -253,7 +253,7 @@ protected:
     }
 };
 
-TEST_F(ReturnCodes, ArePlainForWhatIsNoFailure)
+TEST_F(ReturnCodes, AreConstantForOutcomesThatAreNoFailure)
 {
     putInFlight(3);
     EXPECT_EQ(GetDriverReturnValue(0), 1);
@@ -265,7 +265,7 @@ TEST_F(ReturnCodes, ArePlainForWhatIsNoFailure)
     EXPECT_EQ(GetDriverReturnValue(8), 200);
 }
 
-TEST_F(ReturnCodes, SpanTwelveForEachFailure)
+TEST_F(ReturnCodes, DependOnTheVariableTypeForEachFailure)
 {
     const std::pair<int, int> firsts[] = {{1, 11}, {2, 41}, {3, 71}, {5, 111}, {6, 141}, {7, 171}};
     for (const auto& [outcome, first] : firsts) {
@@ -280,7 +280,7 @@ TEST_F(ReturnCodes, SpanTwelveForEachFailure)
     }
 }
 
-TEST_F(ReturnCodes, LookAtTheTransactionInFlightOnly)
+TEST_F(ReturnCodes, UseOnlyTheTransactionInFlight)
 {
     putInFlight(3);
     Protocol second;
@@ -311,7 +311,7 @@ protected:
     }
 };
 
-TEST_F(Catalogue, KeepsNamesOfKindTwoOnlyAndTheLaterOfTwo)
+TEST_F(Catalogue, KeepsOnlyNamesOfKindTwoAndTheLaterOfDuplicates)
 {
     QList<varName> names = {named("A", 1), named("B", 2, 5), named("C", 3), named("B", 2, 6),
                             named("D", -2)};
@@ -319,14 +319,14 @@ TEST_F(Catalogue, KeepsNamesOfKindTwoOnlyAndTheLaterOfTwo)
     EXPECT_EQ(plcAddList.size(), 1);
     EXPECT_TRUE(getPassVarName("B"));
     EXPECT_FALSE(getPassVarName("A"));
-    EXPECT_FALSE(getPassVarName("b")) << "names differ by their case";
+    EXPECT_FALSE(getPassVarName("b")) << "names are case-sensitive";
     EXPECT_EQ(plcAddList["B"].name, QString("B"));
     EXPECT_EQ(plcAddList["B"].kind, 2);
     EXPECT_EQ(plcAddList["B"].hostField2, 6);
     EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "6");
 }
 
-TEST_F(Catalogue, OnlyGrows)
+TEST_F(Catalogue, KeepsItsNamesInLaterCalls)
 {
     QList<varName> first = {named("A", 2, 1)}, second = {named("B", 2), named("A", 1)}, none;
     PassVarName(&first);
@@ -351,7 +351,7 @@ TEST_F(Catalogue, KeepsItsOwnCopyOfTheHostsRecords)
     EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "5");
 }
 
-TEST_F(Catalogue, DoesNotLearnANameByBeingAskedForIt)
+TEST_F(Catalogue, DoesNotAddANameThatIsOnlyLookedUp)
 {
     RW_VAR request = readOf("A", 5, 9);
     for (int i = 0; i < 2; ++i) {
@@ -362,7 +362,7 @@ TEST_F(Catalogue, DoesNotLearnANameByBeingAskedForIt)
     EXPECT_TRUE(plcAddList.isEmpty());
 }
 
-TEST_F(Catalogue, GivesACataloguedRequestItsElementAndKeepsItsCount)
+TEST_F(Catalogue, SetsTheElementOfACataloguedRequestAndKeepsItsCount)
 {
     declareIndexed("T");
     const std::pair<const char*, int> texts[] = {{"12", 12}, {"abc", 0},  {"", 0},
@@ -378,7 +378,7 @@ TEST_F(Catalogue, GivesACataloguedRequestItsElementAndKeepsItsCount)
     }
 }
 
-TEST_F(Catalogue, MakesAnyOtherRequestOneElementAtIndexZero)
+TEST_F(Catalogue, SetsAnyOtherRequestToOneElementAtIndexZero)
 {
     QList<varName> names = {named("K", 1)};
     PassVarName(&names);
@@ -393,7 +393,7 @@ TEST_F(Catalogue, MakesAnyOtherRequestOneElementAtIndexZero)
     EXPECT_EQ(request.varType, 3);
 }
 
-TEST_F(Catalogue, MakesARequestOfAnyOtherKindOneElementToo)
+TEST_F(Catalogue, SetsARequestOfAnotherKindToOneElement)
 {
     QList<varName> names = {named("K", 3)};
     PassVarName(&names);
@@ -404,7 +404,7 @@ TEST_F(Catalogue, MakesARequestOfAnyOtherKindOneElementToo)
     EXPECT_EQ(request.reqFlag, 0);
 }
 
-TEST_F(Catalogue, ChangesThreeFieldsOfARequestOnly)
+TEST_F(Catalogue, ChangesOnlyThreeFieldsOfARequest)
 {
     for (const bool catalogued : {false, true}) {
         RW_VAR request = distinctRequest("T");
@@ -418,7 +418,7 @@ TEST_F(Catalogue, ChangesThreeFieldsOfARequestOnly)
     }
 }
 
-TEST_F(Catalogue, TakesTheDescriptionOfTheLastCall)
+TEST_F(Catalogue, UsesTheDescriptionOfTheLastCall)
 {
     QList<varName> first = {named("B", 2, 5)}, second = {named("B", 2, 6)};
     PassVarName(&first);
@@ -427,7 +427,7 @@ TEST_F(Catalogue, TakesTheDescriptionOfTheLastCall)
     EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "6");
 }
 
-TEST_F(Catalogue, SeedsTheEntryOfTheRequestsStationOnly)
+TEST_F(Catalogue, SeedsOnlyTheEntryOfTheRequestsStation)
 {
     confirm("T", 3, 0xC3, 1);
     RW_VAR request = readOf("T");
@@ -437,7 +437,7 @@ TEST_F(Catalogue, SeedsTheEntryOfTheRequestsStationOnly)
     EXPECT_BYTES(info("T", 2), hex("FF 00 00 00"));
 }
 
-TEST_F(Catalogue, SeedsAnEntryThatIsNotConfirmedOnEveryCall)
+TEST_F(Catalogue, SeedsAnUnconfirmedEntryOnEveryCall)
 {
     RW_VAR request = readOf("T");
     updateRwVar(&request);
@@ -452,7 +452,7 @@ TEST_F(Catalogue, SeedsAnEntryThatIsNotConfirmedOnEveryCall)
     EXPECT_BYTES(info("T"), hex("FF 00 00 00 05"));
 }
 
-TEST_F(Catalogue, LeavesAConfirmedEntryUntouched)
+TEST_F(Catalogue, DoesNotChangeAConfirmedEntry)
 {
     RW_VAR request = readOf("T");
     for (const char* before : {"01 00 00 FF", "03 C3 00 FF 07"}) {

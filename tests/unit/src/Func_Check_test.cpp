@@ -62,7 +62,7 @@ TEST(InvertUint16, ReversesTheOrderOfTheSixteenBits)
     EXPECT_EQ(inverted(0x0180), 0x0180);
 }
 
-TEST(InvertUint16, MovesEachBitToItsMirrorPlace)
+TEST(InvertUint16, MovesEachBitToTheMirroredPosition)
 {
     for (int bit = 0; bit < 16; ++bit)
         EXPECT_EQ(inverted(static_cast<quint16>(1 << bit)), 1 << (15 - bit));
@@ -75,7 +75,7 @@ TEST(InvertUint16, MayWriteOverItsInput)
     EXPECT_EQ(word, 0x2C48);
 }
 
-TEST(InvertUint16, LeavesEverythingAloneWithoutAPlaceToReadOrWrite)
+TEST(InvertUint16, ChangesNothingWhenAnArgumentIsNull)
 {
     unsigned short word = 0x1234;
     InvertUint16(nullptr, &word);
@@ -94,19 +94,19 @@ TEST(Crc16Ibm, IsZeroForNoBytes)
     EXPECT_EQ(CRC16_IBM(nullptr, 3), 0u);
 }
 
-TEST(Crc16Ibm, ClosesTheIdentityRequest)
+TEST(Crc16Ibm, IsTheCrcOfTheIdentityRequest)
 {
     EXPECT_EQ(crc16Ibm(hex("00 01 0B 00 01 00 00 00 01 02 20 01 24 01 03")), 0x358Eu);
 }
 
-TEST(Crc16Ibm, ReadsAsManyBytesAsItIsTold)
+TEST(Crc16Ibm, ReadsOnlyTheGivenNumberOfBytes)
 {
     QByteArray bytes = hex("31 32 33 FF");
     EXPECT_EQ(CRC16_IBM(raw(bytes), 3), wire::crc16Arc(hex("31 32 33")));
     EXPECT_EQ(CRC16_IBM(raw(bytes), 0), 0u);
 }
 
-TEST(Crc16Ibm, CountsBytesBeyondSixteenBits)
+TEST(Crc16Ibm, CoversMoreThan65535Bytes)
 {
     QByteArray bytes(70000, '\0');
     bytes[69999] = 1;
@@ -136,7 +136,7 @@ TEST(CalSum, IsZeroForNoBytes)
     EXPECT_EQ(CalSUM(nullptr, 5), 0);
 }
 
-TEST(CalSum, ReadsAsManyBytesAsItIsTold)
+TEST(CalSum, ReadsOnlyTheGivenNumberOfBytes)
 {
     QByteArray bytes = hex("01 02 04");
     EXPECT_EQ(CalSUM(raw(bytes), 2), 3);
@@ -149,7 +149,7 @@ TEST(CalCrc, HasTheCheckValueOfItsParameterSet)
     EXPECT_EQ(crcModbus("123456789"), 0x4B37);
 }
 
-TEST(CalCrc, ClosesAKnownRequest)
+TEST(CalCrc, IsTheCrcOfAKnownRequest)
 {
     EXPECT_EQ(crcModbus(hex("01 03 00 00 00 01")), 0x0A84);
 }
@@ -175,7 +175,7 @@ TEST(CalLrc, IsTheTwosComplementOfTheSum)
     EXPECT_EQ(lrc(hex("80")), 128);
 }
 
-TEST(CalLrc, IsTwoHundredFiftySixWhereTheSumIsAMultipleOfIt)
+TEST(CalLrc, Is256WhenTheSumIsAMultipleOf256)
 {
     EXPECT_EQ(lrc(hex("00")), 256);
     EXPECT_EQ(lrc(hex("80 80")), 256);
@@ -204,7 +204,7 @@ TEST(CalXor, IsZeroWithoutBytes)
     EXPECT_EQ(CalXOR(nullptr, 4), 0);
 }
 
-TEST(Checksums, CoverAsManyBytesAsAnUnsignedShortCounts)
+TEST(Checksums, CoverUpTo65535Bytes)
 {
     const int most = 65535;
     EXPECT_EQ(sum(QByteArray(most, '\x01')), 65535);
@@ -216,7 +216,7 @@ TEST(Checksums, CoverAsManyBytesAsAnUnsignedShortCounts)
     EXPECT_EQ(exclusiveOr(lateByte), 0x01);
 }
 
-TEST(DigitalToAscii, GivesTheSixteenDigits)
+TEST(DigitalToAscii, ReturnsTheSixteenDigits)
 {
     const char digits[] = "0123456789ABCDEF";
     for (int value = 0; value < 16; ++value)
@@ -232,14 +232,14 @@ TEST(DigitalToAscii, ChecksNoRange)
     EXPECT_EQ(DigitalToASCII(INT_MAX), INT_MIN + 0x36);
 }
 
-TEST(AsciiToDigital, GivesTheValuesOfTheSixteenDigits)
+TEST(AsciiToDigital, ReturnsTheValuesOfTheSixteenDigits)
 {
     const char digits[] = "0123456789ABCDEF";
     for (int value = 0; value < 16; ++value)
         EXPECT_EQ(ASCIIToDigital(digits[value]), value);
 }
 
-TEST(AsciiToDigital, CountsOnBehindTheNine)
+TEST(AsciiToDigital, ContinuesAfterTheDigitNine)
 {
     EXPECT_EQ(ASCIIToDigital(':'), 10);
     EXPECT_EQ(ASCIIToDigital('?'), 15);
@@ -254,14 +254,14 @@ TEST(AsciiToDigital, IsZeroBelowTheDigitsAndForTheAtSign)
     EXPECT_EQ(ASCIIToDigital(INT_MIN), 0);
 }
 
-TEST(AsciiToDigital, FoldsNoCaseAndChecksNoRange)
+TEST(AsciiToDigital, IsCaseSensitiveAndChecksNoRange)
 {
     EXPECT_EQ(ASCIIToDigital('a'), 42);
     EXPECT_EQ(ASCIIToDigital('G'), 16);
     EXPECT_EQ(ASCIIToDigital(INT_MAX), INT_MAX - 0x37);
 }
 
-class CheckGetDataTest : public DriverTest
+class CheckGetDataVerdict : public DriverTest
 {
 protected:
     int verdictFor(int accessMode)
@@ -279,23 +279,23 @@ protected:
     }
 };
 
-TEST_F(CheckGetDataTest, StoresTheReplyToARead)
+TEST_F(CheckGetDataVerdict, IsToStoreTheReplyToARead)
 {
     EXPECT_EQ(verdictFor(0), 1);
 }
 
-TEST_F(CheckGetDataTest, AcceptsTheReplyToAWriteWithoutStoringIt)
+TEST_F(CheckGetDataVerdict, IsToAcceptTheReplyToAWriteWithoutStoringIt)
 {
     EXPECT_EQ(verdictFor(1), 2);
 }
 
-TEST_F(CheckGetDataTest, RejectsTheReplyToAnyOtherAccess)
+TEST_F(CheckGetDataVerdict, IsToRejectTheReplyToAnyOtherAccess)
 {
     for (int accessMode : {-1, 2, 3, 100, INT_MAX, INT_MIN})
         EXPECT_EQ(verdictFor(accessMode), 0);
 }
 
-TEST_F(CheckGetDataTest, LooksNeitherAtTheReplyNorAtItsLength)
+TEST_F(CheckGetDataVerdict, DependsNeitherOnTheReplyNorOnItsLength)
 {
     PLC_driver.sendQueue.append(Protocol());
     EXPECT_EQ(CheckGetData(nullptr, -1), 1);
@@ -304,7 +304,7 @@ TEST_F(CheckGetDataTest, LooksNeitherAtTheReplyNorAtItsLength)
     EXPECT_BYTES(reply, wire::errorReply(1, 0x52, 5));
 }
 
-TEST_F(CheckGetDataTest, RejectsAReplyThatNoRequestWaitsFor)
+TEST_F(CheckGetDataVerdict, IsToRejectAReplyWithoutARequestInFlight)
 {
     EXPECT_EQ(CheckGetData(nullptr, 0), 0);
 }

@@ -9,7 +9,7 @@ class StoredReply : public DriverTest
 protected:
     StoredReply() { connectStation(); }
 
-    /// Stores a reply to `request` as DataCom() would, and gives the buffer as it was left.
+    /// Stores a reply to `request` as DataCom() does. Returns the buffer as the call left it.
     QByteArray store(const RW_VAR& request, QByteArray reply)
     {
         PLC_driver.sendQueue.clear();
@@ -18,7 +18,7 @@ protected:
         head.var = request;
         PLC_driver.sendQueue.append(head);
         SaveToLocalDataErea(&reply);
-        EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the queue is only read";
+        EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the call does not change the queue";
         EXPECT_EQ(fieldsOf(PLC_driver.sendQueue.first().var), fieldsOf(request));
         return reply;
     }
@@ -41,13 +41,13 @@ TEST_F(StoredReply, IsLeftUndoubledInTheCallersBuffer)
     EXPECT_BYTES(image(), hex("10 10"));
 }
 
-TEST_F(StoredReply, PlacesAnElementByItsSizeAndFillsUpWithZeros)
+TEST_F(StoredReply, PlacesAnElementByItsSizeAndFillsGapsWithZeros)
 {
     store(readOf("T", 3), wire::readReply(0x21, 0xC3, hex("AA BB")));
     EXPECT_BYTES(image(), hex("00 00 00 00 00 00 AA BB"));
 }
 
-TEST_F(StoredReply, PlacesEveryClassByItsOwnSize)
+TEST_F(StoredReply, PlacesEveryClassByItsElementSize)
 {
     const std::pair<quint16, int> sizes[] = {{0xC1, 1}, {0xC2, 1}, {0xC3, 2}, {0xC4, 4}, {0xC5, 8}};
     for (const auto& [type, size] : sizes) {
@@ -58,14 +58,14 @@ TEST_F(StoredReply, PlacesEveryClassByItsOwnSize)
     }
 }
 
-TEST_F(StoredReply, OverwritesItsOwnElementsOnly)
+TEST_F(StoredReply, OverwritesOnlyItsOwnElements)
 {
     PLCDataStorage[1].tagData["T"] = hex("09 08 07 06 05 04 03 02");
     store(readOf("T", 1, 2), wire::readReply(0x21, 0xC3, hex("AA BB CC DD")));
     EXPECT_BYTES(image(), hex("09 08 AA BB CC DD 03 02"));
 }
 
-TEST_F(StoredReply, PlacesAStringByItsCharacters)
+TEST_F(StoredReply, PlacesAStringByCharacters)
 {
     store(readOf("T", 2), wire::readReply(0x21, 0xDA, hex("02 41 42")));
     EXPECT_BYTES(image(), hex("00 00 41 42"));
@@ -78,7 +78,7 @@ TEST_F(StoredReply, DropsTheLengthByteOfAString)
     EXPECT_BYTES(image(), hex("41 42 43"));
 }
 
-TEST_F(StoredReply, KeepsTheTailOfAStringThatGotShorter)
+TEST_F(StoredReply, KeepsTheTailWhenAStringBecomesShorter)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("03 41 42 43")));
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("01 58")));
@@ -93,14 +93,14 @@ TEST_F(StoredReply, LearnsTheTypeOnce)
     EXPECT_BYTES(image(), hex("01 02 03 04"));
 }
 
-TEST_F(StoredReply, PlacesByTheTypeOfTheReplyNotByTheOneLearnt)
+TEST_F(StoredReply, PlacesByTheTypeOfTheReplyNotByTheConfirmedType)
 {
     confirm("T", 3, 0xC3);
     store(readOf("T", 1), wire::readReply(0x21, 0xC4, hex("01 02 03 04")));
     EXPECT_BYTES(image(), hex("00 00 00 00 01 02 03 04"));
 }
 
-TEST_F(StoredReply, ConfirmsAnEntryThatIsSeededOrShort)
+TEST_F(StoredReply, ConfirmsASeededOrShortEntry)
 {
     for (const char* before : {"FF 00 00 00", "FF", "", "03 C3 FF", "FF 00 00 FE"}) {
         PLCDataStorage[1].tagInfo["T"] = hex(before);
@@ -109,14 +109,14 @@ TEST_F(StoredReply, ConfirmsAnEntryThatIsSeededOrShort)
     }
 }
 
-TEST_F(StoredReply, LooksPastAnA3InFrontOfTheTypeCode)
+TEST_F(StoredReply, SkipsAnA3BeforeTheTypeCode)
 {
     store(readOf("T", 1), wire::readReply(0x21, 0xC4A3, hex("01 02 03 04")));
     EXPECT_BYTES(info(), hex("04 A3 C4 FF"));
     EXPECT_BYTES(image(), hex("00 00 00 00 01 02 03 04"));
 }
 
-TEST_F(StoredReply, GoesToTheFrontForANameOutsideTheCatalogue)
+TEST_F(StoredReply, StartsAtIndexZeroForANameOutsideTheCatalogue)
 {
     RW_VAR request = readOf("T", 9);
     request.reqFlag = 0;
@@ -137,7 +137,7 @@ TEST_F(StoredReply, StoresNoValueForAnyOtherRequestFlagButConfirmsTheType)
     }
 }
 
-TEST_F(StoredReply, ConfirmsTheTypeOfAReplyWithoutValueAndMakesNoImage)
+TEST_F(StoredReply, ConfirmsTheTypeOfAReplyWithoutAValueAndStoresNone)
 {
     const QByteArray reply = wire::readReply(0x21, 0xC3, QByteArray());
     ASSERT_EQ(reply.size(), 26);
@@ -146,7 +146,7 @@ TEST_F(StoredReply, ConfirmsTheTypeOfAReplyWithoutValueAndMakesNoImage)
     EXPECT_FALSE(hasImage());
 }
 
-TEST_F(StoredReply, TakesAReplyThatEndsBeforeItsTypeAsItStands)
+TEST_F(StoredReply, ConfirmsATypeEvenWhenTheReplyEndsBeforeIt)
 {
     const QByteArray whole = wire::readReply(0x21, 0xC3, hex("01"));
     for (int size : {0, 1, 20, 21, 24, 25}) {
@@ -167,12 +167,12 @@ TEST_F(StoredReply, StopsAtTheEndOfAPartialElement)
     EXPECT_BYTES(image(), hex("01 02 03 04 05 06"));
 }
 
-TEST_F(StoredReply, StoresAnErrorReplyLikeAnyOtherAsIsKnown)
+TEST_F(StoredReply, StoresAnErrorReplyLikeAnyOtherWhichIsAKnownBehaviour)
 {
     const QByteArray refusal = wire::errorReply(0x21, 0x52, 0x05);
     store(readOf("T"), refusal);
     EXPECT_EQ(static_cast<quint8>(info().at(3)), 0xFF);
-    EXPECT_BYTES(info().mid(1, 2), refusal.mid(20, 2)) << "DLE ETX stands where the type would be";
+    EXPECT_BYTES(info().mid(1, 2), refusal.mid(20, 2)) << "DLE ETX is where the type would be";
 }
 
 TEST_F(StoredReply, BelongsToTheStationOfItsRequest)
@@ -200,7 +200,7 @@ TEST_F(StoredReply, BelongsToTheRequestInFlight)
     EXPECT_FALSE(hasImage("U"));
 }
 
-TEST_F(StoredReply, IsNotStoredAtAnIndexThatNoControllerHas)
+TEST_F(StoredReply, IsNotStoredAtAnImpossibleIndex)
 {
     for (int index :
          {-1, std::numeric_limits<int>::min(), 1 << 25, std::numeric_limits<int>::max()}) {
@@ -220,7 +220,7 @@ TEST_F(StoredReply, IsNotStoredBeyondTheLargestValue)
     EXPECT_EQ(PLCDataStorage[1].tagData["T"].size(), largest);
 }
 
-TEST_F(StoredReply, BeginsItsValueWhereItsRequestSays)
+TEST_F(StoredReply, StartsItsValueAtTheOffsetOfItsRequest)
 {
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
     PLC_driver.sendQueue.first().auxLength = 24;
@@ -230,7 +230,7 @@ TEST_F(StoredReply, BeginsItsValueWhereItsRequestSays)
     EXPECT_BYTES(info(), hex("03 C3 00 FF"));
 }
 
-TEST_F(StoredReply, LosesTheLengthByteOfAStringOutsideTheCatalogueToo)
+TEST_F(StoredReply, DropsTheLengthByteOfAStringOutsideTheCatalogueToo)
 {
     RW_VAR request = readOf("T");
     request.reqFlag = 0;
@@ -238,7 +238,7 @@ TEST_F(StoredReply, LosesTheLengthByteOfAStringOutsideTheCatalogueToo)
     EXPECT_BYTES(image(), hex("41 42 43"));
 }
 
-TEST_F(StoredReply, MakesNoImageOfAnEmptyString)
+TEST_F(StoredReply, StoresNoValueForAnEmptyString)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("00")));
     EXPECT_BYTES(info(), hex("01 DA 00 FF"));
@@ -247,23 +247,24 @@ TEST_F(StoredReply, MakesNoImageOfAnEmptyString)
     EXPECT_EQ(GetRegisterData("T", 0, "0", 1, out, 1), 0);
 }
 
-TEST_F(StoredReply, MakesNoImageOfAStringWithoutEvenItsLength)
+TEST_F(StoredReply, StoresNoValueForAStringWithoutALengthByte)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, QByteArray()));
     EXPECT_BYTES(info(), hex("01 DA 00 FF"));
     EXPECT_FALSE(hasImage());
 }
 
-TEST_F(StoredReply, KeepsWhatAnEntryHoldsBehindItsConfirmation)
+TEST_F(StoredReply, KeepsTheBytesOfAnEntryAfterItsConfirmation)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00 07");
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
     EXPECT_BYTES(info(), hex("03 C3 00 FF 07"));
 }
 
-TEST_F(StoredReply, LosesALastByteToACrcThatReadsAsAPairOfDlesAsIsKnown)
+TEST_F(StoredReply, LosesItsLastByteWhenTheCrcLooksLikeAPairOfDlesWhichIsAKnownBehaviour)
 {
-    // Undoubling halves such a CRC, so that the trailer reaches into the value.
+    // Undoubling shortens such a CRC to one byte, so the trailer includes the last byte of the
+    // value.
     for (unsigned value = 0; value < 0x10000; ++value) {
         const QByteArray reply = wire::readReply(0x21, 0xC3, wire::little(value, 2));
         if (!reply.endsWith(hex("10 03 10 10")))
@@ -275,7 +276,7 @@ TEST_F(StoredReply, LosesALastByteToACrcThatReadsAsAPairOfDlesAsIsKnown)
     FAIL() << "no such reply";
 }
 
-TEST_F(StoredReply, HasNoValueBeforeItsFirstByte)
+TEST_F(StoredReply, StoresNoValueForANegativeOffset)
 {
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
     PLC_driver.sendQueue.first().auxLength = -1;
@@ -284,7 +285,7 @@ TEST_F(StoredReply, HasNoValueBeforeItsFirstByte)
     EXPECT_BYTES(PLCDataStorage[1].tagData["T"], hex("01 02"));
 }
 
-TEST_F(StoredReply, NeedsAReplyAndARequest)
+TEST_F(StoredReply, ChangesNothingWithoutAReplyOrARequest)
 {
     SaveToLocalDataErea(nullptr);
     QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02"));

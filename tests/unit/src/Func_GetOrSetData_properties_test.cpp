@@ -1,5 +1,5 @@
-// The host's reads against a model of what replies have stored, for replies and reads of every
-// kind.
+// Compares the host's reads with a model of what replies have stored, for replies and reads of
+// every kind.
 
 #include "driver_fixture.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 // ---- Model of the store ------------------------------------------------------------------------
 
-/// Type code, class, bytes of an element as they are stored, and as the host gets them.
+/// Type code, class, and the bytes of one element: in the store and for the host.
 struct Type
 {
     int code, typeClass, size, hostSize;
@@ -24,7 +24,7 @@ struct Type
 const Type kTypes[] = {{0xC1, 0, 1, 1}, {0xDA, 1, 1, 1}, {0xC2, 2, 1, 2}, {0xD3, 2, 1, 2},
                        {0xC3, 3, 2, 2}, {0xC4, 4, 4, 4}, {0xCA, 4, 4, 4}, {0xC9, 5, 8, 8}};
 
-/// A tag as its replies made it: the first one's type, and its bytes by position.
+/// A tag after its replies: the type of the first reply, and the stored bytes by position.
 struct Tag
 {
     bool stored = false;
@@ -53,7 +53,7 @@ int elementsOf(const Type& type, int words)
     return words;
 }
 
-/// `element` and `words` as the catalogue leaves them, `hostWords` as the host asked.
+/// `element` and `words` as the catalogue completes them, `hostWords` as the host passes them.
 Answer modelRead(bool connected, const Tag& tag, int element, int words, int hostWords)
 {
     if (!connected || !tag.stored)
@@ -116,10 +116,10 @@ protected:
         PLC_driver.sendQueue.append(head);
         QByteArray bytes = wire::readReply(5, static_cast<quint16>(type.code), value);
         SaveToLocalDataErea(&bytes);
-        note(type, request.reqFlag == 1 ? element * type.size : 0,
-             type.typeClass == 1 ? value.mid(1) : value);
+        storeInModel(type, request.reqFlag == 1 ? element * type.size : 0,
+                     type.typeClass == 1 ? value.mid(1) : value);
     }
-    void note(const Type& type, int position, const QByteArray& value)
+    void storeInModel(const Type& type, int position, const QByteArray& value)
     {
         Tag& stored = tag();
         if (!stored.type)
@@ -136,7 +136,7 @@ protected:
         const bool indexed = name < kCatalogued;
         const Answer expected =
             modelRead(connected[station], tag(), indexed ? element : 0, indexed ? words : 1, words);
-        QByteArray out = "left over";
+        QByteArray out = "old bytes";
         const int result = GetRegisterData(QString::fromLatin1(kNames[name]), 0,
                                            QString::number(element), station, out, words);
         RC_ASSERT(result == expected.result);
@@ -155,7 +155,7 @@ protected:
     std::map<std::string, Tag> tags;
 };
 
-RC_GTEST_FIXTURE_PROP(Store, GivesTheHostWhatTheModelHolds, ())
+RC_GTEST_FIXTURE_PROP(Store, ReturnsWhatTheModelHolds, ())
 {
     const int steps = 60;
     for (int i = 0; i < steps; ++i) {

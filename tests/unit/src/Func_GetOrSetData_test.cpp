@@ -39,7 +39,7 @@ TEST_F(SetValue, QueuesARequestWithEveryFieldSet)
     EXPECT_BYTES(PLCDataStorage[4].tagInfo.value("T"), hex("FF 00 00 00"));
 }
 
-TEST_F(SetValue, IsOneElementAtIndexZeroOutsideTheCatalogue)
+TEST_F(SetValue, WritesOneElementAtIndexZeroOutsideTheCatalogue)
 {
     set("T", "ab");
     const RW_VAR& queued = PLC_driver.writeList.first();
@@ -48,7 +48,7 @@ TEST_F(SetValue, IsOneElementAtIndexZeroOutsideTheCatalogue)
     EXPECT_EQ(queued.reqFlag, 0);
 }
 
-TEST_F(SetValue, GoesToTheDefaultStationInSingleStationMode)
+TEST_F(SetValue, UsesTheDefaultStationInSingleStationMode)
 {
     settings.multiStation = 0;
     settings.defaultStation = 6;
@@ -56,7 +56,7 @@ TEST_F(SetValue, GoesToTheDefaultStationInSingleStationMode)
     EXPECT_EQ(PLC_driver.writeList.first().stationNo, 6);
 }
 
-TEST_F(SetValue, GoesToTheHostsStationInAnyMultiStationMode)
+TEST_F(SetValue, UsesTheHostsStationInEveryMultiStationMode)
 {
     settings.defaultStation = 6;
     for (int mode : {1, 2, -1}) {
@@ -73,7 +73,7 @@ TEST_F(SetValue, SeedsTheTagInEveryWriteMode)
     EXPECT_BYTES(PLCDataStorage[4].tagInfo.value("T"), hex("FF 00 00 00"));
 }
 
-TEST_F(SetValue, IsDroppedWithoutAReportWhereTheQueueIsFull)
+TEST_F(SetValue, DropsTheWriteSilentlyWhenTheQueueIsFull)
 {
     declareIndexed("T");
     RW_VAR other = writeOf("other", "x");
@@ -84,7 +84,7 @@ TEST_F(SetValue, IsDroppedWithoutAReportWhereTheQueueIsFull)
     EXPECT_EQ(PLC_driver.writeList.last().tagName, QString("other"));
 }
 
-TEST_F(SetValue, QueuesNothingInAnyOtherWriteMode)
+TEST_F(SetValue, QueuesNothingInWriteModesOtherThanTwo)
 {
     for (int mode : {0, 1, 3, -2}) {
         settings.writeMode = mode;
@@ -96,7 +96,7 @@ TEST_F(SetValue, QueuesNothingInAnyOtherWriteMode)
     EXPECT_TRUE(PLC_driver.writeList.isEmpty());
 }
 
-TEST_F(SetValue, ReplacesAQueuedWriteBehindTheHeadAndTellsTheLength)
+TEST_F(SetValue, ReplacesAQueuedWriteAfterTheHeadAndReturnsTheLength)
 {
     declareIndexed("T");
     EXPECT_EQ(set("T", "1"), 1);
@@ -106,7 +106,7 @@ TEST_F(SetValue, ReplacesAQueuedWriteBehindTheHeadAndTellsTheLength)
     EXPECT_EQ(set("T", "4", "9"), 3);
 }
 
-TEST_F(SetValue, IsQueuedAfterAFailureToo)
+TEST_F(SetValue, QueuesAWriteAfterAFailureToo)
 {
     PLC_driver.errorFlag = true;
     EXPECT_EQ(set("T", "1"), 1);
@@ -118,7 +118,7 @@ class GetValue : public DriverTest
 protected:
     GetValue() { connectStation(); }
 
-    /// Puts a value into the store, as a reply does.
+    /// Stores a value, as a reply does.
     void put(const char* name, quint8 typeClass, const char* image)
     {
         confirm(name, typeClass, 0xC3);
@@ -126,7 +126,7 @@ protected:
     }
     int get(const char* name, int element, int count)
     {
-        out = "left over";
+        out = "old bytes";
         return GetRegisterData(QString::fromLatin1(name), 123, QString::number(element), 1, out,
                                count);
     }
@@ -149,11 +149,11 @@ std::ostream& operator<<(std::ostream& out, const LayoutRow& row)
                << " of " << row.image;
 }
 
-class Layout : public GetValue, public ::testing::WithParamInterface<LayoutRow>
+class HostLayout : public GetValue, public ::testing::WithParamInterface<LayoutRow>
 {
 };
 
-TEST_P(Layout, FollowsTheClass)
+TEST_P(HostLayout, FollowsTheClass)
 {
     const LayoutRow& row = GetParam();
     declareIndexed("T");
@@ -163,7 +163,7 @@ TEST_P(Layout, FollowsTheClass)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    EveryClass, Layout,
+    EveryClass, HostLayout,
     ::testing::Values(
         LayoutRow{0, 0, 3, "01 00 01 01", "01 00 01"}, LayoutRow{0, 2, 2, "01 00 01", "01 00"},
         LayoutRow{1, 0, 2, "41 42 43 44 45", "41 42 43 44"},
@@ -182,22 +182,22 @@ INSTANTIATE_TEST_SUITE_P(
         LayoutRow{5, 1, 4, "01 02 03 04 05 06 07 08 09", "09 00 00 00 00 00 00 00"},
         LayoutRow{5, 0, 5, "01", "01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"},
         LayoutRow{6, 0, 4, "01 02 03 04", ""}, LayoutRow{0xFF, 0, 4, "01 02 03 04", ""},
-        // A count of 0 or less, and one that no controller has, asks for nothing.
+        // A count of 0 or less, and an impossible count, read nothing.
         LayoutRow{3, 0, 0, "01 02", ""}, LayoutRow{3, 0, -1, "01 02", ""},
         LayoutRow{4, 0, -2, "01 02", ""}, LayoutRow{1, 0, -2, "41", ""},
         LayoutRow{3, 0, std::numeric_limits<int>::max(), "01 02", ""},
-        // So does an index that lies before the value.
+        // An index before or far after the value reads zeros.
         LayoutRow{3, -1, 1, "01 02", "00 00"},
         LayoutRow{5, 1 << 29, 1, "01 02", "00 00 00 00 00 00 00 00"}));
 
-TEST_F(GetValue, IsOneElementAtIndexZeroOutsideTheCatalogue)
+TEST_F(GetValue, ReturnsOneElementAtIndexZeroOutsideTheCatalogue)
 {
     put("T", 3, "01 02 03 04");
     EXPECT_EQ(get("T", 1, 9), 1);
     EXPECT_BYTES(out, hex("01 02"));
 }
 
-TEST_F(GetValue, IsOneElementOfAnyClassOutsideTheCatalogue)
+TEST_F(GetValue, ReturnsOneElementOfAnyClassOutsideTheCatalogue)
 {
     const std::pair<int, const char*> rows[] = {
         {0, "01"}, {2, "01 00"}, {4, "01 02 03 04"}, {5, "01 02 03 04 05 06 07 08"}};
@@ -208,21 +208,21 @@ TEST_F(GetValue, IsOneElementOfAnyClassOutsideTheCatalogue)
     }
 }
 
-TEST_F(GetValue, CopiesTwiceTheHostsCountOfAStringOutsideTheCatalogueToo)
+TEST_F(GetValue, ReturnsTwiceTheHostsCountOfAStringOutsideTheCatalogueToo)
 {
     put("T", 1, "41 42 43 44 45");
     EXPECT_EQ(get("T", 1, 2), 1);
     EXPECT_BYTES(out, hex("41 42 43 44"));
 }
 
-TEST_F(GetValue, IsEmptyForNoneOfAStringsCharacters)
+TEST_F(GetValue, ReturnsNoBytesForZeroCharactersOfAString)
 {
     put("T", 1, "41 42 43 44 45");
     EXPECT_EQ(get("T", 1, 0), 1);
     EXPECT_BYTES(out, QByteArray());
 }
 
-TEST_F(GetValue, IsTwiceTheCountOfZerosWhileTheStationIsNotConnected)
+TEST_F(GetValue, ReturnsTwiceTheCountOfZerosWhileTheStationIsNotConnected)
 {
     put("T", 0, "01");
     setHandshakeInformation(1, false);
@@ -230,7 +230,7 @@ TEST_F(GetValue, IsTwiceTheCountOfZerosWhileTheStationIsNotConnected)
     EXPECT_BYTES(out, hex("00 00 00 00 00 00"));
 }
 
-TEST_F(GetValue, IsTwiceTheCountOfZerosForATagThatNeverCame)
+TEST_F(GetValue, ReturnsTwiceTheCountOfZerosForATagWithoutAValue)
 {
     EXPECT_EQ(get("T", 0, 2), 0);
     EXPECT_BYTES(out, hex("00 00 00 00"));
@@ -240,7 +240,7 @@ TEST_F(GetValue, IsTwiceTheCountOfZerosForATagThatNeverCame)
     EXPECT_TRUE(out.isEmpty());
 }
 
-TEST_F(GetValue, IsEmptyForAnEntryThatIsSeededOnly)
+TEST_F(GetValue, ReturnsNoBytesForAnEntryThatIsOnlySeeded)
 {
     declareIndexed("T");
     PLCDataStorage[1].tagData["T"] = hex("01 02");
@@ -248,7 +248,7 @@ TEST_F(GetValue, IsEmptyForAnEntryThatIsSeededOnly)
     EXPECT_TRUE(out.isEmpty());
 }
 
-TEST_F(GetValue, SeedsAnUnconfirmedEntryAndLeavesAConfirmedOne)
+TEST_F(GetValue, SeedsAnUnconfirmedEntryAndKeepsAConfirmedOne)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("03 C3 00 00");
     get("T", 0, 1);
@@ -268,7 +268,7 @@ TEST_F(GetValue, SeedsTheTagOfAStationThatIsNotConnectedToo)
     EXPECT_BYTES(PLCDataStorage[9].tagInfo.value("U"), hex("FF 00 00 00"));
 }
 
-TEST_F(GetValue, LeavesTheStoredValueAlone)
+TEST_F(GetValue, DoesNotChangeTheStoredValue)
 {
     declareIndexed("T");
     put("T", 4, "01 02 03 04 05");
@@ -279,7 +279,7 @@ TEST_F(GetValue, LeavesTheStoredValueAlone)
     EXPECT_FALSE(PLCDataStorage[1].tagData.contains("U"));
 }
 
-TEST_F(GetValue, ReadsTheStationThatItIsGiven)
+TEST_F(GetValue, ReadsTheGivenStation)
 {
     settings.multiStation = 0;
     settings.defaultStation = 1;
@@ -290,7 +290,7 @@ TEST_F(GetValue, ReadsTheStationThatItIsGiven)
     EXPECT_EQ(GetRegisterData("T", 0, "0", 1, other, 1), 1);
 }
 
-TEST_F(GetValue, AnswersWhileAnotherHoldsTheListsAndLeavesItsOwnLockFree)
+TEST_F(GetValue, WorksWhileTheListLockIsHeldAndReleasesTheValueLock)
 {
     put("T", 3, "01 02");
     PLC_driver.listMutex.lock();
@@ -302,7 +302,7 @@ TEST_F(GetValue, AnswersWhileAnotherHoldsTheListsAndLeavesItsOwnLockFree)
     PLC_driver.listMutex.unlock();
 }
 
-TEST_F(GetValue, DoesNotReadItsSecondArgument)
+TEST_F(GetValue, IgnoresItsSecondArgument)
 {
     put("T", 3, "01 02");
     for (int ignored : {std::numeric_limits<int>::min(), -1, 0, 1, std::numeric_limits<int>::max()})
@@ -312,14 +312,14 @@ TEST_F(GetValue, DoesNotReadItsSecondArgument)
     }
 }
 
-TEST_F(GetValue, NeedsNoSettings)
+TEST_F(GetValue, WorksWithoutSettings)
 {
     put("T", 3, "01 02");
     SetComInfo(nullptr);
     EXPECT_EQ(get("T", 0, 1), 1);
 }
 
-TEST_F(GetValue, AlwaysSaysThatItHasFinished)
+TEST_F(GetValue, IsAlwaysFinished)
 {
     EXPECT_EQ(QueryFinishFlag(), 1);
     RW_VAR request = readOf("T");

@@ -1,4 +1,4 @@
-// The request lists against small models, for host lists and calls of every kind.
+// Compares the request lists with small models, for host lists and calls of every kind.
 
 #include "driver_fixture.h"
 
@@ -14,7 +14,7 @@ namespace {
 
 // ---- Model of one group's requests -------------------------------------------------------------
 
-/// A run of elements, and the number of the request whose other fields it keeps.
+/// A run of elements, and the number of the request that its other fields come from.
 struct Stretch
 {
     qint64 start, count;
@@ -44,7 +44,7 @@ void cut(std::vector<Stretch>& out, const Stretch& run, int maxLength)
         out.push_back({run.start + blocks * maxLength, run.count - blocks * maxLength, run.owner});
 }
 
-// Runs are joined first and cut afterwards; only the first request loses its whole blocks before.
+// Runs are joined first and cut afterwards. Only the first request is cut before the join.
 std::vector<Stretch> modelRequests(const std::vector<Stretch>& group, int maxLength)
 {
     std::vector<Stretch> out;
@@ -70,7 +70,7 @@ std::vector<Stretch> modelRequests(const std::vector<Stretch>& group, int maxLen
 
 // ---- Generators --------------------------------------------------------------------------------
 
-/// Requests in the order of their start, most of them short and close together.
+/// Requests ordered by their start, most of them short and close together.
 rc::Gen<std::vector<Stretch>> anyGroup()
 {
     const auto start = rc::gen::weightedOneOf<int>(
@@ -113,7 +113,7 @@ protected:
 
 // ---- Properties of one group -------------------------------------------------------------------
 
-RC_GTEST_FIXTURE_PROP(Building, CutsAndJoinsAnyGroupAsTheModel, ())
+RC_GTEST_FIXTURE_PROP(Building, CutsAndJoinsAnyGroupLikeTheModel, ())
 {
     const std::vector<Stretch> group = *anyGroup();
     const int maxLength = *rc::gen::element(15, 15, 1, 4);
@@ -122,7 +122,7 @@ RC_GTEST_FIXTURE_PROP(Building, CutsAndJoinsAnyGroupAsTheModel, ())
     RC_ASSERT(built() == modelRequests(group, maxLength));
 }
 
-RC_GTEST_FIXTURE_PROP(Building, AsksForEachSingleElementOnceInAscendingOrder, ())
+RC_GTEST_FIXTURE_PROP(Building, ReadsEachSingleElementOnceInAscendingOrder, ())
 {
     const std::set<int> elements = *rc::gen::container<std::set<int>>(rc::gen::inRange(0, 200));
     std::vector<Stretch> group;
@@ -142,7 +142,7 @@ RC_GTEST_FIXTURE_PROP(Building, AsksForEachSingleElementOnceInAscendingOrder, ()
     RC_ASSERT(std::includes(asked.begin(), asked.end(), elements.begin(), elements.end()));
 }
 
-RC_GTEST_FIXTURE_PROP(Building, LeavesTheRestOfARunWithTheCaller, ())
+RC_GTEST_FIXTURE_PROP(Building, ReturnsTheRestOfARunToTheCaller, ())
 {
     const int start = *rc::gen::inRange(-50, 500);
     const int count = *rc::gen::inRange(-5, 100);
@@ -175,7 +175,7 @@ RC_GTEST_FIXTURE_PROP(Building, SortsAnyGroupByStartAndKeepsTheOrderOfEquals, ()
 
 // ---- Properties of a host's list ---------------------------------------------------------------
 
-/// A host's variable: which of the names and address texts below, count and area.
+/// A host's variable: the indexes of its name and its address text below, its count and its area.
 struct Variable
 {
     int name, address, count, area;
@@ -213,7 +213,7 @@ HOSTVAR hostVarOf(const Variable& variable)
     return host;
 }
 
-RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostAsTheModel, ())
+RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostLikeTheModel, ())
 {
     for (int i = 0; i < kCatalogued; ++i)
         declareIndexed(kNames[i]);
@@ -223,7 +223,7 @@ RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostAsTheModel, ())
         *rc::gen::nonEmpty(rc::gen::container<std::vector<Variable>>(anyVariable()));
     QList<HOSTVAR> host;
     std::map<std::string, std::vector<Stretch>>
-        groups; // names ascend by their codes, as in QString
+        groups; // a std::map orders names by their codes, like QString
     for (std::size_t i = 0; i < variables.size(); ++i) {
         const Variable& variable = variables[i];
         host.append(hostVarOf(variable));
@@ -270,7 +270,7 @@ RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostAsTheModel, ())
 
 const int kCap = 1024;
 
-/// What a queue holds of a request: its place, its variable and which call brought it.
+/// The fields of a queued request that matter: its place, its variable and the call that queued it.
 struct Entry
 {
     int station, area, start, count, varType, varIndex, call;
@@ -322,7 +322,7 @@ protected:
                                r.varIndex, r.hostField3});
         return entries;
     }
-    /// Fills a queue up to `size` with requests that no generated one equals.
+    /// Fills a queue up to `size` with requests that differ from every generated one.
     std::vector<Entry> fill(QList<RW_VAR>& list, int size)
     {
         std::vector<Entry> entries;
@@ -334,7 +334,7 @@ protected:
     }
 };
 
-RC_GTEST_FIXTURE_PROP(Queues, TakeWritesAsTheModel, ())
+RC_GTEST_FIXTURE_PROP(Queues, AcceptWritesLikeTheModel, ())
 {
     std::vector<Entry> model = fill(PLC_driver.writeList, *rc::gen::element(0, 0, kCap - 3));
     const int calls = *rc::gen::inRange(0, 25);
@@ -355,7 +355,7 @@ RC_GTEST_FIXTURE_PROP(Queues, TakeWritesAsTheModel, ())
     RC_ASSERT(entriesOf(PLC_driver.writeList) == model);
 }
 
-RC_GTEST_FIXTURE_PROP(Queues, TakeOneShotReadsAsTheModel, ())
+RC_GTEST_FIXTURE_PROP(Queues, AcceptOneShotReadsLikeTheModel, ())
 {
     settings.multiStation = *rc::gen::element(0, 1);
     settings.defaultStation = *rc::gen::element(0, 1, 5);

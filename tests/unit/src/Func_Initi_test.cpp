@@ -25,7 +25,7 @@ TEST_F(Configuration, ClearsTwoWordsOfTheSettingsAndKeepsTheRecord)
         EXPECT_EQ(words[i], i == 10 || i == 13 ? 0 : 100 + i) << i;
 }
 
-TEST_F(Configuration, KeepsTheCallbacksAndReplacesThem)
+TEST_F(Configuration, StoresTheCallbacksAndReplacesThem)
 {
     const FinishCallback finish = [](int, int, int, int) {};
     const RefreshCallback refresh = [](QList<RW_VAR>*, int, int) {};
@@ -37,7 +37,7 @@ TEST_F(Configuration, KeepsTheCallbacksAndReplacesThem)
     EXPECT_EQ(PLC_driver.refreshCallback, nullptr);
 }
 
-TEST_F(Configuration, KeepsTheAddressesOfTheLocalAreasInTheOrderBitWordThird)
+TEST_F(Configuration, StoresTheAddressesOfTheLocalAreasInTheOrderBitWordThird)
 {
     int areas[3];
     FlashLocalRegister(&areas[0], &areas[1], &areas[2]);
@@ -46,7 +46,7 @@ TEST_F(Configuration, KeepsTheAddressesOfTheLocalAreasInTheOrderBitWordThird)
     EXPECT_EQ(RWI, &areas[2]);
 }
 
-TEST_F(Configuration, AnswersTheConstantEntryPointsInAnyState)
+TEST_F(Configuration, DoesNotAffectTheConstantEntryPoints)
 {
     for (bool withSettings : {true, false}) {
         SetComInfo(withSettings ? &settings : nullptr);
@@ -74,14 +74,14 @@ TEST_F(Configuration, DisablesAndEnablesAStation)
     EXPECT_FALSE(Ethernetcontains(3));
 }
 
-TEST_F(Configuration, SetsTheValueOfAStationThatIsDisabledAlreadyToZero)
+TEST_F(Configuration, SetsTheValueOfAnAlreadyDisabledStationToZero)
 {
     PLC_driver.disabledStations.insert(3, 9);
     EnCommStation(3, 0);
     EXPECT_EQ(PLC_driver.disabledStations.value(3), 0);
 }
 
-TEST_F(Configuration, TakesStationZeroForAStationLikeAnyOther)
+TEST_F(Configuration, TreatsStationZeroLikeAnyOther)
 {
     EnCommStation(0, 0);
     EnCommStation(7, 0);
@@ -92,7 +92,7 @@ TEST_F(Configuration, TakesStationZeroForAStationLikeAnyOther)
     EXPECT_TRUE(Ethernetcontains(7));
 }
 
-TEST_F(Configuration, TakesTheAddressesOfTheLastCall)
+TEST_F(Configuration, UsesTheAddressesOfTheLastCall)
 {
     int areas[6];
     FlashLocalRegister(&areas[0], &areas[1], &areas[2]);
@@ -106,7 +106,7 @@ TEST_F(Configuration, TakesTheAddressesOfTheLastCall)
     EXPECT_EQ(RWI, nullptr);
 }
 
-TEST_F(Configuration, EnablesAllStationsForANegativeNumberWhateverTheFlag)
+TEST_F(Configuration, EnablesAllStationsForANegativeNumberAndAnyFlag)
 {
     for (const auto& [station, enable] :
          {std::make_pair(-1, 1), std::make_pair(-5, 0), std::make_pair(-1, 2),
@@ -141,7 +141,7 @@ std::string text(const QList<QPair<int, int>>& pairs)
     return out;
 }
 
-TEST_F(Lists, AreBuiltFromRecordsOfTheHostsLayout)
+TEST_F(Lists, HaveTheHostsLayoutOfAVariable)
 {
     HOSTVAR variable;
     const int pointer = sizeof(void*);
@@ -157,10 +157,10 @@ TEST_F(Lists, AreBuiltFromRecordsOfTheHostsLayout)
     EXPECT_EQ(static_cast<int>(sizeof variable), 8 + 3 * pointer);
     EXPECT_EQ(sizeof variable.count, 4u);
     EXPECT_TRUE((std::is_same<decltype(HOSTVAR::areaType), unsigned char>::value));
-    EXPECT_TRUE(QTypeInfo<HOSTVAR>::isLarge) << "a list holds its records by pointer";
+    EXPECT_TRUE(QTypeInfo<HOSTVAR>::isLarge) << "a list stores pointers to its records";
 }
 
-TEST_F(Lists, AppendCyclicReadsWithoutTestAndCap)
+TEST_F(Lists, AppendCyclicReadsWithoutComparisonOrLimit)
 {
     RW_VAR request = readOf("T");
     for (int i = 1; i <= 1030; ++i)
@@ -168,7 +168,7 @@ TEST_F(Lists, AppendCyclicReadsWithoutTestAndCap)
     EXPECT_EQ(AddListReadVar(nullptr), 1030);
 }
 
-TEST_F(Lists, AppendACyclicReadUnchangedBehindTheOthers)
+TEST_F(Lists, AppendACyclicReadUnchangedAfterTheOthers)
 {
     RW_VAR first = readOf("First"), second = distinctRequest("Second");
     const std::string before = fieldsOf(second);
@@ -179,7 +179,7 @@ TEST_F(Lists, AppendACyclicReadUnchangedBehindTheOthers)
     EXPECT_EQ(fieldsOf(second), before);
 }
 
-TEST_F(Lists, ReplaceTheFirstOfSeveralQueuedWritesToOnePlace)
+TEST_F(Lists, ReplaceTheFirstMatchingWriteAfterTheHead)
 {
     for (const char* data : {"1", "2", "3"}) {
         RW_VAR request = writeOf("T", data);
@@ -193,7 +193,7 @@ TEST_F(Lists, ReplaceTheFirstOfSeveralQueuedWritesToOnePlace)
     EXPECT_EQ(all, QByteArray("1n3"));
 }
 
-TEST_F(Lists, LookForAQueuedRequestInEveryModeButOne)
+TEST_F(Lists, LookForAQueuedRequestInEveryModeExceptOne)
 {
     RW_VAR write = writeOf("T", "x"), read = readOf("T");
     AddListWriteVar(&write, 1);
@@ -212,7 +212,7 @@ TEST_F(Lists, AppendAWriteUnconditionallyInModeOne)
         EXPECT_EQ(AddListWriteVar(&request, 1), i);
     EXPECT_EQ(AddListWriteVar(nullptr, 1), 1030);
     request.startAddress = 9;
-    EXPECT_EQ(AddListWriteVar(&request, 0), 1030) << "beyond the cap of every other mode";
+    EXPECT_EQ(AddListWriteVar(&request, 0), 1030) << "the limit of every other mode is exceeded";
 }
 
 TEST_F(Lists, NeverCompareAWriteWithTheFirstQueued)
@@ -220,7 +220,8 @@ TEST_F(Lists, NeverCompareAWriteWithTheFirstQueued)
     RW_VAR request = writeOf("T", "1");
     EXPECT_EQ(AddListWriteVar(&request, 0), 1);
     request.data = "2";
-    EXPECT_EQ(AddListWriteVar(&request, 0), 2) << "a list of one is appended to";
+    EXPECT_EQ(AddListWriteVar(&request, 0), 2)
+        << "the list has one entry, so the write is appended";
     request.data = "3";
     EXPECT_EQ(AddListWriteVar(&request, 0), 2);
     EXPECT_EQ(PLC_driver.writeList[0].data, QByteArray("1"));
@@ -280,7 +281,7 @@ TEST_F(Lists, AppendAWriteThatDiffersInStationAreaStartOrCount)
     }
 }
 
-TEST_F(Lists, DropAWriteBeyondTheCapAndStillReplace)
+TEST_F(Lists, DropAWriteBeyondTheLimitAndStillReplace)
 {
     RW_VAR request = writeOf("T", "x");
     for (int i = 0; i < 1023; ++i) {
@@ -310,10 +311,10 @@ TEST_F(Lists, AppendAOneShotReadUnchangedInModeOne)
     EXPECT_EQ(queued.onceFlag, 77);
     EXPECT_EQ(queued.reqFlag, 78);
     EXPECT_EQ(queued.stationNo, 79);
-    EXPECT_TRUE(PLCDataStorage.isEmpty()) << "nothing is looked up";
+    EXPECT_TRUE(PLCDataStorage.isEmpty()) << "no tag is looked up";
 }
 
-TEST_F(Lists, CompleteAOneShotReadOfTheCatalogue)
+TEST_F(Lists, CompleteAOneShotReadOfACataloguedName)
 {
     declareIndexed("T");
     RW_VAR request = readOf("T", 0, 4);
@@ -338,7 +339,7 @@ TEST_F(Lists, CompleteAOneShotReadOutsideTheCatalogueToOneElement)
     EXPECT_EQ(queued.count, 1);
 }
 
-TEST_F(Lists, TakeTheDefaultStationForAOneShotReadInSingleStationModeOnly)
+TEST_F(Lists, UseTheDefaultStationForAOneShotReadOnlyInSingleStationMode)
 {
     settings.defaultStation = 8;
     settings.multiStation = 0;
@@ -352,7 +353,7 @@ TEST_F(Lists, TakeTheDefaultStationForAOneShotReadInSingleStationModeOnly)
     EXPECT_EQ(PLC_driver.onceReadList.last().stationNo, 3);
 }
 
-TEST_F(Lists, CompleteTheCallersOwnRecordOfAOneShotRead)
+TEST_F(Lists, CompleteTheCallersRecordOfAOneShotRead)
 {
     declareIndexed("T");
     settings.multiStation = 0;
@@ -371,7 +372,7 @@ TEST_F(Lists, CompleteTheCallersOwnRecordOfAOneShotRead)
     EXPECT_FALSE(PLCDataStorage.contains(3));
 }
 
-TEST_F(Lists, KeepTheStationOfAOneShotReadInAnyMultiStationMode)
+TEST_F(Lists, KeepTheStationOfAOneShotReadInEveryMultiStationMode)
 {
     settings.defaultStation = 8;
     for (int mode : {1, 2, -1}) {
@@ -411,7 +412,7 @@ TEST_F(Lists, QueueAOneShotReadOnce)
     EXPECT_EQ(AddListOnceReadVar(&changed, 0), ++queued);
 }
 
-TEST_F(Lists, DropAOneShotReadBeyondTheCap)
+TEST_F(Lists, DropAOneShotReadBeyondTheLimit)
 {
     RW_VAR request = readOf("T");
     for (int i = 0; i < 1023; ++i)
@@ -420,20 +421,20 @@ TEST_F(Lists, DropAOneShotReadBeyondTheCap)
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
     request.varIndex = 501;
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
-    EXPECT_EQ(AddListOnceReadVar(&request, 1), 1025) << "mode 1 has no cap";
+    EXPECT_EQ(AddListOnceReadVar(&request, 1), 1025) << "mode 1 has no limit";
     request.varIndex = 502;
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1025);
     EXPECT_EQ(AddListOnceReadVar(nullptr, 0), 1025);
     EXPECT_EQ(AddListOnceReadVar(nullptr, 1), 1025);
 }
 
-TEST_F(Lists, TakeOneShotAndCyclicReadsWhileTheCallerHoldsTheLock)
+TEST_F(Lists, AcceptOneShotAndCyclicReadsWhileTheCallerHoldsTheLock)
 {
     RW_VAR request = readOf("T");
     PLC_driver.listMutex.lock();
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
     EXPECT_EQ(AddListReadVar(&request), 1);
-    EXPECT_FALSE(PLC_driver.listMutex.tryLock()) << "the caller's lock is still its own";
+    EXPECT_FALSE(PLC_driver.listMutex.tryLock()) << "the caller still holds its lock";
     std::thread([&] {
         RW_VAR other = readOf("U");
         other.varIndex = 2;
@@ -460,7 +461,7 @@ class Runs : public Lists, public ::testing::WithParamInterface<RunRow>
 {
 };
 
-TEST_P(Runs, AreMergedAndCutIntoFifteen)
+TEST_P(Runs, AreMergedAndCutIntoBlocksOfFifteen)
 {
     QList<RW_VAR> group;
     for (const auto& pair : GetParam().group)
@@ -484,15 +485,16 @@ INSTANTIATE_TEST_SUITE_P(
         RunRow{{{0, 10}, {11, 10}}, {{0, 15}, {15, 6}}},
         RunRow{{{0, 12}, {13, 1}, {20, 5}}, {{0, 14}, {20, 5}}},
         RunRow{{{0, -3}, {40, 2}}, {{40, 2}}},
-        // A run that has grown past the limit bridges what ends within it and is cut at its end.
+        // A run longer than a block still joins a run that starts within it, and ends where that
+        // run ends.
         RunRow{{{0, 10}, {9, 20}, {20, 1}}, {{0, 15}, {15, 6}}},
         RunRow{{{0, 10}, {9, 11}, {20, 1}}, {{0, 15}, {15, 6}}},
         RunRow{{{0, 10}, {9, 20}, {12, 1}}, {{0, 13}}},
-        // Nor is one cut that begins behind a gap or behind an empty one.
+        // The same is true for a run after a gap or after an empty run.
         RunRow{{{0, 1}, {16, 40}, {20, 1}}, {{0, 1}, {16, 5}}},
         RunRow{{{0, 0}, {7, 40}, {8, 1}}, {{7, 2}}}));
 
-TEST_F(Lists, CutWholeBlocksAndLeaveTheRestWithTheCaller)
+TEST_F(Lists, CutWholeBlocksAndReturnTheRestToTheCaller)
 {
     RW_VAR run = readOf("T", 2, 32);
     addressAdd(run, 15, false);
@@ -503,7 +505,7 @@ TEST_F(Lists, CutWholeBlocksAndLeaveTheRestWithTheCaller)
     EXPECT_EQ(text(runs()), "(2,15)(17,15)(32,2)");
 }
 
-TEST_F(Lists, GiveEveryBlockTheOtherFieldsOfItsRun)
+TEST_F(Lists, CopyTheOtherFieldsOfARunToEveryBlock)
 {
     RW_VAR run = distinctRequest("T");
     run.startAddress = 2;
@@ -520,7 +522,7 @@ TEST_F(Lists, GiveEveryBlockTheOtherFieldsOfItsRun)
     }
 }
 
-TEST_F(Lists, CutNothingForALengthThatCannotBe)
+TEST_F(Lists, DoNotCutForAnInvalidLength)
 {
     for (int length : {0, -1}) {
         RW_VAR run = readOf("T", 0, 5);
@@ -529,14 +531,14 @@ TEST_F(Lists, CutNothingForALengthThatCannotBe)
     EXPECT_EQ(text(runs()), "(0,5)(0,5)");
 }
 
-TEST_F(Lists, DropARunThatNoControllerHas)
+TEST_F(Lists, DropAnImpossiblyLongRun)
 {
     RW_VAR run = readOf("T", 0, std::numeric_limits<int>::max());
     addressAdd(run, 15, true);
     EXPECT_TRUE(PLC_driver.readList.isEmpty());
 }
 
-TEST_F(Lists, CutTheLongestRunThatAControllerCouldHave)
+TEST_F(Lists, CutTheLongestPossibleRun)
 {
     RW_VAR longest = readOf("T", 0, 1048576);
     addressAdd(longest, 15, true);
@@ -581,7 +583,7 @@ TEST_F(Lists, RebuildTheCyclicListFromTheHostsVariables)
                                 hostVar("Zone", "3", 1)};
 
     EXPECT_EQ(ReCreatReadVarList(&variables), 2);
-    EXPECT_EQ(text(runs()), "(0,1)(3,2)") << "names ascend, each group by address";
+    EXPECT_EQ(text(runs()), "(0,1)(3,2)") << "names ascend; within a name, addresses ascend";
     const RW_VAR& speed = PLC_driver.readList[0];
     EXPECT_EQ(speed.tagName, QString("Speed"));
     EXPECT_EQ(speed.varType, 0);
@@ -599,7 +601,7 @@ TEST_F(Lists, RebuildTheCyclicListFromTheHostsVariables)
     EXPECT_EQ(settings.passComplete, 0);
 }
 
-TEST_F(Lists, RebuildRequestsOfDifferentNamesAllAlike)
+TEST_F(Lists, RebuildRequestsOfDifferentNamesWithTheSameOtherFields)
 {
     for (const char* tag : {"A", "B", "C"})
         declareIndexed(tag);
@@ -628,14 +630,14 @@ TEST_F(Lists, MergeOnlyWithinOneName)
     EXPECT_EQ(names, (QStringList{"A", "A", "A", "B", "a"}));
 }
 
-TEST_F(Lists, AskForANameOutsideTheCatalogueOnce)
+TEST_F(Lists, RequestANameOutsideTheCatalogueOnce)
 {
     QList<HOSTVAR> variables = {hostVar("S", "3", 4), hostVar("S", "9", 4)};
     EXPECT_EQ(ReCreatReadVarList(&variables), 1);
     EXPECT_EQ(text(runs()), "(0,1)");
 }
 
-TEST_F(Lists, TakeTheDefaultStationForTheHostsVariablesInEveryMode)
+TEST_F(Lists, UseTheDefaultStationForTheHostsVariablesInEveryMode)
 {
     settings.defaultStation = 6;
     for (int mode : {0, 1}) {
@@ -646,7 +648,7 @@ TEST_F(Lists, TakeTheDefaultStationForTheHostsVariablesInEveryMode)
     }
 }
 
-TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListAndLeaveTheCycleAlone)
+TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListAndDoNotRestartTheCycle)
 {
     RW_VAR old = readOf("Old");
     AddListReadVar(&old);
@@ -670,7 +672,7 @@ TEST_F(Lists, EmptyTheCyclicListForAnEmptyHostListEvenWithoutSettings)
     EXPECT_TRUE(locksAreFree());
 }
 
-TEST_F(Lists, StayAsTheyAreWithoutAHostListOrSettings)
+TEST_F(Lists, DoNotChangeWithoutAHostListOrSettings)
 {
     RW_VAR old = readOf("Old");
     AddListReadVar(&old);

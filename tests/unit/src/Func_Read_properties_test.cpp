@@ -1,4 +1,5 @@
-// Read and write requests against an independent encoder, for tags and settings of every kind.
+// Compares read and write requests with an independent encoder, for tags and settings of every
+// kind.
 
 #include "driver_fixture.h"
 
@@ -15,7 +16,7 @@ QByteArray bytesOf(const std::vector<char>& bytes)
     return QByteArray(bytes.data(), static_cast<int>(bytes.size()));
 }
 
-// Bytes among which DLE and its neighbours are frequent.
+// Random bytes in which DLE and other special bytes are frequent.
 rc::Gen<QByteArray> anyBytes(int longest)
 {
     const auto byte = rc::gen::weightedOneOf<char>(
@@ -28,7 +29,8 @@ rc::Gen<QByteArray> anyBytes(int longest)
                         bytesOf);
 }
 
-// Names are short but for a few around the limits of the length byte and of the path size.
+// Most names are short; a few have lengths around the limits of the length byte and of the path
+// size.
 rc::Gen<QByteArray> anyName()
 {
     const auto longName = rc::gen::map(rc::gen::element(254, 255, 256, 257, 507, 508, 509, 510),
@@ -50,12 +52,12 @@ rc::Gen<int> anyClass()
         {{8, rc::gen::inRange(0, 6)}, {1, rc::gen::element(6, 0x10, 0xFE, 0xFF)}});
 }
 
-const int kRequestsOfACase = 20;
+const int kRequestsPerCase = 20;
 
 class Encoding : public DriverTest
 {
 protected:
-    /// A connected station 4 and a request to it, all of it drawn.
+    /// Connects station 4 and returns a random request to it.
     RW_VAR anyRequest()
     {
         counter = *rc::gen::weightedOneOf<quint16>(
@@ -74,7 +76,7 @@ protected:
         type = *rc::gen::arbitrary<quint16>();
         return request;
     }
-    void giveClass(bool confirmed)
+    void storeClass(bool confirmed)
     {
         PLCDataStorage[4].tagInfo[QString::fromLatin1(name.constData(), name.size())] =
             wire::little(static_cast<quint64>(typeClass), 1) + wire::little(type, 2) +
@@ -93,7 +95,7 @@ protected:
     quint16 type = 0;
 };
 
-// What a read asks for, counted in elements of the class.
+// The number of elements that a read asks for.
 int modelReadCount(const RW_VAR& request, int typeClass)
 {
     if (request.reqFlag == 0)
@@ -106,14 +108,14 @@ int modelReadCount(const RW_VAR& request, int typeClass)
     return request.onceFlag == 0 ? request.count - (bytes / 2 - 1) : request.count / (bytes / 2);
 }
 
-RC_GTEST_FIXTURE_PROP(Encoding, OfAnyReadFollowsTheIndependentEncoder, ())
+RC_GTEST_FIXTURE_PROP(Encoding, AReadMatchesTheIndependentEncoder, ())
 {
-    for (int i = 0; i < kRequestsOfACase; ++i) {
+    for (int i = 0; i < kRequestsPerCase; ++i) {
         RW_VAR request = anyRequest();
         request.count = *rc::gen::weightedOneOf<int>(
             {{3, rc::gen::inRange(0, 40)}, {1, rc::gen::inRange(0, 0x7FFFFFFF)}});
         const bool confirmed = *rc::gen::weightedElement<bool>({{5, true}, {1, false}});
-        giveClass(confirmed);
+        storeClass(confirmed);
         const int known = confirmed || request.reqFlag == 0 ? typeClass : 0xFF;
         const bool withElement = request.reqFlag != 0 && known != 1 && known != 0xFF;
         const QByteArray expected =
@@ -127,7 +129,7 @@ RC_GTEST_FIXTURE_PROP(Encoding, OfAnyReadFollowsTheIndependentEncoder, ())
     }
 }
 
-/// What a write sends of the host's bytes: elements announced and value bytes.
+/// What a write sends: the number of elements and the value bytes.
 struct Shape
 {
     int elements;
@@ -164,14 +166,14 @@ Shape modelShape(int typeClass, int count, const QByteArray& data)
     }
 }
 
-RC_GTEST_FIXTURE_PROP(Encoding, OfAnyWriteFollowsTheIndependentEncoder, ())
+RC_GTEST_FIXTURE_PROP(Encoding, AWriteMatchesTheIndependentEncoder, ())
 {
-    for (int i = 0; i < kRequestsOfACase; ++i) {
+    for (int i = 0; i < kRequestsPerCase; ++i) {
         RW_VAR request = anyRequest();
         request.accessMode = 1;
         request.count = *rc::gen::inRange(0, 40);
         request.data = *anyBytes(90);
-        giveClass(*rc::gen::arbitrary<bool>());
+        storeClass(*rc::gen::arbitrary<bool>());
         const Shape shape = modelShape(typeClass, request.count, request.data);
         const QByteArray expected = wire::writeRequest(
             counter, sentId(), path(request, request.reqFlag != 0 && typeClass != 1), type,

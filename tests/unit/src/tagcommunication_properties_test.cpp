@@ -1,4 +1,4 @@
-// Frame integrity against small models, for frames of every kind.
+// Compares the checks of frame integrity with small models, for frames of every kind.
 
 #include "driver_fixture.h"
 
@@ -34,8 +34,8 @@ unsigned int modelCrc(const QByteArray& closed)
     return wire::crc16Arc(data.left(qMax(0, data.size() - 2)) + hex("03"));
 }
 
-// Each place where an end can stand is tried with all that precedes it.
-int modelJudgement(const QByteArray& reply)
+// Tries every possible position of the end, with all bytes before it.
+int modelVerdict(const QByteArray& reply)
 {
     if (reply.size() < 24)
         return 0;
@@ -51,7 +51,7 @@ int modelJudgement(const QByteArray& reply)
 
 // ---- Generators --------------------------------------------------------------------------------
 
-// Bytes among which those that frames are made of are frequent.
+// Random bytes in which the control bytes of frames are frequent.
 rc::Gen<QByteArray> anyBytes()
 {
     const auto byte = rc::gen::weightedOneOf<char>(
@@ -62,7 +62,7 @@ rc::Gen<QByteArray> anyBytes()
                         });
 }
 
-// A reply long enough to be looked at.
+// A reply that is long enough to be checked.
 rc::Gen<QByteArray> anyReply()
 {
     return rc::gen::map(anyBytes(), [](const QByteArray& bytes) {
@@ -70,29 +70,29 @@ rc::Gen<QByteArray> anyReply()
     });
 }
 
-int judged(const QByteArray& reply)
+int verdictOf(const QByteArray& reply)
 {
     return DataIntegrityJudgment(&reply);
 }
 
 // ---- Properties --------------------------------------------------------------------------------
 
-RC_GTEST_PROP(DoublingOfAnyFrame, FollowsTheModel, ())
+RC_GTEST_PROP(DoublingAnyFrame, FollowsTheModel, ())
 {
     const QByteArray head = *rc::gen::element(hex("10 06 10 02"), hex("10 02"), QByteArray());
     const QByteArray frame = head + *anyBytes();
     RC_ASSERT(getRecoverData(frame, false) == modelDoubled(frame));
 }
 
-RC_GTEST_PROP(UndoublingOfAnyBytes, FollowsTheModel, ())
+RC_GTEST_PROP(UndoublingAnyBytes, FollowsTheModel, ())
 {
     const QByteArray bytes = *anyBytes();
     RC_ASSERT(getRecoverData(bytes, true) == modelUndoubled(bytes));
 }
 
-RC_GTEST_PROP(UndoublingOfADoubledFrame, GivesTheFrameBack, ())
+RC_GTEST_PROP(UndoublingADoubledFrame, RestoresTheFrame, ())
 {
-    // The CRC is sent single, so one that reads as a pair of DLEs cannot come back.
+    // The CRC is not doubled, so a CRC that looks like a pair of DLEs cannot be restored.
     const QByteArray crc = wire::little(*rc::gen::arbitrary<quint16>(), 2);
     RC_PRE(crc != hex("10 10"));
     const QByteArray frame = hex("10 06 10 02") + *anyBytes() + hex("10 03") + crc;
@@ -106,18 +106,18 @@ RC_GTEST_PROP(DataCrcOfAnyBytes, FollowsTheModel, ())
     RC_ASSERT(checkDataCrc(frame) == modelCrc(frame));
 }
 
-RC_GTEST_PROP(JudgementOfAFramedReply, IsOne, ())
+RC_GTEST_PROP(CheckingAFramedReply, AcceptsIt, ())
 {
-    RC_ASSERT(judged(*anyReply()) == 1);
+    RC_ASSERT(verdictOf(*anyReply()) == 1);
 }
 
-RC_GTEST_PROP(JudgementOfAnyBytes, FollowsTheModel, ())
+RC_GTEST_PROP(CheckingAnyBytes, FollowsTheModel, ())
 {
     const QByteArray bytes = hex("10 06 10 02") + QByteArray(15, '\x41') + *anyBytes();
-    RC_ASSERT(judged(bytes) == modelJudgement(bytes));
+    RC_ASSERT(verdictOf(bytes) == modelVerdict(bytes));
 }
 
-RC_GTEST_PROP(JudgementOfADamagedReply, FollowsTheModel, ())
+RC_GTEST_PROP(CheckingADamagedReply, FollowsTheModel, ())
 {
     QByteArray reply = *anyReply();
     const int at = *rc::gen::inRange(0, reply.size());
@@ -132,13 +132,13 @@ RC_GTEST_PROP(JudgementOfADamagedReply, FollowsTheModel, ())
         reply[at] = *rc::gen::arbitrary<char>();
         break;
     }
-    RC_ASSERT(judged(reply) == modelJudgement(reply));
+    RC_ASSERT(verdictOf(reply) == modelVerdict(reply));
 }
 
-RC_GTEST_PROP(JudgementOfAReplyWithAFlippedBit, IsZero, ())
+RC_GTEST_PROP(CheckingAReplyWithAFlippedBit, RejectsIt, ())
 {
-    // Data without a DLE, before and after: no length changes and no other end appears, and a CRC
-    // notices every single bit.
+    // There is no DLE in the data before and after the damage, so the length does not change and no
+    // other end appears. A CRC detects every single flipped bit.
     QByteArray data = *anyBytes();
     data = QByteArray(16, '\x41') + data.replace(hex("10"), hex("11"));
     const QByteArray reply = wire::framed(data);
@@ -146,15 +146,15 @@ RC_GTEST_PROP(JudgementOfAReplyWithAFlippedBit, IsZero, ())
     QByteArray damaged = reply;
     damaged[bit / 8] = static_cast<char>(damaged.at(bit / 8) ^ (1 << bit % 8));
     RC_PRE(!damaged.mid(4, data.size()).contains('\x10'));
-    RC_ASSERT(judged(damaged) == 0);
+    RC_ASSERT(verdictOf(damaged) == 0);
 }
 
-RC_GTEST_PROP(JudgementOfAReplyThatIsCutOff, IsZero, ())
+RC_GTEST_PROP(CheckingATruncatedReply, RejectsIt, ())
 {
     QByteArray data = *anyBytes();
     data = QByteArray(16, '\x41') + data.replace(hex("10"), hex("11"));
     const QByteArray reply = wire::framed(data);
-    RC_ASSERT(judged(reply.left(*rc::gen::inRange(0, reply.size()))) == 0);
+    RC_ASSERT(verdictOf(reply.left(*rc::gen::inRange(0, reply.size()))) == 0);
 }
 
 } // namespace
