@@ -33,8 +33,8 @@ bool isPath(const Bytes& path, std::uint8_t objectClass)
 
 } // namespace
 
-CipServer::CipServer(const Clock& clock, Plant& plant, Identity identity)
-    : m_clock(clock), m_plant(plant), m_identity(std::move(identity))
+CipServer::CipServer(const Clock& clock, TagTable& tags, Identity identity)
+    : m_clock(clock), m_tags(tags), m_identity(std::move(identity))
 {
 }
 
@@ -273,7 +273,7 @@ std::optional<CipServer::Reply> CipServer::locate(const Bytes& path, Target& tar
         else
             return segmentError;
     }
-    target.tag = m_plant.find(std::string(name.begin(), name.end()));
+    target.tag = m_tags.find(std::string(name.begin(), name.end()));
     if (!target.tag)
         return Reply{CipStatus::PathDestinationUnknown, CipExtended::None, {}};
     if (target.element >= target.tag->elements.size())

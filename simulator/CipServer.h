@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_CIPSERVER_H
 #define MICRO850_SIMULATOR_CIPSERVER_H
 
-#include "Plant.h"
+#include "TagTable.h"
 
 #include <cstdint>
 #include <map>
@@ -56,7 +56,7 @@ struct Identity
 class CipServer
 {
 public:
-    CipServer(const Clock& clock, Plant& plant, Identity identity = Identity());
+    CipServer(const Clock& clock, TagTable& tags, Identity identity = Identity());
 
     /// The reply's data; nothing for a message that is no request to this node.
     std::optional<Bytes> handle(const Bytes& message);
@@ -115,7 +115,7 @@ private:
     void expireConnections();
 
     const Clock& m_clock;
-    Plant& m_plant;
+    TagTable& m_tags;
     Identity m_identity;
     std::map<std::uint32_t, Connection> m_connections; ///< by O->T identifier
     std::uint32_t m_nextConnectionId = 0x00A15C3A;

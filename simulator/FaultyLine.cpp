@@ -45,8 +45,9 @@ std::ptrdiff_t offset(std::size_t index)
 
 } // namespace
 
-FaultyLine::FaultyLine(const Clock& clock, Engine& engine, FaultScript script, std::uint64_t seed)
-    : m_clock(clock), m_engine(engine), m_script(std::move(script)), m_dice(seed)
+FaultyLine::FaultyLine(const Clock& clock, Controller& controller, FaultScript script,
+                       std::uint64_t seed)
+    : m_clock(clock), m_controller(controller), m_script(std::move(script)), m_dice(seed)
 {
 }
 
@@ -69,7 +70,7 @@ void FaultyLine::tick()
             pass(Side::Requests, *sent);
     }
     deliver();
-    m_engine.tick();
+    m_controller.tick();
     collectReplies();
     deliver();
 }
@@ -97,16 +98,16 @@ void FaultyLine::deliver()
 
 void FaultyLine::execute(const Piece& piece)
 {
-    m_engine.server().setFailure(piece.failure);
-    m_engine.receive(piece.bytes);
-    m_engine.server().setFailure(std::nullopt);
+    m_controller.server().setFailure(piece.failure);
+    m_controller.receive(piece.bytes);
+    m_controller.server().setFailure(std::nullopt);
     collectReplies();
 }
 
 void FaultyLine::collectReplies()
 {
     Way& way = m_sides[index(Side::Replies)];
-    for (const Transmission& sent : way.splitter.feed(m_engine.transmit()))
+    for (const Transmission& sent : way.splitter.feed(m_controller.transmit()))
         pass(Side::Replies, sent);
     if (const auto sent = way.splitter.flush())
         pass(Side::Replies, *sent);

@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_FAULTYLINE_H
 #define MICRO850_SIMULATOR_FAULTYLINE_H
 
-#include "Engine.h"
+#include "Controller.h"
 #include "Faults.h"
 #include "TransmissionSplitter.h"
 
@@ -29,7 +29,8 @@ public:
     };
     using Observer = std::function<void(const Event&)>;
 
-    FaultyLine(const Clock& clock, Engine& engine, FaultScript script = {}, std::uint64_t seed = 1);
+    FaultyLine(const Clock& clock, Controller& controller, FaultScript script = {},
+               std::uint64_t seed = 1);
 
     /// Called with each fault as it strikes.
     void setObserver(Observer observer) { m_observer = std::move(observer); }
@@ -111,7 +112,7 @@ private:
     void collectReplies();
 
     const Clock& m_clock;
-    Engine& m_engine;
+    Controller& m_controller;
     FaultScript m_script;
     Dice m_dice;
     Observer m_observer;

@@ -6,19 +6,19 @@
 
 namespace micro850::sim {
 
-Plant Station::plantOf(const StationSetup& setup)
+TagTable Station::tagTableOf(const StationSetup& setup)
 {
-    return setup.tags.empty() ? Plant() : Plant::fromFile(setup.tags);
+    return setup.tags.empty() ? TagTable() : TagTable::fromFile(setup.tags);
 }
 
 Station::Station(StationSetup setup)
-    : m_setup(std::move(setup)), m_engine(m_clock, plantOf(m_setup), m_setup.options),
-      m_line(m_clock, m_engine, m_setup.faults, m_setup.seed)
+    : m_setup(std::move(setup)), m_controller(m_clock, tagTableOf(m_setup), m_setup.options),
+      m_line(m_clock, m_controller, m_setup.faults, m_setup.seed)
 {
     m_line.setObserver([this](const FaultyLine::Event& event) { say(describe(event)); });
     if (!m_setup.replay.empty()) {
         m_replay.emplace(readTrace(m_setup.replay), m_setup.replay);
-        m_engine.answerWith([this](const Bytes& message) { return replayed(message); });
+        m_controller.answerWith([this](const Bytes& message) { return replayed(message); });
     }
     open();
 }
@@ -63,24 +63,24 @@ std::optional<Bytes> Station::replayed(const Bytes& message)
     return reply;
 }
 
-void Station::obey(const Order& order)
+void Station::execute(const Command& command)
 {
-    if (order.kind == Order::PowerCycle) {
-        m_engine.powerCycle(order.retain);
-        say(order.retain ? "power cycle, values retained" : "power cycle, initial values");
+    if (command.kind == Command::PowerCycle) {
+        m_controller.powerCycle(command.retain);
+        say(command.retain ? "power cycle, values retained" : "power cycle, initial values");
         return;
     }
     if (m_replay)
         throw UserError("download: a replayed trace has no tags (start with a tag file)");
-    const std::string& file = order.file.empty() ? m_setup.tags : order.file;
-    m_engine.download(Plant::fromFile(file));
+    const std::string& file = command.file.empty() ? m_setup.tags : command.file;
+    m_controller.download(TagTable::fromFile(file));
     m_setup.tags = file;
     say("tags of " + file + " downloaded");
 }
 
 void Station::summarise() const
 {
-    const LinkCounters& counters = m_engine.counters();
+    const LinkCounters& counters = m_controller.counters();
     say(std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
         " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
         std::to_string(counters.undelivered) + " replies undelivered");

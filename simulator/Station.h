@@ -1,8 +1,8 @@
 #ifndef MICRO850_SIMULATOR_STATION_H
 #define MICRO850_SIMULATOR_STATION_H
 
+#include "Command.h"
 #include "FaultyLine.h"
-#include "Order.h"
 #include "Replay.h"
 #include "SerialPort.h"
 
@@ -38,11 +38,11 @@ public:
     /// Takes what has come and sends what is due. Throws UserError when the device has vanished.
     void serve();
     /// Throws UserError for a tag file that is wrong; the tags stay as they were then.
-    void obey(const Order& order);
+    void execute(const Command& command);
     void summarise() const;
 
 private:
-    static Plant plantOf(const StationSetup& setup);
+    static TagTable tagTableOf(const StationSetup& setup);
     void open();
     void receive();
     std::optional<Bytes> replayed(const Bytes& message);
@@ -50,7 +50,7 @@ private:
 
     StationSetup m_setup;
     SystemClock m_clock;
-    Engine m_engine;
+    Controller m_controller;
     FaultyLine m_line;
     std::optional<Replay> m_replay;
     std::unique_ptr<SerialPort> m_port;

@@ -74,7 +74,7 @@ void declare(CLI::App& app, Options& options)
     declareLine(app, options);
     app.add_flag("--quiet", options.setup.quiet, "Only errors on standard error");
     app.footer(
-        "Orders on standard input, for station N or all:\n"
+        "Commands on standard input, for station N or all:\n"
         "  power-cycle [retain] [N]   forget connections; values initial or retained\n"
         "  download [FILE] [N]        other tags; without FILE the tag file anew, as SIGHUP does\n"
         "Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
@@ -132,7 +132,7 @@ Stations makeStations(const Options& options)
 
 /// Lines of standard input. A process in the background of a terminal lets it be, as reading would
 /// stop it.
-class Orders
+class CommandInput
 {
 public:
     int descriptor() const
@@ -142,7 +142,7 @@ public:
     }
 
     /// The lines that are complete, once descriptor() can be read.
-    std::vector<std::string> take()
+    std::vector<std::string> readLines()
     {
         std::array<char, 4096> buffer;
         const ssize_t count = ::read(STDIN_FILENO, buffer.data(), buffer.size());
@@ -161,32 +161,33 @@ private:
     std::string m_text;
 };
 
-// A wrong order is told and changes nothing.
-void carryOut(const std::string& line, Stations& stations)
+// A wrong command is reported and changes nothing.
+void executeLine(const std::string& line, Stations& stations)
 {
     try {
-        const std::optional<Order> order = orderFrom(line);
-        bool found = !order;
+        const std::optional<Command> command = parseCommand(line);
+        bool found = !command;
         for (auto& [number, station] : stations) {
-            if (!order || (order->station && *order->station != number))
+            if (!command || (command->station && *command->station != number))
                 continue;
-            station.obey(*order);
+            station.execute(*command);
             found = true;
         }
         if (!found)
-            throw UserError("there is no station " + std::to_string(*order->station));
+            throw UserError("there is no station " + std::to_string(*command->station));
     } catch (const UserError& error) {
         std::cerr << "micro850-sim: " << error.what() << '\n';
     }
 }
 
-void waitForInput(const Stations& stations, const Orders& orders, int milliseconds, bool& ordered)
+void waitForInput(const Stations& stations, const CommandInput& input, int milliseconds,
+                  bool& readable)
 {
-    std::vector<pollfd> waits = {{orders.descriptor(), POLLIN, 0}};
+    std::vector<pollfd> waits = {{input.descriptor(), POLLIN, 0}};
     for (const auto& station : stations)
         waits.push_back({station.second.descriptor(), POLLIN, 0});
     const int ready = ::poll(waits.data(), waits.size(), milliseconds);
-    ordered = ready > 0 && waits[0].revents != 0;
+    readable = ready > 0 && waits[0].revents != 0;
 }
 
 int run(const Options& options)
@@ -194,15 +195,15 @@ int run(const Options& options)
     // milliseconds between two looks at the time; delays and gaps of faults want finer ones
     const int tick = options.faults.empty() ? 20 : 1;
     Stations stations = makeStations(options);
-    Orders orders;
+    CommandInput input;
     while (!stopRequested) {
-        bool ordered = false;
-        waitForInput(stations, orders, tick, ordered);
-        for (const std::string& line : ordered ? orders.take() : std::vector<std::string>())
-            carryOut(line, stations);
+        bool readable = false;
+        waitForInput(stations, input, tick, readable);
+        for (const std::string& line : readable ? input.readLines() : std::vector<std::string>())
+            executeLine(line, stations);
         if (downloadRequested) {
             downloadRequested = 0;
-            carryOut("download", stations);
+            executeLine("download", stations);
         }
         for (auto& station : stations)
             station.second.serve();

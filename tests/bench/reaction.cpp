@@ -62,8 +62,8 @@ class Plant
 {
 public:
     Plant(int baud, int others)
-        : m_engine(m_clock, micro850::sim::Plant::fromText(plantText(others), "plant")),
-          m_line(m_clock, m_engine), m_port(m_clock, m_line, baud), m_project(projectAt(baud)),
+        : m_controller(m_clock, micro850::sim::TagTable::fromText(plantText(others), "plant")),
+          m_line(m_clock, m_controller), m_port(m_clock, m_line, baud), m_project(projectAt(baud)),
           m_loop(m_library.api(), m_port, m_port, m_project)
     {
         m_loop.exchange().setObserver([this](micro850::host::Exchange::Direction direction,
@@ -107,7 +107,7 @@ public:
         });
         runUntil([&] { return m_sent >= 0; });
         runFor(1000000);
-        if (m_engine.plant().find(tag.toStdString())->elements[0] != micro850::Bytes(4, 1))
+        if (m_controller.tags().find(tag.toStdString())->elements[0] != micro850::Bytes(4, 1))
             throw micro850::UserError("the write did not arrive");
         return static_cast<double>(m_sent - m_called) / 1000;
     }
@@ -123,7 +123,7 @@ public:
     double powerCycle(qint64 moment)
     {
         return recovery(moment, [this] {
-            m_engine.powerCycle(false);
+            m_controller.powerCycle(false);
             m_port.cut();
             m_struck = m_port.microseconds();
         });
@@ -202,7 +202,7 @@ private:
     double milliseconds() const { return static_cast<double>(m_port.microseconds()) / 1000; }
 
     micro850::sim::VirtualClock m_clock;
-    micro850::sim::Engine m_engine;
+    micro850::sim::Controller m_controller;
     micro850::sim::FaultyLine m_line;
     PacedSimLine m_port;
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};

@@ -2,7 +2,7 @@
 // lets time pass. Whatever comes, it answers with whole controls and frames, and its tags stay of
 // their type.
 
-#include "Engine.h"
+#include "Controller.h"
 #include "controller_steps.h"
 #include "fuzz_check.h"
 #include "fuzz_input.h"
@@ -28,16 +28,16 @@ Bytes bytesOf(const QByteArray& bytes)
     return Bytes(bytes.begin(), bytes.end());
 }
 
-class Controller
+class ControllerSession
 {
 public:
-    explicit Controller(FuzzInput& input) : m_input(input) {}
+    explicit ControllerSession(FuzzInput& input) : m_input(input) {}
 
     void run()
     {
         for (int i = 0; i < 200 && !m_input.atEnd(); ++i) {
             step();
-            checkSent(m_engine.transmit());
+            checkSent(m_controller.transmit());
             checkTags();
         }
     }
@@ -47,7 +47,7 @@ private:
     {
         switch (m_input.below(controller::kSteps)) {
         case controller::kRawBytes:
-            return m_engine.receive(bytesOf(m_input.block()));
+            return m_controller.receive(bytesOf(m_input.block()));
         case controller::kMessage:
             return send(m_input.block());
         case controller::kUnconnected:
@@ -64,9 +64,9 @@ private:
             return write();
         case controller::kWait:
             m_clock.advance(Duration(m_input.word() * 1000));
-            return m_engine.tick();
+            return m_controller.tick();
         default:
-            return m_engine.powerCycle(m_input.flag());
+            return m_controller.powerCycle(m_input.flag());
         }
     }
 
@@ -83,7 +83,7 @@ private:
                QByteArray(2, '\0');
     }
 
-    void send(const QByteArray& data) { m_engine.receive(bytesOf(wire::framed(data))); }
+    void send(const QByteArray& data) { m_controller.receive(bytesOf(wire::framed(data))); }
 
     void sendBehind(const QByteArray& head) { send(head + m_input.block()); }
 
@@ -106,7 +106,7 @@ private:
     {
         const QByteArray tag = path();
         const quint16 count = m_input.byte();
-        m_engine.receive(bytesOf(wire::readRequest(next(), m_connection, tag, count)));
+        m_controller.receive(bytesOf(wire::readRequest(next(), m_connection, tag, count)));
     }
 
     void write()
@@ -115,7 +115,7 @@ private:
         const auto type = static_cast<quint16>(0xC0 + m_input.below(0x1C));
         const quint16 count = m_input.byte();
         const quint16 transaction = next();
-        m_engine.receive(bytesOf(
+        m_controller.receive(bytesOf(
             wire::writeRequest(transaction, m_connection, tag, type, count, m_input.block())));
     }
 
@@ -163,8 +163,8 @@ private:
 
     void checkTags()
     {
-        FUZZ_CHECK(m_engine.plant().tags().size() == 7);
-        for (const auto& [name, tag] : m_engine.plant().tags()) {
+        FUZZ_CHECK(m_controller.tags().tags().size() == 7);
+        for (const auto& [name, tag] : m_controller.tags().tags()) {
             FUZZ_CHECK(tag.elements.size() == tag.initial.size());
             FUZZ_CHECK(!tag.readOnly || tag.elements == tag.initial);
             for (const Bytes& element : tag.elements) {
@@ -176,13 +176,13 @@ private:
 
     FuzzInput& m_input;
     VirtualClock m_clock;
-    Engine m_engine{m_clock, plant()};
+    Controller m_controller{m_clock, table()};
     QByteArray m_connection = QByteArray(2, '\0');
     quint16 m_transaction = 0;
 
-    static Plant plant()
+    static TagTable table()
     {
-        static const Plant once = Plant::fromText(kTags, "tags");
+        static const TagTable once = TagTable::fromText(kTags, "tags");
         return once;
     }
 };
@@ -192,6 +192,6 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
 {
     FuzzInput input(bytes, size);
-    Controller(input).run();
+    ControllerSession(input).run();
     return 0;
 }

@@ -1,8 +1,8 @@
 // What a person gives the simulated controller besides its tags: fault scripts, which are also let
-// loose on a short session, orders, and recordings to answer from.
+// loose on a short session, commands, and recordings to answer from.
 
+#include "Command.h"
 #include "FaultyLine.h"
-#include "Order.h"
 #include "Replay.h"
 #include "complaint.h"
 #include "fuzz_input.h"
@@ -32,11 +32,11 @@ bool isSmall(const FaultScript& script)
 // Under any rules a session ends, and the line is quiet once everything under way has arrived.
 void runSession(const FaultScript& script)
 {
-    static const Plant plant =
-        Plant::fromText(R"({"tags": [{"name": "Speed", "type": "INT", "value": 4112}]})", "tags");
+    static const TagTable table = TagTable::fromText(
+        R"({"tags": [{"name": "Speed", "type": "INT", "value": 4112}]})", "tags");
     VirtualClock clock;
-    Engine engine(clock, plant);
-    FaultyLine line(clock, engine, script, 7);
+    Controller controller(clock, table);
+    FaultyLine line(clock, controller, script, 7);
     unsigned told = 0;
     line.setObserver([&told](const FaultyLine::Event& event) {
         ++told;
@@ -76,11 +76,11 @@ void checkScript(const std::string& text)
         runSession(script);
 }
 
-void checkOrder(const std::string& line)
+void checkCommand(const std::string& line)
 {
-    if (const std::optional<Order> order = orderFrom(line)) {
-        FUZZ_CHECK(!order->station || *order->station >= 0);
-        FUZZ_CHECK(order->kind == Order::Download || order->file.empty());
+    if (const std::optional<Command> command = parseCommand(line)) {
+        FUZZ_CHECK(!command->station || *command->station >= 0);
+        FUZZ_CHECK(command->kind == Command::Download || command->file.empty());
     }
 }
 
@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         text.erase(0, 1);
     try {
         if (kind == '\1')
-            checkOrder(text);
+            checkCommand(text);
         else if (kind == '\2')
             checkReplay(text);
         else

@@ -1,7 +1,7 @@
 // Tag files: any text is read or refused with one line, and the tags that are read hold values of
 // their type at any time.
 
-#include "Plant.h"
+#include "TagTable.h"
 #include "complaint.h"
 
 #include <cctype>
@@ -35,9 +35,9 @@ void checkElement(const CipType& type, const Bytes& element)
     FUZZ_CHECK(type.kind != CipKind::Boolean || element[0] <= 1);
 }
 
-void checkTags(const Plant& plant)
+void checkTags(const TagTable& table)
 {
-    for (const auto& [name, tag] : plant.tags()) {
+    for (const auto& [name, tag] : table.tags()) {
         FUZZ_CHECK(!name.empty() && name.size() <= 255 && tag.name == name);
         FUZZ_CHECK(!tag.elements.empty() && tag.elements.size() == tag.initial.size());
         for (const Bytes& element : tag.elements)
@@ -45,15 +45,15 @@ void checkTags(const Plant& plant)
     }
 }
 
-void check(Plant plant)
+void check(TagTable table)
 {
-    checkTags(plant);
+    checkTags(table);
     for (const std::int64_t microseconds : {0LL, 1LL, 333333LL, 5000000LL, 1LL << 52}) {
-        plant.move(Duration(microseconds));
-        checkTags(plant);
+        table.move(Duration(microseconds));
+        checkTags(table);
     }
-    plant.reset();
-    for (const auto& [name, tag] : plant.tags())
+    table.reset();
+    for (const auto& [name, tag] : table.tags())
         FUZZ_CHECK(tag.elements == tag.initial);
 }
 
@@ -65,7 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     if (asksForLongArrays(text))
         return -1;
     try {
-        check(Plant::fromText(text, "t.json"));
+        check(TagTable::fromText(text, "t.json"));
     } catch (const UserError& error) {
         fuzz::checkComplaint(error, "t.json:");
     }

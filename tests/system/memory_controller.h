@@ -1,7 +1,7 @@
 #ifndef MICRO850_TESTS_MEMORY_CONTROLLER_H
 #define MICRO850_TESTS_MEMORY_CONTROLLER_H
 
-#include "Engine.h"
+#include "Controller.h"
 
 #include <QtCore/QByteArray>
 
@@ -12,7 +12,7 @@
 class MemoryController
 {
 public:
-    MemoryController() : m_engine(m_clock, micro850::sim::Plant(), executingRepeats()) {}
+    MemoryController() : m_controller(m_clock, micro850::sim::TagTable(), executingRepeats()) {}
 
     /// A tag of one element of an elementary type, all 00.
     void define(const QByteArray& name, const char* type)
@@ -22,26 +22,26 @@ public:
         tag.type = &micro850::cipTypeNamed(type);
         tag.elements.assign(1, micro850::Bytes(static_cast<std::size_t>(tag.type->size)));
         tag.initial = tag.elements;
-        m_engine.plant().put(tag);
+        m_controller.tags().put(tag);
     }
 
     /// The bytes of the tag's element, in the controller's order.
     QByteArray value(const QByteArray& name)
     {
-        const micro850::sim::Tag* tag = m_engine.plant().find(name.toStdString());
+        const micro850::sim::Tag* tag = m_controller.tags().find(name.toStdString());
         return tag ? bytesOf(tag->elements.front()) : QByteArray();
     }
 
     /// What the controller sends for a frame: its acknowledgement and the reply.
     QByteArray exchange(const QByteArray& frame)
     {
-        m_engine.receive(micro850::Bytes(frame.begin(), frame.end()));
-        return bytesOf(m_engine.transmit());
+        m_controller.receive(micro850::Bytes(frame.begin(), frame.end()));
+        return bytesOf(m_controller.transmit());
     }
 
     void advance(std::chrono::milliseconds time) { m_clock.advance(time); }
 
-    std::size_t openConnections() { return m_engine.server().openConnections(); }
+    std::size_t openConnections() { return m_controller.server().openConnections(); }
 
 private:
     // A repeat of a request whose reply was lost is executed again, not only acknowledged, so that
@@ -60,7 +60,7 @@ private:
     }
 
     micro850::sim::VirtualClock m_clock;
-    micro850::sim::Engine m_engine;
+    micro850::sim::Controller m_controller;
 };
 
 #endif

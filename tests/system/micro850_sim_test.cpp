@@ -1,4 +1,4 @@
-// The program micro850-sim as a person starts it: options, orders, what it says and how it ends.
+// The program micro850-sim as a person starts it: options, commands, what it says and how it ends.
 
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -55,7 +55,7 @@ protected:
                 return false;
         }
     }
-    void order(const char* line)
+    void type(const char* line)
     {
         m_process.write(QByteArray(line) + '\n');
         m_process.waitForBytesWritten(kLimitMs);
@@ -110,17 +110,17 @@ TEST_F(SimulatorProgram, ServesEachOfSeveralStationsOnALineOfItsOwn)
     EXPECT_EQ(end(SIGINT), 0);
 }
 
-TEST_F(SimulatorProgram, ObeysOrdersForOneStationOrAllAndSaysSo)
+TEST_F(SimulatorProgram, ExecutesCommandsForOneStationOrAllAndSaysSo)
 {
     start({"--station", "1=" + file("a.json", kTags), "--station", "2=" + file("b.json", kTags)});
     ASSERT_TRUE(says("station 2", QProcess::StandardOutput));
-    order("power-cycle retain 2");
+    type("power-cycle retain 2");
     EXPECT_TRUE(says("values retained"));
     EXPECT_EQ(m_lastLine.toStdString(), "micro850-sim: station 2: power cycle, values retained");
-    order("power-cycle");
+    type("power-cycle");
     EXPECT_TRUE(says("station 1: power cycle, initial values"));
     EXPECT_TRUE(says("station 2: power cycle, initial values"));
-    order(("download " + file("c.json", kTags) + " 1").toLatin1().constData());
+    type(("download " + file("c.json", kTags) + " 1").toLatin1().constData());
     EXPECT_TRUE(says("c.json downloaded"));
     EXPECT_EQ(end(SIGTERM), 0);
 }
@@ -244,17 +244,17 @@ TEST_F(SimulatorProgram, SaysEachFaultAndDoesTheSameAgainWithTheSameSeed)
     EXPECT_NE(saidWith("43"), said);
 }
 
-TEST_F(SimulatorProgram, RefusesAWrongOrderInOneLineAndGoesOn)
+TEST_F(SimulatorProgram, RefusesAWrongCommandInOneLineAndGoesOn)
 {
     start({file("a.json", kTags)});
     ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
-    order("restart");
-    EXPECT_TRUE(says("\"restart\" is not an order"));
-    order("power-cycle 9");
+    type("restart");
+    EXPECT_TRUE(says("\"restart\" is not a command"));
+    type("power-cycle 9");
     EXPECT_TRUE(says("there is no station 9"));
-    order("download missing.json");
+    type("download missing.json");
     EXPECT_TRUE(says("missing.json: cannot be read"));
-    order("power-cycle");
+    type("power-cycle");
     EXPECT_TRUE(says("power cycle, initial values"));
     EXPECT_EQ(end(SIGTERM), 0);
 }
@@ -264,7 +264,7 @@ TEST_F(SimulatorProgram, ReadsItsTagFileAnewAtAHangupSignal)
     const QString tags = file("a.json", kTags);
     start({tags});
     ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
-    order("power-cycle");
+    type("power-cycle");
     ASSERT_TRUE(says("power cycle")) << "the signal handlers are in place";
     file("a.json", R"({"tags": [{"name": "A", "type": "INTT"}]})");
     ::kill(static_cast<pid_t>(m_process.processId()), SIGHUP);

@@ -217,8 +217,8 @@ TEST_F(PollTest, SeesAChangeOfTheLastElementOfALongArray)
 {
     use(R"([{"tag": "words", "type": "INT", "length": 300}])");
     ASSERT_TRUE(runUntil([&] { return isGood(0); }));
-    simulator().with([](auto& engine) {
-        engine.plant().find("words")->elements[299] = {0x34, 0x12};
+    simulator().with([](auto& controller) {
+        controller.tags().find("words")->elements[299] = {0x34, 0x12};
     });
     EXPECT_TRUE(runUntil([&] { return loop().values().texts(0).last() == "4660"; }));
 }
@@ -330,9 +330,9 @@ TEST_F(PollTest, RecoversFromAPowerCycleOfTheController)
 {
     use(R"([{"tag": "anInt", "type": "INT"}])");
     ASSERT_TRUE(runUntil([&] { return isGood(0); }));
-    simulator().with([](auto& engine) {
-        engine.powerCycle(false);
-        engine.plant().find("anInt")->elements[0] = {0x05, 0x00};
+    simulator().with([](auto& controller) {
+        controller.powerCycle(false);
+        controller.tags().find("anInt")->elements[0] = {0x05, 0x00};
     });
     EXPECT_TRUE(runUntil([&] { return shown(0) == "5"; }));
 }

@@ -79,7 +79,7 @@ bool isAnswerTo(const QByteArray& frame, const QByteArray& reply)
 }
 
 ScenarioTest::ScenarioTest()
-    : m_line(std::make_unique<micro850::sim::FaultyLine>(clock, engine)),
+    : m_line(std::make_unique<micro850::sim::FaultyLine>(clock, controller)),
       m_timeOfDay(QTime(12, 0, 0))
 {
 }
@@ -87,17 +87,17 @@ ScenarioTest::ScenarioTest()
 void ScenarioTest::restart()
 {
     DriverTest::restart();
-    engine.powerCycle(false);
-    m_line = std::make_unique<micro850::sim::FaultyLine>(clock, engine);
+    controller.powerCycle(false);
+    m_line = std::make_unique<micro850::sim::FaultyLine>(clock, controller);
     exchanges.clear();
     m_taken = 0;
     m_input.clear();
     calls = 0;
 }
 
-void ScenarioTest::plant(const std::string& tags)
+void ScenarioTest::defineTags(const std::string& tags)
 {
-    engine.download(micro850::sim::Plant::fromText("{\"tags\": [" + tags + "]}", "plant"));
+    controller.download(micro850::sim::TagTable::fromText("{\"tags\": [" + tags + "]}", "tags"));
 }
 
 void ScenarioTest::faults(const std::string& rules)
@@ -232,7 +232,7 @@ std::string ScenarioTest::shown(const char* tag, int count, int element, int sta
 
 std::string ScenarioTest::inController(const char* tag, std::size_t element)
 {
-    const micro850::Bytes& bytes = engine.plant().find(tag)->elements.at(element);
+    const micro850::Bytes& bytes = controller.tags().find(tag)->elements.at(element);
     return wire::text(
         QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
 }
@@ -240,5 +240,5 @@ std::string ScenarioTest::inController(const char* tag, std::size_t element)
 void ScenarioTest::setInController(const char* tag, const char* bytes, std::size_t element)
 {
     const QByteArray value = wire::hex(bytes);
-    engine.plant().find(tag)->elements.at(element) = micro850::Bytes(value.begin(), value.end());
+    controller.tags().find(tag)->elements.at(element) = micro850::Bytes(value.begin(), value.end());
 }

@@ -32,7 +32,7 @@ protected:
     void restart();
 
     /// Gives the controller these tags: the inside of a tag file's list.
-    void plant(const std::string& tags);
+    void defineTags(const std::string& tags);
     /// Lets these faults strike: the inside of a fault script's list.
     void faults(const std::string& rules);
     /// Replaces the cyclic list. Tags that are declared as carrying an index are read from there.
@@ -72,7 +72,7 @@ protected:
     void setInController(const char* tag, const char* bytes, std::size_t element = 0);
 
     micro850::sim::VirtualClock clock;
-    micro850::sim::Engine engine{clock, micro850::sim::Plant()};
+    micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
     micro850::sim::FaultyLine& line() { return *m_line; }
     std::vector<Exchange> exchanges;
     /// Before the driver gets a reply: what a more careful host does. False keeps it from the

@@ -18,7 +18,7 @@ protected:
         tag.type = &micro850::cipTypeNamed(type);
         tag.elements.assign(length, micro850::Bytes(static_cast<std::size_t>(tag.type->size)));
         tag.initial = tag.elements;
-        engine.plant().put(tag);
+        controller.tags().put(tag);
         declareIndexed(name.constData());
     }
     void readOnce(const char* tag, int element, int count = 1)
@@ -60,7 +60,7 @@ TEST_F(BytesScenario, ValuesAreTheSameOnBothEndsOver70000TransactionsAndTheCount
 {
     const QByteArray name = "\x10"
                             "Tag\x10";
-    engine.server().setNextConnectionId(0x10101010);
+    controller.server().setNextConnectionId(0x10101010);
     define(name, "INT", 17);
     Seen seen;
     int last = 0;
@@ -83,7 +83,7 @@ TEST_F(BytesScenario, ValuesAreTheSameOnBothEndsOver70000TransactionsAndTheCount
     }
     EXPECT_EQ(different, 0);
     EXPECT_EQ(wrap, (QList<int>{65535, 1}));
-    EXPECT_EQ(engine.counters().corrupt, 0u);
+    EXPECT_EQ(controller.counters().corrupt, 0u);
     EXPECT_GT(seen.inCounter, 300);
     EXPECT_GT(seen.inConnection, 69000);
     EXPECT_GT(seen.inElement, 69000);
@@ -142,7 +142,7 @@ TEST_F(BytesScenario, NamesOf1To255CharactersAreReadAndWritten)
         readOnce(name, 0);
         EXPECT_EQ(shown(name), "10 03") << size;
     }
-    EXPECT_EQ(engine.server().answersByStatus().size(), 1u) << "no error among the replies";
+    EXPECT_EQ(controller.server().answersByStatus().size(), 1u) << "no error among the replies";
 }
 
 TEST_F(BytesScenario, ArrayIndicesUpTo65535AreReadAndWrittenAlone)
@@ -159,7 +159,7 @@ TEST_F(BytesScenario, ArrayIndicesUpTo65535AreReadAndWrittenAlone)
         EXPECT_EQ(shown("A", 1, element), "10 03") << element;
         setInController("A", "00 00", index);
     }
-    const auto& elements = engine.plant().find("A")->elements;
+    const auto& elements = controller.tags().find("A")->elements;
     EXPECT_EQ(std::count(elements.begin(), elements.end(), micro850::Bytes{0, 0}), 65536)
         << "no other element was touched";
 }
@@ -183,7 +183,7 @@ TEST_F(BytesScenario, AnIndexBeyond65535GetsAPathSegmentErrorThatCountsAsAnAnswe
     EXPECT_EQ(takeRequests(), Requests{"4 read A[65536] x1"});
     EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(12), wire::hex("D2 00 04 00"));
     EXPECT_EQ(shown("A", 1, 65536), "00 00") << "as an element that was never read";
-    const auto& elements = engine.plant().find("A")->elements;
+    const auto& elements = controller.tags().find("A")->elements;
     EXPECT_EQ(std::count(elements.begin(), elements.end(), micro850::Bytes{0, 0}), 65536);
 }
 

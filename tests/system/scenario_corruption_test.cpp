@@ -16,7 +16,7 @@ class CorruptionScenario : public ScenarioTest
 protected:
     CorruptionScenario()
     {
-        plant(R"({"name": "A", "type": "INT", "value": 4660},
+        defineTags(R"({"name": "A", "type": "INT", "value": 4660},
                  {"name": "B", "type": "DINT", "value": 50466832},
                  {"name": "W", "type": "INT"})");
     }

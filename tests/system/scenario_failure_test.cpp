@@ -11,7 +11,7 @@ class FailureScenario : public ScenarioTest
 protected:
     FailureScenario()
     {
-        plant(R"({"name": "A", "type": "INT", "value": 4660},
+        defineTags(R"({"name": "A", "type": "INT", "value": 4660},
                  {"name": "B", "type": "INT", "value": 22136})");
         declareIndexed("A");
         declareIndexed("B");
@@ -46,7 +46,7 @@ TEST_F(FailureScenario, AWithheldReplyCostsThreeTransmissionsAndANewConnection)
 
     EXPECT_EQ(transactUntil([&] { return shown("A") == "05 00" && shown("B") == "78 56"; }), 3);
     EXPECT_EQ(takeRequests(), (Requests{"4 identity", "5 open", "6 read A x1"}));
-    EXPECT_EQ(engine.counters().duplicates, 2u);
+    EXPECT_EQ(controller.counters().duplicates, 2u);
 }
 
 TEST_F(FailureScenario, AReadWithoutReplyTakesSevenTransmissionsUntilItsValueFlowsAgain)
@@ -92,20 +92,20 @@ TEST_F(FailureScenario, AWithheldIdentityReplyIsAskedForAgainUnderTheNextNumber)
 TEST_F(FailureScenario, APowerCycleOfTheControllerIsNotNoticedByTheDriverAloneAsIsKnown)
 {
     connectAndRead();
-    engine.powerCycle(false);
+    controller.powerCycle(false);
     setInController("A", "05 00");
 
     transact(200);
 
     EXPECT_EQ(shown("A"), "34 12") << "the last good value is kept";
-    EXPECT_EQ(engine.server().openConnections(), 0u);
-    EXPECT_EQ(engine.server().answersByStatus().at(0x01), 200u);
+    EXPECT_EQ(controller.server().openConnections(), 0u);
+    EXPECT_EQ(controller.server().answersByStatus().at(0x01), 200u);
 }
 
 TEST_F(FailureScenario, AHostThatTakesALostConnectionForSilenceRecoversFromAPowerCycle)
 {
     connectAndRead();
-    engine.powerCycle(false);
+    controller.powerCycle(false);
     setInController("A", "05 00");
     setInController("B", "06 00");
     accepts = [](const QByteArray&, const QByteArray& reply) {
@@ -117,7 +117,7 @@ TEST_F(FailureScenario, AHostThatTakesALostConnectionForSilenceRecoversFromAPowe
         transactUntil([&] { return shown("A") == "05 00" && shown("B") == "06 00"; });
 
     EXPECT_EQ(transmissions, 7) << "three attempts, two to connect, two reads";
-    EXPECT_EQ(engine.server().openConnections(), 1u);
+    EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
 // 2 s interval, multiplier 16.
@@ -126,9 +126,9 @@ TEST_F(FailureScenario, AConnectionThatIsUnusedFor32SecondsIsGoneInTheController
     connectAndRead();
     pass(31900);
     transact();
-    EXPECT_EQ(engine.server().openConnections(), 1u);
+    EXPECT_EQ(controller.server().openConnections(), 1u);
     pass(32100);
-    EXPECT_EQ(engine.server().openConnections(), 0u);
+    EXPECT_EQ(controller.server().openConnections(), 0u);
     transact();
     EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(14), wire::hex("01 01 07 01"));
 }
@@ -149,23 +149,24 @@ TEST_F(FailureScenario, APulledCableCostsANewConnectionOncePutBack)
     EXPECT_EQ(requests[3], "4 identity");
     EXPECT_EQ(requests[16], "17 identity");
     EXPECT_EQ(requests[18], "19 open");
-    EXPECT_EQ(engine.server().openConnections(), 1u);
+    EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
 TEST_F(FailureScenario, ADownloadThatRemovesATagLeavesItsLastValueOnTheScreenAsIsKnown)
 {
     connectAndRead();
-    plant(R"({"name": "B", "type": "INT", "value": 1})");
+    defineTags(R"({"name": "B", "type": "INT", "value": 1})");
     transact(2);
     EXPECT_EQ(shown("A"), "34 12");
     EXPECT_EQ(shown("B"), "01 00");
-    EXPECT_EQ(engine.server().answersByStatus().at(0x05), 1u);
+    EXPECT_EQ(controller.server().answersByStatus().at(0x05), 1u);
 }
 
 TEST_F(FailureScenario, ADownloadThatChangesATagsTypeIsStillReadAsTheOldOneAsIsKnown)
 {
     connectAndRead();
-    plant(R"({"name": "A", "type": "DINT", "value": 305419896}, {"name": "B", "type": "INT"})");
+    defineTags(
+        R"({"name": "A", "type": "DINT", "value": 305419896}, {"name": "B", "type": "INT"})");
     transact(1);
     EXPECT_EQ(shown("A"), "78 56");
     EXPECT_EQ(shown("A", 2), "78 56 34 12") << "the bytes are there, the class is not";

@@ -28,7 +28,8 @@ class GoldenSession
 {
 public:
     explicit GoldenSession(const std::string& fault)
-        : m_line(m_clock, m_engine, sim::faultsFromText("{\"faults\": [" + fault + "]}", "golden")),
+        : m_line(m_clock, m_controller,
+                 sim::faultsFromText("{\"faults\": [" + fault + "]}", "golden")),
           m_project(micro850::host::Project::fromText(
               R"({"port": {"timeoutMs": 200}, "stations": [{"number": 1}],
                   "variables": [{"tag": "A"}, {"tag": "B"}]})",
@@ -50,7 +51,7 @@ public:
             m_loop.step();
         m_took = m_port.now() - begun;
         const micro850::host::Operation* outcome = m_loop.outcome(write);
-        const bool present = m_engine.plant().find("W")->elements[0] == Bytes{0x05, 0x00};
+        const bool present = m_controller.tags().find("W")->elements[0] == Bytes{0x05, 0x00};
         m_lied = outcome && outcome->state == micro850::host::Operation::State::Done && !present;
         return isRead() && isFreshSince(written) && outcome;
     }
@@ -82,7 +83,7 @@ private:
 
     FixedTimeOfDay m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
     sim::VirtualClock m_clock;
-    sim::Engine m_engine{m_clock, sim::Plant::fromText(kTags, "golden")};
+    sim::Controller m_controller{m_clock, sim::TagTable::fromText(kTags, "golden")};
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};

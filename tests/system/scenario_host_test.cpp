@@ -20,15 +20,16 @@ class HostScenario : public ::testing::Test
 protected:
     HostScenario()
     {
-        plant(R"({"name": "A", "type": "INT", "value": 111},
+        defineTags(R"({"name": "A", "type": "INT", "value": 111},
                  {"name": "B", "type": "INT", "value": 222},
                  {"name": "C", "type": "DINT", "value": 333},
                  {"name": "W", "type": "INT", "value": 444})");
     }
 
-    void plant(const std::string& tags)
+    void defineTags(const std::string& tags)
     {
-        engine.download(micro850::sim::Plant::fromText("{\"tags\": [" + tags + "]}", "plant"));
+        controller.download(
+            micro850::sim::TagTable::fromText("{\"tags\": [" + tags + "]}", "tags"));
     }
     void faults(const std::string& rules)
     {
@@ -87,8 +88,8 @@ protected:
     void setValues(std::uint8_t value)
     {
         for (const char* tag : {"A", "B"})
-            engine.plant().find(tag)->elements[0] = {value, 0};
-        engine.plant().find("C")->elements[0] = {value, 0, 0, 0};
+            controller.tags().find(tag)->elements[0] = {value, 0};
+        controller.tags().find("C")->elements[0] = {value, 0, 0, 0};
     }
     const micro850::host::Counters& counters(int station = 1)
     {
@@ -96,8 +97,8 @@ protected:
     }
 
     micro850::sim::VirtualClock clock;
-    micro850::sim::Engine engine{clock, micro850::sim::Plant()};
-    micro850::sim::FaultyLine line{clock, engine};
+    micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
+    micro850::sim::FaultyLine line{clock, controller};
     SimLine port{clock, line};
     micro850::host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
     micro850::host::Project project;
@@ -200,7 +201,7 @@ TEST_F(HostScenario, APowerCycleOfTheControllerInMidPollingIsFollowedByFreshValu
 {
     start();
     ASSERT_TRUE(runUntilGood());
-    engine.powerCycle(false);
+    controller.powerCycle(false);
     setValues(5);
     EXPECT_TRUE(runUntil([&] { return shown(0) == "5" && shown(1) == "5" && shown(2) == "5"; }));
     EXPECT_EQ(counters().reconnects, 1);
@@ -211,10 +212,10 @@ TEST_F(HostScenario, AConnectionThatTimedOutIsMadeAgain)
     start();
     ASSERT_TRUE(runUntilGood());
     port.pause(33000);
-    EXPECT_EQ(engine.server().openConnections(), 0u);
+    EXPECT_EQ(controller.server().openConnections(), 0u);
     setValues(5);
     EXPECT_TRUE(runUntil([&] { return shown(0) == "5" && shown(1) == "5" && shown(2) == "5"; }));
-    EXPECT_EQ(engine.server().openConnections(), 1u);
+    EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
 TEST_F(HostScenario, ACableThatWasPulledAndPutBackIsNoticedAndValuesFlowAgain)
@@ -253,7 +254,7 @@ class TwoStations : public HostScenario
 protected:
     TwoStations()
     {
-        farEngine.download(micro850::sim::Plant::fromText(
+        farController.download(micro850::sim::TagTable::fromText(
             R"({"tags": [{"name": "FarTag", "type": "INT", "value": 222}]})", "far"));
         port.add(farLine);
         port.route = [this](const QByteArray& piece) { return heardBy(piece); };
@@ -264,7 +265,8 @@ protected:
     {
         if (piece.size() > 2) {
             const bool isSetUp = piece.at(6) == '\x0B';
-            m_isFar = isSetUp ? engine.server().openConnections() > 0 : piece.contains("FarTag");
+            m_isFar =
+                isSetUp ? controller.server().openConnections() > 0 : piece.contains("FarTag");
         }
         if (m_isFar && farIsDead)
             return nullptr;
@@ -272,8 +274,8 @@ protected:
     }
 
     bool farIsDead = false;
-    micro850::sim::Engine farEngine{clock, micro850::sim::Plant()};
-    micro850::sim::FaultyLine farLine{clock, farEngine};
+    micro850::sim::Controller farController{clock, micro850::sim::TagTable()};
+    micro850::sim::FaultyLine farLine{clock, farController};
 
 private:
     bool m_isFar = false;

@@ -15,7 +15,7 @@ class LateScenario : public ScenarioTest
 protected:
     LateScenario()
     {
-        plant(R"({"name": "A", "type": "INT", "value": 4369},
+        defineTags(R"({"name": "A", "type": "INT", "value": 4369},
                  {"name": "B", "type": "INT", "value": 8738})");
         declareIndexed("A");
         declareIndexed("B");
@@ -63,7 +63,7 @@ TEST_F(LateScenario, AReplyLateBy2RequestsIsTakenForTheConnectionsReplyAsIsKnown
     setInController("A", "33 33");
     transact(40);
     EXPECT_EQ(shown("A"), kFirst) << "the last good value, for ever";
-    EXPECT_EQ(engine.server().answersByStatus().at(0x01), 40u) << "connection not found";
+    EXPECT_EQ(controller.server().answersByStatus().at(0x01), 40u) << "connection not found";
 }
 
 TEST_F(LateScenario, AReplyLateBy5RequestsIsStoredUnderAnotherTagUntilItsNextReadAsIsKnown)
@@ -113,7 +113,7 @@ class TwoStations : public ScenarioTest
 protected:
     TwoStations()
     {
-        plant(R"({"name": "A", "type": "INT", "value": 4369})");
+        defineTags(R"({"name": "A", "type": "INT", "value": 4369})");
         declareIndexed("A");
         for (const int station : {1, 2}) {
             RW_VAR request = readOf("A");

@@ -12,7 +12,7 @@ class StartScenario : public ScenarioTest
 
 TEST_F(StartScenario, AColdStartSendsTheTransactionNumbers0And1And2)
 {
-    plant(R"({"name": "A", "type": "INT", "value": 4660})");
+    defineTags(R"({"name": "A", "type": "INT", "value": 4660})");
     declareIndexed("A");
     pollCyclically({{"A", 0, 1}});
     EXPECT_EQ(shown("A"), "none");
@@ -21,12 +21,12 @@ TEST_F(StartScenario, AColdStartSendsTheTransactionNumbers0And1And2)
 
     EXPECT_EQ(takeRequests(), (Requests{"0 identity", "1 open", "2 read A x1"}));
     EXPECT_EQ(shown("A"), "34 12");
-    EXPECT_EQ(engine.server().openConnections(), 1u);
+    EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
 TEST_F(StartScenario, AStationThatThePollCycleMeetsFirstBeginsWith1)
 {
-    plant(R"({"name": "A", "type": "INT"})");
+    defineTags(R"({"name": "A", "type": "INT"})");
     RW_VAR request = readOf("A");
     AddListReadVar(&request);
     transact(3);
@@ -77,8 +77,8 @@ class EveryType : public StartScenario, public ::testing::WithParamInterface<Typ
 protected:
     EveryType()
     {
-        plant(std::string(R"({"name": "A", "type": ")") + GetParam().type +
-              R"(", "length": 3, "value": )" + GetParam().values + "}");
+        defineTags(std::string(R"({"name": "A", "type": ")") + GetParam().type +
+                   R"(", "length": 3, "value": )" + GetParam().values + "}");
         declareIndexed("A");
     }
     /// Bytes of one element in host layout.
@@ -163,8 +163,8 @@ class EveryByteType : public StartScenario, public ::testing::WithParamInterface
 protected:
     EveryByteType()
     {
-        plant(std::string(R"({"name": "A", "type": ")") + GetParam().type +
-              R"(", "length": 3, "value": )" + GetParam().value + "}");
+        defineTags(std::string(R"({"name": "A", "type": ")") + GetParam().type +
+                   R"(", "length": 3, "value": )" + GetParam().value + "}");
         declareIndexed("A");
         pollCyclically({{"A", 0, 1}});
         transact(4);
@@ -208,7 +208,7 @@ TEST_P(EveryByteType, IsNotWrittenButReportedSoWhenWiderThanAByteAsIsKnown)
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 1, 1}}));
     EXPECT_EQ(inController("A"), bytes() == 1 ? "01" : before);
     const unsigned refused = bytes() == 1 ? 0 : 1;
-    const auto& answers = engine.server().answersByStatus();
+    const auto& answers = controller.server().answersByStatus();
     EXPECT_EQ(answers.size(), 1 + refused);
 }
 
@@ -217,7 +217,7 @@ INSTANTIATE_TEST_SUITE_P(Elementary, EveryByteType, ::testing::ValuesIn(kByteTyp
 
 TEST_F(StartScenario, AStringGoesToTheScreenAndBack)
 {
-    plant(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
+    defineTags(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
     declareIndexed("Name");
     pollCyclically({{"Name", 0, 3}});
     transact(3);
@@ -231,7 +231,7 @@ TEST_F(StartScenario, AStringGoesToTheScreenAndBack)
 
 TEST_F(StartScenario, AFirstWriteToATagIsPrecededByOneReadAndReportedOnce)
 {
-    plant(R"({"name": "Setpoint", "type": "DINT", "value": 1})");
+    defineTags(R"({"name": "Setpoint", "type": "DINT", "value": 1})");
     declareIndexed("Setpoint");
     write("Setpoint", wire::hex("10 20 30 40"), 2, 0, 17);
 
@@ -246,7 +246,7 @@ TEST_F(StartScenario, AFirstWriteToATagIsPrecededByOneReadAndReportedOnce)
 
 TEST_F(StartScenario, FiveWritesGoInFrontOfTheNextCyclicRead)
 {
-    plant(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"},
+    defineTags(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"},
              {"name": "W", "type": "INT", "length": 8})");
     for (const char* tag : {"A", "B", "W"})
         declareIndexed(tag);
@@ -268,7 +268,7 @@ TEST_F(StartScenario, FiveWritesGoInFrontOfTheNextCyclicRead)
 
 TEST_F(StartScenario, ADisabledStationLosesItsWritesWithoutACallbackAsIsKnown)
 {
-    plant(R"({"name": "A", "type": "INT"})");
+    defineTags(R"({"name": "A", "type": "INT"})");
     declareIndexed("A");
     pollCyclically({{"A", 0, 1}});
     transact(3);
@@ -287,7 +287,7 @@ TEST_F(StartScenario, ADisabledStationLosesItsWritesWithoutACallbackAsIsKnown)
 
 TEST_F(StartScenario, AStationThatIsEnabledAgainGoesOnWhereItStopped)
 {
-    plant(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"})");
+    defineTags(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"})");
     declareIndexed("A");
     declareIndexed("B");
     pollCyclically({{"A", 0, 1}, {"B", 0, 1}});

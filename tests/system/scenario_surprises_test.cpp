@@ -12,7 +12,7 @@ class SurpriseScenario : public ScenarioTest
 
 TEST_F(SurpriseScenario, AStringThatGetsShorterKeepsItsOldTailAsIsKnown)
 {
-    plant(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple juice"})");
+    defineTags(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple juice"})");
     declareIndexed("Name");
     pollCyclically({{"Name", 0, 6}});
     transact(3);
@@ -24,7 +24,8 @@ TEST_F(SurpriseScenario, AStringThatGetsShorterKeepsItsOldTailAsIsKnown)
 // The type's length byte is dropped and no element is named in the request.
 TEST_F(SurpriseScenario, OfAnArrayOfStringsOnlyTheFirstIsReadAndWrittenAsIsKnown)
 {
-    plant(R"({"name": "Names", "type": "SHORT_STRING", "length": 2, "value": ["Apple", "Pear"]})");
+    defineTags(
+        R"({"name": "Names", "type": "SHORT_STRING", "length": 2, "value": ["Apple", "Pear"]})");
     declareIndexed("Names");
     pollCyclically({{"Names", 0, 3}});
     transact(3);
@@ -43,7 +44,8 @@ TEST_F(SurpriseScenario, OfAnArrayOfStringsOnlyTheFirstIsReadAndWrittenAsIsKnown
 
 TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassLeavesTheFifteenthOutAsIsKnown)
 {
-    plant(R"({"name": "D", "type": "DINT", "length": 20, "value": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
+    defineTags(
+        R"({"name": "D", "type": "DINT", "length": 20, "value": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
               11, 12, 13, 14, 15, 16, 17, 18, 19, 20]})");
     declareIndexed("D");
     std::vector<Variable> variables;
@@ -71,7 +73,7 @@ TEST_F(SurpriseScenario, OfTwentyDintsListedAsScalarTagsACyclicPassShowsAll)
     for (const std::string& name : names)
         tags += (tags.empty() ? "" : ",") +
                 (R"({"name": ")" + name + R"(", "type": "DINT", "value": 7})");
-    plant(tags);
+    defineTags(tags);
     std::vector<Variable> variables;
     for (const std::string& name : names) {
         declareIndexed(name.c_str());
@@ -85,7 +87,7 @@ TEST_F(SurpriseScenario, OfTwentyDintsListedAsScalarTagsACyclicPassShowsAll)
 
 TEST_F(SurpriseScenario, AShortRequestInsideALongerRunShortensTheRunAsIsKnown)
 {
-    plant(R"({"name": "A", "type": "INT", "length": 20, "value": 7})");
+    defineTags(R"({"name": "A", "type": "INT", "length": 20, "value": 7})");
     declareIndexed("A");
     pollCyclically({{"A", 0, 10}, {"A", 3, 1}});
     transact(4);

@@ -6,7 +6,7 @@ using namespace micro850;
 using namespace micro850::sim;
 
 SimulatorThread::SimulatorThread(const std::string& tagFile, std::string link)
-    : m_engine(m_clock, Plant::fromFile(tagFile)), m_link(std::move(link))
+    : m_controller(m_clock, TagTable::fromFile(tagFile)), m_link(std::move(link))
 {
     putCableBack();
     m_thread = std::thread([this] { serve(); });
@@ -18,16 +18,16 @@ SimulatorThread::~SimulatorThread()
     m_thread.join();
 }
 
-void SimulatorThread::with(const std::function<void(Engine&)>& action)
+void SimulatorThread::with(const std::function<void(Controller&)>& action)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    action(m_engine);
+    action(m_controller);
 }
 
 Bytes SimulatorThread::element(const std::string& tag, std::size_t index)
 {
     Bytes bytes;
-    with([&](Engine& engine) { bytes = engine.plant().find(tag)->elements.at(index); });
+    with([&](Controller& controller) { bytes = controller.tags().find(tag)->elements.at(index); });
     return bytes;
 }
 
@@ -61,9 +61,9 @@ void SimulatorThread::serve()
         const Bytes bytes = m_port->read(gone);
         if (m_silent)
             continue;
-        m_engine.receive(bytes);
-        m_engine.tick();
-        const Bytes out = m_engine.transmit();
+        m_controller.receive(bytes);
+        m_controller.tick();
+        const Bytes out = m_controller.transmit();
         if (!out.empty())
             m_port->write(out);
     }

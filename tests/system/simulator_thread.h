@@ -1,7 +1,7 @@
 #ifndef MICRO850_TESTS_SIMULATOR_THREAD_H
 #define MICRO850_TESTS_SIMULATOR_THREAD_H
 
-#include "Engine.h"
+#include "Controller.h"
 #include "SerialPort.h"
 
 #include <atomic>
@@ -22,7 +22,7 @@ public:
     const std::string& path() const { return m_link; }
 
     /// Runs `action` while the controller stands still.
-    void with(const std::function<void(micro850::sim::Engine&)>& action);
+    void with(const std::function<void(micro850::sim::Controller&)>& action);
     /// The bytes of one element of a tag.
     micro850::Bytes element(const std::string& tag, std::size_t index = 0);
     /// While silent, what comes is thrown away, as by a controller without power.
@@ -34,7 +34,7 @@ private:
     void serve();
 
     micro850::sim::SystemClock m_clock;
-    micro850::sim::Engine m_engine;
+    micro850::sim::Controller m_controller;
     std::string m_link;
     std::mutex m_mutex;
     std::unique_ptr<micro850::sim::SerialPort> m_port;

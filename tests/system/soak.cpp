@@ -114,7 +114,7 @@ private:
     const Options m_options;
     FixedTimeOfDay m_timeOfDay{QTime(12, 0)};
     sim::VirtualClock m_clock;
-    sim::Engine m_engine;
+    sim::Controller m_controller;
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
@@ -147,8 +147,8 @@ sim::LinkOptions linkOptions(const Options& options)
 }
 
 Soak::Soak(const Options& options)
-    : m_options(options), m_engine(m_clock, sim::Plant(), linkOptions(options)),
-      m_line(m_clock, m_engine, everyFault(options.rate), options.seed)
+    : m_options(options), m_controller(m_clock, sim::TagTable(), linkOptions(options)),
+      m_line(m_clock, m_controller, everyFault(options.rate), options.seed)
 {
     std::string tags;
     std::string variables;
@@ -161,7 +161,7 @@ Soak::Soak(const Options& options)
     for (const WriteTag& tag : m_writes)
         tags += std::string(R"({"name": ")") + tag.name + R"(", "type": ")" + tag.type + R"("}, )";
     tags += R"({"name": "last", "type": "INT"})";
-    m_engine.download(sim::Plant::fromText("{\"tags\": [" + tags + "]}", "soak"));
+    m_controller.download(sim::TagTable::fromText("{\"tags\": [" + tags + "]}", "soak"));
     m_project = micro850::host::Project::fromText(
         QString::fromStdString(R"({"port": {"timeoutMs": 200}, "staleAfterMs": 2000,
                                    "stations": [{"number": 1}], "variables": [)" +
@@ -225,7 +225,7 @@ void Soak::changeValues()
     m_generation = (m_generation + 1) % 4000;
     for (int i = 0; i < kReadTags; ++i) {
         const int value = i + kReadTags * m_generation;
-        m_engine.plant().find("T" + std::to_string(i))->elements[0] = {
+        m_controller.tags().find("T" + std::to_string(i))->elements[0] = {
             static_cast<std::uint8_t>(value & 0xFF), static_cast<std::uint8_t>(value >> 8)};
     }
 }
@@ -267,7 +267,7 @@ void Soak::take(WriteTag& tag, const Operation& operation)
 {
     if (operation.state == Operation::State::Done) {
         ++m_confirmed;
-        const bool present = m_engine.plant().find(tag.name)->elements[0] == tag.value;
+        const bool present = m_controller.tags().find(tag.name)->elements[0] == tag.value;
         if (!present)
             violation(std::string(tag.name) + ": a confirmed write is not in the controller");
         note(tag, present ? "confirmed and present" : "confirmed and not present");

@@ -56,8 +56,8 @@ protected:
     }
 
     VirtualClock clock;
-    Plant plant = Plant::fromText(kTags, "tags");
-    CipServer server{clock, plant};
+    TagTable table = TagTable::fromText(kTags, "tags");
+    CipServer server{clock, table};
 };
 
 TEST_F(CipTest, TellsItsIdentityInFortyFiveBytesBehindTheHeader)
@@ -193,12 +193,12 @@ TEST_F(CipTest, CutsALongValueIntoFragments)
 TEST_F(CipTest, WritesWhatARequestBrings)
 {
     EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 39 30")), "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Speed")->elements[0]), "39 30");
+    EXPECT_EQ(text(table.find("Speed")->elements[0]), "39 30");
     EXPECT_EQ(connected(write(kZone + hex("28 01"), "C3 00 02 00 00 00 00 00 11 11 22 22")),
               "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Zone")->elements[2]), "22 22");
+    EXPECT_EQ(text(table.find("Zone")->elements[2]), "22 22");
     EXPECT_EQ(connected(write(kText, "DA 00 01 00 00 00 00 00 03 58 59 5A")), "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Text")->elements[0]), "03 58 59 5A");
+    EXPECT_EQ(text(table.find("Text")->elements[0]), "03 58 59 5A");
 }
 
 // 200 DINTs are more than one request carries.
@@ -211,11 +211,11 @@ TEST_F(CipTest, PutsALongValueTogetherFromFragments)
     for (int i = 0; i < 80; ++i)
         rest += " 22 22 22 22";
     EXPECT_EQ(connected(write(kBig, first.c_str())), "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Big")->elements[119]), "11 11 11 11");
-    EXPECT_EQ(text(plant.find("Big")->elements[120]), "07 00 00 00") << "not come yet";
+    EXPECT_EQ(text(table.find("Big")->elements[119]), "11 11 11 11");
+    EXPECT_EQ(text(table.find("Big")->elements[120]), "07 00 00 00") << "not come yet";
     EXPECT_EQ(connected(write(kBig, rest.c_str())), "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Big")->elements[120]), "22 22 22 22");
-    EXPECT_EQ(text(plant.find("Big")->elements[199]), "22 22 22 22");
+    EXPECT_EQ(text(table.find("Big")->elements[120]), "22 22 22 22");
+    EXPECT_EQ(text(table.find("Big")->elements[199]), "22 22 22 22");
 }
 
 TEST_F(CipTest, RefusesAFragmentThatDoesNotFitItsPlace)
@@ -229,9 +229,9 @@ TEST_F(CipTest, RefusesAFragmentThatDoesNotFitItsPlace)
     EXPECT_EQ(connected(write(kZone, tooLong)), "D3 00 15 00");
     EXPECT_EQ(connected(write(kZone, half)), "D3 00 13 00");
     EXPECT_EQ(connected(write(kText, "DA 00 01 00 01 00 00 00 41")), "D3 00 FF 01 05 21");
-    EXPECT_EQ(text(plant.find("Zone")->elements[1]), "02 00");
+    EXPECT_EQ(text(table.find("Zone")->elements[1]), "02 00");
     EXPECT_EQ(connected(write(kZone, "C3 00 02 00 02 00 00 00 11 11")), "D3 00 00 00");
-    EXPECT_EQ(text(plant.find("Zone")->elements[1]), "11 11");
+    EXPECT_EQ(text(table.find("Zone")->elements[1]), "11 11");
 }
 
 TEST_F(CipTest, TellsItsIdentityOverAConnectionToo)
@@ -262,8 +262,8 @@ TEST_F(CipTest, NamesTheErrorOfARefusedWriteAndChangesNothing)
     EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 01 00 00")), "D3 00 15 00");
     EXPECT_EQ(connected(write(kSpeed, "C3 00 02 00 00 00 00 00 01 00 02 00")), "D3 00 FF 01 05 21");
     EXPECT_EQ(connected(write(kText, "DA 00 01 00 00 00 00 00 03 58")), "D3 00 13 00");
-    EXPECT_EQ(text(plant.find("Speed")->elements[0]), "D2 04");
-    EXPECT_EQ(text(plant.find("Fixed")->elements[0]), "05 00");
+    EXPECT_EQ(text(table.find("Speed")->elements[0]), "D2 04");
+    EXPECT_EQ(text(table.find("Fixed")->elements[0]), "05 00");
 }
 
 TEST_F(CipTest, RefusesServicesAndObjectsThatItDoesNotHave)

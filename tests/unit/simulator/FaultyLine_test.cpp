@@ -28,7 +28,7 @@ protected:
     FaultyLineTest()
     {
         // What the controller answers on a good line.
-        Engine good(clock, Plant());
+        Controller good(clock, TagTable());
         good.receive(kFirst);
         firstReply = good.transmit();
         good.receive(kSecond);
@@ -37,9 +37,9 @@ protected:
 
     void script(const std::string& rules, std::uint64_t seed = 1)
     {
-        engine = std::make_unique<Engine>(clock, Plant());
+        controller = std::make_unique<Controller>(clock, TagTable());
         line = std::make_unique<FaultyLine>(
-            clock, *engine, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
+            clock, *controller, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
         line->setObserver(
             [this](const FaultyLine::Event& event) { events.push_back(describe(event)); });
     }
@@ -58,7 +58,7 @@ protected:
     VirtualClock clock;
     Bytes firstReply;
     Bytes secondReply;
-    std::unique_ptr<Engine> engine;
+    std::unique_ptr<Controller> controller;
     std::unique_ptr<FaultyLine> line;
     std::vector<std::string> events;
 };
@@ -85,7 +85,7 @@ TEST_F(FaultyLineTest, PassesOnWhatStopsInTheMiddleAfterASilence)
     after({kFirst.begin(), kFirst.begin() + 9});
     afterWaiting(60);
     EXPECT_EQ(after(kSecond), text(secondReply));
-    EXPECT_EQ(engine->counters().abandoned, 1u);
+    EXPECT_EQ(controller->counters().abandoned, 1u);
 }
 
 TEST_F(FaultyLineTest, LosesOneByteOfOneReply)
@@ -111,7 +111,7 @@ TEST_F(FaultyLineTest, HasARequestRefusedThatArrivesCorrupt)
 {
     script(R"({"fault": "flip", "on": "requests", "message": 1, "byte": 7, "bit": 0})");
     EXPECT_EQ(after(kFirst), "10 15");
-    EXPECT_EQ(engine->counters().corrupt, 1u);
+    EXPECT_EQ(controller->counters().corrupt, 1u);
 }
 
 TEST_F(FaultyLineTest, DoublesAndInsertsBytes)
@@ -172,7 +172,7 @@ TEST_F(FaultyLineTest, HasARepeatedRequestRecognised)
 {
     script(R"({"fault": "duplicate", "on": "requests", "message": 1})");
     EXPECT_EQ(after(kFirst), text(firstReply + hex("10 06")));
-    EXPECT_EQ(engine->counters().duplicates, 1u);
+    EXPECT_EQ(controller->counters().duplicates, 1u);
 }
 
 TEST_F(FaultyLineTest, SendsAReplyInSingleBytesWithGaps)
@@ -211,7 +211,7 @@ TEST_F(FaultyLineTest, RefusesARequestWithoutExecutingIt)
 {
     script(R"({"fault": "nak", "on": "requests", "message": 1})");
     EXPECT_EQ(after(kFirst), "10 15");
-    EXPECT_EQ(engine->counters().messages, 0u);
+    EXPECT_EQ(controller->counters().messages, 0u);
 }
 
 TEST_F(FaultyLineTest, PutsANakInFrontOfAReply)
@@ -234,7 +234,7 @@ TEST_F(FaultyLineTest, IsDeadBothWaysWhileHungUp)
     EXPECT_EQ(after(kFirst), "");
     EXPECT_TRUE(line->isHungUp());
     EXPECT_EQ(after(kSecond), "");
-    EXPECT_EQ(engine->counters().messages, 1u);
+    EXPECT_EQ(controller->counters().messages, 1u);
     afterWaiting(2000);
     EXPECT_FALSE(line->isHungUp());
     EXPECT_EQ(after(kSecond), text(secondReply));
@@ -304,8 +304,8 @@ TEST_F(FaultyLineTest, StrikesARequestAtTheByteThatIsNamedAsItDoesAReply)
         const std::string answer = after(kSecond);
         EXPECT_EQ(answer.substr(0, begin.empty() ? answer.size() : begin.size()), begin)
             << each.fault;
-        EXPECT_EQ(engine->counters().corrupt, each.corrupt) << each.fault;
-        EXPECT_EQ(engine->counters().messages, each.messages) << each.fault;
+        EXPECT_EQ(controller->counters().corrupt, each.corrupt) << each.fault;
+        EXPECT_EQ(controller->counters().messages, each.messages) << each.fault;
         EXPECT_EQ(events, std::vector<std::string>{each.event});
     }
 }
@@ -324,7 +324,7 @@ TEST_F(FaultyLineTest, PutsNoiseIntoARequestThatIsThenRefused)
 {
     script(R"({"fault": "noise", "on": "requests", "message": 1, "byte": 9, "length": 7})");
     after(kFirst);
-    EXPECT_EQ(engine->counters().messages, 0u);
+    EXPECT_EQ(controller->counters().messages, 0u);
     EXPECT_EQ(line->counts().at(FaultKind::Noise), 1u);
 }
 
@@ -353,8 +353,8 @@ std::vector<std::string> busyRun(std::uint64_t seed)
         }
     }
     VirtualClock clock;
-    Engine engine(clock, Plant());
-    FaultyLine line(clock, engine, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
+    Controller controller(clock, TagTable());
+    FaultyLine line(clock, controller, faultsFromText("{\"faults\": [" + rules + "]}", "f"), seed);
     std::vector<std::string> record;
     std::set<std::pair<Side, FaultKind>> seen;
     line.setObserver([&](const FaultyLine::Event& event) {

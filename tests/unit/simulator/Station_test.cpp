@@ -125,11 +125,11 @@ TEST_F(StationTest, DownloadsAnotherTagFileAndKeepsTheTagsWhenThatIsWrong)
     made.quiet = true;
     Station station(made);
     write("b.json", R"({"tags": [{"name": "B", "type": "INT"}]})");
-    station.obey(*orderFrom("download " + path("b.json")));
+    station.execute(*parseCommand("download " + path("b.json")));
     write("b.json", "{");
-    EXPECT_THROW(station.obey(*orderFrom("download")), UserError);
-    EXPECT_THROW(station.obey(*orderFrom("download missing.json")), UserError);
-    station.obey(*orderFrom("power-cycle retain"));
+    EXPECT_THROW(station.execute(*parseCommand("download")), UserError);
+    EXPECT_THROW(station.execute(*parseCommand("download missing.json")), UserError);
+    station.execute(*parseCommand("power-cycle retain"));
 }
 
 TEST_F(StationTest, AnswersFromARecordedTrace)
@@ -153,7 +153,7 @@ TEST_F(StationTest, AnswersFromARecordedTrace)
     host.send(kIdentity);
     EXPECT_EQ(text(served(station, host, 21)).substr(0, 51),
               "10 06 10 02 01 00 4B 00 01 00 00 00 81 00 00 00 41 ");
-    EXPECT_THROW(station.obey(*orderFrom("download")), UserError);
+    EXPECT_THROW(station.execute(*parseCommand("download")), UserError);
 }
 
 } // namespace

@@ -37,8 +37,8 @@ Bytes identityRequest(std::uint8_t number)
 TEST(SimulatorDocument, ShowsWhatItsScriptDoes)
 {
     VirtualClock clock;
-    Engine engine(clock, Plant());
-    FaultyLine line(clock, engine, faultsFromText(block("json"), "docs/simulator.md"), 7);
+    Controller controller(clock, TagTable());
+    FaultyLine line(clock, controller, faultsFromText(block("json"), "docs/simulator.md"), 7);
     std::string printed;
     line.setObserver([&](const FaultyLine::Event& event) {
         printed += "micro850-sim: " + describe(event) + "\n";

@@ -1,5 +1,5 @@
-#ifndef MICRO850_SIMULATOR_PLANT_H
-#define MICRO850_SIMULATOR_PLANT_H
+#ifndef MICRO850_SIMULATOR_TAGTABLE_H
+#define MICRO850_SIMULATOR_TAGTABLE_H
 
 #include "CipType.h"
 #include "Clock.h"
@@ -42,12 +42,12 @@ struct Tag
 };
 
 /// The tags of one controller.
-class Plant
+class TagTable
 {
 public:
     /// Reads a tag file. Throws UserError naming file, key and remedy.
-    static Plant fromFile(const std::string& path);
-    static Plant fromText(const std::string& text, const std::string& name);
+    static TagTable fromFile(const std::string& path);
+    static TagTable fromText(const std::string& text, const std::string& name);
 
     /// The tag, or null.
     const Tag* find(const std::string& name) const;
@@ -63,7 +63,7 @@ public:
     void reset();
 
 private:
-    static Plant fromNode(const JsonNode& root);
+    static TagTable fromNode(const JsonNode& root);
 
     std::map<std::string, Tag> m_tags;
 };

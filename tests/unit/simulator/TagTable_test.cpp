@@ -1,4 +1,4 @@
-#include "Plant.h"
+#include "TagTable.h"
 
 #include "UserError.h"
 #include "bytes.h"
@@ -8,85 +8,85 @@
 namespace micro850::sim {
 namespace {
 
-Plant plantOf(const std::string& tags)
+TagTable tagTableOf(const std::string& tags)
 {
-    return Plant::fromText("{\"tags\": [" + tags + "]}", "plant.json");
+    return TagTable::fromText("{\"tags\": [" + tags + "]}", "plant.json");
 }
 
 std::string complaintAbout(const std::string& tags)
 {
     try {
-        plantOf(tags);
+        tagTableOf(tags);
     } catch (const UserError& error) {
         return error.what();
     }
     return "none";
 }
 
-std::string valueAt(Plant& plant, double seconds, std::size_t element = 0)
+std::string valueAt(TagTable& table, double seconds, std::size_t element = 0)
 {
-    plant.move(Duration(static_cast<std::int64_t>(seconds * 1e6)));
-    const Tag& tag = *plant.find("T");
+    table.move(Duration(static_cast<std::int64_t>(seconds * 1e6)));
+    const Tag& tag = *table.find("T");
     return textFromValue(*tag.type, tag.elements[element]);
 }
 
-TEST(Plant, FillsAnArrayWithOneValueOrWithAListAndZeros)
+TEST(TagTable, FillsAnArrayWithOneValueOrWithAListAndZeros)
 {
-    const Plant plant = plantOf(R"({"name": "A", "type": "INT", "length": 3, "value": 7},
+    const TagTable table = tagTableOf(R"({"name": "A", "type": "INT", "length": 3, "value": 7},
                                    {"name": "B", "type": "INT", "length": 3, "value": [1, 2]})");
-    EXPECT_EQ(text(plant.find("A")->elements[2]), "07 00");
-    EXPECT_EQ(text(plant.find("B")->elements[1]), "02 00");
-    EXPECT_EQ(text(plant.find("B")->elements[2]), "00 00");
-    EXPECT_EQ(plant.find("C"), nullptr);
+    EXPECT_EQ(text(table.find("A")->elements[2]), "07 00");
+    EXPECT_EQ(text(table.find("B")->elements[1]), "02 00");
+    EXPECT_EQ(text(table.find("B")->elements[2]), "00 00");
+    EXPECT_EQ(table.find("C"), nullptr);
 }
 
-TEST(Plant, RampsFromLeastToMostAndStartsAgain)
+TEST(TagTable, RampsFromLeastToMostAndStartsAgain)
 {
-    Plant plant = plantOf(R"({"name": "T", "type": "INT",
+    TagTable table = tagTableOf(R"({"name": "T", "type": "INT",
                               "motion": {"kind": "ramp", "min": 0, "max": 100, "period": 10}})");
-    EXPECT_EQ(valueAt(plant, 0), "0");
-    EXPECT_EQ(valueAt(plant, 5), "50");
-    EXPECT_EQ(valueAt(plant, 9.9), "99");
-    EXPECT_EQ(valueAt(plant, 10), "0");
+    EXPECT_EQ(valueAt(table, 0), "0");
+    EXPECT_EQ(valueAt(table, 5), "50");
+    EXPECT_EQ(valueAt(table, 9.9), "99");
+    EXPECT_EQ(valueAt(table, 10), "0");
 }
 
-TEST(Plant, SwingsAroundTheMiddle)
+TEST(TagTable, SwingsAroundTheMiddle)
 {
-    Plant plant = plantOf(R"({"name": "T", "type": "INT",
+    TagTable table = tagTableOf(R"({"name": "T", "type": "INT",
                               "motion": {"kind": "sine", "min": -100, "max": 100, "period": 4}})");
-    EXPECT_EQ(valueAt(plant, 0), "0");
-    EXPECT_EQ(valueAt(plant, 1), "100");
-    EXPECT_EQ(valueAt(plant, 3), "-100");
+    EXPECT_EQ(valueAt(table, 0), "0");
+    EXPECT_EQ(valueAt(table, 1), "100");
+    EXPECT_EQ(valueAt(table, 3), "-100");
 }
 
-TEST(Plant, CountsOneUpEachPeriod)
+TEST(TagTable, CountsOneUpEachPeriod)
 {
-    Plant plant = plantOf(R"({"name": "T", "type": "DINT",
+    TagTable table = tagTableOf(R"({"name": "T", "type": "DINT",
                               "motion": {"kind": "counter", "min": 5, "max": 7, "period": 2}})");
-    EXPECT_EQ(valueAt(plant, 1.9), "5");
-    EXPECT_EQ(valueAt(plant, 2), "6");
-    EXPECT_EQ(valueAt(plant, 5), "7");
-    EXPECT_EQ(valueAt(plant, 6), "5");
+    EXPECT_EQ(valueAt(table, 1.9), "5");
+    EXPECT_EQ(valueAt(table, 2), "6");
+    EXPECT_EQ(valueAt(table, 5), "7");
+    EXPECT_EQ(valueAt(table, 6), "5");
 }
 
-TEST(Plant, TogglesEachPeriod)
+TEST(TagTable, TogglesEachPeriod)
 {
-    Plant plant =
-        plantOf(R"({"name": "T", "type": "BOOL", "motion": {"kind": "toggle", "period": 1}})");
-    EXPECT_EQ(valueAt(plant, 0.5), "false");
-    EXPECT_EQ(valueAt(plant, 1.5), "true");
-    EXPECT_EQ(valueAt(plant, 2.5), "false");
+    TagTable table =
+        tagTableOf(R"({"name": "T", "type": "BOOL", "motion": {"kind": "toggle", "period": 1}})");
+    EXPECT_EQ(valueAt(table, 0.5), "false");
+    EXPECT_EQ(valueAt(table, 1.5), "true");
+    EXPECT_EQ(valueAt(table, 2.5), "false");
 }
 
-TEST(Plant, GoesBackToItsInitialValues)
+TEST(TagTable, GoesBackToItsInitialValues)
 {
-    Plant plant = plantOf(R"({"name": "T", "type": "INT", "value": 3})");
-    plant.find("T")->elements[0] = hex("09 00");
-    plant.reset();
-    EXPECT_EQ(text(plant.find("T")->elements[0]), "03 00");
+    TagTable table = tagTableOf(R"({"name": "T", "type": "INT", "value": 3})");
+    table.find("T")->elements[0] = hex("09 00");
+    table.reset();
+    EXPECT_EQ(text(table.find("T")->elements[0]), "03 00");
 }
 
-TEST(Plant, NamesFileKeyAndRemedyOfAWrongTagFile)
+TEST(TagTable, NamesFileKeyAndRemedyOfAWrongTagFile)
 {
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INTT"})"),
               "plant.json: tags[0].type: \"INTT\" is not a CIP type (did you mean INT?)");
@@ -112,7 +112,7 @@ TEST(Plant, NamesFileKeyAndRemedyOfAWrongTagFile)
         "plant.json: tags[0].motion: a SHORT_STRING cannot move; remove the motion");
 }
 
-TEST(Plant, RefusesAMotionBeyondWhatTheTypeHolds)
+TEST(TagTable, RefusesAMotionBeyondWhatTheTypeHolds)
 {
     const auto complaint = [](const char* type, const char* bounds) {
         return complaintAbout(std::string(R"({"name": "T", "type": ")") + type +
@@ -128,12 +128,13 @@ TEST(Plant, RefusesAMotionBeyondWhatTheTypeHolds)
     EXPECT_NE(complaint("LINT", R"("max": 9223372036854775808)"), "none");
 }
 
-TEST(Plant, MovesUpToTheLargestValueOfAType)
+TEST(TagTable, MovesUpToTheLargestValueOfAType)
 {
     const auto at = [](const char* type, const char* bounds, double seconds) {
-        Plant plant = plantOf(std::string(R"({"name": "T", "type": ")") + type +
-                              R"(", "motion": {"kind": "sine", "period": 4, )" + bounds + "}}");
-        return valueAt(plant, seconds);
+        TagTable table =
+            tagTableOf(std::string(R"({"name": "T", "type": ")") + type +
+                       R"(", "motion": {"kind": "sine", "period": 4, )" + bounds + "}}");
+        return valueAt(table, seconds);
     };
     EXPECT_EQ(at("ULINT", R"("max": 18446744073709549568)", 1), "18446744073709549568");
     EXPECT_EQ(at("LINT", R"("min": -9223372036854775808, "max": 0)", 3), "-9223372036854775808");

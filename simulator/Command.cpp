@@ -1,4 +1,4 @@
-#include "Order.h"
+#include "Command.h"
 
 #include "UserError.h"
 
@@ -27,35 +27,35 @@ bool isNumber(const std::string& word)
 
 } // namespace
 
-std::optional<Order> orderFrom(const std::string& line)
+std::optional<Command> parseCommand(const std::string& line)
 {
     std::vector<std::string> words = wordsOf(line);
     if (words.empty())
         return std::nullopt;
     const std::string name = words.front();
     if (name != "power-cycle" && name != "download")
-        throw UserError('"' + name + "\" is not an order" +
+        throw UserError('"' + name + "\" is not a command" +
                         didYouMean(name, {"power-cycle", "download"}) +
                         " (power-cycle [retain] [STATION] or download [FILE] [STATION])");
-    Order order;
-    order.kind = name == "download" ? Order::Download : Order::PowerCycle;
+    Command command;
+    command.kind = name == "download" ? Command::Download : Command::PowerCycle;
     words.erase(words.begin());
     if (!words.empty() && isNumber(words.back())) {
-        order.station = std::stoi(words.back());
+        command.station = std::stoi(words.back());
         words.pop_back();
     }
     if (words.empty())
-        return order;
-    if (order.kind == Order::Download)
-        order.file = words.front();
+        return command;
+    if (command.kind == Command::Download)
+        command.file = words.front();
     else if (words.front() == "retain")
-        order.retain = true;
+        command.retain = true;
     else
         throw UserError("power-cycle: \"" + words.front() +
                         R"(" is neither "retain" nor a station's number)");
     if (words.size() > 1)
         throw UserError(name + ": \"" + words[1] + "\" is one word too many");
-    return order;
+    return command;
 }
 
 } // namespace micro850::sim

@@ -1,5 +1,5 @@
-#ifndef MICRO850_SIMULATOR_ORDER_H
-#define MICRO850_SIMULATOR_ORDER_H
+#ifndef MICRO850_SIMULATOR_COMMAND_H
+#define MICRO850_SIMULATOR_COMMAND_H
 
 #include <optional>
 #include <string>
@@ -7,7 +7,7 @@
 namespace micro850::sim {
 
 /// What a person tells a running controller to do.
-struct Order
+struct Command
 {
     enum Kind {
         PowerCycle, ///< connections and link state are forgotten
@@ -21,7 +21,7 @@ struct Order
 
 /// Reads a line `power-cycle [retain] [STATION]` or `download [FILE] [STATION]`; nothing for a
 /// blank one. Throws UserError naming the word and the remedy.
-std::optional<Order> orderFrom(const std::string& line);
+std::optional<Command> parseCommand(const std::string& line);
 
 } // namespace micro850::sim
 

@@ -1,5 +1,5 @@
-#ifndef MICRO850_SIMULATOR_ENGINE_H
-#define MICRO850_SIMULATOR_ENGINE_H
+#ifndef MICRO850_SIMULATOR_CONTROLLER_H
+#define MICRO850_SIMULATOR_CONTROLLER_H
 
 #include "CipServer.h"
 #include "LinkLayer.h"
@@ -7,13 +7,13 @@
 namespace micro850::sim {
 
 /// One controller without any I/O: bytes in, bytes out, time from a clock.
-class Engine
+class Controller
 {
 public:
-    Engine(const Clock& clock, Plant plant, LinkOptions link = LinkOptions(),
-           Identity identity = Identity());
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
+    Controller(const Clock& clock, TagTable tags, LinkOptions link = LinkOptions(),
+               Identity identity = Identity());
+    Controller(const Controller&) = delete;
+    Controller& operator=(const Controller&) = delete;
 
     void receive(const Bytes& bytes);
     /// Lets time pass: motions and time-outs.
@@ -25,18 +25,18 @@ public:
     /// unless retained.
     void powerCycle(bool retainValues);
     /// Other tags take the place of all there are; connections stay.
-    void download(Plant plant);
+    void download(TagTable tags);
     /// From now on messages are answered by `handler`, not from the tags.
     void answerWith(LinkLayer::Handler handler) { m_handler = std::move(handler); }
 
-    Plant& plant() { return m_plant; }
+    TagTable& tags() { return m_tags; }
     CipServer& server() { return m_server; }
     const LinkCounters& counters() const { return m_link.counters(); }
 
 private:
     const Clock& m_clock;
     Duration m_start;
-    Plant m_plant;
+    TagTable m_tags;
     CipServer m_server;
     LinkLayer::Handler m_handler;
     LinkLayer m_link;

@@ -1,4 +1,4 @@
-#include "Engine.h"
+#include "Controller.h"
 
 #include "bytes.h"
 
@@ -7,21 +7,21 @@
 namespace micro850::sim {
 namespace {
 
-Plant plantOf(const std::string& tags)
+TagTable tagTableOf(const std::string& tags)
 {
-    return Plant::fromText("{\"tags\": [" + tags + "]}", "plant.json");
+    return TagTable::fromText("{\"tags\": [" + tags + "]}", "plant.json");
 }
 
-class EngineTest : public ::testing::Test
+class ControllerTest : public ::testing::Test
 {
 protected:
     /// What the controller answers to a message's data, without the link's bytes around it.
     std::string answer(Bytes data)
     {
         data[4] = ++m_transaction;
-        engine.receive(framed(data));
-        const Bytes out = engine.transmit();
-        engine.receive(hex("10 06"));
+        controller.receive(framed(data));
+        const Bytes out = controller.transmit();
+        controller.receive(hex("10 06"));
         // DLE ACK DLE STX, eight bytes of header; DLE ETX and CRC behind.
         return out.size() < 16 ? text(out) : text({out.begin() + 12, out.end() - 4});
     }
@@ -42,7 +42,7 @@ protected:
     }
 
     VirtualClock clock;
-    Engine engine{clock, plantOf(R"({"name": "A", "type": "INT", "value": 4660},
+    Controller controller{clock, tagTableOf(R"({"name": "A", "type": "INT", "value": 4660},
                                     {"name": "B", "type": "INT", "value": 1})")};
 
 private:
@@ -59,50 +59,50 @@ private:
 
 const char kConnectionNotFound[] = "D2 00 01 01 07 01";
 
-TEST_F(EngineTest, ForgetsConnectionsAndValuesInAPowerCycle)
+TEST_F(ControllerTest, ForgetsConnectionsAndValuesInAPowerCycle)
 {
     connect();
-    engine.plant().find("A")->elements[0] = hex("05 00");
+    controller.tags().find("A")->elements[0] = hex("05 00");
     EXPECT_EQ(readOf('A'), "D2 00 00 00 C3 00 05 00");
-    engine.powerCycle(false);
+    controller.powerCycle(false);
     EXPECT_EQ(readOf('A'), kConnectionNotFound);
     connect();
     EXPECT_EQ(readOf('A'), "D2 00 00 00 C3 00 34 12");
 }
 
-TEST_F(EngineTest, RetainsValuesInAPowerCycleWhenToldTo)
+TEST_F(ControllerTest, RetainsValuesInAPowerCycleWhenToldTo)
 {
     connect();
-    engine.plant().find("A")->elements[0] = hex("05 00");
-    engine.powerCycle(true);
+    controller.tags().find("A")->elements[0] = hex("05 00");
+    controller.powerCycle(true);
     connect();
     EXPECT_EQ(readOf('A'), "D2 00 00 00 C3 00 05 00");
 }
 
-TEST_F(EngineTest, TakesTheFirstRequestBehindAPowerCycleForNew)
+TEST_F(ControllerTest, TakesTheFirstRequestBehindAPowerCycleForNew)
 {
     const Bytes identity = hex("10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
-    engine.receive(identity);
-    engine.transmit();
-    engine.powerCycle(true);
-    engine.receive(identity);
-    EXPECT_GT(engine.transmit().size(), 2u);
+    controller.receive(identity);
+    controller.transmit();
+    controller.powerCycle(true);
+    controller.receive(identity);
+    EXPECT_GT(controller.transmit().size(), 2u);
 }
 
-TEST_F(EngineTest, LetsTagsAppearVanishAndChangeTypeInADownload)
+TEST_F(ControllerTest, LetsTagsAppearVanishAndChangeTypeInADownload)
 {
     connect();
     EXPECT_EQ(readOf('C'), "D2 00 05 00");
-    engine.download(plantOf(R"({"name": "B", "type": "DINT", "value": 2},
+    controller.download(tagTableOf(R"({"name": "B", "type": "DINT", "value": 2},
                                {"name": "C", "type": "SINT", "value": 3})"));
     EXPECT_EQ(readOf('A'), "D2 00 05 00");
     EXPECT_EQ(readOf('B'), "D2 00 00 00 C4 00 02 00 00 00");
     EXPECT_EQ(readOf('C'), "D2 00 00 00 C2 00 03");
 }
 
-TEST_F(EngineTest, AnswersAsItIsTold)
+TEST_F(ControllerTest, AnswersAsItIsTold)
 {
-    engine.answerWith([](const Bytes& message) {
+    controller.answerWith([](const Bytes& message) {
         return std::optional<Bytes>(hex("01 00 4B 00 00 00 00 00 AA") + Bytes{message[4]});
     });
     EXPECT_EQ(answer(hex("00 01 0B 00 00 00 00 00 01 02 20 01 24 01")), "AA 21");

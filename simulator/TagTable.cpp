@@ -1,4 +1,4 @@
-#include "Plant.h"
+#include "TagTable.h"
 
 #include "JsonFile.h"
 #include "UserError.h"
@@ -188,53 +188,53 @@ Bytes movedElement(const CipType& type, double position)
 
 } // namespace
 
-Plant Plant::fromFile(const std::string& path)
+TagTable TagTable::fromFile(const std::string& path)
 {
     return fromNode(JsonNode::fromFile(path));
 }
 
-Plant Plant::fromText(const std::string& text, const std::string& name)
+TagTable TagTable::fromText(const std::string& text, const std::string& name)
 {
     return fromNode(JsonNode::fromText(text, name));
 }
 
-Plant Plant::fromNode(const JsonNode& root)
+TagTable TagTable::fromNode(const JsonNode& root)
 {
     root.expectKeys({"tags"});
-    Plant plant;
+    TagTable table;
     for (const JsonNode& node : root.at("tags").elements()) {
         Tag tag = tagFrom(node);
-        if (plant.find(tag.name))
+        if (table.find(tag.name))
             node.at("name").fail("the tag \"" + tag.name +
                                  "\" is there twice; remove or rename one");
-        plant.put(std::move(tag));
+        table.put(std::move(tag));
     }
-    return plant;
+    return table;
 }
 
-const Tag* Plant::find(const std::string& name) const
+const Tag* TagTable::find(const std::string& name) const
 {
     const auto tag = m_tags.find(name);
     return tag == m_tags.end() ? nullptr : &tag->second;
 }
 
-Tag* Plant::find(const std::string& name)
+Tag* TagTable::find(const std::string& name)
 {
     const auto tag = m_tags.find(name);
     return tag == m_tags.end() ? nullptr : &tag->second;
 }
 
-void Plant::put(Tag tag)
+void TagTable::put(Tag tag)
 {
     m_tags[tag.name] = std::move(tag);
 }
 
-void Plant::remove(const std::string& name)
+void TagTable::remove(const std::string& name)
 {
     m_tags.erase(name);
 }
 
-void Plant::move(Duration elapsed)
+void TagTable::move(Duration elapsed)
 {
     for (auto& [name, tag] : m_tags) {
         for (std::size_t i = 0; tag.motion && i < tag.elements.size(); ++i)
@@ -242,7 +242,7 @@ void Plant::move(Duration elapsed)
     }
 }
 
-void Plant::reset()
+void TagTable::reset()
 {
     for (auto& [name, tag] : m_tags)
         tag.elements = tag.initial;
