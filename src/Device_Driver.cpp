@@ -6,107 +6,19 @@
 #include "Func_Read.h"
 #include "Func_Remote.h"
 #include "Func_Write.h"
+#include "internal/ConnectionSetup.h"
+#include "internal/DriverState.h"
+#include "internal/TagStore.h"
 #include "tagcommunication.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QFile>
 #include <QtCore/QTextStream>
 
-#include <cstddef>
-#include <type_traits>
-
 Device_Driver PLC_driver;
 QMap<QString, varName> plcAddList;
 
-namespace driverstate {
-
-QMutex leaf;
-
-bool failed()
-{
-    LeafLocker lock(leaf);
-    return PLC_driver.errorFlag;
-}
-
-} // namespace driverstate
-
 namespace {
-
-/// The Qt that the library is built for, as a note in its file: a host compares it with its own
-/// before it loads the library, since strings and lists of another Qt have another shape.
-struct QtNote
-{
-    quint32 ownerSize;
-    quint32 contentSize;
-    quint32 type;
-    char owner[12]; // filled up to a multiple of 4
-    quint32 qtMajor;
-};
-__attribute__((used, aligned(4), section(".note.micro850")))
-const QtNote qtNote = {9, 4, 1, "micro850", QT_VERSION >> 16};
-
-// ---- What the host relies on in memory ----------------------------------------------------------
-
-// Offset of a 32-bit word of the settings record.
-constexpr std::size_t word(std::size_t number)
-{
-    return 4 * number;
-}
-
-constexpr std::size_t at(std::size_t bytes32, std::size_t bytes64)
-{
-    return sizeof(void*) == 8 ? bytes64 : bytes32;
-}
-
-static_assert(sizeof(int) == 4, "the host's records have 32-bit integers");
-static_assert(offsetof(RW_VAR, varType) == 0, "host ABI");
-static_assert(offsetof(RW_VAR, varIndex) == 4, "host ABI");
-static_assert(offsetof(RW_VAR, accessMode) == 8, "host ABI");
-static_assert(offsetof(RW_VAR, hostField3) == 12, "host ABI");
-static_assert(offsetof(RW_VAR, linkId) == 16, "host ABI");
-static_assert(offsetof(RW_VAR, retValue) == 20, "host ABI");
-static_assert(offsetof(RW_VAR, tagName) == 24, "host ABI");
-static_assert(offsetof(RW_VAR, addressText) == at(28, 32), "host ABI");
-static_assert(offsetof(RW_VAR, areaType) == at(32, 40), "host ABI");
-static_assert(offsetof(RW_VAR, startAddress) == at(36, 44), "host ABI");
-static_assert(offsetof(RW_VAR, stationNo) == at(40, 48), "host ABI");
-static_assert(offsetof(RW_VAR, count) == at(44, 52), "host ABI");
-static_assert(offsetof(RW_VAR, reqFlag) == at(48, 56), "host ABI");
-static_assert(offsetof(RW_VAR, onceFlag) == at(52, 60), "host ABI");
-static_assert(offsetof(RW_VAR, data) == at(56, 64), "host ABI");
-static_assert(sizeof(RW_VAR) == at(60, 72), "host ABI");
-
-static_assert(offsetof(Protocol, frame) == 0, "host ABI");
-static_assert(offsetof(Protocol, sendLength) == at(4, 8), "host ABI");
-static_assert(offsetof(Protocol, replyLength) == at(8, 12), "host ABI");
-static_assert(offsetof(Protocol, auxLength) == at(12, 16), "host ABI");
-static_assert(offsetof(Protocol, auxFlag) == at(16, 20), "host ABI");
-static_assert(offsetof(Protocol, var) == at(20, 24), "host ABI");
-static_assert(offsetof(Protocol, reserve1) == at(80, 96), "host ABI");
-static_assert(offsetof(Protocol, reserve2) == at(84, 100), "host ABI");
-static_assert(offsetof(Protocol, reserve3) == at(88, 104), "host ABI");
-static_assert(sizeof(Protocol) == at(92, 112), "host ABI");
-
-static_assert(offsetof(varName, name) == 0, "host ABI");
-static_assert(offsetof(varName, kind) == at(4, 8), "host ABI");
-static_assert(offsetof(varName, hostField2) == at(8, 12), "host ABI");
-static_assert(offsetof(varName, hostField3) == at(12, 16), "host ABI");
-static_assert(sizeof(varName) == at(16, 24), "host ABI");
-
-static_assert(std::is_standard_layout<ComInfo>::value, "host ABI");
-static_assert(offsetof(ComInfo, defaultStation) == word(6), "host ABI");
-static_assert(offsetof(ComInfo, retryLimit) == word(7), "host ABI");
-static_assert(offsetof(ComInfo, failureCount) == word(8), "host ABI");
-static_assert(offsetof(ComInfo, multiStation) == word(9), "host ABI");
-static_assert(offsetof(ComInfo, clearedWord10) == word(10), "host ABI");
-static_assert(offsetof(ComInfo, frameCount) == word(11), "host ABI");
-static_assert(offsetof(ComInfo, framesAnswered) == word(12), "host ABI");
-static_assert(offsetof(ComInfo, clearedWord13) == word(13), "host ABI");
-static_assert(offsetof(ComInfo, remoteMode) == word(14), "host ABI");
-static_assert(offsetof(ComInfo, localLink) == word(15), "host ABI");
-static_assert(offsetof(ComInfo, writeMode) == word(16), "host ABI");
-static_assert(offsetof(ComInfo, passComplete) == word(17), "host ABI");
-static_assert(offsetof(ComInfo, callbackChannel) == word(18), "host ABI");
 
 // ---- Send scheduler: caller holds listMutex -----------------------------------------------------
 
@@ -180,7 +92,7 @@ RW_VAR* nextCyclic(RW_VAR* head)
 // out instead; the write itself stays queued.
 void learnClass(RW_VAR request)
 {
-    PLC_driver.currentList = kCyclicRead;
+    PLC_driver.currentList = driverstate::kCyclicRead;
     request.accessMode = 0;
     request.startAddress = 0;
     ReadRegister(&request);
@@ -210,7 +122,7 @@ void encodeRead(RW_VAR* request)
 
 void serveWrite()
 {
-    PLC_driver.currentList = kWrite;
+    PLC_driver.currentList = driverstate::kWrite;
     RW_VAR* head = firstEnabled(PLC_driver.writeList);
     if (!head)
         return;
@@ -220,7 +132,7 @@ void serveWrite()
 
 void serveOneShot()
 {
-    PLC_driver.currentList = kOneShotRead;
+    PLC_driver.currentList = driverstate::kOneShotRead;
     RW_VAR* head = firstEnabled(PLC_driver.onceReadList);
     if (!head)
         return;
@@ -240,7 +152,7 @@ void serveCyclic()
     if (!head) {
         setPassComplete(1);
     } else {
-        PLC_driver.currentList = kCyclicRead;
+        PLC_driver.currentList = driverstate::kCyclicRead;
         head = nextCyclic(head);
         if (!head)
             return;
@@ -275,8 +187,6 @@ enum ReturnValue {
 
 enum FinishStatus { kStatusDone = 1, kStatusFailed = 2 };
 
-const int kHandshakeFrames = 2;
-const int kConnectionRequestInFlight = 1;
 const int kConnectionAttempts = 4;
 const int kJudgements = 11;
 // A length that no reply has: the next call fails with a length error.
@@ -295,19 +205,19 @@ void takeHandshakeReply(const QByteArray* reply, int station, int& readNumber)
         readNumber = 0;
         queue.removeFirst();
         increment(settings.framesAnswered);
-        if (settings.framesAnswered == kHandshakeFrames) {
+        if (settings.framesAnswered == connection::kConnected) {
             queue.clear();
             setHandshakeInformation(station, true);
         }
         return;
     }
     PLC_driver.result.retValue = kNoConnection;
-    if (settings.framesAnswered != kConnectionRequestInFlight) {
+    if (settings.framesAnswered != connection::kAwaitingForwardOpen) {
         queue.clear();
         return;
     }
     if (++readNumber < kConnectionAttempts) {
-        frame::repatchConnectionRequest(queue.first(), station, true);
+        connection::renew(queue.first().frame, tagstore::transactionOf(station));
     } else {
         readNumber = 0;
         queue.clear();
@@ -330,16 +240,11 @@ void judgeVariableLength(const QByteArray* reply, int length, int& readNumber)
     }
 }
 
-bool sameVariable(const RW_VAR& a, const RW_VAR& b)
-{
-    return a.varType == b.varType && a.varIndex == b.varIndex;
-}
-
 // True when a later entry belongs to the same variable as the head.
 bool continuesLater(const QList<RW_VAR>& list)
 {
     for (int i = 1; i < list.size(); ++i) {
-        if (sameVariable(list.at(i), list.first()))
+        if (driverstate::sameVariable(list.at(i), list.first()))
             return true;
     }
     return false;
@@ -386,13 +291,13 @@ void retireCyclic()
 void completeRequest(bool local)
 {
     switch (PLC_driver.currentList) {
-    case kWrite:
+    case driverstate::kWrite:
         retire(PLC_driver.writeList, true);
         break;
-    case kOneShotRead:
+    case driverstate::kOneShotRead:
         retire(PLC_driver.onceReadList, local);
         break;
-    case kCyclicRead:
+    case driverstate::kCyclicRead:
         retireCyclic();
         break;
     default:
@@ -407,7 +312,7 @@ void dropOneShotsOfResult(bool ofItsStationOnly)
     QList<RW_VAR>& reads = PLC_driver.onceReadList;
     for (int i = reads.size() - 1; i >= 0; --i) {
         const bool stationMatches = !ofItsStationOnly || reads.at(i).stationNo == result.stationNo;
-        if (stationMatches && sameVariable(reads.at(i), result))
+        if (stationMatches && driverstate::sameVariable(reads.at(i), result))
             reads.removeAt(i);
     }
 }
@@ -423,10 +328,7 @@ void dropWritesOfStation(int station)
 
 void followUpFailure()
 {
-    if (PLC_driver.refreshCallback) {
-        QList<RW_VAR> none;
-        PLC_driver.refreshCallback(&none, PLC_driver.result.varType, 1);
-    }
+    driverstate::notifyRefresh(PLC_driver.result.varType);
     const bool multiStation = PLC_driver.comInfo->multiStation != 0;
     dropOneShotsOfResult(multiStation);
     if (multiStation)
@@ -508,7 +410,8 @@ ReplyOutcome judgeLength(int length)
     const int expected = driverstate::inFlight().replyLength;
     if (length == 0 && expected != 0)
         return kNoReply;
-    return expected != length && expected != frame::kVariableLength ? kWrongLength : kAccepted;
+    return expected != length && expected != driverstate::kVariableLength ? kWrongLength
+                                                                          : kAccepted;
 }
 
 } // namespace
@@ -518,8 +421,8 @@ ReplyOutcome judgeLength(int length)
 Device_Driver::Device_Driver()
     : comInfo(nullptr), finishCallback(nullptr), refreshCallback(nullptr),
       listMutex(QMutex::NonRecursive), dataMutex(QMutex::NonRecursive),
-      stationMutex(QMutex::NonRecursive), result(), currentList(kNoListYet), writeBurst(0),
-      onceBurst(0), readCycleCount(0), errorFlag(false), spareFlag(false)
+      stationMutex(QMutex::NonRecursive), result(), currentList(driverstate::kNoListYet),
+      writeBurst(0), onceBurst(0), readCycleCount(0), errorFlag(false), spareFlag(false)
 {
 }
 
@@ -554,7 +457,7 @@ RW_VAR* DataCom(QByteArray* reply, int length)
     const int station = driverstate::inFlight().var.stationNo;
     if (!getHandshakeInformation(station))
         takeHandshakeReply(reply, station, readNumber);
-    else if (driverstate::inFlight().replyLength == frame::kVariableLength)
+    else if (driverstate::inFlight().replyLength == driverstate::kVariableLength)
         judgeVariableLength(reply, length, readNumber);
     else
         finishTransaction(reply, length, station);

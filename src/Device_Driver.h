@@ -4,7 +4,7 @@
 // The shared records, the driver object, the two entry points of the poll cycle, the host's return
 // codes, the debug log and the catalogue of variable names.
 
-#include "QtCompat.h"
+#include "Micro850Export.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QList>
@@ -128,16 +128,13 @@ public:
     QMutex dataMutex;
     QMutex stationMutex;
     RW_VAR result;
-    int currentList;
+    int currentList; ///< list of the last request: 0 cyclic, 1 write, 2 one-shot, 100 none yet
     int writeBurst;
     int onceBurst;
     int readCycleCount;
     bool errorFlag;
     bool spareFlag;
 };
-
-/// Values of Device_Driver::currentList.
-enum RequestList { kCyclicRead = 0, kWrite = 1, kOneShotRead = 2, kNoListYet = 100 };
 
 extern MICRO850_EXPORT Device_Driver PLC_driver;
 /// Names that carry an element index. Grows only.
@@ -185,25 +182,5 @@ MICRO850_EXPORT bool getPassVarName(QString name);
 MICRO850_EXPORT int updateRwVar(RW_VAR* request);
 /// Copies everything but the value bytes; `to.data` ends empty.
 MICRO850_EXPORT void passRetValue(const RW_VAR& from, RW_VAR& to);
-
-// ---- Inside the library: not exported -----------------------------------------------------------
-
-namespace driverstate {
-
-/// Leaf lock of what entry points without a named mutex share with the poll pair: `readList`,
-/// `onceReadList`, `readCycleCount`, ComInfo::passComplete and `errorFlag`. The poll pair and
-/// the rebuilding of `readList` hold `listMutex` as well, so a head that was looked up under both
-/// stays where it is.
-extern QMutex leaf;
-
-/// True while the last transaction in flight failed.
-bool failed();
-/// The transaction in flight; only while the send queue is not empty.
-inline const Protocol& inFlight()
-{
-    return PLC_driver.sendQueue.at(0);
-}
-
-} // namespace driverstate
 
 #endif

@@ -1,6 +1,7 @@
 #include "Func_Check.h"
 
-#include "Device_Driver.h"
+#include "internal/Crc16.h"
+#include "internal/DriverState.h"
 
 void InvertUint16(unsigned short* out, unsigned short* in)
 {

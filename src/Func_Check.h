@@ -4,7 +4,7 @@
 // CRC and checksum helpers, and the check of a reply against its request.
 // None of them reads outside `data`; a null `data` counts as no bytes.
 
-#include "QtCompat.h"
+#include "Micro850Export.h"
 
 #include <QtCore/QByteArray>
 
@@ -29,27 +29,5 @@ MICRO850_EXPORT int ASCIIToDigital(int character);
 
 /// 1 = store the reply to the frame in flight, 2 = accept it without storing, 0 = reject it.
 MICRO850_EXPORT int CheckGetData(QByteArray* reply, int length);
-
-/// Inside the library.
-namespace crc16 {
-
-const unsigned int kReflectedPolynomial = 0xA001;
-
-/// One byte more of a reflected CRC-16, bit by bit. The polynomial is moved along the bits, which
-/// costs less than moving the register under it.
-inline unsigned int extended(unsigned int crc, quint8 byte, unsigned int polynomial)
-{
-    crc ^= byte;
-#if defined(__GNUC__) && __GNUC__ >= 8
-#pragma GCC unroll 8
-#endif
-    for (int bit = 0; bit < 8; ++bit) {
-        if (crc & (1u << bit))
-            crc ^= (polynomial << 1 | 1u) << bit;
-    }
-    return crc >> 8;
-}
-
-} // namespace crc16
 
 #endif

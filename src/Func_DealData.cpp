@@ -1,5 +1,8 @@
 #include "Func_DealData.h"
 
+#include "internal/DriverState.h"
+#include "internal/Frame.h"
+#include "internal/TagStore.h"
 #include "tagcommunication.h"
 
 #include <cstring>
@@ -78,7 +81,7 @@ void SaveToLocalDataErea(QByteArray* reply)
 {
     if (!reply || PLC_driver.sendQueue.isEmpty())
         return;
-    frame::undouble(*reply);
+    frame::undoubleDles(*reply);
     const Protocol& head = driverstate::inFlight();
     const ReplyValue value = valueOf(*reply, head.auxLength);
     const qint64 position = positionFor(head.var, value.typeClass);

@@ -3,7 +3,7 @@
 
 // Storing of the values that a read reply brings.
 
-#include "QtCompat.h"
+#include "Micro850Export.h"
 
 #include <QtCore/QByteArray>
 

@@ -1,6 +1,9 @@
 #include "Func_GetOrSetData.h"
 
 #include "Func_Initi.h"
+#include "internal/DriverState.h"
+#include "internal/Frame.h"
+#include "internal/TagStore.h"
 #include "tagcommunication.h"
 
 #include <cstddef>

@@ -1,21 +1,13 @@
 #include "Func_Initi.h"
 
-#include "tagcommunication.h"
-
-#include <cstddef>
+#include "internal/DriverState.h"
+#include "internal/QtCompat.h"
 
 void* LB = nullptr;
 void* LW = nullptr;
 void* RWI = nullptr;
 
 namespace {
-
-static_assert(offsetof(HOSTVAR, areaType) == 1, "host ABI");
-static_assert(offsetof(HOSTVAR, hostField1) == 4, "host ABI");
-static_assert(offsetof(HOSTVAR, addressText) == 8, "host ABI");
-static_assert(offsetof(HOSTVAR, tagName) == 8 + sizeof(void*), "host ABI");
-static_assert(offsetof(HOSTVAR, count) == 8 + 2 * sizeof(void*), "host ABI");
-static_assert(sizeof(HOSTVAR) == 8 + 3 * sizeof(void*), "host ABI");
 
 // The write and one-shot lists take no more records than this.
 const int kLongestQueue = 1024;
@@ -57,11 +49,6 @@ bool samePlace(const RW_VAR& a, const RW_VAR& b)
            a.startAddress == b.startAddress && a.count == b.count;
 }
 
-bool sameVariable(const RW_VAR& a, const RW_VAR& b)
-{
-    return a.varType == b.varType && a.varIndex == b.varIndex;
-}
-
 // The queued write that a new one to the same place replaces, -1 for none. The head is never
 // compared: it may be in flight.
 int queuedWriteTo(const RW_VAR& request)
@@ -78,7 +65,7 @@ bool isQueuedOnce(const RW_VAR& request)
 {
     const QList<RW_VAR>& reads = PLC_driver.onceReadList;
     for (int i = 0; i < reads.size(); ++i) {
-        if (sameVariable(reads.at(i), request) && samePlace(reads.at(i), request))
+        if (driverstate::sameVariable(reads.at(i), request) && samePlace(reads.at(i), request))
             return true;
     }
     return false;

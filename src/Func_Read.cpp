@@ -1,12 +1,16 @@
 #include "Func_Read.h"
 
-#include "tagcommunication.h"
+#include "internal/DriverState.h"
+#include "internal/Frame.h"
+#include "internal/TagStore.h"
+#include "internal/Wrapping.h"
 
 namespace {
 
 // Head of a connected Read Tag Fragmented request up to its symbol segment code; header bytes 8, 9,
 // 12, 13, 14 and path size 17 are patched.
 const char kReadTemplate[] = "10 06 10 02 00 01 0A 00 48 00 00 00 76 61 4F 45 52 06 91";
+
 /// What an encoder needs of the station's record.
 struct ReadContext
 {
@@ -32,41 +36,35 @@ ReadContext contextOf(const RW_VAR& request)
 {
     LeafLocker lock(tagstore::leaf);
     PLCTAGCOMMUNICATION& station = PLCDataStorage[request.stationNo];
-    ReadContext context = {frame::headerOf(station), tagstore::kByte};
+    ReadContext context = {tagstore::headerOf(station), tagstore::kByte};
     if (request.reqFlag != 0)
         context.typeClass = classForRead(station, request.tagName);
     return context;
 }
 
-int wrappingDifference(int count, unsigned int less)
-{
-    return static_cast<int>(static_cast<unsigned int>(count) - less);
-}
-
 // `count` is in 16-bit words for the wide classes: a single 32-bit value has 2, a single 64-bit 4.
 int elementCountForRead(const RW_VAR& request, int typeClass)
 {
-    if (request.reqFlag == 0)
-        return request.count;
     const bool once = request.onceFlag != 0;
     switch (typeClass) {
     case tagstore::kShortString:
     case tagstore::kUnknownClass:
         return 1;
     case tagstore::kDoubleWord:
-        return once ? request.count >> 1 : wrappingDifference(request.count, 1);
+        return once ? request.count >> 1 : wrapping::difference(request.count, 1);
     case tagstore::kQuadWord:
-        return once ? request.count >> 2 : wrappingDifference(request.count, 3);
+        return once ? request.count >> 2 : wrapping::difference(request.count, 3);
     default:
         return request.count;
     }
 }
 
-// An unknown class reads the whole tag's first element: an index could not be scaled.
-bool takesElement(const RW_VAR& request, int typeClass)
+// Element 0 while the class is unknown, since an index could not be scaled yet.
+int elementForRead(const RW_VAR& request, int typeClass)
 {
-    return request.reqFlag != 0 && typeClass != tagstore::kShortString &&
-           typeClass != tagstore::kUnknownClass;
+    const bool isIndexed = request.reqFlag != 0 && typeClass != tagstore::kShortString &&
+                           typeClass != tagstore::kUnknownClass;
+    return isIndexed ? request.startAddress : 0;
 }
 
 } // namespace
@@ -78,15 +76,10 @@ void ReadRegister(RW_VAR* request)
     static const QByteArray head = frame::fromHexText(kReadTemplate);
     const ReadContext context = contextOf(*request);
 
-    frame::Builder builder(head,
-                           frame::roomForTagName(request->tagName) + frame::kRoomForRequestTail);
-    builder.addTagName(request->tagName);
-    if (takesElement(*request, context.typeClass))
-        builder.addElement(request->startAddress);
-    builder.endPath();
+    frame::Builder builder(head, request->tagName, elementForRead(*request, context.typeClass));
     builder.addCount(elementCountForRead(*request, context.typeClass));
 
-    frame::queue(builder.finished(context.header), frame::kVariableLength, frame::kValues,
-                 *request);
-    frame::beginExchange(1);
+    driverstate::queue(builder.finish(context.header), driverstate::kVariableLength, frame::kValues,
+                       *request);
+    driverstate::beginExchange(1);
 }

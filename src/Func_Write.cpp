@@ -1,7 +1,9 @@
 #include "Func_Write.h"
 
 #include "Func_GetOrSetData.h"
-#include "tagcommunication.h"
+#include "internal/DriverState.h"
+#include "internal/Frame.h"
+#include "internal/TagStore.h"
 
 namespace {
 
@@ -19,7 +21,7 @@ WriteContext contextOf(const RW_VAR& request)
 {
     LeafLocker lock(tagstore::leaf);
     PLCTAGCOMMUNICATION& station = PLCDataStorage[request.stationNo];
-    WriteContext context = {frame::headerOf(station), station.tagInfo[request.tagName]};
+    WriteContext context = {tagstore::headerOf(station), station.tagInfo[request.tagName]};
     return context;
 }
 
@@ -54,8 +56,7 @@ int elementsOf(int words, int wordsPerElement)
 int reshape(RW_VAR& request, const QByteArray& info)
 {
     const int count = request.count;
-    const int typeClass =
-        info.isEmpty() ? int(tagstore::kBool) : frame::byteAt(info, tagstore::kClass);
+    const int typeClass = frame::byteAt(info, tagstore::kClass); // an empty entry counts as BOOL
     int elements = count;
     switch (typeClass) {
     case tagstore::kBool:
@@ -88,20 +89,11 @@ int reshape(RW_VAR& request, const QByteArray& info)
     return elements;
 }
 
-bool takesElement(const RW_VAR& request, const QByteArray& info)
+int elementForWrite(const RW_VAR& request, const QByteArray& info)
 {
-    return request.reqFlag != 0 &&
-           (info.isEmpty() || frame::byteAt(info, tagstore::kClass) != tagstore::kShortString);
-}
-
-void tellHost(RW_VAR* request)
-{
-    if (PLC_driver.refreshCallback) {
-        QList<RW_VAR> none;
-        PLC_driver.refreshCallback(&none, request->varType, 1);
-    }
-    if (!driverstate::failed())
-        WriteDataToLocal(request);
+    const bool isIndexed =
+        request.reqFlag != 0 && frame::byteAt(info, tagstore::kClass) != tagstore::kShortString;
+    return isIndexed ? request.startAddress : 0;
 }
 
 } // namespace
@@ -114,18 +106,15 @@ void WriteRegister(RW_VAR* request)
     const WriteContext context = contextOf(*request);
     const int elements = reshape(*request, context.info);
 
-    frame::Builder builder(head, frame::roomForTagName(request->tagName) + request->data.size() +
-                                     frame::kRoomForRequestTail);
-    builder.addTagName(request->tagName);
-    if (takesElement(*request, context.info))
-        builder.addElement(request->startAddress);
-    builder.endPath();
-    builder.addByte(frame::byteAt(context.info, tagstore::kTypeLow));
-    builder.addByte(frame::byteAt(context.info, tagstore::kTypeHigh));
+    frame::Builder builder(head, request->tagName, elementForWrite(*request, context.info));
+    builder.addType(frame::byteAt(context.info, tagstore::kTypeLow),
+                    frame::byteAt(context.info, tagstore::kTypeHigh));
     builder.addCount(elements);
     builder.addBytes(request->data);
 
-    frame::queue(builder.finished(context.header), frame::kVariableLength, 0, *request);
-    frame::beginExchange(1);
-    tellHost(request);
+    driverstate::queue(builder.finish(context.header), driverstate::kVariableLength, 0, *request);
+    driverstate::beginExchange(1);
+    driverstate::notifyRefresh(request->varType);
+    if (!driverstate::failed())
+        WriteDataToLocal(request);
 }

@@ -19,7 +19,7 @@ void resetAttempts(ComInfo& settings)
     RW_VAR request = RW_VAR();
     request.stationNo = station;
     QByteArray frame = intact;
-    frame::queue(frame, frame::kVariableLength, 0, request);
+    driverstate::queue(frame, driverstate::kVariableLength, 0, request);
     QByteArray reply = intact;
     DataCom(&reply, reply.size());
 }
@@ -113,16 +113,17 @@ void checkQueue()
 // meanwhile, and so is the read that learns the class for a queued write, which counts as cyclic.
 void checkHeadInFlight()
 {
-    if (PLC_driver.sendQueue.isEmpty() ||
-        (PLC_driver.currentList != kWrite && PLC_driver.currentList != kOneShotRead))
+    if (PLC_driver.sendQueue.isEmpty() || (PLC_driver.currentList != driverstate::kWrite &&
+                                           PLC_driver.currentList != driverstate::kOneShotRead))
         return;
     const RW_VAR& var = PLC_driver.sendQueue.first().var;
     const fuzz::Stores::const_iterator station = PLCDataStorage.constFind(var.stationNo);
     FUZZ_CHECK(station != PLCDataStorage.constEnd());
     if (!station->handshakeDone)
         return;
-    const QList<RW_VAR>& list =
-        PLC_driver.currentList == kWrite ? PLC_driver.writeList : PLC_driver.onceReadList;
+    const QList<RW_VAR>& list = PLC_driver.currentList == driverstate::kWrite
+                                    ? PLC_driver.writeList
+                                    : PLC_driver.onceReadList;
     FUZZ_CHECK(PLC_driver.sendQueue.size() == 1 && !list.isEmpty());
     const RW_VAR& head = list.first();
     FUZZ_CHECK(var.tagName == head.tagName && var.stationNo == head.stationNo);
@@ -154,7 +155,7 @@ void resetDriver(ComInfo& settings)
     PLC_driver.sendQueue.clear();
     PLC_driver.disabledStations.clear();
     PLC_driver.result = RW_VAR();
-    PLC_driver.currentList = kNoListYet;
+    PLC_driver.currentList = driverstate::kNoListYet;
     PLC_driver.writeBurst = 0;
     PLC_driver.onceBurst = 0;
     PLC_driver.readCycleCount = 0;

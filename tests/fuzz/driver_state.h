@@ -13,6 +13,10 @@
 #include "Func_Remote.h"
 #include "Func_Write.h"
 #include "fuzz_check.h"
+#include "internal/ConnectionSetup.h"
+#include "internal/DriverState.h"
+#include "internal/Frame.h"
+#include "internal/TagStore.h"
 #include "tagcommunication.h"
 
 namespace fuzz {

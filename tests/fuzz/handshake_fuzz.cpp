@@ -145,7 +145,7 @@ void checkOutOfOrder(FuzzInput& input)
         QByteArray bytes = input.flag() ? wire::framed(input.block()) : input.block();
         const int replyLength = input.edge();
         const int auxLength = input.edge();
-        frame::queue(bytes, replyLength, auxLength, request);
+        driverstate::queue(bytes, replyLength, auxLength, request);
     }
     const bool queued = !PLC_driver.sendQueue.isEmpty();
     if (input.below(8) == 0)
@@ -156,7 +156,12 @@ void checkOutOfOrder(FuzzInput& input)
     FUZZ_CHECK(verdict == (queued && endsAsFrame(reply) ? 1 : 0));
     if (queued) {
         FUZZ_CHECK(PLCDataStorage[station].transactionCounter == 1);
-        frame::repatchConnectionRequest(PLC_driver.sendQueue.first(), station, input.flag());
+        const unsigned short transaction = tagstore::transactionOf(station);
+        QByteArray& request = PLC_driver.sendQueue.first().frame;
+        if (input.flag())
+            connection::renew(request, transaction);
+        else
+            connection::renumber(request, transaction);
     }
     fuzz::checkLocksFree();
 }

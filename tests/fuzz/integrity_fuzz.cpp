@@ -64,15 +64,17 @@ void checkFrame(const QByteArray& data)
 // A frame that the driver builds around the data is the one that the protocol wants.
 void checkBuilt(QByteArray data)
 {
-    const int headerSize = 11; // up to the sequence byte
-    if (data.size() < headerSize)
+    const int pathSize = 13;
+    if (data.size() <= pathSize)
         return;
     const auto byte = [&](int at) { return static_cast<quint8>(data.at(at)); };
     const frame::Header header = {static_cast<unsigned short>(byte(4) | byte(5) << 8), byte(8),
                                   byte(9)};
-    data[headerSize - 1] = static_cast<char>(header.transaction + 7);
-    frame::Builder builder(wire::hex("10 06 10 02") + data, 0);
-    FUZZ_CHECK(builder.finished(header) == wire::framed(data));
+    frame::Builder builder(wire::hex("10 06 10 02") + data, QString(), 0);
+    data.append('\0'); // the length of the tag name
+    data[10] = static_cast<char>(header.transaction + 7);
+    data[pathSize] = static_cast<char>((data.size() - pathSize - 1) / 2);
+    FUZZ_CHECK(builder.finish(header) == wire::framed(data));
 }
 
 void checkSums(const QByteArray& bytes)

@@ -56,27 +56,26 @@ def moves(cursor):
     return any(a.type.spelling.endswith("&&") for a in cursor.get_arguments() or [])
 
 
-def is_ours(cursor, folder):
+def is_ours(cursor, folders):
     file = cursor.location.file
     if file is None:
         return False
     path = os.path.realpath(file.name)
-    return os.path.dirname(path) == folder and os.path.basename(path) != "QtCompat.h"
+    return os.path.dirname(path) in folders and os.path.basename(path) != "QtCompat.h"
 
 
-def names_in(source, flags):
+def names_in(source, folders, flags):
     unit = Index.create().parse(
         source, args=flags, options=TranslationUnit.PARSE_DETAILED_PROCESSING_RECORD
     )
     errors = [d.format() for d in unit.diagnostics if d.severity >= d.Error]
     if errors:
         sys.exit(f"qt_names: {source} does not compile: {errors[0]}")
-    folder = os.path.dirname(os.path.realpath(source))
     names = set()
 
     def visit(cursor):
         for child in cursor.get_children():
-            if cursor.kind == CursorKind.TRANSLATION_UNIT and not is_ours(child, folder):
+            if cursor.kind == CursorKind.TRANSLATION_UNIT and not is_ours(child, folders):
                 continue
             if child.kind in USES:
                 used = child.referenced
@@ -95,9 +94,10 @@ def main():
         sys.exit("qt_names: usage: qt_names.py COMMITTED SOURCE... -- FLAG...")
     split = sys.argv.index("--")
     committed, sources, flags = sys.argv[1], sys.argv[2:split], sys.argv[split + 1 :]
+    folders = {os.path.dirname(os.path.realpath(source)) for source in sources}
     used = set()
     for source in sources:
-        used |= names_in(source, flags)
+        used |= names_in(source, folders, flags)
     if committed == "-":
         print("\n".join(sorted(used)))
         return

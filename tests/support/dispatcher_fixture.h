@@ -2,6 +2,12 @@
 #define MICRO850_TESTS_DISPATCHER_FIXTURE_H
 
 #include "driver_fixture.h"
+#include "internal/DriverState.h"
+
+using driverstate::kCyclicRead;
+using driverstate::kNoListYet;
+using driverstate::kOneShotRead;
+using driverstate::kWrite;
 
 /// A driver with station 1 connected, and helpers that send requests and deliver replies.
 class DispatcherTest : public DriverTest

@@ -1,20 +1,15 @@
-#ifndef MICRO850_QTCOMPAT_H
-#define MICRO850_QTCOMPAT_H
+#ifndef MICRO850_INTERNAL_QTCOMPAT_H
+#define MICRO850_INTERNAL_QTCOMPAT_H
 
-// The few places where Qt 4.8 and Qt 5 differ, and the marks of an exported name.
+// The few places where Qt 4.8 and Qt 5 differ.
 
 #include <QtCore/QChar>
 #include <QtCore/QList>
 #include <QtCore/QtGlobal>
 
-/// A function or object exported under its C++ name.
-#define MICRO850_EXPORT Q_DECL_EXPORT
-/// An entry point exported under its plain name.
-#define MICRO850_ENTRY extern "C" Q_DECL_EXPORT
-
 namespace qtcompat {
 
-/// The character's byte in the tag alphabet, 00 where it has none. QString's own conversions put a
+/// The character's byte in the tag alphabet, 00 if it has none. QString's own conversions put a
 /// question mark there, and Qt 4's toAscii() depends on a process-wide codec.
 inline char latin1(QChar character)
 {
@@ -30,8 +25,8 @@ template<typename T> void swapItems(QList<T>& list, int i, int j)
 #endif
 }
 
-/// Seeds the calling thread's generator and draws one number. Deprecated in Qt 5.15 without a
-/// replacement that would give the same sequence.
+/// Seeds the calling thread's generator and draws one number. Qt 5.15 deprecates both calls, and
+/// what it offers instead gives another sequence.
 inline int seededRandom(unsigned int seed)
 {
 #if defined(__GNUC__)
