@@ -31,7 +31,7 @@ TEST(CipType, HasTheCodesOfTheElementaryTypesInOrder)
     EXPECT_EQ(cipTypeOf(0x2A0), nullptr);
 }
 
-TEST(CipType, GuessesTheNameThatWasMeant)
+TEST(CipType, SuggestsTheNameThatWasProbablyMeant)
 {
     try {
         cipTypeNamed("INTT");
@@ -41,7 +41,7 @@ TEST(CipType, GuessesTheNameThatWasMeant)
     }
 }
 
-TEST(CipValue, IsWrittenLowByteFirst)
+TEST(CipValue, IsEncodedLowByteFirst)
 {
     EXPECT_EQ(bytesOf("INT", "1234"), (Bytes{0xD2, 0x04}));
     EXPECT_EQ(bytesOf("INT", "-2"), (Bytes{0xFE, 0xFF}));
@@ -54,7 +54,7 @@ TEST(CipValue, IsWrittenLowByteFirst)
     EXPECT_EQ(bytesOf("STRING2", "A"), (Bytes{1, 0, 'A', 0}));
 }
 
-TEST(CipValue, TakesExactlyTheRangeOfItsType)
+TEST(CipValue, AcceptsExactlyTheRangeOfItsType)
 {
     EXPECT_EQ(bytesOf("SINT", "-128"), (Bytes{0x80}));
     EXPECT_EQ(refusalOf("SINT", "-129"), "\"-129\" is not a value of type SINT (-128 to 127)");
@@ -65,7 +65,7 @@ TEST(CipValue, TakesExactlyTheRangeOfItsType)
     EXPECT_EQ(refusalOf("USINT", "-1"), "\"-1\" is not a value of type USINT (0 to 255)");
 }
 
-TEST(CipValue, RefusesWhatIsNotOfItsType)
+TEST(CipValue, RejectsTextThatIsNotAValueOfItsType)
 {
     EXPECT_NE(refusalOf("INT", ""), "accepted");
     EXPECT_NE(refusalOf("INT", "12x"), "accepted");
@@ -76,7 +76,7 @@ TEST(CipValue, RefusesWhatIsNotOfItsType)
     EXPECT_NE(refusalOf("SHORT_STRING", std::string(81, 'x').c_str()), "accepted");
 }
 
-TEST(CipValue, ReadsBackAsTheTextThatWasWritten)
+TEST(CipValue, IsPrintedAsTheTextThatWasParsed)
 {
     const std::pair<const char*, const char*> values[] = {
         {"BOOL", "false"},      {"SINT", "-1"},
@@ -89,7 +89,7 @@ TEST(CipValue, ReadsBackAsTheTextThatWasWritten)
         EXPECT_EQ(textFromValue(cipTypeNamed(type), bytesOf(type, text)), text) << type;
 }
 
-TEST(CipValue, ShowsMissingBytesAsZeros)
+TEST(CipValue, IsPrintedWithZerosForMissingBytes)
 {
     EXPECT_EQ(textFromValue(cipTypeNamed("DINT"), {5}), "5");
     EXPECT_EQ(textFromValue(cipTypeNamed("SHORT_STRING"), {9, 'A'}), "A");

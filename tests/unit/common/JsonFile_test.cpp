@@ -24,7 +24,7 @@ std::string complaintOf(const std::function<void()>& action)
     return "none";
 }
 
-TEST(JsonFile, NamesLineAndColumnOfASyntaxError)
+TEST(JsonFile, ReportsLineAndColumnOfASyntaxError)
 {
     const std::string complaint = complaintOf([] { parsed("{\n  \"a\": 1,,\n}"); });
     EXPECT_EQ(complaint.rfind("plant.json:2:10: syntax error", 0), 0u) << complaint;
@@ -35,7 +35,7 @@ TEST(JsonFile, AllowsComments)
     EXPECT_EQ(parsed("{ // a comment\n \"a\": 1 }").at("a").integer(0, 9), 1);
 }
 
-TEST(JsonFile, NamesTheKeyPathOfAWrongValue)
+TEST(JsonFile, ReportsTheKeyPathOfAWrongValue)
 {
     const JsonNode root = parsed(R"({"variables": [{"count": 1}, {"count": 0}]})");
     EXPECT_EQ(complaintOf([&] { root.at("variables").elements()[1].at("count").integer(1, 9); }),
@@ -46,7 +46,7 @@ TEST(JsonFile, NamesTheKeyPathOfAWrongValue)
               "plant.json: the key \"stations\" is missing");
 }
 
-TEST(JsonFile, GuessesAKeyThatWasMistyped)
+TEST(JsonFile, SuggestsTheKeyThatWasProbablyMeant)
 {
     EXPECT_EQ(complaintOf([] {
                   parsed(R"({"statoin": 1})").expectKeys({"station", "port"});
@@ -58,7 +58,7 @@ TEST(JsonFile, GuessesAKeyThatWasMistyped)
               "plant.json: unknown key \"x\" (allowed: station, port)");
 }
 
-TEST(JsonFile, GivesTheDefaultOfAnAbsentKeyOnly)
+TEST(JsonFile, ReturnsTheDefaultOnlyForAnAbsentKey)
 {
     const JsonNode root = parsed(R"({"baud": 9600, "big": 18446744073709551615})");
     EXPECT_EQ(root.integer("baud", 0, 115200, 38400), 9600);
@@ -69,20 +69,20 @@ TEST(JsonFile, GivesTheDefaultOfAnAbsentKeyOnly)
               "plant.json: baud: 9600 is not true or false");
 }
 
-TEST(JsonFile, SaysThatAFileCannotBeRead)
+TEST(JsonFile, ReportsThatAFileCannotBeRead)
 {
     EXPECT_EQ(complaintOf([] { JsonNode::fromFile("/no/such/file.json"); }),
               "/no/such/file.json: cannot be read: No such file or directory (name a file "
               "that can)");
 }
 
-TEST(JsonFile, RefusesANumberThatNoDoubleHolds)
+TEST(JsonFile, RejectsANumberThatNoDoubleCanHold)
 {
     EXPECT_EQ(complaintOf([] { parsed(R"({"max": 1e999})"); }),
               "plant.json: number overflow parsing '1e999'");
 }
 
-TEST(JsonFile, RefusesDeepNesting)
+TEST(JsonFile, RejectsDeepNesting)
 {
     const std::string deep(1000000, '[');
     EXPECT_EQ(complaintOf([&] { parsed(deep.c_str()); }),
@@ -91,7 +91,7 @@ TEST(JsonFile, RefusesDeepNesting)
     EXPECT_EQ(complaintOf([&] { parsed(most.c_str()); }), "none");
 }
 
-TEST(JsonFile, ComplainsInOneLineWhateverTheFileHolds)
+TEST(JsonFile, ReportsAnErrorInOneLineWhateverTheFileContains)
 {
     EXPECT_EQ(complaintOf([] {
                   parsed("{\"a\\nb\\u001b\": 1}").expectKeys({"port", "tags"});

@@ -13,7 +13,7 @@ namespace {
 
 using std::chrono::microseconds;
 
-/// A folder of its own for each test.
+/// Creates a temporary folder for each test.
 class TraceTest : public ::testing::Test
 {
 protected:
@@ -72,7 +72,7 @@ TEST_F(TraceTest, WritesOneTextLineForEachFrame)
               "1234567891.500000 < 00\n");
 }
 
-TEST_F(TraceTest, ReadsBackWhatItWroteInEitherForm)
+TEST_F(TraceTest, ReadsBackItsRecordsInBothFormats)
 {
     for (const char* name : {"a.txt", "a.pcapng"}) {
         {
@@ -88,14 +88,14 @@ TEST_F(TraceTest, ReadsBackWhatItWroteInEitherForm)
     EXPECT_EQ(readTrace(file("a.txt"))[0].note, "read Speed");
 }
 
-TEST_F(TraceTest, HasEachRecordInTheFileBeforeTheWriterCloses)
+TEST_F(TraceTest, WritesEachRecordToTheFileBeforeTheWriterCloses)
 {
     const auto writer = TraceWriter::open(file("a.pcapng"));
     writer->write(kSent);
     EXPECT_EQ(readTrace(file("a.pcapng")).size(), 1u);
 }
 
-TEST_F(TraceTest, WritesPcapngBlocksThatBeginAndEndWithTheirSize)
+TEST_F(TraceTest, WritesPcapngBlocksThatStartAndEndWithTheirSize)
 {
     TraceWriter::open(file("a.pcapng"))->write(kReceived);
     const std::string bytes = content(file("a.pcapng"));
@@ -121,7 +121,7 @@ TEST_F(TraceTest, ReadsAPcapngFileOfTheOtherByteOrder)
     expectSame(records[0], {microseconds(5), Direction::Sent, {0x10, 0x06}, ""});
 }
 
-TEST_F(TraceTest, NamesTheLineThatIsWrong)
+TEST_F(TraceTest, ReportsTheNumberOfAWrongLine)
 {
     EXPECT_EQ(errorOf("1.000000 > 10 06\n1.5 > 10\n"),
               "t.txt:2: a line begins with seconds.microseconds");
@@ -133,7 +133,7 @@ TEST_F(TraceTest, NamesTheLineThatIsWrong)
     EXPECT_EQ(errorOf(""), "");
 }
 
-TEST_F(TraceTest, RefusesADamagedCapture)
+TEST_F(TraceTest, RejectsADamagedCapture)
 {
     TraceWriter::open(file("a.pcapng"))->write(kSent);
     const std::string whole = content(file("a.pcapng"));
@@ -144,7 +144,7 @@ TEST_F(TraceTest, RefusesADamagedCapture)
         } catch (const std::runtime_error& error) {
             return std::string(error.what());
         }
-        return std::string("read without complaint");
+        return std::string("read without an error");
     };
     EXPECT_EQ(errorWith(whole.substr(0, whole.size() - 1)),
               file("b.pcapng") + ": byte 48: the file ends within a block");
@@ -157,11 +157,11 @@ TEST_F(TraceTest, RefusesADamagedCapture)
     EXPECT_EQ(errorWith(tiny), file("b.pcapng") + ": byte 48: a block of 4 bytes is not possible");
 }
 
-TEST_F(TraceTest, RefusesATimeStampBeyondWhatAClockShows)
+TEST_F(TraceTest, RejectsATimeStampThatNoClockCanShow)
 {
     TraceWriter::open(file("a.pcapng"))->write(kSent);
     std::string bytes = content(file("a.pcapng"));
-    // Highest byte of the time stamp's high half, behind two blocks, a head and the interface.
+    // The highest byte of the time stamp's high half, after two blocks, a header and the interface.
     bytes[48 + 8 + 4 + 3] = '\x80';
     std::istringstream in(bytes);
     try {
@@ -172,12 +172,12 @@ TEST_F(TraceTest, RefusesATimeStampBeyondWhatAClockShows)
     }
 }
 
-TEST_F(TraceTest, NamesABadNumberInOneLineWhateverItHolds)
+TEST_F(TraceTest, ReportsABadNumberInOneLineWhateverItContains)
 {
     EXPECT_EQ(errorOf("1\t\x1B.000000 > 10\n"), "t.txt:1: \"1  \" is not a number");
 }
 
-TEST_F(TraceTest, TakesOnlyTheTwoKindsOfFile)
+TEST_F(TraceTest, AcceptsOnlyTheTwoFileFormats)
 {
     EXPECT_THROW(TraceWriter::open(file("a.log")), std::runtime_error);
     EXPECT_THROW(TraceWriter::open(file("no/such/folder.txt")), std::runtime_error);

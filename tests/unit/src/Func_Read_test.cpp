@@ -35,7 +35,7 @@ TEST_F(ReadRequest, HasTheBytesOfTheWorkedExample)
             "01 00 00 00 00 00 10 03 4A 2F"));
 }
 
-TEST_F(ReadRequest, IsQueuedAsOneFrameOfVariableReplyWithItsRequest)
+TEST_F(ReadRequest, IsQueuedAsOneFrameWithAReplyOfVaryingLength)
 {
     confirm("Speed", 3, 0xC3);
     settings.frameCount = 77;
@@ -63,7 +63,7 @@ TEST_F(ReadRequest, IsQueuedAsOneFrameOfVariableReplyWithItsRequest)
     EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21);
 }
 
-TEST_F(ReadRequest, IsAppendedBehindWhatIsQueued)
+TEST_F(ReadRequest, IsAppendedAfterQueuedFrames)
 {
     encoded(readOf("A"));
     encoded(readOf("B"));
@@ -71,10 +71,10 @@ TEST_F(ReadRequest, IsAppendedBehindWhatIsQueued)
     EXPECT_EQ(PLC_driver.sendQueue.last().var.tagName, QString("B"));
 }
 
-TEST_F(ReadRequest, AsksForOneElementWithoutIndexWhileTheClassIsUnknown)
+TEST_F(ReadRequest, AsksForOneElementWithoutAnIndexWhileTheClassIsUnknown)
 {
     EXPECT_BYTES(encoded(readOf("New", 7, 9)), expected("New", 0, 1));
-    EXPECT_BYTES(info("New"), hex("FF")) << "an empty entry grows to one byte";
+    EXPECT_BYTES(info("New"), hex("FF")) << "the class becomes unknown in a new entry of one byte";
 }
 
 TEST_F(ReadRequest, ForgetsAClassThatNoReplyConfirmed)
@@ -84,7 +84,7 @@ TEST_F(ReadRequest, ForgetsAClassThatNoReplyConfirmed)
     EXPECT_BYTES(info("T"), hex("FF C3 00 00"));
 }
 
-TEST_F(ReadRequest, LeavesAConfirmedEntryUntouched)
+TEST_F(ReadRequest, DoesNotChangeAConfirmedEntry)
 {
     for (int typeClass : {0, 1, 2, 3, 4, 5, 0xFF}) {
         const QByteArray entry =
@@ -95,7 +95,7 @@ TEST_F(ReadRequest, LeavesAConfirmedEntryUntouched)
     }
 }
 
-TEST_F(ReadRequest, TrustsAConfirmationInAnEntryOfFourBytesOnly)
+TEST_F(ReadRequest, TrustsAConfirmationOnlyInAnEntryOfFourBytes)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("03 C3 FF");
     EXPECT_BYTES(encoded(readOf("T", 7, 9)), expected("T", 0, 1));
@@ -103,12 +103,12 @@ TEST_F(ReadRequest, TrustsAConfirmationInAnEntryOfFourBytesOnly)
     EXPECT_BYTES(encoded(readOf("U", 7, 9)), expected("U", 0, 1));
 }
 
-TEST_F(ReadRequest, TakesTheCountAsItStandsForANameOutsideTheCatalogue)
+TEST_F(ReadRequest, SendsTheCountUnchangedForANameOutsideTheCatalogue)
 {
     RW_VAR request = readOf("Plain", 9, 5);
     request.reqFlag = 0;
     EXPECT_BYTES(encoded(request), expected("Plain", 0, 5));
-    EXPECT_FALSE(PLCDataStorage[1].tagInfo.contains("Plain")) << "its entry is not touched";
+    EXPECT_FALSE(PLCDataStorage[1].tagInfo.contains("Plain")) << "no entry is created";
 }
 
 struct CountRow
@@ -128,7 +128,7 @@ class ReadCount : public ReadRequest, public ::testing::WithParamInterface<Count
 {
 };
 
-TEST_P(ReadCount, FollowsTheClassAndTheKindOfRead)
+TEST_P(ReadCount, DependsOnTheClassAndTheKindOfRead)
 {
     confirm("T", GetParam().typeClass, 0xC1);
     RW_VAR request = readOf("T", 0, GetParam().count);
@@ -150,7 +150,7 @@ INSTANTIATE_TEST_SUITE_P(
                       CountRow{3, 0, 0x12345678, 0x12345678},
                       CountRow{4, 0, std::numeric_limits<int>::min(), 0x7FFFFFFF}));
 
-TEST_F(ReadRequest, NamesTheElementOfEveryClassAndKindOfReadButAString)
+TEST_F(ReadRequest, NamesTheElementForEveryClassExceptAStringAndForEveryKindOfRead)
 {
     for (int typeClass : {0, 2, 3, 4, 5, 6, 0xFE}) {
         for (int onceFlag : {0, 1, 2}) {
@@ -167,7 +167,7 @@ TEST_F(ReadRequest, NamesTheElementOfEveryClassAndKindOfReadButAString)
     }
 }
 
-TEST_F(ReadRequest, TakesEveryFlagButZeroForACataloguedName)
+TEST_F(ReadRequest, TreatsEveryFlagExceptZeroAsACataloguedName)
 {
     for (int flag : {-1, 2, 77}) {
         confirm("T", 4, 0xC4);
@@ -181,7 +181,7 @@ TEST_F(ReadRequest, TakesEveryFlagButZeroForACataloguedName)
     }
 }
 
-TEST_F(ReadRequest, CarriesAllOfTheRequestAndLeavesTheCallersAlone)
+TEST_F(ReadRequest, QueuesACopyOfTheRequestAndDoesNotChangeTheCallersRecord)
 {
     for (int flag : {0, 1}) {
         RW_VAR request = distinctRequest("T");
@@ -213,7 +213,7 @@ INSTANTIATE_TEST_SUITE_P(
                       std::pair<int, std::string>(65535, "29 00 FF FF"),
                       std::pair<int, std::string>(65536, "30 00 00 00 01 00"),
                       std::pair<int, std::string>(0x7FFFFFFF, "30 00 FF FF FF 7F"),
-                      // Never the element that its low byte names.
+                      // A negative index must not become an 8-bit or 16-bit one.
                       std::pair<int, std::string>(-1, "30 00 FF FF FF FF")));
 
 TEST_F(ReadRequest, NamesNoElementOfAString)
@@ -231,7 +231,7 @@ TEST_F(ReadRequest, PadsANameOfOddLength)
     }
 }
 
-TEST_F(ReadRequest, CutsTheLengthByteAndThePathSizeOfAnOverlongNameButSendsItWhole)
+TEST_F(ReadRequest, SendsAnOverlongNameWholeWithATruncatedLengthByteAndPathSize)
 {
     const QByteArray name(600, 'n');
     confirm(name.constData(), 3, 0xC3);
@@ -242,7 +242,7 @@ TEST_F(ReadRequest, CutsTheLengthByteAndThePathSizeOfAnOverlongNameButSendsItWho
     EXPECT_BYTES(data.mid(616), hex("01 00 00 00 00 00"));
 }
 
-TEST_F(ReadRequest, WritesACharacterOutsideLatin1As00)
+TEST_F(ReadRequest, EncodesACharacterOutsideLatin1As00)
 {
     RW_VAR request = readOf("");
     request.tagName = QString(QChar(0x00E4)) + QChar(0x20AC);
@@ -258,7 +258,7 @@ TEST_F(ReadRequest, WrapsItsSequenceByte)
     EXPECT_EQ(encoded(readOf("T")).at(14), 0x01);
 }
 
-TEST_F(ReadRequest, DoublesEveryDleOfItsDataAndCountsThem)
+TEST_F(ReadRequest, DoublesEveryDleOfItsDataAndCountsThemInTheSendLength)
 {
     connectStation(1, hex("10 10"), 0x1010);
     confirm("\x10 ab", 3, 0xC3);
@@ -270,7 +270,7 @@ TEST_F(ReadRequest, DoublesEveryDleOfItsDataAndCountsThem)
     EXPECT_EQ(queued.sendLength, queued.frame.size());
 }
 
-TEST_F(ReadRequest, SendsZerosForAConnectionIdentifierThatIsMissing)
+TEST_F(ReadRequest, SendsZerosForMissingBytesOfTheConnectionIdentifier)
 {
     connectStation(1, QByteArray(), 0x21);
     confirm("T", 3, 0xC3);
@@ -297,7 +297,7 @@ TEST_F(ReadRequest, CreatesTheStationThatItNames)
     EXPECT_TRUE(PLCDataStorage.contains(42));
 }
 
-TEST_F(ReadRequest, QueuesNothingForNoRequest)
+TEST_F(ReadRequest, QueuesNothingWithoutARequest)
 {
     ReadRegister(nullptr);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());

@@ -1,5 +1,5 @@
-// The largest value that a write brings into shape: its frame is long, so it has a program of its
-// own.
+// The largest value that a write can send. Its frame is long, so these tests are a separate
+// program.
 
 #include "driver_fixture.h"
 
@@ -9,7 +9,7 @@ class LargestWrite : public DriverTest
 {
 };
 
-TEST_F(LargestWrite, IsShapedAndTheNextIsLeftAlone)
+TEST_F(LargestWrite, IsFittedToTheCountAndALargerOneIsNot)
 {
     const int largest = 1 << 24; // bytes
     for (const quint8 typeClass : std::initializer_list<quint8>{0, 2}) {
@@ -24,7 +24,7 @@ TEST_F(LargestWrite, IsShapedAndTheNextIsLeftAlone)
     }
 }
 
-TEST_F(LargestWrite, IsAllThatGoesOutOfALongerValueOfAStringOrAnUnknownClass)
+TEST_F(LargestWrite, TruncatesALongerValueOfAStringOrOfAnUnknownClass)
 {
     const int largest = 1 << 24; // bytes
     for (const quint8 typeClass : std::initializer_list<quint8>{1, 0xFF}) {
@@ -32,7 +32,8 @@ TEST_F(LargestWrite, IsAllThatGoesOutOfALongerValueOfAStringOrAnUnknownClass)
         RW_VAR request = writeOf("T", QByteArray(largest + 5, 'v'));
         WriteRegister(&request);
         EXPECT_EQ(request.data.size(), largest) << int(typeClass);
-        EXPECT_EQ(request.data.at(0), typeClass == 1 ? '\0' : 'v') << "length of what is left";
+        EXPECT_EQ(request.data.at(0), typeClass == 1 ? '\0' : 'v')
+            << "the length byte of the truncated string";
         EXPECT_LT(PLC_driver.sendQueue.last().frame.size(), largest + 100) << int(typeClass);
         PLC_driver.sendQueue.clear();
     }

@@ -46,7 +46,7 @@ TEST_F(WriteRequest, IsQueuedAsOneFrameWithTheRequestAsSent)
     EXPECT_EQ(queued.auxLength, 0);
     EXPECT_EQ(queued.auxFlag, 0);
     EXPECT_BYTES(queued.var.data, hex("11 22"));
-    EXPECT_BYTES(request.data, hex("11 22")) << "the caller sees what was sent";
+    EXPECT_BYTES(request.data, hex("11 22")) << "the caller's record holds the sent bytes";
     EXPECT_EQ(settings.frameCount, 1);
     EXPECT_EQ(settings.framesAnswered, 0);
 }
@@ -69,7 +69,7 @@ class WriteShape : public WriteRequest, public ::testing::WithParamInterface<Sha
 {
 };
 
-TEST_P(WriteShape, FollowsTheClass)
+TEST_P(WriteShape, DependsOnTheClass)
 {
     const ShapeRow& row = GetParam();
     confirm("T", row.typeClass, 0x1234);
@@ -98,7 +98,7 @@ INSTANTIATE_TEST_SUITE_P(
                       ShapeRow{5, 1, "01", 1, "01 00 00 00 00 00 00 00"},
                       ShapeRow{6, 9, "01", 9, "01"}, ShapeRow{0xFF, 9, "01 02", 9, "01 02"}));
 
-TEST_F(WriteRequest, TakesATagWithoutAnyEntryForABool)
+TEST_F(WriteRequest, TreatsATagWithoutAnEntryAsABool)
 {
     EXPECT_BYTES(encoded(writeOf("T", hex("01 02"), 0, 1)), expected(0, 1, hex("01")));
     EXPECT_TRUE(PLCDataStorage[1].tagInfo.contains("T")) << "the entry is created empty";
@@ -120,7 +120,7 @@ TEST_F(WriteRequest, NamesTheElementOfACataloguedTag)
     EXPECT_BYTES(encoded(plain), expected(0xC3, 1, hex("01 02")));
 }
 
-TEST_F(WriteRequest, NamesTheElementOfEveryClassButAString)
+TEST_F(WriteRequest, NamesTheElementForEveryClassExceptAString)
 {
     for (int typeClass : {0, 2, 3, 4, 5, 6, 0xFE}) {
         confirm("T", static_cast<quint8>(typeClass), 0xC3);
@@ -129,7 +129,7 @@ TEST_F(WriteRequest, NamesTheElementOfEveryClassButAString)
     }
 }
 
-TEST_F(WriteRequest, HasRoomForTheLongestElementBehindANameOfEitherLength)
+TEST_F(WriteRequest, EncodesTheLongestElementAfterANameOfOddAndOfEvenLength)
 {
     for (const char* tag : {"Odd", "Even"}) {
         confirm(tag, 4, 0xC4);
@@ -139,14 +139,14 @@ TEST_F(WriteRequest, HasRoomForTheLongestElementBehindANameOfEitherLength)
     }
 }
 
-TEST_F(WriteRequest, NamesTheElementOfATagThatIsNotConfirmed)
+TEST_F(WriteRequest, NamesTheElementOfAnUnconfirmedTag)
 {
     EXPECT_BYTES(encoded(writeOf("T", hex("01"), 300)), expected(0, 1, hex("01"), 300));
     PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00");
     EXPECT_BYTES(encoded(writeOf("T", hex("01 02"), 7)), expected(0, 1, hex("01 02"), 7));
 }
 
-TEST_F(WriteRequest, TakesEveryFlagButZeroForACataloguedName)
+TEST_F(WriteRequest, TreatsEveryFlagExceptZeroAsACataloguedName)
 {
     confirm("T", 3, 0xC3);
     for (int flag : {-1, 2}) {
@@ -156,7 +156,7 @@ TEST_F(WriteRequest, TakesEveryFlagButZeroForACataloguedName)
     }
 }
 
-TEST_F(WriteRequest, DoesNotLookAtTheKindOfRead)
+TEST_F(WriteRequest, DoesNotDependOnTheKindOfRead)
 {
     for (int flag : {0, 1, 2}) {
         confirm("T", 4, 0xC4);
@@ -170,7 +170,7 @@ TEST_F(WriteRequest, DoesNotLookAtTheKindOfRead)
     }
 }
 
-TEST_F(WriteRequest, ChangesTheValueBytesOfTheRequestOnly)
+TEST_F(WriteRequest, ChangesOnlyTheValueBytesOfTheRequest)
 {
     confirm("T", 4, 0xC4);
     RW_VAR request = distinctRequest("T");
@@ -188,7 +188,7 @@ TEST_F(WriteRequest, NamesNoElementOfAString)
     EXPECT_BYTES(encoded(writeOf("T", "AB", 300)), expected(0xDA, 1, hex("02 41 42")));
 }
 
-TEST_F(WriteRequest, PutsTheFormerCountOfALongStringIntoOneByte)
+TEST_F(WriteRequest, TruncatesTheLengthByteOfALongString)
 {
     confirm("T", 1, 0xDA);
     RW_VAR request = writeOf("T", QByteArray(300, 'x'));
@@ -209,7 +209,7 @@ TEST_F(WriteRequest, DoublesEveryDle)
     EXPECT_EQ(queued.sendLength, queued.frame.size());
 }
 
-TEST_F(WriteRequest, TellsTheHostToRefreshOnceItIsQueued)
+TEST_F(WriteRequest, CallsTheRefreshCallbackAfterItIsQueued)
 {
     static int queuedThen, framesThen, answeredThen;
     queuedThen = -1;
@@ -233,14 +233,14 @@ TEST_F(WriteRequest, TellsTheHostToRefreshOnceItIsQueued)
     EXPECT_EQ(answeredThen, 0);
 }
 
-TEST_F(WriteRequest, TellsTheHostToRefreshAfterAFailureToo)
+TEST_F(WriteRequest, CallsTheRefreshCallbackAfterAFailureToo)
 {
     PLC_driver.errorFlag = true;
     encoded(writeOf("T", "x"));
     EXPECT_EQ(refreshed.size(), 1u);
 }
 
-TEST_F(WriteRequest, NeedsNoCallbackAndNoRequest)
+TEST_F(WriteRequest, WorksWithoutACallbackAndQueuesNothingWithoutARequest)
 {
     RegistCallBackFuncIntf(nullptr, nullptr);
     WriteRegister(nullptr);
@@ -249,7 +249,7 @@ TEST_F(WriteRequest, NeedsNoCallbackAndNoRequest)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
-TEST_F(WriteRequest, LeavesTheDataOfAnAbsurdCountAlone)
+TEST_F(WriteRequest, DoesNotChangeTheDataForAnImpossibleCount)
 {
     for (const quint8 typeClass : std::initializer_list<quint8>{0, 2, 3, 4, 5}) {
         confirm("T", typeClass, 0xC3);

@@ -1,4 +1,4 @@
-// What the built library offers to a host, read from its file and not from its headers.
+// What the built library exports to a host, read from its file and not from its headers.
 
 #include <gtest/gtest.h>
 
@@ -39,7 +39,7 @@ template<typename T> T at(const std::vector<char>& bytes, std::size_t offset)
     return value;
 }
 
-// The name as C++ source has it; a plain name stays as it is.
+// The name as in C++ source; a name that is not mangled is returned unchanged.
 std::string readable(const std::string& symbol)
 {
     int status = 0;
@@ -49,8 +49,8 @@ std::string readable(const std::string& symbol)
     return mangled && status == 0 ? text.get() : symbol;
 }
 
-// What the linker, the sanitizers and the coverage count add on their own account.
-bool isToolchains(const std::string& symbol)
+// Names that the linker, the sanitizers and the coverage build add.
+bool isFromToolchain(const std::string& symbol)
 {
     for (const char* prefix :
          {"__asan", "__odr_asan", "__ubsan", "__tsan", "__sanitizer", "__gcov"}) {
@@ -84,7 +84,7 @@ std::set<std::string> exportsOf(const char* path)
         for (std::size_t at_ = 0; at_ < table.sh_size; at_ += sizeof(Symbol)) {
             const Symbol symbol = at<Symbol>(file, table.sh_offset + at_);
             const std::string name = &file.at(strings + symbol.st_name);
-            if (symbol.st_shndx != SHN_UNDEF && !name.empty() && !isToolchains(name))
+            if (symbol.st_shndx != SHN_UNDEF && !name.empty() && !isFromToolchain(name))
                 names.insert(entryOf(symbol, name));
         }
     }
@@ -110,23 +110,23 @@ std::string listed(const std::set<std::string>& some, const std::set<std::string
     return lines;
 }
 
-TEST(Exports, HoldEveryNameOfTheCommittedList)
+TEST(Exports, ContainEveryNameOfTheCommittedList)
 {
     const std::set<std::string> expected = committedList();
     ASSERT_FALSE(expected.empty()) << MICRO850_EXPORTS;
-    EXPECT_EQ(listed(expected, exportsOf(MICRO850_LIBRARY)), "") << "names that are missing";
+    EXPECT_EQ(listed(expected, exportsOf(MICRO850_LIBRARY)), "") << "missing names";
 }
 
-TEST(Exports, HoldNoNameBesidesTheCommittedList)
+TEST(Exports, ContainOnlyNamesOfTheCommittedList)
 {
     const std::set<std::string> found = exportsOf(MICRO850_LIBRARY);
     ASSERT_FALSE(found.empty()) << MICRO850_LIBRARY;
-    EXPECT_EQ(listed(found, committedList()), "") << "names that a host could come to rely on";
+    EXPECT_EQ(listed(found, committedList()), "") << "names that a host must not come to rely on";
 }
 
-TEST(Exports, NeedNoLibraryOfTheirOwnBesidesQtCore)
+TEST(Exports, NeedNoQtLibraryExceptQtCore)
 {
-    // The dynamic section's names stand in the same string table as the symbols' names.
+    // The names of the dynamic section are in the same string table as those of the symbols.
     const std::vector<char> file = bytesOf(MICRO850_LIBRARY);
     const std::string text(file.begin(), file.end());
     EXPECT_NE(text.find("libQt5Core.so"), std::string::npos);
@@ -134,9 +134,10 @@ TEST(Exports, NeedNoLibraryOfTheirOwnBesidesQtCore)
         EXPECT_EQ(text.find(other), std::string::npos) << other;
 }
 
-TEST(Exports, ComeWithANoteOfTheQtTheyAreBuiltFor)
+TEST(Exports, IncludeANoteWithTheQtVersionOfTheBuild)
 {
-    // Sizes of owner and content, type 1, owner with its end and filling, major version.
+    // Sizes of owner and content, type 1, the owner with its terminator and padding, the major
+    // version.
     const std::string note("\x09\0\0\0\x04\0\0\0\x01\0\0\0micro850\0\0\0\0\x05\0\0", 28);
     const std::vector<char> file = bytesOf(MICRO850_LIBRARY);
     const FileHeader header = at<FileHeader>(file, 0);

@@ -1,4 +1,4 @@
-// Loading and unloading the library as a host does that changes its driver at run time.
+// Loads and unloads the library, as a host does that changes its driver at run time.
 
 #include "Device_Driver.h"
 #include "Func_Initi.h"
@@ -22,25 +22,25 @@
 
 namespace {
 
-bool noting = false;
+bool recording = false;
 std::vector<const void*> registered;
 
 } // namespace
 
-// Stands between the library and the C library: an object made at load is noted here in its turn,
-// so that it is taken apart when the library goes.
+// Replaces the C library's function for the driver. An object that is constructed while the library
+// loads registers its destructor here, in the order of construction.
 extern "C" int __cxa_atexit(void (*destructor)(void*), void* object, void* library)
 {
     typedef int (*Register)(void (*)(void*), void*, void*);
     static const Register real = reinterpret_cast<Register>(dlsym(RTLD_NEXT, "__cxa_atexit"));
-    if (noting)
+    if (recording)
         registered.push_back(object);
     return real(destructor, object, library);
 }
 
 namespace {
 
-/// The library while it is loaded.
+/// Loads the library, and unloads it at the end.
 class Loaded
 {
 public:
@@ -57,12 +57,12 @@ public:
     Loaded(const Loaded&) = delete;
     Loaded& operator=(const Loaded&) = delete;
 
-    /// An entry point under its plain name, typed as the header declares it.
+    /// An entry point by its symbol name, with the type that the header declares.
     template<typename Function> Function* entry(const char* name) const
     {
         return reinterpret_cast<Function*>(address(name));
     }
-    /// An exported object under its plain name.
+    /// An exported object by its symbol name.
     template<typename Object> Object& object(const char* name) const
     {
         return *static_cast<Object*>(address(name));
@@ -90,7 +90,7 @@ RW_VAR request(int number)
 {
     RW_VAR made = RW_VAR();
     made.varIndex = number;
-    made.tagName = QString("A tag with a name of its own %1").arg(number);
+    made.tagName = QString("A tag with a name that is not shared %1").arg(number);
     made.addressText = QString::number(number);
     made.stationNo = number;
     made.data = QByteArray(100, 'x');
@@ -123,7 +123,7 @@ void loadFillAndUnload()
     queueRecords(library, settings);
 }
 
-TEST(LoadAndUnload, LeavesNothingOfTheLibraryBehind)
+TEST(LoadAndUnload, RemovesTheLibraryFromTheProcess)
 {
     ASSERT_FALSE(isLoaded());
     {
@@ -135,7 +135,7 @@ TEST(LoadAndUnload, LeavesNothingOfTheLibraryBehind)
     EXPECT_FALSE(isLoaded());
 }
 
-TEST(LoadAndUnload, BeginsEmptyEachTime)
+TEST(LoadAndUnload, StartsWithAnEmptyDriverEachTime)
 {
     for (int round = 0; round < 2; ++round) {
         ComInfo settings;
@@ -168,9 +168,9 @@ TEST(LoadAndUnload, BeginsEmptyEachTime)
     }
 }
 
-// How many incomplete replies the library, as just loaded, takes until it gives a read up. It is
-// unloaded in the middle of its next count.
-int judgementsUntilGivenUp()
+// How many incomplete replies the library, just loaded, checks before it gives up a read. It is
+// unloaded in the middle of the next count.
+int checksUntilGivenUp()
 {
     ComInfo settings = ComInfo();
     const Loaded library;
@@ -182,25 +182,25 @@ int judgementsUntilGivenUp()
     Protocol* head = library.entry<decltype(ComCommunication)>("ComCommunication")();
     EXPECT_NE(head, nullptr);
     QByteArray incomplete = "x";
-    int judgements = 1;
-    while (head && judgements < 30 && dataCom(&incomplete, 1)->retValue == 0)
-        ++judgements;
+    int checks = 1;
+    while (head && checks < 30 && dataCom(&incomplete, 1)->retValue == 0)
+        ++checks;
     if (head) {
         head->replyLength = -1;
         for (int i = 0; i < 5; ++i)
             EXPECT_EQ(dataCom(&incomplete, 1)->retValue, 0);
     }
-    return judgements;
+    return checks;
 }
 
-TEST(LoadAndUnload, CountsIncompleteRepliesFromZeroEachTime)
+TEST(LoadAndUnload, StartsTheCountOfIncompleteRepliesAtZeroEachTime)
 {
-    EXPECT_EQ(judgementsUntilGivenUp(), 11);
-    EXPECT_EQ(judgementsUntilGivenUp(), 11);
+    EXPECT_EQ(checksUntilGivenUp(), 11);
+    EXPECT_EQ(checksUntilGivenUp(), 11);
 }
 
-// What the log holds behind these messages of one run of the library.
-QByteArray logBehind(const std::vector<const char*>& messages)
+// The log's content after the library was loaded and has written these messages.
+QByteArray logAfter(const std::vector<const char*>& messages)
 {
     const Loaded library;
     const auto handler =
@@ -211,26 +211,26 @@ QByteArray logBehind(const std::vector<const char*>& messages)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-TEST(LoadAndUnload, EmptiesTheLogWithTheFirstMessageEachTime)
+TEST(LoadAndUnload, ClearsTheLogWithTheFirstMessageEachTime)
 {
     const QString before = QDir::currentPath();
     QTemporaryDir folder;
     ASSERT_TRUE(QDir::setCurrent(folder.path()));
-    const QByteArray first = logBehind({"one", "two"});
-    const QByteArray second = logBehind({"three"});
+    const QByteArray first = logAfter({"one", "two"});
+    const QByteArray second = logAfter({"three"});
     ASSERT_TRUE(QDir::setCurrent(before));
-    EXPECT_EQ(first.count('\n'), 2) << "each line is in the file when its call returns";
+    EXPECT_EQ(first.count('\n'), 2) << "each line is in the file when the call returns";
     EXPECT_TRUE(first.endsWith(":two\n"));
     EXPECT_EQ(second.count('\n'), 1);
     EXPECT_TRUE(second.endsWith(":three\n"));
 }
 
-TEST(LoadAndUnload, MakesTheDriverThenTheCatalogueThenTheStore)
+TEST(LoadAndUnload, ConstructsTheDriverThenTheCatalogueThenTheStore)
 {
     registered.clear();
-    noting = true;
+    recording = true;
     const Loaded library;
-    noting = false;
+    recording = false;
     std::vector<std::ptrdiff_t> places;
     for (const char* name : {"PLC_driver", "plcAddList", "PLCDataStorage"}) {
         const auto found =
@@ -239,10 +239,10 @@ TEST(LoadAndUnload, MakesTheDriverThenTheCatalogueThenTheStore)
         places.push_back(found - registered.begin());
     }
     EXPECT_LT(places[0], places[1]);
-    EXPECT_LT(places[1], places[2]) << "and so they are taken apart the other way round";
+    EXPECT_LT(places[1], places[2]) << "so they are destroyed in the reverse order";
 }
 
-// Growth of the heap over two hundred rounds.
+// The growth of the heap over two hundred rounds, in bytes.
 std::size_t growthOfTwoHundredRounds()
 {
     const std::size_t before = mallinfo2().uordblks;
@@ -252,10 +252,10 @@ std::size_t growthOfTwoHundredRounds()
     return after > before ? after - before : 0;
 }
 
-TEST(LoadAndUnload, TwoHundredTimesWithQueuedRecordsKeepsNoMemory)
+TEST(LoadAndUnload, LeaksNothingOverTwoHundredRoundsWithQueuedRecords)
 {
-    // The C library keeps a little for itself until its caches are full; a leak takes at least the
-    // smallest block with each round.
+    // The C library keeps some memory until its caches are full. A leak takes at least the smallest
+    // block in each round.
     const std::size_t smallestBlock = 16;
     std::size_t least = growthOfTwoHundredRounds();
     for (int i = 0; i < 5; ++i)

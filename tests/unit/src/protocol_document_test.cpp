@@ -3,8 +3,8 @@
 #include <QtCore/QFile>
 #include <QtCore/QStringList>
 
-// The examples of docs/protocol.md against the encoder: a document that drifts from the wire is
-// worse than none. Each example is a block "```frame", a line of parameters and the frame's bytes.
+// Compares the examples of docs/protocol.md with the encoder, so that the document stays correct.
+// Each example is a block that starts with "```frame", a line of parameters and the frame's bytes.
 
 namespace {
 
@@ -36,10 +36,10 @@ QList<Example> examplesOfDocument()
     return examples;
 }
 
-// The frame with this serial number in place of its random one.
+// The frame with this serial number instead of its random one.
 QByteArray withSerial(const QByteArray& frame, quint32 serial)
 {
-    const int kSerial = 28; // 32 in the frame, behind DLE ACK and DLE STX
+    const int kSerial = 28; // 32 in the frame, which starts with DLE ACK DLE STX
     return wire::framed(wire::unframed(frame).replace(kSerial, 3, wire::little(serial, 3)));
 }
 

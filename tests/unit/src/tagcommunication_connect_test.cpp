@@ -1,4 +1,4 @@
-// A whole connection set-up as a host drives it: request, reply, request, reply, data.
+// A complete connection set-up as a host runs it: request, reply, request, reply, data.
 
 #include "driver_fixture.h"
 #include "fixed_time_of_day.h"
@@ -17,14 +17,14 @@ protected:
         AddListReadVar(&request);
     }
 
-    // What the host gets to send; empty when there is nothing.
+    // The frame that the host has to send; empty without one.
     static QByteArray next()
     {
         const Protocol* protocol = ComCommunication();
         return protocol ? protocol->frame : QByteArray();
     }
     static int reply(QByteArray bytes) { return DataCom(&bytes, bytes.size())->retValue; }
-    // A new second, so that the next serial number is another one.
+    // Advances the clock by one second, so that the next serial number is a different one.
     quint32 nextSerial()
     {
         clock.setSeconds(++second);
@@ -45,7 +45,7 @@ protected:
     int second;
 };
 
-TEST_F(Connecting, TakesOneTransactionNumberForEachFrame)
+TEST_F(Connecting, UsesOneTransactionNumberForEachFrame)
 {
     const quint32 serial = serial_model::at(second);
     identify(1);
@@ -57,7 +57,7 @@ TEST_F(Connecting, TakesOneTransactionNumberForEachFrame)
     EXPECT_BYTES(next(), wire::readRequest(3, hex("5A 3C"), wire::tagPath("Speed"), 1));
 }
 
-TEST_F(Connecting, StandsAtTheStepThatItsAcceptedRepliesSay)
+TEST_F(Connecting, CountsAcceptedRepliesInTheSettings)
 {
     next();
     EXPECT_EQ(settings.frameCount, 2);
@@ -69,7 +69,7 @@ TEST_F(Connecting, StandsAtTheStepThatItsAcceptedRepliesSay)
     EXPECT_EQ(settings.framesAnswered, 2);
 }
 
-TEST_F(Connecting, BeginsAnewAfterAnIdentityRequestWithoutAnswer)
+TEST_F(Connecting, RestartsAfterAnUnansweredIdentityRequest)
 {
     next();
     EXPECT_EQ(reply(QByteArray()), 201);
@@ -78,15 +78,15 @@ TEST_F(Connecting, BeginsAnewAfterAnIdentityRequestWithoutAnswer)
     EXPECT_BYTES(next(), wire::framed(wire::identityRequest(2)));
 }
 
-TEST_F(Connecting, ResendsAConnectionRequestThreeTimesEachWithAFreshNumberAndSerial)
+TEST_F(Connecting, ResendsAConnectionRequestThreeTimesWithANewTransactionAndSerialNumber)
 {
     const quint32 serial = serial_model::at(second);
     identify(1);
     EXPECT_BYTES(next(), connectionRequest(2, serial));
     for (quint16 tns = 3; tns <= 5; ++tns) {
-        const quint32 fresh = nextSerial();
+        const quint32 newSerial = nextSerial();
         EXPECT_EQ(reply(QByteArray()), 201);
-        EXPECT_BYTES(next(), connectionRequest(tns, fresh));
+        EXPECT_BYTES(next(), connectionRequest(tns, newSerial));
         EXPECT_EQ(settings.framesAnswered, 1);
     }
     EXPECT_EQ(reply(QByteArray()), 201);
@@ -96,7 +96,7 @@ TEST_F(Connecting, ResendsAConnectionRequestThreeTimesEachWithAFreshNumberAndSer
     EXPECT_BYTES(next(), wire::framed(wire::identityRequest(6)));
 }
 
-TEST_F(Connecting, ResendsWithinOneSecondWithTheSameSerial)
+TEST_F(Connecting, ResendsWithTheSameSerialNumberWithinOneSecond)
 {
     const quint32 serial = serial_model::at(second);
     identify(1);
@@ -104,7 +104,7 @@ TEST_F(Connecting, ResendsWithinOneSecondWithTheSameSerial)
     EXPECT_BYTES(next(), connectionRequest(3, serial));
 }
 
-TEST_F(Connecting, LeavesTheSendLengthOfAResentRequestAsItWas)
+TEST_F(Connecting, DoesNotChangeTheSendLengthOfAResentRequest)
 {
     PLCDataStorage[1].transactionCounter = 0x000D;
     identify(0x000D);
@@ -130,7 +130,7 @@ TEST_F(Connecting, ConnectsOnTheLastResend)
     EXPECT_BYTES(next(), wire::readRequest(6, hex("5A 3C"), wire::tagPath("Speed"), 1));
 }
 
-TEST_F(Connecting, CountsTheResendsOfEachSetUpAnew)
+TEST_F(Connecting, RestartsTheCountOfResendsForEachSetUp)
 {
     identify(1);
     for (int i = 0; i < 3; ++i)
@@ -145,7 +145,7 @@ TEST_F(Connecting, CountsTheResendsOfEachSetUpAnew)
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
 }
 
-TEST_F(Connecting, GivesEachSetUpAfterTheFourthFailureItsOwnFourAttempts)
+TEST_F(Connecting, AllowsFourAttemptsInEachSetUpAfterAFailedOne)
 {
     for (int setUp = 0; setUp < 2; ++setUp) {
         next();
@@ -158,7 +158,7 @@ TEST_F(Connecting, GivesEachSetUpAfterTheFourthFailureItsOwnFourAttempts)
     }
 }
 
-TEST_F(Connecting, QuotesOnlyTheNewIdentifierAfterTheStationWasLost)
+TEST_F(Connecting, SendsOnlyTheNewIdentifierAfterTheStationWasLost)
 {
     identify(1);
     reply(wire::forwardOpenReply(2, hex("5A 3C")));

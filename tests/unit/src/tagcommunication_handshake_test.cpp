@@ -1,4 +1,4 @@
-// The two requests that connect a station, and what their replies do.
+// The two requests that connect a station, and the effects of their replies.
 
 #include "driver_fixture.h"
 #include "fixed_time_of_day.h"
@@ -31,7 +31,7 @@ protected:
         EXPECT_EQ(HandshakeFunction(kStation), 1);
         ASSERT_EQ(PLC_driver.sendQueue.size(), 2);
     }
-    // Both requests with the connection request in flight.
+    // Queues both requests and answers the first, so that the connection request is in flight.
     void beginConnecting(quint16 counter = 1)
     {
         begin(counter);
@@ -80,7 +80,7 @@ TEST_F(Handshake, QueuesTheIdentityRequestByteForByte)
                  hex("10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35"), 61);
 }
 
-TEST_F(Handshake, QueuesTheConnectionRequestBehindIt)
+TEST_F(Handshake, QueuesTheConnectionRequestAfterIt)
 {
     begin(1);
     const quint32 serial = serial_model::at(12 * 3600 + 34 * 60 + 56);
@@ -93,7 +93,7 @@ TEST_F(Handshake, QueuesTheConnectionRequestBehindIt)
                                     "02 24 01"));
 }
 
-TEST_F(Handshake, ExpectsTwoRepliesAndAwaitsTheFirst)
+TEST_F(Handshake, SetsTheCountsForTwoUnansweredFrames)
 {
     settings.frameCount = 9;
     settings.framesAnswered = 9;
@@ -102,7 +102,7 @@ TEST_F(Handshake, ExpectsTwoRepliesAndAwaitsTheFirst)
     EXPECT_EQ(settings.framesAnswered, 0);
 }
 
-TEST_F(Handshake, CarriesTheCounterAndItsSuccessorLowByteFirst)
+TEST_F(Handshake, SendsTheCounterAndItsSuccessorLowByteFirst)
 {
     begin(0x1234);
     EXPECT_BYTES(queued(0).frame, wire::framed(wire::identityRequest(0x1234)));
@@ -111,7 +111,7 @@ TEST_F(Handshake, CarriesTheCounterAndItsSuccessorLowByteFirst)
     EXPECT_BYTES(wire::unframed(queued(1).frame).mid(4, 2), hex("00 13"));
 }
 
-TEST_F(Handshake, DoesNotMoveTheCounterWhenItBegins)
+TEST_F(Handshake, DoesNotAdvanceTheCounterWhenItStarts)
 {
     begin(0x1234);
     EXPECT_EQ(station().transactionCounter, 0x1234);
@@ -129,7 +129,7 @@ TEST_F(Handshake, DoublesACounterThatIsADle)
     EXPECT_EQ(queued(0).sendLength, 24);
 }
 
-TEST_F(Handshake, QueuesTheConnectionRequestWithZeroBehindTheLargestCounter)
+TEST_F(Handshake, QueuesTheConnectionRequestWithZeroAfterTheLargestCounter)
 {
     begin(65535);
     EXPECT_BYTES(queued(0).frame, wire::framed(wire::identityRequest(65535)));
@@ -140,7 +140,7 @@ TEST_F(Handshake, QueuesTheConnectionRequestWithZeroBehindTheLargestCounter)
     EXPECT_BYTES(wire::unframed(queued(1).frame).mid(4, 2), hex("01 00"));
 }
 
-TEST_F(Handshake, CreatesAStationNeverSeenWithCounterZero)
+TEST_F(Handshake, CreatesAnUnknownStationWithCounterZero)
 {
     PLCDataStorage.clear();
     EXPECT_EQ(HandshakeFunction(kStation), 1);
@@ -150,7 +150,7 @@ TEST_F(Handshake, CreatesAStationNeverSeenWithCounterZero)
     EXPECT_BYTES(wire::unframed(queued(1).frame).mid(4, 2), hex("01 00"));
 }
 
-TEST_F(Handshake, AppendsBehindWhateverIsQueued)
+TEST_F(Handshake, AppendsAfterQueuedFrames)
 {
     begin(1);
     PLC_driver.sendQueue.removeLast();
@@ -181,7 +181,7 @@ TEST_F(Handshake, QueuesBothRequestsWithoutSettings)
     EXPECT_EQ(queued(1).replyLength, 46);
 }
 
-TEST_F(Handshake, LooksUpTheCounterUnderTheStoresLock)
+TEST_F(Handshake, LooksUpTheCounterUnderTheLockOfTheStore)
 {
     PLCDataStorage.clear();
     LockWitness witness;
@@ -195,7 +195,7 @@ class HandshakeReply : public Handshake
 {
 };
 
-TEST_F(HandshakeReply, AdvancesTheCounterWhetherGoodOrNot)
+TEST_F(HandshakeReply, AdvancesTheCounterWhetherAcceptedOrRejected)
 {
     begin(5);
     EXPECT_EQ(check(QByteArray()), 0);
@@ -208,7 +208,7 @@ TEST_F(HandshakeReply, AdvancesTheCounterWhetherGoodOrNot)
     EXPECT_EQ(station().transactionCounter, 9);
 }
 
-TEST_F(HandshakeReply, ShorterThanItsTrailerIsRejected)
+TEST_F(HandshakeReply, IsRejectedWhenItIsShorterThanItsTrailer)
 {
     begin();
     const QByteArray trailer = hex("10 03 10 03");
@@ -219,7 +219,7 @@ TEST_F(HandshakeReply, ShorterThanItsTrailerIsRejected)
     EXPECT_EQ(check(trailer), 1);
 }
 
-TEST_F(HandshakeReply, IsNotLookedForInFrontOfItsFirstByte)
+TEST_F(HandshakeReply, IsNotReadBeforeItsFirstByte)
 {
     begin();
     const char bytes[] = {0x10, 0x10, 0x03, 0x03, 0x41, 0x42};
@@ -241,7 +241,7 @@ TEST_F(HandshakeReply, MustEndInDleEtxAndTwoBytes)
     EXPECT_EQ(check(hex("41 10 10 03 AA BB")), 1);
 }
 
-TEST_F(HandshakeReply, ThatIsRejectedChangesNothingButTheCounter)
+TEST_F(HandshakeReply, ChangesOnlyTheCounterWhenItIsRejected)
 {
     beginConnecting(5);
     const QByteArray frame = queued(0).frame;
@@ -253,7 +253,7 @@ TEST_F(HandshakeReply, ThatIsRejectedChangesNothingButTheCounter)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 1);
 }
 
-TEST_F(HandshakeReply, ThatIsRejectedAtTheFirstStepLeavesBothRequests)
+TEST_F(HandshakeReply, ChangesNeitherRequestWhenItIsRejectedAtTheFirstStep)
 {
     begin(5);
     const QByteArray first = queued(0).frame, second = queued(1).frame;
@@ -265,7 +265,7 @@ TEST_F(HandshakeReply, ThatIsRejectedAtTheFirstStepLeavesBothRequests)
     EXPECT_EQ(settings.framesAnswered, 0);
 }
 
-TEST_F(HandshakeReply, IsNotJudgedByItsCrc)
+TEST_F(HandshakeReply, IsAcceptedWithAWrongCrc)
 {
     begin();
     QByteArray reply = wire::identityReply(1);
@@ -284,7 +284,7 @@ TEST_F(HandshakeReply, BelongsToTheStationOfTheRequestInFlight)
     EXPECT_BYTES(wire::unframed(queued(1).frame).mid(4, 2), hex("71 00"));
 }
 
-TEST_F(HandshakeReply, WithoutARequestInFlightIsRejectedAndCreatesNoStation)
+TEST_F(HandshakeReply, IsRejectedWithoutARequestInFlightAndCreatesNoStation)
 {
     PLCDataStorage.clear();
     EXPECT_EQ(check(wire::identityReply(1)), 0);
@@ -315,7 +315,7 @@ TEST_F(HandshakeReply, IsAcceptedAndOtherwiseIgnoredAtAnyLaterStep)
     }
 }
 
-TEST_F(HandshakeReply, TouchesTheStoreOnlyUnderItsLock)
+TEST_F(HandshakeReply, ChangesTheStoreOnlyUnderItsLock)
 {
     begin(5);
     const std::vector<QByteArray> replies = {wire::identityReply(5),
@@ -324,7 +324,8 @@ TEST_F(HandshakeReply, TouchesTheStoreOnlyUnderItsLock)
         const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
         LockWitness witness;
         EXPECT_EQ(check(reply), 1);
-        EXPECT_EQ(witness.locked().size(), 2u) << "counter advanced, then read or identifier kept";
+        EXPECT_EQ(witness.locked().size(), 2u)
+            << "to advance the counter, then to read it or to store the identifier";
         EXPECT_TRUE(witness.balanced());
         EXPECT_GT(witness.guardedMapChanges(), 0);
         EXPECT_EQ(witness.unguardedMapChanges(), 0);
@@ -336,7 +337,7 @@ class IdentityReply : public Handshake
 {
 };
 
-TEST_F(IdentityReply, GivesTheConnectionRequestTheCountersPresentValue)
+TEST_F(IdentityReply, SetsTheCurrentCounterInTheConnectionRequest)
 {
     begin(7);
     const QByteArray identity = queued(0).frame;
@@ -350,7 +351,7 @@ TEST_F(IdentityReply, GivesTheConnectionRequestTheCountersPresentValue)
     EXPECT_EQ(PLC_driver.sendQueue.size(), 2);
 }
 
-TEST_F(IdentityReply, LeavesTheSendLengthOfALongerConnectionRequestAsItWas)
+TEST_F(IdentityReply, DoesNotChangeTheSendLengthOfALongerConnectionRequest)
 {
     begin(0x000E);
     const int length = queued(1).sendLength;
@@ -362,9 +363,9 @@ TEST_F(IdentityReply, LeavesTheSendLengthOfALongerConnectionRequestAsItWas)
     EXPECT_EQ(queued(1).replyLength, 46);
 }
 
-TEST_F(IdentityReply, UndoublesTheConnectionRequestBeforeItIsPatched)
+TEST_F(IdentityReply, UndoublesTheConnectionRequestBeforePatchingIt)
 {
-    // Transaction number 0x0010 and a serial number with a DLE: both are doubled when queued.
+    // The transaction number 0x0010 and the serial number contain a DLE each, doubled in the queue.
     const int second = serial_model::secondWithDles(1);
     clock.setSeconds(second);
     begin(0x000F);
@@ -385,7 +386,7 @@ TEST_F(IdentityReply, IsAcceptedWithOneRequestQueuedAndPatchesNothing)
     EXPECT_EQ(station().transactionCounter, 8);
 }
 
-TEST_F(IdentityReply, PatchesTheSecondRequestOnly)
+TEST_F(IdentityReply, PatchesOnlyTheSecondRequest)
 {
     begin(7);
     PLC_driver.sendQueue.append(queued(1));
@@ -397,7 +398,7 @@ TEST_F(IdentityReply, PatchesTheSecondRequestOnly)
     EXPECT_BYTES(queued(2).frame, third);
 }
 
-TEST_F(IdentityReply, LeavesAFrameOfAnotherLengthUnpatched)
+TEST_F(IdentityReply, DoesNotPatchAFrameOfAnotherLength)
 {
     begin(7);
     const QByteArray request = connectionRequest(8, 0x414243);
@@ -413,8 +414,7 @@ TEST_F(IdentityReply, LeavesAFrameOfAnotherLengthUnpatched)
     }
 }
 
-// The first connection request, counted in seconds of the day and transaction numbers, whose CRC
-// reads as wanted.
+// The second of the day and the transaction number of a connection request with the wanted CRC.
 struct CrcCase
 {
     int second;
@@ -434,7 +434,7 @@ CrcCase requestWithCrc(quint16 wanted)
     return {0, 2};
 }
 
-TEST_F(IdentityReply, PatchesARequestWhoseCrcReadsAsAPairOfDles)
+TEST_F(IdentityReply, PatchesARequestWhoseCrcLooksLikeAPairOfDles)
 {
     const CrcCase found = requestWithCrc(0x1010);
     clock.setSeconds(found.second);
@@ -446,7 +446,7 @@ TEST_F(IdentityReply, PatchesARequestWhoseCrcReadsAsAPairOfDles)
                                                     serial_model::at(found.second)));
 }
 
-TEST_F(IdentityReply, IsNotNeededToResendARequestWhoseCrcReadsAsAPairOfDles)
+TEST_F(IdentityReply, CanBeFollowedByAResendOfARequestWhoseCrcLooksLikeAPairOfDles)
 {
     const CrcCase found = requestWithCrc(0x1010);
     clock.setSeconds(found.second);
@@ -458,7 +458,7 @@ TEST_F(IdentityReply, IsNotNeededToResendARequestWhoseCrcReadsAsAPairOfDles)
                                                     serial_model::at(found.second)));
 }
 
-TEST_F(IdentityReply, LeavesACrcThatReadsAsAPairOfDlesSingle)
+TEST_F(IdentityReply, DoesNotDoubleACrcThatLooksLikeAPairOfDles)
 {
     const CrcCase found = requestWithCrc(0x1010);
     clock.setSeconds(found.second);
@@ -473,7 +473,7 @@ class ForwardOpenReply : public Handshake
 {
 };
 
-TEST_F(ForwardOpenReply, HandsOutTheConnectionIdentifier)
+TEST_F(ForwardOpenReply, SetsTheConnectionIdentifier)
 {
     beginConnecting(1);
     const QByteArray frame = queued(0).frame;
@@ -502,14 +502,14 @@ TEST_F(ForwardOpenReply, IsUndoubledBeforeTheIdentifierIsRead)
     EXPECT_BYTES(station().connectionId, hex("10 10"));
 }
 
-TEST_F(ForwardOpenReply, IsTakenWhateverItsStatus)
+TEST_F(ForwardOpenReply, IsAcceptedWithAnyStatus)
 {
     beginConnecting(1);
     EXPECT_EQ(check(hex("10 06 10 02 01 00 4B 00 02 00 00 00 D4 00 01 01 07 11 10 03 AA BB")), 1);
     EXPECT_BYTES(station().connectionId, hex("07 11"));
 }
 
-TEST_F(ForwardOpenReply, ThatIsTooShortCountsMissingBytesAsZero)
+TEST_F(ForwardOpenReply, HasZerosForMissingBytes)
 {
     beginConnecting(1);
     EXPECT_EQ(check(hex("10 03 AA BB")), 1);

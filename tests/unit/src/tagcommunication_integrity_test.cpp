@@ -1,4 +1,4 @@
-// Closing, doubling and undoubling of frames, and the judgement of a reply.
+// The CRC, doubling and undoubling of frames, and the integrity check of a reply.
 
 #include "driver_fixture.h"
 
@@ -20,12 +20,12 @@ QByteArray undoubled(const char* frame)
     return getRecoverData(hex(frame), true);
 }
 
-int judged(const QByteArray& reply)
+int verdictOf(const QByteArray& reply)
 {
     return DataIntegrityJudgment(&reply);
 }
 
-// A reply of exactly so many bytes with data that needs no doubling.
+// A reply of exactly `size` bytes, with data that needs no doubling.
 QByteArray replyOfSize(int size)
 {
     return wire::framed(QByteArray(size - 8, '\x55'));
@@ -33,29 +33,29 @@ QByteArray replyOfSize(int size)
 
 const char kIdentity[] = "10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03";
 
-TEST(DataCrc, ClosesTheIdentityRequest)
+TEST(DataCrc, IsTheCrcOfTheIdentityRequest)
 {
     EXPECT_EQ(checkDataCrc(hex(kIdentity)), 0x358Eu);
 }
 
-TEST(DataCrc, CoversTheDataAndTheEtxOnly)
+TEST(DataCrc, CoversOnlyTheDataAndTheEtx)
 {
     EXPECT_EQ(checkDataCrc(hex("10 06 10 02 41 42 10 03")), wire::crc16Arc(hex("41 42 03")));
     EXPECT_EQ(checkDataCrc(hex("AA 06 BB CC 41 42 DD EE")), wire::crc16Arc(hex("41 42 03")));
 }
 
-TEST(DataCrc, DropsTwoBytesOfABareFrame)
+TEST(DataCrc, SkipsTheTwoStartBytesOfABareFrame)
 {
     EXPECT_EQ(checkDataCrc(hex("10 02 41 42 10 03")), wire::crc16Arc(hex("41 42 03")));
 }
 
-TEST(DataCrc, KeepsEveryByteInFrontOfTheEndWithoutAHeader)
+TEST(DataCrc, CoversEveryByteBeforeTheEndWithoutAHeader)
 {
     EXPECT_EQ(checkDataCrc(hex("41 42 43 10 03")), wire::crc16Arc(hex("41 42 43 03")));
     EXPECT_EQ(checkDataCrc(hex("06 10 02 43 10 03")), wire::crc16Arc(hex("06 10 02 43 03")));
 }
 
-TEST(DataCrc, OfAFrameWithoutDataIsThatOfTheEtxAlone)
+TEST(DataCrc, CoversOnlyTheEtxOfAFrameWithoutData)
 {
     const unsigned int etxOnly = wire::crc16Arc(hex("03"));
     for (const char* frame : {"", "10", "10 03", "10 06", "10 02", "10 06 10", "10 06 10 02",
@@ -63,64 +63,64 @@ TEST(DataCrc, OfAFrameWithoutDataIsThatOfTheEtxAlone)
         EXPECT_EQ(checkDataCrc(hex(frame)), etxOnly) << frame;
 }
 
-TEST(DataCrc, TakesDataBytesAsUnsigned)
+TEST(DataCrc, TreatsDataBytesAsUnsigned)
 {
     EXPECT_EQ(checkDataCrc(hex("10 06 10 02 80 FF FE 10 03")), wire::crc16Arc(hex("80 FF FE 03")));
 }
 
-TEST(Doubling, SendsEachDleOfTheDataTwice)
+TEST(Doubling, DoublesEachDleOfTheData)
 {
     EXPECT_BYTES(doubled("10 06 10 02 10 20 10 03 AA BB"), hex("10 06 10 02 10 10 20 10 03 AA BB"));
     EXPECT_BYTES(doubled("10 06 10 02 10 10 10 10 03 AA BB"),
                  hex("10 06 10 02 10 10 10 10 10 10 10 03 AA BB"));
 }
 
-TEST(Doubling, LeavesDataWithoutADleAlone)
+TEST(Doubling, DoesNotChangeDataWithoutADle)
 {
     EXPECT_BYTES(doubled("10 06 10 02 00 41 10 03 AA BB"), hex("10 06 10 02 00 41 10 03 AA BB"));
 }
 
-TEST(Doubling, LeavesTheCrcSingle)
+TEST(Doubling, DoesNotDoubleTheCrc)
 {
     EXPECT_BYTES(doubled("10 06 10 02 41 10 03 10 BB"), hex("10 06 10 02 41 10 03 10 BB"));
     EXPECT_BYTES(doubled("10 06 10 02 41 10 03 10 10"), hex("10 06 10 02 41 10 03 10 10"));
 }
 
-TEST(Doubling, EndsInFrontOfTheLastFourBytes)
+TEST(Doubling, EndsBeforeTheLastFourBytes)
 {
     EXPECT_BYTES(doubled("10 06 10 02 41 10 10 10 10 10"), hex("10 06 10 02 41 10 10 10 10 10 10"));
     EXPECT_BYTES(doubled("10 06 10 02 10 41 42 43 44"), hex("10 06 10 02 10 10 41 42 43 44"));
     EXPECT_BYTES(doubled("10 06 10 02 10 42 43 44"), hex("10 06 10 02 10 42 43 44"));
 }
 
-TEST(Doubling, BeginsBehindDleAckDleStx)
+TEST(Doubling, StartsAfterDleAckDleStx)
 {
     EXPECT_BYTES(doubled("10 06 10 10 41 42 43 44 45"), hex("10 06 10 10 41 42 43 44 45"));
     EXPECT_BYTES(doubled("10 06 10 10 10 42 43 44 45"), hex("10 06 10 10 10 10 42 43 44 45"));
 }
 
-TEST(Doubling, BeginsBehindTheFirstTwoBytesOfABareFrame)
+TEST(Doubling, StartsAfterTheFirstTwoBytesOfABareFrame)
 {
     EXPECT_BYTES(doubled("10 02 10 41 10 03 AA BB"), hex("10 02 10 10 41 10 03 AA BB"));
     EXPECT_BYTES(doubled("10 10 41 42 43 44 45"), hex("10 10 41 42 43 44 45"));
     EXPECT_BYTES(doubled("41 42 10 42 43 44 45"), hex("41 42 10 10 42 43 44 45"));
 }
 
-TEST(Doubling, LeavesFramesShorterThanTheirHeaderAndTrailerAlone)
+TEST(Doubling, DoesNotChangeFramesShorterThanHeaderAndTrailer)
 {
     for (const char* frame : {"", "10", "10 10", "10 06", "10 10 10", "10 10 10 10",
                               "10 10 10 10 10", "10 02 10 10 10 10", "10 06 10 10 10 10 10 10"})
         EXPECT_BYTES(doubled(frame), hex(frame)) << frame;
 }
 
-TEST(Undoubling, MakesEachPairOfDlesOne)
+TEST(Undoubling, ReplacesEachPairOfDlesByOne)
 {
     EXPECT_BYTES(undoubled("10 10 10 10"), hex("10 10"));
     EXPECT_BYTES(undoubled("10 10 10"), hex("10 10"));
     EXPECT_BYTES(undoubled("41 10 10 03 10 10"), hex("41 10 03 10"));
 }
 
-TEST(Undoubling, TreatsHeaderAndCrcAsTheRest)
+TEST(Undoubling, TreatsHeaderAndCrcLikeTheData)
 {
     EXPECT_BYTES(undoubled("10 10 06 41 10 03 10 10"), hex("10 06 41 10 03 10"));
 }
@@ -132,19 +132,20 @@ TEST(Undoubling, KeepsALoneDle)
     EXPECT_BYTES(undoubled("10 06 10 02 10 03 AA BB"), hex("10 06 10 02 10 03 AA BB"));
 }
 
-TEST(Undoubling, OfNothingIsNothing)
+TEST(Undoubling, ReturnsNoBytesForNoBytes)
 {
     EXPECT_BYTES(undoubled(""), QByteArray());
 }
 
-TEST(Undoubling, ReadsNothingBehindAnArrayThatIsNotTerminated)
+TEST(Undoubling, ReadsNothingAfterTheEndOfAnUnterminatedArray)
 {
     const char bytes[] = {0x41, 0x10, 0x10};
     EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 2), true), hex("41 10"));
     EXPECT_BYTES(getRecoverData(QByteArray::fromRawData(bytes, 3), true), hex("41 10"));
 }
 
-// Bytes that end where the program's memory does: to read one more ends the program.
+// Bytes at the end of a page, with a forbidden page after it: reading one more byte ends the
+// program.
 class LastBytes
 {
 public:
@@ -181,7 +182,7 @@ QByteArray modelDoubled(const QByteArray& frame)
     return out;
 }
 
-TEST(Recovering, ReadsNoByteBehindItsInput)
+TEST(Recovering, ReadsNoByteAfterItsInput)
 {
     const QByteArray frame = hex("10 06 10 02 41 10 10 42 10 03 10 10");
     for (int size = 0; size <= frame.size(); ++size) {
@@ -193,7 +194,7 @@ TEST(Recovering, ReadsNoByteBehindItsInput)
     EXPECT_BYTES(getRecoverData(*LastBytes(hex("10 10 10")), true), hex("10 10"));
 }
 
-TEST(Recovering, LeavesTheGivenFrameAlone)
+TEST(Recovering, DoesNotChangeTheGivenFrame)
 {
     const QByteArray frame = hex("10 06 10 02 10 20 10 10 03 AA BB");
     const QByteArray before = hex("10 06 10 02 10 20 10 10 03 AA BB");
@@ -204,50 +205,50 @@ TEST(Recovering, LeavesTheGivenFrameAlone)
 
 TEST(Integrity, AcceptsACompleteReply)
 {
-    EXPECT_EQ(judged(wire::readReply(0x21, 0xC3, hex("D2 04"))), 1);
-    EXPECT_EQ(judged(wire::identityReply(1)), 1);
-    EXPECT_EQ(judged(wire::forwardOpenReply(0x10, hex("10 10"))), 1);
+    EXPECT_EQ(verdictOf(wire::readReply(0x21, 0xC3, hex("D2 04"))), 1);
+    EXPECT_EQ(verdictOf(wire::identityReply(1)), 1);
+    EXPECT_EQ(verdictOf(wire::forwardOpenReply(0x10, hex("10 10"))), 1);
 }
 
-TEST(Integrity, AcceptsTwentyFourBytesAndNeverTwentyThree)
+TEST(Integrity, AcceptsTwentyFourBytesButNotTwentyThree)
 {
-    EXPECT_EQ(judged(replyOfSize(24)), 1);
+    EXPECT_EQ(verdictOf(replyOfSize(24)), 1);
     EXPECT_BYTES(replyOfSize(24).mid(20, 2), hex("10 03"));
-    EXPECT_EQ(judged(replyOfSize(23)), 0);
-    EXPECT_EQ(judged(replyOfSize(25)), 1);
-    EXPECT_EQ(judged(QByteArray()), 0);
+    EXPECT_EQ(verdictOf(replyOfSize(23)), 0);
+    EXPECT_EQ(verdictOf(replyOfSize(25)), 1);
+    EXPECT_EQ(verdictOf(QByteArray()), 0);
     EXPECT_EQ(DataIntegrityJudgment(nullptr), 0);
 }
 
-TEST(Integrity, FindsNoEndInFrontOfIndexTwentyOne)
+TEST(Integrity, FindsNoEndBeforeIndexTwentyOne)
 {
-    // A frame of 23 bytes with more behind it: its ETX stands at index 20.
-    EXPECT_EQ(judged(replyOfSize(23) + hex("41 42 43")), 0);
-    EXPECT_EQ(judged(replyOfSize(24) + hex("41 42 43")), 1);
+    // A frame of 23 bytes, followed by others, has its ETX at index 20.
+    EXPECT_EQ(verdictOf(replyOfSize(23) + hex("41 42 43")), 0);
+    EXPECT_EQ(verdictOf(replyOfSize(24) + hex("41 42 43")), 1);
 }
 
 TEST(Integrity, NeedsBothCrcBytes)
 {
     const QByteArray reply = replyOfSize(30);
-    EXPECT_EQ(judged(reply.left(29)), 0);
-    EXPECT_EQ(judged(reply.left(28)), 0);
-    EXPECT_EQ(judged(reply), 1);
+    EXPECT_EQ(verdictOf(reply.left(29)), 0);
+    EXPECT_EQ(verdictOf(reply.left(28)), 0);
+    EXPECT_EQ(verdictOf(reply), 1);
 }
 
 TEST(Integrity, RejectsAWrongCrc)
 {
     QByteArray low = replyOfSize(30);
     low[28] = static_cast<char>(low.at(28) ^ 1);
-    EXPECT_EQ(judged(low), 0);
+    EXPECT_EQ(verdictOf(low), 0);
     QByteArray high = replyOfSize(30);
     high[29] = static_cast<char>(high.at(29) ^ 1);
-    EXPECT_EQ(judged(high), 0);
+    EXPECT_EQ(verdictOf(high), 0);
     const QByteArray good = replyOfSize(30);
     ASSERT_NE(good.at(28), good.at(29));
-    EXPECT_EQ(judged(good.left(28) + good.mid(29, 1) + good.mid(28, 1)), 0);
+    EXPECT_EQ(verdictOf(good.left(28) + good.mid(29, 1) + good.mid(28, 1)), 0);
 }
 
-// A reply whose two CRC bytes are as wanted: its last data bytes are searched for.
+// A reply with the wanted CRC bytes, found by trying all values of its last two data bytes.
 QByteArray replyWithCrc(bool (*wanted)(quint8 low, quint8 high))
 {
     for (unsigned int i = 0; i < 0x10000; ++i) {
@@ -264,51 +265,56 @@ QByteArray replyWithCrc(bool (*wanted)(quint8 low, quint8 high))
 
 TEST(Integrity, ComparesCrcBytesAsUnsigned)
 {
-    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high < 128; })),
-              1);
-    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low < 128 && high > 127; })),
-              1);
-    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high > 127; })),
-              1);
+    EXPECT_EQ(
+        verdictOf(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high < 128; })),
+        1);
+    EXPECT_EQ(
+        verdictOf(replyWithCrc([](quint8 low, quint8 high) { return low < 128 && high > 127; })),
+        1);
+    EXPECT_EQ(
+        verdictOf(replyWithCrc([](quint8 low, quint8 high) { return low > 127 && high > 127; })),
+        1);
 }
 
-TEST(Integrity, TakesTheCrcAsReceivedEvenWhereItLooksLikeAPairOfDles)
+TEST(Integrity, ComparesTheCrcAsReceivedEvenIfItLooksLikeAPairOfDles)
 {
-    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high == 16; })),
-              1);
-    EXPECT_EQ(judged(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high != 16; })),
-              1);
+    EXPECT_EQ(
+        verdictOf(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high == 16; })),
+        1);
+    EXPECT_EQ(
+        verdictOf(replyWithCrc([](quint8 low, quint8 high) { return low == 16 && high != 16; })),
+        1);
 }
 
-TEST(Integrity, GoesOnBehindDataThatLooksLikeAnEnd)
+TEST(Integrity, ContinuesAfterDataThatLooksLikeAnEnd)
 {
-    // Data 10 03 is sent as 10 10 03: its last two bytes are a candidate.
+    // Data 10 03 is sent as 10 10 03, whose last two bytes look like an end.
     const QByteArray data = QByteArray(20, '\x41') + hex("10 03 42 43 44 45");
     ASSERT_GT(wire::framed(data).indexOf(hex("10 10 03")), 0);
-    EXPECT_EQ(judged(wire::framed(data)), 1);
-    EXPECT_EQ(judged(wire::framed(QByteArray(20, '\x41') + hex("10 03 10 03 10 03"))), 1);
+    EXPECT_EQ(verdictOf(wire::framed(data)), 1);
+    EXPECT_EQ(verdictOf(wire::framed(QByteArray(20, '\x41') + hex("10 03 10 03 10 03"))), 1);
 }
 
-TEST(Integrity, TakesDataThatLooksLikeAnEndForOneWhereTheCrcFits)
+TEST(Integrity, AcceptsDataThatLooksLikeAnEndWhenTheCrcMatches)
 {
-    // What follows 10 10 03 is the CRC of what came before, by chance.
+    // The two bytes after 10 10 03 happen to be the CRC of the bytes before it.
     const QByteArray before = QByteArray(20, '\x41');
     const QByteArray reply = hex("10 06 10 02") + before + hex("10 10 03") +
                              wire::little(wire::crc16Arc(before + hex("03")), 2);
-    EXPECT_EQ(judged(reply), 1);
-    EXPECT_EQ(judged(reply + hex("42 43 44 10 03 00 00")), 1);
+    EXPECT_EQ(verdictOf(reply), 1);
+    EXPECT_EQ(verdictOf(reply + hex("42 43 44 10 03 00 00")), 1);
 }
 
 TEST(Integrity, CoversTheUndoubledData)
 {
     const QByteArray reply = wire::framed(hex("10 41 10 42 10 10 43") + QByteArray(12, '\x10'));
-    EXPECT_EQ(judged(reply), 1);
+    EXPECT_EQ(verdictOf(reply), 1);
 }
 
-TEST(Integrity, AcceptsABareFrameAndIgnoresWhatFollows)
+TEST(Integrity, AcceptsABareFrameAndIgnoresTheBytesAfterIt)
 {
-    EXPECT_EQ(judged(wire::framed(QByteArray(18, '\x41')).mid(2)), 1);
-    EXPECT_EQ(judged(replyOfSize(40) + hex("10 06 10 02 00")), 1);
+    EXPECT_EQ(verdictOf(wire::framed(QByteArray(18, '\x41')).mid(2)), 1);
+    EXPECT_EQ(verdictOf(replyOfSize(40) + hex("10 06 10 02 00")), 1);
 }
 
 TEST(Integrity, CoversEveryByteOfAReplyWithoutAHeader)
@@ -317,58 +323,58 @@ TEST(Integrity, CoversEveryByteOfAReplyWithoutAHeader)
         const QByteArray data(size, '\x41');
         const QByteArray reply =
             data + hex("10 03") + wire::little(wire::crc16Arc(data + hex("03")), 2);
-        EXPECT_EQ(judged(reply), 1) << size;
-        EXPECT_EQ(judged("B" + reply.mid(1)), 0) << size;
+        EXPECT_EQ(verdictOf(reply), 1) << size;
+        EXPECT_EQ(verdictOf("B" + reply.mid(1)), 0) << size;
     }
 }
 
-TEST(Integrity, TakesAReplyOfNothingButDlesApartLikeAnyOther)
+TEST(Integrity, ChecksAReplyOfOnlyDlesLikeAnyOther)
 {
-    // 21 and 22 of them in front of the ETX: ten of the data, and the one that the ETX belongs to.
+    // 21 or 22 DLEs before the ETX are ten of the data and the DLE of the DLE ETX.
     const QByteArray crc = wire::little(wire::crc16Arc(hex("10 10 10 10 10 10 10 10 10 10 03")), 2);
     for (int dles : {21, 22}) {
-        EXPECT_EQ(judged(QByteArray(dles, '\x10') + '\x03' + crc), 1) << dles;
-        EXPECT_EQ(judged(QByteArray(dles, '\x10') + '\x03' + hex("00 00")), 0) << dles;
+        EXPECT_EQ(verdictOf(QByteArray(dles, '\x10') + '\x03' + crc), 1) << dles;
+        EXPECT_EQ(verdictOf(QByteArray(dles, '\x10') + '\x03' + hex("00 00")), 0) << dles;
     }
 }
 
-TEST(Integrity, FollowsTheFirstMatchOfSeveralFrames)
+TEST(Integrity, RejectsABrokenFrameFollowedByAGoodOne)
 {
     const QByteArray broken = hex("10 06 10 02") + QByteArray(20, '\x41') + hex("10 03 00 00");
-    EXPECT_EQ(judged(broken), 0);
-    EXPECT_EQ(judged(broken + replyOfSize(30)), 0);
+    EXPECT_EQ(verdictOf(broken), 0);
+    EXPECT_EQ(verdictOf(broken + replyOfSize(30)), 0);
 }
 
-TEST(Integrity, NoticesEverySingleFlippedBitBehindTheHeader)
+TEST(Integrity, DetectsEverySingleFlippedBitAfterTheHeader)
 {
     const QByteArray reply = wire::readReply(0x21, 0xC4, hex("01 02 03 04 05 06 07 08"));
     for (int bit = 4 * 8; bit < reply.size() * 8; ++bit) {
         QByteArray damaged = reply;
         damaged[bit / 8] = static_cast<char>(damaged.at(bit / 8) ^ (1 << bit % 8));
-        EXPECT_EQ(judged(damaged), 0) << "bit " << bit;
+        EXPECT_EQ(verdictOf(damaged), 0) << "bit " << bit;
     }
 }
 
-TEST(Integrity, NoticesEverySingleLostByteButTheAck)
+TEST(Integrity, DetectsEverySingleLostByteExceptTheAck)
 {
     const QByteArray reply = wire::readReply(0x21, 0xC4, hex("01 02 03 04 05 06 07 08"));
     for (int i = 2; i < reply.size(); ++i)
-        EXPECT_EQ(judged(QByteArray(reply).remove(i, 1)), 0) << "byte " << i;
-    EXPECT_EQ(judged(QByteArray(reply).remove(0, 1)), 0);
-    // Without the ACK the first two DLEs are a pair, so what is left is a bare frame.
-    EXPECT_EQ(judged(QByteArray(reply).remove(1, 1)), 1);
+        EXPECT_EQ(verdictOf(QByteArray(reply).remove(i, 1)), 0) << "byte " << i;
+    EXPECT_EQ(verdictOf(QByteArray(reply).remove(0, 1)), 0);
+    // Without the ACK the first two DLEs are a pair, so the rest is a bare frame.
+    EXPECT_EQ(verdictOf(QByteArray(reply).remove(1, 1)), 1);
 }
 
-TEST(Integrity, LooksIntoNothingBehindTheGivenLength)
+TEST(Integrity, ReadsNoByteAfterTheGivenLength)
 {
     const QByteArray reply = wire::readReply(0x10, 0xC4, hex("10 10 03 10 10 03 10 03"));
     for (int size = 0; size <= reply.size(); ++size) {
         const LastBytes given(reply.left(size));
-        EXPECT_EQ(judged(*given), size == reply.size() ? 1 : 0) << size;
+        EXPECT_EQ(verdictOf(*given), size == reply.size() ? 1 : 0) << size;
         checkDataCrc(*given);
     }
     for (int dles : {22, 23, 24, 25})
-        EXPECT_EQ(judged(*LastBytes(QByteArray(dles, '\x10'))), 0);
+        EXPECT_EQ(verdictOf(*LastBytes(QByteArray(dles, '\x10'))), 0);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// The number that makes the originator serial number of a connection request.
+// The random number that becomes the originator serial number of a connection request.
 
 #include "fixed_time_of_day.h"
 #include "serial_model.h"
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Puts the process into another time zone than the one that most test machines are in.
+// Sets the time zone of the process. The tests use one that most test machines are not in.
 class LocalTime
 {
 public:
@@ -33,7 +33,7 @@ private:
     QByteArray m_before;
 };
 
-TEST(RandomNumber, IsTheFirstOfTheGeneratorSeededWithTheSecondsOfTheDay)
+TEST(RandomNumber, IsTheFirstNumberOfTheGeneratorSeededWithTheSecondsOfTheDay)
 {
     FixedTimeOfDay clock(QTime(0, 0, 0));
     for (int second : {0, 1, 59, 60, 3600, 43200, 86399}) {
@@ -53,7 +53,7 @@ TEST(RandomNumber, IsEqualWithinOneSecond)
     EXPECT_NE(get_random_number(), first);
 }
 
-TEST(RandomNumber, StaysBelow16777215AllDayLong)
+TEST(RandomNumber, StaysBelow16777215AllDay)
 {
     FixedTimeOfDay clock(QTime(0, 0, 0));
     int least = 0xFFFFFF;
@@ -69,10 +69,10 @@ TEST(RandomNumber, StaysBelow16777215AllDayLong)
     EXPECT_LE(largest, 16777214);
 }
 
-TEST(RandomNumber, FollowsTheLocalTimeOfDay)
+TEST(RandomNumber, UsesTheLocalTimeOfDay)
 {
     const LocalTime elsewhere("XST-5:30");
-    // A real clock: tried again where the second changed in between.
+    // The clock is real, so try again when the second changes during the call.
     for (int attempt = 0; attempt < 100; ++attempt) {
         const int before = serial_model::localSecondOfDay();
         const int number = get_random_number();
@@ -81,7 +81,7 @@ TEST(RandomNumber, FollowsTheLocalTimeOfDay)
             return;
         }
     }
-    FAIL() << "the clock never stood still";
+    FAIL() << "the second changed during every attempt";
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// The per-station tag store and the questions about a tag.
+// The tag store of each station, and the queries about a tag.
 
 #include "driver_fixture.h"
 #include "lock_witness.h"
@@ -12,7 +12,7 @@ using wire::hex;
 
 namespace {
 
-// The five fields in the order that hosts know them in.
+// The five fields are in the order that hosts are compiled for.
 static_assert(std::is_standard_layout<PLCTAGCOMMUNICATION>::value, "a plain record");
 static_assert(std::is_same<decltype(PLCTAGCOMMUNICATION::handshakeDone), bool>::value, "flag");
 static_assert(sizeof(PLCTAGCOMMUNICATION::handshakeDone) == 1, "one byte");
@@ -32,7 +32,7 @@ protected:
         EXPECT_TRUE(PLCDataStorage.contains(number));
         return PLCDataStorage[number];
     }
-    // A station as it is in the middle of its life.
+    // Makes a connected station with a tag.
     static void fill(int number)
     {
         PLCTAGCOMMUNICATION& record = PLCDataStorage[number];
@@ -66,7 +66,7 @@ TEST_F(TagStore, AddsAFreshStationWithCounterOne)
     expectFresh(station(4), 1);
 }
 
-TEST_F(TagStore, ReplacesEverythingKnownOfAStation)
+TEST_F(TagStore, ReplacesAllDataOfAStation)
 {
     fill(4);
     fill(5);
@@ -77,7 +77,7 @@ TEST_F(TagStore, ReplacesEverythingKnownOfAStation)
     expectTagsKept(station(5));
 }
 
-TEST_F(TagStore, SaysThatAStationNeverSeenIsNotConnectedAndLeavesAFreshRecord)
+TEST_F(TagStore, ReportsAnUnknownStationAsNotConnectedAndCreatesAFreshRecord)
 {
     EXPECT_FALSE(getHandshakeInformation(-3));
     expectFresh(station(-3), 1);
@@ -86,7 +86,7 @@ TEST_F(TagStore, SaysThatAStationNeverSeenIsNotConnectedAndLeavesAFreshRecord)
     EXPECT_EQ(PLCDataStorage.size(), 2);
 }
 
-TEST_F(TagStore, LeavesTheCounterOfAKnownStationAloneWhenAskedAgain)
+TEST_F(TagStore, KeepsTheCounterOfAKnownStationWhenAskedAgain)
 {
     EXPECT_FALSE(getHandshakeInformation(8));
     station(8).transactionCounter = 9;
@@ -94,7 +94,7 @@ TEST_F(TagStore, LeavesTheCounterOfAKnownStationAloneWhenAskedAgain)
     EXPECT_EQ(station(8).transactionCounter, 9);
 }
 
-TEST_F(TagStore, TellsTheConnectionStateOfEachStation)
+TEST_F(TagStore, ReportsTheConnectionStateOfEachStation)
 {
     fill(1);
     AddTheTagInformationContainer(2);
@@ -104,7 +104,7 @@ TEST_F(TagStore, TellsTheConnectionStateOfEachStation)
     expectTagsKept(station(1));
 }
 
-TEST_F(TagStore, ConnectsAStationWithoutARecordAndLeavesItsCounterZero)
+TEST_F(TagStore, ConnectsAStationWithoutARecordAndKeepsItsCounterZero)
 {
     EXPECT_EQ(setHandshakeInformation(6, true), 1);
     EXPECT_TRUE(station(6).handshakeDone);
@@ -112,7 +112,7 @@ TEST_F(TagStore, ConnectsAStationWithoutARecordAndLeavesItsCounterZero)
     EXPECT_BYTES(station(6).connectionId, QByteArray());
 }
 
-TEST_F(TagStore, ChangesNothingButTheFlagWhenAStationConnects)
+TEST_F(TagStore, ChangesOnlyTheFlagWhenAStationConnects)
 {
     fill(6);
     station(6).handshakeDone = false;
@@ -123,7 +123,7 @@ TEST_F(TagStore, ChangesNothingButTheFlagWhenAStationConnects)
     expectTagsKept(station(6));
 }
 
-TEST_F(TagStore, ForgetsTheConnectionIdentifierAndKeepsTheTagsWhenAStationIsLost)
+TEST_F(TagStore, ClearsTheConnectionIdentifierAndKeepsTheTagsWhenAStationIsLost)
 {
     fill(6);
     fill(7);
@@ -136,7 +136,7 @@ TEST_F(TagStore, ForgetsTheConnectionIdentifierAndKeepsTheTagsWhenAStationIsLost
     EXPECT_BYTES(station(7).connectionId, hex("5A 3C"));
 }
 
-TEST_F(TagStore, CreatesAStationThatIsLostBeforeItWasSeen)
+TEST_F(TagStore, CreatesAnUnknownStationThatIsMarkedAsLost)
 {
     EXPECT_EQ(setHandshakeInformation(6, false), 1);
     expectFresh(station(6), 0);
@@ -164,13 +164,13 @@ TEST_F(TagStore, SkipsZeroWhenTheCounterWraps)
     EXPECT_EQ(station(1).transactionCounter, 1);
 }
 
-TEST_F(TagStore, AdvancesTheCounterOfAStationNeverSeenToOne)
+TEST_F(TagStore, AdvancesTheCounterOfAnUnknownStationToOne)
 {
     EXPECT_EQ(addPlcNumber(12), 1);
     expectFresh(station(12), 1);
 }
 
-TEST_F(TagStore, DoesEachOperationInOneStepUnderOneLock)
+TEST_F(TagStore, RunsEachOperationInOneStepUnderOneLock)
 {
     RW_VAR request = readOf("Speed");
     const std::vector<std::function<void()>> operations = {
@@ -198,15 +198,16 @@ TEST_F(TagStore, DoesEachOperationInOneStepUnderOneLock)
     EXPECT_NE(lock, &PLC_driver.stationMutex);
 }
 
-TEST_F(TagStore, IsLookedIntoBehindTheLockOnly)
+TEST_F(TagStore, IsReadOnlyAfterTakingTheLock)
 {
     fill(1);
     LockWitness witness;
     witness.beforeNextLock([] { setHandshakeInformation(99, true); });
-    EXPECT_TRUE(getHandshakeInformation(99)) << "another thread has just connected it";
+    EXPECT_TRUE(getHandshakeInformation(99))
+        << "another thread connected it before the lock was taken";
 }
 
-TEST_F(TagStore, IsAskedWhileTheHostHoldsEveryNamedLock)
+TEST_F(TagStore, CanBeUsedWhileTheHostHoldsEveryNamedLock)
 {
     RW_VAR request = readOf("Speed");
     QMutexLocker list(&PLC_driver.listMutex);
@@ -250,14 +251,14 @@ TEST_F(TagData, IsUnknownForAnotherNameCaseOrStation)
     EXPECT_EQ(PLCDataStorage[1].tagData.size(), 1);
 }
 
-TEST_F(TagData, DoesNotComeFromTheTagsInformation)
+TEST_F(TagData, IsUnknownForATagWithATypeButNoValue)
 {
     RW_VAR request = readOf("Speed");
     confirm("Speed", 3, 0xC3);
     EXPECT_FALSE(getTagData(&request));
 }
 
-TEST_F(TagData, OfAStationNeverSeenIsUnknownAndCreatesAnEmptyRecord)
+TEST_F(TagData, IsUnknownForAnUnknownStationAndCreatesAnEmptyRecord)
 {
     RW_VAR request = readOf("Speed");
     request.stationNo = 31;
@@ -303,7 +304,7 @@ TEST_F(AddressType, IsNotConfirmedByAShortEntry)
     EXPECT_FALSE(confirmedBy("03 00 FF"));
 }
 
-TEST_F(AddressType, IsNotConfirmedForAnotherNameCaseOrStationAndLeavesNoEntry)
+TEST_F(AddressType, IsNotConfirmedForAnotherNameCaseOrStationAndCreatesNoEntry)
 {
     confirm("Speed", 3, 0xC3);
     RW_VAR lower = readOf("speed");
@@ -321,7 +322,7 @@ TEST_F(AddressType, IsNotConfirmedWithoutARequest)
     EXPECT_TRUE(PLCDataStorage.isEmpty());
 }
 
-TEST_F(AddressType, ChangesNothingInTheRequest)
+TEST_F(AddressType, DoesNotChangeTheRequest)
 {
     confirm("Speed", 3, 0xC3);
     PLCDataStorage[1].tagData["Speed"] = hex("D2 04");
@@ -342,7 +343,7 @@ int expectedClass(int code)
     return code >= 0xC1 && code <= 0xDA ? kClasses[code - 0xC1] : 2;
 }
 
-TEST(RegType, GivesTheClassOfEachTypeCode)
+TEST(RegType, IsTheClassOfEachTypeCode)
 {
     for (int code = 0; code < 256; ++code) {
         if (code != 0xA3) {
@@ -351,13 +352,13 @@ TEST(RegType, GivesTheClassOfEachTypeCode)
     }
 }
 
-TEST(RegType, LooksBehindTheStructureMark)
+TEST(RegType, SkipsTheStructureMark)
 {
     for (int code = 0; code < 256; ++code)
         EXPECT_EQ(getRegType(hex("A3") + wire::little(quint64(code), 1)), expectedClass(code));
 }
 
-TEST(RegType, GivesTheWorkedExamples)
+TEST(RegType, MatchesTheWorkedExamples)
 {
     EXPECT_EQ(getRegType(hex("A3 C4")), 4);
     EXPECT_EQ(getRegType(hex("C1 00")), 0);
@@ -366,14 +367,14 @@ TEST(RegType, GivesTheWorkedExamples)
     EXPECT_EQ(getRegType(hex("D3 00")), 2);
 }
 
-TEST(RegType, IsTwoForACodeThatIsMissing)
+TEST(RegType, IsTwoForAMissingCode)
 {
     EXPECT_EQ(getRegType(QByteArray()), 2);
     EXPECT_EQ(getRegType(hex("A3")), 2);
     EXPECT_EQ(getRegType(hex("A3 A3 C4")), 2);
 }
 
-TEST(RegType, LooksAtNothingBehindAnArrayThatIsNotTerminated)
+TEST(RegType, ReadsNothingAfterTheEndOfAnUnterminatedArray)
 {
     const char bytes[] = {'\xA3', '\xC4'};
     EXPECT_EQ(getRegType(QByteArray::fromRawData(bytes, 1)), 2);
@@ -398,7 +399,7 @@ Place placeOf(int type, Place place)
     return place;
 }
 
-TEST(PlcAdd, TurnsElementsIntoBytesAndWordsIntoElements)
+TEST(PlcAdd, ConvertsElementsToBytesAndWordsToElements)
 {
     EXPECT_EQ(placeOf(3, {7, 9}), (Place{14, 9}));
     EXPECT_EQ(placeOf(4, {10, 5}), (Place{40, 3}));
@@ -432,7 +433,7 @@ TEST(PlcAdd, WrapsAtThirtyTwoBits)
     }
 }
 
-TEST(PlcAdd, LeavesEveryOtherClassAlone)
+TEST(PlcAdd, LeavesEveryOtherClassUnchanged)
 {
     for (int type : {-1, 0, 1, 2, 6, 0xFF})
         EXPECT_EQ(placeOf(type, {11, 13}), (Place{11, 13})) << type;
