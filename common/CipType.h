@@ -1,13 +1,13 @@
 #ifndef MICRO850_COMMON_CIPTYPE_H
 #define MICRO850_COMMON_CIPTYPE_H
 
+#include "Bytes.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
 
 namespace micro850 {
-
-using Bytes = std::vector<std::uint8_t>;
 
 /// How a value of a type is written as text.
 enum class CipKind {

@@ -4,7 +4,7 @@
 // Recorded traffic of the serial line: one record a frame, as a text file or as pcapng for
 // Wireshark.
 
-#include "CipType.h"
+#include "Bytes.h"
 
 #include <chrono>
 #include <iosfwd>

@@ -1,6 +1,6 @@
 #include "CipServer.h"
 
-#include "CipBytes.h"
+#include "Bytes.h"
 
 #include <algorithm>
 #include <utility>
@@ -64,7 +64,7 @@ std::optional<Bytes> CipServer::handle(const Bytes& message)
 
 std::optional<CipServer::Request> CipServer::requestOf(const Bytes& cip)
 {
-    Reader reader(cip);
+    ByteReader reader(cip);
     if (!reader.has(2))
         return std::nullopt;
     Request request;
@@ -84,7 +84,7 @@ Bytes CipServer::encoded(std::uint8_t service, const Reply& reply)
                  static_cast<std::uint8_t>(reply.status), 0};
     if (reply.extended != CipExtended::None) {
         cip[3] = 1;
-        put(cip, static_cast<std::uint16_t>(reply.extended), 2);
+        appendNumber(cip, static_cast<std::uint16_t>(reply.extended), 2);
     }
     append(cip, reply.data);
     return cip;
@@ -105,7 +105,7 @@ Bytes CipServer::connected(const Bytes& message)
     Connection* connection = connectionOf(lowHalf);
     const std::optional<Request> request = requestOf(cip);
     Bytes body;
-    put(body, connection ? connection->originatorId : lowHalf, 2);
+    appendNumber(body, connection ? connection->originatorId : lowHalf, 2);
     append(body, {message[10], message[11]});
     if (!connection)
         append(body, encoded(cip[0],
@@ -162,14 +162,14 @@ CipServer::Reply CipServer::answerConnected(const Request& request)
 CipServer::Reply CipServer::allAttributes() const
 {
     Reply reply;
-    put(reply.data, m_identity.vendor, 2);
-    put(reply.data, m_identity.deviceType, 2);
-    put(reply.data, m_identity.productCode, 2);
-    put(reply.data, m_identity.major, 1);
-    put(reply.data, m_identity.minor, 1);
-    put(reply.data, 0x0030, 2); // configured, no fault
-    put(reply.data, m_identity.serial, 4);
-    put(reply.data, m_identity.name.size(), 1);
+    appendNumber(reply.data, m_identity.vendor, 2);
+    appendNumber(reply.data, m_identity.deviceType, 2);
+    appendNumber(reply.data, m_identity.productCode, 2);
+    appendNumber(reply.data, m_identity.major, 1);
+    appendNumber(reply.data, m_identity.minor, 1);
+    appendNumber(reply.data, 0x0030, 2); // configured, no fault
+    appendNumber(reply.data, m_identity.serial, 4);
+    appendNumber(reply.data, m_identity.name.size(), 1);
     append(reply.data, Bytes(m_identity.name.begin(), m_identity.name.end()));
     return reply;
 }
@@ -178,7 +178,7 @@ CipServer::Reply CipServer::allAttributes() const
 // reserved, O->T interval and parameters, T->O interval and parameters, transport, path.
 CipServer::Reply CipServer::forwardOpen(const Request& request)
 {
-    Reader reader(request.data);
+    ByteReader reader(request.data);
     if (!reader.has(36))
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
     reader.number(2);
@@ -198,12 +198,12 @@ CipServer::Reply CipServer::forwardOpen(const Request& request)
         it = it->second.key == connection.key ? m_connections.erase(it) : std::next(it);
 
     Reply reply;
-    put(reply.data, m_nextConnectionId, 4);
-    put(reply.data, connection.originatorId, 4);
+    appendNumber(reply.data, m_nextConnectionId, 4);
+    appendNumber(reply.data, connection.originatorId, 4);
     append(reply.data, connection.key);
-    put(reply.data, toTarget, 4);
-    put(reply.data, toOriginator, 4);
-    put(reply.data, 0, 2);
+    appendNumber(reply.data, toTarget, 4);
+    appendNumber(reply.data, toOriginator, 4);
+    appendNumber(reply.data, 0, 2);
     m_connections[m_nextConnectionId] = std::move(connection);
     m_nextConnectionId += 0x00010103;
     return reply;
@@ -211,7 +211,7 @@ CipServer::Reply CipServer::forwardOpen(const Request& request)
 
 CipServer::Reply CipServer::forwardClose(const Request& request)
 {
-    Reader reader(request.data);
+    ByteReader reader(request.data);
     if (!reader.has(10))
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
     reader.number(2);
@@ -222,7 +222,7 @@ CipServer::Reply CipServer::forwardClose(const Request& request)
         m_connections.erase(it);
         Reply reply;
         append(reply.data, key);
-        put(reply.data, 0, 2);
+        appendNumber(reply.data, 0, 2);
         return reply;
     }
     return {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}};
@@ -256,7 +256,7 @@ CipServer::Connection* CipServer::connectionOf(std::uint16_t lowHalf)
 std::optional<CipServer::Reply> CipServer::locate(const Bytes& path, Target& target)
 {
     const Reply segmentError = {CipStatus::PathSegmentError, CipExtended::None, {}};
-    Reader reader(path);
+    ByteReader reader(path);
     if (reader.number(1) != 0x91)
         return segmentError;
     const auto size = static_cast<std::size_t>(reader.number(1));
@@ -290,7 +290,7 @@ CipServer::Reply CipServer::readTag(const Request& request)
         return {request.data.size() < 6 ? CipStatus::NotEnoughData : CipStatus::TooMuchData,
                 CipExtended::None,
                 {}};
-    Reader reader(request.data);
+    ByteReader reader(request.data);
     const auto count = static_cast<std::size_t>(reader.number(2));
     const auto offset = static_cast<std::size_t>(reader.number(4));
     const Tag& tag = *target.tag;
@@ -303,7 +303,7 @@ CipServer::Reply CipServer::readTag(const Request& request)
     if (offset >= value.size())
         return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
     Reply reply;
-    put(reply.data, tag.type->code, 2);
+    appendNumber(reply.data, tag.type->code, 2);
     const std::size_t size = std::min(value.size() - offset, kLongestValue);
     const auto first = value.begin() + static_cast<std::ptrdiff_t>(offset);
     reply.data.insert(reply.data.end(), first, first + static_cast<std::ptrdiff_t>(size));
@@ -319,13 +319,13 @@ std::optional<std::vector<Bytes>> elementsOf(const CipType& type, const Bytes& d
                                              std::size_t count)
 {
     std::vector<Bytes> elements;
-    Reader reader(data);
+    ByteReader reader(data);
     for (std::size_t i = 0; i < count; ++i) {
         Bytes element;
         auto size = static_cast<std::size_t>(type.size);
         if (type.kind == CipKind::String) {
             element = reader.bytes(static_cast<std::size_t>(type.lengthBytes));
-            Reader length(element);
+            ByteReader length(element);
             size = static_cast<std::size_t>(length.number(element.size())) *
                    static_cast<std::size_t>(type.characterBytes);
         }
@@ -344,7 +344,7 @@ CipServer::Reply CipServer::writeTag(const Request& request)
     Target target;
     if (const auto error = locate(request.path, target))
         return *error;
-    Reader reader(request.data);
+    ByteReader reader(request.data);
     if (!reader.has(8))
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
     const auto type = static_cast<std::uint16_t>(reader.number(2));

@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_LINKLAYER_H
 #define MICRO850_SIMULATOR_LINKLAYER_H
 
-#include "CipType.h"
+#include "Bytes.h"
 #include "Clock.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_REPLAY_H
 #define MICRO850_SIMULATOR_REPLAY_H
 
-#include "CipType.h"
+#include "Bytes.h"
 #include "Trace.h"
 
 #include <map>

@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_SERIALPORT_H
 #define MICRO850_SIMULATOR_SERIALPORT_H
 
-#include "CipType.h"
+#include "Bytes.h"
 
 #include <string>
 

@@ -1,7 +1,7 @@
 #ifndef MICRO850_SIMULATOR_TRANSMISSIONSPLITTER_H
 #define MICRO850_SIMULATOR_TRANSMISSIONSPLITTER_H
 
-#include "CipType.h"
+#include "Bytes.h"
 
 #include <optional>
 #include <vector>

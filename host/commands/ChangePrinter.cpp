@@ -20,6 +20,13 @@ Json valueObject(const PollLoop& loop, const Variable& variable, int index)
     return variable.length == 1 ? all.front() : all;
 }
 
+// -1 before the first answer.
+qint64 roundTripMs(const LineStatistics& line, int percent)
+{
+    const std::optional<Duration> time = line.roundTrip(percent);
+    return time ? wholeMilliseconds(*time) : -1;
+}
+
 Json stationObject(const Station& station)
 {
     const Counters& counters = station.counters;
@@ -106,7 +113,7 @@ void ChangePrinter::tellStates()
 }
 
 void summarise(const PollLoop& loop, const Project& project, const LiveTable& table,
-               const Output& output, qint64 now)
+               const Output& output, Duration now)
 {
     if (output.json()) {
         const LineStatistics& line = loop.statistics();
@@ -117,8 +124,8 @@ void summarise(const PollLoop& loop, const Project& project, const LiveTable& ta
                       {{"port", project.port.device.toStdString()},
                        {"transactionsPerSecond", line.transactionsPerSecond(now)},
                        {"percentInUse", line.percentInUse(now, project.port)},
-                       {"roundTripMsMedian", line.roundTripMs(50)},
-                       {"roundTripMs99", line.roundTripMs(99)},
+                       {"roundTripMsMedian", roundTripMs(line, 50)},
+                       {"roundTripMs99", roundTripMs(line, 99)},
                        {"reopened", loop.lineReconnects()},
                        {"stations", stations}}}},
                     QString());

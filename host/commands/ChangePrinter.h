@@ -43,7 +43,7 @@ Json changeObject(const PollLoop& loop, const Project& project, int variable,
                   const QDateTime& time);
 /// The line and each station at the end of a command.
 void summarise(const PollLoop& loop, const Project& project, const LiveTable& table,
-               const Output& output, qint64 now);
+               const Output& output, Duration now);
 
 } // namespace micro850::host
 

@@ -40,12 +40,12 @@ public:
 
     const DriverApi& api() const { return m_library.api(); }
     SerialLine& line() { return m_line; }
-    const SteadyClock& clock() const { return m_clock; }
+    const SystemClock& clock() const { return m_clock; }
 
 private:
     DriverLibrary m_library;
     SerialLine m_line;
-    SteadyClock m_clock;
+    SystemClock m_clock;
 };
 
 } // namespace micro850::host

@@ -11,7 +11,7 @@ namespace micro850::host {
 namespace {
 
 // What a kill may cost at most.
-const qint64 kFlushMs = 500;
+const std::chrono::milliseconds kFlushInterval(500);
 
 struct LogOptions
 {
@@ -65,23 +65,23 @@ public:
           m_changes(loop, project, m_table, output),
           m_recorder(options.csv.empty() ? Recorder::sqlite(textOf(options.sqlite))
                                          : Recorder::csv(textOf(options.csv))),
-          m_match(textOf(options.match)), m_intervalMs(static_cast<qint64>(options.interval * 1000))
+          m_match(textOf(options.match)), m_interval(fromSeconds(options.interval))
     {
         m_changes.setMatch(m_match);
     }
 
-    void update(qint64 now)
+    void update(Duration now)
     {
-        if (m_intervalMs == 0) {
+        if (m_interval == Duration(0)) {
             write(m_changes.takeChanged());
         } else if (now >= m_next) {
-            m_next = now + m_intervalMs;
+            m_next = now + m_interval;
             write(all());
         }
         m_changes.tellStates();
         if (now < m_nextFlush)
             return;
-        m_nextFlush = now + kFlushMs;
+        m_nextFlush = now + kFlushInterval;
         m_recorder->flush();
     }
     void close() { m_recorder->flush(); }
@@ -114,9 +114,9 @@ private:
     ChangePrinter m_changes;
     std::unique_ptr<Recorder> m_recorder;
     QString m_match;
-    qint64 m_intervalMs;
-    qint64 m_next = 0;
-    qint64 m_nextFlush = 0;
+    Duration m_interval;
+    Duration m_next{0};
+    Duration m_nextFlush{0};
     qint64 m_rows = 0;
 };
 
@@ -133,8 +133,8 @@ int run(const LogOptions& options)
     loop.exchange().setObserver(trace.observer());
     Logging logging(loop, project, options, output);
     Interrupt interrupt;
-    const auto end = static_cast<qint64>(options.seconds * 1000);
-    const auto over = [&] { return end != 0 && connection.clock().now() >= end; };
+    const Duration end = fromSeconds(options.seconds);
+    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
     while (!interrupt.requested() && !over()) {
         loop.step();
         logging.update(connection.clock().now());

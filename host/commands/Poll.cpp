@@ -11,7 +11,7 @@ namespace micro850::host {
 
 namespace {
 
-const int kTableIntervalMs = 100;
+const std::chrono::milliseconds kTableInterval(100);
 
 struct PollOptions
 {
@@ -59,7 +59,7 @@ public:
         : m_clock(clock), m_table(loop, project), m_printer(loop, project, m_table, output),
           m_view(m_table, textOf(options.match), orderOf(options.sort)), m_terminal(stdout),
           m_live(m_terminal.isTerminal() && !output.json()),
-          m_intervalMs(m_live ? kTableIntervalMs : static_cast<int>(options.interval * 1000))
+          m_interval(m_live ? kTableInterval : fromSeconds(options.interval))
     {
         if (m_live)
             m_keyboard = std::make_unique<Keyboard>(STDIN_FILENO);
@@ -72,10 +72,10 @@ public:
         const QList<Key> keys = m_keyboard ? m_keyboard->pressed() : QList<Key>();
         for (const Key& key : keys)
             m_view.handle(key);
-        const qint64 now = m_clock.now();
+        const Duration now = m_clock.now();
         if (now < m_next && keys.isEmpty())
             return;
-        m_next = now + m_intervalMs;
+        m_next = now + m_interval;
         if (m_live) {
             m_terminal.draw(m_view.page(m_terminal.width(), m_terminal.rows(), now));
         } else {
@@ -91,7 +91,7 @@ public:
     /// how the line did is the summary's.
     void close()
     {
-        m_next = 0;
+        m_next = Duration(0);
         if (m_live) {
             const int kHeadingAndPrompt = 2;
             m_terminal.draw(m_view.values(m_terminal.width(), m_terminal.rows() - kHeadingAndPrompt,
@@ -111,8 +111,8 @@ private:
     Terminal m_terminal;
     std::unique_ptr<Keyboard> m_keyboard;
     bool m_live;
-    int m_intervalMs;
-    qint64 m_next = 0;
+    Duration m_interval;
+    Duration m_next{0};
 };
 
 int run(const PollOptions& options)
@@ -125,8 +125,8 @@ int run(const PollOptions& options)
     loop.exchange().setObserver(trace.observer());
     Display display(loop, project, connection.clock(), options, output);
     Interrupt interrupt;
-    const auto end = static_cast<qint64>(options.seconds * 1000);
-    const auto over = [&] { return end != 0 && connection.clock().now() >= end; };
+    const Duration end = fromSeconds(options.seconds);
+    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
     while (!interrupt.requested() && !display.quits() && !over()) {
         loop.step();
         display.update();

@@ -30,6 +30,7 @@ QString hex(quint32 value, int digits)
 QString report(const PortSettings& port, const ProbeResult& result)
 {
     const Identity& identity = result.identity;
+    const qint64 ms = wholeMilliseconds(result.roundTrip);
     const QStringList lines = {QStringLiteral("port          %1").arg(port.text()),
                                QStringLiteral("vendor        %1").arg(identity.vendor),
                                QStringLiteral("device type   %1").arg(identity.deviceType),
@@ -41,9 +42,7 @@ QString report(const PortSettings& port, const ProbeResult& result)
                                QStringLiteral("status        %1").arg(hex(identity.status, 4)),
                                QStringLiteral("name          %1").arg(identity.name),
                                QStringLiteral("round trip    %1 ms")
-                                   .arg(result.roundTripMs == 0
-                                            ? QStringLiteral("<1")
-                                            : QString::number(result.roundTripMs))};
+                                   .arg(ms == 0 ? QStringLiteral("<1") : QString::number(ms))};
     return lines.join('\n');
 }
 
@@ -64,7 +63,7 @@ Json reportObject(const PortSettings& port, const ProbeResult& result)
     object["serial"] = identity.serial;
     object["status"] = identity.status;
     object["name"] = identity.name.toStdString();
-    object["roundTripMs"] = result.roundTripMs;
+    object["roundTripMs"] = wholeMilliseconds(result.roundTrip);
     return object;
 }
 
@@ -78,7 +77,7 @@ int run(const ProbeOptions& options)
         speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
     TraceFile trace(textOf(options.line.trace));
     const DriverLibrary library(textOf(options.line.driver));
-    const SteadyClock clock;
+    const SystemClock clock;
     Prober prober(library.api(), options.station);
     Progress progress(output, QStringLiteral("trying speeds"), speeds.size());
     const Interrupt interrupt;

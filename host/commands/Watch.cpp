@@ -14,7 +14,7 @@ namespace micro850::host {
 namespace {
 
 const int kMostPlots = 4;
-const int kPlotIntervalMs = 100;
+const std::chrono::milliseconds kPlotInterval(100);
 
 struct WatchOptions
 {
@@ -69,13 +69,13 @@ void requirePlottable(const WatchOptions& options)
 class Charts
 {
 public:
-    Charts(const PollLoop& loop, const Project& project, qint64 spanMs)
-        : m_loop(loop), m_project(project), m_plots(project.variables.size(), Plot(spanMs)),
-          m_spanMs(spanMs)
+    Charts(const PollLoop& loop, const Project& project, Duration span)
+        : m_loop(loop), m_project(project), m_plots(project.variables.size(), Plot(span)),
+          m_span(span)
     {
     }
 
-    void sample(qint64 now)
+    void sample(Duration now)
     {
         for (int i = 0; i < m_plots.size(); ++i) {
             const bool good = m_loop.quality(i) == Quality::Good;
@@ -84,7 +84,7 @@ public:
         }
     }
 
-    Page page(int width, int rows, qint64 now, const QString& line) const
+    Page page(int width, int rows, Duration now, const QString& line) const
     {
         const int height = std::max(1, (rows - 1) / m_plots.size() - 1);
         Page page;
@@ -93,7 +93,8 @@ public:
             for (const QString& text : m_plots.at(i).lines(width, height, now))
                 page.append({text, Style::Plain});
         }
-        const QString footer = QStringLiteral("%1 s   q quit   %2").arg(m_spanMs / 1000).arg(line);
+        const QString footer =
+            QStringLiteral("%1 s   q quit   %2").arg(m_span / std::chrono::seconds(1)).arg(line);
         page.append({cut(footer, width), Style::Faint});
         while (page.size() > std::max(1, rows))
             page.removeFirst();
@@ -101,7 +102,7 @@ public:
     }
 
 private:
-    QString title(int variable, qint64 now) const
+    QString title(int variable, Duration now) const
     {
         const ValueStore& values = m_loop.values();
         QString title = m_project.variables.at(variable).name;
@@ -119,7 +120,7 @@ private:
     const PollLoop& m_loop;
     const Project& m_project;
     QVector<Plot> m_plots;
-    qint64 m_spanMs;
+    Duration m_span;
 };
 
 /// Draws the charts until the person or the time ends it.
@@ -127,14 +128,14 @@ class PlotDisplay
 {
 public:
     PlotDisplay(const PollLoop& loop, const Project& project, const LiveTable& table, double span)
-        : m_table(table), m_charts(loop, project, static_cast<qint64>(span * 1000)),
-          m_terminal(stdout), m_keyboard(STDIN_FILENO)
+        : m_table(table), m_charts(loop, project, fromSeconds(span)), m_terminal(stdout),
+          m_keyboard(STDIN_FILENO)
     {
     }
     ~PlotDisplay() { m_terminal.restore(); }
 
     /// False once the person has asked to end.
-    bool update(qint64 now)
+    bool update(Duration now)
     {
         m_charts.sample(now);
         for (const Key& key : m_keyboard.pressed()) {
@@ -143,7 +144,7 @@ public:
         }
         if (now < m_next)
             return true;
-        m_next = now + kPlotIntervalMs;
+        m_next = now + kPlotInterval;
         m_terminal.draw(
             m_charts.page(m_terminal.width(), m_terminal.rows(), now, m_table.lineState()));
         return true;
@@ -154,7 +155,7 @@ private:
     Charts m_charts;
     Terminal m_terminal;
     Keyboard m_keyboard;
-    qint64 m_next = 0;
+    Duration m_next{0};
 };
 
 int run(const WatchOptions& options)
@@ -173,8 +174,8 @@ int run(const WatchOptions& options)
     if (options.plot)
         plot = std::make_unique<PlotDisplay>(loop, project, table, options.span);
     Interrupt interrupt;
-    const auto end = static_cast<qint64>(options.seconds * 1000);
-    const auto over = [&] { return end != 0 && connection.clock().now() >= end; };
+    const Duration end = fromSeconds(options.seconds);
+    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
     for (bool wanted = true; wanted && !interrupt.requested() && !over();) {
         loop.step();
         if (plot) {

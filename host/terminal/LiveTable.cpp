@@ -86,10 +86,11 @@ QString cut(const QString& text, int width)
     return width < 1 ? QString() : text.left(width - 1) + QChar(0x2026);
 }
 
-QString ageText(qint64 ms)
+QString ageText(std::optional<Duration> age)
 {
-    if (ms < 0)
+    if (!age)
         return QStringLiteral("-");
+    const qint64 ms = wholeMilliseconds(*age);
     if (ms < 10000)
         return QStringLiteral("%1.%2 s").arg(ms / 1000).arg(ms % 1000 / 100);
     if (ms < 120000)
@@ -99,24 +100,24 @@ QString ageText(qint64 ms)
     return QStringLiteral("%1 h").arg(ms / 3600000);
 }
 
-QStringList LiveTable::variableRow(int variable, qint64 now) const
+QStringList LiveTable::variableRow(int variable, Duration now) const
 {
     const ValueStore& values = m_loop.values();
     const Variable& asked = m_project.variables.at(variable);
     const CipType* type = values.type(variable) ? values.type(variable) : asked.type;
-    const qint64 at = values.refreshedAt(variable);
+    const std::optional<Duration> at = values.refreshedAt(variable);
     return {asked.name,
             type ? QString::fromLatin1(type->name) : QStringLiteral("?"),
             values.text(variable),
-            ageText(at < 0 ? -1 : now - at),
+            ageText(at ? std::make_optional(now - *at) : std::nullopt),
             qualityText(m_loop.quality(variable)),
             values.error(variable)};
 }
 
-qint64 LiveTable::age(int variable, qint64 now) const
+Duration LiveTable::age(int variable, Duration now) const
 {
-    const qint64 at = m_loop.values().refreshedAt(variable);
-    return at < 0 ? std::numeric_limits<qint64>::max() : now - at;
+    const std::optional<Duration> at = m_loop.values().refreshedAt(variable);
+    return at ? now - *at : Duration::max();
 }
 
 Style LiveTable::styleOf(int variable) const
@@ -126,7 +127,7 @@ Style LiveTable::styleOf(int variable) const
     return m_loop.quality(variable) == Quality::Good ? Style::Plain : Style::Warning;
 }
 
-Page LiveTable::rows(const QVector<int>& variables, int width, qint64 now) const
+Page LiveTable::rows(const QVector<int>& variables, int width, Duration now) const
 {
     QVector<QStringList> cells;
     for (const int variable : variables)
@@ -140,17 +141,18 @@ Page LiveTable::rows(const QVector<int>& variables, int width, qint64 now) const
     return page;
 }
 
-QString LiveTable::lineStatistics(qint64 now) const
+QString LiveTable::lineStatistics(Duration now) const
 {
     const LineStatistics& line = m_loop.statistics();
     qint64 retries = 0;
     for (const Station& station : m_loop.stations())
         retries += station.counters.retries;
     const auto time = [&line](int percent) {
-        const qint64 ms = line.roundTripMs(percent);
-        if (ms <= 0)
-            return ms < 0 ? QStringLiteral("-") : QStringLiteral("<1 ms");
-        return QStringLiteral("%1 ms").arg(ms);
+        const std::optional<Duration> time = line.roundTrip(percent);
+        if (!time)
+            return QStringLiteral("-");
+        const qint64 ms = wholeMilliseconds(*time);
+        return ms == 0 ? QStringLiteral("<1 ms") : QStringLiteral("%1 ms").arg(ms);
     };
     return QStringLiteral("%1 transactions/s, %2 % in use, round trip %3, 99 % within %4, "
                           "retries %5, reopened %6")
@@ -168,7 +170,7 @@ QString LiveTable::lineState() const
     return QStringLiteral("line %1: DOWN, %2").arg(m_project.port.text(), m_loop.lineError());
 }
 
-QStringList LiveTable::stationLines(qint64 now) const
+QStringList LiveTable::stationLines(Duration now) const
 {
     QStringList lines;
     for (const Station& station : m_loop.stations()) {
@@ -178,8 +180,8 @@ QStringList LiveTable::stationLines(qint64 now) const
         line += QStringLiteral(": %1").arg(stateText(station.state));
         if (!station.error.isEmpty())
             line += QStringLiteral(", %1").arg(station.error);
-        if (!station.alive() && station.lastAnswer >= 0)
-            line += QStringLiteral(", last answer %1 ago").arg(ageText(now - station.lastAnswer));
+        if (!station.alive() && station.lastAnswer)
+            line += QStringLiteral(", last answer %1 ago").arg(ageText(now - *station.lastAnswer));
         const Counters& counters = station.counters;
         line += QStringLiteral("; sent %1, answered %2, timed out %3, corrupt %4, late %5, "
                                "reconnects %6")

@@ -17,23 +17,23 @@ public:
     int size() const { return m_project.variables.size(); }
     QString name(int variable) const { return m_project.variables.at(variable).name; }
     /// Milliseconds since the last good reply; the largest number before the first.
-    qint64 age(int variable, qint64 now) const;
+    Duration age(int variable, Duration now) const;
 
     /// A heading, and a row for each of these variables, for a window of that width.
-    Page rows(const QVector<int>& variables, int width, qint64 now) const;
+    Page rows(const QVector<int>& variables, int width, Duration now) const;
     /// "Level = 41.5", with what is wrong with the value behind it.
     QString changeLine(int variable) const;
     /// One line a station: state and counters.
-    QStringList stationLines(qint64 now) const;
+    QStringList stationLines(Duration now) const;
     /// The line's settings, and what is wrong with it.
     QString lineState() const;
     /// How busy the line is: transactions, share in use, round trips, retries, reconnects.
-    QString lineStatistics(qint64 now) const;
+    QString lineStatistics(Duration now) const;
     /// True when every variable was read at least once.
     bool complete() const;
 
 private:
-    QStringList variableRow(int variable, qint64 now) const;
+    QStringList variableRow(int variable, Duration now) const;
     Style styleOf(int variable) const;
 
     const PollLoop& m_loop;
@@ -41,7 +41,7 @@ private:
 };
 
 /// "0.3 s", "12 s", "5 min", "2 h"; "-" below 0.
-QString ageText(qint64 ms);
+QString ageText(std::optional<Duration> age);
 /// "good", "stale" or "never".
 QString qualityText(Quality quality);
 /// A text of at most so many characters; a longer one is cut with a mark.

@@ -9,6 +9,7 @@ namespace micro850::host {
 namespace {
 
 const int kStepsOfCell = 8;
+const std::chrono::milliseconds kLeastColumn(1);
 
 // A cell that is filled from below by so many eighths.
 QChar block(int steps)
@@ -20,7 +21,7 @@ QChar block(int steps)
 
 } // namespace
 
-void Plot::add(qint64 now, double value)
+void Plot::add(Duration now, double value)
 {
     const bool same =
         !m_changes.isEmpty() && (m_changes.last().second == value ||
@@ -29,20 +30,20 @@ void Plot::add(qint64 now, double value)
         return;
     m_changes.append({now, value});
     // The last one before the span still counts.
-    while (m_changes.size() > 1 && m_changes.at(1).first < now - 2 * m_spanMs)
+    while (m_changes.size() > 1 && m_changes.at(1).first < now - 2 * m_span)
         m_changes.removeFirst();
 }
 
-double Plot::valueAt(qint64 time) const
+double Plot::valueAt(Duration time) const
 {
-    const auto after =
-        std::upper_bound(m_changes.begin(), m_changes.end(), time,
-                         [](qint64 at, const QPair<qint64, double>& c) { return at < c.first; });
+    const auto after = std::upper_bound(
+        m_changes.begin(), m_changes.end(), time,
+        [](Duration at, const QPair<Duration, double>& c) { return at < c.first; });
     return after == m_changes.begin() ? std::numeric_limits<double>::quiet_NaN()
                                       : (after - 1)->second;
 }
 
-Plot::Limits Plot::limits(qint64 now) const
+Plot::Limits Plot::limits(Duration now) const
 {
     Limits limits = {std::numeric_limits<double>::max(), std::numeric_limits<double>::lowest(),
                      false};
@@ -53,15 +54,15 @@ Plot::Limits Plot::limits(qint64 now) const
         limits.least = std::min(limits.least, value);
         limits.most = std::max(limits.most, value);
     };
-    take(valueAt(now - m_spanMs));
-    for (const QPair<qint64, double>& change : m_changes) {
-        if (change.first > now - m_spanMs && change.first <= now)
+    take(valueAt(now - m_span));
+    for (const QPair<Duration, double>& change : m_changes) {
+        if (change.first > now - m_span && change.first <= now)
             take(change.second);
     }
     return limits;
 }
 
-QString Plot::range(qint64 now) const
+QString Plot::range(Duration now) const
 {
     const Limits found = limits(now);
     if (!found.any)
@@ -69,18 +70,19 @@ QString Plot::range(qint64 now) const
     return QStringLiteral("%1 to %2").arg(found.least, 0, 'g', 6).arg(found.most, 0, 'g', 6);
 }
 
-QStringList Plot::lines(int width, int rows, qint64 now) const
+QStringList Plot::lines(int width, int rows, Duration now) const
 {
     const Limits found = limits(now);
-    const qint64 columnMs = std::max<qint64>(1, m_spanMs / std::max(1, width));
-    const qint64 last = now - now % columnMs;
+    const Duration wide = m_span / std::max(1, width);
+    const Duration columnWidth = std::max<Duration>(kLeastColumn, wide);
+    const Duration last = now - now % columnWidth;
     QStringList lines;
     for (int row = rows - 1; row >= 0; --row) {
         QString line;
         for (int column = 0; column < width; ++column) {
             const double value = column + 1 == width
                                      ? valueAt(now)
-                                     : valueAt(last - (width - 1 - column) * columnMs);
+                                     : valueAt(last - (width - 1 - column) * columnWidth);
             const double height = found.most > found.least
                                       ? (value - found.least) / (found.most - found.least)
                                       : 0.5; // a value that does not move stands in the middle

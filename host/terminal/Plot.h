@@ -1,6 +1,8 @@
 #ifndef MICRO850_HOST_PLOT_H
 #define MICRO850_HOST_PLOT_H
 
+#include "Clock.h"
+
 #include <QtCore/QPair>
 #include <QtCore/QStringList>
 #include <QtCore/QVector>
@@ -11,15 +13,15 @@ namespace micro850::host {
 class Plot
 {
 public:
-    explicit Plot(qint64 spanMs) : m_spanMs(spanMs) {}
+    explicit Plot(Duration span) : m_span(span) {}
 
     /// The value from now on; NaN where there is none. Times do not go back.
-    void add(qint64 now, double value);
+    void add(Duration now, double value);
     /// So many lines of so many characters. Columns stand at multiples of their own time, so that
     /// the picture moves by whole characters.
-    QStringList lines(int width, int rows, qint64 now) const;
+    QStringList lines(int width, int rows, Duration now) const;
     /// "1.5 to 20", over the whole span; "" without a value.
-    QString range(qint64 now) const;
+    QString range(Duration now) const;
 
 private:
     struct Limits
@@ -28,11 +30,11 @@ private:
         double most;
         bool any;
     };
-    Limits limits(qint64 now) const;
-    double valueAt(qint64 time) const;
+    Limits limits(Duration now) const;
+    double valueAt(Duration time) const;
 
-    qint64 m_spanMs;
-    QVector<QPair<qint64, double>> m_changes;
+    Duration m_span;
+    QVector<QPair<Duration, double>> m_changes;
 };
 
 } // namespace micro850::host

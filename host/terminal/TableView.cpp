@@ -92,7 +92,7 @@ void TableView::scroll(const Key& key)
     }
 }
 
-QVector<int> TableView::visible(qint64 now) const
+QVector<int> TableView::visible(Duration now) const
 {
     QVector<int> variables;
     for (int i = 0; i < m_table.size(); ++i) {
@@ -111,7 +111,7 @@ QVector<int> TableView::visible(qint64 now) const
     return variables;
 }
 
-Page TableView::values(int width, int rows, qint64 now)
+Page TableView::values(int width, int rows, Duration now)
 {
     const QVector<int> variables = visible(now);
     m_count = variables.size();
@@ -120,7 +120,7 @@ Page TableView::values(int width, int rows, qint64 now)
     return m_table.rows(variables.mid(m_top, m_room), width, now);
 }
 
-Page TableView::page(int width, int rows, qint64 now)
+Page TableView::page(int width, int rows, Duration now)
 {
     QStringList below = {QString(), m_table.lineState(), m_table.lineStatistics(now)};
     below += m_table.stationLines(now);

@@ -23,14 +23,14 @@ public:
     /// True once the person has asked to end.
     bool quits() const { return m_quits; }
     /// The page for a window of this size: variables, line, stations, and what the keys do.
-    Page page(int width, int rows, qint64 now);
+    Page page(int width, int rows, Duration now);
     /// The heading and at most so many of the variables alone.
-    Page values(int width, int rows, qint64 now);
+    Page values(int width, int rows, Duration now);
 
 private:
     void handleMatch(const Key& key);
     void scroll(const Key& key);
-    QVector<int> visible(qint64 now) const;
+    QVector<int> visible(Duration now) const;
     QString footer() const;
 
     const LiveTable& m_table;

@@ -58,7 +58,7 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         if (answer.outcome == Answer::Outcome::TimedOut)
             continue;
         exchange.acknowledge();
-        result.roundTripMs = answer.roundTripMs;
+        result.roundTrip = answer.roundTrip;
         result.identity = decodeIdentity(answer.reply.body);
         result.answered = answer.reply.good() && result.identity.valid;
         if (!result.answered) {

@@ -12,7 +12,7 @@ struct ProbeResult
 {
     bool answered = false;
     Identity identity;
-    qint64 roundTripMs = 0;
+    Duration roundTrip{0};
     QString error; ///< why there is no identity
 };
 

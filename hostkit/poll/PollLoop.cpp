@@ -6,22 +6,22 @@ namespace micro850::host {
 
 namespace {
 
-const int kIdlePauseMs = 20;
+const std::chrono::milliseconds kIdlePause(20);
 // The first pause before a device that went away is opened again, and the longest.
-const int kFirstOpenPauseMs = 250;
-const int kLongestOpenPauseMs = 5000;
+const std::chrono::milliseconds kFirstOpenPause(250);
+const std::chrono::seconds kLongestOpenPause(5);
 // The same for the probes of a station that does not answer.
-const int kFirstProbePauseMs = 1000;
-const int kLongestProbePauseMs = 5000;
+const std::chrono::seconds kFirstProbePause(1);
+const std::chrono::seconds kLongestProbePause(5);
 // Set-ups without an answer until a station counts as dead. One may fall victim to a peer that
 // takes it for the repetition of the last message it saw.
 const int kSetUpsUntilDead = 2;
 // Connection requests that the driver sends within one set-up.
 const int kOpensOfSetUp = 4;
 
-int grown(int pauseMs, int first, int longest)
+Duration grown(Duration pause, Duration first, Duration longest)
 {
-    return std::min(longest, std::max(first, 2 * pauseMs));
+    return std::min(longest, std::max(first, 2 * pause));
 }
 
 } // namespace
@@ -77,7 +77,7 @@ bool PollLoop::openLine()
         m_wasOpen = true;
         return true;
     }
-    const qint64 now = m_clock.now();
+    const Duration now = m_clock.now();
     if (now < m_nextOpen) {
         pauseFor(m_nextOpen - now);
         return false;
@@ -87,8 +87,8 @@ bool PollLoop::openLine()
         m_lineError.clear();
         return true;
     }
-    m_openPauseMs = grown(m_openPauseMs, kFirstOpenPauseMs, kLongestOpenPauseMs);
-    m_nextOpen = now + m_openPauseMs;
+    m_openPause = grown(m_openPause, kFirstOpenPause, kLongestOpenPause);
+    m_nextOpen = now + m_openPause;
     return false;
 }
 
@@ -98,13 +98,13 @@ void PollLoop::loseLine()
     storeArrived();
     m_line.close();
     m_lineError = QStringLiteral("the device is gone");
-    m_openPauseMs = grown(m_openPauseMs, kFirstOpenPauseMs, kLongestOpenPauseMs);
-    m_nextOpen = m_clock.now() + m_openPauseMs;
+    m_openPause = grown(m_openPause, kFirstOpenPause, kLongestOpenPause);
+    m_nextOpen = m_clock.now() + m_openPause;
 }
 
-void PollLoop::pauseFor(qint64 ms)
+void PollLoop::pauseFor(Duration time)
 {
-    m_line.pause(static_cast<int>(std::min<qint64>(ms, kIdlePauseMs)));
+    m_line.pause(std::min<Duration>(time, kIdlePause));
 }
 
 // One idle call stands between two bursts of the driver; from the second on nothing is to be sent
@@ -115,7 +115,7 @@ void PollLoop::idle()
     if (++m_idleSteps < 2)
         return;
     m_exchange.acknowledge();
-    pauseFor(kIdlePauseMs);
+    pauseFor(kIdlePause);
 }
 
 void PollLoop::finish()
@@ -136,17 +136,17 @@ void PollLoop::transact(Protocol& sent)
     const Request& request = answer.request;
     const bool answered = answer.outcome == Answer::Outcome::Answered;
     m_statistics.add(m_clock.now(), static_cast<int>(station.counters.bytes() - bytesBefore),
-                     answered ? answer.roundTripMs : -1);
+                     answered ? std::make_optional(answer.roundTrip) : std::nullopt);
     switch (answer.outcome) {
     case Answer::Outcome::DeviceGone:
         loseLine();
         break;
     case Answer::Outcome::TimedOut:
-        m_openPauseMs = 0; // the device carries bytes, even if nobody answers
+        m_openPause = Duration(0); // the device carries bytes, even if nobody answers
         takeSilence(sent, request);
         break;
     case Answer::Outcome::Answered:
-        m_openPauseMs = 0;
+        m_openPause = Duration(0);
         station.lastAnswer = m_clock.now();
         if (sent.var.tagName.isEmpty())
             takeSetUpReply(sent, request, answer);
@@ -192,7 +192,7 @@ void PollLoop::connected(Station& station)
     station.state = Station::State::Connected;
     station.probing = false;
     station.failedSetUps = 0;
-    station.probePauseMs = 0;
+    station.probePause = Duration(0);
     station.error.clear();
     for (int i = 0; i < m_values.size(); ++i) {
         const bool due = returns || !m_values.wasRead(i);
@@ -263,8 +263,8 @@ void PollLoop::markDead(Station& station)
 {
     station.state = Station::State::Dead;
     station.probing = false;
-    station.probePauseMs = grown(station.probePauseMs, kFirstProbePauseMs, kLongestProbePauseMs);
-    station.nextProbe = m_clock.now() + station.probePauseMs;
+    station.probePause = grown(station.probePause, kFirstProbePause, kLongestProbePause);
+    station.nextProbe = m_clock.now() + station.probePause;
     m_driver.enableStation(station.number, false);
     QQueue<int> ids = m_waiting.take(station.number);
     ids += m_queued.take(station.number);
@@ -278,7 +278,7 @@ void PollLoop::markDead(Station& station)
 
 void PollLoop::probeDeadStations()
 {
-    const qint64 now = m_clock.now();
+    const Duration now = m_clock.now();
     for (Station& station : m_stations) {
         if (station.state != Station::State::Dead || station.probing || now < station.nextProbe)
             continue;

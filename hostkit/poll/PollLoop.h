@@ -54,7 +54,7 @@ public:
 private:
     bool openLine();
     void loseLine();
-    void pauseFor(qint64 ms);
+    void pauseFor(Duration time);
     void idle();
 
     void probeDeadStations();
@@ -93,7 +93,7 @@ private:
         TagKey key;
         int element;
         QByteArray values;
-        qint64 at;
+        Duration at;
     };
 
     const Project& m_project;
@@ -108,17 +108,17 @@ private:
     QHash<int, Operation> m_operations;
     QMap<int, QQueue<int>> m_waiting; ///< ids, by station
     QMap<int, int> m_queued;          ///< the one operation of a station that the driver has
-    QMap<int, qint64> m_leftOut;      ///< variables that are not read, and until when
+    QMap<int, Duration> m_leftOut;    ///< variables that are not read, and until when
     QMap<TagKey, QVector<int>> m_variablesOf;
-    qint64 m_nextLook = 0;
+    Duration m_nextLook{0};
     int m_lastId = 0;
     bool m_replan = true;
     std::optional<Arrived> m_arrived;
     QString m_refusal;             ///< status of the reply in hand, when it refuses
     bool m_connectionLost = false; ///< the reply in hand says so
     QString m_lineError;
-    qint64 m_nextOpen = 0;
-    int m_openPauseMs = 0;
+    Duration m_nextOpen{0};
+    Duration m_openPause{0};
     qint64 m_lineReconnects = 0;
     bool m_wasOpen = false;
     int m_idleSteps = 0;

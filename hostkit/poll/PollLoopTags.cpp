@@ -3,7 +3,6 @@
 #include "PollLoop.h"
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 namespace micro850::host {
@@ -11,24 +10,24 @@ namespace micro850::host {
 namespace {
 
 // How often what is due is looked for.
-const int kLookIntervalMs = 100;
+const std::chrono::milliseconds kLookInterval(100);
 // When a tag that the controller refused is tried again: a program download may bring it.
-const int kRefusedPauseMs = 10000;
+const std::chrono::seconds kRefusedPause(10);
 // When the type of a tag whose station did not answer is asked for again.
-const int kUnansweredPauseMs = 1000;
+const std::chrono::seconds kUnansweredPause(1);
 // How often an operation is begun when its connection is lost meanwhile.
 const int kAttempts = 3;
-const qint64 kNever = std::numeric_limits<qint64>::max();
+const Duration kNever = Duration::max();
 
 } // namespace
 
 // Asks for the type of every tag that a variable shows, and lets variables back into the cycle.
 void PollLoop::lookAfterTags()
 {
-    const qint64 now = m_clock.now();
+    const Duration now = m_clock.now();
     if (now < m_nextLook)
         return;
-    m_nextLook = now + kLookIntervalMs;
+    m_nextLook = now + kLookInterval;
     for (auto left = m_leftOut.begin(); left != m_leftOut.end();) {
         const bool due = left.value() <= now;
         m_replan = m_replan || due;
@@ -174,7 +173,7 @@ void PollLoop::takeRefusal(const RW_VAR& sent, const Request& request)
     const int variable = ours ? operation->variable : variableOf(sent.varIndex);
     if (variable >= 0) {
         m_values.setError(variable, m_refusal);
-        m_leftOut[variable] = m_clock.now() + kRefusedPauseMs;
+        m_leftOut[variable] = m_clock.now() + kRefusedPause;
     } else if (!ours) {
         // One of those that the driver merged reaches beyond the tag: each is read on its own.
         m_tags[key].mergeable = false;
@@ -187,7 +186,7 @@ void PollLoop::refuseTag(const TagKey& key, const QString& why)
     Tag& tag = m_tags[key];
     tag.state = Tag::State::Refused;
     tag.error = why;
-    tag.retryAt = m_clock.now() + kRefusedPauseMs;
+    tag.retryAt = m_clock.now() + kRefusedPause;
     for (const int variable : m_variablesOf.value(key))
         m_values.setError(variable, why);
 }
@@ -322,7 +321,7 @@ void PollLoop::end(Operation& operation, Operation::State state, const QString& 
     Tag& tag = m_tags[operation.tag];
     if (operation.kind == Operation::Kind::Learn && tag.state == Tag::State::Asking) {
         tag.state = Tag::State::Unknown;
-        tag.retryAt = m_clock.now() + kUnansweredPauseMs;
+        tag.retryAt = m_clock.now() + kUnansweredPause;
     }
     if (!operation.awaited)
         m_operations.remove(operation.id);

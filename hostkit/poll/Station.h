@@ -3,6 +3,8 @@
 
 #include "Exchange.h"
 
+#include <optional>
+
 namespace micro850::host {
 
 /// One controller as the host sees it.
@@ -21,10 +23,10 @@ struct Station
 
     int failedSetUps = 0; ///< in a row
     int refusedOpens = 0; ///< connection requests without a valid answer, in this set-up
-    int probePauseMs = 0;
-    qint64 nextProbe = 0;
+    Duration probePause{0};
+    Duration nextProbe{0};
     bool probing = false; ///< dead, and asked for its connection at present
-    qint64 lastAnswer = -1;
+    std::optional<Duration> lastAnswer;
     bool wasConnected = false;
     Counters counters;
 

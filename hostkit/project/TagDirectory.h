@@ -2,6 +2,7 @@
 #define MICRO850_HOST_TAGDIRECTORY_H
 
 #include "CipType.h"
+#include "Clock.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QPair>
@@ -40,7 +41,7 @@ struct Tag
     /// Why the controller refused it, or why its values are not shown.
     QString error;
     /// When a refused tag is asked for again.
-    qint64 retryAt = 0;
+    Duration retryAt{0};
     /// The area that writes to it carry.
     int area = 0;
     /// False once the controller refused a request that spans several variables: one of them

@@ -38,7 +38,7 @@ ValueStore::ValueStore(const Project& project) : m_project(project)
         const Variable& variable = project.variables.at(i);
         State state;
         state.elements.resize(variable.length);
-        state.times.fill(-1, variable.length);
+        state.times.resize(variable.length);
         state.missing = variable.length;
         m_states.append(state);
         m_variablesOf[{variable.station, variable.tag}].append(i);
@@ -46,7 +46,7 @@ ValueStore::ValueStore(const Project& project) : m_project(project)
 }
 
 void ValueStore::store(const TagKey& tag, int element, const CipType& type, const QByteArray& bytes,
-                       qint64 now)
+                       Duration now)
 {
     const bool whole = type.kind == CipKind::String;
     const int size = whole ? bytes.size() : std::max(1, type.size);
@@ -67,11 +67,11 @@ void ValueStore::store(const TagKey& tag, int element, const CipType& type, cons
 }
 
 // Most values are the ones that were there before: those are compared, not copied.
-void ValueStore::storeElement(int variable, int index, const char* bytes, int size, qint64 now)
+void ValueStore::storeElement(int variable, int index, const char* bytes, int size, Duration now)
 {
     State& state = m_states[variable];
     const QByteArray& old = state.elements.at(index);
-    const bool first = state.times.at(index) < 0;
+    const bool first = !state.times.at(index);
     if (first)
         --state.missing;
     if (first || old.size() != size || !std::equal(old.begin(), old.end(), bytes)) {
@@ -89,18 +89,19 @@ void ValueStore::setError(int variable, const QString& error)
     m_changed.insert(variable);
 }
 
-qint64 ValueStore::refreshedAt(int variable) const
+std::optional<Duration> ValueStore::refreshedAt(int variable) const
 {
-    const QVector<qint64>& times = m_states.at(variable).times;
+    const QVector<std::optional<Duration>>& times = m_states.at(variable).times;
     return *std::min_element(times.begin(), times.end());
 }
 
-Quality ValueStore::quality(int variable, qint64 now, bool alive) const
+Quality ValueStore::quality(int variable, Duration now, bool alive) const
 {
     if (!wasRead(variable))
         return Quality::Never;
     const bool refreshed = m_project.variables.at(variable).poll == PollMode::Cyclic;
-    const bool old = refreshed && now - refreshedAt(variable) > m_project.staleAfterMs;
+    const bool old = refreshed && now - *refreshedAt(variable) >
+                                      std::chrono::milliseconds(m_project.staleAfterMs);
     return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
 }
 
@@ -115,7 +116,7 @@ QStringList ValueStore::textsBy(ElementText* elementText, int variable) const
     const Variable& asked = m_project.variables.at(variable);
     QStringList texts;
     for (int i = 0; i < state.elements.size(); ++i) {
-        if (state.times.at(i) < 0)
+        if (!state.times.at(i))
             texts += QStringLiteral("?");
         else if (asked.isScaled() && isNumber(*state.type))
             texts += QString::number(scaled(asked, *state.type, state.elements.at(i)), 'g', 9);
@@ -140,7 +141,7 @@ double ValueStore::number(int variable) const
 {
     const State& state = m_states.at(variable);
     const double none = std::numeric_limits<double>::quiet_NaN();
-    if (state.times.first() < 0)
+    if (!state.times.first())
         return none;
     if (state.type->kind == CipKind::Boolean)
         return state.elements.first().startsWith('\0') ? 0 : 1;

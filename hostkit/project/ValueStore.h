@@ -7,6 +7,8 @@
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
 
+#include <optional>
+
 namespace micro850::host {
 
 /// How far a value can be trusted.
@@ -20,7 +22,7 @@ public:
 
     /// Takes a run of a tag's elements into every variable that shows some of them.
     void store(const TagKey& tag, int element, const CipType& type, const QByteArray& bytes,
-               qint64 now);
+               Duration now);
     /// Notes why a variable has no fresh value; the next good reply clears it.
     void setError(int variable, const QString& error);
 
@@ -29,10 +31,10 @@ public:
     const CipType* type(int variable) const { return m_states.at(variable).type; }
     QString error(int variable) const { return m_states.at(variable).error; }
     bool wasRead(int variable) const { return m_states.at(variable).missing == 0; }
-    /// When the oldest of its elements was refreshed; -1 when one never was.
-    qint64 refreshedAt(int variable) const;
+    /// When the oldest of its elements was refreshed; none when one never was.
+    std::optional<Duration> refreshedAt(int variable) const;
     /// `alive` says whether the variable's station answers.
-    Quality quality(int variable, qint64 now, bool alive) const;
+    Quality quality(int variable, Duration now, bool alive) const;
     /// Its elements as text, scaled where the project says so.
     QStringList texts(int variable) const;
     /// One line: the value, or "[a, b, c]" of several elements, and the unit; "" before the first.
@@ -53,13 +55,13 @@ private:
     {
         const CipType* type = nullptr;
         QVector<QByteArray> elements;
-        QVector<qint64> times;
+        QVector<std::optional<Duration>> times;
         int missing = 0;
         QString error;
     };
     using ElementText = QString(const CipType& type, const QByteArray& element);
     QStringList textsBy(ElementText* elementText, int variable) const;
-    void storeElement(int variable, int index, const char* bytes, int size, qint64 now);
+    void storeElement(int variable, int index, const char* bytes, int size, Duration now);
 
     const Project& m_project;
     QVector<State> m_states;

@@ -19,19 +19,19 @@ struct Exchange::Attempt
     const QByteArray& frame;
     Counters& counters;
     Answer answer;
-    qint64 sentAt = 0;
-    qint64 heardAt = 0; ///< the last byte
-    int timeMs = 0;
+    Duration sentAt{0};
+    Duration heardAt{0}; ///< the last byte
+    Duration time{0};
     bool asked = false;
     int asksAgain = kLinkRetries;
     int repetitions = kLinkRetries;
     bool done = false;
 
-    qint64 deadline() const { return sentAt + timeMs; }
+    Duration deadline() const { return sentAt + time; }
     // By then a reply that is on its way has begun.
-    qint64 lateAt() const { return sentAt + timeMs / 2; }
+    Duration lateAt() const { return sentAt + time / 2; }
     // A frame in which nothing has come until then has lost its end.
-    qint64 cutOffAt() const { return heardAt + timeMs / 4; }
+    Duration cutOffAt() const { return heardAt + time / 4; }
 };
 
 Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
@@ -39,11 +39,12 @@ Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
 {
 }
 
-int Exchange::timeoutFor(int requestBytes) const
+Duration Exchange::timeoutFor(int requestBytes) const
 {
     if (m_settings.timeoutMs != 0)
-        return m_settings.timeoutMs;
-    return m_settings.timeOf(requestBytes + kLongestReply) + m_settings.deviceBudgetMs;
+        return std::chrono::milliseconds(m_settings.timeoutMs);
+    return m_settings.timeOf(requestBytes + kLongestReply) +
+           std::chrono::milliseconds(m_settings.deviceBudgetMs);
 }
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
@@ -53,7 +54,7 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
     attempt.sentAt = m_clock.now();
-    attempt.timeMs = timeoutFor(frame.size());
+    attempt.time = timeoutFor(frame.size());
     const bool sent = sendFrame(frame, counters);
     attempt.answer.request = decodeRequest(dataOf(frame));
     if (!sent)
@@ -73,7 +74,7 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
 // False when the device is gone.
 bool Exchange::askWhereDue(Attempt& attempt)
 {
-    const qint64 now = m_clock.now();
+    const Duration now = m_clock.now();
     if (m_collector.inFrame()) {
         if (now < attempt.cutOffAt())
             return true;
@@ -90,14 +91,13 @@ bool Exchange::askWhereDue(Attempt& attempt)
 // False when the device is gone.
 bool Exchange::collect(Attempt& attempt)
 {
-    qint64 until = attempt.deadline();
+    Duration until = attempt.deadline();
     if (m_collector.inFrame())
         until = std::min(until, attempt.cutOffAt());
     else if (!attempt.asked)
         until = std::min(until, attempt.lateAt());
     QByteArray bytes;
-    const qint64 wait = std::max<qint64>(0, until - m_clock.now());
-    if (!m_line.receive(bytes, static_cast<int>(wait)))
+    if (!m_line.receive(bytes, std::max(Duration(0), until - m_clock.now())))
         return false;
     if (!bytes.isEmpty())
         attempt.heardAt = m_clock.now();
@@ -166,7 +166,7 @@ bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
     attempt.answer.outcome = Answer::Outcome::Answered;
     attempt.answer.data = data;
     attempt.answer.reply = reply;
-    attempt.answer.roundTripMs = m_clock.now() - attempt.sentAt;
+    attempt.answer.roundTrip = m_clock.now() - attempt.sentAt;
     ++attempt.counters.answered;
     if (!reply.good())
         ++attempt.counters.errors[statusKey(reply)];

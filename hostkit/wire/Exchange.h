@@ -39,7 +39,7 @@ struct Answer
     Request request; ///< what was asked for
     QByteArray data; ///< application data of the reply
     Reply reply;
-    qint64 roundTripMs = 0;
+    Duration roundTrip{0};
 };
 
 /// Carries requests over a line: empties the input, sends, collects until a complete reply with the
@@ -51,7 +51,7 @@ class Exchange
 {
 public:
     enum class Direction { Out, In };
-    using Observer = std::function<void(Direction, const QByteArray& frame, qint64 ms)>;
+    using Observer = std::function<void(Direction, const QByteArray& frame, Duration now)>;
 
     Exchange(Line& line, const Clock& clock, const PortSettings& settings);
 
@@ -67,7 +67,7 @@ public:
     void acknowledge();
 
     /// The time a request of so many bytes is given.
-    int timeoutFor(int requestBytes) const;
+    Duration timeoutFor(int requestBytes) const;
 
 private:
     struct Attempt;

@@ -1,6 +1,8 @@
 #ifndef MICRO850_HOST_LINE_H
 #define MICRO850_HOST_LINE_H
 
+#include "Clock.h"
+
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
 
@@ -22,11 +24,11 @@ public:
     virtual void discardInput() = 0;
     /// Hands the bytes to the device. False when the device is gone.
     virtual bool send(const QByteArray& bytes) = 0;
-    /// Waits at most `waitMs` for bytes and gives those that are there, none after a silence. False
-    /// when the device is gone.
-    virtual bool receive(QByteArray& bytes, int waitMs) = 0;
-    /// Does nothing for so long.
-    virtual void pause(int ms) = 0;
+    /// Waits for bytes, at most for the time `wait`, and appends those that are there: none after a
+    /// silence. False when the device is gone.
+    virtual bool receive(QByteArray& bytes, Duration wait) = 0;
+    /// Does nothing for this time.
+    virtual void pause(Duration time) = 0;
 };
 
 } // namespace micro850::host

@@ -6,37 +6,42 @@ namespace micro850::host {
 
 namespace {
 
-const qint64 kSlotMs = 100;
-const qint64 kWindowMs = 10000;
+const std::chrono::milliseconds kSlot(100);
+const std::chrono::seconds kWindow(10);
 const int kRoundTrips = 1000;
+
+double secondsOf(Duration time)
+{
+    return std::chrono::duration<double>(time).count();
+}
 
 } // namespace
 
-void LineStatistics::add(qint64 now, int bytes, qint64 roundTripMs)
+void LineStatistics::add(Duration now, int bytes, std::optional<Duration> roundTrip)
 {
-    if (m_first < 0)
+    if (!m_first)
         m_first = now;
-    if (m_slots.isEmpty() || now - m_slots.last().begin >= kSlotMs)
+    if (m_slots.isEmpty() || now - m_slots.last().begin >= kSlot)
         m_slots.append({now, 0, 0});
     ++m_slots.last().transactions;
     m_slots.last().bytes += bytes;
-    while (now - m_slots.first().begin > kWindowMs)
+    while (now - m_slots.first().begin > kWindow)
         m_slots.removeFirst();
-    if (roundTripMs < 0)
+    if (!roundTrip)
         return;
     if (m_roundTrips.size() < kRoundTrips)
-        m_roundTrips.append(roundTripMs);
+        m_roundTrips.append(*roundTrip);
     else
-        m_roundTrips[m_next] = roundTripMs;
+        m_roundTrips[m_next] = *roundTrip;
     m_next = (m_next + 1) % kRoundTrips;
 }
 
 // The sums over the window, and when it began.
-LineStatistics::Slot LineStatistics::recent(qint64 now) const
+LineStatistics::Slot LineStatistics::recent(Duration now) const
 {
-    Slot sum = {std::max(m_first, now - kWindowMs), 0, 0};
+    Slot sum = {std::max(m_first.value_or(now), now - kWindow), 0, 0};
     for (const Slot& slot : m_slots) {
-        if (now - slot.begin > kWindowMs)
+        if (now - slot.begin > kWindow)
             continue;
         sum.transactions += slot.transactions;
         sum.bytes += slot.bytes;
@@ -44,28 +49,28 @@ LineStatistics::Slot LineStatistics::recent(qint64 now) const
     return sum;
 }
 
-double LineStatistics::transactionsPerSecond(qint64 now) const
+double LineStatistics::transactionsPerSecond(Duration now) const
 {
     const Slot sum = recent(now);
-    const qint64 time = now - sum.begin;
-    return m_first < 0 || time <= 0 ? 0 : sum.transactions * 1000.0 / static_cast<double>(time);
+    const double seconds = secondsOf(now - sum.begin);
+    return seconds <= 0 ? 0 : sum.transactions / seconds;
 }
 
-double LineStatistics::percentInUse(qint64 now, const PortSettings& port) const
+double LineStatistics::percentInUse(Duration now, const PortSettings& port) const
 {
     const Slot sum = recent(now);
-    const qint64 time = now - sum.begin;
-    if (m_first < 0 || time <= 0)
+    const double seconds = secondsOf(now - sum.begin);
+    if (seconds <= 0)
         return 0;
     const double bits = static_cast<double>(sum.bytes) * port.bitsPerByte();
-    return std::min(100.0, bits * 1000.0 / port.baud / static_cast<double>(time) * 100);
+    return std::min(100.0, bits / port.baud / seconds * 100);
 }
 
-qint64 LineStatistics::roundTripMs(int percent) const
+std::optional<Duration> LineStatistics::roundTrip(int percent) const
 {
     if (m_roundTrips.isEmpty())
-        return -1;
-    QVector<qint64> sorted = m_roundTrips;
+        return std::nullopt;
+    QVector<Duration> sorted = m_roundTrips;
     std::sort(sorted.begin(), sorted.end());
     const int rank = (sorted.size() * percent + 99) / 100;
     return sorted.at(std::max(0, rank - 1));

@@ -6,6 +6,8 @@
 #include <QtCore/QList>
 #include <QtCore/QVector>
 
+#include <optional>
+
 namespace micro850::host {
 
 /// How busy a line is and how fast its peers answer, over the last ten seconds and the last
@@ -13,29 +15,28 @@ namespace micro850::host {
 class LineStatistics
 {
 public:
-    /// A transaction that has ended: bytes both ways, and the round trip, below 0 without an
-    /// answer.
-    void add(qint64 now, int bytes, qint64 roundTripMs);
+    /// Adds a transaction that has ended: bytes both ways, and the round trip where an answer came.
+    void add(Duration now, int bytes, std::optional<Duration> roundTrip);
 
-    double transactionsPerSecond(qint64 now) const;
+    double transactionsPerSecond(Duration now) const;
     /// Share of the time in which bytes are on the line, in percent. Requests and replies take
     /// turns, so that both count.
-    double percentInUse(qint64 now, const PortSettings& port) const;
-    /// The round trip that so many percent of the answers do not exceed; -1 before the first.
-    qint64 roundTripMs(int percent) const;
+    double percentInUse(Duration now, const PortSettings& port) const;
+    /// The round trip that so many percent of the answers do not exceed; none before the first.
+    std::optional<Duration> roundTrip(int percent) const;
 
 private:
     struct Slot
     {
-        qint64 begin;
+        Duration begin;
         int transactions;
         qint64 bytes;
     };
-    Slot recent(qint64 now) const;
+    Slot recent(Duration now) const;
 
     QList<Slot> m_slots;
-    qint64 m_first = -1;
-    QVector<qint64> m_roundTrips;
+    std::optional<Duration> m_first;
+    QVector<Duration> m_roundTrips;
     int m_next = 0;
 };
 

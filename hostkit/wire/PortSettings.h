@@ -1,6 +1,8 @@
 #ifndef MICRO850_HOST_PORTSETTINGS_H
 #define MICRO850_HOST_PORTSETTINGS_H
 
+#include "Clock.h"
+
 #include <QtCore/QString>
 
 namespace micro850::host {
@@ -24,10 +26,10 @@ struct PortSettings
 
     /// Bits of one byte on the line, start bit included.
     int bitsPerByte() const { return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits; }
-    /// Milliseconds that so many bytes take on the line, rounded up.
-    int timeOf(int bytes) const
+    /// The time that so many bytes take on the line, rounded up to milliseconds.
+    Duration timeOf(int bytes) const
     {
-        return static_cast<int>((qint64(bytes) * bitsPerByte() * 1000 + baud - 1) / baud);
+        return std::chrono::milliseconds((qint64(bytes) * bitsPerByte() * 1000 + baud - 1) / baud);
     }
     /// "/dev/ttyUSB0, 38400 8N1", for messages.
     QString text() const

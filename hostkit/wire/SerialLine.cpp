@@ -40,6 +40,14 @@ QString reasonOf(const QString& device, const QSerialPort& port)
     return port.errorString();
 }
 
+// What poll() takes: milliseconds, rounded up, so that a wait never becomes a busy loop.
+int pollTimeout(Duration time)
+{
+    return static_cast<int>(wholeMilliseconds(time + std::chrono::microseconds(999)));
+}
+
+const std::chrono::milliseconds kSendPatience(100);
+
 } // namespace
 
 SerialLine::SerialLine(const PortSettings& settings) : m_settings(settings) {}
@@ -83,7 +91,7 @@ void SerialLine::discardInput()
 bool SerialLine::send(const QByteArray& bytes)
 {
     // Twice the line's own time, so that only a device that takes nothing runs into it.
-    const int patience = 100 + 2 * m_settings.timeOf(bytes.size());
+    const int patience = pollTimeout(kSendPatience + 2 * m_settings.timeOf(bytes.size()));
     int sent = 0;
     while (sent < bytes.size()) {
         const ssize_t count = ::write(descriptor(), bytes.constData() + sent,
@@ -92,29 +100,29 @@ bool SerialLine::send(const QByteArray& bytes)
             sent += static_cast<int>(count);
             continue;
         }
-        pollfd wait = {descriptor(), POLLOUT, 0};
-        if ((errno != EAGAIN && errno != EINTR) || ::poll(&wait, 1, patience) == 0)
+        pollfd output = {descriptor(), POLLOUT, 0};
+        if ((errno != EAGAIN && errno != EINTR) || ::poll(&output, 1, patience) == 0)
             return false;
     }
     return true;
 }
 
-bool SerialLine::receive(QByteArray& bytes, int waitMs)
+bool SerialLine::receive(QByteArray& bytes, Duration wait)
 {
-    pollfd wait = {descriptor(), POLLIN, 0};
+    pollfd input = {descriptor(), POLLIN, 0};
     // A signal ends the wait as a silence does, so that its handler's request is seen.
-    if (::poll(&wait, 1, waitMs) <= 0)
+    if (::poll(&input, 1, pollTimeout(wait)) <= 0)
         return true;
     std::array<char, 1024> buffer;
     const ssize_t count = ::read(descriptor(), buffer.data(), buffer.size());
     if (count > 0)
         bytes.append(buffer.data(), static_cast<int>(count));
-    return count > 0 || (wait.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
+    return count > 0 || (input.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
 }
 
-void SerialLine::pause(int ms)
+void SerialLine::pause(Duration time)
 {
-    QThread::msleep(static_cast<unsigned long>(ms));
+    QThread::usleep(static_cast<unsigned long>(time.count()));
 }
 
 int SerialLine::descriptor() const

@@ -19,8 +19,8 @@ public:
     bool isOpen() const override;
     void discardInput() override;
     bool send(const QByteArray& bytes) override;
-    bool receive(QByteArray& bytes, int waitMs) override;
-    void pause(int ms) override;
+    bool receive(QByteArray& bytes, Duration wait) override;
+    void pause(Duration time) override;
 
 private:
     int descriptor() const;

@@ -104,7 +104,7 @@ Exchange::Observer TraceFile::observer() const
     if (!m_writer)
         return nullptr;
     const std::shared_ptr<TraceWriter> writer = m_writer;
-    return [writer](Exchange::Direction direction, const QByteArray& frame, qint64) {
+    return [writer](Exchange::Direction direction, const QByteArray& frame, Duration) {
         TraceRecord record;
         record.time = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::system_clock::now().time_since_epoch());

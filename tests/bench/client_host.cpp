@@ -38,7 +38,7 @@ int run(const Task& task)
     const micro850::host::DriverLibrary library(QStringLiteral(MICRO850_LIBRARY));
     const micro850::host::Project project = projectOf(task);
     micro850::host::SerialLine line(project.port);
-    const micro850::host::SteadyClock clock;
+    const micro850::SystemClock clock;
     micro850::host::PollLoop loop(library.api(), line, clock, project);
     // An array of more bytes than a reply takes is read in several.
     const int parts =

@@ -8,13 +8,13 @@
 #include <functional>
 #include <map>
 
-/// A line of so many bits a second between the host and a simulated controller, and the host's
-/// clock, on the controller's virtual time: the same run takes the same time on every machine. Time
-/// passes byte by byte, and what is planned happens in between, as from another thread.
-class PacedSimLine : public micro850::host::Line, public micro850::host::Clock
+/// A line of so many bits a second between the host and a simulated controller, on the controller's
+/// virtual time: the same run takes the same time on every machine. Time passes byte by byte, and
+/// what is planned happens in between, as from another thread.
+class PacedSimLine : public micro850::host::Line
 {
 public:
-    PacedSimLine(micro850::sim::VirtualClock& clock, micro850::sim::FaultyLine& line, int baud)
+    PacedSimLine(micro850::VirtualClock& clock, micro850::sim::FaultyLine& line, int baud)
         : m_clock(clock), m_line(line), m_byteTime(10 * 1000000 / baud)
     {
     }
@@ -28,7 +28,6 @@ public:
     void cut() { m_arriving.clear(); }
     qint64 microseconds() const { return m_clock.now().count(); }
 
-    qint64 now() const override { return microseconds() / 1000; }
     bool open(QString& error) override
     {
         m_open = !m_line.isHungUp();
@@ -48,9 +47,9 @@ public:
         }
         return !m_line.isHungUp();
     }
-    bool receive(QByteArray& bytes, int waitMs) override
+    bool receive(QByteArray& bytes, micro850::Duration wait) override
     {
-        const qint64 end = microseconds() + qint64(waitMs) * 1000;
+        const qint64 end = microseconds() + wait.count();
         do {
             if (m_line.isHungUp())
                 return false;
@@ -62,16 +61,16 @@ public:
         m_arriving.remove(0, 1);
         return true;
     }
-    void pause(int ms) override
+    void pause(micro850::Duration time) override
     {
-        for (int i = 0; i < ms; ++i)
+        for (qint64 left = time.count(); left > 0; left -= 1000)
             pass(1000);
     }
 
 private:
     void pass(qint64 microseconds)
     {
-        m_clock.advance(micro850::sim::Duration(microseconds));
+        m_clock.advance(micro850::Duration(microseconds));
         m_line.tick();
         while (!m_plans.empty() && m_plans.begin()->first <= this->microseconds()) {
             const std::function<void()> action = m_plans.begin()->second;
@@ -80,7 +79,7 @@ private:
         }
     }
 
-    micro850::sim::VirtualClock& m_clock;
+    micro850::VirtualClock& m_clock;
     micro850::sim::FaultyLine& m_line;
     qint64 m_byteTime;
     std::multimap<qint64, std::function<void()>> m_plans;

@@ -64,11 +64,11 @@ public:
     Plant(int baud, int others)
         : m_controller(m_clock, micro850::sim::TagTable::fromText(plantText(others), "plant")),
           m_line(m_clock, m_controller), m_port(m_clock, m_line, baud), m_project(projectAt(baud)),
-          m_loop(m_library.api(), m_port, m_port, m_project)
+          m_loop(m_library.api(), m_port, m_clock, m_project)
     {
         m_loop.exchange().setObserver([this](micro850::host::Exchange::Direction direction,
                                              const QByteArray& frame,
-                                             qint64) { observe(direction, frame); });
+                                             micro850::Duration) { observe(direction, frame); });
     }
 
     /// Until the first value, and until all.
@@ -201,7 +201,7 @@ private:
 
     double milliseconds() const { return static_cast<double>(m_port.microseconds()) / 1000; }
 
-    micro850::sim::VirtualClock m_clock;
+    micro850::VirtualClock m_clock;
     micro850::sim::Controller m_controller;
     micro850::sim::FaultyLine m_line;
     PacedSimLine m_port;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+using micro850::Duration;
+
 bool FakeLine::open(QString& error)
 {
     openedAt.push_back(m_clock.now());
@@ -32,13 +34,13 @@ bool FakeLine::send(const QByteArray& bytes)
     return true;
 }
 
-bool FakeLine::receive(QByteArray& bytes, int waitMs)
+bool FakeLine::receive(QByteArray& bytes, Duration wait)
 {
     if (!m_present || m_loose)
         return false;
-    const qint64 end = m_clock.now() + waitMs;
-    const qint64 first = m_arriving.empty() ? end + 1 : m_arriving.begin()->first;
-    m_clock.pass(std::max<qint64>(0, std::min(first, end) - m_clock.now()));
+    const Duration end = m_clock.now() + wait;
+    const Duration first = m_arriving.empty() ? end : m_arriving.begin()->first;
+    m_clock.advance(std::max(Duration(0), std::min(first, end) - m_clock.now()));
     while (!m_arriving.empty() && m_arriving.begin()->first <= m_clock.now()) {
         bytes += m_arriving.begin()->second;
         m_arriving.erase(m_arriving.begin());
@@ -48,5 +50,5 @@ bool FakeLine::receive(QByteArray& bytes, int waitMs)
 
 void FakeLine::arrive(const QByteArray& bytes, int afterMs)
 {
-    m_arriving.emplace(m_clock.now() + afterMs, bytes);
+    m_arriving.emplace(m_clock.now() + std::chrono::milliseconds(afterMs), bytes);
 }

@@ -8,31 +8,20 @@
 #include <map>
 #include <vector>
 
-/// Virtual time in milliseconds. It passes only where something waits.
-class FakeClock : public micro850::host::Clock
-{
-public:
-    qint64 now() const override { return m_now; }
-    void pass(qint64 ms) { m_now += ms; }
-
-private:
-    qint64 m_now = 1000;
-};
-
 /// A line in memory. What is sent goes to a listener at once; what the listener answers arrives at
 /// the time that it names. Waiting moves the clock.
 class FakeLine : public micro850::host::Line
 {
 public:
-    explicit FakeLine(FakeClock& clock) : m_clock(clock) {}
+    explicit FakeLine(micro850::VirtualClock& clock) : m_clock(clock) {}
 
     bool open(QString& error) override;
     void close() override;
     bool isOpen() const override { return m_open; }
     void discardInput() override;
     bool send(const QByteArray& bytes) override;
-    bool receive(QByteArray& bytes, int waitMs) override;
-    void pause(int ms) override { m_clock.pass(ms); }
+    bool receive(QByteArray& bytes, micro850::Duration wait) override;
+    void pause(micro850::Duration time) override { m_clock.advance(time); }
 
     /// Called with each piece that is sent.
     std::function<void(const QByteArray&)> onSend;
@@ -46,11 +35,11 @@ public:
     /// Every piece that was sent, in order.
     std::vector<QByteArray> sent;
     /// The times of the attempts to open it.
-    std::vector<qint64> openedAt;
+    std::vector<micro850::Duration> openedAt;
 
 private:
-    FakeClock& m_clock;
-    std::multimap<qint64, QByteArray> m_arriving;
+    micro850::VirtualClock& m_clock;
+    std::multimap<micro850::Duration, QByteArray> m_arriving;
     bool m_open = false;
     bool m_present = true;
     bool m_loose = false;

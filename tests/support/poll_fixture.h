@@ -36,7 +36,7 @@ protected:
     /// more steps than a fault could need.
     template<typename Condition> bool runUntil(Condition condition, qint64 limitMs = 60000)
     {
-        const qint64 end = clock.now() + limitMs;
+        const micro850::Duration end = clock.now() + std::chrono::milliseconds(limitMs);
         for (int steps = 0; !condition(); ++steps) {
             if (clock.now() > end || steps > 100000)
                 return false;
@@ -46,7 +46,7 @@ protected:
     }
     void runFor(qint64 ms)
     {
-        const qint64 end = clock.now() + ms;
+        const micro850::Duration end = clock.now() + std::chrono::milliseconds(ms);
         runUntil([&] { return clock.now() >= end; }, ms + 10000);
     }
     bool runUntilRead()
@@ -68,7 +68,7 @@ protected:
     std::string error(int variable) const { return loop->values().error(variable).toStdString(); }
     micro850::host::Station station(int number = 1) const { return loop->stations().value(number); }
 
-    FakeClock clock;
+    micro850::VirtualClock clock;
     FakeLine line{clock};
     FakeController plc{line};
     micro850::host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};

@@ -59,7 +59,7 @@ private:
                           static_cast<int>(bytes.size()));
     }
 
-    micro850::sim::VirtualClock m_clock;
+    micro850::VirtualClock m_clock;
     micro850::sim::Controller m_controller;
 };
 

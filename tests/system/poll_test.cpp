@@ -175,7 +175,7 @@ protected:
 private:
     QTemporaryDir m_dir;
     std::unique_ptr<SimulatorThread> m_simulator;
-    micro850::host::SteadyClock m_clock;
+    micro850::SystemClock m_clock;
     micro850::host::Project m_project;
     std::unique_ptr<micro850::host::DriverLibrary> m_library;
     std::unique_ptr<micro850::host::SerialLine> m_line;

@@ -71,7 +71,7 @@ protected:
     std::string inController(const char* tag, std::size_t element = 0);
     void setInController(const char* tag, const char* bytes, std::size_t element = 0);
 
-    micro850::sim::VirtualClock clock;
+    micro850::VirtualClock clock;
     micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
     micro850::sim::FaultyLine& line() { return *m_line; }
     std::vector<Exchange> exchanges;

@@ -18,7 +18,7 @@ const char kTags[] = R"({"tags": [{"name": "A", "type": "INT", "value": 4660},
                                   {"name": "B", "type": "DINT", "value": 50466832},
                                   {"name": "W", "type": "INT", "value": 7}]})";
 // A session that takes longer is stuck.
-const qint64 kLimitMs = 60000;
+const std::chrono::seconds kLimit(60);
 // Of a session on a good line: two to connect, three to learn types, a write, two in the cycle.
 const unsigned kReplies = 8;
 
@@ -34,7 +34,7 @@ public:
               R"({"port": {"timeoutMs": 200}, "stations": [{"number": 1}],
                   "variables": [{"tag": "A"}, {"tag": "B"}]})",
               "golden")),
-          m_loop(m_library.api(), m_port, m_port, m_project)
+          m_loop(m_library.api(), m_port, m_clock, m_project)
     {
     }
 
@@ -43,13 +43,13 @@ public:
     {
         const micro850::host::TagKey tag(1, QStringLiteral("W"));
         const int write = m_loop.write(tag, 0, QByteArray("\x05\x00", 2));
-        const qint64 begun = m_port.now();
-        while (!(isRead() && m_loop.outcome(write)) && m_port.now() < begun + kLimitMs)
+        const Duration begun = m_clock.now();
+        while (!(isRead() && m_loop.outcome(write)) && m_clock.now() < begun + kLimit)
             m_loop.step();
-        const qint64 written = m_port.now();
-        while (!(isRead() && isFreshSince(written)) && m_port.now() < begun + kLimitMs)
+        const Duration written = m_clock.now();
+        while (!(isRead() && isFreshSince(written)) && m_clock.now() < begun + kLimit)
             m_loop.step();
-        m_took = m_port.now() - begun;
+        m_took = m_clock.now() - begun;
         const micro850::host::Operation* outcome = m_loop.outcome(write);
         const bool present = m_controller.tags().find("W")->elements[0] == Bytes{0x05, 0x00};
         m_lied = outcome && outcome->state == micro850::host::Operation::State::Done && !present;
@@ -58,7 +58,7 @@ public:
 
     bool showedForeign() const { return m_foreign; }
     bool lied() const { return m_lied; }
-    qint64 tookMs() const { return m_took; }
+    Duration time() const { return m_took; }
     unsigned replies() const { return m_line.messages(sim::Side::Replies); }
     bool wasStruck() const { return !m_line.counts().empty(); }
 
@@ -71,7 +71,7 @@ private:
         m_foreign = m_foreign || (second != "" && second != "50466832");
         return m_loop.quality(0) == Quality::Good && m_loop.quality(1) == Quality::Good;
     }
-    bool isFreshSince(qint64 time) const
+    bool isFreshSince(Duration time) const
     {
         return m_loop.values().refreshedAt(0) > time && m_loop.values().refreshedAt(1) > time;
     }
@@ -82,7 +82,7 @@ private:
     }
 
     FixedTimeOfDay m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
-    sim::VirtualClock m_clock;
+    micro850::VirtualClock m_clock;
     sim::Controller m_controller{m_clock, sim::TagTable::fromText(kTags, "golden")};
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
@@ -91,7 +91,7 @@ private:
     micro850::host::PollLoop m_loop;
     bool m_foreign = false;
     bool m_lied = false;
-    qint64 m_took = 0;
+    Duration m_took{0};
 };
 
 struct Outcome
@@ -100,7 +100,7 @@ struct Outcome
     int stuck = 0;   ///< never came to their end
     int foreign = 0; ///< showed a value that the controller does not have
     int lied = 0;    ///< told that a write is done that is not in the controller
-    qint64 longestMs = 0;
+    Duration longest{0};
 };
 
 /// A session for the damage at every byte of every message on that side of an undisturbed one.
@@ -119,7 +119,7 @@ Outcome disturbed(const std::string& damage, const std::string& side)
             outcome.stuck += !ended;
             outcome.foreign += session.showedForeign();
             outcome.lied += session.lied();
-            outcome.longestMs = std::max(outcome.longestMs, session.tookMs());
+            outcome.longest = std::max(outcome.longest, session.time());
         }
     }
     return outcome;
@@ -137,7 +137,7 @@ TEST_P(Golden, AReplyDamagedAnywhereShowsNoForeignValueAndHoldsNothingUp)
     EXPECT_EQ(outcome.foreign, 0);
     EXPECT_EQ(outcome.lied, 0);
     // A damaged reply is asked for again within one time-out of 200 ms.
-    EXPECT_LE(outcome.longestMs, 250);
+    EXPECT_LE(outcome.longest, std::chrono::milliseconds(250));
 }
 
 TEST_P(Golden, ARequestDamagedAnywhereIsNeverTakenForAnotherAndHoldsNothingUp)
@@ -148,7 +148,7 @@ TEST_P(Golden, ARequestDamagedAnywhereIsNeverTakenForAnotherAndHoldsNothingUp)
     EXPECT_EQ(outcome.foreign, 0);
     EXPECT_EQ(outcome.lied, 0);
     // What the controller did not accept is repeated after one time-out at most.
-    EXPECT_LE(outcome.longestMs, 250);
+    EXPECT_LE(outcome.longest, std::chrono::milliseconds(250));
 }
 
 using Damage = std::pair<const char*, const char*>;
@@ -172,7 +172,7 @@ TEST(GoldenSession, TakesEightRepliesOnAGoodLine)
     EXPECT_TRUE(calm.run());
     // The values of the last are shown while the next request is under way.
     EXPECT_EQ(calm.replies(), kReplies + 1);
-    EXPECT_LE(calm.tookMs(), 20);
+    EXPECT_LE(calm.time(), std::chrono::milliseconds(20));
 }
 
 } // namespace

@@ -44,17 +44,17 @@ protected:
             R"({"port": {"timeoutMs": 200, "retryLimit": 2}, "staleAfterMs": 2000,
                 "stations": %1, "variables": [%2]})");
         project = micro850::host::Project::fromText(text.arg(stations, variables), "p.json");
-        loop = std::make_unique<micro850::host::PollLoop>(library.api(), port, port, project);
-        port.pause(1000);
+        loop = std::make_unique<micro850::host::PollLoop>(library.api(), port, clock, project);
+        port.pause(std::chrono::seconds(1));
     }
 
     /// Steps until the condition holds; false after a minute of virtual time. Every value that is
     /// shown on the way is one that its tag has had.
     template<typename Condition> bool runUntil(Condition condition)
     {
-        const qint64 end = port.now() + 60000;
+        const micro850::Duration end = clock.now() + std::chrono::minutes(1);
         for (int steps = 0; !condition(); ++steps) {
-            if (port.now() > end || steps > 100000)
+            if (clock.now() > end || steps > 100000)
                 return false;
             loop->step();
             foreignValues +=
@@ -81,8 +81,8 @@ protected:
     }
     void runFor(qint64 ms)
     {
-        const qint64 end = port.now() + ms;
-        EXPECT_TRUE(runUntil([&] { return port.now() >= end; }));
+        const micro850::Duration end = clock.now() + std::chrono::milliseconds(ms);
+        EXPECT_TRUE(runUntil([&] { return clock.now() >= end; }));
     }
     std::string shown(int variable) { return loop->values().text(variable).toStdString(); }
     void setValues(std::uint8_t value)
@@ -96,7 +96,7 @@ protected:
         return loop->stations().find(station)->counters;
     }
 
-    micro850::sim::VirtualClock clock;
+    micro850::VirtualClock clock;
     micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
     micro850::sim::FaultyLine line{clock, controller};
     SimLine port{clock, line};

@@ -8,13 +8,13 @@
 #include <functional>
 #include <vector>
 
-/// The host's end of a line with faults, and the host's clock, on the virtual time of the simulated
+/// The host's end of a line with faults, on the virtual time of the simulated
 /// controller. Time passes only where the host waits, and a millisecond with each piece sent. While
 /// the line is hung up its device is gone.
-class SimLine : public micro850::host::Line, public micro850::host::Clock
+class SimLine : public micro850::host::Line
 {
 public:
-    SimLine(micro850::sim::VirtualClock& clock, micro850::sim::FaultyLine& line)
+    SimLine(micro850::VirtualClock& clock, micro850::sim::FaultyLine& line)
         : m_clock(clock), m_lines{&line}
     {
     }
@@ -25,11 +25,6 @@ public:
     void add(micro850::sim::FaultyLine& line) { m_lines.push_back(&line); }
     /// Pieces sent so far.
     qint64 sent() const { return m_sent; }
-
-    qint64 now() const override
-    {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(m_clock.now()).count();
-    }
 
     bool open(QString& error) override
     {
@@ -47,30 +42,32 @@ public:
         ++m_sent;
         if (micro850::sim::FaultyLine* const line = route ? route(bytes) : m_lines.front())
             line->receive(micro850::Bytes(bytes.begin(), bytes.end()));
-        pause(1);
+        pause(kStep);
         return !isGone();
     }
-    bool receive(QByteArray& bytes, int waitMs) override
+    bool receive(QByteArray& bytes, micro850::Duration wait) override
     {
-        for (int ms = 0; !isGone(); ++ms) {
+        for (const micro850::Duration end = m_clock.now() + wait; !isGone();) {
             const QByteArray came = arrived();
             bytes += came;
-            if (!came.isEmpty() || ms >= waitMs)
+            if (!came.isEmpty() || m_clock.now() >= end)
                 return true;
-            pause(1);
+            pause(kStep);
         }
         return false;
     }
-    void pause(int ms) override
+    void pause(micro850::Duration time) override
     {
-        for (; ms > 0; --ms) {
-            m_clock.advance(std::chrono::milliseconds(1));
+        for (; time > micro850::Duration(0); time -= kStep) {
+            m_clock.advance(kStep);
             for (micro850::sim::FaultyLine* line : m_lines)
                 line->tick();
         }
     }
 
 private:
+    static constexpr std::chrono::milliseconds kStep{1};
+
     bool isGone() const { return m_lines.front()->isHungUp(); }
     QByteArray arrived()
     {
@@ -82,7 +79,7 @@ private:
         return bytes;
     }
 
-    micro850::sim::VirtualClock& m_clock;
+    micro850::VirtualClock& m_clock;
     std::vector<micro850::sim::FaultyLine*> m_lines;
     bool m_open = false;
     qint64 m_sent = 0;

@@ -33,7 +33,7 @@ public:
 private:
     void serve();
 
-    micro850::sim::SystemClock m_clock;
+    micro850::SystemClock m_clock;
     micro850::sim::Controller m_controller;
     std::string m_link;
     std::mutex m_mutex;

@@ -113,7 +113,7 @@ private:
 
     const Options m_options;
     FixedTimeOfDay m_timeOfDay{QTime(12, 0)};
-    sim::VirtualClock m_clock;
+    micro850::VirtualClock m_clock;
     sim::Controller m_controller;
     sim::FaultyLine m_line;
     SimLine m_port{m_clock, m_line};
@@ -167,7 +167,8 @@ Soak::Soak(const Options& options)
                                    "stations": [{"number": 1}], "variables": [)" +
                                variables + "]}"),
         "soak");
-    m_loop = std::make_unique<micro850::host::PollLoop>(m_library.api(), m_port, m_port, m_project);
+    m_loop =
+        std::make_unique<micro850::host::PollLoop>(m_library.api(), m_port, m_clock, m_project);
     for (const WriteTag& tag : m_writes)
         m_loop->declare(micro850::host::TagKey(1, tag.name));
     if (!options.list.empty()) {
@@ -289,7 +290,7 @@ void Soak::note(const WriteTag& tag, const std::string& outcome)
 // On a line that is good again every write ends and every value is fresh.
 void Soak::drain()
 {
-    const qint64 end = m_port.now() + 120000;
+    const Duration end = m_clock.now() + std::chrono::minutes(2);
     const auto pending = [this] {
         for (const WriteTag& tag : m_writes) {
             if (tag.id != 0)
@@ -301,7 +302,7 @@ void Soak::drain()
         }
         return false;
     };
-    while (pending() && m_port.now() < end) {
+    while (pending() && m_clock.now() < end) {
         step();
         lookAfterWrites(false);
     }
@@ -313,10 +314,11 @@ void Soak::report()
 {
     const micro850::host::Counters& counters = m_loop->stations().first().counters;
     std::cout << "soak: seed " << m_options.seed << ", " << m_transactions << " transactions in "
-              << m_port.now() / 1000 << " s of virtual time; answered " << counters.answered
-              << ", timed out " << counters.timedOut << ", corrupt " << counters.corrupt
-              << ", late " << counters.late << ", connections made anew " << counters.reconnects
-              << ", line reopened " << m_loop->lineReconnects() << "\nsoak: faults:";
+              << m_clock.now() / std::chrono::seconds(1) << " s of virtual time; answered "
+              << counters.answered << ", timed out " << counters.timedOut << ", corrupt "
+              << counters.corrupt << ", late " << counters.late << ", connections made anew "
+              << counters.reconnects << ", line reopened " << m_loop->lineReconnects()
+              << "\nsoak: faults:";
     unsigned all = 0;
     for (const auto& [kind, count] : m_line.counts()) {
         std::cout << ' ' << sim::faultNames()[static_cast<std::size_t>(kind)] << ' ' << count;

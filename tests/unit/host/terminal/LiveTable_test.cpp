@@ -3,6 +3,7 @@
 #include "poll_fixture.h"
 
 using namespace micro850::host;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -115,11 +116,11 @@ TEST_F(LiveTableTest, IsCompleteWhenEveryVariableWasRead)
 
 TEST(AgeText, NamesAnAgeInItsUnit)
 {
-    EXPECT_EQ(ageText(-1), QString("-"));
-    EXPECT_EQ(ageText(0), QString("0.0 s"));
-    EXPECT_EQ(ageText(9999), QString("9.9 s"));
-    EXPECT_EQ(ageText(10000), QString("10 s"));
-    EXPECT_EQ(ageText(119999), QString("119 s"));
-    EXPECT_EQ(ageText(120000), QString("2 min"));
-    EXPECT_EQ(ageText(7200000), QString("2 h"));
+    EXPECT_EQ(ageText(std::nullopt), QString("-"));
+    EXPECT_EQ(ageText(0ms), QString("0.0 s"));
+    EXPECT_EQ(ageText(9999ms), QString("9.9 s"));
+    EXPECT_EQ(ageText(10000ms), QString("10 s"));
+    EXPECT_EQ(ageText(119999ms), QString("119 s"));
+    EXPECT_EQ(ageText(120000ms), QString("2 min"));
+    EXPECT_EQ(ageText(7200000ms), QString("2 h"));
 }

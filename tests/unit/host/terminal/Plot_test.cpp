@@ -5,12 +5,13 @@
 #include <limits>
 
 using micro850::host::Plot;
+using namespace std::chrono_literals;
 
 namespace {
 
 const double kNone = std::numeric_limits<double>::quiet_NaN();
 
-std::string drawn(const Plot& plot, int width, int rows, qint64 now)
+std::string drawn(const Plot& plot, int width, int rows, micro850::Duration now)
 {
     return plot.lines(width, rows, now).join('|').toStdString();
 }
@@ -20,57 +21,57 @@ std::string drawn(const Plot& plot, int width, int rows, qint64 now)
 // Ten columns of a second each.
 TEST(Plot, DrawsTheValueOfEachColumnWithTheNewestAtTheRight)
 {
-    Plot plot(10000);
+    Plot plot(10000ms);
     for (int second = 0; second < 8; ++second)
-        plot.add(13000 + second * 1000, second);
-    EXPECT_EQ(drawn(plot, 10, 1, 20000), u8"  ▁▂▃▄▅▆▇█");
-    EXPECT_EQ(plot.range(20000).toStdString(), "0 to 7");
+        plot.add(13s + second * 1s, second);
+    EXPECT_EQ(drawn(plot, 10, 1, 20000ms), u8"  ▁▂▃▄▅▆▇█");
+    EXPECT_EQ(plot.range(20000ms).toStdString(), "0 to 7");
 }
 
 TEST(Plot, StacksCellsToItsHeight)
 {
-    Plot plot(4000);
-    plot.add(0, 0);
-    plot.add(2000, 15);
-    plot.add(3000, 7);
-    EXPECT_EQ(drawn(plot, 4, 2, 3500), u8"  █ |▁▁██");
+    Plot plot(4000ms);
+    plot.add(0ms, 0);
+    plot.add(2000ms, 15);
+    plot.add(3000ms, 7);
+    EXPECT_EQ(drawn(plot, 4, 2, 3500ms), u8"  █ |▁▁██");
 }
 
 TEST(Plot, MovesByWholeColumns)
 {
-    Plot plot(10000);
-    plot.add(10000, 1);
-    plot.add(15000, 2);
-    const QString before = plot.lines(10, 1, 18000).first();
-    EXPECT_EQ(plot.lines(10, 1, 18900).first(), before);
-    EXPECT_EQ(plot.lines(10, 1, 19000).first(), before.mid(1) + before.at(9));
+    Plot plot(10000ms);
+    plot.add(10000ms, 1);
+    plot.add(15000ms, 2);
+    const QString before = plot.lines(10, 1, 18000ms).first();
+    EXPECT_EQ(plot.lines(10, 1, 18900ms).first(), before);
+    EXPECT_EQ(plot.lines(10, 1, 19000ms).first(), before.mid(1) + before.at(9));
 }
 
 TEST(Plot, LeavesAGapWhereThereIsNoValue)
 {
-    Plot plot(5000);
-    plot.add(0, 1);
-    plot.add(2000, kNone);
-    plot.add(4000, 2);
-    EXPECT_EQ(drawn(plot, 5, 1, 4500), u8"▁▁  █");
-    EXPECT_EQ(Plot(5000).range(4500), QString());
-    EXPECT_EQ(drawn(Plot(5000), 3, 1, 4500), "   ");
+    Plot plot(5000ms);
+    plot.add(0ms, 1);
+    plot.add(2000ms, kNone);
+    plot.add(4000ms, 2);
+    EXPECT_EQ(drawn(plot, 5, 1, 4500ms), u8"▁▁  █");
+    EXPECT_EQ(Plot(5000ms).range(4500ms), QString());
+    EXPECT_EQ(drawn(Plot(5000ms), 3, 1, 4500ms), "   ");
 }
 
 TEST(Plot, PutsAValueThatDoesNotMoveIntoTheMiddle)
 {
-    Plot plot(4000);
-    plot.add(0, -7.5);
-    EXPECT_EQ(drawn(plot, 2, 2, 4000), u8"▁▁|██");
-    EXPECT_EQ(plot.range(4000).toStdString(), "-7.5 to -7.5");
+    Plot plot(4000ms);
+    plot.add(0ms, -7.5);
+    EXPECT_EQ(drawn(plot, 2, 2, 4000ms), u8"▁▁|██");
+    EXPECT_EQ(plot.range(4000ms).toStdString(), "-7.5 to -7.5");
 }
 
 TEST(Plot, ForgetsWhatHasLeftTheSpan)
 {
-    Plot plot(1000);
-    plot.add(0, 100);
-    plot.add(1000, 1);
+    Plot plot(1000ms);
+    plot.add(0ms, 100);
+    plot.add(1000ms, 1);
     for (int i = 0; i < 100; ++i)
-        plot.add(2000 + i * 100, 2 + i % 2);
-    EXPECT_EQ(plot.range(11900).toStdString(), "2 to 3");
+        plot.add(2s + i * 100ms, 2 + i % 2);
+    EXPECT_EQ(plot.range(11900ms).toStdString(), "2 to 3");
 }

@@ -3,6 +3,7 @@
 #include "poll_fixture.h"
 
 using namespace micro850::host;
+using namespace std::chrono_literals;
 using State = Operation::State;
 using wire::hex;
 
@@ -63,7 +64,7 @@ TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
     plc.silent = true;
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
-    std::vector<qint64> probes;
+    std::vector<micro850::Duration> probes;
     size_t seen = plc.requests.size();
     ASSERT_TRUE(runUntil([&] {
         if (plc.requests.size() > seen)
@@ -72,7 +73,7 @@ TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
         return probes.size() == 5;
     }));
     EXPECT_LT(probes.at(1) - probes.at(0), probes.at(2) - probes.at(1));
-    EXPECT_LE(probes.at(4) - probes.at(3), 6000);
+    EXPECT_LE(probes.at(4) - probes.at(3), 6s);
 }
 
 TEST_F(PollLoopRecoveryTest, FindsAStationThatWasDeadFromTheStart)
@@ -182,9 +183,9 @@ TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
     EXPECT_FALSE(loop->lineIsUp());
     EXPECT_EQ(loop->quality(0), Quality::Stale);
     for (size_t i = 2; i < line.openedAt.size(); ++i) {
-        const qint64 pause = line.openedAt[i] - line.openedAt[i - 1];
+        const micro850::Duration pause = line.openedAt[i] - line.openedAt[i - 1];
         EXPECT_GE(pause, line.openedAt[i - 1] - line.openedAt[i - 2]);
-        EXPECT_LE(pause, 5100);
+        EXPECT_LE(pause, 5100ms);
     }
     line.setPresent(true);
     plc.tags["Speed"].elements[0] = hex("07 00");
@@ -199,15 +200,16 @@ TEST_F(PollLoopRecoveryTest, LetsThePausesGrowForADeviceThatCanBeOpenedAndFailsA
     line.setLoose(true);
     line.openedAt.clear();
     ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 8; }));
-    EXPECT_GE(line.openedAt[1] - line.openedAt[0], 500);
-    EXPECT_GE(line.openedAt[7] - line.openedAt[6], 5000);
-    EXPECT_LE(line.openedAt[7] - line.openedAt[6], 5100);
+    EXPECT_GE(line.openedAt[1] - line.openedAt[0], 500ms);
+    EXPECT_GE(line.openedAt[7] - line.openedAt[6], 5000ms);
+    EXPECT_LE(line.openedAt[7] - line.openedAt[6], 5100ms);
     line.setLoose(false);
     ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Good; }, 6000));
     line.setPresent(false);
     line.openedAt.clear();
     ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 2; }));
-    EXPECT_LE(line.openedAt[1] - line.openedAt[0], 600) << "after an answer the pauses begin anew";
+    EXPECT_LE(line.openedAt[1] - line.openedAt[0], 600ms)
+        << "after an answer the pauses begin anew";
 }
 
 TEST_F(PollLoopRecoveryTest, KeepsThePortOpenForASilentPeer)

@@ -33,19 +33,20 @@ TEST_F(PollLoopTest, StoresTheValuesOfAReplyWhileTheNextRequestIsOnItsWay)
     ASSERT_TRUE(runUntilRead());
     // Each reply brings another value; noted is whether it is shown when the next request goes out.
     int replied = 0;
-    qint64 repliedAt = 0;
+    micro850::Duration repliedAt{0};
     int shown = 0;
     int notYet = 0;
     plc.onReply = [&](const FakeController::Request& request, QByteArray& reply) {
         if (request.service != 0x52)
             return;
         reply = wire::readReply(request.tns, 0x00C3, wire::little(unsigned(++replied), 2));
-        repliedAt = clock.now() + 1;
+        repliedAt = clock.now() + std::chrono::milliseconds(1);
     };
-    loop->exchange().setObserver([&](Exchange::Direction direction, const QByteArray&, qint64 now) {
-        if (direction == Exchange::Direction::Out && now == repliedAt)
-            ++(text(0) == std::to_string(replied) ? shown : notYet);
-    });
+    loop->exchange().setObserver(
+        [&](Exchange::Direction direction, const QByteArray&, micro850::Duration now) {
+            if (direction == Exchange::Direction::Out && now == repliedAt)
+                ++(text(0) == std::to_string(replied) ? shown : notYet);
+        });
     ASSERT_TRUE(runUntil([&] { return replied == 100; }));
     EXPECT_EQ(shown, 0);
     EXPECT_GT(notYet, 50);

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 using namespace micro850::host;
+using namespace std::chrono_literals;
 using wire::hex;
 
 namespace {
@@ -24,7 +25,7 @@ protected:
     ValueStore values{project};
     const TagKey level{1, "Level"};
 
-    void storeInts(int element, const char* bytes, qint64 now)
+    void storeInts(int element, const char* bytes, micro850::Duration now)
     {
         values.store(level, element, micro850::cipTypeNamed("INT"), hex(bytes), now);
     }
@@ -35,85 +36,85 @@ protected:
 TEST_F(ValueStoreTest, KnowsNothingAtFirst)
 {
     EXPECT_EQ(values.text(kAll), QString());
-    EXPECT_EQ(values.quality(kAll, 0, true), Quality::Never);
-    EXPECT_EQ(values.refreshedAt(kAll), -1);
+    EXPECT_EQ(values.quality(kAll, 0ms, true), Quality::Never);
+    EXPECT_FALSE(values.refreshedAt(kAll));
 }
 
 TEST_F(ValueStoreTest, PutsARunIntoEveryVariableThatShowsSomeOfIt)
 {
-    storeInts(1, "0A 00 0B 00 0C 00", 5);
+    storeInts(1, "0A 00 0B 00 0C 00", 5ms);
     EXPECT_EQ(values.text(kSingle), QString("11"));
     EXPECT_EQ(values.text(kAll), QString("[?, 10, 11, 12]"));
     EXPECT_FALSE(values.wasRead(kAll));
-    storeInts(0, "09 00", 6);
+    storeInts(0, "09 00", 6ms);
     EXPECT_EQ(values.text(kAll), QString("[9, 10, 11, 12]"));
     EXPECT_TRUE(values.wasRead(kAll));
-    EXPECT_EQ(values.refreshedAt(kAll), 5);
+    EXPECT_EQ(values.refreshedAt(kAll), 5ms);
 }
 
 TEST_F(ValueStoreTest, NeverShowsAValueUnderAnotherTypeThanTheProjectSays)
 {
-    storeInts(0, "01 00", 5);
+    storeInts(0, "01 00", 5ms);
     EXPECT_EQ(values.text(kReal), QString());
 }
 
 TEST_F(ValueStoreTest, LivesThroughATypeThatSaysNoSize)
 {
     const micro850::CipType sizeless = {"NONE", 0xFF, 0, micro850::CipKind::Unsigned, 0, 0};
-    values.store(level, 0, sizeless, hex("01 02"), 5);
+    values.store(level, 0, sizeless, hex("01 02"), 5ms);
     EXPECT_FALSE(values.wasRead(kAll));
 }
 
 TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
 {
-    storeInts(0, "01 00 02 00 03 00 04 00", 5);
+    storeInts(0, "01 00 02 00 03 00 04 00", 5ms);
     values.takeChanged();
-    storeInts(0, "01 00 02 00 03 00 04 00", 6);
+    storeInts(0, "01 00 02 00 03 00 04 00", 6ms);
     EXPECT_EQ(values.takeChanged(), QSet<int>());
-    storeInts(0, "01 00 02 00 03 00 05 00", 7);
+    storeInts(0, "01 00 02 00 03 00 05 00", 7ms);
     EXPECT_EQ(values.takeChanged(), (QSet<int>{kAll}));
     EXPECT_EQ(values.text(kAll), QString("[1, 2, 3, 5]"));
 }
 
 TEST_F(ValueStoreTest, TellsAValueOfAnotherStationApart)
 {
-    values.store({2, "Level"}, 0, micro850::cipTypeNamed("INT"), hex("01 00"), 5);
+    values.store({2, "Level"}, 0, micro850::cipTypeNamed("INT"), hex("01 00"), 5ms);
     EXPECT_EQ(values.text(kOnce), QString());
 }
 
 TEST_F(ValueStoreTest, CallsAValueStaleWhenItIsOldOrItsStationIsDead)
 {
-    storeInts(2, "0B 00", 100);
-    EXPECT_EQ(values.quality(kSingle, 1100, true), Quality::Good);
-    EXPECT_EQ(values.quality(kSingle, 1101, true), Quality::Stale);
-    EXPECT_EQ(values.quality(kSingle, 100, false), Quality::Stale);
+    storeInts(2, "0B 00", 100ms);
+    EXPECT_EQ(values.quality(kSingle, 1100ms, true), Quality::Good);
+    EXPECT_EQ(values.quality(kSingle, 1101ms, true), Quality::Stale);
+    EXPECT_EQ(values.quality(kSingle, 100ms, false), Quality::Stale);
 }
 
 TEST_F(ValueStoreTest, LetsAValueThatIsReadOnceGrowOld)
 {
-    storeInts(0, "01 00", 100);
-    EXPECT_EQ(values.quality(kOnce, 100000, true), Quality::Good);
-    EXPECT_EQ(values.quality(kOnce, 100000, false), Quality::Stale);
+    storeInts(0, "01 00", 100ms);
+    EXPECT_EQ(values.quality(kOnce, 100000ms, true), Quality::Good);
+    EXPECT_EQ(values.quality(kOnce, 100000ms, false), Quality::Stale);
 }
 
 TEST_F(ValueStoreTest, KeepsTheValueBesideAnErrorUntilTheNextGoodReply)
 {
-    storeInts(2, "0B 00", 100);
+    storeInts(2, "0B 00", 100ms);
     values.setError(kSingle, "gone");
     EXPECT_EQ(values.text(kSingle), QString("11"));
-    EXPECT_EQ(values.quality(kSingle, 100, true), Quality::Stale);
-    storeInts(2, "0B 00", 200);
+    EXPECT_EQ(values.quality(kSingle, 100ms, true), Quality::Stale);
+    storeInts(2, "0B 00", 200ms);
     EXPECT_EQ(values.error(kSingle), QString());
-    EXPECT_EQ(values.quality(kSingle, 200, true), Quality::Good);
+    EXPECT_EQ(values.quality(kSingle, 200ms, true), Quality::Good);
 }
 
 TEST_F(ValueStoreTest, TellsWhatChangedOnceAndNothingThatDidNot)
 {
-    storeInts(2, "0B 00", 100);
+    storeInts(2, "0B 00", 100ms);
     EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
-    storeInts(2, "0B 00", 200);
+    storeInts(2, "0B 00", 200ms);
     EXPECT_EQ(values.takeChanged(), QSet<int>());
-    storeInts(2, "0C 00", 300);
+    storeInts(2, "0C 00", 300ms);
     EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
     values.setError(kText, "gone");
     EXPECT_EQ(values.takeChanged(), QSet<int>{kText});
@@ -121,7 +122,7 @@ TEST_F(ValueStoreTest, TellsWhatChangedOnceAndNothingThatDidNot)
 
 TEST_F(ValueStoreTest, ShowsAStringAsText)
 {
-    values.store({1, "Text"}, 0, micro850::cipTypeNamed("SHORT_STRING"), hex("03 50 E4 61"), 1);
+    values.store({1, "Text"}, 0, micro850::cipTypeNamed("SHORT_STRING"), hex("03 50 E4 61"), 1ms);
     EXPECT_EQ(values.text(kText), QString::fromUtf8("Päa"));
 }
 

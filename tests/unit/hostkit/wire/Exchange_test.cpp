@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 using namespace micro850::host;
+using namespace std::chrono_literals;
 using wire::hex;
 using Outcome = Answer::Outcome;
 
@@ -34,7 +35,7 @@ protected:
         return text;
     }
 
-    FakeClock clock;
+    micro850::VirtualClock clock;
     FakeLine line{clock};
     PortSettings settings;
     Counters counters;
@@ -50,7 +51,7 @@ TEST_F(ExchangeTest, GivesTheReplyOfItsRequest)
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
     EXPECT_EQ(wire::text(answer.data), wire::text(wire::unframed(reply)));
-    EXPECT_EQ(answer.roundTripMs, 7);
+    EXPECT_EQ(answer.roundTrip, 7ms);
     EXPECT_EQ(sent(), "request");
     EXPECT_EQ(counters.sent, 1);
     EXPECT_EQ(counters.answered, 1);
@@ -77,7 +78,7 @@ TEST_F(ExchangeTest, ThrowsAwayWhatArrivedBeforeItSends)
 
 TEST_F(ExchangeTest, DropsTheReplyOfAnotherRequestAndWaitsOnWithinTheSameTime)
 {
-    const qint64 start = clock.now();
+    const micro850::Duration start = clock.now();
     line.onSend = [this](const QByteArray& piece) {
         if (piece != request)
             return;
@@ -87,27 +88,27 @@ TEST_F(ExchangeTest, DropsTheReplyOfAnotherRequestAndWaitsOnWithinTheSameTime)
     const Answer answer = run();
     EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
     EXPECT_EQ(counters.late, 1);
-    EXPECT_EQ(clock.now() - start, 400);
+    EXPECT_EQ(clock.now() - start, 400ms);
     EXPECT_EQ(sent(), "request, 10 06");
 }
 
 TEST_F(ExchangeTest, EndsInTimeWhateverKeepsArriving)
 {
-    const qint64 start = clock.now();
+    const micro850::Duration start = clock.now();
     line.onSend = [this](const QByteArray& piece) {
         for (int ms = 50; piece == request && ms < 3000; ms += 50)
             line.arrive(wire::readReply(4, 0x00C3, hex("FF FF")), ms);
     };
     EXPECT_EQ(run().outcome, Outcome::TimedOut);
-    EXPECT_EQ(clock.now() - start, 1000);
+    EXPECT_EQ(clock.now() - start, 1000ms);
     EXPECT_EQ(counters.timedOut, 1);
 }
 
 TEST_F(ExchangeTest, AsksOnceForAReplyThatIsLateAndThenTimesOut)
 {
-    const qint64 start = clock.now();
+    const micro850::Duration start = clock.now();
     EXPECT_EQ(run().outcome, Outcome::TimedOut);
-    EXPECT_EQ(clock.now() - start, 1000);
+    EXPECT_EQ(clock.now() - start, 1000ms);
     EXPECT_EQ(sent(), "request, 10 15");
 }
 
@@ -119,7 +120,7 @@ TEST_F(ExchangeTest, GetsALostReplyByAskingForIt)
     };
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
-    EXPECT_EQ(answer.roundTripMs, 501);
+    EXPECT_EQ(answer.roundTrip, 501ms);
     EXPECT_EQ(counters.sent, 1);
 }
 
@@ -132,7 +133,7 @@ TEST_F(ExchangeTest, AsksForACorruptReplyAgainAtOnce)
     };
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
-    EXPECT_EQ(answer.roundTripMs, 10);
+    EXPECT_EQ(answer.roundTrip, 10ms);
     EXPECT_EQ(counters.corrupt, 1);
     EXPECT_EQ(sent(), "request, 10 15");
 }
@@ -176,7 +177,7 @@ TEST_F(ExchangeTest, AsksForAReplyThatStopsInTheMiddle)
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
     EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
-    EXPECT_EQ(answer.roundTripMs, 5 + 250 + 5);
+    EXPECT_EQ(answer.roundTrip, 5ms + 250ms + 5ms);
     EXPECT_EQ(counters.corrupt, 1);
     EXPECT_EQ(sent(), "request, 10 15");
 }
@@ -251,9 +252,9 @@ TEST_F(ExchangeTest, ComputesTheTimeOutFromTheLineAndTheDevice)
     settings.baud = 9600;
     settings.deviceBudgetMs = 500;
     // A request of 40 bytes and the longest reply, 10 bits a byte, and the device's budget.
-    EXPECT_EQ(Exchange(line, clock, settings).timeoutFor(40), 1125 + 500);
+    EXPECT_EQ(Exchange(line, clock, settings).timeoutFor(40), 1125ms + 500ms);
     settings.timeoutMs = 321;
-    EXPECT_EQ(Exchange(line, clock, settings).timeoutFor(40), 321);
+    EXPECT_EQ(Exchange(line, clock, settings).timeoutFor(40), 321ms);
 }
 
 TEST_F(ExchangeTest, AcknowledgesTheLastReplyOnceWhenNoRequestFollows)
@@ -275,15 +276,16 @@ TEST_F(ExchangeTest, ShowsEveryFrameBothWays)
     line.onSend = [this](const QByteArray&) { line.arrive(reply, 3); };
     Exchange exchange(line, clock, settings);
     std::string seen;
-    exchange.setObserver([&](Exchange::Direction direction, const QByteArray& frame, qint64 ms) {
-        seen += (direction == Exchange::Direction::Out ? ">" : "<") +
-                std::string(frame == request ? "request"
-                            : frame == reply ? "reply"
-                                             : "other") +
-                std::to_string(ms) + " ";
-    });
+    exchange.setObserver(
+        [&](Exchange::Direction direction, const QByteArray& frame, micro850::Duration now) {
+            seen += (direction == Exchange::Direction::Out ? ">" : "<") +
+                    std::string(frame == request ? "request"
+                                : frame == reply ? "reply"
+                                                 : "other") +
+                    std::to_string(now.count()) + " ";
+        });
     exchange.run(request, counters);
-    EXPECT_EQ(seen, ">request1000 <reply1003 ");
+    EXPECT_EQ(seen, ">request0 <reply3000 ");
 }
 
 TEST_F(ExchangeTest, ShowsWhatCameCorruptAndWhatItAnswers)
@@ -299,14 +301,15 @@ TEST_F(ExchangeTest, ShowsWhatCameCorruptAndWhatItAnswers)
     };
     Exchange exchange(line, clock, settings);
     std::string seen;
-    exchange.setObserver([&](Exchange::Direction direction, const QByteArray& bytes, qint64) {
-        const bool out = direction == Exchange::Direction::Out;
-        seen += std::string(seen.empty() ? "" : ", ") + (out ? "> " : "< ") +
-                (bytes == request   ? "request"
-                 : bytes == damaged ? "damaged"
-                 : bytes == reply   ? "reply"
-                                    : wire::text(bytes));
-    });
+    exchange.setObserver(
+        [&](Exchange::Direction direction, const QByteArray& bytes, micro850::Duration) {
+            const bool out = direction == Exchange::Direction::Out;
+            seen += std::string(seen.empty() ? "" : ", ") + (out ? "> " : "< ") +
+                    (bytes == request   ? "request"
+                     : bytes == damaged ? "damaged"
+                     : bytes == reply   ? "reply"
+                                        : wire::text(bytes));
+        });
     exchange.run(request, counters);
     exchange.acknowledge();
     EXPECT_EQ(seen, "> request, < 10 05, > 10 15, < damaged, > 10 15, < reply, > 10 06");
