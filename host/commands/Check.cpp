@@ -27,7 +27,7 @@ struct Finding
 Finding findingOf(const Variable& variable, Session& session)
 {
     Finding finding;
-    const TagKey key(variable.station, variable.tag);
+    const TagKey key = {variable.station, variable.tag};
     try {
         finding.type = &session.typeOf(key);
         if (variable.type && variable.type != finding.type) {

@@ -41,7 +41,7 @@ Target targetOf(const TagAddress& address, const Project& project, int station)
         target.address.indexed = address.indexed || variable->length > 1;
     }
     if (station >= 0)
-        target.tag.first = station;
+        target.tag.station = station;
     return target;
 }
 
@@ -49,9 +49,9 @@ Project withoutVariables(Project project, const QVector<Target>& targets)
 {
     project.variables.clear();
     for (const Target& target : targets) {
-        if (!project.hasStation(target.tag.first)) {
+        if (!project.hasStation(target.tag.station)) {
             StationSettings station;
-            station.number = target.tag.first;
+            station.number = target.tag.station;
             project.stations.append(station);
         }
     }

@@ -27,8 +27,8 @@ void tell(const Output& output, const Target& target, const CipType& type,
     for (int i = 0; i < elements.size(); ++i) {
         const QString name = target.address.elementName(i);
         const Json object = {{"name", name.toStdString()},
-                             {"station", target.tag.first},
-                             {"tag", target.tag.second.toStdString()},
+                             {"station", target.tag.station},
+                             {"tag", target.tag.name.toStdString()},
                              {"element", target.address.element + i},
                              {"type", type.name},
                              {"value", jsonOf(type, elements.at(i))}};
@@ -39,8 +39,8 @@ void tell(const Output& output, const Target& target, const CipType& type,
 void tellRefusal(const Output& output, const Target& target, const TagRefused& error)
 {
     const Json object = {{"name", target.address.text().toStdString()},
-                         {"station", target.tag.first},
-                         {"tag", target.tag.second.toStdString()},
+                         {"station", target.tag.station},
+                         {"tag", target.tag.name.toStdString()},
                          {"error", error.why()}};
     output.data(object, QString());
     output.error(QString::fromStdString(error.what()));

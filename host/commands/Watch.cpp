@@ -41,8 +41,8 @@ Project watchProject(const WatchOptions& options)
             variable = *named;
         variable.poll = PollMode::Cyclic;
         variable.name = address.text();
-        variable.tag = target.tag.second;
-        variable.station = target.tag.first;
+        variable.tag = target.tag.name;
+        variable.station = target.tag.station;
         variable.element = target.address.element;
         variable.length = target.address.elements;
         watched.append(variable);

@@ -86,8 +86,8 @@ void carryOut(const Write& write, Session& session, const WriteOptions& options,
     const QByteArray now =
         options.verify ? session.read(tag, write.element(), 1).first() : write.value;
     Json object = {{"name", write.name().toStdString()},
-                   {"station", tag.first},
-                   {"tag", tag.second.toStdString()},
+                   {"station", tag.station},
+                   {"tag", tag.name.toStdString()},
                    {"element", write.element()},
                    {"type", type.name},
                    {"written", jsonOf(type, write.value)}};

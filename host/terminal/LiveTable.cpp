@@ -148,10 +148,10 @@ QString LiveTable::lineStatistics(Duration now) const
     for (const Station& station : m_loop.stations())
         retries += station.counters.retries;
     const auto time = [&line](int percent) {
-        const std::optional<Duration> time = line.roundTrip(percent);
-        if (!time)
+        const std::optional<Duration> found = line.roundTrip(percent);
+        if (!found)
             return QStringLiteral("-");
-        const qint64 ms = wholeMilliseconds(*time);
+        const qint64 ms = wholeMilliseconds(*found);
         return ms == 0 ? QStringLiteral("<1 ms") : QStringLiteral("%1 ms").arg(ms);
     };
     return QStringLiteral("%1 transactions/s, %2 % in use, round trip %3, 99 % within %4, "

@@ -108,9 +108,9 @@ void Driver::queueRead(const Operation& operation, const Tag& tag)
     request.varType = kOperationKind;
     request.varIndex = operation.id;
     request.linkId = m_settings.localLink;
-    request.tagName = operation.tag.second;
+    request.tagName = operation.tag.name;
     request.addressText = QString::number(operation.element);
-    request.stationNo = operation.tag.first;
+    request.stationNo = operation.tag.station;
     request.onceFlag = 1;
     if (operation.kind == Operation::Kind::Learn) {
         // As a name outside the catalogue: one element at index 0, whether the driver knows the
@@ -126,8 +126,8 @@ void Driver::queueRead(const Operation& operation, const Tag& tag)
 void Driver::queueWrite(const Operation& operation, const Tag& tag)
 {
     const HostValue value = toHostLayout(*tag.type, operation.value);
-    m_api.setRegisterData(operation.tag.second, tag.area, QString::number(operation.element),
-                          operation.tag.first, value.bytes, value.count, kOperationKind,
+    m_api.setRegisterData(operation.tag.name, tag.area, QString::number(operation.element),
+                          operation.tag.station, value.bytes, value.count, kOperationKind,
                           operation.id);
 }
 
@@ -179,7 +179,7 @@ QByteArray Driver::storedValue(const TagKey& tag, quint16 typeCode, int element,
 {
     const TypeClass typeClass = typeClassOf(typeCode);
     QByteArray bytes;
-    m_api.getRegisterData(tag.second, 0, QString::number(element), tag.first, bytes,
+    m_api.getRegisterData(tag.name, 0, QString::number(element), tag.station, bytes,
                           fetchCount(typeClass, replyValues.size()));
     return fromHostLayout(typeClass, bytes, replyValues);
 }

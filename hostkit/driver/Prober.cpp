@@ -24,7 +24,7 @@ Prober::Prober(const DriverApi& api, int station) : m_driver(api, station, 0)
     // Only so that the driver connects: the tag is never asked for.
     m_operation.kind = Operation::Kind::Learn;
     m_operation.tag = {station, QStringLiteral("_")};
-    m_driver.declare({m_operation.tag.second});
+    m_driver.declare({m_operation.tag.name});
     m_driver.enableStation(station, true);
 }
 

@@ -40,7 +40,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
     }
     for (int i = 0; i < project.variables.size(); ++i) {
         const Variable& variable = project.variables.at(i);
-        const TagKey key(variable.station, variable.tag);
+        const TagKey key = {variable.station, variable.tag};
         declare(key);
         m_variablesOf[key].append(i);
         if (variable.area != 0)
@@ -52,7 +52,7 @@ void PollLoop::declare(const TagKey& key)
 {
     if (m_tags.contains(key))
         return;
-    m_driver.declare({key.second});
+    m_driver.declare({key.name});
     m_tags[key].area = m_tags.size() + 1;
 }
 
@@ -287,7 +287,7 @@ void PollLoop::probeDeadStations()
         station.probing = true;
         m_driver.enableStation(station.number, true);
         const auto tag = m_tags.lowerBound({station.number, QString()});
-        if (tag != m_tags.end() && tag.key().first == station.number)
+        if (tag != m_tags.end() && tag.key().station == station.number)
             askFor(tag.key());
     }
 }

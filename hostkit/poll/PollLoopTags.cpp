@@ -36,7 +36,7 @@ void PollLoop::lookAfterTags()
     for (auto of = m_variablesOf.constBegin(); of != m_variablesOf.constEnd(); ++of) {
         const Tag tag = m_tags.value(of.key());
         const bool open = tag.state == Tag::State::Unknown || tag.state == Tag::State::Refused;
-        const Station station = m_stations.value(of.key().first);
+        const Station station = m_stations.value(of.key().station);
         if (open && tag.retryAt <= now && station.inService() && !station.probing)
             askFor(of.key());
     }
@@ -63,7 +63,7 @@ void PollLoop::replan()
 
 void PollLoop::takeValues(const RW_VAR& sent, const Request& request, const Reply& reply)
 {
-    const TagKey key(sent.stationNo, sent.tagName);
+    const TagKey key = {sent.stationNo, sent.tagName};
     Tag& tag = m_tags[key];
     const bool learnt = learnType(tag, reply);
     // The driver asks for element 0 while it does not know the class, whatever the request says.
@@ -145,7 +145,7 @@ void PollLoop::checkVariable(int variable, const Tag& tag)
 void PollLoop::readOnce(int variable)
 {
     const Variable& asked = m_project.variables.at(variable);
-    const TagKey key(asked.station, asked.tag);
+    const TagKey key = {asked.station, asked.tag};
     const Tag tag = m_tags.value(key);
     if (asked.poll != PollMode::Once || m_leftOut.contains(variable) || !tag.type)
         return;
@@ -161,7 +161,7 @@ void PollLoop::readOnce(int variable)
 
 void PollLoop::takeRefusal(const RW_VAR& sent, const Request& request)
 {
-    const TagKey key(sent.stationNo, sent.tagName);
+    const TagKey key = {sent.stationNo, sent.tagName};
     if (request.service != kReadTagFragmented)
         return;
     if (m_tags.value(key).state != Tag::State::Known) {
@@ -228,7 +228,7 @@ int PollLoop::add(const Operation& operation)
     Operation added = operation;
     added.id = ++m_lastId;
     m_operations.insert(added.id, added);
-    m_waiting[added.tag.first].enqueue(added.id);
+    m_waiting[added.tag.station].enqueue(added.id);
     return added.id;
 }
 
@@ -274,7 +274,7 @@ bool PollLoop::isReady(Operation& operation)
     const Tag tag = m_tags.value(operation.tag);
     if (operation.kind == Operation::Kind::Learn || (tag.state == Tag::State::Known && tag.type))
         return true;
-    QQueue<int>& waiting = m_waiting[operation.tag.first];
+    QQueue<int>& waiting = m_waiting[operation.tag.station];
     if (!tag.error.isEmpty()) {
         waiting.dequeue();
         end(operation, Operation::State::Refused, tag.error);
@@ -294,7 +294,7 @@ void PollLoop::takeFinished()
         const auto operation = m_operations.find(finished.first);
         if (operation == m_operations.end() || operation->state != Operation::State::Queued)
             continue;
-        m_queued.remove(operation->tag.first);
+        m_queued.remove(operation->tag.station);
         takeOutcome(*operation, finished.second);
     }
 }
@@ -304,7 +304,7 @@ void PollLoop::takeOutcome(Operation& operation, bool succeeded)
     // A request that the controller refused for want of a connection was not carried out.
     if (!succeeded && m_connectionLost && ++operation.attempts < kAttempts) {
         operation.state = Operation::State::Waiting;
-        m_waiting[operation.tag.first].prepend(operation.id);
+        m_waiting[operation.tag.station].prepend(operation.id);
     } else if (!succeeded) {
         end(operation, Operation::State::Failed, QStringLiteral("no answer"));
     } else if (!m_refusal.isEmpty()) {

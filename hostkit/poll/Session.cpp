@@ -8,8 +8,8 @@ namespace {
 
 QString placeOf(const TagKey& key, int element)
 {
-    return element == 0 ? key.second
-                        : QStringLiteral("%1[%2]").arg(key.second, QString::number(element));
+    return element == 0 ? key.name
+                        : QStringLiteral("%1[%2]").arg(key.name, QString::number(element));
 }
 
 [[noreturn]] void refuseTag(const QString& what, const QString& why)
@@ -57,10 +57,10 @@ Operation Session::run(int id, const QString& what)
 const CipType& Session::typeOf(const TagKey& key)
 {
     if (m_loop.tag(key).state != Tag::State::Known)
-        run(m_loop.learn(key), key.second);
+        run(m_loop.learn(key), key.name);
     const Tag tag = m_loop.tag(key);
     if (!tag.type)
-        refuseTag(key.second, tag.error);
+        refuseTag(key.name, tag.error);
     return *tag.type;
 }
 
@@ -69,7 +69,7 @@ QVector<QByteArray> Session::read(const TagKey& key, int element, int elements,
 {
     const CipType& type = typeOf(key);
     if (type.kind == CipKind::String && (element != 0 || elements != 1)) {
-        throw UserError(key.second.toStdString() + ": of a string only element 0 can be read");
+        throw UserError(key.name.toStdString() + ": of a string only element 0 can be read");
     }
     Variable wanted;
     wanted.element = element;
@@ -92,7 +92,7 @@ QVector<QByteArray> Session::read(const TagKey& key, int element, int elements,
 
 void Session::write(const TagKey& key, int element, const QByteArray& value)
 {
-    requireWritable(typeOf(key), key.second);
+    requireWritable(typeOf(key), key.name);
     run(m_loop.write(key, element, value), placeOf(key, element));
 }
 

@@ -3,9 +3,9 @@
 
 #include "CipType.h"
 #include "Clock.h"
+#include "TagKey.h"
 
 #include <QtCore/QMap>
-#include <QtCore/QPair>
 #include <QtCore/QString>
 
 #include <algorithm>
@@ -25,9 +25,6 @@ inline bool isPlain(const QString& tag)
         return c.unicode() > 0x20 && c.unicode() < 0x7F && c != '[' && c != ']' && c != '=';
     });
 }
-
-/// Station and name of a controller's tag.
-using TagKey = QPair<int, QString>;
 
 /// What the host knows of a tag. The driver's store gives classes only, so that the type comes from
 /// the first good reply.

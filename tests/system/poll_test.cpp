@@ -152,7 +152,7 @@ protected:
 
     const Operation* written(const Example& example)
     {
-        const TagKey tag(1, example.tag);
+        const TagKey tag = {1, example.tag};
         const Bytes value = bytesOf(example.type, example.written);
         loop().declare(tag);
         const auto* data = reinterpret_cast<const char*>(value.data());
@@ -226,7 +226,7 @@ TEST_F(PollTest, SeesAChangeOfTheLastElementOfALongArray)
 TEST_F(PollTest, ReadsOnceWhatNoVariableNames)
 {
     use(kOneVariable);
-    const TagKey tag(1, "words");
+    const TagKey tag = {1, "words"};
     loop().declare(tag);
     const Operation* operation = finished(loop().read(tag, 1, 2));
     ASSERT_NE(operation, nullptr);
@@ -268,8 +268,7 @@ TEST_F(PollTest, HasAWriteOfAWideTypeThatItMovesByteByByteRefusedAsIsKnown)
 TEST_F(PollTest, WritesOneElementOfAnArrayAndLeavesItsNeighbours)
 {
     use(R"([{"tag": "words", "type": "INT", "length": 300}])");
-    const Operation* operation =
-        finished(loop().write(TagKey(1, "words"), 256, QByteArray("\x10\x10")));
+    const Operation* operation = finished(loop().write({1, "words"}, 256, QByteArray("\x10\x10")));
     ASSERT_NE(operation, nullptr);
     EXPECT_EQ(operation->state, Operation::State::Done);
     EXPECT_EQ(simulator().element("words", 256), (Bytes{0x10, 0x10}));
@@ -281,7 +280,7 @@ TEST_F(PollTest, WritesOneElementOfAnArrayAndLeavesItsNeighbours)
 TEST_F(PollTest, TellsThatTheControllerDoesNotKnowATag)
 {
     use(kOneVariable);
-    const TagKey tag(1, "missing");
+    const TagKey tag = {1, "missing"};
     loop().declare(tag);
     const Operation* operation = finished(loop().read(tag, 0, 1));
     ASSERT_NE(operation, nullptr);

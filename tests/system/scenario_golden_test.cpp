@@ -41,7 +41,7 @@ public:
     /// True when all came to its end.
     bool run()
     {
-        const micro850::host::TagKey tag(1, QStringLiteral("W"));
+        const micro850::host::TagKey tag = {1, QStringLiteral("W")};
         const int write = m_loop.write(tag, 0, QByteArray("\x05\x00", 2));
         const Duration begun = m_clock.now();
         while (!(isRead() && m_loop.outcome(write)) && m_clock.now() < begun + kLimit)

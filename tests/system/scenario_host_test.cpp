@@ -211,7 +211,7 @@ TEST_F(HostScenario, AConnectionThatTimedOutIsMadeAgain)
 {
     start();
     ASSERT_TRUE(runUntilGood());
-    port.pause(33000);
+    port.pause(std::chrono::milliseconds(33000));
     EXPECT_EQ(controller.server().openConnections(), 0u);
     setValues(5);
     EXPECT_TRUE(runUntil([&] { return shown(0) == "5" && shown(1) == "5" && shown(2) == "5"; }));

@@ -170,7 +170,7 @@ Soak::Soak(const Options& options)
     m_loop =
         std::make_unique<micro850::host::PollLoop>(m_library.api(), m_port, m_clock, m_project);
     for (const WriteTag& tag : m_writes)
-        m_loop->declare(micro850::host::TagKey(1, tag.name));
+        m_loop->declare({1, tag.name});
     if (!options.list.empty()) {
         m_list.open(options.list);
         if (!m_list)
@@ -259,8 +259,8 @@ void Soak::lookAfterWrites(bool startMore)
             continue;
         tag.value = valueFromText(cipTypeNamed(tag.type), std::to_string(++m_written % 256));
         const auto* data = reinterpret_cast<const char*>(tag.value.data());
-        tag.id = m_loop->write(micro850::host::TagKey(1, tag.name), 0,
-                               QByteArray(data, static_cast<int>(tag.value.size())));
+        tag.id =
+            m_loop->write({1, tag.name}, 0, QByteArray(data, static_cast<int>(tag.value.size())));
     }
 }
 

@@ -9,7 +9,7 @@ using wire::hex;
 
 namespace {
 
-const TagKey kSpeed(1, "Speed");
+const TagKey kSpeed = {1, "Speed"};
 
 class PollLoopRecoveryTest : public PollTest
 {

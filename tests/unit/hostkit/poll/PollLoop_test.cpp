@@ -6,7 +6,7 @@ using wire::hex;
 
 namespace {
 
-const TagKey kSpeed(1, "Speed");
+const TagKey kSpeed = {1, "Speed"};
 
 class PollLoopTest : public PollTest
 {

@@ -8,7 +8,7 @@ using wire::hex;
 
 namespace {
 
-const TagKey kSpeed(1, "Speed");
+const TagKey kSpeed = {1, "Speed"};
 
 class SessionTest : public PollTest
 {

@@ -116,10 +116,10 @@ TEST(Project, ComputesTheTimeOfBytesFromTheLine)
 {
     PortSettings port;
     port.baud = 9600;
-    EXPECT_EQ(port.timeOf(96), 100); // 10 bits a byte
+    EXPECT_EQ(port.timeOf(96), std::chrono::milliseconds(100)); // 10 bits a byte
     port.parity = Parity::Odd;
-    EXPECT_EQ(port.timeOf(96), 110);
-    EXPECT_EQ(port.timeOf(1), 2); // rounded up
+    EXPECT_EQ(port.timeOf(96), std::chrono::milliseconds(110));
+    EXPECT_EQ(port.timeOf(1), std::chrono::milliseconds(2)); // rounded up
 }
 
 TEST(Project, NamesTheKeyPathOfAMistakeAndTheWayOut)
