@@ -29,6 +29,8 @@ public:
         return value;
     }
 
+    void skip(std::size_t count) { m_at += std::min(count, left()); }
+
     /// The next bytes, at most `count`.
     Bytes bytes(std::size_t count)
     {

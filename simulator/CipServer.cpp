@@ -1,6 +1,7 @@
 #include "CipServer.h"
 
-#include "Bytes.h"
+#include "CipMessage.h"
+#include "Df1.h"
 
 #include <algorithm>
 #include <utility>
@@ -9,23 +10,10 @@ namespace micro850::sim {
 
 namespace {
 
-constexpr std::uint8_t kConnectedCommand = 0x0A;
-constexpr std::uint8_t kUnconnectedCommand = 0x0B;
-constexpr std::uint8_t kReplyFlag = 0x40;
-constexpr std::uint8_t kServiceReply = 0x80;
-constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kConnectedHeaderSize = 12;
-
-constexpr std::uint8_t kGetAttributesAll = 0x01;
-constexpr std::uint8_t kForwardClose = 0x4E;
-constexpr std::uint8_t kReadTagFragmented = 0x52;
-constexpr std::uint8_t kWriteTagFragmented = 0x53;
-constexpr std::uint8_t kForwardOpen = 0x54;
-
 // Value bytes that one message carries on a connection of 504 bytes.
 constexpr std::size_t kLongestValue = 480;
 
-/// A logical path of one class and one instance segment with 8-bit numbers.
+/// True for the path of instance 1 of a class: one class and one instance segment, 8 bits each.
 bool isPath(const Bytes& path, std::uint8_t objectClass)
 {
     return path == Bytes{0x20, objectClass, 0x24, 0x01};
@@ -46,23 +34,24 @@ void CipServer::reset()
 
 std::optional<Bytes> CipServer::handle(const Bytes& message)
 {
-    if (message.size() <= kHeaderSize)
+    if (message.size() <= df1::kHeaderSize)
         return std::nullopt;
-    const std::uint8_t command = message[2];
+    const std::uint8_t command = message[df1::kCommand];
     Bytes body;
     if (command == kUnconnectedCommand)
-        body = unconnected({message.begin() + kHeaderSize, message.end()});
+        body = handleUnconnected({message.begin() + df1::kHeaderSize, message.end()});
     else if (command == kConnectedCommand && message.size() > kConnectedHeaderSize)
-        body = connected(message);
+        body = handleConnected(message);
     else
         return std::nullopt;
-    Bytes reply = {message[1], message[0], static_cast<std::uint8_t>(command | kReplyFlag), 0};
-    append(reply, {message[4], message[5], 0, 0});
+    Bytes reply = {message[df1::kSource], message[df1::kDestination],
+                   static_cast<std::uint8_t>(command | df1::kReplyFlag), 0};
+    append(reply, {message[df1::kTransactionLow], message[df1::kTransactionHigh], 0, 0});
     append(reply, body);
     return reply;
 }
 
-std::optional<CipServer::Request> CipServer::requestOf(const Bytes& cip)
+std::optional<CipServer::Request> CipServer::parseRequest(const Bytes& cip)
 {
     ByteReader reader(cip);
     if (!reader.has(2))
@@ -77,7 +66,7 @@ std::optional<CipServer::Request> CipServer::requestOf(const Bytes& cip)
     return request;
 }
 
-Bytes CipServer::encoded(std::uint8_t service, const Reply& reply)
+Bytes CipServer::encodeReply(std::uint8_t service, const Reply& reply)
 {
     ++m_answers[static_cast<std::uint8_t>(reply.status)];
     Bytes cip = {static_cast<std::uint8_t>(service | kServiceReply), 0,
@@ -90,30 +79,32 @@ Bytes CipServer::encoded(std::uint8_t service, const Reply& reply)
     return cip;
 }
 
-Bytes CipServer::unconnected(const Bytes& cip)
+Bytes CipServer::handleUnconnected(const Bytes& cip)
 {
-    const std::optional<Request> request = requestOf(cip);
+    const std::optional<Request> request = parseRequest(cip);
     if (!request)
-        return encoded(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}});
-    return encoded(request->service, answerUnconnected(*request));
+        return encodeReply(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}});
+    return encodeReply(request->service, answerUnconnected(*request));
 }
 
-Bytes CipServer::connected(const Bytes& message)
+Bytes CipServer::handleConnected(const Bytes& message)
 {
     const Bytes cip(message.begin() + kConnectedHeaderSize, message.end());
-    const auto lowHalf = static_cast<std::uint16_t>(message[8] | message[9] << 8);
-    Connection* connection = connectionOf(lowHalf);
-    const std::optional<Request> request = requestOf(cip);
+    const auto lowHalf =
+        static_cast<std::uint16_t>(message[kConnection] | message[kConnection + 1] << 8);
+    Connection* connection = findConnection(lowHalf);
+    const std::optional<Request> request = parseRequest(cip);
     Bytes body;
     appendNumber(body, connection ? connection->originatorId : lowHalf, 2);
-    append(body, {message[10], message[11]});
+    append(body, {message[kSequence], message[kSequence + 1]});
     if (!connection)
-        append(body, encoded(cip[0],
-                             {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}}));
+        append(body,
+               encodeReply(cip[0],
+                           {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}}));
     else if (!request)
-        append(body, encoded(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}}));
+        append(body, encodeReply(cip[0], {CipStatus::NotEnoughData, CipExtended::None, {}}));
     else
-        append(body, encoded(request->service, answerConnected(*request)));
+        append(body, encodeReply(request->service, answerConnected(*request)));
     return body;
 }
 
@@ -174,22 +165,22 @@ CipServer::Reply CipServer::allAttributes() const
     return reply;
 }
 
-// priority, ticks, O->T id, T->O id, connection serial, vendor, originator serial, multiplier,
-// reserved, O->T interval and parameters, T->O interval and parameters, transport, path.
+// The request has: priority, ticks, O->T identifier, T->O identifier, connection serial, vendor,
+// originator serial, multiplier, reserved, O->T interval and parameters, T->O interval and
+// parameters, transport, path.
 CipServer::Reply CipServer::forwardOpen(const Request& request)
 {
     ByteReader reader(request.data);
     if (!reader.has(36))
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
-    reader.number(2);
-    reader.number(4);
+    reader.skip(2 + 4);
     Connection connection;
     connection.originatorId = static_cast<std::uint32_t>(reader.number(4));
     connection.key = reader.bytes(8);
     const std::uint64_t multiplier = std::uint64_t{4} << (reader.number(1) & 7);
-    reader.number(3);
+    reader.skip(3);
     const std::uint64_t toTarget = reader.number(4);
-    reader.number(2);
+    reader.skip(2);
     const std::uint64_t toOriginator = reader.number(4);
     connection.timeout = Duration(static_cast<std::int64_t>(toTarget * multiplier));
     connection.expires = m_clock.now() + connection.timeout;
@@ -214,7 +205,7 @@ CipServer::Reply CipServer::forwardClose(const Request& request)
     ByteReader reader(request.data);
     if (!reader.has(10))
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
-    reader.number(2);
+    reader.skip(2);
     const Bytes key = reader.bytes(8);
     for (auto it = m_connections.begin(); it != m_connections.end(); ++it) {
         if (it->second.key != key)
@@ -240,7 +231,7 @@ std::size_t CipServer::openConnections()
     return m_connections.size();
 }
 
-CipServer::Connection* CipServer::connectionOf(std::uint16_t lowHalf)
+CipServer::Connection* CipServer::findConnection(std::uint16_t lowHalf)
 {
     expireConnections();
     for (auto& [id, connection] : m_connections) {
@@ -252,7 +243,8 @@ CipServer::Connection* CipServer::connectionOf(std::uint16_t lowHalf)
     return nullptr;
 }
 
-// A symbol segment (91, length, name, pad) and at most one member segment (28 xx, 29 00 xx xx).
+// Accepts a symbol segment (91, length, name, pad) and at most one member segment (28 xx or
+// 29 00 xx xx).
 std::optional<CipServer::Reply> CipServer::locate(const Bytes& path, Target& target)
 {
     const Reply segmentError = {CipStatus::PathSegmentError, CipExtended::None, {}};
@@ -263,7 +255,7 @@ std::optional<CipServer::Reply> CipServer::locate(const Bytes& path, Target& tar
     if (!reader.has(size + size % 2))
         return segmentError;
     const Bytes name = reader.bytes(size);
-    reader.number(size % 2);
+    reader.skip(size % 2);
     if (reader.has(1)) {
         const std::uint64_t kind = reader.number(1);
         if (kind == 0x28 && reader.left() == 1)
@@ -314,7 +306,7 @@ CipServer::Reply CipServer::readTag(const Request& request)
 
 namespace {
 
-// Cuts `data` into elements of the type; nothing when it does not fit exactly.
+// Splits `data` into `count` elements of the type. Returns nothing unless it fits exactly.
 std::optional<std::vector<Bytes>> elementsOf(const CipType& type, const Bytes& data,
                                              std::size_t count)
 {
@@ -363,8 +355,8 @@ CipServer::Reply CipServer::writeTag(const Request& request)
         return {CipStatus::VendorSpecific, CipExtended::BeyondObject, {}};
     const std::size_t skipped = isText ? 0 : offset / size;
     const Bytes value = reader.bytes(reader.left());
-    // A fragment carries as many whole elements as it has bytes for. What fits into one request has
-    // to come in one.
+    // A fragment carries as many whole elements as it has bytes for. A value that fits into one
+    // request must come in one.
     const std::size_t carried =
         isText ? count : std::min(std::max<std::size_t>(value.size() / size, 1), count - skipped);
     const bool fragment = offset != 0 || (!isText && count * size > kLongestValue);

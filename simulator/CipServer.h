@@ -24,7 +24,7 @@ enum class CipStatus : std::uint8_t {
     VendorSpecific = 0xFF
 };
 
-/// Extended status words that go with some of them.
+/// Extended status words of some of these.
 enum class CipExtended : std::uint16_t {
     None = 0,
     ConnectionNotFound = 0x0107,
@@ -32,14 +32,14 @@ enum class CipExtended : std::uint16_t {
     TypeMismatch = 0x2107
 };
 
-/// An error status that takes the place of an answer.
+/// An error status that is sent instead of executing a request.
 struct CipFailure
 {
     std::uint8_t status = 0;
     std::uint16_t extended = 0; ///< 0: none
 };
 
-/// What the Identity object says.
+/// The attributes of the Identity object.
 struct Identity
 {
     std::uint16_t vendor = 0x1234;
@@ -52,23 +52,24 @@ struct Identity
     std::string name = "Micro850 simulated unit 01";
 };
 
-/// The CIP side of the controller: takes the data of a link message, gives the data of the reply.
+/// The CIP side of the controller: executes the request in the data of a DF1 message and returns
+/// the data of the reply.
 class CipServer
 {
 public:
     CipServer(const Clock& clock, TagTable& tags, Identity identity = Identity());
 
-    /// The reply's data; nothing for a message that is no request to this node.
+    /// Returns the reply's data, or nothing when the message is not a CIP request.
     std::optional<Bytes> handle(const Bytes& message);
-    /// While set, no request is executed: each is answered with this error.
+    /// While a failure is set, no request is executed; each is answered with this error.
     void setFailure(std::optional<CipFailure> failure) { m_failure = failure; }
-    /// Forgets all connections and what was counted, as a power cycle does.
+    /// Forgets all connections and counts, as a power cycle does.
     void reset();
 
-    /// The next connections get these identifiers, low half first; for tests.
+    /// Sets the identifier of the next connection; for tests.
     void setNextConnectionId(std::uint32_t id) { m_nextConnectionId = id; }
     std::size_t openConnections();
-    /// Requests answered, by general status.
+    /// Number of requests answered with each general status.
     const std::map<std::uint8_t, unsigned>& answersByStatus() const { return m_answers; }
 
 private:
@@ -97,10 +98,10 @@ private:
         std::size_t element = 0;
     };
 
-    Bytes unconnected(const Bytes& cip);
-    Bytes connected(const Bytes& message);
-    Bytes encoded(std::uint8_t service, const Reply& reply);
-    static std::optional<Request> requestOf(const Bytes& cip);
+    Bytes handleUnconnected(const Bytes& cip);
+    Bytes handleConnected(const Bytes& message);
+    static std::optional<Request> parseRequest(const Bytes& cip);
+    Bytes encodeReply(std::uint8_t service, const Reply& reply);
 
     Reply failure() const;
     Reply answerUnconnected(const Request& request);
@@ -110,8 +111,9 @@ private:
     Reply forwardClose(const Request& request);
     Reply readTag(const Request& request);
     Reply writeTag(const Request& request);
+    /// Finds the tag and element that a path names. Returns the error reply when there is none.
     std::optional<Reply> locate(const Bytes& path, Target& target);
-    Connection* connectionOf(std::uint16_t lowHalf);
+    Connection* findConnection(std::uint16_t lowHalf);
     void expireConnections();
 
     const Clock& m_clock;

@@ -6,21 +6,21 @@
 
 namespace micro850::sim {
 
-/// What a person tells a running controller to do.
+/// A command to a running controller, as typed on standard input.
 struct Command
 {
     enum Kind {
-        PowerCycle, ///< connections and link state are forgotten
-        Download    ///< another tag file takes the place of the tags
+        PowerCycle, ///< forget connections and link state
+        Download    ///< replace the tags by those of a file
     };
     Kind kind = PowerCycle;
-    bool retain = false;        ///< PowerCycle: the values stay
-    std::string file;           ///< Download: empty for the station's own file, read anew
+    bool retain = false;        ///< PowerCycle: keep the values
+    std::string file;           ///< Download: empty to reload the station's own file
     std::optional<int> station; ///< none: all
 };
 
-/// Reads a line `power-cycle [retain] [STATION]` or `download [FILE] [STATION]`; nothing for a
-/// blank one. Throws UserError naming the word and the remedy.
+/// Parses a line `power-cycle [retain] [STATION]` or `download [FILE] [STATION]`. Returns nothing
+/// for a blank line. Throws UserError that names the wrong word and the remedy.
 std::optional<Command> parseCommand(const std::string& line);
 
 } // namespace micro850::sim

@@ -16,17 +16,17 @@ public:
     Controller& operator=(const Controller&) = delete;
 
     void receive(const Bytes& bytes);
-    /// Lets time pass: motions and time-outs.
+    /// Checks the time-outs of the link.
     void tick();
-    /// Takes the bytes to send.
+    /// Returns the bytes to send and removes them from the output.
     Bytes transmit();
 
-    /// Connections, link state and counters are forgotten; values go back to the initial ones
-    /// unless retained.
+    /// Forgets connections, link state and counters. Values return to the initial ones unless they
+    /// are retained.
     void powerCycle(bool retainValues);
-    /// Other tags take the place of all there are; connections stay.
+    /// Replaces all tags; connections stay.
     void download(TagTable tags);
-    /// From now on messages are answered by `handler`, not from the tags.
+    /// From now on `handler` answers messages instead of the CIP server.
     void answerWith(LinkLayer::Handler handler) { m_handler = std::move(handler); }
 
     TagTable& tags() { return m_tags; }

@@ -15,7 +15,7 @@ constexpr std::int64_t kMostMessages = 1000000000;
 constexpr std::int64_t kLongestMessage = 65535;
 constexpr double kLongestTime = 3600;
 
-/// The name of a fault, and what its rules may say besides fault, on, rate and message.
+/// The name of a fault, and the keys of its rules in addition to fault, on, rate and message.
 using Grammar = std::pair<const char*, std::vector<std::string>>;
 
 // In the order of FaultKind.
@@ -40,7 +40,7 @@ const std::vector<Grammar>& grammar()
     return rules;
 }
 
-FaultKind kindFrom(const JsonNode& node)
+FaultKind parseKind(const JsonNode& node)
 {
     const std::string name = node.text();
     const std::vector<std::string>& names = faultNames();
@@ -53,8 +53,8 @@ FaultKind kindFrom(const JsonNode& node)
     node.fail('"' + name + "\" is not a fault" + didYouMean(name, names) + " (" + known + ')');
 }
 
-// A request is what an error takes the place of, a reply what an earlier one does.
-Side sideFrom(const JsonNode& rule, FaultKind kind)
+// cip-error strikes requests only, previous strikes replies only.
+Side parseSide(const JsonNode& rule, FaultKind kind)
 {
     const std::string usual = kind == FaultKind::CipError ? "requests" : "replies";
     const std::string side = rule.text("on", usual);
@@ -65,7 +65,7 @@ Side sideFrom(const JsonNode& rule, FaultKind kind)
     return side == "requests" ? Side::Requests : Side::Replies;
 }
 
-void readPoints(const JsonNode& rule, Fault& fault)
+void parseTargets(const JsonNode& rule, Fault& fault)
 {
     if (rule.has("rate") == rule.has("message"))
         rule.fail(R"(give either "rate" (0 to 1) or "message" (a number or a list of them))");
@@ -84,7 +84,7 @@ void readPoints(const JsonNode& rule, Fault& fault)
         points.fail("name at least one message; the first is 1");
 }
 
-Bytes bytesFrom(const JsonNode& node)
+Bytes parseBytes(const JsonNode& node)
 {
     std::string digits;
     for (const char c : node.text()) {
@@ -102,23 +102,23 @@ Bytes bytesFrom(const JsonNode& node)
     return bytes;
 }
 
-Duration timeFrom(const JsonNode& rule, double absent)
+Duration parseTime(const JsonNode& rule, double absent)
 {
     const double seconds = rule.number("seconds", absent);
     if (!(seconds >= 0 && seconds <= kLongestTime))
         rule.at("seconds").fail("a time is 0 to 3600 seconds");
-    return Duration(static_cast<std::int64_t>(seconds * 1e6));
+    return fromSeconds(seconds);
 }
 
-void readDetails(const JsonNode& rule, Fault& fault)
+void parseDetails(const JsonNode& rule, Fault& fault)
 {
     fault.byte = static_cast<unsigned>(rule.integer("byte", 1, kLongestMessage, 0));
     fault.bit = static_cast<int>(rule.integer("bit", 0, 7, -1));
     fault.length = static_cast<unsigned>(rule.integer("length", 1, kLongestMessage, 16));
     fault.later = static_cast<unsigned>(rule.integer("later", 1, kMostMessages, 0));
-    fault.time = timeFrom(rule, fault.kind == FaultKind::Split ? 0.005 : 1.0);
+    fault.time = parseTime(rule, fault.kind == FaultKind::Split ? 0.005 : 1.0);
     if (rule.has("bytes"))
-        fault.bytes = bytesFrom(rule.at("bytes"));
+        fault.bytes = parseBytes(rule.at("bytes"));
     if (rule.has("seconds") && rule.has("later"))
         rule.fail(R"(a delay is either "seconds" or "later" messages long)");
     if (fault.kind != FaultKind::CipError)
@@ -127,26 +127,26 @@ void readDetails(const JsonNode& rule, Fault& fault)
     fault.failure.extended = static_cast<std::uint16_t>(rule.integer("extended", 0, 65535, 0));
 }
 
-Fault faultFrom(const JsonNode& rule)
+Fault parseFault(const JsonNode& rule)
 {
     Fault fault;
-    fault.kind = kindFrom(rule.at("fault"));
+    fault.kind = parseKind(rule.at("fault"));
     std::vector<std::string> keys = {"fault", "on", "rate", "message"};
     const std::vector<std::string>& own = grammar()[static_cast<std::size_t>(fault.kind)].second;
     keys.insert(keys.end(), own.begin(), own.end());
     rule.expectKeys(keys);
-    fault.side = sideFrom(rule, fault.kind);
-    readPoints(rule, fault);
-    readDetails(rule, fault);
+    fault.side = parseSide(rule, fault.kind);
+    parseTargets(rule, fault);
+    parseDetails(rule, fault);
     return fault;
 }
 
-FaultScript faultsFrom(const JsonNode& root)
+FaultScript parseScript(const JsonNode& root)
 {
     root.expectKeys({"faults"});
     FaultScript script;
     for (const JsonNode& rule : root.at("faults").elements())
-        script.push_back(faultFrom(rule));
+        script.push_back(parseFault(rule));
     return script;
 }
 
@@ -165,12 +165,12 @@ const std::vector<std::string>& faultNames()
 
 FaultScript faultsFromFile(const std::string& path)
 {
-    return faultsFrom(JsonNode::fromFile(path));
+    return parseScript(JsonNode::fromFile(path));
 }
 
 FaultScript faultsFromText(const std::string& text, const std::string& name)
 {
-    return faultsFrom(JsonNode::fromText(text, name));
+    return parseScript(JsonNode::fromText(text, name));
 }
 
 } // namespace micro850::sim

@@ -1,5 +1,7 @@
 #include "FaultyLine.h"
 
+#include "Df1.h"
+
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -8,13 +10,10 @@ namespace micro850::sim {
 
 namespace {
 
-constexpr std::uint8_t kDle = 0x10;
-constexpr std::uint8_t kAck = 0x06;
-constexpr std::uint8_t kNak = 0x15;
-constexpr std::array<std::uint8_t, 2> kAckBytes = {kDle, kAck};
+constexpr std::array<std::uint8_t, 2> kAckBytes = {df1::kDle, df1::kAck};
 // A transmission that stops in the middle is passed on after this silence.
 constexpr Duration kSilence{50000};
-// The same for link controls, behind which the message that they stand in front of may follow.
+// The same for link controls: the message that belongs to them may still follow.
 constexpr Duration kControlSilence{5000};
 
 std::string hexOf(const Bytes& bytes)
@@ -55,8 +54,8 @@ void FaultyLine::receive(const Bytes& bytes)
 {
     if (!bytes.empty())
         m_lastInput = m_clock.now();
-    Way& way = m_sides[index(Side::Requests)];
-    for (const Transmission& sent : way.splitter.feed(bytes))
+    SideState& requests = m_sides[index(Side::Requests)];
+    for (const Transmission& sent : requests.splitter.feed(bytes))
         pass(Side::Requests, sent);
     deliver();
 }
@@ -106,19 +105,19 @@ void FaultyLine::execute(const Piece& piece)
 
 void FaultyLine::collectReplies()
 {
-    Way& way = m_sides[index(Side::Replies)];
-    for (const Transmission& sent : way.splitter.feed(m_controller.transmit()))
+    SideState& replies = m_sides[index(Side::Replies)];
+    for (const Transmission& sent : replies.splitter.feed(m_controller.transmit()))
         pass(Side::Replies, sent);
-    if (const auto sent = way.splitter.flush())
+    if (const auto sent = replies.splitter.flush())
         pass(Side::Replies, *sent);
 }
 
 void FaultyLine::pass(Side side, const Transmission& sent)
 {
-    Way& way = m_sides[index(side)];
-    Passage passage(side, way.messages, sent);
+    SideState& state = m_sides[index(side)];
+    Passage passage(side, state.messages, sent);
     if (sent.hasMessage()) {
-        passage.number = ++way.messages;
+        passage.number = ++state.messages;
         releaseHeld(side);
         for (const Fault& fault : m_script) {
             if (fault.side == side && strikes(fault, passage.number))
@@ -253,12 +252,12 @@ void FaultyLine::refuse(const Fault& fault, Passage& passage)
     Transmission& sent = passage.sent;
     if (passage.side == Side::Requests) {
         passage.withheld = true;
-        schedule(Side::Replies, {m_clock.now(), {kDle, kNak}, std::nullopt});
+        schedule(Side::Replies, {m_clock.now(), {df1::kDle, df1::kNak}, std::nullopt});
         report(fault, passage, "refused with DLE NAK");
     } else if (sent.bytes.size() >= kAckBytes.size() &&
                std::equal(kAckBytes.begin(), kAckBytes.end(), sent.bytes.begin()))
     {
-        sent.bytes[1] = kNak;
+        sent.bytes[1] = df1::kNak;
         report(fault, passage, "DLE NAK in front of it instead of DLE ACK");
     }
 }
@@ -266,8 +265,8 @@ void FaultyLine::refuse(const Fault& fault, Passage& passage)
 void FaultyLine::hangUp(const Fault& fault, const Passage& passage)
 {
     m_hungUpUntil = m_clock.now() + fault.time;
-    for (Way& way : m_sides)
-        way.pieces.clear();
+    for (SideState& side : m_sides)
+        side.pieces.clear();
     report(fault, passage, "the line hung up for " + secondsOf(fault.time));
 }
 
@@ -283,11 +282,11 @@ void FaultyLine::send(Passage& passage)
     Bytes bytes = std::move(passage.sent.bytes);
     if (passage.withheld)
         bytes.resize(std::min(bytes.size(), passage.sent.message));
-    Way& way = m_sides[index(passage.side)];
+    SideState& state = m_sides[index(passage.side)];
     Duration due = m_clock.now() + passage.delay;
     for (unsigned copy = 0; copy < passage.copies && !bytes.empty(); ++copy) {
         if (passage.later > 0) {
-            way.held.push_back({passage.number + passage.later, {due, bytes, passage.failure}});
+            state.held.push_back({passage.number + passage.later, {due, bytes, passage.failure}});
         } else if (!passage.gap) {
             schedule(passage.side, {due, bytes, passage.failure});
         } else {
@@ -299,7 +298,7 @@ void FaultyLine::send(Passage& passage)
     }
 }
 
-// A line has one order: nothing overtakes what is under way.
+// A line keeps its order: a piece never overtakes an earlier one.
 void FaultyLine::schedule(Side side, Piece piece)
 {
     std::deque<Piece>& pieces = m_sides[index(side)].pieces;
@@ -312,15 +311,15 @@ void FaultyLine::schedule(Side side, Piece piece)
 
 void FaultyLine::releaseHeld(Side side)
 {
-    Way& way = m_sides[index(side)];
-    while (!way.held.empty()) {
-        const auto due = std::find_if(way.held.begin(), way.held.end(), [&way](const Held& held) {
-            return held.until <= way.messages;
-        });
-        if (due == way.held.end())
+    SideState& state = m_sides[index(side)];
+    while (!state.held.empty()) {
+        const auto due =
+            std::find_if(state.held.begin(), state.held.end(),
+                         [&state](const Held& held) { return held.until <= state.messages; });
+        if (due == state.held.end())
             return;
         Piece piece = std::move(due->piece);
-        way.held.erase(due);
+        state.held.erase(due);
         piece.due = m_clock.now();
         schedule(side, std::move(piece));
     }

@@ -12,13 +12,13 @@
 
 namespace micro850::sim {
 
-/// The line to a controller, with the faults of a script. It stands in the place of the controller:
+/// The line to a controller, with the faults of a script. It is used like the controller itself:
 /// bytes in, bytes out, time from the same clock. The same seed and the same traffic give the same
 /// faults.
 class FaultyLine
 {
 public:
-    /// What was done to one message.
+    /// A fault that struck one message.
     struct Event
     {
         Duration time{0};
@@ -36,12 +36,12 @@ public:
     void setObserver(Observer observer) { m_observer = std::move(observer); }
     /// Adds a rule; messages are counted from the beginning.
     void add(const Fault& fault) { m_script.push_back(fault); }
-    /// From now on no fault strikes any more; what is under way arrives.
+    /// Removes all rules. Bytes on their way still arrive.
     void clear() { m_script.clear(); }
 
     void receive(const Bytes& bytes);
     void tick();
-    /// Takes the bytes that have arrived at the host's end.
+    /// Returns the bytes that have arrived at the host's end and removes them.
     Bytes transmit();
     /// While true the line is dead in both directions.
     bool isHungUp() const { return m_clock.now() < m_hungUpUntil; }
@@ -53,7 +53,7 @@ public:
 
 private:
     using Transmission = TransmissionSplitter::Transmission;
-    /// Bytes under way.
+    /// Bytes on their way.
     struct Piece
     {
         Duration due{0};
@@ -62,17 +62,17 @@ private:
     };
     struct Held
     {
-        unsigned until = 0; ///< the message in front of which it arrives
+        unsigned until = 0; ///< number of the message before which it arrives
         Piece piece;
     };
-    struct Way
+    struct SideState
     {
         unsigned messages = 0;
         TransmissionSplitter splitter;
         std::deque<Piece> pieces; ///< in the order in which they arrive
         std::list<Held> held;
     };
-    /// One transmission on its way through the rules.
+    /// One transmission and what the rules have done to it so far.
     struct Passage
     {
         Passage(Side from, unsigned message, Transmission transmission)
@@ -116,7 +116,7 @@ private:
     FaultScript m_script;
     Dice m_dice;
     Observer m_observer;
-    Way m_sides[2];
+    SideState m_sides[2];
     Bytes m_out;
     Duration m_lastInput{0};
     Duration m_hungUpUntil{0};
@@ -124,7 +124,7 @@ private:
     std::map<FaultKind, unsigned> m_counts;
 };
 
-/// The event as a line for a person: `reply 12: byte 7: bit 3 flipped, 5A becomes 52`.
+/// The event as a line of text: `reply 12: byte 7: bit 3 flipped, 5A becomes 52`.
 std::string describe(const FaultyLine::Event& event);
 
 } // namespace micro850::sim

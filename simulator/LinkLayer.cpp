@@ -1,83 +1,45 @@
 #include "LinkLayer.h"
 
+#include "Df1.h"
+
 #include <utility>
 
 namespace micro850::sim {
 
 namespace {
 
-constexpr std::uint8_t kDle = 0x10;
-constexpr std::uint8_t kStx = 0x02;
-constexpr std::uint8_t kEtx = 0x03;
-constexpr std::uint8_t kEnq = 0x05;
-constexpr std::uint8_t kAck = 0x06;
-constexpr std::uint8_t kNak = 0x15;
-// A message that grows beyond this is noise that happened to begin like one.
+// A message that grows longer than this is noise that happened to begin like a message.
 constexpr std::size_t kLongestMessage = 4096;
-// Replies that wait behind the one on the wire; a peer that acknowledges none is then refused.
+// Replies that wait for the one on the wire. Further messages of a peer that acknowledges nothing
+// are refused.
 constexpr std::size_t kMostWaiting = 4;
-// Source, command and transaction number within a message's data.
-constexpr std::size_t kSource = 1;
-constexpr std::size_t kCommand = 2;
-constexpr std::size_t kTransaction = 4;
-constexpr std::size_t kHeaderSize = 8;
-
-Bytes framed(const Bytes& data)
-{
-    Bytes frame = {kDle, kStx};
-    for (std::uint8_t byte : data) {
-        frame.push_back(byte);
-        if (byte == kDle)
-            frame.push_back(kDle);
-    }
-    Bytes covered = data;
-    covered.push_back(kEtx);
-    const std::uint16_t crc = linkCrc(covered);
-    frame.insert(frame.end(), {kDle, kEtx, static_cast<std::uint8_t>(crc & 0xFF),
-                               static_cast<std::uint8_t>(crc >> 8)});
-    return frame;
-}
 
 } // namespace
 
-std::uint16_t linkCrc(const Bytes& bytes)
-{
-    std::uint16_t shift = 0;
-    for (std::uint8_t byte : bytes) {
-        for (int bit = 0; bit < 8; ++bit) {
-            const bool feedback = ((shift ^ (byte >> bit)) & 1) != 0;
-            shift = static_cast<std::uint16_t>(shift >> 1);
-            if (feedback)
-                shift ^= 0xA001;
-        }
-    }
-    return shift;
-}
-
 LinkLayer::LinkLayer(const Clock& clock, Handler handler, LinkOptions options)
-    : m_clock(clock), m_handler(std::move(handler)), m_options(options), m_lastAnswer(kNak)
+    : m_clock(clock), m_handler(std::move(handler)), m_options(options), m_lastResponse(df1::kNak)
 {
 }
 
 void LinkLayer::receive(const Bytes& bytes)
 {
     for (std::uint8_t byte : bytes)
-        take(byte);
+        handleByte(byte);
 }
 
-void LinkLayer::take(std::uint8_t byte)
+void LinkLayer::handleByte(std::uint8_t byte)
 {
     switch (m_state) {
     case State::Idle:
-        if (byte == kDle)
+        if (byte == df1::kDle)
             m_state = State::Control;
         break;
     case State::Control:
         m_state = State::Idle;
-        takeControl(byte);
+        handleControl(byte);
         break;
     case State::Message:
-        if (byte == kDle)
+        if (byte == df1::kDle)
             m_state = State::Escape;
         else
             m_data.push_back(byte);
@@ -85,7 +47,7 @@ void LinkLayer::take(std::uint8_t byte)
             m_state = State::Idle;
         break;
     case State::Escape:
-        takeEscape(byte);
+        handleEscape(byte);
         break;
     case State::CrcLow:
         m_crcLow = byte;
@@ -93,47 +55,47 @@ void LinkLayer::take(std::uint8_t byte)
         break;
     case State::CrcHigh:
         m_state = State::Idle;
-        takeMessage(static_cast<std::uint16_t>(m_crcLow | byte << 8));
+        handleMessage(static_cast<std::uint16_t>(m_crcLow | byte << 8));
         break;
     }
 }
 
-void LinkLayer::takeControl(std::uint8_t byte)
+void LinkLayer::handleControl(std::uint8_t byte)
 {
-    if (byte == kStx)
+    if (byte == df1::kStx)
         beginMessage();
-    else if (byte == kDle)
-        m_state = State::Control; // a run of DLE: the last one counts
+    else if (byte == df1::kDle)
+        m_state = State::Control; // in a run of DLEs the last one counts
     else
-        takeResponse(byte);
+        handleResponse(byte);
 }
 
-// False for a byte that is no response.
-bool LinkLayer::takeResponse(std::uint8_t byte)
+// Returns false when the byte is not a response.
+bool LinkLayer::handleResponse(std::uint8_t byte)
 {
-    if (byte == kAck)
-        acknowledged();
-    else if (byte == kNak)
-        refused();
-    else if (byte == kEnq)
-        asked();
+    if (byte == df1::kAck)
+        handleAck();
+    else if (byte == df1::kNak)
+        handleNak();
+    else if (byte == df1::kEnq)
+        handleEnquiry();
     else
         return false;
     return true;
 }
 
-// Responses may stand within the peer's message; a DLE STX there begins it anew.
-void LinkLayer::takeEscape(std::uint8_t byte)
+// The peer may send responses within its message. A DLE STX there starts the message again.
+void LinkLayer::handleEscape(std::uint8_t byte)
 {
     m_state = State::Message;
-    if (byte == kDle) {
-        m_data.push_back(kDle);
-    } else if (byte == kEtx) {
+    if (byte == df1::kDle) {
+        m_data.push_back(df1::kDle);
+    } else if (byte == df1::kEtx) {
         m_state = State::CrcLow;
-    } else if (byte == kStx) {
+    } else if (byte == df1::kStx) {
         ++m_counters.abandoned;
         beginMessage();
-    } else if (!takeResponse(byte)) {
+    } else if (!handleResponse(byte)) {
         m_illegal = true;
     }
 }
@@ -145,21 +107,19 @@ void LinkLayer::beginMessage()
     m_state = State::Message;
 }
 
-void LinkLayer::takeMessage(std::uint16_t crc)
+void LinkLayer::handleMessage(std::uint16_t crc)
 {
-    Bytes covered = m_data;
-    covered.push_back(kEtx);
-    if (m_illegal || linkCrc(covered) != crc || m_data.size() < kHeaderSize) {
+    if (m_illegal || df1::crcOfData(m_data) != crc || m_data.size() < df1::kHeaderSize) {
         ++m_counters.corrupt;
-        answer(kNak);
+        respond(df1::kNak);
         return;
     }
     if (m_waiting.size() >= kMostWaiting) {
         ++m_counters.full;
-        answer(kNak);
+        respond(df1::kNak);
         return;
     }
-    answer(kAck);
+    respond(df1::kAck);
     if (m_options.duplicateDetection && isDuplicate(m_data)) {
         ++m_counters.duplicates;
         return;
@@ -171,41 +131,39 @@ void LinkLayer::takeMessage(std::uint16_t crc)
 
 bool LinkLayer::isDuplicate(const Bytes& data)
 {
-    const Bytes identity = {data[kSource], data[kCommand], data[kTransaction],
-                            data[kTransaction + 1]};
+    const Bytes identity = {data[df1::kSource], data[df1::kCommand], data[df1::kTransactionLow],
+                            data[df1::kTransactionHigh]};
     return std::exchange(m_lastMessage, identity) == identity;
 }
 
-void LinkLayer::answer(std::uint8_t control)
+void LinkLayer::respond(std::uint8_t control)
 {
-    m_lastAnswer = control;
-    m_out.insert(m_out.end(), {kDle, control});
+    m_lastResponse = control;
+    m_out.insert(m_out.end(), {df1::kDle, control});
 }
 
 void LinkLayer::send(const Bytes& data)
 {
-    m_waiting.push_back(framed(data));
-    if (!m_awaiting)
+    m_waiting.push_back(df1::frame(data));
+    if (!m_awaited)
         sendNext();
 }
 
 void LinkLayer::sendNext()
 {
-    m_awaiting.reset();
+    m_awaited.reset();
     if (m_waiting.empty())
         return;
-    m_awaiting = std::move(m_waiting.front());
+    m_awaited = std::move(m_waiting.front());
     m_waiting.pop_front();
     m_enquiries = 0;
     m_naks = 0;
-    m_out.insert(m_out.end(), m_awaiting->begin(), m_awaiting->end());
-    m_deadline = m_clock.now() + m_options.ackTimeout;
+    sendAwaited();
 }
 
-void LinkLayer::resend()
+void LinkLayer::sendAwaited()
 {
-    ++m_counters.retransmissions;
-    m_out.insert(m_out.end(), m_awaiting->begin(), m_awaiting->end());
+    m_out.insert(m_out.end(), m_awaited->begin(), m_awaited->end());
     m_deadline = m_clock.now() + m_options.ackTimeout;
 }
 
@@ -215,33 +173,33 @@ void LinkLayer::giveUp()
     sendNext();
 }
 
-void LinkLayer::acknowledged()
+void LinkLayer::handleAck()
 {
     sendNext();
 }
 
-void LinkLayer::refused()
+void LinkLayer::handleNak()
 {
-    if (!m_awaiting)
+    if (!m_awaited)
         return;
-    if (++m_naks <= m_options.nakLimit)
-        resend();
-    else
-        giveUp();
+    if (++m_naks > m_options.nakLimit)
+        return giveUp();
+    ++m_counters.retransmissions;
+    sendAwaited();
 }
 
-void LinkLayer::asked()
+void LinkLayer::handleEnquiry()
 {
-    m_out.insert(m_out.end(), {kDle, m_lastAnswer});
+    m_out.insert(m_out.end(), {df1::kDle, m_lastResponse});
 }
 
 void LinkLayer::tick()
 {
-    if (!m_awaiting || m_clock.now() < m_deadline)
+    if (!m_awaited || m_clock.now() < m_deadline)
         return;
     if (++m_enquiries <= m_options.enquiryLimit) {
         ++m_counters.enquiries;
-        m_out.insert(m_out.end(), {kDle, kEnq});
+        m_out.insert(m_out.end(), {df1::kDle, df1::kEnq});
         m_deadline = m_clock.now() + m_options.ackTimeout;
     } else {
         giveUp();
@@ -257,10 +215,10 @@ void LinkLayer::reset()
 {
     m_state = State::Idle;
     m_data.clear();
-    m_lastAnswer = kNak;
+    m_lastResponse = df1::kNak;
     m_lastMessage.clear();
     m_out.clear();
-    m_awaiting.reset();
+    m_awaited.reset();
     m_waiting.clear();
     m_counters = LinkCounters();
 }

@@ -11,9 +11,6 @@
 
 namespace micro850::sim {
 
-/// CRC-16/ARC: polynomial x^16 + x^15 + x^2 + 1 sent low bit first, start 0.
-std::uint16_t linkCrc(const Bytes& bytes);
-
 /// Options of the link, with a controller's usual defaults.
 struct LinkOptions
 {
@@ -23,7 +20,7 @@ struct LinkOptions
     int nakLimit = 3;
 };
 
-/// What came and went, for a person and for tests.
+/// Counts of what the link received and sent.
 struct LinkCounters
 {
     unsigned messages = 0;   ///< good messages
@@ -33,27 +30,27 @@ struct LinkCounters
     unsigned retransmissions = 0;
     unsigned enquiries = 0;   ///< DLE ENQ sent
     unsigned undelivered = 0; ///< own messages given up
-    unsigned full = 0;        ///< good messages refused, as too many replies wait to go out
+    unsigned full = 0;        ///< good messages refused because too many replies wait to be sent
 };
 
-/// One end of a DF1 full-duplex line: takes the peer's bytes, answers each message with DLE ACK or
-/// DLE NAK, and sees that its own messages are acknowledged: one is on the wire at a time, the
-/// others wait until it is acknowledged or given up.
+/// The controller's end of a DF1 full-duplex line. It parses the peer's bytes, answers each message
+/// with DLE ACK or DLE NAK, and makes sure that its own messages are acknowledged. Only one of them
+/// is on the wire at a time; the others wait until it is acknowledged or given up.
 class LinkLayer
 {
 public:
-    /// Called for each good new message with its data, undoubled; gives the reply's data, or
-    /// nothing.
+    /// Called for each good new message with its data, each doubled DLE as one byte. Returns the
+    /// data of the reply, or nothing.
     using Handler = std::function<std::optional<Bytes>(const Bytes&)>;
 
     LinkLayer(const Clock& clock, Handler handler, LinkOptions options = LinkOptions());
 
     void receive(const Bytes& bytes);
-    /// Looks at the time: an unacknowledged message is asked for or given up.
+    /// Checks the time: after the time-out, asks for the missing acknowledgement or gives up.
     void tick();
-    /// Takes the bytes that are to be sent.
+    /// Returns the bytes to send and removes them from the output.
     Bytes transmit();
-    /// Forgets what was under way and what was counted, as a power cycle does.
+    /// Forgets unfinished messages and all counts, as a power cycle does.
     void reset();
 
     const LinkCounters& counters() const { return m_counters; }
@@ -61,27 +58,27 @@ public:
 private:
     enum class State {
         Idle,
-        Control, ///< behind a DLE outside a message
+        Control, ///< after a DLE outside a message
         Message,
-        Escape, ///< behind a DLE within a message
+        Escape, ///< after a DLE within a message
         CrcLow,
         CrcHigh
     };
 
-    void take(std::uint8_t byte);
-    void takeControl(std::uint8_t byte);
-    void takeEscape(std::uint8_t byte);
-    bool takeResponse(std::uint8_t byte);
-    void takeMessage(std::uint16_t crc);
+    void handleByte(std::uint8_t byte);
+    void handleControl(std::uint8_t byte);
+    void handleEscape(std::uint8_t byte);
+    bool handleResponse(std::uint8_t byte);
+    void handleAck();
+    void handleNak();
+    void handleEnquiry();
     void beginMessage();
-    void acknowledged();
-    void refused();
-    void asked();
+    void handleMessage(std::uint16_t crc);
     bool isDuplicate(const Bytes& data);
-    void answer(std::uint8_t control);
+    void respond(std::uint8_t control);
     void send(const Bytes& data);
     void sendNext();
-    void resend();
+    void sendAwaited();
     void giveUp();
 
     const Clock& m_clock;
@@ -91,14 +88,14 @@ private:
 
     State m_state = State::Idle;
     Bytes m_data;
-    bool m_illegal = false; ///< an escape in this message means nothing
+    bool m_illegal = false; ///< this message has an escape without a meaning
     std::uint8_t m_crcLow = 0;
-    std::uint8_t m_lastAnswer;
-    Bytes m_lastMessage; ///< identity of the last good message
+    std::uint8_t m_lastResponse; ///< ACK or NAK
+    Bytes m_lastMessage;         ///< identity of the last good message
 
     Bytes m_out;
-    std::optional<Bytes> m_awaiting; ///< own message on the wire, not acknowledged
-    std::deque<Bytes> m_waiting;     ///< own messages that go out behind it
+    std::optional<Bytes> m_awaited; ///< own frame on the wire, not yet acknowledged
+    std::deque<Bytes> m_waiting;    ///< own frames to send after it
     Duration m_deadline{0};
     int m_enquiries = 0;
     int m_naks = 0;

@@ -1,5 +1,7 @@
 #include "Replay.h"
 
+#include "CipMessage.h"
+#include "Df1.h"
 #include "LinkLayer.h"
 #include "UserError.h"
 
@@ -10,85 +12,78 @@ namespace micro850::sim {
 
 namespace {
 
-constexpr std::size_t kCommand = 2;
-constexpr std::size_t kTransaction = 4;
-constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kSequence = 10;
-constexpr std::size_t kConnectedHeaderSize = 12;
-constexpr std::uint8_t kConnectedCommand = 0x0A;
-constexpr std::uint8_t kReplyFlag = 0x40;
-constexpr std::uint8_t kForwardOpen = 0x54;
-// A Forward_Open carries a serial number that each session draws anew.
+// The part of a Forward_Open before its serial number, which differs from session to session.
 constexpr std::size_t kForwardOpenContent = 6;
 
 std::uint16_t transactionOf(const Bytes& message)
 {
-    return static_cast<std::uint16_t>(message[kTransaction] | message[kTransaction + 1] << 8);
+    return static_cast<std::uint16_t>(message[df1::kTransactionLow] | message[df1::kTransactionHigh]
+                                                                          << 8);
 }
 
-// Command and CIP part: what stays the same when a request is made again.
+// Command and CIP part: these are equal when the same request is made again.
 Bytes contentOf(const Bytes& message)
 {
-    const bool connected = message[kCommand] == kConnectedCommand;
+    const bool connected = message[df1::kCommand] == kConnectedCommand;
     const std::size_t head =
-        std::min(connected ? kConnectedHeaderSize : kHeaderSize, message.size());
+        std::min(connected ? kConnectedHeaderSize : df1::kHeaderSize, message.size());
     Bytes content(message.begin() + static_cast<std::ptrdiff_t>(head) - 1, message.end());
-    content[0] = message[kCommand];
+    content[0] = message[df1::kCommand];
     if (!connected && content.size() > 1 && content[1] == kForwardOpen)
         content.resize(std::min(content.size(), 1 + kForwardOpenContent));
     return content;
 }
 
-LinkOptions everyMessage()
+LinkOptions withoutDuplicateDetection()
 {
     LinkOptions options;
     options.duplicateDetection = false;
     return options;
 }
 
-// The good messages among the recorded bytes of one direction.
-class Messages
+/// Parses the recorded bytes of one direction into messages; a bad one is left out.
+class MessageParser
 {
 public:
-    std::vector<Bytes> of(const Bytes& bytes)
+    std::vector<Bytes> feed(const Bytes& bytes)
     {
-        m_taken.clear();
+        m_messages.clear();
         m_link.receive(bytes);
         m_link.transmit();
-        return m_taken;
+        return m_messages;
     }
 
 private:
     VirtualClock m_clock;
-    std::vector<Bytes> m_taken;
+    std::vector<Bytes> m_messages;
     LinkLayer m_link{m_clock,
                      [this](const Bytes& message) {
-                         m_taken.push_back(message);
+                         m_messages.push_back(message);
                          return std::optional<Bytes>();
                      },
-                     everyMessage()};
+                     withoutDuplicateDetection()};
 };
 
 } // namespace
 
 Replay::Replay(const std::vector<TraceRecord>& trace, const std::string& name)
 {
-    Messages sent;
-    Messages received;
-    std::optional<Bytes> open;
+    MessageParser sent;
+    MessageParser received;
+    std::optional<Bytes> unanswered;
     for (const TraceRecord& record : trace) {
         if (record.direction == Direction::Sent) {
-            for (const Bytes& request : sent.of(record.bytes))
-                open = request;
+            for (const Bytes& request : sent.feed(record.bytes))
+                unanswered = request;
             continue;
         }
-        for (const Bytes& reply : received.of(record.bytes)) {
-            const bool answers = open && (reply[kCommand] & kReplyFlag) != 0 &&
-                                 transactionOf(reply) == transactionOf(*open);
+        for (const Bytes& reply : received.feed(record.bytes)) {
+            const bool answers = unanswered && (reply[df1::kCommand] & df1::kReplyFlag) != 0 &&
+                                 transactionOf(reply) == transactionOf(*unanswered);
             if (!answers)
                 continue;
-            m_replies[contentOf(*open)].replies.push_back(reply);
-            open.reset();
+            m_replies[contentOf(*unanswered)].replies.push_back(reply);
+            unanswered.reset();
         }
     }
     if (m_replies.empty())
@@ -103,9 +98,9 @@ std::optional<Bytes> Replay::answer(const Bytes& message)
     Recorded& recorded = found->second;
     Bytes reply = recorded.replies[recorded.next];
     recorded.next = (recorded.next + 1) % recorded.replies.size();
-    reply[kTransaction] = message[kTransaction];
-    reply[kTransaction + 1] = message[kTransaction + 1];
-    const bool connected = message[kCommand] == kConnectedCommand;
+    reply[df1::kTransactionLow] = message[df1::kTransactionLow];
+    reply[df1::kTransactionHigh] = message[df1::kTransactionHigh];
+    const bool connected = message[df1::kCommand] == kConnectedCommand;
     if (connected && reply.size() > kSequence && message.size() > kSequence)
         reply[kSequence] = message[kSequence];
     return reply;

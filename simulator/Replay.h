@@ -11,18 +11,18 @@
 
 namespace micro850::sim {
 
-/// Answers requests as a recorded controller did. A request is known by what it asks for; its
-/// transaction number and sequence byte go into the recorded reply. What was asked several times
-/// gets the recorded replies in their order, and then again from the first.
+/// Answers requests as a recorded controller did. A request is recognised by its content; its
+/// transaction number and sequence byte are copied into the recorded reply. A request that was
+/// recorded several times gets the recorded replies in their order, then starts again at the first.
 class Replay
 {
 public:
-    /// Throws UserError if no request of the trace has a reply; `name` stands for the file.
+    /// Throws UserError if no request of the trace has a reply; the message calls the file `name`.
     Replay(const std::vector<TraceRecord>& trace, const std::string& name);
 
-    /// The reply's data for the data of a message; nothing for a request that was never answered.
+    /// Returns the data of the reply to a message's data, or nothing if none was recorded.
     std::optional<Bytes> answer(const Bytes& message);
-    /// Requests with different content that can be answered.
+    /// Number of different requests that have an answer.
     std::size_t size() const { return m_replies.size(); }
 
 private:
@@ -32,7 +32,7 @@ private:
         std::size_t next = 0;
     };
 
-    std::map<Bytes, Recorded> m_replies; ///< by what is asked
+    std::map<Bytes, Recorded> m_replies; ///< by the request's content
 };
 
 } // namespace micro850::sim

@@ -7,12 +7,12 @@
 
 namespace micro850::sim {
 
-/// The controller's end of a line: a pseudo-terminal of its own, or a serial device.
+/// The controller's end of a line: a new pseudo-terminal, or a serial device.
 class SerialPort
 {
 public:
-    /// Opens a pseudo-terminal; path() is the other end's. `link`, if not empty, becomes a symbolic
-    /// link to it. Throws UserError.
+    /// Opens a pseudo-terminal; path() is the path of the host's end. If `link` is not empty, makes
+    /// this symbolic link to it. Throws UserError.
     static SerialPort pseudoTerminal(const std::string& link);
     /// Opens a device at `baud`, 8 data bits, no parity, 1 stop bit. Throws UserError.
     static SerialPort device(const std::string& path, int baud);
@@ -24,16 +24,17 @@ public:
     const std::string& path() const { return m_path; }
     int descriptor() const { return m_descriptor; }
 
-    /// What has come; empty when nothing has. `gone` tells that the device has vanished.
+    /// Returns the bytes that have arrived, without waiting. `gone` is set when the device has
+    /// vanished.
     Bytes read(bool& gone);
-    /// Sends all bytes; what a peer that is not there does not take is lost, as on a wire.
+    /// Sends all bytes. Bytes that nobody reads are lost, as on a wire.
     void write(const Bytes& bytes);
 
 private:
     SerialPort(int descriptor, int held, std::string path, std::string link);
 
     int m_descriptor;
-    int m_held; ///< the other end, held open so that a host may come and go
+    int m_held; ///< the host's end, kept open so that hosts can come and go
     std::string m_path;
     std::string m_link;
 };

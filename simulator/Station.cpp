@@ -6,19 +6,19 @@
 
 namespace micro850::sim {
 
-TagTable Station::tagTableOf(const StationSetup& setup)
+TagTable Station::loadTags(const StationSetup& setup)
 {
     return setup.tags.empty() ? TagTable() : TagTable::fromFile(setup.tags);
 }
 
 Station::Station(StationSetup setup)
-    : m_setup(std::move(setup)), m_controller(m_clock, tagTableOf(m_setup), m_setup.options),
+    : m_setup(std::move(setup)), m_controller(m_clock, loadTags(m_setup), m_setup.options),
       m_line(m_clock, m_controller, m_setup.faults, m_setup.seed)
 {
-    m_line.setObserver([this](const FaultyLine::Event& event) { say(describe(event)); });
+    m_line.setObserver([this](const FaultyLine::Event& event) { report(describe(event)); });
     if (!m_setup.replay.empty()) {
         m_replay.emplace(readTrace(m_setup.replay), m_setup.replay);
-        m_controller.answerWith([this](const Bytes& message) { return replayed(message); });
+        m_controller.answerWith([this](const Bytes& message) { return answerFromTrace(message); });
     }
     open();
 }
@@ -55,11 +55,11 @@ void Station::receive()
     m_line.receive(bytes);
 }
 
-std::optional<Bytes> Station::replayed(const Bytes& message)
+std::optional<Bytes> Station::answerFromTrace(const Bytes& message)
 {
     std::optional<Bytes> reply = m_replay->answer(message);
     if (!reply)
-        say("a request that is not in " + m_setup.replay + " is acknowledged and not answered");
+        report("a request that is not in " + m_setup.replay + " is acknowledged but not answered");
     return reply;
 }
 
@@ -67,7 +67,7 @@ void Station::execute(const Command& command)
 {
     if (command.kind == Command::PowerCycle) {
         m_controller.powerCycle(command.retain);
-        say(command.retain ? "power cycle, values retained" : "power cycle, initial values");
+        report(command.retain ? "power cycle, values retained" : "power cycle, initial values");
         return;
     }
     if (m_replay)
@@ -75,24 +75,24 @@ void Station::execute(const Command& command)
     const std::string& file = command.file.empty() ? m_setup.tags : command.file;
     m_controller.download(TagTable::fromFile(file));
     m_setup.tags = file;
-    say("tags of " + file + " downloaded");
+    report("tags of " + file + " downloaded");
 }
 
 void Station::summarise() const
 {
     const LinkCounters& counters = m_controller.counters();
-    say(std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
-        " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
-        std::to_string(counters.undelivered) + " replies undelivered");
+    report(std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
+           " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
+           std::to_string(counters.undelivered) + " replies undelivered");
     if (m_setup.faults.empty())
         return;
     std::string text = "faults with seed " + std::to_string(m_setup.seed) + ':';
     for (const auto& [kind, count] : m_line.counts())
         text += ' ' + faultNames()[static_cast<std::size_t>(kind)] + ' ' + std::to_string(count);
-    say(text + (m_line.counts().empty() ? " none" : ""));
+    report(text + (m_line.counts().empty() ? " none" : ""));
 }
 
-void Station::say(const std::string& text) const
+void Station::report(const std::string& text) const
 {
     if (!m_setup.quiet)
         std::cerr << "micro850-sim: " << m_setup.name << (m_setup.name.empty() ? "" : ": ") << text

@@ -10,10 +10,10 @@
 
 namespace micro850::sim {
 
-/// What one station is made of.
+/// How to set up one station.
 struct StationSetup
 {
-    std::string name;   ///< in front of messages, "" for the only station
+    std::string name;   ///< put before its messages; "" for the only station
     std::string tags;   ///< tag file; "" when a trace is replayed
     std::string replay; ///< trace file, or ""
     std::string port;   ///< serial device; "" for a pseudo-terminal
@@ -25,28 +25,30 @@ struct StationSetup
     bool quiet = false;
 };
 
-/// A controller with its end of the line. What it has to say goes to standard error, the path of
-/// its line to standard output.
+/// A controller with its end of the line. It prints the path of its line on standard output and
+/// messages on standard error.
 class Station
 {
 public:
     /// Opens the line. Throws UserError.
     explicit Station(StationSetup setup);
 
-    /// To be waited for; below 0 while the line is hung up.
+    /// The descriptor to wait for; below 0 while the line is hung up.
     int descriptor() const { return m_port ? m_port->descriptor() : -1; }
-    /// Takes what has come and sends what is due. Throws UserError when the device has vanished.
+    /// Receives what has arrived and sends what is due. Throws UserError when the device has
+    /// vanished.
     void serve();
-    /// Throws UserError for a tag file that is wrong; the tags stay as they were then.
+    /// Throws UserError for a tag file that is wrong; the tags then stay as they were.
     void execute(const Command& command);
+    /// Reports the counts of messages and faults.
     void summarise() const;
 
 private:
-    static TagTable tagTableOf(const StationSetup& setup);
+    static TagTable loadTags(const StationSetup& setup);
     void open();
     void receive();
-    std::optional<Bytes> replayed(const Bytes& message);
-    void say(const std::string& text) const;
+    std::optional<Bytes> answerFromTrace(const Bytes& message);
+    void report(const std::string& text) const;
 
     StationSetup m_setup;
     SystemClock m_clock;

@@ -17,20 +17,20 @@ constexpr std::int64_t kLongestArray = 65536;
 constexpr std::size_t kLongestName = 255;
 constexpr double kPi = 3.14159265358979323846;
 
-Bytes elementFrom(const JsonNode& node, const CipType& type)
+Bytes parseElement(const JsonNode& node, const CipType& type)
 {
     try {
         return valueFromText(type, node.scalar());
     } catch (const UserError& error) {
         const std::string what = error.what();
-        // A complaint of the node itself has its place already.
+        // A message of the node itself already names its place.
         if (what.front() != '"')
             throw;
         node.fail(what);
     }
 }
 
-Motion::Kind kindOf(const JsonNode& node)
+Motion::Kind parseMotionKind(const JsonNode& node)
 {
     const std::string name = node.text();
     const std::array<std::pair<const char*, Motion::Kind>, 4> kinds = {
@@ -64,11 +64,11 @@ bool holds(const CipType& type, double position)
     }
 }
 
-Motion motionFrom(const JsonNode& node, const CipType& type)
+Motion parseMotion(const JsonNode& node, const CipType& type)
 {
     node.expectKeys({"kind", "min", "max", "period"});
     Motion motion;
-    motion.kind = kindOf(node.at("kind"));
+    motion.kind = parseMotionKind(node.at("kind"));
     motion.least = node.number("min", 0);
     motion.most = node.number("max", 100);
     const double seconds = node.number("period", 10);
@@ -81,11 +81,11 @@ Motion motionFrom(const JsonNode& node, const CipType& type)
     if (!holds(type, motion.least) || !holds(type, motion.most) ||
         !std::isfinite(motion.most - motion.least))
         node.fail(std::string("min or max is beyond what a ") + type.name + " holds");
-    motion.period = Duration(static_cast<std::int64_t>(seconds * 1e6));
+    motion.period = fromSeconds(seconds);
     return motion;
 }
 
-std::vector<Bytes> initialFrom(const JsonNode& node, const CipType& type, std::size_t length)
+std::vector<Bytes> parseInitialValues(const JsonNode& node, const CipType& type, std::size_t length)
 {
     const std::string zero = type.kind == CipKind::String ? "" : "0";
     std::vector<Bytes> elements(length, valueFromText(type, zero));
@@ -93,7 +93,7 @@ std::vector<Bytes> initialFrom(const JsonNode& node, const CipType& type, std::s
         return elements;
     const JsonNode value = node.at("value");
     if (!value.isArray()) {
-        elements.assign(length, elementFrom(value, type));
+        elements.assign(length, parseElement(value, type));
         return elements;
     }
     const std::vector<JsonNode> values = value.elements();
@@ -101,11 +101,11 @@ std::vector<Bytes> initialFrom(const JsonNode& node, const CipType& type, std::s
         value.fail(std::to_string(values.size()) + " values for " + std::to_string(length) +
                    " elements");
     for (std::size_t i = 0; i < values.size(); ++i)
-        elements[i] = elementFrom(values[i], type);
+        elements[i] = parseElement(values[i], type);
     return elements;
 }
 
-const CipType& typeFrom(const JsonNode& node)
+const CipType& parseType(const JsonNode& node)
 {
     try {
         return cipTypeNamed(node.text());
@@ -117,25 +117,25 @@ const CipType& typeFrom(const JsonNode& node)
     }
 }
 
-Tag tagFrom(const JsonNode& node)
+Tag parseTag(const JsonNode& node)
 {
     node.expectKeys({"name", "type", "length", "value", "readOnly", "motion"});
     Tag tag;
     tag.name = node.at("name").text();
     if (tag.name.empty() || tag.name.size() > kLongestName)
         node.at("name").fail("a tag name has 1 to 255 characters");
-    tag.type = &typeFrom(node.at("type"));
+    tag.type = &parseType(node.at("type"));
     const auto length = static_cast<std::size_t>(node.integer("length", 1, kLongestArray, 1));
-    tag.initial = initialFrom(node, *tag.type, length);
+    tag.initial = parseInitialValues(node, *tag.type, length);
     tag.elements = tag.initial;
     tag.readOnly = node.boolean("readOnly", false);
     if (node.has("motion"))
-        tag.motion = motionFrom(node.at("motion"), *tag.type);
+        tag.motion = parseMotion(node.at("motion"), *tag.type);
     return tag;
 }
 
-// The value at `elapsed`, within the motion's bounds; element `index` of an array runs a little
-// behind its neighbour.
+// The value at `elapsed`, within the motion's bounds. Each element of an array is a tenth of a
+// period ahead of the one before it.
 double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
 {
     const double periods =
@@ -156,7 +156,7 @@ double positionOf(const Motion& motion, Duration elapsed, std::size_t index)
     return 0;
 }
 
-// The bits of a position that the type holds, in its low bytes.
+// The position as the bits of the type, in the low bytes of the result.
 std::uint64_t bitsOf(const CipType& type, double position)
 {
     std::uint64_t bits = 0;
@@ -203,10 +203,10 @@ TagTable TagTable::fromNode(const JsonNode& root)
     root.expectKeys({"tags"});
     TagTable table;
     for (const JsonNode& node : root.at("tags").elements()) {
-        Tag tag = tagFrom(node);
+        Tag tag = parseTag(node);
         if (table.find(tag.name))
             node.at("name").fail("the tag \"" + tag.name +
-                                 "\" is there twice; remove or rename one");
+                                 "\" is defined twice; remove or rename one");
         table.put(std::move(tag));
     }
     return table;

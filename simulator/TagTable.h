@@ -15,13 +15,13 @@ class JsonNode;
 
 namespace micro850::sim {
 
-/// How a tag moves by itself. Numbers go from `least` to `most` within `period`.
+/// How a tag changes by itself. Its values are between `least` and `most`.
 struct Motion
 {
     enum Kind {
-        Ramp,    ///< up, then back to the least at once
-        Sine,    ///< around the middle
-        Counter, ///< one more each period, from `least`, back to it behind `most`
+        Ramp,    ///< rises to `most` within each period, then jumps back to `least`
+        Sine,    ///< swings around the middle once each period
+        Counter, ///< rises by 1 each period; after `most` it starts again at `least`
         Toggle   ///< false and true, each for one period
     };
     Kind kind = Ramp;
@@ -30,7 +30,7 @@ struct Motion
     Duration period{1000000};
 };
 
-/// One tag: an array of elements (a scalar has one) of one type, each with its bytes on the wire.
+/// One tag: its elements, as bytes in the order of the wire. A scalar has one element.
 struct Tag
 {
     std::string name;
@@ -45,21 +45,21 @@ struct Tag
 class TagTable
 {
 public:
-    /// Reads a tag file. Throws UserError naming file, key and remedy.
+    /// Parses a tag file. Throws UserError that names file, key and remedy.
     static TagTable fromFile(const std::string& path);
     static TagTable fromText(const std::string& text, const std::string& name);
 
-    /// The tag, or null.
+    /// Returns null when there is no such tag.
     const Tag* find(const std::string& name) const;
     Tag* find(const std::string& name);
     const std::map<std::string, Tag>& tags() const { return m_tags; }
-    /// Adds a tag, or replaces the one of its name, as a program download does.
+    /// Adds a tag, or replaces the one with its name.
     void put(Tag tag);
     void remove(const std::string& name);
 
-    /// Brings the tags that move to their values at `elapsed` since the start.
+    /// Sets the tags that move to their values `elapsed` after the start.
     void move(Duration elapsed);
-    /// All values as they were at the start.
+    /// Sets all tags to their initial values.
     void reset();
 
 private:

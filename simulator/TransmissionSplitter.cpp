@@ -1,16 +1,13 @@
 #include "TransmissionSplitter.h"
 
+#include "Df1.h"
+
 #include <utility>
 
 namespace micro850::sim {
 
 namespace {
 
-constexpr std::uint8_t kDle = 0x10;
-constexpr std::uint8_t kStx = 0x02;
-constexpr std::uint8_t kEtx = 0x03;
-constexpr std::uint8_t kEnq = 0x05;
-constexpr std::uint8_t kNak = 0x15;
 // Noise that never becomes a message is passed on in pieces of this size.
 constexpr std::size_t kLongestTransmission = 8192;
 
@@ -21,7 +18,7 @@ std::vector<TransmissionSplitter::Transmission> TransmissionSplitter::feed(const
     std::vector<Transmission> complete;
     for (const std::uint8_t byte : bytes) {
         m_open.bytes.push_back(byte);
-        if (!take(byte) && m_open.bytes.size() < kLongestTransmission)
+        if (!completes(byte) && m_open.bytes.size() < kLongestTransmission)
             continue;
         if (std::optional<Transmission> done = flush())
             complete.push_back(std::move(*done));
@@ -38,24 +35,26 @@ std::optional<TransmissionSplitter::Transmission> TransmissionSplitter::flush()
     return done.bytes.empty() ? std::nullopt : std::optional(std::move(done));
 }
 
-// True when a transmission is complete with this byte. DLE ENQ and DLE NAK want an answer at once
-// and stand for themselves.
-bool TransmissionSplitter::take(std::uint8_t byte)
+// Advances by one byte. True when the byte completes a transmission. DLE ENQ and DLE NAK are each a
+// transmission because the peer answers them at once.
+bool TransmissionSplitter::completes(std::uint8_t byte)
 {
     switch (m_state) {
     case State::Outside:
-        m_state = byte == kDle ? State::Control : State::Outside;
+        m_state = byte == df1::kDle ? State::Control : State::Outside;
         return false;
     case State::Control:
-        if (byte == kStx)
+        if (byte == df1::kStx)
             m_open.message = m_open.bytes.size() - 2;
-        m_state = byte == kStx ? State::Message : byte == kDle ? State::Control : State::Outside;
-        return byte == kEnq || byte == kNak;
+        m_state = byte == df1::kStx   ? State::Message
+                  : byte == df1::kDle ? State::Control
+                                      : State::Outside;
+        return byte == df1::kEnq || byte == df1::kNak;
     case State::Message:
-        m_state = byte == kDle ? State::Escape : State::Message;
+        m_state = byte == df1::kDle ? State::Escape : State::Message;
         return false;
     case State::Escape:
-        m_state = byte == kEtx ? State::CrcLow : State::Message;
+        m_state = byte == df1::kEtx ? State::CrcLow : State::Message;
         return false;
     case State::CrcLow:
         m_state = State::CrcHigh;

@@ -8,7 +8,7 @@
 
 namespace micro850::sim {
 
-/// Cuts a stream of bytes into transmissions: a message with the link controls in front of it, or
+/// Splits a stream of bytes into transmissions: a message with the link controls before it, or
 /// controls and noise alone.
 class TransmissionSplitter
 {
@@ -16,22 +16,22 @@ public:
     struct Transmission
     {
         Bytes bytes;
-        std::size_t message = 0; ///< where DLE STX is; the size of `bytes` if there is no message
+        std::size_t message = 0; ///< position of DLE STX; the size of `bytes` without a message
         bool hasMessage() const { return message < bytes.size(); }
     };
 
-    /// Takes bytes; gives what they complete.
+    /// Appends bytes and returns the transmissions that they complete.
     std::vector<Transmission> feed(const Bytes& bytes);
-    /// Gives what has begun, as nothing more comes.
+    /// Returns the unfinished transmission, if any. Call it when no more bytes are expected.
     std::optional<Transmission> flush();
 
-    /// True while no message and no control has begun that is not whole.
+    /// True unless a message or a control has begun and is not complete.
     bool isBetweenMessages() const { return m_state == State::Outside; }
 
 private:
     enum class State { Outside, Control, Message, Escape, CrcLow, CrcHigh };
 
-    bool take(std::uint8_t byte);
+    bool completes(std::uint8_t byte);
 
     State m_state = State::Outside;
     Transmission m_open;

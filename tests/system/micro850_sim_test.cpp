@@ -299,7 +299,7 @@ TEST_F(SimulatorProgram, RefusesAStationNumberThatIsThereTwice)
 {
     const QString tags = file("a.json", kTags);
     start({"--station", "1=" + tags, "--station", "1=" + tags});
-    EXPECT_TRUE(says("station 1 is there twice; remove or renumber one"));
+    EXPECT_TRUE(says("station 1 is given twice; remove or renumber one"));
     EXPECT_EQ(exitStatus(), 2);
 }
 

@@ -34,7 +34,8 @@ protected:
         return reply ? text(*reply) : "no reply";
     }
 
-    /// Opens the connection 5A 3C and gives the CIP part of the reply to a connected request.
+    /// Opens the connection 5A 3C if there is none. Returns the CIP part of the reply to a
+    /// connected request.
     std::string connected(const Bytes& cip)
     {
         if (server.openConnections() == 0) {
@@ -60,7 +61,7 @@ protected:
     CipServer server{clock, table};
 };
 
-TEST_F(CipTest, TellsItsIdentityInFortyFiveBytesBehindTheHeader)
+TEST_F(CipTest, AnswersWithItsIdentityInFortyFiveBytesAfterTheHeader)
 {
     const std::string reply = unconnected(hex("01 02 20 01 24 01"));
     EXPECT_EQ(reply.substr(0, 77),
@@ -69,7 +70,7 @@ TEST_F(CipTest, TellsItsIdentityInFortyFiveBytesBehindTheHeader)
         << "61 bytes with DLE ACK, DLE STX, DLE ETX and CRC";
 }
 
-TEST_F(CipTest, OpensAConnectionWithAnIdentifierOfItsOwn)
+TEST_F(CipTest, OpensAConnectionWithItsOwnIdentifier)
 {
     server.setNextConnectionId(0x00013C5A);
     EXPECT_EQ(unconnected(kForwardOpen),
@@ -78,7 +79,7 @@ TEST_F(CipTest, OpensAConnectionWithAnIdentifierOfItsOwn)
     EXPECT_EQ(server.openConnections(), 1u);
 }
 
-TEST_F(CipTest, GivesTwoOriginatorsConnectionsOfTheirOwn)
+TEST_F(CipTest, OpensOneConnectionForEachOriginator)
 {
     unconnected(kForwardOpen);
     Bytes other = kForwardOpen;
@@ -86,10 +87,10 @@ TEST_F(CipTest, GivesTwoOriginatorsConnectionsOfTheirOwn)
     unconnected(other);
     EXPECT_EQ(server.openConnections(), 2u);
     unconnected(kForwardOpen);
-    EXPECT_EQ(server.openConnections(), 2u) << "the same originator replaces its own";
+    EXPECT_EQ(server.openConnections(), 2u) << "the same originator replaces its connection";
 }
 
-TEST_F(CipTest, ServesTwoOriginatorsSideBySideAndClosesTheirConnectionsOneByOne)
+TEST_F(CipTest, ServesTwoOriginatorsAndClosesTheirConnectionsSeparately)
 {
     server.setNextConnectionId(0x00013C5A);
     unconnected(kForwardOpen);
@@ -110,7 +111,7 @@ TEST_F(CipTest, ServesTwoOriginatorsSideBySideAndClosesTheirConnectionsOneByOne)
     EXPECT_EQ(askedOver(itsId), "77 00 28 45 D2 00 00 00 C3 00 D2 04");
 }
 
-TEST_F(CipTest, ForgetsTheConnectionOfTheOriginatorThatFellSilentOnly)
+TEST_F(CipTest, ForgetsOnlyTheConnectionOfAnOriginatorThatIsSilent)
 {
     connected(read(kSpeed, "01 00 00 00 00 00"));
     Bytes other = kForwardOpen;
@@ -124,7 +125,7 @@ TEST_F(CipTest, ForgetsTheConnectionOfTheOriginatorThatFellSilentOnly)
     EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00")), "D2 00 00 00 C3 00 D2 04");
 }
 
-TEST_F(CipTest, ForgetsItsCountersWithAPowerCycle)
+TEST_F(CipTest, ForgetsItsCountersAtAReset)
 {
     unconnected(kForwardOpen);
     EXPECT_EQ(server.answersByStatus().size(), 1u);
@@ -132,7 +133,7 @@ TEST_F(CipTest, ForgetsItsCountersWithAPowerCycle)
     EXPECT_TRUE(server.answersByStatus().empty());
 }
 
-TEST_F(CipTest, ForgetsAConnectionThatIsNotUsedForIntervalTimesMultiplier)
+TEST_F(CipTest, ForgetsAConnectionThatIsUnusedForIntervalTimesMultiplier)
 {
     connected(read(kSpeed, "01 00 00 00 00 00"));
     clock.advance(std::chrono::seconds(31)); // 2 s x 16, less one second
@@ -158,7 +159,7 @@ TEST_F(CipTest, ClosesAConnectionOnce)
     EXPECT_EQ(unconnected(close), "01 00 4B 00 34 12 00 00 CE 00 01 01 07 01");
 }
 
-TEST_F(CipTest, EchoesConnectionAndSequenceInItsReply)
+TEST_F(CipTest, RepliesWithTheOriginatorsConnectionAndTheSequence)
 {
     server.setNextConnectionId(0x00013C5A);
     unconnected(kForwardOpen);
@@ -166,10 +167,10 @@ TEST_F(CipTest, EchoesConnectionAndSequenceInItsReply)
                                      read(kSpeed, "01 00 00 00 00 00"));
     ASSERT_TRUE(reply);
     EXPECT_EQ(text(*reply), "01 00 4A 00 21 00 00 00 01 00 28 45 D2 00 00 00 C3 00 D2 04")
-        << "the identifier is the one that the originator chose for this direction";
+        << "the originator chose the identifier for this direction";
 }
 
-TEST_F(CipTest, ReadsScalarsElementsAndRuns)
+TEST_F(CipTest, ReadsScalarsElementsAndRanges)
 {
     EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00")), "D2 00 00 00 C3 00 D2 04");
     EXPECT_EQ(connected(read(kZone, "03 00 00 00 00 00")), "D2 00 00 00 C3 00 01 00 02 00 03 00");
@@ -180,7 +181,7 @@ TEST_F(CipTest, ReadsScalarsElementsAndRuns)
     EXPECT_EQ(connected(read(kText, "01 00 00 00 00 00")), "D2 00 00 00 DA 00 02 41 42");
 }
 
-TEST_F(CipTest, CutsALongValueIntoFragments)
+TEST_F(CipTest, SplitsALongValueIntoFragments)
 {
     const std::string first = connected(read(kBig, "C8 00 00 00 00 00"));
     EXPECT_EQ(first.substr(0, 17), "D2 00 06 00 C4 00");
@@ -190,7 +191,7 @@ TEST_F(CipTest, CutsALongValueIntoFragments)
     EXPECT_EQ((rest.size() + 1) / 3, 6u + 320u);
 }
 
-TEST_F(CipTest, WritesWhatARequestBrings)
+TEST_F(CipTest, WritesTheValueOfARequest)
 {
     EXPECT_EQ(connected(write(kSpeed, "C3 00 01 00 00 00 00 00 39 30")), "D3 00 00 00");
     EXPECT_EQ(text(table.find("Speed")->elements[0]), "39 30");
@@ -201,8 +202,8 @@ TEST_F(CipTest, WritesWhatARequestBrings)
     EXPECT_EQ(text(table.find("Text")->elements[0]), "03 58 59 5A");
 }
 
-// 200 DINTs are more than one request carries.
-TEST_F(CipTest, PutsALongValueTogetherFromFragments)
+// One request cannot carry 200 DINTs.
+TEST_F(CipTest, AssemblesALongValueFromFragments)
 {
     std::string first = "C4 00 C8 00 00 00 00 00";
     for (int i = 0; i < 120; ++i)
@@ -212,7 +213,7 @@ TEST_F(CipTest, PutsALongValueTogetherFromFragments)
         rest += " 22 22 22 22";
     EXPECT_EQ(connected(write(kBig, first.c_str())), "D3 00 00 00");
     EXPECT_EQ(text(table.find("Big")->elements[119]), "11 11 11 11");
-    EXPECT_EQ(text(table.find("Big")->elements[120]), "07 00 00 00") << "not come yet";
+    EXPECT_EQ(text(table.find("Big")->elements[120]), "07 00 00 00") << "not written yet";
     EXPECT_EQ(connected(write(kBig, rest.c_str())), "D3 00 00 00");
     EXPECT_EQ(text(table.find("Big")->elements[120]), "22 22 22 22");
     EXPECT_EQ(text(table.find("Big")->elements[199]), "22 22 22 22");
@@ -234,13 +235,13 @@ TEST_F(CipTest, RefusesAFragmentThatDoesNotFitItsPlace)
     EXPECT_EQ(text(table.find("Zone")->elements[1]), "11 11");
 }
 
-TEST_F(CipTest, TellsItsIdentityOverAConnectionToo)
+TEST_F(CipTest, AnswersWithItsIdentityOverAConnectionToo)
 {
     EXPECT_EQ(connected(hex("01 02 20 01 24 01")).substr(0, 29), "81 00 00 00 34 12 0E 00 52 03");
     EXPECT_EQ(connected(hex("01 02 20 02 24 01")), "81 00 05 00");
 }
 
-TEST_F(CipTest, NamesTheErrorOfARefusedRead)
+TEST_F(CipTest, AnswersARefusedReadWithTheReason)
 {
     EXPECT_EQ(connected(read(hex("91 04 4E 6F 6E 65"), "01 00 00 00 00 00")), "D2 00 05 00");
     EXPECT_EQ(connected(read(kZone + hex("30 00 00 00 01 00"), "01 00 00 00 00 00")),
@@ -254,7 +255,7 @@ TEST_F(CipTest, NamesTheErrorOfARefusedRead)
     EXPECT_EQ(connected(read(kSpeed, "01 00 00 00 00 00 00")), "D2 00 15 00");
 }
 
-TEST_F(CipTest, NamesTheErrorOfARefusedWriteAndChangesNothing)
+TEST_F(CipTest, AnswersARefusedWriteWithTheReasonAndChangesNothing)
 {
     EXPECT_EQ(connected(write(kSpeed, "C4 00 01 00 00 00 00 00 01 00 00 00")), "D3 00 FF 01 07 21");
     EXPECT_EQ(connected(write(kFixed, "C7 00 01 00 00 00 00 00 01 00")), "D3 00 0E 00");
@@ -275,7 +276,7 @@ TEST_F(CipTest, RefusesServicesAndObjectsThatItDoesNotHave)
     EXPECT_EQ(unconnected(hex("54 02 20 06 24 01 05 F7")), "01 00 4B 00 34 12 00 00 D4 00 13 00");
 }
 
-TEST_F(CipTest, SaysNothingToAMessageThatIsNoRequest)
+TEST_F(CipTest, DoesNotAnswerAMessageThatIsNotARequest)
 {
     EXPECT_FALSE(server.handle(hex("00 01 0F 00 01 00 00 00 01 02")));
     EXPECT_FALSE(server.handle(hex("00 01 0A 00 01 00 00 00 5A 3C 28 45")));

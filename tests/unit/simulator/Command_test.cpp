@@ -17,7 +17,7 @@ std::string complaintAbout(const std::string& line)
     return "none";
 }
 
-TEST(Command, OfAPowerCycleLosesTheValuesOfAllStationsUnlessToldOtherwise)
+TEST(Command, PowerCycleResetsTheValuesOfAllStationsByDefault)
 {
     const auto command = parseCommand("power-cycle");
     ASSERT_TRUE(command);
@@ -26,7 +26,7 @@ TEST(Command, OfAPowerCycleLosesTheValuesOfAllStationsUnlessToldOtherwise)
     EXPECT_FALSE(command->station);
 }
 
-TEST(Command, OfAPowerCycleTakesRetainAndAStation)
+TEST(Command, PowerCycleAcceptsRetainAndAStation)
 {
     const auto command = parseCommand("  power-cycle retain  3 ");
     ASSERT_TRUE(command);
@@ -34,7 +34,7 @@ TEST(Command, OfAPowerCycleTakesRetainAndAStation)
     EXPECT_EQ(command->station, 3);
 }
 
-TEST(Command, OfADownloadTakesAFileAndAStation)
+TEST(Command, DownloadAcceptsAFileAndAStation)
 {
     EXPECT_EQ(parseCommand("download")->file, "");
     EXPECT_EQ(parseCommand("download new.json")->file, "new.json");
@@ -43,13 +43,13 @@ TEST(Command, OfADownloadTakesAFileAndAStation)
     EXPECT_EQ(parseCommand("download 2")->kind, Command::Download);
 }
 
-TEST(Command, IsNoneInABlankLine)
+TEST(Command, IsNothingForABlankLine)
 {
     EXPECT_FALSE(parseCommand(""));
     EXPECT_FALSE(parseCommand("  \t"));
 }
 
-TEST(Command, NamesTheWordThatIsWrong)
+TEST(Command, ErrorNamesTheWrongWord)
 {
     EXPECT_EQ(complaintAbout("power-cicle"),
               "\"power-cicle\" is not a command (did you mean power-cycle?) (power-cycle [retain] "

@@ -9,20 +9,20 @@ namespace {
 
 TagTable tagTableOf(const std::string& tags)
 {
-    return TagTable::fromText("{\"tags\": [" + tags + "]}", "plant.json");
+    return TagTable::fromText("{\"tags\": [" + tags + "]}", "tags.json");
 }
 
 class ControllerTest : public ::testing::Test
 {
 protected:
-    /// What the controller answers to a message's data, without the link's bytes around it.
+    /// The data of the controller's reply to a message's data, without header and link bytes.
     std::string answer(Bytes data)
     {
         data[4] = ++m_transaction;
         controller.receive(framed(data));
         const Bytes out = controller.transmit();
         controller.receive(hex("10 06"));
-        // DLE ACK DLE STX, eight bytes of header; DLE ETX and CRC behind.
+        // Before the data: DLE ACK DLE STX and eight bytes of header. After it: DLE ETX and CRC.
         return out.size() < 16 ? text(out) : text({out.begin() + 12, out.end() - 4});
     }
     std::string readOf(char tag)
@@ -46,20 +46,13 @@ protected:
                                     {"name": "B", "type": "INT", "value": 1})")};
 
 private:
-    static Bytes framed(const Bytes& data)
-    {
-        const std::uint16_t crc = linkCrc(data + hex("03"));
-        return hex("10 02") + data + hex("10 03") +
-               Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
-    }
-
     std::uint8_t m_transaction = 0x20;
     Bytes m_connection = hex("00 00");
 };
 
 const char kConnectionNotFound[] = "D2 00 01 01 07 01";
 
-TEST_F(ControllerTest, ForgetsConnectionsAndValuesInAPowerCycle)
+TEST_F(ControllerTest, ForgetsConnectionsAndResetsValuesInAPowerCycle)
 {
     connect();
     controller.tags().find("A")->elements[0] = hex("05 00");
@@ -70,7 +63,7 @@ TEST_F(ControllerTest, ForgetsConnectionsAndValuesInAPowerCycle)
     EXPECT_EQ(readOf('A'), "D2 00 00 00 C3 00 34 12");
 }
 
-TEST_F(ControllerTest, RetainsValuesInAPowerCycleWhenToldTo)
+TEST_F(ControllerTest, KeepsValuesInAPowerCycleThatRetainsThem)
 {
     connect();
     controller.tags().find("A")->elements[0] = hex("05 00");
@@ -79,7 +72,7 @@ TEST_F(ControllerTest, RetainsValuesInAPowerCycleWhenToldTo)
     EXPECT_EQ(readOf('A'), "D2 00 00 00 C3 00 05 00");
 }
 
-TEST_F(ControllerTest, TakesTheFirstRequestBehindAPowerCycleForNew)
+TEST_F(ControllerTest, ExecutesARepeatedRequestAfterAPowerCycle)
 {
     const Bytes identity = hex("10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
     controller.receive(identity);
@@ -89,7 +82,7 @@ TEST_F(ControllerTest, TakesTheFirstRequestBehindAPowerCycleForNew)
     EXPECT_GT(controller.transmit().size(), 2u);
 }
 
-TEST_F(ControllerTest, LetsTagsAppearVanishAndChangeTypeInADownload)
+TEST_F(ControllerTest, AddsRemovesAndRetypesTagsInADownload)
 {
     connect();
     EXPECT_EQ(readOf('C'), "D2 00 05 00");
@@ -100,7 +93,7 @@ TEST_F(ControllerTest, LetsTagsAppearVanishAndChangeTypeInADownload)
     EXPECT_EQ(readOf('C'), "D2 00 00 00 C2 00 03");
 }
 
-TEST_F(ControllerTest, AnswersAsItIsTold)
+TEST_F(ControllerTest, AnswersThroughTheHandlerThatReplacesTheServer)
 {
     controller.answerWith([](const Bytes& message) {
         return std::optional<Bytes>(hex("01 00 4B 00 00 00 00 00 AA") + Bytes{message[4]});

@@ -23,7 +23,7 @@ std::string complaintAbout(const std::string& rules)
     return "none";
 }
 
-TEST(FaultScript, StrikesRepliesAtAnyByteUnlessToldOtherwise)
+TEST(FaultScript, StrikesAnyByteOfRepliesByDefault)
 {
     const FaultScript script = scriptOf(R"({"fault": "lose", "rate": 0.25})");
     ASSERT_EQ(script.size(), 1u);
@@ -34,7 +34,7 @@ TEST(FaultScript, StrikesRepliesAtAnyByteUnlessToldOtherwise)
     EXPECT_EQ(script[0].byte, 0u);
 }
 
-TEST(FaultScript, TakesOneMessageOrAListOfThem)
+TEST(FaultScript, AcceptsOneMessageOrAListOfMessages)
 {
     const FaultScript script = scriptOf(
         R"({"fault": "flip", "on": "requests", "message": 3, "byte": 7, "bit": 2},
@@ -70,7 +70,7 @@ TEST(FaultScript, KnowsEveryFaultByItsName)
     EXPECT_EQ(script[13].failure.extended, 0x2105);
 }
 
-TEST(FaultScript, NamesThePlaceAndTheWayOutOfEachMistake)
+TEST(FaultScript, ErrorNamesThePlaceAndTheRemedy)
 {
     EXPECT_EQ(complaintAbout(R"({"fault": "dely", "rate": 1})").substr(0, 78),
               "f.json: faults[0].fault: \"dely\" is not a fault (did you mean delay?) (lose, fl");
@@ -103,7 +103,7 @@ TEST(FaultScript, NamesThePlaceAndTheWayOutOfEachMistake)
 
 // The first outputs of the 64-bit Mersenne Twister from its default seed are published; the
 // 10,000th is 9981545732273789042.
-TEST(Dice, AreThoseOfAPublishedGenerator)
+TEST(Dice, MatchAPublishedGenerator)
 {
     Dice dice(5489);
     for (int i = 1; i < 10000; ++i)
@@ -111,7 +111,7 @@ TEST(Dice, AreThoseOfAPublishedGenerator)
     EXPECT_EQ(dice.below(UINT64_MAX), 9981545732273789042u);
 }
 
-TEST(Dice, HitAtTheirRate)
+TEST(Dice, HitAtTheGivenRate)
 {
     Dice dice(7);
     int hits = 0;

@@ -8,26 +8,19 @@
 namespace micro850::sim {
 namespace {
 
-// Get_Attributes_All of the Identity object with the transaction numbers 1 and 2, behind the host's
+// Get_Attributes_All of the Identity object with the transaction numbers 1 and 2, after the host's
 // acknowledgement.
 const Bytes kFirst = hex("10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
 const Bytes kSecondData = hex("00 01 0B 00 02 00 00 00 01 02 20 01 24 01");
 
-Bytes framed(const Bytes& data)
-{
-    const std::uint16_t crc = linkCrc(data + hex("03"));
-    return hex("10 06 10 02") + data + hex("10 03") +
-           Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
-}
-
-const Bytes kSecond = framed(kSecondData);
+const Bytes kSecond = hex("10 06") + framed(kSecondData);
 
 class FaultyLineTest : public ::testing::Test
 {
 protected:
     FaultyLineTest()
     {
-        // What the controller answers on a good line.
+        // The controller's replies on a good line.
         Controller good(clock, TagTable());
         good.receive(kFirst);
         firstReply = good.transmit();
@@ -63,7 +56,7 @@ protected:
     std::vector<std::string> events;
 };
 
-TEST_F(FaultyLineTest, IsAPlainWireWithoutAScript)
+TEST_F(FaultyLineTest, ChangesNothingWithoutAScript)
 {
     script("");
     EXPECT_EQ(after(kFirst), text(firstReply));
@@ -71,7 +64,7 @@ TEST_F(FaultyLineTest, IsAPlainWireWithoutAScript)
     EXPECT_TRUE(line->counts().empty());
 }
 
-TEST_F(FaultyLineTest, PutsARequestTogetherThatComesInPieces)
+TEST_F(FaultyLineTest, CountsARequestInPiecesAsOne)
 {
     script("");
     EXPECT_EQ(after({kFirst.begin(), kFirst.begin() + 9}), "");
@@ -79,7 +72,7 @@ TEST_F(FaultyLineTest, PutsARequestTogetherThatComesInPieces)
     EXPECT_EQ(line->messages(Side::Requests), 1u);
 }
 
-TEST_F(FaultyLineTest, PassesOnWhatStopsInTheMiddleAfterASilence)
+TEST_F(FaultyLineTest, PassesOnAnUnfinishedRequestAfterASilence)
 {
     script("");
     after({kFirst.begin(), kFirst.begin() + 9});
@@ -98,7 +91,7 @@ TEST_F(FaultyLineTest, LosesOneByteOfOneReply)
     EXPECT_EQ(events, std::vector<std::string>{"reply 2: byte 5: 01 lost"});
 }
 
-TEST_F(FaultyLineTest, FlipsTheBitThatIsNamed)
+TEST_F(FaultyLineTest, FlipsTheNamedBitOfTheNamedByte)
 {
     script(R"({"fault": "flip", "message": 1, "byte": 1, "bit": 3})");
     Bytes expected = firstReply;
@@ -107,7 +100,7 @@ TEST_F(FaultyLineTest, FlipsTheBitThatIsNamed)
     EXPECT_EQ(events, std::vector<std::string>{"reply 1: byte 1: bit 3 flipped, 10 becomes 18"});
 }
 
-TEST_F(FaultyLineTest, HasARequestRefusedThatArrivesCorrupt)
+TEST_F(FaultyLineTest, MakesTheControllerRefuseARequestWithAFlippedBit)
 {
     script(R"({"fault": "flip", "on": "requests", "message": 1, "byte": 7, "bit": 0})");
     EXPECT_EQ(after(kFirst), "10 15");
@@ -121,7 +114,7 @@ TEST_F(FaultyLineTest, DoublesAndInsertsBytes)
     EXPECT_EQ(after(kFirst), "10 15 10 06 06" + text(firstReply).substr(5));
 }
 
-TEST_F(FaultyLineTest, PutsABurstOfNoiseOfTheLengthAskedForIntoAMessage)
+TEST_F(FaultyLineTest, InsertsNoiseOfTheGivenLength)
 {
     script(R"({"fault": "noise", "message": 1, "byte": 4, "length": 5})");
     line->receive(kFirst);
@@ -131,7 +124,7 @@ TEST_F(FaultyLineTest, PutsABurstOfNoiseOfTheLengthAskedForIntoAMessage)
     EXPECT_TRUE(std::equal(firstReply.begin() + 3, firstReply.end(), got.begin() + 8));
 }
 
-TEST_F(FaultyLineTest, LetsAByteBeyondTheEndOfTheMessageBe)
+TEST_F(FaultyLineTest, DoesNothingWhenTheByteIsBeyondTheEndOfTheMessage)
 {
     script(R"({"fault": "lose", "message": 1, "byte": 5000})");
     EXPECT_EQ(after(kFirst), text(firstReply));
@@ -147,7 +140,7 @@ TEST_F(FaultyLineTest, DelaysAReplyByATime)
     EXPECT_EQ(events, std::vector<std::string>{"reply 1: delayed by 0.3 s"});
 }
 
-TEST_F(FaultyLineTest, KeepsTheOrderBehindADelayedReply)
+TEST_F(FaultyLineTest, KeepsTheOrderAfterADelayedReply)
 {
     script(R"({"fault": "delay", "message": 1, "seconds": 0.3})");
     after(kFirst);
@@ -155,7 +148,7 @@ TEST_F(FaultyLineTest, KeepsTheOrderBehindADelayedReply)
     EXPECT_EQ(afterWaiting(300), text(firstReply + secondReply));
 }
 
-TEST_F(FaultyLineTest, HoldsAReplyUntilSoManyLaterOnes)
+TEST_F(FaultyLineTest, HoldsAReplyUntilALaterReplyComes)
 {
     script(R"({"fault": "delay", "message": 1, "later": 1})");
     EXPECT_EQ(after(kFirst), "");
@@ -168,7 +161,7 @@ TEST_F(FaultyLineTest, SendsAReplyTwice)
     EXPECT_EQ(after(kFirst), text(firstReply + firstReply));
 }
 
-TEST_F(FaultyLineTest, HasARepeatedRequestRecognised)
+TEST_F(FaultyLineTest, SendsARequestTwiceAndTheControllerRecognisesTheRepeat)
 {
     script(R"({"fault": "duplicate", "on": "requests", "message": 1})");
     EXPECT_EQ(after(kFirst), text(firstReply + hex("10 06")));
@@ -199,7 +192,7 @@ TEST_F(FaultyLineTest, WithholdsAnAcknowledgementButNotItsReply)
     EXPECT_EQ(after(kFirst), text(firstReply).substr(6));
 }
 
-TEST_F(FaultyLineTest, HasTheControllerAskForAnAcknowledgementThatWasLost)
+TEST_F(FaultyLineTest, MakesTheControllerAskForALostAcknowledgement)
 {
     script(R"({"fault": "withhold-ack", "on": "requests", "message": 2})");
     after(kFirst);
@@ -214,13 +207,13 @@ TEST_F(FaultyLineTest, RefusesARequestWithoutExecutingIt)
     EXPECT_EQ(controller->counters().messages, 0u);
 }
 
-TEST_F(FaultyLineTest, PutsANakInFrontOfAReply)
+TEST_F(FaultyLineTest, ReplacesTheAckBeforeAReplyByANak)
 {
     script(R"({"fault": "nak", "message": 1})");
     EXPECT_EQ(after(kFirst), "10 15" + text(firstReply).substr(5));
 }
 
-TEST_F(FaultyLineTest, SendsThePreviousReplyInPlaceOfThisOne)
+TEST_F(FaultyLineTest, SendsThePreviousReplyInsteadOfTheCurrentOne)
 {
     script(R"({"fault": "previous", "message": [1, 2]})");
     EXPECT_EQ(after(kFirst), text(firstReply));
@@ -228,7 +221,7 @@ TEST_F(FaultyLineTest, SendsThePreviousReplyInPlaceOfThisOne)
     EXPECT_EQ(line->counts().at(FaultKind::Previous), 1u);
 }
 
-TEST_F(FaultyLineTest, IsDeadBothWaysWhileHungUp)
+TEST_F(FaultyLineTest, CarriesNothingInEitherDirectionWhileHungUp)
 {
     script(R"({"fault": "hang-up", "message": 1, "seconds": 2})");
     EXPECT_EQ(after(kFirst), "");
@@ -240,16 +233,16 @@ TEST_F(FaultyLineTest, IsDeadBothWaysWhileHungUp)
     EXPECT_EQ(after(kSecond), text(secondReply));
 }
 
-TEST_F(FaultyLineTest, AnswersWithAnErrorInPlaceOfExecuting)
+TEST_F(FaultyLineTest, AnswersARequestWithAnErrorInsteadOfExecutingIt)
 {
     script(R"({"fault": "cip-error", "message": 1, "status": 1, "extended": 263})");
-    const Bytes error = framed(hex("01 00 4B 00 01 00 00 00 81 00 01 01 07 01"));
+    const Bytes error = hex("10 06") + framed(hex("01 00 4B 00 01 00 00 00 81 00 01 01 07 01"));
     EXPECT_EQ(after(kFirst), text(error));
     EXPECT_EQ(after(kSecond), text(secondReply));
     EXPECT_EQ(events, std::vector<std::string>{"request 1: answered with status 01"});
 }
 
-TEST_F(FaultyLineTest, LosesNothingOfOneSideByARuleForTheOther)
+TEST_F(FaultyLineTest, AppliesARuleToItsOwnSideOnly)
 {
     script(R"({"fault": "withhold", "on": "requests", "message": 2})");
     EXPECT_EQ(after(kFirst), text(firstReply));
@@ -258,21 +251,21 @@ TEST_F(FaultyLineTest, LosesNothingOfOneSideByARuleForTheOther)
     EXPECT_EQ(line->messages(Side::Replies), 1u);
 }
 
-TEST_F(FaultyLineTest, KeepsTheNextReplyBackBehindALostAcknowledgement)
+TEST_F(FaultyLineTest, HoldsTheNextReplyBackAfterALostAcknowledgement)
 {
     script(R"({"fault": "withhold-ack", "on": "requests", "message": 2})");
     after(kFirst);
-    EXPECT_EQ(after(kSecond), "10 06") << "the reply waits until the one before is acknowledged";
-    EXPECT_EQ(after(hex("10 06")), "") << "a message may follow at once, and belongs to it then";
+    EXPECT_EQ(after(kSecond), "10 06") << "the reply waits until the previous one is acknowledged";
+    EXPECT_EQ(after(hex("10 06")), "") << "a message that belongs to it may follow at once";
     EXPECT_EQ(afterWaiting(5), text(secondReply).substr(6));
 }
 
-/// What one damage to the second of two requests does at the controller's end. The first byte that
-/// is not of the acknowledgement and the DLE STX is the fifth.
+/// A fault in the second of two requests and its effect at the controller's end. Bytes 1 to 4 are
+/// the acknowledgement and DLE STX; the data begin at byte 5.
 struct RequestCase
 {
     const char* fault;
-    const char* answer; ///< begins so
+    const char* answer; ///< how the answer begins
     unsigned corrupt;
     unsigned messages;
     const char* event;
@@ -294,7 +287,7 @@ const RequestCase kRequestCases[] = {
     {R"("fault": "delay", "later": 1)", "", 0, 1, "request 2: held until 1 later"},
 };
 
-TEST_F(FaultyLineTest, StrikesARequestAtTheByteThatIsNamedAsItDoesAReply)
+TEST_F(FaultyLineTest, StrikesRequestsAsWellAsReplies)
 {
     for (const RequestCase& each : kRequestCases) {
         script(std::string(R"({"on": "requests", "message": 2, )") + each.fault + "}");
@@ -310,17 +303,17 @@ TEST_F(FaultyLineTest, StrikesARequestAtTheByteThatIsNamedAsItDoesAReply)
     }
 }
 
-TEST_F(FaultyLineTest, DelaysARequestByATimeAndSplitsItIntoBytes)
+TEST_F(FaultyLineTest, DelaysARequestAndSplitsItIntoSingleBytes)
 {
     script(R"({"fault": "delay", "on": "requests", "message": 1, "seconds": 0.3},
               {"fault": "split", "on": "requests", "message": 1, "seconds": 0.01})");
     EXPECT_EQ(after(kFirst), "");
     EXPECT_EQ(afterWaiting(299 + 10 * static_cast<int>(kFirst.size() - 1)), "")
-        << "the last byte has not come";
+        << "the last byte has not arrived";
     EXPECT_EQ(afterWaiting(1), text(firstReply));
 }
 
-TEST_F(FaultyLineTest, PutsNoiseIntoARequestThatIsThenRefused)
+TEST_F(FaultyLineTest, InsertsNoiseIntoARequestWhichIsThenRefused)
 {
     script(R"({"fault": "noise", "on": "requests", "message": 1, "byte": 9, "length": 7})");
     after(kFirst);
@@ -328,14 +321,14 @@ TEST_F(FaultyLineTest, PutsNoiseIntoARequestThatIsThenRefused)
     EXPECT_EQ(line->counts().at(FaultKind::Noise), 1u);
 }
 
-TEST_F(FaultyLineTest, CarriesAHeldRequestOutBehindTheNextOne)
+TEST_F(FaultyLineTest, DeliversAHeldRequestBeforeTheOneThatReleasesIt)
 {
     script(R"({"fault": "delay", "on": "requests", "message": 1, "later": 1})");
     EXPECT_EQ(after(kFirst), "");
     EXPECT_EQ(after(kSecond), text(firstReply + secondReply));
 }
 
-// What a run with every fault at a rate does to 300 requests.
+// The faults and replies of 300 requests, with every fault at a rate.
 std::vector<std::string> busyRun(std::uint64_t seed)
 {
     std::string rules;
@@ -365,18 +358,18 @@ std::vector<std::string> busyRun(std::uint64_t seed)
         Bytes data = kSecondData;
         data[4] = static_cast<std::uint8_t>(i % 16 + 32);
         data[5] = static_cast<std::uint8_t>(i / 16 + 32);
-        line.receive(framed(data));
+        line.receive(hex("10 06") + framed(data));
         record.push_back(text(line.transmit()));
         clock.advance(Duration(100000));
         line.tick();
         record.push_back(text(line.transmit()));
     }
     EXPECT_EQ(line.counts().size(), faultNames().size());
-    EXPECT_EQ(seen.size(), kinds) << "each fault on each side on which it can strike";
+    EXPECT_EQ(seen.size(), kinds) << "each fault on each side that it can strike";
     return record;
 }
 
-TEST(FaultyLineRun, IsTheSameFromTheSameSeedAndAnotherFromAnother)
+TEST(FaultyLineRun, RepeatsWithTheSameSeedAndDiffersWithAnother)
 {
     const std::vector<std::string> run = busyRun(42);
     EXPECT_EQ(run, busyRun(42));

@@ -1,6 +1,5 @@
 #include "Replay.h"
 
-#include "LinkLayer.h"
 #include "UserError.h"
 #include "bytes.h"
 
@@ -9,21 +8,15 @@
 namespace micro850::sim {
 namespace {
 
-Bytes framed(const Bytes& data)
-{
-    const std::uint16_t crc = linkCrc(data + hex("03"));
-    return hex("10 06 10 02") + data + hex("10 03") +
-           Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
-}
-
 TraceRecord sent(const std::string& data)
 {
-    return {std::chrono::microseconds(0), Direction::Sent, framed(hex(data)), ""};
+    return {std::chrono::microseconds(0), Direction::Sent, hex("10 06") + framed(hex(data)), ""};
 }
 
 TraceRecord received(const std::string& data)
 {
-    return {std::chrono::microseconds(0), Direction::Received, framed(hex(data)), ""};
+    return {std::chrono::microseconds(0), Direction::Received, hex("10 06") + framed(hex(data)),
+            ""};
 }
 
 std::string answerOf(Replay& replay, const std::string& data)
@@ -32,7 +25,7 @@ std::string answerOf(Replay& replay, const std::string& data)
     return reply ? text(*reply) : "none";
 }
 
-// A read of tag A over connection 5A 3C: the transaction number, the sequence byte, the tag.
+// A read of a one-letter tag on connection 5A 3C, with this transaction number and sequence byte.
 std::string readOf(const std::string& number, const std::string& sequence, const std::string& tag)
 {
     return "00 01 0A 00 " + number + " 00 00 5A 3C " + sequence + " 45 52 02 91 01 " + tag +
@@ -45,14 +38,14 @@ std::string replyOf(const std::string& number, const std::string& sequence,
     return "01 00 4A 00 " + number + " 00 00 01 00 " + sequence + " 45 D2 00 00 00 C3 00 " + value;
 }
 
-TEST(Replay, AnswersAsRecordedUnderTheNumbersOfTheNewRequest)
+TEST(Replay, AnswersAsRecordedWithTheNumbersOfTheNewRequest)
 {
     Replay replay({sent(readOf("01 00", "08", "41")), received(replyOf("01 00", "08", "34 12"))},
                   "t");
     EXPECT_EQ(answerOf(replay, readOf("77 01", "7E", "41")), replyOf("77 01", "7E", "34 12"));
 }
 
-TEST(Replay, GoesThroughTheRecordedRepliesAndBeginsAgain)
+TEST(Replay, SendsTheRecordedRepliesInOrderAndStartsAgain)
 {
     Replay replay({sent(readOf("01 00", "08", "41")), received(replyOf("01 00", "08", "01 00")),
                    sent(readOf("02 00", "09", "41")), received(replyOf("02 00", "09", "02 00"))},
@@ -62,7 +55,7 @@ TEST(Replay, GoesThroughTheRecordedRepliesAndBeginsAgain)
         EXPECT_EQ(answerOf(replay, readOf("05 00", "0C", "41")), replyOf("05 00", "0C", value));
 }
 
-TEST(Replay, DoesNotAnswerWhatWasNotAskedOrNotAnswered)
+TEST(Replay, DoesNotAnswerARequestWithoutARecordedReply)
 {
     Replay replay({sent(readOf("01 00", "08", "41")), received(replyOf("01 00", "08", "01 00")),
                    sent(readOf("02 00", "09", "42"))},
@@ -71,7 +64,7 @@ TEST(Replay, DoesNotAnswerWhatWasNotAskedOrNotAnswered)
     EXPECT_EQ(answerOf(replay, readOf("03 00", "0A", "43")), "none");
 }
 
-TEST(Replay, PassesOverAReplyOfAnotherRequestAndRepeatedRequests)
+TEST(Replay, IgnoresRepliesToOtherRequestsAndRepeatedRequests)
 {
     Replay replay({sent(readOf("01 00", "08", "41")), sent(readOf("01 00", "08", "41")),
                    received(replyOf("00 00", "07", "66 66")),
@@ -80,7 +73,7 @@ TEST(Replay, PassesOverAReplyOfAnotherRequestAndRepeatedRequests)
     EXPECT_EQ(answerOf(replay, readOf("03 00", "0A", "41")), replyOf("03 00", "0A", "01 00"));
 }
 
-TEST(Replay, KnowsAForwardOpenWhateverItsSerialNumber)
+TEST(Replay, RecognisesAForwardOpenWithAnySerialNumber)
 {
     Replay replay({sent("00 01 0B 00 01 00 00 00 54 02 20 06 24 01 05 F7 11 22 33"),
                    received("01 00 4B 00 01 00 00 00 D4 00 00 00 5A 3C")},

@@ -1,4 +1,4 @@
-// Stations on pseudo-terminals, driven step by step on one thread.
+// Stations on pseudo-terminals, run step by step on one thread.
 
 #include "Station.h"
 
@@ -16,7 +16,7 @@
 namespace micro850::sim {
 namespace {
 
-constexpr int kPatience = 5000; // looks, a millisecond apart
+constexpr int kAttempts = 5000; // a millisecond apart
 const Bytes kIdentity = hex("10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35");
 
 /// The host's end of a station's line.
@@ -71,11 +71,11 @@ protected:
         made.link = path("plc");
         return made;
     }
-    /// Serves until so many bytes have come.
+    /// Serves until `count` bytes have arrived at the host.
     Bytes served(Station& station, HostEnd& host, std::size_t count)
     {
         Bytes got;
-        for (int i = 0; i < kPatience && got.size() < count; ++i) {
+        for (int i = 0; i < kAttempts && got.size() < count; ++i) {
             station.serve();
             got = got + host.read();
             ::usleep(1000);
@@ -104,22 +104,22 @@ TEST_F(StationTest, ClosesItsEndWhileHungUpAndOpensItAgain)
     Station station(made);
     HostEnd host(path("plc"));
     host.send(kIdentity);
-    for (int i = 0; i < kPatience && station.descriptor() >= 0; ++i) {
+    for (int i = 0; i < kAttempts && station.descriptor() >= 0; ++i) {
         station.serve();
         ::usleep(1000);
     }
     EXPECT_FALSE(std::filesystem::exists(path("plc")));
-    for (int i = 0; i < kPatience && station.descriptor() < 0; ++i) {
+    for (int i = 0; i < kAttempts && station.descriptor() < 0; ++i) {
         station.serve();
         ::usleep(1000);
     }
     HostEnd again(path("plc"));
     again.send(kIdentity);
-    // The same message again: acknowledged, and taken for a repeat.
+    // The controller acknowledges the same message and recognises it as a repeat.
     EXPECT_EQ(text(served(station, again, 2)), "10 06");
 }
 
-TEST_F(StationTest, DownloadsAnotherTagFileAndKeepsTheTagsWhenThatIsWrong)
+TEST_F(StationTest, DownloadsATagFileAndKeepsItsTagsWhenTheFileIsWrong)
 {
     StationSetup made = setup();
     made.quiet = true;
@@ -138,12 +138,7 @@ TEST_F(StationTest, AnswersFromARecordedTrace)
         const auto trace = TraceWriter::open(path("t.txt"));
         trace->write({std::chrono::microseconds(1), Direction::Sent, kIdentity, ""});
         const Bytes reply = hex("01 00 4B 00 01 00 00 00 81 00 00 00 41");
-        const std::uint16_t crc = linkCrc(reply + hex("03"));
-        trace->write(
-            {std::chrono::microseconds(2), Direction::Received,
-             hex("10 02") + reply + hex("10 03") +
-                 Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)},
-             ""});
+        trace->write({std::chrono::microseconds(2), Direction::Received, framed(reply), ""});
     }
     StationSetup made = setup();
     made.tags.clear();

@@ -25,7 +25,7 @@ std::string complaintAbout(const std::string& tags)
 
 std::string valueAt(TagTable& table, double seconds, std::size_t element = 0)
 {
-    table.move(Duration(static_cast<std::int64_t>(seconds * 1e6)));
+    table.move(fromSeconds(seconds));
     const Tag& tag = *table.find("T");
     return textFromValue(*tag.type, tag.elements[element]);
 }
@@ -40,7 +40,7 @@ TEST(TagTable, FillsAnArrayWithOneValueOrWithAListAndZeros)
     EXPECT_EQ(table.find("C"), nullptr);
 }
 
-TEST(TagTable, RampsFromLeastToMostAndStartsAgain)
+TEST(TagTable, RampRisesFromLeastToMostAndStartsAgain)
 {
     TagTable table = tagTableOf(R"({"name": "T", "type": "INT",
                               "motion": {"kind": "ramp", "min": 0, "max": 100, "period": 10}})");
@@ -50,7 +50,7 @@ TEST(TagTable, RampsFromLeastToMostAndStartsAgain)
     EXPECT_EQ(valueAt(table, 10), "0");
 }
 
-TEST(TagTable, SwingsAroundTheMiddle)
+TEST(TagTable, SineSwingsAroundTheMiddle)
 {
     TagTable table = tagTableOf(R"({"name": "T", "type": "INT",
                               "motion": {"kind": "sine", "min": -100, "max": 100, "period": 4}})");
@@ -59,7 +59,7 @@ TEST(TagTable, SwingsAroundTheMiddle)
     EXPECT_EQ(valueAt(table, 3), "-100");
 }
 
-TEST(TagTable, CountsOneUpEachPeriod)
+TEST(TagTable, CounterRisesByOneEachPeriod)
 {
     TagTable table = tagTableOf(R"({"name": "T", "type": "DINT",
                               "motion": {"kind": "counter", "min": 5, "max": 7, "period": 2}})");
@@ -69,7 +69,7 @@ TEST(TagTable, CountsOneUpEachPeriod)
     EXPECT_EQ(valueAt(table, 6), "5");
 }
 
-TEST(TagTable, TogglesEachPeriod)
+TEST(TagTable, ToggleChangesEachPeriod)
 {
     TagTable table =
         tagTableOf(R"({"name": "T", "type": "BOOL", "motion": {"kind": "toggle", "period": 1}})");
@@ -78,7 +78,7 @@ TEST(TagTable, TogglesEachPeriod)
     EXPECT_EQ(valueAt(table, 2.5), "false");
 }
 
-TEST(TagTable, GoesBackToItsInitialValues)
+TEST(TagTable, ResetRestoresTheInitialValues)
 {
     TagTable table = tagTableOf(R"({"name": "T", "type": "INT", "value": 3})");
     table.find("T")->elements[0] = hex("09 00");
@@ -86,14 +86,14 @@ TEST(TagTable, GoesBackToItsInitialValues)
     EXPECT_EQ(text(table.find("T")->elements[0]), "03 00");
 }
 
-TEST(TagTable, NamesFileKeyAndRemedyOfAWrongTagFile)
+TEST(TagTable, ErrorOfAWrongTagFileNamesFileKeyAndRemedy)
 {
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INTT"})"),
               "plant.json: tags[0].type: \"INTT\" is not a CIP type (did you mean INT?)");
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "value": 40000})"),
               "plant.json: tags[0].value: \"40000\" is not a value of type INT (-32768 to 32767)");
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT"}, {"name": "T", "type": "INT"})"),
-              "plant.json: tags[1].name: the tag \"T\" is there twice; remove or rename one");
+              "plant.json: tags[1].name: the tag \"T\" is defined twice; remove or rename one");
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "lenght": 3})"),
               "plant.json: tags[0]: unknown key \"lenght\" (did you mean length?)");
     EXPECT_EQ(complaintAbout(R"({"name": "T", "type": "INT", "length": 0})"),
@@ -112,7 +112,7 @@ TEST(TagTable, NamesFileKeyAndRemedyOfAWrongTagFile)
         "plant.json: tags[0].motion: a SHORT_STRING cannot move; remove the motion");
 }
 
-TEST(TagTable, RefusesAMotionBeyondWhatTheTypeHolds)
+TEST(TagTable, RefusesAMotionBeyondTheRangeOfTheType)
 {
     const auto complaint = [](const char* type, const char* bounds) {
         return complaintAbout(std::string(R"({"name": "T", "type": ")") + type +
@@ -128,7 +128,7 @@ TEST(TagTable, RefusesAMotionBeyondWhatTheTypeHolds)
     EXPECT_NE(complaint("LINT", R"("max": 9223372036854775808)"), "none");
 }
 
-TEST(TagTable, MovesUpToTheLargestValueOfAType)
+TEST(TagTable, MotionReachesTheLargestAndSmallestValueOfAType)
 {
     const auto at = [](const char* type, const char* bounds, double seconds) {
         TagTable table =

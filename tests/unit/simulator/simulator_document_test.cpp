@@ -1,5 +1,4 @@
-// docs/simulator.md against the simulator: a document that drifts from the program is worse than
-// none.
+// Compares docs/simulator.md with the simulator: a wrong document is worse than none.
 
 #include "FaultyLine.h"
 #include "bytes.h"
@@ -17,7 +16,7 @@ std::string document()
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-/// The inside of the document's block of this kind.
+/// The text of the document's code block in this language.
 std::string block(const std::string& kind)
 {
     const std::string text = document();
@@ -29,12 +28,10 @@ std::string block(const std::string& kind)
 Bytes identityRequest(std::uint8_t number)
 {
     const Bytes data = hex("00 01 0B 00") + Bytes{number} + hex("00 00 00 01 02 20 01 24 01");
-    const std::uint16_t crc = linkCrc(data + hex("03"));
-    return hex("10 06 10 02") + data + hex("10 03") +
-           Bytes{static_cast<std::uint8_t>(crc & 0xFF), static_cast<std::uint8_t>(crc >> 8)};
+    return hex("10 06") + framed(data);
 }
 
-TEST(SimulatorDocument, ShowsWhatItsScriptDoes)
+TEST(SimulatorDocument, ShowsTheFaultsThatItsScriptCauses)
 {
     VirtualClock clock;
     Controller controller(clock, TagTable());
@@ -48,7 +45,7 @@ TEST(SimulatorDocument, ShowsWhatItsScriptDoes)
     EXPECT_EQ(printed, block("text"));
 }
 
-TEST(SimulatorDocument, NamesEveryFault)
+TEST(SimulatorDocument, DescribesEveryFault)
 {
     const std::string text = document();
     for (const std::string& name : faultNames())
@@ -68,7 +65,7 @@ std::string helpText()
     return text;
 }
 
-TEST(SimulatorDocument, NamesEveryOptionOfTheProgram)
+TEST(SimulatorDocument, DescribesEveryOptionOfTheProgram)
 {
     const std::string text = document();
     const std::string help = helpText();

@@ -1,0 +1,95 @@
+#include "Options.h"
+
+#include "UserError.h"
+
+#include <CLI/CLI.hpp>
+
+namespace micro850::sim {
+
+namespace {
+
+void declareAcknowledgements(CLI::App& app, Options& options)
+{
+    LinkOptions& link = options.setup.options;
+    app.add_flag("--no-duplicate-detection", options.noDuplicateDetection,
+                 "Execute a repeated message again");
+    app.add_option("--ack-timeout", options.ackTimeout, "Seconds to wait for an acknowledgement")
+        ->capture_default_str()
+        ->check(CLI::Range(0.01, 3600.0));
+    app.add_option("--enq-limit", link.enquiryLimit,
+                   "Number of DLE ENQ to send for a missing acknowledgement")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 100));
+    app.add_option("--nak-limit", link.nakLimit, "Number of retransmissions of a refused message")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 100));
+}
+
+void declareLine(CLI::App& app, Options& options)
+{
+    StationSetup& setup = options.setup;
+    app.add_option("--port", setup.port,
+                   "Serial device; without it a pseudo-terminal is opened and its path printed");
+    app.add_option("--baud", setup.baud, "Speed of the serial device, 8N1")->capture_default_str();
+    app.add_option("--link", setup.link,
+                   "Symbolic link to make to the pseudo-terminal (with --station: LINK.N)");
+    declareAcknowledgements(app, options);
+    app.add_option("--faults", options.faults, "Fault script (JSON): what goes wrong on the line");
+    app.add_option("--seed", setup.seed, "Seed of the faults that strike at a rate")
+        ->capture_default_str();
+}
+
+void declare(CLI::App& app, Options& options)
+{
+    app.add_option("tags", options.setup.tags, "Tag file (JSON)");
+    app.add_option("--station", options.stations,
+                   "Number and tag file of one of several controllers, each on its own line")
+        ->type_name("N=FILE");
+    app.add_option("--replay", options.setup.replay,
+                   "Answer from a recorded trace instead of from tags");
+    declareLine(app, options);
+    app.add_flag("--quiet", options.setup.quiet, "Print only errors on standard error");
+    app.set_version_flag("--version", "micro850-sim " MICRO850_VERSION);
+    app.footer("Commands on standard input, for station N or for all:\n"
+               "  power-cycle [retain] [N]   forget connections; reset or retain the values\n"
+               "  download [FILE] [N]        load other tags; without FILE reload the tag file,\n"
+               "                             as SIGHUP does\n"
+               "Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
+               "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
+}
+
+} // namespace
+
+std::optional<Options> parseOptions(int argc, char** argv)
+{
+    Options options;
+    CLI::App app("A simulated Micro850 controller on a pseudo-terminal or serial device.",
+                 "micro850-sim");
+    declare(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        app.exit(success);
+        return std::nullopt;
+    } catch (const CLI::ParseError& error) {
+        throw UserError(std::string(error.what()) + " (see micro850-sim --help)");
+    }
+    return options;
+}
+
+StationSetup commonSetup(const Options& options)
+{
+    StationSetup setup = options.setup;
+    setup.options.duplicateDetection = !options.noDuplicateDetection;
+    setup.options.ackTimeout = fromSeconds(options.ackTimeout);
+    if (!options.faults.empty())
+        setup.faults = faultsFromFile(options.faults);
+    const int sources = !setup.tags.empty() + !setup.replay.empty() + !options.stations.empty();
+    if (sources != 1)
+        throw UserError("give one of: a tag file, --station N=FILE, --replay FILE");
+    if (!options.stations.empty() && !setup.port.empty())
+        throw UserError("--port serves one station; leave it out, or give one tag file");
+    return setup;
+}
+
+} // namespace micro850::sim
