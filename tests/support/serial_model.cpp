@@ -1,5 +1,6 @@
 #include "serial_model.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 
@@ -29,7 +30,8 @@ int secondWithDles(int dles)
 
 int localSecondOfDay()
 {
-    const std::time_t now = std::time(nullptr);
+    // Not time(), which may still return the last second for some milliseconds after its end.
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::tm local = std::tm();
     localtime_r(&now, &local);
     return local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;

@@ -11,7 +11,7 @@ namespace serial_model {
 quint32 at(int secondOfDay);
 /// The first second of the day in whose serial number exactly `dles` of the three bytes are 0x10.
 int secondWithDles(int dles);
-/// The local second of the day, by the C library.
+/// The local second of the day, by the C++ library.
 int localSecondOfDay();
 
 } // namespace serial_model
