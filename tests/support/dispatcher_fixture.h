@@ -13,7 +13,7 @@ using driverstate::kWrite;
 class DispatcherTest : public DriverTest
 {
 protected:
-    DispatcherTest() { connectStation(1, kId, 0x21); }
+    DispatcherTest() { connectStation(); }
 
     /// Appends a request to the list that `list` names and lets the scheduler send it.
     Protocol* send(const RW_VAR& request, int list)
@@ -59,15 +59,7 @@ protected:
             code = timeOut();
         return code;
     }
-    static QString tagsOf(const QList<RW_VAR>& list)
-    {
-        QString tags;
-        for (const RW_VAR& request : list)
-            tags += request.tagName;
-        return tags;
-    }
 
-    const QByteArray kId = wire::hex("5A 3C");
     const QByteArray kGood = wire::readReply(0x21, 0xC3, wire::hex("01 02"));
     const QByteArray kBad = kGood.left(20);
 };

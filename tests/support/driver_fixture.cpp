@@ -180,6 +180,30 @@ void DriverTest::confirm(const char* tag, quint8 typeClass, quint16 type, int st
         wire::little(typeClass, 1) + wire::little(type, 2) + wire::hex("FF");
 }
 
+Protocol& DriverTest::putInFlight(const RW_VAR& request, int replyLength)
+{
+    Protocol transaction;
+    transaction.replyLength = replyLength;
+    transaction.auxLength = 22;
+    transaction.var = request;
+    PLC_driver.sendQueue.clear();
+    PLC_driver.sendQueue.append(transaction);
+    return PLC_driver.sendQueue.first();
+}
+
+QByteArray DriverTest::infoOf(const char* tag, int station)
+{
+    return PLCDataStorage[station].tagInfo.value(QString::fromLatin1(tag));
+}
+
+QString DriverTest::tagsOf(const QList<RW_VAR>& list)
+{
+    QString tags;
+    for (const RW_VAR& request : list)
+        tags += request.tagName;
+    return tags;
+}
+
 int DriverTest::answer(const QByteArray& reply)
 {
     QByteArray bytes = reply;

@@ -51,6 +51,8 @@ protected:
     /// The settings of most tests: station 1, retry limit 2, several stations, local link 7 (so
     /// that a link of 0 is remote), queued writes, callback channel 9. All other words are 0.
     ComInfo settings;
+    /// The connection identifier of stations that connectStation() connects.
+    const QByteArray kId = wire::hex("5A 3C");
     static std::vector<Finished> finished;
     static std::vector<Refreshed> refreshed;
 
@@ -71,6 +73,15 @@ protected:
                         quint16 counter = 0x21);
     /// Makes the class of a tag known without exchanging frames.
     void confirm(const char* tag, quint8 typeClass, quint16 type, int station = 1);
+
+    /// Makes `request` the only transaction in flight, without a frame. The value of its reply
+    /// starts at byte 22, like that of every read.
+    static Protocol& putInFlight(const RW_VAR& request, int replyLength = 0);
+
+    /// What the store holds about the type of a tag: class, type code and confirmation.
+    static QByteArray infoOf(const char* tag, int station = 1);
+    /// The tag names of a list's requests, in order and without separators.
+    static QString tagsOf(const QList<RW_VAR>& list);
 
     /// Delivers a complete reply of varying length to DataCom twice, as a host does. Returns the
     /// last code.

@@ -384,17 +384,12 @@ TEST_F(Dispatcher, KeepsItsQueueWithoutSettings)
 class ReplyArea : public Dispatcher
 {
 protected:
-    Protocol& inFlight(int replyLength, int accessMode = 0, int reqFlag = 1)
+    void putReadInFlight(int replyLength, int accessMode = 0, int reqFlag = 1)
     {
-        Protocol head;
-        head.replyLength = replyLength;
-        head.auxLength = 22;
-        head.var = readOf("T");
-        head.var.accessMode = accessMode;
-        head.var.reqFlag = reqFlag;
-        PLC_driver.sendQueue.clear();
-        PLC_driver.sendQueue.append(head);
-        return PLC_driver.sendQueue.first();
+        RW_VAR request = readOf("T");
+        request.accessMode = accessMode;
+        request.reqFlag = reqFlag;
+        putInFlight(request, replyLength);
     }
     int local(QByteArray reply, int length) { return DealDataOfLocalArea(&reply, length); }
     int remote(QByteArray reply, int length) { return DealDataOfRemoteArea(&reply, length); }
@@ -404,7 +399,7 @@ protected:
 TEST_F(ReplyArea, ChecksTheLengthThenTheAccessMode)
 {
     const int size = kGood.size();
-    inFlight(size);
+    putReadInFlight(size);
     EXPECT_EQ(local("", 0), 44);
     EXPECT_EQ(remote("", 0), 144);
     EXPECT_EQ(local(kGood, size - 1), 74);
@@ -412,23 +407,23 @@ TEST_F(ReplyArea, ChecksTheLengthThenTheAccessMode)
     EXPECT_FALSE(isStored());
     EXPECT_EQ(local(kGood, size), 1);
     EXPECT_TRUE(isStored());
-    inFlight(size, 2);
+    putReadInFlight(size, 2);
     EXPECT_EQ(local(kGood, size), 14);
     EXPECT_EQ(remote(kGood, size), 114);
 }
 
 TEST_F(ReplyArea, AcceptsAnyLengthExceptZeroForAVaryingReply)
 {
-    inFlight(-1);
+    putReadInFlight(-1);
     EXPECT_EQ(local(kGood, 17), 1);
     EXPECT_EQ(local("", 0), 44);
-    inFlight(0);
+    putReadInFlight(0);
     EXPECT_EQ(local(kGood, 0), 1) << "an expected length of 0 accepts an empty reply";
 }
 
 TEST_F(ReplyArea, AcknowledgesAWriteWithoutStoringAValue)
 {
-    inFlight(kGood.size(), 1);
+    putReadInFlight(kGood.size(), 1);
     EXPECT_EQ(local(kGood, kGood.size()), 1);
     EXPECT_FALSE(isStored());
     EXPECT_EQ(remote(kGood, kGood.size()), 100);
@@ -438,11 +433,11 @@ TEST_F(ReplyArea, AcknowledgesAWriteWithoutStoringAValue)
 TEST_F(ReplyArea, StoresARemoteReplyOnlyWhenTheRequestFlagIsMinusOne)
 {
     for (int flag : {0, 1, 2}) {
-        inFlight(kGood.size(), 0, flag);
+        putReadInFlight(kGood.size(), 0, flag);
         EXPECT_EQ(remote(kGood, kGood.size()), 100) << flag;
         EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty()) << flag;
     }
-    inFlight(kGood.size(), 0, -1);
+    putReadInFlight(kGood.size(), 0, -1);
     settings.framesAnswered = 0;
     EXPECT_EQ(remote(kGood, kGood.size()), 1);
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
@@ -452,7 +447,7 @@ TEST_F(ReplyArea, StoresARemoteReplyOnlyWhenTheRequestFlagIsMinusOne)
 
 TEST_F(ReplyArea, TreatsARemoteReplyAsCompleteWithoutSettings)
 {
-    inFlight(kGood.size(), 0, -1);
+    putReadInFlight(kGood.size(), 0, -1);
     SetComInfo(nullptr);
     EXPECT_EQ(remote(kGood, kGood.size()), 1);
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
@@ -460,14 +455,14 @@ TEST_F(ReplyArea, TreatsARemoteReplyAsCompleteWithoutSettings)
 
 TEST_F(ReplyArea, StoresTheRemoteReplyToAWriteWhenTheRequestFlagIsMinusOne)
 {
-    inFlight(kGood.size(), 1, -1);
+    putReadInFlight(kGood.size(), 1, -1);
     EXPECT_EQ(remote(kGood, kGood.size()), 1);
     EXPECT_BYTES(PLCDataStorage[1].tagInfo.value("T"), hex("03 C3 00 FF"));
 }
 
 TEST_F(ReplyArea, ReportsARemoteReplyAsPartialOnlyAtTheFirstStep)
 {
-    inFlight(kGood.size(), 0, -1);
+    putReadInFlight(kGood.size(), 0, -1);
     for (const auto& [step, code] : {std::make_pair(0, 1), std::make_pair(1, 100),
                                      std::make_pair(2, 1), std::make_pair(-1, 1)})
     {
@@ -475,14 +470,14 @@ TEST_F(ReplyArea, ReportsARemoteReplyAsPartialOnlyAtTheFirstStep)
         EXPECT_EQ(remote(kGood, kGood.size()), code) << step;
     }
     PLCDataStorage[1].tagInfo.clear();
-    inFlight(kGood.size(), 0, -2);
+    putReadInFlight(kGood.size(), 0, -2);
     EXPECT_EQ(remote(kGood, kGood.size()), 100);
     EXPECT_TRUE(PLCDataStorage[1].tagInfo.isEmpty());
 }
 
 TEST_F(ReplyArea, ReleasesTheValueLockOnEveryPath)
 {
-    inFlight(kGood.size());
+    putReadInFlight(kGood.size());
     for (int length : {0, 5, kGood.size()}) {
         local(kGood, length);
         EXPECT_TRUE(isFree(PLC_driver.dataMutex));

@@ -681,10 +681,7 @@ TEST_F(LeafLocks, MakeEveryUseOfTheStoreOneStep)
     PLCDataStorage[1].tagData["T"] = hex("01 02");
     RW_VAR request = readOf("T");
     QByteArray reply = kGood, out;
-    Protocol head;
-    head.auxLength = 22;
-    head.var = request;
-    PLC_driver.sendQueue.append(head);
+    putInFlight(request);
     const std::vector<std::function<void()>> uses = {
         [&] { declareIndexed("T"); },
         [&] { getPassVarName("T"); },
@@ -714,14 +711,10 @@ protected:
     /// How often the value lock was taken to check and store a reply.
     int timesDataLockedFor(bool local, int length, int accessMode, int reqFlag)
     {
-        Protocol head;
-        head.replyLength = kGood.size();
-        head.auxLength = 22;
-        head.var = readOf("T");
-        head.var.accessMode = accessMode;
-        head.var.reqFlag = reqFlag;
-        PLC_driver.sendQueue.clear();
-        PLC_driver.sendQueue.append(head);
+        RW_VAR request = readOf("T");
+        request.accessMode = accessMode;
+        request.reqFlag = reqFlag;
+        putInFlight(request, kGood.size());
         QByteArray reply = kGood;
         LockWitness witness;
         local ? DealDataOfLocalArea(&reply, length) : DealDataOfRemoteArea(&reply, length);

@@ -4,12 +4,10 @@ using wire::hex;
 
 namespace {
 
-const QByteArray kId = hex("5A 3C");
-
 class Scheduler : public DriverTest
 {
 protected:
-    Scheduler() { connectStation(1, kId, 0x21); }
+    Scheduler() { connectStation(); }
 
     void addReads(const QStringList& tags, int station = 1)
     {
@@ -58,13 +56,6 @@ protected:
         for (int i = 0; i < times; ++i)
             order += serve();
         return order;
-    }
-    static QString tagsOf(const QList<RW_VAR>& list)
-    {
-        QString tags;
-        for (const RW_VAR& request : list)
-            tags += request.tagName;
-        return tags;
     }
 };
 

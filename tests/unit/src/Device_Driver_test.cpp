@@ -1,4 +1,5 @@
 #include "driver_fixture.h"
+#include "fresh_driver.h"
 
 #include <cstdio>
 #include <iterator>
@@ -12,26 +13,7 @@ namespace {
 
 TEST(DriverObject, StartsEmptyWithNothingInFlight)
 {
-    Device_Driver fresh;
-    EXPECT_EQ(fresh.comInfo, nullptr);
-    EXPECT_EQ(fresh.finishCallback, nullptr);
-    EXPECT_EQ(fresh.refreshCallback, nullptr);
-    EXPECT_TRUE(fresh.readList.isEmpty());
-    EXPECT_TRUE(fresh.writeList.isEmpty());
-    EXPECT_TRUE(fresh.onceReadList.isEmpty());
-    EXPECT_TRUE(fresh.spareList.isEmpty());
-    EXPECT_TRUE(fresh.sendQueue.isEmpty());
-    EXPECT_TRUE(fresh.extendList.isEmpty());
-    EXPECT_TRUE(fresh.disabledStations.isEmpty());
-    EXPECT_EQ(fresh.currentList, 100);
-    EXPECT_EQ(fresh.writeBurst, 0);
-    EXPECT_EQ(fresh.onceBurst, 0);
-    EXPECT_EQ(fresh.readCycleCount, 0);
-    EXPECT_FALSE(fresh.errorFlag);
-    EXPECT_FALSE(fresh.spareFlag);
-    EXPECT_TRUE(fresh.result.tagName.isEmpty());
-    EXPECT_TRUE(fresh.result.addressText.isEmpty());
-    EXPECT_TRUE(fresh.result.data.isEmpty());
+    expectFresh(Device_Driver());
 }
 
 TEST(DriverObject, HasThreeLocksThatAreNotRecursive)
@@ -244,18 +226,17 @@ TEST_F(DriverHelpers, CopyAResultWithoutItsValue)
 class ReturnCodes : public DriverTest
 {
 protected:
-    void putInFlight(int varType)
+    void putTypeInFlight(int varType)
     {
-        Protocol head;
-        head.var.varType = varType;
-        PLC_driver.sendQueue.clear();
-        PLC_driver.sendQueue.append(head);
+        RW_VAR request = RW_VAR();
+        request.varType = varType;
+        putInFlight(request);
     }
 };
 
 TEST_F(ReturnCodes, AreConstantForOutcomesThatAreNoFailure)
 {
-    putInFlight(3);
+    putTypeInFlight(3);
     EXPECT_EQ(GetDriverReturnValue(0), 1);
     EXPECT_EQ(GetDriverReturnValue(4), 100);
     for (int other : {8, 9, -1, 1000})
@@ -270,11 +251,11 @@ TEST_F(ReturnCodes, DependOnTheVariableTypeForEachFailure)
     const std::pair<int, int> firsts[] = {{1, 11}, {2, 41}, {3, 71}, {5, 111}, {6, 141}, {7, 171}};
     for (const auto& [outcome, first] : firsts) {
         for (int kind = 1; kind <= 11; ++kind) {
-            putInFlight(kind);
+            putTypeInFlight(kind);
             EXPECT_EQ(GetDriverReturnValue(outcome), first + kind);
         }
         for (int kind : {0, 12, -1}) {
-            putInFlight(kind);
+            putTypeInFlight(kind);
             EXPECT_EQ(GetDriverReturnValue(outcome), first);
         }
     }
@@ -282,7 +263,7 @@ TEST_F(ReturnCodes, DependOnTheVariableTypeForEachFailure)
 
 TEST_F(ReturnCodes, UseOnlyTheTransactionInFlight)
 {
-    putInFlight(3);
+    putTypeInFlight(3);
     Protocol second;
     second.var.varType = 5;
     PLC_driver.sendQueue.append(second);
@@ -304,10 +285,6 @@ protected:
         record.hostField2 = field;
         record.hostField3 = QList<QString>() << QString::number(field);
         return record;
-    }
-    QByteArray info(const char* tag, int station = 1)
-    {
-        return PLCDataStorage[station].tagInfo.value(QString::fromLatin1(tag));
     }
 };
 
@@ -433,23 +410,23 @@ TEST_F(Catalogue, SeedsOnlyTheEntryOfTheRequestsStation)
     RW_VAR request = readOf("T");
     request.stationNo = 2;
     updateRwVar(&request);
-    EXPECT_BYTES(info("T", 1), hex("03 C3 00 FF"));
-    EXPECT_BYTES(info("T", 2), hex("FF 00 00 00"));
+    EXPECT_BYTES(infoOf("T", 1), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T", 2), hex("FF 00 00 00"));
 }
 
 TEST_F(Catalogue, SeedsAnUnconfirmedEntryOnEveryCall)
 {
     RW_VAR request = readOf("T");
     updateRwVar(&request);
-    EXPECT_BYTES(info("T"), hex("FF 00 00 00"));
+    EXPECT_BYTES(infoOf("T"), hex("FF 00 00 00"));
     for (const char* before : {"01 00 00 00", "01", "01 C3 FF", "FF 00 00 FE"}) {
         PLCDataStorage[1].tagInfo["T"] = hex(before);
         updateRwVar(&request);
-        EXPECT_BYTES(info("T"), hex("FF 00 00 00")) << before;
+        EXPECT_BYTES(infoOf("T"), hex("FF 00 00 00")) << before;
     }
     PLCDataStorage[1].tagInfo["T"] = hex("01 02 03 04 05");
     updateRwVar(&request);
-    EXPECT_BYTES(info("T"), hex("FF 00 00 00 05"));
+    EXPECT_BYTES(infoOf("T"), hex("FF 00 00 00 05"));
 }
 
 TEST_F(Catalogue, DoesNotChangeAConfirmedEntry)
@@ -458,7 +435,7 @@ TEST_F(Catalogue, DoesNotChangeAConfirmedEntry)
     for (const char* before : {"01 00 00 FF", "03 C3 00 FF 07"}) {
         PLCDataStorage[1].tagInfo["T"] = hex(before);
         updateRwVar(&request);
-        EXPECT_BYTES(info("T"), hex(before));
+        EXPECT_BYTES(infoOf("T"), hex(before));
     }
 }
 

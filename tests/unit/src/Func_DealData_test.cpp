@@ -12,17 +12,12 @@ protected:
     /// Stores a reply to `request` as DataCom() does. Returns the buffer as the call left it.
     QByteArray store(const RW_VAR& request, QByteArray reply)
     {
-        PLC_driver.sendQueue.clear();
-        Protocol head;
-        head.auxLength = 22;
-        head.var = request;
-        PLC_driver.sendQueue.append(head);
+        putInFlight(request);
         SaveToLocalDataErea(&reply);
         EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the call does not change the queue";
         EXPECT_EQ(fieldsOf(PLC_driver.sendQueue.first().var), fieldsOf(request));
         return reply;
     }
-    QByteArray info(const char* tag = "T") { return PLCDataStorage[1].tagInfo.value(tag); }
     QByteArray image(const char* tag = "T") { return PLCDataStorage[1].tagData.value(tag); }
     bool hasImage(const char* tag = "T") { return PLCDataStorage[1].tagData.contains(tag); }
 };
@@ -30,7 +25,7 @@ protected:
 TEST_F(StoredReply, ConfirmsTheTypeAndKeepsTheValue)
 {
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("D2 04")));
-    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
     EXPECT_BYTES(image(), hex("D2 04"));
 }
 
@@ -74,7 +69,7 @@ TEST_F(StoredReply, PlacesAStringByCharacters)
 TEST_F(StoredReply, DropsTheLengthByteOfAString)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("03 41 42 43")));
-    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("01 DA 00 FF"));
     EXPECT_BYTES(image(), hex("41 42 43"));
 }
 
@@ -89,7 +84,7 @@ TEST_F(StoredReply, LearnsTheTypeOnce)
 {
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
     store(readOf("T"), wire::readReply(0x21, 0xC4, hex("01 02 03 04")));
-    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
     EXPECT_BYTES(image(), hex("01 02 03 04"));
 }
 
@@ -105,14 +100,14 @@ TEST_F(StoredReply, ConfirmsASeededOrShortEntry)
     for (const char* before : {"FF 00 00 00", "FF", "", "03 C3 FF", "FF 00 00 FE"}) {
         PLCDataStorage[1].tagInfo["T"] = hex(before);
         store(readOf("T"), wire::readReply(0x21, 0x12CA, hex("01")));
-        EXPECT_BYTES(info(), hex("04 CA 12 FF")) << before;
+        EXPECT_BYTES(infoOf("T"), hex("04 CA 12 FF")) << before;
     }
 }
 
 TEST_F(StoredReply, SkipsAnA3BeforeTheTypeCode)
 {
     store(readOf("T", 1), wire::readReply(0x21, 0xC4A3, hex("01 02 03 04")));
-    EXPECT_BYTES(info(), hex("04 A3 C4 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("04 A3 C4 FF"));
     EXPECT_BYTES(image(), hex("00 00 00 00 01 02 03 04"));
 }
 
@@ -133,7 +128,7 @@ TEST_F(StoredReply, StoresNoValueForAnyOtherRequestFlagButConfirmsTheType)
         request.reqFlag = flag;
         store(request, wire::readReply(0x21, 0xC3, hex("01 02")));
         EXPECT_FALSE(hasImage()) << flag;
-        EXPECT_BYTES(info(), hex("03 C3 00 FF")) << flag;
+        EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF")) << flag;
     }
 }
 
@@ -142,7 +137,7 @@ TEST_F(StoredReply, ConfirmsTheTypeOfAReplyWithoutAValueAndStoresNone)
     const QByteArray reply = wire::readReply(0x21, 0xC3, QByteArray());
     ASSERT_EQ(reply.size(), 26);
     store(readOf("T"), reply);
-    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
     EXPECT_FALSE(hasImage());
 }
 
@@ -153,10 +148,10 @@ TEST_F(StoredReply, ConfirmsATypeEvenWhenTheReplyEndsBeforeIt)
         PLCDataStorage[1].tagInfo.clear();
         store(readOf("T"), whole.left(size));
         EXPECT_FALSE(hasImage()) << size;
-        EXPECT_EQ(info().size(), 4) << size;
-        EXPECT_EQ(static_cast<quint8>(info().at(3)), 0xFF) << size;
+        EXPECT_EQ(infoOf("T").size(), 4) << size;
+        EXPECT_EQ(static_cast<quint8>(infoOf("T").at(3)), 0xFF) << size;
         if (size < 21) {
-            EXPECT_BYTES(info(), hex("02 00 00 FF")) << size;
+            EXPECT_BYTES(infoOf("T"), hex("02 00 00 FF")) << size;
         }
     }
 }
@@ -171,8 +166,8 @@ TEST_F(StoredReply, StoresAnErrorReplyLikeAnyOtherWhichIsAKnownBehaviour)
 {
     const QByteArray refusal = wire::errorReply(0x21, 0x52, 0x05);
     store(readOf("T"), refusal);
-    EXPECT_EQ(static_cast<quint8>(info().at(3)), 0xFF);
-    EXPECT_BYTES(info().mid(1, 2), refusal.mid(20, 2)) << "DLE ETX is where the type would be";
+    EXPECT_EQ(static_cast<quint8>(infoOf("T").at(3)), 0xFF);
+    EXPECT_BYTES(infoOf("T").mid(1, 2), refusal.mid(20, 2)) << "DLE ETX is where the type would be";
 }
 
 TEST_F(StoredReply, BelongsToTheStationOfItsRequest)
@@ -186,16 +181,13 @@ TEST_F(StoredReply, BelongsToTheStationOfItsRequest)
 
 TEST_F(StoredReply, BelongsToTheRequestInFlight)
 {
-    for (const char* tag : {"T", "U"}) {
-        Protocol queued;
-        queued.auxLength = 22;
-        queued.var = readOf(tag);
-        PLC_driver.sendQueue.append(queued);
-    }
+    Protocol later = putInFlight(readOf("T"));
+    later.var = readOf("U");
+    PLC_driver.sendQueue.append(later);
     QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02"));
     SaveToLocalDataErea(&reply);
     EXPECT_BYTES(image("T"), hex("01 02"));
-    EXPECT_BYTES(info("T"), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
     EXPECT_FALSE(PLCDataStorage[1].tagInfo.contains("U"));
     EXPECT_FALSE(hasImage("U"));
 }
@@ -227,7 +219,7 @@ TEST_F(StoredReply, StartsItsValueAtTheOffsetOfItsRequest)
     QByteArray reply = wire::readReply(0x21, 0xC3, hex("01 02 03 04"));
     SaveToLocalDataErea(&reply);
     EXPECT_BYTES(image(), hex("03 04"));
-    EXPECT_BYTES(info(), hex("03 C3 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
 }
 
 TEST_F(StoredReply, DropsTheLengthByteOfAStringOutsideTheCatalogueToo)
@@ -241,7 +233,7 @@ TEST_F(StoredReply, DropsTheLengthByteOfAStringOutsideTheCatalogueToo)
 TEST_F(StoredReply, StoresNoValueForAnEmptyString)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, hex("00")));
-    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("01 DA 00 FF"));
     EXPECT_FALSE(hasImage());
     QByteArray out;
     EXPECT_EQ(GetRegisterData("T", 0, "0", 1, out, 1), 0);
@@ -250,7 +242,7 @@ TEST_F(StoredReply, StoresNoValueForAnEmptyString)
 TEST_F(StoredReply, StoresNoValueForAStringWithoutALengthByte)
 {
     store(readOf("T"), wire::readReply(0x21, 0xDA, QByteArray()));
-    EXPECT_BYTES(info(), hex("01 DA 00 FF"));
+    EXPECT_BYTES(infoOf("T"), hex("01 DA 00 FF"));
     EXPECT_FALSE(hasImage());
 }
 
@@ -258,7 +250,7 @@ TEST_F(StoredReply, KeepsTheBytesOfAnEntryAfterItsConfirmation)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("FF 00 00 00 07");
     store(readOf("T"), wire::readReply(0x21, 0xC3, hex("01 02")));
-    EXPECT_BYTES(info(), hex("03 C3 00 FF 07"));
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF 07"));
 }
 
 TEST_F(StoredReply, LosesItsLastByteWhenTheCrcLooksLikeAPairOfDlesWhichIsAKnownBehaviour)

@@ -109,11 +109,7 @@ protected:
         RW_VAR request = readOf(kNames[name], element);
         request.stationNo = station;
         request.reqFlag = name < kCatalogued ? 1 : 0;
-        Protocol head;
-        head.auxLength = 22;
-        head.var = request;
-        PLC_driver.sendQueue.clear();
-        PLC_driver.sendQueue.append(head);
+        putInFlight(request);
         QByteArray bytes = wire::readReply(5, static_cast<quint16>(type.code), value);
         SaveToLocalDataErea(&bytes);
         storeInModel(type, request.reqFlag == 1 ? element * type.size : 0,

@@ -203,16 +203,6 @@ rc::Gen<Variable> anyVariable()
         });
 }
 
-HOSTVAR hostVarOf(const Variable& variable)
-{
-    HOSTVAR host = HOSTVAR();
-    host.areaType = static_cast<unsigned char>(variable.area);
-    host.addressText = QString::fromLatin1(kAddresses[variable.address].text);
-    host.tagName = QString::fromLatin1(kNames[variable.name]);
-    host.count = variable.count;
-    return host;
-}
-
 RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostLikeTheModel, ())
 {
     for (int i = 0; i < kCatalogued; ++i)
@@ -226,7 +216,8 @@ RC_GTEST_FIXTURE_PROP(Building, RebuildsTheCyclicListOfAnyHostLikeTheModel, ())
         groups; // a std::map orders names by their codes, like QString
     for (std::size_t i = 0; i < variables.size(); ++i) {
         const Variable& variable = variables[i];
-        host.append(hostVarOf(variable));
+        host.append(hostVar(kNames[variable.name], kAddresses[variable.address].text,
+                            variable.count, static_cast<unsigned char>(variable.area)));
         const bool indexed = variable.name < kCatalogued;
         groups[kNames[variable.name]].push_back({indexed ? kAddresses[variable.address].number : 0,
                                                  indexed ? variable.count : 1,

@@ -4,12 +4,10 @@ using wire::hex;
 
 namespace {
 
-const QByteArray kId = hex("5A 3C");
-
 class ReadRequest : public DriverTest
 {
 protected:
-    ReadRequest() { connectStation(1, kId, 0x21); }
+    ReadRequest() { connectStation(); }
 
     QByteArray encoded(RW_VAR request)
     {
@@ -19,10 +17,6 @@ protected:
     QByteArray expected(const char* tag, quint32 element, quint32 count)
     {
         return wire::readRequest(0x21, kId, wire::tagPath(tag, element), count);
-    }
-    QByteArray info(const char* tag)
-    {
-        return PLCDataStorage[1].tagInfo.value(QString::fromLatin1(tag));
     }
 };
 
@@ -74,14 +68,15 @@ TEST_F(ReadRequest, IsAppendedAfterQueuedFrames)
 TEST_F(ReadRequest, AsksForOneElementWithoutAnIndexWhileTheClassIsUnknown)
 {
     EXPECT_BYTES(encoded(readOf("New", 7, 9)), expected("New", 0, 1));
-    EXPECT_BYTES(info("New"), hex("FF")) << "the class becomes unknown in a new entry of one byte";
+    EXPECT_BYTES(infoOf("New"), hex("FF"))
+        << "the class becomes unknown in a new entry of one byte";
 }
 
 TEST_F(ReadRequest, ForgetsAClassThatNoReplyConfirmed)
 {
     PLCDataStorage[1].tagInfo["T"] = hex("03 C3 00 00");
     EXPECT_BYTES(encoded(readOf("T", 7, 9)), expected("T", 0, 1));
-    EXPECT_BYTES(info("T"), hex("FF C3 00 00"));
+    EXPECT_BYTES(infoOf("T"), hex("FF C3 00 00"));
 }
 
 TEST_F(ReadRequest, DoesNotChangeAConfirmedEntry)
@@ -91,7 +86,7 @@ TEST_F(ReadRequest, DoesNotChangeAConfirmedEntry)
             wire::little(static_cast<quint64>(typeClass), 1) + hex("C5 07 FF 09");
         PLCDataStorage[1].tagInfo["T"] = entry;
         encoded(readOf("T", 7, 9));
-        EXPECT_BYTES(info("T"), entry);
+        EXPECT_BYTES(infoOf("T"), entry);
     }
 }
 
@@ -177,7 +172,7 @@ TEST_F(ReadRequest, TreatsEveryFlagExceptZeroAsACataloguedName)
         EXPECT_BYTES(encoded(request), expected("T", 7, 2)) << flag;
         PLCDataStorage[1].tagInfo["T"] = hex("04 C4 00 00");
         EXPECT_BYTES(encoded(request), expected("T", 0, 1)) << flag;
-        EXPECT_BYTES(info("T"), hex("FF C4 00 00")) << flag;
+        EXPECT_BYTES(infoOf("T"), hex("FF C4 00 00")) << flag;
     }
 }
 

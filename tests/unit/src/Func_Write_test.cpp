@@ -4,12 +4,10 @@ using wire::hex;
 
 namespace {
 
-const QByteArray kId = hex("5A 3C");
-
 class WriteRequest : public DriverTest
 {
 protected:
-    WriteRequest() { connectStation(1, kId, 0x21); }
+    WriteRequest() { connectStation(); }
 
     QByteArray encoded(RW_VAR request)
     {

@@ -2,6 +2,7 @@
 
 #include "Device_Driver.h"
 #include "Func_Initi.h"
+#include "fresh_driver.h"
 #include "tagcommunication.h"
 
 #include <QtCore/QDir>
@@ -141,23 +142,7 @@ TEST(LoadAndUnload, StartsWithAnEmptyDriverEachTime)
         ComInfo settings;
         const Loaded library;
         const Device_Driver& driver = library.object<Device_Driver>("PLC_driver");
-        EXPECT_TRUE(driver.sendQueue.isEmpty());
-        EXPECT_TRUE(driver.readList.isEmpty());
-        EXPECT_TRUE(driver.writeList.isEmpty());
-        EXPECT_TRUE(driver.onceReadList.isEmpty());
-        EXPECT_TRUE(driver.disabledStations.isEmpty());
-        EXPECT_TRUE(driver.spareList.isEmpty());
-        EXPECT_TRUE(driver.extendList.isEmpty());
-        EXPECT_EQ(driver.comInfo, nullptr);
-        EXPECT_EQ(driver.finishCallback, nullptr);
-        EXPECT_EQ(driver.refreshCallback, nullptr);
-        EXPECT_EQ(driver.currentList, 100);
-        EXPECT_EQ(driver.writeBurst, 0);
-        EXPECT_EQ(driver.onceBurst, 0);
-        EXPECT_EQ(driver.readCycleCount, 0);
-        EXPECT_FALSE(driver.errorFlag);
-        EXPECT_FALSE(driver.spareFlag);
-        EXPECT_TRUE(driver.result.tagName.isEmpty());
+        expectFresh(driver);
         EXPECT_EQ((library.object<QMap<int, PLCTAGCOMMUNICATION>>("PLCDataStorage").size()), 0);
         for (const char* area : {"LB", "LW", "RWI"})
             EXPECT_EQ(library.object<void*>(area), nullptr) << area;
