@@ -1,4 +1,4 @@
-// heap LIBRARY: the heap that the driver takes when it is loaded, and with 1,000 variables, as one
+// heap LIBRARY: prints the heap that the driver uses after loading and with 1,000 variables, one
 // line each. The host's own records are not counted.
 
 #include "Func_Initi.h"
@@ -19,7 +19,8 @@ std::size_t heap()
     return mallinfo2().uordblks;
 }
 
-// The least of some, as other programs only ever add to it. All symbols are bound at once.
+// The shortest of 20 times, because other programs can only make it longer. RTLD_NOW binds all
+// symbols at once.
 long long loadingMicroseconds(const char* path)
 {
     typedef std::chrono::steady_clock Clock;

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""installed_names.py NAMES EXPORTS FOLDER HEADER... -- FLAG...: every name that the installed headers declare.
+"""installed_names.py NAMES EXPORTS FOLDER HEADER... -- FLAG...: finds every name that the installed headers declare.
 
-Compares what Clang finds in the headers, which are in FOLDER, with the list NAMES: records, types, functions,
-objects, enumerators, namespaces, macros, and macros that switch something. Each function and object must also
-be in EXPORTS, and each of EXPORTS in a header. Exit status 1 with one line for each difference. With - for
-NAMES, prints the names.
+Compares the names that Clang finds in the headers of FOLDER with the list NAMES: records, types, functions,
+objects, enumerators, namespaces, macros, and macros that conditions test. Each function and object must also
+be in EXPORTS, and each of EXPORTS in a header. Exits with 1 and prints one line for each difference. With -
+as NAMES, prints the names.
 """
 
 import os
@@ -31,12 +31,12 @@ KINDS = {
     CursorKind.USING_DIRECTIVE: "using",
     CursorKind.MACRO_DEFINITION: "macro",
 }
-# Blocks that hold declarations without being part of their names.
+# Blocks that contain declarations but are no part of their names.
 TRANSPARENT = {CursorKind.LINKAGE_SPEC, CursorKind.UNEXPOSED_DECL, CursorKind.ENUM_DECL, CursorKind.NAMESPACE}
 
 
 def guards_of(path):
-    """The header's include guard, and every macro that another condition of the preprocessor asks for."""
+    """The include guard of a header, and every macro that its other conditions test."""
     with open(path, encoding="ascii") as file:
         conditions = re.findall(r"^[ \t]*#[ \t]*(if|ifdef|ifndef|elif)\b(.*)$", file.read(), re.MULTILINE)
     guard = conditions[0][1].strip() if conditions and conditions[0][0] == "ifndef" else None
@@ -84,7 +84,7 @@ def lines_of(path):
 
 
 def exported_in(path):
-    """The functions and objects of the library without their parameters; a constructor belongs to its record."""
+    """The functions and objects of the library, without parameters. A constructor belongs to its record."""
     return {line.split("(")[0] for line in lines_of(path) if "::" not in line}
 
 

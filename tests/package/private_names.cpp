@@ -1,6 +1,5 @@
-// A host with names of its own for everything that the driver keeps inside.
-// tests/package/private-names compiles it once for each thing that a name can be, with the
-// installed headers in front.
+// A host that uses all private names of the driver for itself. tests/package/private-names compiles
+// it with the installed headers, once for each kind of thing that a name can stand for.
 
 #if defined(AS_NAMESPACES)
 #define DECLARE(name)                                                                              \

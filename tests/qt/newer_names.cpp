@@ -1,4 +1,4 @@
-// What the list of names must not hold: compiles with Qt 5, and with Qt 4.8 not or not as meant.
+// Uses of Qt that the test must report: they compile with Qt 5, but not or not correctly with Qt 4.8.
 #include <QtCore/QByteArray>
 #include <QtCore/QList>
 #include <QtCore/QString>

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""qt_names.py COMMITTED SOURCE... -- FLAG...: every class, function and macro of Qt that the sources use.
+"""qt_names.py COMMITTED SOURCE... -- FLAG...: finds every class, function and macro of Qt that the sources use.
 
-Compares what Clang finds with the committed list of names that Qt 4.8 and Qt 5 both have. Exit status 1 with
-one line for each name that is not on it. QtCompat.h, where the two differ, is left out. With - for the list
-the names are printed.
+Compares them with the committed list of names that both Qt 4.8 and Qt 5 have. Exits with 1 and prints one line
+for each name that is not on the list. Leaves out QtCompat.h, which contains the differences between the two. With
+- as the list, prints the names.
 """
 
 import os
@@ -36,7 +36,7 @@ def is_template(cursor):
 
 
 def qualified(cursor):
-    """The name as C++ has it, with its parameters; those of a template, which differ with each use, counted."""
+    """The C++ name with its parameters; for a template, whose parameters differ with each use, with their number."""
     parents = []
     parent = cursor.semantic_parent
     while parent is not None and parent.kind != CursorKind.TRANSLATION_UNIT:
@@ -52,7 +52,7 @@ def qualified(cursor):
 
 
 def moves(cursor):
-    """A move, which falls back to a copy in a Qt that has none."""
+    """True for a function that moves: a Qt without it copies instead."""
     return any(a.type.spelling.endswith("&&") for a in cursor.get_arguments() or [])
 
 
@@ -106,7 +106,7 @@ def main():
     for name in sorted(used - known):
         print(f"{name}: not on the list: does Qt 4.8 have it, and Qt 5.15? ({committed})")
     if not used:
-        sys.exit("qt_names: nothing of Qt was found in the sources")
+        sys.exit("qt_names: found no use of Qt in the sources")
     sys.exit(not used <= known)
 
 
