@@ -1,12 +1,12 @@
-// Put in front of the C library's allocator with LD_PRELOAD: counts what the program asks of the
-// heap, by whatever road, and says at its end how often and for how many bytes.
+// Replaces the functions of the C library's allocator through LD_PRELOAD. Counts every allocation
+// of the program and prints at its end the number of allocations and of their bytes.
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
-// The C library's own names for what is put in front of it here.
+// The C library's own names of the functions that this file replaces.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// What every client is told: which device at which speed, how many registers or elements, how
-/// often.
+/// The task of every client: the device, its speed, the number of registers or elements, the number
+/// of reads.
 struct Task
 {
     const char* device;
@@ -16,7 +16,7 @@ struct Task
     int reads;
 };
 
-/// Ends the program with the usage where the arguments are wrong.
+/// Prints the usage and ends the program if the arguments are wrong.
 inline Task taskFrom(int argc, char** argv)
 {
     Task task = {nullptr, 0, 0, 0};
@@ -29,12 +29,12 @@ inline Task taskFrom(int argc, char** argv)
     return task;
 }
 
-/// Measures the reads, but for the first, which opens and connects what the others use.
+/// Measures all reads except the first, which opens the device and connects.
 class Stopwatch
 {
 public:
     void start() { m_start = nanoseconds(); }
-    /// Prints what one read took.
+    /// Prints the time of one read.
     void report(int reads) const
     {
         std::printf("microseconds %.3f\n",

@@ -1,5 +1,5 @@
 // client_host DEVICE BAUD ELEMENTS READS: reads the elements of the tag Values, a DINT array,
-// through the reference host's poll loop and the driver, which it loads.
+// through the reference host's poll loop and the driver that the host loads.
 
 #include "client.h"
 
@@ -23,7 +23,7 @@ micro850::host::Project projectOf(const Task& task)
     return project;
 }
 
-// The cycle has settled once every element has a value and the list has been built from the type.
+// The cycle has settled when every element has a value and the list has been rebuilt for the type.
 void settle(micro850::host::PollLoop& loop, int cycle)
 {
     while (!loop.values().wasRead(0) && loop.lineError().isEmpty() &&
@@ -40,7 +40,7 @@ int run(const Task& task)
     micro850::host::SerialLine line(project.port);
     const micro850::SystemClock clock;
     micro850::host::PollLoop loop(library.api(), line, clock, project);
-    // An array of more bytes than a reply takes is read in several.
+    // An array that does not fit into one reply is read in several.
     const int parts =
         micro850::host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
     settle(loop, parts);

@@ -1,5 +1,5 @@
-// client_serialbus DEVICE BAUD REGISTERS READS: reads holding registers through Qt SerialBus, the
-// next one as soon as the last is finished.
+// client_serialbus DEVICE BAUD REGISTERS READS: reads holding registers through Qt SerialBus. Each
+// read starts as soon as the one before it is finished.
 
 #include "client.h"
 

@@ -1,7 +1,7 @@
-// modbus_responder: a Modbus RTU device on a pseudo-terminal, whose path it prints. Answers
-// function 3 (read holding registers) and refuses the rest, until a signal ends it. A request is
-// taken as soon as its last byte is there, without the pause that ends a frame on the line, so that
-// the device adds as little as it can to what its clients take.
+// modbus_responder: a Modbus RTU device on a pseudo-terminal; prints the path. Answers function 3
+// (read holding registers) and refuses the others, until a signal ends it. It answers a request as
+// soon as the last byte has arrived, without waiting for the pause that ends a frame on the line,
+// so that it adds as little as possible to the time of its clients.
 
 #include "pseudo_terminal.h"
 
@@ -47,7 +47,7 @@ Bytes refusal(const Bytes& request, std::uint8_t reason)
     return closed({request[0], static_cast<std::uint8_t>(request[1] | 0x80u), reason});
 }
 
-// Every register holds its own number.
+// The value of each register is its number.
 Bytes replyTo(const Bytes& request)
 {
     const unsigned first = request[2] * 256u + request[3];
@@ -64,7 +64,7 @@ Bytes replyTo(const Bytes& request)
     return closed(reply);
 }
 
-// Takes the first intact request out of what has come; bytes in front of it are noise.
+// Removes the first intact request from the received bytes; drops the noise before it.
 bool takeRequest(Bytes& input, Bytes& request)
 {
     while (input.size() >= kRequestBytes) {

@@ -1,9 +1,9 @@
 // paced_line DEVICE BAUD: a line of BAUD bits a second, 10 bits a byte, between the controller at
-// DEVICE and a client at the pseudo-terminal whose path is printed. A byte arrives when its last
-// bit would, in both directions independently. Each end takes what it is given at once and holds it
-// back, as the transmitter of a serial port does. Until SIGTERM; then one line for each run of
-// bytes in one direction: "> or <, nanoseconds of the first byte's begin, of the last one's end,
-// bytes".
+// DEVICE and a client at a pseudo-terminal; prints the path. A byte arrives when its last bit would
+// arrive; the two directions are independent. Each end accepts bytes at once and delays them, as
+// the transmitter of a serial port does. Runs until SIGTERM, then prints one line for each run of
+// bytes in one direction: "> or <, begin of the first byte in nanoseconds, end of the last byte,
+// number of bytes".
 
 #include "pseudo_terminal.h"
 
@@ -51,7 +51,7 @@ public:
     int source() const { return m_from; }
     int timer() const { return m_timer; }
 
-    /// Takes what the sender has written.
+    /// Reads what the sender has written.
     void take()
     {
         std::array<std::uint8_t, 4096> buffer;
@@ -68,7 +68,7 @@ public:
         m_bytes.insert(m_bytes.end(), buffer.begin(), buffer.begin() + count);
     }
 
-    /// Hands over the bytes whose time has come.
+    /// Passes on the bytes whose time has come.
     void deliver()
     {
         std::uint64_t expirations = 0;
@@ -114,10 +114,10 @@ private:
     std::vector<Run>& m_runs;
     int m_timer;
     std::deque<std::uint8_t> m_bytes;
-    std::int64_t m_due = 0; ///< end of the byte on the line, or of the last one
+    std::int64_t m_due = 0; ///< end of the byte that is on the line, or of the last byte
 };
 
-// The line is to be on time before anything else; where the system allows it.
+// Asks for a real-time priority, so that the line is on time. Not every system allows it.
 void hurry()
 {
     sched_param priority{};
@@ -157,7 +157,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "usage: paced_line DEVICE BAUD\n");
         return 2;
     }
-    // A stop arrives only while nothing is in hand.
+    // The stop signal arrives only between two steps.
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);

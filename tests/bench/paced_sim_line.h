@@ -8,9 +8,9 @@
 #include <functional>
 #include <map>
 
-/// A line of so many bits a second between the host and a simulated controller, on the controller's
-/// virtual time: the same run takes the same time on every machine. Time passes byte by byte, and
-/// what is planned happens in between, as from another thread.
+/// A line of a given speed between the host and a simulated controller, on the controller's virtual
+/// time, so that a run takes the same time on every machine. Time passes byte by byte; planned
+/// actions happen in between, as from another thread.
 class PacedSimLine : public micro850::host::Line
 {
 public:
@@ -19,12 +19,12 @@ public:
     {
     }
 
-    /// Does something so many microseconds from now.
+    /// Plans an action in a number of microseconds from now.
     void plan(qint64 microseconds, const std::function<void()>& action)
     {
         m_plans.emplace(this->microseconds() + microseconds, action);
     }
-    /// Loses the bytes that are on their way to the host.
+    /// Drops the bytes that are on their way to the host.
     void cut() { m_arriving.clear(); }
     qint64 microseconds() const { return m_clock.now().count(); }
 

@@ -4,11 +4,11 @@
 #include <cstdint>
 #include <string>
 
-/// A pseudo-terminal in raw mode. Its other end is held open, so that clients may come and go.
+/// A pseudo-terminal in raw mode. It keeps its other end open, so that clients may come and go.
 class PseudoTerminal
 {
 public:
-    /// Ends the program with a message where none can be had.
+    /// Ends the program with a message if the system has none.
     PseudoTerminal();
     ~PseudoTerminal();
     PseudoTerminal(const PseudoTerminal&) = delete;
@@ -25,7 +25,7 @@ private:
 };
 
 /// Opens a serial device or pseudo-terminal in raw mode, without blocking. Ends the program with a
-/// message where that fails.
+/// message if that fails.
 int openRaw(const std::string& path);
 
 /// CLOCK_MONOTONIC in nanoseconds.

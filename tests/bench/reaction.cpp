@@ -1,7 +1,7 @@
-// reaction BAUD TRIALS: how soon a write goes out while everything is read in a cycle, how soon
-// values are there after a start and after a fault, in milliseconds. The reference host and the
-// driver against the simulated controller on virtual time, so that the figures are those of
-// protocol and strategy on a line of that speed and do not depend on the machine. Prints JSON.
+// reaction BAUD TRIALS: the time in milliseconds until a write goes out while everything is read in
+// a cycle, and until values arrive after a start and after a fault. The reference host and the
+// driver talk to the simulated controller on virtual time, so that the figures show the protocol
+// and the strategy on a line of that speed and do not depend on the machine. Prints JSON.
 
 #include "paced_sim_line.h"
 
@@ -57,7 +57,7 @@ json summary(std::vector<double> values)
         {"best", values.front()}, {"median", values[values.size() / 2]}, {"worst", values.back()}};
 }
 
-/// One host at one controller, from the start.
+/// One host with one controller, from the start.
 class Plant
 {
 public:
@@ -71,7 +71,7 @@ public:
                                              micro850::Duration) { observe(direction, frame); });
     }
 
-    /// Until the first value, and until all.
+    /// Time until the first value, and until all values.
     json start()
     {
         runUntil([&] { return m_loop.values().wasRead(0); });
@@ -94,7 +94,7 @@ public:
         return static_cast<double>(m_longest) / 1000;
     }
 
-    /// From the host's call, in the middle of anything, to the first byte of the write's frame.
+    /// From the host's call, at any moment of the cycle, to the first byte of the write's frame.
     double write(const QString& tag, qint64 moment)
     {
         m_loop.declare({1, tag});
@@ -112,7 +112,7 @@ public:
         return static_cast<double>(m_sent - m_called) / 1000;
     }
 
-    /// Requests that went out between the host's last call for a write and its frame.
+    /// Requests that went out between the host's last call of a write and the frame of that write.
     int requestsBeforeWrite() const { return m_before; }
     /// From the loss of a reply to the next value.
     double loseReply(qint64 moment)
@@ -157,7 +157,7 @@ private:
         const qint64 now = m_port.microseconds();
         const auto events = micro850::host::ReplyCollector().feed(frame);
         const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data;
-        if (data.isEmpty()) // a link control, or corrupt
+        if (data.isEmpty()) // a link control, or a corrupt frame
             return;
         if (direction == micro850::host::Exchange::Direction::In) {
             const micro850::host::Reply reply = micro850::host::decodeReply(data);
@@ -186,7 +186,7 @@ private:
         return took;
     }
 
-    // Strikes the next reply.
+    // The fault affects the next reply.
     void fault(micro850::sim::FaultKind kind, int milliseconds)
     {
         micro850::sim::Fault fault;
@@ -211,10 +211,10 @@ private:
     qint64 m_began = 0;   ///< of the transaction in flight
     qint64 m_longest = 0; ///< read transaction so far
     qint64 m_value = 0;   ///< when the last value came
-    qint64 m_called = -1; ///< when the host called for a write
+    qint64 m_called = -1; ///< when the host asked for a write
     qint64 m_sent = -1;   ///< when the write went out
     int m_before = 0;     ///< requests between the two
-    qint64 m_struck = -1; ///< when the fault struck
+    qint64 m_struck = -1; ///< when the fault happened
 };
 
 template<typename Trial> json trials(int number, Trial trial)

@@ -1,6 +1,6 @@
-// steps KIND OPERATION NUMBER VARIABLES: an operation of a workload, repeated; valgrind's callgrind
-// looks at nothing else if it is started with --instr-atstart=no. Prints the bytes on the wire of
-// one transaction and the bytes of the heap in use at the end.
+// steps KIND OPERATION NUMBER VARIABLES: repeats an operation of a workload. valgrind's callgrind
+// counts only that operation if it is started with --instr-atstart=no. Prints how many bytes one
+// transaction has on the wire and how many bytes of heap are in use at the end.
 
 #include "workload.h"
 
@@ -24,7 +24,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "steps: no operation \"%s\"\n", argv[2]);
         return 2;
     }
-    operation(); // what happens once is not measured
+    operation(); // the first time is not measured: it includes work that happens once
     CALLGRIND_START_INSTRUMENTATION;
     for (int i = 0; i < number; ++i)
         operation();

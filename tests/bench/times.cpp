@@ -1,4 +1,4 @@
-// times KIND VARIABLES [BENCHMARK OPTIONS]: how long each operation of a workload takes.
+// times KIND VARIABLES [BENCHMARK OPTIONS]: measures the time of each operation of a workload.
 
 #include "workload.h"
 

@@ -17,10 +17,11 @@ struct Kind
     const char* name;
     quint16 type;
     int elements;
-    int listCount; ///< in the cyclic list, where a run of wide elements counts one more than it has
-    int fetchCount;    ///< what the host fetches, in its 16-bit words
-    const char* value; ///< of one element
-    int digits = 0;    ///< at least, of the number in a tag's name
+    int listCount;     ///< in the cyclic list, where a run of wide elements has one more than its
+                       ///< elements
+    int fetchCount;    ///< 16-bit words that the host fetches
+    const char* value; ///< bytes of one element
+    int digits = 0;    ///< least number of digits in a tag's name
 };
 
 const Kind kKinds[] = {
@@ -28,7 +29,8 @@ const Kind kKinds[] = {
     {"dint", 0xC4, 1, 2, 2, "78 56 34 12"},
     {"dint10", 0xC4, 10, 11, 20, "78 56 34 12"},
     {"dint62", 0xC4, 62, 63, 124, "78 56 34 12"},
-    // Its names are as long in a short list as in a long one: only the number of variables differs.
+    // Names are equally long in short and in long lists, so that only the number of variables
+    // differs.
     {"growth", 0xC3, 1, 1, 1, "34 12", 5},
     {"int15", 0xC3, 15, 15, 15, "34 12"},
     {"lreal", 0xCB, 1, 4, 4, "18 2D 44 54 FB 21 09 40"},
@@ -176,6 +178,6 @@ void Workload::set()
     m_next = (m_next + 1) % m_variables.size();
     SetRegisterData(variable.tagName, 0, variable.addressText, kStation, m_value, m_count, 1, 1);
     exchange(m_writeReply, 2);
-    // Reopens the burst, as the cyclic read behind five writes does.
+    // Allows the next burst of writes, as the cyclic read after five writes does.
     PLC_driver.writeBurst = 0;
 }

@@ -9,8 +9,8 @@
 
 namespace fuzz {
 
-/// What a tool says of bad input is one line, with nothing in it that moves a terminal's cursor,
-/// and asks for the exit status of wrong usage.
+/// Checks the message for bad input: one line, without characters that move a terminal's cursor,
+/// and with the exit status of wrong usage.
 inline void checkComplaint(const micro850::UserError& error, const std::string& begin)
 {
     const std::string what = error.what();

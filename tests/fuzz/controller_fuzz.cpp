@@ -1,6 +1,6 @@
-// The simulated controller: the fuzzer is the peer, with raw bytes and with well-made messages, and
-// lets time pass. Whatever comes, it answers with whole controls and frames, and its tags stay of
-// their type.
+// The simulated controller: the fuzzer is its peer, sends raw bytes and well-formed messages, and
+// lets time pass. For any input the controller answers with whole controls and frames, and its tags
+// keep their types.
 
 #include "Controller.h"
 #include "controller_steps.h"

@@ -3,13 +3,13 @@
 
 namespace controller {
 
-/// First byte of a step of the controller's peer, modulo kSteps. Where a step carries a transaction
-/// number, a byte with its lowest bit set makes it a new one.
+/// First byte of a step of the controller's peer, modulo kSteps. A step with a transaction number
+/// has a byte "new number": if its lowest bit is set, the number is new.
 enum Step {
     kRawBytes,    // block
     kMessage,     // block: framed
-    kUnconnected, // block: framed behind an unconnected header; new number
-    kConnected,   // new number, sequence (2), block: framed behind a connected header
+    kUnconnected, // block: framed after an unconnected header; new number
+    kConnected,   // new number, sequence (2), block: framed after a connected header
     kOpen,        // serial, new number
     kRead,        // name, wide index, index, count, new number
     kWrite,       // name, wide index, index, type, count, new number, block

@@ -8,7 +8,7 @@ namespace {
 
 int secondOfDay = 0;
 
-// DataCom's count of attempts outlives every other state; a reply judged intact sets it back.
+// DataCom's count of attempts survives every other reset; an intact reply sets it to 0.
 void resetAttempts(ComInfo& settings)
 {
     static const QByteArray intact = wire::writeReply(1);
@@ -59,8 +59,8 @@ void checkValues(const BytesByTag& then, const BytesByTag& now, const QString* r
     FUZZ_CHECK(old == then.constEnd());
 }
 
-// Any call may seed a class that no reply told; only a reply to a read confirms it, once, as one of
-// the six and never with the mark of an unknown one.
+// Any call may seed an unconfirmed class. Only a reply to a read confirms it: once, as one of the
+// six, and never as the mark of an unknown class.
 void checkClasses(const BytesByTag& then, const BytesByTag& now, const QString* read)
 {
     if (now.isSharedWith(then))
@@ -95,7 +95,7 @@ void checkQueue()
 {
     const QList<Protocol>& queue = PLC_driver.sendQueue;
     FUZZ_CHECK(queue.size() <= 2);
-    // A frame in flight stands there for many steps; it is taken apart once.
+    // A frame is in flight for many steps; it is parsed once.
     static QByteArray intact;
     for (const Protocol& transaction : queue) {
         if (transaction.frame != intact)
@@ -108,9 +108,10 @@ void checkQueue()
         FUZZ_CHECK(queue.at(0).var.stationNo == queue.at(1).var.stationNo);
 }
 
-// A frame in flight for a connected station serves the head of the list that is being served, which
-// stays as it is until the frame is done. A cyclic read is left out, as its list may be rebuilt
-// meanwhile, and so is the read that learns the class for a queued write, which counts as cyclic.
+// A frame in flight for a connected station serves the head of the current list, and that head
+// stays as it is until the frame is done. Not checked for a cyclic read, because its list may be
+// rebuilt meanwhile, nor for the read that learns the class for a queued write, which counts as
+// cyclic.
 void checkHeadInFlight()
 {
     if (PLC_driver.sendQueue.isEmpty() || (PLC_driver.currentList != driverstate::kWrite &&
@@ -206,7 +207,7 @@ void checkStoresAgainst(const Stores& before, const Change& allowed)
         if (seen)
             ++then;
     }
-    // A station that is gone stops the walk through those that were there.
+    // At a station that is gone the walk through the old stations stops.
     FUZZ_CHECK(then == before.constEnd());
 }
 

@@ -1,8 +1,8 @@
 #ifndef MICRO850_TESTS_FUZZ_DRIVER_STATE_H
 #define MICRO850_TESTS_FUZZ_DRIVER_STATE_H
 
-// What every harness needs of the driver: a fresh state for each input, checks that end the run
-// with one line, and what must hold whenever no entry point is at work.
+// What every harness needs from the driver: a fresh state for each input, checks that end the run
+// with one line, and the conditions that hold whenever no entry point is running.
 
 #include "Device_Driver.h"
 #include "Func_Check.h"
@@ -21,21 +21,21 @@
 
 namespace fuzz {
 
-/// Puts the driver back to the state after loading, with `settings` as its settings record.
+/// Returns the driver to its state after loading, with `settings` as its settings record.
 void resetDriver(ComInfo& settings);
 
-/// The second of the day that the driver's clock shows, so that an input always does the same.
+/// Sets the second of the day of the driver's clock, so that an input always does the same.
 void setTimeOfDay(int seconds);
 
-/// Every lock is free.
+/// Checks that every lock is free.
 void checkLocksFree();
-/// The lists and the queue are in a state that the driver's own operations give.
+/// Checks that the lists and the queue are in a state that the driver's own operations produce.
 void checkConsistent();
 
-/// Stores by station and tag, to compare with what an operation left.
+/// The stores by station and tag, for a comparison after an operation.
 typedef QMap<int, PLCTAGCOMMUNICATION> Stores;
 
-/// What the driver may change between two looks at the stores: for a reply the record of the frame
+/// What the driver may change between two copies of the stores: for a reply the record of the frame
 /// that was in flight, for a read also the value and the class of its tag.
 struct Change
 {
@@ -46,9 +46,9 @@ struct Change
 };
 const Change kNoReply = {false, 0, false, QString()};
 
-/// Of `before` everything is still there, and nothing has changed but what `allowed` says: a reply
-/// advances the station's transaction counter by one at most, 0 left out, and a class that was
-/// confirmed stays. Stations and classes that no reply told may be new.
+/// Checks that everything in `before` still exists and that only what `allowed` names has changed.
+/// A reply advances the station's transaction counter by at most one, skipping 0. A confirmed class
+/// stays. Stations and unconfirmed classes may be new.
 void checkStoresAgainst(const Stores& before, const Change& allowed);
 
 } // namespace fuzz

@@ -9,8 +9,8 @@
 
 namespace fuzz {
 
-/// Bytes with nothing behind them, so that a byte read too many is noticed: a QByteArray of its own
-/// has a readable 00 there. Whoever changes `bytes` makes them an ordinary array.
+/// Bytes without a 00 after them, so that a sanitizer sees a read past their end: an ordinary
+/// QByteArray has a readable 00 there. A change of `bytes` makes them an ordinary array.
 struct ExactBytes
 {
     explicit ExactBytes(const QByteArray& content)

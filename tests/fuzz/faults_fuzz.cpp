@@ -1,5 +1,5 @@
-// What a person gives the simulated controller besides its tags: fault scripts, which are also let
-// loose on a short session, commands, and recordings to answer from.
+// What a user gives the simulated controller besides its tags: fault scripts, which also run on a
+// short session, commands, and recordings to answer from.
 
 #include "Command.h"
 #include "FaultyLine.h"
@@ -20,7 +20,7 @@ Bytes bytesOf(const QByteArray& bytes)
     return Bytes(bytes.begin(), bytes.end());
 }
 
-// Bytes and copies that pile up under any rules only cost time.
+// More bytes and copies than this only cost time.
 bool isSmall(const FaultScript& script)
 {
     std::size_t more = 0;
@@ -29,7 +29,7 @@ bool isSmall(const FaultScript& script)
     return script.size() <= 16 && more <= 4096;
 }
 
-// Under any rules a session ends, and the line is quiet once everything under way has arrived.
+// With any rules a session ends, and the line is quiet once everything on its way has arrived.
 void runSession(const FaultScript& script)
 {
     static const TagTable table = TagTable::fromText(

@@ -1,7 +1,7 @@
 #ifndef MICRO850_TESTS_FUZZ_CHECK_H
 #define MICRO850_TESTS_FUZZ_CHECK_H
 
-/// Ends the program with the place and the text of a condition that does not hold.
+/// Prints the place and the text of a condition that does not hold and ends the program.
 #define FUZZ_CHECK(condition) ((condition) ? void() : fuzz::fail(__FILE__, __LINE__, #condition))
 
 namespace fuzz {

@@ -7,9 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The fuzzer's bytes as a stream of small choices. Behind its end everything is 0 and empty, so a
-/// harness needs no checks of its own. Each choice taken is a statement of its own: the order of
-/// arguments and operands is the compiler's, and an input would mean something else with each.
+/// The fuzzer's bytes as a stream of small choices. After its end every choice is 0 or empty, so
+/// that a harness needs no checks. Write each choice as a separate statement: compilers evaluate
+/// arguments and operands in different orders, and an input must mean the same with each.
 class FuzzInput
 {
 public:
@@ -43,9 +43,9 @@ public:
         return taken;
     }
 
-    /// Up to 255 bytes behind a length byte.
+    /// A length byte, then up to 255 bytes.
     QByteArray block() { return bytes(byte()); }
-    /// Up to 255 characters of any code point up to 0xFFFF behind a length byte.
+    /// A length byte, then up to 255 characters of any code point up to 0xFFFF.
     QString text()
     {
         QString characters;
@@ -56,7 +56,7 @@ public:
         return characters;
     }
 
-    /// A number on and around the edges of what a host can pass.
+    /// A number at or near the limits of what a host can pass.
     int edge()
     {
         static const int edges[] = {
@@ -66,8 +66,8 @@ public:
         return edges[below(16)];
     }
 
-    /// A count as hosts pass it, small but for the edges: a large one that is served only costs
-    /// time.
+    /// A count as hosts pass it: small, or at a limit. A large count that the driver serves only
+    /// costs time.
     int count()
     {
         const int number = byte();

@@ -1,5 +1,5 @@
 // The connection set-up with arbitrary replies, counters, times of day and steps, through the
-// dispatcher as a host drives it and straight at the check of a reply.
+// dispatcher as a host calls it, and directly through the check of a reply.
 
 #include "driver_state.h"
 #include "exact_bytes.h"
@@ -42,7 +42,7 @@ quint16 advanced(quint16 counter)
     return static_cast<quint16>(counter == 0xFFFF ? 1 : counter + 1);
 }
 
-// What is in flight is one of the two requests, numbered as the station's record says.
+// The frame in flight is one of the two requests and has the number in the station's record.
 void checkInFlight(int station, int step)
 {
     const QList<Protocol>& queue = PLC_driver.sendQueue;
@@ -62,7 +62,7 @@ void checkInFlight(int station, int step)
     }
 }
 
-/// One station's set-up; the fuzzer plays the controller.
+/// The set-up of one station; the fuzzer acts as the controller.
 class SetUp
 {
 public:
@@ -132,7 +132,7 @@ private:
     int m_refused;
 };
 
-// The check of a reply with a queue, a step and frames that no set-up would leave.
+// The check of a reply, with a queue, a step and frames that no set-up produces.
 void checkOutOfOrder(FuzzInput& input)
 {
     ComInfo settings;

@@ -1,5 +1,5 @@
-// Frame integrity, doubling and undoubling and the checksum helpers over arbitrary bytes, against
-// what the wire's rules say.
+// Frame integrity, doubling, undoubling and the checksum helpers with arbitrary bytes, compared
+// with the rules of the wire.
 
 #include "driver_state.h"
 #include "fuzz_input.h"
@@ -16,7 +16,7 @@ unsigned closingCrc(const QByteArray& frame)
     return wire::crc16Arc(frame.mid(header, qMax(0, frame.size() - header - 2)) + wire::hex("03"));
 }
 
-// Tries every place where a frame can end, each from the start.
+// Tries every place where a frame can end, each time from the start.
 bool holdsFrame(const QByteArray& reply)
 {
     if (reply.size() < 24)
@@ -51,7 +51,7 @@ void checkDoubling(const QByteArray& bytes)
     FUZZ_CHECK(wireForm == expected);
 }
 
-// A frame round trip: whatever the data, its frame is intact and gives the data back.
+// Frames any data: the frame is intact and undoubles to the same data.
 void checkFrame(const QByteArray& data)
 {
     const QByteArray frame = wire::framed(data);
@@ -61,7 +61,7 @@ void checkFrame(const QByteArray& data)
     FUZZ_CHECK(undoubled == wire::hex("10 06 10 02") + data + wire::hex("10 03"));
 }
 
-// A frame that the driver builds around the data is the one that the protocol wants.
+// The driver's frame for the data is the frame that the protocol demands.
 void checkBuilt(QByteArray data)
 {
     const int pathSize = 13;
@@ -79,7 +79,7 @@ void checkBuilt(QByteArray data)
 
 void checkSums(const QByteArray& bytes)
 {
-    // Of exactly the size, so that a byte read behind the end is noticed.
+    // A buffer of exactly this size, so that a sanitizer sees a read past its end.
     const std::size_t size = static_cast<std::size_t>(bytes.size());
     const std::unique_ptr<unsigned char[]> exact(new unsigned char[size + (size == 0)]());
     std::copy(bytes.constBegin(), bytes.constEnd(), exact.get());
@@ -101,7 +101,7 @@ void checkSums(const QByteArray& bytes)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
 {
-    // The fuzzer's own bytes: a copy has a 00 behind it that a byte read too many would find.
+    // The fuzzer's own bytes: a copy ends with a readable 00, which would hide a read past the end.
     const QByteArray reply =
         QByteArray::fromRawData(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
     checkReply(reply);

@@ -1,5 +1,5 @@
-// Lists of variables as a programming tool exports them: any text is read or refused with one line,
-// and what is read makes a project file that is taken.
+// Lists of variables as a programming tool exports them: any text is read or refused with one line.
+// A list that is read makes a valid project file.
 
 #include "Project.h"
 #include "TagDirectory.h"

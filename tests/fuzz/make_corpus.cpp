@@ -1,5 +1,5 @@
-// make_corpus DIRECTORY: writes the seeds of every harness, made from good and bad sessions, to
-// DIRECTORY/<harness>/<name>.
+// make_corpus DIRECTORY: builds the seeds of every harness from good and bad sessions and writes
+// them to DIRECTORY/<harness>/<name>.
 
 #include "controller_steps.h"
 #include "session_steps.h"
@@ -275,7 +275,7 @@ void saveValues()
     save("values", "classify", start + bytes({9, 2}) + hex("A3 C4"));
 }
 
-// ---- The tools
+// ---- The programs
 
 void saveText(const char* harness, const char* name, const char* text)
 {
@@ -458,7 +458,7 @@ void saveControllers()
 int main(int argc, char** argv)
 {
     if (argc != 2) {
-        std::fprintf(stderr, "make_corpus: give the directory to write to\n");
+        std::fprintf(stderr, "usage: make_corpus DIRECTORY\n");
         return 2;
     }
     root = argv[1];

@@ -1,4 +1,4 @@
-// Project files: any text is read or refused with one line, and what is read can be polled.
+// Project files: any text is read or refused with one line. A project that is read can be polled.
 
 #include "Project.h"
 #include "TagDirectory.h"

@@ -1,5 +1,5 @@
-// What comes from the line, as the host takes it apart for itself: controls and frames in any
-// pieces, and what a frame asks or answers.
+// Bytes from the line, as the host parses them: controls and frames, cut into any pieces, and the
+// meaning of a frame.
 
 #include "Frame.h"
 #include "ReplyCollector.h"
@@ -12,7 +12,7 @@ namespace {
 
 using micro850::host::ReplyCollector;
 
-// A frame that comes out of the collector is told to the driver as it stood on the line.
+// The driver gets a collected frame exactly as it was on the line.
 void checkFrame(const QByteArray& data)
 {
     FUZZ_CHECK(data.size() <= 1024);
@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     QByteArray line;
     while (!input.atEnd())
         line += input.flag() ? wire::framed(input.block()) : input.block();
-    // Whatever the pieces, the same is found.
+    // The result does not depend on the pieces.
     ReplyCollector atOnce;
     ReplyCollector inPieces;
     const QByteArray found = take(atOnce, line);

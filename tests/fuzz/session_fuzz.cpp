@@ -1,5 +1,5 @@
 // Whole poll sessions: the fuzzer chooses the host's calls, the replies, the announced lengths, the
-// settings and the stations. What must hold in every session is checked at each step.
+// settings and the stations. Each step checks what must hold in every session.
 
 #include "driver_state.h"
 #include "exact_bytes.h"
@@ -17,7 +17,7 @@ const int kLongestCyclicList = 4000;
 int finishedTold;
 int refreshedTold;
 
-// Both callbacks come with listMutex held and may ask for a value.
+// The driver makes both callbacks while it holds listMutex; they may ask for a value.
 void askForValue()
 {
     FUZZ_CHECK(!PLC_driver.listMutex.tryLock());
@@ -50,7 +50,7 @@ bool isReturnValue(int code)
     return code == 0 || code == 1 || code == 100 || code == 201;
 }
 
-/// What the lists hold, told from their lengths and the sum of their entries.
+/// The content of the lists: their lengths and the sum of their entries.
 struct Lists
 {
     int reads, writes, once;
@@ -137,7 +137,7 @@ private:
         }
     }
 
-    // ---- What the fuzzer chooses
+    // ---- Choices of the fuzzer
 
     QString name()
     {
@@ -234,7 +234,7 @@ private:
             FUZZ_CHECK(ComCommunication() == next && PLC_driver.sendQueue.size() <= 2);
     }
 
-    // What is in flight carries the station's present number.
+    // The frame in flight has the station's current number.
     void checkHead(const Protocol* head)
     {
         FUZZ_CHECK((head == nullptr) == PLC_driver.sendQueue.isEmpty());
@@ -245,7 +245,7 @@ private:
         FUZZ_CHECK(wire::unframed(head->frame).mid(4, 2) == wire::little(counter, 2));
     }
 
-    // As a host answers: a reply of varying length is handed over twice.
+    // As a host does it: passes a reply of varying length twice.
     void answer(const QByteArray& reply)
     {
         const bool varies =
@@ -261,7 +261,7 @@ private:
         receive(reply, m_input.flag() ? reply.size() : m_input.count());
     }
 
-    // On a remote link a flag of -1 has the reply to a write stored as well.
+    // On a remote link the driver stores the reply to a write, too, when the flag is -1.
     static bool storesReply(const RW_VAR& asked)
     {
         const ComInfo* settings = PLC_driver.comInfo;
@@ -282,7 +282,8 @@ private:
         const Lists before = Lists::now();
         const bool inFlight = !PLC_driver.sendQueue.isEmpty();
         const RW_VAR asked = inFlight ? PLC_driver.sendQueue.first().var : RW_VAR();
-        // 0 for a write, which a host may mark as a read: then its reply is stored from the start.
+        // 0 for a write. A host may mark it as a read: then the driver stores its reply from the
+        // start.
         const int dataStart = inFlight ? PLC_driver.sendQueue.first().auxLength : 0;
         const bool reads = inFlight && !null && storesReply(asked);
 
@@ -301,7 +302,7 @@ private:
             FUZZ_CHECK(result->retValue == 1 && before.writes == after.writes);
     }
 
-    // The bytes that changed are the reply's, in one place and in their order.
+    // The bytes that changed are the bytes of the reply, in one place and in order.
     void checkStored(const RW_VAR& asked, int dataStart, const QByteArray& reply)
     {
         const QByteArray was = m_stores.value(asked.stationNo).tagData.value(asked.tagName);
@@ -317,7 +318,7 @@ private:
         while (last > first && last < was.size() && is.at(last) == was.at(last))
             --last;
         const QByteArray changed = is.mid(first, last - first + 1);
-        // A gap in front of the reply's place is filled up with 00.
+        // A gap before the reply's place is filled with 00.
         int gap = 0;
         while (first + gap >= was.size() && gap < changed.size() && changed.at(gap) == 0)
             ++gap;
@@ -397,8 +398,8 @@ private:
             variable.tagName = name();
             variable.addressText = address();
             variable.count = m_input.count();
-            // A run of a million elements is cut into requests in time, but not thousands of times
-            // a second.
+            // Cutting a run of a million elements into requests is fast enough, but not thousands
+            // of times a second.
             variable.count = qMin(variable.count, 3000);
             variables.append(variable);
         }
@@ -473,7 +474,7 @@ private:
 
     FuzzInput& m_input;
     ComInfo m_settings;
-    /// As they stood before the step or behind its last reply.
+    /// The stores before the step or after its last reply.
     fuzz::Stores m_stores;
 };
 

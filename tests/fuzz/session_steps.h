@@ -1,7 +1,7 @@
 #ifndef MICRO850_TESTS_FUZZ_SESSION_STEPS_H
 #define MICRO850_TESTS_FUZZ_SESSION_STEPS_H
 
-// How the bytes of a session's input are read, for the harness and for the maker of its seeds.
+// The format of a session's input, for the harness and for make_corpus.
 
 namespace session {
 

@@ -1,5 +1,5 @@
-// Tag files: any text is read or refused with one line, and the tags that are read hold values of
-// their type at any time.
+// Tag files: any text is read or refused with one line. The tags that are read always hold values
+// of their type.
 
 #include "TagTable.h"
 #include "complaint.h"
@@ -13,7 +13,7 @@ namespace {
 using namespace micro850;
 using namespace micro850::sim;
 
-// Arrays of 1000 elements and more do the same as short ones and only cost time.
+// Arrays of 1000 elements and more behave like short ones and only cost time.
 bool asksForLongArrays(const std::string& text)
 {
     const char key[] = "length";

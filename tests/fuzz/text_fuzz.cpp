@@ -1,4 +1,4 @@
-// Values, tags and writes as a person types them, and values as a person reads them.
+// Values, tags and writes as a user types them, and values as a user reads them.
 
 #include "CipType.h"
 #include "TagAddress.h"
@@ -20,7 +20,7 @@ const CipType& type(FuzzInput& input)
     return cipTypes()[static_cast<std::size_t>(input.below(static_cast<int>(cipTypes().size())))];
 }
 
-// What a text gives has the size of its type and reads back to the same bytes.
+// A parsed text has the size of its type. Its text, parsed again, has the same bytes.
 void checkValue(FuzzInput& input)
 {
     const CipType& of = type(input);
@@ -35,7 +35,7 @@ void checkValue(FuzzInput& input)
     }
 }
 
-// Any bytes of a controller can be shown, and what is shown of a number can be typed in.
+// Any bytes of a controller can be shown, and the text of a number can be typed in.
 void checkShown(FuzzInput& input)
 {
     const CipType& of = type(input);

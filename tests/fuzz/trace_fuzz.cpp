@@ -1,5 +1,5 @@
-// Recorded traffic, as text and as pcapng: any file is read or refused with one line, and what is
-// read can be written again.
+// Recorded traffic, as text and as pcapng: any file is read or refused with one line. A trace that
+// is read can be written again.
 
 #include "Trace.h"
 #include "complaint.h"
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     std::istringstream in(std::string(reinterpret_cast<const char*>(bytes), size));
     try {
         for (const micro850::TraceRecord& record : micro850::readTrace(in, "t.txt")) {
-            // A file has no bytes to make more of.
+            // A parsed trace never has more bytes than its file.
             FUZZ_CHECK(record.bytes.size() <= size && record.note.size() <= size);
             FUZZ_CHECK(record.time.count() >= 0);
         }

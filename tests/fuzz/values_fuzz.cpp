@@ -1,5 +1,5 @@
 // The value and list entry points with arbitrary names, address texts, counts, stations and stored
-// bytes, and the encoders with arbitrary requests, against what the host's layout says.
+// bytes, and the encoders with arbitrary requests, compared with the host's layout.
 
 #include "driver_state.h"
 #include "fuzz_input.h"
@@ -16,7 +16,7 @@ int elementSize(int typeClass)
     return sizes[typeClass];
 }
 
-// What GetRegisterData owes the host, one byte after the other.
+// The bytes that GetRegisterData must return, one after the other.
 QByteArray hostBytes(int typeClass, const QByteArray& image, qint64 element, qint64 words,
                      qint64 asked)
 {
@@ -127,7 +127,7 @@ private:
         return request;
     }
 
-    // ---- The store, as replies would leave it and as they would not
+    // ---- The store, in states that replies produce and in others
 
     void storeTag()
     {
@@ -188,7 +188,7 @@ private:
             FUZZ_CHECK(out == QByteArray(count < 0 || count > kLargest ? 0 : 2 * count, '\0'));
             return;
         }
-        // A class without its confirmation is forgotten on the way.
+        // The call forgets a class that is not confirmed.
         const int typeClass = confirmed ? static_cast<quint8>(info.at(0)) : 0xFF;
         FUZZ_CHECK(out == hostBytes(typeClass, before.tagData.value(tag),
                                     indexed ? text.toInt() : 0, indexed ? count : 1, count));
@@ -237,7 +237,7 @@ private:
 
     // ---- Encoders
 
-    // Every frame is closed as the wire wants it and carries the station's number and connection.
+    // Every frame ends as the wire demands and has the station's number and connection.
     void checkQueued(const RW_VAR& asked, char service)
     {
         FUZZ_CHECK(PLC_driver.sendQueue.size() == 1);
@@ -274,7 +274,7 @@ private:
 
     // ---- Runs and classes
 
-    // Blocks and rest of a run cover it without a gap.
+    // The blocks and the rest of a run cover it without a gap.
     void cutRun()
     {
         PLC_driver.readList.clear();

@@ -1,9 +1,9 @@
 -- Dissector for traces of the serial line: DF1 full-duplex frames that carry CIP.
 --
--- A packet is one frame, or lone link bytes, as they were on the wire (link type USER0).
+-- A packet is one frame, or link bytes alone, as they were on the wire (link type USER0).
 --   wireshark -X lua_script:df1_cip.lua trace.pcapng
 --   tshark    -X lua_script:df1_cip.lua -r trace.pcapng -T fields -e df1.tns -e df1.tag
--- Written from the protocol alone: it is a witness of what the driver sends, so it shares no code with it.
+-- Written from the protocol alone and without code of the driver, so that it can check what the driver sends.
 
 local df1 = Proto("df1", "DF1 full-duplex with CIP")
 
@@ -71,7 +71,7 @@ local function crc16(bytes)
   return crc
 end
 
--- Walks the packet: link bytes in front, then the message's data undoubled, then the CRC.
+-- Parses the packet: link bytes, then the data of the message, undoubled, then the CRC.
 local function split(buffer)
   local parts, i, length = { link = {}, data = ByteArray.new() }, 0, buffer:len()
   while i + 1 < length and buffer(i, 1):uint() == DLE and LINK[buffer(i + 1, 1):uint()] do
@@ -90,7 +90,7 @@ local function split(buffer)
         return parts
       elseif next_byte == DLE then
         i = i + 1
-      elseif next_byte and LINK[next_byte] then -- a response within the message is no data
+      elseif next_byte and LINK[next_byte] then -- a response within the message is not data
         parts.link[#parts.link + 1] = LINK[next_byte]
         byte = nil
         i = i + 1
@@ -105,7 +105,7 @@ local function split(buffer)
   return parts
 end
 
--- Adds the request path's tag and element; gives the offset behind the path and a text for the list.
+-- Adds the tag and the element of the request path. Returns the offset after the path and a text for the list.
 local function add_path(tree, tvb, at, words)
   local stop, text = math.min(at + 2 * words, tvb:len()), nil
   while at + 1 < stop do
