@@ -9,6 +9,7 @@
 #include "internal/ConnectionSetup.h"
 #include "internal/DriverState.h"
 #include "internal/TagStore.h"
+#include "internal/Wrapping.h"
 #include "tagcommunication.h"
 
 #include <QtCore/QDateTime>
@@ -42,15 +43,11 @@ void removeHead(QList<RW_VAR>& list)
     list.removeFirst();
 }
 
-// Caller holds the leaf lock. In a short list the places of the records are cheaper to move than a
-// record is to make anew.
+// Moves the first request of a list that is not empty to its end. Caller holds the leaf lock.
 void rotate(QList<RW_VAR>& list)
 {
-    const int kShort = 256;
-    if (list.size() <= kShort)
-        list.move(0, list.size() - 1);
-    else
-        list.append(list.takeFirst());
+    list.append(list.at(0));
+    list.removeFirst();
 }
 
 int sizeOf(const QList<RW_VAR>& list)
@@ -185,6 +182,16 @@ enum ReturnValue {
     kNoConnection = 201
 };
 
+// What SwitchErrorReturn() adds the kind of the variable to.
+enum ErrorBase {
+    kRejectedBase = 10,
+    kNoReplyBase = 40,
+    kWrongLengthBase = 70,
+    kRemoteRejectedBase = 110,
+    kRemoteNoReplyBase = 140,
+    kRemoteWrongLengthBase = 170
+};
+
 enum FinishStatus { kStatusDone = 1, kStatusFailed = 2 };
 
 const int kConnectionAttempts = 4;
@@ -194,10 +201,10 @@ const int kNoReplyLength = 999;
 
 void increment(int& word)
 {
-    word = static_cast<int>(static_cast<unsigned int>(word) + 1u);
+    word = wrapping::sum(word, 1);
 }
 
-void takeHandshakeReply(const QByteArray* reply, int station, int& readNumber)
+void handleHandshakeReply(const QByteArray* reply, int station, int& readNumber)
 {
     QList<Protocol>& queue = PLC_driver.sendQueue;
     ComInfo& settings = *PLC_driver.comInfo;
@@ -252,7 +259,7 @@ bool continuesLater(const QList<RW_VAR>& list)
 
 // A variable that is split into several entries is reported done once, behind its last; a failure
 // is reported at once.
-void tellFinished(const RW_VAR& request, bool last)
+void notifyFinished(const RW_VAR& request, bool last)
 {
     const bool failed = driverstate::failed();
     if (PLC_driver.finishCallback && (last || failed)) {
@@ -272,7 +279,7 @@ void retire(QList<RW_VAR>& list, bool callBack)
             LeafLocker lock(driverstate::leaf);
             last = !continuesLater(list);
         }
-        tellFinished(*head, last);
+        notifyFinished(*head, last);
     }
     passRetValue(*head, PLC_driver.result);
     removeHead(list);
@@ -358,7 +365,7 @@ void noteSuccess(bool countsAsCycle)
     }
 }
 
-void takeGoodReply(int code, bool local, int station)
+void handleGoodReply(int code, bool local, int station)
 {
     ComInfo& settings = *PLC_driver.comInfo;
     PLC_driver.sendQueue.removeFirst();
@@ -372,7 +379,7 @@ void takeGoodReply(int code, bool local, int station)
     PLC_driver.result.retValue = code;
 }
 
-void takeFailure(int code, bool local, int station)
+void handleFailure(int code, bool local, int station)
 {
     ComInfo& settings = *PLC_driver.comInfo;
     noteFailure();
@@ -397,9 +404,9 @@ void finishTransaction(QByteArray* reply, int length, int station)
     const int code =
         local ? DealDataOfLocalArea(reply, length) : DealDataOfRemoteArea(reply, length);
     if (code == kDone || code == kDoneNotStored)
-        takeGoodReply(code, local, station);
+        handleGoodReply(code, local, station);
     else
-        takeFailure(code, local, station);
+        handleFailure(code, local, station);
 }
 
 // What the reply's length says before its content is looked at.
@@ -456,7 +463,7 @@ RW_VAR* DataCom(QByteArray* reply, int length)
     }
     const int station = driverstate::inFlight().var.stationNo;
     if (!getHandshakeInformation(station))
-        takeHandshakeReply(reply, station, readNumber);
+        handleHandshakeReply(reply, station, readNumber);
     else if (driverstate::inFlight().replyLength == driverstate::kVariableLength)
         judgeVariableLength(reply, length, readNumber);
     else
@@ -470,11 +477,11 @@ int DealDataOfLocalArea(QByteArray* reply, int length)
     if (outcome != kAccepted)
         return GetDriverReturnValue(outcome);
     const int verdict = CheckGetData(reply, length);
-    if (verdict == 1) {
+    if (verdict == driverstate::kStore) {
         QMutexLocker lock(&PLC_driver.dataMutex);
         SaveToLocalDataErea(reply);
     }
-    return GetDriverReturnValue(verdict == 1 || verdict == 2 ? kAccepted : kRejected);
+    return GetDriverReturnValue(verdict == driverstate::kReject ? kRejected : kAccepted);
 }
 
 int DealDataOfRemoteArea(QByteArray* reply, int length)
@@ -482,8 +489,7 @@ int DealDataOfRemoteArea(QByteArray* reply, int length)
     const ReplyOutcome outcome = judgeLength(length);
     if (outcome != kAccepted)
         return GetDriverReturnValue(outcome == kNoReply ? kRemoteNoReply : kRemoteWrongLength);
-    const int verdict = CheckGetData(reply, length);
-    if (verdict != 1 && verdict != 2)
+    if (CheckGetData(reply, length) == driverstate::kReject)
         return GetDriverReturnValue(kRemoteRejected);
     if (driverstate::inFlight().var.reqFlag != -1)
         return GetDriverReturnValue(kRemoteNotStored);
@@ -500,19 +506,19 @@ int GetDriverReturnValue(int outcome)
     case kAccepted:
         return kDone;
     case kRejected:
-        return SwitchErrorReturn(10);
+        return SwitchErrorReturn(kRejectedBase);
     case kNoReply:
-        return SwitchErrorReturn(40);
+        return SwitchErrorReturn(kNoReplyBase);
     case kWrongLength:
-        return SwitchErrorReturn(70);
+        return SwitchErrorReturn(kWrongLengthBase);
     case kRemoteNotStored:
         return kDoneNotStored;
     case kRemoteRejected:
-        return SwitchErrorReturn(110);
+        return SwitchErrorReturn(kRemoteRejectedBase);
     case kRemoteNoReply:
-        return SwitchErrorReturn(140);
+        return SwitchErrorReturn(kRemoteNoReplyBase);
     case kRemoteWrongLength:
-        return SwitchErrorReturn(170);
+        return SwitchErrorReturn(kRemoteWrongLengthBase);
     default:
         return kUnknownOutcome;
     }
@@ -522,7 +528,7 @@ int SwitchErrorReturn(int base)
 {
     const int kind = PLC_driver.sendQueue.isEmpty() ? 0 : driverstate::inFlight().var.varType;
     const int fine = kind >= 1 && kind <= 11 ? kind : 0;
-    return static_cast<int>(static_cast<unsigned int>(base) + 1u + static_cast<unsigned int>(fine));
+    return wrapping::sum(base, 1 + fine);
 }
 
 void customMessageHandler(QtMsgType, const char* message)

@@ -2,6 +2,7 @@
 
 #include "internal/Crc16.h"
 #include "internal/DriverState.h"
+#include "internal/Wrapping.h"
 
 void InvertUint16(unsigned short* out, unsigned short* in)
 {
@@ -43,7 +44,7 @@ unsigned short CalCRC(unsigned char* data, unsigned short length)
 
 int CalLRC(unsigned char* data, unsigned short length)
 {
-    // Not reduced to 8 bits again: hosts compare with 256 where the sum is a multiple of 256.
+    // Not reduced to 8 bits again, so that a sum that is a multiple of 256 gives 256.
     return static_cast<int>(~static_cast<unsigned int>(CalSUM(data, length)) & 0xFFu) + 1;
 }
 
@@ -59,8 +60,7 @@ unsigned char CalXOR(unsigned char* data, unsigned short length)
 
 int DigitalToASCII(int value)
 {
-    const unsigned int digit = static_cast<unsigned int>(value);
-    return static_cast<int>(value < 10 ? digit + 0x30u : digit + 0x37u);
+    return wrapping::sum(value, value < 10 ? 0x30 : 0x37);
 }
 
 int ASCIIToDigital(int character)
@@ -72,14 +72,16 @@ int ASCIIToDigital(int character)
 
 int CheckGetData(QByteArray*, int)
 {
+    const int kRead = 0;
+    const int kWrite = 1;
     if (PLC_driver.sendQueue.isEmpty())
-        return 0;
+        return driverstate::kReject;
     switch (driverstate::inFlight().var.accessMode) {
-    case 0:
-        return 1;
-    case 1:
-        return 2;
+    case kRead:
+        return driverstate::kStore;
+    case kWrite:
+        return driverstate::kAcceptOnly;
     default:
-        return 0;
+        return driverstate::kReject;
     }
 }

@@ -26,7 +26,7 @@ RW_VAR writeRequest(const ComInfo& settings, int station)
     return request;
 }
 
-/// A tag's stored bytes and how to read them.
+/// A tag's stored bytes and how to convert them.
 struct StoredValue
 {
     bool known;
@@ -53,14 +53,14 @@ StoredValue storedValue(const QString& name, const QString& addressText, int sta
     return value;
 }
 
-// A count below 0, or beyond what any controller holds, asks for nothing.
+// A count below 0, or beyond what any controller holds, counts as 0.
 int served(qint64 count)
 {
     return count < 0 || count > tagstore::kLargestValue ? 0 : static_cast<int>(count);
 }
 
-// `size` bytes of `image` from `position`, each followed by 00 if `widened`; 00 behind its end. A
-// host's buffer that is large enough is used again.
+// Copies `size` bytes of `image` from `position`, each followed by 00 if `widened`. Past the end of
+// the image the bytes are 00. A host's buffer that is large enough is reused.
 void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int size, bool widened)
 {
     const int step = widened ? 2 : 1;
@@ -82,22 +82,23 @@ void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int si
         to[2 * i] = from[i];
 }
 
-/// The value in the host's layout; `hostCount` as the host passed it. Empty where nothing is asked
-/// for or the class is not known.
+/// Converts the value to the host's layout. `hostCount` is the count that the host passed. Empty
+/// when no element is asked for or the class is not known.
 void toHostLayout(QByteArray& out, const StoredValue& value, int hostCount)
 {
-    const int start = value.address.startAddress;
-    const bool indexable = start >= 0 && start <= tagstore::kLargestValue;
-    unsigned int position = indexable ? static_cast<unsigned int>(start) : 0;
+    // No image reaches the largest value, so that any index beyond it, and as an unsigned number
+    // any below 0, reads as 00.
+    unsigned int position = qMin(static_cast<unsigned int>(value.address.startAddress),
+                                 static_cast<unsigned int>(tagstore::kLargestValue));
     unsigned int elements = static_cast<unsigned int>(served(value.address.count));
     getPlcAdd(value.typeClass, position, elements);
-    // A string's characters are counted by what the host asked for, two to a word.
+    // Of a string the host gets two characters for each word of its own count.
     if (value.typeClass == tagstore::kShortString && elements != 0)
         elements = 2 * static_cast<unsigned int>(served(hostCount));
     const int elementSize =
         value.typeClass > tagstore::kQuadWord ? 0 : kElementSize[value.typeClass];
-    copyBytes(out, value.image, indexable ? position : value.image.size(),
-              static_cast<int>(elements) * elementSize, value.typeClass == tagstore::kByte);
+    copyBytes(out, value.image, position, static_cast<int>(elements) * elementSize,
+              value.typeClass == tagstore::kByte);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "internal/DriverState.h"
 #include "internal/QtCompat.h"
+#include "internal/Wrapping.h"
 
 void* LB = nullptr;
 void* LW = nullptr;
@@ -12,24 +13,20 @@ namespace {
 // The write and one-shot lists take no more records than this.
 const int kLongestQueue = 1024;
 const int kElementsPerRequest = 15;
-// A run longer than any controller array comes from a mistaken count and is not cut into requests.
+// No controller has a longer array: a longer run comes from a mistaken count and is not cut into
+// requests.
 const int kLongestRun = 1 << 20;
 
 typedef QMap<QString, QList<RW_VAR>> RequestsByName;
 typedef QMap<int, RequestsByName> RequestsByStation;
 
-int wrapped(qint64 value)
-{
-    return static_cast<int>(static_cast<unsigned int>(value));
-}
-
 void advance(RW_VAR& run, int elements)
 {
-    run.startAddress = wrapped(qint64(run.startAddress) + elements);
+    run.startAddress = wrapping::sum(run.startAddress, elements);
     run.count -= elements;
 }
 
-// Appends to `requests` what addressAdd() appends to the cyclic list.
+// Appends to `requests` the blocks that addressAdd() appends to the cyclic list.
 void cut(QList<RW_VAR>& requests, RW_VAR& run, int maxLength, bool appendRest)
 {
     if (run.count > kLongestRun)
@@ -49,8 +46,8 @@ bool samePlace(const RW_VAR& a, const RW_VAR& b)
            a.startAddress == b.startAddress && a.count == b.count;
 }
 
-// The queued write that a new one to the same place replaces, -1 for none. The head is never
-// compared: it may be in flight.
+// Index of the queued write that a new one to the same place replaces, -1 for none. The head is not
+// compared, since it may be in flight.
 int queuedWriteTo(const RW_VAR& request)
 {
     const QList<RW_VAR>& writes = PLC_driver.writeList;
@@ -71,14 +68,14 @@ bool isQueuedOnce(const RW_VAR& request)
     return false;
 }
 
-// A gap that a request could not bridge ends the run.
+// True when the gap between run and next request is too wide for one request.
 bool isBeyond(const RW_VAR& run, const RW_VAR& next, int maxLength)
 {
     const qint64 start = run.startAddress;
     return start + run.count < next.startAddress && start + maxLength < next.startAddress;
 }
 
-// Appends to `requests` what BitVarReCreat() appends to the cyclic list.
+// Appends to `requests` the blocks that BitVarReCreat() appends to the cyclic list.
 void merge(QList<RW_VAR>& requests, const QList<RW_VAR>& group, int maxLength)
 {
     if (group.isEmpty())
@@ -93,9 +90,9 @@ void merge(QList<RW_VAR>& requests, const QList<RW_VAR>& group, int maxLength)
             cut(requests, run, maxLength, true);
             run = next;
         } else {
-            // A next request that ends before the run does shrinks the run; hosts rely on the lists
-            // that this gives.
-            run.count = wrapped(qint64(next.startAddress) + next.count - run.startAddress);
+            // The run ends where the next request ends, even if the run was longer.
+            const int end = wrapping::sum(next.startAddress, next.count);
+            run.count = wrapping::difference(end, run.startAddress);
         }
     }
     cut(requests, run, maxLength, true);
@@ -154,9 +151,9 @@ void appendCyclic(const QList<RW_VAR>& requests)
     PLC_driver.readList += requests;
 }
 
-// The new list takes the old one's place and the poll cycle begins anew in one step, so that no
-// reply counts for a list that is half made. `requests` is left with the old list, whose records
-// are deleted behind the lock. The new list's length.
+// Replaces the list and restarts the poll cycle in one step, so that no reply counts for a list
+// that is half built. `requests` receives the old list, whose records the caller deletes after the
+// lock is released. Returns the new list's length.
 int replaceCyclic(QList<RW_VAR>& requests)
 {
     LeafLocker lock(driverstate::leaf);

@@ -14,19 +14,25 @@ const char kWriteTemplate[] = "10 06 10 02 00 01 0A 00 A4 00 00 00 B5 9C AB 45 5
 struct WriteContext
 {
     frame::Header header;
-    QByteArray info;
+    int typeClass;
+    quint8 typeLow;
+    quint8 typeHigh;
 };
 
 WriteContext contextOf(const RW_VAR& request)
 {
     LeafLocker lock(tagstore::leaf);
     PLCTAGCOMMUNICATION& station = PLCDataStorage[request.stationNo];
-    WriteContext context = {tagstore::headerOf(station), station.tagInfo[request.tagName]};
+    // An empty entry reads as class BOOL with the type code 00 00.
+    const QByteArray& info = station.tagInfo[request.tagName];
+    const WriteContext context = {
+        tagstore::headerOf(station), frame::byteAt(info, tagstore::kClass),
+        frame::byteAt(info, tagstore::kTypeLow), frame::byteAt(info, tagstore::kTypeHigh)};
     return context;
 }
 
-// Pads with 00 or cuts to exactly `size` bytes. A size that no controller can take leaves the bytes
-// alone: the controller then refuses the write, as count and bytes disagree.
+// Pads with 00 or cuts to exactly `size` bytes. A size that no controller can hold leaves the bytes
+// alone: the controller then refuses the write, since count and bytes disagree.
 void fit(QByteArray& data, qint64 size)
 {
     if (size > tagstore::kLargestValue)
@@ -36,7 +42,7 @@ void fit(QByteArray& data, qint64 size)
     data.truncate(wanted);
 }
 
-// The host hands one 16-bit word per 8-bit element, value in the low byte.
+// The host gives one 16-bit word per 8-bit element, with the value in the low byte.
 void fitLowBytes(QByteArray& data, int count)
 {
     if (count > tagstore::kLargestValue)
@@ -52,11 +58,10 @@ int elementsOf(int words, int wordsPerElement)
     return static_cast<int>((qint64(words) + wordsPerElement - 1) / wordsPerElement);
 }
 
-/// Brings `request.data` into the layout of the class; the number of elements to announce.
-int reshape(RW_VAR& request, const QByteArray& info)
+/// Converts `request.data` to the layout of the class. Returns the number of elements to announce.
+int reshape(RW_VAR& request, int typeClass)
 {
     const int count = request.count;
-    const int typeClass = frame::byteAt(info, tagstore::kClass); // an empty entry counts as BOOL
     int elements = count;
     switch (typeClass) {
     case tagstore::kBool:
@@ -84,15 +89,14 @@ int reshape(RW_VAR& request, const QByteArray& info)
     default:
         break;
     }
-    // No controller takes more, and the frame's length has to stay a number.
+    // No controller takes more, and the frame's length must fit an int.
     request.data.truncate(tagstore::kLargestValue);
     return elements;
 }
 
-int elementForWrite(const RW_VAR& request, const QByteArray& info)
+int elementForWrite(const RW_VAR& request, int typeClass)
 {
-    const bool isIndexed =
-        request.reqFlag != 0 && frame::byteAt(info, tagstore::kClass) != tagstore::kShortString;
+    const bool isIndexed = request.reqFlag != 0 && typeClass != tagstore::kShortString;
     return isIndexed ? request.startAddress : 0;
 }
 
@@ -104,11 +108,10 @@ void WriteRegister(RW_VAR* request)
         return;
     static const QByteArray head = frame::fromHexText(kWriteTemplate);
     const WriteContext context = contextOf(*request);
-    const int elements = reshape(*request, context.info);
+    const int elements = reshape(*request, context.typeClass);
 
-    frame::Builder builder(head, request->tagName, elementForWrite(*request, context.info));
-    builder.addType(frame::byteAt(context.info, tagstore::kTypeLow),
-                    frame::byteAt(context.info, tagstore::kTypeHigh));
+    frame::Builder builder(head, request->tagName, elementForWrite(*request, context.typeClass));
+    builder.addType(context.typeLow, context.typeHigh);
     builder.addCount(elements);
     builder.addBytes(request->data);
 

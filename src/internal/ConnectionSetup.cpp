@@ -25,6 +25,14 @@ void patchSerial(QByteArray& bytes)
         bytes[kOriginatorSerial + i] = static_cast<char>((serial >> (8 * i)) & 0xFF);
 }
 
+QByteArray closed(QByteArray request, unsigned short transaction)
+{
+    request.reserve(kForwardOpenSize);
+    frame::patchTransaction(request, transaction);
+    frame::close(request);
+    return request;
+}
+
 // Undoes the doubling and closing of a Forward_Open request. False if the bytes cannot be one.
 bool reopen(QByteArray& forwardOpen)
 {
@@ -52,30 +60,22 @@ int randomSerial()
 QByteArray identityRequest(unsigned short transaction)
 {
     static const QByteArray identity = frame::fromHexText(kIdentityTemplate);
-    QByteArray bytes = identity;
-    frame::patchTransaction(bytes, transaction);
-    frame::close(bytes);
-    return bytes;
+    return closed(identity, transaction);
 }
 
 QByteArray forwardOpenRequest(unsigned short transaction)
 {
     static const QByteArray forwardOpen = frame::fromHexText(kForwardOpenTemplate);
     QByteArray bytes = forwardOpen;
-    frame::patchTransaction(bytes, transaction);
     patchSerial(bytes);
-    frame::close(bytes);
-    return bytes;
+    return closed(bytes, transaction);
 }
 
 void renumber(QByteArray& forwardOpen, unsigned short transaction)
 {
     QByteArray bytes = forwardOpen;
-    if (!reopen(bytes))
-        return;
-    frame::patchTransaction(bytes, transaction);
-    frame::close(bytes);
-    forwardOpen = bytes;
+    if (reopen(bytes))
+        forwardOpen = closed(bytes, transaction);
 }
 
 void renew(QByteArray& forwardOpen, unsigned short transaction)
@@ -83,10 +83,8 @@ void renew(QByteArray& forwardOpen, unsigned short transaction)
     QByteArray bytes = forwardOpen;
     if (!reopen(bytes))
         return;
-    frame::patchTransaction(bytes, transaction);
     patchSerial(bytes);
-    frame::close(bytes);
-    forwardOpen = bytes;
+    forwardOpen = closed(bytes, transaction);
 }
 
 QByteArray identifierIn(QByteArray reply)

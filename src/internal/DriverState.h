@@ -18,6 +18,9 @@ extern QMutex leaf;
 /// Values of Device_Driver::currentList.
 enum RequestList { kCyclicRead = 0, kWrite = 1, kOneShotRead = 2, kNoListYet = 100 };
 
+/// What CheckGetData() returns.
+enum Verdict { kReject = 0, kStore = 1, kAcceptOnly = 2 };
+
 /// A Protocol::replyLength that stands for any length.
 const int kVariableLength = -1;
 

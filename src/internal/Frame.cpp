@@ -38,6 +38,14 @@ unsigned int closedCrc(unsigned int crc)
     return crc16::extended(crc, frame::kEtx, crc16::kReflectedPolynomial);
 }
 
+// CRC of a frame's data, which begins after the header and ends at index `end`.
+unsigned int crcUpTo(const QByteArray& frame, int end)
+{
+    const char* begin = frame.constData();
+    const int first = headerSize(frame::byteAt(frame, 1));
+    return closedCrc(first < end ? extendedCrc(0, begin + first, begin + end) : 0);
+}
+
 bool isPair(const char* at)
 {
     return at[0] == frame::kDle && at[1] == frame::kDle;
@@ -120,10 +128,7 @@ QByteArray fromHexText(const char* text)
 
 unsigned int crcOf(const QByteArray& frame)
 {
-    const char* begin = frame.constData();
-    const int first = headerSize(byteAt(frame, 1));
-    const int end = frame.size() - 2;
-    return closedCrc(first < end ? extendedCrc(0, begin + first, begin + end) : 0);
+    return crcUpTo(frame, frame.size() - 2);
 }
 
 // From the back, so that nothing is moved twice.
@@ -133,12 +138,10 @@ void doubleDles(QByteArray& frame)
     // A frame without either header is treated as if it began with DLE STX.
     const int first = qMax(2, headerSize(byteAt(frame, 1)));
     const int last = size - kTrailerSize;
-    if (last <= first)
-        return;
     const char* plain = frame.constData();
-    const int extra = static_cast<int>(std::count(plain + first, plain + last, kDle));
-    if (extra == 0)
+    if (last <= first || !std::memchr(plain + first, kDle, static_cast<std::size_t>(last - first)))
         return;
+    const int extra = static_cast<int>(std::count(plain + first, plain + last, kDle));
     frame.resize(size + extra);
     char* begin = frame.data();
     std::memmove(begin + last + extra, begin + last, kTrailerSize);
@@ -166,18 +169,18 @@ void undoubleDles(QByteArray& frame)
 
 void close(QByteArray& frame)
 {
-    frame.append(kDle);
-    frame.append(kEtx);
-    const unsigned int crc = crcOf(frame);
-    frame.append(static_cast<char>(crc & 0xFF));
-    frame.append(static_cast<char>(crc >> 8));
+    const unsigned int crc = crcUpTo(frame, frame.size());
+    const char trailer[kTrailerSize] = {kDle, kEtx, static_cast<char>(crc & 0xFF),
+                                        static_cast<char>(crc >> 8)};
+    frame.append(trailer, kTrailerSize);
     doubleDles(frame);
 }
 
 void patchTransaction(QByteArray& frame, unsigned short transaction)
 {
-    frame[kTransactionLow] = static_cast<char>(transaction & 0xFF);
-    frame[kTransactionHigh] = static_cast<char>(transaction >> 8);
+    char* bytes = frame.data();
+    bytes[kTransactionLow] = static_cast<char>(transaction & 0xFF);
+    bytes[kTransactionHigh] = static_cast<char>(transaction >> 8);
 }
 
 bool endsAsFrame(const QByteArray& reply)
@@ -214,25 +217,23 @@ Builder::Builder(const QByteArray& head, const QString& tagName, int element)
     m_bytes[kPathSize] = static_cast<char>((m_bytes.size() - kPath) / 2 & 0xFF);
 }
 
-void Builder::addByte(unsigned int byte)
+void Builder::addNumber(quint64 value, int size)
 {
-    m_bytes.append(static_cast<char>(byte & 0xFF));
-}
-
-void Builder::addNumber(unsigned int value, int size)
-{
+    char bytes[8];
     for (int i = 0; i < size; ++i)
-        addByte(value >> (8 * i));
+        bytes[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
+    m_bytes.append(bytes, size);
 }
 
 void Builder::addTagName(const QString& name)
 {
-    const int size = name.size();
-    addByte(static_cast<unsigned int>(size));
-    for (int i = 0; i < size; ++i)
-        m_bytes.append(qtcompat::latin1(name.at(i)));
-    if (size % 2 != 0)
-        addByte(0);
+    const int length = name.size();
+    const int at = m_bytes.size();
+    growTo(m_bytes, at + 1 + length + length % 2); // a name of odd length ends with a pad
+    char* segment = m_bytes.data() + at;
+    segment[0] = static_cast<char>(length & 0xFF);
+    for (int i = 0; i < length; ++i)
+        segment[1 + i] = qtcompat::latin1(name.at(i));
 }
 
 void Builder::addElement(int element)
@@ -243,7 +244,7 @@ void Builder::addElement(int element)
     if (index == 0)
         return;
     if (index < 0x100) {
-        addByte(0x28);
+        addNumber(0x28, 1);
         addNumber(index, 1);
     } else if (index < 0x10000) {
         addNumber(0x0029, 2);
@@ -256,14 +257,13 @@ void Builder::addElement(int element)
 
 void Builder::addType(quint8 low, quint8 high)
 {
-    addByte(low);
-    addByte(high);
+    addNumber(low, 1);
+    addNumber(high, 1);
 }
 
 void Builder::addCount(int count)
 {
-    addNumber(static_cast<unsigned int>(count), 4);
-    addNumber(0, 2);
+    addNumber(static_cast<unsigned int>(count), 6);
 }
 
 void Builder::addBytes(const QByteArray& bytes)
@@ -274,9 +274,10 @@ void Builder::addBytes(const QByteArray& bytes)
 QByteArray& Builder::finish(const Header& header)
 {
     patchTransaction(m_bytes, header.transaction);
-    m_bytes[kConnectionLow] = static_cast<char>(header.connectionLow);
-    m_bytes[kConnectionHigh] = static_cast<char>(header.connectionHigh);
-    m_bytes[kSequence] = static_cast<char>((header.transaction + 7) & 0xFF);
+    char* bytes = m_bytes.data();
+    bytes[kConnectionLow] = static_cast<char>(header.connectionLow);
+    bytes[kConnectionHigh] = static_cast<char>(header.connectionHigh);
+    bytes[kSequence] = static_cast<char>((header.transaction + 7) & 0xFF);
     close(m_bytes);
     return m_bytes;
 }

@@ -71,7 +71,7 @@ public:
     Builder(const QByteArray& head, const QString& tagName, int element);
 
     void addType(quint8 low, quint8 high);
-    /// Element count and byte offset 0.
+    /// Element count (2 bytes) and byte offset 0 (4 bytes). A larger count reaches into the offset.
     void addCount(int count);
     void addBytes(const QByteArray& bytes);
     /// Patches transaction number, connection identifier and sequence byte, and closes the frame.
@@ -81,8 +81,8 @@ public:
 private:
     void addTagName(const QString& name);
     void addElement(int element);
-    void addByte(unsigned int byte);
-    void addNumber(unsigned int value, int size);
+    /// The low `size` bytes of the value, 1 to 8, low byte first.
+    void addNumber(quint64 value, int size);
 
     QByteArray m_bytes;
 };
