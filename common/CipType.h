@@ -9,6 +9,9 @@
 
 namespace micro850 {
 
+/// The most characters that a string is written with: a reply of the controller has room for more.
+constexpr int kLongestText = 80;
+
 /// How a value of a type is written as text.
 enum class CipKind {
     Boolean,
@@ -24,11 +27,21 @@ struct CipType
 {
     const char* name;
     std::uint16_t code; ///< CIP type code
-    int size;           ///< bytes of an element on the wire; of a string its longest form
+    int size;           ///< bytes of an element on the wire; of a string: of the longest one
     CipKind kind;
     int lengthBytes;    ///< of a string: bytes of the length in front of the characters
     int characterBytes; ///< of a string: bytes of one character
 };
+
+/// True for a type whose values are shown as numbers.
+inline bool isNumber(CipKind kind)
+{
+    return kind == CipKind::Signed || kind == CipKind::Unsigned || kind == CipKind::Real;
+}
+inline bool isNumber(const CipType& type)
+{
+    return isNumber(type.kind);
+}
 
 /// Every type, in the order of its code.
 const std::vector<CipType>& cipTypes();
@@ -37,13 +50,6 @@ const CipType* cipTypeOf(std::uint16_t code);
 /// The type of a name in capitals. Throws UserError: `"INTT" is not a CIP type (did you mean
 /// INT?)`.
 const CipType& cipTypeNamed(const std::string& name);
-
-/// The wire bytes of one element from a text: decimal or 0x numbers, true/false, real numbers,
-/// plain text for strings. Throws UserError naming text, type and range.
-Bytes valueFromText(const CipType& type, const std::string& text);
-/// One element as text; bytes that are missing count as 00. Real numbers in the fewest digits that
-/// read back to the same value.
-std::string textFromValue(const CipType& type, const Bytes& element);
 
 } // namespace micro850
 

@@ -1,5 +1,6 @@
 #include "TagTable.h"
 
+#include "CipValue.h"
 #include "JsonFile.h"
 #include "UserError.h"
 

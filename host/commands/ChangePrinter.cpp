@@ -11,12 +11,11 @@ Json valueObject(const PollLoop& loop, const Variable& variable, int index)
     const ValueStore& values = loop.values();
     if (!values.wasRead(index))
         return Json();
-    const CipType& type = *values.type(index);
-    if (!variable.isScaled() || !isNumber(type))
-        return jsonOf(type, values.elements(index));
+    if (!variable.scales(*values.type(index)))
+        return jsonOf(values.values(index));
     Json all = Json::array();
-    for (const QByteArray& element : values.elements(index))
-        all.push_back(scaled(variable, type, element));
+    for (const CipValue& value : values.values(index))
+        all.push_back(value.number()); // null where it is not finite
     return variable.length == 1 ? all.front() : all;
 }
 
@@ -67,9 +66,9 @@ Json changeObject(const PollLoop& loop, const Project& project, int variable, co
 }
 
 // Values that become stale, or good again, change too.
-QVector<int> ChangePrinter::takeChanged()
+QVector<int> ChangePrinter::popChanged()
 {
-    QSet<int> changed = m_loop.values().takeChanged();
+    QSet<int> changed = m_loop.values().popChanged();
     m_qualities.resize(m_loop.values().size());
     for (int i = 0; i < m_qualities.size(); ++i) {
         const Quality quality = m_loop.quality(i);
@@ -91,7 +90,7 @@ QVector<int> ChangePrinter::takeChanged()
 void ChangePrinter::print()
 {
     const QDateTime time = QDateTime::currentDateTime();
-    for (const int variable : takeChanged()) {
+    for (const int variable : popChanged()) {
         const Json object =
             m_output.json() ? changeObject(m_loop, m_project, variable, time) : Json();
         m_output.data(object, time.toString(QStringLiteral("HH:mm:ss.zzz ")) +

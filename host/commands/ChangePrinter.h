@@ -22,7 +22,7 @@ public:
     /// Prints only variables that match.
     void setMatch(const QString& match) { m_match = match; }
     /// The variables that changed since the last call and have something to show, in order.
-    QVector<int> takeChanged();
+    QVector<int> popChanged();
     /// Prints what changed.
     void print();
     /// Tells on standard error what became of the line and the stations, where that changed.

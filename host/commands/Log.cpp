@@ -24,19 +24,16 @@ struct LogOptions
     double interval = 0;
 };
 
-QVariant variantOf(const ValueStore& values, const Variable& variable, int index)
+// Scaled numbers are recorded with the digits that are shown.
+std::optional<CipValue> valueOf(const ValueStore& values, const Variable& variable, int index)
 {
     if (!values.wasRead(index))
-        return QVariant();
-    const CipType& type = *values.type(index);
-    if (variable.length != 1 || !isNumber(type))
-        return values.texts(index).join(' ');
-    if (!variable.isScaled() && type.kind != CipKind::Real) {
-        const QString digits = values.texts(index).first();
-        return type.kind == CipKind::Signed ? QVariant(digits.toLongLong())
-                                            : QVariant(digits.toULongLong());
-    }
-    return values.texts(index).first().toDouble();
+        return std::nullopt;
+    if (variable.length != 1)
+        return CipValue::ofText(values.texts(index).join(' ').toLatin1().toStdString());
+    return variable.scales(*values.type(index))
+               ? CipValue::ofReal(values.texts(index).first().toDouble())
+               : values.values(index).first();
 }
 
 Sample sampleOf(const PollLoop& loop, const Project& project, int index, const QDateTime& time)
@@ -50,7 +47,7 @@ Sample sampleOf(const PollLoop& loop, const Project& project, int index, const Q
             variable.tag,
             variable.element,
             type ? QString::fromLatin1(type->name) : QString(),
-            variantOf(values, variable, index),
+            valueOf(values, variable, index),
             variable.unit,
             qualityText(loop.quality(index)),
             values.error(index)};
@@ -73,7 +70,7 @@ public:
     void update(Duration now)
     {
         if (m_interval == Duration(0)) {
-            write(m_changes.takeChanged());
+            write(m_changes.popChanged());
         } else if (now >= m_next) {
             m_next = now + m_interval;
             write(all());

@@ -1,7 +1,7 @@
 #include "Output.h"
 
+#include "Elements.h"
 #include "UserError.h"
-#include "ValueStore.h"
 
 #include <cmath>
 #include <iostream>
@@ -66,36 +66,33 @@ Json jsonOf(const QString& text)
     return Json(text.toStdString());
 }
 
-Json jsonOf(const CipType& type, const QByteArray& element)
+Json jsonOf(const CipValue& value)
 {
-    const QString text = elementText(type, element);
-    switch (type.kind) {
+    switch (value.kind()) {
     case CipKind::Boolean:
-        return Json(text == QLatin1String("true"));
+        return Json(value.boolean());
     case CipKind::Signed:
-        return Json(text.toLongLong());
+        return Json(value.signedNumber());
     case CipKind::Unsigned:
-        return Json(text.toULongLong());
     case CipKind::Bits:
-        return Json(text.toULongLong(nullptr, 16));
-    case CipKind::Real: {
-        // From the text, whose digits are as many as the type has.
-        const double value = text.toDouble();
-        return std::isfinite(value) ? Json(value) : jsonOf(text);
-    }
+        return Json(value.unsignedNumber());
+    case CipKind::Real:
+        if (std::isfinite(value.number()))
+            return Json(value.number());
+        break;
     case CipKind::String:
         break;
     }
-    return jsonOf(text);
+    return jsonOf(valueText(value));
 }
 
-Json jsonOf(const CipType& type, const QVector<QByteArray>& elements)
+Json jsonOf(const QVector<CipValue>& values)
 {
-    if (elements.size() == 1)
-        return jsonOf(type, elements.first());
+    if (values.size() == 1)
+        return jsonOf(values.first());
     Json all = Json::array();
-    for (const QByteArray& element : elements)
-        all.push_back(jsonOf(type, element));
+    for (const CipValue& value : values)
+        all.push_back(jsonOf(value));
     return all;
 }
 

@@ -1,9 +1,8 @@
 #ifndef MICRO850_HOST_OUTPUT_H
 #define MICRO850_HOST_OUTPUT_H
 
-#include "CipType.h"
+#include "CipValue.h"
 
-#include <QtCore/QByteArray>
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
@@ -57,10 +56,10 @@ private:
 QString progressText(const QString& what, int done, int total);
 
 Json jsonOf(const QString& text);
-/// One element: true or false, a number, a text; a real number that is not finite is a text.
-Json jsonOf(const CipType& type, const QByteArray& element);
-/// The element, or the array of several.
-Json jsonOf(const CipType& type, const QVector<QByteArray>& elements);
+/// True or false, a number, or a text; a real number that is not finite is a text.
+Json jsonOf(const CipValue& value);
+/// The value, or the array of several.
+Json jsonOf(const QVector<CipValue>& values);
 
 } // namespace micro850::host
 

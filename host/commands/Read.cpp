@@ -26,13 +26,14 @@ void tell(const Output& output, const Target& target, const CipType& type,
 {
     for (int i = 0; i < elements.size(); ++i) {
         const QString name = target.address.elementName(i);
+        const CipValue value = decodeElement(type, elements.at(i));
         const Json object = {{"name", name.toStdString()},
                              {"station", target.tag.station},
                              {"tag", target.tag.name.toStdString()},
                              {"element", target.address.element + i},
                              {"type", type.name},
-                             {"value", jsonOf(type, elements.at(i))}};
-        output.data(object, name + QStringLiteral(" = ") + shownText(type, elements.at(i)));
+                             {"value", jsonOf(value)}};
+        output.data(object, name + QStringLiteral(" = ") + shownText(type, value));
     }
 }
 

@@ -48,7 +48,7 @@ void encode(Write& write, const CipType& type)
 {
     requireWritable(type, write.target.address.tag);
     try {
-        write.value = elementFromText(type, write.text);
+        write.value = encodeElement(type, parseElement(type, write.text));
     } catch (const UserError& error) {
         throw UserError(write.name().toStdString() + ": " + error.what());
     }
@@ -90,12 +90,13 @@ void carryOut(const Write& write, Session& session, const WriteOptions& options,
                    {"tag", tag.name.toStdString()},
                    {"element", write.element()},
                    {"type", type.name},
-                   {"written", jsonOf(type, write.value)}};
+                   {"written", jsonOf(decodeElement(type, write.value))}};
     if (options.verify) {
-        object["value"] = jsonOf(type, now);
+        object["value"] = jsonOf(decodeElement(type, now));
         object["verified"] = now == write.value;
     }
-    const QString line = write.name() + QStringLiteral(" = ") + shownText(type, now);
+    const QString line =
+        write.name() + QStringLiteral(" = ") + shownText(type, decodeElement(type, now));
     if (now == write.value) {
         output.data(object, line);
         return;

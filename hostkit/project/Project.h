@@ -9,13 +9,6 @@
 
 namespace micro850::host {
 
-/// True for a type whose values are shown as numbers.
-inline bool isNumber(const CipType& type)
-{
-    return type.kind == CipKind::Signed || type.kind == CipKind::Unsigned ||
-           type.kind == CipKind::Real;
-}
-
 /// How often a variable is read.
 enum class PollMode { Cyclic, Once };
 
@@ -39,6 +32,8 @@ struct Variable
     QString unit;
 
     bool isScaled() const { return gain != 1 || offset != 0; }
+    /// True when values of this type are scaled: only numbers are.
+    bool scales(const CipType& of) const { return isScaled() && isNumber(of); }
 };
 
 struct StationSettings

@@ -1,8 +1,5 @@
 #include "ValueStore.h"
 
-#include "Duration.h"
-#include "UserError.h"
-
 #include <algorithm>
 #include <limits>
 
@@ -10,24 +7,9 @@ namespace micro850::host {
 
 namespace {
 
-// Value text that the types themselves know: of a duration the number of its units.
-std::string plainValue(const CipType& type, const QString& text)
+QString scaledText(double value)
 {
-    const int perUnit = microsecondsPerUnit(type);
-    const bool duration = perUnit != 0 && text.contains('P');
-    if (!duration) {
-        if (QString::fromLatin1(text.toLatin1()) == text)
-            return text.toLatin1().toStdString();
-        throw UserError('"' + text.toStdString() + "\" is not a value of type " + type.name +
-                        " (characters up to U+00FF)");
-    }
-    const std::optional<qint64> microseconds = durationFromText(text);
-    if (microseconds && *microseconds % perUnit == 0)
-        return std::to_string(*microseconds / perUnit);
-    throw UserError('"' + text.toStdString() + "\" is not a value of type " + type.name +
-                    " (an ISO 8601 duration of whole " +
-                    (perUnit == 1 ? "microseconds" : "milliseconds") +
-                    ", such as PT2.5S or P1DT12H)");
+    return QString::number(value, 'g', kScaledDigits);
 }
 
 } // namespace
@@ -105,23 +87,43 @@ Quality ValueStore::quality(int variable, Duration now, bool alive) const
     return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
 }
 
-QStringList ValueStore::texts(int variable) const
-{
-    return textsBy(elementText, variable);
-}
-
-QStringList ValueStore::textsBy(ElementText* elementText, int variable) const
+CipValue ValueStore::value(int variable, int index) const
 {
     const State& state = m_states.at(variable);
     const Variable& asked = m_project.variables.at(variable);
+    const CipValue value = decodeElement(*state.type, state.elements.at(index));
+    return asked.scales(*state.type) ? CipValue::ofReal(value.number() * asked.gain + asked.offset)
+                                     : value;
+}
+
+QVector<CipValue> ValueStore::values(int variable) const
+{
+    const State& state = m_states.at(variable);
+    QVector<CipValue> values;
+    for (int i = 0; i < state.elements.size(); ++i) {
+        if (state.times.at(i))
+            values.append(value(variable, i));
+    }
+    return values;
+}
+
+QStringList ValueStore::texts(int variable) const
+{
+    return textsBy([](const CipType&, const CipValue& value) { return valueText(value); },
+                   variable);
+}
+
+QStringList ValueStore::textsBy(TextOf* textOf, int variable) const
+{
+    const State& state = m_states.at(variable);
     QStringList texts;
     for (int i = 0; i < state.elements.size(); ++i) {
         if (!state.times.at(i))
             texts += QStringLiteral("?");
-        else if (asked.isScaled() && isNumber(*state.type))
-            texts += QString::number(scaled(asked, *state.type, state.elements.at(i)), 'g', 9);
+        else if (m_project.variables.at(variable).scales(*state.type))
+            texts += scaledText(value(variable, i).number());
         else
-            texts += elementText(*state.type, state.elements.at(i));
+            texts += textOf(*state.type, value(variable, i));
     }
     return texts;
 }
@@ -140,58 +142,16 @@ QString ValueStore::text(int variable) const
 double ValueStore::number(int variable) const
 {
     const State& state = m_states.at(variable);
-    const double none = std::numeric_limits<double>::quiet_NaN();
-    if (!state.times.first())
-        return none;
-    if (state.type->kind == CipKind::Boolean)
-        return state.elements.first().startsWith('\0') ? 0 : 1;
-    return isNumber(*state.type)
-               ? scaled(m_project.variables.at(variable), *state.type, state.elements.first())
-               : none;
+    const bool counts =
+        state.times.first() && (isNumber(*state.type) || state.type->kind == CipKind::Boolean);
+    return counts ? value(variable, 0).number() : std::numeric_limits<double>::quiet_NaN();
 }
 
-double scaled(const Variable& variable, const CipType& type, const QByteArray& element)
-{
-    return elementText(type, element).toDouble() * variable.gain + variable.offset;
-}
-
-QSet<int> ValueStore::takeChanged()
+QSet<int> ValueStore::popChanged()
 {
     QSet<int> changed;
     changed.swap(m_changed);
     return changed;
-}
-
-QVector<QByteArray> elementsOf(const CipType& type, const QByteArray& bytes)
-{
-    QVector<QByteArray> elements;
-    if (type.kind == CipKind::String) {
-        elements.append(bytes);
-        return elements;
-    }
-    for (int at = 0; at + type.size <= bytes.size(); at += type.size)
-        elements.append(bytes.mid(at, type.size));
-    return elements;
-}
-
-QString elementText(const CipType& type, const QByteArray& element)
-{
-    const Bytes bytes(element.begin(), element.end());
-    return QString::fromLatin1(QByteArray::fromStdString(textFromValue(type, bytes)));
-}
-
-QString shownText(const CipType& type, const QByteArray& element)
-{
-    const QString text = elementText(type, element);
-    const int perUnit = microsecondsPerUnit(type);
-    const qint64 units = perUnit == 0 ? 0 : text.toLongLong();
-    return perUnit == 0 ? text : durationText(units * perUnit);
-}
-
-QByteArray elementFromText(const CipType& type, const QString& text)
-{
-    const Bytes bytes = valueFromText(type, plainValue(type, text));
-    return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
 }
 
 } // namespace micro850::host

@@ -1,8 +1,10 @@
 #include "Recorder.h"
 
+#include "Elements.h"
 #include "UserError.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QLocale>
 #include <QtCore/QStringList>
 
 namespace micro850::host {
@@ -11,12 +13,21 @@ namespace {
 
 const char kHeading[] = "time,name,station,tag,element,type,value,unit,quality,error";
 
+QString fieldText(const std::optional<CipValue>& value)
+{
+    if (!value)
+        return QString();
+    return value->kind() == CipKind::Real
+               ? QString::number(value->number(), 'g', QLocale::FloatingPointShortest)
+               : valueText(*value);
+}
+
 class CsvRecorder : public Recorder
 {
 public:
     explicit CsvRecorder(const QString& path) : m_file(path)
     {
-        // Appended to, so that a restart loses nothing.
+        // Samples are appended, so that a restart loses nothing.
         if (!m_file.open(QIODevice::ReadWrite | QIODevice::Append))
             fail(QStringLiteral("cannot be written: ") + m_file.errorString());
         m_file.seek(0);
@@ -36,7 +47,7 @@ public:
                                     csvField(sample.tag),
                                     QString::number(sample.element),
                                     sample.type,
-                                    csvField(sample.value.toString()),
+                                    csvField(fieldText(sample.value)),
                                     csvField(sample.unit),
                                     sample.quality,
                                     csvField(sample.error)};

@@ -1,31 +1,14 @@
 #ifndef MICRO850_HOST_RECORDER_H
 #define MICRO850_HOST_RECORDER_H
 
-#include <QtCore/QDateTime>
-#include <QtCore/QString>
-#include <QtCore/QVariant>
+#include "Sample.h"
 
 #include <memory>
 
 namespace micro850::host {
 
-/// A variable at one time.
-struct Sample
-{
-    QDateTime time;
-    QString name;
-    int station;
-    QString tag;
-    int element;
-    QString type;
-    QVariant value; ///< a number, or a text; null without one
-    QString unit;
-    QString quality;
-    QString error;
-};
-
-/// Writes samples to a file, behind those that it has. What was flushed survives the end of the
-/// process, however it comes.
+/// Appends samples to a file. What was flushed survives the end of the process, even when it is
+/// killed.
 class Recorder
 {
 public:
@@ -40,7 +23,7 @@ public:
     static std::unique_ptr<Recorder> sqlite(const QString& path);
 };
 
-/// A field of a comma-separated line: quoted where it has to be.
+/// A field of a comma-separated line, quoted where necessary.
 QString csvField(const QString& text);
 
 } // namespace micro850::host

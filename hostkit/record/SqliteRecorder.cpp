@@ -1,7 +1,9 @@
 #include "Recorder.h"
 
+#include "Elements.h"
 #include "UserError.h"
 
+#include <QtCore/QVariant>
 #include <QtSql/QSqlDatabase>
 #include <QtSql/QSqlError>
 #include <QtSql/QSqlQuery>
@@ -11,13 +13,26 @@ namespace micro850::host {
 namespace {
 
 const char kConnection[] = "record";
-// The value has no type of its own, so that numbers stay numbers.
+// The column of the value declares no type, so that numbers stay numbers.
 const char kTable[] = "CREATE TABLE IF NOT EXISTS samples (time TEXT, name TEXT, station INTEGER, "
                       "tag TEXT, element INTEGER, type TEXT, value, unit TEXT, quality TEXT, "
                       "error TEXT)";
 const char kInsert[] = "INSERT INTO samples VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 
-/// The name of the connection, taken while this object lives and nothing uses it any more after.
+// Unsigned numbers are text: an integer of the database is signed. An empty text is NULL.
+QVariant columnValue(const std::optional<CipValue>& value)
+{
+    if (!value)
+        return QVariant();
+    if (value->kind() == CipKind::Signed)
+        return QVariant(static_cast<qlonglong>(value->signedNumber()));
+    if (value->kind() == CipKind::Real)
+        return QVariant(value->number());
+    const QString text = valueText(*value);
+    return text.isEmpty() ? QVariant() : QVariant(text);
+}
+
+/// Holds the name of the connection. It is destroyed after everything that uses the connection.
 struct ConnectionName
 {
     ConnectionName() { QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), kConnection); }
@@ -52,7 +67,7 @@ public:
 
     void add(const Sample& sample) override
     {
-        // One commit for many rows: each costs the disk a turn.
+        // One commit for many rows: each commit waits for the disk.
         if (!m_open && !m_database.transaction())
             fail(m_database.lastError());
         m_open = true;
@@ -62,7 +77,7 @@ public:
         m_insert.addBindValue(sample.tag);
         m_insert.addBindValue(sample.element);
         m_insert.addBindValue(sample.type);
-        m_insert.addBindValue(sample.value);
+        m_insert.addBindValue(columnValue(sample.value));
         m_insert.addBindValue(sample.unit);
         m_insert.addBindValue(sample.quality);
         m_insert.addBindValue(sample.error);
@@ -87,7 +102,7 @@ private:
         throw UserError((m_path + QStringLiteral(": ") + why).toStdString());
     }
 
-    ConnectionName m_name; // the last to go
+    ConnectionName m_name; // first, so that it is destroyed last
     QString m_path;
     QSqlDatabase m_database;
     QSqlQuery m_insert;

@@ -1,6 +1,6 @@
 // Values, tags and writes as a user types them, and values as a user reads them.
 
-#include "CipType.h"
+#include "CipValue.h"
 #include "TagAddress.h"
 #include "TagDirectory.h"
 #include "complaint.h"

@@ -233,7 +233,7 @@ void Soak::changeValues()
 
 void Soak::lookAtValues()
 {
-    for (const int variable : m_loop->values().takeChanged()) {
+    for (const int variable : m_loop->values().popChanged()) {
         if (variable >= kReadTags || !m_loop->values().wasRead(variable))
             continue;
         const std::string text = m_loop->values().text(variable).toStdString();

@@ -1,5 +1,6 @@
 #include "TagTable.h"
 
+#include "CipValue.h"
 #include "UserError.h"
 #include "bytes.h"
 

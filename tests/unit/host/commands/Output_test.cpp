@@ -1,17 +1,19 @@
 #include "Output.h"
 
+#include "Elements.h"
 #include "wire.h"
 
 #include <gtest/gtest.h>
 
 using namespace micro850::host;
+using micro850::CipValue;
 using wire::hex;
 
 namespace {
 
 std::string json(const char* type, const char* bytes)
 {
-    return jsonOf(micro850::cipTypeNamed(type), hex(bytes)).dump();
+    return jsonOf(decodeElement(micro850::cipTypeNamed(type), hex(bytes))).dump();
 }
 
 } // namespace
@@ -38,13 +40,14 @@ TEST(Json, HasNoNumberForWhatIsNotFinite)
     EXPECT_EQ(json("REAL", "00 00 80 7F"), R"("inf")");
     EXPECT_EQ(json("REAL", "00 00 80 FF"), R"("-inf")");
     EXPECT_EQ(json("REAL", "00 00 C0 7F"), R"("nan")");
+    EXPECT_EQ(json("REAL", "00 00 C0 FF"), R"("-nan")");
 }
 
 TEST(Json, MakesAnArrayOfSeveralElements)
 {
-    const micro850::CipType& type = micro850::cipTypeNamed("INT");
-    EXPECT_EQ(jsonOf(type, QVector<QByteArray>{hex("01 00"), hex("FF FF")}).dump(), "[1,-1]");
-    EXPECT_EQ(jsonOf(type, QVector<QByteArray>{hex("01 00")}).dump(), "1");
+    const CipValue one = CipValue::ofSigned(1);
+    EXPECT_EQ(jsonOf(QVector<CipValue>{one, CipValue::ofSigned(-1)}).dump(), "[1,-1]");
+    EXPECT_EQ(jsonOf(QVector<CipValue>{one}).dump(), "1");
 }
 
 TEST(Progress, FillsItsBarWithTheWork)

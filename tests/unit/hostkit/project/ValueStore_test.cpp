@@ -68,11 +68,11 @@ TEST_F(ValueStoreTest, LivesThroughATypeThatSaysNoSize)
 TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
 {
     storeInts(0, "01 00 02 00 03 00 04 00", 5ms);
-    values.takeChanged();
+    values.popChanged();
     storeInts(0, "01 00 02 00 03 00 04 00", 6ms);
-    EXPECT_EQ(values.takeChanged(), QSet<int>());
+    EXPECT_EQ(values.popChanged(), QSet<int>());
     storeInts(0, "01 00 02 00 03 00 05 00", 7ms);
-    EXPECT_EQ(values.takeChanged(), (QSet<int>{kAll}));
+    EXPECT_EQ(values.popChanged(), (QSet<int>{kAll}));
     EXPECT_EQ(values.text(kAll), QString("[1, 2, 3, 5]"));
 }
 
@@ -111,59 +111,17 @@ TEST_F(ValueStoreTest, KeepsTheValueBesideAnErrorUntilTheNextGoodReply)
 TEST_F(ValueStoreTest, TellsWhatChangedOnceAndNothingThatDidNot)
 {
     storeInts(2, "0B 00", 100ms);
-    EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
+    EXPECT_EQ(values.popChanged(), (QSet<int>{kSingle, kAll}));
     storeInts(2, "0B 00", 200ms);
-    EXPECT_EQ(values.takeChanged(), QSet<int>());
+    EXPECT_EQ(values.popChanged(), QSet<int>());
     storeInts(2, "0C 00", 300ms);
-    EXPECT_EQ(values.takeChanged(), (QSet<int>{kSingle, kAll}));
+    EXPECT_EQ(values.popChanged(), (QSet<int>{kSingle, kAll}));
     values.setError(kText, "gone");
-    EXPECT_EQ(values.takeChanged(), QSet<int>{kText});
+    EXPECT_EQ(values.popChanged(), QSet<int>{kText});
 }
 
 TEST_F(ValueStoreTest, ShowsAStringAsText)
 {
     values.store({1, "Text"}, 0, micro850::cipTypeNamed("SHORT_STRING"), hex("03 50 E4 61"), 1ms);
     EXPECT_EQ(values.text(kText), QString::fromUtf8("Päa"));
-}
-
-TEST(ElementText, ShowsEachTypeInItsOwnWay)
-{
-    const auto text = [](const char* name, const char* bytes) {
-        return elementText(micro850::cipTypeNamed(name), hex(bytes)).toStdString();
-    };
-    EXPECT_EQ(text("BOOL", "01"), "true");
-    EXPECT_EQ(text("BOOL", "00"), "false");
-    EXPECT_EQ(text("SINT", "80"), "-128");
-    EXPECT_EQ(text("UINT", "FF FF"), "65535");
-    EXPECT_EQ(text("REAL", "00 00 AC 41"), "21.5");
-    EXPECT_EQ(text("ULINT", "FF FF FF FF FF FF FF FF"), "18446744073709551615");
-    EXPECT_EQ(text("WORD", "34 12"), "0x1234");
-}
-
-TEST(ShownText, WritesDurationsOutAndTheRestAsItIs)
-{
-    const auto text = [](const char* name, const char* bytes) {
-        return shownText(micro850::cipTypeNamed(name), hex(bytes)).toStdString();
-    };
-    EXPECT_EQ(text("TIME", "C4 09 00 00"), "PT2.5S");
-    EXPECT_EQ(text("STIME", "18 FC FF FF"), "-PT1S");
-    EXPECT_EQ(text("FTIME", "FA 00 00 00"), "PT0.00025S");
-    EXPECT_EQ(text("DINT", "C4 09 00 00"), "2500");
-    EXPECT_EQ(text("WORD", "34 12"), "0x1234");
-}
-
-TEST(ElementFromText, GivesTheBytesThatTheWireCarries)
-{
-    const auto bytes = [](const char* name, const char* text) {
-        return wire::text(elementFromText(micro850::cipTypeNamed(name), QString::fromUtf8(text)));
-    };
-    EXPECT_EQ(bytes("INT", "-2"), "FE FF");
-    EXPECT_EQ(bytes("REAL", "21.5"), "00 00 AC 41");
-    EXPECT_EQ(bytes("SHORT_STRING", "Pä"), "02 50 E4");
-}
-
-TEST(ElementsOf, CutsWholeElementsOnly)
-{
-    EXPECT_EQ(elementsOf(micro850::cipTypeNamed("INT"), hex("01 00 02 00 03")).size(), 2);
-    EXPECT_EQ(elementsOf(micro850::cipTypeNamed("SHORT_STRING"), hex("02 41 42")).size(), 1);
 }

@@ -9,12 +9,13 @@
 #include <sqlite3.h>
 
 using namespace micro850::host;
+using micro850::CipValue;
 
 namespace {
 
 const QDateTime kTime(QDate(2026, 3, 1), QTime(12, 30, 5, 250), Qt::UTC);
 
-Sample sample(const char* name, const QVariant& value)
+Sample sample(const char* name, const std::optional<CipValue>& value)
 {
     return {kTime, QString::fromUtf8(name), 1, "Tag", 3, "INT", value, "l/min", "good", ""};
 }
@@ -66,8 +67,8 @@ template<typename Action> std::string complaint(Action action)
 TEST_F(RecorderTest, WritesCommaSeparatedLinesUnderAHeading)
 {
     const auto recorder = Recorder::csv(path("v.csv"));
-    recorder->add(sample("Speed", 1234));
-    recorder->add(sample("a,\"b\"", "x y"));
+    recorder->add(sample("Speed", CipValue::ofSigned(1234)));
+    recorder->add(sample("a,\"b\"", CipValue::ofText("x y")));
     recorder->flush();
     EXPECT_EQ(text("v.csv"), "time,name,station,tag,element,type,value,unit,quality,error\n"
                              "2026-03-01T12:30:05.250Z,Speed,1,Tag,3,INT,1234,l/min,good,\n"
@@ -75,16 +76,16 @@ TEST_F(RecorderTest, WritesCommaSeparatedLinesUnderAHeading)
                              "\n");
 }
 
-TEST_F(RecorderTest, GoesOnBehindWhatTheFileHas)
+TEST_F(RecorderTest, AppendsToAFileThatHasSamples)
 {
-    Recorder::csv(path("v.csv"))->add(sample("A", 1));
-    Recorder::csv(path("v.csv"))->add(sample("B", 2));
+    Recorder::csv(path("v.csv"))->add(sample("A", CipValue::ofSigned(1)));
+    Recorder::csv(path("v.csv"))->add(sample("B", CipValue::ofSigned(2)));
     EXPECT_EQ(text("v.csv"), "time,name,station,tag,element,type,value,unit,quality,error\n"
                              "2026-03-01T12:30:05.250Z,A,1,Tag,3,INT,1,l/min,good,\n"
                              "2026-03-01T12:30:05.250Z,B,1,Tag,3,INT,2,l/min,good,\n");
 }
 
-TEST_F(RecorderTest, LeavesAFileOfAnotherKindAlone)
+TEST_F(RecorderTest, RefusesAFileWithAnotherHeadingAndLeavesItUnchanged)
 {
     QFile other(path("v.csv"));
     ASSERT_TRUE(other.open(QIODevice::WriteOnly));
@@ -100,15 +101,18 @@ TEST_F(RecorderTest, KeepsNumbersAsNumbersInADatabase)
 {
     {
         const auto recorder = Recorder::sqlite(path("v.db"));
-        recorder->add(sample("Speed", 1234));
-        recorder->add(sample("Temperature", 21.5));
-        recorder->add(sample("Name", "Apple"));
-        recorder->add(sample("Never", QVariant()));
+        recorder->add(sample("Speed", CipValue::ofSigned(1234)));
+        recorder->add(sample("Temperature", CipValue::ofReal(21.5)));
+        recorder->add(sample("Name", CipValue::ofText("Apple")));
+        recorder->add(sample("Never", std::nullopt));
+        recorder->add(sample("Count", CipValue::ofUnsigned(~quint64{0})));
+        recorder->add(sample("Empty", CipValue::ofText("")));
         recorder->flush();
     }
     EXPECT_EQ(query("v.db", "SELECT name, typeof(value), value FROM samples ORDER BY rowid"),
               (std::vector<std::string>{"Speed|integer|1234", "Temperature|real|21.5",
-                                        "Name|text|Apple", "Never|null|NULL"}));
+                                        "Name|text|Apple", "Never|null|NULL",
+                                        "Count|text|18446744073709551615", "Empty|null|NULL"}));
     EXPECT_EQ(
         query("v.db", "SELECT * FROM samples WHERE name = 'Speed'"),
         std::vector<std::string>{"2026-03-01T12:30:05.250Z|Speed|1|Tag|3|INT|1234|l/min|good|"});
@@ -119,14 +123,14 @@ TEST_F(RecorderTest, CommitsWithEachFlushAndAtTheEnd)
     const char count[] = "SELECT count(*) FROM samples";
     {
         const auto recorder = Recorder::sqlite(path("v.db"));
-        recorder->add(sample("A", 1));
+        recorder->add(sample("A", CipValue::ofSigned(1)));
         EXPECT_EQ(query("v.db", count), std::vector<std::string>{"0"});
         recorder->flush();
         EXPECT_EQ(query("v.db", count), std::vector<std::string>{"1"});
-        recorder->add(sample("B", 2));
+        recorder->add(sample("B", CipValue::ofSigned(2)));
     }
     EXPECT_EQ(query("v.db", count), std::vector<std::string>{"2"});
-    Recorder::sqlite(path("v.db"))->add(sample("C", 3));
+    Recorder::sqlite(path("v.db"))->add(sample("C", CipValue::ofSigned(3)));
     EXPECT_EQ(query("v.db", count), std::vector<std::string>{"3"});
 }
 
@@ -151,6 +155,6 @@ TEST_F(RecorderTest, NamesAFileThatCannotBeWritten)
 int main(int argc, char** argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
-    QCoreApplication application(argc, argv); // Qt SQL finds its driver by it
+    QCoreApplication application(argc, argv); // through it Qt SQL finds its driver
     return RUN_ALL_TESTS();
 }
