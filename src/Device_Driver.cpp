@@ -23,7 +23,7 @@ namespace {
 
 // ---- Send scheduler: caller holds listMutex -----------------------------------------------------
 
-// Writes, and one-shot reads, in a row before the next list has its turn.
+// So many writes, or one-shot reads, are served in a row before the next list has its turn.
 const int kLongestBurst = 5;
 
 Protocol* headOfQueue()
@@ -56,7 +56,8 @@ int sizeOf(const QList<RW_VAR>& list)
     return list.size();
 }
 
-// The first request of an enabled station; those before it are deleted. Null when none is left.
+// Returns the first request of an enabled station and deletes those before it. Null when none is
+// left.
 RW_VAR* firstEnabled(QList<RW_VAR>& list)
 {
     RW_VAR* head = headOf(list);
@@ -67,8 +68,8 @@ RW_VAR* firstEnabled(QList<RW_VAR>& list)
     return head;
 }
 
-// The first cyclic request of an enabled station; those before it are rotated. Null when every
-// station is disabled.
+// Returns the first cyclic request of an enabled station and moves those before it to the end. Null
+// when every station is disabled.
 RW_VAR* nextCyclic(RW_VAR* head)
 {
     if (!Ethernetcontains(head->stationNo))
@@ -85,8 +86,8 @@ RW_VAR* nextCyclic(RW_VAR* head)
     return nullptr;
 }
 
-// The tag's class must be known before its value can be shaped, so a read of its first element goes
-// out instead; the write itself stays queued.
+// A value can be converted only when the tag's class is known. Until then a read of the tag's first
+// element is sent, and the write stays queued.
 void learnClass(RW_VAR request)
 {
     PLC_driver.currentList = driverstate::kCyclicRead;
@@ -196,7 +197,7 @@ enum FinishStatus { kStatusDone = 1, kStatusFailed = 2 };
 
 const int kConnectionAttempts = 4;
 const int kJudgements = 11;
-// A length that no reply has: the next call fails with a length error.
+// No reply has this length, so the next call fails with a length error.
 const int kNoReplyLength = 999;
 
 void increment(int& word)
@@ -257,8 +258,8 @@ bool continuesLater(const QList<RW_VAR>& list)
     return false;
 }
 
-// A variable that is split into several entries is reported done once, behind its last; a failure
-// is reported at once.
+// A variable that is split into several entries is reported done once, after its last entry. A
+// failure is reported at once.
 void notifyFinished(const RW_VAR& request, bool last)
 {
     const bool failed = driverstate::failed();
@@ -285,7 +286,7 @@ void retire(QList<RW_VAR>& list, bool callBack)
     removeHead(list);
 }
 
-// A cyclic request stays, behind all others.
+// A cyclic request stays in the list and moves to its end.
 void retireCyclic()
 {
     LeafLocker lock(driverstate::leaf);
@@ -409,7 +410,7 @@ void finishTransaction(QByteArray* reply, int length, int station)
         handleFailure(code, local, station);
 }
 
-// What the reply's length says before its content is looked at.
+// Judges a reply by its length alone.
 ReplyOutcome judgeLength(int length)
 {
     if (PLC_driver.sendQueue.isEmpty())
@@ -535,7 +536,7 @@ void customMessageHandler(QtMsgType, const char* message)
 {
     static QMutex logMutex;
     static bool check = true;
-    // A message that the writing itself causes would wait for the lock that its cause holds.
+    // Writing may itself cause a message, which would wait for ever for the lock.
     static __thread bool writing = false;
     if (writing)
         return;
@@ -549,8 +550,8 @@ void customMessageHandler(QtMsgType, const char* message)
         if (opened) {
             const QDateTime now = QDateTime::currentDateTime();
             QTextStream line(&file);
-            // Put together by hand: Qt 5 drops a fraction's trailing zeros where Qt 4 writes the
-            // milliseconds as a number.
+            // The milliseconds are written as a number, as Qt 4 does; Qt 5's own format drops a
+            // fraction's trailing zeros.
             line << now.toString(QLatin1String("yyyy.MM.dd.hh:mm:ss.")) << now.time().msec() << ':'
                  << QString::fromLatin1(message) << '\n';
             line.flush();
@@ -569,7 +570,7 @@ void PassVarName(QList<varName>* list)
     for (int i = 0; i < list->size(); ++i) {
         if (list->at(i).kind != kIndexed)
             continue;
-        // Name by name, so that a value or a frame waits for one of them only.
+        // The lock is taken for each name, so that a value or a frame waits for one of them only.
         LeafLocker lock(tagstore::leaf);
         plcAddList.insert(list->at(i).name, list->at(i));
     }

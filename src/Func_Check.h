@@ -20,7 +20,7 @@ MICRO850_EXPORT unsigned short CalSUM(unsigned char* data, unsigned short length
 MICRO850_EXPORT unsigned short CalCRC(unsigned char* data, unsigned short length);
 /// Longitudinal redundancy check, 1 to 256: a sum that is a multiple of 256 gives 256, not 0.
 MICRO850_EXPORT int CalLRC(unsigned char* data, unsigned short length);
-/// XOR of the bytes. Byte 0 is read even for `length` 0; a null `data` gives 0.
+/// XOR of the bytes. Byte 0 is read even if `length` is 0; a null `data` gives 0.
 MICRO850_EXPORT unsigned char CalXOR(unsigned char* data, unsigned short length);
 /// Hexadecimal digit of a value 0 to 15; no range check.
 MICRO850_EXPORT int DigitalToASCII(int value);

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What of an undoubled reply is stored; `bytes` points into the reply.
+/// The part of an undoubled reply that is stored; `bytes` points into the reply.
 struct ReplyValue
 {
     quint8 typeLow;
@@ -33,7 +33,7 @@ ReplyValue valueOf(const QByteArray& reply, int dataStart)
     return value;
 }
 
-// The type is learnt from the first good reply and never rewritten.
+// The first good reply determines the type. It is never changed afterwards.
 void confirmType(QByteArray& info, const ReplyValue& value)
 {
     if (tagstore::isConfirmed(info))
@@ -45,8 +45,7 @@ void confirmType(QByteArray& info, const ReplyValue& value)
     info[tagstore::kConfirmation] = '\xFF';
 }
 
-// Byte position of the reply's first value byte in the tag's image, -1 where nothing is to be
-// stored.
+// Byte position of the reply's first value byte in the tag's image, -1 if nothing is to be stored.
 qint64 positionFor(const RW_VAR& request, int typeClass)
 {
     if (request.reqFlag == 0)
@@ -61,9 +60,8 @@ qint64 positionFor(const RW_VAR& request, int typeClass)
     return position;
 }
 
-// Elements stand in the image as in the reply, so a run of them is copied as it is, a partial last
-// element up to the end of the reply. The image only grows; bytes outside the run keep their
-// values.
+// Image and reply have the same layout, so the bytes are copied as they are, including a last
+// element that the reply holds in part. The image only grows; its other bytes keep their values.
 void storeValue(PLCTAGCOMMUNICATION& station, const QString& tagName, qint64 position,
                 const ReplyValue& value)
 {

@@ -35,7 +35,7 @@ struct StoredValue
     QByteArray image;
 };
 
-// One step for the store, so that class and bytes belong together.
+// The lock is held throughout, so that class and bytes belong together.
 StoredValue storedValue(const QString& name, const QString& addressText, int station, int count)
 {
     LeafLocker lock(tagstore::leaf);
@@ -86,13 +86,13 @@ void copyBytes(QByteArray& out, const QByteArray& image, qint64 position, int si
 /// when no element is asked for or the class is not known.
 void toHostLayout(QByteArray& out, const StoredValue& value, int hostCount)
 {
-    // No image reaches the largest value, so that any index beyond it, and as an unsigned number
-    // any below 0, reads as 00.
+    // An index beyond the largest value reads as 00, since no image reaches that far. So does an
+    // index below 0, which is larger still as an unsigned number.
     unsigned int position = qMin(static_cast<unsigned int>(value.address.startAddress),
                                  static_cast<unsigned int>(tagstore::kLargestValue));
     unsigned int elements = static_cast<unsigned int>(served(value.address.count));
     getPlcAdd(value.typeClass, position, elements);
-    // Of a string the host gets two characters for each word of its own count.
+    // A string gives the host two characters for each word of the count that it passed.
     if (value.typeClass == tagstore::kShortString && elements != 0)
         elements = 2 * static_cast<unsigned int>(served(hostCount));
     const int elementSize =

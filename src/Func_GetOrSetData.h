@@ -5,16 +5,17 @@
 
 #include "Device_Driver.h"
 
-/// Queues a write of `value` (host layout, `count` 16-bit words) when ComInfo::writeMode is 2 and
-/// returns the length of the write list; in any other mode nothing is queued and the result is 1.
-/// Any thread; takes `listMutex` for a moment, so not from a callback.
+/// Queues a write of `value` (host layout, `count` 16-bit words) if ComInfo::writeMode is 2 and
+/// returns the length of the write list. In any other mode queues nothing and returns 1. Any
+/// thread, but not from a callback, since it takes `listMutex`.
 MICRO850_ENTRY int SetRegisterData(const QString& name, int areaType, const QString& addressText,
                                    int station, const QByteArray& value, int count, int varType,
                                    int varIndex);
 
-/// Fills `out` with the stored value in host layout and returns 1; with an unconnected station or
-/// an unknown tag fills it with `count` x 2 zero bytes and returns 0. The second argument is not
-/// read. Never touches the line. Any thread, callbacks included; holds `dataMutex` while it works.
+/// Fills `out` with the stored value in host layout and returns 1. If the station is not connected
+/// or the tag is unknown, fills it with `count` x 2 zero bytes and returns 0. Does not read the
+/// second argument and never waits for the line. Any thread, callbacks included. Holds `dataMutex`
+/// while it works.
 MICRO850_ENTRY int GetRegisterData(const QString& name, int ignored, const QString& addressText,
                                    int station, QByteArray& out, int count);
 

@@ -10,7 +10,7 @@ void* RWI = nullptr;
 
 namespace {
 
-// The write and one-shot lists take no more records than this.
+// The write list and the one-shot list hold at most so many records.
 const int kLongestQueue = 1024;
 const int kElementsPerRequest = 15;
 // No controller has a longer array: a longer run comes from a mistaken count and is not cut into
@@ -266,7 +266,7 @@ int AddListOnceReadVar(RW_VAR* request, int mode)
             request->stationNo = PLC_driver.comInfo->defaultStation;
         updateRwVar(request);
     }
-    // Without listMutex, which the caller may hold.
+    // listMutex is not taken, since the caller may hold it.
     LeafLocker lock(driverstate::leaf);
     QList<RW_VAR>& reads = PLC_driver.onceReadList;
     if (request && reads.size() < kLongestQueue && !isQueuedOnce(*request))

@@ -17,18 +17,19 @@ struct HOSTVAR
     int count; ///< elements, or 16-bit host words
 };
 
-// ---- Configuration: while no other call is running, but for what says otherwise -----------------
+// ---- Configuration: while no other call is running, unless stated otherwise ---------------------
 
-/// Keeps the host's settings record, words 10 and 13 of which it clears. Null takes it away: the
-/// poll cycle then stands still.
+/// Keeps the address of the host's settings record and clears its words 10 and 13. Null removes it:
+/// the poll cycle then sends nothing.
 MICRO850_ENTRY void SetComInfo(ComInfo* info);
 /// Keeps the two callbacks; either may be null.
 MICRO850_ENTRY void RegistCallBackFuncIntf(FinishCallback finish, RefreshCallback refresh);
 /// Keeps the addresses of the host's memory areas. The driver never reads through them.
 MICRO850_ENTRY void FlashLocalRegister(void* lb, void* lw, void* rwi);
-/// Enables (1) or disables (0) a station, below 0 enables all. Any thread; takes `stationMutex`.
+/// Enables (1) or disables (0) a station. A negative station enables all. Any thread; takes
+/// `stationMutex`.
 MICRO850_ENTRY void EnCommStation(int station, int enable);
-/// Always -1; the arguments are not read. Any thread.
+/// Always -1. Does not read its arguments. Any thread.
 MICRO850_ENTRY int PLCAddressChangeIntef(...);
 
 extern MICRO850_EXPORT void* LB;
@@ -41,31 +42,32 @@ MICRO850_EXPORT bool Ethernetcontains(int station);
 MICRO850_EXPORT int StringAddressToInt(int kind, QString text);
 
 // ---- Request lists ------------------------------------------------------------------------------
-// Each returns the length of its list after the operation; a null record adds nothing.
+// Each returns the length of its list after the operation. A null record adds nothing.
 
 /// Appends to the cyclic list. Any thread; takes none of the named mutexes.
 MICRO850_ENTRY int AddListReadVar(RW_VAR* request);
-/// Appends to the write list (`mode` 1), else first looks for a queued write of the same station,
-/// area, start and count behind the head and overwrites it. At 1024 records a new one is dropped.
-/// Any thread but a callback's; takes `listMutex`.
+/// Appends to the write list if `mode` is 1. In other modes overwrites a queued write of the same
+/// station, area, start and count if there is one after the head, and appends otherwise; a list of
+/// 1024 records drops the new one. Any thread, but not from a callback, since it takes `listMutex`.
 MICRO850_ENTRY int AddListWriteVar(RW_VAR* request, int mode);
-/// Appends to the one-shot list unchanged (`mode` 1, under `listMutex`), else completes `*request`
-/// (station, element, flags) and appends it unless it is queued already or 1024 are. Any thread;
-/// the second form takes none of the named mutexes: callbacks, and who holds `listMutex`, may use
-/// it.
+/// Appends the request to the one-shot list. With `mode` 1 appends it unchanged; takes `listMutex`.
+/// In other modes completes `*request` first (station, element, flags) and drops it if it is queued
+/// already or if 1024 are. This takes none of the named mutexes, so that a callback and a caller
+/// that holds `listMutex` may use it. Any thread.
 MICRO850_ENTRY int AddListOnceReadVar(RW_VAR* request, int mode);
 /// Replaces the cyclic list by requests of at most 15 elements for the host's variables and
-/// restarts the poll cycle; an empty list only empties it. A null list, or variables without a
-/// settings record, change nothing. Any thread but a callback's; takes `listMutex`, for 1 ms with a
-/// thousand variables (x86-64) and longer, by the square, with more elements of one array.
+/// restarts the poll cycle. An empty list empties the cyclic list and does no more. A null list, or
+/// variables without a settings record, change nothing. Any thread, but not from a callback. Holds
+/// `listMutex` for 1 ms with a thousand variables (x86-64); the time grows by the square of the
+/// number of elements that one array has in the list.
 MICRO850_ENTRY int ReCreatReadVarList(QList<HOSTVAR>* hostList);
 
-/// Appends to the cyclic list blocks of `maxLength` elements cut from `run`, which keeps the rest;
-/// `appendRest` appends that too. Caller holds `listMutex`.
+/// Cuts blocks of `maxLength` elements from `run` and appends them to the cyclic list. `run` keeps
+/// the rest, which `appendRest` appends too. Caller holds `listMutex`.
 MICRO850_EXPORT void addressAdd(RW_VAR& run, int maxLength, bool appendRest);
 /// Merges one group, sorted by startAddress, into runs and cuts them. Caller holds `listMutex`.
 MICRO850_EXPORT void BitVarReCreat(QList<RW_VAR>& group, int maxLength);
-/// Sorts by startAddress, stable.
+/// Sorts by startAddress; equal ones keep their order.
 MICRO850_EXPORT void Bubble_Sort(QList<RW_VAR>& group);
 
 #endif

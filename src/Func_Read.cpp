@@ -7,19 +7,19 @@
 
 namespace {
 
-// Head of a connected Read Tag Fragmented request up to its symbol segment code; header bytes 8, 9,
-// 12, 13, 14 and path size 17 are patched.
+// Head of a connected Read Tag Fragmented request up to the code of its symbol segment. Header
+// bytes 8, 9, 12, 13 and 14 and the path size at 17 are patched.
 const char kReadTemplate[] = "10 06 10 02 00 01 0A 00 48 00 00 00 76 61 4F 45 52 06 91";
 
-/// What an encoder needs of the station's record.
+/// What the encoder needs to know of the station.
 struct ReadContext
 {
     frame::Header header;
     int typeClass;
 };
 
-// Caller holds the store's leaf lock. A class that no reply confirmed is forgotten, so that the
-// first read of a tag always asks for a single element.
+// Forgets a class that no reply confirmed, so that the first read of a tag always asks for one
+// element. Caller holds the store's leaf lock.
 int classForRead(PLCTAGCOMMUNICATION& station, const QString& tagName)
 {
     QByteArray& info = station.tagInfo[tagName];
@@ -42,7 +42,7 @@ ReadContext contextOf(const RW_VAR& request)
     return context;
 }
 
-// `count` is in 16-bit words for the wide classes: a single 32-bit value has 2, a single 64-bit 4.
+// In the wide classes `count` is in 16-bit words: 2 for one 32-bit value, 4 for one 64-bit value.
 int elementCountForRead(const RW_VAR& request, int typeClass)
 {
     const bool once = request.onceFlag != 0;

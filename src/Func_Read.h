@@ -5,9 +5,9 @@
 
 #include "Device_Driver.h"
 
-/// Queues one Read Tag Fragmented frame for the request and sets frameCount 1, framesAnswered 0.
-/// A tag whose class is not confirmed is asked for one element. Caller holds `listMutex`; a null
-/// request queues nothing.
+/// Queues one Read Tag Fragmented frame for the request and sets frameCount to 1 and framesAnswered
+/// to 0. Asks for one element if the tag's class is not confirmed. A null request queues nothing.
+/// Caller holds `listMutex`.
 MICRO850_EXPORT void ReadRegister(RW_VAR* request);
 
 #endif

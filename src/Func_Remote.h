@@ -1,7 +1,7 @@
 #ifndef MICRO850_FUNC_REMOTE_H
 #define MICRO850_FUNC_REMOTE_H
 
-// Handlers of requests on remote links; this driver has none, so they do nothing.
+// Handlers of requests on remote links. This driver serves no remote link, so they do nothing.
 
 #include "Device_Driver.h"
 

@@ -7,10 +7,11 @@
 
 namespace {
 
-// Head of a connected Write Tag Fragmented request, patched as the read request's.
+// Head of a connected Write Tag Fragmented request up to the code of its symbol segment. The same
+// bytes are patched as in a read request.
 const char kWriteTemplate[] = "10 06 10 02 00 01 0A 00 A4 00 00 00 B5 9C AB 45 53 07 91";
 
-/// What the encoder needs of the station's record.
+/// What the encoder needs to know of the station.
 struct WriteContext
 {
     frame::Header header;

@@ -5,10 +5,9 @@
 
 #include "Device_Driver.h"
 
-/// Queues one Write Tag Fragmented frame for the request, whose `data` is brought into the layout
-/// of the tag's class in place, then calls the refresh callback. Always queues a frame, for an
-/// unconfirmed class with the type code 00 00 and `data` unchanged. Caller holds `listMutex`; a
-/// null request queues nothing.
+/// Converts the request's `data` to the layout of the tag's class, queues one Write Tag Fragmented
+/// frame and calls the refresh callback. If the class is not confirmed, the frame has the type code
+/// 00 00 and `data` as it is. A null request queues nothing. Caller holds `listMutex`.
 MICRO850_EXPORT void WriteRegister(RW_VAR* request);
 
 #endif

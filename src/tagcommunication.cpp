@@ -16,7 +16,7 @@ void queueSetupFrame(QByteArray frame, int replyLength, int station)
     driverstate::queue(frame, replyLength, 0, request);
 }
 
-// Appended, not assigned: the identifier is empty when a set-up begins.
+// Appends, as the identifier is empty when a set-up begins.
 void keepConnectionId(int station, const QByteArray& reply)
 {
     const QByteArray id = connection::identifierIn(reply);
@@ -115,7 +115,8 @@ int get_random_number()
 int HandshakeFunction(const int& station)
 {
     const unsigned short transaction = tagstore::transactionOf(station);
-    // Wraps to 0 unlike the counter; the Identity reply patches it to the counter's own next value.
+    // Wraps to 0, which the counter does not. After the Identity reply the request is renumbered to
+    // the counter's own next value.
     const unsigned short next = static_cast<unsigned short>(transaction + 1);
     queueSetupFrame(connection::identityRequest(transaction), connection::kIdentityReplySize,
                     station);

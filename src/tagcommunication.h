@@ -16,24 +16,25 @@ struct PLCTAGCOMMUNICATION
     QMap<QString, QByteArray> tagInfo;
 };
 
-/// Keyed by station number. Every lookup creates the station, so no function reports an unknown
-/// one.
+/// Keyed by station number. Every lookup creates the station, so no function reports that one is
+/// unknown.
 extern MICRO850_EXPORT QMap<int, PLCTAGCOMMUNICATION> PLCDataStorage;
 
 // ---- Tag store: any thread, each call one step --------------------------------------------------
 
-/// Puts a fresh record (counter 1, nothing known) in the station's place. Always 1.
+/// Replaces the station's record by a fresh one: counter 1, nothing known. Always 1.
 MICRO850_EXPORT int AddTheTagInformationContainer(const int& station);
-/// True while the station is connected; a station never seen gets a fresh record.
+/// True while the station is connected. A station without a record gets a fresh one.
 MICRO850_EXPORT bool getHandshakeInformation(const int& station);
-/// Marks the station connected, or not connected and forgets its connection identifier. Always 1.
+/// Marks the station connected, or marks it not connected and forgets its connection identifier.
+/// Always 1.
 MICRO850_EXPORT int setHandshakeInformation(const int& station, bool flag);
-/// Advances the station's transaction counter: 1 to 65535, never 0. Always 1.
+/// Advances the station's transaction counter: 1 follows 65535. Always 1.
 MICRO850_EXPORT int addPlcNumber(int station);
 
-/// True when a value of the tag is stored.
+/// True if a value of the tag is stored.
 MICRO850_EXPORT bool getTagData(RW_VAR* request);
-/// True when the tag's type class was confirmed by a reply.
+/// True if a reply confirmed the tag's type class.
 MICRO850_EXPORT bool getAddressType(RW_VAR* request);
 /// Type class 0 to 5 of a CIP type field (a leading 0xA3 is skipped); 2 for every other code.
 MICRO850_EXPORT int getRegType(const QByteArray& type);
@@ -45,20 +46,20 @@ MICRO850_EXPORT bool getPlcAdd(int type, unsigned int& address, unsigned int& co
 
 /// Queues the Identity and the Forward_Open request for the station. Always 1.
 MICRO850_EXPORT int HandshakeFunction(const int& station);
-/// 1 when the reply to the handshake frame in flight ends as a frame does, else 0. Advances the
-/// station's counter either way and carries forward what the next frame needs. No status is looked
-/// at.
+/// 1 if the reply to the set-up's frame in flight ends as a frame does, else 0. Advances the
+/// station's counter in both cases and keeps what the next frame needs. Checks no status.
 MICRO850_EXPORT int HandshakeFunctionCheck(const QByteArray* reply);
-/// 0 to 16777214, seeded anew from the seconds of the day: equal within one second.
+/// 0 to 16777214. The generator is seeded with the seconds of the day at each call, so that calls
+/// within one second return the same number.
 MICRO850_EXPORT int get_random_number();
 
 // ---- Frame integrity ----------------------------------------------------------------------------
 
-/// CRC of an undoubled frame given up to and including its DLE ETX.
+/// CRC of an undoubled frame that ends with its DLE ETX.
 MICRO850_EXPORT unsigned int checkDataCrc(QByteArray frame);
-/// false: the frame with the DLEs of its data doubled; true: with every pair of DLEs made one.
+/// false: doubles the DLEs of the frame's data; true: replaces every pair of DLEs by one.
 MICRO850_EXPORT QByteArray getRecoverData(const QByteArray& frame, bool undouble);
-/// 1 when the reply, as received, holds a complete frame with the right CRC, else 0.
+/// 1 if the reply, as received, holds a complete frame with the right CRC, else 0.
 MICRO850_EXPORT int DataIntegrityJudgment(const QByteArray* reply);
 
 #endif

@@ -10,7 +10,7 @@
 
 namespace {
 
-// Room for a request with a name of usual length and a short value; a longer one makes it grow.
+// Room for a request with a name of usual length and a short value; a longer request grows.
 const int kUsualSize = 96;
 
 // The shortest reply that can hold a frame, and the first place where its ETX can be.
