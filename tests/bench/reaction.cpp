@@ -3,7 +3,7 @@
 // driver talk to the simulated controller on virtual time, so that the figures show the protocol
 // and the strategy on a line of that speed and do not depend on the machine. Prints JSON.
 
-#include "paced_sim_line.h"
+#include "paced_simulated_line.h"
 
 #include "DriverLibrary.h"
 #include "PollLoop.h"
@@ -204,7 +204,7 @@ private:
     micro850::VirtualClock m_clock;
     micro850::sim::Controller m_controller;
     micro850::sim::FaultyLine m_line;
-    PacedSimLine m_port;
+    PacedSimulatedLine m_port;
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
     micro850::host::Project m_project;
     micro850::host::PollLoop m_loop;

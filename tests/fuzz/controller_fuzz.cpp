@@ -3,6 +3,7 @@
 // keep their types.
 
 #include "Controller.h"
+#include "byte_arrays.h"
 #include "controller_steps.h"
 #include "fuzz_check.h"
 #include "fuzz_input.h"
@@ -23,11 +24,6 @@ const char kTags[] = R"({"tags": [
     {"name": "Moving", "type": "REAL", "motion": {"kind": "ramp"}}
 ]})";
 
-Bytes bytesOf(const QByteArray& bytes)
-{
-    return Bytes(bytes.begin(), bytes.end());
-}
-
 class ControllerSession
 {
 public:
@@ -47,7 +43,7 @@ private:
     {
         switch (m_input.below(controller::kSteps)) {
         case controller::kRawBytes:
-            return m_controller.receive(bytesOf(m_input.block()));
+            return m_controller.receive(toBytes(m_input.block()));
         case controller::kMessage:
             return send(m_input.block());
         case controller::kUnconnected:
@@ -83,7 +79,7 @@ private:
                QByteArray(2, '\0');
     }
 
-    void send(const QByteArray& data) { m_controller.receive(bytesOf(wire::framed(data))); }
+    void send(const QByteArray& data) { m_controller.receive(toBytes(wire::framed(data))); }
 
     void sendBehind(const QByteArray& head) { send(head + m_input.block()); }
 
@@ -106,7 +102,7 @@ private:
     {
         const QByteArray tag = path();
         const quint16 count = m_input.byte();
-        m_controller.receive(bytesOf(wire::readRequest(next(), m_connection, tag, count)));
+        m_controller.receive(toBytes(wire::readRequest(next(), m_connection, tag, count)));
     }
 
     void write()
@@ -115,15 +111,14 @@ private:
         const auto type = static_cast<quint16>(0xC0 + m_input.below(0x1C));
         const quint16 count = m_input.byte();
         const quint16 transaction = next();
-        m_controller.receive(bytesOf(
+        m_controller.receive(toBytes(
             wire::writeRequest(transaction, m_connection, tag, type, count, m_input.block())));
     }
 
     // Every byte sent belongs to a control or to a frame with the right CRC.
     void checkSent(const Bytes& sent)
     {
-        const QByteArray line(reinterpret_cast<const char*>(sent.data()),
-                              static_cast<int>(sent.size()));
+        const QByteArray line = toByteArray(sent);
         for (int at = 0; at < line.size();) {
             FUZZ_CHECK(line.size() - at >= 2 && line.at(at) == '\x10');
             const char control = line.at(at + 1);

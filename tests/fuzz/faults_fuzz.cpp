@@ -4,6 +4,7 @@
 #include "Command.h"
 #include "FaultyLine.h"
 #include "Replay.h"
+#include "byte_arrays.h"
 #include "complaint.h"
 #include "fuzz_input.h"
 #include "wire.h"
@@ -14,11 +15,6 @@ namespace {
 
 using namespace micro850;
 using namespace micro850::sim;
-
-Bytes bytesOf(const QByteArray& bytes)
-{
-    return Bytes(bytes.begin(), bytes.end());
-}
 
 // More bytes and copies than this only cost time.
 bool isSmall(const FaultScript& script)
@@ -43,9 +39,9 @@ void runSession(const FaultScript& script)
         FUZZ_CHECK(!describe(event).empty());
     });
     const Bytes requests[] = {
-        bytesOf(wire::framed(wire::identityRequest(1))),
-        bytesOf(wire::framed(wire::forwardOpenRequest(2, 0xC61623))),
-        bytesOf(wire::readRequest(3, wire::hex("5A 3C"), wire::tagPath("Speed"), 1))};
+        toBytes(wire::framed(wire::identityRequest(1))),
+        toBytes(wire::framed(wire::forwardOpenRequest(2, 0xC61623))),
+        toBytes(wire::readRequest(3, wire::hex("5A 3C"), wire::tagPath("Speed"), 1))};
     for (const Bytes& request : requests) {
         line.receive(request);
         clock.advance(Duration(100000));
@@ -90,7 +86,7 @@ void checkReplay(const std::string& text)
     const std::vector<TraceRecord> trace = readTrace(in, "f.txt");
     Replay replay(trace, "f.txt");
     FUZZ_CHECK(replay.size() >= 1 && replay.size() <= trace.size());
-    Bytes request = bytesOf(wire::identityRequest(0x1234));
+    Bytes request = toBytes(wire::identityRequest(0x1234));
     if (const std::optional<Bytes> reply = replay.answer(request))
         FUZZ_CHECK(reply->size() >= 8 && (*reply)[4] == 0x34 && (*reply)[5] == 0x12);
 }

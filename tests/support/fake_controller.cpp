@@ -26,7 +26,7 @@ QByteArray extendedError(quint16 tns, quint8 service, quint8 status, quint16 ext
 
 FakeController::FakeController(FakeLine& line) : m_line(line)
 {
-    line.onSend = [this](const QByteArray& piece) { take(piece); };
+    line.onSend = [this](const QByteArray& piece) { handlePiece(piece); };
 }
 
 int FakeController::count(quint8 service, const char* tag) const
@@ -36,13 +36,13 @@ int FakeController::count(quint8 service, const char* tag) const
     }));
 }
 
-void FakeController::take(const QByteArray& piece)
+void FakeController::handlePiece(const QByteArray& piece)
 {
     const QByteArray data = wire::unframed(piece);
     if (data.isEmpty())
         return; // a control, or a damaged frame
     Request request = {wordAt(data, 4), 0, QByteArray(), 0, 0};
-    QByteArray reply = answer(data, request);
+    QByteArray reply = replyTo(data, request);
     requests.push_back(request);
     if (silent)
         return;
@@ -52,10 +52,10 @@ void FakeController::take(const QByteArray& piece)
         m_line.arrive(reply);
 }
 
-QByteArray FakeController::answer(const QByteArray& data, Request& request)
+QByteArray FakeController::replyTo(const QByteArray& data, Request& request)
 {
     if (byteAt(data, 2) == 0x0A)
-        return answerConnected(data, request);
+        return replyToConnected(data, request);
     request.service = byteAt(data, 8);
     if (request.service == 0x01)
         return wire::identityReply(request.tns);
@@ -63,7 +63,7 @@ QByteArray FakeController::answer(const QByteArray& data, Request& request)
     return wire::forwardOpenReply(request.tns, wire::hex("5A 3C"));
 }
 
-QByteArray FakeController::answerConnected(const QByteArray& data, Request& request)
+QByteArray FakeController::replyToConnected(const QByteArray& data, Request& request)
 {
     request.service = byteAt(data, 12);
     const int nameSize = byteAt(data, 15);

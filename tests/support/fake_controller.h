@@ -6,8 +6,9 @@
 #include <QtCore/QMap>
 #include <QtCore/QVector>
 
-/// A controller at the other end of a FakeLine, written from the protocol: it connects, reads and
-/// writes tags, and refuses what it does not have. It answers one millisecond after the request.
+/// A controller at the other end of a FakeLine, written from the protocol and independent of the
+/// simulator. It opens a connection, reads and writes tags, and refuses tags that it does not have.
+/// It answers one millisecond after the request.
 class FakeController
 {
 public:
@@ -31,20 +32,20 @@ public:
     QMap<QByteArray, Tag> tags;
     /// Every request that arrived intact, in order.
     std::vector<Request> requests;
-    /// Answers nothing at all while true.
+    /// While true, it answers nothing.
     bool silent = false;
     /// Forgets its connections, as a power cycle does.
     void forgetConnections() { m_connected = false; }
-    /// Called with each reply before it is sent; what it leaves is what arrives.
+    /// Called with each reply before it is sent; may change it, or clear it to send nothing.
     std::function<void(const Request&, QByteArray& reply)> onReply;
 
-    /// The number of requests for this service, and for this tag where one is named.
+    /// The number of requests for this service; for this tag only, if one is given.
     int count(quint8 service, const char* tag = nullptr) const;
 
 private:
-    void take(const QByteArray& piece);
-    QByteArray answer(const QByteArray& data, Request& request);
-    QByteArray answerConnected(const QByteArray& data, Request& request);
+    void handlePiece(const QByteArray& piece);
+    QByteArray replyTo(const QByteArray& data, Request& request);
+    QByteArray replyToConnected(const QByteArray& data, Request& request);
     QByteArray read(const Request& request) const;
     QByteArray write(const Request& request, const QByteArray& value);
 

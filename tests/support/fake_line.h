@@ -8,8 +8,8 @@
 #include <map>
 #include <vector>
 
-/// A line in memory. What is sent goes to a listener at once; what the listener answers arrives at
-/// the time that it names. Waiting moves the clock.
+/// A line in memory, on virtual time. A listener gets each piece at once, and its answers arrive
+/// when it says. Waiting moves the clock.
 class FakeLine : public micro850::host::Line
 {
 public:
@@ -25,16 +25,16 @@ public:
 
     /// Called with each piece that is sent.
     std::function<void(const QByteArray&)> onSend;
-    /// Lets bytes arrive after so many milliseconds.
+    /// Delivers bytes to the host after a number of milliseconds.
     void arrive(const QByteArray& bytes, int afterMs = 1);
-    /// Takes the device away or puts it back.
+    /// Removes the device or puts it back.
     void setPresent(bool present) { m_present = present; }
-    /// Lets the device be opened and fail at once, as a loose plug does.
+    /// While loose, the device can be opened but fails at once, like a loose plug.
     void setLoose(bool loose) { m_loose = loose; }
 
     /// Every piece that was sent, in order.
     std::vector<QByteArray> sent;
-    /// The times of the attempts to open it.
+    /// The times of all attempts to open it.
     std::vector<micro850::Duration> openedAt;
 
 private:

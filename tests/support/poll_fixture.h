@@ -10,7 +10,7 @@
 
 #include <memory>
 
-/// The real driver, freshly loaded, a controller in memory, virtual time.
+/// A poll loop with the real driver, freshly loaded, and a FakeController, on virtual time.
 class PollTest : public ::testing::Test
 {
 protected:
@@ -22,7 +22,7 @@ protected:
             plc.tags["Level"].elements[i] = wire::little(static_cast<quint64>(100 + i), 2);
     }
 
-    /// Begins to poll the variables of a JSON array's inside.
+    /// Starts to poll variables: the inside of the project file's list.
     void start(const char* variables, const char* stations = R"([{"number": 1}])")
     {
         const QString text = QStringLiteral(
@@ -32,8 +32,8 @@ protected:
         loop = std::make_unique<micro850::host::PollLoop>(library.api(), line, clock, project);
     }
 
-    /// Steps until the condition holds; false when that takes longer than so much virtual time, or
-    /// more steps than a fault could need.
+    /// Steps until the condition holds. False after `limitMs` of virtual time, or after more steps
+    /// than any fault needs.
     template<typename Condition> bool runUntil(Condition condition, qint64 limitMs = 60000)
     {
         const micro850::Duration end = clock.now() + std::chrono::milliseconds(limitMs);

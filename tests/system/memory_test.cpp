@@ -2,7 +2,7 @@
 // of a transaction behind it; MICRO850_TRANSACTIONS asks for a longer one than ctest has time for.
 
 #include "driver_fixture.h"
-#include "memory_controller.h"
+#include "simulated_controller.h"
 
 #include <cstdlib>
 #include <malloc.h>
@@ -43,7 +43,7 @@ protected:
     {
         static const char* types[] = {"BOOL", "SINT", "INT",  "DINT",
                                       "LINT", "REAL", "WORD", "SHORT_STRING"};
-        for (MemoryController& controller : controllers) {
+        for (SimulatedController& controller : controllers) {
             for (int i = 0; i < kTags; ++i)
                 controller.define(tag(i), types[i % 8]);
         }
@@ -103,7 +103,7 @@ protected:
         ++transactions;
         const bool varies = next->replyLength == -1;
         // A connection that the driver has given up expires in the controller.
-        for (MemoryController& controller : controllers)
+        for (SimulatedController& controller : controllers)
             controller.advance(std::chrono::milliseconds(20));
         QByteArray reply = controllers[next->var.stationNo - 1].exchange(next->frame);
         if (step % 97 == 0 || step % 1000 < 12)
@@ -133,7 +133,7 @@ protected:
         refreshed.shrink_to_fit();
     }
 
-    MemoryController controllers[kStations];
+    SimulatedController controllers[kStations];
     qint64 transactions = 0;
     std::size_t completions = 0;
 };
@@ -148,7 +148,7 @@ TEST_F(MemoryTest, DoesNotGrowOverALongSession)
     std::printf("%lld transactions, %lld bytes more in use than before\n",
                 static_cast<long long>(transactions), static_cast<long long>(grown));
     // It was a session: connections stand, requests of the host were completed.
-    for (MemoryController& controller : controllers)
+    for (SimulatedController& controller : controllers)
         EXPECT_GE(controller.openConnections(), 1u);
     EXPECT_GT(completions, static_cast<std::size_t>(transactions / 20));
 }

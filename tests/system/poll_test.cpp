@@ -1,6 +1,7 @@
 // Driver, host loop and simulated controller together over a real pseudo-terminal. Waiting is for
 // events, with limits that only a fault reaches.
 
+#include "byte_arrays.h"
 #include "simulator_thread.h"
 
 #include "DriverLibrary.h"
@@ -155,8 +156,7 @@ protected:
         const TagKey tag = {1, example.tag};
         const Bytes value = bytesOf(example.type, example.written);
         loop().declare(tag);
-        const auto* data = reinterpret_cast<const char*>(value.data());
-        return finished(loop().write(tag, 0, QByteArray(data, static_cast<int>(value.size()))));
+        return finished(loop().write(tag, 0, toByteArray(value)));
     }
 
     std::string shown(int variable) { return loop().values().text(variable).toStdString(); }

@@ -1,6 +1,6 @@
 // Bytes 10 wherever they can stand, long names, large indices.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // One damaged byte at every position of every reply of a session, and replies that come oddly but
 // whole.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 #include <set>
 

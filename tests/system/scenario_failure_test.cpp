@@ -1,6 +1,6 @@
 // Replies that never come: retries, reconnection, power cycles, connections that expire.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 namespace {
 

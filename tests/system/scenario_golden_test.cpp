@@ -1,7 +1,7 @@
 // One damaged byte at every position of every request and of every reply of a session of the
 // reference host, on virtual time.
 
-#include "sim_line.h"
+#include "simulated_line.h"
 
 #include "DriverLibrary.h"
 #include "PollLoop.h"
@@ -85,7 +85,7 @@ private:
     micro850::VirtualClock m_clock;
     sim::Controller m_controller{m_clock, sim::TagTable::fromText(kTags, "golden")};
     sim::FaultyLine m_line;
-    SimLine m_port{m_clock, m_line};
+    SimulatedLine m_port{m_clock, m_line};
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
     micro850::host::Project m_project;
     micro850::host::PollLoop m_loop;

@@ -1,6 +1,6 @@
 // The reference host on a line with faults, on virtual time.
 
-#include "sim_line.h"
+#include "simulated_line.h"
 
 #include "DriverLibrary.h"
 #include "PollLoop.h"
@@ -99,7 +99,7 @@ protected:
     micro850::VirtualClock clock;
     micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
     micro850::sim::FaultyLine line{clock, controller};
-    SimLine port{clock, line};
+    SimulatedLine port{clock, line};
     micro850::host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
     micro850::host::Project project;
     std::unique_ptr<micro850::host::PollLoop> loop;

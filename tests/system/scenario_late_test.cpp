@@ -1,7 +1,7 @@
 // Replies that come too late, and stations of which one is dead: what the driver does with a host
 // that leaves everything to it.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 namespace {
 

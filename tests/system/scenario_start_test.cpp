@@ -1,6 +1,6 @@
 // Start-up, every type there and back, writes, and stations that are switched off.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // What surprises at first sight and is so on purpose; docs/known-behaviours.md says why.
 
-#include "scenario.h"
+#include "scenario_fixture.h"
 
 namespace {
 

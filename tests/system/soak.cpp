@@ -3,7 +3,7 @@
 // the controller, or reported failed; no value is shown that its tag never had; memory stays
 // bounded.
 
-#include "sim_line.h"
+#include "simulated_line.h"
 
 #include "DriverLibrary.h"
 #include "Output.h"
@@ -116,7 +116,7 @@ private:
     micro850::VirtualClock m_clock;
     sim::Controller m_controller;
     sim::FaultyLine m_line;
-    SimLine m_port{m_clock, m_line};
+    SimulatedLine m_port{m_clock, m_line};
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
     micro850::host::Project m_project;
     std::unique_ptr<micro850::host::PollLoop> m_loop;
@@ -258,9 +258,7 @@ void Soak::lookAfterWrites(bool startMore)
         if (!startMore)
             continue;
         tag.value = valueFromText(cipTypeNamed(tag.type), std::to_string(++m_written % 256));
-        const auto* data = reinterpret_cast<const char*>(tag.value.data());
-        tag.id =
-            m_loop->write({1, tag.name}, 0, QByteArray(data, static_cast<int>(tag.value.size())));
+        tag.id = m_loop->write({1, tag.name}, 0, toByteArray(tag.value));
     }
 }
 

@@ -2,7 +2,7 @@
 #define MICRO850_TESTS_THREADS_FIXTURE_H
 
 #include "driver_fixture.h"
-#include "memory_controller.h"
+#include "simulated_controller.h"
 #include "watchdog.h"
 
 #include <atomic>
@@ -117,7 +117,8 @@ protected:
         if (!next)
             return false;
         const bool varies = next->replyLength == -1;
-        MemoryController& addressed = next->var.stationNo == kOtherStation ? elsewhere : controller;
+        SimulatedController& addressed =
+            next->var.stationNo == kOtherStation ? elsewhere : controller;
         foreignFrames += next->var.linkId == kForeignLink;
         QByteArray reply = addressed.exchange(next->frame);
         if (++m_transactions % 13 == 0)
@@ -161,9 +162,9 @@ protected:
         completions.await([=] { return done[varIndex] >= wanted; });
     }
 
-    MemoryController controller;
+    SimulatedController controller;
     /// The controller of station kOtherStation.
-    MemoryController elsewhere;
+    SimulatedController elsewhere;
     /// Frames that went out for requests of kForeignLink.
     int foreignFrames = 0;
 

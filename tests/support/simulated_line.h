@@ -1,29 +1,31 @@
-#ifndef MICRO850_TESTS_SIM_LINE_H
-#define MICRO850_TESTS_SIM_LINE_H
+#ifndef MICRO850_TESTS_SIMULATED_LINE_H
+#define MICRO850_TESTS_SIMULATED_LINE_H
 
 #include "Clock.h"
 #include "FaultyLine.h"
 #include "Line.h"
+#include "byte_arrays.h"
 
 #include <functional>
 #include <vector>
 
-/// The host's end of a line with faults, on the virtual time of the simulated
-/// controller. Time passes only where the host waits, and a millisecond with each piece sent. While
-/// the line is hung up its device is gone.
-class SimLine : public micro850::host::Line
+/// The host's end of a line to simulated controllers, on virtual time. Time passes only where the
+/// host waits, and a millisecond with each piece sent. While the line is hung up, its device is
+/// gone.
+class SimulatedLine : public micro850::host::Line
 {
 public:
-    SimLine(micro850::VirtualClock& clock, micro850::sim::FaultyLine& line)
+    SimulatedLine(micro850::VirtualClock& clock, micro850::sim::FaultyLine& line)
         : m_clock(clock), m_lines{&line}
     {
     }
 
-    /// Who hears a piece; null for nobody. Unless set, all pieces go to the line given first.
+    /// Returns the line that carries a piece; null to lose it. Unless set, the line that was given
+    /// first carries all pieces.
     std::function<micro850::sim::FaultyLine*(const QByteArray& piece)> route;
-    /// Another controller that is heard on the same line.
+    /// Adds another controller to the line.
     void add(micro850::sim::FaultyLine& line) { m_lines.push_back(&line); }
-    /// Pieces sent so far.
+    /// Number of pieces sent so far.
     qint64 sent() const { return m_sent; }
 
     bool open(QString& error) override
@@ -41,16 +43,16 @@ public:
     {
         ++m_sent;
         if (micro850::sim::FaultyLine* const line = route ? route(bytes) : m_lines.front())
-            line->receive(micro850::Bytes(bytes.begin(), bytes.end()));
+            line->receive(toBytes(bytes));
         pause(kStep);
         return !isGone();
     }
     bool receive(QByteArray& bytes, micro850::Duration wait) override
     {
         for (const micro850::Duration end = m_clock.now() + wait; !isGone();) {
-            const QByteArray came = arrived();
-            bytes += came;
-            if (!came.isEmpty() || m_clock.now() >= end)
+            const QByteArray received = arrived();
+            bytes += received;
+            if (!received.isEmpty() || m_clock.now() >= end)
                 return true;
             pause(kStep);
         }
@@ -58,29 +60,33 @@ public:
     }
     void pause(micro850::Duration time) override
     {
-        for (; time > micro850::Duration(0); time -= kStep) {
-            m_clock.advance(kStep);
-            for (micro850::sim::FaultyLine* line : m_lines)
-                line->tick();
-        }
+        for (; time > micro850::Duration(0); time -= kStep)
+            pass(kStep);
     }
 
-private:
-    static constexpr std::chrono::milliseconds kStep{1};
-
+protected:
     bool isGone() const { return m_lines.front()->isHungUp(); }
+    /// Returns the bytes that have arrived and removes them from the lines.
     QByteArray arrived()
     {
         QByteArray bytes;
-        for (micro850::sim::FaultyLine* line : m_lines) {
-            const micro850::Bytes came = line->transmit();
-            bytes.append(reinterpret_cast<const char*>(came.data()), static_cast<int>(came.size()));
-        }
+        for (micro850::sim::FaultyLine* line : m_lines)
+            bytes += toByteArray(line->transmit());
         return bytes;
     }
+    /// Lets time pass at both ends.
+    virtual void pass(micro850::Duration time)
+    {
+        m_clock.advance(time);
+        for (micro850::sim::FaultyLine* line : m_lines)
+            line->tick();
+    }
 
+    static constexpr std::chrono::milliseconds kStep{1};
     micro850::VirtualClock& m_clock;
     std::vector<micro850::sim::FaultyLine*> m_lines;
+
+private:
     bool m_open = false;
     qint64 m_sent = 0;
 };

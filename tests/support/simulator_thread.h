@@ -11,8 +11,9 @@
 #include <string>
 #include <thread>
 
-/// A simulated controller on a pseudo-terminal, served by a thread of its own. The host finds it
-/// behind a symbolic link that stays the same when the cable is pulled and put back.
+/// A simulated controller on a pseudo-terminal, served by its own thread, for tests in real time.
+/// The host opens it through a symbolic link, which stays the same when the cable is pulled and put
+/// back.
 class SimulatorThread
 {
 public:
@@ -21,11 +22,11 @@ public:
 
     const std::string& path() const { return m_link; }
 
-    /// Runs `action` while the controller stands still.
+    /// Runs `action` while the thread does not touch the controller.
     void with(const std::function<void(micro850::sim::Controller&)>& action);
     /// The bytes of one element of a tag.
     micro850::Bytes element(const std::string& tag, std::size_t index = 0);
-    /// While silent, what comes is thrown away, as by a controller without power.
+    /// While silent, the controller ignores everything, as if it had no power.
     void setSilent(bool silent) { m_silent = silent; }
     void pullCable();
     void putCableBack();

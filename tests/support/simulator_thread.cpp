@@ -45,7 +45,7 @@ void SimulatorThread::putCableBack()
 
 void SimulatorThread::serve()
 {
-    constexpr int kWait = 5; // milliseconds until the next look at the orders
+    constexpr int kWait = 5; // milliseconds between two checks of m_stop
     while (!m_stop) {
         pollfd wait = {-1, POLLIN, 0};
         {

@@ -1,4 +1,6 @@
-#include "scenario.h"
+#include "scenario_fixture.h"
+
+#include "byte_arrays.h"
 
 namespace {
 
@@ -141,8 +143,7 @@ void ScenarioTest::pass(int ms)
 
 void ScenarioTest::takeInput()
 {
-    const micro850::Bytes came = line().transmit();
-    m_input.append(reinterpret_cast<const char*>(came.data()), static_cast<int>(came.size()));
+    m_input += toByteArray(line().transmit());
 }
 
 // The first frame that comes within the time; nothing when none does.
@@ -197,7 +198,7 @@ bool ScenarioTest::transact()
     exchange.frame = sent->frame;
     exchange.request = requestText(sent->frame);
     if (!isDead || !isDead(*sent))
-        line().receive(micro850::Bytes(sent->frame.begin(), sent->frame.end()));
+        line().receive(toBytes(sent->frame));
     exchange.reply = collect();
     if (looksForFrame)
         exchange.reply = asTheDriverExpects(exchange.reply);
@@ -232,13 +233,10 @@ std::string ScenarioTest::shown(const char* tag, int count, int element, int sta
 
 std::string ScenarioTest::inController(const char* tag, std::size_t element)
 {
-    const micro850::Bytes& bytes = controller.tags().find(tag)->elements.at(element);
-    return wire::text(
-        QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size())));
+    return wire::text(toByteArray(controller.tags().find(tag)->elements.at(element)));
 }
 
 void ScenarioTest::setInController(const char* tag, const char* bytes, std::size_t element)
 {
-    const QByteArray value = wire::hex(bytes);
-    controller.tags().find(tag)->elements.at(element) = micro850::Bytes(value.begin(), value.end());
+    controller.tags().find(tag)->elements.at(element) = toBytes(wire::hex(bytes));
 }

@@ -1,5 +1,5 @@
-#ifndef MICRO850_TESTS_SCENARIO_H
-#define MICRO850_TESTS_SCENARIO_H
+#ifndef MICRO850_TESTS_SCENARIO_FIXTURE_H
+#define MICRO850_TESTS_SCENARIO_FIXTURE_H
 
 #include "FaultyLine.h"
 #include "driver_fixture.h"
