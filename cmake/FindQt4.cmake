@@ -1,6 +1,6 @@
-# Finds QtCore of a Qt 4 that came with a panel's SDK: target Qt4::QtCore. Looks where QT4_PREFIX points (a
-# folder with include/QtCore and lib/libQtCore.so), else where CMake looks (CMAKE_PREFIX_PATH, the sysroot of a
-# toolchain file). Unlike CMake's own module it needs no qmake that runs on this machine.
+# Finds QtCore of the Qt 4 in a panel's SDK and defines the target Qt4::QtCore. Searches the folder QT4_PREFIX
+# (with include/QtCore and lib/libQtCore.so) or, if that is not set, where CMake searches (CMAKE_PREFIX_PATH, the
+# sysroot of a toolchain file). Unlike CMake's own module, it needs no qmake that runs on this machine.
 set(QT4_PREFIX "" CACHE PATH "Folder of the Qt 4 to build for, with include/QtCore and lib/libQtCore.so")
 if(QT4_PREFIX)
   set(only NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)

@@ -1,6 +1,6 @@
-# What makes a fault in memory harder to exploit, for what is installed: canaries on the stack, checked calls of
-# the C library, no writable table of addresses once the program runs, no executable stack. Not for Debug, nor
-# where a sanitizer or the coverage count looks with means of its own.
+# Options that make a memory fault harder to exploit, for everything that is installed: stack canaries, checked
+# calls of the C library, no writable table of addresses after the program has started, no executable stack. A
+# Debug, sanitizer or coverage build does not have them.
 option(MICRO850_HARDENING "Build with canaries, checked calls, full RELRO and no executable stack" ON)
 if(MICRO850_SANITIZE OR MICRO850_COVERAGE OR CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(MICRO850_IS_HARDENED OFF)
@@ -17,7 +17,7 @@ function(micro850_hardening target)
   if(NOT MICRO850_IS_HARDENED)
     return()
   endif()
-  # Some compilers define it by themselves, to another value.
+  # Some compilers define it themselves, with another value.
   target_compile_options(${target} PRIVATE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
     $<IF:$<BOOL:${MICRO850_HAS_STACK_PROTECTOR_STRONG}>,-fstack-protector-strong,-fstack-protector>)
   target_link_options(${target} PRIVATE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)

@@ -1,5 +1,5 @@
-# What an installation holds, in three components that are packages of their own: the library (Runtime),
-# what a host is built with (Development), and the programs with their papers (Tools).
+# What is installed, in three components, each with its own package: the library (Runtime), the files that a host
+# is built with (Development), and the programs with their documents (Tools).
 include(CMakePackageConfigHelpers)
 set(MICRO850_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/micro850)
 
@@ -20,7 +20,7 @@ endif()
 install(FILES ${PROJECT_BINARY_DIR}/micro850Config.cmake ${PROJECT_BINARY_DIR}/micro850ConfigVersion.cmake
   DESTINATION ${MICRO850_CMAKE_DIR} COMPONENT Development)
 
-# pkg-config file; its prefix is found from where it stands, so that an installation can be moved.
+# The pkg-config file finds its prefix from its own place, so that an installation can be moved.
 file(RELATIVE_PATH MICRO850_PREFIX_FROM_PC
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(packaging/micro850.pc.in micro850.pc @ONLY)

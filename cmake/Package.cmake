@@ -1,5 +1,5 @@
-# Packages: library, development files and tools for Debian, and one archive for panels without a package
-# manager. scripts/package configures the build that they are made from and says for which processor.
+# Packages: library, development files and programs for Debian, and one archive for panels without a package
+# manager. scripts/package configures the build for them and sets the processor.
 set(MICRO850_ARCHITECTURE "" CACHE STRING "Debian's name of the processor: amd64, arm64 or armhf")
 if(NOT MICRO850_ARCHITECTURE)
   return()
@@ -15,10 +15,10 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_THREADS 1)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-# One time for every file, among others, so that the same commit gives the same packages.
+# Sets the time of every file, so that the same commit gives the same packages.
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/PackageFiles.cmake)
 
-# ---- The archive: everything in one tree
+# ---- The archive holds everything in one tree
 set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
 
 # ---- Debian's packages
@@ -33,7 +33,7 @@ set(needs "libc6 (>= 2.34), libgcc-s1, libqt5core5a (>= 5.15.1), libstdc++6 (>= 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libmicro850-${PROJECT_VERSION_MAJOR})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS ${needs})
-# What other packages depend on for the library, and the loader's cache.
+# The package that programs linked to the library depend on, and the update of the loader's cache.
 file(WRITE ${PROJECT_BINARY_DIR}/shlibs
   "libmicro850 ${PROJECT_VERSION_MAJOR} ${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION})\n")
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
@@ -63,7 +63,7 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 controller; micro850-sim is a simulated controller on a pseudo-terminal or a
 serial port.")
 
-# Copyright and changelog stand in each package's own folder.
+# Each package has copyright and changelog in a folder of its own.
 string(TIMESTAMP MICRO850_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(packaging/debian-changelog.in debian-changelog @ONLY)
 execute_process(COMMAND gzip -9n -c ${PROJECT_BINARY_DIR}/debian-changelog

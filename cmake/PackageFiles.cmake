@@ -1,4 +1,4 @@
-# What is about to be packed: compresses the manual pages, as Debian wants them, and gives every file the time in
+# Runs before packing: compresses the manual pages, as Debian requires, and sets the time of every file to
 # SOURCE_DATE_EPOCH.
 execute_process(COMMAND find ${CPACK_TEMPORARY_DIRECTORY} -path */man/man?/* -type f -exec gzip -9nf {} +
   COMMAND_ERROR_IS_FATAL ANY)

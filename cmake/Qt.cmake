@@ -1,5 +1,4 @@
-# The Qt that the driver is built for, as the target MICRO850_QTCORE. The tools and tests are written for
-# Qt 5 alone.
+# Finds the Qt that the driver is built for, as the target MICRO850_QTCORE. Programs and tests need Qt 5.
 set_property(CACHE MICRO850_QT PROPERTY STRINGS 5 4)
 if(MICRO850_QT EQUAL 5)
   find_package(Qt5 5.9 REQUIRED COMPONENTS Core)

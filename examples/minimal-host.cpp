@@ -1,5 +1,5 @@
 // minimal-host DEVICE [SETPOINT]: the smallest complete host. Reads two tags of a controller on a
-// serial line, writes SETPOINT where given, reads again. docs/host-integration.md has the reasons.
+// serial line. If SETPOINT is given, writes it and reads again. See docs/host-integration.md.
 #include <Func_GetOrSetData.h>
 #include <Func_Initi.h>
 #include <tagcommunication.h>
@@ -15,14 +15,14 @@
 
 namespace {
 const int kStation = 1;
-const int kReplyTimeoutMs = 1000; // both frames at 38400 baud and the controller's time
+const int kReplyTimeoutMs = 1000; // for both frames at 38400 baud and the controller's work
 const int kNoConnection = 201;    // result of a connection set-up that was not answered
-const int kStatus = 18;           // place of the CIP status in an undoubled data reply
+const int kStatus = 18;           // offset of the CIP status in an undoubled data reply
 const QByteArray kAcknowledgement("\x10\x06", 2);
 const QString kFirstElement = QString::fromLatin1("0");
 int line = -1;
 int writeStatus = 0; // 1 done, 2 failed
-QSet<QString> fresh; // tags that a reply has brought
+QSet<QString> fresh; // tags that were read
 
 [[noreturn]] void fail(const char* what, const char* why, int status = 1)
 {
@@ -48,7 +48,7 @@ void send(const QByteArray& bytes)
         fail("line", "the device takes no bytes");
 }
 
-// The reply to `frame` as the driver wants it, with DLE ACK in front; empty when the time is up.
+// The reply to `frame` as the driver needs it, with DLE ACK in front; empty after a time-out.
 QByteArray exchange(const QByteArray& frame)
 {
     ::tcflush(line, TCIFLUSH);
@@ -61,16 +61,16 @@ QByteArray exchange(const QByteArray& frame)
         input.append(byte);
         const QByteArray reply = kAcknowledgement + input.mid(input.indexOf("\x10\x02"));
         if (DataIntegrityJudgment(&reply) != 1)
-            continue; // not yet complete, or corrupt
+            continue; // incomplete or corrupt
         send(kAcknowledgement);
         if (getRecoverData(reply, true).mid(8, 2) == getRecoverData(frame, true).mid(8, 2))
-            return reply; // transaction numbers match
-        input.clear();    // the late reply to an earlier request
+            return reply; // the transaction numbers match
+        input.clear();    // a late reply to an earlier request
     }
     return QByteArray();
 }
 
-// One frame to the controller, its reply to the driver.
+// Sends one frame to the controller and passes its reply to the driver.
 void pollOnce()
 {
     static int setUps = 0;
@@ -94,7 +94,7 @@ void pollOnce()
         fresh.insert(tag);
 }
 
-// The stored value; controller and host both have the low byte first.
+// The stored value. Both controller and host have the low byte first.
 template<typename Value> Value valueOf(const char* tag)
 {
     QByteArray bytes; // a count is in words of 16 bits
@@ -106,7 +106,7 @@ template<typename Value> Value valueOf(const char* tag)
 
 HOSTVAR variable(const char* tag, int words)
 {
-    // The fields named host are the host's own.
+    // In their order: hostField0, areaType, hostField1, addressText, tagName, count.
     return {0, 0, 0, kFirstElement, QString::fromLatin1(tag), words};
 }
 

@@ -1,9 +1,9 @@
-# Cross-building with Debian's compilers against a sysroot of Debian's packages, which scripts/arm makes; what
-# is built runs under QEMU. The including file sets `triplet`, `processor` and `qemu`.
+# Cross-builds with Debian's compilers and a sysroot of Debian's packages, which scripts/arm creates. The programs
+# run under QEMU. The including file sets `triplet`, `processor` and `qemu`.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ${processor})
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
-# A note on an old change of the ABI, which concerns objects of older compilers alone.
+# Suppresses a note on an old change of the ABI, which concerns only objects of older compilers.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_STRIP ${triplet}-strip)
 
@@ -11,7 +11,7 @@ set(MICRO850_SYSROOT ${CMAKE_BINARY_DIR}/sysroot CACHE PATH "Root of the target'
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES MICRO850_SYSROOT)
 set(CMAKE_SYSROOT ${MICRO850_SYSROOT})
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
-# Whether Qt's folder of plugins is there QEMU asks the machine itself, not the sysroot.
+# QEMU looks for Qt's folder of plugins on this machine and not in the sysroot, so it is named here.
 set(CMAKE_CROSSCOMPILING_EMULATOR ${qemu} -L ${MICRO850_SYSROOT}
   -E QT_PLUGIN_PATH=${MICRO850_SYSROOT}/usr/lib/${triplet}/qt5/plugins)
 
