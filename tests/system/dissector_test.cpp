@@ -1,5 +1,5 @@
-// The Wireshark dissector as an independent witness: what the driver encodes is written into a
-// capture file, and tshark's reading of it is compared with what was asked.
+// The Wireshark dissector as an independent witness: frames of the driver are written into a
+// capture file, and tshark's decoding is compared with the requests.
 
 #include "driver_fixture.h"
 
@@ -23,7 +23,7 @@ protected:
         connectStation(1, hex("5A 10"), 0x1021);
     }
 
-    /// Rows of the wanted fields, one per packet; tshark's own expert and CIP fields are allowed.
+    /// The given fields of each packet, one row per packet; fields of tshark's own dissectors too.
     QList<QStringList> dissected(const QList<QByteArray>& packets, const QStringList& fields)
     {
         const QString path = m_dir.filePath(QStringLiteral("frames.pcap"));
@@ -55,7 +55,7 @@ protected:
     static QByteArray lastFrame() { return PLC_driver.sendQueue.last().frame; }
 
 private:
-    // A classic capture file, written here so that the tools' own writer is not trusted.
+    // A classic capture file, written here to be independent of the tools' writer.
     static void writeCapture(const QString& path, const QList<QByteArray>& packets)
     {
         QFile file(path);
@@ -81,7 +81,7 @@ struct Asked
     int count;
 };
 
-TEST_F(Dissector, ReadsTheTagElementAndCountThatAReadAsksFor)
+TEST_F(Dissector, DecodesTagElementAndCountOfARead)
 {
     const QList<Asked> asked = {{"Speed", 0, 1},        {"Zone", 1, 15},         {"Level", 16, 16},
                                 {"Level", 255, 1},      {"Temperature", 256, 1}, {"T", 4096, 2},
@@ -113,7 +113,7 @@ TEST_F(Dissector, ReadsTheTagElementAndCountThatAReadAsksFor)
     }
 }
 
-TEST_F(Dissector, ReadsTheTypeAndValueThatAWriteSends)
+TEST_F(Dissector, DecodesTypeAndValueOfAWrite)
 {
     confirm("Setpoint", 4, 0xCA);
     RW_VAR request = writeOf("Setpoint", hex("10 10 10 41"), 16, 2);
@@ -132,8 +132,8 @@ TEST_F(Dissector, ReadsTheTypeAndValueThatAWriteSends)
     EXPECT_EQ(rows.value(0), expected) << rows.value(0).join(QLatin1Char(';')).toStdString();
 }
 
-// Wireshark's own CIP dissector knows nothing of this project.
-TEST_F(Dissector, LetsWiresharksOwnCipDissectorFindTheSameRequests)
+// Wireshark's own CIP dissector is independent of this project.
+TEST_F(Dissector, LeavesTheRequestsToWiresharksCipDissectorToo)
 {
     PLC_driver.sendQueue.clear();
     HandshakeFunction(1);
@@ -155,7 +155,7 @@ TEST_F(Dissector, LetsWiresharksOwnCipDissectorFindTheSameRequests)
     EXPECT_EQ(rows.value(2).value(3), QStringLiteral("0x07"));
 }
 
-TEST_F(Dissector, NamesTheStatusOfARefusedRequestAndABadCrc)
+TEST_F(Dissector, ShowsTheStatusOfARefusedRequestAndABadCrc)
 {
     QByteArray corrupt = wire::readReply(0x21, 0xC3, hex("D2 04"));
     corrupt[22] = static_cast<char>(corrupt[22] ^ 1);

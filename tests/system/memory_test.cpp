@@ -1,5 +1,5 @@
-// What the driver keeps in memory over a long life. A session that goes on for ever keeps nothing
-// of a transaction behind it; MICRO850_TRANSACTIONS asks for a longer one than ctest has time for.
+// The driver's memory over a long session: nothing of a finished transaction stays. Set
+// MICRO850_TRANSACTIONS for a session that is longer than ctest has time for.
 
 #include "driver_fixture.h"
 #include "simulated_controller.h"
@@ -15,7 +15,7 @@ namespace {
 
 const int kStations = 3;
 const int kTags = 12;
-// The host does the same again after so many steps, in most of which there is a transaction.
+// The host repeats its actions after this number of steps. Most steps have a transaction.
 const int kRound = 2000;
 const qint64 kShortSession = 200000;
 // Far less than one block for every hundred transactions of the short session.
@@ -54,7 +54,7 @@ protected:
 
     static QByteArray tag(int number) { return "Tag" + QByteArray::number(number); }
 
-    // The default station's by the host's list, the others' one by one.
+    // The default station has the host's list; the others are added one by one.
     void rebuildCyclic(int tags)
     {
         QList<HOSTVAR> variables;
@@ -68,7 +68,7 @@ protected:
         }
     }
 
-    // What the host does in between; the same in every round.
+    // What the host does between transactions; the same in every round.
     void act(int step)
     {
         const QByteArray name = tag(step % kTags);
@@ -94,7 +94,7 @@ protected:
         GetRegisterData(text, 0, "0", station, out, 4);
     }
 
-    // One transaction, with now and then a reply that is lost or bent.
+    // One transaction. Some replies are lost or damaged.
     void transact(int step)
     {
         Protocol* next = ComCommunication();
@@ -102,7 +102,7 @@ protected:
             return;
         ++transactions;
         const bool varies = next->replyLength == -1;
-        // A connection that the driver has given up expires in the controller.
+        // Let time pass so that connections that the driver gave up expire in the controller.
         for (SimulatedController& controller : controllers)
             controller.advance(std::chrono::milliseconds(20));
         QByteArray reply = controllers[next->var.stationNo - 1].exchange(next->frame);
@@ -116,7 +116,7 @@ protected:
             DataCom(&reply, length);
     }
 
-    // Ends without the callbacks' notes, which are the test's and not the driver's.
+    // Frees the notes of the callbacks at the end: they belong to the test, not to the driver.
     void goOnFor(qint64 wanted)
     {
         transactions = 0;
@@ -147,13 +147,13 @@ TEST_F(MemoryTest, DoesNotGrowOverALongSession)
     EXPECT_LT(std::abs(grown), kTolerance);
     std::printf("%lld transactions, %lld bytes more in use than before\n",
                 static_cast<long long>(transactions), static_cast<long long>(grown));
-    // It was a session: connections stand, requests of the host were completed.
+    // It was a real session: connections are open, and requests of the host were completed.
     for (SimulatedController& controller : controllers)
         EXPECT_GE(controller.openConnections(), 1u);
     EXPECT_GT(completions, static_cast<std::size_t>(transactions / 20));
 }
 
-TEST_F(MemoryTest, AnswersAMillionUnknownNamesAndKeepsEach)
+TEST_F(MemoryTest, AnswersAMillionUnknownNamesAndStoresEach)
 {
     const int names = 1000000;
     connectStation(1);

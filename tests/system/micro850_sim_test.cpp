@@ -1,4 +1,4 @@
-// The program micro850-sim as a person starts it: options, commands, what it says and how it ends.
+// The program micro850-sim as users start it: options, commands, messages and exit status.
 
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -41,7 +41,7 @@ protected:
         m_process.start(QStringLiteral(MICRO850_SIM), arguments);
         ASSERT_TRUE(m_process.waitForStarted(kLimitMs));
     }
-    /// Everything on standard output or error up to the line that has this text.
+    /// Reads up to the line that contains this text; false when no such line comes in time.
     bool says(const char* text, QProcess::ProcessChannel channel = QProcess::StandardError)
     {
         m_process.setReadChannel(channel);
@@ -60,7 +60,7 @@ protected:
         m_process.write(QByteArray(line) + '\n');
         m_process.waitForBytesWritten(kLimitMs);
     }
-    /// The exit status after this signal; -1 when it does not end or crashes.
+    /// The exit status after this signal; -1 if the program crashes or does not end.
     int end(int signal)
     {
         ::kill(static_cast<pid_t>(m_process.processId()), signal);
@@ -71,7 +71,7 @@ protected:
         const bool ended = m_process.waitForFinished(kLimitMs);
         return ended && m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
     }
-    /// The one line of complaint about a call that is wrong; its exit status must be 2.
+    /// The one-line error message of a wrong call; the exit status must be 2.
     std::string complaint(const QStringList& arguments)
     {
         start(arguments);
@@ -99,7 +99,7 @@ TEST_F(SimulatorProgram, PrintsItsLineAndASummaryAndEndsBySignal)
     EXPECT_FALSE(QFile::exists(path("plc")));
 }
 
-TEST_F(SimulatorProgram, ServesEachOfSeveralStationsOnALineOfItsOwn)
+TEST_F(SimulatorProgram, OpensOneLineForEachStation)
 {
     start({"--station", "1=" + file("a.json", kTags), "--station", "7=" + file("b.json", kTags),
            "--link", path("plc")});
@@ -110,7 +110,7 @@ TEST_F(SimulatorProgram, ServesEachOfSeveralStationsOnALineOfItsOwn)
     EXPECT_EQ(end(SIGINT), 0);
 }
 
-TEST_F(SimulatorProgram, ExecutesCommandsForOneStationOrAllAndSaysSo)
+TEST_F(SimulatorProgram, ExecutesAndReportsCommandsForOneStationOrAll)
 {
     start({"--station", "1=" + file("a.json", kTags), "--station", "2=" + file("b.json", kTags)});
     ASSERT_TRUE(says("station 2", QProcess::StandardOutput));
@@ -143,7 +143,7 @@ public:
         EXPECT_EQ(::write(m_descriptor, bytes.constData(), static_cast<size_t>(bytes.size())),
                   bytes.size());
     }
-    /// What comes, up to so many bytes; fewer when they do not come in time.
+    /// Reads `count` bytes, or fewer when they do not arrive in time.
     QByteArray receive(int count, int limitMs = kLimitMs)
     {
         QByteArray got;
@@ -162,16 +162,16 @@ private:
     int m_descriptor;
 };
 
-// Get_Attributes_All of the Identity object; its CRC was worked out by hand from the polynomial.
+// Get_Attributes_All of the Identity object. Its CRC was worked out by hand from the polynomial.
 const char kIdentity[] = "100610020001 0B0001000000 010220012401 1003 8E35";
-const int kIdentityReply = 61; // with the acknowledgement in front
+const int kIdentityReply = 61; // with the acknowledgement before it
 
 QByteArray bytesOf(const char* hex)
 {
     return QByteArray::fromHex(hex);
 }
 
-TEST_F(SimulatorProgram, AsksForAnAcknowledgementAsItsOptionsSayAndThenGivesUp)
+TEST_F(SimulatorProgram, AsksForAnAcknowledgementAsOftenAsItsOptionsSayThenGivesUp)
 {
     start({file("a.json", kTags), "--link", path("plc"), "--ack-timeout", "0.05", "--enq-limit",
            "2", "--nak-limit", "1"});
@@ -201,7 +201,7 @@ TEST_F(SimulatorProgram, RepeatsARefusedReplyAsOftenAsItsOptionSays)
     EXPECT_TRUE(says("1 replies undelivered"));
 }
 
-TEST_F(SimulatorProgram, ExecutesARepeatedMessageAgainOnlyWhenToldTo)
+TEST_F(SimulatorProgram, ExecutesARepeatedMessageAgainOnlyWithTheOption)
 {
     for (const bool again : {false, true}) {
         const QStringList option = again ? QStringList{"--no-duplicate-detection"} : QStringList();
@@ -220,7 +220,7 @@ TEST_F(SimulatorProgram, ExecutesARepeatedMessageAgainOnlyWhenToldTo)
     }
 }
 
-TEST_F(SimulatorProgram, SaysEachFaultAndDoesTheSameAgainWithTheSameSeed)
+TEST_F(SimulatorProgram, ReportsEachFaultAndRepeatsThemWithTheSameSeed)
 {
     const QString faults = file("f.json", R"({"faults": [{"fault": "flip", "rate": 0.5}]})");
     const auto saidWith = [&](const char* seed) {
@@ -244,7 +244,7 @@ TEST_F(SimulatorProgram, SaysEachFaultAndDoesTheSameAgainWithTheSameSeed)
     EXPECT_NE(saidWith("43"), said);
 }
 
-TEST_F(SimulatorProgram, RefusesAWrongCommandInOneLineAndGoesOn)
+TEST_F(SimulatorProgram, ReportsAWrongCommandInOneLineAndGoesOn)
 {
     start({file("a.json", kTags)});
     ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
@@ -259,7 +259,7 @@ TEST_F(SimulatorProgram, RefusesAWrongCommandInOneLineAndGoesOn)
     EXPECT_EQ(end(SIGTERM), 0);
 }
 
-TEST_F(SimulatorProgram, ReadsItsTagFileAnewAtAHangupSignal)
+TEST_F(SimulatorProgram, ReloadsItsTagFileAtAHangupSignal)
 {
     const QString tags = file("a.json", kTags);
     start({tags});
@@ -275,7 +275,7 @@ TEST_F(SimulatorProgram, ReadsItsTagFileAnewAtAHangupSignal)
     EXPECT_EQ(end(SIGTERM), 0);
 }
 
-TEST_F(SimulatorProgram, TellsWhatIsWrongWithACallInOneLine)
+TEST_F(SimulatorProgram, ReportsAWrongCallInOneLine)
 {
     EXPECT_EQ(complaint({}),
               "micro850-sim: give one of: a tag file, --station N=FILE, --replay FILE");
@@ -295,7 +295,7 @@ TEST_F(SimulatorProgram, TellsWhatIsWrongWithACallInOneLine)
     EXPECT_NE(complaint({"--frobnicate"}).find("see micro850-sim --help"), std::string::npos);
 }
 
-TEST_F(SimulatorProgram, RefusesAStationNumberThatIsThereTwice)
+TEST_F(SimulatorProgram, RefusesAStationNumberThatIsGivenTwice)
 {
     const QString tags = file("a.json", kTags);
     start({"--station", "1=" + tags, "--station", "1=" + tags});
@@ -303,7 +303,7 @@ TEST_F(SimulatorProgram, RefusesAStationNumberThatIsThereTwice)
     EXPECT_EQ(exitStatus(), 2);
 }
 
-TEST_F(SimulatorProgram, RefusesATraceInWhichNothingIsAnswered)
+TEST_F(SimulatorProgram, RefusesATraceWithoutAnyReply)
 {
     EXPECT_EQ(complaint({"--replay", file("t.txt", "# time\n0.000001 > 10 05\n")})
                       .find("no request in it has a reply") != std::string::npos,

@@ -1,4 +1,4 @@
-// Driver, host loop and simulated controller together over a real pseudo-terminal. Waiting is for
+// Driver, poll loop and simulated controller over a real pseudo-terminal. The tests wait for
 // events, with limits that only a fault reaches.
 
 #include "byte_arrays.h"
@@ -24,7 +24,7 @@ using micro850::host::Quality;
 using micro850::host::TagKey;
 
 constexpr std::chrono::seconds kLimit(60);
-/// For tests whose subject is an operation of its own.
+/// For tests of single operations.
 const char kOneVariable[] = R"([{"tag": "anInt", "type": "INT", "poll": "once"}])";
 
 /// Tag, type and two values of each type, as text.
@@ -81,7 +81,7 @@ Bytes bytesOf(const char* type, const char* text)
     return micro850::valueFromText(micro850::cipTypeNamed(type), text);
 }
 
-/// True for a type of several bytes that the driver takes for a run of single bytes.
+/// True for a type of several bytes that the driver transfers as single bytes.
 bool isMovedInPieces(const std::string& type)
 {
     const std::set<std::string> types = {"STIME", "DATE",  "TIME_OF_DAY", "DATE_AND_TIME",
@@ -133,7 +133,7 @@ protected:
     micro850::host::PollLoop& loop() { return *m_loop; }
     SimulatorThread& simulator() { return *m_simulator; }
 
-    /// Goes on until `condition` holds; false when the limit is reached first.
+    /// Steps until the condition holds; false when the limit is reached first.
     template<typename Condition> bool runUntil(Condition condition)
     {
         const auto end = std::chrono::steady_clock::now() + kLimit;
@@ -182,7 +182,7 @@ private:
     std::unique_ptr<micro850::host::PollLoop> m_loop;
 };
 
-TEST_F(PollTest, ReadsAScalarOfEveryTypeInACycle)
+TEST_F(PollTest, ReadsAScalarOfEveryTypeCyclically)
 {
     use(variablesOf("cyclic"));
     const int count = static_cast<int>(std::size(kExamples));
@@ -198,7 +198,7 @@ TEST_F(PollTest, ReadsAScalarOfEveryTypeInACycle)
         EXPECT_EQ(shown(i), shownInitially(kExamples[i])) << kExamples[i].type;
 }
 
-TEST_F(PollTest, ShowsEveryElementOfAnArrayAndAValueThatMoves)
+TEST_F(PollTest, ShowsEveryElementOfAnArrayAndAValueThatChanges)
 {
     use(R"([{"tag": "words", "type": "INT", "length": 300},
             {"tag": "doubles", "type": "DINT", "length": 20}, {"tag": "count", "type": "DINT"}])");
@@ -223,7 +223,7 @@ TEST_F(PollTest, SeesAChangeOfTheLastElementOfALongArray)
     EXPECT_TRUE(runUntil([&] { return loop().values().texts(0).last() == "4660"; }));
 }
 
-TEST_F(PollTest, ReadsOnceWhatNoVariableNames)
+TEST_F(PollTest, ReadsATagOnceThatNoVariableNames)
 {
     use(kOneVariable);
     const TagKey tag = {1, "words"};
@@ -234,7 +234,7 @@ TEST_F(PollTest, ReadsOnceWhatNoVariableNames)
     EXPECT_EQ(operation->result.toHex().toStdString(), "0b000c00");
 }
 
-TEST_F(PollTest, WritesAValueOfEveryTypeThatItMovesByElements)
+TEST_F(PollTest, WritesAValueOfEveryTypeThatIsTransferredByElements)
 {
     use(kOneVariable);
     for (const Example& example : kExamples) {
@@ -249,9 +249,9 @@ TEST_F(PollTest, WritesAValueOfEveryTypeThatItMovesByElements)
     }
 }
 
-// The frame announces as many elements as the value has bytes, so that a controller finds too few
+// The frame announces as many elements as the value has bytes, so that the controller finds too few
 // bytes.
-TEST_F(PollTest, HasAWriteOfAWideTypeThatItMovesByteByByteRefusedAsIsKnown)
+TEST_F(PollTest, AWriteOfAWideTypeThatIsTransferredByteByByteIsRefusedAsDocumented)
 {
     use(kOneVariable);
     for (const Example& example : kExamples) {
@@ -265,7 +265,7 @@ TEST_F(PollTest, HasAWriteOfAWideTypeThatItMovesByteByByteRefusedAsIsKnown)
     }
 }
 
-TEST_F(PollTest, WritesOneElementOfAnArrayAndLeavesItsNeighbours)
+TEST_F(PollTest, WritesOneElementOfAnArrayWithoutChangingItsNeighbours)
 {
     use(R"([{"tag": "words", "type": "INT", "length": 300}])");
     const Operation* operation = finished(loop().write({1, "words"}, 256, QByteArray("\x10\x10")));
@@ -277,7 +277,7 @@ TEST_F(PollTest, WritesOneElementOfAnArrayAndLeavesItsNeighbours)
     EXPECT_EQ(simulator().element("words", 0), (Bytes{10, 0}));
 }
 
-TEST_F(PollTest, TellsThatTheControllerDoesNotKnowATag)
+TEST_F(PollTest, ReportsThatTheControllerDoesNotKnowATag)
 {
     use(kOneVariable);
     const TagKey tag = {1, "missing"};
@@ -288,7 +288,7 @@ TEST_F(PollTest, TellsThatTheControllerDoesNotKnowATag)
     EXPECT_FALSE(operation->error.isEmpty());
 }
 
-TEST_F(PollTest, ServesTwoStationsEachOnAConnectionOfItsOwn)
+TEST_F(PollTest, PollsTwoStationsEachOnItsOwnConnection)
 {
     use(R"([{"name": "first", "tag": "anInt", "type": "INT", "station": 1},
             {"name": "second", "tag": "aDint", "type": "DINT", "station": 2}])",
@@ -300,7 +300,7 @@ TEST_F(PollTest, ServesTwoStationsEachOnAConnectionOfItsOwn)
     EXPECT_TRUE(loop().stations().value(2).alive());
 }
 
-TEST_F(PollTest, LeavesADisabledStationAlone)
+TEST_F(PollTest, SendsNothingToADisabledStation)
 {
     use(R"([{"name": "first", "tag": "anInt", "type": "INT", "station": 1},
             {"name": "second", "tag": "aDint", "type": "DINT", "station": 2}])",
@@ -311,7 +311,7 @@ TEST_F(PollTest, LeavesADisabledStationAlone)
     EXPECT_EQ(loop().stations().value(2).state, micro850::host::Station::State::Disabled);
 }
 
-TEST_F(PollTest, KeepsTheLastValueMarkedStaleWhileTheControllerIsSilentAndRecovers)
+TEST_F(PollTest, MarksTheLastValueStaleWhileTheControllerIsSilentAndRecovers)
 {
     use(R"([{"tag": "count", "type": "DINT"}])");
     ASSERT_TRUE(runUntil([&] { return isGood(0); }));
@@ -336,7 +336,7 @@ TEST_F(PollTest, RecoversFromAPowerCycleOfTheController)
     EXPECT_TRUE(runUntil([&] { return shown(0) == "5"; }));
 }
 
-TEST_F(PollTest, FindsTheDeviceAgainAfterTheCableWasPulled)
+TEST_F(PollTest, OpensTheDeviceAgainAfterTheCableWasPulled)
 {
     use(R"([{"tag": "count", "type": "DINT"}])");
     ASSERT_TRUE(runUntil([&] { return isGood(0); }));

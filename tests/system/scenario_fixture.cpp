@@ -15,7 +15,7 @@ quint32 numberAt(const QByteArray& bytes, int at, int size)
     return number;
 }
 
-/// Symbol and element of a path, as a person writes them.
+/// Tag and element of a path, like "A[3]".
 std::string pathText(const QByteArray& path)
 {
     const int size = static_cast<quint8>(path.at(1));
@@ -29,7 +29,8 @@ std::string pathText(const QByteArray& path)
            "]";
 }
 
-// A frame is over with DLE ETX and two bytes; a doubled DLE is data. -1 while it is not.
+// The position after the first frame: it ends with DLE ETX and two bytes, and a doubled DLE is
+// data. -1 if no frame is complete.
 int endOfFrame(const QByteArray& bytes)
 {
     const int start = bytes.indexOf(QByteArray("\x10\x02", 2));
@@ -43,7 +44,8 @@ int endOfFrame(const QByteArray& bytes)
     return -1;
 }
 
-// From a DLE ACK on; behind a CRC of two DLEs a byte that keeps them from being the end.
+// The frame with a DLE ACK before it. After a CRC of two DLEs comes a byte, so that they are not
+// the end.
 QByteArray asTheDriverExpects(const QByteArray& bytes)
 {
     if (bytes.isEmpty())
@@ -64,12 +66,12 @@ std::string requestText(const QByteArray& frame)
     if (data.at(2) == '\x0B')
         return tns + (data.at(8) == '\x01' ? "identity" : "open");
     const int pathSize = 2 * static_cast<quint8>(data.at(13));
-    const int behind = 14 + pathSize;
+    const int afterPath = 14 + pathSize;
     const std::string tag = pathText(data.mid(14, pathSize));
     if (data.at(12) == '\x52')
-        return tns + "read " + tag + " x" + std::to_string(numberAt(data, behind, 2));
-    return tns + "write " + tag + " x" + std::to_string(numberAt(data, behind + 2, 2)) + " = " +
-           wire::text(data.mid(behind + 8));
+        return tns + "read " + tag + " x" + std::to_string(numberAt(data, afterPath, 2));
+    return tns + "write " + tag + " x" + std::to_string(numberAt(data, afterPath + 2, 2)) + " = " +
+           wire::text(data.mid(afterPath + 8));
 }
 
 bool isAnswerTo(const QByteArray& frame, const QByteArray& reply)
@@ -92,7 +94,7 @@ void ScenarioTest::restart()
     controller.powerCycle(false);
     m_line = std::make_unique<micro850::sim::FaultyLine>(clock, controller);
     exchanges.clear();
-    m_taken = 0;
+    m_popped = 0;
     m_input.clear();
     calls = 0;
 }
@@ -126,8 +128,8 @@ void ScenarioTest::pollCyclically(const std::vector<Variable>& variables)
 int ScenarioTest::write(const char* tag, const QByteArray& value, int count, int element, int index,
                         int station)
 {
-    // An area of its own for each tag: a queued write is replaced by one to the same place,
-    // whatever its tag.
+    // Each tag has its own area: a write replaces a queued write to the same area and element, even
+    // of another tag.
     return SetRegisterData(QString::fromLatin1(tag),
                            static_cast<int>(qHash(QByteArray(tag)) % 1000),
                            QString::number(element), station, value, count, 3, index);
@@ -141,16 +143,16 @@ void ScenarioTest::pass(int ms)
     }
 }
 
-void ScenarioTest::takeInput()
+void ScenarioTest::receiveInput()
 {
     m_input += toByteArray(line().transmit());
 }
 
-// The first frame that comes within the time; nothing when none does.
+// Returns the first frame that arrives within the time-out, or nothing.
 QByteArray ScenarioTest::collect()
 {
     for (int ms = 0;; ++ms) {
-        takeInput();
+        receiveInput();
         const int end = endOfFrame(m_input);
         if (end >= 0) {
             const QByteArray reply = m_input.left(end);
@@ -169,9 +171,9 @@ int ScenarioTest::dataCom(QByteArray& reply, int length)
     return DataCom(&reply, length)->retValue;
 }
 
-// A reply of varying length is judged by one call and taken by the next; after a silence the
-// driver is told so until it counts a failure.
-void ScenarioTest::handOver(Protocol& sent, QByteArray reply, Exchange& exchange)
+// For a reply of varying length, one call judges it and the next one stores it. After a time-out
+// the driver is called without bytes until it counts a failure.
+void ScenarioTest::passToDriver(Protocol& sent, QByteArray reply, Exchange& exchange)
 {
     const bool varies = sent.replyLength == kVaries;
     if (reply.isEmpty()) {
@@ -191,7 +193,7 @@ bool ScenarioTest::transact()
     Protocol* sent = ComCommunication();
     if (!sent)
         return false;
-    takeInput();
+    receiveInput();
     if (emptiesInput)
         m_input.clear();
     Exchange exchange;
@@ -204,7 +206,7 @@ bool ScenarioTest::transact()
         exchange.reply = asTheDriverExpects(exchange.reply);
     if (accepts && !accepts(exchange.frame, exchange.reply))
         exchange.reply.clear();
-    handOver(*sent, exchange.reply, exchange);
+    passToDriver(*sent, exchange.reply, exchange);
     exchanges.push_back(exchange);
     return true;
 }
@@ -215,11 +217,11 @@ void ScenarioTest::transact(int times)
         transact();
 }
 
-std::vector<std::string> ScenarioTest::takeRequests()
+std::vector<std::string> ScenarioTest::popRequests()
 {
     std::vector<std::string> requests;
-    for (; m_taken < exchanges.size(); ++m_taken)
-        requests.push_back(exchanges[m_taken].request);
+    for (; m_popped < exchanges.size(); ++m_popped)
+        requests.push_back(exchanges[m_popped].request);
     return requests;
 }
 

@@ -48,8 +48,8 @@ protected:
         port.pause(std::chrono::seconds(1));
     }
 
-    /// Steps until the condition holds; false after a minute of virtual time. Every value that is
-    /// shown on the way is one that its tag has had.
+    /// Steps until the condition holds; false after a minute of virtual time. Counts values that a
+    /// tag never had.
     template<typename Condition> bool runUntil(Condition condition)
     {
         const micro850::Duration end = clock.now() + std::chrono::minutes(1);
@@ -125,7 +125,7 @@ TEST_F(HostScenario, ALateReplyIsNeverShownUnderAnotherTag)
     EXPECT_GT(counters().late, 30);
 }
 
-TEST_F(HostScenario, AReplyThatIsSentAgainInPlaceOfAnotherIsDroppedAndCountedAsLate)
+TEST_F(HostScenario, AReplyThatIsSentAgainInsteadOfAnotherIsDroppedAndCountedAsLate)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -145,7 +145,7 @@ TEST_F(HostScenario, RepliesInSingleBytesWithPausesCostNoTimeOut)
     EXPECT_EQ(counters().corrupt, 0);
 }
 
-TEST_F(HostScenario, ALeadingNakAStrayAckAndASecondCopyCostNoValue)
+TEST_F(HostScenario, ANakBeforeAReplyAStrayAckAndASecondCopyLoseNoValue)
 {
     faults(R"({"fault": "nak", "rate": 0.2},
               {"fault": "insert", "rate": 0.2, "byte": 1, "bytes": "10 06"},
@@ -159,7 +159,7 @@ TEST_F(HostScenario, ALeadingNakAStrayAckAndASecondCopyCostNoValue)
     EXPECT_EQ(line.counts().size(), 3u);
 }
 
-TEST_F(HostScenario, AnAckWithinAReplyIsTakenOutOfIt)
+TEST_F(HostScenario, AnAckWithinAReplyIsRemovedFromIt)
 {
     faults(R"({"fault": "insert", "rate": 1, "byte": 6, "bytes": "10 06"})");
     start();
@@ -171,8 +171,8 @@ TEST_F(HostScenario, AnAckWithinAReplyIsTakenOutOfIt)
     EXPECT_GT(line.counts().at(micro850::sim::FaultKind::InsertBytes), 100u);
 }
 
-// The host's acknowledgements are lost, so that the controller keeps its next reply back.
-TEST_F(HostScenario, RequestsThatLostTheirAcknowledgementCostNoConnection)
+// The host's acknowledgements are lost, so that the controller holds its next reply back.
+TEST_F(HostScenario, LostAcknowledgementsOfTheHostCostNoConnection)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -182,10 +182,10 @@ TEST_F(HostScenario, RequestsThatLostTheirAcknowledgementCostNoConnection)
     ASSERT_TRUE(runUntilGood());
     EXPECT_EQ(foreignValues, 0);
     EXPECT_EQ(counters().reconnects, 0);
-    EXPECT_GT(counters().late, 30) << "each is preceded by the reply before";
+    EXPECT_GT(counters().late, 30) << "the previous reply arrives before each of them";
 }
 
-TEST_F(HostScenario, ACorruptReplyIsAskedForAgainInTheSameTime)
+TEST_F(HostScenario, ARequestWithACorruptReplyIsRepeatedWithoutATimeOut)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -193,11 +193,11 @@ TEST_F(HostScenario, ACorruptReplyIsAskedForAgainInTheSameTime)
     runFor(20000);
     EXPECT_EQ(foreignValues, 0);
     EXPECT_GT(counters().corrupt, 50);
-    // A bit that falls on the end of a frame costs a time-out; most do not.
+    // A flipped bit in the end of a frame costs a time-out; most bits do not.
     EXPECT_LT(counters().timedOut, counters().corrupt / 2);
 }
 
-TEST_F(HostScenario, APowerCycleOfTheControllerInMidPollingIsFollowedByFreshValues)
+TEST_F(HostScenario, FreshValuesFollowAPowerCycleOfTheControllerDuringPolling)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -207,7 +207,7 @@ TEST_F(HostScenario, APowerCycleOfTheControllerInMidPollingIsFollowedByFreshValu
     EXPECT_EQ(counters().reconnects, 1);
 }
 
-TEST_F(HostScenario, AConnectionThatTimedOutIsMadeAgain)
+TEST_F(HostScenario, AConnectionThatTimedOutIsOpenedAgain)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -218,7 +218,7 @@ TEST_F(HostScenario, AConnectionThatTimedOutIsMadeAgain)
     EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
-TEST_F(HostScenario, ACableThatWasPulledAndPutBackIsNoticedAndValuesFlowAgain)
+TEST_F(HostScenario, AfterACableIsPulledAndPutBackFreshValuesArrive)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -232,7 +232,7 @@ TEST_F(HostScenario, ACableThatWasPulledAndPutBackIsNoticedAndValuesFlowAgain)
     EXPECT_EQ(loop->lineReconnects(), 1);
 }
 
-TEST_F(HostScenario, AnErrorInPlaceOfAnAnswerIsShownAndCountedAndNotTakenForAValue)
+TEST_F(HostScenario, AnErrorReplyIsCountedAndNotShownAsAValue)
 {
     start();
     ASSERT_TRUE(runUntilGood());
@@ -247,8 +247,8 @@ TEST_F(HostScenario, AnErrorInPlaceOfAnAnswerIsShownAndCountedAndNotTakenForAVal
     EXPECT_TRUE(runUntilGood());
 }
 
-/// Two controllers behind one line. Their frames look alike: data goes by its tag, and a connection
-/// set-up is for the first while that has no connection.
+/// Two controllers on one line. Their frames look alike, so the test routes them: data by its tag,
+/// and a connection set-up to the first controller while that has no connection.
 class TwoStations : public HostScenario
 {
 protected:
@@ -257,11 +257,11 @@ protected:
         farController.download(micro850::sim::TagTable::fromText(
             R"({"tags": [{"name": "FarTag", "type": "INT", "value": 222}]})", "far"));
         port.add(farLine);
-        port.route = [this](const QByteArray& piece) { return heardBy(piece); };
+        port.route = [this](const QByteArray& piece) { return lineFor(piece); };
     }
 
-    /// A link control is for the one that the last frame was for.
-    micro850::sim::FaultyLine* heardBy(const QByteArray& piece)
+    /// The line that carries a piece. A link control goes to the controller of the last frame.
+    micro850::sim::FaultyLine* lineFor(const QByteArray& piece)
     {
         if (piece.size() > 2) {
             const bool isSetUp = piece.at(6) == '\x0B';
@@ -281,7 +281,7 @@ private:
     bool m_isFar = false;
 };
 
-TEST_F(TwoStations, ADeadOneIsProbedAtAnIntervalWhileTheLiveOneGoesOn)
+TEST_F(TwoStations, ADeadStationIsProbedAtAnIntervalWhileTheLiveOneIsPolled)
 {
     start(R"({"tag": "A"}, {"tag": "FarTag", "station": 2})", R"([{"number": 1}, {"number": 2}])");
     ASSERT_TRUE(runUntilGood());

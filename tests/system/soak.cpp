@@ -1,7 +1,6 @@
-// soak: the reference host and the driver against a simulated controller over a line on which
-// everything goes wrong now and then, on virtual time. Every write ends confirmed, and is then in
-// the controller, or reported failed; no value is shown that its tag never had; memory stays
-// bounded.
+// soak: the reference host and the driver with a simulated controller, on virtual time and on a
+// line where every kind of fault happens. Every write must be confirmed and be in the controller,
+// or be reported as failed. No value may be shown that its tag never had. Memory must stay bounded.
 
 #include "simulated_line.h"
 
@@ -25,11 +24,11 @@ using namespace micro850;
 using micro850::host::Operation;
 
 const int kReadTags = 8;
-// Transactions between two changes of the values in the controller, and after which nothing grows
-// any more.
+// Transactions between two changes of the values in the controller, and until memory no longer
+// grows.
 const qint64 kChange = 64;
 const qint64 kSettled = 10000;
-// Transactions between two looks of the person who waits.
+// Transactions between two updates of the progress.
 const qint64 kShown = 1000;
 const double kMostGrowthMiB = 1;
 
@@ -50,7 +49,7 @@ struct WriteTag
     Bytes value;
 };
 
-/// All kinds of faults on both sides, `rate` of the messages together.
+/// All kinds of faults on both sides. Together they strike `rate` of the messages.
 sim::FaultScript everyFault(double rate)
 {
     std::string rules;
@@ -78,7 +77,7 @@ sim::FaultScript everyFault(double rate)
     return sim::faultsFromText("{\"faults\": [" + rules + "]}", "soak");
 }
 
-/// What is allocated and not freed. Nothing under a sanitizer, whose allocator does not tell.
+/// Memory that is allocated and not freed; 0 under a sanitizer, whose allocator does not report it.
 double allocatedMiB()
 {
     return static_cast<double>(::mallinfo2().uordblks) / (1 << 20);
@@ -97,15 +96,15 @@ class Soak
 public:
     explicit Soak(const Options& options);
 
-    /// True when everything held.
+    /// True when no rule was violated.
     bool run();
 
 private:
     void step();
     void changeValues();
-    void lookAtValues();
-    void lookAfterWrites(bool startMore);
-    void take(WriteTag& tag, const Operation& operation);
+    void checkValues();
+    void serveWrites(bool startMore);
+    void handleOutcome(WriteTag& tag, const Operation& operation);
     void drain();
     void note(const WriteTag& tag, const std::string& outcome);
     void violation(const std::string& what);
@@ -189,7 +188,7 @@ bool Soak::run()
 {
     while (m_transactions < m_options.transactions) {
         step();
-        lookAfterWrites(true);
+        serveWrites(true);
         if (m_transactions >= m_nextShown) {
             m_nextShown = m_transactions + kShown;
             m_progress.show(static_cast<int>(m_transactions));
@@ -204,7 +203,7 @@ bool Soak::run()
     if (growth > kMostGrowthMiB)
         violation("memory grew by " + std::to_string(growth) + " MiB");
     if (m_confirmed + m_refused + m_failed != m_written)
-        violation("a write was never told");
+        violation("the result of a write was never reported");
     report();
     return m_violations == 0;
 }
@@ -217,10 +216,10 @@ void Soak::step()
         m_nextChange = m_transactions + kChange;
         changeValues();
     }
-    lookAtValues();
+    checkValues();
 }
 
-// Tag i only ever has values that are i modulo the number of tags.
+// Every value of tag i is i modulo the number of tags.
 void Soak::changeValues()
 {
     m_generation = (m_generation + 1) % 4000;
@@ -231,7 +230,7 @@ void Soak::changeValues()
     }
 }
 
-void Soak::lookAtValues()
+void Soak::checkValues()
 {
     for (const int variable : m_loop->values().popChanged()) {
         if (variable >= kReadTags || !m_loop->values().wasRead(variable))
@@ -244,14 +243,14 @@ void Soak::lookAtValues()
     }
 }
 
-void Soak::lookAfterWrites(bool startMore)
+void Soak::serveWrites(bool startMore)
 {
     for (WriteTag& tag : m_writes) {
         if (tag.id != 0) {
             const Operation* operation = m_loop->outcome(tag.id);
             if (!operation)
                 continue;
-            take(tag, *operation);
+            handleOutcome(tag, *operation);
             m_loop->forget(tag.id);
             tag.id = 0;
         }
@@ -262,7 +261,7 @@ void Soak::lookAfterWrites(bool startMore)
     }
 }
 
-void Soak::take(WriteTag& tag, const Operation& operation)
+void Soak::handleOutcome(WriteTag& tag, const Operation& operation)
 {
     if (operation.state == Operation::State::Done) {
         ++m_confirmed;
@@ -285,7 +284,7 @@ void Soak::note(const WriteTag& tag, const std::string& outcome)
                << outcome << '\n';
 }
 
-// On a line that is good again every write ends and every value is fresh.
+// On a good line every write must end and every value become fresh.
 void Soak::drain()
 {
     const Duration end = m_clock.now() + std::chrono::minutes(2);
@@ -302,7 +301,7 @@ void Soak::drain()
     };
     while (pending() && m_clock.now() < end) {
         step();
-        lookAfterWrites(false);
+        serveWrites(false);
     }
     if (pending())
         violation("not back to normal two minutes after the last fault");
@@ -314,7 +313,7 @@ void Soak::report()
     std::cout << "soak: seed " << m_options.seed << ", " << m_transactions << " transactions in "
               << m_clock.now() / std::chrono::seconds(1) << " s of virtual time; answered "
               << counters.answered << ", timed out " << counters.timedOut << ", corrupt "
-              << counters.corrupt << ", late " << counters.late << ", connections made anew "
+              << counters.corrupt << ", late " << counters.late << ", connections opened again "
               << counters.reconnects << ", line reopened " << m_loop->lineReconnects()
               << "\nsoak: faults:";
     unsigned all = 0;

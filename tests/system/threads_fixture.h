@@ -13,11 +13,11 @@
 #include <thread>
 #include <vector>
 
-/// What some threads bring about and others wait for; the test's watchdog is the limit.
+/// Lets threads wait for what other threads change. The test's watchdog is the limit.
 class Progress
 {
 public:
-    template<typename Change> void tell(Change change)
+    template<typename Change> void notify(Change change)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         change();
@@ -35,8 +35,8 @@ private:
     std::condition_variable m_wake;
 };
 
-/// The poll pair on the test's own thread, two controllers in memory, and what host threads
-/// need to wait for what they asked for.
+/// The poll pair on the test's thread, two controllers in memory, and means for host threads to
+/// wait for the completion of their requests.
 class ThreadsTest : public DriverTest
 {
 protected:
@@ -50,7 +50,7 @@ protected:
             count = 0;
         onDone = nullptr;
         RegistCallBackFuncIntf(noteFinished, [](QList<RW_VAR>*, int, int) {});
-        // Replies get lost below; no request may be given up for that.
+        // Some replies are lost below. No request may be given up because of that.
         settings.retryLimit = INT_MAX;
     }
 
@@ -84,7 +84,7 @@ protected:
         return request;
     }
 
-    /// A value whose halves match, so that one put together from two writes shows.
+    /// A value with two equal halves, so that a mixture of two writes is visible.
     static QByteArray pattern(quint32 number)
     {
         return wire::little(number, 4) + wire::little(number, 4);
@@ -103,13 +103,13 @@ protected:
         return value;
     }
 
-    /// A total as the driver has it stored; false where it has none.
+    /// Reads a total that the driver has stored; false when there is none.
     static bool readBack(int tag, QByteArray& out)
     {
         return GetRegisterData(QString::fromLatin1(total(tag)), 0, "0", 1, out, 4) == 1;
     }
 
-    /// One transaction as a host makes it; false when there was nothing to send. Every 13th reply
+    /// Makes one transaction, like a host; false when there was nothing to send. Every 13th reply
     /// is lost.
     bool transact()
     {
@@ -151,12 +151,12 @@ protected:
     {
         QList<HOSTVAR> none;
         ReCreatReadVarList(&none);
-        // One idle call can stand between two bursts.
+        // There can be one idle call between two bursts.
         for (int idle = 0; idle < 2;)
             idle = transact() ? 0 : idle + 1;
     }
 
-    /// Waits for the completion of the `wanted`th request of a variable.
+    /// Waits until `wanted` requests of a variable are completed.
     static void awaitDone(int varIndex, int wanted)
     {
         completions.await([=] { return done[varIndex] >= wanted; });
@@ -165,13 +165,13 @@ protected:
     SimulatedController controller;
     /// The controller of station kOtherStation.
     SimulatedController elsewhere;
-    /// Frames that went out for requests of kForeignLink.
+    /// Number of frames sent for requests of kForeignLink.
     int foreignFrames = 0;
 
-    /// Completions by the host's number of the variable.
+    /// Completed requests by the host's number of the variable.
     static inline Progress completions;
     static inline std::atomic<int> done[kVariables];
-    /// Told of each good completion, on the poll thread, before it is counted.
+    /// Called for each successful completion, on the poll thread, before it is counted.
     static inline std::function<void(int varIndex)> onDone;
 
 private:
@@ -182,7 +182,7 @@ private:
         if (status == 1 && onDone)
             onDone(varIndex);
         if (varIndex >= 0 && varIndex < kVariables)
-            completions.tell([=] { ++done[varIndex]; });
+            completions.notify([=] { ++done[varIndex]; });
     }
 
     Watchdog m_watchdog;

@@ -1,6 +1,6 @@
-// The poll pair on one thread and host threads that call everything else meanwhile. Each test is
-// bounded by a number of operations and guarded by a watchdog; ThreadSanitizer's build shows the
-// races that did not happen to go wrong.
+// The poll pair on one thread while host threads call everything else. Each test has a fixed number
+// of operations and a watchdog. The build with ThreadSanitizer also finds races that caused no
+// damage.
 
 #include "threads_fixture.h"
 
@@ -12,72 +12,72 @@
 
 namespace {
 
-// ---- The counts that list operations return
+// ---- The lengths that list operations return
 
-// The lengths 1 to n, each told exactly once, in whatever order the threads came.
-void expectEachLengthOnce(const std::vector<std::vector<int>>& told, int total)
+// The lengths 1 to n must each be returned exactly once, in any order of the threads.
+void expectEachLengthOnce(const std::vector<std::vector<int>>& lengths, int total)
 {
     std::multiset<int> all;
-    for (const auto& ofOneThread : told)
+    for (const auto& ofOneThread : lengths)
         all.insert(ofOneThread.begin(), ofOneThread.end());
     EXPECT_EQ(static_cast<int>(all.size()), total);
     for (int length = 1; length <= total; ++length)
         EXPECT_EQ(all.count(length), 1u) << "length " << length;
 }
 
-std::vector<std::vector<int>> lengthsTold(const std::function<int(int thread, int i)>& operation,
-                                          int threads, int operations)
+std::vector<std::vector<int>>
+lengthsReturned(const std::function<int(int thread, int i)>& operation, int threads, int operations)
 {
-    std::vector<std::vector<int>> told(static_cast<std::size_t>(threads));
+    std::vector<std::vector<int>> lengths(static_cast<std::size_t>(threads));
     std::vector<std::thread> running;
     for (int thread = 0; thread < threads; ++thread) {
         running.emplace_back([&, thread] {
             for (int i = 0; i < operations; ++i)
-                told[static_cast<std::size_t>(thread)].push_back(operation(thread, i));
+                lengths[static_cast<std::size_t>(thread)].push_back(operation(thread, i));
         });
     }
     for (std::thread& thread : running)
         thread.join();
-    return told;
+    return lengths;
 }
 
-TEST_F(ThreadsTest, AddListReadVarTellsTheLengthAtTheTimeOfTheCall)
+TEST_F(ThreadsTest, AddListReadVarReturnsTheLengthAtTheTimeOfTheCall)
 {
-    const auto told = lengthsTold(
+    const auto lengths = lengthsReturned(
         [&](int, int) {
             RW_VAR request = readOf("Speed");
             return AddListReadVar(&request);
         },
         4, 500);
-    expectEachLengthOnce(told, 2000);
+    expectEachLengthOnce(lengths, 2000);
 }
 
-TEST_F(ThreadsTest, AddListWriteVarTellsTheLengthAtTheTimeOfTheCall)
+TEST_F(ThreadsTest, AddListWriteVarReturnsTheLengthAtTheTimeOfTheCall)
 {
-    const auto told = lengthsTold(
+    const auto lengths = lengthsReturned(
         [&](int, int) {
             RW_VAR request = writeOf("Speed", wire::hex("01 00"));
             return AddListWriteVar(&request, 1);
         },
         4, 500);
-    expectEachLengthOnce(told, 2000);
+    expectEachLengthOnce(lengths, 2000);
 }
 
-TEST_F(ThreadsTest, AddListOnceReadVarTellsTheLengthAtTheTimeOfTheCallInBothModes)
+TEST_F(ThreadsTest, AddListOnceReadVarReturnsTheLengthAtTheTimeOfTheCallInBothModes)
 {
-    const auto told = lengthsTold(
+    const auto lengths = lengthsReturned(
         [&](int thread, int i) {
             RW_VAR request = readOf("Speed");
-            request.varIndex = thread * 1000 + i; // so that none is queued already
+            request.varIndex = thread * 1000 + i; // so that each request is new
             return AddListOnceReadVar(&request, thread % 2);
         },
         4, 200);
-    expectEachLengthOnce(told, 800);
+    expectEachLengthOnce(lengths, 800);
 }
 
 // ---- The tag store
 
-TEST_F(ThreadsTest, SeedingAndConfirmingATagAreOneStepEach)
+TEST_F(ThreadsTest, SeedingAndConfirmingATagAreAtomic)
 {
     const int kNames = 300;
     const auto name = [](int i) { return "Tag" + QByteArray::number(i); };
@@ -108,7 +108,7 @@ TEST_F(ThreadsTest, SeedingAndConfirmingATagAreOneStepEach)
     }
 }
 
-TEST_F(ThreadsTest, NamesMayBeDeclaredWhileOthersAreLookedUp)
+TEST_F(ThreadsTest, NamesCanBeDeclaredWhileOthersAreLookedUp)
 {
     const int kNames = 400;
     std::atomic<int> missing(0);
@@ -131,9 +131,9 @@ TEST_F(ThreadsTest, NamesMayBeDeclaredWhileOthersAreLookedUp)
     EXPECT_EQ(plcAddList.size(), 3 * kNames);
 }
 
-// ---- A caller's own lock
+// ---- A lock that the caller holds
 
-TEST_F(ThreadsTest, AHolderOfListMutexGetsThroughTheListsThatTakeNone)
+TEST_F(ThreadsTest, TheHolderOfListMutexCanCallListFunctionsThatDoNotTakeIt)
 {
     QMutexLocker lock(&PLC_driver.listMutex);
     RW_VAR request = readOf("Speed");
@@ -141,10 +141,10 @@ TEST_F(ThreadsTest, AHolderOfListMutexGetsThroughTheListsThatTakeNone)
     EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
     QByteArray out;
     EXPECT_EQ(GetRegisterData("Speed", 0, "0", 1, out, 1), 0);
-    EXPECT_FALSE(PLC_driver.listMutex.tryLock()) << "the caller's lock was given away";
+    EXPECT_FALSE(PLC_driver.listMutex.tryLock()) << "the caller's lock was released";
 }
 
-TEST_F(ThreadsTest, AWaitingHolderOfListMutexDoesNotKeepGetRegisterDataFromAnotherThread)
+TEST_F(ThreadsTest, GetRegisterDataDoesNotWaitForAnotherThreadThatHoldsListMutex)
 {
     QMutexLocker lock(&PLC_driver.listMutex);
     std::thread other([] {
@@ -156,7 +156,7 @@ TEST_F(ThreadsTest, AWaitingHolderOfListMutexDoesNotKeepGetRegisterDataFromAnoth
 
 // ---- The debug log
 
-TEST_F(ThreadsTest, LinesLoggedByTwoThreadsAllStandInTheFileThatTheFirstCallEmptied)
+TEST_F(ThreadsTest, TheLogHasAllLinesOfTwoThreadsAndNoneOfAnEarlierRun)
 {
     const int kLines = 200;
     QTemporaryDir directory;

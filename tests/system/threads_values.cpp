@@ -1,4 +1,4 @@
-// Values that change on one thread while others read them, and everything else is called meanwhile.
+// Values change on one thread while other threads read them and call everything else.
 
 #include "threads_fixture.h"
 
@@ -7,8 +7,8 @@
 
 namespace {
 
-/// Places threads, where the program may use more than one processor: a value is hardly ever torn
-/// between threads that take turns on one.
+/// Assigns threads to processors, if the program may use more than one. On one processor threads
+/// take turns, and a value is hardly ever torn.
 class Processors
 {
 public:
@@ -44,22 +44,22 @@ private:
     cpu_set_t m_all, m_first, m_others;
 };
 
-/// Values that writers change while watchers read them. Either side waits for the other: writers
-/// until their values have been seen, watchers as long as there is a writer.
+/// Writers change values while watchers read them. Writers wait until their values have been seen;
+/// watchers go on as long as there is a writer.
 class ThreadsOnValues : public ThreadsTest
 {
 protected:
     static constexpr int kMostTags = 64;
     static constexpr int kWatchers = 2;
 
-    /// What a watcher has last seen of each tag.
+    /// The values of each tag that a watcher saw last.
     struct Watcher
     {
         std::atomic<quint32> last[kMostTags] = {};
     };
 
-    /// Watchers that read `number` tags from `first` on, again and again, until the writers have
-    /// ended.
+    /// Starts watchers that read `number` tags from `first` on, again and again, until the writers
+    /// have ended.
     void startWatchers(std::vector<std::thread>& threads, const std::atomic<int>& first, int number)
     {
         for (Watcher& watcher : m_watchers) {
@@ -74,8 +74,8 @@ protected:
         pollUntilEnd(threads);
     }
 
-    /// Waits until each watcher has seen this value of the tag, or a later one; no longer once a
-    /// value was torn or a write lost.
+    /// Waits until each watcher has seen this value of the tag, or a later one. Returns at once
+    /// after a value was torn or a write lost.
     void awaitSeen(int tag, quint32 value)
     {
         m_seen.await([=] {
@@ -89,12 +89,12 @@ protected:
 
     void noteLost()
     {
-        m_seen.tell([this] { ++lost; });
+        m_seen.notify([this] { ++lost; });
     }
 
     void endWriting()
     {
-        completions.tell([this] { --writing; });
+        completions.notify([this] { --writing; });
     }
 
     void expectWholeValuesInOrder()
@@ -106,7 +106,7 @@ protected:
 
     /// Writers that have not ended.
     std::atomic<int> writing{0};
-    /// How often a watcher saw another value than before.
+    /// How often a watcher saw a value that differs from the previous one.
     std::atomic<int> changes{0};
 
 private:
@@ -123,7 +123,7 @@ private:
     void note(std::atomic<quint32>& last, const QByteArray& value)
     {
         if (!isPattern(value)) {
-            m_seen.tell([this] { ++torn; });
+            m_seen.notify([this] { ++torn; });
             return;
         }
         const quint32 now = numberOf(value);
@@ -131,7 +131,7 @@ private:
             return;
         backwards += now < last;
         ++changes;
-        m_seen.tell([&] { last = now; });
+        m_seen.notify([&] { last = now; });
     }
 
     Processors m_processors;
@@ -150,7 +150,7 @@ protected:
     static constexpr int kAppended = 100;
     static constexpr int kOneShot = 21; // number of the variable
 
-    /// What one writer has handed over and what has been acknowledged of it.
+    /// The last value that a writer queued, and the last one that was acknowledged.
     struct Written
     {
         std::atomic<quint32> last{0};
@@ -178,8 +178,8 @@ protected:
         return variables;
     }
 
-    // A tag's values only grow, so an acknowledged write has brought a new one; the very last where
-    // the writer waits for each.
+    // A tag's values only grow, so each acknowledged write has brought a new one. If the writer
+    // waits for each write, it is the last one.
     void checkAcknowledged(int tag)
     {
         Written& own = written[tag];
@@ -230,7 +230,7 @@ protected:
         }
     }
 
-    // Keeps the pace of readOnce().
+    // Slows the caller down to the pace of readOnce().
     void awaitNextOneShot()
     {
         const int before = done[kOneShot];
@@ -295,7 +295,7 @@ TEST_F(EverythingAtOnce, EveryAcknowledgedWriteIsInTheControllerAndNoValueIsTorn
 
 // ---- Another link
 
-TEST_F(ThreadsOnValues, TypesLearntOnAnotherLinkAreKeptAndNoValueReadBesideIsTorn)
+TEST_F(ThreadsOnValues, TypesLearntOnAnotherLinkAreKeptAndNoConcurrentReadIsTorn)
 {
     const int kTags = 30;
     const quint32 kValues = 2;
@@ -303,7 +303,7 @@ TEST_F(ThreadsOnValues, TypesLearntOnAnotherLinkAreKeptAndNoValueReadBesideIsTor
     writing = 1;
     std::atomic<int> present(0);
     // The write must learn the type first. A reply on another link stores no value, so a read on
-    // the own link follows.
+    // the local link follows.
     const auto writeAndRead = [&](int tag, quint32 value, int turn) {
         RW_VAR write = totalWrite(tag, 0, value);
         write.linkId = kForeignLink;
@@ -338,7 +338,7 @@ TEST_F(ThreadsOnValues, TypesLearntOnAnotherLinkAreKeptAndNoValueReadBesideIsTor
 
     expectWholeValuesInOrder();
     EXPECT_GE(changes, kWatchers * kTags * static_cast<int>(kValues));
-    // Each tag's type was asked for, and each value written, on the other link.
+    // On the other link, each tag's type was read and each value written.
     EXPECT_GE(foreignFrames, kTags * static_cast<int>(1 + kValues));
     for (int tag = 0; tag < kTags; ++tag) {
         EXPECT_BYTES(PLCDataStorage[1].tagInfo[QString::fromLatin1(total(tag))],

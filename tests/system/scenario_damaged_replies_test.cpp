@@ -1,5 +1,5 @@
-// One damaged byte at every position of every reply of a session, and replies that come oddly but
-// whole.
+// One damaged byte at every position of every reply of a session, and replies that are complete but
+// arrive in an unusual way.
 
 #include "scenario_fixture.h"
 
@@ -11,19 +11,18 @@ const char kFirstValue[] = "34 12";
 const char kSecondValue[] = "10 10 02 03";
 const char kWritten[] = "05 00";
 
-class CorruptionScenario : public ScenarioTest
+class DamagedReplies : public ScenarioTest
 {
 protected:
-    CorruptionScenario()
+    DamagedReplies()
     {
         defineTags(R"({"name": "A", "type": "INT", "value": 4660},
                  {"name": "B", "type": "DINT", "value": 50466832},
                  {"name": "W", "type": "INT"})");
     }
 
-    /// Connects, polls two tags and writes a third. The number of calls of the driver's entry
-    /// points until all is read, the write reported, and both tags read once more; -1 when it never
-    /// comes to that.
+    /// Connects, polls two tags and writes a third. Returns the number of calls of the driver until
+    /// both tags are read and the write has left the queue; -1 if that does not happen.
     int session(const std::string& rule = "")
     {
         restart();
@@ -46,20 +45,20 @@ protected:
         foreignValues += written != "none" && written != "00 00" && written != kWritten;
         return first == kFirstValue && second == kSecondValue;
     }
-    /// A write that was reported done is in the controller.
-    bool writeIsTold()
+    /// False if a write was reported as done but is not in the controller.
+    bool reportIsTrue()
     {
         return finished.empty() || finished[0].status == 2 || inController("W") == kWritten;
     }
 
-    /// Runs a session for each fault at each byte of each reply of an undisturbed one.
+    /// What happened in a number of sessions.
     struct Outcome
     {
         int sessions = 0;
-        int stuck = 0;   ///< never polling again
-        int foreign = 0; ///< showed a value that the controller does not have
-        int lied = 0;    ///< told that a write is done that is not in the controller
-        int silent = 0;  ///< never told what became of the write
+        int stuck = 0;   ///< the driver never polled again
+        int foreign = 0; ///< the driver showed a value that the controller never had
+        int lied = 0;    ///< a write was reported as done but is not in the controller
+        int silent = 0;  ///< the result of the write was never reported
         int mostCalls = 0;
         bool operator==(const Outcome& other) const
         {
@@ -70,10 +69,11 @@ protected:
         {
             return out << outcome.sessions << " sessions, " << outcome.stuck << " stuck, "
                        << outcome.foreign << " with a foreign value, " << outcome.lied
-                       << " with a write told wrongly, " << outcome.silent << " never told, "
-                       << outcome.mostCalls << " calls at most";
+                       << " with a write reported wrongly, " << outcome.silent
+                       << " with a write never reported, " << outcome.mostCalls << " calls at most";
         }
     };
+    /// Runs a session for each damage at each byte of each reply of an undisturbed session.
     Outcome disturb(const std::vector<std::string>& damages)
     {
         EXPECT_GT(session(), 0);
@@ -99,7 +99,7 @@ private:
         const int took = session(rule);
         ++outcome.sessions;
         outcome.stuck += took < 0;
-        outcome.lied += !writeIsTold();
+        outcome.lied += !reportIsTrue();
         outcome.silent += finished.empty();
         outcome.foreign += foreignValues != 0;
         foreignValues = 0;
@@ -107,7 +107,7 @@ private:
     }
 };
 
-/// Each bit of the byte.
+/// Faults that flip each of the eight bits.
 std::vector<std::string> flips()
 {
     std::vector<std::string> all;
@@ -121,50 +121,49 @@ const std::vector<std::string> kLostDoubledInserted = {R"("fault": "lose")", R"(
                                                        R"("fault": "insert", "bytes": "FF")"};
 const std::vector<std::string> kZeroInserted = {R"("fault": "insert", "bytes": "00")"};
 
-// Wherever the damage costs the connection before the write has gone out, the write is dropped with
-// it and nothing is told.
-TEST_F(CorruptionScenario, AHostThatChecksEachReplyIsPollingAgainAfterAnyFlippedBit)
+// If the damage costs the connection before the write is sent, the write is dropped with it and not
+// reported.
+TEST_F(DamagedReplies, AHostThatChecksEachReplyRecoversFromAnyFlippedBit)
 {
     accepts = isAnswerTo;
     EXPECT_EQ(disturb(flips()), (Outcome{1752, 0, 0, 0, 224, 40}));
 }
 
-TEST_F(CorruptionScenario, AHostThatChecksEachReplyIsPollingAgainAfterAnyLostDoubledOrInsertedByte)
+TEST_F(DamagedReplies, AHostThatChecksEachReplyRecoversFromAnyLostDoubledOrInsertedByte)
 {
     accepts = isAnswerTo;
     EXPECT_EQ(disturb(kLostDoubledInserted), (Outcome{876, 0, 0, 0, 111, 40}));
     EXPECT_EQ(disturb(kZeroInserted), (Outcome{219, 0, 0, 0, 28, 40}));
 }
 
-// The replies of the connection set-up are taken by their end alone. A damaged connection
-// identifier makes the controller answer "connection not found", which counts as an answer.
-TEST_F(CorruptionScenario, ADamagedConnectionIdentifierStopsADriverWhoseHostDoesNotCheckAsIsKnown)
+// The driver checks only the end of the replies of the connection set-up. With a damaged connection
+// identifier the controller answers "connection not found", which counts as an answer.
+TEST_F(DamagedReplies, ADamagedConnectionIdentifierStopsADriverWhoseHostDoesNotCheckAsDocumented)
 {
     EXPECT_EQ(disturb(flips()), (Outcome{1752, 16, 0, 16, 216, 41}));
 }
 
-// Beside the identifiers that are shifted: two sessions in which the second byte of the DLE ACK in
-// front of a value is lost, so that the value is looked for one place too far.
-TEST_F(CorruptionScenario, AShiftedReplyStopsOrMisleadsADriverWhoseHostDoesNotCheckAsIsKnown)
+// In addition to shifted identifiers: in two sessions the second byte of the DLE ACK before a value
+// is lost, so that the driver reads the value one byte too late.
+TEST_F(DamagedReplies, AShiftedReplyStopsOrMisleadsADriverWhoseHostDoesNotCheckAsDocumented)
 {
     EXPECT_EQ(disturb(kLostDoubledInserted), (Outcome{876, 64, 2, 63, 104, 41}));
 }
 
-// The CRC begins with 0, so that bytes 00 in front of a message do not change it.
-TEST_F(CorruptionScenario,
-       AZeroInFrontOfTheDataIsStoredAsAShiftedValueWhenTheHostDoesNotCheckAsIsKnown)
+// The CRC starts at 0, so that bytes 00 before a message do not change it.
+TEST_F(DamagedReplies, AZeroBeforeTheDataShiftsTheStoredValueWhenTheHostDoesNotCheckAsDocumented)
 {
     EXPECT_EQ(disturb(kZeroInserted), (Outcome{219, 19, 2, 18, 27, 41}));
 }
 
-TEST_F(CorruptionScenario, RepliesInSingleBytesWithPausesAreTakenLikeAnyOther)
+TEST_F(DamagedReplies, RepliesInSingleBytesWithPausesAreAcceptedLikeAnyOther)
 {
     const int calm = session();
     EXPECT_EQ(session(R"({"fault": "split", "rate": 1, "seconds": 0.004})"), calm);
     EXPECT_EQ(line().counts().size(), 1u);
 }
 
-TEST_F(CorruptionScenario, ARepliesSecondCopyIsThrownAwayBeforeTheNextRequest)
+TEST_F(DamagedReplies, TheSecondCopyOfAReplyIsDiscardedBeforeTheNextRequest)
 {
     const int calm = session();
     EXPECT_EQ(session(R"({"fault": "duplicate", "rate": 1})"), calm);
@@ -174,7 +173,7 @@ TEST_F(CorruptionScenario, ARepliesSecondCopyIsThrownAwayBeforeTheNextRequest)
 const char kNakInFront[] = R"({"fault": "nak", "message": 3})";
 const char kStrayAck[] = R"({"fault": "insert", "message": 3, "byte": 1, "bytes": "10 06"})";
 
-TEST_F(CorruptionScenario, ANakOrAStrayAckInFrontOfAReplyIsPassedOverByAHostThatLooksForTheFrame)
+TEST_F(DamagedReplies, AHostThatSearchesForTheFrameSkipsANakOrAStrayAckBeforeAReply)
 {
     const int calm = session();
     looksForFrame = true;
@@ -182,16 +181,16 @@ TEST_F(CorruptionScenario, ANakOrAStrayAckInFrontOfAReplyIsPassedOverByAHostThat
     EXPECT_EQ(session(kStrayAck), calm);
 }
 
-// Offsets count from the acknowledgement in front of the frame.
-TEST_F(CorruptionScenario, ANakOrAStrayAckInFrontOfAReplyMakesItCorruptToTheDriverAsIsKnown)
+// The driver counts offsets from the acknowledgement before the frame.
+TEST_F(DamagedReplies, ANakOrAStrayAckBeforeAReplyMakesItCorruptForTheDriverAsDocumented)
 {
     EXPECT_EQ(session(kNakInFront), 32);
     EXPECT_EQ(session(kStrayAck), 32);
     EXPECT_EQ(foreignValues, 0);
 }
 
-// A full-duplex peer may put a response into the message that it is sending.
-TEST_F(CorruptionScenario, AnAckWithinAReplyMakesItCorruptToTheDriverAsIsKnown)
+// A full-duplex peer may send a response within its message.
+TEST_F(DamagedReplies, AnAckWithinAReplyMakesItCorruptForTheDriverAsDocumented)
 {
     EXPECT_EQ(session(R"({"fault": "insert", "message": 3, "byte": 6, "bytes": "10 06"})"), 32);
     EXPECT_EQ(foreignValues, 0);

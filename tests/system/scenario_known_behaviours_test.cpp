@@ -1,4 +1,4 @@
-// What surprises at first sight and is so on purpose; docs/known-behaviours.md says why.
+// Behaviours that look odd but are intentional; docs/known-behaviours.md gives the reasons.
 
 #include "scenario_fixture.h"
 
@@ -6,11 +6,11 @@ namespace {
 
 using Requests = std::vector<std::string>;
 
-class SurpriseScenario : public ScenarioTest
+class KnownBehaviours : public ScenarioTest
 {
 };
 
-TEST_F(SurpriseScenario, AStringThatGetsShorterKeepsItsOldTailAsIsKnown)
+TEST_F(KnownBehaviours, AStringThatGetsShorterKeepsItsOldTailAsDocumented)
 {
     defineTags(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple juice"})");
     declareIndexed("Name");
@@ -21,8 +21,8 @@ TEST_F(SurpriseScenario, AStringThatGetsShorterKeepsItsOldTailAsIsKnown)
     EXPECT_EQ(wire::hex(shown("Name", 6).c_str()), QByteArray("Peare juice\0", 12));
 }
 
-// The type's length byte is dropped and no element is named in the request.
-TEST_F(SurpriseScenario, OfAnArrayOfStringsOnlyTheFirstIsReadAndWrittenAsIsKnown)
+// The driver drops the length byte of the type, and the request names no element.
+TEST_F(KnownBehaviours, OnlyTheFirstStringOfAnArrayIsReadAndWrittenAsDocumented)
 {
     defineTags(
         R"({"name": "Names", "type": "SHORT_STRING", "length": 2, "value": ["Apple", "Pear"]})");
@@ -42,7 +42,7 @@ TEST_F(SurpriseScenario, OfAnArrayOfStringsOnlyTheFirstIsReadAndWrittenAsIsKnown
     EXPECT_EQ(inController("Names", 1), "04 50 65 61 72");
 }
 
-TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassLeavesTheFifteenthOutAsIsKnown)
+TEST_F(KnownBehaviours, ACyclicPassOverTwentyAdjacentDintsOmitsTheFifteenthAsDocumented)
 {
     defineTags(
         R"({"name": "D", "type": "DINT", "length": 20, "value": [1, 2, 3, 4, 5, 6, 7, 8, 9, 10,
@@ -53,7 +53,7 @@ TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassLeavesTheFifteenthOutAs
         variables.push_back({"D", i, 2});
     pollCyclically(variables);
     transact(5);
-    EXPECT_EQ(takeRequests(),
+    EXPECT_EQ(popRequests(),
               (Requests{"0 identity", "1 open", "2 read D x1", "3 read D[15] x5", "4 read D x14"}));
     transact(20);
     std::string covered;
@@ -61,10 +61,10 @@ TEST_F(SurpriseScenario, OfTwentyAdjacentDintsACyclicPassLeavesTheFifteenthOutAs
         covered += shown("D", 2, i) == wire::text(wire::little(static_cast<quint64>(i + 1), 4))
                        ? 'x'
                        : '-';
-    EXPECT_EQ(covered, "xxxxxxxxxxxxxx-xxxxx") << "element 14 is never asked for";
+    EXPECT_EQ(covered, "xxxxxxxxxxxxxx-xxxxx") << "element 14 is never requested";
 }
 
-TEST_F(SurpriseScenario, OfTwentyDintsListedAsScalarTagsACyclicPassShowsAll)
+TEST_F(KnownBehaviours, ACyclicPassOverTwentyScalarDintsShowsAll)
 {
     std::string tags;
     std::vector<std::string> names;
@@ -85,13 +85,13 @@ TEST_F(SurpriseScenario, OfTwentyDintsListedAsScalarTagsACyclicPassShowsAll)
         EXPECT_EQ(shown(name.c_str(), 2), "07 00 00 00") << name;
 }
 
-TEST_F(SurpriseScenario, AShortRequestInsideALongerRunShortensTheRunAsIsKnown)
+TEST_F(KnownBehaviours, AShortRequestInsideALongerRangeShortensTheRangeAsDocumented)
 {
     defineTags(R"({"name": "A", "type": "INT", "length": 20, "value": 7})");
     declareIndexed("A");
     pollCyclically({{"A", 0, 10}, {"A", 3, 1}});
     transact(4);
-    EXPECT_EQ(takeRequests(), (Requests{"0 identity", "1 open", "2 read A x1", "3 read A x4"}));
+    EXPECT_EQ(popRequests(), (Requests{"0 identity", "1 open", "2 read A x1", "3 read A x4"}));
     EXPECT_EQ(shown("A", 1, 3), "07 00");
     EXPECT_EQ(shown("A", 1, 9), "00 00") << "never read";
 }

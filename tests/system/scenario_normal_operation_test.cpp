@@ -1,4 +1,4 @@
-// Start-up, every type there and back, writes, and stations that are switched off.
+// A good line: start-up, every type read and written, writes, disabled stations.
 
 #include "scenario_fixture.h"
 
@@ -6,11 +6,11 @@ namespace {
 
 using Requests = std::vector<std::string>;
 
-class StartScenario : public ScenarioTest
+class NormalOperation : public ScenarioTest
 {
 };
 
-TEST_F(StartScenario, AColdStartSendsTheTransactionNumbers0And1And2)
+TEST_F(NormalOperation, AColdStartSendsTheTransactionNumbers0And1And2)
 {
     defineTags(R"({"name": "A", "type": "INT", "value": 4660})");
     declareIndexed("A");
@@ -19,22 +19,22 @@ TEST_F(StartScenario, AColdStartSendsTheTransactionNumbers0And1And2)
 
     transact(3);
 
-    EXPECT_EQ(takeRequests(), (Requests{"0 identity", "1 open", "2 read A x1"}));
+    EXPECT_EQ(popRequests(), (Requests{"0 identity", "1 open", "2 read A x1"}));
     EXPECT_EQ(shown("A"), "34 12");
     EXPECT_EQ(controller.server().openConnections(), 1u);
 }
 
-TEST_F(StartScenario, AStationThatThePollCycleMeetsFirstBeginsWith1)
+TEST_F(NormalOperation, AStationThatThePollCycleMeetsFirstStartsWithNumber1)
 {
     defineTags(R"({"name": "A", "type": "INT"})");
     RW_VAR request = readOf("A");
     AddListReadVar(&request);
     transact(3);
-    EXPECT_EQ(takeRequests(), (Requests{"1 identity", "2 open", "3 read A x1"}));
+    EXPECT_EQ(popRequests(), (Requests{"1 identity", "2 open", "3 read A x1"}));
 }
 
-/// A type as a tag file, a screen and the wire have it. Host bytes of three elements, and of the
-/// three that are written.
+/// A type in a tag file, on a screen and on the wire: the host bytes of three elements, and of the
+/// three elements that are written.
 struct TypeCase
 {
     const char* type;
@@ -42,10 +42,10 @@ struct TypeCase
     int words;          ///< 16-bit words of one element, or 1 for BOOL and 8 bits
     const char* shown;
     const char* written;
-    const char* present; ///< the controller's bytes of the last element afterwards
+    const char* present; ///< the controller's bytes of the last element after the writes
 };
 
-// 8-bit elements take a word each, BOOLs a byte.
+// Each 8-bit element has a word, each BOOL a byte.
 const TypeCase kTypes[] = {
     {"BOOL", "[true, false, true]", 1, "01 00 01", "00 01 00", "00"},
     {"SINT", "[-1, 2, -128]", 1, "FF 00 02 00 80 00", "05 00 06 00 F9 00", "F9"},
@@ -72,7 +72,7 @@ const TypeCase kTypes[] = {
      "00 00 00 00 00 00 F8 3F"},
 };
 
-class EveryType : public StartScenario, public ::testing::WithParamInterface<TypeCase>
+class EveryType : public NormalOperation, public ::testing::WithParamInterface<TypeCase>
 {
 protected:
     EveryType()
@@ -89,7 +89,7 @@ protected:
     }
 };
 
-TEST_P(EveryType, GoesFromAScalarTagToTheScreenAndBack)
+TEST_P(EveryType, IsReadFromAndWrittenToAScalarTag)
 {
     const int words = GetParam().words;
     pollCyclically({{"A", 0, words}});
@@ -105,9 +105,9 @@ TEST_P(EveryType, GoesFromAScalarTagToTheScreenAndBack)
     EXPECT_EQ(shown("A", words), part(GetParam().written, 2));
 }
 
-// Each element is a request of its own, as a cyclic request for several wide ones asks for too
+// Each element has its own request, because a cyclic request for several wide elements asks for too
 // many.
-TEST_P(EveryType, GoesFromEachElementOfAnArrayToTheScreenAndBack)
+TEST_P(EveryType, IsReadFromAndWrittenToEachElementOfAnArray)
 {
     const int words = GetParam().words;
     pollCyclically({{"A", 0, words}});
@@ -132,7 +132,7 @@ TEST_P(EveryType, GoesFromEachElementOfAnArrayToTheScreenAndBack)
 INSTANTIATE_TEST_SUITE_P(Elementary, EveryType, ::testing::ValuesIn(kTypes),
                          [](const auto& given) { return std::string(given.param.type); });
 
-/// A type that is moved byte by byte, each byte in a word of its own.
+/// A type that is transferred byte by byte, each byte in its own word.
 struct ByteTypeCase
 {
     const char* type;
@@ -158,7 +158,7 @@ const ByteTypeCase kByteTypes[] = {
     {"STRINGN", "\"A\"", "01 00 00 00 41 00"},
 };
 
-class EveryByteType : public StartScenario, public ::testing::WithParamInterface<ByteTypeCase>
+class EveryByteType : public NormalOperation, public ::testing::WithParamInterface<ByteTypeCase>
 {
 protected:
     EveryByteType()
@@ -178,7 +178,7 @@ TEST_P(EveryByteType, IsShownByteByByte)
 }
 
 // The store counts the elements of such a type as one byte each, so that they overlap.
-TEST_P(EveryByteType, HasEachElementOfAnArrayShownUntilItsNeighbourIsReadAsIsKnown)
+TEST_P(EveryByteType, ShowsAnArrayElementUntilItsNeighbourIsReadAsDocumented)
 {
     const auto filled = [this](int byte, int wordSize) {
         return wire::text((QByteArray(1, static_cast<char>(byte)) + QByteArray(wordSize - 1, '\0'))
@@ -196,9 +196,9 @@ TEST_P(EveryByteType, HasEachElementOfAnArrayShownUntilItsNeighbourIsReadAsIsKno
     EXPECT_EQ(shown("A", 1, 2), "23 00");
 }
 
-// As many elements are announced as the value has bytes; a controller finds too few bytes for them.
-// The driver does not look at the status and reports the write done.
-TEST_P(EveryByteType, IsNotWrittenButReportedSoWhenWiderThanAByteAsIsKnown)
+// The request announces as many elements as the value has bytes, so the controller finds too few
+// bytes. The driver does not check the status and reports the write as done.
+TEST_P(EveryByteType, IsReportedAsWrittenButIsNotWhenWiderThanAByteAsDocumented)
 {
     const std::string before = inController("A");
     const QByteArray value(2 * bytes(), '\x01');
@@ -215,7 +215,7 @@ TEST_P(EveryByteType, IsNotWrittenButReportedSoWhenWiderThanAByteAsIsKnown)
 INSTANTIATE_TEST_SUITE_P(Elementary, EveryByteType, ::testing::ValuesIn(kByteTypes),
                          [](const auto& given) { return std::string(given.param.type); });
 
-TEST_F(StartScenario, AStringGoesToTheScreenAndBack)
+TEST_F(NormalOperation, AStringIsReadAndWritten)
 {
     defineTags(R"({"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
     declareIndexed("Name");
@@ -229,7 +229,7 @@ TEST_F(StartScenario, AStringGoesToTheScreenAndBack)
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 1, 1}}));
 }
 
-TEST_F(StartScenario, AFirstWriteToATagIsPrecededByOneReadAndReportedOnce)
+TEST_F(NormalOperation, TheFirstWriteToATagIsPrecededByOneReadAndReportedOnce)
 {
     defineTags(R"({"name": "Setpoint", "type": "DINT", "value": 1})");
     declareIndexed("Setpoint");
@@ -238,13 +238,13 @@ TEST_F(StartScenario, AFirstWriteToATagIsPrecededByOneReadAndReportedOnce)
     while (transact()) {
     }
 
-    EXPECT_EQ(takeRequests(), (Requests{"0 identity", "1 open", "2 read Setpoint x1",
-                                        "3 write Setpoint x1 = 10 20 30 40"}));
+    EXPECT_EQ(popRequests(), (Requests{"0 identity", "1 open", "2 read Setpoint x1",
+                                       "3 write Setpoint x1 = 10 20 30 40"}));
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 17, 1}}));
     EXPECT_EQ(inController("Setpoint"), "10 20 30 40");
 }
 
-TEST_F(StartScenario, FiveWritesGoInFrontOfTheNextCyclicRead)
+TEST_F(NormalOperation, FiveWritesAreSentBeforeTheNextCyclicRead)
 {
     defineTags(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"},
              {"name": "W", "type": "INT", "length": 8})");
@@ -252,13 +252,13 @@ TEST_F(StartScenario, FiveWritesGoInFrontOfTheNextCyclicRead)
         declareIndexed(tag);
     pollCyclically({{"A", 0, 1}, {"B", 0, 1}, {"W", 0, 1}});
     transact(5);
-    takeRequests();
+    popRequests();
     for (int i = 1; i <= 7; ++i)
         write("W", wire::little(static_cast<quint64>(i), 2), 1, i, i);
 
     transact(10);
 
-    EXPECT_EQ(takeRequests(),
+    EXPECT_EQ(popRequests(),
               (Requests{"5 write W[1] x1 = 01 00", "6 write W[2] x1 = 02 00",
                         "7 write W[3] x1 = 03 00", "8 write W[4] x1 = 04 00",
                         "9 write W[5] x1 = 05 00", "10 read A x1", "11 write W[6] x1 = 06 00",
@@ -266,7 +266,7 @@ TEST_F(StartScenario, FiveWritesGoInFrontOfTheNextCyclicRead)
     EXPECT_EQ(finished.size(), 7u);
 }
 
-TEST_F(StartScenario, ADisabledStationLosesItsWritesWithoutACallbackAsIsKnown)
+TEST_F(NormalOperation, ADisabledStationLosesItsWritesWithoutACallbackAsDocumented)
 {
     defineTags(R"({"name": "A", "type": "INT"})");
     declareIndexed("A");
@@ -285,21 +285,21 @@ TEST_F(StartScenario, ADisabledStationLosesItsWritesWithoutACallbackAsIsKnown)
     EXPECT_EQ(PLC_driver.readList.size(), 1) << "the cyclic request stays";
 }
 
-TEST_F(StartScenario, AStationThatIsEnabledAgainGoesOnWhereItStopped)
+TEST_F(NormalOperation, AStationThatIsEnabledAgainContinuesWhereItStopped)
 {
     defineTags(R"({"name": "A", "type": "INT"}, {"name": "B", "type": "INT"})");
     declareIndexed("A");
     declareIndexed("B");
     pollCyclically({{"A", 0, 1}, {"B", 0, 1}});
     transact(3);
-    takeRequests();
+    popRequests();
     EnCommStation(1, 0);
     transact(3);
     EnCommStation(1, 1);
 
     transact(2);
 
-    EXPECT_EQ(takeRequests(), (Requests{"3 read B x1", "4 read A x1"})) << "no new connection";
+    EXPECT_EQ(popRequests(), (Requests{"3 read B x1", "4 read A x1"})) << "no new connection";
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// Bytes 10 wherever they can stand, long names, large indices.
+// The DLE byte (10) at every place where it can occur, long names, large indices.
 
 #include "scenario_fixture.h"
 
@@ -6,10 +6,10 @@ namespace {
 
 using Requests = std::vector<std::string>;
 
-class BytesScenario : public ScenarioTest
+class DleAndLimits : public ScenarioTest
 {
 protected:
-    BytesScenario() { looksForFrame = true; }
+    DleAndLimits() { looksForFrame = true; }
 
     void define(const QByteArray& name, const char* type, std::size_t length = 1)
     {
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-/// Where a byte 10 stood in what went over the line.
+/// How often a byte 10 occurred at each place of the frames.
 struct Seen
 {
     int inCounter = 0;
@@ -56,7 +56,7 @@ struct Seen
     }
 };
 
-TEST_F(BytesScenario, ValuesAreTheSameOnBothEndsOver70000TransactionsAndTheCounterWraps)
+TEST_F(DleAndLimits, ValuesMatchAtBothEndsOver70000TransactionsAndTheCounterWraps)
 {
     const QByteArray name = "\x10"
                             "Tag\x10";
@@ -104,7 +104,7 @@ quint16 valueWithCrcOfDles()
     return 0;
 }
 
-TEST_F(BytesScenario, AReplyWhoseCrcIs1010IsWholeBehindAFillerByte)
+TEST_F(DleAndLimits, AReplyWithCrc1010IsReadWhenTheHostAppendsAFillerByte)
 {
     define("A", "INT");
     const QByteArray value = wire::little(valueWithCrcOfDles(), 2);
@@ -115,8 +115,8 @@ TEST_F(BytesScenario, AReplyWhoseCrcIs1010IsWholeBehindAFillerByte)
     EXPECT_EQ(shown("A"), wire::text(value));
 }
 
-// The two CRC bytes count as one doubled DLE, so that the value ends a byte early.
-TEST_F(BytesScenario, AReplyWhoseCrcIs1010LosesItsLastValueByteAsIsKnown)
+// The driver reads the two CRC bytes as one doubled DLE, so the value loses its last byte.
+TEST_F(DleAndLimits, AReplyWithCrc1010LosesTheLastByteOfItsValueAsDocumented)
 {
     looksForFrame = false;
     define("A", "INT");
@@ -129,7 +129,7 @@ TEST_F(BytesScenario, AReplyWhoseCrcIs1010LosesItsLastValueByteAsIsKnown)
     EXPECT_EQ(shown("A"), wire::text(value.left(1) + '\0'));
 }
 
-TEST_F(BytesScenario, NamesOf1To255CharactersAreReadAndWritten)
+TEST_F(DleAndLimits, NamesOf1To255CharactersAreReadAndWritten)
 {
     for (int size = 1; size <= 255; ++size) {
         const QByteArray name(size, static_cast<char>('a' + size % 26));
@@ -142,10 +142,10 @@ TEST_F(BytesScenario, NamesOf1To255CharactersAreReadAndWritten)
         readOnce(name, 0);
         EXPECT_EQ(shown(name), "10 03") << size;
     }
-    EXPECT_EQ(controller.server().answersByStatus().size(), 1u) << "no error among the replies";
+    EXPECT_EQ(controller.server().answersByStatus().size(), 1u) << "no reply has an error";
 }
 
-TEST_F(BytesScenario, ArrayIndicesUpTo65535AreReadAndWrittenAlone)
+TEST_F(DleAndLimits, ArrayIndicesUpTo65535AreReadAndWrittenWithoutTouchingOthers)
 {
     define("A", "INT", 65536);
     int number = 100;
@@ -164,25 +164,25 @@ TEST_F(BytesScenario, ArrayIndicesUpTo65535AreReadAndWrittenAlone)
         << "no other element was touched";
 }
 
-// The element segment beyond 16 bits is none that controllers know.
-TEST_F(BytesScenario, AnIndexBeyond65535GetsAPathSegmentErrorThatCountsAsAnAnswerAsIsKnown)
+// Controllers do not know the 32-bit element segment.
+TEST_F(DleAndLimits, AnIndexAbove65535GetsAPathSegmentErrorThatCountsAsAnAnswerAsDocumented)
 {
     define("A", "INT", 65536);
     pollCyclically({{"A", 0, 1}});
     transact(3);
-    takeRequests();
+    popRequests();
     write("A", wire::hex("05 00"), 1, 65536, 17);
     transact();
 
-    EXPECT_EQ(takeRequests(), Requests{"3 write A[65536] x1 = 05 00"});
+    EXPECT_EQ(popRequests(), Requests{"3 write A[65536] x1 = 05 00"});
     EXPECT_TRUE(wire::unframed(exchanges.back().frame).contains(wire::hex("30 00 00 00 01 00")));
     EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(12), wire::hex("D3 00 04 00"));
     EXPECT_EQ(finished, std::vector<Finished>({{9, 3, 17, 1}})) << "reported done";
 
     readOnce("A", 65536);
-    EXPECT_EQ(takeRequests(), Requests{"4 read A[65536] x1"});
+    EXPECT_EQ(popRequests(), Requests{"4 read A[65536] x1"});
     EXPECT_EQ(wire::unframed(exchanges.back().reply).mid(12), wire::hex("D2 00 04 00"));
-    EXPECT_EQ(shown("A", 1, 65536), "00 00") << "as an element that was never read";
+    EXPECT_EQ(shown("A", 1, 65536), "00 00") << "like an element that was never read";
     const auto& elements = controller.tags().find("A")->elements;
     EXPECT_EQ(std::count(elements.begin(), elements.end(), micro850::Bytes{0, 0}), 65536);
 }

@@ -1,5 +1,5 @@
-// One damaged byte at every position of every request and of every reply of a session of the
-// reference host, on virtual time.
+// The reference host with one damaged byte at every position of every request and reply of a
+// session, on virtual time.
 
 #include "simulated_line.h"
 
@@ -19,26 +19,28 @@ const char kTags[] = R"({"tags": [{"name": "A", "type": "INT", "value": 4660},
                                   {"name": "W", "type": "INT", "value": 7}]})";
 // A session that takes longer is stuck.
 const std::chrono::seconds kLimit(60);
-// Of a session on a good line: two to connect, three to learn types, a write, two in the cycle.
+// Replies of a session on a good line: two to connect, three for the types, a write, two cyclic
+// reads.
 const unsigned kReplies = 8;
 
-/// One at a time: the driver freshly loaded, a new host and a new controller: connects, learns the
-/// types of three tags, writes the third, and reads the other two in a cycle.
-class GoldenSession
+/// The driver freshly loaded, a new host and a new controller. The session connects, learns the
+/// types of three tags, writes the third, and reads the other two cyclically. Only one can exist at
+/// a time.
+class Session
 {
 public:
-    explicit GoldenSession(const std::string& fault)
+    explicit Session(const std::string& fault)
         : m_line(m_clock, m_controller,
-                 sim::faultsFromText("{\"faults\": [" + fault + "]}", "golden")),
+                 sim::faultsFromText("{\"faults\": [" + fault + "]}", "session")),
           m_project(micro850::host::Project::fromText(
               R"({"port": {"timeoutMs": 200}, "stations": [{"number": 1}],
                   "variables": [{"tag": "A"}, {"tag": "B"}]})",
-              "golden")),
+              "session")),
           m_loop(m_library.api(), m_port, m_clock, m_project)
     {
     }
 
-    /// True when all came to its end.
+    /// True when everything was read and written.
     bool run()
     {
         const micro850::host::TagKey tag = {1, QStringLiteral("W")};
@@ -83,7 +85,7 @@ private:
 
     FixedTimeOfDay m_timeOfDay{QTime(12, 0)}; // seeds the driver's random numbers
     micro850::VirtualClock m_clock;
-    sim::Controller m_controller{m_clock, sim::TagTable::fromText(kTags, "golden")};
+    sim::Controller m_controller{m_clock, sim::TagTable::fromText(kTags, "session")};
     sim::FaultyLine m_line;
     SimulatedLine m_port{m_clock, m_line};
     micro850::host::DriverLibrary m_library{QStringLiteral(MICRO850_LIBRARY)};
@@ -97,23 +99,22 @@ private:
 struct Outcome
 {
     int sessions = 0;
-    int stuck = 0;   ///< never came to their end
-    int foreign = 0; ///< showed a value that the controller does not have
-    int lied = 0;    ///< told that a write is done that is not in the controller
+    int stuck = 0;   ///< sessions that did not end
+    int foreign = 0; ///< sessions that showed a value that the controller never had
+    int lied = 0;    ///< a write was reported as done but is not in the controller
     Duration longest{0};
 };
 
-/// A session for the damage at every byte of every message on that side of an undisturbed one.
+/// Runs a session for the damage at each byte of each message of that side.
 Outcome disturbed(const std::string& damage, const std::string& side)
 {
     Outcome outcome;
     for (unsigned message = 1; message <= kReplies; ++message) {
         for (int byte = 1;; ++byte) {
-            GoldenSession session("{" + damage + ", \"on\": \"" + side +
-                                  "\", \"message\": " + std::to_string(message) +
-                                  ", \"byte\": " + std::to_string(byte) + "}");
+            Session session("{" + damage + ", \"on\": \"" + side + "\", \"message\": " +
+                            std::to_string(message) + ", \"byte\": " + std::to_string(byte) + "}");
             const bool ended = session.run();
-            if (!session.wasStruck()) // behind the message's end
+            if (!session.wasStruck()) // after the message's end
                 break;
             ++outcome.sessions;
             outcome.stuck += !ended;
@@ -125,36 +126,36 @@ Outcome disturbed(const std::string& damage, const std::string& side)
     return outcome;
 }
 
-class Golden : public ::testing::TestWithParam<std::pair<const char*, const char*>>
+class HostWithADamagedByte : public ::testing::TestWithParam<std::pair<const char*, const char*>>
 {
 };
 
-TEST_P(Golden, AReplyDamagedAnywhereShowsNoForeignValueAndHoldsNothingUp)
+TEST_P(HostWithADamagedByte, InAReplyShowsNoForeignValueAndRecovers)
 {
     const Outcome outcome = disturbed(GetParam().second, "replies");
     EXPECT_EQ(outcome.sessions, 279);
     EXPECT_EQ(outcome.stuck, 0);
     EXPECT_EQ(outcome.foreign, 0);
     EXPECT_EQ(outcome.lied, 0);
-    // A damaged reply is asked for again within one time-out of 200 ms.
+    // The host repeats the request within one time-out of 200 ms.
     EXPECT_LE(outcome.longest, std::chrono::milliseconds(250));
 }
 
-TEST_P(Golden, ARequestDamagedAnywhereIsNeverTakenForAnotherAndHoldsNothingUp)
+TEST_P(HostWithADamagedByte, InARequestNeverExecutesAnotherRequestAndRecovers)
 {
     const Outcome outcome = disturbed(GetParam().second, "requests");
     EXPECT_EQ(outcome.sessions, 280);
     EXPECT_EQ(outcome.stuck, 0);
     EXPECT_EQ(outcome.foreign, 0);
     EXPECT_EQ(outcome.lied, 0);
-    // What the controller did not accept is repeated after one time-out at most.
+    // The host repeats a refused request after one time-out at most.
     EXPECT_LE(outcome.longest, std::chrono::milliseconds(250));
 }
 
 using Damage = std::pair<const char*, const char*>;
 
 INSTANTIATE_TEST_SUITE_P(
-    EveryByte, Golden,
+    EveryByte, HostWithADamagedByte,
     ::testing::Values(Damage("LowBitFlipped", R"("fault": "flip", "bit": 0)"),
                       Damage("HighBitFlipped", R"("fault": "flip", "bit": 7)"),
                       Damage("BitThatMakesADleFlipped", R"("fault": "flip", "bit": 4)"),
@@ -166,11 +167,11 @@ INSTANTIATE_TEST_SUITE_P(
                       Damage("StxInserted", R"("fault": "insert", "bytes": "10 02")")),
     [](const auto& given) { return std::string(given.param.first); });
 
-TEST(GoldenSession, TakesEightRepliesOnAGoodLine)
+TEST(HostSession, NeedsEightRepliesOnAGoodLine)
 {
-    GoldenSession calm("");
+    Session calm("");
     EXPECT_TRUE(calm.run());
-    // The values of the last are shown while the next request is under way.
+    // The values of the last reply are shown while the next request is on its way.
     EXPECT_EQ(calm.replies(), kReplies + 1);
     EXPECT_LE(calm.time(), std::chrono::milliseconds(20));
 }

@@ -1,5 +1,5 @@
-// Replies that come too late, and stations of which one is dead: what the driver does with a host
-// that leaves everything to it.
+// Replies that arrive too late, and one dead station of two: what the driver does when the host
+// does not check replies.
 
 #include "scenario_fixture.h"
 
@@ -10,10 +10,10 @@ using Requests = std::vector<std::string>;
 const char kFirst[] = "11 11";
 const char kSecond[] = "22 22";
 
-class LateScenario : public ScenarioTest
+class LateReplies : public ScenarioTest
 {
 protected:
-    LateScenario()
+    LateReplies()
     {
         defineTags(R"({"name": "A", "type": "INT", "value": 4369},
                  {"name": "B", "type": "INT", "value": 8738})");
@@ -21,10 +21,10 @@ protected:
         declareIndexed("B");
         pollCyclically({{"A", 0, 1}, {"B", 0, 1}});
         transact(4);
-        takeRequests();
+        popRequests();
     }
-    /// What was shown over so many transactions: both tags right, none, or a value of something
-    /// else.
+    /// Says whether a tag showed a value of something else during a number of transactions, and
+    /// whether both tags are right at the end.
     std::string shownOver(int times)
     {
         bool foreign = false;
@@ -43,20 +43,20 @@ protected:
     }
 };
 
-// Replies are told apart by nothing: what comes next is the reply.
+// The driver does not compare transaction numbers: the next message is the reply.
 
-TEST_F(LateScenario, AReplyLateBy1RequestIsTakenForTheIdentityReplyAsIsKnown)
+TEST_F(LateReplies, AReplyLateBy1RequestCountsAsTheIdentityReplyAsDocumented)
 {
     faults(lateBy(1, R"("message": 5)"));
     EXPECT_EQ(shownOver(8), "no foreign value, right at the end");
-    EXPECT_EQ(takeRequests(), (Requests{"4 read A x1", "4 read A x1", "4 read A x1", "4 identity",
-                                        "5 open", "6 read B x1", "7 read A x1", "8 read B x1"}));
+    EXPECT_EQ(popRequests(), (Requests{"4 read A x1", "4 read A x1", "4 read A x1", "4 identity",
+                                       "5 open", "6 read B x1", "7 read A x1", "8 read B x1"}));
     EXPECT_EQ(wire::unframed(exchanges[7].reply).mid(12, 4), wire::hex("D2 00 00 00"))
         << "a data reply answered the identity request";
 }
 
-// The identity reply is taken as it is; the late one answers the request for the connection.
-TEST_F(LateScenario, AReplyLateBy2RequestsIsTakenForTheConnectionsReplyAsIsKnown)
+// The driver accepts the identity reply unchecked; the late reply answers the Forward_Open.
+TEST_F(LateReplies, AReplyLateBy2RequestsCountsAsTheForwardOpenReplyAsDocumented)
 {
     faults(lateBy(2, R"("message": 5)"));
     transact(5);
@@ -66,25 +66,25 @@ TEST_F(LateScenario, AReplyLateBy2RequestsIsTakenForTheConnectionsReplyAsIsKnown
     EXPECT_EQ(controller.server().answersByStatus().at(0x01), 40u) << "connection not found";
 }
 
-TEST_F(LateScenario, AReplyLateBy5RequestsIsStoredUnderAnotherTagUntilItsNextReadAsIsKnown)
+TEST_F(LateReplies, AReplyLateBy5RequestsIsStoredUnderAnotherTagUntilItsNextReadAsDocumented)
 {
     faults(lateBy(5, R"("message": 5)"));
     EXPECT_EQ(shownOver(40), "foreign values, right at the end");
 }
 
-TEST_F(LateScenario, AReplyThatIsSentAgainInPlaceOfTheNextIsStoredUnderAnotherTagAsIsKnown)
+TEST_F(LateReplies, AReplyThatIsSentAgainInsteadOfTheNextIsStoredUnderAnotherTagAsDocumented)
 {
     faults(R"({"fault": "previous", "message": 5})");
     EXPECT_EQ(shownOver(40), "foreign values, right at the end");
 }
 
-TEST_F(LateScenario, AControllerThatIsAlwaysOneReplyBehindGetsNothingRightAsIsKnown)
+TEST_F(LateReplies, AControllerThatIsAlwaysOneReplyLateShowsWrongValuesAsDocumented)
 {
     faults(lateBy(1, R"("rate": 1)"));
     EXPECT_EQ(shownOver(40), "foreign values, wrong at the end");
 }
 
-TEST_F(LateScenario, ASecondCopyShiftsAllThatFollowsWhereTheHostDoesNotEmptyTheInputAsIsKnown)
+TEST_F(LateReplies, ASecondCopyShiftsAllLaterRepliesWhenTheHostDoesNotDiscardInputAsDocumented)
 {
     emptiesInput = false;
     faults(R"({"fault": "duplicate", "message": 5})");
@@ -92,7 +92,7 @@ TEST_F(LateScenario, ASecondCopyShiftsAllThatFollowsWhereTheHostDoesNotEmptyTheI
     EXPECT_EQ(shownOver(40), "foreign values, wrong at the end");
 }
 
-TEST_F(LateScenario, AHostThatComparesTransactionNumbersNeverShowsAReplyUnderAnotherTag)
+TEST_F(LateReplies, AHostThatComparesTransactionNumbersNeverShowsAReplyUnderAnotherTag)
 {
     accepts = isAnswerTo;
     int strike = 5;
@@ -107,7 +107,7 @@ TEST_F(LateScenario, AHostThatComparesTransactionNumbersNeverShowsAReplyUnderAno
     EXPECT_EQ(shownOver(40), "no foreign value, wrong at the end");
 }
 
-/// Two stations; the second is behind the same port and never answers.
+/// Two stations on one port; the second never answers.
 class TwoStations : public ScenarioTest
 {
 protected:
@@ -120,23 +120,23 @@ protected:
             request.stationNo = station;
             AddListReadVar(&request);
         }
-        // Frames of the two look alike on the wire: the dead one's are those that the test takes.
+        // Their frames look alike on the wire; only the driver knows the station.
         isDead = [](const Protocol& sent) { return sent.var.stationNo == 2; };
     }
 };
 
-TEST_F(TwoStations, ADeadStationsConnectionSetUpKeepsTheLiveOneWaitingForEverAsIsKnown)
+TEST_F(TwoStations, TheSetUpOfADeadStationKeepsTheLiveOneWaitingForEverAsDocumented)
 {
     transact(3);
     EXPECT_EQ(shown("A"), kFirst);
-    takeRequests();
+    popRequests();
     transact(50);
-    Requests requests = takeRequests();
+    Requests requests = popRequests();
     EXPECT_EQ(requests.front(), "1 identity");
     EXPECT_EQ(requests.back(), "50 identity");
 }
 
-TEST_F(TwoStations, ALiveStationGoesOnWhileTheDeadOneIsDisabled)
+TEST_F(TwoStations, ALiveStationIsPolledWhileTheDeadOneIsDisabled)
 {
     transact(3);
     EnCommStation(2, 0);
@@ -145,9 +145,9 @@ TEST_F(TwoStations, ALiveStationGoesOnWhileTheDeadOneIsDisabled)
     EXPECT_EQ(shown("A"), "05 00");
     EnCommStation(2, 1);
     transact(2);
-    takeRequests();
+    popRequests();
     transact();
-    EXPECT_EQ(takeRequests().back().find("identity") != std::string::npos, true);
+    EXPECT_EQ(popRequests().back().find("identity") != std::string::npos, true);
 }
 
 } // namespace
