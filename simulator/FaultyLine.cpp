@@ -258,7 +258,7 @@ void FaultyLine::refuse(const Fault& fault, Passage& passage)
                std::equal(kAckBytes.begin(), kAckBytes.end(), sent.bytes.begin()))
     {
         sent.bytes[1] = df1::kNak;
-        report(fault, passage, "DLE NAK in front of it instead of DLE ACK");
+        report(fault, passage, "DLE NAK before it instead of DLE ACK");
     }
 }
 
