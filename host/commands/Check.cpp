@@ -123,22 +123,23 @@ int run(const CheckOptions& options)
 
 } // namespace
 
-Subcommand addCheck(CLI::App& app)
+void addCheck(CommandLine& line)
 {
     const auto options = std::make_shared<CheckOptions>();
     options->line.project = "project.json";
-    CLI::App* check = app.add_subcommand("check", "Check a project file, and its variables against "
-                                                  "the controller");
-    check->add_option("PROJECT", options->line.project, "Project file (default project.json)");
-    check->add_flag("--offline", options->offline, "Check the file alone, though it names a port");
-    options->line.addTo(*check);
-    options->output.addTo(*check);
-    check->footer(
+    CommandOptions check = line.addCommand("check",
+                                           "Check a project file, and its variables against "
+                                           "the controller",
+                                           [options] { return run(*options); });
+    check.text("PROJECT", options->line.project, "Project file (default project.json)");
+    check.flag("--offline", options->offline, "Check the file alone, though it names a port");
+    options->line.addTo(check);
+    options->output.addTo(check);
+    check.footer(
         "The controller is asked where the file or --port names a port.\n"
         "Example:\n  micro850-host check examples/plant.project.json --port /tmp/plc\n"
         "Exit status: 0 all is well, 1 the controller has something else, 2 usage or a mistake in "
         "the file.");
-    return {check, [options] { return run(*options); }};
 }
 
 } // namespace micro850::host

@@ -1,7 +1,7 @@
 #ifndef MICRO850_HOST_COMMANDS_CONNECTION_H
 #define MICRO850_HOST_COMMANDS_CONNECTION_H
 
-#include "Command.h"
+#include "Commands.h"
 #include "DriverLibrary.h"
 #include "Project.h"
 #include "SerialLine.h"

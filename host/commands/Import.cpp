@@ -1,4 +1,4 @@
-#include "Command.h"
+#include "Commands.h"
 #include "Output.h"
 #include "UserError.h"
 #include "VariableList.h"
@@ -67,19 +67,18 @@ int run(const ImportOptions& options)
 
 } // namespace
 
-Subcommand addImport(CLI::App& app)
+void addImport(CommandLine& line)
 {
     const auto options = std::make_shared<ImportOptions>();
-    CLI::App* command =
-        app.add_subcommand("import", "Make a project file of an exported variable list");
-    command->add_option("FILE", options->file, "List separated by comma, semicolon or tab")
-        ->required();
-    options->output.addTo(*command);
-    command->footer("The first line names the columns: Name, Data type, Dimension, and others that "
-                    "are passed over.\n"
-                    "Example:\n  micro850-host import examples/variables.csv > project.json\n"
-                    "Exit status: 0 done, 2 usage, or a file without a variable.");
-    return {command, [options] { return run(*options); }};
+    CommandOptions command =
+        line.addCommand("import", "Make a project file of an exported variable list",
+                        [options] { return run(*options); });
+    command.requiredText("FILE", options->file, "List separated by comma, semicolon or tab");
+    options->output.addTo(command);
+    command.footer("The first line names the columns: Name, Data type, Dimension, and others that "
+                   "are passed over.\n"
+                   "Example:\n  micro850-host import examples/variables.csv > project.json\n"
+                   "Exit status: 0 done, 2 usage, or a file without a variable.");
 }
 
 } // namespace micro850::host

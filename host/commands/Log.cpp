@@ -149,29 +149,27 @@ int run(const LogOptions& options)
 
 } // namespace
 
-Subcommand addLog(CLI::App& app)
+void addLog(CommandLine& line)
 {
     const auto options = std::make_shared<LogOptions>();
     options->line.project = "project.json";
-    CLI::App* log = app.add_subcommand("log", "Record values with their time and quality");
-    log->add_option("PROJECT", options->line.project, "Project file (default project.json)");
-    log->add_option("--csv", options->csv, "Append to this comma-separated file");
-    log->add_option("--sqlite", options->sqlite, "Append to the table samples of this database");
-    log->add_option("--match", options->match,
-                    "Record the variables whose names contain this, or match it with * and ?");
-    log->add_option("--interval", options->interval,
-                    "Record every variable once in so many seconds (else each change)")
-        ->check(CLI::Range(0.0, 1e9));
-    log->add_option("--seconds", options->seconds, "End after so many seconds")
-        ->check(CLI::Range(0.1, 1e9));
-    options->line.addTo(*log);
-    options->output.addTo(*log);
-    log->footer("What is older than a second survives a kill of the program.\n"
-                "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
-                "--port /tmp/plc\n"
-                "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
-                "configuration.");
-    return {log, [options] { return run(*options); }};
+    CommandOptions log = line.addCommand("log", "Record values with their time and quality",
+                                         [options] { return run(*options); });
+    log.text("PROJECT", options->line.project, "Project file (default project.json)");
+    log.text("--csv", options->csv, "Append to this comma-separated file");
+    log.text("--sqlite", options->sqlite, "Append to the table samples of this database");
+    log.text("--match", options->match,
+             "Record the variables whose names contain this, or match it with * and ?");
+    log.number("--interval", options->interval, 0.0, 1e9,
+               "Record every variable once in so many seconds (else each change)");
+    log.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+    options->line.addTo(log);
+    options->output.addTo(log);
+    log.footer("What is older than a second survives a kill of the program.\n"
+               "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
+               "--port /tmp/plc\n"
+               "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
+               "configuration.");
 }
 
 } // namespace micro850::host

@@ -142,33 +142,30 @@ int run(const PollOptions& options)
 
 } // namespace
 
-Subcommand addPoll(CLI::App& app)
+void addPoll(CommandLine& line)
 {
     const auto options = std::make_shared<PollOptions>();
     options->line.project = "project.json";
-    CLI::App* poll = app.add_subcommand("poll", "Show the values of a project's variables live");
-    poll->add_option("PROJECT", options->line.project, "Project file (default project.json)");
-    poll->add_option("--match", options->match,
-                     "Show the variables whose names contain this, or match it with * and ?");
-    poll->add_option("--sort", options->sort, "Order of the table: project, name or age")
-        ->check(CLI::IsMember({"project", "name", "age"}));
-    poll->add_option("--seconds", options->seconds, "End after so many seconds")
-        ->check(CLI::Range(0.1, 1e9));
-    poll->add_option("--interval", options->interval,
-                     "Without a terminal: print changes once in so many seconds")
-        ->check(CLI::Range(0.0, 1e9));
-    poll->add_option("--stale-after", options->staleAfter,
-                     "Seconds without a good reply that make a value stale (5 unless the project "
-                     "says)")
-        ->check(CLI::Range(0.1, 86400.0));
-    options->line.addTo(*poll);
-    options->output.addTo(*poll);
-    poll->footer("On a terminal a table, elsewhere one line a change.\n"
-                 "Keys: q ends, / types a match, s changes the order, arrows and pages scroll.\n"
-                 "Example:\n  micro850-host poll examples/plant.project.json --port /tmp/plc\n"
-                 "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
-                 "configuration.");
-    return {poll, [options] { return run(*options); }};
+    CommandOptions poll = line.addCommand("poll", "Show the values of a project's variables live",
+                                          [options] { return run(*options); });
+    poll.text("PROJECT", options->line.project, "Project file (default project.json)");
+    poll.text("--match", options->match,
+              "Show the variables whose names contain this, or match it with * and ?");
+    poll.choice("--sort", options->sort, {"project", "name", "age"},
+                "Order of the table: project, name or age");
+    poll.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+    poll.number("--interval", options->interval, 0.0, 1e9,
+                "Without a terminal: print changes once in so many seconds");
+    poll.number("--stale-after", options->staleAfter, 0.1, 86400.0,
+                "Seconds without a good reply that make a value stale (5 unless the project "
+                "says)");
+    options->line.addTo(poll);
+    options->output.addTo(poll);
+    poll.footer("On a terminal a table, elsewhere one line a change.\n"
+                "Keys: q ends, / types a match, s changes the order, arrows and pages scroll.\n"
+                "Example:\n  micro850-host poll examples/plant.project.json --port /tmp/plc\n"
+                "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
+                "configuration.");
 }
 
 } // namespace micro850::host

@@ -105,19 +105,18 @@ int run(const ProbeOptions& options)
 
 } // namespace
 
-Subcommand addProbe(CLI::App& app)
+void addProbe(CommandLine& line)
 {
     const auto options = std::make_shared<ProbeOptions>();
-    CLI::App* probe = app.add_subcommand("probe", "Say what identifies itself on the line");
-    probe->add_flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
-    probe->add_option("--project", options->line.project, "Project file: its port");
-    probe->add_option("--station", options->station, "Station number (default 1)")
-        ->check(CLI::Range(0, 65535));
-    options->line.addTo(*probe);
-    options->output.addTo(*probe);
-    probe->footer(std::string("Example:\n  micro850-host probe --port /dev/ttyUSB0 --scan\n") +
-                  kStatuses);
-    return {probe, [options] { return run(*options); }};
+    CommandOptions probe = line.addCommand("probe", "Say what identifies itself on the line",
+                                           [options] { return run(*options); });
+    probe.flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
+    probe.text("--project", options->line.project, "Project file: its port");
+    probe.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->line.addTo(probe);
+    options->output.addTo(probe);
+    probe.footer(std::string("Example:\n  micro850-host probe --port /dev/ttyUSB0 --scan\n") +
+                 kStatuses);
 }
 
 } // namespace micro850::host

@@ -97,22 +97,21 @@ int run(const ReadOptions& options)
 
 } // namespace
 
-Subcommand addRead(CLI::App& app)
+void addRead(CommandLine& line)
 {
     const auto options = std::make_shared<ReadOptions>();
-    CLI::App* read = app.add_subcommand("read", "Read tags once");
-    read->add_option("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]")->required();
-    read->add_option("--project", options->line.project,
-                     "Project file: its port, and its variables by their names");
-    read->add_option("--station", options->station, "Station number (default 1)")
-        ->check(CLI::Range(0, 65535));
-    options->line.addTo(*read);
-    options->output.addTo(*read);
-    read->footer(
+    CommandOptions read =
+        line.addCommand("read", "Read tags once", [options] { return run(*options); });
+    read.requiredTexts("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]");
+    read.text("--project", options->line.project,
+              "Project file: its port, and its variables by their names");
+    read.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->line.addTo(read);
+    options->output.addTo(read);
+    read.footer(
         std::string("A tag that the controller refuses does not keep the others from being read.\n"
                     "Example:\n  micro850-host read Speed 'Level[0..9]' --port /tmp/plc\n") +
         kStatuses);
-    return {read, [options] { return run(*options); }};
 }
 
 } // namespace micro850::host

@@ -1,4 +1,4 @@
-#include "Command.h"
+#include "Commands.h"
 #include "Output.h"
 #include "TraceReport.h"
 #include "UserError.h"
@@ -111,17 +111,17 @@ int run(const TraceOptions& options)
 
 } // namespace
 
-Subcommand addTrace(CLI::App& app)
+void addTrace(CommandLine& line)
 {
     const auto options = std::make_shared<TraceOptions>();
-    CLI::App* trace = app.add_subcommand("trace", "Decode a recorded trace, with statistics");
-    trace->add_option("FILE", options->file, "A trace of --trace: text or pcapng")->required();
-    trace->add_flag("--summary", options->summary, "The statistics only");
-    options->output.addTo(*trace);
-    trace->footer("Example:\n  micro850-host read Speed --port /tmp/plc --trace t.pcapng\n"
-                  "  micro850-host trace t.pcapng\n"
-                  "Exit status: 0 done, 2 usage, or a file that is no trace.");
-    return {trace, [options] { return run(*options); }};
+    CommandOptions trace = line.addCommand("trace", "Decode a recorded trace, with statistics",
+                                           [options] { return run(*options); });
+    trace.requiredText("FILE", options->file, "A trace of --trace: text or pcapng");
+    trace.flag("--summary", options->summary, "The statistics only");
+    options->output.addTo(trace);
+    trace.footer("Example:\n  micro850-host read Speed --port /tmp/plc --trace t.pcapng\n"
+                 "  micro850-host trace t.pcapng\n"
+                 "Exit status: 0 done, 2 usage, or a file that is no trace.");
 }
 
 } // namespace micro850::host

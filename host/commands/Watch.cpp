@@ -193,25 +193,22 @@ int run(const WatchOptions& options)
 
 } // namespace
 
-Subcommand addWatch(CLI::App& app)
+void addWatch(CommandLine& line)
 {
     const auto options = std::make_shared<WatchOptions>();
-    CLI::App* watch = app.add_subcommand("watch", "Print a line for each change of some tags");
-    watch->add_option("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]")->required();
-    watch->add_flag("--plot", options->plot, "Draw rolling charts of up to four numbers instead");
-    watch->add_option("--span", options->span, "Seconds that a chart shows (default 60)")
-        ->check(CLI::Range(1.0, 86400.0));
-    watch->add_option("--seconds", options->seconds, "End after so many seconds")
-        ->check(CLI::Range(0.1, 1e9));
-    watch->add_option("--project", options->line.project,
-                      "Project file: its port, and its variables by their names");
-    watch->add_option("--station", options->station, "Station number (default 1)")
-        ->check(CLI::Range(0, 65535));
-    options->line.addTo(*watch);
-    options->output.addTo(*watch);
-    watch->footer("Example:\n  micro850-host watch Temperature 'Level[3]' --plot --port /tmp/plc\n"
-                  "Exit status: 0 every tag was read, 1 some never was, 2 usage or configuration.");
-    return {watch, [options] { return run(*options); }};
+    CommandOptions watch = line.addCommand("watch", "Print a line for each change of some tags",
+                                           [options] { return run(*options); });
+    watch.requiredTexts("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]");
+    watch.flag("--plot", options->plot, "Draw rolling charts of up to four numbers instead");
+    watch.number("--span", options->span, 1.0, 86400.0, "Seconds that a chart shows (default 60)");
+    watch.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+    watch.text("--project", options->line.project,
+               "Project file: its port, and its variables by their names");
+    watch.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->line.addTo(watch);
+    options->output.addTo(watch);
+    watch.footer("Example:\n  micro850-host watch Temperature 'Level[3]' --plot --port /tmp/plc\n"
+                 "Exit status: 0 every tag was read, 1 some never was, 2 usage or configuration.");
 }
 
 } // namespace micro850::host

@@ -137,30 +137,25 @@ int run(const WriteOptions& options)
 
 } // namespace
 
-Subcommand addWrite(CLI::App& app)
+void addWrite(CommandLine& line)
 {
     const auto options = std::make_shared<WriteOptions>();
-    CLI::App* write = app.add_subcommand("write", "Write tags, and read them back");
-    write
-        ->add_option("TAG=VALUE", options->assignments,
-                     "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]")
-        ->required();
-    write->add_flag_callback(
-        "--no-verify", [&verify = options->verify] { verify = false; },
-        "Do not read back what was written");
-    write->add_option("--project", options->line.project,
-                      "Project file: its port, and its variables by their names");
-    write->add_option("--station", options->station, "Station number (default 1)")
-        ->check(CLI::Range(0, 65535));
-    options->line.addTo(*write);
-    options->output.addTo(*write);
-    write->footer(
+    CommandOptions write = line.addCommand("write", "Write tags, and read them back",
+                                           [options] { return run(*options); });
+    write.requiredTexts("TAG=VALUE", options->assignments,
+                        "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]");
+    write.flagThatClears("--no-verify", options->verify, "Do not read back what was written");
+    write.text("--project", options->line.project,
+               "Project file: its port, and its variables by their names");
+    write.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->line.addTo(write);
+    options->output.addTo(write);
+    write.footer(
         std::string("Values: decimal or 0x numbers, true or false, text, and for the time types an "
                     "ISO 8601 duration.\nAll values are checked before the first is written.\n"
                     "Example:\n  micro850-host write Setpoint=22.5 'Recipe[3]=0x10' "
                     "'Recipe[4..6]=1,2,3' --port /tmp/plc\n") +
         kStatuses);
-    return {write, [options] { return run(*options); }};
 }
 
 } // namespace micro850::host

@@ -1,0 +1,135 @@
+#include "CommandLine.h"
+
+#include "UserError.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+
+namespace micro850::host {
+
+namespace {
+
+// The parser's message; for an unexpected word also the option that was probably meant.
+std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
+{
+    const std::vector<CLI::App*> parsed = app.get_subcommands();
+    const CLI::App& command = parsed.empty() ? app : *parsed.front();
+    const std::string name = parsed.empty() ? "" : command.get_name() + ' ';
+    const std::string help = " (see " + app.get_name() + ' ' + name + "--help)";
+    const std::vector<std::string> unexpected = command.remaining();
+    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
+        unexpected.empty())
+        return error.what() + help;
+    const std::string& word = unexpected.front();
+    std::vector<std::string> names;
+    for (const CLI::Option* option : command.get_options()) {
+        for (const std::string& each : option->get_lnames())
+            names.push_back(each);
+    }
+    // Compared without the dashes, which make any two options alike.
+    const bool isOption = word.rfind("--", 0) == 0;
+    const std::string meant = isOption ? didYouMean(word.substr(2), names) : "";
+    return '"' + word + "\" is not expected here" + meant + help;
+}
+
+} // namespace
+
+void CommandOptions::text(const char* name, std::string& value, const char* help)
+{
+    m_command.add_option(name, value, help);
+}
+
+void CommandOptions::requiredText(const char* name, std::string& value, const char* help)
+{
+    m_command.add_option(name, value, help)->required();
+}
+
+void CommandOptions::requiredTexts(const char* name, std::vector<std::string>& values,
+                                   const char* help)
+{
+    m_command.add_option(name, values, help)->required();
+}
+
+void CommandOptions::choice(const char* name, std::string& value,
+                            const std::vector<std::string>& words, const char* help)
+{
+    m_command.add_option(name, value, help)->check(CLI::IsMember(words));
+}
+
+void CommandOptions::integer(const char* name, int& value, int least, int most, const char* help)
+{
+    m_command.add_option(name, value, help)->check(CLI::Range(least, most));
+}
+
+void CommandOptions::number(const char* name, double& value, double least, double most,
+                            const char* help)
+{
+    m_command.add_option(name, value, help)->check(CLI::Range(least, most));
+}
+
+void CommandOptions::flag(const char* name, bool& value, const char* help)
+{
+    m_command.add_flag(name, value, help);
+}
+
+void CommandOptions::flagThatClears(const char* name, bool& value, const char* help)
+{
+    m_command.add_flag_callback(
+        name, [&value] { value = false; }, help);
+}
+
+void CommandOptions::footer(const std::string& text)
+{
+    m_command.footer(text);
+}
+
+CommandLine::CommandLine(const std::string& program, const std::string& version,
+                         const std::string& description, const std::string& footer)
+    : m_parser(std::make_unique<CLI::App>(description, program))
+{
+    m_parser->set_version_flag("--version", program + ' ' + version);
+    m_parser->require_subcommand(1);
+    m_parser->footer(footer);
+}
+
+CommandLine::~CommandLine() = default;
+
+CommandOptions CommandLine::addCommand(const char* name, const char* description,
+                                       std::function<int()> run)
+{
+    CLI::App* command = m_parser->add_subcommand(name, description);
+    m_commands.push_back({command, std::move(run)});
+    return CommandOptions(*command);
+}
+
+// The parser would only report that a command is missing.
+void CommandLine::requireCommand(const std::string& word) const
+{
+    std::vector<std::string> names;
+    for (const Command& command : m_commands)
+        names.push_back(command.parser->get_name());
+    if (word.empty() || word[0] == '-' || std::count(names.begin(), names.end(), word) != 0)
+        return;
+    throw UserError('"' + word + "\" is not a command" + didYouMean(word, names) + " (see " +
+                    m_parser->get_name() + " --help)");
+}
+
+int CommandLine::run(int argc, char** argv)
+{
+    requireCommand(argc > 1 ? argv[1] : "");
+    try {
+        m_parser->parse(argc, argv);
+    } catch (const CLI::Success& success) {
+        return m_parser->exit(success);
+    } catch (const CLI::ParseError& error) {
+        throw UserError(complaintOf(*m_parser, error));
+    }
+    for (const Command& command : m_commands) {
+        if (command.parser->parsed())
+            return command.run();
+    }
+    return kExitUsage;
+}
+
+} // namespace micro850::host

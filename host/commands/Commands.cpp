@@ -1,0 +1,25 @@
+#include "Commands.h"
+
+namespace micro850::host {
+
+const char kStatuses[] =
+    "Exit status: 0 done, 1 the controller or the line refused, 2 usage or configuration.";
+
+void OutputOptions::addTo(CommandOptions& command)
+{
+    command.flag("--json", json, "One JSON object a line on standard output");
+    command.flag("--quiet,-q", quiet, "Errors only on standard error: no notes, no summary");
+}
+
+void LineOptions::addTo(CommandOptions& command)
+{
+    command.text("--port", port, "Serial device, e.g. /dev/ttyUSB0");
+    command.integer("--baud", baud, 300, 4000000,
+                    "Speed of the line (38400 unless a project says)");
+    command.integer("--timeout", timeoutMs, 0, 60000,
+                    "Milliseconds for an answer; 0: from speed and length, as without a project");
+    command.text("--driver", driver, "The driver library, libmicro850.so");
+    command.text("--trace", trace, "Record all frames: FILE.txt or FILE.pcapng");
+}
+
+} // namespace micro850::host

@@ -1,0 +1,94 @@
+#include "CommandLine.h"
+
+#include "UserError.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+
+namespace {
+
+/// A program with one command, "go".
+class CommandLineTest : public ::testing::Test
+{
+protected:
+    CommandLineTest() : line("prog", "1.2", "Does things.", "The end.")
+    {
+        CommandOptions go = line.addCommand("go", "Go", [this] { return ++runs; });
+        go.requiredTexts("WHERE", places, "Places");
+        go.text("--name", name, "A name");
+        go.choice("--pace", pace, {"slow", "fast"}, "How");
+        go.integer("--steps", steps, 1, 10, "How many");
+        go.number("--length", length, 0.5, 2.0, "How long");
+        go.flag("--loud", loud, "Sing");
+        go.flagThatClears("--no-rest", rests, "Do not rest");
+    }
+    int run(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), "prog");
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments)
+            pointers.push_back(argument.data());
+        return line.run(static_cast<int>(pointers.size()), pointers.data());
+    }
+    std::string complaint(const std::vector<std::string>& arguments)
+    {
+        try {
+            run(arguments);
+        } catch (const micro850::UserError& error) {
+            return error.what();
+        }
+        return "none";
+    }
+
+    CommandLine line;
+    std::vector<std::string> places;
+    std::string name = "nobody";
+    std::string pace;
+    int steps = 0;
+    double length = 0;
+    bool loud = false;
+    bool rests = true;
+    int runs = 0;
+};
+
+TEST_F(CommandLineTest, SetsTheVariablesAndReturnsTheStatusOfTheCommand)
+{
+    EXPECT_EQ(run({"go", "home", "away", "--name", "Ann", "--pace", "fast", "--steps", "3",
+                   "--length", "1.5", "--loud", "--no-rest"}),
+              1);
+    EXPECT_EQ(places, (std::vector<std::string>{"home", "away"}));
+    EXPECT_EQ(name, "Ann");
+    EXPECT_EQ(pace, "fast");
+    EXPECT_EQ(steps, 3);
+    EXPECT_EQ(length, 1.5);
+    EXPECT_TRUE(loud);
+    EXPECT_FALSE(rests);
+}
+
+TEST_F(CommandLineTest, LeavesVariablesOfOptionsThatAreNotGiven)
+{
+    run({"go", "home"});
+    EXPECT_EQ(name, "nobody");
+    EXPECT_FALSE(loud);
+    EXPECT_TRUE(rests);
+}
+
+TEST_F(CommandLineTest, SuggestsTheCommandOrTheOptionThatWasProbablyMeant)
+{
+    EXPECT_EQ(complaint({"goo"}),
+              "\"goo\" is not a command (did you mean go?) (see prog --help)");
+    EXPECT_EQ(complaint({"go", "home", "--nam=x"}),
+              "\"--nam=x\" is not expected here (did you mean name?) (see prog go --help)");
+}
+
+TEST_F(CommandLineTest, RejectsValuesOutsideTheirRange)
+{
+    EXPECT_NE(complaint({"go", "home", "--steps", "11"}), "none");
+    EXPECT_NE(complaint({"go", "home", "--length", "0.4"}), "none");
+    EXPECT_NE(complaint({"go", "home", "--pace", "medium"}), "none");
+    EXPECT_NE(complaint({"go"}), "none");
+    EXPECT_EQ(runs, 0);
+}
+
+} // namespace
