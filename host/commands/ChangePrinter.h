@@ -1,49 +1,41 @@
 #ifndef MICRO850_HOST_COMMANDS_CHANGEPRINTER_H
 #define MICRO850_HOST_COMMANDS_CHANGEPRINTER_H
 
-#include "LiveTable.h"
+#include "Changes.h"
 #include "Output.h"
-#include "TableView.h"
-
-#include <QtCore/QDateTime>
+#include "RunLoop.h"
 
 namespace micro850::host {
 
-/// Prints a line, or a JSON object, for each variable whose value or quality has changed.
-class ChangePrinter
+/// Prints a line, or a JSON object, for each variable that changed. Reports on standard error the
+/// line and the stations whose state changed.
+class ChangePrinter : public LoopView
 {
 public:
-    ChangePrinter(PollLoop& loop, const Project& project, const LiveTable& table,
-                  const Output& output)
-        : m_loop(loop), m_project(project), m_table(table), m_output(output)
+    /// Prints variables that match the pattern, once in each interval; with an interval of 0 after
+    /// each step.
+    ChangePrinter(RunLoop& run, const Project& project, const Output& output,
+                  const QString& pattern = QString(), Duration interval = Duration(0))
+        : m_loop(run.loop()), m_project(project), m_table(run.table()), m_output(output),
+          m_changes(run.loop(), m_table, pattern), m_interval(interval)
     {
     }
 
-    /// Prints only variables that match.
-    void setMatch(const QString& match) { m_match = match; }
-    /// The variables that changed since the last call and have something to show, in order.
-    QVector<int> popChanged();
-    /// Prints what changed.
-    void print();
-    /// Tells on standard error what became of the line and the stations, where that changed.
-    void tellStates();
+    void update(Duration now) override;
+    /// Prints what changed since the last time.
+    void close(Duration now) override;
 
 private:
-    PollLoop& m_loop;
+    void print();
+
+    const PollLoop& m_loop;
     const Project& m_project;
     const LiveTable& m_table;
     const Output& m_output;
-    QVector<Quality> m_qualities;
-    QStringList m_states;
-    QString m_match;
+    Changes m_changes;
+    Duration m_interval;
+    Duration m_next{0};
 };
-
-/// A variable as it stands, with the time given.
-Json changeObject(const PollLoop& loop, const Project& project, int variable,
-                  const QDateTime& time);
-/// The line and each station at the end of a command.
-void summarise(const PollLoop& loop, const Project& project, const LiveTable& table,
-               const Output& output, Duration now);
 
 } // namespace micro850::host
 

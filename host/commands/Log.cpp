@@ -1,7 +1,7 @@
-#include "ChangePrinter.h"
-#include "Connection.h"
+#include "Changes.h"
+#include "NamePattern.h"
 #include "Recorder.h"
-#include "TraceFile.h"
+#include "RunLoop.h"
 #include "UserError.h"
 
 #include <memory>
@@ -53,50 +53,49 @@ Sample sampleOf(const PollLoop& loop, const Project& project, int index, const Q
             values.error(index)};
 }
 
-/// Writes what has changed, or everything at an interval.
-class Logging
+/// Records the variables that changed, or all at an interval.
+class Logging : public LoopView
 {
 public:
-    Logging(PollLoop& loop, const Project& project, const LogOptions& options, const Output& output)
-        : m_loop(loop), m_project(project), m_table(loop, project),
-          m_changes(loop, project, m_table, output),
+    Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
+        : m_loop(run.loop()), m_project(project), m_output(output), m_match(textOf(options.match)),
+          m_changes(m_loop, run.table(), m_match),
           m_recorder(options.csv.empty() ? Recorder::sqlite(textOf(options.sqlite))
                                          : Recorder::csv(textOf(options.csv))),
-          m_match(textOf(options.match)), m_interval(fromSeconds(options.interval))
+          m_interval(fromSeconds(options.interval))
     {
-        m_changes.setMatch(m_match);
     }
 
-    void update(Duration now)
+    void update(Duration now) override
     {
         if (m_interval == Duration(0)) {
-            write(m_changes.popChanged());
+            record(m_changes.popVariables());
         } else if (now >= m_next) {
             m_next = now + m_interval;
-            write(all());
+            record(all());
         }
-        m_changes.tellStates();
+        for (const QString& state : m_changes.popStates())
+            m_output.note(state);
         if (now < m_nextFlush)
             return;
         m_nextFlush = now + kFlushInterval;
         m_recorder->flush();
     }
-    void close() { m_recorder->flush(); }
+    void close(Duration) override { m_recorder->flush(); }
 
     qint64 rows() const { return m_rows; }
-    const LiveTable& table() const { return m_table; }
 
 private:
     QVector<int> all() const
     {
         QVector<int> variables;
-        for (int i = 0; i < m_table.size(); ++i) {
-            if (matches(m_table.name(i), m_match))
+        for (int i = 0; i < m_project.variables.size(); ++i) {
+            if (nameMatches(m_project.variables.at(i).name, m_match))
                 variables.append(i);
         }
         return variables;
     }
-    void write(const QVector<int>& variables)
+    void record(const QVector<int>& variables)
     {
         const QDateTime time = QDateTime::currentDateTimeUtc();
         for (const int variable : variables) {
@@ -107,10 +106,10 @@ private:
 
     PollLoop& m_loop;
     const Project& m_project;
-    LiveTable m_table;
-    ChangePrinter m_changes;
-    std::unique_ptr<Recorder> m_recorder;
+    const Output& m_output;
     QString m_match;
+    Changes m_changes;
+    std::unique_ptr<Recorder> m_recorder;
     Duration m_interval;
     Duration m_next{0};
     Duration m_nextFlush{0};
@@ -124,27 +123,16 @@ int run(const LogOptions& options)
         throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
     const Project project = projectOf(options.line);
     requirePort(project, options.line);
-    TraceFile trace(textOf(options.line.trace));
-    Connection connection(options.line, project);
-    PollLoop loop(connection.api(), connection.line(), connection.clock(), project);
-    loop.exchange().setObserver(trace.observer());
+    RunLoop loop(options.line, project);
     Logging logging(loop, project, options, output);
-    Interrupt interrupt;
-    const Duration end = fromSeconds(options.seconds);
-    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
-    while (!interrupt.requested() && !over()) {
-        loop.step();
-        logging.update(connection.clock().now());
-    }
-    loop.finish();
-    logging.close();
+    loop.run(logging, options.seconds);
     const std::string file = options.csv.empty() ? options.sqlite : options.csv;
     output.note(
         QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
     if (output.json())
         output.data({{"file", file}, {"rows", logging.rows()}}, QString());
-    summarise(loop, project, logging.table(), output, connection.clock().now());
-    return logging.table().complete() ? kExitDone : kExitRefused;
+    loop.summarise(output);
+    return loop.exitStatus();
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "ChangePrinter.h"
-#include "Connection.h"
+#include "NamePattern.h"
 #include "TableView.h"
-#include "TraceFile.h"
+#include "Terminal.h"
 #include "UserError.h"
 
 #include <memory>
@@ -39,79 +39,52 @@ Project pollProject(const PollOptions& options)
         project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
     QVector<Variable> matching;
     for (const Variable& variable : project.variables) {
-        if (matches(variable.name, textOf(options.match)))
+        if (nameMatches(variable.name, textOf(options.match)))
             matching.append(variable);
     }
     if (matching.isEmpty()) {
         throw UserError("--match: no variable of " + options.line.project + " matches \"" +
                         options.match + "\" (a part of a name, or a pattern with * and ?)");
     }
-    // On a terminal the table shows those that match, and others when the person asks for them.
+    // All variables are polled: on a terminal the user can ask for those that do not match.
     return project;
 }
 
-/// Shows the poll loop: a table that is drawn anew on a terminal, a line a change elsewhere.
-class Display
+/// Shows the values as a table on a terminal.
+class TableDisplay : public LoopView
 {
 public:
-    Display(PollLoop& loop, const Project& project, const Clock& clock, const PollOptions& options,
-            const Output& output)
-        : m_clock(clock), m_table(loop, project), m_printer(loop, project, m_table, output),
-          m_view(m_table, textOf(options.match), orderOf(options.sort)), m_terminal(stdout),
-          m_live(m_terminal.isTerminal() && !output.json()),
-          m_interval(m_live ? kTableInterval : fromSeconds(options.interval))
+    TableDisplay(const LiveTable& table, const QString& match, SortOrder order)
+        : m_view(table, match, order), m_terminal(stdout)
     {
-        if (m_live)
-            m_keyboard = std::make_unique<Keyboard>(STDIN_FILENO);
-        else
-            m_printer.setMatch(textOf(options.match));
     }
 
-    void update()
+    bool usesKeys() const override { return true; }
+    void handle(const Key& key) override
     {
-        const QList<Key> keys = m_keyboard ? m_keyboard->pressed() : QList<Key>();
-        for (const Key& key : keys)
-            m_view.handle(key);
-        const Duration now = m_clock.now();
-        if (now < m_next && keys.isEmpty())
-            return;
-        m_next = now + m_interval;
-        if (m_live) {
-            m_terminal.draw(m_view.page(m_terminal.width(), m_terminal.rows(), now));
-        } else {
-            m_printer.print();
-            m_printer.tellStates();
-        }
-    }
-
-    const LiveTable& table() const { return m_table; }
-    bool quits() const { return m_view.quits(); }
-
-    /// Shows what has changed since the last update, or gives the terminal back with the values;
-    /// how the line did is the summary's.
-    void close()
-    {
+        m_view.handle(key);
         m_next = Duration(0);
-        if (m_live) {
-            const int kHeadingAndPrompt = 2;
-            m_terminal.draw(m_view.values(m_terminal.width(), m_terminal.rows() - kHeadingAndPrompt,
-                                          m_clock.now()));
-        } else {
-            update();
-        }
+    }
+    bool quits() const override { return m_view.quits(); }
+    void update(Duration now) override
+    {
+        if (now < m_next)
+            return;
+        m_next = now + kTableInterval;
+        m_terminal.draw(m_view.page(m_terminal.width(), m_terminal.rows(), now));
+    }
+    /// Restores the terminal, with the values alone: the summary reports how the line did.
+    void close(Duration now) override
+    {
+        const int kHeadingAndPrompt = 2;
+        m_terminal.draw(
+            m_view.values(m_terminal.width(), m_terminal.rows() - kHeadingAndPrompt, now));
         m_terminal.restore();
-        m_keyboard.reset();
     }
 
 private:
-    const Clock& m_clock;
-    LiveTable m_table;
-    ChangePrinter m_printer;
     TableView m_view;
     Terminal m_terminal;
-    std::unique_ptr<Keyboard> m_keyboard;
-    bool m_live;
-    Duration m_interval;
     Duration m_next{0};
 };
 
@@ -119,25 +92,19 @@ int run(const PollOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     const Project project = pollProject(options);
-    TraceFile trace(textOf(options.line.trace));
-    Connection connection(options.line, project);
-    PollLoop loop(connection.api(), connection.line(), connection.clock(), project);
-    loop.exchange().setObserver(trace.observer());
-    Display display(loop, project, connection.clock(), options, output);
-    Interrupt interrupt;
-    const Duration end = fromSeconds(options.seconds);
-    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
-    while (!interrupt.requested() && !display.quits() && !over()) {
-        loop.step();
-        display.update();
-    }
-    loop.finish();
-    display.close();
-    summarise(loop, project, display.table(), output, connection.clock().now());
-    if (display.table().complete())
-        return kExitDone;
-    output.error(QStringLiteral("some variables were never read"));
-    return kExitRefused;
+    const QString match = textOf(options.match);
+    RunLoop loop(options.line, project);
+    std::unique_ptr<LoopView> view;
+    if (isatty(STDOUT_FILENO) == 1 && !output.json())
+        view = std::make_unique<TableDisplay>(loop.table(), match, orderOf(options.sort));
+    else
+        view = std::make_unique<ChangePrinter>(loop, project, output, match,
+                                               fromSeconds(options.interval));
+    loop.run(*view, options.seconds);
+    loop.summarise(output);
+    if (loop.exitStatus() != kExitDone)
+        output.error(QStringLiteral("some variables were never read"));
+    return loop.exitStatus();
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include "Connection.h"
+#include "Interrupt.h"
 #include "Output.h"
 #include "Prober.h"
-#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 

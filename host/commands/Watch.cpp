@@ -1,7 +1,6 @@
 #include "ChangePrinter.h"
-#include "Connection.h"
 #include "Plot.h"
-#include "TraceFile.h"
+#include "Terminal.h"
 #include "UserError.h"
 
 #include <cmath>
@@ -123,39 +122,39 @@ private:
     Duration m_span;
 };
 
-/// Draws the charts until the person or the time ends it.
-class PlotDisplay
+/// Shows the charts on a terminal.
+class PlotDisplay : public LoopView
 {
 public:
-    PlotDisplay(const PollLoop& loop, const Project& project, const LiveTable& table, double span)
-        : m_table(table), m_charts(loop, project, fromSeconds(span)), m_terminal(stdout),
-          m_keyboard(STDIN_FILENO)
+    PlotDisplay(RunLoop& run, const Project& project, double span)
+        : m_table(run.table()), m_charts(run.loop(), project, fromSeconds(span)), m_terminal(stdout)
     {
     }
-    ~PlotDisplay() { m_terminal.restore(); }
 
-    /// False once the person has asked to end.
-    bool update(Duration now)
+    bool usesKeys() const override { return true; }
+    void handle(const Key& key) override
+    {
+        const bool isCharacter = key.code == Key::Code::Character;
+        m_quits = m_quits || (isCharacter && (key.character == 'q' || key.character == 'Q'));
+    }
+    bool quits() const override { return m_quits; }
+    void update(Duration now) override
     {
         m_charts.sample(now);
-        for (const Key& key : m_keyboard.pressed()) {
-            if (key.code == Key::Code::Character && (key.character == 'q' || key.character == 'Q'))
-                return false;
-        }
         if (now < m_next)
-            return true;
+            return;
         m_next = now + kPlotInterval;
         m_terminal.draw(
             m_charts.page(m_terminal.width(), m_terminal.rows(), now, m_table.lineState()));
-        return true;
     }
+    void close(Duration) override { m_terminal.restore(); }
 
 private:
     const LiveTable& m_table;
     Charts m_charts;
     Terminal m_terminal;
-    Keyboard m_keyboard;
     Duration m_next{0};
+    bool m_quits = false;
 };
 
 int run(const WatchOptions& options)
@@ -164,31 +163,15 @@ int run(const WatchOptions& options)
     requirePlottable(options);
     const Project project = watchProject(options);
     requirePort(project, options.line);
-    TraceFile trace(textOf(options.line.trace));
-    Connection connection(options.line, project);
-    PollLoop loop(connection.api(), connection.line(), connection.clock(), project);
-    loop.exchange().setObserver(trace.observer());
-    const LiveTable table(loop, project);
-    ChangePrinter printer(loop, project, table, output);
-    std::unique_ptr<PlotDisplay> plot;
+    RunLoop loop(options.line, project);
+    std::unique_ptr<LoopView> view;
     if (options.plot)
-        plot = std::make_unique<PlotDisplay>(loop, project, table, options.span);
-    Interrupt interrupt;
-    const Duration end = fromSeconds(options.seconds);
-    const auto over = [&] { return end != Duration(0) && connection.clock().now() >= end; };
-    for (bool wanted = true; wanted && !interrupt.requested() && !over();) {
-        loop.step();
-        if (plot) {
-            wanted = plot->update(connection.clock().now());
-        } else {
-            printer.print();
-            printer.tellStates();
-        }
-    }
-    loop.finish();
-    plot.reset();
-    summarise(loop, project, table, output, connection.clock().now());
-    return table.complete() ? kExitDone : kExitRefused;
+        view = std::make_unique<PlotDisplay>(loop, project, options.span);
+    else
+        view = std::make_unique<ChangePrinter>(loop, project, output);
+    loop.run(*view, options.seconds);
+    loop.summarise(output);
+    return loop.exitStatus();
 }
 
 } // namespace

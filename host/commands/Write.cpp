@@ -1,6 +1,6 @@
 #include "Connection.h"
+#include "Interrupt.h"
 #include "Output.h"
-#include "Terminal.h"
 #include "TraceFile.h"
 #include "UserError.h"
 

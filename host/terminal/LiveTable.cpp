@@ -66,26 +66,6 @@ QString errorCounts(const Counters& counters)
 
 } // namespace
 
-QString qualityText(Quality quality)
-{
-    switch (quality) {
-    case Quality::Never:
-        return QStringLiteral("never");
-    case Quality::Good:
-        return QStringLiteral("good");
-    case Quality::Stale:
-        break;
-    }
-    return QStringLiteral("stale");
-}
-
-QString cut(const QString& text, int width)
-{
-    if (text.size() <= width)
-        return text;
-    return width < 1 ? QString() : text.left(width - 1) + QChar(0x2026);
-}
-
 QString ageText(std::optional<Duration> age)
 {
     if (!age)

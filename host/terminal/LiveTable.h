@@ -1,8 +1,8 @@
 #ifndef MICRO850_HOST_LIVETABLE_H
 #define MICRO850_HOST_LIVETABLE_H
 
+#include "Page.h"
 #include "PollLoop.h"
-#include "Terminal.h"
 
 #include <QtCore/QStringList>
 
@@ -16,18 +16,18 @@ public:
 
     int size() const { return m_project.variables.size(); }
     QString name(int variable) const { return m_project.variables.at(variable).name; }
-    /// Milliseconds since the last good reply; the largest number before the first.
+    /// Time since the last good reply; the largest before the first.
     Duration age(int variable, Duration now) const;
 
-    /// A heading, and a row for each of these variables, for a window of that width.
+    /// A heading and one row for each of these variables, for a window of that width.
     Page rows(const QVector<int>& variables, int width, Duration now) const;
-    /// "Level = 41.5", with what is wrong with the value behind it.
+    /// "Level = 41.5", followed by what is wrong with the value.
     QString changeLine(int variable) const;
-    /// One line a station: state and counters.
+    /// One line for each station: state and counters.
     QStringList stationLines(Duration now) const;
-    /// The line's settings, and what is wrong with it.
+    /// The line's settings, and why it is down.
     QString lineState() const;
-    /// How busy the line is: transactions, share in use, round trips, retries, reconnects.
+    /// How busy the line is: transactions, share in use, round trips, retries, reopenings.
     QString lineStatistics(Duration now) const;
     /// True when every variable was read at least once.
     bool complete() const;
@@ -40,12 +40,8 @@ private:
     const Project& m_project;
 };
 
-/// "0.3 s", "12 s", "5 min", "2 h"; "-" below 0.
+/// "0.3 s", "12 s", "5 min", "2 h"; "-" for none.
 QString ageText(std::optional<Duration> age);
-/// "good", "stale" or "never".
-QString qualityText(Quality quality);
-/// A text of at most so many characters; a longer one is cut with a mark.
-QString cut(const QString& text, int width);
 
 } // namespace micro850::host
 

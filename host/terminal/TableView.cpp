@@ -1,23 +1,10 @@
 #include "TableView.h"
 
-#include <QtCore/QRegularExpression>
+#include "NamePattern.h"
 
 #include <algorithm>
 
 namespace micro850::host {
-
-bool matches(const QString& name, const QString& text)
-{
-    if (!text.contains('*') && !text.contains('?'))
-        return name.contains(text, Qt::CaseInsensitive);
-    // Brackets stand for themselves: they are part of many names.
-    QString pattern = QRegularExpression::escape(text);
-    pattern.replace(QStringLiteral("\\*"), QStringLiteral(".*"));
-    pattern.replace(QStringLiteral("\\?"), QStringLiteral("."));
-    const QRegularExpression expression(QRegularExpression::anchoredPattern(pattern),
-                                        QRegularExpression::CaseInsensitiveOption);
-    return expression.match(name).hasMatch();
-}
 
 void TableView::handle(const Key& key)
 {
@@ -96,7 +83,7 @@ QVector<int> TableView::visible(Duration now) const
 {
     QVector<int> variables;
     for (int i = 0; i < m_table.size(); ++i) {
-        if (matches(m_table.name(i), m_match))
+        if (nameMatches(m_table.name(i), m_match))
             variables.append(i);
     }
     if (m_order == SortOrder::Name) {

@@ -3,14 +3,13 @@
 
 #include "Keyboard.h"
 #include "LiveTable.h"
-#include "Terminal.h"
 
 namespace micro850::host {
 
-/// In which order variables stand.
+/// The order of the variables.
 enum class SortOrder { Project, Name, Age };
 
-/// The live table on a terminal: which of its rows are seen, and the keys that change that.
+/// The part of the live table that a terminal shows, and the keys that change it.
 class TableView
 {
 public:
@@ -20,11 +19,11 @@ public:
     }
 
     void handle(const Key& key);
-    /// True once the person has asked to end.
+    /// True once the user has asked to end.
     bool quits() const { return m_quits; }
-    /// The page for a window of this size: variables, line, stations, and what the keys do.
+    /// The page for a window of this size: variables, line, stations, and a line on the keys.
     Page page(int width, int rows, Duration now);
-    /// The heading and at most so many of the variables alone.
+    /// Only the heading and at most so many of the variables.
     Page values(int width, int rows, Duration now);
 
 private:
@@ -43,10 +42,6 @@ private:
     int m_room = 1;
     int m_count = 0;
 };
-
-/// True when a name contains the text, whatever its case; with * or ? it is a pattern for the whole
-/// name. The empty text matches all.
-bool matches(const QString& name, const QString& text);
 
 } // namespace micro850::host
 

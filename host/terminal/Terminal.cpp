@@ -1,21 +1,11 @@
 #include "Terminal.h"
 
-#include "UserError.h"
-
-#include <csignal>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace micro850::host {
 
 namespace {
-
-volatile std::sig_atomic_t stopRequested = 0;
-
-void requestStop(int)
-{
-    stopRequested = 1;
-}
 
 winsize sizeOf(std::FILE* stream)
 {
@@ -66,7 +56,7 @@ void Terminal::draw(const Page& page)
 {
     if (!m_isTerminal)
         return;
-    // The alternate screen, without cursor; then each line over the one that stood there.
+    // Switch to the alternate screen and hide the cursor; then overwrite each line.
     QByteArray bytes = m_entered ? "\x1b[H" : "\x1b[?1049h\x1b[?25l\x1b[H";
     m_entered = true;
     m_last.clear();
@@ -90,32 +80,6 @@ void Terminal::restore()
     const QByteArray page = "\x1b[?25h\x1b[?1049l" + m_last.join('\n').toUtf8() + '\n';
     std::fwrite(page.constData(), 1, static_cast<std::size_t>(page.size()), m_stream);
     std::fflush(m_stream);
-}
-
-Interrupt::Interrupt()
-{
-    stopRequested = 0;
-    std::signal(SIGINT, requestStop);
-    std::signal(SIGTERM, requestStop);
-    std::signal(SIGHUP, requestStop);
-}
-
-Interrupt::~Interrupt()
-{
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGHUP, SIG_DFL);
-}
-
-bool Interrupt::requested() const
-{
-    return stopRequested != 0;
-}
-
-void Interrupt::throwIfRequested() const
-{
-    if (requested())
-        throw UserError("interrupted", kExitRefused);
 }
 
 } // namespace micro850::host

@@ -1,24 +1,16 @@
 #ifndef MICRO850_HOST_TERMINAL_H
 #define MICRO850_HOST_TERMINAL_H
 
+#include "Page.h"
+
 #include <QtCore/QStringList>
-#include <QtCore/QVector>
 
 #include <cstdio>
 
 namespace micro850::host {
 
-enum class Style { Plain, Heading, Warning, Error, Faint };
-
-struct PageLine
-{
-    QString text;
-    Style style;
-};
-using Page = QVector<PageLine>;
-
-/// A terminal on which a page is drawn again and again, on its alternate screen. Does nothing on
-/// what is no terminal.
+/// Draws pages on the alternate screen of a terminal, one over the other. Does nothing when the
+/// stream is not a terminal.
 class Terminal
 {
 public:
@@ -30,9 +22,9 @@ public:
     bool isTerminal() const { return m_isTerminal; }
     int width() const;
     int rows() const;
-    /// Styles are left out where the environment has NO_COLOR, or TERM is dumb.
+    /// Without styles when the environment sets NO_COLOR, or when TERM is dumb.
     void draw(const Page& page);
-    /// Gives back the screen as it was, the last page below it.
+    /// Restores the screen as it was, with the last page below it.
     void restore();
 
 private:
@@ -41,20 +33,6 @@ private:
     bool m_entered = false;
     bool m_styled;
     QStringList m_last;
-};
-
-/// Notices Ctrl-C and termination while it lives, so that the caller can end in order.
-class Interrupt
-{
-public:
-    Interrupt();
-    ~Interrupt();
-    Interrupt(const Interrupt&) = delete;
-    Interrupt& operator=(const Interrupt&) = delete;
-
-    bool requested() const;
-    /// Ends a command that has not done its work.
-    void throwIfRequested() const;
 };
 
 } // namespace micro850::host

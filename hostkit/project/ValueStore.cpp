@@ -7,12 +7,28 @@ namespace micro850::host {
 
 namespace {
 
+// The digits with which scaled values are shown and recorded: 0.3, not 0.30000000000000004.
+const int kScaledDigits = 9;
+
 QString scaledText(double value)
 {
     return QString::number(value, 'g', kScaledDigits);
 }
 
 } // namespace
+
+QString qualityText(Quality quality)
+{
+    switch (quality) {
+    case Quality::Never:
+        return QStringLiteral("never");
+    case Quality::Good:
+        return QStringLiteral("good");
+    case Quality::Stale:
+        break;
+    }
+    return QStringLiteral("stale");
+}
 
 ValueStore::ValueStore(const Project& project) : m_project(project)
 {

@@ -14,6 +14,8 @@ namespace micro850::host {
 
 /// How far a value can be trusted.
 enum class Quality { Never, Good, Stale };
+/// "never", "good" or "stale".
+QString qualityText(Quality quality);
 
 /// The latest values of a project's variables, with the time of the reply that brought each
 /// element.
@@ -69,9 +71,6 @@ private:
     QMap<TagKey, QVector<int>> m_variablesOf;
     QSet<int> m_changed;
 };
-
-/// The digits with which scaled values are shown and recorded.
-const int kScaledDigits = 9;
 
 } // namespace micro850::host
 

@@ -76,8 +76,7 @@ TEST_F(CommandLineTest, LeavesVariablesOfOptionsThatAreNotGiven)
 
 TEST_F(CommandLineTest, SuggestsTheCommandOrTheOptionThatWasProbablyMeant)
 {
-    EXPECT_EQ(complaint({"goo"}),
-              "\"goo\" is not a command (did you mean go?) (see prog --help)");
+    EXPECT_EQ(complaint({"goo"}), "\"goo\" is not a command (did you mean go?) (see prog --help)");
     EXPECT_EQ(complaint({"go", "home", "--nam=x"}),
               "\"--nam=x\" is not expected here (did you mean name?) (see prog go --help)");
 }

@@ -138,19 +138,3 @@ TEST_F(TableViewTest, SortsByNameAndByAge)
     press("s");
     EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
 }
-
-TEST(Match, TakesAPartOfANameWhateverItsCase)
-{
-    EXPECT_TRUE(matches("TankLevel", ""));
-    EXPECT_TRUE(matches("TankLevel", "klev"));
-    EXPECT_FALSE(matches("TankLevel", "levels"));
-}
-
-TEST(Match, TakesAPatternForTheWholeName)
-{
-    EXPECT_TRUE(matches("TankLevel", "tank*"));
-    EXPECT_TRUE(matches("Level[3]", "Level[?]"));
-    EXPECT_FALSE(matches("TankLevel", "*Lev"));
-    EXPECT_FALSE(matches("Level[30]", "Level[?]"));
-    EXPECT_FALSE(matches("LevelX", "Level.*"));
-}

@@ -1,0 +1,34 @@
+#ifndef MICRO850_HOST_COMMANDS_CHANGES_H
+#define MICRO850_HOST_COMMANDS_CHANGES_H
+
+#include "LiveTable.h"
+
+namespace micro850::host {
+
+/// What changed in a poll loop since the last call.
+class Changes
+{
+public:
+    /// Only variables whose names match the pattern are reported.
+    Changes(PollLoop& loop, const LiveTable& table, const QString& pattern)
+        : m_loop(loop), m_table(table), m_pattern(pattern)
+    {
+    }
+
+    /// The variables whose value, error or quality changed and that have something to show, in the
+    /// project's order.
+    QVector<int> popVariables();
+    /// A text for the line and for each station whose state changed.
+    QStringList popStates();
+
+private:
+    PollLoop& m_loop;
+    const LiveTable& m_table;
+    QString m_pattern;
+    QVector<Quality> m_qualities;
+    QStringList m_states;
+};
+
+} // namespace micro850::host
+
+#endif

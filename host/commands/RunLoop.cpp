@@ -1,0 +1,98 @@
+#include "RunLoop.h"
+
+#include "UserError.h"
+
+#include <unistd.h>
+
+namespace micro850::host {
+
+namespace {
+
+// -1 before the first answer.
+qint64 roundTripMs(const LineStatistics& line, int percent)
+{
+    const std::optional<Duration> time = line.roundTrip(percent);
+    return time ? wholeMilliseconds(*time) : -1;
+}
+
+Json stationObject(const Station& station)
+{
+    const Counters& counters = station.counters;
+    Json errors = Json::object();
+    for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
+        errors[error.key().toStdString()] = error.value();
+    return {{"station", station.number},
+            {"state", stateText(station.state).toStdString()},
+            {"sent", counters.sent},
+            {"answered", counters.answered},
+            {"timedOut", counters.timedOut},
+            {"corrupt", counters.corrupt},
+            {"late", counters.late},
+            {"retries", counters.retries},
+            {"reconnects", counters.reconnects},
+            {"errors", errors}};
+}
+
+Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
+{
+    const LineStatistics& line = loop.statistics();
+    Json stations = Json::array();
+    for (const Station& station : loop.stations())
+        stations.push_back(stationObject(station));
+    return {{"summary",
+             {{"port", port.device.toStdString()},
+              {"transactionsPerSecond", line.transactionsPerSecond(now)},
+              {"percentInUse", line.percentInUse(now, port)},
+              {"roundTripMsMedian", roundTripMs(line, 50)},
+              {"roundTripMs99", roundTripMs(line, 99)},
+              {"reopened", loop.lineReconnects()},
+              {"stations", stations}}}};
+}
+
+} // namespace
+
+RunLoop::RunLoop(const LineOptions& options, const Project& project)
+    : m_project(project), m_trace(textOf(options.trace)), m_connection(options, project),
+      m_loop(m_connection.api(), m_connection.line(), m_connection.clock(), project),
+      m_table(m_loop, project)
+{
+    m_loop.exchange().setObserver(m_trace.observer());
+}
+
+void RunLoop::run(LoopView& view, double seconds)
+{
+    const Clock& clock = m_connection.clock();
+    const Duration end = fromSeconds(seconds);
+    const auto over = [&] { return end != Duration(0) && clock.now() >= end; };
+    // Restores the settings of the terminal when the view has closed.
+    const auto keyboard = view.usesKeys() ? std::make_unique<Keyboard>(STDIN_FILENO) : nullptr;
+    while (!m_interrupt.requested() && !view.quits() && !over()) {
+        m_loop.step();
+        if (keyboard) {
+            for (const Key& key : keyboard->pressed())
+                view.handle(key);
+        }
+        view.update(clock.now());
+    }
+    m_loop.finish();
+    view.close(clock.now());
+}
+
+void RunLoop::summarise(const Output& output) const
+{
+    const Duration now = m_connection.clock().now();
+    if (output.json()) {
+        output.data(summaryObject(m_loop, m_project.port, now), QString());
+        return;
+    }
+    output.note(m_table.lineState() + QStringLiteral(": ") + m_table.lineStatistics(now));
+    for (const QString& text : m_table.stationLines(now))
+        output.note(text);
+}
+
+int RunLoop::exitStatus() const
+{
+    return m_table.complete() ? kExitDone : kExitRefused;
+}
+
+} // namespace micro850::host

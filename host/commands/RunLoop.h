@@ -1,0 +1,60 @@
+#ifndef MICRO850_HOST_COMMANDS_RUNLOOP_H
+#define MICRO850_HOST_COMMANDS_RUNLOOP_H
+
+#include "Connection.h"
+#include "Interrupt.h"
+#include "Keyboard.h"
+#include "LiveTable.h"
+#include "Output.h"
+#include "PollLoop.h"
+#include "TraceFile.h"
+
+namespace micro850::host {
+
+/// What a command does while the poll loop runs: it shows or records values.
+class LoopView
+{
+public:
+    virtual ~LoopView() = default;
+    /// True when the view handles the keys of the terminal.
+    virtual bool usesKeys() const { return false; }
+    virtual void handle(const Key&) {}
+    /// True once the user has asked to end.
+    virtual bool quits() const { return false; }
+    /// Called after each step of the loop.
+    virtual void update(Duration now) = 0;
+    /// Called once, after the last step.
+    virtual void close(Duration) {}
+};
+
+/// Polls a project for poll, watch and log: the line, the driver and the loop, from the first step
+/// to the summary.
+class RunLoop
+{
+public:
+    /// Opens line and driver. Throws UserError when one of them is missing.
+    RunLoop(const LineOptions& options, const Project& project);
+
+    PollLoop& loop() { return m_loop; }
+    const LiveTable& table() const { return m_table; }
+
+    /// Steps the loop until so many seconds have passed (0: no limit), the view quits, or the user
+    /// presses Ctrl-C.
+    void run(LoopView& view, double seconds);
+    /// Reports how the line and the stations did.
+    void summarise(const Output& output) const;
+    /// Done when every variable was read at least once.
+    int exitStatus() const;
+
+private:
+    const Project& m_project;
+    TraceFile m_trace;
+    Connection m_connection;
+    PollLoop m_loop;
+    LiveTable m_table;
+    Interrupt m_interrupt;
+};
+
+} // namespace micro850::host
+
+#endif

@@ -1,0 +1,21 @@
+#include "NamePattern.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+
+TEST(Match, TakesAPartOfANameWhateverItsCase)
+{
+    EXPECT_TRUE(nameMatches("TankLevel", ""));
+    EXPECT_TRUE(nameMatches("TankLevel", "klev"));
+    EXPECT_FALSE(nameMatches("TankLevel", "levels"));
+}
+
+TEST(Match, TakesAPatternForTheWholeName)
+{
+    EXPECT_TRUE(nameMatches("TankLevel", "tank*"));
+    EXPECT_TRUE(nameMatches("Level[3]", "Level[?]"));
+    EXPECT_FALSE(nameMatches("TankLevel", "*Lev"));
+    EXPECT_FALSE(nameMatches("Level[30]", "Level[?]"));
+    EXPECT_FALSE(nameMatches("LevelX", "Level.*"));
+}
