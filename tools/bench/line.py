@@ -240,7 +240,7 @@ def peers_table(rows):
 
 
 def line_table(results):
-    heads = [f"{'baud':>6} {'client':15} {'values':>6} {'in use':>7} {'but for device':>14} {'gap us':>8} {'99 %':>8} "
+    heads = [f"{'baud':>6} {'client':15} {'values':>6} {'in use':>7} {'without device':>14} {'gap us':>8} {'99 %':>8} "
              f"{'worst':>8} {'device us':>9} {'values/s':>9} {'bytes a value':>13}"]
 
     def text_of(row):

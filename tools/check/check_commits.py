@@ -20,7 +20,7 @@ OTHERS = {"A", "All", "An", "Broke", "Built", "Chose", "Each", "Every", "Found",
 
 
 def is_imperative(word):
-    """As far as the form of the word tells it."""
+    """True unless the form of the word shows another mood or another part of speech."""
     if word in IMPERATIVE:
         return True
     return word not in OTHERS and not re.search(r"(ed|ing|[^s]s)$", word)

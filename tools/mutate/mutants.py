@@ -1,4 +1,4 @@
-"""Finds the one-token mutations of a C++ source: which place, which text, in whose stead."""
+"""Finds the mutations of a C++ source: each replaces the text at one place."""
 
 import re
 from dataclasses import dataclass
@@ -59,7 +59,7 @@ class Mutant:
 
 
 def tokens_of(source):
-    """The tokens that the compiler sees, but for directives."""
+    """The tokens that the compiler sees, without directives."""
     found = []
     for match in TOKEN.finditer(source):
         if match.lastgroup in ("comment", "directive", "space") or match.group().isspace():
@@ -69,7 +69,7 @@ def tokens_of(source):
 
 
 def without_assertions(tokens):
-    """A changed static_assert makes no program, so its tokens are left out."""
+    """Leaves out the tokens of each static_assert: with a changed one nothing compiles."""
     kept = []
     inside = False
     for token in tokens:
@@ -84,7 +84,7 @@ def without_assertions(tokens):
 
 
 def is_spaced(source, token):
-    """The house style sets comparisons between blanks and template brackets without."""
+    """clang-format writes comparisons with spaces and template brackets without."""
     return source[token.start - 1].isspace() and source[token.end].isspace()
 
 
@@ -139,7 +139,7 @@ class Statement:
 
 
 def opens_code(previous, inside_code):
-    """True when a brace behind `previous` opens a function's body or a block within one."""
+    """True if a brace after `previous` opens the body of a function or a block in it."""
     if previous is None:
         return False
     if previous.text == ")":
@@ -148,7 +148,7 @@ def opens_code(previous, inside_code):
 
 
 class StatementFinder:
-    """Walks the tokens and notes each statement that ends with a semicolon."""
+    """Walks the tokens and collects each statement that ends with a semicolon."""
 
     def __init__(self, tokens):
         self.tokens = tokens
@@ -213,7 +213,7 @@ class StatementFinder:
 
 
 def is_declaration(statement):
-    """What is declared is used, so a program without it does not compile. Locks are the exception."""
+    """A declaration is used, so that the program without it does not compile. Locks are the exception."""
     words = statement.words
     declares = words[0] in TYPES or (len(words) > 1 and is_word(words[0]) and is_word(words[1]))
     return declares and words[0] not in LOCKS | {"return", "delete"}
@@ -224,13 +224,13 @@ def is_word(text):
 
 
 def is_removable(statement):
-    # A function that ends without its result has no defined behaviour to be tested.
+    # A function that ends without a result has no defined behaviour to test.
     last_result = statement.words[0] == "return" and statement.ends_function
     return not last_result and not is_declaration(statement)
 
 
 def assigned(statement):
-    """What an assignment without a call assigns to, else None."""
+    """The left side of an assignment without a call, else None."""
     words = statement.words
     calls = any(b == "(" and is_word(a) for a, b in zip(words, words[1:]))
     at = next((i for i, word in enumerate(words) if word in ASSIGNMENTS), None)
@@ -238,7 +238,7 @@ def assigned(statement):
 
 
 def are_independent(first, second):
-    """Two assignments, neither of which mentions what the other assigns to."""
+    """True for two assignments if neither mentions the left side of the other."""
     one, other = assigned(first), assigned(second)
     if not one or not other:
         return False
@@ -249,7 +249,7 @@ def are_independent(first, second):
 
 
 def bound_name(statement):
-    """The name of a reference that is bound to something without a call, else None."""
+    """The name of a reference that is bound without a call, else None."""
     words = statement.words
     if "&" not in words or "=" not in words or "(" in words:
         return None
@@ -259,7 +259,7 @@ def bound_name(statement):
 
 
 def merely_binds(first, second):
-    """One only names an object and the other does not use the name: no order between them."""
+    """True if one only names an object and the other does not use the name: their order does not matter."""
     one, other = bound_name(first), bound_name(second)
     return bool(one and one not in second.words or other and other not in first.words)
 
@@ -311,7 +311,7 @@ class MutantFinder:
     def removal(self, statement, before):
         is_lock = statement.words[0] in LOCKS
         kind = "lock" if is_lock else "removal"
-        # A lone "break" is told by what stands before it.
+        # The description of a lone "break" includes the statement before it.
         told = before if before and len(statement.words) == 1 else statement
         what = joined(self.source[told.start : statement.end])
         rest = joined(self.source[told.start : statement.start] + ";")
@@ -331,7 +331,7 @@ class MutantFinder:
         return Mutant(self.path, kind, start, end, text, line, function, description)
 
     def function_around(self, at):
-        """The last function, or what looks like one, that begins before `at`; "" for none."""
+        """The name of the last function, or what looks like one, that begins before `at`; "" for none."""
         heads = re.findall(r"^[A-Za-z_][^\n;=]*?(\w+)\([^\n;]*$", self.source[:at], re.MULTILINE)
         return heads[-1] if heads else ""
 

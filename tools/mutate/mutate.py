@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""Changes the driver one token at a time and counts the changes that no unit test notices.
+"""Changes the driver one token at a time and counts the changes that make no unit test fail.
 
-Works in copies of the tree under build-mutate, so the tree itself is never touched. A mutant that is
-listed in tools/mutate/equivalent behaves as the driver does and is not run.
+Works in copies of the tree in build-mutate and never changes the tree itself. A mutant that is listed in tools/mutate/equivalent behaves as the driver does and is not run.
 """
 
 import argparse
@@ -32,7 +31,7 @@ CONFIGURE = [
 
 
 class Failure(Exception):
-    """Something that keeps the check from being made, in one line."""
+    """A reason why the check cannot run, in one line."""
 
 
 # ---- The copies --------------------------------------------------------------------------------
@@ -47,7 +46,7 @@ def tracked_files():
 
 
 def synchronise(tree):
-    """Makes `tree` equal to the present files; equal files keep their time, so little is rebuilt."""
+    """Makes `tree` equal to the current files. Equal files keep their time, so that little is rebuilt."""
     wanted = set(tracked_files())
     for name in wanted:
         target = tree / name
@@ -60,7 +59,7 @@ def synchronise(tree):
 
 
 class Worker:
-    """One copy of the tree with its build, in which one mutant at a time stands."""
+    """One copy of the tree with its build. It contains one mutant at a time."""
 
     def __init__(self, number, seed):
         self.tree = WORK / f"worker-{number}" / "tree"
@@ -79,7 +78,7 @@ class Worker:
         )
 
     def prepare(self, jobs):
-        """Builds the driver as it is with all unit tests."""
+        """Builds the unchanged driver and all unit tests."""
         for directory in (self.tree, self.build, self.run_directory):
             directory.mkdir(parents=True, exist_ok=True)
         synchronise(self.tree)
@@ -103,7 +102,7 @@ class Worker:
         for program in self.programs():
             begin = time.monotonic()
             if not self.passes(program, 300):
-                raise Failure(f"{program.name} fails without any mutation: mend it first")
+                raise Failure(f"{program.name} fails without any mutation: fix it first")
             self.durations[program] = time.monotonic() - begin
         if not self.durations:
             raise Failure("no unit test was built")
@@ -121,7 +120,7 @@ class Worker:
         return done.returncode == 0
 
     def judge(self, mutant):
-        """The name of the first test program that notices, "" when none does, None if not built."""
+        """The name of the first test program that fails, "" if none does, None if the mutant does not compile."""
         if not self.compile(mutant):
             return None
         for program in self.in_order_of_promise(mutant):
@@ -130,12 +129,12 @@ class Worker:
         return ""
 
     def compile(self, mutant):
-        """A header is compiled into its unit's tests as well, as into any host."""
+        """Builds the mutant. A header is also compiled into the tests of its unit, as it is into any host."""
         self.restore()
         self.changed = mutant.path
         own_test = Path(mutant.path).stem + "_test"
         if mutant.path.endswith(".h") and own_test in {p.name for p in self.durations}:
-            self.targets.add(own_test)  # and for all later mutants, to have it put right again
+            self.targets.add(own_test)  # also for all later mutants, so that it is built without this one
         (self.tree / mutant.path).write_text(mutant.applied(self.originals[mutant.path]))
         done = subprocess.run(
             ["ninja", "-C", str(self.build), "-j1", *self.targets],
@@ -160,20 +159,20 @@ class Worker:
 
 
 def equivalents():
-    """(place, mutation) to the reason; blocks of three lines, divided by empty ones."""
+    """The reasons by (place, mutation). The file has blocks of three lines with empty lines between them."""
     known = {}
     lines = EQUIVALENT.read_text().splitlines() if EQUIVALENT.exists() else []
     text = "\n".join(line for line in lines if not line.startswith("#"))
     for block in filter(None, (part.strip("\n") for part in text.split("\n\n"))):
         parts = [line.strip() for line in block.split("\n")]
         if len(parts) != 3:
-            raise Failure(f"{EQUIVALENT.name}: not file, mutation and reason: {parts[0]}")
+            raise Failure(f"{EQUIVALENT.name}: this block is not file, mutation and reason: {parts[0]}")
         known[(parts[0], parts[1])] = parts[2]
     return known
 
 
 def is_explained(mutant, known):
-    """A place is a file, or a file and a function where others of the file share the mutation."""
+    """A place is a file, or a file and a function if several functions of the file have the mutation."""
     places = (mutant.path, f"{mutant.path} {mutant.function}")
     return any((place, mutant.description) in known for place in places)
 
@@ -182,7 +181,7 @@ def is_explained(mutant, known):
 
 
 class Check:
-    """Hands the mutants to the workers and keeps what became of each."""
+    """Gives the mutants to the workers and keeps the outcome of each."""
 
     def __init__(self, chosen, spare, wanted):
         self.waiting = collections.deque(chosen)
@@ -206,9 +205,9 @@ class Check:
                     self.waiting.append(self.spare.popleft())
             else:
                 (self.killed if noticed_by else self.survived).append(mutant)
-                self.tell_progress(mutant, noticed_by)
+                self.print_progress(mutant, noticed_by)
 
-    def tell_progress(self, mutant, noticed_by):
+    def print_progress(self, mutant, noticed_by):
         done = len(self.killed) + len(self.survived)
         fate = f"killed by {noticed_by}" if noticed_by else "SURVIVED"
         print(f"[{done}/{self.wanted}] {place(mutant)}: {fate}", file=sys.stderr, flush=True)
@@ -217,7 +216,7 @@ class Check:
         try:
             while mutant := self.next():
                 self.note(mutant, worker.judge(mutant))
-        except Exception as error:  # told by the main thread
+        except Exception as error:  # the main thread reports it
             self.failure = error
 
     def run(self, workers):
@@ -235,7 +234,7 @@ def place(mutant):
 
 
 def all_mutants(only):
-    """Those of the named places, each FILE or FILE:LINE; of all of src/ without any."""
+    """The mutants of the places in `only`, each FILE or FILE:LINE; without any, of the whole of src/."""
     sources = sorted((ROOT / "src").rglob("*.cpp")) + sorted((ROOT / "src").rglob("*.h"))
     found = []
     for source in sources:
@@ -243,7 +242,7 @@ def all_mutants(only):
         found += mutants.mutants_of(path, source.read_text())
     for wanted in only:
         if not any(is_at(mutant, wanted) for mutant in found):
-            raise Failure(f"--only {wanted}: nothing to change there; say FILE or FILE:LINE of src/")
+            raise Failure(f"--only {wanted}: no mutant there; give FILE or FILE:LINE of src/")
     return [m for m in found if not only or any(is_at(m, wanted) for wanted in only)]
 
 
@@ -253,7 +252,7 @@ def is_at(mutant, wanted):
 
 
 def drawn(arguments):
-    """The sample, ordered by file so that few files are compiled twice, and what may replace it."""
+    """The sample, ordered by file so that few files are compiled twice, and the mutants that may replace some."""
     pool = all_mutants(arguments.only)
     random.Random(arguments.seed).shuffle(pool)
     sample, spare = pool[: arguments.count], pool[arguments.count :]
@@ -272,7 +271,7 @@ def workers_for(arguments):
 
 
 def spent_since(begin):
-    """The time since `begin` and the processors' time of everything that was built and run."""
+    """The time since `begin` and the processor time of everything that was built and run."""
     used = resource.getrusage(resource.RUSAGE_CHILDREN)
     minutes = (time.monotonic() - begin) / 60
     return f"{minutes:.0f} minutes, {(used.ru_utime + used.ru_stime) / 60:.0f} of one processor"
