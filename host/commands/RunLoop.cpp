@@ -17,12 +17,12 @@ qint64 roundTripMs(const LineStatistics& line, int percent)
 
 Json stationObject(const Station& station)
 {
-    const Counters& counters = station.counters;
+    const Counters& counters = station.counters();
     Json errors = Json::object();
     for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
         errors[error.key().toStdString()] = error.value();
-    return {{"station", station.number},
-            {"state", stateText(station.state).toStdString()},
+    return {{"station", station.number()},
+            {"state", stateText(station.state()).toStdString()},
             {"sent", counters.sent},
             {"answered", counters.answered},
             {"timedOut", counters.timedOut},

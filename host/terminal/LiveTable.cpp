@@ -126,7 +126,7 @@ QString LiveTable::lineStatistics(Duration now) const
     const LineStatistics& line = m_loop.statistics();
     qint64 retries = 0;
     for (const Station& station : m_loop.stations())
-        retries += station.counters.retries;
+        retries += station.counters().retries;
     const auto time = [&line](int percent) {
         const std::optional<Duration> found = line.roundTrip(percent);
         if (!found)
@@ -154,15 +154,16 @@ QStringList LiveTable::stationLines(Duration now) const
 {
     QStringList lines;
     for (const Station& station : m_loop.stations()) {
-        QString line = QStringLiteral("station %1").arg(station.number);
-        if (!station.name.isEmpty())
-            line += QStringLiteral(" (%1)").arg(station.name);
-        line += QStringLiteral(": %1").arg(stateText(station.state));
-        if (!station.error.isEmpty())
-            line += QStringLiteral(", %1").arg(station.error);
-        if (!station.alive() && station.lastAnswer)
-            line += QStringLiteral(", last answer %1 ago").arg(ageText(now - *station.lastAnswer));
-        const Counters& counters = station.counters;
+        QString line = QStringLiteral("station %1").arg(station.number());
+        if (!station.name().isEmpty())
+            line += QStringLiteral(" (%1)").arg(station.name());
+        line += QStringLiteral(": %1").arg(stateText(station.state()));
+        if (!station.error().isEmpty())
+            line += QStringLiteral(", %1").arg(station.error());
+        if (!station.alive() && station.lastAnswer())
+            line +=
+                QStringLiteral(", last answer %1 ago").arg(ageText(now - *station.lastAnswer()));
+        const Counters& counters = station.counters();
         line += QStringLiteral("; sent %1, answered %2, timed out %3, corrupt %4, late %5, "
                                "reconnects %6")
                     .arg(counters.sent)

@@ -2,6 +2,8 @@
 
 #include "ReplyCollector.h"
 
+#include <utility>
+
 namespace micro850::host {
 
 namespace {
@@ -11,17 +13,17 @@ Driver* theDriver = nullptr;
 const int kIndexedName = 2;
 const int kQueuedWrites = 2;
 const int kStatusDone = 1;
-// Any kind outside 1 to 11: failure codes then name the failure alone.
+// A kind outside 1 to 11, so that a failure code says only which failure it is.
 const int kOperationKind = 0;
 
-// How AddListOnceReadVar() takes a record.
+// Whether AddListOnceReadVar() completes a record.
 const int kCompleted = 0;
 const int kUnchanged = 1;
 
-// More than the driver takes to find a reply incomplete for good.
+// More calls than the driver needs to decide that a reply stays incomplete.
 const int kMostJudgements = 32;
 
-// Values of a result's retValue.
+// Values of the retValue of a result.
 const int kNotFinished = 0;
 const int kNoConnection = 201;
 const int kFirstFailure = 11;
@@ -44,8 +46,8 @@ Driver::Driver(const DriverApi& api, int defaultStation, int retryLimit) : m_api
     theDriver = this;
     m_settings.defaultStation = defaultStation;
     m_settings.retryLimit = retryLimit;
-    // Stations per variable, also where there is one: a failure then drops the writes of its own
-    // station only.
+    // Stations per variable, even if there is only one station: a failure then drops only the
+    // writes of its own station.
     m_settings.multiStation = 1;
     m_settings.writeMode = kQueuedWrites;
     m_api.setComInfo(&m_settings);
@@ -63,14 +65,14 @@ Driver::~Driver()
     theDriver = nullptr;
 }
 
-// Called with the driver's list lock held, so that it only takes a note.
+// The driver holds its list lock during this call, so that it must not call the driver.
 void Driver::onFinished(int, int, int varIndex, int status)
 {
     if (theDriver)
         theDriver->m_finished.append({varIndex, status == kStatusDone});
 }
 
-// This host looks at its values after every transaction, so that there is nothing to refresh.
+// This host fetches values after every transaction, so that it needs no notice.
 void Driver::onRefresh(QList<RW_VAR>*, int, int) {}
 
 void Driver::declare(const QStringList& tags)
@@ -94,41 +96,41 @@ void Driver::setCyclicReads(const ReadPlan& plan)
         m_api.addRead(&request);
 }
 
-void Driver::queue(const Operation& operation, const Tag& tag)
-{
-    if (operation.kind == Operation::Kind::Write)
-        queueWrite(operation, tag);
-    else
-        queueRead(operation, tag);
-}
-
-void Driver::queueRead(const Operation& operation, const Tag& tag)
+RW_VAR Driver::oneShotRead(int id, const TagKey& tag, int element) const
 {
     RW_VAR request = RW_VAR();
     request.varType = kOperationKind;
-    request.varIndex = operation.id;
+    request.varIndex = id;
     request.linkId = m_settings.localLink;
-    request.tagName = operation.tag.name;
-    request.addressText = QString::number(operation.element);
-    request.stationNo = operation.tag.station;
+    request.tagName = tag.name;
+    request.addressText = QString::number(element);
+    request.stationNo = tag.station;
     request.onceFlag = 1;
-    if (operation.kind == Operation::Kind::Learn) {
-        // As a name outside the catalogue: one element at index 0, whether the driver knows the
-        // class or not. Only a record that it does not complete can say so.
-        request.count = 1;
-        m_api.addOneShotRead(&request, kUnchanged);
-    } else {
-        request.count = oneShotCount(typeClassOf(tag.typeCode), operation.elements);
-        m_api.addOneShotRead(&request, kCompleted);
-    }
+    return request;
 }
 
-void Driver::queueWrite(const Operation& operation, const Tag& tag)
+// The request is that of a name outside the catalogue: one element at index 0, whether the driver
+// knows the class or not. Only a record that the driver does not complete can ask for that.
+void Driver::queueLearn(int id, const TagKey& tag)
 {
-    const HostValue value = toHostLayout(*tag.type, operation.value);
-    m_api.setRegisterData(operation.tag.name, tag.area, QString::number(operation.element),
-                          operation.tag.station, value.bytes, value.count, kOperationKind,
-                          operation.id);
+    RW_VAR request = oneShotRead(id, tag, 0);
+    request.count = 1;
+    m_api.addOneShotRead(&request, kUnchanged);
+}
+
+void Driver::queueRead(int id, const TagKey& tag, const CipType& type, const Run& run)
+{
+    RW_VAR request = oneShotRead(id, tag, run.element);
+    request.count = oneShotCount(typeClassOf(type.code), run.elements);
+    m_api.addOneShotRead(&request, kCompleted);
+}
+
+void Driver::queueWrite(int id, const TagKey& tag, const CipType& type, int area, int element,
+                        const QByteArray& value)
+{
+    const HostValue converted = toHostLayout(type, value);
+    m_api.setRegisterData(tag.name, area, QString::number(element), tag.station, converted.bytes,
+                          converted.count, kOperationKind, id);
 }
 
 Verdict Driver::handOver(Protocol& sent, const QByteArray& data)
@@ -136,18 +138,18 @@ Verdict Driver::handOver(Protocol& sent, const QByteArray& data)
     const bool setUp = sent.var.tagName.isEmpty();
     QByteArray reply = replyForDriver(data, !setUp);
     const int varies = -1;
-    // A reply of varying length is judged by one call, which notes its length, and taken by the
-    // next.
+    // A reply of varying length takes two calls: the first one notes its length, the second one
+    // accepts it.
     if (sent.replyLength == varies && m_api.dataCom(&reply, reply.size())->retValue == kNotFinished)
         return Verdict::Repeat;
-    // The length that the driver expects, which after a time-out is one that no reply has: the
-    // reply is known to be complete.
+    // The reply is known to be complete. The length is therefore the one that the driver expects,
+    // even after a time-out, when it expects a length that no reply has.
     return verdictOf(*m_api.dataCom(&reply, sent.replyLength));
 }
 
-// The bytes behind an error status would be taken for the tag's type, for good, and for its value.
-// The driver stores replies to reads and acknowledges those to writes, so the queued copy of the
-// request becomes one that is acknowledged.
+// The driver would store the bytes after an error status as the tag's type, for good, and as its
+// value. It stores replies to reads, but only acknowledges replies to writes. The queued request
+// therefore becomes one whose reply is only acknowledged.
 Verdict Driver::handOverRefusal(Protocol& sent, const QByteArray& data)
 {
     const int acknowledgedOnly = 1;
@@ -155,8 +157,8 @@ Verdict Driver::handOverRefusal(Protocol& sent, const QByteArray& data)
     return handOver(sent, data);
 }
 
-// A silence is judged several times, as a host may hand over its bytes piece by piece, before it
-// counts as one failure.
+// Several calls without bytes count as one failure, because a host may pass its bytes piece by
+// piece.
 Verdict Driver::reportSilence(Protocol& sent)
 {
     QByteArray nothing;
@@ -174,21 +176,19 @@ Verdict Driver::dropConnection(Protocol& sent)
     return verdict;
 }
 
-QByteArray Driver::storedValue(const TagKey& tag, quint16 typeCode, int element,
+QByteArray Driver::storedValue(const TagKey& tag, const CipType& type, int element,
                                const QByteArray& replyValues) const
 {
-    const TypeClass typeClass = typeClassOf(typeCode);
+    const TypeClass typeClass = typeClassOf(type.code);
     QByteArray bytes;
     m_api.getRegisterData(tag.name, 0, QString::number(element), tag.station, bytes,
                           fetchCount(typeClass, replyValues.size()));
     return fromHostLayout(typeClass, bytes, replyValues);
 }
 
-QVector<QPair<int, bool>> Driver::takeFinished()
+QVector<Finished> Driver::popFinished()
 {
-    QVector<QPair<int, bool>> finished;
-    finished.swap(m_finished);
-    return finished;
+    return std::exchange(m_finished, {});
 }
 
 } // namespace micro850::host

@@ -2,27 +2,33 @@
 #define MICRO850_HOST_DRIVER_H
 
 #include "DriverLibrary.h"
-#include "Operation.h"
 #include "ReadPlan.h"
+#include "TagKey.h"
 
-#include <QtCore/QPair>
 #include <QtCore/QVector>
 
 #include <array>
 
 namespace micro850::host {
 
-/// What a call of DataCom() told.
+/// The result of a call of DataCom().
 enum class Verdict {
     Repeat,       ///< not finished: the frame stays queued and goes out again
     Done,         ///< the transaction is finished
     NoConnection, ///< the connection set-up got no valid reply
-    Dropped       ///< the retry limit is passed: request failed, connection given up
+    Dropped       ///< the retry limit is passed: the request failed, the connection is given up
 };
 
-/// The driver as a host uses it: owns the settings record and the callbacks, and knows how many
-/// calls of DataCom() an outcome takes. The callbacks carry no pointer of the host's, so that only
-/// one object can exist at a time.
+/// An operation that the driver reported finished.
+struct Finished
+{
+    int id;
+    bool succeeded;
+};
+
+/// The driver as a host uses it. It owns the settings record and the callbacks, and it knows how
+/// many calls of DataCom() an outcome takes. Only one object can exist at a time, because the
+/// callbacks carry no pointer that belongs to the host.
 class Driver
 {
 public:
@@ -31,45 +37,52 @@ public:
     Driver(const Driver&) = delete;
     Driver& operator=(const Driver&) = delete;
 
-    /// Declares names. All are declared as carrying an index: any other name is one element at
-    /// index 0 to the driver, whatever is asked.
+    /// Declares names, all of them as names with an index: of any other name the driver reads one
+    /// element at index 0, whatever is asked for.
     void declare(const QStringList& tags);
     void enableStation(int station, bool enabled);
     /// Replaces the cyclic list.
     void setCyclicReads(const ReadPlan& plan);
-    /// Queues an operation; its id comes back with takeFinished().
-    void queue(const Operation& operation, const Tag& tag);
+    // Each of these queues one operation. popFinished() reports its id.
 
-    /// The next frame, or null. Valid until one of the calls below finishes it.
+    /// Reads element 0 of a tag whose type is not known.
+    void queueLearn(int id, const TagKey& tag);
+    /// Reads a run of elements.
+    void queueRead(int id, const TagKey& tag, const CipType& type, const Run& run);
+    /// Writes one element. `value` is in the controller's byte order. The driver replaces a queued
+    /// write by a later one to the same area, element and count.
+    void queueWrite(int id, const TagKey& tag, const CipType& type, int area, int element,
+                    const QByteArray& value);
+
+    /// The next frame, or null. It is valid until one of the next four calls finishes it.
     Protocol* next() { return m_api.comCommunication(); }
-    /// Hands over the application data of the reply to `sent`.
+    /// Passes the application data of the reply to `sent` to the driver.
     Verdict handOver(Protocol& sent, const QByteArray& data);
-    /// The same for a reply that refuses a read: it is acknowledged and not stored.
+    /// The same for a reply that refuses a read. The driver acknowledges it and stores nothing.
     Verdict handOverRefusal(Protocol& sent, const QByteArray& data);
-    /// Says that no reply to `sent` came.
+    /// Reports that no reply to `sent` came.
     Verdict reportSilence(Protocol& sent);
-    /// Makes the driver give up the connection of `sent`, as after a silence beyond the retry
-    /// limit.
+    /// Makes the driver give up the connection of `sent`, as if the retry limit were passed.
     Verdict dropConnection(Protocol& sent);
 
-    /// The value bytes that the driver stored of a read reply, in the controller's order.
-    QByteArray storedValue(const TagKey& tag, quint16 typeCode, int element,
+    /// The value bytes that the driver stored from a read reply, in the controller's byte order.
+    /// `replyValues` are the value bytes of that reply.
+    QByteArray storedValue(const TagKey& tag, const CipType& type, int element,
                            const QByteArray& replyValues) const;
 
-    /// Operations that the driver reported finished since the last call: id, and true for success.
-    QVector<QPair<int, bool>> takeFinished();
+    /// Returns and removes the operations that the driver reported finished since the last call.
+    QVector<Finished> popFinished();
 
     int localLink() const { return m_settings.localLink; }
 
 private:
     static void onFinished(int channel, int varType, int varIndex, int status);
     static void onRefresh(QList<RW_VAR>* list, int varType, int flag);
-    void queueRead(const Operation& operation, const Tag& tag);
-    void queueWrite(const Operation& operation, const Tag& tag);
+    RW_VAR oneShotRead(int id, const TagKey& tag, int element) const;
 
     DriverApi m_api;
     ComInfo m_settings = ComInfo();
-    QVector<QPair<int, bool>> m_finished;
+    QVector<Finished> m_finished;
     std::array<quint16, 16> m_localWords{};
 };
 

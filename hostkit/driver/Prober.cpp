@@ -5,7 +5,7 @@ namespace micro850::host {
 namespace {
 
 const int kAttempts = 2;
-// Calls that the driver needs at most to come to a new connection: some give nothing.
+// The driver needs at most so many calls until it begins a new connection; some return no frame.
 const int kMostCalls = 8;
 
 QString silenceText(const Counters& counters)
@@ -19,12 +19,11 @@ QString silenceText(const Counters& counters)
 
 } // namespace
 
-Prober::Prober(const DriverApi& api, int station) : m_driver(api, station, 0)
+// The driver connects because of the tag, which it never asks for.
+Prober::Prober(const DriverApi& api, int station)
+    : m_driver(api, station, 0), m_tag{station, QStringLiteral("_")}
 {
-    // Only so that the driver connects: the tag is never asked for.
-    m_operation.kind = Operation::Kind::Learn;
-    m_operation.tag = {station, QStringLiteral("_")};
-    m_driver.declare({m_operation.tag.name});
+    m_driver.declare({m_tag.name});
     m_driver.enableStation(station, true);
 }
 
@@ -33,7 +32,7 @@ Protocol* Prober::request()
     for (int i = 0; i < kMostCalls; ++i) {
         if (Protocol* next = m_driver.next())
             return next;
-        m_driver.queue(m_operation, Tag());
+        m_driver.queueLearn(0, m_tag);
     }
     return nullptr;
 }
@@ -50,7 +49,7 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         if (!sent)
             break;
         const Answer answer = exchange.run(QByteArray(sent->frame), counters);
-        m_driver.reportSilence(*sent); // so that the next one begins anew
+        m_driver.reportSilence(*sent); // so that the next attempt starts from the beginning
         if (answer.outcome == Answer::Outcome::DeviceGone) {
             result.error = QStringLiteral("the device is gone");
             return result;

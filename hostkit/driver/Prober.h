@@ -7,24 +7,24 @@
 
 namespace micro850::host {
 
-/// What became of asking who is there.
+/// The result of asking a controller for its identity.
 struct ProbeResult
 {
     bool answered = false;
     Identity identity;
     Duration roundTrip{0};
-    QString error; ///< why there is no identity
+    QString error; ///< why there is no identity; empty when `answered`
 };
 
-/// Asks for the identity of what is at the other end of a line, which is the driver's first request
-/// to any station, and goes no further.
+/// Asks the controller at the other end of a line for its identity. That is the driver's first
+/// request to any station; no other request is sent.
 class Prober
 {
 public:
     Prober(const DriverApi& api, int station);
 
-    /// The line is open. Asks twice: a peer may take the first request for the repetition of the
-    /// last message that it saw, and answer nothing.
+    /// The line must be open. Asks at most twice, because a peer can take the first request for a
+    /// repetition of the last message that it received, and then does not answer.
     ProbeResult probe(Line& line, const Clock& clock, const PortSettings& settings,
                       const Exchange::Observer& observer = nullptr);
 
@@ -32,7 +32,7 @@ private:
     Protocol* request();
 
     Driver m_driver;
-    Operation m_operation;
+    TagKey m_tag;
 };
 
 } // namespace micro850::host

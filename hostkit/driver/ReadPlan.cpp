@@ -1,25 +1,28 @@
 #include "ReadPlan.h"
 
+#include <QtCore/QSet>
+
 #include <algorithm>
 
 namespace micro850::host {
 
 namespace {
 
-// Value bytes of one reply: well inside a connection of 504 bytes, and short enough that a reply
-// lost on a slow line costs little. As many as other field buses carry at once, so that an array
-// made for them takes one reply here too.
+// Value bytes of one reply: well below the 504 bytes of a connection, and short enough that a reply
+// that is lost on a slow line costs little. Other field buses carry as many at once, so that an
+// array made for them fits into one reply here too.
 const int kBytesOfRun = 250;
 
 // The driver's list builder knows the default station only and counts elements of up to two bytes
 // as elements; it keeps the count of wide ones as words, takes 1 or 3 off and so asks for the wrong
 // number of them once it has merged or cut. An overlapping request would shorten a run, so that
 // only single elements of a tag, each listed once, go through it.
-bool mayMerge(const Project& project, const Variable& variable, const Tag& tag)
+bool mayMerge(const Project& project, const Variable& variable, const CyclicRead& read)
 {
-    return tag.mergeable && variable.station == project.stations.first().number &&
-           variable.length == 1 && tag.type->size <= 2 && tag.type->kind != CipKind::String &&
-           !(tag.type->size == 2 && typeClassOf(tag.typeCode) == TypeClass::Byte);
+    const CipType& type = *read.type;
+    return read.mergeable && variable.station == project.stations.first().number &&
+           variable.length == 1 && type.size <= 2 && type.kind != CipKind::String &&
+           !(type.size == 2 && typeClassOf(type.code) == TypeClass::Byte);
 }
 
 HOSTVAR mergedRead(const Variable& variable)
@@ -32,8 +35,8 @@ HOSTVAR mergedRead(const Variable& variable)
     return request;
 }
 
-// AddListReadVar() takes the record as it is, so that the host sets what the list builder would.
-RW_VAR singleRead(const Variable& variable, const Tag& tag, const Run& run, int localLink)
+// AddListReadVar() takes the record as it is. The host therefore sets what the list builder would.
+RW_VAR singleRead(const Variable& variable, const CipType& type, const Run& run, int localLink)
 {
     RW_VAR request = RW_VAR();
     request.linkId = localLink;
@@ -42,8 +45,8 @@ RW_VAR singleRead(const Variable& variable, const Tag& tag, const Run& run, int 
     request.areaType = variable.area;
     request.startAddress = run.element;
     request.stationNo = variable.station;
-    request.count = cyclicCount(typeClassOf(tag.typeCode), run.elements);
-    request.reqFlag = 1; // the name is in the catalogue, so that element and count are heeded
+    request.count = cyclicCount(typeClassOf(type.code), run.elements);
+    request.reqFlag = 1; // the name is in the catalogue: the driver uses element and count
     return request;
 }
 
@@ -58,22 +61,17 @@ QVector<Run> runsOf(const Variable& variable, const CipType& type)
     return runs;
 }
 
-ReadPlan planReads(const Project& project, const TagDirectory& tags, const QSet<int>& leftOut,
-                   int localLink)
+ReadPlan planReads(const Project& project, const QVector<CyclicRead>& reads, int localLink)
 {
     ReadPlan plan;
     QSet<QPair<QString, int>> listed;
-    for (int i = 0; i < project.variables.size(); ++i) {
-        const Variable& variable = project.variables.at(i);
-        const Tag tag = tags.value({variable.station, variable.tag});
-        if (variable.poll != PollMode::Cyclic || tag.state != Tag::State::Known || !tag.type ||
-            leftOut.contains(i))
-            continue;
+    for (const CyclicRead& read : reads) {
+        const Variable& variable = project.variables.at(read.variable);
         const QPair<QString, int> place(variable.tag, variable.element);
-        if (!mayMerge(project, variable, tag)) {
-            for (const Run& run : runsOf(variable, *tag.type)) {
-                plan.single.append(singleRead(variable, tag, run, localLink));
-                plan.single.last().varIndex = varIndexOf(i);
+        if (!mayMerge(project, variable, read)) {
+            for (const Run& run : runsOf(variable, *read.type)) {
+                plan.single.append(singleRead(variable, *read.type, run, localLink));
+                plan.single.last().varIndex = varIndexOf(read.variable);
             }
         } else if (!listed.contains(place)) {
             listed.insert(place);

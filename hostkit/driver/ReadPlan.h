@@ -4,33 +4,40 @@
 #include "Func_Initi.h"
 #include "HostLayout.h"
 #include "Project.h"
-#include "TagDirectory.h"
 
 #include <QtCore/QList>
-#include <QtCore/QSet>
+#include <QtCore/QVector>
 
 namespace micro850::host {
 
-/// A run of elements that one reply can bring.
+/// A run of elements that fits into one reply.
 struct Run
 {
     int element;
     int elements;
 };
 
-/// Cuts a variable's elements into runs.
+/// Cuts the elements of a variable, whose tag has this type, into runs.
 QVector<Run> runsOf(const Variable& variable, const CipType& type);
 
-/// The varIndex of a cyclic request that reads one variable; that of a merged one is -1.
+/// The varIndex of a cyclic request that reads one variable. A merged request has -1.
 inline int varIndexOf(int variable)
 {
     return -2 - variable;
 }
-/// The variable that a request of that varIndex reads; below 0 for any other request.
+/// The variable that a request with this varIndex reads; below 0 for any other request.
 inline int variableOf(int varIndex)
 {
     return -2 - varIndex;
 }
+
+/// A variable that is to be read in every cycle.
+struct CyclicRead
+{
+    int variable;        ///< its index in the project
+    const CipType* type; ///< of its tag, in the controller
+    bool mergeable;      ///< false: no request may span it and a neighbour
+};
 
 /// What the driver is given to read in a cycle.
 struct ReadPlan
@@ -41,9 +48,9 @@ struct ReadPlan
     QList<RW_VAR> single;
 };
 
-/// Plans the cyclic variables whose tags are known, but those in `leftOut` (by their index).
-ReadPlan planReads(const Project& project, const TagDirectory& tags, const QSet<int>& leftOut,
-                   int localLink);
+/// Plans the requests that read these variables of the project, in their order. `localLink` goes
+/// into each record for AddListReadVar().
+ReadPlan planReads(const Project& project, const QVector<CyclicRead>& reads, int localLink);
 
 } // namespace micro850::host
 

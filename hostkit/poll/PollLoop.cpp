@@ -1,295 +1,298 @@
 #include "PollLoop.h"
 
-#include <algorithm>
-
 namespace micro850::host {
 
 namespace {
 
 const std::chrono::milliseconds kIdlePause(20);
-// The first pause before a device that went away is opened again, and the longest.
-const std::chrono::milliseconds kFirstOpenPause(250);
-const std::chrono::seconds kLongestOpenPause(5);
-// The same for the probes of a station that does not answer.
-const std::chrono::seconds kFirstProbePause(1);
-const std::chrono::seconds kLongestProbePause(5);
-// Set-ups without an answer until a station counts as dead. One may fall victim to a peer that
-// takes it for the repetition of the last message it saw.
-const int kSetUpsUntilDead = 2;
-// Connection requests that the driver sends within one set-up.
-const int kOpensOfSetUp = 4;
-
-Duration grown(Duration pause, Duration first, Duration longest)
-{
-    return std::min(longest, std::max(first, 2 * pause));
-}
+const std::chrono::milliseconds kLookInterval(100);
 
 } // namespace
 
 PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const Project& project)
-    : m_project(project), m_line(line), m_clock(clock), m_exchange(line, clock, project.port),
-      m_driver(api, project.stations.first().number, project.port.retryLimit), m_values(project)
+    : m_project(project), m_clock(clock), m_line(line, clock),
+      m_exchange(line, clock, project.port),
+      m_driver(api, project.stations.first().number, project.port.retryLimit), m_values(project),
+      m_types(project, clock, m_values), m_operations(m_driver, m_types),
+      m_deferred(m_driver, m_values)
 {
-    m_exchange.setMeanwhile([this] { storeArrived(); });
+    m_exchange.setMeanwhile([this] { m_deferred.store(); });
     for (const StationSettings& settings : project.stations) {
-        Station& station = m_stations[settings.number];
-        station.number = settings.number;
-        station.name = settings.name;
-        station.state = settings.enabled ? Station::State::Connecting : Station::State::Disabled;
+        m_stations.insert(settings.number, Station(settings));
         m_driver.enableStation(settings.number, settings.enabled);
     }
-    for (int i = 0; i < project.variables.size(); ++i) {
-        const Variable& variable = project.variables.at(i);
-        const TagKey key = {variable.station, variable.tag};
-        declare(key);
-        m_variablesOf[key].append(i);
-        if (variable.area != 0)
-            m_tags[key].area = variable.area;
-    }
-}
-
-void PollLoop::declare(const TagKey& key)
-{
-    if (m_tags.contains(key))
-        return;
-    m_driver.declare({key.name});
-    m_tags[key].area = m_tags.size() + 1;
+    for (const Variable& variable : project.variables)
+        declare({variable.station, variable.tag});
 }
 
 void PollLoop::step()
 {
-    if (!openLine())
+    if (!m_line.ensureOpen())
         return;
     probeDeadStations();
-    lookAfterTags();
-    pumpOperations();
+    askForTypes();
+    m_operations.pump(m_stations);
     if (m_replan)
-        replan();
+        planCycle();
     if (Protocol* next = m_driver.next())
         transact(*next);
     else
         idle();
 }
 
-bool PollLoop::openLine()
+// The set-up that follows brings the station back or ends the probe. The driver connects only for a
+// request, and its lists may hold none of this station; therefore one is queued.
+void PollLoop::probeDeadStations()
 {
-    if (m_line.isOpen()) {
-        m_wasOpen = true;
-        return true;
-    }
     const Duration now = m_clock.now();
-    if (now < m_nextOpen) {
-        pauseFor(m_nextOpen - now);
-        return false;
+    for (Station& station : m_stations) {
+        if (!station.isProbeDue(now))
+            continue;
+        station.beginProbe();
+        m_driver.enableStation(station.number(), true);
+        if (const std::optional<TagKey> tag = m_types.firstTagOf(station.number()))
+            m_operations.askForType(*tag);
     }
-    if (m_line.open(m_lineError)) {
-        m_lineReconnects += m_wasOpen ? 1 : 0;
-        m_lineError.clear();
-        return true;
+}
+
+// Asks for the type of every tag that a variable shows, and lets variables back into the cycle.
+void PollLoop::askForTypes()
+{
+    const Duration now = m_clock.now();
+    if (now < m_nextLook)
+        return;
+    m_nextLook = now + kLookInterval;
+    m_replan = m_types.readmitVariables() || m_replan;
+    for (const TagKey& key : m_types.tagsToAskFor()) {
+        const Station station = m_stations.value(key.station);
+        if (station.inService() && !station.isProbing())
+            m_operations.askForType(key);
     }
-    m_openPause = grown(m_openPause, kFirstOpenPause, kLongestOpenPause);
-    m_nextOpen = now + m_openPause;
-    return false;
 }
 
-// The transaction in flight stays queued and goes out again when the device is back.
-void PollLoop::loseLine()
+void PollLoop::planCycle()
 {
-    storeArrived();
-    m_line.close();
-    m_lineError = QStringLiteral("the device is gone");
-    m_openPause = grown(m_openPause, kFirstOpenPause, kLongestOpenPause);
-    m_nextOpen = m_clock.now() + m_openPause;
+    m_replan = false;
+    m_driver.setCyclicReads(planReads(m_project, m_types.cyclicReads(), m_driver.localLink()));
 }
 
-void PollLoop::pauseFor(Duration time)
+void PollLoop::readOnce(int variable)
 {
-    m_line.pause(std::min<Duration>(time, kIdlePause));
+    const Variable& asked = m_project.variables.at(variable);
+    const CipType* type = m_types.readableType(variable);
+    if (asked.poll != PollMode::Once || !type)
+        return;
+    for (const Run& run : runsOf(asked, *type)) {
+        Operation operation;
+        operation.variable = variable;
+        operation.tag = {asked.station, asked.tag};
+        operation.element = run.element;
+        operation.elements = run.elements;
+        m_operations.add(operation);
+    }
 }
 
-// One idle call stands between two bursts of the driver; from the second on nothing is to be sent
-// that would acknowledge the last reply.
+// The driver returns no frame once between two bursts. From the second time on there is nothing to
+// send that would acknowledge the last reply.
 void PollLoop::idle()
 {
-    storeArrived();
+    m_deferred.store();
     if (++m_idleSteps < 2)
         return;
     m_exchange.acknowledge();
-    pauseFor(kIdlePause);
+    m_line.pause(kIdlePause);
 }
 
 void PollLoop::finish()
 {
-    storeArrived();
+    m_deferred.store();
     m_exchange.acknowledge();
 }
 
 void PollLoop::transact(Protocol& sent)
 {
     m_idleSteps = 0;
-    m_refusal.clear();
-    m_connectionLost = false;
-    const QByteArray frame = sent.frame; // whole: `sendLength` may be that of an earlier patch
     Station& station = m_stations[sent.var.stationNo];
-    const qint64 bytesBefore = station.counters.bytes();
-    const Answer answer = m_exchange.run(frame, station.counters);
-    const Request& request = answer.request;
-    const bool answered = answer.outcome == Answer::Outcome::Answered;
-    m_statistics.add(m_clock.now(), static_cast<int>(station.counters.bytes() - bytesBefore),
-                     answered ? std::make_optional(answer.roundTrip) : std::nullopt);
+    const Answer answer = runExchange(sent, station.counters());
+    ReplyStatus status;
     switch (answer.outcome) {
     case Answer::Outcome::DeviceGone:
-        loseLine();
+        // The request stays queued in the driver and goes out again when the device is back.
+        m_deferred.store();
+        m_line.lose();
         break;
     case Answer::Outcome::TimedOut:
-        m_openPause = Duration(0); // the device carries bytes, even if nobody answers
-        takeSilence(sent, request);
+        m_line.noteTraffic();
+        handleSilence(sent, answer.request, station);
         break;
     case Answer::Outcome::Answered:
-        m_openPause = Duration(0);
-        station.lastAnswer = m_clock.now();
+        m_line.noteTraffic();
+        station.noteAnswer(m_clock.now());
         if (sent.var.tagName.isEmpty())
-            takeSetUpReply(sent, request, answer);
+            handleSetUpReply(sent, answer, station);
         else
-            takeDataReply(sent, request, answer);
+            status = handleDataReply(sent, answer, station);
         break;
     }
-    takeFinished();
+    m_operations.endFinished(status);
 }
 
-void PollLoop::takeSilence(Protocol& sent, const Request& request)
+Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
 {
-    Station& station = m_stations[sent.var.stationNo];
+    const QByteArray frame = sent.frame; // whole: `sendLength` can be that of an earlier frame
+    const qint64 bytesBefore = counters.bytes();
+    const Answer answer = m_exchange.run(frame, counters);
+    const bool answered = answer.outcome == Answer::Outcome::Answered;
+    m_statistics.add(m_clock.now(), static_cast<int>(counters.bytes() - bytesBefore),
+                     answered ? std::make_optional(answer.roundTrip) : std::nullopt);
+    return answer;
+}
+
+void PollLoop::handleSilence(Protocol& sent, const Request& request, Station& station)
+{
     const Verdict verdict = m_driver.reportSilence(sent);
     if (verdict == Verdict::NoConnection)
-        setUpFailed(station, request, QStringLiteral("no answer"));
+        handleFailedSetUp(request, QStringLiteral("no answer"), station);
     else
-        takeVerdict(verdict, station);
+        handleVerdict(verdict, station, ReplyStatus());
 }
 
-void PollLoop::takeSetUpReply(Protocol& sent, const Request& request, const Answer& answer)
+void PollLoop::handleSetUpReply(Protocol& sent, const Answer& answer, Station& station)
 {
-    Station& station = m_stations[sent.var.stationNo];
-    const bool opens = request.service == kForwardOpen;
+    const bool opens = answer.request.service == kForwardOpen;
     if (opens && !answer.reply.good()) {
-        // Without an identifier there is no connection; the driver would take any bytes for one.
+        // Without an identifier there is no connection; the driver would accept any bytes as one.
         m_driver.reportSilence(sent);
-        setUpFailed(station, request, statusText(answer.reply));
+        handleFailedSetUp(answer.request, statusText(answer.reply), station);
     } else if (m_driver.handOver(sent, answer.data) == Verdict::NoConnection) {
-        setUpFailed(station, request, QStringLiteral("unusable answer"));
+        handleFailedSetUp(answer.request, QStringLiteral("unusable answer"), station);
     } else if (opens) {
-        connected(station);
+        handleConnected(station);
     } else {
-        station.refusedOpens = 0;
+        station.noteIdentity();
     }
 }
 
-void PollLoop::connected(Station& station)
+void PollLoop::handleConnected(Station& station)
 {
-    const bool returns = station.state == Station::State::Dead;
-    station.counters.reconnects += station.wasConnected ? 1 : 0;
-    station.wasConnected = true;
-    station.state = Station::State::Connected;
-    station.probing = false;
-    station.failedSetUps = 0;
-    station.probePause = Duration(0);
-    station.error.clear();
+    const bool returns = station.state() == Station::State::Dead;
+    station.connect();
     for (int i = 0; i < m_values.size(); ++i) {
         const bool due = returns || !m_values.wasRead(i);
-        if (due && m_project.variables.at(i).station == station.number)
+        if (due && m_project.variables.at(i).station == station.number())
             readOnce(i);
     }
 }
 
-// The driver gives up a set-up with its first request unanswered, or its second four times.
-void PollLoop::setUpFailed(Station& station, const Request& request, const QString& why)
+// The driver tries to connect a station again and again before it serves another one. A dead
+// station is therefore taken out of the driver's lists, and the driver drops its queued requests
+// without a report.
+void PollLoop::handleFailedSetUp(const Request& request, const QString& why, Station& station)
 {
-    station.error = why;
-    if (request.service == kForwardOpen && ++station.refusedOpens < kOpensOfSetUp)
+    if (!station.failSetUp(request.service == kForwardOpen, why))
         return;
-    station.refusedOpens = 0;
-    ++station.failedSetUps;
-    if (station.state == Station::State::Dead || station.failedSetUps >= kSetUpsUntilDead)
-        markDead(station);
+    station.markDead(m_clock.now());
+    m_driver.enableStation(station.number(), false);
+    m_operations.failAll(station.number());
 }
 
-void PollLoop::takeDataReply(Protocol& sent, const Request& request, const Answer& answer)
+ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Station& station)
 {
-    Station& station = m_stations[sent.var.stationNo];
+    ReplyStatus status;
     if (saysNoConnection(answer.reply)) {
-        m_connectionLost = true;
-        takeVerdict(m_driver.dropConnection(sent), station);
-        return;
+        status.connectionLost = true;
+        handleVerdict(m_driver.dropConnection(sent), station, status);
+        return status;
     }
-    const RW_VAR var = sent.var; // `sent` is gone once its reply is taken
-    const bool reads = request.service == kReadTagFragmented;
-    if (!answer.reply.good())
-        m_refusal = statusText(answer.reply);
-    const Verdict verdict = reads && !answer.reply.good()
-                                ? m_driver.handOverRefusal(sent, answer.data)
-                                : m_driver.handOver(sent, answer.data);
-    takeVerdict(verdict, station);
-    if (verdict != Verdict::Done)
-        return;
-    if (!answer.reply.good())
-        takeRefusal(var, request);
-    else if (reads)
-        takeValues(var, request, answer.reply);
+    const RW_VAR var = sent.var; // `sent` is gone once the driver has its reply
+    const bool good = answer.reply.good();
+    const bool reads = answer.request.service == kReadTagFragmented;
+    if (!good)
+        status.refusal = statusText(answer.reply);
+    const Verdict verdict = reads && !good ? m_driver.handOverRefusal(sent, answer.data)
+                                           : m_driver.handOver(sent, answer.data);
+    handleVerdict(verdict, station, status);
+    if (verdict == Verdict::Done && reads) {
+        if (good)
+            handleValues(var, answer);
+        else
+            handleRefusedRead(var, status.refusal);
+    }
+    return status;
 }
 
-void PollLoop::takeVerdict(Verdict verdict, Station& station)
+void PollLoop::handleVerdict(Verdict verdict, Station& station, const ReplyStatus& status)
 {
     if (verdict != Verdict::Dropped)
         return;
-    station.state = Station::State::Connecting;
-    // The driver drops the station's writes with its connection and reports the one in flight only.
-    // The others were not sent.
-    const int queued = m_queued.value(station.number, 0);
-    takeFinished();
-    const auto left = m_operations.find(queued);
-    if (left != m_operations.end() && left->state == Operation::State::Queued &&
-        left->kind == Operation::Kind::Write)
-    {
-        left->state = Operation::State::Waiting;
-        m_waiting[station.number].prepend(queued);
-        m_queued.remove(station.number);
-    }
+    station.loseConnection();
+    m_operations.handleDroppedConnection(station.number(), status);
 }
 
-// The driver tries the connection of a station again and again before it serves another one, so
-// that a dead one is taken out of its lists. The driver drops the station's queued requests without
-// a word.
-void PollLoop::markDead(Station& station)
+void PollLoop::handleValues(const RW_VAR& sent, const Answer& answer)
 {
-    station.state = Station::State::Dead;
-    station.probing = false;
-    station.probePause = grown(station.probePause, kFirstProbePause, kLongestProbePause);
-    station.nextProbe = m_clock.now() + station.probePause;
-    m_driver.enableStation(station.number, false);
-    QQueue<int> ids = m_waiting.take(station.number);
-    ids += m_queued.take(station.number);
-    for (const int id : ids) {
-        const auto found = m_operations.find(id);
-        if (found != m_operations.end())
-            end(*found, Operation::State::Failed,
-                QStringLiteral("station %1 does not answer").arg(station.number));
+    const TagKey key = {sent.stationNo, sent.tagName};
+    const bool learnt = m_types.learn(key, answer.reply.typeCode());
+    m_replan = m_replan || learnt;
+    const Tag tag = m_types.tag(key);
+    // The driver asks for element 0 while it does not know the class, whatever the request says.
+    const bool asAsked = static_cast<int>(answer.request.element) == sent.startAddress;
+    if (tag.type && tag.typeCode == answer.reply.typeCode() && asAsked) {
+        m_deferred.hold({key, tag.type, sent.startAddress, answer.reply.values(), m_clock.now()});
+        if (m_operations.find(sent.varIndex, key))
+            m_operations.setResult(sent.varIndex, m_deferred.store());
     }
+    if (!learnt)
+        return;
+    for (const int variable : m_types.variablesOf(key))
+        readOnce(variable);
 }
 
-void PollLoop::probeDeadStations()
+void PollLoop::handleRefusedRead(const RW_VAR& sent, const QString& why)
 {
-    const Duration now = m_clock.now();
-    for (Station& station : m_stations) {
-        if (station.state != Station::State::Dead || station.probing || now < station.nextProbe)
-            continue;
-        // Until the outcome of the set-up takes it out again or brings it back. The lists may hold
-        // no request of the station, so that one is queued.
-        station.probing = true;
-        m_driver.enableStation(station.number, true);
-        const auto tag = m_tags.lowerBound({station.number, QString()});
-        if (tag != m_tags.end() && tag.key().station == station.number)
-            askFor(tag.key());
+    const TagKey key = {sent.stationNo, sent.tagName};
+    if (!m_types.isKnown(key)) {
+        m_types.refuseTag(key, why);
+        return;
     }
+    const Operation* operation = m_operations.find(sent.varIndex, key);
+    const int variable = operation ? operation->variable : variableOf(sent.varIndex);
+    if (variable >= 0)
+        m_types.refuseVariable(variable, why);
+    else if (!operation) // one of those that the driver merged reaches beyond the tag
+        m_types.forbidMerging(key);
+    m_replan = true;
+}
+
+int PollLoop::read(const TagKey& key, int element, int elements)
+{
+    Operation operation;
+    operation.kind = Operation::Kind::Read;
+    operation.tag = key;
+    operation.element = element;
+    operation.elements = elements;
+    operation.awaited = true;
+    return m_operations.add(operation);
+}
+
+int PollLoop::write(const TagKey& key, int element, const QByteArray& value)
+{
+    Operation operation;
+    operation.kind = Operation::Kind::Write;
+    operation.tag = key;
+    operation.element = element;
+    operation.value = value;
+    operation.awaited = true;
+    return m_operations.add(operation);
+}
+
+int PollLoop::learn(const TagKey& key)
+{
+    Operation operation;
+    operation.kind = Operation::Kind::Learn;
+    operation.tag = key;
+    operation.awaited = true;
+    return m_operations.add(operation);
 }
 
 Quality PollLoop::quality(int variable) const

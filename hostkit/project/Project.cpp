@@ -1,7 +1,7 @@
 #include "Project.h"
 
 #include "JsonFile.h"
-#include "TagDirectory.h"
+#include "TagAddress.h"
 #include "UserError.h"
 
 #include <algorithm>

@@ -1,11 +1,19 @@
 #include "TagAddress.h"
 
-#include "TagDirectory.h"
 #include "UserError.h"
 
 #include <QtCore/QRegularExpression>
 
+#include <algorithm>
+
 namespace micro850::host {
+
+bool isPlain(const QString& tag)
+{
+    return std::all_of(tag.begin(), tag.end(), [](QChar c) {
+        return c.unicode() > 0x20 && c.unicode() < 0x7F && c != '[' && c != ']' && c != '=';
+    });
+}
 
 namespace {
 

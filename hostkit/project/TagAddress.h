@@ -5,6 +5,15 @@
 
 namespace micro850::host {
 
+/// The longest name of a tag, in characters: its length is one byte in a frame.
+const int kLongestTag = 255;
+/// The largest index that the longest element segment of a controller can hold.
+const int kLargestElement = 65535;
+
+/// True when a tag's name can have all these characters: letters, digits and signs, but no blanks,
+/// no '=' and no brackets, which enclose an index.
+bool isPlain(const QString& tag);
+
 /// TAG, TAG[INDEX] or TAG[FIRST..LAST].
 struct TagAddress
 {

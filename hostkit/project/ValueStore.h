@@ -3,8 +3,9 @@
 
 #include "Elements.h"
 #include "Project.h"
-#include "TagDirectory.h"
+#include "TagKey.h"
 
+#include <QtCore/QMap>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
 

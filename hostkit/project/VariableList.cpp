@@ -1,6 +1,6 @@
 #include "VariableList.h"
 
-#include "TagDirectory.h"
+#include "TagAddress.h"
 #include "UserError.h"
 
 #include <QtCore/QRegularExpression>

@@ -44,7 +44,7 @@ int run(const Task& task)
     const int parts =
         micro850::host::runsOf(project.variables.first(), micro850::cipTypeNamed("DINT")).size();
     settle(loop, parts);
-    const micro850::host::Counters& counters = loop.stations().first().counters;
+    const micro850::host::Counters& counters = loop.stations().first().counters();
     const qint64 from = counters.answered;
     Stopwatch watch;
     watch.start();

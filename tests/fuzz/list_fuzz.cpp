@@ -2,7 +2,7 @@
 // A list that is read makes a valid project file.
 
 #include "Project.h"
-#include "TagDirectory.h"
+#include "TagAddress.h"
 #include "VariableList.h"
 #include "complaint.h"
 

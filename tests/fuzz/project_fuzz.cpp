@@ -1,7 +1,7 @@
 // Project files: any text is read or refused with one line. A project that is read can be polled.
 
 #include "Project.h"
-#include "TagDirectory.h"
+#include "TagAddress.h"
 #include "complaint.h"
 
 #include <QtCore/QSet>

@@ -2,7 +2,6 @@
 
 #include "CipValue.h"
 #include "TagAddress.h"
-#include "TagDirectory.h"
 #include "complaint.h"
 #include "fuzz_input.h"
 

@@ -305,10 +305,10 @@ TEST_F(PollTest, SendsNothingToADisabledStation)
     use(R"([{"name": "first", "tag": "anInt", "type": "INT", "station": 1},
             {"name": "second", "tag": "aDint", "type": "DINT", "station": 2}])",
         R"([{"number": 1}, {"number": 2, "enabled": false}])");
-    ASSERT_TRUE(runUntil([&] { return loop().stations().value(1).counters.answered > 50; }));
+    ASSERT_TRUE(runUntil([&] { return loop().stations().value(1).counters().answered > 50; }));
     EXPECT_EQ(loop().quality(1), Quality::Never);
-    EXPECT_EQ(loop().stations().value(2).counters.sent, 0);
-    EXPECT_EQ(loop().stations().value(2).state, micro850::host::Station::State::Disabled);
+    EXPECT_EQ(loop().stations().value(2).counters().sent, 0);
+    EXPECT_EQ(loop().stations().value(2).state(), micro850::host::Station::State::Disabled);
 }
 
 TEST_F(PollTest, MarksTheLastValueStaleWhileTheControllerIsSilentAndRecovers)

@@ -93,7 +93,7 @@ protected:
     }
     const micro850::host::Counters& counters(int station = 1)
     {
-        return loop->stations().find(station)->counters;
+        return loop->stations().find(station)->counters();
     }
 
     micro850::VirtualClock clock;
@@ -288,7 +288,7 @@ TEST_F(TwoStations, ADeadStationIsProbedAtAnIntervalWhileTheLiveOneIsPolled)
     ASSERT_EQ(shown(1), "222");
 
     farIsDead = true;
-    ASSERT_TRUE(runUntil([&] { return loop->stations()[2].state == Station::State::Dead; }));
+    ASSERT_TRUE(runUntil([&] { return loop->stations()[2].state() == Station::State::Dead; }));
     const qint64 live = counters(1).answered;
     const qint64 probes = counters(2).sent;
     runFor(20000);

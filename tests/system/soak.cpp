@@ -211,7 +211,7 @@ bool Soak::run()
 void Soak::step()
 {
     m_loop->step();
-    m_transactions = m_loop->stations().first().counters.sent;
+    m_transactions = m_loop->stations().first().counters().sent;
     if (m_transactions >= m_nextChange) {
         m_nextChange = m_transactions + kChange;
         changeValues();
@@ -309,7 +309,7 @@ void Soak::drain()
 
 void Soak::report()
 {
-    const micro850::host::Counters& counters = m_loop->stations().first().counters;
+    const micro850::host::Counters& counters = m_loop->stations().first().counters();
     std::cout << "soak: seed " << m_options.seed << ", " << m_transactions << " transactions in "
               << m_clock.now() / std::chrono::seconds(1) << " s of virtual time; answered "
               << counters.answered << ", timed out " << counters.timedOut << ", corrupt "

@@ -88,7 +88,7 @@ TEST_F(LiveTableTest, SaysThatAStationIsDeadAndItsValuesAreStale)
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
     plc.silent = true;
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
     EXPECT_TRUE(rows().at(1).contains("stale"));
     EXPECT_EQ(styleOf(0), Style::Warning);
     EXPECT_TRUE(stationLine().startsWith("station 1: dead, no answer, last answer "));

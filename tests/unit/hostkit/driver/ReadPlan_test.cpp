@@ -1,5 +1,9 @@
 #include "ReadPlan.h"
 
+#include "TagKey.h"
+
+#include <QtCore/QMap>
+
 #include <gtest/gtest.h>
 
 using namespace micro850::host;
@@ -13,17 +17,19 @@ class ReadPlanTest : public ::testing::Test
 protected:
     void know(const char* tag, const char* type, int station = 1)
     {
-        Tag& known = tags[{station, tag}];
-        known.state = Tag::State::Known;
-        known.type = &micro850::cipTypeNamed(type);
-        known.typeCode = known.type->code;
+        types[{station, tag}] = &micro850::cipTypeNamed(type);
     }
     ReadPlan plan(const char* variables)
     {
         const QString text =
             QStringLiteral(R"({"stations": [{"number": 1}, {"number": 2}], "variables": [%1]})");
         project = Project::fromText(text.arg(variables), "p.json");
-        return planReads(project, tags, leftOut, kLink);
+        QVector<CyclicRead> reads;
+        for (int i = 0; i < project.variables.size(); ++i) {
+            const Variable& variable = project.variables.at(i);
+            reads.append({i, types.value({variable.station, variable.tag}), mergeable});
+        }
+        return planReads(project, reads, kLink);
     }
     // "start x count" of the requests for AddListReadVar().
     static std::string singles(const ReadPlan& plan)
@@ -36,8 +42,8 @@ protected:
         return text;
     }
 
-    TagDirectory tags;
-    QSet<int> leftOut;
+    QMap<TagKey, const micro850::CipType*> types;
+    bool mergeable = true;
     Project project;
 };
 
@@ -107,7 +113,7 @@ TEST_F(ReadPlanTest, NeverLetsTheDriverMergeWideTypesThatItMovesByteByByte)
 TEST_F(ReadPlanTest, ReadsEachOnItsOwnAfterAMergedRequestWasRefused)
 {
     know("Level", "INT");
-    tags[{1, "Level"}].mergeable = false;
+    mergeable = false;
     const ReadPlan reads = plan(R"({"tag": "Level", "name": "a", "element": 3},
                                    {"tag": "Level", "name": "b", "element": 4})");
     EXPECT_TRUE(reads.merged.isEmpty());
@@ -116,16 +122,16 @@ TEST_F(ReadPlanTest, ReadsEachOnItsOwnAfterAMergedRequestWasRefused)
     EXPECT_EQ(variableOf(reads.single.at(1).varIndex), 1);
 }
 
-TEST_F(ReadPlanTest, LeavesOutWhatIsUnknownRefusedReadOnceOrHeldBack)
+TEST_F(ReadPlanTest, ReadsOnlyTheVariablesThatItIsGiven)
 {
     know("A", "INT");
     know("B", "INT");
-    tags[{1, "Refused"}].state = Tag::State::Refused;
-    leftOut.insert(1);
-    const ReadPlan reads = plan(R"({"tag": "A", "poll": "once"}, {"tag": "B"}, {"tag": "Refused"},
-                                   {"tag": "Unknown"})");
+    plan(R"({"tag": "A"}, {"tag": "B", "length": 2})");
+    const ReadPlan reads = planReads(project, {{1, &micro850::cipTypeNamed("INT"), true}}, kLink);
     EXPECT_TRUE(reads.merged.isEmpty());
-    EXPECT_TRUE(reads.single.isEmpty());
+    ASSERT_EQ(reads.single.size(), 1);
+    EXPECT_EQ(reads.single.first().tagName, QString("B"));
+    EXPECT_EQ(variableOf(reads.single.first().varIndex), 1);
 }
 
 TEST(RunsOf, ReadsAStringAsOneElement)

@@ -23,7 +23,7 @@ TEST_F(PollLoopRecoveryTest, TransmitsARequestThreeTimesWithARetryLimitOfTwo)
     ASSERT_TRUE(runUntilRead());
     plc.silent = true;
     plc.requests.clear();
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Connecting; }));
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
     ASSERT_EQ(plc.requests.size(), 3u);
     for (const FakeController::Request& request : plc.requests) {
         EXPECT_EQ(request.service, 0x52);
@@ -49,21 +49,21 @@ TEST_F(PollLoopRecoveryTest, KeepsTheLastValueAsStaleAndResumesByItself)
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
     plc.silent = true;
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
     EXPECT_EQ(loop->quality(0), Quality::Stale);
     EXPECT_EQ(text(0), "1234");
     plc.silent = false;
     plc.tags["Speed"].elements[0] = hex("07 00");
     ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 6000));
     EXPECT_EQ(loop->quality(0), Quality::Good);
-    EXPECT_EQ(station().counters.reconnects, 1);
+    EXPECT_EQ(station().counters().reconnects, 1);
 }
 
 TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
 {
     plc.silent = true;
     start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
     std::vector<micro850::Duration> probes;
     size_t seen = plc.requests.size();
     ASSERT_TRUE(runUntil([&] {
@@ -94,7 +94,7 @@ TEST_F(PollLoopRecoveryTest, ConnectsAnewWhenTheControllerForgotTheConnection)
     plc.tags["Speed"].elements[0] = hex("07 00");
     ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 100)); // without waiting for any time-out
     EXPECT_EQ(plc.count(0x54), 2);
-    EXPECT_EQ(station().counters.timedOut, 0);
+    EXPECT_EQ(station().counters().timedOut, 0);
 }
 
 TEST_F(PollLoopRecoveryTest, CarriesOutAnOperationThatMeetsAForgottenConnection)
@@ -117,8 +117,8 @@ TEST_F(PollLoopRecoveryTest, TakesARefusedConnectionForNoConnection)
         }
     };
     start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntil([&] { return station().state == Station::State::Dead; }));
-    EXPECT_EQ(station().error, QString("out of connections (status 01/0113)"));
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
+    EXPECT_EQ(station().error(), QString("out of connections (status 01/0113)"));
     EXPECT_EQ(plc.count(0x52), 0);
 }
 
@@ -139,7 +139,7 @@ TEST_F(PollLoopRecoveryTest, NeverShowsALateReplyUnderAnotherTag)
         ASSERT_EQ(text(0), "1234");
         ASSERT_EQ(text(1), "99");
     }
-    EXPECT_GT(station().counters.late, 100);
+    EXPECT_GT(station().counters().late, 100);
 }
 
 TEST_F(PollLoopRecoveryTest, KeepsTheOtherStationGoingWhileOneIsDead)
@@ -153,7 +153,7 @@ TEST_F(PollLoopRecoveryTest, KeepsTheOtherStationGoingWhileOneIsDead)
         if (request.tag == "Far" || request.service == 0x01)
             reply.clear();
     };
-    ASSERT_TRUE(runUntil([&] { return station(2).state == Station::State::Dead; }));
+    ASSERT_TRUE(runUntil([&] { return station(2).state() == Station::State::Dead; }));
     EXPECT_EQ(loop->quality(1), Quality::Stale);
     const int before = plc.count(0x52, "Speed");
     runFor(10000);
@@ -170,7 +170,7 @@ TEST_F(PollLoopRecoveryTest, SendsNothingToADisabledStation)
     runFor(5000);
     EXPECT_EQ(plc.count(0x52, "Speed"), 0);
     EXPECT_TRUE(loop->values().wasRead(1));
-    EXPECT_EQ(station(2).state, Station::State::Disabled);
+    EXPECT_EQ(station(2).state(), Station::State::Disabled);
 }
 
 TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)

@@ -19,7 +19,7 @@ TEST_F(PollLoopTest, ConnectsLearnsTheTypeAndReadsInACycle)
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
     EXPECT_EQ(text(0), "1234");
-    EXPECT_EQ(station().state, Station::State::Connected);
+    EXPECT_EQ(station().state(), Station::State::Connected);
     EXPECT_EQ(plc.requests.at(0).service, 0x01);
     EXPECT_EQ(plc.requests.at(1).service, 0x54);
     EXPECT_EQ(plc.requests.at(2).service, 0x52);
@@ -174,8 +174,8 @@ TEST_F(PollLoopTest, SendsTheWholeFrameWhateverItsRecordedLength)
     // Transaction numbers around 0x0010 lengthen frames by doubling, also those that are patched.
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntil([&] { return plc.requests.size() > 300; }));
-    EXPECT_EQ(station().counters.timedOut, 0);
-    EXPECT_EQ(station().counters.answered, static_cast<qint64>(plc.requests.size()));
+    EXPECT_EQ(station().counters().timedOut, 0);
+    EXPECT_EQ(station().counters().answered, static_cast<qint64>(plc.requests.size()));
 }
 
 TEST_F(PollLoopTest, NamesATagThatTheControllerDoesNotKnowAndKeepsItOffTheCycle)

@@ -1,0 +1,45 @@
+#include "LineState.h"
+
+#include <algorithm>
+
+namespace micro850::host {
+
+namespace {
+
+const std::chrono::milliseconds kLongestPause(20);
+
+} // namespace
+
+bool LineState::ensureOpen()
+{
+    if (m_line.isOpen()) {
+        m_wasOpen = true;
+        return true;
+    }
+    const Duration now = m_clock.now();
+    if (now < m_nextOpen) {
+        pause(m_nextOpen - now);
+        return false;
+    }
+    if (m_line.open(m_error)) {
+        m_reconnects += m_wasOpen ? 1 : 0;
+        m_error.clear();
+        return true;
+    }
+    m_nextOpen = now + m_openPause.next();
+    return false;
+}
+
+void LineState::lose()
+{
+    m_line.close();
+    m_error = QStringLiteral("the device is gone");
+    m_nextOpen = m_clock.now() + m_openPause.next();
+}
+
+void LineState::pause(Duration time)
+{
+    m_line.pause(std::min<Duration>(time, kLongestPause));
+}
+
+} // namespace micro850::host

@@ -1,0 +1,44 @@
+#ifndef MICRO850_HOST_LINESTATE_H
+#define MICRO850_HOST_LINESTATE_H
+
+#include "GrowingPause.h"
+#include "Line.h"
+
+namespace micro850::host {
+
+/// Opens a line and, after its device went away, tries to open it again at growing intervals.
+class LineState
+{
+public:
+    /// Line and clock must live longer than this object.
+    LineState(Line& line, const Clock& clock) : m_line(line), m_clock(clock) {}
+
+    bool isOpen() const { return m_line.isOpen(); }
+    /// Why the line is down; empty while it is open.
+    QString error() const { return m_error; }
+    /// How often the line was opened again.
+    qint64 reconnects() const { return m_reconnects; }
+
+    /// True when the line is open. Otherwise tries to open it when the next attempt is due, or
+    /// pauses for some milliseconds.
+    bool ensureOpen();
+    /// Closes the line because its device is gone.
+    void lose();
+    /// The device carries bytes. The next attempts to open it begin with the shortest interval.
+    void noteTraffic() { m_openPause.reset(); }
+    /// Pauses for this time, but only some milliseconds, so that the caller stays responsive.
+    void pause(Duration time);
+
+private:
+    Line& m_line;
+    const Clock& m_clock;
+    QString m_error;
+    GrowingPause m_openPause{std::chrono::milliseconds(250), std::chrono::seconds(5)};
+    Duration m_nextOpen{0};
+    qint64 m_reconnects = 0;
+    bool m_wasOpen = false;
+};
+
+} // namespace micro850::host
+
+#endif

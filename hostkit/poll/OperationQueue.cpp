@@ -1,0 +1,187 @@
+#include "OperationQueue.h"
+
+namespace micro850::host {
+
+namespace {
+
+// How often an operation is started whose connection is lost or whose tag's type is not learnt.
+const int kAttempts = 3;
+
+const CipType* typeFor(const Operation& operation, const TypeRegistry& types)
+{
+    return types.isKnown(operation.tag) ? types.tag(operation.tag).type : nullptr;
+}
+
+QString whyOutOfService(const Station& station)
+{
+    const bool disabled = station.state() == Station::State::Disabled;
+    return QStringLiteral("station %1 ").arg(station.number()) +
+           QLatin1String(disabled ? "is disabled" : "does not answer");
+}
+
+} // namespace
+
+void OperationQueue::declare(const TagKey& key)
+{
+    if (m_types.declare(key))
+        m_driver.declare({key.name});
+}
+
+int OperationQueue::add(Operation operation)
+{
+    declare(operation.tag);
+    operation.id = ++m_lastId;
+    m_operations.insert(operation.id, operation);
+    m_waiting[operation.tag.station].enqueue(operation.id);
+    return operation.id;
+}
+
+void OperationQueue::askForType(const TagKey& key)
+{
+    m_types.markAsking(key);
+    Operation operation;
+    operation.kind = Operation::Kind::Learn;
+    operation.tag = key;
+    add(operation);
+}
+
+const Operation* OperationQueue::outcome(int id) const
+{
+    const auto found = m_operations.constFind(id);
+    return found != m_operations.constEnd() && found->finished() ? &*found : nullptr;
+}
+
+const Operation* OperationQueue::find(int id, const TagKey& key) const
+{
+    const auto found = m_operations.constFind(id);
+    return found != m_operations.constEnd() && found->tag == key ? &*found : nullptr;
+}
+
+void OperationQueue::pump(const QMap<int, Station>& stations)
+{
+    for (const Station& station : stations)
+        pumpStation(station);
+}
+
+void OperationQueue::pumpStation(const Station& station)
+{
+    QQueue<int>& waiting = m_waiting[station.number()];
+    while (!waiting.isEmpty() && !m_inDriver.contains(station.number())) {
+        Operation& operation = m_operations[waiting.dequeue()];
+        if (!station.inService())
+            end(operation, Operation::State::Failed, whyOutOfService(station));
+        else if (operation.kind == Operation::Kind::Learn || typeFor(operation, m_types))
+            giveToDriver(operation);
+        else
+            deferUntilTyped(operation);
+    }
+}
+
+void OperationQueue::giveToDriver(Operation& operation)
+{
+    operation.state = Operation::State::InDriver;
+    m_inDriver.insert(operation.tag.station, operation.id);
+    const Tag tag = m_types.tag(operation.tag);
+    switch (operation.kind) {
+    case Operation::Kind::Learn:
+        m_driver.queueLearn(operation.id, operation.tag);
+        break;
+    case Operation::Kind::Read:
+        m_driver.queueRead(operation.id, operation.tag, *tag.type,
+                           {operation.element, operation.elements});
+        break;
+    case Operation::Kind::Write:
+        m_driver.queueWrite(operation.id, operation.tag, *tag.type, tag.area, operation.element,
+                            operation.value);
+        break;
+    }
+}
+
+// The operation waits for a read that learns the type and goes ahead of it. When the type cannot be
+// learnt, the operation ends.
+void OperationQueue::deferUntilTyped(Operation& operation)
+{
+    const QString refusal = m_types.tag(operation.tag).error;
+    if (!refusal.isEmpty()) {
+        end(operation, Operation::State::Refused, refusal);
+        return;
+    }
+    if (++operation.attempts > kAttempts) {
+        end(operation, Operation::State::Failed, QStringLiteral("no answer"));
+        return;
+    }
+    const TagKey key = operation.tag;
+    QQueue<int>& waiting = m_waiting[key.station];
+    waiting.prepend(operation.id);
+    askForType(key);
+    waiting.prepend(waiting.takeLast());
+}
+
+void OperationQueue::endFinished(const ReplyStatus& status)
+{
+    for (const Finished& finished : m_driver.popFinished()) {
+        const auto operation = m_operations.find(finished.id);
+        if (operation == m_operations.end() || operation->state != Operation::State::InDriver)
+            continue;
+        m_inDriver.remove(operation->tag.station);
+        applyOutcome(*operation, finished.succeeded, status);
+    }
+}
+
+void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const ReplyStatus& status)
+{
+    // A controller that does not know the connection did not carry out the request.
+    if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
+        waitAgain(operation);
+    else if (!succeeded)
+        end(operation, Operation::State::Failed, QStringLiteral("no answer"));
+    else if (!status.refusal.isEmpty())
+        end(operation, Operation::State::Refused, status.refusal);
+    else
+        end(operation, Operation::State::Done);
+}
+
+// The driver reports only the write in flight. A write that it still had in its list was not sent,
+// so that it may be queued again.
+void OperationQueue::handleDroppedConnection(int station, const ReplyStatus& status)
+{
+    const int id = m_inDriver.value(station, 0);
+    endFinished(status);
+    const auto left = m_operations.find(id);
+    if (left != m_operations.end() && left->state == Operation::State::InDriver &&
+        left->kind == Operation::Kind::Write)
+    {
+        waitAgain(*left);
+        m_inDriver.remove(station);
+    }
+}
+
+void OperationQueue::waitAgain(Operation& operation)
+{
+    operation.state = Operation::State::Waiting;
+    m_waiting[operation.tag.station].prepend(operation.id);
+}
+
+void OperationQueue::failAll(int station)
+{
+    QQueue<int> ids = m_waiting.take(station);
+    ids += m_inDriver.take(station);
+    for (const int id : ids) {
+        const auto found = m_operations.find(id);
+        if (found != m_operations.end())
+            end(*found, Operation::State::Failed,
+                QStringLiteral("station %1 does not answer").arg(station));
+    }
+}
+
+void OperationQueue::end(Operation& operation, Operation::State state, const QString& error)
+{
+    operation.state = state;
+    operation.error = error;
+    if (operation.kind == Operation::Kind::Learn)
+        m_types.markUnanswered(operation.tag);
+    if (!operation.awaited)
+        m_operations.remove(operation.id);
+}
+
+} // namespace micro850::host

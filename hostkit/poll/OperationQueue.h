@@ -1,0 +1,75 @@
+#ifndef MICRO850_HOST_OPERATIONQUEUE_H
+#define MICRO850_HOST_OPERATIONQUEUE_H
+
+#include "Driver.h"
+#include "Operation.h"
+#include "Station.h"
+#include "TypeRegistry.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QMap>
+#include <QtCore/QQueue>
+
+namespace micro850::host {
+
+/// What the reply of a transaction means for the operations that finish with it.
+struct ReplyStatus
+{
+    QString refusal;             ///< why the controller refused the request; empty when it did not
+    bool connectionLost = false; ///< it refused because it does not know the connection
+};
+
+/// The single reads and writes: those that wait, and those that the driver has. The driver gets one
+/// operation of a station at a time, so that the host knows which ones the driver drops together
+/// with a connection or a station.
+class OperationQueue
+{
+public:
+    /// The arguments must live longer than this object.
+    OperationQueue(Driver& driver, TypeRegistry& types) : m_driver(driver), m_types(types) {}
+
+    /// Makes a tag known to the driver and to the types.
+    void declare(const TagKey& key);
+    /// Adds an operation after all others of its station and returns its id. The type of its tag is
+    /// learnt first.
+    int add(Operation operation);
+    /// Adds an operation that learns the type of a tag.
+    void askForType(const TagKey& key);
+    /// The operation once it is finished; null before, and for an id that is unknown.
+    const Operation* outcome(int id) const;
+    /// Removes a finished operation.
+    void forget(int id) { m_operations.remove(id); }
+
+    /// Gives waiting operations to the driver. Those of a station that is not in service fail.
+    void pump(const QMap<int, Station>& stations);
+    /// The operation with this id when it concerns this tag, else null. It is valid until the next
+    /// call.
+    const Operation* find(int id, const TagKey& key) const;
+    void setResult(int id, const QByteArray& result) { m_operations[id].result = result; }
+    /// Ends the operations that the driver reported finished. An operation that failed because the
+    /// connection was lost is tried again, three times in all.
+    void endFinished(const ReplyStatus& status);
+    /// The driver gave up the connection of a station, and with it the writes that are queued.
+    void handleDroppedConnection(int station, const ReplyStatus& status);
+    /// Ends all operations of a station that does not answer.
+    void failAll(int station);
+
+private:
+    void pumpStation(const Station& station);
+    void giveToDriver(Operation& operation);
+    void deferUntilTyped(Operation& operation);
+    void applyOutcome(Operation& operation, bool succeeded, const ReplyStatus& status);
+    void waitAgain(Operation& operation);
+    void end(Operation& operation, Operation::State state, const QString& error = QString());
+
+    Driver& m_driver;
+    TypeRegistry& m_types;
+    QHash<int, Operation> m_operations; ///< by id
+    QMap<int, QQueue<int>> m_waiting;   ///< ids, by station
+    QMap<int, int> m_inDriver;          ///< the one id that the driver has, by station
+    int m_lastId = 0;
+};
+
+} // namespace micro850::host
+
+#endif

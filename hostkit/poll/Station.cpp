@@ -1,0 +1,66 @@
+#include "Station.h"
+
+namespace micro850::host {
+
+namespace {
+
+// Set-ups without an answer until a station counts as dead. One can fail because the peer takes its
+// first request for a repetition of the last message that it received.
+const int kSetUpsUntilDead = 2;
+// Connection requests that the driver sends within one set-up.
+const int kOpensOfSetUp = 4;
+
+} // namespace
+
+Station::Station(const StationSettings& settings)
+    : m_number(settings.number), m_name(settings.name),
+      m_state(settings.enabled ? State::Connecting : State::Disabled)
+{
+}
+
+void Station::connect()
+{
+    m_counters.reconnects += m_wasConnected ? 1 : 0;
+    m_wasConnected = true;
+    m_state = State::Connected;
+    m_probing = false;
+    m_failedSetUps = 0;
+    m_probePause.reset();
+    m_error.clear();
+}
+
+// The driver gives up a set-up when its first request is unanswered once, or its second one four
+// times.
+bool Station::failSetUp(bool opens, const QString& why)
+{
+    m_error = why;
+    if (opens && ++m_refusedOpens < kOpensOfSetUp)
+        return false;
+    m_refusedOpens = 0;
+    ++m_failedSetUps;
+    return m_state == State::Dead || m_failedSetUps >= kSetUpsUntilDead;
+}
+
+void Station::markDead(Duration now)
+{
+    m_state = State::Dead;
+    m_probing = false;
+    m_nextProbe = now + m_probePause.next();
+}
+
+QString stateText(Station::State state)
+{
+    switch (state) {
+    case Station::State::Connecting:
+        return QStringLiteral("connecting");
+    case Station::State::Connected:
+        return QStringLiteral("connected");
+    case Station::State::Dead:
+        return QStringLiteral("dead");
+    case Station::State::Disabled:
+        break;
+    }
+    return QStringLiteral("disabled");
+}
+
+} // namespace micro850::host

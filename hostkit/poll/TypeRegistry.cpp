@@ -1,0 +1,157 @@
+#include "TypeRegistry.h"
+
+namespace micro850::host {
+
+namespace {
+
+const std::chrono::seconds kRefusedPause(10);
+const std::chrono::seconds kUnansweredPause(1);
+const Duration kNever = Duration::max();
+
+} // namespace
+
+TypeRegistry::TypeRegistry(const Project& project, const Clock& clock, ValueStore& values)
+    : m_project(project), m_clock(clock), m_values(values)
+{
+    for (int i = 0; i < project.variables.size(); ++i) {
+        const Variable& variable = project.variables.at(i);
+        m_variablesOf[{variable.station, variable.tag}].append(i);
+    }
+}
+
+bool TypeRegistry::declare(const TagKey& key)
+{
+    if (m_tags.contains(key))
+        return false;
+    Tag tag;
+    tag.area = m_tags.size() + 1;
+    for (const int variable : variablesOf(key)) {
+        const int area = m_project.variables.at(variable).area;
+        tag.area = area != 0 ? area : tag.area;
+    }
+    m_tags.insert(key, tag);
+    return true;
+}
+
+std::optional<TagKey> TypeRegistry::firstTagOf(int station) const
+{
+    const auto tag = m_tags.lowerBound({station, QString()});
+    if (tag == m_tags.end() || tag.key().station != station)
+        return std::nullopt;
+    return tag.key();
+}
+
+QVector<TagKey> TypeRegistry::tagsToAskFor() const
+{
+    const Duration now = m_clock.now();
+    QVector<TagKey> due;
+    for (auto of = m_variablesOf.constBegin(); of != m_variablesOf.constEnd(); ++of) {
+        const Tag known = tag(of.key());
+        const bool open = known.state == Tag::State::Unknown || known.state == Tag::State::Refused;
+        if (open && known.retryAt <= now)
+            due.append(of.key());
+    }
+    return due;
+}
+
+void TypeRegistry::markAsking(const TagKey& key)
+{
+    Tag& tag = m_tags[key];
+    if (tag.state != Tag::State::Known)
+        tag.state = Tag::State::Asking;
+}
+
+void TypeRegistry::markUnanswered(const TagKey& key)
+{
+    Tag& tag = m_tags[key];
+    if (tag.state != Tag::State::Asking)
+        return;
+    tag.state = Tag::State::Unknown;
+    tag.retryAt = m_clock.now() + kUnansweredPause;
+}
+
+bool TypeRegistry::learn(const TagKey& key, quint16 typeCode)
+{
+    Tag& tag = m_tags[key];
+    if (tag.state == Tag::State::Known && typeCode == tag.typeCode)
+        return false;
+    if (tag.state != Tag::State::Known) {
+        tag.typeCode = typeCode;
+        tag.type = cipTypeOf(typeCode);
+        tag.error = tag.type ? QString()
+                             : QStringLiteral("type %1 is not an elementary type")
+                                   .arg(typeCode, 4, 16, QLatin1Char('0'));
+    } else {
+        tag.type = nullptr;
+        tag.error = QStringLiteral("type changed in the controller (start again to take it over)");
+    }
+    tag.state = Tag::State::Known;
+    for (const int variable : variablesOf(key))
+        checkVariable(variable, tag);
+    return true;
+}
+
+// A variable whose type is not the one in the project, or that cannot be reached, is never read: a
+// value is never guessed.
+void TypeRegistry::checkVariable(int variable, const Tag& tag)
+{
+    const Variable& asked = m_project.variables.at(variable);
+    QString error = tag.error;
+    if (error.isEmpty() && asked.type && asked.type != tag.type) {
+        error = QStringLiteral("is %1 in the controller, %2 in the project")
+                    .arg(QLatin1String(tag.type->name), QLatin1String(asked.type->name));
+    } else if (error.isEmpty() && tag.type->kind == CipKind::String &&
+               (asked.element != 0 || asked.length != 1))
+    {
+        error = QStringLiteral("of a string only element 0 and length 1 can be read");
+    }
+    if (error.isEmpty())
+        return;
+    m_values.setError(variable, error);
+    m_leftOut[variable] = kNever;
+}
+
+void TypeRegistry::refuseTag(const TagKey& key, const QString& why)
+{
+    Tag& tag = m_tags[key];
+    tag.state = Tag::State::Refused;
+    tag.error = why;
+    tag.retryAt = m_clock.now() + kRefusedPause;
+    for (const int variable : variablesOf(key))
+        m_values.setError(variable, why);
+}
+
+const CipType* TypeRegistry::readableType(int variable) const
+{
+    const Variable& asked = m_project.variables.at(variable);
+    return m_leftOut.contains(variable) ? nullptr : tag({asked.station, asked.tag}).type;
+}
+
+void TypeRegistry::refuseVariable(int variable, const QString& why)
+{
+    m_values.setError(variable, why);
+    m_leftOut[variable] = m_clock.now() + kRefusedPause;
+}
+
+bool TypeRegistry::readmitVariables()
+{
+    const Duration now = m_clock.now();
+    const int before = m_leftOut.size();
+    for (auto left = m_leftOut.begin(); left != m_leftOut.end();)
+        left = left.value() <= now ? m_leftOut.erase(left) : left + 1;
+    return m_leftOut.size() != before;
+}
+
+QVector<CyclicRead> TypeRegistry::cyclicReads() const
+{
+    QVector<CyclicRead> reads;
+    for (int i = 0; i < m_project.variables.size(); ++i) {
+        const Variable& variable = m_project.variables.at(i);
+        const CipType* type = readableType(i);
+        if (type && variable.poll == PollMode::Cyclic)
+            reads.append({i, type, tag({variable.station, variable.tag}).mergeable});
+    }
+    return reads;
+}
+
+} // namespace micro850::host
