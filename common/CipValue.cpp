@@ -90,7 +90,7 @@ std::uint64_t parseUnsigned(const CipType& type, const std::string& text)
 
 std::int64_t parseSigned(const CipType& type, const std::string& text)
 {
-    // A hexadecimal text gives the bits, so that the highest one may be set.
+    // A hexadecimal text describes the bits, so the highest one may be set.
     if (isHexadecimal(text)) {
         const Bytes bits = littleEndian(parseUnsigned(type, text), type.size);
         return Element{bits.data(), bits.size()}.signedNumber(bits.size());
@@ -130,8 +130,8 @@ template<typename Real> std::string realText(Real value)
     return {text.data(), result.ptr};
 }
 
-// The number that the digits of a REAL describe: 0.1, where the bits of 0.1f stand for
-// 0.100000001490116.
+// The number that the digits of a REAL describe: 0.1, and not 0.100000001490116, which is what 0.1f
+// becomes when it is widened.
 double decimalValue(float value)
 {
     const std::string text = realText(value);

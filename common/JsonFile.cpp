@@ -26,7 +26,7 @@ std::string placeOf(const std::string& text, std::size_t byte)
     return std::to_string(line) + ':' + std::to_string(column);
 }
 
-// What the library says behind its own numbering and place.
+// The library's message without the number and the place with which it starts.
 std::string reasonOf(const json::exception& error, const char* begin)
 {
     const std::string what = error.what();
@@ -34,7 +34,7 @@ std::string reasonOf(const json::exception& error, const char* begin)
     return at == std::string::npos ? what : what.substr(at);
 }
 
-// No file of the tools is nested nearly as deep, and what shows a value descends into it.
+// No valid file is nested so deep, and the function that prints a value is recursive.
 json parsed(const std::string& text)
 {
     constexpr int kDeepest = 64;
@@ -60,7 +60,7 @@ JsonNode JsonNode::fromFile(const std::string& path)
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     if (!file || file.bad())
         throw UserError(path + ": cannot be read: " + std::strerror(errno ? errno : EIO) +
-                        " (name a file that can)");
+                        " (check the path)");
     return fromText(text, path);
 }
 

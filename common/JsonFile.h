@@ -9,14 +9,14 @@
 
 namespace micro850 {
 
-/// A value in a JSON file together with its place, so that every complaint names file and key path.
+/// A value in a JSON file together with its place, so that every message names file and key path.
 /// All functions throw UserError: `plant.json: variables[3].count: 0 is not allowed (1 to 1000)`.
 class JsonNode
 {
 public:
     /// The file's top level; // comments are allowed. A syntax error names line and column.
     static JsonNode fromFile(const std::string& path);
-    /// The same from a text; `name` stands for the file in messages.
+    /// The same from a text; messages call it `name`.
     static JsonNode fromText(const std::string& text, const std::string& name);
 
     /// Throws unless this is an object whose keys are all among `keys`.
@@ -32,7 +32,7 @@ public:
     bool boolean() const;
     double number() const;
     std::int64_t integer(std::int64_t least, std::int64_t most) const;
-    /// A text, number or true/false as the text that stands in the file, without quotes.
+    /// A text without its quotes; a number or true/false as the file writes it.
     std::string scalar() const;
 
     /// The same for a key, or the default where the key is absent.

@@ -26,7 +26,7 @@ constexpr std::uint16_t kLinkTypeUser0 = 147;
 constexpr std::uint16_t kFlagsOption = 2;
 constexpr std::uint32_t kInbound = 1;
 constexpr std::uint32_t kOutbound = 2;
-// Frames are below a kilobyte; a block beyond this is a damaged file.
+// Frames are shorter than a kilobyte; a larger block means that the file is damaged.
 constexpr std::uint32_t kLargestBlock = 1u << 20;
 
 [[noreturn]] void fail(const std::string& name, const std::string& what)
@@ -122,7 +122,8 @@ private:
         const std::size_t dot = m_line.find('.');
         const std::size_t blank = m_line.find(' ');
         if (dot == std::string::npos || blank == std::string::npos || blank != dot + 7)
-            throw std::runtime_error("a line begins with seconds.microseconds");
+            throw std::runtime_error(
+                "not a trace: each line must start with a time such as 1732233600.123456");
         const auto seconds = number<std::uint32_t>(dot, 10);
         ++m_at;
         const auto micros = number<std::uint32_t>(blank, 10);
@@ -230,7 +231,7 @@ private:
     std::ofstream m_file;
 };
 
-// Reads numbers of a block's body in the file's byte order; nothing outside it.
+// Reads numbers of a block's body in the file's byte order, never beyond its end.
 class BodyReader
 {
 public:
@@ -334,11 +335,11 @@ private:
         m_in.read(m_body.data(), static_cast<std::streamsize>(m_body.size()));
         if (static_cast<std::size_t>(m_in.gcount()) != m_body.size())
             throw std::runtime_error("the file ends within a block");
-        m_body.resize(m_body.size() - 4); // the size once more
+        m_body.resize(m_body.size() - 4); // the size is repeated at the end
         return true;
     }
 
-    // The section header's own mark of the byte order; it reads the same both ways as a type.
+    // The section header's mark of the byte order. The header's type reads the same in both orders.
     std::string byteOrder()
     {
         std::string magic(4, '\0');
@@ -384,8 +385,7 @@ std::vector<TraceRecord> readTrace(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
     if (!file)
-        fail(path,
-             std::string("cannot be read: ") + std::strerror(errno) + " (name a file that can)");
+        fail(path, std::string("cannot be read: ") + std::strerror(errno) + " (check the path)");
     return readTrace(file, path);
 }
 

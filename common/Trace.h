@@ -25,22 +25,22 @@ struct TraceRecord
     std::string note; ///< one-line decode, for the reader; not kept by pcapng
 };
 
-/// Writes records as they come; every record is in the file when write() returns.
+/// Writes records one by one; a record is in the file when write() returns.
 class TraceWriter
 {
 public:
     virtual ~TraceWriter() = default;
     virtual void write(const TraceRecord& record) = 0;
 
-    /// Opens `path` anew: pcapng for a name ending in ".pcapng", text for ".txt". Throws
-    /// UserError with one line for another name or a file that cannot be written.
+    /// Creates `path`, or empties it: pcapng for a name ending in ".pcapng", text for ".txt".
+    /// Throws UserError with one line for another name or a file that cannot be written.
     static std::unique_ptr<TraceWriter> open(const std::string& path);
 };
 
 /// All records of a trace file of either kind, recognised by its content. Throws std::runtime_error
 /// with one line that names the file and the line or byte that is wrong.
 std::vector<TraceRecord> readTrace(const std::string& path);
-/// The same from a stream; `name` stands for the file in messages.
+/// The same from a stream; messages call it `name`.
 std::vector<TraceRecord> readTrace(std::istream& in, const std::string& name);
 
 } // namespace micro850

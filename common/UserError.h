@@ -7,19 +7,19 @@
 
 namespace micro850 {
 
-/// Exit statuses of the tools.
+/// Exit statuses of the programs.
 enum ExitStatus {
     kExitDone = 0,
     kExitRefused = 1, ///< the controller or the line refused
     kExitUsage = 2    ///< usage or configuration
 };
 
-/// The text with a blank in the place of each control character, none of which is then able to move
-/// a terminal's cursor.
+/// The text with each control character replaced by a blank, so that it cannot move a terminal's
+/// cursor.
 std::string oneLine(std::string text);
 
-/// What a person is told: one line that names the input and the remedy, and the exit status it asks
-/// for. Control characters that the input brought in become blanks.
+/// A message for the user: one line that names the input and the remedy. Control characters from
+/// the input become blanks. Its exit status says whose fault it was.
 class UserError : public std::runtime_error
 {
 public:

@@ -17,7 +17,7 @@ struct CheckOptions
     bool offline = false;
 };
 
-/// What the controller says to one variable.
+/// What the controller answers about one variable.
 struct Finding
 {
     const CipType* type = nullptr;
@@ -36,7 +36,7 @@ Finding findingOf(const Variable& variable, Session& session)
                     .arg(QLatin1String(finding.type->name), QLatin1String(variable.type->name));
             return finding;
         }
-        // Its last element is there only if all are.
+        // If the last element exists, all do.
         session.read(key, variable.element + variable.length - 1, 1);
     } catch (const TagRefused& refused) {
         finding.problem = QString::fromStdString(refused.why());
@@ -48,7 +48,7 @@ Finding findingOf(const Variable& variable, Session& session)
     return finding;
 }
 
-void tell(const Output& output, const Variable& variable, const Finding& finding)
+void print(const Output& output, const Variable& variable, const Finding& finding)
 {
     const bool good = finding.problem.isEmpty();
     Json object = {{"name", variable.name.toStdString()},
@@ -65,7 +65,7 @@ void tell(const Output& output, const Variable& variable, const Finding& finding
                                   : finding.problem));
 }
 
-// Stations that are disabled are not asked.
+// Only variables of enabled stations are asked for.
 QVector<Variable> checkable(const Project& project)
 {
     QVector<Variable> variables;
@@ -95,14 +95,19 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
         const Finding finding = findingOf(variables.at(done), session);
         progress.clear();
         problems += finding.problem.isEmpty() ? 0 : 1;
-        tell(output, variables.at(done), finding);
+        print(output, variables.at(done), finding);
     }
     output.note(
-        QStringLiteral("%1: %2 variables asked for, %3 with a problem")
+        QStringLiteral("%1: %2 variables checked, %3 with a problem")
             .arg(textOf(options.line.project), QString::number(done), QString::number(problems)));
     if (done < variables.size())
         interrupt.throwIfRequested();
     return problems == 0 ? kExitDone : kExitRefused;
+}
+
+QString counted(int count, const QString& noun)
+{
+    return QString::number(count) + ' ' + noun + (count == 1 ? "" : "s");
 }
 
 int run(const CheckOptions& options)
@@ -115,9 +120,10 @@ int run(const CheckOptions& options)
                  {"ok", true},
                  {"stations", project.stations.size()},
                  {"variables", project.variables.size()}},
-                QStringLiteral("%1: ok, %2 variables of %3 stations")
-                    .arg(textOf(options.line.project), QString::number(project.variables.size()),
-                         QString::number(project.stations.size())));
+                QStringLiteral("%1: ok, %2, %3")
+                    .arg(textOf(options.line.project),
+                         counted(project.variables.size(), QStringLiteral("variable")),
+                         counted(project.stations.size(), QStringLiteral("station"))));
     return kExitDone;
 }
 
@@ -132,14 +138,13 @@ void addCheck(CommandLine& line)
                                            "the controller",
                                            [options] { return run(*options); });
     check.text("PROJECT", options->line.project, "Project file (default project.json)");
-    check.flag("--offline", options->offline, "Check the file alone, though it names a port");
+    check.flag("--offline", options->offline, "Check only the file, even when it names a port");
     options->line.addTo(check);
     options->output.addTo(check);
     check.footer(
-        "The controller is asked where the file or --port names a port.\n"
+        "The controller is asked when the file or --port names a port.\n"
         "Example:\n  micro850-host check examples/plant.project.json --port /tmp/plc\n"
-        "Exit status: 0 all is well, 1 the controller has something else, 2 usage or a mistake in "
-        "the file.");
+        "Exit status: 0 no problem, 1 the controller differs, 2 usage or a mistake in the file.");
 }
 
 } // namespace micro850::host

@@ -7,17 +7,18 @@ const char kStatuses[] =
 
 void OutputOptions::addTo(CommandOptions& command)
 {
-    command.flag("--json", json, "One JSON object a line on standard output");
-    command.flag("--quiet,-q", quiet, "Errors only on standard error: no notes, no summary");
+    command.flag("--json", json, "One JSON object per line on standard output");
+    command.flag("--quiet,-q", quiet, "Only errors on standard error: no notes, no summary");
 }
 
 void LineOptions::addTo(CommandOptions& command)
 {
     command.text("--port", port, "Serial device, e.g. /dev/ttyUSB0");
     command.integer("--baud", baud, 300, 4000000,
-                    "Speed of the line (38400 unless a project says)");
-    command.integer("--timeout", timeoutMs, 0, 60000,
-                    "Milliseconds for an answer; 0: from speed and length, as without a project");
+                    "Speed of the line (default: the project's, or 38400)");
+    command.integer(
+        "--timeout", timeoutMs, 0, 60000,
+        "Milliseconds to wait for an answer; 0: computed from speed and length (default)");
     command.text("--driver", driver, "The driver library, libmicro850.so");
     command.text("--trace", trace, "Record all frames: FILE.txt or FILE.pcapng");
 }

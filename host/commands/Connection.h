@@ -10,7 +10,7 @@
 
 namespace micro850::host {
 
-/// The project that the options name, or one that only has the port.
+/// The project that the options name, or one that has only the port.
 Project projectOf(const LineOptions& options);
 /// Throws unless the project names a device.
 void requirePort(const Project& project, const LineOptions& options);
@@ -20,18 +20,18 @@ struct Target
 {
     TagKey tag;
     TagAddress address;
-    const CipType* type; ///< as the project says, or null
+    const CipType* type; ///< from the project, or null
 };
 
-/// `station` is that of a tag no project names; below 0 for the project's first.
+/// `station` is for a tag that no project names; below 0: the project's first station.
 Target targetOf(const TagAddress& address, const Project& project, int station);
-/// The project for single reads and writes of these: nothing is polled besides.
+/// The project for single reads and writes of these targets: nothing else is polled.
 Project withoutVariables(Project project, const QVector<Target>& targets);
 
-/// Opens the line, or throws what to do about it.
+/// Opens the line. Throws UserError, with the remedy, when that fails.
 void requireOpen(Line& line, const PortSettings& port);
 
-/// The driver and the line, open, for the time of a command.
+/// The open line and the driver, for the duration of a command.
 class Connection
 {
 public:

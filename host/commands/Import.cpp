@@ -48,7 +48,7 @@ int run(const ImportOptions& options)
     }
     const VariableList list =
         VariableList::fromCsv(QString::fromUtf8(file.readAll()), textOf(options.file));
-    for (const QString& line : list.passedOver)
+    for (const QString& line : list.ignored)
         output.note(textOf(options.file) + QStringLiteral(": ") + line +
                     QStringLiteral(" (left out)"));
     if (list.variables.isEmpty()) {
@@ -71,14 +71,14 @@ void addImport(CommandLine& line)
 {
     const auto options = std::make_shared<ImportOptions>();
     CommandOptions command =
-        line.addCommand("import", "Make a project file of an exported variable list",
+        line.addCommand("import", "Make a project file from an exported variable list",
                         [options] { return run(*options); });
     command.requiredText("FILE", options->file, "List separated by comma, semicolon or tab");
     options->output.addTo(command);
     command.footer("The first line names the columns: Name, Data type, Dimension, and others that "
                    "are passed over.\n"
                    "Example:\n  micro850-host import examples/variables.csv > project.json\n"
-                   "Exit status: 0 done, 2 usage, or a file without a variable.");
+                   "Exit status: 0 done, 2 usage, or the file has no readable variable.");
 }
 
 } // namespace micro850::host

@@ -10,7 +10,7 @@ namespace micro850::host {
 
 namespace {
 
-// What a kill may cost at most.
+// A kill loses at most the samples of this time.
 const std::chrono::milliseconds kFlushInterval(500);
 
 struct LogOptions
@@ -149,14 +149,14 @@ void addLog(CommandLine& line)
     log.text("--match", options->match,
              "Record the variables whose names contain this, or match it with * and ?");
     log.number("--interval", options->interval, 0.0, 1e9,
-               "Record every variable once in so many seconds (else each change)");
-    log.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+               "Record every variable at this interval in seconds (default: each change)");
+    log.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     options->line.addTo(log);
     options->output.addTo(log);
-    log.footer("What is older than a second survives a kill of the program.\n"
+    log.footer("A kill of the program loses at most the last second.\n"
                "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
                "--port /tmp/plc\n"
-               "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
+               "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "
                "configuration.");
 }
 

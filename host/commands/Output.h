@@ -10,10 +10,10 @@
 
 namespace micro850::host {
 
-/// Keys stand in the order in which they were put.
+/// Keys keep the order in which they were added.
 using Json = nlohmann::ordered_json;
 
-/// Where a command tells its results: data on standard output, everything else on standard error.
+/// Prints the results of a command: data on standard output, everything else on standard error.
 class Output
 {
 public:
@@ -23,9 +23,9 @@ public:
     bool quiet() const { return m_quiet; }
     /// One result: the object with --json, the text without. An empty text prints nothing.
     void data(const Json& object, const QString& text) const;
-    /// What is no result; nothing with --quiet.
+    /// A remark that is not a result; not printed with --quiet.
     void note(const QString& text) const;
-    /// What went wrong.
+    /// A failure.
     void error(const QString& text) const;
 
 private:
@@ -33,7 +33,7 @@ private:
     bool m_quiet;
 };
 
-/// Shows how far a long work is, on one line of standard error, where that is a terminal.
+/// Shows the progress of a long task on one line of standard error, when that is a terminal.
 class Progress
 {
 public:

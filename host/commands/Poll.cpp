@@ -120,19 +120,20 @@ void addPoll(CommandLine& line)
               "Show the variables whose names contain this, or match it with * and ?");
     poll.choice("--sort", options->sort, {"project", "name", "age"},
                 "Order of the table: project, name or age");
-    poll.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+    poll.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     poll.number("--interval", options->interval, 0.0, 1e9,
-                "Without a terminal: print changes once in so many seconds");
+                "Without a terminal: print the changes at this interval in seconds");
     poll.number("--stale-after", options->staleAfter, 0.1, 86400.0,
-                "Seconds without a good reply that make a value stale (5 unless the project "
-                "says)");
+                "Seconds without a good reply after which a value is stale (default: the "
+                "project's, or 5)");
     options->line.addTo(poll);
     options->output.addTo(poll);
-    poll.footer("On a terminal a table, elsewhere one line a change.\n"
-                "Keys: q ends, / types a match, s changes the order, arrows and pages scroll.\n"
-                "Example:\n  micro850-host poll examples/plant.project.json --port /tmp/plc\n"
-                "Exit status: 0 every variable was read, 1 some never was, 2 usage or "
-                "configuration.");
+    poll.footer(
+        "Shows a table on a terminal; elsewhere it prints one line per change.\n"
+        "Keys: q quits, / filters by name, s changes the order, arrows and page keys scroll.\n"
+        "Example:\n  micro850-host poll examples/plant.project.json --port /tmp/plc\n"
+        "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "
+        "configuration.");
 }
 
 } // namespace micro850::host

@@ -108,7 +108,7 @@ int run(const ProbeOptions& options)
 void addProbe(CommandLine& line)
 {
     const auto options = std::make_shared<ProbeOptions>();
-    CommandOptions probe = line.addCommand("probe", "Say what identifies itself on the line",
+    CommandOptions probe = line.addCommand("probe", "Identify the controller on the line",
                                            [options] { return run(*options); });
     probe.flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
     probe.text("--project", options->line.project, "Project file: its port");

@@ -10,7 +10,7 @@ namespace micro850::host {
 
 namespace {
 
-// Value bytes from which on it is worth to say how far a read is.
+// From this many value bytes on, a read shows its progress.
 const int kLongBytes = 2000;
 
 struct ReadOptions
@@ -21,8 +21,8 @@ struct ReadOptions
     std::vector<std::string> tags;
 };
 
-void tell(const Output& output, const Target& target, const CipType& type,
-          const QVector<QByteArray>& elements)
+void print(const Output& output, const Target& target, const CipType& type,
+           const QVector<QByteArray>& elements)
 {
     for (int i = 0; i < elements.size(); ++i) {
         const QString name = target.address.elementName(i);
@@ -37,7 +37,7 @@ void tell(const Output& output, const Target& target, const CipType& type,
     }
 }
 
-void tellRefusal(const Output& output, const Target& target, const TagRefused& error)
+void printRefusal(const Output& output, const Target& target, const TagRefused& error)
 {
     const Json object = {{"name", target.address.text().toStdString()},
                          {"station", target.tag.station},
@@ -64,11 +64,11 @@ bool readTarget(const Target& target, Session& session, const Interrupt& interru
         const QVector<QByteArray> read =
             session.read(target.tag, target.address.element, elements, show);
         progress.clear();
-        tell(output, target, type, read);
+        print(output, target, type, read);
         return true;
     } catch (const TagRefused& error) {
         progress.clear();
-        tellRefusal(output, target, error);
+        printRefusal(output, target, error);
         return false;
     }
 }
@@ -109,7 +109,7 @@ void addRead(CommandLine& line)
     options->line.addTo(read);
     options->output.addTo(read);
     read.footer(
-        std::string("A tag that the controller refuses does not keep the others from being read.\n"
+        std::string("When the controller refuses a tag, the others are still read.\n"
                     "Example:\n  micro850-host read Speed 'Level[0..9]' --port /tmp/plc\n") +
         kStatuses);
 }

@@ -42,7 +42,7 @@ QString timeText(qint64 microseconds)
     return QDateTime::fromMSecsSinceEpoch(microseconds / 1000, Qt::UTC).toString(Qt::ISODateWithMs);
 }
 
-void tell(const Output& output, const TraceEvent& event)
+void print(const Output& output, const TraceEvent& event)
 {
     const bool sent = event.direction == Direction::Sent;
     Json object = {{"time", timeText(event.microseconds).toStdString()},
@@ -103,7 +103,7 @@ int run(const TraceOptions& options)
     report.finish();
     if (!options.summary) {
         for (const TraceEvent& event : report.events())
-            tell(output, event);
+            print(output, event);
     }
     output.data(summaryObject(report), report.statistics().join('\n'));
     return kExitDone;
@@ -116,12 +116,12 @@ void addTrace(CommandLine& line)
     const auto options = std::make_shared<TraceOptions>();
     CommandOptions trace = line.addCommand("trace", "Decode a recorded trace, with statistics",
                                            [options] { return run(*options); });
-    trace.requiredText("FILE", options->file, "A trace of --trace: text or pcapng");
-    trace.flag("--summary", options->summary, "The statistics only");
+    trace.requiredText("FILE", options->file, "A trace that --trace recorded: text or pcapng");
+    trace.flag("--summary", options->summary, "Only the statistics");
     options->output.addTo(trace);
     trace.footer("Example:\n  micro850-host read Speed --port /tmp/plc --trace t.pcapng\n"
                  "  micro850-host trace t.pcapng\n"
-                 "Exit status: 0 done, 2 usage, or a file that is no trace.");
+                 "Exit status: 0 done, 2 usage, or the file is not a trace.");
 }
 
 } // namespace micro850::host

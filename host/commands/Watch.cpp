@@ -26,7 +26,7 @@ struct WatchOptions
     std::vector<std::string> tags;
 };
 
-// The project with the variables that are watched, and no others.
+// The project with only the variables that are watched.
 Project watchProject(const WatchOptions& options)
 {
     Project project = projectOf(options.line);
@@ -57,7 +57,7 @@ void requirePlottable(const WatchOptions& options)
     if (!options.plot)
         return;
     if (isatty(STDOUT_FILENO) != 1 || options.output.json)
-        throw UserError("--plot needs a terminal (leave it out for a line a change)");
+        throw UserError("--plot needs a terminal (without it, each change is one line)");
     if (options.tags.size() > kMostPlots) {
         throw UserError("--plot shows at most " + std::to_string(kMostPlots) +
                         " variables (leave some out)");
@@ -179,19 +179,21 @@ int run(const WatchOptions& options)
 void addWatch(CommandLine& line)
 {
     const auto options = std::make_shared<WatchOptions>();
-    CommandOptions watch = line.addCommand("watch", "Print a line for each change of some tags",
-                                           [options] { return run(*options); });
+    CommandOptions watch =
+        line.addCommand("watch", "Print a line for each change of the given tags",
+                        [options] { return run(*options); });
     watch.requiredTexts("TAG", options->tags, "TAG, TAG[INDEX] or TAG[FIRST..LAST]");
     watch.flag("--plot", options->plot, "Draw rolling charts of up to four numbers instead");
     watch.number("--span", options->span, 1.0, 86400.0, "Seconds that a chart shows (default 60)");
-    watch.number("--seconds", options->seconds, 0.1, 1e9, "End after so many seconds");
+    watch.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     watch.text("--project", options->line.project,
                "Project file: its port, and its variables by their names");
     watch.integer("--station", options->station, 0, 65535, "Station number (default 1)");
     options->line.addTo(watch);
     options->output.addTo(watch);
-    watch.footer("Example:\n  micro850-host watch Temperature 'Level[3]' --plot --port /tmp/plc\n"
-                 "Exit status: 0 every tag was read, 1 some never was, 2 usage or configuration.");
+    watch.footer(
+        "Example:\n  micro850-host watch Temperature 'Level[3]' --plot --port /tmp/plc\n"
+        "Exit status: 0 every tag was read, 1 at least one was not, 2 usage or configuration.");
 }
 
 } // namespace micro850::host

@@ -54,8 +54,8 @@ void encode(Write& write, const CipType& type)
     }
 }
 
-// All values are checked against their types before anything is sent where the project says the
-// type, and before the first is written where only the controller can.
+// Values whose types the project states are checked before anything is sent. The others are checked
+// against the controller's types before the first write.
 void encodeKnown(QVector<Write>& writes)
 {
     for (Write& write : writes) {

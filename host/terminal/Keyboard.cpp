@@ -34,7 +34,7 @@ int lengthOfSequence(const QByteArray& bytes)
     return std::min(length + 1, bytes.size());
 }
 
-int takeKey(const QByteArray& bytes, QList<Key>& keys)
+int parseKey(const QByteArray& bytes, QList<Key>& keys)
 {
     for (const Sequence& sequence : kSequences) {
         if (bytes.startsWith(sequence.bytes)) {
@@ -59,7 +59,7 @@ QList<Key> keysOf(const QByteArray& bytes)
 {
     QList<Key> keys;
     for (int at = 0; at < bytes.size();)
-        at += takeKey(bytes.mid(at), keys);
+        at += parseKey(bytes.mid(at), keys);
     return keys;
 }
 

@@ -29,12 +29,12 @@ struct Key
     QChar character; ///< of Code::Character
 };
 
-/// The keys in what a terminal sent. An escape sequence that is cut in two is taken for what its
-/// parts are: terminals send one whole.
+/// The keys in the bytes that a terminal sent. When an escape sequence is cut in two, each part is
+/// read as keys of its own: terminals send whole sequences.
 QList<Key> keysOf(const QByteArray& bytes);
 
-/// Gives keys as they are pressed, where a descriptor is a terminal and while this object lives.
-/// Ctrl-C stays a signal.
+/// Reads keys as they are pressed, when the descriptor is a terminal and while this object lives.
+/// Ctrl-C remains a signal.
 class Keyboard
 {
 public:
@@ -43,7 +43,7 @@ public:
     Keyboard(const Keyboard&) = delete;
     Keyboard& operator=(const Keyboard&) = delete;
 
-    /// What was pressed since the last call; does not wait.
+    /// The keys pressed since the last call; does not wait.
     QList<Key> pressed();
 
 private:

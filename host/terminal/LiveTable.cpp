@@ -7,7 +7,7 @@ namespace micro850::host {
 
 namespace {
 
-// A text in so many characters: filled up, or cut with a mark.
+// A text in exactly so many characters: filled up with blanks, or cut.
 QString fitted(const QString& text, int width)
 {
     return cut(text, width).leftJustified(width);
@@ -20,8 +20,8 @@ QString trimmedEnd(QString text)
     return text;
 }
 
-// Widths of the columns; the value gets what is left of the line, and the error has none without
-// one.
+// Widths of the columns. The value gets the rest of the line; the error column is empty when there
+// is no error.
 struct Widths
 {
     int name = 4;

@@ -11,7 +11,7 @@ namespace {
 const int kStepsOfCell = 8;
 const std::chrono::milliseconds kLeastColumn(1);
 
-// A cell that is filled from below by so many eighths.
+// A cell that is filled from below by this many eighths.
 QChar block(int steps)
 {
     if (steps <= 0)
@@ -85,7 +85,7 @@ QStringList Plot::lines(int width, int rows, Duration now) const
                                      : valueAt(last - (width - 1 - column) * columnWidth);
             const double height = found.most > found.least
                                       ? (value - found.least) / (found.most - found.least)
-                                      : 0.5; // a value that does not move stands in the middle
+                                      : 0.5; // a constant value is drawn in the middle
             const bool drawn = std::isfinite(value);
             const int steps =
                 drawn ? 1 + static_cast<int>(std::lround(height * (rows * kStepsOfCell - 1))) : 0;

@@ -17,8 +17,8 @@ public:
 
     /// The value from now on; NaN where there is none. Times do not go back.
     void add(Duration now, double value);
-    /// So many lines of so many characters. Columns stand at multiples of their own time, so that
-    /// the picture moves by whole characters.
+    /// The chart in so many lines of so many characters. Columns start at multiples of their width
+    /// in time, so that the picture moves by whole characters.
     QStringList lines(int width, int rows, Duration now) const;
     /// "1.5 to 20", over the whole span; "" without a value.
     QString range(Duration now) const;

@@ -62,12 +62,12 @@ QString tagOf(const JsonNode& node)
         node.fail("a tag has 1 to " + std::to_string(kLongestTag) + " characters");
     if (!isPlain(tag))
         node.fail('"' + tag.toStdString() +
-                  "\" is not a tag (letters, digits and signs without blanks; an index stands in "
+                  "\" is not a tag (letters, digits and signs without blanks; an index goes into "
                   "\"element\")");
     return tag;
 }
 
-// The name stands in the table of values and in messages.
+// The name is shown in the table of values and in messages.
 void checkName(const JsonNode& node, const QString& name)
 {
     const bool plain = std::all_of(name.begin(), name.end(),
@@ -108,8 +108,7 @@ int stationNumberOf(const JsonNode& node, const Project& project)
     return number;
 }
 
-// No element of a string array can be reached but the first: the driver sends no index with a
-// string.
+// Only the first element of a string array can be read: the driver sends no index with a string.
 void checkElements(const JsonNode& node, const Variable& variable)
 {
     if (variable.element + variable.length - 1 > kLargestElement)
@@ -119,7 +118,7 @@ void checkElements(const JsonNode& node, const Variable& variable)
         node.fail("of a string only element 0 and length 1 can be read");
 }
 
-void takeScaling(const JsonNode& node, Variable& variable)
+void parseScaling(const JsonNode& node, Variable& variable)
 {
     variable.gain = node.number("gain", 1);
     variable.offset = node.number("offset", 0);
@@ -152,7 +151,7 @@ Variable variableOf(const JsonNode& node, const Project& before)
     variable.area = static_cast<int>(node.integer("area", 0, 255, 0));
     if (node.has("poll"))
         variable.poll = pollOf(node.at("poll"));
-    takeScaling(node, variable);
+    parseScaling(node, variable);
     checkElements(node, variable);
     return variable;
 }

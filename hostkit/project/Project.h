@@ -12,21 +12,21 @@ namespace micro850::host {
 /// How often a variable is read.
 enum class PollMode { Cyclic, Once };
 
-/// One variable of a project: a run of elements of a controller's tag under a name of its own.
+/// One variable of a project: a name for a run of elements of a controller's tag.
 struct Variable
 {
     QString name;
     QString tag;
     int station = 1;
-    /// What the project says about the type, null where it leaves that to the controller.
+    /// The type that the project requires; null when it leaves the type to the controller.
     const CipType* type = nullptr;
     int element = 0;
     int length = 1;
-    /// The area that its writes carry, 0 where the host gives each tag its own. The driver replaces
-    /// a queued write by a later one to the same area, element and count, whatever its tag.
+    /// The area of its writes; with 0 the host assigns an area to each tag. The driver replaces a
+    /// queued write by a later one to the same area, element and count, whatever its tag.
     int area = 0;
     PollMode poll = PollMode::Cyclic;
-    /// Shown is value * gain + offset, with the unit behind it.
+    /// The host shows value * gain + offset, followed by the unit.
     double gain = 1;
     double offset = 0;
     QString unit;
@@ -43,18 +43,18 @@ struct StationSettings
     bool enabled = true;
 };
 
-/// What a project file says.
+/// The content of a project file.
 struct Project
 {
     PortSettings port;
-    /// A value that no reply has refreshed for so long is shown as stale.
+    /// The host shows a value as stale when no reply refreshed it for this long.
     int staleAfterMs = 5000;
     QVector<StationSettings> stations;
     QVector<Variable> variables;
 
     /// Reads a project file. Throws UserError naming file, key path and remedy.
     static Project fromFile(const QString& path);
-    /// The same from a text; `name` stands for the file in messages.
+    /// The same from a text; messages call it `name`.
     static Project fromText(const QString& text, const QString& name);
 
     bool hasStation(int number) const;

@@ -24,7 +24,7 @@ struct TagAddress
 
     /// The text of one of its elements: "Speed", "Level[3]".
     QString elementName(int offset) const;
-    /// As it is written: "Speed", "Level[3]", "Level[0..9]".
+    /// The address as users write it: "Speed", "Level[3]", "Level[0..9]".
     QString text() const;
 
     /// Throws UserError that names the text and the form.
@@ -37,8 +37,8 @@ struct Assignment
     TagAddress address;
     QString value;
 
-    /// The text of each element's value: of one element the whole text, of several either one for
-    /// all or one for each. Throws UserError for another number of them.
+    /// The text of each element's value. For one element it is the whole text; for several, either
+    /// one text for all or one for each. Throws UserError for another number of texts.
     QStringList valuesFor(const TagAddress& elements) const;
 
     static Assignment fromText(const QString& text);

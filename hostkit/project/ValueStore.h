@@ -38,11 +38,11 @@ public:
     bool wasRead(int variable) const { return m_states.at(variable).missing == 0; }
     /// When the oldest of its elements was refreshed; none when one never was.
     std::optional<Duration> refreshedAt(int variable) const;
-    /// `alive` says whether the variable's station answers.
+    /// `alive` is true while the variable's station answers.
     Quality quality(int variable, Duration now, bool alive) const;
-    /// The values of the elements that were read, scaled where the project says so.
+    /// The values of the elements that were read, scaled where the project asks for it.
     QVector<CipValue> values(int variable) const;
-    /// Its elements as text, scaled where the project says so; "?" for one that was never read.
+    /// Its elements as text, scaled where the project asks for it; "?" for one that was never read.
     QStringList texts(int variable) const;
     /// One line: the value, or "[a, b, c]" of several elements, and the unit; "" before the first.
     QString text(int variable) const;

@@ -27,7 +27,7 @@ QChar separatorOf(const QString& heading)
     });
 }
 
-// Headings differ in case, blanks and signs between tools.
+// Programming tools write headings with different case, blanks and signs.
 QString plain(const QString& heading)
 {
     QString letters;
@@ -72,7 +72,7 @@ int lengthOf(const QString& dimension)
     return length <= kLargestElement + 1 ? std::max(0, length) : 0;
 }
 
-// Takes a line into `variable`; else gives why it cannot be read.
+// Reads a line into `variable`. Returns why it cannot be read, or an empty text.
 QString problemOf(const QStringList& fields, const Columns& columns, Variable& variable)
 {
     const QString type = fields.value(columns.type).trimmed().toUpper();
@@ -146,7 +146,7 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
         if (problem.isEmpty())
             list.variables.append(variable);
         else
-            list.passedOver +=
+            list.ignored +=
                 QStringLiteral("line %1: %2: %3").arg(i + 1).arg(variable.name, problem);
     }
     return list;

@@ -11,12 +11,12 @@ namespace micro850::host {
 struct VariableList
 {
     QVector<Variable> variables;
-    /// Lines that hold none that can be read, and why: "line 7: MyTimer: ...".
-    QStringList passedOver;
+    /// The lines without a readable variable, each with the reason: "line 7: MyTimer: ...".
+    QStringList ignored;
 
     /// Reads a text separated by comma, semicolon or tab, whose heading names the columns: name,
     /// data type, and the dimension of an array, in any order and case. Throws UserError for a
-    /// heading without name or type. `name` stands for the file in messages.
+    /// heading without name or type. Messages call the file `name`.
     static VariableList fromCsv(const QString& text, const QString& name);
 };
 

@@ -35,7 +35,7 @@ public:
         if (heading.isEmpty())
             m_file.write(QByteArray(kHeading) + '\n');
         else if (heading != kHeading)
-            fail(QStringLiteral("has another heading than a record (name a new file)"));
+            fail(QStringLiteral("does not have the heading of a recording (name a new file)"));
         save();
     }
 

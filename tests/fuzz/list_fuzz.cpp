@@ -52,7 +52,7 @@ void checkProject(const VariableList& list)
 
 void check(const VariableList& list, int lines)
 {
-    FUZZ_CHECK(list.variables.size() + list.passedOver.size() < lines);
+    FUZZ_CHECK(list.variables.size() + list.ignored.size() < lines);
     QSet<QString> names;
     for (const Variable& variable : list.variables) {
         FUZZ_CHECK(!variable.name.isEmpty() && variable.name.size() <= kLongestTag);
@@ -61,7 +61,7 @@ void check(const VariableList& list, int lines)
         names.insert(variable.name);
     }
     FUZZ_CHECK(names.size() == list.variables.size());
-    for (const QString& problem : list.passedOver)
+    for (const QString& problem : list.ignored)
         checkPassedOver(problem, lines);
     if (!list.variables.isEmpty())
         checkProject(list);

@@ -1,4 +1,4 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -41,8 +41,8 @@ QStringList anchorsOf(const QString& document)
     return anchors;
 }
 
-/// The tools as a reader of the documents calls them, with the example plant on the line.
-class Documents : public ToolTest
+/// The programs as a reader of the documents runs them, with the example plant on the line.
+class Documents : public ProgramTest
 {
 protected:
     Documents()
@@ -54,17 +54,17 @@ protected:
     {
         return line.contains(QRegularExpression("^micro850-host (poll|watch|log)"));
     }
-    /// Runs a command line as it is printed, but on the simulator's port, and what would go on
-    /// until it is told to end for that long.
+    /// Runs a command line as printed, but on the simulator's port. A command that runs until the
+    /// user ends it runs for so many seconds.
     Result runPrinted(QString line, int seconds)
     {
         line.replace(QRegularExpression("/tmp/plc|/dev/ttyUSB0"), port());
         line.remove(" --plot").remove(" --seconds 5");
         if (goesOn(line))
             line += QStringLiteral(" --seconds %1").arg(seconds);
-        const QString tools = QFileInfo(MICRO850_HOST).path();
+        const QString programs = QFileInfo(MICRO850_HOST).path();
         return runProgram("bash",
-                          {"-c", "cd \"$0\"; PATH=\"$1:$PATH\"; " + line, path("."), tools});
+                          {"-c", "cd \"$0\"; PATH=\"$1:$PATH\"; " + line, path("."), programs});
     }
     void expectThatEachWorks(const QStringList& lines)
     {
@@ -118,7 +118,7 @@ TEST_F(Documents, PrintCommandsThatWork)
     expectThatEachWorks(lines);
 }
 
-TEST_F(Documents, HelpGivesExamplesThatWork)
+TEST_F(Documents, HelpShowsExamplesThatWork)
 {
     for (const char* command :
          {"probe", "poll", "read", "write", "watch", "log", "check", "trace", "import"})

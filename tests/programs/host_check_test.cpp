@@ -20,18 +20,18 @@ TEST_F(HostCheck, ChecksTheFileAloneWithoutAPort)
     const QString project = file("p.json", R"({"variables": [{"tag": "Speed"}, {"tag": "B"}]})");
     const Result result = host({"check", project});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, project.toStdString() + ": ok, 2 variables of 1 stations\n");
+    EXPECT_EQ(result.out, project.toStdString() + ": ok, 2 variables, 1 station\n");
     EXPECT_EQ(host({"check", project, "--json"}).out,
               R"({"file":")" + project.toStdString() +
                   R"(","ok":true,"stations":1,"variables":2})" + "\n");
 }
 
-TEST_F(HostCheck, NamesAFileWithAPercentSignAndADigitAsItIs)
+TEST_F(HostCheck, ShowsAFileWithAPercentSignAndADigitUnchanged)
 {
     const QString project = file("line%2.json", R"({"variables": [{"tag": "Speed"}]})");
     const Result result = host({"check", project});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, project.toStdString() + ": ok, 1 variables of 1 stations\n");
+    EXPECT_EQ(result.out, project.toStdString() + ": ok, 1 variable, 1 station\n");
 }
 
 TEST_F(HostCheck, AsksTheControllerForEachVariable)
@@ -53,11 +53,11 @@ TEST_F(HostCheck, AsksTheControllerForEachVariable)
     EXPECT_TRUE(lines.at(3).startsWith("Too long: element 10: ")) << result.out;
     EXPECT_EQ(lines.at(4), QString("Nope: path destination unknown (status 05)"));
     EXPECT_EQ(result.err, "micro850-host: " + project.toStdString() +
-                              ": 5 variables asked for, 3 with a problem\n");
+                              ": 5 variables checked, 3 with a problem\n");
     EXPECT_EQ(hostOnPort({"check", project, "--offline", "--quiet"}).status, 0);
 }
 
-TEST_F(HostCheck, FindsTheExamplePlantAsItsProjectSays)
+TEST_F(HostCheck, FindsNoProblemInTheExamplePlant)
 {
     simulatePlant();
     const Result result =
@@ -67,13 +67,13 @@ TEST_F(HostCheck, FindsTheExamplePlantAsItsProjectSays)
     EXPECT_EQ(result.out.find(R"("ok":false)"), std::string::npos) << result.out;
 }
 
-TEST_F(HostCheck, ShowsHowFarItIsOnATerminalAndClearsThatAtTheEnd)
+TEST_F(HostCheck, ShowsItsProgressOnATerminalAndClearsItAtTheEnd)
 {
     simulate();
     const QString project = file("p.json", twoHundredVariables());
     // What is drawn for moments only is kept by script(1).
     open("script -qec '$HOST check " + project + " --port $PORT > out.txt' drawn.txt", 100, 20);
-    EXPECT_TRUE(sees("200 variables asked for, 0 with a problem"));
+    EXPECT_TRUE(sees("200 variables checked, 0 with a problem"));
     EXPECT_TRUE(sees("[status 0]"));
     EXPECT_FALSE(screen().join('\n').contains("checking ["));
     const std::string drawn = textOf("drawn.txt");
@@ -82,7 +82,7 @@ TEST_F(HostCheck, ShowsHowFarItIsOnATerminalAndClearsThatAtTheEnd)
     EXPECT_EQ(linesOf(textOf("out.txt")).size(), 200);
 }
 
-TEST_F(HostCheck, TellsOnCtrlCWhatItHasFoundSoFar)
+TEST_F(HostCheck, ReportsItsFindingsSoFarOnCtrlC)
 {
     // So slow that it cannot be done before the key is pressed.
     const std::string slow = R"({"faults": [{"fault": "delay", "rate": 1, "seconds": 0.1}]})";
@@ -92,15 +92,15 @@ TEST_F(HostCheck, TellsOnCtrlCWhatItHasFoundSoFar)
          20);
     EXPECT_TRUE(sees("/200"));
     type({"C-c"});
-    EXPECT_TRUE(sees("variables asked for, 0 with a problem\nmicro850-host: interrupted"));
+    EXPECT_TRUE(sees("variables checked, 0 with a problem\nmicro850-host: interrupted"));
     EXPECT_TRUE(sees("[status 1]"));
     EXPECT_TRUE(seesNo("checking ["));
 }
 
-TEST_F(HostCheck, LeadsFromAFileWithThreeMistakesToOneThatWorks)
+TEST_F(HostCheck, ReportsMistakesSoThatCorrectingThemLeadsToAValidFile)
 {
     simulate();
-    // One mistake after the other, each mended as its message says.
+    // Each mistake is corrected as its message says.
     std::string text = R"({"variabels": [{"tag": "Speed", "type": "INTT", "element": -1}]})";
     const std::pair<const char*, std::pair<const char*, const char*>> steps[] = {
         {"\"variabels\"", {"variabels", "variables"}},

@@ -1,8 +1,8 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 namespace {
 
-using HostImport = ToolTest;
+using HostImport = ProgramTest;
 
 const char kList[] = "Name,Data Type,Dimension,Comment\n"
                      "Speed,INT,,rotations\n"
@@ -27,7 +27,7 @@ TEST_F(HostImport, MakesAProjectThatTheControllerAgreesWith)
     EXPECT_EQ(check.out, "Speed: ok, INT\nLevel: ok, INT\nName: ok, SHORT_STRING\n");
 }
 
-TEST_F(HostImport, TellsNothingThatMovesATerminalsCursor)
+TEST_F(HostImport, PrintsNothingThatMovesATerminalsCursor)
 {
     const QString list = file("v.csv", "Name,Type\nSpeed,INT\nA\x1b[2J,TON\n");
     const Result result = host({"import", list});
@@ -35,7 +35,7 @@ TEST_F(HostImport, TellsNothingThatMovesATerminalsCursor)
     EXPECT_EQ(result.err.find('\x1b'), std::string::npos) << result.err;
 }
 
-TEST_F(HostImport, TakesTheExampleForTheExamplePlant)
+TEST_F(HostImport, ImportsTheExampleForTheExamplePlant)
 {
     simulatePlant();
     const Result result = host({"import", MICRO850_SOURCE_DIR "/examples/variables.csv"});
@@ -46,7 +46,7 @@ TEST_F(HostImport, TakesTheExampleForTheExamplePlant)
     EXPECT_EQ(linesOf(check.out).size(), 6);
 }
 
-TEST_F(HostImport, GivesAnObjectAVariable)
+TEST_F(HostImport, PrintsAnObjectForEachVariableWithJson)
 {
     const Result result = host({"import", file("v.csv", kList), "--json", "--quiet"});
     EXPECT_EQ(result.out, "{\"tag\":\"Speed\",\"type\":\"INT\"}\n"
@@ -55,7 +55,7 @@ TEST_F(HostImport, GivesAnObjectAVariable)
     EXPECT_EQ(result.err, "");
 }
 
-TEST_F(HostImport, SaysWhatIsMissing)
+TEST_F(HostImport, ReportsWhatIsMissing)
 {
     const Result missing = host({"import", "/none.csv"});
     EXPECT_EQ(missing.status, 2);

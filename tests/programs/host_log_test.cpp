@@ -1,4 +1,4 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
@@ -8,7 +8,7 @@
 
 namespace {
 
-class HostLog : public ToolTest
+class HostLog : public ProgramTest
 {
 protected:
     QString project() const

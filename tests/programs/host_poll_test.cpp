@@ -1,8 +1,8 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 namespace {
 
-class HostPoll : public ToolTest
+class HostPoll : public ProgramTest
 {
 protected:
     QString project(const std::string& variables) const
@@ -12,7 +12,7 @@ protected:
     }
 };
 
-TEST_F(HostPoll, PrintsALineAChangeWhereThereIsNoTerminal)
+TEST_F(HostPoll, PrintsALineForEachChangeWithoutATerminal)
 {
     simulate();
     const Result result =
@@ -26,7 +26,7 @@ TEST_F(HostPoll, PrintsALineAChangeWhereThereIsNoTerminal)
     EXPECT_TRUE(changes.contains("Name = Apple")) << result.out;
 }
 
-TEST_F(HostPoll, TellsTheLineAndTheStationsAtTheEndUnlessQuiet)
+TEST_F(HostPoll, ReportsLineAndStationsAtTheEndUnlessQuiet)
 {
     simulate();
     const QString file = project(R"({"tag": "Speed"})");
@@ -38,7 +38,7 @@ TEST_F(HostPoll, TellsTheLineAndTheStationsAtTheEndUnlessQuiet)
     EXPECT_EQ(linesOf(quiet.out).size(), 1);
 }
 
-TEST_F(HostPoll, GivesAnObjectAChangeAndASummary)
+TEST_F(HostPoll, PrintsAnObjectForEachChangeAndASummaryWithJson)
 {
     simulate();
     const Result result =
@@ -76,7 +76,7 @@ TEST_F(HostPoll, ShowsOnlyWhatMatches)
                             " matches \"zzz\" (a part of a name, or a pattern with * and ?)\n");
 }
 
-TEST_F(HostPoll, SaysWhatIsWrongWithTheProject)
+TEST_F(HostPoll, ReportsWhatIsWrongWithTheProject)
 {
     const Result missing = host({"poll", "/none.json"});
     EXPECT_EQ(missing.status, 2);

@@ -1,10 +1,10 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 namespace {
 
-using HostProbe = ToolTest;
+using HostProbe = ProgramTest;
 
-TEST_F(HostProbe, SaysWhatIdentifiesItself)
+TEST_F(HostProbe, PrintsTheIdentityOfTheController)
 {
     simulate();
     const Result result = hostOnPort({"probe"});
@@ -20,7 +20,7 @@ TEST_F(HostProbe, SaysWhatIdentifiesItself)
     EXPECT_TRUE(lines.at(8).startsWith("round trip    "));
 }
 
-TEST_F(HostProbe, AnswersTwiceInARowThoughThePeerTakesTheSecondForARepetition)
+TEST_F(HostProbe, WorksTwiceInARowAlthoughThePeerMayMistakeTheSecondForARepetition)
 {
     simulate();
     EXPECT_EQ(hostOnPort({"probe"}).status, 0);
@@ -38,7 +38,7 @@ TEST_F(HostProbe, ScansTheUsualSpeedsUntilSomethingAnswers)
     EXPECT_TRUE(lines.at(0).contains(R"("name":"Micro850 simulated unit 01")")) << result.out;
 }
 
-TEST_F(HostProbe, SaysForEverySpeedThatNothingAnswers)
+TEST_F(HostProbe, ReportsForEverySpeedThatNothingAnswers)
 {
     const SilentPort nobody;
     const Result silent = host({"probe", "--scan", "--timeout", "50", "--port", nobody.path()});

@@ -1,10 +1,10 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 namespace {
 
-using HostRead = ToolTest;
+using HostRead = ProgramTest;
 
-TEST_F(HostRead, PrintsATagALine)
+TEST_F(HostRead, PrintsALineForEachElement)
 {
     simulate();
     const Result result = hostOnPort({"read", "Speed", "Level[8..9]", "Recipe[1]", "Setpoint",
@@ -16,7 +16,7 @@ TEST_F(HostRead, PrintsATagALine)
                           "Name = Apple\n");
 }
 
-TEST_F(HostRead, GivesJsonValuesOfTheirOwnKind)
+TEST_F(HostRead, PrintsJsonValuesOfEachKind)
 {
     simulate();
     const Result result =
@@ -38,7 +38,7 @@ TEST_F(HostRead, GivesJsonValuesOfTheirOwnKind)
         "\n");
 }
 
-TEST_F(HostRead, FindsTheTagsOfItsOwnInEachOfSeveralStations)
+TEST_F(HostRead, FindsTheTagsOfEachOfSeveralStations)
 {
     simulateStations({R"({"name": "Speed", "type": "INT", "value": 11})",
                       R"({"name": "Speed", "type": "DINT", "value": 22})",
@@ -50,7 +50,7 @@ TEST_F(HostRead, FindsTheTagsOfItsOwnInEachOfSeveralStations)
         << third.out << third.err;
 }
 
-TEST_F(HostRead, GoesOnBehindATagThatTheControllerDoesNotKnow)
+TEST_F(HostRead, ContinuesAfterATagThatTheControllerDoesNotKnow)
 {
     simulate();
     const Result result = hostOnPort({"read", "Nope", "Speed"});
@@ -59,7 +59,7 @@ TEST_F(HostRead, GoesOnBehindATagThatTheControllerDoesNotKnow)
     EXPECT_EQ(result.err, "micro850-host: Nope: path destination unknown (status 05)\n");
 }
 
-TEST_F(HostRead, SaysThatAnotherProgramHasTheLine)
+TEST_F(HostRead, ReportsThatAnotherProgramUsesTheLine)
 {
     simulate();
     QProcess other;
@@ -75,7 +75,7 @@ TEST_F(HostRead, SaysThatAnotherProgramHasTheLine)
         << result.err;
 }
 
-TEST_F(HostRead, SaysThatItsOutputIsLost)
+TEST_F(HostRead, ReportsThatItsOutputCannotBeWritten)
 {
     simulate();
     const Result result = runProgram(
@@ -104,7 +104,7 @@ TEST_F(HostRead, KnowsTheVariablesOfAProject)
     EXPECT_EQ(result.out, "Tank[3] = 13\nTank[4] = 14\nTank[4] = 14\nSpeed = 1234\n");
 }
 
-TEST_F(HostRead, SaysThatNothingAnswersWithinTheTimeThatItWasGiven)
+TEST_F(HostRead, ReportsThatNothingAnswersWithinTheTimeout)
 {
     const SilentPort nobody;
     const Result result = host({"read", "Speed", "--timeout", "20", "--port", nobody.path()});
@@ -114,14 +114,14 @@ TEST_F(HostRead, SaysThatNothingAnswersWithinTheTimeThatItWasGiven)
         << result.err;
 }
 
-// What the person gets wrong, and what the tool says.
+// What the user gets wrong, and what the program reports.
 struct Mistake
 {
     QStringList arguments;
     const char* message;
 };
 
-TEST_F(HostRead, LeadsOutOfEveryMistakeWithOneLine)
+TEST_F(HostRead, ReportsEveryMistakeInOneLineWithTheRemedy)
 {
     const Mistake mistakes[] = {
         {{}, "A subcommand is required (see micro850-host --help)"},
@@ -158,7 +158,7 @@ TEST_F(HostRead, LeadsOutOfEveryMistakeWithOneLine)
     }
 }
 
-TEST_F(HostRead, TellsItsVersionAndItsHelpWithAnExample)
+TEST_F(HostRead, PrintsItsVersionAndItsHelpWithAnExample)
 {
     EXPECT_EQ(host({"--version"}).out, "micro850-host " MICRO850_VERSION "\n");
     for (const char* command :

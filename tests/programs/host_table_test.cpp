@@ -86,7 +86,7 @@ TEST_F(HostTable, FiltersWhileTyping)
     EXPECT_TRUE(sees("1-13 of 13"));
 }
 
-TEST_F(HostTable, BeginsWithTheMatchOfTheCommandLine)
+TEST_F(HostTable, StartsWithTheMatchOfTheCommandLine)
 {
     poll(100, 30, "--match 'L[?]' --sort name || $HOST poll " + path("p.json") + " --match 'L?'");
     EXPECT_TRUE(sees("1-10 of 10 that match \"L?\""));
@@ -142,7 +142,7 @@ TEST_F(HostTable, ColoursTheVariableThatFailed)
     EXPECT_TRUE(styledScreen().contains("\x1b[31mNope")) << styledScreen().toStdString();
 }
 
-TEST_F(HostTable, DrawsWithoutColoursWhereTheEnvironmentForbidsThem)
+TEST_F(HostTable, DrawsWithoutColoursWhenTheEnvironmentForbidsThem)
 {
     simulate();
     open("NO_COLOR=1 $HOST poll " + path("p.json"), 100, 30);
@@ -150,7 +150,7 @@ TEST_F(HostTable, DrawsWithoutColoursWhereTheEnvironmentForbidsThem)
     EXPECT_FALSE(styledScreen().contains('\x1b')) << styledScreen().toStdString();
 }
 
-TEST_F(HostTable, SaysThatTheControllerIsGoneAndMarksItsValuesStale)
+TEST_F(HostTable, ReportsThatTheControllerIsGoneAndMarksItsValuesStale)
 {
     poll(150, 30, "--stale-after 0.5 --timeout 50");
     ASSERT_TRUE(sees("Speed    INT  1234"));

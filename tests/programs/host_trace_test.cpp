@@ -1,10 +1,10 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 namespace {
 
-using HostTrace = ToolTest;
+using HostTrace = ProgramTest;
 
-TEST_F(HostTrace, DecodesWhatWasRecordedInEitherForm)
+TEST_F(HostTrace, DecodesBothFormsOfATrace)
 {
     simulate();
     for (const char* name : {"t.txt", "t.pcapng"}) {
@@ -32,7 +32,7 @@ TEST_F(HostTrace, DecodesWhatWasRecordedInEitherForm)
     }
 }
 
-TEST_F(HostTrace, GivesItsStatisticsAlone)
+TEST_F(HostTrace, PrintsOnlyItsStatisticsWithSummary)
 {
     simulate();
     hostOnPort({"read", "Speed", "--trace", path("t.txt")});
@@ -100,7 +100,7 @@ TEST_F(HostTrace, IsReadByWiresharkWithServiceTagNameAndStatus)
                            "0x52;1;;0x00;d204;1", "0x52;0;Nope;;;1", "0x52;1;;0x05;;1"}));
 }
 
-TEST_F(HostTrace, ShowsWiresharkTheFrameThatCameCorrupt)
+TEST_F(HostTrace, ShowsACorruptFrameInWireshark)
 {
     simulate(R"({"name": "Speed", "type": "INT", "value": 1234})",
              {"--faults", file("f.json", kCorruptReply)});
@@ -110,7 +110,7 @@ TEST_F(HostTrace, ShowsWiresharkTheFrameThatCameCorrupt)
                            "0x52;1;1", "0x52;0;1", "0x52;1;1"}));
 }
 
-TEST_F(HostTrace, IsAnsweredFromByTheSimulatedControllerAsTheControllerDid)
+TEST_F(HostTrace, IsReplayedByTheSimulatedController)
 {
     simulate();
     const QStringList asked = {"read", "Speed", "Level[3]", "Recipe", "Name", "Nope"};
@@ -128,7 +128,7 @@ TEST_F(HostTrace, IsAnsweredFromByTheSimulatedControllerAsTheControllerDid)
     }
 }
 
-TEST_F(HostTrace, OfABadLineIsAnsweredFromAllTheSame)
+TEST_F(HostTrace, OfABadLineIsReplayedToo)
 {
     simulate(R"({"name": "Speed", "type": "INT", "value": 1234})",
              {"--faults", file("f.json", R"({"faults": [
@@ -142,7 +142,7 @@ TEST_F(HostTrace, OfABadLineIsAnsweredFromAllTheSame)
     EXPECT_NE(replayed.out.find("1234"), std::string::npos) << replayed.out << replayed.err;
 }
 
-TEST_F(HostTrace, NamesAFileThatIsNoTrace)
+TEST_F(HostTrace, ReportsAFileThatIsNotATrace)
 {
     const Result missing = host({"trace", "/none.txt"});
     EXPECT_EQ(missing.status, 2);

@@ -8,7 +8,7 @@ const char kCounter[] = R"({"name": "Count", "type": "DINT",
     "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}},
     {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})";
 
-TEST_F(HostWatch, PrintsALineAChange)
+TEST_F(HostWatch, PrintsALineForEachChange)
 {
     simulate(kCounter);
     const Result result = hostOnPort({"watch", "Count", "Name", "--seconds", "2"});
@@ -30,7 +30,7 @@ TEST_F(HostWatch, PrintsALineAChange)
     EXPECT_EQ(names, 1); // it never changes
 }
 
-TEST_F(HostWatch, GivesAnObjectAChange)
+TEST_F(HostWatch, PrintsAnObjectForEachChangeWithJson)
 {
     simulate();
     const Result result = hostOnPort({"watch", "Level[2..3]", "--seconds", "1", "--json"});
@@ -44,7 +44,7 @@ TEST_F(HostWatch, GivesAnObjectAChange)
     EXPECT_TRUE(lines.at(1).startsWith(R"({"summary":)"));
 }
 
-TEST_F(HostWatch, TellsThatATagIsUnknown)
+TEST_F(HostWatch, ReportsThatATagIsUnknown)
 {
     simulate();
     const Result result = hostOnPort({"watch", "Nope", "--seconds", "1"});
@@ -58,7 +58,7 @@ TEST_F(HostWatch, NeedsATerminalForCharts)
     const Result result = hostOnPort({"watch", "Speed", "--plot"});
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err,
-              "micro850-host: --plot needs a terminal (leave it out for a line a change)\n");
+              "micro850-host: --plot needs a terminal (without it, each change is one line)\n");
 }
 
 TEST_F(HostWatch, DrawsChartsAsWideAsTheWindow)

@@ -1,10 +1,10 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 #include <QtCore/QFile>
 
 namespace {
 
-using HostWrite = ToolTest;
+using HostWrite = ProgramTest;
 
 TEST_F(HostWrite, WritesSeveralAndReadsThemBack)
 {
@@ -28,7 +28,7 @@ TEST_F(HostWrite, WritesARunOfElements)
               "Level[1] = 11\nLevel[2] = 7\nLevel[3] = -8\nLevel[4] = 9\nLevel[5] = 15\n");
 }
 
-TEST_F(HostWrite, GivesJsonWithWhatWasReadBack)
+TEST_F(HostWrite, PrintsJsonWithTheValueThatWasReadBack)
 {
     simulate();
     EXPECT_EQ(hostOnPort({"write", "Speed=7", "--json"}).out,
@@ -40,7 +40,7 @@ TEST_F(HostWrite, GivesJsonWithWhatWasReadBack)
               "\n");
 }
 
-TEST_F(HostWrite, SaysSoWhenTheProgramOverwritesTheValue)
+TEST_F(HostWrite, ReportsThatTheControllersProgramOverwroteTheValue)
 {
     simulate(R"({"name": "Moving", "type": "DINT",
                  "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.001}})");
@@ -62,7 +62,7 @@ TEST_F(HostWrite, WritesNothingWhenOneValueDoesNotFitItsType)
     EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed = 1234\n");
 }
 
-TEST_F(HostWrite, SendsNothingAtAllWhenTheProjectSaysTheType)
+TEST_F(HostWrite, SendsNothingWhenAValueDoesNotFitTheProjectsType)
 {
     simulate();
     const QString project = file("p.json", R"({"variables": [{"tag": "Speed", "type": "INT"}]})");
@@ -73,7 +73,7 @@ TEST_F(HostWrite, SendsNothingAtAllWhenTheProjectSaysTheType)
     EXPECT_FALSE(QFile::exists(trace));
 }
 
-TEST_F(HostWrite, RefusesATypeThatIsAnotherInTheController)
+TEST_F(HostWrite, RefusesAProjectWhoseTypeDiffersFromTheController)
 {
     simulate();
     const QString project = file("p.json", R"({"variables": [{"tag": "Speed", "type": "DINT"}]})");
@@ -84,7 +84,7 @@ TEST_F(HostWrite, RefusesATypeThatIsAnotherInTheController)
     EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed = 1234\n");
 }
 
-TEST_F(HostWrite, NamesWhatIsWrongWithAValue)
+TEST_F(HostWrite, ReportsWhatIsWrongWithAValue)
 {
     simulate();
     const std::pair<const char*, const char*> mistakes[] = {

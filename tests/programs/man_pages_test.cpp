@@ -1,4 +1,4 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>

@@ -26,7 +26,7 @@ TerminalTest::~TerminalTest()
     tmux({"kill-server"});
 }
 
-// A server of its own, whose socket is in the test's directory.
+// The test has its own server; the socket is in the test's directory.
 Result TerminalTest::tmux(const QStringList& arguments) const
 {
     return runProgram("tmux", QStringList{"-S", path("tmux"), "-f", "/dev/null"} + arguments,
@@ -42,8 +42,8 @@ void TerminalTest::open(const QString& command, int width, int rows)
         "run", (line + "\nstatus=$?\nstty -a | grep -o -- '-\\?icanon'\necho \"[status $status]\"\n"
                        "sleep 600\n")
                    .toStdString());
-    const Result result = tmux({"new-session", "-d", "-c", path("."), "-x", QString::number(width), "-y",
-                                QString::number(rows), "bash " + script});
+    const Result result = tmux({"new-session", "-d", "-c", path("."), "-x", QString::number(width),
+                                "-y", QString::number(rows), "bash " + script});
     ASSERT_EQ(result.status, 0) << result.err;
 }
 

@@ -1,16 +1,17 @@
 #ifndef MICRO850_TESTS_TERMINAL_FIXTURE_H
 #define MICRO850_TESTS_TERMINAL_FIXTURE_H
 
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
-/// A tool in a terminal of tmux: keys go in, the screen can be looked at.
-class TerminalTest : public ToolTest
+/// A program in a terminal of tmux: the test types keys and reads the screen.
+class TerminalTest : public ProgramTest
 {
 protected:
     ~TerminalTest() override;
 
-    /// Runs a command line of the shell in the test's directory, in a window of this size. `$HOST` and `$PORT` stand for the
-    /// program and the simulator's port; the exit status is shown as "[status N]" behind it.
+    /// Runs a command line of the shell in the test's directory, in a window of this size. `$HOST`
+    /// and `$PORT` are the program and the simulator's port. The exit status follows as
+    /// "[status N]".
     void open(const QString& command, int width, int rows);
     void type(const QStringList& keys);
     void resize(int width, int rows);

@@ -283,7 +283,7 @@ TEST_F(SimulatorProgram, ReportsAWrongCallInOneLine)
               "micro850-sim: give one of: a tag file, --station N=FILE, --replay FILE");
     EXPECT_EQ(complaint({"missing.json"}),
               "micro850-sim: missing.json: cannot be read: No such file or directory "
-              "(name a file that can)");
+              "(check the path)");
     EXPECT_EQ(complaint({"--station", "one=a.json"}),
               "micro850-sim: --station one=a.json: not a number and a tag file (--station 1=FILE)");
     EXPECT_EQ(complaint({"--station", "1=a.json", "--port", "/dev/ttyS0"}),

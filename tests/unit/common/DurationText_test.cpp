@@ -40,7 +40,7 @@ TEST(DurationText, UsesTheLargestUnitsThatFit)
     EXPECT_EQ(durationText(std::numeric_limits<std::int64_t>::min()), "-P106751991DT4H54.775808S");
 }
 
-TEST(ParsedDuration, RefusesATextThatIsNoDurationOrHasNoFixedLength)
+TEST(ParsedDuration, RefusesATextThatIsNotADurationOrHasNoFixedLength)
 {
     for (const char* text : {"",
                              "P",
@@ -73,7 +73,7 @@ TEST(ParsedDuration, RefusesADurationThatSixtyFourBitsDoNotHold)
     EXPECT_FALSE(parseDuration("P999999999D"));
 }
 
-TEST(MicrosecondsPerUnit, AreGivenForTheTypesThatHoldADuration)
+TEST(MicrosecondsPerUnit, AreKnownForTheTypesThatHoldADuration)
 {
     EXPECT_EQ(microsecondsPerUnit(cipTypeNamed("TIME")), 1000);
     EXPECT_EQ(microsecondsPerUnit(cipTypeNamed("LTIME")), 1);

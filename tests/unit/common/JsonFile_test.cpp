@@ -72,8 +72,7 @@ TEST(JsonFile, ReturnsTheDefaultOnlyForAnAbsentKey)
 TEST(JsonFile, ReportsThatAFileCannotBeRead)
 {
     EXPECT_EQ(complaintOf([] { JsonNode::fromFile("/no/such/file.json"); }),
-              "/no/such/file.json: cannot be read: No such file or directory (name a file "
-              "that can)");
+              "/no/such/file.json: cannot be read: No such file or directory (check the path)");
 }
 
 TEST(JsonFile, RejectsANumberThatNoDoubleCanHold)

@@ -124,7 +124,7 @@ TEST_F(TraceTest, ReadsAPcapngFileOfTheOtherByteOrder)
 TEST_F(TraceTest, ReportsTheNumberOfAWrongLine)
 {
     EXPECT_EQ(errorOf("1.000000 > 10 06\n1.5 > 10\n"),
-              "t.txt:2: a line begins with seconds.microseconds");
+              "t.txt:2: not a trace: each line must start with a time such as 1732233600.123456");
     EXPECT_EQ(errorOf("1.000000 = 10\n"),
               "t.txt:1: the time is followed by > (sent) or < (received)");
     EXPECT_EQ(errorOf("1.000000 > 1\n"), "t.txt:1: bytes are two hexadecimal digits each");

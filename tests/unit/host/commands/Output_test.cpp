@@ -18,7 +18,7 @@ std::string json(const char* type, const char* bytes)
 
 } // namespace
 
-TEST(Json, GivesEachKindOfValueItsOwnForm)
+TEST(Json, WritesEachKindOfValueInItsOwnForm)
 {
     EXPECT_EQ(json("BOOL", "01"), "true");
     EXPECT_EQ(json("SINT", "FB"), "-5");
@@ -35,7 +35,7 @@ TEST(Json, KeepsEveryDigitOfWideAndRealNumbers)
     EXPECT_EQ(json("LREAL", "9A 99 99 99 99 99 B9 3F"), "0.1");
 }
 
-TEST(Json, HasNoNumberForWhatIsNotFinite)
+TEST(Json, WritesANumberThatIsNotFiniteAsText)
 {
     EXPECT_EQ(json("REAL", "00 00 80 7F"), R"("inf")");
     EXPECT_EQ(json("REAL", "00 00 80 FF"), R"("-inf")");
@@ -43,7 +43,7 @@ TEST(Json, HasNoNumberForWhatIsNotFinite)
     EXPECT_EQ(json("REAL", "00 00 C0 FF"), R"("-nan")");
 }
 
-TEST(Json, MakesAnArrayOfSeveralElements)
+TEST(Json, WritesSeveralElementsAsAnArray)
 {
     const CipValue one = CipValue::ofSigned(1);
     EXPECT_EQ(jsonOf(QVector<CipValue>{one, CipValue::ofSigned(-1)}).dump(), "[1,-1]");

@@ -21,7 +21,7 @@ using Code = Key::Code;
 
 } // namespace
 
-TEST(Keys, AreLettersAsTheyStand)
+TEST(Keys, AreReadFromPlainCharacters)
 {
     const QList<Key> keys = keysOf("q/");
     ASSERT_EQ(keys.size(), 2);
@@ -30,20 +30,20 @@ TEST(Keys, AreLettersAsTheyStand)
     EXPECT_EQ(keys.at(1).character, QChar('/'));
 }
 
-TEST(Keys, AreOneForAnEscapeSequenceOfEitherKindOfTerminal)
+TEST(Keys, AreReadFromTheEscapeSequencesOfBothKindsOfTerminals)
 {
     EXPECT_EQ(codes("\x1b[A\x1bOA"), (std::vector<Code>{Code::Up, Code::Up}));
     EXPECT_EQ(codes("\x1b[5~\x1b[6~"), (std::vector<Code>{Code::PageUp, Code::PageDown}));
     EXPECT_EQ(codes("\x1b[H\x1b[4~"), (std::vector<Code>{Code::Home, Code::End}));
 }
 
-TEST(Keys, TakeAnEscapeAloneForTheKey)
+TEST(Keys, AreEscapeForASingleEscapeByte)
 {
     EXPECT_EQ(codes("\x1b"), std::vector<Code>{Code::Escape});
     EXPECT_EQ(codes("\x1bq"), (std::vector<Code>{Code::Escape, Code::Character}));
 }
 
-TEST(Keys, PassOverASequenceThatMeansNothingHere)
+TEST(Keys, AreOtherForAnUnknownEscapeSequence)
 {
     EXPECT_EQ(codes("\x1b[15~q"), (std::vector<Code>{Code::Other, Code::Character}));
     EXPECT_EQ(codes("\x1b[1;5Aq"), (std::vector<Code>{Code::Other, Code::Character}));

@@ -49,7 +49,7 @@ TEST_F(LiveTableTest, ShowsNameTypeValueAgeAndQuality)
     EXPECT_EQ(styleOf(2), Style::Error);
 }
 
-TEST_F(LiveTableTest, KeepsToTheSizeOfTheWindow)
+TEST_F(LiveTableTest, FitsTheWidthOfTheWindow)
 {
     start(R"({"tag": "Level", "length": 10}, {"tag": "Speed"}, {"tag": "Nope"})");
     ASSERT_TRUE(runUntil([&] { return loop->values().wasRead(0); }));
@@ -69,7 +69,7 @@ TEST_F(LiveTableTest, ShowsValuesScaledAndWithTheirUnit)
     EXPECT_DOUBLE_EQ(loop->values().number(0), 120.4);
 }
 
-TEST_F(LiveTableTest, SaysHowBusyTheLineIs)
+TEST_F(LiveTableTest, ShowsHowBusyTheLineIs)
 {
     start(R"({"tag": "Speed"})");
     const LiveTable table(*loop, project);
@@ -83,7 +83,7 @@ TEST_F(LiveTableTest, SaysHowBusyTheLineIs)
         << table.lineStatistics(clock.now()).toStdString();
 }
 
-TEST_F(LiveTableTest, SaysThatAStationIsDeadAndItsValuesAreStale)
+TEST_F(LiveTableTest, ShowsThatAStationIsDeadAndItsValuesAreStale)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -95,7 +95,7 @@ TEST_F(LiveTableTest, SaysThatAStationIsDeadAndItsValuesAreStale)
     EXPECT_EQ(LiveTable(*loop, project).changeLine(0), QString("Speed = 1234 (stale)"));
 }
 
-TEST_F(LiveTableTest, SaysThatTheLineIsDown)
+TEST_F(LiveTableTest, ShowsThatTheLineIsDown)
 {
     start(R"({"tag": "Speed"})");
     line.setPresent(false);

@@ -58,7 +58,7 @@ TEST(Plot, LeavesAGapWhereThereIsNoValue)
     EXPECT_EQ(drawn(Plot(5000ms), 3, 1, 4500ms), "   ");
 }
 
-TEST(Plot, PutsAValueThatDoesNotMoveIntoTheMiddle)
+TEST(Plot, DrawsAConstantValueInTheMiddle)
 {
     Plot plot(4000ms);
     plot.add(0ms, -7.5);
@@ -66,7 +66,7 @@ TEST(Plot, PutsAValueThatDoesNotMoveIntoTheMiddle)
     EXPECT_EQ(plot.range(4000ms).toStdString(), "-7.5 to -7.5");
 }
 
-TEST(Plot, ForgetsWhatHasLeftTheSpan)
+TEST(Plot, ForgetsValuesOlderThanItsSpan)
 {
     Plot plot(1000ms);
     plot.add(0ms, 100);

@@ -54,7 +54,7 @@ protected:
 
 } // namespace
 
-TEST_F(TableViewTest, GivesItsValuesAlone)
+TEST_F(TableViewTest, ShowsOnlyItsValues)
 {
     press("jj");
     const Page alone = view->values(100, 3, clock.now());
@@ -65,7 +65,7 @@ TEST_F(TableViewTest, GivesItsValuesAlone)
     EXPECT_EQ(view->values(100, 50, clock.now()).size(), 13);
 }
 
-TEST_F(TableViewTest, ShowsAsManyRowsAsTheWindowHasAndSaysWhich)
+TEST_F(TableViewTest, ShowsAsManyRowsAsTheWindowHasAndTheirNumbers)
 {
     EXPECT_EQ(page().size(), 10);
     EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
@@ -73,7 +73,7 @@ TEST_F(TableViewTest, ShowsAsManyRowsAsTheWindowHasAndSaysWhich)
     EXPECT_EQ(names(12), QString("L0 L1 L2 L3 L4 L5"));
 }
 
-TEST_F(TableViewTest, NeverGivesMoreThanTheWindowHolds)
+TEST_F(TableViewTest, NeverShowsMoreThanTheWindowHolds)
 {
     for (const int rows : {1, 2, 3, 7, 10, 50}) {
         for (const int width : {1, 10, 40}) {
@@ -118,7 +118,7 @@ TEST_F(TableViewTest, FollowsEachLetterOfAMatch)
     EXPECT_TRUE(footer().startsWith("1-4 of 12 by project"));
 }
 
-TEST_F(TableViewTest, EndsOnQButNotInsideAMatch)
+TEST_F(TableViewTest, QuitsOnQUnlessAMatchIsTyped)
 {
     press("/q");
     EXPECT_FALSE(view->quits());

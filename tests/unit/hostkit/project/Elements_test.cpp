@@ -83,7 +83,7 @@ TEST(ValueText, ShowsEachTypeInItsOwnWay)
     EXPECT_EQ(text("WORD", "34 12"), "0x1234");
 }
 
-TEST(ShownText, WritesDurationsOutAndTheRestAsItIs)
+TEST(ShownText, ShowsDurationsInIsoFormAndOtherValuesUnchanged)
 {
     const auto text = [](const char* name, const char* bytes) {
         const micro850::CipType& type = micro850::cipTypeNamed(name);
@@ -96,7 +96,7 @@ TEST(ShownText, WritesDurationsOutAndTheRestAsItIs)
     EXPECT_EQ(text("WORD", "34 12"), "0x1234");
 }
 
-TEST(ElementsOf, CutsWholeElementsOnly)
+TEST(ElementsOf, ReturnsOnlyWholeElements)
 {
     EXPECT_EQ(elementsOf(micro850::cipTypeNamed("INT"), hex("01 00 02 00 03")).size(), 2);
     EXPECT_EQ(elementsOf(micro850::cipTypeNamed("SHORT_STRING"), hex("02 41 42")).size(), 1);

@@ -4,14 +4,14 @@
 
 using namespace micro850::host;
 
-TEST(Match, TakesAPartOfANameWhateverItsCase)
+TEST(Match, AcceptsAPartOfANameInUpperOrLowerCase)
 {
     EXPECT_TRUE(nameMatches("TankLevel", ""));
     EXPECT_TRUE(nameMatches("TankLevel", "klev"));
     EXPECT_FALSE(nameMatches("TankLevel", "levels"));
 }
 
-TEST(Match, TakesAPatternForTheWholeName)
+TEST(Match, ComparesAPatternWithTheWholeName)
 {
     EXPECT_TRUE(nameMatches("TankLevel", "tank*"));
     EXPECT_TRUE(nameMatches("Level[3]", "Level[?]"));

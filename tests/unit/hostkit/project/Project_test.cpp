@@ -30,7 +30,7 @@ std::string withVariable(const std::string& variable)
 
 } // namespace
 
-TEST(Project, NamesADeviceWithAPercentSignAndADigitAsItIs)
+TEST(Project, ShowsADeviceWithAPercentSignAndADigitUnchanged)
 {
     PortSettings port;
     port.device = "/dev/line%2";
@@ -38,7 +38,7 @@ TEST(Project, NamesADeviceWithAPercentSignAndADigitAsItIs)
     EXPECT_EQ(port.text(), QString("/dev/line%2, 38400 8N1"));
 }
 
-TEST(Project, TakesWhatTheFileSays)
+TEST(Project, ReadsEveryKeyOfTheFile)
 {
     const Project project = Project::fromText(R"({
         "port": {"device": "/dev/ttyS1", "baud": 9600, "parity": "even", "stopBits": 2,
@@ -68,7 +68,7 @@ TEST(Project, TakesWhatTheFileSays)
     EXPECT_EQ(variable.poll, PollMode::Once);
 }
 
-TEST(Project, TakesTheScalingOfANumber)
+TEST(Project, ReadsTheScalingOfANumber)
 {
     const Project project = Project::fromText(
         R"({"variables": [{"tag": "T", "type": "INT", "gain": 0.1, "offset": -40, "unit": "C"},
@@ -81,7 +81,7 @@ TEST(Project, TakesTheScalingOfANumber)
     EXPECT_FALSE(project.variables.at(1).isScaled());
 }
 
-TEST(Project, RefusesAScalingThatShowsNothing)
+TEST(Project, RefusesAGainOfZero)
 {
     EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "gain": 0})")),
               "p.json: variables[1].gain: 0 would show every value as the offset (leave it out for "
@@ -99,7 +99,7 @@ TEST(Project, RefusesANameThatCannotBeShown)
     EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "Füllstand 1"})")), "none");
 }
 
-TEST(Project, FillsInWhatTheFileLeavesOut)
+TEST(Project, UsesDefaultsForMissingKeys)
 {
     const Project project = Project::fromText(R"({"variables": [{"tag": "Speed"}]})", "p.json");
     EXPECT_EQ(project.port.baud, 38400);
@@ -122,7 +122,7 @@ TEST(Project, ComputesTheTimeOfBytesFromTheLine)
     EXPECT_EQ(port.timeOf(1), std::chrono::milliseconds(2)); // rounded up
 }
 
-TEST(Project, NamesTheKeyPathOfAMistakeAndTheWayOut)
+TEST(Project, ReportsTheKeyPathOfAMistakeAndTheRemedy)
 {
     EXPECT_EQ(complaint(withVariable(R"({"tag": "A", "type": "INTT"})")),
               "p.json: variables[1].type: \"INTT\" is not a CIP type (did you mean INT?)");
@@ -175,7 +175,7 @@ TEST(Project, RefusesElementsThatCannotBeReached)
               "p.json: variables[1]: of a string only element 0 and length 1 can be read");
 }
 
-TEST(Project, NamesAFileThatCannotBeRead)
+TEST(Project, ReportsAFileThatCannotBeRead)
 {
     try {
         Project::fromFile("/nowhere/p.json");

@@ -42,7 +42,7 @@ TEST(TagAddress, KeepsAPercentSignAndADigitInATagsName)
     EXPECT_EQ(run.text(), QString("Fill%2[46..48]"));
 }
 
-TEST(TagAddress, RefusesWhatIsNoTagAndSaysWhatIs)
+TEST(TagAddress, RefusesATextThatIsNotATagAndShowsTheForm)
 {
     for (const char* text : {"", "[3]", "A[", "A[]", "A[x]", "A[-1]", "A[1]B", "two words", "A=1"})
     {
@@ -76,7 +76,7 @@ TEST(Assignment, NeedsAValue)
               "\"Speed\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
 }
 
-TEST(Assignment, GivesEveryElementOfARunTheOneValueOrItsOwn)
+TEST(Assignment, HasOneValueForAllElementsOfARunOrOneForEach)
 {
     const Assignment one = Assignment::fromText("A[2..4]=7");
     EXPECT_EQ(one.valuesFor(one.address), (QStringList{"7", "7", "7"}));

@@ -33,14 +33,14 @@ protected:
 
 } // namespace
 
-TEST_F(ValueStoreTest, KnowsNothingAtFirst)
+TEST_F(ValueStoreTest, HasNoValuesAtFirst)
 {
     EXPECT_EQ(values.text(kAll), QString());
     EXPECT_EQ(values.quality(kAll, 0ms, true), Quality::Never);
     EXPECT_FALSE(values.refreshedAt(kAll));
 }
 
-TEST_F(ValueStoreTest, PutsARunIntoEveryVariableThatShowsSomeOfIt)
+TEST_F(ValueStoreTest, StoresARunInEveryVariableThatShowsSomeOfIt)
 {
     storeInts(1, "0A 00 0B 00 0C 00", 5ms);
     EXPECT_EQ(values.text(kSingle), QString("11"));
@@ -52,20 +52,20 @@ TEST_F(ValueStoreTest, PutsARunIntoEveryVariableThatShowsSomeOfIt)
     EXPECT_EQ(values.refreshedAt(kAll), 5ms);
 }
 
-TEST_F(ValueStoreTest, NeverShowsAValueUnderAnotherTypeThanTheProjectSays)
+TEST_F(ValueStoreTest, IgnoresAValueWhoseTypeDiffersFromTheProjects)
 {
     storeInts(0, "01 00", 5ms);
     EXPECT_EQ(values.text(kReal), QString());
 }
 
-TEST_F(ValueStoreTest, LivesThroughATypeThatSaysNoSize)
+TEST_F(ValueStoreTest, AcceptsATypeWithoutASize)
 {
     const micro850::CipType sizeless = {"NONE", 0xFF, 0, micro850::CipKind::Unsigned, 0, 0};
     values.store(level, 0, sizeless, hex("01 02"), 5ms);
     EXPECT_FALSE(values.wasRead(kAll));
 }
 
-TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
+TEST_F(ValueStoreTest, ReportsOnlyVariablesWhoseElementsChanged)
 {
     storeInts(0, "01 00 02 00 03 00 04 00", 5ms);
     values.popChanged();
@@ -76,13 +76,13 @@ TEST_F(ValueStoreTest, TellsOnlyOfValuesThatChanged)
     EXPECT_EQ(values.text(kAll), QString("[1, 2, 3, 5]"));
 }
 
-TEST_F(ValueStoreTest, TellsAValueOfAnotherStationApart)
+TEST_F(ValueStoreTest, DistinguishesTagsOfDifferentStations)
 {
     values.store({2, "Level"}, 0, micro850::cipTypeNamed("INT"), hex("01 00"), 5ms);
     EXPECT_EQ(values.text(kOnce), QString());
 }
 
-TEST_F(ValueStoreTest, CallsAValueStaleWhenItIsOldOrItsStationIsDead)
+TEST_F(ValueStoreTest, MarksAValueStaleWhenItIsOldOrItsStationIsDead)
 {
     storeInts(2, "0B 00", 100ms);
     EXPECT_EQ(values.quality(kSingle, 1100ms, true), Quality::Good);
@@ -90,14 +90,14 @@ TEST_F(ValueStoreTest, CallsAValueStaleWhenItIsOldOrItsStationIsDead)
     EXPECT_EQ(values.quality(kSingle, 100ms, false), Quality::Stale);
 }
 
-TEST_F(ValueStoreTest, LetsAValueThatIsReadOnceGrowOld)
+TEST_F(ValueStoreTest, KeepsAValueThatIsReadOnceGoodWhateverItsAge)
 {
     storeInts(0, "01 00", 100ms);
     EXPECT_EQ(values.quality(kOnce, 100000ms, true), Quality::Good);
     EXPECT_EQ(values.quality(kOnce, 100000ms, false), Quality::Stale);
 }
 
-TEST_F(ValueStoreTest, KeepsTheValueBesideAnErrorUntilTheNextGoodReply)
+TEST_F(ValueStoreTest, KeepsTheValueAndTheErrorUntilTheNextGoodReply)
 {
     storeInts(2, "0B 00", 100ms);
     values.setError(kSingle, "gone");
@@ -108,7 +108,7 @@ TEST_F(ValueStoreTest, KeepsTheValueBesideAnErrorUntilTheNextGoodReply)
     EXPECT_EQ(values.quality(kSingle, 200ms, true), Quality::Good);
 }
 
-TEST_F(ValueStoreTest, TellsWhatChangedOnceAndNothingThatDidNot)
+TEST_F(ValueStoreTest, ReportsEachChangeOnce)
 {
     storeInts(2, "0B 00", 100ms);
     EXPECT_EQ(values.popChanged(), (QSet<int>{kSingle, kAll}));

@@ -25,7 +25,7 @@ std::string complaint(const char* text)
 
 } // namespace
 
-TEST(VariableList, TakesItsColumnsByTheirHeadings)
+TEST(VariableList, FindsItsColumnsByTheirHeadings)
 {
     const VariableList list = listOf("Comment,Data Type,NAME,Dimension\r\n"
                                      "\"a, b\",INT,Speed,\r\n"
@@ -39,10 +39,10 @@ TEST(VariableList, TakesItsColumnsByTheirHeadings)
     EXPECT_STREQ(list.variables.at(1).type->name, "DINT");
     EXPECT_EQ(list.variables.at(1).length, 20);
     EXPECT_EQ(list.variables.at(2).length, 300);
-    EXPECT_TRUE(list.passedOver.isEmpty());
+    EXPECT_TRUE(list.ignored.isEmpty());
 }
 
-TEST(VariableList, KnowsTheSeparatorsOfSpreadsheets)
+TEST(VariableList, AcceptsTheSeparatorsOfSpreadsheets)
 {
     EXPECT_EQ(listOf("Name;Data type\nA,B;INT\n").variables.at(0).name, QString("A,B"));
     EXPECT_EQ(listOf("Tag\tType\nA\tINT\n").variables.at(0).name, QString("A"));
@@ -56,7 +56,7 @@ TEST(VariableList, LeavesTheTypeOfAStringToTheController)
     EXPECT_EQ(list.variables.at(0).type, nullptr);
 }
 
-TEST(VariableList, SaysWhatItPassesOverAndWhy)
+TEST(VariableList, ReportsTheIgnoredLinesAndTheReasons)
 {
     const VariableList list = listOf("Name,Type,Dimension\n"
                                      "Timer,TON,\n"
@@ -67,7 +67,7 @@ TEST(VariableList, SaysWhatItPassesOverAndWhy)
                                      "A,INT,\n"
                                      "Names,STRING,4\n");
     EXPECT_EQ(list.variables.size(), 1);
-    EXPECT_EQ(list.passedOver,
+    EXPECT_EQ(list.ignored,
               (QStringList{"line 2: Timer: \"TON\" is not an elementary type",
                            "line 3: Grid: the dimension \"[0..3,0..3]\" is not one run of elements",
                            "line 4: Back: the dimension \"9..1\" is not one run of elements",
@@ -75,7 +75,7 @@ TEST(VariableList, SaysWhatItPassesOverAndWhy)
                            "line 8: Names: of several strings only the first can be read"}));
 }
 
-TEST(VariableList, PassesOverWhatAProjectWouldNotTake)
+TEST(VariableList, IgnoresLinesThatAProjectWouldRefuse)
 {
     const VariableList list = listOf("Name,Type,Dimension\n"
                                      "Fill level,INT,\n"
@@ -84,7 +84,7 @@ TEST(VariableList, PassesOverWhatAProjectWouldNotTake)
                                      "Titles,SHORT_STRING,4\n");
     EXPECT_TRUE(list.variables.isEmpty());
     const QString noTag = ": is not a tag (letters, digits and signs without blanks)";
-    EXPECT_EQ(list.passedOver,
+    EXPECT_EQ(list.ignored,
               (QStringList{"line 2: Fill level" + noTag, "line 3: A[3]" + noTag,
                            QString::fromUtf8("line 4: F\xC3\xBCllung") + noTag,
                            "line 5: Titles: of several strings only the first can be read"}));

@@ -93,7 +93,7 @@ TEST_F(RecorderTest, RefusesAFileWithAnotherHeadingAndLeavesItUnchanged)
     other.close();
     EXPECT_EQ(complaint([&] { Recorder::csv(path("v.csv")); }),
               path("v.csv").toStdString() +
-                  ": has another heading than a record (name a new file)");
+                  ": does not have the heading of a recording (name a new file)");
     EXPECT_EQ(text("v.csv"), "precious,data\n");
 }
 
@@ -134,7 +134,7 @@ TEST_F(RecorderTest, CommitsWithEachFlushAndAtTheEnd)
     EXPECT_EQ(query("v.db", count), std::vector<std::string>{"3"});
 }
 
-TEST_F(RecorderTest, NamesAFileThatCannotBeWritten)
+TEST_F(RecorderTest, ReportsAFileThatCannotBeWritten)
 {
     EXPECT_EQ(
         complaint([] { Recorder::csv("/none/v.csv"); }).find("/none/v.csv: cannot be written: "),

@@ -1,5 +1,5 @@
-#ifndef MICRO850_TESTS_TOOL_FIXTURE_H
-#define MICRO850_TESTS_TOOL_FIXTURE_H
+#ifndef MICRO850_TESTS_PROGRAM_FIXTURE_H
+#define MICRO850_TESTS_PROGRAM_FIXTURE_H
 
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-/// What a program said, and its exit status.
+/// The output of a program and its exit status.
 struct Result
 {
     int status;
@@ -18,35 +18,35 @@ struct Result
     std::string err;
 };
 
-/// Runs a program to its end. A program that hangs is killed and gives status -1.
+/// Runs a program until it ends. A program that hangs is killed; its status is -1.
 Result runProgram(const QString& program, const QStringList& arguments,
                   const QStringList& environment = QStringList(),
                   const QString& directory = QString());
 
-/// The programs in a directory of their own, with a simulated controller once one is started.
-class ToolTest : public ::testing::Test
+/// Runs the programs in a temporary directory, with a simulated controller when a test starts one.
+class ProgramTest : public ::testing::Test
 {
 protected:
-    ToolTest();
-    ~ToolTest() override;
+    ProgramTest();
+    ~ProgramTest() override;
 
     /// Starts micro850-sim with these tags (the inside of a JSON array) and waits for its port.
     void simulate(const std::string& tags, const QStringList& options = QStringList());
-    /// The same that most tests use: numbers, an array, a text, a real.
+    /// The same with the tags that most tests use: numbers, an array, a text, a real.
     void simulate();
     /// The example plant.
     void simulatePlant();
     /// Starts micro850-sim to answer from a trace.
     void simulateFrom(const QString& trace);
-    /// Starts micro850-sim with so many stations, 1 and up; the tags (the inside of a JSON array)
-    /// of each are its own. Station N is at port() + ".N".
+    /// Starts micro850-sim with one station, 1 and up, for each list of tags (the inside of a JSON
+    /// array). Station N is at port() + ".N".
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
 
-    /// Runs micro850-host in the directory; `port` appends the simulator's.
+    /// Runs micro850-host in the directory; hostOnPort() appends the simulator's port.
     Result host(const QStringList& arguments) const;
     Result hostOnPort(QStringList arguments) const;
-    /// Puts a file into the directory and gives its path.
+    /// Writes a file into the directory and returns its path.
     QString file(const QString& name, const std::string& text) const;
     QString path(const QString& name) const { return m_dir.filePath(name); }
     QString port() const { return path(QStringLiteral("plc")); }
@@ -60,7 +60,7 @@ private:
     std::unique_ptr<QProcess> m_simulator;
 };
 
-/// A terminal at whose other end nobody answers, raw as a serial line is.
+/// A terminal without anyone at its other end, raw as a serial line is.
 class SilentPort
 {
 public:
@@ -75,7 +75,7 @@ private:
     QString m_path;
 };
 
-/// The lines of a text, without the last line's end.
+/// The lines of a text; the line end at the end of the text is ignored.
 QStringList linesOf(const std::string& text);
 
 #endif

@@ -1,4 +1,4 @@
-#include "tool_fixture.h"
+#include "program_fixture.h"
 
 #include <QtCore/QFile>
 
@@ -51,36 +51,36 @@ SilentPort::~SilentPort()
     ::close(m_master);
 }
 
-ToolTest::ToolTest()
+ProgramTest::ProgramTest()
 {
     EXPECT_TRUE(m_dir.isValid());
 }
 
-ToolTest::~ToolTest()
+ProgramTest::~ProgramTest()
 {
     stopSimulator();
 }
 
-void ToolTest::simulate(const std::string& tags, const QStringList& options)
+void ProgramTest::simulate(const std::string& tags, const QStringList& options)
 {
     startSimulator(QStringList{file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}")} +
                    options);
     ASSERT_TRUE(QFile::exists(port()));
 }
 
-void ToolTest::simulatePlant()
+void ProgramTest::simulatePlant()
 {
     startSimulator({QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json")});
     ASSERT_TRUE(QFile::exists(port()));
 }
 
-void ToolTest::simulateFrom(const QString& trace)
+void ProgramTest::simulateFrom(const QString& trace)
 {
     startSimulator({QStringLiteral("--replay"), trace});
     ASSERT_TRUE(QFile::exists(port()));
 }
 
-void ToolTest::simulateStations(const std::vector<std::string>& tags)
+void ProgramTest::simulateStations(const std::vector<std::string>& tags)
 {
     QStringList arguments;
     for (std::size_t i = 0; i < tags.size(); ++i) {
@@ -94,8 +94,8 @@ void ToolTest::simulateStations(const std::vector<std::string>& tags)
         ASSERT_TRUE(waitForPort(port() + '.' + QString::number(i + 1)));
 }
 
-// It names each port once that can be opened.
-bool ToolTest::waitForPort(const QString& link)
+// The simulator prints each port as soon as the port can be opened.
+bool ProgramTest::waitForPort(const QString& link)
 {
     while (!QFile::exists(link)) {
         if (!m_simulator->waitForReadyRead(kLimitMs))
@@ -104,7 +104,7 @@ bool ToolTest::waitForPort(const QString& link)
     return true;
 }
 
-void ToolTest::startSimulator(const QStringList& arguments)
+void ProgramTest::startSimulator(const QStringList& arguments)
 {
     m_simulator = std::make_unique<QProcess>();
     m_simulator->start(QStringLiteral(MICRO850_SIM),
@@ -113,7 +113,7 @@ void ToolTest::startSimulator(const QStringList& arguments)
         << m_simulator->readAllStandardError().toStdString();
 }
 
-void ToolTest::simulate()
+void ProgramTest::simulate()
 {
     simulate(R"({"name": "Speed", "type": "INT", "value": 1234},
                 {"name": "Level", "type": "INT", "length": 10,
@@ -126,7 +126,7 @@ void ToolTest::simulate()
                 {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
 }
 
-void ToolTest::stopSimulator()
+void ProgramTest::stopSimulator()
 {
     if (!m_simulator)
         return;
@@ -136,17 +136,17 @@ void ToolTest::stopSimulator()
     m_simulator.reset();
 }
 
-Result ToolTest::host(const QStringList& arguments) const
+Result ProgramTest::host(const QStringList& arguments) const
 {
     return runProgram(QStringLiteral(MICRO850_HOST), arguments, QStringList(), m_dir.path());
 }
 
-Result ToolTest::hostOnPort(QStringList arguments) const
+Result ProgramTest::hostOnPort(QStringList arguments) const
 {
     return host(arguments << QStringLiteral("--port") << port());
 }
 
-QString ToolTest::file(const QString& name, const std::string& text) const
+QString ProgramTest::file(const QString& name, const std::string& text) const
 {
     QFile out(path(name));
     EXPECT_TRUE(out.open(QIODevice::WriteOnly));
@@ -154,7 +154,7 @@ QString ToolTest::file(const QString& name, const std::string& text) const
     return path(name);
 }
 
-std::string ToolTest::textOf(const QString& name) const
+std::string ProgramTest::textOf(const QString& name) const
 {
     QFile in(path(name));
     EXPECT_TRUE(in.open(QIODevice::ReadOnly)) << name.toStdString();
