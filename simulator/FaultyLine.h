@@ -2,7 +2,8 @@
 #define MICRO850_SIMULATOR_FAULTYLINE_H
 
 #include "Controller.h"
-#include "Faults.h"
+#include "Dice.h"
+#include "FaultScript.h"
 #include "TransmissionSplitter.h"
 
 #include <deque>

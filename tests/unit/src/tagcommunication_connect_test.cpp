@@ -2,7 +2,7 @@
 
 #include "driver_fixture.h"
 #include "fixed_time_of_day.h"
-#include "serial_model.h"
+#include "serial_numbers.h"
 
 using wire::hex;
 
@@ -28,7 +28,7 @@ protected:
     quint32 nextSerial()
     {
         clock.setSeconds(++second);
-        return serial_model::at(second);
+        return serial_numbers::at(second);
     }
     static QByteArray connectionRequest(quint16 tns, quint32 serial)
     {
@@ -47,7 +47,7 @@ protected:
 
 TEST_F(Connecting, UsesOneTransactionNumberForEachFrame)
 {
-    const quint32 serial = serial_model::at(second);
+    const quint32 serial = serial_numbers::at(second);
     identify(1);
     EXPECT_BYTES(next(), connectionRequest(2, serial));
     EXPECT_FALSE(getHandshakeInformation(1));
@@ -80,7 +80,7 @@ TEST_F(Connecting, RestartsAfterAnUnansweredIdentityRequest)
 
 TEST_F(Connecting, ResendsAConnectionRequestThreeTimesWithANewTransactionAndSerialNumber)
 {
-    const quint32 serial = serial_model::at(second);
+    const quint32 serial = serial_numbers::at(second);
     identify(1);
     EXPECT_BYTES(next(), connectionRequest(2, serial));
     for (quint16 tns = 3; tns <= 5; ++tns) {
@@ -98,7 +98,7 @@ TEST_F(Connecting, ResendsAConnectionRequestThreeTimesWithANewTransactionAndSeri
 
 TEST_F(Connecting, ResendsWithTheSameSerialNumberWithinOneSecond)
 {
-    const quint32 serial = serial_model::at(second);
+    const quint32 serial = serial_numbers::at(second);
     identify(1);
     reply(QByteArray());
     EXPECT_BYTES(next(), connectionRequest(3, serial));
@@ -110,7 +110,7 @@ TEST_F(Connecting, DoesNotChangeTheSendLengthOfAResentRequest)
     identify(0x000D);
     const int length = PLC_driver.sendQueue.first().sendLength;
     EXPECT_EQ(length, PLC_driver.sendQueue.first().frame.size());
-    second = serial_model::secondWithDles(1) - 1;
+    second = serial_numbers::secondWithDles(1) - 1;
     const quint32 serial = nextSerial();
     reply(QByteArray());
     EXPECT_BYTES(next(), connectionRequest(0x000F, serial));

@@ -3,7 +3,7 @@
 #include "driver_fixture.h"
 #include "fixed_time_of_day.h"
 #include "lock_witness.h"
-#include "serial_model.h"
+#include "serial_numbers.h"
 
 #include <vector>
 
@@ -83,7 +83,7 @@ TEST_F(Handshake, QueuesTheIdentityRequestByteForByte)
 TEST_F(Handshake, QueuesTheConnectionRequestAfterIt)
 {
     begin(1);
-    const quint32 serial = serial_model::at(12 * 3600 + 34 * 60 + 56);
+    const quint32 serial = serial_numbers::at(12 * 3600 + 34 * 60 + 56);
     expectQueued(queued(1), connectionRequest(2, serial), 46);
     const QByteArray plain = wire::unframed(queued(1).frame);
     EXPECT_BYTES(plain.left(28), hex("00 01 0B 00 02 00 00 00 54 02 20 06 24 01 05 F7 02 00 00 80 "
@@ -165,12 +165,13 @@ TEST_F(Handshake, AppendsAfterQueuedFrames)
 TEST_F(Handshake, LengthensTheConnectionRequestByOneByteForEachDleInTheSerialNumber)
 {
     for (int dles = 1; dles <= 2; ++dles) {
-        clock.setSeconds(serial_model::secondWithDles(dles));
+        clock.setSeconds(serial_numbers::secondWithDles(dles));
         begin(1);
         EXPECT_EQ(queued(1).frame.size(), 62 + dles);
         EXPECT_EQ(queued(1).sendLength, 62 + dles);
-        EXPECT_BYTES(queued(1).frame,
-                     connectionRequest(2, serial_model::at(serial_model::secondWithDles(dles))));
+        EXPECT_BYTES(
+            queued(1).frame,
+            connectionRequest(2, serial_numbers::at(serial_numbers::secondWithDles(dles))));
     }
 }
 
@@ -341,7 +342,7 @@ TEST_F(IdentityReply, SetsTheCurrentCounterInTheConnectionRequest)
 {
     begin(7);
     const QByteArray identity = queued(0).frame;
-    const quint32 serial = serial_model::at(12 * 3600 + 34 * 60 + 56);
+    const quint32 serial = serial_numbers::at(12 * 3600 + 34 * 60 + 56);
     check(QByteArray());
     clock.set(QTime(1, 2, 3));
     EXPECT_EQ(check(wire::identityReply(7)), 1);
@@ -366,13 +367,13 @@ TEST_F(IdentityReply, DoesNotChangeTheSendLengthOfALongerConnectionRequest)
 TEST_F(IdentityReply, UndoublesTheConnectionRequestBeforePatchingIt)
 {
     // The transaction number 0x0010 and the serial number contain a DLE each, doubled in the queue.
-    const int second = serial_model::secondWithDles(1);
+    const int second = serial_numbers::secondWithDles(1);
     clock.setSeconds(second);
     begin(0x000F);
     EXPECT_EQ(queued(1).frame.size(), 64);
     check(QByteArray());
     EXPECT_EQ(check(wire::identityReply(0x000F)), 1);
-    EXPECT_BYTES(queued(1).frame, connectionRequest(0x0011, serial_model::at(second)));
+    EXPECT_BYTES(queued(1).frame, connectionRequest(0x0011, serial_numbers::at(second)));
 }
 
 TEST_F(IdentityReply, IsAcceptedWithOneRequestQueuedAndPatchesNothing)
@@ -425,7 +426,7 @@ CrcCase requestWithCrc(quint16 wanted)
 {
     for (quint16 tns = 2; tns < 60; ++tns) {
         for (int second = 0; second < 86400; ++second) {
-            const QByteArray data = wire::forwardOpenRequest(tns, serial_model::at(second));
+            const QByteArray data = wire::forwardOpenRequest(tns, serial_numbers::at(second));
             if (wire::crc16Arc(data + hex("03")) == wanted)
                 return {second, tns};
         }
@@ -443,7 +444,7 @@ TEST_F(IdentityReply, PatchesARequestWhoseCrcLooksLikeAPairOfDles)
     check(QByteArray());
     EXPECT_EQ(check(wire::identityReply(found.tns)), 1);
     EXPECT_BYTES(queued(1).frame, connectionRequest(static_cast<quint16>(found.tns + 1),
-                                                    serial_model::at(found.second)));
+                                                    serial_numbers::at(found.second)));
 }
 
 TEST_F(IdentityReply, CanBeFollowedByAResendOfARequestWhoseCrcLooksLikeAPairOfDles)
@@ -455,7 +456,7 @@ TEST_F(IdentityReply, CanBeFollowedByAResendOfARequestWhoseCrcLooksLikeAPairOfDl
     QByteArray nothing;
     EXPECT_EQ(DataCom(&nothing, 0)->retValue, 201);
     EXPECT_BYTES(queued(0).frame, connectionRequest(static_cast<quint16>(found.tns + 1),
-                                                    serial_model::at(found.second)));
+                                                    serial_numbers::at(found.second)));
 }
 
 TEST_F(IdentityReply, DoesNotDoubleACrcThatLooksLikeAPairOfDles)
@@ -465,7 +466,7 @@ TEST_F(IdentityReply, DoesNotDoubleACrcThatLooksLikeAPairOfDles)
     begin(static_cast<quint16>(found.tns - 2));
     check(QByteArray());
     EXPECT_EQ(check(wire::identityReply(found.tns)), 1);
-    EXPECT_BYTES(queued(1).frame, connectionRequest(found.tns, serial_model::at(found.second)));
+    EXPECT_BYTES(queued(1).frame, connectionRequest(found.tns, serial_numbers::at(found.second)));
     ASSERT_TRUE(queued(1).frame.endsWith(hex("10 03 10 10")));
 }
 

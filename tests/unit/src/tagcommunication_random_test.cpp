@@ -1,7 +1,7 @@
 // The random number that becomes the originator serial number of a connection request.
 
 #include "fixed_time_of_day.h"
-#include "serial_model.h"
+#include "serial_numbers.h"
 #include "tagcommunication.h"
 
 #include <gtest/gtest.h>
@@ -38,7 +38,7 @@ TEST(RandomNumber, IsTheFirstNumberOfTheGeneratorSeededWithTheSecondsOfTheDay)
     FixedTimeOfDay clock(QTime(0, 0, 0));
     for (int second : {0, 1, 59, 60, 3600, 43200, 86399}) {
         clock.setSeconds(second);
-        EXPECT_EQ(quint32(get_random_number()), serial_model::at(second)) << second;
+        EXPECT_EQ(quint32(get_random_number()), serial_numbers::at(second)) << second;
     }
 }
 
@@ -61,7 +61,7 @@ TEST(RandomNumber, StaysBelow16777215AllDay)
     for (int second = 0; second < 86400; ++second) {
         clock.setSeconds(second);
         const int number = get_random_number();
-        ASSERT_EQ(quint32(number), serial_model::at(second)) << second;
+        ASSERT_EQ(quint32(number), serial_numbers::at(second)) << second;
         least = qMin(least, number);
         largest = qMax(largest, number);
     }
@@ -74,10 +74,10 @@ TEST(RandomNumber, UsesTheLocalTimeOfDay)
     const LocalTime elsewhere("XST-5:30");
     // The clock is real, so try again when the second changes during the call.
     for (int attempt = 0; attempt < 100; ++attempt) {
-        const int before = serial_model::localSecondOfDay();
+        const int before = serial_numbers::localSecondOfDay();
         const int number = get_random_number();
-        if (serial_model::localSecondOfDay() == before) {
-            EXPECT_EQ(quint32(number), serial_model::at(before));
+        if (serial_numbers::localSecondOfDay() == before) {
+            EXPECT_EQ(quint32(number), serial_numbers::at(before));
             return;
         }
     }

@@ -47,16 +47,16 @@ class Includes(Tree):
         self.assertIn("hostkit/record/Recorder.cpp:1: must not include hostkit/poll/PollLoop.h", self.problems()[0])
 
     def test_refuses_an_include_of_the_host_kit_by_the_simulator_and_the_other_way(self):
-        self.write("simulator/Faults.h", "#pragma once\n")
-        self.write("simulator/Faults.cpp", '#include "Line.h"\n')
-        self.write("hostkit/poll/Session.cpp", '#include "Faults.h"\n')
+        self.write("simulator/FaultScript.h", "#pragma once\n")
+        self.write("simulator/FaultScript.cpp", '#include "Line.h"\n')
+        self.write("hostkit/poll/Session.cpp", '#include "FaultScript.h"\n')
         self.assertEqual([problem.split(":")[0] for problem in self.problems()],
-                         ["hostkit/poll/Session.cpp", "simulator/Faults.cpp"])
+                         ["hostkit/poll/Session.cpp", "simulator/FaultScript.cpp"])
 
     def test_refuses_an_include_of_the_driver_by_the_simulator(self):
         self.write("src/Device_Driver.h", "#pragma once\n")
-        self.write("simulator/Faults.cpp", '#include "Device_Driver.h"\n')
-        self.assertIn("simulator/Faults.cpp:1: must not include src/Device_Driver.h", self.problems()[0])
+        self.write("simulator/FaultScript.cpp", '#include "Device_Driver.h"\n')
+        self.assertIn("simulator/FaultScript.cpp:1: must not include src/Device_Driver.h", self.problems()[0])
 
     def test_lets_the_host_kit_see_the_declarations_of_the_driver_but_not_its_internals(self):
         self.write("src/Device_Driver.h", "#pragma once\n")
@@ -74,7 +74,7 @@ class Includes(Tree):
 
     def test_takes_the_file_beside_the_includer_before_one_of_the_same_name_elsewhere(self):
         self.write("simulator/Line.h", "#pragma once\n")
-        self.write("simulator/Faults.cpp", '#include "Line.h"\n')
+        self.write("simulator/FaultScript.cpp", '#include "Line.h"\n')
         self.assertEqual(self.problems(), [])
 
     def test_refuses_a_name_that_two_visible_rooms_have(self):

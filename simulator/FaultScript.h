@@ -1,10 +1,9 @@
-#ifndef MICRO850_SIMULATOR_FAULTS_H
-#define MICRO850_SIMULATOR_FAULTS_H
+#ifndef MICRO850_SIMULATOR_FAULTSCRIPT_H
+#define MICRO850_SIMULATOR_FAULTSCRIPT_H
 
 #include "CipServer.h"
 
 #include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -64,21 +63,6 @@ using FaultScript = std::vector<Fault>;
 /// Parses a fault script. Throws UserError that names file, key and remedy.
 FaultScript faultsFromFile(const std::string& path);
 FaultScript faultsFromText(const std::string& text, const std::string& name);
-
-/// Random numbers: the same seed gives the same numbers on every machine.
-class Dice
-{
-public:
-    explicit Dice(std::uint64_t seed) : m_numbers(seed) {}
-
-    /// True with probability `rate`, 0 to 1.
-    bool hits(double rate) { return static_cast<double>(m_numbers() >> 11) * 0x1p-53 < rate; }
-    /// A number from 0 to `end` - 1; 0 when `end` is 0.
-    std::uint64_t below(std::uint64_t end) { return end == 0 ? 0 : m_numbers() % end; }
-
-private:
-    std::mt19937_64 m_numbers;
-};
 
 } // namespace micro850::sim
 

@@ -1,4 +1,4 @@
-#include "Faults.h"
+#include "FaultScript.h"
 
 #include "JsonFile.h"
 #include "UserError.h"

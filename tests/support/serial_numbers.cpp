@@ -1,10 +1,10 @@
-#include "serial_model.h"
+#include "serial_numbers.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 
-namespace serial_model {
+namespace serial_numbers {
 
 quint32 at(int secondOfDay)
 {
@@ -37,4 +37,4 @@ int localSecondOfDay()
     return local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
 }
 
-} // namespace serial_model
+} // namespace serial_numbers
