@@ -57,10 +57,14 @@ class Document(unittest.TestCase):
 
 class Targets(unittest.TestCase):
     def test_reports_for_each_goal_whether_the_figure_reaches_it(self):
-        cost = dict(COST, dint=dict(COST["dint"], instructions=6401), int=dict(COST["int"], instructions=6400))
-        lines = report.targets_table({"cost": cost})
-        self.assertRegex(lines[1], r"INT read and fetch: instructions +<= 6400 +6400  reached")
-        self.assertRegex(lines[3], r"DINT read and fetch: instructions +<= 6400 +6401  not reached")
+        for count, verdict in (6400, "reached"), (6401, "not reached"):
+            lines = report.targets_table({"cost": dict(COST, int=dict(COST["int"], instructions=count))})
+            self.assertRegex(lines[1], rf"^INT read and fetch: instructions +<= 6400 +{count}  {verdict}$")
+
+    def test_has_a_goal_for_the_allocations_of_every_type(self):
+        lines = report.targets_table({"cost": dict(COST, dint=dict(COST["dint"], allocations=3.01))})
+        self.assertRegex(lines[3], r"^DINT read and fetch: allocations +<= 3 +3.01  not reached$")
+        self.assertRegex(lines[4], r"^LREAL read and fetch: allocations +<= 3 +2.00  reached$")
 
 
 if __name__ == "__main__":
