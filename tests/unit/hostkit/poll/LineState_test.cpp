@@ -1,0 +1,89 @@
+#include "LineState.h"
+
+#include "fake_line.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+using namespace std::chrono_literals;
+
+namespace {
+
+class LineStateTest : public ::testing::Test
+{
+protected:
+    // Calls until the device was opened so often; the times between the attempts.
+    std::vector<micro850::Duration> intervalsOf(size_t attempts)
+    {
+        line.openedAt.clear();
+        while (line.openedAt.size() < attempts)
+            state.ensureOpen();
+        std::vector<micro850::Duration> intervals;
+        for (size_t i = 1; i < attempts; ++i)
+            intervals.push_back(line.openedAt[i] - line.openedAt[i - 1]);
+        return intervals;
+    }
+
+    micro850::VirtualClock clock;
+    FakeLine line{clock};
+    LineState state{line, clock};
+};
+
+} // namespace
+
+TEST_F(LineStateTest, OpensTheLineAtOnce)
+{
+    EXPECT_FALSE(state.isOpen());
+    EXPECT_TRUE(state.ensureOpen());
+    EXPECT_TRUE(state.isOpen());
+    EXPECT_EQ(clock.now(), 0ms);
+    EXPECT_EQ(state.reconnects(), 0);
+}
+
+TEST_F(LineStateTest, TriesToOpenAMissingDeviceAtGrowingIntervals)
+{
+    line.setPresent(false);
+    EXPECT_EQ(intervalsOf(8), (std::vector<micro850::Duration>{250ms, 500ms, 1s, 2s, 4s, 5s, 5s}));
+    EXPECT_EQ(state.error(), QString("no such device"));
+}
+
+TEST_F(LineStateTest, PausesOnlyMillisecondsWithinACall)
+{
+    line.setPresent(false);
+    state.ensureOpen();
+    EXPECT_FALSE(state.ensureOpen());
+    EXPECT_EQ(clock.now(), 20ms);
+    state.pause(5ms);
+    EXPECT_EQ(clock.now(), 25ms);
+}
+
+TEST_F(LineStateTest, ClosesALostLineAndCountsItsReturn)
+{
+    state.ensureOpen();
+    state.ensureOpen();
+    state.lose();
+    EXPECT_FALSE(state.isOpen());
+    EXPECT_EQ(state.error(), QString("the device is gone"));
+    while (!state.ensureOpen()) {
+    }
+    EXPECT_EQ(clock.now(), 250ms);
+    EXPECT_EQ(state.error(), QString());
+    EXPECT_EQ(state.reconnects(), 1);
+}
+
+TEST_F(LineStateTest, LetsTheIntervalGrowUntilBytesFlow)
+{
+    for (int i = 0; i < 3; ++i) {
+        while (!state.ensureOpen()) {
+        }
+        state.lose();
+    }
+    EXPECT_EQ(intervalsOf(1).size(), 0u);
+    EXPECT_EQ(line.openedAt.at(0), 250ms + 500ms + 1s);
+
+    state.noteTraffic();
+    state.lose();
+    const micro850::Duration lost = clock.now();
+    intervalsOf(1);
+    EXPECT_EQ(line.openedAt.at(0) - lost, 250ms);
+}

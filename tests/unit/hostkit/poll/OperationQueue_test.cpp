@@ -1,0 +1,263 @@
+#include "OperationQueue.h"
+
+#include "fake_driver.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+using namespace std::chrono_literals;
+using State = Operation::State;
+using Queued = std::vector<std::string>;
+
+namespace {
+
+const quint16 kInt = 0xC3;
+const TagKey kA = {1, "A"};
+const TagKey kB = {1, "B"};
+
+class OperationQueueTest : public ::testing::Test
+{
+protected:
+    OperationQueueTest()
+    {
+        for (const int number : {1, 2}) {
+            StationSettings settings;
+            settings.number = number;
+            stations.insert(number, Station(settings));
+        }
+    }
+
+    int add(Operation::Kind kind, const TagKey& key, int element = 0)
+    {
+        Operation operation;
+        operation.kind = kind;
+        operation.tag = key;
+        operation.element = element;
+        operation.value = QByteArray("\x07\x00", 2);
+        operation.awaited = true;
+        return queue.add(operation);
+    }
+    int read(const TagKey& key, int element = 0)
+    {
+        return add(Operation::Kind::Read, key, element);
+    }
+    int write(const TagKey& key, int element = 0)
+    {
+        return add(Operation::Kind::Write, key, element);
+    }
+    // Gives what is possible to the driver and returns what it got.
+    Queued pump()
+    {
+        queue.pump(stations);
+        return driver.popQueued();
+    }
+    void finish(int id, bool succeeded, const ReplyStatus& status = ReplyStatus())
+    {
+        driver.report(id, succeeded);
+        queue.endFinished(status);
+    }
+    std::string outcome(int id) const
+    {
+        const Operation* operation = queue.outcome(id);
+        if (!operation)
+            return "under way";
+        const std::string error = operation->error.toStdString();
+        return operation->state == State::Done      ? "done"
+               : operation->state == State::Refused ? "refused: " + error
+                                                    : "failed: " + error;
+    }
+
+    FakeDriver driver;
+    Driver calls{driver.api(), 1, 2};
+    micro850::VirtualClock clock;
+    Project project;
+    ValueStore values{project};
+    TypeRegistry types{project, clock, values};
+    OperationQueue queue{calls, types};
+    QMap<int, Station> stations;
+};
+
+} // namespace
+
+TEST_F(OperationQueueTest, DeclaresANameToTheDriverOnce)
+{
+    queue.declare(kA);
+    read(kA);
+    queue.declare(kB);
+    EXPECT_EQ(driver.declared, (Queued{"A", "B"}));
+}
+
+TEST_F(OperationQueueTest, GivesTheDriverOneOperationOfAStationAtATime)
+{
+    for (const TagKey& key : {kA, kB, TagKey{2, "C"}}) {
+        queue.declare(key);
+        types.learn(key, kInt);
+    }
+    const int first = read(kA, 3);
+    write(kB);
+    read({2, "C"});
+    EXPECT_EQ(pump(), (Queued{"read A[3] x1 #1", "read C[0] x1 #3"}));
+    EXPECT_EQ(pump(), Queued());
+    finish(first, true);
+    EXPECT_EQ(outcome(first), "done");
+    EXPECT_EQ(pump(), Queued{"write B[0] x1 #2"});
+}
+
+TEST_F(OperationQueueTest, LearnsTheTypeBeforeTheOperationThatNeedsIt)
+{
+    const int wanted = write(kA, 5);
+    const int other = write(kA, 6);
+    EXPECT_EQ(pump(), Queued{"learn A[0] x1 #3"});
+    EXPECT_EQ(types.tag(kA).state, Tag::State::Asking);
+    types.learn(kA, kInt);
+    finish(3, true);
+    EXPECT_EQ(queue.find(3, kA), nullptr) << "nobody awaits it";
+    EXPECT_EQ(pump(), Queued{"write A[5] x1 #1"});
+    finish(wanted, true);
+    EXPECT_EQ(pump(), Queued{"write A[6] x1 #2"});
+    EXPECT_EQ(outcome(other), "under way");
+}
+
+TEST_F(OperationQueueTest, RefusesAnOperationWhoseTagWasRefused)
+{
+    const int id = read(kA);
+    pump();
+    types.refuseTag(kA, "not there");
+    finish(2, true, {"not there", false});
+    pump();
+    EXPECT_EQ(outcome(id), "refused: not there");
+}
+
+TEST_F(OperationQueueTest, FailsAnOperationWhoseTypeIsNotLearntInThreeAttempts)
+{
+    const int id = read(kA);
+    for (const int learn : {2, 3, 4}) {
+        EXPECT_EQ(pump(), Queued{"learn A[0] x1 #" + std::to_string(learn)});
+        finish(learn, false);
+    }
+    EXPECT_EQ(pump(), Queued());
+    EXPECT_EQ(outcome(id), "failed: no answer");
+}
+
+TEST_F(OperationQueueTest, LetsTheTypeBeAskedForAgainAfterNoAnswer)
+{
+    queue.askForType(kA);
+    pump();
+    finish(1, false);
+    EXPECT_EQ(types.tag(kA).state, Tag::State::Unknown);
+    EXPECT_EQ(types.tag(kA).retryAt, 1s);
+}
+
+TEST_F(OperationQueueTest, RefusesAnOperationThatTheControllerRefused)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int id = write(kA);
+    pump();
+    finish(id, true, {"too much data (status 15)", false});
+    EXPECT_EQ(outcome(id), "refused: too much data (status 15)");
+}
+
+TEST_F(OperationQueueTest, TriesAnOperationThreeTimesWhoseConnectionIsLost)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int id = read(kA);
+    ReplyStatus lost;
+    lost.connectionLost = true;
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        EXPECT_EQ(outcome(id), "under way");
+        EXPECT_EQ(pump(), Queued{"read A[0] x1 #1"}) << attempt;
+        finish(id, false, lost);
+    }
+    EXPECT_EQ(outcome(id), "failed: no answer");
+}
+
+TEST_F(OperationQueueTest, QueuesAWriteAgainThatTheDriverDroppedUnsent)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    write(kA);
+    write(kA, 1);
+    pump();
+    queue.handleDroppedConnection(1, ReplyStatus());
+    EXPECT_EQ(pump(), Queued{"write A[0] x1 #1"}) << "before the ones that wait";
+}
+
+TEST_F(OperationQueueTest, FailsAWriteThatTheDriverReportsWithTheDroppedConnection)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int id = write(kA);
+    pump();
+    driver.report(id, false);
+    queue.handleDroppedConnection(1, ReplyStatus());
+    EXPECT_EQ(outcome(id), "failed: no answer");
+    EXPECT_EQ(pump(), Queued());
+}
+
+TEST_F(OperationQueueTest, LeavesAReadInTheDriverWhenItsConnectionIsDropped)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int id = read(kA);
+    pump();
+    queue.handleDroppedConnection(1, ReplyStatus());
+    EXPECT_EQ(pump(), Queued());
+    finish(id, true);
+    EXPECT_EQ(outcome(id), "done");
+}
+
+TEST_F(OperationQueueTest, FailsAllOperationsOfAStationThatDoesNotAnswer)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int inDriver = read(kA);
+    const int waiting = read(kA, 1);
+    const int elsewhere = read({2, "C"});
+    pump();
+    queue.failAll(1);
+    EXPECT_EQ(outcome(inDriver), "failed: station 1 does not answer");
+    EXPECT_EQ(outcome(waiting), "failed: station 1 does not answer");
+    EXPECT_EQ(outcome(elsewhere), "under way");
+    finish(inDriver, true); // too late
+    EXPECT_EQ(outcome(inDriver), "failed: station 1 does not answer");
+}
+
+TEST_F(OperationQueueTest, FailsOperationsOfStationsThatAreOutOfService)
+{
+    StationSettings off;
+    off.enabled = false;
+    stations[1] = Station(off);
+    StationSettings second;
+    second.number = 2;
+    stations[2] = Station(second);
+    stations[2].markDead(clock.now());
+    const int disabled = read(kA);
+    const int dead = read({2, "C"});
+    EXPECT_EQ(pump(), Queued());
+    EXPECT_EQ(outcome(disabled), "failed: station 1 is disabled");
+    EXPECT_EQ(outcome(dead), "failed: station 2 does not answer");
+}
+
+TEST_F(OperationQueueTest, KeepsAnAwaitedOutcomeUntilItIsForgotten)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int id = read(kA);
+    EXPECT_EQ(queue.find(id, kB), nullptr);
+    pump();
+    ASSERT_NE(queue.find(id, kA), nullptr);
+    queue.setResult(id, QByteArray("\x09\x00", 2));
+    finish(id, true);
+    ASSERT_NE(queue.outcome(id), nullptr);
+    EXPECT_EQ(queue.outcome(id)->result, QByteArray("\x09\x00", 2));
+    queue.forget(id);
+    EXPECT_EQ(queue.outcome(id), nullptr);
+}
+
+TEST_F(OperationQueueTest, IgnoresAnOperationThatItDoesNotKnow)
+{
+    finish(99, true);
+    EXPECT_EQ(queue.outcome(99), nullptr);
+}

@@ -1,0 +1,135 @@
+#include "Station.h"
+
+#include <gtest/gtest.h>
+
+using namespace micro850::host;
+using namespace std::chrono_literals;
+using State = Station::State;
+
+namespace {
+
+const bool kIdentity = false;
+const bool kOpen = true;
+
+Station enabledStation()
+{
+    StationSettings settings;
+    settings.number = 7;
+    settings.name = "filler";
+    return Station(settings);
+}
+
+Station deadStation(micro850::Duration now)
+{
+    Station station = enabledStation();
+    station.failSetUp(kIdentity, "no answer");
+    station.failSetUp(kIdentity, "no answer");
+    station.markDead(now);
+    return station;
+}
+
+} // namespace
+
+TEST(Station, BeginsByConnectingUnlessItIsDisabled)
+{
+    const Station station = enabledStation();
+    EXPECT_EQ(station.number(), 7);
+    EXPECT_EQ(station.name(), QString("filler"));
+    EXPECT_EQ(station.state(), State::Connecting);
+    EXPECT_TRUE(station.inService());
+    EXPECT_FALSE(station.alive());
+    EXPECT_FALSE(station.lastAnswer());
+
+    StationSettings off;
+    off.enabled = false;
+    EXPECT_EQ(Station(off).state(), State::Disabled);
+    EXPECT_FALSE(Station(off).inService());
+}
+
+TEST(Station, IsToBeTakenOutAfterTwoSetUpsWithoutIdentity)
+{
+    Station station = enabledStation();
+    EXPECT_FALSE(station.failSetUp(kIdentity, "no answer"));
+    EXPECT_TRUE(station.failSetUp(kIdentity, "no answer"));
+    EXPECT_EQ(station.error(), QString("no answer"));
+}
+
+// The driver sends the second request of a set-up four times.
+TEST(Station, CountsFourRefusedConnectionRequestsAsOneFailedSetUp)
+{
+    Station station = enabledStation();
+    for (int i = 0; i < 7; ++i)
+        EXPECT_FALSE(station.failSetUp(kOpen, "refused")) << i;
+    EXPECT_TRUE(station.failSetUp(kOpen, "refused"));
+}
+
+TEST(Station, CountsConnectionRequestsFromTheIdentityOn)
+{
+    Station station = enabledStation();
+    for (int i = 0; i < 3; ++i)
+        station.failSetUp(kOpen, "refused");
+    station.noteIdentity();
+    for (int i = 0; i < 7; ++i)
+        EXPECT_FALSE(station.failSetUp(kOpen, "refused")) << i;
+    EXPECT_TRUE(station.failSetUp(kOpen, "refused"));
+}
+
+TEST(Station, ForgetsFailedSetUpsWhenItConnects)
+{
+    Station station = enabledStation();
+    station.failSetUp(kIdentity, "no answer");
+    station.connect();
+    EXPECT_EQ(station.error(), QString());
+    EXPECT_TRUE(station.alive());
+    EXPECT_FALSE(station.failSetUp(kIdentity, "no answer"));
+}
+
+TEST(Station, IsProbedAtGrowingIntervalsWhileItIsDead)
+{
+    Station station = deadStation(10s);
+    EXPECT_FALSE(station.inService());
+    EXPECT_FALSE(station.isProbeDue(10999ms));
+    EXPECT_TRUE(station.isProbeDue(11s));
+
+    station.beginProbe();
+    EXPECT_TRUE(station.inService());
+    EXPECT_TRUE(station.isProbing());
+    EXPECT_FALSE(station.isProbeDue(60s));
+
+    // One failed set-up ends the probe.
+    EXPECT_TRUE(station.failSetUp(kIdentity, "no answer"));
+    station.markDead(20s);
+    EXPECT_FALSE(station.isProbing());
+    EXPECT_FALSE(station.isProbeDue(21999ms));
+    EXPECT_TRUE(station.isProbeDue(22s));
+}
+
+TEST(Station, ReturnsToServiceWhenAProbeConnects)
+{
+    Station station = deadStation(10s);
+    station.beginProbe();
+    station.connect();
+    EXPECT_EQ(station.state(), State::Connected);
+    EXPECT_FALSE(station.isProbing());
+    station.markDead(20s); // the interval is the shortest again
+    EXPECT_TRUE(station.isProbeDue(21s));
+}
+
+TEST(Station, CountsEveryConnectionAfterTheFirst)
+{
+    Station station = enabledStation();
+    station.connect();
+    EXPECT_EQ(station.counters().reconnects, 0);
+    station.loseConnection();
+    EXPECT_EQ(station.state(), State::Connecting);
+    station.connect();
+    EXPECT_EQ(station.counters().reconnects, 1);
+}
+
+TEST(StateText, NamesEveryState)
+{
+    EXPECT_EQ(stateText(State::Connecting), QString("connecting"));
+    EXPECT_EQ(stateText(State::Connected), QString("connected"));
+    EXPECT_EQ(stateText(State::Dead), QString("dead"));
+    EXPECT_EQ(stateText(State::Disabled), QString("disabled"));
+}
