@@ -60,9 +60,9 @@ void print(const Output& output, const TraceEvent& event)
 Json summaryObject(const TraceReport& report)
 {
     Json classes = Json::array();
-    for (const auto& part : report.histogram())
-        classes.push_back(
-            {{"withinMs", part.first < 0 ? Json() : Json(part.first)}, {"answers", part.second}});
+    for (const RoundTripClass& part : report.histogram())
+        classes.push_back({{"withinMs", part.limitMs < 0 ? Json() : Json(part.limitMs)},
+                           {"answers", part.answers}});
     Json failures = Json::object();
     for (auto it = report.failures().constBegin(); it != report.failures().constEnd(); ++it)
         failures[it.key().toStdString()] = it.value();

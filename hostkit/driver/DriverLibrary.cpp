@@ -16,10 +16,10 @@ namespace micro850::host {
 namespace {
 
 const char kFileName[] = "libmicro850.so";
-// What is installed without development files.
+// The name that is installed without development files.
 const char kVersionedName[] = "libmicro850.so." MICRO850_SOVERSION;
 
-// Beside the program, then where an installation puts libraries as seen from its programs.
+// Beside the program, then in the library directory of the same installation.
 QStringList installedPlaces()
 {
     const QDir programs(QCoreApplication::applicationDirPath());
@@ -40,7 +40,7 @@ QString fileOf(decltype(DriverApi::setComInfo) entry)
                                                               : QString();
 }
 
-// Strings and lists cross the boundary, and those of another Qt have another shape.
+// Strings and lists cross the interface, and another Qt lays them out in another way.
 void refuseOtherQt(const QString& file, int major)
 {
     if (major == QT_VERSION_MAJOR)
@@ -71,7 +71,7 @@ void DriverLibrary::load(const QString& path)
 {
     QString file = path;
     if (file.isEmpty()) {
-        file = QString::fromLatin1(kFileName); // left to the loader
+        file = QString::fromLatin1(kFileName); // the loader finds it
         for (const QString& place : installedPlaces()) {
             if (QFileInfo::exists(place)) {
                 file = place;
@@ -82,7 +82,7 @@ void DriverLibrary::load(const QString& path)
         throw UserError(file.toStdString() +
                         ": there is no such driver library (give its path with --driver)");
     }
-    // Before a line of it runs. A file without the note need not be a driver at all.
+    // Checked before any code of it runs. A file without the note may not be a driver at all.
     if (const int major = qtMajorOf(file))
         refuseOtherQt(file, major);
     m_library.setFileName(file);

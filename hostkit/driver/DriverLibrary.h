@@ -30,14 +30,14 @@ struct DriverApi
     decltype(&::DataCom) dataCom = nullptr;
 };
 
-/// The driver, loaded while this object lives. One at a time: the driver has one state for its
-/// process.
+/// The driver, loaded while this object lives. Only one object at a time: the driver has one state
+/// for the whole process.
 class DriverLibrary
 {
 public:
-    /// Loads the library at `path`; an empty path stands for the places where it is installed:
-    /// beside the program, the library directory beside the program's, the loader's own path.
-    /// Throws UserError when it is built for another Qt, cannot be loaded or lacks an entry
+    /// Loads the library at `path`. An empty path means the places where it can be installed:
+    /// beside the program, in the library directory beside that of the program, on the loader's
+    /// path. Throws UserError when it is built for another Qt, cannot be loaded or lacks an entry
     /// point.
     explicit DriverLibrary(const QString& path);
     ~DriverLibrary();

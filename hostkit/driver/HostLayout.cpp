@@ -71,7 +71,7 @@ QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QB
             value.append(bytes.at(i));
         return value;
     case TypeClass::ShortString:
-        // The store never shrinks: what stands behind the string's length is the tail of an older
+        // The store never shrinks: after the length of the string comes the tail of an older
         // one.
         return reply.left(1) + bytes.left(std::max(0, reply.size() - 1));
     default:
@@ -92,7 +92,7 @@ HostValue toHostLayout(const CipType& type, const QByteArray& element)
     case TypeClass::Byte:
         return {element + QByteArray(1, '\0'), 1};
     case TypeClass::ShortString:
-        // The driver puts the length in front itself.
+        // The driver adds the length itself.
         return {element.mid(1), std::max(1, element.size() / 2)};
     default:
         return {element, element.size() / 2};

@@ -15,30 +15,31 @@ enum class TypeClass { Boolean, ShortString, Byte, Word, DoubleWord, QuadWord };
 
 TypeClass typeClassOf(quint16 typeCode);
 
-/// The count that makes a cyclic request ask for so many elements. For a wide class the driver
-/// takes 1 (32-bit) or 3 (64-bit) off the count, which is right for a single value counted in
-/// words; a run of n elements therefore needs n + 1 or n + 3, not twice or four times n.
+/// The count that makes a cyclic request ask for this many elements. For a wide class the driver
+/// subtracts 1 (32-bit) or 3 (64-bit) from the count, which is right for a single value counted in
+/// words. A run of n elements therefore needs n + 1 or n + 3, not twice or four times n.
 int cyclicCount(TypeClass typeClass, int elements);
-/// The count that makes a one-shot read ask for so many elements: words, which the driver divides.
+/// The count that makes a one-shot read ask for this many elements: words, which the driver
+/// divides.
 int oneShotCount(TypeClass typeClass, int elements);
 
-/// The count under which GetRegisterData() gives so many value bytes, as they stood in a reply. A
-/// string's length byte is not among the driver's bytes.
+/// The count with which GetRegisterData() returns all of this many value bytes of a reply. The
+/// driver returns a string without its length byte.
 int fetchCount(TypeClass typeClass, int valueBytes);
-/// The value bytes in the controller's order out of what GetRegisterData() gave. `reply` holds the
-/// reply's value bytes, which tell the length of a string.
+/// The bytes that GetRegisterData() returned, converted to the controller's byte order. `reply` has
+/// the value bytes of the reply, which contain the length of a string.
 QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QByteArray& reply);
 
-/// True when the driver can write the type: of those it moves byte by byte, only the ones that are
-/// one byte wide.
+/// True when the driver can write the type. Of the types that it moves byte by byte it can write
+/// only those of one byte.
 bool isWritable(const CipType& type);
-/// Value bytes of one element, in the controller's order, as SetRegisterData() takes them, and the
-/// count to give.
+/// The bytes of one value as SetRegisterData() needs them, and the count that goes with them.
 struct HostValue
 {
     QByteArray bytes;
     int count;
 };
+/// Converts the value bytes of one element, in the controller's byte order.
 HostValue toHostLayout(const CipType& type, const QByteArray& element);
 
 } // namespace micro850::host

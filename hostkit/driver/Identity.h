@@ -6,7 +6,7 @@
 
 namespace micro850::host {
 
-/// Who a controller says that it is.
+/// How a controller identifies itself.
 struct Identity
 {
     bool valid = false; ///< false: the reply is too short for its fields
@@ -20,8 +20,8 @@ struct Identity
     QString name;
 };
 
-/// Decodes what follows the status of the reply to an identity request. A name that is cut short is
-/// taken as far as it goes.
+/// Decodes the bytes after the status of the reply to an identity request. Of a name that is cut
+/// off the part that is there is used.
 Identity decodeIdentity(const QByteArray& body);
 
 } // namespace micro850::host

@@ -1,5 +1,7 @@
 #include "Prober.h"
 
+#include "FrameText.h"
+
 namespace micro850::host {
 
 namespace {

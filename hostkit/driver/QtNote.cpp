@@ -22,7 +22,7 @@ quint64 padded(quint64 size)
     return (size + 3) / 4 * 4;
 }
 
-// A value at an offset; false behind the end of the file.
+// Reads a value at an offset; false beyond the end of the file.
 template<typename Value> bool take(const QByteArray& file, quint64 offset, Value& value)
 {
     const auto size = static_cast<quint64>(file.size());

@@ -1,5 +1,7 @@
 #include "PollLoop.h"
 
+#include "FrameText.h"
+
 namespace micro850::host {
 
 namespace {

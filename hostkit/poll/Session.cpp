@@ -17,7 +17,7 @@ QString placeOf(const TagKey& key, int element)
     throw TagRefused(what.toStdString(), why.toStdString());
 }
 
-// What concerns the line or the station: no other tag will do better.
+// The line or the station failed: no other tag can be read either.
 [[noreturn]] void refuse(const QString& what, const QString& why)
 {
     throw UserError((what + QStringLiteral(": ") + why).toStdString(), kExitRefused);
@@ -98,7 +98,7 @@ void Session::write(const TagKey& key, int element, const QByteArray& value)
 
 namespace {
 
-// What a program can copy the value from.
+// A type from which the controller's program can copy the value.
 const char* substituteFor(const CipType& type)
 {
     if (type.kind == CipKind::String)

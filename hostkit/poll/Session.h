@@ -9,7 +9,7 @@
 
 namespace micro850::host {
 
-/// What the controller refuses of one tag: others may do.
+/// The controller refused one tag; other tags may still be read.
 class TagRefused : public UserError
 {
 public:
@@ -24,23 +24,23 @@ private:
     std::string m_why;
 };
 
-/// Single reads and writes, one after the other: each waits for its outcome. What the controller or
-/// the line refuses is thrown as UserError with exit status 1, what cannot be asked for with
-/// status 2.
+/// Single reads and writes, one after the other: each call waits for its outcome. It throws
+/// UserError with exit status 1 for what the controller or the line refuses, and with exit status 2
+/// for what cannot be asked for.
 class Session
 {
 public:
     Session(const DriverApi& api, Line& line, const Clock& clock, const Project& project);
     ~Session();
 
-    /// The type of a tag, from the controller.
+    /// The type of a tag in the controller.
     const CipType& typeOf(const TagKey& tag);
-    /// The elements of a run, in the controller's order of bytes. `progress` is told how many are
-    /// read.
+    /// Reads a run of elements, each in the controller's byte order. `progress` is called with the
+    /// number of elements read so far.
     QVector<QByteArray> read(const TagKey& tag, int element, int elements,
                              const std::function<void(int)>& progress = nullptr);
     Exchange& exchange() { return m_loop.exchange(); }
-    /// One element. Throws when the tag's type cannot be written.
+    /// Writes one element. Throws when the type of the tag cannot be written.
     void write(const TagKey& tag, int element, const QByteArray& value);
 
 private:

@@ -1,7 +1,7 @@
 #ifndef MICRO850_HOST_STATION_H
 #define MICRO850_HOST_STATION_H
 
-#include "Exchange.h"
+#include "Counters.h"
 #include "GrowingPause.h"
 #include "Project.h"
 

@@ -1,5 +1,7 @@
 #include "Exchange.h"
 
+#include "FrameText.h"
+
 #include <algorithm>
 
 namespace micro850::host {
@@ -8,12 +10,12 @@ namespace {
 
 // The longest reply of a 504-byte connection, with its header, every byte doubled.
 const int kLongestReply = 2 * 520;
-// How often within one time-out a corrupt reply is asked for again, or a request repeated.
+// How often within one time-out to ask for a corrupt reply again, or to repeat a request.
 const int kLinkRetries = 3;
 
 } // namespace
 
-/// What is remembered while one request is in flight.
+/// The state of one request in flight.
 struct Exchange::Attempt
 {
     const QByteArray& frame;
@@ -28,9 +30,9 @@ struct Exchange::Attempt
     bool done = false;
 
     Duration deadline() const { return sentAt + time; }
-    // By then a reply that is on its way has begun.
+    // A reply that has not begun by then is late.
     Duration lateAt() const { return sentAt + time / 2; }
-    // A frame in which nothing has come until then has lost its end.
+    // A frame without a further byte until then has lost its end.
     Duration cutOffAt() const { return heardAt + time / 4; }
 };
 
@@ -70,7 +72,7 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
     return attempt.answer;
 }
 
-// A reply that has not begun is asked for once; one that stopped in the middle counts as corrupt.
+// Asks once for a reply that has not begun. A reply that stopped in the middle counts as corrupt.
 // False when the device is gone.
 bool Exchange::askWhereDue(Attempt& attempt)
 {
@@ -122,7 +124,7 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
         show(Direction::In, event.raw);
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
-        return takeFrame(event.data, attempt);
+        return handleFrame(event.data, attempt);
     case ReplyCollector::Kind::Corrupt:
         ++attempt.counters.corrupt;
         return attempt.done || askAgain(attempt);
@@ -131,7 +133,7 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
         return attempt.done || attempt.repetitions-- <= 0 ||
                sendFrame(attempt.frame, attempt.counters);
     case ReplyCollector::Kind::Enq:
-        // Asked for the reply in flight, which has not come: to acknowledge it would lose it.
+        // The peer asks about the reply, which has not come: an acknowledgement would lose it.
         return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
     case ReplyCollector::Kind::Ack:
         break;
@@ -139,8 +141,8 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
     return true;
 }
 
-// A NAK makes a peer repeat the message that it waits to be acknowledged; without one it is
-// nothing.
+// A NAK makes the peer repeat the message whose acknowledgement it waits for. Without such a
+// message it has no effect.
 bool Exchange::askAgain(Attempt& attempt)
 {
     if (attempt.asksAgain-- <= 0)
@@ -149,16 +151,16 @@ bool Exchange::askAgain(Attempt& attempt)
     return sendControl(kNak);
 }
 
-bool Exchange::takeFrame(const QByteArray& data, Attempt& attempt)
+bool Exchange::handleFrame(const QByteArray& data, Attempt& attempt)
 {
     const Reply reply = decodeReply(data);
-    // Bytes 00 in front of the data do not change the CRC, but what stands where.
+    // Bytes 00 before the data do not change the CRC, but they shift every field.
     if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
         ++attempt.counters.corrupt;
         return askAgain(attempt);
     }
     if (attempt.done || !answers(reply, attempt.answer.request)) {
-        // The peer waits for its acknowledgement all the same, before it sends what is in flight.
+        // The peer waits for this acknowledgement, too, before it sends the right reply.
         ++attempt.counters.late;
         return sendControl(kAck);
     }

@@ -2,71 +2,56 @@
 #define MICRO850_HOST_EXCHANGE_H
 
 #include "Clock.h"
+#include "Counters.h"
 #include "Frame.h"
 #include "Line.h"
 #include "PortSettings.h"
 #include "ReplyCollector.h"
 
-#include <QtCore/QMap>
-
 #include <functional>
 
 namespace micro850::host {
 
-/// What happened on the line, for one station or for all.
-struct Counters
-{
-    qint64 sent = 0;          ///< requests, repetitions included
-    qint64 answered = 0;      ///< replies that belong to their request
-    qint64 timedOut = 0;      ///< requests without an answer in time
-    qint64 corrupt = 0;       ///< frames with a wrong CRC
-    qint64 late = 0;          ///< intact replies of another request
-    qint64 retries = 0;       ///< requests sent again, and replies asked for again
-    qint64 refusedByPeer = 0; ///< DLE NAK for a request of ours
-    qint64 reconnects = 0;    ///< connections made anew
-    qint64 bytesSent = 0;
-    qint64 bytesReceived = 0;
-    QMap<QString, qint64> errors; ///< replies by their status, see statusKey()
-
-    qint64 bytes() const { return bytesSent + bytesReceived; }
-};
-
-/// One request and what became of it.
+/// One request and its final outcome. Errors on the way to it are in Counters.
 struct Answer
 {
     enum class Outcome { Answered, TimedOut, DeviceGone };
     Outcome outcome = Outcome::TimedOut;
-    Request request; ///< what was asked for
-    QByteArray data; ///< application data of the reply
-    Reply reply;
+    Request request; ///< as decoded from the frame that was sent
+    QByteArray data; ///< application data of the reply; empty without one
+    Reply reply;     ///< not valid without one
     Duration roundTrip{0};
 };
 
-/// Carries requests over a line: empties the input, sends, collects until a complete reply with the
-/// transaction number in flight is there or the time is over. A reply that is corrupt or missing is
-/// asked for again, as the driver's repetition of a request has the same transaction number and a
-/// peer takes it for a duplicate; a request that the peer received corrupt is repeated; a reply of
-/// another request is dropped. All of that within the same time.
+/// Carries requests over a line: empties the input, sends the request, and collects bytes until the
+/// complete reply with its transaction number is there or the time is over. Within this time:
+/// - It asks again for a reply that is corrupt or missing. The driver's repetition would not help:
+///   it has the same transaction number, and a peer ignores it as a duplicate.
+/// - It repeats a request that the peer received corrupt.
+/// - It drops a reply to another request.
 class Exchange
 {
 public:
     enum class Direction { Out, In };
     using Observer = std::function<void(Direction, const QByteArray& frame, Duration now)>;
 
+    /// Line and clock must live longer than this object. The line must be open for run().
     Exchange(Line& line, const Clock& clock, const PortSettings& settings);
 
-    /// Called with what goes out and comes in, as it stands on the line: frames, corrupt ones too,
-    /// and the link controls that stand for themselves.
+    /// Sets a function that gets everything that goes out and comes in, as it is on the line:
+    /// frames, corrupt ones too, and link controls outside frames.
     void setObserver(Observer observer) { m_observer = std::move(observer); }
 
-    /// Called when a request has gone out: for what need not come before it.
+    /// Sets a function that is called when a request has gone out: for work that need not delay it.
     void setMeanwhile(std::function<void()> meanwhile) { m_meanwhile = std::move(meanwhile); }
 
+    /// Sends a complete frame and waits for its reply.
     Answer run(const QByteArray& frame, Counters& counters);
-    /// Acknowledges the last reply, which the next request does otherwise: for a pause or an end.
+    /// Acknowledges the last reply. Call it before a pause or the end; otherwise the next request
+    /// acknowledges it.
     void acknowledge();
 
-    /// The time a request of so many bytes is given.
+    /// How long run() waits for the reply to a request of this many bytes.
     Duration timeoutFor(int requestBytes) const;
 
 private:
@@ -77,7 +62,7 @@ private:
     bool askWhereDue(Attempt& attempt);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
-    bool takeFrame(const QByteArray& data, Attempt& attempt);
+    bool handleFrame(const QByteArray& data, Attempt& attempt);
     void show(Direction direction, const QByteArray& bytes) const;
 
     Line& m_line;

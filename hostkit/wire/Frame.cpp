@@ -33,14 +33,14 @@ quint16 wordAt(const QByteArray& bytes, int index)
     return static_cast<quint16>(byteAt(bytes, index) | byteAt(bytes, index + 1) << 8);
 }
 
-// Offset of the CIP message behind the header of this command.
+// Offset of the CIP message, which follows the header of this command.
 int messageStart(quint8 command)
 {
     const bool connected = (command & ~kReplyCommandBit) == kConnectedCommand;
     return connected ? kConnectedMessage : kUnconnectedMessage;
 }
 
-// What each value of the low byte of a CRC shifts in.
+// For each low byte of a CRC, what one step of eight bits changes.
 constexpr std::array<quint16, 256> crcTable()
 {
     std::array<quint16, 256> table{};
@@ -59,8 +59,8 @@ quint16 crcStep(quint16 crc, char byte)
     return static_cast<quint16>(crc >> 8 ^ kCrcTable[(crc ^ static_cast<quint8>(byte)) & 0xFF]);
 }
 
-// An element segment, and the offset behind it.
-int takeElement(const QByteArray& data, int at, int end, quint32& element)
+// Parses an element segment, if there is one. Returns the offset after it.
+int parseElement(const QByteArray& data, int at, int end, quint32& element)
 {
     switch (at < end ? byteAt(data, at) : 0) {
     case 0x28:
@@ -72,79 +72,6 @@ int takeElement(const QByteArray& data, int at, int end, quint32& element)
     default:
         return end;
     }
-}
-
-QString hex(unsigned value, int digits)
-{
-    return QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0'));
-}
-
-struct StatusName
-{
-    quint8 status;
-    const char* text;
-};
-
-// General status codes that a controller of this kind answers with.
-const StatusName kStatusNames[] = {
-    {0x01, "connection failure"},
-    {0x02, "resource unavailable"},
-    {0x03, "invalid parameter value"},
-    {0x04, "path segment error"},
-    {0x05, "path destination unknown"},
-    {0x06, "partial transfer"},
-    {0x07, "connection lost"},
-    {0x08, "service not supported"},
-    {0x09, "invalid attribute value"},
-    {0x0C, "object state conflict"},
-    {0x0D, "object already exists"},
-    {0x0E, "attribute not settable"},
-    {0x0F, "privilege violation"},
-    {0x10, "device state conflict"},
-    {0x11, "reply too large"},
-    {0x13, "not enough data"},
-    {0x14, "attribute not supported"},
-    {0x15, "too much data"},
-    {0x16, "object does not exist"},
-    {0x1A, "request too large for routing"},
-    {0x1B, "reply too large for routing"},
-    {0x1E, "embedded service error"},
-    {0x1F, "vendor-specific error"},
-    {0x20, "invalid parameter"},
-    {0x26, "invalid path size"},
-    {0xFF, "general error"},
-};
-
-// Extended status words of the vendor-specific general error, and of the connection failure.
-struct ExtendedName
-{
-    quint8 status;
-    quint16 extended;
-    const char* text;
-};
-
-const ExtendedName kExtendedNames[] = {
-    {0x01, 0x0100, "connection in use"},
-    {0x01, 0x0107, "connection not found"},
-    {0x01, 0x0113, "out of connections"},
-    {0x01, 0x0203, "connection timed out"},
-    {0xFF, 0x2104, "offset beyond the end of the tag"},
-    {0xFF, 0x2105, "access beyond the end of the tag"},
-    {0xFF, 0x2107, "type does not match the tag"},
-};
-
-QString nameOf(const Reply& reply)
-{
-    for (const ExtendedName& name : kExtendedNames) {
-        if (name.status == reply.generalStatus && !reply.extendedStatus.isEmpty() &&
-            name.extended == reply.extendedStatus.first())
-            return QString::fromLatin1(name.text);
-    }
-    for (const StatusName& name : kStatusNames) {
-        if (name.status == reply.generalStatus)
-            return QString::fromLatin1(name.text);
-    }
-    return QStringLiteral("refused");
 }
 
 } // namespace
@@ -215,7 +142,7 @@ Request decodeRequest(const QByteArray& data)
     const int nameSize = byteAt(data, path + 1);
     request.tag = QString::fromLatin1(data.mid(path + 2, nameSize));
     const int afterName = path + 2 + nameSize + nameSize % 2;
-    const int end = takeElement(data, afterName, pathEnd, request.element);
+    const int end = parseElement(data, afterName, pathEnd, request.element);
     const int typeSize = request.service == kWriteTagFragmented ? 2 : 0;
     request.count = wordAt(data, std::max(end, pathEnd) + typeSize);
     return request;
@@ -275,28 +202,6 @@ bool saysNoConnection(const Reply& reply)
     const quint8 connectionLost = 0x07;
     return reply.valid && reply.linkStatus == 0 &&
            (reply.generalStatus == connectionFailure || reply.generalStatus == connectionLost);
-}
-
-QString statusText(const Reply& reply)
-{
-    if (reply.good())
-        return QString();
-    if (reply.linkStatus != 0)
-        return QStringLiteral("refused by the link layer (status %1)")
-            .arg(hex(reply.linkStatus, 2));
-    return QStringLiteral("%1 (status %2)").arg(nameOf(reply), statusKey(reply));
-}
-
-QString statusKey(const Reply& reply)
-{
-    if (reply.good())
-        return QString();
-    if (reply.linkStatus != 0)
-        return QStringLiteral("link %1").arg(hex(reply.linkStatus, 2));
-    QString key = hex(reply.generalStatus, 2);
-    if (!reply.extendedStatus.isEmpty())
-        key += QLatin1Char('/') + hex(reply.extendedStatus.first(), 4);
-    return key;
 }
 
 } // namespace micro850::host

@@ -1,9 +1,9 @@
 #ifndef MICRO850_HOST_FRAME_H
 #define MICRO850_HOST_FRAME_H
 
-// The frames on the line as a host sees them: closing, and what a request or a reply says. The
-// driver looks at no status, no type and no transaction number of a reply, so that a host decodes
-// them itself.
+// The frames on the line as a host sees them: how to build and open them, and the contents of
+// requests and replies. The driver ignores status, type and transaction number of a reply, so that
+// a host has to decode them itself.
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -31,28 +31,28 @@ const quint8 kReplyCommandBit = 0x40;
 
 /// The CRC that closes a frame of this application data, before doubling.
 quint16 frameCrc(const QByteArray& data);
-/// "10 06 10 02", the data with each 10 doubled, "10 03" and the CRC.
+/// The frame of this application data: "10 06 10 02", the data with each 10 doubled, "10 03" and
+/// the CRC.
 QByteArray wireFrame(const QByteArray& data);
-/// The application data of a complete frame that was built as wireFrame() does; empty for any
-/// other.
+/// The application data of a complete frame as wireFrame() builds it; empty for any other bytes.
 QByteArray dataOf(const QByteArray& frame);
 
-/// What a request frame of the driver asks for.
+/// The contents of a request frame of the driver.
 struct Request
 {
-    bool valid = false;
+    bool valid = false; ///< false: too short; nothing else is set then
     quint8 command = 0;
     quint16 tns = 0;
     quint8 service = 0;
     QString tag;         ///< empty for a connection request
     quint32 element = 0; ///< from the element segment, 0 without one
-    quint16 count = 0;   ///< elements asked for, or written
+    quint16 count = 0;   ///< elements to read or write
 };
 
-/// Decodes the application data of a request.
+/// Decodes the application data of a request. Fields that are cut off are 0.
 Request decodeRequest(const QByteArray& data);
 
-/// What a reply says.
+/// The contents of a reply.
 struct Reply
 {
     bool valid = false;    ///< false: too short for its header; nothing else is set then
@@ -62,13 +62,13 @@ struct Reply
     quint8 service = 0; ///< without kReplyBit
     quint8 generalStatus = 0;
     QVector<quint16> extendedStatus;
-    QByteArray body; ///< behind the status: type code and values of a read
+    QByteArray body; ///< after the status: type code and values of a read
 
     /// True when the link and CIP carried out the request, or a part of it.
     bool good() const;
-    /// CIP type code of a read reply, 0 where there is none. A leading A3 is skipped.
+    /// CIP type code of a read reply, 0 if there is none. A leading A3 is skipped.
     quint16 typeCode() const;
-    /// Value bytes of a read reply.
+    /// Value bytes of a read reply, in the controller's byte order.
     QByteArray values() const;
 };
 
@@ -81,11 +81,6 @@ bool answers(const Reply& reply, const Request& request);
 
 /// True when the peer does not know the connection that the request quotes.
 bool saysNoConnection(const Reply& reply);
-
-/// "path destination unknown (status 05)", for display; "" for a good reply.
-QString statusText(const Reply& reply);
-/// The key under which replies are counted: "05", "FF/2105", "link 10"; "" for a good reply.
-QString statusKey(const Reply& reply);
 
 } // namespace micro850::host
 

@@ -8,8 +8,8 @@
 
 namespace micro850::host {
 
-/// A serial line, in blocking steps. A silent peer is no fault of the line; a device that is gone
-/// is.
+/// A serial line with blocking calls. A call fails when the device is gone, not when the peer is
+/// silent.
 class Line
 {
 public:
@@ -20,9 +20,9 @@ public:
     virtual void close() = 0;
     virtual bool isOpen() const = 0;
 
-    /// Throws away what has arrived so far.
+    /// Drops the bytes that have arrived so far.
     virtual void discardInput() = 0;
-    /// Hands the bytes to the device. False when the device is gone.
+    /// Passes the bytes to the device. False when the device is gone.
     virtual bool send(const QByteArray& bytes) = 0;
     /// Waits for bytes, at most for the time `wait`, and appends those that are there: none after a
     /// silence. False when the device is gone.

@@ -36,7 +36,7 @@ void LineStatistics::add(Duration now, int bytes, std::optional<Duration> roundT
     m_next = (m_next + 1) % kRoundTrips;
 }
 
-// The sums over the window, and when it began.
+// The sums over the window, and when the window began.
 LineStatistics::Slot LineStatistics::recent(Duration now) const
 {
     Slot sum = {std::max(m_first.value_or(now), now - kWindow), 0, 0};

@@ -10,8 +10,8 @@
 
 namespace micro850::host {
 
-/// How busy a line is and how fast its peers answer, over the last ten seconds and the last
-/// thousand answers.
+/// How busy a line is, over the last ten seconds, and how fast its peers answer, over the last
+/// thousand answers. Times must not go back.
 class LineStatistics
 {
 public:
@@ -19,10 +19,10 @@ public:
     void add(Duration now, int bytes, std::optional<Duration> roundTrip);
 
     double transactionsPerSecond(Duration now) const;
-    /// Share of the time in which bytes are on the line, in percent. Requests and replies take
-    /// turns, so that both count.
+    /// The share of the time in which bytes are on the line, in percent. Both directions count,
+    /// because requests and replies take turns.
     double percentInUse(Duration now, const PortSettings& port) const;
-    /// The round trip that so many percent of the answers do not exceed; none before the first.
+    /// The round trip that this percentage of the answers do not exceed; none before the first.
     std::optional<Duration> roundTrip(int percent) const;
 
 private:

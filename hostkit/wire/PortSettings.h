@@ -9,7 +9,7 @@ namespace micro850::host {
 
 enum class Parity { None, Even, Odd };
 
-/// How the line is set, and how long an answer may take.
+/// The settings of the line, and how long an answer may take.
 struct PortSettings
 {
     QString device;
@@ -17,16 +17,16 @@ struct PortSettings
     int dataBits = 8;
     Parity parity = Parity::None;
     int stopBits = 1;
-    /// What the controller may take to answer, besides the time of the bytes on the line.
+    /// The time that the controller may take to answer, without the time of the bytes on the line.
     int deviceBudgetMs = 500;
-    /// When not 0, the time-out of every transaction in place of the computed one.
+    /// If not 0, the time-out of every transaction; it replaces the computed one.
     int timeoutMs = 0;
-    /// Failed transactions that the driver tolerates before it connects anew.
+    /// Failed transactions that the driver tolerates before it connects again.
     int retryLimit = 2;
 
-    /// Bits of one byte on the line, start bit included.
+    /// Bits of one byte on the line, including the start bit.
     int bitsPerByte() const { return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits; }
-    /// The time that so many bytes take on the line, rounded up to milliseconds.
+    /// The time that this many bytes take on the line, rounded up to milliseconds.
     Duration timeOf(int bytes) const
     {
         return std::chrono::milliseconds((qint64(bytes) * bitsPerByte() * 1000 + baud - 1) / baud);

@@ -10,7 +10,7 @@ namespace {
 
 // Twice what a connection of 504 bytes can bring; a frame that never ends is noise.
 const int kLongestData = 1024;
-// On the line: every byte doubled, and many responses embedded.
+// On the line: every byte is doubled, and many responses are embedded.
 const int kLongestFrame = 4 * kLongestData;
 
 } // namespace
@@ -40,7 +40,7 @@ QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
         if (plain > 0)
             m_data.append(at, plain);
         else
-            take(*at, events);
+            parse(*at, events);
         at += std::max(1, plain);
         if (m_data.size() > kLongestData || m_raw.size() > kLongestFrame) {
             events.append({Kind::Corrupt, QByteArray(), m_raw});
@@ -50,7 +50,8 @@ QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
     return events;
 }
 
-// How many bytes from here on are a frame's data as they stand; at most one beyond the longest.
+// The number of bytes from here on that are data of a frame and need no parsing; at most one more
+// than the longest data.
 int ReplyCollector::plainBytes(const char* at, const char* end) const
 {
     if (m_state != State::Data)
@@ -59,7 +60,7 @@ int ReplyCollector::plainBytes(const char* at, const char* end) const
     return static_cast<int>(std::find(at, at + room, kDle) - at);
 }
 
-void ReplyCollector::take(char byte, QList<Event>& events)
+void ReplyCollector::parse(char byte, QList<Event>& events)
 {
     switch (m_state) {
     case State::Outside:
@@ -71,13 +72,13 @@ void ReplyCollector::take(char byte, QList<Event>& events)
         }
         break;
     case State::Escape:
-        takeOutsideEscape(byte, events);
+        parseOutsideEscape(byte, events);
         break;
     case State::Data:
         m_state = State::DataEscape; // any other byte is plain
         break;
     case State::DataEscape:
-        takeDataEscape(byte, events);
+        parseDataEscape(byte, events);
         break;
     case State::CrcLow:
         m_crcLow = static_cast<quint8>(byte);
@@ -89,22 +90,22 @@ void ReplyCollector::take(char byte, QList<Event>& events)
     }
 }
 
-void ReplyCollector::takeOutsideEscape(char byte, QList<Event>& events)
+void ReplyCollector::parseOutsideEscape(char byte, QList<Event>& events)
 {
     m_state = State::Outside;
     switch (byte) {
     case kStx:
         begin();
         return;
-    case kAck: // a frame may follow that it belongs to
-        tellControl(Kind::Ack, events);
+    case kAck: // it may belong to a frame that follows
+        reportControl(Kind::Ack, events);
         m_raw = m_raw.right(2);
         return;
     case kNak:
-        tellControl(Kind::Nak, events);
+        reportControl(Kind::Nak, events);
         break;
     case kEnq:
-        tellControl(Kind::Enq, events);
+        reportControl(Kind::Enq, events);
         break;
     case kDle: // the first was noise, this one may begin a frame
         ++m_noise;
@@ -117,7 +118,7 @@ void ReplyCollector::takeOutsideEscape(char byte, QList<Event>& events)
     m_raw.clear();
 }
 
-void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
+void ReplyCollector::parseDataEscape(char byte, QList<Event>& events)
 {
     m_state = State::Data;
     switch (byte) {
@@ -127,18 +128,18 @@ void ReplyCollector::takeDataEscape(char byte, QList<Event>& events)
     case kEtx:
         m_state = State::CrcLow;
         break;
-    case kStx: // the peer began again
+    case kStx: // the peer starts the frame again
         m_raw = m_raw.right(2);
         begin();
         break;
-    case kAck: // a response embedded in the peer's own message is no data
-        tellControl(Kind::Ack, events);
+    case kAck: // an embedded response is not data
+        reportControl(Kind::Ack, events);
         break;
     case kNak:
-        tellControl(Kind::Nak, events);
+        reportControl(Kind::Nak, events);
         break;
     case kEnq:
-        tellControl(Kind::Enq, events);
+        reportControl(Kind::Enq, events);
         break;
     default:
         m_illegal = true;
@@ -152,8 +153,8 @@ void ReplyCollector::begin()
     m_state = State::Data;
 }
 
-// A control is the last two bytes, within a frame too.
-void ReplyCollector::tellControl(Kind kind, QList<Event>& events) const
+// A control is the last two bytes, also within a frame.
+void ReplyCollector::reportControl(Kind kind, QList<Event>& events) const
 {
     events.append({kind, QByteArray(), m_raw.right(2)});
 }

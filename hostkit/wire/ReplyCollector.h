@@ -7,8 +7,8 @@
 namespace micro850::host {
 
 /// Finds the frames and the link controls in a stream of received bytes, however it is cut into
-/// pieces. A frame is complete with its DLE ETX and two CRC bytes, not with a byte count. No input
-/// or output of its own.
+/// pieces. A frame ends with DLE ETX and two CRC bytes; a number of bytes says nothing. The class
+/// itself does no input or output.
 class ReplyCollector
 {
 public:
@@ -23,16 +23,16 @@ public:
     {
         Kind kind;
         QByteArray data;
-        /// What stood on the line: the control, or the frame with the acknowledgement right in
-        /// front of it, if any, and all that came within it.
+        /// The bytes on the line: the control; or the frame with everything that came within it,
+        /// and with the acknowledgement directly before it, if there was one.
         QByteArray raw;
     };
 
-    /// Forgets a frame that has begun.
+    /// Drops a frame that has begun.
     void reset();
-    /// The same, and gives what of it has come.
+    /// Drops a frame that has begun and returns the bytes of it that have come.
     QByteArray abandon();
-    /// Takes bytes as they arrived; gives what they complete, in order.
+    /// Parses bytes as they arrived. Returns the frames and controls that they complete, in order.
     QList<Event> feed(const QByteArray& bytes);
     /// True while a frame has begun and not ended.
     bool inFrame() const
@@ -48,12 +48,12 @@ private:
 
     bool inCrc() const { return m_state == State::CrcLow || m_state == State::CrcHigh; }
     int plainBytes(const char* at, const char* end) const;
-    void take(char byte, QList<Event>& events);
-    void takeOutsideEscape(char byte, QList<Event>& events);
-    void takeDataEscape(char byte, QList<Event>& events);
+    void parse(char byte, QList<Event>& events);
+    void parseOutsideEscape(char byte, QList<Event>& events);
+    void parseDataEscape(char byte, QList<Event>& events);
     void begin();
     void end(char crcHigh, QList<Event>& events);
-    void tellControl(Kind kind, QList<Event>& events) const;
+    void reportControl(Kind kind, QList<Event>& events) const;
 
     State m_state = State::Outside;
     QByteArray m_data;
@@ -63,12 +63,12 @@ private:
     int m_noise = 0;
 };
 
-/// The reply as the driver counts offsets: from a DLE ACK, which a controller may have sent long
-/// before or not at all. Where both CRC bytes are 10, the driver's undoubling takes them for one
-/// and would cut off the last value byte; a filler byte behind them, which its search for the end
-/// skips, keeps the value whole. The replies of the connection set-up are found by their end and
-/// get none
-/// (`searchedFor` false).
+/// The frame of a reply as the driver needs it. It begins with a DLE ACK, from which the driver
+/// counts offsets; a controller may have sent it long before or not at all. If both CRC bytes are
+/// 10, the driver's undoubling makes one byte of them and would cut off the last value byte. A
+/// filler byte after them, which the driver's search for the end skips, keeps the value whole. The
+/// driver finds the replies of the connection set-up by their end; these get no filler byte
+/// (`searchedFor` is false).
 QByteArray replyForDriver(const QByteArray& data, bool searchedFor);
 
 } // namespace micro850::host

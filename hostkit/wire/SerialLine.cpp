@@ -27,7 +27,7 @@ QSerialPort::Parity portParity(Parity parity)
     return QSerialPort::NoParity;
 }
 
-// Says what to do where the port's own words do not.
+// The reason with a way out, if the port's own text does not name one.
 QString reasonOf(const QString& device, const QSerialPort& port)
 {
     if (!QFileInfo::exists(device))
@@ -80,8 +80,8 @@ bool SerialLine::isOpen() const
     return m_port.isOpen();
 }
 
-// The port's own reading and writing serves an event loop; a blocking host is better off with the
-// descriptor, which it does not block: no copy through a large buffer, no system call too many.
+// The port's own functions to read and write are made for an event loop. A blocking host does
+// better with the descriptor: it saves a copy through a large buffer and some system calls.
 
 void SerialLine::discardInput()
 {
@@ -90,7 +90,7 @@ void SerialLine::discardInput()
 
 bool SerialLine::send(const QByteArray& bytes)
 {
-    // Twice the line's own time, so that only a device that takes nothing runs into it.
+    // Twice the time of the bytes on the line: only a device that accepts nothing needs longer.
     const int patience = pollTimeout(kSendPatience + 2 * m_settings.timeOf(bytes.size()));
     int sent = 0;
     while (sent < bytes.size()) {
@@ -110,7 +110,7 @@ bool SerialLine::send(const QByteArray& bytes)
 bool SerialLine::receive(QByteArray& bytes, Duration wait)
 {
     pollfd input = {descriptor(), POLLIN, 0};
-    // A signal ends the wait as a silence does, so that its handler's request is seen.
+    // A signal ends the wait, like a silence does, so that the caller sees what its handler set.
     if (::poll(&input, 1, pollTimeout(wait)) <= 0)
         return true;
     std::array<char, 1024> buffer;

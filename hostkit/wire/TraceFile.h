@@ -8,25 +8,18 @@
 
 namespace micro850::host {
 
-/// Records what an exchange sends and receives.
+/// Records the frames and link controls that an exchange sends and receives.
 class TraceFile
 {
 public:
-    /// No path: records nothing. Throws UserError for a file that cannot be written.
+    /// An empty path records nothing. Throws UserError for a file that cannot be written.
     explicit TraceFile(const QString& path);
-    /// For Exchange::setObserver(); may outlive this object.
+    /// For Exchange::setObserver(). The observer may live longer than this object.
     Exchange::Observer observer() const;
 
 private:
     std::shared_ptr<TraceWriter> m_writer;
 };
-
-/// "NAK: not received intact".
-QString controlText(ReplyCollector::Kind kind);
-/// "read Level[3] x1", "open connection".
-QString requestText(const Request& request);
-/// One line that says what a complete frame asks for or answers, or which link control it is.
-QString frameText(const QByteArray& frame);
 
 } // namespace micro850::host
 

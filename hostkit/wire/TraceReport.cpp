@@ -1,6 +1,6 @@
 #include "TraceReport.h"
 
-#include "TraceFile.h"
+#include "FrameText.h"
 
 #include <algorithm>
 
@@ -24,42 +24,42 @@ void TraceReport::add(const TraceRecord& record)
     const QByteArray bytes(reinterpret_cast<const char*>(record.bytes.data()),
                            static_cast<int>(record.bytes.size()));
     for (const ReplyCollector::Event& event : collector.feed(bytes))
-        take(event, record);
+        handle(event, record);
 }
 
-void TraceReport::take(const ReplyCollector::Event& event, const TraceRecord& record)
+void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& record)
 {
     const bool sent = record.direction == Direction::Sent;
-    TraceEvent taken = {TraceEvent::Kind::Control,
-                        record.direction,
-                        record.time.count(),
-                        event.data,
-                        QString(),
-                        -1};
+    TraceEvent handled = {TraceEvent::Kind::Control,
+                          record.direction,
+                          record.time.count(),
+                          event.data,
+                          QString(),
+                          -1};
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
-        taken.text = frameText(wireFrame(event.data));
+        handled.text = frameText(wireFrame(event.data));
         if (sent)
-            takeRequest(taken);
+            handleRequest(handled);
         else
-            takeReply(taken);
+            handleReply(handled);
         break;
     case ReplyCollector::Kind::Corrupt:
         ++m_corrupt;
-        taken.kind = TraceEvent::Kind::Corrupt;
-        taken.text = QStringLiteral("corrupt frame");
+        handled.kind = TraceEvent::Kind::Corrupt;
+        handled.text = QStringLiteral("corrupt frame");
         break;
-    case ReplyCollector::Kind::Ack: // in front of every request
+    case ReplyCollector::Kind::Ack: // comes before every request
         return;
     case ReplyCollector::Kind::Nak:
     case ReplyCollector::Kind::Enq:
-        taken.text = controlText(event.kind);
+        handled.text = controlText(event.kind);
         break;
     }
-    m_events.append(taken);
+    m_events.append(handled);
 }
 
-void TraceReport::takeRequest(TraceEvent& event)
+void TraceReport::handleRequest(TraceEvent& event)
 {
     if (m_open.valid && event.data == m_openData) {
         event.kind = TraceEvent::Kind::Repetition;
@@ -67,7 +67,7 @@ void TraceReport::takeRequest(TraceEvent& event)
         ++m_repetitions;
         return;
     }
-    giveUp();
+    closeUnanswered();
     event.kind = TraceEvent::Kind::Request;
     ++m_requests;
     m_open = decodeRequest(event.data);
@@ -75,7 +75,7 @@ void TraceReport::takeRequest(TraceEvent& event)
     m_openSince = event.microseconds;
 }
 
-void TraceReport::takeReply(TraceEvent& event)
+void TraceReport::handleReply(TraceEvent& event)
 {
     const Reply reply = decodeReply(event.data);
     if (!answers(reply, m_open)) {
@@ -94,7 +94,7 @@ void TraceReport::takeReply(TraceEvent& event)
     m_open = Request();
 }
 
-void TraceReport::giveUp()
+void TraceReport::closeUnanswered()
 {
     if (!m_open.valid)
         return;
@@ -106,7 +106,7 @@ void TraceReport::giveUp()
 
 void TraceReport::finish()
 {
-    giveUp();
+    closeUnanswered();
 }
 
 double TraceReport::roundTripMs(int percent) const
@@ -118,15 +118,15 @@ double TraceReport::roundTripMs(int percent) const
     return sorted.at(std::max(0, (sorted.size() * percent + 99) / 100 - 1));
 }
 
-QVector<QPair<double, int>> TraceReport::histogram() const
+QVector<RoundTripClass> TraceReport::histogram() const
 {
-    QVector<QPair<double, int>> classes;
+    QVector<RoundTripClass> classes;
     for (const double limit : kClassLimits)
         classes.append({limit, 0});
     classes.append({-1, 0});
     for (const double ms : m_roundTrips) {
         const auto found = std::lower_bound(std::begin(kClassLimits), std::end(kClassLimits), ms);
-        ++classes[static_cast<int>(found - std::begin(kClassLimits))].second;
+        ++classes[static_cast<int>(found - std::begin(kClassLimits))].answers;
     }
     return classes;
 }
@@ -145,17 +145,17 @@ QStringList TraceReport::statistics() const
         QStringLiteral("round trip: median %1, 99 % within %2, longest %3")
             .arg(msText(roundTripMs(50)), msText(roundTripMs(99)), msText(roundTripMs(100)))};
     int most = 0;
-    for (const auto& part : histogram())
-        most = std::max(most, part.second);
-    for (const auto& part : histogram()) {
-        if (part.second == 0)
+    for (const RoundTripClass& part : histogram())
+        most = std::max(most, part.answers);
+    for (const RoundTripClass& part : histogram()) {
+        if (part.answers == 0)
             continue;
-        const QString limit = part.first < 0 ? QStringLiteral("> 1000 ms")
-                                             : QStringLiteral("<= %1 ms").arg(part.first);
+        const QString limit = part.limitMs < 0 ? QStringLiteral("> 1000 ms")
+                                               : QStringLiteral("<= %1 ms").arg(part.limitMs);
         lines += QStringLiteral("%1 %2 %3")
                      .arg(limit, 10)
-                     .arg(part.second, 7)
-                     .arg(QString(std::max(1, part.second * kBarWidth / most), '#'));
+                     .arg(part.answers, 7)
+                     .arg(QString(std::max(1, part.answers * kBarWidth / most), '#'));
     }
     for (auto failure = m_failures.constBegin(); failure != m_failures.constEnd(); ++failure)
         lines += QStringLiteral("failed %1x %2").arg(failure.value()).arg(failure.key());

@@ -10,7 +10,7 @@
 
 namespace micro850::host {
 
-/// One thing that a recorded trace holds.
+/// One frame or link control of a recorded trace.
 struct TraceEvent
 {
     enum class Kind { Request, Repetition, Reply, StrayReply, Corrupt, Control };
@@ -18,17 +18,24 @@ struct TraceEvent
     Direction direction;
     qint64 microseconds; ///< since 1970-01-01 UTC
     QByteArray data;     ///< application data of an intact frame
-    QString text;        ///< one-line decode
+    QString text;        ///< its contents in one line
     double roundTripMs;  ///< of a reply that belongs to a request; else below 0
 };
 
-/// What a recorded trace says: its frames decoded, each reply put to its request.
+/// Answers with a round trip up to a limit, and above the limit of the class before.
+struct RoundTripClass
+{
+    double limitMs; ///< below 0 for no limit
+    int answers;
+};
+
+/// A recorded trace: its frames, decoded, and each reply matched with its request.
 class TraceReport
 {
 public:
-    /// Takes the records in order.
+    /// Adds a record. Call it in the order of the trace.
     void add(const TraceRecord& record);
-    /// After the last one: a request that is still open has no answer.
+    /// Call it after the last record: a request that is still open has no answer.
     void finish();
 
     const QVector<TraceEvent>& events() const { return m_events; }
@@ -38,22 +45,22 @@ public:
     int unanswered() const { return m_unanswered.size(); }
     int stray() const { return m_stray; }
     int corrupt() const { return m_corrupt; }
-    /// What had no answer, or was refused, and how often: "read Level[3] x1: no answer".
+    /// Requests without an answer, or refused, and how often: "read Level[3] x1: no answer".
     const QMap<QString, int>& failures() const { return m_failures; }
     /// Replies by their status, see statusKey().
     const QMap<QString, int>& statuses() const { return m_statuses; }
-    /// Milliseconds that so many percent of the answers do not exceed; below 0 without one.
+    /// Milliseconds that this percentage of the answers do not exceed; below 0 without an answer.
     double roundTripMs(int percent) const;
-    /// Answers by round trip: the upper limit of each class, and how many. The last has no limit.
-    QVector<QPair<double, int>> histogram() const;
-    /// The whole as text: counts, round trips, histogram, failures.
+    /// Answers by round trip, in classes that grow. The last one has no limit.
+    QVector<RoundTripClass> histogram() const;
+    /// All of it as text: counts, round trips, histogram, failures.
     QStringList statistics() const;
 
 private:
-    void take(const ReplyCollector::Event& event, const TraceRecord& record);
-    void takeRequest(TraceEvent& event);
-    void takeReply(TraceEvent& event);
-    void giveUp();
+    void handle(const ReplyCollector::Event& event, const TraceRecord& record);
+    void handleRequest(TraceEvent& event);
+    void handleReply(TraceEvent& event);
+    void closeUnanswered();
 
     ReplyCollector m_sent;
     ReplyCollector m_received;

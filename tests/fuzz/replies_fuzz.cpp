@@ -2,8 +2,8 @@
 // meaning of a frame.
 
 #include "Frame.h"
+#include "FrameText.h"
 #include "ReplyCollector.h"
-#include "TraceFile.h"
 #include "fuzz_check.h"
 #include "fuzz_input.h"
 #include "wire.h"

@@ -63,21 +63,21 @@ TEST(DriverLibrary, ResolvesEveryEntryPoint)
     EXPECT_NE(api.setRegisterData, nullptr);
 }
 
-TEST(DriverLibrary, NamesAFileThatIsNotThere)
+TEST(DriverLibrary, NamesAFileThatDoesNotExist)
 {
     EXPECT_EQ(
         complaint("/nowhere/libmicro850.so"),
         "/nowhere/libmicro850.so: there is no such driver library (give its path with --driver)");
 }
 
-TEST(DriverLibrary, NamesAFileThatIsNoLibrary)
+TEST(DriverLibrary, NamesAFileThatIsNotALibrary)
 {
     const std::string text = complaint(MICRO850_SOURCE_DIR "/LICENSE");
     EXPECT_NE(text.find("LICENSE: the driver cannot be loaded"), std::string::npos) << text;
     EXPECT_EQ(text.find('\n'), std::string::npos);
 }
 
-TEST(DriverLibrary, NamesTheEntryPointThatALibraryLacks)
+TEST(DriverLibrary, NamesTheEntryPointThatIsMissing)
 {
     const std::string text = complaint(MICRO850_OTHER_LIBRARY);
     EXPECT_NE(text.find("lacks the entry point SetComInfo"), std::string::npos) << text;
@@ -89,13 +89,13 @@ TEST(DriverLibrary, RefusesADriverThatIsBuiltForAnotherQtBeforeItRuns)
     EXPECT_EQ(complaintOf(folder, libraryWithNote('m', 4)),
               "libmicro850.so: it is built for Qt 4, this host for Qt 5 "
               "(give a driver built with -DMICRO850_QT=5)");
-    // Cut off behind the note it could not be loaded: the note was looked at first.
+    // Cut off after the note, it could not be loaded: the note is looked at first.
     EXPECT_EQ(complaintOf(folder, libraryWithNote('m', 6).left(4096)),
               "libmicro850.so: it is built for Qt 6, this host for Qt 5 "
               "(give a driver built with -DMICRO850_QT=5)");
 }
 
-TEST(DriverLibrary, RefusesADriverThatDoesNotSayItsQt)
+TEST(DriverLibrary, RefusesADriverWithoutANoteAboutItsQt)
 {
     const QTemporaryDir folder;
     EXPECT_EQ(complaintOf(folder, libraryWithNote('M', 5)),

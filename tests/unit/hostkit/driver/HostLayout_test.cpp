@@ -22,7 +22,7 @@ std::string hostBytes(const char* name, const char* element)
 
 } // namespace
 
-TEST(HostLayout, CountsARunOfACycleSoThatTheDriversSubtractionGivesItsElements)
+TEST(HostLayout, AddsToTheCountOfACyclicRunWhatTheDriverSubtracts)
 {
     // The driver asks for count - 1 elements of 32 bits and count - 3 of 64.
     EXPECT_EQ(cyclicCount(TypeClass::DoubleWord, 20) - 1, 20);
@@ -51,7 +51,7 @@ TEST(HostLayout, FetchesAllBytesOfAReply)
     EXPECT_EQ(fetchCount(TypeClass::ShortString, 4), 2);
 }
 
-TEST(HostLayout, TakesTheZeroBytesOutOfByteElements)
+TEST(HostLayout, RemovesTheZeroBytesOfByteElements)
 {
     EXPECT_EQ(wire::text(fromHostLayout(TypeClass::Byte, hex("12 00 34 00"), hex("12 34"))),
               "12 34");
@@ -66,7 +66,7 @@ TEST(HostLayout, CutsAStringToTheLengthOfTheReply)
     EXPECT_EQ(wire::text(fromHostLayout(TypeClass::ShortString, QByteArray(), hex("00"))), "00");
 }
 
-TEST(HostLayout, GivesAWriteTheLayoutOfItsClass)
+TEST(HostLayout, LaysOutAWriteByItsClass)
 {
     EXPECT_EQ(hostBytes("BOOL", "01"), "01 in 1");
     EXPECT_EQ(hostBytes("SINT", "FB"), "FB 00 in 1");

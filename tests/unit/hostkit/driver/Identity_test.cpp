@@ -10,7 +10,7 @@ using micro850::host::Identity;
 // Vendor, device type, product code, revision, status, serial number, length and name.
 const char kReply[] = "34 12 0E 00 52 03 0C 02 30 00 EF BE AD DE 05 55 6E 69 74 31";
 
-TEST(Identity, TakesEveryFieldFromItsPlace)
+TEST(Identity, DecodesEveryField)
 {
     const Identity identity = decodeIdentity(wire::hex(kReply));
     ASSERT_TRUE(identity.valid);
@@ -31,7 +31,7 @@ TEST(Identity, ReadsBytesAbove127AsUnsigned)
     EXPECT_EQ(decodeIdentity(reply).major, 200);
 }
 
-TEST(Identity, IsInvalidWhenAFieldIsMissingAndCutsANameThatIs)
+TEST(Identity, IsInvalidWithoutAllFieldsButMayHaveAShorterName)
 {
     const QByteArray reply = wire::hex(kReply);
     for (int size = 0; size < 15; ++size)

@@ -49,7 +49,7 @@ protected:
 
 } // namespace
 
-TEST_F(ReadPlanTest, LeavesNeighboursOfTheDefaultStationToTheDriver)
+TEST_F(ReadPlanTest, LetsTheDriverMergeNeighboursOfTheDefaultStation)
 {
     know("Level", "INT");
     const ReadPlan reads = plan(R"({"tag": "Level", "name": "a", "element": 3},
@@ -69,7 +69,7 @@ TEST_F(ReadPlanTest, ListsAnElementOnceForTheDriverToMerge)
     EXPECT_EQ(reads.merged.size(), 1);
 }
 
-TEST_F(ReadPlanTest, GivesOtherStationsToTheListThatKnowsThem)
+TEST_F(ReadPlanTest, ListsReadsOfOtherStationsAsSingleRequests)
 {
     know("Level", "INT", 2);
     const ReadPlan reads = plan(R"({"tag": "Level", "element": 3, "station": 2})");
@@ -87,16 +87,16 @@ TEST_F(ReadPlanTest, GivesOtherStationsToTheListThatKnowsThem)
     EXPECT_EQ(request.linkId, kLink);
 }
 
-TEST_F(ReadPlanTest, CountsWideElementsSoThatEveryOneIsRead)
+TEST_F(ReadPlanTest, AddsToTheCountOfWideElementsWhatTheDriverSubtracts)
 {
     know("Recipe", "DINT");
     know("Flow", "LREAL");
-    // 20 elements of 32 bits: the driver takes 1 off; 5 of 64 bits: it takes 3 off.
+    // 20 elements of 32 bits: the driver subtracts 1; 5 of 64 bits: it subtracts 3.
     EXPECT_EQ(singles(plan(R"({"tag": "Recipe", "length": 20}, {"tag": "Flow", "length": 5})")),
               "0 x 21, 0 x 8");
 }
 
-TEST_F(ReadPlanTest, CutsALongArrayIntoRunsOfAReply)
+TEST_F(ReadPlanTest, CutsALongArrayIntoRunsThatFitIntoAReply)
 {
     know("Zone", "INT");
     know("Recipe", "DINT");
@@ -110,7 +110,7 @@ TEST_F(ReadPlanTest, NeverLetsTheDriverMergeWideTypesThatItMovesByteByByte)
     EXPECT_TRUE(plan(R"({"tag": "Bits", "element": 1})").merged.isEmpty());
 }
 
-TEST_F(ReadPlanTest, ReadsEachOnItsOwnAfterAMergedRequestWasRefused)
+TEST_F(ReadPlanTest, ReadsEachVariableByARequestOfItsOwnWhenMergingIsForbidden)
 {
     know("Level", "INT");
     mergeable = false;

@@ -31,7 +31,7 @@ TEST_F(PollLoopRecoveryTest, TransmitsARequestThreeTimesWithARetryLimitOfTwo)
     }
 }
 
-TEST_F(PollLoopRecoveryTest, TakesAReplyToARepeatedRequest)
+TEST_F(PollLoopRecoveryTest, AcceptsAReplyToARepeatedRequest)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -44,7 +44,7 @@ TEST_F(PollLoopRecoveryTest, TakesAReplyToARepeatedRequest)
     EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
 }
 
-TEST_F(PollLoopRecoveryTest, KeepsTheLastValueAsStaleAndResumesByItself)
+TEST_F(PollLoopRecoveryTest, ShowsTheLastValueAsStaleUntilTheStationAnswersAgain)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -76,7 +76,7 @@ TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
     EXPECT_LE(probes.at(4) - probes.at(3), 6s);
 }
 
-TEST_F(PollLoopRecoveryTest, FindsAStationThatWasDeadFromTheStart)
+TEST_F(PollLoopRecoveryTest, ReadsAStationThatWasDeadAtTheStartOnceItAnswers)
 {
     plc.silent = true;
     start(R"({"tag": "Speed", "poll": "once"})");
@@ -86,7 +86,7 @@ TEST_F(PollLoopRecoveryTest, FindsAStationThatWasDeadFromTheStart)
     EXPECT_EQ(text(0), "1234");
 }
 
-TEST_F(PollLoopRecoveryTest, ConnectsAnewWhenTheControllerForgotTheConnection)
+TEST_F(PollLoopRecoveryTest, ConnectsAgainWhenTheControllerForgotTheConnection)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -97,7 +97,7 @@ TEST_F(PollLoopRecoveryTest, ConnectsAnewWhenTheControllerForgotTheConnection)
     EXPECT_EQ(station().counters().timedOut, 0);
 }
 
-TEST_F(PollLoopRecoveryTest, CarriesOutAnOperationThatMeetsAForgottenConnection)
+TEST_F(PollLoopRecoveryTest, RepeatsAnOperationAfterTheControllerForgotTheConnection)
 {
     start(R"({"tag": "Speed", "poll": "once"})");
     ASSERT_TRUE(runUntilRead());
@@ -108,7 +108,7 @@ TEST_F(PollLoopRecoveryTest, CarriesOutAnOperationThatMeetsAForgottenConnection)
     EXPECT_EQ(finish(loop->read(kSpeed, 0, 1)).state, State::Done);
 }
 
-TEST_F(PollLoopRecoveryTest, TakesARefusedConnectionForNoConnection)
+TEST_F(PollLoopRecoveryTest, ReadsNothingWhenTheConnectionIsRefused)
 {
     plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
         if (request.service == 0x54) {
@@ -142,7 +142,7 @@ TEST_F(PollLoopRecoveryTest, NeverShowsALateReplyUnderAnotherTag)
     EXPECT_GT(station().counters().late, 100);
 }
 
-TEST_F(PollLoopRecoveryTest, KeepsTheOtherStationGoingWhileOneIsDead)
+TEST_F(PollLoopRecoveryTest, ReadsTheOtherStationWhileOneIsDead)
 {
     // The one controller in memory answers for both; which station is meant shows in the tag.
     plc.tags["Far"] = {0x00C3, {hex("63 00")}};
@@ -173,7 +173,7 @@ TEST_F(PollLoopRecoveryTest, SendsNothingToADisabledStation)
     EXPECT_EQ(station(2).state(), Station::State::Disabled);
 }
 
-TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
+TEST_F(PollLoopRecoveryTest, TriesToOpenAMissingDeviceAtGrowingIntervalsAndResumes)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -193,7 +193,7 @@ TEST_F(PollLoopRecoveryTest, OpensADeviceThatWentAwayAtGrowingPausesAndGoesOn)
     EXPECT_EQ(loop->lineReconnects(), 1);
 }
 
-TEST_F(PollLoopRecoveryTest, LetsThePausesGrowForADeviceThatCanBeOpenedAndFailsAtOnce)
+TEST_F(PollLoopRecoveryTest, LetsTheIntervalsGrowForADeviceThatOpensAndFailsAtOnce)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());

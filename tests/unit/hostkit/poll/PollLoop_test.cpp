@@ -63,7 +63,7 @@ TEST_F(PollLoopTest, StoresTheValuesOfTheLastReplyBeforeItEnds)
     EXPECT_EQ(text(0), "-1");
 }
 
-TEST_F(PollLoopTest, StoresTheValuesOfTheLastReplyWhenTheDeviceGoes)
+TEST_F(PollLoopTest, StoresTheValuesOfTheLastReplyWhenTheDeviceIsGone)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -97,7 +97,7 @@ TEST_F(PollLoopTest, ReadsEveryElementOfAWideArray)
     EXPECT_EQ(text(2), "[0x89ABCD01, 0x89ABCD02]");
 }
 
-TEST_F(PollLoopTest, NeverShowsElementZeroUnderTheFirstIndexThatIsAskedFor)
+TEST_F(PollLoopTest, NeverShowsElementZeroAsTheFirstElementAskedFor)
 {
     // The driver's first read of a tag brings element 0, whatever the request says.
     start(R"({"tag": "Level", "element": 7})");
@@ -132,7 +132,7 @@ TEST_F(PollLoopTest, ReadsAVariableOnceWhereTheProjectSaysSo)
     EXPECT_EQ(loop->quality(0), Quality::Good);
 }
 
-TEST_F(PollLoopTest, ShowsAStringThatGotShorterWithoutItsOldTail)
+TEST_F(PollLoopTest, ShowsAStringThatBecameShorterWithoutItsOldEnd)
 {
     plc.tags["Name"] = {0x00DA, {hex("05 41 70 70 6C 65")}};
     start(R"({"tag": "Name"})");
@@ -178,7 +178,7 @@ TEST_F(PollLoopTest, SendsTheWholeFrameWhateverItsRecordedLength)
     EXPECT_EQ(station().counters().answered, static_cast<qint64>(plc.requests.size()));
 }
 
-TEST_F(PollLoopTest, NamesATagThatTheControllerDoesNotKnowAndKeepsItOffTheCycle)
+TEST_F(PollLoopTest, ReportsATagThatTheControllerDoesNotKnowAndDoesNotReadItInTheCycle)
 {
     start(R"({"tag": "Nope"}, {"tag": "Speed"})");
     ASSERT_TRUE(runUntil([&] { return loop->values().wasRead(1); }));
@@ -189,7 +189,7 @@ TEST_F(PollLoopTest, NamesATagThatTheControllerDoesNotKnowAndKeepsItOffTheCycle)
     EXPECT_EQ(plc.count(0x52, "Nope"), asked);
 }
 
-TEST_F(PollLoopTest, FindsATagThatAppearsLaterWithItsRightType)
+TEST_F(PollLoopTest, ReadsATagThatAppearsLaterByItsOwnType)
 {
     start(R"({"tag": "Nope"})");
     ASSERT_TRUE(runUntil([&] { return !error(0).empty(); }));
@@ -200,7 +200,7 @@ TEST_F(PollLoopTest, FindsATagThatAppearsLaterWithItsRightType)
     EXPECT_EQ(error(0), "");
 }
 
-TEST_F(PollLoopTest, ReportsATypeThatIsNotTheProjectsAndShowsNoValue)
+TEST_F(PollLoopTest, ReportsATypeThatDiffersFromTheProjectAndShowsNoValue)
 {
     start(R"({"tag": "Speed", "type": "REAL"})");
     ASSERT_TRUE(runUntil([&] { return !error(0).empty(); }));
@@ -223,7 +223,7 @@ TEST_F(PollLoopTest, ReadsTheGoodNeighboursOfAnElementBeyondTheTag)
     EXPECT_EQ(error(0), "");
 }
 
-TEST_F(PollLoopTest, SaysWhenATypeChangedInTheController)
+TEST_F(PollLoopTest, ReportsATypeThatChangedInTheController)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
@@ -245,7 +245,7 @@ TEST_F(PollLoopTest, WritesATagThatWasNeverRead)
     EXPECT_EQ(plc.count(0x53, "Recipe"), 1);
 }
 
-TEST_F(PollLoopTest, WritesOneAfterTheOtherEvenToPlacesThatTheDriverTakesForTheSame)
+TEST_F(PollLoopTest, CarriesOutEveryWriteEvenWhereTheDriverWouldReplaceOneByTheNext)
 {
     for (const char* tag : {"A", "B", "C", "D"})
         plc.tags[tag] = {0x00C3, {hex("00 00")}};
@@ -267,7 +267,7 @@ TEST_F(PollLoopTest, ReadsARunOfElementsOnce)
     EXPECT_EQ(wire::text(done.result), "68 00 69 00 6A 00");
 }
 
-TEST_F(PollLoopTest, TellsWhyAnOperationWasRefused)
+TEST_F(PollLoopTest, ReportsWhyAnOperationWasRefused)
 {
     start(R"({"tag": "Speed"})");
     const Operation unknown = finish(loop->read({1, "Nope"}, 0, 1));

@@ -54,7 +54,7 @@ TEST_F(SessionTest, WritesAndReadsBack)
     EXPECT_EQ(wire::text(session.read(kSpeed, 0, 1).first()), "07 00");
 }
 
-TEST_F(SessionTest, SaysWhatTheControllerRefused)
+TEST_F(SessionTest, ReportsWhatTheControllerRefused)
 {
     EXPECT_EQ(complaint([](Session& s) {
                   s.read({1, "Nope"}, 0, 1);
@@ -66,7 +66,7 @@ TEST_F(SessionTest, SaysWhatTheControllerRefused)
               "1: Level[10]: access beyond the end of the tag (status FF/2105)");
 }
 
-TEST_F(SessionTest, NamesATagWithAPercentSignAndADigitAsItIs)
+TEST_F(SessionTest, ShowsATagWithAPercentSignAndADigitUnchanged)
 {
     plc.tags["Fill%2"] = {0x00C3, {wire::hex("05 00")}};
     EXPECT_EQ(complaint([](Session& s) {
@@ -75,7 +75,7 @@ TEST_F(SessionTest, NamesATagWithAPercentSignAndADigitAsItIs)
               "1: Fill%2[7]: access beyond the end of the tag (status FF/2105)");
 }
 
-TEST_F(SessionTest, SaysThatAStationDoesNotAnswer)
+TEST_F(SessionTest, ReportsAStationThatDoesNotAnswer)
 {
     plc.silent = true;
     EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
@@ -83,14 +83,14 @@ TEST_F(SessionTest, SaysThatAStationDoesNotAnswer)
               "station)");
 }
 
-TEST_F(SessionTest, SaysThatTheDeviceIsGone)
+TEST_F(SessionTest, ReportsADeviceThatIsGone)
 {
     line.onSend = [this](const QByteArray&) { line.setPresent(false); };
     EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
               "1: /dev/test, 38400 8N1: the device is gone");
 }
 
-TEST_F(SessionTest, RefusesWhatCannotBeAskedForBeforeAnythingIsSent)
+TEST_F(SessionTest, RefusesAnImpossibleRequestBeforeAnythingIsSent)
 {
     plc.tags["Name"] = {0x00DA, {hex("01 41")}};
     plc.tags["Bits"] = {0x00D2, {hex("34 12")}};

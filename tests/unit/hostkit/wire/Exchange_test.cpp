@@ -45,7 +45,7 @@ protected:
 
 } // namespace
 
-TEST_F(ExchangeTest, GivesTheReplyOfItsRequest)
+TEST_F(ExchangeTest, ReturnsTheReplyToItsRequest)
 {
     line.onSend = [this](const QByteArray&) { line.arrive(reply, 7); };
     const Answer answer = run();
@@ -58,7 +58,7 @@ TEST_F(ExchangeTest, GivesTheReplyOfItsRequest)
     EXPECT_EQ(counters.bytesReceived, reply.size());
 }
 
-TEST_F(ExchangeTest, PutsTogetherAReplyThatComesInPieces)
+TEST_F(ExchangeTest, JoinsAReplyThatComesInPieces)
 {
     line.onSend = [this](const QByteArray& piece) {
         for (int i = 0; piece == request && i < reply.size(); ++i)
@@ -68,7 +68,7 @@ TEST_F(ExchangeTest, PutsTogetherAReplyThatComesInPieces)
     EXPECT_EQ(sent(), "request");
 }
 
-TEST_F(ExchangeTest, ThrowsAwayWhatArrivedBeforeItSends)
+TEST_F(ExchangeTest, DropsBytesThatArrivedBeforeItSends)
 {
     line.arrive(wire::readReply(5, 0x00C3, hex("FF FF")), 0);
     line.onSend = [this](const QByteArray&) { line.arrive(reply); };
@@ -76,7 +76,7 @@ TEST_F(ExchangeTest, ThrowsAwayWhatArrivedBeforeItSends)
     EXPECT_EQ(counters.late, 0);
 }
 
-TEST_F(ExchangeTest, DropsTheReplyOfAnotherRequestAndWaitsOnWithinTheSameTime)
+TEST_F(ExchangeTest, DropsAReplyToAnotherRequestAndGoesOnWaitingWithinTheSameTime)
 {
     const micro850::Duration start = clock.now();
     line.onSend = [this](const QByteArray& piece) {
@@ -92,7 +92,7 @@ TEST_F(ExchangeTest, DropsTheReplyOfAnotherRequestAndWaitsOnWithinTheSameTime)
     EXPECT_EQ(sent(), "request, 10 06");
 }
 
-TEST_F(ExchangeTest, EndsInTimeWhateverKeepsArriving)
+TEST_F(ExchangeTest, TimesOutInTimeEvenWhileOtherRepliesKeepArriving)
 {
     const micro850::Duration start = clock.now();
     line.onSend = [this](const QByteArray& piece) {
@@ -112,7 +112,7 @@ TEST_F(ExchangeTest, AsksOnceForAReplyThatIsLateAndThenTimesOut)
     EXPECT_EQ(sent(), "request, 10 15");
 }
 
-TEST_F(ExchangeTest, GetsALostReplyByAskingForIt)
+TEST_F(ExchangeTest, GetsALostReplyAfterAskingForIt)
 {
     line.onSend = [this](const QByteArray& piece) {
         if (piece == kNakBytes)
@@ -151,7 +151,7 @@ TEST_F(ExchangeTest, StopsAskingForAReplyThatStaysCorrupt)
 }
 
 // The CRC begins with 0.
-TEST_F(ExchangeTest, AsksForAReplyAgainThatBytes00InFrontHaveShifted)
+TEST_F(ExchangeTest, AsksAgainForAReplyThatBytes00BeforeTheDataHaveShifted)
 {
     const QByteArray shifted = wire::framed(QByteArray(1, '\0') + wire::unframed(reply));
     ASSERT_EQ(shifted.right(2), reply.right(2)) << "the same CRC";
@@ -166,7 +166,7 @@ TEST_F(ExchangeTest, AsksForAReplyAgainThatBytes00InFrontHaveShifted)
     EXPECT_EQ(sent(), "request, 10 15");
 }
 
-TEST_F(ExchangeTest, AsksForAReplyThatStopsInTheMiddle)
+TEST_F(ExchangeTest, AsksAgainForAReplyThatStopsInTheMiddle)
 {
     line.onSend = [this](const QByteArray& piece) {
         if (piece == request)
@@ -206,7 +206,7 @@ TEST_F(ExchangeTest, RepeatsARequestThatThePeerReceivedCorrupt)
     EXPECT_EQ(counters.sent, 2);
 }
 
-TEST_F(ExchangeTest, DoesNotAcknowledgeAReplyThatItHasNotGot)
+TEST_F(ExchangeTest, AnswersAnEnquiryWithANakWhileItHasNoReply)
 {
     // The peer asks whether its reply arrived; it did not.
     line.onSend = [this](const QByteArray& piece) {
@@ -219,7 +219,7 @@ TEST_F(ExchangeTest, DoesNotAcknowledgeAReplyThatItHasNotGot)
     EXPECT_EQ(sent(), "request, 10 15");
 }
 
-TEST_F(ExchangeTest, TakesTheFirstOfADuplicatedReply)
+TEST_F(ExchangeTest, UsesTheFirstOfTwoEqualReplies)
 {
     line.onSend = [this](const QByteArray& piece) {
         if (piece == request)
@@ -230,7 +230,7 @@ TEST_F(ExchangeTest, TakesTheFirstOfADuplicatedReply)
     EXPECT_EQ(counters.late, 1);
 }
 
-TEST_F(ExchangeTest, CountsTheErrorsOfRepliesByTheirStatus)
+TEST_F(ExchangeTest, CountsRefusalsByTheirStatus)
 {
     line.onSend = [this](const QByteArray&) { line.arrive(wire::errorReply(5, 0x52, 0x05)); };
     const Answer answer = run();
@@ -239,14 +239,14 @@ TEST_F(ExchangeTest, CountsTheErrorsOfRepliesByTheirStatus)
     EXPECT_EQ(counters.errors.value("05"), 1);
 }
 
-TEST_F(ExchangeTest, TellsADeviceThatIsGoneFromASilence)
+TEST_F(ExchangeTest, ReportsADeviceThatIsGoneAndNotATimeOut)
 {
     line.setPresent(false);
     EXPECT_EQ(run().outcome, Outcome::DeviceGone);
     EXPECT_EQ(counters.timedOut, 0);
 }
 
-TEST_F(ExchangeTest, ComputesTheTimeOutFromTheLineAndTheDevice)
+TEST_F(ExchangeTest, ComputesTheTimeOutFromTheSpeedAndTheDeviceUnlessItIsSet)
 {
     settings.timeoutMs = 0;
     settings.baud = 9600;
@@ -271,7 +271,7 @@ TEST_F(ExchangeTest, AcknowledgesTheLastReplyOnceWhenNoRequestFollows)
     EXPECT_EQ(sent(), "request, 10 06");
 }
 
-TEST_F(ExchangeTest, ShowsEveryFrameBothWays)
+TEST_F(ExchangeTest, ReportsEveryFrameInBothDirectionsToItsObserver)
 {
     line.onSend = [this](const QByteArray&) { line.arrive(reply, 3); };
     Exchange exchange(line, clock, settings);
@@ -288,7 +288,7 @@ TEST_F(ExchangeTest, ShowsEveryFrameBothWays)
     EXPECT_EQ(seen, ">request0 <reply3000 ");
 }
 
-TEST_F(ExchangeTest, ShowsWhatCameCorruptAndWhatItAnswers)
+TEST_F(ExchangeTest, ReportsCorruptFramesAndItsOwnControlsToItsObserver)
 {
     QByteArray damaged = reply;
     damaged[9] = static_cast<char>(damaged.at(9) ^ 1);

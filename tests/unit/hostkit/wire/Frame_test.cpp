@@ -1,6 +1,6 @@
 #include "Frame.h"
 
-#include "TraceFile.h"
+#include "FrameText.h"
 #include "wire.h"
 
 #include <gtest/gtest.h>
@@ -31,14 +31,14 @@ Reply extended(quint8 status, quint16 word)
 
 } // namespace
 
-TEST(Frame, ClosesAndOpensAsTheWireSays)
+TEST(Frame, IsBuiltAndOpenedAsOnTheWire)
 {
     const QByteArray data = hex("00 01 0A 00 10 10 03 10");
     EXPECT_EQ(wire::text(wireFrame(data)), wire::text(wire::framed(data)));
     EXPECT_EQ(wire::text(dataOf(wire::framed(data))), wire::text(data));
 }
 
-TEST(Frame, OpensNothingThatIsDamagedOrShort)
+TEST(Frame, IsNotOpenedWhenDamagedOrShort)
 {
     QByteArray frame = wire::framed(hex("00 01 0A 00"));
     frame[5] = 0x7F;
@@ -47,7 +47,7 @@ TEST(Frame, OpensNothingThatIsDamagedOrShort)
     EXPECT_TRUE(dataOf(hex("10 06 10 02 10 03 00")).isEmpty());
 }
 
-TEST(Request, OfAReadTellsTagElementAndCount)
+TEST(Request, OfAReadHasTagElementAndCount)
 {
     const QByteArray path = wire::tagPath("Level", 300);
     const Request request =
@@ -60,7 +60,7 @@ TEST(Request, OfAReadTellsTagElementAndCount)
     EXPECT_EQ(request.count, 20);
 }
 
-TEST(Request, OfATagWithAPercentSignAndADigitIsToldAsItIs)
+TEST(Request, OfATagWithAPercentSignAndADigitIsShownUnchanged)
 {
     const QByteArray path = wire::tagPath("Fill%2", 7);
     const QString told = requestText(requestOf(wire::readRequest(1, kId, path, 3)));
@@ -73,7 +73,7 @@ TEST(Request, WithoutAnElementSegmentIsForElementZero)
         EXPECT_EQ(requestOf(wire::readRequest(1, kId, wire::tagPath(tag), 1)).element, 0u) << tag;
 }
 
-TEST(Request, OfAWriteTellsItsCountBehindTheType)
+TEST(Request, OfAWriteHasItsCountAfterTheType)
 {
     const Request request = requestOf(
         wire::writeRequest(7, kId, wire::tagPath("Speed", 16), 0x00C3, 2, hex("01 00 02 00")));
@@ -82,7 +82,7 @@ TEST(Request, OfAWriteTellsItsCountBehindTheType)
     EXPECT_EQ(request.count, 2);
 }
 
-TEST(Request, OfTheConnectionNamesNoTag)
+TEST(Request, ThatOpensAConnectionHasNoTag)
 {
     const Request request = decodeRequest(wire::forwardOpenRequest(3, 0x10));
     EXPECT_EQ(request.service, kForwardOpen);
@@ -97,7 +97,7 @@ TEST(Request, ThatIsTooShortIsNotValid)
         EXPECT_FALSE(decodeRequest(data.left(size)).valid) << size;
 }
 
-TEST(Reply, OfAReadTellsTypeAndValues)
+TEST(Reply, ToAReadHasTypeAndValues)
 {
     const Reply reply = replyOf(wire::readReply(5, 0x00C3, hex("D2 04")));
     EXPECT_TRUE(reply.good());
@@ -106,7 +106,7 @@ TEST(Reply, OfAReadTellsTypeAndValues)
     EXPECT_EQ(statusText(reply), QString());
 }
 
-TEST(Reply, TellsStatusAndExtendedStatus)
+TEST(Reply, HasStatusAndExtendedStatus)
 {
     EXPECT_EQ(statusText(replyOf(wire::errorReply(5, 0x52, 0x05))),
               QString("path destination unknown (status 05)"));
@@ -133,14 +133,14 @@ TEST(Reply, ThatIsTooShortIsNotValid)
     EXPECT_TRUE(decodeReply(data).valid);
 }
 
-TEST(Reply, SaysWhenThePeerDoesNotKnowTheConnection)
+TEST(Reply, ShowsThatThePeerDoesNotKnowTheConnection)
 {
     EXPECT_TRUE(saysNoConnection(extended(0x01, 0x0107)));
     EXPECT_FALSE(saysNoConnection(extended(0xFF, 0x2105)));
     EXPECT_FALSE(saysNoConnection(replyOf(wire::readReply(5, 0x00C3, hex("01 00")))));
 }
 
-TEST(Answers, OnlyTheRequestOfItsNumberCommandAndService)
+TEST(Answers, OnlyARequestWithTheSameNumberCommandAndService)
 {
     const Request read = requestOf(wire::readRequest(5, kId, wire::tagPath("A"), 1));
     EXPECT_TRUE(answers(replyOf(wire::readReply(5, 0x00C3, hex("01 00"))), read));

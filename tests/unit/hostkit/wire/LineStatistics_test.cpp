@@ -6,7 +6,7 @@ using micro850::host::LineStatistics;
 using micro850::host::PortSettings;
 using namespace std::chrono_literals;
 
-TEST(LineStatistics, SaysNothingBeforeTheFirstTransaction)
+TEST(LineStatistics, AreEmptyBeforeTheFirstTransaction)
 {
     const LineStatistics line;
     EXPECT_EQ(line.transactionsPerSecond(5s), 0);
@@ -14,7 +14,7 @@ TEST(LineStatistics, SaysNothingBeforeTheFirstTransaction)
     EXPECT_FALSE(line.roundTrip(50));
 }
 
-TEST(LineStatistics, CountsTransactionsOfTheLastTenSeconds)
+TEST(LineStatistics, CountTransactionsOfTheLastTenSeconds)
 {
     LineStatistics line;
     for (micro850::Duration time = 1s; time <= 31s; time += 50ms) // 20 a second
@@ -24,7 +24,7 @@ TEST(LineStatistics, CountsTransactionsOfTheLastTenSeconds)
     EXPECT_EQ(line.transactionsPerSecond(50s), 0);
 }
 
-TEST(LineStatistics, MeasuresTheShareOfTheLineFromItsSpeed)
+TEST(LineStatistics, ComputeTheShareInUseFromTheSpeedOfTheLine)
 {
     PortSettings port;
     port.baud = 9600; // 960 bytes a second of ten bits
@@ -36,7 +36,7 @@ TEST(LineStatistics, MeasuresTheShareOfTheLineFromItsSpeed)
     EXPECT_EQ(line.percentInUse(10s, port), 100);
 }
 
-TEST(LineStatistics, RanksTheLastThousandRoundTrips)
+TEST(LineStatistics, RankTheLastThousandRoundTrips)
 {
     LineStatistics line;
     line.add(0s, 0, std::nullopt); // without an answer

@@ -37,7 +37,7 @@ const QByteArray kData = hex("01 00 4A 00 05 00 00 00 5A 3C 0C 45 D2 00 00 00 C3
 
 } // namespace
 
-TEST(ReplyCollector, GivesTheDataOfACompleteFrame)
+TEST(ReplyCollector, ReturnsTheDataOfACompleteFrame)
 {
     ReplyCollector collector;
     const auto events = collector.feed(wire::framed(kData));
@@ -45,13 +45,13 @@ TEST(ReplyCollector, GivesTheDataOfACompleteFrame)
     EXPECT_EQ(frames(events), wire::text(kData));
 }
 
-TEST(ReplyCollector, TakesAFrameWithoutALeadingAcknowledgement)
+TEST(ReplyCollector, AcceptsAFrameWithoutALeadingAcknowledgement)
 {
     ReplyCollector collector;
     EXPECT_EQ(kinds(collector.feed(wire::framed(kData).mid(2))), "frame");
 }
 
-TEST(ReplyCollector, GivesTheSameHoweverTheBytesAreSplit)
+TEST(ReplyCollector, FindsTheSameInTwoPiecesCutAnywhere)
 {
     const QByteArray stream = wire::framed(hex("01 10 4A 10 10 03 10") + kData);
     for (int cut = 0; cut <= stream.size(); ++cut) {
@@ -63,7 +63,7 @@ TEST(ReplyCollector, GivesTheSameHoweverTheBytesAreSplit)
     }
 }
 
-TEST(ReplyCollector, GivesTheSameByteByByte)
+TEST(ReplyCollector, FindsTheSameByteByByte)
 {
     ReplyCollector collector;
     QList<ReplyCollector::Event> events;
@@ -72,7 +72,7 @@ TEST(ReplyCollector, GivesTheSameByteByByte)
     EXPECT_EQ(frames(events), wire::text(kData));
 }
 
-TEST(ReplyCollector, DoesNotTakeADoubledDleBeforeAnEtxForTheEnd)
+TEST(ReplyCollector, DoesNotEndAFrameAtADoubledDleBeforeAnEtx)
 {
     ReplyCollector collector;
     // On the wire: ... 10 10 03 ..., which is data.
@@ -80,7 +80,7 @@ TEST(ReplyCollector, DoesNotTakeADoubledDleBeforeAnEtxForTheEnd)
     EXPECT_EQ(frames(collector.feed(wire::framed(data))), wire::text(data));
 }
 
-TEST(ReplyCollector, TakesACrcByteThatIsADleAsItStands)
+TEST(ReplyCollector, DoesNotUndoubleACrcByteThatIsADle)
 {
     // Data with such a CRC is searched for, with the CRC of this test's own model.
     for (const quint16 wanted : {quint16(0x0010), quint16(0x1000), quint16(0x1010)}) {
@@ -100,7 +100,7 @@ TEST(ReplyCollector, TakesACrcByteThatIsADleAsItStands)
     }
 }
 
-TEST(ReplyCollector, CallsAFrameWithAWrongCrcCorrupt)
+TEST(ReplyCollector, ReportsAFrameWithAWrongCrcAsCorrupt)
 {
     QByteArray frame = wire::framed(kData);
     frame[10] = static_cast<char>(frame.at(10) ^ 0x04);
@@ -109,13 +109,13 @@ TEST(ReplyCollector, CallsAFrameWithAWrongCrcCorrupt)
     EXPECT_EQ(kinds(collector.feed(wire::framed(kData))), "ack frame");
 }
 
-TEST(ReplyCollector, CallsAFrameWithAnIllegalEscapeCorrupt)
+TEST(ReplyCollector, ReportsAFrameWithAnIllegalEscapeAsCorrupt)
 {
     ReplyCollector collector;
     EXPECT_EQ(kinds(collector.feed(hex("10 02 01 10 77 02 10 03 00 00"))), "corrupt");
 }
 
-TEST(ReplyCollector, TellsLinkControlsOutsideAndInsideAFrame)
+TEST(ReplyCollector, ReportsLinkControlsOutsideAndInsideAFrame)
 {
     ReplyCollector collector;
     EXPECT_EQ(kinds(collector.feed(hex("10 06 10 15 10 05"))), "ack nak enq");
@@ -124,7 +124,7 @@ TEST(ReplyCollector, TellsLinkControlsOutsideAndInsideAFrame)
               "ack nak enq frame");
 }
 
-// What stood on the line, event by event.
+// The bytes on the line, event by event.
 std::string rawOf(const QByteArray& stream)
 {
     ReplyCollector collector;
@@ -136,7 +136,7 @@ std::string rawOf(const QByteArray& stream)
     return text;
 }
 
-TEST(ReplyCollector, TellsWhatStoodOnTheLine)
+TEST(ReplyCollector, ReturnsTheBytesThatWereOnTheLine)
 {
     const QByteArray frame = wire::framed(kData);
     const std::string whole = wire::text(frame);
@@ -155,7 +155,7 @@ TEST(ReplyCollector, TellsWhatStoodOnTheLine)
     EXPECT_EQ(rawOf(corrupt + frame), "10 06, " + wire::text(corrupt) + ", 10 06, " + whole);
 }
 
-TEST(ReplyCollector, BeginsAnewWithAFrameInTheMiddleOfAnother)
+TEST(ReplyCollector, StartsAgainWithAFrameInTheMiddleOfAnother)
 {
     ReplyCollector collector;
     const auto events =
@@ -191,7 +191,7 @@ TEST(ReplyCollector, GivesUpAFrameThatNeverEnds)
     EXPECT_EQ(kinds(events), "corrupt ack frame");
 }
 
-TEST(ReplyCollector, GivesUpAFrameOfNothingButEmbeddedResponses)
+TEST(ReplyCollector, GivesUpAFrameThatHasOnlyEmbeddedResponses)
 {
     ReplyCollector collector;
     const QList<ReplyCollector::Event> events =
@@ -242,7 +242,7 @@ TEST(ReplyForDriver, BeginsWithTheAcknowledgementThatTheDriverCountsFrom)
               wire::text(wire::framed(kData)));
 }
 
-TEST(ReplyForDriver, PutsAFillerBehindACrcOfTwoDles)
+TEST(ReplyForDriver, HasAFillerByteAfterACrcOfTwoDles)
 {
     QByteArray data;
     for (quint32 n = 0; data.isEmpty(); ++n) {

@@ -9,7 +9,7 @@ using wire::hex;
 
 namespace {
 
-// Identity request and its good reply, but for the transaction number in bytes 4 and 5.
+// Identity request and its good reply, except the transaction number in bytes 4 and 5.
 const char kRequest[] = "01 00 0B 00 00 00 00 00 01 02 20 01 24 01";
 const char kReply[] = "00 01 4B 00 00 00 00 00 81 00 00 00 34 12";
 
@@ -48,7 +48,7 @@ protected:
 
 } // namespace
 
-TEST_F(TraceReportTest, PutsEachReplyToItsRequest)
+TEST_F(TraceReportTest, MatchesEachReplyWithItsRequest)
 {
     request(0x0110, 100);
     reply(0x0110, 112.5);
@@ -66,7 +66,7 @@ TEST_F(TraceReportTest, PutsEachReplyToItsRequest)
     EXPECT_DOUBLE_EQ(report.roundTripMs(99), 12.5);
 }
 
-TEST_F(TraceReportTest, TellsARepetitionAndAReplyOfAnotherRequestApart)
+TEST_F(TraceReportTest, MarksRepetitionsAndRepliesToAnotherRequest)
 {
     request(1, 0);
     request(1, 100);
@@ -80,7 +80,7 @@ TEST_F(TraceReportTest, TellsARepetitionAndAReplyOfAnotherRequestApart)
     EXPECT_DOUBLE_EQ(report.roundTripMs(100), 120); // since the first attempt
 }
 
-TEST_F(TraceReportTest, ListsWhatFailedAndHow)
+TEST_F(TraceReportTest, ListsFailedRequestsAndWhy)
 {
     request(1, 0);
     request(2, 100);
@@ -117,10 +117,14 @@ TEST_F(TraceReportTest, DrawsAHistogramOfRoundTrips)
     }
     report.finish();
     const auto classes = report.histogram();
-    EXPECT_EQ(classes.at(0), qMakePair(1.0, 2));
-    EXPECT_EQ(classes.at(1), qMakePair(2.0, 2));
-    EXPECT_EQ(classes.at(5), qMakePair(50.0, 1));
-    EXPECT_EQ(classes.last(), qMakePair(-1.0, 1));
+    EXPECT_EQ(classes.at(0).limitMs, 1.0);
+    EXPECT_EQ(classes.at(0).answers, 2);
+    EXPECT_EQ(classes.at(1).limitMs, 2.0);
+    EXPECT_EQ(classes.at(1).answers, 2);
+    EXPECT_EQ(classes.at(5).limitMs, 50.0);
+    EXPECT_EQ(classes.at(5).answers, 1);
+    EXPECT_EQ(classes.last().limitMs, -1.0);
+    EXPECT_EQ(classes.last().answers, 1);
     const QStringList lines = report.statistics();
     EXPECT_EQ(lines.at(1), QString("round trip: median 1.5 ms, 99 % within 5000.0 ms, longest "
                                    "5000.0 ms"));
@@ -129,7 +133,7 @@ TEST_F(TraceReportTest, DrawsAHistogramOfRoundTrips)
     EXPECT_EQ(lines.at(5), " > 1000 ms       1 " + QString(20, '#'));
 }
 
-TEST_F(TraceReportTest, SaysNothingOfAnEmptyTrace)
+TEST_F(TraceReportTest, HasNoFailuresAndNoRoundTripsForAnEmptyTrace)
 {
     report.finish();
     EXPECT_LT(report.roundTripMs(50), 0);
