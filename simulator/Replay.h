@@ -2,7 +2,7 @@
 #define MICRO850_SIMULATOR_REPLAY_H
 
 #include "Bytes.h"
-#include "Trace.h"
+#include "TraceFile.h"
 
 #include <map>
 #include <optional>

@@ -1,7 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 #include "UserError.h"
 
 #include <memory>
@@ -82,7 +82,7 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
 {
     const QVector<Variable> variables = checkable(project);
     const Project bare = withoutVariables(project, {});
-    TraceFile trace(textOf(options.line.trace));
+    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());

@@ -2,7 +2,7 @@
 #include "Interrupt.h"
 #include "Output.h"
 #include "Prober.h"
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 #include "UserError.h"
 
 #include <memory>
@@ -75,7 +75,7 @@ int run(const ProbeOptions& options)
     QVector<int> speeds = {project.port.baud};
     if (options.scan)
         speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
-    TraceFile trace(textOf(options.line.trace));
+    TraceRecorder trace(textOf(options.line.trace));
     const DriverLibrary library(textOf(options.line.driver));
     const SystemClock clock;
     Prober prober(library.api(), options.station);

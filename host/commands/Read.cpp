@@ -1,7 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 #include "UserError.h"
 
 #include <memory>
@@ -82,7 +82,7 @@ int run(const ReadOptions& options)
         targets.append(targetOf(TagAddress::fromText(textOf(text)), project, options.station));
     requirePort(project, options.line);
     const Project bare = withoutVariables(project, targets);
-    TraceFile trace(textOf(options.line.trace));
+    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());

@@ -7,7 +7,7 @@
 #include "LiveTable.h"
 #include "Output.h"
 #include "PollLoop.h"
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 
 namespace micro850::host {
 
@@ -48,7 +48,7 @@ public:
 
 private:
     const Project& m_project;
-    TraceFile m_trace;
+    TraceRecorder m_trace;
     Connection m_connection;
     PollLoop m_loop;
     LiveTable m_table;

@@ -1,7 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 #include "UserError.h"
 
 #include <memory>
@@ -119,7 +119,7 @@ int run(const WriteOptions& options)
     for (const Write& write : writes)
         targets.append(write.target);
     const Project bare = withoutVariables(project, targets);
-    TraceFile trace(textOf(options.line.trace));
+    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());

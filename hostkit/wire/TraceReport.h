@@ -3,7 +3,7 @@
 
 #include "Frame.h"
 #include "ReplyCollector.h"
-#include "Trace.h"
+#include "TraceFile.h"
 
 #include <QtCore/QMap>
 #include <QtCore/QStringList>

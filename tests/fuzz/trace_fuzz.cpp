@@ -1,7 +1,7 @@
 // Recorded traffic, as text and as pcapng: any file is read or refused with one line. A trace that
 // is read can be written again.
 
-#include "Trace.h"
+#include "TraceFile.h"
 #include "complaint.h"
 
 #include <cstddef>

@@ -1,19 +1,19 @@
-#ifndef MICRO850_HOST_TRACEFILE_H
-#define MICRO850_HOST_TRACEFILE_H
+#ifndef MICRO850_HOST_TRACERECORDER_H
+#define MICRO850_HOST_TRACERECORDER_H
 
 #include "Exchange.h"
-#include "Trace.h"
+#include "TraceFile.h"
 
 #include <memory>
 
 namespace micro850::host {
 
 /// Records the frames and link controls that an exchange sends and receives.
-class TraceFile
+class TraceRecorder
 {
 public:
     /// An empty path records nothing. Throws UserError for a file that cannot be written.
-    explicit TraceFile(const QString& path);
+    explicit TraceRecorder(const QString& path);
     /// For Exchange::setObserver(). The observer may live longer than this object.
     Exchange::Observer observer() const;
 

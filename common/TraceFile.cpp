@@ -1,4 +1,4 @@
-#include "Trace.h"
+#include "TraceFile.h"
 
 #include "UserError.h"
 

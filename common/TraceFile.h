@@ -1,5 +1,5 @@
-#ifndef MICRO850_COMMON_TRACE_H
-#define MICRO850_COMMON_TRACE_H
+#ifndef MICRO850_COMMON_TRACEFILE_H
+#define MICRO850_COMMON_TRACEFILE_H
 
 // Recorded traffic of the serial line: one record a frame, as a text file or as pcapng for
 // Wireshark.

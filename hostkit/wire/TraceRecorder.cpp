@@ -1,4 +1,4 @@
-#include "TraceFile.h"
+#include "TraceRecorder.h"
 
 #include "FrameText.h"
 #include "UserError.h"
@@ -7,7 +7,7 @@
 
 namespace micro850::host {
 
-TraceFile::TraceFile(const QString& path)
+TraceRecorder::TraceRecorder(const QString& path)
 {
     if (path.isEmpty())
         return;
@@ -18,7 +18,7 @@ TraceFile::TraceFile(const QString& path)
     }
 }
 
-Exchange::Observer TraceFile::observer() const
+Exchange::Observer TraceRecorder::observer() const
 {
     if (!m_writer)
         return nullptr;
