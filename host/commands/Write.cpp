@@ -3,6 +3,7 @@
 #include "Output.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
+#include "Writable.h"
 
 #include <memory>
 

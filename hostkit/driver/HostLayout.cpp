@@ -79,11 +79,6 @@ QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QB
     }
 }
 
-bool isWritable(const CipType& type)
-{
-    return typeClassOf(type.code) != TypeClass::Byte || type.size == 1;
-}
-
 HostValue toHostLayout(const CipType& type, const QByteArray& element)
 {
     switch (typeClassOf(type.code)) {

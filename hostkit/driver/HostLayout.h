@@ -30,9 +30,6 @@ int fetchCount(TypeClass typeClass, int valueBytes);
 /// the value bytes of the reply, which contain the length of a string.
 QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QByteArray& reply);
 
-/// True when the driver can write the type. Of the types that it moves byte by byte it can write
-/// only those of one byte.
-bool isWritable(const CipType& type);
 /// The bytes of one value as SetRegisterData() needs them, and the count that goes with them.
 struct HostValue
 {

@@ -1,5 +1,7 @@
 #include "Session.h"
 
+#include "Writable.h"
+
 #include <algorithm>
 
 namespace micro850::host {
@@ -94,29 +96,6 @@ void Session::write(const TagKey& key, int element, const QByteArray& value)
 {
     requireWritable(typeOf(key), key.name);
     run(m_loop.write(key, element, value), placeOf(key, element));
-}
-
-namespace {
-
-// A type from which the controller's program can copy the value.
-const char* substituteFor(const CipType& type)
-{
-    if (type.kind == CipKind::String)
-        return "a SHORT_STRING";
-    if (type.size == 2)
-        return "an INT";
-    return type.size == 4 ? "a DINT" : "a LINT";
-}
-
-} // namespace
-
-void requireWritable(const CipType& type, const QString& name)
-{
-    if (isWritable(type))
-        return;
-    throw UserError(name.toStdString() + ": the driver cannot write the type " + type.name +
-                    ", which it moves byte by byte (write " + substituteFor(type) +
-                    " that the controller's program copies into it)");
 }
 
 } // namespace micro850::host

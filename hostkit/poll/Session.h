@@ -50,9 +50,6 @@ private:
     PollLoop m_loop;
 };
 
-/// Throws unless the driver can write the type.
-void requireWritable(const CipType& type, const QString& name);
-
 } // namespace micro850::host
 
 #endif

@@ -76,12 +76,3 @@ TEST(HostLayout, LaysOutAWriteByItsClass)
     EXPECT_EQ(hostBytes("SHORT_STRING", "03 41 42 43"), "41 42 43 in 2");
     EXPECT_EQ(hostBytes("SHORT_STRING", "00"), " in 1");
 }
-
-TEST(HostLayout, KnowsTheTypesThatCannotBeWritten)
-{
-    for (const char* name :
-         {"BOOL", "SINT", "USINT", "BYTE", "INT", "REAL", "LREAL", "SHORT_STRING"})
-        EXPECT_TRUE(isWritable(type(name))) << name;
-    for (const char* name : {"WORD", "DWORD", "LWORD", "DATE", "TIME", "STRING"})
-        EXPECT_FALSE(isWritable(type(name))) << name;
-}
