@@ -44,7 +44,7 @@ private:
     std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
 };
 
-/// A clock that stops at 0 until it is told to go on.
+/// A clock that starts at 0 and moves only when it is advanced.
 class VirtualClock : public Clock
 {
 public:

@@ -65,7 +65,7 @@ Bytes replyTo(const Bytes& request)
 }
 
 // Removes the first intact request from the received bytes; drops the noise before it.
-bool takeRequest(Bytes& input, Bytes& request)
+bool parseRequest(Bytes& input, Bytes& request)
 {
     while (input.size() >= kRequestBytes) {
         const unsigned received = input[6] | input[7] << 8;
@@ -95,7 +95,7 @@ int main()
         const ssize_t count = ::read(terminal.descriptor(), buffer.data(), buffer.size());
         if (count > 0)
             input.insert(input.end(), buffer.begin(), buffer.begin() + count);
-        while (takeRequest(input, request)) {
+        while (parseRequest(input, request)) {
             const Bytes reply = replyTo(request);
             if (::write(terminal.descriptor(), reply.data(), reply.size()) < 0)
                 return 1;

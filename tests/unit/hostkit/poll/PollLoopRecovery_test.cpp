@@ -209,7 +209,7 @@ TEST_F(PollLoopRecoveryTest, LetsTheIntervalsGrowForADeviceThatOpensAndFailsAtOn
     line.openedAt.clear();
     ASSERT_TRUE(runUntil([&] { return line.openedAt.size() == 2; }));
     EXPECT_LE(line.openedAt[1] - line.openedAt[0], 600ms)
-        << "after an answer the pauses begin anew";
+        << "after an answer the pauses start again with the shortest one";
 }
 
 TEST_F(PollLoopRecoveryTest, KeepsThePortOpenForASilentPeer)
