@@ -6,27 +6,36 @@
 #include "UserError.h"
 
 #include <functional>
+#include <optional>
 
 namespace micro850::host {
 
-/// The controller refused one tag; other tags may still be read.
+/// The controller refused one tag, or one of its elements; other tags may still be read.
 class TagRefused : public UserError
 {
 public:
-    TagRefused(const std::string& what, const std::string& why)
-        : UserError(what + ": " + why, kExitRefused), m_why(why)
+    /// `element` is below 0 when the tag itself is refused.
+    TagRefused(const std::string& what, const std::string& why, int element = -1)
+        : UserError(what + ": " + why, kExitRefused), m_why(why), m_element(element)
     {
     }
     /// The reason without the tag.
     const std::string& why() const { return m_why; }
+    /// The first element that is refused, or below 0.
+    int element() const { return m_element; }
 
 private:
     std::string m_why;
+    int m_element;
 };
 
+/// Throws UserError when the driver can reach none but element 0 of a tag of this type, and others
+/// are asked for. `name` is what the message calls the tag.
+void requireReachable(const CipType& type, int element, int elements, const QString& name);
+
 /// Single reads and writes, one after the other: each call waits for its outcome. It throws
-/// UserError with exit status 1 for what the controller or the line refuses, and with exit status 2
-/// for what cannot be asked for.
+/// TagRefused for what the controller refuses, UserError with exit status 1 when line or station
+/// fail, and UserError with exit status 2 for what cannot be asked for.
 class Session
 {
 public:
@@ -36,15 +45,22 @@ public:
     /// The type of a tag in the controller.
     const CipType& typeOf(const TagKey& tag);
     /// Reads a run of elements, each in the controller's byte order. `progress` is called with the
-    /// number of elements read so far.
+    /// number of elements read so far. When the run reaches beyond the tag, the exception names the
+    /// first element that is not there.
     QVector<QByteArray> read(const TagKey& tag, int element, int elements,
                              const std::function<void(int)>& progress = nullptr);
+    /// Throws, as read() does, unless all of these elements exist. Reads only the last one.
+    void requireElements(const TagKey& tag, int element, int elements);
     Exchange& exchange() { return m_loop.exchange(); }
-    /// Writes one element. Throws when the type of the tag cannot be written.
+    /// Writes one element. Throws when the type of the tag cannot be written, and for an element
+    /// that the driver cannot reach.
     void write(const TagKey& tag, int element, const QByteArray& value);
 
 private:
     Operation run(int id, const QString& what);
+    QVector<QByteArray> readRun(const TagKey& tag, const CipType& type, const Run& part);
+    std::optional<QString> refusalOf(const TagKey& tag, int element);
+    void throwFirstRefused(const TagKey& tag, int first, int last);
 
     const Project& m_project;
     PollLoop m_loop;

@@ -17,6 +17,18 @@ bool isPlain(const QString& tag)
 
 namespace {
 
+// A name, the text that encloses it, and the index behind it.
+struct NamedPart
+{
+    QString name;
+    QString index; ///< "[3]", "[0..9]" or nothing
+};
+
+bool knows(const IsName& isName, const QString& name)
+{
+    return isName && isName(name);
+}
+
 int indexOf(const QString& digits, const QString& text)
 {
     bool good = false;
@@ -28,26 +40,70 @@ int indexOf(const QString& digits, const QString& text)
     return index;
 }
 
-} // namespace
-
-TagAddress TagAddress::fromText(const QString& text)
+[[noreturn]] void refuseTag(const QString& text)
 {
-    static const QRegularExpression form(
-        QStringLiteral("^([!-<>-Z\\\\^-~]+)(?:\\[(\\d+)(?:\\.\\.(\\d+))?\\])?$"));
-    const QRegularExpressionMatch match = form.match(text);
-    if (!match.hasMatch() || match.captured(1).size() > kLongestTag) {
-        throw UserError('"' + text.toStdString() +
-                        "\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])");
+    throw UserError('"' + text.toStdString() +
+                    "\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])");
+}
+
+[[noreturn]] void refuseWrite(const QString& text)
+{
+    throw UserError('"' + text.toStdString() +
+                    "\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
+}
+
+// The text without the index at its end.
+NamedPart splitIndex(const QString& text)
+{
+    static const QRegularExpression atEnd(QStringLiteral("\\[[0-9]+(?:\\.\\.[0-9]+)?\\]\\z"));
+    const int at = text.endsWith(']') ? text.lastIndexOf('[') : -1;
+    if (at < 0 || !atEnd.match(text, at).hasMatch())
+        return {text, QString()};
+    return {text.left(at), text.mid(at)};
+}
+
+// Where the closing quote of a text that begins with a quote is, or -1.
+int closingQuote(const QString& text)
+{
+    for (int at = 1; at < text.size(); ++at) {
+        if (text.at(at) == '"')
+            return at;
+        at += text.at(at) == '\\' ? 1 : 0;
     }
+    return -1;
+}
+
+// What stands between the quotes.
+QString unquoted(const QString& text)
+{
+    QString name;
+    for (int at = 0; at < text.size(); ++at) {
+        if (text.at(at) == '\\' && at + 1 < text.size())
+            ++at;
+        name += text.at(at);
+    }
+    return name;
+}
+
+TagAddress addressOf(const NamedPart& part, const QString& text, const IsName& isName)
+{
+    static const QRegularExpression form(QStringLiteral("^\\[([0-9]+)(?:\\.\\.([0-9]+))?\\]$"));
+    const bool isTag =
+        !part.name.isEmpty() && part.name.size() <= kLongestTag && isPlain(part.name);
+    if (!isTag && !knows(isName, part.name))
+        refuseTag(text);
     TagAddress address;
-    address.tag = match.captured(1);
-    if (match.captured(2).isEmpty())
+    address.tag = part.name;
+    if (part.index.isEmpty())
         return address;
+    const QRegularExpressionMatch index = form.match(part.index);
+    if (!index.hasMatch())
+        refuseTag(text);
     address.indexed = true;
-    address.element = indexOf(match.captured(2), text);
-    if (match.captured(3).isEmpty())
+    address.element = indexOf(index.captured(1), text);
+    if (index.captured(2).isEmpty())
         return address;
-    const int last = indexOf(match.captured(3), text);
+    const int last = indexOf(index.captured(2), text);
     if (last < address.element) {
         throw UserError('"' + text.toStdString() +
                         "\": the last index is before the first (write TAG[FIRST..LAST])");
@@ -56,9 +112,53 @@ TagAddress TagAddress::fromText(const QString& text)
     return address;
 }
 
+// The longest name of a variable that is followed by "=" or by an index and "=".
+int equalsSignAfterName(const QString& text, const IsName& isName)
+{
+    int found = text.indexOf('=');
+    int longest = -1;
+    for (int at = found; isName && at >= 0; at = text.indexOf('=', at + 1)) {
+        const QString left = text.left(at);
+        for (const QString& name : {left, splitIndex(left).name}) {
+            if (name.size() > longest && isName(name)) {
+                longest = name.size();
+                found = at;
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+QString shownName(const QString& name)
+{
+    const bool clear = !name.isEmpty() && !name.startsWith('"') && name.trimmed() == name &&
+                       !name.contains('=') && !name.contains('[') && !name.contains(']') &&
+                       !name.contains(QLatin1String(": "));
+    if (clear)
+        return name;
+    QString escaped = name;
+    escaped.replace('\\', QLatin1String("\\\\")).replace('"', QLatin1String("\\\""));
+    return '"' + escaped + '"';
+}
+
+TagAddress TagAddress::fromText(const QString& text, const IsName& isName)
+{
+    if (text.startsWith('"')) {
+        const int end = closingQuote(text);
+        if (end < 0)
+            refuseTag(text);
+        return addressOf({unquoted(text.mid(1, end - 1)), text.mid(end + 1)}, text, isName);
+    }
+    const NamedPart whole = {text, QString()};
+    return addressOf(knows(isName, text) ? whole : splitIndex(text), text, isName);
+}
+
 QString TagAddress::elementName(int offset) const
 {
-    return indexed ? QStringLiteral("%1[%2]").arg(tag, QString::number(element + offset)) : tag;
+    const QString name = shownName(tag);
+    return indexed ? QStringLiteral("%1[%2]").arg(name, QString::number(element + offset)) : name;
 }
 
 QString TagAddress::text() const
@@ -66,7 +166,7 @@ QString TagAddress::text() const
     if (elements == 1)
         return elementName(0);
     return QStringLiteral("%1[%2..%3]")
-        .arg(tag, QString::number(element), QString::number(element + elements - 1));
+        .arg(shownName(tag), QString::number(element), QString::number(element + elements - 1));
 }
 
 QStringList Assignment::valuesFor(const TagAddress& elements) const
@@ -86,15 +186,14 @@ QStringList Assignment::valuesFor(const TagAddress& elements) const
                     " elements (write one for all, or one for each)");
 }
 
-Assignment Assignment::fromText(const QString& text)
+Assignment Assignment::fromText(const QString& text, const IsName& isName)
 {
-    const int at = text.indexOf('=');
-    if (at < 0) {
-        throw UserError('"' + text.toStdString() +
-                        "\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
-    }
     Assignment assignment;
-    assignment.address = TagAddress::fromText(text.left(at));
+    const int quote = text.startsWith('"') ? closingQuote(text) : 0;
+    const int at = quote > 0 ? text.indexOf('=', quote) : equalsSignAfterName(text, isName);
+    if (at < 0 || quote < 0)
+        refuseWrite(text);
+    assignment.address = TagAddress::fromText(text.left(at), isName);
     assignment.value = text.mid(at + 1);
     return assignment;
 }

@@ -3,6 +3,8 @@
 
 #include <QtCore/QStringList>
 
+#include <functional>
+
 namespace micro850::host {
 
 /// The longest name of a tag, in characters: its length is one byte in a frame.
@@ -14,10 +16,17 @@ const int kLargestElement = 65535;
 /// no '=' and no brackets, which enclose an index.
 bool isPlain(const QString& tag);
 
-/// TAG, TAG[INDEX] or TAG[FIRST..LAST].
+/// A name as lines of output show it. A name that could be taken for something else, such as
+/// "Level[2]" or "A = 1", is in double quotes, with \ before each " and \ in it.
+QString shownName(const QString& name);
+
+/// True for the names of a project's variables.
+using IsName = std::function<bool(const QString&)>;
+
+/// NAME, NAME[INDEX] or NAME[FIRST..LAST]. NAME is a tag or a variable of the project.
 struct TagAddress
 {
-    QString tag;
+    QString tag; ///< or the name of the variable
     int element = 0;
     int elements = 1;
     bool indexed = false;
@@ -27,11 +36,13 @@ struct TagAddress
     /// The address as users write it: "Speed", "Level[3]", "Level[0..9]".
     QString text() const;
 
-    /// Throws UserError that names the text and the form.
-    static TagAddress fromText(const QString& text);
+    /// A variable's name may contain anything: the longest one that the text begins with counts.
+    /// NAME can be in double quotes, as shownName() writes it. Throws UserError that names the text
+    /// and the form.
+    static TagAddress fromText(const QString& text, const IsName& isName = IsName());
 };
 
-/// TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...].
+/// NAME=VALUE, NAME[INDEX]=VALUE or NAME[FIRST..LAST]=VALUE[,VALUE...].
 struct Assignment
 {
     TagAddress address;
@@ -41,7 +52,7 @@ struct Assignment
     /// one text for all or one for each. Throws UserError for another number of texts.
     QStringList valuesFor(const TagAddress& elements) const;
 
-    static Assignment fromText(const QString& text);
+    static Assignment fromText(const QString& text, const IsName& isName = IsName());
 };
 
 } // namespace micro850::host

@@ -66,6 +66,58 @@ TEST_F(SessionTest, ReportsWhatTheControllerRefused)
               "1: Level[10]: access beyond the end of the tag (status FF/2105)");
 }
 
+// The element that a session refuses, -1 for the tag and -2 for none.
+template<typename Action> int refusedElement(Action action)
+{
+    try {
+        action();
+    } catch (const TagRefused& refused) {
+        return refused.element();
+    }
+    return -2;
+}
+
+TEST_F(SessionTest, NamesTheFirstElementOfARunThatIsNotThere)
+{
+    Session session(library.api(), line, clock, project);
+    const TagKey level = {1, "Level"};
+    for (int first = 0; first <= 12; ++first) {
+        for (int count : {1, 2, 3, 7, 40}) {
+            const int last = first + count - 1;
+            const int expected = last < 10 ? -2 : std::max(first, 10);
+            EXPECT_EQ(refusedElement([&] { session.read(level, first, count); }), expected)
+                << first << ' ' << count;
+            EXPECT_EQ(refusedElement([&] { session.requireElements(level, first, count); }),
+                      expected)
+                << first << ' ' << count;
+        }
+    }
+    EXPECT_EQ(refusedElement([&] { session.read({1, "Nope"}, 3, 2); }), -1);
+}
+
+TEST_F(SessionTest, NamesTheTagWhenARunIsRefusedWhoseElementsCanBeRead)
+{
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.count > 1)
+            reply = wire::errorReply(request.tns, request.service, 0x0F);
+    };
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Level"}, 2, 3);
+              }),
+              "1: Level: privilege violation (status 0F)");
+}
+
+TEST_F(SessionTest, ReadsOnlyTheLastElementToKnowThatARunIsThere)
+{
+    Session session(library.api(), line, clock, project);
+    session.typeOf({1, "Level"});
+    const int before = plc.count(0x52);
+    session.requireElements({1, "Level"}, 2, 8);
+    EXPECT_EQ(plc.count(0x52), before + 1);
+    session.requireElements({1, "Level"}, 0, 1);
+    EXPECT_EQ(plc.count(0x52), before + 1);
+}
+
 TEST_F(SessionTest, ShowsATagWithAPercentSignAndADigitUnchanged)
 {
     plc.tags["Fill%2"] = {0x00C3, {wire::hex("05 00")}};
@@ -97,7 +149,15 @@ TEST_F(SessionTest, RefusesAnImpossibleRequestBeforeAnythingIsSent)
     EXPECT_EQ(complaint([](Session& s) {
                   s.read({1, "Name"}, 1, 1);
               }),
-              "2: Name: of a string only element 0 can be read");
+              "2: Name: of a string only element 0 can be read and written (leave the index out)");
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.write({1, "Name"}, 2, hex("01 51"));
+              }),
+              "2: Name: of a string only element 0 can be read and written (leave the index out)");
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.requireElements({1, "Name"}, 0, 2);
+              }),
+              "2: Name: of a string only element 0 can be read and written (leave the index out)");
     EXPECT_EQ(
         complaint([](Session& s) {
             s.write({1, "Bits"}, 0, hex("01 00"));

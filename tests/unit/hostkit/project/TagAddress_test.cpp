@@ -97,3 +97,98 @@ TEST(Assignment, RefusesAnotherNumberOfValuesThanElements)
                                    "or one for each)");
     }
 }
+
+namespace {
+
+// The names of a project's variables.
+bool isVariable(const QString& name)
+{
+    static const QStringList names = {"Tank",
+                                      "Tank 1",
+                                      QString::fromUtf8("F\u00fcllstand"),
+                                      "A",
+                                      "A=1",
+                                      "Level[2]",
+                                      "\"odd\" \\name",
+                                      " ",
+                                      "Fill = 5"};
+    return names.contains(name);
+}
+
+} // namespace
+
+TEST(ShownName, IsInQuotesWhenItCouldBeTakenForSomethingElse)
+{
+    using micro850::host::shownName;
+    for (const char* clear : {"Speed", "Line1.Speed", "Tank 1", "F\u00fcllstand", "say \"ready\"",
+                              "back\\slash", "Program:Main", "Speed (rpm)"})
+        EXPECT_EQ(shownName(clear), QString(clear));
+    EXPECT_EQ(shownName("Fill = 5"), QString("\"Fill = 5\""));
+    EXPECT_EQ(shownName("A=1"), QString("\"A=1\""));
+    EXPECT_EQ(shownName("Level[2]"), QString("\"Level[2]\""));
+    EXPECT_EQ(shownName(" A"), QString("\" A\""));
+    EXPECT_EQ(shownName("A "), QString("\"A \""));
+    EXPECT_EQ(shownName("A: 5"), QString("\"A: 5\""));
+    EXPECT_EQ(shownName("\"A\" = \\"), QString(R"("\"A\" = \\")"));
+}
+
+TEST(TagAddress, FindsVariablesWithAnyName)
+{
+    const auto parsed = [](const char* text) {
+        const TagAddress address = TagAddress::fromText(text, isVariable);
+        return address.tag + '|' + address.text();
+    };
+    EXPECT_EQ(parsed("Tank 1"), QString("Tank 1|Tank 1"));
+    EXPECT_EQ(parsed("Tank 1[3]"), QString("Tank 1|Tank 1[3]"));
+    EXPECT_EQ(parsed("Tank 1[3..5]"), QString("Tank 1|Tank 1[3..5]"));
+    EXPECT_EQ(parsed("F\u00fcllstand[2]"), QString("F\u00fcllstand|F\u00fcllstand[2]"));
+    EXPECT_EQ(parsed("Fill = 5"), QString("Fill = 5|\"Fill = 5\""));
+    EXPECT_EQ(parsed("\"Fill = 5\"[1]"), QString("Fill = 5|\"Fill = 5\"[1]"));
+    EXPECT_EQ(parsed(" "), QString(" |\" \""));
+}
+
+TEST(TagAddress, TakesTheLongestNameOfAVariableBeforeAnIndex)
+{
+    const TagAddress named = TagAddress::fromText("Level[2]", isVariable);
+    EXPECT_EQ(named.tag, QString("Level[2]"));
+    EXPECT_FALSE(named.indexed);
+    const TagAddress element = TagAddress::fromText("\"Level\"[2]", isVariable);
+    EXPECT_EQ(element.tag, QString("Level"));
+    EXPECT_EQ(element.element, 2);
+    EXPECT_EQ(TagAddress::fromText("Level[2][1]", isVariable).text(), QString("\"Level[2]\"[1]"));
+}
+
+TEST(TagAddress, ParsesEveryNameThatItShows)
+{
+    for (const char* name : {"Tank 1", "A=1", "Level[2]", "\"odd\" \\name", " ", "Fill = 5"}) {
+        const QString shown = micro850::host::shownName(name);
+        EXPECT_EQ(TagAddress::fromText(shown, isVariable).tag, QString(name));
+        EXPECT_EQ(TagAddress::fromText(shown + "[7]", isVariable).element, 7);
+        EXPECT_EQ(Assignment::fromText(shown + "=x=y", isVariable).value, QString("x=y"));
+    }
+}
+
+TEST(TagAddress, RefusesAQuotedNameThatIsNeitherVariableNorTag)
+{
+    for (const char* text : {"\"Tank 7\"", "\"", "\"Speed", "\"Speed\"x", "\"\"", "\"A\\\""}) {
+        EXPECT_THROW(TagAddress::fromText(text, isVariable), micro850::UserError) << text;
+        EXPECT_THROW(Assignment::fromText(QString(text) + "=1", isVariable), micro850::UserError)
+            << text;
+    }
+}
+
+TEST(Assignment, SplitsBehindTheLongestNameOfAVariable)
+{
+    const auto parsed = [](const char* text) {
+        const Assignment assignment = Assignment::fromText(text, isVariable);
+        return assignment.address.text() + '|' + assignment.value;
+    };
+    EXPECT_EQ(parsed("A=1"), QString("A|1"));
+    EXPECT_EQ(parsed("A=1=5"), QString("\"A=1\"|5"));
+    EXPECT_EQ(parsed("A=1[2]=5"), QString("\"A=1\"[2]|5"));
+    EXPECT_EQ(parsed("A=12=5"), QString("A|12=5"));
+    EXPECT_EQ(parsed("\"A\"=1=5"), QString("A|1=5"));
+    EXPECT_EQ(parsed("Tank 1[0..1]=5,6"), QString("Tank 1[0..1]|5,6"));
+    EXPECT_EQ(parsed("Fill = 5= 6"), QString("\"Fill = 5\"| 6"));
+    EXPECT_EQ(parsed("Speed=a=b"), QString("Speed|a=b"));
+}
