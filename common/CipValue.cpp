@@ -1,5 +1,7 @@
 #include "CipValue.h"
 
+#include "DateText.h"
+#include "DurationText.h"
 #include "UserError.h"
 
 #include <array>
@@ -83,9 +85,12 @@ std::uint64_t parseUnsigned(const CipType& type, const std::string& text)
     std::uint64_t value = 0;
     const bool good =
         isHexadecimal(text) ? parseWhole(text, 2, 16, value) : parseWhole(text, 0, 10, value);
-    if (!good || value > most)
-        refuse(type, text, "0 to " + std::to_string(most));
-    return value;
+    if (good && value <= most)
+        return value;
+    const char* date = dateExample(type);
+    refuse(type, text,
+           (date ? "ISO 8601 such as " + std::string(date) + " and no time zone, or " : "") +
+               "0 to " + std::to_string(most));
 }
 
 std::int64_t parseSigned(const CipType& type, const std::string& text)
@@ -100,6 +105,26 @@ std::int64_t parseSigned(const CipType& type, const std::string& text)
     if (!parseWhole(text, 0, 10, value) || value > most || value < -most - 1)
         refuse(type, text, std::to_string(-most - 1) + " to " + std::to_string(most));
     return value;
+}
+
+// A number of units, or an ISO 8601 duration.
+std::int64_t parseTime(const CipType& type, const std::string& text)
+{
+    if (text.find('P') == std::string::npos)
+        return parseSigned(type, text);
+    const int perUnit = microsecondsPerUnit(type);
+    const std::optional<std::int64_t> microseconds = parseDuration(text);
+    const int bits = 8 * type.size;
+    const std::int64_t most = std::numeric_limits<std::int64_t>::max() >> (64 - bits);
+    if (!microseconds || *microseconds % perUnit != 0 || *microseconds / perUnit > most ||
+        *microseconds / perUnit < -most - 1)
+    {
+        refuse(type, text,
+               std::string("an ISO 8601 duration of whole ") +
+                   (perUnit == 1 ? "microseconds" : "milliseconds") + " such as PT2.5S, " +
+                   durationText((-most - 1) * perUnit) + " to " + durationText(most * perUnit));
+    }
+    return *microseconds / perUnit;
 }
 
 template<typename Real> Real parseReal(const CipType& type, const std::string& text)
@@ -200,8 +225,11 @@ CipValue CipValue::parse(const CipType& type, const std::string& text)
     case CipKind::Boolean:
         return ofBoolean(parseBoolean(type, text));
     case CipKind::Signed:
-        return ofSigned(parseSigned(type, text));
+        return ofSigned(microsecondsPerUnit(type) == 0 ? parseSigned(type, text)
+                                                       : parseTime(type, text));
     case CipKind::Unsigned:
+        if (const std::optional<std::uint64_t> date = parseDate(type, text))
+            return ofUnsigned(*date);
         return ofUnsigned(parseUnsigned(type, text));
     case CipKind::Bits:
         return ofBits(parseUnsigned(type, text), type.size);

@@ -33,7 +33,8 @@ public:
     static CipValue decode(const CipType& type, const std::uint8_t* bytes, std::size_t size);
     static CipValue decode(const CipType& type, const Bytes& bytes);
     /// The value that a text describes: decimal or 0x numbers, true/false, real numbers, plain text
-    /// for strings. Throws UserError naming text, type and range.
+    /// for strings; for the time types also an ISO 8601 duration, for dates and times of day also
+    /// their ISO 8601 form. Throws UserError naming text, type and range.
     static CipValue parse(const CipType& type, const std::string& text);
 
     /// The wire bytes of an element of this type. The value must be one that decode() or parse()

@@ -6,19 +6,6 @@ namespace micro850::host {
 
 namespace {
 
-Json valueObject(const PollLoop& loop, const Variable& variable, int index)
-{
-    const ValueStore& values = loop.values();
-    if (!values.wasRead(index))
-        return Json();
-    if (!variable.scales(*values.type(index)))
-        return jsonOf(values.values(index));
-    Json all = Json::array();
-    for (const CipValue& value : values.values(index))
-        all.push_back(value.number()); // null for a number that is not finite
-    return variable.length == 1 ? all.front() : all;
-}
-
 Json changeObject(const PollLoop& loop, const Project& project, int variable, const QDateTime& time)
 {
     const Variable& asked = project.variables.at(variable);
@@ -29,7 +16,9 @@ Json changeObject(const PollLoop& loop, const Project& project, int variable, co
                    {"tag", asked.tag.toStdString()},
                    {"element", asked.element},
                    {"type", type ? Json(type->name) : Json()},
-                   {"value", valueObject(loop, asked, variable)},
+                   {"value", loop.values().wasRead(variable)
+                                 ? jsonOf(loop.values().values(variable))
+                                 : Json()},
                    {"quality", qualityText(loop.quality(variable)).toStdString()}};
     if (!asked.unit.isEmpty())
         object["unit"] = asked.unit.toStdString();

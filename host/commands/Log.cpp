@@ -24,16 +24,14 @@ struct LogOptions
     double interval = 0;
 };
 
-// Scaled numbers are recorded with the digits that are shown.
+// Several elements are one text: their values with blanks between.
 std::optional<CipValue> valueOf(const ValueStore& values, const Variable& variable, int index)
 {
     if (!values.wasRead(index))
         return std::nullopt;
     if (variable.length != 1)
         return CipValue::ofText(values.texts(index).join(' ').toLatin1().toStdString());
-    return variable.scales(*values.type(index))
-               ? CipValue::ofReal(values.texts(index).first().toDouble())
-               : values.values(index).first();
+    return values.values(index).first();
 }
 
 Sample sampleOf(const PollLoop& loop, const Project& project, int index, const QDateTime& time)

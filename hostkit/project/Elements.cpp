@@ -1,5 +1,6 @@
 #include "Elements.h"
 
+#include "DateText.h"
 #include "DurationText.h"
 #include "UserError.h"
 
@@ -11,26 +12,6 @@ namespace {
 {
     throw UserError('"' + text.toStdString() + "\" is not a value of type " + type.name + " (" +
                     allowed + ')');
-}
-
-// Text that every type can parse: a duration becomes the number of the type's units.
-std::string plainText(const CipType& type, const QString& text)
-{
-    const int perUnit = microsecondsPerUnit(type);
-    const bool isDuration = perUnit != 0 && text.contains('P');
-    if (!isDuration) {
-        if (QString::fromLatin1(text.toLatin1()) != text)
-            refuse(type, text, "characters up to U+00FF");
-        return text.toLatin1().toStdString();
-    }
-    const std::optional<std::int64_t> microseconds = parseDuration(text.toStdString());
-    if (!microseconds || *microseconds % perUnit != 0) {
-        refuse(type, text,
-               std::string("an ISO 8601 duration of whole ") +
-                   (perUnit == 1 ? "microseconds" : "milliseconds") +
-                   ", such as PT2.5S or P1DT12H");
-    }
-    return std::to_string(*microseconds / perUnit);
 }
 
 } // namespace
@@ -61,18 +42,29 @@ QByteArray encodeElement(const CipType& type, const CipValue& value)
 
 CipValue parseElement(const CipType& type, const QString& text)
 {
-    return CipValue::parse(type, plainText(type, text));
+    if (QString::fromLatin1(text.toLatin1()) != text)
+        refuse(type, text, "characters up to U+00FF");
+    return CipValue::parse(type, text.toLatin1().toStdString());
 }
 
 QString valueText(const CipValue& value)
 {
-    return QString::fromLatin1(QByteArray::fromStdString(value.text()));
+    const std::string text = value.text();
+    return QString::fromLatin1(text.data(), static_cast<int>(text.size())); // also behind a 00
+}
+
+CipValue isoValue(const CipType& type, const CipValue& value)
+{
+    if (!dateExample(type))
+        return value;
+    const std::optional<std::string> date = dateText(type, value.unsignedNumber());
+    return date ? CipValue::ofText(*date) : value;
 }
 
 QString shownText(const CipType& type, const CipValue& value)
 {
     const int perUnit = microsecondsPerUnit(type);
-    return perUnit == 0 ? valueText(value)
+    return perUnit == 0 ? valueText(isoValue(type, value))
                         : QString::fromStdString(durationText(value.signedNumber() * perUnit));
 }
 

@@ -18,13 +18,16 @@ QVector<QByteArray> elementsOf(const CipType& type, const QByteArray& bytes);
 CipValue decodeElement(const CipType& type, const QByteArray& element);
 /// The wire bytes of one element.
 QByteArray encodeElement(const CipType& type, const CipValue& value);
-/// The value that a user's text describes; for the time types also an ISO 8601 duration. Throws
+/// The value that a user's text describes; for times and dates also the ISO 8601 form. Throws
 /// UserError.
 CipValue parseElement(const CipType& type, const QString& text);
 
 /// A value as text.
 QString valueText(const CipValue& value);
-/// The same for users: a duration in days, hours, minutes and seconds, as ISO 8601 writes it.
+/// A date or a time of day as its ISO 8601 text; any other value, and a number that is no date, as
+/// it is.
+CipValue isoValue(const CipType& type, const CipValue& value);
+/// A value as text for users: dates, times of day and durations as ISO 8601 writes them.
 QString shownText(const CipType& type, const CipValue& value);
 
 } // namespace micro850::host

@@ -192,6 +192,14 @@ Project Project::fromText(const QString& text, const QString& name)
     return projectOf(JsonNode::fromText(text.toStdString(), name.toStdString()));
 }
 
+void Project::showRaw()
+{
+    for (Variable& variable : variables) {
+        variable.raw = true;
+        variable.unit.clear();
+    }
+}
+
 bool Project::hasStation(int number) const
 {
     return std::any_of(stations.begin(), stations.end(),

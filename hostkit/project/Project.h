@@ -30,10 +30,10 @@ struct Variable
     double gain = 1;
     double offset = 0;
     QString unit;
+    /// The host shows the controller's own numbers, without gain, offset and unit.
+    bool raw = false;
 
     bool isScaled() const { return gain != 1 || offset != 0; }
-    /// True when values of this type are scaled: only numbers are.
-    bool scales(const CipType& of) const { return isScaled() && isNumber(of); }
 };
 
 struct StationSettings
@@ -56,6 +56,9 @@ struct Project
     static Project fromFile(const QString& path);
     /// The same from a text; messages call it `name`.
     static Project fromText(const QString& text, const QString& name);
+
+    /// Makes every variable show the controller's own numbers.
+    void showRaw();
 
     bool hasStation(int number) const;
     /// The variable of that name, or null.

@@ -7,14 +7,6 @@ namespace micro850::host {
 
 namespace {
 
-// The digits with which scaled values are shown and recorded: 0.3, not 0.30000000000000004.
-const int kScaledDigits = 9;
-
-QString scaledText(double value)
-{
-    return QString::number(value, 'g', kScaledDigits);
-}
-
 } // namespace
 
 QString qualityText(Quality quality)
@@ -106,10 +98,8 @@ Quality ValueStore::quality(int variable, Duration now, bool alive) const
 CipValue ValueStore::value(int variable, int index) const
 {
     const State& state = m_states.at(variable);
-    const Variable& asked = m_project.variables.at(variable);
-    const CipValue value = decodeElement(*state.type, state.elements.at(index));
-    return asked.scales(*state.type) ? CipValue::ofReal(value.number() * asked.gain + asked.offset)
-                                     : value;
+    const Scaling scaling(m_project.variables.at(variable));
+    return scaling.shown(*state.type, decodeElement(*state.type, state.elements.at(index)));
 }
 
 QVector<CipValue> ValueStore::values(int variable) const
@@ -125,22 +115,10 @@ QVector<CipValue> ValueStore::values(int variable) const
 
 QStringList ValueStore::texts(int variable) const
 {
-    return textsBy([](const CipType&, const CipValue& value) { return valueText(value); },
-                   variable);
-}
-
-QStringList ValueStore::textsBy(TextOf* textOf, int variable) const
-{
     const State& state = m_states.at(variable);
     QStringList texts;
-    for (int i = 0; i < state.elements.size(); ++i) {
-        if (!state.times.at(i))
-            texts += QStringLiteral("?");
-        else if (m_project.variables.at(variable).scales(*state.type))
-            texts += scaledText(value(variable, i).number());
-        else
-            texts += textOf(*state.type, value(variable, i));
-    }
+    for (int i = 0; i < state.elements.size(); ++i)
+        texts += state.times.at(i) ? valueText(value(variable, i)) : QStringLiteral("?");
     return texts;
 }
 
@@ -149,7 +127,13 @@ QString ValueStore::text(int variable) const
     const State& state = m_states.at(variable);
     if (state.missing == state.elements.size())
         return QString();
-    const QStringList all = textsBy(shownText, variable);
+    const Scaling scaling(m_project.variables.at(variable));
+    QStringList all;
+    for (int i = 0; i < state.elements.size(); ++i) {
+        all += state.times.at(i)
+                   ? scaling.text(*state.type, decodeElement(*state.type, state.elements.at(i)))
+                   : QStringLiteral("?");
+    }
     const QString text = all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
     const QString unit = m_project.variables.at(variable).unit;
     return unit.isEmpty() ? text : text + ' ' + unit;

@@ -3,6 +3,7 @@
 
 #include "Elements.h"
 #include "Project.h"
+#include "Scaling.h"
 #include "TagKey.h"
 
 #include <QtCore/QMap>
@@ -40,11 +41,12 @@ public:
     std::optional<Duration> refreshedAt(int variable) const;
     /// `alive` is true while the variable's station answers.
     Quality quality(int variable, Duration now, bool alive) const;
-    /// The values of the elements that were read, scaled where the project asks for it.
+    /// The elements that were read, as Scaling::shown() gives them.
     QVector<CipValue> values(int variable) const;
-    /// Its elements as text, scaled where the project asks for it; "?" for one that was never read.
+    /// All elements in that form, as text; "?" for one that was never read.
     QStringList texts(int variable) const;
-    /// One line: the value, or "[a, b, c]" of several elements, and the unit; "" before the first.
+    /// One line for people: the value, or "[a, b, c]" of several elements, and the unit; "" before
+    /// the first.
     QString text(int variable) const;
     /// The first element as a number, scaled; true counts as 1. NaN before the first value and for
     /// texts and bits.
@@ -62,8 +64,6 @@ private:
         int missing = 0;
         QString error;
     };
-    using TextOf = QString(const CipType& type, const CipValue& value);
-    QStringList textsBy(TextOf* textOf, int variable) const;
     CipValue value(int variable, int index) const;
     void storeElement(int variable, int index, const char* bytes, int size, Duration now);
 

@@ -55,10 +55,11 @@ TEST(ParsedElement, IsNoDurationForATypeThatCountsSomethingElse)
 TEST(ParsedElement, RefusesADurationThatTheTypeCannotHold)
 {
     EXPECT_EQ(complaint("ITIME", "PT1M"),
-              "\"60000\" is not a value of type ITIME (-32768 to 32767)");
+              "\"PT1M\" is not a value of type ITIME (an ISO 8601 duration of whole "
+              "milliseconds such as PT2.5S, -PT32.768S to PT32.767S)");
     EXPECT_EQ(complaint("TIME", "PT0.0005S"),
               "\"PT0.0005S\" is not a value of type TIME (an ISO 8601 duration of whole "
-              "milliseconds, such as PT2.5S or P1DT12H)");
+              "milliseconds such as PT2.5S, -P24DT20H31M23.648S to P24DT20H31M23.647S)");
     EXPECT_EQ(complaint("TIME", "P1M").find("\"P1M\" is not a value of type TIME"), 0u);
 }
 
@@ -94,6 +95,25 @@ TEST(ShownText, ShowsDurationsInIsoFormAndOtherValuesUnchanged)
     EXPECT_EQ(text("FTIME", "FA 00 00 00"), "PT0.00025S");
     EXPECT_EQ(text("DINT", "C4 09 00 00"), "2500");
     EXPECT_EQ(text("WORD", "34 12"), "0x1234");
+}
+
+TEST(ParsedElement, MayBeADateOrATimeOfDayForATypeThatHoldsOne)
+{
+    EXPECT_EQ(bytesOf("DATE", "1972-02-29"), "3B 00");
+    EXPECT_EQ(bytesOf("TIME_OF_DAY", "00:00:01"), "E8 03 00 00");
+    EXPECT_EQ(bytesOf("DATE_AND_TIME", "1972-01-02T00:00:01"), "E8 03 00 00 01 00 00 00");
+    EXPECT_EQ(bytesOf("DATE", "59"), "3B 00");
+    EXPECT_EQ(complaint("DATE", "2023-02-29"),
+              "\"2023-02-29\" is not a value of type DATE (ISO 8601 such as 2024-02-29 and no time "
+              "zone, or 0 to 65535)");
+    EXPECT_EQ(bytesOf("SHORT_STRING", "06:30"), "05 30 36 3A 33 30");
+}
+
+TEST(ValueText, HasAllCharactersOfATextWithAZeroByte)
+{
+    const micro850::CipValue value =
+        decodeElement(micro850::cipTypeNamed("SHORT_STRING"), hex("05 61 62 00 63 64"));
+    EXPECT_EQ(valueText(value), QString::fromLatin1("ab\0cd", 5));
 }
 
 TEST(ElementsOf, ReturnsOnlyWholeElements)
