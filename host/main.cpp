@@ -6,6 +6,7 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <clocale>
 #include <exception>
 #include <iostream>
 
@@ -38,6 +39,8 @@ int main(int argc, char** argv)
 {
     // Through it Qt finds its plug-ins. The program runs no event loop.
     QCoreApplication application(argc, argv);
+    // Numbers are read and printed alike everywhere: 0.5, whatever the user's locale.
+    std::setlocale(LC_NUMERIC, "C");
     try {
         return run(argc, argv);
     } catch (const UserError& error) {

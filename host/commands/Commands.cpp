@@ -2,6 +2,8 @@
 
 namespace micro850::host {
 
+const char kRawHelp[] = "The controller's own numbers: without gain, offset and unit, also of "
+                        "times and dates";
 const char kStatuses[] =
     "Exit status: 0 done, 1 the controller or the line refused, 2 usage or configuration.";
 

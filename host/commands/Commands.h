@@ -47,6 +47,9 @@ inline QString textOf(const std::string& argument)
     return QString::fromLocal8Bit(argument.c_str());
 }
 
+/// The help of --raw.
+extern const char kRawHelp[];
+
 /// Ends the help of the commands that talk to one controller.
 extern const char kStatuses[];
 

@@ -22,6 +22,7 @@ struct LogOptions
     std::string match;
     double seconds = 0;
     double interval = 0;
+    bool raw = false;
 };
 
 // Several elements are one text: their values with blanks between.
@@ -119,7 +120,9 @@ int run(const LogOptions& options)
     const Output output(options.output.json, options.output.quiet);
     if (options.csv.empty() == options.sqlite.empty())
         throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
-    const Project project = projectOf(options.line);
+    Project project = projectOf(options.line);
+    if (options.raw)
+        project.showRaw();
     requirePort(project, options.line);
     RunLoop loop(options.line, project);
     Logging logging(loop, project, options, output);
@@ -149,9 +152,12 @@ void addLog(CommandLine& line)
     log.number("--interval", options->interval, 0.0, 1e9,
                "Record every variable at this interval in seconds (default: each change)");
     log.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
+    log.flag("--raw", options->raw, kRawHelp);
     options->line.addTo(log);
     options->output.addTo(log);
     log.footer("A kill of the program loses at most the last second.\n"
+               "In a database numbers are numbers whatever their type, true is 1, and NULL is only "
+               "for a value\nthat was never read; micro850-host(1) tells the rest.\n"
                "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
                "--port /tmp/plc\n"
                "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "

@@ -20,6 +20,7 @@ struct PollOptions
     double seconds = 0;
     double interval = 0;
     double staleAfter = 0;
+    bool raw = false;
     std::string match;
     std::string sort = "project";
 };
@@ -37,6 +38,8 @@ Project pollProject(const PollOptions& options)
     requirePort(project, options.line);
     if (options.staleAfter > 0)
         project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
+    if (options.raw)
+        project.showRaw();
     QVector<Variable> matching;
     for (const Variable& variable : project.variables) {
         if (nameMatches(variable.name, textOf(options.match)))
@@ -126,6 +129,7 @@ void addPoll(CommandLine& line)
     poll.number("--stale-after", options->staleAfter, 0.1, 86400.0,
                 "Seconds without a good reply after which a value is stale (default: the "
                 "project's, or 5)");
+    poll.flag("--raw", options->raw, kRawHelp);
     options->line.addTo(poll);
     options->output.addTo(poll);
     poll.footer(

@@ -52,7 +52,7 @@ void ValueStore::store(const TagKey& tag, int element, const CipType& type, cons
             storeElement(i, at - variable.element,
                          bytes.constData() + static_cast<qptrdiff>(at - element) * size, size, now);
         if (!m_states.at(i).error.isEmpty())
-            setError(i, QString());
+            clearError(i, first - variable.element, end - variable.element);
     }
 }
 
@@ -73,9 +73,23 @@ void ValueStore::storeElement(int variable, int index, const char* bytes, int si
 
 void ValueStore::setError(int variable, const QString& error)
 {
-    if (m_states.at(variable).error == error)
+    State& state = m_states[variable];
+    for (int i = 0; i < state.elements.size(); ++i)
+        state.failed.insert(i);
+    if (state.error == error)
         return;
-    m_states[variable].error = error;
+    state.error = error;
+    m_changed.insert(variable);
+}
+
+void ValueStore::clearError(int variable, int first, int end)
+{
+    State& state = m_states[variable];
+    for (int i = first; i < end; ++i)
+        state.failed.remove(i);
+    if (!state.failed.isEmpty())
+        return;
+    state.error.clear();
     m_changed.insert(variable);
 }
 

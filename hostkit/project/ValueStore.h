@@ -29,7 +29,8 @@ public:
     /// Stores a run of a tag's elements in every variable that shows some of them.
     void store(const TagKey& tag, int element, const CipType& type, const QByteArray& bytes,
                Duration now);
-    /// Records why a variable has no fresh value; the next good reply clears it.
+    /// Records why a variable has no fresh value. Good replies clear it once they have brought all
+    /// of its elements: one that another variable asked for may bring only some.
     void setError(int variable, const QString& error);
 
     int size() const { return m_states.size(); }
@@ -63,9 +64,11 @@ private:
         QVector<std::optional<Duration>> times;
         int missing = 0;
         QString error;
+        QSet<int> failed; ///< elements that no reply has brought since the error
     };
     CipValue value(int variable, int index) const;
     void storeElement(int variable, int index, const char* bytes, int size, Duration now);
+    void clearError(int variable, int first, int end);
 
     const Project& m_project;
     QVector<State> m_states;

@@ -19,7 +19,10 @@ public:
     /// A comma-separated file with a heading. Throws UserError for a file that cannot be written or
     /// has another heading.
     static std::unique_ptr<Recorder> csv(const QString& path);
-    /// The table "samples" of an SQLite database. Throws UserError as well.
+    /// The table "samples" of an SQLite database. A number is an INTEGER or a REAL whatever its
+    /// type, true is 1, NULL is only for a value that was never read. Unsigned numbers beyond
+    /// 9223372036854775807 are text of 20 digits, what is not a number is the text "nan". Rows of
+    /// an earlier version are converted. Throws UserError as well.
     static std::unique_ptr<Recorder> sqlite(const QString& path);
 };
 

@@ -1,6 +1,7 @@
 #include "Recorder.h"
 
 #include "Elements.h"
+#include "SqliteTable.h"
 #include "UserError.h"
 
 #include <QtCore/QVariant>
@@ -8,28 +9,51 @@
 #include <QtSql/QSqlError>
 #include <QtSql/QSqlQuery>
 
+#include <cmath>
+#include <limits>
+
 namespace micro850::host {
 
 namespace {
 
 const char kConnection[] = "record";
-// The column of the value declares no type, so that numbers stay numbers.
-const char kTable[] = "CREATE TABLE IF NOT EXISTS samples (time TEXT, name TEXT, station INTEGER, "
-                      "tag TEXT, element INTEGER, type TEXT, value, unit TEXT, quality TEXT, "
-                      "error TEXT)";
 const char kInsert[] = "INSERT INTO samples VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
 
-// Unsigned numbers are text: an integer of the database is signed. An empty text is NULL.
+// An integer of the database is signed. Larger numbers are text of 20 digits: text is larger than
+// every number, and texts of the same length compare as their numbers do.
+QVariant columnNumber(std::uint64_t number)
+{
+    const std::uint64_t most = std::numeric_limits<qint64>::max();
+    return number <= most ? QVariant(static_cast<qlonglong>(number))
+                          : QVariant(QString::number(number).rightJustified(20, '0'));
+}
+
+// NULL is only for a value that was never read.
 QVariant columnValue(const std::optional<CipValue>& value)
 {
     if (!value)
         return QVariant();
-    if (value->kind() == CipKind::Signed)
+    switch (value->kind()) {
+    case CipKind::Boolean:
+        return QVariant(value->boolean() ? 1 : 0);
+    case CipKind::Signed:
         return QVariant(static_cast<qlonglong>(value->signedNumber()));
-    if (value->kind() == CipKind::Real)
-        return QVariant(value->number());
-    const QString text = valueText(*value);
-    return text.isEmpty() ? QVariant() : QVariant(text);
+    case CipKind::Unsigned:
+    case CipKind::Bits:
+        return columnNumber(value->unsignedNumber());
+    case CipKind::Real:
+        // The database would make NULL of what is not a number.
+        return std::isnan(value->number()) ? QVariant(QStringLiteral("nan"))
+                                           : QVariant(value->number());
+    case CipKind::String:
+        break;
+    }
+    return QVariant(valueText(*value));
+}
+
+QString notNull(const QString& text)
+{
+    return text.isNull() ? QStringLiteral("") : text;
 }
 
 /// Holds the name of the connection. It is destroyed after everything that uses the connection.
@@ -52,9 +76,7 @@ public:
             failWith(QStringLiteral("Qt's SQLite driver is missing (install libqt5sql5-sqlite)"));
         if (!m_database.open())
             fail(m_database.lastError());
-        QSqlQuery table(m_database);
-        if (!table.exec(kTable))
-            fail(table.lastError());
+        prepareSamples(m_database, path);
         m_insert = QSqlQuery(m_database);
         if (!m_insert.prepare(kInsert))
             fail(m_insert.lastError());
@@ -78,7 +100,7 @@ public:
         m_insert.addBindValue(sample.element);
         m_insert.addBindValue(sample.type);
         m_insert.addBindValue(columnValue(sample.value));
-        m_insert.addBindValue(sample.unit);
+        m_insert.addBindValue(notNull(sample.unit));
         m_insert.addBindValue(sample.quality);
         m_insert.addBindValue(sample.error);
         if (!m_insert.exec())

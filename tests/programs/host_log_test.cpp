@@ -5,6 +5,7 @@
 #include <QtCore/QThread>
 
 #include <csignal>
+#include <sqlite3.h>
 
 namespace {
 
@@ -16,6 +17,22 @@ protected:
         return file("p.json", R"({"port": {"device": ")" + port().toStdString() +
                                   R"("}, "variables": [{"tag": "Speed", "unit": "rpm"},
                                   {"tag": "Level", "length": 2}, {"tag": "Name"}]})");
+    }
+    /// The only row that the database library itself answers, fields joined by '|'.
+    std::string answerOf(const char* sql) const
+    {
+        sqlite3* database = nullptr;
+        EXPECT_EQ(sqlite3_open(path("v.db").toUtf8().constData(), &database), SQLITE_OK);
+        std::string answer;
+        const auto row = [](void* into, int count, char** fields, char**) {
+            for (int i = 0; i < count; ++i)
+                *static_cast<std::string*>(into) +=
+                    std::string(i > 0 ? "|" : "") + (fields[i] ? fields[i] : "NULL");
+            return 0;
+        };
+        EXPECT_EQ(sqlite3_exec(database, sql, row, &answer, nullptr), SQLITE_OK);
+        sqlite3_close(database);
+        return answer;
     }
 };
 
@@ -64,6 +81,55 @@ TEST_F(HostLog, RecordsIntoADatabase)
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(textOf("v.db").substr(0, 15), "SQLite format 3");
     EXPECT_NE(textOf("v.db").find("Apple"), std::string::npos);
+}
+
+TEST_F(HostLog, RecordsWhatOtherCommandsShowAndWithRawTheControllersNumbers)
+{
+    simulate(R"({"name": "Temp", "type": "USINT", "length": 2, "value": [20, 21]},
+                {"name": "Day", "type": "DATE", "value": "2024-02-29"})");
+    const QString project =
+        file("p.json", R"({"port": {"device": ")" + port().toStdString() + R"("}, "variables": [
+             {"tag": "Temp", "gain": 1.8, "offset": 32, "unit": "F"},
+             {"name": "Both", "tag": "Temp", "length": 2, "gain": 1.8, "offset": 32, "unit": "F"},
+             {"tag": "Day"}]})");
+    const auto values = [&](const QStringList& options) {
+        QFile::remove(path("v.csv"));
+        const Result result =
+            host(QStringList{"log", project, "--csv", path("v.csv"), "--seconds", "1"} + options);
+        EXPECT_EQ(result.status, 0) << result.err;
+        QStringList rows;
+        for (const QString& line : linesOf(textOf("v.csv")).mid(1))
+            rows += line.section(',', 1, 1) + ',' + line.section(',', 6, 7);
+        rows.sort();
+        return rows;
+    };
+    EXPECT_EQ(values({}), (QStringList{"Both,68 69.8,F", "Day,2024-02-29,", "Temp,68,F"}));
+    EXPECT_EQ(values({"--raw"}), (QStringList{"Both,20 21,", "Day,19052,", "Temp,20,"}));
+}
+
+TEST_F(HostLog, RecordsNumbersThatADatabaseCanCompare)
+{
+    simulate(R"({"name": "Small", "type": "UDINT", "value": 9},
+                {"name": "Large", "type": "UDINT", "value": 4000000000})");
+    const QString project =
+        file("p.json", R"({"port": {"device": ")" + port().toStdString() +
+                           R"("}, "variables": [{"tag": "Small"}, {"tag": "Large"}]})");
+    EXPECT_EQ(host({"log", project, "--sqlite", path("v.db"), "--seconds", "1"}).status, 0);
+    EXPECT_EQ(answerOf("SELECT max(value), typeof(max(value)) FROM samples"), "4000000000|integer");
+    EXPECT_EQ(answerOf("SELECT name, count(*) FROM samples WHERE value > 10"), "Large|1");
+}
+
+TEST_F(HostLog, RefusesADatabaseOfALaterVersion)
+{
+    simulate();
+    answerOf("PRAGMA user_version = 7");
+    const Result result = host({"log", project(), "--sqlite", path("v.db"), "--seconds", "1"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err.find("micro850-host: " + path("v.db").toStdString() +
+                              ": has tables of version 7, "),
+              0u)
+        << result.err;
+    EXPECT_EQ(answerOf("PRAGMA user_version"), "7");
 }
 
 // Rows are there while the program runs, and the kill takes none that was seen before.

@@ -62,6 +62,83 @@ TEST_F(HostPoll, PrintsAnObjectForEachChangeAndASummaryWithJson)
     EXPECT_TRUE(lines.at(2).contains(R"("errors":{"05":1})")) << result.out;
 }
 
+const char kTimes[] =
+    R"({"name": "Temp", "type": "INT", "length": 2, "value": [20, 21]},
+       {"name": "Day", "type": "DATE", "value": "2024-02-29"},
+       {"name": "Shift", "type": "TIME_OF_DAY", "value": "06:30:00.25"},
+       {"name": "Start", "type": "DATE_AND_TIME", "value": "2024-02-29T06:30"},
+       {"name": "Delay", "type": "TIME", "value": "PT2.5S"})";
+const char kTimeVariables[] =
+    R"({"tag": "Temp", "length": 2, "gain": 1.8, "offset": 32, "unit": "F"},
+       {"tag": "Day"}, {"tag": "Shift"}, {"tag": "Start"}, {"tag": "Delay"})";
+
+// The changes without their times, sorted.
+QStringList changesOf(const Result& result)
+{
+    QStringList changes;
+    for (const QString& line : linesOf(result.out))
+        changes += line.mid(13);
+    changes.sort();
+    return changes;
+}
+
+TEST_F(HostPoll, ShowsScaledNumbersAndDatesAndWithRawTheControllersNumbers)
+{
+    simulate(kTimes);
+    const QString file = project(kTimeVariables);
+    EXPECT_EQ(changesOf(host({"poll", file, "--seconds", "1"})),
+              (QStringList{"Day = 2024-02-29", "Delay = PT2.5S", "Shift = 06:30:00.250",
+                           "Start = 2024-02-29T06:30:00", "Temp = [68, 69.8] F"}));
+    // 19052 days from 1972-01-01 to 2024-02-29.
+    const qint64 start = (qint64(19052) << 32) + 23400000;
+    EXPECT_EQ(changesOf(host({"poll", file, "--seconds", "1", "--raw"})),
+              (QStringList{"Day = 19052", "Delay = 2500", "Shift = 23400250",
+                           "Start = " + QString::number(start), "Temp = [20, 21]"}));
+}
+
+TEST_F(HostPoll, HasTheShownValuesInJson)
+{
+    simulate(kTimes);
+    const QString file = project(kTimeVariables);
+    const std::string shown = host({"poll", file, "--seconds", "1", "--json"}).out;
+    for (const char* value :
+         {R"("value":[68.0,69.8],"quality":"good","unit":"F"})", R"("value":"2024-02-29")",
+          R"("value":"06:30:00.250")", R"("value":"2024-02-29T06:30:00")", R"("value":2500)"})
+        EXPECT_NE(shown.find(value), std::string::npos) << value << '\n' << shown;
+    const std::string raw = host({"poll", file, "--seconds", "1", "--json", "--raw"}).out;
+    for (const char* value : {R"("value":[20,21],"quality":"good"})", R"("value":19052)",
+                              R"("value":23400250)", R"("value":2500)"})
+        EXPECT_NE(raw.find(value), std::string::npos) << value << '\n' << raw;
+}
+
+TEST_F(HostPoll, HasAllCharactersOfATextWithAZeroByteInJson)
+{
+    simulate(R"({"name": "Text", "type": "SHORT_STRING", "value": "ab\u0000cd"})");
+    const Result result = host({"poll", project(R"({"tag": "Text"})"), "--seconds", "1", "--json"});
+    EXPECT_NE(result.out.find(R"("value":"ab\u0000cd")"), std::string::npos) << result.out;
+}
+
+// In German a number has a comma. Numbers of programs are the same everywhere.
+TEST_F(HostPoll, TakesAndPrintsNumbersAlikeInEveryLocale)
+{
+    ASSERT_EQ(runProgram("localedef", {"-i", "de_DE", "-f", "UTF-8", path("de_DE.UTF-8")}).status,
+              0)
+        << "install the package locales";
+    const QStringList german = {"LC_ALL=de_DE.UTF-8", "LOCPATH=" + path(".")};
+    ASSERT_EQ(runProgram("env", {"printf", "%.1f", "0,5"}, german).out, "0,5");
+    simulate(R"({"name": "Flow", "type": "REAL", "value": 0.5})");
+    const QString file = project(R"({"tag": "Flow", "gain": 2.5})");
+    for (const char* json : {"--quiet", "--json"}) {
+        const QStringList arguments = {
+            "poll", file, "--seconds", "0.9", "--interval", "0.2", "--stale-after", "0.7", json};
+        const Result result = runProgram(MICRO850_HOST, arguments, german);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_NE(result.out.find("1.25"), std::string::npos) << result.out;
+    }
+    const Result comma = runProgram(MICRO850_HOST, {"poll", file, "--seconds", "0,9"}, german);
+    EXPECT_EQ(comma.status, 2) << comma.out;
+}
+
 TEST_F(HostPoll, ShowsOnlyWhatMatches)
 {
     simulate();

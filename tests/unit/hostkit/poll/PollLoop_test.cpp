@@ -223,6 +223,37 @@ TEST_F(PollLoopTest, ReadsTheGoodNeighboursOfAnElementBeyondTheTag)
     EXPECT_EQ(error(0), "");
 }
 
+// Replies for one variable bring elements of the other too; they say nothing of its last one.
+TEST_F(PollLoopTest, KeepsTheErrorOfAVariableThatOverlapsAGoodOne)
+{
+    start(R"({"tag": "Level", "name": "good", "length": 10},
+             {"tag": "Level", "name": "bad", "element": 5, "length": 6},
+             {"tag": "Level", "name": "wrong", "type": "REAL"},
+             {"tag": "Level", "name": "single", "element": 9})");
+    ASSERT_TRUE(runUntil([&] { return !error(1).empty() && !error(2).empty(); }));
+    ASSERT_TRUE(runUntil([&] { return text(3) == "109" && loop->values().wasRead(0); }));
+    for (int i = 0; i < 250; ++i) { // some of it while the bad one is tried again
+        runFor(100);
+        ASSERT_EQ(error(1).empty(), false) << i;
+        ASSERT_EQ(error(2), "is INT in the controller, REAL in the project") << i;
+    }
+    EXPECT_EQ(error(0) + error(3), "");
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+    EXPECT_NE(loop->quality(1), Quality::Good);
+}
+
+TEST_F(PollLoopTest, ShowsAllCharactersOfATextWithAZeroByte)
+{
+    plc.tags["Text"] = {0x00DA, {hex("05 61 62 00 63 64")}};
+    start(R"({"tag": "Text"})");
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_EQ(loop->values().values(0).first().text(), std::string("ab\0cd", 5));
+    EXPECT_EQ(loop->values().texts(0).first(), QString::fromLatin1("ab\0cd", 5));
+    plc.tags["Text"].elements[0] = hex("03 00 00 7A");
+    ASSERT_TRUE(runUntil([&] { return loop->values().texts(0).first().size() == 3; }));
+    EXPECT_EQ(loop->values().texts(0).first(), QString::fromLatin1("\0\0z", 3));
+}
+
 TEST_F(PollLoopTest, ReportsATypeThatChangedInTheController)
 {
     start(R"({"tag": "Speed"})");

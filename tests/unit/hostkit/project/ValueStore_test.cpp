@@ -15,8 +15,10 @@ const char kProject[] = R"({"staleAfterMs": 1000, "variables": [
     {"name": "all", "tag": "Level", "length": 4},
     {"name": "once", "tag": "Level", "poll": "once"},
     {"name": "real", "tag": "Level", "type": "REAL"},
-    {"name": "text", "tag": "Text"}]})";
-enum { kSingle, kAll, kOnce, kReal, kText };
+    {"name": "text", "tag": "Text"},
+    {"name": "scaled", "tag": "Scaled", "length": 2, "gain": 0.1, "offset": 2, "unit": "bar"},
+    {"name": "date", "tag": "Date"}]})";
+enum { kSingle, kAll, kOnce, kReal, kText, kScaled, kDate };
 
 class ValueStoreTest : public ::testing::Test
 {
@@ -108,6 +110,29 @@ TEST_F(ValueStoreTest, KeepsTheValueAndTheErrorUntilTheNextGoodReply)
     EXPECT_EQ(values.quality(kSingle, 200ms, true), Quality::Good);
 }
 
+// Another variable shows elements 0 and 1 of the same tag, whose last two do not exist.
+TEST_F(ValueStoreTest, KeepsAnErrorWhenAReplyForAnotherVariableBringsSomeOfItsElements)
+{
+    storeInts(0, "01 00 02 00 03 00 04 00", 100ms);
+    values.setError(kAll, "beyond the end");
+    storeInts(0, "01 00 02 00", 200ms);
+    EXPECT_EQ(values.error(kAll), QString("beyond the end"));
+    EXPECT_EQ(values.error(kOnce), QString());
+    storeInts(1, "02 00 03 00", 300ms);
+    EXPECT_EQ(values.error(kAll), QString("beyond the end"));
+    storeInts(3, "04 00", 400ms);
+    EXPECT_EQ(values.error(kAll), QString());
+}
+
+TEST_F(ValueStoreTest, KeepsAnErrorThatComesAgainUntilAllElementsAreThereAgain)
+{
+    values.setError(kAll, "beyond the end");
+    storeInts(0, "01 00 02 00", 100ms);
+    values.setError(kAll, "beyond the end");
+    storeInts(2, "03 00 04 00", 200ms);
+    EXPECT_EQ(values.error(kAll), QString("beyond the end"));
+}
+
 TEST_F(ValueStoreTest, ReportsEachChangeOnce)
 {
     storeInts(2, "0B 00", 100ms);
@@ -124,4 +149,34 @@ TEST_F(ValueStoreTest, ShowsAStringAsText)
 {
     values.store({1, "Text"}, 0, micro850::cipTypeNamed("SHORT_STRING"), hex("03 50 E4 61"), 1ms);
     EXPECT_EQ(values.text(kText), QString::fromUtf8("Päa"));
+}
+
+TEST_F(ValueStoreTest, ShowsTheSameScaledValueToPeopleAndPrograms)
+{
+    values.store({1, "Scaled"}, 0, micro850::cipTypeNamed("INT"), hex("03 00 0A 00"), 1ms);
+    EXPECT_EQ(values.text(kScaled), QString("[2.3, 3] bar"));
+    EXPECT_EQ(values.texts(kScaled), (QStringList{"2.3", "3"}));
+    EXPECT_EQ(values.values(kScaled).first().number(), 2.3);
+    EXPECT_EQ(values.number(kScaled), 2.3);
+}
+
+TEST_F(ValueStoreTest, ShowsADateAsIso8601EverywhereButAsItsNumberInRaw)
+{
+    values.store({1, "Date"}, 0, micro850::cipTypeNamed("DATE"), hex("3B 00"), 1ms);
+    EXPECT_EQ(values.text(kDate), QString("1972-02-29"));
+    EXPECT_EQ(values.texts(kDate), QStringList("1972-02-29"));
+    EXPECT_EQ(values.values(kDate).first().text(), "1972-02-29");
+}
+
+TEST(RawValueStore, ShowsTheControllersOwnNumbersWithoutUnit)
+{
+    Project project = Project::fromText(kProject, "p.json");
+    project.showRaw();
+    ValueStore values(project);
+    values.store({1, "Scaled"}, 0, micro850::cipTypeNamed("TIME"), hex("C4 09 00 00 00 00 00 00"),
+                 1ms);
+    EXPECT_EQ(values.text(kScaled), QString("[2500, 0]"));
+    EXPECT_EQ(values.values(kScaled).first().signedNumber(), 2500);
+    values.store({1, "Date"}, 0, micro850::cipTypeNamed("DATE"), hex("3B 00"), 1ms);
+    EXPECT_EQ(values.text(kDate), QString("59"));
 }

@@ -5,8 +5,14 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
+#include <QtCore/QThread>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+
+#include <cmath>
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace micro850::host;
 using micro850::CipValue;
@@ -112,10 +118,177 @@ TEST_F(RecorderTest, KeepsNumbersAsNumbersInADatabase)
     EXPECT_EQ(query("v.db", "SELECT name, typeof(value), value FROM samples ORDER BY rowid"),
               (std::vector<std::string>{"Speed|integer|1234", "Temperature|real|21.5",
                                         "Name|text|Apple", "Never|null|NULL",
-                                        "Count|text|18446744073709551615", "Empty|null|NULL"}));
+                                        "Count|text|18446744073709551615", "Empty|text|"}));
     EXPECT_EQ(
         query("v.db", "SELECT * FROM samples WHERE name = 'Speed'"),
         std::vector<std::string>{"2026-03-01T12:30:05.250Z|Speed|1|Tag|3|INT|1234|l/min|good|"});
+}
+
+TEST_F(RecorderTest, KeepsNumbersOfEveryTypeInTheirOrderInADatabase)
+{
+    {
+        const auto recorder = Recorder::sqlite(path("v.db"));
+        recorder->add(sample("small", CipValue::ofUnsigned(9)));
+        recorder->add(sample("more", CipValue::ofUnsigned(10)));
+        recorder->add(sample("bits", CipValue::ofBits(0xAF, 2)));
+        recorder->add(sample("bit", CipValue::ofBoolean(true)));
+        recorder->add(sample("scaled", CipValue::ofReal(9.5)));
+        recorder->add(sample("signed", CipValue::ofUnsigned(9223372036854775807u)));
+        recorder->add(sample("beyond", CipValue::ofUnsigned(9223372036854775808u)));
+        recorder->add(sample("largest", CipValue::ofBits(~quint64{0}, 8)));
+    }
+    EXPECT_EQ(query("v.db", "SELECT name, typeof(value), value FROM samples ORDER BY value"),
+              (std::vector<std::string>{
+                  "bit|integer|1", "small|integer|9", "scaled|real|9.5", "more|integer|10",
+                  "bits|integer|175", "signed|integer|9223372036854775807",
+                  "beyond|text|09223372036854775808", "largest|text|18446744073709551615"}));
+    EXPECT_EQ(query("v.db", "SELECT max(value) FROM samples WHERE name <> 'largest'"),
+              std::vector<std::string>{"09223372036854775808"});
+    EXPECT_EQ(query("v.db", "SELECT count(*) FROM samples WHERE value > 10"),
+              std::vector<std::string>{"4"});
+}
+
+TEST_F(RecorderTest, KeepsRealsThatAreNoOrdinaryNumbersInADatabase)
+{
+    {
+        const auto recorder = Recorder::sqlite(path("v.db"));
+        recorder->add(sample("nan", CipValue::ofReal(std::nan(""))));
+        recorder->add(sample("inf", CipValue::ofReal(HUGE_VAL)));
+        recorder->add(sample("zero", CipValue::ofText(std::string("ab\0cd", 5))));
+    }
+    EXPECT_EQ(query("v.db", "SELECT typeof(value), value > 1e308, hex(value) FROM samples "
+                            "ORDER BY rowid"),
+              (std::vector<std::string>{"text|1|6E616E", "real|1|496E66", "text|1|6162006364"}));
+}
+
+namespace {
+
+const char kOldTable[] =
+    "CREATE TABLE samples (time TEXT, name TEXT, station INTEGER, tag TEXT, element INTEGER, "
+    "type TEXT, value, unit TEXT, quality TEXT, error TEXT);";
+
+std::string oldRow(const char* type, const char* value, const char* quality = "good")
+{
+    return std::string(
+               "INSERT INTO samples VALUES ('2026-03-01T12:30:05.250Z', 'n', 1, 't', 0, '") +
+           type + "', " + value + ", '', '" + quality + "', NULL);";
+}
+
+} // namespace
+
+TEST_F(RecorderTest, ConvertsTheRowsOfAnEarlierVersionWhenItOpensADatabase)
+{
+    const std::string rows =
+        oldRow("UDINT", "'10'") + oldRow("UDINT", "'9'") +
+        oldRow("ULINT", "'9223372036854775807'") + oldRow("ULINT", "'9223372036854775808'") +
+        oldRow("ULINT", "'18446744073709551615'") + oldRow("USINT", "'7 8'") +
+        oldRow("UINT", "21.5") + oldRow("UINT", "NULL", "never") + oldRow("BYTE", "'0xAF'") +
+        oldRow("WORD", "'0x1234'") + oldRow("DWORD", "'0xFFFFFFFF'") +
+        oldRow("LWORD", "'0x7FFFFFFFFFFFFFFF'") + oldRow("LWORD", "'0xFEDCBA9876543210'") +
+        oldRow("WORD", "'0x1234 0x0001'") + oldRow("BOOL", "'true'") + oldRow("BOOL", "'false'") +
+        oldRow("INT", "-5") + oldRow("SHORT_STRING", "'10'") + oldRow("SHORT_STRING", "NULL") +
+        oldRow("SHORT_STRING", "NULL", "never") + oldRow("REAL", "NULL", "stale") +
+        oldRow("REAL", "0.5") + oldRow("DATE", "'59'") + oldRow("TIME_OF_DAY", "'23400007'") +
+        oldRow("TIME_OF_DAY", "'23400000'") + oldRow("TIME_OF_DAY", "'86400000'") +
+        oldRow("DATE_AND_TIME", "'253426470471'") + oldRow("DATE_AND_TIME", "'4294967295'");
+    query("v.db", (kOldTable + rows + "CREATE VIEW mine AS SELECT value FROM samples").c_str());
+    Recorder::sqlite(path("v.db"))->add(sample("new", CipValue::ofUnsigned(11)));
+    EXPECT_EQ(query("v.db", "SELECT type, typeof(value), value FROM samples ORDER BY rowid"),
+              (std::vector<std::string>{"UDINT|integer|10",
+                                        "UDINT|integer|9",
+                                        "ULINT|integer|9223372036854775807",
+                                        "ULINT|text|09223372036854775808",
+                                        "ULINT|text|18446744073709551615",
+                                        "USINT|text|7 8",
+                                        "UINT|real|21.5",
+                                        "UINT|null|NULL",
+                                        "BYTE|integer|175",
+                                        "WORD|integer|4660",
+                                        "DWORD|integer|4294967295",
+                                        "LWORD|integer|9223372036854775807",
+                                        "LWORD|text|18364758544493064720",
+                                        "WORD|text|0x1234 0x0001",
+                                        "BOOL|integer|1",
+                                        "BOOL|integer|0",
+                                        "INT|integer|-5",
+                                        "SHORT_STRING|text|10",
+                                        "SHORT_STRING|text|",
+                                        "SHORT_STRING|null|NULL",
+                                        "REAL|text|nan",
+                                        "REAL|real|0.5",
+                                        "DATE|text|1972-02-29",
+                                        "TIME_OF_DAY|text|06:30:00.007",
+                                        "TIME_OF_DAY|text|06:30:00",
+                                        "TIME_OF_DAY|integer|86400000",
+                                        "DATE_AND_TIME|text|1972-02-29T06:30:00.007",
+                                        "DATE_AND_TIME|integer|4294967295",
+                                        "INT|integer|11"}));
+    EXPECT_EQ(query("v.db", "SELECT max(value) FROM mine WHERE typeof(value) = 'integer'"),
+              std::vector<std::string>{"9223372036854775807"});
+    EXPECT_EQ(query("v.db", "PRAGMA user_version"), std::vector<std::string>{"1"});
+}
+
+TEST_F(RecorderTest, ConvertsADatabaseOnlyOnce)
+{
+    Recorder::sqlite(path("v.db"))->add(sample("Text", CipValue::ofText("10")));
+    query("v.db", "UPDATE samples SET type = 'UDINT'"); // would be converted in version 0
+    Recorder::sqlite(path("v.db"));
+    EXPECT_EQ(query("v.db", "SELECT typeof(value) FROM samples"), std::vector<std::string>{"text"});
+}
+
+TEST_F(RecorderTest, RefusesADatabaseOfALaterVersionAndLeavesItUnchanged)
+{
+    query("v.db", (std::string(kOldTable) + "PRAGMA user_version = 7").c_str());
+    const std::string before = text("v.db");
+    EXPECT_EQ(complaint([&] { Recorder::sqlite(path("v.db")); }),
+              path("v.db").toStdString() +
+                  ": has tables of version 7, which this program does not know (up to 1); a later "
+                  "version of it or another program made them (name a new file)");
+    EXPECT_EQ(text("v.db"), before);
+}
+
+TEST_F(RecorderTest, RefusesATableOfAnotherProgramAndLeavesItUnchanged)
+{
+    query("v.db",
+          "CREATE TABLE samples (id INTEGER, value TEXT); INSERT INTO samples VALUES (1, 'x')");
+    const std::string before = text("v.db");
+    EXPECT_EQ(complaint([&] { Recorder::sqlite(path("v.db")); }),
+              path("v.db").toStdString() + ": its table samples is not a recording: it has the "
+                                           "columns id, value (name a new file)");
+    EXPECT_EQ(text("v.db"), before);
+}
+
+TEST_F(RecorderTest, AddsItsTableToADatabaseOfTheUser)
+{
+    query("v.db", "CREATE TABLE mine (a); INSERT INTO mine VALUES (1)");
+    Recorder::sqlite(path("v.db"))->add(sample("A", CipValue::ofSigned(1)));
+    EXPECT_EQ(query("v.db", "SELECT a, value FROM mine, samples"), std::vector<std::string>{"1|1"});
+}
+
+// Killed while it converts: the next opening finds the old rows and converts them all.
+TEST_F(RecorderTest, ConvertsABigDatabaseAlthoughAnEarlierAttemptWasKilled)
+{
+    query("v.db",
+          (std::string(kOldTable) +
+           "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000) "
+           "INSERT INTO samples SELECT 't', 'n', 1, 't', 0, 'UDINT', CAST(i AS TEXT), '', "
+           "'good', NULL FROM n")
+              .c_str());
+    const QString file = path("v.db");
+    const pid_t child = fork();
+    if (child == 0) {
+        Recorder::sqlite(file);
+        _exit(0);
+    }
+    // The journal is there from the first changed page to the end of the transaction.
+    while (!QFile::exists(file + "-journal") && waitpid(child, nullptr, WNOHANG) == 0)
+        QThread::usleep(100);
+    ::kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(query("v.db", "PRAGMA integrity_check"), std::vector<std::string>{"ok"});
+    Recorder::sqlite(file);
+    EXPECT_EQ(query("v.db", "SELECT count(*), typeof(value), max(value) FROM samples GROUP BY 2"),
+              std::vector<std::string>{"100000|integer|100000"});
 }
 
 TEST_F(RecorderTest, CommitsWithEachFlushAndAtTheEnd)

@@ -1,0 +1,209 @@
+#include "SqliteTable.h"
+
+#include "CipType.h"
+#include "UserError.h"
+
+#include <QtCore/QStringList>
+#include <QtCore/QVariant>
+#include <QtSql/QSqlError>
+#include <QtSql/QSqlQuery>
+
+namespace micro850::host {
+
+namespace {
+
+// The version of the rows, which the database keeps as its user_version. In version 0 unsigned
+// numbers, bits and booleans were text, dates were numbers as text, and an empty text was NULL.
+const int kVersion = 1;
+
+// The column of the value declares no type, so that numbers stay numbers.
+const char kCreate[] = "CREATE TABLE samples (time TEXT, name TEXT, station INTEGER, tag TEXT, "
+                       "element INTEGER, type TEXT, value, unit TEXT, quality TEXT, error TEXT)";
+
+const QStringList& columns()
+{
+    static const QStringList names = {"time", "name",  "station", "tag",     "element",
+                                      "type", "value", "unit",    "quality", "error"};
+    return names;
+}
+
+// ---- From version 0 -----------------------------------------------------------------------------
+
+// Decimal digits as an integer, or as text of 20 digits beyond the largest integer. Both compare
+// rightly with each other.
+const char kFromDigits[] =
+    "CASE WHEN length(value) < 19 OR (length(value) = 19 AND value <= '9223372036854775807') "
+    "THEN CAST(value AS INTEGER) ELSE substr('00000000000000000000' || value, -20) END";
+const char kAreDigits[] = "value <> '' AND value NOT GLOB '*[^0-9]*'";
+
+// The time of day of milliseconds in ISO 8601; %1 stands for them.
+const char kTimeOfDay[] = "printf('%02d:%02d:%02d', (%1) / 3600000, (%1) / 60000 % 60, (%1) / 1000 "
+                          "% 60) || CASE WHEN (%1) % 1000 THEN printf('.%03d', (%1) % 1000) ELSE "
+                          "'' END";
+
+QString timeOfDay(const char* milliseconds)
+{
+    return QString::fromLatin1(kTimeOfDay)
+        .replace(QStringLiteral("%1"), QString::fromLatin1(milliseconds));
+}
+
+QString date(const char* days)
+{
+    return QStringLiteral("date('1972-01-01', '+' || (%1) || ' days')").arg(QLatin1String(days));
+}
+
+// The integer that '0x' and so many hexadecimal digits describe.
+QString fromHexadecimal(int digits)
+{
+    QStringList nibbles;
+    for (int i = 0; i < digits; ++i) {
+        nibbles += QStringLiteral("((instr('0123456789ABCDEF', substr(value, %1, 1)) - 1) << %2)")
+                       .arg(3 + i)
+                       .arg(4 * (digits - 1 - i));
+    }
+    return nibbles.join(QStringLiteral(" | "));
+}
+
+QString update(const QString& value, const QString& type, const QString& condition)
+{
+    return QStringLiteral("UPDATE samples SET value = %1 WHERE %2 AND %3")
+        .arg(value, type, condition);
+}
+
+QString isType(const char* name)
+{
+    return QStringLiteral("type = '%1'").arg(QLatin1String(name));
+}
+
+// An array was one text, with blanks between its elements, and stays one.
+QStringList bitsUpdates(const CipType& type)
+{
+    const int digits = 2 * type.size;
+    const QString one = QStringLiteral("typeof(value) = 'text' AND value GLOB '0x*' AND "
+                                       "length(value) = %1")
+                            .arg(2 + digits);
+    QStringList updates(update(fromHexadecimal(digits), isType(type.name), one));
+    if (type.size == 8) {
+        updates += update(QStringLiteral("printf('%020u', value)"), isType(type.name),
+                          QStringLiteral("typeof(value) = 'integer' AND value < 0"));
+    }
+    return updates;
+}
+
+QStringList upgradeStatements()
+{
+    const QString digits = QStringLiteral("typeof(value) = 'text' AND ") + kAreDigits;
+    const QString integer = QStringLiteral("typeof(value) = 'integer'");
+    const QString lost = QStringLiteral("value IS NULL AND quality <> 'never'");
+    QStringList statements;
+    for (const CipType& type : cipTypes()) {
+        const QString of = isType(type.name);
+        if (type.kind == CipKind::Bits)
+            statements += bitsUpdates(type);
+        else if (type.kind == CipKind::Unsigned)
+            statements += update(kFromDigits, of, digits);
+        else if (type.kind == CipKind::Boolean)
+            statements += update(QStringLiteral("value = 'true'"), of,
+                                 QStringLiteral("value IN ('true', 'false')"));
+        else if (type.kind == CipKind::String)
+            statements += update(QStringLiteral("''"), of, lost);
+        else if (type.kind == CipKind::Real)
+            statements += update(QStringLiteral("'nan'"), of, lost);
+    }
+    statements += update(date("value"), isType("DATE"),
+                         integer + QStringLiteral(" AND value BETWEEN 0 AND 65535"));
+    statements += update(timeOfDay("value"), isType("TIME_OF_DAY"),
+                         integer + QStringLiteral(" AND value BETWEEN 0 AND 86399999"));
+    statements += update(
+        date("value >> 32") + QStringLiteral(" || 'T' || ") + timeOfDay("value & 4294967295"),
+        isType("DATE_AND_TIME"),
+        integer + QStringLiteral(" AND value >> 32 BETWEEN 0 AND 65535 AND (value & "
+                                 "4294967295) <= 86399999"));
+    return statements;
+}
+
+// ---- The database -------------------------------------------------------------------------------
+
+/// Asks the database and throws UserError that names it.
+class Asker
+{
+public:
+    Asker(QSqlDatabase& database, const QString& path) : m_database(database), m_path(path) {}
+
+    QSqlQuery run(const QString& statement) const
+    {
+        QSqlQuery query(m_database);
+        if (!query.exec(statement))
+            fail(QStringLiteral("cannot be written: ") + query.lastError().text().simplified());
+        return query;
+    }
+    int number(const QString& statement) const
+    {
+        QSqlQuery query = run(statement);
+        return query.next() ? query.value(0).toInt() : 0;
+    }
+    [[noreturn]] void fail(const QString& why) const
+    {
+        throw UserError((m_path + QStringLiteral(": ") + why).toStdString());
+    }
+
+private:
+    QSqlDatabase& m_database;
+    const QString& m_path;
+};
+
+QStringList columnsOf(const Asker& asker)
+{
+    QStringList names;
+    QSqlQuery query = asker.run(QStringLiteral("PRAGMA table_info(samples)"));
+    while (query.next())
+        names += query.value(1).toString();
+    return names;
+}
+
+// Reads only: a database that is refused keeps every byte.
+void refuseOtherTables(const Asker& asker, int version, const QStringList& found)
+{
+    if (version < 0 || version > kVersion) {
+        asker.fail(QStringLiteral("has tables of version %1, which this program does not know (up "
+                                  "to %2); a later version of it or another program made them "
+                                  "(name a new file)")
+                       .arg(version)
+                       .arg(kVersion));
+    }
+    if (!found.isEmpty() && found != columns()) {
+        asker.fail(QStringLiteral("its table samples is not a recording: it has the columns %1 "
+                                  "(name a new file)")
+                       .arg(found.join(QStringLiteral(", "))));
+    }
+}
+
+} // namespace
+
+void prepareSamples(QSqlDatabase& database, const QString& path)
+{
+    const Asker asker(database, path);
+    const auto version = [&] { return asker.number(QStringLiteral("PRAGMA user_version")); };
+    refuseOtherTables(asker, version(), columnsOf(asker));
+    if (version() == kVersion && !columnsOf(asker).isEmpty())
+        return;
+    // Another program may be doing the same: what was found is looked at again under the lock. A
+    // transaction that does not end, because the program is killed, leaves the database as it was.
+    asker.run(QStringLiteral("BEGIN IMMEDIATE"));
+    try {
+        const QStringList found = columnsOf(asker);
+        refuseOtherTables(asker, version(), found);
+        if (found.isEmpty())
+            asker.run(kCreate);
+        else if (version() < kVersion)
+            for (const QString& statement : upgradeStatements())
+                asker.run(statement);
+        asker.run(QStringLiteral("PRAGMA user_version = %1").arg(kVersion));
+        asker.run(QStringLiteral("COMMIT"));
+    } catch (const UserError&) {
+        QSqlQuery(database).exec(QStringLiteral("ROLLBACK"));
+        throw;
+    }
+}
+
+} // namespace micro850::host
