@@ -1,15 +1,16 @@
 #include "TraceFile.h"
 
-#include "UserError.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <istream>
 #include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace micro850 {
 
@@ -24,19 +25,36 @@ constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
 constexpr std::uint32_t kSwappedMagic = 0x4D3C2B1A;
 constexpr std::uint16_t kLinkTypeUser0 = 147;
 constexpr std::uint16_t kFlagsOption = 2;
+constexpr std::uint16_t kResolutionOption = 9;
 constexpr std::uint32_t kInbound = 1;
 constexpr std::uint32_t kOutbound = 2;
 // Frames are shorter than a kilobyte; a larger block means that the file is damaged.
 constexpr std::uint32_t kLargestBlock = 1u << 20;
+// What the text of the largest block needs.
+constexpr std::streamsize kLongestLine = std::streamsize{4} << 20;
+// What is kept in memory as a whole.
+constexpr off_t kLargestWhole = off_t{256} << 20;
+// The end of the year 9999: no text of a date has room for a later one.
+constexpr std::int64_t kLastSecond = 253402300799;
+constexpr char kTooLate[] = "a time is beyond the year 9999";
 
 [[noreturn]] void fail(const std::string& name, const std::string& what)
 {
     throw UserError(name + ": " + what);
 }
 
+std::string withoutControls(std::string text)
+{
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F')
+            c = ' ';
+    }
+    return text;
+}
+
 // ---- Text ---------------------------------------------------------------------------------------
 
-const char kTextHeader[] = "# time in seconds since 1970, > sent or < received, bytes, decode";
+const char kTextHeading[] = "# time in seconds since 1970, > sent or < received, bytes, decode";
 
 std::string hexOf(const Bytes& bytes)
 {
@@ -51,38 +69,17 @@ std::string hexOf(const Bytes& bytes)
     return text;
 }
 
-std::string oneLine(std::string text)
+std::string textOf(const TraceRecord& record)
 {
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < ' ')
-            c = ' ';
-    }
-    return text;
+    const auto count = record.time.count();
+    std::string micros = std::to_string(count % 1000000);
+    micros.insert(0, 6 - micros.size(), '0');
+    std::string line = std::to_string(count / 1000000) + '.' + micros +
+                       (record.direction == Direction::Sent ? " > " : " < ") + hexOf(record.bytes);
+    if (!record.note.empty())
+        line += "  # " + withoutControls(record.note);
+    return line + '\n';
 }
-
-class TextWriter : public TraceWriter
-{
-public:
-    explicit TextWriter(std::ofstream file) : m_file(std::move(file))
-    {
-        m_file << kTextHeader << std::endl;
-    }
-
-    void write(const TraceRecord& record) override
-    {
-        const auto count = record.time.count();
-        std::string micros = std::to_string(count % 1000000);
-        micros.insert(0, 6 - micros.size(), '0');
-        m_file << count / 1000000 << '.' << micros
-               << (record.direction == Direction::Sent ? " > " : " < ") << hexOf(record.bytes);
-        if (!record.note.empty())
-            m_file << "  # " << oneLine(record.note);
-        m_file << std::endl;
-    }
-
-private:
-    std::ofstream m_file;
-};
 
 // One line of a text trace. Throws the reason without the place.
 class TextLine
@@ -97,8 +94,10 @@ public:
         record.direction = direction();
         const std::size_t note = m_line.find('#', m_at);
         if (note != std::string::npos) {
-            const std::size_t text = m_line.find_first_not_of(' ', note + 1);
-            record.note = text == std::string::npos ? "" : m_line.substr(text);
+            const std::string text = withoutControls(m_line.substr(note + 1));
+            const std::size_t begin = text.find_first_not_of(' ');
+            if (begin != std::string::npos)
+                record.note = text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
         }
         record.bytes = bytes(note == std::string::npos ? m_line.size() : note);
         return record;
@@ -124,10 +123,12 @@ private:
         if (dot == std::string::npos || blank == std::string::npos || blank != dot + 7)
             throw std::runtime_error(
                 "not a trace: each line must start with a time such as 1732233600.123456");
-        const auto seconds = number<std::uint32_t>(dot, 10);
+        const auto seconds = number<std::uint64_t>(dot, 10);
+        if (seconds > static_cast<std::uint64_t>(kLastSecond))
+            throw std::runtime_error(kTooLate);
         ++m_at;
         const auto micros = number<std::uint32_t>(blank, 10);
-        return microseconds(std::int64_t{seconds} * 1000000 + micros);
+        return microseconds(static_cast<std::int64_t>(seconds) * 1000000 + micros);
     }
 
     Direction direction()
@@ -155,21 +156,76 @@ private:
     std::size_t m_at = 0;
 };
 
-std::vector<TraceRecord> readText(std::istream& in, const std::string& name)
+// Reads the lines one by one, so that a file of any size needs little memory.
+class TextReader
 {
-    std::vector<TraceRecord> records;
-    std::string line;
-    for (int number = 1; std::getline(in, line); ++number) {
-        if (line.empty() || line[0] == '#' || line == "\r")
-            continue;
-        try {
-            records.push_back(TextLine(line).record());
-        } catch (const std::runtime_error& error) {
-            fail(name + ':' + std::to_string(number), error.what());
-        }
+public:
+    TextReader(std::istream& in, const std::string& name, const TraceHandler& handle)
+        : m_in(in), m_name(name), m_handle(handle), m_buffer(new char[kLongestLine])
+    {
     }
-    return records;
-}
+
+    std::string run()
+    {
+        while (next()) {
+            if (m_cut && m_isTrace)
+                return "line " + std::to_string(m_number) +
+                       " is cut short and left out: the recording ended there";
+            handle();
+        }
+        if (!m_isTrace)
+            fail(m_name, "not a trace: no line of it is a record");
+        return "";
+    }
+
+private:
+    // The next line with content; false at the end.
+    bool next()
+    {
+        do {
+            ++m_number;
+            m_in.getline(m_buffer.get(), kLongestLine);
+            const auto count = static_cast<std::size_t>(m_in.gcount());
+            m_cut = m_in.eof();
+            if (count == 0)
+                return false;
+            if (m_in.fail())
+                failHere("not a trace: the line is longer than " + std::to_string(kLongestLine) +
+                         " bytes");
+            m_line.assign(m_buffer.get(), m_cut ? count : count - 1);
+            m_isTrace = m_isTrace || (!m_cut && m_line == kTextHeading);
+        } while (m_line.empty() || m_line[0] == '#' || m_line == "\r");
+        return true;
+    }
+
+    void handle()
+    {
+        TraceRecord record;
+        try {
+            record = TextLine(m_line).record();
+        } catch (const std::runtime_error& error) {
+            failHere(error.what());
+        }
+        if (m_cut)
+            failHere("the only record is cut short: its line has no end");
+        m_isTrace = true;
+        m_handle(record);
+    }
+
+    [[noreturn]] void failHere(const std::string& what) const
+    {
+        fail(m_name + ':' + std::to_string(m_number), what);
+    }
+
+    std::istream& m_in;
+    const std::string& m_name;
+    const TraceHandler& m_handle;
+    std::unique_ptr<char[]> m_buffer;
+    std::string m_line;
+    int m_number = 0;
+    bool m_cut = false;     ///< the line has no end
+    bool m_isTrace = false; ///< the heading or a record was seen
+};
 
 // ---- pcapng -------------------------------------------------------------------------------------
 
@@ -190,46 +246,38 @@ std::string block(std::uint32_t type, const std::string& body)
     return out;
 }
 
-class PcapngWriter : public TraceWriter
+std::string pcapngHeading()
 {
-public:
-    explicit PcapngWriter(std::ofstream file) : m_file(std::move(file))
-    {
-        std::string section;
-        put(section, kByteOrderMagic);
-        put<std::uint16_t>(section, 1);
-        put<std::uint16_t>(section, 0);
-        put(section, ~std::uint64_t{0}); // section length not given
-        std::string interface;
-        put(interface, kLinkTypeUser0);
-        put<std::uint16_t>(interface, 0);
-        put<std::uint32_t>(interface, 0); // no snap length; time stamps in microseconds by default
-        m_file << block(kSectionHeader, section) << block(kInterfaceDescription, interface)
-               << std::flush;
-    }
+    std::string section;
+    put(section, kByteOrderMagic);
+    put<std::uint16_t>(section, 1);
+    put<std::uint16_t>(section, 0);
+    put(section, ~std::uint64_t{0}); // section length not given
+    std::string interface;
+    put(interface, kLinkTypeUser0);
+    put<std::uint16_t>(interface, 0);
+    put<std::uint32_t>(interface, 0); // no snap length; time stamps in microseconds by default
+    return block(kSectionHeader, section) + block(kInterfaceDescription, interface);
+}
 
-    void write(const TraceRecord& record) override
-    {
-        const auto stamp = static_cast<std::uint64_t>(record.time.count());
-        const auto size = static_cast<std::uint32_t>(record.bytes.size());
-        std::string body;
-        put<std::uint32_t>(body, 0); // interface
-        put(body, static_cast<std::uint32_t>(stamp >> 32));
-        put(body, static_cast<std::uint32_t>(stamp));
-        put(body, size);
-        put(body, size);
-        body.append(record.bytes.begin(), record.bytes.end());
-        body.append((4 - size % 4) % 4, '\0');
-        put(body, kFlagsOption);
-        put<std::uint16_t>(body, 4);
-        put(body, record.direction == Direction::Sent ? kOutbound : kInbound);
-        put<std::uint32_t>(body, 0); // end of options
-        m_file << block(kEnhancedPacket, body) << std::flush;
-    }
-
-private:
-    std::ofstream m_file;
-};
+std::string packetOf(const TraceRecord& record)
+{
+    const auto stamp = static_cast<std::uint64_t>(record.time.count());
+    const auto size = static_cast<std::uint32_t>(record.bytes.size());
+    std::string body;
+    put<std::uint32_t>(body, 0); // interface
+    put(body, static_cast<std::uint32_t>(stamp >> 32));
+    put(body, static_cast<std::uint32_t>(stamp));
+    put(body, size);
+    put(body, size);
+    body.append(record.bytes.begin(), record.bytes.end());
+    body.append((4 - size % 4) % 4, '\0');
+    put(body, kFlagsOption);
+    put<std::uint16_t>(body, 4);
+    put(body, record.direction == Direction::Sent ? kOutbound : kInbound);
+    put<std::uint32_t>(body, 0); // end of options
+    return block(kEnhancedPacket, body);
+}
 
 // Reads numbers of a block's body in the file's byte order, never beyond its end.
 class BodyReader
@@ -268,15 +316,53 @@ private:
     std::size_t m_at = 0;
 };
 
-TraceRecord packetOf(BodyReader body)
+// Packets' time stamps count these parts of a second, 10 to the power of minus `digits`.
+struct Interface
+{
+    unsigned digits = 6;
+};
+
+microseconds timeOf(std::uint64_t stamp, const Interface& interface)
+{
+    for (unsigned digits = interface.digits; digits > 6; --digits)
+        stamp /= 10;
+    const auto last = static_cast<std::uint64_t>(kLastSecond + 1) * 1000000 - 1;
+    for (unsigned digits = interface.digits; digits < 6 && stamp <= last; ++digits)
+        stamp *= 10;
+    if (stamp > last)
+        throw std::runtime_error(kTooLate);
+    return microseconds(static_cast<std::int64_t>(stamp));
+}
+
+Interface interfaceOf(BodyReader body)
+{
+    const std::uint64_t linkType = body.number(2);
+    if (linkType != kLinkTypeUser0)
+        throw std::runtime_error("not a trace: packets of link type " + std::to_string(linkType) +
+                                 ", not " + std::to_string(kLinkTypeUser0));
+    body.number(2);
+    body.number(4); // the longest packet
+    Interface interface;
+    while (!body.atEnd()) {
+        const std::uint64_t option = body.number(2);
+        const std::uint64_t length = body.number(2);
+        const Bytes value = body.bytes(length);
+        if (option == kResolutionOption && length == 1)
+            interface.digits = value[0];
+    }
+    if (interface.digits > 18)
+        throw std::runtime_error("times are in units that this program does not know");
+    return interface;
+}
+
+TraceRecord recordOf(BodyReader body, const std::vector<Interface>& interfaces)
 {
     TraceRecord record;
-    body.number(4); // interface
+    const std::uint64_t interface = body.number(4);
     const std::uint64_t high = body.number(4);
-    const std::uint64_t time = high << 32 | body.number(4);
-    if (time > static_cast<std::uint64_t>(INT64_MAX))
-        throw std::runtime_error("a time stamp is beyond what a clock shows");
-    record.time = microseconds(static_cast<std::int64_t>(time));
+    const std::uint64_t stamp = high << 32 | body.number(4);
+    record.time =
+        timeOf(stamp, interface < interfaces.size() ? interfaces[interface] : Interface());
     const std::uint64_t size = body.number(4);
     body.number(4); // original length
     record.bytes = body.bytes(size);
@@ -295,70 +381,100 @@ TraceRecord packetOf(BodyReader body)
 class PcapngReader
 {
 public:
-    PcapngReader(std::istream& in, const std::string& name) : m_in(in), m_name(name) {}
-
-    std::vector<TraceRecord> records()
+    PcapngReader(std::istream& in, const std::string& name, const TraceHandler& handle)
+        : m_in(in), m_name(name), m_handle(handle)
     {
-        std::vector<TraceRecord> records;
+    }
+
+    std::string run()
+    {
         try {
-            while (next()) {
-                if (m_type == kEnhancedPacket)
-                    records.push_back(packetOf(BodyReader(m_body, m_swapped)));
-            }
+            while (next())
+                handle();
         } catch (const std::runtime_error& error) {
             fail(m_name, "byte " + std::to_string(m_start) + ": " + error.what());
         }
-        return records;
+        return m_cut ? "byte " + std::to_string(m_start) +
+                           ": the block is cut short and left out: the recording ended there"
+                     : "";
     }
 
 private:
+    void handle()
+    {
+        const BodyReader body(m_body, m_swapped);
+        if (m_type == kSectionHeader)
+            m_interfaces.clear();
+        else if (m_type == kInterfaceDescription)
+            m_interfaces.push_back(interfaceOf(body));
+        else if (m_type == kEnhancedPacket)
+            m_handle(recordOf(body, m_interfaces));
+    }
+
+    // Reads the next block. False at the end of the file, and where the file ends within a block.
     bool next()
     {
         m_start += m_size;
-        std::array<char, 12> head{};
-        m_in.read(head.data(), 8);
-        if (m_in.gcount() == 0)
+        std::string begin;
+        if (!append(begin, 8))
             return false;
-        if (m_in.gcount() < 8)
-            throw std::runtime_error("the file ends within a block");
-        std::string begin(head.data(), 8);
         m_type = static_cast<std::uint32_t>(BodyReader(begin, m_swapped).number(4));
-        if (m_type == kSectionHeader)
-            begin += byteOrder();
+        if (m_type == kSectionHeader) {
+            if (!append(begin, 4))
+                return false;
+            findByteOrder(begin.substr(8));
+        }
         BodyReader reader(begin, m_swapped);
         reader.number(4);
         m_size = static_cast<std::uint32_t>(reader.number(4));
         if (m_size < begin.size() + 4 || m_size % 4 != 0 || m_size > kLargestBlock)
             throw std::runtime_error("a block of " + std::to_string(m_size) +
                                      " bytes is not possible");
-        m_body.resize(m_size - begin.size());
-        m_in.read(m_body.data(), static_cast<std::streamsize>(m_body.size()));
-        if (static_cast<std::size_t>(m_in.gcount()) != m_body.size())
-            throw std::runtime_error("the file ends within a block");
+        m_body.clear();
+        if (!append(m_body, m_size - begin.size()))
+            return false;
         m_body.resize(m_body.size() - 4); // the size is repeated at the end
         return true;
     }
 
-    // The section header's mark of the byte order. The header's type reads the same in both orders.
-    std::string byteOrder()
+    // False when the file has no more bytes. A file of which not even the first block is whole is
+    // refused.
+    bool append(std::string& bytes, std::size_t count)
     {
-        std::string magic(4, '\0');
-        m_in.read(magic.data(), 4);
+        const std::size_t before = bytes.size();
+        bytes.resize(before + count);
+        m_in.read(&bytes[before], static_cast<std::streamsize>(count));
+        const auto got = static_cast<std::size_t>(m_in.gcount());
+        if (got == count)
+            return true;
+        m_cut = before + got > 0 || &bytes == &m_body;
+        if (m_cut && m_start == 0)
+            throw std::runtime_error("the file ends within its heading");
+        return false;
+    }
+
+    // The section header's mark of the byte order. The header's type reads the same in both orders.
+    void findByteOrder(const std::string& magic)
+    {
         const std::uint64_t value = BodyReader(magic, false).number(4);
         if (value != kByteOrderMagic && value != kSwappedMagic)
             throw std::runtime_error("the byte order mark is wrong");
         m_swapped = value == kSwappedMagic;
-        return magic;
     }
 
     std::istream& m_in;
     const std::string& m_name;
+    const TraceHandler& m_handle;
+    std::vector<Interface> m_interfaces;
     std::uint64_t m_start = 0;
     std::uint32_t m_type = 0;
     std::uint32_t m_size = 0;
     std::string m_body;
     bool m_swapped = false;
+    bool m_cut = false;
 };
+
+// ---- Files --------------------------------------------------------------------------------------
 
 bool endsWith(const std::string& text, const std::string& end)
 {
@@ -366,37 +482,136 @@ bool endsWith(const std::string& text, const std::string& end)
            text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
+// Whether the file begins as a trace of this program does.
+bool isOwnTrace(int descriptor)
+{
+    for (const std::string& heading : {std::string(kTextHeading) + '\n', pcapngHeading()}) {
+        std::string begin(heading.size(), '\0');
+        const ssize_t count = ::pread(descriptor, &begin[0], begin.size(), 0);
+        if (count == static_cast<ssize_t>(begin.size()) && begin == heading)
+            return true;
+    }
+    return false;
+}
+
+// A regular file is opened for reading too, to see what is in it. A pipe must have a reader by
+// then, or the first write fails: the line does not wait for one.
+OutputFile openToWrite(const std::string& path)
+{
+    const int descriptor =
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    if (descriptor < 0)
+        failToWrite(path, errno);
+    OutputFile file(descriptor, path);
+    if (::isatty(descriptor) == 1)
+        fail(path, "is a terminal or a serial line (name a file)");
+    ::fcntl(descriptor, F_SETFL, 0);
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode))
+        return file;
+    const int pipe = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (pipe < 0)
+        failToWrite(path, errno);
+    return OutputFile(pipe, path);
+}
+
+void emptyForTrace(OutputFile& file, bool replaces)
+{
+    if (!file.isRegular())
+        return;
+    file.lock();
+    struct stat status = {};
+    if (::fstat(file.descriptor(), &status) != 0)
+        failToWrite(file.name(), errno);
+    if (status.st_size > 0 && !replaces && !isOwnTrace(file.descriptor()))
+        fail(file.name(), "is there and is not a trace (name another file, or replace it with "
+                          "--force)");
+    if (::ftruncate(file.descriptor(), 0) != 0)
+        failToWrite(file.name(), errno);
+}
+
+// The size of the file; only a regular file with content can be a trace.
+off_t sizeToRead(const std::string& path)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0)
+        fail(path, std::string("cannot be read: ") + std::strerror(errno) + " (check the path)");
+    if (S_ISDIR(status.st_mode))
+        fail(path, "is a directory (name a trace file)");
+    if (!S_ISREG(status.st_mode))
+        fail(path, "is a pipe or a device (save the trace to a file first)");
+    return status.st_size;
+}
+
 } // namespace
 
-std::unique_ptr<TraceWriter> TraceWriter::open(const std::string& path)
+TraceWriter::TraceWriter(OutputFile file, bool pcapng) : m_file(std::move(file)), m_pcapng(pcapng)
+{
+    m_file.write(m_pcapng ? pcapngHeading() : std::string(kTextHeading) + '\n');
+}
+
+std::unique_ptr<TraceWriter> TraceWriter::open(const std::string& path, bool replaces)
 {
     const bool pcapng = endsWith(path, ".pcapng");
     if (!pcapng && !endsWith(path, ".txt"))
         fail(path, "a trace file ends in .pcapng or .txt");
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    if (!file)
-        fail(path, std::string("cannot be written: ") + std::strerror(errno));
-    if (pcapng)
-        return std::make_unique<PcapngWriter>(std::move(file));
-    return std::make_unique<TextWriter>(std::move(file));
+    OutputFile file = openToWrite(path);
+    emptyForTrace(file, replaces);
+    return std::unique_ptr<TraceWriter>(new TraceWriter(std::move(file), pcapng));
 }
 
-std::vector<TraceRecord> readTrace(const std::string& path)
+void TraceWriter::write(const TraceRecord& record)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file)
-        fail(path, std::string("cannot be read: ") + std::strerror(errno) + " (check the path)");
-    return readTrace(file, path);
+    m_file.write(m_pcapng ? packetOf(record) : textOf(record));
 }
 
-std::vector<TraceRecord> readTrace(std::istream& in, const std::string& name)
+void TraceWriter::close()
+{
+    m_file.close();
+}
+
+std::string readTrace(std::istream& in, const std::string& name, const TraceHandler& handle)
 {
     std::string begin(4, '\0');
-    in.read(begin.data(), 4);
+    in.read(&begin[0], 4);
+    if (in.gcount() == 0 && !in.bad())
+        fail(name, "is empty: not a trace");
     in.clear();
     in.seekg(0);
     const bool pcapng = BodyReader(begin, false).number(4) == kSectionHeader;
-    return pcapng ? PcapngReader(in, name).records() : readText(in, name);
+    const std::string remark =
+        pcapng ? PcapngReader(in, name, handle).run() : TextReader(in, name, handle).run();
+    if (in.bad())
+        throw UserError(name + ": cannot be read: " + std::strerror(EIO), kExitRefused);
+    return remark;
+}
+
+std::string readTrace(const std::string& path, const TraceHandler& handle)
+{
+    sizeToRead(path);
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        fail(path, std::string("cannot be read: ") + std::strerror(errno) + " (check the path)");
+    return readTrace(file, path, handle);
+}
+
+Trace readTrace(std::istream& in, const std::string& name)
+{
+    Trace trace;
+    trace.remark = readTrace(
+        in, name, [&trace](const TraceRecord& record) { trace.records.push_back(record); });
+    return trace;
+}
+
+Trace readTrace(const std::string& path)
+{
+    if (sizeToRead(path) > kLargestWhole)
+        fail(path, "is larger than " + std::to_string(kLargestWhole >> 20) +
+                       " MiB (record a shorter session)");
+    Trace trace;
+    trace.remark =
+        readTrace(path, [&trace](const TraceRecord& record) { trace.records.push_back(record); });
+    return trace;
 }
 
 } // namespace micro850

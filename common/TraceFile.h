@@ -5,8 +5,10 @@
 // Wireshark.
 
 #include "Bytes.h"
+#include "OutputFile.h"
 
 #include <chrono>
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -25,23 +27,47 @@ struct TraceRecord
     std::string note; ///< one-line decode, for the reader; not kept by pcapng
 };
 
-/// Writes records one by one; a record is in the file when write() returns.
+/// Writes records one by one; a record is in the file when write() returns. All functions throw
+/// UserError with one line that names the file and the cause.
 class TraceWriter
 {
 public:
-    virtual ~TraceWriter() = default;
-    virtual void write(const TraceRecord& record) = 0;
+    /// Creates `path`, or empties it: pcapng for a name ending in ".pcapng", text for ".txt". A
+    /// file with content that is not a trace of this program is emptied only if `replaces`. A link
+    /// is followed; what counts is the file that it leads to.
+    static std::unique_ptr<TraceWriter> open(const std::string& path, bool replaces = false);
 
-    /// Creates `path`, or empties it: pcapng for a name ending in ".pcapng", text for ".txt".
-    /// Throws UserError with one line for another name or a file that cannot be written.
-    static std::unique_ptr<TraceWriter> open(const std::string& path);
+    /// What was written before stays whole when this record does not fit.
+    void write(const TraceRecord& record);
+    /// Ends the file.
+    void close();
+
+private:
+    TraceWriter(OutputFile file, bool pcapng);
+
+    OutputFile m_file;
+    bool m_pcapng;
 };
 
-/// All records of a trace file of either kind, recognised by its content. Throws std::runtime_error
-/// with one line that names the file and the line or byte that is wrong.
-std::vector<TraceRecord> readTrace(const std::string& path);
+using TraceHandler = std::function<void(const TraceRecord&)>;
+
+/// Reads a trace file of either kind, recognised by its content, and calls `handle` for each
+/// record in turn. Returns a remark when the last record is cut short, otherwise "". Throws
+/// UserError with one line that names the file and the line or byte that is wrong.
+std::string readTrace(const std::string& path, const TraceHandler& handle);
 /// The same from a stream; messages call it `name`.
-std::vector<TraceRecord> readTrace(std::istream& in, const std::string& name);
+std::string readTrace(std::istream& in, const std::string& name, const TraceHandler& handle);
+
+/// A trace in memory.
+struct Trace
+{
+    std::vector<TraceRecord> records;
+    std::string remark; ///< when the last record is cut short
+};
+
+/// The whole trace at once. A file of more than 256 MiB is refused.
+Trace readTrace(const std::string& path);
+Trace readTrace(std::istream& in, const std::string& name);
 
 } // namespace micro850
 

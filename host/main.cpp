@@ -2,6 +2,7 @@
 // and watches a controller's tags.
 
 #include "Commands.h"
+#include "StandardStreams.h"
 #include "UserError.h"
 
 #include <QtCore/QCoreApplication>
@@ -37,6 +38,7 @@ int run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    prepareStandardStreams();
     // Through it Qt finds its plug-ins. The program runs no event loop.
     QCoreApplication application(argc, argv);
     // Numbers are read and printed alike everywhere: 0.5, whatever the user's locale.
@@ -44,11 +46,9 @@ int main(int argc, char** argv)
     try {
         return run(argc, argv);
     } catch (const UserError& error) {
-        std::cout.flush();
         std::cerr << "micro850-host: " << error.what() << '\n';
         return error.status();
     } catch (const std::exception& error) {
-        std::cout.flush();
         std::cerr << "micro850-host: " << error.what() << '\n';
         return kExitRefused;
     }

@@ -1,8 +1,11 @@
 #include "Options.h"
 
+#include "StandardStreams.h"
 #include "UserError.h"
 
 #include <CLI/CLI.hpp>
+
+#include <sstream>
 
 namespace micro850::sim {
 
@@ -69,7 +72,9 @@ std::optional<Options> parseOptions(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success& success) {
-        app.exit(success);
+        std::ostringstream text;
+        app.exit(success, text, text);
+        writeStandardOutput(text.str());
         return std::nullopt;
     } catch (const CLI::ParseError& error) {
         throw UserError(std::string(error.what()) + " (see micro850-sim --help)");

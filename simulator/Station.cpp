@@ -1,5 +1,6 @@
 #include "Station.h"
 
+#include "StandardStreams.h"
 #include "UserError.h"
 
 #include <iostream>
@@ -17,7 +18,10 @@ Station::Station(StationSetup setup)
 {
     m_line.setObserver([this](const FaultyLine::Event& event) { report(describe(event)); });
     if (!m_setup.replay.empty()) {
-        m_replay.emplace(readTrace(m_setup.replay), m_setup.replay);
+        const Trace trace = readTrace(m_setup.replay);
+        if (!trace.remark.empty())
+            report(m_setup.replay + ": " + trace.remark);
+        m_replay.emplace(trace.records, m_setup.replay);
         m_controller.answerWith([this](const Bytes& message) { return answerFromTrace(message); });
     }
     open();
@@ -28,7 +32,7 @@ void Station::open()
     m_port = std::make_unique<SerialPort>(m_setup.port.empty()
                                               ? SerialPort::pseudoTerminal(m_setup.link)
                                               : SerialPort::device(m_setup.port, m_setup.baud));
-    std::cout << m_setup.name << (m_setup.name.empty() ? "" : ": ") << m_port->path() << std::endl;
+    writeStandardOutput(m_setup.name + (m_setup.name.empty() ? "" : ": ") + m_port->path() + "\n");
 }
 
 void Station::serve()

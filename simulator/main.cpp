@@ -2,6 +2,7 @@
 
 #include "CommandInput.h"
 #include "Options.h"
+#include "StandardStreams.h"
 #include "Stations.h"
 #include "UserError.h"
 
@@ -32,7 +33,6 @@ void installSignalHandlers()
     std::signal(SIGINT, requestStop);
     std::signal(SIGTERM, requestStop);
     std::signal(SIGHUP, requestDownload);
-    std::signal(SIGPIPE, SIG_IGN);
 }
 
 /// Waits until a line or the command input is readable, but no longer than so many milliseconds.
@@ -80,6 +80,7 @@ int program(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    prepareStandardStreams();
     try {
         return program(argc, argv);
     } catch (const UserError& error) {

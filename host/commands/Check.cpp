@@ -82,8 +82,9 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
 {
     const QVector<Variable> variables = checkable(project);
     const Project bare = withoutVariables(project, {});
-    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     Progress progress(output, QStringLiteral("checking"), variables.size());
@@ -102,6 +103,7 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
             .arg(textOf(options.line.project), QString::number(done), QString::number(problems)));
     if (done < variables.size())
         interrupt.throwIfRequested();
+    trace.close();
     return problems == 0 ? kExitDone : kExitRefused;
 }
 

@@ -1,10 +1,12 @@
 #include "CommandLine.h"
 
+#include "StandardStreams.h"
 #include "UserError.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <sstream>
 
 namespace micro850::host {
 
@@ -121,7 +123,10 @@ int CommandLine::run(int argc, char** argv)
     try {
         m_parser->parse(argc, argv);
     } catch (const CLI::Success& success) {
-        return m_parser->exit(success);
+        std::ostringstream text;
+        const int status = m_parser->exit(success, text, text);
+        writeStandardOutput(text.str());
+        return status;
     } catch (const CLI::ParseError& error) {
         throw UserError(complaintOf(*m_parser, error));
     }

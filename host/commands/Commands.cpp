@@ -15,14 +15,18 @@ void OutputOptions::addTo(CommandOptions& command)
 
 void LineOptions::addTo(CommandOptions& command)
 {
-    command.text("--port", port, "Serial device, e.g. /dev/ttyUSB0");
+    command.text(
+        "--port", port,
+        "Serial device, e.g. /dev/ttyUSB0; a name without / is looked for here, then in /dev");
     command.integer("--baud", baud, 300, 4000000,
                     "Speed of the line (default: the project's, or 38400)");
     command.integer(
         "--timeout", timeoutMs, 0, 60000,
         "Milliseconds to wait for an answer; 0: computed from speed and length (default)");
     command.text("--driver", driver, "The driver library, libmicro850.so");
-    command.text("--trace", trace, "Record all frames: FILE.txt or FILE.pcapng");
+    command.text("--trace", trace,
+                 "Record all frames: FILE.txt or FILE.pcapng; it replaces an earlier trace");
+    command.flag("--force", force, "With --trace: replace a file that is not a trace as well");
 }
 
 } // namespace micro850::host

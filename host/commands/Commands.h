@@ -37,6 +37,7 @@ struct LineOptions
     int baud = 0;
     int timeoutMs = -1;
     std::string trace;
+    bool force = false;
 
     void addTo(CommandOptions& command);
 };

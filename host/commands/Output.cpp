@@ -1,6 +1,7 @@
 #include "Output.h"
 
 #include "Elements.h"
+#include "StandardStreams.h"
 #include "UserError.h"
 
 #include <cmath>
@@ -12,11 +13,9 @@ namespace micro850::host {
 void Output::data(const Json& object, const QString& text) const
 {
     if (m_json)
-        std::cout << object.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+        writeStandardOutput(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n');
     else if (!text.isEmpty())
-        std::cout << text.toStdString() << std::endl;
-    if (!std::cout)
-        throw UserError("standard output cannot be written (is its disk full?)", kExitRefused);
+        writeStandardOutput(text.toStdString() + '\n');
 }
 
 void Output::note(const QString& text) const
@@ -27,7 +26,6 @@ void Output::note(const QString& text) const
 
 void Output::error(const QString& text) const
 {
-    std::cout.flush();
     std::cerr << "micro850-host: " << oneLine(text.toStdString()) << std::endl;
 }
 

@@ -21,7 +21,8 @@ public:
 
     bool json() const { return m_json; }
     bool quiet() const { return m_quiet; }
-    /// One result: the object with --json, the text without. An empty text prints nothing.
+    /// One result: the object with --json, the text without. An empty text prints nothing. Throws
+    /// UserError when standard output cannot be written.
     void data(const Json& object, const QString& text) const;
     /// A remark that is not a result; not printed with --quiet.
     void note(const QString& text) const;

@@ -75,7 +75,7 @@ int run(const ProbeOptions& options)
     QVector<int> speeds = {project.port.baud};
     if (options.scan)
         speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
-    TraceRecorder trace(textOf(options.line.trace));
+    TraceRecorder trace(options.line.trace, options.line.force);
     const DriverLibrary library(textOf(options.line.driver));
     const SystemClock clock;
     Prober prober(library.api(), options.station);
@@ -93,6 +93,7 @@ int run(const ProbeOptions& options)
         progress.clear();
         if (result.answered) {
             output.data(reportObject(port, result), report(port, result));
+            trace.close();
             return kExitDone;
         }
         output.data(reportObject(port, result), QString());
@@ -100,6 +101,7 @@ int run(const ProbeOptions& options)
     }
     output.note(QStringLiteral("check cable, station and speed%1")
                     .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
+    trace.close();
     return kExitRefused;
 }
 

@@ -82,8 +82,9 @@ int run(const ReadOptions& options)
         targets.append(targetOf(TagAddress::fromText(textOf(text)), project, options.station));
     requirePort(project, options.line);
     const Project bare = withoutVariables(project, targets);
-    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     bool refused = false;
@@ -92,6 +93,7 @@ int run(const ReadOptions& options)
         interrupt.throwIfRequested();
         refused = !readTarget(target, session, interrupt, output) || refused;
     }
+    trace.close();
     return refused ? kExitRefused : kExitDone;
 }
 

@@ -52,7 +52,7 @@ Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
 } // namespace
 
 RunLoop::RunLoop(const LineOptions& options, const Project& project)
-    : m_project(project), m_trace(textOf(options.trace)), m_connection(options, project),
+    : m_project(project), m_connection(options, project), m_trace(options.trace, options.force),
       m_loop(m_connection.api(), m_connection.line(), m_connection.clock(), project),
       m_table(m_loop, project)
 {
@@ -73,9 +73,11 @@ void RunLoop::run(LoopView& view, double seconds)
                 view.handle(key);
         }
         view.update(clock.now());
+        m_trace.throwIfFailed();
     }
     m_loop.finish();
     view.close(clock.now());
+    m_trace.close();
 }
 
 void RunLoop::summarise(const Output& output) const

@@ -48,8 +48,8 @@ public:
 
 private:
     const Project& m_project;
-    TraceRecorder m_trace;
     Connection m_connection;
+    TraceRecorder m_trace;
     PollLoop m_loop;
     LiveTable m_table;
     Interrupt m_interrupt;

@@ -1,7 +1,6 @@
 #include "Commands.h"
 #include "Output.h"
 #include "TraceReport.h"
-#include "UserError.h"
 
 #include <QtCore/QDateTime>
 
@@ -91,20 +90,16 @@ Json summaryObject(const TraceReport& report)
 int run(const TraceOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    std::vector<TraceRecord> records;
-    try {
-        records = readTrace(options.file);
-    } catch (const std::runtime_error& error) {
-        throw UserError(error.what());
-    }
     TraceReport report;
-    for (const TraceRecord& record : records)
-        report.add(record);
+    const std::string remark = readTrace(options.file, [&](const TraceRecord& record) {
+        for (const TraceEvent& event : report.add(record)) {
+            if (!options.summary)
+                print(output, event);
+        }
+    });
     report.finish();
-    if (!options.summary) {
-        for (const TraceEvent& event : report.events())
-            print(output, event);
-    }
+    if (!remark.empty())
+        output.note(QString::fromStdString(options.file + ": " + remark));
     output.data(summaryObject(report), report.statistics().join('\n'));
     return kExitDone;
 }
@@ -121,7 +116,10 @@ void addTrace(CommandLine& line)
     options->output.addTo(trace);
     trace.footer("Example:\n  micro850-host read Speed --port /tmp/plc --trace t.pcapng\n"
                  "  micro850-host trace t.pcapng\n"
-                 "Exit status: 0 done, 2 usage, or the file is not a trace.");
+                 "A last record that is cut short, by a kill or a full disk, is left out with a "
+                 "note.\n"
+                 "Exit status: 0 done, 1 the output could not be written, 2 usage, or the file is "
+                 "not a trace.");
 }
 
 } // namespace micro850::host

@@ -120,8 +120,9 @@ int run(const WriteOptions& options)
     for (const Write& write : writes)
         targets.append(write.target);
     const Project bare = withoutVariables(project, targets);
-    TraceRecorder trace(textOf(options.line.trace));
     Connection connection(options.line, bare);
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     encodeAll(writes, session);
@@ -133,6 +134,7 @@ int run(const WriteOptions& options)
         carryOut(writes.at(i), session, options, output);
         progress.show(i + 1);
     }
+    trace.close();
     return kExitDone;
 }
 

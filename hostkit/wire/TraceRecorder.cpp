@@ -1,38 +1,78 @@
 #include "TraceRecorder.h"
 
 #include "FrameText.h"
-#include "UserError.h"
 
-#include <stdexcept>
+#include <algorithm>
+#include <optional>
+#include <utility>
 
 namespace micro850::host {
 
-TraceRecorder::TraceRecorder(const QString& path)
+struct TraceRecorder::Recording
 {
-    if (path.isEmpty())
-        return;
-    try {
-        m_writer = TraceWriter::open(path.toStdString());
-    } catch (const std::runtime_error& error) {
-        throw UserError(error.what());
+    std::unique_ptr<TraceWriter> writer; ///< null after the end or a failure
+    std::optional<UserError> failure;    ///< until it is reported
+
+    template<typename Action> void attempt(Action action)
+    {
+        if (!writer)
+            return;
+        try {
+            action(*writer);
+        } catch (const UserError& error) {
+            failure = error;
+            writer.reset();
+        }
     }
+};
+
+TraceRecorder::TraceRecorder(const std::string& path, bool replaces)
+{
+    if (path.empty())
+        return;
+    m_recording = std::make_shared<Recording>();
+    m_recording->writer = TraceWriter::open(path, replaces);
+}
+
+TraceRecorder::~TraceRecorder()
+{
+    if (m_recording && m_recording->failure)
+        qWarning("%s", m_recording->failure->what());
 }
 
 Exchange::Observer TraceRecorder::observer() const
 {
-    if (!m_writer)
+    if (!m_recording)
         return nullptr;
-    const std::shared_ptr<TraceWriter> writer = m_writer;
-    return [writer](Exchange::Direction direction, const QByteArray& frame, Duration) {
-        TraceRecord record;
-        record.time = std::chrono::duration_cast<std::chrono::microseconds>(
+    const std::shared_ptr<Recording> recording = m_recording;
+    return [recording](Exchange::Direction direction, const QByteArray& frame, Duration) {
+        const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::system_clock::now().time_since_epoch());
+        TraceRecord record;
+        record.time = std::max(now, std::chrono::microseconds(0));
         record.direction =
             direction == Exchange::Direction::Out ? Direction::Sent : Direction::Received;
         record.bytes.assign(frame.begin(), frame.end());
         record.note = frameText(frame).toStdString();
-        writer->write(record);
+        recording->attempt([&record](TraceWriter& writer) { writer.write(record); });
     };
+}
+
+void TraceRecorder::throwIfFailed()
+{
+    if (!m_recording || !m_recording->failure)
+        return;
+    const UserError error = *std::exchange(m_recording->failure, std::nullopt);
+    throw error;
+}
+
+void TraceRecorder::close()
+{
+    if (m_recording) {
+        m_recording->attempt([](TraceWriter& writer) { writer.close(); });
+        m_recording->writer.reset();
+    }
+    throwIfFailed();
 }
 
 } // namespace micro850::host

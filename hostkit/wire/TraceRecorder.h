@@ -5,20 +5,33 @@
 #include "TraceFile.h"
 
 #include <memory>
+#include <string>
 
 namespace micro850::host {
 
-/// Records the frames and link controls that an exchange sends and receives.
+/// Records the frames and link controls that an exchange sends and receives. A record that cannot
+/// be written, such as on a full disk, ends the recording and not the work on the line.
 class TraceRecorder
 {
 public:
-    /// An empty path records nothing. Throws UserError for a file that cannot be written.
-    explicit TraceRecorder(const QString& path);
+    /// An empty path records nothing. A file with content that is not a trace is replaced only if
+    /// `replaces`. Throws UserError for a file that cannot be written.
+    explicit TraceRecorder(const std::string& path, bool replaces = false);
+    /// Reports a failure that throwIfFailed() or close() has not thrown.
+    ~TraceRecorder();
+    TraceRecorder(const TraceRecorder&) = delete;
+    TraceRecorder& operator=(const TraceRecorder&) = delete;
+
     /// For Exchange::setObserver(). The observer may live longer than this object.
     Exchange::Observer observer() const;
+    /// Throws UserError once a record could not be written.
+    void throwIfFailed();
+    /// Ends the file. Throws UserError if it does not have every record.
+    void close();
 
 private:
-    std::shared_ptr<TraceWriter> m_writer;
+    struct Recording;
+    std::shared_ptr<Recording> m_recording;
 };
 
 } // namespace micro850::host

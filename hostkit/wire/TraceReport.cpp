@@ -18,16 +18,19 @@ QString msText(double ms)
 
 } // namespace
 
-void TraceReport::add(const TraceRecord& record)
+QVector<TraceEvent> TraceReport::add(const TraceRecord& record)
 {
+    QVector<TraceEvent> events;
     ReplyCollector& collector = record.direction == Direction::Sent ? m_sent : m_received;
     const QByteArray bytes(reinterpret_cast<const char*>(record.bytes.data()),
                            static_cast<int>(record.bytes.size()));
     for (const ReplyCollector::Event& event : collector.feed(bytes))
-        handle(event, record);
+        handle(event, record, events);
+    return events;
 }
 
-void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& record)
+void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& record,
+                         QVector<TraceEvent>& events)
 {
     const bool sent = record.direction == Direction::Sent;
     TraceEvent handled = {TraceEvent::Kind::Control,
@@ -56,7 +59,7 @@ void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& 
         handled.text = controlText(event.kind);
         break;
     }
-    m_events.append(handled);
+    events.append(handled);
 }
 
 void TraceReport::handleRequest(TraceEvent& event)
@@ -99,7 +102,7 @@ void TraceReport::closeUnanswered()
     if (!m_open.valid)
         return;
     const QString text = requestText(m_open);
-    m_unanswered += text;
+    ++m_unanswered;
     ++m_failures[text + QStringLiteral(": no answer")];
     m_open = Request();
 }

@@ -29,20 +29,21 @@ struct RoundTripClass
     int answers;
 };
 
-/// A recorded trace: its frames, decoded, and each reply matched with its request.
+/// A recorded trace: its frames, decoded, and each reply matched with its request. Of a frame only
+/// its time is kept, so that a trace of any length needs little memory.
 class TraceReport
 {
 public:
-    /// Adds a record. Call it in the order of the trace.
-    void add(const TraceRecord& record);
+    /// Adds a record. Call it in the order of the trace. Returns the frames and link controls that
+    /// end with this record.
+    QVector<TraceEvent> add(const TraceRecord& record);
     /// Call it after the last record: a request that is still open has no answer.
     void finish();
 
-    const QVector<TraceEvent>& events() const { return m_events; }
     int requests() const { return m_requests; }
     int repetitions() const { return m_repetitions; }
     int answered() const { return m_roundTrips.size(); }
-    int unanswered() const { return m_unanswered.size(); }
+    int unanswered() const { return m_unanswered; }
     int stray() const { return m_stray; }
     int corrupt() const { return m_corrupt; }
     /// Requests without an answer, or refused, and how often: "read Level[3] x1: no answer".
@@ -57,21 +58,21 @@ public:
     QStringList statistics() const;
 
 private:
-    void handle(const ReplyCollector::Event& event, const TraceRecord& record);
+    void handle(const ReplyCollector::Event& event, const TraceRecord& record,
+                QVector<TraceEvent>& events);
     void handleRequest(TraceEvent& event);
     void handleReply(TraceEvent& event);
     void closeUnanswered();
 
     ReplyCollector m_sent;
     ReplyCollector m_received;
-    QVector<TraceEvent> m_events;
     QVector<double> m_roundTrips;
-    QStringList m_unanswered;
     QMap<QString, int> m_failures;
     QMap<QString, int> m_statuses;
     Request m_open;
     qint64 m_openSince = 0;
     QByteArray m_openData;
+    int m_unanswered = 0;
     int m_requests = 0;
     int m_repetitions = 0;
     int m_stray = 0;

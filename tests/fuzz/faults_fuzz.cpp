@@ -83,7 +83,7 @@ void checkCommand(const std::string& line)
 void checkReplay(const std::string& text)
 {
     std::istringstream in(text);
-    const std::vector<TraceRecord> trace = readTrace(in, "f.txt");
+    const std::vector<TraceRecord> trace = readTrace(in, "f.txt").records;
     Replay replay(trace, "f.txt");
     FUZZ_CHECK(replay.size() >= 1 && replay.size() <= trace.size());
     Bytes request = toBytes(wire::identityRequest(0x1234));
