@@ -1,11 +1,9 @@
 #include "Commands.h"
 #include "Output.h"
+#include "StandardStreams.h"
 #include "UserError.h"
 #include "VariableList.h"
 
-#include <QtCore/QFile>
-
-#include <iostream>
 #include <memory>
 
 namespace micro850::host {
@@ -30,27 +28,20 @@ Json objectOf(const Variable& variable)
 
 void printProject(const VariableList& list)
 {
-    std::cout << "{\n  \"variables\": [\n";
+    std::string text = "{\n  \"variables\": [\n";
     for (int i = 0; i < list.variables.size(); ++i) {
-        std::cout << "    " << objectOf(list.variables.at(i)).dump()
-                  << (i + 1 < list.variables.size() ? ",\n" : "\n");
+        text += "    " + objectOf(list.variables.at(i)).dump() +
+                (i + 1 < list.variables.size() ? ",\n" : "\n");
     }
-    std::cout << "  ]\n}\n";
+    writeStandardOutput(text + "  ]\n}\n");
 }
 
 int run(const ImportOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    QFile file(textOf(options.file));
-    if (!file.open(QIODevice::ReadOnly)) {
-        throw UserError(options.file + ": cannot be read: " + file.errorString().toStdString() +
-                        " (name the exported list)");
-    }
-    const VariableList list =
-        VariableList::fromCsv(QString::fromUtf8(file.readAll()), textOf(options.file));
+    const VariableList list = VariableList::fromFile(textOf(options.file));
     for (const QString& line : list.ignored)
-        output.note(textOf(options.file) + QStringLiteral(": ") + line +
-                    QStringLiteral(" (left out)"));
+        output.note(textOf(options.file) + QStringLiteral(": ") + line);
     if (list.variables.isEmpty()) {
         throw UserError(options.file +
                         ": lists no variable that can be read (its lines need a name and "
@@ -73,12 +64,14 @@ void addImport(CommandLine& line)
     CommandOptions command =
         line.addCommand("import", "Make a project file from an exported variable list",
                         [options] { return run(*options); });
-    command.requiredText("FILE", options->file, "List separated by comma, semicolon or tab");
+    command.requiredText("FILE", options->file, "List separated by comma, semicolon or tab, UTF-8");
     options->output.addTo(command);
-    command.footer("The first line names the columns: Name, Data type, Dimension, and others that "
-                   "are passed over.\n"
-                   "Example:\n  micro850-host import examples/variables.csv > project.json\n"
-                   "Exit status: 0 done, 2 usage, or the file has no readable variable.");
+    command.footer(
+        "The first line names the columns: Name, Data type, Dimension, and others that "
+        "are passed over.\n"
+        "Example:\n  micro850-host import examples/variables.csv > project.json\n"
+        "Exit status: 0 done, 1 the output could not be written, 2 usage, or the file has "
+        "no readable variable.");
 }
 
 } // namespace micro850::host

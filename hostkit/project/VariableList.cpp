@@ -3,14 +3,20 @@
 #include "TagAddress.h"
 #include "UserError.h"
 
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QSet>
+#include <QtCore/QTextCodec>
 
 #include <algorithm>
 
 namespace micro850::host {
 
 namespace {
+
+// A list of 100,000 variables with remarks has half of that.
+const int kLargestList = 16 << 20;
 
 struct Columns
 {
@@ -97,26 +103,148 @@ QString problemOf(const QStringList& fields, const Columns& columns, Variable& v
                : QString();
 }
 
+/// The lines of a separated text. A quote at the beginning of a field opens it; the field may then
+/// hold separators and line ends. A quote anywhere else is a character, such as in 5".
+class CsvReader
+{
+public:
+    CsvReader(const QString& text, const std::string& file) : m_text(text), m_file(file) {}
+
+    bool atEnd() const { return m_at >= m_text.size(); }
+    /// The line on which the next fields begin.
+    int line() const { return m_line; }
+    void setSeparator(QChar separator) { m_separator = separator; }
+
+    /// The fields up to the end of a line. Throws UserError for a quote that is never closed.
+    QStringList fields()
+    {
+        QStringList fields = {field()};
+        while (!atEnd() && m_text.at(m_at) == m_separator) {
+            ++m_at;
+            fields.append(field());
+        }
+        if (!atEnd())
+            ++m_at;
+        ++m_line;
+        for (QString& each : fields) {
+            if (each.endsWith('\r'))
+                each.chop(1);
+        }
+        return fields;
+    }
+
+private:
+    QString field()
+    {
+        QString text;
+        if (!atEnd() && m_text.at(m_at) == '"')
+            text = quoted();
+        while (!atEnd() && m_text.at(m_at) != m_separator && m_text.at(m_at) != '\n')
+            text += m_text.at(m_at++);
+        return text;
+    }
+    // Lines within quotes count too, so that messages name the right one.
+    QString quoted()
+    {
+        const int opened = m_line;
+        QString text;
+        for (++m_at; !atEnd(); ++m_at) {
+            const QChar c = m_text.at(m_at);
+            if (c == '"') {
+                const bool doubled = m_at + 1 < m_text.size() && m_text.at(m_at + 1) == '"';
+                if (!doubled) {
+                    ++m_at;
+                    return text;
+                }
+                ++m_at;
+            }
+            m_line += c == '\n' ? 1 : 0;
+            text += c;
+        }
+        throw UserError(m_file + ": line " + std::to_string(opened) +
+                        ": a field opens with \" that no other \" closes");
+    }
+
+    const QString& m_text;
+    const std::string m_file;
+    QChar m_separator = ',';
+    int m_at = 0;
+    int m_line = 1;
+};
+
+int lineOf(const QByteArray& bytes, int at)
+{
+    return 1 + static_cast<int>(std::count(bytes.begin(), bytes.begin() + at, '\n'));
+}
+
+// Where the bytes are not UTF-8, or below 0.
+int firstNotUtf8(const QByteArray& bytes)
+{
+    QTextCodec::ConverterState state(QTextCodec::IgnoreHeader);
+    const QTextCodec* utf8 = QTextCodec::codecForMib(106);
+    // Line by line: the state says how many characters are wrong, not where.
+    for (int at = 0; at < bytes.size();) {
+        const int stop = bytes.indexOf('\n', at);
+        const int end = stop < 0 ? bytes.size() : stop + 1;
+        utf8->toUnicode(bytes.constData() + at, end - at, &state);
+        if (state.invalidChars > 0 || state.remainingChars > 0)
+            return at;
+        at = end;
+    }
+    return -1;
+}
+
 } // namespace
 
 QStringList csvFields(const QString& line, QChar separator)
 {
-    QStringList fields = {QString()};
-    bool quoted = false;
-    for (int i = 0; i < line.size(); ++i) {
-        const QChar c = line.at(i);
-        if (c == '"' && quoted && i + 1 < line.size() && line.at(i + 1) == '"') {
-            fields.last() += c;
-            ++i;
-        } else if (c == '"') {
-            quoted = !quoted;
-        } else if (c == separator && !quoted) {
-            fields.append(QString());
-        } else {
-            fields.last() += c;
-        }
+    CsvReader reader(line, std::string());
+    reader.setSeparator(separator);
+    return reader.fields();
+}
+
+VariableList VariableList::fromFile(const QString& path)
+{
+    QFile file(path);
+    if (QFileInfo(path).isDir())
+        throw UserError(path.toStdString() + ": is a directory (name the exported list)");
+    if (!file.open(QIODevice::ReadOnly)) {
+        throw UserError(path.toStdString() + ": cannot be read: " +
+                        file.errorString().toStdString() + " (name the exported list)");
     }
-    return fields;
+    QByteArray bytes;
+    while (bytes.size() <= kLargestList) {
+        const QByteArray part = file.read(kLargestList + 1 - bytes.size());
+        if (part.isEmpty())
+            break;
+        bytes += part;
+    }
+    if (file.error() != QFileDevice::NoError)
+        throw UserError(path.toStdString() +
+                            ": cannot be read: " + file.errorString().toStdString(),
+                        kExitRefused);
+    return fromBytes(bytes, path);
+}
+
+VariableList VariableList::fromBytes(const QByteArray& bytes, const QString& name)
+{
+    const std::string file = name.toStdString();
+    if (bytes.size() > kLargestList)
+        throw UserError(file + ": is larger than " + std::to_string(kLargestList >> 20) +
+                        " MiB (export fewer variables)");
+    if (bytes.startsWith("\xFF\xFE") || bytes.startsWith("\xFE\xFF"))
+        throw UserError(file + ": is UTF-16 (save the list as CSV UTF-8)");
+    const int zero = bytes.indexOf('\0');
+    if (zero >= 0)
+        throw UserError(file + ": line " + std::to_string(lineOf(bytes, zero)) +
+                        ": has a byte 00, so it is not a text (save the list as CSV UTF-8)");
+    const int wrong = firstNotUtf8(bytes);
+    VariableList list =
+        fromCsv(wrong < 0 ? QString::fromUtf8(bytes) : QString::fromLatin1(bytes), name);
+    if (wrong >= 0)
+        list.ignored.prepend(QStringLiteral("line %1: is not UTF-8, so the file is read as Latin-1")
+                                 .arg(lineOf(bytes, wrong)));
+    return list;
 }
 
 VariableList VariableList::fromCsv(const QString& text, const QString& name)
@@ -124,17 +252,15 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
     QString whole = text;
     if (whole.startsWith(QChar(0xFEFF)))
         whole.remove(0, 1);
-    QStringList lines = whole.split('\n');
-    for (QString& line : lines) {
-        if (line.endsWith('\r'))
-            line.chop(1);
-    }
-    const QChar separator = separatorOf(lines.first());
-    const Columns columns = columnsOf(csvFields(lines.first(), separator), name);
+    const QChar separator = separatorOf(whole.section('\n', 0, 0));
+    CsvReader reader(whole, name.toStdString());
+    reader.setSeparator(separator);
+    const Columns columns = columnsOf(reader.fields(), name);
     VariableList list;
     QSet<QString> names;
-    for (int i = 1; i < lines.size(); ++i) {
-        const QStringList fields = csvFields(lines.at(i), separator);
+    while (!reader.atEnd()) {
+        const int line = reader.line();
+        const QStringList fields = reader.fields();
         Variable variable;
         variable.name = variable.tag = fields.value(columns.name).trimmed();
         if (variable.name.isEmpty())
@@ -146,8 +272,8 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
         if (problem.isEmpty())
             list.variables.append(variable);
         else
-            list.ignored +=
-                QStringLiteral("line %1: %2: %3").arg(i + 1).arg(variable.name, problem);
+            list.ignored += QStringLiteral("line %1: %2: %3 (left out)")
+                                .arg(QString::number(line), variable.name, problem);
     }
     return list;
 }

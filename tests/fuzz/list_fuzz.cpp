@@ -20,10 +20,16 @@ using namespace micro850::host;
 void checkFields(const QString& line)
 {
     for (const QChar separator : {QChar(','), QChar(';'), QChar('\t')}) {
-        const QStringList fields = csvFields(line, separator);
+        QStringList fields;
+        try {
+            fields = csvFields(line, separator);
+        } catch (const micro850::UserError&) {
+            FUZZ_CHECK(line.contains('"'));
+            continue;
+        }
         FUZZ_CHECK(!fields.isEmpty() && fields.size() <= 1 + line.count(separator));
         FUZZ_CHECK(fields.join(QString()).size() <= line.size());
-        if (!line.contains('"'))
+        if (!line.contains('"') && !line.contains('\n') && !line.contains('\r'))
             FUZZ_CHECK(fields == line.split(separator));
     }
 }
@@ -33,7 +39,7 @@ void checkPassedOver(const QString& problem, int lines)
 {
     FUZZ_CHECK(problem.startsWith("line "));
     const int number = problem.section(' ', 1, 1).section(':', 0, 0).toInt();
-    FUZZ_CHECK(number >= 2 && number <= lines);
+    FUZZ_CHECK(number >= (problem.endsWith("Latin-1") ? 1 : 2) && number <= lines);
 }
 
 void checkProject(const VariableList& list)
@@ -52,7 +58,8 @@ void checkProject(const VariableList& list)
 
 void check(const VariableList& list, int lines)
 {
-    FUZZ_CHECK(list.variables.size() + list.ignored.size() < lines);
+    const bool isLatin1 = list.ignored.value(0).endsWith("Latin-1");
+    FUZZ_CHECK(list.variables.size() + list.ignored.size() < lines + (isLatin1 ? 1 : 0));
     QSet<QString> names;
     for (const Variable& variable : list.variables) {
         FUZZ_CHECK(!variable.name.isEmpty() && variable.name.size() <= kLongestTag);
@@ -71,16 +78,17 @@ void check(const VariableList& list, int lines)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
 {
-    const QString text =
-        QString::fromUtf8(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
-    checkFields(text);
+    const QByteArray content(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
+    checkFields(QString::fromUtf8(content));
     VariableList list;
     try {
-        list = VariableList::fromCsv(text, QStringLiteral("v.csv"));
+        list = VariableList::fromBytes(content, QStringLiteral("v.csv"));
     } catch (const micro850::UserError& error) {
         fuzz::checkComplaint(error, "v.csv:");
         return 0;
     }
-    check(list, text.count('\n') + 1);
+    // A list with a byte 00 is refused: it must not be cut there.
+    FUZZ_CHECK(!content.contains('\0'));
+    check(list, content.count('\n') + 1);
     return 0;
 }

@@ -71,4 +71,24 @@ TEST_F(HostImport, ReportsWhatIsMissing)
         << heading.err;
 }
 
+TEST_F(HostImport, RefusesWhatIsNoListAndSaysWhy)
+{
+    const auto complaint = [this](const QString& name) {
+        const Result result = host({"import", name});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
+        return result.err;
+    };
+    EXPECT_EQ(complaint("."), "micro850-host: .: is a directory (name the exported list)\n");
+    EXPECT_EQ(complaint("/dev/zero"),
+              "micro850-host: /dev/zero: is larger than 16 MiB (export fewer variables)\n");
+    file("zero.csv", std::string("Name,Type\nA,INT\n\0,INT\nB,INT\n", 29));
+    EXPECT_EQ(complaint("zero.csv"), "micro850-host: zero.csv: line 3: has a byte 00, so it is not "
+                                     "a text (save the list as CSV UTF-8)\n");
+    file("wide.csv", std::string("\xFF\xFEN\0a\0", 6));
+    EXPECT_EQ(complaint("wide.csv"),
+              "micro850-host: wide.csv: is UTF-16 (save the list as CSV UTF-8)\n");
+}
+
 } // namespace

@@ -67,12 +67,14 @@ TEST(VariableList, ReportsTheIgnoredLinesAndTheReasons)
                                      "A,INT,\n"
                                      "Names,STRING,4\n");
     EXPECT_EQ(list.variables.size(), 1);
-    EXPECT_EQ(list.ignored,
-              (QStringList{"line 2: Timer: \"TON\" is not an elementary type",
-                           "line 3: Grid: the dimension \"[0..3,0..3]\" is not one run of elements",
-                           "line 4: Back: the dimension \"9..1\" is not one run of elements",
-                           "line 7: A: is listed twice",
-                           "line 8: Names: of several strings only the first can be read"}));
+    EXPECT_EQ(
+        list.ignored,
+        (QStringList{
+            "line 2: Timer: \"TON\" is not an elementary type (left out)",
+            "line 3: Grid: the dimension \"[0..3,0..3]\" is not one run of elements (left out)",
+            "line 4: Back: the dimension \"9..1\" is not one run of elements (left out)",
+            "line 7: A: is listed twice (left out)",
+            "line 8: Names: of several strings only the first can be read (left out)"}));
 }
 
 TEST(VariableList, IgnoresLinesThatAProjectWouldRefuse)
@@ -83,11 +85,12 @@ TEST(VariableList, IgnoresLinesThatAProjectWouldRefuse)
                                      "F\xC3\xBCllung,INT,\n"
                                      "Titles,SHORT_STRING,4\n");
     EXPECT_TRUE(list.variables.isEmpty());
-    const QString noTag = ": is not a tag (letters, digits and signs without blanks)";
-    EXPECT_EQ(list.ignored,
-              (QStringList{"line 2: Fill level" + noTag, "line 3: A[3]" + noTag,
-                           QString::fromUtf8("line 4: F\xC3\xBCllung") + noTag,
-                           "line 5: Titles: of several strings only the first can be read"}));
+    const QString noTag = ": is not a tag (letters, digits and signs without blanks) (left out)";
+    EXPECT_EQ(
+        list.ignored,
+        (QStringList{"line 2: Fill level" + noTag, "line 3: A[3]" + noTag,
+                     QString::fromUtf8("line 4: F\xC3\xBCllung") + noTag,
+                     "line 5: Titles: of several strings only the first can be read (left out)"}));
 }
 
 TEST(VariableList, NeedsAColumnForNameAndType)
@@ -102,4 +105,73 @@ TEST(VariableList, NeedsAColumnForNameAndType)
 TEST(CsvFields, KeepQuotedSeparatorsAndDoubledQuotes)
 {
     EXPECT_EQ(csvFields(R"(a,"b,c","d""e",)", ','), (QStringList{"a", "b,c", "d\"e", ""}));
+}
+
+TEST(CsvFields, TakeAQuoteWithinAFieldForACharacter)
+{
+    EXPECT_EQ(csvFields("a,5\" pipe,b", ','), (QStringList{"a", "5\" pipe", "b"}));
+}
+
+TEST(VariableList, ReadsFieldsWithLineEndsAndCountsTheirLines)
+{
+    const VariableList list = listOf("Name,Comment,Type\n"
+                                     "A,\"two\r\nlines, \"\"quoted\"\"\",INT\r\n"
+                                     "B,,TON\n");
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.variables.at(0).name, QString("A"));
+    EXPECT_EQ(list.ignored, QStringList("line 4: B: \"TON\" is not an elementary type (left out)"));
+}
+
+TEST(VariableList, RefusesAQuoteThatIsNeverClosed)
+{
+    EXPECT_EQ(complaint("Name,Type,Comment\nA,INT,\nB,INT,\"to the end\nC,INT,\n"),
+              "v.csv: line 3: a field opens with \" that no other \" closes");
+}
+
+namespace {
+
+std::string complaintAbout(const QByteArray& bytes)
+{
+    try {
+        VariableList::fromBytes(bytes, QStringLiteral("v.csv"));
+    } catch (const micro850::UserError& error) {
+        EXPECT_EQ(error.status(), micro850::kExitUsage);
+        return error.what();
+    }
+    return "none";
+}
+
+} // namespace
+
+TEST(VariableList, RefusesAByteZeroAndNamesItsLine)
+{
+    EXPECT_EQ(complaintAbout(QByteArray("Name,Type\nA,INT\nB\0,INT\nC,INT\n", 30)),
+              "v.csv: line 3: has a byte 00, so it is not a text (save the list as CSV UTF-8)");
+}
+
+TEST(VariableList, RefusesUtf16)
+{
+    const std::string why = "v.csv: is UTF-16 (save the list as CSV UTF-8)";
+    EXPECT_EQ(complaintAbout(QByteArray("\xFF\xFEN\0a\0m\0e\0", 10)), why);
+    EXPECT_EQ(complaintAbout(QByteArray("\xFE\xFF\0N\0a\0m\0e", 10)), why);
+}
+
+TEST(VariableList, ReadsTextThatIsNotUtf8AsLatin1AndReportsIt)
+{
+    const VariableList list = VariableList::fromBytes(
+        "Name,Type,Comment\nA,INT,\xC3\xBC\nB,INT,F\xFCllung\nG\xFCte,INT,\n", "v.csv");
+    EXPECT_EQ(list.variables.size(), 2);
+    EXPECT_EQ(list.ignored,
+              (QStringList{"line 3: is not UTF-8, so the file is read as Latin-1",
+                           QString::fromUtf8("line 4: G\xC3\xBCte: is not a tag (letters, digits "
+                                             "and signs without blanks) (left out)")}));
+    EXPECT_TRUE(VariableList::fromBytes("Name,Type\nA,INT\n", "v.csv").ignored.isEmpty());
+}
+
+TEST(VariableList, RefusesAListThatIsTooLarge)
+{
+    QByteArray list = "Name,Type\nA,INT\n";
+    list += QByteArray((16 << 20) - list.size(), '\n');
+    EXPECT_EQ(VariableList::fromBytes(list, "v.csv").variables.size(), 1);
+    EXPECT_EQ(complaintAbout(list + '\n'), "v.csv: is larger than 16 MiB (export fewer variables)");
 }
