@@ -1,5 +1,6 @@
 #include "SerialLine.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QThread>
@@ -7,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <poll.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -27,11 +29,22 @@ QSerialPort::Parity portParity(Parity parity)
     return QSerialPort::NoParity;
 }
 
-// The reason with a way out, if the port's own text does not name one.
-QString reasonOf(const QString& device, const QSerialPort& port)
+bool isDevice(const QString& path)
 {
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 && S_ISCHR(status.st_mode);
+}
+
+// The reason with a way out, if the port's own text does not name one.
+QString reasonOf(const QString& name, const QSerialPort& port)
+{
+    const QString device = devicePath(name);
     if (!QFileInfo::exists(device))
-        return QStringLiteral("there is no such device");
+        return name.startsWith('/')
+                   ? QStringLiteral("there is no such device")
+                   : QStringLiteral("there is no such device in this folder or in /dev");
+    if (!isDevice(device))
+        return QStringLiteral("it is not a device");
     if (port.error() == QSerialPort::PermissionError) {
         const bool allowed = ::access(QFile::encodeName(device).constData(), R_OK | W_OK) == 0;
         return allowed ? QStringLiteral("another program uses it; end that one first")
@@ -50,12 +63,22 @@ const std::chrono::milliseconds kSendPatience(100);
 
 } // namespace
 
+// The port itself takes every name that does not begin with / or . for one in /dev.
+QString devicePath(const QString& name)
+{
+    if (name.isEmpty() || name.startsWith('/'))
+        return name;
+    const QString here = QDir::current().absoluteFilePath(name);
+    const QString inDev = QStringLiteral("/dev/") + name;
+    return !isDevice(here) && isDevice(inDev) ? inDev : here;
+}
+
 SerialLine::SerialLine(const PortSettings& settings) : m_settings(settings) {}
 
 bool SerialLine::open(QString& error)
 {
     close();
-    m_port.setPortName(m_settings.device);
+    m_port.setPortName(devicePath(m_settings.device));
     m_port.setBaudRate(m_settings.baud);
     m_port.setDataBits(static_cast<QSerialPort::DataBits>(m_settings.dataBits));
     m_port.setParity(portParity(m_settings.parity));

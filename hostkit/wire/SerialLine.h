@@ -8,6 +8,10 @@
 
 namespace micro850::host {
 
+/// The path of the device that a user names: a name that does not begin with / is looked for in the
+/// current folder, then in /dev.
+QString devicePath(const QString& name);
+
 /// A serial port or pseudo-terminal.
 class SerialLine : public Line
 {
