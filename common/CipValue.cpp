@@ -6,6 +6,7 @@
 
 #include <array>
 #include <charconv>
+#include <cmath>
 #include <cstring>
 #include <limits>
 
@@ -134,7 +135,7 @@ template<typename Real> Real parseReal(const CipType& type, const std::string& t
     const auto result = std::from_chars(text.data(), last, value);
     if (text.empty() || result.ec != std::errc() || result.ptr != last)
         refuse(type, text, "a number such as 1.5 or -2e10");
-    return value;
+    return std::isnan(value) ? std::numeric_limits<Real>::quiet_NaN() : value;
 }
 
 bool parseBoolean(const CipType& type, const std::string& text)
@@ -150,6 +151,8 @@ bool parseBoolean(const CipType& type, const std::string& text)
 
 template<typename Real> std::string realText(Real value)
 {
+    if (std::isnan(value))
+        return "nan"; // whatever its sign
     std::array<char, 64> text{};
     const auto result = std::to_chars(text.data(), text.data() + text.size(), value);
     return {text.data(), result.ptr};

@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <sstream>
 
 namespace micro850::host {
@@ -33,6 +35,17 @@ std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
     const bool isOption = word.rfind("--", 0) == 0;
     const std::string meant = isOption ? didYouMean(word.substr(2), names) : "";
     return '"' + word + "\" is not expected here" + meant + help;
+}
+
+// A check of the parser: nothing for a decimal number. The parser itself would also take "nan",
+// which is neither too small nor too large for its ranges.
+std::string decimalComplaint(const std::string& text)
+{
+    double number = 0;
+    const char* end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    const bool good = result.ec == std::errc() && result.ptr == end && std::isfinite(number);
+    return good ? std::string() : '"' + text + "\" is not a decimal number such as 0.5";
 }
 
 } // namespace
@@ -67,7 +80,9 @@ void CommandOptions::integer(const char* name, int& value, int least, int most, 
 void CommandOptions::number(const char* name, double& value, double least, double most,
                             const char* help)
 {
-    m_command.add_option(name, value, help)->check(CLI::Range(least, most));
+    m_command.add_option(name, value, help)
+        ->check(decimalComplaint)
+        ->check(CLI::Range(least, most));
 }
 
 void CommandOptions::flag(const char* name, bool& value, const char* help)

@@ -4,6 +4,10 @@
 #include "DurationText.h"
 #include "UserError.h"
 
+#include <algorithm>
+#include <cctype>
+#include <optional>
+
 namespace micro850::host {
 
 namespace {
@@ -12,6 +16,47 @@ namespace {
 {
     throw UserError('"' + text.toStdString() + "\" is not a value of type " + type.name + " (" +
                     allowed + ')');
+}
+
+const int kHexadecimal = 16;
+
+// The number that only these hexadecimal digits describe; nothing for other characters.
+std::optional<ushort> hexadecimal(const QStringRef& digits)
+{
+    const auto isDigit = [](QChar c) { return c.unicode() < 0x80 && std::isxdigit(c.unicode()); };
+    if (digits.isEmpty() || !std::all_of(digits.begin(), digits.end(), isDigit))
+        return std::nullopt;
+    return digits.toUShort(nullptr, kHexadecimal);
+}
+
+// The character after a backslash, at `at`, which goes on to the next one.
+QChar escapedCharacter(const CipType& type, const QString& text, int& at)
+{
+    const QString codes = QStringLiteral("\"\\nrt");
+    const QString meant = QStringLiteral("\"\\\n\r\t");
+    const QChar code = at < text.size() ? text.at(at) : QChar();
+    const int simple = codes.indexOf(code);
+    const int digits = code == 'x' ? 2 : code == 'u' ? 4 : 0;
+    const std::optional<ushort> number = hexadecimal(text.midRef(at + 1, digits));
+    if ((simple < 0 && !number) || at + digits >= text.size() - 1)
+        refuse(type, text, "in double quotes, with \\\" \\\\ \\n \\r \\t \\xHH and \\uHHHH");
+    at += 1 + digits;
+    return simple >= 0 ? meant.at(simple) : QChar(*number);
+}
+
+// The characters of a value in double quotes, as it is shown when it has some that must not be
+// seen.
+QString unquoted(const CipType& type, const QString& text)
+{
+    QString characters;
+    int at = 1;
+    while (at < text.size() && text.at(at) != '"') {
+        const QChar next = text.at(at++);
+        characters += next == '\\' ? escapedCharacter(type, text, at) : next;
+    }
+    if (at != text.size() - 1)
+        refuse(type, text, "a text that begins with a double quote ends with its second one");
+    return characters;
 }
 
 } // namespace
@@ -40,9 +85,13 @@ QByteArray encodeElement(const CipType& type, const CipValue& value)
     return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
 }
 
-CipValue parseElement(const CipType& type, const QString& text)
+CipValue parseElement(const CipType& type, const QString& given)
 {
-    if (QString::fromLatin1(text.toLatin1()) != text)
+    const bool quoted = type.kind == CipKind::String && given.startsWith('"');
+    const QString text = quoted ? unquoted(type, given) : given;
+    const bool fits =
+        std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() <= 0xFF; });
+    if (!fits)
         refuse(type, text, "characters up to U+00FF");
     return CipValue::parse(type, text.toLatin1().toStdString());
 }

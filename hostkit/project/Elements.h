@@ -18,7 +18,8 @@ QVector<QByteArray> elementsOf(const CipType& type, const QByteArray& bytes);
 CipValue decodeElement(const CipType& type, const QByteArray& element);
 /// The wire bytes of one element.
 QByteArray encodeElement(const CipType& type, const CipValue& value);
-/// The value that a user's text describes; for times and dates also the ISO 8601 form. Throws
+/// The value that a user's text describes; for times and dates also the ISO 8601 form, for strings
+/// also the form in double quotes in which shownText() shows those with control characters. Throws
 /// UserError.
 CipValue parseElement(const CipType& type, const QString& text);
 

@@ -4,7 +4,6 @@
 #include "UserError.h"
 
 #include <QtCore/QFile>
-#include <QtCore/QLocale>
 #include <QtCore/QStringList>
 
 namespace micro850::host {
@@ -15,11 +14,7 @@ const char kHeading[] = "time,name,station,tag,element,type,value,unit,quality,e
 
 QString fieldText(const std::optional<CipValue>& value)
 {
-    if (!value)
-        return QString();
-    return value->kind() == CipKind::Real
-               ? QString::number(value->number(), 'g', QLocale::FloatingPointShortest)
-               : valueText(*value);
+    return value ? valueText(*value) : QString();
 }
 
 class CsvRecorder : public Recorder

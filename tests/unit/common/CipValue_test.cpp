@@ -48,6 +48,19 @@ TEST(CipValue, AcceptsExactlyTheRangeOfItsType)
     EXPECT_EQ(refusalOf("USINT", "-1"), "\"-1\" is not a value of type USINT (0 to 255)");
 }
 
+TEST(CipValue, AcceptsTimesAndDatesAsIso8601)
+{
+    EXPECT_EQ(bytesOf("TIME", "PT2.5S"), (Bytes{0xC4, 0x09, 0, 0}));
+    EXPECT_EQ(bytesOf("DATE", "1972-02-29"), (Bytes{59, 0}));
+    EXPECT_EQ(bytesOf("TIME_OF_DAY", "00:00:01"), (Bytes{0xE8, 0x03, 0, 0}));
+    EXPECT_EQ(bytesOf("DATE_AND_TIME", "1972-01-02T00:00:01"),
+              (Bytes{0xE8, 0x03, 0, 0, 1, 0, 0, 0}));
+    EXPECT_EQ(refusalOf("TIME_OF_DAY", "24:00"),
+              "\"24:00\" is not a value of type TIME_OF_DAY (ISO 8601 such as 06:30:00.250 and no "
+              "time zone, or 0 to 4294967295)");
+    EXPECT_NE(refusalOf("UINT", "1972-02-29"), "accepted");
+}
+
 TEST(CipValue, RejectsTextThatIsNotAValueOfItsType)
 {
     EXPECT_NE(refusalOf("INT", ""), "accepted");
@@ -113,6 +126,7 @@ TEST(CipValue, StaysNotANumberWhateverItsSign)
     for (const std::uint8_t sign : {std::uint8_t{0x7F}, std::uint8_t{0xFF}}) {
         const CipValue value = CipValue::decode(cipTypeNamed("REAL"), {0, 0, 0xC0, sign});
         EXPECT_TRUE(std::isnan(value.number())) << value.text();
+        EXPECT_EQ(value.text(), "nan");
     }
 }
 

@@ -87,6 +87,10 @@ TEST_F(CommandLineTest, RejectsValuesOutsideTheirRange)
     EXPECT_NE(complaint({"go", "home", "--length", "0.4"}), "none");
     EXPECT_NE(complaint({"go", "home", "--pace", "medium"}), "none");
     EXPECT_NE(complaint({"go"}), "none");
+    for (const char* text : {"nan", "inf", "0x1p0", "1,5", "1e999", ""})
+        EXPECT_EQ(complaint({"go", "home", "--length", text}),
+                  std::string("--length: \"") + text +
+                      "\" is not a decimal number such as 0.5 (see prog go --help)");
     EXPECT_EQ(runs, 0);
 }
 

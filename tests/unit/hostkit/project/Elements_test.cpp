@@ -109,6 +109,19 @@ TEST(ParsedElement, MayBeADateOrATimeOfDayForATypeThatHoldsOne)
     EXPECT_EQ(bytesOf("SHORT_STRING", "06:30"), "05 30 36 3A 33 30");
 }
 
+TEST(ParsedElement, MayBeAStringInDoubleQuotesWithEscapes)
+{
+    EXPECT_EQ(bytesOf("SHORT_STRING", R"("ab\x00cd")"), "05 61 62 00 63 64");
+    EXPECT_EQ(bytesOf("SHORT_STRING", R"("\"\\\n\r\t\u00e4\x1B")"), "07 22 5C 0A 0D 09 E4 1B");
+    EXPECT_EQ(bytesOf("SHORT_STRING", R"("")"), "00");
+    EXPECT_EQ(bytesOf("SHORT_STRING", R"(a "b" \n)"), "08 61 20 22 62 22 20 5C 6E");
+    for (const char* text : {R"(")", R"("a)", R"("a"b)", R"("a\")", R"("\q")", R"("\x1")",
+                             R"("\x1g")", R"("\u0x1f")", R"("\u12")", R"("\)", R"("\x)"})
+        EXPECT_NE(complaint("SHORT_STRING", text), "none") << text;
+    EXPECT_NE(complaint("SHORT_STRING", R"("\u20ac")"), "none");
+    EXPECT_NE(complaint("INT", R"("5")"), "none");
+}
+
 TEST(ValueText, HasAllCharactersOfATextWithAZeroByte)
 {
     const micro850::CipValue value =
