@@ -1,5 +1,7 @@
 #include "UserError.h"
 
+#include "VisibleText.h"
+
 #include <algorithm>
 #include <cctype>
 #include <numeric>
@@ -7,6 +9,9 @@
 namespace micro850 {
 
 namespace {
+
+// Longer messages hold a text that nobody reads to its end.
+const std::size_t kLongestMessage = 1000;
 
 char folded(char c)
 {
@@ -32,17 +37,8 @@ std::size_t distance(const std::string& a, const std::string& b)
 
 } // namespace
 
-std::string oneLine(std::string text)
-{
-    for (char& c : text) {
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7F')
-            c = ' ';
-    }
-    return text;
-}
-
 UserError::UserError(const std::string& message, ExitStatus status)
-    : std::runtime_error(oneLine(message)), m_status(status)
+    : std::runtime_error(visible(shortened(message, kLongestMessage))), m_status(status)
 {
 }
 

@@ -14,12 +14,9 @@ enum ExitStatus {
     kExitUsage = 2    ///< usage or configuration
 };
 
-/// The text with each control character replaced by a blank, so that it cannot move a terminal's
-/// cursor.
-std::string oneLine(std::string text);
-
-/// A message for the user: one line that names the input and the remedy. Control characters from
-/// the input become blanks. Its exit status says whose fault it was.
+/// A message for the user: one line that names the input and the remedy. What comes from the input
+/// is made visible as VisibleText describes, and a very long message loses its middle. Its exit
+/// status says whose fault it was.
 class UserError : public std::runtime_error
 {
 public:

@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "StandardStreams.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -49,7 +50,7 @@ int main(int argc, char** argv)
         std::cerr << "micro850-host: " << error.what() << '\n';
         return error.status();
     } catch (const std::exception& error) {
-        std::cerr << "micro850-host: " << error.what() << '\n';
+        std::cerr << "micro850-host: " << visible(error.what()) << '\n';
         return kExitRefused;
     }
 }

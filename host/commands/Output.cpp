@@ -3,6 +3,7 @@
 #include "Elements.h"
 #include "StandardStreams.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <cmath>
 #include <iostream>
@@ -12,10 +13,18 @@ namespace micro850::host {
 
 void Output::data(const Json& object, const QString& text) const
 {
+    data(object, text.isEmpty() ? QStringList() : QStringList({text}));
+}
+
+void Output::data(const Json& object, const QStringList& lines) const
+{
+    std::string text;
     if (m_json)
-        writeStandardOutput(object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n');
-    else if (!text.isEmpty())
-        writeStandardOutput(text.toStdString() + '\n');
+        text = visibleJson(object.dump(-1, ' ', false, Json::error_handler_t::replace)) + '\n';
+    for (const QString& line : m_json ? QStringList() : lines)
+        text += visible(line.toStdString()) + '\n';
+    if (!text.empty())
+        writeStandardOutput(text);
 }
 
 void Output::note(const QString& text) const
@@ -26,7 +35,7 @@ void Output::note(const QString& text) const
 
 void Output::error(const QString& text) const
 {
-    std::cerr << "micro850-host: " << oneLine(text.toStdString()) << std::endl;
+    std::cerr << "micro850-host: " << visible(text.toStdString()) << std::endl;
 }
 
 Progress::Progress(const Output& output, const QString& what, int total)
@@ -39,7 +48,7 @@ void Progress::show(int done)
     if (!m_shown)
         return;
     m_drawn = true;
-    std::cerr << '\r' << progressText(m_what, done, m_total).toStdString() << "\x1b[K"
+    std::cerr << '\r' << visible(progressText(m_what, done, m_total).toStdString()) << "\x1b[K"
               << std::flush;
 }
 

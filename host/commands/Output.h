@@ -4,6 +4,7 @@
 #include "CipValue.h"
 
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 #include <nlohmann/json.hpp>
@@ -14,6 +15,7 @@ namespace micro850::host {
 using Json = nlohmann::ordered_json;
 
 /// Prints the results of a command: data on standard output, everything else on standard error.
+/// Whatever the texts hold, a terminal only shows it (VisibleText): each is one line.
 class Output
 {
 public:
@@ -24,6 +26,8 @@ public:
     /// One result: the object with --json, the text without. An empty text prints nothing. Throws
     /// UserError when standard output cannot be written.
     void data(const Json& object, const QString& text) const;
+    /// The same with a text of several lines.
+    void data(const Json& object, const QStringList& lines) const;
     /// A remark that is not a result; not printed with --quiet.
     void note(const QString& text) const;
     /// A failure.

@@ -4,6 +4,7 @@
 #include "Prober.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <memory>
 
@@ -27,23 +28,22 @@ QString hex(quint32 value, int digits)
            QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0'));
 }
 
-QString report(const PortSettings& port, const ProbeResult& result)
+QStringList report(const PortSettings& port, const ProbeResult& result)
 {
     const Identity& identity = result.identity;
     const qint64 ms = wholeMilliseconds(result.roundTrip);
-    const QStringList lines = {QStringLiteral("port          %1").arg(port.text()),
-                               QStringLiteral("vendor        %1").arg(identity.vendor),
-                               QStringLiteral("device type   %1").arg(identity.deviceType),
-                               QStringLiteral("product code  %1").arg(identity.productCode),
-                               QStringLiteral("revision      %1.%2")
-                                   .arg(identity.major)
-                                   .arg(identity.minor, 3, 10, QLatin1Char('0')),
-                               QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
-                               QStringLiteral("status        %1").arg(hex(identity.status, 4)),
-                               QStringLiteral("name          %1").arg(identity.name),
-                               QStringLiteral("round trip    %1 ms")
-                                   .arg(ms == 0 ? QStringLiteral("<1") : QString::number(ms))};
-    return lines.join('\n');
+    return {QStringLiteral("port          %1").arg(port.text()),
+            QStringLiteral("vendor        %1").arg(identity.vendor),
+            QStringLiteral("device type   %1").arg(identity.deviceType),
+            QStringLiteral("product code  %1").arg(identity.productCode),
+            QStringLiteral("revision      %1.%2")
+                .arg(identity.major)
+                .arg(identity.minor, 3, 10, QLatin1Char('0')),
+            QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
+            QStringLiteral("status        %1").arg(hex(identity.status, 4)),
+            QStringLiteral("name          %1").arg(visibleValue(identity.name)),
+            QStringLiteral("round trip    %1 ms")
+                .arg(ms == 0 ? QStringLiteral("<1") : QString::number(ms))};
 }
 
 Json reportObject(const PortSettings& port, const ProbeResult& result)

@@ -100,7 +100,7 @@ int run(const TraceOptions& options)
     report.finish();
     if (!remark.empty())
         output.note(QString::fromStdString(options.file + ": " + remark));
-    output.data(summaryObject(report), report.statistics().join('\n'));
+    output.data(summaryObject(report), report.statistics());
     return kExitDone;
 }
 

@@ -3,6 +3,7 @@
 #include "DateText.h"
 #include "DurationText.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <algorithm>
 #include <cctype>
@@ -112,6 +113,8 @@ CipValue isoValue(const CipType& type, const CipValue& value)
 
 QString shownText(const CipType& type, const CipValue& value)
 {
+    if (type.kind == CipKind::String)
+        return visibleValue(valueText(value));
     const int perUnit = microsecondsPerUnit(type);
     return perUnit == 0 ? valueText(isoValue(type, value))
                         : QString::fromStdString(durationText(value.signedNumber() * perUnit));

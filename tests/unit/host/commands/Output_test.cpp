@@ -50,6 +50,27 @@ TEST(Json, WritesSeveralElementsAsAnArray)
     EXPECT_EQ(jsonOf(QVector<CipValue>{one}).dump(), "1");
 }
 
+TEST(Output, PrintsEachResultOnOneLineWithoutAControlCharacter)
+{
+    const auto printed = [](bool json) {
+        testing::internal::CaptureStdout();
+        Output(json, false)
+            .data({{"name", "a\n\xC2\x9B\x7F"}}, QString("a\n\x1b[2J") + QChar(0x9B));
+        return testing::internal::GetCapturedStdout();
+    };
+    EXPECT_EQ(printed(false), "a\\n\\x1b[2J\\u009b\n");
+    EXPECT_EQ(printed(true), "{\"name\":\"a\\n\\u009b\\u007f\"}\n");
+}
+
+TEST(Output, PrintsEachErrorAndNoteOnOneLineWithoutAControlCharacter)
+{
+    testing::internal::CaptureStderr();
+    Output(false, false).error("a\nb");
+    Output(false, false).note("a\x07");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "micro850-host: a\\nb\nmicro850-host: a\\x07\n");
+}
+
 TEST(Progress, FillsItsBarWithTheWork)
 {
     EXPECT_EQ(progressText("checking", 0, 40), QString("checking [....................] 0/40"));

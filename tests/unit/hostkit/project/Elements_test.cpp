@@ -129,6 +129,17 @@ TEST(ValueText, HasAllCharactersOfATextWithAZeroByte)
     EXPECT_EQ(valueText(value), QString::fromLatin1("ab\0cd", 5));
 }
 
+TEST(ShownText, QuotesAStringThatATerminalWouldObey)
+{
+    const auto text = [](const char* bytes) {
+        const micro850::CipType& type = micro850::cipTypeNamed("SHORT_STRING");
+        return shownText(type, decodeElement(type, hex(bytes))).toStdString();
+    };
+    EXPECT_EQ(text("02 6F 6B"), "ok");
+    EXPECT_EQ(text("03 6F 0A 6B"), R"("o\nk")");
+    EXPECT_EQ(text("03 22 9B E4"), "\"\\\"\\u009b\xC3\xA4\"");
+}
+
 TEST(ElementsOf, ReturnsOnlyWholeElements)
 {
     EXPECT_EQ(elementsOf(micro850::cipTypeNamed("INT"), hex("01 00 02 00 03")).size(), 2);
