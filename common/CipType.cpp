@@ -1,6 +1,7 @@
 #include "CipType.h"
 
 #include "UserError.h"
+#include "VisibleText.h"
 
 namespace micro850 {
 
@@ -74,7 +75,7 @@ const CipType& cipTypeNamed(const std::string& name)
             return type;
         names.emplace_back(type.name);
     }
-    throw UserError('"' + name + "\" is not a CIP type" + didYouMean(name, names));
+    throw UserError(inQuotes(name) + " is not a CIP type" + didYouMean(name, names));
 }
 
 } // namespace micro850

@@ -3,6 +3,7 @@
 #include "DateText.h"
 #include "DurationText.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <array>
 #include <charconv>
@@ -64,7 +65,7 @@ struct Element
 
 [[noreturn]] void refuse(const CipType& type, const std::string& text, const std::string& allowed)
 {
-    throw UserError('"' + text + "\" is not a value of type " + type.name + " (" + allowed + ")");
+    throw UserError(inQuotes(text) + " is not a value of type " + type.name + " (" + allowed + ")");
 }
 
 template<typename T> bool parseWhole(const std::string& text, std::size_t start, int base, T& value)

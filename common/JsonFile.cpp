@@ -1,13 +1,13 @@
 #include "JsonFile.h"
 
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cmath>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace micro850 {
@@ -26,87 +26,214 @@ std::string placeOf(const std::string& text, std::size_t byte)
     return std::to_string(line) + ':' + std::to_string(column);
 }
 
-// The library's message without the number and the place with which it starts.
+// The library's message without the number and the place with which it starts. It quotes the text
+// at which it stopped, however long.
 std::string reasonOf(const json::exception& error, const char* begin)
 {
+    const std::size_t kLongestReason = 250;
     const std::string what = error.what();
     const std::size_t at = what.find(begin);
-    return at == std::string::npos ? what : what.substr(at);
+    return shortened(at == std::string::npos ? what : what.substr(at), kLongestReason);
 }
 
-// No valid file is nested so deep, and the function that prints a value is recursive.
+struct CloseFile
+{
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+[[noreturn]] void failToRead(const std::string& path)
+{
+    throw UserError(path + ": cannot be read: " + std::strerror(errno != 0 ? errno : EIO) +
+                    " (check the path)");
+}
+
+// Devices and pipes have no size, so that the bytes are counted as they come.
+std::string contentOf(const std::string& path)
+{
+    constexpr std::size_t kLargestFile = std::size_t{64} << 20;
+    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
+    if (!file)
+        failToRead(path);
+    std::string text;
+    std::array<char, 65536> part{};
+    std::size_t got = part.size();
+    while (got == part.size() && text.size() <= kLargestFile) {
+        got = std::fread(part.data(), 1, part.size(), file.get());
+        text.append(part.data(), got);
+    }
+    if (std::ferror(file.get()) != 0)
+        failToRead(path);
+    if (text.size() > kLargestFile)
+        throw UserError(path + ": is longer than 64 MB (divide it into several files)");
+    return text;
+}
+
+// The parser would take a byte 00 for the end of the file and drop what follows.
+void refuseZeroByte(const std::string& text, const std::string& name)
+{
+    const std::size_t at = text.find('\0');
+    if (at != std::string::npos)
+        throw UserError(name + ':' + placeOf(text, at + 1) +
+                        ": a byte 00 (save the file as UTF-8 text)");
+}
+
+/// Builds the value while the parser reads. The library's own builder keeps the last of two equal
+/// keys, and with a callback it needs the square of an array's length.
+class Builder : public nlohmann::json_sax<json>
+{
+public:
+    explicit Builder(const std::string& text) : m_text(text) {}
+
+    json takeRoot() { return std::move(m_root); }
+
+    bool null() override { return add(json()) != nullptr; }
+    bool boolean(bool value) override { return add(value) != nullptr; }
+    bool number_integer(std::int64_t value) override { return add(value) != nullptr; }
+    bool number_unsigned(std::uint64_t value) override { return add(value) != nullptr; }
+    bool number_float(double value, const std::string&) override { return add(value) != nullptr; }
+    bool string(std::string& value) override { return add(std::move(value)) != nullptr; }
+    bool binary(json::binary_t&) override { return false; } // not in text
+    bool start_object(std::size_t) override { return open(json::object()); }
+    bool start_array(std::size_t) override { return open(json::array()); }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+
+    bool key(std::string& key) override
+    {
+        const auto [place, isNew] = m_open.back().value->emplace(key, json());
+        if (!isNew) {
+            const std::string way = path();
+            throw UserError(": " + (way.empty() ? "" : way + ": ") + "the key " + inQuotes(key) +
+                            " is given twice (remove one)");
+        }
+        m_open.back().key = std::move(key);
+        m_open.back().next = &*place;
+        return true;
+    }
+
+    bool parse_error(std::size_t byte, const std::string&, const json::exception& error) override
+    {
+        const bool number = dynamic_cast<const json::out_of_range*>(&error) != nullptr;
+        throw UserError(':' + placeOf(m_text, byte) + ": " +
+                        reasonOf(error, number ? "number overflow" : "syntax error"));
+    }
+
+private:
+    /// An array or object that is not closed yet.
+    struct Level
+    {
+        json* value;
+        json* next; ///< of an object: where the value of the key goes
+        std::string key;
+    };
+
+    template<typename Value> json* add(Value&& value)
+    {
+        if (m_open.empty()) {
+            m_root = std::forward<Value>(value);
+            return &m_root;
+        }
+        Level& level = m_open.back();
+        if (!level.value->is_array()) {
+            *level.next = std::forward<Value>(value);
+            return level.next;
+        }
+        return &level.value->emplace_back(std::forward<Value>(value));
+    }
+    // No valid file is nested so deep, and the function that prints a value is recursive.
+    bool open(json value)
+    {
+        constexpr std::size_t kDeepest = 64;
+        if (m_open.size() == kDeepest)
+            throw UserError(": brackets are nested more than " + std::to_string(kDeepest) +
+                            " deep");
+        json* const added = add(std::move(value));
+        m_open.push_back({added, nullptr, std::string()});
+        return true;
+    }
+    bool close()
+    {
+        m_open.pop_back();
+        return true;
+    }
+    // Of the object that was opened last.
+    std::string path() const
+    {
+        std::string path;
+        for (std::size_t i = 0; i + 1 < m_open.size(); ++i) {
+            const json& value = *m_open[i].value;
+            if (value.is_array())
+                path += '[' + std::to_string(value.size() - 1) + ']';
+            else
+                path += (path.empty() ? "" : ".") + m_open[i].key;
+        }
+        return path;
+    }
+
+    const std::string& m_text;
+    json m_root;
+    std::vector<Level> m_open;
+};
+
 json parsed(const std::string& text)
 {
-    constexpr int kDeepest = 64;
-    const auto bounded = [](int depth, json::parse_event_t, const json&) {
-        if (depth > kDeepest)
-            throw UserError("brackets are nested more than " + std::to_string(kDeepest) + " deep");
-        return true;
-    };
-    return json::parse(text, bounded, true, true);
+    Builder builder(text);
+    json::sax_parse(text, &builder, json::input_format_t::json, true, true);
+    return builder.takeRoot();
 }
 
 } // namespace
 
-JsonNode::JsonNode(std::shared_ptr<const json> root, const json* value, std::string file,
-                   std::string path)
-    : m_root(std::move(root)), m_value(value), m_file(std::move(file)), m_path(std::move(path))
+struct JsonNode::Document
+{
+    json root;
+    std::string file;
+};
+
+JsonNode::JsonNode(std::shared_ptr<const Document> document, const json* value, std::string path)
+    : m_document(std::move(document)), m_value(value), m_path(std::move(path))
 {
 }
 
 JsonNode JsonNode::fromFile(const std::string& path)
 {
-    std::ifstream file(path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file || file.bad())
-        throw UserError(path + ": cannot be read: " + std::strerror(errno ? errno : EIO) +
-                        " (check the path)");
-    return fromText(text, path);
+    return fromText(contentOf(path), path);
 }
 
 JsonNode JsonNode::fromText(const std::string& text, const std::string& name)
 {
+    refuseZeroByte(text, name);
     try {
-        auto root = std::make_shared<const json>(parsed(text));
-        const json* value = root.get();
-        return JsonNode(std::move(root), value, name, "");
-    } catch (const json::parse_error& error) {
-        throw UserError(name + ':' + placeOf(text, error.byte) + ": " +
-                        reasonOf(error, "syntax error"));
-    } catch (const json::out_of_range& error) {
-        throw UserError(name + ": " + reasonOf(error, "number overflow"));
+        const auto document = std::make_shared<const Document>(Document{parsed(text), name});
+        return JsonNode(document, &document->root, "");
     } catch (const UserError& error) {
-        throw UserError(name + ": " + error.what());
+        throw UserError(name + error.what());
     }
-}
-
-JsonNode JsonNode::child(const json& value, const std::string& path) const
-{
-    return JsonNode(m_root, &value, m_file, path);
 }
 
 void JsonNode::fail(const std::string& what) const
 {
-    throw UserError(m_file + ": " + (m_path.empty() ? what : m_path + ": " + what));
+    throw UserError(m_document->file + ": " + (m_path.empty() ? what : m_path + ": " + what));
 }
 
 std::string JsonNode::found() const
 {
-    return m_value->dump(-1, ' ', false, json::error_handler_t::replace).substr(0, 60);
+    const std::size_t kLongestQuote = 60;
+    return shortened(m_value->dump(-1, ' ', false, json::error_handler_t::replace), kLongestQuote);
 }
 
 void JsonNode::expectKeys(const std::vector<std::string>& keys) const
 {
     if (!m_value->is_object())
         fail(found() + " is not an object { ... }");
-    for (const auto& item : m_value->items()) {
+    for (auto item = m_value->begin(); item != m_value->end(); ++item) {
         if (std::find(keys.begin(), keys.end(), item.key()) != keys.end())
             continue;
         std::string allowed;
         for (const std::string& key : keys)
             allowed += (allowed.empty() ? "" : ", ") + key;
         const std::string guess = didYouMean(item.key(), keys);
-        fail("unknown key \"" + item.key() + '"' +
+        fail("unknown key " + inQuotes(item.key()) +
              (guess.empty() ? " (allowed: " + allowed + ')' : guess));
     }
 }
@@ -120,17 +247,25 @@ JsonNode JsonNode::at(const std::string& key) const
 {
     if (!has(key))
         fail("the key \"" + key + "\" is missing");
-    return child((*m_value)[key], m_path.empty() ? key : m_path + '.' + key);
+    return JsonNode(m_document, &(*m_value)[key], m_path.empty() ? key : m_path + '.' + key);
 }
 
-std::vector<JsonNode> JsonNode::elements() const
+JsonNode::Elements JsonNode::elements() const
 {
     if (!m_value->is_array())
         fail(found() + " is not an array [ ... ]");
-    std::vector<JsonNode> nodes;
-    for (std::size_t i = 0; i < m_value->size(); ++i)
-        nodes.push_back(child((*m_value)[i], m_path + '[' + std::to_string(i) + ']'));
-    return nodes;
+    return Elements(*this);
+}
+
+std::size_t JsonNode::Elements::size() const
+{
+    return m_array.m_value->size();
+}
+
+JsonNode JsonNode::Elements::operator[](std::size_t index) const
+{
+    return JsonNode(m_array.m_document, &(*m_array.m_value)[index],
+                    m_array.m_path + '[' + std::to_string(index) + ']');
 }
 
 bool JsonNode::isArray() const

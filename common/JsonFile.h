@@ -11,9 +11,14 @@ namespace micro850 {
 
 /// A value in a JSON file together with its place, so that every message names file and key path.
 /// All functions throw UserError: `plant.json: variables[3].count: 0 is not allowed (1 to 1000)`.
+///
+/// A file is read only as a whole and only if it has one meaning: a key that is given twice in an
+/// object, a byte 00, deep nesting and a file of more than 64 MB are refused.
 class JsonNode
 {
 public:
+    class Elements;
+
     /// The file's top level; // comments are allowed. A syntax error names line and column.
     static JsonNode fromFile(const std::string& path);
     /// The same from a text; messages call it `name`.
@@ -25,7 +30,7 @@ public:
     /// The value of a key that must be there.
     JsonNode at(const std::string& key) const;
     /// The elements of an array.
-    std::vector<JsonNode> elements() const;
+    Elements elements() const;
     bool isArray() const;
 
     std::string text() const;
@@ -44,17 +49,50 @@ public:
 
     /// Throws `FILE: PATH: what`.
     [[noreturn]] void fail(const std::string& what) const;
-
-private:
-    JsonNode(std::shared_ptr<const nlohmann::json> root, const nlohmann::json* value,
-             std::string file, std::string path);
-    JsonNode child(const nlohmann::json& value, const std::string& path) const;
+    /// The value as the file writes it, shortened for a message.
     std::string found() const;
 
-    std::shared_ptr<const nlohmann::json> m_root;
+private:
+    struct Document;
+    JsonNode(std::shared_ptr<const Document> document, const nlohmann::json* value,
+             std::string path);
+
+    std::shared_ptr<const Document> m_document;
     const nlohmann::json* m_value;
-    std::string m_file;
     std::string m_path;
+};
+
+/// The elements of an array. Each node is made when it is asked for: an array may have millions.
+class JsonNode::Elements
+{
+public:
+    class Iterator
+    {
+    public:
+        Iterator(const Elements& elements, std::size_t at) : m_elements(elements), m_at(at) {}
+        JsonNode operator*() const { return m_elements[m_at]; }
+        Iterator& operator++()
+        {
+            ++m_at;
+            return *this;
+        }
+        bool operator!=(const Iterator& other) const { return m_at != other.m_at; }
+
+    private:
+        const Elements& m_elements;
+        std::size_t m_at;
+    };
+
+    explicit Elements(JsonNode array) : m_array(std::move(array)) {}
+
+    std::size_t size() const;
+    bool empty() const { return size() == 0; }
+    JsonNode operator[](std::size_t index) const;
+    Iterator begin() const { return {*this, 0}; }
+    Iterator end() const { return {*this, size()}; }
+
+private:
+    JsonNode m_array;
 };
 
 } // namespace micro850

@@ -155,7 +155,7 @@ std::string visibleJson(const std::string& utf8)
     return escaped(utf8, jsonEscapeOf);
 }
 
-std::string quoted(const std::string& utf8)
+std::string inQuotes(const std::string& utf8)
 {
     const std::size_t kMost = 60;
     return '"' + visible(shortened(utf8, kMost)) + '"';

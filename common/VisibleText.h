@@ -23,7 +23,7 @@ std::string visibleValue(const std::string& utf8);
 std::string visibleJson(const std::string& utf8);
 
 /// The text in double quotes, for a message: visible, and shortened.
-std::string quoted(const std::string& utf8);
+std::string inQuotes(const std::string& utf8);
 
 /// A text of at most about so many bytes: of a longer one the beginning, "...", and the end.
 std::string shortened(const std::string& utf8, std::size_t most);

@@ -2,6 +2,7 @@
 
 #include "JsonFile.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <algorithm>
 #include <cctype>
@@ -50,7 +51,7 @@ FaultKind parseKind(const JsonNode& node)
     std::string known;
     for (const std::string& each : names)
         known += (known.empty() ? "" : ", ") + each;
-    node.fail('"' + name + "\" is not a fault" + didYouMean(name, names) + " (" + known + ')');
+    node.fail(inQuotes(name) + " is not a fault" + didYouMean(name, names) + " (" + known + ')');
 }
 
 // cip-error strikes requests only, previous strikes replies only.
@@ -59,7 +60,7 @@ Side parseSide(const JsonNode& rule, FaultKind kind)
     const std::string usual = kind == FaultKind::CipError ? "requests" : "replies";
     const std::string side = rule.text("on", usual);
     if (side != "requests" && side != "replies")
-        rule.at("on").fail('"' + side + "\" is not a side of the line (requests or replies)");
+        rule.at("on").fail(inQuotes(side) + " is not a side of the line (requests or replies)");
     if ((kind == FaultKind::CipError || kind == FaultKind::Previous) && side != usual)
         rule.at("on").fail("this fault strikes " + usual + " only");
     return side == "requests" ? Side::Requests : Side::Replies;
@@ -76,10 +77,13 @@ void parseTargets(const JsonNode& rule, Fault& fault)
         return;
     }
     const JsonNode points = rule.at("message");
-    const std::vector<JsonNode> all =
-        points.isArray() ? points.elements() : std::vector<JsonNode>{points};
-    for (const JsonNode& point : all)
+    const auto add = [&fault](const JsonNode& point) {
         fault.messages.push_back(static_cast<unsigned>(point.integer(1, kMostMessages)));
+    };
+    if (!points.isArray())
+        return add(points);
+    for (const JsonNode& point : points.elements())
+        add(point);
     if (fault.messages.empty())
         points.fail("name at least one message; the first is 1");
 }

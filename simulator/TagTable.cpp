@@ -3,6 +3,7 @@
 #include "CipValue.h"
 #include "JsonFile.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <algorithm>
 #include <array>
@@ -16,6 +17,8 @@ namespace {
 
 constexpr std::int64_t kLongestArray = 65536;
 constexpr std::size_t kLongestName = 255;
+// Of all tags together: what a file of a few lines asks for fits into the memory.
+constexpr std::size_t kMostElements = 4000000;
 constexpr double kPi = 3.14159265358979323846;
 
 Bytes parseElement(const JsonNode& node, const CipType& type)
@@ -43,7 +46,7 @@ Motion::Kind parseMotionKind(const JsonNode& node)
         if (name == text)
             return kind;
     }
-    node.fail('"' + name + "\" is not a motion" +
+    node.fail(inQuotes(name) + " is not a motion" +
               didYouMean(name, {"ramp", "sine", "counter", "toggle"}) +
               " (ramp, sine, counter or toggle)");
 }
@@ -97,7 +100,7 @@ std::vector<Bytes> parseInitialValues(const JsonNode& node, const CipType& type,
         elements.assign(length, parseElement(value, type));
         return elements;
     }
-    const std::vector<JsonNode> values = value.elements();
+    const JsonNode::Elements values = value.elements();
     if (values.size() > length)
         value.fail(std::to_string(values.size()) + " values for " + std::to_string(length) +
                    " elements");
@@ -118,7 +121,8 @@ const CipType& parseType(const JsonNode& node)
     }
 }
 
-Tag parseTag(const JsonNode& node)
+// `elements` counts those of all tags so far.
+Tag parseTag(const JsonNode& node, std::size_t& elements)
 {
     node.expectKeys({"name", "type", "length", "value", "readOnly", "motion"});
     Tag tag;
@@ -127,6 +131,10 @@ Tag parseTag(const JsonNode& node)
         node.at("name").fail("a tag name has 1 to 255 characters");
     tag.type = &parseType(node.at("type"));
     const auto length = static_cast<std::size_t>(node.integer("length", 1, kLongestArray, 1));
+    elements += length;
+    if (elements > kMostElements)
+        node.fail("the tags have more than " + std::to_string(kMostElements) +
+                  " elements together (leave some out)");
     tag.initial = parseInitialValues(node, *tag.type, length);
     tag.elements = tag.initial;
     tag.readOnly = node.boolean("readOnly", false);
@@ -203,11 +211,12 @@ TagTable TagTable::fromNode(const JsonNode& root)
 {
     root.expectKeys({"tags"});
     TagTable table;
+    std::size_t elements = 0;
     for (const JsonNode& node : root.at("tags").elements()) {
-        Tag tag = parseTag(node);
+        Tag tag = parseTag(node, elements);
         if (table.find(tag.name))
-            node.at("name").fail("the tag \"" + tag.name +
-                                 "\" is defined twice; remove or rename one");
+            node.at("name").fail("the tag " + inQuotes(tag.name) +
+                                 " is defined twice; remove or rename one");
         table.put(std::move(tag));
     }
     return table;

@@ -3,6 +3,9 @@
 #include "JsonFile.h"
 #include "TagAddress.h"
 #include "UserError.h"
+#include "Visible.h"
+
+#include <QtCore/QSet>
 
 #include <algorithm>
 
@@ -11,6 +14,26 @@ namespace micro850::host {
 namespace {
 
 const int kDay = 24 * 60 * 60 * 1000;
+// Of all variables together: the host keeps each element's value and time.
+const int kMostElements = 4000000;
+
+/// What the part of the file read so far uses. With it each name and number is looked up once,
+/// however many there are.
+struct Used
+{
+    QSet<int> stations;
+    QSet<QString> names;
+    int elements = 0;
+};
+
+// A name, a unit or a port stands in lines and tables: what is shown must be what it is.
+QString printableText(const JsonNode& node, const char* what)
+{
+    const QString text = QString::fromStdString(node.text());
+    if (visible(text) != text)
+        node.fail(std::string(what) + " has no control or format characters, such as a line feed");
+    return text;
+}
 
 Parity parityOf(const JsonNode& node)
 {
@@ -20,7 +43,7 @@ Parity parityOf(const JsonNode& node)
     if (text == "even")
         return Parity::Even;
     if (text != "odd")
-        node.fail('"' + text + "\" is not a parity (none, even or odd)");
+        node.fail(node.found() + " is not a parity (none, even or odd)");
     return Parity::Odd;
 }
 
@@ -29,7 +52,8 @@ PortSettings portOf(const JsonNode& node)
     node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
                      "timeoutMs", "retryLimit"});
     PortSettings port;
-    port.device = QString::fromStdString(node.text("device", ""));
+    if (node.has("device"))
+        port.device = printableText(node.at("device"), "a device");
     port.baud = static_cast<int>(node.integer("baud", 300, 4000000, port.baud));
     port.dataBits = static_cast<int>(node.integer("dataBits", 7, 8, port.dataBits));
     if (node.has("parity"))
@@ -42,15 +66,17 @@ PortSettings portOf(const JsonNode& node)
     return port;
 }
 
-StationSettings stationOf(const JsonNode& node, const Project& before)
+StationSettings stationOf(const JsonNode& node, Used& used)
 {
     node.expectKeys({"number", "name", "enabled"});
     StationSettings station;
     const JsonNode number = node.at("number");
     station.number = static_cast<int>(number.integer(0, 65535));
-    if (before.hasStation(station.number))
+    if (used.stations.contains(station.number))
         number.fail("station " + std::to_string(station.number) + " is listed twice (remove one)");
-    station.name = QString::fromStdString(node.text("name", ""));
+    used.stations.insert(station.number);
+    if (node.has("name"))
+        station.name = printableText(node.at("name"), "a name");
     station.enabled = node.boolean("enabled", true);
     return station;
 }
@@ -61,19 +87,22 @@ QString tagOf(const JsonNode& node)
     if (tag.isEmpty() || tag.size() > kLongestTag)
         node.fail("a tag has 1 to " + std::to_string(kLongestTag) + " characters");
     if (!isPlain(tag))
-        node.fail('"' + tag.toStdString() +
-                  "\" is not a tag (letters, digits and signs without blanks; an index goes into "
+        node.fail(node.found() +
+                  " is not a tag (letters, digits and signs without blanks; an index goes into "
                   "\"element\")");
     return tag;
 }
 
-// The name is shown in the table of values and in messages.
-void checkName(const JsonNode& node, const QString& name)
+QString nameOf(const JsonNode& node, Used& used)
 {
-    const bool plain = std::all_of(name.begin(), name.end(),
-                                   [](QChar c) { return c.category() != QChar::Other_Control; });
-    if (name.isEmpty() || !plain)
-        node.fail("a name has at least one character and no control characters");
+    const QString name = printableText(node, "a name");
+    if (name.isEmpty())
+        node.fail("a name has at least one character");
+    if (used.names.contains(name))
+        node.fail("the name " + inQuotes(name.toStdString()) +
+                  " is given to two variables (rename one)");
+    used.names.insert(name);
+    return name;
 }
 
 const CipType* typeOf(const JsonNode& node)
@@ -91,17 +120,17 @@ PollMode pollOf(const JsonNode& node)
     if (text == "cyclic")
         return PollMode::Cyclic;
     if (text != "once")
-        node.fail('"' + text + "\" is not a way to poll (cyclic or once)");
+        node.fail(node.found() + " is not a way to poll (cyclic or once)");
     return PollMode::Once;
 }
 
-int stationNumberOf(const JsonNode& node, const Project& project)
+int stationNumberOf(const JsonNode& node, const Project& project, const Used& used)
 {
     if (!node.has("station"))
         return project.stations.first().number;
     const JsonNode station = node.at("station");
     const int number = static_cast<int>(station.integer(0, 65535));
-    if (!project.hasStation(number)) {
+    if (!used.stations.contains(number)) {
         station.fail("station " + std::to_string(number) +
                      " is not among the stations (add it to \"stations\")");
     }
@@ -109,8 +138,12 @@ int stationNumberOf(const JsonNode& node, const Project& project)
 }
 
 // Only the first element of a string array can be read: the driver sends no index with a string.
-void checkElements(const JsonNode& node, const Variable& variable)
+void checkElements(const JsonNode& node, const Variable& variable, Used& used)
 {
+    used.elements += variable.length;
+    if (used.elements > kMostElements)
+        node.fail("the variables have more than " + std::to_string(kMostElements) +
+                  " elements together (leave some out)");
     if (variable.element + variable.length - 1 > kLargestElement)
         node.fail("element and length reach beyond element " + std::to_string(kLargestElement));
     const bool string = variable.type && variable.type->kind == CipKind::String;
@@ -122,7 +155,8 @@ void parseScaling(const JsonNode& node, Variable& variable)
 {
     variable.gain = node.number("gain", 1);
     variable.offset = node.number("offset", 0);
-    variable.unit = QString::fromStdString(node.text("unit", ""));
+    if (node.has("unit"))
+        variable.unit = printableText(node.at("unit"), "a unit");
     if (variable.gain == 0)
         node.at("gain").fail("0 would show every value as the offset (leave it out for 1)");
     const bool number = !variable.type || isNumber(*variable.type);
@@ -130,20 +164,16 @@ void parseScaling(const JsonNode& node, Variable& variable)
         node.fail(std::string("gain and offset are for numbers, not for ") + variable.type->name);
 }
 
-Variable variableOf(const JsonNode& node, const Project& before)
+Variable variableOf(const JsonNode& node, const Project& before, Used& used)
 {
-    node.expectKeys({"name", "tag", "station", "type", "element", "length", "area", "poll", "gain",
-                     "offset", "unit"});
+    static const std::vector<std::string> keys = {"name",    "tag",    "station", "type",
+                                                  "element", "length", "area",    "poll",
+                                                  "gain",    "offset", "unit"};
+    node.expectKeys(keys);
     Variable variable;
     variable.tag = tagOf(node.at("tag"));
-    variable.name = QString::fromStdString(node.text("name", variable.tag.toStdString()));
-    const JsonNode named = node.at(node.has("name") ? "name" : "tag");
-    checkName(named, variable.name);
-    if (before.variable(variable.name)) {
-        named.fail("the name \"" + variable.name.toStdString() +
-                   "\" is given to two variables (rename one)");
-    }
-    variable.station = stationNumberOf(node, before);
+    variable.name = nameOf(node.at(node.has("name") ? "name" : "tag"), used);
+    variable.station = stationNumberOf(node, before, used);
     if (node.has("type"))
         variable.type = typeOf(node.at("type"));
     variable.element = static_cast<int>(node.integer("element", 0, kLargestElement, 0));
@@ -152,7 +182,7 @@ Variable variableOf(const JsonNode& node, const Project& before)
     if (node.has("poll"))
         variable.poll = pollOf(node.at("poll"));
     parseScaling(node, variable);
-    checkElements(node, variable);
+    checkElements(node, variable, used);
     return variable;
 }
 
@@ -160,6 +190,7 @@ Project projectOf(const JsonNode& root)
 {
     root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"});
     Project project;
+    Used used;
     root.text("$schema", ""); // for editors
     if (root.has("port"))
         project.port = portOf(root.at("port"));
@@ -167,14 +198,15 @@ Project projectOf(const JsonNode& root)
         static_cast<int>(root.integer("staleAfterMs", 100, kDay, project.staleAfterMs));
     if (root.has("stations")) {
         for (const JsonNode& station : root.at("stations").elements())
-            project.stations.append(stationOf(station, project));
+            project.stations.append(stationOf(station, used));
         if (project.stations.isEmpty())
             root.at("stations").fail("lists no station (leave it out for station 1)");
     } else {
         project.stations.append(StationSettings());
+        used.stations.insert(project.stations.first().number);
     }
     for (const JsonNode& variable : root.at("variables").elements())
-        project.variables.append(variableOf(variable, project));
+        project.variables.append(variableOf(variable, project, used));
     if (project.variables.isEmpty())
         root.at("variables").fail(R"(lists no variable (add one, for example {"tag": "Speed"}))");
     return project;

@@ -145,7 +145,8 @@ CipValue Scaling::shown(const CipType& type, const CipValue& value) const
 
 QString Scaling::text(const CipType& type, const CipValue& value) const
 {
-    return m_raw || scales(type) ? valueText(shown(type, value)) : shownText(type, value);
+    return (m_raw && type.kind != CipKind::String) || scales(type) ? valueText(shown(type, value))
+                                                                   : shownText(type, value);
 }
 
 StoredValue Scaling::stored(const CipType& type, const QString& text) const

@@ -2,6 +2,8 @@
 
 #include "UserError.h"
 
+#include <cstdio>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 
@@ -78,7 +80,7 @@ TEST(JsonFile, ReportsThatAFileCannotBeRead)
 TEST(JsonFile, RejectsANumberThatNoDoubleCanHold)
 {
     EXPECT_EQ(complaintOf([] { parsed(R"({"max": 1e999})"); }),
-              "plant.json: number overflow parsing '1e999'");
+              "plant.json:1:13: number overflow parsing '1e999'");
 }
 
 TEST(JsonFile, RejectsDeepNesting)
@@ -95,7 +97,96 @@ TEST(JsonFile, ReportsAnErrorInOneLineWhateverTheFileContains)
     EXPECT_EQ(complaintOf([] {
                   parsed("{\"a\\nb\\u001b\": 1}").expectKeys({"port", "tags"});
               }),
-              "plant.json: unknown key \"a b \" (allowed: port, tags)");
+              "plant.json: unknown key \"a\\nb\\x1b\" (allowed: port, tags)");
+}
+
+TEST(JsonFile, RefusesAKeyThatIsGivenTwice)
+{
+    EXPECT_EQ(complaintOf([] { parsed(R"({"a": 1, "b": 2, "a": 3})"); }),
+              "plant.json: the key \"a\" is given twice (remove one)");
+    EXPECT_EQ(complaintOf(
+                  [] { parsed(R"({"a": {"b": [0, {}, {"c": 1, "d": {"c": 2}, "\u0063": 3}]}})"); }),
+              "plant.json: a.b[2]: the key \"c\" is given twice (remove one)");
+    EXPECT_EQ(complaintOf([] { parsed(R"([{"a": 1, "b": {"a": 2}}, {"a": {"b": 0}}])"); }), "none");
+}
+
+TEST(JsonFile, RefusesAByteZeroWithItsPlace)
+{
+    const std::string reason = ": a byte 00 (save the file as UTF-8 text)";
+    const auto complaint = [](const std::string& text) {
+        return complaintOf([&] { JsonNode::fromText(text, "plant.json"); });
+    };
+    EXPECT_EQ(complaint(std::string("{}\n\0garbage", 11)), "plant.json:2:1" + reason);
+    EXPECT_EQ(complaint(std::string("{\"a\0b\": 1}", 10)), "plant.json:1:4" + reason);
+    EXPECT_EQ(complaint(std::string("{} // \0", 7)), "plant.json:1:7" + reason);
+}
+
+TEST(JsonFile, RefusesTextThatIsNotUtf8)
+{
+    const std::string complaint = complaintOf([] { parsed("{\"a\": \"\xff\"}"); });
+    EXPECT_EQ(complaint.rfind("plant.json:1:8: syntax error while parsing value - invalid string: "
+                              "ill-formed UTF-8 byte",
+                              0),
+              0U)
+        << complaint;
+}
+
+TEST(JsonFile, ShortensWhatItQuotes)
+{
+    const std::string digits(1000000, '1');
+    const auto length = [](const std::string& text) {
+        const std::string complaint = complaintOf([&] {
+            const JsonNode root = JsonNode::fromText(text, "plant.json");
+            root.expectKeys({"a"});
+            root.at("a").integer(0, 9);
+        });
+        EXPECT_EQ(complaint.rfind("plant.json:", 0), 0U);
+        return complaint.size();
+    };
+    EXPECT_LT(length("{\"a\": " + digits + "}"), 350U);     // too large for any number
+    EXPECT_LT(length("{\"a\": 0." + digits + "}"), 350U);   // not whole
+    EXPECT_LT(length("{\"a\": " + digits + "x}"), 350U);    // no number
+    EXPECT_LT(length("{\"a\": \"" + digits + "\"}"), 350U); // no number either
+    EXPECT_LT(length("{\"" + digits + "\": 1}"), 350U);     // unknown
+    EXPECT_LT(length("{\"" + digits + "\": 1, \"" + digits + "\": 2}"), 350U);
+}
+
+TEST(JsonFile, ReportsThatADirectoryCannotBeRead)
+{
+    EXPECT_EQ(complaintOf([] { JsonNode::fromFile("/"); }),
+              "/: cannot be read: Is a directory (check the path)");
+}
+
+TEST(JsonFile, RefusesAFileThatHasNoEnd)
+{
+    EXPECT_EQ(complaintOf([] { JsonNode::fromFile("/dev/zero"); }),
+              "/dev/zero: is longer than 64 MB (divide it into several files)");
+}
+
+TEST(JsonFile, ReadsAFileOfTheLargestSizeAndNoLonger)
+{
+    const std::string path = testing::TempDir() + "largest.json";
+    const auto write = [&path](std::size_t size) {
+        std::ofstream(path) << "{}" << std::string(size - 2, ' ');
+    };
+    write(std::size_t{64} << 20);
+    EXPECT_EQ(complaintOf([&] { JsonNode::fromFile(path); }), "none");
+    write((std::size_t{64} << 20) + 1);
+    EXPECT_NE(complaintOf([&] { JsonNode::fromFile(path); }), "none");
+    std::remove(path.c_str());
+}
+
+TEST(JsonElements, AreTheNodesOfTheArrayInItsOrder)
+{
+    const JsonNode::Elements elements = parsed("[10, 11, 12]").elements();
+    ASSERT_EQ(elements.size(), 3U);
+    std::int64_t expected = 10;
+    for (const JsonNode& node : elements)
+        EXPECT_EQ(node.integer(0, 99), expected++);
+    EXPECT_EQ(expected, 13);
+    EXPECT_EQ(complaintOf([&] { elements[2].text(); }),
+              "plant.json: [2]: 12 is not a text in quotes");
+    EXPECT_TRUE(parsed("[]").elements().empty());
 }
 
 } // namespace

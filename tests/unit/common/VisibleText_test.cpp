@@ -87,11 +87,11 @@ TEST(Shortened, KeepsBothEndsAndWholeCharacters)
     EXPECT_EQ(shortened("abcdef", 2), "...");
 }
 
-TEST(Quoted, IsShortAndVisible)
+TEST(InQuotes, IsShortAndVisible)
 {
-    EXPECT_EQ(quoted("INTT"), "\"INTT\"");
-    EXPECT_EQ(quoted("a\nb"), "\"a\\nb\"");
-    EXPECT_EQ(quoted(std::string(1000000, '1')).size(), 62U);
+    EXPECT_EQ(inQuotes("INTT"), "\"INTT\"");
+    EXPECT_EQ(inQuotes("a\nb"), "\"a\\nb\"");
+    EXPECT_EQ(inQuotes(std::string(1000000, '1')).size(), 62U);
 }
 
 } // namespace

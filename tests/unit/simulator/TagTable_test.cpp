@@ -31,6 +31,20 @@ std::string valueAt(TagTable& table, double seconds, std::size_t element = 0)
     return textFromValue(*tag.type, tag.elements[element]);
 }
 
+TEST(TagTable, RefusesMoreElementsThanFitIntoTheMemory)
+{
+    const auto tags = [](int last) {
+        std::string all;
+        for (int i = 0; i < 61; ++i)
+            all += R"({"type": "BOOL", "length": 65536, "name": "A)" + std::to_string(i) + "\"},";
+        return all + R"({"name": "B", "type": "BOOL", "length": )" + std::to_string(last) + '}';
+    };
+    EXPECT_EQ(complaintAbout(tags(4000000 - 61 * 65536)), "none");
+    EXPECT_EQ(complaintAbout(tags(4000001 - 61 * 65536)),
+              "plant.json: tags[61]: the tags have more than 4000000 elements together (leave some "
+              "out)");
+}
+
 TEST(TagTable, FillsAnArrayWithOneValueOrWithAListAndZeros)
 {
     const TagTable table = tagTableOf(R"({"name": "A", "type": "INT", "length": 3, "value": 7},

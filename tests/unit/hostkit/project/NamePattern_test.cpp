@@ -19,3 +19,22 @@ TEST(Match, ComparesAPatternWithTheWholeName)
     EXPECT_FALSE(nameMatches("Level[30]", "Level[?]"));
     EXPECT_FALSE(nameMatches("LevelX", "Level.*"));
 }
+
+TEST(Match, LetsAStarTakeAnyNumberOfCharactersAndAQuestionMarkOne)
+{
+    EXPECT_TRUE(nameMatches("abcabd", "*ab?"));
+    EXPECT_TRUE(nameMatches("abcabd", "a*b*d"));
+    EXPECT_TRUE(nameMatches("abc", "***abc***"));
+    EXPECT_TRUE(nameMatches("", "*"));
+    EXPECT_FALSE(nameMatches("", "?"));
+    EXPECT_FALSE(nameMatches("abcabd", "*abc"));
+    EXPECT_FALSE(nameMatches("abc", "abc?"));
+    EXPECT_TRUE(nameMatches(QString::fromUtf8("a🙂b"), "a?b"));
+    EXPECT_TRUE(nameMatches(QString::fromUtf8("ÄB"), QString::fromUtf8("ä*")));
+}
+
+// With a regular expression each star multiplies the time.
+TEST(Match, EndsSoonWithManyStars)
+{
+    EXPECT_FALSE(nameMatches(QString(2000, 'a'), QStringLiteral("*a").repeated(60) + "*b"));
+}

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <QtCore/QSet>
+#include <algorithm>
+#include <ctime>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -90,13 +92,67 @@ TEST(Project, RefusesAGainOfZero)
               "p.json: variables[1]: gain and offset are for numbers, not for WORD");
 }
 
-TEST(Project, RefusesANameThatCannotBeShown)
+TEST(Project, RefusesATextThatWouldNotBeShownAsItIs)
 {
+    const std::string end = " has no control or format characters, such as a line feed";
     EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "two\nlines"})")),
-              "p.json: variables[1].name: a name has at least one character and no control "
-              "characters");
-    EXPECT_NE(complaint(withVariable(R"({"tag": "Speed", "name": ""})")), "none");
-    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "Füllstand 1"})")), "none");
+              "p.json: variables[1].name: a name" + end);
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "a\u202eb"})")),
+              "p.json: variables[1].name: a name" + end);
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "unit": "\u009b2J"})")),
+              "p.json: variables[1].unit: a unit" + end);
+    EXPECT_EQ(complaint(R"({"stations": [{"number": 1, "name": "\u001b]0;x\u0007"}],
+                            "variables": [{"tag": "A"}]})"),
+              "p.json: stations[0].name: a name" + end);
+    EXPECT_EQ(complaint(R"({"port": {"device": "/dev/a\nb"}, "variables": [{"tag": "A"}]})"),
+              "p.json: port.device: a device" + end);
+}
+
+TEST(Project, TakesAnyPrintableNameAndUnit)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": ""})")),
+              "p.json: variables[1].name: a name has at least one character");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": "Füllstand = [1] \"温度\"",
+                                         "unit": "m³/h"})")),
+              "none");
+}
+
+TEST(Project, RefusesMoreElementsThanFitIntoTheMemory)
+{
+    const auto project = [](int last) {
+        std::string all;
+        for (int i = 0; i < 61; ++i)
+            all += R"({"tag": "A", "length": 65536, "name": ")" + std::to_string(i) + "\"},";
+        return R"({"variables": [)" + all + R"({"tag": "A", "length": )" + std::to_string(last) +
+               "}]}";
+    };
+    EXPECT_EQ(complaint(project(4000000 - 61 * 65536)), "none");
+    EXPECT_EQ(complaint(project(4000001 - 61 * 65536)),
+              "p.json: variables[61]: the variables have more than 4000000 elements together "
+              "(leave some out)");
+}
+
+// A search through all variables for each of them would take minutes here.
+TEST(Project, ReadsManyVariablesAndStationsInAboutTheTimeOfTheirNumber)
+{
+    const auto project = [](int variables, int stations) {
+        std::string text = R"({"stations": [{"number": 0})";
+        for (int i = 1; i < stations; ++i)
+            text += R"(, {"number": )" + std::to_string(i) + '}';
+        text += R"(], "variables": [{"tag": "First"})";
+        for (int i = 1; i < variables; ++i)
+            text += R"(, {"tag": "T)" + std::to_string(i) + R"(", "station": )" +
+                    std::to_string(stations - 1) + '}';
+        return QString::fromStdString(text + "]}");
+    };
+    const auto seconds = [&](int variables, int stations) {
+        const QString text = project(variables, stations);
+        const std::clock_t begin = std::clock();
+        EXPECT_EQ(Project::fromText(text, "p.json").variables.size(), variables);
+        return static_cast<double>(std::clock() - begin) / CLOCKS_PER_SEC;
+    };
+    const double few = std::min(seconds(2000, 1000), seconds(2000, 1000));
+    EXPECT_LT(seconds(64000, 32000), 32 * 4 * few); // their square would be 1024 times as much
 }
 
 TEST(Project, UsesDefaultsForMissingKeys)
