@@ -2,6 +2,7 @@
 
 #include "StandardStreams.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <iostream>
 
@@ -99,8 +100,8 @@ void Station::summarise() const
 void Station::report(const std::string& text) const
 {
     if (!m_setup.quiet)
-        std::cerr << "micro850-sim: " << m_setup.name << (m_setup.name.empty() ? "" : ": ") << text
-                  << '\n';
+        std::cerr << "micro850-sim: " << m_setup.name << (m_setup.name.empty() ? "" : ": ")
+                  << visible(text) << '\n';
 }
 
 } // namespace micro850::sim

@@ -5,6 +5,7 @@
 #include "StandardStreams.h"
 #include "Stations.h"
 #include "UserError.h"
+#include "VisibleText.h"
 
 #include <csignal>
 #include <iostream>
@@ -87,7 +88,7 @@ int main(int argc, char** argv)
         std::cerr << "micro850-sim: " << error.what() << '\n';
         return error.status();
     } catch (const std::exception& error) {
-        std::cerr << "micro850-sim: " << error.what() << '\n';
+        std::cerr << "micro850-sim: " << visible(error.what()) << '\n';
         return kExitRefused;
     }
 }

@@ -2,6 +2,7 @@
 #include "Plot.h"
 #include "Terminal.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <cmath>
 #include <limits>
@@ -88,13 +89,13 @@ public:
         const int height = std::max(1, (rows - 1) / m_plots.size() - 1);
         Page page;
         for (int i = 0; i < m_plots.size(); ++i) {
-            page.append({cut(title(i, now), width), Style::Heading});
+            page.append({cut(visible(title(i, now)), width), Style::Heading});
             for (const QString& text : m_plots.at(i).lines(width, height, now))
                 page.append({text, Style::Plain});
         }
         const QString footer =
             QStringLiteral("%1 s   q quit   %2").arg(m_span / std::chrono::seconds(1)).arg(line);
-        page.append({cut(footer, width), Style::Faint});
+        page.append({cut(visible(footer), width), Style::Faint});
         while (page.size() > std::max(1, rows))
             page.removeFirst();
         return page;

@@ -34,6 +34,29 @@ int lengthOfSequence(const QByteArray& bytes)
     return std::min(length + 1, bytes.size());
 }
 
+// Bytes of the UTF-8 character that begins with this one.
+int lengthOfCharacter(char lead)
+{
+    const auto byte = static_cast<uchar>(lead);
+    if (byte < 0xC0 || byte >= 0xF8)
+        return 1;
+    if (byte < 0xE0)
+        return 2;
+    return byte < 0xF0 ? 3 : 4;
+}
+
+// Terminals send UTF-8. A key holds what Qt has in one unit: nearly every character of a name.
+int parseCharacter(const QByteArray& bytes, QList<Key>& keys)
+{
+    const int length = std::min(lengthOfCharacter(bytes.at(0)), bytes.size());
+    const QString text = QString::fromUtf8(bytes.left(length));
+    const bool printable =
+        text.size() == 1 && text.at(0).isPrint() && text.at(0) != QChar::ReplacementCharacter;
+    keys.append(
+        {printable ? Key::Code::Character : Key::Code::Other, printable ? text.at(0) : QChar()});
+    return length;
+}
+
 int parseKey(const QByteArray& bytes, QList<Key>& keys)
 {
     for (const Sequence& sequence : kSequences) {
@@ -47,10 +70,7 @@ int parseKey(const QByteArray& bytes, QList<Key>& keys)
         keys.append({length == 1 ? Key::Code::Escape : Key::Code::Other, QChar()});
         return length;
     }
-    const QChar character = QLatin1Char(bytes.at(0));
-    const bool printable = bytes.at(0) >= ' ';
-    keys.append({printable ? Key::Code::Character : Key::Code::Other, character});
-    return 1;
+    return parseCharacter(bytes, keys);
 }
 
 } // namespace

@@ -1,17 +1,13 @@
 #include "LiveTable.h"
 
+#include "Visible.h"
+
 #include <algorithm>
 #include <limits>
 
 namespace micro850::host {
 
 namespace {
-
-// A text in exactly so many characters: filled up with blanks, or cut.
-QString fitted(const QString& text, int width)
-{
-    return cut(text, width).leftJustified(width);
-}
 
 QString trimmedEnd(QString text)
 {
@@ -43,10 +39,10 @@ Widths widthsFor(const QVector<QStringList>& rows, int width)
 {
     Widths widths;
     for (const QStringList& row : rows) {
-        widths.name = std::max(widths.name, row.at(0).size());
-        widths.type = std::max(widths.type, row.at(1).size());
-        widths.value = std::max(widths.value, row.at(2).size());
-        widths.error = std::max(widths.error, row.at(5).size());
+        widths.name = std::max(widths.name, displayWidth(row.at(0)));
+        widths.type = std::max(widths.type, displayWidth(row.at(1)));
+        widths.value = std::max(widths.value, displayWidth(row.at(2)));
+        widths.error = std::max(widths.error, displayWidth(row.at(5)));
     }
     widths.name = std::min(widths.name, std::max(8, width / 3));
     widths.error = std::min(widths.error, width / 3);
@@ -86,12 +82,12 @@ QStringList LiveTable::variableRow(int variable, Duration now) const
     const Variable& asked = m_project.variables.at(variable);
     const CipType* type = values.type(variable) ? values.type(variable) : asked.type;
     const std::optional<Duration> at = values.refreshedAt(variable);
-    return {asked.name,
+    return {visible(asked.name),
             type ? QString::fromLatin1(type->name) : QStringLiteral("?"),
-            values.text(variable),
+            visible(values.text(variable)),
             ageText(at ? std::make_optional(now - *at) : std::nullopt),
             qualityText(m_loop.quality(variable)),
-            values.error(variable)};
+            visible(values.error(variable))};
 }
 
 Duration LiveTable::age(int variable, Duration now) const

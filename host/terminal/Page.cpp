@@ -1,12 +1,78 @@
 #include "Page.h"
 
+#include <algorithm>
+#include <clocale>
+#include <cwchar>
+#include <locale.h>
+
 namespace micro850::host {
+
+namespace {
+
+/// The character table of the system for Unicode, whatever the user's locale is, while it lives.
+class UnicodeLocale
+{
+public:
+    UnicodeLocale() : m_before(uselocale(unicode())) {}
+    ~UnicodeLocale() { uselocale(m_before); }
+    UnicodeLocale(const UnicodeLocale&) = delete;
+    UnicodeLocale& operator=(const UnicodeLocale&) = delete;
+
+private:
+    // Null where the system has no such locale: then the user's locale is used.
+    static locale_t unicode()
+    {
+        static const locale_t locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+        return locale;
+    }
+
+    locale_t m_before;
+};
+
+// What the table does not know is shown as one sign.
+int widthOf(uint character)
+{
+    const int width = wcwidth(static_cast<wchar_t>(character));
+    return width < 0 ? 1 : width;
+}
+
+bool isAscii(const QString& text)
+{
+    return std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() < 0x7F; });
+}
+
+} // namespace
+
+int displayWidth(const QString& text)
+{
+    if (isAscii(text))
+        return text.size();
+    const UnicodeLocale locale;
+    int width = 0;
+    for (const uint character : text.toUcs4())
+        width += widthOf(character);
+    return width;
+}
 
 QString cut(const QString& text, int width)
 {
-    if (text.size() <= width)
+    if (displayWidth(text) <= width)
         return text;
-    return width < 1 ? QString() : text.left(width - 1) + QChar(0x2026);
+    if (width < 1)
+        return QString();
+    const UnicodeLocale locale;
+    const QVector<uint> characters = text.toUcs4();
+    int kept = 0;
+    int used = 1; // the mark
+    for (; used + widthOf(characters.at(kept)) <= width; ++kept)
+        used += widthOf(characters.at(kept));
+    return QString::fromUcs4(characters.constData(), kept) + QChar(0x2026);
+}
+
+QString fitted(const QString& text, int width)
+{
+    const QString part = cut(text, width);
+    return part + QString(std::max(0, width - displayWidth(part)), ' ');
 }
 
 } // namespace micro850::host

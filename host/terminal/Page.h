@@ -15,8 +15,15 @@ struct PageLine
 };
 using Page = QVector<PageLine>;
 
-/// A text of at most so many characters; a longer one is cut and ends with a mark.
+/// Columns of a terminal that a visible text takes: two for a wide character, none for a combining
+/// one.
+int displayWidth(const QString& text);
+
+/// A text of at most so many columns; a longer one is cut and ends with a mark.
 QString cut(const QString& text, int width);
+
+/// A text in exactly so many columns: filled up with blanks, or cut.
+QString fitted(const QString& text, int width);
 
 } // namespace micro850::host
 

@@ -1,6 +1,7 @@
 #include "TableView.h"
 
 #include "NamePattern.h"
+#include "Visible.h"
 
 #include <algorithm>
 
@@ -79,7 +80,7 @@ void TableView::scroll(const Key& key)
     }
 }
 
-QVector<int> TableView::visible(Duration now) const
+QVector<int> TableView::shown(Duration now) const
 {
     QVector<int> variables;
     for (int i = 0; i < m_table.size(); ++i) {
@@ -100,7 +101,7 @@ QVector<int> TableView::visible(Duration now) const
 
 Page TableView::values(int width, int rows, Duration now)
 {
-    const QVector<int> variables = visible(now);
+    const QVector<int> variables = shown(now);
     m_count = variables.size();
     m_room = std::max(1, rows);
     m_top = std::max(0, std::min(m_top, m_count - m_room));
@@ -119,7 +120,7 @@ Page TableView::page(int width, int rows, Duration now)
         page.removeLast();
     page.append({footer(), Style::Faint});
     for (PageLine& line : page)
-        line.text = cut(line.text, width);
+        line.text = cut(visible(line.text), width);
     return page;
 }
 

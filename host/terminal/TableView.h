@@ -29,7 +29,7 @@ public:
 private:
     void handleMatch(const Key& key);
     void scroll(const Key& key);
-    QVector<int> visible(Duration now) const;
+    QVector<int> shown(Duration now) const;
     QString footer() const;
 
     const LiveTable& m_table;

@@ -1,5 +1,7 @@
 #include "Terminal.h"
 
+#include "Visible.h"
+
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -64,8 +66,9 @@ void Terminal::draw(const Page& page)
         if (!m_last.isEmpty())
             bytes += "\r\n";
         const char* style = m_styled ? sequenceOf(line.style) : "";
-        bytes += style + line.text.toUtf8() + (*style != 0 ? "\x1b[0m" : "") + "\x1b[K";
-        m_last += line.text;
+        const QString text = visible(line.text);
+        bytes += style + text.toUtf8() + (*style != 0 ? "\x1b[0m" : "") + "\x1b[K";
+        m_last += text;
     }
     bytes += "\x1b[J";
     std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), m_stream);

@@ -22,7 +22,8 @@ public:
     bool isTerminal() const { return m_isTerminal; }
     int width() const;
     int rows() const;
-    /// Without styles when the environment sets NO_COLOR, or when TERM is dumb.
+    /// Whatever the lines hold, the terminal only shows it (VisibleText). Without styles when the
+    /// environment sets NO_COLOR, or when TERM is dumb.
     void draw(const Page& page);
     /// Restores the screen as it was, with the last page below it.
     void restore();

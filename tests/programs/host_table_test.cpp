@@ -44,6 +44,35 @@ TEST_F(HostTable, ShowsValuesAndTheLineAndFollowsAChange)
     EXPECT_TRUE(sees("1-13 of 13 by project"));
 }
 
+// Where the type begins in each row, counted by Python's own table of characters.
+TEST_F(HostTable, KeepsItsColumnsWithWideAndCombiningCharacters)
+{
+    simulate();
+    const QString project =
+        file("wide.json", "{\"port\": {\"device\": \"" + port().toStdString() +
+                              "\"}, \"variables\": ["
+                              "{\"tag\": \"Speed\", \"name\": \"温度計\"},"
+                              "{\"tag\": \"Speed\", \"name\": \"Fu\u0308llstand e\u0301\"},"
+                              "{\"tag\": \"Speed\", \"name\": \"plain\"},"
+                              "{\"tag\": \"Speed\", \"name\": "
+                              "\"温度温度温度温度温度温度温度温度温度温度温度温度\"}]}");
+    open("$HOST poll " + project, 100, 30);
+    ASSERT_TRUE(sees("transactions/s"));
+    ASSERT_TRUE(sees("plain"));
+    ASSERT_TRUE(seesNo("never"));
+    const QString lines = file("screen", screen().mid(0, 5).join('\n').toStdString());
+    const QString count = file("count.py", R"(
+import sys, unicodedata
+def width(c):
+    return 0 if unicodedata.combining(c) else 2 if unicodedata.east_asian_width(c) in 'WF' else 1
+for line in open(sys.argv[1], encoding='utf-8'):
+    at = max(line.find(' TYPE'), line.find(' INT'))
+    print(sum(width(c) for c in line[:at]), end=' ')
+)");
+    const Result result = runProgram("python3", {count, lines});
+    EXPECT_EQ(result.out, "33 33 33 33 33 ") << screen().join('\n').toStdString() << result.err;
+}
+
 TEST_F(HostTable, ScrollsAndReturns)
 {
     poll(100, 10);

@@ -30,6 +30,20 @@ TEST(Keys, AreReadFromPlainCharacters)
     EXPECT_EQ(keys.at(1).character, QChar('/'));
 }
 
+TEST(Keys, AreReadFromCharactersOfUtf8)
+{
+    const QList<Key> keys = keysOf("a\xC3\xBC\xE6\xB8\xA9");
+    ASSERT_EQ(keys.size(), 3);
+    EXPECT_EQ(keys.at(1).character, QChar(0xFC));
+    EXPECT_EQ(keys.at(2).character, QChar(0x6E29));
+}
+
+TEST(Keys, AreNoCharactersWhenATerminalWouldObeyThem)
+{
+    EXPECT_EQ(codes("\x01\xC2\x9B\xE2\x80\xAE\xFF\xC3"),
+              (std::vector<Code>{Code::Other, Code::Other, Code::Other, Code::Other, Code::Other}));
+}
+
 TEST(Keys, AreReadFromTheEscapeSequencesOfBothKindsOfTerminals)
 {
     EXPECT_EQ(codes("\x1b[A\x1bOA"), (std::vector<Code>{Code::Up, Code::Up}));
