@@ -31,7 +31,7 @@ install(FILES man/micro850.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT 
 file(GLOB documents CONFIGURE_DEPENDS docs/*.md docs/*.svg)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Development)
-install(FILES examples/CMakeLists.txt examples/minimal-host.cpp
+install(FILES examples/CMakeLists.txt examples/minimal-host.cpp examples/careful-host.cpp
   DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT Development)
 
 if(MICRO850_PROGRAMS)

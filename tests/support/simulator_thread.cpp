@@ -6,7 +6,8 @@ using namespace micro850;
 using namespace micro850::sim;
 
 SimulatorThread::SimulatorThread(const std::string& tagFile, std::string link)
-    : m_controller(m_clock, TagTable::fromFile(tagFile)), m_link(std::move(link))
+    : m_controller(m_clock, TagTable::fromFile(tagFile)), m_line(m_clock, m_controller),
+      m_link(std::move(link))
 {
     putCableBack();
     m_thread = std::thread([this] { serve(); });
@@ -29,6 +30,22 @@ Bytes SimulatorThread::element(const std::string& tag, std::size_t index)
     Bytes bytes;
     with([&](Controller& controller) { bytes = controller.tags().find(tag)->elements.at(index); });
     return bytes;
+}
+
+void SimulatorThread::faults(const std::string& rules)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const Fault& fault : faultsFromText("{\"faults\": [" + rules + "]}", "faults"))
+        m_line.add(fault);
+}
+
+unsigned SimulatorThread::strikes()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    unsigned sum = 0;
+    for (const auto& [kind, count] : m_line.counts())
+        sum += count;
+    return sum;
 }
 
 void SimulatorThread::pullCable()
@@ -61,9 +78,9 @@ void SimulatorThread::serve()
         const Bytes bytes = m_port->read(gone);
         if (m_silent)
             continue;
-        m_controller.receive(bytes);
-        m_controller.tick();
-        const Bytes out = m_controller.transmit();
+        m_line.receive(bytes);
+        m_line.tick();
+        const Bytes out = m_line.transmit();
         if (!out.empty())
             m_port->write(out);
     }

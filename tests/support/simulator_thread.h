@@ -1,7 +1,7 @@
 #ifndef MICRO850_TESTS_SIMULATOR_THREAD_H
 #define MICRO850_TESTS_SIMULATOR_THREAD_H
 
-#include "Controller.h"
+#include "FaultyLine.h"
 #include "SerialPort.h"
 
 #include <atomic>
@@ -26,6 +26,11 @@ public:
     void with(const std::function<void(micro850::sim::Controller&)>& action);
     /// The bytes of one element of a tag.
     micro850::Bytes element(const std::string& tag, std::size_t index = 0);
+    /// From now on, the line has these faults: the inside of a fault script's list. Messages are
+    /// counted from the beginning.
+    void faults(const std::string& rules);
+    /// How many faults have struck.
+    unsigned strikes();
     /// While silent, the controller ignores everything, as if it had no power.
     void setSilent(bool silent) { m_silent = silent; }
     void pullCable();
@@ -36,6 +41,7 @@ private:
 
     micro850::SystemClock m_clock;
     micro850::sim::Controller m_controller;
+    micro850::sim::FaultyLine m_line;
     std::string m_link;
     std::mutex m_mutex;
     std::unique_ptr<micro850::sim::SerialPort> m_port;
