@@ -85,7 +85,8 @@ void pollOnce()
         fail(qPrintable(tag), "the controller refuses it");
     while (sent->replyLength == -1) // until the length is known, or silence counts as failed
         DataCom(&reply, reply.size());
-    const int result = DataCom(&reply, reply.size())->retValue;
+    // After a time-out the driver expects a length that no reply has, also of the resends.
+    const int result = DataCom(&reply, reply.isEmpty() ? 0 : sent->replyLength)->retValue;
     if (result == kNoConnection && ++setUps == 8)
         fail("station 1", "no answer (check cable, speed and station)");
     if (result > 1 && result != kNoConnection)
