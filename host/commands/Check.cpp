@@ -1,6 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
+#include "Targets.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
 
@@ -17,12 +18,28 @@ struct CheckOptions
     bool offline = false;
 };
 
+enum class Verdict { Good, Problem, NotChecked };
+
 /// What the controller answers about one variable.
 struct Finding
 {
     const CipType* type = nullptr;
+    Verdict verdict = Verdict::Good;
     QString problem;
 };
+
+QString problemOf(const Variable& variable, const CipType& type)
+{
+    if (variable.type && variable.type != &type)
+        return QStringLiteral("is %1 in the controller, %2 in the project")
+            .arg(QLatin1String(type.name), QLatin1String(variable.type->name));
+    if (type.kind == CipKind::String && (variable.element != 0 || variable.length != 1))
+        return QStringLiteral("of a string only element 0 and length 1 can be read");
+    if (variable.isScaled() && !isNumber(type))
+        return QStringLiteral("is %1 in the controller, and gain and offset are for numbers")
+            .arg(QLatin1String(type.name));
+    return QString();
+}
 
 Finding findingOf(const Variable& variable, Session& session)
 {
@@ -30,86 +47,138 @@ Finding findingOf(const Variable& variable, Session& session)
     const TagKey key = {variable.station, variable.tag};
     try {
         finding.type = &session.typeOf(key);
-        if (variable.type && variable.type != finding.type) {
-            finding.problem =
-                QStringLiteral("is %1 in the controller, %2 in the project")
-                    .arg(QLatin1String(finding.type->name), QLatin1String(variable.type->name));
-            return finding;
-        }
-        // If the last element exists, all do.
-        session.read(key, variable.element + variable.length - 1, 1);
+        finding.problem = problemOf(variable, *finding.type);
+        if (finding.problem.isEmpty())
+            session.requireElements(key, variable.element, variable.length);
     } catch (const TagRefused& refused) {
         finding.problem = QString::fromStdString(refused.why());
-        if (finding.type)
+        if (refused.element() >= 0)
             finding.problem =
-                QStringLiteral("element %1: ").arg(variable.element + variable.length - 1) +
-                finding.problem;
+                QStringLiteral("element %1: ").arg(refused.element()) + finding.problem;
     }
+    finding.verdict = finding.problem.isEmpty() ? Verdict::Good : Verdict::Problem;
     return finding;
 }
 
 void print(const Output& output, const Variable& variable, const Finding& finding)
 {
-    const bool good = finding.problem.isEmpty();
+    const bool good = finding.verdict == Verdict::Good;
     Json object = {{"name", variable.name.toStdString()},
                    {"station", variable.station},
                    {"tag", variable.tag.toStdString()},
                    {"element", variable.element},
                    {"length", variable.length},
                    {"type", finding.type ? Json(finding.type->name) : Json()},
-                   {"ok", good}};
+                   {"ok", finding.verdict == Verdict::NotChecked ? Json() : Json(good)}};
     if (!good)
         object["problem"] = finding.problem.toStdString();
-    output.data(object, variable.name + QStringLiteral(": ") +
+    output.data(object, variable.shownName() + QStringLiteral(": ") +
                             (good ? QStringLiteral("ok, ") + QLatin1String(finding.type->name)
                                   : finding.problem));
 }
 
-// Only variables of enabled stations are asked for.
-QVector<Variable> checkable(const Project& project)
+// Why a variable cannot be checked; empty when it can. A disabled station is not asked.
+QString obstacleOf(const Project& project, const Variable& variable)
 {
-    QVector<Variable> variables;
-    for (const Variable& variable : project.variables) {
-        for (const StationSettings& station : project.stations) {
-            if (station.number == variable.station && station.enabled)
-                variables.append(variable);
-        }
+    for (const StationSettings& station : project.stations) {
+        if (station.number == variable.station && !station.enabled)
+            return QStringLiteral("station %1 is disabled in the project").arg(station.number);
     }
-    return variables;
+    return QString();
 }
 
-int checkOnLine(const CheckOptions& options, const Project& project, const Output& output)
+Finding notChecked(const QString& why)
 {
-    const QVector<Variable> variables = checkable(project);
-    const Project bare = withoutVariables(project, {});
-    Connection connection(options.line, bare);
-    // After the line is open, so that an earlier trace is not lost to a wrong port.
-    TraceRecorder trace(options.line.trace, options.line.force);
-    Session session(connection.api(), connection.line(), connection.clock(), bare);
-    session.exchange().setObserver(trace.observer());
-    Progress progress(output, QStringLiteral("checking"), variables.size());
-    const Interrupt interrupt;
-    int problems = 0;
-    int done = 0;
-    for (; done < variables.size() && !interrupt.requested(); ++done) {
-        progress.show(done);
-        const Finding finding = findingOf(variables.at(done), session);
-        progress.clear();
-        problems += finding.problem.isEmpty() ? 0 : 1;
-        print(output, variables.at(done), finding);
-    }
-    output.note(
-        QStringLiteral("%1: %2 variables checked, %3 with a problem")
-            .arg(textOf(options.line.project), QString::number(done), QString::number(problems)));
-    if (done < variables.size())
-        interrupt.throwIfRequested();
-    trace.close();
-    return problems == 0 ? kExitDone : kExitRefused;
+    return {nullptr, Verdict::NotChecked, QStringLiteral("not checked: ") + why};
 }
 
 QString counted(int count, const QString& noun)
 {
     return QString::number(count) + ' ' + noun + (count == 1 ? "" : "s");
+}
+
+/// Checks all variables of a project, in its order.
+class ProjectCheck
+{
+public:
+    ProjectCheck(const CheckOptions& options, const Project& project, const Output& output)
+        : m_options(options), m_project(project), m_output(output)
+    {
+    }
+
+    void run();
+    /// Reports the variables that are left as not checked.
+    void abandon(const QString& why);
+    int problems() const { return m_problems; }
+
+private:
+    void summarise() const;
+
+    const CheckOptions& m_options;
+    const Project& m_project;
+    const Output& m_output;
+    int m_next = 0;
+    int m_checked = 0;
+    int m_problems = 0;
+};
+
+void ProjectCheck::run()
+{
+    const Project bare = withoutVariables(m_project, {});
+    Connection connection(m_options.line, bare);
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    TraceRecorder trace(m_options.line.trace, m_options.line.force);
+    Session session(connection.api(), connection.line(), connection.clock(), bare);
+    session.exchange().setObserver(trace.observer());
+    Progress progress(m_output, QStringLiteral("checking"), m_project.variables.size());
+    const Interrupt interrupt;
+    for (; m_next < m_project.variables.size(); ++m_next) {
+        interrupt.throwIfRequested();
+        const Variable& variable = m_project.variables.at(m_next);
+        progress.show(m_next);
+        const QString obstacle = obstacleOf(m_project, variable);
+        const Finding finding =
+            obstacle.isEmpty() ? findingOf(variable, session) : notChecked(obstacle);
+        progress.clear();
+        m_checked += finding.verdict == Verdict::NotChecked ? 0 : 1;
+        m_problems += finding.verdict == Verdict::Problem ? 1 : 0;
+        print(m_output, variable, finding);
+    }
+    summarise();
+    trace.close();
+}
+
+// Without --json the variables that were checked are listed, and the others counted.
+void ProjectCheck::abandon(const QString& why)
+{
+    for (int i = m_next; m_output.json() && i < m_project.variables.size(); ++i)
+        print(m_output, m_project.variables.at(i), notChecked(why));
+    if (m_next > 0)
+        summarise();
+}
+
+void ProjectCheck::summarise() const
+{
+    const int left = m_project.variables.size() - m_checked;
+    QString text =
+        QStringLiteral("%1: %2 checked, %3 with a problem")
+            .arg(textOf(m_options.line.project), counted(m_checked, QStringLiteral("variable")),
+                 QString::number(m_problems));
+    if (left > 0)
+        text += QStringLiteral(", %1 not checked").arg(left);
+    m_output.note(text);
+}
+
+int checkOnLine(const CheckOptions& options, const Project& project, const Output& output)
+{
+    ProjectCheck check(options, project, output);
+    try {
+        check.run();
+    } catch (const UserError& error) {
+        check.abandon(QString::fromUtf8(error.what()));
+        throw;
+    }
+    return check.problems() == 0 ? kExitDone : kExitRefused;
 }
 
 int run(const CheckOptions& options)
@@ -144,7 +213,10 @@ void addCheck(CommandLine& line)
     options->line.addTo(check);
     options->output.addTo(check);
     check.footer(
-        "The controller is asked when the file or --port names a port.\n"
+        "The controller is asked when the file or --port names a port: whether each tag is there,\n"
+        "its type (gain and offset need a number) and the last element. Variables of stations "
+        "that\n"
+        "are disabled in the file are not checked, and do not count as a problem.\n"
         "Example:\n  micro850-host check examples/plant.project.json --port /tmp/plc\n"
         "Exit status: 0 no problem, 1 the controller differs, 2 usage or a mistake in the file.");
 }

@@ -29,35 +29,6 @@ Project projectOf(const LineOptions& options)
     return project;
 }
 
-Target targetOf(const TagAddress& address, const Project& project, int station)
-{
-    Target target = {{project.stations.first().number, address.tag}, address, nullptr};
-    if (const Variable* variable = project.variable(address.tag)) {
-        target.tag = {variable->station, variable->tag};
-        target.type = variable->type;
-        target.address.element += variable->element;
-        if (!address.indexed)
-            target.address.elements = variable->length;
-        target.address.indexed = address.indexed || variable->length > 1;
-    }
-    if (station >= 0)
-        target.tag.station = station;
-    return target;
-}
-
-Project withoutVariables(Project project, const QVector<Target>& targets)
-{
-    project.variables.clear();
-    for (const Target& target : targets) {
-        if (!project.hasStation(target.tag.station)) {
-            StationSettings station;
-            station.number = target.tag.station;
-            project.stations.append(station);
-        }
-    }
-    return project;
-}
-
 void requireOpen(Line& line, const PortSettings& port)
 {
     QString error;

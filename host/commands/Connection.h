@@ -5,8 +5,6 @@
 #include "DriverLibrary.h"
 #include "Project.h"
 #include "SerialLine.h"
-#include "Session.h"
-#include "TagAddress.h"
 
 namespace micro850::host {
 
@@ -14,19 +12,6 @@ namespace micro850::host {
 Project projectOf(const LineOptions& options);
 /// Throws unless the project names a device.
 void requirePort(const Project& project, const LineOptions& options);
-
-/// A variable of the project, or a tag of the default station.
-struct Target
-{
-    TagKey tag;
-    TagAddress address;
-    const CipType* type; ///< from the project, or null
-};
-
-/// `station` is for a tag that no project names; below 0: the project's first station.
-Target targetOf(const TagAddress& address, const Project& project, int station);
-/// The project for single reads and writes of these targets: nothing else is polled.
-Project withoutVariables(Project project, const QVector<Target>& targets);
 
 /// Opens the line. Throws UserError, with the remedy, when that fails.
 void requireOpen(Line& line, const PortSettings& port);

@@ -1,5 +1,6 @@
 #include "ChangePrinter.h"
 #include "Plot.h"
+#include "Targets.h"
 #include "Terminal.h"
 #include "UserError.h"
 #include "Visible.h"
@@ -20,7 +21,7 @@ struct WatchOptions
 {
     LineOptions line;
     OutputOptions output;
-    int station = -1;
+    TargetOptions target;
     double seconds = 0;
     double span = 60;
     bool plot = false;
@@ -30,27 +31,29 @@ struct WatchOptions
 // The project with only the variables that are watched.
 Project watchProject(const WatchOptions& options)
 {
-    Project project = projectOf(options.line);
+    const Project project = projectOf(options.line);
     QVector<Variable> watched;
     QVector<Target> targets;
     for (const std::string& text : options.tags) {
-        const TagAddress address = TagAddress::fromText(textOf(text));
-        const Target target = targetOf(address, project, options.station);
+        const Target target = targetOf(addressOf(textOf(text), project), project, options.target);
         Variable variable;
-        if (const Variable* named = project.variable(address.tag))
-            variable = *named;
+        if (target.variable)
+            variable = *target.variable;
         variable.poll = PollMode::Cyclic;
-        variable.name = address.text();
+        variable.name = target.address.exactText();
+        variable.label = target.address.text();
         variable.tag = target.tag.name;
         variable.station = target.tag.station;
-        variable.element = target.address.element;
-        variable.length = target.address.elements;
+        variable.element = target.element;
+        variable.length = target.elements();
         watched.append(variable);
         targets.append(target);
     }
-    project = withoutVariables(project, targets);
-    project.variables = watched;
-    return project;
+    Project watching = withoutVariables(project, targets);
+    watching.variables = watched;
+    if (options.target.raw)
+        watching.showRaw();
+    return watching;
 }
 
 void requirePlottable(const WatchOptions& options)
@@ -105,7 +108,7 @@ private:
     QString title(int variable, Duration now) const
     {
         const ValueStore& values = m_loop.values();
-        QString title = m_project.variables.at(variable).name;
+        QString title = m_project.variables.at(variable).shownName();
         if (values.wasRead(variable))
             title += QStringLiteral(" = ") + values.text(variable);
         if (m_loop.quality(variable) != Quality::Good)
@@ -187,12 +190,11 @@ void addWatch(CommandLine& line)
     watch.flag("--plot", options->plot, "Draw rolling charts of up to four numbers instead");
     watch.number("--span", options->span, 1.0, 86400.0, "Seconds that a chart shows (default 60)");
     watch.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
-    watch.text("--project", options->line.project,
-               "Project file: its port, and its variables by their names");
-    watch.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->target.addTo(watch, options->line);
     options->line.addTo(watch);
     options->output.addTo(watch);
     watch.footer(
+        std::string(kNamesHelp) +
         "Example:\n  micro850-host watch Temperature 'Level[3]' --plot --port /tmp/plc\n"
         "Exit status: 0 every tag was read, 1 at least one was not, 2 usage or configuration.");
 }

@@ -1,11 +1,16 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
+#include "Targets.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
 #include "Writable.h"
 
+#include <QtCore/QHash>
+
+#include <algorithm>
 #include <memory>
+#include <optional>
 
 namespace micro850::host {
 
@@ -15,127 +20,454 @@ struct WriteOptions
 {
     LineOptions line;
     OutputOptions output;
-    int station = -1;
+    TargetOptions target;
     bool verify = true;
     std::vector<std::string> assignments;
 };
 
-/// One element that is written.
-struct Write
-{
-    Target target;
-    int offset; ///< within the target
-    QString text;
-    QByteArray value;
-
-    int element() const { return target.address.element + offset; }
-    QString name() const { return target.address.elementName(offset); }
+enum class Outcome {
+    NotTried,
+    Written,
+    Unknown, ///< sent, but nobody answered
+    Refused
 };
 
-QVector<Write> writesOf(const WriteOptions& options, const Project& project)
+const char* textOf(Outcome outcome)
 {
-    QVector<Write> writes;
-    for (const std::string& text : options.assignments) {
-        const Assignment assignment = Assignment::fromText(textOf(text));
-        const Target target = targetOf(assignment.address, project, options.station);
-        const QStringList values = assignment.valuesFor(target.address);
-        for (int i = 0; i < values.size(); ++i)
-            writes.append({target, i, values.at(i), QByteArray()});
+    switch (outcome) {
+    case Outcome::NotTried:
+        return "not tried";
+    case Outcome::Written:
+        return "written";
+    case Outcome::Unknown:
+        return "unknown";
+    case Outcome::Refused:
+        break;
     }
-    return writes;
+    return "refused";
 }
 
-void encode(Write& write, const CipType& type)
+/// One element that is written.
+struct Element
 {
-    requireWritable(type, write.target.address.tag);
+    QString text;       ///< the value as the user gave it
+    QByteArray value;   ///< the same in the controller's byte order
+    QString note;       ///< how it was rounded
+    QByteArray nowRead; ///< what was read back
+    Outcome outcome = Outcome::NotTried;
+    QString error; ///< for people, with the name
+};
+
+/// One argument: the elements that it writes.
+struct Job
+{
+    QString argument;
+    std::optional<Target> target; ///< none when the argument cannot be understood
+    const CipType* type = nullptr;
+    QVector<Element> elements;
+
+    QString name(int i) const { return target ? target->address.elementName(i) : argument; }
+};
+
+/// All writes of one command. Everything that can be known is checked before the first of them.
+class Writes
+{
+public:
+    Writes(const WriteOptions& options, const Project& project, const Output& output);
+
+    bool anyRefused() const { return m_status != kExitDone; }
+    ExitStatus status() const { return m_status; }
+    QVector<Target> targets() const;
+    /// Checks the values whose types the project states.
+    void checkAgainstProject();
+    /// Checks all values against the controller's types, and that their elements exist.
+    void checkAgainstController(Session& session, const Interrupt& interrupt);
+    void carryOut(Session& session, const Interrupt& interrupt);
+    /// Reports those that are left, and how many had which outcome.
+    void close(const QString& whyNotTried);
+    /// The same after the command failed. That standard output cannot be written is known then.
+    void abandon(const QString& why);
+
+private:
+    void parse(Job& job, const QString& argument, const TargetOptions& options);
+    void refuseTwice();
+    void encode(Job& job, const CipType& type);
+    void checkAgainstController(Job& job, Session& session);
+    void refuse(Job& job, int i, const QString& error, ExitStatus status);
+    void refuse(Job& job, int i, const TagRefused& error);
+    void write(Job& job, int i, Session& session);
+    void verify(Job& job, int i, Session& session);
+    void print(const Json& object, const QString& text = QString()) const;
+    void report(const Job& job, int i) const;
+    Json objectOf(const Job& job, int i) const;
+    void listNotTried(const Job& job, int from) const;
+    void summarise() const;
+    int count(Outcome outcome) const;
+
+    const Project& m_project;
+    const Output& m_output;
+    bool m_verify;
+    QVector<Job> m_jobs;
+    ExitStatus m_status = kExitDone;
+    bool m_abandoned = false;
+    bool m_begun = false; ///< a write was sent
+    int m_job = 0;        ///< the next one that is reported
+    int m_element = 0;
+};
+
+Writes::Writes(const WriteOptions& options, const Project& project, const Output& output)
+    : m_project(project), m_output(output), m_verify(options.verify)
+{
+    for (const std::string& assignment : options.assignments) {
+        Job job;
+        parse(job, host::textOf(assignment), options.target);
+        m_jobs.append(job);
+    }
+    refuseTwice();
+}
+
+void Writes::parse(Job& job, const QString& argument, const TargetOptions& options)
+{
+    job.argument = argument;
     try {
-        write.value = encodeElement(type, parseElement(type, write.text));
-    } catch (const UserError& error) {
-        throw UserError(write.name().toStdString() + ": " + error.what());
-    }
-}
-
-// Values whose types the project states are checked before anything is sent. The others are checked
-// against the controller's types before the first write.
-void encodeKnown(QVector<Write>& writes)
-{
-    for (Write& write : writes) {
-        if (write.target.type)
-            encode(write, *write.target.type);
-    }
-}
-
-void encodeAll(QVector<Write>& writes, Session& session)
-{
-    for (Write& write : writes) {
-        const CipType& type = session.typeOf(write.target.tag);
-        if (write.target.type && write.target.type != &type) {
-            throw UserError(write.name().toStdString() + ": is " + type.name +
-                            " in the controller, " + write.target.type->name +
-                            " in the project (correct the project)");
+        const Assignment assignment = assignmentOf(argument, m_project);
+        const Target target = targetOf(assignment.address, m_project, options);
+        for (const QString& value : assignment.valuesFor(target.address)) {
+            Element element;
+            element.text = value;
+            job.elements.append(element);
         }
-        encode(write, type);
+        job.target = target;
+    } catch (const UserError& error) {
+        job.elements = {Element()};
+        refuse(job, 0, QString::fromUtf8(error.what()), error.status());
     }
 }
 
-void carryOut(const Write& write, Session& session, const WriteOptions& options,
-              const Output& output)
+// With two values for one element, the order would decide. Names of tags that differ only in their
+// capitals mean the same tag.
+void Writes::refuseTwice()
 {
-    const TagKey& tag = write.target.tag;
-    const CipType& type = session.typeOf(tag);
-    session.write(tag, write.element(), write.value);
-    const QByteArray now =
-        options.verify ? session.read(tag, write.element(), 1).first() : write.value;
-    Json object = {{"name", write.name().toStdString()},
-                   {"station", tag.station},
-                   {"tag", tag.name.toStdString()},
-                   {"element", write.element()},
-                   {"type", type.name},
-                   {"written", jsonOf(decodeElement(type, write.value))}};
-    if (options.verify) {
-        object["value"] = jsonOf(decodeElement(type, now));
-        object["verified"] = now == write.value;
+    QHash<QString, QString> argumentFor;
+    for (Job& job : m_jobs) {
+        if (!job.target)
+            continue;
+        const TagKey& tag = job.target->tag;
+        for (int i = 0; i < job.elements.size(); ++i) {
+            const QString element =
+                QStringLiteral("%1 %2 ").arg(tag.station).arg(job.target->element + i) +
+                tag.name.toLower();
+            const QString other = argumentFor.value(element);
+            if (!other.isNull()) {
+                refuse(job, i,
+                       job.name(i) +
+                           QStringLiteral(
+                               ": \"%1\" and \"%2\" both write this element (leave one out)")
+                               .arg(other, job.argument),
+                       kExitUsage);
+                break;
+            }
+            argumentFor.insert(element, job.argument);
+        }
     }
-    const QString line =
-        write.name() + QStringLiteral(" = ") + shownText(type, decodeElement(type, now));
-    if (now == write.value) {
-        output.data(object, line);
+}
+
+QVector<Target> Writes::targets() const
+{
+    QVector<Target> targets;
+    for (const Job& job : m_jobs) {
+        if (job.target)
+            targets.append(*job.target);
+    }
+    return targets;
+}
+
+void Writes::refuse(Job& job, int i, const QString& error, ExitStatus status)
+{
+    job.elements[i].outcome = Outcome::Refused;
+    job.elements[i].error = error;
+    m_status = std::max(m_status, status);
+}
+
+void Writes::refuse(Job& job, int i, const TagRefused& error)
+{
+    const QString name = error.element() < 0 ? job.target->address.text() : job.name(i);
+    refuse(job, i, name + QStringLiteral(": ") + reasonOf(error, *job.target, m_project),
+           kExitRefused);
+}
+
+void Writes::checkAgainstProject()
+{
+    for (Job& job : m_jobs) {
+        if (job.target && job.target->type())
+            encode(job, *job.target->type());
+    }
+}
+
+// The first value that is wrong is refused.
+void Writes::encode(Job& job, const CipType& type)
+{
+    int i = 0;
+    try {
+        requireWritable(type, job.target->address.text());
+    } catch (const UserError& error) {
+        refuse(job, 0, QString::fromUtf8(error.what()), kExitUsage);
         return;
     }
-    output.data(object, QString());
-    throw UserError((line + QStringLiteral(" was read back after ") + write.text +
-                     QStringLiteral(" was written (the program may set it)"))
-                        .toStdString(),
-                    kExitRefused);
+    try {
+        for (; i < job.elements.size(); ++i) {
+            Element& element = job.elements[i];
+            const StoredValue stored = job.target->scaling.stored(type, element.text);
+            element.value = encodeElement(type, stored.value);
+            if (stored.rounded)
+                element.note = job.target->scaling.roundingNote(type, element.text, stored.value);
+        }
+    } catch (const UserError& error) {
+        refuse(job, i, job.name(i) + QStringLiteral(": ") + QString::fromUtf8(error.what()),
+               kExitUsage);
+    }
+}
+
+void Writes::checkAgainstController(Session& session, const Interrupt& interrupt)
+{
+    for (Job& job : m_jobs) {
+        interrupt.throwIfRequested();
+        checkAgainstController(job, session);
+    }
+}
+
+void Writes::checkAgainstController(Job& job, Session& session)
+{
+    const Target& target = *job.target;
+    try {
+        job.type = &session.typeOf(target.tag);
+        target.requireType(*job.type);
+        encode(job, *job.type);
+        session.requireElements(target.tag, target.element, target.elements());
+    } catch (const TagRefused& error) {
+        const int i = error.element() < 0 ? 0 : error.element() - target.element;
+        refuse(job, i, error);
+    } catch (const UserError& error) {
+        if (error.status() != kExitUsage)
+            throw;
+        refuse(job, 0, QString::fromUtf8(error.what()), kExitUsage);
+    }
+}
+
+void Writes::carryOut(Session& session, const Interrupt& interrupt)
+{
+    int total = 0;
+    for (const Job& job : m_jobs)
+        total += job.elements.size();
+    Progress progress(m_output, QStringLiteral("writing"), total);
+    int done = 0;
+    for (; m_job < m_jobs.size(); ++m_job) {
+        for (m_element = 0; m_element < m_jobs.at(m_job).elements.size(); ++m_element) {
+            interrupt.throwIfRequested();
+            Job& job = m_jobs[m_job];
+            write(job, m_element, session);
+            progress.clear();
+            report(job, m_element);
+            progress.show(++done);
+        }
+    }
+}
+
+void Writes::write(Job& job, int i, Session& session)
+{
+    m_begun = true;
+    Element& element = job.elements[i];
+    const int at = job.target->element + i;
+    try {
+        element.outcome = Outcome::Unknown;
+        session.write(job.target->tag, at, element.value);
+        element.outcome = Outcome::Written;
+        if (m_verify)
+            verify(job, i, session);
+    } catch (const TagRefused& error) {
+        refuse(job, i, error);
+    } catch (const UserError& error) {
+        const bool written = element.outcome == Outcome::Written;
+        element.error = job.name(i) +
+                        QLatin1String(written ? ": was written, but not read back: "
+                                              : ": nobody knows whether it was written: ") +
+                        QString::fromUtf8(error.what());
+        throw;
+    }
+}
+
+// A value that cannot be read back was written all the same.
+void Writes::verify(Job& job, int i, Session& session)
+{
+    Element& element = job.elements[i];
+    try {
+        element.nowRead = session.read(job.target->tag, job.target->element + i, 1).first();
+    } catch (const TagRefused& error) {
+        element.error = job.name(i) + QStringLiteral(": was written, but cannot be read back: ") +
+                        QString::fromStdString(error.why());
+    }
+    if (element.nowRead != element.value)
+        m_status = std::max(m_status, kExitRefused);
+}
+
+void Writes::print(const Json& object, const QString& text) const
+{
+    try {
+        m_output.data(object, text);
+    } catch (const UserError&) {
+        if (!m_abandoned)
+            throw;
+    }
+}
+
+void Writes::report(const Job& job, int i) const
+{
+    const Element& element = job.elements.at(i);
+    const bool asWritten = !m_verify || element.nowRead == element.value;
+    if (element.outcome != Outcome::Written || !element.error.isEmpty()) {
+        print(objectOf(job, i));
+        m_output.error(element.error);
+        return;
+    }
+    const CipValue now = decodeElement(*job.type, m_verify ? element.nowRead : element.value);
+    const QString line = job.name(i) + QStringLiteral(" = ") + job.target->text(*job.type, now);
+    print(objectOf(job, i), asWritten ? line : QString());
+    if (!asWritten) {
+        m_output.error(line + QStringLiteral(" was read back after ") + element.text +
+                       QStringLiteral(" was written (the program may set it)"));
+    }
+    if (!element.note.isEmpty())
+        m_output.note(job.name(i) + QStringLiteral(": ") + element.note);
+}
+
+Json Writes::objectOf(const Job& job, int i) const
+{
+    const Element& element = job.elements.at(i);
+    Json object = {{"name", job.argument.toStdString()}};
+    if (job.target) {
+        object["name"] = job.target->address.exactElementName(i).toStdString();
+        object["station"] = job.target->tag.station;
+        object["tag"] = job.target->tag.name.toStdString();
+        object["element"] = job.target->element + i;
+    }
+    if (job.type)
+        object["type"] = job.type->name;
+    object["outcome"] = textOf(element.outcome);
+    const auto shown = [&job](const QByteArray& value) {
+        return jsonOf(job.target->scaling.shown(*job.type, decodeElement(*job.type, value)));
+    };
+    if (element.outcome == Outcome::Written) {
+        object["written"] = shown(element.value);
+        if (m_verify && !element.nowRead.isEmpty())
+            object["value"] = shown(element.nowRead);
+        if (m_verify)
+            object["verified"] = element.nowRead == element.value;
+        if (!job.target->unit.isEmpty())
+            object["unit"] = job.target->unit.toStdString();
+    }
+    if (!element.error.isEmpty())
+        object["error"] = withoutName(element.error, job.name(i)).toStdString();
+    return object;
+}
+
+void Writes::close(const QString& whyNotTried)
+{
+    for (; m_job < m_jobs.size(); ++m_job, m_element = 0) {
+        Job& job = m_jobs[m_job];
+        const int from = m_element;
+        for (; m_element < job.elements.size(); ++m_element) {
+            Element& element = job.elements[m_element];
+            if (element.outcome != Outcome::NotTried) {
+                report(job, m_element);
+                continue;
+            }
+            element.error = whyNotTried;
+            print(objectOf(job, m_element));
+        }
+        if (m_begun)
+            listNotTried(job, from);
+    }
+    summarise();
+}
+
+void Writes::abandon(const QString& why)
+{
+    m_abandoned = true;
+    close(why);
+}
+
+// Those of a job are at its end.
+void Writes::listNotTried(const Job& job, int from) const
+{
+    while (from < job.elements.size() && job.elements.at(from).outcome != Outcome::NotTried)
+        ++from;
+    if (from == job.elements.size())
+        return;
+    TagAddress left = job.target->address;
+    left.element += from;
+    left.elements -= from;
+    m_output.error(left.text() + QStringLiteral(": not tried"));
+}
+
+int Writes::count(Outcome outcome) const
+{
+    int count = 0;
+    for (const Job& job : m_jobs)
+        count += static_cast<int>(
+            std::count_if(job.elements.begin(), job.elements.end(),
+                          [outcome](const Element& e) { return e.outcome == outcome; }));
+    return count;
+}
+
+void Writes::summarise() const
+{
+    QStringList counts;
+    int total = 0;
+    for (const Outcome outcome :
+         {Outcome::Written, Outcome::Refused, Outcome::Unknown, Outcome::NotTried})
+    {
+        const int of = count(outcome);
+        total += of;
+        if (of > 0)
+            counts += QString::number(of) + ' ' + QLatin1String(textOf(outcome));
+    }
+    if (total < 2 || count(Outcome::Written) == total)
+        return;
+    const QString all = counts.join(QStringLiteral(", "));
+    m_output.note(m_begun ? all : QStringLiteral("nothing was written: ") + all);
+}
+
+void writeAll(Writes& writes, const WriteOptions& options, const Project& project)
+{
+    requirePort(project, options.line);
+    const Project bare = withoutVariables(project, writes.targets());
+    Connection connection(options.line, bare);
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    TraceRecorder trace(options.line.trace, options.line.force);
+    Session session(connection.api(), connection.line(), connection.clock(), bare);
+    session.exchange().setObserver(trace.observer());
+    const Interrupt interrupt;
+    writes.checkAgainstController(session, interrupt);
+    if (!writes.anyRefused())
+        writes.carryOut(session, interrupt);
+    trace.close();
 }
 
 int run(const WriteOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     const Project project = projectOf(options.line);
-    QVector<Write> writes = writesOf(options, project);
-    encodeKnown(writes);
-    requirePort(project, options.line);
-    QVector<Target> targets;
-    for (const Write& write : writes)
-        targets.append(write.target);
-    const Project bare = withoutVariables(project, targets);
-    Connection connection(options.line, bare);
-    // After the line is open, so that an earlier trace is not lost to a wrong port.
-    TraceRecorder trace(options.line.trace, options.line.force);
-    Session session(connection.api(), connection.line(), connection.clock(), bare);
-    session.exchange().setObserver(trace.observer());
-    encodeAll(writes, session);
-    const Interrupt interrupt;
-    Progress progress(output, QStringLiteral("writing"), writes.size());
-    for (int i = 0; i < writes.size(); ++i) {
-        interrupt.throwIfRequested();
-        progress.clear();
-        carryOut(writes.at(i), session, options, output);
-        progress.show(i + 1);
+    Writes writes(options, project, output);
+    writes.checkAgainstProject();
+    try {
+        if (!writes.anyRefused())
+            writeAll(writes, options, project);
+    } catch (const UserError& error) {
+        writes.abandon(QString::fromUtf8(error.what()));
+        throw;
     }
-    trace.close();
-    return kExitDone;
+    writes.close(QStringLiteral("another one is refused"));
+    return writes.status();
 }
 
 } // namespace
@@ -148,16 +480,23 @@ void addWrite(CommandLine& line)
     write.requiredTexts("TAG=VALUE", options->assignments,
                         "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]");
     write.flagThatClears("--no-verify", options->verify, "Do not read back what was written");
-    write.text("--project", options->line.project,
-               "Project file: its port, and its variables by their names");
-    write.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    options->target.addTo(write, options->line);
     options->line.addTo(write);
     options->output.addTo(write);
     write.footer(
-        std::string("Values: decimal or 0x numbers, true or false, text, and for the time types an "
-                    "ISO 8601 duration.\nAll values are checked before the first is written.\n"
-                    "Example:\n  micro850-host write Setpoint=22.5 'Recipe[3]=0x10' "
-                    "'Recipe[4..6]=1,2,3' --port /tmp/plc\n") +
+        std::string(kNamesHelp) +
+        "Values: decimal or 0x numbers, true or false, text. The driver can write BOOL, BYTE, "
+        "SHORT_STRING,\nall integers and reals; no dates, times or other words of bits.\n"
+        "A variable with gain and offset takes the value that read and watch show. When it is "
+        "rounded,\na note tells which value is stored. --raw takes the controller's own number.\n"
+        "Nothing is written unless all of it is allowed: values, types, indices (of a string only\n"
+        "0), and that the elements exist, which is known by reading the last one. No element may\n"
+        "be given twice. Should the controller refuse one all the same, the rest is still tried.\n"
+        "Each is reported as written, refused or not tried; as unknown when nobody answered.\n"
+        "With --json each element has an object with its \"outcome\", and \"error\" if there is "
+        "one.\n"
+        "Example:\n  micro850-host write Setpoint=22.5 'Recipe[3]=0x10' "
+        "'Recipe[4..6]=1,2,3' --port /tmp/plc\n" +
         kStatuses);
 }
 

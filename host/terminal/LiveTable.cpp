@@ -179,7 +179,7 @@ QString LiveTable::changeLine(int variable) const
 {
     const ValueStore& values = m_loop.values();
     const QString text = values.text(variable);
-    QString line = m_project.variables.at(variable).name;
+    QString line = m_project.variables.at(variable).shownName();
     if (!text.isEmpty())
         line += QStringLiteral(" = ") + text;
     const QString error = values.error(variable);

@@ -214,6 +214,11 @@ Project projectOf(const JsonNode& root)
 
 } // namespace
 
+QString Variable::shownName() const
+{
+    return label.isEmpty() ? host::shownName(name) : label;
+}
+
 Project Project::fromFile(const QString& path)
 {
     return projectOf(JsonNode::fromFile(path.toStdString()));

@@ -16,6 +16,8 @@ enum class PollMode { Cyclic, Once };
 struct Variable
 {
     QString name;
+    /// The name in lines of output when it is not shownName(name): of a part of a variable.
+    QString label;
     QString tag;
     int station = 1;
     /// The type that the project requires; null when it leaves the type to the controller.
@@ -33,6 +35,8 @@ struct Variable
     /// The host shows the controller's own numbers, without gain, offset and unit.
     bool raw = false;
 
+    /// How lines of output name it.
+    QString shownName() const;
     bool isScaled() const { return gain != 1 || offset != 0; }
 };
 

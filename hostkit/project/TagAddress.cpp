@@ -129,6 +129,18 @@ int equalsSignAfterName(const QString& text, const IsName& isName)
     return found;
 }
 
+QString indexText(int element)
+{
+    return '[' + QString::number(element) + ']';
+}
+
+QString rangeText(const TagAddress& address)
+{
+    return QStringLiteral("[%1..%2]")
+        .arg(address.element)
+        .arg(address.element + address.elements - 1);
+}
+
 } // namespace
 
 QString shownName(const QString& name)
@@ -157,16 +169,22 @@ TagAddress TagAddress::fromText(const QString& text, const IsName& isName)
 
 QString TagAddress::elementName(int offset) const
 {
-    const QString name = shownName(tag);
-    return indexed ? QStringLiteral("%1[%2]").arg(name, QString::number(element + offset)) : name;
+    return indexed ? shownName(tag) + indexText(element + offset) : shownName(tag);
+}
+
+QString TagAddress::exactElementName(int offset) const
+{
+    return indexed ? tag + indexText(element + offset) : tag;
 }
 
 QString TagAddress::text() const
 {
-    if (elements == 1)
-        return elementName(0);
-    return QStringLiteral("%1[%2..%3]")
-        .arg(shownName(tag), QString::number(element), QString::number(element + elements - 1));
+    return elements == 1 ? elementName(0) : shownName(tag) + rangeText(*this);
+}
+
+QString TagAddress::exactText() const
+{
+    return elements == 1 ? exactElementName(0) : tag + rangeText(*this);
 }
 
 QStringList Assignment::valuesFor(const TagAddress& elements) const

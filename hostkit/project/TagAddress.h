@@ -35,6 +35,9 @@ struct TagAddress
     QString elementName(int offset) const;
     /// The address as users write it: "Speed", "Level[3]", "Level[0..9]".
     QString text() const;
+    /// The same two for JSON: the name as it is, without quotes.
+    QString exactElementName(int offset) const;
+    QString exactText() const;
 
     /// A variable's name may contain anything: the longest one that the text begins with counts.
     /// NAME can be in double quotes, as shownName() writes it. Throws UserError that names the text

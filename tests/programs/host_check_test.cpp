@@ -57,6 +57,57 @@ TEST_F(HostCheck, AsksTheControllerForEachVariable)
     EXPECT_EQ(hostOnPort({"check", project, "--offline", "--quiet"}).status, 0);
 }
 
+TEST_F(HostCheck, FindsWhatTheProjectCannotKnow)
+{
+    simulate();
+    const QString project = file("p.json", R"({
+        "stations": [{"number": 1}, {"number": 2, "enabled": false}], "variables": [
+        {"name": "Scaled text", "tag": "Name", "gain": 2},
+        {"name": "Scaled switch", "tag": "Running", "offset": 1},
+        {"name": "Second text", "tag": "Name", "element": 1},
+        {"name": "Scaled = number", "tag": "Speed", "gain": 2},
+        {"name": "Far too long", "tag": "Level", "element": 2, "length": 5000},
+        {"name": "Elsewhere", "tag": "Speed", "station": 2}]})");
+    const Result result = hostOnPort({"check", project});
+    EXPECT_EQ(result.status, 1);
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 6) << result.out;
+    EXPECT_EQ(lines.at(0), QString("Scaled text: is SHORT_STRING in the controller, and gain and "
+                                   "offset are for numbers"));
+    EXPECT_EQ(lines.at(1),
+              QString("Scaled switch: is BOOL in the controller, and gain and offset are for "
+                      "numbers"));
+    EXPECT_EQ(lines.at(2),
+              QString("Second text: of a string only element 0 and length 1 can be read"));
+    EXPECT_EQ(lines.at(3), QString("\"Scaled = number\": ok, INT"));
+    EXPECT_TRUE(lines.at(4).startsWith("Far too long: element 10: ")) << result.out;
+    EXPECT_EQ(lines.at(5), QString("Elsewhere: not checked: station 2 is disabled in the project"));
+    EXPECT_EQ(result.err, "micro850-host: " + project.toStdString() +
+                              ": 5 variables checked, 4 with a problem, 1 not checked\n");
+    const Result json = hostOnPort({"check", project, "--json", "--quiet"});
+    EXPECT_NE(json.out.find(R"("type":null,"ok":null,"problem":"not checked: station 2 is )"
+                            R"(disabled in the project"})"),
+              std::string::npos)
+        << json.out;
+}
+
+TEST_F(HostCheck, HasAnObjectForEachVariableWhenNobodyAnswers)
+{
+    const SilentPort nobody;
+    const QString project =
+        file("p.json", R"({"variables": [{"tag": "Speed"}, {"tag": "Level"}]})");
+    const Result result =
+        host({"check", project, "--json", "--timeout", "20", "--port", nobody.path()});
+    EXPECT_EQ(result.status, 1);
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 2) << result.out;
+    for (const QString& line : lines) {
+        EXPECT_TRUE(line.contains(R"("ok":null,"problem":"not checked: Speed: station 1 does )"
+                                  R"(not answer)"))
+            << result.out;
+    }
+}
+
 TEST_F(HostCheck, FindsNoProblemInTheExamplePlant)
 {
     simulatePlant();
@@ -92,7 +143,8 @@ TEST_F(HostCheck, ReportsItsFindingsSoFarOnCtrlC)
          20);
     EXPECT_TRUE(sees("/200"));
     type({"C-c"});
-    EXPECT_TRUE(sees("variables checked, 0 with a problem\nmicro850-host: interrupted"));
+    EXPECT_TRUE(sees(" checked, 0 with a problem, "));
+    EXPECT_TRUE(sees(" not checked\nmicro850-host: interrupted"));
     EXPECT_TRUE(sees("[status 1]"));
     EXPECT_TRUE(seesNo("checking ["));
 }

@@ -81,7 +81,8 @@ TEST_F(HostRead, ReportsThatItsOutputCannotBeWritten)
     const Result result = runProgram(
         "bash", {"-c", "\"$0\" read Speed --port \"$1\" > /dev/full", MICRO850_HOST, port()});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "micro850-host: standard output cannot be written (is its disk full?)\n");
+    EXPECT_EQ(result.err, "micro850-host: standard output: cannot be written: No space left on "
+                          "device\n");
 }
 
 TEST_F(HostRead, RefusesElementsThatTheTagDoesNotHave)
@@ -90,7 +91,135 @@ TEST_F(HostRead, RefusesElementsThatTheTagDoesNotHave)
     const Result result = hostOnPort({"read", "Level[5..12]"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
-    EXPECT_NE(result.err.find("micro850-host: Level[5]: "), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("micro850-host: Level[10]: "), 0u) << result.err;
+    const Result json = hostOnPort({"read", "Level[5..12]", "--json"});
+    EXPECT_EQ(json.out.find(R"({"name":"Level[5..12]","station":1,"tag":"Level","error":)"
+                            R"("Level[10]: )"),
+              0u)
+        << json.out;
+}
+
+TEST_F(HostRead, RefusesAnIndexIntoAStringBeforeAnyTagIsRead)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Label", "tag": "Name", "type": "SHORT_STRING"}]})");
+    const std::pair<QString, QString> mistakes[] = {
+        {"Name[2]", "Name[2]"}, {"Name[0..1]", "Name[0..1]"}, {"Label[2]", "Label[2]"}};
+    for (const auto& mistake : mistakes) {
+        const Result result =
+            hostOnPort({"read", "Speed", mistake.first, "--quiet", "--project", project});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err,
+                  "micro850-host: " + mistake.second.toStdString() +
+                      ": of a string only element 0 can be read and written (leave the index "
+                      "out)\n");
+    }
+    EXPECT_EQ(hostOnPort({"read", "Name[0]"}).out, "Name[0] = Apple\n");
+}
+
+TEST_F(HostRead, HasAnObjectForEachTagWithJson)
+{
+    simulate();
+    const Result refused = hostOnPort({"read", "Nope", "Speed", "--json"});
+    EXPECT_EQ(refused.status, 1);
+    ASSERT_EQ(linesOf(refused.out).size(), 2) << refused.out;
+    EXPECT_EQ(refused.out.find(R"({"name":"Nope","station":1,"tag":"Nope","error":")"), 0u)
+        << refused.out;
+    const Result mistaken = hostOnPort({"read", "Speed", "Level[", "--json"});
+    EXPECT_EQ(mistaken.status, 2);
+    EXPECT_EQ(mistaken.out,
+              R"x({"name":"Speed","station":1,"tag":"Speed","error":"not tried: another tag )x"
+              R"x(cannot be asked for"})x"
+              "\n"
+              R"x({"name":"Level[","error":"\"Level[\" is not a tag (write TAG, TAG[INDEX] or )x"
+              R"x(TAG[FIRST..LAST])"})x"
+              "\n");
+    const SilentPort nobody;
+    const Result silent =
+        host({"read", "Speed", "Level", "--json", "--timeout", "20", "--port", nobody.path()});
+    EXPECT_EQ(silent.status, 1);
+    const QStringList lines = linesOf(silent.out);
+    ASSERT_EQ(lines.size(), 2) << silent.out;
+    EXPECT_TRUE(lines.at(1).startsWith(R"({"name":"Level","station":1,"tag":"Level","error":)"
+                                       R"("not tried: Speed: station 1 does not answer)"))
+        << silent.out;
+}
+
+TEST_F(HostRead, FindsVariablesWithAnyName)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Fill = 5", "tag": "Level", "element": 3, "length": 2},
+        {"name": "F\u00fcllh\u00f6he 1", "tag": "Level", "element": 6},
+        {"name": "Level[2]", "tag": "Level", "element": 7}]})");
+    const Result result = hostOnPort({"read", "Fill = 5", "F\u00fcllh\u00f6he 1", "\"Fill = 5\"[1]",
+                                      "Level[2]", "\"Level\"[2]", "--project", project});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, "\"Fill = 5\"[0] = 13\n\"Fill = 5\"[1] = 14\nF\u00fcllh\u00f6he 1 = 16\n"
+                          "\"Fill = 5\"[1] = 14\n\"Level[2]\" = 17\nLevel[2] = 12\n");
+    EXPECT_EQ(hostOnPort({"read", "Fill = 5[1]", "--json", "--project", project}).out,
+              R"({"name":"Fill = 5[1]","station":1,"tag":"Level","element":4,"type":"INT",)"
+              R"("value":14})"
+              "\n");
+}
+
+TEST_F(HostRead, NamesTheVariableThatWasProbablyMeant)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Tank 1", "tag": "Level"}, {"name": "Outlet", "tag": "Speed"}]})");
+    const Result blank = hostOnPort({"read", "Tank 2", "--project", project});
+    EXPECT_EQ(blank.status, 2);
+    EXPECT_NE(blank.err.find(" (did you mean Tank 1?)\n"), std::string::npos) << blank.err;
+    const Result plain = hostOnPort({"read", "Outled", "--project", project});
+    EXPECT_EQ(plain.status, 1);
+    EXPECT_NE(plain.err.find(" (did you mean Outlet?)\n"), std::string::npos) << plain.err;
+}
+
+TEST_F(HostRead, RefusesElementsThatTheVariableDoesNotHave)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Tank", "tag": "Level", "element": 3, "length": 2}]})");
+    const Result result = hostOnPort({"read", "Tank[1..4]", "--project", project});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "micro850-host: Tank[2]: is not among the elements of the project's "
+                          "variable, Tank[0..1] (correct the index, or \"length\" in the "
+                          "project)\n");
+}
+
+TEST_F(HostRead, RefusesADisabledStationAndATypeThatIsNotTheProjects)
+{
+    simulate();
+    const QString project = file("p.json", R"({
+        "stations": [{"number": 1}, {"number": 2, "enabled": false}], "variables": [
+        {"name": "Far", "tag": "Speed", "station": 2},
+        {"name": "Wide", "tag": "Speed", "type": "DINT"}]})");
+    const Result far = hostOnPort({"read", "Far", "--project", project});
+    EXPECT_EQ(far.status, 2);
+    EXPECT_EQ(far.err, "micro850-host: Far: station 2 is disabled in the project (set its "
+                       "\"enabled\" to true)\n");
+    const Result wide = hostOnPort({"read", "Wide", "--project", project});
+    EXPECT_EQ(wide.status, 2);
+    EXPECT_EQ(wide.out, "");
+    EXPECT_EQ(wide.err, "micro850-host: Wide: is INT in the controller, DINT in the project "
+                        "(correct the project)\n");
+}
+
+TEST_F(HostRead, ScalesAsTheProjectSaysUnlessRaw)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Heat", "tag": "Level", "element": 2, "gain": 1.8, "offset": 32, "unit": "F"}]})");
+    EXPECT_EQ(hostOnPort({"read", "Heat", "--project", project}).out, "Heat = 53.6 F\n");
+    EXPECT_EQ(hostOnPort({"read", "Heat", "--raw", "--project", project}).out, "Heat = 12\n");
+    EXPECT_EQ(hostOnPort({"read", "Heat", "--json", "--project", project}).out,
+              R"({"name":"Heat","station":1,"tag":"Level","element":2,"type":"INT","value":53.6,)"
+              R"("unit":"F"})"
+              "\n");
+    EXPECT_EQ(hostOnPort({"read", "Delay", "--raw"}).out, "Delay = 2500\n");
 }
 
 TEST_F(HostRead, KnowsTheVariablesOfAProject)
@@ -101,7 +230,7 @@ TEST_F(HostRead, KnowsTheVariablesOfAProject)
         {"name": "Tank", "tag": "Level", "element": 3, "length": 2}]})");
     const Result result = host({"read", "Tank", "Tank[1]", "Speed", "--project", project});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Tank[3] = 13\nTank[4] = 14\nTank[4] = 14\nSpeed = 1234\n");
+    EXPECT_EQ(result.out, "Tank[0] = 13\nTank[1] = 14\nTank[1] = 14\nSpeed = 1234\n");
 }
 
 TEST_F(HostRead, ReportsThatNothingAnswersWithinTheTimeout)
@@ -139,7 +268,6 @@ TEST_F(HostRead, ReportsEveryMistakeInOneLineWithTheRemedy)
         {{"read", "Speed", "--project", "/none.json"}, "/none.json: "},
         {{"read", "Speed", "--port", "/none", "--driver", "/none.so"}, "/none.so"},
         {{"read", "Speed", "--port", "/none", "--baud", "3"}, "--baud: "},
-        {{"read", "Speed", "--port", "/none", "--trace", "x.pdf"}, "x.pdf"},
         {{"read", "Speed", "--fast"},
          "\"--fast\" is not expected here (see micro850-host read --help)"},
         {{"read", "Speed", "--jsn"}, "\"--jsn\" is not expected here (did you mean json?)"},

@@ -1,0 +1,175 @@
+#include "Targets.h"
+
+#include "UserError.h"
+
+#include <algorithm>
+
+namespace micro850::host {
+
+const char kNamesHelp[] =
+    "TAG is a tag of the controller or, with --project, a variable of the project. The index\n"
+    "counts within the variable, from 0. A name may be put in double quotes, and must be if it\n"
+    "could be taken for something else: '\"Fill = 5\"[2]'.\n";
+
+namespace {
+
+IsName namesOf(const Project& project)
+{
+    return [&project](const QString& name) { return project.variable(name) != nullptr; };
+}
+
+// " (did you mean X?)", unless there is a variable of that name.
+std::string similarName(const Project& project, const QString& name)
+{
+    std::vector<std::string> names;
+    if (!project.variable(name)) {
+        for (const Variable& variable : project.variables)
+            names.push_back(shownName(variable.name).toStdString());
+    }
+    return didYouMean(name.toStdString(), names);
+}
+
+void requireElementsOf(const Variable& variable, const TagAddress& address)
+{
+    const int end = address.element + address.elements;
+    if (end <= variable.length)
+        return;
+    const int wrong = std::max(address.element, variable.length);
+    TagAddress all;
+    all.tag = variable.name;
+    all.indexed = true;
+    all.elements = variable.length;
+    throw UserError((address.elementName(wrong - address.element) +
+                     QStringLiteral(": is not among the elements of the project's variable, ") +
+                     all.text() +
+                     QStringLiteral(" (correct the index, or \"length\" in the "
+                                    "project)"))
+                        .toStdString());
+}
+
+// Makes it a target of elements of the variable.
+void bind(Target& target, const Variable& variable)
+{
+    TagAddress& address = target.address;
+    if (!address.indexed)
+        address.elements = variable.length;
+    address.indexed = address.indexed || variable.length > 1;
+    if (variable.type)
+        requireReachable(*variable.type, address.element, address.elements, address.text());
+    requireElementsOf(variable, address);
+    target.tag = {variable.station, variable.tag};
+    target.element += variable.element;
+    target.variable = &variable;
+    target.scaling = Scaling(variable);
+    target.unit = variable.unit;
+}
+
+void requireEnabled(const Project& project, const Target& target)
+{
+    for (const StationSettings& station : project.stations) {
+        if (station.number == target.tag.station && !station.enabled) {
+            throw UserError((target.address.text() +
+                             QStringLiteral(": station %1 is disabled in the project (set its "
+                                            "\"enabled\" to true)")
+                                 .arg(station.number))
+                                .toStdString());
+        }
+    }
+}
+
+} // namespace
+
+void TargetOptions::addTo(CommandOptions& command, LineOptions& line)
+{
+    command.text("--project", line.project,
+                 "Project file: its port, and its variables by their names");
+    command.integer("--station", station, 0, 65535,
+                    "Station number of tags that no project names (default 1)");
+    command.flag("--raw", raw, kRawHelp);
+}
+
+QString Target::text(const CipType& type, const CipValue& value) const
+{
+    const QString text = scaling.text(type, value);
+    return unit.isEmpty() ? text : text + ' ' + unit;
+}
+
+QString Target::nameOf(const TagRefused& refused) const
+{
+    return refused.element() < 0 ? address.text()
+                                 : address.elementName(refused.element() - element);
+}
+
+void Target::requireType(const CipType& controllers) const
+{
+    if (type() && type() != &controllers) {
+        throw UserError(address.text().toStdString() + ": is " + controllers.name +
+                        " in the controller, " + type()->name +
+                        " in the project (correct the project)");
+    }
+    requireReachable(controllers, element, elements(), address.text());
+}
+
+TagAddress addressOf(const QString& argument, const Project& project)
+{
+    try {
+        return TagAddress::fromText(argument, namesOf(project));
+    } catch (const UserError& error) {
+        throw UserError(error.what() + similarName(project, argument.section('[', 0, 0)));
+    }
+}
+
+Assignment assignmentOf(const QString& argument, const Project& project)
+{
+    try {
+        return Assignment::fromText(argument, namesOf(project));
+    } catch (const UserError& error) {
+        const QString name = argument.section('=', 0, 0).section('[', 0, 0);
+        throw UserError(error.what() + similarName(project, name));
+    }
+}
+
+Target targetOf(const TagAddress& address, const Project& project, const TargetOptions& options)
+{
+    Target target;
+    target.tag = {options.station >= 0 ? options.station : project.stations.first().number,
+                  address.tag};
+    target.address = address;
+    target.element = address.element;
+    if (const Variable* variable = project.variable(address.tag))
+        bind(target, *variable);
+    if (options.raw) {
+        target.scaling = Scaling::ofRaw();
+        target.unit.clear();
+    }
+    requireEnabled(project, target);
+    return target;
+}
+
+QString reasonOf(const TagRefused& refused, const Target& target, const Project& project)
+{
+    const std::string& why = refused.why();
+    return QString::fromStdString(
+        refused.element() < 0 ? why + similarName(project, target.address.tag) : why);
+}
+
+QString withoutName(const QString& message, const QString& name)
+{
+    const QString prefix = name + QStringLiteral(": ");
+    return message.startsWith(prefix) ? message.mid(prefix.size()) : message;
+}
+
+Project withoutVariables(Project project, const QVector<Target>& targets)
+{
+    project.variables.clear();
+    for (const Target& target : targets) {
+        if (!project.hasStation(target.tag.station)) {
+            StationSettings station;
+            station.number = target.tag.station;
+            project.stations.append(station);
+        }
+    }
+    return project;
+}
+
+} // namespace micro850::host
