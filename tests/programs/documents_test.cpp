@@ -142,3 +142,41 @@ TEST_F(Documents, ShowAProjectThatTheExamplePlantAgreesWith)
     EXPECT_EQ(result.out,
               "Speed: ok, INT\nLevel: ok, INT\nTank: ok, INT\nSerialNumber: ok, ULINT\n");
 }
+
+TEST_F(Documents, PrintCommandsThatStartTheSimulator)
+{
+    int started = 0;
+    for (const QString& document : documents()) {
+        for (QString line : textOfSource(document).split('\n')) {
+            if (!line.startsWith("    micro850-sim ") || !line.contains("--link /tmp/plc"))
+                continue;
+            const QString link = path(QStringLiteral("started%1").arg(++started));
+            line = line.trimmed().remove(QRegularExpression(" &$")).replace("/tmp/plc", link);
+            // A reader ends it when he has done what he wanted: here, read a tag.
+            const QString script = "cd \"$0\"; PATH=\"$1:$PATH\"; " + line +
+                                   " & until [ -e \"$2\" ]; do kill -0 $! || exit 3; sleep 0.02; "
+                                   "done; micro850-host read Speed --port \"$2\"; kill $!; wait";
+            const Result result = runProgram(
+                "bash", {"-c", script, path("."), QFileInfo(MICRO850_HOST).path(), link});
+            EXPECT_NE(result.out.find("Speed = 1234\n"), std::string::npos)
+                << document.toStdString() << ": " << line.toStdString() << '\n'
+                << result.err;
+        }
+    }
+    EXPECT_GE(started, 2) << "README.md and docs/simulator.md have one each";
+}
+
+TEST_F(Documents, PrintCommandsThatRunAnExampleHost)
+{
+    int run = 0;
+    for (const QString& line : textOfSource("README.md").split('\n')) {
+        const QString command = line.section("&& build/bin/", 1);
+        if (!line.startsWith("    cmake --build build --target ") || command.isEmpty())
+            continue;
+        ++run;
+        const Result result = runPrinted(command, 1);
+        EXPECT_EQ(result.status, 0) << command.toStdString() << '\n' << result.err;
+        EXPECT_NE(result.out.find("Speed = 1234"), std::string::npos) << result.out;
+    }
+    EXPECT_EQ(run, 2) << "one for each example";
+}
