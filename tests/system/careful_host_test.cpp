@@ -298,6 +298,15 @@ const Trouble kLosses[] = {
 };
 INSTANTIATE_TEST_SUITE_P(Line, CarefulHostAdmits, ::testing::ValuesIn(kLosses), nameOf);
 
+// The controller asks for an acknowledgement that has not come within a second.
+TEST_F(CarefulHost, AcknowledgesTheLastReplyBeforeItEnds)
+{
+    run({"1"});
+    EXPECT_EQ(status, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+    plc().with([](Controller& controller) { EXPECT_EQ(controller.counters().enquiries, 0u); });
+}
+
 TEST_F(CarefulHost, ReportsARefusedReadAndLearnsNoTypeFromIt)
 {
     // The requests are: identity, open, then the tags one after the other.
