@@ -59,8 +59,10 @@ public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
         : m_loop(run.loop()), m_project(project), m_output(output), m_match(textOf(options.match)),
           m_changes(m_loop, run.table(), m_match),
-          m_recorder(options.csv.empty() ? Recorder::sqlite(textOf(options.sqlite))
-                                         : Recorder::csv(textOf(options.csv))),
+          m_recorder(options.csv.empty()
+                         ? Recorder::sqlite(textOf(options.sqlite),
+                                            [this](const QString& text) { m_output.note(text); })
+                         : Recorder::csv(textOf(options.csv))),
           m_interval(fromSeconds(options.interval))
     {
     }

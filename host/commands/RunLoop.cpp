@@ -62,8 +62,8 @@ RunLoop::RunLoop(const LineOptions& options, const Project& project)
 void RunLoop::run(LoopView& view, double seconds)
 {
     const Clock& clock = m_connection.clock();
-    const Duration end = fromSeconds(seconds);
-    const auto over = [&] { return end != Duration(0) && clock.now() >= end; };
+    const Duration end = clock.now() + fromSeconds(seconds);
+    const auto over = [&] { return seconds > 0 && clock.now() >= end; };
     // Restores the settings of the terminal when the view has closed.
     const auto keyboard = view.usesKeys() ? std::make_unique<Keyboard>(STDIN_FILENO) : nullptr;
     while (!m_interrupt.requested() && !view.quits() && !over()) {

@@ -39,7 +39,8 @@ Identity decodeIdentity(const QByteArray& body)
     identity.minor = static_cast<quint8>(body.at(kMinor));
     identity.status = wordAt<quint16>(body, kStatus);
     identity.serial = wordAt<quint32>(body, kSerial);
-    identity.name = QString::fromLatin1(body.mid(kName, static_cast<quint8>(body.at(kNameLength))));
+    const QByteArray name = body.mid(kName, static_cast<quint8>(body.at(kNameLength)));
+    identity.name = QString::fromLatin1(name.constData(), name.size()); // also behind a 00
     return identity;
 }
 

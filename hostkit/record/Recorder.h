@@ -3,6 +3,7 @@
 
 #include "Sample.h"
 
+#include <functional>
 #include <memory>
 
 namespace micro850::host {
@@ -22,8 +23,10 @@ public:
     /// The table "samples" of an SQLite database. A number is an INTEGER or a REAL whatever its
     /// type, true is 1, NULL is only for a value that was never read. Unsigned numbers beyond
     /// 9223372036854775807 are text of 20 digits, what is not a number is the text "nan". Rows of
-    /// an earlier version are converted. Throws UserError as well.
-    static std::unique_ptr<Recorder> sqlite(const QString& path);
+    /// an earlier version are converted; `note` is told before, because that takes some seconds
+    /// for a million rows. Throws UserError as well.
+    static std::unique_ptr<Recorder>
+    sqlite(const QString& path, const std::function<void(const QString&)>& note = nullptr);
 };
 
 /// A field of a comma-separated line, quoted where necessary.

@@ -68,7 +68,7 @@ struct ConnectionName
 class SqliteRecorder : public Recorder
 {
 public:
-    explicit SqliteRecorder(const QString& path)
+    SqliteRecorder(const QString& path, const std::function<void(const QString&)>& note)
         : m_path(path), m_database(QSqlDatabase::database(kConnection, false))
     {
         m_database.setDatabaseName(path);
@@ -76,7 +76,7 @@ public:
             failWith(QStringLiteral("Qt's SQLite driver is missing (install libqt5sql5-sqlite)"));
         if (!m_database.open())
             fail(m_database.lastError());
-        prepareSamples(m_database, path);
+        prepareSamples(m_database, path, note);
         m_insert = QSqlQuery(m_database);
         if (!m_insert.prepare(kInsert))
             fail(m_insert.lastError());
@@ -133,9 +133,10 @@ private:
 
 } // namespace
 
-std::unique_ptr<Recorder> Recorder::sqlite(const QString& path)
+std::unique_ptr<Recorder> Recorder::sqlite(const QString& path,
+                                           const std::function<void(const QString&)>& note)
 {
-    return std::make_unique<SqliteRecorder>(path);
+    return std::make_unique<SqliteRecorder>(path, note);
 }
 
 } // namespace micro850::host

@@ -180,13 +180,16 @@ void refuseOtherTables(const Asker& asker, int version, const QStringList& found
 
 } // namespace
 
-void prepareSamples(QSqlDatabase& database, const QString& path)
+void prepareSamples(QSqlDatabase& database, const QString& path,
+                    const std::function<void(const QString&)>& note)
 {
     const Asker asker(database, path);
     const auto version = [&] { return asker.number(QStringLiteral("PRAGMA user_version")); };
     refuseOtherTables(asker, version(), columnsOf(asker));
     if (version() == kVersion && !columnsOf(asker).isEmpty())
         return;
+    if (note && !columnsOf(asker).isEmpty())
+        note(path + QStringLiteral(": converting the rows of an earlier version"));
     // Another program may be doing the same: what was found is looked at again under the lock. A
     // transaction that does not end, because the program is killed, leaves the database as it was.
     asker.run(QStringLiteral("BEGIN IMMEDIATE"));

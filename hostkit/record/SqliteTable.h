@@ -3,13 +3,17 @@
 
 #include <QtSql/QSqlDatabase>
 
+#include <functional>
+
 namespace micro850::host {
 
 /// Makes the table "samples" of an open database ready for rows: creates it, or converts the rows
 /// of an earlier version in one transaction. Throws UserError without a change to the database when
 /// it cannot be written, when the table is another program's, and when a later version wrote it.
-/// `path` names the database in messages.
-void prepareSamples(QSqlDatabase& database, const QString& path);
+/// `path` names the database in messages; `note`, unless it is empty, is told before rows are
+/// converted.
+void prepareSamples(QSqlDatabase& database, const QString& path,
+                    const std::function<void(const QString&)>& note);
 
 } // namespace micro850::host
 

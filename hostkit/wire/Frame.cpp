@@ -140,7 +140,8 @@ Request decodeRequest(const QByteArray& data)
     const int path = start + 2;
     const int pathEnd = path + 2 * byteAt(data, start + 1);
     const int nameSize = byteAt(data, path + 1);
-    request.tag = QString::fromLatin1(data.mid(path + 2, nameSize));
+    const QByteArray name = data.mid(path + 2, nameSize);
+    request.tag = QString::fromLatin1(name.constData(), name.size()); // also behind a 00
     const int afterName = path + 2 + nameSize + nameSize % 2;
     const int end = parseElement(data, afterName, pathEnd, request.element);
     const int typeSize = request.service == kWriteTagFragmented ? 2 : 0;

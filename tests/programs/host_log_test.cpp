@@ -119,6 +119,22 @@ TEST_F(HostLog, RecordsNumbersThatADatabaseCanCompare)
     EXPECT_EQ(answerOf("SELECT name, count(*) FROM samples WHERE value > 10"), "Large|1");
 }
 
+TEST_F(HostLog, SaysThatItConvertsTheRowsOfAnEarlierVersion)
+{
+    simulate(R"({"name": "Small", "type": "UDINT", "value": 9})");
+    const QString project = file("p.json", R"({"port": {"device": ")" + port().toStdString() +
+                                               R"("}, "variables": [{"tag": "Small"}]})");
+    answerOf("CREATE TABLE samples (time TEXT, name TEXT, station INTEGER, tag TEXT, element "
+             "INTEGER, type TEXT, value, unit TEXT, quality TEXT, error TEXT); INSERT INTO samples "
+             "VALUES ('', 'Small', 1, 'Small', 0, 'UDINT', '10', '', 'good', NULL)");
+    const std::string note =
+        path("v.db").toStdString() + ": converting the rows of an earlier version\n";
+    const QStringList arguments = {"log", project, "--sqlite", path("v.db"), "--seconds", "1"};
+    EXPECT_NE(host(arguments).err.find(note), std::string::npos);
+    EXPECT_EQ(host(arguments).err.find(note), std::string::npos);
+    EXPECT_EQ(answerOf("SELECT group_concat(value), max(value) FROM samples"), "10,9,9|10");
+}
+
 TEST_F(HostLog, RefusesADatabaseOfALaterVersion)
 {
     simulate();

@@ -31,6 +31,13 @@ TEST(Identity, ReadsBytesAbove127AsUnsigned)
     EXPECT_EQ(decodeIdentity(reply).major, 200);
 }
 
+TEST(Identity, HasAllCharactersOfANameWithAZeroByte)
+{
+    QByteArray reply = wire::hex(kReply);
+    reply[17] = '\0';
+    EXPECT_EQ(decodeIdentity(reply).name, QString::fromLatin1("Un\0t1", 5));
+}
+
 TEST(Identity, IsInvalidWithoutAllFieldsButMayHaveAShorterName)
 {
     const QByteArray reply = wire::hex(kReply);

@@ -67,6 +67,13 @@ TEST(Request, OfATagWithAPercentSignAndADigitIsShownUnchanged)
     EXPECT_TRUE(told.endsWith(" Fill%2[7] x3")) << told.toStdString();
 }
 
+TEST(Request, OfATagWithAZeroByteHasTheWholeTag)
+{
+    QByteArray request = wire::unframed(wire::readRequest(1, kId, wire::tagPath("Le_el"), 1));
+    request[request.indexOf("Le_el") + 2] = '\0';
+    EXPECT_EQ(requestOf(wire::framed(request)).tag, QString::fromLatin1("Le\0el", 5));
+}
+
 TEST(Request, WithoutAnElementSegmentIsForElementZero)
 {
     for (const char* tag : {"Even", "Odd"})
