@@ -58,14 +58,34 @@ class Mutant:
         return source[: self.start] + self.text + source[self.end :]
 
 
+QT4_BRANCH_BEGINS = re.compile(r"\s*#\s*if\s+QT_VERSION\s*<")
+
+
 def tokens_of(source):
-    """The tokens that the compiler sees, without directives."""
+    """The tokens that the compiler sees, without directives and without what only Qt 4 compiles."""
     found = []
+    open_ifs = []  # of each #if: does it ask for Qt's version, and is this the branch of Qt 4?
     for match in TOKEN.finditer(source):
+        if match.lastgroup == "directive":
+            follow_directive(match.group(), open_ifs)
+        if any(asks and is_qt4 for asks, is_qt4 in open_ifs):
+            continue
         if match.lastgroup in ("comment", "directive", "space") or match.group().isspace():
             continue
         found.append(Token(match.lastgroup, match.group(), match.start(), match.end()))
     return without_assertions(found)
+
+
+def follow_directive(text, open_ifs):
+    """The tests are built with Qt 5, so that a mutant in a branch of Qt 4 would always survive."""
+    word = text.replace("#", " ").split()[:1]
+    if word and word[0] in ("if", "ifdef", "ifndef"):
+        open_ifs.append(("QT_VERSION" in text, bool(QT4_BRANCH_BEGINS.match(text))))
+    elif word == ["else"] and open_ifs:
+        asks, is_qt4 = open_ifs[-1]
+        open_ifs[-1] = (asks, not is_qt4)
+    elif word == ["endif"] and open_ifs:
+        open_ifs.pop()
 
 
 def without_assertions(tokens):
@@ -200,15 +220,15 @@ class StatementFinder:
         self.begin = i + 1
 
     def statement(self, i, block):
-        following = self.tokens[i + 1].text if i + 1 < len(self.tokens) else ""
-        outermost = not any(is_code for _, is_code in self.blocks[:-1])
+        depth = sum(is_code for _, is_code in self.blocks)
+        following = [token.text for token in self.tokens[i + 1 : i + 1 + depth]]
         return Statement(
             self.tokens[self.begin].start,
             self.tokens[i].end,
             block,
             tuple(token.text for token in self.tokens[self.begin : i]),
             self.tokens[self.begin - 1].text if self.begin else "",
-            outermost and following == "}",
+            following == ["}"] * depth,
         )
 
 

@@ -6,6 +6,7 @@ Works in copies of the tree in build-mutate and never changes the tree itself. A
 
 import argparse
 import collections
+import contextlib
 import filecmp
 import os
 import random
@@ -32,6 +33,66 @@ CONFIGURE = [
 
 class Failure(Exception):
     """A reason why the check cannot run, in one line."""
+
+
+# ---- Running tests -----------------------------------------------------------------------------
+
+PASSED, FAILED, TIMED_OUT = "passed", "failed", "timed out"
+
+
+class Machine:
+    """Lets workers run side by side, or one of them alone."""
+
+    def __init__(self):
+        self.changed = threading.Condition()
+        self.running = 0
+        self.is_taken = False
+
+    @contextlib.contextmanager
+    def shared(self):
+        with self.changed:
+            self.changed.wait_for(lambda: not self.is_taken)
+            self.running += 1
+        try:
+            yield
+        finally:
+            with self.changed:
+                self.running -= 1
+                self.changed.notify_all()
+
+    @contextlib.contextmanager
+    def alone(self):
+        with self.changed:
+            self.changed.wait_for(lambda: not self.is_taken)
+            self.is_taken = True
+            self.changed.wait_for(lambda: self.running == 0)
+        try:
+            yield
+        finally:
+            with self.changed:
+                self.is_taken = False
+                self.changed.notify_all()
+
+
+def killer(programs, durations, outcome, machine):
+    """The name of the first program whose `outcome(program, seconds)` is FAILED; "" if there is none.
+
+    A busy machine is slow too: a program that times out runs again, alone and with more time, before it counts.
+    """
+    late = []
+    for program in programs:
+        with machine.shared():
+            result = outcome(program, 5 + 10 * durations[program])
+        if result == FAILED:
+            return program.name
+        if result == TIMED_OUT:
+            late.append(program)
+    for program in late:
+        with machine.alone():
+            result = outcome(program, 20 + 20 * durations[program])
+        if result != PASSED:
+            return program.name + (" (timed out twice)" if result == TIMED_OUT else "")
+    return ""
 
 
 # ---- The copies --------------------------------------------------------------------------------
@@ -101,13 +162,14 @@ class Worker:
         """Runs every test once on the unchanged driver."""
         for program in self.programs():
             begin = time.monotonic()
-            if not self.passes(program, 300):
+            if self.outcome(program, 300) != PASSED:
                 raise Failure(f"{program.name} fails without any mutation: fix it first")
             self.durations[program] = time.monotonic() - begin
         if not self.durations:
             raise Failure("no unit test was built")
 
-    def passes(self, program, seconds):
+    def outcome(self, program, seconds):
+        """PASSED, FAILED or TIMED_OUT."""
         limits = ["prlimit", f"--as={MEMORY_LIMIT}", "--core=0"]
         try:
             done = subprocess.run(
@@ -116,17 +178,15 @@ class Worker:
                 timeout=seconds,
             )
         except subprocess.TimeoutExpired:
-            return False
-        return done.returncode == 0
+            return TIMED_OUT
+        return PASSED if done.returncode == 0 else FAILED
 
-    def judge(self, mutant):
+    def judge(self, mutant, machine):
         """The name of the first test program that fails, "" if none does, None if the mutant does not compile."""
-        if not self.compile(mutant):
-            return None
-        for program in self.in_order_of_promise(mutant):
-            if not self.passes(program, 5 + 10 * self.durations[program]):
-                return program.name
-        return ""
+        with machine.shared():
+            if not self.compile(mutant):
+                return None
+        return killer(self.in_order_of_promise(mutant), self.durations, self.outcome, machine)
 
     def compile(self, mutant):
         """Builds the mutant. A header is also compiled into the tests of its unit, as it is into any host."""
@@ -158,23 +218,38 @@ class Worker:
 # ---- Equivalent mutants ------------------------------------------------------------------------
 
 
-def equivalents():
-    """The reasons by (place, mutation). The file has blocks of three lines with empty lines between them."""
-    known = {}
-    lines = EQUIVALENT.read_text().splitlines() if EQUIVALENT.exists() else []
-    text = "\n".join(line for line in lines if not line.startswith("#"))
-    for block in filter(None, (part.strip("\n") for part in text.split("\n\n"))):
+def blocks_of(text):
+    """(place, mutation, reason) of each block of three lines; empty lines are between the blocks."""
+    lines = [line for line in text.splitlines() if not line.startswith("#")]
+    for block in filter(None, (part.strip("\n") for part in "\n".join(lines).split("\n\n"))):
         parts = [line.strip() for line in block.split("\n")]
         if len(parts) != 3:
-            raise Failure(f"{EQUIVALENT.name}: this block is not file, mutation and reason: {parts[0]}")
-        known[(parts[0], parts[1])] = parts[2]
-    return known
+            raise Failure(f"{EQUIVALENT.name}: this block is not place, mutation and reason: {parts[0]}")
+        yield parts
 
 
-def is_explained(mutant, known):
-    """A place is a file, or a file and a function if several functions of the file have the mutation."""
-    places = (mutant.path, f"{mutant.path} {mutant.function}")
-    return any((place, mutant.description) in known for place in places)
+def explained_by(text, found):
+    """The mutants of `found` that the blocks of `text` explain: each block explains exactly one.
+
+    The place is the file and the function ("-" in front of the first one), and #N if the function has the same
+    mutation more than once: the Nth of them.
+    """
+    explained = set()
+    for place_text, mutation, _ in blocks_of(text):
+        names, _, number = place_text.partition(" #")
+        at = [m for m in found if f"{m.path} {m.function or '-'}" == names and m.description == mutation]
+        where = f"{EQUIVALENT.name}: {place_text}: {mutation}"
+        if not at:
+            raise Failure(f"{where}: no such mutation there (correct or remove the block)")
+        if len(at) > 1 and not number:
+            raise Failure(f"{where}: {len(at)} such mutations there (add #1 to #{len(at)})")
+        if number and not (len(at) > 1 and number.isdigit() and 1 <= int(number) <= len(at)):
+            raise Failure(f"{where}: there is no such number (the place has {len(at)})")
+        mutant = at[int(number or 1) - 1]
+        if mutant in explained:
+            raise Failure(f"{where}: two blocks explain it (remove one)")
+        explained.add(mutant)
+    return explained
 
 
 # ---- The check ---------------------------------------------------------------------------------
@@ -191,6 +266,7 @@ class Check:
         self.survived = []
         self.not_built = 0
         self.lock = threading.Lock()
+        self.machine = Machine()
         self.failure = None
 
     def next(self):
@@ -215,7 +291,7 @@ class Check:
     def work(self, worker):
         try:
             while mutant := self.next():
-                self.note(mutant, worker.judge(mutant))
+                self.note(mutant, worker.judge(mutant, self.machine))
         except Exception as error:  # the main thread reports it
             self.failure = error
 
@@ -291,11 +367,11 @@ def report(check, known, seed):
 
 
 def check_all(arguments):
-    same = equivalents()
+    same = explained_by(EQUIVALENT.read_text(), all_mutants([]))
     sample, spare = drawn(arguments)
-    explained = [m for m in sample if is_explained(m, same)]
-    sample = [m for m in sample if not is_explained(m, same)]
-    spare = [m for m in spare if not is_explained(m, same)]
+    explained = [m for m in sample if m in same]
+    sample = [m for m in sample if m not in same]
+    spare = [m for m in spare if m not in same]
     print(f"mutate: building the driver and its tests {arguments.jobs} times", file=sys.stderr)
     check = Check(sample, spare, len(sample))
     begin = time.monotonic()
