@@ -43,6 +43,8 @@ if(MICRO850_PROGRAMS)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Tools)
   install(FILES share/bash-completion/completions/micro850-host
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)
+  # Where Debian's Wireshark looks for plugins if the prefix is /usr; docs/wireshark.md says what to do for others.
+  install(FILES tools/wireshark/df1_cip.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT Tools)
   install(FILES man/micro850-host.1 man/micro850-sim.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
 endif()
