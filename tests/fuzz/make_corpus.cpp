@@ -295,6 +295,9 @@ void saveProjects()
     saveText("project", "string",
              R"({"variables": [{"tag": "Name", "type": "SHORT_STRING", "element": 0}]})");
     saveText("project", "bad_type", R"({"variables": [{"tag": "Speed", "type": "INTT"}]})");
+    saveText("project", "key_twice", R"({"variables": [{"tag": "A", "unit": "m", "tag": "B"}]})");
+    save("project", "byte_zero", R"({"variables": [{"tag": "Speed"}]})" + bytes({0}) + "more");
+    saveText("project", "hidden", R"({"variables": [{"tag": "A", "name": "\u009b\u202e"}]})");
     saveText("project", "twice", R"({"variables": [{"tag": "Speed"}, {"tag": "Speed"}]})");
     saveText("project", "cut_off", R"({"variables": [{"tag": "Spe)");
 }
@@ -355,6 +358,18 @@ void saveTexts()
     save("text", "range", bytes({3, 0}) + "Level[3..65535]");
     save("text", "write", bytes({3, 1}) + "Level[3]=-12");
     save("text", "write_range", bytes({3, 1}) + "Level[3..4]=1,2");
+    for (const char* const text : {"ok\nValveOpen = false", "\x1b]0;x\x07\x7f", "\xC2\x9B\xFF",
+                                   "\xE2\x80\xAE\xE2\x80\xA8", "\"\\n", "plain"})
+    {
+        static int number = 0;
+        const std::string name = std::to_string(number++);
+        save("text", ("visible" + name).c_str(), bytes({4}) + text);
+        save("text", ("string" + name).c_str(),
+             bytes({1, kShortString, static_cast<int>(qstrlen(text))}) + text);
+        save("text", ("cell" + name).c_str(),
+             bytes({5, kShortString, 7, 6}) + "\xE6\xB8\xA9\x65\xCC\x81" + bytes({2}) + "m3" +
+                 bytes({static_cast<int>(qstrlen(text))}) + text);
+    }
     save("text", "a_percent_sign_and_a_digit", bytes({3, 0}) + "Fill%2[46]");
 }
 

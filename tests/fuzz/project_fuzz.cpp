@@ -6,8 +6,11 @@
 
 #include <QtCore/QSet>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <sys/mman.h>
+#include <unistd.h>
 
 namespace {
 
@@ -27,6 +30,7 @@ void checkVariable(const micro850::host::Project& project, const micro850::host:
     FUZZ_CHECK(variable.element + variable.length - 1 <= micro850::host::kLargestElement);
     FUZZ_CHECK(variable.area >= 0 && variable.area <= 255);
     FUZZ_CHECK(project.variable(variable.name) == &variable);
+    fuzz::checkShownText(variable.name + variable.unit);
 }
 
 void check(const micro850::host::Project& project)
@@ -45,12 +49,16 @@ void check(const micro850::host::Project& project)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
 {
-    const QString text =
-        QString::fromUtf8(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
+    // As the program: from a file, whose bytes may be anything.
+    static const int file = memfd_create("project", 0);
+    static const QString path = QStringLiteral("/proc/self/fd/%1").arg(file);
+    FUZZ_CHECK(ftruncate(file, 0) == 0);
+    FUZZ_CHECK(pwrite(file, bytes, size, 0) == static_cast<ssize_t>(size));
     try {
-        check(micro850::host::Project::fromText(text, QStringLiteral("p.json")));
+        check(micro850::host::Project::fromFile(path));
+        FUZZ_CHECK(std::find(bytes, bytes + size, 0) == bytes + size);
     } catch (const micro850::UserError& error) {
-        fuzz::checkComplaint(error, "p.json:");
+        fuzz::checkComplaint(error, path.toStdString() + ':');
     }
     return 0;
 }
