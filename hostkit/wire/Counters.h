@@ -22,6 +22,14 @@ struct Counters
     qint64 bytesReceived = 0;
     QMap<QString, qint64> errors; ///< replies by their status, see statusKey()
 
+    /// Counts a reply with this status. A peer can invent millions of them: those after the first
+    /// fifty are counted together as "other".
+    void countError(const QString& status)
+    {
+        const int kMost = 50;
+        const bool listed = errors.contains(status) || errors.size() < kMost;
+        ++errors[listed ? status : QStringLiteral("other")];
+    }
     qint64 bytes() const { return bytesSent + bytesReceived; }
 };
 

@@ -171,7 +171,7 @@ bool Exchange::handleFrame(const QByteArray& data, Attempt& attempt)
     attempt.answer.roundTrip = m_clock.now() - attempt.sentAt;
     ++attempt.counters.answered;
     if (!reply.good())
-        ++attempt.counters.errors[statusKey(reply)];
+        attempt.counters.countError(statusKey(reply));
     m_lastResponse = kAck;
     m_unacknowledged = true;
     return true;
