@@ -208,6 +208,15 @@ TEST_F(HostRead, RefusesADisabledStationAndATypeThatIsNotTheProjects)
                         "(correct the project)\n");
 }
 
+TEST_F(HostRead, RefusesATraceFileOfAnUnknownKind)
+{
+    simulate();
+    const Result result = hostOnPort({"read", "Speed", "--trace", "x.pdf"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.out, "");
+    EXPECT_NE(result.err.find("x.pdf"), std::string::npos) << result.err;
+}
+
 TEST_F(HostRead, ScalesAsTheProjectSaysUnlessRaw)
 {
     simulate();

@@ -44,6 +44,34 @@ TEST_F(HostWatch, PrintsAnObjectForEachChangeWithJson)
     EXPECT_TRUE(lines.at(1).startsWith(R"({"summary":)"));
 }
 
+TEST_F(HostWatch, NamesPartsOfVariablesWithAnyName)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Fill = 5", "tag": "Level", "element": 3, "length": 2, "gain": 0.1, "unit": "%"},
+        {"name": "Label", "tag": "Name", "type": "SHORT_STRING"}]})");
+    const QStringList shared = {"--seconds", "0.5", "--quiet", "--project", project};
+    const Result result = hostOnPort(QStringList{"watch", "Fill = 5", "Fill = 5[1]"} + shared);
+    EXPECT_EQ(result.status, 0) << result.err;
+    QStringList shown;
+    for (const QString& line : linesOf(result.out))
+        shown += line.mid(13);
+    shown.sort();
+    EXPECT_EQ(shown, (QStringList{"\"Fill = 5\"[0..1] = [1.3, 1.4] %", "\"Fill = 5\"[1] = 1.4 %"}))
+        << result.out;
+
+    const Result raw = hostOnPort(QStringList{"watch", "Fill = 5[0]", "--raw", "--json"} + shared);
+    EXPECT_NE(raw.out.find(R"("name":"Fill = 5[0]","station":1,"tag":"Level","element":3,)"
+                           R"("type":"INT","value":13,"quality":"good"})"),
+              std::string::npos)
+        << raw.out;
+
+    const Result string = hostOnPort(QStringList{"watch", "Label[1]"} + shared);
+    EXPECT_EQ(string.status, 2);
+    EXPECT_EQ(string.err, "micro850-host: Label[1]: of a string only element 0 can be read and "
+                          "written (leave the index out)\n");
+}
+
 TEST_F(HostWatch, ReportsThatATagIsUnknown)
 {
     simulate();
