@@ -43,6 +43,23 @@ TEST(Completion, OffersTheOptionsOfTheCommand)
     EXPECT_EQ(offered({"read", "--scan"}), QStringList());
 }
 
+// The help names each option at the start of a line, as "  -h,--help" or "  --port TEXT".
+TEST(Completion, OffersEveryOptionThatTheHelpOfACommandNames)
+{
+    for (const QString& command : offered({""})) {
+        const Result help = runProgram(MICRO850_HOST, {command, "--help"});
+        QStringList named;
+        for (const QString& line : linesOf(help.out)) {
+            const QString first = line.trimmed().section(' ', 0, 0);
+            if (line.startsWith("  -"))
+                named += first.split(',');
+        }
+        named.sort();
+        EXPECT_GE(named.size(), 3) << command.toStdString();
+        EXPECT_EQ(offered({command, "-"}), named) << command.toStdString();
+    }
+}
+
 TEST(Completion, OffersTheValuesOfAnOption)
 {
     EXPECT_EQ(offered({"poll", "--sort", ""}), (QStringList{"age", "name", "project"}));

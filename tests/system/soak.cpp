@@ -334,7 +334,7 @@ int main(int argc, char** argv)
 {
     Options options;
     CLI::App app("Driver and reference host on a line on which everything goes wrong.", "soak");
-    app.add_option("--transactions", options.transactions, "How many")
+    app.add_option("--transactions", options.transactions, "Transactions to run")
         ->take_last()
         ->capture_default_str()
         ->check(CLI::Range(qint64(1000), qint64(1000000000)));
@@ -342,7 +342,7 @@ int main(int argc, char** argv)
     app.add_option("--rate", options.rate, "Share of messages that a fault strikes")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 0.5));
-    app.add_option("--list", options.list, "File for what became of each write");
+    app.add_option("--list", options.list, "File that gets the outcome of each write");
     app.add_flag("--no-duplicate-detection", options.noDuplicateDetection,
                  "The controller executes a repeated message again");
     try {
