@@ -184,9 +184,14 @@ CipServer::Reply CipServer::forwardOpen(const Request& request)
     const std::uint64_t toOriginator = reader.number(4);
     connection.timeout = Duration(static_cast<std::int64_t>(toTarget * multiplier));
     connection.expires = m_clock.now() + connection.timeout;
-    // An originator that opens the same connection again has lost the old one.
-    for (auto it = m_connections.begin(); it != m_connections.end();)
-        it = it->second.key == connection.key ? m_connections.erase(it) : std::next(it);
+    expireConnections();
+    const auto same = findOpen(connection.key);
+    if (same != m_connections.end() && !m_replacesConnections)
+        return {CipStatus::ConnectionFailure, CipExtended::ConnectionInUse, {}};
+    if (same != m_connections.end())
+        m_connections.erase(same);
+    if (m_connectionLimit && m_connections.size() >= *m_connectionLimit)
+        return {CipStatus::ConnectionFailure, CipExtended::OutOfConnections, {}};
 
     Reply reply;
     appendNumber(reply.data, m_nextConnectionId, 4);
@@ -207,16 +212,20 @@ CipServer::Reply CipServer::forwardClose(const Request& request)
         return {CipStatus::NotEnoughData, CipExtended::None, {}};
     reader.skip(2);
     const Bytes key = reader.bytes(8);
-    for (auto it = m_connections.begin(); it != m_connections.end(); ++it) {
-        if (it->second.key != key)
-            continue;
-        m_connections.erase(it);
-        Reply reply;
-        append(reply.data, key);
-        appendNumber(reply.data, 0, 2);
-        return reply;
-    }
-    return {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}};
+    const auto open = findOpen(key);
+    if (open == m_connections.end())
+        return {CipStatus::ConnectionFailure, CipExtended::ConnectionNotFound, {}};
+    m_connections.erase(open);
+    Reply reply;
+    append(reply.data, key);
+    appendNumber(reply.data, 0, 2);
+    return reply;
+}
+
+std::map<std::uint32_t, CipServer::Connection>::iterator CipServer::findOpen(const Bytes& key)
+{
+    return std::find_if(m_connections.begin(), m_connections.end(),
+                        [&](const auto& each) { return each.second.key == key; });
 }
 
 void CipServer::expireConnections()

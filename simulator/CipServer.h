@@ -27,7 +27,9 @@ enum class CipStatus : std::uint8_t {
 /// Extended status words of some of these.
 enum class CipExtended : std::uint16_t {
     None = 0,
+    ConnectionInUse = 0x0100,
     ConnectionNotFound = 0x0107,
+    OutOfConnections = 0x0113,
     BeyondObject = 0x2105,
     TypeMismatch = 0x2107
 };
@@ -63,6 +65,11 @@ public:
     std::optional<Bytes> handle(const Bytes& message);
     /// While a failure is set, no request is executed; each is answered with this error.
     void setFailure(std::optional<CipFailure> failure) { m_failure = failure; }
+    /// Sets how many connections can be open at a time; none: any number.
+    void setConnectionLimit(std::optional<std::size_t> limit) { m_connectionLimit = limit; }
+    /// What becomes of an open connection when its originator opens it again: the request is
+    /// refused, or it replaces the connection. Refused by default.
+    void setReplacesConnections(bool replaces) { m_replacesConnections = replaces; }
     /// Forgets all connections and counts, as a power cycle does.
     void reset();
 
@@ -114,6 +121,7 @@ private:
     /// Finds the tag and element that a path names. Returns the error reply when there is none.
     std::optional<Reply> locate(const Bytes& path, Target& target);
     Connection* findConnection(std::uint16_t lowHalf);
+    std::map<std::uint32_t, Connection>::iterator findOpen(const Bytes& key);
     void expireConnections();
 
     const Clock& m_clock;
@@ -121,6 +129,8 @@ private:
     Identity m_identity;
     std::map<std::uint32_t, Connection> m_connections; ///< by O->T identifier
     std::uint32_t m_nextConnectionId = 0x00A15C3A;
+    std::optional<std::size_t> m_connectionLimit;
+    bool m_replacesConnections = false;
     std::map<std::uint8_t, unsigned> m_answers;
     std::optional<CipFailure> m_failure;
 };

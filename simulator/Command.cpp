@@ -25,6 +25,20 @@ bool isNumber(const std::string& word)
            word.find_first_not_of("0123456789") == std::string::npos;
 }
 
+Command::Kind kindNamed(const std::string& name)
+{
+    if (name == "power-cycle")
+        return Command::PowerCycle;
+    if (name == "download")
+        return Command::Download;
+    if (name == "status")
+        return Command::Status;
+    throw UserError('"' + name + "\" is not a command" +
+                    didYouMean(name, {"power-cycle", "download", "status"}) +
+                    " (power-cycle [retain] [STATION], download [FILE] [STATION] or status "
+                    "[STATION])");
+}
+
 } // namespace
 
 std::optional<Command> parseCommand(const std::string& line)
@@ -33,12 +47,8 @@ std::optional<Command> parseCommand(const std::string& line)
     if (words.empty())
         return std::nullopt;
     const std::string name = words.front();
-    if (name != "power-cycle" && name != "download")
-        throw UserError('"' + name + "\" is not a command" +
-                        didYouMean(name, {"power-cycle", "download"}) +
-                        " (power-cycle [retain] [STATION] or download [FILE] [STATION])");
     Command command;
-    command.kind = name == "download" ? Command::Download : Command::PowerCycle;
+    command.kind = kindNamed(name);
     words.erase(words.begin());
     if (!words.empty() && isNumber(words.back())) {
         command.station = std::stoi(words.back());
@@ -46,6 +56,8 @@ std::optional<Command> parseCommand(const std::string& line)
     }
     if (words.empty())
         return command;
+    if (command.kind == Command::Status)
+        throw UserError("status: \"" + words.front() + "\" is not a station's number");
     if (command.kind == Command::Download)
         command.file = words.front();
     else if (words.front() == "retain")

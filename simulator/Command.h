@@ -11,7 +11,8 @@ struct Command
 {
     enum Kind {
         PowerCycle, ///< forget connections and link state
-        Download    ///< replace the tags by those of a file
+        Download,   ///< replace the tags by those of a file
+        Status      ///< print connections and counts
     };
     Kind kind = PowerCycle;
     bool retain = false;        ///< PowerCycle: keep the values
@@ -19,8 +20,9 @@ struct Command
     std::optional<int> station; ///< none: all
 };
 
-/// Parses a line `power-cycle [retain] [STATION]` or `download [FILE] [STATION]`. Returns nothing
-/// for a blank line. Throws UserError that names the wrong word and the remedy.
+/// Parses a line `power-cycle [retain] [STATION]`, `download [FILE] [STATION]` or `status
+/// [STATION]`. Returns nothing for a blank line. Throws UserError that names the wrong word and the
+/// remedy.
 std::optional<Command> parseCommand(const std::string& line);
 
 } // namespace micro850::sim

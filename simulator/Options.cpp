@@ -48,6 +48,9 @@ void declare(CLI::App& app, Options& options)
     app.add_option("--station", options.stations,
                    "Number and tag file of one of several controllers, each on its own line")
         ->type_name("N=FILE");
+    app.add_option("--connections", options.setup.connections,
+                   "Connections that can be open at a time (default: any number)")
+        ->check(CLI::Range(1, 1000));
     app.add_option("--replay", options.setup.replay,
                    "Answer from a recorded trace instead of from tags");
     declareLine(app, options);
@@ -57,6 +60,7 @@ void declare(CLI::App& app, Options& options)
                "  power-cycle [retain] [N]   forget connections; reset or retain the values\n"
                "  download [FILE] [N]        load other tags; without FILE reload the tag file,\n"
                "                             as SIGHUP does\n"
+               "  status [N]                 print open connections and counts of messages\n"
                "Example:\n  micro850-sim examples/plant.tags.json --link /tmp/plc\n"
                "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
 }

@@ -8,6 +8,17 @@
 
 namespace micro850::sim {
 
+namespace {
+
+std::string messagesOf(const LinkCounters& counters)
+{
+    return std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
+           " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
+           std::to_string(counters.undelivered) + " replies undelivered";
+}
+
+} // namespace
+
 TagTable Station::loadTags(const StationSetup& setup)
 {
     return setup.tags.empty() ? TagTable() : TagTable::fromFile(setup.tags);
@@ -17,6 +28,7 @@ Station::Station(StationSetup setup)
     : m_setup(std::move(setup)), m_controller(m_clock, loadTags(m_setup), m_setup.options),
       m_line(m_clock, m_controller, m_setup.faults, m_setup.seed)
 {
+    m_controller.server().setConnectionLimit(m_setup.connections);
     m_line.setObserver([this](const FaultyLine::Event& event) { report(describe(event)); });
     if (!m_setup.replay.empty()) {
         const Trace trace = readTrace(m_setup.replay);
@@ -70,6 +82,10 @@ std::optional<Bytes> Station::answerFromTrace(const Bytes& message)
 
 void Station::execute(const Command& command)
 {
+    if (command.kind == Command::Status) {
+        printStatus();
+        return;
+    }
     if (command.kind == Command::PowerCycle) {
         m_controller.powerCycle(command.retain);
         report(command.retain ? "power cycle, values retained" : "power cycle, initial values");
@@ -83,12 +99,19 @@ void Station::execute(const Command& command)
     report("tags of " + file + " downloaded");
 }
 
+// The answer to a command, also where nothing else is printed.
+void Station::printStatus()
+{
+    std::cout << m_setup.name << (m_setup.name.empty() ? "" : ": ")
+              << m_controller.server().openConnections();
+    if (m_setup.connections)
+        std::cout << " of " << *m_setup.connections;
+    std::cout << " connections open, " << messagesOf(m_controller.counters()) << std::endl;
+}
+
 void Station::summarise() const
 {
-    const LinkCounters& counters = m_controller.counters();
-    report(std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
-           " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
-           std::to_string(counters.undelivered) + " replies undelivered");
+    report(messagesOf(m_controller.counters()));
     if (m_setup.faults.empty())
         return;
     std::string text = "faults with seed " + std::to_string(m_setup.seed) + ':';

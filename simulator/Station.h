@@ -20,6 +20,7 @@ struct StationSetup
     std::string link;   ///< symbolic link to the pseudo-terminal, or ""
     int baud = 38400;
     LinkOptions options;
+    std::optional<std::size_t> connections; ///< most that can be open; none: any number
     FaultScript faults;
     std::uint64_t seed = 1;
     bool quiet = false;
@@ -44,6 +45,7 @@ public:
     void summarise() const;
 
 private:
+    void printStatus();
     static TagTable loadTags(const StationSetup& setup);
     void open();
     void receive();

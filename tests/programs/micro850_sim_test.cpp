@@ -125,6 +125,27 @@ TEST_F(SimulatorProgram, ExecutesAndReportsCommandsForOneStationOrAll)
     EXPECT_EQ(end(SIGTERM), 0);
 }
 
+TEST_F(SimulatorProgram, PrintsItsConnectionsOnStandardOutputWhenAsked)
+{
+    start({"--station", "1=" + file("a.json", kTags), "--station", "2=" + file("b.json", kTags),
+           "--connections", "6", "--quiet"});
+    ASSERT_TRUE(says("station 2", QProcess::StandardOutput));
+    type("status");
+    EXPECT_TRUE(says("station 1: 0 of 6 connections open, 0 messages", QProcess::StandardOutput));
+    EXPECT_TRUE(says("station 2: 0 of 6 connections open, 0 messages", QProcess::StandardOutput));
+    type("status 3");
+    EXPECT_TRUE(says("there is no station 3"));
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(SimulatorProgram, RefusesALimitOfNoConnections)
+{
+    start({file("a.json", kTags), "--connections", "0"});
+    EXPECT_TRUE(says("--connections"));
+    EXPECT_TRUE(m_process.waitForFinished(kLimitMs));
+    EXPECT_EQ(m_process.exitCode(), 2);
+}
+
 /// The host's end of a line, byte by byte.
 class RawPort
 {

@@ -11,7 +11,11 @@
 class SimulatedController
 {
 public:
-    SimulatedController() : m_controller(m_clock, micro850::sim::TagTable(), executingRepeats()) {}
+    SimulatedController() : m_controller(m_clock, micro850::sim::TagTable(), executingRepeats())
+    {
+        // Within one second the driver opens the same connection again.
+        m_controller.server().setReplacesConnections(true);
+    }
 
     /// Adds a tag of one element of an elementary type, all bytes 00.
     void define(const QByteArray& name, const char* type)

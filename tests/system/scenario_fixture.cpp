@@ -86,6 +86,8 @@ ScenarioTest::ScenarioTest()
     : m_line(std::make_unique<micro850::sim::FaultyLine>(clock, controller)),
       m_timeOfDay(QTime(12, 0, 0))
 {
+    // The driver's time of day stands still, so that it opens the same connection again.
+    controller.server().setReplacesConnections(true);
 }
 
 void ScenarioTest::restart()

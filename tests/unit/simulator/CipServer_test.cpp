@@ -86,8 +86,48 @@ TEST_F(CipTest, OpensOneConnectionForEachOriginator)
     other[20] ^= 0xFF; // originator serial number
     unconnected(other);
     EXPECT_EQ(server.openConnections(), 2u);
+}
+
+TEST_F(CipTest, RefusesToOpenAConnectionThatIsOpen)
+{
     unconnected(kForwardOpen);
-    EXPECT_EQ(server.openConnections(), 2u) << "the same originator replaces its connection";
+    EXPECT_EQ(unconnected(kForwardOpen), "01 00 4B 00 34 12 00 00 D4 00 01 01 00 01");
+    Bytes other = kForwardOpen;
+    other[16] ^= 0xFF; // connection serial number
+    EXPECT_EQ(unconnected(other).substr(24, 11), "D4 00 00 00");
+    EXPECT_EQ(server.openConnections(), 2u);
+    clock.advance(std::chrono::seconds(32));
+    EXPECT_EQ(unconnected(kForwardOpen).substr(24, 11), "D4 00 00 00")
+        << "the open one has expired";
+}
+
+TEST_F(CipTest, ReplacesAConnectionThatIsOpenWhereItIsToldTo)
+{
+    server.setReplacesConnections(true);
+    unconnected(kForwardOpen);
+    EXPECT_EQ(unconnected(kForwardOpen).substr(24, 11), "D4 00 00 00");
+    EXPECT_EQ(server.openConnections(), 1u);
+}
+
+TEST_F(CipTest, OpensNoMoreConnectionsThanItsLimit)
+{
+    server.setConnectionLimit(2);
+    Bytes request = kForwardOpen;
+    for (const std::uint8_t serial : {std::uint8_t(1), std::uint8_t(2)}) {
+        request[20] = serial; // originator serial number
+        EXPECT_EQ(unconnected(request).substr(24, 11), "D4 00 00 00") << int(serial);
+    }
+    request[20] = 3;
+    EXPECT_EQ(unconnected(request), "01 00 4B 00 34 12 00 00 D4 00 01 01 13 01");
+    request[20] = 1;
+    EXPECT_EQ(unconnected(request), "01 00 4B 00 34 12 00 00 D4 00 01 01 00 01")
+        << "in use comes first";
+    unconnected(hex("4E 02 20 06 24 01 05 F7 02 00 34 12 01 16 C6 02 02 00 20 02 24 01"));
+    request[20] = 3;
+    EXPECT_EQ(unconnected(request).substr(24, 11), "D4 00 00 00");
+    clock.advance(std::chrono::seconds(32));
+    request[20] = 4;
+    EXPECT_EQ(unconnected(request).substr(24, 11), "D4 00 00 00") << "the others have expired";
 }
 
 TEST_F(CipTest, ServesTwoOriginatorsAndClosesTheirConnectionsSeparately)

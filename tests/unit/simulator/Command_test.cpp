@@ -43,6 +43,14 @@ TEST(Command, DownloadAcceptsAFileAndAStation)
     EXPECT_EQ(parseCommand("download 2")->kind, Command::Download);
 }
 
+TEST(Command, StatusAcceptsAStation)
+{
+    EXPECT_EQ(parseCommand("status")->kind, Command::Status);
+    EXPECT_FALSE(parseCommand("status")->station);
+    EXPECT_EQ(parseCommand("status 2")->station, 2);
+    EXPECT_EQ(complaintAbout("status all"), "status: \"all\" is not a station's number");
+}
+
 TEST(Command, IsNothingForABlankLine)
 {
     EXPECT_FALSE(parseCommand(""));
@@ -53,7 +61,7 @@ TEST(Command, ErrorNamesTheWrongWord)
 {
     EXPECT_EQ(complaintAbout("power-cicle"),
               "\"power-cicle\" is not a command (did you mean power-cycle?) (power-cycle [retain] "
-              "[STATION] or download [FILE] [STATION])");
+              "[STATION], download [FILE] [STATION] or status [STATION])");
     EXPECT_EQ(complaintAbout("power-cycle keep"),
               "power-cycle: \"keep\" is neither \"retain\" nor a station's number");
     EXPECT_EQ(complaintAbout("download a.json b.json"),
