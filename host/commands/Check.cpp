@@ -92,6 +92,32 @@ Finding notChecked(const QString& why)
     return {nullptr, Verdict::NotChecked, QStringLiteral("not checked: ") + why};
 }
 
+// "1 and 2", "1, 2 and 3"; empty unless several stations are enabled.
+QString severalStations(const Project& project)
+{
+    QStringList numbers;
+    for (const StationSettings& station : project.stations) {
+        if (station.enabled)
+            numbers += QString::number(station.number);
+    }
+    if (numbers.size() < 2)
+        return QString();
+    const QString last = numbers.takeLast();
+    return numbers.join(QStringLiteral(", ")) + QStringLiteral(" and ") + last;
+}
+
+// A line has one controller at its other end, whatever the stations are called.
+void warnOfSharedLine(const Project& project, const CheckOptions& options, const Output& output)
+{
+    const QString stations = severalStations(project);
+    if (stations.isEmpty())
+        return;
+    output.note(QStringLiteral("%1: stations: warning: %2 are on one line, but the number of a "
+                               "station is not sent: all of them are the one controller at its "
+                               "other end (make a project with its own port for each controller)")
+                    .arg(textOf(options.line.project), stations));
+}
+
 QString counted(int count, const QString& noun)
 {
     return QString::number(count) + ' ' + noun + (count == 1 ? "" : "s");
@@ -185,6 +211,7 @@ int run(const CheckOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     const Project project = projectOf(options.line);
+    warnOfSharedLine(project, options, output);
     if (!options.offline && !project.port.device.isEmpty())
         return checkOnLine(options, project, output);
     output.data({{"file", options.line.project},

@@ -80,6 +80,7 @@ int run(const ProbeOptions& options)
     const SystemClock clock;
     Prober prober(library.api(), options.station);
     Progress progress(output, QStringLiteral("trying speeds"), speeds.size());
+    bool heard = false;
     const Interrupt interrupt;
     for (int i = 0; i < speeds.size(); ++i) {
         interrupt.throwIfRequested();
@@ -96,11 +97,14 @@ int run(const ProbeOptions& options)
             trace.close();
             return kExitDone;
         }
+        heard = heard || result.heard;
         output.data(reportObject(port, result), QString());
         output.error(port.text() + QStringLiteral(": ") + result.error);
     }
-    output.note(QStringLiteral("check cable, station and speed%1")
-                    .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
+    if (!heard) {
+        output.note(QStringLiteral("check cable and speed%1")
+                        .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
+    }
     trace.close();
     return kExitRefused;
 }
@@ -114,7 +118,9 @@ void addProbe(CommandLine& line)
                                            [options] { return run(*options); });
     probe.flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
     probe.text("--project", options->line.project, "Project file: its port");
-    probe.integer("--station", options->station, 0, 65535, "Station number (default 1)");
+    probe.integer("--station", options->station, 0, 65535,
+                  "Number under which the driver keeps the controller (default 1); it is not sent: "
+                  "whatever is at the other end answers");
     options->line.addTo(probe);
     options->output.addTo(probe);
     probe.footer(std::string("Example:\n  micro850-host probe --port /dev/ttyUSB0 --scan\n") +

@@ -26,6 +26,22 @@ TEST_F(HostCheck, ChecksTheFileAloneWithoutAPort)
                   R"(","ok":true,"stations":1,"variables":2})" + "\n");
 }
 
+TEST_F(HostCheck, WarnsOfSeveralStationsOnOneLine)
+{
+    const QString project = file("p.json", R"({"stations": [{"number": 1}, {"number": 5},
+        {"number": 7}, {"number": 9, "enabled": false}], "variables": [{"tag": "Speed"}]})");
+    const Result result = host({"check", project});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.err,
+              "micro850-host: " + project.toStdString() +
+                  ": stations: warning: 1, 5 and 7 are on one line, but the number of a station is "
+                  "not sent: all of them are the one controller at its other end (make a project "
+                  "with its own port for each controller)\n");
+    const QString one = file("one.json", R"({"stations": [{"number": 5}, {"number": 9,
+        "enabled": false}], "variables": [{"tag": "Speed", "station": 5}]})");
+    EXPECT_EQ(host({"check", one}).err, "");
+}
+
 TEST_F(HostCheck, ShowsAFileWithAPercentSignAndADigitUnchanged)
 {
     const QString project = file("line%2.json", R"({"variables": [{"tag": "Speed"}]})");
@@ -51,7 +67,8 @@ TEST_F(HostCheck, AsksTheControllerForEachVariable)
     EXPECT_EQ(lines.at(1), QString("Wrong type: is INT in the controller, DINT in the project"));
     EXPECT_EQ(lines.at(2), QString("Level: ok, INT"));
     EXPECT_TRUE(lines.at(3).startsWith("Too long: element 10: ")) << result.out;
-    EXPECT_EQ(lines.at(4), QString("Nope: path destination unknown (status 05)"));
+    EXPECT_EQ(lines.at(4),
+              QString("Nope: no such tag (names are as in the controller's program; status 05)"));
     EXPECT_EQ(result.err, "micro850-host: " + project.toStdString() +
                               ": 5 variables checked, 3 with a problem\n");
     EXPECT_EQ(hostOnPort({"check", project, "--offline", "--quiet"}).status, 0);
