@@ -33,7 +33,7 @@ QStringList Changes::popStates()
     QStringList states(m_table.lineState());
     for (const Station& station : m_loop.stations())
         states +=
-            QStringLiteral("station %1: %2").arg(station.number()).arg(stateText(station.state()));
+            QStringLiteral("station %1: %2").arg(station.number()).arg(conditionText(station));
     QStringList changed;
     for (int i = 0; i < states.size(); ++i) {
         if (states.at(i) != m_states.value(i))

@@ -171,6 +171,7 @@ void ProjectCheck::run()
         print(m_output, variable, finding);
     }
     summarise();
+    session.finish();
     trace.close();
 }
 

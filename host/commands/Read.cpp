@@ -234,6 +234,7 @@ void readAll(Reads& reads, const ReadOptions& options, const Project& project)
     reads.checkTypes(session, interrupt);
     if (!reads.anyRefused())
         reads.carryOut(session, interrupt);
+    session.finish();
     trace.close();
 }
 

@@ -21,16 +21,19 @@ Json stationObject(const Station& station)
     Json errors = Json::object();
     for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
         errors[error.key().toStdString()] = error.value();
-    return {{"station", station.number()},
-            {"state", stateText(station.state()).toStdString()},
-            {"sent", counters.sent},
-            {"answered", counters.answered},
-            {"timedOut", counters.timedOut},
-            {"corrupt", counters.corrupt},
-            {"late", counters.late},
-            {"retries", counters.retries},
-            {"reconnects", counters.reconnects},
-            {"errors", errors}};
+    Json object = {{"station", station.number()},
+                   {"state", stateText(station).toStdString()},
+                   {"sent", counters.sent},
+                   {"answered", counters.answered},
+                   {"timedOut", counters.timedOut},
+                   {"corrupt", counters.corrupt},
+                   {"late", counters.late},
+                   {"retries", counters.retries},
+                   {"reconnects", counters.reconnects},
+                   {"errors", errors}};
+    if (!station.error().isEmpty())
+        object["problem"] = station.error().toStdString();
+    return object;
 }
 
 Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
@@ -66,14 +69,19 @@ void RunLoop::run(LoopView& view, double seconds)
     const auto over = [&] { return seconds > 0 && clock.now() >= end; };
     // Restores the settings of the terminal when the view has closed.
     const auto keyboard = view.usesKeys() ? std::make_unique<Keyboard>(STDIN_FILENO) : nullptr;
-    while (!m_interrupt.requested() && !view.quits() && !over()) {
-        m_loop.step();
-        if (keyboard) {
-            for (const Key& key : keyboard->pressed())
-                view.handle(key);
+    try {
+        while (!m_interrupt.requested() && !view.quits() && !over()) {
+            m_loop.step();
+            if (keyboard) {
+                for (const Key& key : keyboard->pressed())
+                    view.handle(key);
+            }
+            view.update(clock.now());
+            m_trace.throwIfFailed();
         }
-        view.update(clock.now());
-        m_trace.throwIfFailed();
+    } catch (...) { // a file or the output that cannot be written
+        m_loop.finish();
+        throw;
     }
     m_loop.finish();
     view.close(clock.now());

@@ -83,8 +83,10 @@ void TargetOptions::addTo(CommandOptions& command, LineOptions& line)
 {
     command.text("--project", line.project,
                  "Project file: its port, and its variables by their names");
-    command.integer("--station", station, 0, 65535,
-                    "Station number of tags that no project names (default 1)");
+    command.integer(
+        "--station", station, 0, 65535,
+        "Station of tags that no project names (default 1); the number is not sent, it only "
+        "separates what the driver keeps");
     command.flag("--raw", raw, kRawHelp);
 }
 

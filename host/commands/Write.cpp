@@ -450,6 +450,7 @@ void writeAll(Writes& writes, const WriteOptions& options, const Project& projec
     writes.checkAgainstController(session, interrupt);
     if (!writes.anyRefused())
         writes.carryOut(session, interrupt);
+    session.finish();
     trace.close();
 }
 

@@ -153,7 +153,7 @@ QStringList LiveTable::stationLines(Duration now) const
         QString line = QStringLiteral("station %1").arg(station.number());
         if (!station.name().isEmpty())
             line += QStringLiteral(" (%1)").arg(station.name());
-        line += QStringLiteral(": %1").arg(stateText(station.state()));
+        line += QStringLiteral(": %1").arg(stateText(station));
         if (!station.error().isEmpty())
             line += QStringLiteral(", %1").arg(station.error());
         if (!station.alive() && station.lastAnswer())

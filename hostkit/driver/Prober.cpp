@@ -62,10 +62,12 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         result.roundTrip = answer.roundTrip;
         result.identity = decodeIdentity(answer.reply.body);
         result.answered = answer.reply.good() && result.identity.valid;
-        if (!result.answered) {
-            result.error = answer.reply.good() ? QStringLiteral("an identity that is cut short")
-                                               : statusText(answer.reply);
-        }
+        result.heard = true;
+        if (!answer.reply.good())
+            result.error = QStringLiteral("the controller does not tell its identity: ") +
+                           statusPhrase(answer.reply);
+        else if (!result.answered)
+            result.error = QStringLiteral("the controller tells an identity that is cut short");
         return result;
     }
     result.error = silenceText(counters);

@@ -13,11 +13,13 @@ struct ProbeResult
     bool answered = false;
     Identity identity;
     Duration roundTrip{0};
-    QString error; ///< why there is no identity; empty when `answered`
+    QString error;      ///< why there is no identity; empty when `answered`
+    bool heard = false; ///< a reply came, even if it has no identity
 };
 
 /// Asks the controller at the other end of a line for its identity. That is the driver's first
-/// request to any station; no other request is sent.
+/// request to any station; no other request is sent, so that no connection is opened. The number of
+/// the station is not on the line.
 class Prober
 {
 public:

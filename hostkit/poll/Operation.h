@@ -1,6 +1,7 @@
 #ifndef MICRO850_HOST_OPERATION_H
 #define MICRO850_HOST_OPERATION_H
 
+#include "Failure.h"
 #include "TagKey.h"
 
 #include <QtCore/QByteArray>
@@ -20,7 +21,7 @@ struct Operation
         InDriver, ///< in the driver's list
         Done,
         Refused, ///< by the controller
-        Failed   ///< no answer
+        Failed   ///< without an answer to it; `failure` has the cause
     };
     int id = 0; ///< above 0; OperationQueue::add() sets it
     Kind kind = Kind::Read;
@@ -31,6 +32,7 @@ struct Operation
     QByteArray value;  ///< of a write: one element, in the controller's byte order
     QByteArray result; ///< of a read: value bytes, in the controller's byte order
     QString error;     ///< why it was refused or failed
+    Failure failure;   ///< of one that failed
     int variable = -1; ///< the variable that the operation reads once, -1 for none
     int attempts = 0;
     /// True: the operation is kept after its end until OperationQueue::forget() is called. False:

@@ -12,11 +12,10 @@ const CipType* typeFor(const Operation& operation, const TypeRegistry& types)
     return types.isKnown(operation.tag) ? types.tag(operation.tag).type : nullptr;
 }
 
-QString whyOutOfService(const Station& station)
+Failure whyOutOfService(const Station& station)
 {
-    const bool disabled = station.state() == Station::State::Disabled;
-    return QStringLiteral("station %1 ").arg(station.number()) +
-           QLatin1String(disabled ? "is disabled" : "does not answer");
+    return station.state() == Station::State::Disabled ? disabledStation(station.number())
+                                                       : station.failure();
 }
 
 } // namespace
@@ -69,7 +68,7 @@ void OperationQueue::pumpStation(const Station& station)
     while (!waiting.isEmpty() && !m_inDriver.contains(station.number())) {
         Operation& operation = m_operations[waiting.dequeue()];
         if (!station.inService())
-            end(operation, Operation::State::Failed, whyOutOfService(station));
+            fail(operation, whyOutOfService(station));
         else if (operation.kind == Operation::Kind::Learn || typeFor(operation, m_types))
             giveToDriver(operation);
         else
@@ -107,7 +106,7 @@ void OperationQueue::deferUntilTyped(Operation& operation)
         return;
     }
     if (++operation.attempts > kAttempts) {
-        end(operation, Operation::State::Failed, QStringLiteral("no answer"));
+        fail(operation, m_lastFailure);
         return;
     }
     const TagKey key = operation.tag;
@@ -134,7 +133,7 @@ void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const Re
     if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
         waitAgain(operation);
     else if (!succeeded)
-        end(operation, Operation::State::Failed, QStringLiteral("no answer"));
+        fail(operation, status.failure);
     else if (!status.refusal.isEmpty())
         end(operation, Operation::State::Refused, status.refusal);
     else
@@ -162,16 +161,22 @@ void OperationQueue::waitAgain(Operation& operation)
     m_waiting[operation.tag.station].prepend(operation.id);
 }
 
-void OperationQueue::failAll(int station)
+void OperationQueue::failAll(int station, const Failure& failure)
 {
     QQueue<int> ids = m_waiting.take(station);
     ids += m_inDriver.take(station);
     for (const int id : ids) {
         const auto found = m_operations.find(id);
         if (found != m_operations.end())
-            end(*found, Operation::State::Failed,
-                QStringLiteral("station %1 does not answer").arg(station));
+            fail(*found, failure);
     }
+}
+
+void OperationQueue::fail(Operation& operation, const Failure& failure)
+{
+    m_lastFailure = failure.cause == Failure::Cause::None ? noReply(false) : failure;
+    operation.failure = m_lastFailure;
+    end(operation, Operation::State::Failed, m_lastFailure.text);
 }
 
 void OperationQueue::end(Operation& operation, Operation::State state, const QString& error)

@@ -17,6 +17,7 @@ struct ReplyStatus
 {
     QString refusal;             ///< why the controller refused the request; empty when it did not
     bool connectionLost = false; ///< it refused because it does not know the connection
+    Failure failure;             ///< why there is no reply, or no connection any more
 };
 
 /// The single reads and writes: those that wait, and those that the driver has. The driver gets one
@@ -51,8 +52,8 @@ public:
     void endFinished(const ReplyStatus& status);
     /// The driver gave up the connection of a station, and with it the writes that are queued.
     void handleDroppedConnection(int station, const ReplyStatus& status);
-    /// Ends all operations of a station that does not answer.
-    void failAll(int station);
+    /// Ends all operations of a station that has no connection.
+    void failAll(int station, const Failure& failure);
 
 private:
     void pumpStation(const Station& station);
@@ -60,6 +61,7 @@ private:
     void deferUntilTyped(Operation& operation);
     void applyOutcome(Operation& operation, bool succeeded, const ReplyStatus& status);
     void waitAgain(Operation& operation);
+    void fail(Operation& operation, const Failure& failure);
     void end(Operation& operation, Operation::State state, const QString& error = QString());
 
     Driver& m_driver;
@@ -67,6 +69,7 @@ private:
     QHash<int, Operation> m_operations; ///< by id
     QMap<int, QQueue<int>> m_waiting;   ///< ids, by station
     QMap<int, int> m_inDriver;          ///< the one id that the driver has, by station
+    Failure m_lastFailure;              ///< of an operation
     int m_lastId = 0;
 };
 

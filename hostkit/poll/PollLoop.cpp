@@ -2,12 +2,23 @@
 
 #include "FrameText.h"
 
+#include <QtCore/QTime>
+
 namespace micro850::host {
 
 namespace {
 
 const std::chrono::milliseconds kIdlePause(20);
 const std::chrono::milliseconds kLookInterval(100);
+
+// The driver seeds the serial number of a connection with the second of the day, as this clock
+// shows it. The time that is left of the present second, and a little more.
+Duration restOfSecond()
+{
+    const int secondMs = 1000;
+    const int marginMs = 5;
+    return std::chrono::milliseconds(secondMs - QTime::currentTime().msec() + marginMs);
+}
 
 } // namespace
 
@@ -16,7 +27,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
       m_exchange(line, clock, project.port),
       m_driver(api, project.stations.first().number, project.port.retryLimit), m_values(project),
       m_types(project, clock, m_values), m_operations(m_driver, m_types),
-      m_deferred(m_driver, m_values)
+      m_deferred(m_driver, m_values), m_connections(m_exchange, project.port)
 {
     m_exchange.setMeanwhile([this] { m_deferred.store(); });
     for (const StationSettings& settings : project.stations) {
@@ -29,7 +40,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
 
 void PollLoop::step()
 {
-    if (!m_line.ensureOpen())
+    if (!m_line.ensureOpen() || waitsForOtherSerial())
         return;
     probeDeadStations();
     askForTypes();
@@ -108,6 +119,8 @@ void PollLoop::idle()
 void PollLoop::finish()
 {
     m_deferred.store();
+    if (m_line.isOpen())
+        m_connections.closeAll();
     m_exchange.acknowledge();
 }
 
@@ -125,7 +138,7 @@ void PollLoop::transact(Protocol& sent)
         break;
     case Answer::Outcome::TimedOut:
         m_line.noteTraffic();
-        handleSilence(sent, answer.request, station);
+        handleSilence(sent, answer, station, status);
         break;
     case Answer::Outcome::Answered:
         m_line.noteTraffic();
@@ -144,35 +157,77 @@ Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
     const QByteArray frame = sent.frame; // whole: `sendLength` can be that of an earlier frame
     const qint64 bytesBefore = counters.bytes();
     const Answer answer = m_exchange.run(frame, counters);
+    m_connections.note(sent.var.stationNo, frame, answer);
     const bool answered = answer.outcome == Answer::Outcome::Answered;
     m_statistics.add(m_clock.now(), static_cast<int>(counters.bytes() - bytesBefore),
                      answered ? std::make_optional(answer.roundTrip) : std::nullopt);
     return answer;
 }
 
-void PollLoop::handleSilence(Protocol& sent, const Request& request, Station& station)
+void PollLoop::handleSilence(Protocol& sent, const Answer& answer, Station& station,
+                             ReplyStatus& status)
 {
+    status.failure = noReply(answer.garbled);
     const Verdict verdict = m_driver.reportSilence(sent);
     if (verdict == Verdict::NoConnection)
-        handleFailedSetUp(request, QStringLiteral("no answer"), station);
+        handleFailedSetUp(answer.request.service == kForwardOpen, status.failure, station);
     else
-        handleVerdict(verdict, station, ReplyStatus());
+        handleVerdict(verdict, station, status);
 }
 
 void PollLoop::handleSetUpReply(Protocol& sent, const Answer& answer, Station& station)
 {
     const bool opens = answer.request.service == kForwardOpen;
     if (opens && !answer.reply.good()) {
+        handleRefusedOpen(sent, answer.reply, station);
+    } else if (opens && !hasConnection(answer.reply)) {
         // Without an identifier there is no connection; the driver would accept any bytes as one.
         m_driver.reportSilence(sent);
-        handleFailedSetUp(answer.request, statusText(answer.reply), station);
+        handleFailedSetUp(opens, unusableReply(), station);
     } else if (m_driver.handOver(sent, answer.data) == Verdict::NoConnection) {
-        handleFailedSetUp(answer.request, QStringLiteral("unusable answer"), station);
+        handleFailedSetUp(opens, unusableReply(), station);
     } else if (opens) {
         handleConnected(station);
     } else {
         station.noteIdentity();
+        // The controller answers, so that what is left of earlier connections can be closed. Many
+        // controllers have only a few, and refuse one that has the number of an open one.
+        m_connections.close(station.number());
     }
+}
+
+// After this report the driver draws another serial number. In the same second it would be the same
+// one; therefore the report of a number in use waits for the next second. Until then the driver
+// keeps the request.
+void PollLoop::handleRefusedOpen(Protocol& sent, const Reply& reply, Station& station)
+{
+    const Failure failure = refusedConnection(reply);
+    if (saysConnectionInUse(reply) && station.triesOtherSerial()) {
+        m_exchange.acknowledge();
+        m_nextSerialAt = m_clock.now() + restOfSecond();
+        station.waitForOtherSerial(failure);
+        return;
+    }
+    m_driver.reportSilence(sent);
+    handleFailedSetUp(true, failure, station);
+}
+
+bool PollLoop::waitsForOtherSerial()
+{
+    if (!m_nextSerialAt)
+        return false;
+    const Duration now = m_clock.now();
+    if (now < *m_nextSerialAt) {
+        m_line.pause(*m_nextSerialAt - now);
+        return true;
+    }
+    m_nextSerialAt.reset();
+    if (Protocol* refused = m_driver.next()) {
+        Station& station = m_stations[refused->var.stationNo];
+        m_driver.reportSilence(*refused);
+        handleFailedSetUp(true, station.failure(), station);
+    }
+    return false;
 }
 
 void PollLoop::handleConnected(Station& station)
@@ -189,13 +244,13 @@ void PollLoop::handleConnected(Station& station)
 // The driver tries to connect a station again and again before it serves another one. A dead
 // station is therefore taken out of the driver's lists, and the driver drops its queued requests
 // without a report.
-void PollLoop::handleFailedSetUp(const Request& request, const QString& why, Station& station)
+void PollLoop::handleFailedSetUp(bool opens, const Failure& failure, Station& station)
 {
-    if (!station.failSetUp(request.service == kForwardOpen, why))
+    if (!station.failSetUp(opens, failure))
         return;
     station.markDead(m_clock.now());
     m_driver.enableStation(station.number(), false);
-    m_operations.failAll(station.number());
+    m_operations.failAll(station.number(), failure);
 }
 
 ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Station& station)
@@ -203,6 +258,7 @@ ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Stat
     ReplyStatus status;
     if (saysNoConnection(answer.reply)) {
         status.connectionLost = true;
+        status.failure = lostConnection(answer.reply);
         handleVerdict(m_driver.dropConnection(sent), station, status);
         return status;
     }

@@ -6,6 +6,7 @@
 #include "Exchange.h"
 #include "LineState.h"
 #include "LineStatistics.h"
+#include "OpenConnections.h"
 #include "OperationQueue.h"
 #include "Project.h"
 #include "Station.h"
@@ -25,7 +26,8 @@ public:
 
     /// One transaction, or a pause of some milliseconds when there is nothing to do.
     void step();
-    /// Stores the last values and acknowledges the last reply. Call it before the line is closed.
+    /// Stores the last values, closes the connections that were opened, and acknowledges the last
+    /// reply. Call it before the line is closed; call step() no more.
     void finish();
 
     /// Makes a tag known that no variable names.
@@ -61,18 +63,20 @@ private:
     void askForTypes();
     void planCycle();
     void readOnce(int variable);
+    bool waitsForOtherSerial();
     void idle();
 
     void transact(Protocol& sent);
     Answer runExchange(const Protocol& sent, Counters& counters);
-    void handleSilence(Protocol& sent, const Request& request, Station& station);
+    void handleSilence(Protocol& sent, const Answer& answer, Station& station, ReplyStatus& status);
     void handleSetUpReply(Protocol& sent, const Answer& answer, Station& station);
     ReplyStatus handleDataReply(Protocol& sent, const Answer& answer, Station& station);
     void handleVerdict(Verdict verdict, Station& station, const ReplyStatus& status);
     void handleValues(const RW_VAR& sent, const Answer& answer);
     void handleRefusedRead(const RW_VAR& sent, const QString& why);
     void handleConnected(Station& station);
-    void handleFailedSetUp(const Request& request, const QString& why, Station& station);
+    void handleRefusedOpen(Protocol& sent, const Reply& reply, Station& station);
+    void handleFailedSetUp(bool opens, const Failure& failure, Station& station);
 
     const Project& m_project;
     const Clock& m_clock;
@@ -84,7 +88,10 @@ private:
     TypeRegistry m_types;
     OperationQueue m_operations;
     DeferredValues m_deferred;
+    OpenConnections m_connections;
     QMap<int, Station> m_stations;
+    /// When the driver draws another serial number for the connection that was refused.
+    std::optional<Duration> m_nextSerialAt;
     Duration m_nextLook{0}; ///< when types to ask for are looked for again
     bool m_replan = true;   ///< the driver's cyclic list is out of date
     int m_idleSteps = 0;    ///< in a row

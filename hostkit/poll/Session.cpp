@@ -51,8 +51,10 @@ Operation Session::run(int id, const QString& what)
     const Operation done = *outcome;
     m_loop.forget(id);
     if (done.state == Operation::State::Failed) {
+        const QString remedy = done.failure.remedy;
         refuse(what, done.error + QStringLiteral(" (") + m_project.port.text() +
-                         QStringLiteral("; check cable, speed and station)"));
+                         (remedy.isEmpty() ? remedy : QStringLiteral("; ") + remedy) +
+                         QStringLiteral(")"));
     }
     return done;
 }

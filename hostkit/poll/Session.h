@@ -40,6 +40,7 @@ class Session
 {
 public:
     Session(const DriverApi& api, Line& line, const Clock& clock, const Project& project);
+    /// Ends what finish() has not ended.
     ~Session();
 
     /// The type of a tag in the controller.
@@ -51,6 +52,8 @@ public:
                              const std::function<void(int)>& progress = nullptr);
     /// Throws, as read() does, unless all of these elements exist. Reads only the last one.
     void requireElements(const TagKey& tag, int element, int elements);
+    /// Closes the connection. Call it when all is read and written, while the exchange is observed.
+    void finish() { m_loop.finish(); }
     Exchange& exchange() { return m_loop.exchange(); }
     /// Writes one element. Throws when the type of the tag cannot be written, and for an element
     /// that the driver cannot reach.

@@ -1,5 +1,7 @@
 #include "Station.h"
 
+#include <algorithm>
+
 namespace micro850::host {
 
 namespace {
@@ -9,6 +11,8 @@ namespace {
 const int kSetUpsUntilDead = 2;
 // Connection requests that the driver sends within one set-up.
 const int kOpensOfSetUp = 4;
+// So many hosts that start in the same second all get their connection.
+const int kMostSerials = 8;
 
 } // namespace
 
@@ -26,19 +30,26 @@ void Station::connect()
     m_probing = false;
     m_failedSetUps = 0;
     m_probePause.reset();
-    m_error.clear();
+    m_serialsInUse = 0;
+    m_failure = Failure();
 }
 
 // The driver gives up a set-up when its first request is unanswered once, or its second one four
 // times.
-bool Station::failSetUp(bool opens, const QString& why)
+bool Station::failSetUp(bool opens, const Failure& failure)
 {
-    m_error = why;
+    m_failure = failure;
     if (opens && ++m_refusedOpens < kOpensOfSetUp)
         return false;
     m_refusedOpens = 0;
     ++m_failedSetUps;
     return m_state == State::Dead || m_failedSetUps >= kSetUpsUntilDead;
+}
+
+bool Station::triesOtherSerial()
+{
+    m_serialsInUse = std::min(m_serialsInUse + 1, kMostSerials);
+    return m_serialsInUse < kMostSerials;
 }
 
 void Station::markDead(Duration now)
@@ -48,19 +59,27 @@ void Station::markDead(Duration now)
     m_nextProbe = now + m_probePause.next();
 }
 
-QString stateText(Station::State state)
+QString stateText(const Station& station)
 {
-    switch (state) {
+    const bool refused = station.failure().cause == Failure::Cause::Refusal;
+    switch (station.state()) {
     case Station::State::Connecting:
         return QStringLiteral("connecting");
     case Station::State::Connected:
         return QStringLiteral("connected");
     case Station::State::Dead:
-        return QStringLiteral("dead");
+        return refused ? QStringLiteral("refused") : QStringLiteral("dead");
     case Station::State::Disabled:
         break;
     }
     return QStringLiteral("disabled");
+}
+
+QString conditionText(const Station& station)
+{
+    const QString state = stateText(station);
+    const bool dead = station.state() == Station::State::Dead && !station.error().isEmpty();
+    return dead ? state + QStringLiteral(", ") + station.error() : state;
 }
 
 } // namespace micro850::host

@@ -2,6 +2,7 @@
 #define MICRO850_HOST_STATION_H
 
 #include "Counters.h"
+#include "Failure.h"
 #include "GrowingPause.h"
 #include "Project.h"
 
@@ -17,7 +18,9 @@ public:
     enum class State {
         Connecting, ///< asked for its connection, no answer yet
         Connected,
-        Dead,    ///< did not answer; taken out of the cycle and probed at growing intervals
+        /// Did not answer, or refused the connection; taken out of the cycle and probed at growing
+        /// intervals.
+        Dead,
         Disabled ///< by the project
     };
 
@@ -27,8 +30,10 @@ public:
     int number() const { return m_number; }
     QString name() const { return m_name; }
     State state() const { return m_state; }
-    /// Why the last connection set-up failed; empty once connected.
-    QString error() const { return m_error; }
+    /// Why the last connection set-up failed; its cause is None once connected.
+    const Failure& failure() const { return m_failure; }
+    /// The text of failure(); empty once connected.
+    QString error() const { return m_failure.text; }
     /// When the last reply came.
     std::optional<Duration> lastAnswer() const { return m_lastAnswer; }
     const Counters& counters() const { return m_counters; }
@@ -55,8 +60,13 @@ public:
     /// The connection was given up; the driver sets it up again.
     void loseConnection() { m_state = State::Connecting; }
     /// A request of the connection set-up failed; `opens` for the second one, which opens the
-    /// connection. True when the station does not answer and has to be taken out of service.
-    bool failSetUp(bool opens, const QString& why);
+    /// connection. True when the station has to be taken out of service.
+    bool failSetUp(bool opens, const Failure& failure);
+    /// The controller has another connection with the serial numbers that the driver drew. True
+    /// when to try with others: so many times until a connection is open.
+    bool triesOtherSerial();
+    /// `failure` is why the station waits.
+    void waitForOtherSerial(const Failure& failure) { m_failure = failure; }
     /// The station is taken out of service until the next probe.
     void markDead(Duration now);
     void beginProbe() { m_probing = true; }
@@ -65,9 +75,10 @@ private:
     int m_number = 1;
     QString m_name;
     State m_state = State::Connecting;
-    QString m_error;
+    Failure m_failure;
     int m_failedSetUps = 0; ///< in a row
     int m_refusedOpens = 0; ///< connection requests without a valid answer, in this set-up
+    int m_serialsInUse = 0; ///< since the last connection
     GrowingPause m_probePause{std::chrono::seconds(1), std::chrono::seconds(5)};
     Duration m_nextProbe{0};
     bool m_probing = false;
@@ -76,8 +87,10 @@ private:
     Counters m_counters;
 };
 
-/// "connected", "dead", ...
-QString stateText(Station::State state);
+/// "connected", "dead", ...; "refused" for a dead station that answers and refuses the connection.
+QString stateText(const Station& station);
+/// The state, of a dead station with the reason: "dead, no answer".
+QString conditionText(const Station& station);
 
 } // namespace micro850::host
 

@@ -51,12 +51,26 @@ Duration Exchange::timeoutFor(int requestBytes) const
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
 {
+    return run(frame, counters, timeoutFor(frame.size()));
+}
+
+Answer Exchange::run(const QByteArray& frame, Counters& counters, Duration timeout)
+{
+    const qint64 corruptBefore = counters.corrupt;
+    const int noiseBefore = m_collector.noiseBytes();
+    Answer answer = waitForReply(frame, counters, timeout);
+    answer.garbled = counters.corrupt != corruptBefore || m_collector.noiseBytes() != noiseBefore;
+    return answer;
+}
+
+Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Duration timeout)
+{
     Attempt attempt = {frame, counters, Answer()};
     m_line.discardInput();
     m_collector.reset();
     attempt.answer.outcome = Answer::Outcome::DeviceGone;
     attempt.sentAt = m_clock.now();
-    attempt.time = timeoutFor(frame.size());
+    attempt.time = timeout;
     const bool sent = sendFrame(frame, counters);
     attempt.answer.request = decodeRequest(dataOf(frame));
     if (!sent)

@@ -21,6 +21,7 @@ struct Answer
     QByteArray data; ///< application data of the reply; empty without one
     Reply reply;     ///< not valid without one
     Duration roundTrip{0};
+    bool garbled = false; ///< bytes came that belong to no intact frame
 };
 
 /// Carries requests over a line: empties the input, sends the request, and collects bytes until the
@@ -45,8 +46,10 @@ public:
     /// Sets a function that is called when a request has gone out: for work that need not delay it.
     void setMeanwhile(std::function<void()> meanwhile) { m_meanwhile = std::move(meanwhile); }
 
-    /// Sends a complete frame and waits for its reply.
+    /// Sends a complete frame and waits for its reply, for timeoutFor() its size.
     Answer run(const QByteArray& frame, Counters& counters);
+    /// The same with another time-out.
+    Answer run(const QByteArray& frame, Counters& counters, Duration timeout);
     /// Acknowledges the last reply. Call it before a pause or the end; otherwise the next request
     /// acknowledges it.
     void acknowledge();
@@ -56,6 +59,7 @@ public:
 
 private:
     struct Attempt;
+    Answer waitForReply(const QByteArray& frame, Counters& counters, Duration timeout);
     bool sendFrame(const QByteArray& frame, Counters& counters);
     bool sendControl(char control);
     bool collect(Attempt& attempt);

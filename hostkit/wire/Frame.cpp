@@ -15,8 +15,20 @@ enum Offset {
     kUnconnectedMessage = 8,
     kConnectedMessage = 12
 };
+// Offsets in a request that opens a connection: the service, the path to the connection manager,
+// which has two words, and the fields after it.
+enum OpenOffset {
+    kOpenTimes = 14, ///< tick time and ticks
+    kOpenTimesBytes = 2,
+    kOpenKey = 24,
+    kOpenKeyBytes = 8,
+    kOpenPath = 49 ///< its size in words, and the path of the connection
+};
 const quint8 kConnectedCommand = 0x0A;
+const quint8 kUnconnectedCommand = 0x0B;
+const quint8 kConnectionFailure = 0x01;
 const quint8 kPartialTransfer = 0x06;
+const quint8 kConnectionLost = 0x07;
 const quint8 kTypeMark = 0xA3;
 
 const char kHead[] = {kDle, kAck, kDle, kStx};
@@ -57,6 +69,14 @@ constexpr std::array<quint16, 256> kCrcTable = crcTable();
 quint16 crcStep(quint16 crc, char byte)
 {
     return static_cast<quint16>(crc >> 8 ^ kCrcTable[(crc ^ static_cast<quint8>(byte)) & 0xFF]);
+}
+
+bool isOpenRequest(const QByteArray& data)
+{
+    const quint8 words = 2;
+    return data.size() > kOpenPath && byteAt(data, kCommand) == kUnconnectedCommand &&
+           byteAt(data, kUnconnectedMessage) == kForwardOpen &&
+           byteAt(data, kUnconnectedMessage + 1) == words;
 }
 
 // Parses an element segment, if there is one. Returns the offset after it.
@@ -199,10 +219,44 @@ bool answers(const Reply& reply, const Request& request)
 
 bool saysNoConnection(const Reply& reply)
 {
-    const quint8 connectionFailure = 0x01;
-    const quint8 connectionLost = 0x07;
     return reply.valid && reply.linkStatus == 0 &&
-           (reply.generalStatus == connectionFailure || reply.generalStatus == connectionLost);
+           (reply.generalStatus == kConnectionFailure || reply.generalStatus == kConnectionLost);
+}
+
+bool saysConnectionInUse(const Reply& reply)
+{
+    const quint16 inUse = 0x0100;
+    return reply.valid && reply.linkStatus == 0 && reply.service == kForwardOpen &&
+           reply.generalStatus == kConnectionFailure && reply.extendedStatus.startsWith(inUse);
+}
+
+bool hasConnection(const Reply& reply)
+{
+    const int identifierBytes = 4;
+    return reply.good() && reply.service == kForwardOpen && reply.body.size() >= identifierBytes;
+}
+
+QByteArray connectionKey(const QByteArray& data)
+{
+    return isOpenRequest(data) ? data.mid(kOpenKey, kOpenKeyBytes) : QByteArray();
+}
+
+// The paths to the connection manager and of the connection, and the times, are those of the
+// request that opened it.
+QByteArray closeRequest(const QByteArray& openRequest, quint16 tns)
+{
+    if (!isOpenRequest(openRequest))
+        return QByteArray();
+    const char reserved = 0;
+    QByteArray data = openRequest.left(kOpenTimes + kOpenTimesBytes);
+    data[kTnsLow] = static_cast<char>(tns & 0xFF);
+    data[kTnsLow + 1] = static_cast<char>(tns >> 8);
+    data[kUnconnectedMessage] = static_cast<char>(kForwardClose);
+    data += connectionKey(openRequest);
+    data += openRequest.at(kOpenPath);
+    data += reserved;
+    data += openRequest.mid(kOpenPath + 1);
+    return data;
 }
 
 } // namespace micro850::host

@@ -18,9 +18,11 @@ const char kAck = 0x06;
 const char kNak = 0x15;
 const char kEnq = 0x05;
 
-/// CIP services of the driver's requests. A reply carries them with kReplyBit.
+/// CIP services of the host's requests, all but the second of which are the driver's. A reply
+/// carries them with kReplyBit.
 enum Service : quint8 {
     kGetAttributesAll = 0x01,
+    kForwardClose = 0x4E,
     kReadTagFragmented = 0x52,
     kWriteTagFragmented = 0x53,
     kForwardOpen = 0x54
@@ -81,6 +83,20 @@ bool answers(const Reply& reply, const Request& request);
 
 /// True when the peer does not know the connection that the request quotes.
 bool saysNoConnection(const Reply& reply);
+
+/// True when the peer refuses to open a connection because one with the same serial numbers is open
+/// already.
+bool saysConnectionInUse(const Reply& reply);
+/// True when the peer opened a connection and tells its identifier.
+bool hasConnection(const Reply& reply);
+
+/// What tells the connection that a request opens from all others: connection serial number, vendor
+/// and originator serial number. `data` is the application data of the request; empty when it opens
+/// no connection.
+QByteArray connectionKey(const QByteArray& data);
+/// The application data of the request that closes the connection which the request with this
+/// application data opened; empty when that one opens no connection.
+QByteArray closeRequest(const QByteArray& openRequest, quint16 tns);
 
 } // namespace micro850::host
 

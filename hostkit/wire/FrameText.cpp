@@ -28,26 +28,49 @@ const StatusName kStatusNames[] = {
     {0x07, "connection lost"},
     {0x08, "service not supported"},
     {0x09, "invalid attribute value"},
+    {0x0A, "error in the attribute list"},
+    {0x0B, "already in the requested mode or state"},
     {0x0C, "object state conflict"},
     {0x0D, "object already exists"},
     {0x0E, "attribute not settable"},
     {0x0F, "privilege violation"},
     {0x10, "device state conflict"},
     {0x11, "reply too large"},
+    {0x12, "fragmentation of a primitive value"},
     {0x13, "not enough data"},
     {0x14, "attribute not supported"},
     {0x15, "too much data"},
     {0x16, "object does not exist"},
+    {0x19, "data could not be stored"},
     {0x1A, "request too large for routing"},
     {0x1B, "reply too large for routing"},
+    {0x1C, "missing attribute list entry"},
     {0x1E, "embedded service error"},
     {0x1F, "vendor-specific error"},
     {0x20, "invalid parameter"},
+    {0x25, "key failure in the path"},
     {0x26, "invalid path size"},
+    {0x27, "unexpected attribute in the list"},
     {0xFF, "general error"},
 };
 
-// Extended status words of the vendor-specific general error, and of the connection failure.
+// What some of them mean when a tag is read or written.
+struct TagStatus
+{
+    quint8 status;
+    const char* text;
+    const char* hint;
+};
+
+const TagStatus kTagStatuses[] = {
+    {0x04, "path segment error", "the controller does not understand the name or the index"},
+    {0x05, "no such tag", "names are as in the controller's program"},
+    {0x0E, "attribute not settable", "the tag may be read-only"},
+    {0x0F, "privilege violation", "the controller does not allow the access"},
+    {0x10, "device state conflict", "the controller's mode may not allow it"},
+};
+
+// First words of the extended status: of the connection failure, and of the general error.
 struct ExtendedName
 {
     quint8 status;
@@ -57,26 +80,118 @@ struct ExtendedName
 
 const ExtendedName kExtendedNames[] = {
     {0x01, 0x0100, "connection in use"},
+    {0x01, 0x0103, "transport class and trigger not supported"},
+    {0x01, 0x0106, "owned by another originator"},
     {0x01, 0x0107, "connection not found"},
+    {0x01, 0x0108, "invalid connection type"},
+    {0x01, 0x0109, "invalid connection size"},
+    {0x01, 0x0110, "connection target not configured"},
+    {0x01, 0x0111, "requested packet interval not supported"},
+    {0x01, 0x0112, "requested packet interval not acceptable"},
     {0x01, 0x0113, "out of connections"},
+    {0x01, 0x0114, "vendor or product code does not match"},
+    {0x01, 0x0115, "device type does not match"},
+    {0x01, 0x0116, "revision does not match"},
+    {0x01, 0x0117, "invalid produced or consumed path"},
+    {0x01, 0x0118, "invalid configuration path"},
+    {0x01, 0x0119, "no controlling connection is open"},
+    {0x01, 0x011A, "target object out of connections"},
+    {0x01, 0x011B, "interval shorter than the production inhibit time"},
+    {0x01, 0x011C, "transport class not supported"},
+    {0x01, 0x011D, "production trigger not supported"},
+    {0x01, 0x011E, "direction not supported"},
+    {0x01, 0x011F, "fixed or variable size to the target not accepted"},
+    {0x01, 0x0120, "fixed or variable size to the originator not accepted"},
+    {0x01, 0x0121, "priority to the target not accepted"},
+    {0x01, 0x0122, "priority to the originator not accepted"},
+    {0x01, 0x0123, "connection type to the target not accepted"},
+    {0x01, 0x0124, "connection type to the originator not accepted"},
+    {0x01, 0x0125, "redundant owner not accepted"},
+    {0x01, 0x0126, "invalid configuration size"},
+    {0x01, 0x0127, "invalid size to the target"},
+    {0x01, 0x0128, "invalid size to the originator"},
+    {0x01, 0x0129, "invalid configuration path"},
+    {0x01, 0x012A, "invalid consumed path"},
+    {0x01, 0x012B, "invalid produced path"},
+    {0x01, 0x0132, "connection without data not supported"},
+    {0x01, 0x0133, "time-out multiplier not acceptable"},
     {0x01, 0x0203, "connection timed out"},
+    {0x01, 0x0204, "unconnected request timed out"},
+    {0x01, 0x0205, "wrong parameter in an unconnected request"},
+    {0x01, 0x0206, "message too large for an unconnected request"},
+    {0x01, 0x0207, "acknowledged without a reply"},
+    {0x01, 0x0301, "no buffer memory available"},
+    {0x01, 0x0302, "no bandwidth available"},
+    {0x01, 0x0303, "no connection filter available"},
+    {0x01, 0x0304, "not configured for scheduled data"},
+    {0x01, 0x0305, "schedule signature does not match"},
+    {0x01, 0x0306, "schedule signature cannot be checked"},
+    {0x01, 0x0311, "port in the path not available"},
+    {0x01, 0x0312, "link address in the path not valid"},
+    {0x01, 0x0315, "invalid segment in the path"},
+    {0x01, 0x0316, "path of the close request does not match"},
+    {0x01, 0x0317, "scheduling not specified"},
+    {0x01, 0x0318, "link address of itself not valid"},
+    {0x01, 0x0319, "secondary resources not available"},
+    {0x01, 0x031A, "rack connection already open"},
+    {0x01, 0x031B, "module connection already open"},
+    {0x01, 0x031C, "miscellaneous connection error"},
+    {0x01, 0x031D, "redundant connection does not match"},
     {0xFF, 0x2104, "offset beyond the end of the tag"},
     {0xFF, 0x2105, "access beyond the end of the tag"},
     {0xFF, 0x2107, "type does not match the tag"},
 };
 
-QString nameOf(const Reply& reply)
+// Of more words than any status has, only the first are shown.
+const int kMostExtendedWords = 8;
+
+bool isOfTag(const Reply& reply)
 {
-    for (const ExtendedName& name : kExtendedNames) {
-        if (name.status == reply.generalStatus && !reply.extendedStatus.isEmpty() &&
-            name.extended == reply.extendedStatus.first())
-            return QString::fromLatin1(name.text);
+    return reply.service == kReadTagFragmented || reply.service == kWriteTagFragmented;
+}
+
+const TagStatus* tagStatusOf(const Reply& reply)
+{
+    for (const TagStatus& each : kTagStatuses) {
+        if (isOfTag(reply) && reply.extendedStatus.isEmpty() && each.status == reply.generalStatus)
+            return &each;
     }
+    return nullptr;
+}
+
+QString generalName(quint8 status)
+{
     for (const StatusName& name : kStatusNames) {
-        if (name.status == reply.generalStatus)
+        if (name.status == status)
             return QString::fromLatin1(name.text);
     }
     return QStringLiteral("refused");
+}
+
+QString nameOf(const Reply& reply)
+{
+    if (reply.linkStatus != 0)
+        return QStringLiteral("refused by the link layer");
+    const QString general = generalName(reply.generalStatus);
+    if (reply.extendedStatus.isEmpty())
+        return general;
+    const quint16 extended = reply.extendedStatus.first();
+    for (const ExtendedName& name : kExtendedNames) {
+        if (name.status == reply.generalStatus && name.extended == extended)
+            return QString::fromLatin1(name.text);
+    }
+    return general + QStringLiteral(", extended status %1").arg(hex(extended, 4));
+}
+
+// The status with all words of the extended status: "05", "FF/2105", "01/0109/01F4".
+QString codesOf(const Reply& reply)
+{
+    if (reply.linkStatus != 0)
+        return hex(reply.linkStatus, 2);
+    QString codes = hex(reply.generalStatus, 2);
+    for (int i = 0; i < reply.extendedStatus.size() && i < kMostExtendedWords; ++i)
+        codes += QLatin1Char('/') + hex(reply.extendedStatus.at(i), 4);
+    return codes;
 }
 
 QString serviceText(quint8 service)
@@ -86,6 +201,8 @@ QString serviceText(quint8 service)
         return QStringLiteral("identity");
     case kForwardOpen:
         return QStringLiteral("open connection");
+    case kForwardClose:
+        return QStringLiteral("close connection");
     case kReadTagFragmented:
         return QStringLiteral("read");
     case kWriteTagFragmented:
@@ -162,10 +279,17 @@ QString statusText(const Reply& reply)
 {
     if (reply.good())
         return QString();
-    if (reply.linkStatus != 0)
-        return QStringLiteral("refused by the link layer (status %1)")
-            .arg(hex(reply.linkStatus, 2));
-    return QStringLiteral("%1 (status %2)").arg(nameOf(reply), statusKey(reply));
+    if (const TagStatus* status = reply.linkStatus == 0 ? tagStatusOf(reply) : nullptr) {
+        return QStringLiteral("%1 (%2; status %3)")
+            .arg(QLatin1String(status->text), QLatin1String(status->hint), codesOf(reply));
+    }
+    return QStringLiteral("%1 (status %2)").arg(nameOf(reply), codesOf(reply));
+}
+
+QString statusPhrase(const Reply& reply)
+{
+    return reply.good() ? QString()
+                        : QStringLiteral("%1, status %2").arg(nameOf(reply), codesOf(reply));
 }
 
 QString statusKey(const Reply& reply)

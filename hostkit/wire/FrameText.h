@@ -8,9 +8,14 @@
 
 namespace micro850::host {
 
-/// "path destination unknown (status 05)"; empty for a good reply.
+/// "access beyond the end of the tag (status FF/2105)"; of a tag's reply, with a hint: "no such tag
+/// (names are as in the controller's program; status 05)". Empty for a good reply.
 QString statusText(const Reply& reply);
-/// The key under which replies are counted: "05", "FF/2105", "link 10"; empty for a good reply.
+/// The same without hint and parentheses, to continue a sentence: "out of connections, status
+/// 01/0113".
+QString statusPhrase(const Reply& reply);
+/// The key under which replies are counted, with the first extended word only: "05", "FF/2105",
+/// "link 10"; empty for a good reply.
 QString statusKey(const Reply& reply);
 
 /// "NAK: not received intact".

@@ -55,7 +55,7 @@ TEST_F(HostPoll, PrintsAnObjectForEachChangeAndASummaryWithJson)
         << result.out;
     EXPECT_TRUE(changes.contains(
         R"("name":"Nope","station":1,"tag":"Nope","element":0,"type":null,"value":null,)"
-        R"_("quality":"never","error":"path destination unknown (status 05)"})_"))
+        R"_("quality":"never","error":"no such tag (names are as in the controller's program; status 05)"})_"))
         << result.out;
     EXPECT_TRUE(lines.at(2).startsWith(R"({"summary":{"port":")")) << result.out;
     EXPECT_TRUE(lines.at(2).contains(R"("state":"connected")")) << result.out;

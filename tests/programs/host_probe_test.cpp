@@ -49,7 +49,35 @@ TEST_F(HostProbe, ReportsForEverySpeedThatNothingAnswers)
     const QStringList speeds = {"9600", "19200", "38400", "57600", "115200"};
     for (int i = 0; i < 5; ++i)
         EXPECT_TRUE(lines.at(i).endsWith(", " + speeds.at(i) + " 8N1: no answer")) << silent.err;
-    EXPECT_EQ(lines.at(5), "micro850-host: check cable, station and speed");
+    EXPECT_EQ(lines.at(5), "micro850-host: check cable and speed");
+}
+
+TEST_F(HostProbe, ReportsARefusalWithoutAdviceAboutTheCable)
+{
+    const QString faults =
+        file("faults.json", R"({"faults": [{"fault": "cip-error", "message": 1, "status": 8}]})");
+    simulate(R"({"name": "Speed", "type": "INT"})", {"--faults", faults});
+    const Result result = hostOnPort({"probe"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "micro850-host: " + port().toStdString() +
+                              ", 38400 8N1: the controller does not tell its identity: service "
+                              "not supported, status 08\n");
+}
+
+TEST_F(HostProbe, OpensNoConnection)
+{
+    simulate(R"({"name": "Speed", "type": "INT"})", {"--connections", "1"});
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(hostOnPort({"probe"}).status, 0);
+    EXPECT_EQ(simulatorStatus().section(',', 0, 0), QString("0 of 1 connections open"));
+}
+
+TEST_F(HostProbe, AsksTheSameControllerWhateverTheStation)
+{
+    simulate();
+    EXPECT_EQ(hostOnPort({"probe", "--station", "7"}).status, 0);
+    const std::string help = host({"probe", "--help"}).out;
+    EXPECT_NE(help.find("it is not sent"), std::string::npos) << help;
 }
 
 } // namespace

@@ -46,7 +46,7 @@ TEST_F(HostRead, FindsTheTagsOfEachOfSeveralStations)
     EXPECT_NE(host({"read", "Speed", "--port", port() + ".1"}).out.find("11"), std::string::npos);
     EXPECT_NE(host({"read", "Speed", "--port", port() + ".2"}).out.find("22"), std::string::npos);
     const Result third = host({"read", "Speed", "--port", port() + ".3"});
-    EXPECT_NE((third.out + third.err).find("path destination unknown"), std::string::npos)
+    EXPECT_NE((third.out + third.err).find("no such tag"), std::string::npos)
         << third.out << third.err;
 }
 
@@ -56,7 +56,9 @@ TEST_F(HostRead, ContinuesAfterATagThatTheControllerDoesNotKnow)
     const Result result = hostOnPort({"read", "Nope", "Speed"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "Speed = 1234\n");
-    EXPECT_EQ(result.err, "micro850-host: Nope: path destination unknown (status 05)\n");
+    EXPECT_EQ(
+        result.err,
+        "micro850-host: Nope: no such tag (names are as in the controller's program; status 05)\n");
 }
 
 TEST_F(HostRead, ReportsThatAnotherProgramUsesTheLine)
@@ -247,8 +249,7 @@ TEST_F(HostRead, ReportsThatNothingAnswersWithinTheTimeout)
     const SilentPort nobody;
     const Result result = host({"read", "Speed", "--timeout", "20", "--port", nobody.path()});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find("micro850-host: Speed: station 1 does not answer ("),
-              std::string::npos)
+    EXPECT_NE(result.err.find("micro850-host: Speed: no answer ("), std::string::npos)
         << result.err;
 }
 

@@ -38,7 +38,7 @@ TEST_F(HostTable, ShowsValuesAndTheLineAndFollowsAChange)
     poll(120, 30);
     ASSERT_TRUE(sees("Speed    INT  1234"));
     EXPECT_TRUE(sees("Setpoint REAL 21.5"));
-    EXPECT_TRUE(sees("path destination unknown"));
+    EXPECT_TRUE(sees("no such tag"));
     EXPECT_TRUE(sees("transactions/s"));
     EXPECT_TRUE(sees("station 1 (filler): connected"));
     EXPECT_TRUE(sees("1-13 of 13 by project"));
@@ -167,7 +167,7 @@ TEST_F(HostTable, SortsByNameAndByAge)
 TEST_F(HostTable, ColoursTheVariableThatFailed)
 {
     poll(100, 30);
-    ASSERT_TRUE(sees("path destination unknown"));
+    ASSERT_TRUE(sees("no such tag"));
     EXPECT_TRUE(styledScreen().contains("\x1b[31mNope")) << styledScreen().toStdString();
 }
 
@@ -175,7 +175,7 @@ TEST_F(HostTable, DrawsWithoutColoursWhenTheEnvironmentForbidsThem)
 {
     simulate();
     open("NO_COLOR=1 $HOST poll " + path("p.json"), 100, 30);
-    ASSERT_TRUE(sees("path destination unknown"));
+    ASSERT_TRUE(sees("no such tag"));
     EXPECT_FALSE(styledScreen().contains('\x1b')) << styledScreen().toStdString();
 }
 

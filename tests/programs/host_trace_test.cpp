@@ -25,9 +25,9 @@ TEST_F(HostTrace, DecodesBothFormsOfATrace)
                   std::string::npos)
             << result.out;
         EXPECT_NE(result.out.find("round trip: median "), std::string::npos);
-        EXPECT_NE(
-            result.out.find("failed 1x read Nope[0] x1: path destination unknown (status 05)\n"),
-            std::string::npos)
+        EXPECT_NE(result.out.find("failed 1x read Nope[0] x1: no such tag (names are as in the "
+                                  "controller's program; status 05)\n"),
+                  std::string::npos)
             << result.out;
     }
 }

@@ -77,7 +77,9 @@ TEST_F(HostWatch, ReportsThatATagIsUnknown)
     simulate();
     const Result result = hostOnPort({"watch", "Nope", "--seconds", "1"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.out.find(" Nope (path destination unknown (status 05))"), std::string::npos)
+    EXPECT_NE(result.out.find(
+                  " Nope (no such tag (names are as in the controller's program; status 05))"),
+              std::string::npos)
         << result.out;
 }
 
@@ -95,7 +97,7 @@ TEST_F(HostWatch, DrawsChartsAsWideAsTheWindow)
     open("$HOST watch Count Name Nope --plot --span 2 --port $PORT", 60, 20);
     ASSERT_TRUE(sees("Count = "));
     EXPECT_TRUE(sees("Name = Apple: not a number"));
-    EXPECT_TRUE(sees("Nope (never): path destination unknown"));
+    EXPECT_TRUE(sees("Nope (never): no such tag"));
     // Once the span has passed, the counter rises over the whole width.
     EXPECT_TRUE(sees(QString::fromUtf8("██████████")));
     const auto widest = [this] {

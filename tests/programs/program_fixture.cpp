@@ -126,6 +126,17 @@ void ProgramTest::simulate()
                 {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
 }
 
+QString ProgramTest::simulatorStatus()
+{
+    m_simulator->readAllStandardOutput();
+    m_simulator->write("status\n");
+    while (!m_simulator->canReadLine()) {
+        if (!m_simulator->waitForReadyRead(kLimitMs))
+            return QStringLiteral("no answer");
+    }
+    return QString::fromLatin1(m_simulator->readLine()).trimmed();
+}
+
 void ProgramTest::stopSimulator()
 {
     if (!m_simulator)

@@ -42,6 +42,8 @@ protected:
     /// array). Station N is at port() + ".N".
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
+    /// What the simulator answers to the command `status`.
+    QString simulatorStatus();
 
     /// Runs micro850-host in the directory; hostOnPort() appends the simulator's port.
     Result host(const QStringList& arguments) const;

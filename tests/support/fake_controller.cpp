@@ -22,6 +22,12 @@ QByteArray extendedError(quint16 tns, quint8 service, quint8 status, quint16 ext
     return wire::framed(bare.left(bare.size() - 1) + wire::hex("01") + wire::little(extended, 2));
 }
 
+// The reply to an unconnected request: the part of the header and the CIP part.
+QByteArray unconnectedReply(quint16 tns, const QByteArray& cip)
+{
+    return wire::framed(wire::hex("01 00 4B 00") + wire::little(tns, 2) + wire::hex("00 00") + cip);
+}
+
 } // namespace
 
 FakeController::FakeController(FakeLine& line) : m_line(line)
@@ -59,8 +65,28 @@ QByteArray FakeController::replyTo(const QByteArray& data, Request& request)
     request.service = byteAt(data, 8);
     if (request.service == 0x01)
         return wire::identityReply(request.tns);
+    if (request.service == 0x4E)
+        return close(data, request.tns);
+    const QByteArray key = data.mid(24, 8);
+    opened.push_back(key);
+    if (refusesOpenAgain && m_open.contains(key))
+        return unconnectedReply(request.tns, wire::hex("D4 00 01 01 00 01"));
+    m_open.removeOne(key);
+    if (m_open.size() >= connectionLimit)
+        return unconnectedReply(request.tns, wire::hex("D4 00 01 01 13 01"));
+    m_open.append(key);
     m_connected = true;
     return wire::forwardOpenReply(request.tns, wire::hex("5A 3C"));
+}
+
+// Service, path to the connection manager, times, key, size and path of the connection.
+QByteArray FakeController::close(const QByteArray& data, quint16 tns)
+{
+    const QByteArray key = data.mid(16, 8);
+    closed.push_back(wire::text(data.mid(8)));
+    return unconnectedReply(tns, m_open.removeOne(key)
+                                     ? wire::hex("CE 00 00 00") + key + wire::hex("00 00")
+                                     : wire::hex("CE 00 01 01 07 01"));
 }
 
 QByteArray FakeController::replyToConnected(const QByteArray& data, Request& request)

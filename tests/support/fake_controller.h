@@ -35,7 +35,23 @@ public:
     /// While true, it answers nothing.
     bool silent = false;
     /// Forgets its connections, as a power cycle does.
-    void forgetConnections() { m_connected = false; }
+    void forgetConnections()
+    {
+        m_connected = false;
+        m_open.clear();
+    }
+    /// Connections that are open: connection serial number, vendor and originator serial number.
+    QList<QByteArray> open() const { return m_open; }
+    /// Another host opens a connection.
+    void openOther(const QByteArray& key) { m_open.append(key); }
+    /// How many connections can be open.
+    int connectionLimit = 1000;
+    /// True: it refuses to open a connection that is open. False: the new one replaces it.
+    bool refusesOpenAgain = false;
+    /// The keys of all requests to open a connection, in order.
+    std::vector<QByteArray> opened;
+    /// The CIP parts of all requests to close a connection, in order.
+    std::vector<std::string> closed;
     /// Called with each reply before it is sent; may change it, or clear it to send nothing.
     std::function<void(const Request&, QByteArray& reply)> onReply;
 
@@ -45,12 +61,14 @@ public:
 private:
     void handlePiece(const QByteArray& piece);
     QByteArray replyTo(const QByteArray& data, Request& request);
+    QByteArray close(const QByteArray& data, quint16 tns);
     QByteArray replyToConnected(const QByteArray& data, Request& request);
     QByteArray read(const Request& request) const;
     QByteArray write(const Request& request, const QByteArray& value);
 
     FakeLine& m_line;
     bool m_connected = false;
+    QList<QByteArray> m_open;
 };
 
 #endif

@@ -42,7 +42,7 @@ TEST_F(LiveTableTest, ShowsNameTypeValueAgeAndQuality)
     EXPECT_EQ(table.at(1).simplified(), QString("Speed INT 1234 0.0 s good"));
     EXPECT_EQ(table.at(2).simplified(), QString("Level INT [100, 101, 102] 0.0 s good"));
     EXPECT_EQ(table.at(3).simplified(),
-              QString("Nope ? - never path destination unknown (status…"));
+              QString("Nope ? - never no such tag (names are as in the…"));
     EXPECT_TRUE(stationLine().startsWith("station 1 (filler): connected; sent "));
     EXPECT_TRUE(stationLine().endsWith("; 1x status 05"));
     EXPECT_EQ(styleOf(0), Style::Plain);

@@ -123,7 +123,7 @@ TEST_F(OperationQueueTest, RefusesAnOperationWhoseTagWasRefused)
     const int id = read(kA);
     pump();
     types.refuseTag(kA, "not there");
-    finish(2, true, {"not there", false});
+    finish(2, true, {"not there", false, Failure()});
     pump();
     EXPECT_EQ(outcome(id), "refused: not there");
 }
@@ -154,7 +154,7 @@ TEST_F(OperationQueueTest, RefusesAnOperationThatTheControllerRefused)
     types.learn(kA, kInt);
     const int id = write(kA);
     pump();
-    finish(id, true, {"too much data (status 15)", false});
+    finish(id, true, {"too much data (status 15)", false, Failure()});
     EXPECT_EQ(outcome(id), "refused: too much data (status 15)");
 }
 
@@ -208,20 +208,23 @@ TEST_F(OperationQueueTest, LeavesAReadInTheDriverWhenItsConnectionIsDropped)
     EXPECT_EQ(outcome(id), "done");
 }
 
-TEST_F(OperationQueueTest, FailsAllOperationsOfAStationThatDoesNotAnswer)
+TEST_F(OperationQueueTest, FailsAllOperationsOfAStationWithTheReason)
 {
     queue.declare(kA);
     types.learn(kA, kInt);
     const int inDriver = read(kA);
     const int waiting = read(kA, 1);
     const int elsewhere = read({2, "C"});
+    const Failure refusal = {Failure::Cause::Refusal, "refused", "wait"};
     pump();
-    queue.failAll(1);
-    EXPECT_EQ(outcome(inDriver), "failed: station 1 does not answer");
-    EXPECT_EQ(outcome(waiting), "failed: station 1 does not answer");
+    queue.failAll(1, refusal);
+    EXPECT_EQ(outcome(inDriver), "failed: refused");
+    EXPECT_EQ(outcome(waiting), "failed: refused");
+    EXPECT_EQ(queue.outcome(waiting)->failure.cause, Failure::Cause::Refusal);
+    EXPECT_EQ(queue.outcome(waiting)->failure.remedy, QString("wait"));
     EXPECT_EQ(outcome(elsewhere), "under way");
     finish(inDriver, true); // too late
-    EXPECT_EQ(outcome(inDriver), "failed: station 1 does not answer");
+    EXPECT_EQ(outcome(inDriver), "failed: refused");
 }
 
 TEST_F(OperationQueueTest, FailsOperationsOfStationsThatAreOutOfService)
@@ -232,12 +235,13 @@ TEST_F(OperationQueueTest, FailsOperationsOfStationsThatAreOutOfService)
     StationSettings second;
     second.number = 2;
     stations[2] = Station(second);
+    stations[2].failSetUp(false, {Failure::Cause::Refusal, "refused", "wait"});
     stations[2].markDead(clock.now());
     const int disabled = read(kA);
     const int dead = read({2, "C"});
     EXPECT_EQ(pump(), Queued());
     EXPECT_EQ(outcome(disabled), "failed: station 1 is disabled");
-    EXPECT_EQ(outcome(dead), "failed: station 2 does not answer");
+    EXPECT_EQ(outcome(dead), "failed: refused");
 }
 
 TEST_F(OperationQueueTest, KeepsAnAwaitedOutcomeUntilItIsForgotten)

@@ -118,7 +118,9 @@ TEST_F(PollLoopRecoveryTest, ReadsNothingWhenTheConnectionIsRefused)
     };
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
-    EXPECT_EQ(station().error(), QString("out of connections (status 01/0113)"));
+    EXPECT_EQ(station().error(),
+              QString("the controller refuses the connection: out of connections, status 01/0113"));
+    EXPECT_EQ(stateText(station()), QString("refused"));
     EXPECT_EQ(plc.count(0x52), 0);
 }
 

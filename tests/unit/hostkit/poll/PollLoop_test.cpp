@@ -182,7 +182,7 @@ TEST_F(PollLoopTest, ReportsATagThatTheControllerDoesNotKnowAndDoesNotReadItInTh
 {
     start(R"({"tag": "Nope"}, {"tag": "Speed"})");
     ASSERT_TRUE(runUntil([&] { return loop->values().wasRead(1); }));
-    EXPECT_EQ(error(0), "path destination unknown (status 05)");
+    EXPECT_EQ(error(0), "no such tag (names are as in the controller's program; status 05)");
     EXPECT_EQ(loop->quality(0), Quality::Never);
     const int asked = plc.count(0x52, "Nope");
     runFor(3000);
@@ -303,7 +303,8 @@ TEST_F(PollLoopTest, ReportsWhyAnOperationWasRefused)
     start(R"({"tag": "Speed"})");
     const Operation unknown = finish(loop->read({1, "Nope"}, 0, 1));
     EXPECT_EQ(unknown.state, State::Refused);
-    EXPECT_EQ(unknown.error, QString("path destination unknown (status 05)"));
+    EXPECT_EQ(unknown.error,
+              QString("no such tag (names are as in the controller's program; status 05)"));
     const Operation beyond = finish(loop->write({1, "Level"}, 10, hex("01 00")));
     EXPECT_EQ(beyond.state, State::Refused);
 }
@@ -314,7 +315,7 @@ TEST_F(PollLoopTest, FailsAnOperationOfAStationThatDoesNotAnswerOrIsDisabled)
     start(R"({"tag": "Speed"})", R"([{"number": 1}, {"number": 2, "enabled": false}])");
     const Operation silent = finish(loop->read(kSpeed, 0, 1));
     EXPECT_EQ(silent.state, State::Failed);
-    EXPECT_EQ(silent.error, QString("station 1 does not answer"));
+    EXPECT_EQ(silent.error, QString("no answer"));
     const Operation disabled = finish(loop->write({2, "Speed"}, 0, hex("01 00")));
     EXPECT_EQ(disabled.state, State::Failed);
     EXPECT_EQ(disabled.error, QString("station 2 is disabled"));

@@ -59,7 +59,7 @@ TEST_F(SessionTest, ReportsWhatTheControllerRefused)
     EXPECT_EQ(complaint([](Session& s) {
                   s.read({1, "Nope"}, 0, 1);
               }),
-              "1: Nope: path destination unknown (status 05)");
+              "1: Nope: no such tag (names are as in the controller's program; status 05)");
     EXPECT_EQ(complaint([](Session& s) {
                   s.read({1, "Level"}, 10, 1);
               }),
@@ -104,7 +104,7 @@ TEST_F(SessionTest, NamesTheTagWhenARunIsRefusedWhoseElementsCanBeRead)
     EXPECT_EQ(complaint([](Session& s) {
                   s.read({1, "Level"}, 2, 3);
               }),
-              "1: Level: privilege violation (status 0F)");
+              "1: Level: privilege violation (the controller does not allow the access; status 0F)");
 }
 
 TEST_F(SessionTest, ReadsOnlyTheLastElementToKnowThatARunIsThere)
@@ -131,8 +131,7 @@ TEST_F(SessionTest, ReportsAStationThatDoesNotAnswer)
 {
     plc.silent = true;
     EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
-              "1: Speed: station 1 does not answer (/dev/test, 38400 8N1; check cable, speed and "
-              "station)");
+              "1: Speed: no answer (/dev/test, 38400 8N1; check cable and speed)");
 }
 
 TEST_F(SessionTest, ReportsADeviceThatIsGone)

@@ -10,6 +10,8 @@ namespace {
 
 const bool kIdentity = false;
 const bool kOpen = true;
+const Failure kSilence = {Failure::Cause::Silence, "no answer", "check the cable"};
+const Failure kRefusal = {Failure::Cause::Refusal, "refused because", ""};
 
 Station enabledStation()
 {
@@ -22,8 +24,8 @@ Station enabledStation()
 Station deadStation(micro850::Duration now)
 {
     Station station = enabledStation();
-    station.failSetUp(kIdentity, "no answer");
-    station.failSetUp(kIdentity, "no answer");
+    station.failSetUp(kIdentity, kSilence);
+    station.failSetUp(kIdentity, kSilence);
     station.markDead(now);
     return station;
 }
@@ -49,8 +51,8 @@ TEST(Station, BeginsByConnectingUnlessItIsDisabled)
 TEST(Station, IsToBeTakenOutAfterTwoSetUpsWithoutIdentity)
 {
     Station station = enabledStation();
-    EXPECT_FALSE(station.failSetUp(kIdentity, "no answer"));
-    EXPECT_TRUE(station.failSetUp(kIdentity, "no answer"));
+    EXPECT_FALSE(station.failSetUp(kIdentity, kSilence));
+    EXPECT_TRUE(station.failSetUp(kIdentity, kSilence));
     EXPECT_EQ(station.error(), QString("no answer"));
 }
 
@@ -59,29 +61,29 @@ TEST(Station, CountsFourRefusedConnectionRequestsAsOneFailedSetUp)
 {
     Station station = enabledStation();
     for (int i = 0; i < 7; ++i)
-        EXPECT_FALSE(station.failSetUp(kOpen, "refused")) << i;
-    EXPECT_TRUE(station.failSetUp(kOpen, "refused"));
+        EXPECT_FALSE(station.failSetUp(kOpen, kRefusal)) << i;
+    EXPECT_TRUE(station.failSetUp(kOpen, kRefusal));
 }
 
 TEST(Station, CountsConnectionRequestsFromTheIdentityOn)
 {
     Station station = enabledStation();
     for (int i = 0; i < 3; ++i)
-        station.failSetUp(kOpen, "refused");
+        station.failSetUp(kOpen, kRefusal);
     station.noteIdentity();
     for (int i = 0; i < 7; ++i)
-        EXPECT_FALSE(station.failSetUp(kOpen, "refused")) << i;
-    EXPECT_TRUE(station.failSetUp(kOpen, "refused"));
+        EXPECT_FALSE(station.failSetUp(kOpen, kRefusal)) << i;
+    EXPECT_TRUE(station.failSetUp(kOpen, kRefusal));
 }
 
 TEST(Station, ForgetsFailedSetUpsWhenItConnects)
 {
     Station station = enabledStation();
-    station.failSetUp(kIdentity, "no answer");
+    station.failSetUp(kIdentity, kSilence);
     station.connect();
     EXPECT_EQ(station.error(), QString());
     EXPECT_TRUE(station.alive());
-    EXPECT_FALSE(station.failSetUp(kIdentity, "no answer"));
+    EXPECT_FALSE(station.failSetUp(kIdentity, kSilence));
 }
 
 TEST(Station, IsProbedAtGrowingIntervalsWhileItIsDead)
@@ -97,7 +99,7 @@ TEST(Station, IsProbedAtGrowingIntervalsWhileItIsDead)
     EXPECT_FALSE(station.isProbeDue(60s));
 
     // One failed set-up ends the probe.
-    EXPECT_TRUE(station.failSetUp(kIdentity, "no answer"));
+    EXPECT_TRUE(station.failSetUp(kIdentity, kSilence));
     station.markDead(20s);
     EXPECT_FALSE(station.isProbing());
     EXPECT_FALSE(station.isProbeDue(21999ms));
@@ -126,10 +128,36 @@ TEST(Station, CountsEveryConnectionAfterTheFirst)
     EXPECT_EQ(station.counters().reconnects, 1);
 }
 
+TEST(Station, TriesSevenOtherSerialNumbersUntilItIsConnected)
+{
+    Station station = enabledStation();
+    for (int i = 0; i < 7; ++i)
+        EXPECT_TRUE(station.triesOtherSerial()) << i;
+    EXPECT_FALSE(station.triesOtherSerial());
+    EXPECT_FALSE(station.triesOtherSerial());
+    station.connect();
+    EXPECT_TRUE(station.triesOtherSerial());
+}
+
 TEST(StateText, NamesEveryState)
 {
-    EXPECT_EQ(stateText(State::Connecting), QString("connecting"));
-    EXPECT_EQ(stateText(State::Connected), QString("connected"));
-    EXPECT_EQ(stateText(State::Dead), QString("dead"));
-    EXPECT_EQ(stateText(State::Disabled), QString("disabled"));
+    Station station = enabledStation();
+    EXPECT_EQ(stateText(station), QString("connecting"));
+    station.connect();
+    EXPECT_EQ(stateText(station), QString("connected"));
+    StationSettings off;
+    off.enabled = false;
+    EXPECT_EQ(stateText(Station(off)), QString("disabled"));
+}
+
+TEST(StateText, TellsAStationThatRefusesFromOneThatIsSilent)
+{
+    Station station = deadStation(10s);
+    EXPECT_EQ(stateText(station), QString("dead"));
+    EXPECT_EQ(conditionText(station), QString("dead, no answer"));
+    station.failSetUp(kOpen, kRefusal);
+    EXPECT_EQ(stateText(station), QString("refused"));
+    EXPECT_EQ(conditionText(station), QString("refused, refused because"));
+    station.connect();
+    EXPECT_EQ(conditionText(station), QString("connected"));
 }

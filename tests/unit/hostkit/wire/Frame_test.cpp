@@ -116,12 +116,94 @@ TEST(Reply, ToAReadHasTypeAndValues)
 TEST(Reply, HasStatusAndExtendedStatus)
 {
     EXPECT_EQ(statusText(replyOf(wire::errorReply(5, 0x52, 0x05))),
-              QString("path destination unknown (status 05)"));
+              QString("no such tag (names are as in the controller's program; status 05)"));
     const Reply beyond = extended(0xFF, 0x2105);
     EXPECT_FALSE(beyond.good());
     EXPECT_EQ(statusKey(beyond), QString("FF/2105"));
     EXPECT_EQ(statusText(beyond), QString("access beyond the end of the tag (status FF/2105)"));
     EXPECT_EQ(statusText(replyOf(wire::errorReply(5, 0x52, 0x77))), QString("refused (status 77)"));
+}
+
+// Status words of replies to a read of a tag.
+TEST(Reply, ExplainsWhatAStatusMeansForATag)
+{
+    const auto textOf = [](quint8 status) {
+        return statusText(replyOf(wire::errorReply(5, 0x52, status))).toStdString();
+    };
+    EXPECT_EQ(textOf(0x04), "path segment error (the controller does not understand the name or "
+                            "the index; status 04)");
+    EXPECT_EQ(textOf(0x0E), "attribute not settable (the tag may be read-only; status 0E)");
+    EXPECT_EQ(textOf(0x0F), "privilege violation (the controller does not allow the access; "
+                            "status 0F)");
+    EXPECT_EQ(textOf(0x10), "device state conflict (the controller's mode may not allow it; "
+                            "status 10)");
+    EXPECT_EQ(textOf(0x08), "service not supported (status 08)");
+}
+
+TEST(Reply, ToAnotherServiceSpeaksOfNoTag)
+{
+    const Reply reply = decodeReply(hex("01 00 4B 00 05 00 00 00 81 00 05 00"));
+    EXPECT_EQ(statusText(reply), QString("path destination unknown (status 05)"));
+    EXPECT_EQ(statusPhrase(reply), QString("path destination unknown, status 05"));
+}
+
+TEST(Reply, HasWordsForExtendedStatusesOfConnections)
+{
+    const auto phrase = [](quint16 word) {
+        return statusPhrase(extended(0x01, word)).toStdString();
+    };
+    EXPECT_EQ(phrase(0x0100), "connection in use, status 01/0100");
+    EXPECT_EQ(phrase(0x0107), "connection not found, status 01/0107");
+    EXPECT_EQ(phrase(0x0113), "out of connections, status 01/0113");
+    EXPECT_EQ(phrase(0x0114), "vendor or product code does not match, status 01/0114");
+    EXPECT_EQ(phrase(0x0315), "invalid segment in the path, status 01/0315");
+    EXPECT_EQ(phrase(0x0777), "connection failure, extended status 0777, status 01/0777");
+}
+
+TEST(Reply, ShowsAllExtendedWordsAndCountsByTheFirst)
+{
+    const Reply reply = decodeReply(hex("01 00 4B 00 05 00 00 00 D4 00 01 02 09 01 F4 01"));
+    EXPECT_EQ(statusText(reply), QString("invalid connection size (status 01/0109/01F4)"));
+    EXPECT_EQ(statusKey(reply), QString("01/0109"));
+    const QByteArray many = hex("01 00 4B 00 05 00 00 00 D4 00 01 FF") + QByteArray(510, '\x11');
+    EXPECT_LT(statusText(decodeReply(many)).size(), 100);
+}
+
+// The driver's request with the serial number 123456, as the protocol document shows it.
+const char kOpenRequest[] = "00 01 0B 00 02 00 00 00 54 02 20 06 24 01 05 F7 02 00 00 80 01 00 01 "
+                            "80 02 00 34 12 56 34 12 02 02 00 00 00 80 84 1E 00 F8 43 80 84 1E 00 "
+                            "F8 43 A3 02 20 02 24 01";
+
+TEST(CloseRequest, NamesTheConnectionByTheNumbersItWasOpenedWith)
+{
+    EXPECT_EQ(wire::text(connectionKey(hex(kOpenRequest))), "02 00 34 12 56 34 12 02");
+    EXPECT_EQ(wire::text(closeRequest(hex(kOpenRequest), 0x4002)),
+              // service and path, tick and ticks, numbers, size in words, reserved, path
+              "00 01 0B 00 02 40 00 00 4E 02 20 06 24 01 05 F7 02 00 34 12 56 34 12 02 02 00 20 02 "
+              "24 01");
+}
+
+TEST(CloseRequest, IsMadeOfARequestThatOpensAConnectionOnly)
+{
+    const QByteArray open = hex(kOpenRequest);
+    for (int size = 0; size < 50; ++size)
+        EXPECT_TRUE(closeRequest(open.left(size), 1).isEmpty()) << size;
+    QByteArray identity = open;
+    identity[8] = 0x01;
+    EXPECT_TRUE(closeRequest(identity, 1).isEmpty());
+    EXPECT_TRUE(connectionKey(identity).isEmpty());
+}
+
+TEST(Reply, ToAConnectionRequestTellsARefusalFromAConnection)
+{
+    const QByteArray head = hex("01 00 4B 00 05 00 00 00");
+    EXPECT_TRUE(saysConnectionInUse(decodeReply(head + hex("D4 00 01 01 00 01"))));
+    EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("D4 00 01 01 13 01"))));
+    EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("D4 00 01 00"))));
+    EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("CE 00 01 01 00 01"))));
+    EXPECT_TRUE(hasConnection(decodeReply(head + hex("D4 00 00 00 5A 3C 01 00"))));
+    EXPECT_FALSE(hasConnection(decodeReply(head + hex("D4 00 00 00 5A 3C 01"))));
+    EXPECT_FALSE(hasConnection(decodeReply(head + hex("D4 00 01 00 5A 3C 01 00"))));
 }
 
 TEST(Reply, ThatTheLinkLayerRefusesIsNotGood)

@@ -1,0 +1,37 @@
+#ifndef MICRO850_HOST_FAILURE_H
+#define MICRO850_HOST_FAILURE_H
+
+#include <QtCore/QString>
+
+namespace micro850::host {
+
+struct Reply;
+
+/// Why a station has no connection, or an operation no result.
+struct Failure
+{
+    enum class Cause {
+        None,
+        Silence, ///< nothing came
+        Garbage, ///< bytes came, but no reply
+        Refusal, ///< a reply came, which refuses
+        Disabled ///< by the project; nothing was sent
+    };
+    Cause cause = Cause::None;
+    QString text;
+    QString remedy; ///< what the user can do; empty when there is nothing to advise
+};
+
+/// No reply came; `garbled` when bytes came that belong to no intact frame.
+Failure noReply(bool garbled);
+/// The controller refuses to open a connection.
+Failure refusedConnection(const Reply& reply);
+/// The controller does not know the connection any more.
+Failure lostConnection(const Reply& reply);
+/// A reply came that the driver or the host cannot use.
+Failure unusableReply();
+Failure disabledStation(int station);
+
+} // namespace micro850::host
+
+#endif
