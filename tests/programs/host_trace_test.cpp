@@ -18,9 +18,9 @@ TEST_F(HostTrace, DecodesBothFormsOfATrace)
                 frames += line.section("Z > ", 1).section(' ', 2);
         }
         EXPECT_EQ(frames, (QStringList{"identity", "open connection", "read Speed[0] x1",
-                                       "read Speed[0] x1", "read Nope[0] x1"}))
+                                       "read Speed[0] x1", "read Nope[0] x1", "close connection"}))
             << result.out;
-        EXPECT_NE(result.out.find("requests 5, answered 5, without an answer 0, repeated 0, "
+        EXPECT_NE(result.out.find("requests 6, answered 6, without an answer 0, repeated 0, "
                                   "replies of another request 0, corrupt 0\n"),
                   std::string::npos)
             << result.out;
@@ -37,9 +37,9 @@ TEST_F(HostTrace, PrintsOnlyItsStatisticsWithSummary)
     simulate();
     hostOnPort({"read", "Speed", "--trace", path("t.txt")});
     const Result text = host({"trace", path("t.txt"), "--summary"});
-    EXPECT_EQ(text.out.find("requests 4, answered 4, "), 0u) << text.out;
+    EXPECT_EQ(text.out.find("requests 5, answered 5, "), 0u) << text.out;
     const Result json = host({"trace", path("t.txt"), "--summary", "--json"});
-    EXPECT_EQ(json.out.find(R"({"summary":{"requests":4,"answered":4,"unanswered":0,)"), 0u)
+    EXPECT_EQ(json.out.find(R"({"summary":{"requests":5,"answered":5,"unanswered":0,)"), 0u)
         << json.out;
     EXPECT_EQ(linesOf(json.out).size(), 1);
 }
@@ -97,7 +97,8 @@ TEST_F(HostTrace, IsReadByWiresharkWithServiceTagNameAndStatus)
                                            "df1.cip_status", "df1.value", "df1.crc_good"}),
               (QStringList{"0x01;0;;;;1", "0x01;1;;0x00;;1", "0x54;0;;;;1", "0x54;1;;0x00;;1",
                            "0x52;0;Speed;;;1", "0x52;1;;0x00;d204;1", "0x52;0;Speed;;;1",
-                           "0x52;1;;0x00;d204;1", "0x52;0;Nope;;;1", "0x52;1;;0x05;;1"}));
+                           "0x52;1;;0x00;d204;1", "0x52;0;Nope;;;1", "0x52;1;;0x05;;1",
+                           "0x4e;0;;;;1", "0x4e;1;;0x00;;1"}));
 }
 
 TEST_F(HostTrace, ShowsACorruptFrameInWireshark)
@@ -107,7 +108,7 @@ TEST_F(HostTrace, ShowsACorruptFrameInWireshark)
     hostOnPort({"read", "Speed", "--trace", path("t.pcapng")});
     EXPECT_EQ(dissected(path("t.pcapng"), {"df1.service", "df1.response", "df1.crc_good"}),
               (QStringList{"0x01;0;1", "0x01;1;1", "0x54;0;1", "0x54;1;1", "0x52;0;1", "0x52;1;0",
-                           "0x52;1;1", "0x52;0;1", "0x52;1;1"}));
+                           "0x52;1;1", "0x52;0;1", "0x52;1;1", "0x4e;0;1", "0x4e;1;1"}));
 }
 
 TEST_F(HostTrace, IsReplayedByTheSimulatedController)
