@@ -145,7 +145,7 @@ TEST_F(HostRead, HasAnObjectForEachTagWithJson)
     const QStringList lines = linesOf(silent.out);
     ASSERT_EQ(lines.size(), 2) << silent.out;
     EXPECT_TRUE(lines.at(1).startsWith(R"({"name":"Level","station":1,"tag":"Level","error":)"
-                                       R"("not tried: Speed: station 1 does not answer)"))
+                                       R"("not tried: Speed: no answer)"))
         << silent.out;
 }
 
