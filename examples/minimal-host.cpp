@@ -88,7 +88,7 @@ void pollOnce()
     // After a time-out the driver expects a length that no reply has, also of the resends.
     const int result = DataCom(&reply, reply.isEmpty() ? 0 : sent->replyLength)->retValue;
     if (result == kNoConnection && ++setUps == 8)
-        fail("station 1", "no answer (check cable, speed and station)");
+        fail("station 1", "no answer (check cable and speed)");
     if (result > 1 && result != kNoConnection)
         fail(qPrintable(tag), "no reply within the retry limit");
     if (isRead && result == 1)
