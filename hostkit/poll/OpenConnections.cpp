@@ -19,9 +19,9 @@ const std::chrono::milliseconds kPatience(250);
 // or 1.
 quint16 ownTransaction(quint16 last)
 {
-    const int far = 0x4000;
-    const auto own = static_cast<quint16>(last + far);
-    return own > 1 ? own : static_cast<quint16>(own + 2);
+    const unsigned far = 0x4000;
+    const unsigned own = (last + far) & 0xFFFFu;
+    return static_cast<quint16>(own > 1 ? own : own + 2);
 }
 
 } // namespace
