@@ -35,7 +35,8 @@ void declareLine(CLI::App& app, Options& options)
                    "Serial device; without it a pseudo-terminal is opened and its path printed");
     app.add_option("--baud", setup.baud, "Speed of the serial device, 8N1")->capture_default_str();
     app.add_option("--link", setup.link,
-                   "Symbolic link to make to the pseudo-terminal (with --station: LINK.N)");
+                   "Symbolic link to make to the pseudo-terminal (with --station: LINK.N); it "
+                   "replaces only one that a killed simulator left");
     declareAcknowledgements(app, options);
     app.add_option("--faults", options.faults, "Fault script (JSON): what goes wrong on the line");
     app.add_option("--seed", setup.seed, "Seed of the faults that strike at a rate")

@@ -51,21 +51,20 @@ void makeRaw(int descriptor, const std::string& path, speed_t speed)
 
 } // namespace
 
-SerialPort::SerialPort(int descriptor, int held, std::string path, std::string link)
-    : m_descriptor(descriptor), m_held(held), m_path(std::move(path)), m_link(std::move(link))
+SerialPort::SerialPort(int descriptor, int held, std::string path)
+    : m_descriptor(descriptor), m_held(held), m_path(std::move(path))
 {
 }
 
 SerialPort::SerialPort(SerialPort&& other) noexcept
     : m_descriptor(std::exchange(other.m_descriptor, -1)), m_held(std::exchange(other.m_held, -1)),
-      m_path(std::move(other.m_path)), m_link(std::exchange(other.m_link, std::string()))
+      m_path(std::move(other.m_path)), m_link(std::move(other.m_link))
 {
 }
 
 SerialPort::~SerialPort()
 {
-    if (!m_link.empty())
-        ::unlink(m_link.c_str());
+    m_link = PortLink(); // removed while the terminal still has its number
     if (m_held >= 0)
         ::close(m_held);
     if (m_descriptor >= 0)
@@ -82,14 +81,11 @@ SerialPort SerialPort::pseudoTerminal(const std::string& link)
     const int slave = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (slave < 0)
         fail(name.data(), "is /dev/pts mounted?");
-    SerialPort port(master, slave, name.data(), "");
+    SerialPort port(master, slave, name.data());
     makeRaw(slave, name.data(), B38400);
     ::fcntl(master, F_SETFL, O_NONBLOCK);
-    if (!link.empty()) {
-        if (::symlink(name.data(), link.c_str()) != 0)
-            fail("--link " + link, "choose a name that is free, in a folder that can be written");
-        port.m_link = link;
-    }
+    if (!link.empty())
+        port.m_link = PortLink(link, name.data());
     return port;
 }
 
@@ -99,7 +95,7 @@ SerialPort SerialPort::device(const std::string& path, int baud)
     const int descriptor = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         fail("--port " + path, "give a serial device, or leave --port out for a pseudo-terminal");
-    SerialPort port(descriptor, -1, path, "");
+    SerialPort port(descriptor, -1, path);
     makeRaw(descriptor, path, speed);
     return port;
 }

@@ -2,6 +2,7 @@
 #define MICRO850_SIMULATOR_SERIALPORT_H
 
 #include "Bytes.h"
+#include "PortLink.h"
 
 #include <string>
 
@@ -12,7 +13,7 @@ class SerialPort
 {
 public:
     /// Opens a pseudo-terminal; path() is the path of the host's end. If `link` is not empty, makes
-    /// this symbolic link to it. Throws UserError.
+    /// this PortLink to it. Throws UserError.
     static SerialPort pseudoTerminal(const std::string& link);
     /// Opens a device at `baud`, 8 data bits, no parity, 1 stop bit. Throws UserError.
     static SerialPort device(const std::string& path, int baud);
@@ -31,12 +32,12 @@ public:
     void write(const Bytes& bytes);
 
 private:
-    SerialPort(int descriptor, int held, std::string path, std::string link);
+    SerialPort(int descriptor, int held, std::string path);
 
     int m_descriptor;
     int m_held; ///< the host's end, kept open so that hosts can come and go
     std::string m_path;
-    std::string m_link;
+    PortLink m_link;
 };
 
 } // namespace micro850::sim

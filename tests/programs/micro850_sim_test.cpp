@@ -331,4 +331,46 @@ TEST_F(SimulatorProgram, RefusesATraceWithoutAnyReply)
               true);
 }
 
+TEST_F(SimulatorProgram, TakesOverTheLinkOfAKilledOne)
+{
+    const QString tags = file("a.json", kTags);
+    for (int run = 0; run < 3; ++run) {
+        start({tags, "--link", path("plc")});
+        ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput)) << run;
+        EXPECT_EQ(QFile::symLinkTarget(path("plc")), QString::fromLatin1(m_lastLine));
+        end(SIGKILL);
+        EXPECT_EQ(QFile::symLinkTarget(path("plc")), QString::fromLatin1(m_lastLine));
+    }
+    start({tags, "--link", path("plc")});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(QFile::symLinkTarget(path("plc")).isEmpty());
+}
+
+TEST_F(SimulatorProgram, LeavesTheLinkToARunningOneAndOtherFilesAlone)
+{
+    const QString tags = file("a.json", kTags);
+    start({tags, "--link", path("plc")});
+    ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
+    const QString terminal = QString::fromLatin1(m_lastLine);
+    QProcess second;
+    second.start(QStringLiteral(MICRO850_SIM), {tags, "--link", path("plc")});
+    ASSERT_TRUE(second.waitForFinished(kLimitMs));
+    EXPECT_EQ(second.exitCode(), 2);
+    EXPECT_EQ(second.readAllStandardError().toStdString(),
+              "micro850-sim: --link " + path("plc").toStdString() + ": leads to " +
+                  terminal.toStdString() + ", which is in use (choose another name)\n");
+    EXPECT_EQ(QFile::symLinkTarget(path("plc")), terminal);
+    // Another program gives the name to a file of its own.
+    ASSERT_TRUE(QFile::remove(path("plc")));
+    file("plc", "precious");
+    EXPECT_EQ(end(SIGTERM), 0);
+    QFile kept(path("plc"));
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_EQ(kept.readAll(), QByteArray("precious"));
+    EXPECT_EQ(complaint({tags, "--link", path("plc")}),
+              "micro850-sim: --link " + path("plc").toStdString() +
+                  ": there is a file of this name (choose another name)");
+}
+
 } // namespace
