@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -61,6 +62,27 @@ OutputFile::OutputFile(int descriptor, std::string name)
 {
     struct stat status = {};
     m_regular = ::fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// A pipe is opened for reading too, so that this does not wait for a reader; the descriptor that
+// only writes then notices when there is none.
+OutputFile OutputFile::open(const std::string& path)
+{
+    const int descriptor =
+        ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    if (descriptor < 0)
+        failToWrite(path, errno);
+    OutputFile file(descriptor, path);
+    if (::isatty(descriptor) == 1)
+        throw UserError(path + ": is a terminal or a serial line (name a file)");
+    ::fcntl(descriptor, F_SETFL, 0);
+    struct stat status = {};
+    if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode))
+        return file;
+    const int pipe = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (pipe < 0)
+        failToWrite(path, errno);
+    return OutputFile(pipe, path);
 }
 
 OutputFile::OutputFile(OutputFile&& other) noexcept

@@ -19,6 +19,9 @@ void writeAll(int descriptor, const std::string& bytes, const std::string& name)
 class OutputFile
 {
 public:
+    /// Opens a file, or creates it, without a change of what is in it. Throws UserError, also for a
+    /// terminal: bytes that are meant for a file do not go to a serial line.
+    static OutputFile open(const std::string& path);
     /// Takes over the descriptor. Messages call the file `name`.
     OutputFile(int descriptor, std::string name);
     OutputFile(OutputFile&& other) noexcept;

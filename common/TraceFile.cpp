@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fcntl.h>
 #include <fstream>
 #include <istream>
 #include <stdexcept>
@@ -494,27 +493,6 @@ bool isOwnTrace(int descriptor)
     return false;
 }
 
-// A regular file is opened for reading too, to see what is in it. A pipe must have a reader by
-// then, or the first write fails: the line does not wait for one.
-OutputFile openToWrite(const std::string& path)
-{
-    const int descriptor =
-        ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (descriptor < 0)
-        failToWrite(path, errno);
-    OutputFile file(descriptor, path);
-    if (::isatty(descriptor) == 1)
-        fail(path, "is a terminal or a serial line (name a file)");
-    ::fcntl(descriptor, F_SETFL, 0);
-    struct stat status = {};
-    if (::fstat(descriptor, &status) != 0 || !S_ISFIFO(status.st_mode))
-        return file;
-    const int pipe = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    if (pipe < 0)
-        failToWrite(path, errno);
-    return OutputFile(pipe, path);
-}
-
 void emptyForTrace(OutputFile& file, bool replaces)
 {
     if (!file.isRegular())
@@ -555,7 +533,7 @@ std::unique_ptr<TraceWriter> TraceWriter::open(const std::string& path, bool rep
     const bool pcapng = endsWith(path, ".pcapng");
     if (!pcapng && !endsWith(path, ".txt"))
         fail(path, "a trace file ends in .pcapng or .txt");
-    OutputFile file = openToWrite(path);
+    OutputFile file = OutputFile::open(path);
     emptyForTrace(file, replaces);
     return std::unique_ptr<TraceWriter>(new TraceWriter(std::move(file), pcapng));
 }

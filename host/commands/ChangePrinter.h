@@ -12,12 +12,11 @@ namespace micro850::host {
 class ChangePrinter : public LoopView
 {
 public:
-    /// Prints variables that match the pattern, once in each interval; with an interval of 0 after
-    /// each step.
+    /// Prints once in each interval; with an interval of 0 after each step.
     ChangePrinter(RunLoop& run, const Project& project, const Output& output,
-                  const QString& pattern = QString(), Duration interval = Duration(0))
+                  Duration interval = Duration(0))
         : m_loop(run.loop()), m_project(project), m_table(run.table()), m_output(output),
-          m_changes(run.loop(), m_table, pattern), m_interval(interval)
+          m_changes(run.loop(), m_table), m_interval(interval)
     {
     }
 

@@ -1,7 +1,5 @@
 #include "Changes.h"
 
-#include "NamePattern.h"
-
 #include <algorithm>
 
 namespace micro850::host {
@@ -20,8 +18,7 @@ QVector<int> Changes::popVariables()
     }
     QVector<int> shown;
     for (const int variable : changed) {
-        const bool hasText = values.wasRead(variable) || !values.error(variable).isEmpty();
-        if (hasText && nameMatches(m_table.name(variable), m_pattern))
+        if (values.wasRead(variable) || !values.error(variable).isEmpty())
             shown.append(variable);
     }
     std::sort(shown.begin(), shown.end());

@@ -9,11 +9,7 @@ namespace micro850::host {
 class Changes
 {
 public:
-    /// Only variables whose names match the pattern are reported.
-    Changes(PollLoop& loop, const LiveTable& table, const QString& pattern)
-        : m_loop(loop), m_table(table), m_pattern(pattern)
-    {
-    }
+    Changes(PollLoop& loop, const LiveTable& table) : m_loop(loop), m_table(table) {}
 
     /// The variables whose value, error or quality changed and that have something to show, in the
     /// project's order.
@@ -24,7 +20,6 @@ public:
 private:
     PollLoop& m_loop;
     const LiveTable& m_table;
-    QString m_pattern;
     QVector<Quality> m_qualities;
     QStringList m_states;
 };

@@ -1,10 +1,11 @@
 #include "Changes.h"
-#include "NamePattern.h"
 #include "Recorder.h"
 #include "RunLoop.h"
 #include "UserError.h"
 
+#include <algorithm>
 #include <memory>
+#include <numeric>
 
 namespace micro850::host {
 
@@ -52,18 +53,20 @@ Sample sampleOf(const PollLoop& loop, const Project& project, int index, const Q
             values.error(index)};
 }
 
+std::unique_ptr<Recorder> recorderOf(const LogOptions& options, const Output& output)
+{
+    const auto note = [&output](const QString& text) { output.note(text); };
+    return options.csv.empty() ? Recorder::sqlite(textOf(options.sqlite), note)
+                               : Recorder::csv(textOf(options.csv), note);
+}
+
 /// Records the variables that changed, or all at an interval.
 class Logging : public LoopView
 {
 public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
-        : m_loop(run.loop()), m_project(project), m_output(output), m_match(textOf(options.match)),
-          m_changes(m_loop, run.table(), m_match),
-          m_recorder(options.csv.empty()
-                         ? Recorder::sqlite(textOf(options.sqlite),
-                                            [this](const QString& text) { m_output.note(text); })
-                         : Recorder::csv(textOf(options.csv))),
-          m_interval(fromSeconds(options.interval))
+        : m_loop(run.loop()), m_project(project), m_output(output), m_changes(m_loop, run.table()),
+          m_recorder(recorderOf(options, output)), m_interval(fromSeconds(options.interval))
     {
     }
 
@@ -71,8 +74,7 @@ public:
     {
         if (m_interval == Duration(0)) {
             record(m_changes.popVariables());
-        } else if (now >= m_next) {
-            m_next = now + m_interval;
+        } else if (isDue(now)) {
             record(all());
         }
         for (const QString& state : m_changes.popStates())
@@ -87,13 +89,31 @@ public:
     qint64 rows() const { return m_rows; }
 
 private:
+    // The first time is when every variable has a value or an error, or its station does not
+    // answer.
+    bool isDue(Duration now)
+    {
+        const QVector<int> variables = all();
+        const auto isKnown = [this](int variable) { return this->isKnown(variable); };
+        m_begun = m_begun || std::all_of(variables.begin(), variables.end(), isKnown);
+        if (!m_begun || now < m_next)
+            return false;
+        // From one due time to the next, so that the interval does not grow by the time of a step.
+        m_next += m_interval;
+        if (m_next <= now)
+            m_next = now + m_interval;
+        return true;
+    }
+    bool isKnown(int variable) const
+    {
+        const ValueStore& values = m_loop.values();
+        return values.wasRead(variable) || !values.error(variable).isEmpty() ||
+               !m_loop.stations().value(m_project.variables.at(variable).station).inService();
+    }
     QVector<int> all() const
     {
-        QVector<int> variables;
-        for (int i = 0; i < m_project.variables.size(); ++i) {
-            if (nameMatches(m_project.variables.at(i).name, m_match))
-                variables.append(i);
-        }
+        QVector<int> variables(m_project.variables.size());
+        std::iota(variables.begin(), variables.end(), 0);
         return variables;
     }
     void record(const QVector<int>& variables)
@@ -108,10 +128,10 @@ private:
     PollLoop& m_loop;
     const Project& m_project;
     const Output& m_output;
-    QString m_match;
     Changes m_changes;
     std::unique_ptr<Recorder> m_recorder;
     Duration m_interval;
+    bool m_begun = false;
     Duration m_next{0};
     Duration m_nextFlush{0};
     qint64 m_rows = 0;
@@ -122,14 +142,19 @@ int run(const LogOptions& options)
     const Output output(options.output.json, options.output.quiet);
     if (options.csv.empty() == options.sqlite.empty())
         throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
-    Project project = projectOf(options.line);
+    const bool toOutput = options.csv == "-";
+    if (toOutput && output.json())
+        throw UserError("--csv - and --json both write to standard output (leave out one)");
+    Project project = withMatching(projectOf(options.line), options.match, options.line.project);
     if (options.raw)
         project.showRaw();
     requirePort(project, options.line);
     RunLoop loop(options.line, project);
     Logging logging(loop, project, options, output);
     loop.run(logging, options.seconds);
-    const std::string file = options.csv.empty() ? options.sqlite : options.csv;
+    const std::string file = toOutput              ? "standard output"
+                             : options.csv.empty() ? options.sqlite
+                                                   : options.csv;
     output.note(
         QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
     if (output.json())
@@ -147,23 +172,28 @@ void addLog(CommandLine& line)
     CommandOptions log = line.addCommand("log", "Record values with their time and quality",
                                          [options] { return run(*options); });
     log.text("PROJECT", options->line.project, "Project file (default project.json)");
-    log.text("--csv", options->csv, "Append to this comma-separated file");
+    log.text("--csv", options->csv, "Append to this comma-separated file; - is standard output");
     log.text("--sqlite", options->sqlite, "Append to the table samples of this database");
     log.text("--match", options->match,
-             "Record the variables whose names contain this, or match it with * and ?");
+             "Read only the variables whose names contain this, or match it with * and ?");
     log.number("--interval", options->interval, 0.0, 1e9,
                "Record every variable at this interval in seconds (default: each change)");
     log.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     log.flag("--raw", options->raw, kRawHelp);
     options->line.addTo(log);
     options->output.addTo(log);
-    log.footer("A kill of the program loses at most the last second.\n"
-               "In a database numbers are numbers whatever their type, true is 1, and NULL is only "
-               "for a value\nthat was never read; micro850-host(1) tells the rest.\n"
-               "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
-               "--port /tmp/plc\n"
-               "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "
-               "configuration.");
+    log.footer(
+        "A kill of the program loses at most the last second. A last row that it cut short is "
+        "removed when the file is continued.\n"
+        "With --interval the recording begins when every variable has a value or an error.\n"
+        "A text with control characters, or one that a spreadsheet would take for a formula, "
+        "is in double quotes, with escapes such as \\n.\n"
+        "In a database numbers are numbers whatever their type, true is 1, and NULL is only "
+        "for a value\nthat was never read; micro850-host(1) tells the rest.\n"
+        "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
+        "--port /tmp/plc\n"
+        "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "
+        "configuration.");
 }
 
 } // namespace micro850::host

@@ -1,5 +1,4 @@
 #include "ChangePrinter.h"
-#include "NamePattern.h"
 #include "TableView.h"
 #include "Terminal.h"
 #include "UserError.h"
@@ -40,17 +39,7 @@ Project pollProject(const PollOptions& options)
         project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
     if (options.raw)
         project.showRaw();
-    QVector<Variable> matching;
-    for (const Variable& variable : project.variables) {
-        if (nameMatches(variable.name, textOf(options.match)))
-            matching.append(variable);
-    }
-    if (matching.isEmpty()) {
-        throw UserError("--match: no variable of " + options.line.project + " matches \"" +
-                        options.match + "\" (a part of a name, or a pattern with * and ?)");
-    }
-    // All variables are polled: on a terminal the user can ask for those that do not match.
-    return project;
+    return withMatching(project, options.match, options.line.project);
 }
 
 /// Shows the values as a table on a terminal.
@@ -95,14 +84,14 @@ int run(const PollOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     const Project project = pollProject(options);
-    const QString match = textOf(options.match);
     RunLoop loop(options.line, project);
     std::unique_ptr<LoopView> view;
     if (isatty(STDOUT_FILENO) == 1 && !output.json())
-        view = std::make_unique<TableDisplay>(loop.table(), match, orderOf(options.sort));
+        view = std::make_unique<TableDisplay>(loop.table(), textOf(options.match),
+                                              orderOf(options.sort));
     else
-        view = std::make_unique<ChangePrinter>(loop, project, output, match,
-                                               fromSeconds(options.interval));
+        view =
+            std::make_unique<ChangePrinter>(loop, project, output, fromSeconds(options.interval));
     loop.run(*view, options.seconds);
     loop.summarise(output);
     if (loop.exitStatus() != kExitDone)
@@ -120,7 +109,7 @@ void addPoll(CommandLine& line)
                                           [options] { return run(*options); });
     poll.text("PROJECT", options->line.project, "Project file (default project.json)");
     poll.text("--match", options->match,
-              "Show the variables whose names contain this, or match it with * and ?");
+              "Read only the variables whose names contain this, or match it with * and ?");
     poll.choice("--sort", options->sort, {"project", "name", "age"},
                 "Order of the table: project, name or age");
     poll.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");

@@ -206,6 +206,8 @@ void Reads::printError(const Read& read, const QString& error) const
 void Reads::close(const QString& why)
 {
     const int done = m_reported;
+    if (done == m_reads.size())
+        return; // what failed came after the work
     for (; m_reported < m_reads.size(); ++m_reported) {
         const Read& read = m_reads.at(m_reported);
         const bool refused = read.status != kExitDone;

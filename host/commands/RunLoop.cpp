@@ -1,5 +1,6 @@
 #include "RunLoop.h"
 
+#include "NamePattern.h"
 #include "UserError.h"
 
 #include <unistd.h>
@@ -53,6 +54,21 @@ Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
 }
 
 } // namespace
+
+Project withMatching(Project project, const std::string& pattern, const std::string& file)
+{
+    QVector<Variable> matching;
+    for (const Variable& variable : project.variables) {
+        if (nameMatches(variable.name, textOf(pattern)))
+            matching.append(variable);
+    }
+    if (matching.isEmpty()) {
+        throw UserError("--match: no variable of " + file + " matches \"" + pattern +
+                        "\" (a part of a name, or a pattern with * and ?)");
+    }
+    project.variables = matching;
+    return project;
+}
 
 RunLoop::RunLoop(const LineOptions& options, const Project& project)
     : m_project(project), m_connection(options, project), m_trace(options.trace, options.force),

@@ -27,6 +27,10 @@ public:
     virtual void close(Duration) {}
 };
 
+/// The project with only the variables whose names match the pattern, so that no other is read.
+/// Throws UserError when none does; its message names the project file.
+Project withMatching(Project project, const std::string& pattern, const std::string& file);
+
 /// Polls a project for poll, watch and log: the line, the driver and the loop, from the first step
 /// to the summary.
 class RunLoop

@@ -11,6 +11,7 @@
 
 #include <cmath>
 #include <limits>
+#include <utility>
 
 namespace micro850::host {
 
@@ -68,12 +69,13 @@ struct ConnectionName
 class SqliteRecorder : public Recorder
 {
 public:
-    SqliteRecorder(const QString& path, const std::function<void(const QString&)>& note)
+    SqliteRecorder(const QString& path, const Note& note)
         : m_path(path), m_database(QSqlDatabase::database(kConnection, false))
     {
         m_database.setDatabaseName(path);
         if (!m_database.isValid())
-            failWith(QStringLiteral("Qt's SQLite driver is missing (install libqt5sql5-sqlite)"));
+            throw UserError(path.toStdString() +
+                            ": Qt's SQLite driver is missing (install libqt5sql5-sqlite)");
         if (!m_database.open())
             fail(m_database.lastError());
         prepareSamples(m_database, path, note);
@@ -90,9 +92,8 @@ public:
     void add(const Sample& sample) override
     {
         // One commit for many rows: each commit waits for the disk.
-        if (!m_open && !m_database.transaction())
+        if (!std::exchange(m_open, true) && !m_database.transaction())
             fail(m_database.lastError());
-        m_open = true;
         m_insert.addBindValue(sample.time.toUTC().toString(Qt::ISODateWithMs));
         m_insert.addBindValue(sample.name);
         m_insert.addBindValue(sample.station);
@@ -115,13 +116,11 @@ public:
     }
 
 private:
-    [[noreturn]] void fail(const QSqlError& error) const
+    // The rows since the last flush are lost; the message is the only one about it.
+    [[noreturn]] void fail(const QSqlError& error)
     {
-        failWith(QStringLiteral("cannot be written: ") + error.text().simplified());
-    }
-    [[noreturn]] void failWith(const QString& why) const
-    {
-        throw UserError((m_path + QStringLiteral(": ") + why).toStdString());
+        m_open = false;
+        failToWrite(m_path, error);
     }
 
     ConnectionName m_name; // first, so that it is destroyed last
@@ -133,8 +132,7 @@ private:
 
 } // namespace
 
-std::unique_ptr<Recorder> Recorder::sqlite(const QString& path,
-                                           const std::function<void(const QString&)>& note)
+std::unique_ptr<Recorder> Recorder::sqlite(const QString& path, const Note& note)
 {
     return std::make_unique<SqliteRecorder>(path, note);
 }

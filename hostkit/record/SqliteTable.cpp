@@ -3,6 +3,7 @@
 #include "CipType.h"
 #include "UserError.h"
 
+#include <QtCore/QSet>
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlError>
@@ -134,7 +135,7 @@ public:
     {
         QSqlQuery query(m_database);
         if (!query.exec(statement))
-            fail(QStringLiteral("cannot be written: ") + query.lastError().text().simplified());
+            failToWrite(m_path, query.lastError());
         return query;
     }
     int number(const QString& statement) const
@@ -179,6 +180,18 @@ void refuseOtherTables(const Asker& asker, int version, const QStringList& found
 }
 
 } // namespace
+
+void failToWrite(const QString& path, const QSqlError& error)
+{
+    // The library's codes: busy, locked, input or output error, full. When a transaction fails, the
+    // database was opened before, and Qt gives no code.
+    static const QSet<int> ofDisk = {5, 6, 10, 13};
+    const int code = error.nativeErrorCode().toInt() & 0xFF; // above it are details
+    const bool refused = error.type() == QSqlError::TransactionError || ofDisk.contains(code);
+    throw UserError(
+        (path + QStringLiteral(": cannot be written: ") + error.text().simplified()).toStdString(),
+        refused ? kExitRefused : kExitUsage);
+}
 
 void prepareSamples(QSqlDatabase& database, const QString& path,
                     const std::function<void(const QString&)>& note)

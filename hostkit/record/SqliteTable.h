@@ -2,10 +2,15 @@
 #define MICRO850_HOST_SQLITETABLE_H
 
 #include <QtSql/QSqlDatabase>
+#include <QtSql/QSqlError>
 
 #include <functional>
 
 namespace micro850::host {
+
+/// Throws UserError for an error of the database at `path`. The exit status is 1 when its disk or
+/// another program is at fault, 2 when the name is.
+[[noreturn]] void failToWrite(const QString& path, const QSqlError& error);
 
 /// Makes the table "samples" of an open database ready for rows: creates it, or converts the rows
 /// of an earlier version in one transaction. Throws UserError without a change to the database when

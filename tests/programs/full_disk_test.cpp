@@ -140,4 +140,35 @@ TEST_F(FullDisk, TraceReplacesAFileThatIsNoTraceOnlyWithForce)
     EXPECT_EQ(host({"trace", "notes.txt"}).status, 0);
 }
 
+TEST_F(FullDisk, ForALogEndsItWithOneLine)
+{
+    simulate();
+    project();
+    const QString log = "$HOST log p.json --port $PORT --quiet --seconds 600 --interval 0.01 ";
+    const Result device = shell(log + "--csv /dev/full");
+    EXPECT_EQ(device.status, 1);
+    EXPECT_EQ(device.err, std::string("micro850-host: /dev/full: ") + kNoSpace);
+    const Result output = shell(log + "--csv - >/dev/full");
+    EXPECT_EQ(output.status, 1);
+    EXPECT_EQ(output.err, std::string("micro850-host: standard output: ") + kNoSpace);
+    const Result csv = shell("ulimit -f 2; " + log + "--csv v.csv");
+    EXPECT_EQ(csv.status, 1);
+    EXPECT_EQ(csv.err, "micro850-host: v.csv: cannot be written: File too large\n");
+    EXPECT_EQ(textOf("v.csv").back(), '\n');
+    const Result database = shell("ulimit -f 12; " + log + "--sqlite v.db");
+    EXPECT_EQ(database.status, 1);
+    EXPECT_EQ(database.err.find("micro850-host: v.db: cannot be written: "), 0u) << database.err;
+    EXPECT_EQ(linesOf(database.err).size(), 1) << database.err;
+}
+
+TEST_F(FullDisk, AClosedPipeEndsALogWithOneLine)
+{
+    simulate();
+    project();
+    const Result result = shell("$HOST log p.json --port $PORT --quiet --csv - --interval 0.01 | "
+                                "head -1; echo ${PIPESTATUS[0]}");
+    EXPECT_EQ(linesOf(result.out).last(), QString("1")) << result.out;
+    EXPECT_EQ(result.err, "micro850-host: standard output: cannot be written: Broken pipe\n");
+}
+
 } // namespace

@@ -198,4 +198,111 @@ TEST_F(HostLog, NeedsOneFileThatCanBeWritten)
         << nowhere.err;
 }
 
+TEST_F(HostLog, WritesToStandardOutputAndNotesElsewhere)
+{
+    simulate();
+    const Result result = host({"log", project(), "--csv", "-", "--seconds", "1"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    ASSERT_EQ(lines.size(), 4) << result.out;
+    EXPECT_EQ(lines.at(0), QString(kHeading));
+    EXPECT_FALSE(QFile::exists(path("-")));
+    EXPECT_NE(result.err.find("standard output: 3 rows written"), std::string::npos) << result.err;
+    const Result json = host({"log", project(), "--csv", "-", "--json"});
+    EXPECT_EQ(json.status, 2);
+    EXPECT_EQ(json.err, "micro850-host: --csv - and --json both write to standard output (leave "
+                        "out one)\n");
+}
+
+// No row before the first value; at least the identity and the connection come before it.
+TEST_F(HostLog, BeginsAtAnIntervalWhenValuesAreThere)
+{
+    simulate();
+    const Result result =
+        host({"log", project(), "--csv", "-", "--seconds", "1.5", "--interval", "0.1", "--quiet"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    EXPECT_GE(lines.size(), 4);
+    for (const QString& line : lines)
+        EXPECT_FALSE(line.contains("never")) << line.toStdString();
+}
+
+TEST_F(HostLog, BeginsAtAnIntervalWithoutAVariableThatTheControllerRefuses)
+{
+    simulate();
+    const QString plan = file("n.json", R"({"variables": [{"tag": "Speed"}, {"tag": "Nope"}]})");
+    const Result result =
+        hostOnPort({"log", plan, "--csv", "-", "--seconds", "1.5", "--interval", "0.2"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find(",Speed,1,Speed,0,INT,1234,"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(",Nope,1,Nope,0,,,,never,"), std::string::npos) << result.out;
+}
+
+TEST_F(HostLog, ReadsOnlyWhatMatches)
+{
+    simulate();
+    for (const char* command : {"log", "poll"}) {
+        const QStringList to =
+            QString(command) == "log" ? QStringList{"--csv", "-"} : QStringList();
+        const Result result = host(QStringList{command, project(), "--match", "Sp", "--seconds",
+                                               "0.5", "--trace", path("t.txt")} +
+                                   to);
+        EXPECT_EQ(result.status, 0) << result.err;
+        const std::string trace = host({"trace", path("t.txt")}).out;
+        EXPECT_NE(trace.find("read Speed"), std::string::npos) << trace;
+        EXPECT_EQ(trace.find("Level"), std::string::npos) << trace;
+        EXPECT_EQ(trace.find("Name"), std::string::npos) << trace;
+        const Result none = host(QStringList{command, project(), "--match", "zzz"} + to);
+        EXPECT_EQ(none.status, 2);
+        EXPECT_NE(none.err.find("--match: no variable of "), std::string::npos) << none.err;
+    }
+}
+
+TEST_F(HostLog, GoesOnAfterARowThatAKillCutShort)
+{
+    simulate();
+    const QString csv = path("v.csv");
+    const std::string row = "2026-03-01T12:30:05.250Z,Speed,1,Speed,0,INT,1,rpm,good,\n";
+    file("v.csv", std::string(kHeading) + '\n' + row + row.substr(0, 40));
+    const Result result = host({"log", project(), "--csv", csv, "--seconds", "1"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.err.find("micro850-host: " + csv.toStdString() +
+                              ": its last row was cut short and is removed: " + row.substr(0, 40) +
+                              "\n"),
+              std::string::npos)
+        << result.err;
+    const QStringList lines = linesOf(textOf("v.csv"));
+    ASSERT_EQ(lines.size(), 5);
+    for (const QString& line : lines)
+        EXPECT_EQ(line.count(','), 9) << line.toStdString();
+}
+
+TEST_F(HostLog, GoesOnWithADatabaseAfterAKill)
+{
+    simulate();
+    const QString database = path("v.db");
+    QProcess log;
+    log.start(MICRO850_HOST, {"log", project(), "--sqlite", database, "--interval", "0.01"});
+    ASSERT_TRUE(log.waitForStarted());
+    const auto rows = [&] {
+        return runProgram("python3", {"-c", R"(
+import sqlite3, sys
+rows = sqlite3.connect(sys.argv[1], timeout=60)
+assert rows.execute("PRAGMA integrity_check").fetchone() == ("ok",)
+print(rows.execute("SELECT count(*) FROM samples").fetchone()[0]))",
+                                      database})
+            .out;
+    };
+    QElapsedTimer timer;
+    timer.start();
+    while ((!QFile::exists(database) || atoi(rows().c_str()) < 30) && timer.elapsed() < 60000)
+        QThread::msleep(20);
+    ::kill(static_cast<pid_t>(log.processId()), SIGKILL);
+    ASSERT_TRUE(log.waitForFinished());
+    const int before = atoi(rows().c_str());
+    EXPECT_GE(before, 30);
+    EXPECT_EQ(host({"log", project(), "--sqlite", database, "--seconds", "1"}).status, 0);
+    EXPECT_EQ(atoi(rows().c_str()), before + 3);
+}
+
 } // namespace

@@ -154,4 +154,46 @@ TEST_F(HostTrace, ReportsAFileThatIsNotATrace)
     EXPECT_NE(other.err.find("x.txt"), std::string::npos) << other.err;
 }
 
+TEST_F(HostTrace, OfAKilledRecordingIsReadUpToItsEnd)
+{
+    simulate();
+    for (const char* name : {"t.txt", "t.pcapng"}) {
+        hostOnPort({"read", "Speed", "--trace", path(name)});
+        const std::string whole = textOf(name);
+        file(name, whole.substr(0, whole.size() - 3));
+        const Result result = host({"trace", path(name)});
+        EXPECT_EQ(result.status, 0);
+        EXPECT_NE(result.err.find("is cut short and left out: the recording ended there\n"),
+                  std::string::npos)
+            << result.err;
+        EXPECT_NE(result.out.find("requests 4, "), std::string::npos) << result.out;
+        EXPECT_EQ(host({"trace", path(name), "--quiet"}).err, "");
+    }
+}
+
+TEST_F(HostTrace, RefusesAtOnceWhatIsNoTrace)
+{
+    file("empty.txt", "");
+    const std::string pipe = "is a pipe or a device (save the trace to a file first)";
+    const std::vector<std::pair<QString, std::string>> cases = {
+        {".", "is a directory (name a trace file)"},
+        {"empty.txt", "is empty: not a trace"},
+        {"/dev/zero", pipe},
+        {"/dev/stdin", pipe}};
+    for (const auto& [name, why] : cases) {
+        const Result result = runProgram("bash", {"-c", "cd \"$0\" && yes | \"$1\" trace \"$2\"",
+                                                  path("."), MICRO850_HOST, name});
+        EXPECT_EQ(result.status, 2) << name.toStdString();
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "micro850-host: " + name.toStdString() + ": " + why + '\n');
+    }
+}
+
+TEST_F(HostTrace, ShowsTimesAfterTheYear2106)
+{
+    const Result result = host({"trace", file("t.txt", "4294967296.000000 > 10 05\n")});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out.find("2106-02-07T06:28:16.000Z > "), 0u) << result.out;
+}
+
 } // namespace

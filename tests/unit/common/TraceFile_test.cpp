@@ -181,7 +181,7 @@ TEST_F(TraceTest, RejectsATimeStampThatNoClockCanShow)
 
 TEST_F(TraceTest, ReportsABadNumberInOneLineWhateverItContains)
 {
-    EXPECT_EQ(errorOf("1\t\x1B.000000 > 10\n"), "t.txt:1: \"1  \" is not a number");
+    EXPECT_EQ(errorOf("1\t\x1B.000000 > 10\n"), "t.txt:1: \"1\\t\\x1b\" is not a number");
 }
 
 TEST_F(TraceTest, AcceptsOnlyTheTwoFileFormats)

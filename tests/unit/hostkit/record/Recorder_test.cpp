@@ -6,8 +6,10 @@
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QThread>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 
 #include <cmath>
 #include <csignal>
@@ -35,6 +37,12 @@ protected:
         QFile file(path(name));
         EXPECT_TRUE(file.open(QIODevice::ReadOnly));
         return file.readAll().toStdString();
+    }
+    void write(const char* name, const std::string& content) const
+    {
+        QFile file(path(name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(content.data(), static_cast<qint64>(content.size()));
     }
     /// The rows of a query, fields joined by '|'. Asked of the database library itself.
     std::vector<std::string> query(const char* name, const char* sql) const
@@ -89,6 +97,134 @@ TEST_F(RecorderTest, AppendsToAFileThatHasSamples)
     EXPECT_EQ(text("v.csv"), "time,name,station,tag,element,type,value,unit,quality,error\n"
                              "2026-03-01T12:30:05.250Z,A,1,Tag,3,INT,1,l/min,good,\n"
                              "2026-03-01T12:30:05.250Z,B,1,Tag,3,INT,2,l/min,good,\n");
+}
+
+namespace {
+
+const char kHeading[] = "time,name,station,tag,element,type,value,unit,quality,error\n";
+const char kWholeRow[] = "2026-03-01T12:30:05.250Z,A,1,Tag,3,INT,1,l/min,good,\n";
+
+} // namespace
+
+TEST_F(RecorderTest, RemovesARowThatWasCutShortAndReportsIt)
+{
+    const std::string next = std::string(kWholeRow).replace(25, 1, "B");
+    const std::string rows = std::string(kHeading) + kWholeRow;
+    for (std::size_t size = 0; size <= rows.size() + 40; ++size) {
+        SCOPED_TRACE(size);
+        const std::string cut = (rows + next).substr(0, size);
+        write("v.csv", cut);
+        QString remark;
+        const auto recorder =
+            Recorder::csv(path("v.csv"), [&remark](const QString& text) { remark = text; });
+        const std::size_t whole = cut.rfind('\n') == std::string::npos ? 0 : cut.rfind('\n') + 1;
+        EXPECT_EQ(remark.isEmpty(), whole == cut.size());
+        recorder->add(sample("B", CipValue::ofSigned(1)));
+        recorder->flush();
+        EXPECT_EQ(text("v.csv"), (whole == 0 ? kHeading : cut.substr(0, whole)) + next);
+    }
+    write("v.csv", rows + "2026,\"cut");
+    QString remark;
+    Recorder::csv(path("v.csv"), [&remark](const QString& text) { remark = text; });
+    EXPECT_EQ(remark.toStdString(),
+              path("v.csv").toStdString() +
+                  R"(: its last row was cut short and is removed: 2026,"cut)");
+}
+
+TEST_F(RecorderTest, RemovesZeroBytesThatACrashLeftAtTheEnd)
+{
+    write("v.csv", std::string(kHeading) + kWholeRow + std::string(5000, '\0'));
+    Recorder::csv(path("v.csv"));
+    EXPECT_EQ(text("v.csv"), std::string(kHeading) + kWholeRow);
+}
+
+TEST_F(RecorderTest, KeepsLineEndsWithinTheQuotesOfEarlierRows)
+{
+    const std::string row = "2026-03-01T12:30:05.250Z,A,1,Tag,0,SHORT_STRING,\"a\nb\",,good,\n";
+    write("v.csv", kHeading + row);
+    Recorder::csv(path("v.csv"));
+    EXPECT_EQ(text("v.csv"), kHeading + row);
+    // Here it cannot be told where the last whole row ends.
+    write("v.csv", kHeading + row + "2026,\"a\nb,INT\n");
+    EXPECT_EQ(complaint([&] { Recorder::csv(path("v.csv")); }),
+              path("v.csv").toStdString() + ": line 4: a field opens with \" that no other \" "
+                                            "closes (mend the row, or name a new file)");
+    EXPECT_EQ(text("v.csv"), kHeading + row + "2026,\"a\nb,INT\n");
+}
+
+TEST_F(RecorderTest, RefusesAFileThatAnotherRecorderWrites)
+{
+    const auto first = Recorder::csv(path("v.csv"));
+    EXPECT_EQ(complaint([&] { Recorder::csv(path("v.csv")); }),
+              path("v.csv").toStdString() + ": another program is writing to it (name another "
+                                            "file, or end that program)");
+}
+
+TEST_F(RecorderTest, MakesTextsHarmlessThatASpreadsheetWouldRun)
+{
+    const auto cells = [this](const QString& type, const CipValue& value, const QString& unit) {
+        QFile::remove(path("v.csv"));
+        Sample made = sample("A", value);
+        made.type = type;
+        made.unit = unit;
+        Recorder::csv(path("v.csv"))->add(made);
+        const QString row = QString::fromStdString(text("v.csv")).section('\n', 1, 1);
+        return row.section(',', 6).toStdString();
+    };
+    const QString string = "SHORT_STRING";
+    for (const char* sign : {"=", "+", "-", "@"}) {
+        EXPECT_EQ(cells(string, CipValue::ofText(sign + std::string("1+1")), ""),
+                  std::string("\"\"\"") + sign + "1+1\"\"\",,good,");
+        EXPECT_EQ(cells(string, CipValue::ofText(sign), sign),
+                  std::string(sign) + ',' + sign + ",good,");
+    }
+    EXPECT_EQ(cells(string, CipValue::ofText("  =A1"), "=B\\\"2"),
+              R"("""  =A1""","""=B\\\""2""",good,)");
+    // A control character before it, and the form of a quoted text, which no other text has.
+    EXPECT_EQ(cells(string, CipValue::ofText("\t=A1"), ""), R"("""\t=A1""",,good,)");
+    EXPECT_EQ(cells(string, CipValue::ofText("\"=A1\""), ""), R"("""\""=A1\""""",,good,)");
+    EXPECT_EQ(cells("INT", CipValue::ofSigned(-5), "-1"), R"(-5,"""-1""",good,)");
+    EXPECT_EQ(cells("REAL", CipValue::ofReal(-0.5), ""), "-0.5,,good,");
+    EXPECT_EQ(cells("INT", CipValue::ofText("-5 3"), ""), "-5 3,,good,");
+}
+
+TEST_F(RecorderTest, WritesARowInOneLineWithAllCharactersOfATextWhateverTheyAre)
+{
+    Sample made = sample("A\nB", CipValue::ofText(std::string("ab\0cd\r\n\xFC", 8)));
+    made.type = "SHORT_STRING";
+    Recorder::csv(path("v.csv"))->add(made);
+    EXPECT_EQ(text("v.csv"), std::string(kHeading) +
+                                 "2026-03-01T12:30:05.250Z,\"\"\"A\\nB\"\"\",1,Tag,3,"
+                                 "SHORT_STRING,\"\"\"ab\\x00cd\\r\\n"
+                                 "\xC3\xBC\"\"\",l/min,good,\n");
+    Recorder::sqlite(path("v.db"))->add(made);
+    EXPECT_EQ(query("v.db", "SELECT hex(value) FROM samples"),
+              std::vector<std::string>{"61620063640D0AC3BC"});
+}
+
+TEST_F(RecorderTest, KeepsTheRowsThatFitWhenTheDiskIsFull)
+{
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before = {};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const std::string whole = std::string(kHeading) + kWholeRow + kWholeRow;
+    const auto recorder = Recorder::csv(path("v.csv"));
+    for (int i = 0; i < 3; ++i)
+        recorder->add(sample("A", CipValue::ofSigned(1)));
+    const rlimit limit = {whole.size() + 20, before.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    micro850::ExitStatus status = micro850::kExitDone;
+    std::string why;
+    try {
+        recorder->flush();
+    } catch (const micro850::UserError& error) {
+        status = error.status();
+        why = error.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(status, micro850::kExitRefused);
+    EXPECT_EQ(why, path("v.csv").toStdString() + ": cannot be written: File too large");
+    EXPECT_EQ(text("v.csv"), whole);
 }
 
 TEST_F(RecorderTest, RefusesAFileWithAnotherHeadingAndLeavesItUnchanged)
