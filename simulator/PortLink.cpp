@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -26,6 +27,20 @@ bool isPseudoTerminal(const std::string& path)
     const std::string folder = "/dev/pts/";
     return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
            path.find_first_not_of("0123456789", folder.size()) == std::string::npos;
+}
+
+// Whether the terminal was there when the link was made. A later one has only got the number of the
+// one that the link was made to. The kernel sets the time of change when it makes a terminal.
+bool isInUse(const std::string& name, const std::string& terminal)
+{
+    struct stat ofLink = {};
+    struct stat ofTerminal = {};
+    if (::lstat(name.c_str(), &ofLink) != 0 || ::stat(terminal.c_str(), &ofTerminal) != 0)
+        return false;
+    const timespec& made = ofLink.st_mtim;
+    const timespec& opened = ofTerminal.st_ctim;
+    return opened.tv_sec < made.tv_sec ||
+           (opened.tv_sec == made.tv_sec && opened.tv_nsec <= made.tv_nsec);
 }
 
 // Removes the link if it leads to this target. Between a look at a name and its removal the name
@@ -61,7 +76,7 @@ void takeOver(const std::string& name, const std::string& terminal)
         refuse(name, "there is a file of this name");
     if (!isPseudoTerminal(target))
         refuse(name, "there is a link of this name to " + target);
-    if (target != terminal && ::access(target.c_str(), F_OK) == 0)
+    if (target != terminal && isInUse(name, target))
         refuse(name, "leads to " + target + ", which is in use");
     removeLink(name, target);
 }

@@ -13,8 +13,8 @@ public:
     /// No link.
     PortLink() = default;
     /// Makes the link `name` to the pseudo-terminal `terminal`. A link that a killed simulator left
-    /// is taken over: one to a pseudo-terminal that is gone, or whose number is now that of
-    /// `terminal`. Throws UserError if the name is used for anything else.
+    /// is taken over: one to a pseudo-terminal that is gone, or whose number a later one has.
+    /// Throws UserError if the name is used for anything else.
     PortLink(const std::string& name, const std::string& terminal);
     PortLink(PortLink&& other) noexcept;
     PortLink& operator=(PortLink&& other) noexcept;

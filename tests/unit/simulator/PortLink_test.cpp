@@ -8,6 +8,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace micro850::sim {
@@ -96,6 +97,18 @@ TEST_F(PortLinkTest, RefusesALinkToATerminalThatIsThere)
     EXPECT_EQ(fs::read_symlink(name()), ::ptsname(terminal));
     ::close(terminal);
     EXPECT_EQ(complaint(kGone), "");
+}
+
+TEST_F(PortLinkTest, TakesOverALinkThatIsOlderThanTheTerminalOfThatNumber)
+{
+    const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_EQ(::grantpt(terminal) + ::unlockpt(terminal), 0);
+    fs::create_symlink(::ptsname(terminal), name());
+    const timespec longAgo[] = {{1, 0}, {1, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, name().c_str(), longAgo, AT_SYMLINK_NOFOLLOW), 0);
+    EXPECT_EQ(complaint(kGone), "");
+    EXPECT_EQ(files(), 0);
+    ::close(terminal);
 }
 
 TEST_F(PortLinkTest, RefusesAnyOtherFile)
