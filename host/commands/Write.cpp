@@ -85,8 +85,8 @@ public:
     void carryOut(Session& session, const Interrupt& interrupt);
     /// Reports those that are left, and how many had which outcome.
     void close(const QString& whyNotTried);
-    /// The same after the command failed. That standard output cannot be written is known then.
-    void abandon(const QString& why);
+    /// Throws when the outcome of a write could not be printed.
+    void throwIfNotPrinted() const;
 
 private:
     void parse(Job& job, const QString& argument, const TargetOptions& options);
@@ -109,9 +109,9 @@ private:
     bool m_verify;
     QVector<Job> m_jobs;
     ExitStatus m_status = kExitDone;
-    bool m_abandoned = false;
-    bool m_begun = false; ///< a write was sent
-    int m_job = 0;        ///< the next one that is reported
+    mutable std::optional<UserError> m_outputFailure; ///< the first one
+    bool m_begun = false;                             ///< a write was sent
+    int m_job = 0;                                    ///< the next one that is reported
     int m_element = 0;
 };
 
@@ -314,9 +314,10 @@ void Writes::print(const Json& object, const QString& text) const
 {
     try {
         m_output.data(object, text);
-    } catch (const UserError&) {
-        if (!m_abandoned)
-            throw;
+    } catch (const UserError& error) {
+        // The writes that follow are done all the same.
+        if (!m_outputFailure)
+            m_outputFailure = error;
     }
 }
 
@@ -390,10 +391,10 @@ void Writes::close(const QString& whyNotTried)
     summarise();
 }
 
-void Writes::abandon(const QString& why)
+void Writes::throwIfNotPrinted() const
 {
-    m_abandoned = true;
-    close(why);
+    if (m_outputFailure)
+        throw UserError(*m_outputFailure);
 }
 
 // Those of a job are at its end.
@@ -464,10 +465,11 @@ int run(const WriteOptions& options)
         if (!writes.anyRefused())
             writeAll(writes, options, project);
     } catch (const UserError& error) {
-        writes.abandon(QString::fromUtf8(error.what()));
+        writes.close(QString::fromUtf8(error.what()));
         throw;
     }
     writes.close(QStringLiteral("another one is refused"));
+    writes.throwIfNotPrinted();
     return writes.status();
 }
 

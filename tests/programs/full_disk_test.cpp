@@ -70,6 +70,17 @@ TEST_F(FullDisk, AClosedPipeEndsACommandWithOneLine)
     EXPECT_EQ(polled.err, "micro850-host: standard output: cannot be written: Broken pipe\n");
 }
 
+TEST_F(FullDisk, AsStandardOutputStopsNoWrite)
+{
+    simulate();
+    const Result result = shell("$HOST write 'Level[0..1]=5,6' Setpoint=7.5 --port $PORT "
+                                ">/dev/full");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, std::string("micro850-host: standard output: ") + kNoSpace);
+    EXPECT_EQ(hostOnPort({"read", "Level[0..1]", "Setpoint"}).out,
+              "Level[0] = 5\nLevel[1] = 6\nSetpoint = 7.5\n");
+}
+
 TEST_F(FullDisk, AStandardOutputThatIsNotOpenIsNotAnotherFile)
 {
     simulate();

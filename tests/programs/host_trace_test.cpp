@@ -166,7 +166,7 @@ TEST_F(HostTrace, OfAKilledRecordingIsReadUpToItsEnd)
         EXPECT_NE(result.err.find("is cut short and left out: the recording ended there\n"),
                   std::string::npos)
             << result.err;
-        EXPECT_NE(result.out.find("requests 4, "), std::string::npos) << result.out;
+        EXPECT_NE(result.out.find("requests 5, "), std::string::npos) << result.out;
         EXPECT_EQ(host({"trace", path(name), "--quiet"}).err, "");
     }
 }
