@@ -158,6 +158,7 @@ void ProjectCheck::run()
     session.exchange().setObserver(trace.observer());
     Progress progress(m_output, QStringLiteral("checking"), m_project.variables.size());
     const Interrupt interrupt;
+    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     for (; m_next < m_project.variables.size(); ++m_next) {
         interrupt.throwIfRequested();
         const Variable& variable = m_project.variables.at(m_next);

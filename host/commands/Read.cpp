@@ -233,6 +233,7 @@ void readAll(Reads& reads, const ReadOptions& options, const Project& project)
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     const Interrupt interrupt;
+    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     reads.checkTypes(session, interrupt);
     if (!reads.anyRefused())
         reads.carryOut(session, interrupt);

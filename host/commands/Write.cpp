@@ -448,6 +448,7 @@ void writeAll(Writes& writes, const WriteOptions& options, const Project& projec
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     const Interrupt interrupt;
+    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     writes.checkAgainstController(session, interrupt);
     if (!writes.anyRefused())
         writes.carryOut(session, interrupt);

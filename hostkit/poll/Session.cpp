@@ -40,10 +40,12 @@ Session::~Session()
     m_loop.finish();
 }
 
-Operation Session::run(int id, const QString& what)
+Operation Session::run(int id, const QString& what, const std::function<void()>& interrupt)
 {
     const Operation* outcome = m_loop.outcome(id);
     for (; !outcome; outcome = m_loop.outcome(id)) {
+        if (interrupt)
+            interrupt();
         m_loop.step();
         if (!m_loop.lineIsUp())
             refuse(m_project.port.text(), m_loop.lineError());
@@ -62,7 +64,7 @@ Operation Session::run(int id, const QString& what)
 const CipType& Session::typeOf(const TagKey& key)
 {
     if (m_loop.tag(key).state != Tag::State::Known) {
-        const Operation done = run(m_loop.learn(key), key.name);
+        const Operation done = run(m_loop.learn(key), key.name, m_interrupt);
         if (done.state == Operation::State::Refused)
             throw TagRefused(key.name.toStdString(), done.error.toStdString());
     }

@@ -43,6 +43,10 @@ public:
     /// Ends what finish() has not ended.
     ~Session();
 
+    /// Sets a function that is called while typeOf() waits. What it throws ends the wait: a silent
+    /// or busy controller can take seconds to be given up.
+    void setInterrupt(std::function<void()> interrupt) { m_interrupt = std::move(interrupt); }
+
     /// The type of a tag in the controller.
     const CipType& typeOf(const TagKey& tag);
     /// Reads a run of elements, each in the controller's byte order. `progress` is called with the
@@ -60,13 +64,14 @@ public:
     void write(const TagKey& tag, int element, const QByteArray& value);
 
 private:
-    Operation run(int id, const QString& what);
+    Operation run(int id, const QString& what, const std::function<void()>& interrupt = nullptr);
     QVector<QByteArray> readRun(const TagKey& tag, const CipType& type, const Run& part);
     std::optional<QString> refusalOf(const TagKey& tag, int element);
     void throwFirstRefused(const TagKey& tag, int first, int last);
 
     const Project& m_project;
     PollLoop m_loop;
+    std::function<void()> m_interrupt;
 };
 
 } // namespace micro850::host

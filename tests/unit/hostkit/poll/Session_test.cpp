@@ -165,3 +165,17 @@ TEST_F(SessionTest, RefusesAnImpossibleRequestBeforeAnythingIsSent)
         "INT that the controller's program copies into it)");
     EXPECT_EQ(plc.count(0x53), 0);
 }
+
+TEST_F(SessionTest, EndsTheWaitForASilentControllerWhenItIsInterrupted)
+{
+    plc.silent = true;
+    const std::string ended = complaint([this](Session& s) {
+        s.setInterrupt([this] {
+            if (clock.now() >= std::chrono::milliseconds(100))
+                throw micro850::UserError("interrupted", micro850::kExitRefused);
+        });
+        s.typeOf(kSpeed);
+    });
+    EXPECT_EQ(ended, "1: interrupted");
+    EXPECT_LT(clock.now(), std::chrono::milliseconds(300)) << "more than one time-out of 200 ms";
+}
