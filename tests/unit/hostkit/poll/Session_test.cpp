@@ -101,10 +101,11 @@ TEST_F(SessionTest, NamesTheTagWhenARunIsRefusedWhoseElementsCanBeRead)
         if (request.count > 1)
             reply = wire::errorReply(request.tns, request.service, 0x0F);
     };
-    EXPECT_EQ(complaint([](Session& s) {
-                  s.read({1, "Level"}, 2, 3);
-              }),
-              "1: Level: privilege violation (the controller does not allow the access; status 0F)");
+    EXPECT_EQ(
+        complaint([](Session& s) {
+            s.read({1, "Level"}, 2, 3);
+        }),
+        "1: Level: privilege violation (the controller does not allow the access; status 0F)");
 }
 
 TEST_F(SessionTest, ReadsOnlyTheLastElementToKnowThatARunIsThere)
