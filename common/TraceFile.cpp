@@ -30,7 +30,7 @@ constexpr std::uint32_t kOutbound = 2;
 // Frames are shorter than a kilobyte; a larger block means that the file is damaged.
 constexpr std::uint32_t kLargestBlock = 1u << 20;
 // What the text of the largest block needs.
-constexpr std::streamsize kLongestLine = std::streamsize{4} << 20;
+constexpr std::size_t kLongestLine = std::size_t{4} << 20;
 // What is kept in memory as a whole.
 constexpr off_t kLargestWhole = off_t{256} << 20;
 // The end of the year 9999: no text of a date has room for a later one.
@@ -160,7 +160,7 @@ class TextReader
 {
 public:
     TextReader(std::istream& in, const std::string& name, const TraceHandler& handle)
-        : m_in(in), m_name(name), m_handle(handle), m_buffer(new char[kLongestLine])
+        : m_in(in), m_name(name), m_handle(handle)
     {
     }
 
@@ -183,18 +183,33 @@ private:
     {
         do {
             ++m_number;
-            m_in.getline(m_buffer.get(), kLongestLine);
-            const auto count = static_cast<std::size_t>(m_in.gcount());
-            m_cut = m_in.eof();
-            if (count == 0)
+            if (!readLine())
                 return false;
-            if (m_in.fail())
-                failHere("not a trace: the line is longer than " + std::to_string(kLongestLine) +
-                         " bytes");
-            m_line.assign(m_buffer.get(), m_cut ? count : count - 1);
             m_isTrace = m_isTrace || (!m_cut && m_line == kTextHeading);
         } while (m_line.empty() || m_line[0] == '#' || m_line == "\r");
         return true;
+    }
+
+    bool readLine()
+    {
+        std::array<char, 4096> part{};
+        m_line.clear();
+        for (;;) {
+            m_in.getline(part.data(), part.size());
+            const auto count = static_cast<std::size_t>(m_in.gcount());
+            m_cut = m_in.eof();
+            if (!m_in.fail()) {
+                m_line.append(part.data(), m_cut ? count : count - 1);
+                return true;
+            }
+            if (count + 1 < part.size()) // the end, or an error
+                return !m_line.empty();
+            m_in.clear();
+            m_line.append(part.data(), count);
+            if (m_line.size() >= kLongestLine)
+                failHere("not a trace: the line is longer than " + std::to_string(kLongestLine) +
+                         " bytes");
+        }
     }
 
     void handle()
@@ -219,7 +234,6 @@ private:
     std::istream& m_in;
     const std::string& m_name;
     const TraceHandler& m_handle;
-    std::unique_ptr<char[]> m_buffer;
     std::string m_line;
     int m_number = 0;
     bool m_cut = false;     ///< the line has no end

@@ -22,7 +22,11 @@ struct Folder
 {
     Folder()
     {
-        std::string name = (std::filesystem::temp_directory_path() / "trace-fuzz-XXXXXX").string();
+        // In memory where there is such a disk: it is twenty times faster.
+        const std::filesystem::path memory = "/dev/shm";
+        const auto place =
+            std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path();
+        std::string name = (place / "trace-fuzz-XXXXXX").string();
         FUZZ_CHECK(::mkdtemp(&name[0]) != nullptr);
         path = name;
     }

@@ -307,6 +307,25 @@ TEST_F(TraceTest, ReadsOnlyARegularFile)
               file("pipe.txt") + ": is a pipe or a device (save the trace to a file first)");
 }
 
+TEST_F(TraceTest, ReadsLinesOfAnyLengthThatAFrameNeeds)
+{
+    for (const std::size_t size : {1348u, 1356u, 1357u, 1358u, 1359u, 1360u, 1364u, 30000u}) {
+        for (const char* note : {"", "n", "nn", "nnn"}) {
+            const TraceRecord record{microseconds(1), Direction::Sent, Bytes(size, 0x41), note};
+            {
+                const auto writer = TraceWriter::open(file("a.txt"));
+                writer->write(record);
+                writer->write(kSent);
+            }
+            const auto records = readTrace(file("a.txt")).records;
+            ASSERT_EQ(records.size(), 2u) << size;
+            expectSame(records[0], record);
+            EXPECT_EQ(records[0].note, note);
+            expectSame(records[1], kSent);
+        }
+    }
+}
+
 TEST_F(TraceTest, RefusesALineWithoutAnEndInLittleMemory)
 {
     {
