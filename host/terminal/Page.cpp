@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <clocale>
 #include <cwchar>
-#include <locale.h>
 
 namespace micro850::host {
 

@@ -40,7 +40,7 @@ QChar escapedCharacter(const CipType& type, const QString& text, int& at)
     const int digits = code == 'x' ? 2 : code == 'u' ? 4 : 0;
     const std::optional<ushort> number = hexadecimal(text.midRef(at + 1, digits));
     if ((simple < 0 && !number) || at + digits >= text.size() - 1)
-        refuse(type, text, "in double quotes, with \\\" \\\\ \\n \\r \\t \\xHH and \\uHHHH");
+        refuse(type, text, R"(in double quotes, with \" \\ \n \r \t \xHH and \uHHHH)");
     at += 1 + digits;
     return simple >= 0 ? meant.at(simple) : QChar(*number);
 }

@@ -62,8 +62,7 @@ void TraceRecorder::throwIfFailed()
 {
     if (!m_recording || !m_recording->failure)
         return;
-    const UserError error = *std::exchange(m_recording->failure, std::nullopt);
-    throw error;
+    throw UserError(*std::exchange(m_recording->failure, std::nullopt));
 }
 
 void TraceRecorder::close()

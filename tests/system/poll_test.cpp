@@ -63,17 +63,16 @@ const Example kExamples[] = {
     {"aText", "SHORT_STRING", "Apple juice", "Pear"},
 };
 
-// The initial values of durations, as they are shown.
-const std::map<std::string, std::string> kDurations = {{"STIME", "-PT1S"},
-                                                       {"FTIME", "PT0.00025S"},
-                                                       {"LTIME", "PT2M3.456789S"},
-                                                       {"ITIME", "PT1.5S"},
-                                                       {"TIME", "PT2.5S"}};
+// The initial values of dates and durations, as they are shown. The DATE_AND_TIME is beyond a day.
+const std::map<std::string, std::string> kShownInitially = {
+    {"STIME", "-PT1S"},      {"DATE", "2024-01-08"},     {"TIME_OF_DAY", "06:00:00"},
+    {"FTIME", "PT0.00025S"}, {"LTIME", "PT2M3.456789S"}, {"ITIME", "PT1.5S"},
+    {"TIME", "PT2.5S"}};
 
 std::string shownInitially(const Example& example)
 {
-    const auto duration = kDurations.find(example.type);
-    return duration == kDurations.end() ? example.initial : duration->second;
+    const auto shown = kShownInitially.find(example.type);
+    return shown == kShownInitially.end() ? example.initial : shown->second;
 }
 
 Bytes bytesOf(const char* type, const char* text)

@@ -133,6 +133,7 @@ std::vector<json> candidates(const json& property)
                                 "Program:Main.x",
                                 "a\tb",
                                 u8"a\u0085b",
+                                u8"a\u202eb",
                                 u8"\u00e4"};
     for (const char* limit : {"minimum", "maximum"}) {
         if (property.contains(limit)) {
