@@ -368,8 +368,11 @@ TEST_F(CarefulHost, ReportsATypeThatADownloadHasChanged)
 
 TEST_F(CarefulHost, ConnectsAgainWhenTheControllerHasForgottenTheConnection)
 {
-    plc().faults(R"({"fault": "cip-error", "on": "requests", "message": 5, "status": 1,
-                     "extended": 263})");
+    int requests = 0;
+    afterEach([&requests](const Handled&, Controller& controller) {
+        if (++requests == 4) // identity, open and two of the tags
+            controller.server().reset();
+    });
     run({"2"});
     EXPECT_EQ(status, 1);
     EXPECT_EQ(lines.filter("refused"), QStringList("ProductName: refused, status 01/0107"));
