@@ -16,47 +16,41 @@
 #include <unistd.h>
 
 namespace {
-
-const int kStation = 1, kRetryLimit = 2;
+const int kStation = 1;
 const int kReplyMs = 400;   // for both frames at 38400 baud and the controller's work
 const int kGapMs = 100;     // a reply that pauses for so long has lost its end
 const int kLinkRetries = 3; // how often a reply is asked for again, and a request repeated
-const int kSetUps = 4;      // failed attempts to connect, after which a pass is given up
 const int kLongest = 600;   // more than a message on a connection of 504 bytes
-const QByteArray kAck("\x10\x06", 2), kNak("\x10\x15", 2), kStart("\x10\x02", 2),
-    kEnd("\x10\x03", 2);
-const quint8 kDle = 0x10;
-const int kVaries = -1;                                     // Protocol::replyLength
-const int kNotFinished = 0, kDone = 1, kNoConnection = 201; // RW_VAR::retValue
-// Offsets in a message, and then in its CIP part.
-const int kCommand = 2, kLinkStatus = 3, kTransaction = 4;
-const int kService = 0, kStatus = 2, kExtendedSize = 3, kExtended = 4, kType = 4, kValues = 6;
+const int kSetUps = 4;      // failed attempts to connect, after which a pass is given up
+const quint8 kStx = 0x02, kEtx = 0x03, kEnq = 0x05, kAck = 0x06, kDle = 0x10, kNak = 0x15;
+const QByteArray kDleAck("\x10\x06", 2), kDleNak("\x10\x15", 2), kEnd("\x10\x03", 2);
+const QByteArray kStart("\x10\x06\x10\x02", 4);              // the driver counts from the DLE ACK
+const int kNotFinished = 0, kDone = 1, kNoConnection = 201;  // RW_VAR::retValue
 const quint8 kInt = 0xC3, kDint = 0xC4, kShortString = 0xDA; // CIP type codes
+const QString kFirst = QString::fromLatin1("0");             // the element of a value
+enum Mode { kRead, kWrite };                                 // RW_VAR::accessMode
 
-struct Tag
+struct Task
 {
-    const char* name;
+    QString tag;
     quint8 type;
     int elements;
-    QByteArray outcome; // of this pass: the value, or why there is none; empty until known
-    bool isValue;
+    Mode mode;
+    bool isOpen, isGood; // in this pass: has no outcome yet, has a good one
 };
-Tag tags[] = {{"Speed", kInt, 1, "", false},
-              {"Recipe", kDint, 20, "", false},
-              {"ProductName", kShortString, 1, "", false}};
-Tag& speed = tags[0];
-
+Task tasks[] = {{QString::fromLatin1("Speed"), kInt, 1, kRead, false, false},
+                {QString::fromLatin1("Recipe"), kDint, 20, kRead, false, false},
+                {QString::fromLatin1("ProductName"), kShortString, 1, kRead, false, false},
+                {QString::fromLatin1("Speed"), kInt, 1, kWrite, false, false}};
+Task &speed = tasks[0], &speedWrite = tasks[3];
 int line = -1, setUpsLeft = 0;
-QByteArray writeOutcome("none"); // empty while the write is queued
-bool allDone = true;
+bool allGood = true;
 
-[[noreturn]] void fail(const char* what, const char* why, int status)
+[[noreturn]] void fail(const char* what, const char* why, int status = 1)
 {
     std::fprintf(stderr, "careful-host: %s: %s\n", what, why);
     std::exit(status);
 }
-
-// ---- The line -----------------------------------------------------------------------------------
 
 void openLine(const char* device)
 {
@@ -72,383 +66,300 @@ void openLine(const char* device)
 
 void send(const QByteArray& bytes)
 {
-    for (int sent = 0; sent < bytes.size();) {
-        const ssize_t count =
-            ::write(line, bytes.constData() + sent, std::size_t(bytes.size() - sent));
-        if (count < 0)
-            fail("line", "the device takes no bytes", 1);
-        sent += int(count);
-    }
+    if (::write(line, bytes.constData(), std::size_t(bytes.size())) != bytes.size())
+        fail("line", "the device takes no bytes");
 }
 
-// Waits for one byte; false after that time.
-bool receive(quint8& byte, qint64 milliseconds)
+// Waits for one byte; -1 after that time.
+int receive(qint64 milliseconds)
 {
+    quint8 byte = 0;
     pollfd wait = {line, POLLIN, 0};
-    if (::poll(&wait, 1, int(qMax(qint64(0), milliseconds))) <= 0)
-        return false;
+    if (::poll(&wait, 1, int(milliseconds)) <= 0)
+        return -1;
     if (::read(line, &byte, 1) != 1)
-        fail("line", "the device is gone", 1);
-    return true;
+        fail("line", "the device is gone");
+    return byte;
 }
 
-quint8 byteAt(const QByteArray& bytes, int index)
+// The data of a frame: from behind DLE STX to DLE ETX, with each doubled DLE made one.
+struct Message
 {
-    return index < bytes.size() ? quint8(bytes.at(index)) : quint8(0);
+    QByteArray bytes; // none if no reply came
+
+    quint8 at(int index) const { return index < bytes.size() ? quint8(bytes.at(index)) : 0; }
+    QByteArray hex(int index) const { return bytes.mid(index, 1).toHex().toUpper(); }
+    // Where the CIP part begins: on a connection, behind its identifier.
+    int cip() const { return (at(2) & 0x3F) == 0x0A ? 12 : 8; }
+    quint8 status() const { return at(cip() + 2); }
+    // Bytes 00 in front of a message change no CRC, but they shift it: it is no reply any more.
+    bool isReply() const { return (at(2) & 0x40) != 0 && bytes.size() >= cip() + 4; }
+    // A late or repeated reply answers an earlier request.
+    bool answers(const Message& request) const
+    {
+        return at(2) == (request.at(2) | 0x40) && at(3) == 0 && // command, link status
+               bytes.mid(4, 2) == request.bytes.mid(4, 2) &&    // transaction number
+               at(cip()) == (request.at(request.cip()) | 0x80); // service
+    }
+    // Why it brings no result; empty if it brings one.
+    QByteArray failure() const
+    {
+        const QByteArray code = ": refused, status " + hex(cip() + 2);
+        if (status() != 0) // there may be an extended one
+            return at(cip() + 3) == 0 ? code : code + '/' + hex(cip() + 5) + hex(cip() + 4);
+        return bytes.isEmpty() ? ": no answer" : "";
+    }
+};
+
+// Finds messages and controls in what arrives, byte by byte. A message ends with DLE ETX and its
+// CRC. Neither a pause nor a number of bytes ends it.
+struct Collector
+{
+    Message message;
+    bool inMessage = false, isBehindDle = false, isLegal = true;
+    int crcBytes = 0;
+    unsigned crc = 0;
+    enum Event { kNothing, kReply, kAskAgain, kRepeat };
+
+    Event add(quint8 byte)
+    {
+        if (crcBytes > 0)
+            return addCrc(byte);
+        if (isBehindDle)
+            return addControl(byte);
+        isBehindDle = byte == kDle;
+        if (inMessage && !isBehindDle)
+            message.bytes.append(char(byte));
+        inMessage = inMessage && message.bytes.size() <= kLongest; // else noise began like one
+        return kNothing;
+    }
+    Event addControl(quint8 byte)
+    {
+        isBehindDle = byte == kDle && !inMessage; // noise may end with a DLE
+        if (byte == kStx) {                       // within a message the controller starts it again
+            *this = Collector();
+            inMessage = true;
+        } else if (byte == kEtx) {
+            crcBytes = inMessage ? 2 : 0;
+        } else if (byte == kEnq || byte == kNak) { // may stand within a message, as DLE ACK may
+            return byte == kEnq ? kAskAgain : kRepeat;
+        } else if (inMessage && byte != kAck) {
+            isLegal = isLegal && byte == kDle;
+            message.bytes.append(char(byte));
+        }
+        return kNothing;
+    }
+    Event addCrc(quint8 byte)
+    {
+        crc = crc >> 8 | unsigned(byte) << 8;
+        inMessage = --crcBytes > 0;
+        const bool isIntact = isLegal && crc == checkDataCrc(kStart + message.bytes + kEnd);
+        return inMessage ? kNothing : isIntact && message.isReply() ? kReply : kAskAgain;
+    }
+    qint64 patience() const { return inMessage ? kGapMs : kReplyMs / 2; }
+    Event addPause() // the reply is lost, or its end is
+    {
+        *this = Collector();
+        return kAskAgain;
+    }
+};
+
+// Sends a frame of the driver and waits for the reply to it. The driver would send the frame again,
+// but the controller only acknowledges a repeated request. DLE NAK is what brings back a reply that
+// was lost or damaged.
+Message exchange(const QByteArray& frame)
+{
+    const Message request = {getRecoverData(frame, true).mid(kStart.size())};
+    Collector collector;
+    int asksLeft = kLinkRetries, repeatsLeft = kLinkRetries;
+    QElapsedTimer time;
+    time.start();
+    ::tcflush(line, TCIFLUSH); // late replies to earlier requests
+    send(frame);
+    for (qint64 left = kReplyMs; left > 0; left = kReplyMs - time.elapsed()) {
+        const int byte = receive(qMin(left, collector.patience()));
+        const int event = byte < 0 ? collector.addPause() : collector.add(quint8(byte));
+        if (event == Collector::kReply)
+            send(kDleAck); // in any case: the controller waits for it and sends no other reply
+        if (event == Collector::kReply && collector.message.answers(request))
+            return collector.message;
+        if (event == Collector::kRepeat && repeatsLeft-- > 0)
+            send(frame);
+        if (event == Collector::kAskAgain && asksLeft-- > 0)
+            send(kDleNak);
+    }
+    return Message();
 }
 
-// The frame of a message, as the driver needs it: from a DLE ACK to the CRC.
+// The frame of a message as the driver needs it.
 QByteArray framed(const QByteArray& message)
 {
-    QByteArray frame = kAck + kStart + message + kEnd;
+    QByteArray frame = kStart + message + kEnd;
     const unsigned crc = checkDataCrc(frame);
     frame.append(char(crc & 0xFF)).append(char(crc >> 8));
     return getRecoverData(frame, false); // doubles the DLEs
 }
 
-// Finds messages and controls in what arrives, byte by byte. A message ends with DLE ETX and its
-// CRC. Neither a pause nor a number of bytes ends it.
-class Collector
+// Passes on a reply that was judged, or reports a time-out if there is none. Returns the driver's
+// code, kNotFinished if it sends the request again.
+int handOver(Protocol* sent, const Message& message)
 {
-public:
-    enum Event { kNothing, kMessage, kCorrupt, kAcknowledged, kRefused, kEnquiry };
-
-    Event add(quint8 byte)
-    {
-        if (m_crcBytes > 0) {
-            m_crc = m_crc >> 8 | unsigned(byte) << 8;
-            if (--m_crcBytes > 0)
-                return kNothing;
-            inMessage = false;
-            const bool isIntact = m_crc == checkDataCrc(kAck + kStart + message + kEnd);
-            return m_isLegal && isIntact ? kMessage : kCorrupt;
-        }
-        if (m_escaped)
-            return addEscaped(byte);
-        m_escaped = byte == kDle;
-        if (inMessage && !m_escaped)
-            message.append(char(byte));
-        inMessage = inMessage && message.size() <= kLongest; // else noise that began like one
-        return kNothing;
-    }
-
-    QByteArray message; // without ends, doubled DLEs and CRC
-    bool inMessage = false;
-
-private:
-    Event addEscaped(quint8 byte)
-    {
-        m_escaped = byte == kDle && !inMessage; // noise in front of a DLE
-        switch (byte) {
-        case 0x02: // STX; within a message the controller starts it again
-            message.clear();
-            inMessage = m_isLegal = true;
-            return kNothing;
-        case 0x03: // ETX
-            m_crcBytes = inMessage ? 2 : 0;
-            return kNothing;
-        case 0x05: // these three may stand within a message and are no part of it
-            return kEnquiry;
-        case 0x06:
-            return kAcknowledged;
-        case 0x15:
-            return kRefused;
-        default:
-            m_isLegal = byte == kDle && m_isLegal;
-            if (inMessage)
-                message.append(char(byte));
-            return kNothing;
-        }
-    }
-
-    bool m_escaped = false, m_isLegal = true;
-    int m_crcBytes = 0;
-    unsigned m_crc = 0;
-};
-
-// Where the CIP message begins: behind the identifier, if the message has one.
-int cipStart(const QByteArray& message)
-{
-    return (byteAt(message, kCommand) & 0x3F) == 0x0A ? 12 : 8;
-}
-
-// Bytes 00 before a message change no CRC, but they shift it, so that it is no reply any more.
-bool isReply(const QByteArray& message)
-{
-    const bool isLongEnough = message.size() >= cipStart(message) + kType;
-    return (byteAt(message, kCommand) & 0x40) != 0 && isLongEnough;
-}
-
-// A late or repeated reply answers an earlier request.
-bool answers(const QByteArray& reply, const QByteArray& request)
-{
-    const int cip = cipStart(request);
-    return byteAt(reply, kCommand) == (byteAt(request, kCommand) | 0x40) &&
-           byteAt(reply, kLinkStatus) == 0 &&
-           reply.mid(kTransaction, 2) == request.mid(kTransaction, 2) &&
-           byteAt(reply, cip + kService) == (byteAt(request, cip + kService) | 0x80);
-}
-
-// Sends a frame of the driver and waits for the reply to it; empty after a time-out. The driver
-// would send the frame again, but the controller only acknowledges a repeated request. DLE NAK is
-// what brings back a reply that was lost or damaged.
-QByteArray exchange(const QByteArray& frame)
-{
-    const QByteArray request = getRecoverData(frame, true).mid(4);
-    Collector collector;
-    int asksLeft = kLinkRetries, repeatsLeft = kLinkRetries;
-    qint64 heard = 0, late = kReplyMs / 2;
-    QElapsedTimer time;
-    time.start();
-    ::tcflush(line, TCIFLUSH); // late replies to earlier requests
-    send(frame);
-    while (time.elapsed() < kReplyMs) {
-        const qint64 until = collector.inMessage ? heard + kGapMs : late;
-        quint8 byte = 0;
-        Collector::Event event = Collector::kNothing;
-        if (receive(byte, until - time.elapsed())) {
-            event = collector.add(byte);
-            heard = time.elapsed();
-        } else if (time.elapsed() >= until) { // the reply is lost, or its end is
-            if (!collector.inMessage)
-                late = kReplyMs;
-            collector = Collector();
-            event = Collector::kCorrupt;
-        }
-        if (event == Collector::kMessage && !isReply(collector.message))
-            event = Collector::kCorrupt;
-        if (event == Collector::kMessage) {
-            send(kAck); // in any case: the controller waits for it and sends no other reply
-            if (answers(collector.message, request))
-                return collector.message;
-        } else if (event == Collector::kRefused && repeatsLeft-- > 0) {
-            send(frame);
-        } else if ((event == Collector::kCorrupt || event == Collector::kEnquiry) && asksLeft-- > 0)
-        {
-            send(kNak);
-        }
-    }
-    return QByteArray();
-}
-
-// ---- The driver ---------------------------------------------------------------------------------
-
-// Passes on a reply that was judged. Returns the driver's code.
-int handOver(Protocol* sent, const QByteArray& message)
-{
-    QByteArray reply = framed(message);
+    QByteArray reply = message.bytes.isEmpty() ? QByteArray() : framed(message.bytes);
     if (!sent->var.tagName.isEmpty() && reply.endsWith("\x10\x10"))
-        reply.append('\0'); // the driver would take the two CRC bytes for one doubled DLE
-    if (sent->replyLength == kVaries)
+        reply.append('\0');       // the driver would take the two CRC bytes for one doubled DLE
+    while (sent->replyLength < 0) // it varies: one call for a reply, eleven for a time-out
         DataCom(&reply, reply.size());
     // After a time-out the driver expects a length that no reply has, also of its resends.
-    return DataCom(&reply, sent->replyLength)->retValue;
+    return DataCom(&reply, reply.isEmpty() ? 0 : sent->replyLength)->retValue;
 }
 
-// Reports one time-out. Returns the driver's code, kNotFinished if it sends the request again.
-int reportSilence(Protocol* sent)
+Task* openTask(const RW_VAR& request)
 {
-    QByteArray nothing;
-    while (sent->replyLength == kVaries)
-        DataCom(&nothing, 0);
-    return DataCom(&nothing, 0)->retValue;
-}
-
-// Asks for all elements in each cycle. The driver takes 1 off the count of a 32-bit type.
-void readCyclically(const Tag& tag)
-{
-    RW_VAR request = RW_VAR();
-    request.tagName = QString::fromLatin1(tag.name);
-    request.stationNo = kStation;
-    request.reqFlag = 1; // the name is in the catalogue, so that the count is used
-    request.count = tag.elements + (tag.type == kDint ? 1 : 0);
-    AddListReadVar(&request);
-}
-
-// "Done" means only that a reply came. A refusal has been judged before.
-void onFinished(int, int, int, int status)
-{
-    if (writeOutcome.isEmpty())
-        writeOutcome = status == 1 ? "written" : "no answer, written or not";
-}
-
-// ---- Values and reports -------------------------------------------------------------------------
-
-void report(Tag& tag, const QByteArray& outcome, bool isValue = false)
-{
-    tag.outcome = outcome;
-    tag.isValue = isValue;
-    allDone = allDone && isValue;
-    std::printf("%s%s%s\n", tag.name, isValue ? " = " : ": ", outcome.constData());
-}
-
-QByteArray hex(quint8 byte)
-{
-    return QByteArray(1, char(byte)).toHex().toUpper();
-}
-
-QByteArray refusal(const QByteArray& message)
-{
-    const int cip = cipStart(message);
-    const QByteArray status = "refused, status " + hex(byteAt(message, cip + kStatus));
-    if (byteAt(message, cip + kExtendedSize) == 0)
-        return status;
-    const int extended = cip + kExtended;
-    return status + '/' + hex(byteAt(message, extended + 1)) + hex(byteAt(message, extended));
-}
-
-// The value from the driver, which has the low byte first, as this machine has. `size` is that of
-// the value in the reply: after a shorter string the driver keeps the tail of a longer one.
-QByteArray storedText(const Tag& tag, int size)
-{
-    QByteArray bytes, text; // a count is in words of 16 bits
-    GetRegisterData(QString::fromLatin1(tag.name), 0, QString::fromLatin1("0"), kStation, bytes,
-                    (size + 1) / 2);
-    if (tag.type == kShortString) // control characters and the like become %1B
-        return '"' + bytes.left(size).toPercentEncoding(" !#$&'()*+,/:;<=>?@[]^`{|}") + '"';
-    for (int i = 0, word = 0; i < size; i += tag.type == kInt ? 2 : 4) {
-        std::memcpy(&word, bytes.constData() + i, tag.type == kInt ? 2 : 4);
-        text += (i > 0 ? " " : "") + QByteArray::number(tag.type == kInt ? qint16(word) : word);
+    for (Task& task : tasks) {
+        if (task.isOpen && task.tag == request.tagName && task.mode == request.accessMode)
+            return &task;
     }
-    return text;
+    return nullptr;
 }
 
-void reportValue(Tag& tag, const QByteArray& message)
+void finish(Task& task, const QByteArray& outcome, bool isGood = false)
 {
-    const quint8 type = byteAt(message, cipStart(message) + kType);
-    const QByteArray values = message.mid(cipStart(message) + kValues);
-    const bool isString = tag.type == kShortString;
-    const int size = isString ? byteAt(values, 0) : tag.elements * (tag.type == kInt ? 2 : 4);
-    if (type != tag.type)
-        report(tag, "has type " + hex(type));
-    else if (values.size() == size + (isString ? 1 : 0))
-        report(tag, storedText(tag, size), true);
-    // Otherwise the driver did not know the type yet and has asked for the first element only.
+    task.isOpen = false;
+    task.isGood = isGood;
+    allGood = allGood && isGood;
+    std::printf("%s%s\n", qPrintable(task.tag), outcome.constData());
 }
 
-// ---- The poll cycle -----------------------------------------------------------------------------
-
-void giveUpPass()
+void finishRead(Task& task, const Message& reply)
 {
-    for (Tag& tag : tags) {
-        if (tag.outcome.isEmpty())
-            report(tag, "no connection");
+    const bool isString = task.type == kShortString, isInt = task.type == kInt;
+    const int start = reply.cip() + 6, width = isInt ? 2 : 4;
+    const int size = isString ? reply.at(start) : task.elements * width;
+    if (reply.at(start - 2) != task.type)
+        return finish(task, ": has type " + reply.hex(start - 2));
+    if (reply.bytes.size() != start + (isString ? 1 : 0) + size)
+        return; // the driver did not know the type yet and has asked for the first element only
+    QByteArray bytes, text; // low bytes first, as on this machine
+    GetRegisterData(task.tag, 0, kFirst, kStation, bytes, (size + 1) / 2);
+    if (isString) // the driver keeps the tail of a longer one; %1B stands for a control character
+        text = '"' + bytes.left(size).toPercentEncoding(" !#$&'()*+,/:;<=>?@[]^`{|}") + '"';
+    for (int i = 0, word = 0; i < size && !isString; i += width) {
+        std::memcpy(&word, bytes.constData() + i, std::size_t(width));
+        text += (i > 0 ? " " : "") + QByteArray::number(isInt ? qint16(word) : word);
     }
-    // A queued write would go out when the controller is back, perhaps hours later.
-    QMutexLocker lock(&PLC_driver.listMutex);
-    PLC_driver.writeList.clear();
-    if (writeOutcome.isEmpty())
-        writeOutcome = "not written: no connection";
+    finish(task, " = " + text, true);
 }
 
-void connectStation(Protocol* sent, const QByteArray& message)
+void finish(Task& task, const Message& reply)
 {
-    const bool isRefused = !message.isEmpty() && byteAt(message, cipStart(message) + kStatus) != 0;
-    if (isRefused) {
-        std::printf("connection: %s\n", refusal(message).constData());
+    const QByteArray failure = reply.failure();
+    if (task.mode == kRead && failure.isEmpty())
+        finishRead(task, reply);
+    else if (task.mode == kRead || reply.status() != 0)
+        finish(task, failure); // also a write that the driver calls done
+    else
+        finish(task, failure.isEmpty() ? ": written" : failure + ", written or not",
+               failure.isEmpty());
+}
+
+void handleSetUpReply(Protocol* sent, const Message& reply)
+{
+    if (reply.status() != 0) {
+        std::printf("connection%s\n", reply.failure().constData());
         // Two hosts that connect within one second draw the same serial number, and the controller
         // refuses the second one. The driver draws again when it hears of the failure.
         ::poll(nullptr, 0, 1100);
     }
-    const int code = message.isEmpty() || isRefused ? reportSilence(sent) : handOver(sent, message);
-    if (code == kNoConnection && --setUpsLeft == 0)
-        giveUpPass();
-}
-
-void finishRead(const QString& name, const QByteArray& failure, const QByteArray& message)
-{
-    for (Tag& tag : tags) {
-        if (name != QString::fromLatin1(tag.name) || !tag.outcome.isEmpty())
-            continue;
-        if (failure.isEmpty())
-            reportValue(tag, message);
-        else
-            report(tag, failure);
-    }
-}
-
-void transact()
-{
-    Protocol* sent = ComCommunication();
-    if (!sent) {
-        ::poll(nullptr, 0, 20);
+    const int code = handOver(sent, reply.status() == 0 ? reply : Message());
+    if (code != kNoConnection || --setUpsLeft > 0)
         return;
+    for (Task& task : tasks) {
+        if (task.isOpen)
+            finish(task, task.mode == kWrite ? ": not written: no connection" : ": no connection");
     }
-    const QByteArray message = exchange(sent->frame);
-    const QString tag = sent->var.tagName; // `sent` is gone once the driver has its reply
-    if (tag.isEmpty())
-        return connectStation(sent, message);
-    const bool isRead = sent->var.accessMode == 0;
-    const quint8 status = byteAt(message, cipStart(message) + kStatus);
-    const bool isSilent = message.isEmpty(), isForgotten = status == 0x01 || status == 0x07;
-    const QByteArray failure = isSilent ? "no answer" : status != 0 ? refusal(message) : "";
-    if (!isRead && status != 0)
-        writeOutcome = failure; // the driver will call it done
-    if (isRead && status != 0)
-        sent->var.accessMode = 1; // acknowledge only, or the error becomes type and value
-    int code = isSilent || isForgotten ? reportSilence(sent) : handOver(sent, message);
-    while (isForgotten && code == kNotFinished) // until the driver connects again
-        code = reportSilence(sent);
-    if (code > kDone && writeOutcome.isEmpty())
-        writeOutcome = "not written: connection lost"; // all queued writes go with it
-    if (code != kNotFinished && isRead)
-        finishRead(tag, failure, message);
+    // A queued write would go out when the controller is back, perhaps hours later.
+    QMutexLocker lock(&PLC_driver.listMutex);
+    PLC_driver.writeList.clear();
 }
 
-void readAll()
+void handleDataReply(Protocol* sent, const Message& reply)
+{
+    const bool isForgotten = reply.status() == 0x01 || reply.status() == 0x07; // the connection
+    Task* task = openTask(sent->var); // `sent` is gone once the driver has its reply
+    if (reply.status() != 0 && sent->var.accessMode == kRead)
+        sent->var.accessMode = kWrite; // acknowledge only, or the error becomes type and value
+    int code = handOver(sent, isForgotten ? Message() : reply);
+    while (isForgotten && code == kNotFinished) // until the driver connects again
+        code = handOver(sent, Message());
+    if (task && code != kNotFinished)
+        finish(*task, reply);
+    if (code > kDone && speedWrite.isOpen)
+        finish(speedWrite, ": not written: connection lost"); // all queued writes go with it
+}
+
+// Polls until every task of this mode has an outcome.
+void run(Mode mode)
 {
     setUpsLeft = kSetUps;
-    for (Tag& tag : tags)
-        tag.outcome.clear();
-    for (Tag& tag : tags) { // each reply is that of any tag
-        while (tag.outcome.isEmpty())
-            transact();
+    for (Task& task : tasks)
+        task.isOpen = task.mode == mode;
+    for (const Task& task : tasks) {
+        while (task.isOpen) { // each reply can be that of any task
+            Protocol* sent = ComCommunication();
+            if (!sent)
+                ::poll(nullptr, 0, 20);
+            else if (sent->var.tagName.isEmpty())
+                handleSetUpReply(sent, exchange(sent->frame));
+            else
+                handleDataReply(sent, exchange(sent->frame));
+        }
     }
 }
 
 void write(qint16 value)
 {
     const QByteArray bytes(reinterpret_cast<const char*>(&value), sizeof value);
-    writeOutcome = speed.isValue ? "" : "not written: its type is not known";
-    setUpsLeft = kSetUps;
-    if (speed.isValue)
-        SetRegisterData(QString::fromLatin1(speed.name), 0, QString::fromLatin1("0"), kStation,
-                        bytes, 1, 0, 0);
-    while (writeOutcome.isEmpty())
-        transact();
-    std::printf("%s: %s\n", speed.name, writeOutcome.constData());
-    allDone = allDone && writeOutcome == "written";
+    if (!speed.isGood)
+        return finish(speedWrite, ": not written: its type is not known");
+    SetRegisterData(speed.tag, 0, kFirst, kStation, bytes, 1, 0, 0);
+    run(kWrite);
+}
+
+void readCyclically(const Task& task)
+{
+    QList<varName> names;
+    names.append({task.tag, 2, 0, QList<QString>()});
+    PassVarName(&names); // so that the count is used
+    RW_VAR request = RW_VAR();
+    request.tagName = task.tag;
+    request.stationNo = kStation;
+    request.reqFlag = 1;
+    request.count = task.elements + (task.type == kDint ? 1 : 0); // the driver takes off 1
+    AddListReadVar(&request);
 }
 } // namespace
 
 int main(int argc, char** argv)
 {
-    const long passes = argc > 2 ? std::strtol(argv[2], nullptr, 10) : 0;
-    char* end = nullptr;
-    const long value = argc > 3 ? std::strtol(argv[3], &end, 10) : 0;
-    const bool isNumber = argc == 3 || (argc == 4 && end != argv[3] && *end == '\0');
-    if (passes < 1 || !isNumber || value != qint16(value))
+    const int passes = argc > 2 ? QByteArray(argv[2]).toInt() : 0;
+    const qint16 value = argc > 3 ? QByteArray(argv[3]).toShort() : qint16(0);
+    if (passes < 1 || argc > 4 || (argc == 4 && QByteArray::number(value) != argv[3]))
         fail("usage", "careful-host DEVICE PASSES [SPEED]", 2);
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     openLine(argv[1]);
     ComInfo settings = ComInfo();
     settings.defaultStation = kStation;
-    settings.retryLimit = kRetryLimit;
+    settings.retryLimit = 2;
     settings.writeMode = 2;
     SetComInfo(&settings);
-    RegistCallBackFuncIntf(onFinished, nullptr);
-    QList<varName> names;
-    for (const Tag& tag : tags) {
-        const varName name = {QString::fromLatin1(tag.name), 2, 0, QList<QString>()};
-        names.append(name);
+    for (const Task& task : tasks) {
+        if (task.mode == kRead)
+            readCyclically(task);
     }
-    PassVarName(&names);
-    for (const Tag& tag : tags)
-        readCyclically(tag);
-    for (long pass = 1; pass <= passes; ++pass) {
-        readAll();
+    for (int pass = 1; pass <= passes; ++pass) {
+        run(kRead);
         if (argc == 4 && pass == 1)
-            write(qint16(value));
+            write(value);
     }
-    return allDone ? 0 : 1;
+    return allGood ? 0 : 1;
 }
