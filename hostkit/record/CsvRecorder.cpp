@@ -137,7 +137,7 @@ public:
     ~CsvRecorder() override
     {
         try {
-            flush();
+            save();
         } catch (const UserError&) {
             // The caller that wants to know calls flush().
         }
@@ -157,18 +157,10 @@ public:
                                     csvField(cellText(sample.error))};
         m_pending += fields.join(',').toStdString() + '\n';
         if (m_pending.size() > kMostPending)
-            flush();
+            save();
     }
 
-    void flush() override
-    {
-        const std::string rows = std::exchange(m_pending, std::string());
-        try {
-            m_file.write(rows);
-        } catch (const UserError&) {
-            writeEach(rows); // as many as fit
-        }
-    }
+    void flush() override { save(); }
 
 private:
     // Samples are appended, so that a restart loses nothing. A row that a kill or a full disk cut
@@ -184,6 +176,15 @@ private:
         if (!tail.empty() && ::ftruncate(m_file.descriptor(), rows.end()) != 0)
             failToWrite(m_file.name(), errno);
         return rows.hasHeading();
+    }
+    void save()
+    {
+        const std::string rows = std::exchange(m_pending, std::string());
+        try {
+            m_file.write(rows);
+        } catch (const UserError&) {
+            writeEach(rows); // as many as fit
+        }
     }
     void writeEach(const std::string& rows)
     {
