@@ -29,8 +29,9 @@ QStringList Changes::popStates()
 {
     QStringList states(m_table.lineState());
     for (const Station& station : m_loop.stations())
-        states +=
-            QStringLiteral("station %1: %2").arg(station.number()).arg(conditionText(station));
+        states += QStringLiteral("station %1: %2")
+                      .arg(station.number())
+                      .arg(conditionText(station, m_loop.lineIsUp()));
     QStringList changed;
     for (int i = 0; i < states.size(); ++i) {
         if (states.at(i) != m_states.value(i))

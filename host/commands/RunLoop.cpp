@@ -16,14 +16,16 @@ qint64 roundTripMs(const LineStatistics& line, int percent)
     return time ? wholeMilliseconds(*time) : -1;
 }
 
-Json stationObject(const Station& station)
+Json stationObject(const Station& station, const PollLoop& loop)
 {
+    const bool down = !loop.lineIsUp() && station.state() != Station::State::Disabled;
+    const QString problem = down ? loop.lineError() : station.error();
     const Counters& counters = station.counters();
     Json errors = Json::object();
     for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
         errors[error.key().toStdString()] = error.value();
     Json object = {{"station", station.number()},
-                   {"state", stateText(station).toStdString()},
+                   {"state", stateText(station, loop.lineIsUp()).toStdString()},
                    {"sent", counters.sent},
                    {"answered", counters.answered},
                    {"timedOut", counters.timedOut},
@@ -32,8 +34,8 @@ Json stationObject(const Station& station)
                    {"retries", counters.retries},
                    {"reconnects", counters.reconnects},
                    {"errors", errors}};
-    if (!station.error().isEmpty())
-        object["problem"] = station.error().toStdString();
+    if (!problem.isEmpty())
+        object["problem"] = problem.toStdString();
     return object;
 }
 
@@ -42,7 +44,7 @@ Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
     const LineStatistics& line = loop.statistics();
     Json stations = Json::array();
     for (const Station& station : loop.stations())
-        stations.push_back(stationObject(station));
+        stations.push_back(stationObject(station, loop));
     return {{"summary",
              {{"port", port.device.toStdString()},
               {"transactionsPerSecond", line.transactionsPerSecond(now)},

@@ -153,10 +153,11 @@ QStringList LiveTable::stationLines(Duration now) const
         QString line = QStringLiteral("station %1").arg(station.number());
         if (!station.name().isEmpty())
             line += QStringLiteral(" (%1)").arg(station.name());
-        line += QStringLiteral(": %1").arg(stateText(station));
-        if (!station.error().isEmpty())
+        const bool up = m_loop.lineIsUp();
+        line += QStringLiteral(": %1").arg(stateText(station, up));
+        if (up && !station.error().isEmpty())
             line += QStringLiteral(", %1").arg(station.error());
-        if (!station.alive() && station.lastAnswer())
+        if ((!up || !station.alive()) && station.lastAnswer())
             line +=
                 QStringLiteral(", last answer %1 ago").arg(ageText(now - *station.lastAnswer()));
         const Counters& counters = station.counters();
@@ -180,7 +181,7 @@ QString LiveTable::changeLine(int variable) const
     const ValueStore& values = m_loop.values();
     const QString text = values.text(variable);
     QString line = m_project.variables.at(variable).shownName();
-    if (!text.isEmpty())
+    if (!text.isEmpty() || values.wasRead(variable)) // a string can be empty
         line += QStringLiteral(" = ") + text;
     const QString error = values.error(variable);
     if (!error.isEmpty())

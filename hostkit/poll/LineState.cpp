@@ -23,6 +23,7 @@ bool LineState::ensureOpen()
     }
     if (m_line.open(m_error)) {
         m_reconnects += m_wasOpen ? 1 : 0;
+        m_openedAt = m_clock.now();
         m_error.clear();
         return true;
     }

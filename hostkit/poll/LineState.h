@@ -16,6 +16,8 @@ public:
     bool isOpen() const { return m_line.isOpen(); }
     /// Why the line is down; empty while it is open.
     QString error() const { return m_error; }
+    /// When the line was last opened; 0 for one that was open from the beginning.
+    Duration openedAt() const { return m_openedAt; }
     /// How often the line was opened again.
     qint64 reconnects() const { return m_reconnects; }
 
@@ -35,6 +37,7 @@ private:
     QString m_error;
     GrowingPause m_openPause{std::chrono::milliseconds(250), std::chrono::seconds(5)};
     Duration m_nextOpen{0};
+    Duration m_openedAt{0};
     qint64 m_reconnects = 0;
     bool m_wasOpen = false;
 };

@@ -1,5 +1,8 @@
 #include "OperationQueue.h"
 
+#include <algorithm>
+#include <functional>
+
 namespace micro850::host {
 
 namespace {
@@ -159,6 +162,16 @@ void OperationQueue::waitAgain(Operation& operation)
 {
     operation.state = Operation::State::Waiting;
     m_waiting[operation.tag.station].prepend(operation.id);
+}
+
+void OperationQueue::removeReads(int station, int variable)
+{
+    QQueue<int>& waiting = m_waiting[station];
+    const auto isOne = [&](int id) { return m_operations.value(id).variable == variable; };
+    const auto kept = std::stable_partition(waiting.begin(), waiting.end(), std::not_fn(isOne));
+    for (auto id = kept; id != waiting.end(); ++id)
+        m_operations.remove(*id);
+    waiting.erase(kept, waiting.end());
 }
 
 void OperationQueue::failAll(int station, const Failure& failure)

@@ -52,6 +52,8 @@ public:
     void endFinished(const ReplyStatus& status);
     /// The driver gave up the connection of a station, and with it the writes that are queued.
     void handleDroppedConnection(int station, const ReplyStatus& status);
+    /// Removes the reads of a variable that wait.
+    void removeReads(int station, int variable);
     /// Ends all operations of a station that has no connection.
     void failAll(int station, const Failure& failure);
 

@@ -4,6 +4,8 @@
 
 #include <QtCore/QTime>
 
+#include <algorithm>
+
 namespace micro850::host {
 
 namespace {
@@ -34,14 +36,20 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
         m_stations.insert(settings.number, Station(settings));
         m_driver.enableStation(settings.number, settings.enabled);
     }
-    for (const Variable& variable : project.variables)
+    for (int i = 0; i < project.variables.size(); ++i) {
+        const Variable& variable = project.variables.at(i);
         declare({variable.station, variable.tag});
+        if (m_stations.value(variable.station).state() == Station::State::Disabled)
+            m_values.setError(
+                i, QStringLiteral("station %1 is disabled in the project").arg(variable.station));
+    }
 }
 
 void PollLoop::step()
 {
     if (!m_line.ensureOpen() || waitsForOtherSerial())
         return;
+    handleReopenedLine();
     probeDeadStations();
     askForTypes();
     m_operations.pump(m_stations);
@@ -95,6 +103,7 @@ void PollLoop::readOnce(int variable)
     const CipType* type = m_types.readableType(variable);
     if (asked.poll != PollMode::Once || !type)
         return;
+    m_operations.removeReads(asked.station, variable);
     for (const Run& run : runsOf(asked, *type)) {
         Operation operation;
         operation.variable = variable;
@@ -102,6 +111,28 @@ void PollLoop::readOnce(int variable)
         operation.element = run.element;
         operation.elements = run.elements;
         m_operations.add(operation);
+    }
+}
+
+// What was read before a new connection, or before the line was opened again, is no longer known to
+// be true.
+void PollLoop::readOnceAgain(const Station& station)
+{
+    for (int i = 0; i < m_values.size(); ++i) {
+        if (m_project.variables.at(i).station == station.number())
+            readOnce(i);
+    }
+}
+
+// The driver keeps its connections while the line is closed, so that no station connects again.
+void PollLoop::handleReopenedLine()
+{
+    if (m_reopened == m_line.reconnects())
+        return;
+    m_reopened = m_line.reconnects();
+    for (const Station& station : m_stations) {
+        if (station.alive())
+            readOnceAgain(station);
     }
 }
 
@@ -232,13 +263,8 @@ bool PollLoop::waitsForOtherSerial()
 
 void PollLoop::handleConnected(Station& station)
 {
-    const bool returns = station.state() == Station::State::Dead;
-    station.connect();
-    for (int i = 0; i < m_values.size(); ++i) {
-        const bool due = returns || !m_values.wasRead(i);
-        if (due && m_project.variables.at(i).station == station.number())
-            readOnce(i);
-    }
+    station.connect(m_clock.now());
+    readOnceAgain(station);
 }
 
 // The driver tries to connect a station again and again before it serves another one. A dead
@@ -356,7 +382,10 @@ int PollLoop::learn(const TagKey& key)
 Quality PollLoop::quality(int variable) const
 {
     const Station station = m_stations.value(m_project.variables.at(variable).station);
-    return m_values.quality(variable, m_clock.now(), station.alive() && m_line.isOpen());
+    std::optional<Duration> aliveSince;
+    if (station.alive() && m_line.isOpen())
+        aliveSince = std::max(station.connectedAt(), m_line.openedAt());
+    return m_values.quality(variable, m_clock.now(), aliveSince);
 }
 
 } // namespace micro850::host

@@ -48,6 +48,7 @@ public:
     Tag tag(const TagKey& key) const { return m_types.tag(key); }
     const ValueStore& values() const { return m_values; }
     ValueStore& values() { return m_values; }
+    /// Good only for a value that came after the line was opened and the station connected.
     Quality quality(int variable) const;
     /// By number.
     const QMap<int, Station>& stations() const { return m_stations; }
@@ -63,6 +64,8 @@ private:
     void askForTypes();
     void planCycle();
     void readOnce(int variable);
+    void readOnceAgain(const Station& station);
+    void handleReopenedLine();
     bool waitsForOtherSerial();
     void idle();
 
@@ -94,6 +97,7 @@ private:
     std::optional<Duration> m_nextSerialAt;
     Duration m_nextLook{0}; ///< when types to ask for are looked for again
     bool m_replan = true;   ///< the driver's cyclic list is out of date
+    qint64 m_reopened = 0;  ///< times that handleReopenedLine() handled
     int m_idleSteps = 0;    ///< in a row
 };
 

@@ -22,10 +22,11 @@ Station::Station(const StationSettings& settings)
 {
 }
 
-void Station::connect()
+void Station::connect(Duration now)
 {
     m_counters.reconnects += m_wasConnected ? 1 : 0;
     m_wasConnected = true;
+    m_connectedAt = now;
     m_state = State::Connected;
     m_probing = false;
     m_failedSetUps = 0;
@@ -59,8 +60,10 @@ void Station::markDead(Duration now)
     m_nextProbe = now + m_probePause.next();
 }
 
-QString stateText(const Station& station)
+QString stateText(const Station& station, bool lineIsUp)
 {
+    if (!lineIsUp && station.state() != Station::State::Disabled)
+        return QStringLiteral("line down");
     const bool refused = station.failure().cause == Failure::Cause::Refusal;
     switch (station.state()) {
     case Station::State::Connecting:
@@ -75,11 +78,11 @@ QString stateText(const Station& station)
     return QStringLiteral("disabled");
 }
 
-QString conditionText(const Station& station)
+QString conditionText(const Station& station, bool lineIsUp)
 {
-    const QString state = stateText(station);
+    const QString state = stateText(station, lineIsUp);
     const bool dead = station.state() == Station::State::Dead && !station.error().isEmpty();
-    return dead ? state + QStringLiteral(", ") + station.error() : state;
+    return dead && lineIsUp ? state + QStringLiteral(", ") + station.error() : state;
 }
 
 } // namespace micro850::host

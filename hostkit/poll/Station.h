@@ -56,7 +56,9 @@ public:
     /// The first request of the connection set-up was answered.
     void noteIdentity() { m_refusedOpens = 0; }
     /// The connection is open.
-    void connect();
+    void connect(Duration now);
+    /// When the connection was last opened.
+    Duration connectedAt() const { return m_connectedAt; }
     /// The connection was given up; the driver sets it up again.
     void loseConnection() { m_state = State::Connecting; }
     /// A request of the connection set-up failed; `opens` for the second one, which opens the
@@ -84,13 +86,15 @@ private:
     bool m_probing = false;
     std::optional<Duration> m_lastAnswer;
     bool m_wasConnected = false;
+    Duration m_connectedAt{0};
     Counters m_counters;
 };
 
-/// "connected", "dead", ...; "refused" for a dead station that answers and refuses the connection.
-QString stateText(const Station& station);
+/// "connected", "dead", ...; "refused" for a dead station that answers and refuses the connection,
+/// "line down" for one that cannot be reached because its line is not open.
+QString stateText(const Station& station, bool lineIsUp);
 /// The state, of a dead station with the reason: "dead, no answer".
-QString conditionText(const Station& station);
+QString conditionText(const Station& station, bool lineIsUp);
 
 } // namespace micro850::host
 

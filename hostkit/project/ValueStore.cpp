@@ -99,13 +99,14 @@ std::optional<Duration> ValueStore::refreshedAt(int variable) const
     return *std::min_element(times.begin(), times.end());
 }
 
-Quality ValueStore::quality(int variable, Duration now, bool alive) const
+Quality ValueStore::quality(int variable, Duration now, std::optional<Duration> aliveSince) const
 {
     if (!wasRead(variable))
         return Quality::Never;
+    const Duration at = *refreshedAt(variable);
+    const bool alive = aliveSince && at >= *aliveSince;
     const bool refreshed = m_project.variables.at(variable).poll == PollMode::Cyclic;
-    const bool old = refreshed && now - *refreshedAt(variable) >
-                                      std::chrono::milliseconds(m_project.staleAfterMs);
+    const bool old = refreshed && now - at > std::chrono::milliseconds(m_project.staleAfterMs);
     return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
 }
 

@@ -40,8 +40,9 @@ public:
     bool wasRead(int variable) const { return m_states.at(variable).missing == 0; }
     /// When the oldest of its elements was refreshed; none when one never was.
     std::optional<Duration> refreshedAt(int variable) const;
-    /// `alive` is true while the variable's station answers.
-    Quality quality(int variable, Duration now, bool alive) const;
+    /// `aliveSince` is when the variable's station was last connected over the open line, none
+    /// while it is not. A value from before that time is stale: the controller may have restarted.
+    Quality quality(int variable, Duration now, std::optional<Duration> aliveSince) const;
     /// The elements that were read, as Scaling::shown() gives them.
     QVector<CipValue> values(int variable) const;
     /// All elements in that form, as text; "?" for one that was never read.

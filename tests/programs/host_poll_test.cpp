@@ -1,5 +1,7 @@
 #include "program_fixture.h"
 
+#include <QtCore/QElapsedTimer>
+
 namespace {
 
 class HostPoll : public ProgramTest
@@ -60,6 +62,55 @@ TEST_F(HostPoll, PrintsAnObjectForEachChangeAndASummaryWithJson)
     EXPECT_TRUE(lines.at(2).startsWith(R"({"summary":{"port":")")) << result.out;
     EXPECT_TRUE(lines.at(2).contains(R"("state":"connected")")) << result.out;
     EXPECT_TRUE(lines.at(2).contains(R"("errors":{"05":1})")) << result.out;
+}
+
+TEST_F(HostPoll, GivesTheReasonWhyAVariableOfADisabledStationHasNoValue)
+{
+    simulate();
+    const QString disabled =
+        file("disabled.json",
+             R"({"port": {"device": ")" + port().toStdString() + R"("}, "stations": [{"number": 1},
+        {"number": 2, "enabled": false}], "variables": [{"tag": "Speed"},
+        {"name": "Far", "tag": "Speed", "station": 2}]})");
+    const Result result = host({"poll", disabled, "--seconds", "1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find(" Far (station 2 is disabled in the project)\n"), std::string::npos)
+        << result.out;
+}
+
+// Until the first reply of the new controller nobody knows whether the old value still holds.
+TEST_F(HostPoll, ShowsNoOldValueAsGoodAfterTheControllerRestarted)
+{
+    simulate(R"({"name": "Speed", "type": "INT", "value": 107})");
+    QProcess poll;
+    poll.start(MICRO850_HOST, {"poll", project(R"({"tag": "Speed"})"), "--json"});
+    ASSERT_TRUE(poll.waitForStarted());
+    QByteArray out;
+    QByteArray err;
+    const auto says = [&](const QByteArray& all, const char* text) {
+        QElapsedTimer timer;
+        for (timer.start(); !all.contains(text) && timer.elapsed() < 60000;) {
+            poll.waitForFinished(20);
+            out += poll.readAllStandardOutput();
+            err += poll.readAllStandardError();
+        }
+        return all.contains(text);
+    };
+    ASSERT_TRUE(says(out, R"("value":107,"quality":"good")"));
+    stopSimulator();
+    ASSERT_TRUE(says(out, R"("value":107,"quality":"stale")"));
+    EXPECT_TRUE(says(err, "station 1: line down\n")) << err.toStdString();
+    simulate(R"({"name": "Speed", "type": "INT", "value": 1})");
+    ASSERT_TRUE(says(out, R"("value":1,"quality":"good")"));
+    stopSimulator();
+    ASSERT_TRUE(says(out, R"("value":1,"quality":"stale")"));
+    poll.terminate();
+    ASSERT_TRUE(says(out, R"({"summary")")) << err.toStdString();
+    EXPECT_TRUE(poll.state() == QProcess::NotRunning || poll.waitForFinished());
+    out += poll.readAllStandardOutput();
+    EXPECT_EQ(out.count(R"("value":107,"quality":"good")"), 1) << out.toStdString();
+    EXPECT_TRUE(out.contains(R"("state":"line down")")) << out.toStdString();
+    EXPECT_TRUE(out.contains(R"("problem":")")) << out.toStdString();
 }
 
 const char kTimes[] =

@@ -186,6 +186,7 @@ TEST_F(HostTable, ReportsThatTheControllerIsGoneAndMarksItsValuesStale)
     stopSimulator();
     EXPECT_TRUE(sees("stale"));
     EXPECT_TRUE(sees(": DOWN, "));
+    EXPECT_TRUE(sees("station 1 (filler): line down, last answer "));
     simulate();
     EXPECT_TRUE(seesNo("stale"));
 }

@@ -102,6 +102,27 @@ TEST_F(LiveTableTest, ShowsThatTheLineIsDown)
     loop->step();
     const QString state = LiveTable(*loop, project).lineState();
     EXPECT_TRUE(state.endsWith("DOWN, no such device")) << state.toStdString();
+    EXPECT_TRUE(stationLine().startsWith("station 1: line down; sent 0, "))
+        << stationLine().toStdString();
+}
+
+TEST_F(LiveTableTest, ShowsAStationThatWasConnectedAsDownWithItsLine)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    EXPECT_TRUE(stationLine().startsWith("station 1: line down, last answer 0.0 s ago; sent "))
+        << stationLine().toStdString();
+}
+
+TEST_F(LiveTableTest, PrintsAnEmptyStringAsAValue)
+{
+    plc.tags["Text"] = {0x00DA, {wire::hex("00")}};
+    start(R"({"tag": "Text"})");
+    EXPECT_EQ(LiveTable(*loop, project).changeLine(0), QString("Text"));
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_EQ(LiveTable(*loop, project).changeLine(0), QString("Text = "));
 }
 
 TEST_F(LiveTableTest, IsCompleteWhenEveryVariableWasRead)

@@ -67,6 +67,7 @@ TEST_F(LineStateTest, ClosesALostLineAndCountsItsReturn)
     while (!state.ensureOpen()) {
     }
     EXPECT_EQ(clock.now(), 250ms);
+    EXPECT_EQ(state.openedAt(), 250ms);
     EXPECT_EQ(state.error(), QString());
     EXPECT_EQ(state.reconnects(), 1);
 }

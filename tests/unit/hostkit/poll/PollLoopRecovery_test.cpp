@@ -13,6 +13,14 @@ const TagKey kSpeed = {1, "Speed"};
 
 class PollLoopRecoveryTest : public PollTest
 {
+protected:
+    // Steps until the variable is good again. False when it was good with another text than this.
+    bool isGoodOnlyAs(const char* expected, int variable = 0)
+    {
+        const bool good = runUntil([&] { return loop->quality(variable) == Quality::Good; }, 10000);
+        EXPECT_EQ(text(variable), expected);
+        return good && text(variable) == expected;
+    }
 };
 
 } // namespace
@@ -108,6 +116,100 @@ TEST_F(PollLoopRecoveryTest, RepeatsAnOperationAfterTheControllerForgotTheConnec
     EXPECT_EQ(finish(loop->read(kSpeed, 0, 1)).state, State::Done);
 }
 
+// Between the new connection and the first reply the host knows only the old value.
+TEST_F(PollLoopRecoveryTest, ShowsNoValueFromBeforeTheConnectionAsGood)
+{
+    start(R"({"tag": "Speed"}, {"tag": "Level", "length": 10})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
+    plc.silent = false;
+    plc.tags["Speed"].elements[0] = hex("01 00");
+    EXPECT_TRUE(isGoodOnlyAs("1"));
+    plc.forgetConnections();
+    plc.tags["Speed"].elements[0] = hex("02 00");
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
+    EXPECT_TRUE(isGoodOnlyAs("2"));
+}
+
+TEST_F(PollLoopRecoveryTest, ShowsNoValueFromBeforeTheLineWasReopenedAsGood)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    plc.tags["Speed"].elements[0] = hex("01 00");
+    line.setPresent(true);
+    EXPECT_TRUE(isGoodOnlyAs("1"));
+    EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
+}
+
+TEST_F(PollLoopRecoveryTest, ShowsNoValueFromBeforeTheControllerRestartedWithItsLineAsGood)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    plc.forgetConnections();
+    plc.tags["Speed"].elements[0] = hex("01 00");
+    line.setPresent(true);
+    EXPECT_TRUE(isGoodOnlyAs("1"));
+    EXPECT_EQ(plc.count(0x54), 2);
+}
+
+TEST_F(PollLoopRecoveryTest, ReadsOnceAgainAfterEachNewConnection)
+{
+    start(R"({"tag": "Speed"}, {"tag": "Level", "poll": "once"})");
+    ASSERT_TRUE(runUntilRead());
+    runFor(1000);
+    plc.forgetConnections();
+    plc.tags["Level"].elements[0] = hex("01 00");
+    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
+    EXPECT_TRUE(isGoodOnlyAs("1", 1));
+    const int reads = plc.count(0x52, "Level");
+    runFor(5000);
+    EXPECT_EQ(plc.count(0x52, "Level"), reads);
+}
+
+TEST_F(PollLoopRecoveryTest, ReadsOnceAgainAfterTheLineWasReopened)
+{
+    start(R"({"tag": "Speed"}, {"tag": "Level", "poll": "once"})");
+    ASSERT_TRUE(runUntilRead());
+    runFor(1000);
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    plc.tags["Level"].elements[0] = hex("01 00");
+    line.setPresent(true);
+    EXPECT_TRUE(isGoodOnlyAs("1", 1));
+    const int reads = plc.count(0x52, "Level");
+    runFor(5000);
+    EXPECT_EQ(plc.count(0x52, "Level"), reads);
+    EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
+}
+
+TEST_F(PollLoopRecoveryTest, QueuesReadsOnlyOnceHoweverOftenTheConnectionIsLost)
+{
+    plc.tags["Recipe"] = {0x00C4, QVector<QByteArray>(1000, hex("07 00 00 00"))};
+    start(R"({"tag": "Speed"}, {"tag": "Recipe", "length": 1000, "poll": "once"})");
+    ASSERT_TRUE(runUntilRead());
+    runFor(1000);
+    const int runs = plc.count(0x52, "Recipe");
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.tag == "Recipe")
+            reply.clear();
+    };
+    for (int i = 0; i < 10; ++i) {
+        plc.forgetConnections();
+        ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
+        ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connected; }));
+    }
+    plc.onReply = nullptr;
+    const int before = plc.count(0x52, "Recipe");
+    ASSERT_TRUE(runUntil([&] { return loop->quality(1) == Quality::Good; }));
+    runFor(5000);
+    EXPECT_LE(plc.count(0x52, "Recipe") - before, runs + 1);
+}
+
 TEST_F(PollLoopRecoveryTest, ReadsNothingWhenTheConnectionIsRefused)
 {
     plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
@@ -120,7 +222,7 @@ TEST_F(PollLoopRecoveryTest, ReadsNothingWhenTheConnectionIsRefused)
     ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
     EXPECT_EQ(station().error(),
               QString("the controller refuses the connection: out of connections, status 01/0113"));
-    EXPECT_EQ(stateText(station()), QString("refused"));
+    EXPECT_EQ(stateText(station(), true), QString("refused"));
     EXPECT_EQ(plc.count(0x52), 0);
 }
 
@@ -173,6 +275,9 @@ TEST_F(PollLoopRecoveryTest, SendsNothingToADisabledStation)
     EXPECT_EQ(plc.count(0x52, "Speed"), 0);
     EXPECT_TRUE(loop->values().wasRead(1));
     EXPECT_EQ(station(2).state(), Station::State::Disabled);
+    EXPECT_EQ(error(0), "station 2 is disabled in the project");
+    EXPECT_EQ(loop->quality(0), Quality::Never);
+    EXPECT_EQ(error(1), "");
 }
 
 TEST_F(PollLoopRecoveryTest, TriesToOpenAMissingDeviceAtGrowingIntervalsAndResumes)

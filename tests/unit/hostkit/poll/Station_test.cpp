@@ -80,7 +80,7 @@ TEST(Station, ForgetsFailedSetUpsWhenItConnects)
 {
     Station station = enabledStation();
     station.failSetUp(kIdentity, kSilence);
-    station.connect();
+    station.connect(30s);
     EXPECT_EQ(station.error(), QString());
     EXPECT_TRUE(station.alive());
     EXPECT_FALSE(station.failSetUp(kIdentity, kSilence));
@@ -110,7 +110,7 @@ TEST(Station, ReturnsToServiceWhenAProbeConnects)
 {
     Station station = deadStation(10s);
     station.beginProbe();
-    station.connect();
+    station.connect(30s);
     EXPECT_EQ(station.state(), State::Connected);
     EXPECT_FALSE(station.isProbing());
     station.markDead(20s); // the interval is the shortest again
@@ -120,11 +120,13 @@ TEST(Station, ReturnsToServiceWhenAProbeConnects)
 TEST(Station, CountsEveryConnectionAfterTheFirst)
 {
     Station station = enabledStation();
-    station.connect();
+    station.connect(30s);
     EXPECT_EQ(station.counters().reconnects, 0);
+    EXPECT_EQ(station.connectedAt(), 30s);
     station.loseConnection();
     EXPECT_EQ(station.state(), State::Connecting);
-    station.connect();
+    station.connect(40s);
+    EXPECT_EQ(station.connectedAt(), 40s);
     EXPECT_EQ(station.counters().reconnects, 1);
 }
 
@@ -135,29 +137,41 @@ TEST(Station, TriesSevenOtherSerialNumbersUntilItIsConnected)
         EXPECT_TRUE(station.triesOtherSerial()) << i;
     EXPECT_FALSE(station.triesOtherSerial());
     EXPECT_FALSE(station.triesOtherSerial());
-    station.connect();
+    station.connect(30s);
     EXPECT_TRUE(station.triesOtherSerial());
 }
 
 TEST(StateText, NamesEveryState)
 {
     Station station = enabledStation();
-    EXPECT_EQ(stateText(station), QString("connecting"));
-    station.connect();
-    EXPECT_EQ(stateText(station), QString("connected"));
+    EXPECT_EQ(stateText(station, true), QString("connecting"));
+    station.connect(30s);
+    EXPECT_EQ(stateText(station, true), QString("connected"));
     StationSettings off;
     off.enabled = false;
-    EXPECT_EQ(stateText(Station(off)), QString("disabled"));
+    EXPECT_EQ(stateText(Station(off), true), QString("disabled"));
 }
 
 TEST(StateText, TellsAStationThatRefusesFromOneThatIsSilent)
 {
     Station station = deadStation(10s);
-    EXPECT_EQ(stateText(station), QString("dead"));
-    EXPECT_EQ(conditionText(station), QString("dead, no answer"));
+    EXPECT_EQ(stateText(station, true), QString("dead"));
+    EXPECT_EQ(conditionText(station, true), QString("dead, no answer"));
     station.failSetUp(kOpen, kRefusal);
-    EXPECT_EQ(stateText(station), QString("refused"));
-    EXPECT_EQ(conditionText(station), QString("refused, refused because"));
-    station.connect();
-    EXPECT_EQ(conditionText(station), QString("connected"));
+    EXPECT_EQ(stateText(station, true), QString("refused"));
+    EXPECT_EQ(conditionText(station, true), QString("refused, refused because"));
+    station.connect(30s);
+    EXPECT_EQ(conditionText(station, true), QString("connected"));
+}
+
+TEST(StateText, SaysLineDownWhateverTheStationWas)
+{
+    Station station = enabledStation();
+    EXPECT_EQ(stateText(station, false), QString("line down"));
+    station.connect(30s);
+    EXPECT_EQ(stateText(station, false), QString("line down"));
+    EXPECT_EQ(conditionText(deadStation(10s), false), QString("line down"));
+    StationSettings off;
+    off.enabled = false;
+    EXPECT_EQ(stateText(Station(off), false), QString("disabled"));
 }

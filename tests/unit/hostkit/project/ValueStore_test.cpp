@@ -38,7 +38,7 @@ protected:
 TEST_F(ValueStoreTest, HasNoValuesAtFirst)
 {
     EXPECT_EQ(values.text(kAll), QString());
-    EXPECT_EQ(values.quality(kAll, 0ms, true), Quality::Never);
+    EXPECT_EQ(values.quality(kAll, 0ms, 0ms), Quality::Never);
     EXPECT_FALSE(values.refreshedAt(kAll));
 }
 
@@ -87,16 +87,29 @@ TEST_F(ValueStoreTest, DistinguishesTagsOfDifferentStations)
 TEST_F(ValueStoreTest, MarksAValueStaleWhenItIsOldOrItsStationIsDead)
 {
     storeInts(2, "0B 00", 100ms);
-    EXPECT_EQ(values.quality(kSingle, 1100ms, true), Quality::Good);
-    EXPECT_EQ(values.quality(kSingle, 1101ms, true), Quality::Stale);
-    EXPECT_EQ(values.quality(kSingle, 100ms, false), Quality::Stale);
+    EXPECT_EQ(values.quality(kSingle, 1100ms, 0ms), Quality::Good);
+    EXPECT_EQ(values.quality(kSingle, 1101ms, 0ms), Quality::Stale);
+    EXPECT_EQ(values.quality(kSingle, 100ms, std::nullopt), Quality::Stale);
+}
+
+TEST_F(ValueStoreTest, MarksAValueStaleUntilAllItsElementsAreFromThePresentConnection)
+{
+    storeInts(0, "01 00 02 00 03 00 04 00", 100ms);
+    EXPECT_EQ(values.quality(kAll, 200ms, 100ms), Quality::Good);
+    EXPECT_EQ(values.quality(kAll, 200ms, 101ms), Quality::Stale);
+    EXPECT_EQ(values.quality(kOnce, 200ms, 101ms), Quality::Stale);
+    storeInts(0, "01 00 02 00 03 00", 150ms);
+    EXPECT_EQ(values.quality(kAll, 200ms, 101ms), Quality::Stale);
+    EXPECT_EQ(values.quality(kOnce, 200ms, 101ms), Quality::Good);
+    storeInts(3, "04 00", 160ms);
+    EXPECT_EQ(values.quality(kAll, 200ms, 101ms), Quality::Good);
 }
 
 TEST_F(ValueStoreTest, KeepsAValueThatIsReadOnceGoodWhateverItsAge)
 {
     storeInts(0, "01 00", 100ms);
-    EXPECT_EQ(values.quality(kOnce, 100000ms, true), Quality::Good);
-    EXPECT_EQ(values.quality(kOnce, 100000ms, false), Quality::Stale);
+    EXPECT_EQ(values.quality(kOnce, 100000ms, 0ms), Quality::Good);
+    EXPECT_EQ(values.quality(kOnce, 100000ms, std::nullopt), Quality::Stale);
 }
 
 TEST_F(ValueStoreTest, KeepsTheValueAndTheErrorUntilTheNextGoodReply)
@@ -104,10 +117,10 @@ TEST_F(ValueStoreTest, KeepsTheValueAndTheErrorUntilTheNextGoodReply)
     storeInts(2, "0B 00", 100ms);
     values.setError(kSingle, "gone");
     EXPECT_EQ(values.text(kSingle), QString("11"));
-    EXPECT_EQ(values.quality(kSingle, 100ms, true), Quality::Stale);
+    EXPECT_EQ(values.quality(kSingle, 100ms, 0ms), Quality::Stale);
     storeInts(2, "0B 00", 200ms);
     EXPECT_EQ(values.error(kSingle), QString());
-    EXPECT_EQ(values.quality(kSingle, 200ms, true), Quality::Good);
+    EXPECT_EQ(values.quality(kSingle, 200ms, 0ms), Quality::Good);
 }
 
 // Another variable shows elements 0 and 1 of the same tag, whose last two do not exist.
