@@ -151,7 +151,7 @@ int run(const LogOptions& options)
     requirePort(project, options.line);
     RunLoop loop(options.line, project);
     Logging logging(loop, project, options, output);
-    loop.run(logging, options.seconds);
+    loop.run(logging, options.seconds, output);
     const std::string file = toOutput              ? "standard output"
                              : options.csv.empty() ? options.sqlite
                                                    : options.csv;

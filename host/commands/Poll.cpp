@@ -92,9 +92,9 @@ int run(const PollOptions& options)
     else
         view =
             std::make_unique<ChangePrinter>(loop, project, output, fromSeconds(options.interval));
-    loop.run(*view, options.seconds);
+    loop.run(*view, options.seconds, output);
     loop.summarise(output);
-    if (loop.exitStatus() != kExitDone)
+    if (!loop.table().complete())
         output.error(QStringLiteral("some variables were never read"));
     return loop.exitStatus();
 }

@@ -80,8 +80,10 @@ RunLoop::RunLoop(const LineOptions& options, const Project& project)
     m_loop.exchange().setObserver(m_trace.observer());
 }
 
-void RunLoop::run(LoopView& view, double seconds)
+void RunLoop::run(LoopView& view, double seconds, const Output& output)
 {
+    // A line would be lost in the picture that the view draws again and again.
+    const bool reportsLater = view.usesKeys() && isatty(STDERR_FILENO) == 1;
     const Clock& clock = m_connection.clock();
     const Duration end = clock.now() + fromSeconds(seconds);
     const auto over = [&] { return seconds > 0 && clock.now() >= end; };
@@ -95,7 +97,8 @@ void RunLoop::run(LoopView& view, double seconds)
                     view.handle(key);
             }
             view.update(clock.now());
-            m_trace.throwIfFailed();
+            if (!reportsLater)
+                reportTraceFailure(output);
         }
     } catch (...) { // a file or the output that cannot be written
         m_loop.finish();
@@ -103,7 +106,20 @@ void RunLoop::run(LoopView& view, double seconds)
     }
     m_loop.finish();
     view.close(clock.now());
-    m_trace.close();
+    try {
+        m_trace.close();
+    } catch (const UserError& error) {
+        m_traceFailed = true;
+        output.error(textOf(error.what()));
+    }
+}
+
+void RunLoop::reportTraceFailure(const Output& output)
+{
+    if (const std::optional<UserError> failure = m_trace.popFailure()) {
+        m_traceFailed = true;
+        output.error(textOf(failure->what()));
+    }
 }
 
 void RunLoop::summarise(const Output& output) const
@@ -120,7 +136,7 @@ void RunLoop::summarise(const Output& output) const
 
 int RunLoop::exitStatus() const
 {
-    return m_table.complete() ? kExitDone : kExitRefused;
+    return m_table.complete() && !m_traceFailed ? kExitDone : kExitRefused;
 }
 
 } // namespace micro850::host

@@ -43,17 +43,20 @@ public:
     const LiveTable& table() const { return m_table; }
 
     /// Steps the loop until so many seconds have passed (0: no limit), the view quits, or the user
-    /// presses Ctrl-C.
-    void run(LoopView& view, double seconds);
+    /// presses Ctrl-C. A trace that cannot be written is reported and ends, not the loop.
+    void run(LoopView& view, double seconds, const Output& output);
     /// Reports how the line and the stations did.
     void summarise(const Output& output) const;
-    /// Done when every variable was read at least once.
+    /// Done when every variable was read at least once, and the trace has every record.
     int exitStatus() const;
 
 private:
+    void reportTraceFailure(const Output& output);
+
     const Project& m_project;
     Connection m_connection;
     TraceRecorder m_trace;
+    bool m_traceFailed = false;
     PollLoop m_loop;
     LiveTable m_table;
     Interrupt m_interrupt;

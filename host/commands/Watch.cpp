@@ -173,7 +173,7 @@ int run(const WatchOptions& options)
         view = std::make_unique<PlotDisplay>(loop, project, options.span);
     else
         view = std::make_unique<ChangePrinter>(loop, project, output);
-    loop.run(*view, options.seconds);
+    loop.run(*view, options.seconds, output);
     loop.summarise(output);
     return loop.exitStatus();
 }

@@ -3,7 +3,6 @@
 #include "FrameText.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 namespace micro850::host {
@@ -58,11 +57,9 @@ Exchange::Observer TraceRecorder::observer() const
     };
 }
 
-void TraceRecorder::throwIfFailed()
+std::optional<UserError> TraceRecorder::popFailure()
 {
-    if (!m_recording || !m_recording->failure)
-        return;
-    throw UserError(*std::exchange(m_recording->failure, std::nullopt));
+    return m_recording ? std::exchange(m_recording->failure, std::nullopt) : std::nullopt;
 }
 
 void TraceRecorder::close()
@@ -71,7 +68,8 @@ void TraceRecorder::close()
         m_recording->attempt([](TraceWriter& writer) { writer.close(); });
         m_recording->writer.reset();
     }
-    throwIfFailed();
+    if (const std::optional<UserError> failure = popFailure())
+        throw UserError(*failure);
 }
 
 } // namespace micro850::host

@@ -3,8 +3,10 @@
 
 #include "Exchange.h"
 #include "TraceFile.h"
+#include "UserError.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace micro850::host {
@@ -17,15 +19,15 @@ public:
     /// An empty path records nothing. A file with content that is not a trace is replaced only if
     /// `replaces`. Throws UserError for a file that cannot be written.
     explicit TraceRecorder(const std::string& path, bool replaces = false);
-    /// Reports a failure that throwIfFailed() or close() has not thrown.
+    /// Reports a failure that popFailure() has not returned and close() has not thrown.
     ~TraceRecorder();
     TraceRecorder(const TraceRecorder&) = delete;
     TraceRecorder& operator=(const TraceRecorder&) = delete;
 
     /// For Exchange::setObserver(). The observer may live longer than this object.
     Exchange::Observer observer() const;
-    /// Throws UserError once a record could not be written.
-    void throwIfFailed();
+    /// Why a record could not be written, once; the recording has ended then.
+    std::optional<UserError> popFailure();
     /// Ends the file. Throws UserError if it does not have every record.
     void close();
 

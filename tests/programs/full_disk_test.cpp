@@ -110,15 +110,39 @@ TEST_F(FullDisk, ForATraceIsReportedAfterTheWorkIsDone)
     EXPECT_NE(begin.out.find("requests "), std::string::npos);
 }
 
-TEST_F(FullDisk, ForATraceEndsACommandThatWouldGoOn)
+// Hours of values are worth more than the trace of them.
+TEST_F(FullDisk, ForATraceEndsNoCommandThatGoesOn)
 {
     simulate();
     project();
-    const Result result = shell("ulimit -f 1; $HOST poll p.json --port $PORT --quiet --trace "
-                                "t.pcapng --seconds 600 >/dev/null");
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "micro850-host: t.pcapng: cannot be written: File too large\n");
-    EXPECT_EQ(host({"trace", "t.pcapng", "--summary"}).err, "");
+    for (const char* command : {"poll p.json", "watch Speed Name", "log p.json --csv -"}) {
+        const Result result = shell(QString("ulimit -f 1; date +%s%N >begin; $HOST %1 --port $PORT "
+                                            "--quiet --trace t.pcapng --force --seconds 3 "
+                                            ">out.txt; echo $? $(( ($(date +%s%N) - $(cat begin)) "
+                                            "/ 1000000 ))")
+                                        .arg(command));
+        EXPECT_EQ(result.err, "micro850-host: t.pcapng: cannot be written: File too large\n")
+            << command;
+        const QStringList ended = QString::fromStdString(result.out).simplified().split(' ');
+        EXPECT_EQ(ended.first(), QString("1")) << command;
+        EXPECT_GE(ended.last().toInt(), 3000) << command;
+        EXPECT_NE(textOf("out.txt").find("1234"), std::string::npos) << textOf("out.txt");
+        EXPECT_EQ(host({"trace", "t.pcapng", "--summary"}).err, "") << command;
+    }
+}
+
+TEST_F(FullDisk, ForATraceIsReportedAtOnceWhileTheCommandGoesOn)
+{
+    simulate();
+    project();
+    const Result result =
+        shell("ulimit -f 1; $HOST poll p.json --port $PORT --trace t.txt --seconds 2 2>&1 "
+              ">/dev/null");
+    const QStringList lines = linesOf(result.out);
+    ASSERT_GE(lines.size(), 3) << result.out;
+    EXPECT_EQ(lines.filter("t.txt").size(), 1) << result.out;
+    EXPECT_FALSE(lines.last().contains("t.txt")) << "reported only at the end";
+    EXPECT_TRUE(lines.last().contains("station 1: connected; sent ")) << result.out;
 }
 
 TEST_F(FullDisk, KeepsAnEarlierTraceWhenThePortIsWrong)
