@@ -57,6 +57,16 @@ void writeAll(int descriptor, const std::string& bytes, const std::string& name)
     }
 }
 
+void requireFile(const std::string& path, const std::string& instead)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode))
+        return;
+    throw UserError(path +
+                    (S_ISDIR(status.st_mode) ? ": is a directory (" : ": is a pipe or a device (") +
+                    instead + ')');
+}
+
 OutputFile::OutputFile(int descriptor, std::string name)
     : m_descriptor(descriptor), m_name(std::move(name))
 {

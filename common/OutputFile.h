@@ -15,6 +15,10 @@ namespace micro850 {
 /// failToWrite(); messages call the descriptor `name`.
 void writeAll(int descriptor, const std::string& bytes, const std::string& name);
 
+/// Throws UserError if there is something else than a file of this name: a folder, a pipe or a
+/// device. `instead` says what to name.
+void requireFile(const std::string& path, const std::string& instead);
+
 /// An open file that has each piece of text whole or not at all.
 class OutputFile
 {

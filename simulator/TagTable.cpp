@@ -21,10 +21,30 @@ constexpr std::size_t kLongestName = 255;
 constexpr std::size_t kMostElements = 4000000;
 constexpr double kPi = 3.14159265358979323846;
 
+// A text of the controller has one byte a character: the first 256 of Unicode, in Latin-1. A node
+// has valid UTF-8.
+std::string latin1Of(const JsonNode& node)
+{
+    const std::string utf8 = node.scalar();
+    std::string latin1;
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+        const auto byte = static_cast<std::uint8_t>(utf8[i]);
+        if (byte < 0x80) {
+            latin1 += utf8[i];
+            continue;
+        }
+        if (byte > 0xC3)
+            node.fail(inQuotes(utf8) + " has a character that a text of the controller cannot hold "
+                                       "(U+0000 to U+00FF)");
+        latin1 += static_cast<char>(byte << 6 | (static_cast<std::uint8_t>(utf8[++i]) & 0x3F));
+    }
+    return latin1;
+}
+
 Bytes parseElement(const JsonNode& node, const CipType& type)
 {
     try {
-        return valueFromText(type, node.scalar());
+        return valueFromText(type, type.kind == CipKind::String ? latin1Of(node) : node.scalar());
     } catch (const UserError& error) {
         const std::string what = error.what();
         // A message of the node itself already names its place.

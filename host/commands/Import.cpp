@@ -40,7 +40,7 @@ int run(const ImportOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     const VariableList list = VariableList::fromFile(textOf(options.file));
-    for (const QString& line : list.ignored)
+    for (const QString& line : list.ignored + list.notes)
         output.note(textOf(options.file) + QStringLiteral(": ") + line);
     if (list.variables.isEmpty()) {
         throw UserError(options.file +
@@ -68,7 +68,8 @@ void addImport(CommandLine& line)
     options->output.addTo(command);
     command.footer(
         "The first line names the columns: Name, Data type, Dimension, and others that "
-        "are passed over.\n"
+        "are passed over.\nElements count from 0: a note tells of an array whose first index "
+        "in the program is another.\n"
         "Example:\n  micro850-host import examples/variables.csv > project.json\n"
         "Exit status: 0 done, 1 the output could not be written, 2 usage, or the file has "
         "no readable variable.");

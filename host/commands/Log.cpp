@@ -155,8 +155,9 @@ int run(const LogOptions& options)
     const std::string file = toOutput              ? "standard output"
                              : options.csv.empty() ? options.sqlite
                                                    : options.csv;
-    output.note(
-        QStringLiteral("%1: %2 rows written").arg(textOf(file), QString::number(logging.rows())));
+    output.note(textOf(file) + (logging.rows() == 1
+                                    ? QStringLiteral(": 1 row written")
+                                    : QStringLiteral(": %1 rows written").arg(logging.rows())));
     if (output.json())
         output.data({{"file", file}, {"rows", logging.rows()}}, QString());
     loop.summarise(output);

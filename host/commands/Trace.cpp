@@ -76,6 +76,7 @@ Json summaryObject(const TraceReport& report)
              {{"requests", report.requests()},
               {"answered", report.answered()},
               {"unanswered", report.unanswered()},
+              {"openAtEnd", report.openAtEnd().isEmpty() ? 0 : 1},
               {"repeated", report.repetitions()},
               {"stray", report.stray()},
               {"corrupt", report.corrupt()},
@@ -118,6 +119,8 @@ void addTrace(CommandLine& line)
                  "  micro850-host trace t.pcapng\n"
                  "A last record that is cut short, by a kill or a full disk, is left out with a "
                  "note.\n"
+                 "A request whose answer the recording does not reach is counted apart from those "
+                 "that failed.\nTimes are UTC.\n"
                  "Exit status: 0 done, 1 the output could not be written, 2 usage, or the file is "
                  "not a trace.");
 }

@@ -63,33 +63,53 @@ Columns columnsOf(const QStringList& headings, const QString& file)
                     "\" (the first line names the columns: Name, Data type, Dimension)");
 }
 
-// "10", "[0..9]" or "1..10"; 1 for an empty text, 0 for anything else.
-int lengthOf(const QString& dimension)
+struct Dimension
+{
+    qint64 first = 0;  ///< index in the program of the controller
+    qint64 length = 1; ///< below 1 for what is not one run of elements
+};
+
+// "10", "[0..9]" or "1..10"; one element for an empty text.
+Dimension dimensionOf(const QString& text)
 {
     static const QRegularExpression form(
-        QStringLiteral("^\\[?\\s*(\\d{1,5})\\s*(?:\\.\\.\\s*(\\d{1,5}))?\\s*\\]?$"));
-    if (dimension.isEmpty())
-        return 1;
-    const QRegularExpressionMatch match = form.match(dimension);
+        QStringLiteral("^\\[?\\s*(\\d{1,18})\\s*(?:\\.\\.\\s*(\\d{1,18}))?\\s*\\]?$"));
+    if (text.isEmpty())
+        return {};
+    const QRegularExpressionMatch match = form.match(text);
     if (!match.hasMatch())
-        return 0;
-    const int first = match.captured(1).toInt();
-    const int length = match.captured(2).isEmpty() ? first : match.captured(2).toInt() - first + 1;
-    return length <= kLargestElement + 1 ? std::max(0, length) : 0;
+        return {0, 0};
+    const qint64 number = match.captured(1).toLongLong();
+    if (match.captured(2).isEmpty())
+        return {0, number};
+    return {number, match.captured(2).toLongLong() - number + 1};
+}
+
+// Reads the length into `variable`. Returns why it is none, or an empty text.
+QString problemOfDimension(const QString& text, const Dimension& dimension, Variable& variable)
+{
+    if (dimension.length < 1)
+        return QStringLiteral("the dimension \"%1\" is not one run of elements").arg(text);
+    if (dimension.length > kLargestElement + 1)
+        return QStringLiteral("the dimension \"%1\" is too long (at most %2 elements)")
+            .arg(text)
+            .arg(kLargestElement + 1);
+    variable.length = static_cast<int>(dimension.length);
+    return QString();
 }
 
 // Reads a line into `variable`. Returns why it cannot be read, or an empty text.
 QString problemOf(const QStringList& fields, const Columns& columns, Variable& variable)
 {
     const QString type = fields.value(columns.type).trimmed().toUpper();
-    const QString dimension = columns.dimension < 0 ? QString() : fields.value(columns.dimension);
-    variable.length = lengthOf(dimension.trimmed());
     if (variable.name.size() > kLongestTag)
         return QStringLiteral("a name has at most %1 characters").arg(kLongestTag);
     if (!isPlain(variable.name))
         return QStringLiteral("is not a tag (letters, digits and signs without blanks)");
-    if (variable.length == 0)
-        return QStringLiteral("the dimension \"%1\" is not one run of elements").arg(dimension);
+    const QString text = fields.value(columns.dimension).trimmed();
+    const QString problem = problemOfDimension(text, dimensionOf(text), variable);
+    if (!problem.isEmpty())
+        return problem;
     const bool untyped = type == QLatin1String("STRING"); // on the wire it may be one of several
     for (const CipType& known : cipTypes()) {
         if (!untyped && type == QLatin1String(known.name))
@@ -263,17 +283,26 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
         const QStringList fields = reader.fields();
         Variable variable;
         variable.name = variable.tag = fields.value(columns.name).trimmed();
-        if (variable.name.isEmpty())
+        const QString place = QStringLiteral("line %1: ").arg(line);
+        if (variable.name.isEmpty()) {
+            if (!fields.join(QString()).trimmed().isEmpty())
+                list.ignored += place + QStringLiteral("has no name (left out)");
             continue;
+        }
         QString problem = problemOf(fields, columns, variable);
         if (names.contains(variable.name))
             problem = QStringLiteral("is listed twice");
         names.insert(variable.name);
-        if (problem.isEmpty())
-            list.variables.append(variable);
-        else
-            list.ignored += QStringLiteral("line %1: %2: %3 (left out)")
-                                .arg(QString::number(line), variable.name, problem);
+        if (!problem.isEmpty()) {
+            list.ignored += place + variable.name + QStringLiteral(": ") + problem +
+                            QStringLiteral(" (left out)");
+            continue;
+        }
+        list.variables.append(variable);
+        const qint64 first = dimensionOf(fields.value(columns.dimension).trimmed()).first;
+        if (first != 0)
+            list.notes += place + variable.name +
+                          QStringLiteral(": index %1 of the program is element 0 here").arg(first);
     }
     return list;
 }

@@ -14,6 +14,9 @@ struct VariableList
     /// The lines without a readable variable, each with the reason: "line 7: MyTimer: ... (left
     /// out)"; before them, the first line that is not UTF-8.
     QStringList ignored;
+    /// What is different in the program of the controller: "line 3: A: index 1 of the program is
+    /// element 0 here".
+    QStringList notes;
 
     /// Reads a file of at most 16 MiB as fromBytes() does.
     static VariableList fromFile(const QString& path);

@@ -213,9 +213,11 @@ QString csvField(const QString& text)
 
 std::unique_ptr<Recorder> Recorder::csv(const QString& path, const Note& note)
 {
-    if (path != QLatin1String("-"))
-        return std::make_unique<CsvRecorder>(
-            OutputFile::open(QFile::encodeName(path).toStdString()), true, note);
+    if (path != QLatin1String("-")) {
+        const std::string name = QFile::encodeName(path).toStdString();
+        requireFile(name, "name a file, or - for standard output");
+        return std::make_unique<CsvRecorder>(OutputFile::open(name), true, note);
+    }
     const int descriptor = ::dup(STDOUT_FILENO);
     if (descriptor < 0)
         failToWrite("standard output", errno);

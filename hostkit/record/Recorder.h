@@ -25,13 +25,13 @@ public:
     /// text with control characters, or that a spreadsheet would take for a formula, is in its
     /// shown form in double quotes, with escapes. A last row that was cut short is removed, after
     /// `note` is told of it. Throws UserError for a file that cannot be written or has another
-    /// heading.
+    /// heading, and for a device or a pipe.
     static std::unique_ptr<Recorder> csv(const QString& path, const Note& note = nullptr);
     /// The table "samples" of an SQLite database. A number is an INTEGER or a REAL whatever its
     /// type, true is 1, NULL is only for a value that was never read. Unsigned numbers beyond
     /// 9223372036854775807 are text of 20 digits, what is not a number is the text "nan". Rows of
     /// an earlier version are converted; `note` is told before, because that takes some seconds
-    /// for a million rows. Throws UserError as well.
+    /// for a million rows. Throws UserError as well, and for a database that is cut short.
     static std::unique_ptr<Recorder> sqlite(const QString& path, const Note& note = nullptr);
 };
 

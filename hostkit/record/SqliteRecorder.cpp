@@ -1,9 +1,10 @@
 #include "Recorder.h"
 
 #include "Elements.h"
+#include "OutputFile.h"
 #include "SqliteTable.h"
-#include "UserError.h"
 
+#include <QtCore/QFile>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlDatabase>
 #include <QtSql/QSqlError>
@@ -72,12 +73,14 @@ public:
     SqliteRecorder(const QString& path, const Note& note)
         : m_path(path), m_database(QSqlDatabase::database(kConnection, false))
     {
+        requireFile(QFile::encodeName(path).toStdString(), "name a file");
         m_database.setDatabaseName(path);
         if (!m_database.isValid())
             throw UserError(path.toStdString() +
                             ": Qt's SQLite driver is missing (install libqt5sql5-sqlite)");
         if (!m_database.open())
             fail(m_database.lastError());
+        requireWhole(m_database, path);
         prepareSamples(m_database, path, note);
         m_insert = QSqlQuery(m_database);
         if (!m_insert.prepare(kInsert))

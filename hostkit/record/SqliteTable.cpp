@@ -3,6 +3,8 @@
 #include "CipType.h"
 #include "UserError.h"
 
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
 #include <QtCore/QVariant>
@@ -16,6 +18,8 @@ namespace {
 // The version of the rows, which the database keeps as its user_version. In version 0 unsigned
 // numbers, bits and booleans were text, dates were numbers as text, and an empty text was NULL.
 const int kVersion = 1;
+
+const int kCorrupt = 11; // the library's code
 
 // The column of the value declares no type, so that numbers stay numbers.
 const char kCreate[] = "CREATE TABLE samples (time TEXT, name TEXT, station INTEGER, tag TEXT, "
@@ -179,7 +183,68 @@ void refuseOtherTables(const Asker& asker, int version, const QStringList& found
     }
 }
 
+// The only answer of a query.
+QString textOf(QSqlQuery& query, const QString& statement)
+{
+    return query.exec(statement) && query.next() ? query.value(0).toString() : QString();
+}
+
+qint64 bigEndian(const QByteArray& bytes)
+{
+    qint64 number = 0;
+    for (const char byte : bytes)
+        number = number << 8 | static_cast<quint8>(byte);
+    return number;
+}
+
+// The size that a database has after its own heading; 0 if it has no heading.
+qint64 sizeByHeading(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray heading = file.read(32);
+    if (heading.size() < 32 || !heading.startsWith("SQLite format 3"))
+        return 0;
+    const qint64 pageSize = bigEndian(heading.mid(16, 2));
+    return bigEndian(heading.mid(28, 4)) * (pageSize == 1 ? 65536 : pageSize);
+}
+
+void requireSize(const QString& path, qint64 whole)
+{
+    const qint64 size = QFileInfo(path).size();
+    if (size < whole)
+        throw UserError(
+            QStringLiteral("%1: is cut: %2 of %3 bytes (restore it, or name a new file)")
+                .arg(path, QString::number(size), QString::number(whole))
+                .toStdString());
+}
+
 } // namespace
+
+void requireWhole(QSqlDatabase& database, const QString& path)
+{
+    // The transaction reads only. While it lasts, no other program changes the file.
+    QSqlQuery query(database);
+    if (!query.exec(QStringLiteral("BEGIN")))
+        failToWrite(path, query.lastError());
+    const bool known = query.exec(QStringLiteral("PRAGMA page_count")) && query.next();
+    if (!known) {
+        const QSqlError error = query.lastError();
+        query.exec(QStringLiteral("ROLLBACK"));
+        // The library itself notices that whole pages are missing.
+        if (error.nativeErrorCode().toInt() == kCorrupt)
+            requireSize(path, sizeByHeading(path));
+        failToWrite(path, error);
+    }
+    const qint64 pages = query.value(0).toLongLong();
+    // In this mode pages are also in a file beside the database.
+    const QString mode = textOf(query, QStringLiteral("PRAGMA journal_mode"));
+    const qint64 pageSize = textOf(query, QStringLiteral("PRAGMA page_size")).toLongLong();
+    if (mode != QLatin1String("wal"))
+        requireSize(path, pages * pageSize);
+    query.exec(QStringLiteral("COMMIT"));
+}
 
 void failToWrite(const QString& path, const QSqlError& error)
 {

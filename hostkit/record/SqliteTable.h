@@ -12,6 +12,9 @@ namespace micro850::host {
 /// another program is at fault, 2 when the name is.
 [[noreturn]] void failToWrite(const QString& path, const QSqlError& error);
 
+/// Throws UserError if the file of an open database is shorter than the database. Reads only.
+void requireWhole(QSqlDatabase& database, const QString& path);
+
 /// Makes the table "samples" of an open database ready for rows: creates it, or converts the rows
 /// of an earlier version in one transaction. Throws UserError without a change to the database when
 /// it cannot be written, when the table is another program's, and when a later version wrote it.

@@ -39,7 +39,10 @@ bool isDevice(const QString& path)
 QString reasonOf(const QString& name, const QSerialPort& port)
 {
     const QString device = devicePath(name);
-    if (!QFileInfo::exists(device))
+    const QFileInfo link(device);
+    if (link.isSymLink() && !link.exists())
+        return QStringLiteral("the link leads nowhere: %1 is gone").arg(link.symLinkTarget());
+    if (!link.exists())
         return name.startsWith('/')
                    ? QStringLiteral("there is no such device")
                    : QStringLiteral("there is no such device in this folder or in /dev");

@@ -3,6 +3,7 @@
 #include "FrameText.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace micro850::host {
 
@@ -55,6 +56,10 @@ void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& 
     case ReplyCollector::Kind::Ack: // comes before every request
         return;
     case ReplyCollector::Kind::Nak:
+        // Without a corrupt reply the host sends it when it has waited long enough.
+        m_openIsRepeated = m_openIsRepeated || (sent && m_corrupt == m_corruptBefore);
+        handled.text = controlText(event.kind);
+        break;
     case ReplyCollector::Kind::Enq:
         handled.text = controlText(event.kind);
         break;
@@ -68,6 +73,7 @@ void TraceReport::handleRequest(TraceEvent& event)
         event.kind = TraceEvent::Kind::Repetition;
         event.text += QStringLiteral(" (again)");
         ++m_repetitions;
+        m_openIsRepeated = true;
         return;
     }
     closeUnanswered();
@@ -76,6 +82,8 @@ void TraceReport::handleRequest(TraceEvent& event)
     m_open = decodeRequest(event.data);
     m_openData = event.data;
     m_openSince = event.microseconds;
+    m_openIsRepeated = false;
+    m_corruptBefore = m_corrupt;
 }
 
 void TraceReport::handleReply(TraceEvent& event)
@@ -109,6 +117,8 @@ void TraceReport::closeUnanswered()
 
 void TraceReport::finish()
 {
+    if (m_open.valid && !m_openIsRepeated)
+        m_openAtEnd = requestText(std::exchange(m_open, Request()));
     closeUnanswered();
 }
 
@@ -147,6 +157,8 @@ QStringList TraceReport::statistics() const
             .arg(m_corrupt),
         QStringLiteral("round trip: median %1, 99 % within %2, longest %3")
             .arg(msText(roundTripMs(50)), msText(roundTripMs(99)), msText(roundTripMs(100)))};
+    if (!m_openAtEnd.isEmpty())
+        lines.insert(1, QStringLiteral("1 not answered when the trace ends: ") + m_openAtEnd);
     int most = 0;
     for (const RoundTripClass& part : histogram())
         most = std::max(most, part.answers);

@@ -37,13 +37,17 @@ public:
     /// Adds a record. Call it in the order of the trace. Returns the frames and link controls that
     /// end with this record.
     QVector<TraceEvent> add(const TraceRecord& record);
-    /// Call it after the last record: a request that is still open has no answer.
+    /// Call it after the last record. The recording may have ended before the answer to a request
+    /// that is still open. It has failed only if it, or its reply, was asked for again.
     void finish();
 
     int requests() const { return m_requests; }
     int repetitions() const { return m_repetitions; }
     int answered() const { return m_roundTrips.size(); }
     int unanswered() const { return m_unanswered; }
+    /// The request that was not answered when the trace ended, such as "read Level[3] x1"; else
+    /// empty. It counts as a request only.
+    const QString& openAtEnd() const { return m_openAtEnd; }
     int stray() const { return m_stray; }
     int corrupt() const { return m_corrupt; }
     /// Requests without an answer, or refused, and how often: "read Level[3] x1: no answer".
@@ -71,6 +75,9 @@ private:
     QMap<QString, int> m_statuses;
     Request m_open;
     qint64 m_openSince = 0;
+    bool m_openIsRepeated = false;
+    int m_corruptBefore = 0;
+    QString m_openAtEnd;
     QByteArray m_openData;
     int m_unanswered = 0;
     int m_requests = 0;

@@ -181,8 +181,9 @@ TEST_F(FullDisk, ForALogEndsItWithOneLine)
     project();
     const QString log = "$HOST log p.json --port $PORT --quiet --seconds 600 --interval 0.01 ";
     const Result device = shell(log + "--csv /dev/full");
-    EXPECT_EQ(device.status, 1);
-    EXPECT_EQ(device.err, std::string("micro850-host: /dev/full: ") + kNoSpace);
+    EXPECT_EQ(device.status, 2);
+    EXPECT_EQ(device.err, "micro850-host: /dev/full: is a pipe or a device (name a file, or - for "
+                          "standard output)\n");
     const Result output = shell(log + "--csv - >/dev/full");
     EXPECT_EQ(output.status, 1);
     EXPECT_EQ(output.err, std::string("micro850-host: standard output: ") + kNoSpace);

@@ -91,4 +91,14 @@ TEST_F(HostImport, RefusesWhatIsNoListAndSaysWhy)
               "micro850-host: wide.csv: is UTF-16 (save the list as CSV UTF-8)\n");
 }
 
+TEST_F(HostImport, NotesAnArrayWhoseFirstIndexIsAnother)
+{
+    const QString list = file("v.csv", "Name;Type;Dimension\nArr1;DINT;[1..10]\n");
+    const Result result = host({"import", list});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.out.find(R"({"tag":"Arr1","type":"DINT","length":10})"), std::string::npos);
+    EXPECT_EQ(result.err, "micro850-host: " + list.toStdString() +
+                              ": line 2: Arr1: index 1 of the program is element 0 here\n");
+}
+
 } // namespace

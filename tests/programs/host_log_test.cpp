@@ -305,4 +305,12 @@ print(rows.execute("SELECT count(*) FROM samples").fetchone()[0]))",
     EXPECT_EQ(atoi(rows().c_str()), before + 3);
 }
 
+TEST_F(HostLog, CountsOneRowAsOne)
+{
+    simulate();
+    const Result result =
+        host({"log", project(), "--match", "Speed", "--csv", path("v.csv"), "--seconds", "1"});
+    EXPECT_NE(result.err.find("v.csv: 1 row written\n"), std::string::npos) << result.err;
+}
+
 } // namespace

@@ -20,7 +20,8 @@ TEST_F(HostPort, OfABareNameIsLookedForInTheCurrentFolder)
 TEST_F(HostPort, OfAProjectIsLookedForInTheCurrentFolderToo)
 {
     simulate();
-    const QString project = file("p.json", R"({"port": {"device": "plc"}, "variables": [{"tag": "Speed"}]})");
+    const QString project =
+        file("p.json", R"({"port": {"device": "plc"}, "variables": [{"tag": "Speed"}]})");
     const Result result = host({"read", "Speed", "--project", project});
     EXPECT_EQ(result.out, "Speed = 1234\n") << result.err;
 }
@@ -45,6 +46,17 @@ TEST_F(HostPort, ThatIsMissingOrNoDeviceIsReported)
     const Result notes = host({"read", "Speed", "--port", "notes"});
     EXPECT_EQ(notes.err, "micro850-host: notes: cannot be opened: it is not a device (choose the "
                          "port with --port)\n");
+}
+
+// Such a link is left when a simulator is killed.
+TEST_F(HostPort, ThatIsALinkToNothingIsReportedWithWhereItLed)
+{
+    ASSERT_TRUE(QFile::link(path("gone"), path("dead")));
+    const Result result = host({"read", "Speed", "--port", "dead"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "micro850-host: dead: cannot be opened: the link leads nowhere: " +
+                              path("gone").toStdString() +
+                              " is gone (choose the port with --port)\n");
 }
 
 } // namespace

@@ -196,4 +196,28 @@ TEST_F(HostTrace, ShowsTimesAfterTheYear2106)
     EXPECT_EQ(result.out.find("2106-02-07T06:28:16.000Z > "), 0u) << result.out;
 }
 
+TEST_F(HostTrace, ThatEndsWithARequestDoesNotBlameTheController)
+{
+    simulate();
+    hostOnPort({"read", "Speed", "--trace", path("t.txt")});
+    QStringList lines = linesOf(textOf("t.txt"));
+    while (!lines.isEmpty() && !lines.last().contains(" > "))
+        lines.removeLast();
+    if (lines.last().count(' ') < 10)
+        lines.removeLast(); // an acknowledgement
+    while (!lines.last().contains(" > "))
+        lines.removeLast();
+    file("t.txt", lines.join('\n').toStdString() + '\n');
+    const Result text = host({"trace", path("t.txt"), "--summary"});
+    EXPECT_NE(text.out.find("requests 5, answered 4, without an answer 0, "), std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("\n1 not answered when the trace ends: close connection\n"),
+              std::string::npos)
+        << text.out;
+    EXPECT_EQ(text.out.find("failed"), std::string::npos) << text.out;
+    const Result json = host({"trace", path("t.txt"), "--summary", "--json"});
+    EXPECT_NE(json.out.find(R"("answered":4,"unanswered":0,"openAtEnd":1,)"), std::string::npos)
+        << json.out;
+}
+
 } // namespace

@@ -157,5 +157,28 @@ TEST(TagTable, MotionReachesTheLargestAndSmallestValueOfAType)
     EXPECT_EQ(at("LREAL", R"("min": 0, "max": 1e-320)", 1), "1e-320");
 }
 
+TEST(TagTable, StoresATextWithOneByteACharacter)
+{
+    const TagTable table = tagTableOf("{\"name\": \"T\", \"type\": \"SHORT_STRING\", \"value\": "
+                                      "\"Gr\xC3\xB6\xC3\x9F\x65 \\u00ff\\u0080~\"}");
+    EXPECT_EQ(text(table.find("T")->elements[0]), "09 47 72 F6 DF 65 20 FF 80 7E");
+}
+
+TEST(TagTable, RefusesATextWithACharacterThatHasNoByte)
+{
+    const auto complaint = [](const char* value) {
+        return complaintAbout(
+            std::string(R"({"name": "T", "type": "SHORT_STRING", "length": 2, )") +
+            R"("value": ["ok", ")" + value + R"("]})");
+    };
+    const std::string why = " has a character that a text of the controller cannot hold (U+0000 to "
+                            "U+00FF)";
+    EXPECT_EQ(complaint("5 \xE2\x82\xAC"),
+              "plant.json: tags[0].value[1]: \"5 \xE2\x82\xAC\"" + why);
+    EXPECT_EQ(complaint("\xC4\x80"), "plant.json: tags[0].value[1]: \"\xC4\x80\"" + why);
+    EXPECT_EQ(complaint("\xF0\x9F\x99\x82"),
+              "plant.json: tags[0].value[1]: \"\xF0\x9F\x99\x82\"" + why);
+}
+
 } // namespace
 } // namespace micro850::sim

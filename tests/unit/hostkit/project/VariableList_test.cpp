@@ -175,3 +175,47 @@ TEST(VariableList, RefusesAListThatIsTooLarge)
     EXPECT_EQ(VariableList::fromBytes(list, "v.csv").variables.size(), 1);
     EXPECT_EQ(complaintAbout(list + '\n'), "v.csv: is larger than 16 MiB (export fewer variables)");
 }
+
+TEST(VariableList, TellsOfAnArrayWhoseFirstIndexIsAnother)
+{
+    const VariableList list = listOf("Name;Type;Dimension\n"
+                                     "Zero;DINT;[0..9]\n"
+                                     "One;DINT;[1..10]\n"
+                                     "Ten;DINT;10\n"
+                                     "Far;DINT;65535..65535\n");
+    ASSERT_EQ(list.variables.size(), 4);
+    EXPECT_EQ(list.variables.at(1).element, 0);
+    EXPECT_EQ(list.variables.at(1).length, 10);
+    EXPECT_TRUE(list.ignored.isEmpty());
+    EXPECT_EQ(list.notes,
+              (QStringList{"line 3: One: index 1 of the program is element 0 here",
+                           "line 5: Far: index 65535 of the program is element 0 here"}));
+}
+
+TEST(VariableList, IgnoresAnArrayThatIsTooLongAndSaysSo)
+{
+    const VariableList list = listOf("Name;Type;Dimension\n"
+                                     "Longest;INT;[0..65535]\n"
+                                     "A;INT;[0..65536]\n"
+                                     "B;INT;[0..99999]\n"
+                                     "C;INT;9999999999\n"
+                                     "D;INT;0\n");
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.variables.first().length, 65536);
+    const QString tooLong = "\" is too long (at most 65536 elements) (left out)";
+    EXPECT_EQ(
+        list.ignored,
+        (QStringList{"line 3: A: the dimension \"[0..65536]" + tooLong,
+                     "line 4: B: the dimension \"[0..99999]" + tooLong,
+                     "line 5: C: the dimension \"9999999999" + tooLong,
+                     "line 6: D: the dimension \"0\" is not one run of elements (left out)"}));
+    EXPECT_TRUE(list.notes.isEmpty());
+}
+
+TEST(VariableList, ReportsALineWithoutANameUnlessItIsEmpty)
+{
+    const VariableList list = listOf("Name;Type;Comment\n;INT;\n;;\n  ; ;\n\n;;pump\nA;INT;\n");
+    EXPECT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.ignored,
+              (QStringList{"line 2: has no name (left out)", "line 6: has no name (left out)"}));
+}

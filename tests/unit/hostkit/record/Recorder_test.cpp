@@ -13,6 +13,7 @@
 
 #include <cmath>
 #include <csignal>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -466,4 +467,53 @@ int main(int argc, char** argv)
     ::testing::InitGoogleTest(&argc, argv);
     QCoreApplication application(argc, argv); // through it Qt SQL finds its driver
     return RUN_ALL_TESTS();
+}
+
+// Other programs open such a database, and a later change to it may take what is left.
+TEST_F(RecorderTest, RefusesADatabaseThatIsCutAndLeavesItUnchanged)
+{
+    Recorder::sqlite(path("v.db"))->add(sample("A", CipValue::ofSigned(1)));
+    const std::string whole = text("v.db");
+    ASSERT_EQ(whole.size(), 8192u);
+    for (const std::size_t size : {8191u, 6000u, 4097u, 4096u, 512u, 100u}) {
+        write("v.db", whole.substr(0, size));
+        EXPECT_EQ(complaint([this] { Recorder::sqlite(path("v.db")); }),
+                  path("v.db").toStdString() + ": is cut: " + std::to_string(size) +
+                      " of 8192 bytes (restore it, or name a new file)");
+        EXPECT_EQ(text("v.db"), whole.substr(0, size));
+    }
+    write("v.db", whole);
+    Recorder::sqlite(path("v.db"))->add(sample("B", CipValue::ofSigned(2)));
+    EXPECT_EQ(query("v.db", "SELECT count(*) FROM samples"), std::vector<std::string>{"2"});
+}
+
+TEST_F(RecorderTest, GoesOnWithADatabaseWhosePagesAreStillBesideIt)
+{
+    Recorder::sqlite(path("v.db"))->add(sample("A", CipValue::ofSigned(1)));
+    query("v.db", "PRAGMA journal_mode = wal");
+    sqlite3* other = nullptr; // while it is open, the pages stay beside the database
+    ASSERT_EQ(sqlite3_open(path("v.db").toUtf8().constData(), &other), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(other,
+                           "CREATE TABLE notes (note); INSERT INTO notes VALUES (zeroblob(50000))",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    EXPECT_EQ(text("v.db").size(), 8192u);
+    EXPECT_EQ(complaint([this] {
+                  Recorder::sqlite(path("v.db"))->add(sample("B", CipValue::ofSigned(2)));
+              }),
+              "none");
+    sqlite3_close(other);
+    EXPECT_EQ(query("v.db", "SELECT count(*) FROM samples"), std::vector<std::string>{"2"});
+}
+
+TEST_F(RecorderTest, RefusesDevicesAndPipes)
+{
+    ASSERT_EQ(::mkfifo(path("pipe").toLocal8Bit().constData(), 0600), 0);
+    for (const QString& name : {QStringLiteral("/dev/null"), path("pipe")}) {
+        const std::string why = name.toStdString() + ": is a pipe or a device (name a file";
+        EXPECT_EQ(complaint([&] { Recorder::csv(name); }), why + ", or - for standard output)");
+        EXPECT_EQ(complaint([&] { Recorder::sqlite(name); }), why + ")");
+    }
+    EXPECT_EQ(complaint([this] { Recorder::sqlite(path(".")); }),
+              path(".").toStdString() + ": is a directory (name a file)");
 }

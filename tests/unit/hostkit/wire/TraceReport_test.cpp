@@ -87,11 +87,39 @@ TEST_F(TraceReportTest, ListsFailedRequestsAndWhy)
     request(2, 100);
     reply(2, 101, 0x05);
     request(3, 200);
+    request(4, 300);
+    reply(4, 301);
     report.finish();
     EXPECT_EQ(report.unanswered(), 2);
+    EXPECT_EQ(report.openAtEnd(), QString());
     EXPECT_EQ(report.statuses().value("05"), 1);
     EXPECT_EQ(report.failures().value("identity: no answer"), 2);
     EXPECT_EQ(report.failures().value("identity: path destination unknown (status 05)"), 1);
+}
+
+// Nobody knows whether its answer came after the recording.
+TEST_F(TraceReportTest, CountsARequestAtTheEndApartFromThoseThatFailed)
+{
+    request(1, 0);
+    request(2, 100);
+    request(2, 200);
+    reply(2, 210);
+    request(3, 300);
+    report.finish();
+    EXPECT_EQ(report.requests(), 3);
+    EXPECT_EQ(report.unanswered(), 1);
+    EXPECT_EQ(report.openAtEnd(), QString("identity"));
+    EXPECT_EQ(report.failures().value("identity: no answer"), 1);
+    EXPECT_EQ(report.statistics().at(1), QString("1 not answered when the trace ends: identity"));
+}
+
+TEST_F(TraceReportTest, CountsARequestAtTheEndAsFailedWhenItWasRepeated)
+{
+    request(1, 0);
+    request(1, 100);
+    report.finish();
+    EXPECT_EQ(report.unanswered(), 1);
+    EXPECT_EQ(report.openAtEnd(), QString());
 }
 
 TEST_F(TraceReportTest, CountsCorruptFramesAndFramesThatAreCutIntoPieces)
