@@ -129,11 +129,26 @@ std::int64_t parseTime(const CipType& type, const std::string& text)
     return *microseconds / perUnit;
 }
 
+template<typename Real> std::string realText(Real value)
+{
+    if (std::isnan(value))
+        return "nan"; // whatever its sign
+    std::array<char, 64> text{};
+    const auto result = std::to_chars(text.data(), text.data() + text.size(), value);
+    return {text.data(), result.ptr};
+}
+
 template<typename Real> Real parseReal(const CipType& type, const std::string& text)
 {
     Real value{};
     const char* last = text.data() + text.size();
     const auto result = std::from_chars(text.data(), last, value);
+    if (!text.empty() && result.ec == std::errc::result_out_of_range && result.ptr == last) {
+        using Limits = std::numeric_limits<Real>;
+        throw UserError(inQuotes(text) + " is out of range for type " + type.name + " (" +
+                        realText(Limits::lowest()) + " to " + realText(Limits::max()) +
+                        ", and 0 or not nearer to 0 than " + realText(Limits::denorm_min()) + ")");
+    }
     if (text.empty() || result.ec != std::errc() || result.ptr != last)
         refuse(type, text, "a number such as 1.5 or -2e10");
     return std::isnan(value) ? std::numeric_limits<Real>::quiet_NaN() : value;
@@ -149,15 +164,6 @@ bool parseBoolean(const CipType& type, const std::string& text)
 }
 
 // ---- To text and wire bytes ---------------------------------------------------------------------
-
-template<typename Real> std::string realText(Real value)
-{
-    if (std::isnan(value))
-        return "nan"; // whatever its sign
-    std::array<char, 64> text{};
-    const auto result = std::to_chars(text.data(), text.data() + text.size(), value);
-    return {text.data(), result.ptr};
-}
 
 // The number that the digits of a REAL describe: 0.1, and not 0.100000001490116, which is what 0.1f
 // becomes when it is widened.

@@ -20,6 +20,9 @@ const int kDigitsOfReal = 6;
 const int kDigitsOfWideReal = 14;
 const int kDigitsOfWholeNumber = 9;
 const int kMostDigits = 17;
+// Scaled numbers are computed as doubles. Those of the next whole number and above may have been
+// rounded to it.
+const double kMostExact = 9007199254740991;
 
 bool isWideReal(const CipType& type)
 {
@@ -79,6 +82,44 @@ std::optional<CipValue> nearestValue(const CipType& type, double number)
         return std::nullopt;
     return type.kind == CipKind::Signed ? CipValue::ofSigned(static_cast<std::int64_t>(whole))
                                         : CipValue::ofUnsigned(static_cast<std::uint64_t>(whole));
+}
+
+bool isWideWholeNumber(const CipType& type)
+{
+    return type.kind != CipKind::Real && type.size == 8;
+}
+
+bool isExact(double number)
+{
+    return std::abs(number) <= kMostExact;
+}
+
+// The digits of a decimal number from the first to the last that is not 0, and the power of ten of
+// the first.
+std::pair<QString, long long> decimalOf(const QString& text)
+{
+    const int e = text.indexOf('e', 0, Qt::CaseInsensitive);
+    QString digits = text.left(e);
+    digits.remove('-');
+    const int point = digits.indexOf('.');
+    const int whole = point < 0 ? digits.size() : point;
+    digits.remove('.');
+    int first = 0;
+    while (first < digits.size() && digits.at(first) == '0')
+        ++first;
+    while (digits.endsWith('0'))
+        digits.chop(1);
+    if (digits.isEmpty())
+        return {QString(), 0};
+    const long long exponent = e < 0 ? 0 : text.mid(e + 1).toLongLong();
+    return {digits.mid(first), exponent + whole - 1 - first};
+}
+
+// True when a real number is shown as another number than the text's.
+bool isRoundedReal(const CipType& type, const CipValue& value, const QString& text)
+{
+    return type.kind == CipKind::Real && std::isfinite(value.number()) &&
+           decimalOf(text) != decimalOf(valueText(value));
 }
 
 std::optional<double> finiteNumber(const QString& text)
@@ -151,30 +192,37 @@ QString Scaling::text(const CipType& type, const CipValue& value) const
 
 StoredValue Scaling::stored(const CipType& type, const QString& text) const
 {
-    if (!scales(type))
-        return {parseElement(type, text), false};
+    if (!scales(type)) {
+        const CipValue value = parseElement(type, text);
+        return {value, isRoundedReal(type, value, text)};
+    }
     const std::optional<double> number = finiteNumber(text);
     const std::optional<CipValue> value =
         number ? nearestValue(type, (*number - m_offset) / m_gain) : std::nullopt;
-    if (!value)
+    const bool inexact =
+        value && isWideWholeNumber(type) && !(isExact(*number) && isExact(value->number()));
+    if (!value || inexact)
         refuse(type, text);
-    const bool whole = type.kind != CipKind::Real;
-    return {*value, whole && shownNumber(type, *value) != *number};
+    return {*value, shownNumber(type, *value) != *number};
 }
 
 void Scaling::refuse(const CipType& type, const QString& text) const
 {
-    QString allowed = QStringLiteral("a number such as 1.5 or -2e10");
-    if (!isWideReal(type)) {
-        const int digits = type.kind == CipKind::Real ? kDigitsOfReal : kDigitsOfWideReal;
-        const auto shown = [&](double limit) {
-            const double number = limit * m_gain + m_offset;
-            return roundedTo(number, std::max(std::abs(number), std::abs(m_offset)), digits);
-        };
-        const auto [least, most] = rangeOf(type);
-        allowed = numberText(std::min(shown(least), shown(most))) + QStringLiteral(" to ") +
-                  numberText(std::max(shown(least), shown(most)));
-    }
+    const bool wide = isWideWholeNumber(type);
+    const int digits = type.kind == CipKind::Real && !isWideReal(type) ? kDigitsOfReal
+                       : wide                                          ? kMostDigits
+                                                                       : kDigitsOfWideReal;
+    const double most = wide ? kMostExact : std::numeric_limits<double>::max();
+    const auto shown = [&](double limit) {
+        const double number =
+            std::clamp(std::clamp(limit, -most, most) * m_gain + m_offset, -most, most);
+        return roundedTo(number, std::max(std::abs(number), std::abs(m_offset)), digits);
+    };
+    const auto [first, last] = rangeOf(type);
+    QString allowed = numberText(std::min(shown(first), shown(last))) + QStringLiteral(" to ") +
+                      numberText(std::max(shown(first), shown(last)));
+    if (wide)
+        allowed += QStringLiteral("; write the controller's own number with --raw for others");
     throw UserError((QStringLiteral("\"%1\" is not a value of type %2 with gain %3 and offset %4 "
                                     "(%5)")
                          .arg(text, QLatin1String(type.name), numberText(m_gain),
@@ -184,8 +232,9 @@ void Scaling::refuse(const CipType& type, const QString& text) const
 
 QString Scaling::roundingNote(const CipType& type, const QString& text, const CipValue& value) const
 {
-    return QStringLiteral("%1 is stored as %2, which is %3")
-        .arg(text, valueText(value), Scaling::text(type, value));
+    const QString stored = QStringLiteral("%1 is stored as %2").arg(text, valueText(value));
+    return scales(type) ? stored + QStringLiteral(", which is ") + Scaling::text(type, value)
+                        : stored;
 }
 
 } // namespace micro850::host

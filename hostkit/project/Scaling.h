@@ -10,7 +10,7 @@ namespace micro850::host {
 struct StoredValue
 {
     CipValue value;
-    /// True when a whole number had to be rounded, so that it is shown differently from the text.
+    /// True when the number had to be rounded, so that another one is shown than the text's.
     bool rounded = false;
 };
 
@@ -38,9 +38,10 @@ public:
     /// The same for people: durations as ISO 8601 as well, unless the scaling is raw.
     QString text(const CipType& type, const CipValue& value) const;
 
-    /// The controller's value that a user's text describes. text() of it is the text that was
-    /// given, unless it was rounded. Throws UserError for a text that is no value of the type, and
-    /// for one outside of its range, which it names as the user sees it.
+    /// The controller's value that a user's text describes. text() of it is the number that
+    /// was given, unless it was rounded. Throws UserError for a text that is no value of the type,
+    /// and for one outside of its range, which it names as the user sees it. The range of a scaled
+    /// integer ends where numbers are no longer exact.
     StoredValue stored(const CipType& type, const QString& text) const;
     /// "68.3 is stored as 20, which is 68", of a text that was rounded.
     QString roundingNote(const CipType& type, const QString& text, const CipValue& value) const;

@@ -130,5 +130,23 @@ TEST(CipValue, StaysNotANumberWhateverItsSign)
     }
 }
 
+TEST(CipValue, NamesTheLimitsOfARealThatIsOutOfRange)
+{
+    for (const char* text : {"1e39", "-1e39", "1e-60"})
+        EXPECT_EQ(refusalOf("REAL", text),
+                  '"' + std::string(text) +
+                      "\" is out of range for type REAL (-3.4028235e+38 to 3.4028235e+38, and 0 or "
+                      "not nearer to 0 than 1e-45)");
+    for (const char* text : {"1e400", "-1e-400"})
+        EXPECT_EQ(refusalOf("LREAL", text),
+                  '"' + std::string(text) +
+                      "\" is out of range for type LREAL (-1.7976931348623157e+308 to "
+                      "1.7976931348623157e+308, and 0 or not nearer to 0 than 5e-324)");
+    EXPECT_EQ(bytesOf("REAL", "3.4028235e38"), (Bytes{0xFF, 0xFF, 0x7F, 0x7F}));
+    EXPECT_EQ(bytesOf("REAL", "1e-45"), (Bytes{1, 0, 0, 0}));
+    EXPECT_EQ(refusalOf("REAL", "1e39x"),
+              "\"1e39x\" is not a value of type REAL (a number such as 1.5 or -2e10)");
+}
+
 } // namespace
 } // namespace micro850

@@ -86,7 +86,56 @@ TEST(Scaling, RefusesWhatTheTypeCannotHoldWithTheRangeThatTheUserSees)
               "(-3.40282e+39 to 3.40282e+39)");
     EXPECT_EQ(stored(Scaling(0.1, 0), "LREAL", "1e308"),
               "\"1e308\" is not a value of type LREAL with gain 0.1 and offset 0 "
-              "(a number such as 1.5 or -2e10)");
+              "(-1.7976931348623e+307 to 1.7976931348623e+307)");
+}
+
+// 2^53 - 1 is the last whole number that no other one is rounded to.
+TEST(Scaling, RefusesScaledIntegersThatAreNotExact)
+{
+    const Scaling offset(1, 1);
+    EXPECT_EQ(stored(offset, "LINT", "9007199254740991"), "9007199254740990");
+    EXPECT_EQ(stored(offset, "LINT", "-9007199254740990"), "-9007199254740991");
+    for (const char* text : {"9007199254740992", "9007199254740993", "9007199254740994",
+                             "-9007199254740991", "-9007199254740993", "9223372036854775807"})
+        EXPECT_EQ(stored(offset, "LINT", text),
+                  '"' + std::string(text) +
+                      "\" is not a value of type LINT with gain 1 and offset 1 (-9007199254740990 "
+                      "to 9007199254740991; write the controller's own number with --raw for "
+                      "others)");
+    EXPECT_EQ(stored(Scaling(2, 0), "ULINT", "9007199254740990"), "4503599627370495");
+    EXPECT_EQ(stored(Scaling(2, 0), "ULINT", "9007199254740994").front(), '"');
+    EXPECT_EQ(stored(Scaling(0.5, 0), "ULINT", "4503599627370495.5"), "9007199254740991");
+    EXPECT_EQ(stored(Scaling(0.5, 0), "ULINT", "4503599627370496").front(), '"');
+    EXPECT_EQ(stored(Scaling::ofRaw(), "LINT", "9007199254740993"), "9007199254740993");
+}
+
+TEST(Scaling, TellsWhenARealIsShownAsAnotherNumberThanWasGiven)
+{
+    const Scaling none;
+    EXPECT_EQ(stored(none, "REAL", "16777217"), "16777216*");
+    EXPECT_EQ(stored(none, "REAL", "-3.14159265"), "-3.1415927*");
+    EXPECT_EQ(stored(none, "REAL", "1e-46").front(), '"');
+    EXPECT_EQ(stored(none, "LREAL", "9007199254740993"), "9007199254740992*");
+    EXPECT_EQ(stored(none, "LREAL", "0.1000000000000000001"), "0.1*");
+    EXPECT_EQ(stored(Scaling::ofRaw(), "REAL", "16777217"), "16777216*");
+    EXPECT_EQ(none.roundingNote(type("REAL"), "16777217", CipValue::ofReal(16777216.0f)),
+              QString("16777217 is stored as 16777216"));
+    const std::pair<const char*, const char*> exact[] = {
+        {"0.1", "0.1"},    {"00.10", "0.1"}, {".5", "0.5"},     {"-1.50", "-1.5"},
+        {"100", "100"},    {"1E2", "100"},   {"0.01e4", "100"}, {"1e+2", "100"},
+        {"-0.0", "-0"},    {"0e5", "0"},     {"5.", "5"},       {"16777216", "16777216"},
+        {"1e20", "1e+20"}, {"nan", "nan"},   {"-inf", "-inf"},  {"0.05", "0.05"}};
+    for (const auto& [text, expected] : exact) {
+        EXPECT_EQ(stored(none, "REAL", text), expected);
+        EXPECT_EQ(stored(none, "LREAL", text), expected);
+    }
+}
+
+TEST(Scaling, TellsWhenAScaledRealIsShownAsAnotherNumberThanWasGiven)
+{
+    EXPECT_EQ(stored(Scaling(2, 0), "REAL", "33554434"), "16777216*");
+    EXPECT_EQ(stored(Scaling(2, 0), "REAL", "33554432"), "16777216");
+    EXPECT_EQ(stored(Scaling(2, 0), "LREAL", "0.2000000000000004").back(), '*');
 }
 
 TEST(Scaling, RefusesATextThatIsNoFiniteDecimalNumber)
