@@ -42,7 +42,8 @@ UserError::UserError(const std::string& message, ExitStatus status)
 {
 }
 
-std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates)
+std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates,
+                       const std::string& prefix)
 {
     const std::string* best = nullptr;
     std::size_t least = std::max<std::size_t>(word.size() / 2, 1) + 1;
@@ -57,7 +58,7 @@ std::string didYouMean(const std::string& word, const std::vector<std::string>& 
             best = &candidate;
         }
     }
-    return best ? " (did you mean " + *best + "?)" : std::string();
+    return best ? " (did you mean " + prefix + *best + "?)" : std::string();
 }
 
 } // namespace micro850

@@ -28,8 +28,10 @@ private:
     ExitStatus m_status;
 };
 
-/// " (did you mean X?)" for the candidate nearest to `word`, or nothing when none is near.
-std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates);
+/// " (did you mean X?)" for the candidate nearest to `word`, with the prefix in front of it, or
+/// nothing when none is near.
+std::string didYouMean(const std::string& word, const std::vector<std::string>& candidates,
+                       const std::string& prefix = std::string());
 
 } // namespace micro850
 

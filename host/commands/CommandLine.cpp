@@ -14,6 +14,19 @@ namespace micro850::host {
 
 namespace {
 
+// The parser's message, in the words of a user where it has its own.
+std::string plainText(const CLI::ParseError& error)
+{
+    const std::string text = error.what();
+    const std::string name = text.substr(0, text.find(": "));
+    if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ArgumentMismatch))
+        return text;
+    if (text.find(" required ", name.size()) != std::string::npos &&
+        text.rfind(" missing") == text.size() - std::string(" missing").size())
+        return name + ": its value is missing";
+    return text;
+}
+
 // The parser's message; for an unexpected word also the option that was probably meant.
 std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
 {
@@ -24,7 +37,7 @@ std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
     const std::vector<std::string> unexpected = command.remaining();
     if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) ||
         unexpected.empty())
-        return error.what() + help;
+        return plainText(error) + help;
     const std::string& word = unexpected.front();
     std::vector<std::string> names;
     for (const CLI::Option* option : command.get_options()) {
@@ -33,7 +46,8 @@ std::string complaintOf(const CLI::App& app, const CLI::ParseError& error)
     }
     // Compared without the dashes, which make any two options alike.
     const bool isOption = word.rfind("--", 0) == 0;
-    const std::string meant = isOption ? didYouMean(word.substr(2), names) : "";
+    const std::string meant =
+        isOption ? didYouMean(word.substr(2, word.find('=') - 2), names, "--") : "";
     return '"' + word + "\" is not expected here" + meant + help;
 }
 

@@ -70,6 +70,8 @@ Json reportObject(const PortSettings& port, const ProbeResult& result)
 int run(const ProbeOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
+    if (options.scan && options.line.baud != 0)
+        throw UserError("--baud: --scan tries all usual speeds (leave one of the two out)");
     const Project project = projectOf(options.line);
     requirePort(project, options.line);
     QVector<int> speeds = {project.port.baud};
@@ -116,7 +118,8 @@ void addProbe(CommandLine& line)
     const auto options = std::make_shared<ProbeOptions>();
     CommandOptions probe = line.addCommand("probe", "Identify the controller on the line",
                                            [options] { return run(*options); });
-    probe.flag("--scan", options->scan, "Try the usual speeds, 9600 to 115200, in turn");
+    probe.flag("--scan", options->scan,
+               "Try the usual speeds, 9600 to 115200, in turn (without --baud)");
     probe.text("--project", options->line.project, "Project file: its port");
     probe.integer("--station", options->station, 0, 65535,
                   "Number under which the driver keeps the controller (default 1); it is not sent: "

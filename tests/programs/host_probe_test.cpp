@@ -80,4 +80,12 @@ TEST_F(HostProbe, AsksTheSameControllerWhateverTheStation)
     EXPECT_NE(help.find("it is not sent"), std::string::npos) << help;
 }
 
+TEST_F(HostProbe, RefusesASpeedWithAScanOfAllSpeeds)
+{
+    const Result result = host({"probe", "--scan", "--baud", "9600", "--port", "nowhere"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "micro850-host: --baud: --scan tries all usual speeds (leave one of the two out)\n");
+}
+
 } // namespace

@@ -280,7 +280,7 @@ TEST_F(HostRead, ReportsEveryMistakeInOneLineWithTheRemedy)
         {{"read", "Speed", "--port", "/none", "--baud", "3"}, "--baud: "},
         {{"read", "Speed", "--fast"},
          "\"--fast\" is not expected here (see micro850-host read --help)"},
-        {{"read", "Speed", "--jsn"}, "\"--jsn\" is not expected here (did you mean json?)"},
+        {{"read", "Speed", "--jsn"}, "\"--jsn\" is not expected here (did you mean --json?)"},
         {{"read", "Speed", "--fast", "--more"}, "\"--fast\" is not expected here"},
         {{"poll", "one.json", "two.json"}, "\"two.json\" is not expected here"},
     };

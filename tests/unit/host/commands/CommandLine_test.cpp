@@ -78,7 +78,18 @@ TEST_F(CommandLineTest, SuggestsTheCommandOrTheOptionThatWasProbablyMeant)
 {
     EXPECT_EQ(complaint({"goo"}), "\"goo\" is not a command (did you mean go?) (see prog --help)");
     EXPECT_EQ(complaint({"go", "home", "--nam=x"}),
-              "\"--nam=x\" is not expected here (did you mean name?) (see prog go --help)");
+              "\"--nam=x\" is not expected here (did you mean --name?) (see prog go --help)");
+    EXPECT_EQ(complaint({"go", "home", "--nam=some-longer-text"}),
+              "\"--nam=some-longer-text\" is not expected here (did you mean --name?) (see prog go "
+              "--help)");
+}
+
+TEST_F(CommandLineTest, SaysThatTheValueOfAnOptionIsMissing)
+{
+    for (const char* option : {"--name", "--steps", "--length", "--pace"})
+        EXPECT_EQ(complaint({"go", "home", option}),
+                  std::string(option) + ": its value is missing (see prog go --help)");
+    EXPECT_EQ(runs, 0);
 }
 
 TEST_F(CommandLineTest, RejectsValuesOutsideTheirRange)
