@@ -7,9 +7,10 @@
 namespace micro850::host {
 
 const char kNamesHelp[] =
-    "TAG is a tag of the controller or, with --project, a variable of the project. The index\n"
-    "counts within the variable, from 0. A name may be put in double quotes, and must be if it\n"
-    "could be taken for something else: '\"Fill = 5\"[2]'.\n";
+    "TAG is a tag of the controller or, with --project, a variable of the project. Without an\n"
+    "index, a tag is its element 0, and a variable is all its elements. The index counts within\n"
+    "the variable, from 0. A name may be put in double quotes, and must be if it could be taken\n"
+    "for something else: '\"Fill = 5\"[2]'.\n";
 
 namespace {
 
@@ -47,6 +48,24 @@ void requireElementsOf(const Variable& variable, const TagAddress& address)
                         .toStdString());
 }
 
+// What the driver cannot reach because of the project, the user cannot correct with an index.
+void requireReachableOf(const Target& target, const CipType& type)
+{
+    const bool reachable =
+        type.kind != CipKind::String || (target.element == 0 && target.elements() == 1);
+    const Variable* variable = target.variable;
+    if (!reachable && variable && (variable->element != 0 || variable->length != 1)) {
+        const bool element = variable->element != 0;
+        throw UserError((shownName(variable->name) +
+                         QStringLiteral(": of a string only element 0 can be read and written, but "
+                                        "its \"%1\" in the project is %2 (leave the key out)")
+                             .arg(QLatin1String(element ? "element" : "length"))
+                             .arg(element ? variable->element : variable->length))
+                            .toStdString());
+    }
+    requireReachable(type, target.element, target.elements(), target.address.text());
+}
+
 // Makes it a target of elements of the variable.
 void bind(Target& target, const Variable& variable)
 {
@@ -54,12 +73,12 @@ void bind(Target& target, const Variable& variable)
     if (!address.indexed)
         address.elements = variable.length;
     address.indexed = address.indexed || variable.length > 1;
-    if (variable.type)
-        requireReachable(*variable.type, address.element, address.elements, address.text());
-    requireElementsOf(variable, address);
     target.tag = {variable.station, variable.tag};
     target.element += variable.element;
     target.variable = &variable;
+    if (variable.type)
+        requireReachableOf(target, *variable.type);
+    requireElementsOf(variable, address);
     target.scaling = Scaling(variable);
     target.unit = variable.unit;
 }
@@ -109,7 +128,7 @@ void Target::requireType(const CipType& controllers) const
                         " in the controller, " + type()->name +
                         " in the project (correct the project)");
     }
-    requireReachable(controllers, element, elements(), address.text());
+    requireReachableOf(*this, controllers);
 }
 
 TagAddress addressOf(const QString& argument, const Project& project)

@@ -85,8 +85,8 @@ public:
     void carryOut(Session& session, const Interrupt& interrupt);
     /// Reports those that are left, and how many had which outcome.
     void close(const QString& whyNotTried);
-    /// Throws when the outcome of a write could not be printed.
-    void throwIfNotPrinted() const;
+    /// Why the outcome of a write could not be printed.
+    const std::optional<UserError>& outputFailure() const { return m_outputFailure; }
 
 private:
     void parse(Job& job, const QString& argument, const TargetOptions& options);
@@ -334,7 +334,9 @@ void Writes::report(const Job& job, int i) const
     const QString line = job.name(i) + QStringLiteral(" = ") + job.target->text(*job.type, now);
     print(objectOf(job, i), asWritten ? line : QString());
     if (!asWritten) {
-        m_output.error(line + QStringLiteral(" was read back after ") + element.text +
+        const CipValue written = decodeElement(*job.type, element.value);
+        m_output.error(line + QStringLiteral(" was read back after ") +
+                       job.target->text(*job.type, written) +
                        QStringLiteral(" was written (the program may set it)"));
     }
     if (!element.note.isEmpty())
@@ -391,12 +393,6 @@ void Writes::close(const QString& whyNotTried)
     summarise();
 }
 
-void Writes::throwIfNotPrinted() const
-{
-    if (m_outputFailure)
-        throw UserError(*m_outputFailure);
-}
-
 // Those of a job are at its end.
 void Writes::listNotTried(const Job& job, int from) const
 {
@@ -432,10 +428,14 @@ void Writes::summarise() const
         if (of > 0)
             counts += QString::number(of) + ' ' + QLatin1String(textOf(outcome));
     }
-    if (total < 2 || count(Outcome::Written) == total)
-        return;
-    const QString all = counts.join(QStringLiteral(", "));
-    m_output.note(m_begun ? all : QStringLiteral("nothing was written: ") + all);
+    const QString all =
+        m_begun ? counts.join(QStringLiteral(", "))
+                : QStringLiteral("nothing was written: ") + counts.join(QStringLiteral(", "));
+    // Where the outcomes cannot be printed, it is the only thing that tells them.
+    if (m_outputFailure)
+        m_output.error(all);
+    else if (total >= 2 && count(Outcome::Written) != total)
+        m_output.note(all);
 }
 
 void writeAll(Writes& writes, const WriteOptions& options, const Project& project)
@@ -467,10 +467,13 @@ int run(const WriteOptions& options)
             writeAll(writes, options, project);
     } catch (const UserError& error) {
         writes.close(QString::fromUtf8(error.what()));
+        if (writes.outputFailure())
+            output.error(QString::fromUtf8(writes.outputFailure()->what()));
         throw;
     }
     writes.close(QStringLiteral("another one is refused"));
-    writes.throwIfNotPrinted();
+    if (writes.outputFailure())
+        throw UserError(*writes.outputFailure());
     return writes.status();
 }
 
@@ -489,10 +492,15 @@ void addWrite(CommandLine& line)
     options->output.addTo(write);
     write.footer(
         std::string(kNamesHelp) +
-        "Values: decimal or 0x numbers, true or false, text. The driver can write BOOL, BYTE, "
-        "SHORT_STRING,\nall integers and reals; no dates, times or other words of bits.\n"
-        "A variable with gain and offset takes the value that read and watch show. When it is "
-        "rounded,\na note tells which value is stored. --raw takes the controller's own number.\n"
+        "Values: decimal numbers, for integers and words also 0x numbers; true or false; text of "
+        "at\nmost 80 characters up to U+00FF. The driver can write BOOL, BYTE, SHORT_STRING, all "
+        "integers\nand reals; no dates, times or other words of bits.\n"
+        "A variable of several elements takes one value for each. One value for all needs the "
+        "range:\nTank[0..19]=1.\n"
+        "A variable with gain and offset takes the value that read and watch show. When a "
+        "number\nis rounded, a note tells which value is stored. --raw takes the controller's own "
+        "number, and\nis needed for integers whose scaled or own number is above "
+        "9007199254740991.\n"
         "Nothing is written unless all of it is allowed: values, types, indices (of a string only\n"
         "0), and that the elements exist, which is known by reading the last one. No element may\n"
         "be given twice. Should the controller refuse one all the same, the rest is still tried.\n"

@@ -141,6 +141,21 @@ QString rangeText(const TagAddress& address)
         .arg(address.element + address.elements - 1);
 }
 
+// Without an index, one value could be meant for the first element only.
+[[noreturn]] void refuseValues(const TagAddress& all, const QStringList& values)
+{
+    const bool one = values.size() == 1;
+    const QString count =
+        one ? QStringLiteral("1 value is") : QStringLiteral("%1 values are").arg(values.size());
+    const bool few = values.size() < all.elements;
+    const QString example = one ? values.first() : QStringLiteral("VALUE");
+    throw UserError((shownName(all.tag) + QStringLiteral(": has %1 elements: ").arg(all.elements) +
+                     count + QLatin1String(few ? " not enough" : " too many") +
+                     QStringLiteral(" (write ") + all.text() + '=' + example +
+                     QStringLiteral(" for all, or one value for each)"))
+                        .toStdString());
+}
+
 } // namespace
 
 QString shownName(const QString& name)
@@ -192,6 +207,8 @@ QStringList Assignment::valuesFor(const TagAddress& elements) const
     if (elements.elements == 1)
         return {value};
     QStringList values = value.split(',');
+    if (!address.indexed && values.size() != elements.elements)
+        refuseValues(elements, values);
     if (values.size() == 1) {
         while (values.size() < elements.elements)
             values.append(value);

@@ -52,7 +52,8 @@ struct Assignment
     QString value;
 
     /// The text of each element's value. For one element it is the whole text; for several, either
-    /// one text for all or one for each. Throws UserError for another number of texts.
+    /// one text for all or one for each. A name without an index, of a variable with several
+    /// elements, has one for each. Throws UserError for another number of texts.
     QStringList valuesFor(const TagAddress& elements) const;
 
     static Assignment fromText(const QString& text, const IsName& isName = IsName());

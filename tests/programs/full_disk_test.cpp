@@ -76,9 +76,32 @@ TEST_F(FullDisk, AsStandardOutputStopsNoWrite)
     const Result result = shell("$HOST write 'Level[0..1]=5,6' Setpoint=7.5 --port $PORT "
                                 ">/dev/full");
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, std::string("micro850-host: standard output: ") + kNoSpace);
+    EXPECT_EQ(result.err,
+              std::string("micro850-host: 3 written\nmicro850-host: standard output: ") + kNoSpace);
     EXPECT_EQ(hostOnPort({"read", "Level[0..1]", "Setpoint"}).out,
               "Level[0] = 5\nLevel[1] = 6\nSetpoint = 7.5\n");
+}
+
+TEST_F(FullDisk, AsStandardOutputLeavesTheOutcomeOfASingleWriteOnStandardError)
+{
+    simulate();
+    for (const char* options : {"", "--json", "--quiet", "--no-verify"}) {
+        const Result full =
+            shell(QString("$HOST write 'Level[0]=3' --port $PORT %1 >/dev/full").arg(options));
+        EXPECT_EQ(full.status, 1);
+        EXPECT_EQ(full.err,
+                  std::string("micro850-host: 1 written\nmicro850-host: standard output: ") +
+                      kNoSpace);
+    }
+    const Result closed = shell("$HOST write 'Level[0]=3' --port $PORT >&-");
+    EXPECT_EQ(closed.status, 1);
+    EXPECT_EQ(closed.err, "micro850-host: 1 written\nmicro850-host: standard output: cannot be "
+                          "written: Bad file descriptor\n");
+    const Result refused = shell("$HOST write Speed=x --json --port $PORT >/dev/full");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("micro850-host: nothing was written: 1 refused\n"),
+              std::string::npos)
+        << refused.err;
 }
 
 TEST_F(FullDisk, AStandardOutputThatIsNotOpenIsNotAnotherFile)

@@ -377,4 +377,74 @@ TEST_F(HostWrite, ReportsWhatIsWrongWithAValue)
     EXPECT_EQ(hostOnPort({"write", "Nope=1"}).status, 1);
 }
 
+TEST_F(HostWrite, TakesAsManyValuesForABareVariableAsItHasElements)
+{
+    simulate();
+    project = file("p.json", R"({"variables": [
+        {"name": "Tank", "tag": "Level", "element": 3, "length": 3}]})");
+    const Result one = write({"Tank=1", "Speed=5", "--quiet"});
+    EXPECT_EQ(one.status, 2);
+    EXPECT_EQ(one.out, "");
+    EXPECT_EQ(one.err, "micro850-host: Tank: has 3 elements: 1 value is not enough (write "
+                       "Tank[0..2]=1 for all, or one value for each)\n");
+    EXPECT_EQ(write({"Tank=1,2"}).status, 2);
+    EXPECT_EQ(write({"Tank=1,2,3,4"}).status, 2);
+    EXPECT_FALSE(QFile::exists(path("t.txt")));
+    EXPECT_EQ(valueOf("Level[2..6]"),
+              "Level[2] = 12\nLevel[3] = 13\nLevel[4] = 14\nLevel[5] = 15\nLevel[6] = 16\n");
+    EXPECT_EQ(write({"Tank=1,2,3"}).out, "Tank[0] = 1\nTank[1] = 2\nTank[2] = 3\n");
+    EXPECT_EQ(write({"Tank[0..2]=7"}).out, "Tank[0] = 7\nTank[1] = 7\nTank[2] = 7\n");
+    EXPECT_EQ(write({"Level=9"}).out, "Level = 9\n"); // a tag is its element 0
+    EXPECT_EQ(valueOf("Level[0..1]"), "Level[0] = 9\nLevel[1] = 11\n");
+}
+
+TEST_F(HostWrite, TellsWhenARealIsRounded)
+{
+    simulate();
+    const Result rounded = write({"Setpoint=16777217"});
+    EXPECT_EQ(rounded.status, 0);
+    EXPECT_EQ(rounded.out, "Setpoint = 16777216\n");
+    EXPECT_EQ(rounded.err, "micro850-host: Setpoint: 16777217 is stored as 16777216\n");
+    EXPECT_EQ(write({"Setpoint=0.1"}).err, "");
+}
+
+TEST_F(HostWrite, RefusesScaledIntegersThatAreNotExact)
+{
+    simulate(R"({"name": "Count", "type": "LINT", "value": 3})");
+    project = file("p.json", R"({"variables": [{"tag": "Count", "offset": 1}]})");
+    const Result result = write({"Count=9007199254740994"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_NE(result.err.find("--raw"), std::string::npos) << result.err;
+    EXPECT_EQ(writesSent(), 0);
+    EXPECT_EQ(write({"Count=9007199254740993", "--raw"}).out, "Count = 9007199254740993\n");
+}
+
+TEST_F(HostWrite, NamesTheKeyOfTheProjectThatAStringCannotHave)
+{
+    simulate();
+    project = file("p.json", R"({"variables": [
+        {"name": "Long", "tag": "Name", "length": 3}, {"name": "Late", "tag": "Name", "element": 2}]})");
+    const std::string why = ": of a string only element 0 can be read and written, but its ";
+    for (const char* name : {"Long", "Long[1]"})
+        EXPECT_EQ(hostOnPort({"read", name, "--project", project}).err,
+                  "micro850-host: Long" + why +
+                      "\"length\" in the project is 3 (leave the key out)\n");
+    EXPECT_EQ(write({"Late=Q", "--quiet"}).err,
+              "micro850-host: Late" + why +
+                  "\"element\" in the project is 2 (leave the key out)\n");
+    EXPECT_EQ(hostOnPort({"read", "Long[0]", "--project", project}).out, "Long[0] = Apple\n");
+}
+
+TEST_F(HostWrite, ShowsAValueThatWasOverwrittenInTheSameForm)
+{
+    simulate(R"({"name": "Count", "type": "DINT",
+                 "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.001}})");
+    project = file("p.json", R"({"variables": [{"tag": "Count", "gain": 0.5, "unit": "kg"}]})");
+    const Result result = write({"Count=-7.50"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find(" kg was read back after -7.5 kg was written (the program may"),
+              std::string::npos)
+        << result.err;
+}
+
 } // namespace

@@ -86,6 +86,34 @@ TEST(Assignment, HasOneValueForAllElementsOfARunOrOneForEach)
     EXPECT_EQ(text.valuesFor(text.address), QStringList("a,b"));
 }
 
+TEST(Assignment, HasOneValueForEachElementOfANameWithoutIndex)
+{
+    TagAddress variable; // as the project makes it
+    variable.tag = "Tank";
+    variable.indexed = true;
+    variable.elements = 3;
+    const auto refusal = [&variable](const char* text) {
+        try {
+            Assignment::fromText(text).valuesFor(variable);
+        } catch (const micro850::UserError& error) {
+            return std::string(error.what());
+        }
+        return std::string("none");
+    };
+    EXPECT_EQ(Assignment::fromText("Tank=7,-8,9").valuesFor(variable),
+              (QStringList{"7", "-8", "9"}));
+    EXPECT_EQ(Assignment::fromText("Tank[0..2]=7").valuesFor(variable),
+              (QStringList{"7", "7", "7"}));
+    EXPECT_EQ(refusal("Tank=7"), "Tank: has 3 elements: 1 value is not enough (write Tank[0..2]=7 "
+                                 "for all, or one value for each)");
+    EXPECT_EQ(refusal("Tank=7,8"), "Tank: has 3 elements: 2 values are not enough (write "
+                                   "Tank[0..2]=VALUE for all, or one value for each)");
+    EXPECT_EQ(refusal("Tank=7,8,9,10"), "Tank: has 3 elements: 4 values are too many (write "
+                                        "Tank[0..2]=VALUE for all, or one value for each)");
+    variable.elements = 1;
+    EXPECT_EQ(Assignment::fromText("Tank=a,b").valuesFor(variable), QStringList("a,b"));
+}
+
 TEST(Assignment, RefusesAnotherNumberOfValuesThanElements)
 {
     const Assignment assignment = Assignment::fromText("A[2..4]=7,8");
