@@ -28,8 +28,8 @@ QString valueText(const CipValue& value);
 /// A date or a time of day as its ISO 8601 text; any other value, and a number that is no date, as
 /// it is.
 CipValue isoValue(const CipType& type, const CipValue& value);
-/// A value as text for users: dates, times of day and durations as ISO 8601 writes them; a string as
-/// visibleValue() shows it.
+/// A value as text for users: dates, times of day and durations as ISO 8601 writes them; a string
+/// as visibleValue() shows it.
 QString shownText(const CipType& type, const CipValue& value);
 
 } // namespace micro850::host
