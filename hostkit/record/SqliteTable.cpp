@@ -231,7 +231,7 @@ void requireWhole(QSqlDatabase& database, const QString& path)
     const bool known = query.exec(QStringLiteral("PRAGMA page_count")) && query.next();
     if (!known) {
         const QSqlError error = query.lastError();
-        query.exec(QStringLiteral("ROLLBACK"));
+        QSqlQuery(database).exec(QStringLiteral("ROLLBACK"));
         // The library itself notices that whole pages are missing.
         if (error.nativeErrorCode().toInt() == kCorrupt)
             requireSize(path, sizeByHeading(path));
@@ -243,7 +243,8 @@ void requireWhole(QSqlDatabase& database, const QString& path)
     const qint64 pageSize = textOf(query, QStringLiteral("PRAGMA page_size")).toLongLong();
     if (mode != QLatin1String("wal"))
         requireSize(path, pages * pageSize);
-    query.exec(QStringLiteral("COMMIT"));
+    if (!query.exec(QStringLiteral("COMMIT")))
+        failToWrite(path, query.lastError());
 }
 
 void failToWrite(const QString& path, const QSqlError& error)
