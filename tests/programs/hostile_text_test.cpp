@@ -135,7 +135,8 @@ TEST_F(HostileText, OfAStringIsOneLineOfReadAndCannotBeTakenForAnotherTag)
                    "\n"
                    R"(Title = "\x1b]0;x\x07\r\x1b[2Jgone\x7f")"
                    "\n"
-                   "Wide = \"a\xC3\x82\\u009b2J\xC3\x82\\u0085b\\x00c\"\n"
+                   R"(Wide = "a\u009b2J\u0085b\x00c")"
+                   "\n"
                    R"(Quoted = "\"ok\\nx\"")"
                    "\n"
                    "ValveOpen = true\n");
