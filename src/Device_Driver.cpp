@@ -410,10 +410,13 @@ void finishTransaction(QByteArray* reply, int length, int station)
         handleFailure(code, local, station);
 }
 
-// Judges a reply by its length alone.
-ReplyOutcome judgeLength(int length)
+// Judges a reply by its length. The bytes of a reply to a write are not looked at, so that only
+// this function notices when there are none, whatever length the host tells.
+ReplyOutcome judgeLength(QByteArray* reply, int length)
 {
     if (PLC_driver.sendQueue.isEmpty())
+        return kNoReply;
+    if (!reply && CheckGetData(reply, length) == driverstate::kAcceptOnly)
         return kNoReply;
     const int expected = driverstate::inFlight().replyLength;
     if (length == 0 && expected != 0)
@@ -474,7 +477,7 @@ RW_VAR* DataCom(QByteArray* reply, int length)
 
 int DealDataOfLocalArea(QByteArray* reply, int length)
 {
-    const ReplyOutcome outcome = judgeLength(length);
+    const ReplyOutcome outcome = judgeLength(reply, length);
     if (outcome != kAccepted)
         return GetDriverReturnValue(outcome);
     const int verdict = CheckGetData(reply, length);
@@ -487,7 +490,7 @@ int DealDataOfLocalArea(QByteArray* reply, int length)
 
 int DealDataOfRemoteArea(QByteArray* reply, int length)
 {
-    const ReplyOutcome outcome = judgeLength(length);
+    const ReplyOutcome outcome = judgeLength(reply, length);
     if (outcome != kAccepted)
         return GetDriverReturnValue(outcome == kNoReply ? kRemoteNoReply : kRemoteWrongLength);
     if (CheckGetData(reply, length) == driverstate::kReject)

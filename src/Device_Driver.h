@@ -154,7 +154,8 @@ MICRO850_ENTRY Protocol* ComCommunication();
 
 /// Judges the bytes received for the frame in flight. `length` is their number, 0 after a time-out.
 /// Returns the driver's `result`, whose retValue says what happened: 0 not finished, 1 done, 201 no
-/// connection, other codes as from GetDriverReturnValue(). A null `reply` counts as no bytes.
+/// connection, other codes as from GetDriverReturnValue(). A null `reply` counts as no bytes; for a
+/// write it is no reply, whatever `length` is.
 MICRO850_ENTRY RW_VAR* DataCom(QByteArray* reply, int length);
 
 /// Judges and stores a reply on the local link. Returns the code of GetDriverReturnValue().

@@ -96,6 +96,36 @@ TEST_F(Dispatcher, CountsANullReplyAsIncomplete)
     EXPECT_EQ(DataCom(nullptr, 40)->retValue, 0);
 }
 
+TEST_F(Dispatcher, CountsANullReplyToAWriteAsNoReplyWhateverItsLength)
+{
+    settings.retryLimit = 1000;
+    Protocol* head = send(writeOf("T", hex("01 02")), kWrite);
+    const QByteArray good = wire::writeReply(0x21);
+    int failures = 0;
+    for (const int expected : {good.size(), 999, 1, 0}) {
+        for (const int length : {good.size(), 999, 1, 0, -1}) {
+            head->replyLength = expected;
+            EXPECT_EQ(DataCom(nullptr, length)->retValue, 0) << expected << ' ' << length;
+            EXPECT_EQ(settings.failureCount, ++failures);
+        }
+    }
+    EXPECT_TRUE(finished.empty());
+    EXPECT_EQ(PLC_driver.writeList.size(), 1);
+    EXPECT_EQ(ComCommunication(), head) << "the write goes out again";
+}
+
+TEST_F(Dispatcher, ReportsAWriteFailedThatGetsNullRepliesBeyondTheRetryLimit)
+{
+    const QByteArray good = wire::writeReply(0x21);
+    send(ofVariable(writeOf("T", hex("01 02")), 5, 6), kWrite);
+    EXPECT_EQ(deliver(good), 1) << "the bytes are complete";
+    for (int i = 0; i < settings.retryLimit; ++i)
+        EXPECT_EQ(DataCom(nullptr, good.size())->retValue, 0);
+    EXPECT_EQ(DataCom(nullptr, good.size())->retValue, 46) << "no reply, kind 5";
+    ASSERT_EQ(finished.size(), 1u);
+    EXPECT_EQ(finished[0], (Finished{9, 5, 6, 2}));
+}
+
 // ---- Success ------------------------------------------------------------------------------------
 
 TEST_F(Dispatcher, RotatesAFinishedCyclicReadWithoutACallback)
@@ -419,6 +449,20 @@ TEST_F(ReplyArea, AcceptsAnyLengthExceptZeroForAVaryingReply)
     EXPECT_EQ(local("", 0), 44);
     putReadInFlight(0);
     EXPECT_EQ(local(kGood, 0), 1) << "an expected length of 0 accepts an empty reply";
+}
+
+TEST_F(ReplyArea, TakesANullReplyToAWriteForNoReply)
+{
+    const int expected = kGood.size();
+    for (const int length : {expected, expected + 1, 1, 0, -1}) {
+        for (const int flag : {1, -1}) {
+            putReadInFlight(expected, 1, flag);
+            EXPECT_EQ(DealDataOfLocalArea(nullptr, length), 44) << length;
+            EXPECT_EQ(DealDataOfRemoteArea(nullptr, length), 144) << length;
+        }
+    }
+    putReadInFlight(-1, 1);
+    EXPECT_EQ(DealDataOfLocalArea(nullptr, expected), 44);
 }
 
 TEST_F(ReplyArea, AcknowledgesAWriteWithoutStoringAValue)
