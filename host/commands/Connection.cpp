@@ -1,5 +1,6 @@
 #include "Connection.h"
 
+#include "NetworkAddress.h"
 #include "UserError.h"
 
 namespace micro850::host {
@@ -13,6 +14,21 @@ void requirePort(const Project& project, const LineOptions& options)
                     (where.empty() ? " or --project FILE" : " or in the file") + ")");
 }
 
+namespace {
+
+QString checkedDevice(const QString& device)
+{
+    try {
+        if (isNetworkAddress(device))
+            networkAddress(device);
+    } catch (const UserError& error) {
+        throw UserError(std::string("--port: ") + error.what());
+    }
+    return device;
+}
+
+} // namespace
+
 Project projectOf(const LineOptions& options)
 {
     Project project;
@@ -21,7 +37,7 @@ Project projectOf(const LineOptions& options)
     else
         project = Project::fromFile(textOf(options.project));
     if (!options.port.empty())
-        project.port.device = textOf(options.port);
+        project.port.device = checkedDevice(textOf(options.port));
     if (options.baud != 0)
         project.port.baud = options.baud;
     if (options.timeoutMs >= 0)
@@ -34,15 +50,20 @@ void requireOpen(Line& line, const PortSettings& port)
     QString error;
     if (line.open(error))
         return;
+    if (port.isNetwork()) {
+        throw UserError(
+            (port.device + QStringLiteral(": cannot be opened: ") + error).toStdString(),
+            kExitRefused);
+    }
     throw UserError((port.device + QStringLiteral(": cannot be opened: ") + error +
                      QStringLiteral(" (choose the port with --port)"))
                         .toStdString());
 }
 
 Connection::Connection(const LineOptions& options, const Project& project)
-    : m_library(textOf(options.driver)), m_line(project.port)
+    : m_library(textOf(options.driver)), m_line(lineFor(project.port))
 {
-    requireOpen(m_line, project.port);
+    requireOpen(*m_line, project.port);
 }
 
 } // namespace micro850::host

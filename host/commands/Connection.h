@@ -3,8 +3,8 @@
 
 #include "Commands.h"
 #include "DriverLibrary.h"
+#include "LineFactory.h"
 #include "Project.h"
-#include "SerialLine.h"
 
 namespace micro850::host {
 
@@ -21,15 +21,15 @@ class Connection
 {
 public:
     Connection(const LineOptions& options, const Project& project);
-    ~Connection() { m_line.close(); }
+    ~Connection() { m_line->close(); }
 
     const DriverApi& api() const { return m_library.api(); }
-    SerialLine& line() { return m_line; }
+    Line& line() { return *m_line; }
     const SystemClock& clock() const { return m_clock; }
 
 private:
     DriverLibrary m_library;
-    SerialLine m_line;
+    std::unique_ptr<Line> m_line;
     SystemClock m_clock;
 };
 

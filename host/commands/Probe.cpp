@@ -74,6 +74,11 @@ int run(const ProbeOptions& options)
         throw UserError("--baud: --scan tries all usual speeds (leave one of the two out)");
     const Project project = projectOf(options.line);
     requirePort(project, options.line);
+    if (options.scan && !project.port.setsSpeed()) {
+        throw UserError("--scan: the server of " + project.port.device.toStdString() +
+                        " sets the speed itself (leave --scan out, or use rfc2217:// if the "
+                        "server speaks it)");
+    }
     QVector<int> speeds = {project.port.baud};
     if (options.scan)
         speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
@@ -89,10 +94,10 @@ int run(const ProbeOptions& options)
         progress.show(i);
         PortSettings port = project.port;
         port.baud = speeds.at(i);
-        SerialLine line(port);
-        requireOpen(line, port);
-        const ProbeResult result = prober.probe(line, clock, port, trace.observer());
-        line.close();
+        const std::unique_ptr<Line> line = lineFor(port);
+        requireOpen(*line, port);
+        const ProbeResult result = prober.probe(*line, clock, port, trace.observer());
+        line->close();
         progress.clear();
         if (result.answered) {
             output.data(reportObject(port, result), report(port, result));

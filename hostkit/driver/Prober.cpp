@@ -53,7 +53,7 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         const Answer answer = exchange.run(QByteArray(sent->frame), counters);
         m_driver.reportSilence(*sent); // so that the next attempt starts from the beginning
         if (answer.outcome == Answer::Outcome::DeviceGone) {
-            result.error = QStringLiteral("the device is gone");
+            result.error = line.lossReason();
             return result;
         }
         if (answer.outcome == Answer::Outcome::TimedOut)

@@ -33,8 +33,8 @@ bool LineState::ensureOpen()
 
 void LineState::lose()
 {
+    m_error = m_line.lossReason();
     m_line.close();
-    m_error = QStringLiteral("the device is gone");
     m_nextOpen = m_clock.now() + m_openPause.next();
 }
 

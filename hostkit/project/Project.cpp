@@ -1,6 +1,7 @@
 #include "Project.h"
 
 #include "JsonFile.h"
+#include "NetworkAddress.h"
 #include "TagAddress.h"
 #include "UserError.h"
 #include "Visible.h"
@@ -47,13 +48,25 @@ Parity parityOf(const JsonNode& node)
     return Parity::Odd;
 }
 
+QString deviceOf(const JsonNode& node)
+{
+    const QString device = printableText(node, "a device");
+    try {
+        if (isNetworkAddress(device))
+            networkAddress(device);
+    } catch (const UserError& error) {
+        node.fail(error.what());
+    }
+    return device;
+}
+
 PortSettings portOf(const JsonNode& node)
 {
     node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
                      "timeoutMs", "retryLimit"});
     PortSettings port;
     if (node.has("device"))
-        port.device = printableText(node.at("device"), "a device");
+        port.device = deviceOf(node.at("device"));
     port.baud = static_cast<int>(node.integer("baud", 300, 4000000, port.baud));
     port.dataBits = static_cast<int>(node.integer("dataBits", 7, 8, port.dataBits));
     if (node.has("parity"))

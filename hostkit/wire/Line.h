@@ -8,8 +8,8 @@
 
 namespace micro850::host {
 
-/// A serial line with blocking calls. A call fails when the device is gone, not when the peer is
-/// silent.
+/// A serial line, here or behind a device server, with blocking calls. A call fails when the device
+/// or the connection to the server is gone, not when the peer is silent.
 class Line
 {
 public:
@@ -29,6 +29,12 @@ public:
     virtual bool receive(QByteArray& bytes, Duration wait) = 0;
     /// Does nothing for this time.
     virtual void pause(Duration time) = 0;
+
+    /// Why a call failed, for messages.
+    virtual QString lossReason() const { return QStringLiteral("the device is gone"); }
+    /// The measured time that bytes need to the far end of the line and back, besides their time on
+    /// the line: 0 for a device of this machine.
+    virtual Duration transportDelay() const { return Duration(0); }
 };
 
 } // namespace micro850::host

@@ -31,14 +31,12 @@ struct PortSettings
     {
         return std::chrono::milliseconds((qint64(bytes) * bitsPerByte() * 1000 + baud - 1) / baud);
     }
-    /// "/dev/ttyUSB0, 38400 8N1", for messages.
-    QString text() const
-    {
-        const char letter = parity == Parity::None ? 'N' : parity == Parity::Even ? 'E' : 'O';
-        return QStringLiteral("%1, %2 %3%4%5")
-            .arg(device, QString::number(baud), QString::number(dataBits),
-                 QString(QLatin1Char(letter)), QString::number(stopBits));
-    }
+    /// Whether the device is the address of a device server.
+    bool isNetwork() const;
+    /// Whether this host sets speed and parity of the line. A server of raw TCP has its own.
+    bool setsSpeed() const;
+    /// "/dev/ttyUSB0, 38400 8N1", for messages; the device alone where it has its own speed.
+    QString text() const;
 };
 
 } // namespace micro850::host
