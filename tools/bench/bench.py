@@ -1,6 +1,6 @@
 """Measures the driver and prints tables; called by scripts/bench.
 
-bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line and
+bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line, gap and
 reaction. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables between their marks
 in the document, and copies the plots to the document's folder.
 """
@@ -9,11 +9,15 @@ import argparse
 import json
 import os
 
+import clients
 import cost
+import gap
 import line
+import measure
 import report
 
-SECTIONS = cost.SECTIONS + line.SECTIONS
+ON_A_LINE = {"peers": line.peers, "line": line.line, "gap": gap.gap, "reaction": line.reaction}
+SECTIONS = cost.SECTIONS + list(ON_A_LINE)
 
 
 def arguments():
@@ -22,7 +26,7 @@ def arguments():
     parser.add_argument("out_dir")
     parser.add_argument("--quick", action="store_true", help="fewer repetitions and sizes, for a trial")
     parser.add_argument("--write", metavar="DOCUMENT", help="write the tables between the marks in the document")
-    parser.add_argument("sections", nargs="*", metavar="SECTION", help="cost, growth, peers, line, reaction (default all)")
+    parser.add_argument("sections", nargs="*", metavar="SECTION", help=", ".join(SECTIONS) + " (default all)")
     options = parser.parse_intermixed_args()
     wanted = options.sections or SECTIONS
     for name in wanted:
@@ -33,12 +37,24 @@ def arguments():
     return options, wanted
 
 
+def measured_on_a_line(options, wanted):
+    """Results by section, ready for JSON."""
+    results = {}
+    bench = clients.Bench(options.bin_dir, options.out_dir, options.quick)
+    with bench.controllers():
+        for name, section in ON_A_LINE.items():
+            if name in wanted:
+                measure.announce(name)
+                results[name] = section(bench)
+    return results
+
+
 def main():
     options, wanted = arguments()
     os.makedirs(options.out_dir, exist_ok=True)
     results = {"machine": report.machine()}
     results.update(cost.run(options.bin_dir, options.out_dir, options.quick, wanted))
-    results.update(line.run(options.bin_dir, options.quick, wanted))
+    results.update(measured_on_a_line(options, wanted))
     with open(f"{options.out_dir}/results.json", "w", encoding="utf-8") as file:
         json.dump(results, file, indent=1)
     print("\n\n".join("\n".join(text) for text in report.tables(results).values()))

@@ -1,81 +1,15 @@
-"""What the driver costs on a line, compared with other clients of a panel: sections peers, line and reaction.
+"""What the driver costs on a line, compared with other clients of a panel: sections peers, line and reaction."""
 
-"reference host" is the driver with the poll loop of the reference host. It runs over a pseudo-terminal, as the
-other clients do.
-"""
-
-import contextlib
 import json
 import os
-import random
 import re
 import statistics
-import subprocess
-import sys
-import tempfile
 
 import measure
+from clients import BAUDS, BITS_OF_BYTE, CLIENTS, HOST, SIZES, exchanges, percentile
 
-SECTIONS = ["peers", "line", "reaction"]
-CLIENTS = {"reference host": "client_host", "libmodbus": "client_libmodbus", "Qt SerialBus": "client_serialbus"}
-HOST = "reference host"
 ALONE = "driver alone"
 ALONE_KINDS = {1: "dint", 10: "dint10", 62: "dint62"}
-SIZES = {client: [1, 10, 62 if client == HOST else 125] for client in CLIENTS}
-BAUDS = [9600, 38400, 115200]
-BITS_OF_BYTE = 10
-SETTLING = 12  # requests until the connection is made and the cycle runs
-WORST_DATA = 0x10101010  # every byte is doubled on the wire
-
-
-@contextlib.contextmanager
-def running(command):
-    """Starts a program that prints the path of its pseudo-terminal and serves it; yields the path and the process."""
-    with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True) as process:
-        try:
-            first = process.stdout.readline()
-            path = re.search(r"/dev/\S+", first)
-            if not path:
-                sys.exit(f"bench: {' '.join(command)} opened no pseudo-terminal: {first}")
-            yield path.group(0), process
-        finally:
-            process.terminate()
-
-
-class Bench:
-    """The programs of the benchmark and the controllers that they read from."""
-
-    def __init__(self, bin_dir, quick):
-        self.bin_dir = os.path.abspath(bin_dir)
-        self.quick = quick
-        self.devices = {}
-        self.scratch = None
-
-    @contextlib.contextmanager
-    def controllers(self):
-        with contextlib.ExitStack() as stack:
-            self.scratch = stack.enter_context(tempfile.TemporaryDirectory())
-            responder, _ = stack.enter_context(running([self.program("modbus_responder")]))
-            random.seed(1)
-            values = [random.randint(-2**31, 2**31 - 1) for _ in range(62)]
-            simulator, _ = stack.enter_context(self.simulator("random", values))
-            worst, _ = stack.enter_context(self.simulator("worst", [WORST_DATA] * 62))
-            self.devices = {client: responder for client in CLIENTS}
-            self.devices[HOST] = simulator
-            self.devices["worst data"] = worst
-            yield
-
-    def program(self, name):
-        return f"{self.bin_dir}/{name}"
-
-    def simulator(self, name, values):
-        path = f"{self.scratch}/{name}.json"
-        with open(path, "w", encoding="utf-8") as file:
-            json.dump({"tags": [{"name": "Values", "type": "DINT", "length": 62, "value": values}]}, file)
-        return running([self.program("micro850-sim"), path, "--quiet"])
-
-    def command(self, client, values, reads, device=None, baud=115200):
-        return [self.program(CLIENTS[client]), device or self.devices[client], str(baud), str(values), str(reads)]
 
 
 # ---- Comparison with other clients, on a line that takes no time
@@ -146,31 +80,8 @@ def peers(bench):
 # ---- Use of a line that takes as long as a real one
 
 
-def runs_on_paced_line(bench, client, device, values, baud, seconds):
-    """The runs of bytes on the line, in order: direction, begin, end, bytes."""
-    expected = 70 + 4 * values if client == HOST else 13 + 2 * values
-    reads = SETTLING + max(10, int(seconds * baud / BITS_OF_BYTE / expected))
-    with running([bench.program("paced_line"), device, str(baud)]) as (path, process):
-        measure.output_of(bench.command(client, values, reads, device=path, baud=baud))
-        process.terminate()
-        lines = process.stdout.read().split("\n")
-    fields = [line.split() for line in lines if line]
-    return [(run[0], *map(int, run[1:])) for run in fields]
-
-
-def exchanges(runs):
-    """Pairs of request and reply of the running cycle, without the runs that nothing answers."""
-    pairs = [(request, reply) for request, reply in zip(runs, runs[1:]) if request[0] == ">" and reply[0] == "<"]
-    return pairs[SETTLING:]
-
-
-def percentile(values, percent):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, int(len(ordered) * percent / 100))]
-
-
 def line_use(bench, client, device, values, baud, seconds):
-    pairs = exchanges(runs_on_paced_line(bench, client, device, values, baud, seconds))
+    pairs = exchanges(bench.paced(client, values, baud, seconds, device).runs)
     elapsed = pairs[-1][0][1] - pairs[0][0][1]  # from request to request
     carried = sum(request[3] + reply[3] for request, reply in pairs[:-1])
     gaps = [after[0][1] - before[1][2] for before, after in zip(pairs, pairs[1:])]
@@ -268,18 +179,3 @@ def reaction_table(rows):
             "best / median / worst",
             f"{'':36}" + "".join(f"{row['baud']:>20} baud" for row in rows)]
     return text + [f"{name:36}" + "".join(f"{cell(row):>25}" for row in rows) for name, cell in lines]
-
-
-def run(bin_dir, quick, sections):
-    """Results by section, ready for JSON."""
-    measures = {"peers": peers, "line": line, "reaction": reaction}
-    wanted = [name for name in SECTIONS if name in sections]
-    results = {}
-    if not wanted:
-        return results
-    bench = Bench(bin_dir, quick)
-    with bench.controllers():
-        for name in wanted:
-            measure.announce(name)
-            results[name] = measures[name](bench)
-    return results

@@ -27,14 +27,20 @@ def instructions(binary, kind, operation, number, variables, out_file):
 
 def by_function(out_file, number):
     """The functions that cost most, each with the instructions that it takes itself in one operation."""
-    text = output_of(["callgrind_annotate", "--threshold=100", "--auto=no", out_file]).stdout
     rows = {}
-    for match in re.finditer(r"^ *([\d,]+) \([^)]*\)\s+\S*?:(.+?)(?: \[[^\]]*\])?$", text, re.M):
-        name = re.sub(r"\(anonymous namespace\)::|'\d+$", "", match.group(2))
+    for _, name, count in self_costs(out_file):
+        rows[name] = rows.get(name, 0) + count / number
+    return sorted(([name, round(cost)] for name, cost in rows.items() if cost >= 40), key=lambda row: -row[1])
+
+
+def self_costs(out_file):
+    """Object file, function and the instructions that it takes itself, of each function that callgrind saw."""
+    text = output_of(["callgrind_annotate", "--threshold=100", "--auto=no", out_file]).stdout
+    for match in re.finditer(r"^ *([\d,]+) \([^)]*\)\s+\S*?:(.+?)(?: \[([^\]]*)\])?$", text, re.M):
+        name = re.sub(r"\(anonymous namespace\)::| \[clone [^\]]*\]|'\d+$", "", match.group(2))
         name = re.sub(r"\(.*", "", name)
         name = "QtCore, not exported" if name.startswith("0x") else name
-        rows[name] = rows.get(name, 0) + int(match.group(1).replace(",", "")) / number
-    return sorted(([name, round(cost)] for name, cost in rows.items() if cost >= 40), key=lambda row: -row[1])
+        yield os.path.basename(match.group(3) or ""), name, int(match.group(1).replace(",", ""))
 
 
 def heap(bin_dir, kind, operation, number, variables):

@@ -8,7 +8,9 @@ import re
 import shutil
 import sys
 
+import clients
 import cost
+import gap
 import line
 import measure
 
@@ -16,6 +18,7 @@ SCALARS = ["int", "dint", "lreal"]
 MOST_INSTRUCTIONS = {"int": 6400}  # a wider value adds the CRC of its bytes, which the cost table shows
 MOST_ALLOCATIONS = 3
 WHOLE_ONLY = ["machine", "targets"]  # written only when every section has run
+MOST_OWN_PART = 15  # microseconds between the last byte of a reply and the next request
 LEAST_IN_USE = {38400: 0.97, 115200: 0.95}
 
 
@@ -69,13 +72,13 @@ def growth_targets(rows):
 
 def peers_targets(rows):
     for row in rows:
-        if row["client"] not in (line.ALONE, line.HOST):
+        if row["client"] not in (line.ALONE, clients.HOST):
             continue
         serial_bus = line.peer_row(rows, "Qt SerialBus", row)["instructions"] / row["instructions"]
         yield (f"{row['client']}, {row['values']} values: Qt SerialBus's instructions", ">= 8 times",
                f"{serial_bus:.1f}", serial_bus >= 8)
     for row in rows:
-        if row["client"] == line.HOST:
+        if row["client"] == clients.HOST:
             libmodbus = row["microseconds"] / line.peer_row(rows, "libmodbus", row)["microseconds"]
             yield (f"{row['client']}, {row['values']} values: time beside libmodbus's", "<= 2 times",
                    f"{libmodbus:.2f}", libmodbus <= 2)
@@ -84,11 +87,18 @@ def peers_targets(rows):
 def line_targets(results):
     for row in results["rows"]:
         least = LEAST_IN_USE.get(row["baud"])
-        if row["client"] != line.HOST or not least:
+        if row["client"] != clients.HOST or not least:
             continue
         name = f"{row['baud']} baud, {row['values']} values"
         yield f"{name}: line in use", f">= {least:.0%}", f"{row['in_use']:.1%}", row["in_use"] >= least
         yield f"{name}: gap, median", "< 100 us", f"{row['gap_median']:.0f}", row["gap_median"] < 100
+
+
+def gap_targets(results):
+    for row in results["rows"]:
+        if row["client"] == clients.HOST:
+            yield (f"{row['baud']} baud, {row['values']} values: own part of the gap, median", f"<= {MOST_OWN_PART} us",
+                   f"{row['own_median']:.1f}", row["own_median"] <= MOST_OWN_PART)
 
 
 def reaction_targets(rows):
@@ -100,7 +110,7 @@ def reaction_targets(rows):
 
 
 TARGETS = {"cost": cost_targets, "growth": growth_targets, "peers": peers_targets, "line": line_targets,
-           "reaction": reaction_targets}
+           "gap": gap_targets, "reaction": reaction_targets}
 
 
 def targets_table(results):
@@ -115,7 +125,7 @@ def targets_table(results):
 def tables(results):
     """Lines of text by section, in the order of the report."""
     of = {"machine": machine_table, "cost": cost.cost_table, "growth": cost.growth_table,
-          "peers": line.peers_table, "line": line.line_table, "reaction": line.reaction_table}
+          "peers": line.peers_table, "line": line.line_table, "gap": gap.gap_table, "reaction": line.reaction_table}
     text = {section: table(results[section]) for section, table in of.items() if section in results}
     if any(section in results for section in TARGETS):
         text["targets"] = targets_table(results)
@@ -142,12 +152,12 @@ def plot_growth(rows, out_dir):
 
 
 def plot_line(results, out_dir):
-    clients = list(line.CLIENTS)
-    groups = [(baud, i) for baud in line.BAUDS for i in range(3)]
+    clients = list(clients.CLIENTS)
+    groups = [(baud, i) for baud in clients.BAUDS for i in range(3)]
     with open(f"{out_dir}/line.dat", "w", encoding="ascii") as data:
         for baud, i in groups:
             shares = [next(row["in_use"] for row in results["rows"] if row["client"] == client and row["baud"] == baud
-                           and row["values"] == line.SIZES[client][i]) for client in clients]
+                           and row["values"] == clients.SIZES[client][i]) for client in clients]
             print(f'"{baud}\\n{("1", "10", "most")[i]}"', *(100 * share for share in shares), file=data)
     bars = ", ".join(f"'{out_dir}/line.dat' using {i + 2}:xtic(1) title '{client}'"
                      for i, client in enumerate(clients))
