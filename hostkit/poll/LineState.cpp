@@ -17,17 +17,16 @@ bool LineState::ensureOpen()
         return true;
     }
     const Duration now = m_clock.now();
-    if (now < m_nextOpen) {
-        pause(m_nextOpen - now);
+    if (now < m_nextOpen &&
+        !m_line.awaitReturn(std::min<Duration>(m_nextOpen - now, kLongestPause)))
         return false;
-    }
     if (m_line.open(m_error)) {
         m_reconnects += m_wasOpen ? 1 : 0;
         m_openedAt = m_clock.now();
         m_error.clear();
         return true;
     }
-    m_nextOpen = now + m_openPause.next();
+    m_nextOpen = m_clock.now() + m_openPause.next();
     return false;
 }
 

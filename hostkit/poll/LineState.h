@@ -6,7 +6,8 @@
 
 namespace micro850::host {
 
-/// Opens a line and, after its device went away, tries to open it again at growing intervals.
+/// Opens a line. After its device went away, opens it again: at a sign that the device is back, and
+/// without one at growing intervals.
 class LineState
 {
 public:
@@ -21,8 +22,8 @@ public:
     /// How often the line was opened again.
     qint64 reconnects() const { return m_reconnects; }
 
-    /// True when the line is open. Otherwise tries to open it when the next attempt is due, or
-    /// pauses for some milliseconds.
+    /// True when the line is open. Otherwise tries to open it when its device is back or the next
+    /// attempt is due, or pauses for some milliseconds.
     bool ensureOpen();
     /// Closes the line because its device is gone.
     void lose();

@@ -29,6 +29,13 @@ public:
     virtual bool receive(QByteArray& bytes, Duration wait) = 0;
     /// Does nothing for this time.
     virtual void pause(Duration time) = 0;
+    /// Waits, while the device is gone, at most for this time. True at once at a sign that it is
+    /// back; a line that sees no signs only pauses.
+    virtual bool awaitReturn(Duration time)
+    {
+        pause(time);
+        return false;
+    }
 
     /// Why a call failed, for messages.
     virtual QString lossReason() const { return QStringLiteral("the device is gone"); }

@@ -87,8 +87,10 @@ bool SerialLine::open(QString& error)
     m_port.setParity(portParity(m_settings.parity));
     m_port.setStopBits(static_cast<QSerialPort::StopBits>(m_settings.stopBits));
     m_port.setFlowControl(QSerialPort::NoFlowControl);
-    if (m_port.open(QIODevice::ReadWrite))
+    if (m_port.open(QIODevice::ReadWrite)) {
+        m_return.reset();
         return true;
+    }
     error = reasonOf(m_settings.device, m_port);
     m_port.clearError();
     return false;
@@ -149,6 +151,18 @@ bool SerialLine::receive(QByteArray& bytes, Duration wait)
 void SerialLine::pause(Duration time)
 {
     QThread::usleep(static_cast<unsigned long>(time.count()));
+}
+
+bool SerialLine::awaitReturn(Duration time)
+{
+    if (!m_return) {
+        const QString& name = m_settings.device;
+        QStringList paths(QDir::current().absoluteFilePath(name)); // also of an absolute name
+        if (!name.startsWith('/'))
+            paths.append(QStringLiteral("/dev/") + name);
+        m_return = std::make_unique<DeviceWatch>(paths);
+    }
+    return m_return->wait(time);
 }
 
 int SerialLine::descriptor() const

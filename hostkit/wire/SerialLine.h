@@ -1,10 +1,13 @@
 #ifndef MICRO850_HOST_SERIALLINE_H
 #define MICRO850_HOST_SERIALLINE_H
 
+#include "DeviceWatch.h"
 #include "Line.h"
 #include "PortSettings.h"
 
 #include <QtSerialPort/QSerialPort>
+
+#include <memory>
 
 namespace micro850::host {
 
@@ -25,12 +28,14 @@ public:
     bool send(const QByteArray& bytes) override;
     bool receive(QByteArray& bytes, Duration wait) override;
     void pause(Duration time) override;
+    bool awaitReturn(Duration time) override;
 
 private:
     int descriptor() const;
 
     PortSettings m_settings;
     QSerialPort m_port;
+    std::unique_ptr<DeviceWatch> m_return; ///< while the device is gone
 };
 
 } // namespace micro850::host

@@ -48,6 +48,18 @@ bool FakeLine::receive(QByteArray& bytes, Duration wait)
     return true;
 }
 
+bool FakeLine::awaitReturn(Duration time)
+{
+    const Duration end = m_clock.now() + time;
+    const bool returns = m_returnAt && *m_returnAt <= end;
+    pause((returns ? std::max(*m_returnAt, m_clock.now()) : end) - m_clock.now());
+    if (returns) {
+        m_present = true;
+        m_returnAt.reset();
+    }
+    return returns;
+}
+
 void FakeLine::arrive(const QByteArray& bytes, int afterMs)
 {
     m_arriving.emplace(m_clock.now() + std::chrono::milliseconds(afterMs), bytes);

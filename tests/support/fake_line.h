@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <vector>
 
 /// A line in memory, on virtual time. A listener gets each piece at once, and its answers arrive
@@ -22,6 +23,7 @@ public:
     bool send(const QByteArray& bytes) override;
     bool receive(QByteArray& bytes, micro850::Duration wait) override;
     void pause(micro850::Duration time) override { m_clock.advance(time); }
+    bool awaitReturn(micro850::Duration time) override;
 
     /// Called with each piece that is sent.
     std::function<void(const QByteArray&)> onSend;
@@ -29,6 +31,8 @@ public:
     void arrive(const QByteArray& bytes, int afterMs = 1);
     /// Removes the device or puts it back.
     void setPresent(bool present) { m_present = present; }
+    /// Puts it back in so many milliseconds, with a sign that it is back.
+    void returnAfter(int ms) { m_returnAt = m_clock.now() + std::chrono::milliseconds(ms); }
     /// While loose, the device can be opened but fails at once, like a loose plug.
     void setLoose(bool loose) { m_loose = loose; }
 
@@ -40,6 +44,7 @@ public:
 private:
     micro850::VirtualClock& m_clock;
     std::multimap<micro850::Duration, QByteArray> m_arriving;
+    std::optional<micro850::Duration> m_returnAt;
     bool m_open = false;
     bool m_present = true;
     bool m_loose = false;

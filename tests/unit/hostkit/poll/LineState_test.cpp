@@ -88,3 +88,17 @@ TEST_F(LineStateTest, LetsTheIntervalGrowUntilBytesFlow)
     intervalsOf(1);
     EXPECT_EQ(line.openedAt.at(0) - lost, 250ms);
 }
+
+TEST_F(LineStateTest, OpensTheLineAtOnceAtASignThatItsDeviceIsBack)
+{
+    state.ensureOpen();
+    line.setPresent(false);
+    state.lose();
+    intervalsOf(5);
+    line.openedAt.clear();
+    line.returnAfter(1234);
+    const micro850::Duration back = clock.now() + 1234ms;
+    while (!state.ensureOpen()) {
+    }
+    EXPECT_EQ(line.openedAt, std::vector<micro850::Duration>{back});
+}
