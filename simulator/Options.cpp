@@ -34,6 +34,10 @@ void declareLine(CLI::App& app, Options& options)
     app.add_option("--port", setup.port,
                    "Serial device; without it a pseudo-terminal is opened and its path printed");
     app.add_option("--baud", setup.baud, "Speed of the serial device, 8N1")->capture_default_str();
+    app.add_option("--listen", options.listen,
+                   "Address to serve one client at a time at, instead of a device or "
+                   "pseudo-terminal (port 0: any free one; with --station: the next ports)")
+        ->type_name("tcp://ADDRESS:PORT");
     app.add_option("--link", setup.link,
                    "Symbolic link to make to the pseudo-terminal (with --station: LINK.N); it "
                    "replaces only one that a killed simulator left");
@@ -66,16 +70,32 @@ void declare(CLI::App& app, Options& options)
                "Exit status: 0 ended by a signal, 1 the line is gone, 2 usage or configuration.");
 }
 
+// A network address has no speed, and no other name.
+void requireOneLine(const Options& options)
+{
+    if (options.listen.empty())
+        return;
+    if (!options.setup.port.empty())
+        throw UserError("--listen and --port are two lines: give one of them");
+    if (!options.setup.link.empty())
+        throw UserError(
+            "--link names a pseudo-terminal, and --listen opens none: give one of them");
+    if (options.hasBaud)
+        throw UserError("--baud is the speed of a serial device, and --listen opens none: leave "
+                        "it out, or give --port");
+}
+
 } // namespace
 
 std::optional<Options> parseOptions(int argc, char** argv)
 {
     Options options;
-    CLI::App app("A simulated Micro850 controller on a pseudo-terminal or serial device.",
+    CLI::App app("A simulated Micro850 controller on a pseudo-terminal, serial device or TCP port.",
                  "micro850-sim");
     declare(app, options);
     try {
         app.parse(argc, argv);
+        options.hasBaud = app.count("--baud") > 0;
     } catch (const CLI::Success& success) {
         std::ostringstream text;
         app.exit(success, text, text);
@@ -97,6 +117,11 @@ StationSetup commonSetup(const Options& options)
     const int sources = !setup.tags.empty() + !setup.replay.empty() + !options.stations.empty();
     if (sources != 1)
         throw UserError("give one of: a tag file, --station N=FILE, --replay FILE");
+    requireOneLine(options);
+    if (!options.listen.empty())
+        setup.listen = parseListenAddress(options.listen);
+    if (setup.listen && !options.stations.empty())
+        setup.listen->following(static_cast<unsigned>(options.stations.size() - 1)); // or throws
     if (!options.stations.empty() && !setup.port.empty())
         throw UserError("--port serves one station; leave it out, or give one tag file");
     return setup;

@@ -15,6 +15,8 @@ struct Options
     StationSetup setup;                ///< as given by the options that apply to all stations
     std::vector<std::string> stations; ///< each `N=FILE`
     std::string faults;                ///< fault script, or ""
+    std::string listen;                ///< address, or ""
+    bool hasBaud = false;              ///< the speed was given
     bool noDuplicateDetection = false;
     double ackTimeout = 1.0; ///< seconds
 };

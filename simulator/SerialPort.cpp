@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 #include <utility>
@@ -51,14 +50,8 @@ void makeRaw(int descriptor, const std::string& path, speed_t speed)
 
 } // namespace
 
-SerialPort::SerialPort(int descriptor, int held, std::string path)
-    : m_descriptor(descriptor), m_held(held), m_path(std::move(path))
-{
-}
-
-SerialPort::SerialPort(SerialPort&& other) noexcept
-    : m_descriptor(std::exchange(other.m_descriptor, -1)), m_held(std::exchange(other.m_held, -1)),
-      m_path(std::move(other.m_path)), m_link(std::move(other.m_link))
+SerialPort::SerialPort(int descriptor, int held, std::string path, const Clock& clock)
+    : m_descriptor(descriptor), m_held(held), m_path(std::move(path)), m_output(clock)
 {
 }
 
@@ -67,11 +60,10 @@ SerialPort::~SerialPort()
     m_link = PortLink(); // removed while the terminal still has its number
     if (m_held >= 0)
         ::close(m_held);
-    if (m_descriptor >= 0)
-        ::close(m_descriptor);
+    ::close(m_descriptor);
 }
 
-SerialPort SerialPort::pseudoTerminal(const std::string& link)
+std::unique_ptr<Port> SerialPort::pseudoTerminal(const std::string& link, const Clock& clock)
 {
     const int master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     std::array<char, 128> name{};
@@ -81,23 +73,28 @@ SerialPort SerialPort::pseudoTerminal(const std::string& link)
     const int slave = ::open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (slave < 0)
         fail(name.data(), "is /dev/pts mounted?");
-    SerialPort port(master, slave, name.data());
+    std::unique_ptr<SerialPort> port(new SerialPort(master, slave, name.data(), clock));
     makeRaw(slave, name.data(), B38400);
     ::fcntl(master, F_SETFL, O_NONBLOCK);
     if (!link.empty())
-        port.m_link = PortLink(link, name.data());
+        port->m_link = PortLink(link, name.data());
     return port;
 }
 
-SerialPort SerialPort::device(const std::string& path, int baud)
+std::unique_ptr<Port> SerialPort::device(const std::string& path, int baud, const Clock& clock)
 {
     const speed_t speed = speedOf(baud);
     const int descriptor = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (descriptor < 0)
         fail("--port " + path, "give a serial device, or leave --port out for a pseudo-terminal");
-    SerialPort port(descriptor, -1, path);
+    std::unique_ptr<Port> port(new SerialPort(descriptor, -1, path, clock));
     makeRaw(descriptor, path, speed);
     return port;
+}
+
+std::vector<pollfd> SerialPort::waits() const
+{
+    return {{m_descriptor, static_cast<short>(m_output.isEmpty() ? POLLIN : POLLIN | POLLOUT), 0}};
 }
 
 Bytes SerialPort::read(bool& gone)
@@ -110,18 +107,10 @@ Bytes SerialPort::read(bool& gone)
 
 void SerialPort::write(const Bytes& bytes)
 {
-    constexpr int kPatience = 1000; // milliseconds for a peer that does not read
-    std::size_t sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t count = ::write(m_descriptor, bytes.data() + sent, bytes.size() - sent);
-        if (count > 0) {
-            sent += static_cast<std::size_t>(count);
-            continue;
-        }
-        pollfd wait = {m_descriptor, POLLOUT, 0};
-        if ((errno != EAGAIN && errno != EINTR) || ::poll(&wait, 1, kPatience) <= 0)
-            return;
-    }
+    m_output.add(bytes);
+    m_output.flush([this](const std::uint8_t* data, std::size_t count) {
+        return ::write(m_descriptor, data, count);
+    });
 }
 
 } // namespace micro850::sim

@@ -1,43 +1,39 @@
 #ifndef MICRO850_SIMULATOR_SERIALPORT_H
 #define MICRO850_SIMULATOR_SERIALPORT_H
 
-#include "Bytes.h"
+#include "OutputQueue.h"
+#include "Port.h"
 #include "PortLink.h"
 
-#include <string>
+#include <memory>
 
 namespace micro850::sim {
 
-/// The controller's end of a line: a new pseudo-terminal, or a serial device.
-class SerialPort
+/// A line on a new pseudo-terminal or a serial device.
+class SerialPort : public Port
 {
 public:
     /// Opens a pseudo-terminal; path() is the path of the host's end. If `link` is not empty, makes
     /// this PortLink to it. Throws UserError.
-    static SerialPort pseudoTerminal(const std::string& link);
+    static std::unique_ptr<Port> pseudoTerminal(const std::string& link, const Clock& clock);
     /// Opens a device at `baud`, 8 data bits, no parity, 1 stop bit. Throws UserError.
-    static SerialPort device(const std::string& path, int baud);
+    static std::unique_ptr<Port> device(const std::string& path, int baud, const Clock& clock);
 
-    SerialPort(SerialPort&& other) noexcept;
-    SerialPort& operator=(SerialPort&&) = delete;
-    ~SerialPort();
+    ~SerialPort() override;
 
-    const std::string& path() const { return m_path; }
-    int descriptor() const { return m_descriptor; }
-
-    /// Returns the bytes that have arrived, without waiting. `gone` is set when the device has
-    /// vanished.
-    Bytes read(bool& gone);
-    /// Sends all bytes. Bytes that nobody reads are lost, as on a wire.
-    void write(const Bytes& bytes);
+    std::string path() const override { return m_path; }
+    std::vector<pollfd> waits() const override;
+    Bytes read(bool& gone) override;
+    void write(const Bytes& bytes) override;
 
 private:
-    SerialPort(int descriptor, int held, std::string path);
+    SerialPort(int descriptor, int held, std::string path, const Clock& clock);
 
     int m_descriptor;
     int m_held; ///< the host's end, kept open so that hosts can come and go
     std::string m_path;
     PortLink m_link;
+    OutputQueue m_output;
 };
 
 } // namespace micro850::sim

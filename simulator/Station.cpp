@@ -1,5 +1,7 @@
 #include "Station.h"
 
+#include "NetworkPort.h"
+#include "SerialPort.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VisibleText.h"
@@ -37,26 +39,52 @@ Station::Station(StationSetup setup)
         m_replay.emplace(trace.records, m_setup.replay);
         m_controller.answerWith([this](const Bytes& message) { return answerFromTrace(message); });
     }
+    if (m_setup.listen && !m_setup.listen->isLoopback())
+        report("anybody who reaches " + m_setup.listen->host + " can read and write every value");
     open();
+}
+
+std::unique_ptr<Port> Station::madePort()
+{
+    if (m_setup.listen) {
+        auto port = std::make_unique<NetworkPort>(
+            *m_setup.listen, m_clock, [this](const std::string& note) { report(note); });
+        m_setup.listen = port->address(); // the same port again after the line hung up
+        return port;
+    }
+    return m_setup.port.empty() ? SerialPort::pseudoTerminal(m_setup.link, m_clock)
+                                : SerialPort::device(m_setup.port, m_setup.baud, m_clock);
 }
 
 void Station::open()
 {
-    m_port = std::make_unique<SerialPort>(m_setup.port.empty()
-                                              ? SerialPort::pseudoTerminal(m_setup.link)
-                                              : SerialPort::device(m_setup.port, m_setup.baud));
+    m_port = madePort();
     writeStandardOutput(m_setup.name + (m_setup.name.empty() ? "" : ": ") + m_port->path() + "\n");
+}
+
+void Station::openAgain()
+{
+    try {
+        open();
+        m_waitsForAddress = false;
+    } catch (const UserError& error) {
+        if (!m_setup.listen)
+            throw;
+        if (!m_waitsForAddress)
+            report(std::string(error.what()) + "; trying again");
+        m_waitsForAddress = true;
+    }
 }
 
 void Station::serve()
 {
     if (!m_port && !m_line.isHungUp())
-        open();
+        openAgain();
     if (m_port)
         receive();
     m_line.tick();
     const Bytes out = m_line.transmit();
-    if (m_port && !out.empty())
+    if (m_port)
         m_port->write(out);
     if (m_line.isHungUp())
         m_port.reset();

@@ -3,8 +3,9 @@
 
 #include "Command.h"
 #include "FaultyLine.h"
+#include "ListenAddress.h"
+#include "Port.h"
 #include "Replay.h"
-#include "SerialPort.h"
 
 #include <memory>
 
@@ -19,6 +20,7 @@ struct StationSetup
     std::string port;   ///< serial device; "" for a pseudo-terminal
     std::string link;   ///< symbolic link to the pseudo-terminal, or ""
     int baud = 38400;
+    std::optional<ListenAddress> listen; ///< instead of a device: where a client finds the line
     LinkOptions options;
     std::optional<std::size_t> connections; ///< most that can be open; none: any number
     FaultScript faults;
@@ -34,8 +36,10 @@ public:
     /// Opens the line. Throws UserError.
     explicit Station(StationSetup setup);
 
-    /// The descriptor to wait for; below 0 while the line is hung up.
-    int descriptor() const { return m_port ? m_port->descriptor() : -1; }
+    /// False while the line is hung up.
+    bool isOpen() const { return m_port != nullptr; }
+    /// The descriptors to wait for; none while the line is hung up.
+    std::vector<pollfd> waits() const { return m_port ? m_port->waits() : std::vector<pollfd>(); }
     /// Receives what has arrived and sends what is due. Throws UserError when the device has
     /// vanished.
     void serve();
@@ -47,7 +51,9 @@ public:
 private:
     void printStatus();
     static TagTable loadTags(const StationSetup& setup);
+    std::unique_ptr<Port> madePort();
     void open();
+    void openAgain();
     void receive();
     std::optional<Bytes> answerFromTrace(const Bytes& message);
     void report(const std::string& text) const;
@@ -57,7 +63,8 @@ private:
     Controller m_controller;
     FaultyLine m_line;
     std::optional<Replay> m_replay;
-    std::unique_ptr<SerialPort> m_port;
+    std::unique_ptr<Port> m_port;
+    bool m_waitsForAddress = false; ///< another program has it since the line hung up
 };
 
 } // namespace micro850::sim

@@ -41,15 +41,19 @@ void Stations::add(StationSetup setup, const std::string& numbered)
     setup.name = "station " + std::to_string(number);
     if (!setup.link.empty())
         setup.link += '.' + std::to_string(number);
+    if (setup.listen)
+        setup.listen = setup.listen->following(static_cast<unsigned>(m_stations.size()));
     m_stations.emplace_back(number, std::move(setup));
 }
 
-std::vector<int> Stations::descriptors() const
+std::vector<pollfd> Stations::waits() const
 {
-    std::vector<int> descriptors;
-    for (const Numbered& each : m_stations)
-        descriptors.push_back(each.station.descriptor());
-    return descriptors;
+    std::vector<pollfd> waits;
+    for (const Numbered& each : m_stations) {
+        const std::vector<pollfd> more = each.station.waits();
+        waits.insert(waits.end(), more.begin(), more.end());
+    }
+    return waits;
 }
 
 void Stations::serve()

@@ -18,8 +18,8 @@ public:
     /// Throws UserError.
     Stations(const StationSetup& setup, const std::vector<std::string>& numbered);
 
-    /// The descriptors to wait for; below 0 for a line that is hung up.
-    std::vector<int> descriptors() const;
+    /// The descriptors of all lines to wait for.
+    std::vector<pollfd> waits() const;
     /// Receives and sends on every line. Throws UserError when a device has vanished.
     void serve();
     /// Executes a typed line for the station that it names, or for all. Reports a wrong command,

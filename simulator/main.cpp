@@ -36,15 +36,14 @@ void installSignalHandlers()
     std::signal(SIGHUP, requestDownload);
 }
 
-/// Waits until a line or the command input is readable, but no longer than so many milliseconds.
+/// Waits until a line or the command input is ready, but no longer than so many milliseconds.
 /// Returns true when a command can be read.
 bool waitForInput(const Stations& stations, const CommandInput& input, int milliseconds)
 {
-    std::vector<pollfd> waits = {{input.descriptor(), POLLIN, 0}};
-    for (const int descriptor : stations.descriptors())
-        waits.push_back({descriptor, POLLIN, 0});
+    std::vector<pollfd> waits = stations.waits();
+    waits.push_back({input.descriptor(), POLLIN, 0});
     const int ready = ::poll(waits.data(), waits.size(), milliseconds);
-    return ready > 0 && waits[0].revents != 0;
+    return ready > 0 && waits.back().revents != 0;
 }
 
 int run(const Options& options)

@@ -4,10 +4,13 @@
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 
+#include <arpa/inet.h>
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -155,6 +158,18 @@ public:
     {
         EXPECT_GE(m_descriptor, 0);
     }
+    /// Connects to the address that the simulator prints.
+    static RawPort connectedTo(const QByteArray& address)
+    {
+        sockaddr_in to{};
+        to.sin_family = AF_INET;
+        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        to.sin_port = htons(address.mid(address.lastIndexOf(':') + 1).toUShort());
+        const int made = ::socket(AF_INET, SOCK_STREAM, 0);
+        EXPECT_EQ(::connect(made, reinterpret_cast<const sockaddr*>(&to), sizeof to), 0)
+            << address.toStdString();
+        return RawPort(made);
+    }
     ~RawPort() { ::close(m_descriptor); }
     RawPort(const RawPort&) = delete;
     RawPort& operator=(const RawPort&) = delete;
@@ -173,13 +188,23 @@ public:
             if (::poll(&wait, 1, limitMs) <= 0)
                 break;
             char byte = 0;
-            if (::read(m_descriptor, &byte, 1) == 1)
-                got.append(byte);
+            if (::read(m_descriptor, &byte, 1) != 1)
+                break;
+            got.append(byte);
         }
         return got;
     }
+    /// True when the other end has closed.
+    bool wasClosed()
+    {
+        pollfd wait = {m_descriptor, POLLIN, 0};
+        char byte = 0;
+        return ::poll(&wait, 1, kLimitMs) == 1 && ::read(m_descriptor, &byte, 1) <= 0;
+    }
 
 private:
+    explicit RawPort(int descriptor) : m_descriptor(descriptor) {}
+
     int m_descriptor;
 };
 
@@ -239,6 +264,98 @@ TEST_F(SimulatorProgram, ExecutesARepeatedMessageAgainOnlyWithTheOption)
         EXPECT_TRUE(says(again ? "2 messages, 0 corrupt, 0 repeated"
                                : "1 messages, 0 corrupt, 1 repeated"));
     }
+}
+
+TEST_F(SimulatorProgram, ServesOneClientAtATimeAtAnAddress)
+{
+    start({file("a.json", kTags), "--listen", "tcp://127.0.0.1:0"});
+    ASSERT_TRUE(says("tcp://127.0.0.1:", QProcess::StandardOutput));
+    const QByteArray address = m_lastLine;
+    {
+        RawPort first = RawPort::connectedTo(address);
+        first.send(bytesOf(kIdentity));
+        EXPECT_EQ(first.receive(kIdentityReply).size(), kIdentityReply);
+        RawPort second = RawPort::connectedTo(address);
+        EXPECT_TRUE(second.wasClosed());
+        EXPECT_TRUE(says("a second client, tcp://127.0.0.1:"));
+        EXPECT_TRUE(m_lastLine.endsWith(" is sent away: the line has one client at a time"));
+        first.send(bytesOf("1005")); // asks for the last acknowledgement
+        EXPECT_EQ(first.receive(2).toHex(), "1006") << "the first client is not disturbed";
+        first.send(bytesOf("1002 0001"));
+    }
+    // The controller went on as after a cable was pulled.
+    RawPort next = RawPort::connectedTo(address);
+    next.send(bytesOf("1006 1005"));
+    EXPECT_TRUE(next.receive(2).startsWith("\x10"));
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(says("1 messages"));
+}
+
+TEST_F(SimulatorProgram, ServesItsStationsAtPortsOneAfterTheOther)
+{
+    const QStringList stations = {"--station", "5=" + file("a.json", kTags), "--station",
+                                  "2=" + file("b.json", kTags)};
+    start(stations + QStringList{"--listen", "tcp://127.0.0.1:0"});
+    ASSERT_TRUE(says("station 5: tcp://127.0.0.1:", QProcess::StandardOutput));
+    const int first = m_lastLine.mid(m_lastLine.lastIndexOf(':') + 1).toInt();
+    ASSERT_TRUE(says("station 2: tcp://127.0.0.1:", QProcess::StandardOutput));
+    const QByteArray second = m_lastLine;
+    EXPECT_NE(second.mid(second.lastIndexOf(':') + 1).toInt(), first);
+    RawPort port = RawPort::connectedTo(second);
+    port.send(bytesOf(kIdentity));
+    EXPECT_EQ(port.receive(kIdentityReply).size(), kIdentityReply);
+    EXPECT_EQ(end(SIGTERM), 0);
+    EXPECT_TRUE(says("station 2: 1 messages"));
+
+    EXPECT_NE(complaint(stations + QStringList{"--listen", "tcp://192.0.2.1:2000", "--quiet"})
+                  .find("--listen tcp://192.0.2.1:2000: "),
+              std::string::npos);
+}
+
+TEST_F(SimulatorProgram, NotesThatOthersCanWriteValuesAtAnAddressThatTheyReach)
+{
+    start({file("a.json", kTags), "--listen", "tcp://0.0.0.0:0"});
+    ASSERT_TRUE(says("tcp://0.0.0.0:", QProcess::StandardOutput));
+    EXPECT_TRUE(says("anybody who reaches 0.0.0.0 can read and write every value"));
+    EXPECT_EQ(end(SIGTERM), 0);
+}
+
+TEST_F(SimulatorProgram, RefusesAWrongAddressAndOptionsThatContradictIt)
+{
+    const QString tags = file("a.json", kTags);
+    const QStringList listen = {tags, "--listen", "tcp://127.0.0.1:0"};
+    EXPECT_EQ(complaint({tags, "--listen", "tcp://plc:2000"}),
+              "micro850-sim: --listen tcp://plc:2000: \"plc\" is not a numeric address (like "
+              "tcp://127.0.0.1:2000 or tcp://[::1]:2000; port 0 is any free one)");
+    EXPECT_EQ(complaint(listen + QStringList{"--port", "/dev/ttyS0"}),
+              "micro850-sim: --listen and --port are two lines: give one of them");
+    EXPECT_EQ(complaint(listen + QStringList{"--link", path("plc")}),
+              "micro850-sim: --link names a pseudo-terminal, and --listen opens none: give one of "
+              "them");
+    EXPECT_EQ(complaint(listen + QStringList{"--baud", "38400"}),
+              "micro850-sim: --baud is the speed of a serial device, and --listen opens none: "
+              "leave it out, or give --port");
+    EXPECT_EQ(complaint({"--station", "1=" + tags, "--station", "2=" + tags, "--listen",
+                         "tcp://[::1]:65535"}),
+              "micro850-sim: --listen tcp://[::1]:65535: the stations have ports one after the "
+              "other, and 65535 is the last one (choose a lower port, or 0)");
+}
+
+TEST_F(SimulatorProgram, ClosesTheConnectionAtAHangUpAndServesTheNextOneLater)
+{
+    start({file("a.json", kTags), "--listen", "tcp://127.0.0.1:0", "--faults",
+           file("f.json", R"({"faults": [{"fault": "hang-up", "message": 1, "seconds": 0.2}]})")});
+    ASSERT_TRUE(says("tcp://127.0.0.1:", QProcess::StandardOutput));
+    const QByteArray address = m_lastLine;
+    RawPort port = RawPort::connectedTo(address);
+    port.send(bytesOf(kIdentity));
+    EXPECT_TRUE(port.wasClosed());
+    ASSERT_TRUE(says("tcp://127.0.0.1:", QProcess::StandardOutput)) << "it listens again";
+    EXPECT_EQ(m_lastLine, address);
+    RawPort again = RawPort::connectedTo(address);
+    again.send(bytesOf("1005"));
+    EXPECT_EQ(again.receive(2).size(), 2);
+    EXPECT_EQ(end(SIGTERM), 0);
 }
 
 TEST_F(SimulatorProgram, ReportsEachFaultAndRepeatsThemWithTheSameSeed)

@@ -1,5 +1,7 @@
 #include "simulator_thread.h"
 
+#include "SerialPort.h"
+
 #include <poll.h>
 
 using namespace micro850;
@@ -57,20 +59,20 @@ void SimulatorThread::pullCable()
 void SimulatorThread::putCableBack()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_port = std::make_unique<SerialPort>(SerialPort::pseudoTerminal(m_link));
+    m_port = SerialPort::pseudoTerminal(m_link, m_clock);
 }
 
 void SimulatorThread::serve()
 {
     constexpr int kWait = 5; // milliseconds between two checks of m_stop
     while (!m_stop) {
-        pollfd wait = {-1, POLLIN, 0};
+        std::vector<pollfd> waits;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (m_port)
-                wait.fd = m_port->descriptor();
+                waits = m_port->waits();
         }
-        ::poll(&wait, 1, kWait);
+        ::poll(waits.data(), waits.size(), kWait);
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (!m_port)
             continue;
@@ -80,8 +82,6 @@ void SimulatorThread::serve()
             continue;
         m_line.receive(bytes);
         m_line.tick();
-        const Bytes out = m_line.transmit();
-        if (!out.empty())
-            m_port->write(out);
+        m_port->write(m_line.transmit());
     }
 }

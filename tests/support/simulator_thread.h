@@ -2,7 +2,7 @@
 #define MICRO850_TESTS_SIMULATOR_THREAD_H
 
 #include "FaultyLine.h"
-#include "SerialPort.h"
+#include "Port.h"
 
 #include <atomic>
 #include <functional>
@@ -44,7 +44,7 @@ private:
     micro850::sim::FaultyLine m_line;
     std::string m_link;
     std::mutex m_mutex;
-    std::unique_ptr<micro850::sim::SerialPort> m_port;
+    std::unique_ptr<micro850::sim::Port> m_port;
     std::atomic<bool> m_silent{false};
     std::atomic<bool> m_stop{false};
     std::thread m_thread;

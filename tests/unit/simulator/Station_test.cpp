@@ -2,8 +2,10 @@
 
 #include "Station.h"
 
+#include "NetworkPort.h"
 #include "UserError.h"
 #include "bytes.h"
+#include "client.h"
 
 #include <array>
 #include <cstdlib>
@@ -72,7 +74,7 @@ protected:
         return made;
     }
     /// Serves until `count` bytes have arrived at the host.
-    Bytes served(Station& station, HostEnd& host, std::size_t count)
+    template<typename Host> Bytes served(Station& station, Host& host, std::size_t count)
     {
         Bytes got;
         for (int i = 0; i < kAttempts && got.size() < count; ++i) {
@@ -81,6 +83,36 @@ protected:
             ::usleep(1000);
         }
         return got;
+    }
+
+    /// A station at a free port that hangs up for a moment with the first message. Its address is
+    /// what it prints.
+    StationSetup networkSetup()
+    {
+        StationSetup made = setup();
+        made.link.clear();
+        made.quiet = true;
+        made.listen = parseListenAddress("tcp://127.0.0.1:0");
+        made.faults = faultsFromText(
+            R"({"faults": [{"fault": "hang-up", "message": 1, "seconds": 0.05}]})", "f");
+        return made;
+    }
+    static ListenAddress openedAddress(const StationSetup& made, std::unique_ptr<Station>& station)
+    {
+        ::testing::internal::CaptureStdout();
+        station = std::make_unique<Station>(made);
+        std::string printed = ::testing::internal::GetCapturedStdout();
+        EXPECT_EQ(printed.back(), '\n');
+        printed.pop_back();
+        return parseListenAddress(printed);
+    }
+    template<typename Condition> static bool serveUntil(Station& station, Condition condition)
+    {
+        for (int i = 0; i < kAttempts && !condition(); ++i) {
+            station.serve();
+            ::usleep(1000);
+        }
+        return condition();
     }
 
 private:
@@ -104,12 +136,12 @@ TEST_F(StationTest, ClosesItsEndWhileHungUpAndOpensItAgain)
     Station station(made);
     HostEnd host(path("plc"));
     host.send(kIdentity);
-    for (int i = 0; i < kAttempts && station.descriptor() >= 0; ++i) {
+    for (int i = 0; i < kAttempts && station.isOpen(); ++i) {
         station.serve();
         ::usleep(1000);
     }
     EXPECT_FALSE(std::filesystem::exists(path("plc")));
-    for (int i = 0; i < kAttempts && station.descriptor() < 0; ++i) {
+    for (int i = 0; i < kAttempts && !station.isOpen(); ++i) {
         station.serve();
         ::usleep(1000);
     }
@@ -117,6 +149,61 @@ TEST_F(StationTest, ClosesItsEndWhileHungUpAndOpensItAgain)
     again.send(kIdentity);
     // The controller acknowledges the same message and recognises it as a repeat.
     EXPECT_EQ(text(served(station, again, 2)), "10 06");
+}
+
+TEST_F(StationTest, ClosesItsConnectionWhileHungUpAndListensAtTheSamePortAgain)
+{
+    std::unique_ptr<Station> station;
+    const ListenAddress address = openedAddress(networkSetup(), station);
+    Client client(address);
+    EXPECT_EQ(client.send(kIdentity), kIdentity.size());
+    ASSERT_TRUE(serveUntil(*station, [&] { return !station->isOpen(); }));
+    EXPECT_TRUE(serveUntil(*station, [&] { return client.read(), client.wasSentAway(); }));
+    ASSERT_TRUE(serveUntil(*station, [&] { return station->isOpen(); }));
+    Client again(address);
+    ASSERT_TRUE(again.isConnected());
+    EXPECT_EQ(again.send(kIdentity), kIdentity.size());
+    EXPECT_EQ(text(served(*station, again, 2)), "10 06");
+}
+
+TEST_F(StationTest, WaitsForItsPortWhenAnotherProgramHasItAfterAHangUp)
+{
+    std::unique_ptr<Station> station;
+    const ListenAddress address = openedAddress(networkSetup(), station);
+    {
+        Client client(address);
+        EXPECT_EQ(client.send(kIdentity), kIdentity.size());
+        ASSERT_TRUE(serveUntil(*station, [&] { return !station->isOpen(); }));
+    }
+    SystemClock clock;
+    auto other = std::make_unique<NetworkPort>(address, clock, [](const std::string&) {});
+    for (int i = 0; i < 200; ++i) { // four times the hang-up
+        station->serve();
+        EXPECT_FALSE(station->isOpen());
+        ::usleep(1000);
+    }
+    other.reset();
+    EXPECT_TRUE(serveUntil(*station, [&] { return station->isOpen(); }));
+    EXPECT_TRUE(Client(address).isConnected());
+}
+
+// As after a cable was pulled: the next message is received whole, and the controller still knows
+// the connection and the message before.
+TEST_F(StationTest, ReceivesTheNextClientsMessageAfterOneThatStoppedInTheMiddle)
+{
+    StationSetup made = networkSetup();
+    made.faults = FaultScript();
+    std::unique_ptr<Station> station;
+    const ListenAddress address = openedAddress(made, station);
+    {
+        Client client(address);
+        EXPECT_EQ(client.send(Bytes(kIdentity.begin() + 2, kIdentity.begin() + 11)), 9u);
+        ASSERT_TRUE(serveUntil(*station, [&] { return station->waits().size() == 2; }));
+    }
+    Client next(address);
+    ASSERT_TRUE(next.isConnected());
+    EXPECT_EQ(next.send(kIdentity), kIdentity.size());
+    EXPECT_EQ(served(*station, next, 61).size(), 61u);
 }
 
 TEST_F(StationTest, DownloadsATagFileAndKeepsItsTagsWhenTheFileIsWrong)
