@@ -50,14 +50,10 @@ void requireOpen(Line& line, const PortSettings& port)
     QString error;
     if (line.open(error))
         return;
-    if (port.isNetwork()) {
-        throw UserError(
-            (port.device + QStringLiteral(": cannot be opened: ") + error).toStdString(),
-            kExitRefused);
-    }
-    throw UserError((port.device + QStringLiteral(": cannot be opened: ") + error +
-                     QStringLiteral(" (choose the port with --port)"))
-                        .toStdString());
+    const QString text = port.device + QStringLiteral(": cannot be opened: ") + error;
+    if (port.isNetwork())
+        throw UserError(text.toStdString(), kExitRefused);
+    throw UserError((text + QStringLiteral(" (choose the port with --port)")).toStdString());
 }
 
 Connection::Connection(const LineOptions& options, const Project& project)

@@ -6,6 +6,7 @@
 #include "UserError.h"
 #include "Visible.h"
 
+#include <functional>
 #include <memory>
 
 namespace micro850::host {
@@ -67,6 +68,22 @@ Json reportObject(const PortSettings& port, const ProbeResult& result)
     return object;
 }
 
+// A scan goes on where a device server cannot set one of the speeds.
+ProbeResult probeOnce(Line& line, const PortSettings& port, const ProbeOptions& options,
+                      const std::function<ProbeResult()>& probe)
+{
+    try {
+        requireOpen(line, port);
+    } catch (const UserError&) {
+        if (!options.scan || !line.refusesSettings())
+            throw;
+        ProbeResult result;
+        result.error = line.lossReason();
+        return result;
+    }
+    return probe();
+}
+
 int run(const ProbeOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
@@ -95,8 +112,9 @@ int run(const ProbeOptions& options)
         PortSettings port = project.port;
         port.baud = speeds.at(i);
         const std::unique_ptr<Line> line = lineFor(port);
-        requireOpen(*line, port);
-        const ProbeResult result = prober.probe(*line, clock, port, trace.observer());
+        const ProbeResult result = probeOnce(*line, port, options, [&] {
+            return prober.probe(*line, clock, port, trace.observer());
+        });
         line->close();
         progress.clear();
         if (result.answered) {

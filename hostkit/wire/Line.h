@@ -37,6 +37,8 @@ public:
         return false;
     }
 
+    /// Whether the last open() failed only because of speed or format: others may work.
+    virtual bool refusesSettings() const { return false; }
     /// Why a call failed, for messages.
     virtual QString lossReason() const { return QStringLiteral("the device is gone"); }
     /// The measured time that bytes need to the far end of the line and back, besides their time on

@@ -1,6 +1,7 @@
 #include "LineFactory.h"
 
 #include "NetworkAddress.h"
+#include "Rfc2217Line.h"
 #include "SerialLine.h"
 #include "TcpLine.h"
 
@@ -10,7 +11,10 @@ std::unique_ptr<Line> lineFor(const PortSettings& settings)
 {
     if (!settings.isNetwork())
         return std::make_unique<SerialLine>(settings);
-    return std::make_unique<TcpLine>(networkAddress(settings.device), settings);
+    const NetworkAddress address = networkAddress(settings.device);
+    if (address.protocol == NetworkAddress::Protocol::Rfc2217)
+        return std::make_unique<Rfc2217Line>(address, settings);
+    return std::make_unique<TcpLine>(address, settings);
 }
 
 } // namespace micro850::host

@@ -55,8 +55,7 @@ TcpLine::Start TcpLine::start(QString& error)
     for (Duration now = m_clock.now(); now < until; now = m_clock.now()) {
         QByteArray bytes;
         if (!m_socket.read(bytes, until - now)) {
-            error = QStringLiteral("%1 closed the connection at once (does another client use it?)")
-                        .arg(m_address.text());
+            error = busyText();
             return Start::Busy;
         }
         if (speaksTelnet(bytes)) {
@@ -65,6 +64,12 @@ TcpLine::Start TcpLine::start(QString& error)
         }
     }
     return Start::Ready;
+}
+
+QString TcpLine::busyText() const
+{
+    return QStringLiteral("%1 closed the connection at once (does another client use it?)")
+        .arg(m_address.text());
 }
 
 void TcpLine::close()

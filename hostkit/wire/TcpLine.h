@@ -32,6 +32,7 @@ protected:
     };
     /// Makes a new connection ready. The reason in `error` unless it is.
     virtual Start start(QString& error);
+    QString busyText() const;
 
     const NetworkAddress& address() const { return m_address; }
     const PortSettings& settings() const { return m_settings; }

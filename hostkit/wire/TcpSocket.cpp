@@ -143,8 +143,13 @@ bool TcpSocket::connectTo(const SocketAddress& address, QString& error)
 
 void TcpSocket::close()
 {
-    if (m_descriptor >= 0)
-        ::close(m_descriptor);
+    if (m_descriptor < 0)
+        return;
+    // Bytes that nobody has read would break the connection off, and what was sent last with it.
+    QByteArray dropped;
+    ::shutdown(m_descriptor, SHUT_WR);
+    readArrived(dropped);
+    ::close(m_descriptor);
     m_descriptor = -1;
 }
 
