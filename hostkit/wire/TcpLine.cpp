@@ -68,7 +68,8 @@ TcpLine::Start TcpLine::start(QString& error)
 
 QString TcpLine::busyText() const
 {
-    return QStringLiteral("%1 closed the connection at once (does another client use it?)")
+    return QStringLiteral("%1 closed the connection at once (another client uses it, or its serial "
+                          "port cannot be opened)")
         .arg(m_address.text());
 }
 

@@ -38,6 +38,14 @@ template<typename Value> void setOption(int descriptor, int level, int name, Val
     ::setsockopt(descriptor, level, name, &value, sizeof value);
 }
 
+// Many servers send a reply in two pieces, the second only when the first is acknowledged. The
+// system would acknowledge it 40 ms later. It forgets this option with the next packets: set it
+// before each wait.
+void acknowledgeAtOnce(int descriptor)
+{
+    setOption(descriptor, IPPROTO_TCP, TCP_QUICKACK, 1);
+}
+
 void setOptions(int descriptor)
 {
     setOption(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -178,6 +186,7 @@ bool TcpSocket::read(QByteArray& bytes, Duration wait)
 {
     if (!m_lossReason.isEmpty() || !isOpen())
         return false;
+    acknowledgeAtOnce(m_descriptor);
     pollfd input = {m_descriptor, POLLIN, 0};
     // A signal ends the wait, like a silence does, so that the caller sees what its handler set.
     if (::poll(&input, 1, pollTimeout(wait)) <= 0)
