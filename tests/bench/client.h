@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <sys/resource.h>
 
 /// The task of every client: the device, its speed, the number of registers or elements, the number
 /// of reads.
@@ -33,16 +34,33 @@ inline Task taskFrom(int argc, char** argv)
 class Stopwatch
 {
 public:
-    void start() { m_start = nanoseconds(); }
-    /// Prints the time of one read.
+    void start()
+    {
+        m_start = nanoseconds();
+        ::getrusage(RUSAGE_SELF, &m_before);
+    }
+    /// Prints for one read: its time, the processor's time for the program and for the system's
+    /// part, and how often the program slept and was woken.
     void report(int reads) const
     {
-        std::printf("microseconds %.3f\n",
-                    static_cast<double>(nanoseconds() - m_start) / 1000 / reads);
+        rusage now{};
+        ::getrusage(RUSAGE_SELF, &now);
+        const auto each = [reads](double sum) { return sum / reads; };
+        std::printf("microseconds %.3f user %.3f system %.3f wakeups %.3f\n",
+                    each(static_cast<double>(nanoseconds() - m_start) / 1000),
+                    each(microseconds(now.ru_utime) - microseconds(m_before.ru_utime)),
+                    each(microseconds(now.ru_stime) - microseconds(m_before.ru_stime)),
+                    each(static_cast<double>(now.ru_nvcsw - m_before.ru_nvcsw)));
     }
 
 private:
+    static double microseconds(const timeval& time)
+    {
+        return static_cast<double>(time.tv_sec) * 1e6 + static_cast<double>(time.tv_usec);
+    }
+
     std::int64_t m_start = 0;
+    rusage m_before{};
 };
 
 #endif

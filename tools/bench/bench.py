@@ -1,7 +1,7 @@
 """Measures the driver and prints tables; called by scripts/bench.
 
-bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line, gap and
-reaction. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables between their marks
+bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [SECTION...]: sections are cost, growth, peers, line,
+adapter, gap, reaction and panel. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables between their marks
 in the document, and copies the plots to the document's folder.
 """
 
@@ -9,14 +9,17 @@ import argparse
 import json
 import os
 
+import adapter
 import clients
 import cost
 import gap
 import line
 import measure
+import panel
 import report
 
-ON_A_LINE = {"peers": line.peers, "line": line.line, "gap": gap.gap, "reaction": line.reaction}
+ON_A_LINE = {"peers": line.peers, "line": line.line, "adapter": adapter.adapter, "gap": gap.gap,
+             "reaction": line.reaction, "panel": panel.panel}
 SECTIONS = cost.SECTIONS + list(ON_A_LINE)
 
 

@@ -21,6 +21,7 @@ HOST = "reference host"
 SIZES = {client: [1, 10, 62 if client == HOST else 125] for client in CLIENTS}
 BAUDS = [9600, 38400, 115200]
 BITS_OF_BYTE = 10
+COUNTED_BAUD = 9600  # slow enough that a client under valgrind still gets each byte alone
 SETTLING = 12  # requests until the connection is made and the cycle runs
 WORST_DATA = 0x10101010  # every byte is doubled on the wire
 
@@ -78,14 +79,18 @@ class Bench:
     def command(self, client, values, reads, device=None, baud=115200):
         return [self.program(CLIENTS[client]), device or self.devices[client], str(baud), str(values), str(reads)]
 
-    def paced(self, client, values, baud, seconds, device=None, *, timer=None, env=None, prefix=()):
-        """A client reads for some seconds over a line of this speed; `timer` is the latency timer of an adapter in
-        milliseconds, `prefix` a program that runs the client."""
+    def reads_in(self, client, values, baud, seconds, timer=None):
+        """About as many reads as a line of this speed carries in this time."""
         expected = 70 + 4 * values if client == HOST else 13 + 2 * values
-        reads = SETTLING + max(10, int(seconds * baud / BITS_OF_BYTE / expected))
+        duration = expected * BITS_OF_BYTE / baud + (timer or 0) / 1000
+        return max(10, int(seconds / duration))
+
+    def paced(self, client, values, baud, reads, device=None, *, timer=None, env=None, prefix=()):
+        """A client reads over a line of this speed; `timer` is the latency timer of an adapter in milliseconds, `prefix`
+        a program that runs the client."""
         line = [self.program("paced_line"), device or self.devices[client], str(baud)]
         with running(line + (["--timer", str(timer)] if timer else [])) as (path, process):
-            command = [*prefix, *self.command(client, values, reads, device=path, baud=baud)]
+            command = [*prefix, *self.command(client, values, SETTLING + reads, device=path, baud=baud)]
             output = measure.output_of(command, env=dict(os.environ, **(env or {}))).stdout
             process.terminate()
             lines = process.stdout.read().split("\n")

@@ -9,10 +9,9 @@ client's own part, the system takes the bytes and wakes the line.
 import statistics
 
 import measure
-from clients import CLIENTS, HOST, SIZES, exchanges, percentile
+from clients import CLIENTS, COUNTED_BAUD, HOST, SIZES, exchanges, percentile
 
 BAUDS = [38400, 115200]
-COUNTED_BAUD = 9600  # valgrind is slow; at this speed the client still gets each byte alone, as on a line
 COUNTED_GAPS = 100
 LIBRARY = "libbench_marks.so"
 PARTS = {"libmicro850.so": "driver", "client_": "host kit", "libQt5": "Qt", "libc": "C library", "libm": "C library"}
@@ -43,7 +42,7 @@ def gaps_of(runs, marks):
 
 def timed(bench, client, values, baud, seconds):
     path = f"{bench.scratch}/marks"
-    passed = bench.paced(client, values, baud, seconds,
+    passed = bench.paced(client, values, baud, bench.reads_in(client, values, baud, seconds),
                          env={"LD_PRELOAD": bench.program(LIBRARY), "BENCH_MARKS": path})
     parts = gaps_of(passed.runs, marks_of(path))
     woken, own, emptying, sent = zip(*parts)
@@ -65,8 +64,7 @@ def counted(bench, client, values=1):
     """Instructions between the marks, by function."""
     gaps = 30 if bench.quick else COUNTED_GAPS
     trace = f"{bench.out_dir}/gap-{CLIENTS[client]}.callgrind"
-    seconds = (gaps + 10) * 0.001 * (70 if client == HOST else 15) * 1.1
-    bench.paced(client, values, COUNTED_BAUD, seconds,
+    bench.paced(client, values, COUNTED_BAUD, gaps + 5,
                 env={"LD_PRELOAD": bench.program(LIBRARY), "BENCH_COUNTED_GAPS": str(gaps)},
                 prefix=["valgrind", "--tool=callgrind", "--collect-atstart=no", f"--callgrind-out-file={trace}"])
     costs = list(measure.self_costs(trace))

@@ -81,7 +81,8 @@ def peers(bench):
 
 
 def line_use(bench, client, device, values, baud, seconds):
-    pairs = exchanges(bench.paced(client, values, baud, seconds, device).runs)
+    reads = bench.reads_in(client, values, baud, seconds)
+    pairs = exchanges(bench.paced(client, values, baud, reads, device).runs)
     elapsed = pairs[-1][0][1] - pairs[0][0][1]  # from request to request
     carried = sum(request[3] + reply[3] for request, reply in pairs[:-1])
     gaps = [after[0][1] - before[1][2] for before, after in zip(pairs, pairs[1:])]

@@ -8,11 +8,13 @@ import re
 import shutil
 import sys
 
+import adapter
 import clients
 import cost
 import gap
 import line
 import measure
+import panel
 
 SCALARS = ["int", "dint", "lreal"]
 MOST_INSTRUCTIONS = {"int": 6400}  # a wider value adds the CRC of its bytes, which the cost table shows
@@ -125,7 +127,8 @@ def targets_table(results):
 def tables(results):
     """Lines of text by section, in the order of the report."""
     of = {"machine": machine_table, "cost": cost.cost_table, "growth": cost.growth_table,
-          "peers": line.peers_table, "line": line.line_table, "gap": gap.gap_table, "reaction": line.reaction_table}
+          "peers": line.peers_table, "line": line.line_table, "adapter": adapter.adapter_table, "gap": gap.gap_table,
+          "reaction": line.reaction_table, "panel": panel.panel_table}
     text = {section: table(results[section]) for section, table in of.items() if section in results}
     if any(section in results for section in TARGETS):
         text["targets"] = targets_table(results)
