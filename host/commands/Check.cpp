@@ -151,13 +151,13 @@ private:
 void ProjectCheck::run()
 {
     const Project bare = withoutVariables(m_project, {});
+    const Interrupt interrupt; // before the line is open, so that it is closed in order
     Connection connection(m_options.line, bare);
     // After the line is open, so that an earlier trace is not lost to a wrong port.
     TraceRecorder trace(m_options.line.trace, m_options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     Progress progress(m_output, QStringLiteral("checking"), m_project.variables.size());
-    const Interrupt interrupt;
     session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     for (; m_next < m_project.variables.size(); ++m_next) {
         interrupt.throwIfRequested();

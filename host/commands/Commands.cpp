@@ -23,6 +23,8 @@ void LineOptions::addTo(CommandOptions& command)
     command.integer(
         "--timeout", timeoutMs, 0, 60000,
         "Milliseconds to wait for an answer; 0: computed from speed and length (default)");
+    command.flagThatClears("--no-low-latency", lowLatency,
+                           "Do not ask the serial device to deliver bytes at once");
     command.text("--driver", driver, "The driver library, libmicro850.so");
     command.text("--trace", trace,
                  "Record all frames: FILE.txt or FILE.pcapng; it replaces an earlier trace");

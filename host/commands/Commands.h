@@ -36,6 +36,7 @@ struct LineOptions
     std::string port;
     int baud = 0;
     int timeoutMs = -1;
+    bool lowLatency = true;
     std::string trace;
     bool force = false;
 

@@ -42,6 +42,8 @@ Project projectOf(const LineOptions& options)
         project.port.baud = options.baud;
     if (options.timeoutMs >= 0)
         project.port.timeoutMs = options.timeoutMs;
+    if (!options.lowLatency)
+        project.port.lowLatency = false;
     return project;
 }
 

@@ -1,3 +1,4 @@
+#include "AdapterReport.h"
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
@@ -6,8 +7,8 @@
 #include "UserError.h"
 #include "Visible.h"
 
-#include <functional>
 #include <memory>
+#include <optional>
 
 namespace micro850::host {
 
@@ -29,28 +30,31 @@ QString hex(quint32 value, int digits)
            QString::number(value, 16).toUpper().rightJustified(digits, QLatin1Char('0'));
 }
 
-QStringList report(const PortSettings& port, const ProbeResult& result)
+QStringList report(const PortSettings& port, const ProbeResult& result,
+                   const AdapterReport& adapter)
 {
     const Identity& identity = result.identity;
     const qint64 ms = wholeMilliseconds(result.roundTrip);
-    return {QStringLiteral("port          %1").arg(port.text()),
-            QStringLiteral("vendor        %1").arg(identity.vendor),
-            QStringLiteral("device type   %1").arg(identity.deviceType),
-            QStringLiteral("product code  %1").arg(identity.productCode),
-            QStringLiteral("revision      %1.%2")
-                .arg(identity.major)
-                .arg(identity.minor, 3, 10, QLatin1Char('0')),
-            QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
-            QStringLiteral("status        %1").arg(hex(identity.status, 4)),
-            QStringLiteral("name          %1").arg(visibleValue(identity.name)),
-            QStringLiteral("round trip    %1 ms")
-                .arg(ms == 0 ? QStringLiteral("<1") : QString::number(ms))};
+    return QStringList(QStringLiteral("port          %1").arg(port.text())) + adapter.lines() +
+           QStringList{QStringLiteral("vendor        %1").arg(identity.vendor),
+                       QStringLiteral("device type   %1").arg(identity.deviceType),
+                       QStringLiteral("product code  %1").arg(identity.productCode),
+                       QStringLiteral("revision      %1.%2")
+                           .arg(identity.major)
+                           .arg(identity.minor, 3, 10, QLatin1Char('0')),
+                       QStringLiteral("serial        %1").arg(hex(identity.serial, 8)),
+                       QStringLiteral("status        %1").arg(hex(identity.status, 4)),
+                       QStringLiteral("name          %1").arg(visibleValue(identity.name)),
+                       QStringLiteral("round trip    %1 ms")
+                           .arg(ms == 0 ? QStringLiteral("<1") : QString::number(ms))};
 }
 
-Json reportObject(const PortSettings& port, const ProbeResult& result)
+Json reportObject(const PortSettings& port, const ProbeResult& result, const AdapterReport& adapter)
 {
     Json object = {
         {"port", port.device.toStdString()}, {"baud", port.baud}, {"answered", result.answered}};
+    if (const Json known = adapter.object(); !known.is_null())
+        object["adapter"] = known;
     if (!result.answered) {
         object["error"] = result.error.toStdString();
         return object;
@@ -68,20 +72,92 @@ Json reportObject(const PortSettings& port, const ProbeResult& result)
     return object;
 }
 
-// A scan goes on where a device server cannot set one of the speeds.
-ProbeResult probeOnce(Line& line, const PortSettings& port, const ProbeOptions& options,
-                      const std::function<ProbeResult()>& probe)
+/// Asks at one speed after the other.
+class Probing
 {
+public:
+    Probing(const ProbeOptions& options, const PortSettings& port, const Output& output)
+        : m_options(options), m_port(port), m_output(output),
+          m_library(textOf(options.line.driver)), m_prober(m_library.api(), options.station)
+    {
+    }
+
+    /// Asks at this speed and prints the result. True when a controller answered.
+    bool ask(int baud, Progress& progress);
+    /// Prints what else is known after no speed was answered.
+    void reportSilence() const;
+    /// Throws UserError when the trace could not be written.
+    void closeTrace();
+
+private:
+    ProbeResult probe(const PortSettings& port);
+
+    const ProbeOptions& m_options;
+    PortSettings m_port;
+    const Output& m_output;
+    const Interrupt m_interrupt; // before the line is open, so that it is closed in order
+    const DriverLibrary m_library;
+    const SystemClock m_clock;
+    Prober m_prober;
+    std::optional<TraceRecorder> m_trace;
+    AdapterReport m_adapter;
+    bool m_heard = false;
+};
+
+ProbeResult Probing::probe(const PortSettings& port)
+{
+    m_adapter.closed = adapterOf(port.device);
+    const std::unique_ptr<Line> line = lineFor(port);
     try {
-        requireOpen(line, port);
+        requireOpen(*line, port);
     } catch (const UserError&) {
-        if (!options.scan || !line.refusesSettings())
+        // A scan goes on where a device server cannot set one of the speeds.
+        if (!m_options.scan || !line->refusesSettings())
             throw;
         ProbeResult result;
-        result.error = line.lossReason();
+        result.error = line->lossReason();
         return result;
     }
-    return probe();
+    m_adapter.open = adapterOf(port.device);
+    m_adapter.lowLatency = line->lowLatency();
+    // After the line is open, so that an earlier trace is not lost to a wrong port.
+    if (!m_trace)
+        m_trace.emplace(m_options.line.trace, m_options.line.force);
+    return m_prober.probe(*line, m_clock, port, m_trace->observer());
+}
+
+bool Probing::ask(int baud, Progress& progress)
+{
+    m_interrupt.throwIfRequested();
+    PortSettings port = m_port;
+    port.baud = baud;
+    const ProbeResult result = probe(port);
+    progress.clear();
+    m_heard = m_heard || result.heard;
+    m_output.data(reportObject(port, result, m_adapter),
+                  result.answered ? report(port, result, m_adapter) : QStringList());
+    if (!result.answered)
+        m_output.error(port.text() + QStringLiteral(": ") + result.error);
+    else if (const QString advice = m_adapter.advice(port); !advice.isEmpty())
+        m_output.note(advice);
+    return result.answered;
+}
+
+void Probing::reportSilence() const
+{
+    if (!m_output.json()) // its objects have the adapter
+        m_output.data(Json(), m_adapter.lines());
+    if (!m_heard) {
+        m_output.note(
+            QStringLiteral("check cable and speed%1")
+                .arg(QLatin1String(m_options.scan ? "" : ", or try all speeds with --scan")));
+    }
+}
+
+void Probing::closeTrace()
+{
+    if (m_trace)
+        m_trace->close();
 }
 
 int run(const ProbeOptions& options)
@@ -99,39 +175,17 @@ int run(const ProbeOptions& options)
     QVector<int> speeds = {project.port.baud};
     if (options.scan)
         speeds = QVector<int>(std::begin(kUsualSpeeds), std::end(kUsualSpeeds));
-    TraceRecorder trace(options.line.trace, options.line.force);
-    const DriverLibrary library(textOf(options.line.driver));
-    const SystemClock clock;
-    Prober prober(library.api(), options.station);
+    Probing probing(options, project.port, output);
     Progress progress(output, QStringLiteral("trying speeds"), speeds.size());
-    bool heard = false;
-    const Interrupt interrupt;
-    for (int i = 0; i < speeds.size(); ++i) {
-        interrupt.throwIfRequested();
+    bool answered = false;
+    for (int i = 0; i < speeds.size() && !answered; ++i) {
         progress.show(i);
-        PortSettings port = project.port;
-        port.baud = speeds.at(i);
-        const std::unique_ptr<Line> line = lineFor(port);
-        const ProbeResult result = probeOnce(*line, port, options, [&] {
-            return prober.probe(*line, clock, port, trace.observer());
-        });
-        line->close();
-        progress.clear();
-        if (result.answered) {
-            output.data(reportObject(port, result), report(port, result));
-            trace.close();
-            return kExitDone;
-        }
-        heard = heard || result.heard;
-        output.data(reportObject(port, result), QString());
-        output.error(port.text() + QStringLiteral(": ") + result.error);
+        answered = probing.ask(speeds.at(i), progress);
     }
-    if (!heard) {
-        output.note(QStringLiteral("check cable and speed%1")
-                        .arg(QLatin1String(options.scan ? "" : ", or try all speeds with --scan")));
-    }
-    trace.close();
-    return kExitRefused;
+    if (!answered)
+        probing.reportSilence();
+    probing.closeTrace();
+    return answered ? kExitDone : kExitRefused;
 }
 
 } // namespace

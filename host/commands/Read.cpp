@@ -227,12 +227,12 @@ void readAll(Reads& reads, const ReadOptions& options, const Project& project)
 {
     requirePort(project, options.line);
     const Project bare = withoutVariables(project, reads.targets());
+    const Interrupt interrupt; // before the line is open, so that it is closed in order
     Connection connection(options.line, bare);
     // After the line is open, so that an earlier trace is not lost to a wrong port.
     TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
-    const Interrupt interrupt;
     session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     reads.checkTypes(session, interrupt);
     if (!reads.anyRefused())

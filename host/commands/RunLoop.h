@@ -54,12 +54,12 @@ private:
     void reportTraceFailure(const Output& output);
 
     const Project& m_project;
+    Interrupt m_interrupt; // before the line is open, so that it is closed in order
     Connection m_connection;
     TraceRecorder m_trace;
     bool m_traceFailed = false;
     PollLoop m_loop;
     LiveTable m_table;
-    Interrupt m_interrupt;
 };
 
 } // namespace micro850::host

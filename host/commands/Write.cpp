@@ -442,12 +442,12 @@ void writeAll(Writes& writes, const WriteOptions& options, const Project& projec
 {
     requirePort(project, options.line);
     const Project bare = withoutVariables(project, writes.targets());
+    const Interrupt interrupt; // before the line is open, so that it is closed in order
     Connection connection(options.line, bare);
     // After the line is open, so that an earlier trace is not lost to a wrong port.
     TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
-    const Interrupt interrupt;
     session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
     writes.checkAgainstController(session, interrupt);
     if (!writes.anyRefused())

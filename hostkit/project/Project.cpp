@@ -63,7 +63,7 @@ QString deviceOf(const JsonNode& node)
 PortSettings portOf(const JsonNode& node)
 {
     node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
-                     "timeoutMs", "retryLimit"});
+                     "timeoutMs", "retryLimit", "lowLatency"});
     PortSettings port;
     if (node.has("device"))
         port.device = deviceOf(node.at("device"));
@@ -76,6 +76,7 @@ PortSettings portOf(const JsonNode& node)
         static_cast<int>(node.integer("deviceBudgetMs", 0, 60000, port.deviceBudgetMs));
     port.timeoutMs = static_cast<int>(node.integer("timeoutMs", 0, 60000, port.timeoutMs));
     port.retryLimit = static_cast<int>(node.integer("retryLimit", 0, 100, port.retryLimit));
+    port.lowLatency = node.boolean("lowLatency", port.lowLatency);
     return port;
 }
 

@@ -2,6 +2,7 @@
 #define MICRO850_HOST_LINE_H
 
 #include "Clock.h"
+#include "LatencyFlag.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
@@ -44,6 +45,8 @@ public:
     /// The measured time that bytes need to the far end of the line and back, besides their time on
     /// the line: 0 for a device of this machine.
     virtual Duration transportDelay() const { return Duration(0); }
+    /// Whether the device delivers bytes at once, while it is open.
+    virtual LowLatency lowLatency() const { return LowLatency::NotAsked; }
 };
 
 } // namespace micro850::host

@@ -23,6 +23,8 @@ struct PortSettings
     int timeoutMs = 0;
     /// Failed transactions that the driver tolerates before it connects again.
     int retryLimit = 2;
+    /// Ask a serial device to deliver bytes at once, as long as the line is open.
+    bool lowLatency = true;
 
     /// Bits of one byte on the line, including the start bit.
     int bitsPerByte() const { return 1 + dataBits + (parity == Parity::None ? 0 : 1) + stopBits; }

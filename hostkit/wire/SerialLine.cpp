@@ -76,7 +76,10 @@ QString devicePath(const QString& name)
     return !isDevice(here) && isDevice(inDev) ? inDev : here;
 }
 
-SerialLine::SerialLine(const PortSettings& settings) : m_settings(settings) {}
+SerialLine::SerialLine(const PortSettings& settings, const SerialControl& control)
+    : m_settings(settings), m_latency(control)
+{
+}
 
 bool SerialLine::open(QString& error)
 {
@@ -89,6 +92,8 @@ bool SerialLine::open(QString& error)
     m_port.setFlowControl(QSerialPort::NoFlowControl);
     if (m_port.open(QIODevice::ReadWrite)) {
         m_return.reset();
+        if (m_settings.lowLatency)
+            m_latency.set(descriptor());
         return true;
     }
     error = reasonOf(m_settings.device, m_port);
@@ -98,8 +103,10 @@ bool SerialLine::open(QString& error)
 
 void SerialLine::close()
 {
-    if (m_port.isOpen())
+    if (m_port.isOpen()) {
+        m_latency.putBack(descriptor());
         m_port.close();
+    }
     m_port.clearError();
 }
 

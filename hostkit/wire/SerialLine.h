@@ -2,6 +2,7 @@
 #define MICRO850_HOST_SERIALLINE_H
 
 #include "DeviceWatch.h"
+#include "LatencyFlag.h"
 #include "Line.h"
 #include "PortSettings.h"
 
@@ -19,7 +20,10 @@ QString devicePath(const QString& name);
 class SerialLine : public Line
 {
 public:
-    explicit SerialLine(const PortSettings& settings);
+    /// `control` must live as long.
+    explicit SerialLine(const PortSettings& settings,
+                        const SerialControl& control = systemSerialControl());
+    ~SerialLine() override { SerialLine::close(); }
 
     bool open(QString& error) override;
     void close() override;
@@ -29,6 +33,7 @@ public:
     bool receive(QByteArray& bytes, Duration wait) override;
     void pause(Duration time) override;
     bool awaitReturn(Duration time) override;
+    LowLatency lowLatency() const override { return m_latency.state(); }
 
 private:
     int descriptor() const;
@@ -36,6 +41,7 @@ private:
     PortSettings m_settings;
     QSerialPort m_port;
     std::unique_ptr<DeviceWatch> m_return; ///< while the device is gone
+    LatencyFlag m_latency;
 };
 
 } // namespace micro850::host
