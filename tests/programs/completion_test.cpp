@@ -38,7 +38,7 @@ TEST(Completion, OffersTheCommands)
 TEST(Completion, OffersTheOptionsOfTheCommand)
 {
     EXPECT_EQ(offered({"probe", "--s"}), (QStringList{"--scan", "--station"}));
-    EXPECT_EQ(offered({"write", "--no"}), QStringList("--no-verify"));
+    EXPECT_EQ(offered({"write", "--no"}), (QStringList{"--no-low-latency", "--no-verify"}));
     EXPECT_EQ(offered({"watch", "Speed", "--p"}), (QStringList{"--plot", "--port", "--project"}));
     EXPECT_EQ(offered({"read", "--scan"}), QStringList());
 }
