@@ -119,8 +119,8 @@ TEST_F(HostConnection, IsRefusedByAControllerWhoseConnectionsKilledHostsHave)
     EXPECT_EQ(read.out, "");
     EXPECT_EQ(read.err, "micro850-host: Speed: the controller refuses the connection: out of "
                         "connections, status 01/0113 (" +
-                            port().toStdString() +
-                            ", 38400 8N1; end other programs that are connected; a connection that "
+                            lineText().toStdString() +
+                            "; end other programs that are connected; a connection that "
                             "was not closed ends after 32 seconds)\n");
     const QString project = file("p.json", R"({"variables": [{"tag": "Speed"}]})");
     const Result poll = hostOnPort({"poll", project, "--seconds", "1"});

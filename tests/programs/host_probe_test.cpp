@@ -12,7 +12,7 @@ TEST_F(HostProbe, PrintsTheIdentityOfTheController)
     EXPECT_EQ(result.err, "");
     const QStringList lines = linesOf(result.out);
     ASSERT_EQ(lines.size(), 9);
-    EXPECT_EQ(lines.at(0), "port          " + port() + ", 38400 8N1");
+    EXPECT_EQ(lines.at(0), "port          " + lineText());
     EXPECT_EQ(lines.mid(1, 7),
               (QStringList{"vendor        4660", "device type   14", "product code  850",
                            "revision      1.002", "serial        0x00C0FFEE",
@@ -59,8 +59,8 @@ TEST_F(HostProbe, ReportsARefusalWithoutAdviceAboutTheCable)
     simulate(R"({"name": "Speed", "type": "INT"})", {"--faults", faults});
     const Result result = hostOnPort({"probe"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "micro850-host: " + port().toStdString() +
-                              ", 38400 8N1: the controller does not tell its identity: service "
+    EXPECT_EQ(result.err, "micro850-host: " + lineText().toStdString() +
+                              ": the controller does not tell its identity: service "
                               "not supported, status 08\n");
 }
 

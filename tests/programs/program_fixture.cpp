@@ -54,6 +54,43 @@ SilentPort::~SilentPort()
 ProgramTest::ProgramTest()
 {
     EXPECT_TRUE(m_dir.isValid());
+    serve(0);
+}
+
+// Puts a device server in front of the station, if the run wants one. It opens the device for each
+// client, so that simulators can come and go.
+void ProgramTest::serve(int station)
+{
+    const auto protocol = protocolOfTheRun();
+    if (!protocol)
+        return;
+    DeviceServer::Settings settings;
+    settings.protocol = *protocol;
+    settings.device = device(station);
+    m_servers[station] = std::make_unique<DeviceServer>(settings);
+}
+
+DeviceServer* ProgramTest::server() const
+{
+    const auto found = m_servers.find(0);
+    return found == m_servers.end() ? nullptr : found->second.get();
+}
+
+QString ProgramTest::device(int station) const
+{
+    return path(station == 0 ? QStringLiteral("plc") : QStringLiteral("plc.%1").arg(station));
+}
+
+QString ProgramTest::port(int station) const
+{
+    const auto found = m_servers.find(station);
+    return found == m_servers.end() ? device(station) : found->second->address();
+}
+
+// A raw device server sets the speed itself.
+QString ProgramTest::lineText() const
+{
+    return port().startsWith(QLatin1String("tcp:")) ? port() : port() + ", 38400 8N1";
 }
 
 ProgramTest::~ProgramTest()
@@ -65,19 +102,19 @@ void ProgramTest::simulate(const std::string& tags, const QStringList& options)
 {
     startSimulator(QStringList{file(QStringLiteral("tags.json"), "{\"tags\": [" + tags + "]}")} +
                    options);
-    ASSERT_TRUE(QFile::exists(port()));
+    ASSERT_TRUE(QFile::exists(device()));
 }
 
 void ProgramTest::simulatePlant()
 {
     startSimulator({QStringLiteral(MICRO850_SOURCE_DIR "/examples/plant.tags.json")});
-    ASSERT_TRUE(QFile::exists(port()));
+    ASSERT_TRUE(QFile::exists(device()));
 }
 
 void ProgramTest::simulateFrom(const QString& trace)
 {
     startSimulator({QStringLiteral("--replay"), trace});
-    ASSERT_TRUE(QFile::exists(port()));
+    ASSERT_TRUE(QFile::exists(device()));
 }
 
 void ProgramTest::simulateStations(const std::vector<std::string>& tags)
@@ -85,19 +122,20 @@ void ProgramTest::simulateStations(const std::vector<std::string>& tags)
     QStringList arguments;
     for (std::size_t i = 0; i < tags.size(); ++i) {
         const QString number = QString::number(i + 1);
+        serve(static_cast<int>(i + 1));
         arguments << QStringLiteral("--station")
                   << number + '=' +
                          file("tags" + number + ".json", "{\"tags\": [" + tags[i] + "]}");
     }
     startSimulator(arguments);
-    for (std::size_t i = 0; i < tags.size(); ++i)
-        ASSERT_TRUE(waitForPort(port() + '.' + QString::number(i + 1)));
+    for (int station = 1; station <= static_cast<int>(tags.size()); ++station)
+        ASSERT_TRUE(waitForDevice(station));
 }
 
-// The simulator prints each port as soon as the port can be opened.
-bool ProgramTest::waitForPort(const QString& link)
+// The simulator prints each device as soon as the device can be opened.
+bool ProgramTest::waitForDevice(int station)
 {
-    while (!QFile::exists(link)) {
+    while (!QFile::exists(device(station))) {
         if (!m_simulator->waitForReadyRead(kLimitMs))
             return false;
     }
@@ -108,9 +146,12 @@ void ProgramTest::startSimulator(const QStringList& arguments)
 {
     m_simulator = std::make_unique<QProcess>();
     m_simulator->start(QStringLiteral(MICRO850_SIM),
-                       arguments + QStringList{"--quiet", "--link", port()});
+                       arguments + QStringList{"--quiet", "--link", device()});
     ASSERT_TRUE(m_simulator->waitForReadyRead(kLimitMs))
         << m_simulator->readAllStandardError().toStdString();
+    for (const auto& [station, server] : m_servers) {
+        ASSERT_TRUE(server->isRunning() || server->start());
+    }
 }
 
 void ProgramTest::simulate()

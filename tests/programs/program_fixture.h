@@ -1,11 +1,14 @@
 #ifndef MICRO850_TESTS_PROGRAM_FIXTURE_H
 #define MICRO850_TESTS_PROGRAM_FIXTURE_H
 
+#include "device_server.h"
+
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,6 +27,7 @@ Result runProgram(const QString& program, const QStringList& arguments,
                   const QString& directory = QString());
 
 /// Runs the programs in a temporary directory, with a simulated controller when a test starts one.
+/// In a run with MICRO850_TEST_LINE, a device server is between host and controller.
 class ProgramTest : public ::testing::Test
 {
 protected:
@@ -39,7 +43,7 @@ protected:
     /// Starts micro850-sim to answer from a trace.
     void simulateFrom(const QString& trace);
     /// Starts micro850-sim with one station, 1 and up, for each list of tags (the inside of a JSON
-    /// array). Station N is at port() + ".N".
+    /// array). Station N is at port(N).
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
     /// What the simulator answers to the command `status`.
@@ -51,14 +55,23 @@ protected:
     /// Writes a file into the directory and returns its path.
     QString file(const QString& name, const std::string& text) const;
     QString path(const QString& name) const { return m_dir.filePath(name); }
-    QString port() const { return path(QStringLiteral("plc")); }
+    /// What a host gives as its port, and how its messages name the line. Without a station: that
+    /// of the only controller.
+    QString port(int station = 0) const;
+    QString lineText() const;
+    /// The path of the pseudo-terminal.
+    QString device(int station = 0) const;
+    /// The device server of the only controller; null for a line without one.
+    DeviceServer* server() const;
     std::string textOf(const QString& name) const;
 
 private:
     void startSimulator(const QStringList& arguments);
-    bool waitForPort(const QString& link);
+    bool waitForDevice(int station);
+    void serve(int station);
 
     QTemporaryDir m_dir;
+    std::map<int, std::unique_ptr<DeviceServer>> m_servers; ///< by station
     std::unique_ptr<QProcess> m_simulator;
 };
 

@@ -1,12 +1,14 @@
-// Driver, poll loop and simulated controller over a real pseudo-terminal. The tests wait for
-// events, with limits that only a fault reaches.
+// Driver, poll loop and simulated controller over a real pseudo-terminal; in a run with
+// MICRO850_TEST_LINE, with a device server between them. The tests wait for events, with limits
+// that only a fault reaches.
 
 #include "byte_arrays.h"
+#include "device_server.h"
 #include "simulator_thread.h"
 
 #include "DriverLibrary.h"
+#include "LineFactory.h"
 #include "PollLoop.h"
-#include "SerialLine.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QTemporaryDir>
@@ -114,17 +116,24 @@ protected:
         file.write(tagFile().c_str());
         file.close();
         m_simulator = std::make_unique<SimulatorThread>(tags, m_dir.filePath("plc").toStdString());
+        if (const auto protocol = protocolOfTheRun()) {
+            DeviceServer::Settings settings;
+            settings.protocol = *protocol;
+            settings.device = QString::fromStdString(m_simulator->path());
+            m_server = std::make_unique<DeviceServer>(settings);
+            EXPECT_TRUE(m_server->start());
+        }
     }
 
     /// Makes the host for a project with these stations and variables (JSON arrays).
     void use(const std::string& variables, const std::string& stations = R"([{"number": 1}])")
     {
-        const std::string text = "{\"port\": {\"device\": \"" + m_simulator->path() +
+        const std::string text = "{\"port\": {\"device\": \"" + port() +
                                  "\"}, \"stations\": " + stations +
                                  ", \"variables\": " + variables + "}";
         m_project = micro850::host::Project::fromText(QString::fromStdString(text), "project");
         m_library = std::make_unique<micro850::host::DriverLibrary>(MICRO850_LIBRARY);
-        m_line = std::make_unique<micro850::host::SerialLine>(m_project.port);
+        m_line = micro850::host::lineFor(m_project.port);
         m_loop = std::make_unique<micro850::host::PollLoop>(m_library->api(), *m_line, m_clock,
                                                             m_project);
     }
@@ -172,12 +181,18 @@ protected:
     }
 
 private:
+    std::string port() const
+    {
+        return m_server ? m_server->address().toStdString() : m_simulator->path();
+    }
+
     QTemporaryDir m_dir;
     std::unique_ptr<SimulatorThread> m_simulator;
+    std::unique_ptr<DeviceServer> m_server;
     micro850::SystemClock m_clock;
     micro850::host::Project m_project;
     std::unique_ptr<micro850::host::DriverLibrary> m_library;
-    std::unique_ptr<micro850::host::SerialLine> m_line;
+    std::unique_ptr<micro850::host::Line> m_line;
     std::unique_ptr<micro850::host::PollLoop> m_loop;
 };
 
