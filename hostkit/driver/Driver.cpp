@@ -133,10 +133,10 @@ void Driver::queueWrite(int id, const TagKey& tag, const CipType& type, int area
                           converted.count, kOperationKind, id);
 }
 
-Verdict Driver::handOver(Protocol& sent, const QByteArray& data)
+Verdict Driver::handOver(Protocol& sent, const QByteArray& frame)
 {
     const bool setUp = sent.var.tagName.isEmpty();
-    QByteArray reply = replyForDriver(data, !setUp);
+    QByteArray reply = replyForDriver(frame, !setUp);
     const int varies = -1;
     // A reply of varying length takes two calls: the first one notes its length, the second one
     // accepts it.
@@ -150,11 +150,11 @@ Verdict Driver::handOver(Protocol& sent, const QByteArray& data)
 // The driver would store the bytes after an error status as the tag's type, for good, and as its
 // value. It stores replies to reads, but only acknowledges replies to writes. The queued request
 // therefore becomes one whose reply is only acknowledged.
-Verdict Driver::handOverRefusal(Protocol& sent, const QByteArray& data)
+Verdict Driver::handOverRefusal(Protocol& sent, const QByteArray& frame)
 {
     const int acknowledgedOnly = 1;
     sent.var.accessMode = acknowledgedOnly;
-    return handOver(sent, data);
+    return handOver(sent, frame);
 }
 
 // Several calls without bytes count as one failure, because a host may pass its bytes piece by
@@ -177,7 +177,7 @@ Verdict Driver::dropConnection(Protocol& sent)
 }
 
 QByteArray Driver::storedValue(const TagKey& tag, const CipType& type, int element,
-                               const QByteArray& replyValues) const
+                               const ByteSlice& replyValues) const
 {
     const TypeClass typeClass = typeClassOf(type.code);
     QByteArray bytes;

@@ -1,6 +1,7 @@
 #ifndef MICRO850_HOST_DRIVER_H
 #define MICRO850_HOST_DRIVER_H
 
+#include "ByteSlice.h"
 #include "DriverLibrary.h"
 #include "ReadPlan.h"
 #include "TagKey.h"
@@ -56,10 +57,10 @@ public:
 
     /// The next frame, or null. It is valid until one of the next four calls finishes it.
     Protocol* next() { return m_api.comCommunication(); }
-    /// Passes the application data of the reply to `sent` to the driver.
-    Verdict handOver(Protocol& sent, const QByteArray& data);
+    /// Passes the reply to `sent` to the driver: an intact frame, as wireFrame() builds it.
+    Verdict handOver(Protocol& sent, const QByteArray& frame);
     /// The same for a reply that refuses a read. The driver acknowledges it and stores nothing.
-    Verdict handOverRefusal(Protocol& sent, const QByteArray& data);
+    Verdict handOverRefusal(Protocol& sent, const QByteArray& frame);
     /// Reports that no reply to `sent` came.
     Verdict reportSilence(Protocol& sent);
     /// Makes the driver give up the connection of `sent`, as if the retry limit were passed.
@@ -68,7 +69,7 @@ public:
     /// The value bytes that the driver stored from a read reply, in the controller's byte order.
     /// `replyValues` are the value bytes of that reply.
     QByteArray storedValue(const TagKey& tag, const CipType& type, int element,
-                           const QByteArray& replyValues) const;
+                           const ByteSlice& replyValues) const;
 
     /// Returns and removes the operations that the driver reported finished since the last call.
     QVector<Finished> popFinished();

@@ -62,7 +62,7 @@ int fetchCount(TypeClass typeClass, int valueBytes)
     }
 }
 
-QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QByteArray& reply)
+QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const ByteSlice& reply)
 {
     QByteArray value;
     switch (typeClass) {
@@ -73,7 +73,7 @@ QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QB
     case TypeClass::ShortString:
         // The store never shrinks: after the length of the string comes the tail of an older
         // one.
-        return reply.left(1) + bytes.left(std::max(0, reply.size() - 1));
+        return reply.mid(0, 1).bytes() + bytes.left(std::max(0, reply.size() - 1));
     default:
         return bytes.left(reply.size());
     }

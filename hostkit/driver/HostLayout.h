@@ -4,6 +4,7 @@
 // How a host counts elements and lays out value bytes for the driver. The driver moves values by
 // the class of their CIP type and counts in 16-bit words where elements are wide.
 
+#include "ByteSlice.h"
 #include "CipType.h"
 
 #include <QtCore/QByteArray>
@@ -28,7 +29,7 @@ int oneShotCount(TypeClass typeClass, int elements);
 int fetchCount(TypeClass typeClass, int valueBytes);
 /// The bytes that GetRegisterData() returned, converted to the controller's byte order. `reply` has
 /// the value bytes of the reply, which contain the length of a string.
-QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const QByteArray& reply);
+QByteArray fromHostLayout(TypeClass typeClass, const QByteArray& bytes, const ByteSlice& reply);
 
 /// The bytes of one value as SetRegisterData() needs them, and the count that goes with them.
 struct HostValue

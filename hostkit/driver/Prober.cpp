@@ -60,7 +60,7 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
             continue;
         exchange.acknowledge();
         result.roundTrip = answer.roundTrip;
-        result.identity = decodeIdentity(answer.reply.body);
+        result.identity = decodeIdentity(answer.reply.body.bytes());
         result.answered = answer.reply.good() && result.identity.valid;
         result.heard = true;
         if (!answer.reply.good())

@@ -13,9 +13,9 @@ struct ArrivedValues
 {
     TagKey tag;
     const CipType* type;
-    int element;        ///< the first one
-    QByteArray inReply; ///< value bytes as they are in the reply
-    Duration at;        ///< when the reply came
+    int element;       ///< the first one
+    ByteSlice inReply; ///< value bytes as they are in the reply
+    Duration at;       ///< when the reply came
 };
 
 /// Holds the values of the last good reply back until the next request is on its way. To fetch and

@@ -34,7 +34,7 @@ void OpenConnections::note(int station, const QByteArray& frame, const Answer& a
     if (answer.request.service != kForwardOpen || (opened.answers && !answer.reply.good()))
         return;
     // Without an answer the connection may be open all the same.
-    const QByteArray request = dataOf(frame);
+    const QByteArray request = dataOf(frame).bytes();
     const QByteArray key = connectionKey(request);
     const auto isSame = [&](const QByteArray& other) { return connectionKey(other) == key; };
     QList<QByteArray>& requests = opened.requests;

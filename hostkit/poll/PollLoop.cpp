@@ -215,7 +215,7 @@ void PollLoop::handleSetUpReply(Protocol& sent, const Answer& answer, Station& s
         // Without an identifier there is no connection; the driver would accept any bytes as one.
         m_driver.reportSilence(sent);
         handleFailedSetUp(opens, unusableReply(), station);
-    } else if (m_driver.handOver(sent, answer.data) == Verdict::NoConnection) {
+    } else if (m_driver.handOver(sent, answer.frame) == Verdict::NoConnection) {
         handleFailedSetUp(opens, unusableReply(), station);
     } else if (opens) {
         handleConnected(station);
@@ -293,8 +293,8 @@ ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Stat
     const bool reads = answer.request.service == kReadTagFragmented;
     if (!good)
         status.refusal = statusText(answer.reply);
-    const Verdict verdict = reads && !good ? m_driver.handOverRefusal(sent, answer.data)
-                                           : m_driver.handOver(sent, answer.data);
+    const Verdict verdict = reads && !good ? m_driver.handOverRefusal(sent, answer.frame)
+                                           : m_driver.handOver(sent, answer.frame);
     handleVerdict(verdict, station, status);
     if (verdict == Verdict::Done && reads) {
         if (good)

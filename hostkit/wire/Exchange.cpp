@@ -72,7 +72,7 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     attempt.sentAt = m_clock.now();
     attempt.time = timeout;
     const bool sent = sendFrame(frame, counters);
-    attempt.answer.request = decodeRequest(dataOf(frame));
+    attempt.answer.request = decodeRequest(uncheckedDataOf(frame));
     if (!sent)
         return attempt.answer;
     if (m_meanwhile)
@@ -138,7 +138,7 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
         show(Direction::In, event.raw);
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
-        return handleFrame(event.data, attempt);
+        return handleFrame(event, attempt);
     case ReplyCollector::Kind::Corrupt:
         ++attempt.counters.corrupt;
         return attempt.done || askAgain(attempt);
@@ -165,9 +165,9 @@ bool Exchange::askAgain(Attempt& attempt)
     return sendControl(kNak);
 }
 
-bool Exchange::handleFrame(const QByteArray& data, Attempt& attempt)
+bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
 {
-    const Reply reply = decodeReply(data);
+    const Reply reply = decodeReply(event.data);
     // Bytes 00 before the data do not change the CRC, but they shift every field.
     if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
         ++attempt.counters.corrupt;
@@ -180,7 +180,7 @@ bool Exchange::handleFrame(const QByteArray& data, Attempt& attempt)
     }
     attempt.done = true;
     attempt.answer.outcome = Answer::Outcome::Answered;
-    attempt.answer.data = data;
+    attempt.answer.frame = event.frame();
     attempt.answer.reply = reply;
     attempt.answer.roundTrip = m_clock.now() - attempt.sentAt;
     ++attempt.counters.answered;
@@ -206,7 +206,7 @@ bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
 bool Exchange::sendControl(char control)
 {
     m_lastResponse = control;
-    const QByteArray bytes = QByteArray().append(kDle).append(control);
+    const QByteArray bytes = linkControl(control);
     show(Direction::Out, bytes);
     return m_line.send(bytes);
 }

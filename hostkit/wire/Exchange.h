@@ -17,9 +17,9 @@ struct Answer
 {
     enum class Outcome { Answered, TimedOut, DeviceGone };
     Outcome outcome = Outcome::TimedOut;
-    Request request; ///< as decoded from the frame that was sent
-    QByteArray data; ///< application data of the reply; empty without one
-    Reply reply;     ///< not valid without one
+    Request request;  ///< as decoded from the frame that was sent
+    QByteArray frame; ///< the reply as wireFrame() builds it; empty without one
+    Reply reply;      ///< not valid without one
     Duration roundTrip{0};
     bool garbled = false; ///< bytes came that belong to no intact frame
 };
@@ -66,7 +66,7 @@ private:
     bool askWhereDue(Attempt& attempt);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
-    bool handleFrame(const QByteArray& data, Attempt& attempt);
+    bool handleFrame(const ReplyCollector::Event& event, Attempt& attempt);
     void show(Direction direction, const QByteArray& bytes) const;
 
     Line& m_line;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace micro850::host {
 
@@ -31,18 +32,11 @@ const quint8 kPartialTransfer = 0x06;
 const quint8 kConnectionLost = 0x07;
 const quint8 kTypeMark = 0xA3;
 
-const char kHead[] = {kDle, kAck, kDle, kStx};
-const int kHeadBytes = sizeof kHead;
-const int kTrailerBytes = 4; // DLE ETX and the CRC
+const char kHead[kHeadBytes] = {kDle, kAck, kDle, kStx};
 
-quint8 byteAt(const QByteArray& bytes, int index)
+quint16 wordAt(const ByteSlice& bytes, int index)
 {
-    return index >= 0 && index < bytes.size() ? static_cast<quint8>(bytes.at(index)) : quint8(0);
-}
-
-quint16 wordAt(const QByteArray& bytes, int index)
-{
-    return static_cast<quint16>(byteAt(bytes, index) | byteAt(bytes, index + 1) << 8);
+    return static_cast<quint16>(bytes.at(index) | bytes.at(index + 1) << 8);
 }
 
 // Offset of the CIP message, which follows the header of this command.
@@ -71,20 +65,20 @@ quint16 crcStep(quint16 crc, char byte)
     return static_cast<quint16>(crc >> 8 ^ kCrcTable[(crc ^ static_cast<quint8>(byte)) & 0xFF]);
 }
 
-bool isOpenRequest(const QByteArray& data)
+bool isOpenRequest(const ByteSlice& data)
 {
     const quint8 words = 2;
-    return data.size() > kOpenPath && byteAt(data, kCommand) == kUnconnectedCommand &&
-           byteAt(data, kUnconnectedMessage) == kForwardOpen &&
-           byteAt(data, kUnconnectedMessage + 1) == words;
+    return data.size() > kOpenPath && data.at(kCommand) == kUnconnectedCommand &&
+           data.at(kUnconnectedMessage) == kForwardOpen &&
+           data.at(kUnconnectedMessage + 1) == words;
 }
 
 // Parses an element segment, if there is one. Returns the offset after it.
-int parseElement(const QByteArray& data, int at, int end, quint32& element)
+int parseElement(const ByteSlice& data, int at, int end, quint32& element)
 {
-    switch (at < end ? byteAt(data, at) : 0) {
+    switch (at < end ? data.at(at) : 0) {
     case 0x28:
-        element = byteAt(data, at + 1);
+        element = data.at(at + 1);
         return at + 2;
     case 0x29:
         element = wordAt(data, at + 2);
@@ -96,7 +90,19 @@ int parseElement(const QByteArray& data, int at, int end, quint32& element)
 
 } // namespace
 
-quint16 frameCrc(const QByteArray& data)
+QByteArray linkControl(char control)
+{
+    switch (control) {
+    case kAck:
+        return QByteArrayLiteral("\x10\x06");
+    case kNak:
+        return QByteArrayLiteral("\x10\x15");
+    default:
+        return QByteArray(1, kDle).append(control);
+    }
+}
+
+quint16 frameCrc(const ByteSlice& data)
 {
     quint16 crc = 0;
     for (const char byte : data)
@@ -104,7 +110,7 @@ quint16 frameCrc(const QByteArray& data)
     return crcStep(crc, kEtx);
 }
 
-QByteArray wireFrame(const QByteArray& data)
+QByteArray wireFrame(const ByteSlice& data)
 {
     QByteArray wire(2 * data.size() + kHeadBytes + kTrailerBytes, Qt::Uninitialized);
     char* const begin = wire.data();
@@ -123,45 +129,55 @@ QByteArray wireFrame(const QByteArray& data)
     return wire;
 }
 
-QByteArray dataOf(const QByteArray& frame)
+ByteSlice uncheckedDataOf(const QByteArray& frame)
 {
     const char* in = frame.constData();
-    if (frame.size() < kHeadBytes + kTrailerBytes || !std::equal(kHead, kHead + kHeadBytes, in))
-        return QByteArray();
-    const char* const end = in + frame.size() - kTrailerBytes;
-    QByteArray data(frame.size(), Qt::Uninitialized);
+    const int size = frame.size() - kHeadBytes - kTrailerBytes;
+    if (size < 0 || !std::equal(kHead, kHead + kHeadBytes, in))
+        return ByteSlice();
+    in += kHeadBytes;
+    const char* const end = in + size;
+    if (end[0] != kDle || end[1] != kEtx)
+        return ByteSlice();
+    if (!std::memchr(in, kDle, static_cast<std::size_t>(size)))
+        return ByteSlice(frame, kHeadBytes, size);
+    QByteArray data(size, Qt::Uninitialized);
     char* const begin = data.data();
     char* out = begin;
-    for (in += kHeadBytes; in != end; ++in) {
+    for (; in != end; ++in) {
         *out++ = *in;
         if (*in == kDle && (++in == end || *in != kDle))
-            return QByteArray();
+            return ByteSlice();
     }
     data.truncate(static_cast<int>(out - begin));
-    const quint16 crc = frameCrc(data);
-    const bool closed = end[0] == kDle && end[1] == kEtx &&
-                        end[2] == static_cast<char>(crc & 0xFF) &&
-                        end[3] == static_cast<char>(crc >> 8);
-    return closed ? data : QByteArray();
+    return data;
 }
 
-Request decodeRequest(const QByteArray& data)
+ByteSlice dataOf(const QByteArray& frame)
+{
+    const ByteSlice data = uncheckedDataOf(frame);
+    const quint16 crc = frameCrc(data);
+    const bool closed =
+        frame.size() >= kHeadBytes + kTrailerBytes && wordAt(frame, frame.size() - 2) == crc;
+    return closed ? data : ByteSlice();
+}
+
+Request decodeRequest(const ByteSlice& data)
 {
     Request request;
-    request.command = byteAt(data, kCommand);
+    request.command = data.at(kCommand);
     request.tns = wordAt(data, kTnsLow);
     const int start = messageStart(request.command);
     if (data.size() < start + 2)
         return Request();
     request.valid = true;
-    request.service = byteAt(data, start);
+    request.service = data.at(start);
     if (request.service != kReadTagFragmented && request.service != kWriteTagFragmented)
         return request;
     const int path = start + 2;
-    const int pathEnd = path + 2 * byteAt(data, start + 1);
-    const int nameSize = byteAt(data, path + 1);
-    const QByteArray name = data.mid(path + 2, nameSize);
-    request.tag = QString::fromLatin1(name.constData(), name.size()); // also behind a 00
+    const int pathEnd = path + 2 * data.at(start + 1);
+    const int nameSize = data.at(path + 1);
+    request.name = data.mid(path + 2, nameSize);
     const int afterName = path + 2 + nameSize + nameSize % 2;
     const int end = parseElement(data, afterName, pathEnd, request.element);
     const int typeSize = request.service == kWriteTagFragmented ? 2 : 0;
@@ -169,23 +185,23 @@ Request decodeRequest(const QByteArray& data)
     return request;
 }
 
-Reply decodeReply(const QByteArray& data)
+Reply decodeReply(const ByteSlice& data)
 {
     Reply reply;
     if (data.size() < kUnconnectedMessage)
         return reply;
     reply.valid = true;
-    reply.command = byteAt(data, kCommand);
-    reply.linkStatus = byteAt(data, kLinkStatus);
+    reply.command = data.at(kCommand);
+    reply.linkStatus = data.at(kLinkStatus);
     reply.tns = wordAt(data, kTnsLow);
     const int start = messageStart(reply.command);
     if (data.size() < start + 4) {
         reply.valid = reply.linkStatus != 0;
         return reply;
     }
-    reply.service = byteAt(data, start) & static_cast<quint8>(~kReplyBit);
-    reply.generalStatus = byteAt(data, start + 2);
-    const int words = byteAt(data, start + 3);
+    reply.service = data.at(start) & static_cast<quint8>(~kReplyBit);
+    reply.generalStatus = data.at(start + 2);
+    const int words = data.at(start + 3);
     for (int i = 0; i < words && start + 4 + 2 * i < data.size(); ++i)
         reply.extendedStatus.append(wordAt(data, start + 4 + 2 * i));
     reply.body = data.mid(start + 4 + 2 * words);
@@ -201,10 +217,10 @@ quint16 Reply::typeCode() const
 {
     if (body.size() < 2)
         return 0;
-    return byteAt(body, 0) == kTypeMark ? byteAt(body, 1) : wordAt(body, 0);
+    return body.at(0) == kTypeMark ? body.at(1) : wordAt(body, 0);
 }
 
-QByteArray Reply::values() const
+ByteSlice Reply::values() const
 {
     return body.mid(2);
 }
@@ -236,9 +252,9 @@ bool hasConnection(const Reply& reply)
     return reply.good() && reply.service == kForwardOpen && reply.body.size() >= identifierBytes;
 }
 
-QByteArray connectionKey(const QByteArray& data)
+QByteArray connectionKey(const ByteSlice& data)
 {
-    return isOpenRequest(data) ? data.mid(kOpenKey, kOpenKeyBytes) : QByteArray();
+    return isOpenRequest(data) ? data.mid(kOpenKey, kOpenKeyBytes).bytes() : QByteArray();
 }
 
 // The paths to the connection manager and of the connection, and the times, are those of the

@@ -231,16 +231,16 @@ QString replyText(const Reply& reply)
 QString requestText(const Request& request)
 {
     const QString text = serviceText(request.service);
-    if (request.tag.isEmpty())
+    if (request.name.isEmpty())
         return text;
-    return text +
-           QStringLiteral(" %1[%2] x%3")
-               .arg(request.tag, QString::number(request.element), QString::number(request.count));
+    return text + QStringLiteral(" %1[%2] x%3")
+                      .arg(request.tag(), QString::number(request.element),
+                           QString::number(request.count));
 }
 
 namespace {
 
-QString messageText(const QByteArray& data)
+QString messageText(const ByteSlice& data)
 {
     const Reply reply = decodeReply(data);
     const Request request = decodeRequest(data);
@@ -265,7 +265,7 @@ QString controlText(ReplyCollector::Kind kind)
 // The last event counts: controls can come before a frame and within it.
 QString frameText(const QByteArray& frame)
 {
-    const QList<ReplyCollector::Event> events = ReplyCollector().feed(frame);
+    const ReplyCollector::Events events = ReplyCollector().feed(frame);
     if (events.isEmpty())
         return QStringLiteral("no frame");
     const ReplyCollector::Event& last = events.last();

@@ -3,6 +3,8 @@
 #include "Frame.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace micro850::host {
 
@@ -13,54 +15,76 @@ const int kLongestData = 1024;
 // On the line: every byte is doubled, and many responses are embedded.
 const int kLongestFrame = 4 * kLongestData;
 
+const int kControlBytes = 2;
+
 } // namespace
+
+QByteArray ReplyCollector::Event::frame() const
+{
+    return regular ? raw : wireFrame(data);
+}
 
 void ReplyCollector::reset()
 {
-    m_state = State::Outside;
-    m_data.clear();
-    m_raw.clear();
-    m_illegal = false;
+    leaveFrame();
+    dropParsed();
 }
 
 QByteArray ReplyCollector::abandon()
 {
-    QByteArray begun = m_raw;
+    QByteArray begun = raw();
     reset();
     return begun;
 }
 
-QList<ReplyCollector::Event> ReplyCollector::feed(const QByteArray& bytes)
+// Mostly nothing has come before these bytes, which are then shared and not copied.
+ReplyCollector::Events ReplyCollector::feed(const QByteArray& bytes)
 {
-    QList<Event> events;
-    const char* at = bytes.begin();
-    while (at != bytes.end()) {
-        const int plain = plainBytes(at, bytes.end());
-        m_raw.append(at, std::max(1, plain));
-        if (plain > 0)
-            m_data.append(at, plain);
-        else
-            parse(*at, events);
-        at += std::max(1, plain);
-        if (m_data.size() > kLongestData || m_raw.size() > kLongestFrame) {
-            events.append({Kind::Corrupt, QByteArray(), m_raw});
-            reset();
+    Events events;
+    if (m_bytes.isEmpty())
+        m_bytes = bytes;
+    else
+        m_bytes += bytes;
+    while (m_at < m_bytes.size()) {
+        const int plain = plainBytes();
+        m_at += std::max(1, plain);
+        m_dataSize += plain;
+        if (plain == 0)
+            parse(m_bytes.at(m_at - 1), events);
+        if (m_dataSize > kLongestData || m_at - m_begin > kLongestFrame) {
+            events.append({Kind::Corrupt, ByteSlice(), raw(), false});
+            leaveFrame();
         }
     }
+    dropParsed();
     return events;
+}
+
+// Forgets the bytes that no event can need any more.
+void ReplyCollector::dropParsed()
+{
+    if (m_begin == m_bytes.size())
+        m_bytes = QByteArray();
+    else
+        m_bytes.remove(0, m_begin);
+    m_at -= m_begin;
+    m_run -= m_begin;
+    m_begin = 0;
 }
 
 // The number of bytes from here on that are data of a frame and need no parsing; at most one more
 // than the longest data.
-int ReplyCollector::plainBytes(const char* at, const char* end) const
+int ReplyCollector::plainBytes() const
 {
     if (m_state != State::Data)
         return 0;
-    const auto room = std::min<std::ptrdiff_t>(end - at, kLongestData + 1 - m_data.size());
-    return static_cast<int>(std::find(at, at + room, kDle) - at);
+    const char* const at = m_bytes.constData() + m_at;
+    const int room = std::min(m_bytes.size() - m_at, kLongestData + 1 - m_dataSize);
+    const void* const dle = std::memchr(at, kDle, static_cast<std::size_t>(room));
+    return dle ? static_cast<int>(static_cast<const char*>(dle) - at) : room;
 }
 
-void ReplyCollector::parse(char byte, QList<Event>& events)
+void ReplyCollector::parse(char byte, Events& events)
 {
     switch (m_state) {
     case State::Outside:
@@ -68,7 +92,7 @@ void ReplyCollector::parse(char byte, QList<Event>& events)
             m_state = State::Escape;
         } else {
             ++m_noise;
-            m_raw.clear();
+            m_begin = m_at;
         }
         break;
     case State::Escape:
@@ -81,16 +105,15 @@ void ReplyCollector::parse(char byte, QList<Event>& events)
         parseDataEscape(byte, events);
         break;
     case State::CrcLow:
-        m_crcLow = static_cast<quint8>(byte);
         m_state = State::CrcHigh;
         break;
     case State::CrcHigh:
-        end(byte, events);
+        end(events);
         break;
     }
 }
 
-void ReplyCollector::parseOutsideEscape(char byte, QList<Event>& events)
+void ReplyCollector::parseOutsideEscape(char byte, Events& events)
 {
     m_state = State::Outside;
     switch (byte) {
@@ -98,48 +121,49 @@ void ReplyCollector::parseOutsideEscape(char byte, QList<Event>& events)
         begin();
         return;
     case kAck: // it may belong to a frame that follows
-        reportControl(Kind::Ack, events);
-        m_raw = m_raw.right(2);
+        reportControl(Kind::Ack, kAck, events);
+        m_begin = m_at - 2;
         return;
     case kNak:
-        reportControl(Kind::Nak, events);
+        reportControl(Kind::Nak, kNak, events);
         break;
     case kEnq:
-        reportControl(Kind::Enq, events);
+        reportControl(Kind::Enq, kEnq, events);
         break;
     case kDle: // the first was noise, this one may begin a frame
         ++m_noise;
         m_state = State::Escape;
-        m_raw = m_raw.right(1);
+        m_begin = m_at - 1;
         return;
     default:
         m_noise += 2;
     }
-    m_raw.clear();
+    m_begin = m_at;
 }
 
-void ReplyCollector::parseDataEscape(char byte, QList<Event>& events)
+void ReplyCollector::parseDataEscape(char byte, Events& events)
 {
     m_state = State::Data;
     switch (byte) {
-    case kDle:
-        m_data.append(byte);
+    case kDle: // the first of the two is data
+        breakRun(m_at - 1);
+        ++m_dataSize;
         break;
     case kEtx:
         m_state = State::CrcLow;
         break;
     case kStx: // the peer starts the frame again
-        m_raw = m_raw.right(2);
+        m_begin = m_at - 2;
         begin();
         break;
     case kAck: // an embedded response is not data
-        reportControl(Kind::Ack, events);
+        reportControl(Kind::Ack, kAck, events);
         break;
     case kNak:
-        reportControl(Kind::Nak, events);
+        reportControl(Kind::Nak, kNak, events);
         break;
     case kEnq:
-        reportControl(Kind::Enq, events);
+        reportControl(Kind::Enq, kEnq, events);
         break;
     default:
         m_illegal = true;
@@ -148,31 +172,63 @@ void ReplyCollector::parseDataEscape(char byte, QList<Event>& events)
 
 void ReplyCollector::begin()
 {
-    m_data.clear();
-    m_illegal = false;
     m_state = State::Data;
+    m_run = m_at;
+    m_dataSize = 0;
+    m_oneRun = true;
+    m_regular = m_at - m_begin == kHeadBytes;
+    m_illegal = false;
 }
 
-// A control is the last two bytes, also within a frame.
-void ReplyCollector::reportControl(Kind kind, QList<Event>& events) const
+// The data end here and go on with the next byte.
+void ReplyCollector::breakRun(int end)
 {
-    events.append({kind, QByteArray(), m_raw.right(2)});
+    if (m_oneRun)
+        m_undoubled.clear();
+    m_oneRun = false;
+    m_undoubled.append(m_bytes.constData() + m_run, end - m_run);
+    m_run = m_at;
 }
 
-void ReplyCollector::end(char crcHigh, QList<Event>& events)
+// The control is the last two bytes, also within a frame.
+void ReplyCollector::reportControl(Kind kind, char control, Events& events)
 {
-    const unsigned received = m_crcLow | static_cast<unsigned>(static_cast<quint8>(crcHigh)) << 8;
-    const bool intact = !m_illegal && received == frameCrc(m_data);
-    events.append({intact ? Kind::Frame : Kind::Corrupt, intact ? m_data : QByteArray(), m_raw});
-    reset();
+    events.append({kind, ByteSlice(), linkControl(control), false});
+    if (m_state != State::Data)
+        return;
+    breakRun(m_at - kControlBytes);
+    m_regular = false;
 }
 
-QByteArray replyForDriver(const QByteArray& data, bool searchedFor)
+void ReplyCollector::end(Events& events)
 {
-    QByteArray wire = wireFrame(data);
-    if (searchedFor && wire.endsWith("\x10\x10"))
-        wire.append('\0');
-    return wire;
+    Event event = {Kind::Frame, ByteSlice(), raw(), m_regular};
+    const int dataEnd = m_at - kTrailerBytes;
+    if (m_oneRun) {
+        event.data = ByteSlice(event.raw, m_run - m_begin, dataEnd - m_run);
+    } else {
+        breakRun(dataEnd);
+        event.data = std::exchange(m_undoubled, QByteArray());
+    }
+    const auto byteAt = [this](int at) { return static_cast<quint8>(m_bytes.at(at)); };
+    const int received = byteAt(m_at - 2) | byteAt(m_at - 1) << 8;
+    if (m_illegal || received != frameCrc(event.data))
+        event = {Kind::Corrupt, ByteSlice(), event.raw, false};
+    events.append(event);
+    leaveFrame();
+}
+
+// What is parsed belongs to no frame any more.
+void ReplyCollector::leaveFrame()
+{
+    m_state = State::Outside;
+    m_begin = m_at;
+    m_dataSize = 0;
+}
+
+QByteArray replyForDriver(const QByteArray& frame, bool searchedFor)
+{
+    return searchedFor && frame.endsWith("\x10\x10") ? frame + '\0' : frame;
 }
 
 } // namespace micro850::host

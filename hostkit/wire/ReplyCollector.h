@@ -1,8 +1,9 @@
 #ifndef MICRO850_HOST_REPLYCOLLECTOR_H
 #define MICRO850_HOST_REPLYCOLLECTOR_H
 
-#include <QtCore/QByteArray>
-#include <QtCore/QList>
+#include "ByteSlice.h"
+
+#include <QtCore/QVarLengthArray>
 
 namespace micro850::host {
 
@@ -22,18 +23,25 @@ public:
     struct Event
     {
         Kind kind;
-        QByteArray data;
+        ByteSlice data;
         /// The bytes on the line: the control; or the frame with everything that came within it,
         /// and with the acknowledgement directly before it, if there was one.
         QByteArray raw;
+        bool regular; ///< `raw` is what wireFrame() makes of `data`
+
+        /// A frame as wireFrame() builds it: the bytes that came, unless others came before or
+        /// within it.
+        QByteArray frame() const;
     };
+    /// One read brings an acknowledgement and a frame, rarely more.
+    using Events = QVarLengthArray<Event, 4>;
 
     /// Drops a frame that has begun.
     void reset();
     /// Drops a frame that has begun and returns the bytes of it that have come.
     QByteArray abandon();
     /// Parses bytes as they arrived. Returns the frames and controls that they complete, in order.
-    QList<Event> feed(const QByteArray& bytes);
+    Events feed(const QByteArray& bytes);
     /// True while a frame has begun and not ended.
     bool inFrame() const
     {
@@ -47,29 +55,41 @@ private:
     enum class State { Outside, Escape, Data, DataEscape, CrcLow, CrcHigh };
 
     bool inCrc() const { return m_state == State::CrcLow || m_state == State::CrcHigh; }
-    int plainBytes(const char* at, const char* end) const;
-    void parse(char byte, QList<Event>& events);
-    void parseOutsideEscape(char byte, QList<Event>& events);
-    void parseDataEscape(char byte, QList<Event>& events);
+    int plainBytes() const;
+    void parse(char byte, Events& events);
+    void parseOutsideEscape(char byte, Events& events);
+    void parseDataEscape(char byte, Events& events);
     void begin();
-    void end(char crcHigh, QList<Event>& events);
-    void reportControl(Kind kind, QList<Event>& events) const;
+    void breakRun(int end);
+    void reportControl(Kind kind, char control, Events& events);
+    void end(Events& events);
+    void leaveFrame();
+    void dropParsed();
+    QByteArray raw() const { return m_bytes.mid(m_begin, m_at - m_begin); }
 
     State m_state = State::Outside;
-    QByteArray m_data;
-    QByteArray m_raw;
-    quint8 m_crcLow = 0;
+    /// What came since the last event, and within feed() also before it. The data of a frame are
+    /// undoubled only if they have to be: those of most frames are a slice of these bytes.
+    QByteArray m_bytes;
+    int m_begin = 0;        ///< where the frame begins, with the acknowledgement before it
+    int m_at = 0;           ///< the next byte to parse
+    int m_run = 0;          ///< where the data begin that are not in `m_undoubled`
+    QByteArray m_undoubled; ///< the data before the last doubled byte or embedded control
+    int m_dataSize = 0;     ///< of all data of the frame so far
+    bool m_oneRun = true;   ///< nothing was doubled or embedded
+    bool m_regular = true;
     bool m_illegal = false;
     int m_noise = 0;
 };
 
-/// The frame of a reply as the driver needs it. It begins with a DLE ACK, from which the driver
-/// counts offsets; a controller may have sent it long before or not at all. If both CRC bytes are
-/// 10, the driver's undoubling makes one byte of them and would cut off the last value byte. A
-/// filler byte after them, which the driver's search for the end skips, keeps the value whole. The
-/// driver finds the replies of the connection set-up by their end; these get no filler byte
+/// The frame of a reply, as wireFrame() builds it, as the driver needs it. It begins with a DLE
+/// ACK, from which the driver counts offsets; a controller may have sent it long before or not at
+/// all. If both CRC bytes are 10, the driver's undoubling makes one byte of them and would cut off
+/// the last value byte. A filler byte after them, which the driver's search for the end skips,
+/// keeps the value whole. The driver finds the replies of the connection set-up by their end; these
+/// get no filler byte
 /// (`searchedFor` is false).
-QByteArray replyForDriver(const QByteArray& data, bool searchedFor);
+QByteArray replyForDriver(const QByteArray& frame, bool searchedFor);
 
 } // namespace micro850::host
 

@@ -34,15 +34,11 @@ void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& 
                          QVector<TraceEvent>& events)
 {
     const bool sent = record.direction == Direction::Sent;
-    TraceEvent handled = {TraceEvent::Kind::Control,
-                          record.direction,
-                          record.time.count(),
-                          event.data,
-                          QString(),
-                          -1};
+    TraceEvent handled = {TraceEvent::Kind::Control, record.direction, record.time.count(),
+                          event.data.bytes(),        QString(),        -1};
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
-        handled.text = frameText(wireFrame(event.data));
+        handled.text = frameText(event.frame());
         if (sent)
             handleRequest(handled);
         else

@@ -156,7 +156,7 @@ private:
     {
         const qint64 now = m_port.microseconds();
         const auto events = micro850::host::ReplyCollector().feed(frame);
-        const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data;
+        const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data.bytes();
         if (data.isEmpty()) // a link control, or a corrupt frame
             return;
         if (direction == micro850::host::Exchange::Direction::In) {

@@ -12,21 +12,28 @@ namespace {
 
 using micro850::host::ReplyCollector;
 
-// The driver gets a collected frame exactly as it was on the line.
-void checkFrame(const QByteArray& data)
+// The driver gets a collected frame as its data are framed, whatever came with it on the line.
+void checkForDriver(const ReplyCollector::Event& event)
 {
-    FUZZ_CHECK(data.size() <= 1024);
-    const QByteArray frame = micro850::host::replyForDriver(data, true);
-    const QByteArray onLine = wire::framed(data);
+    FUZZ_CHECK(event.data.size() <= 1024);
+    const QByteArray frame = micro850::host::replyForDriver(event.frame(), true);
+    const QByteArray onLine = wire::framed(event.data.bytes());
     FUZZ_CHECK(frame == onLine || (onLine.endsWith("\x10\x10") && frame == onLine + '\0'));
+    FUZZ_CHECK(micro850::host::replyForDriver(event.frame(), false) == onLine);
+}
+
+void checkData(const QByteArray& data)
+{
+    const QByteArray onLine = wire::framed(data);
     FUZZ_CHECK(micro850::host::dataOf(onLine) == data);
+    FUZZ_CHECK(micro850::host::uncheckedDataOf(onLine) == data);
     micro850::host::frameText(onLine);
     const micro850::host::Reply reply = micro850::host::decodeReply(data);
     FUZZ_CHECK(micro850::host::statusText(reply).isEmpty() == reply.good());
     FUZZ_CHECK(micro850::host::statusKey(reply).isEmpty() == reply.good());
     FUZZ_CHECK(reply.values().size() <= data.size());
     const micro850::host::Request request = micro850::host::decodeRequest(data);
-    FUZZ_CHECK(request.tag.size() <= 255 && request.element <= 0xFFFF);
+    FUZZ_CHECK(request.tag().size() <= 255 && request.element <= 0xFFFF);
     FUZZ_CHECK(!micro850::host::answers(reply, request) || reply.tns == request.tns);
     micro850::host::saysNoConnection(reply);
 }
@@ -36,10 +43,12 @@ QByteArray take(ReplyCollector& collector, const QByteArray& bytes)
     QByteArray kinds;
     for (const ReplyCollector::Event& event : collector.feed(bytes)) {
         kinds.append(static_cast<char>(event.kind));
-        kinds.append(event.data);
+        kinds.append(event.data.bytes());
         FUZZ_CHECK(event.kind == ReplyCollector::Kind::Frame || event.data.isEmpty());
-        if (event.kind == ReplyCollector::Kind::Frame)
-            checkFrame(event.data);
+        if (event.kind != ReplyCollector::Kind::Frame)
+            continue;
+        checkForDriver(event);
+        checkData(event.data.bytes());
     }
     return kinds;
 }
@@ -63,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     FUZZ_CHECK(found == foundInPieces);
     FUZZ_CHECK(atOnce.inFrame() == inPieces.inFrame());
     FUZZ_CHECK(atOnce.noiseBytes() == inPieces.noiseBytes() && atOnce.noiseBytes() <= line.size());
-    checkFrame(line.left(1024));
+    checkData(line.left(1024));
+    micro850::host::uncheckedDataOf(line);
     micro850::host::frameText(line);
     return 0;
 }

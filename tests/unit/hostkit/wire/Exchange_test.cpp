@@ -50,7 +50,7 @@ TEST_F(ExchangeTest, ReturnsTheReplyToItsRequest)
     line.onSend = [this](const QByteArray&) { line.arrive(reply, 7); };
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
-    EXPECT_EQ(wire::text(answer.data), wire::text(wire::unframed(reply)));
+    EXPECT_EQ(wire::text(answer.frame), wire::text(reply));
     EXPECT_EQ(answer.roundTrip, 7ms);
     EXPECT_EQ(sent(), "request");
     EXPECT_EQ(counters.sent, 1);
@@ -72,7 +72,7 @@ TEST_F(ExchangeTest, DropsBytesThatArrivedBeforeItSends)
 {
     line.arrive(wire::readReply(5, 0x00C3, hex("FF FF")), 0);
     line.onSend = [this](const QByteArray&) { line.arrive(reply); };
-    EXPECT_EQ(wire::text(run().reply.values()), "D2 04");
+    EXPECT_EQ(wire::text(run().reply.values().bytes()), "D2 04");
     EXPECT_EQ(counters.late, 0);
 }
 
@@ -86,7 +86,7 @@ TEST_F(ExchangeTest, DropsAReplyToAnotherRequestAndGoesOnWaitingWithinTheSameTim
         line.arrive(reply, 400);
     };
     const Answer answer = run();
-    EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
     EXPECT_EQ(counters.late, 1);
     EXPECT_EQ(clock.now() - start, 400ms);
     EXPECT_EQ(sent(), "request, 10 06");
@@ -160,7 +160,7 @@ TEST_F(ExchangeTest, AsksAgainForAReplyThatBytes00BeforeTheDataHaveShifted)
     };
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
-    EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
     EXPECT_EQ(counters.corrupt, 1);
     EXPECT_EQ(counters.late, 0);
     EXPECT_EQ(sent(), "request, 10 15");
@@ -176,7 +176,7 @@ TEST_F(ExchangeTest, AsksAgainForAReplyThatStopsInTheMiddle)
     };
     const Answer answer = run();
     EXPECT_EQ(answer.outcome, Outcome::Answered);
-    EXPECT_EQ(wire::text(answer.reply.values()), "D2 04");
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
     EXPECT_EQ(answer.roundTrip, 5ms + 250ms + 5ms);
     EXPECT_EQ(counters.corrupt, 1);
     EXPECT_EQ(sent(), "request, 10 15");

@@ -35,7 +35,7 @@ TEST(Frame, IsBuiltAndOpenedAsOnTheWire)
 {
     const QByteArray data = hex("00 01 0A 00 10 10 03 10");
     EXPECT_EQ(wire::text(wireFrame(data)), wire::text(wire::framed(data)));
-    EXPECT_EQ(wire::text(dataOf(wire::framed(data))), wire::text(data));
+    EXPECT_EQ(wire::text(dataOf(wire::framed(data)).bytes()), wire::text(data));
 }
 
 TEST(Frame, IsNotOpenedWhenDamagedOrShort)
@@ -55,7 +55,7 @@ TEST(Request, OfAReadHasTagElementAndCount)
     EXPECT_TRUE(request.valid);
     EXPECT_EQ(request.tns, 0x1234);
     EXPECT_EQ(request.service, kReadTagFragmented);
-    EXPECT_EQ(request.tag, QString("Level"));
+    EXPECT_EQ(request.tag(), QString("Level"));
     EXPECT_EQ(request.element, 300u);
     EXPECT_EQ(request.count, 20);
 }
@@ -71,7 +71,7 @@ TEST(Request, OfATagWithAZeroByteHasTheWholeTag)
 {
     QByteArray request = wire::unframed(wire::readRequest(1, kId, wire::tagPath("Le_el"), 1));
     request[request.indexOf("Le_el") + 2] = '\0';
-    EXPECT_EQ(requestOf(wire::framed(request)).tag, QString::fromLatin1("Le\0el", 5));
+    EXPECT_EQ(requestOf(wire::framed(request)).tag(), QString::fromLatin1("Le\0el", 5));
 }
 
 TEST(Request, WithoutAnElementSegmentIsForElementZero)
@@ -94,7 +94,7 @@ TEST(Request, ThatOpensAConnectionHasNoTag)
     const Request request = decodeRequest(wire::forwardOpenRequest(3, 0x10));
     EXPECT_EQ(request.service, kForwardOpen);
     EXPECT_EQ(request.tns, 3);
-    EXPECT_TRUE(request.tag.isEmpty());
+    EXPECT_TRUE(request.tag().isEmpty());
 }
 
 TEST(Request, ThatIsTooShortIsNotValid)
@@ -109,7 +109,7 @@ TEST(Reply, ToAReadHasTypeAndValues)
     const Reply reply = replyOf(wire::readReply(5, 0x00C3, hex("D2 04")));
     EXPECT_TRUE(reply.good());
     EXPECT_EQ(reply.typeCode(), 0xC3);
-    EXPECT_EQ(wire::text(reply.values()), "D2 04");
+    EXPECT_EQ(wire::text(reply.values().bytes()), "D2 04");
     EXPECT_EQ(statusText(reply), QString());
 }
 

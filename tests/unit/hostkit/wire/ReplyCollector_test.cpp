@@ -12,7 +12,7 @@ using Kind = ReplyCollector::Kind;
 namespace {
 
 // What the events say, one word each: "frame", "corrupt", "ack", "nak", "enq".
-std::string kinds(const QList<ReplyCollector::Event>& events)
+template<typename Events> std::string kinds(const Events& events)
 {
     std::string text;
     for (const ReplyCollector::Event& event : events) {
@@ -23,14 +23,20 @@ std::string kinds(const QList<ReplyCollector::Event>& events)
 }
 
 // The frames' data in hexadecimal.
-std::string frames(const QList<ReplyCollector::Event>& events)
+template<typename Events> std::string frames(const Events& events)
 {
     std::string text;
     for (const ReplyCollector::Event& event : events) {
         if (event.kind == Kind::Frame)
-            text += (text.empty() ? "" : ", ") + wire::text(event.data);
+            text += (text.empty() ? "" : ", ") + wire::text(event.data.bytes());
     }
     return text;
+}
+
+void append(QList<ReplyCollector::Event>& all, const ReplyCollector::Events& events)
+{
+    for (const ReplyCollector::Event& event : events)
+        all.append(event);
 }
 
 const QByteArray kData = hex("01 00 4A 00 05 00 00 00 5A 3C 0C 45 D2 00 00 00 C3 00 D2 04");
@@ -56,8 +62,9 @@ TEST(ReplyCollector, FindsTheSameInTwoPiecesCutAnywhere)
     const QByteArray stream = wire::framed(hex("01 10 4A 10 10 03 10") + kData);
     for (int cut = 0; cut <= stream.size(); ++cut) {
         ReplyCollector collector;
-        QList<ReplyCollector::Event> events = collector.feed(stream.left(cut));
-        events += collector.feed(stream.mid(cut));
+        QList<ReplyCollector::Event> events;
+        for (const QByteArray& piece : {stream.left(cut), stream.mid(cut)})
+            append(events, collector.feed(piece));
         EXPECT_EQ(kinds(events), "ack frame") << "cut at " << cut;
         EXPECT_EQ(frames(events), wire::text(hex("01 10 4A 10 10 03 10") + kData));
     }
@@ -68,7 +75,7 @@ TEST(ReplyCollector, FindsTheSameByteByByte)
     ReplyCollector collector;
     QList<ReplyCollector::Event> events;
     for (const char byte : wire::framed(kData))
-        events += collector.feed(QByteArray(1, byte));
+        append(events, collector.feed(QByteArray(1, byte)));
     EXPECT_EQ(frames(events), wire::text(kData));
 }
 
@@ -194,8 +201,7 @@ TEST(ReplyCollector, GivesUpAFrameThatNeverEnds)
 TEST(ReplyCollector, GivesUpAFrameThatHasOnlyEmbeddedResponses)
 {
     ReplyCollector collector;
-    const QList<ReplyCollector::Event> events =
-        collector.feed(hex("10 02") + hex("10 06").repeated(3000));
+    const auto events = collector.feed(hex("10 02") + hex("10 06").repeated(3000));
     ASSERT_NE(kinds(events).find(" corrupt "), std::string::npos);
     for (const ReplyCollector::Event& event : events)
         EXPECT_LE(event.raw.size(), 4100);
@@ -214,7 +220,6 @@ TEST(ReplyCollector, FindsEveryFrameOfAnyDataInAnyPieces)
                 (expected.empty() && &message == &messages.front() ? "" : ", ") + wire::text(data);
         }
         ReplyCollector collector;
-        QList<ReplyCollector::Event> events;
         std::string found;
         bool first = true;
         const auto take = [&](const QByteArray& piece) {
@@ -222,7 +227,7 @@ TEST(ReplyCollector, FindsEveryFrameOfAnyDataInAnyPieces)
                 if (event.kind == Kind::Ack)
                     continue;
                 RC_ASSERT(event.kind == Kind::Frame);
-                found += (first ? "" : ", ") + wire::text(event.data);
+                found += (first ? "" : ", ") + wire::text(event.data.bytes());
                 first = false;
             }
         };
@@ -236,22 +241,89 @@ TEST(ReplyCollector, FindsEveryFrameOfAnyDataInAnyPieces)
     });
 }
 
+// A frame whose CRC is 1010, which a model of its own finds.
+QByteArray dataWithCrcOfTwoDles()
+{
+    for (quint32 n = 0;; ++n) {
+        const QByteArray candidate = kData + wire::little(n, 3);
+        if (wire::crc16Arc(candidate + hex("03")) == 0x1010)
+            return candidate;
+    }
+}
+
+// The frames that the bytes bring, each as the driver gets it.
+std::string framesForDriver(const QByteArray& stream, bool searchedFor = true)
+{
+    ReplyCollector collector;
+    std::string text;
+    for (const ReplyCollector::Event& event : collector.feed(stream)) {
+        if (event.kind == Kind::Frame)
+            text += (text.empty() ? "" : ", ") +
+                    wire::text(micro850::host::replyForDriver(event.frame(), searchedFor));
+    }
+    return text;
+}
+
+TEST(ReplyForDriver, IsTheFrameAsItCameWithoutACopy)
+{
+    const QByteArray frame = wire::framed(kData);
+    ReplyCollector collector;
+    const auto events = collector.feed(frame);
+    ASSERT_EQ(kinds(events), "ack frame");
+    EXPECT_EQ(micro850::host::replyForDriver(events[1].frame(), true).constData(),
+              frame.constData());
+}
+
 TEST(ReplyForDriver, BeginsWithTheAcknowledgementThatTheDriverCountsFrom)
 {
-    EXPECT_EQ(wire::text(micro850::host::replyForDriver(kData, true)),
-              wire::text(wire::framed(kData)));
+    const QByteArray frame = wire::framed(kData);
+    const std::string whole = wire::text(frame);
+    EXPECT_EQ(framesForDriver(frame), whole);
+    EXPECT_EQ(framesForDriver(frame.mid(2)), whole) << "none came";
+    EXPECT_EQ(framesForDriver(hex("10 06 55") + frame.mid(2)), whole) << "noise after it";
+    EXPECT_EQ(framesForDriver(hex("10 06 10 15") + frame.mid(2)), whole) << "NAK after it";
+    EXPECT_EQ(framesForDriver(hex("10 06 10 06") + frame.mid(2)), whole) << "twice";
+    EXPECT_EQ(framesForDriver(frame.left(9) + frame.mid(2)), whole) << "begun again";
+    EXPECT_EQ(framesForDriver(frame + frame), whole + ", " + whole) << "two at once";
+}
+
+TEST(ReplyForDriver, HasNoEmbeddedControls)
+{
+    const QByteArray frame = wire::framed(hex("01 10 4A 10 10 03 10") + kData);
+    for (const char* control : {"10 06", "10 15", "10 05"})
+        EXPECT_EQ(framesForDriver(frame.left(8) + hex(control) + frame.mid(8)), wire::text(frame));
 }
 
 TEST(ReplyForDriver, HasAFillerByteAfterACrcOfTwoDles)
 {
-    QByteArray data;
-    for (quint32 n = 0; data.isEmpty(); ++n) {
-        const QByteArray candidate = kData + wire::little(n, 3);
-        if (wire::crc16Arc(candidate + hex("03")) == 0x1010)
-            data = candidate;
-    }
-    EXPECT_EQ(wire::text(micro850::host::replyForDriver(data, true)),
-              wire::text(wire::framed(data) + hex("00")));
-    EXPECT_EQ(wire::text(micro850::host::replyForDriver(data, false)),
-              wire::text(wire::framed(data)));
+    const QByteArray frame = wire::framed(dataWithCrcOfTwoDles());
+    EXPECT_EQ(framesForDriver(frame), wire::text(frame + hex("00")));
+    EXPECT_EQ(framesForDriver(frame, false), wire::text(frame));
+    EXPECT_EQ(framesForDriver(frame.mid(2)), wire::text(frame + hex("00")));
+}
+
+// What the driver gets must not depend on what else came, nor on the pieces in which it came.
+TEST(ReplyForDriver, IsForAnyStreamTheFrameBuiltAnewOfItsData)
+{
+    rc::check([](const std::vector<std::vector<char>>& messages, const std::vector<char>& noise,
+                 unsigned pieceBytes) {
+        QByteArray stream;
+        for (const std::vector<char>& message : messages) {
+            const QByteArray data(message.data(), static_cast<int>(message.size()));
+            const QByteArray frame = wire::framed(data + QByteArray(data.size() % 3, '\x10'));
+            for (const char byte : noise) // a control within the frame, or noise before it
+                stream += byte % 2 != 0 ? frame.left(6) + hex("10 06") + frame.mid(6)
+                                        : QByteArray(1, byte) + frame.mid(byte % 4 == 0 ? 2 : 0);
+            stream += frame;
+        }
+        ReplyCollector collector;
+        const int piece = 1 + static_cast<int>(pieceBytes % 50);
+        for (int at = 0; at < stream.size(); at += piece) {
+            for (const ReplyCollector::Event& event : collector.feed(stream.mid(at, piece))) {
+                if (event.kind == Kind::Frame)
+                    RC_ASSERT(wire::text(event.frame()) ==
+                              wire::text(wire::framed(event.data.bytes())));
+            }
+        }
+    });
 }
