@@ -1,5 +1,6 @@
 #include "AdapterReport.h"
 
+#include "SerialLine.h"
 #include "Visible.h"
 
 namespace micro850::host {
@@ -76,7 +77,14 @@ QString millisecondsOf(int characters, const PortSettings& port)
     return QStringLiteral("%1.%2 ms").arg(tenths / 10).arg(tenths % 10);
 }
 
-QString latencyAdvice(const AdapterReport& report)
+// Where nothing is known of the hardware, as in a container that hides it, the flag may be there
+// all the same.
+bool hasFlag(LowLatency lowLatency)
+{
+    return lowLatency != LowLatency::NotAsked && lowLatency != LowLatency::NotOffered;
+}
+
+QString latencyAdvice(const AdapterReport& report, const PortSettings& port)
 {
     const Adapter& adapter = report.open;
     if (report.lowLatency == LowLatency::NotAsked)
@@ -89,10 +97,11 @@ QString latencyAdvice(const AdapterReport& report)
             .arg(*adapter.latencyTimerMs);
     }
     if (report.lowLatency == LowLatency::NotAllowed) {
-        return QStringLiteral("%1: this user may not ask for low latency: run \"sudo setserial "
-                              "/dev/%1 low_latency\", or let a udev rule run it as "
+        return QStringLiteral("%1: this user may not ask for low latency: run \"sudo setserial %1 "
+                              "low_latency\", or let a udev rule run it as "
                               "share/micro850/60-micro850-adapters.rules shows")
-            .arg(adapter.name);
+            .arg(adapter.isKnown() ? QStringLiteral("/dev/") + adapter.name
+                                   : devicePath(port.device));
     }
     return QString();
 }
@@ -113,7 +122,7 @@ QString triggerAdvice(const Adapter& adapter, const PortSettings& port)
 
 QStringList AdapterReport::lines() const
 {
-    if (!open.isKnown())
+    if (!open.isKnown() && !hasFlag(lowLatency))
         return {};
     QStringList lines;
     if (!open.usbId.isEmpty())
@@ -136,9 +145,9 @@ QStringList AdapterReport::lines() const
 
 Json AdapterReport::object() const
 {
-    if (!open.isKnown())
+    if (!open.isKnown() && !hasFlag(lowLatency))
         return nullptr;
-    Json object = {{"device", open.name.toStdString()}};
+    Json object = Json::object();
     const auto addText = [&object](const char* key, const QString& text) {
         if (!text.isEmpty())
             object[key] = text.toStdString();
@@ -147,6 +156,7 @@ Json AdapterReport::object() const
         if (number)
             object[key] = *number;
     };
+    addText("device", open.name);
     addText("manufacturer", open.manufacturer);
     addText("product", open.product);
     addText("serial", open.serial);
@@ -162,7 +172,7 @@ Json AdapterReport::object() const
 
 QString AdapterReport::advice(const PortSettings& port) const
 {
-    QStringList parts = {latencyAdvice(*this), triggerAdvice(open, port)};
+    QStringList parts = {latencyAdvice(*this, port), triggerAdvice(open, port)};
     parts.removeAll(QString());
     return visible(parts.join(QStringLiteral("; ")));
 }

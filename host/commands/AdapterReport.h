@@ -15,10 +15,10 @@ struct AdapterReport
     Adapter open;   ///< while it was open
     LowLatency lowLatency = LowLatency::NotAsked;
 
-    /// The lines for people; none when no hardware is known, as behind a pseudo-terminal or a
-    /// network address.
+    /// The lines for people; none behind a pseudo-terminal or a network address, where neither
+    /// hardware nor the flag is known.
     QStringList lines() const;
-    /// The same as one object; null when no hardware is known.
+    /// The same as one object, or null.
     Json object() const;
     /// How to make the adapter deliver bytes sooner, with the command that does it; empty when it
     /// does so already, or when nothing would help.

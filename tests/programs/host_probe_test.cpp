@@ -1,5 +1,7 @@
 #include "program_fixture.h"
 
+#include <QtCore/QFile>
+
 namespace {
 
 using HostProbe = ProgramTest;
@@ -78,6 +80,28 @@ TEST_F(HostProbe, AsksTheSameControllerWhateverTheStation)
     EXPECT_EQ(hostOnPort({"probe", "--station", "7"}).status, 0);
     const std::string help = host({"probe", "--help"}).out;
     EXPECT_NE(help.find("it is not sent"), std::string::npos) << help;
+}
+
+TEST_F(HostProbe, LeavesAnEarlierTraceWhenThePortIsWrong)
+{
+    simulate();
+    const QString trace = path("t.txt");
+    EXPECT_EQ(hostOnPort({"probe", "--trace", trace}).status, 0);
+    const std::string before = textOf("t.txt");
+    EXPECT_NE(before, "");
+    EXPECT_EQ(host({"probe", "--trace", trace, "--port", "nowhere"}).status, 2);
+    EXPECT_EQ(textOf("t.txt"), before);
+    EXPECT_EQ(host({"probe", "--trace", path("new.txt"), "--port", "nowhere"}).status, 2);
+    EXPECT_FALSE(QFile::exists(path("new.txt")));
+}
+
+TEST_F(HostProbe, TracesEverySpeedOfAScan)
+{
+    const SilentPort nobody;
+    const Result scan = host(
+        {"probe", "--scan", "--timeout", "20", "--port", nobody.path(), "--trace", path("t.txt")});
+    EXPECT_EQ(scan.status, 1);
+    EXPECT_GE(linesOf(textOf("t.txt")).filter("identity").size(), 5) << textOf("t.txt");
 }
 
 TEST_F(HostProbe, RefusesASpeedWithAScanOfAllSpeeds)
