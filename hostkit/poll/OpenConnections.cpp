@@ -14,23 +14,12 @@ const int kReplyBytes = 80;
 // What a controller may take to answer. At the end of a program nobody waits longer.
 const std::chrono::milliseconds kPatience(250);
 
-// A transaction number of the host's own, far from those of the driver: a peer takes a request with
-// the number of the previous one for its repetition. A host that starts afterwards begins with 0
-// or 1.
-quint16 ownTransaction(quint16 last)
-{
-    const unsigned far = 0x4000;
-    const unsigned own = (last + far) & 0xFFFFu;
-    return static_cast<quint16>(own > 1 ? own : own + 2);
-}
-
 } // namespace
 
 void OpenConnections::note(int station, const QByteArray& frame, const Answer& answer)
 {
     Opened& opened = m_stations[station];
     opened.answers = answer.outcome == Answer::Outcome::Answered;
-    m_lastTransaction = answer.request.tns;
     if (answer.request.service != kForwardOpen || (opened.answers && !answer.reply.good()))
         return;
     // Without an answer the connection may be open all the same.
@@ -66,8 +55,7 @@ void OpenConnections::closeAll()
 // connection, does not know it any more, or does not know the service.
 bool OpenConnections::closeOne(const QByteArray& openRequest)
 {
-    m_lastTransaction = ownTransaction(m_lastTransaction);
-    const QByteArray frame = wireFrame(closeRequest(openRequest, m_lastTransaction));
+    const QByteArray frame = wireFrame(closeRequest(openRequest, m_exchange.ownTransaction()));
     Counters uncounted;
     const Answer answer = m_exchange.run(frame, uncounted, timeoutFor(frame.size()));
     return answer.outcome == Answer::Outcome::Answered;
@@ -76,7 +64,8 @@ bool OpenConnections::closeOne(const QByteArray& openRequest)
 Duration OpenConnections::timeoutFor(int requestBytes) const
 {
     return std::min<Duration>(m_exchange.timeoutFor(requestBytes),
-                              m_port.timeOf(requestBytes + kReplyBytes) + kPatience);
+                              m_port.timeOf(requestBytes + kReplyBytes) +
+                                  m_exchange.delayFor(kPatience));
 }
 
 } // namespace micro850::host

@@ -41,7 +41,6 @@ private:
     Exchange& m_exchange;
     PortSettings m_port;
     QMap<int, Opened> m_stations;
-    quint16 m_lastTransaction = 0;
 };
 
 } // namespace micro850::host

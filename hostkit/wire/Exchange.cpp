@@ -3,6 +3,7 @@
 #include "FrameText.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace micro850::host {
 
@@ -10,34 +11,66 @@ namespace {
 
 // The longest reply of a 504-byte connection, with its header, every byte doubled.
 const int kLongestReply = 2 * 520;
-// How often within one time-out to ask for a corrupt reply again, or to repeat a request.
+// How often within one time-out to ask for a reply again, or to repeat a request that was refused.
+// A peer gives up a message that is refused more often.
 const int kLinkRetries = 3;
+// The pauses between two times that a lost reply is asked for grow up to this.
+const std::chrono::milliseconds kLongestPause(150);
+
+// Bytes that the reply has on the line at most, but for strings and doubled bytes.
+int expectedReplyBytes(const Request& request)
+{
+    const int frame = 24; // of a reply without values
+    const int setUp = 100;
+    const int element = 8;
+    if (request.service == kReadTagFragmented)
+        return std::min(frame + element * request.count, kLongestReply / 2);
+    return request.service == kWriteTagFragmented ? frame : setUp;
+}
 
 } // namespace
 
 /// The state of one request in flight.
 struct Exchange::Attempt
 {
-    const QByteArray& frame;
+    QByteArray frame; ///< with the number under which it was last sent
     Counters& counters;
     Answer answer;
-    Duration sentAt{0};
+    Last self;           ///< what the next request will know of this one
     Duration heardAt{0}; ///< the last byte
     Duration time{0};
-    bool asked = false;
+    Duration patience{0}; ///< a silence that is longer than usual; 0 while that is not known
+    Duration pause{0};    ///< after the next time of asking
+    Duration askAt{0};    ///< unless bytes come
+    QByteArray begun = QByteArray(); ///< of a frame, when it stopped
+    int skipped = 0;                 ///< bytes of the frame that are not sent
+    int asks = 0;                    ///< for a reply that did not come
     int asksAgain = kLinkRetries;
     int repetitions = kLinkRetries;
+    bool stopped = false;   ///< the frame that has begun
+    bool disturbed = false; ///< the round trip says nothing
     bool done = false;
 
-    Duration deadline() const { return sentAt + time; }
-    // A reply that has not begun by then is late.
-    Duration lateAt() const { return sentAt + time / 2; }
+    Duration deadline() const { return self.sentAt + time; }
     // A frame without a further byte until then has lost its end.
-    Duration cutOffAt() const { return heardAt + time / 4; }
+    Duration cutOffAt() const { return heardAt + (patience > Duration(0) ? patience : time / 4); }
+    Duration dueAt(bool inFrame) const { return inFrame && !stopped ? cutOffAt() : askAt; }
+    void hear(Duration now)
+    {
+        heardAt = now;
+        askAt = std::max(askAt, now + patience);
+        stopped = false;
+    }
+    void countCorrupt()
+    {
+        ++counters.corrupt;
+        disturbed = true;
+    }
 };
 
 Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
-    : m_line(line), m_clock(clock), m_settings(settings)
+    : m_line(line), m_clock(clock), m_settings(settings),
+      m_byteTime(std::chrono::microseconds(settings.bitsPerByte() * 1000000 / settings.baud + 1))
 {
 }
 
@@ -46,7 +79,12 @@ Duration Exchange::timeoutFor(int requestBytes) const
     if (m_settings.timeoutMs != 0)
         return std::chrono::milliseconds(m_settings.timeoutMs);
     return m_settings.timeOf(requestBytes + kLongestReply) +
-           std::chrono::milliseconds(m_settings.deviceBudgetMs);
+           delayFor(std::chrono::milliseconds(m_settings.deviceBudgetMs));
+}
+
+Duration Exchange::delayFor(Duration budget) const
+{
+    return std::max(budget + 2 * m_line.transportDelay(), m_roundTrips.longest());
 }
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
@@ -65,58 +103,131 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters, Duration timeo
 
 Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Duration timeout)
 {
-    Attempt attempt = {frame, counters, Answer()};
-    m_line.discardInput();
-    m_collector.reset();
-    attempt.answer.outcome = Answer::Outcome::DeviceGone;
-    attempt.sentAt = m_clock.now();
+    Attempt attempt = {frame, counters, Answer(), Last()};
     attempt.time = timeout;
-    const bool sent = sendFrame(frame, counters);
-    attempt.answer.request = decodeRequest(uncheckedDataOf(frame));
-    if (!sent)
-        return attempt.answer;
-    if (m_meanwhile)
+    begin(attempt);
+    bool present = sendRequest(attempt);
+    if (present && m_meanwhile)
         m_meanwhile();
-    while (m_clock.now() < attempt.deadline()) {
-        if (!askWhereDue(attempt) || !collect(attempt) || attempt.done)
-            return attempt.answer;
+    setPace(attempt);
+    while (present && !attempt.done && m_clock.now() < attempt.deadline())
+        present = askWhereDue(attempt) && collect(attempt);
+    if (!present) {
+        attempt.answer.outcome = Answer::Outcome::DeviceGone;
+        attempt.self.owed = 0;
+    } else if (!attempt.done) {
+        ++counters.timedOut;
     }
-    ++counters.timedOut;
-    attempt.answer.outcome = Answer::Outcome::TimedOut;
+    attempt.self.answered = attempt.done;
+    attempt.self.number = attempt.answer.request.tns;
+    m_last = std::move(attempt.self);
     return attempt.answer;
 }
 
-// Asks once for a reply that has not begun. A reply that stopped in the middle counts as corrupt.
-// False when the device is gone.
+// A request that begins a set-up, or a read that the driver repeats, is sent under a number of the
+// host's own: a peer would take it for the repetition of a message, and not answer. Another request
+// that the driver repeats must not be carried out twice. It goes out without the acknowledgement,
+// which would make the peer forget the reply that it may still have.
+void Exchange::begin(Attempt& attempt)
+{
+    const int commandAt = 6;
+    const char unconnected = 0x0B;
+    const int acknowledgement = 2;
+    const bool isRepeated = !m_last.answered && attempt.frame == m_last.frame;
+    const bool mayBeginSetUp =
+        attempt.frame.size() > commandAt && attempt.frame.at(commandAt) == unconnected;
+    attempt.self.frame = attempt.frame;
+    Request& request = attempt.answer.request;
+    if (isRepeated || mayBeginSetUp) {
+        request = decodeRequest(uncheckedDataOf(attempt.frame));
+        if (isRepeatable(request)) {
+            m_driverNumber = request.tns;
+            attempt.frame = renumbered(attempt.frame, ownTransaction());
+        } else if (isRepeated) {
+            attempt.skipped = acknowledgement;
+            attempt.disturbed = true;
+        }
+        attempt.counters.retries += isRepeated ? 1 : 0;
+    }
+    // Copies that are still to come are told from the reply; a part of one would be noise.
+    if (m_last.owed == 0) {
+        m_line.discardInput();
+        m_collector.reset();
+    }
+    attempt.self.sentAt = attempt.heardAt = m_clock.now();
+}
+
+// Decodes the request, too, which then needs not delay it. Before the first answer nothing is
+// known: the reply is asked for once, at half the time-out.
+void Exchange::setPace(Attempt& attempt)
+{
+    Request& request = attempt.answer.request;
+    request = decodeRequest(uncheckedDataOf(attempt.frame));
+    if (request.tns != m_own.last())
+        m_driverNumber = request.tns;
+    attempt.self.bytes = timeOnLine(attempt.frame.size() + expectedReplyBytes(request));
+    attempt.askAt = attempt.self.sentAt + attempt.time / 2;
+    if (!m_roundTrips.isKnown())
+        return;
+    attempt.patience = m_roundTrips.patience(attempt.self.bytes, m_line.transportDelay());
+    attempt.pause = attempt.patience;
+    attempt.askAt = std::min(attempt.askAt, attempt.self.sentAt + attempt.patience);
+}
+
+// Asks for a reply that has not begun or that stopped in the middle. False when the device is gone.
 bool Exchange::askWhereDue(Attempt& attempt)
 {
-    const Duration now = m_clock.now();
-    if (m_collector.inFrame()) {
-        if (now < attempt.cutOffAt())
-            return true;
-        ++attempt.counters.corrupt;
+    const bool begun = m_collector.inFrame();
+    if (m_clock.now() < attempt.dueAt(begun))
+        return true;
+    if (begun && attempt.patience > Duration(0) && !attempt.stopped) {
+        // A peer that pauses sends the rest later.
+        attempt.stopped = true;
+        attempt.begun = m_collector.begun();
+    } else if (begun) {
+        attempt.countCorrupt();
         show(Direction::In, m_collector.abandon());
+    }
+    return askForMissing(attempt, begun);
+}
+
+// With growing pauses, because the question may be lost, too. A peer that is busy answers each one
+// later.
+bool Exchange::askForMissing(Attempt& attempt, bool begun)
+{
+    if (attempt.patience == Duration(0)) {
+        if (!begun)
+            attempt.askAt = attempt.deadline();
         return askAgain(attempt);
     }
-    if (attempt.asked || now < attempt.lateAt())
-        return true;
-    attempt.asked = true;
+    attempt.askAt = m_clock.now() + attempt.pause;
+    attempt.pause =
+        std::min(2 * attempt.pause, std::max<Duration>(attempt.patience, kLongestPause));
+    const bool isOdd = attempt.asks++ % 2 != 0;
+    if (isRepeatable(attempt.answer.request) && (isOdd || attempt.asksAgain <= 0))
+        return repeatRequest(attempt);
+    attempt.self.owed += attempt.asksAgain > 0 ? 1 : 0;
     return askAgain(attempt);
+}
+
+bool Exchange::repeatRequest(Attempt& attempt)
+{
+    ++attempt.counters.retries;
+    ++attempt.self.owed;
+    attempt.self.others.append(ownTransaction());
+    attempt.frame = renumbered(attempt.frame, attempt.self.others.last());
+    return sendRequest(attempt);
 }
 
 // False when the device is gone.
 bool Exchange::collect(Attempt& attempt)
 {
-    Duration until = attempt.deadline();
-    if (m_collector.inFrame())
-        until = std::min(until, attempt.cutOffAt());
-    else if (!attempt.asked)
-        until = std::min(until, attempt.lateAt());
+    const Duration until = std::min(attempt.deadline(), attempt.dueAt(m_collector.inFrame()));
     QByteArray bytes;
     if (!m_line.receive(bytes, std::max(Duration(0), until - m_clock.now())))
         return false;
     if (!bytes.isEmpty())
-        attempt.heardAt = m_clock.now();
+        attempt.hear(m_clock.now());
     attempt.counters.bytesReceived += bytes.size();
     for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
         if (!handle(event, attempt))
@@ -133,6 +244,7 @@ void Exchange::show(Direction direction, const QByteArray& bytes) const
 
 bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
 {
+    noteRestart(event, attempt);
     // An acknowledgement comes with its frame.
     if (event.kind != ReplyCollector::Kind::Ack)
         show(Direction::In, event.raw);
@@ -140,12 +252,13 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
     case ReplyCollector::Kind::Frame:
         return handleFrame(event, attempt);
     case ReplyCollector::Kind::Corrupt:
-        ++attempt.counters.corrupt;
+        attempt.countCorrupt();
         return attempt.done || askAgain(attempt);
     case ReplyCollector::Kind::Nak:
         ++attempt.counters.refusedByPeer;
-        return attempt.done || attempt.repetitions-- <= 0 ||
-               sendFrame(attempt.frame, attempt.counters);
+        attempt.disturbed = true;
+        attempt.counters.retries += !attempt.done && attempt.repetitions > 0 ? 1 : 0;
+        return attempt.done || attempt.repetitions-- <= 0 || sendRequest(attempt);
     case ReplyCollector::Kind::Enq:
         // The peer asks about the reply, which has not come: an acknowledgement would lose it.
         return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
@@ -165,24 +278,42 @@ bool Exchange::askAgain(Attempt& attempt)
     return sendControl(kNak);
 }
 
+// The peer sent a frame that had stopped from its beginning.
+void Exchange::noteRestart(const ReplyCollector::Event& event, Attempt& attempt)
+{
+    const bool isFrame =
+        event.kind == ReplyCollector::Kind::Frame || event.kind == ReplyCollector::Kind::Corrupt;
+    if (!isFrame || attempt.begun.isEmpty())
+        return;
+    const QByteArray begun = std::exchange(attempt.begun, QByteArray());
+    if (event.raw.startsWith(begun))
+        return;
+    attempt.countCorrupt();
+    attempt.self.owed = std::max(0, attempt.self.owed - 1);
+    show(Direction::In, begun);
+}
+
 bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
 {
     const Reply reply = decodeReply(event.data);
     // Bytes 00 before the data do not change the CRC, but they shift every field.
     if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
-        ++attempt.counters.corrupt;
+        attempt.countCorrupt();
         return askAgain(attempt);
     }
-    if (attempt.done || !answers(reply, attempt.answer.request)) {
-        // The peer waits for this acknowledgement, too, before it sends the right reply.
-        ++attempt.counters.late;
-        return sendControl(kAck);
-    }
+    Request& request = attempt.answer.request;
+    const int repetition = attempt.self.others.indexOf(reply.tns);
+    if (repetition >= 0 && !attempt.done)
+        std::swap(request.tns, attempt.self.others[repetition]);
+    if (attempt.done || !answers(reply, request))
+        return handleStray(reply, attempt);
+    attempt.disturbed = attempt.disturbed || repetition >= 0;
     attempt.done = true;
     attempt.answer.outcome = Answer::Outcome::Answered;
     attempt.answer.frame = event.frame();
     attempt.answer.reply = reply;
-    attempt.answer.roundTrip = m_clock.now() - attempt.sentAt;
+    attempt.answer.roundTrip = m_clock.now() - attempt.self.sentAt;
+    noteAnswer(attempt, event.raw.size());
     ++attempt.counters.answered;
     if (!reply.good())
         attempt.counters.countError(statusKey(reply));
@@ -191,16 +322,59 @@ bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
     return true;
 }
 
-bool Exchange::sendFrame(const QByteArray& frame, Counters& counters)
+// After asking it is not known whether the reply came because of that. A second copy will show that
+// it did not.
+void Exchange::noteAnswer(Attempt& attempt, int replyBytes)
 {
-    ++counters.sent;
-    counters.retries += frame == m_lastFrame ? 1 : 0;
-    m_lastFrame = frame;
-    counters.bytesSent += frame.size();
+    attempt.self.number = attempt.answer.request.tns;
+    attempt.self.answered = true;
+    attempt.self.bytes = timeOnLine(attempt.frame.size() + replyBytes);
+    if (attempt.disturbed)
+        return;
+    if (attempt.asks == 0)
+        m_roundTrips.note(attempt.answer.roundTrip, attempt.self.bytes);
+    else // one long silence is no reason to wait long for all replies
+        attempt.self.doubtful = std::min(attempt.answer.roundTrip, 2 * attempt.patience);
+}
+
+// The peer waits for the acknowledgement of a reply to another request, too, before it sends the
+// right one.
+bool Exchange::handleStray(const Reply& reply, Attempt& attempt)
+{
+    ++attempt.counters.late;
+    attempt.disturbed = true;
+    if (attempt.done && attempt.self.has(reply.tns)) {
+        if (takeCopy(attempt.self, reply.tns))
+            return true;
+    } else if (m_last.has(reply.tns) && takeCopy(m_last, reply.tns) && attempt.asks == 0) {
+        return true;
+    }
+    attempt.self.owed = std::max(0, attempt.self.owed - 1);
+    return sendControl(kAck);
+}
+
+// True for a copy that was asked for. The peer sent it before it received the next request, which
+// begins with its acknowledgement. Another one would acknowledge the reply that follows.
+bool Exchange::takeCopy(Last& last, quint16 tns)
+{
+    if (tns == last.number && !last.answered)
+        m_roundTrips.note(m_clock.now() - last.sentAt, last.bytes);
+    else if (tns == last.number && last.doubtful > Duration(0))
+        m_roundTrips.note(last.doubtful, last.bytes);
+    last.answered = true;
+    last.doubtful = Duration(0);
+    return last.owed > 0 && last.owed-- > 0;
+}
+
+bool Exchange::sendRequest(Attempt& attempt)
+{
+    const QByteArray bytes = attempt.frame.mid(attempt.skipped);
+    ++attempt.counters.sent;
+    attempt.counters.bytesSent += bytes.size();
     m_lastResponse = kAck; // the frame begins with one
     m_unacknowledged = false;
-    show(Direction::Out, frame);
-    return m_line.send(frame);
+    show(Direction::Out, bytes);
+    return m_line.send(bytes);
 }
 
 bool Exchange::sendControl(char control)

@@ -5,8 +5,12 @@
 #include "Counters.h"
 #include "Frame.h"
 #include "Line.h"
+#include "OwnTransactions.h"
 #include "PortSettings.h"
 #include "ReplyCollector.h"
+#include "RoundTrips.h"
+
+#include <QtCore/QVector>
 
 #include <functional>
 
@@ -26,10 +30,15 @@ struct Answer
 
 /// Carries requests over a line: empties the input, sends the request, and collects bytes until the
 /// complete reply with its transaction number is there or the time is over. Within this time:
-/// - It asks again for a reply that is corrupt or missing. The driver's repetition would not help:
-///   it has the same transaction number, and a peer ignores it as a duplicate.
-/// - It repeats a request that the peer received corrupt.
-/// - It drops a reply to another request.
+/// - It asks again for a reply that is corrupt or missing, as soon as one usually has come. The
+///   driver's repetition would not help: it has the same transaction number, and a peer ignores it
+///   as a duplicate.
+/// - It repeats a request that the peer received corrupt. It also repeats one that changes nothing
+///   in the peer, under another number, when asking again did not help: the request itself may have
+///   been lost, or the peer's memory of it.
+/// - It drops a reply to another request, also the second copy of one that it asked for again.
+/// The request that begins a connection's set-up gets a number of the host's own, because each
+/// program begins with the same number. So does a read that the driver repeats.
 class Exchange
 {
 public:
@@ -54,19 +63,49 @@ public:
     /// acknowledges it.
     void acknowledge();
 
-    /// How long run() waits for the reply to a request of this many bytes.
+    /// How long run() waits for the reply to a request of this many bytes. It grows with the time
+    /// that the line itself takes and that replies have taken.
     Duration timeoutFor(int requestBytes) const;
+    /// The part of it that is the peer's and the line's, if the peer needs at most the time
+    /// `budget`.
+    Duration delayFor(Duration budget) const;
+    /// A transaction number for a request of the host's own.
+    quint16 ownTransaction() { return m_own.next(m_driverNumber); }
 
 private:
     struct Attempt;
+    /// What is known of the request before the one in flight.
+    struct Last
+    {
+        QByteArray frame;        ///< as given to run()
+        quint16 number = 0;      ///< transaction number; of several the one that was answered
+        QVector<quint16> others; ///< those of its repetitions
+        Duration sentAt{0};
+        Duration bytes{0}; ///< of request and reply on the line
+        /// The round trip, when it is not known whether the reply came because it was asked for
+        /// again; else 0.
+        Duration doubtful{0};
+        int owed = 0; ///< copies of its reply that may still come
+        bool answered = true;
+        bool has(quint16 tns) const { return tns == number || others.contains(tns); }
+    };
     Answer waitForReply(const QByteArray& frame, Counters& counters, Duration timeout);
-    bool sendFrame(const QByteArray& frame, Counters& counters);
+    void begin(Attempt& attempt);
+    bool sendRequest(Attempt& attempt);
     bool sendControl(char control);
     bool collect(Attempt& attempt);
     bool askWhereDue(Attempt& attempt);
+    bool askForMissing(Attempt& attempt, bool begun);
+    bool repeatRequest(Attempt& attempt);
+    void setPace(Attempt& attempt);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
     bool handleFrame(const ReplyCollector::Event& event, Attempt& attempt);
+    bool handleStray(const Reply& reply, Attempt& attempt);
+    bool takeCopy(Last& last, quint16 tns);
+    void noteRestart(const ReplyCollector::Event& event, Attempt& attempt);
+    void noteAnswer(Attempt& attempt, int replyBytes);
+    Duration timeOnLine(int bytes) const { return bytes * m_byteTime; }
     void show(Direction direction, const QByteArray& bytes) const;
 
     Line& m_line;
@@ -77,7 +116,11 @@ private:
     std::function<void()> m_meanwhile;
     char m_lastResponse = kAck;
     bool m_unacknowledged = false;
-    QByteArray m_lastFrame;
+    Duration m_byteTime;
+    RoundTrips m_roundTrips;
+    OwnTransactions m_own;
+    quint16 m_driverNumber = 0; ///< of the driver's last request
+    Last m_last;
 };
 
 } // namespace micro850::host

@@ -14,6 +14,7 @@ enum Offset {
     kLinkStatus = 3,
     kTnsLow = 4,
     kUnconnectedMessage = 8,
+    kSequence = 10,
     kConnectedMessage = 12
 };
 // Offsets in a request that opens a connection: the service, the path to the connection manager,
@@ -162,6 +163,19 @@ ByteSlice dataOf(const QByteArray& frame)
     return closed ? data : ByteSlice();
 }
 
+QByteArray renumbered(const QByteArray& frame, quint16 tns)
+{
+    const unsigned sequenceAhead = 7;
+    QByteArray data = dataOf(frame).bytes();
+    if (data.size() <= kConnectedMessage)
+        return frame;
+    data[kTnsLow] = static_cast<char>(tns & 0xFF);
+    data[kTnsLow + 1] = static_cast<char>(tns >> 8);
+    if (static_cast<quint8>(data.at(kCommand)) == kConnectedCommand)
+        data[kSequence] = static_cast<char>((tns + sequenceAhead) & 0xFF);
+    return wireFrame(data);
+}
+
 Request decodeRequest(const ByteSlice& data)
 {
     Request request;
@@ -231,6 +245,13 @@ bool answers(const Reply& reply, const Request& request)
         reply.command != (request.command | kReplyCommandBit))
         return false;
     return reply.linkStatus != 0 || reply.service == request.service;
+}
+
+bool isRepeatable(const Request& request)
+{
+    return request.valid &&
+           (request.service == kReadTagFragmented ||
+            (request.service == kGetAttributesAll && request.command == kUnconnectedCommand));
 }
 
 bool saysNoConnection(const Reply& reply)

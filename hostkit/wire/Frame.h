@@ -49,6 +49,10 @@ ByteSlice dataOf(const QByteArray& frame);
 /// The same without a check of the CRC: for a frame that the driver has just built.
 ByteSlice uncheckedDataOf(const QByteArray& frame);
 
+/// A complete frame of the driver with another transaction number, and with the sequence byte that
+/// goes with it; other bytes unchanged.
+QByteArray renumbered(const QByteArray& frame, quint16 tns);
+
 /// The contents of a request frame of the driver.
 struct Request
 {
@@ -92,6 +96,9 @@ Reply decodeReply(const ByteSlice& data);
 /// True when the reply belongs to the request: transaction number, command and service match. A
 /// reply that only the link layer answered (linkStatus set) need not carry a service.
 bool answers(const Reply& reply, const Request& request);
+
+/// True for a request that changes nothing in the peer, so that it may be carried out twice.
+bool isRepeatable(const Request& request);
 
 /// True when the peer does not know the connection that the request quotes.
 bool saysNoConnection(const Reply& reply);

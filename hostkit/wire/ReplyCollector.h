@@ -48,6 +48,9 @@ public:
         return m_state == State::Data || m_state == State::DataEscape || inCrc();
     }
 
+    /// The bytes of a frame that has begun, as abandon() returns them.
+    QByteArray begun() const { return raw(); }
+
     /// Bytes outside frames and controls so far.
     int noiseBytes() const { return m_noise; }
 

@@ -36,6 +36,10 @@ public:
     /// While loose, the device can be opened but fails at once, like a loose plug.
     void setLoose(bool loose) { m_loose = loose; }
 
+    micro850::Duration transportDelay() const override { return delay; }
+
+    /// What it tells about its own delay.
+    micro850::Duration delay{0};
     /// Every piece that was sent, in order.
     std::vector<QByteArray> sent;
     /// The times of all attempts to open it.

@@ -2,6 +2,8 @@
 
 #include "poll_fixture.h"
 
+#include <set>
+
 using namespace micro850::host;
 using namespace std::chrono_literals;
 using State = Operation::State;
@@ -25,18 +27,51 @@ protected:
 
 } // namespace
 
-TEST_F(PollLoopRecoveryTest, TransmitsARequestThreeTimesWithARetryLimitOfTwo)
+TEST_F(PollLoopRecoveryTest, GivesUpARequestAfterThreeTimeOutsWithARetryLimitOfTwo)
 {
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
     plc.silent = true;
     plc.requests.clear();
+    const micro850::Duration start = clock.now();
     ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Connecting; }));
-    ASSERT_EQ(plc.requests.size(), 3u);
+    EXPECT_EQ(station().counters().timedOut, 3);
+    EXPECT_EQ(clock.now() - start, 3 * 200ms) << "the time-out of the project";
+    ASSERT_GE(plc.requests.size(), 3u);
+    std::set<quint16> numbers;
     for (const FakeController::Request& request : plc.requests) {
         EXPECT_EQ(request.service, 0x52);
-        EXPECT_EQ(request.tns, plc.requests.front().tns);
+        EXPECT_EQ(request.tag, "Speed");
+        numbers.insert(request.tns);
     }
+    EXPECT_EQ(numbers.size(), plc.requests.size()) << "none is taken for a repetition";
+}
+
+// A peer that detects repetitions would not carry out a read, and must not carry out a write,
+// twice.
+TEST_F(PollLoopRecoveryTest, KeepsTheNumberOfAWriteThatTheDriverRepeats)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    loop->write(kSpeed, 0, hex("07 00"));
+    plc.requests.clear();
+    line.sent.clear();
+    ASSERT_TRUE(runUntil([&] { return station().counters().timedOut == 3; }));
+    std::set<quint16> numbers;
+    for (const FakeController::Request& request : plc.requests) {
+        if (request.service == 0x53)
+            numbers.insert(request.tns);
+    }
+    EXPECT_EQ(numbers.size(), 1u);
+    const auto isWrite = [](const QByteArray& piece) { return piece.contains(hex("53 04 91")); };
+    std::vector<std::string> heads;
+    for (const QByteArray& piece : line.sent) {
+        if (isWrite(piece))
+            heads.push_back(wire::text(piece.left(2)));
+    }
+    EXPECT_EQ(heads, (std::vector<std::string>{"10 06", "10 02", "10 02"}))
+        << "an acknowledgement would make the peer forget the reply";
 }
 
 TEST_F(PollLoopRecoveryTest, AcceptsAReplyToARepeatedRequest)
@@ -44,11 +79,10 @@ TEST_F(PollLoopRecoveryTest, AcceptsAReplyToARepeatedRequest)
     start(R"({"tag": "Speed"})");
     ASSERT_TRUE(runUntilRead());
     plc.silent = true;
-    const size_t before = plc.requests.size();
-    ASSERT_TRUE(runUntil([&] { return plc.requests.size() == before + 1; }));
+    ASSERT_TRUE(runUntil([&] { return station().counters().timedOut == 1; }));
     plc.silent = false;
     plc.tags["Speed"].elements[0] = hex("07 00");
-    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }));
+    ASSERT_TRUE(runUntil([&] { return text(0) == "7"; }, 100)) << "without another time-out";
     EXPECT_EQ(plc.count(0x54), 1) << "the connection was given up";
 }
 

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 using namespace micro850::host;
 using namespace std::chrono_literals;
 using wire::hex;
@@ -313,4 +315,282 @@ TEST_F(ExchangeTest, ReportsCorruptFramesAndItsOwnControlsToItsObserver)
     exchange.run(request, counters);
     exchange.acknowledge();
     EXPECT_EQ(seen, "> request, < 10 05, > 10 15, < damaged, > 10 15, < reply, > 10 06");
+}
+
+namespace {
+
+const QByteArray kIdentityData = hex("00 01 0B 00 01 00 00 00 01 02 20 01 24 01");
+
+// A peer that usually answers after 5 ms, as the exchange has learnt.
+class PacedExchangeTest : public ExchangeTest
+{
+protected:
+    PacedExchangeTest()
+    {
+        line.onSend = [this](const QByteArray& piece) {
+            sentAt.push_back(clock.now());
+            if (onSend)
+                onSend(piece);
+            else
+                line.arrive(replyTo(numberOf(piece)), 5);
+        };
+        for (quint16 number = 100; number < 150; ++number)
+            exchange.run(requestOf(number), counters);
+        line.sent.clear();
+        counters = Counters();
+        onSend = [](const QByteArray&) {};
+    }
+    static QByteArray requestOf(quint16 number)
+    {
+        return wire::readRequest(number, hex("5A 3C"), wire::tagPath("Speed"), 1);
+    }
+    static QByteArray replyTo(quint16 number)
+    {
+        return wire::readReply(number, 0x00C3, hex("D2 04"));
+    }
+    // Of a read; 0 for a control.
+    static quint16 numberOf(const QByteArray& piece)
+    {
+        const QByteArray data = wire::unframed(piece);
+        return data.size() < 6 ? 0
+                               : static_cast<quint16>(quint8(data.at(4)) | quint8(data.at(5)) << 8);
+    }
+    static PortSettings fast(PortSettings settings)
+    {
+        settings.baud = 115200;
+        return settings;
+    }
+    Answer run() { return exchange.run(request, counters); }
+    // Since the first piece.
+    std::vector<qint64> sentAfterMs() const
+    {
+        std::vector<qint64> times;
+        for (const micro850::Duration at : sentAt)
+            times.push_back(micro850::wholeMilliseconds(at - sentAt.front()));
+        return times;
+    }
+    // "request", "again" for a request with another number, or the control.
+    std::string sent() const
+    {
+        std::string text;
+        for (const QByteArray& piece : line.sent) {
+            text += text.empty() ? "" : ", ";
+            text += piece == request ? "request" : piece.size() > 2 ? "again" : wire::text(piece);
+        }
+        return text;
+    }
+
+    Exchange exchange{line, clock, fast(settings)};
+    std::function<void(const QByteArray&)> onSend;
+    std::vector<micro850::Duration> sentAt;
+};
+
+} // namespace
+
+TEST_F(PacedExchangeTest, AsksForALostReplyWithinFourRoundTripsButNotBefore20Ms)
+{
+    sentAt.clear();
+    onSend = [this](const QByteArray& piece) {
+        if (piece == kNakBytes)
+            line.arrive(reply, 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(sent(), "request, 10 15");
+    EXPECT_EQ(sentAfterMs(), (std::vector<qint64>{0, 20}));
+    EXPECT_EQ(answer.roundTrip, 25ms);
+    EXPECT_EQ(counters.retries, 1);
+    EXPECT_EQ(counters.timedOut, 0);
+}
+
+TEST_F(PacedExchangeTest, AsksWithGrowingPausesAndRepeatsAReadUnderOtherNumbers)
+{
+    sentAt.clear();
+    EXPECT_EQ(run().outcome, Outcome::TimedOut);
+    EXPECT_EQ(clock.now() - sentAt.front(), 1000ms) << "the time-out that is set";
+    EXPECT_EQ(sent(), "request, 10 15, again, 10 15, again, 10 15, again, again, again, again");
+    EXPECT_EQ(sentAfterMs(), (std::vector<qint64>{0, 20, 40, 80, 160, 310, 460, 610, 760, 910}))
+        << sent();
+}
+
+TEST_F(PacedExchangeTest, GetsTheReplyOfARequestThatWasLostItself)
+{
+    onSend = [this](const QByteArray& piece) {
+        if (piece != request && piece.size() > 2)
+            line.arrive(replyTo(numberOf(piece)), 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
+    EXPECT_EQ(sent(), "request, 10 15, again");
+}
+
+// It would be carried out twice where the peer does not detect repetitions.
+TEST_F(PacedExchangeTest, AsksForTheReplyToAWriteButNeverRepeatsIt)
+{
+    const QByteArray write =
+        wire::writeRequest(5, hex("5A 3C"), wire::tagPath("Speed"), 0x00C3, 1, hex("D2 04"));
+    sentAt.clear();
+    EXPECT_EQ(exchange.run(write, counters).outcome, Outcome::TimedOut);
+    EXPECT_EQ(line.sent, (std::vector<QByteArray>{write, kNakBytes, kNakBytes, kNakBytes}));
+    EXPECT_EQ(sentAfterMs(), (std::vector<qint64>{0, 20, 40, 80}));
+}
+
+TEST_F(PacedExchangeTest, AcknowledgesNoCopyThatItAskedFor)
+{
+    // Busy for 50 ms, it answers the request and both questions.
+    onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply + reply, 50);
+        else if (piece.size() > 2 && numberOf(piece) != 6)
+            line.arrive(replyTo(numberOf(piece)), 15);
+        else if (piece.size() > 2)
+            line.arrive(replyTo(6), 30);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    const Answer next = exchange.run(requestOf(6), counters);
+    EXPECT_EQ(next.outcome, Outcome::Answered);
+    EXPECT_EQ(next.request.tns, 6);
+    EXPECT_EQ(counters.late, 2);
+    EXPECT_EQ(counters.timedOut + counters.corrupt, 0);
+    for (const QByteArray& piece : line.sent)
+        EXPECT_NE(wire::text(piece), "10 06");
+}
+
+// The acknowledgement at the head of the request was lost, so that the peer holds its reply back.
+TEST_F(PacedExchangeTest, AcknowledgesACopyThatThePeerSendsBecauseItHasNoAcknowledgement)
+{
+    onSend = [this](const QByteArray& piece) {
+        if (piece == kNakBytes)
+            line.arrive(replyTo(149), 5);
+        else if (piece == kAckBytes)
+            line.arrive(reply, 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(sent(), "request, 10 15, 10 06");
+}
+
+TEST_F(PacedExchangeTest, KeepsTheBeginningOfAReplyWhoseRestComesAfterAPause)
+{
+    onSend = [this](const QByteArray& piece) {
+        if (piece == request) {
+            line.arrive(reply.left(12), 5);
+            line.arrive(reply.mid(12), 35);
+        }
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(counters.corrupt, 0);
+    EXPECT_EQ(sent(), "request, 10 15");
+}
+
+TEST_F(PacedExchangeTest, CountsAndShowsTheBeginningOfAReplyThatIsSentAgain)
+{
+    onSend = [this](const QByteArray& piece) {
+        line.arrive(piece == request ? reply.left(12) : reply.mid(2), 5);
+    };
+    std::vector<QByteArray> received;
+    exchange.setObserver(
+        [&](Exchange::Direction direction, const QByteArray& bytes, micro850::Duration) {
+            if (direction == Exchange::Direction::In)
+                received.push_back(bytes);
+        });
+    const Answer answer = run();
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
+    EXPECT_EQ(answer.roundTrip, 5ms + 20ms + 5ms);
+    EXPECT_EQ(counters.corrupt, 1);
+    EXPECT_EQ(received, (std::vector<QByteArray>{reply.left(12), reply.mid(2)}));
+}
+
+// Each copy shows that the one before it was only late.
+TEST_F(PacedExchangeTest, WaitsLongerForAPeerThatHasBecomeSlow)
+{
+    onSend = [this](const QByteArray& piece) {
+        line.arrive(piece == kNakBytes ? replyTo(numberOf(line.sent.at(line.sent.size() - 2)))
+                                       : replyTo(numberOf(piece)),
+                    60);
+    };
+    for (quint16 number = 200; number < 400; ++number)
+        EXPECT_EQ(exchange.run(requestOf(number), counters).outcome, Outcome::Answered);
+    const qint64 retries = counters.retries;
+    for (quint16 number = 400; number < 500; ++number)
+        exchange.run(requestOf(number), counters);
+    EXPECT_EQ(counters.retries, retries);
+    EXPECT_EQ(counters.timedOut, 0);
+}
+
+TEST_F(PacedExchangeTest, WaitsForALongReplyAfterShortOnes)
+{
+    settings.baud = 9600;
+    Exchange slow(line, clock, settings);
+    onSend = [this](const QByteArray& piece) {
+        // Bytes of both at 9600 baud; the reply comes as a whole, as from a device server.
+        const QByteArray data = wire::unframed(piece);
+        const bool isLong = data.endsWith(hex("C8 00 00 00 00 00"));
+        const QByteArray answer =
+            wire::readReply(numberOf(piece), 0x00C3, QByteArray(isLong ? 400 : 2, '\x55'));
+        line.arrive(answer, (piece.size() + answer.size()) * 10000 / 9600 + 3);
+    };
+    for (quint16 number = 200; number < 230; ++number)
+        slow.run(requestOf(number), counters);
+    const QByteArray longRead = wire::readRequest(231, hex("5A 3C"), wire::tagPath("Speed"), 200);
+    EXPECT_EQ(slow.run(longRead, counters).outcome, Outcome::Answered);
+    EXPECT_EQ(counters.retries, 0);
+}
+
+TEST_F(PacedExchangeTest, GivesEachIdentityRequestANumberOfItsOwn)
+{
+    const QByteArray identity = wire::framed(kIdentityData);
+    std::set<quint16> numbers;
+    onSend = [&](const QByteArray& piece) {
+        numbers.insert(numberOf(piece));
+        line.arrive(wire::identityReply(numberOf(piece)), 5);
+    };
+    for (int i = 0; i < 50; ++i) {
+        const Answer answer = exchange.run(identity, counters);
+        EXPECT_EQ(answer.outcome, Outcome::Answered);
+        EXPECT_EQ(answer.reply.tns, answer.request.tns);
+    }
+    EXPECT_EQ(line.sent.size(), 50u) << "no message more";
+    EXPECT_GE(numbers.size(), 49u);
+    EXPECT_GT(*numbers.begin(), 0x1FFF) << "those that other programs begin with";
+}
+
+TEST_F(PacedExchangeTest, SendsAConnectionRequestUnchanged)
+{
+    const QByteArray open = wire::framed(hex("00 01 0B 00 02 00 00 00 54 02 20 06 24 01 05 F7"));
+    onSend = [this](const QByteArray&) { line.arrive(wire::forwardOpenReply(2, hex("5A 3C")), 5); };
+    EXPECT_EQ(exchange.run(open, counters).outcome, Outcome::Answered);
+    EXPECT_EQ(line.sent, std::vector<QByteArray>{open});
+}
+
+TEST_F(ExchangeTest, LetsTheTimeOutGrowWithTheTimeThatTheLineTakes)
+{
+    settings.timeoutMs = 0;
+    const Exchange exchange(line, clock, settings);
+    const micro850::Duration here = exchange.timeoutFor(40);
+    line.delay = 1200ms;
+    EXPECT_EQ(exchange.timeoutFor(40), here + 2 * 1200ms);
+}
+
+TEST_F(ExchangeTest, LearnsFromALateReplyThatThePeerIsSlow)
+{
+    settings.timeoutMs = 0;
+    settings.baud = 115200;
+    settings.deviceBudgetMs = 300;
+    line.onSend = [this](const QByteArray& piece) {
+        const QByteArray data = wire::unframed(piece);
+        if (!data.isEmpty())
+            line.arrive(
+                wire::readReply(static_cast<quint16>(quint8(data.at(4))), 0x00C3, hex("D2 04")),
+                700);
+    };
+    Exchange exchange(line, clock, settings);
+    int answered = 0;
+    for (quint16 number = 100; number < 110; ++number)
+        answered += exchange.run(wire::readRequest(number, hex("5A 3C"), wire::tagPath("Speed"), 1),
+                                 counters)
+                                .outcome == Outcome::Answered
+                        ? 1
+                        : 0;
+    EXPECT_GE(answered, 8);
 }

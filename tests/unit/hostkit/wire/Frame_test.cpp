@@ -47,6 +47,27 @@ TEST(Frame, IsNotOpenedWhenDamagedOrShort)
     EXPECT_TRUE(dataOf(hex("10 06 10 02 10 03 00")).isEmpty());
 }
 
+TEST(Frame, IsRenumberedWithItsSequenceByte)
+{
+    const QByteArray path = wire::tagPath("Level", 300);
+    EXPECT_EQ(wire::text(renumbered(wire::readRequest(0x1234, kId, path, 20), 0x10FF)),
+              wire::text(wire::readRequest(0x10FF, kId, path, 20)));
+    EXPECT_EQ(wire::text(renumbered(wire::framed(wire::identityRequest(1)), 0x2010)),
+              wire::text(wire::framed(wire::identityRequest(0x2010))));
+    EXPECT_EQ(renumbered(hex("10 06"), 5), hex("10 06"));
+}
+
+TEST(Request, IsRepeatableOnlyWhenItChangesNothing)
+{
+    const QByteArray path = wire::tagPath("A");
+    EXPECT_TRUE(isRepeatable(requestOf(wire::readRequest(5, kId, path, 1))));
+    EXPECT_TRUE(isRepeatable(requestOf(wire::framed(wire::identityRequest(5)))));
+    EXPECT_FALSE(
+        isRepeatable(requestOf(wire::writeRequest(5, kId, path, 0x00C3, 1, hex("01 00")))));
+    EXPECT_FALSE(isRepeatable(requestOf(wire::framed(wire::forwardOpenRequest(5, 0x123456)))));
+    EXPECT_FALSE(isRepeatable(Request()));
+}
+
 TEST(Request, OfAReadHasTagElementAndCount)
 {
     const QByteArray path = wire::tagPath("Level", 300);

@@ -1,0 +1,48 @@
+#ifndef MICRO850_HOST_OWNTRANSACTIONS_H
+#define MICRO850_HOST_OWNTRANSACTIONS_H
+
+#include <QtCore/QtGlobal>
+
+#include <random>
+
+namespace micro850::host {
+
+/// Draws transaction numbers for requests that a peer must not take for repetitions. It does so
+/// with a message that has the number of the one before, also of another program: each program's
+/// driver counts from 0 or 1. The driver ignores the numbers of replies.
+class OwnTransactions
+{
+public:
+    /// A number that is neither the last one drawn nor near those that drivers begin with. Its low
+    /// byte, of which the sequence byte is made, is far from that of `driver`, the driver's present
+    /// number.
+    quint16 next(quint16 driver)
+    {
+        const int far = 64;
+        const unsigned firstHigh = 0x20;
+        for (;;) {
+            const unsigned drawn = m_random() & 0xFFFFu;
+            const unsigned low = drawn & 0xFF;
+            const unsigned high = drawn >> 8;
+            const int distance = static_cast<qint8>(static_cast<quint8>(low - driver));
+            // A byte 10 is doubled on the line; the sequence byte is 7 more.
+            const bool isLonger = low == 0x10 || low + 7 == 0x10;
+            const bool suits = high >= firstHigh && !isLonger && distance * distance >= far * far;
+            if (suits && drawn != m_last) {
+                m_last = static_cast<quint16>(drawn);
+                return m_last;
+            }
+        }
+    }
+
+    /// The last one; 0 before the first.
+    quint16 last() const { return m_last; }
+
+private:
+    std::random_device m_random;
+    quint16 m_last = 0;
+};
+
+} // namespace micro850::host
+
+#endif
