@@ -150,11 +150,11 @@ private:
     void observe(micro850::host::Exchange::Direction direction, const QByteArray& frame)
     {
         const auto events = micro850::host::ReplyCollector().feed(frame);
-        const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data;
+        const QByteArray data = events.isEmpty() ? QByteArray() : events.last().data.bytes();
         if (data.isEmpty()) // a link control
             return;
         if (direction == micro850::host::Exchange::Direction::Out) {
-            m_asked = micro850::host::decodeRequest(data).tag;
+            m_asked = micro850::host::decodeRequest(data).tag();
             return;
         }
         const micro850::host::Reply reply = micro850::host::decodeReply(data);
@@ -162,7 +162,7 @@ private:
             return;
         m_lastRead = m_asked;
         const auto change = m_pending.find(m_asked);
-        if (change == m_pending.end() || reply.values() != change->value)
+        if (change == m_pending.end() || reply.values().bytes() != change->value)
             return;
         m_took.push_back(static_cast<double>(m_port.microseconds() - change->at) / 1000);
         m_pending.erase(change);

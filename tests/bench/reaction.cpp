@@ -94,6 +94,13 @@ public:
         return static_cast<double>(m_longest) / 1000;
     }
 
+    /// How long the host waits for the reply to a read, whatever happens.
+    double timeout()
+    {
+        const int readRequest = 36;
+        return static_cast<double>(m_loop.exchange().timeoutFor(readRequest).count()) / 1000;
+    }
+
     /// From the host's call, at any moment of the cycle, to the first byte of the write's frame.
     double write(const QString& tag, qint64 moment)
     {
@@ -246,6 +253,7 @@ json measure(int baud, int number)
     json result = {{"baud", baud}, {"trials", number}};
     result["start"] = plant.start();
     result["transaction"] = plant.transactionTime();
+    result["timeout"] = plant.timeout();
     result["write"] = writeTrials(plant, number, "Cyclic", kVariables);
     result["write_unknown"] = writeTrials(plant, number, "Other", number);
     result["lost_reply"] =

@@ -103,7 +103,7 @@ def line_use(bench, client, device, values, baud, seconds):
 
 
 def line(bench):
-    seconds = 0.5 if bench.quick else 4
+    seconds = 0.5 if bench.quick else 3
     rows = [line_use(bench, client, bench.devices[client], SIZES[client][i], baud, seconds)
             for baud in BAUDS for i in range(3) for client in CLIENTS]
     worst = [line_use(bench, HOST, bench.devices["worst data"], values, 115200, seconds) for values in SIZES[HOST]]

@@ -55,7 +55,7 @@ def loads(bench):
 
 
 def freshness(bench, baud, variables):
-    trials = 100 if bench.quick else 1000
+    trials = 100 if bench.quick else 500
     return json.loads(measure.output_of([bench.program("freshness"), str(baud), str(variables), str(trials)]).stdout)
 
 

@@ -1,6 +1,7 @@
 """The report of the results: tables, figures compared with their targets, plots, the document."""
 
 import datetime
+import json
 import math
 import os
 import platform
@@ -20,6 +21,8 @@ SCALARS = ["int", "dint", "lreal"]
 MOST_INSTRUCTIONS = {"int": 6400}  # a wider value adds the CRC of its bytes, which the cost table shows
 MOST_ALLOCATIONS = 3
 WHOLE_ONLY = ["machine", "targets"]  # written only when every section has run
+HOST_INSTRUCTIONS = 9900
+HOST_ALLOCATIONS = 8
 MOST_OWN_PART = 15  # microseconds between the last byte of a reply and the next request
 LEAST_IN_USE = {38400: 0.97, 115200: 0.95}
 
@@ -42,10 +45,11 @@ def machine():
     }
 
 
-def machine_table(row):
+def machine_table(row, quick=()):
     return [f"{row['date']}, {row['processors']} x {row['processor']}, Linux {row['kernel']}",
             ", ".join(row["packages"]),
-            f"load before the run: {row['load']} (times mean something below 0.5; instructions and allocations always)"]
+            f"load before the run: {row['load']} (times mean something below 0.5; instructions and allocations always)",
+            *([f"measured with few repetitions: {', '.join(quick)}"] if quick else [])]
 
 
 # ---- Targets: name, goal, figure, whether the figure reaches the goal
@@ -73,8 +77,9 @@ def growth_targets(rows):
 
 
 def peers_targets(rows):
+    yield from single_read_targets(rows)
     for row in rows:
-        if row["client"] not in (line.ALONE, clients.HOST):
+        if row["client"] not in (line.ALONE, clients.HOST) or (row["client"], row["values"]) == (clients.HOST, 1):
             continue
         serial_bus = line.peer_row(rows, "Qt SerialBus", row)["instructions"] / row["instructions"]
         yield (f"{row['client']}, {row['values']} values: Qt SerialBus's instructions", ">= 8 times",
@@ -84,6 +89,16 @@ def peers_targets(rows):
             libmodbus = row["microseconds"] / line.peer_row(rows, "libmodbus", row)["microseconds"]
             yield (f"{row['client']}, {row['values']} values: time beside libmodbus's", "<= 2 times",
                    f"{libmodbus:.2f}", libmodbus <= 2)
+
+
+def single_read_targets(rows):
+    """The reference host, driver included, reads one value."""
+    row = next(row for row in rows if row["client"] == clients.HOST and row["values"] == 1)
+    count, calls = row["instructions"], row["allocations"]
+    serial_bus = line.peer_row(rows, "Qt SerialBus", row)["instructions"] / count
+    yield "reference host, 1 values: instructions", f"<= {HOST_INSTRUCTIONS}", f"{count}", count <= HOST_INSTRUCTIONS
+    yield "reference host, 1 values: allocations", f"<= {HOST_ALLOCATIONS}", f"{calls:.2f}", calls <= HOST_ALLOCATIONS
+    yield ("reference host, 1 values: Qt SerialBus's instructions", ">= 4 times", f"{serial_bus:.1f}", serial_bus >= 4)
 
 
 def line_targets(results):
@@ -109,6 +124,18 @@ def reaction_targets(rows):
             before = row[name]["requests_before"]
             yield (f"{row['baud']} baud: requests sent before a write {what}", f"<= {most}", f"{before}",
                    before <= most)
+        yield from recovery_targets(row)
+
+
+def recovery_targets(row):
+    """The worst of the trials in milliseconds. The goals end with the transaction that brings the next value. After a
+    power cycle, the set-up also closes the connection that the controller may still have."""
+    goals = {"lost_reply": ("a lost reply", max(20, 4 * row["transaction"]) + row["transaction"]),
+             "power_cycle": ("a power cycle", row["timeout"] + row["start"]["first"] + 2 * row["transaction"]),
+             "pulled_cable": ("a cable put back", 500)}
+    for name, (what, most) in goals.items():
+        worst = row[name]["worst"]
+        yield f"{row['baud']} baud: {what}, worst", f"<= {most:.0f} ms", f"{worst:.0f}", worst <= most
 
 
 TARGETS = {"cost": cost_targets, "growth": growth_targets, "peers": peers_targets, "line": line_targets,
@@ -124,12 +151,15 @@ def targets_table(results):
     return text
 
 
+TABLES = {"cost": cost.cost_table, "growth": cost.growth_table, "peers": line.peers_table, "line": line.line_table,
+          "adapter": adapter.adapter_table, "gap": gap.gap_table, "reaction": line.reaction_table,
+          "panel": panel.panel_table}
+
+
 def tables(results):
     """Lines of text by section, in the order of the report."""
-    of = {"machine": machine_table, "cost": cost.cost_table, "growth": cost.growth_table,
-          "peers": line.peers_table, "line": line.line_table, "adapter": adapter.adapter_table, "gap": gap.gap_table,
-          "reaction": line.reaction_table, "panel": panel.panel_table}
-    text = {section: table(results[section]) for section, table in of.items() if section in results}
+    text = {"machine": machine_table(results["machine"], results.get("quick", ()))} if "machine" in results else {}
+    text.update((section, table(results[section])) for section, table in TABLES.items() if section in results)
     if any(section in results for section in TARGETS):
         text["targets"] = targets_table(results)
     return text
@@ -155,17 +185,17 @@ def plot_growth(rows, out_dir):
 
 
 def plot_line(results, out_dir):
-    clients = list(clients.CLIENTS)
+    names = list(clients.CLIENTS)
     groups = [(baud, i) for baud in clients.BAUDS for i in range(3)]
     with open(f"{out_dir}/line.dat", "w", encoding="ascii") as data:
         for baud, i in groups:
             shares = [next(row["in_use"] for row in results["rows"] if row["client"] == client and row["baud"] == baud
-                           and row["values"] == clients.SIZES[client][i]) for client in clients]
+                           and row["values"] == clients.SIZES[client][i]) for client in names]
             print(f'"{baud}\\n{("1", "10", "most")[i]}"', *(100 * share for share in shares), file=data)
     bars = ", ".join(f"'{out_dir}/line.dat' using {i + 2}:xtic(1) title '{client}'"
-                     for i, client in enumerate(clients))
+                     for i, client in enumerate(names))
     return gnuplot(f"{out_dir}/line.svg", "set style data histogram; set style fill solid 0.7; set yrange [0:100]; "
-                   "set key above; set xlabel 'baud, values read at once'; "
+                   "set key above; set bmargin 5; set xlabel 'baud, values read at once' offset 0,-1; "
                    f"set ylabel 'share of time that carries frames, %'; plot {bars}")
 
 
@@ -178,11 +208,53 @@ def plot(results, out_dir):
     return plots
 
 
+def figures_of(document):
+    """The file beside the document that holds the figures of its tables."""
+    return os.path.splitext(document)[0] + ".json"
+
+
+def page(document):
+    """The figures that the document shows; empty before the first ones are written."""
+    path = figures_of(document)
+    if not os.path.exists(path):
+        return {}
+    with open(path, encoding="utf-8") as file:
+        try:
+            return json.load(file)
+        except ValueError as error:
+            sys.exit(f"bench: {path}: {error} (restore the file, or remove it and write all sections anew)")
+
+
+def merged(old, results):
+    """The figures of the page with those of a run in their place. The machine is that of a whole run."""
+    sections = [name for name in TABLES if name in results]
+    whole = all(name in results for name in TABLES)
+    new = results if whole else {**old, **{name: results[name] for name in sections}}
+    quick = set(old.get("quick", [])) - set(sections) | set(results.get("quick", []))
+    return {**new, "machine": results["machine"] if whole or "machine" not in old else old["machine"],
+            "quick": [name for name in TABLES if name in quick]}
+
+
 def write(document, results, plots):
-    """Writes each table between its marks, <!-- bench NAME --> and <!-- end -->; copies the plots to the same folder."""
+    """Writes each table between its marks, <!-- bench NAME --> and <!-- end -->, and the figures beside the document;
+    copies the plots to the same folder."""
     with open(document, encoding="utf-8") as file:
         text = file.read()
-    whole = all(section in results for section in TARGETS)
+    results = merged(page(document), results)
+    text, found = with_tables(text, results)
+    if found == 0:
+        sys.exit(f"bench: {document} has no marks such as <!-- bench cost --> and <!-- end --> for the tables")
+    with open(document, "w", encoding="utf-8") as file:
+        file.write(text)
+    with open(figures_of(document), "w", encoding="utf-8") as file:
+        file.write(json.dumps(results, indent=1) + "\n")
+    for path in plots:
+        shutil.copy(path, os.path.dirname(os.path.abspath(document)))
+
+
+def with_tables(text, results):
+    """The document's text with the tables of these results, and the number of tables that it has."""
+    whole = all(section in results for section in TABLES)
     found = 0
     for section, lines in tables(results).items():
         block = "```text\n" + "\n".join(lines) + "\n```\n"
@@ -190,9 +262,4 @@ def write(document, results, plots):
                               match[1] + (match[2] if section in WHOLE_ONLY and not whole else block) + match[3],
                               text, flags=re.S)
         found += marks
-    if found == 0:
-        sys.exit(f"bench: {document} has no marks such as <!-- bench cost --> and <!-- end --> for the tables")
-    with open(document, "w", encoding="utf-8") as file:
-        file.write(text)
-    for path in plots:
-        shutil.copy(path, os.path.dirname(os.path.abspath(document)))
+    return text, found

@@ -4,13 +4,17 @@ import os
 import sys
 import tempfile
 import unittest
+import unittest.mock
 
 sys.path.insert(0, sys.argv.pop(1))
+import clients  # noqa: E402
 import report  # noqa: E402
 
 MACHINE = {"date": "today", "processors": 2, "processor": "P", "kernel": "K", "packages": ["g++ 12"], "load": 0.1}
 COST = {kind: {"instructions": 5000 + i, "allocations": 2.0, "bytes": 1, "nanoseconds": 1, "wire": 1,
                "functions": [["crc", 2000]]} for i, kind in enumerate(["int", "dint", "lreal"])}
+GROWTH = [{"variables": size, "nanoseconds": dict.fromkeys(["cyclic", "fetch", "set", "rebuild"], 1.0), "heap": 400,
+           "instructions": dict.fromkeys(["cyclic", "fetch", "set", "rebuild"], size)} for size in (10, 100, 1000)]
 DOCUMENT = """# Before
 <!-- bench machine -->
 <!-- end -->
@@ -50,9 +54,51 @@ class Document(unittest.TestCase):
         self.assertIn("<!-- bench targets -->\nold targets\n<!-- end -->", text)
         self.assertIn("<!-- bench machine -->\n<!-- end -->", text)
 
+    def test_keeps_the_figures_beside_the_document(self):
+        with tempfile.TemporaryDirectory() as directory:
+            path = os.path.join(directory, "page.md")
+            with open(path, "w", encoding="utf-8") as file:
+                file.write(DOCUMENT)
+            report.write(path, {"machine": MACHINE, "cost": COST, "quick": ["cost"]}, [])
+            report.write(path, {"machine": MACHINE, "growth": GROWTH, "quick": []}, [])
+            page = report.page(path)
+            self.assertEqual(COST, page["cost"])
+            self.assertEqual(GROWTH, page["growth"])
+            self.assertEqual(["cost"], page["quick"])
+            report.write(path, {"machine": dict(MACHINE, date="later"), "cost": dict(COST, dint=COST["int"]), "quick": []}, [])
+            page = report.page(path)
+            self.assertEqual(5000, page["cost"]["dint"]["instructions"])
+            self.assertEqual([], page["quick"])
+            self.assertEqual("today", page["machine"]["date"], "the machine is that of a whole run")
+
+    def test_says_what_is_wrong_with_a_damaged_file_of_figures(self):
+        with tempfile.TemporaryDirectory() as directory:
+            with open(os.path.join(directory, "page.json"), "w", encoding="utf-8") as file:
+                file.write('{"cost":\n')
+            with self.assertRaisesRegex(SystemExit, r"page\.json: Expecting value: line 2.*restore the file"):
+                report.page(os.path.join(directory, "page.md"))
+
+    def test_names_the_sections_that_were_measured_with_few_repetitions(self):
+        self.assertEqual("measured with few repetitions: line, gap", report.machine_table(MACHINE, ["line", "gap"])[-1])
+        self.assertNotIn("repetitions", "".join(report.machine_table(MACHINE)))
+
     def test_refuses_a_document_without_marks(self):
         with self.assertRaisesRegex(SystemExit, "page.md has no marks"):
             self.written("# Nothing here\n", {"machine": MACHINE, "cost": COST})
+
+
+class Plots(unittest.TestCase):
+    def test_of_the_line_have_a_bar_for_each_client_and_size(self):
+        rows = [{"client": client, "baud": baud, "values": values, "in_use": 0.5}
+                for baud in clients.BAUDS for client in clients.CLIENTS for values in clients.SIZES[client]]
+        with tempfile.TemporaryDirectory() as directory, \
+                unittest.mock.patch.object(report, "gnuplot", lambda path, commands: (path, commands)):
+            path, commands = report.plot({"line": {"rows": rows}}, directory)[0]
+            self.assertTrue(path.endswith("line.svg"))
+            for client in clients.CLIENTS:
+                self.assertIn(f"title '{client}'", commands)
+            with open(f"{directory}/line.dat", encoding="ascii") as data:
+                self.assertEqual(['"9600\\n1" 50.0 50.0 50.0'] + 8 * [unittest.mock.ANY], data.read().splitlines())
 
 
 class Targets(unittest.TestCase):
