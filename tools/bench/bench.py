@@ -33,6 +33,7 @@ def arguments():
     parser.add_argument("--quick", action="store_true", help="fewer repetitions and sizes, for a trial")
     parser.add_argument("--write", metavar="DOCUMENT", help="write the tables between the marks in the document")
     parser.add_argument("--compare", action="store_true", help=f"print what is worse than the figures of {PAGE}")
+    parser.add_argument("--check", action="store_true", help="only check the arguments, before a build")
     parser.add_argument("sections", nargs="*", metavar="SECTION", help=", ".join(SECTIONS) + " (default all)")
     options = parser.parse_intermixed_args()
     wanted = options.sections or SECTIONS
@@ -67,6 +68,8 @@ def measured_on_a_line(options, wanted):
 
 def main():
     options, wanted = arguments()
+    if options.check:
+        return
     os.makedirs(options.out_dir, exist_ok=True)
     results = {"machine": report.machine(), "quick": wanted if options.quick else []}
     results.update(cost.run(options.bin_dir, options.out_dir, options.quick, wanted))

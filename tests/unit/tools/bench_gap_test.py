@@ -47,11 +47,13 @@ class Table(unittest.TestCase):
                "own_99": 20.0, "emptying_median": 2.0, "woken_median": 40.0, "sent_median": 48.0}
         counted = {"client": clients.HOST, "instructions": 5000, "parts": {"driver": 3000, "Qt": 2000},
                    "functions": [["crc", 2000], ["find", 1000]]}
-        text = gap.gap_table({"rows": [row], "counted": [counted]})
+        text = gap.gap_table({"rows": [row], "counted": [counted], "warm": 0.2})
         self.assertRegex(text[2], r"^115200 reference host +1 +100.0 +40.0 +12.0 +20.0 +2.0 +48.0$")
         self.assertEqual(["  2.00               the system empties the input", "  4.00         2000  crc",
                           "  2.00         1000  find", "  4.00         2000  functions with fewer",
-                          " 10.00         5000  driver 3000, Qt 2000"], text[-5:])
+                          " 10.00         5000  driver 3000, Qt 2000",
+                          "  1.00               of these us the instructions take in a loop, where the caches are warm",
+                          "  9.00               caches that are cold after the client has slept"], text[-7:])
 
 
 if __name__ == "__main__":
