@@ -2,6 +2,7 @@
 
 #include <QtCore/QFile>
 
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
@@ -186,6 +187,11 @@ void ProgramTest::stopSimulator()
     if (!m_simulator->waitForFinished(kLimitMs))
         m_simulator->kill();
     m_simulator.reset();
+}
+
+void ProgramTest::signalSimulator(int signal) const
+{
+    ::kill(static_cast<pid_t>(m_simulator->processId()), signal);
 }
 
 Result ProgramTest::host(const QStringList& arguments) const

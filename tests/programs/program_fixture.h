@@ -46,6 +46,7 @@ protected:
     /// array). Station N is at port(N).
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
+    void signalSimulator(int signal) const;
     /// What the simulator answers to the command `status`.
     QString simulatorStatus();
 

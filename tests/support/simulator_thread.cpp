@@ -78,10 +78,18 @@ void SimulatorThread::serve()
             continue;
         bool gone = false;
         const Bytes bytes = m_port->read(gone);
-        if (m_silent)
+        if (m_silent || !isUnderstood())
             continue;
         m_line.receive(bytes);
         m_line.tick();
         m_port->write(m_line.transmit());
     }
+}
+
+// Caller holds m_mutex.
+bool SimulatorThread::isUnderstood() const
+{
+    termios settings{};
+    return m_speed == B0 || (::tcgetattr(m_port->waits().front().fd, &settings) == 0 &&
+                             ::cfgetospeed(&settings) == m_speed);
 }

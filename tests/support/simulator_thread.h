@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <termios.h>
 #include <thread>
 
 /// A simulated controller on a pseudo-terminal, served by its own thread, for tests in real time.
@@ -33,11 +34,15 @@ public:
     unsigned strikes();
     /// While silent, the controller ignores everything, as if it had no power.
     void setSilent(bool silent) { m_silent = silent; }
+    /// From now on, the controller understands only hosts that have set the terminal to this speed,
+    /// like B9600.
+    void listenOnlyAt(speed_t speed) { m_speed = speed; }
     void pullCable();
     void putCableBack();
 
 private:
     void serve();
+    bool isUnderstood() const;
 
     micro850::SystemClock m_clock;
     micro850::sim::Controller m_controller;
@@ -46,6 +51,7 @@ private:
     std::mutex m_mutex;
     std::unique_ptr<micro850::sim::Port> m_port;
     std::atomic<bool> m_silent{false};
+    std::atomic<speed_t> m_speed{B0}; ///< B0: whatever the speed
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
