@@ -32,6 +32,8 @@ public:
     TagTable& tags() { return m_tags; }
     CipServer& server() { return m_server; }
     const LinkCounters& counters() const { return m_link.counters(); }
+    /// True while a reply is not acknowledged.
+    bool awaitsAcknowledgement() const { return m_link.awaitsAcknowledgement(); }
 
 private:
     const Clock& m_clock;

@@ -54,6 +54,8 @@ public:
     void reset();
 
     const LinkCounters& counters() const { return m_counters; }
+    /// True while a message of this end is on the wire or waits for its turn.
+    bool awaitsAcknowledgement() const { return m_awaited || !m_waiting.empty(); }
 
 private:
     enum class State {

@@ -11,7 +11,10 @@
 #include <QtCore/QStringList>
 #include <QtCore/QTemporaryDir>
 
+#include <chrono>
+#include <functional>
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -97,6 +100,18 @@ protected:
         plc().with([&](Controller&) { m_afterwards = action; });
     }
     SimulatorThread& plc() { return *m_plc; }
+    /// Waits until the controller is in this state; false when it is not within a minute. What the
+    /// program sent last may still be on its way when the program has ended.
+    bool reaches(const std::function<bool(Controller&)>& state)
+    {
+        bool is = false;
+        for (int i = 0; i < 60000 && !is; ++i) {
+            plc().with([&](Controller& controller) { is = state(controller); });
+            if (!is)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return is;
+    }
 
     /// Runs the program to its end; `lines` are what it printed.
     void run(const QStringList& arguments)
@@ -303,8 +318,8 @@ TEST_F(CarefulHost, AcknowledgesTheLastReplyBeforeItEnds)
 {
     run({"1"});
     EXPECT_EQ(status, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1300));
-    plc().with([](Controller& controller) { EXPECT_EQ(controller.counters().enquiries, 0u); });
+    EXPECT_TRUE(reaches([](Controller& each) { return !each.awaitsAcknowledgement(); }));
+    plc().with([](Controller& controller) { EXPECT_EQ(controller.counters().undelivered, 0u); });
 }
 
 TEST_F(CarefulHost, ReportsARefusedReadAndLearnsNoTypeFromIt)

@@ -197,6 +197,23 @@ TEST_F(LinkTest, HoldsAReplyBackUntilThePreviousOneIsAcknowledged)
     EXPECT_EQ(afterReceiving(kAck), "");
 }
 
+TEST_F(LinkTest, AwaitsAnAcknowledgementUntilEveryReplyIsAcknowledgedOrGivenUp)
+{
+    EXPECT_FALSE(link.awaitsAcknowledgement());
+    reply = hex("01 00 4B 00 01 00 00 00 81");
+    link.receive(kIdentity);
+    link.receive(kSecond);
+    link.receive(kAck);
+    EXPECT_TRUE(link.awaitsAcknowledgement()) << "of the second reply";
+    link.receive(kAck);
+    EXPECT_FALSE(link.awaitsAcknowledgement());
+    link.receive(kIdentity);
+    EXPECT_TRUE(link.awaitsAcknowledgement());
+    for (int i = 0; i < 4; ++i)
+        afterWaiting(Duration(1000000));
+    EXPECT_FALSE(link.awaitsAcknowledgement());
+}
+
 TEST_F(LinkTest, SendsTheNextReplyOnceThePreviousOneIsGivenUp)
 {
     reply = hex("01 00 4B 00 01 00 00 00 81");
