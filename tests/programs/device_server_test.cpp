@@ -453,8 +453,13 @@ TEST_P(DeviceServerTest, ShowsInATraceTheBytesOfTheLineAndNoOthers)
     EXPECT_EQ(raw.out, "2\n") << "the value, with the doubling of DF1 and no other";
 }
 
-INSTANTIATE_TEST_SUITE_P(Raw, DeviceServerTest, ::testing::Values(Protocol::Raw));
-INSTANTIATE_TEST_SUITE_P(Rfc2217, DeviceServerTest, ::testing::Values(Protocol::Rfc2217));
+std::string nameOf(const ::testing::TestParamInfo<Protocol>& protocol)
+{
+    return protocol.param == Protocol::Raw ? "Raw" : "Rfc2217";
+}
+
+INSTANTIATE_TEST_SUITE_P(Over, DeviceServerTest,
+                         ::testing::Values(Protocol::Raw, Protocol::Rfc2217), nameOf);
 
 /// A controller that understands only one speed.
 class SpeedTest : public ProgramTest

@@ -54,6 +54,11 @@ int lockFor(int port)
 
 } // namespace
 
+void PrintTo(DeviceServer::Protocol protocol, std::ostream* out)
+{
+    *out << (protocol == DeviceServer::Protocol::Raw ? "tcp" : "rfc2217");
+}
+
 DeviceServer::DeviceServer(const Settings& settings) : m_settings(settings)
 {
     EXPECT_TRUE(m_dir.isValid());

@@ -5,6 +5,7 @@
 #include <QtCore/QTemporaryDir>
 
 #include <memory>
+#include <ostream>
 
 /// A device server, ser2net, that runs in front of a serial device on a port of the loopback
 /// address. The port is one of its own for as long as the object lives, also while the server is
@@ -51,6 +52,9 @@ private:
     int m_lock = -1; ///< keeps the port from other tests
     std::unique_ptr<QProcess> m_process;
 };
+
+/// For the names of tests.
+void PrintTo(DeviceServer::Protocol protocol, std::ostream* out);
 
 /// The protocol that the whole run of the tests is to use, from the environment variable
 /// MICRO850_TEST_LINE (tcp or rfc2217); null for lines without a server.
