@@ -32,16 +32,15 @@ def instructions_of(bench, client, baud, timer=None):
 
 
 def load(bench, client, baud, timer, seconds, instructions):
-    """What a full line costs a second; `instructions` of one transaction of one value."""
+    """What a full line costs, for each transaction of one value: processor's microseconds, wake-ups, instructions."""
     output = bench.paced(client, 1, baud, bench.reads_in(client, 1, baud, seconds, timer), timer=timer).output
     read = {name: float(figure) for name, figure in re.findall(r"(\w+) ([\d.]+)", output)}
-    a_second = 1e6 / read["microseconds"]
     return {
         "client": client, "baud": baud, "timer": timer or 0,
-        "transactions": round(a_second, 1),
-        "wakeups": round(read["wakeups"] * a_second),
-        "user": round(read["user"] / read["microseconds"], 5),
-        "system": round(read["system"] / read["microseconds"], 5),
+        "transactions": round(1e6 / read["microseconds"], 1),
+        "wakeups": round(read["wakeups"], 2),
+        "user": round(read["user"], 1),
+        "system": round(read["system"], 1),
         "instructions": instructions,
     }
 
@@ -83,8 +82,10 @@ def load_table(results):
                 f"{instructions * row['transactions']:12.0f} "
                 f"{instructions * row['transactions'] / PANEL_INSTRUCTIONS:7.2%}")
     for row in results["load"]:
+        a_second = row["transactions"]
         text.append(line_of(row, row["client"], row["instructions"],
-                            f"{row['wakeups']:8} {row['user']:7.2%} {row['system']:7.2%}"))
+                            f"{row['wakeups'] * a_second:8.0f} {row['user'] * a_second / 1e6:7.2%} "
+                            f"{row['system'] * a_second / 1e6:7.2%}"))
         if row["client"] == HOST:
             driver = results["driver_instructions"]
             text.append(line_of(row, "  driver", driver, ""))
