@@ -17,9 +17,11 @@ void LineOptions::addTo(CommandOptions& command)
 {
     command.text(
         "--port", port,
-        "Serial device, e.g. /dev/ttyUSB0; a name without / is looked for here, then in /dev");
+        "Serial device, e.g. /dev/ttyUSB0; a name without / is looked for here, then in /dev. Or a "
+        "device server: tcp://HOST:PORT (raw), rfc2217://HOST:PORT (speed set from here)");
     command.integer("--baud", baud, 300, 4000000,
-                    "Speed of the line (default: the project's, or 38400)");
+                    "Speed of the line (default: the project's, or 38400); with tcp:// the server "
+                    "sets it, and only time-outs are computed from it");
     command.integer(
         "--timeout", timeoutMs, 0, 60000,
         "Milliseconds to wait for an answer; 0: computed from speed and length (default)");

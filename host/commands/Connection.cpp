@@ -27,6 +27,17 @@ QString checkedDevice(const QString& device)
     return device;
 }
 
+// Whether the text would be an address with tcp:// in front of it.
+bool isPlace(const QString& device)
+{
+    try {
+        networkAddress(QStringLiteral("tcp://") + device);
+        return true;
+    } catch (const UserError&) {
+        return false;
+    }
+}
+
 } // namespace
 
 Project projectOf(const LineOptions& options)
@@ -55,7 +66,10 @@ void requireOpen(Line& line, const PortSettings& port)
     const QString text = port.device + QStringLiteral(": cannot be opened: ") + error;
     if (port.isNetwork())
         throw UserError(text.toStdString(), kExitRefused);
-    throw UserError((text + QStringLiteral(" (choose the port with --port)")).toStdString());
+    const QString remedy = isPlace(port.device)
+                               ? QStringLiteral("for a device server write tcp://") + port.device
+                               : QStringLiteral("choose the port with --port");
+    throw UserError((text + QStringLiteral(" (%1)").arg(remedy)).toStdString());
 }
 
 Connection::Connection(const LineOptions& options, const Project& project)

@@ -65,7 +65,7 @@ int portOf(const QString& device, const QString& text)
 {
     if (text.isEmpty())
         fail(device, "names no port (write it behind the host, as in tcp://HOST:2000)");
-    const bool digits = matches(text, "[0-9]{1,5}");
+    const bool digits = matches(text, "[1-9][0-9]{0,4}");
     const int port = digits ? text.toInt() : 0;
     if (port < 1 || port > kLargestPort)
         fail(device, "ends in a port that is not a number from 1 to 65535");

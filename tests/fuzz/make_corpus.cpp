@@ -288,6 +288,10 @@ void saveProjects()
     saveText("project", "port", R"({"port": {"device": "/dev/ttyS1", "baud": 9600, "dataBits": 8,
 "parity": "even", "stopBits": 2, "deviceBudgetMs": 300, "timeoutMs": 900, "retryLimit": 5},
 "staleAfterMs": 1500, "variables": [{"tag": "Speed", "type": "INT"}]})");
+    saveText("project", "device_server",
+             R"({"port": {"device": "tcp://[::1]:2000"}, "variables": [{"tag": "A"}]})");
+    saveText("project", "bad_device_server",
+             R"({"port": {"device": "rfc2217://plc"}, "variables": [{"tag": "A"}]})");
     saveText("project", "stations", R"({ // two of them
 "stations": [{"number": 3, "name": "filler"}, {"number": 4, "enabled": false}],
 "variables": [{"name": "Fill level", "tag": "Level", "station": 4, "type": "REAL", "element": 2,
@@ -434,6 +438,44 @@ void saveReplies()
     save("replies", "embedded", raw(hex("10 02 00 01 10 06 4A 10 02 00 10 03 00 00")));
 }
 
+void saveTelnet()
+{
+    const QByteArray agreed = hex("FF FD 2C FF FD 00 FF FD 03 FF FB 00 FF FB 03");
+    const QByteArray confirmed = hex("FF FA 2C 65 00 00 96 00 FF F0 FF FA 2C 66 08 FF F0 "
+                                     "FF FA 2C 67 01 FF F0 FF FA 2C 68 01 FF F0");
+    // Whether the session begins, and whether it is ready; the lengths of the pieces.
+    const QByteArray start = bytes({0, 1, 0}) + block(bytes({1, 2, 5}));
+    const QByteArray ready = bytes({0, 1, 1}) + block(bytes({3, 1}));
+    save("telnet", "negotiation", start + agreed + confirmed + hex("10 06 FF FF 0D 00"));
+    save("telnet", "server_begins", bytes({0, 0, 0}) + block("") + agreed + confirmed);
+    save("telnet", "no_port_option", start + hex("FF FE 2C"));
+    save("telnet", "no_binary", start + hex("FF FD 2C FF FE 00 FF FC 00"));
+    save("telnet", "other_speed", start + agreed + hex("FF FA 2C 65 00 00 25 80 FF F0"));
+    save("telnet", "other_options", start + hex("FF FB 01 FF FD 18 FF FD 1F FF FB 01"));
+    save("telnet", "no_telnet", start + "Port already in use\r\n");
+    save("telnet", "notices",
+         ready + hex("41 FF FA 2C 6A 60 FF F0 42 FF FA 2C 6B B0 FF F0 "
+                     "FF FA 2C 6C FF F0 FF FA 2C 6D FF F0 FF F1 43"));
+    save("telnet", "changes_its_mind", ready + hex("FF FC 03 FF FB 03 FF FC 03 FF FB 03"));
+    save("telnet", "ends_binary", ready + hex("41 FF FC 00 42"));
+    save("telnet", "endless", ready + hex("FF FA 2C") + QByteArray(200, 'x') + hex("FF F0 41"));
+    save("telnet", "lost_end", ready + hex("FF FA 2C 65 00 FF FB 01 41 FF FA FF FF F0 42"));
+    save("telnet", "data", bytes({1}) + block(bytes({2, 3})) + hex("10 02 FF FF 00 0D 0A 10 03"));
+    const char* const addresses[] = {"tcp://plc:2000",
+                                     "rfc2217://127.0.0.1:1",
+                                     "tcp://[fe80::1%eth0]:65535",
+                                     "tcp://::1:2",
+                                     "udp://plc:1",
+                                     "tcp://plc",
+                                     "tcp://me@plc:2",
+                                     "tcp://plc:2/x",
+                                     "tcp://[::1",
+                                     "/dev/serial/by-path/0:1"};
+    int number = 0;
+    for (const char* const address : addresses)
+        save("telnet", ("address" + std::to_string(number++)).c_str(), bytes({2}) + address);
+}
+
 void saveControllers()
 {
     using namespace controller;
@@ -492,6 +534,7 @@ int main(int argc, char** argv)
     saveLists();
     saveTraces();
     saveReplies();
+    saveTelnet();
     saveControllers();
     return 0;
 }

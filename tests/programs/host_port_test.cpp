@@ -59,4 +59,60 @@ TEST_F(HostPort, ThatIsALinkToNothingIsReportedWithWhereItLed)
                               " is gone (choose the port with --port)\n");
 }
 
+TEST_F(HostPort, ThatIsAMalformedAddressIsRefusedBeforeAnythingIsOpened)
+{
+    const Result none = host({"read", "Speed", "--port", "tcp://plc"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err, "micro850-host: --port: \"tcp://plc\" names no port (write it behind the "
+                        "host, as in tcp://HOST:2000)\n");
+    const Result kind = host({"probe", "--port", "udp://plc:2000"});
+    EXPECT_EQ(kind.status, 2);
+    EXPECT_EQ(kind.err, "micro850-host: --port: \"udp://plc:2000\" is not a way to reach a line "
+                        "(tcp://HOST:PORT, rfc2217://HOST:PORT, or a device such as "
+                        "/dev/ttyUSB0)\n");
+    const QString project =
+        file("p.json", R"({"port": {"device": "tcp://::1:2"}, "variables": [{"tag": "Speed"}]})");
+    const Result file = host({"check", project});
+    EXPECT_EQ(file.status, 2);
+    EXPECT_EQ(file.err, "micro850-host: " + project.toStdString() +
+                            ": port.device: \"tcp://::1:2\" has more than one colon (an IPv6 "
+                            "address stands in brackets, as in tcp://[::1]:2000)\n");
+}
+
+TEST_F(HostPort, MayHaveAColonInItsName)
+{
+    simulate();
+    ASSERT_TRUE(QFile::link(port(), path("usb-0:1:1.0-port0")));
+    const Result result = host({"read", "Speed", "--port", "usb-0:1:1.0-port0"});
+    EXPECT_EQ(result.out, "Speed = 1234\n") << result.err;
+}
+
+TEST_F(HostPort, ThatLooksLikeAnAddressWithoutItsBeginningIsReportedWithTheBeginning)
+{
+    const Result result = host({"read", "Speed", "--port", "plc:2000"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "micro850-host: plc:2000: cannot be opened: there is no such device in "
+                          "this folder or in /dev (for a device server write tcp://plc:2000)\n");
+}
+
+TEST_F(HostPort, OfAServerThatIsNotThereIsReportedInWords)
+{
+    // Nobody listens at port 1 of the loop-back address.
+    const Result result = host({"read", "Speed", "--port", "tcp://127.0.0.1:1"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "micro850-host: tcp://127.0.0.1:1: cannot be opened: 127.0.0.1:1 refuses "
+                          "the connection (does the device server run there, on this port?)\n");
+    const Result name = host({"probe", "--port", "rfc2217://no-such-name.invalid:2000"});
+    EXPECT_EQ(name.status, 1);
+    EXPECT_NE(name.err.find("no-such-name.invalid"), std::string::npos) << name.err;
+}
+
+TEST_F(HostPort, OfRawTcpCannotBeScannedForSpeeds)
+{
+    const Result result = host({"probe", "--scan", "--port", "tcp://127.0.0.1:1"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "micro850-host: --scan: the server of tcp://127.0.0.1:1 sets the speed "
+                          "itself (leave --scan out, or use rfc2217:// if the server speaks it)\n");
+}
+
 } // namespace

@@ -70,6 +70,16 @@ bool acceptsText(const json& schema, const std::string& text)
            std::regex_match(wide(text), std::wregex(wide(schema["pattern"].get<std::string>())));
 }
 
+// What stands under "not": a value, or a pattern that is looked for in a text.
+bool excludes(const json& schema, const json& value)
+{
+    if (schema.contains("const"))
+        return value == schema["const"];
+    return value.is_string() &&
+           std::regex_search(wide(value.get<std::string>()),
+                             std::wregex(wide(schema["pattern"].get<std::string>())));
+}
+
 // The keywords that the schema uses; any other is a failure.
 bool accepts(const json& schema, const json& value)
 {
@@ -81,7 +91,7 @@ bool accepts(const json& schema, const json& value)
         EXPECT_TRUE(known.count(keyword.key())) << keyword.key();
     if (schema.contains("type") && !hasType(value, schema["type"]))
         return false;
-    if (schema.contains("not") && value == schema["not"]["const"])
+    if (schema.contains("not") && excludes(schema["not"], value))
         return false;
     if (schema.contains("enum") &&
         std::find(schema["enum"].begin(), schema["enum"].end(), value) == schema["enum"].end())
@@ -132,6 +142,23 @@ std::vector<json> candidates(const json& property)
                                 "a[1]",
                                 "Program:Main.x",
                                 "a\tb",
+                                "/dev/a:b",
+                                "./tcp://plc",
+                                "tcp://plc:2000",
+                                "TCP://10.0.0.7:1",
+                                "rfc2217://[fe80::1%eth0]:65535",
+                                "tcp://plc",
+                                "tcp://plc:0",
+                                "tcp://plc:65536",
+                                "tcp://plc:007",
+                                "tcp://1.2:2000",
+                                "tcp://256.1.1.1:2000",
+                                "tcp://::1:2000",
+                                "tcp://[::1]",
+                                "tcp://plc:2000/x",
+                                "tcp://me@plc:2000",
+                                "tcp://:2000",
+                                "udp://plc:2000",
                                 u8"a\u0085b",
                                 u8"a\u202eb",
                                 u8"\u00e4"};

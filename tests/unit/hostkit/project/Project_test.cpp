@@ -108,6 +108,18 @@ TEST(Project, RefusesATextThatWouldNotBeShownAsItIs)
               "p.json: port.device: a device" + end);
 }
 
+TEST(Project, HasTheAddressOfADeviceServerInsteadOfADevice)
+{
+    const Project project = Project::fromText(
+        R"({"port": {"device": "tcp://[::1]:2000", "baud": 9600}, "variables": [{"tag": "A"}]})",
+        "p.json");
+    EXPECT_EQ(project.port.device, QString("tcp://[::1]:2000"));
+    EXPECT_EQ(project.port.text(), QString("tcp://[::1]:2000"));
+    EXPECT_EQ(complaint(R"({"port": {"device": "tcp://plc"}, "variables": [{"tag": "A"}]})"),
+              "p.json: port.device: \"tcp://plc\" names no port (write it behind the host, as in "
+              "tcp://HOST:2000)");
+}
+
 TEST(Project, TakesAnyPrintableNameAndUnit)
 {
     EXPECT_EQ(complaint(withVariable(R"({"tag": "Speed", "name": ""})")),

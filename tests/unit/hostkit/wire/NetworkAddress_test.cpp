@@ -43,7 +43,7 @@ TEST(NetworkAddress, HasAHostByNameOrAddress)
     expectAddress("tcp://[fe80::1%eth0]:7", Protocol::Raw, "fe80::1%eth0", 7, "[fe80::1%eth0]:7");
     expectAddress("tcp://[::ffff:192.0.2.7]:7", Protocol::Raw, "::ffff:192.0.2.7", 7,
                   "[::ffff:192.0.2.7]:7");
-    expectAddress("TCP://Line_7:00023", Protocol::Raw, "Line_7", 23, "Line_7:23");
+    expectAddress("TCP://Line_7:23", Protocol::Raw, "Line_7", 23, "Line_7:23");
     expectAddress("tcp://" + QString(253, 'a') + ":9", Protocol::Raw, QString(253, 'a'), 9,
                   QString(253, 'a') + ":9");
 }
@@ -80,8 +80,8 @@ TEST(NetworkAddress, WithoutAPortIsRefused)
 
 TEST(NetworkAddress, WithAPortThatIsNoneIsRefused)
 {
-    for (const char* port : {"0", "65536", "99999", "100000", "4294967297", "-1", "+1", "1x", " 1",
-                             "1 ", "0x10", "\xD9\xA3"})
+    for (const char* port : {"0", "007", "65536", "99999", "100000", "4294967297", "-1", "+1", "1x",
+                             " 1", "1 ", "0x10", "\xD9\xA3"})
     {
         const std::string device = std::string("tcp://plc:") + port;
         EXPECT_EQ(complaint(QString::fromStdString(device)),
