@@ -180,3 +180,30 @@ TEST_F(Documents, PrintCommandsThatRunAnExampleHost)
     }
     EXPECT_EQ(run, 2) << "one for each example";
 }
+
+TEST_F(Documents, ShowAConfigurationOfADeviceServerThatWorks)
+{
+    QString text =
+        textOfSource("docs/device-servers.md").section("```yaml\n", 1).section("```", 0, 0);
+    // Only for their ports, which they keep from other tests.
+    const DeviceServer raw({DeviceServer::Protocol::Raw, QString()});
+    const DeviceServer rfc2217({DeviceServer::Protocol::Rfc2217, QString()});
+    for (const char* printed : {"/dev/ttyUSB0", ",2000", ",2001", "%YAML 1.1\n"})
+        ASSERT_TRUE(text.contains(printed)) << printed;
+    text.replace(",2000", QStringLiteral(",%1").arg(raw.port()));
+    text.replace(",2001", QStringLiteral(",%1").arg(rfc2217.port()));
+    text.replace("/dev/ttyUSB0", device());
+    QProcess server;
+    server.setProcessChannelMode(QProcess::MergedChannels);
+    server.start("/usr/sbin/ser2net", {"-n", "-c", file("ser2net.yaml", text.toStdString())});
+    ASSERT_TRUE(server.waitForStarted()) << "scripts/setup test installs ser2net";
+    for (const DeviceServer* kind : {&raw, &rfc2217}) {
+        Result result = {};
+        // The server takes a moment to listen.
+        for (int attempt = 0; attempt < 100 && result.out.empty(); ++attempt)
+            result = host({"read", "Speed", "--port", kind->address()});
+        EXPECT_EQ(result.out, "Speed = 1234\n") << result.err;
+    }
+    server.terminate();
+    EXPECT_TRUE(server.waitForFinished()) << server.readAll().toStdString();
+}
