@@ -29,6 +29,12 @@ const int kNoConnection = 201;
 const int kFirstFailure = 11;
 const int kNotStored = 100;
 
+// A variable that is no array is element 0: this text need not be made for every value.
+QString elementText(int element)
+{
+    return element == 0 ? QStringLiteral("0") : QString::number(element);
+}
+
 Verdict verdictOf(const RW_VAR& result)
 {
     if (result.retValue == kNotFinished)
@@ -181,7 +187,7 @@ QByteArray Driver::storedValue(const TagKey& tag, const CipType& type, int eleme
 {
     const TypeClass typeClass = typeClassOf(type.code);
     QByteArray bytes;
-    m_api.getRegisterData(tag.name, 0, QString::number(element), tag.station, bytes,
+    m_api.getRegisterData(tag.name, 0, elementText(element), tag.station, bytes,
                           fetchCount(typeClass, replyValues.size()));
     return fromHostLayout(typeClass, bytes, replyValues);
 }

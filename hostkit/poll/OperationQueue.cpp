@@ -35,6 +35,7 @@ int OperationQueue::add(Operation operation)
     operation.id = ++m_lastId;
     m_operations.insert(operation.id, operation);
     m_waiting[operation.tag.station].enqueue(operation.id);
+    m_mayWait = true;
     return operation.id;
 }
 
@@ -61,8 +62,12 @@ const Operation* OperationQueue::find(int id, const TagKey& key) const
 
 void OperationQueue::pump(const QMap<int, Station>& stations)
 {
+    if (!m_mayWait)
+        return;
     for (const Station& station : stations)
         pumpStation(station);
+    const auto isEmpty = [](const QQueue<int>& waiting) { return waiting.isEmpty(); };
+    m_mayWait = !std::all_of(m_waiting.cbegin(), m_waiting.cend(), isEmpty);
 }
 
 void OperationQueue::pumpStation(const Station& station)
@@ -162,6 +167,7 @@ void OperationQueue::waitAgain(Operation& operation)
 {
     operation.state = Operation::State::Waiting;
     m_waiting[operation.tag.station].prepend(operation.id);
+    m_mayWait = true;
 }
 
 void OperationQueue::removeReads(int station, int variable)

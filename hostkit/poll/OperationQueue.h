@@ -73,6 +73,7 @@ private:
     QMap<int, int> m_inDriver;          ///< the one id that the driver has, by station
     Failure m_lastFailure;              ///< of an operation
     int m_lastId = 0;
+    bool m_mayWait = false; ///< false: no station has an operation that waits
 };
 
 } // namespace micro850::host

@@ -32,6 +32,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
       m_deferred(m_driver, m_values), m_connections(m_exchange, project.port)
 {
     m_exchange.setMeanwhile([this] { m_deferred.store(); });
+    m_cycle.noteChange();
     for (const StationSettings& settings : project.stations) {
         m_stations.insert(settings.number, Station(settings));
         m_driver.enableStation(settings.number, settings.enabled);
@@ -50,11 +51,12 @@ void PollLoop::step()
     if (!m_line.ensureOpen() || waitsForOtherSerial())
         return;
     handleReopenedLine();
-    probeDeadStations();
-    askForTypes();
+    const Duration now = m_clock.now();
+    probeDeadStations(now);
+    askForTypes(now);
     m_operations.pump(m_stations);
-    if (m_replan)
-        planCycle();
+    if (m_cycle.isDue(now))
+        planCycle(now);
     if (Protocol* next = m_driver.next())
         transact(*next);
     else
@@ -63,9 +65,8 @@ void PollLoop::step()
 
 // The set-up that follows brings the station back or ends the probe. The driver connects only for a
 // request, and its lists may hold none of this station; therefore one is queued.
-void PollLoop::probeDeadStations()
+void PollLoop::probeDeadStations(Duration now)
 {
-    const Duration now = m_clock.now();
     for (Station& station : m_stations) {
         if (!station.isProbeDue(now))
             continue;
@@ -77,24 +78,25 @@ void PollLoop::probeDeadStations()
 }
 
 // Asks for the type of every tag that a variable shows, and lets variables back into the cycle.
-void PollLoop::askForTypes()
+void PollLoop::askForTypes(Duration now)
 {
-    const Duration now = m_clock.now();
     if (now < m_nextLook)
         return;
     m_nextLook = now + kLookInterval;
-    m_replan = m_types.readmitVariables() || m_replan;
+    if (m_types.readmitVariables())
+        m_cycle.noteChange();
     for (const TagKey& key : m_types.tagsToAskFor()) {
-        const Station station = m_stations.value(key.station);
-        if (station.inService() && !station.isProbing())
+        const auto station = m_stations.constFind(key.station);
+        if (station != m_stations.constEnd() && station->inService() && !station->isProbing())
             m_operations.askForType(key);
     }
 }
 
-void PollLoop::planCycle()
+void PollLoop::planCycle(Duration now)
 {
-    m_replan = false;
-    m_driver.setCyclicReads(planReads(m_project, m_types.cyclicReads(), m_driver.localLink()));
+    const QVector<CyclicRead> reads = m_types.cyclicReads();
+    m_cycle.noteRenewal(now, reads.size());
+    m_driver.setCyclicReads(planReads(m_project, reads, m_driver.localLink()));
 }
 
 void PollLoop::readOnce(int variable)
@@ -288,7 +290,9 @@ ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Stat
         handleVerdict(m_driver.dropConnection(sent), station, status);
         return status;
     }
-    const RW_VAR var = sent.var; // `sent` is gone once the driver has its reply
+    // `sent` is gone once the driver has its reply.
+    const Asked asked = {
+        {sent.var.stationNo, sent.var.tagName}, sent.var.varIndex, sent.var.startAddress};
     const bool good = answer.reply.good();
     const bool reads = answer.request.service == kReadTagFragmented;
     if (!good)
@@ -298,9 +302,9 @@ ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Stat
     handleVerdict(verdict, station, status);
     if (verdict == Verdict::Done && reads) {
         if (good)
-            handleValues(var, answer);
+            handleValues(asked, answer);
         else
-            handleRefusedRead(var, status.refusal);
+            handleRefusedRead(asked, status.refusal);
     }
     return status;
 }
@@ -313,39 +317,44 @@ void PollLoop::handleVerdict(Verdict verdict, Station& station, const ReplyStatu
     m_operations.handleDroppedConnection(station.number(), status);
 }
 
-void PollLoop::handleValues(const RW_VAR& sent, const Answer& answer)
+void PollLoop::handleValues(const Asked& asked, const Answer& answer)
 {
-    const TagKey key = {sent.stationNo, sent.tagName};
-    const bool learnt = m_types.learn(key, answer.reply.typeCode());
-    m_replan = m_replan || learnt;
-    const Tag tag = m_types.tag(key);
-    // The driver asks for element 0 while it does not know the class, whatever the request says.
-    const bool asAsked = static_cast<int>(answer.request.element) == sent.startAddress;
-    if (tag.type && tag.typeCode == answer.reply.typeCode() && asAsked) {
-        m_deferred.hold({key, tag.type, sent.startAddress, answer.reply.values(), m_clock.now()});
-        if (m_operations.find(sent.varIndex, key))
-            m_operations.setResult(sent.varIndex, m_deferred.store());
+    const TagKey& key = asked.key;
+    const quint16 typeCode = answer.reply.typeCode();
+    const Tag* tag = m_types.find(key);
+    const bool learns = !tag || !tag->isOf(typeCode);
+    if (learns) {
+        m_types.learn(key, typeCode);
+        m_cycle.noteChange();
+        tag = m_types.find(key);
     }
-    if (!learnt)
+    // The driver asks for element 0 while it does not know the class, whatever the request says.
+    const bool asAsked = static_cast<int>(answer.request.element) == asked.element;
+    if (tag->type && tag->typeCode == typeCode && asAsked) {
+        m_deferred.hold({key, tag->type, asked.element, answer.reply.values(), m_clock.now()});
+        if (m_operations.find(asked.varIndex, key))
+            m_operations.setResult(asked.varIndex, m_deferred.store());
+    }
+    if (!learns)
         return;
     for (const int variable : m_types.variablesOf(key))
         readOnce(variable);
 }
 
-void PollLoop::handleRefusedRead(const RW_VAR& sent, const QString& why)
+void PollLoop::handleRefusedRead(const Asked& asked, const QString& why)
 {
-    const TagKey key = {sent.stationNo, sent.tagName};
+    const TagKey& key = asked.key;
     if (!m_types.isKnown(key)) {
         m_types.refuseTag(key, why);
         return;
     }
-    const Operation* operation = m_operations.find(sent.varIndex, key);
-    const int variable = operation ? operation->variable : variableOf(sent.varIndex);
+    const Operation* operation = m_operations.find(asked.varIndex, key);
+    const int variable = operation ? operation->variable : variableOf(asked.varIndex);
     if (variable >= 0)
         m_types.refuseVariable(variable, why);
     else if (!operation) // one of those that the driver merged reaches beyond the tag
         m_types.forbidMerging(key);
-    m_replan = true;
+    m_cycle.noteChange();
 }
 
 int PollLoop::read(const TagKey& key, int element, int elements)
@@ -381,10 +390,10 @@ int PollLoop::learn(const TagKey& key)
 
 Quality PollLoop::quality(int variable) const
 {
-    const Station station = m_stations.value(m_project.variables.at(variable).station);
+    const auto station = m_stations.constFind(m_project.variables.at(variable).station);
     std::optional<Duration> aliveSince;
-    if (station.alive() && m_line.isOpen())
-        aliveSince = std::max(station.connectedAt(), m_line.openedAt());
+    if (station != m_stations.constEnd() && station->alive() && m_line.isOpen())
+        aliveSince = std::max(station->connectedAt(), m_line.openedAt());
     return m_values.quality(variable, m_clock.now(), aliveSince);
 }
 

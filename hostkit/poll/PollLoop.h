@@ -9,6 +9,7 @@
 #include "OpenConnections.h"
 #include "OperationQueue.h"
 #include "Project.h"
+#include "RenewalPace.h"
 #include "Station.h"
 #include "TypeRegistry.h"
 #include "ValueStore.h"
@@ -60,9 +61,16 @@ public:
     Exchange& exchange() { return m_exchange; }
 
 private:
-    void probeDeadStations();
-    void askForTypes();
-    void planCycle();
+    /// What is known of a read after the driver has finished its frame.
+    struct Asked
+    {
+        TagKey key;
+        int varIndex;
+        int element; ///< the first one
+    };
+    void probeDeadStations(Duration now);
+    void askForTypes(Duration now);
+    void planCycle(Duration now);
     void readOnce(int variable);
     void readOnceAgain(const Station& station);
     void handleReopenedLine();
@@ -75,8 +83,8 @@ private:
     void handleSetUpReply(Protocol& sent, const Answer& answer, Station& station);
     ReplyStatus handleDataReply(Protocol& sent, const Answer& answer, Station& station);
     void handleVerdict(Verdict verdict, Station& station, const ReplyStatus& status);
-    void handleValues(const RW_VAR& sent, const Answer& answer);
-    void handleRefusedRead(const RW_VAR& sent, const QString& why);
+    void handleValues(const Asked& asked, const Answer& answer);
+    void handleRefusedRead(const Asked& asked, const QString& why);
     void handleConnected(Station& station);
     void handleRefusedOpen(Protocol& sent, const Reply& reply, Station& station);
     void handleFailedSetUp(bool opens, const Failure& failure, Station& station);
@@ -96,7 +104,7 @@ private:
     /// When the driver draws another serial number for the connection that was refused.
     std::optional<Duration> m_nextSerialAt;
     Duration m_nextLook{0}; ///< when types to ask for are looked for again
-    bool m_replan = true;   ///< the driver's cyclic list is out of date
+    RenewalPace m_cycle;    ///< of the driver's cyclic list
     qint64 m_reopened = 0;  ///< times that handleReopenedLine() handled
     int m_idleSteps = 0;    ///< in a row
 };

@@ -15,8 +15,32 @@ TypeRegistry::TypeRegistry(const Project& project, const Clock& clock, ValueStor
 {
     for (int i = 0; i < project.variables.size(); ++i) {
         const Variable& variable = project.variables.at(i);
-        m_variablesOf[{variable.station, variable.tag}].append(i);
+        const TagKey key = {variable.station, variable.tag};
+        m_variablesOf[key].append(i);
+        m_open.insert(key);
     }
+}
+
+const Tag* TypeRegistry::find(const TagKey& key) const
+{
+    const auto found = m_tags.constFind(key);
+    return found != m_tags.constEnd() ? &*found : nullptr;
+}
+
+bool TypeRegistry::isKnown(const TagKey& key) const
+{
+    const Tag* const tag = find(key);
+    return tag && tag->state == Tag::State::Known;
+}
+
+void TypeRegistry::enter(const TagKey& key, Tag& tag, Tag::State state)
+{
+    tag.state = state;
+    const bool open = state == Tag::State::Unknown || state == Tag::State::Refused;
+    if (open && m_variablesOf.contains(key))
+        m_open.insert(key);
+    else
+        m_open.erase(key);
 }
 
 bool TypeRegistry::declare(const TagKey& key)
@@ -35,21 +59,22 @@ bool TypeRegistry::declare(const TagKey& key)
 
 std::optional<TagKey> TypeRegistry::firstTagOf(int station) const
 {
-    const auto tag = m_tags.lowerBound({station, QString()});
-    if (tag == m_tags.end() || tag.key().station != station)
-        return std::nullopt;
-    return tag.key();
+    std::optional<TagKey> first;
+    for (auto tag = m_tags.constBegin(); tag != m_tags.constEnd(); ++tag) {
+        if (tag.key().station == station && (!first || tag.key() < *first))
+            first = tag.key();
+    }
+    return first;
 }
 
 QVector<TagKey> TypeRegistry::tagsToAskFor() const
 {
     const Duration now = m_clock.now();
     QVector<TagKey> due;
-    for (auto of = m_variablesOf.constBegin(); of != m_variablesOf.constEnd(); ++of) {
-        const Tag known = tag(of.key());
-        const bool open = known.state == Tag::State::Unknown || known.state == Tag::State::Refused;
-        if (open && known.retryAt <= now)
-            due.append(of.key());
+    for (const TagKey& key : m_open) {
+        const Tag* const tag = find(key);
+        if (!tag || tag->retryAt <= now)
+            due.append(key);
     }
     return due;
 }
@@ -58,7 +83,7 @@ void TypeRegistry::markAsking(const TagKey& key)
 {
     Tag& tag = m_tags[key];
     if (tag.state != Tag::State::Known)
-        tag.state = Tag::State::Asking;
+        enter(key, tag, Tag::State::Asking);
 }
 
 void TypeRegistry::markUnanswered(const TagKey& key)
@@ -66,14 +91,14 @@ void TypeRegistry::markUnanswered(const TagKey& key)
     Tag& tag = m_tags[key];
     if (tag.state != Tag::State::Asking)
         return;
-    tag.state = Tag::State::Unknown;
+    enter(key, tag, Tag::State::Unknown);
     tag.retryAt = m_clock.now() + kUnansweredPause;
 }
 
 bool TypeRegistry::learn(const TagKey& key, quint16 typeCode)
 {
     Tag& tag = m_tags[key];
-    if (tag.state == Tag::State::Known && typeCode == tag.typeCode)
+    if (tag.isOf(typeCode))
         return false;
     if (tag.state != Tag::State::Known) {
         tag.typeCode = typeCode;
@@ -85,7 +110,7 @@ bool TypeRegistry::learn(const TagKey& key, quint16 typeCode)
         tag.type = nullptr;
         tag.error = QStringLiteral("type changed in the controller (start again to take it over)");
     }
-    tag.state = Tag::State::Known;
+    enter(key, tag, Tag::State::Known);
     for (const int variable : variablesOf(key))
         checkVariable(variable, tag);
     return true;
@@ -114,7 +139,7 @@ void TypeRegistry::checkVariable(int variable, const Tag& tag)
 void TypeRegistry::refuseTag(const TagKey& key, const QString& why)
 {
     Tag& tag = m_tags[key];
-    tag.state = Tag::State::Refused;
+    enter(key, tag, Tag::State::Refused);
     tag.error = why;
     tag.retryAt = m_clock.now() + kRefusedPause;
     for (const int variable : variablesOf(key))
@@ -124,7 +149,8 @@ void TypeRegistry::refuseTag(const TagKey& key, const QString& why)
 const CipType* TypeRegistry::readableType(int variable) const
 {
     const Variable& asked = m_project.variables.at(variable);
-    return m_leftOut.contains(variable) ? nullptr : tag({asked.station, asked.tag}).type;
+    const Tag* const tag = find({asked.station, asked.tag});
+    return tag && !m_leftOut.contains(variable) ? tag->type : nullptr;
 }
 
 void TypeRegistry::refuseVariable(int variable, const QString& why)
@@ -147,9 +173,10 @@ QVector<CyclicRead> TypeRegistry::cyclicReads() const
     QVector<CyclicRead> reads;
     for (int i = 0; i < m_project.variables.size(); ++i) {
         const Variable& variable = m_project.variables.at(i);
-        const CipType* type = readableType(i);
-        if (type && variable.poll == PollMode::Cyclic)
-            reads.append({i, type, tag({variable.station, variable.tag}).mergeable});
+        const Tag* const tag = find({variable.station, variable.tag});
+        const bool readable = tag && tag->type && !m_leftOut.contains(i);
+        if (readable && variable.poll == PollMode::Cyclic)
+            reads.append({i, tag->type, tag->mergeable});
     }
     return reads;
 }

@@ -5,9 +5,11 @@
 #include "TagKey.h"
 #include "ValueStore.h"
 
+#include <QtCore/QHash>
 #include <QtCore/QMap>
 
 #include <optional>
+#include <set>
 
 namespace micro850::host {
 
@@ -35,6 +37,8 @@ struct Tag
     /// False once the controller refused a request that spans several variables. One of them then
     /// reaches beyond the tag, so that each is read by a request of its own.
     bool mergeable = true;
+
+    bool isOf(quint16 code) const { return state == State::Known && typeCode == code; }
 };
 
 /// The types of tags, and what the controller refuses: which tags, and which variables are left out
@@ -50,7 +54,9 @@ public:
     bool declare(const TagKey& key);
     /// A tag in state Unknown when it was never declared.
     Tag tag(const TagKey& key) const { return m_tags.value(key); }
-    bool isKnown(const TagKey& key) const { return tag(key).state == Tag::State::Known; }
+    /// Null when it was never declared. Valid until the next change of the registry.
+    const Tag* find(const TagKey& key) const;
+    bool isKnown(const TagKey& key) const;
     /// The first tag of a station by its name.
     std::optional<TagKey> firstTagOf(int station) const;
     /// The variables that show elements of a tag.
@@ -83,12 +89,15 @@ public:
 
 private:
     void checkVariable(int variable, const Tag& tag);
+    void enter(const TagKey& key, Tag& tag, Tag::State state);
 
     const Project& m_project;
     const Clock& m_clock;
     ValueStore& m_values;
-    QMap<TagKey, Tag> m_tags;
-    QMap<TagKey, QVector<int>> m_variablesOf;
+    QHash<TagKey, Tag> m_tags;
+    QHash<TagKey, QVector<int>> m_variablesOf;
+    /// The variables' tags in state Unknown or Refused, in the order in which they are asked for.
+    std::set<TagKey> m_open;
     QMap<int, Duration> m_leftOut; ///< variables that are not read, and until when
 };
 

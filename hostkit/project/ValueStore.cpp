@@ -5,10 +5,6 @@
 
 namespace micro850::host {
 
-namespace {
-
-} // namespace
-
 QString qualityText(Quality quality)
 {
     switch (quality) {
@@ -41,7 +37,10 @@ void ValueStore::store(const TagKey& tag, int element, const CipType& type, cons
     const bool whole = type.kind == CipKind::String;
     const int size = whole ? bytes.size() : std::max(1, type.size);
     const int elements = whole ? 1 : bytes.size() / size;
-    for (const int i : m_variablesOf.value(tag)) {
+    const auto variables = m_variablesOf.constFind(tag);
+    if (variables == m_variablesOf.constEnd())
+        return;
+    for (const int i : *variables) {
         const Variable& variable = m_project.variables.at(i);
         const int first = std::max(element, variable.element);
         const int end = std::min(element + elements, variable.element + variable.length);

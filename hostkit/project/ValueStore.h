@@ -6,7 +6,7 @@
 #include "Scaling.h"
 #include "TagKey.h"
 
-#include <QtCore/QMap>
+#include <QtCore/QHash>
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
 
@@ -73,7 +73,7 @@ private:
 
     const Project& m_project;
     QVector<State> m_states;
-    QMap<TagKey, QVector<int>> m_variablesOf;
+    QHash<TagKey, QVector<int>> m_variablesOf;
     QSet<int> m_changed;
 };
 
