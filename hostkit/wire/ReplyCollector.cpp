@@ -46,11 +46,10 @@ ReplyCollector::Events ReplyCollector::feed(const QByteArray& bytes)
     else
         m_bytes += bytes;
     while (m_at < m_bytes.size()) {
-        const int plain = plainBytes();
-        m_at += std::max(1, plain);
-        m_dataSize += plain;
-        if (plain == 0)
-            parse(m_bytes.at(m_at - 1), events);
+        if (m_state == State::Data)
+            skipPlain();
+        else
+            parse(m_bytes.at(m_at++), events);
         if (m_dataSize > kLongestData || m_at - m_begin > kLongestFrame) {
             events.append({Kind::Corrupt, ByteSlice(), raw(), false});
             leaveFrame();
@@ -64,7 +63,7 @@ ReplyCollector::Events ReplyCollector::feed(const QByteArray& bytes)
 void ReplyCollector::dropParsed()
 {
     if (m_begin == m_bytes.size())
-        m_bytes = QByteArray();
+        m_bytes.clear();
     else
         m_bytes.remove(0, m_begin);
     m_at -= m_begin;
@@ -72,16 +71,20 @@ void ReplyCollector::dropParsed()
     m_begin = 0;
 }
 
-// The number of bytes from here on that are data of a frame and need no parsing; at most one more
-// than the longest data.
-int ReplyCollector::plainBytes() const
+// Goes on behind the next DLE, or behind the bytes that came; at most one byte further than the
+// longest data.
+void ReplyCollector::skipPlain()
 {
-    if (m_state != State::Data)
-        return 0;
     const char* const at = m_bytes.constData() + m_at;
     const int room = std::min(m_bytes.size() - m_at, kLongestData + 1 - m_dataSize);
     const void* const dle = std::memchr(at, kDle, static_cast<std::size_t>(room));
-    return dle ? static_cast<int>(static_cast<const char*>(dle) - at) : room;
+    const int plain = dle ? static_cast<int>(static_cast<const char*>(dle) - at) : room;
+    m_dataSize += plain;
+    m_at += plain;
+    if (!dle)
+        return;
+    ++m_at;
+    m_state = State::DataEscape;
 }
 
 void ReplyCollector::parse(char byte, Events& events)
@@ -98,8 +101,7 @@ void ReplyCollector::parse(char byte, Events& events)
     case State::Escape:
         parseOutsideEscape(byte, events);
         break;
-    case State::Data:
-        m_state = State::DataEscape; // any other byte is plain
+    case State::Data: // skipPlain() does that
         break;
     case State::DataEscape:
         parseDataEscape(byte, events);
@@ -214,7 +216,7 @@ void ReplyCollector::end(Events& events)
     const int received = byteAt(m_at - 2) | byteAt(m_at - 1) << 8;
     if (m_illegal || received != frameCrc(event.data))
         event = {Kind::Corrupt, ByteSlice(), event.raw, false};
-    events.append(event);
+    events.append(std::move(event));
     leaveFrame();
 }
 

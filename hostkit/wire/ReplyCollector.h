@@ -58,7 +58,7 @@ private:
     enum class State { Outside, Escape, Data, DataEscape, CrcLow, CrcHigh };
 
     bool inCrc() const { return m_state == State::CrcLow || m_state == State::CrcHigh; }
-    int plainBytes() const;
+    void skipPlain();
     void parse(char byte, Events& events);
     void parseOutsideEscape(char byte, Events& events);
     void parseDataEscape(char byte, Events& events);
