@@ -175,7 +175,7 @@ void PollLoop::transact(Protocol& sent)
         break;
     case Answer::Outcome::Answered:
         m_line.noteTraffic();
-        station.noteAnswer(m_clock.now());
+        station.noteAnswer(answer.endedAt);
         if (sent.var.tagName.isEmpty())
             handleSetUpReply(sent, answer, station);
         else
@@ -192,7 +192,7 @@ Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
     const Answer answer = m_exchange.run(frame, counters);
     m_connections.note(sent.var.stationNo, frame, answer);
     const bool answered = answer.outcome == Answer::Outcome::Answered;
-    m_statistics.add(m_clock.now(), static_cast<int>(counters.bytes() - bytesBefore),
+    m_statistics.add(answer.endedAt, static_cast<int>(counters.bytes() - bytesBefore),
                      answered ? std::make_optional(answer.roundTrip) : std::nullopt);
     return answer;
 }
@@ -331,7 +331,7 @@ void PollLoop::handleValues(const Asked& asked, const Answer& answer)
     // The driver asks for element 0 while it does not know the class, whatever the request says.
     const bool asAsked = static_cast<int>(answer.request.element) == asked.element;
     if (tag->type && tag->typeCode == typeCode && asAsked) {
-        m_deferred.hold({key, tag->type, asked.element, answer.reply.values(), m_clock.now()});
+        m_deferred.hold({key, tag->type, asked.element, answer.reply.values(), answer.endedAt});
         if (m_operations.find(asked.varIndex, key))
             m_operations.setResult(asked.varIndex, m_deferred.store());
     }

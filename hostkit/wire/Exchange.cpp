@@ -37,6 +37,7 @@ struct Exchange::Attempt
     Counters& counters;
     Answer answer;
     Last self;           ///< what the next request will know of this one
+    Duration now{0};     ///< when the line was last looked at
     Duration heardAt{0}; ///< the last byte
     Duration time{0};
     Duration patience{0}; ///< a silence that is longer than usual; 0 while that is not known
@@ -55,7 +56,7 @@ struct Exchange::Attempt
     // A frame without a further byte until then has lost its end.
     Duration cutOffAt() const { return heardAt + (patience > Duration(0) ? patience : time / 4); }
     Duration dueAt(bool inFrame) const { return inFrame && !stopped ? cutOffAt() : askAt; }
-    void hear(Duration now)
+    void hear()
     {
         heardAt = now;
         askAt = std::max(askAt, now + patience);
@@ -110,8 +111,10 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     if (present && m_meanwhile)
         m_meanwhile();
     setPace(attempt);
-    while (present && !attempt.done && m_clock.now() < attempt.deadline())
+    attempt.now = m_clock.now();
+    while (present && !attempt.done && attempt.now < attempt.deadline())
         present = askWhereDue(attempt) && collect(attempt);
+    attempt.answer.endedAt = attempt.now;
     if (!present) {
         attempt.answer.outcome = Answer::Outcome::DeviceGone;
         attempt.self.owed = 0;
@@ -121,7 +124,7 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     attempt.self.answered = attempt.done;
     attempt.self.number = attempt.answer.request.tns;
     m_last = std::move(attempt.self);
-    return attempt.answer;
+    return std::move(attempt.answer);
 }
 
 // A request that begins a set-up, or a read that the driver repeats, is sent under a number of the
@@ -178,7 +181,7 @@ void Exchange::setPace(Attempt& attempt)
 bool Exchange::askWhereDue(Attempt& attempt)
 {
     const bool begun = m_collector.inFrame();
-    if (m_clock.now() < attempt.dueAt(begun))
+    if (attempt.now < attempt.dueAt(begun))
         return true;
     if (begun && attempt.patience > Duration(0) && !attempt.stopped) {
         // A peer that pauses sends the rest later.
@@ -200,7 +203,7 @@ bool Exchange::askForMissing(Attempt& attempt, bool begun)
             attempt.askAt = attempt.deadline();
         return askAgain(attempt);
     }
-    attempt.askAt = m_clock.now() + attempt.pause;
+    attempt.askAt = attempt.now + attempt.pause;
     attempt.pause =
         std::min(2 * attempt.pause, std::max<Duration>(attempt.patience, kLongestPause));
     const bool isOdd = attempt.asks++ % 2 != 0;
@@ -224,10 +227,11 @@ bool Exchange::collect(Attempt& attempt)
 {
     const Duration until = std::min(attempt.deadline(), attempt.dueAt(m_collector.inFrame()));
     QByteArray bytes;
-    if (!m_line.receive(bytes, std::max(Duration(0), until - m_clock.now())))
+    if (!m_line.receive(bytes, std::max(Duration(0), until - attempt.now)))
         return false;
+    attempt.now = m_clock.now();
     if (!bytes.isEmpty())
-        attempt.hear(m_clock.now());
+        attempt.hear();
     attempt.counters.bytesReceived += bytes.size();
     for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
         if (!handle(event, attempt))
@@ -295,7 +299,7 @@ void Exchange::noteRestart(const ReplyCollector::Event& event, Attempt& attempt)
 
 bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
 {
-    const Reply reply = decodeReply(event.data);
+    Reply reply = decodeReply(event.data);
     // Bytes 00 before the data do not change the CRC, but they shift every field.
     if (!attempt.done && (!reply.valid || (reply.command & kReplyCommandBit) == 0)) {
         attempt.countCorrupt();
@@ -311,12 +315,12 @@ bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
     attempt.done = true;
     attempt.answer.outcome = Answer::Outcome::Answered;
     attempt.answer.frame = event.frame();
-    attempt.answer.reply = reply;
-    attempt.answer.roundTrip = m_clock.now() - attempt.self.sentAt;
+    attempt.answer.roundTrip = attempt.now - attempt.self.sentAt;
     noteAnswer(attempt, event.raw.size());
     ++attempt.counters.answered;
     if (!reply.good())
         attempt.counters.countError(statusKey(reply));
+    attempt.answer.reply = std::move(reply);
     m_lastResponse = kAck;
     m_unacknowledged = true;
     return true;

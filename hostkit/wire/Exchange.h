@@ -25,6 +25,7 @@ struct Answer
     QByteArray frame; ///< the reply as wireFrame() builds it; empty without one
     Reply reply;      ///< not valid without one
     Duration roundTrip{0};
+    Duration endedAt{0};  ///< when the last bytes came, or when the time was over
     bool garbled = false; ///< bytes came that belong to no intact frame
 };
 

@@ -230,7 +230,9 @@ void ReplyCollector::leaveFrame()
 
 QByteArray replyForDriver(const QByteArray& frame, bool searchedFor)
 {
-    return searchedFor && frame.endsWith("\x10\x10") ? frame + '\0' : frame;
+    const ByteSlice bytes = frame;
+    const bool twoDles = bytes.at(bytes.size() - 1) == kDle && bytes.at(bytes.size() - 2) == kDle;
+    return searchedFor && twoDles ? frame + '\0' : frame;
 }
 
 } // namespace micro850::host

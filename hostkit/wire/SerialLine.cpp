@@ -150,7 +150,10 @@ bool SerialLine::receive(QByteArray& bytes, Duration wait)
         return true;
     std::array<char, 1024> buffer;
     const ssize_t count = ::read(descriptor(), buffer.data(), buffer.size());
-    if (count > 0)
+    // A copy of its own size is cheaper than room to grow, which nobody uses.
+    if (count > 0 && bytes.isEmpty())
+        bytes = QByteArray(buffer.data(), static_cast<int>(count));
+    else if (count > 0)
         bytes.append(buffer.data(), static_cast<int>(count));
     return count > 0 || (input.revents & (POLLERR | POLLHUP | POLLNVAL)) == 0;
 }
