@@ -147,11 +147,11 @@ void Probing::reportSilence() const
 {
     if (!m_output.json()) // its objects have the adapter
         m_output.data(Json(), m_adapter.lines());
-    if (!m_heard) {
-        m_output.note(
-            QStringLiteral("check cable and speed%1")
-                .arg(QLatin1String(m_options.scan ? "" : ", or try all speeds with --scan")));
-    }
+    const char* const remedy = m_options.scan       ? ""
+                               : m_port.setsSpeed() ? ", or try all speeds with --scan"
+                                                    : " (the server sets it)";
+    if (!m_heard)
+        m_output.note(QStringLiteral("check cable and speed") + QLatin1String(remedy));
 }
 
 void Probing::closeTrace()

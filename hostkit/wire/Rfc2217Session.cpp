@@ -218,7 +218,7 @@ void Rfc2217Session::confirm(Setting& setting, quint32 value)
         return;
     if (value != setting.value) {
         m_refusesSettings = m_refusesSettings || m_state == State::Negotiating;
-        fail(QStringLiteral("%1 sets %2 instead of %3")
+        fail(QStringLiteral("%1 sets %2 instead of %3 (choose what its port can do)")
                  .arg(m_place, settingText(setting.command, value),
                       settingText(setting.command, setting.value)));
         return;
@@ -248,7 +248,9 @@ QString Rfc2217Session::missing() const
     if (!agreed())
         return QStringLiteral("%1 does not finish the negotiation of RFC 2217 (use tcp://%1)")
             .arg(m_place);
-    return QStringLiteral("%1 does not confirm speed and format of its port").arg(m_place);
+    return QStringLiteral(
+               "%1 does not confirm speed and format of its port (use tcp://, or set them there)")
+        .arg(m_place);
 }
 
 void Rfc2217Session::answer(const QByteArray& bytes)
@@ -256,7 +258,8 @@ void Rfc2217Session::answer(const QByteArray& bytes)
     if (++m_answers <= kMostAnswers)
         m_output += bytes;
     else
-        fail(QStringLiteral("%1 negotiates without end").arg(m_place));
+        fail(QStringLiteral("%1 negotiates without end (use tcp://, or another port of the server)")
+                 .arg(m_place));
 }
 
 void Rfc2217Session::fail(const QString& error)

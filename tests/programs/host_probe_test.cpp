@@ -1,6 +1,11 @@
 #include "program_fixture.h"
 
+#include "tcp_peer.h"
+#include "wire.h"
+
 #include <QtCore/QFile>
+
+#include <thread>
 
 namespace {
 
@@ -52,6 +57,58 @@ TEST_F(HostProbe, ReportsForEverySpeedThatNothingAnswers)
     for (int i = 0; i < 5; ++i)
         EXPECT_TRUE(lines.at(i).endsWith(", " + speeds.at(i) + " 8N1: no answer")) << silent.err;
     EXPECT_EQ(lines.at(5), "micro850-host: check cable and speed");
+}
+
+namespace {
+
+/// An RFC 2217 server whose port cannot do 9,600 baud, and has no controller behind it.
+void serveWithout9600(TcpPeer& server)
+{
+    for (int connection = 0; connection < 5; ++connection) {
+        server.accept();
+        server.receive(15); // offers
+        server.send(wire::hex("FF FD 2C FF FD 00 FF FB 00"));
+        QByteArray speed = server.receive(80).mid(4, 4); // of the settings
+        if (speed == wire::hex("00 00 25 80"))
+            speed = wire::hex("00 00 12 C0"); // 4,800
+        server.send(wire::hex("FF FA 2C 65") + speed +
+                    wire::hex("FF F0 FF FA 2C 66 08 FF F0 FF FA 2C 67 01 FF F0 "
+                              "FF FA 2C 68 01 FF F0"));
+        server.receive(100000); // until the host closes
+    }
+}
+
+} // namespace
+
+TEST_F(HostProbe, SetsEachSpeedAtADeviceServerAndGoesOnWhereItCannot)
+{
+    TcpPeer server;
+    std::thread serving([&server] { serveWithout9600(server); });
+    const QString port = QStringLiteral("rfc2217://127.0.0.1:%1").arg(server.port());
+    const Result result = host({"probe", "--scan", "--timeout", "50", "--port", port});
+    serving.join();
+    EXPECT_EQ(result.status, 1);
+    const QStringList lines = linesOf(result.err);
+    ASSERT_EQ(lines.size(), 6) << result.err;
+    EXPECT_TRUE(lines.at(0).endsWith(", 9600 8N1: 127.0.0.1:" + QString::number(server.port()) +
+                                     " sets 4800 baud instead of 9600 baud (choose what its port "
+                                     "can do)"))
+        << result.err;
+    const QStringList speeds = {"19200", "38400", "57600", "115200"};
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(lines.at(i + 1).endsWith(", " + speeds.at(i) + " 8N1: no answer"))
+            << result.err;
+}
+
+TEST_F(HostProbe, AdvisesNoScanWhereTheServerSetsTheSpeed)
+{
+    const TcpPeer server; // which nobody answers behind
+    const Result result = host({"probe", "--timeout", "50", "--port",
+                                QStringLiteral("tcp://127.0.0.1:%1").arg(server.port())});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(linesOf(result.err).value(1),
+              QString("micro850-host: check cable and speed (the server sets it)"))
+        << result.err;
 }
 
 TEST_F(HostProbe, ReportsARefusalWithoutAdviceAboutTheCable)

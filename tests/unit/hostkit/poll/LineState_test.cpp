@@ -102,3 +102,25 @@ TEST_F(LineStateTest, OpensTheLineAtOnceAtASignThatItsDeviceIsBack)
     }
     EXPECT_EQ(line.openedAt, std::vector<micro850::Duration>{back});
 }
+
+namespace {
+
+class LineWithReason : public FakeLine
+{
+public:
+    using FakeLine::FakeLine;
+    QString lossReason() const override { return isOpen() ? QStringLiteral("closed") : QString(); }
+};
+
+} // namespace
+
+TEST(LineState, TellsTheLinesOwnReasonForALoss)
+{
+    micro850::VirtualClock clock;
+    LineWithReason line(clock);
+    LineState state(line, clock);
+    state.ensureOpen();
+    state.lose();
+    EXPECT_EQ(state.error(), QString("closed"));
+    EXPECT_FALSE(state.isOpen());
+}

@@ -151,7 +151,8 @@ TEST_F(Rfc2217SessionTest, EndsWithAServerThatChangesItsMindForEver)
     for (int i = 0; i < 10000; ++i)
         sent += sentFor("FF FC 03 FF FB 03");
     EXPECT_LE(sent.size(), 300);
-    EXPECT_EQ(error(), "plc:2000 negotiates without end");
+    EXPECT_EQ(error(),
+              "plc:2000 negotiates without end (use tcp://, or another port of the server)");
 }
 
 TEST_F(Rfc2217SessionTest, FailsWithAServerThatDoesNotKnowThePortsOption)
@@ -185,12 +186,15 @@ TEST_F(Rfc2217SessionTest, FailsWhenTheServerWithdrawsAnAgreement)
 TEST_F(Rfc2217SessionTest, FailsWhenTheServerSetsSomethingElse)
 {
     const std::vector<std::pair<const char*, const char*>> cases = {
-        {"65 00 00 25 80", "plc:2000 sets 9600 baud instead of 38400 baud"},
-        {"65 00 00 00 00", "plc:2000 sets 0 baud instead of 38400 baud"},
-        {"66 07", "plc:2000 sets 7 data bits instead of 8 data bits"},
-        {"67 03", "plc:2000 sets even parity instead of no parity"},
-        {"67 09", "plc:2000 sets parity 9 instead of no parity"},
-        {"68 02", "plc:2000 sets stop bits of kind 2 instead of stop bits of kind 1"}};
+        {"65 00 00 25 80",
+         "plc:2000 sets 9600 baud instead of 38400 baud (choose what its port can do)"},
+        {"65 00 00 00 00",
+         "plc:2000 sets 0 baud instead of 38400 baud (choose what its port can do)"},
+        {"66 07", "plc:2000 sets 7 data bits instead of 8 data bits (choose what its port can do)"},
+        {"67 03", "plc:2000 sets even parity instead of no parity (choose what its port can do)"},
+        {"67 09", "plc:2000 sets parity 9 instead of no parity (choose what its port can do)"},
+        {"68 02", "plc:2000 sets stop bits of kind 2 instead of stop bits of kind 1 (choose what "
+                  "its port can do)"}};
     for (const auto& [answer, text] : cases) {
         Rfc2217Session other(PortSettings(), "plc:2000");
         other.begin();
@@ -204,7 +208,8 @@ TEST_F(Rfc2217SessionTest, FailsWhenSomethingElseChangesTheSpeedLater)
 {
     makeReady();
     sentFor("FF FA 2C 65 00 00 25 80 FF F0");
-    EXPECT_EQ(error(), "plc:2000 sets 9600 baud instead of 38400 baud");
+    EXPECT_EQ(error(),
+              "plc:2000 sets 9600 baud instead of 38400 baud (choose what its port can do)");
     EXPECT_FALSE(session.refusesSettings());
     sentFor("41");
     EXPECT_EQ(data, QByteArray());
@@ -247,7 +252,8 @@ TEST_F(Rfc2217SessionTest, TellsWhatIsMissing)
     EXPECT_EQ(session.missing(), QString("plc:2000 does not finish the negotiation of RFC 2217 "
                                          "(use tcp://plc:2000)"));
     sentFor("FF FD 00 FF FB 00");
-    EXPECT_EQ(session.missing(), QString("plc:2000 does not confirm speed and format of its port"));
+    EXPECT_EQ(session.missing(), QString("plc:2000 does not confirm speed and format of its port "
+                                         "(use tcp://, or set them there)"));
 }
 
 TEST_F(Rfc2217SessionTest, ComesToTheSameResultHoweverTheBytesAreCut)
