@@ -136,6 +136,26 @@ TEST_F(Rfc2217SessionTest, AgreesToWhatTheServerOffersFirst)
     EXPECT_EQ(passive.feed(hex("FF FB 00 FF FD 03"), data), hex("FF FD 00 FF FB 03"));
 }
 
+TEST_F(Rfc2217SessionTest, AnswersEachChangeOfTheServersMind)
+{
+    makeReady();
+    EXPECT_EQ(sentFor("FF FC 03"), hex("FF FE 03"));
+    EXPECT_EQ(sentFor("FF FB 03"), hex("FF FD 03"));
+    EXPECT_EQ(sentFor("FF FE 03 FF FD 03"), hex("FF FC 03 FF FB 03"));
+    EXPECT_EQ(session.state(), State::Ready);
+}
+
+// Some servers offer the port's option in both directions.
+TEST_F(Rfc2217SessionTest, SetsThePortOnlyOnce)
+{
+    EXPECT_EQ(sentFor("FF FB 2C"), hex("FF FD 2C"));
+    EXPECT_TRUE(sentFor("FF FD 2C").startsWith(hex("FF FA 2C 01")));
+    Rfc2217Session other(PortSettings(), "plc:2000");
+    other.begin();
+    other.feed(hex("FF FD 2C"), data);
+    EXPECT_EQ(other.feed(hex("FF FB 2C"), data), hex("FF FD 2C"));
+}
+
 TEST_F(Rfc2217SessionTest, RefusesOtherOptionsOnceEach)
 {
     // Echo and the terminal's type.
@@ -211,6 +231,9 @@ TEST_F(Rfc2217SessionTest, FailsWhenSomethingElseChangesTheSpeedLater)
     EXPECT_EQ(error(),
               "plc:2000 sets 9600 baud instead of 38400 baud (choose what its port can do)");
     EXPECT_FALSE(session.refusesSettings());
+    // The first reason stays.
+    sentFor("FF FC 00");
+    EXPECT_EQ(error().find("refuses to pass"), std::string::npos);
     sentFor("41");
     EXPECT_EQ(data, QByteArray());
 }
