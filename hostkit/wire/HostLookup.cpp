@@ -1,10 +1,10 @@
 #include "HostLookup.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <netdb.h>
 #include <poll.h>
-#include <string>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <thread>
@@ -53,9 +53,10 @@ QString reasonOf(const QString& host, int error)
         .arg(host, QString::fromLocal8Bit(::gai_strerror(error)));
 }
 
-// Whether the descriptor can be read before the time is over or a signal comes.
+// Whether the descriptor can be read before the time is over or a signal comes; errno tells which.
 bool becomesReadable(int descriptor, Duration wait)
 {
+    errno = 0;
     pollfd input = {descriptor, POLLIN, 0};
     return ::poll(&input, 1, static_cast<int>(wholeMilliseconds(wait))) > 0;
 }
@@ -81,40 +82,48 @@ std::vector<SocketAddress> HostLookup::addresses(Duration wait, QString& error)
     Result result = resolve(host, port, AI_NUMERICHOST);
     if (result.error == 0)
         return result.addresses;
-    if (!m_job) {
-        const auto job = std::make_shared<Job>();
-        // Signals are for the thread that waits.
-        sigset_t all;
-        sigset_t before;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before);
-        try {
-            std::thread([job, host, port] {
-                job->result = resolve(host, port, AI_ADDRCONFIG);
-                // The loop-back addresses count for AI_ADDRCONFIG only with others beside them.
-                if (job->result.error != 0)
-                    job->result = resolve(host, port, 0);
-                ::eventfd_write(job->done, 1);
-            }).detach();
-            m_job = job;
-        } catch (const std::system_error& failure) {
-            error = QString::fromLocal8Bit(failure.what());
-        }
-        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        if (!m_job)
-            return {};
-    }
-    if (!becomesReadable(m_job->done, wait)) {
-        error = QStringLiteral("the name %1 was not resolved within %2 s")
-                    .arg(m_address.host)
-                    .arg(wholeMilliseconds(wait) / 1000);
+    if (!m_job)
+        m_job = begin(host, port, error);
+    const std::shared_ptr<Job> job = m_job;
+    if (!job)
+        return {};
+    if (!becomesReadable(job->done, wait)) {
+        error = errno == EINTR ? QStringLiteral("interrupted")
+                               : QStringLiteral("the name %1 was not resolved within %2 s")
+                                     .arg(m_address.host)
+                                     .arg(wholeMilliseconds(wait) / 1000);
         return {};
     }
-    result = m_job->result;
     m_job.reset();
-    if (result.addresses.empty())
-        error = reasonOf(m_address.host, result.error);
-    return result.addresses;
+    if (job->result.addresses.empty())
+        error = reasonOf(m_address.host, job->result.error);
+    return job->result.addresses;
+}
+
+// Null, with the reason in `error`, when there can be no thread.
+std::shared_ptr<HostLookup::Job> HostLookup::begin(const std::string& host, const std::string& port,
+                                                   QString& error)
+{
+    auto job = std::make_shared<Job>();
+    // Signals are for the thread that waits.
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    try {
+        std::thread([job, host, port] {
+            job->result = resolve(host, port, AI_ADDRCONFIG);
+            // The loop-back addresses count for AI_ADDRCONFIG only with others beside them.
+            if (job->result.error != 0)
+                job->result = resolve(host, port, 0);
+            ::eventfd_write(job->done, 1);
+        }).detach();
+    } catch (const std::system_error& failure) {
+        error = QString::fromLocal8Bit(failure.what());
+        job.reset();
+    }
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return job;
 }
 
 } // namespace micro850::host

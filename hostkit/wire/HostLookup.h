@@ -5,6 +5,7 @@
 #include "NetworkAddress.h"
 
 #include <memory>
+#include <string>
 #include <sys/socket.h>
 #include <vector>
 
@@ -32,6 +33,9 @@ public:
 
 private:
     struct Job;
+    static std::shared_ptr<Job> begin(const std::string& host, const std::string& port,
+                                      QString& error);
+
     NetworkAddress m_address;
     std::shared_ptr<Job> m_job;
 };

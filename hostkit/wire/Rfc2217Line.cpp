@@ -53,10 +53,11 @@ void Rfc2217Line::discardInput()
 {
     m_arrived.clear();
     QByteArray bytes;
-    QByteArray dropped;
     socket().readArrived(bytes);
-    if (m_session)
+    if (m_session) {
+        QByteArray dropped;
         pass(bytes, dropped);
+    }
 }
 
 bool Rfc2217Line::send(const QByteArray& bytes)

@@ -21,7 +21,7 @@ void TelnetStream::feed(const QByteArray& bytes)
             handleByte(*at++);
             continue;
         }
-        const void* const found = std::memchr(at, kIac, static_cast<size_t>(end - at));
+        const void* const found = std::memchr(at, 0xFF, static_cast<size_t>(end - at));
         const char* const iac = found ? static_cast<const char*>(found) : end;
         if (iac != at)
             m_receiver.handleData(at, static_cast<int>(iac - at));
