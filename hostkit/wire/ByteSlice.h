@@ -11,8 +11,9 @@ class ByteSlice
 {
 public:
     ByteSlice() = default;
-    /// All of the bytes. Implicit, so that a slice can be asked for wherever bytes are.
-    ByteSlice(const QByteArray& all) : m_all(all), m_size(all.size()) {} // NOLINT
+    /// All of the bytes. Implicit: whole bytes are a slice wherever one is asked for.
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    ByteSlice(const QByteArray& all) : m_all(all), m_size(all.size()) {}
     /// `size` of the bytes, from the one at `begin` on; both must be within them.
     ByteSlice(const QByteArray& all, int begin, int size) : m_all(all), m_begin(begin), m_size(size)
     {

@@ -140,8 +140,8 @@ void Exchange::begin(Attempt& attempt)
     const bool mayBeginSetUp =
         attempt.frame.size() > commandAt && attempt.frame.at(commandAt) == unconnected;
     attempt.self.frame = attempt.frame;
-    Request& request = attempt.answer.request;
     if (isRepeated || mayBeginSetUp) {
+        Request& request = attempt.answer.request;
         request = decodeRequest(uncheckedDataOf(attempt.frame));
         if (isRepeatable(request)) {
             m_driverNumber = request.tns;
