@@ -63,12 +63,19 @@ void PollLoop::step()
         idle();
 }
 
+bool PollLoop::noneIsServed() const
+{
+    return std::none_of(m_stations.cbegin(), m_stations.cend(), [](const Station& station) {
+        return station.inService() && !station.isProbing();
+    });
+}
+
 // The set-up that follows brings the station back or ends the probe. The driver connects only for a
 // request, and its lists may hold none of this station; therefore one is queued.
 void PollLoop::probeDeadStations(Duration now)
 {
     for (Station& station : m_stations) {
-        if (!station.isProbeDue(now))
+        if (station.state() != Station::State::Dead || !station.isProbeDue(now, noneIsServed()))
             continue;
         station.beginProbe();
         m_driver.enableStation(station.number(), true);
@@ -265,7 +272,10 @@ bool PollLoop::waitsForOtherSerial()
 
 void PollLoop::handleConnected(Station& station)
 {
-    station.connect(m_clock.now());
+    const Duration now = m_clock.now();
+    station.connect(now);
+    for (Station& other : m_stations)
+        other.probeSoon(now);
     readOnceAgain(station);
 }
 

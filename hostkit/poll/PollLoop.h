@@ -69,6 +69,7 @@ private:
         int element; ///< the first one
     };
     void probeDeadStations(Duration now);
+    bool noneIsServed() const;
     void askForTypes(Duration now);
     void planCycle(Duration now);
     void readOnce(int variable);

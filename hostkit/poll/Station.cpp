@@ -6,13 +6,14 @@ namespace micro850::host {
 
 namespace {
 
-// Set-ups without an answer until a station counts as dead. One can fail because the peer takes its
-// first request for a repetition of the last message that it received.
+// Set-ups without an answer until a station counts as dead: one request that is lost is no reason.
 const int kSetUpsUntilDead = 2;
 // Connection requests that the driver sends within one set-up.
 const int kOpensOfSetUp = 4;
 // So many hosts that start in the same second all get their connection.
 const int kMostSerials = 8;
+// Leaves the host time for its other tasks.
+const std::chrono::milliseconds kPauseAlone(50);
 
 } // namespace
 
@@ -57,7 +58,15 @@ void Station::markDead(Duration now)
 {
     m_state = State::Dead;
     m_probing = false;
+    m_deadSince = now;
     m_nextProbe = now + m_probePause.next();
+}
+
+bool Station::isProbeDue(Duration now, bool alone) const
+{
+    const bool often = alone && m_failure.cause == Failure::Cause::Silence;
+    const Duration due = often ? std::min(m_nextProbe, m_deadSince + kPauseAlone) : m_nextProbe;
+    return m_state == State::Dead && !m_probing && now >= due;
 }
 
 QString stateText(const Station& station, bool lineIsUp)

@@ -47,10 +47,11 @@ public:
     }
     /// True for a dead station that is asked for its connection at present.
     bool isProbing() const { return m_probing; }
-    bool isProbeDue(Duration now) const
-    {
-        return m_state == State::Dead && !m_probing && now >= m_nextProbe;
-    }
+    /// Each probe delays the other stations of the line by a time-out. `alone`: none of them is in
+    /// service, so that a silent one can be probed again almost at once.
+    bool isProbeDue(Duration now, bool alone) const;
+    /// Another station of the line answers again; this one may, too.
+    void probeSoon(Duration now) { m_nextProbe = std::min(m_nextProbe, now); }
 
     void noteAnswer(Duration now) { m_lastAnswer = now; }
     /// The first request of the connection set-up was answered.
@@ -83,6 +84,7 @@ private:
     int m_serialsInUse = 0; ///< since the last connection
     GrowingPause m_probePause{std::chrono::seconds(1), std::chrono::seconds(5)};
     Duration m_nextProbe{0};
+    Duration m_deadSince{0}; ///< the last probe failed
     bool m_probing = false;
     std::optional<Duration> m_lastAnswer;
     bool m_wasConnected = false;

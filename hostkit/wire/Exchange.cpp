@@ -15,13 +15,13 @@ const int kLongestReply = 2 * 520;
 // A peer gives up a message that is refused more often.
 const int kLinkRetries = 3;
 // The pauses between two times that a lost reply is asked for grow up to this.
-const std::chrono::milliseconds kLongestPause(150);
+const std::chrono::milliseconds kLongestPause(100);
 
 // Bytes that the reply has on the line at most, but for strings and doubled bytes.
 int expectedReplyBytes(const Request& request)
 {
     const int frame = 24; // of a reply without values
-    const int setUp = 100;
+    const int setUp = 64;
     const int element = 8;
     if (request.service == kReadTagFragmented)
         return std::min(frame + element * request.count, kLongestReply / 2);

@@ -174,9 +174,21 @@ def reaction_table(rows):
              ("the same, class not known yet", lambda row: span(row, "write_unknown")),
              ("start to first value / all values", lambda row: f"{row['start']['first']:.1f} / {row['start']['all']:.1f}"),
              ("reply lost to next value", lambda row: span(row, "lost_reply")),
+             ("lost reply asked for again after", lambda row: f"{row['asked_again']['after']:.1f}"),
              ("power cycle to next value", lambda row: span(row, "power_cycle")),
-             ("cable put back to next value", lambda row: span(row, "pulled_cable"))]
+             ("cable put back to next value", lambda row: span(row, "pulled_cable")),
+             ("the same, behind an adapter", lambda row: span(row, "disconnected_cable")),
+             ("program after another, first value", lambda row: span(row, "following_program")),
+             ("pause of 300 ms ends to next value", lambda row: span(row["pauses"], "next_value"))]
     text = [f"Reaction in milliseconds while {rows[0]['start']['variables']} DINT variables are read in a cycle: "
             "best / median / worst",
             f"{'':36}" + "".join(f"{row['baud']:>20} baud" for row in rows)]
-    return text + [f"{name:36}" + "".join(f"{cell(row):>25}" for row in rows) for name, cell in lines]
+    text += [f"{name:36}" + "".join(f"{cell(row):>25}" for row in rows) for name, cell in lines]
+    text += ["", "A controller that pauses for 300 ms every 10 s"]
+    for row in rows:
+        pauses = row["pauses"]
+        text.append(f"{row['baud']:6} baud: {pauses['answered']} transactions in {pauses['minutes']} minutes, "
+                    f"{pauses['timed_out']} timed out, {pauses['corrupt']} corrupt, "
+                    f"{pauses['reconnects']} new connections, {pauses['wrong_values']} wrong values, "
+                    f"{pauses['retries']} replies asked for again")
+    return text

@@ -101,21 +101,42 @@ TEST_F(PollLoopRecoveryTest, ShowsTheLastValueAsStaleUntilTheStationAnswersAgain
     EXPECT_EQ(station().counters().reconnects, 1);
 }
 
-TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervals)
+TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervalsWhileAnotherAnswers)
 {
-    plc.silent = true;
-    start(R"({"tag": "Speed"})");
-    ASSERT_TRUE(runUntil([&] { return station().state() == Station::State::Dead; }));
+    plc.tags["Far"] = {0x00C3, {hex("63 00")}};
+    start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})", R"([{"number": 1}, {"number": 2}])");
+    ASSERT_TRUE(runUntilRead());
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.tag == "Far" || request.service == 0x01)
+            reply.clear();
+    };
+    ASSERT_TRUE(runUntil([&] { return station(2).state() == Station::State::Dead; }));
     std::vector<micro850::Duration> probes;
-    size_t seen = plc.requests.size();
+    qint64 seen = station(2).counters().timedOut;
     ASSERT_TRUE(runUntil([&] {
-        if (plc.requests.size() > seen)
+        if (station(2).counters().timedOut > seen)
             probes.push_back(clock.now());
-        seen = plc.requests.size();
+        seen = station(2).counters().timedOut;
         return probes.size() == 5;
     }));
     EXPECT_LT(probes.at(1) - probes.at(0), probes.at(2) - probes.at(1));
     EXPECT_LE(probes.at(4) - probes.at(3), 6s);
+}
+
+TEST_F(PollLoopRecoveryTest, ReadsASilentStationSoonAfterItAnswersWhenItIsAloneOnTheLine)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    for (const int silentMs : {1000, 7000, 20000, 20050, 20123, 60000}) {
+        plc.silent = true;
+        runFor(silentMs);
+        plc.silent = false;
+        plc.tags["Speed"].elements[0] = wire::little(static_cast<quint64>(silentMs % 30000), 2);
+        const micro850::Duration back = clock.now();
+        ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Good; }));
+        EXPECT_EQ(text(0), std::to_string(silentMs % 30000));
+        EXPECT_LT(clock.now() - back, 500ms) << silentMs;
+    }
 }
 
 TEST_F(PollLoopRecoveryTest, ReadsAStationThatWasDeadAtTheStartOnceItAnswers)

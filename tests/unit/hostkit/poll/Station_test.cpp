@@ -10,6 +10,8 @@ namespace {
 
 const bool kIdentity = false;
 const bool kOpen = true;
+const bool kWithOthers = false;
+const bool kAlone = true;
 const Failure kSilence = {Failure::Cause::Silence, "no answer", "check the cable"};
 const Failure kRefusal = {Failure::Cause::Refusal, "refused because", ""};
 
@@ -90,20 +92,20 @@ TEST(Station, IsProbedAtGrowingIntervalsWhileItIsDead)
 {
     Station station = deadStation(10s);
     EXPECT_FALSE(station.inService());
-    EXPECT_FALSE(station.isProbeDue(10999ms));
-    EXPECT_TRUE(station.isProbeDue(11s));
+    EXPECT_FALSE(station.isProbeDue(10999ms, kWithOthers));
+    EXPECT_TRUE(station.isProbeDue(11s, kWithOthers));
 
     station.beginProbe();
     EXPECT_TRUE(station.inService());
     EXPECT_TRUE(station.isProbing());
-    EXPECT_FALSE(station.isProbeDue(60s));
+    EXPECT_FALSE(station.isProbeDue(60s, kWithOthers));
 
     // One failed set-up ends the probe.
     EXPECT_TRUE(station.failSetUp(kIdentity, kSilence));
     station.markDead(20s);
     EXPECT_FALSE(station.isProbing());
-    EXPECT_FALSE(station.isProbeDue(21999ms));
-    EXPECT_TRUE(station.isProbeDue(22s));
+    EXPECT_FALSE(station.isProbeDue(21999ms, kWithOthers));
+    EXPECT_TRUE(station.isProbeDue(22s, kWithOthers));
 }
 
 TEST(Station, ReturnsToServiceWhenAProbeConnects)
@@ -114,7 +116,7 @@ TEST(Station, ReturnsToServiceWhenAProbeConnects)
     EXPECT_EQ(station.state(), State::Connected);
     EXPECT_FALSE(station.isProbing());
     station.markDead(20s); // the interval is the shortest again
-    EXPECT_TRUE(station.isProbeDue(21s));
+    EXPECT_TRUE(station.isProbeDue(21s, kWithOthers));
 }
 
 TEST(Station, CountsEveryConnectionAfterTheFirst)
@@ -174,4 +176,36 @@ TEST(StateText, SaysLineDownWhateverTheStationWas)
     StationSettings off;
     off.enabled = false;
     EXPECT_EQ(stateText(Station(off), false), QString("disabled"));
+}
+
+TEST(Station, IsProbedAlmostAtOnceWhenNoOtherStationWaitsMeanwhile)
+{
+    Station station = deadStation(10s);
+    EXPECT_FALSE(station.isProbeDue(10s, kAlone)) << "the host needs a moment for other tasks";
+    EXPECT_TRUE(station.isProbeDue(10s + 50ms, kAlone));
+    EXPECT_FALSE(station.isProbeDue(10s + 50ms, kWithOthers));
+    for (int i = 0; i < 10; ++i) {
+        station.beginProbe();
+        station.markDead(20s);
+    }
+    EXPECT_TRUE(station.isProbeDue(20s + 50ms, kAlone)) << "its pauses do not grow";
+}
+
+// It may have no connection free, and every request keeps it from its other tasks.
+TEST(Station, ThatRefusesIsProbedAtGrowingIntervalsAlsoAlone)
+{
+    Station station = enabledStation();
+    station.failSetUp(kIdentity, kRefusal);
+    station.failSetUp(kIdentity, kRefusal);
+    station.markDead(10s);
+    EXPECT_FALSE(station.isProbeDue(10s + 999ms, kAlone));
+    EXPECT_TRUE(station.isProbeDue(11s, kAlone));
+}
+
+TEST(Station, IsProbedSoonWhenAnotherAnswersAgain)
+{
+    Station station = deadStation(10s);
+    EXPECT_FALSE(station.isProbeDue(10s + 1ms, kWithOthers));
+    station.probeSoon(10s + 1ms);
+    EXPECT_TRUE(station.isProbeDue(10s + 1ms, kWithOthers));
 }
