@@ -18,16 +18,17 @@ public:
     /// number.
     quint16 next(quint16 driver)
     {
-        const int far = 64;
+        const unsigned far = 64;
         const unsigned firstHigh = 0x20;
         for (;;) {
             const unsigned drawn = m_random() & 0xFFFFu;
             const unsigned low = drawn & 0xFF;
             const unsigned high = drawn >> 8;
-            const int distance = static_cast<qint8>(static_cast<quint8>(low - driver));
+            const unsigned ahead = (low - driver) & 0xFFu;
             // A byte 10 is doubled on the line; the sequence byte is 7 more.
             const bool isLonger = low == 0x10 || low + 7 == 0x10;
-            const bool suits = high >= firstHigh && !isLonger && distance * distance >= far * far;
+            const bool suits =
+                high >= firstHigh && !isLonger && ahead >= far && ahead <= 0x100 - far;
             if (suits && drawn != m_last) {
                 m_last = static_cast<quint16>(drawn);
                 return m_last;

@@ -62,5 +62,5 @@ bool FakeLine::awaitReturn(Duration time)
 
 void FakeLine::arrive(const QByteArray& bytes, int afterMs)
 {
-    m_arriving.emplace(m_clock.now() + std::chrono::milliseconds(afterMs), bytes);
+    m_arriving.emplace(m_clock.now() + delay + std::chrono::milliseconds(afterMs), bytes);
 }

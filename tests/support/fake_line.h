@@ -38,7 +38,7 @@ public:
 
     micro850::Duration transportDelay() const override { return delay; }
 
-    /// What it tells about its own delay.
+    /// How long bytes take there and back, as it also tells.
     micro850::Duration delay{0};
     /// Every piece that was sent, in order.
     std::vector<QByteArray> sent;

@@ -1,6 +1,6 @@
 // The reference host on a line with faults, on virtual time.
 
-#include "simulated_line.h"
+#include "paced_simulated_line.h"
 
 #include "DriverLibrary.h"
 #include "PollLoop.h"
@@ -302,5 +302,49 @@ TEST_F(TwoStations, ADeadStationIsProbedAtAnIntervalWhileTheLiveOneIsPolled)
     EXPECT_TRUE(runUntilGood());
     EXPECT_EQ(foreignValues, 0);
 }
+
+/// A host at a line of some speed, with a controller that pauses again and again.
+class PausingController : public HostScenario, public ::testing::WithParamInterface<int>
+{
+protected:
+    void startAt(int baud)
+    {
+        project = micro850::host::Project::fromText(
+            QStringLiteral(R"({"port": {"baud": %1}, "stations": [{"number": 1}], "variables":
+                [{"tag": "A"}, {"tag": "B"}, {"tag": "C"}]})")
+                .arg(baud),
+            "p.json");
+        paced = std::make_unique<PacedSimulatedLine>(clock, line, baud);
+        loop = std::make_unique<micro850::host::PollLoop>(library.api(), *paced, clock, project);
+    }
+
+    std::unique_ptr<PacedSimulatedLine> paced;
+};
+
+TEST_P(PausingController, CostsNoFailedTransactionInAnHour)
+{
+    startAt(GetParam());
+    ASSERT_TRUE(runUntilGood());
+    micro850::sim::Dice dice(1);
+    const int pauses = 360;
+    for (int i = 0; i < pauses; ++i) {
+        const micro850::Duration end = clock.now() + std::chrono::seconds(10);
+        paced->plan(static_cast<qint64>(dice.below(1000000)), [this] { paced->hold(300000); });
+        while (clock.now() < end) {
+            loop->step();
+            foreignValues +=
+                !isOwnValue(0, "111") || !isOwnValue(1, "222") || !isOwnValue(2, "333");
+        }
+        ASSERT_EQ(shown(0) + shown(1) + shown(2), "111222333");
+    }
+    EXPECT_EQ(counters().timedOut, 0);
+    EXPECT_EQ(counters().corrupt, 0);
+    EXPECT_EQ(counters().reconnects, 0);
+    EXPECT_GE(counters().retries, pauses) << "it was asked again meanwhile";
+    EXPECT_LE(counters().retries, 6 * pauses);
+    EXPECT_EQ(foreignValues, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Speeds, PausingController, ::testing::Values(9600, 38400, 115200));
 
 } // namespace

@@ -394,3 +394,17 @@ TEST_F(PollLoopRecoveryTest, AcknowledgesTheLastReplyWhenThereIsNothingToDo)
     runFor(1000);
     EXPECT_EQ(line.sent.size(), sent);
 }
+
+TEST_F(PollLoopRecoveryTest, PollsOverANetworkOf600MillisecondsEachWayWithoutATimeOut)
+{
+    project = Project::fromText(R"({"port": {"baud": 115200}, "stations": [{"number": 1}],
+                                    "variables": [{"tag": "Speed"}]})",
+                                "p.json");
+    line.delay = 1200ms;
+    loop = std::make_unique<PollLoop>(library.api(), line, clock, project);
+    runFor(60000);
+    EXPECT_EQ(text(0), "1234");
+    EXPECT_GE(station().counters().answered, 45);
+    EXPECT_EQ(station().counters().timedOut, 0);
+    EXPECT_EQ(station().counters().retries, 0);
+}
