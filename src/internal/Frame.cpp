@@ -28,14 +28,14 @@ int headerSize(quint8 second)
 unsigned int extendedCrc(unsigned int crc, const char* begin, const char* end)
 {
     for (; begin < end; ++begin)
-        crc = crc16::extended(crc, static_cast<quint8>(*begin), crc16::kReflectedPolynomial);
+        crc = crc16::extended(crc, static_cast<quint8>(*begin));
     return crc;
 }
 
 // The CRC of the data so far, closed with ETX.
 unsigned int closedCrc(unsigned int crc)
 {
-    return crc16::extended(crc, frame::kEtx, crc16::kReflectedPolynomial);
+    return crc16::extended(crc, frame::kEtx);
 }
 
 // CRC of a frame's data, which begins after the header and ends at index `end`.

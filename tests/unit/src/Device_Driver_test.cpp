@@ -342,8 +342,26 @@ TEST_F(Catalogue, DoesNotAddANameThatIsOnlyLookedUp)
 TEST_F(Catalogue, SetsTheElementOfACataloguedRequestAndKeepsItsCount)
 {
     declareIndexed("T");
-    const std::pair<const char*, int> texts[] = {{"12", 12}, {"abc", 0},  {"", 0},
-                                                 {"-3", -3}, {"0x10", 0}, {"010", 10}};
+    const std::pair<const char*, int> texts[] = {{"12", 12},
+                                                 {"abc", 0},
+                                                 {"", 0},
+                                                 {"-3", -3},
+                                                 {"+3", 3},
+                                                 {"0x10", 0},
+                                                 {"010", 10},
+                                                 {" 7 ", 7},
+                                                 {"7 8", 0},
+                                                 {"1a", 0},
+                                                 {"\xB2", 0},
+                                                 {"1/", 0},
+                                                 {"1:", 0},
+                                                 {"-", 0},
+                                                 {"000000000012", 12},
+                                                 {"999999999", 999999999},
+                                                 {"2147483647", 2147483647},
+                                                 {"2147483648", 0},
+                                                 {"-2147483648", -2147483647 - 1},
+                                                 {"99999999999999999999", 0}};
     for (const auto& [text, element] : texts) {
         RW_VAR request = readOf("T", 77, 9);
         request.addressText = QString::fromLatin1(text);
