@@ -16,7 +16,7 @@ class Tree(unittest.TestCase):
         scratch = tempfile.TemporaryDirectory()
         self.addCleanup(scratch.cleanup)
         self.root = Path(scratch.name).resolve()
-        self.write("hostkit/wire/Line.h", "#pragma once\n")
+        self.write("hostkit/line/Line.h", "#pragma once\n")
         self.write("hostkit/poll/PollLoop.h", '#pragma once\n#include "Line.h"\n')
         self.write("hostkit/poll/PollLoop.cpp", '#include "PollLoop.h"\n#include <vector>\n')
 
@@ -36,11 +36,11 @@ class Includes(Tree):
     def test_refuses_an_include_of_a_higher_room(self):
         self.write("hostkit/wire/Frame.cpp", '#include "Line.h"\n#include "PollLoop.h"\n')
         self.assertEqual(self.problems(), ["hostkit/wire/Frame.cpp:2: must not include hostkit/poll/PollLoop.h: "
-                                           "hostkit/wire sees only common"])
+                                           "hostkit/wire sees only common, hostkit/line"])
 
     def test_refuses_an_include_of_a_higher_room_by_a_relative_path(self):
-        self.write("hostkit/wire/Line.cpp", '#include "../poll/PollLoop.h"\n')
-        self.assertIn("hostkit/wire/Line.cpp:1: must not include hostkit/poll/PollLoop.h", self.problems()[0])
+        self.write("hostkit/line/Line.cpp", '#include "../poll/PollLoop.h"\n')
+        self.assertIn("hostkit/line/Line.cpp:1: must not include hostkit/poll/PollLoop.h", self.problems()[0])
 
     def test_refuses_an_include_of_the_room_beside(self):
         self.write("hostkit/record/Recorder.cpp", '#include "PollLoop.h"\n')
@@ -80,7 +80,7 @@ class Includes(Tree):
     def test_refuses_a_name_that_two_visible_rooms_have(self):
         self.write("common/Line.h", "#pragma once\n")
         self.assertEqual(self.problems(), ['hostkit/poll/PollLoop.h: "Line.h" may be common/Line.h or '
-                                           "hostkit/wire/Line.h: rename one of them"])
+                                           "hostkit/line/Line.h: rename one of them"])
 
     def test_refuses_a_folder_that_is_in_no_room(self):
         self.write("hostkit/attic/Old.h", "#pragma once\n")
