@@ -125,8 +125,6 @@ void SerialLine::discardInput()
 
 bool SerialLine::send(const QByteArray& bytes)
 {
-    // Twice the time of the bytes on the line: only a device that accepts nothing needs longer.
-    const int patience = pollTimeout(kSendPatience + 2 * m_settings.timeOf(bytes.size()));
     int sent = 0;
     while (sent < bytes.size()) {
         const ssize_t count = ::write(descriptor(), bytes.constData() + sent,
@@ -135,6 +133,8 @@ bool SerialLine::send(const QByteArray& bytes)
             sent += static_cast<int>(count);
             continue;
         }
+        // Twice the time of the bytes on the line: only a device that accepts nothing needs longer.
+        const int patience = pollTimeout(kSendPatience + 2 * m_settings.timeOf(bytes.size()));
         pollfd output = {descriptor(), POLLOUT, 0};
         if ((errno != EAGAIN && errno != EINTR) || ::poll(&output, 1, patience) == 0)
             return false;

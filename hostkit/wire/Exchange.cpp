@@ -35,7 +35,7 @@ struct Exchange::Attempt
 {
     QByteArray frame; ///< with the number under which it was last sent
     Counters& counters;
-    Answer answer;
+    Answer& answer;
     Last self;           ///< what the next request will know of this one
     Duration now{0};     ///< when the line was last looked at
     Duration heardAt{0}; ///< the last byte
@@ -104,7 +104,8 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters, Duration timeo
 
 Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Duration timeout)
 {
-    Attempt attempt = {frame, counters, Answer(), Last()};
+    Answer answer;
+    Attempt attempt = {frame, counters, answer, Last()};
     attempt.time = timeout;
     begin(attempt);
     bool present = sendRequest(attempt);
@@ -114,17 +115,17 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     attempt.now = m_clock.now();
     while (present && !attempt.done && attempt.now < attempt.deadline())
         present = askWhereDue(attempt) && collect(attempt);
-    attempt.answer.endedAt = attempt.now;
+    answer.endedAt = attempt.now;
     if (!present) {
-        attempt.answer.outcome = Answer::Outcome::DeviceGone;
+        answer.outcome = Answer::Outcome::DeviceGone;
         attempt.self.owed = 0;
     } else if (!attempt.done) {
         ++counters.timedOut;
     }
     attempt.self.answered = attempt.done;
-    attempt.self.number = attempt.answer.request.tns;
+    attempt.self.number = answer.request.tns;
     m_last = std::move(attempt.self);
-    return std::move(attempt.answer);
+    return answer;
 }
 
 // A request that begins a set-up, or a read that the driver repeats, is sent under a number of the
@@ -233,7 +234,7 @@ bool Exchange::collect(Attempt& attempt)
     if (!bytes.isEmpty())
         attempt.hear();
     attempt.counters.bytesReceived += bytes.size();
-    for (const ReplyCollector::Event& event : m_collector.feed(bytes)) {
+    for (const ReplyCollector::Event& event : m_collector.feed(std::move(bytes))) {
         if (!handle(event, attempt))
             return false;
     }
@@ -248,10 +249,9 @@ void Exchange::show(Direction direction, const QByteArray& bytes) const
 
 bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
 {
-    noteRestart(event, attempt);
-    // An acknowledgement comes with its frame.
-    if (event.kind != ReplyCollector::Kind::Ack)
-        show(Direction::In, event.raw);
+    if (!attempt.begun.isEmpty())
+        noteRestart(event, attempt);
+    show(Direction::In, event.raw);
     switch (event.kind) {
     case ReplyCollector::Kind::Frame:
         return handleFrame(event, attempt);
@@ -266,8 +266,6 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
     case ReplyCollector::Kind::Enq:
         // The peer asks about the reply, which has not come: an acknowledgement would lose it.
         return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
-    case ReplyCollector::Kind::Ack:
-        break;
     }
     return true;
 }
@@ -287,7 +285,7 @@ void Exchange::noteRestart(const ReplyCollector::Event& event, Attempt& attempt)
 {
     const bool isFrame =
         event.kind == ReplyCollector::Kind::Frame || event.kind == ReplyCollector::Kind::Corrupt;
-    if (!isFrame || attempt.begun.isEmpty())
+    if (!isFrame)
         return;
     const QByteArray begun = std::exchange(attempt.begun, QByteArray());
     if (event.raw.startsWith(begun))
@@ -372,7 +370,8 @@ bool Exchange::takeCopy(Last& last, quint16 tns)
 
 bool Exchange::sendRequest(Attempt& attempt)
 {
-    const QByteArray bytes = attempt.frame.mid(attempt.skipped);
+    const QByteArray bytes =
+        attempt.skipped == 0 ? attempt.frame : attempt.frame.mid(attempt.skipped);
     ++attempt.counters.sent;
     attempt.counters.bytesSent += bytes.size();
     m_lastResponse = kAck; // the frame begins with one

@@ -255,11 +255,8 @@ QString messageText(const ByteSlice& data)
 
 QString controlText(ReplyCollector::Kind kind)
 {
-    if (kind == ReplyCollector::Kind::Nak)
-        return QStringLiteral("NAK: not received intact");
-    if (kind == ReplyCollector::Kind::Enq)
-        return QStringLiteral("ENQ: asks for the last response");
-    return QStringLiteral("ACK");
+    return kind == ReplyCollector::Kind::Nak ? QStringLiteral("NAK: not received intact")
+                                             : QStringLiteral("ENQ: asks for the last response");
 }
 
 // The last event counts: controls can come before a frame and within it.
@@ -267,7 +264,7 @@ QString frameText(const QByteArray& frame)
 {
     const ReplyCollector::Events events = ReplyCollector().feed(frame);
     if (events.isEmpty())
-        return QStringLiteral("no frame");
+        return frame == linkControl(kAck) ? QStringLiteral("ACK") : QStringLiteral("no frame");
     const ReplyCollector::Event& last = events.last();
     if (last.kind == ReplyCollector::Kind::Frame)
         return messageText(last.data);

@@ -38,11 +38,11 @@ QByteArray ReplyCollector::abandon()
 }
 
 // Mostly nothing has come before these bytes, which are then shared and not copied.
-ReplyCollector::Events ReplyCollector::feed(const QByteArray& bytes)
+ReplyCollector::Events ReplyCollector::feed(QByteArray bytes)
 {
     Events events;
     if (m_bytes.isEmpty())
-        m_bytes = bytes;
+        m_bytes = std::move(bytes);
     else
         m_bytes += bytes;
     while (m_at < m_bytes.size()) {
@@ -123,8 +123,7 @@ void ReplyCollector::parseOutsideEscape(char byte, Events& events)
         begin();
         return;
     case kAck: // it may belong to a frame that follows
-        reportControl(Kind::Ack, kAck, events);
-        m_begin = m_at - 2;
+        m_begin = m_at - kControlBytes;
         return;
     case kNak:
         reportControl(Kind::Nak, kNak, events);
@@ -159,7 +158,7 @@ void ReplyCollector::parseDataEscape(char byte, Events& events)
         begin();
         break;
     case kAck: // an embedded response is not data
-        reportControl(Kind::Ack, kAck, events);
+        leaveControlOut();
         break;
     case kNak:
         reportControl(Kind::Nak, kNak, events);
@@ -192,31 +191,41 @@ void ReplyCollector::breakRun(int end)
     m_run = m_at;
 }
 
-// The control is the last two bytes, also within a frame.
+// The control can be outside a frame or within one.
 void ReplyCollector::reportControl(Kind kind, char control, Events& events)
 {
     events.append({kind, ByteSlice(), linkControl(control), false});
-    if (m_state != State::Data)
-        return;
+    if (m_state == State::Data)
+        leaveControlOut();
+}
+
+// The last two bytes are a control within a frame.
+void ReplyCollector::leaveControlOut()
+{
     breakRun(m_at - kControlBytes);
     m_regular = false;
 }
 
+// The data of this complete frame, undoubled.
+ByteSlice ReplyCollector::takeData(const QByteArray& frame)
+{
+    const int dataEnd = m_at - kTrailerBytes;
+    if (m_oneRun)
+        return ByteSlice(frame, m_run - m_begin, dataEnd - m_run);
+    breakRun(dataEnd);
+    return std::exchange(m_undoubled, QByteArray());
+}
+
 void ReplyCollector::end(Events& events)
 {
-    Event event = {Kind::Frame, ByteSlice(), raw(), m_regular};
-    const int dataEnd = m_at - kTrailerBytes;
-    if (m_oneRun) {
-        event.data = ByteSlice(event.raw, m_run - m_begin, dataEnd - m_run);
-    } else {
-        breakRun(dataEnd);
-        event.data = std::exchange(m_undoubled, QByteArray());
-    }
+    QByteArray frame = raw();
+    ByteSlice data = takeData(frame);
     const auto byteAt = [this](int at) { return static_cast<quint8>(m_bytes.at(at)); };
     const int received = byteAt(m_at - 2) | byteAt(m_at - 1) << 8;
-    if (m_illegal || received != frameCrc(event.data))
-        event = {Kind::Corrupt, ByteSlice(), event.raw, false};
-    events.append(std::move(event));
+    if (m_illegal || received != frameCrc(data))
+        events.append({Kind::Corrupt, ByteSlice(), std::move(frame), false});
+    else
+        events.append({Kind::Frame, std::move(data), std::move(frame), m_regular});
     leaveFrame();
 }
 
@@ -230,8 +239,8 @@ void ReplyCollector::leaveFrame()
 
 QByteArray replyForDriver(const QByteArray& frame, bool searchedFor)
 {
-    const ByteSlice bytes = frame;
-    const bool twoDles = bytes.at(bytes.size() - 1) == kDle && bytes.at(bytes.size() - 2) == kDle;
+    const int last = frame.size() - 1;
+    const bool twoDles = last > 0 && frame.at(last) == kDle && frame.at(last - 1) == kDle;
     return searchedFor && twoDles ? frame + '\0' : frame;
 }
 

@@ -8,7 +8,8 @@
 namespace micro850::host {
 
 /// Finds the frames and the link controls in a stream of received bytes, however it is cut into
-/// pieces. A frame ends with DLE ETX and two CRC bytes; a number of bytes says nothing. The class
+/// pieces. A frame ends with DLE ETX and two CRC bytes; a number of bytes says nothing. An
+/// acknowledgement is no event: it comes with each frame, and nobody waits for one. The class
 /// itself does no input or output.
 class ReplyCollector
 {
@@ -16,7 +17,6 @@ public:
     enum class Kind {
         Frame,   ///< a frame with the right CRC; `data` holds its application data, undoubled
         Corrupt, ///< a frame with a wrong CRC, an illegal escape or too many bytes
-        Ack,
         Nak,
         Enq
     };
@@ -33,7 +33,7 @@ public:
         /// within it.
         QByteArray frame() const;
     };
-    /// One read brings an acknowledgement and a frame, rarely more.
+    /// One read brings a frame, rarely more.
     using Events = QVarLengthArray<Event, 4>;
 
     /// Drops a frame that has begun.
@@ -41,7 +41,7 @@ public:
     /// Drops a frame that has begun and returns the bytes of it that have come.
     QByteArray abandon();
     /// Parses bytes as they arrived. Returns the frames and controls that they complete, in order.
-    Events feed(const QByteArray& bytes);
+    Events feed(QByteArray bytes);
     /// True while a frame has begun and not ended.
     bool inFrame() const
     {
@@ -65,6 +65,8 @@ private:
     void begin();
     void breakRun(int end);
     void reportControl(Kind kind, char control, Events& events);
+    void leaveControlOut();
+    ByteSlice takeData(const QByteArray& frame);
     void end(Events& events);
     void leaveFrame();
     void dropParsed();

@@ -49,8 +49,6 @@ void TraceReport::handle(const ReplyCollector::Event& event, const TraceRecord& 
         handled.kind = TraceEvent::Kind::Corrupt;
         handled.text = QStringLiteral("corrupt frame");
         break;
-    case ReplyCollector::Kind::Ack: // comes before every request
-        return;
     case ReplyCollector::Kind::Nak:
         // Without a corrupt reply the host sends it when it has waited long enough.
         m_openIsRepeated = m_openIsRepeated || (sent && m_corrupt == m_corruptBefore);

@@ -250,6 +250,15 @@ TEST(Reply, ShowsThatThePeerDoesNotKnowTheConnection)
     EXPECT_FALSE(saysNoConnection(replyOf(wire::readReply(5, 0x00C3, hex("01 00")))));
 }
 
+TEST(FrameText, NamesWhatIsNoFrame)
+{
+    EXPECT_EQ(frameText(hex("10 06")), QString("ACK"));
+    EXPECT_EQ(frameText(hex("10 15")), QString("NAK: not received intact"));
+    EXPECT_EQ(frameText(hex("10 05")), QString("ENQ: asks for the last response"));
+    EXPECT_EQ(frameText(wire::readReply(5, 0x00C3, hex("01 00")).left(12)), QString("no frame"));
+    EXPECT_EQ(frameText(QByteArray()), QString("no frame"));
+}
+
 TEST(Answers, OnlyARequestWithTheSameNumberCommandAndService)
 {
     const Request read = requestOf(wire::readRequest(5, kId, wire::tagPath("A"), 1));
