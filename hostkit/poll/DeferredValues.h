@@ -5,6 +5,7 @@
 #include "ValueStore.h"
 
 #include <optional>
+#include <utility>
 
 namespace micro850::host {
 
@@ -27,7 +28,7 @@ public:
     DeferredValues(const Driver& driver, ValueStore& values) : m_driver(driver), m_values(values) {}
 
     /// Holds values back. Those before must have been stored.
-    void hold(const ArrivedValues& arrived) { m_held = arrived; }
+    void hold(ArrivedValues arrived) { m_held = std::move(arrived); }
     /// Fetches the values that are held back from the driver, stores them and returns their bytes
     /// in the controller's byte order. Returns no bytes when nothing is held back.
     QByteArray store();

@@ -18,15 +18,18 @@ const std::chrono::milliseconds kPatience(250);
 
 void OpenConnections::note(int station, const QByteArray& frame, const Answer& answer)
 {
-    Opened& opened = m_stations[station];
-    opened.answers = answer.outcome == Answer::Outcome::Answered;
-    if (answer.request.service != kForwardOpen || (opened.answers && !answer.reply.good()))
+    const bool answers = answer.outcome == Answer::Outcome::Answered;
+    if (!answers)
+        m_silent.insert(station);
+    else if (!m_silent.isEmpty())
+        m_silent.remove(station);
+    if (answer.request.service != kForwardOpen || (answers && !answer.reply.good()))
         return;
     // Without an answer the connection may be open all the same.
     const QByteArray request = dataOf(frame).bytes();
     const QByteArray key = connectionKey(request);
     const auto isSame = [&](const QByteArray& other) { return connectionKey(other) == key; };
-    QList<QByteArray>& requests = opened.requests;
+    QList<QByteArray>& requests = m_requests[station];
     requests.erase(std::remove_if(requests.begin(), requests.end(), isSame), requests.end());
     requests.append(request);
     if (requests.size() > kMostOpened)
@@ -35,7 +38,7 @@ void OpenConnections::note(int station, const QByteArray& frame, const Answer& a
 
 void OpenConnections::close(int station)
 {
-    for (const QByteArray& request : std::exchange(m_stations[station].requests, {})) {
+    for (const QByteArray& request : m_requests.take(station)) {
         if (!closeOne(request))
             return;
     }
@@ -43,9 +46,10 @@ void OpenConnections::close(int station)
 
 void OpenConnections::closeAll()
 {
-    for (const Opened& opened : std::exchange(m_stations, {})) {
-        for (const QByteArray& request : opened.requests) {
-            if (opened.answers && !closeOne(request))
+    const QMap<int, QList<QByteArray>> stations = std::exchange(m_requests, {});
+    for (auto opened = stations.cbegin(); opened != stations.cend(); ++opened) {
+        for (const QByteArray& request : *opened) {
+            if (!m_silent.contains(opened.key()) && !closeOne(request))
                 return;
         }
     }

@@ -5,6 +5,7 @@
 
 #include <QtCore/QList>
 #include <QtCore/QMap>
+#include <QtCore/QSet>
 
 namespace micro850::host {
 
@@ -29,18 +30,14 @@ public:
     void closeAll();
 
 private:
-    struct Opened
-    {
-        QList<QByteArray> requests; ///< application data of those that open a connection
-        bool answers = false;
-    };
-
     bool closeOne(const QByteArray& openRequest);
     Duration timeoutFor(int requestBytes) const;
 
     Exchange& m_exchange;
     PortSettings m_port;
-    QMap<int, Opened> m_stations;
+    /// By station, the application data of the requests that open a connection.
+    QMap<int, QList<QByteArray>> m_requests;
+    QSet<int> m_silent; ///< stations that did not answer their last request
 };
 
 } // namespace micro850::host

@@ -126,7 +126,8 @@ void OperationQueue::deferUntilTyped(Operation& operation)
 
 void OperationQueue::endFinished(const ReplyStatus& status)
 {
-    for (const Finished& finished : m_driver.popFinished()) {
+    const QVector<Finished> all = m_driver.popFinished();
+    for (const Finished& finished : all) {
         const auto operation = m_operations.find(finished.id);
         if (operation == m_operations.end() || operation->state != Operation::State::InDriver)
             continue;

@@ -74,7 +74,11 @@ bool PollLoop::noneIsServed() const
 // request, and its lists may hold none of this station; therefore one is queued.
 void PollLoop::probeDeadStations(Duration now)
 {
+    if (!m_someAreDead)
+        return;
+    m_someAreDead = false;
     for (Station& station : m_stations) {
+        m_someAreDead = m_someAreDead || station.state() == Station::State::Dead;
         if (station.state() != Station::State::Dead || !station.isProbeDue(now, noneIsServed()))
             continue;
         station.beginProbe();
@@ -186,7 +190,7 @@ void PollLoop::transact(Protocol& sent)
         if (sent.var.tagName.isEmpty())
             handleSetUpReply(sent, answer, station);
         else
-            status = handleDataReply(sent, answer, station);
+            handleDataReply(sent, answer, station, status);
         break;
     }
     m_operations.endFinished(status);
@@ -287,18 +291,19 @@ void PollLoop::handleFailedSetUp(bool opens, const Failure& failure, Station& st
     if (!station.failSetUp(opens, failure))
         return;
     station.markDead(m_clock.now());
+    m_someAreDead = true;
     m_driver.enableStation(station.number(), false);
     m_operations.failAll(station.number(), failure);
 }
 
-ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Station& station)
+void PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Station& station,
+                               ReplyStatus& status)
 {
-    ReplyStatus status;
     if (saysNoConnection(answer.reply)) {
         status.connectionLost = true;
         status.failure = lostConnection(answer.reply);
         handleVerdict(m_driver.dropConnection(sent), station, status);
-        return status;
+        return;
     }
     // `sent` is gone once the driver has its reply.
     const Asked asked = {
@@ -316,7 +321,6 @@ ReplyStatus PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Stat
         else
             handleRefusedRead(asked, status.refusal);
     }
-    return status;
 }
 
 void PollLoop::handleVerdict(Verdict verdict, Station& station, const ReplyStatus& status)

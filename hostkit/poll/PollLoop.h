@@ -82,7 +82,8 @@ private:
     Answer runExchange(const Protocol& sent, Counters& counters);
     void handleSilence(Protocol& sent, const Answer& answer, Station& station, ReplyStatus& status);
     void handleSetUpReply(Protocol& sent, const Answer& answer, Station& station);
-    ReplyStatus handleDataReply(Protocol& sent, const Answer& answer, Station& station);
+    void handleDataReply(Protocol& sent, const Answer& answer, Station& station,
+                         ReplyStatus& status);
     void handleVerdict(Verdict verdict, Station& station, const ReplyStatus& status);
     void handleValues(const Asked& asked, const Answer& answer);
     void handleRefusedRead(const Asked& asked, const QString& why);
@@ -102,6 +103,7 @@ private:
     DeferredValues m_deferred;
     OpenConnections m_connections;
     QMap<int, Station> m_stations;
+    bool m_someAreDead = false; ///< false: no station is dead
     /// When the driver draws another serial number for the connection that was refused.
     std::optional<Duration> m_nextSerialAt;
     Duration m_nextLook{0}; ///< when types to ask for are looked for again

@@ -46,28 +46,35 @@ void ValueStore::store(const TagKey& tag, int element, const CipType& type, cons
         const int end = std::min(element + elements, variable.element + variable.length);
         if (first >= end || (variable.type && variable.type != &type))
             continue;
-        m_states[i].type = &type;
-        for (int at = first; at < end; ++at)
-            storeElement(i, at - variable.element,
-                         bytes.constData() + static_cast<qptrdiff>(at - element) * size, size, now);
-        if (!m_states.at(i).error.isEmpty())
+        State& state = m_states[i];
+        state.type = &type;
+        bool changed = false;
+        for (int at = first; at < end; ++at) {
+            const char* const value =
+                bytes.constData() + static_cast<qptrdiff>(at - element) * size;
+            changed = storeElement(state, at - variable.element, value, size, now) || changed;
+        }
+        if (changed)
+            m_changed.insert(i);
+        if (!state.error.isEmpty())
             clearError(i, first - variable.element, end - variable.element);
     }
 }
 
-// Most values are the ones that were there before: those are compared, not copied.
-void ValueStore::storeElement(int variable, int index, const char* bytes, int size, Duration now)
+// True when the value changed. Most values are the ones that were there before: those are compared,
+// not copied.
+bool ValueStore::storeElement(State& state, int index, const char* bytes, int size, Duration now)
 {
-    State& state = m_states[variable];
     const QByteArray& old = state.elements.at(index);
-    const bool first = !state.times.at(index);
+    std::optional<Duration>& time = state.times[index];
+    const bool first = !time;
     if (first)
         --state.missing;
-    if (first || old.size() != size || !std::equal(old.begin(), old.end(), bytes)) {
-        m_changed.insert(variable);
+    time = now;
+    const bool changed = first || old.size() != size || !std::equal(old.begin(), old.end(), bytes);
+    if (changed)
         state.elements[index] = QByteArray(bytes, size);
-    }
-    state.times[index] = now;
+    return changed;
 }
 
 void ValueStore::setError(int variable, const QString& error)

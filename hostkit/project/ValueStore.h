@@ -68,7 +68,7 @@ private:
         QSet<int> failed; ///< elements that no reply has brought since the error
     };
     CipValue value(int variable, int index) const;
-    void storeElement(int variable, int index, const char* bytes, int size, Duration now);
+    static bool storeElement(State& state, int index, const char* bytes, int size, Duration now);
     void clearError(int variable, int first, int end);
 
     const Project& m_project;
