@@ -234,7 +234,8 @@ bool Exchange::collect(Attempt& attempt)
     if (!bytes.isEmpty())
         attempt.hear();
     attempt.counters.bytesReceived += bytes.size();
-    for (const ReplyCollector::Event& event : m_collector.feed(std::move(bytes))) {
+    const ReplyCollector::Events events = m_collector.feed(std::move(bytes));
+    for (const ReplyCollector::Event& event : events) {
         if (!handle(event, attempt))
             return false;
     }
