@@ -1,7 +1,6 @@
 #include "OperationQueue.h"
 
 #include <algorithm>
-#include <functional>
 
 namespace micro850::host {
 
@@ -35,6 +34,8 @@ int OperationQueue::add(Operation operation)
     operation.id = ++m_lastId;
     m_operations.insert(operation.id, operation);
     m_waiting[operation.tag.station].enqueue(operation.id);
+    if (operation.variable >= 0)
+        m_readsOf[operation.variable].append(operation.id);
     m_mayWait = true;
     return operation.id;
 }
@@ -74,7 +75,10 @@ void OperationQueue::pumpStation(const Station& station)
 {
     QQueue<int>& waiting = m_waiting[station.number()];
     while (!waiting.isEmpty() && !m_inDriver.contains(station.number())) {
-        Operation& operation = m_operations[waiting.dequeue()];
+        const auto found = m_operations.find(waiting.dequeue());
+        if (found == m_operations.end())
+            continue;
+        Operation& operation = *found;
         if (!station.inService())
             fail(operation, whyOutOfService(station));
         else if (operation.kind == Operation::Kind::Learn || typeFor(operation, m_types))
@@ -171,14 +175,24 @@ void OperationQueue::waitAgain(Operation& operation)
     m_mayWait = true;
 }
 
+// All variables of a station can be asked for again at once. The ids therefore stay in the queue
+// until they may be half of it: to look for each one would take too long.
 void OperationQueue::removeReads(int station, int variable)
 {
+    int& removed = m_removed[station];
+    for (const int id : m_readsOf.take(variable)) {
+        const auto found = m_operations.find(id);
+        if (found == m_operations.end() || found->state != Operation::State::Waiting)
+            continue;
+        m_operations.erase(found);
+        ++removed;
+    }
     QQueue<int>& waiting = m_waiting[station];
-    const auto isOne = [&](int id) { return m_operations.value(id).variable == variable; };
-    const auto kept = std::stable_partition(waiting.begin(), waiting.end(), std::not_fn(isOne));
-    for (auto id = kept; id != waiting.end(); ++id)
-        m_operations.remove(*id);
-    waiting.erase(kept, waiting.end());
+    if (2 * removed <= waiting.size())
+        return;
+    const auto isRemoved = [this](int id) { return !m_operations.contains(id); };
+    waiting.erase(std::remove_if(waiting.begin(), waiting.end(), isRemoved), waiting.end());
+    removed = 0;
 }
 
 void OperationQueue::failAll(int station, const Failure& failure)

@@ -69,9 +69,13 @@ private:
     Driver& m_driver;
     TypeRegistry& m_types;
     QHash<int, Operation> m_operations; ///< by id
-    QMap<int, QQueue<int>> m_waiting;   ///< ids, by station
-    QMap<int, int> m_inDriver;          ///< the one id that the driver has, by station
-    Failure m_lastFailure;              ///< of an operation
+    /// Ids, by station. They can be those of operations that were removed.
+    QMap<int, QQueue<int>> m_waiting;
+    QMap<int, int> m_removed; ///< by station, the ids that are such at most
+    /// By variable, the ids of its reads since the last removal.
+    QHash<int, QVector<int>> m_readsOf;
+    QMap<int, int> m_inDriver; ///< the one id that the driver has, by station
+    Failure m_lastFailure;     ///< of an operation
     int m_lastId = 0;
     bool m_mayWait = false; ///< false: no station has an operation that waits
 };

@@ -45,6 +45,14 @@ protected:
     {
         return add(Operation::Kind::Write, key, element);
     }
+    int readOnce(int variable, int element)
+    {
+        Operation operation;
+        operation.tag = kA;
+        operation.element = element;
+        operation.variable = variable;
+        return queue.add(operation);
+    }
     // Gives what is possible to the driver and returns what it got.
     Queued pump()
     {
@@ -242,6 +250,45 @@ TEST_F(OperationQueueTest, FailsOperationsOfStationsThatAreOutOfService)
     EXPECT_EQ(pump(), Queued());
     EXPECT_EQ(outcome(disabled), "failed: station 1 is disabled");
     EXPECT_EQ(outcome(dead), "failed: refused");
+}
+
+TEST_F(OperationQueueTest, RemovesTheReadsOfAVariableThatWait)
+{
+    types.declare(kA);
+    types.learn(kA, kInt);
+    readOnce(0, 10);
+    readOnce(1, 20);
+    readOnce(1, 21);
+    const int last = write(kA, 30);
+    const Queued first = pump();
+    queue.removeReads(1, 0); // the driver has it
+    queue.removeReads(1, 1);
+    readOnce(1, 22);
+    EXPECT_EQ(first, Queued{"read A[10] x1 #1"});
+    finish(1, true);
+    EXPECT_EQ(pump(), Queued{"write A[30] x1 #4"});
+    finish(last, true);
+    EXPECT_EQ(pump(), Queued{"read A[22] x1 #5"});
+}
+
+TEST_F(OperationQueueTest, ReadsEachOfManyVariablesOnceThatAreAskedForAgainAndAgain)
+{
+    const int variables = 500;
+    types.declare(kA);
+    types.learn(kA, kInt);
+    std::vector<int> ids(variables);
+    for (int round = 0; round < 5; ++round) {
+        for (int i = 0; i < variables; ++i) {
+            queue.removeReads(1, i);
+            ids[i] = readOnce(i, i);
+        }
+    }
+    for (int i = 0; i < variables; ++i) {
+        ASSERT_EQ(pump(),
+                  Queued{"read A[" + std::to_string(i) + "] x1 #" + std::to_string(ids[i])});
+        finish(ids[i], true);
+    }
+    EXPECT_EQ(pump(), Queued{});
 }
 
 TEST_F(OperationQueueTest, KeepsAnAwaitedOutcomeUntilItIsForgotten)
