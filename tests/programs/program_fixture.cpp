@@ -168,10 +168,11 @@ void ProgramTest::simulate()
                 {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
 }
 
-QString ProgramTest::simulatorStatus()
+QString ProgramTest::simulatorStatus(int station)
 {
     m_simulator->readAllStandardOutput();
-    m_simulator->write("status\n");
+    m_simulator->write(station == 0 ? QByteArray("status\n")
+                                    : "status " + QByteArray::number(station) + '\n');
     while (!m_simulator->canReadLine()) {
         if (!m_simulator->waitForReadyRead(kLimitMs))
             return QStringLiteral("no answer");

@@ -47,8 +47,9 @@ protected:
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
     void signalSimulator(int signal) const;
-    /// What the simulator answers to the command `status`.
-    QString simulatorStatus();
+    /// What the simulator answers to the command `status`. Without a station: that of the only
+    /// controller.
+    QString simulatorStatus(int station = 0);
 
     /// Runs micro850-host in the directory; hostOnPort() appends the simulator's port.
     Result host(const QStringList& arguments) const;
