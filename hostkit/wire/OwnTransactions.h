@@ -3,7 +3,10 @@
 
 #include <QtCore/QtGlobal>
 
+#include <functional>
+#include <memory>
 #include <random>
+#include <utility>
 
 namespace micro850::host {
 
@@ -13,6 +16,14 @@ namespace micro850::host {
 class OwnTransactions
 {
 public:
+    /// Draws from the system.
+    OwnTransactions()
+        : OwnTransactions([device = std::make_shared<std::random_device>()] { return (*device)(); })
+    {
+    }
+    /// Draws from this function. Of what it gives, the lower 16 bits count.
+    explicit OwnTransactions(std::function<unsigned()> random) : m_random(std::move(random)) {}
+
     /// A number that is neither the last one drawn nor near those that drivers begin with. Its low
     /// byte, of which the sequence byte is made, is far from that of `driver`, the driver's present
     /// number.
@@ -40,7 +51,7 @@ public:
     quint16 last() const { return m_last; }
 
 private:
-    std::random_device m_random;
+    std::function<unsigned()> m_random;
     quint16 m_last = 0;
 };
 
