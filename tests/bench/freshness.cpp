@@ -139,7 +139,9 @@ private:
         const QByteArray value = bytesOf(++m_lastValue);
         m_port.plan(moment, [this, cause, variable, value] {
             const QString tag = tagName(variable);
-            m_pending[tag] = {value, m_port.microseconds()};
+            Change& change = m_pending[tag];
+            change.value = value;
+            change.at = m_port.microseconds();
             if (cause == Cause::Controller)
                 m_controller.tags().find(tag.toStdString())->elements[0] = toBytes(value);
             else

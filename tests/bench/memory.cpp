@@ -36,8 +36,15 @@ micro850::host::Project projectOf(int variables)
     for (int i = 0; i < variables; ++i) {
         const std::string tag = "Values" + std::to_string(i / kElements);
         const std::string element = std::to_string(i % kElements);
-        entries += std::string(i == 0 ? "" : ",") + R"({"name": ")" + tag + "_" + element +
-                   R"(", "tag": ")" + tag + R"(", "element": )" + element + "}";
+        entries += i == 0 ? R"({"name": ")" : R"(,{"name": ")";
+        entries += tag;
+        entries += '_';
+        entries += element;
+        entries += R"(", "tag": ")";
+        entries += tag;
+        entries += R"(", "element": )";
+        entries += element;
+        entries += '}';
     }
     const std::string text = R"({"stations": [{"number": 1}], "variables": [)" + entries + "]}";
     return micro850::host::Project::fromText(QString::fromStdString(text), "");
