@@ -27,7 +27,7 @@ QVector<int> Changes::popVariables()
 
 QStringList Changes::popStates()
 {
-    QStringList states(m_table.lineState());
+    QStringList states(m_table.reportedLineState());
     for (const Station& station : m_loop.stations())
         states += QStringLiteral("station %1: %2")
                       .arg(station.number())

@@ -141,9 +141,19 @@ QString LiveTable::lineStatistics(Duration now) const
 
 QString LiveTable::lineState() const
 {
+    return lineStateWith(m_loop.lineError());
+}
+
+QString LiveTable::reportedLineState() const
+{
+    return lineStateWith(m_loop.reportedLineError());
+}
+
+QString LiveTable::lineStateWith(const QString& error) const
+{
     if (m_loop.lineIsUp())
         return QStringLiteral("line %1").arg(m_project.port.text());
-    return QStringLiteral("line %1: DOWN, %2").arg(m_project.port.text(), m_loop.lineError());
+    return QStringLiteral("line %1: DOWN, %2").arg(m_project.port.text(), error);
 }
 
 QStringList LiveTable::stationLines(Duration now) const

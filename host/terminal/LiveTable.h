@@ -27,12 +27,15 @@ public:
     QStringList stationLines(Duration now) const;
     /// The line's settings, and why it is down.
     QString lineState() const;
+    /// The same with the reason that is to be reported when it changes.
+    QString reportedLineState() const;
     /// How busy the line is: transactions, share in use, round trips, retries, reopenings.
     QString lineStatistics(Duration now) const;
     /// True when every variable was read at least once.
     bool complete() const;
 
 private:
+    QString lineStateWith(const QString& error) const;
     QStringList variableRow(int variable, Duration now) const;
     Style styleOf(int variable) const;
 

@@ -24,17 +24,28 @@ bool LineState::ensureOpen()
         m_reconnects += m_wasOpen ? 1 : 0;
         m_openedAt = m_clock.now();
         m_error.clear();
+        m_reportedError.clear();
         return true;
     }
+    noteFailure();
     m_nextOpen = m_clock.now() + m_openPause.next();
     return false;
 }
 
 void LineState::lose()
 {
-    m_error = m_line.lossReason();
+    m_error = m_reportedError = m_line.lossReason();
+    m_expectedError.clear();
     m_line.close();
     m_nextOpen = m_clock.now() + m_openPause.next();
+}
+
+void LineState::noteFailure()
+{
+    const bool isFirstAfterLoss = m_expectedError.isEmpty() && !m_reportedError.isEmpty();
+    if (!isFirstAfterLoss && m_error != m_expectedError)
+        m_reportedError = m_error;
+    m_expectedError = m_error;
 }
 
 void LineState::pause(Duration time)

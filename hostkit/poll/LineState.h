@@ -17,6 +17,10 @@ public:
     bool isOpen() const { return m_line.isOpen(); }
     /// Why the line is down; empty while it is open.
     QString error() const { return m_error; }
+    /// The one to report when it changes. After a loss that is its reason: an attempt to open the
+    /// line fails as a consequence. Another reason is news once attempts fail for another reason
+    /// than the first one did.
+    QString reportedError() const { return m_reportedError; }
     /// When the line was last opened; 0 for one that was open from the beginning.
     Duration openedAt() const { return m_openedAt; }
     /// How often the line was opened again.
@@ -33,9 +37,13 @@ public:
     void pause(Duration time);
 
 private:
+    void noteFailure();
+
     Line& m_line;
     const Clock& m_clock;
     QString m_error;
+    QString m_reportedError;
+    QString m_expectedError; ///< why attempts fail, which is reported; empty: not known yet
     GrowingPause m_openPause{std::chrono::milliseconds(250), std::chrono::seconds(5)};
     Duration m_nextOpen{0};
     Duration m_openedAt{0};

@@ -56,6 +56,8 @@ public:
     bool lineIsUp() const { return m_line.isOpen(); }
     /// Why the line is down.
     QString lineError() const { return m_line.error(); }
+    /// The reason to report when it changes, as LineState::reportedError().
+    QString reportedLineError() const { return m_line.reportedError(); }
     qint64 lineReconnects() const { return m_line.reconnects(); }
     const LineStatistics& statistics() const { return m_statistics; }
     Exchange& exchange() { return m_exchange; }

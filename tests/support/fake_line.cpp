@@ -9,7 +9,7 @@ bool FakeLine::open(QString& error)
     openedAt.push_back(m_clock.now());
     m_open = m_present;
     if (!m_open)
-        error = QStringLiteral("no such device");
+        error = openError;
     return m_open;
 }
 

@@ -38,6 +38,8 @@ public:
 
     micro850::Duration transportDelay() const override { return delay; }
 
+    /// Why it cannot be opened while the device is away.
+    QString openError = QStringLiteral("no such device");
     /// How long bytes take there and back, as it also tells.
     micro850::Duration delay{0};
     /// Every piece that was sent, in order.

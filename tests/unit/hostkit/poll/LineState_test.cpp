@@ -103,6 +103,58 @@ TEST_F(LineStateTest, OpensTheLineAtOnceAtASignThatItsDeviceIsBack)
     EXPECT_EQ(line.openedAt, std::vector<micro850::Duration>{back});
 }
 
+TEST_F(LineStateTest, ReportsALossOnceAndNotThatTheLineCannotBeOpened)
+{
+    state.ensureOpen();
+    line.setPresent(false);
+    state.lose();
+    EXPECT_EQ(state.reportedError(), QString("the device is gone"));
+    intervalsOf(3);
+    EXPECT_EQ(state.error(), QString("no such device"));
+    EXPECT_EQ(state.reportedError(), QString("the device is gone"));
+    line.setPresent(true);
+    while (!state.ensureOpen()) {
+    }
+    EXPECT_EQ(state.reportedError(), QString());
+}
+
+TEST_F(LineStateTest, ReportsThatTheLineCannotBeOpenedForAnotherReasonThanBefore)
+{
+    state.ensureOpen();
+    line.setPresent(false);
+    state.lose();
+    intervalsOf(2);
+    line.openError = QStringLiteral("permission denied");
+    intervalsOf(1);
+    EXPECT_EQ(state.reportedError(), QString("permission denied"));
+    line.openError = QStringLiteral("no such device");
+    intervalsOf(1);
+    EXPECT_EQ(state.reportedError(), QString("no such device"));
+}
+
+TEST_F(LineStateTest, ReportsWhyALineWasNeverOpen)
+{
+    line.setPresent(false);
+    intervalsOf(1);
+    EXPECT_EQ(state.reportedError(), QString("no such device"));
+    line.openError = QStringLiteral("permission denied");
+    intervalsOf(1);
+    EXPECT_EQ(state.reportedError(), QString("permission denied"));
+}
+
+TEST_F(LineStateTest, ReportsASecondLossLikeTheFirst)
+{
+    for (int loss = 0; loss < 2; ++loss) {
+        while (!state.ensureOpen()) {
+        }
+        line.setPresent(false);
+        state.lose();
+        intervalsOf(2);
+        EXPECT_EQ(state.reportedError(), QString("the device is gone")) << loss;
+        line.setPresent(true);
+    }
+}
+
 namespace {
 
 class LineWithReason : public FakeLine
