@@ -1,13 +1,13 @@
 """Compares the figures of a run with those of the page: which became worse."""
 
 KEYS = {"client": "{}", "baud": "{} baud", "values": "{} values", "variables": "{} variables", "timer": "timer {} ms",
-        "trials": "{} trials"}
+        "trials": "{} trials", "minutes": "{} minutes"}
 # These do not depend on the machine, as long as compiler and libraries are the same.
 COUNTED = {"instructions", "allocations", "bytes", "wire", "heap", "system_calls", "bytes_per_value", "driver",
            "host_kit", "driver_instructions"}
 VIRTUAL = {"reaction", "freshness"}
 HIGHER_IS_BETTER = {"in_use", "in_use_but_for_device", "values_per_second", "transactions", "timer 16 ms", "timer 1 ms",
-                    "no adapter"}
+                    "no adapter", "answered"}
 # Single extremes, what does not belong to the client, and what other figures contain.
 LEFT_OUT = {"functions", "parts", "gaps", "gap_worst", "microseconds_best", "device_median", "woken_median",
             "sent_median"}

@@ -60,6 +60,15 @@ class Comparing(unittest.TestCase):
         self.assertRegex(self.worse(line__rows__0__in_use=0.80)[0], r"in_use +0.99 +0.8 +-19%$")
         self.assertEqual([], self.worse(line__rows__0__in_use=1.2))
 
+    def test_takes_fewer_answers_of_a_controller_that_pauses_for_worse(self):
+        page = copy.deepcopy(PAGE)
+        page["reaction"][0]["pauses"] = {"minutes": 60, "answered": 1000, "timed_out": 0}
+        for answered, timed_out, worse in (1200, 0, []), (800, 0, ["answered"]), (1000, 1, ["timed_out"]):
+            now = copy.deepcopy(page)
+            now["reaction"][0]["pauses"].update(answered=answered, timed_out=timed_out)
+            lines = [line for line in compare.report(page, now) if "60 minutes: " in line]
+            self.assertEqual(worse, [line.split("60 minutes: ")[1].split()[0] for line in lines])
+
     def test_counts_what_became_better_without_a_list(self):
         text = self.compared(cost__int__instructions=4000)
         self.assertEqual("bench: 12 figures compared: 0 worse and 1 better by more than 10%", text[-1])

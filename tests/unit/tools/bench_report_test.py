@@ -112,6 +112,31 @@ class Targets(unittest.TestCase):
         self.assertRegex(lines[3], r"^DINT read and fetch: allocations +<= 3 +3.01  not reached$")
         self.assertRegex(lines[4], r"^LREAL read and fetch: allocations +<= 3 +2.00  reached$")
 
+    def reaction_targets(self, **changes):
+        """The verdicts on a row that reaches every goal but for the changes: part of the row to its figures."""
+        trials = {"best": 1.0, "median": 1.0, "worst": 100.0}
+        row = {"baud": 9600, "transaction": 70.0, "timeout": 1600.0, "start": {"first": 270.0},
+               "asked_again": {"after": 100.0, "round_trips": 1.5},
+               "pauses": {"minutes": 60, "timed_out": 0, "wrong_values": 0, "reconnects": 0},
+               **{name: {**trials, "requests_before": 0} for name in ("write", "write_unknown")},
+               **{name: trials for name in ("lost_reply", "power_cycle", "pulled_cable", "disconnected_cable",
+                                            "following_program")}}
+        for name, figures in changes.items():
+            row[name] = {**row[name], **figures}
+        return {name: (figure, reached) for name, _, figure, reached in report.reaction_targets([row])}
+
+    def test_wants_no_time_out_of_a_program_that_follows_another(self):
+        name = "9600 baud: following program, time-outs"
+        self.assertEqual(("0", True), self.reaction_targets(following_program={"worst": 1599.0})[name])
+        self.assertEqual(("1", False), self.reaction_targets(following_program={"worst": 1870.0})[name])
+        self.assertEqual(("2", False), self.reaction_targets(following_program={"worst": 3300.0})[name])
+
+    def test_wants_no_failure_of_a_controller_that_pauses(self):
+        name = "9600 baud: 60 minutes with pauses, failed"
+        self.assertEqual(("0", True), self.reaction_targets()[name])
+        for kind in ("timed_out", "wrong_values", "reconnects"):
+            self.assertEqual(("2", False), self.reaction_targets(pauses={kind: 2})[name], kind)
+
 
 if __name__ == "__main__":
     unittest.main()
