@@ -126,10 +126,10 @@ class Targets(unittest.TestCase):
         return {name: (figure, reached) for name, _, figure, reached in report.reaction_targets([row])}
 
     def test_wants_no_time_out_of_a_program_that_follows_another(self):
-        name = "9600 baud: following program, time-outs"
-        self.assertEqual(("0", True), self.reaction_targets(following_program={"worst": 1599.0})[name])
-        self.assertEqual(("1", False), self.reaction_targets(following_program={"worst": 1870.0})[name])
-        self.assertEqual(("2", False), self.reaction_targets(following_program={"worst": 3300.0})[name])
+        name = "9600 baud: following program, no time-out: first value"
+        self.assertEqual(("340", True), self.reaction_targets(following_program={"worst": 340.0})[name])
+        for worst in 341.0, 270.0 + 1600 / 2, 270.0 + 1600:
+            self.assertEqual((f"{worst:.0f}", False), self.reaction_targets(following_program={"worst": worst})[name])
 
     def test_wants_no_failure_of_a_controller_that_pauses(self):
         name = "9600 baud: 60 minutes with pauses, failed"
