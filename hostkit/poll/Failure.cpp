@@ -46,6 +46,20 @@ Failure lostConnection(const Reply& reply)
             QString()};
 }
 
+Failure lostReply()
+{
+    return {Failure::Cause::Silence,
+            QStringLiteral("no answer, and then the controller did not know the connection any "
+                           "more"),
+            QString()};
+}
+
+Failure lostLine(const QString& why)
+{
+    return {Failure::Cause::Silence, QStringLiteral("the line went down before the answer: ") + why,
+            QString()};
+}
+
 Failure unusableReply()
 {
     return {Failure::Cause::Garbage,

@@ -28,6 +28,10 @@ Failure noReply(bool garbled);
 Failure refusedConnection(const Reply& reply);
 /// The controller does not know the connection any more.
 Failure lostConnection(const Reply& reply);
+/// No reply to a request came before the controller had given up the connection.
+Failure lostReply();
+/// The line went down before the reply came.
+Failure lostLine(const QString& why);
 /// A reply came that the driver or the host cannot use.
 Failure unusableReply();
 Failure disabledStation(int station);

@@ -35,6 +35,8 @@ struct Operation
     Failure failure;   ///< of one that failed
     int variable = -1; ///< the variable that the operation reads once, -1 for none
     int attempts = 0;
+    /// It was sent without an answer, so that nobody knows whether it was carried out.
+    bool unanswered = false;
     /// True: the operation is kept after its end until OperationQueue::forget() is called. False:
     /// it is removed when it ends.
     bool awaited = false;

@@ -142,8 +142,11 @@ void OperationQueue::endFinished(const ReplyStatus& status)
 
 void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const ReplyStatus& status)
 {
-    // A controller that does not know the connection did not carry out the request.
-    if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
+    // A controller that does not know the connection did not carry out the request, unless it did
+    // when the request was sent before.
+    if (!succeeded && operation.unanswered)
+        failUnanswered(operation, status);
+    else if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
         waitAgain(operation);
     else if (!succeeded)
         fail(operation, status.failure);
@@ -151,6 +154,21 @@ void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const Re
         end(operation, Operation::State::Refused, status.refusal);
     else
         end(operation, Operation::State::Done);
+}
+
+bool OperationQueue::noteUnanswered(int id, const TagKey& key)
+{
+    const auto found = m_operations.find(id);
+    if (found == m_operations.end() || !(found->tag == key) ||
+        found->kind != Operation::Kind::Write)
+        return false;
+    found->unanswered = true;
+    return true;
+}
+
+void OperationQueue::failUnanswered(Operation& operation, const ReplyStatus& status)
+{
+    fail(operation, status.connectionLost ? lostReply() : status.failure);
 }
 
 // The driver reports only the write in flight. A write that it still had in its list was not sent,
@@ -163,8 +181,11 @@ void OperationQueue::handleDroppedConnection(int station, const ReplyStatus& sta
     if (left != m_operations.end() && left->state == Operation::State::InDriver &&
         left->kind == Operation::Kind::Write)
     {
-        waitAgain(*left);
         m_inDriver.remove(station);
+        if (left->unanswered)
+            failUnanswered(*left, status);
+        else
+            waitAgain(*left);
     }
 }
 

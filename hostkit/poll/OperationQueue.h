@@ -47,6 +47,10 @@ public:
     /// call.
     const Operation* find(int id, const TagKey& key) const;
     void setResult(int id, const QByteArray& result) { m_operations[id].result = result; }
+    /// The operation was sent without an answer. If it is a write, it is not queued again: that
+    /// would overwrite a newer value when it was carried out. False for an id of another tag or of
+    /// no write.
+    bool noteUnanswered(int id, const TagKey& key);
     /// Ends the operations that the driver reported finished. An operation that failed because the
     /// connection was lost is tried again, three times in all.
     void endFinished(const ReplyStatus& status);
@@ -63,6 +67,7 @@ private:
     void deferUntilTyped(Operation& operation);
     void applyOutcome(Operation& operation, bool succeeded, const ReplyStatus& status);
     void waitAgain(Operation& operation);
+    void failUnanswered(Operation& operation, const ReplyStatus& status);
     void fail(Operation& operation, const Failure& failure);
     void end(Operation& operation, Operation::State state, const QString& error = QString());
 

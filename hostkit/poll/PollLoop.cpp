@@ -176,12 +176,11 @@ void PollLoop::transact(Protocol& sent)
     ReplyStatus status;
     switch (answer.outcome) {
     case Answer::Outcome::DeviceGone:
-        // The request stays queued in the driver and goes out again when the device is back.
-        m_deferred.store();
-        m_line.lose();
+        handleLostLine(sent, station, status);
         break;
     case Answer::Outcome::TimedOut:
         m_line.noteTraffic();
+        mayHaveWritten(sent);
         handleSilence(sent, answer, station, status);
         break;
     case Answer::Outcome::Answered:
@@ -196,13 +195,35 @@ void PollLoop::transact(Protocol& sent)
     m_operations.endFinished(status);
 }
 
+// Call it for a request that was sent without an answer. True when it is a write.
+bool PollLoop::mayHaveWritten(const Protocol& sent)
+{
+    return !sent.var.tagName.isEmpty() &&
+           m_operations.noteUnanswered(sent.var.varIndex, {sent.var.stationNo, sent.var.tagName});
+}
+
+// A request stays queued in the driver and goes out again when the device is back. A write does
+// not: it would overwrite what others have written since. The driver drops it with its connection.
+void PollLoop::handleLostLine(Protocol& sent, Station& station, ReplyStatus& status)
+{
+    m_deferred.store();
+    m_line.lose();
+    if (!mayHaveWritten(sent))
+        return;
+    status.failure = lostLine(m_line.error());
+    handleVerdict(m_driver.dropConnection(sent), station, status);
+}
+
 Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
 {
     const QByteArray frame = sent.frame; // whole: `sendLength` can be that of an earlier frame
     const qint64 bytesBefore = counters.bytes();
+    const qint64 sentBefore = counters.sent;
     const Answer answer = m_exchange.run(frame, counters);
     m_connections.note(sent.var.stationNo, frame, answer);
     const bool answered = answer.outcome == Answer::Outcome::Answered;
+    if (answered && counters.sent - sentBefore > 1) // the answer may be to a repetition
+        mayHaveWritten(sent);
     m_statistics.add(answer.endedAt, static_cast<int>(counters.bytes() - bytesBefore),
                      answered ? std::make_optional(answer.roundTrip) : std::nullopt);
     return answer;

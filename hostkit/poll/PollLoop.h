@@ -81,6 +81,8 @@ private:
     void idle();
 
     void transact(Protocol& sent);
+    bool mayHaveWritten(const Protocol& sent);
+    void handleLostLine(Protocol& sent, Station& station, ReplyStatus& status);
     Answer runExchange(const Protocol& sent, Counters& counters);
     void handleSilence(Protocol& sent, const Answer& answer, Station& station, ReplyStatus& status);
     void handleSetUpReply(Protocol& sent, const Answer& answer, Station& station);

@@ -125,6 +125,71 @@ TEST_F(HostScenario, ALateReplyIsNeverShownUnderAnotherTag)
     EXPECT_GT(counters().late, 30);
 }
 
+TEST_F(HostScenario, AWriteWhoseAnswerWasLostIsNotWrittenAgainAfterTheControllerRestarted)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    const auto element = [this]() -> auto&
+    {
+        return controller.tags().find("W")->elements[0];
+    };
+    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
+    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
+    ASSERT_EQ(element()[0], 5);
+    faults(R"({"fault": "withhold", "rate": 1})");
+    const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
+    ASSERT_TRUE(runUntil([&] { return element()[0] == 7; }));
+    ASSERT_EQ(loop->outcome(id), nullptr);
+    controller.powerCycle(true);
+    line.clear();
+    element() = {9, 0}; // by another program
+    runFor(5000);
+    EXPECT_EQ(element()[0], 9);
+    ASSERT_NE(loop->outcome(id), nullptr);
+    EXPECT_EQ(loop->outcome(id)->state, Operation::State::Failed);
+    EXPECT_TRUE(runUntilGood());
+}
+
+TEST_F(HostScenario, AWriteUnderWhichTheDeviceWentAwayIsNotWrittenAgain)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    const auto element = [this]() -> auto&
+    {
+        return controller.tags().find("W")->elements[0];
+    };
+    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
+    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
+    faults(R"({"fault": "withhold", "rate": 1})");
+    const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
+    ASSERT_TRUE(runUntil([&] { return element()[0] == 7; }));
+    line.clear();
+    faults(R"({"fault": "hang-up", "message": )" +
+           std::to_string(line.messages(micro850::sim::Side::Replies) + 1) + R"(, "seconds": 10})");
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    element() = {9, 0}; // by another program
+    EXPECT_TRUE(runUntil([&] { return loop->lineIsUp(); }));
+    line.clear();
+    runFor(5000);
+    EXPECT_EQ(element()[0], 9);
+    ASSERT_NE(loop->outcome(id), nullptr);
+    EXPECT_EQ(loop->outcome(id)->state, Operation::State::Failed);
+    EXPECT_TRUE(runUntilGood());
+}
+
+TEST_F(HostScenario, AWriteIsTriedAgainWhenTheControllerDidNotKnowItsConnection)
+{
+    start();
+    ASSERT_TRUE(runUntilGood());
+    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
+    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
+    controller.powerCycle(true);
+    const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
+    ASSERT_TRUE(runUntil([&] { return loop->outcome(id); }));
+    EXPECT_EQ(loop->outcome(id)->state, Operation::State::Done);
+    EXPECT_EQ(controller.tags().find("W")->elements[0][0], 7);
+}
+
 TEST_F(HostScenario, AReplyThatIsSentAgainInsteadOfAnotherIsDroppedAndCountedAsLate)
 {
     start();
