@@ -8,6 +8,8 @@ namespace micro850::host {
 
 namespace {
 
+const std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
+
 volatile std::sig_atomic_t stopRequested = 0;
 
 void requestStop(int)
@@ -17,19 +19,25 @@ void requestStop(int)
 
 } // namespace
 
+// A program that was started to ignore a signal, as nohup does, goes on ignoring it.
 Interrupt::Interrupt()
 {
     stopRequested = 0;
-    std::signal(SIGINT, requestStop);
-    std::signal(SIGTERM, requestStop);
-    std::signal(SIGHUP, requestStop);
+    for (std::size_t i = 0; i < kSignals.size(); ++i) {
+        ::sigaction(kSignals[i], nullptr, &m_before[i]);
+        if (m_before[i].sa_handler == SIG_IGN)
+            continue;
+        struct sigaction action = {};
+        action.sa_handler = requestStop;
+        action.sa_flags = SA_RESTART;
+        ::sigaction(kSignals[i], &action, nullptr);
+    }
 }
 
 Interrupt::~Interrupt()
 {
-    std::signal(SIGINT, SIG_DFL);
-    std::signal(SIGTERM, SIG_DFL);
-    std::signal(SIGHUP, SIG_DFL);
+    for (std::size_t i = 0; i < kSignals.size(); ++i)
+        ::sigaction(kSignals[i], &m_before[i], nullptr);
 }
 
 bool Interrupt::requested() const

@@ -1,9 +1,13 @@
 #ifndef MICRO850_HOST_COMMANDS_INTERRUPT_H
 #define MICRO850_HOST_COMMANDS_INTERRUPT_H
 
+#include <array>
+#include <csignal>
+
 namespace micro850::host {
 
-/// Catches Ctrl-C and termination while it lives, so that the caller can end in order.
+/// Catches Ctrl-C and termination while it lives, so that the caller can end in order. A signal
+/// that the program was started to ignore stays ignored.
 class Interrupt
 {
 public:
@@ -15,6 +19,9 @@ public:
     bool requested() const;
     /// Ends a command that has not done its work.
     void throwIfRequested() const;
+
+private:
+    std::array<struct sigaction, 3> m_before = {}; ///< how each signal was handled
 };
 
 } // namespace micro850::host

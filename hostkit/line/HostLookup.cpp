@@ -53,12 +53,18 @@ QString reasonOf(const QString& host, int error)
         .arg(host, QString::fromLocal8Bit(::gai_strerror(error)));
 }
 
+// Milliseconds for poll(), rounded up, so that a wait never ends too early.
+int pollTimeout(Duration time)
+{
+    return static_cast<int>(wholeMilliseconds(time + std::chrono::microseconds(999)));
+}
+
 // Whether the descriptor can be read before the time is over or a signal comes; errno tells which.
 bool becomesReadable(int descriptor, Duration wait)
 {
     errno = 0;
     pollfd input = {descriptor, POLLIN, 0};
-    return ::poll(&input, 1, static_cast<int>(wholeMilliseconds(wait))) > 0;
+    return ::poll(&input, 1, pollTimeout(wait)) > 0;
 }
 
 } // namespace
@@ -67,7 +73,11 @@ bool becomesReadable(int descriptor, Duration wait)
 struct HostLookup::Job
 {
     Job() : done(::eventfd(0, EFD_CLOEXEC)) {}
-    ~Job() { ::close(done); }
+    ~Job()
+    {
+        if (done >= 0)
+            ::close(done);
+    }
     Job(const Job&) = delete;
     Job& operator=(const Job&) = delete;
 
@@ -100,11 +110,17 @@ std::vector<SocketAddress> HostLookup::addresses(Duration wait, QString& error)
     return job->result.addresses;
 }
 
-// Null, with the reason in `error`, when there can be no thread.
+// Null, with the reason in `error`, when the system refuses what it takes.
 std::shared_ptr<HostLookup::Job> HostLookup::begin(const std::string& host, const std::string& port,
                                                    QString& error)
 {
     auto job = std::make_shared<Job>();
+    if (job->done < 0) {
+        error =
+            QStringLiteral("the address of %1 cannot be looked up: %2")
+                .arg(QString::fromStdString(host), QString::fromLocal8Bit(std::strerror(errno)));
+        return nullptr;
+    }
     // Signals are for the thread that waits.
     sigset_t all;
     sigset_t before;

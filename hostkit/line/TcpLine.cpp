@@ -3,6 +3,7 @@
 #include <QtCore/QThread>
 
 #include <algorithm>
+#include <poll.h>
 
 namespace micro850::host {
 
@@ -21,6 +22,12 @@ bool isNegotiation(const QByteArray& bytes)
 {
     const auto at = [&bytes](int index) { return static_cast<unsigned char>(bytes.at(index)); };
     return bytes.size() >= 3 && at(0) == 0xFF && at(1) >= 0xFB && at(1) <= 0xFE && at(2) <= 44;
+}
+
+// False when a signal ends the sleep.
+bool sleeps(std::chrono::milliseconds time)
+{
+    return ::poll(nullptr, 0, static_cast<int>(time.count())) == 0;
 }
 
 } // namespace
@@ -43,7 +50,10 @@ bool TcpLine::open(QString& error)
         close();
         if (outcome == Start::Failed || m_clock.now() >= until)
             return false;
-        pause(kBusyPause);
+        if (!sleeps(kBusyPause)) {
+            error = QStringLiteral("interrupted");
+            return false;
+        }
     }
 }
 
@@ -57,6 +67,10 @@ TcpLine::Start TcpLine::start(QString& error)
         if (!m_socket.read(bytes, until - now)) {
             error = busyText();
             return Start::Busy;
+        }
+        if (bytes.isEmpty() && m_clock.now() < until) {
+            error = QStringLiteral("interrupted");
+            return Start::Failed;
         }
         if (speaksTelnet(bytes)) {
             error = lossReason();

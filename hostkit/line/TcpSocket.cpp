@@ -120,15 +120,19 @@ bool TcpSocket::open(QString& error)
     const std::vector<SocketAddress> addresses = m_lookup.addresses(kLookupTime, error);
     const size_t count = std::min(addresses.size(), kMostAddresses);
     for (size_t i = 0; i < count; ++i) {
-        if (connectTo(addresses[i], error)) {
+        const int failure = connectTo(addresses[i]);
+        if (failure == 0) {
             m_lossReason.clear();
             return true;
         }
+        error = refusalText(m_address.text(), failure);
+        if (failure == EINTR)
+            return false;
     }
     return false;
 }
 
-bool TcpSocket::connectTo(const SocketAddress& address, QString& error)
+int TcpSocket::connectTo(const SocketAddress& address)
 {
     const int descriptor =
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
@@ -139,14 +143,11 @@ bool TcpSocket::connectTo(const SocketAddress& address, QString& error)
         if (::connect(descriptor, bytes, address.size) != 0)
             failure = errno == EINPROGRESS ? awaitConnection(descriptor) : errno;
     }
-    if (failure == 0) {
+    if (failure == 0)
         m_descriptor = descriptor;
-        return true;
-    }
-    error = refusalText(m_address.text(), failure);
-    if (descriptor >= 0)
+    else if (descriptor >= 0)
         ::close(descriptor);
-    return false;
+    return failure;
 }
 
 void TcpSocket::close()

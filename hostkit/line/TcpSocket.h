@@ -38,7 +38,8 @@ public:
     Duration roundTrip() const;
 
 private:
-    bool connectTo(const SocketAddress& address, QString& error);
+    /// The system's error; 0 once connected.
+    int connectTo(const SocketAddress& address);
     bool lose(int systemError);
     enum class Got { Bytes, Nothing, End };
     Got take(QByteArray& bytes);

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <thread>
 
@@ -186,6 +187,39 @@ TEST_F(HostLookupTest, MayEndBeforeItsResult)
     }
     resolver.setSlow(false);
     EXPECT_EQ(found(10s), 1U);
+}
+
+TEST_F(HostLookupTest, WithoutFreeDescriptorsItTellsWhyAndTriesAgainLater)
+{
+    rlimit before = {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit none = before;
+    none.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(found(10s), 0U);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(error, QString("the address of plc cannot be looked up: Too many open files"));
+    EXPECT_EQ(resolver.lookups, 0);
+    EXPECT_EQ(found(10s), 1U);
+}
+
+// The system drops what is sent to a listener whose queue is full, so that each of these addresses
+// would take its time.
+TEST_F(HostLookupTest, ASignalEndsConnectingToANameWithSeveralAddresses)
+{
+    TcpPeer peer;
+    peer.vanishBeforeAccepting();
+    setUp(0, {"127.0.0.1", "127.0.0.1", "127.0.0.1"});
+    TcpSocket socket({NetworkAddress::Protocol::Raw, "plc", peer.port()});
+    struct sigaction action = {};
+    struct sigaction before = {};
+    action.sa_handler = [](int) {};
+    ::sigaction(SIGALRM, &action, &before);
+    const itimerval once = {{0, 0}, {0, 300000}};
+    ::setitimer(ITIMER_REAL, &once, nullptr);
+    EXPECT_FALSE(socket.open(error));
+    ::sigaction(SIGALRM, &before, nullptr);
+    EXPECT_EQ(error, QString("interrupted"));
 }
 
 // Nobody listens at 127.0.0.2 and 127.0.0.3.
