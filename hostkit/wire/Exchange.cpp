@@ -17,14 +17,21 @@ const int kLinkRetries = 3;
 // The pauses between two times that a lost reply is asked for grow up to this.
 const std::chrono::milliseconds kLongestPause(100);
 
-// Bytes that the reply has on the line at most, but for strings and doubled bytes.
-int expectedReplyBytes(const Request& request)
+// More numbers of requests than can have replies on the way.
+const int kMostOpen = 32;
+// A peer that answered late before makes a computed time-out at most so many times longer.
+const int kMostGrowth = 4;
+
+// Bytes that the reply has on the line, but for strings and doubled bytes; of a read at most, as
+// long as no reply to one of so many elements came.
+int expectedReplyBytes(const Request& request, const ReplySizes& sizes)
 {
     const int frame = 24; // of a reply without values
     const int setUp = 64;
     const int element = 8;
     if (request.service == kReadTagFragmented)
-        return std::min(frame + element * request.count, kLongestReply / 2);
+        return sizes.expected(request.count,
+                              std::min(frame + element * request.count, kLongestReply / 2));
     return request.service == kWriteTagFragmented ? frame : setUp;
 }
 
@@ -45,11 +52,12 @@ struct Exchange::Attempt
     Duration askAt{0};    ///< unless bytes come
     QByteArray begun = QByteArray(); ///< of a frame, when it stopped
     int skipped = 0;                 ///< bytes of the frame that are not sent
-    int asks = 0;                    ///< for a reply that did not come
-    int asksAgain = kLinkRetries;
+    int questions = 0;               ///< for a reply that did not come
+    int naksLeft = kLinkRetries;
     int repetitions = kLinkRetries;
-    bool stopped = false;   ///< the frame that has begun
-    bool disturbed = false; ///< the round trip says nothing
+    bool isRenumbered = false; ///< not the driver's number
+    bool stopped = false;      ///< the frame that has begun
+    bool disturbed = false;    ///< the round trip says nothing
     bool done = false;
 
     Duration deadline() const { return self.sentAt + time; }
@@ -85,7 +93,8 @@ Duration Exchange::timeoutFor(int requestBytes) const
 
 Duration Exchange::delayFor(Duration budget) const
 {
-    return std::max(budget + 2 * m_line.transportDelay(), m_roundTrips.longest());
+    const Duration known = budget + 2 * m_line.transportDelay();
+    return std::max(known, std::min(m_roundTrips.longest(), kMostGrowth * known));
 }
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
@@ -124,35 +133,40 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     }
     attempt.self.answered = attempt.done;
     attempt.self.number = answer.request.tns;
-    m_last = std::move(attempt.self);
+    m_lastCounters = &counters;
+    keep(std::move(attempt.self));
     return answer;
 }
 
-// A request that begins a set-up, or a read that the driver repeats, is sent under a number of the
-// host's own: a peer would take it for the repetition of a message, and not answer. Another request
-// that the driver repeats must not be carried out twice. It goes out without the acknowledgement,
-// which would make the peer forget the reply that it may still have.
+void Exchange::keep(Last last)
+{
+    if (m_last.isOpen()) {
+        m_open.append(m_last.number);
+        m_open += m_last.others;
+        m_open.remove(0, std::max(0, m_open.size() - kMostOpen));
+    }
+    m_last = std::move(last);
+}
+
+bool Exchange::isInUse(quint16 tns) const
+{
+    return m_last.has(tns) || m_open.contains(tns);
+}
+
 void Exchange::begin(Attempt& attempt)
 {
     const int commandAt = 6;
     const char unconnected = 0x0B;
-    const int acknowledgement = 2;
     const bool isRepeated = !m_last.answered && attempt.frame == m_last.frame;
     const bool mayBeginSetUp =
         attempt.frame.size() > commandAt && attempt.frame.at(commandAt) == unconnected;
+    // The driver counts for each station from the same number on.
+    const bool mayBeInUse =
+        &attempt.counters != m_lastCounters || m_last.isOpen() || !m_open.isEmpty();
     attempt.self.frame = attempt.frame;
-    if (isRepeated || mayBeginSetUp) {
-        Request& request = attempt.answer.request;
-        request = decodeRequest(uncheckedDataOf(attempt.frame));
-        if (isRepeatable(request)) {
-            m_driverNumber = request.tns;
-            attempt.frame = renumbered(attempt.frame, ownTransaction());
-        } else if (isRepeated) {
-            attempt.skipped = acknowledgement;
-            attempt.disturbed = true;
-        }
-        attempt.counters.retries += isRepeated ? 1 : 0;
-    }
+    if (isRepeated || mayBeginSetUp || mayBeInUse)
+        number(attempt, isRepeated);
+    attempt.counters.retries += isRepeated ? 1 : 0;
     // Copies that are still to come are told from the reply; a part of one would be noise.
     if (m_last.owed == 0) {
         m_line.discardInput();
@@ -161,15 +175,42 @@ void Exchange::begin(Attempt& attempt)
     attempt.self.sentAt = attempt.heardAt = m_clock.now();
 }
 
+// A request that begins a set-up, or a read that the driver repeats, is sent under a number of the
+// host's own: a peer would take it for the repetition of a message, and not answer. So is one whose
+// number another request had, of which a reply may still come. Any other request that the driver
+// repeats must not be carried out twice: it keeps the number under which it went out, and goes
+// without the acknowledgement, which would make the peer forget the reply that it may still have.
+void Exchange::number(Attempt& attempt, bool isRepeated)
+{
+    const int acknowledgement = 2;
+    Request& request = attempt.answer.request;
+    request = decodeRequest(uncheckedDataOf(attempt.frame));
+    const bool isIdentity = request.service == kGetAttributesAll;
+    const quint16 driverNumber = request.tns;
+    quint16 number = driverNumber;
+    if (isRepeated && !isRepeatable(request)) {
+        number = m_last.number;
+        attempt.skipped = acknowledgement;
+        attempt.disturbed = true;
+    } else if (isRepeated || isIdentity || isInUse(driverNumber)) {
+        m_driverNumber = driverNumber;
+        number = ownTransaction();
+    }
+    attempt.isRenumbered = number != driverNumber;
+    if (attempt.isRenumbered)
+        attempt.frame = renumbered(attempt.frame, number);
+}
+
 // Decodes the request, too, which then needs not delay it. Before the first answer nothing is
 // known: the reply is asked for once, at half the time-out.
 void Exchange::setPace(Attempt& attempt)
 {
     Request& request = attempt.answer.request;
     request = decodeRequest(uncheckedDataOf(attempt.frame));
-    if (request.tns != m_own.last())
+    if (!attempt.isRenumbered)
         m_driverNumber = request.tns;
-    attempt.self.bytes = timeOnLine(attempt.frame.size() + expectedReplyBytes(request));
+    attempt.self.bytes =
+        timeOnLine(attempt.frame.size() + expectedReplyBytes(request, m_replySizes));
     attempt.askAt = attempt.self.sentAt + attempt.time / 2;
     if (!m_roundTrips.isKnown())
         return;
@@ -200,17 +241,19 @@ bool Exchange::askWhereDue(Attempt& attempt)
 bool Exchange::askForMissing(Attempt& attempt, bool begun)
 {
     if (attempt.patience == Duration(0)) {
-        if (!begun)
+        if (!begun) {
             attempt.askAt = attempt.deadline();
+            ++attempt.self.owed;
+        }
         return askAgain(attempt);
     }
     attempt.askAt = attempt.now + attempt.pause;
     attempt.pause =
         std::min(2 * attempt.pause, std::max<Duration>(attempt.patience, kLongestPause));
-    const bool isOdd = attempt.asks++ % 2 != 0;
-    if (isRepeatable(attempt.answer.request) && (isOdd || attempt.asksAgain <= 0))
+    const bool isOdd = attempt.questions++ % 2 != 0;
+    if (isRepeatable(attempt.answer.request) && (isOdd || attempt.naksLeft <= 0))
         return repeatRequest(attempt);
-    attempt.self.owed += attempt.asksAgain > 0 ? 1 : 0;
+    attempt.self.owed += attempt.naksLeft > 0 ? 1 : 0;
     return askAgain(attempt);
 }
 
@@ -262,8 +305,7 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
     case ReplyCollector::Kind::Nak:
         ++attempt.counters.refusedByPeer;
         attempt.disturbed = true;
-        attempt.counters.retries += !attempt.done && attempt.repetitions > 0 ? 1 : 0;
-        return attempt.done || attempt.repetitions-- <= 0 || sendRequest(attempt);
+        return attempt.done || repeatRefused(attempt);
     case ReplyCollector::Kind::Enq:
         // The peer asks about the reply, which has not come: an acknowledgement would lose it.
         return attempt.done ? sendControl(m_lastResponse) : askAgain(attempt);
@@ -271,11 +313,22 @@ bool Exchange::handle(const ReplyCollector::Event& event, Attempt& attempt)
     return true;
 }
 
+// The refusal may be that of a repetition of the request before, which was still on its way. Only
+// what may be carried out twice is sent again then.
+bool Exchange::repeatRefused(Attempt& attempt)
+{
+    const bool mayBeOfAnother = !m_last.others.isEmpty();
+    if ((mayBeOfAnother && !isRepeatable(attempt.answer.request)) || attempt.repetitions-- <= 0)
+        return true;
+    ++attempt.counters.retries;
+    return sendRequest(attempt);
+}
+
 // A NAK makes the peer repeat the message whose acknowledgement it waits for. Without such a
 // message it has no effect.
 bool Exchange::askAgain(Attempt& attempt)
 {
-    if (attempt.asksAgain-- <= 0)
+    if (attempt.naksLeft-- <= 0)
         return true;
     ++attempt.counters.retries;
     return sendControl(kNak);
@@ -306,11 +359,15 @@ bool Exchange::handleFrame(const ReplyCollector::Event& event, Attempt& attempt)
     }
     Request& request = attempt.answer.request;
     const int repetition = attempt.self.others.indexOf(reply.tns);
-    if (repetition >= 0 && !attempt.done)
-        std::swap(request.tns, attempt.self.others[repetition]);
-    if (attempt.done || !answers(reply, request))
+    const quint16 number = std::exchange(request.tns, repetition >= 0 ? reply.tns : request.tns);
+    if (attempt.done || !answers(reply, request)) {
+        request.tns = number;
         return handleStray(reply, attempt);
-    attempt.disturbed = attempt.disturbed || repetition >= 0;
+    }
+    if (repetition >= 0) {
+        attempt.self.others[repetition] = number;
+        attempt.disturbed = true;
+    }
     attempt.done = true;
     attempt.answer.outcome = Answer::Outcome::Answered;
     attempt.answer.frame = event.frame();
@@ -332,9 +389,12 @@ void Exchange::noteAnswer(Attempt& attempt, int replyBytes)
     attempt.self.number = attempt.answer.request.tns;
     attempt.self.answered = true;
     attempt.self.bytes = timeOnLine(attempt.frame.size() + replyBytes);
+    const Request& request = attempt.answer.request;
+    if (request.service == kReadTagFragmented)
+        m_replySizes.note(request.count, replyBytes);
     if (attempt.disturbed)
         return;
-    if (attempt.asks == 0)
+    if (attempt.questions == 0)
         m_roundTrips.note(attempt.answer.roundTrip, attempt.self.bytes);
     else // one long silence is no reason to wait long for all replies
         attempt.self.doubtful = std::min(attempt.answer.roundTrip, 2 * attempt.patience);
@@ -347,9 +407,9 @@ bool Exchange::handleStray(const Reply& reply, Attempt& attempt)
     ++attempt.counters.late;
     attempt.disturbed = true;
     if (attempt.done && attempt.self.has(reply.tns)) {
-        if (takeCopy(attempt.self, reply.tns))
+        if (handleCopy(attempt.self, reply.tns))
             return true;
-    } else if (m_last.has(reply.tns) && takeCopy(m_last, reply.tns) && attempt.asks == 0) {
+    } else if (m_last.has(reply.tns) && handleCopy(m_last, reply.tns) && attempt.questions == 0) {
         return true;
     }
     attempt.self.owed = std::max(0, attempt.self.owed - 1);
@@ -358,7 +418,7 @@ bool Exchange::handleStray(const Reply& reply, Attempt& attempt)
 
 // True for a copy that was asked for. The peer sent it before it received the next request, which
 // begins with its acknowledgement. Another one would acknowledge the reply that follows.
-bool Exchange::takeCopy(Last& last, quint16 tns)
+bool Exchange::handleCopy(Last& last, quint16 tns)
 {
     if (tns == last.number && !last.answered)
         m_roundTrips.note(m_clock.now() - last.sentAt, last.bytes);

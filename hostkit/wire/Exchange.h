@@ -8,6 +8,7 @@
 #include "OwnTransactions.h"
 #include "PortSettings.h"
 #include "ReplyCollector.h"
+#include "ReplySizes.h"
 #include "RoundTrips.h"
 
 #include <QtCore/QVector>
@@ -89,21 +90,27 @@ private:
         int owed = 0; ///< copies of its reply that may still come
         bool answered = true;
         bool has(quint16 tns) const { return tns == number || others.contains(tns); }
+        /// True when a reply or a copy of it may still come.
+        bool isOpen() const { return !answered || owed > 0; }
     };
     Answer waitForReply(const QByteArray& frame, Counters& counters, Duration timeout);
     void begin(Attempt& attempt);
+    void number(Attempt& attempt, bool isRepeated);
+    bool isInUse(quint16 tns) const;
+    void keep(Last last);
     bool sendRequest(Attempt& attempt);
     bool sendControl(char control);
     bool collect(Attempt& attempt);
     bool askWhereDue(Attempt& attempt);
     bool askForMissing(Attempt& attempt, bool begun);
     bool repeatRequest(Attempt& attempt);
+    bool repeatRefused(Attempt& attempt);
     void setPace(Attempt& attempt);
     bool handle(const ReplyCollector::Event& event, Attempt& attempt);
     bool askAgain(Attempt& attempt);
     bool handleFrame(const ReplyCollector::Event& event, Attempt& attempt);
     bool handleStray(const Reply& reply, Attempt& attempt);
-    bool takeCopy(Last& last, quint16 tns);
+    bool handleCopy(Last& last, quint16 tns);
     void noteRestart(const ReplyCollector::Event& event, Attempt& attempt);
     void noteAnswer(Attempt& attempt, int replyBytes);
     Duration timeOnLine(int bytes) const { return bytes * m_byteTime; }
@@ -122,6 +129,10 @@ private:
     OwnTransactions m_own;
     quint16 m_driverNumber = 0; ///< of the driver's last request
     Last m_last;
+    const Counters* m_lastCounters = nullptr; ///< of its station
+    /// Numbers of requests before m_last whose replies may still come; at most some tens.
+    QVector<quint16> m_open;
+    ReplySizes m_replySizes;
 };
 
 } // namespace micro850::host

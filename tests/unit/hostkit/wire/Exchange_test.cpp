@@ -596,3 +596,139 @@ TEST_F(ExchangeTest, LearnsFromALateReplyThatThePeerIsSlow)
                         : 0;
     EXPECT_GE(answered, 8);
 }
+
+// ---- Requests with the number of another one
+
+// The driver counts for each station from the same number on.
+TEST_F(PacedExchangeTest, TakesNoCopyForTheReplyToAnotherStationsRequestWithItsNumber)
+{
+    const QByteArray other = wire::readRequest(5, hex("11 22"), wire::tagPath("Level"), 1);
+    bool second = false;
+    onSend = [&](const QByteArray& piece) {
+        if (piece == request) {
+            line.arrive(reply, 22); // asked for after 20 ms
+            line.arrive(reply, 28); // the copy
+        } else if (second && piece.size() > 2) {
+            line.arrive(wire::readReply(numberOf(piece), 0x00C3, hex("99 99")), 9);
+        }
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    second = true;
+    const Answer next = exchange.run(other, counters);
+    EXPECT_EQ(wire::text(next.reply.values().bytes()), "99 99");
+}
+
+TEST_F(PacedExchangeTest, TakesNoLateReplyForThatToAnotherStationsRequestWithItsNumber)
+{
+    const QByteArray other = wire::readRequest(5, hex("11 22"), wire::tagPath("Level"), 1);
+    bool second = false;
+    onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply, 990); // there before the other request is sent
+        else if (second && piece.size() > 2)
+            line.arrive(wire::readReply(numberOf(piece), 0x00C3, hex("99 99")), 9);
+    };
+    exchange.run(request, counters, 980ms);
+    clock.advance(50ms);
+    second = true;
+    const Answer next = exchange.run(other, counters);
+    EXPECT_EQ(wire::text(next.reply.values().bytes()), "99 99");
+}
+
+TEST_F(PacedExchangeTest, GivesAWriteOfAnotherStationANumberOfItsOwnAndKeepsIt)
+{
+    Counters others;
+    const QByteArray write =
+        wire::writeRequest(5, hex("11 22"), wire::tagPath("Speed"), 0x00C3, 1, hex("D2 04"));
+    onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply, 9);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    line.sent.clear();
+    EXPECT_EQ(exchange.run(write, others, 300ms).outcome, Outcome::TimedOut);
+    EXPECT_EQ(exchange.run(write, others, 300ms).outcome, Outcome::TimedOut);
+    std::vector<QByteArray> writes;
+    for (const QByteArray& piece : line.sent) {
+        if (piece.size() > 2)
+            writes.push_back(piece);
+    }
+    ASSERT_EQ(writes.size(), 2u);
+    EXPECT_NE(numberOf(writes[0]), 5);
+    EXPECT_EQ(kAckBytes + writes[1], writes[0]) << "without the acknowledgement, same number";
+}
+
+TEST_F(PacedExchangeTest, SendsNoWriteAgainForARefusalThatMayBeOfTheReadBefore)
+{
+    const QByteArray write =
+        wire::writeRequest(6, hex("5A 3C"), wire::tagPath("Speed"), 0x00C3, 1, hex("D2 04"));
+    onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply, 41);
+        else if (piece == write)
+            line.arrive(wire::writeReply(6), 9);
+        else if (piece.size() > 2) // the repetition at 40 ms is damaged on its way
+            line.arrive(kNakBytes, 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    line.sent.clear();
+    EXPECT_EQ(exchange.run(write, counters).outcome, Outcome::Answered);
+    EXPECT_EQ(line.sent, std::vector<QByteArray>{write});
+}
+
+TEST_F(PacedExchangeTest, AsksForALongReplyOfNarrowElementsWithinFourUsualRoundTrips)
+{
+    settings.baud = 9600;
+    settings.timeoutMs = 5000;
+    Exchange slow(line, clock, settings);
+    qint64 took = 0;
+    onSend = [&](const QByteArray& piece) {
+        const QByteArray answer = wire::readReply(numberOf(piece), 0x00C1, QByteArray(60, '\x01'));
+        took = (piece.size() + answer.size()) * 10000 / 9600 + 3;
+        line.arrive(answer, static_cast<int>(took));
+    };
+    const auto bits = [](quint16 number) {
+        return wire::readRequest(number, hex("5A 3C"), wire::tagPath("Speed"), 60);
+    };
+    for (quint16 number = 200; number < 260; ++number)
+        slow.run(bits(number), counters);
+    onSend = [](const QByteArray&) {};
+    sentAt.clear();
+    slow.run(bits(300), counters);
+    ASSERT_GE(sentAt.size(), 2u);
+    EXPECT_LE(sentAfterMs().at(1), 4 * took);
+}
+
+// The acknowledgement would be taken for that of the next reply.
+TEST_F(ExchangeTest, AcknowledgesNoCopyOfTheVeryFirstReplyWhileTheNextRequestWaits)
+{
+    const QByteArray next = wire::readRequest(6, hex("5A 3C"), wire::tagPath("Speed"), 1);
+    line.onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply, 505);
+        else if (piece == kNakBytes)
+            line.arrive(reply, 8);
+        else if (piece == next)
+            line.arrive(wire::readReply(6, 0x00C3, hex("D2 04")), 30);
+    };
+    Exchange exchange(line, clock, settings);
+    exchange.run(request, counters);
+    line.sent.clear();
+    EXPECT_EQ(exchange.run(next, counters).outcome, Outcome::Answered);
+    for (const QByteArray& piece : line.sent)
+        EXPECT_NE(wire::text(piece), "10 06");
+}
+
+TEST_F(PacedExchangeTest, LetsSlowRepliesMakeItsTimeOutFourTimesAsLongAtMost)
+{
+    settings.timeoutMs = 0;
+    Exchange slow(line, clock, settings);
+    const auto before = slow.timeoutFor(40);
+    onSend = [&](const QByteArray& piece) {
+        if (piece.size() > 2)
+            line.arrive(replyTo(numberOf(piece)), 5000);
+    };
+    for (quint16 number = 200; number < 300; ++number)
+        slow.run(requestOf(number), counters);
+    EXPECT_LE(slow.timeoutFor(40), 4 * before);
+}
