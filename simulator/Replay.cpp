@@ -12,8 +12,9 @@ namespace micro850::sim {
 
 namespace {
 
-// The part of a Forward_Open before its serial number, which differs from session to session.
-constexpr std::size_t kForwardOpenContent = 6;
+// The part of a Forward_Open or Forward_Close before its times and serial number, which differ from
+// session to session.
+constexpr std::size_t kForwardContent = 6;
 
 std::uint16_t transactionOf(const Bytes& message)
 {
@@ -29,8 +30,10 @@ Bytes contentOf(const Bytes& message)
         std::min(connected ? kConnectedHeaderSize : df1::kHeaderSize, message.size());
     Bytes content(message.begin() + static_cast<std::ptrdiff_t>(head) - 1, message.end());
     content[0] = message[df1::kCommand];
-    if (!connected && content.size() > 1 && content[1] == kForwardOpen)
-        content.resize(std::min(content.size(), 1 + kForwardOpenContent));
+    const bool isForward =
+        content.size() > 1 && (content[1] == kForwardOpen || content[1] == kForwardClose);
+    if (!connected && isForward)
+        content.resize(std::min(content.size(), 1 + kForwardContent));
     return content;
 }
 

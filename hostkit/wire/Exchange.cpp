@@ -94,7 +94,8 @@ Duration Exchange::timeoutFor(int requestBytes) const
 Duration Exchange::delayFor(Duration budget) const
 {
     const Duration known = budget + 2 * m_line.transportDelay();
-    return std::max(known, std::min(m_roundTrips.longest(), kMostGrowth * known));
+    const Duration longest = m_roundTrips.longest();
+    return longest <= known ? known : std::min(longest, kMostGrowth * known);
 }
 
 Answer Exchange::run(const QByteArray& frame, Counters& counters)
@@ -134,18 +135,17 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     attempt.self.answered = attempt.done;
     attempt.self.number = answer.request.tns;
     m_lastCounters = &counters;
-    keep(std::move(attempt.self));
+    if (m_last.isOpen())
+        keepOpenNumbers();
+    m_last = std::move(attempt.self);
     return answer;
 }
 
-void Exchange::keep(Last last)
+void Exchange::keepOpenNumbers()
 {
-    if (m_last.isOpen()) {
-        m_open.append(m_last.number);
-        m_open += m_last.others;
-        m_open.remove(0, std::max(0, m_open.size() - kMostOpen));
-    }
-    m_last = std::move(last);
+    m_open.append(m_last.number);
+    m_open += m_last.others;
+    m_open.remove(0, std::max(0, m_open.size() - kMostOpen));
 }
 
 bool Exchange::isInUse(quint16 tns) const

@@ -97,7 +97,7 @@ private:
     void begin(Attempt& attempt);
     void number(Attempt& attempt, bool isRepeated);
     bool isInUse(quint16 tns) const;
-    void keep(Last last);
+    void keepOpenNumbers();
     bool sendRequest(Attempt& attempt);
     bool sendControl(char control);
     bool collect(Attempt& attempt);

@@ -21,6 +21,8 @@ public:
     void note(int elements, int bytes)
     {
         Entry& entry = m_entries[slot(elements)];
+        if (entry.elements == elements && entry.bytes == bytes)
+            return;
         const int kept = entry.elements == elements ? entry.bytes - (entry.bytes + 7) / 8 : 0;
         entry = {elements, std::max(bytes, kept)};
     }

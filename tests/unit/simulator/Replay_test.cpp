@@ -82,6 +82,15 @@ TEST(Replay, RecognisesAForwardOpenWithAnySerialNumber)
               "01 00 4B 00 09 00 00 00 D4 00 00 00 5A 3C");
 }
 
+TEST(Replay, RecognisesAForwardCloseWithAnySerialNumber)
+{
+    Replay replay({sent("00 01 0B 00 01 00 00 00 4E 02 20 06 24 01 05 F7 11 22 33"),
+                   received("01 00 4B 00 01 00 00 00 CE 00 00 00 11 22")},
+                  "t");
+    EXPECT_EQ(answerOf(replay, "00 01 0B 00 09 00 00 00 4E 02 20 06 24 01 05 F7 44 55 66"),
+              "01 00 4B 00 09 00 00 00 CE 00 00 00 11 22");
+}
+
 TEST(Replay, RefusesATraceWithoutAnyAnswer)
 {
     try {
