@@ -92,8 +92,7 @@ private:
 /// all. If both CRC bytes are 10, the driver's undoubling makes one byte of them and would cut off
 /// the last value byte. A filler byte after them, which the driver's search for the end skips,
 /// keeps the value whole. The driver finds the replies of the connection set-up by their end; these
-/// get no filler byte
-/// (`searchedFor` is false).
+/// get no filler byte (`searchedFor` is false).
 QByteArray replyForDriver(const QByteArray& frame, bool searchedFor);
 
 } // namespace micro850::host

@@ -19,8 +19,8 @@ inline unsigned int extended(unsigned int crc, quint8 byte, unsigned int polynom
 /// The same for kReflectedPolynomial and a CRC of 16 bits, with all bits of the byte at once. A bit
 /// that is set adds the polynomial at its place, which with its leading 1 has the bits 0, 1, 14 and
 /// 16, and so turns the next bit round. The polynomial is therefore added at bit i if an odd number
-/// of the bits 0 to i is set. A read of an INT takes an eighth fewer
-/// instructions than bit by bit.
+/// of the bits 0 to i is set. A read of an INT takes an eighth fewer instructions than bit
+/// by bit.
 inline unsigned int extended(unsigned int crc, quint8 byte)
 {
     crc ^= byte;
