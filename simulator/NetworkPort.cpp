@@ -168,7 +168,9 @@ void NetworkPort::greet(int client, const std::string& peer)
 {
     if (m_client >= 0) {
         ::close(client);
-        m_notes("a second client, " + peer + ", is sent away: the line has one client at a time");
+        if (++m_sentAway == 1)
+            m_notes("a second client, " + peer +
+                    ", is sent away: the line has one client at a time");
         return;
     }
     setOption(client, IPPROTO_TCP, TCP_NODELAY, 1);
@@ -182,6 +184,10 @@ void NetworkPort::dropClient()
         ::close(m_client);
     m_client = -1;
     m_output.clear();
+    if (m_sentAway > 1)
+        m_notes("the client has gone; meanwhile " + std::to_string(m_sentAway) +
+                " others were sent away");
+    m_sentAway = 0;
 }
 
 void NetworkPort::write(const Bytes& bytes)

@@ -38,7 +38,8 @@ private:
     ListenAddress m_address;
     Notes m_notes;
     int m_listener = -1;
-    int m_client = -1; ///< below 0 while nobody is served
+    int m_client = -1;       ///< below 0 while nobody is served
+    unsigned m_sentAway = 0; ///< clients that came meanwhile
     OutputQueue m_output;
 };
 

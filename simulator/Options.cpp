@@ -36,7 +36,9 @@ void declareLine(CLI::App& app, Options& options)
     app.add_option("--baud", setup.baud, "Speed of the serial device, 8N1")->capture_default_str();
     app.add_option("--listen", options.listen,
                    "Address to serve one client at a time at, instead of a device or "
-                   "pseudo-terminal (port 0: any free one; with --station: the next ports)")
+                   "pseudo-terminal (port 0: any free one; with --station: the next ports, or with "
+                   "port 0 any free one "
+                   "each)")
         ->type_name("tcp://ADDRESS:PORT");
     app.add_option("--link", setup.link,
                    "Symbolic link to make to the pseudo-terminal (with --station: LINK.N); it "

@@ -14,9 +14,11 @@ namespace {
 
 std::string messagesOf(const LinkCounters& counters)
 {
-    return std::to_string(counters.messages) + " messages, " + std::to_string(counters.corrupt) +
-           " corrupt, " + std::to_string(counters.duplicates) + " repeated, " +
-           std::to_string(counters.undelivered) + " replies undelivered";
+    return std::to_string(counters.messages) +
+           (counters.messages == 1 ? " message, " : " messages, ") +
+           std::to_string(counters.corrupt) + " corrupt, " + std::to_string(counters.duplicates) +
+           " repeated, " + std::to_string(counters.undelivered) +
+           (counters.undelivered == 1 ? " reply undelivered" : " replies undelivered");
 }
 
 } // namespace
@@ -39,9 +41,9 @@ Station::Station(StationSetup setup)
         m_replay.emplace(trace.records, m_setup.replay);
         m_controller.answerWith([this](const Bytes& message) { return answerFromTrace(message); });
     }
+    open();
     if (m_setup.listen && !m_setup.listen->isLoopback())
         report("anybody who reaches " + m_setup.listen->host + " can read and write every value");
-    open();
 }
 
 std::unique_ptr<Port> Station::madePort()

@@ -115,6 +115,23 @@ TEST_F(NetworkPortTest, SendsASecondClientAwayAndServesTheFirst)
     EXPECT_FALSE(first.wasSentAway());
 }
 
+TEST_F(NetworkPortTest, TellsOfOneClientThatItSendsAwayAndOfTheirNumberWhenTheFirstGoes)
+{
+    const auto port = listening();
+    {
+        const Client first(port->address());
+        ASSERT_TRUE(reaches(*port, 2));
+        for (int i = 0; i < 3; ++i) {
+            Client other(port->address());
+            EXPECT_TRUE(sendsAway(*port, other));
+        }
+        EXPECT_EQ(m_notes.size(), 1u);
+    }
+    ASSERT_TRUE(reaches(*port, 1));
+    ASSERT_EQ(m_notes.size(), 2u);
+    EXPECT_EQ(m_notes[1], "the client has gone; meanwhile 3 others were sent away");
+}
+
 TEST_F(NetworkPortTest, ServesTheNextClientAfterTheFirstHasGoneHoweverItWent)
 {
     const auto port = listening();
