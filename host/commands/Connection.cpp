@@ -38,6 +38,26 @@ bool isPlace(const QString& device)
     }
 }
 
+// Whether the user means a device server, but wrote no address of one.
+bool meansServer(const QString& device)
+{
+    const QString scheme = device.section(QLatin1Char(':'), 0, 0).toLower();
+    const bool hasScheme = device.contains(QLatin1Char(':')) &&
+                           (scheme == QLatin1String("tcp") || scheme == QLatin1String("rfc2217"));
+    const bool dotted = device.count(QLatin1Char('.')) == 3 && device.at(0).isDigit();
+    return hasScheme || (dotted && isPlace(device + QStringLiteral(":1"))) ||
+           (device.contains(QLatin1String("::")) && isPlace(QStringLiteral("[%1]:1").arg(device)));
+}
+
+QString remedyFor(const QString& device, bool chosen)
+{
+    if (meansServer(device))
+        return QStringLiteral(" (for a device server write tcp://HOST:PORT)");
+    if (isPlace(device))
+        return QStringLiteral(" (for a device server write tcp://%1)").arg(device);
+    return chosen ? QString() : QStringLiteral(" (choose the port with --port)");
+}
+
 } // namespace
 
 Project projectOf(const LineOptions& options)
@@ -58,7 +78,7 @@ Project projectOf(const LineOptions& options)
     return project;
 }
 
-void requireOpen(Line& line, const PortSettings& port)
+void requireOpen(Line& line, const PortSettings& port, const LineOptions& options)
 {
     QString error;
     if (line.open(error))
@@ -66,16 +86,13 @@ void requireOpen(Line& line, const PortSettings& port)
     const QString text = port.device + QStringLiteral(": cannot be opened: ") + error;
     if (port.isNetwork())
         throw UserError(text.toStdString(), kExitRefused);
-    const QString remedy = isPlace(port.device)
-                               ? QStringLiteral("for a device server write tcp://") + port.device
-                               : QStringLiteral("choose the port with --port");
-    throw UserError((text + QStringLiteral(" (%1)").arg(remedy)).toStdString());
+    throw UserError((text + remedyFor(port.device, !options.port.empty())).toStdString());
 }
 
 Connection::Connection(const LineOptions& options, const Project& project)
     : m_library(textOf(options.driver)), m_line(lineFor(project.port))
 {
-    requireOpen(*m_line, project.port);
+    requireOpen(*m_line, project.port, options);
 }
 
 } // namespace micro850::host

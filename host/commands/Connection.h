@@ -14,7 +14,7 @@ Project projectOf(const LineOptions& options);
 void requirePort(const Project& project, const LineOptions& options);
 
 /// Opens the line. Throws UserError, with the remedy, when that fails.
-void requireOpen(Line& line, const PortSettings& port);
+void requireOpen(Line& line, const PortSettings& port, const LineOptions& options);
 
 /// The open line and the driver, for the duration of a command.
 class Connection

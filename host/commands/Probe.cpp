@@ -102,6 +102,7 @@ private:
     std::optional<TraceRecorder> m_trace;
     AdapterReport m_adapter;
     bool m_heard = false;
+    bool m_unexplained = false;
 };
 
 ProbeResult Probing::probe(const PortSettings& port)
@@ -109,7 +110,7 @@ ProbeResult Probing::probe(const PortSettings& port)
     m_adapter.closed = adapterOf(port.device);
     const std::unique_ptr<Line> line = lineFor(port);
     try {
-        requireOpen(*line, port);
+        requireOpen(*line, port, m_options.line);
     } catch (const UserError&) {
         // A scan goes on where a device server cannot set one of the speeds.
         if (!m_options.scan || !line->refusesSettings())
@@ -134,6 +135,7 @@ bool Probing::ask(int baud, Progress& progress)
     const ProbeResult result = probe(port);
     progress.clear();
     m_heard = m_heard || result.heard;
+    m_unexplained = m_unexplained || result.unexplained;
     m_output.data(reportObject(port, result, m_adapter),
                   result.answered ? report(port, result, m_adapter) : QStringList());
     if (!result.answered)
@@ -147,11 +149,12 @@ void Probing::reportSilence() const
 {
     if (!m_output.json()) // its objects have the adapter
         m_output.data(Json(), m_adapter.lines());
-    const char* const remedy = m_options.scan       ? ""
-                               : m_port.setsSpeed() ? ", or try all speeds with --scan"
-                                                    : " (the server sets it)";
-    if (!m_heard)
-        m_output.note(QStringLiteral("check cable and speed") + QLatin1String(remedy));
+    const char* const remedy = m_options.scan       ? "check cable and speed"
+                               : m_port.setsSpeed() ? "check cable and speed, or try all speeds "
+                                                      "with --scan"
+                                                    : "check cable and the speed set at the server";
+    if (m_unexplained && !m_heard)
+        m_output.note(QLatin1String(remedy));
 }
 
 void Probing::closeTrace()

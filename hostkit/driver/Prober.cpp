@@ -10,13 +10,15 @@ const int kAttempts = 2;
 // The driver needs at most so many calls until it begins a new connection; some return no frame.
 const int kMostCalls = 8;
 
-QString silenceText(const Counters& counters)
+QString silenceText(const Counters& counters, qint64 bytes)
 {
-    if (counters.bytesReceived == 0)
+    if (counters.late > 0)
+        return QStringLiteral("replies come later than the time-out (set a longer one with "
+                              "--timeout)");
+    if (bytes == 0)
         return QStringLiteral("no answer");
-    return QStringLiteral("%1 bytes came, but no intact reply (another speed, or another "
-                          "protocol?)")
-        .arg(counters.bytesReceived);
+    return QStringLiteral("%1 %2 came, but no intact reply (another speed, or another protocol?)")
+        .arg(QString::number(bytes), bytes == 1 ? QStringLiteral("byte") : QStringLiteral("bytes"));
 }
 
 } // namespace
@@ -53,7 +55,7 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         const Answer answer = exchange.run(QByteArray(sent->frame), counters);
         m_driver.reportSilence(*sent); // so that the next attempt starts from the beginning
         if (answer.outcome == Answer::Outcome::DeviceGone) {
-            result.error = line.lossReason();
+            result.error = line.lossText(counters.bytesReceived);
             return result;
         }
         if (answer.outcome == Answer::Outcome::TimedOut)
@@ -70,7 +72,9 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
             result.error = QStringLiteral("the controller tells an identity that is cut short");
         return result;
     }
-    result.error = silenceText(counters);
+    result.error = silenceText(counters, line.unaskedBytes() + counters.bytesReceived);
+    result.heard = counters.late > 0;
+    result.unexplained = !result.heard;
     return result;
 }
 

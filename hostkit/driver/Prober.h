@@ -15,6 +15,8 @@ struct ProbeResult
     Duration roundTrip{0};
     QString error;      ///< why there is no identity; empty when `answered`
     bool heard = false; ///< a reply came, even if it has no identity
+    /// No reply came, and nothing but the line and its settings can be blamed for that.
+    bool unexplained = false;
 };
 
 /// Asks the controller at the other end of a line for its identity. That is the driver's first

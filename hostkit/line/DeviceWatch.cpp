@@ -1,5 +1,7 @@
 #include "DeviceWatch.h"
 
+#include "PollTimeout.h"
+
 #include <QtCore/QFile>
 
 #include <array>
@@ -119,10 +121,8 @@ bool DeviceWatch::hasReturned()
 
 bool DeviceWatch::wait(Duration time)
 {
-    // Rounded up, so that a wait never becomes a busy loop.
-    const auto milliseconds = wholeMilliseconds(time + std::chrono::microseconds(999));
     pollfd notices = {m_notices, POLLIN, 0};
-    const int ready = ::poll(&notices, m_notices < 0 ? 0 : 1, static_cast<int>(milliseconds));
+    const int ready = ::poll(&notices, m_notices < 0 ? 0 : 1, pollTimeout(time));
     if (m_notices >= 0 && ready <= 0)
         return false;
     std::array<char, 4096> unused;

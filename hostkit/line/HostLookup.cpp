@@ -1,5 +1,7 @@
 #include "HostLookup.h"
 
+#include "PollTimeout.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -46,17 +48,12 @@ QString reasonOf(const QString& host, int error)
     if (error == EAI_AGAIN)
         return QStringLiteral("no name server tells the address of %1").arg(host);
     if (error == EAI_NONAME && host.contains(QLatin1Char('%')))
-        return QStringLiteral("there is no interface as in %1 here").arg(host);
+        return QStringLiteral("this machine has no interface %1")
+            .arg(host.section(QLatin1Char('%'), 1));
     if (error == EAI_NONAME || error == EAI_FAIL || error == EAI_NODATA)
         return QStringLiteral("the name %1 is not known").arg(host);
     return QStringLiteral("the address of %1 cannot be found: %2")
         .arg(host, QString::fromLocal8Bit(::gai_strerror(error)));
-}
-
-// Milliseconds for poll(), rounded up, so that a wait never ends too early.
-int pollTimeout(Duration time)
-{
-    return static_cast<int>(wholeMilliseconds(time + std::chrono::microseconds(999)));
 }
 
 // Whether the descriptor can be read before the time is over or a signal comes; errno tells which.

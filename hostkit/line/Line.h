@@ -42,6 +42,19 @@ public:
     virtual bool refusesSettings() const { return false; }
     /// Why a call failed, for messages.
     virtual QString lossReason() const { return QStringLiteral("the device is gone"); }
+    /// The same, and how many bytes came in place of a reply.
+    QString lossText(qint64 bytes) const
+    {
+        const qint64 all = bytes + unaskedBytes();
+        if (all == 0)
+            return lossReason();
+        return QStringLiteral("%1; %2 %3 came, but no reply")
+            .arg(lossReason(), QString::number(all),
+                 all == 1 ? QStringLiteral("byte") : QStringLiteral("bytes"));
+    }
+    /// How many bytes came, and were dropped, before the first request of this connection: a far
+    /// end that greets is no line to a controller.
+    virtual qint64 unaskedBytes() const { return 0; }
     /// The measured time that bytes need to the far end of the line and back, besides their time on
     /// the line: 0 for a device of this machine.
     virtual Duration transportDelay() const { return Duration(0); }

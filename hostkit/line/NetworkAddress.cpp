@@ -118,6 +118,8 @@ NetworkAddress networkAddress(const QString& device)
     NetworkAddress address;
     address.protocol = protocolOf(device, device.left(end).toLower());
     const QString place = device.mid(end + 3);
+    if (place.startsWith(QLatin1Char('/')))
+        fail(device, "names no host (as in tcp://HOST:2000)");
     if (matches(place, "[^/?#]*[/?#].*"))
         fail(device, "has something behind the port (leave it out: there are no paths here)");
     if (place.contains(QLatin1Char('@')) && !place.startsWith(QLatin1Char('[')))

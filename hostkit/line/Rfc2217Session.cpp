@@ -60,6 +60,11 @@ QByteArray portCommand(quint8 command, const QByteArray& value)
     return TelnetStream::parameters(kComPort, QByteArray(1, static_cast<char>(command)) + value);
 }
 
+QString rawRemedy(const QString& place)
+{
+    return QStringLiteral("set the server to raw TCP and use tcp://") + place;
+}
+
 QString settingText(quint8 command, quint32 value)
 {
     switch (command) {
@@ -187,11 +192,12 @@ void Rfc2217Session::noteAgreement(quint8 option)
 void Rfc2217Session::noteRefusal(quint8 option)
 {
     if (option == kComPort && !m_here[kComPort].on)
-        fail(QStringLiteral("%1 speaks no RFC 2217 (use tcp://%1)").arg(m_place));
+        fail(QStringLiteral("%1 speaks telnet, but no RFC 2217 (enable it at the server, or %2)")
+                 .arg(m_place, rawRemedy(m_place)));
     if (option == kBinary)
         fail(QStringLiteral("%1 refuses to pass all bytes on unaltered (telnet's binary "
-                            "transmission; use tcp://, or another port of the server)")
-                 .arg(m_place));
+                            "transmission; %2, or use another port)")
+                 .arg(m_place, rawRemedy(m_place)));
 }
 
 void Rfc2217Session::handleParameters(quint8 option, const QByteArray& parameters)
@@ -246,11 +252,12 @@ QString Rfc2217Session::missing() const
         return QStringLiteral("%1 does not negotiate: it seems to speak no RFC 2217 (use tcp://%1)")
             .arg(m_place);
     if (!agreed())
-        return QStringLiteral("%1 does not finish the negotiation of RFC 2217 (use tcp://%1)")
-            .arg(m_place);
-    return QStringLiteral(
-               "%1 does not confirm speed and format of its port (use tcp://, or set them there)")
-        .arg(m_place);
+        return QStringLiteral("%1 does not finish the negotiation of RFC 2217 (enable it at the "
+                              "server, or %2)")
+            .arg(m_place, rawRemedy(m_place));
+    return QStringLiteral("%1 does not confirm speed and format of its port (set them at the "
+                          "server; then %2)")
+        .arg(m_place, rawRemedy(m_place));
 }
 
 void Rfc2217Session::answer(const QByteArray& bytes)
@@ -258,8 +265,8 @@ void Rfc2217Session::answer(const QByteArray& bytes)
     if (++m_answers <= kMostAnswers)
         m_output += bytes;
     else
-        fail(QStringLiteral("%1 negotiates without end (use tcp://, or another port of the server)")
-                 .arg(m_place));
+        fail(QStringLiteral("%1 negotiates without end (%2, or use another port)")
+                 .arg(m_place, rawRemedy(m_place)));
 }
 
 void Rfc2217Session::fail(const QString& error)

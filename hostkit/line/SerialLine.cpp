@@ -1,5 +1,7 @@
 #include "SerialLine.h"
 
+#include "PollTimeout.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -54,12 +56,6 @@ QString reasonOf(const QString& name, const QSerialPort& port)
                        : QStringLiteral("permission denied; users of the group \"dialout\" may");
     }
     return port.errorString();
-}
-
-// What poll() takes: milliseconds, rounded up, so that a wait never becomes a busy loop.
-int pollTimeout(Duration time)
-{
-    return static_cast<int>(wholeMilliseconds(time + std::chrono::microseconds(999)));
 }
 
 const std::chrono::milliseconds kSendPatience(100);

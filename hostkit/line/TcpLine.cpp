@@ -61,6 +61,8 @@ TcpLine::Start TcpLine::start(QString& error)
 {
     m_firstBytes.clear();
     m_telnet = false;
+    m_asked = false;
+    m_unasked = 0;
     const Duration until = m_clock.now() + kFirstSigns;
     for (Duration now = m_clock.now(); now < until; now = m_clock.now()) {
         QByteArray bytes;
@@ -72,6 +74,7 @@ TcpLine::Start TcpLine::start(QString& error)
             error = QStringLiteral("interrupted");
             return Start::Failed;
         }
+        noteUnasked(bytes);
         if (speaksTelnet(bytes)) {
             error = lossReason();
             return Start::Failed;
@@ -96,11 +99,13 @@ void TcpLine::discardInput()
 {
     QByteArray dropped;
     m_socket.readArrived(dropped);
+    noteUnasked(dropped);
     speaksTelnet(dropped);
 }
 
 bool TcpLine::send(const QByteArray& bytes)
 {
+    m_asked = true;
     return !m_telnet && m_socket.write(bytes);
 }
 
@@ -122,6 +127,12 @@ bool TcpLine::speaksTelnet(const QByteArray& bytes)
         m_telnet = isNegotiation(m_firstBytes);
     }
     return m_telnet;
+}
+
+void TcpLine::noteUnasked(const QByteArray& bytes)
+{
+    if (!m_asked)
+        m_unasked += bytes.size();
 }
 
 void TcpLine::pause(Duration time)

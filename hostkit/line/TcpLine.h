@@ -22,6 +22,7 @@ public:
     bool receive(QByteArray& bytes, Duration wait) override;
     void pause(Duration time) override;
     QString lossReason() const override;
+    qint64 unaskedBytes() const override { return m_unasked; }
     Duration transportDelay() const override { return m_socket.roundTrip(); }
 
 protected:
@@ -42,6 +43,7 @@ protected:
 
 private:
     bool speaksTelnet(const QByteArray& bytes);
+    void noteUnasked(const QByteArray& bytes);
 
     NetworkAddress m_address;
     PortSettings m_settings;
@@ -49,6 +51,8 @@ private:
     TcpSocket m_socket;
     QByteArray m_firstBytes;
     bool m_telnet = false;
+    bool m_asked = false;
+    qint64 m_unasked = 0;
 };
 
 } // namespace micro850::host

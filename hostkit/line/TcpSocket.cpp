@@ -1,5 +1,7 @@
 #include "TcpSocket.h"
 
+#include "PollTimeout.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -26,12 +28,6 @@ const int kMostArrived = 64 * 1024;
 const int kSecondsToTest = 1;
 const int kFewTests = 3;
 const unsigned int kUnansweredMs = 4000;
-
-// Milliseconds for poll(), rounded up, so that a wait never becomes a busy loop.
-int pollTimeout(Duration time)
-{
-    return static_cast<int>(wholeMilliseconds(time + std::chrono::microseconds(999)));
-}
 
 template<typename Value> void setOption(int descriptor, int level, int name, Value value)
 {
@@ -96,10 +92,14 @@ QString lossText(const QString& place, int error)
 {
     switch (error) {
     case 0:
-        return QStringLiteral("%1 closed the connection (another client?)").arg(place);
+        return QStringLiteral("%1 closed the connection (another client uses it, it was started "
+                              "again, or it is no device server)")
+            .arg(place);
     case ECONNRESET:
     case EPIPE:
-        return QStringLiteral("%1 broke off the connection (was it started again?)").arg(place);
+        return QStringLiteral("%1 broke off the connection (another client uses it, it was "
+                              "started again, or it is no device server)")
+            .arg(place);
     case ETIMEDOUT:
     case EHOSTUNREACH:
     case ENETUNREACH:

@@ -21,14 +21,21 @@ QString remedyFor(const Reply& reply)
 
 } // namespace
 
-Failure noReply(bool garbled)
+Failure noReply(Heard heard, bool setsSpeed)
 {
-    if (garbled) {
+    const QString speed =
+        setsSpeed ? QStringLiteral("speed") : QStringLiteral("the speed set at the server");
+    switch (heard) {
+    case Heard::LateReplies:
+        return {Failure::Cause::Silence, QStringLiteral("replies come later than the time-out"),
+                QStringLiteral("set a longer one with --timeout or timeoutMs")};
+    case Heard::Garbage:
         return {Failure::Cause::Garbage, QStringLiteral("bytes came, but no intact reply"),
-                QStringLiteral("check the speed; is it another protocol?")};
+                QStringLiteral("check %1; is it another protocol?").arg(speed)};
+    default:
+        return {Failure::Cause::Silence, QStringLiteral("no answer"),
+                QStringLiteral("check cable and %1").arg(speed)};
     }
-    return {Failure::Cause::Silence, QStringLiteral("no answer"),
-            QStringLiteral("check cable and speed")};
 }
 
 Failure refusedConnection(const Reply& reply)

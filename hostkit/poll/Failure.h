@@ -12,7 +12,7 @@ struct Failure
 {
     enum class Cause {
         None,
-        Silence, ///< nothing came
+        Silence, ///< no reply came in time
         Garbage, ///< bytes came, but no reply
         Refusal, ///< a reply came, which refuses
         Disabled ///< by the project; nothing was sent
@@ -22,8 +22,14 @@ struct Failure
     QString remedy; ///< what the user can do; empty when there is nothing to advise
 };
 
-/// No reply came; `garbled` when bytes came that belong to no intact frame.
-Failure noReply(bool garbled);
+/// What came instead of the reply, if anything.
+enum class Heard {
+    Nothing,
+    Garbage,    ///< bytes that belong to no intact frame
+    LateReplies ///< intact replies of earlier requests
+};
+/// No reply came. Where the server of the line sets the speed, the remedy says so.
+Failure noReply(Heard heard = Heard::Nothing, bool setsSpeed = true);
 /// The controller refuses to open a connection.
 Failure refusedConnection(const Reply& reply);
 /// The controller does not know the connection any more.

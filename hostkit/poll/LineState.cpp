@@ -32,9 +32,9 @@ bool LineState::ensureOpen()
     return false;
 }
 
-void LineState::lose()
+void LineState::lose(qint64 strayBytes)
 {
-    m_error = m_reportedError = m_line.lossReason();
+    m_error = m_reportedError = m_line.lossText(strayBytes);
     m_expectedError.clear();
     m_line.close();
     m_nextOpen = m_clock.now() + m_openPause.next();

@@ -29,8 +29,8 @@ public:
     /// True when the line is open. Otherwise tries to open it when its device is back or the next
     /// attempt is due, or pauses for some milliseconds.
     bool ensureOpen();
-    /// Closes the line because its device is gone.
-    void lose();
+    /// Closes the line because its device is gone. `strayBytes` came in place of the last reply.
+    void lose(qint64 strayBytes = 0);
     /// The device carries bytes. The next attempts to open it begin with the shortest interval.
     void noteTraffic() { m_openPause.reset(); }
     /// Pauses for this time, but only some milliseconds, so that the caller stays responsive.

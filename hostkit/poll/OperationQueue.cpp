@@ -229,7 +229,7 @@ void OperationQueue::failAll(int station, const Failure& failure)
 
 void OperationQueue::fail(Operation& operation, const Failure& failure)
 {
-    m_lastFailure = failure.cause == Failure::Cause::None ? noReply(false) : failure;
+    m_lastFailure = failure.cause == Failure::Cause::None ? noReply() : failure;
     operation.failure = m_lastFailure;
     end(operation, Operation::State::Failed, m_lastFailure.text);
 }

@@ -29,7 +29,8 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
       m_exchange(line, clock, project.port),
       m_driver(api, project.stations.first().number, project.port.retryLimit), m_values(project),
       m_types(project, clock, m_values), m_operations(m_driver, m_types),
-      m_deferred(m_driver, m_values), m_connections(m_exchange, project.port)
+      m_deferred(m_driver, m_values), m_connections(m_exchange, project.port),
+      m_setsSpeed(project.port.setsSpeed())
 {
     m_exchange.setMeanwhile([this] { m_deferred.store(); });
     m_cycle.noteChange();
@@ -172,11 +173,13 @@ void PollLoop::transact(Protocol& sent)
 {
     m_idleSteps = 0;
     Station& station = m_stations[sent.var.stationNo];
+    const qint64 receivedBefore = station.counters().bytesReceived;
     const Answer answer = runExchange(sent, station.counters());
     ReplyStatus status;
     switch (answer.outcome) {
     case Answer::Outcome::DeviceGone:
-        handleLostLine(sent, station, status);
+        handleLostLine(sent, station, status,
+                       answer.garbled ? station.counters().bytesReceived - receivedBefore : 0);
         break;
     case Answer::Outcome::TimedOut:
         m_line.noteTraffic();
@@ -204,10 +207,11 @@ bool PollLoop::mayHaveWritten(const Protocol& sent)
 
 // A request stays queued in the driver and goes out again when the device is back. A write does
 // not: it would overwrite what others have written since. The driver drops it with its connection.
-void PollLoop::handleLostLine(Protocol& sent, Station& station, ReplyStatus& status)
+void PollLoop::handleLostLine(Protocol& sent, Station& station, ReplyStatus& status,
+                              qint64 strayBytes)
 {
     m_deferred.store();
-    m_line.lose();
+    m_line.lose(strayBytes);
     if (!mayHaveWritten(sent))
         return;
     status.failure = lostLine(m_line.error());
@@ -232,7 +236,10 @@ Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
 void PollLoop::handleSilence(Protocol& sent, const Answer& answer, Station& station,
                              ReplyStatus& status)
 {
-    status.failure = noReply(answer.garbled);
+    const Heard heard = answer.late      ? Heard::LateReplies
+                        : answer.garbled ? Heard::Garbage
+                                         : Heard::Nothing;
+    status.failure = noReply(heard, m_setsSpeed);
     const Verdict verdict = m_driver.reportSilence(sent);
     if (verdict == Verdict::NoConnection)
         handleFailedSetUp(answer.request.service == kForwardOpen, status.failure, station);

@@ -82,7 +82,7 @@ private:
 
     void transact(Protocol& sent);
     bool mayHaveWritten(const Protocol& sent);
-    void handleLostLine(Protocol& sent, Station& station, ReplyStatus& status);
+    void handleLostLine(Protocol& sent, Station& station, ReplyStatus& status, qint64 strayBytes);
     Answer runExchange(const Protocol& sent, Counters& counters);
     void handleSilence(Protocol& sent, const Answer& answer, Station& station, ReplyStatus& status);
     void handleSetUpReply(Protocol& sent, const Answer& answer, Station& station);
@@ -106,6 +106,7 @@ private:
     OperationQueue m_operations;
     DeferredValues m_deferred;
     OpenConnections m_connections;
+    bool m_setsSpeed;
     QMap<int, Station> m_stations;
     bool m_someAreDead = false; ///< false: no station is dead
     /// When the driver draws another serial number for the connection that was refused.

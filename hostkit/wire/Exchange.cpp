@@ -106,9 +106,11 @@ Answer Exchange::run(const QByteArray& frame, Counters& counters)
 Answer Exchange::run(const QByteArray& frame, Counters& counters, Duration timeout)
 {
     const qint64 corruptBefore = counters.corrupt;
+    const qint64 lateBefore = counters.late;
     const int noiseBefore = m_collector.noiseBytes();
     Answer answer = waitForReply(frame, counters, timeout);
     answer.garbled = counters.corrupt != corruptBefore || m_collector.noiseBytes() != noiseBefore;
+    answer.late = counters.late != lateBefore;
     return answer;
 }
 

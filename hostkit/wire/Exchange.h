@@ -28,6 +28,7 @@ struct Answer
     Duration roundTrip{0};
     Duration endedAt{0};  ///< when the last bytes came, or when the time was over
     bool garbled = false; ///< bytes came that belong to no intact frame
+    bool late = false;    ///< intact replies of other requests came
 };
 
 /// Carries requests over a line: empties the input, sends the request, and collects bytes until the

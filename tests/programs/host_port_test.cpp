@@ -41,11 +41,10 @@ TEST_F(HostPort, ThatIsMissingOrNoDeviceIsReported)
     const Result none = host({"read", "Speed", "--port", "none"});
     EXPECT_EQ(none.status, 2);
     EXPECT_EQ(none.err, "micro850-host: none: cannot be opened: there is no such device in this "
-                        "folder or in /dev (choose the port with --port)\n");
+                        "folder or in /dev\n");
     file("notes", "text");
     const Result notes = host({"read", "Speed", "--port", "notes"});
-    EXPECT_EQ(notes.err, "micro850-host: notes: cannot be opened: it is not a device (choose the "
-                         "port with --port)\n");
+    EXPECT_EQ(notes.err, "micro850-host: notes: cannot be opened: it is not a device\n");
 }
 
 // Such a link is left when a simulator is killed.
@@ -55,8 +54,30 @@ TEST_F(HostPort, ThatIsALinkToNothingIsReportedWithWhereItLed)
     const Result result = host({"read", "Speed", "--port", "dead"});
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "micro850-host: dead: cannot be opened: the link leads nowhere: " +
-                              path("gone").toStdString() +
-                              " is gone (choose the port with --port)\n");
+                              path("gone").toStdString() + " is gone\n");
+}
+
+TEST_F(HostPort, OfAProjectThatIsMissingIsReportedWithTheOptionThatChoosesAnother)
+{
+    const QString project =
+        file("p.json", R"({"port": {"device": "/none"}, "variables": [{"tag": "Speed"}]})");
+    EXPECT_EQ(host({"read", "Speed", "--project", project}).err,
+              "micro850-host: /none: cannot be opened: there is no such device (choose the port "
+              "with --port)\n");
+}
+
+TEST_F(HostPort, ThatIsAnAddressInAnotherFormIsReportedWithTheRightOne)
+{
+    for (const QString port : {"tcp:127.0.0.1:7200", "tcp:/127.0.0.1:7200", "rfc2217:plc:2000",
+                               "127.0.0.1", "::1", "fe80::1%eth0"})
+    {
+        const Result result = host({"read", "Speed", "--port", port});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
+        EXPECT_NE(result.err.find(" (for a device server write tcp://HOST:PORT)\n"),
+                  std::string::npos)
+            << result.err;
+    }
 }
 
 TEST_F(HostPort, ThatIsAMalformedAddressIsRefusedBeforeAnythingIsOpened)

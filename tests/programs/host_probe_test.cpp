@@ -107,8 +107,70 @@ TEST_F(HostProbe, AdvisesNoScanWhereTheServerSetsTheSpeed)
                                 QStringLiteral("tcp://127.0.0.1:%1").arg(server.port())});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(linesOf(result.err).value(1),
-              QString("micro850-host: check cable and speed (the server sets it)"))
+              QString("micro850-host: check cable and the speed set at the server"))
         << result.err;
+}
+
+// All of it: a server that closes before it has read everything breaks the connection off.
+static void receiveRequest(TcpPeer& server)
+{
+    QByteArray request;
+    for (QByteArray byte("."); !byte.isEmpty() && !request.endsWith("\x10\x03"); request += byte)
+        byte = server.receive(1);
+    server.receive(2); // the CRC
+}
+
+TEST_F(HostProbe, CountsTheBytesOfWhatIsNoDeviceServer)
+{
+    TcpPeer server;
+    const QString port = QStringLiteral("tcp://127.0.0.1:%1").arg(server.port());
+    const std::string closed = port.toStdString() + ": " + port.mid(6).toStdString() +
+                               " closed the connection (another client uses it, it was started "
+                               "again, or it is no device server); ";
+    for (const char* const command : {"probe", "read"}) {
+        std::thread serving([&server] {
+            server.accept();
+            server.send("220 welcome\r\n");
+            receiveRequest(server);
+            server.send("500 what?\r\n");
+            server.close();
+        });
+        QStringList arguments = {command, "--port", port};
+        if (command == std::string("read"))
+            arguments.insert(1, "Speed");
+        const Result result = host(arguments);
+        serving.join();
+        EXPECT_EQ(result.status, 1);
+        EXPECT_EQ(result.err, "micro850-host: " + closed + "24 bytes came, but no reply\n");
+    }
+}
+
+TEST_F(HostProbe, CountsTheBytesOfAGreetingWhenNothingElseComes)
+{
+    TcpPeer server;
+    std::thread serving([&server] {
+        server.accept();
+        server.send("220 welcome\r\n");
+        server.receive(100000); // until the host closes
+    });
+    const Result result = host({"probe", "--timeout", "50", "--port",
+                                QStringLiteral("tcp://127.0.0.1:%1").arg(server.port())});
+    serving.join();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find(": 13 bytes came, but no intact reply"), std::string::npos)
+        << result.err;
+}
+
+TEST_F(HostProbe, TellsThatRepliesComeLate)
+{
+    const QString faults =
+        file("faults.json", R"({"faults": [{"fault": "delay", "rate": 1, "seconds": 0.3}]})");
+    simulate(R"({"name": "Speed", "type": "INT"})", {"--faults", faults});
+    const Result result = hostOnPort({"probe", "--timeout", "200"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "micro850-host: " + lineText().toStdString() +
+                              ": replies come later than the time-out (set a longer one with "
+                              "--timeout)\n");
 }
 
 TEST_F(HostProbe, ReportsARefusalWithoutAdviceAboutTheCable)

@@ -73,7 +73,7 @@ TEST_F(HostRead, ReportsThatAnotherProgramUsesTheLine)
     EXPECT_EQ(result.status, server() ? 1 : 2);
     EXPECT_NE(result.err.find(server() ? "closed the connection at once (another client uses it"
                                        : "cannot be opened: another program uses it; end that one "
-                                         "first (choose the port with --port)\n"),
+                                         "first\n"),
               std::string::npos)
         << result.err;
 }
@@ -268,8 +268,7 @@ TEST_F(HostRead, ReportsEveryMistakeInOneLineWithTheRemedy)
         {{"raed"}, "\"raed\" is not a command (did you mean read?) (see micro850-host --help)"},
         {{"read"}, "TAG is required (see micro850-host read --help)"},
         {{"read", "Speed"}, "no port is given (name it with --port DEVICE or --project FILE)"},
-        {{"read", "Speed", "--port", "/none"},
-         "/none: cannot be opened: there is no such device (choose the port with --port)"},
+        {{"read", "Speed", "--port", "/none"}, "/none: cannot be opened: there is no such device"},
         {{"read", "Level[", "--port", "/none"},
          "\"Level[\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])"},
         {{"read", "Level[9..3]", "--port", "/none"},

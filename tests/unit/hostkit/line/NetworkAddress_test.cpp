@@ -95,6 +95,7 @@ TEST(NetworkAddress, WithoutAHostIsRefused)
     EXPECT_EQ(complaint("tcp://"), "\"tcp://\"" + end);
     EXPECT_EQ(complaint("tcp://:2000"), "\"tcp://:2000\"" + end);
     EXPECT_EQ(complaint("tcp://[]:2000"), "\"tcp://[]:2000\"" + end);
+    EXPECT_EQ(complaint("rfc2217:///dev/ttyS0"), "\"rfc2217:///dev/ttyS0\"" + end);
 }
 
 TEST(NetworkAddress, OfIpv6WithoutItsBracketsIsRefused)

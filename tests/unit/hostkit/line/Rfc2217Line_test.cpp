@@ -161,7 +161,10 @@ TEST_F(Rfc2217LineTest, RefusesAServerThatDoesNotKnowThePortsOption)
     peer.accept();
     peer.send(hex("FF FE 2C"));
     EXPECT_FALSE(opened.get());
-    EXPECT_EQ(error.toStdString(), at() + " speaks no RFC 2217 (use tcp://" + at() + ")");
+    EXPECT_EQ(error.toStdString(), at() +
+                                       " speaks telnet, but no RFC 2217 (enable it at the server, "
+                                       "or set the server to raw TCP and use tcp://" +
+                                       at() + ")");
     EXPECT_FALSE(line.refusesSettings());
 }
 
@@ -233,7 +236,9 @@ TEST_F(Rfc2217LineTest, TellsThatTheServerClosed)
     peer.close();
     QByteArray bytes;
     EXPECT_FALSE(line.receive(bytes, kLong));
-    EXPECT_EQ(line.lossReason().toStdString(), at() + " closed the connection (another client?)");
+    EXPECT_EQ(line.lossReason().toStdString(),
+              at() + " closed the connection (another client uses it, it was started again, or it "
+                     "is no device server)");
     // Opened again, it knows nothing of that.
     connect();
     EXPECT_EQ(line.lossReason(), QString());

@@ -101,7 +101,8 @@ TEST_F(Rfc2217SessionTest, IsReadyOnlyWhenBothDirectionsPassAllBytes)
     sentFor(kConfirmed);
     EXPECT_EQ(session.state(), State::Negotiating);
     EXPECT_EQ(session.missing(),
-              QString("plc:2000 does not finish the negotiation of RFC 2217 (use tcp://plc:2000)"));
+              QString("plc:2000 does not finish the negotiation of RFC 2217 (enable it at the "
+                      "server, or set the server to raw TCP and use tcp://plc:2000)"));
     sentFor("FF FB 00");
     EXPECT_EQ(session.state(), State::Ready);
 }
@@ -171,14 +172,15 @@ TEST_F(Rfc2217SessionTest, EndsWithAServerThatChangesItsMindForEver)
     for (int i = 0; i < 10000; ++i)
         sent += sentFor("FF FC 03 FF FB 03");
     EXPECT_LE(sent.size(), 300);
-    EXPECT_EQ(error(),
-              "plc:2000 negotiates without end (use tcp://, or another port of the server)");
+    EXPECT_EQ(error(), "plc:2000 negotiates without end (set the server to raw TCP and use "
+                       "tcp://plc:2000, or use another port)");
 }
 
 TEST_F(Rfc2217SessionTest, FailsWithAServerThatDoesNotKnowThePortsOption)
 {
     sentFor("FF FE 2C");
-    EXPECT_EQ(error(), "plc:2000 speaks no RFC 2217 (use tcp://plc:2000)");
+    EXPECT_EQ(error(), "plc:2000 speaks telnet, but no RFC 2217 (enable it at the server, or set "
+                       "the server to raw TCP and use tcp://plc:2000)");
     EXPECT_FALSE(session.refusesSettings());
 }
 
@@ -192,7 +194,8 @@ TEST_F(Rfc2217SessionTest, FailsWithAServerThatAltersBytes)
         EXPECT_EQ(other.state(), State::Failed);
         EXPECT_EQ(other.error(),
                   QString("plc:2000 refuses to pass all bytes on unaltered (telnet's binary "
-                          "transmission; use tcp://, or another port of the server)"));
+                          "transmission; set the server to raw TCP and use tcp://plc:2000, or use "
+                          "another port)"));
     }
 }
 
@@ -272,11 +275,15 @@ TEST_F(Rfc2217SessionTest, TellsWhatIsMissing)
     EXPECT_EQ(session.missing(), QString("plc:2000 does not negotiate: it seems to speak no RFC "
                                          "2217 (use tcp://plc:2000)"));
     sentFor("FF FD 2C");
-    EXPECT_EQ(session.missing(), QString("plc:2000 does not finish the negotiation of RFC 2217 "
-                                         "(use tcp://plc:2000)"));
+    EXPECT_EQ(
+        session.missing(),
+        QString("plc:2000 does not finish the negotiation of RFC 2217 "
+                "(enable it at the server, or set the server to raw TCP and use tcp://plc:2000)"));
     sentFor("FF FD 00 FF FB 00");
-    EXPECT_EQ(session.missing(), QString("plc:2000 does not confirm speed and format of its port "
-                                         "(use tcp://, or set them there)"));
+    EXPECT_EQ(
+        session.missing(),
+        QString("plc:2000 does not confirm speed and format of its port "
+                "(set them at the server; then set the server to raw TCP and use tcp://plc:2000)"));
 }
 
 TEST_F(Rfc2217SessionTest, ComesToTheSameResultHoweverTheBytesAreCut)

@@ -195,7 +195,7 @@ TEST(TcpLine, TellsThatAnInterfaceIsMissing)
     TcpLine line = lineTo(2000, "fe80::1%nowhere");
     QString error;
     EXPECT_FALSE(line.open(error));
-    EXPECT_EQ(error, QString("there is no interface as in fe80::1%nowhere here"));
+    EXPECT_EQ(error, QString("this machine has no interface nowhere"));
 }
 
 TEST_F(TcpLineTest, TellsThatTheServerRefuses)
@@ -306,7 +306,8 @@ TEST_F(TcpLineTest, TellsThatTheServerClosedInTheMiddleOfAReply)
     peer.close();
     EXPECT_EQ(receive(100), hex("10 06 10 02 00"));
     EXPECT_TRUE(losesWithin(kLong));
-    EXPECT_EQ(reason(), at() + " closed the connection (another client?)");
+    EXPECT_EQ(reason(), at() + " closed the connection (another client uses it, it was started "
+                               "again, or it is no device server)");
     EXPECT_FALSE(line.send("a"));
 }
 
@@ -318,7 +319,8 @@ TEST_F(TcpLineTest, SendsNothingToAServerWhoseEndItDiscarded)
     while (line.lossReason().isEmpty() && clock.now() - start < kLong)
         line.discardInput();
     EXPECT_FALSE(line.send("a"));
-    EXPECT_EQ(reason(), at() + " closed the connection (another client?)");
+    EXPECT_EQ(reason(), at() + " closed the connection (another client uses it, it was started "
+                               "again, or it is no device server)");
 }
 
 TEST_F(TcpLineTest, TellsThatTheConnectionWasBrokenOff)
@@ -326,7 +328,8 @@ TEST_F(TcpLineTest, TellsThatTheConnectionWasBrokenOff)
     connect();
     peer.reset();
     EXPECT_TRUE(losesWithin(kLong));
-    EXPECT_EQ(reason(), at() + " broke off the connection (was it started again?)");
+    EXPECT_EQ(reason(), at() + " broke off the connection (another client uses it, it was started "
+                               "again, or it is no device server)");
     EXPECT_FALSE(line.send("a")); // and no signal ends the program
 }
 

@@ -169,6 +169,25 @@ TEST_F(SetUpTest, TellsGarbageFromSilence)
     EXPECT_EQ(garbled.error, QString("bytes came, but no intact reply"));
 }
 
+// Each reply comes while the next request waits for its own.
+TEST_F(SetUpTest, TellsLateRepliesFromSilence)
+{
+    QByteArray held;
+    plc.onReply = [&held](const FakeController::Request&, QByteArray& reply) { held.swap(reply); };
+    start();
+    const Operation late = read();
+    EXPECT_EQ(late.error, QString("replies come later than the time-out"));
+    EXPECT_TRUE(late.failure.remedy.contains("--timeout"));
+}
+
+TEST_F(SetUpTest, NamesTheServerWhereThatSetsTheSpeed)
+{
+    plc.silent = true;
+    project.port.device = "tcp://127.0.0.1:2000";
+    start();
+    EXPECT_EQ(read().failure.remedy, QString("check cable and the speed set at the server"));
+}
+
 // A controller that answers every request with "connection not found", each time it is connected.
 TEST_F(SetUpTest, ReportsAConnectionThatTheControllerGivesUpAgainAndAgain)
 {
