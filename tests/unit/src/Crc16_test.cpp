@@ -2,6 +2,8 @@
 
 #include "internal/Crc16.h"
 
+#include <QtCore/QByteArray>
+
 #include <gtest/gtest.h>
 
 namespace {
@@ -25,7 +27,8 @@ TEST(Crc16, IsTheShiftedRegisterForEveryCrcAndEveryByte)
 {
     for (unsigned int crc = 0; crc <= 0xFFFF; ++crc) {
         // The byte counts only together with the low byte of the CRC.
-        for (const quint8 byte : {0x00, 0x01, 0x03, 0x10, 0x5A, 0x80, 0xFF}) {
+        for (const char each : QByteArray("\x00\x01\x03\x10\x5A\x80\xFF", 7)) {
+            const auto byte = static_cast<quint8>(each);
             ASSERT_EQ(crc16::extended(crc, byte), shifted(crc, byte)) << crc << ' ' << int(byte);
             ASSERT_EQ(crc16::extended(crc, byte, 0xA001), shifted(crc, byte));
         }
