@@ -158,7 +158,7 @@ void ProjectCheck::run()
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
     Progress progress(m_output, QStringLiteral("checking"), m_project.variables.size());
-    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
+    session.setInterrupt([&interrupt] { return interrupt.requested(); });
     for (; m_next < m_project.variables.size(); ++m_next) {
         interrupt.throwIfRequested();
         const Variable& variable = m_project.variables.at(m_next);

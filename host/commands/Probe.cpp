@@ -124,7 +124,8 @@ ProbeResult Probing::probe(const PortSettings& port)
     // After the line is open, so that an earlier trace is not lost to a wrong port.
     if (!m_trace)
         m_trace.emplace(m_options.line.trace, m_options.line.force);
-    return m_prober.probe(*line, m_clock, port, m_trace->observer());
+    return m_prober.probe(*line, m_clock, port, m_trace->observer(),
+                          [this] { return m_interrupt.requested(); });
 }
 
 bool Probing::ask(int baud, Progress& progress)
@@ -134,6 +135,8 @@ bool Probing::ask(int baud, Progress& progress)
     port.baud = baud;
     const ProbeResult result = probe(port);
     progress.clear();
+    if (!result.answered)
+        m_interrupt.throwIfRequested();
     m_heard = m_heard || result.heard;
     m_unexplained = m_unexplained || result.unexplained;
     m_output.data(reportObject(port, result, m_adapter),
@@ -149,6 +152,8 @@ void Probing::reportSilence() const
 {
     if (!m_output.json()) // its objects have the adapter
         m_output.data(Json(), m_adapter.lines());
+    if (const QString advice = m_adapter.advice(m_port); !advice.isEmpty())
+        m_output.note(advice);
     const char* const remedy = m_options.scan       ? "check cable and speed"
                                : m_port.setsSpeed() ? "check cable and speed, or try all speeds "
                                                       "with --scan"

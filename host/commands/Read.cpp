@@ -233,7 +233,7 @@ void readAll(Reads& reads, const ReadOptions& options, const Project& project)
     TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
-    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
+    session.setInterrupt([&interrupt] { return interrupt.requested(); });
     reads.checkTypes(session, interrupt);
     if (!reads.anyRefused())
         reads.carryOut(session, interrupt);

@@ -78,6 +78,7 @@ RunLoop::RunLoop(const LineOptions& options, const Project& project)
       m_table(m_loop, project)
 {
     m_loop.exchange().setObserver(m_trace.observer());
+    m_loop.exchange().setInterrupt([this] { return m_interrupt.requested(); });
 }
 
 void RunLoop::run(LoopView& view, double seconds, const Output& output)

@@ -448,7 +448,7 @@ void writeAll(Writes& writes, const WriteOptions& options, const Project& projec
     TraceRecorder trace(options.line.trace, options.line.force);
     Session session(connection.api(), connection.line(), connection.clock(), bare);
     session.exchange().setObserver(trace.observer());
-    session.setInterrupt([&interrupt] { interrupt.throwIfRequested(); });
+    session.setInterrupt([&interrupt] { return interrupt.requested(); });
     writes.checkAgainstController(session, interrupt);
     if (!writes.anyRefused())
         writes.carryOut(session, interrupt);

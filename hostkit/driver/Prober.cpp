@@ -42,11 +42,13 @@ Protocol* Prober::request()
 }
 
 ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& settings,
-                          const Exchange::Observer& observer)
+                          const Exchange::Observer& observer,
+                          const std::function<bool()>& interrupted)
 {
     ProbeResult result;
     Exchange exchange(line, clock, settings);
     exchange.setObserver(observer);
+    exchange.setInterrupt(interrupted);
     Counters counters;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Protocol* sent = request();
@@ -56,6 +58,10 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
         m_driver.reportSilence(*sent); // so that the next attempt starts from the beginning
         if (answer.outcome == Answer::Outcome::DeviceGone) {
             result.error = line.lossText(counters.bytesReceived);
+            return result;
+        }
+        if (answer.outcome == Answer::Outcome::Interrupted) {
+            result.error = QStringLiteral("interrupted");
             return result;
         }
         if (answer.outcome == Answer::Outcome::TimedOut)

@@ -28,9 +28,11 @@ public:
     Prober(const DriverApi& api, int station);
 
     /// The line must be open. Asks at most twice, because a peer can take the first request for a
-    /// repetition of the last message that it received, and then does not answer.
+    /// repetition of the last message that it received, and then does not answer. It ends soon
+    /// when `interrupted` returns true.
     ProbeResult probe(Line& line, const Clock& clock, const PortSettings& settings,
-                      const Exchange::Observer& observer = nullptr);
+                      const Exchange::Observer& observer = nullptr,
+                      const std::function<bool()>& interrupted = nullptr);
 
 private:
     Protocol* request();

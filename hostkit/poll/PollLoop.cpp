@@ -181,6 +181,10 @@ void PollLoop::transact(Protocol& sent)
         handleLostLine(sent, station, status,
                        answer.garbled ? station.counters().bytesReceived - receivedBefore : 0);
         break;
+    case Answer::Outcome::Interrupted:
+        m_interrupted = true;
+        mayHaveWritten(sent);
+        break;
     case Answer::Outcome::TimedOut:
         m_line.noteTraffic();
         mayHaveWritten(sent);
@@ -228,6 +232,8 @@ Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
     const bool answered = answer.outcome == Answer::Outcome::Answered;
     if (answered && counters.sent - sentBefore > 1) // the answer may be to a repetition
         mayHaveWritten(sent);
+    if (answer.outcome == Answer::Outcome::Interrupted)
+        return answer;
     m_statistics.add(answer.endedAt, static_cast<int>(counters.bytes() - bytesBefore),
                      answered ? std::make_optional(answer.roundTrip) : std::nullopt);
     return answer;

@@ -60,6 +60,8 @@ public:
     QString reportedLineError() const { return m_line.reportedError(); }
     qint64 lineReconnects() const { return m_line.reconnects(); }
     const LineStatistics& statistics() const { return m_statistics; }
+    /// True when the interrupt of the exchange has ended a transaction; call step() no more.
+    bool interrupted() const { return m_interrupted; }
     Exchange& exchange() { return m_exchange; }
 
 private:
@@ -108,6 +110,7 @@ private:
     OpenConnections m_connections;
     bool m_setsSpeed;
     QMap<int, Station> m_stations;
+    bool m_interrupted = false;
     bool m_someAreDead = false; ///< false: no station is dead
     /// When the driver draws another serial number for the connection that was refused.
     std::optional<Duration> m_nextSerialAt;

@@ -40,12 +40,18 @@ Session::~Session()
     m_loop.finish();
 }
 
-Operation Session::run(int id, const QString& what, const std::function<void()>& interrupt)
+void Session::setInterrupt(const std::function<bool()>& interrupt)
+{
+    m_interrupt = interrupt;
+    m_loop.exchange().setInterrupt(interrupt);
+}
+
+Operation Session::run(int id, const QString& what, const std::function<bool()>& interrupt)
 {
     const Operation* outcome = m_loop.outcome(id);
     for (; !outcome; outcome = m_loop.outcome(id)) {
-        if (interrupt)
-            interrupt();
+        if (m_loop.interrupted() || (interrupt && interrupt()))
+            throw UserError("interrupted", kExitRefused);
         m_loop.step();
         if (!m_loop.lineIsUp())
             refuse(m_project.port.text(), m_loop.lineError());

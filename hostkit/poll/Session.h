@@ -43,9 +43,9 @@ public:
     /// Ends what finish() has not ended.
     ~Session();
 
-    /// Sets a function that is called while typeOf() waits. What it throws ends the wait: a silent
-    /// or busy controller can take seconds to be given up.
-    void setInterrupt(std::function<void()> interrupt) { m_interrupt = std::move(interrupt); }
+    /// Sets a function that is asked while an outcome is waited for. When it returns true, typeOf()
+    /// throws UserError at once, and every function does so when no answer comes a moment later.
+    void setInterrupt(const std::function<bool()>& interrupt);
 
     /// The type of a tag in the controller.
     const CipType& typeOf(const TagKey& tag);
@@ -64,14 +64,14 @@ public:
     void write(const TagKey& tag, int element, const QByteArray& value);
 
 private:
-    Operation run(int id, const QString& what, const std::function<void()>& interrupt = nullptr);
+    Operation run(int id, const QString& what, const std::function<bool()>& interrupt = nullptr);
     QVector<QByteArray> readRun(const TagKey& tag, const CipType& type, const Run& part);
     std::optional<QString> refusalOf(const TagKey& tag, int element);
     void throwFirstRefused(const TagKey& tag, int first, int last);
 
     const Project& m_project;
     PollLoop m_loop;
-    std::function<void()> m_interrupt;
+    std::function<bool()> m_interrupt;
 };
 
 } // namespace micro850::host

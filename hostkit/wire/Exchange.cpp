@@ -16,6 +16,10 @@ const int kLongestReply = 2 * 520;
 const int kLinkRetries = 3;
 // The pauses between two times that a lost reply is asked for grow up to this.
 const std::chrono::milliseconds kLongestPause(100);
+// After an interrupt.
+const std::chrono::milliseconds kInterruptedTime(500);
+// A signal that comes just before a wait does not end it.
+const std::chrono::milliseconds kInterruptLook(200);
 
 // More numbers of requests than can have replies on the way.
 const int kMostOpen = 32;
@@ -58,6 +62,7 @@ struct Exchange::Attempt
     bool isRenumbered = false; ///< not the driver's number
     bool stopped = false;      ///< the frame that has begun
     bool disturbed = false;    ///< the round trip says nothing
+    bool interrupted = false;  ///< so that the time is shorter
     bool done = false;
 
     Duration deadline() const { return self.sentAt + time; }
@@ -125,12 +130,14 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
         m_meanwhile();
     setPace(attempt);
     attempt.now = m_clock.now();
-    while (present && !attempt.done && attempt.now < attempt.deadline())
+    for (; present && !attempt.done && attempt.now < attempt.deadline(); heedInterrupt(attempt))
         present = askWhereDue(attempt) && collect(attempt);
     answer.endedAt = attempt.now;
     if (!present) {
         answer.outcome = Answer::Outcome::DeviceGone;
         attempt.self.owed = 0;
+    } else if (attempt.interrupted && !attempt.done) {
+        answer.outcome = Answer::Outcome::Interrupted;
     } else if (!attempt.done) {
         ++counters.timedOut;
     }
@@ -153,6 +160,16 @@ void Exchange::keepOpenNumbers()
 bool Exchange::isInUse(quint16 tns) const
 {
     return m_last.has(tns) || m_open.contains(tns);
+}
+
+// A reply that is on its way gets the time to come: the outcome of a write would be unknown.
+void Exchange::heedInterrupt(Attempt& attempt) const
+{
+    if (attempt.interrupted || !m_interrupt || !m_interrupt())
+        return;
+    attempt.interrupted = true;
+    attempt.time =
+        std::min<Duration>(attempt.time, attempt.now - attempt.self.sentAt + kInterruptedTime);
 }
 
 void Exchange::begin(Attempt& attempt)
@@ -271,7 +288,9 @@ bool Exchange::repeatRequest(Attempt& attempt)
 // False when the device is gone.
 bool Exchange::collect(Attempt& attempt)
 {
-    const Duration until = std::min(attempt.deadline(), attempt.dueAt(m_collector.inFrame()));
+    Duration until = std::min(attempt.deadline(), attempt.dueAt(m_collector.inFrame()));
+    if (m_interrupt)
+        until = std::min<Duration>(until, attempt.now + kInterruptLook);
     QByteArray bytes;
     if (!m_line.receive(bytes, std::max(Duration(0), until - attempt.now)))
         return false;

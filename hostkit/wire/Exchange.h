@@ -20,7 +20,7 @@ namespace micro850::host {
 /// One request and its final outcome. Errors on the way to it are in Counters.
 struct Answer
 {
-    enum class Outcome { Answered, TimedOut, DeviceGone };
+    enum class Outcome { Answered, TimedOut, DeviceGone, Interrupted };
     Outcome outcome = Outcome::TimedOut;
     Request request;  ///< as decoded from the frame that was sent
     QByteArray frame; ///< the reply as wireFrame() builds it; empty without one
@@ -57,6 +57,10 @@ public:
 
     /// Sets a function that is called when a request has gone out: for work that need not delay it.
     void setMeanwhile(std::function<void()> meanwhile) { m_meanwhile = std::move(meanwhile); }
+
+    /// Sets a function that is asked several times a second while a reply is waited for. When it
+    /// returns true, run() waits only a moment longer.
+    void setInterrupt(std::function<bool()> interrupt) { m_interrupt = std::move(interrupt); }
 
     /// Sends a complete frame and waits for its reply, for timeoutFor() its size.
     Answer run(const QByteArray& frame, Counters& counters);
@@ -101,6 +105,7 @@ private:
     void keepOpenNumbers();
     bool sendRequest(Attempt& attempt);
     bool sendControl(char control);
+    void heedInterrupt(Attempt& attempt) const;
     bool collect(Attempt& attempt);
     bool askWhereDue(Attempt& attempt);
     bool askForMissing(Attempt& attempt, bool begun);
@@ -123,6 +128,7 @@ private:
     ReplyCollector m_collector;
     Observer m_observer;
     std::function<void()> m_meanwhile;
+    std::function<bool()> m_interrupt;
     char m_lastResponse = kAck;
     bool m_unacknowledged = false;
     Duration m_byteTime;

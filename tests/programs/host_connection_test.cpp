@@ -3,6 +3,7 @@
 #include "program_fixture.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QFileInfo>
 #include <QtCore/QThread>
 #include <QtCore/QTime>
 
@@ -77,6 +78,39 @@ TEST_F(HostConnection, IsClosedAfterCtrlCAndTermination)
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         watchUntil(signal);
         EXPECT_EQ(open(), 0) << signal;
+    }
+}
+
+// The time-out is longer than the test waits.
+TEST_F(HostConnection, ASignalEndsEveryCommandThatWaitsForASilentController)
+{
+    const SilentPort nobody;
+    const QString project = file("p.json", R"({"variables": [{"tag": "Speed"}]})");
+    const QStringList commands[] = {{"read", "Speed"},
+                                    {"write", "Speed=5"},
+                                    {"probe"},
+                                    {"check", project},
+                                    {"poll", project},
+                                    {"watch", "Speed"},
+                                    {"log", project, "--csv", path("log.csv")}};
+    for (const QStringList& command : commands) {
+        const std::string name = command.first().toStdString();
+        const QString trace = path(command.first() + ".txt");
+        QProcess host;
+        host.start(MICRO850_HOST, command + QStringList{"--port", nobody.path(), "--timeout",
+                                                        "60000", "--trace", trace});
+        QElapsedTimer timer;
+        timer.start();
+        while (QFileInfo(trace).size() == 0 && timer.elapsed() < 20000)
+            QThread::msleep(1);
+        ::kill(static_cast<pid_t>(host.processId()), SIGINT);
+        ASSERT_TRUE(host.waitForFinished(20000)) << name;
+        EXPECT_EQ(host.exitStatus(), QProcess::NormalExit) << name;
+        EXPECT_EQ(host.exitCode(), 1) << name;
+        const bool polls = name == "poll" || name == "watch" || name == "log";
+        const QByteArray errors = host.readAllStandardError();
+        EXPECT_EQ(errors.contains("interrupted"), !polls) << name << ": " << errors.toStdString();
+        EXPECT_FALSE(errors.contains("no answer")) << name << ": " << errors.toStdString();
     }
 }
 

@@ -195,6 +195,9 @@ TEST_F(HostLowLatency, IsToldByProbeEvenIfNothingAnswers)
     const Result text = hostWithFlags(command);
     EXPECT_EQ(text.status, 1);
     EXPECT_EQ(text.out, "low latency   on while the line is open\n");
+    const Result refused =
+        hostWithFlags(command, {QStringLiteral("LOW_LATENCY_ERROR=%1").arg(EPERM)});
+    EXPECT_NE(refused.err.find("60-micro850-adapters.rules"), std::string::npos) << refused.err;
     const Result json = hostWithFlags(command + QStringList("--json"));
     EXPECT_EQ(json.status, 1);
     EXPECT_EQ(linesOf(json.out).size(), 1) << json.out;

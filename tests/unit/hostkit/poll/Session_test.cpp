@@ -167,14 +167,33 @@ TEST_F(SessionTest, RefusesAnImpossibleRequestBeforeAnythingIsSent)
     EXPECT_EQ(plc.count(0x53), 0);
 }
 
+TEST_F(SessionTest, EndsAWriteThatIsNotAnsweredAfterAnInterruptWithoutRepeatingIt)
+{
+    const std::string ended = complaint([this](Session& s) {
+        s.typeOf(kSpeed);
+        plc.silent = true;
+        s.setInterrupt([] { return true; });
+        s.write(kSpeed, 0, wire::little(5, 2));
+    });
+    EXPECT_EQ(ended, "1: interrupted");
+}
+
+TEST_F(SessionTest, CompletesAWriteThatIsAnsweredAfterAnInterrupt)
+{
+    const std::string ended = complaint([](Session& s) {
+        s.typeOf(kSpeed);
+        s.setInterrupt([] { return true; });
+        s.write(kSpeed, 0, wire::little(5, 2));
+    });
+    EXPECT_EQ(ended, "none");
+    EXPECT_EQ(plc.count(0x53), 1);
+}
+
 TEST_F(SessionTest, EndsTheWaitForASilentControllerWhenItIsInterrupted)
 {
     plc.silent = true;
     const std::string ended = complaint([this](Session& s) {
-        s.setInterrupt([this] {
-            if (clock.now() >= std::chrono::milliseconds(100))
-                throw micro850::UserError("interrupted", micro850::kExitRefused);
-        });
+        s.setInterrupt([this] { return clock.now() >= std::chrono::milliseconds(100); });
         s.typeOf(kSpeed);
     });
     EXPECT_EQ(ended, "1: interrupted");
