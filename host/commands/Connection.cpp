@@ -5,15 +5,6 @@
 
 namespace micro850::host {
 
-void requirePort(const Project& project, const LineOptions& options)
-{
-    if (!project.port.device.isEmpty())
-        return;
-    const std::string where = options.project.empty() ? "" : options.project + ": port.device: ";
-    throw UserError(where + "no port is given (name it with --port DEVICE" +
-                    (where.empty() ? " or --project FILE" : " or in the file") + ")");
-}
-
 namespace {
 
 QString checkedDevice(const QString& device)
@@ -59,6 +50,15 @@ QString remedyFor(const QString& device, bool chosen)
 }
 
 } // namespace
+
+void requirePort(const Project& project, const LineOptions& options)
+{
+    if (!project.port.device.isEmpty())
+        return;
+    const std::string where = options.project.empty() ? "" : options.project + ": port.device: ";
+    throw UserError(where + "no port is given (name it with --port DEVICE" +
+                    (where.empty() ? " or --project FILE" : " or in the file") + ")");
+}
 
 Project projectOf(const LineOptions& options)
 {

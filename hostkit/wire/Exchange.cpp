@@ -144,7 +144,10 @@ Answer Exchange::waitForReply(const QByteArray& frame, Counters& counters, Durat
     attempt.self.answered = attempt.done;
     attempt.self.number = answer.request.tns;
     m_lastCounters = &counters;
-    if (m_last.isOpen())
+    // A peer answers in order: what came before an answer does not come any more.
+    if (attempt.done && !attempt.disturbed)
+        m_open.clear();
+    else if (m_last.isOpen())
         keepOpenNumbers();
     m_last = std::move(attempt.self);
     return answer;

@@ -699,6 +699,33 @@ TEST_F(PacedExchangeTest, AsksForALongReplyOfNarrowElementsWithinFourUsualRoundT
     EXPECT_LE(sentAfterMs().at(1), 4 * took);
 }
 
+TEST_F(PacedExchangeTest, KeepsTheNumbersApartOfRequestsBeforeTheLastWithoutAnAnswer)
+{
+    onSend = [](const QByteArray&) {};
+    exchange.run(request, counters, 300ms);
+    exchange.run(requestOf(6), counters, 300ms);
+    line.sent.clear();
+    const QByteArray other = wire::readRequest(5, hex("11 22"), wire::tagPath("Level"), 1);
+    exchange.run(other, counters, 300ms);
+    ASSERT_FALSE(line.sent.empty());
+    EXPECT_NE(numberOf(line.sent[0]), 5) << "a reply to the first request may still come";
+}
+
+TEST_F(PacedExchangeTest, SendsTheDriversOwnNumbersAgainOnceThePeerAnswers)
+{
+    onSend = [](const QByteArray&) {};
+    exchange.run(request, counters, 300ms);
+    exchange.run(requestOf(6), counters, 300ms);
+    onSend = [&](const QByteArray& piece) {
+        if (piece.size() > 2)
+            line.arrive(replyTo(numberOf(piece)), 9);
+    };
+    EXPECT_EQ(exchange.run(requestOf(7), counters).outcome, Outcome::Answered);
+    line.sent.clear();
+    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::Answered);
+    EXPECT_EQ(line.sent, std::vector<QByteArray>{request});
+}
+
 // The acknowledgement would be taken for that of the next reply.
 TEST_F(ExchangeTest, AcknowledgesNoCopyOfTheVeryFirstReplyWhileTheNextRequestWaits)
 {
@@ -719,16 +746,15 @@ TEST_F(ExchangeTest, AcknowledgesNoCopyOfTheVeryFirstReplyWhileTheNextRequestWai
         EXPECT_NE(wire::text(piece), "10 06");
 }
 
-TEST_F(PacedExchangeTest, LetsSlowRepliesMakeItsTimeOutFourTimesAsLongAtMost)
+TEST_F(PacedExchangeTest, LetsSlowRepliesMakeThePeersTimeFourTimesAsLongAtMost)
 {
     settings.timeoutMs = 0;
     Exchange slow(line, clock, settings);
-    const auto before = slow.timeoutFor(40);
     onSend = [&](const QByteArray& piece) {
         if (piece.size() > 2)
-            line.arrive(replyTo(numberOf(piece)), 5000);
+            line.arrive(replyTo(numberOf(piece)), 9000);
     };
     for (quint16 number = 200; number < 300; ++number)
-        slow.run(requestOf(number), counters);
-    EXPECT_LE(slow.timeoutFor(40), 4 * before);
+        slow.run(requestOf(number), counters, 20s);
+    EXPECT_EQ(slow.delayFor(500ms), 2000ms);
 }
