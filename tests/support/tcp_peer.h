@@ -3,6 +3,7 @@
 
 #include <QtCore/QByteArray>
 
+#include <chrono>
 #include <sys/socket.h>
 
 /// The far end of a TCP connection: a listener on a free port of the loop-back address, with one
@@ -42,5 +43,18 @@ private:
     int m_connection = -1;
     int m_port = 0;
 };
+
+/// Receives from a line until so many bytes are there, the connection is lost, or 10 s are over.
+template<typename Line> QByteArray receivedFrom(Line& line, int count)
+{
+    const auto patience = std::chrono::seconds(10);
+    const auto end = std::chrono::steady_clock::now() + patience;
+    QByteArray bytes;
+    while (bytes.size() < count && std::chrono::steady_clock::now() < end) {
+        if (!line.receive(bytes, patience))
+            break;
+    }
+    return bytes;
+}
 
 #endif

@@ -84,6 +84,24 @@ protected:
         const micro850::Duration end = clock.now() + std::chrono::milliseconds(ms);
         EXPECT_TRUE(runUntil([&] { return clock.now() >= end; }));
     }
+    micro850::Bytes& written() { return controller.tags().find("W")->elements[0]; }
+    // Polls, and writes 5 to W, so that its type is known.
+    void startAndWrite()
+    {
+        start();
+        ASSERT_TRUE(runUntilGood());
+        const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
+        ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
+        ASSERT_EQ(written()[0], 5);
+    }
+    // Writes 7 to W. The controller does so, and all its replies are lost from now on.
+    int writeWithoutAnswer()
+    {
+        faults(R"({"fault": "withhold", "rate": 1})");
+        const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
+        EXPECT_TRUE(runUntil([&] { return written()[0] == 7; }));
+        return id;
+    }
     std::string shown(int variable) { return loop->values().text(variable).toStdString(); }
     void setValues(std::uint8_t value)
     {
@@ -127,24 +145,14 @@ TEST_F(HostScenario, ALateReplyIsNeverShownUnderAnotherTag)
 
 TEST_F(HostScenario, AWriteWhoseAnswerWasLostIsNotWrittenAgainAfterTheControllerRestarted)
 {
-    start();
-    ASSERT_TRUE(runUntilGood());
-    const auto element = [this]() -> auto&
-    {
-        return controller.tags().find("W")->elements[0];
-    };
-    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
-    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
-    ASSERT_EQ(element()[0], 5);
-    faults(R"({"fault": "withhold", "rate": 1})");
-    const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
-    ASSERT_TRUE(runUntil([&] { return element()[0] == 7; }));
+    startAndWrite();
+    const int id = writeWithoutAnswer();
     ASSERT_EQ(loop->outcome(id), nullptr);
     controller.powerCycle(true);
     line.clear();
-    element() = {9, 0}; // by another program
+    written() = {9, 0}; // by another program
     runFor(5000);
-    EXPECT_EQ(element()[0], 9);
+    EXPECT_EQ(written()[0], 9);
     ASSERT_NE(loop->outcome(id), nullptr);
     EXPECT_EQ(loop->outcome(id)->state, Operation::State::Failed);
     EXPECT_TRUE(runUntilGood());
@@ -152,26 +160,17 @@ TEST_F(HostScenario, AWriteWhoseAnswerWasLostIsNotWrittenAgainAfterTheController
 
 TEST_F(HostScenario, AWriteUnderWhichTheDeviceWentAwayIsNotWrittenAgain)
 {
-    start();
-    ASSERT_TRUE(runUntilGood());
-    const auto element = [this]() -> auto&
-    {
-        return controller.tags().find("W")->elements[0];
-    };
-    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
-    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
-    faults(R"({"fault": "withhold", "rate": 1})");
-    const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
-    ASSERT_TRUE(runUntil([&] { return element()[0] == 7; }));
+    startAndWrite();
+    const int id = writeWithoutAnswer();
     line.clear();
     faults(R"({"fault": "hang-up", "message": )" +
            std::to_string(line.messages(micro850::sim::Side::Replies) + 1) + R"(, "seconds": 10})");
     ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
-    element() = {9, 0}; // by another program
+    written() = {9, 0}; // by another program
     EXPECT_TRUE(runUntil([&] { return loop->lineIsUp(); }));
     line.clear();
     runFor(5000);
-    EXPECT_EQ(element()[0], 9);
+    EXPECT_EQ(written()[0], 9);
     ASSERT_NE(loop->outcome(id), nullptr);
     EXPECT_EQ(loop->outcome(id)->state, Operation::State::Failed);
     EXPECT_TRUE(runUntilGood());
@@ -179,15 +178,12 @@ TEST_F(HostScenario, AWriteUnderWhichTheDeviceWentAwayIsNotWrittenAgain)
 
 TEST_F(HostScenario, AWriteIsTriedAgainWhenTheControllerDidNotKnowItsConnection)
 {
-    start();
-    ASSERT_TRUE(runUntilGood());
-    const int first = loop->write({1, "W"}, 0, QByteArray::fromHex("0500"));
-    ASSERT_TRUE(runUntil([&] { return loop->outcome(first); }));
+    startAndWrite();
     controller.powerCycle(true);
     const int id = loop->write({1, "W"}, 0, QByteArray::fromHex("0700"));
     ASSERT_TRUE(runUntil([&] { return loop->outcome(id); }));
     EXPECT_EQ(loop->outcome(id)->state, Operation::State::Done);
-    EXPECT_EQ(controller.tags().find("W")->elements[0][0], 7);
+    EXPECT_EQ(written()[0], 7);
 }
 
 TEST_F(HostScenario, AReplyThatIsSentAgainInsteadOfAnotherIsDroppedAndCountedAsLate)

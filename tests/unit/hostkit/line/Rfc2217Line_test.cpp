@@ -48,16 +48,7 @@ protected:
     {
         return std::async(std::launch::async, [this] { return line.open(error); });
     }
-    QByteArray receive(int count)
-    {
-        QByteArray bytes;
-        const Duration start = clock.now();
-        while (bytes.size() < count && clock.now() - start < kLong) {
-            if (!line.receive(bytes, kLong))
-                break;
-        }
-        return bytes;
-    }
+    QByteArray receive(int count) { return receivedFrom(line, count); }
     std::string at() const { return "127.0.0.1:" + std::to_string(peer.port()); }
 
     TcpPeer peer;

@@ -47,17 +47,7 @@ protected:
         ASSERT_TRUE(line.open(error)) << error.toStdString();
         peer.accept();
     }
-    // Receives until so many bytes are there or the connection is lost.
-    QByteArray receive(int count)
-    {
-        QByteArray bytes;
-        const Duration start = clock.now();
-        while (bytes.size() < count && clock.now() - start < kLong) {
-            if (!line.receive(bytes, kLong))
-                break;
-        }
-        return bytes;
-    }
+    QByteArray receive(int count) { return receivedFrom(line, count); }
     // Whether the line tells its loss before the time is over.
     bool losesWithin(Duration time)
     {

@@ -23,6 +23,21 @@ protected:
         EXPECT_EQ(text(variable), expected);
         return good && text(variable) == expected;
     }
+    // Polls two stations, of which the second one dies. The one controller in memory answers for
+    // both; which station is meant shows in the tag.
+    bool runUntilTheSecondStationIsDead()
+    {
+        plc.tags["Far"] = {0x00C3, {hex("63 00")}};
+        start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})",
+              R"([{"number": 1}, {"number": 2}])");
+        EXPECT_TRUE(runUntilRead());
+        plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+            // Its data requests and, with station 1 connected, every set-up are station 2's.
+            if (request.tag == "Far" || request.service == 0x01)
+                reply.clear();
+        };
+        return runUntil([&] { return station(2).state() == Station::State::Dead; });
+    }
 };
 
 } // namespace
@@ -103,14 +118,7 @@ TEST_F(PollLoopRecoveryTest, ShowsTheLastValueAsStaleUntilTheStationAnswersAgain
 
 TEST_F(PollLoopRecoveryTest, ProbesADeadStationAtGrowingIntervalsWhileAnotherAnswers)
 {
-    plc.tags["Far"] = {0x00C3, {hex("63 00")}};
-    start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})", R"([{"number": 1}, {"number": 2}])");
-    ASSERT_TRUE(runUntilRead());
-    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
-        if (request.tag == "Far" || request.service == 0x01)
-            reply.clear();
-    };
-    ASSERT_TRUE(runUntil([&] { return station(2).state() == Station::State::Dead; }));
+    ASSERT_TRUE(runUntilTheSecondStationIsDead());
     std::vector<micro850::Duration> probes;
     qint64 seen = station(2).counters().timedOut;
     ASSERT_TRUE(runUntil([&] {
@@ -303,16 +311,7 @@ TEST_F(PollLoopRecoveryTest, NeverShowsALateReplyUnderAnotherTag)
 
 TEST_F(PollLoopRecoveryTest, ReadsTheOtherStationWhileOneIsDead)
 {
-    // The one controller in memory answers for both; which station is meant shows in the tag.
-    plc.tags["Far"] = {0x00C3, {hex("63 00")}};
-    start(R"({"tag": "Speed"}, {"tag": "Far", "station": 2})", R"([{"number": 1}, {"number": 2}])");
-    ASSERT_TRUE(runUntilRead());
-    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
-        // Station 2's data requests and, with station 1 connected, every set-up are station 2's.
-        if (request.tag == "Far" || request.service == 0x01)
-            reply.clear();
-    };
-    ASSERT_TRUE(runUntil([&] { return station(2).state() == Station::State::Dead; }));
+    ASSERT_TRUE(runUntilTheSecondStationIsDead());
     EXPECT_EQ(loop->quality(1), Quality::Stale);
     const int before = plc.count(0x52, "Speed");
     runFor(10000);
