@@ -169,7 +169,7 @@ bool TcpSocket::lose(int systemError)
     return false;
 }
 
-TcpSocket::Got TcpSocket::take(QByteArray& bytes)
+TcpSocket::Got TcpSocket::receiveOnce(QByteArray& bytes)
 {
     std::array<char, 4096> buffer;
     const ssize_t count = ::recv(m_descriptor, buffer.data(), buffer.size(), 0);
@@ -192,7 +192,7 @@ bool TcpSocket::read(QByteArray& bytes, Duration wait)
     // A signal ends the wait, like a silence does, so that the caller sees what its handler set.
     if (::poll(&input, 1, pollTimeout(wait)) <= 0)
         return true;
-    return take(bytes) != Got::End;
+    return receiveOnce(bytes) != Got::End;
 }
 
 bool TcpSocket::readArrived(QByteArray& bytes)
@@ -202,7 +202,7 @@ bool TcpSocket::readArrived(QByteArray& bytes)
     const int most = bytes.size() + kMostArrived;
     Got got = Got::Bytes;
     while (got == Got::Bytes && bytes.size() < most)
-        got = take(bytes);
+        got = receiveOnce(bytes);
     return got != Got::End;
 }
 

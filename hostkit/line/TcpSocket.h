@@ -42,7 +42,7 @@ private:
     int connectTo(const SocketAddress& address);
     bool lose(int systemError);
     enum class Got { Bytes, Nothing, End };
-    Got take(QByteArray& bytes);
+    Got receiveOnce(QByteArray& bytes);
 
     NetworkAddress m_address;
     HostLookup m_lookup;

@@ -69,7 +69,7 @@ struct Exchange::Attempt
     // A frame without a further byte until then has lost its end.
     Duration cutOffAt() const { return heardAt + (patience > Duration(0) ? patience : time / 4); }
     Duration dueAt(bool inFrame) const { return inFrame && !stopped ? cutOffAt() : askAt; }
-    void hear()
+    void noteBytes()
     {
         heardAt = now;
         askAt = std::max(askAt, now + patience);
@@ -299,7 +299,7 @@ bool Exchange::collect(Attempt& attempt)
         return false;
     attempt.now = m_clock.now();
     if (!bytes.isEmpty())
-        attempt.hear();
+        attempt.noteBytes();
     attempt.counters.bytesReceived += bytes.size();
     const ReplyCollector::Events events = m_collector.feed(std::move(bytes));
     for (const ReplyCollector::Event& event : events) {

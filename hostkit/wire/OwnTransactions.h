@@ -47,9 +47,6 @@ public:
         }
     }
 
-    /// The last one; 0 before the first.
-    quint16 last() const { return m_last; }
-
 private:
     std::function<unsigned()> m_random;
     quint16 m_last = 0;

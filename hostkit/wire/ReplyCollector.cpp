@@ -207,7 +207,7 @@ void ReplyCollector::leaveControlOut()
 }
 
 // The data of this complete frame, undoubled.
-ByteSlice ReplyCollector::takeData(const QByteArray& frame)
+ByteSlice ReplyCollector::popData(const QByteArray& frame)
 {
     const int dataEnd = m_at - kTrailerBytes;
     if (m_oneRun)
@@ -219,7 +219,7 @@ ByteSlice ReplyCollector::takeData(const QByteArray& frame)
 void ReplyCollector::end(Events& events)
 {
     QByteArray frame = raw();
-    ByteSlice data = takeData(frame);
+    ByteSlice data = popData(frame);
     const auto byteAt = [this](int at) { return static_cast<quint8>(m_bytes.at(at)); };
     const int received = byteAt(m_at - 2) | byteAt(m_at - 1) << 8;
     if (m_illegal || received != frameCrc(data))

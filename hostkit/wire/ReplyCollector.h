@@ -66,7 +66,7 @@ private:
     void breakRun(int end);
     void reportControl(Kind kind, char control, Events& events);
     void leaveControlOut();
-    ByteSlice takeData(const QByteArray& frame);
+    ByteSlice popData(const QByteArray& frame);
     void end(Events& events);
     void leaveFrame();
     void dropParsed();
