@@ -1,11 +1,9 @@
 #include "Output.h"
 
-#include "Elements.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "Visible.h"
 
-#include <cmath>
 #include <iostream>
 #include <unistd.h>
 
@@ -66,41 +64,6 @@ QString progressText(const QString& what, int done, int total)
     return QStringLiteral("%1 [%2] %3/%4")
         .arg(what, QString(full, '#') + QString(width - full, '.'), QString::number(done),
              QString::number(total));
-}
-
-Json jsonOf(const QString& text)
-{
-    return Json(text.toStdString());
-}
-
-Json jsonOf(const CipValue& value)
-{
-    switch (value.kind()) {
-    case CipKind::Boolean:
-        return Json(value.boolean());
-    case CipKind::Signed:
-        return Json(value.signedNumber());
-    case CipKind::Unsigned:
-    case CipKind::Bits:
-        return Json(value.unsignedNumber());
-    case CipKind::Real:
-        if (std::isfinite(value.number()))
-            return Json(value.number());
-        break;
-    case CipKind::String:
-        break;
-    }
-    return jsonOf(valueText(value));
-}
-
-Json jsonOf(const QVector<CipValue>& values)
-{
-    if (values.size() == 1)
-        return jsonOf(values.first());
-    Json all = Json::array();
-    for (const CipValue& value : values)
-        all.push_back(jsonOf(value));
-    return all;
 }
 
 } // namespace micro850::host

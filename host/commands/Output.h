@@ -1,18 +1,12 @@
 #ifndef MICRO850_HOST_OUTPUT_H
 #define MICRO850_HOST_OUTPUT_H
 
-#include "CipValue.h"
+#include "Json.h"
 
 #include <QtCore/QString>
 #include <QtCore/QStringList>
-#include <QtCore/QVector>
-
-#include <nlohmann/json.hpp>
 
 namespace micro850::host {
-
-/// Keys keep the order in which they were added.
-using Json = nlohmann::ordered_json;
 
 /// Prints the results of a command: data on standard output, everything else on standard error.
 /// Whatever the texts hold, a terminal only shows it (VisibleText): each is one line.
@@ -59,12 +53,6 @@ private:
 
 /// "checking [#####.....] 12/24"
 QString progressText(const QString& what, int done, int total);
-
-Json jsonOf(const QString& text);
-/// True or false, a number, or a text; a real number that is not finite is a text.
-Json jsonOf(const CipValue& value);
-/// The value, or the array of several.
-Json jsonOf(const QVector<CipValue>& values);
 
 } // namespace micro850::host
 

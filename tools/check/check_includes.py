@@ -24,9 +24,16 @@ ROOMS = {
     "hostkit/record": ["hostkit/project"],
     "hostkit/driver": ["hostkit/project", DRIVER],
     "hostkit/poll": ["hostkit/driver"],
-    "host/terminal": ["hostkit/poll", "hostkit/record"],
+    "hostkit/gateway": ["hostkit/poll"],
+    "host/terminal": ["hostkit/gateway", "hostkit/record"],
     "host/commands": ["host/terminal"],
     "host": ["host/commands"],
+    "gateway/lines": ["hostkit/gateway"],
+    "gateway/history": ["gateway/lines", "hostkit/record"],
+    "gateway/clients": ["gateway/history"],
+    "gateway/broker": ["gateway/history"],
+    "gateway/web": ["gateway/history"],
+    "gateway": ["gateway/clients", "gateway/broker", "gateway/web"],
     "simulator": ["common"],
 }
 # The installed headers. The driver's internals may include those of them that declare records.
