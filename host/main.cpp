@@ -18,11 +18,10 @@ namespace {
 
 int run(int argc, char** argv)
 {
-    host::CommandLine line(
-        "micro850-host", MICRO850_VERSION,
-        "Reads, writes and watches the tags of a Micro850 controller.",
-        std::string("micro850-host COMMAND --help shows more, with an example.\n") +
-            host::kStatuses);
+    CommandLine line("micro850-host", MICRO850_VERSION,
+                     "Reads, writes and watches the tags of a Micro850 controller.",
+                     std::string("micro850-host COMMAND --help shows more, with an example.\n") +
+                         host::kStatuses);
     host::addProbe(line);
     host::addPoll(line);
     host::addRead(line);

@@ -1,8 +1,8 @@
-#ifndef MICRO850_HOST_COMMANDS_COMMANDLINE_H
-#define MICRO850_HOST_COMMANDS_COMMANDLINE_H
+#ifndef MICRO850_COMMON_COMMANDLINE_H
+#define MICRO850_COMMON_COMMANDLINE_H
 
-// The command line as the commands describe it. Only CommandLine.cpp includes the parser, which
-// takes long to compile.
+// A command line as the commands of a program describe it. Only CommandLine.cpp includes the
+// parser, which takes long to compile.
 
 #include <functional>
 #include <memory>
@@ -13,7 +13,7 @@ namespace CLI {
 class App;
 }
 
-namespace micro850::host {
+namespace micro850 {
 
 /// The options and arguments of one command. Each names the variable that it sets, which must live
 /// as long as the command line. The help lists them in the order in which they were added.
@@ -55,6 +55,14 @@ public:
     /// user must be told.
     CommandOptions addCommand(const char* name, const char* description, std::function<int()> run);
 
+    /// A command that no help lists and that has no options. For a program that
+    /// starts itself.
+    void addHiddenCommand(const char* name, std::function<int()> run);
+
+    /// The options and arguments of the program when no command is named, and what it does then.
+    /// Without this, a command is required.
+    CommandOptions withoutCommand(std::function<int()> run);
+
     /// Parses the arguments and runs the command that they name. Returns the exit status. Throws
     /// UserError for arguments that are not allowed.
     int run(int argc, char** argv);
@@ -66,11 +74,13 @@ private:
         std::function<int()> run;
     };
     void requireCommand(const std::string& word) const;
+    std::vector<std::string> shownCommands() const;
 
     std::unique_ptr<CLI::App> m_parser;
     std::vector<Command> m_commands;
+    std::function<int()> m_withoutCommand;
 };
 
-} // namespace micro850::host
+} // namespace micro850
 
 #endif

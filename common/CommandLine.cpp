@@ -9,8 +9,9 @@
 #include <charconv>
 #include <cmath>
 #include <sstream>
+#include <unistd.h>
 
-namespace micro850::host {
+namespace micro850 {
 
 namespace {
 
@@ -134,16 +135,43 @@ CommandOptions CommandLine::addCommand(const char* name, const char* description
     return CommandOptions(*command);
 }
 
-// The parser would only report that a command is missing.
-void CommandLine::requireCommand(const std::string& word) const
+void CommandLine::addHiddenCommand(const char* name, std::function<int()> run)
+{
+    CLI::App* command = m_parser->add_subcommand(name, "")->group("");
+    m_commands.push_back({command, std::move(run)});
+}
+
+CommandOptions CommandLine::withoutCommand(std::function<int()> run)
+{
+    m_withoutCommand = std::move(run);
+    m_parser->require_subcommand(0, 1);
+    return CommandOptions(*m_parser);
+}
+
+std::vector<std::string> CommandLine::shownCommands() const
 {
     std::vector<std::string> names;
-    for (const Command& command : m_commands)
-        names.push_back(command.parser->get_name());
-    if (word.empty() || word[0] == '-' || std::count(names.begin(), names.end(), word) != 0)
+    for (const Command& command : m_commands) {
+        if (!command.parser->get_group().empty())
+            names.push_back(command.parser->get_name());
+    }
+    return names;
+}
+
+// The parser would only report that a command is missing. A program that works without a command
+// takes another word for its argument: here only one that is nearly a command is an error.
+void CommandLine::requireCommand(const std::string& word) const
+{
+    if (word.empty() || word[0] == '-')
         return;
-    throw UserError('"' + word + "\" is not a command" + didYouMean(word, names) + " (see " +
-                    m_parser->get_name() + " --help)");
+    const bool known = std::any_of(m_commands.begin(), m_commands.end(), [&](const Command& each) {
+        return each.parser->get_name() == word;
+    });
+    const std::string meant = didYouMean(word, shownCommands());
+    if (known || (m_withoutCommand && (meant.empty() || ::access(word.c_str(), F_OK) == 0)))
+        return;
+    throw UserError('"' + word + "\" is not a command" + meant + " (see " + m_parser->get_name() +
+                    " --help)");
 }
 
 int CommandLine::run(int argc, char** argv)
@@ -163,7 +191,7 @@ int CommandLine::run(int argc, char** argv)
         if (command.parser->parsed())
             return command.run();
     }
-    return kExitUsage;
+    return m_withoutCommand ? m_withoutCommand() : kExitUsage;
 }
 
-} // namespace micro850::host
+} // namespace micro850

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-using namespace micro850::host;
+using namespace micro850;
 
 namespace {
 
@@ -103,6 +103,81 @@ TEST_F(CommandLineTest, RejectsValuesOutsideTheirRange)
                   std::string("--length: \"") + text +
                       "\" is not a decimal number such as 0.5 (see prog go --help)");
     EXPECT_EQ(runs, 0);
+}
+
+/// A program that works without a command, has one command, "show", and starts itself as "part".
+class MainCommandTest : public ::testing::Test
+{
+protected:
+    MainCommandTest() : line("prog", "1.2", "Does things.", "The end.")
+    {
+        CommandOptions main = line.withoutCommand([this] {
+            ran = "main " + file;
+            return 3;
+        });
+        main.text("FILE", file, "What to do");
+        line.addCommand("show", "Show", [this] {
+            ran = "show";
+            return 4;
+        });
+        line.addHiddenCommand("part", [this] {
+            ran = "part";
+            return 5;
+        });
+    }
+    int run(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), "prog");
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments)
+            pointers.push_back(argument.data());
+        return line.run(static_cast<int>(pointers.size()), pointers.data());
+    }
+
+    CommandLine line;
+    std::string file = "none";
+    std::string ran;
+};
+
+TEST_F(MainCommandTest, RunsTheProgramsOwnWorkWhenNoCommandIsNamed)
+{
+    EXPECT_EQ(run({"plant.json"}), 3);
+    EXPECT_EQ(ran, "main plant.json");
+}
+
+TEST_F(MainCommandTest, RunsItWithoutAnyArgument)
+{
+    EXPECT_EQ(run({}), 3);
+    EXPECT_EQ(ran, "main none");
+}
+
+TEST_F(MainCommandTest, RunsTheCommandThatIsNamed)
+{
+    EXPECT_EQ(run({"show"}), 4);
+    EXPECT_EQ(ran, "show");
+}
+
+TEST_F(MainCommandTest, RunsAHiddenCommandThatTheHelpDoesNotName)
+{
+    EXPECT_EQ(run({"part"}), 5);
+    EXPECT_EQ(ran, "part");
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(run({"--help"}), 0);
+    const std::string help = ::testing::internal::GetCapturedStdout();
+    EXPECT_NE(help.find("show"), std::string::npos) << help;
+    EXPECT_EQ(help.find("part"), std::string::npos) << help;
+}
+
+TEST_F(MainCommandTest, TakesNoMistypedCommandForAnArgument)
+{
+    try {
+        run({"shwo"});
+        FAIL();
+    } catch (const UserError& error) {
+        EXPECT_STREQ(error.what(),
+                     "\"shwo\" is not a command (did you mean show?) (see prog --help)");
+    }
+    EXPECT_EQ(ran, "");
 }
 
 } // namespace
