@@ -1,0 +1,12 @@
+#include "Worker.h"
+
+#include "UserError.h"
+
+namespace micro850::gateway {
+
+int runWorker(int)
+{
+    return kExitDone;
+}
+
+} // namespace micro850::gateway
