@@ -32,6 +32,8 @@ public:
     /// The elements of an array.
     Elements elements() const;
     bool isArray() const;
+    /// The value itself; lives as long as the node.
+    const nlohmann::json& value() const { return *m_value; }
 
     std::string text() const;
     bool boolean() const;

@@ -1,9 +1,16 @@
 #include "Protocol.h"
 
+#include "Message.h"
 #include "UserError.h"
 #include "VisibleText.h"
 
-#include <QtCore/QDateTime>
+#include <QtCore/QDate>
+#include <QtCore/QTime>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
 
 namespace micro850::host {
 
@@ -39,11 +46,108 @@ int numberIn(const Json& object, const char* key)
     return found->get<int>();
 }
 
+const qint64 kMillisecondsOfSecond = 1000;
+const qint64 kMillisecondsOfDay = 86400 * kMillisecondsOfSecond;
+
+// Most texts need no escapes; the library's function is much slower.
+void appendText(QByteArray& to, const QString& text)
+{
+    const QByteArray utf8 = text.toUtf8();
+    const bool isPlain = std::all_of(utf8.begin(), utf8.end(), [](char c) {
+        return static_cast<quint8>(c) >= 0x20 && c != '"' && c != '\\' && c != 0x7F;
+    });
+    if (isPlain)
+        to.append('"').append(utf8).append('"');
+    else
+        to.append(Json(utf8.toStdString()).dump().c_str());
+}
+
+void appendJson(QByteArray& to, const Json& value)
+{
+    const std::string text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    to.append(text.data(), static_cast<int>(text.size()));
+}
+
+// The number that the digits from `at` make; below 0 when one of them is no digit.
+int digitsAt(const QString& text, int at, int count)
+{
+    int number = 0;
+    for (int i = at; i < at + count; ++i) {
+        const int digit = text.at(i).unicode() - '0';
+        if (digit < 0 || digit > 9)
+            return -1;
+        number = 10 * number + digit;
+    }
+    return number;
+}
+
 } // namespace
 
 QString timeText(qint64 milliseconds)
 {
-    return QDateTime::fromMSecsSinceEpoch(milliseconds, Qt::UTC).toString(Qt::ISODateWithMs);
+    const qint64 rest =
+        ((milliseconds % kMillisecondsOfSecond) + kMillisecondsOfSecond) % kMillisecondsOfSecond;
+    const std::time_t seconds = (milliseconds - rest) / kMillisecondsOfSecond;
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    std::array<char, 64> text{};
+    const int size =
+        std::snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ",
+                      parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour,
+                      parts.tm_min, parts.tm_sec, static_cast<int>(rest));
+    return QString::fromLatin1(text.data(), size);
+}
+
+std::optional<qint64> timeOf(const QString& text)
+{
+    const QString form = QStringLiteral("0000-00-00T00:00:00.000Z");
+    if (text.size() != form.size())
+        return std::nullopt;
+    for (int i = 0; i < form.size(); ++i) {
+        if (form.at(i) != '0' && text.at(i) != form.at(i))
+            return std::nullopt;
+    }
+    const QDate date(digitsAt(text, 0, 4), digitsAt(text, 5, 2), digitsAt(text, 8, 2));
+    const QTime time(digitsAt(text, 11, 2), digitsAt(text, 14, 2), digitsAt(text, 17, 2),
+                     digitsAt(text, 20, 3));
+    if (!date.isValid() || !time.isValid())
+        return std::nullopt;
+    return QDate(1970, 1, 1).daysTo(date) * kMillisecondsOfDay + time.msecsSinceStartOfDay();
+}
+
+QByteArray encoded(const GatewayValue& value)
+{
+    const int kUsual = 320;
+    QByteArray text;
+    text.reserve(kUsual + value.bytes.size() * 2);
+    text.append("{\"line\":");
+    appendText(text, value.line);
+    text.append(",\"name\":");
+    appendText(text, value.name);
+    text.append(",\"station\":").append(QByteArray::number(value.station)).append(",\"tag\":");
+    appendText(text, value.tag);
+    text.append(",\"element\":").append(QByteArray::number(value.element));
+    if (value.type)
+        text.append(",\"type\":\"").append(value.type->name).append("\",\"value\":");
+    else
+        text.append(",\"type\":null,\"value\":");
+    appendJson(text, value.value);
+    text.append(",\"quality\":\"").append(qualityText(value.quality).toLatin1());
+    if (value.time)
+        text.append("\",\"time\":\"").append(timeText(*value.time).toLatin1()).append('"');
+    else
+        text.append("\",\"time\":null");
+    if (!value.bytes.isEmpty())
+        text.append(",\"bytes\":\"").append(value.bytes.toHex()).append('"');
+    if (!value.unit.isEmpty()) {
+        text.append(",\"unit\":");
+        appendText(text, value.unit);
+    }
+    if (!value.error.isEmpty()) {
+        text.append(",\"error\":");
+        appendText(text, value.error);
+    }
+    return text.append('}');
 }
 
 Json jsonOf(const GatewayValue& value)
@@ -78,16 +182,16 @@ GatewayValue gatewayValueOf(const Json& object)
     value.element = numberIn(object, "element");
     const QString type = textIn(object, "type");
     value.type = type.isEmpty() ? nullptr : &cipTypeNamed(type.toStdString());
-    value.bytes = QByteArray::fromHex(textIn(object, "bytes").toLatin1());
+    value.bytes = bytesOf(textIn(object, "bytes"), "bytes");
     value.value = object.value("value", Json());
     value.unit = textIn(object, "unit");
     value.quality = qualityOf(textIn(object, "quality"));
     const QString time = textIn(object, "time");
     if (!time.isEmpty()) {
-        const QDateTime parsed = QDateTime::fromString(time, Qt::ISODateWithMs);
-        if (!parsed.isValid())
-            throw UserError("time: " + inQuotes(time.toStdString()) + " is no time");
-        value.time = parsed.toMSecsSinceEpoch();
+        value.time = timeOf(time);
+        if (!value.time)
+            throw UserError("time: " + inQuotes(time.toStdString()) +
+                            " is no time such as 2026-11-22T13:30:00.125Z");
     }
     value.error = textIn(object, "error");
     return value;

@@ -43,12 +43,16 @@ struct GatewayValue
 
 /// The object of a value in "values".
 Json jsonOf(const GatewayValue& value);
+/// The same as text.
+QByteArray encoded(const GatewayValue& value);
 /// The value of such an object. Throws UserError, which names the key, for one that is not as the
 /// protocol says.
 GatewayValue gatewayValueOf(const Json& object);
 
 /// "2026-11-22T13:30:00.125Z" of milliseconds since 1970 UTC.
 QString timeText(qint64 milliseconds);
+/// The milliseconds of such a text; nothing when it is no such text.
+std::optional<qint64> timeOf(const QString& text);
 
 } // namespace micro850::host
 
