@@ -47,27 +47,6 @@ struct CloseFile
                     " (check the path)");
 }
 
-// Devices and pipes have no size, so that the bytes are counted as they come.
-std::string contentOf(const std::string& path)
-{
-    constexpr std::size_t kLargestFile = std::size_t{64} << 20;
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
-    if (!file)
-        failToRead(path);
-    std::string text;
-    std::array<char, 65536> part{};
-    std::size_t got = part.size();
-    while (got == part.size() && text.size() <= kLargestFile) {
-        got = std::fread(part.data(), 1, part.size(), file.get());
-        text.append(part.data(), got);
-    }
-    if (std::ferror(file.get()) != 0)
-        failToRead(path);
-    if (text.size() > kLargestFile)
-        throw UserError(path + ": is longer than 64 MB (divide it into several files)");
-    return text;
-}
-
 // The parser would take a byte 00 for the end of the file and drop what follows.
 void refuseZeroByte(const std::string& text, const std::string& name)
 {
@@ -184,6 +163,27 @@ json parsed(const std::string& text)
 
 } // namespace
 
+// Devices and pipes have no size, so that the bytes are counted as they come.
+std::string fileContent(const std::string& path)
+{
+    constexpr std::size_t kLargestFile = std::size_t{64} << 20;
+    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rb"));
+    if (!file)
+        failToRead(path);
+    std::string text;
+    std::array<char, 65536> part{};
+    std::size_t got = part.size();
+    while (got == part.size() && text.size() <= kLargestFile) {
+        got = std::fread(part.data(), 1, part.size(), file.get());
+        text.append(part.data(), got);
+    }
+    if (std::ferror(file.get()) != 0)
+        failToRead(path);
+    if (text.size() > kLargestFile)
+        throw UserError(path + ": is longer than 64 MB (divide it into several files)");
+    return text;
+}
+
 struct JsonNode::Document
 {
     json root;
@@ -197,7 +197,7 @@ JsonNode::JsonNode(std::shared_ptr<const Document> document, const json* value, 
 
 JsonNode JsonNode::fromFile(const std::string& path)
 {
-    return fromText(contentOf(path), path);
+    return fromText(fileContent(path), path);
 }
 
 JsonNode JsonNode::fromText(const std::string& text, const std::string& name)

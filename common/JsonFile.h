@@ -64,6 +64,10 @@ private:
     std::string m_path;
 };
 
+/// The content of a file, a device or a pipe. Throws UserError when it cannot be read or is longer
+/// than 64 MB.
+std::string fileContent(const std::string& path);
+
 /// The elements of an array. Each node is made when it is asked for: an array may have millions.
 class JsonNode::Elements
 {
