@@ -6,24 +6,24 @@ namespace micro850::host {
 
 namespace {
 
-Json changeObject(const PollLoop& loop, const Project& project, int variable, const QDateTime& time)
+Json changeObject(const Plant& plant, const Project& project, int variable, const QDateTime& time)
 {
     const Variable& asked = project.variables.at(variable);
-    const CipType* type = loop.values().type(variable);
+    const CipType* type = plant.values().type(variable);
     Json object = {{"time", time.toUTC().toString(Qt::ISODateWithMs).toStdString()},
                    {"name", asked.name.toStdString()},
                    {"station", asked.station},
                    {"tag", asked.tag.toStdString()},
                    {"element", asked.element},
                    {"type", type ? Json(type->name) : Json()},
-                   {"value", loop.values().wasRead(variable)
-                                 ? jsonOf(loop.values().values(variable))
+                   {"value", plant.values().wasRead(variable)
+                                 ? jsonOf(plant.values().values(variable))
                                  : Json()},
-                   {"quality", qualityText(loop.quality(variable)).toStdString()}};
+                   {"quality", qualityText(plant.quality(variable)).toStdString()}};
     if (!asked.unit.isEmpty())
         object["unit"] = asked.unit.toStdString();
-    if (!loop.values().error(variable).isEmpty())
-        object["error"] = loop.values().error(variable).toStdString();
+    if (!plant.values().error(variable).isEmpty())
+        object["error"] = plant.values().error(variable).toStdString();
     return object;
 }
 
@@ -47,7 +47,7 @@ void ChangePrinter::print()
     const QDateTime time = QDateTime::currentDateTime();
     for (const int variable : m_changes.popVariables()) {
         const Json object =
-            m_output.json() ? changeObject(m_loop, m_project, variable, time) : Json();
+            m_output.json() ? changeObject(m_plant, m_project, variable, time) : Json();
         m_output.data(object, time.toString(QStringLiteral("HH:mm:ss.zzz ")) +
                                   m_table.changeLine(variable));
     }

@@ -15,8 +15,8 @@ public:
     /// Prints once in each interval; with an interval of 0 after each step.
     ChangePrinter(RunLoop& run, const Project& project, const Output& output,
                   Duration interval = Duration(0))
-        : m_loop(run.loop()), m_project(project), m_table(run.table()), m_output(output),
-          m_changes(run.loop(), m_table), m_interval(interval)
+        : m_plant(run.plant()), m_project(project), m_table(run.table()), m_output(output),
+          m_changes(run.plant(), m_table), m_interval(interval)
     {
     }
 
@@ -27,7 +27,7 @@ public:
 private:
     void print();
 
-    const PollLoop& m_loop;
+    const Plant& m_plant;
     const Project& m_project;
     const LiveTable& m_table;
     const Output& m_output;

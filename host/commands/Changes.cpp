@@ -7,11 +7,11 @@ namespace micro850::host {
 // A value that becomes stale, or good again, has changed too.
 QVector<int> Changes::popVariables()
 {
-    const ValueStore& values = m_loop.values();
-    QSet<int> changed = m_loop.values().popChanged();
+    const ValueStore& values = m_plant.values();
+    QSet<int> changed = m_plant.values().popChanged();
     m_qualities.resize(values.size());
     for (int i = 0; i < m_qualities.size(); ++i) {
-        const Quality quality = m_loop.quality(i);
+        const Quality quality = m_plant.quality(i);
         if (quality != m_qualities.at(i))
             changed.insert(i);
         m_qualities[i] = quality;
@@ -28,10 +28,8 @@ QVector<int> Changes::popVariables()
 QStringList Changes::popStates()
 {
     QStringList states(m_table.reportedLineState());
-    for (const Station& station : m_loop.stations())
-        states += QStringLiteral("station %1: %2")
-                      .arg(station.number())
-                      .arg(conditionText(station, m_loop.lineIsUp()));
+    for (const StationView& station : m_plant.stationViews())
+        states += QStringLiteral("station %1: ").arg(station.number) + conditionText(station);
     QStringList changed;
     for (int i = 0; i < states.size(); ++i) {
         if (states.at(i) != m_states.value(i))

@@ -5,11 +5,11 @@
 
 namespace micro850::host {
 
-/// What changed in a poll loop since the last call.
+/// What changed in a plant since the last call.
 class Changes
 {
 public:
-    Changes(PollLoop& loop, const LiveTable& table) : m_loop(loop), m_table(table) {}
+    Changes(Plant& plant, const LiveTable& table) : m_plant(plant), m_table(table) {}
 
     /// The variables whose value, error or quality changed and that have something to show, in the
     /// project's order.
@@ -18,7 +18,7 @@ public:
     QStringList popStates();
 
 private:
-    PollLoop& m_loop;
+    Plant& m_plant;
     const LiveTable& m_table;
     QVector<Quality> m_qualities;
     QStringList m_states;

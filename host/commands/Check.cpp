@@ -1,6 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
+#include "Session.h"
 #include "Targets.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
@@ -41,15 +42,15 @@ QString problemOf(const Variable& variable, const CipType& type)
     return QString();
 }
 
-Finding findingOf(const Variable& variable, Session& session)
+Finding findingOf(const Variable& variable, TagAccess& access)
 {
     Finding finding;
     const TagKey key = {variable.station, variable.tag};
     try {
-        finding.type = &session.typeOf(key);
+        finding.type = &access.typeOf(key);
         finding.problem = problemOf(variable, *finding.type);
         if (finding.problem.isEmpty())
-            session.requireElements(key, variable.element, variable.length);
+            access.requireElements(key, variable.element, variable.length);
     } catch (const TagRefused& refused) {
         finding.problem = QString::fromStdString(refused.why());
         if (refused.element() >= 0)

@@ -36,10 +36,10 @@ std::optional<CipValue> valueOf(const ValueStore& values, const Variable& variab
     return values.values(index).first();
 }
 
-Sample sampleOf(const PollLoop& loop, const Project& project, int index, const QDateTime& time)
+Sample sampleOf(const Plant& plant, const Project& project, int index, const QDateTime& time)
 {
     const Variable& variable = project.variables.at(index);
-    const ValueStore& values = loop.values();
+    const ValueStore& values = plant.values();
     const CipType* type = values.type(index);
     return {time,
             variable.name,
@@ -49,7 +49,7 @@ Sample sampleOf(const PollLoop& loop, const Project& project, int index, const Q
             type ? QString::fromLatin1(type->name) : QString(),
             valueOf(values, variable, index),
             variable.unit,
-            qualityText(loop.quality(index)),
+            qualityText(plant.quality(index)),
             values.error(index)};
 }
 
@@ -65,8 +65,9 @@ class Logging : public LoopView
 {
 public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
-        : m_loop(run.loop()), m_project(project), m_output(output), m_changes(m_loop, run.table()),
-          m_recorder(recorderOf(options, output)), m_interval(fromSeconds(options.interval))
+        : m_plant(run.plant()), m_project(project), m_output(output),
+          m_changes(m_plant, run.table()), m_recorder(recorderOf(options, output)),
+          m_interval(fromSeconds(options.interval))
     {
     }
 
@@ -106,9 +107,16 @@ private:
     }
     bool isKnown(int variable) const
     {
-        const ValueStore& values = m_loop.values();
+        const ValueStore& values = m_plant.values();
         return values.wasRead(variable) || !values.error(variable).isEmpty() ||
-               !m_loop.stations().value(m_project.variables.at(variable).station).inService();
+               !isServed(m_project.variables.at(variable).station);
+    }
+    bool isServed(int number) const
+    {
+        const QVector<StationView> stations = m_plant.stationViews();
+        return std::any_of(stations.begin(), stations.end(), [number](const StationView& each) {
+            return each.number == number && each.isServed;
+        });
     }
     QVector<int> all() const
     {
@@ -120,12 +128,12 @@ private:
     {
         const QDateTime time = QDateTime::currentDateTimeUtc();
         for (const int variable : variables) {
-            m_recorder->add(sampleOf(m_loop, m_project, variable, time));
+            m_recorder->add(sampleOf(m_plant, m_project, variable, time));
             ++m_rows;
         }
     }
 
-    PollLoop& m_loop;
+    Plant& m_plant;
     const Project& m_project;
     const Output& m_output;
     Changes m_changes;

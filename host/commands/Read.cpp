@@ -1,6 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
+#include "Session.h"
 #include "Targets.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
@@ -45,16 +46,16 @@ public:
     QVector<Target> targets() const;
     /// Refuses an index into a string and a type that is not the project's, as soon as the types
     /// are known.
-    void checkTypes(Session& session, const Interrupt& interrupt);
-    void carryOut(Session& session, const Interrupt& interrupt);
+    void checkTypes(TagAccess& access, const Interrupt& interrupt);
+    void carryOut(TagAccess& access, const Interrupt& interrupt);
     /// Reports those that are left: what was refused, and why the others were not tried.
     void close(const QString& why);
 
 private:
     void refuse(Read& read, const UserError& error);
     void refuse(Read& read, const TagRefused& error);
-    void checkType(Read& read, Session& session);
-    void readTarget(Read& read, Session& session, const Interrupt& interrupt);
+    void checkType(Read& read, TagAccess& access);
+    void readTarget(Read& read, TagAccess& access, const Interrupt& interrupt);
     void print(const Target& target, const CipType& type,
                const QVector<QByteArray>& elements) const;
     void printError(const Read& read, const QString& error) const;
@@ -114,22 +115,22 @@ QVector<Target> Reads::targets() const
     return targets;
 }
 
-void Reads::checkTypes(Session& session, const Interrupt& interrupt)
+void Reads::checkTypes(TagAccess& access, const Interrupt& interrupt)
 {
     for (Read& read : m_reads) {
         interrupt.throwIfRequested();
         // Every tag has an element 0.
         if (read.target->type() || read.target->element + read.target->elements() > 1)
-            checkType(read, session);
+            checkType(read, access);
     }
 }
 
 // What cannot be asked for is a mistake of the user; what the controller refuses is found again
 // when the tag is read.
-void Reads::checkType(Read& read, Session& session)
+void Reads::checkType(Read& read, TagAccess& access)
 {
     try {
-        read.target->requireType(session.typeOf(read.target->tag));
+        read.target->requireType(access.typeOf(read.target->tag));
     } catch (const TagRefused&) {
         return;
     } catch (const UserError& error) {
@@ -139,20 +140,20 @@ void Reads::checkType(Read& read, Session& session)
     }
 }
 
-void Reads::carryOut(Session& session, const Interrupt& interrupt)
+void Reads::carryOut(TagAccess& access, const Interrupt& interrupt)
 {
     while (m_reported < m_reads.size()) {
         interrupt.throwIfRequested();
-        readTarget(m_reads[m_reported], session, interrupt);
+        readTarget(m_reads[m_reported], access, interrupt);
     }
 }
 
-void Reads::readTarget(Read& read, Session& session, const Interrupt& interrupt)
+void Reads::readTarget(Read& read, TagAccess& access, const Interrupt& interrupt)
 {
     const Target& target = *read.target;
     Progress progress(m_output, target.address.text(), target.elements());
     try {
-        const CipType& type = session.typeOf(target.tag);
+        const CipType& type = access.typeOf(target.tag);
         const bool isLong = target.elements() * type.size > kLongBytes;
         const auto show = [&](int done) {
             interrupt.throwIfRequested();
@@ -160,7 +161,7 @@ void Reads::readTarget(Read& read, Session& session, const Interrupt& interrupt)
                 progress.show(done);
         };
         const QVector<QByteArray> elements =
-            session.read(target.tag, target.element, target.elements(), show);
+            access.read(target.tag, target.element, target.elements(), show);
         progress.clear();
         ++m_reported;
         print(target, type, elements);

@@ -10,22 +10,19 @@ namespace micro850::host {
 namespace {
 
 // -1 before the first answer.
-qint64 roundTripMs(const LineStatistics& line, int percent)
+qint64 millisecondsOf(std::optional<Duration> roundTrip)
 {
-    const std::optional<Duration> time = line.roundTrip(percent);
-    return time ? wholeMilliseconds(*time) : -1;
+    return roundTrip ? wholeMilliseconds(*roundTrip) : -1;
 }
 
-Json stationObject(const Station& station, const PollLoop& loop)
+Json stationObject(const StationView& station)
 {
-    const bool down = !loop.lineIsUp() && station.state() != Station::State::Disabled;
-    const QString problem = down ? loop.lineError() : station.error();
-    const Counters& counters = station.counters();
+    const Counters& counters = station.counters;
     Json errors = Json::object();
     for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
         errors[error.key().toStdString()] = error.value();
-    Json object = {{"station", station.number()},
-                   {"state", stateText(station, loop.lineIsUp()).toStdString()},
+    Json object = {{"station", station.number},
+                   {"state", station.state.toStdString()},
                    {"sent", counters.sent},
                    {"answered", counters.answered},
                    {"timedOut", counters.timedOut},
@@ -34,24 +31,24 @@ Json stationObject(const Station& station, const PollLoop& loop)
                    {"retries", counters.retries},
                    {"reconnects", counters.reconnects},
                    {"errors", errors}};
-    if (!problem.isEmpty())
-        object["problem"] = problem.toStdString();
+    if (!station.problem.isEmpty())
+        object["problem"] = station.problem.toStdString();
     return object;
 }
 
-Json summaryObject(const PollLoop& loop, const PortSettings& port, Duration now)
+Json summaryObject(const Plant& plant)
 {
-    const LineStatistics& line = loop.statistics();
+    const LineFigures figures = plant.figures();
     Json stations = Json::array();
-    for (const Station& station : loop.stations())
-        stations.push_back(stationObject(station, loop));
+    for (const StationView& station : plant.stationViews())
+        stations.push_back(stationObject(station));
     return {{"summary",
-             {{"port", port.device.toStdString()},
-              {"transactionsPerSecond", line.transactionsPerSecond(now)},
-              {"percentInUse", line.percentInUse(now, port)},
-              {"roundTripMsMedian", roundTripMs(line, 50)},
-              {"roundTripMs99", roundTripMs(line, 99)},
-              {"reopened", loop.lineReconnects()},
+             {{"port", plant.line().device.toStdString()},
+              {"transactionsPerSecond", figures.transactionsPerSecond},
+              {"percentInUse", figures.percentInUse},
+              {"roundTripMsMedian", millisecondsOf(figures.roundTripMedian)},
+              {"roundTripMs99", millisecondsOf(figures.roundTrip99)},
+              {"reopened", figures.reopened},
               {"stations", stations}}}};
 }
 
@@ -73,12 +70,12 @@ Project withMatching(Project project, const std::string& pattern, const std::str
 }
 
 RunLoop::RunLoop(const LineOptions& options, const Project& project)
-    : m_project(project), m_connection(options, project), m_trace(options.trace, options.force),
+    : m_connection(options, project), m_trace(options.trace, options.force),
       m_loop(m_connection.api(), m_connection.line(), m_connection.clock(), project),
       m_table(m_loop, project)
 {
     m_loop.exchange().setObserver(m_trace.observer());
-    m_loop.exchange().setInterrupt([this] { return m_interrupt.requested(); });
+    m_loop.setInterrupt([this] { return m_interrupt.requested(); });
 }
 
 void RunLoop::run(LoopView& view, double seconds, const Output& output)
@@ -125,13 +122,12 @@ void RunLoop::reportTraceFailure(const Output& output)
 
 void RunLoop::summarise(const Output& output) const
 {
-    const Duration now = m_connection.clock().now();
     if (output.json()) {
-        output.data(summaryObject(m_loop, m_project.port, now), QString());
+        output.data(summaryObject(m_loop), QString());
         return;
     }
-    output.note(m_table.lineState() + QStringLiteral(": ") + m_table.lineStatistics(now));
-    for (const QString& text : m_table.stationLines(now))
+    output.note(m_table.lineState() + QStringLiteral(": ") + m_table.lineStatistics());
+    for (const QString& text : m_table.stationLines(m_connection.clock().now()))
         output.note(text);
 }
 

@@ -39,7 +39,7 @@ public:
     /// Opens line and driver. Throws UserError when one of them is missing.
     RunLoop(const LineOptions& options, const Project& project);
 
-    PollLoop& loop() { return m_loop; }
+    Plant& plant() { return m_loop; }
     const LiveTable& table() const { return m_table; }
 
     /// Steps the loop until so many seconds have passed (0: no limit), the view quits, or the user
@@ -53,7 +53,6 @@ public:
 private:
     void reportTraceFailure(const Output& output);
 
-    const Project& m_project;
     Interrupt m_interrupt; // before the line is open, so that it is closed in order
     Connection m_connection;
     TraceRecorder m_trace;

@@ -4,7 +4,7 @@
 #include "Commands.h"
 #include "Project.h"
 #include "Scaling.h"
-#include "Session.h"
+#include "TagAccess.h"
 #include "TagAddress.h"
 
 namespace micro850::host {

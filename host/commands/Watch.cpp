@@ -72,8 +72,8 @@ void requirePlottable(const WatchOptions& options)
 class Charts
 {
 public:
-    Charts(const PollLoop& loop, const Project& project, Duration span)
-        : m_loop(loop), m_project(project), m_plots(project.variables.size(), Plot(span)),
+    Charts(const Plant& plant, const Project& project, Duration span)
+        : m_plant(plant), m_project(project), m_plots(project.variables.size(), Plot(span)),
           m_span(span)
     {
     }
@@ -81,8 +81,8 @@ public:
     void sample(Duration now)
     {
         for (int i = 0; i < m_plots.size(); ++i) {
-            const bool good = m_loop.quality(i) == Quality::Good;
-            m_plots[i].add(now, good ? m_loop.values().number(i)
+            const bool good = m_plant.quality(i) == Quality::Good;
+            m_plots[i].add(now, good ? m_plant.values().number(i)
                                      : std::numeric_limits<double>::quiet_NaN());
         }
     }
@@ -107,12 +107,12 @@ public:
 private:
     QString title(int variable, Duration now) const
     {
-        const ValueStore& values = m_loop.values();
+        const ValueStore& values = m_plant.values();
         QString title = m_project.variables.at(variable).shownName();
         if (values.wasRead(variable))
             title += QStringLiteral(" = ") + values.text(variable);
-        if (m_loop.quality(variable) != Quality::Good)
-            title += QStringLiteral(" (%1)").arg(qualityText(m_loop.quality(variable)));
+        if (m_plant.quality(variable) != Quality::Good)
+            title += QStringLiteral(" (%1)").arg(qualityText(m_plant.quality(variable)));
         if (!values.error(variable).isEmpty())
             return title + QStringLiteral(": ") + values.error(variable);
         if (values.wasRead(variable) && std::isnan(values.number(variable)))
@@ -120,7 +120,7 @@ private:
         return title + QStringLiteral("   ") + m_plots.at(variable).range(now);
     }
 
-    const PollLoop& m_loop;
+    const Plant& m_plant;
     const Project& m_project;
     QVector<Plot> m_plots;
     Duration m_span;
@@ -131,7 +131,8 @@ class PlotDisplay : public LoopView
 {
 public:
     PlotDisplay(RunLoop& run, const Project& project, double span)
-        : m_table(run.table()), m_charts(run.loop(), project, fromSeconds(span)), m_terminal(stdout)
+        : m_table(run.table()), m_charts(run.plant(), project, fromSeconds(span)),
+          m_terminal(stdout)
     {
     }
 

@@ -1,6 +1,7 @@
 #include "Connection.h"
 #include "Interrupt.h"
 #include "Output.h"
+#include "Session.h"
 #include "Targets.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
@@ -81,8 +82,8 @@ public:
     /// Checks the values whose types the project states.
     void checkAgainstProject();
     /// Checks all values against the controller's types, and that their elements exist.
-    void checkAgainstController(Session& session, const Interrupt& interrupt);
-    void carryOut(Session& session, const Interrupt& interrupt);
+    void checkAgainstController(TagAccess& access, const Interrupt& interrupt);
+    void carryOut(TagAccess& access, const Interrupt& interrupt);
     /// Reports those that are left, and how many had which outcome.
     void close(const QString& whyNotTried);
     /// Why the outcome of a write could not be printed.
@@ -92,11 +93,11 @@ private:
     void parse(Job& job, const QString& argument, const TargetOptions& options);
     void refuseTwice();
     void encode(Job& job, const CipType& type);
-    void checkAgainstController(Job& job, Session& session);
+    void checkAgainstController(Job& job, TagAccess& access);
     void refuse(Job& job, int i, const QString& error, ExitStatus status);
     void refuse(Job& job, int i, const TagRefused& error);
-    void write(Job& job, int i, Session& session);
-    void verify(Job& job, int i, Session& session);
+    void write(Job& job, int i, TagAccess& access);
+    void verify(Job& job, int i, TagAccess& access);
     void print(const Json& object, const QString& text = QString()) const;
     void report(const Job& job, int i) const;
     Json objectOf(const Job& job, int i) const;
@@ -228,22 +229,22 @@ void Writes::encode(Job& job, const CipType& type)
     }
 }
 
-void Writes::checkAgainstController(Session& session, const Interrupt& interrupt)
+void Writes::checkAgainstController(TagAccess& access, const Interrupt& interrupt)
 {
     for (Job& job : m_jobs) {
         interrupt.throwIfRequested();
-        checkAgainstController(job, session);
+        checkAgainstController(job, access);
     }
 }
 
-void Writes::checkAgainstController(Job& job, Session& session)
+void Writes::checkAgainstController(Job& job, TagAccess& access)
 {
     const Target& target = *job.target;
     try {
-        job.type = &session.typeOf(target.tag);
+        job.type = &access.typeOf(target.tag);
         target.requireType(*job.type);
         encode(job, *job.type);
-        session.requireElements(target.tag, target.element, target.elements());
+        access.requireElements(target.tag, target.element, target.elements());
     } catch (const TagRefused& error) {
         const int i = error.element() < 0 ? 0 : error.element() - target.element;
         refuse(job, i, error);
@@ -254,7 +255,7 @@ void Writes::checkAgainstController(Job& job, Session& session)
     }
 }
 
-void Writes::carryOut(Session& session, const Interrupt& interrupt)
+void Writes::carryOut(TagAccess& access, const Interrupt& interrupt)
 {
     int total = 0;
     for (const Job& job : m_jobs)
@@ -265,7 +266,7 @@ void Writes::carryOut(Session& session, const Interrupt& interrupt)
         for (m_element = 0; m_element < m_jobs.at(m_job).elements.size(); ++m_element) {
             interrupt.throwIfRequested();
             Job& job = m_jobs[m_job];
-            write(job, m_element, session);
+            write(job, m_element, access);
             progress.clear();
             report(job, m_element);
             progress.show(++done);
@@ -273,17 +274,17 @@ void Writes::carryOut(Session& session, const Interrupt& interrupt)
     }
 }
 
-void Writes::write(Job& job, int i, Session& session)
+void Writes::write(Job& job, int i, TagAccess& access)
 {
     m_begun = true;
     Element& element = job.elements[i];
     const int at = job.target->element + i;
     try {
         element.outcome = Outcome::Unknown;
-        session.write(job.target->tag, at, element.value);
+        access.write(job.target->tag, at, element.value);
         element.outcome = Outcome::Written;
         if (m_verify)
-            verify(job, i, session);
+            verify(job, i, access);
     } catch (const TagRefused& error) {
         refuse(job, i, error);
     } catch (const UserError& error) {
@@ -297,11 +298,11 @@ void Writes::write(Job& job, int i, Session& session)
 }
 
 // A value that cannot be read back was written all the same.
-void Writes::verify(Job& job, int i, Session& session)
+void Writes::verify(Job& job, int i, TagAccess& access)
 {
     Element& element = job.elements[i];
     try {
-        element.nowRead = session.read(job.target->tag, job.target->element + i, 1).first();
+        element.nowRead = access.read(job.target->tag, job.target->element + i, 1).first();
     } catch (const TagRefused& error) {
         element.error = job.name(i) + QStringLiteral(": was written, but cannot be read back: ") +
                         QString::fromStdString(error.why());

@@ -2,17 +2,17 @@
 #define MICRO850_HOST_LIVETABLE_H
 
 #include "Page.h"
-#include "PollLoop.h"
+#include "PlantTexts.h"
 
 #include <QtCore/QStringList>
 
 namespace micro850::host {
 
-/// The poll loop's values and stations as text.
+/// A plant's values and stations as text.
 class LiveTable
 {
 public:
-    LiveTable(const PollLoop& loop, const Project& project) : m_loop(loop), m_project(project) {}
+    LiveTable(const Plant& plant, const Project& project) : m_plant(plant), m_project(project) {}
 
     int size() const { return m_project.variables.size(); }
     QString name(int variable) const { return m_project.variables.at(variable).name; }
@@ -26,25 +26,21 @@ public:
     /// One line for each station: state and counters.
     QStringList stationLines(Duration now) const;
     /// The line's settings, and why it is down.
-    QString lineState() const;
+    QString lineState() const { return lineStateText(m_plant.line()); }
     /// The same with the reason that is to be reported when it changes.
-    QString reportedLineState() const;
+    QString reportedLineState() const { return reportedLineStateText(m_plant.line()); }
     /// How busy the line is: transactions, share in use, round trips, retries, reopenings.
-    QString lineStatistics(Duration now) const;
+    QString lineStatistics() const;
     /// True when every variable was read at least once.
     bool complete() const;
 
 private:
-    QString lineStateWith(const QString& error) const;
     QStringList variableRow(int variable, Duration now) const;
     Style styleOf(int variable) const;
 
-    const PollLoop& m_loop;
+    const Plant& m_plant;
     const Project& m_project;
 };
-
-/// "0.3 s", "12 s", "5 min", "2 h"; "-" for none.
-QString ageText(std::optional<Duration> age);
 
 } // namespace micro850::host
 

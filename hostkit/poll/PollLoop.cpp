@@ -445,4 +445,26 @@ Quality PollLoop::quality(int variable) const
     return m_values.quality(variable, m_clock.now(), aliveSince);
 }
 
+LineView PollLoop::line() const
+{
+    return {m_project.port.device, m_project.port.text(), m_line.isOpen(), m_line.error(),
+            m_line.reportedError()};
+}
+
+LineFigures PollLoop::figures() const
+{
+    const Duration now = m_clock.now();
+    return {m_statistics.transactionsPerSecond(now), m_statistics.percentInUse(now, m_project.port),
+            m_statistics.roundTrip(50), m_statistics.roundTrip(99), m_line.reconnects()};
+}
+
+QVector<StationView> PollLoop::stationViews() const
+{
+    QVector<StationView> views;
+    views.reserve(m_stations.size());
+    for (const Station& station : m_stations)
+        views.append(viewOf(station, m_line.isOpen(), m_line.error()));
+    return views;
+}
+
 } // namespace micro850::host

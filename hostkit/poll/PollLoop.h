@@ -8,6 +8,7 @@
 #include "LineStatistics.h"
 #include "OpenConnections.h"
 #include "OperationQueue.h"
+#include "Plant.h"
 #include "Project.h"
 #include "RenewalPace.h"
 #include "Station.h"
@@ -19,17 +20,22 @@ namespace micro850::host {
 /// Polls a project's variables and carries out single reads and writes, one transaction a step. The
 /// driver only decides whether a reply is complete. The rest is done here and by the classes that
 /// this one uses: statuses of replies, types, stations that do not answer, a device that went away.
-class PollLoop
+class PollLoop final : public Plant
 {
 public:
     /// The arguments must live longer than this object.
     PollLoop(const DriverApi& api, Line& line, const Clock& clock, const Project& project);
 
     /// One transaction, or a pause of some milliseconds when there is nothing to do.
-    void step();
+    void step() override;
     /// Stores the last values, closes the connections that were opened, and acknowledges the last
     /// reply. Call it before the line is closed; call step() no more.
-    void finish();
+    void finish() override;
+    /// Ends a transaction; see interrupted().
+    void setInterrupt(const std::function<bool()>& interrupt) override
+    {
+        m_exchange.setInterrupt(interrupt);
+    }
 
     /// Makes a tag known that no variable names.
     void declare(const TagKey& key) { m_operations.declare(key); }
@@ -47,10 +53,12 @@ public:
     void forget(int id) { m_operations.forget(id); }
 
     Tag tag(const TagKey& key) const { return m_types.tag(key); }
-    const ValueStore& values() const { return m_values; }
-    ValueStore& values() { return m_values; }
-    /// Good only for a value that came after the line was opened and the station connected.
-    Quality quality(int variable) const;
+    const ValueStore& values() const override { return m_values; }
+    ValueStore& values() override { return m_values; }
+    Quality quality(int variable) const override;
+    LineView line() const override;
+    LineFigures figures() const override;
+    QVector<StationView> stationViews() const override;
     /// By number.
     const QMap<int, Station>& stations() const { return m_stations; }
     bool lineIsUp() const { return m_line.isOpen(); }

@@ -31,19 +31,29 @@ void requireReachable(const CipType& type, int element, int elements, const QStr
 }
 
 Session::Session(const DriverApi& api, Line& line, const Clock& clock, const Project& project)
-    : m_project(project), m_loop(api, line, clock, project)
+    : m_project(project), m_ownLoop(std::make_unique<PollLoop>(api, line, clock, project)),
+      m_loop(*m_ownLoop)
 {
 }
 
+Session::Session(PollLoop& loop, const Project& project) : m_project(project), m_loop(loop) {}
+
 Session::~Session()
 {
-    m_loop.finish();
+    Session::finish();
+}
+
+void Session::finish()
+{
+    if (m_ownLoop)
+        m_ownLoop->finish();
 }
 
 void Session::setInterrupt(const std::function<bool()>& interrupt)
 {
     m_interrupt = interrupt;
-    m_loop.exchange().setInterrupt(interrupt);
+    if (m_ownLoop)
+        m_ownLoop->setInterrupt(interrupt);
 }
 
 Operation Session::run(int id, const QString& what, const std::function<bool()>& interrupt)

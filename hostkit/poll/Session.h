@@ -2,66 +2,38 @@
 #define MICRO850_HOST_SESSION_H
 
 #include "PollLoop.h"
+#include "TagAccess.h"
 #include "TagAddress.h"
-#include "UserError.h"
 
-#include <functional>
+#include <memory>
 #include <optional>
 
 namespace micro850::host {
 
-/// The controller refused one tag, or one of its elements; other tags may still be read.
-class TagRefused : public UserError
-{
-public:
-    /// `element` is below 0 when the tag itself is refused.
-    TagRefused(const std::string& what, const std::string& why, int element = -1)
-        : UserError(what + ": " + why, kExitRefused), m_why(why), m_element(element)
-    {
-    }
-    /// The reason without the tag.
-    const std::string& why() const { return m_why; }
-    /// The first element that is refused, or below 0.
-    int element() const { return m_element; }
-
-private:
-    std::string m_why;
-    int m_element;
-};
-
-/// Throws UserError when the driver can reach none but element 0 of a tag of this type, and others
-/// are asked for. `name` is what the message calls the tag.
-void requireReachable(const CipType& type, int element, int elements, const QString& name);
-
-/// Single reads and writes, one after the other: each call waits for its outcome. It throws
-/// TagRefused for what the controller refuses, UserError with exit status 1 when line or station
-/// fail, and UserError with exit status 2 for what cannot be asked for.
-class Session
+/// Single reads and writes over a line of this host.
+class Session : public TagAccess
 {
 public:
     Session(const DriverApi& api, Line& line, const Clock& clock, const Project& project);
+    /// On a loop that polls: the loop goes on when the session ends, and is stepped while an
+    /// outcome is waited for. The arguments must live longer than this object.
+    Session(PollLoop& loop, const Project& project);
     /// Ends what finish() has not ended.
-    ~Session();
+    ~Session() override;
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
-    /// Sets a function that is asked while an outcome is waited for. When it returns true, typeOf()
-    /// throws UserError at once, and every function does so when no answer comes a moment later.
-    void setInterrupt(const std::function<bool()>& interrupt);
+    /// On a loop of others, the transactions of the loop are not interrupted.
+    void setInterrupt(const std::function<bool()>& interrupt) override;
 
-    /// The type of a tag in the controller.
-    const CipType& typeOf(const TagKey& tag);
-    /// Reads a run of elements, each in the controller's byte order. `progress` is called with the
-    /// number of elements read so far. When the run reaches beyond the tag, the exception names the
-    /// first element that is not there.
+    const CipType& typeOf(const TagKey& tag) override;
     QVector<QByteArray> read(const TagKey& tag, int element, int elements,
-                             const std::function<void(int)>& progress = nullptr);
-    /// Throws, as read() does, unless all of these elements exist. Reads only the last one.
-    void requireElements(const TagKey& tag, int element, int elements);
-    /// Closes the connection. Call it when all is read and written, while the exchange is observed.
-    void finish() { m_loop.finish(); }
+                             const std::function<void(int)>& progress = nullptr) override;
+    void requireElements(const TagKey& tag, int element, int elements) override;
+    void write(const TagKey& tag, int element, const QByteArray& value) override;
+    /// Closes the connection, while the exchange is observed. A loop of others goes on.
+    void finish() override;
     Exchange& exchange() { return m_loop.exchange(); }
-    /// Writes one element. Throws when the type of the tag cannot be written, and for an element
-    /// that the driver cannot reach.
-    void write(const TagKey& tag, int element, const QByteArray& value);
 
 private:
     Operation run(int id, const QString& what, const std::function<bool()>& interrupt = nullptr);
@@ -70,7 +42,8 @@ private:
     void throwFirstRefused(const TagKey& tag, int first, int last);
 
     const Project& m_project;
-    PollLoop m_loop;
+    std::unique_ptr<PollLoop> m_ownLoop; ///< null for a loop of others
+    PollLoop& m_loop;
     std::function<bool()> m_interrupt;
 };
 

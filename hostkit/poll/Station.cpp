@@ -87,11 +87,19 @@ QString stateText(const Station& station, bool lineIsUp)
     return QStringLiteral("disabled");
 }
 
-QString conditionText(const Station& station, bool lineIsUp)
+StationView viewOf(const Station& station, bool lineIsUp, const QString& lineError)
 {
-    const QString state = stateText(station, lineIsUp);
-    const bool dead = station.state() == Station::State::Dead && !station.error().isEmpty();
-    return dead && lineIsUp ? state + QStringLiteral(", ") + station.error() : state;
+    const bool isDown = !lineIsUp && station.state() != Station::State::Disabled;
+    StationView view;
+    view.number = station.number();
+    view.name = station.name();
+    view.state = stateText(station, lineIsUp);
+    view.problem = isDown ? lineError : station.error();
+    view.isConnected = lineIsUp && station.alive();
+    view.isServed = station.inService();
+    view.lastAnswer = station.lastAnswer();
+    view.counters = station.counters();
+    return view;
 }
 
 } // namespace micro850::host

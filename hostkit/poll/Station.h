@@ -4,6 +4,7 @@
 #include "Counters.h"
 #include "Failure.h"
 #include "GrowingPause.h"
+#include "Plant.h"
 #include "Project.h"
 
 #include <optional>
@@ -95,8 +96,8 @@ private:
 /// "connected", "dead", ...; "refused" for a dead station that answers and refuses the connection,
 /// "line down" for one that cannot be reached because its line is not open.
 QString stateText(const Station& station, bool lineIsUp);
-/// The state, of a dead station with the reason: "dead, no answer".
-QString conditionText(const Station& station, bool lineIsUp);
+/// The station as commands show it. `lineError` is why its line is down; empty while it is up.
+StationView viewOf(const Station& station, bool lineIsUp, const QString& lineError);
 
 } // namespace micro850::host
 

@@ -199,3 +199,24 @@ TEST_F(SessionTest, EndsTheWaitForASilentControllerWhenItIsInterrupted)
     EXPECT_EQ(ended, "1: interrupted");
     EXPECT_LT(clock.now(), std::chrono::milliseconds(300)) << "more than one time-out of 200 ms";
 }
+
+namespace {
+
+class SessionOnALoop : public PollTest
+{
+};
+
+} // namespace
+
+TEST_F(SessionOnALoop, LeavesTheLoopPollingWhenItEnds)
+{
+    start(R"({"name": "Speed", "tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    {
+        Session session(*loop, project);
+        EXPECT_EQ(wire::text(session.read({1, "Level"}, 3, 1).first()), "67 00");
+        session.write(kSpeed, 0, hex("07 00"));
+        session.finish();
+    }
+    EXPECT_TRUE(runUntil([&] { return text(0) == "7"; }));
+}
