@@ -45,6 +45,8 @@ public:
 
     CipKind kind() const;
     bool isNumber() const { return micro850::isNumber(kind()); }
+    /// True for a real number of 32 bits.
+    bool isSingle() const { return std::holds_alternative<float>(m_value); }
     bool boolean() const { return std::get<bool>(m_value); }
     std::int64_t signedNumber() const { return std::get<std::int64_t>(m_value); }
     /// Of an unsigned number or of bits.

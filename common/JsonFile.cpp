@@ -273,6 +273,11 @@ bool JsonNode::isArray() const
     return m_value->is_array();
 }
 
+bool JsonNode::isText() const
+{
+    return m_value->is_string();
+}
+
 std::string JsonNode::text() const
 {
     if (!m_value->is_string())

@@ -32,6 +32,7 @@ public:
     /// The elements of an array.
     Elements elements() const;
     bool isArray() const;
+    bool isText() const;
     /// The value itself; lives as long as the node.
     const nlohmann::json& value() const { return *m_value; }
 

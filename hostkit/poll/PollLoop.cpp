@@ -32,7 +32,7 @@ PollLoop::PollLoop(const DriverApi& api, Line& line, const Clock& clock, const P
       m_deferred(m_driver, m_values), m_connections(m_exchange, project.port),
       m_setsSpeed(project.port.setsSpeed())
 {
-    m_exchange.setMeanwhile([this] { m_deferred.store(); });
+    m_exchange.setMeanwhile([this] { storeValues(); });
     m_cycle.noteChange();
     for (const StationSettings& settings : project.stations) {
         m_stations.insert(settings.number, Station(settings));
@@ -154,16 +154,31 @@ void PollLoop::handleReopenedLine()
 // send that would acknowledge the last reply.
 void PollLoop::idle()
 {
-    m_deferred.store();
+    storeValues();
     if (++m_idleSteps < 2)
         return;
     m_exchange.acknowledge();
-    m_line.pause(kIdlePause);
+    pause(kIdlePause);
+}
+
+void PollLoop::pause(Duration time)
+{
+    if (m_wait)
+        m_wait(time);
+    else
+        m_line.pause(time);
+}
+
+void PollLoop::storeValues()
+{
+    m_deferred.store();
+    if (m_publish)
+        m_publish();
 }
 
 void PollLoop::finish()
 {
-    m_deferred.store();
+    storeValues();
     if (m_line.isOpen())
         m_connections.closeAll();
     m_exchange.acknowledge();
@@ -214,7 +229,7 @@ bool PollLoop::mayHaveWritten(const Protocol& sent)
 void PollLoop::handleLostLine(Protocol& sent, Station& station, ReplyStatus& status,
                               qint64 strayBytes)
 {
-    m_deferred.store();
+    storeValues();
     m_line.lose(strayBytes);
     if (!mayHaveWritten(sent))
         return;
@@ -296,7 +311,7 @@ bool PollLoop::waitsForOtherSerial()
         return false;
     const Duration now = m_clock.now();
     if (now < *m_nextSerialAt) {
-        m_line.pause(*m_nextSerialAt - now);
+        pause(*m_nextSerialAt - now);
         return true;
     }
     m_nextSerialAt.reset();

@@ -15,6 +15,9 @@
 #include "TypeRegistry.h"
 #include "ValueStore.h"
 
+#include <functional>
+#include <utility>
+
 namespace micro850::host {
 
 /// Polls a project's variables and carries out single reads and writes, one transaction a step. The
@@ -36,6 +39,13 @@ public:
     {
         m_exchange.setInterrupt(interrupt);
     }
+
+    /// Sets a function that is called when values or errors may have changed: while the next
+    /// request is on the line, and when there is none. It must not call step().
+    void setPublish(std::function<void()> publish) { m_publish = std::move(publish); }
+    /// Sets a function that replaces the pause of an idle loop. It waits at most for this time, and
+    /// returns earlier when there is something to do: a caller can wait for its own input with it.
+    void setWait(std::function<void(Duration)> wait) { m_wait = std::move(wait); }
 
     /// Makes a tag known that no variable names.
     void declare(const TagKey& key) { m_operations.declare(key); }
@@ -89,6 +99,8 @@ private:
     void handleReopenedLine();
     bool waitsForOtherSerial();
     void idle();
+    void pause(Duration time);
+    void storeValues();
 
     void transact(Protocol& sent);
     bool mayHaveWritten(const Protocol& sent);
@@ -116,6 +128,8 @@ private:
     OperationQueue m_operations;
     DeferredValues m_deferred;
     OpenConnections m_connections;
+    std::function<void()> m_publish;
+    std::function<void(Duration)> m_wait;
     bool m_setsSpeed;
     QMap<int, Station> m_stations;
     bool m_interrupted = false;

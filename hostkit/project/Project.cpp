@@ -1,20 +1,27 @@
 #include "Project.h"
 
+#include "ExactNumbers.h"
 #include "JsonFile.h"
 #include "NetworkAddress.h"
 #include "TagAddress.h"
 #include "UserError.h"
 #include "Visible.h"
 
+#include "DateText.h"
+
 #include <QtCore/QSet>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 
 namespace micro850::host {
 
 namespace {
 
 const int kDay = 24 * 60 * 60 * 1000;
+const int kShortestHeartbeat = 100;
+const int kMostWritesPerMinute = 60000;
 // Of all variables together: the host keeps each element's value and time.
 const int kMostElements = 4000000;
 
@@ -178,11 +185,106 @@ void parseScaling(const JsonNode& node, Variable& variable)
         node.fail(std::string("gain and offset are for numbers, not for ") + variable.type->name);
 }
 
+// A number as exact as the file gives it: a double would round integers of 64 bits.
+CipValue exactNumberOf(const JsonNode& node)
+{
+    const double number = node.number();
+    const std::string text = node.scalar();
+    const char* const end = text.data() + text.size();
+    const auto isAll = [end](const std::from_chars_result& result) {
+        return result.ec == std::errc() && result.ptr == end;
+    };
+    std::int64_t integer = 0;
+    if (isAll(std::from_chars(text.data(), end, integer)))
+        return CipValue::ofSigned(integer);
+    std::uint64_t large = 0;
+    if (isAll(std::from_chars(text.data(), end, large)))
+        return CipValue::ofUnsigned(large);
+    return CipValue::ofReal(number);
+}
+
+// "2%" as 0.02; none for any other text.
+std::optional<double> shareOf(const std::string& text)
+{
+    double percent = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, percent, std::chars_format::fixed);
+    const bool good = result.ec == std::errc() && end - result.ptr == 1 && *result.ptr == '%' &&
+                      std::isdigit(static_cast<unsigned char>(text.front())) != 0 &&
+                      std::isdigit(static_cast<unsigned char>(result.ptr[-1])) != 0;
+    return good && percent <= 100 ? std::make_optional(percent / 100) : std::nullopt;
+}
+
+double deadbandOf(const JsonNode& node, const Variable& variable)
+{
+    if (!node.isText()) {
+        const double deadband = node.number();
+        if (deadband < 0)
+            node.fail(node.found() + " is below 0 (0 tells every change)");
+        return deadband;
+    }
+    const std::optional<double> share = shareOf(node.text());
+    if (!share)
+        node.fail(node.found() +
+                  R"( is not a dead band (a number such as 0.5, or "2%" of the span )"
+                  "from minimum to maximum)");
+    if (!variable.minimum || !variable.maximum)
+        node.fail("a percentage is one of the span (add minimum and maximum, or give a number)");
+    const double deadband = *share * (variable.maximum->number() - variable.minimum->number());
+    if (!std::isfinite(deadband))
+        node.fail("the span from minimum to maximum is too large (give a number)");
+    return deadband;
+}
+
+// Dates are shown as texts.
+bool hasSpan(const CipType& type, bool scaled)
+{
+    return isNumber(type) && (scaled || !dateExample(type));
+}
+
+// Follows parseScaling().
+void parseLimits(const JsonNode& node, Variable& variable)
+{
+    if (node.has("minimum"))
+        variable.minimum = exactNumberOf(node.at("minimum"));
+    if (node.has("maximum"))
+        variable.maximum = exactNumberOf(node.at("maximum"));
+    if (variable.minimum && variable.maximum &&
+        compareNumbers(*variable.minimum, *variable.maximum) > 0)
+        node.at("minimum").fail(node.at("minimum").found() + " is above maximum, " +
+                                node.at("maximum").found() + " (swap them)");
+    if (node.has("deadband"))
+        variable.deadband = deadbandOf(node.at("deadband"), variable);
+    for (const char* key : {"deadband", "minimum", "maximum"}) {
+        if (variable.type && node.has(key) && !hasSpan(*variable.type, variable.isScaled()))
+            node.at(key).fail(std::string(key) + " is for numbers, not for " + variable.type->name +
+                              " (leave it out)");
+    }
+}
+
+void parseRates(const JsonNode& node, Variable& variable)
+{
+    if (node.has("intervalMs"))
+        variable.intervalMs = static_cast<int>(node.at("intervalMs").integer(0, kDay));
+    if (variable.intervalMs && variable.poll == PollMode::Once)
+        node.at("intervalMs")
+            .fail(R"(a variable that is read once has no interval (leave it out, )"
+                  R"(or leave "poll" out))");
+    if (node.has("heartbeatMs"))
+        variable.heartbeatMs =
+            static_cast<int>(node.at("heartbeatMs").integer(kShortestHeartbeat, kDay));
+    variable.writable = node.boolean("writable", false);
+    if (node.has("writesPerMinute"))
+        variable.writesPerMinute =
+            static_cast<int>(node.at("writesPerMinute").integer(1, kMostWritesPerMinute));
+}
+
 Variable variableOf(const JsonNode& node, const Project& before, Used& used)
 {
-    static const std::vector<std::string> keys = {"name",    "tag",    "station", "type",
-                                                  "element", "length", "area",    "poll",
-                                                  "gain",    "offset", "unit"};
+    static const std::vector<std::string> keys = {
+        "name",     "tag",         "station",  "type",    "element", "length",
+        "area",     "poll",        "gain",     "offset",  "unit",    "intervalMs",
+        "deadband", "heartbeatMs", "writable", "minimum", "maximum", "writesPerMinute"};
     node.expectKeys(keys);
     Variable variable;
     variable.tag = tagOf(node.at("tag"));
@@ -196,6 +298,8 @@ Variable variableOf(const JsonNode& node, const Project& before, Used& used)
     if (node.has("poll"))
         variable.poll = pollOf(node.at("poll"));
     parseScaling(node, variable);
+    parseLimits(node, variable);
+    parseRates(node, variable);
     checkElements(node, variable, used);
     return variable;
 }
@@ -226,6 +330,20 @@ Project projectOf(const JsonNode& root)
     return project;
 }
 
+void unscaleLimits(Variable& variable)
+{
+    const auto unscaled = [&variable](const std::optional<CipValue>& limit) {
+        return limit ? std::make_optional(
+                           CipValue::ofReal((limit->number() - variable.offset) / variable.gain))
+                     : std::nullopt;
+    };
+    variable.deadband /= std::abs(variable.gain);
+    variable.minimum = unscaled(variable.minimum);
+    variable.maximum = unscaled(variable.maximum);
+    if (variable.gain < 0)
+        std::swap(variable.minimum, variable.maximum);
+}
+
 } // namespace
 
 QString Variable::shownName() const
@@ -246,9 +364,25 @@ Project Project::fromText(const QString& text, const QString& name)
 void Project::showRaw()
 {
     for (Variable& variable : variables) {
+        if (variable.isScaled() && !variable.raw)
+            unscaleLimits(variable);
         variable.raw = true;
         variable.unit.clear();
     }
+}
+
+void Project::setInterval(int milliseconds)
+{
+    for (Variable& variable : variables) {
+        if (!variable.intervalMs)
+            variable.intervalMs = milliseconds;
+    }
+}
+
+void Project::readAllFast()
+{
+    for (Variable& variable : variables)
+        variable.intervalMs = 0;
 }
 
 bool Project::hasStation(int number) const

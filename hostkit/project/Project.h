@@ -2,10 +2,13 @@
 #define MICRO850_HOST_PROJECT_H
 
 #include "CipType.h"
+#include "CipValue.h"
 #include "PortSettings.h"
 
 #include <QtCore/QString>
 #include <QtCore/QVector>
+
+#include <optional>
 
 namespace micro850::host {
 
@@ -28,6 +31,21 @@ struct Variable
     /// queued write by a later one to the same area, element and count, whatever its tag.
     int area = 0;
     PollMode poll = PollMode::Cyclic;
+    /// How often it is read; 0: as often as the line allows. None: as the program says, see
+    /// Project::setInterval(); a PollLoop takes it for 0.
+    std::optional<int> intervalMs;
+    /// A change is told when the value differs by more than this from the one told last. Like the
+    /// limits below, it is a number as the variable shows it.
+    double deadband = 0;
+    /// Told at least so often, changed or not; 0: only when it changed.
+    int heartbeatMs = 0;
+    // What the gateway allows to write; micro850-host writes without these rules.
+    bool writable = false;
+    /// Exact, also of 64 bits; see isWithinLimits().
+    std::optional<CipValue> minimum;
+    std::optional<CipValue> maximum;
+    /// None: as many as there are.
+    std::optional<int> writesPerMinute;
     /// The host shows value * gain + offset, followed by the unit.
     double gain = 1;
     double offset = 0;
@@ -39,6 +57,9 @@ struct Variable
     QString shownName() const;
     bool isScaled() const { return gain != 1 || offset != 0; }
 };
+
+/// The reading interval of a program that nobody tells one.
+const int kDefaultIntervalMs = 500;
 
 struct StationSettings
 {
@@ -61,8 +82,12 @@ struct Project
     /// The same from a text; messages call it `name`.
     static Project fromText(const QString& text, const QString& name);
 
-    /// Makes every variable show the controller's own numbers.
+    /// Makes every variable show the controller's own numbers; dead bands and limits follow.
     void showRaw();
+    /// Sets the reading interval of the variables that name none.
+    void setInterval(int milliseconds);
+    /// Makes every variable be read as often as the line allows.
+    void readAllFast();
 
     bool hasStation(int number) const;
     /// The variable of that name, or null.

@@ -123,6 +123,16 @@ CipValue ValueStore::value(int variable, int index) const
     return scaling.shown(*state.type, decodeElement(*state.type, state.elements.at(index)));
 }
 
+QByteArray ValueStore::bytes(int variable) const
+{
+    QByteArray bytes;
+    if (!wasRead(variable))
+        return bytes;
+    for (const QByteArray& element : m_states.at(variable).elements)
+        bytes += element;
+    return bytes;
+}
+
 QVector<CipValue> ValueStore::values(int variable) const
 {
     const State& state = m_states.at(variable);

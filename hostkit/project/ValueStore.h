@@ -43,6 +43,8 @@ public:
     /// `aliveSince` is when the variable's station was last connected over the open line, none
     /// while it is not. A value from before that time is stale: the controller may have restarted.
     Quality quality(int variable, Duration now, std::optional<Duration> aliveSince) const;
+    /// All elements in the controller's byte order; empty until each was read.
+    QByteArray bytes(int variable) const;
     /// The elements that were read, as Scaling::shown() gives them.
     QVector<CipValue> values(int variable) const;
     /// All elements in that form, as text; "?" for one that was never read.

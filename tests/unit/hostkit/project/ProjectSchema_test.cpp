@@ -23,8 +23,12 @@ json schemaFile()
     return json::parse(file);
 }
 
-bool hasType(const json& value, const std::string& type)
+bool hasType(const json& value, const json& types)
 {
+    if (types.is_array())
+        return std::any_of(types.begin(), types.end(),
+                           [&value](const json& type) { return hasType(value, type); });
+    const std::string type = types;
     if (type == "object")
         return value.is_object();
     if (type == "array")
@@ -47,9 +51,11 @@ bool acceptsObject(const json& schema, const json& value)
             return false;
     }
     for (const auto& member : value.items()) {
-        if (!schema["properties"].contains(member.key()))
-            return false; // all objects here are closed
-        if (!accepts(schema["properties"][member.key()], member.value()))
+        const bool known =
+            schema.contains("properties") && schema["properties"].contains(member.key());
+        if (!known && !schema.value("additionalProperties", true))
+            return false;
+        if (known && !accepts(schema["properties"][member.key()], member.value()))
             return false;
     }
     return true;
@@ -86,10 +92,13 @@ bool accepts(const json& schema, const json& value)
     static const std::set<std::string> known = {
         "$schema",    "title",     "description", "type",    "required", "additionalProperties",
         "properties", "items",     "minItems",    "enum",    "minimum",  "maximum",
-        "minLength",  "maxLength", "pattern",     "default", "not"};
+        "minLength",  "maxLength", "pattern",     "default", "not",      "if",
+        "then"};
     for (const auto& keyword : schema.items())
         EXPECT_TRUE(known.count(keyword.key())) << keyword.key();
     if (schema.contains("type") && !hasType(value, schema["type"]))
+        return false;
+    if (schema.contains("if") && accepts(schema["if"], value) && !accepts(schema["then"], value))
         return false;
     if (schema.contains("not") && excludes(schema["not"], value))
         return false;
@@ -162,6 +171,9 @@ std::vector<json> candidates(const json& property)
                                 u8"a\u0085b",
                                 u8"a\u202eb",
                                 u8"\u00e4"};
+    for (const char* percent : {"2%", "0.5%", "100%", "100.0%", "100.1%", "101%", "007%", "-1%",
+                                "%", "2", "2 %", ".5%", "5.%", "1e1%", "nan%", "2%%"})
+        values.push_back(percent);
     for (const char* limit : {"minimum", "maximum"}) {
         if (property.contains(limit)) {
             const auto at = property[limit].get<long long>();
@@ -221,6 +233,24 @@ TEST(ProjectSchema, AgreesWithTheParserOnEveryKeyAndLimit)
                json::json_pointer("/stations/0"));
     compareAll(schema, properties["variables"]["items"], kDocument,
                json::json_pointer("/variables/0"));
+}
+
+TEST(ProjectSchema, AgreesWithTheParserOnDeadBandsOfASpan)
+{
+    const json schema = schemaFile();
+    const json& variable = schema["properties"]["variables"]["items"];
+    int percentages = 0;
+    for (const json& value : candidates(variable["properties"]["deadband"])) {
+        for (const char* missing : {"", "minimum", "maximum"}) {
+            json document = kDocument;
+            document["variables"][0].update(
+                {{"deadband", value}, {"minimum", -100}, {"maximum", 100}});
+            document["variables"][0].erase(missing);
+            EXPECT_EQ(parses(document), accepts(schema, document)) << document.dump();
+            percentages += value.is_string() && accepts(schema, document) ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(percentages, 5); // 2%, 0.5%, 100%, 100.0% and 007%
 }
 
 TEST(ProjectSchema, KnowsEveryKeyThatTheParserNamesAsAllowed)

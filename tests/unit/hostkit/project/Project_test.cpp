@@ -83,6 +83,114 @@ TEST(Project, ReadsTheScalingOfANumber)
     EXPECT_FALSE(project.variables.at(1).isScaled());
 }
 
+TEST(Project, ReadsTheRatesOfAVariable)
+{
+    const Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "intervalMs": 250, "deadband": 0.5, "heartbeatMs": 60000},
+                          {"tag": "U", "intervalMs": 0, "minimum": -20, "maximum": 180,
+                           "deadband": "2.5%"},
+                          {"tag": "V"}]})",
+        "p.json");
+    EXPECT_EQ(project.variables.at(0).intervalMs, 250);
+    EXPECT_EQ(project.variables.at(0).deadband, 0.5);
+    EXPECT_EQ(project.variables.at(0).heartbeatMs, 60000);
+    EXPECT_EQ(project.variables.at(1).intervalMs, 0);
+    EXPECT_EQ(project.variables.at(1).deadband, 5); // of 200
+    EXPECT_EQ(project.variables.at(2).intervalMs, std::nullopt);
+    EXPECT_EQ(project.variables.at(2).deadband, 0);
+    EXPECT_EQ(project.variables.at(2).heartbeatMs, 0);
+}
+
+TEST(Project, ReadsTheRulesOfWritesAndKeepsLimitsOf64BitsExact)
+{
+    const Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "type": "ULINT", "writable": true,
+                           "minimum": -9223372036854775807, "maximum": 18446744073709551615,
+                           "writesPerMinute": 6},
+                          {"tag": "U", "minimum": 1.5}]})",
+        "p.json");
+    const Variable& variable = project.variables.at(0);
+    EXPECT_TRUE(variable.writable);
+    EXPECT_EQ(variable.minimum->signedNumber(), -9223372036854775807);
+    EXPECT_EQ(variable.maximum->unsignedNumber(), 18446744073709551615U);
+    EXPECT_EQ(variable.writesPerMinute, 6);
+    EXPECT_FALSE(project.variables.at(1).writable);
+    EXPECT_EQ(project.variables.at(1).minimum->number(), 1.5);
+    EXPECT_FALSE(project.variables.at(1).maximum);
+    EXPECT_EQ(project.variables.at(1).writesPerMinute, std::nullopt);
+}
+
+TEST(Project, RefusesLimitsAndDeadBandsThatMeanNothing)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "deadband": "2%"})")),
+              "p.json: variables[1].deadband: a percentage is one of the span (add minimum and "
+              "maximum, or give a number)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "deadband": "2%", "maximum": 7})")),
+              "p.json: variables[1].deadband: a percentage is one of the span (add minimum and "
+              "maximum, or give a number)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "deadband": "much"})")),
+              "p.json: variables[1].deadband: \"much\" is not a dead band (a number such as 0.5, "
+              "or \"2%\" of the span from minimum to maximum)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "deadband": -1})")),
+              "p.json: variables[1].deadband: -1 is below 0 (0 tells every change)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "minimum": 9007199254740993,
+                                         "maximum": 9007199254740992})")),
+              "p.json: variables[1].minimum: 9007199254740993 is above maximum, 9007199254740992 "
+              "(swap them)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "minimum": 7, "maximum": 7})")), "none");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "minimum": -1.7e308, "maximum": 1.7e308,
+                                         "deadband": "50%"})")),
+              "p.json: variables[1].deadband: the span from minimum to maximum is too large (give "
+              "a number)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "STRING", "deadband": 1})")),
+              "p.json: variables[1].deadband: deadband is for numbers, not for STRING (leave it "
+              "out)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "DATE", "minimum": 1})")),
+              "p.json: variables[1].minimum: minimum is for numbers, not for DATE (leave it out)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "BOOL", "maximum": 1})")),
+              "p.json: variables[1].maximum: maximum is for numbers, not for BOOL (leave it out)");
+}
+
+TEST(Project, RefusesRatesThatCannotBeKept)
+{
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "poll": "once", "intervalMs": 100})")),
+              "p.json: variables[1].intervalMs: a variable that is read once has no interval "
+              "(leave it out, or leave \"poll\" out)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "intervalMs": -1})")),
+              "p.json: variables[1].intervalMs: -1 is not allowed (0 to 86400000)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "heartbeatMs": 99})")),
+              "p.json: variables[1].heartbeatMs: 99 is not allowed (100 to 86400000)");
+    EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "writesPerMinute": 0})")),
+              "p.json: variables[1].writesPerMinute: 0 is not allowed (1 to 60000)");
+}
+
+TEST(Project, GivesAnIntervalToTheVariablesThatNameNone)
+{
+    Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "intervalMs": 250}, {"tag": "U"}]})", "p.json");
+    project.setInterval(700);
+    EXPECT_EQ(project.variables.at(0).intervalMs, 250);
+    EXPECT_EQ(project.variables.at(1).intervalMs, 700);
+    project.readAllFast();
+    EXPECT_EQ(project.variables.at(0).intervalMs, 0);
+    EXPECT_EQ(project.variables.at(1).intervalMs, 0);
+}
+
+TEST(Project, ShowsDeadBandsAndLimitsAsRawNumbersToo)
+{
+    Project project = Project::fromText(
+        R"({"variables": [{"tag": "T", "gain": -0.5, "offset": 10, "minimum": 0, "maximum": 20,
+                           "deadband": "10%"},
+                          {"tag": "U", "minimum": 9007199254740993}]})",
+        "p.json");
+    project.showRaw();
+    project.showRaw(); // the second time changes nothing
+    EXPECT_EQ(project.variables.at(0).deadband, 4);
+    EXPECT_EQ(project.variables.at(0).minimum->number(), -20);
+    EXPECT_EQ(project.variables.at(0).maximum->number(), 20);
+    EXPECT_EQ(project.variables.at(1).minimum->signedNumber(), 9007199254740993);
+}
+
 TEST(Project, RefusesAGainOfZero)
 {
     EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "gain": 0})")),
