@@ -1,58 +1,12 @@
 #include "RunLoop.h"
 
+#include "LineStatus.h"
 #include "NamePattern.h"
 #include "UserError.h"
 
 #include <unistd.h>
 
 namespace micro850::host {
-
-namespace {
-
-// -1 before the first answer.
-qint64 millisecondsOf(std::optional<Duration> roundTrip)
-{
-    return roundTrip ? wholeMilliseconds(*roundTrip) : -1;
-}
-
-Json stationObject(const StationView& station)
-{
-    const Counters& counters = station.counters;
-    Json errors = Json::object();
-    for (auto error = counters.errors.constBegin(); error != counters.errors.constEnd(); ++error)
-        errors[error.key().toStdString()] = error.value();
-    Json object = {{"station", station.number},
-                   {"state", station.state.toStdString()},
-                   {"sent", counters.sent},
-                   {"answered", counters.answered},
-                   {"timedOut", counters.timedOut},
-                   {"corrupt", counters.corrupt},
-                   {"late", counters.late},
-                   {"retries", counters.retries},
-                   {"reconnects", counters.reconnects},
-                   {"errors", errors}};
-    if (!station.problem.isEmpty())
-        object["problem"] = station.problem.toStdString();
-    return object;
-}
-
-Json summaryObject(const Plant& plant)
-{
-    const LineFigures figures = plant.figures();
-    Json stations = Json::array();
-    for (const StationView& station : plant.stationViews())
-        stations.push_back(stationObject(station));
-    return {{"summary",
-             {{"port", plant.line().device.toStdString()},
-              {"transactionsPerSecond", figures.transactionsPerSecond},
-              {"percentInUse", figures.percentInUse},
-              {"roundTripMsMedian", millisecondsOf(figures.roundTripMedian)},
-              {"roundTripMs99", millisecondsOf(figures.roundTrip99)},
-              {"reopened", figures.reopened},
-              {"stations", stations}}}};
-}
-
-} // namespace
 
 Project withMatching(Project project, const std::string& pattern, const std::string& file)
 {
@@ -123,7 +77,7 @@ void RunLoop::reportTraceFailure(const Output& output)
 void RunLoop::summarise(const Output& output) const
 {
     if (output.json()) {
-        output.data(summaryObject(m_loop), QString());
+        output.data({{"summary", summaryOf(statusOf(m_loop))}}, QString());
         return;
     }
     output.note(m_table.lineState() + QStringLiteral(": ") + m_table.lineStatistics());
