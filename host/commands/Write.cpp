@@ -287,6 +287,9 @@ void Writes::write(Job& job, int i, TagAccess& access)
             verify(job, i, access);
     } catch (const TagRefused& error) {
         refuse(job, i, error);
+    } catch (const NotWritten&) {
+        element.outcome = Outcome::NotTried;
+        throw;
     } catch (const UserError& error) {
         const bool written = element.outcome == Outcome::Written;
         element.error = job.name(i) +

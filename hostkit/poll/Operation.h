@@ -37,6 +37,8 @@ struct Operation
     int attempts = 0;
     /// It was sent without an answer, so that nobody knows whether it was carried out.
     bool unanswered = false;
+    /// Nobody waits for it any more: the loop takes it back before it is sent.
+    bool abandoned = false;
     /// True: the operation is kept after its end until OperationQueue::forget() is called. False:
     /// it is removed when it ends.
     bool awaited = false;

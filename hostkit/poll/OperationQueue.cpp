@@ -61,6 +61,29 @@ const Operation* OperationQueue::find(int id, const TagKey& key) const
     return found != m_operations.constEnd() && found->tag == key ? &*found : nullptr;
 }
 
+bool OperationQueue::abandon(int id)
+{
+    const auto found = m_operations.find(id);
+    if (found == m_operations.end())
+        return false;
+    const bool mayBeDone = found->unanswered || found->state == Operation::State::Done;
+    const bool isUndone = found->kind == Operation::Kind::Write && !mayBeDone;
+    if (found->state == Operation::State::InDriver) {
+        found->awaited = false;
+        found->abandoned = true;
+        m_someAbandoned = true;
+    } else {
+        m_operations.erase(found);
+    }
+    return isUndone;
+}
+
+bool OperationQueue::isAbandoned(int id, const TagKey& key) const
+{
+    const Operation* operation = find(id, key);
+    return operation && operation->abandoned && operation->kind == Operation::Kind::Write;
+}
+
 void OperationQueue::pump(const QMap<int, Station>& stations)
 {
     if (!m_mayWait)
@@ -144,7 +167,9 @@ void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const Re
 {
     // A controller that does not know the connection did not carry out the request, unless it did
     // when the request was sent before.
-    if (!succeeded && operation.unanswered)
+    if (!succeeded && operation.abandoned)
+        fail(operation, status.failure);
+    else if (!succeeded && operation.unanswered)
         failUnanswered(operation, status);
     else if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
         waitAgain(operation);
@@ -182,7 +207,9 @@ void OperationQueue::handleDroppedConnection(int station, const ReplyStatus& sta
         left->kind == Operation::Kind::Write)
     {
         m_inDriver.remove(station);
-        if (left->unanswered)
+        if (left->abandoned)
+            fail(*left, status.failure);
+        else if (left->unanswered)
             failUnanswered(*left, status);
         else
             waitAgain(*left);

@@ -41,6 +41,15 @@ public:
     /// Removes a finished operation.
     void forget(int id) { m_operations.remove(id); }
 
+    /// Ends an operation that nobody waits for any more; call forget() no more. True for a write
+    /// that was not carried out and never will be: one that the driver has already is taken back
+    /// when isAbandoned() tells that its turn has come.
+    bool abandon(int id);
+    /// False: no operation that the driver has is abandoned.
+    bool hasAbandoned() const { return m_someAbandoned; }
+    /// True when the driver's next frame is that of a write which was abandoned.
+    bool isAbandoned(int id, const TagKey& key) const;
+
     /// Gives waiting operations to the driver. Those of a station that is not in service fail.
     void pump(const QMap<int, Station>& stations);
     /// The operation with this id when it concerns this tag, else null. It is valid until the next
@@ -82,7 +91,8 @@ private:
     QMap<int, int> m_inDriver; ///< the one id that the driver has, by station
     Failure m_lastFailure;     ///< of an operation
     int m_lastId = 0;
-    bool m_mayWait = false; ///< false: no station has an operation that waits
+    bool m_someAbandoned = false; ///< false: no operation in the driver is abandoned
+    bool m_mayWait = false;       ///< false: no station has an operation that waits
 };
 
 } // namespace micro850::host

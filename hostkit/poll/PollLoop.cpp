@@ -58,10 +58,14 @@ void PollLoop::step()
     m_operations.pump(m_stations);
     if (m_cycle.isDue(now))
         planCycle(now);
-    if (Protocol* next = m_driver.next())
-        transact(*next);
-    else
+    Protocol* next = m_driver.next();
+    if (!next)
         idle();
+    else if (m_operations.hasAbandoned() &&
+             m_operations.isAbandoned(next->var.varIndex, {next->var.stationNo, next->var.tagName}))
+        takeBack(*next);
+    else
+        transact(*next);
 }
 
 bool PollLoop::noneIsServed() const
@@ -214,6 +218,14 @@ void PollLoop::transact(Protocol& sent)
             handleDataReply(sent, answer, station, status);
         break;
     }
+    m_operations.endFinished(status);
+}
+
+// The driver can only give up a write together with its connection, which it then opens again.
+void PollLoop::takeBack(Protocol& next)
+{
+    const ReplyStatus status;
+    handleVerdict(m_driver.dropConnection(next), m_stations[next.var.stationNo], status);
     m_operations.endFinished(status);
 }
 

@@ -61,6 +61,9 @@ public:
     /// The finished operation; null while it is under way.
     const Operation* outcome(int id) const { return m_operations.outcome(id); }
     void forget(int id) { m_operations.forget(id); }
+    /// Ends an operation that nobody waits for any more, also a finished one. True for a write
+    /// that was not carried out and never will be.
+    bool abandon(int id) { return m_operations.abandon(id); }
 
     Tag tag(const TagKey& key) const { return m_types.tag(key); }
     const ValueStore& values() const override { return m_values; }
@@ -103,6 +106,7 @@ private:
     void storeValues();
 
     void transact(Protocol& sent);
+    void takeBack(Protocol& next);
     bool mayHaveWritten(const Protocol& sent);
     void handleLostLine(Protocol& sent, Station& station, ReplyStatus& status, qint64 strayBytes);
     Answer runExchange(const Protocol& sent, Counters& counters);

@@ -15,9 +15,11 @@ QString placeOf(const TagKey& key, int element)
 }
 
 // The line or the station failed: no other tag can be read either.
-[[noreturn]] void refuse(const QString& what, const QString& why)
+[[noreturn]] void refuse(const QString& why, bool isNotWritten)
 {
-    throw UserError((what + QStringLiteral(": ") + why).toStdString(), kExitRefused);
+    if (isNotWritten)
+        throw NotWritten(why.toStdString());
+    throw UserError(why.toStdString(), kExitRefused);
 }
 
 } // namespace
@@ -56,23 +58,27 @@ void Session::setInterrupt(const std::function<bool()>& interrupt)
         m_ownLoop->setInterrupt(interrupt);
 }
 
-Operation Session::run(int id, const QString& what, const std::function<bool()>& interrupt)
+Operation Session::run(int id, const QString& what, bool heedsInterrupt)
 {
     const Operation* outcome = m_loop.outcome(id);
     for (; !outcome; outcome = m_loop.outcome(id)) {
-        if (m_loop.interrupted() || (interrupt && interrupt()))
-            throw UserError("interrupted", kExitRefused);
+        const bool heeds = heedsInterrupt || !m_ownLoop;
+        if (m_loop.interrupted() || (heeds && m_interrupt && m_interrupt()))
+            refuse(QStringLiteral("interrupted"), m_loop.abandon(id));
         m_loop.step();
         if (!m_loop.lineIsUp())
-            refuse(m_project.port.text(), m_loop.lineError());
+            refuse(m_project.port.text() + QStringLiteral(": ") + m_loop.lineError(),
+                   m_loop.abandon(id));
     }
     const Operation done = *outcome;
     m_loop.forget(id);
     if (done.state == Operation::State::Failed) {
         const QString remedy = done.failure.remedy;
-        refuse(what, done.error + QStringLiteral(" (") + m_project.port.text() +
-                         (remedy.isEmpty() ? remedy : QStringLiteral("; ") + remedy) +
-                         QStringLiteral(")"));
+        refuse(what + QStringLiteral(": ") + done.error + QStringLiteral(" (") +
+                   m_project.port.text() +
+                   (remedy.isEmpty() ? remedy : QStringLiteral("; ") + remedy) +
+                   QStringLiteral(")"),
+               done.kind == Operation::Kind::Write && !done.unanswered);
     }
     return done;
 }
@@ -80,7 +86,7 @@ Operation Session::run(int id, const QString& what, const std::function<bool()>&
 const CipType& Session::typeOf(const TagKey& key)
 {
     if (m_loop.tag(key).state != Tag::State::Known) {
-        const Operation done = run(m_loop.learn(key), key.name, m_interrupt);
+        const Operation done = run(m_loop.learn(key), key.name, true);
         if (done.state == Operation::State::Refused)
             throw TagRefused(key.name.toStdString(), done.error.toStdString());
     }

@@ -23,7 +23,8 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    /// On a loop of others, the transactions of the loop are not interrupted.
+    /// On a loop of others every function heeds it, and no transaction is interrupted: what was not
+    /// sent is taken back.
     void setInterrupt(const std::function<bool()>& interrupt) override;
 
     const CipType& typeOf(const TagKey& tag) override;
@@ -36,7 +37,7 @@ public:
     Exchange& exchange() { return m_loop.exchange(); }
 
 private:
-    Operation run(int id, const QString& what, const std::function<bool()>& interrupt = nullptr);
+    Operation run(int id, const QString& what, bool heedsInterrupt = false);
     QVector<QByteArray> readRun(const TagKey& tag, const CipType& type, const Run& part);
     std::optional<QString> refusalOf(const TagKey& tag, int element);
     void throwFirstRefused(const TagKey& tag, int first, int last);

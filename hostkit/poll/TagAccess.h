@@ -32,6 +32,17 @@ private:
     int m_element;
 };
 
+/// A write failed, and was surely not carried out. Any other failure of a write that is not
+/// TagRefused leaves open whether it was.
+class NotWritten : public UserError
+{
+public:
+    explicit NotWritten(const std::string& why, ExitStatus status = kExitRefused)
+        : UserError(why, status)
+    {
+    }
+};
+
 /// Throws UserError when the driver can reach none but element 0 of a tag of this type, and others
 /// are asked for. `name` is what the message calls the tag.
 void requireReachable(const CipType& type, int element, int elements, const QString& name);
@@ -59,7 +70,7 @@ public:
     /// Throws, as read() does, unless all of these elements exist. Reads only the last one.
     virtual void requireElements(const TagKey& tag, int element, int elements) = 0;
     /// Writes one element. Throws when the type of the tag cannot be written, and for an element
-    /// that the driver cannot reach.
+    /// that the driver cannot reach; NotWritten when it failed before it was sent.
     virtual void write(const TagKey& tag, int element, const QByteArray& value) = 0;
     /// Ends in order. Call it when all is read and written.
     virtual void finish() = 0;

@@ -220,3 +220,54 @@ TEST_F(SessionOnALoop, LeavesTheLoopPollingWhenItEnds)
     }
     EXPECT_TRUE(runUntil([&] { return text(0) == "7"; }));
 }
+
+TEST_F(SessionOnALoop, NeverCarriesOutAWriteLaterThatFailedWithTheLine)
+{
+    start(R"({"name": "Speed", "tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    Session session(*loop, project);
+    session.typeOf({1, "Level"});
+    line.setPresent(false);
+    EXPECT_THROW(session.write({1, "Level"}, 3, hex("07 00")), micro850::UserError);
+    EXPECT_THROW(session.write({1, "Level"}, 3, hex("07 00")), NotWritten); // the line is down
+    line.setPresent(true);
+    ASSERT_TRUE(runUntil([&] { return loop->lineIsUp(); }));
+    runFor(5000);
+    EXPECT_EQ(wire::text(plc.tags["Level"].elements[3]), "67 00");
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+    session.write({1, "Level"}, 3, hex("08 00")); // another one is carried out
+    EXPECT_EQ(wire::text(plc.tags["Level"].elements[3]), "08 00");
+}
+
+TEST_F(SessionOnALoop, TakesAWriteBackThatIsInterruptedWhileAnotherRequestIsOnTheLine)
+{
+    start(R"({"name": "Speed", "tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    Session session(*loop, project);
+    session.typeOf({1, "Level"});
+    session.setInterrupt([] { return true; });
+    EXPECT_THROW(session.write({1, "Level"}, 3, hex("07 00")), NotWritten);
+    runFor(5000);
+    EXPECT_EQ(wire::text(plc.tags["Level"].elements[3]), "67 00");
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+}
+
+TEST_F(SessionOnALoop, TakesAWriteBackThatTheDriverHadWhenTheLineWentDown)
+{
+    start(R"({"name": "Speed", "tag": "Speed"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    loop->step(); // the driver will repeat this read first
+    const int id = loop->write(kSpeed, 0, hex("07 00"));
+    loop->step();
+    line.setPresent(false);
+    ASSERT_TRUE(runUntil([&] { return !loop->lineIsUp(); }));
+    ASSERT_FALSE(loop->outcome(id));
+    EXPECT_TRUE(loop->abandon(id));
+    plc.silent = false;
+    line.setPresent(true);
+    ASSERT_TRUE(runUntil([&] { return loop->lineIsUp(); }));
+    runFor(5000);
+    EXPECT_EQ(wire::text(plc.tags["Speed"].elements[0]), "D2 04");
+    EXPECT_EQ(loop->quality(0), Quality::Good);
+}
