@@ -1,14 +1,194 @@
 #include "Service.h"
 
 #include "Configuration.h"
+#include "Lines.h"
+#include "Log.h"
+#include "Memory.h"
+#include "SystemNotice.h"
 #include "UserError.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QSocketNotifier>
+
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
 
 namespace micro850::gateway {
 
+namespace {
+
+const char kHeartbeatVariable[] = "MICRO850_GATEWAY_HEARTBEAT_MS";
+
+// docs/gateway.md tells it.
+SupervisionSettings supervisionFromEnvironment()
+{
+    SupervisionSettings settings;
+    bool isNumber = false;
+    const int milliseconds = qEnvironmentVariableIntValue(kHeartbeatVariable, &isNumber);
+    if (isNumber && milliseconds > 0)
+        settings.heartbeatLimit = std::chrono::milliseconds(milliseconds);
+    return settings;
+}
+
+/// Signals of the system as events. The heeded are blocked, also in threads that are started
+/// later.
+class Signals
+{
+public:
+    template<typename Handler> explicit Signals(Handler handler)
+    {
+        sigset_t heeded;
+        sigemptyset(&heeded);
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP})
+            sigaddset(&heeded, signal);
+        ::sigprocmask(SIG_BLOCK, &heeded, &m_before);
+        m_descriptor = ::signalfd(-1, &heeded, SFD_CLOEXEC | SFD_NONBLOCK);
+        m_notifier = std::make_unique<QSocketNotifier>(m_descriptor, QSocketNotifier::Read);
+        QObject::connect(m_notifier.get(), &QSocketNotifier::activated, m_notifier.get(),
+                         [this, handler] {
+                             signalfd_siginfo signal = {};
+                             while (::read(m_descriptor, &signal, sizeof signal) ==
+                                    static_cast<ssize_t>(sizeof signal))
+                                 handler(static_cast<int>(signal.ssi_signo));
+                         });
+    }
+    ~Signals()
+    {
+        m_notifier.reset();
+        ::close(m_descriptor);
+        ::sigprocmask(SIG_SETMASK, &m_before, nullptr);
+    }
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+private:
+    sigset_t m_before = {};
+    int m_descriptor = -1;
+    std::unique_ptr<QSocketNotifier> m_notifier;
+};
+
+/// The service while it runs.
+class Service
+{
+public:
+    Service(const QString& path, const Configuration& configuration);
+    int run();
+
+private:
+    void handleSignal(int signal);
+    void reload();
+    void applyNewConfiguration();
+    void tellStatus();
+    void stop();
+
+    const QString m_path;
+    SystemClock m_clock;
+    SystemWallClock m_wallClock;
+    SystemNotice m_notice;
+    Signals m_signals;
+    EventLog m_log;
+    Lines m_lines;
+    QTimer m_tick;
+    Duration m_nextStatus{0};
+    bool m_stopping = false;
+};
+
+Service::Service(const QString& path, const Configuration& configuration)
+    : m_path(path), m_signals([this](int signal) { handleSignal(signal); }),
+      m_lines(m_clock, m_wallClock, supervisionFromEnvironment())
+{
+    m_lines.addListener(m_log);
+    m_lines.setLines(configuration.lines);
+    QObject::connect(&m_tick, &QTimer::timeout, &m_tick, [this] {
+        if (m_stopping && m_lines.haveEnded())
+            QCoreApplication::quit();
+        m_notice.pat();
+        if (m_clock.now() >= m_nextStatus)
+            tellStatus();
+    });
+}
+
+int Service::run()
+{
+    const int tickMs = 100;
+    m_tick.start(tickMs);
+    m_notice.ready();
+    tellStatus();
+    log(Priority::Info, QStringLiteral("serving %1 line(s) of %2").arg(m_lines.size()).arg(m_path));
+    const int status = QCoreApplication::exec();
+    m_lines.removeListener(m_log);
+    return status;
+}
+
+void Service::handleSignal(int signal)
+{
+    if (signal == SIGHUP)
+        reload();
+    else
+        stop();
+}
+
+void Service::tellStatus()
+{
+    m_nextStatus = m_clock.now() + std::chrono::seconds(1);
+    int up = 0;
+    for (int line = 0; line < m_lines.size(); ++line)
+        up += m_lines.status(line).value("up", false) ? 1 : 0;
+    m_notice.tellStatus(m_stopping
+                            ? QStringLiteral("ending")
+                            : QStringLiteral("%1 of %2 line(s) up").arg(up).arg(m_lines.size()));
+}
+
+void Service::reload()
+{
+    try {
+        applyNewConfiguration();
+    } catch (const UserError&) {
+        // It is logged.
+    }
+}
+
+// Throws UserError with the first mistake; nothing has changed then.
+void Service::applyNewConfiguration()
+{
+    m_notice.reloading();
+    std::vector<std::string> mistakes;
+    const Configuration configuration = Configuration::fromFile(m_path, mistakes);
+    if (!mistakes.empty()) {
+        for (const std::string& mistake : mistakes)
+            log(Priority::Error, QString::fromStdString(mistake));
+        log(Priority::Error,
+            QStringLiteral(
+                "the new configuration is refused; the service goes on with the old one"));
+        m_notice.ready();
+        throw UserError(mistakes.front());
+    }
+    m_lines.setLines(configuration.lines);
+    log(Priority::Notice,
+        QStringLiteral("the configuration was read again: %1 line(s)").arg(m_lines.size()));
+    m_notice.ready();
+}
+
+void Service::stop()
+{
+    if (m_stopping)
+        return;
+    m_stopping = true;
+    m_notice.stopping();
+    log(Priority::Info, QStringLiteral("ending"));
+    m_lines.stop();
+}
+
+} // namespace
+
 int runService(const QString& configurationPath)
 {
-    Configuration::fromFile(configurationPath);
-    return kExitDone;
+    const Configuration configuration = Configuration::fromFile(configurationPath);
+    Service service(configurationPath, configuration);
+    return service.run();
 }
 
 } // namespace micro850::gateway

@@ -1,0 +1,234 @@
+#include "SupervisedLine.h"
+
+#include "Message.h"
+#include "UserError.h"
+
+#include <utility>
+
+namespace micro850::gateway {
+
+namespace {
+
+const int kLineItself = -1;
+// A worker beats once a second.
+const std::chrono::milliseconds kSilence(2500);
+
+QString textIn(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_string())
+        throw UserError(std::string(key) + " is no text");
+    return QString::fromStdString(found->get<std::string>());
+}
+
+qint64 numberIn(const Json& object, const char* key, qint64 most)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_number_integer() || *found < 0 || *found > most)
+        throw UserError(std::string(key) + " is no number");
+    return found->get<qint64>();
+}
+
+QString secondsText(Duration time)
+{
+    return QString::number(static_cast<double>(wholeMilliseconds(time)) / 1000);
+}
+
+} // namespace
+
+SupervisedLine::SupervisedLine(Owner& owner, LineSettings settings, const Clock& clock,
+                               const WallClock& wallClock, const SupervisionSettings& supervision)
+    : m_owner(owner), m_settings(std::move(settings)), m_clock(clock), m_wallClock(wallClock),
+      m_supervision(supervision), m_image(m_settings, clock, wallClock),
+      m_supervisor(*this, clock, supervision),
+      m_requests([this](const QByteArray& line) { return m_supervisor.send(line); }),
+      m_whyDown(QStringLiteral("the worker of this line is not started yet"))
+{
+}
+
+QByteArray SupervisedLine::opening()
+{
+    return host::lineOf({{"request", "open"},
+                         {"line", m_settings.name.toStdString()},
+                         {"file", m_settings.projectFile.toStdString()},
+                         {"project", m_settings.projectText.toStdString()}});
+}
+
+void SupervisedLine::tick(bool mayStart)
+{
+    m_supervisor.tick(mayStart);
+    const bool isSilent = m_clock.now() - m_supervisor.lastHeard() > kSilence;
+    tellAll(m_image.markOld(isSilent));
+    if (!m_isMuted || !m_supervisor.isSteady())
+        return;
+    m_isMuted = false;
+    m_lastEnd.clear();
+    const QMap<int, State> untold = std::exchange(m_untold, {});
+    for (auto state = untold.constBegin(); state != untold.constEnd(); ++state)
+        tell(state.key(), *state);
+}
+
+void SupervisedLine::tellAll(const QVector<int>& variables)
+{
+    for (const int variable : variables)
+        m_owner.handleValue(*this, variable);
+}
+
+void SupervisedLine::handleLine(const QByteArray& line)
+{
+    Json message = host::jsonOf(host::messageIn(line, "message of a worker"));
+    if (!message.contains("event")) {
+        if (message.contains("values")) {
+            takeValues(message["values"]);
+            stamp(message["values"]);
+        }
+        m_requests.takeReply(std::move(message));
+        pumpRequests();
+        return;
+    }
+    const QString event = textIn(message, "event");
+    if (event == QLatin1String("values"))
+        takeValues(message["values"]);
+    else if (event == QLatin1String("ages"))
+        takeAges(message);
+    else if (event == QLatin1String("state"))
+        takeState(message);
+    else if (event == QLatin1String("opening"))
+        m_supervisor.grant(std::chrono::milliseconds(numberIn(message, "patienceMs", 600000)));
+    else if (event == QLatin1String("failed"))
+        m_supervisor.noteReason(textIn(message, "text"));
+    else
+        throw UserError("event: " + event.toStdString() + " is unknown");
+}
+
+void SupervisedLine::takeValues(const Json& values)
+{
+    if (!values.is_array())
+        throw UserError("values is no list");
+    for (const Json& object : values) {
+        const int changed = m_image.take(object);
+        if (changed >= 0)
+            m_owner.handleValue(*this, changed);
+    }
+}
+
+// A worker gives ages. Stamps are those of the image: there is one wall clock.
+void SupervisedLine::stamp(Json& values) const
+{
+    for (Json& object : values)
+        object = jsonOf(m_image.value(m_image.indexOf(textIn(object, "name"))));
+}
+
+void SupervisedLine::takeAges(const Json& event)
+{
+    const auto ages = event.find("ages");
+    if (ages == event.end())
+        throw UserError("ages are missing");
+    m_image.takeAges(static_cast<int>(numberIn(event, "first", m_image.size())), *ages);
+    const auto status = event.find("status");
+    if (status != event.end() && status->is_object())
+        m_status = *status;
+    m_whyDown.clear();
+}
+
+void SupervisedLine::takeState(const Json& event)
+{
+    const int station =
+        event.contains("station") ? static_cast<int>(numberIn(event, "station", 65535)) : -1;
+    tell(station, {textIn(event, "state"), textIn(event, "text")});
+}
+
+void SupervisedLine::tell(int station, const State& state)
+{
+    if (m_isMuted) {
+        m_untold[station] = state;
+        return;
+    }
+    const State& before = m_states[station];
+    if (before.state == state.state && before.text == state.text)
+        return;
+    m_states[station] = state;
+    LineEvent event;
+    event.time = m_wallClock.now();
+    event.line = m_settings.name;
+    event.station = station;
+    event.state = state.state;
+    event.text = state.text;
+    m_owner.handleEvent(event);
+}
+
+void SupervisedLine::handleEnd(const QString& how, Duration pause)
+{
+    const QString ended = how.isEmpty()
+                              ? QStringLiteral("the worker of this line ended")
+                              : QStringLiteral("the worker of this line ended (%1)").arg(how);
+    const QString reason =
+        ended + QStringLiteral("; it is started again in %1 s").arg(secondsText(pause));
+    m_isMuted = m_isMuted || how == m_lastEnd;
+    m_untold.clear();
+    if (!m_isMuted) {
+        // What the next worker finds is news, even if it is what the last one found.
+        m_states.clear();
+        tell(kLineItself, {QStringLiteral("worker ended"), reason});
+    }
+    m_lastEnd = how.isNull() ? QStringLiteral("") : how;
+    markDown(reason);
+    tellAll(m_image.markStale(reason));
+    m_requests.failAll(reason);
+}
+
+void SupervisedLine::markDown(const QString& reason)
+{
+    m_whyDown = reason;
+    if (m_status.contains("stations")) {
+        for (Json& station : m_status["stations"]) {
+            if (station.value("state", "") == "disabled")
+                continue;
+            station["state"] = "line down";
+            station["connected"] = false;
+            station["problem"] = reason.toStdString();
+        }
+    }
+}
+
+Json SupervisedLine::status() const
+{
+    Json status = {{"line", m_settings.name.toStdString()},
+                   {"project", m_settings.projectFile.toStdString()},
+                   {"variables", m_image.size()},
+                   {"workerPid", m_supervisor.pid() > 0 ? Json(m_supervisor.pid()) : Json()},
+                   {"workerStarts", m_supervisor.starts()},
+                   {"waitingRequests", m_requests.size()}};
+    const std::optional<qint64> oldest = m_image.oldestMs();
+    status["oldestMs"] = oldest ? Json(*oldest) : Json();
+    status["port"] = m_settings.project.port.device.toStdString();
+    status["settings"] = m_settings.project.port.text().toStdString();
+    if (m_status.is_object())
+        status.update(m_status);
+    if (!m_whyDown.isEmpty()) {
+        status["up"] = false;
+        status["error"] = m_whyDown.toStdString();
+        status["reportedError"] = m_whyDown.toStdString();
+    }
+    return status;
+}
+
+void SupervisedLine::ask(qint64 id, Json request, const LineService::Answer& answer)
+{
+    m_requests.add(id, std::move(request), answer);
+}
+
+void SupervisedLine::pumpRequests()
+{
+    m_requests.pump(m_whyDown.isEmpty() ? QStringLiteral("the worker of this line does not run")
+                                        : m_whyDown);
+}
+
+int SupervisedLine::retire(const QString& reason)
+{
+    const int pid = m_supervisor.retire();
+    m_requests.failAll(reason);
+    return pid;
+}
+
+} // namespace micro850::gateway
