@@ -306,6 +306,33 @@ void saveProjects()
     saveText("project", "cut_off", R"({"variables": [{"tag": "Spe)");
 }
 
+void saveConfigurations()
+{
+    const char harness[] = "gateway_configuration"; // has the projects p, q and bad
+    saveText(harness, "least", R"({"lines": [{"name": "press", "project": "p"}]})");
+    saveText(harness, "all", R"({"$schema": "x", // two lines
+"lines": [{"name": "Press-2_a.b", "project": "p"}, {"name": "oven", "project": "./q"}],
+"socket": {"path": "/run/g.sock", "mostClients": 10000},
+"history": {"file": "../h.sqlite", "keepDays": 1, "keepMegabytes": 1000000}})");
+    saveText(harness, "one_device", R"({"lines": [{"name": "a", "project": "p"},
+{"name": "b", "project": "p"}]})");
+    saveText(harness, "one_name", R"({"lines": [{"name": "a", "project": "p"},
+{"name": "a", "project": "q"}]})");
+    saveText(harness, "bad_project", R"({"lines": [{"name": "a", "project": "bad"}]})");
+    saveText(harness, "no_project", R"({"lines": [{"name": "a", "project": "/dev/zero"}]})");
+    saveText(harness, "bad_name", R"({"lines": [{"name": "a/\u009b", "project": "p"}]})");
+    saveText(harness, "many_mistakes", R"({"lines": [{"nme": "a"}, {"name": 1, "project": ""}],
+"socket": {"path": "", "mostClients": 0}, "history": {"keepDays": 0}, "more": 1})");
+    saveText(harness, "own_files", R"({"lines": [{"name": "a", "project": "p"}],
+"history": {"file": "p"}, "socket": {"path": "q"}})");
+    saveText(harness, "long_socket",
+             (R"({"lines": [{"name": "a", "project": "p"}],
+"socket": {"path": "/)" +
+              std::string(107, 'x') + "\"}}")
+                 .c_str());
+    saveText(harness, "cut_off", R"({"lines": [{"name": "a", "proj)");
+}
+
 void saveTags()
 {
     saveText("tags", "numbers", R"({"tags": [{"name": "Speed", "type": "INT", "value": 1234},
@@ -528,6 +555,7 @@ int main(int argc, char** argv)
     saveRawSession();
     saveValues();
     saveProjects();
+    saveConfigurations();
     saveTags();
     saveFaults();
     saveTexts();
