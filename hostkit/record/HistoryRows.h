@@ -80,6 +80,18 @@ struct HistoryFilter
     qint64 after = -1;
 };
 
+/// About how many bytes a row takes.
+qint64 sizeOf(const HistoryValue& row);
+qint64 sizeOf(const HistoryWrite& row);
+qint64 sizeOf(const HistoryEvent& row);
+
+/// "2026-11-22T13:30:00.125Z" of milliseconds since 1970 UTC.
+QString utcText(qint64 milliseconds);
+/// The object of a row: a value as the protocol of the gateway has it, with "state" and "sequence".
+Json jsonOf(const HistoryValue& row);
+Json jsonOf(const HistoryWrite& row);
+Json jsonOf(const HistoryEvent& row);
+
 } // namespace micro850::host
 
 #endif

@@ -1,0 +1,238 @@
+#include "HistoryService.h"
+
+#include "HistoryQueries.h"
+#include "HistoryWriter.h"
+#include "Mailbox.h"
+
+#include <QtCore/QHash>
+#include <QtCore/QTimer>
+
+#include <map>
+
+namespace micro850::gateway {
+
+namespace {
+
+const int kTickMs = 1000;
+
+host::HistoryWrite writeOf(const JournalEntry& entry)
+{
+    host::HistoryWrite write;
+    write.time = entry.time;
+    write.uid = entry.uid;
+    write.pid = entry.pid;
+    write.client = entry.client;
+    write.line = entry.line;
+    write.name = entry.name;
+    write.element = entry.element;
+    write.oldValue = entry.oldValue;
+    write.newValue = entry.newValue;
+    write.outcome = entry.outcome;
+    write.error = entry.error;
+    return write;
+}
+
+host::HistoryEvent eventOf(const LineEvent& event)
+{
+    host::HistoryEvent row;
+    row.time = event.time;
+    row.line = event.line;
+    row.station = event.station;
+    row.state = event.state;
+    row.text = event.text;
+    return row;
+}
+
+LineEvent lineEventOf(const host::HistoryEvent& row)
+{
+    LineEvent event;
+    event.time = row.time;
+    event.line = row.line;
+    event.station = row.station;
+    event.state = row.state;
+    event.text = row.text;
+    return event;
+}
+
+} // namespace
+
+class HistoryService::Private
+{
+public:
+    Private(LineService& lines, const HistorySettings& settings, const Clock& clock,
+            const WallClock& wallClock, Alarm alarm)
+        : m_lines(lines), m_clock(clock), m_wallClock(wallClock), m_settings(settings),
+          m_alarm(std::move(alarm)), m_writer(settings, [this](const host::HistoryEvent& event) {
+              m_mailbox.post([this, event] {
+                  if (m_alarm)
+                      m_alarm(lineEventOf(event));
+              });
+          })
+    {
+        QObject::connect(&m_ticks, &QTimer::timeout, [this] { m_writer.tick(stamp()); });
+        m_ticks.start(kTickMs);
+    }
+
+    HistoryStamp stamp() const { return {m_clock.now(), m_wallClock.now()}; }
+    void addValue(int line, int variable);
+    void addEvent(const LineEvent& event);
+    template<typename Row> void add(const Row& row) { m_writer.add({stamp(), row, 0}); }
+    std::shared_ptr<const host::HistoryVariable> variableOf(int line, int variable,
+                                                            const GatewayValue& value);
+    QString stateOf(const GatewayValue& value) const;
+
+    LineService& m_lines;
+    const Clock& m_clock;
+    const WallClock& m_wallClock;
+    HistorySettings m_settings;
+    const Alarm m_alarm;
+    std::map<std::pair<int, int>, std::shared_ptr<const host::HistoryVariable>> m_variables;
+    /// Of lines, and of stations since their line changed its state.
+    QHash<QString, QString> m_lineStates;
+    QHash<QString, QHash<int, QString>> m_stationStates;
+    QTimer m_ticks;
+    Mailbox m_mailbox;
+    // Threads that use the mailbox end before it.
+    HistoryWriter m_writer;
+    HistoryQueries m_queries;
+};
+
+// A variable keeps its object while it is the same: the writer knows it by its address.
+std::shared_ptr<const host::HistoryVariable>
+HistoryService::Private::variableOf(int line, int variable, const GatewayValue& value)
+{
+    const QString type = value.type ? QString::fromLatin1(value.type->name) : QString();
+    auto& known = m_variables[{line, variable}];
+    if (known && known->type == type)
+        return known;
+    host::HistoryVariable made;
+    made.line = value.line;
+    made.name = value.name;
+    made.station = value.station;
+    made.tag = value.tag;
+    made.element = value.element;
+    made.length = m_lines.line(line).project.variables.at(variable).length;
+    made.type = type;
+    made.unit = value.unit;
+    known = std::make_shared<const host::HistoryVariable>(std::move(made));
+    return known;
+}
+
+QString HistoryService::Private::stateOf(const GatewayValue& value) const
+{
+    const auto stations = m_stationStates.constFind(value.line);
+    if (stations != m_stationStates.constEnd() && stations->contains(value.station))
+        return stations->value(value.station);
+    return m_lineStates.value(value.line);
+}
+
+void HistoryService::Private::addValue(int line, int variable)
+{
+    const GatewayValue& value = m_lines.latest(line, variable);
+    const HistoryStamp now = stamp();
+    host::HistoryValue row;
+    row.variable = variableOf(line, variable, value);
+    // A good value has the time when it was read; one that became stale has that of the change.
+    row.time = value.quality == host::Quality::Good ? value.time.value_or(now.wall) : now.wall;
+    row.value = value.value;
+    row.quality = qualityText(value.quality);
+    row.state = stateOf(value);
+    row.error = value.error;
+    m_writer.add({now, std::move(row), 0});
+}
+
+void HistoryService::Private::addEvent(const LineEvent& event)
+{
+    if (event.station < 0) {
+        m_lineStates[event.line] = event.state;
+        m_stationStates.remove(event.line);
+    } else {
+        m_stationStates[event.line][event.station] = event.state;
+    }
+    add(eventOf(event));
+}
+
+HistoryService::HistoryService(LineService& lines, const HistorySettings& settings,
+                               const Clock& clock, const WallClock& wallClock, Alarm alarm)
+    : m_private(std::make_unique<Private>(lines, settings, clock, wallClock, std::move(alarm)))
+{
+    lines.addListener(*this);
+}
+
+HistoryService::~HistoryService()
+{
+    m_private->m_lines.removeListener(*this);
+}
+
+void HistoryService::change(const HistorySettings& settings)
+{
+    m_private->m_settings = settings;
+    m_private->m_writer.change(settings);
+}
+
+void HistoryService::flush()
+{
+    m_private->m_writer.tick(m_private->stamp());
+    m_private->m_writer.flush();
+}
+
+void HistoryService::query(const HistoryQuery& query, const Answered& answered)
+{
+    Mailbox& mailbox = m_private->m_mailbox;
+    const auto refuse = [&mailbox, &answered](const char* code, const QString& text) {
+        HistoryAnswer answer;
+        answer.errorCode = QLatin1String(code);
+        answer.errorText = text;
+        mailbox.post([answered, answer] { answered(answer); });
+    };
+    const QString file = m_private->m_settings.file;
+    if (file.isEmpty()) {
+        refuse("refused", QStringLiteral("nothing is recorded (the configuration names no "
+                                         "history.file)"));
+        return;
+    }
+    const auto done = [&mailbox, answered](HistoryAnswer answer) {
+        const auto shared = std::make_shared<HistoryAnswer>(std::move(answer));
+        mailbox.post([answered, shared] { answered(std::move(*shared)); });
+    };
+    if (!m_private->m_queries.add(file, query, done))
+        refuse("busy", QStringLiteral("too many requests for the history wait"));
+}
+
+Json HistoryService::status() const
+{
+    const HistoryWriter::Status status = m_private->m_writer.status();
+    Json object = {{"state", status.state.toStdString()}};
+    if (!status.reason.isEmpty())
+        object["reason"] = status.reason.toStdString();
+    if (status.state == QLatin1String("off"))
+        return object;
+    object["file"] = m_private->m_settings.file.toStdString();
+    object["bytes"] = status.bytes;
+    object["rows"] = status.rows;
+    object["leftOut"] = status.leftOut;
+    object["waiting"] = status.waiting;
+    return object;
+}
+
+void HistoryService::handleValue(int line, int variable)
+{
+    m_private->addValue(line, variable);
+}
+
+void HistoryService::handleEvent(const LineEvent& event)
+{
+    m_private->addEvent(event);
+}
+
+void HistoryService::handleWrite(const JournalEntry& entry)
+{
+    m_private->add(writeOf(entry));
+}
+
+void HistoryService::handleReload()
+{
+    m_private->m_variables.clear();
+}
+
+} // namespace micro850::gateway

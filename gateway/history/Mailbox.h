@@ -1,0 +1,25 @@
+#ifndef MICRO850_GATEWAY_HISTORY_MAILBOX_H
+#define MICRO850_GATEWAY_HISTORY_MAILBOX_H
+
+#include <QtCore/QObject>
+
+#include <functional>
+
+namespace micro850::gateway {
+
+/// Runs functions that other threads post on the thread that made it, in the event loop. What is
+/// still in it when it is destroyed is not run.
+class Mailbox : public QObject
+{
+public:
+    using Letter = std::function<void()>;
+    /// From any thread.
+    void post(Letter letter);
+
+protected:
+    bool event(QEvent* event) override;
+};
+
+} // namespace micro850::gateway
+
+#endif
