@@ -1,5 +1,5 @@
-# What is installed, in three components, each with its own package: the library (Runtime), the files that a host
-# is built with (Development), and the programs with their documents (Tools).
+# What is installed, in four components, each with its own package: the library (Runtime), the files that a host
+# is built with (Development), the programs with their documents (Tools), and the service that owns lines (Gateway).
 include(CMakePackageConfigHelpers)
 set(MICRO850_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/micro850)
 
@@ -37,7 +37,7 @@ install(FILES examples/CMakeLists.txt examples/minimal-host.cpp examples/careful
 if(MICRO850_PROGRAMS)
   install(TARGETS micro850-host micro850-sim
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Tools)
-  file(GLOB examples CONFIGURE_DEPENDS examples/*.json examples/*.csv)
+  file(GLOB examples CONFIGURE_DEPENDS examples/plant*.json examples/*.csv)
   install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Tools)
   # The rule is not active there; it says itself how to make it so.
   install(FILES share/micro850/project.schema.json share/micro850/60-micro850-adapters.rules
@@ -48,4 +48,20 @@ if(MICRO850_PROGRAMS)
   install(FILES tools/wireshark/df1_cip.lua DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT Tools)
   install(FILES man/micro850-host.1 man/micro850-sim.1
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Tools)
+
+  install(TARGETS micro850-gateway RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Gateway)
+  # The configuration is not among them: the service starts as soon as there is one.
+  install(FILES examples/gateway.json examples/press.project.json examples/oven.project.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Gateway)
+  install(FILES share/micro850/gateway.schema.json
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
+  install(FILES share/bash-completion/completions/micro850-gateway
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Gateway)
+  install(FILES man/micro850-gateway.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Gateway)
+  install(FILES man/micro850-gateway.json.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT Gateway)
+  configure_file(packaging/gateway/micro850-gateway.service.in micro850-gateway.service @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/micro850-gateway.service
+    DESTINATION lib/systemd/system COMPONENT Gateway)
+  install(FILES packaging/gateway/micro850-gateway.sysusers
+    DESTINATION lib/sysusers.d COMPONENT Gateway RENAME micro850-gateway.conf)
 endif()

@@ -1,4 +1,4 @@
-# Packages: library, development files and programs for Debian, and one archive for panels without a package
+# Packages: library, development files, programs and service for Debian, and one archive for panels without a package
 # manager. scripts/package configures the build for them and sets the processor.
 set(MICRO850_ARCHITECTURE "" CACHE STRING "Debian's name of the processor: amd64, arm64 or armhf")
 if(NOT MICRO850_ARCHITECTURE)
@@ -63,6 +63,22 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 controller; micro850-sim is a simulated controller on a pseudo-terminal or a
 serial port.")
 
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_NAME micro850-gateway)
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
+  "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${needs}, libqt5serialport5 (>= 5.15.1)")
+# The last creates the user of the service.
+string(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
+  ", libsqlite3-0 (>= 3.40.1), libsystemd0 (>= 252), systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS micro850-tools)
+foreach(script postinst prerm postrm)
+  list(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/gateway/${script})
+endforeach()
+set(CPACK_COMPONENT_GATEWAY_DESCRIPTION
+"micro850-gateway is a service that owns the lines to Micro850 controllers and
+lets many programs read, write and record their variables at once. It starts
+when /etc/micro850/gateway.json has been written.")
+
 # Each package has copyright and changelog in a folder of its own.
 string(TIMESTAMP MICRO850_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(packaging/debian-changelog.in debian-changelog @ONLY)
@@ -71,7 +87,7 @@ execute_process(COMMAND gzip -9n -c ${PROJECT_BINARY_DIR}/debian-changelog
 if(failed)
   message(FATAL_ERROR "gzip is needed for the packages' changelog")
 endif()
-foreach(component Runtime Development Tools)
+foreach(component Runtime Development Tools Gateway)
   string(TOUPPER ${component} COMPONENT)
   set(folder ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${COMPONENT}_PACKAGE_NAME})
   install(FILES ${PROJECT_BINARY_DIR}/changelog.gz DESTINATION ${folder} COMPONENT ${component})
