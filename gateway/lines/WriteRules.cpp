@@ -1,0 +1,463 @@
+#include "WriteRules.h"
+
+#include "ExactNumbers.h"
+#include "RequestError.h"
+#include "Scaling.h"
+#include "TagAddress.h"
+#include "UserError.h"
+#include "VisibleText.h"
+#include "Writable.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+
+namespace micro850::gateway {
+
+using host::Scaling;
+using host::Variable;
+
+struct WriteRules::Pending
+{
+    Writer writer;
+    WriteRequest request;
+    Answer answer;
+    QString line;
+    QString name;
+    int element = 0;
+    Json oldValue;
+    Json newValue;
+    qint64 asked = 0;
+    bool cancelled = false;
+};
+
+/// The element that a request means.
+struct WriteRules::Target
+{
+    QVector<int> variables; ///< numbers of all whose rules count; the first one gives the name
+    int line = 0;
+    host::TagKey tag;
+    int element = 0; ///< of the tag
+    int within = 0;  ///< of the first variable
+};
+
+namespace {
+
+const Duration kMinute = std::chrono::seconds(60);
+
+// A whole number that JSON writes as 1e3 or 5.0 is one for the controller too.
+QString numberText(const Json& value)
+{
+    const double kMostExact = 9007199254740991;
+    if (value.is_number_float()) {
+        const double number = value.get<double>();
+        if (std::abs(number) <= kMostExact && number == std::trunc(number) &&
+            !(number == 0 && std::signbit(number)))
+            return QString::number(static_cast<qint64>(number));
+    }
+    return QString::fromStdString(value.dump());
+}
+
+[[noreturn]] void refuse(const std::string& text)
+{
+    throw RequestError(errorcode::kNotAllowed, text);
+}
+
+CipValue textValue(const CipType& type, const QString& text)
+{
+    const bool fits =
+        std::all_of(text.begin(), text.end(), [](QChar c) { return c.unicode() <= 0xFF; });
+    if (!fits)
+        throw UserError("value: " + inQuotes(text.toStdString()) + " is not a value of type " +
+                        type.name + " (characters up to U+00FF)");
+    return CipValue::parse(type, text.toLatin1().toStdString());
+}
+
+// The controller's value of a JSON value. Throws UserError.
+CipValue valueOf(const Json& value, const CipType& type, const Variable& variable)
+{
+    if (type.kind == CipKind::String) {
+        if (!value.is_string())
+            throw UserError("value: a text is needed for the type " + std::string(type.name));
+        return textValue(type, QString::fromStdString(value.get<std::string>()));
+    }
+    if (value.is_string())
+        return Scaling(variable)
+            .stored(type, QString::fromStdString(value.get<std::string>()))
+            .value;
+    if (!value.is_number() && !value.is_boolean())
+        throw UserError("value: one number, true, false or a text is needed (an array is written "
+                        "element by element)");
+    return Scaling(variable).stored(type, numberText(value)).value;
+}
+
+// The controller's value of an element's bytes. Throws UserError.
+CipValue valueOf(const QByteArray& bytes, const CipType& type)
+{
+    const bool isText = type.kind == CipKind::String;
+    if (bytes.size() > type.size || (!isText && bytes.size() != type.size))
+        throw UserError("bytes: " + std::to_string(bytes.size()) +
+                        " bytes are no element of type " + type.name + ", which has " +
+                        std::to_string(type.size));
+    const CipValue value = host::decodeElement(type, bytes);
+    const bool isNan = type.kind == CipKind::Real && std::isnan(value.number());
+    if (!isNan && host::encodeElement(type, value) != bytes)
+        throw UserError("bytes: " + inQuotes(bytes.toHex().toStdString()) +
+                        " is no value of type " + type.name);
+    return value;
+}
+
+// As a number that limits can be compared with: as the variable shows it; bits, true, false and
+// dates as the number that the controller has. A REAL that shows 0.1 is not above the limit 0.1,
+// although it is the larger number.
+CipValue comparable(const CipType& type, const CipValue& value, const Variable& variable)
+{
+    switch (value.kind()) {
+    case CipKind::Boolean:
+        return CipValue::ofUnsigned(value.boolean() ? 1 : 0);
+    case CipKind::Bits:
+        return CipValue::ofUnsigned(value.unsignedNumber());
+    default:
+        break;
+    }
+    const CipValue shown = Scaling(variable).shown(type, value);
+    if (shown.kind() != CipKind::Real)
+        return shown.isNumber() ? shown : value;
+    return CipValue::ofReal(QString::fromStdString(shown.text()).toDouble());
+}
+
+std::string limitsText(const Variable& variable)
+{
+    std::string text;
+    if (variable.minimum)
+        text += "minimum " + variable.minimum->text();
+    if (variable.maximum)
+        text += (text.empty() ? "maximum " : ", maximum ") + variable.maximum->text();
+    return text;
+}
+
+void requireLimits(const CipType& type, const CipValue& value, const Variable& variable)
+{
+    const std::string name = variable.name.toStdString();
+    const CipValue number = comparable(type, value, variable);
+    if (number.kind() == CipKind::Real && std::isnan(number.number()))
+        refuse(name + ": NaN is no number that can be written");
+    if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
+        refuse(name + ": " + inQuotes(number.text()) + " is outside of its limits (" +
+               limitsText(variable) + ')');
+}
+
+// Rounding to what the controller can store must not bring a number into the limits.
+void requireGivenLimits(const Json& given, const Variable& variable)
+{
+    if (!given.is_number())
+        return;
+    const CipValue number =
+        given.is_number_unsigned()  ? CipValue::ofUnsigned(given.get<std::uint64_t>())
+        : given.is_number_integer() ? CipValue::ofSigned(given.get<std::int64_t>())
+                                    : CipValue::ofReal(given.get<double>());
+    if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
+        refuse(variable.name.toStdString() + ": " + given.dump() + " is outside of its limits (" +
+               limitsText(variable) + ')');
+}
+
+std::string secondsText(Duration time)
+{
+    std::array<char, 32> text{};
+    const double seconds = std::chrono::duration<double>(time).count();
+    std::snprintf(text.data(), text.size(), "%.1f s", std::max(seconds, 0.1));
+    return text.data();
+}
+
+Json errorOf(const char* code, const std::string& text)
+{
+    return {{"error", {{"code", code}, {"text", text}}}};
+}
+
+QString shortName(const QString& name)
+{
+    const int kLongest = 255;
+    return name.left(kLongest);
+}
+
+} // namespace
+
+WriteRequest WriteRequest::fromMessage(const JsonNode& message)
+{
+    message.expectKeys(
+        {"request", "id", "line", "name", "station", "tag", "element", "value", "bytes"});
+    WriteRequest request;
+    request.line = QString::fromStdString(message.text("line", std::string()));
+    if (message.has("name") == message.has("tag"))
+        message.fail("either \"name\" or \"tag\" is needed");
+    if (message.has("name")) {
+        request.name = QString::fromStdString(message.at("name").text());
+        if (message.has("station"))
+            message.at("station").fail("goes with \"tag\", not with \"name\"");
+    } else {
+        request.tag = QString::fromStdString(message.at("tag").text());
+    }
+    request.station = static_cast<int>(message.integer("station", 0, 255, 1));
+    request.element = static_cast<int>(message.integer("element", 0, host::kLargestElement, 0));
+    if (message.has("value") == message.has("bytes"))
+        message.fail("either \"value\" or \"bytes\" is needed");
+    if (message.has("value"))
+        request.value = host::jsonOf(message.at("value"));
+    else
+        request.bytes = host::bytesOf(QString::fromStdString(message.at("bytes").text()), "bytes");
+    return request;
+}
+
+WriteRules::WriteRules(LineService& lines, const Clock& clock, const WallClock& wallClock)
+    : m_lines(lines), m_clock(clock), m_wallClock(wallClock), m_index(lines)
+{
+    m_lines.addListener(*this);
+}
+
+WriteRules::~WriteRules()
+{
+    m_lines.removeListener(*this);
+}
+
+qint64 WriteRules::write(const Writer& writer, const WriteRequest& request, const Answer& answer)
+{
+    const qint64 number = ++m_last;
+    Pending pending;
+    pending.writer = writer;
+    pending.request = request;
+    pending.answer = answer;
+    pending.line = shortName(request.line);
+    pending.name = shortName(request.name.isEmpty() ? request.tag : request.name);
+    pending.element = request.element;
+    pending.newValue =
+        request.bytes ? Json(request.bytes->toHex().left(512).toStdString()) : request.value;
+    m_pending.insert(number, pending);
+    begin(number, nullptr);
+    return number;
+}
+
+// Called again when the controller has told the type: lines may have changed meanwhile.
+void WriteRules::begin(qint64 number, const CipType* told)
+{
+    Pending& pending = m_pending[number];
+    try {
+        if (pending.cancelled)
+            throw RequestError(errorcode::kCancelled, "it was taken back before it was sent");
+        const Target target = targetOf(pending.request);
+        const Variable& first = m_index.variable(target.variables.first());
+        pending.line = m_index.line(target.variables.first()).name;
+        pending.name = first.name;
+        pending.element = target.within;
+        const GatewayValue& latest = m_index.latest(target.variables.first());
+        const auto within = static_cast<std::size_t>(target.within);
+        pending.oldValue = latest.value.is_array() && within < latest.value.size()
+                               ? latest.value.at(within)
+                               : latest.value;
+        for (const int variable : target.variables) {
+            if (!m_index.variable(variable).writable)
+                refuse(first.name.toStdString() +
+                       ": is not writable (\"writable\": true in the project file allows it)");
+        }
+        const CipType* const type = told ? told : latest.type ? latest.type : first.type;
+        if (type)
+            send(number, target, *type);
+        else
+            askForType(number, target);
+    } catch (const RequestError& error) {
+        finish(number, errorOf(error.code(), error.what()));
+    } catch (const UserError& error) {
+        finish(number, errorOf(errorcode::kBadRequest, error.what()));
+    }
+}
+
+WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
+{
+    Target target;
+    if (!request.name.isEmpty()) {
+        const int number = m_index.variableNamed(request.line, request.name, "name");
+        const Variable& variable = m_index.variable(number);
+        if (request.element >= variable.length)
+            throw RequestError(errorcode::kBadRequest,
+                               "element: " + std::to_string(request.element) +
+                                   " is not in the variable, which has " +
+                                   std::to_string(variable.length));
+        target.variables = {number};
+        target.line = m_index.place(number).line;
+        target.tag = {variable.station, variable.tag};
+        target.within = request.element;
+        target.element = variable.element + request.element;
+        return target;
+    }
+    target.line = m_index.lineNamed(request.line, "line");
+    target.tag = {request.station, request.tag};
+    target.element = request.element;
+    QVector<int> others;
+    for (const int number : m_index.variablesAt(target.line, target.tag, request.element))
+        (m_index.variable(number).writable ? target.variables : others).append(number);
+    if (target.variables.isEmpty())
+        target.variables = others;
+    if (target.variables.isEmpty())
+        refuse("tag: element " + std::to_string(request.element) + " of " +
+               inQuotes(request.tag.toStdString()) +
+               " is in no variable of the project, and only writable variables are written");
+    target.within = request.element - m_index.variable(target.variables.first()).element;
+    return target;
+}
+
+void WriteRules::requireRoom(const Pending& pending) const
+{
+    const auto waiting =
+        std::count_if(m_pending.begin(), m_pending.end(), [&](const Pending& other) {
+            return other.line == pending.line && other.asked != 0;
+        });
+    if (waiting >= kMostWaiting)
+        throw RequestError(errorcode::kBusy, std::to_string(waiting) +
+                                                 " writes wait for the line " +
+                                                 pending.line.toStdString());
+}
+
+void WriteRules::askForType(qint64 number, const Target& target)
+{
+    Pending& pending = m_pending[number];
+    requireRoom(pending);
+    const Json request = {{"request", "type"},
+                          {"line", pending.line.toStdString()},
+                          {"station", target.tag.station},
+                          {"tag", target.tag.name.toStdString()}};
+    const auto answered = [this, number, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
+        if (alive.expired() || !m_pending.contains(number))
+            return;
+        m_pending[number].asked = 0;
+        const auto type = reply.find("type");
+        if (type == reply.end() || !type->is_string())
+            return finish(number, reply);
+        for (const CipType& known : cipTypes()) {
+            if (*type == known.name)
+                return begin(number, &known);
+        }
+        finish(number, errorOf(errorcode::kRefused, "the type of the tag is not known"));
+    };
+    const qint64 asked = m_lines.ask(target.line, request, answered);
+    if (m_pending.contains(number))
+        m_pending[number].asked = asked;
+}
+
+void WriteRules::send(qint64 number, const Target& target, const CipType& type)
+{
+    Pending& pending = m_pending[number];
+    const Variable& first = m_index.variable(target.variables.first());
+    if (!host::isWritable(type))
+        refuse(first.name.toStdString() + ": values of type " + type.name + " cannot be written");
+    const CipValue value = pending.request.bytes ? valueOf(*pending.request.bytes, type)
+                                                 : valueOf(pending.request.value, type, first);
+    pending.newValue = host::jsonOf(Scaling(first).shown(type, value));
+    for (const int variable : target.variables) {
+        requireLimits(type, value, m_index.variable(variable));
+        requireGivenLimits(pending.request.value, m_index.variable(variable));
+    }
+    requireRoom(pending);
+    requireRate(target);
+    countWrite(target);
+    const Json request = {{"request", "write"},
+                          {"line", pending.line.toStdString()},
+                          {"name", pending.name.toStdString()},
+                          {"element", pending.element},
+                          {"bytes", host::encodeElement(type, value).toHex().toStdString()}};
+    const qint64 asked =
+        m_lines.ask(target.line, request,
+                    [this, number, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
+                        if (!alive.expired())
+                            finish(number, reply);
+                    });
+    if (m_pending.contains(number))
+        m_pending[number].asked = asked;
+}
+
+void WriteRules::requireRate(const Target& target)
+{
+    const Duration now = m_clock.now();
+    removeOldTimes(now);
+    for (const int number : target.variables) {
+        const Variable& variable = m_index.variable(number);
+        const auto times = m_times.constFind({m_index.line(number).name, variable.name});
+        if (!variable.writesPerMinute || times == m_times.constEnd() ||
+            static_cast<int>(times->size()) < *variable.writesPerMinute)
+            continue;
+        const std::size_t blocking =
+            times->size() - static_cast<std::size_t>(*variable.writesPerMinute);
+        refuse(variable.name.toStdString() + ": was written " + std::to_string(times->size()) +
+               " times in the last minute, and its \"writesPerMinute\" is " +
+               std::to_string(*variable.writesPerMinute) + " (possible again in " +
+               secondsText((*times)[blocking] + kMinute - now) + ')');
+    }
+}
+
+void WriteRules::countWrite(const Target& target)
+{
+    for (const int number : target.variables) {
+        const Variable& variable = m_index.variable(number);
+        if (variable.writesPerMinute)
+            m_times[{m_index.line(number).name, variable.name}].push_back(m_clock.now());
+    }
+}
+
+void WriteRules::removeOldTimes(Duration now)
+{
+    for (auto times = m_times.begin(); times != m_times.end();) {
+        while (!times->empty() && now - times->front() >= kMinute)
+            times->pop_front();
+        times = times->empty() ? m_times.erase(times) : std::next(times);
+    }
+}
+
+void WriteRules::cancel(qint64 number)
+{
+    const auto pending = m_pending.find(number);
+    if (pending == m_pending.end())
+        return;
+    pending->cancelled = true;
+    if (pending->asked != 0)
+        m_lines.cancel(pending->asked);
+}
+
+void WriteRules::finish(qint64 number, const Json& reply)
+{
+    const auto found = m_pending.find(number);
+    if (found == m_pending.end())
+        return;
+    const Pending pending = *found;
+    m_pending.erase(found);
+
+    JournalEntry entry;
+    entry.time = m_wallClock.now();
+    entry.uid = pending.writer.uid;
+    entry.pid = pending.writer.pid;
+    entry.client = pending.writer.client;
+    entry.line = pending.line;
+    entry.name = pending.name;
+    entry.element = pending.element;
+    entry.newValue = pending.newValue;
+    entry.oldValue = reply.value("old", pending.oldValue);
+    const auto error = reply.find("error");
+    if (error != reply.end() && error->is_object()) {
+        entry.outcome = QString::fromStdString(error->value("code", "refused"));
+        entry.error = QString::fromStdString(error->value("text", std::string()));
+    } else {
+        entry.outcome = QStringLiteral("written");
+        if (!reply.value("verified", true))
+            entry.error = QStringLiteral("another value was read back: ") +
+                          QString::fromStdString(reply.value("value", Json()).dump());
+    }
+    m_lines.reportWrite(entry);
+    Json answer = reply;
+    answer.erase("id");
+    pending.answer(answer);
+}
+
+void WriteRules::handleReload()
+{
+    m_index.rebuild();
+}
+
+} // namespace micro850::gateway
