@@ -1,5 +1,6 @@
 #include "Service.h"
 
+#include "ClientServer.h"
 #include "Configuration.h"
 #include "Lines.h"
 #include "Log.h"
@@ -70,6 +71,19 @@ private:
     std::unique_ptr<QSocketNotifier> m_notifier;
 };
 
+/// Stands in where nothing is recorded.
+class NoHistory : public HistorySource
+{
+public:
+    void query(const HistoryQuery&, const Answered& answered) override
+    {
+        QTimer::singleShot(0, [answered] {
+            answered({errorcode::kRefused, QStringLiteral("nothing is recorded"), {}, true});
+        });
+    }
+    Json status() const override { return {{"state", "off"}}; }
+};
+
 /// The service while it runs.
 class Service
 {
@@ -81,6 +95,7 @@ private:
     void handleSignal(int signal);
     void reload();
     void applyNewConfiguration();
+    ClientNeeds clientNeeds();
     void tellStatus();
     void stop();
 
@@ -91,6 +106,9 @@ private:
     Signals m_signals;
     EventLog m_log;
     Lines m_lines;
+    WriteRules m_writes;
+    NoHistory m_history;
+    ClientServer m_clients;
     QTimer m_tick;
     Duration m_nextStatus{0};
     bool m_stopping = false;
@@ -98,7 +116,8 @@ private:
 
 Service::Service(const QString& path, const Configuration& configuration)
     : m_path(path), m_signals([this](int signal) { handleSignal(signal); }),
-      m_lines(m_clock, m_wallClock, supervisionFromEnvironment())
+      m_lines(m_clock, m_wallClock, supervisionFromEnvironment()),
+      m_writes(m_lines, m_clock, m_wallClock), m_clients(clientNeeds(), configuration.socket)
 {
     m_lines.addListener(m_log);
     m_lines.setLines(configuration.lines);
@@ -109,6 +128,17 @@ Service::Service(const QString& path, const Configuration& configuration)
         if (m_clock.now() >= m_nextStatus)
             tellStatus();
     });
+}
+
+ClientNeeds Service::clientNeeds()
+{
+    return {m_lines,
+            m_writes,
+            m_history,
+            m_clock,
+            QStringLiteral("micro850-gateway " MICRO850_VERSION),
+            [this] { applyNewConfiguration(); },
+            static_cast<int>(::geteuid())};
 }
 
 int Service::run()
@@ -165,6 +195,13 @@ void Service::applyNewConfiguration()
                 "the new configuration is refused; the service goes on with the old one"));
         m_notice.ready();
         throw UserError(mistakes.front());
+    }
+    try {
+        m_clients.change(configuration.socket);
+    } catch (const UserError& error) {
+        log(Priority::Error, QString::fromStdString(error.what()));
+        m_notice.ready();
+        throw;
     }
     m_lines.setLines(configuration.lines);
     log(Priority::Notice,
