@@ -1,6 +1,7 @@
 #include "Check.h"
 
 #include "Configuration.h"
+#include "Counted.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VisibleText.h"
@@ -10,11 +11,6 @@
 namespace micro850::gateway {
 
 namespace {
-
-std::string counted(int count, const char* one, const char* many)
-{
-    return std::to_string(count) + ' ' + (count == 1 ? one : many);
-}
 
 std::string summaryOf(const Configuration& configuration)
 {
@@ -29,10 +25,10 @@ std::string summaryOf(const Configuration& configuration)
     const std::string recorded = history.file.isEmpty()
                                      ? "no history"
                                      : "history " + history.file.toStdString() + ", at most " +
-                                           counted(history.keepDays, "day", "days") + " and " +
-                                           std::to_string(history.keepMegabytes) + " MB";
-    return counted(configuration.lines.size(), "line", "lines") + ", " +
-           counted(variables, "variable", "variables") + " (" + std::to_string(writable) +
+                                           counted(history.keepDays, "day").toStdString() +
+                                           " and " + std::to_string(history.keepMegabytes) + " MB";
+    return counted(configuration.lines.size(), "line").toStdString() + ", " +
+           counted(variables, "variable").toStdString() + " (" + std::to_string(writable) +
            " writable), socket " + configuration.socket.path.toStdString() + ", " + recorded;
 }
 

@@ -1,0 +1,153 @@
+#include "StatusText.h"
+
+#include "Counted.h"
+#include "LineStatus.h"
+#include "LocalTime.h"
+#include "Visible.h"
+
+#include <QtCore/QStringList>
+
+namespace micro850::gateway {
+
+namespace {
+
+const std::int64_t kMostCount = std::int64_t(1) << 53;
+
+QString shown(const JsonNode& object, const char* key)
+{
+    return host::visible(QString::fromStdString(object.text(key, "")));
+}
+
+// Null stands for a number that is not known yet.
+std::optional<qint64> numberIn(const JsonNode& object, const char* key)
+{
+    if (!object.has(key) || object.at(key).value().is_null())
+        return std::nullopt;
+    return object.at(key).integer(0, kMostCount);
+}
+
+QString timeText(qint64 milliseconds)
+{
+    return QString::fromStdString(localTimeText(milliseconds));
+}
+
+QString megabytesText(qint64 bytes)
+{
+    const double kMegabyte = 1e6;
+    return QString::number(double(bytes) / kMegabyte, 'f', 1) + QStringLiteral(" MB");
+}
+
+QString secondsText(qint64 milliseconds)
+{
+    const double kSecond = 1000;
+    return QString::number(double(milliseconds) / kSecond, 'f', 1) + QStringLiteral(" s");
+}
+
+// "3 d 04:05:06", without days below one.
+QString uptimeText(qint64 seconds)
+{
+    const int kMinute = 60;
+    const int kHour = 60 * kMinute;
+    const int kDay = 24 * kHour;
+    const auto two = [](qint64 number) {
+        return QStringLiteral("%1").arg(number, 2, 10, QLatin1Char('0'));
+    };
+    const QString days =
+        seconds < kDay ? QString() : QString::number(seconds / kDay) + QStringLiteral(" d ");
+    return days + two(seconds % kDay / kHour) + ':' + two(seconds % kHour / kMinute) + ':' +
+           two(seconds % kMinute);
+}
+
+QString historyText(const JsonNode& history)
+{
+    QStringList parts(shown(history, "state"));
+    if (history.has("file"))
+        parts.append(shown(history, "file"));
+    if (const std::optional<qint64> bytes = numberIn(history, "bytes"))
+        parts.append(megabytesText(*bytes));
+    if (const qint64 leftOut = numberIn(history, "leftOut").value_or(0))
+        parts.append(QStringLiteral("%1 left out").arg(leftOut));
+    if (history.has("reason"))
+        parts.append(shown(history, "reason"));
+    return QStringLiteral("history: ") + parts.join(QStringLiteral(", "));
+}
+
+QString stationText(const host::StationView& station, qint64 now)
+{
+    QString text = QStringLiteral("  station %1").arg(station.number);
+    if (!station.name.isEmpty())
+        text += QStringLiteral(" (%1)").arg(host::visible(station.name));
+    text += QStringLiteral(": ") + host::visible(station.state);
+    if (!station.problem.isEmpty())
+        text += QStringLiteral(" (%1)").arg(host::visible(station.problem));
+    text += QStringLiteral(", %1, %2 answered, %3 timed out")
+                .arg(counted(station.counters.sent, "request"))
+                .arg(station.counters.answered)
+                .arg(station.counters.timedOut);
+    if (!station.isConnected && station.lastAnswer) {
+        // The status was parsed as of time 0.
+        const qint64 ago = -wholeMilliseconds(*station.lastAnswer);
+        text += QStringLiteral(", last answer ") + timeText(now - ago);
+    }
+    return text + '\n';
+}
+
+QString workerText(const JsonNode& line)
+{
+    const std::optional<qint64> process = numberIn(line, "workerPid");
+    if (!process)
+        return QStringLiteral("  no worker runs\n");
+    const int kKilobyte = 1024;
+    QString text = QStringLiteral("  worker %1").arg(*process);
+    if (const std::optional<qint64> memory = numberIn(line, "memoryKb"))
+        text += QStringLiteral(", ") + megabytesText(*memory * kKilobyte);
+    const qint64 starts = numberIn(line, "workerStarts").value_or(1);
+    if (starts > 1)
+        text += QStringLiteral(", started %1 times").arg(starts);
+    return text + '\n';
+}
+
+QString lineText(const JsonNode& line, qint64 now)
+{
+    const host::LineStatus status = host::lineStatusOf(line, Duration(0));
+    // In one go: a text may have a % of its own.
+    QString text =
+        QStringLiteral("line %1: %2, %3, %4\n")
+            .arg(shown(line, "line"),
+                 host::visible(status.line.text.isEmpty() ? status.line.device : status.line.text),
+                 counted(numberIn(line, "variables").value_or(0), "variable"),
+                 status.line.isUp ? QStringLiteral("up") : QStringLiteral("down"));
+    if (!status.line.error.isEmpty())
+        text += QStringLiteral("  %1\n").arg(host::visible(status.line.error));
+    const std::optional<qint64> oldest = numberIn(line, "oldestMs");
+    text += QStringLiteral("  %1 transactions/s, %2 % of the line in use, oldest value %3\n")
+                .arg(status.figures.transactionsPerSecond, 0, 'f', 1)
+                .arg(status.figures.percentInUse, 0, 'f', 0)
+                .arg(oldest ? secondsText(*oldest) : QStringLiteral("never read"));
+    text += workerText(line);
+    if (line.has("overload"))
+        text += QStringLiteral("  %1\n").arg(shown(line, "overload"));
+    for (const host::StationView& station : status.stations)
+        text += stationText(station, now);
+    return text;
+}
+
+} // namespace
+
+QString statusText(const JsonNode& reply, qint64 now)
+{
+    const qint64 uptime = reply.at("uptimeS").integer(0, kMostCount);
+    const int kSecond = 1000;
+    QString text =
+        QStringLiteral("%1, up %2 since %3, %4, %5\n")
+            .arg(shown(reply, "program"), uptimeText(uptime), timeText(now - uptime * kSecond),
+                 megabytesText(reply.at("memoryBytes").integer(0, kMostCount)),
+                 counted(reply.at("clients").integer(0, kMostCount), "client"));
+    if (reply.has("history"))
+        text += historyText(reply.at("history")) + '\n';
+    for (const JsonNode& line : reply.at("lines").elements())
+        text += lineText(line, now);
+    return text;
+}
+
+} // namespace micro850::gateway
