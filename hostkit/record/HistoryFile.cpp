@@ -105,7 +105,7 @@ void HistoryFile::prepare()
     if (fresh)
         createHistory(*m_database);
     applyLimits();
-    m_statements = std::make_unique<Statements>(*m_database);
+    m_statements = std::make_unique<HistoryStatements>(*m_database);
     struct stat status = {};
     if (::stat(QFile::encodeName(m_path).constData(), &status) != 0)
         failToWrite(m_path.toStdString(), errno);

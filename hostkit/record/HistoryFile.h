@@ -15,6 +15,8 @@
 
 namespace micro850::host {
 
+struct HistoryStatements;
+
 /// Thrown when a file belongs to somebody else: to another program that records, or to a later
 /// version.
 class HistoryRefused : public UserError
@@ -88,7 +90,6 @@ private:
     };
     /// Quality, state and error.
     using Condition = std::tuple<QString, QString, QString>;
-    struct Statements;
 
     void lock();
     void prepare();
@@ -117,7 +118,7 @@ private:
     HistoryBudget m_budget;
     int m_lock = -1;
     std::unique_ptr<Database> m_database;
-    std::unique_ptr<Statements> m_statements;
+    std::unique_ptr<HistoryStatements> m_statements;
     quint64 m_device = 0;
     quint64 m_inode = 0;
 

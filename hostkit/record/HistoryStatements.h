@@ -1,14 +1,14 @@
 #ifndef MICRO850_HOST_HISTORYSTATEMENTS_H
 #define MICRO850_HOST_HISTORYSTATEMENTS_H
 
-#include "HistoryFile.h"
+#include "Database.h"
 
 namespace micro850::host {
 
 /// What a writer asks of its database again and again.
-struct HistoryFile::Statements
+struct HistoryStatements
 {
-    explicit Statements(Database& database)
+    explicit HistoryStatements(Database& database)
         : storePeriod(database, "INSERT OR REPLACE INTO periods (id, first, last, earliest, "
                                 "latest, recorded) VALUES (?, ?, ?, ?, ?, ?)"),
           storeRecorded(database, "INSERT OR REPLACE INTO meta VALUES ('recorded', ?)"),
