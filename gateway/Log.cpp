@@ -26,7 +26,8 @@ bool isJournal()
 Priority priorityOf(const QString& state)
 {
     const bool isGood = state == QLatin1String("up") || state == QLatin1String("connected") ||
-                        state == QLatin1String("disabled");
+                        state == QLatin1String("disabled") ||
+                        state == QLatin1String("history recording");
     if (isGood)
         return Priority::Info;
     return state == QLatin1String("worker ended") ? Priority::Error : Priority::Warning;

@@ -2,6 +2,7 @@
 
 #include "ClientServer.h"
 #include "Configuration.h"
+#include "HistoryService.h"
 #include "Lines.h"
 #include "Log.h"
 #include "Memory.h"
@@ -71,19 +72,6 @@ private:
     std::unique_ptr<QSocketNotifier> m_notifier;
 };
 
-/// Stands in where nothing is recorded.
-class NoHistory : public HistorySource
-{
-public:
-    void query(const HistoryQuery&, const Answered& answered) override
-    {
-        QTimer::singleShot(0, [answered] {
-            answered({errorcode::kRefused, QStringLiteral("nothing is recorded"), {}, true});
-        });
-    }
-    Json status() const override { return {{"state", "off"}}; }
-};
-
 /// The service while it runs.
 class Service
 {
@@ -96,6 +84,7 @@ private:
     void reload();
     void applyNewConfiguration();
     ClientNeeds clientNeeds();
+    void tellAlarm(const LineEvent& event);
     void tellStatus();
     void stop();
 
@@ -107,7 +96,7 @@ private:
     EventLog m_log;
     Lines m_lines;
     WriteRules m_writes;
-    NoHistory m_history;
+    HistoryService m_history;
     ClientServer m_clients;
     QTimer m_tick;
     Duration m_nextStatus{0};
@@ -117,7 +106,10 @@ private:
 Service::Service(const QString& path, const Configuration& configuration)
     : m_path(path), m_signals([this](int signal) { handleSignal(signal); }),
       m_lines(m_clock, m_wallClock, supervisionFromEnvironment()),
-      m_writes(m_lines, m_clock, m_wallClock), m_clients(clientNeeds(), configuration.socket)
+      m_writes(m_lines, m_clock, m_wallClock),
+      m_history(m_lines, configuration.history, m_clock, m_wallClock,
+                [this](const LineEvent& event) { tellAlarm(event); }),
+      m_clients(clientNeeds(), configuration.socket)
 {
     m_lines.addListener(m_log);
     m_lines.setLines(configuration.lines);
@@ -139,6 +131,12 @@ ClientNeeds Service::clientNeeds()
             QStringLiteral("micro850-gateway " MICRO850_VERSION),
             [this] { applyNewConfiguration(); },
             static_cast<int>(::geteuid())};
+}
+
+void Service::tellAlarm(const LineEvent& event)
+{
+    m_log.handleEvent(event);
+    m_clients.handleEvent(event);
 }
 
 int Service::run()
@@ -203,6 +201,7 @@ void Service::applyNewConfiguration()
         m_notice.ready();
         throw;
     }
+    m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
     log(Priority::Notice,
         QStringLiteral("the configuration was read again: %1 line(s)").arg(m_lines.size()));

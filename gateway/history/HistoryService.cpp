@@ -62,7 +62,8 @@ public:
     Private(LineService& lines, const HistorySettings& settings, const Clock& clock,
             const WallClock& wallClock, Alarm alarm)
         : m_lines(lines), m_clock(clock), m_wallClock(wallClock), m_settings(settings),
-          m_alarm(std::move(alarm)), m_writer(settings, [this](const host::HistoryEvent& event) {
+          m_alarm(std::move(alarm)),
+          m_writer(settings, stamp(), [this](const host::HistoryEvent& event) {
               m_mailbox.post([this, event] {
                   if (m_alarm)
                       m_alarm(lineEventOf(event));

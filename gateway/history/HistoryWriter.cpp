@@ -35,8 +35,9 @@ qint64 offsetOf(const HistoryStamp& stamp)
 
 } // namespace
 
-HistoryWriter::HistoryWriter(const HistorySettings& settings, Alarm alarm, const char* fileSystem)
-    : m_alarm(std::move(alarm)), m_fileSystem(fileSystem), m_newSettings(settings)
+HistoryWriter::HistoryWriter(const HistorySettings& settings, const HistoryStamp& now, Alarm alarm,
+                             const char* fileSystem)
+    : m_alarm(std::move(alarm)), m_fileSystem(fileSystem), m_now(now), m_newSettings(settings)
 {
     m_status.state = settings.file.isEmpty() ? QStringLiteral("off") : QStringLiteral("recording");
     m_thread = std::thread([this] { run(); });

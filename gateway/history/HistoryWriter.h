@@ -33,7 +33,8 @@ public:
     using Alarm = std::function<void(const host::HistoryEvent& event)>;
 
     /// `fileSystem` is the name of one that SQLite knows, for tests.
-    HistoryWriter(const HistorySettings& settings, Alarm alarm, const char* fileSystem = nullptr);
+    HistoryWriter(const HistorySettings& settings, const HistoryStamp& now, Alarm alarm,
+                  const char* fileSystem = nullptr);
     /// Records what waits, unless the disk refuses.
     ~HistoryWriter();
     HistoryWriter(const HistoryWriter&) = delete;
