@@ -53,7 +53,7 @@ if(MICRO850_PROGRAMS)
   # The configuration is not among them: the service starts as soon as there is one.
   install(FILES examples/gateway.json examples/press.project.json examples/oven.project.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Gateway)
-  install(FILES share/micro850/gateway.schema.json
+  install(FILES share/micro850/gateway.schema.json share/micro850/gateway-protocol.schema.json
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
   install(FILES share/bash-completion/completions/micro850-gateway
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Gateway)

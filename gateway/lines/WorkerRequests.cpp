@@ -247,7 +247,8 @@ Json WorkerRequests::write(const JsonNode& request)
     QByteArray bytes;
     if (request.has("bytes")) {
         bytes = host::bytesOf(QString::fromStdString(request.at("bytes").text()), "bytes");
-        if (bytes.isEmpty() || (type.size > 0 && bytes.size() != type.size))
+        const bool isText = type.kind == CipKind::String;
+        if (bytes.isEmpty() || bytes.size() > type.size || (!isText && bytes.size() != type.size))
             throw Refusal{errorcode::kBadRequest,
                           "bytes: they are not those of one " + std::string(type.name)};
     } else {
