@@ -5,7 +5,6 @@
 #include "HistoryService.h"
 #include "Lines.h"
 #include "Log.h"
-#include "Memory.h"
 #include "SystemNotice.h"
 #include "UserError.h"
 
@@ -83,6 +82,7 @@ private:
     void handleSignal(int signal);
     void reload();
     void applyNewConfiguration();
+    void apply(const Configuration& configuration);
     ClientNeeds clientNeeds();
     void tellAlarm(const LineEvent& event);
     void tellStatus();
@@ -153,10 +153,10 @@ int Service::run()
 
 void Service::handleSignal(int signal)
 {
-    if (signal == SIGHUP)
-        reload();
-    else
+    if (signal != SIGHUP)
         stop();
+    else if (!m_stopping)
+        reload();
 }
 
 void Service::tellStatus()
@@ -185,27 +185,30 @@ void Service::applyNewConfiguration()
     m_notice.reloading();
     std::vector<std::string> mistakes;
     const Configuration configuration = Configuration::fromFile(m_path, mistakes);
-    if (!mistakes.empty()) {
-        for (const std::string& mistake : mistakes)
-            log(Priority::Error, QString::fromStdString(mistake));
-        log(Priority::Error,
-            QStringLiteral(
-                "the new configuration is refused; the service goes on with the old one"));
-        m_notice.ready();
-        throw UserError(mistakes.front());
-    }
     try {
-        m_clients.change(configuration.socket);
+        if (mistakes.empty())
+            m_clients.change(configuration.socket);
     } catch (const UserError& error) {
-        log(Priority::Error, QString::fromStdString(error.what()));
-        m_notice.ready();
-        throw;
+        mistakes.emplace_back(error.what());
     }
+    if (mistakes.empty())
+        apply(configuration);
+    m_notice.ready();
+    if (mistakes.empty())
+        return;
+    for (const std::string& mistake : mistakes)
+        log(Priority::Error, QString::fromStdString(mistake));
+    log(Priority::Error,
+        QStringLiteral("the new configuration is refused; the service goes on with the old one"));
+    throw UserError(mistakes.front());
+}
+
+void Service::apply(const Configuration& configuration)
+{
     m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
     log(Priority::Notice,
         QStringLiteral("the configuration was read again: %1 line(s)").arg(m_lines.size()));
-    m_notice.ready();
 }
 
 void Service::stop()

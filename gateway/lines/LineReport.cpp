@@ -160,8 +160,12 @@ QVector<QByteArray> LineReport::popStates()
         return events; // it was not tried yet
     addState(events, kLineItself, line.isUp ? QStringLiteral("up") : QStringLiteral("down"),
              host::reportedLineStateText(line));
-    if (!line.isUp)
+    if (!line.isUp) {
+        // When the line is up again, it is news how they are.
+        const Told told = m_told.value(kLineItself);
+        m_told = {{kLineItself, told}};
         return events;
+    }
     const QVector<StationView> stations = m_loop.stationViews();
     for (const StationView& station : stations) {
         // On the way to a connection, or to a reason why there is none.

@@ -59,10 +59,10 @@ void SupervisedLine::tick(bool mayStart)
     m_supervisor.tick(mayStart);
     const bool isSilent = m_clock.now() - m_supervisor.lastHeard() > kSilence;
     tellAll(m_image.markOld(isSilent));
-    if (!m_isMuted || !m_supervisor.isSteady())
+    if (!m_supervisor.isSteady())
         return;
     m_isMuted = false;
-    m_lastEnd.clear();
+    m_lastEnd.reset();
     const QMap<int, State> untold = std::exchange(m_untold, {});
     for (auto state = untold.constBegin(); state != untold.constEnd(); ++state)
         tell(state.key(), *state);
@@ -144,10 +144,12 @@ void SupervisedLine::tell(int station, const State& state)
         m_untold[station] = state;
         return;
     }
-    const State& before = m_states[station];
+    const State before = m_states.value(station);
     if (before.state == state.state && before.text == state.text)
         return;
-    m_states[station] = state;
+    if (station == kLineItself)
+        m_states.clear(); // it is news how the stations are then
+    m_states.insert(station, state);
     LineEvent event;
     event.time = m_wallClock.now();
     event.line = m_settings.name;
@@ -164,14 +166,12 @@ void SupervisedLine::handleEnd(const QString& how, Duration pause)
                               : QStringLiteral("the worker of this line ended (%1)").arg(how);
     const QString reason =
         ended + QStringLiteral("; it is started again in %1 s").arg(secondsText(pause));
-    m_isMuted = m_isMuted || how == m_lastEnd;
+    m_isMuted = m_isMuted || m_lastEnd == how;
     m_untold.clear();
     if (!m_isMuted) {
-        // What the next worker finds is news, even if it is what the last one found.
-        m_states.clear();
         tell(kLineItself, {QStringLiteral("worker ended"), reason});
     }
-    m_lastEnd = how.isNull() ? QStringLiteral("") : how;
+    m_lastEnd = how;
     markDown(reason);
     tellAll(m_image.markStale(reason));
     m_requests.failAll(reason);

@@ -74,7 +74,7 @@ private:
     // Of a worker that ends again and again for the same reason, nothing is told until one works.
     bool m_isMuted = false;
     QMap<int, State> m_untold;
-    QString m_lastEnd;
+    std::optional<QString> m_lastEnd; ///< how the last worker ended that did not work for long
 };
 
 } // namespace micro850::gateway
