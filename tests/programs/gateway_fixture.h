@@ -15,7 +15,7 @@
 #include <vector>
 
 /// No test waits longer for anything.
-const int kGatewayLimitMs = 120000;
+const int kGatewayLimitMs = 60000;
 
 /// Waits until the condition holds, and looks many times a second. False after kGatewayLimitMs.
 bool waitUntil(const std::function<bool()>& condition);
