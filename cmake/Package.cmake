@@ -56,8 +56,8 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME micro850-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${needs}, libqt5serialport5 (>= 5.15.1)")
-# Values are logged to SQLite through Qt's plugin.
-string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libqt5sql5 (>= 5.15.1), libqt5sql5-sqlite")
+# Values are logged to SQLite through Qt's plugin; histories are read with the library itself.
+string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libqt5sql5 (>= 5.15.1), libqt5sql5-sqlite, libsqlite3-0 (>= 3.35)")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 "micro850-host reads, writes and watches the variables of a Micro850
 controller; micro850-sim is a simulated controller on a pseudo-terminal or a
@@ -69,7 +69,7 @@ set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${needs}, libqt5serialport5 (>= 5.15.1)")
 # The last creates the user of the service.
 string(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
-  ", libsqlite3-0 (>= 3.40.1), libsystemd0 (>= 252), systemd | systemd-standalone-sysusers | systemd-sysusers")
+  ", libsqlite3-0 (>= 3.35), libsystemd0, systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS micro850-tools)
 foreach(script postinst prerm postrm)
   list(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/gateway/${script})
