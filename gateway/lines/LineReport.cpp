@@ -81,9 +81,8 @@ QString LineReport::whyNotGood(int variable) const
     const QString error = m_loop.values().error(variable);
     if (!error.isEmpty())
         return error;
-    const host::LineView line = m_loop.line();
-    if (!line.isUp)
-        return line.reportedError;
+    if (!m_loop.lineIsUp())
+        return m_loop.reportedLineError();
     const auto station = m_loop.stations().constFind(m_project.variables.at(variable).station);
     return station == m_loop.stations().constEnd() ? QString() : station->error();
 }

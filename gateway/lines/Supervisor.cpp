@@ -42,6 +42,12 @@ void Supervisor::tick(bool mayStart)
     if (m_state != State::Running)
         return;
     const Duration limit = std::max(m_settings.heartbeatLimit, m_patience);
+    // When this process itself stood still, what the worker sent meanwhile waits in the socket.
+    if (now - m_lastHeard >= limit) {
+        handleInput();
+        if (m_state != State::Running)
+            return;
+    }
     if (now - m_lastHeard >= limit)
         kill(QStringLiteral("it did not answer for %1 s")
                  .arg(static_cast<double>(wholeMilliseconds(limit)) / 1000));

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <deque>
 #include <functional>
 #include <map>
@@ -48,6 +49,11 @@ public:
     Json message(const std::function<bool(const Json&)>& wanted);
     /// Waits for an event with a value of this variable that is wanted, and returns the value.
     Json value(const std::string& name, const std::function<bool(const Json&)>& wanted);
+    /// How many of the messages that came, and were not taken, are such.
+    int waiting(const std::function<bool(const Json&)>& wanted) const
+    {
+        return static_cast<int>(std::count_if(m_messages.begin(), m_messages.end(), wanted));
+    }
     /// True once the gateway has closed the connection.
     bool waitForClose();
 

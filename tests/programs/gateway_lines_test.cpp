@@ -2,6 +2,17 @@
 
 #include "gateway_fixture.h"
 
+#include <QtCore/QFile>
+#include <QtCore/QThread>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <csignal>
 
 namespace {
@@ -33,6 +44,56 @@ protected:
         ASSERT_GT(pid, 0);
         ::kill(static_cast<pid_t>(pid), signal);
     }
+};
+
+const char kWritable[] = R"({"name": "Speed", "tag": "Speed", "writable": true},
+                            {"name": "Level", "tag": "Level", "intervalMs": 100})";
+
+bool isStale(const GatewayClient::Json& value)
+{
+    return value["quality"] == "stale";
+}
+
+bool isGood(const GatewayClient::Json& value)
+{
+    return value["quality"] == "good";
+}
+
+/// The datagrams that a service manager gets.
+class NoticeSocket
+{
+public:
+    explicit NoticeSocket(const QString& path)
+        : m_socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        const QByteArray name = path.toLocal8Bit();
+        std::copy(name.begin(), name.end(), std::begin(address.sun_path));
+        EXPECT_EQ(::bind(m_socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~NoticeSocket() { ::close(m_socket); }
+    NoticeSocket(const NoticeSocket&) = delete;
+    NoticeSocket& operator=(const NoticeSocket&) = delete;
+
+    /// Waits until so many datagrams with this text came.
+    bool waitFor(const std::string& text, int times = 1)
+    {
+        return waitUntil([&] {
+            std::array<char, 4096> bytes = {};
+            for (ssize_t got = 0;
+                 (got = ::recv(m_socket, bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0;)
+                m_all.emplace_back(bytes.data(), static_cast<std::size_t>(got));
+            return std::count_if(m_all.begin(), m_all.end(), [&](const std::string& one) {
+                       return one.find(text) != std::string::npos;
+                   }) >= times;
+        });
+    }
+    const std::vector<std::string>& all() const { return m_all; }
+
+private:
+    int m_socket;
+    std::vector<std::string> m_all;
 };
 
 } // namespace
@@ -179,4 +240,167 @@ TEST_F(GatewayLinesTest, EndsThoughAWorkerHangs)
     send(stopped, SIGSTOP);
     EXPECT_EQ(stopGateway(), 0);
     EXPECT_FALSE(exists(stopped));
+}
+
+TEST_F(GatewayLinesTest, TellsSubscribersAtOnceWhyValuesAreStale)
+{
+    startTwoLines();
+    const auto client = connect();
+    client->request({{"request", "subscribe"}});
+    const auto other = connect();
+    other->request({{"request", "subscribe"}, {"line", "oven"}});
+    ASSERT_TRUE(client->value("Speed", isGood).is_object());
+    send(workerOf(QStringLiteral("press")), SIGKILL);
+    const GatewayClient::Json stale = client->value("Speed", isStale);
+    EXPECT_EQ(stale["line"], "press");
+    EXPECT_EQ(stale["value"], 1234);
+    EXPECT_EQ(stale["error"],
+              "the worker of this line ended (signal 9); it is started again in 1 s");
+    const GatewayClient::Json good = client->value(
+        "Speed", [](const auto& value) { return value["line"] == "press" && isGood(value); });
+    EXPECT_FALSE(good.contains("error"));
+    // Nothing of that concerned the other line.
+    other->request({{"request", "hello"}, {"client", "test"}});
+    EXPECT_EQ(other->waiting([](const GatewayClient::Json& message) {
+        return message.dump().find("stale") != std::string::npos;
+    }),
+              0);
+}
+
+TEST_F(GatewayLinesTest, SaysThatNobodyKnowsTheOutcomeOfAWriteWhoseWorkerDied)
+{
+    addLine(QStringLiteral("press"), kTags, kWritable);
+    startGateway();
+    ASSERT_TRUE(waitForConnection("press"));
+    const auto client = connect();
+    ASSERT_EQ(client->request({{"request", "write"}, {"name", "Speed"}, {"value", 5}})["outcome"],
+              "written");
+    const qint64 worker = workerOf(QStringLiteral("press"));
+    send(worker, SIGSTOP);
+    const int first = client->send({{"request", "write"}, {"name", "Speed"}, {"value", 6}});
+    const int second = client->send({{"request", "write"}, {"name", "Speed"}, {"value", 7}});
+    // The requests have arrived when a later one is answered.
+    client->request({{"request", "read"}, {"names", {"Speed"}}});
+    send(worker, SIGKILL);
+    EXPECT_EQ(client->reply(first)["error"]["code"], "unknown-outcome");
+    EXPECT_EQ(client->reply(second)["error"]["code"], "unreachable");
+    ASSERT_TRUE(waitForConnection("press", 2)) << log().toStdString();
+    const GatewayClient::Json after =
+        client->request({{"request", "read"}, {"names", {"Speed"}}, {"fresh", true}});
+    EXPECT_EQ(after["values"][0]["value"], 5) << after.dump();
+}
+
+TEST_F(GatewayLinesTest, NeverWritesForAClientThatWentAway)
+{
+    addLine(QStringLiteral("press"), kTags, kWritable);
+    startGateway();
+    ASSERT_TRUE(waitForConnection("press"));
+    const auto reader = connect();
+    reader->request({{"request", "read"}, {"names", {"Speed"}}, {"fresh", true}});
+    const qint64 worker = workerOf(QStringLiteral("press"));
+    send(worker, SIGSTOP);
+    {
+        const auto writer = connect();
+        for (int value = 1; value <= 5; ++value)
+            writer->send({{"request", "write"}, {"name", "Speed"}, {"value", value}});
+        writer->request({{"request", "hello"}, {"client", "test"}});
+    }
+    // The service has noticed that the writer is gone.
+    EXPECT_TRUE(waitUntil([&] {
+        return reader->request({{"request", "status"}})["clients"] == 1;
+    }));
+    send(worker, SIGCONT);
+    const GatewayClient::Json after =
+        reader->request({{"request", "read"}, {"names", {"Speed"}}, {"fresh", true}});
+    EXPECT_EQ(after["values"][0]["value"], 1234) << after.dump();
+}
+
+TEST_F(GatewayLinesTest, ServesOtherLinesWithoutAGapWhileItIsReloadedAgainAndAgain)
+{
+    startTwoLines();
+    const auto client = connect();
+    client->request({{"request", "subscribe"}, {"line", "oven"}});
+    client->value("Speed", isGood);
+    const qint64 oven = workerOf(QStringLiteral("oven"));
+    for (int i = 0; i < 10; ++i) {
+        changeProject(QStringLiteral("press"),
+                      i % 2 ? kVariables : R"({"name": "Speed", "tag": "Speed"})");
+        reloadGateway();
+        const GatewayClient::Json read =
+            client->request({{"request", "read"}, {"line", "oven"}, {"names", {"Speed"}}});
+        EXPECT_EQ(read["values"][0]["quality"], "good") << read.dump();
+    }
+    EXPECT_EQ(client->waiting([](const GatewayClient::Json& message) {
+        return message.dump().find("stale") != std::string::npos;
+    }),
+              0);
+    EXPECT_EQ(workerOf(QStringLiteral("oven")), oven);
+    EXPECT_TRUE(waitUntil([this] { return workers().size() == 2; }));
+    EXPECT_TRUE(waitUntil([&] {
+        const GatewayClient::Json read =
+            client->request({{"request", "read"}, {"line", "press"}, {"names", {"Speed"}}});
+        return read["values"][0]["quality"] == "good";
+    }));
+}
+
+TEST_F(GatewayLinesTest, KeepsItsWorkersWhenItStoodStillItself)
+{
+    startTwoLines({QLatin1String(kShortHeartbeat)});
+    const std::vector<qint64> before = workers();
+    signalGateway(SIGSTOP);
+    QThread::sleep(4); // twice the time after which a silent worker would be ended
+    signalGateway(SIGCONT);
+    const auto client = connect();
+    client->request(
+        {{"request", "read"}, {"line", "press"}, {"names", {"Speed"}}, {"fresh", true}});
+    EXPECT_EQ(workers(), before);
+    EXPECT_EQ(count("the worker of this line ended"), 0);
+}
+
+TEST_F(GatewayLinesTest, TellsTheServiceManagerHowItDoes)
+{
+    const QString path = this->path(QStringLiteral("notice"));
+    NoticeSocket manager(path);
+    addLineOnly(QStringLiteral("press"), kTags, kVariables); // ready also without the device
+    startGateway({QStringLiteral("NOTIFY_SOCKET=") + path, QStringLiteral("WATCHDOG_USEC=600000")});
+    EXPECT_TRUE(manager.waitFor("READY=1"));
+    EXPECT_TRUE(manager.waitFor("STATUS=0 of 1 line(s) up"));
+    startSimulator(QStringLiteral("press"));
+    EXPECT_TRUE(manager.waitFor("STATUS=1 of 1 line(s) up"));
+    EXPECT_TRUE(manager.waitFor("WATCHDOG=1", 3));
+    reloadGateway();
+    EXPECT_TRUE(manager.waitFor("RELOADING=1\nMONOTONIC_USEC="));
+    EXPECT_TRUE(manager.waitFor("READY=1", 2));
+    EXPECT_EQ(stopGateway(), 0);
+    EXPECT_TRUE(manager.waitFor("STOPPING=1"));
+}
+
+TEST_F(GatewayLinesTest, WritesPrioritiesForTheJournal)
+{
+    struct stat log = {};
+    addLine(QStringLiteral("press"), kTags, kVariables);
+    const QString file = path(QStringLiteral("journal"));
+    // A shell opens the file, so that its numbers are known before the gateway starts.
+    const int descriptor =
+        ::open(file.toLocal8Bit().constData(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+    ASSERT_EQ(::fstat(descriptor, &log), 0);
+    ::close(descriptor);
+    QProcess gateway;
+    gateway.setStandardErrorFile(file);
+    gateway.setEnvironment(
+        QProcess::systemEnvironment()
+        << QStringLiteral("JOURNAL_STREAM=%1:%2").arg(log.st_dev).arg(log.st_ino));
+    gateway.start(QStringLiteral(MICRO850_GATEWAY), {configure()});
+    const auto text = [&] {
+        QFile in(file);
+        EXPECT_TRUE(in.open(QIODevice::ReadOnly));
+        return QString::fromUtf8(in.readAll());
+    };
+    EXPECT_TRUE(waitUntil([&] {
+        return text().contains(QStringLiteral("<6>press: station 1: connected"));
+    })) << text().toStdString();
+    killSimulator(QStringLiteral("press"));
+    EXPECT_TRUE(waitUntil([&] { return text().contains(QStringLiteral("<4>press: line ")); }));
+    gateway.terminate();
+    EXPECT_TRUE(gateway.waitForFinished(kGatewayLimitMs));
 }

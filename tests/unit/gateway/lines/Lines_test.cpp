@@ -287,6 +287,17 @@ TEST_F(LinesTest, EndsAWorkerThatSendsNothing)
     EXPECT_EQ(workers.size(), 3U);
 }
 
+TEST_F(LinesTest, EndsNoWorkerWhenTheServiceItselfStoodStill)
+{
+    start();
+    worker(0).beat();
+    worker(1).beat();
+    clock.advance(60s);
+    lines->tick();
+    EXPECT_TRUE(worker(0).isOpen());
+    EXPECT_TRUE(worker(1).isOpen());
+}
+
 TEST_F(LinesTest, LetsAWorkerOpenASlowLine)
 {
     start();
