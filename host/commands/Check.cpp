@@ -1,10 +1,7 @@
-#include "Connection.h"
-#include "Interrupt.h"
-#include "Output.h"
-#include "Session.h"
+#include "Access.h"
 #include "Targets.h"
-#include "TraceRecorder.h"
 #include "UserError.h"
+#include "ValueStore.h"
 
 #include <memory>
 
@@ -31,11 +28,9 @@ struct Finding
 
 QString problemOf(const Variable& variable, const CipType& type)
 {
-    if (variable.type && variable.type != &type)
-        return QStringLiteral("is %1 in the controller, %2 in the project")
-            .arg(QLatin1String(type.name), QLatin1String(variable.type->name));
-    if (type.kind == CipKind::String && (variable.element != 0 || variable.length != 1))
-        return QStringLiteral("of a string only element 0 and length 1 can be read");
+    const QString problem = typeProblem(variable, type);
+    if (!problem.isEmpty())
+        return problem;
     if (variable.isScaled() && !isNumber(type))
         return QStringLiteral("is %1 in the controller, and gain and offset are for numbers")
             .arg(QLatin1String(type.name));
@@ -108,15 +103,15 @@ QString severalStations(const Project& project)
 }
 
 // A line has one controller at its other end, whatever the stations are called.
-void warnOfSharedLine(const Project& project, const CheckOptions& options, const Output& output)
+void warnOfSharedLine(const Route& route, const Output& output)
 {
-    const QString stations = severalStations(project);
+    const QString stations = severalStations(route.project);
     if (stations.isEmpty())
         return;
     output.note(QStringLiteral("%1: stations: warning: %2 are on one line, but the number of a "
                                "station is not sent: all of them are the one controller at its "
                                "other end (make a project with its own port for each controller)")
-                    .arg(textOf(options.line.project), stations));
+                    .arg(QString::fromStdString(route.source), stations));
 }
 
 QString counted(int count, const QString& noun)
@@ -128,8 +123,8 @@ QString counted(int count, const QString& noun)
 class ProjectCheck
 {
 public:
-    ProjectCheck(const CheckOptions& options, const Project& project, const Output& output)
-        : m_options(options), m_project(project), m_output(output)
+    ProjectCheck(const CheckOptions& options, const Route& route, const Output& output)
+        : m_options(options), m_route(route), m_project(route.project), m_output(output)
     {
     }
 
@@ -142,6 +137,7 @@ private:
     void summarise() const;
 
     const CheckOptions& m_options;
+    const Route& m_route;
     const Project& m_project;
     const Output& m_output;
     int m_next = 0;
@@ -152,29 +148,22 @@ private:
 void ProjectCheck::run()
 {
     const Project bare = withoutVariables(m_project, {});
-    const Interrupt interrupt; // before the line is open, so that it is closed in order
-    Connection connection(m_options.line, bare);
-    // After the line is open, so that an earlier trace is not lost to a wrong port.
-    TraceRecorder trace(m_options.line.trace, m_options.line.force);
-    Session session(connection.api(), connection.line(), connection.clock(), bare);
-    session.exchange().setObserver(trace.observer());
+    Access access(m_options.line, m_route, bare);
     Progress progress(m_output, QStringLiteral("checking"), m_project.variables.size());
-    session.setInterrupt([&interrupt] { return interrupt.requested(); });
     for (; m_next < m_project.variables.size(); ++m_next) {
-        interrupt.throwIfRequested();
+        access.interrupt().throwIfRequested();
         const Variable& variable = m_project.variables.at(m_next);
         progress.show(m_next);
         const QString obstacle = obstacleOf(m_project, variable);
         const Finding finding =
-            obstacle.isEmpty() ? findingOf(variable, session) : notChecked(obstacle);
+            obstacle.isEmpty() ? findingOf(variable, access.tags()) : notChecked(obstacle);
         progress.clear();
         m_checked += finding.verdict == Verdict::NotChecked ? 0 : 1;
         m_problems += finding.verdict == Verdict::Problem ? 1 : 0;
         print(m_output, variable, finding);
     }
     summarise();
-    session.finish();
-    trace.close();
+    access.finish();
 }
 
 // Without --json the variables that were checked are listed, and the others counted.
@@ -191,16 +180,16 @@ void ProjectCheck::summarise() const
     const int left = m_project.variables.size() - m_checked;
     QString text =
         QStringLiteral("%1: %2 checked, %3 with a problem")
-            .arg(textOf(m_options.line.project), counted(m_checked, QStringLiteral("variable")),
-                 QString::number(m_problems));
+            .arg(QString::fromStdString(m_route.source),
+                 counted(m_checked, QStringLiteral("variable")), QString::number(m_problems));
     if (left > 0)
         text += QStringLiteral(", %1 not checked").arg(left);
     m_output.note(text);
 }
 
-int checkOnLine(const CheckOptions& options, const Project& project, const Output& output)
+int checkOnLine(const CheckOptions& options, const Route& route, const Output& output)
 {
-    ProjectCheck check(options, project, output);
+    ProjectCheck check(options, route, output);
     try {
         check.run();
     } catch (const UserError& error) {
@@ -210,19 +199,33 @@ int checkOnLine(const CheckOptions& options, const Project& project, const Outpu
     return check.problems() == 0 ? kExitDone : kExitRefused;
 }
 
-int run(const CheckOptions& options)
+Route routeOfFile(const LineOptions& options)
 {
+    Route route;
+    route.project = projectOf(options);
+    route.source = options.project;
+    return route;
+}
+
+int run(const CheckOptions& given)
+{
+    CheckOptions options = given;
+    setDefaultProject(options.line);
+    if (options.offline && !options.line.gateway.empty())
+        throw UserError("--offline: a gateway is not asked offline (leave one of the two out)");
     const Output output(options.output.json, options.output.quiet);
-    const Project project = projectOf(options.line);
-    warnOfSharedLine(project, options, output);
+    const Route route =
+        options.offline ? routeOfFile(options.line) : routeOf(options.line, "check", output);
+    const Project& project = route.project;
+    warnOfSharedLine(route, output);
     if (!options.offline && !project.port.device.isEmpty())
-        return checkOnLine(options, project, output);
-    output.data({{"file", options.line.project},
+        return checkOnLine(options, route, output);
+    output.data({{"file", route.source},
                  {"ok", true},
                  {"stations", project.stations.size()},
                  {"variables", project.variables.size()}},
                 QStringLiteral("%1: ok, %2, %3")
-                    .arg(textOf(options.line.project),
+                    .arg(QString::fromStdString(route.source),
                          counted(project.variables.size(), QStringLiteral("variable")),
                          counted(project.stations.size(), QStringLiteral("station"))));
     return kExitDone;
@@ -233,7 +236,6 @@ int run(const CheckOptions& options)
 void addCheck(CommandLine& line)
 {
     const auto options = std::make_shared<CheckOptions>();
-    options->line.project = "project.json";
     CommandOptions check = line.addCommand("check",
                                            "Check a project file, and its variables against "
                                            "the controller",

@@ -19,6 +19,11 @@ void LineOptions::addTo(CommandOptions& command)
         "--port", port,
         "Serial device, e.g. /dev/ttyUSB0; a name without / is looked for here, then in /dev. Or a "
         "device server: tcp://HOST:PORT (raw), rfc2217://HOST:PORT (speed set from here)");
+    command.text("--gateway", gateway,
+                 "Socket of a gateway that owns the line, e.g. /run/micro850/gateway.sock; without "
+                 "a project, names are its variables. A port that a gateway owns is found without "
+                 "it");
+    command.text("--line", gatewayLine, "With --gateway: the line of the gateway");
     command.integer("--baud", baud, 300, 4000000,
                     "Speed of the line (default: the project's, or 38400); with tcp:// the server "
                     "sets it, and only time-outs are computed from it");

@@ -34,6 +34,8 @@ struct LineOptions
     std::string driver;
     std::string project;
     std::string port;
+    std::string gateway;
+    std::string gatewayLine;
     int baud = 0;
     int timeoutMs = -1;
     bool lowLatency = true;

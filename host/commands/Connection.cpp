@@ -60,6 +60,12 @@ void requirePort(const Project& project, const LineOptions& options)
                     (where.empty() ? " or --project FILE" : " or in the file") + ")");
 }
 
+void setDefaultProject(LineOptions& options)
+{
+    if (options.project.empty() && options.gateway.empty())
+        options.project = "project.json";
+}
+
 Project projectOf(const LineOptions& options)
 {
     Project project;

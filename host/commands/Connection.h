@@ -10,6 +10,8 @@ namespace micro850::host {
 
 /// The project that the options name, or one that has only the port.
 Project projectOf(const LineOptions& options);
+/// For commands whose project file is project.json unless another one, or a gateway, is named.
+void setDefaultProject(LineOptions& options);
 /// Throws unless the project names a device.
 void requirePort(const Project& project, const LineOptions& options);
 

@@ -145,7 +145,7 @@ private:
     qint64 m_rows = 0;
 };
 
-int run(const LogOptions& options)
+int run(LogOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
     if (options.csv.empty() == options.sqlite.empty())
@@ -153,11 +153,14 @@ int run(const LogOptions& options)
     const bool toOutput = options.csv == "-";
     if (toOutput && output.json())
         throw UserError("--csv - and --json both write to standard output (leave out one)");
-    Project project = withMatching(projectOf(options.line), options.match, options.line.project);
+    setDefaultProject(options.line);
+    Route route = routeOf(options.line, "log", output);
+    route.project = withMatching(route.project, options.match, route.source);
     if (options.raw)
-        project.showRaw();
+        route.project.showRaw();
+    const Project& project = route.project;
     requirePort(project, options.line);
-    RunLoop loop(options.line, project);
+    RunLoop loop(options.line, route);
     Logging logging(loop, project, options, output);
     loop.run(logging, options.seconds, output);
     const std::string file = toOutput              ? "standard output"
@@ -177,7 +180,6 @@ int run(const LogOptions& options)
 void addLog(CommandLine& line)
 {
     const auto options = std::make_shared<LogOptions>();
-    options->line.project = "project.json";
     CommandOptions log = line.addCommand("log", "Record values with their time and quality",
                                          [options] { return run(*options); });
     log.text("PROJECT", options->line.project, "Project file (default project.json)");

@@ -31,15 +31,16 @@ SortOrder orderOf(const std::string& name)
     return name == "age" ? SortOrder::Age : SortOrder::Project;
 }
 
-Project pollProject(const PollOptions& options)
+Route pollRoute(const PollOptions& options, const Output& output)
 {
-    Project project = projectOf(options.line);
-    requirePort(project, options.line);
+    Route route = routeOf(options.line, "poll", output);
+    requirePort(route.project, options.line);
     if (options.staleAfter > 0)
-        project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
+        route.project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
     if (options.raw)
-        project.showRaw();
-    return withMatching(project, options.match, options.line.project);
+        route.project.showRaw();
+    route.project = withMatching(route.project, options.match, route.source);
+    return route;
 }
 
 /// Shows the values as a table on a terminal.
@@ -80,11 +81,13 @@ private:
     Duration m_next{0};
 };
 
-int run(const PollOptions& options)
+int run(PollOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
-    const Project project = pollProject(options);
-    RunLoop loop(options.line, project);
+    setDefaultProject(options.line);
+    const Route route = pollRoute(options, output);
+    const Project& project = route.project;
+    RunLoop loop(options.line, route);
     std::unique_ptr<LoopView> view;
     if (isatty(STDOUT_FILENO) == 1 && !output.json())
         view = std::make_unique<TableDisplay>(loop.table(), textOf(options.match),
@@ -104,7 +107,6 @@ int run(const PollOptions& options)
 void addPoll(CommandLine& line)
 {
     const auto options = std::make_shared<PollOptions>();
-    options->line.project = "project.json";
     CommandOptions poll = line.addCommand("poll", "Show the values of a project's variables live",
                                           [options] { return run(*options); });
     poll.text("PROJECT", options->line.project, "Project file (default project.json)");

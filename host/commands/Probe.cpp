@@ -3,6 +3,7 @@
 #include "Interrupt.h"
 #include "Output.h"
 #include "Prober.h"
+#include "Route.h"
 #include "TraceRecorder.h"
 #include "UserError.h"
 #include "Visible.h"
@@ -174,6 +175,7 @@ int run(const ProbeOptions& options)
     if (options.scan && options.line.baud != 0)
         throw UserError("--baud: --scan tries all usual speeds (leave one of the two out)");
     const Project project = projectOf(options.line);
+    requireOwnPort(project, options.line, "probe", output);
     requirePort(project, options.line);
     if (options.scan && !project.port.setsSpeed()) {
         throw UserError("--scan: the server of " + project.port.device.toStdString() +

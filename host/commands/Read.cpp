@@ -1,9 +1,5 @@
-#include "Connection.h"
-#include "Interrupt.h"
-#include "Output.h"
-#include "Session.h"
+#include "Access.h"
 #include "Targets.h"
-#include "TraceRecorder.h"
 #include "UserError.h"
 
 #include <algorithm>
@@ -224,32 +220,28 @@ void Reads::close(const QString& why)
                           .arg(m_reads.size()));
 }
 
-void readAll(Reads& reads, const ReadOptions& options, const Project& project)
+void readAll(Reads& reads, const ReadOptions& options, const Route& route)
 {
-    requirePort(project, options.line);
-    const Project bare = withoutVariables(project, reads.targets());
-    const Interrupt interrupt; // before the line is open, so that it is closed in order
-    Connection connection(options.line, bare);
-    // After the line is open, so that an earlier trace is not lost to a wrong port.
-    TraceRecorder trace(options.line.trace, options.line.force);
-    Session session(connection.api(), connection.line(), connection.clock(), bare);
-    session.exchange().setObserver(trace.observer());
-    session.setInterrupt([&interrupt] { return interrupt.requested(); });
-    reads.checkTypes(session, interrupt);
+    requirePort(route.project, options.line);
+    const Project bare = withoutVariables(route.project, reads.targets());
+    Access access(options.line, route, bare);
+    reads.checkTypes(access.tags(), access.interrupt());
     if (!reads.anyRefused())
-        reads.carryOut(session, interrupt);
-    session.finish();
-    trace.close();
+        reads.carryOut(access.tags(), access.interrupt());
+    access.finish();
 }
 
 int run(const ReadOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    const Project project = projectOf(options.line);
-    Reads reads(options, project, output);
+    const auto names = [&options](const Project& project) {
+        return variablesNamed(options.tags, project);
+    };
+    const Route route = routeOf(options.line, "read", output, names);
+    Reads reads(options, route.project, output);
     try {
         if (!reads.anyRefused())
-            readAll(reads, options, project);
+            readAll(reads, options, route);
     } catch (const UserError& error) {
         reads.close(QString::fromUtf8(error.what()));
         throw;

@@ -23,27 +23,38 @@ Project withMatching(Project project, const std::string& pattern, const std::str
     return project;
 }
 
-RunLoop::RunLoop(const LineOptions& options, const Project& project)
-    : m_connection(options, project), m_trace(options.trace, options.force),
-      m_loop(m_connection.api(), m_connection.line(), m_connection.clock(), project),
-      m_table(m_loop, project)
+RunLoop::RunLoop(const LineOptions& options, const Route& route)
 {
-    m_loop.exchange().setObserver(m_trace.observer());
-    m_loop.setInterrupt([this] { return m_interrupt.requested(); });
+    const Project& project = route.project;
+    if (route.gateway) {
+        m_plant = std::make_unique<RemotePlant>(*route.gateway, project, m_clock);
+    } else {
+        m_connection = std::make_unique<Connection>(options, project);
+        // After the line is open, so that an earlier trace is not lost to a wrong port.
+        m_trace = std::make_unique<TraceRecorder>(options.trace, options.force);
+        auto loop =
+            std::make_unique<PollLoop>(m_connection->api(), m_connection->line(), m_clock, project);
+        loop->exchange().setObserver(m_trace->observer());
+        m_plant = std::move(loop);
+    }
+    m_plant->setInterrupt([this] { return m_interrupt.requested(); });
+    m_table = std::make_unique<LiveTable>(*m_plant, project);
 }
+
+RunLoop::~RunLoop() = default;
 
 void RunLoop::run(LoopView& view, double seconds, const Output& output)
 {
     // A line would be lost in the picture that the view draws again and again.
     const bool reportsLater = view.usesKeys() && isatty(STDERR_FILENO) == 1;
-    const Clock& clock = m_connection.clock();
+    const Clock& clock = m_clock;
     const Duration end = clock.now() + fromSeconds(seconds);
     const auto over = [&] { return seconds > 0 && clock.now() >= end; };
     // Restores the settings of the terminal when the view has closed.
     const auto keyboard = view.usesKeys() ? std::make_unique<Keyboard>(STDIN_FILENO) : nullptr;
     try {
         while (!m_interrupt.requested() && !view.quits() && !over()) {
-            m_loop.step();
+            m_plant->step();
             if (keyboard) {
                 for (const Key& key : keyboard->pressed())
                     view.handle(key);
@@ -53,13 +64,14 @@ void RunLoop::run(LoopView& view, double seconds, const Output& output)
                 reportTraceFailure(output);
         }
     } catch (...) { // a file or the output that cannot be written
-        m_loop.finish();
+        m_plant->finish();
         throw;
     }
-    m_loop.finish();
+    m_plant->finish();
     view.close(clock.now());
     try {
-        m_trace.close();
+        if (m_trace)
+            m_trace->close();
     } catch (const UserError& error) {
         m_traceFailed = true;
         output.error(textOf(error.what()));
@@ -68,7 +80,9 @@ void RunLoop::run(LoopView& view, double seconds, const Output& output)
 
 void RunLoop::reportTraceFailure(const Output& output)
 {
-    if (const std::optional<UserError> failure = m_trace.popFailure()) {
+    if (!m_trace)
+        return;
+    if (const std::optional<UserError> failure = m_trace->popFailure()) {
         m_traceFailed = true;
         output.error(textOf(failure->what()));
     }
@@ -77,17 +91,17 @@ void RunLoop::reportTraceFailure(const Output& output)
 void RunLoop::summarise(const Output& output) const
 {
     if (output.json()) {
-        output.data({{"summary", summaryOf(statusOf(m_loop))}}, QString());
+        output.data({{"summary", summaryOf(statusOf(*m_plant))}}, QString());
         return;
     }
-    output.note(m_table.lineState() + QStringLiteral(": ") + m_table.lineStatistics());
-    for (const QString& text : m_table.stationLines(m_connection.clock().now()))
+    output.note(m_table->lineState() + QStringLiteral(": ") + m_table->lineStatistics());
+    for (const QString& text : m_table->stationLines(m_clock.now()))
         output.note(text);
 }
 
 int RunLoop::exitStatus() const
 {
-    return m_table.complete() && !m_traceFailed ? kExitDone : kExitRefused;
+    return m_table->complete() && !m_traceFailed ? kExitDone : kExitRefused;
 }
 
 } // namespace micro850::host

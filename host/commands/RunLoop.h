@@ -7,6 +7,7 @@
 #include "LiveTable.h"
 #include "Output.h"
 #include "PollLoop.h"
+#include "Route.h"
 #include "TraceRecorder.h"
 
 namespace micro850::host {
@@ -31,16 +32,20 @@ public:
 /// Throws UserError when none does; its message names the project file.
 Project withMatching(Project project, const std::string& pattern, const std::string& file);
 
-/// Polls a project for poll, watch and log: the line, the driver and the loop, from the first step
-/// to the summary.
+/// Polls a project for poll, watch and log, over a line of its own or through a gateway, from the
+/// first step to the summary.
 class RunLoop
 {
 public:
-    /// Opens line and driver. Throws UserError when one of them is missing.
-    RunLoop(const LineOptions& options, const Project& project);
+    /// Opens line and driver, or the way to the gateway. Throws UserError when one of them is
+    /// missing. The route must live longer than this object.
+    RunLoop(const LineOptions& options, const Route& route);
+    ~RunLoop();
+    RunLoop(const RunLoop&) = delete;
+    RunLoop& operator=(const RunLoop&) = delete;
 
-    Plant& plant() { return m_loop; }
-    const LiveTable& table() const { return m_table; }
+    Plant& plant() { return *m_plant; }
+    const LiveTable& table() const { return *m_table; }
 
     /// Steps the loop until so many seconds have passed (0: no limit), the view quits, or the user
     /// presses Ctrl-C. A trace that cannot be written is reported and ends, not the loop.
@@ -54,11 +59,12 @@ private:
     void reportTraceFailure(const Output& output);
 
     Interrupt m_interrupt; // before the line is open, so that it is closed in order
-    Connection m_connection;
-    TraceRecorder m_trace;
+    const SystemClock m_clock;
+    std::unique_ptr<Connection> m_connection; ///< null through a gateway
+    std::unique_ptr<TraceRecorder> m_trace;   ///< null through a gateway
     bool m_traceFailed = false;
-    PollLoop m_loop;
-    LiveTable m_table;
+    std::unique_ptr<Plant> m_plant;
+    std::unique_ptr<LiveTable> m_table;
 };
 
 } // namespace micro850::host

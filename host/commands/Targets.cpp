@@ -83,6 +83,22 @@ void bind(Target& target, const Variable& variable)
     target.unit = variable.unit;
 }
 
+template<typename Parse>
+QStringList variablesOf(const std::vector<std::string>& arguments, const Project& project,
+                        Parse parse)
+{
+    QStringList names;
+    for (const std::string& argument : arguments) {
+        try {
+            const QString name = parse(textOf(argument)).tag;
+            if (project.variable(name))
+                names += name;
+        } catch (const UserError&) { // it names none
+        }
+    }
+    return names;
+}
+
 void requireEnabled(const Project& project, const Target& target)
 {
     for (const StationSettings& station : project.stations) {
@@ -148,6 +164,20 @@ Assignment assignmentOf(const QString& argument, const Project& project)
         const QString name = argument.section('=', 0, 0).section('[', 0, 0);
         throw UserError(error.what() + similarName(project, name));
     }
+}
+
+QStringList variablesNamed(const std::vector<std::string>& arguments, const Project& project)
+{
+    return variablesOf(arguments, project, [&project](const QString& argument) {
+        return TagAddress::fromText(argument, namesOf(project));
+    });
+}
+
+QStringList variablesAssigned(const std::vector<std::string>& arguments, const Project& project)
+{
+    return variablesOf(arguments, project, [&project](const QString& argument) {
+        return Assignment::fromText(argument, namesOf(project)).address;
+    });
 }
 
 Target targetOf(const TagAddress& address, const Project& project, const TargetOptions& options)

@@ -46,6 +46,9 @@ struct TargetOptions
 /// that is neither a variable of the project nor a tag.
 TagAddress addressOf(const QString& argument, const Project& project);
 Assignment assignmentOf(const QString& argument, const Project& project);
+/// The variables of the project that such arguments name; others are left out.
+QStringList variablesNamed(const std::vector<std::string>& arguments, const Project& project);
+QStringList variablesAssigned(const std::vector<std::string>& arguments, const Project& project);
 /// Throws UserError for what can be known without the controller: elements that the variable does
 /// not have, an index into a string, a station that is disabled. The project must live longer than
 /// the target.

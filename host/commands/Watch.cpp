@@ -29,9 +29,8 @@ struct WatchOptions
 };
 
 // The project with only the variables that are watched.
-Project watchProject(const WatchOptions& options)
+Project watchProject(const WatchOptions& options, const Project& project)
 {
-    const Project project = projectOf(options.line);
     QVector<Variable> watched;
     QVector<Target> targets;
     for (const std::string& text : options.tags) {
@@ -166,9 +165,12 @@ int run(const WatchOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
     requirePlottable(options);
-    const Project project = watchProject(options);
+    const auto names = [&options](const Project& all) { return variablesNamed(options.tags, all); };
+    Route route = routeOf(options.line, "watch", output, names);
+    route.project = watchProject(options, route.project);
+    const Project& project = route.project;
     requirePort(project, options.line);
-    RunLoop loop(options.line, project);
+    RunLoop loop(options.line, route);
     std::unique_ptr<LoopView> view;
     if (options.plot)
         view = std::make_unique<PlotDisplay>(loop, project, options.span);

@@ -1,9 +1,5 @@
-#include "Connection.h"
-#include "Interrupt.h"
-#include "Output.h"
-#include "Session.h"
+#include "Access.h"
 #include "Targets.h"
-#include "TraceRecorder.h"
 #include "UserError.h"
 #include "Writable.h"
 
@@ -442,33 +438,29 @@ void Writes::summarise() const
         m_output.note(all);
 }
 
-void writeAll(Writes& writes, const WriteOptions& options, const Project& project)
+void writeAll(Writes& writes, const WriteOptions& options, const Route& route)
 {
-    requirePort(project, options.line);
-    const Project bare = withoutVariables(project, writes.targets());
-    const Interrupt interrupt; // before the line is open, so that it is closed in order
-    Connection connection(options.line, bare);
-    // After the line is open, so that an earlier trace is not lost to a wrong port.
-    TraceRecorder trace(options.line.trace, options.line.force);
-    Session session(connection.api(), connection.line(), connection.clock(), bare);
-    session.exchange().setObserver(trace.observer());
-    session.setInterrupt([&interrupt] { return interrupt.requested(); });
-    writes.checkAgainstController(session, interrupt);
+    requirePort(route.project, options.line);
+    const Project bare = withoutVariables(route.project, writes.targets());
+    Access access(options.line, route, bare);
+    writes.checkAgainstController(access.tags(), access.interrupt());
     if (!writes.anyRefused())
-        writes.carryOut(session, interrupt);
-    session.finish();
-    trace.close();
+        writes.carryOut(access.tags(), access.interrupt());
+    access.finish();
 }
 
 int run(const WriteOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    const Project project = projectOf(options.line);
-    Writes writes(options, project, output);
+    const auto names = [&options](const Project& project) {
+        return variablesAssigned(options.assignments, project);
+    };
+    const Route route = routeOf(options.line, "write", output, names);
+    Writes writes(options, route.project, output);
     writes.checkAgainstProject();
     try {
         if (!writes.anyRefused())
-            writeAll(writes, options, project);
+            writeAll(writes, options, route);
     } catch (const UserError& error) {
         writes.close(QString::fromUtf8(error.what()));
         if (writes.outputFailure())

@@ -122,14 +122,8 @@ void TypeRegistry::checkVariable(int variable, const Tag& tag)
 {
     const Variable& asked = m_project.variables.at(variable);
     QString error = tag.error;
-    if (error.isEmpty() && asked.type && asked.type != tag.type) {
-        error = QStringLiteral("is %1 in the controller, %2 in the project")
-                    .arg(QLatin1String(tag.type->name), QLatin1String(asked.type->name));
-    } else if (error.isEmpty() && tag.type->kind == CipKind::String &&
-               (asked.element != 0 || asked.length != 1))
-    {
-        error = QStringLiteral("of a string only element 0 and length 1 can be read");
-    }
+    if (error.isEmpty())
+        error = typeProblem(asked, *tag.type);
     if (error.isEmpty())
         return;
     m_values.setError(variable, error);

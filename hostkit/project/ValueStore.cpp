@@ -18,6 +18,16 @@ QString qualityText(Quality quality)
     return QStringLiteral("stale");
 }
 
+QString typeProblem(const Variable& variable, const CipType& type)
+{
+    if (variable.type && variable.type != &type)
+        return QStringLiteral("is %1 in the controller, %2 in the project")
+            .arg(QLatin1String(type.name), QLatin1String(variable.type->name));
+    if (type.kind == CipKind::String && (variable.element != 0 || variable.length != 1))
+        return QStringLiteral("of a string only element 0 and length 1 can be read");
+    return QString();
+}
+
 ValueStore::ValueStore(const Project& project) : m_project(project)
 {
     for (int i = 0; i < project.variables.size(); ++i) {

@@ -19,6 +19,10 @@ enum class Quality { Never, Good, Stale };
 /// "never", "good" or "stale".
 QString qualityText(Quality quality);
 
+/// Why a variable is not read from a tag of this type: it is not the project's, or not every
+/// element can be reached. Empty when it is read.
+QString typeProblem(const Variable& variable, const CipType& type);
+
 /// The latest values of a project's variables, with the time of the reply that brought each
 /// element.
 class ValueStore

@@ -1,0 +1,40 @@
+#ifndef MICRO850_HOST_COMMANDS_ROUTE_H
+#define MICRO850_HOST_COMMANDS_ROUTE_H
+
+#include "Commands.h"
+#include "Output.h"
+#include "Project.h"
+#include "RemotePlant.h"
+
+#include <functional>
+#include <optional>
+
+namespace micro850::host {
+
+/// How a command reaches the controllers, and what it asks for.
+struct Route
+{
+    Project project;
+    /// What messages call the project: its file, or the gateway's line.
+    std::string source;
+    /// None: over a line of its own.
+    std::optional<GatewayPlace> gateway;
+};
+
+/// The variables of a project that the arguments of a command name.
+using NamesIn = std::function<QStringList(const Project&)>;
+
+/// Finds the way: through the gateway that the options name, or that owns the port; else over the
+/// port itself. Without a project file, the variables are those of the line of the gateway that is
+/// named; where several lines have a variable that `names` gives, UserError tells how to choose.
+/// Also throws for options that a gateway leaves no place for, such as a trace.
+Route routeOf(const LineOptions& options, const char* command, const Output& output,
+              const NamesIn& names = nullptr);
+
+/// Throws UserError when a gateway owns the port: `command` needs the port for itself.
+void requireOwnPort(const Project& project, const LineOptions& options, const char* command,
+                    const Output& output);
+
+} // namespace micro850::host
+
+#endif
