@@ -1,7 +1,7 @@
 """Measures the driver and prints tables; called by scripts/bench.
 
 bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [--compare] [SECTION...]: sections are cost, growth, peers, line,
-adapter, gap, reaction and panel. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables
+adapter, gap, reaction, panel and gateway. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables
 between their marks in the document, the figures beside it, and copies the plots to the document's folder. With
 --compare it prints the figures that are worse than those of the page.
 """
@@ -15,13 +15,14 @@ import clients
 import compare
 import cost
 import gap
+import gateway
 import line
 import measure
 import panel
 import report
 
 ON_A_LINE = {"peers": line.peers, "line": line.line, "adapter": adapter.adapter, "gap": gap.gap,
-             "reaction": line.reaction, "panel": panel.panel}
+             "reaction": line.reaction, "panel": panel.panel, "gateway": gateway.gateway}
 PAGE = "docs/performance.md"
 SECTIONS = cost.SECTIONS + list(ON_A_LINE)
 

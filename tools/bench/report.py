@@ -13,6 +13,7 @@ import adapter
 import clients
 import cost
 import gap
+import gateway
 import line
 import measure
 import panel
@@ -25,6 +26,10 @@ HOST_INSTRUCTIONS = 9900
 HOST_ALLOCATIONS = 8
 MOST_OWN_PART = 15  # microseconds between the last byte of a reply and the next request
 LEAST_IN_USE = {38400: 0.97, 115200: 0.95}
+MOST_OF_PROCESSOR = 0.1  # the gateway and its workers with four full lines
+MOST_MEGABYTES = 60
+MOST_DELAY = 1000  # microseconds from a reply to a subscriber
+LEAST_DELIVERED = 100000  # values a second
 
 
 def machine():
@@ -151,8 +156,21 @@ def recovery_targets(row):
     yield f"{row['baud']} baud: {pauses['minutes']} minutes with pauses, failed", "0", f"{failed}", failed == 0
 
 
+def gateway_targets(results):
+    full, readers = results["full"], results["readers"]
+    share = full["parent_share"] + full["workers_share"]
+    name = f"gateway, {full['lines']} lines at {full['baud']} baud"
+    yield f"{name}: processor", f"< {MOST_OF_PROCESSOR:.0%}", f"{share:.1%}", share < MOST_OF_PROCESSOR
+    memory = full["proportional"] / 1e6
+    yield f"{name}: memory", f"< {MOST_MEGABYTES} MB", f"{memory:.1f}", memory < MOST_MEGABYTES
+    yield (f"{name}: reply to subscriber, median", f"< {MOST_DELAY} us", f"{full['delay_median']:.0f}",
+           full["delay_median"] < MOST_DELAY)
+    yield (f"gateway, {readers['readers']} readers: values a second", f">= {LEAST_DELIVERED}",
+           f"{readers['delivered']:.0f}", readers["delivered"] >= LEAST_DELIVERED)
+
+
 TARGETS = {"cost": cost_targets, "growth": growth_targets, "peers": peers_targets, "line": line_targets,
-           "gap": gap_targets, "reaction": reaction_targets}
+           "gap": gap_targets, "reaction": reaction_targets, "gateway": gateway_targets}
 
 
 def targets_table(results):
@@ -166,7 +184,7 @@ def targets_table(results):
 
 TABLES = {"cost": cost.cost_table, "growth": cost.growth_table, "peers": line.peers_table, "line": line.line_table,
           "adapter": adapter.adapter_table, "gap": gap.gap_table, "reaction": line.reaction_table,
-          "panel": panel.panel_table}
+          "panel": panel.panel_table, "gateway": gateway.gateway_table}
 
 
 def tables(results):
