@@ -6,34 +6,24 @@
 // the last byte of a reply to the client that has its value, the processor's time and the memory of
 // the gateway and its workers.
 
+#include "gateway_process.h"
 #include "pseudo_terminal.h"
 
 #include "Controller.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <spawn.h>
-#include <sstream>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
-
-extern char** environ;
 
 namespace {
 
@@ -152,162 +142,45 @@ private:
 class Reader
 {
 public:
-    explicit Reader(const std::string& path) : m_socket(::socket(AF_UNIX, SOCK_STREAM, 0))
+    explicit Reader(const std::string& socket) : m_client(socket)
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        const std::string request = "{\"id\": 1, \"request\": \"subscribe\"}\n";
-        if (::connect(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            ::write(m_socket, request.data(), request.size()) !=
-                static_cast<ssize_t>(request.size()))
-            fail(path + ": " + std::strerror(errno));
+        m_client.send(R"({"id": 1, "request": "subscribe"})");
     }
-    ~Reader() { ::close(m_socket); }
-    Reader(const Reader&) = delete;
-    Reader& operator=(const Reader&) = delete;
 
-    int descriptor() const { return m_socket; }
+    int descriptor() const { return m_client.descriptor(); }
     std::int64_t values() const { return m_values; }
 
-    /// Counts the values that have come. `observe` is called with each whole line, unless it is
-    /// null.
+    /// Counts the values that have come. `observe` is called with each line, unless it is null.
     void take(const std::function<void(const std::string&)>& observe)
     {
-        std::array<char, 65536> buffer;
-        const ssize_t count = ::recv(m_socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        if (count == 0)
-            fail("the gateway let a reader go");
-        if (count < 0)
-            return;
-        m_text.append(buffer.data(), static_cast<std::size_t>(count));
-        std::size_t begin = 0;
-        for (std::size_t end = m_text.find('\n'); end != std::string::npos;
-             end = m_text.find('\n', begin)) {
-            const std::string line = m_text.substr(begin, end - begin);
-            begin = end + 1;
-            for (std::size_t at = line.find("\"bytes\""); at != std::string::npos;
-                 at = line.find("\"bytes\"", at + 1))
+        const auto handle = [&](const std::string& line) {
+            const std::string key = "\"bytes\"";
+            for (std::size_t at = line.find(key); at != std::string::npos;
+                 at = line.find(key, at + 1))
                 ++m_values;
             if (observe)
                 observe(line);
-        }
-        m_text.erase(0, begin);
+        };
+        if (!m_client.receive(handle))
+            fail("the gateway let a reader go");
     }
 
 private:
-    int m_socket;
+    GatewayReader m_client;
     std::int64_t m_values = 0;
-    std::string m_text;
 };
 
-/// A gateway in a temporary folder.
-class Gateway
+json projectOf(const Line& line, const Options& options)
 {
-public:
-    Gateway(const Options& options, const std::vector<std::unique_ptr<Line>>& lines)
-    {
-        std::array<char, 32> folder{"/tmp/gateway_load.XXXXXX"};
-        if (!::mkdtemp(folder.data()))
-            fail(std::string("a temporary folder: ") + std::strerror(errno));
-        m_folder = folder.data();
-        json entries = json::array();
-        for (std::size_t i = 0; i < lines.size(); ++i) {
-            const std::string name = "line" + std::to_string(i);
-            write(name + ".json", project(*lines[i], options));
-            entries.push_back({{"name", name}, {"project", name + ".json"}});
-        }
-        write("gateway.json", {{"lines", entries}, {"socket", {{"path", socket()}}}});
-        start(options.gateway);
-    }
-    ~Gateway()
-    {
-        ::kill(m_process, SIGTERM);
-        ::waitpid(m_process, nullptr, 0);
-        const std::string remove = "rm -rf " + m_folder;
-        if (std::system(remove.c_str()) != 0)
-            std::perror(remove.c_str());
-    }
-    Gateway(const Gateway&) = delete;
-    Gateway& operator=(const Gateway&) = delete;
-
-    std::string socket() const { return m_folder + "/gateway.sock"; }
-    pid_t process() const { return m_process; }
-
-private:
-    static json project(const Line& line, const Options& options)
-    {
-        json variables = json::array();
-        for (int i = 0; i < options.values; ++i)
-            variables.push_back({{"name", "Value" + std::to_string(i)},
-                                 {"tag", "Data"},
-                                 {"element", i},
-                                 {"intervalMs", 0}});
-        return {{"port",
-                 {{"device", line.device()}, {"baud", options.baud > 0 ? options.baud : 115200}}},
-                {"variables", variables}};
-    }
-    void write(const std::string& name, const json& content) const
-    {
-        std::ofstream(m_folder + "/" + name) << content.dump(1) << '\n';
-    }
-    void start(const std::string& program)
-    {
-        std::string configuration = m_folder + "/gateway.json";
-        std::string name = program;
-        std::array<char*, 3> arguments = {name.data(), configuration.data(), nullptr};
-        if (::posix_spawn(&m_process, program.c_str(), nullptr, nullptr, arguments.data(),
-                          environ) != 0)
-            fail(program + ": cannot be started");
-        for (const std::int64_t end = nanoseconds() + kPatience;
-             ::access(socket().c_str(), F_OK) != 0;) {
-            if (nanoseconds() > end || ::waitpid(m_process, nullptr, WNOHANG) != 0)
-                fail("the gateway did not start");
-            ::usleep(10000);
-        }
-    }
-
-    std::string m_folder;
-    pid_t m_process = -1;
-};
-
-/// What a process has used.
-struct Usage
-{
-    double seconds = 0; ///< of a processor
-    double resident = 0;
-    double proportional = 0; ///< bytes, those that are shared divided among the processes
-};
-
-Usage usageOf(pid_t process)
-{
-    const std::string folder = "/proc/" + std::to_string(process);
-    std::ifstream stat(folder + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    std::istringstream fields(text.substr(std::min(text.size(), text.rfind(')') + 2)));
-    const std::vector<std::string> field{std::istream_iterator<std::string>(fields), {}};
-    Usage usage;
-    if (field.size() > 12)
-        usage.seconds = (std::stod(field[11]) + std::stod(field[12])) /
-                        static_cast<double>(::sysconf(_SC_CLK_TCK));
-    std::ifstream rollup(folder + "/smaps_rollup");
-    for (std::string line; std::getline(rollup, line);) {
-        std::istringstream words(line);
-        std::string name;
-        double kilobytes = 0;
-        words >> name >> kilobytes;
-        (name == "Rss:"   ? usage.resident
-         : name == "Pss:" ? usage.proportional
-                          : kilobytes) = kilobytes * 1024;
-    }
-    return usage;
-}
-
-std::vector<pid_t> childrenOf(pid_t process)
-{
-    const std::string id = std::to_string(process);
-    std::ifstream list("/proc/" + id + "/task/" + id + "/children");
-    return {std::istream_iterator<pid_t>(list), {}};
+    json variables = json::array();
+    for (int i = 0; i < options.values; ++i)
+        variables.push_back({{"name", "Value" + std::to_string(i)},
+                             {"tag", "Data"},
+                             {"element", i},
+                             {"intervalMs", 0}});
+    return {
+        {"port", {{"device", line.device()}, {"baud", options.baud > 0 ? options.baud : 115200}}},
+        {"variables", variables}};
 }
 
 /// Everything at once, in this thread.
@@ -318,7 +191,10 @@ public:
     {
         for (int i = 0; i < options.lines; ++i)
             m_lines.push_back(std::make_unique<Line>(options.baud, options.values));
-        m_gateway = std::make_unique<Gateway>(options, m_lines);
+        GatewayProcess::Lines lines;
+        for (const auto& line : m_lines)
+            lines.emplace_back("line" + std::to_string(lines.size()), projectOf(*line, options));
+        m_gateway = std::make_unique<GatewayProcess>(options.gateway, lines);
         for (int i = 0; i < options.readers; ++i)
             m_readers.push_back(std::make_unique<Reader>(m_gateway->socket()));
     }
@@ -336,7 +212,7 @@ public:
         m_delays.clear();
         const std::int64_t valuesBefore = values();
         const std::int64_t repliesBefore = replies();
-        const std::vector<Usage> before = usages();
+        const std::vector<Usage> before = m_gateway->usages();
         const std::int64_t begun = nanoseconds();
         runFor(m_options.seconds * kSecond);
         const double took = static_cast<double>(nanoseconds() - begun) / 1e9;
@@ -395,13 +271,6 @@ private:
         }
     }
 
-    std::vector<Usage> usages() const
-    {
-        std::vector<Usage> all = {usageOf(m_gateway->process())};
-        for (const pid_t worker : childrenOf(m_gateway->process()))
-            all.push_back(usageOf(worker));
-        return all;
-    }
     std::int64_t values() const
     {
         std::int64_t all = 0;
@@ -427,7 +296,7 @@ private:
     }
     json report(const std::vector<Usage>& before, double took, double delivered, double answered)
     {
-        const std::vector<Usage> after = usages();
+        const std::vector<Usage> after = m_gateway->usages();
         if (after.size() != before.size())
             fail("a worker ended");
         double parent = 0;
@@ -449,7 +318,7 @@ private:
 
     Options m_options;
     std::vector<std::unique_ptr<Line>> m_lines;
-    std::unique_ptr<Gateway> m_gateway;
+    std::unique_ptr<GatewayProcess> m_gateway;
     std::vector<std::unique_ptr<Reader>> m_readers;
     std::vector<std::int64_t> m_delays;
 };

@@ -8,6 +8,7 @@
 #include "Output.h"
 #include "PollLoop.h"
 #include "UserError.h"
+#include "every_fault.h"
 #include "fixed_time_of_day.h"
 
 #include <CLI/CLI.hpp>
@@ -48,34 +49,6 @@ struct WriteTag
     int id = 0;
     Bytes value;
 };
-
-/// All kinds of faults on both sides. Together they strike `rate` of the messages.
-sim::FaultScript everyFault(double rate)
-{
-    std::string rules;
-    int count = 3; // replies that later ones overtake
-    for (const std::string& name : sim::faultNames())
-        count += name == "previous" || name == "cip-error" ? 1 : 2;
-    const auto add = [&](const std::string& name, const std::string& side, const char* more) {
-        rules += std::string(rules.empty() ? "" : ", ") + R"({"fault": ")" + name +
-                 R"(", "on": ")" + side + R"(", "rate": )" + std::to_string(rate / count) + more +
-                 "}";
-    };
-    for (const std::string& name : sim::faultNames()) {
-        const char* more = name == "cip-error" ? R"(, "status": 8)"
-                           : name == "hang-up" ? R"(, "seconds": 2)"
-                           : name == "delay"   ? R"(, "seconds": 0.6)"
-                           : name == "split"   ? R"(, "seconds": 0.002)"
-                                               : "";
-        if (name != "cip-error")
-            add(name, "replies", more);
-        if (name != "previous")
-            add(name, "requests", more);
-    }
-    for (const char* later : {"1", "2", "5"})
-        add("delay", "replies", (std::string(", \"later\": ") + later).c_str());
-    return sim::faultsFromText("{\"faults\": [" + rules + "]}", "soak");
-}
 
 /// Memory that is allocated and not freed; 0 under a sanitizer, whose allocator does not report it.
 double allocatedMiB()
@@ -147,7 +120,9 @@ sim::LinkOptions linkOptions(const Options& options)
 
 Soak::Soak(const Options& options)
     : m_options(options), m_controller(m_clock, sim::TagTable(), linkOptions(options)),
-      m_line(m_clock, m_controller, everyFault(options.rate), options.seed)
+      m_line(m_clock, m_controller,
+             sim::faultsFromText("{\"faults\": [" + everyFault(options.rate) + "]}", "soak"),
+             options.seed)
 {
     std::string tags;
     std::string variables;
