@@ -11,6 +11,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -111,24 +112,17 @@ public:
         const json& elements = value.at("value");
         if (elements.is_null())
             return value.at("quality") == "never" ? "" : "no value, and quality is not never";
-        const auto number = elements.at(0).get<std::size_t>();
-        for (const json& element : elements) {
-            if (element != elements.at(0))
-                return "the elements are of different times";
-        }
-        if (number >= m_values.size())
-            return "the controller never had it";
-        if (number == 0)
-            return "";
-        const Value& had = m_values[number];
         const Time time = stampOf(value.at("time").get<std::string>());
-        if (tagName(had.tag) != value.at("name").get<std::string>())
-            return "it is another tag's";
-        if (time < had.from - kRounding)
-            return "the controller had it only later";
-        return had.until != Time::max() && time > had.until + kOldest
-                   ? "the controller had it no longer"
-                   : "";
+        std::size_t oldest = m_values.size();
+        for (const json& element : elements) {
+            const auto number = element.get<std::size_t>();
+            const std::string problem = problemOf(number, value.at("name"), time);
+            if (!problem.empty())
+                return problem;
+            oldest = std::min(oldest, number);
+        }
+        // The stamp is that of the oldest element: a single read may have brought newer ones.
+        return m_values[oldest].from > time + kRounding ? "the controller had it only later" : "";
     }
 
 private:
@@ -139,6 +133,18 @@ private:
         Time until;
     };
 
+    // 0 is the first value of all tags.
+    std::string problemOf(std::size_t number, const std::string& name, Time time) const
+    {
+        if (number >= m_values.size())
+            return "the controller never had it";
+        const Value& had = m_values[number];
+        if (number != 0 && tagName(had.tag) != name)
+            return "it is another tag's";
+        return number != 0 && had.until != Time::max() && time > had.until + kOldest
+                   ? "the controller had it no longer"
+                   : "";
+    }
     static std::string writeTags(const std::string& folder)
     {
         json tags = json::array();
