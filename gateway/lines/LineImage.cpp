@@ -69,9 +69,11 @@ qint64 LineImage::ageMs(int variable) const
 std::optional<qint64> LineImage::oldestMs() const
 {
     std::optional<Duration> oldest;
-    for (const State& state : m_states) {
-        if (state.readAt && (!oldest || *state.readAt < *oldest))
-            oldest = state.readAt;
+    for (int i = 0; i < size(); ++i) {
+        const std::optional<Duration>& readAt = at(i).readAt;
+        const bool isCyclic = m_settings.project.variables.at(i).poll == host::PollMode::Cyclic;
+        if (isCyclic && readAt && (!oldest || *readAt < *oldest))
+            oldest = readAt;
     }
     return oldest ? std::make_optional<qint64>(wholeMilliseconds(m_clock.now() - *oldest))
                   : std::nullopt;

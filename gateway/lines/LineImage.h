@@ -23,7 +23,7 @@ public:
     const GatewayValue& value(int variable) const { return at(variable).value; }
     /// Milliseconds since the value was read last; below 0 before the first one.
     qint64 ageMs(int variable) const;
-    /// The age of the oldest value; none while there is none.
+    /// The age of the oldest value that is read again and again; none while there is none.
     std::optional<qint64> oldestMs() const;
 
     /// The variable of that name, below 0 for none.

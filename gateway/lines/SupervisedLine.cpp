@@ -42,6 +42,7 @@ SupervisedLine::SupervisedLine(Owner& owner, LineSettings settings, const Clock&
       m_supervision(supervision), m_image(m_settings, clock, wallClock),
       m_supervisor(*this, clock, supervision),
       m_requests([this](const QByteArray& line) { return m_supervisor.send(line); }),
+      m_status(Json::object()),
       m_whyDown(QStringLiteral("the worker of this line is not started yet"))
 {
 }
@@ -180,6 +181,7 @@ void SupervisedLine::handleEnd(const QString& how, Duration pause)
 void SupervisedLine::markDown(const QString& reason)
 {
     m_whyDown = reason;
+    m_status.erase("memoryKb");
     if (m_status.contains("stations")) {
         for (Json& station : m_status["stations"]) {
             if (station.value("state", "") == "disabled")
@@ -203,8 +205,7 @@ Json SupervisedLine::status() const
     status["oldestMs"] = oldest ? Json(*oldest) : Json();
     status["port"] = m_settings.project.port.device.toStdString();
     status["settings"] = m_settings.project.port.text().toStdString();
-    if (m_status.is_object())
-        status.update(m_status);
+    status.update(m_status);
     if (!m_whyDown.isEmpty()) {
         status["up"] = false;
         status["error"] = m_whyDown.toStdString();

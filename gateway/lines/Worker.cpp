@@ -137,7 +137,7 @@ Worker::Worker(Pipe& pipe, const QString& line, const host::Project& project)
     : m_pipe(pipe), m_library(QString()),
       m_line(host::lineFor(project.port),
              [this, isNetwork = project.port.isNetwork()] {
-                 if (isNetwork)
+                 if (isNetwork && m_pipe.takesNews())
                      m_pipe.send(host::lineOf(
                          {{"event", "opening"}, {"patienceMs", wholeMilliseconds(kOpeningTime)}}));
              }),
@@ -184,13 +184,15 @@ void Worker::publish()
         m_pipe.send(m_report.popValues());
 }
 
-// When the service does not read, the next beat waits: its figures would be old ones.
+// When the service does not read, all of this waits: it would be old when it is read.
 void Worker::beat()
 {
+    if (!m_pipe.takesNews())
+        return;
     for (const QByteArray& event : m_report.popStates())
         m_pipe.send(event);
     const Duration now = m_clock.now();
-    if (now < m_nextBeat || !m_pipe.takesNews())
+    if (now < m_nextBeat)
         return;
     m_nextBeat = now + kHeartbeat;
     for (const QByteArray& event : m_report.ages())

@@ -220,3 +220,12 @@ TEST_F(LineImageTest, RefusesAgesThatAreNotThoseOfItsVariables)
     EXPECT_NO_THROW(image.takeAges(3, Json::array()));
     EXPECT_NO_THROW(image.takeAges(1, {1, 2}));
 }
+
+TEST_F(LineImageTest, TellsTheAgeOfTheOldestValueThatIsReadAgainAndAgain)
+{
+    image.take(valueOf("Recipe", 1, 90000)); // read once
+    EXPECT_FALSE(image.oldestMs());
+    image.take(valueOf("Speed", 7, 20));
+    image.take(valueOf("Level", 7, 40));
+    EXPECT_EQ(image.oldestMs(), 40);
+}
