@@ -64,7 +64,7 @@ QString lineNameOf(const JsonNode& node)
     const QString name = QString::fromStdString(node.text());
     if (!isLineName(name))
         node.fail(node.found() + " is not a name of a line (1 to " + std::to_string(kLongestName) +
-                  " of A-Z, a-z, 0-9, \"_\", \"-\" and \".\", a letter or digit first)");
+                  R"( of A-Z, a-z, 0-9, "_", "-" and ".", a letter or digit first))");
     return name;
 }
 

@@ -11,7 +11,7 @@ namespace micro850::gateway {
 
 namespace {
 
-const std::int64_t kMostCount = std::int64_t(1) << 53;
+const std::int64_t kMostCount = std::int64_t(1) << 45;
 
 QString shown(const JsonNode& object, const char* key)
 {
@@ -35,6 +35,16 @@ QString megabytesText(qint64 bytes)
 {
     const double kMegabyte = 1e6;
     return QString::number(double(bytes) / kMegabyte, 'f', 1) + QStringLiteral(" MB");
+}
+
+// The service and its workers together.
+qint64 memoryOf(const JsonNode& reply)
+{
+    const int kKilobyte = 1024;
+    qint64 kilobytes = reply.at("memoryKb").integer(0, kMostCount);
+    for (const JsonNode& line : reply.at("lines").elements())
+        kilobytes += numberIn(line, "memoryKb").value_or(0);
+    return kilobytes * kKilobyte;
 }
 
 QString secondsText(qint64 milliseconds)
@@ -138,11 +148,10 @@ QString statusText(const JsonNode& reply, qint64 now)
 {
     const qint64 uptime = reply.at("uptimeS").integer(0, kMostCount);
     const int kSecond = 1000;
-    QString text =
-        QStringLiteral("%1, up %2 since %3, %4, %5\n")
-            .arg(shown(reply, "program"), uptimeText(uptime), timeText(now - uptime * kSecond),
-                 megabytesText(reply.at("memoryBytes").integer(0, kMostCount)),
-                 counted(reply.at("clients").integer(0, kMostCount), "client"));
+    QString text = QStringLiteral("%1, up %2 since %3, %4 with its workers, %5\n")
+                       .arg(shown(reply, "program"), uptimeText(uptime),
+                            timeText(now - uptime * kSecond), megabytesText(memoryOf(reply)),
+                            counted(reply.at("clients").integer(0, kMostCount), "client"));
     if (reply.has("history"))
         text += historyText(reply.at("history")) + '\n';
     for (const JsonNode& line : reply.at("lines").elements())

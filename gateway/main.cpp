@@ -1,7 +1,9 @@
 // micro850-gateway: a service that owns the lines to controllers and shares them among its clients.
 
 #include "Check.h"
+#include "ClientSettings.h"
 #include "CommandLine.h"
+#include "Requests.h"
 #include "Service.h"
 #include "StandardStreams.h"
 #include "UserError.h"
@@ -13,22 +15,26 @@
 #include <clocale>
 #include <exception>
 #include <iostream>
+#include <sys/socket.h>
 
 using namespace micro850;
 
 namespace {
 
-const char kFooter[] =
-    "Example:\n"
-    "  micro850-gateway --check /etc/micro850/gateway.json\n"
-    "\n"
-    "Exit status: 0 done, 1 the gateway or the system refused, 2 usage or configuration.";
+const char kSocketHelp[] = "Socket of the service (default /run/micro850/gateway.sock)";
+
+std::string footer(const char* example)
+{
+    return std::string("Example:\n  ") + example +
+           "\n\nExit status: 0 done, 1 the gateway or the system refused, 2 usage or "
+           "configuration.";
+}
 
 int run(int argc, char** argv)
 {
     CommandLine line("micro850-gateway", MICRO850_VERSION,
                      "Owns the lines to Micro850 controllers and shares them among its clients.",
-                     kFooter);
+                     footer("micro850-gateway --check /etc/micro850/gateway.json"));
     std::string configuration;
     bool isCheck = false;
     CommandOptions options = line.withoutCommand([&] {
@@ -40,8 +46,28 @@ int run(int argc, char** argv)
     });
     options.text("CONFIG", configuration, "Configuration file of the service to run");
     options.flag("--check", isCheck, "Only check the configuration and its projects");
-    line.addHiddenCommand(gateway::kWorkerArgument,
-                          [] { return gateway::runWorker(gateway::kWorkerDescriptor); });
+    std::string socket = gateway::ClientSettings().path.toStdString();
+    bool json = false;
+    CommandOptions status =
+        line.addCommand("status", "Show how the running service and its lines do", [&] {
+            return gateway::printStatus(QString::fromLocal8Bit(socket.c_str()), json);
+        });
+    status.text("--socket", socket, kSocketHelp);
+    status.flag("--json", json, "Print the answer of the service as JSON, with times in UTC");
+    status.footer(footer("micro850-gateway status --json"));
+    CommandOptions reload =
+        line.addCommand("reload", "Make the running service read its configuration again", [&] {
+            return gateway::reloadService(QString::fromLocal8Bit(socket.c_str()));
+        });
+    reload.text("--socket", socket, kSocketHelp);
+    reload.footer(footer("micro850-gateway reload"));
+    line.addHiddenCommand(gateway::kWorkerArgument, [] {
+        int type = 0;
+        socklen_t size = sizeof type;
+        if (::getsockopt(gateway::kWorkerDescriptor, SOL_SOCKET, SO_TYPE, &type, &size) != 0)
+            throw UserError("only the service starts a worker (use micro850-gateway CONFIG.json)");
+        return gateway::runWorker(gateway::kWorkerDescriptor);
+    });
     return line.run(argc, argv);
 }
 

@@ -2,20 +2,22 @@
 
 namespace {
 
-/// What bash offers for the last of these words, in a shell that has only loaded the completion.
-QStringList offered(const QStringList& words)
+/// What bash offers for the last of these words after the program, in a shell that has only loaded
+/// its completion.
+QStringList offeredFor(const QString& program, const QStringList& words)
 {
+    const QString name = program.section('/', -1);
     const QString script =
         QStringLiteral("set -u\n"
-                       "source \"$1\"; shift\n"
-                       "complete -p micro850-host >/dev/null || exit 3\n"
+                       "source \"$1\"; name=$2; shift 2\n"
+                       "complete -p \"$name\" >/dev/null || exit 3\n"
                        "COMP_WORDS=(\"$@\") COMP_CWORD=$(($# - 1)) COMPREPLY=()\n"
-                       "_micro850_host\n"
+                       "_${name/-/_}\n"
                        "printf '%s\\n' \"${COMPREPLY[@]}\"\n");
     const Result result = runProgram(
         "bash", QStringList{"--norc", "-c", script, "bash",
-                            MICRO850_SOURCE_DIR "/share/bash-completion/completions/micro850-host",
-                            MICRO850_HOST} +
+                            MICRO850_SOURCE_DIR "/share/bash-completion/completions/" + name, name,
+                            program} +
                     words);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
@@ -23,6 +25,23 @@ QStringList offered(const QStringList& words)
     lines.removeAll(QString());
     lines.sort();
     return lines;
+}
+
+QStringList offered(const QStringList& words)
+{
+    return offeredFor(MICRO850_HOST, words);
+}
+
+/// The options that a help names, each at the start of a line, as "  -h,--help" or "  --port TEXT".
+QStringList optionsIn(const Result& help)
+{
+    QStringList named;
+    for (const QString& line : linesOf(help.out)) {
+        if (line.startsWith("  -"))
+            named += line.trimmed().section(' ', 0, 0).split(',');
+    }
+    named.sort();
+    return named;
 }
 
 } // namespace
@@ -43,18 +62,10 @@ TEST(Completion, OffersTheOptionsOfTheCommand)
     EXPECT_EQ(offered({"read", "--scan"}), QStringList());
 }
 
-// The help names each option at the start of a line, as "  -h,--help" or "  --port TEXT".
 TEST(Completion, OffersEveryOptionThatTheHelpOfACommandNames)
 {
     for (const QString& command : offered({""})) {
-        const Result help = runProgram(MICRO850_HOST, {command, "--help"});
-        QStringList named;
-        for (const QString& line : linesOf(help.out)) {
-            const QString first = line.trimmed().section(' ', 0, 0);
-            if (line.startsWith("  -"))
-                named += first.split(',');
-        }
-        named.sort();
+        const QStringList named = optionsIn(runProgram(MICRO850_HOST, {command, "--help"}));
         EXPECT_GE(named.size(), 3) << command.toStdString();
         EXPECT_EQ(offered({command, "-"}), named) << command.toStdString();
     }
@@ -72,4 +83,24 @@ TEST(Completion, OffersFiles)
     EXPECT_EQ(offered({"poll", MICRO850_SOURCE_DIR "/examples/plant.pro"}),
               QStringList(MICRO850_SOURCE_DIR "/examples/plant.project.json"));
     EXPECT_EQ(offered({"read", "--port", "/dev/nul"}), QStringList("/dev/null"));
+}
+
+TEST(Completion, OffersCommandsOptionsAndConfigurationsOfTheGateway)
+{
+    const auto offeredAfter = [](const QStringList& words) {
+        return offeredFor(MICRO850_GATEWAY, words);
+    };
+    EXPECT_EQ(offeredAfter({"stat"}), QStringList("status"));
+    EXPECT_EQ(offeredAfter({MICRO850_SOURCE_DIR "/examples/gate"}),
+              QStringList(MICRO850_SOURCE_DIR "/examples/gateway.json"));
+    EXPECT_EQ(offeredAfter({"--check", MICRO850_SOURCE_DIR "/examples/gate"}),
+              QStringList(MICRO850_SOURCE_DIR "/examples/gateway.json"));
+    EXPECT_EQ(offeredAfter({"status", "--socket", "/dev/nul"}), QStringList("/dev/null"));
+    EXPECT_EQ(offeredAfter({"reload", MICRO850_SOURCE_DIR "/examples/gate"}), QStringList());
+    EXPECT_EQ(offeredAfter({"-"}), optionsIn(runProgram(MICRO850_GATEWAY, {"--help"})));
+    for (const char* command : {"status", "reload"}) {
+        const QStringList named = optionsIn(runProgram(MICRO850_GATEWAY, {command, "--help"}));
+        EXPECT_TRUE(named.contains("--socket")) << command;
+        EXPECT_EQ(offeredAfter({command, "-"}), named) << command;
+    }
 }

@@ -37,9 +37,9 @@ QSet<QString> optionsOf(const QString& program, const QStringList& command)
     return found(QString::fromStdString(help.out), "^ +(?:-.,)?--([a-z-]+)");
 }
 
-QSet<QString> commands()
+QSet<QString> commandsOf(const QString& program)
 {
-    const Result help = runProgram(QStringLiteral(MICRO850_HOST), {"--help"});
+    const Result help = runProgram(program, {"--help"});
     const QString text = QString::fromStdString(help.out);
     return found(text.section("Subcommands:", 1), "^  ([a-z]+) ");
 }
@@ -55,7 +55,9 @@ std::string joined(const QSet<QString>& words)
 
 TEST(ManPages, AreFreeOfWarnings)
 {
-    for (const char* page : {"micro850-host.1", "micro850-sim.1", "micro850.3"}) {
+    for (const char* page : {"micro850-host.1", "micro850-sim.1", "micro850.3",
+                             "micro850-gateway.1", "micro850-gateway.json.5"})
+    {
         // References between the pages are found where they are installed only.
         const Result lint = runProgram("mandoc", {"-Tlint", "-Wwarning", pathOf(page)});
         EXPECT_EQ(lint.status, 0) << page;
@@ -66,7 +68,7 @@ TEST(ManPages, AreFreeOfWarnings)
 TEST(ManPages, NameEveryOptionOfTheHostAndNoOther)
 {
     QSet<QString> known = optionsOf(MICRO850_HOST, {});
-    const QSet<QString> names = commands();
+    const QSet<QString> names = commandsOf(MICRO850_HOST);
     EXPECT_EQ(joined(names), "check import log poll probe read trace watch write");
     for (const QString& command : names)
         known += optionsOf(MICRO850_HOST, {command});
@@ -79,6 +81,31 @@ TEST(ManPages, NameEveryOptionOfTheSimulatorAndNoOther)
 {
     EXPECT_EQ(joined(found(sourceOf("micro850-sim.1"), "^\\.It.*Fl -([a-z-]+)")),
               joined(optionsOf(MICRO850_SIM, {})));
+}
+
+TEST(ManPages, NameEveryOptionOfTheGatewayAndNoOther)
+{
+    QSet<QString> known = optionsOf(MICRO850_GATEWAY, {});
+    const QSet<QString> names = commandsOf(MICRO850_GATEWAY);
+    EXPECT_EQ(joined(names), "reload status");
+    for (const QString& command : names)
+        known += optionsOf(MICRO850_GATEWAY, {command});
+    const QString page = sourceOf("micro850-gateway.1");
+    EXPECT_EQ(joined(found(page, "^\\.It.*Fl -([a-z-]+)")), joined(known));
+    EXPECT_EQ(joined(found(page, "^\\.It Cm ([a-z]+)")), joined(names));
+}
+
+// The schema and the parser are compared by another test.
+TEST(ManPages, DescribeEveryKeyOfAConfiguration)
+{
+    QFile file(QStringLiteral(MICRO850_SOURCE_DIR "/share/micro850/gateway.schema.json"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QSet<QString> keys = found(QString::fromUtf8(file.readAll()), "^ +\"([a-zA-Z]+)\": \\{$");
+    for (const char* word : {"properties", "items"}) // of the schema itself
+        EXPECT_TRUE(keys.remove(word)) << word;
+    EXPECT_GE(keys.size(), 10);
+    const QString page = sourceOf("micro850-gateway.json.5").section(".Ss Keys of variables", 0, 0);
+    EXPECT_EQ(joined(found(page, "^\\.It Va ([a-zA-Z]+)")), joined(keys));
 }
 
 // Entry points are those that the library exports under plain names.

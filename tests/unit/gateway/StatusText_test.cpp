@@ -30,7 +30,7 @@ protected:
     static QString textOfLines(const std::string& lines)
     {
         return textOf(
-                   R"({"program": "micro850-gateway 0.1.0", "uptimeS": 60, "memoryBytes": 1000000,
+                   R"({"program": "micro850-gateway 0.1.0", "uptimeS": 60, "memoryKb": 1000,
                           "clients": 0, "lines": [)" +
                    lines + "]}")
             .section('\n', 1);
@@ -41,24 +41,34 @@ protected:
 
 TEST_F(StatusText, TellsTheProgramItsUptimeInLocalTimeItsMemoryAndItsClients)
 {
-    EXPECT_EQ(textOf(R"({"program": "micro850-gateway 0.1.0", "uptimeS": 273906, "memoryBytes":
-                         38449152, "clients": 12, "lines": []})"),
-              "micro850-gateway 0.1.0, up 3 d 04:05:06 since 2026-11-19 10:24:54 +01:00, 38.4 MB, "
-              "12 clients\n");
+    EXPECT_EQ(textOf(R"({"program": "micro850-gateway 0.1.0", "uptimeS": 273906, "memoryKb": 37548,
+                         "clients": 12, "lines": []})"),
+              "micro850-gateway 0.1.0, up 3 d 04:05:06 since 2026-11-19 10:24:54 +01:00, 38.4 MB "
+              "with its workers, 12 clients\n");
+}
+
+TEST_F(StatusText, AddsTheMemoryOfTheWorkers)
+{
+    const QString text = textOf(R"({"program": "g", "uptimeS": 0, "memoryKb": 10000, "clients": 1,
+        "lines": [{"line": "a", "memoryKb": 20000}, {"line": "b", "memoryKb": null}]})");
+    // 30000 times 1024 bytes.
+    EXPECT_TRUE(text.contains(" +01:00, 30.7 MB with its workers, 1 client\n"))
+        << text.toStdString();
 }
 
 TEST_F(StatusText, HasTheOffsetOfTheStartAndNotOfToday)
 {
     // 40 days earlier it was summer.
-    EXPECT_EQ(textOf(R"({"program": "g", "uptimeS": 3456000, "memoryBytes": 0, "clients": 0,
+    EXPECT_EQ(textOf(R"({"program": "g", "uptimeS": 3456000, "memoryKb": 0, "clients": 0,
                          "lines": []})"),
-              "g, up 40 d 00:00:00 since 2026-10-13 15:30:00 +02:00, 0.0 MB, 0 clients\n");
+              "g, up 40 d 00:00:00 since 2026-10-13 15:30:00 +02:00, 0.0 MB with its workers, 0 "
+              "clients\n");
 }
 
 TEST_F(StatusText, TellsTheHistory)
 {
     const auto historyOf = [](const std::string& history) {
-        return textOf(R"({"program": "g", "uptimeS": 0, "memoryBytes": 0, "clients": 0, "lines": [],
+        return textOf(R"({"program": "g", "uptimeS": 0, "memoryKb": 0, "clients": 0, "lines": [],
                           "history": )" +
                       history + "}")
             .section('\n', 1);
@@ -133,9 +143,8 @@ TEST_F(StatusText, RefusesWhatIsNoStatus)
 {
     for (
         const char* json :
-        {"{}", "[]",
-         R"({"program": "g", "uptimeS": -1, "memoryBytes": 0, "clients": 0, "lines": []})",
-         R"({"program": "g", "uptimeS": 0, "memoryBytes": 0, "clients": 0, "lines": 5})",
-         R"({"program": "g", "uptimeS": 0, "memoryBytes": 0, "clients": 0, "lines": [{"oldestMs": "x"}]})"})
+        {"{}", "[]", R"({"program": "g", "uptimeS": -1, "memoryKb": 0, "clients": 0, "lines": []})",
+         R"({"program": "g", "uptimeS": 0, "memoryKb": 0, "clients": 0, "lines": 5})",
+         R"({"program": "g", "uptimeS": 0, "memoryKb": 0, "clients": 0, "lines": [{"oldestMs": "x"}]})"})
         EXPECT_THROW(textOf(json), micro850::UserError) << json;
 }
