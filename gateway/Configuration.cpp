@@ -292,13 +292,18 @@ Configuration Configuration::fromFile(const QString& path)
 {
     std::vector<std::string> mistakes;
     Configuration configuration = fromFile(path, mistakes);
-    if (mistakes.empty())
-        return configuration;
+    if (!mistakes.empty())
+        throw UserError(complaintOf(mistakes));
+    return configuration;
+}
+
+std::string complaintOf(const std::vector<std::string>& mistakes)
+{
     const std::size_t more = mistakes.size() - 1;
-    throw UserError(mistakes.front() + (more == 0
-                                            ? std::string()
-                                            : " (and " + std::to_string(more) +
-                                                  " more: micro850-gateway --check lists all)"));
+    if (more == 0)
+        return mistakes.front();
+    return mistakes.front() + " (and " + std::to_string(more) +
+           " more: micro850-gateway --check lists all)";
 }
 
 } // namespace micro850::gateway

@@ -26,6 +26,9 @@ struct Configuration
     static Configuration fromFile(const QString& path, std::vector<std::string>& mistakes);
 };
 
+/// The first of the mistakes and how many more there are, in one line.
+std::string complaintOf(const std::vector<std::string>& mistakes);
+
 } // namespace micro850::gateway
 
 #endif

@@ -200,7 +200,7 @@ void Service::applyNewConfiguration()
         log(Priority::Error, QString::fromStdString(mistake));
     log(Priority::Error,
         QStringLiteral("the new configuration is refused; the service goes on with the old one"));
-    throw UserError(mistakes.front());
+    throw UserError(complaintOf(mistakes));
 }
 
 void Service::apply(const Configuration& configuration)
