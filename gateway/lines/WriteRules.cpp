@@ -170,6 +170,19 @@ std::string secondsText(Duration time)
     return text.data();
 }
 
+// Null without it.
+Json member(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    return found == object.end() ? Json() : *found;
+}
+
+std::string textOf(const Json& value)
+{
+    return value.is_string() ? value.get<std::string>()
+                             : value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 Json errorOf(const char* code, const std::string& text)
 {
     return {{"error", {{"code", code}, {"text", text}}}};
@@ -240,8 +253,8 @@ qint64 WriteRules::write(const Writer& writer, const WriteRequest& request, cons
 // Called again when the controller has told the type: lines may have changed meanwhile.
 void WriteRules::begin(qint64 number, const CipType* told)
 {
-    Pending& pending = m_pending[number];
     try {
+        Pending& pending = m_pending[number];
         if (pending.cancelled)
             throw RequestError(errorcode::kCancelled, "it was taken back before it was sent");
         const Target target = targetOf(pending.request);
@@ -292,11 +305,13 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
     target.line = m_index.lineNamed(request.line, "line");
     target.tag = {request.station, request.tag};
     target.element = request.element;
-    QVector<int> others;
-    for (const int number : m_index.variablesAt(target.line, target.tag, request.element))
-        (m_index.variable(number).writable ? target.variables : others).append(number);
+    const QVector<int> all = m_index.variablesAt(target.line, target.tag, request.element);
+    for (const int number : all) {
+        if (m_index.variable(number).writable)
+            target.variables.append(number);
+    }
     if (target.variables.isEmpty())
-        target.variables = others;
+        target.variables = all;
     if (target.variables.isEmpty())
         refuse("tag: element " + std::to_string(request.element) + " of " +
                inQuotes(request.tag.toStdString()) +
@@ -438,16 +453,16 @@ void WriteRules::finish(qint64 number, const Json& reply)
     entry.name = pending.name;
     entry.element = pending.element;
     entry.newValue = pending.newValue;
-    entry.oldValue = reply.value("old", pending.oldValue);
-    const auto error = reply.find("error");
-    if (error != reply.end() && error->is_object()) {
-        entry.outcome = QString::fromStdString(error->value("code", "refused"));
-        entry.error = QString::fromStdString(error->value("text", std::string()));
-    } else {
+    entry.oldValue = reply.contains("old") ? reply["old"] : pending.oldValue;
+    const Json error = member(reply, "error");
+    if (error.is_null()) {
         entry.outcome = QStringLiteral("written");
-        if (!reply.value("verified", true))
+        if (member(reply, "verified") == false)
             entry.error = QStringLiteral("another value was read back: ") +
-                          QString::fromStdString(reply.value("value", Json()).dump());
+                          QString::fromStdString(textOf(member(reply, "value")));
+    } else {
+        entry.outcome = QString::fromStdString(textOf(member(error, "code")));
+        entry.error = QString::fromStdString(textOf(member(error, "text")));
     }
     m_lines.reportWrite(entry);
     Json answer = reply;

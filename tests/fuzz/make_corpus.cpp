@@ -537,6 +537,61 @@ void saveControllers()
              bytes({kWait, 0xFF, 0xFF}) + read(6, 0, 1) + bytes({kPowerCycle, 0}) + read(1, 0, 1));
 }
 
+// Requests of a client, and with ! what happens to the gateway; see gateway_protocol_fuzz.cpp.
+void saveRequests()
+{
+    const char harness[] = "gateway_protocol";
+    saveText(harness, "list", R"(abcd{"id":1,"request":"list"}
+{"id":"x","request":"list","line":"press","match":"L*"}
+)");
+    saveText(harness, "read", R"(abcd!v0
+{"id":1,"request":"read","names":["Speed","Level"]}
+{"id":2,"request":"read","names":["Speed"],"fresh":true}
+!a{"reply":"read","values":[{"value":5}]}
+{"id":3,"request":"read","tag":"X","element":2,"elements":3}
+!a{"reply":"read","type":"INT","elements":["0100"]}
+{"id":4,"request":"type","tag":"X"}
+!a{"error":{"code":"refused","text":"no such tag"}}
+)");
+    saveText(harness, "subscribe", R"(abcd{"id":1,"request":"subscribe","match":"*e*","ages":true}
+!v0
+!s
+!v0
+!v0
+!v1
+!e
+!s
+!t
+{"id":2,"request":"subscribe","names":["List"]}
+!r
+!v2
+{"id":3,"request":"unsubscribe","subscription":1}
+)");
+    saveText(harness, "write", R"(abcd{"id":1,"request":"hello","client":"me"}
+{"id":2,"request":"write","name":"Speed","value":100}
+!a{"reply":"write","outcome":"written","old":1,"value":100,"verified":true}
+{"id":3,"request":"write","name":"Speed","value":101}
+{"id":4,"request":"write","tag":"LIST","element":11,"bytes":"0500"}
+{"id":5,"request":"cancel","of":4}
+!a{"error":{"code":"cancelled","text":"taken back"}}
+{"id":6,"request":"write","name":"Unknown","value":1.5}
+!a{"reply":"type","type":"REAL"}
+!a{"reply":"write","outcome":"written","value":2,"verified":false}
+{"id":7,"request":"write","name":"Text","value":"\u00e9\""}
+)");
+    saveText(harness, "others", R"(abcd{"id":1,"request":"status"}
+{"id":2,"request":"history","name":"S*","from":"2026-11-22T13:30:00.125Z","limit":5}
+!h
+{"id":3,"request":"reload"}
+{"id":4,"request":"lst"}
+[1]
+{"id":5
+)");
+    saveText(harness, "value", R"(!val{"line":"press","name":"Speed","station":1,"tag":"SPEED",
+"element":0,"type":"INT","value":5,"bytes":"0500","quality":"good",
+"time":"2026-11-22T13:30:00.125Z","unit":"rpm"})");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -556,6 +611,7 @@ int main(int argc, char** argv)
     saveValues();
     saveProjects();
     saveConfigurations();
+    saveRequests();
     saveTags();
     saveFaults();
     saveTexts();

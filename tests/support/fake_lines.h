@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace micro850::gateway::test {
 
@@ -38,7 +39,7 @@ public:
         m_lines = lines;
         m_values.clear();
         for (const LineSettings& line : lines) {
-            m_values.append(QVector<GatewayValue>());
+            m_values.emplace_back();
             for (const host::Variable& variable : line.project.variables) {
                 GatewayValue value;
                 value.line = line.name;
@@ -47,7 +48,7 @@ public:
                 value.tag = variable.tag;
                 value.element = variable.element;
                 value.unit = variable.unit;
-                m_values.last().append(old.value({line.name, variable.name}, value));
+                m_values.back().push_back(old.value({line.name, variable.name}, value));
             }
         }
         for (LineListener* const listener : std::as_const(m_listeners))
@@ -58,7 +59,8 @@ public:
     void setValue(int line, int variable, const char* type, const Json& value,
                   const QByteArray& bytes = QByteArray())
     {
-        GatewayValue& latest = m_values[line][variable];
+        GatewayValue& latest =
+            m_values.at(static_cast<std::size_t>(line)).at(static_cast<std::size_t>(variable));
         latest.type = &cipTypeNamed(type);
         latest.value = value;
         latest.bytes = bytes;
@@ -95,7 +97,7 @@ public:
     const LineSettings& line(int index) const override { return m_lines.at(index); }
     const GatewayValue& latest(int line, int variable) const override
     {
-        return m_values.at(line).at(variable);
+        return m_values.at(static_cast<std::size_t>(line)).at(static_cast<std::size_t>(variable));
     }
     qint64 ageMs(int line, int variable) const override
     {
@@ -119,7 +121,7 @@ public:
 
 private:
     QVector<LineSettings> m_lines;
-    QVector<QVector<GatewayValue>> m_values;
+    std::vector<std::vector<GatewayValue>> m_values;
     QVector<LineListener*> m_listeners;
     qint64 m_last = 0;
     qint64 m_time = 1795354200000; // 2026-11-22T13:30:00Z
