@@ -21,9 +21,9 @@ namespace {
 // What a line of output is filled to, and what may wait before further lines are made.
 const int kUsualLine = 60 * 1024;
 // No requests are read while so much waits.
-const qint64 kMuchOutput = 256 * 1024;
-const qint64 kMostOutput = 4 * 1024 * 1024;
-const qint64 kMostOutputOfAll = 64 * 1024 * 1024;
+const qint64 kMuchOutput = qint64{256} * 1024;
+const qint64 kMostOutput = qint64{4} * 1024 * 1024;
+const qint64 kMostOutputOfAll = qint64{64} * 1024 * 1024;
 const int kMostPages = 2;
 const int kMostPending = 64;
 const int kMostSubscriptions = 16;
@@ -134,7 +134,7 @@ struct Client::FreshRead
     qint64 token = 0;
     int waiting = 0;
     std::vector<QByteArray> values; ///< in the order of the request
-    Json error;                     ///< of the first line that refused
+    QByteArray error;               ///< JSON, of a line that refused
 };
 
 Client::Client(ClientContext& context, Peer peer, Send send)
@@ -401,7 +401,7 @@ void Client::handleRead(const Json& id, const JsonNode& message)
     message.expectKeys(
         {"request", "id", "line", "station", "tag", "element", "elements", "fresh", "names"});
     if (!message.has("tag"))
-        message.fail("either \"names\" or \"tag\" is needed");
+        message.fail(R"(either "names" or "tag" is needed)");
     const host::TagKey tag = tagOf(message);
     message.boolean("fresh", true);
     const auto element = message.integer("element", 0, host::kLargestElement, 0);
@@ -471,7 +471,7 @@ void Client::readFresh(const Json& id, const QVector<int>& numbers)
                                positions = some.value()](const Json& reply) {
             const auto values = reply.find("values");
             if (reply.contains("error")) {
-                read->error = reply["error"];
+                read->error = textOf(reply["error"]);
             } else if (values != reply.end() && values->is_array() &&
                        static_cast<int>(values->size()) == positions.size())
             {
@@ -479,8 +479,8 @@ void Client::readFresh(const Json& id, const QVector<int>& numbers)
                     read->values[static_cast<std::size_t>(positions.at(i))] =
                         textOf((*values)[static_cast<std::size_t>(i)]);
             } else {
-                read->error = {{"code", errorcode::kRefused},
-                               {"text", "the values did not come as they were asked for"}};
+                read->error = textOf({{"code", errorcode::kRefused},
+                                      {"text", "other values came than were asked for"}});
             }
             const std::shared_ptr<Client> client = self.lock();
             if (--read->waiting == 0 && client)
@@ -501,8 +501,8 @@ void Client::finishFresh(const FreshRead& read)
         return;
     const Json id = pending->id;
     m_pending.remove(read.token);
-    if (!read.error.is_null()) {
-        send(lineOf({{"id", id}, {"error", read.error}}));
+    if (!read.error.isEmpty()) {
+        send("{\"id\":" + textOf(id) + ",\"error\":" + read.error + "}\n");
     } else {
         PagedReply page;
         page.id = id;
@@ -768,9 +768,8 @@ void Client::sendAges(const std::function<QByteArray(int)>& age)
             continue;
         const QVector<int>& members = subscription.members();
         for (int at = 0; at < members.size();) {
-            QByteArray line =
-                "{\"event\":\"ages\",\"subscription\":" + QByteArray::number(subscription.id()) +
-                ",\"ages\":[";
+            QByteArray line = R"({"event":"ages","subscription":)" +
+                              QByteArray::number(subscription.id()) + ",\"ages\":[";
             const int first = at;
             while (at < members.size() && line.size() < kUsualLine) {
                 if (at > first)

@@ -12,7 +12,7 @@ namespace micro850::gateway {
 
 struct ClientServer::Connection
 {
-    Connection(int descriptor)
+    explicit Connection(int descriptor)
         : socket(descriptor), input(descriptor, QSocketNotifier::Read),
           output(descriptor, QSocketNotifier::Write)
     {

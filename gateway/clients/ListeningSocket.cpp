@@ -120,7 +120,7 @@ ListeningSocket::ListeningSocket(const QString& path) : m_path(path)
 void ListeningSocket::bindTo(const QByteArray& path)
 {
     const sockaddr_un address = addressOf(path);
-    const FolderLock lock(path);
+    [[maybe_unused]] const FolderLock lock(path);
     removeStale(path);
     m_socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (m_socket < 0)
