@@ -83,10 +83,14 @@ public:
         return got > 0 || (got < 0 && errno == EAGAIN);
     }
 
-    long values = 0;
     long leftOut = 0;
     std::size_t bytes = 0;
-    Json newest;
+    /// When the newest value was read from the controller.
+    std::string newest() const
+    {
+        const Json values = Json::parse(m_newest)["values"];
+        return values.back()["time"].get<std::string>();
+    }
 
 private:
     void take(const std::string& more)
@@ -96,18 +100,18 @@ private:
         std::size_t start = 0;
         for (std::size_t end; (end = m_text.find('\n', start)) != std::string::npos;
              start = end + 1) {
-            const Json message = Json::parse(m_text.substr(start, end - start));
-            leftOut += message.value("leftOut", 0);
-            for (const Json& value : message.value("values", Json::array())) {
-                ++values;
-                newest = value;
-            }
+            const std::string line = m_text.substr(start, end - start);
+            if (line.find("\"values\"") != std::string::npos)
+                m_newest = line;
+            if (line.find("\"leftOut\"") != std::string::npos)
+                leftOut += Json::parse(line)["leftOut"].get<long>();
         }
         m_text.erase(0, start);
     }
 
     std::unique_ptr<GatewayClient> m_client;
     std::string m_text;
+    std::string m_newest;
 };
 
 std::string pythonOfDocument()
@@ -287,10 +291,10 @@ TEST_F(GatewayClientsTest, ReadAtTheirOwnPaceWhile20Of200Stall)
         EXPECT_TRUE(late.read());
         return late.leftOut > 0;
     }));
-    const std::string now = all[1]->newest["time"].get<std::string>();
+    const std::string now = all[1]->newest();
     EXPECT_TRUE(waitUntil([&] {
         EXPECT_TRUE(late.read());
-        return late.newest["time"].get<std::string>() >= now;
+        return late.newest() >= now;
     })) << "the newest value comes";
     EXPECT_EQ(connect()->request({{"request", "status"}})["clients"], kReaders + 1);
 }
@@ -324,11 +328,14 @@ TEST_F(GatewayClientsTest, DoNoHarmWhenTheyMisbehave)
     EXPECT_EQ(halves.back()->greeting(), Json()) << "the 257th is turned away";
     halves.clear();
 
-    for (int i = 0; i < 10000; ++i) {
-        const GatewayClient hurried(socketPath());
-        EXPECT_TRUE(hurried.isConnected() || i > 0);
-    }
+    int greeted = 0;
+    for (int i = 0; i < 10000; ++i)
+        greeted += GatewayClient(socketPath()).greeting().is_object() ? 1 : 0;
+    EXPECT_GT(greeted, 0);
+    EXPECT_TRUE(waitUntil([&] { return connect()->greeting().contains("version"); }));
+
     const auto deaf = connect(); // asks and does not read
+    EXPECT_TRUE(deaf->isConnected());
     for (int i = 0; i < 20000; ++i) {
         const std::string request =
             R"({"id":)" + std::to_string(i) + R"(,"request":"list"})" + "\n";
