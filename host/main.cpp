@@ -28,6 +28,7 @@ int run(int argc, char** argv)
     host::addWrite(line);
     host::addWatch(line);
     host::addLog(line);
+    host::addHistory(line);
     host::addTrace(line);
     host::addCheck(line);
     host::addImport(line);

@@ -14,6 +14,7 @@ void addRead(CommandLine& line);
 void addWrite(CommandLine& line);
 void addWatch(CommandLine& line);
 void addLog(CommandLine& line);
+void addHistory(CommandLine& line);
 void addTrace(CommandLine& line);
 void addCheck(CommandLine& line);
 void addImport(CommandLine& line);

@@ -29,18 +29,6 @@ bool isFormula(const QString& text)
     return begin.size() > 1 && signs.contains(begin.at(0));
 }
 
-// A text in its shown form, so that a row is one line. What looks like a formula is put in double
-// quotes as well, as a text with escapes is.
-QString cellText(const QString& text)
-{
-    const QString shown = QString::fromStdString(visibleValue(text.toStdString()));
-    if (shown.startsWith('"') || !isFormula(shown))
-        return shown;
-    QString quoted = shown;
-    quoted.replace('\\', QStringLiteral("\\\\")).replace('"', QStringLiteral("\\\""));
-    return '"' + quoted + '"';
-}
-
 // Numbers stay numbers, also those below 0, and so do several of them.
 QString valueCell(const Sample& sample)
 {
@@ -53,7 +41,7 @@ QString valueCell(const Sample& sample)
         if (type.kind != CipKind::String && sample.type == QLatin1String(type.name))
             return text;
     }
-    return cellText(text);
+    return csvText(text);
 }
 
 /// The rows of a file that a recording goes on with.
@@ -146,15 +134,15 @@ public:
     void add(const Sample& sample) override
     {
         const QStringList fields = {sample.time.toUTC().toString(Qt::ISODateWithMs),
-                                    csvField(cellText(sample.name)),
+                                    csvField(csvText(sample.name)),
                                     QString::number(sample.station),
-                                    csvField(cellText(sample.tag)),
+                                    csvField(csvText(sample.tag)),
                                     QString::number(sample.element),
                                     sample.type,
                                     csvField(valueCell(sample)),
-                                    csvField(cellText(sample.unit)),
+                                    csvField(csvText(sample.unit)),
                                     sample.quality,
-                                    csvField(cellText(sample.error))};
+                                    csvField(csvText(sample.error))};
         m_pending += fields.join(',').toStdString() + '\n';
         if (m_pending.size() > kMostPending)
             save();
@@ -200,6 +188,16 @@ private:
 };
 
 } // namespace
+
+QString csvText(const QString& text)
+{
+    const QString shown = QString::fromStdString(visibleValue(text.toStdString()));
+    if (shown.startsWith('"') || !isFormula(shown))
+        return shown;
+    QString quoted = shown;
+    quoted.replace('\\', QStringLiteral("\\\\")).replace('"', QStringLiteral("\\\""));
+    return '"' + quoted + '"';
+}
 
 QString csvField(const QString& text)
 {

@@ -49,15 +49,17 @@ QString utcText(qint64 milliseconds)
 Json jsonOf(const HistoryValue& row)
 {
     const HistoryVariable& variable = *row.variable;
-    Json object = {{"line", variable.line.toStdString()},
-                   {"name", variable.name.toStdString()},
+    Json object = Json::object();
+    if (!variable.line.isEmpty())
+        object["line"] = variable.line.toStdString();
+    object.update({{"name", variable.name.toStdString()},
                    {"station", variable.station},
                    {"tag", variable.tag.toStdString()},
                    {"element", variable.element},
                    {"type", variable.type.isEmpty() ? Json() : Json(variable.type.toStdString())},
                    {"value", row.value},
                    {"quality", row.quality.toStdString()},
-                   {"time", utcText(row.time).toStdString()}};
+                   {"time", utcText(row.time).toStdString()}});
     if (!variable.unit.isEmpty())
         object["unit"] = variable.unit.toStdString();
     if (!row.error.isEmpty())

@@ -37,6 +37,9 @@ public:
 
 /// A field of a comma-separated line, quoted where necessary.
 QString csvField(const QString& text);
+/// A text in its shown form, so that a row is one line. What a spreadsheet would take for a formula
+/// is put in double quotes as well, as a text with escapes is.
+QString csvText(const QString& text);
 
 } // namespace micro850::host
 

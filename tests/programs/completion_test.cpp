@@ -48,8 +48,8 @@ QStringList optionsIn(const Result& help)
 
 TEST(Completion, OffersTheCommands)
 {
-    EXPECT_EQ(offered({""}), (QStringList{"check", "import", "log", "poll", "probe", "read",
-                                          "trace", "watch", "write"}));
+    EXPECT_EQ(offered({""}), (QStringList{"check", "history", "import", "log", "poll", "probe",
+                                          "read", "trace", "watch", "write"}));
     EXPECT_EQ(offered({"w"}), (QStringList{"watch", "write"}));
     EXPECT_EQ(offered({"--v"}), QStringList("--version"));
 }

@@ -1,0 +1,45 @@
+#ifndef MICRO850_TESTS_CRASH_DISK_H
+#define MICRO850_TESTS_CRASH_DISK_H
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+/// A file system of SQLite over the usual one that notes what is written, so that a test can make
+/// the files as a power cut would leave them: what was synchronised is there, of the rest any part,
+/// in any order, also half a write.
+class CrashDisk
+{
+public:
+    enum class Kind { Write, Truncate, Sync, Remove };
+    struct Step
+    {
+        Kind kind;
+        std::string file; ///< its name without the folder
+        long long at;     ///< where it is written, or the new size
+        std::string bytes;
+    };
+
+    /// Registers the file system under `name`. Only one at a time.
+    explicit CrashDisk(const std::string& name);
+    ~CrashDisk();
+    CrashDisk(const CrashDisk&) = delete;
+    CrashDisk& operator=(const CrashDisk&) = delete;
+
+    const std::vector<Step>& steps() const { return m_steps; }
+    void note(Step step) { m_steps.push_back(std::move(step)); }
+    /// So many synchronisations from now on fail; below 0: all of them.
+    void failSyncs(int count) { m_failingSyncs = count; }
+    bool popFailure();
+
+    /// The content of each file after a power cut behind the first `count` steps. Of what was not
+    /// synchronised by then, `random` chooses; without it nothing is there.
+    std::map<std::string, std::string> contentAfter(std::size_t count, std::mt19937* random) const;
+
+private:
+    std::vector<Step> m_steps;
+    int m_failingSyncs = 0;
+};
+
+#endif
