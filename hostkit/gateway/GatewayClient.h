@@ -64,8 +64,8 @@ public:
     Interrupted() : UserError("interrupted", kExitRefused) {}
 };
 
-/// A connection to a gateway. Nothing waits without a limit, and nothing that comes can use more
-/// memory than some megabytes. Every function throws GatewayLost once the gateway is lost.
+/// A connection to a gateway. Nothing waits without a limit, and what the gateway sends uses memory
+/// only up to a limit. Every function throws GatewayLost once the gateway is lost.
 class GatewayClient
 {
 public:

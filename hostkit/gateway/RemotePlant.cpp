@@ -1,7 +1,5 @@
 #include "RemotePlant.h"
 
-#include "Protocol.h"
-
 #include <QtCore/QDateTime>
 
 #include <algorithm>
@@ -170,13 +168,22 @@ void RemotePlant::handleValues(const JsonNode& values)
             source.type = value.type;
             source.bytes = value.bytes;
             // The latest one may be old; a change has just been read.
-            store(source, isFirst ? timeSince(value) : Duration(0));
+            store(source, isFirst ? firstAge(value) : Duration(0));
         }
         for (const int variable : qAsConst(source.variables)) {
             if (!value.error.isEmpty() && !m_sourcesOf.at(variable).isEmpty())
                 m_values.setError(variable, value.error);
         }
     }
+}
+
+// The gateway's word that a value is good counts more than a wall clock that may have been stepped;
+// the exact age comes within a second.
+Duration RemotePlant::firstAge(const GatewayValue& value) const
+{
+    const Duration longest = std::chrono::milliseconds(m_project.staleAfterMs);
+    const Duration age = timeSince(value);
+    return value.quality == Quality::Good ? std::min(age, longest) : age;
 }
 
 void RemotePlant::store(const Source& source, Duration age)

@@ -5,6 +5,7 @@
 #include "GatewayClient.h"
 #include "GatewayLines.h"
 #include "GrowingPause.h"
+#include "Protocol.h"
 
 #include <QtCore/QBitArray>
 #include <QtCore/QHash>
@@ -65,6 +66,7 @@ private:
     void handleEvent(const JsonNode& event);
     void handleValues(const JsonNode& values);
     void handleAges(const JsonNode& ages);
+    Duration firstAge(const GatewayValue& value) const;
     void store(const Source& source, Duration age);
     void requireTypes(const Source& source);
     void work();

@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-/// A gateway that says what a test tells it, on a thread of its own and at a Unix socket of its own.
-/// It shares no code with the protocol of the host kit.
+/// A gateway that says what a test tells it, on a thread of its own and at a Unix socket of its
+/// own. It shares no code with the protocol of the host kit.
 class ScriptedGateway
 {
 public:
