@@ -5,6 +5,7 @@
 #include "SerialLine.h"
 #include "UserError.h"
 #include "Visible.h"
+#include "Writable.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
@@ -127,6 +128,7 @@ LineSettings lineOf(const JsonNode& node, const QString& folder)
     line.projectFile = pathOf(project, folder);
     line.projectText = projectTextOf(project, line.projectFile);
     line.project = host::Project::fromText(QString::fromUtf8(line.projectText), line.projectFile);
+    host::requireWritableVariables(line.project, line.projectFile);
     if (line.project.port.device.isEmpty())
         project.fail(line.projectFile.toStdString() +
                      " names no device of its line (add \"port\": {\"device\": "

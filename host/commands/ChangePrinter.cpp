@@ -34,18 +34,18 @@ void ChangePrinter::update(Duration now)
     if (now < m_next)
         return;
     m_next = now + m_interval;
-    print();
+    print(now);
 }
 
-void ChangePrinter::close(Duration)
+void ChangePrinter::close(Duration now)
 {
-    print();
+    print(now);
 }
 
-void ChangePrinter::print()
+void ChangePrinter::print(Duration now)
 {
     const QDateTime time = QDateTime::currentDateTime();
-    for (const int variable : m_changes.popVariables()) {
+    for (const int variable : m_changes.popVariables(now)) {
         const Json object =
             m_output.json() ? changeObject(m_plant, m_project, variable, time) : Json();
         m_output.data(object, time.toString(QStringLiteral("HH:mm:ss.zzz ")) +

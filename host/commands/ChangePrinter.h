@@ -16,7 +16,7 @@ public:
     ChangePrinter(RunLoop& run, const Project& project, const Output& output,
                   Duration interval = Duration(0))
         : m_plant(run.plant()), m_project(project), m_table(run.table()), m_output(output),
-          m_changes(run.plant(), m_table), m_interval(interval)
+          m_changes(run.plant(), project, m_table), m_interval(interval)
     {
     }
 
@@ -25,7 +25,7 @@ public:
     void close(Duration now) override;
 
 private:
-    void print();
+    void print(Duration now);
 
     const Plant& m_plant;
     const Project& m_project;

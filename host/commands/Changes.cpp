@@ -5,7 +5,7 @@
 namespace micro850::host {
 
 // A value that becomes stale, or good again, has changed too.
-QVector<int> Changes::popVariables()
+QVector<int> Changes::popVariables(Duration now)
 {
     const ValueStore& values = m_plant.values();
     QSet<int> changed = m_plant.values().popChanged();
@@ -18,11 +18,22 @@ QVector<int> Changes::popVariables()
     }
     QVector<int> shown;
     for (const int variable : changed) {
-        if (values.wasRead(variable) || !values.error(variable).isEmpty())
+        if (hasSomething(variable) &&
+            m_filter.isNews(variable,
+                            {values.type(variable), values.bytes(variable),
+                             m_qualities.at(variable), values.error(variable)},
+                            now))
             shown.append(variable);
     }
+    shown += m_filter.popHeartbeats(now);
     std::sort(shown.begin(), shown.end());
     return shown;
+}
+
+bool Changes::hasSomething(int variable) const
+{
+    const ValueStore& values = m_plant.values();
+    return values.wasRead(variable) || !values.error(variable).isEmpty();
 }
 
 QStringList Changes::popStates()
@@ -36,6 +47,11 @@ QStringList Changes::popStates()
             changed += states.at(i);
     }
     m_states = states;
+    const QString overload = m_plant.figures().overload;
+    if (overload != m_overload)
+        changed +=
+            overload.isEmpty() ? QStringLiteral("the line holds every interval again") : overload;
+    m_overload = overload;
     return changed;
 }
 

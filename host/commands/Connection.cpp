@@ -2,6 +2,7 @@
 
 #include "NetworkAddress.h"
 #include "UserError.h"
+#include "Writable.h"
 
 namespace micro850::host {
 
@@ -73,6 +74,7 @@ Project projectOf(const LineOptions& options)
         project.stations.append(StationSettings());
     else
         project = Project::fromFile(textOf(options.project));
+    requireWritableVariables(project, textOf(options.project));
     if (!options.port.empty())
         project.port.device = checkedDevice(textOf(options.port));
     if (options.baud != 0)

@@ -1,4 +1,5 @@
 #include "Changes.h"
+#include "Rates.h"
 #include "Recorder.h"
 #include "RunLoop.h"
 #include "UserError.h"
@@ -22,7 +23,7 @@ struct LogOptions
     std::string sqlite;
     std::string match;
     double seconds = 0;
-    double interval = 0;
+    RateOptions rates;
     bool raw = false;
 };
 
@@ -66,15 +67,15 @@ class Logging : public LoopView
 public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
         : m_plant(run.plant()), m_project(project), m_output(output),
-          m_changes(m_plant, run.table()), m_recorder(recorderOf(options, output)),
-          m_interval(fromSeconds(options.interval))
+          m_changes(m_plant, project, run.table()), m_recorder(recorderOf(options, output)),
+          m_interval(options.rates.givenInterval())
     {
     }
 
     void update(Duration now) override
     {
         if (m_interval == Duration(0)) {
-            record(m_changes.popVariables());
+            record(m_changes.popVariables(now));
         } else if (isDue(now)) {
             record(all());
         }
@@ -85,7 +86,13 @@ public:
         m_nextFlush = now + kFlushInterval;
         m_recorder->flush();
     }
-    void close(Duration) override { m_recorder->flush(); }
+    /// Records what changed since the last step.
+    void close(Duration now) override
+    {
+        if (m_interval == Duration(0))
+            record(m_changes.popVariables(now));
+        m_recorder->flush();
+    }
 
     qint64 rows() const { return m_rows; }
 
@@ -145,6 +152,15 @@ private:
     qint64 m_rows = 0;
 };
 
+// What is recorded at an interval is read as often, and at least as often as without one.
+void applyRates(RateOptions rates, Project& project)
+{
+    const double usual = kDefaultIntervalMs / 1000.0;
+    if (rates.interval <= 0 || rates.interval > usual)
+        rates.interval = usual;
+    rates.applyTo(project);
+}
+
 int run(LogOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
@@ -158,6 +174,7 @@ int run(LogOptions options)
     route.project = withMatching(route.project, options.match, route.source);
     if (options.raw)
         route.project.showRaw();
+    applyRates(options.rates, route.project);
     const Project& project = route.project;
     requirePort(project, options.line);
     RunLoop loop(options.line, route);
@@ -187,8 +204,8 @@ void addLog(CommandLine& line)
     log.text("--sqlite", options->sqlite, "Append to the table samples of this database");
     log.text("--match", options->match,
              "Read only the variables whose names contain this, or match it with * and ?");
-    log.number("--interval", options->interval, 0.0, 1e9,
-               "Record every variable at this interval in seconds (default: each change)");
+    options->rates.addTo(log, "Record every variable at this interval in seconds (default: each "
+                              "change)");
     log.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     log.flag("--raw", options->raw, kRawHelp);
     options->line.addTo(log);

@@ -1,4 +1,5 @@
 #include "ChangePrinter.h"
+#include "Rates.h"
 #include "TableView.h"
 #include "Terminal.h"
 #include "UserError.h"
@@ -10,14 +11,16 @@ namespace micro850::host {
 
 namespace {
 
-const std::chrono::milliseconds kTableInterval(100);
+// The table is drawn at least so often, and when values changed, but not more often.
+const std::chrono::milliseconds kTableInterval(500);
+const std::chrono::milliseconds kShortestTableInterval(100);
 
 struct PollOptions
 {
     LineOptions line;
     OutputOptions output;
     double seconds = 0;
-    double interval = 0;
+    RateOptions rates;
     double staleAfter = 0;
     bool raw = false;
     std::string match;
@@ -39,6 +42,7 @@ Route pollRoute(const PollOptions& options, const Output& output)
         route.project.staleAfterMs = static_cast<int>(options.staleAfter * 1000);
     if (options.raw)
         route.project.showRaw();
+    options.rates.applyTo(route.project);
     route.project = withMatching(route.project, options.match, route.source);
     return route;
 }
@@ -47,8 +51,8 @@ Route pollRoute(const PollOptions& options, const Output& output)
 class TableDisplay : public LoopView
 {
 public:
-    TableDisplay(const LiveTable& table, const QString& match, SortOrder order)
-        : m_view(table, match, order), m_terminal(stdout)
+    TableDisplay(RunLoop& run, const QString& match, SortOrder order)
+        : m_values(run.plant().values()), m_view(run.table(), match, order), m_terminal(stdout)
     {
     }
 
@@ -61,9 +65,12 @@ public:
     bool quits() const override { return m_view.quits(); }
     void update(Duration now) override
     {
-        if (now < m_next)
+        m_changed = m_changed || !m_values.popChanged().isEmpty();
+        if (now < m_next && !(m_changed && now - m_drawn >= kShortestTableInterval))
             return;
         m_next = now + kTableInterval;
+        m_drawn = now;
+        m_changed = false;
         m_terminal.draw(m_view.page(m_terminal.width(), m_terminal.rows(), now));
     }
     /// Restores the terminal, with the values alone: the summary reports how the line did.
@@ -76,10 +83,20 @@ public:
     }
 
 private:
+    ValueStore& m_values;
     TableView m_view;
     Terminal m_terminal;
     Duration m_next{0};
+    Duration m_drawn{0};
+    bool m_changed = false;
 };
+
+// What is read at the given interval is printed when it comes. What is read faster, or by a
+// gateway, is printed at the interval.
+Duration printInterval(const RateOptions& rates, const Route& route)
+{
+    return rates.fast || route.gateway ? rates.givenInterval() : Duration(0);
+}
 
 int run(PollOptions options)
 {
@@ -90,11 +107,10 @@ int run(PollOptions options)
     RunLoop loop(options.line, route);
     std::unique_ptr<LoopView> view;
     if (isatty(STDOUT_FILENO) == 1 && !output.json())
-        view = std::make_unique<TableDisplay>(loop.table(), textOf(options.match),
-                                              orderOf(options.sort));
+        view = std::make_unique<TableDisplay>(loop, textOf(options.match), orderOf(options.sort));
     else
-        view =
-            std::make_unique<ChangePrinter>(loop, project, output, fromSeconds(options.interval));
+        view = std::make_unique<ChangePrinter>(loop, project, output,
+                                               printInterval(options.rates, route));
     loop.run(*view, options.seconds, output);
     loop.summarise(output);
     if (!loop.table().complete())
@@ -115,8 +131,7 @@ void addPoll(CommandLine& line)
     poll.choice("--sort", options->sort, {"project", "name", "age"},
                 "Order of the table: project, name or age");
     poll.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
-    poll.number("--interval", options->interval, 0.0, 1e9,
-                "Without a terminal: print the changes at this interval in seconds");
+    options->rates.addTo(poll, kReadIntervalHelp);
     poll.number("--stale-after", options->staleAfter, 0.1, 86400.0,
                 "Seconds without a good reply after which a value is stale (default: the "
                 "project's, or 5)");

@@ -95,6 +95,8 @@ void RunLoop::summarise(const Output& output) const
         return;
     }
     output.note(m_table->lineState() + QStringLiteral(": ") + m_table->lineStatistics());
+    if (const QString overload = m_table->overload(); !overload.isEmpty())
+        output.note(overload);
     for (const QString& text : m_table->stationLines(m_clock.now()))
         output.note(text);
 }

@@ -1,5 +1,6 @@
 #include "ChangePrinter.h"
 #include "Plot.h"
+#include "Rates.h"
 #include "Targets.h"
 #include "Terminal.h"
 #include "UserError.h"
@@ -23,6 +24,7 @@ struct WatchOptions
     OutputOptions output;
     TargetOptions target;
     double seconds = 0;
+    RateOptions rates;
     double span = 60;
     bool plot = false;
     std::vector<std::string> tags;
@@ -168,6 +170,7 @@ int run(const WatchOptions& options)
     const auto names = [&options](const Project& all) { return variablesNamed(options.tags, all); };
     Route route = routeOf(options.line, "watch", output, names);
     route.project = watchProject(options, route.project);
+    options.rates.applyTo(route.project);
     const Project& project = route.project;
     requirePort(project, options.line);
     RunLoop loop(options.line, route);
@@ -193,6 +196,7 @@ void addWatch(CommandLine& line)
     watch.flag("--plot", options->plot, "Draw rolling charts of up to four numbers instead");
     watch.number("--span", options->span, 1.0, 86400.0, "Seconds that a chart shows (default 60)");
     watch.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
+    options->rates.addTo(watch, kReadIntervalHelp);
     options->target.addTo(watch, options->line);
     options->line.addTo(watch);
     options->output.addTo(watch);

@@ -31,6 +31,8 @@ public:
     QString reportedLineState() const { return reportedLineStateText(m_plant.line()); }
     /// How busy the line is: transactions, share in use, round trips, retries, reopenings.
     QString lineStatistics() const;
+    /// What the line cannot hold; empty while it holds every interval.
+    QString overload() const { return m_plant.figures().overload; }
     /// True when every variable was read at least once.
     bool complete() const;
 

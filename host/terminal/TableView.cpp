@@ -111,6 +111,8 @@ Page TableView::values(int width, int rows, Duration now)
 Page TableView::page(int width, int rows, Duration now)
 {
     QStringList below = {QString(), m_table.lineState(), m_table.lineStatistics()};
+    if (const QString overload = m_table.overload(); !overload.isEmpty())
+        below += overload;
     below += m_table.stationLines(now);
     // Heading and footer; in a window that is too small the values go first.
     Page page = values(width, rows - 2 - below.size(), now);

@@ -24,6 +24,16 @@ bool isWritable(const CipType& type)
     return typeClassOf(type.code) != TypeClass::Byte || type.size == 1;
 }
 
+void requireWritableVariables(const Project& project, const QString& file)
+{
+    for (int i = 0; i < project.variables.size(); ++i) {
+        const Variable& variable = project.variables.at(i);
+        if (variable.writable && variable.type)
+            requireWritable(*variable.type,
+                            QStringLiteral("%1: variables[%2].writable").arg(file).arg(i));
+    }
+}
+
 void requireWritable(const CipType& type, const QString& name)
 {
     if (isWritable(type))

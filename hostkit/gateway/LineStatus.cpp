@@ -117,6 +117,7 @@ Json summaryOf(const LineStatus& status)
     return {{"port", status.line.device.toStdString()},
             {"transactionsPerSecond", status.figures.transactionsPerSecond},
             {"percentInUse", status.figures.percentInUse},
+            {"percentAsked", status.figures.percentAsked},
             {"roundTripMsMedian", millisecondsOf(status.figures.roundTripMedian)},
             {"roundTripMs99", millisecondsOf(status.figures.roundTrip99)},
             {"reopened", status.figures.reopened},
@@ -132,6 +133,8 @@ Json jsonOf(const LineStatus& status, Duration now)
         object["error"] = status.line.error.toStdString();
     if (!status.line.reportedError.isEmpty())
         object["reportedError"] = status.line.reportedError.toStdString();
+    if (!status.figures.overload.isEmpty())
+        object["overload"] = status.figures.overload.toStdString();
     object["stations"] = Json::array();
     for (const StationView& station : status.stations)
         object["stations"].push_back(jsonOf(station, now));
@@ -148,6 +151,8 @@ LineStatus lineStatusOf(const JsonNode& object, Duration now)
     status.line.reportedError = textIn(object, "reportedError");
     status.figures.transactionsPerSecond = object.number("transactionsPerSecond", 0);
     status.figures.percentInUse = object.number("percentInUse", 0);
+    status.figures.percentAsked = object.number("percentAsked", 0);
+    status.figures.overload = textIn(object, "overload");
     status.figures.roundTripMedian = millisecondsIn(object, "roundTripMsMedian");
     status.figures.roundTrip99 = millisecondsIn(object, "roundTripMs99");
     status.figures.reopened = object.integer("reopened", 0, kMostCount, 0);

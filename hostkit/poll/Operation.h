@@ -33,7 +33,9 @@ struct Operation
     QByteArray result; ///< of a read: value bytes, in the controller's byte order
     QString error;     ///< why it was refused or failed
     Failure failure;   ///< of one that failed
-    int variable = -1; ///< the variable that the operation reads once, -1 for none
+    int variable = -1; ///< the variable that the operation reads, -1 for none or several
+    /// It reads a run of the schedule.
+    bool timed = false;
     int attempts = 0;
     /// It was sent without an answer, so that nobody knows whether it was carried out.
     bool unanswered = false;

@@ -34,7 +34,7 @@ int OperationQueue::add(Operation operation)
     operation.id = ++m_lastId;
     m_operations.insert(operation.id, operation);
     m_waiting[operation.tag.station].enqueue(operation.id);
-    if (operation.variable >= 0)
+    if (operation.variable >= 0 && !operation.timed)
         m_readsOf[operation.variable].append(operation.id);
     m_mayWait = true;
     return operation.id;

@@ -38,6 +38,8 @@ public:
     void askForType(const TagKey& key);
     /// The operation once it is finished; null before, and for an id that is unknown.
     const Operation* outcome(int id) const;
+    /// True until the operation ends, and while it is kept after its end.
+    bool contains(int id) const { return m_operations.contains(id); }
     /// Removes a finished operation.
     void forget(int id) { m_operations.remove(id); }
 
@@ -86,7 +88,7 @@ private:
     /// Ids, by station. They can be those of operations that were removed.
     QMap<int, QQueue<int>> m_waiting;
     QMap<int, int> m_removed; ///< by station, the ids that are such at most
-    /// By variable, the ids of its reads since the last removal.
+    /// By variable, the ids of its reads since the last removal, without timed ones.
     QHash<int, QVector<int>> m_readsOf;
     QMap<int, int> m_inDriver; ///< the one id that the driver has, by station
     Failure m_lastFailure;     ///< of an operation

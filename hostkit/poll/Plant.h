@@ -28,6 +28,11 @@ struct LineFigures
     std::optional<Duration> roundTripMedian; ///< none before the first answer
     std::optional<Duration> roundTrip99;     ///< 99 % of the answers do not exceed it
     qint64 reopened = 0;                     ///< how often the line was opened again
+    /// How much of the line's time the intervals of the variables ask for.
+    double percentAsked = 0;
+    /// What the line cannot hold, with figures; empty while it holds every interval. It changes
+    /// only when the overload begins, changes much, or ends.
+    QString overload;
 };
 
 /// A station as commands show it.

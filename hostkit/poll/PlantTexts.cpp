@@ -18,6 +18,19 @@ QString roundTripText(std::optional<Duration> time)
     return ms == 0 ? QStringLiteral("<1 ms") : QStringLiteral("%1 ms").arg(ms);
 }
 
+// As few digits as the reader needs: 1.4 s, 0.35 s, 120 s.
+QString secondsText(Duration time)
+{
+    const double seconds = std::chrono::duration<double>(time).count();
+    const int decimals = seconds >= 10 ? 0 : seconds >= 1 ? 1 : seconds >= 0.1 ? 2 : 3;
+    QString text = QString::number(seconds, 'f', decimals);
+    while (decimals > 0 && text.endsWith(QLatin1Char('0')))
+        text.chop(1);
+    if (text.endsWith(QLatin1Char('.')))
+        text.chop(1);
+    return text + QStringLiteral(" s");
+}
+
 QString errorCounts(const Counters& counters)
 {
     QStringList texts;
@@ -84,6 +97,13 @@ QString conditionText(const StationView& station)
     return dead && !station.problem.isEmpty()
                ? station.state + QStringLiteral(", ") + station.problem
                : station.state;
+}
+
+QString overloadText(double share, const QString& variable, Duration asked, Duration actual)
+{
+    return QStringLiteral("the line is %1 % asked for: ").arg(share * 100, 0, 'f', 0) + variable +
+           QStringLiteral(" is read every ") + secondsText(actual) +
+           QStringLiteral(" instead of ") + secondsText(asked);
 }
 
 QString ageText(std::optional<Duration> age)

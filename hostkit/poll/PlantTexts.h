@@ -16,6 +16,8 @@ QString lineFiguresText(const LineFigures& figures, const QVector<StationView>& 
 QString stationText(const StationView& station, Duration now);
 /// The state, of a dead station with the reason: "dead, no answer".
 QString conditionText(const StationView& station);
+/// "the line is 140 % asked for: Level is read every 1.4 s instead of 1 s".
+QString overloadText(double share, const QString& variable, Duration asked, Duration actual);
 /// "0.3 s", "12 s", "5 min", "2 h"; "-" for none.
 QString ageText(std::optional<Duration> age);
 

@@ -1,17 +1,25 @@
 #include "PollLoop.h"
 
 #include "FrameText.h"
+#include "PlantTexts.h"
 
 #include <QtCore/QTime>
 
 #include <algorithm>
+#include <functional>
 
 namespace micro850::host {
 
 namespace {
 
 const std::chrono::milliseconds kIdlePause(20);
+const std::chrono::milliseconds kShortestPause(1);
+// Of a loop whose caller wakes it up.
+const std::chrono::milliseconds kLongestWait(100);
 const std::chrono::milliseconds kLookInterval(100);
+const std::chrono::seconds kLongestRest(10);
+// After five single reads the driver makes one of its cycle.
+const double kShareOfTimedReads = 5.0 / 6;
 
 // The driver seeds the serial number of a connection with the second of the day, as this clock
 // shows it. The time that is left of the present second, and a little more.
@@ -20,6 +28,25 @@ Duration restOfSecond()
     const int secondMs = 1000;
     const int marginMs = 5;
     return std::chrono::milliseconds(secondMs - QTime::currentTime().msec() + marginMs);
+}
+
+// What is read when a variable with an interval is read.
+QVector<TimedRun> timedRuns(const Variable& variable, const CyclicRead& read)
+{
+    QVector<TimedRun> all;
+    const QVector<Run> runs = runsOf(variable, *read.type);
+    for (const Run& run : runs) {
+        TimedRun timed;
+        timed.tag = {variable.station, variable.tag};
+        timed.element = run.element;
+        timed.elements = run.elements;
+        timed.elementSize = read.type->size;
+        timed.mergeable = read.mergeable && read.type->kind != CipKind::String;
+        timed.interval = std::chrono::milliseconds(*variable.intervalMs);
+        timed.variable = timed.first = read.variable;
+        all.append(timed);
+    }
+    return all;
 }
 
 } // namespace
@@ -58,14 +85,18 @@ void PollLoop::step()
     m_operations.pump(m_stations);
     if (m_cycle.isDue(now))
         planCycle(now);
+    if (!m_schedule.isEmpty() && startTimedRead(now))
+        m_operations.pump(m_stations);
     Protocol* next = m_driver.next();
     if (!next)
         idle();
     else if (m_operations.hasAbandoned() &&
              m_operations.isAbandoned(next->var.varIndex, {next->var.stationNo, next->var.tagName}))
         takeBack(*next);
-    else
+    else if (m_schedule.isEmpty())
         transact(*next);
+    else
+        transactTimed(*next, now);
 }
 
 bool PollLoop::noneIsServed() const
@@ -110,9 +141,80 @@ void PollLoop::askForTypes(Duration now)
 
 void PollLoop::planCycle(Duration now)
 {
-    const QVector<CyclicRead> reads = m_types.cyclicReads();
+    QVector<CyclicRead> reads = m_types.cyclicReads();
     m_cycle.noteRenewal(now, reads.size());
+    const auto isTimed = [this](const CyclicRead& read) {
+        return m_project.variables.at(read.variable).intervalMs.value_or(0) > 0;
+    };
+    const auto timed = std::stable_partition(reads.begin(), reads.end(), std::not_fn(isTimed));
+    if (timed != reads.end() || !m_schedule.isEmpty()) {
+        QVector<TimedRun> runs;
+        for (auto read = timed; read != reads.end(); ++read)
+            runs += timedRuns(m_project.variables.at(read->variable), *read);
+        reads.erase(timed, reads.end());
+        m_schedule.setShare(reads.isEmpty() ? 1 : kShareOfTimedReads);
+        m_schedule.plan(runs, now);
+    }
     m_driver.setCyclicReads(planReads(m_project, reads, m_driver.localLink()));
+}
+
+// True when one was added to the operations. Only one is there at a time, so that whatever else is
+// asked for waits for one transaction at most.
+bool PollLoop::startTimedRead(Duration now)
+{
+    if (m_operations.contains(m_timedRead))
+        return false;
+    if (m_timedRead != 0) // it ended together with its station
+        m_schedule.noteFailure(now);
+    m_timedRead = 0;
+    keepConnections(now);
+    const std::optional<TimedRun> run = m_schedule.next(now);
+    if (!run)
+        return false;
+    Operation operation;
+    operation.kind = Operation::Kind::Read;
+    operation.tag = run->tag;
+    operation.element = run->element;
+    operation.elements = run->elements;
+    operation.variable = run->variable;
+    operation.timed = true;
+    m_timedRead = m_operations.add(operation);
+    return true;
+}
+
+void PollLoop::transactTimed(Protocol& next, Duration began)
+{
+    const bool timed =
+        m_timedRead != 0 && next.var.varIndex == m_timedRead && !next.var.tagName.isEmpty();
+    const bool answered = transact(next);
+    const Duration now = m_clock.now();
+    const bool ended = m_timedRead != 0 && !m_operations.contains(m_timedRead);
+    if (timed && answered && ended)
+        m_schedule.noteAnswer(now, now - began);
+    else if (ended)
+        m_schedule.noteFailure(now);
+    if (!timed || !answered)
+        m_schedule.noteOther(now, now - began);
+    if (ended)
+        m_timedRead = 0;
+    const LineLoad& load = m_schedule.load();
+    if (load.isOverload && load.toldShare != m_toldShare && load.variable >= 0)
+        m_overload = overloadText(load.toldShare, m_project.variables.at(load.variable).shownName(),
+                                  load.asked, load.actual);
+    else if (!load.isOverload)
+        m_overload.clear();
+    m_toldShare = load.isOverload ? load.toldShare : 0;
+}
+
+// A controller closes a connection that is not used for half a minute. Its values would become
+// stale between two reads.
+void PollLoop::keepConnections(Duration now)
+{
+    for (const Station& station : m_stations) {
+        if (station.alive() && station.lastAnswer() && now - *station.lastAnswer() > kLongestRest &&
+            m_schedule.serves(station.number()))
+            m_schedule.pull(station.number(), now);
+    }
 }
 
 void PollLoop::readOnce(int variable)
@@ -149,8 +251,10 @@ void PollLoop::handleReopenedLine()
         return;
     m_reopened = m_line.reconnects();
     for (const Station& station : m_stations) {
-        if (station.alive())
-            readOnceAgain(station);
+        if (!station.alive())
+            continue;
+        readOnceAgain(station);
+        m_schedule.restart(station.number(), m_clock.now());
     }
 }
 
@@ -162,7 +266,10 @@ void PollLoop::idle()
     if (++m_idleSteps < 2)
         return;
     m_exchange.acknowledge();
-    pause(kIdlePause);
+    Duration longest = m_wait ? kLongestWait : kIdlePause;
+    if (!m_schedule.isEmpty() && m_timedRead == 0)
+        longest = std::min(longest, m_schedule.wakeAt() - m_clock.now());
+    pause(std::max<Duration>(longest, kShortestPause));
 }
 
 void PollLoop::pause(Duration time)
@@ -188,7 +295,8 @@ void PollLoop::finish()
     m_exchange.acknowledge();
 }
 
-void PollLoop::transact(Protocol& sent)
+// True when an answer came.
+bool PollLoop::transact(Protocol& sent)
 {
     m_idleSteps = 0;
     Station& station = m_stations[sent.var.stationNo];
@@ -219,6 +327,7 @@ void PollLoop::transact(Protocol& sent)
         break;
     }
     m_operations.endFinished(status);
+    return answer.outcome == Answer::Outcome::Answered;
 }
 
 // The driver can only give up a write together with its connection, which it then opens again.
@@ -342,6 +451,7 @@ void PollLoop::handleConnected(Station& station)
     for (Station& other : m_stations)
         other.probeSoon(now);
     readOnceAgain(station);
+    m_schedule.restart(station.number(), now);
 }
 
 // The driver tries to connect a station again and again before it serves another one. A dead
@@ -355,6 +465,7 @@ void PollLoop::handleFailedSetUp(bool opens, const Failure& failure, Station& st
     m_someAreDead = true;
     m_driver.enableStation(station.number(), false);
     m_operations.failAll(station.number(), failure);
+    m_schedule.park(station.number());
 }
 
 void PollLoop::handleDataReply(Protocol& sent, const Answer& answer, Station& station,
@@ -427,7 +538,8 @@ void PollLoop::handleRefusedRead(const Asked& asked, const QString& why)
     const int variable = operation ? operation->variable : variableOf(asked.varIndex);
     if (variable >= 0)
         m_types.refuseVariable(variable, why);
-    else if (!operation) // one of those that the driver merged reaches beyond the tag
+    else if (!operation ||
+             operation->timed) // one of those that the driver merged reaches beyond the tag
         m_types.forbidMerging(key);
     m_cycle.noteChange();
 }
@@ -481,8 +593,13 @@ LineView PollLoop::line() const
 LineFigures PollLoop::figures() const
 {
     const Duration now = m_clock.now();
-    return {m_statistics.transactionsPerSecond(now), m_statistics.percentInUse(now, m_project.port),
-            m_statistics.roundTrip(50), m_statistics.roundTrip(99), m_line.reconnects()};
+    return {m_statistics.transactionsPerSecond(now),
+            m_statistics.percentInUse(now, m_project.port),
+            m_statistics.roundTrip(50),
+            m_statistics.roundTrip(99),
+            m_line.reconnects(),
+            100 * m_schedule.load().share,
+            m_overload};
 }
 
 QVector<StationView> PollLoop::stationViews() const

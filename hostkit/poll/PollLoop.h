@@ -10,6 +10,7 @@
 #include "OperationQueue.h"
 #include "Plant.h"
 #include "Project.h"
+#include "ReadSchedule.h"
 #include "RenewalPace.h"
 #include "Station.h"
 #include "TypeRegistry.h"
@@ -97,6 +98,9 @@ private:
     bool noneIsServed() const;
     void askForTypes(Duration now);
     void planCycle(Duration now);
+    bool startTimedRead(Duration now);
+    void transactTimed(Protocol& next, Duration began);
+    void keepConnections(Duration now);
     void readOnce(int variable);
     void readOnceAgain(const Station& station);
     void handleReopenedLine();
@@ -105,7 +109,7 @@ private:
     void pause(Duration time);
     void storeValues();
 
-    void transact(Protocol& sent);
+    bool transact(Protocol& sent);
     void takeBack(Protocol& next);
     bool mayHaveWritten(const Protocol& sent);
     void handleLostLine(Protocol& sent, Station& station, ReplyStatus& status, qint64 strayBytes);
@@ -140,8 +144,12 @@ private:
     bool m_someAreDead = false; ///< false: no station is dead
     /// When the driver draws another serial number for the connection that was refused.
     std::optional<Duration> m_nextSerialAt;
-    Duration m_nextLook{0}; ///< when types to ask for are looked for again
-    RenewalPace m_cycle;    ///< of the driver's cyclic list
+    Duration m_nextLook{0};  ///< when types to ask for are looked for again
+    RenewalPace m_cycle;     ///< of the driver's cyclic list and the schedule
+    ReadSchedule m_schedule; ///< of variables with an interval
+    int m_timedRead = 0;     ///< the operation that reads a run of it; 0: none
+    QString m_overload;
+    double m_toldShare = 0; ///< the one in m_overload
     qint64 m_reopened = 0;  ///< times that handleReopenedLine() handled
     int m_idleSteps = 0;    ///< in a row
 };

@@ -72,7 +72,8 @@ struct StationSettings
 struct Project
 {
     PortSettings port;
-    /// The host shows a value as stale when no reply refreshed it for this long.
+    /// The host shows a value as stale when no reply refreshed it for this long, or, when that is
+    /// longer, for two intervals of its variable.
     int staleAfterMs = 5000;
     QVector<StationSettings> stations;
     QVector<Variable> variables;

@@ -115,14 +115,21 @@ std::optional<Duration> ValueStore::refreshedAt(int variable) const
     return *std::min_element(times.begin(), times.end());
 }
 
+// A variable that is read seldom would be stale between two reads.
+qint64 ValueStore::staleAfterMs(const Variable& variable) const
+{
+    return std::max<qint64>(m_project.staleAfterMs, 2LL * variable.intervalMs.value_or(0));
+}
+
 Quality ValueStore::quality(int variable, Duration now, std::optional<Duration> aliveSince) const
 {
     if (!wasRead(variable))
         return Quality::Never;
     const Duration at = *refreshedAt(variable);
     const bool alive = aliveSince && at >= *aliveSince;
-    const bool refreshed = m_project.variables.at(variable).poll == PollMode::Cyclic;
-    const bool old = refreshed && now - at > std::chrono::milliseconds(m_project.staleAfterMs);
+    const Variable& asked = m_project.variables.at(variable);
+    const bool refreshed = asked.poll == PollMode::Cyclic;
+    const bool old = refreshed && now - at > std::chrono::milliseconds(staleAfterMs(asked));
     return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
 }
 

@@ -73,6 +73,7 @@ private:
         QString error;
         QSet<int> failed; ///< elements that no reply has brought since the error
     };
+    qint64 staleAfterMs(const Variable& variable) const;
     CipValue value(int variable, int index) const;
     static bool storeElement(State& state, int index, const char* bytes, int size, Duration now);
     void clearError(int variable, int first, int end);

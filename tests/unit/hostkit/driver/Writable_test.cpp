@@ -16,6 +16,27 @@ TEST(Writable, IsEveryTypeExceptTheWideOnesThatTheDriverMovesByteByByte)
         EXPECT_FALSE(isWritable(cipTypeNamed(name))) << name;
 }
 
+TEST(Writable, NamesTheVariableOfAProjectThatCannotBeWritable)
+{
+    const auto refusal = [](const char* variable) {
+        try {
+            const QString text = QStringLiteral(R"({"variables": [{"tag": "First"}, %1]})");
+            requireWritableVariables(Project::fromText(text.arg(variable), "p.json"), "p.json");
+        } catch (const UserError& error) {
+            EXPECT_EQ(error.status(), kExitUsage);
+            return std::string(error.what());
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(
+        refusal(R"({"tag": "T", "type": "DATE", "writable": true})"),
+        "p.json: variables[1].writable: the driver cannot write the type DATE, which it moves "
+        "byte by byte (write an INT that the controller's program copies into it)");
+    EXPECT_EQ(refusal(R"({"tag": "T", "type": "DATE", "writable": false})"), "accepted");
+    EXPECT_EQ(refusal(R"({"tag": "T", "type": "INT", "writable": true})"), "accepted");
+    EXPECT_EQ(refusal(R"({"tag": "T", "writable": true})"), "accepted");
+}
+
 std::string refusalOf(const char* type)
 {
     try {

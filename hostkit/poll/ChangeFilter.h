@@ -1,0 +1,60 @@
+#ifndef MICRO850_HOST_CHANGEFILTER_H
+#define MICRO850_HOST_CHANGEFILTER_H
+
+#include "Clock.h"
+#include "Project.h"
+#include "ValueStore.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QVector>
+
+#include <optional>
+#include <set>
+#include <utility>
+
+namespace micro850::host {
+
+/// Decides which values of variables are told: a change beyond the dead band, another quality or
+/// error, and an unchanged value when its heartbeat is due. A change is counted from the value that
+/// was told last, so that a slow drift is told, too.
+class ChangeFilter
+{
+public:
+    /// What is known of a variable.
+    struct State
+    {
+        const CipType* type = nullptr; ///< null before the first value
+        QByteArray bytes;              ///< all elements, in the controller's byte order
+        Quality quality = Quality::Never;
+        QString error;
+    };
+
+    explicit ChangeFilter(const QVector<Variable>& variables);
+
+    /// True when the state is to be told now. It then counts as told.
+    bool isNews(int variable, const State& state, Duration now);
+    /// The variables whose heartbeat is due; they count as told now. Those that were never told
+    /// have none.
+    QVector<int> popHeartbeats(Duration now);
+    /// When the next heartbeat is due, to wait for; none without heartbeats.
+    std::optional<Duration> nextHeartbeat() const;
+
+private:
+    struct Told
+    {
+        State state;
+        bool any = false;
+        Duration at{0};
+    };
+    bool hasMoved(int variable, const State& from, const State& to) const;
+    void note(int variable, Duration now);
+
+    QVector<Variable> m_variables;
+    QVector<Told> m_told;
+    /// When the heartbeats of variables that were told are due.
+    std::set<std::pair<Duration, int>> m_heartbeats;
+};
+
+} // namespace micro850::host
+
+#endif
