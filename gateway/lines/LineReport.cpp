@@ -122,7 +122,7 @@ QByteArray LineReport::popValues()
 {
     if (m_news.isEmpty())
         return QByteArray();
-    QByteArray line("{\"event\":\"values\",\"values\":[");
+    QByteArray line(R"({"event":"values","values":[)");
     while (!m_news.isEmpty() && line.size() < kEnoughBytes) {
         const int variable = m_news.dequeue();
         m_hasNews[variable] = false;

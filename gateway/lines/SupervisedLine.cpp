@@ -40,7 +40,7 @@ SupervisedLine::SupervisedLine(Owner& owner, LineSettings settings, const Clock&
                                const WallClock& wallClock, const SupervisionSettings& supervision)
     : m_owner(owner), m_settings(std::move(settings)), m_clock(clock), m_wallClock(wallClock),
       m_supervision(supervision), m_image(m_settings, clock, wallClock),
-      m_supervisor(*this, clock, supervision),
+      m_filter(m_settings.project.variables), m_supervisor(*this, clock, supervision),
       m_requests([this](const QByteArray& line) { return m_supervisor.send(line); }),
       m_status(Json::object()),
       m_whyDown(QStringLiteral("the worker of this line is not started yet"))
@@ -60,6 +60,9 @@ void SupervisedLine::tick(bool mayStart)
     m_supervisor.tick(mayStart);
     const bool isSilent = m_clock.now() - m_supervisor.lastHeard() > kSilence;
     tellAll(m_image.markOld(isSilent));
+    const QVector<int> heartbeats = m_filter.popHeartbeats(m_clock.now());
+    for (const int variable : heartbeats)
+        m_owner.handleValue(*this, variable);
     if (!m_supervisor.isSteady())
         return;
     m_isMuted = false;
@@ -69,10 +72,18 @@ void SupervisedLine::tick(bool mayStart)
         tell(state.key(), *state);
 }
 
+void SupervisedLine::tellValue(int variable)
+{
+    const GatewayValue& value = m_image.value(variable);
+    if (m_filter.isNews(variable, {value.type, value.bytes, value.quality, value.error},
+                        m_clock.now()))
+        m_owner.handleValue(*this, variable);
+}
+
 void SupervisedLine::tellAll(const QVector<int>& variables)
 {
     for (const int variable : variables)
-        m_owner.handleValue(*this, variable);
+        tellValue(variable);
 }
 
 void SupervisedLine::handleLine(const QByteArray& line)
@@ -109,7 +120,7 @@ void SupervisedLine::takeValues(const Json& values)
     for (const Json& object : values) {
         const int changed = m_image.take(object);
         if (changed >= 0)
-            m_owner.handleValue(*this, changed);
+            tellValue(changed);
     }
 }
 

@@ -1,6 +1,7 @@
 #ifndef MICRO850_GATEWAY_LINES_SUPERVISEDLINE_H
 #define MICRO850_GATEWAY_LINES_SUPERVISEDLINE_H
 
+#include "ChangeFilter.h"
 #include "LineImage.h"
 #include "RequestQueue.h"
 #include "Supervisor.h"
@@ -18,7 +19,7 @@ public:
     {
     public:
         virtual ~Owner() = default;
-        /// A value, its quality or its error changed.
+        /// A value is to be told, as its dead band and its heartbeat ask for.
         virtual void handleValue(const SupervisedLine& line, int variable) = 0;
         virtual void handleEvent(const LineEvent& event) = 0;
     };
@@ -57,6 +58,7 @@ private:
     void takeAges(const Json& event);
     void takeState(const Json& event);
     void tell(int station, const State& state);
+    void tellValue(int variable);
     void tellAll(const QVector<int>& variables);
     void markDown(const QString& reason);
 
@@ -66,6 +68,7 @@ private:
     const WallClock& m_wallClock;
     const SupervisionSettings& m_supervision;
     LineImage m_image;
+    host::ChangeFilter m_filter;
     Supervisor m_supervisor;
     RequestQueue m_requests;
     Json m_status; ///< as the worker told it last

@@ -12,7 +12,7 @@ namespace {
 // One value of the largest variable.
 const int kLongestLine = 16 * 1024 * 1024;
 // The project of a line, and requests.
-const qint64 kMostToWorker = 512 * 1024 * 1024;
+const qint64 kMostToWorker = qint64(512) * 1024 * 1024;
 // How a process ended is known a moment after its socket is closed.
 const int kReapIntervalMs = 5;
 const std::chrono::milliseconds kReapTime(200);

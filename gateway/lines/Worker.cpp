@@ -21,8 +21,8 @@ namespace {
 // The first message has a project file; each of its bytes can need several in JSON.
 const int kLongestOpen = 512 * 1024 * 1024;
 // Beyond it, news wait as the numbers of their variables.
-const qint64 kMostWaiting = 64 * 1024 * 1024;
-const qint64 kEnoughWaiting = 128 * 1024;
+const qint64 kMostWaiting = qint64(64) * 1024 * 1024;
+const qint64 kEnoughWaiting = qint64(128) * 1024;
 const std::chrono::seconds kHeartbeat(1);
 // A device server that takes its time, with several addresses.
 const std::chrono::seconds kOpeningTime(60);

@@ -175,6 +175,32 @@ TEST_F(LinesTest, TellsListenersOfValues)
     EXPECT_EQ(lines->ageMs(1, 1), 30);
 }
 
+TEST_F(LinesTest, TellsListenersOnlyOfChangesBeyondTheDeadBandAndOfHeartbeats)
+{
+    lines->setLines({lineOf("press", R"({"name": "Speed", "tag": "SPEED", "deadband": 5,
+                                         "heartbeatMs": 2000})")});
+    settle();
+    const auto send = [this](int value) {
+        Json object = {{"line", "press"}, {"name", "Speed"}, {"station", 1},   {"tag", "SPEED"},
+                       {"element", 0},    {"type", "INT"},   {"value", value}, {"quality", "good"},
+                       {"time", nullptr}, {"ageMs", 0}};
+        object["bytes"] =
+            QByteArray(1, static_cast<char>(value)).append('\0').toHex().toStdString();
+        worker(0).send({{"event", "values"}, {"values", {object}}});
+        settle();
+    };
+    for (const int value : {10, 14, 15, 16, 17, 10})
+        send(value);
+    EXPECT_EQ(told, (std::vector<std::string>{"Speed=10", "Speed=16", "Speed=10"}));
+    EXPECT_EQ(lines->latest(0, 0).value, 10);
+    send(13);
+    told.clear();
+    pass(1s);
+    EXPECT_TRUE(told.empty());
+    pass(1s);
+    EXPECT_EQ(told, std::vector<std::string>{"Speed=13"});
+}
+
 TEST_F(LinesTest, MakesValuesStaleWithTheReasonWhenAWorkerEndsAndStartsAnother)
 {
     start();
