@@ -3,6 +3,8 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEvent>
 
+#include <utility>
+
 namespace micro850::gateway {
 
 namespace {
@@ -13,30 +15,29 @@ QEvent::Type letterType()
     return static_cast<QEvent::Type>(type);
 }
 
-class LetterEvent : public QEvent
-{
-public:
-    explicit LetterEvent(Mailbox::Letter letter) : QEvent(letterType()), m_letter(std::move(letter))
-    {
-    }
-    void run() const { m_letter(); }
-
-private:
-    Mailbox::Letter m_letter;
-};
-
 } // namespace
 
+// The event only wakes the loop: the letters are handed over under a lock of their own.
 void Mailbox::post(Letter letter)
 {
-    QCoreApplication::postEvent(this, new LetterEvent(std::move(letter)));
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_letters.push_back(std::move(letter));
+    }
+    QCoreApplication::postEvent(this, new QEvent(letterType()));
 }
 
 bool Mailbox::event(QEvent* event)
 {
     if (event->type() != letterType())
         return QObject::event(event);
-    static_cast<const LetterEvent*>(event)->run();
+    Letter letter;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        letter = std::move(m_letters.front());
+        m_letters.pop_front();
+    }
+    letter();
     return true;
 }
 

@@ -3,7 +3,9 @@
 
 #include <QtCore/QObject>
 
+#include <deque>
 #include <functional>
+#include <mutex>
 
 namespace micro850::gateway {
 
@@ -18,6 +20,10 @@ public:
 
 protected:
     bool event(QEvent* event) override;
+
+private:
+    std::mutex m_mutex;
+    std::deque<Letter> m_letters;
 };
 
 } // namespace micro850::gateway
