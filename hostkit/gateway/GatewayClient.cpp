@@ -23,8 +23,8 @@ const std::chrono::milliseconds kMostSilence(5000);
 const std::chrono::minutes kLongestAnswer(5);
 // How often the interrupt is asked.
 const std::chrono::milliseconds kLook(50);
-const qint64 kMostReplyBytes = 64 * 1024 * 1024;
-const qint64 kMostWaiting = 4 * 1024 * 1024;
+const qint64 kMostReplyBytes = qint64(64) * 1024 * 1024;
+const qint64 kMostWaiting = qint64(4) * 1024 * 1024;
 const int kMostClientName = 100;
 
 [[noreturn]] void refuseConnect(const QString& path, int error)

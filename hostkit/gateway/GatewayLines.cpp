@@ -7,7 +7,7 @@ namespace micro850::host {
 namespace {
 
 // Beyond what any line can read; a gateway sends what it likes.
-const qint64 kMostElements = 4 * 1024 * 1024;
+const qint64 kMostElements = qint64(4) * 1024 * 1024;
 const int kMostIndex = 65535;
 const int kDayMs = 86400 * 1000;
 
@@ -60,8 +60,8 @@ QVector<Variable> variablesOf(GatewayClient& gateway, const QString& line)
     const GatewayClient::Reply reply =
         gateway.ask({{"request", "list"}, {"line", line.toStdString()}});
     QVector<Variable> variables;
-    qint64 elements = 0;
     try {
+        qint64 elements = 0;
         for (const JsonNode& part : reply) {
             for (const JsonNode& object : part.at("variables").elements()) {
                 variables.append(variableOf(object));
