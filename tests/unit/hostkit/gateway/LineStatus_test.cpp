@@ -13,7 +13,7 @@ LineStatus pressStatus()
 {
     LineStatus status;
     status.line = {"/dev/ttyUSB0", "/dev/ttyUSB0, 38400 8N1", false, "gone", "gone away"};
-    status.figures = {12.5, 40, 3ms, std::nullopt, 2};
+    status.figures = {12.5, 40, 3ms, std::nullopt, 2, 140, "the line is 140 % asked for"};
     StationView station;
     station.number = 7;
     station.name = "press";
@@ -50,6 +50,8 @@ TEST(LineStatusObject, BringsTheStatusToAnotherProgramWithAnotherClock)
     EXPECT_TRUE(status.figures.roundTripMedian == 3ms);
     EXPECT_FALSE(status.figures.roundTrip99);
     EXPECT_EQ(status.figures.reopened, 2);
+    EXPECT_EQ(status.figures.percentAsked, 140);
+    EXPECT_EQ(status.figures.overload, QString("the line is 140 % asked for"));
     ASSERT_EQ(status.stations.size(), 1);
     const StationView& station = status.stations.first();
     EXPECT_EQ(station.number, 7);
