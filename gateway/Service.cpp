@@ -2,6 +2,7 @@
 
 #include "ClientServer.h"
 #include "Configuration.h"
+#include "Counted.h"
 #include "HistoryService.h"
 #include "Lines.h"
 #include "Log.h"
@@ -145,7 +146,8 @@ int Service::run()
     m_tick.start(tickMs);
     m_notice.ready();
     tellStatus();
-    log(Priority::Info, QStringLiteral("serving %1 line(s) of %2").arg(m_lines.size()).arg(m_path));
+    log(Priority::Info,
+        QStringLiteral("serving %1 of %2").arg(counted(m_lines.size(), "line"), m_path));
     const int status = QCoreApplication::exec();
     m_lines.removeListener(m_log);
     return status;
@@ -165,9 +167,9 @@ void Service::tellStatus()
     int up = 0;
     for (int line = 0; line < m_lines.size(); ++line)
         up += m_lines.status(line).value("up", false) ? 1 : 0;
-    m_notice.tellStatus(m_stopping
-                            ? QStringLiteral("ending")
-                            : QStringLiteral("%1 of %2 line(s) up").arg(up).arg(m_lines.size()));
+    m_notice.tellStatus(
+        m_stopping ? QStringLiteral("ending")
+                   : QStringLiteral("%1 of %2 up").arg(up).arg(counted(m_lines.size(), "line")));
 }
 
 void Service::reload()
@@ -207,8 +209,8 @@ void Service::apply(const Configuration& configuration)
 {
     m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
-    log(Priority::Notice,
-        QStringLiteral("the configuration was read again: %1 line(s)").arg(m_lines.size()));
+    log(Priority::Notice, QStringLiteral("the configuration was read again: %1")
+                              .arg(counted(m_lines.size(), "line")));
 }
 
 void Service::stop()

@@ -86,7 +86,7 @@ void removeStale(const QByteArray& path)
     if (::lstat(path.constData(), &found) != 0)
         return;
     if (!S_ISSOCK(found.st_mode))
-        fail(path, "there is something that is no socket",
+        fail(path, "a file that is no socket is there",
              "remove it, or give another \"path\" of the socket");
     const Descriptor probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const sockaddr_un address = addressOf(path);

@@ -144,10 +144,10 @@ void requireLimits(const CipType& type, const CipValue& value, const Variable& v
     const std::string name = variable.name.toStdString();
     const CipValue number = comparable(type, value, variable);
     if (number.kind() == CipKind::Real && std::isnan(number.number()))
-        refuse(name + ": NaN is no number that can be written");
+        refuse(name + ": NaN cannot be written");
     if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
-        refuse(name + ": " + inQuotes(number.text()) + " is outside of its limits (" +
-               limitsText(variable) + ')');
+        refuse(name + ": " + number.text() + " is outside its limits (" + limitsText(variable) +
+               ')');
 }
 
 // Rounding to what the controller can store must not bring a number into the limits.
@@ -160,7 +160,7 @@ void requireGivenLimits(const Json& given, const Variable& variable)
         : given.is_number_integer() ? CipValue::ofSigned(given.get<std::int64_t>())
                                     : CipValue::ofReal(given.get<double>());
     if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
-        refuse(variable.name.toStdString() + ": " + given.dump() + " is outside of its limits (" +
+        refuse(variable.name.toStdString() + ": " + given.dump() + " is outside its limits (" +
                limitsText(variable) + ')');
 }
 
@@ -296,7 +296,8 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
             throw RequestError(errorcode::kBadRequest,
                                "element: " + std::to_string(request.element) +
                                    " is not in the variable, which has " +
-                                   std::to_string(variable.length));
+                                   std::to_string(variable.length) + " element" +
+                                   (variable.length == 1 ? "" : "s"));
         target.variables = {number};
         target.line = m_index.place(number).line;
         target.tag = {variable.station, variable.tag};
@@ -315,9 +316,9 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
     if (target.variables.isEmpty())
         target.variables = all;
     if (target.variables.isEmpty())
-        refuse("tag: element " + std::to_string(request.element) + " of " +
-               inQuotes(request.tag.toStdString()) +
-               " is in no variable of the project, and only writable variables are written");
+        refuse("no variable of the project has element " + std::to_string(request.element) +
+               " of " + inQuotes(request.tag.toStdString()) +
+               " (only variables with \"writable\": true can be written)");
     target.within = request.element - m_index.variable(target.variables.first()).element;
     return target;
 }

@@ -25,6 +25,13 @@ const std::chrono::seconds kLastMoment(2);
     throw TagRefused(name.toStdString(), error.why(), refused);
 }
 
+// The rules of the gateway name the variable, and so does the message that this becomes a part of.
+std::string withoutName(const std::string& text, const QString& tag)
+{
+    const std::string name = tag.toStdString() + ": ";
+    return text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text;
+}
+
 } // namespace
 
 void RemoteSession::setInterrupt(const std::function<bool()>& interrupt)
@@ -130,7 +137,8 @@ void RemoteSession::write(const TagKey& tag, int element, const QByteArray& valu
         if (code == errorcode::kUnreachable || code == errorcode::kCancelled)
             throw NotWritten(error.what());
         const bool isController = code == errorcode::kRefused;
-        throw TagRefused(tag.name.toStdString(), isController ? error.why() : error.what(),
+        throw TagRefused(tag.name.toStdString(),
+                         isController ? error.why() : withoutName(error.what(), tag.name),
                          isController && error.element() < 0 ? -1 : element);
     }
 }

@@ -78,7 +78,7 @@ void HistoryFile::lock()
 {
     const std::string name = m_path.toStdString();
     if (!QFileInfo(QFileInfo(m_path).path()).isDir())
-        throw UserError(name + ": cannot be written: its folder is not there", kExitRefused);
+        throw UserError(name + ": cannot be written: its folder is not there (create it)", kExitRefused);
     requireFile(QFile::encodeName(m_path).toStdString(), "name a file");
     const QByteArray lockName = QFile::encodeName(m_path + QStringLiteral(".lock"));
     m_lock = ::open(lockName.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);

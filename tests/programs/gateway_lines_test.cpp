@@ -364,9 +364,9 @@ TEST_F(GatewayLinesTest, TellsTheServiceManagerHowItDoes)
     addLineOnly(QStringLiteral("press"), kTags, kVariables); // ready also without the device
     startGateway({QStringLiteral("NOTIFY_SOCKET=") + path, QStringLiteral("WATCHDOG_USEC=600000")});
     EXPECT_TRUE(manager.waitFor("READY=1"));
-    EXPECT_TRUE(manager.waitFor("STATUS=0 of 1 line(s) up"));
+    EXPECT_TRUE(manager.waitFor("STATUS=0 of 1 line up"));
     startSimulator(QStringLiteral("press"));
-    EXPECT_TRUE(manager.waitFor("STATUS=1 of 1 line(s) up"));
+    EXPECT_TRUE(manager.waitFor("STATUS=1 of 1 line up"));
     EXPECT_TRUE(manager.waitFor("WATCHDOG=1", 3));
     reloadGateway();
     EXPECT_TRUE(manager.waitFor("RELOADING=1\nMONOTONIC_USEC="));

@@ -190,7 +190,7 @@ TEST_F(HistoryServiceTest, TellsAlarmsOnTheEventLoop)
     EXPECT_EQ(m_alarms, QStringList({"history stopped"}));
     EXPECT_EQ(m_service->status()["state"], "stopped");
     EXPECT_EQ(m_service->status()["reason"],
-              file().toStdString() + ": cannot be written: its folder is not there");
+              file().toStdString() + ": cannot be written: its folder is not there (create it)");
     ASSERT_TRUE(QDir().mkdir(m_dir.filePath("folder")));
     waitFor([this] { return m_alarms.size() == 2; }); // by itself
     EXPECT_EQ(m_alarms.last(), QString("history recording"));

@@ -215,7 +215,8 @@ TEST_F(HistoryWriterTest, StopsWithoutItsFolderAndGoesOnWhenItIsThere)
     add(1);
     writer.flush();
     EXPECT_EQ(state(), QString("stopped"));
-    const QString reason = path("folder/h.sqlite") + ": cannot be written: its folder is not there";
+    const QString reason =
+        path("folder/h.sqlite") + ": cannot be written: its folder is not there (create it)";
     EXPECT_EQ(writer.status().reason, reason);
     add(2);
     writer.flush();
@@ -253,7 +254,7 @@ TEST_F(HistoryWriterTest, TellsOfAGapInTheHistoryItself)
     EXPECT_EQ(texts, QStringList({"history gap: 10 rows were not recorded: the disk was too slow, "
                                   "or full",
                                   "history stopped: " + path("folder/h.sqlite") +
-                                      ": cannot be written: its folder is not there"}));
+                                      ": cannot be written: its folder is not there (create it)"}));
 }
 
 TEST_F(HistoryWriterTest, SetsADamagedFileAsideAndBeginsANewOne)
