@@ -150,7 +150,7 @@ TEST_F(RemoteSessionTest, TellsARefusedWriteFromOneThatWasNotSentAndOneOfUnknown
 {
     connect();
     answerWrite("not-allowed", "Speed: not writable");
-    EXPECT_EQ(write(), "refused 2: Speed: not writable");
+    EXPECT_EQ(write(), "refused 2: not writable");
     answerWrite("unreachable", "Speed: no answer");
     EXPECT_EQ(write(), "not written: Speed: no answer");
     answerWrite("cancelled", "taken back");
