@@ -16,6 +16,9 @@ esac
 """
 PROGRAMS = ("deb-systemd-helper", "deb-systemd-invoke", "systemctl", "systemd-sysusers")
 UNIT = "micro850-gateway.service"
+# What the service writes beside its history, and a history that was not in order.
+HISTORY = ("history.sqlite", "history.sqlite-wal", "history.sqlite-shm", "history.sqlite.lock",
+           "history.sqlite.damaged-20261122T133000Z", "history.sqlite.damaged-20261122T133000Z-wal")
 
 
 class Package(unittest.TestCase):
@@ -52,9 +55,13 @@ class Package(unittest.TestCase):
         (self.root / "etc/micro850").mkdir(parents=True, exist_ok=True)
         (self.root / "etc/micro850/gateway.json").write_text("{}")
 
-    def record_history(self):
-        (self.root / "var/lib/micro850").mkdir(parents=True, exist_ok=True)
-        (self.root / "var/lib/micro850/history.sqlite-wal").write_text("x")
+    def record_history(self, folder="var/lib/micro850"):
+        (self.root / folder).mkdir(parents=True, exist_ok=True)
+        for name in HISTORY:
+            (self.root / folder / name).write_text("x")
+
+    def assert_history(self, folder="var/lib/micro850"):
+        self.assertEqual(sorted(path.name for path in (self.root / folder).iterdir()), sorted(HISTORY))
 
 
 class Installation(Package):
@@ -115,7 +122,7 @@ class Upgrade(Package):
         self.record_history()
         self.run_script("postrm", "upgrade", "0.2.0")
         self.assertTrue((self.root / "etc/micro850/gateway.json").exists())
-        self.assertTrue((self.root / "var/lib/micro850/history.sqlite-wal").exists())
+        self.assert_history()
 
 
 class Removal(Package):
@@ -128,7 +135,7 @@ class Removal(Package):
         asked = self.run_script("postrm", "remove")
         self.assertIn(f"deb-systemd-helper mask {UNIT}", asked)
         self.assertTrue((self.root / "etc/micro850/gateway.json").exists())
-        self.assertTrue((self.root / "var/lib/micro850/history.sqlite-wal").exists())
+        self.assert_history()
 
 
 class Purge(Package):
@@ -137,8 +144,37 @@ class Purge(Package):
         self.record_history()
         asked = self.run_script("postrm", "purge")
         self.assertIn(f"deb-systemd-helper purge {UNIT}", asked)
-        self.assertEqual(sorted(path.name for path in self.root.glob("*/micro850")), [])
-        self.assertFalse((self.root / "var/lib/micro850").exists())
+        self.assertFalse((self.root / "etc/micro850").exists())
+        self.assertEqual(list((self.root / "var/lib").iterdir()), [])
+
+    def test_keeps_a_history_that_was_configured_elsewhere(self):
+        self.configure()
+        (self.root / "etc/micro850/gateway.json").write_text('{"history": {"file": "/srv/plant/history.sqlite"}}')
+        self.record_history()
+        self.record_history("srv/plant")
+        self.run_script("postrm", "purge")
+        self.assert_history("srv/plant")
+        self.assertEqual(list((self.root / "var/lib").iterdir()), [])
+
+    def test_keeps_what_is_behind_links(self):
+        for linked, name in (("var/lib/micro850", "all"), ("var/lib/micro850/history.sqlite", "one")):
+            with self.subTest(linked):
+                folder = f"srv/{name}"
+                self.record_history(folder)
+                target = self.root / folder if name == "all" else self.root / folder / "history.sqlite"
+                (self.root / linked).parent.mkdir(parents=True, exist_ok=True)
+                (self.root / linked).symlink_to(target)
+                self.run_script("postrm", "purge")
+                self.assert_history(folder)
+                self.assertEqual(list((self.root / "var/lib").iterdir()), [])
+
+    def test_empties_a_file_system_of_its_own(self):
+        (self.programs / "mountpoint").write_text('#!/bin/sh\ncase $* in */var/lib/micro850) ;; *) exit 1 ;; esac\n')
+        (self.programs / "mountpoint").chmod(0o755)
+        self.record_history()
+        (self.root / "var/lib/micro850/lost+found").mkdir()
+        self.run_script("postrm", "purge")
+        self.assertEqual([path.name for path in (self.root / "var/lib/micro850").iterdir()], ["lost+found"])
 
     def test_keeps_other_files_of_the_administrator(self):
         self.configure()
