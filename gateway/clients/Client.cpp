@@ -778,7 +778,7 @@ void Client::sendAges(const std::function<QByteArray(int)>& age)
             }
             send(line += "]}\n");
         }
-        proceed();
+        flush(); // requests that wait may end subscriptions: they have their turn later
     }
 }
 

@@ -190,6 +190,8 @@ QVector<int> LineImage::markOld(bool all)
 
 void LineImage::keepValues(const LineImage& old)
 {
+    if (m_settings.project.port.device != old.m_settings.project.port.device)
+        return; // they are of other controllers
     const QVector<Variable>& variables = m_settings.project.variables;
     for (int i = 0; i < variables.size(); ++i) {
         const auto found = old.m_variables.constFind(variables.at(i).name);

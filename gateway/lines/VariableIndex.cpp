@@ -12,10 +12,11 @@ using host::Variable;
 
 namespace {
 
-quint64 identityOf(const QString& line, const Variable& variable)
+quint64 identityOf(const LineSettings& line, const Variable& variable)
 {
     const QString all =
-        QStringLiteral("%1\n%2\n%3\n%4\n").arg(line, variable.name, variable.tag, variable.unit) +
+        QStringLiteral("%1\n%2\n%3\n%4\n%5\n")
+            .arg(line.name, line.project.port.device, variable.name, variable.tag, variable.unit) +
         QStringLiteral("%1 %2 %3 %4 %5 %6 %7")
             .arg(variable.station)
             .arg(variable.element)
@@ -46,7 +47,7 @@ void VariableIndex::rebuild()
             m_named[variable.name].append(number);
             m_ofTag.last()[{variable.station, variable.tag}].append(number);
             m_places.append({line, i});
-            m_identities.append(identityOf(m_lines.line(line).name, variable));
+            m_identities.append(identityOf(m_lines.line(line), variable));
         }
     }
 }

@@ -49,6 +49,16 @@ struct WorkerRequests::Refusal
     int element = -1;
 };
 
+// Bytes of one type are another value in another one of the same size. The service may know the
+// type that the tag had before, or the one that only the project has.
+void WorkerRequests::requireType(const JsonNode& request, const CipType& type, const QString& what)
+{
+    const std::string checked = request.text("type", type.name);
+    if (checked != type.name)
+        throw Refusal{errorcode::kRefused, what.toStdString() + " is " + type.name +
+                                               " in the controller, not " + checked};
+}
+
 WorkerRequests::WorkerRequests(host::PollLoop& loop, const host::Project& project,
                                const LineReport& report, Reply reply)
     : m_loop(loop), m_project(project), m_report(report), m_reply(std::move(reply)),
@@ -242,6 +252,7 @@ Json WorkerRequests::write(const JsonNode& request)
 {
     const Target target = targetOf(request);
     const CipType& type = m_session.typeOf(target.key);
+    requireType(request, type, target.what);
     host::requireWritable(type, target.what);
     host::requireReachable(type, target.element, 1, target.what);
     QByteArray bytes;

@@ -56,6 +56,7 @@ private:
     void send(const Target& target, const QByteArray& bytes);
     void readBack(const Target& target, const CipType& type, const QByteArray& written,
                   Json& reply);
+    static void requireType(const JsonNode& request, const CipType& type, const QString& what);
     host::TagKey keyIn(const JsonNode& request);
     int variableNamed(const QString& name) const;
     Target targetOf(const JsonNode& request);

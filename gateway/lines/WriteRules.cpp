@@ -164,6 +164,11 @@ void requireGivenLimits(const Json& given, const Variable& variable)
                limitsText(variable) + ')');
 }
 
+bool hasSameScale(const Variable& a, const Variable& b)
+{
+    return a.gain == b.gain && a.offset == b.offset;
+}
+
 std::string secondsText(Duration time)
 {
     std::array<char, 32> text{};
@@ -188,6 +193,17 @@ std::string textOf(const Json& value)
 Json errorOf(const char* code, const std::string& text)
 {
     return {{"error", {{"code", code}, {"text", text}}}};
+}
+
+// For the journal, which keeps also what is refused: longer than any value of a controller.
+Json shortValue(const Json& value)
+{
+    const std::size_t kLongest = 1024;
+    std::string text = value.dump(-1, ' ', true);
+    if (text.size() <= kLongest)
+        return value;
+    text.resize(kLongest);
+    return text + "...";
 }
 
 QString shortName(const QString& name)
@@ -246,7 +262,7 @@ qint64 WriteRules::write(const Writer& writer, const WriteRequest& request, cons
     pending.name = shortName(request.name.isEmpty() ? request.tag : request.name);
     pending.element = request.element;
     pending.newValue =
-        request.bytes ? Json(request.bytes->toHex().left(512).toStdString()) : request.value;
+        shortValue(request.bytes ? Json(request.bytes->toHex().toStdString()) : request.value);
     m_pending.insert(number, pending);
     begin(number, nullptr);
     return number;
@@ -298,11 +314,15 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
                                    " is not in the variable, which has " +
                                    std::to_string(variable.length) + " element" +
                                    (variable.length == 1 ? "" : "s"));
-        target.variables = {number};
         target.line = m_index.place(number).line;
         target.tag = {variable.station, variable.tag};
         target.within = request.element;
         target.element = variable.element + request.element;
+        target.variables = {number};
+        for (const int other : m_index.variablesAt(target.line, target.tag, target.element)) {
+            if (variable.writable && other != number && m_index.variable(other).writable)
+                target.variables.append(other);
+        }
         return target;
     }
     target.line = m_index.lineNamed(request.line, "line");
@@ -321,6 +341,23 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
                " (only variables with \"writable\": true can be written)");
     target.within = request.element - m_index.variable(target.variables.first()).element;
     return target;
+}
+
+// A value that is given for a tag is that of the variables which show it: all in the same way.
+void WriteRules::requireOneScale(const WriteRequest& request, const Target& target) const
+{
+    if (!request.name.isEmpty() || request.bytes)
+        return;
+    const Variable& first = m_index.variable(target.variables.first());
+    for (const int number : target.variables) {
+        const Variable& other = m_index.variable(number);
+        if (!hasSameScale(first, other))
+            throw RequestError(errorcode::kBadRequest,
+                               "value: " + first.name.toStdString() + " and " +
+                                   other.name.toStdString() +
+                                   " show this element with different gain or offset (name one of "
+                                   "them, or give \"bytes\")");
+    }
 }
 
 void WriteRules::requireRoom(const Pending& pending) const
@@ -367,12 +404,15 @@ void WriteRules::send(qint64 number, const Target& target, const CipType& type)
     const Variable& first = m_index.variable(target.variables.first());
     if (!host::isWritable(type))
         refuse(first.name.toStdString() + ": values of type " + type.name + " cannot be written");
+    requireOneScale(pending.request, target);
     const CipValue value = pending.request.bytes ? valueOf(*pending.request.bytes, type)
                                                  : valueOf(pending.request.value, type, first);
     pending.newValue = host::jsonOf(Scaling(first).shown(type, value));
-    for (const int variable : target.variables) {
-        requireLimits(type, value, m_index.variable(variable));
-        requireGivenLimits(pending.request.value, m_index.variable(variable));
+    for (const int shown : target.variables) {
+        const Variable& variable = m_index.variable(shown);
+        requireLimits(type, value, variable);
+        if (hasSameScale(variable, first))
+            requireGivenLimits(pending.request.value, variable);
     }
     requireRoom(pending);
     requireRate(target);
@@ -381,6 +421,7 @@ void WriteRules::send(qint64 number, const Target& target, const CipType& type)
                           {"line", pending.line.toStdString()},
                           {"name", pending.name.toStdString()},
                           {"element", pending.element},
+                          {"type", type.name},
                           {"bytes", host::encodeElement(type, value).toHex().toStdString()}};
     const qint64 asked =
         m_lines.ask(target.line, request,

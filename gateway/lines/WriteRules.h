@@ -71,6 +71,7 @@ private:
     void begin(qint64 number, const CipType* told);
     void send(qint64 number, const Target& target, const CipType& type);
     void askForType(qint64 number, const Target& target);
+    void requireOneScale(const WriteRequest& request, const Target& target) const;
     void requireRoom(const Pending& pending) const;
     Target targetOf(const WriteRequest& request) const;
     void requireRate(const Target& target);

@@ -442,6 +442,27 @@ TEST_F(ClientTest, TellsAgesAndStatesOfWhatItSubscribedTo)
               R"({"event":"state","line":"press","station":2,"state":"connected","text":"back"})");
 }
 
+TEST_F(ClientTest, HandlesNoRequestsWhileItTellsAges)
+{
+    for (int i = 1; i <= 3; ++i)
+        ask({{"id", i}, {"request", "subscribe"}, {"match", "Speed"}, {"ages", true}});
+    // More than are carried out at once: the last ones wait.
+    QByteArray many;
+    for (int i = 0; i < 200; ++i)
+        many += host::lineOf({{"id", 100 + i}, {"request", "hello"}, {"client", "tester"}});
+    for (int i = 1; i <= 3; ++i)
+        many += host::lineOf({{"id", i}, {"request", "unsubscribe"}, {"subscription", i}});
+    client->receive(many.constData(), many.size());
+    ASSERT_LT(take(seen).size(), 200);
+    client->sendAges([](int) { return QByteArray("{}"); });
+    const QVector<Json> told = take(seen);
+    ASSERT_EQ(told.size(), 3);
+    for (const Json& message : told)
+        EXPECT_EQ(message["event"], "ages");
+    proceed();
+    EXPECT_EQ(take(seen).last()["reply"], "unsubscribe");
+}
+
 TEST_F(ClientTest, KeepsItsSubscriptionsThroughAReloadAndHearsOnlyWhatIsNew)
 {
     change(0, 0, 1);
@@ -463,6 +484,18 @@ TEST_F(ClientTest, KeepsItsSubscriptionsThroughAReloadAndHearsOnlyWhatIsNew)
     reload({});
     EXPECT_EQ(take(seen).size(), 1);
     EXPECT_EQ(codeOf({{"id", 1}, {"request", "list"}}), "");
+}
+
+TEST_F(ClientTest, HearsTheValuesOfAnotherDeviceAnewAfterAReload)
+{
+    change(0, 0, 1);
+    ask({{"id", 1}, {"request", "subscribe"}, {"match", "Speed"}});
+    QByteArray project = kProject;
+    project.replace("/dev/ttyS0", "/dev/ttyS1");
+    reload({lineOfProject("press", project)});
+    const QVector<Json> events = take(seen);
+    ASSERT_EQ(events.size(), 2);
+    EXPECT_EQ(events.last()["values"][0]["name"], "Speed");
 }
 
 TEST_F(ClientTest, EndsAListThatAReloadOvertakes)

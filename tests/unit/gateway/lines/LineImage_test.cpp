@@ -196,6 +196,17 @@ TEST_F(LineImageTest, KeepsValuesOfUnchangedVariablesThroughANewProject)
     EXPECT_EQ(after.markOld(false), QVector<int>{2});
 }
 
+TEST_F(LineImageTest, KeepsNoValuesOfAnotherDevice)
+{
+    image.take(valueOf("Speed", 7, 0));
+    LineSettings next = settings;
+    next.project.port.device += QStringLiteral("x");
+    LineImage after(next, clock, wall);
+    after.keepValues(image);
+    EXPECT_EQ(after.value(0).quality, Quality::Never);
+    EXPECT_EQ(after.ageMs(0), -1);
+}
+
 TEST_F(LineImageTest, RefusesWhatIsNoValueOfTheLine)
 {
     EXPECT_THROW(image.take(valueOf("Other", 1, 0)), UserError);

@@ -116,6 +116,19 @@ TEST_F(WorkerRequestsTest, WritesBytesOfATag)
     EXPECT_EQ(inController("Level", 9), "feff");
 }
 
+TEST_F(WorkerRequestsTest, RefusesBytesThatWereCheckedAsAnotherType)
+{
+    const QByteArray before = inController("Speed");
+    EXPECT_EQ(
+        codeOf(R"({"id": 1, "request": "write", "tag": "Speed", "type": "UINT", "bytes": "0500"})"),
+        "refused");
+    EXPECT_EQ(inController("Speed"), before);
+    EXPECT_EQ(
+        codeOf(R"({"id": 1, "request": "write", "tag": "Speed", "type": "INT", "bytes": "0500"})"),
+        "done");
+    EXPECT_EQ(inController("Speed"), "0500");
+}
+
 TEST_F(WorkerRequestsTest, SaysThatAnotherValueWasReadBack)
 {
     plc.onReply = [this](const FakeController::Request& request, QByteArray&) {

@@ -29,7 +29,12 @@ const char kProject[] = R"({
     {"name": "Free", "tag": "FREE", "type": "REAL", "writable": true},
     {"name": "Text", "tag": "TEXT", "type": "SHORT_STRING", "writable": true},
     {"name": "Flag", "tag": "FLAG", "writable": true, "maximum": 0},
-    {"name": "Bits", "tag": "BITS", "writable": true, "maximum": 127}
+    {"name": "Bits", "tag": "BITS", "writable": true, "maximum": 127},
+    {"name": "Valves", "tag": "VALVE", "type": "INT", "length": 4, "writable": true},
+    {"name": "Inlet", "tag": "VALVE", "type": "INT", "element": 2, "writable": true, "maximum": 50,
+     "writesPerMinute": 1},
+    {"name": "Share", "tag": "VALVE", "type": "INT", "element": 3, "gain": 0.01, "writable": true},
+    {"name": "Shown", "tag": "VALVE", "type": "INT", "maximum": 3}
   ]})";
 
 class WriteRulesTest : public testing::Test
@@ -112,6 +117,16 @@ TEST_F(WriteRulesTest, RefuseWhatIsNotDeclaredWritableAndSaySo)
     EXPECT_EQ(lines.journal.first().oldValue, Json(7));
     EXPECT_EQ(lines.journal.first().newValue, Json(1));
     EXPECT_FALSE(lines.journal.first().error.isEmpty());
+}
+
+TEST_F(WriteRulesTest, RecordOnlyTheBeginningOfWhatIsTooLongForAnyValue)
+{
+    EXPECT_EQ(codeOf({{"name", "Text"}, {"value", std::string(60000, 'x')}}), "bad-request");
+    EXPECT_LT(lines.journal.last().newValue.dump().size(), 2000U);
+    EXPECT_EQ(codeOf({{"name", "Text"}, {"bytes", std::string(60000, 'a')}}), "bad-request");
+    EXPECT_LT(lines.journal.last().newValue.dump().size(), 2000U);
+    EXPECT_EQ(codeOf({{"name", "Locked"}, {"value", std::string(255, 'x')}}), "not-allowed");
+    EXPECT_EQ(lines.journal.last().newValue, Json(std::string(255, 'x')));
 }
 
 TEST_F(WriteRulesTest, KeepNumbersWithinTheirLimits)
@@ -224,6 +239,35 @@ TEST_F(WriteRulesTest, TakeATagWithinAWritableVariableForThatVariable)
     EXPECT_EQ(codeOf({{"tag", "OTHER"}, {"value", 1}}), "not-allowed");
     EXPECT_EQ(codeOf({{"tag", "LOCKED"}, {"value", 1}}), "not-allowed");
     EXPECT_EQ(lines.journal.size(), 6);
+}
+
+TEST_F(WriteRulesTest, KeepLimitsOfAnElementUnderEveryNameOfIt)
+{
+    EXPECT_EQ(codeOf({{"name", "Valves"}, {"element", 2}, {"value", 51}}), "not-allowed");
+    EXPECT_EQ(codeOf({{"name", "Valves"}, {"element", 2}, {"bytes", "3300"}}), "not-allowed");
+    EXPECT_EQ(sent({{"name", "Valves"}, {"element", 1}, {"value", 51}}), "3300");
+    EXPECT_EQ(sent({{"name", "Valves"}, {"element", 2}, {"value", 50}}), "3200");
+    EXPECT_EQ(codeOf({{"name", "Inlet"}, {"value", 1}}), "not-allowed") << "once a minute";
+    EXPECT_EQ(codeOf({{"name", "Valves"}, {"element", 2}, {"value", 1}}), "not-allowed");
+    EXPECT_EQ(sent({{"name", "Valves"}, {"element", 0}, {"value", 9}}), "0900")
+        << "the span of a variable that cannot be written limits no other one";
+}
+
+TEST_F(WriteRulesTest, RefuseANumberForATagThatItsVariablesShowDifferently)
+{
+    EXPECT_EQ(codeOf({{"tag", "VALVE"}, {"element", 3}, {"value", 1}}), "bad-request");
+    EXPECT_EQ(sent({{"tag", "VALVE"}, {"element", 3}, {"bytes", "0100"}}), "0100");
+    EXPECT_EQ(sent({{"name", "Share"}, {"value", 1}}), "6400");
+    EXPECT_EQ(sent({{"name", "Valves"}, {"element", 3}, {"value", 1}}), "0100");
+}
+
+TEST_F(WriteRulesTest, TellTheLineWhichTypeTheyChecked)
+{
+    write({{"name", "Speed"}, {"value", 1}});
+    EXPECT_EQ(lines.asked.first().request["type"], "INT");
+    lines.setValue(0, 0, "UINT", 7);
+    write({{"name", "Speed"}, {"value", 1}});
+    EXPECT_EQ(lines.asked.last().request["type"], "UINT");
 }
 
 TEST_F(WriteRulesTest, NameWhatTheyDoNotKnow)
