@@ -162,13 +162,16 @@ void RemotePlant::handleValues(const JsonNode& values)
         Source& source = *found;
         const bool isWhole = value.type && (value.type->kind == CipKind::String ||
                                             value.bytes.size() == source.length * value.type->size);
+        const bool isGood = value.quality == Quality::Good;
         const bool isFirst = source.bytes.isEmpty();
+        // One that became stale is as old as before.
+        const bool isRead = isGood || source.bytes != value.bytes;
         source.quality = value.quality;
-        if (isWhole) {
+        if (isWhole && isRead) {
             source.type = value.type;
             source.bytes = value.bytes;
             // The latest one may be old; a change has just been read.
-            store(source, isFirst ? firstAge(value) : Duration(0));
+            store(source, isFirst || !isGood ? firstAge(value) : Duration(0));
         }
         for (const int variable : qAsConst(source.variables)) {
             if (!value.error.isEmpty() && !m_sourcesOf.at(variable).isEmpty())

@@ -176,6 +176,19 @@ TEST_F(RemotePlantTest, TakesTheAgeOfAValueFromTheGateway)
     EXPECT_TRUE(runUntil([&] { return plant->quality(0) == Quality::Stale; }));
 }
 
+TEST_F(RemotePlantTest, KeepsTheAgeOfAValueThatBecomesStale)
+{
+    start(R"({"tag": "Speed"})");
+    ASSERT_TRUE(runUntilText(0, "1234"));
+    peer.send("{\"event\": \"ages\", \"ages\": [{\"name\": \"Speed\", \"ageMs\": 30000}]}\n");
+    ASSERT_TRUE(runUntil([&] { return clock.now() - *plant->values().refreshedAt(0) >= 30s; }));
+    peer.send(
+        eventOf(valueOf("Speed", "d204", {{"quality", "stale"}, {"error", "the device is gone"}})));
+    ASSERT_TRUE(runUntil([&] { return plant->quality(0) == Quality::Stale; }));
+    EXPECT_GE(clock.now() - *plant->values().refreshedAt(0), 30s);
+    EXPECT_EQ(error(0), "the device is gone");
+}
+
 TEST_F(RemotePlantTest, MakesValuesStaleWhileTheGatewayIsAwayAndGoodWhenItIsBack)
 {
     start(R"({"tag": "Speed"}, {"name": "Off", "tag": "Speed", "station": 2})");
