@@ -107,7 +107,8 @@ std::string lineOf(const HistoryEvent& row)
         line += visible(row.line.toStdString()) + ": ";
     if (row.station >= 0)
         line += "station " + std::to_string(row.station) + ": ";
-    return line + visible(row.state.toStdString()) + ": " + visible(row.text.toStdString());
+    line += visible(row.state.toStdString());
+    return row.text == row.state ? line : line + ": " + visible(row.text.toStdString());
 }
 
 // The columns of a log come first, so that what reads a log reads a history too.

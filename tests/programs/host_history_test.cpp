@@ -208,14 +208,17 @@ TEST_F(HostHistory, ShowsTheEventsOfTheLines)
     clock.time = event.time;
     clock.state = "clock";
     clock.text = "the clock was set back by PT1H";
-    record(std::vector<HistoryEvent>({event, clock}));
+    HistoryEvent connected = event;
+    connected.state = connected.text = "connected";
+    record(std::vector<HistoryEvent>({event, clock, connected}));
     EXPECT_EQ(inBerlin({"--events"}).out,
               "2026-11-22 14:00:00.000 +01:00 press: station 1: dead: no answer, \"really\"\n"
-              "2026-11-22 14:00:00.000 +01:00 clock: the clock was set back by PT1H\n");
+              "2026-11-22 14:00:00.000 +01:00 clock: the clock was set back by PT1H\n"
+              "2026-11-22 14:00:00.000 +01:00 press: station 1: connected\n");
     EXPECT_EQ(inBerlin({"--events", "--csv"}).out,
               "time,line,station,state,text,sequence\n2026-11-22T13:00:00.000Z,press,1,dead,\"no "
               "answer, \"\"really\"\"\",1\n2026-11-22T13:00:00.000Z,,,clock,the clock was set back "
-              "by PT1H,2\n");
+              "by PT1H,2\n2026-11-22T13:00:00.000Z,press,1,connected,connected,3\n");
 }
 
 TEST_F(HostHistory, ShowsWhatIsNotGoodAndWhatATerminalWouldObey)
