@@ -298,6 +298,23 @@ void saveProjects()
 "length": 5, "area": 7, "poll": "once"}, {"tag": "Level", "station": 3, "poll": "cyclic"}]})");
     saveText("project", "string",
              R"({"variables": [{"tag": "Name", "type": "SHORT_STRING", "element": 0}]})");
+    saveText("project", "rates",
+             R"({"variables": [{"tag": "Speed", "type": "INT", "intervalMs": 100,
+"deadband": 5, "heartbeatMs": 60000}, {"tag": "Level", "gain": -0.1, "offset": 4, "unit": "m",
+"minimum": -20.5, "maximum": 80, "deadband": "2.5%"}]})");
+    saveText("project", "writable", R"({"variables": [{"tag": "Setpoint", "type": "REAL",
+"writable": true, "minimum": 0, "maximum": 80, "writesPerMinute": 10}, {"tag": "Total", "type": "ULINT",
+"writable": true, "minimum": 9223372036854775807, "maximum": 18446744073709551615}]})");
+    saveText("project", "bad_limits",
+             R"({"variables": [{"tag": "A", "minimum": 2, "maximum": 1}]})");
+    saveText("project", "no_span", R"({"variables": [{"tag": "A", "deadband": "2%"}]})");
+    saveText("project", "text_limit",
+             R"({"variables": [{"tag": "A", "type": "SHORT_STRING", "maximum": 1}]})");
+    saveText("project", "bad_rates", R"({"variables": [{"tag": "A", "heartbeatMs": 99}]})");
+    saveText("project", "once_with_interval",
+             R"({"variables": [{"tag": "A", "poll": "once", "intervalMs": 1}]})");
+    saveText("project", "not_writable",
+             R"({"variables": [{"tag": "A", "type": "LWORD", "writable": true}]})");
     saveText("project", "bad_type", R"({"variables": [{"tag": "Speed", "type": "INTT"}]})");
     saveText("project", "key_twice", R"({"variables": [{"tag": "A", "unit": "m", "tag": "B"}]})");
     save("project", "byte_zero", R"({"variables": [{"tag": "Speed"}]})" + bytes({0}) + "more");

@@ -1,12 +1,15 @@
 // Project files: any text is read or refused with one line. A project that is read can be polled.
 
+#include "ExactNumbers.h"
 #include "Project.h"
 #include "TagAddress.h"
+#include "Writable.h"
 #include "complaint.h"
 
 #include <QtCore/QSet>
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <sys/mman.h>
@@ -22,6 +25,44 @@ void checkPort(const micro850::host::PortSettings& port)
     FUZZ_CHECK(port.deviceBudgetMs >= 0 && port.timeoutMs >= 0 && port.retryLimit >= 0);
 }
 
+const int kDay = 24 * 60 * 60 * 1000;
+
+void checkLimits(const micro850::host::Variable& variable)
+{
+    FUZZ_CHECK(variable.deadband >= 0);
+    for (const auto& limit : {variable.minimum, variable.maximum})
+        FUZZ_CHECK(!limit || (limit->isNumber() && !std::isnan(limit->number())));
+    if (variable.minimum && variable.maximum)
+        FUZZ_CHECK(micro850::host::compareNumbers(*variable.minimum, *variable.maximum) <= 0);
+}
+
+void checkRates(const micro850::host::Variable& variable)
+{
+    const int interval = variable.intervalMs.value_or(0);
+    FUZZ_CHECK(interval >= 0 && interval <= kDay);
+    FUZZ_CHECK(!variable.intervalMs || variable.poll == micro850::host::PollMode::Cyclic);
+    FUZZ_CHECK(variable.heartbeatMs == 0 || variable.heartbeatMs >= 100);
+    FUZZ_CHECK(variable.heartbeatMs <= kDay);
+    FUZZ_CHECK(std::isfinite(variable.deadband));
+    FUZZ_CHECK(variable.writesPerMinute.value_or(1) >= 1);
+}
+
+// What the programs do with a project that was read.
+void checkUses(micro850::host::Project project, const std::string& name)
+{
+    try {
+        micro850::host::requireWritableVariables(project, QString::fromStdString(name));
+    } catch (const micro850::UserError& error) {
+        fuzz::checkComplaint(error, name + ':');
+    }
+    project.showRaw();
+    project.setInterval(500);
+    for (const micro850::host::Variable& variable : project.variables) {
+        checkLimits(variable);
+        FUZZ_CHECK(variable.unit.isEmpty() && variable.intervalMs);
+    }
+}
+
 void checkVariable(const micro850::host::Project& project, const micro850::host::Variable& variable)
 {
     FUZZ_CHECK(!variable.tag.isEmpty() && variable.tag.size() <= micro850::host::kLongestTag);
@@ -31,6 +72,8 @@ void checkVariable(const micro850::host::Project& project, const micro850::host:
     FUZZ_CHECK(variable.area >= 0 && variable.area <= 255);
     FUZZ_CHECK(project.variable(variable.name) == &variable);
     fuzz::checkShownText(variable.name + variable.unit);
+    checkLimits(variable);
+    checkRates(variable);
 }
 
 void check(const micro850::host::Project& project)
@@ -55,7 +98,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     FUZZ_CHECK(ftruncate(file, 0) == 0);
     FUZZ_CHECK(pwrite(file, bytes, size, 0) == static_cast<ssize_t>(size));
     try {
-        check(micro850::host::Project::fromFile(path));
+        const auto project = micro850::host::Project::fromFile(path);
+        check(project);
+        checkUses(project, path.toStdString());
         FUZZ_CHECK(std::find(bytes, bytes + size, 0) == bytes + size);
     } catch (const micro850::UserError& error) {
         fuzz::checkComplaint(error, path.toStdString() + ':');
