@@ -4,6 +4,8 @@
 #include "Channel.h"
 #include "DriverLibrary.h"
 #include "LineFactory.h"
+#include "UserError.h"
+#include "VisibleText.h"
 #include "WorkerRequests.h"
 
 #include <sys/poll.h>
@@ -157,7 +159,7 @@ Worker::Worker(Pipe& pipe, const QString& line, const host::Project& project)
 // the service knows that only the oldest request can have been begun.
 void Worker::run()
 {
-    while (!m_pipe.isClosed() && !m_loop.interrupted()) {
+    while (!m_pipe.isClosed() && !m_loop.interrupted() && !m_loop.changedTag()) {
         m_loop.step();
         serve();
         if (!m_pipe.hasOutput())
@@ -165,6 +167,10 @@ void Worker::run()
     }
     m_loop.finish();
     m_line.close();
+    if (m_loop.changedTag())
+        throw UserError("the controller has another program: the type of " +
+                            inQuotes(m_loop.changedTag()->name.toStdString()) + " changed",
+                        kExitRefused);
 }
 
 void Worker::serve()

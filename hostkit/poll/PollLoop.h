@@ -67,6 +67,8 @@ public:
     bool abandon(int id) { return m_operations.abandon(id); }
 
     Tag tag(const TagKey& key) const { return m_types.tag(key); }
+    /// A tag that has another type than before; only a new process can read it.
+    const std::optional<TagKey>& changedTag() const { return m_types.changedTag(); }
     const ValueStore& values() const override { return m_values; }
     ValueStore& values() override { return m_values; }
     Quality quality(int variable) const override;

@@ -107,6 +107,7 @@ bool TypeRegistry::learn(const TagKey& key, quint16 typeCode)
                              : QStringLiteral("type %1 is not an elementary type")
                                    .arg(typeCode, 4, 16, QLatin1Char('0'));
     } else {
+        m_changedTag = key;
         tag.type = nullptr;
         tag.error = QStringLiteral("type changed in the controller (start again to take it over)");
     }

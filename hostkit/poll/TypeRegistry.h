@@ -71,6 +71,8 @@ public:
     /// Learns the type of a tag from a good reply. A second, different type withdraws the first
     /// one: the driver keeps the first for good. True when something changed.
     bool learn(const TagKey& key, quint16 typeCode);
+    /// A tag whose first type was withdrawn. None of them is read or written any more.
+    const std::optional<TagKey>& changedTag() const { return m_changedTag; }
     /// The controller refused a tag whose type is not known. It may be asked for again after ten
     /// seconds, because a program download may bring the tag.
     void refuseTag(const TagKey& key, const QString& why);
@@ -98,6 +100,7 @@ private:
     QHash<TagKey, QVector<int>> m_variablesOf;
     /// The variables' tags in state Unknown or Refused, in the order in which they are asked for.
     std::set<TagKey> m_open;
+    std::optional<TagKey> m_changedTag;
     QMap<int, Duration> m_leftOut; ///< variables that are not read, and until when
 };
 

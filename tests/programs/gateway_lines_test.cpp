@@ -129,6 +129,24 @@ TEST_F(GatewayLinesTest, StartsAWorkerAgainThatWasKilled)
     EXPECT_EQ(count("worker of this line ended"), 1);
 }
 
+TEST_F(GatewayLinesTest, TakesOverTypesThatAnotherProgramOfTheControllerHas)
+{
+    startTwoLines();
+    const auto client = connect();
+    client->send({{"request", "subscribe"}, {"line", "press"}});
+    EXPECT_EQ(client->value("Speed", isGood)["type"], "INT");
+    file(QStringLiteral("press.tags.json"),
+         R"({"tags": [{"name": "Speed", "type": "REAL", "value": 2.5},
+                                                          {"name": "Level", "type": "REAL"}]})");
+    signalSimulator(QStringLiteral("press"), SIGHUP);
+    const GatewayClient::Json value = client->value("Speed", [](const GatewayClient::Json& told) {
+        return isGood(told) && told["type"] == "REAL";
+    });
+    EXPECT_EQ(value["value"], 2.5) << log().toStdString();
+    EXPECT_TRUE(log().contains(QStringLiteral("the type of \"Speed\" changed")));
+    EXPECT_EQ(count("oven: the worker"), 0);
+}
+
 TEST_F(GatewayLinesTest, EndsAndStartsAWorkerThatHangs)
 {
     startTwoLines({QLatin1String(kShortHeartbeat)});

@@ -162,7 +162,9 @@ TEST_F(TypeRegistryTest, WithdrawsATypeThatChanged)
     use(R"({"tag": "A"})");
     EXPECT_TRUE(types->learn(a, kInt));
     EXPECT_FALSE(types->learn(a, kInt));
+    EXPECT_FALSE(types->changedTag());
     EXPECT_TRUE(types->learn(a, kReal));
+    EXPECT_TRUE(types->changedTag() == a);
     EXPECT_EQ(types->tag(a).type, nullptr);
     EXPECT_EQ(error(0), "type changed in the controller (start again to take it over)");
     EXPECT_EQ(cycle(), QVector<int>());
