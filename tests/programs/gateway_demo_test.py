@@ -1,0 +1,46 @@
+"""gateway_demo_test.py DEMO PROGRAMS: runs the demonstration of the gateway as a person does, who ends it by Ctrl-C."""
+
+import os
+import signal
+import subprocess
+import sys
+import unittest
+
+
+class Demonstration(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        # A session of its own, whose processes all get the signal, as those of a terminal do.
+        demo = subprocess.Popen([DEMO, PROGRAMS], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                start_new_session=True)
+        cls.lines = []
+        ended = False
+        for line in demo.stdout:
+            cls.lines.append(line)
+            if "PartsMade = " in line and not ended:  # the subscriber runs
+                os.killpg(demo.pid, signal.SIGINT)
+                ended = True
+        demo.stdout.close()
+        cls.status = demo.wait()
+        cls.text = "".join(cls.lines)
+
+    def test_ends_in_order_by_ctrl_c(self):
+        self.assertEqual(self.status, 0, self.text)
+        self.assertIn("timed out 0, corrupt 0", self.lines[-1])
+
+    def test_writes_and_shows_what_is_refused(self):
+        self.assertIn("demo: read back: Setpoint = 42.25", self.text)
+        self.assertIn("90 is outside its limits", self.text)
+
+    def test_shows_the_status_of_lines_that_are_read(self):
+        stations = [line for line in self.lines if line.startswith("demo:     station")]
+        self.assertEqual(len(stations), 2, self.text)
+        for line in stations:
+            self.assertIn("station 1: connected", line)
+
+
+if __name__ == "__main__":
+    PROGRAMS = os.path.abspath(sys.argv.pop(2))
+    DEMO = os.path.abspath(sys.argv.pop(1))
+    os.chdir(os.path.join(os.path.dirname(DEMO), "../.."))
+    unittest.main()
