@@ -10,7 +10,7 @@ namespace {
 
 const std::size_t kMostTasks = 64;
 // An answer is complete, or has so many bytes.
-const qint64 kMostBytes = 8 * 1024 * 1024;
+const qint64 kMostBytes = qint64(8) * 1024 * 1024;
 // What an object of the answer takes besides the value itself.
 const qint64 kObjectBytes = 400;
 
@@ -65,9 +65,9 @@ HistoryAnswer HistoryQueries::answer(const Task& task) const
     HistoryAnswer answer;
     const std::size_t limit =
         static_cast<std::size_t>(std::clamp(task.query.limit, 1, kMostHistoryValues));
-    qint64 bytes = 0;
     try {
         host::HistoryReader reader(task.file);
+        qint64 bytes = 0;
         reader.values(task.query.filter, [&](const host::HistoryValue& value) {
             if (isEnding())
                 return false;

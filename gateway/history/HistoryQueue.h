@@ -31,7 +31,7 @@ class HistoryQueue
 {
 public:
     static const std::size_t kMostItems = 65536;
-    static const qint64 kMostBytes = 16 * 1024 * 1024;
+    static const qint64 kMostBytes = qint64(16) * 1024 * 1024;
     static const std::size_t kMostSaved = 4096;
 
     void add(HistoryItem item);

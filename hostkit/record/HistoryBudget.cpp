@@ -6,10 +6,10 @@ namespace micro850::host {
 
 namespace {
 
-const qint64 kLeastLog = 256 * 1024;
-const qint64 kMostLog = 128 * 1024 * 1024;
+const qint64 kLeastLog = qint64(256) * 1024;
+const qint64 kMostLog = qint64(128) * 1024 * 1024;
 // The index of the log grows by as much for every 4096 pages of it.
-const qint64 kIndexPart = 32 * 1024;
+const qint64 kIndexPart = qint64(32) * 1024;
 
 } // namespace
 

@@ -21,9 +21,9 @@ namespace {
 
 // A period is moved at once, and every reader reads the one that is not moved yet.
 const qint64 kRowsOfPeriod = 16384;
-const qint64 kPeriodMs = 60 * 60 * 1000;
+const qint64 kPeriodMs = qint64(60) * 60 * 1000;
 // The time of recording is written with rows, and without them so often.
-const qint64 kStoreRecordedMs = 60 * 1000;
+const qint64 kStoreRecordedMs = qint64(60) * 1000;
 
 QString logOf(const QString& path)
 {
@@ -78,7 +78,8 @@ void HistoryFile::lock()
 {
     const std::string name = m_path.toStdString();
     if (!QFileInfo(QFileInfo(m_path).path()).isDir())
-        throw UserError(name + ": cannot be written: its folder is not there (create it)", kExitRefused);
+        throw UserError(name + ": cannot be written: its folder is not there (create it)",
+                        kExitRefused);
     requireFile(QFile::encodeName(m_path).toStdString(), "name a file");
     const QByteArray lockName = QFile::encodeName(m_path + QStringLiteral(".lock"));
     m_lock = ::open(lockName.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
