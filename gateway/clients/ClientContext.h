@@ -23,24 +23,11 @@ struct ClientNeeds
 };
 
 /// The same with what all clients share.
-struct ClientContext
+struct ClientContext : ClientNeeds
 {
-    explicit ClientContext(const ClientNeeds& needs)
-        : lines(needs.lines), writes(needs.writes), history(needs.history), clock(needs.clock),
-          program(needs.program), reload(needs.reload), serviceUid(needs.serviceUid)
-    {
-        texts.reset();
-    }
+    explicit ClientContext(const ClientNeeds& needs) : ClientNeeds(needs) { texts.reset(); }
     ClientContext(const ClientContext&) = delete;
     ClientContext& operator=(const ClientContext&) = delete;
-
-    LineService& lines;
-    WriteRules& writes;
-    HistorySource& history;
-    const Clock& clock;
-    QString program;
-    std::function<void()> reload;
-    int serviceUid;
 
     VariableIndex index{lines};
     ValueTexts texts{index};
