@@ -167,11 +167,8 @@ bool LineImage::isOld(int variable) const
     const State& state = at(variable);
     if (state.value.quality != Quality::Good || !state.readAt)
         return false;
-    const int interval = source.intervalMs.value_or(host::kDefaultIntervalMs);
-    const Duration limit =
-        std::chrono::milliseconds(qint64(m_settings.project.staleAfterMs) + interval);
     return (source.poll == host::PollMode::Cyclic || state.isKept) &&
-           m_clock.now() - *state.readAt > limit;
+           m_clock.now() - *state.readAt > host::staleAfter(m_settings.project, source);
 }
 
 QVector<int> LineImage::markOld(bool all)

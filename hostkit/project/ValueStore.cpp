@@ -28,6 +28,12 @@ QString typeProblem(const Variable& variable, const CipType& type)
     return QString();
 }
 
+std::chrono::milliseconds staleAfter(const Project& project, const Variable& variable)
+{
+    return std::chrono::milliseconds(
+        std::max<qint64>(project.staleAfterMs, 2LL * variable.intervalMs.value_or(0)));
+}
+
 ValueStore::ValueStore(const Project& project) : m_project(project)
 {
     for (int i = 0; i < project.variables.size(); ++i) {
@@ -115,12 +121,6 @@ std::optional<Duration> ValueStore::refreshedAt(int variable) const
     return *std::min_element(times.begin(), times.end());
 }
 
-// A variable that is read seldom would be stale between two reads.
-qint64 ValueStore::staleAfterMs(const Variable& variable) const
-{
-    return std::max<qint64>(m_project.staleAfterMs, 2LL * variable.intervalMs.value_or(0));
-}
-
 Quality ValueStore::quality(int variable, Duration now, std::optional<Duration> aliveSince) const
 {
     if (!wasRead(variable))
@@ -129,7 +129,7 @@ Quality ValueStore::quality(int variable, Duration now, std::optional<Duration> 
     const bool alive = aliveSince && at >= *aliveSince;
     const Variable& asked = m_project.variables.at(variable);
     const bool refreshed = asked.poll == PollMode::Cyclic;
-    const bool old = refreshed && now - at > std::chrono::milliseconds(staleAfterMs(asked));
+    const bool old = refreshed && now - at > staleAfter(m_project, asked);
     return alive && !old && error(variable).isEmpty() ? Quality::Good : Quality::Stale;
 }
 

@@ -23,6 +23,10 @@ QString qualityText(Quality quality);
 /// element can be reached. Empty when it is read.
 QString typeProblem(const Variable& variable, const CipType& type);
 
+/// The age from which a value is stale: the project's, but longer for a variable that is read
+/// seldom, which would be stale between two reads.
+std::chrono::milliseconds staleAfter(const Project& project, const Variable& variable);
+
 /// The latest values of a project's variables, with the time of the reply that brought each
 /// element.
 class ValueStore
@@ -73,7 +77,6 @@ private:
         QString error;
         QSet<int> failed; ///< elements that no reply has brought since the error
     };
-    qint64 staleAfterMs(const Variable& variable) const;
     CipValue value(int variable, int index) const;
     static bool storeElement(State& state, int index, const char* bytes, int size, Duration now);
     void clearError(int variable, int first, int end);

@@ -163,17 +163,39 @@ TEST_F(LineImageTest, TellsWhyAVariableHasNoValueYet)
     EXPECT_EQ(image.value(0).error, QStringLiteral("no answer"));
 }
 
-TEST_F(LineImageTest, MarksValuesOldOnlyBeyondTheTimeOfTheProjectAndTheInterval)
+TEST_F(LineImageTest, MarksValuesOldOnlyBeyondTheTimeOfTheProject)
 {
     image.take(valueOf("Speed", 7, 0));
     image.take(valueOf("Recipe", 1, 0));
-    clock.advance(5500ms); // 5 s of the project and the interval of who says nothing, 0.5 s
+    clock.advance(5000ms);
     EXPECT_TRUE(image.markOld(true).isEmpty());
     clock.advance(1ms);
     EXPECT_TRUE(image.markOld(false).isEmpty());
     EXPECT_EQ(image.markOld(true), QVector<int>{0}); // one that is read once does not get old
     EXPECT_EQ(image.value(0).quality, Quality::Stale);
     EXPECT_TRUE(image.markOld(true).isEmpty());
+}
+
+TEST_F(LineImageTest, MarksValuesThatAreReadSeldomOldOnlyBeyondTwoIntervals)
+{
+    settings = settingsOf(R"({"name": "Speed", "tag": "SPEED", "intervalMs": 2000},
+                             {"name": "Level", "tag": "LEVEL", "intervalMs": 2600},
+                             {"name": "Recipe", "tag": "RECIPE", "intervalMs": 60000})");
+    LineImage seldom(settings, clock, wall);
+    for (const char* name : {"Speed", "Level", "Recipe"})
+        seldom.take(valueOf(name, 7, 0));
+    clock.advance(5000ms);
+    EXPECT_TRUE(seldom.markOld(true).isEmpty());
+    clock.advance(1ms);
+    EXPECT_EQ(seldom.markOld(true), QVector<int>{0}); // the time of the project is longer
+    clock.advance(199ms);
+    EXPECT_TRUE(seldom.markOld(true).isEmpty());
+    clock.advance(1ms);
+    EXPECT_EQ(seldom.markOld(true), QVector<int>{1});
+    clock.advance(114799ms);
+    EXPECT_TRUE(seldom.markOld(true).isEmpty());
+    clock.advance(1ms);
+    EXPECT_EQ(seldom.markOld(true), QVector<int>{2});
 }
 
 TEST_F(LineImageTest, KeepsValuesOfUnchangedVariablesThroughANewProject)
@@ -192,7 +214,7 @@ TEST_F(LineImageTest, KeepsValuesOfUnchangedVariablesThroughANewProject)
     // The worker of the new project begins without values.
     EXPECT_EQ(after.take(neverOf("Speed", "")), -1);
     EXPECT_EQ(after.value(2).quality, Quality::Good);
-    clock.advance(5501ms);
+    clock.advance(5001ms);
     EXPECT_EQ(after.markOld(false), QVector<int>{2});
 }
 
