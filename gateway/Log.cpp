@@ -27,6 +27,7 @@ Priority priorityOf(const QString& state)
 {
     const bool isGood = state == QLatin1String("up") || state == QLatin1String("connected") ||
                         state == QLatin1String("disabled") ||
+                        state == QLatin1String("overload ended") ||
                         state == QLatin1String("history recording");
     if (isGood)
         return Priority::Info;

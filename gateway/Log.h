@@ -17,6 +17,7 @@ class EventLog : public LineListener
 {
 public:
     void handleEvent(const LineEvent& event) override;
+    void handleNotice(const LineEvent& event) override { handleEvent(event); }
 };
 
 } // namespace micro850::gateway

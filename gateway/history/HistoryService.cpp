@@ -226,6 +226,11 @@ void HistoryService::handleEvent(const LineEvent& event)
     m_private->addEvent(event);
 }
 
+void HistoryService::handleNotice(const LineEvent& event)
+{
+    m_private->add(eventOf(event));
+}
+
 void HistoryService::handleWrite(const JournalEntry& entry)
 {
     m_private->add(writeOf(entry));

@@ -38,6 +38,7 @@ public:
 
     void handleValue(int line, int variable) override;
     void handleEvent(const LineEvent& event) override;
+    void handleNotice(const LineEvent& event) override;
     void handleWrite(const JournalEntry& entry) override;
     void handleReload() override;
 

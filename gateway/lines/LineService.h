@@ -46,6 +46,8 @@ public:
     /// heartbeat is due.
     virtual void handleValue(int, int) {}
     virtual void handleEvent(const LineEvent&) {}
+    /// Something about a line that is no change of its state: it cannot hold its intervals.
+    virtual void handleNotice(const LineEvent&) {}
     virtual void handleWrite(const JournalEntry&) {}
     /// Lines and variables may have come and gone; indices that were kept are no longer valid.
     virtual void handleReload() {}

@@ -171,6 +171,11 @@ void Lines::handleEvent(const LineEvent& event)
     tellAll([&](LineListener& listener) { listener.handleEvent(event); });
 }
 
+void Lines::handleNotice(const LineEvent& event)
+{
+    tellAll([&](LineListener& listener) { listener.handleNotice(event); });
+}
+
 void Lines::reportWrite(const JournalEntry& entry)
 {
     tellAll([&](LineListener& listener) { listener.handleWrite(entry); });

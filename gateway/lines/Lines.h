@@ -54,6 +54,7 @@ private:
     using LineList = std::vector<std::unique_ptr<SupervisedLine>>;
     void handleValue(const SupervisedLine& line, int variable) override;
     void handleEvent(const LineEvent& event) override;
+    void handleNotice(const LineEvent& event) override;
     template<typename Tell> void tellAll(Tell tell);
     std::unique_ptr<SupervisedLine> takeUnchanged(const LineSettings& settings);
     void retire(SupervisedLine& line, const QString& reason);

@@ -139,8 +139,27 @@ void SupervisedLine::takeAges(const Json& event)
     m_image.takeAges(static_cast<int>(numberIn(event, "first", m_image.size())), *ages);
     const auto status = event.find("status");
     if (status != event.end() && status->is_object())
-        m_status = *status;
+        takeStatus(*status);
     m_whyDown.clear();
+}
+
+// That an overload ended is known of a worker that had seen it: the next one has yet to measure.
+void SupervisedLine::takeStatus(const Json& status)
+{
+    const bool hadOverload = m_status.contains("overload");
+    m_status = status;
+    const QString overload = status.contains("overload") ? textIn(status, "overload") : QString();
+    if (overload == m_overload || (overload.isEmpty() && !hadOverload))
+        return;
+    m_overload = overload;
+    LineEvent event;
+    event.time = m_wallClock.now();
+    event.line = m_settings.name;
+    event.state =
+        overload.isEmpty() ? QStringLiteral("overload ended") : QStringLiteral("overload");
+    event.text =
+        overload.isEmpty() ? QStringLiteral("the line holds every interval again") : overload;
+    m_owner.handleNotice(event);
 }
 
 void SupervisedLine::takeState(const Json& event)
@@ -193,6 +212,7 @@ void SupervisedLine::markDown(const QString& reason)
 {
     m_whyDown = reason;
     m_status.erase("memoryKb");
+    m_status.erase("overload");
     if (m_status.contains("stations")) {
         for (Json& station : m_status["stations"]) {
             if (station.value("state", "") == "disabled")

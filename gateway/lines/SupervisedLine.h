@@ -22,6 +22,7 @@ public:
         /// A value is to be told, as its dead band and its heartbeat ask for.
         virtual void handleValue(const SupervisedLine& line, int variable) = 0;
         virtual void handleEvent(const LineEvent& event) = 0;
+        virtual void handleNotice(const LineEvent& event) = 0;
     };
 
     /// The arguments but the settings must live longer than this object.
@@ -56,6 +57,7 @@ private:
     void takeValues(const Json& values);
     void stamp(Json& values) const;
     void takeAges(const Json& event);
+    void takeStatus(const Json& status);
     void takeState(const Json& event);
     void tell(int station, const State& state);
     void tellValue(int variable);
@@ -73,6 +75,7 @@ private:
     RequestQueue m_requests;
     Json m_status; ///< as the worker told it last
     QString m_whyDown;
+    QString m_overload;        ///< told last; empty when the line holds its intervals
     QMap<int, State> m_states; ///< told last, by station; -1 for the line
     // Of a worker that ends again and again for the same reason, nothing is told until one works.
     bool m_isMuted = false;

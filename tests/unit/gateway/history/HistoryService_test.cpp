@@ -118,6 +118,55 @@ TEST_F(HistoryServiceTest, RecordsValuesEventsAndWrites)
     EXPECT_EQ(m_service->status()["rows"], 6);
 }
 
+TEST_F(HistoryServiceTest, RecordsANoticeThatIsNoStateOfTheLine)
+{
+    start();
+    tellEvent("press", 1, "connected");
+    const LineEvent notice{kNow, "press", -1, "overload", "the line is 140 % asked for"};
+    m_lines.tell([&notice](LineListener& listener) { listener.handleNotice(notice); });
+    set(0, 0, 41);
+    m_service->flush();
+    const std::vector<host::HistoryEvent> events = history::eventsOf(file());
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].state, QString("overload"));
+    EXPECT_EQ(events[1].text, QString("the line is 140 % asked for"));
+    EXPECT_EQ(history::valuesOf(file()).at(0).state, QString("connected"));
+}
+
+// A panel without a battery starts in 1970, and is set some time later.
+TEST_F(HistoryServiceTest, KeepsAllValuesWhenTheClockIsSet)
+{
+    m_settings.keepDays = 1;
+    m_wall.set(0);
+    start();
+    const qint64 hour = 3600000;
+    int number = 0;
+    for (const qint64 wall : {qint64(0), kNow, kNow - 400 * 24 * hour, kNow + 4000 * 24 * hour}) {
+        m_wall.set(wall);
+        for (int i = 0; i < 5; ++i) {
+            set(0, 0, ++number);
+            m_wall.advance(hour);
+            m_clock.advance(std::chrono::hours(1));
+        }
+        m_service->flush();
+    }
+    EXPECT_EQ(history::valuesOf(file()).size(), 20u);
+    // A day of the other clock is what makes them old.
+    for (int i = 0; i < 30; ++i) {
+        m_wall.advance(hour);
+        m_clock.advance(std::chrono::hours(1));
+        set(0, 0, ++number);
+        m_service->flush();
+    }
+    const std::vector<host::HistoryValue> left = history::valuesOf(file());
+    ASSERT_FALSE(left.empty());
+    int newest = 0;
+    for (const host::HistoryValue& value : left)
+        newest = std::max(newest, value.value.get<int>());
+    EXPECT_EQ(newest, 50);
+    EXPECT_LT(left.size(), 50u - 20u);
+}
+
 TEST_F(HistoryServiceTest, AnswersQueriesInPages)
 {
     start();

@@ -106,6 +106,10 @@ protected:
                        lines->latest(line, variable).value.dump());
     }
     void handleEvent(const LineEvent& event) override { events.push_back(event); }
+    void handleNotice(const LineEvent& event) override
+    {
+        notices.append(event.line + QStringLiteral(": ") + event.text);
+    }
     void handleReload() override { ++reloads; }
 
     static void settle()
@@ -146,6 +150,7 @@ protected:
     std::vector<std::unique_ptr<StandIn>> workers;
     std::vector<std::string> told;
     std::vector<LineEvent> events;
+    QStringList notices;
     int reloads = 0;
     int answered = 0;
     Json answer;
@@ -339,6 +344,84 @@ TEST_F(LinesTest, LetsAWorkerOpenASlowLine)
     settle();
     pass(1s);
     EXPECT_FALSE(worker(0).isOpen());
+}
+
+TEST_F(LinesTest, TellsOnceWhatALineCannotHoldAndThatItHoldsItAgain)
+{
+    start();
+    const QString much = QStringLiteral("the line is 140 % asked for");
+    const QString more = QStringLiteral("the line is 300 % asked for");
+    const auto beat = [this](std::size_t index, const QString& overload) {
+        Json status = {{"up", true}};
+        if (!overload.isEmpty())
+            status["overload"] = overload.toStdString();
+        worker(index).send(
+            {{"event", "ages"}, {"first", 0}, {"ages", Json::array()}, {"status", status}});
+        settle();
+    };
+    for (const QString& overload : {QString(), much, much, more, more, QString(), QString()})
+        beat(0, overload);
+    const QString again = QStringLiteral("press: the line holds every interval again");
+    EXPECT_EQ(notices, (QStringList{"press: " + much, "press: " + more, again}));
+    EXPECT_TRUE(events.empty()) << "the state of the line is the same";
+    // A worker that was started again has yet to measure.
+    notices.clear();
+    beat(0, much);
+    workers[0].reset();
+    settle();
+    EXPECT_FALSE(lines->status(0).contains("overload"));
+    pass(1s);
+    ASSERT_EQ(workers.size(), 3U);
+    for (const QString& overload : {QString(), much, QString()})
+        beat(2, overload);
+    EXPECT_EQ(notices, (QStringList{"press: " + much, again}));
+}
+
+TEST_F(LinesTest, KeepsQualitiesIntervalsAndPausesWhenTheWallClockSteps)
+{
+    lines->setLines({lineOf("press", R"({"name": "Speed", "tag": "T", "heartbeatMs": 2000})")});
+    settle();
+    worker(0).sendValue("press", "Speed", 7);
+    settle();
+    told.clear();
+    const qint64 tenYears = qint64(10) * 365 * 86400000;
+    for (const qint64 wallTime : {qint64(0), tenYears, qint64(1000)}) {
+        wall.set(wallTime);
+        pass(1ms);
+        EXPECT_EQ(lines->latest(0, 0).quality, Quality::Good) << wallTime;
+        EXPECT_TRUE(told.empty()) << wallTime;
+        EXPECT_TRUE(worker(0).isOpen()) << wallTime;
+    }
+    EXPECT_EQ(lines->ageMs(0, 0), 3);
+    pass(1996ms);
+    EXPECT_TRUE(told.empty());
+    pass(1ms);
+    EXPECT_EQ(told, std::vector<std::string>{"Speed=7"}); // the heartbeat
+    workers[0].reset();
+    settle();
+    wall.advance(tenYears);
+    pass(999ms);
+    EXPECT_EQ(workers.size(), 1U);
+    pass(1ms);
+    ASSERT_EQ(workers.size(), 2U);
+    worker(1).sendValue("press", "Speed", 8);
+    settle();
+    EXPECT_EQ(*lines->latest(0, 0).time, 1000 + tenYears); // only the stamp moves
+}
+
+TEST_F(LinesTest, EndsASilentWorkerAfterTheSameTimeWhenTheWallClockIsSetBack)
+{
+    start();
+    for (int i = 0; i < 99; ++i) {
+        worker(1).beat();
+        settle();
+        wall.advance(-3600000);
+        pass(100ms);
+    }
+    EXPECT_TRUE(worker(0).isOpen());
+    pass(100ms);
+    EXPECT_FALSE(worker(0).isOpen());
+    EXPECT_TRUE(worker(1).isOpen());
 }
 
 TEST_F(LinesTest, MarksValuesOfASilentWorkerStaleBeforeItIsEnded)
