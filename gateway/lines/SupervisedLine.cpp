@@ -72,11 +72,26 @@ void SupervisedLine::tick(bool mayStart)
         tell(state.key(), *state);
 }
 
-void SupervisedLine::tellValue(int variable)
+bool SupervisedLine::isNews(int variable)
 {
     const GatewayValue& value = m_image.value(variable);
-    if (m_filter.isNews(variable, {value.type, value.bytes, value.quality, value.error},
-                        m_clock.now()))
+    return m_filter.isNews(variable, {value.type, value.bytes, value.quality, value.error},
+                           m_clock.now());
+}
+
+// Listeners know the values that are kept: dead bands and heartbeats go on from them.
+void SupervisedLine::keepValues(const SupervisedLine& old)
+{
+    m_image.keepValues(old.m_image);
+    for (int i = 0; i < m_image.size(); ++i) {
+        if (m_image.value(i).quality != host::Quality::Never)
+            isNews(i);
+    }
+}
+
+void SupervisedLine::tellValue(int variable)
+{
+    if (isNews(variable))
         m_owner.handleValue(*this, variable);
 }
 

@@ -41,7 +41,7 @@ public:
     void pumpRequests();
 
     /// Takes over values of the line that this one replaces.
-    void keepValues(const SupervisedLine& old) { m_image.keepValues(old.m_image); }
+    void keepValues(const SupervisedLine& old);
     /// Ends the worker and answers all requests; see Supervisor::retire().
     int retire(const QString& reason);
 
@@ -60,6 +60,7 @@ private:
     void takeStatus(const Json& status);
     void takeState(const Json& event);
     void tell(int station, const State& state);
+    bool isNews(int variable);
     void tellValue(int variable);
     void tellAll(const QVector<int>& variables);
     void markDown(const QString& reason);

@@ -587,6 +587,27 @@ TEST_F(LinesTest, KeepsValuesOfUnchangedVariablesOfAChangedLine)
     EXPECT_EQ(workers.size(), 3U);
 }
 
+TEST_F(LinesTest, GoesOnWithHeartbeatsAndDeadBandsOfValuesThatAreKept)
+{
+    const std::string beating = R"({"name": "Speed", "tag": "T", "deadband": 5,
+                                    "heartbeatMs": 2000})";
+    lines->setLines({lineOf("press", beating)});
+    settle();
+    worker(0).sendValue("press", "Speed", 1);
+    settle();
+    lines->setLines({lineOf("press", beating + R"(, {"name": "Level", "tag": "L"})")});
+    settle();
+    ASSERT_EQ(workers.size(), 2U);
+    told.clear();
+    worker(1).sendValue("press", "Speed", 1);
+    settle();
+    worker(1).sendValue("press", "Speed", 2);
+    settle();
+    EXPECT_TRUE(told.empty());
+    pass(2s);
+    EXPECT_EQ(told, std::vector<std::string>{"Speed=2"});
+}
+
 TEST_F(LinesTest, AnswersTheRequestsOfALineThatIsRemoved)
 {
     start();
