@@ -316,10 +316,11 @@ void HistoryWriter::handleFailure(const UserError& error)
     const auto* refused = dynamic_cast<const host::DatabaseError*>(&error);
     if (refused && refused->isDamage() && setAside(error))
         return;
-    m_failed = true;
     const QString reason = QString::fromUtf8(error.what());
-    if (m_stopped.isEmpty())
+    // Each attempt that follows belongs to the same stop.
+    if (!m_failed)
         m_stopped = reason;
+    m_failed = true;
     setState(QStringLiteral("stopped"), reason);
 }
 
