@@ -233,13 +233,15 @@ void GatewayTest::removeLine(const QString& name)
     }
 }
 
-void GatewayTest::startSimulator(const QString& name)
+void GatewayTest::startSimulator(const QString& name, const QStringList& options)
 {
     Line* line = lineNamed(name);
     ASSERT_TRUE(line);
     line->simulator = std::make_unique<QProcess>();
-    line->simulator->start(QStringLiteral(MICRO850_SIM), {path(name + QStringLiteral(".tags.json")),
-                                                          "--quiet", "--link", device(name)});
+    line->simulator->start(
+        QStringLiteral(MICRO850_SIM),
+        QStringList{path(name + QStringLiteral(".tags.json")), "--quiet", "--link", device(name)} +
+            options);
     ASSERT_TRUE(line->simulator->waitForReadyRead(kGatewayLimitMs))
         << line->simulator->readAllStandardError().toStdString();
     ASSERT_TRUE(QFile::exists(device(name)));

@@ -90,7 +90,7 @@ protected:
     /// Keys of the configuration besides "lines" and "socket", each with a comma at its end.
     void setConfigurationKeys(const std::string& keys) { m_keys = keys; }
 
-    void startSimulator(const QString& name);
+    void startSimulator(const QString& name, const QStringList& options = QStringList());
     void signalSimulator(const QString& name, int signal) const;
     /// Ends it with SIGKILL. Its device is gone then.
     void killSimulator(const QString& name);

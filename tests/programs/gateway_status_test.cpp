@@ -1,6 +1,8 @@
 #include "gateway_fixture.h"
 #include "program_fixture.h"
 
+#include <QtCore/QRegularExpression>
+
 namespace {
 
 /// The commands that ask a running gateway.
@@ -84,4 +86,36 @@ TEST_F(GatewayStatus, StaysThatOfTheOldConfigurationWhenTheNewOneIsWrong)
         << result.err;
     EXPECT_TRUE(waitForLog("none.json: cannot be read")) << log().toStdString();
     statusWith(", 1 variable, ");
+}
+
+TEST_F(GatewayStatus, TellsWhatALineCannotHoldAndLogsItOnce)
+{
+    addLineOnly("oven",
+                R"({"name": "Speed", "type": "INT", "value": 1}, {"name": "Level", "type": "INT"})",
+                R"({"tag": "Speed", "intervalMs": 40}, {"tag": "Level", "intervalMs": 40})");
+    startSimulator("oven",
+                   {"--faults", file("slow.json", R"({"faults": [{"fault": "delay", "rate": 1,
+                                                                  "seconds": 0.1}]})")});
+    configure();
+    EXPECT_EQ(gateway({"reload"}).status, 0);
+    ASSERT_TRUE(waitForLog("oven: the line is ")) << log().toStdString();
+    const QRegularExpression form("oven: (the line is (\\d+) % asked for: \\w+ is read every "
+                                  "([0-9.]+) s instead of 0.04 s)\n");
+    const QRegularExpressionMatch logged = form.match(log());
+    ASSERT_TRUE(logged.hasMatch()) << log().toStdString();
+    EXPECT_GE(logged.captured(2).toInt(), 240); // a reply takes 100 ms at least
+    EXPECT_GE(logged.captured(3).toDouble(), 0.1);
+    const auto lines = nlohmann::json::parse(gateway({"status", "--json"}).out)["lines"];
+    EXPECT_EQ(lines[1]["line"], "oven");
+    const std::string told = lines[1].value("overload", "");
+    EXPECT_NE(told.find(" % asked for: "), std::string::npos) << lines.dump();
+    statusWith(" % asked for: ");
+    EXPECT_FALSE(lines[0].contains("overload"));
+    // Each text is logged once, although the worker tells it every second.
+    const QString all = log();
+    QStringList texts;
+    for (auto match = form.globalMatch(all); match.hasNext();)
+        texts.append(match.next().captured(1));
+    EXPECT_EQ(texts.removeDuplicates(), 0) << all.toStdString();
+    EXPECT_EQ(all.count("press: the line is "), 0);
 }
