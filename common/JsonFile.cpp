@@ -36,6 +36,17 @@ std::string reasonOf(const json::exception& error, const char* begin)
     return shortened(at == std::string::npos ? what : what.substr(at), kLongestReason);
 }
 
+// A value or a key came where only a comma or the end of the object or array can be.
+bool lacksComma(const std::string& reason)
+{
+    const auto has = [&reason](const char* text) { return reason.find(text) != std::string::npos; };
+    const bool atEnd = has("; expected '}'") || has("; expected ']'");
+    return atEnd &&
+           (has("unexpected string literal") || has("unexpected number literal") ||
+            has("unexpected true literal") || has("unexpected false literal") ||
+            has("unexpected null literal") || has("unexpected '{'") || has("unexpected '['"));
+}
+
 struct CloseFile
 {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -93,8 +104,9 @@ public:
     bool parse_error(std::size_t byte, const std::string&, const json::exception& error) override
     {
         const bool number = dynamic_cast<const json::out_of_range*>(&error) != nullptr;
-        throw UserError(':' + placeOf(m_text, byte) + ": " +
-                        reasonOf(error, number ? "number overflow" : "syntax error"));
+        const std::string reason = reasonOf(error, number ? "number overflow" : "syntax error");
+        throw UserError(':' + placeOf(m_text, byte) + ": " + reason +
+                        (lacksComma(reason) ? " (is a comma missing?)" : ""));
     }
 
 private:

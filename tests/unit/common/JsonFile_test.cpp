@@ -32,6 +32,23 @@ TEST(JsonFile, ReportsLineAndColumnOfASyntaxError)
     EXPECT_EQ(complaint.rfind("plant.json:2:10: syntax error", 0), 0u) << complaint;
 }
 
+TEST(JsonFile, AsksForACommaOnlyWhereOneCanBeMissing)
+{
+    const char kHint[] = " (is a comma missing?)";
+    for (const char* text : {R"({"a": 1 "b": 2})", "[1 2]", "[{} {}]", "[1 [2]]", "[1 true]",
+                             R"({"a": {} "b": 2})", R"(["x" null])"})
+    {
+        const std::string complaint = complaintOf([text] { parsed(text); });
+        EXPECT_NE(complaint.find(kHint), std::string::npos) << text << ": " << complaint;
+    }
+    for (const char* text : {R"({"a": 1,, "b": 2})", "[1 }", R"({"a" 1})", "[1, ", "{} {}", "{1}"})
+    {
+        const std::string complaint = complaintOf([text] { parsed(text); });
+        EXPECT_NE(complaint.find("syntax error"), std::string::npos) << text;
+        EXPECT_EQ(complaint.find(kHint), std::string::npos) << text << ": " << complaint;
+    }
+}
+
 TEST(JsonFile, AllowsComments)
 {
     EXPECT_EQ(parsed("{ // a comment\n \"a\": 1 }").at("a").integer(0, 9), 1);
