@@ -2,8 +2,9 @@
 
 #include "gateway_fixture.h"
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
-#include <QtCore/QThread>
+#include <QtCore/QRegularExpression>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -38,6 +39,14 @@ protected:
         return waitForLog(QString::fromLatin1(name) + ": station 1: connected", times);
     }
     int count(const char* text) { return log().count(QLatin1String(text)); }
+    // How many messages its controller got.
+    int messagesOf(const QString& name)
+    {
+        const QStringList words = simulatorStatus(name).split(' ');
+        const int at = words.indexOf(QRegularExpression(QStringLiteral("messages?,")));
+        EXPECT_GT(at, 0);
+        return words.value(at - 1).toInt();
+    }
     static bool exists(qint64 pid) { return ::kill(static_cast<pid_t>(pid), 0) == 0; }
     static void send(qint64 pid, int signal)
     {
@@ -365,14 +374,69 @@ TEST_F(GatewayLinesTest, KeepsItsWorkersWhenItStoodStillItself)
 {
     startTwoLines({QLatin1String(kShortHeartbeat)});
     const std::vector<qint64> before = workers();
+    const int limitMs = 2000;
+    const QString press = QStringLiteral("press");
     signalGateway(SIGSTOP);
-    QThread::sleep(4); // twice the time after which a silent worker would be ended
+    // Meanwhile the worker goes on reading. It ends when it has done so for longer than the time
+    // after which a silent worker is ended.
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_TRUE(waitUntil([&] {
+        const int first = messagesOf(press);
+        return waitUntil([&] { return messagesOf(press) > first; }) && timer.hasExpired(limitMs);
+    }));
     signalGateway(SIGCONT);
     const auto client = connect();
     client->request(
         {{"request", "read"}, {"line", "press"}, {"names", {"Speed"}}, {"fresh", true}});
     EXPECT_EQ(workers(), before);
     EXPECT_EQ(count("the worker of this line ended"), 0);
+}
+
+// All stations of a line are one controller: the number is not on the wire.
+TEST_F(GatewayLinesTest, ServesSeveralStationsOfALineAndSaysWhichOneIsDisabled)
+{
+    addLine(QStringLiteral("press"), kTags, kVariables);
+    file(QStringLiteral("press.json"),
+         R"({"port": {"device": ")" + device(QStringLiteral("press")).toStdString() +
+             R"("}, "stations": [{"number": 1}, {"number": 5, "name": "filler"},
+                 {"number": 9, "enabled": false}], "variables": [
+                 {"name": "Near", "tag": "Speed"},
+                 {"name": "Far", "tag": "Speed", "station": 5, "writable": true},
+                 {"name": "Off", "tag": "Level", "station": 9}]})");
+    startGateway();
+    const auto client = connect();
+    client->request({{"request", "subscribe"}});
+    EXPECT_EQ(client->value("Near", isGood)["station"], 1);
+    const GatewayClient::Json far = client->value("Far", isGood);
+    EXPECT_EQ(far["value"], 1234);
+    EXPECT_EQ(far["station"], 5);
+    ASSERT_TRUE(waitForConnection("press")) << log().toStdString();
+    ASSERT_TRUE(waitForLog(QStringLiteral("press: station 5: connected"))) << log().toStdString();
+    const auto read = [&client](const char* name, bool isFresh) {
+        return client->request({{"request", "read"}, {"names", {name}}, {"fresh", isFresh}});
+    };
+    const GatewayClient::Json off = read("Off", false)["values"][0];
+    EXPECT_EQ(off["quality"], "never");
+    EXPECT_NE(off["error"].get<std::string>().find("disabled"), std::string::npos) << off.dump();
+    EXPECT_EQ(read("Off", true)["error"]["code"], "unreachable");
+    const GatewayClient::Json written =
+        client->request({{"request", "write"}, {"name", "Far"}, {"value", 77}});
+    EXPECT_EQ(written["outcome"], "written") << written.dump();
+    EXPECT_EQ(client->value("Far", [](const auto& value) { return value["value"] == 77; })["line"],
+              "press");
+    EXPECT_TRUE(
+        client->value("Near", [](const auto& value) { return value["value"] == 77; }).is_object());
+    GatewayClient::Json stations;
+    // The worker tells it once a second.
+    EXPECT_TRUE(waitUntil([&] {
+        stations = client->request({{"request", "status"}})["lines"][0]["stations"];
+        return stations.size() == 3 && stations[0]["state"] == "connected" &&
+               stations[1]["state"] == "connected";
+    })) << stations.dump();
+    ASSERT_EQ(stations.size(), 3U) << stations.dump();
+    EXPECT_EQ(stations[2]["state"], "disabled");
+    EXPECT_EQ(stations[2]["sent"], 0);
 }
 
 TEST_F(GatewayLinesTest, TellsTheServiceManagerHowItDoes)
