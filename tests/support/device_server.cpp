@@ -143,6 +143,15 @@ void DeviceServer::stop()
     m_process.reset();
 }
 
+void DeviceServer::kill()
+{
+    if (!m_process)
+        return;
+    m_process->kill();
+    m_process->waitForFinished(kLimitMs);
+    m_process.reset();
+}
+
 void DeviceServer::stall()
 {
     signal(SIGSTOP);

@@ -37,6 +37,8 @@ public:
     bool start();
     /// Ends the server and its connections.
     void stop();
+    /// Ends it with SIGKILL.
+    void kill();
     /// Lets the server stand still, or go on.
     void stall();
     void resume();
