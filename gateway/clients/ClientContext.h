@@ -25,6 +25,8 @@ struct ClientNeeds
 /// The same with what all clients share.
 struct ClientContext : ClientNeeds
 {
+    // cppcheck does not see that copying the needs sets their references.
+    // cppcheck-suppress uninitDerivedMemberVar
     explicit ClientContext(const ClientNeeds& needs) : ClientNeeds(needs) { texts.reset(); }
     ClientContext(const ClientContext&) = delete;
     ClientContext& operator=(const ClientContext&) = delete;

@@ -63,7 +63,7 @@ void Subscription::add(int number)
 
 QByteArray Subscription::take(ValueTexts& texts, int most)
 {
-    QByteArray line = "{\"event\":\"values\",\"subscription\":" + QByteArray::number(m_id);
+    QByteArray line = R"({"event":"values","subscription":)" + QByteArray::number(m_id);
     if (m_leftOut > 0)
         line += ",\"leftOut\":" + QByteArray::number(m_leftOut);
     m_leftOut = 0;

@@ -183,13 +183,16 @@ void HistoryWriter::tryToRecord()
         setState(QStringLiteral("off"), QString());
         return;
     }
-    try {
-        open();
-        record();
-        m_failed = false;
-        setState(QStringLiteral("recording"), QString());
-    } catch (const UserError& error) {
-        handleFailure(error);
+    for (bool isToBeTried = true; isToBeTried;) {
+        try {
+            open();
+            record();
+            m_failed = false;
+            setState(QStringLiteral("recording"), QString());
+            isToBeTried = false;
+        } catch (const UserError& error) {
+            isToBeTried = handleFailure(error);
+        }
     }
 }
 
@@ -310,21 +313,22 @@ void HistoryWriter::finishTransaction(qint64 rows)
 
 // ---- What goes wrong ----------------------------------------------------------------------------
 
-void HistoryWriter::handleFailure(const UserError& error)
+// True when the recording can go on with a new file.
+bool HistoryWriter::handleFailure(const UserError& error)
 {
     m_file.reset();
     const auto* refused = dynamic_cast<const host::DatabaseError*>(&error);
     if (refused && refused->isDamage() && setAside(error))
-        return;
+        return true;
     const QString reason = QString::fromUtf8(error.what());
     // Each attempt that follows belongs to the same stop.
     if (!m_failed)
         m_stopped = reason;
     m_failed = true;
     setState(QStringLiteral("stopped"), reason);
+    return false;
 }
 
-// True when the recording can go on with a new file.
 bool HistoryWriter::setAside(const UserError& error)
 {
     const auto now = SteadyTime::now();
@@ -345,7 +349,6 @@ bool HistoryWriter::setAside(const UserError& error)
         setState(QStringLiteral("stopped"), QString::fromUtf8(failure.what()));
         return false;
     }
-    tryToRecord();
     return true;
 }
 

@@ -63,7 +63,7 @@ private:
     void followClock(const HistoryStamp& stamp);
     void advance(const HistoryStamp& stamp);
     void note(const QString& state, const QString& text);
-    void handleFailure(const UserError& error);
+    bool handleFailure(const UserError& error);
     bool setAside(const UserError& error);
     void setState(const QString& state, const QString& reason);
 

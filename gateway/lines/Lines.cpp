@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -112,7 +113,7 @@ std::unique_ptr<SupervisedLine> Lines::takeUnchanged(const LineSettings& setting
 {
     for (auto& line : m_lines) {
         if (line && isSame(line->settings(), settings))
-            return std::move(line);
+            return std::exchange(line, nullptr);
     }
     return nullptr;
 }

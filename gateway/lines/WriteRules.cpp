@@ -18,8 +18,6 @@ namespace micro850::gateway {
 using host::Scaling;
 using host::Variable;
 
-// Moving a Json value does not throw, which the analysis cannot see.
-// NOLINTNEXTLINE(bugprone-exception-escape)
 struct WriteRules::Pending
 {
     Writer writer;

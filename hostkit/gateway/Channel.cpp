@@ -22,7 +22,8 @@ Channel::~Channel()
 
 bool Channel::receive()
 {
-    std::array<char, 64 * 1024> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    std::array<char, std::size_t(64) * 1024>
+        bytes; // NOLINT(cppcoreguidelines-pro-type-member-init)
     ssize_t got = -1;
     do {
         got = ::recv(m_socket, bytes.data(), bytes.size(), MSG_DONTWAIT);

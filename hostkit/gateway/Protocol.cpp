@@ -120,31 +120,31 @@ QByteArray encoded(const GatewayValue& value)
     const int kUsual = 320;
     QByteArray text;
     text.reserve(kUsual + value.bytes.size() * 2);
-    text.append("{\"line\":");
+    text.append(R"({"line":)");
     appendText(text, value.line);
-    text.append(",\"name\":");
+    text.append(R"(,"name":)");
     appendText(text, value.name);
-    text.append(",\"station\":").append(QByteArray::number(value.station)).append(",\"tag\":");
+    text.append(R"(,"station":)").append(QByteArray::number(value.station)).append(R"(,"tag":)");
     appendText(text, value.tag);
-    text.append(",\"element\":").append(QByteArray::number(value.element));
+    text.append(R"(,"element":)").append(QByteArray::number(value.element));
     if (value.type)
-        text.append(",\"type\":\"").append(value.type->name).append("\",\"value\":");
+        text.append(R"(,"type":")").append(value.type->name).append(R"(","value":)");
     else
-        text.append(",\"type\":null,\"value\":");
+        text.append(R"(,"type":null,"value":)");
     appendJson(text, value.value);
-    text.append(",\"quality\":\"").append(qualityText(value.quality).toLatin1());
+    text.append(R"(,"quality":")").append(qualityText(value.quality).toLatin1());
     if (value.time)
-        text.append("\",\"time\":\"").append(timeText(*value.time).toLatin1()).append('"');
+        text.append(R"(","time":")").append(timeText(*value.time).toLatin1()).append('"');
     else
-        text.append("\",\"time\":null");
+        text.append(R"(","time":null)");
     if (!value.bytes.isEmpty())
-        text.append(",\"bytes\":\"").append(value.bytes.toHex()).append('"');
+        text.append(R"(,"bytes":")").append(value.bytes.toHex()).append('"');
     if (!value.unit.isEmpty()) {
-        text.append(",\"unit\":");
+        text.append(R"(,"unit":)");
         appendText(text, value.unit);
     }
     if (!value.error.isEmpty()) {
-        text.append(",\"error\":");
+        text.append(R"(,"error":)");
         appendText(text, value.error);
     }
     return text.append('}');

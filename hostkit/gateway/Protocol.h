@@ -21,8 +21,6 @@ const int kLongestRequest = 64 * 1024;
 const int kLongestReply = 1024 * 1024;
 
 /// A variable's value as the protocol carries it.
-// Moving a Json value does not throw, which the analysis cannot see.
-// NOLINTNEXTLINE(bugprone-exception-escape)
 struct GatewayValue
 {
     QString line;

@@ -167,18 +167,16 @@ void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const Re
 {
     // A controller that does not know the connection did not carry out the request, unless it did
     // when the request was sent before.
-    if (!succeeded && operation.abandoned)
-        fail(operation, status.failure);
-    else if (!succeeded && operation.unanswered)
-        failUnanswered(operation, status);
-    else if (!succeeded && status.connectionLost && ++operation.attempts < kAttempts)
-        waitAgain(operation);
-    else if (!succeeded)
-        fail(operation, status.failure);
-    else if (!status.refusal.isEmpty())
-        end(operation, Operation::State::Refused, status.refusal);
-    else
+    if (succeeded && status.refusal.isEmpty())
         end(operation, Operation::State::Done);
+    else if (succeeded)
+        end(operation, Operation::State::Refused, status.refusal);
+    else if (operation.unanswered && !operation.abandoned)
+        failUnanswered(operation, status);
+    else if (!operation.abandoned && status.connectionLost && ++operation.attempts < kAttempts)
+        waitAgain(operation);
+    else
+        fail(operation, status.failure);
 }
 
 bool OperationQueue::noteUnanswered(int id, const TagKey& key)

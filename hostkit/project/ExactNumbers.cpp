@@ -22,8 +22,9 @@ std::optional<Whole> wholeOf(const CipValue& value)
         return Whole{false, value.boolean() ? 1U : 0U};
     case CipKind::Signed: {
         const std::int64_t number = value.signedNumber();
-        const auto bits = static_cast<std::uint64_t>(number);
-        return Whole{number < 0, number < 0 ? 0 - bits : bits};
+        if (number < 0)
+            return Whole{true, 0 - static_cast<std::uint64_t>(number)};
+        return Whole{false, static_cast<std::uint64_t>(number)};
     }
     case CipKind::Unsigned:
     case CipKind::Bits:

@@ -25,8 +25,6 @@ struct HistoryVariable
 };
 
 /// A variable at one time.
-// Moving a Json value does not throw, which the analysis cannot see.
-// NOLINTNEXTLINE(bugprone-exception-escape)
 struct HistoryValue
 {
     std::shared_ptr<const HistoryVariable> variable;
@@ -42,8 +40,6 @@ struct HistoryValue
 };
 
 /// A write of the journal.
-// Moving a Json value does not throw, which the analysis cannot see.
-// NOLINTNEXTLINE(bugprone-exception-escape)
 struct HistoryWrite
 {
     qint64 time = 0;
