@@ -8,6 +8,15 @@ using namespace micro850;
 
 namespace {
 
+int runLine(CommandLine& line, std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), "prog");
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments)
+        pointers.push_back(argument.data());
+    return line.run(static_cast<int>(pointers.size()), pointers.data());
+}
+
 /// A program with one command, "go".
 class CommandLineTest : public ::testing::Test
 {
@@ -23,14 +32,7 @@ protected:
         go.flag("--loud", loud, "Sing");
         go.flagThatClears("--no-rest", rests, "Do not rest");
     }
-    int run(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), "prog");
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments)
-            pointers.push_back(argument.data());
-        return line.run(static_cast<int>(pointers.size()), pointers.data());
-    }
+    int run(const std::vector<std::string>& arguments) { return runLine(line, arguments); }
     std::string complaint(const std::vector<std::string>& arguments)
     {
         try {
@@ -125,14 +127,7 @@ protected:
             return 5;
         });
     }
-    int run(std::vector<std::string> arguments)
-    {
-        arguments.insert(arguments.begin(), "prog");
-        std::vector<char*> pointers;
-        for (std::string& argument : arguments)
-            pointers.push_back(argument.data());
-        return line.run(static_cast<int>(pointers.size()), pointers.data());
-    }
+    int run(const std::vector<std::string>& arguments) { return runLine(line, arguments); }
 
     CommandLine line;
     std::string file = "none";
