@@ -188,29 +188,33 @@ bool CrashDisk::popFailure()
     return true;
 }
 
-std::map<std::string, std::string> CrashDisk::contentAfter(std::size_t count,
-                                                           std::mt19937* random) const
+void CrashDisk::replay(const Step& step)
 {
-    std::map<std::string, std::string> content;
-    std::map<std::string, std::vector<const Step*>> waiting;
-    for (std::size_t i = 0; i < count; ++i) {
-        const Step& step = m_steps[i];
-        std::vector<const Step*>& pending = waiting[step.file];
-        if (step.kind == Kind::Sync) {
-            for (const Step* each : pending)
-                apply(content[step.file], *each, each->bytes.size());
-            pending.clear();
-        } else if (step.kind == Kind::Remove) {
-            content.erase(step.file);
-            pending.clear();
-        } else {
-            pending.push_back(&step);
-            content[step.file];
-        }
+    std::vector<const Step*>& pending = m_replayed.waiting[step.file];
+    if (step.kind == Kind::Sync) {
+        for (const Step* each : pending)
+            apply(m_replayed.content[step.file], *each, each->bytes.size());
+        pending.clear();
+    } else if (step.kind == Kind::Remove) {
+        m_replayed.content.erase(step.file);
+        pending.clear();
+    } else {
+        pending.push_back(&step);
+        m_replayed.content[step.file];
     }
-    for (auto& [file, pending] : waiting) {
-        if (!random)
-            continue;
+}
+
+std::map<std::string, std::string> CrashDisk::contentAfter(std::size_t count, std::mt19937* random)
+{
+    if (count < m_replayed.steps)
+        m_replayed = {};
+    for (; m_replayed.steps < count; ++m_replayed.steps)
+        replay(m_steps[m_replayed.steps]);
+    std::map<std::string, std::string> content = m_replayed.content;
+    if (!random)
+        return content;
+    for (const auto& [file, all] : m_replayed.waiting) {
+        std::vector<const Step*> pending = all;
         std::shuffle(pending.begin(), pending.end(), *random);
         pending.resize(pending.empty() ? 0 : (*random)() % (pending.size() + 1));
         for (const Step* each : pending) {

@@ -34,11 +34,23 @@ public:
     bool popFailure();
 
     /// The content of each file after a power cut behind the first `count` steps. Of what was not
-    /// synchronised by then, `random` chooses; without it nothing is there.
-    std::map<std::string, std::string> contentAfter(std::size_t count, std::mt19937* random) const;
+    /// synchronised by then, `random` chooses; without it nothing is there. Replays only the steps
+    /// since the last call, so that counts that rise take the least time. Nothing is to be written
+    /// any more.
+    std::map<std::string, std::string> contentAfter(std::size_t count, std::mt19937* random);
 
 private:
+    /// The files after the first steps.
+    struct Replayed
+    {
+        std::size_t steps = 0;
+        std::map<std::string, std::string> content;              ///< what is synchronised
+        std::map<std::string, std::vector<const Step*>> waiting; ///< what is not
+    };
+    void replay(const Step& step);
+
     std::vector<Step> m_steps;
+    Replayed m_replayed;
     int m_failingSyncs = 0;
 };
 
