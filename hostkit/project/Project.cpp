@@ -12,6 +12,7 @@
 #include <QtCore/QSet>
 
 #include <algorithm>
+#include <cfloat>
 #include <charconv>
 #include <cmath>
 
@@ -242,6 +243,60 @@ bool hasSpan(const CipType& type, bool scaled)
     return isNumber(type) && (scaled || !dateExample(type));
 }
 
+struct Range
+{
+    CipValue least;
+    CipValue most;
+};
+
+// Of the values of a number type, as a variable with this gain and offset shows them.
+Range rangeOf(const CipType& type, const Variable& variable)
+{
+    const int bits = 8 * type.size;
+    Range range = {CipValue::ofSigned(0), CipValue::ofUnsigned(UINT64_MAX >> (64 - bits))};
+    if (type.kind == CipKind::Signed)
+        range = {CipValue::ofSigned(INT64_MIN >> (64 - bits)),
+                 CipValue::ofSigned(INT64_MAX >> (64 - bits))};
+    else if (type.kind == CipKind::Real && type.size == int(sizeof(float)))
+        range = {CipValue::ofReal(-double(FLT_MAX)), CipValue::ofReal(double(FLT_MAX))};
+    else if (type.kind == CipKind::Real)
+        range = {CipValue::ofReal(-DBL_MAX), CipValue::ofReal(DBL_MAX)};
+    if (!variable.isScaled())
+        return range;
+    const double one = range.least.number() * variable.gain + variable.offset;
+    const double other = range.most.number() * variable.gain + variable.offset;
+    return {CipValue::ofReal(std::min(one, other)), CipValue::ofReal(std::max(one, other))};
+}
+
+// Scaled, the ends of the range are rounded.
+bool isBeyond(const CipValue& limit, const Range& range, bool scaled)
+{
+    if (compareNumbers(limit, range.least) >= 0 && compareNumbers(limit, range.most) <= 0)
+        return false;
+    const double kRounding = 1e-12;
+    const double number = limit.number();
+    const double slack =
+        scaled ? kRounding * std::max(std::abs(range.least.number()), std::abs(range.most.number()))
+               : 0;
+    return !scaled || number < range.least.number() - slack || number > range.most.number() + slack;
+}
+
+// A limit that no value can reach is a mistake in the number or in the type.
+void requireReachableLimits(const JsonNode& node, const Variable& variable)
+{
+    if (!variable.type || !hasSpan(*variable.type, variable.isScaled()))
+        return;
+    const Range range = rangeOf(*variable.type, variable);
+    const auto require = [&](const char* key, const std::optional<CipValue>& limit) {
+        if (limit && isBeyond(*limit, range, variable.isScaled()))
+            node.at(key).fail(node.at(key).found() + " is beyond the range of " +
+                              variable.type->name + (variable.isScaled() ? " as it is shown" : "") +
+                              " (" + range.least.text() + " to " + range.most.text() + ')');
+    };
+    require("minimum", variable.minimum);
+    require("maximum", variable.maximum);
+}
+
 // Follows parseScaling().
 void parseLimits(const JsonNode& node, Variable& variable)
 {
@@ -260,6 +315,7 @@ void parseLimits(const JsonNode& node, Variable& variable)
             node.at(key).fail(std::string(key) + " is for numbers, not for " + variable.type->name +
                               " (leave it out)");
     }
+    requireReachableLimits(node, variable);
 }
 
 void parseRates(const JsonNode& node, Variable& variable)
@@ -306,6 +362,9 @@ Variable variableOf(const JsonNode& node, const Project& before, Used& used)
 
 Project projectOf(const JsonNode& root)
 {
+    if (root.has("lines") && !root.has("variables"))
+        root.fail("is a configuration of micro850-gateway, not a project (check it with "
+                  "micro850-gateway --check, or name one of its projects)");
     root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"});
     Project project;
     Used used;

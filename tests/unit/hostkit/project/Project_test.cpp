@@ -105,13 +105,13 @@ TEST(Project, ReadsTheRulesOfWritesAndKeepsLimitsOf64BitsExact)
 {
     const Project project = Project::fromText(
         R"({"variables": [{"tag": "T", "type": "ULINT", "writable": true,
-                           "minimum": -9223372036854775807, "maximum": 18446744073709551615,
+                           "minimum": 9007199254740993, "maximum": 18446744073709551615,
                            "writesPerMinute": 6},
                           {"tag": "U", "minimum": 1.5}]})",
         "p.json");
     const Variable& variable = project.variables.at(0);
     EXPECT_TRUE(variable.writable);
-    EXPECT_EQ(variable.minimum->signedNumber(), -9223372036854775807);
+    EXPECT_EQ(variable.minimum->signedNumber(), 9007199254740993);
     EXPECT_EQ(variable.maximum->unsignedNumber(), 18446744073709551615U);
     EXPECT_EQ(variable.writesPerMinute, 6);
     EXPECT_FALSE(project.variables.at(1).writable);
@@ -149,6 +149,35 @@ TEST(Project, RefusesLimitsAndDeadBandsThatMeanNothing)
               "p.json: variables[1].minimum: minimum is for numbers, not for DATE (leave it out)");
     EXPECT_EQ(complaint(withVariable(R"({"tag": "T", "type": "BOOL", "maximum": 1})")),
               "p.json: variables[1].maximum: maximum is for numbers, not for BOOL (leave it out)");
+}
+
+TEST(Project, RefusesALimitThatNoValueOfTheTypeReaches)
+{
+    const auto of = [](const char* keys) {
+        return complaint(withVariable(R"({"tag": "T", )" + std::string(keys) + "}"));
+    };
+    EXPECT_EQ(of(R"("type": "INT", "maximum": 32768)"),
+              "p.json: variables[1].maximum: 32768 is beyond the range of INT (-32768 to 32767)");
+    EXPECT_EQ(of(R"("type": "USINT", "minimum": -1)"),
+              "p.json: variables[1].minimum: -1 is beyond the range of USINT (0 to 255)");
+    EXPECT_EQ(of(R"("type": "INT", "gain": 0.1, "maximum": 3276.8)"),
+              "p.json: variables[1].maximum: 3276.8 is beyond the range of INT as it is shown "
+              "(-3276.8 to 3276.7000000000003)");
+    EXPECT_NE(of(R"("type": "REAL", "maximum": 1e39)"), "none");
+    for (const char* reachable :
+         {R"("type": "INT", "minimum": -32768, "maximum": 32767)",
+          R"("type": "ULINT", "minimum": 0, "maximum": 18446744073709551615)",
+          R"("type": "LINT", "minimum": -9223372036854775808, "maximum": 9223372036854775807)",
+          R"("type": "INT", "gain": -0.1, "offset": 5, "minimum": -3271.7, "maximum": 3281.8)",
+          R"("type": "REAL", "maximum": 3.4e38)", R"("maximum": 1e300)"})
+        EXPECT_EQ(of(reachable), "none") << reachable;
+}
+
+TEST(Project, SaysThatAFileIsAConfigurationOfTheGateway)
+{
+    EXPECT_EQ(complaint(R"({"lines": [{"name": "a", "project": "a.json"}]})"),
+              "p.json: is a configuration of micro850-gateway, not a project (check it with "
+              "micro850-gateway --check, or name one of its projects)");
 }
 
 TEST(Project, RefusesRatesThatCannotBeKept)
