@@ -10,7 +10,9 @@
 
 #include <QtCore/QDateTime>
 
+#include <map>
 #include <memory>
+#include <pwd.h>
 
 namespace micro850::host {
 
@@ -87,6 +89,20 @@ std::string lineOf(const HistoryValue& row)
     return line + ')';
 }
 
+// "anna", where the system knows the user; else the number.
+std::string userOf(int uid)
+{
+    const std::size_t kMostKnown = 1000; // a file can name any number of users
+    static std::map<int, std::string> known;
+    const auto found = known.find(uid);
+    if (found != known.end())
+        return found->second;
+    if (known.size() == kMostKnown)
+        known.clear();
+    const passwd* const user = uid < 0 ? nullptr : ::getpwuid(static_cast<uid_t>(uid));
+    return known[uid] = user ? visible(user->pw_name) : std::to_string(uid);
+}
+
 std::string lineOf(const HistoryWrite& row)
 {
     std::string line = exactLocalTimeText(row.time) + ' ' + nameOf(row.line, row.name);
@@ -96,8 +112,8 @@ std::string lineOf(const HistoryWrite& row)
             shownOf(row.newValue) + ", " + visible(row.outcome.toStdString());
     if (!row.error.isEmpty())
         line += " (" + visible(row.error.toStdString()) + ')';
-    return line + ", by " + visible(row.client.toStdString()) + " (user " +
-           std::to_string(row.uid) + ", process " + std::to_string(row.pid) + ')';
+    return line + ", by " + visible(row.client.toStdString()) + " (user " + userOf(row.uid) +
+           ", process " + std::to_string(row.pid) + ')';
 }
 
 std::string lineOf(const HistoryEvent& row)

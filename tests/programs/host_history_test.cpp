@@ -169,7 +169,7 @@ TEST_F(HostHistory, ShowsTheJournalOfWrites)
 {
     HistoryWrite write;
     write.time = utc("2026-11-22T13:00:00.250Z");
-    write.uid = 1000;
+    write.uid = 0;
     write.pid = 42;
     write.client = "operator\x1b[2J";
     write.line = "press";
@@ -179,6 +179,7 @@ TEST_F(HostHistory, ShowsTheJournalOfWrites)
     write.newValue = 2.5;
     write.outcome = "written";
     HistoryWrite refused = write;
+    refused.uid = 2000000001; // of nobody
     refused.element = 0;
     refused.oldValue = nullptr;
     refused.outcome = "not-allowed";
@@ -186,12 +187,12 @@ TEST_F(HostHistory, ShowsTheJournalOfWrites)
     record(std::vector<HistoryWrite>({write, refused}));
     EXPECT_EQ(inBerlin({"--writes"}).out,
               "2026-11-22 14:00:00.250 +01:00 press/Setpoint[2]: 1.5 -> 2.5, written, by "
-              "operator\\x1b[2J (user 1000, process 42)\n"
+              "operator\\x1b[2J (user root, process 42)\n"
               "2026-11-22 14:00:00.250 +01:00 press/Setpoint: ? -> 2.5, not-allowed (above the "
-              "maximum, 2), by operator\\x1b[2J (user 1000, process 42)\n");
+              "maximum, 2), by operator\\x1b[2J (user 2000000001, process 42)\n");
     EXPECT_EQ(linesOf(inBerlin({"--writes", "--csv"}).out).at(2),
               QString("2026-11-22T13:00:00.250Z,press,Setpoint,0,,2.5,not-allowed,\"above the "
-                      "maximum, 2\",\"\"\"operator\\x1b[2J\"\"\",1000,42,2"));
+                      "maximum, 2\",\"\"\"operator\\x1b[2J\"\"\",2000000001,42,2"));
     EXPECT_EQ(linesOf(inBerlin({"--writes", "--json", "--match", "Set*"}).out).size(), 2);
     EXPECT_EQ(inBerlin({"--writes", "--line", "filler"}).out, "");
 }
