@@ -237,7 +237,7 @@ int run(const ReadOptions& options)
     const auto names = [&options](const Project& project) {
         return variablesNamed(options.tags, project);
     };
-    const Route route = routeOf(options.line, "read", output, names);
+    const Route route = routeOf(options.line, "read", output, {names, options.tags});
     Reads reads(options, route.project, output);
     try {
         if (!reads.anyRefused())

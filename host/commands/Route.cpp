@@ -34,6 +34,7 @@ private:
     const GatewayLine* atPort(const QString& device) const;
     GatewayLine named() const;
     GatewayLine byNames(const NamesIn& names) const;
+    [[noreturn]] void refuseNames(const NamesIn& names) const;
     [[noreturn]] void refuse(const std::string& what) const;
 
     GatewayClient& m_gateway;
@@ -64,7 +65,7 @@ GatewayLine LineChoice::choose(const Project* project, const NamesIn& names) con
     }
     if (m_lines.size() == 1)
         return m_lines.first();
-    if (names && !project)
+    if (!names.arguments.empty() && !project)
         return byNames(names);
     refuse("the gateway has several lines: " + listOf(m_lines) + " (choose one with --line)");
 }
@@ -96,7 +97,7 @@ GatewayLine LineChoice::byNames(const NamesIn& names) const
     const GatewayLine* chosen = nullptr;
     QString first;
     for (const GatewayLine& line : m_lines) {
-        const QStringList here = names(projectOf(m_gateway, line));
+        const QStringList here = names.in(projectOf(m_gateway, line));
         if (here.isEmpty())
             continue;
         if (chosen && here.contains(first))
@@ -110,10 +111,26 @@ GatewayLine LineChoice::byNames(const NamesIn& names) const
         first = here.first();
     }
     if (!chosen)
-        refuse("no line of the gateway has a variable of that name; for a tag of a controller "
-               "choose its line with --line (lines: " +
-               listOf(m_lines) + ")");
+        refuseNames(names);
     return *chosen;
+}
+
+void LineChoice::refuseNames(const NamesIn& names) const
+{
+    std::vector<std::string> known;
+    for (const GatewayLine& line : m_lines) {
+        for (const Variable& variable : variablesOf(m_gateway, line.name))
+            known.push_back(variable.name.toStdString());
+    }
+    std::string asked;
+    for (const std::string& argument : names.arguments) {
+        const std::string name =
+            textOf(argument).section('=', 0, 0).section('[', 0, 0).toStdString();
+        asked += (asked.empty() ? "" : " or ") + name + didYouMean(name, known);
+    }
+    refuse("no line of the gateway has a variable " + asked +
+           "; for a tag of a controller choose its line with --line (lines: " + listOf(m_lines) +
+           ")");
 }
 
 void refuseTrace(const LineOptions& options, const QString& path)

@@ -8,6 +8,8 @@
 
 #include <functional>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace micro850::host {
 
@@ -21,15 +23,20 @@ struct Route
     std::optional<GatewayPlace> gateway;
 };
 
-/// The variables of a project that the arguments of a command name.
-using NamesIn = std::function<QStringList(const Project&)>;
+/// What the arguments of a command name.
+struct NamesIn
+{
+    /// The variables of a project among them; null when the command takes no names.
+    std::function<QStringList(const Project&)> in;
+    std::vector<std::string> arguments;
+};
 
 /// Finds the way: through the gateway that the options name, or that owns the port; else over the
 /// port itself. Without a project file, the variables are those of the line of the gateway that is
 /// named; where several lines have a variable that `names` gives, UserError tells how to choose.
 /// Also throws for options that a gateway leaves no place for, such as a trace.
 Route routeOf(const LineOptions& options, const char* command, const Output& output,
-              const NamesIn& names = nullptr);
+              const NamesIn& names = NamesIn());
 
 /// Throws UserError when a gateway owns the port: `command` needs the port for itself.
 void requireOwnPort(const Project& project, const LineOptions& options, const char* command,

@@ -168,7 +168,7 @@ int run(const WatchOptions& options)
     const Output output(options.output.json, options.output.quiet);
     requirePlottable(options);
     const auto names = [&options](const Project& all) { return variablesNamed(options.tags, all); };
-    Route route = routeOf(options.line, "watch", output, names);
+    Route route = routeOf(options.line, "watch", output, {names, options.tags});
     route.project = watchProject(options, route.project);
     options.rates.applyTo(route.project);
     const Project& project = route.project;

@@ -455,7 +455,7 @@ int run(const WriteOptions& options)
     const auto names = [&options](const Project& project) {
         return variablesAssigned(options.assignments, project);
     };
-    const Route route = routeOf(options.line, "write", output, names);
+    const Route route = routeOf(options.line, "write", output, {names, options.assignments});
     Writes writes(options, route.project, output);
     writes.checkAgainstProject();
     try {

@@ -231,6 +231,11 @@ TEST_F(HostGateway, TellsHowToChooseAmongLines)
     EXPECT_NE(both.err.find("--line"), std::string::npos);
     EXPECT_EQ(through({"read", "Speed", "--line", "oven"}).out, "Speed = 8\n");
     EXPECT_EQ(through({"read", "Speed", "--port", device("press")}).out, "Speed = 123.4 rpm\n");
+    EXPECT_NE(
+        through({"read", "Mode"}).err.find("no line of the gateway has a variable Mode; for a tag"),
+        std::string::npos);
+    EXPECT_NE(through({"read", "Heta[1]"}).err.find("a variable Heta (did you mean Heat?); for"),
+              std::string::npos);
     EXPECT_NE(through({"poll", "--seconds", "1"}).err.find("choose one with --line"),
               std::string::npos);
     EXPECT_NE(through({"read", "Speed", "--line", "pres"}).err.find("did you mean press?"),
