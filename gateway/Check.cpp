@@ -6,6 +6,8 @@
 #include "UserError.h"
 #include "VisibleText.h"
 
+#include <QtCore/QFileInfo>
+
 #include <iostream>
 
 namespace micro850::gateway {
@@ -32,6 +34,63 @@ std::string summaryOf(const Configuration& configuration)
            " writable), socket " + configuration.socket.path.toStdString() + ", " + recorded;
 }
 
+QString folderOf(const QString& file)
+{
+    return QFileInfo(file).path();
+}
+
+std::string missing(const char* key, const QString& folder)
+{
+    return std::string(key) + ": the folder " + folder.toStdString();
+}
+
+/// What a start would find besides the files that were read.
+class Surroundings
+{
+public:
+    explicit Surroundings(const QString& path) : m_path(path.toStdString()) {}
+
+    // The system makes folders in /run when the service starts, and loses them when it ends.
+    void lookAtSocket(const QString& socket)
+    {
+        const QString folder = folderOf(socket);
+        if (QFileInfo(folder).isDir())
+            return;
+        if (folder.startsWith(QLatin1String("/run/")) && !QFileInfo::exists(folder))
+            note(missing("socket.path", folder) +
+                 " is not there now (systemd makes it for the installed service; else create it "
+                 "before the start)");
+        else
+            mistake(missing("socket.path", folder) +
+                    " is not there, and the service would not start (create it, or choose another "
+                    "path)");
+    }
+    // The service starts, and records as soon as the folder is there.
+    void lookAtHistory(const QString& file)
+    {
+        const QString folder = folderOf(file);
+        if (!file.isEmpty() && !QFileInfo(folder).isDir())
+            note(missing("history.file", folder) +
+                 " is not there, and nothing is recorded until it is (create it, writable for the "
+                 "user of the service)");
+    }
+    bool isGood() const { return m_good; }
+
+private:
+    void note(const std::string& text) const
+    {
+        std::cerr << "micro850-gateway: note: " << visible(m_path + ": " + text) << '\n';
+    }
+    void mistake(const std::string& text)
+    {
+        m_good = false;
+        std::cerr << "micro850-gateway: " << visible(m_path + ": " + text) << '\n';
+    }
+
+    const std::string m_path;
+    bool m_good = true;
+};
+
 } // namespace
 
 int checkConfiguration(const QString& path)
@@ -41,6 +100,11 @@ int checkConfiguration(const QString& path)
     for (const std::string& mistake : mistakes)
         std::cerr << "micro850-gateway: " << mistake << '\n';
     if (!mistakes.empty())
+        return kExitUsage;
+    Surroundings surroundings(path);
+    surroundings.lookAtSocket(configuration.socket.path);
+    surroundings.lookAtHistory(configuration.history.file);
+    if (!surroundings.isGood())
         return kExitUsage;
     writeStandardOutput(visible(path.toStdString()) + ": ok: " + summaryOf(configuration) + '\n');
     return kExitDone;

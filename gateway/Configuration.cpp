@@ -284,6 +284,9 @@ Configuration Configuration::fromFile(const QString& path, std::vector<std::stri
     Mistakes collected(mistakes);
     collected.runs([&] {
         const JsonNode root = JsonNode::fromFile(path.toStdString());
+        if (root.has("variables") && !root.has("lines"))
+            root.fail("is a project of one line, not a configuration of the gateway (name it under "
+                      "\"lines\" of a configuration, or check it with micro850-host check)");
         readAll(root, QFileInfo(path).absolutePath(), configuration, collected);
         checkOwnFiles(root, path, configuration);
     });

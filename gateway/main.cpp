@@ -21,7 +21,14 @@ using namespace micro850;
 
 namespace {
 
-const char kSocketHelp[] = "Socket of the service (default /run/micro850/gateway.sock)";
+const char kSocketHelp[] =
+    "Socket of the service (default $MICRO850_GATEWAY, or else /run/micro850/gateway.sock)";
+
+std::string defaultSocket()
+{
+    const QByteArray named = qgetenv("MICRO850_GATEWAY");
+    return named.isEmpty() ? gateway::ClientSettings().path.toStdString() : named.toStdString();
+}
 
 std::string footer(const char* example)
 {
@@ -46,7 +53,7 @@ int run(int argc, char** argv)
     });
     options.text("CONFIG", configuration, "Configuration file of the service to run");
     options.flag("--check", isCheck, "Only check the configuration and its projects");
-    std::string socket = gateway::ClientSettings().path.toStdString();
+    std::string socket = defaultSocket();
     bool json = false;
     CommandOptions status =
         line.addCommand("status", "Show how the running service and its lines do", [&] {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -27,9 +28,18 @@ const qint64 kMostReplyBytes = qint64(64) * 1024 * 1024;
 const qint64 kMostWaiting = qint64(4) * 1024 * 1024;
 const int kMostClientName = 100;
 
+// The system tells a file like a socket that nobody listens at.
+bool isAnotherFile(const QString& path)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 && !S_ISSOCK(status.st_mode);
+}
+
 [[noreturn]] void refuseConnect(const QString& path, int error)
 {
     using Cause = GatewayLost::Cause;
+    if (isAnotherFile(path))
+        throw GatewayLost(path, "is not a socket (name the socket of micro850-gateway)");
     if (error == ENOENT || error == ENOTDIR)
         throw GatewayLost(path, "there is no such socket (is micro850-gateway running?)",
                           Cause::Missing);

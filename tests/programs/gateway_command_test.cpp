@@ -132,3 +132,59 @@ TEST_F(GatewayCommand, SaysThatNoGatewayAnswers)
             << result.err;
     }
 }
+
+TEST_F(GatewayCommand, SaysThatAFileIsNoSocket)
+{
+    file("gw.log", "");
+    const Result result = gateway({"status", "--socket", "gw.log"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.err, "micro850-gateway: gw.log: is not a socket (name the socket of "
+                          "micro850-gateway)\n");
+}
+
+TEST_F(GatewayCommand, NotesTheFoldersThatAreMissingBeforeAStart)
+{
+    configuration(R"("socket": {"path": "/run/micro850-none/g.sock"},
+                     "history": {"file": "none/h.sqlite"})");
+    const Result noted = gateway({"--check", "gateway.json"});
+    EXPECT_EQ(noted.status, 0);
+    EXPECT_EQ(noted.err,
+              "micro850-gateway: note: gateway.json: socket.path: the folder /run/micro850-none is "
+              "not there now (systemd makes it for the installed service; else create it before "
+              "the start)\n"
+              "micro850-gateway: note: gateway.json: history.file: the folder " +
+                  pathText("none") +
+                  " is not there, and nothing is recorded until it is (create it, writable for the "
+                  "user of the service)\n");
+}
+
+TEST_F(GatewayCommand, RefusesASocketWhoseFolderIsMissing)
+{
+    configuration(R"("socket": {"path": "none/g.sock"})");
+    expectRefused(gateway({"--check", "gateway.json"}),
+                  "micro850-gateway: gateway.json: socket.path: the folder " + pathText("none") +
+                      " is not there, and the service would not start (create it, or choose "
+                      "another path)\n");
+}
+
+TEST_F(GatewayCommand, SaysThatAFileIsAProject)
+{
+    expectRefused(gateway({"--check", "press.json"}),
+                  "micro850-gateway: press.json: is a project of one line, not a configuration of "
+                  "the gateway (name it under \"lines\" of a configuration, or check it with "
+                  "micro850-host check)\n");
+}
+
+TEST_F(GatewayCommand, AsksTheGatewayThatTheEnvironmentNames)
+{
+    for (const char* command : {"status", "reload"}) {
+        const Result named = runProgram(MICRO850_GATEWAY, {command},
+                                        {QStringLiteral("MICRO850_GATEWAY=none.sock")}, path("."));
+        EXPECT_EQ(named.status, 1);
+        EXPECT_EQ(named.err.find("micro850-gateway: none.sock: there is no such socket"), 0u)
+            << named.err;
+        const Result chosen = runProgram(MICRO850_GATEWAY, {command, "--socket", "other.sock"},
+                                         {QStringLiteral("MICRO850_GATEWAY=none.sock")}, path("."));
+        EXPECT_EQ(chosen.err.find("micro850-gateway: other.sock: "), 0u) << chosen.err;
+    }
+}
