@@ -10,6 +10,7 @@
 #include "UserError.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QMap>
 #include <QtCore/QSocketNotifier>
 
 #include <sys/signalfd.h>
@@ -33,6 +34,32 @@ SupervisionSettings supervisionFromEnvironment()
     if (isNumber && milliseconds > 0)
         settings.heartbeatLimit = std::chrono::milliseconds(milliseconds);
     return settings;
+}
+
+// "added: oven; changed: press", by the names of the lines; "no line changed" without any.
+QString changesBetween(const Lines& before, const QVector<LineSettings>& after)
+{
+    QMap<QString, const LineSettings*> old;
+    for (int i = 0; i < before.size(); ++i)
+        old.insert(before.line(i).name, &before.line(i));
+    QStringList added;
+    QStringList changed;
+    for (const LineSettings& line : after) {
+        const LineSettings* const same = old.take(line.name);
+        if (!same)
+            added += line.name;
+        else if (same->projectFile != line.projectFile || same->projectText != line.projectText)
+            changed += line.name;
+    }
+    QStringList parts;
+    const auto tell = [&parts](const char* what, const QStringList& names) {
+        if (!names.isEmpty())
+            parts += QLatin1String(what) + names.join(QStringLiteral(", "));
+    };
+    tell("added: ", added);
+    tell("removed: ", old.keys());
+    tell("changed: ", changed);
+    return parts.isEmpty() ? QStringLiteral("no line changed") : parts.join(QStringLiteral("; "));
 }
 
 /// Signals of the system as events. The heeded are blocked, also in threads that are started
@@ -207,10 +234,11 @@ void Service::applyNewConfiguration()
 
 void Service::apply(const Configuration& configuration)
 {
+    const QString changes = changesBetween(m_lines, configuration.lines);
     m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
-    log(Priority::Notice, QStringLiteral("the configuration was read again: %1")
-                              .arg(counted(m_lines.size(), "line")));
+    log(Priority::Notice, QStringLiteral("the configuration was read again: %1; %2")
+                              .arg(counted(m_lines.size(), "line"), changes));
 }
 
 void Service::stop()

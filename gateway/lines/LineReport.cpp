@@ -157,8 +157,9 @@ QVector<QByteArray> LineReport::popStates()
     const host::LineView line = m_loop.line();
     if (!line.isUp && line.reportedError.isEmpty())
         return events; // it was not tried yet
+    const QString text = host::reportedLineStateText(line);
     addState(events, kLineItself, line.isUp ? QStringLiteral("up") : QStringLiteral("down"),
-             host::reportedLineStateText(line));
+             line.isUp ? text + QStringLiteral(": up") : text);
     if (!line.isUp) {
         // When the line is up again, it is news how they are.
         const Told told = m_told.value(kLineItself);

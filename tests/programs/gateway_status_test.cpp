@@ -70,6 +70,9 @@ TEST_F(GatewayStatus, IsThatOfTheNewConfigurationAfterAReload)
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out, "the configuration was read again\n");
     statusWith(", 2 variables, ");
+    EXPECT_TRUE(waitForLog("the configuration was read again: 1 line; changed: press"))
+        << log().toStdString();
+    EXPECT_TRUE(waitForLog(", 38400 8N1: up")) << log().toStdString();
 }
 
 TEST_F(GatewayStatus, StaysThatOfTheOldConfigurationWhenTheNewOneIsWrong)
