@@ -70,11 +70,18 @@ public:
         if (m_folder.number() < 0)
             fail(path, std::string("its folder: ") + std::strerror(errno),
                  "create the folder, or give another \"path\" of the socket");
-        while (::flock(m_folder.number(), LOCK_EX) != 0 && errno == EINTR) {
+        // Whoever may read the folder can hold the lock; gateways do so for a moment.
+        for (int i = 0; ::flock(m_folder.number(), LOCK_EX | LOCK_NB) != 0; ++i) {
+            if (i == kMostTries)
+                fail(path, "another program has locked its folder", "end that program");
+            ::usleep(kPauseMicroseconds);
         }
     }
 
 private:
+    static constexpr int kMostTries = 100;
+    static constexpr useconds_t kPauseMicroseconds = 10000;
+
     Descriptor m_folder;
 };
 

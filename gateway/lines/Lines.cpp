@@ -8,8 +8,6 @@ namespace micro850::gateway {
 
 namespace {
 
-const int kTickMs = 100;
-
 bool isSame(const LineSettings& a, const LineSettings& b)
 {
     return a.name == b.name && a.projectFile == b.projectFile && a.projectText == b.projectText;
@@ -21,7 +19,7 @@ Lines::Lines(const Clock& clock, const WallClock& wallClock, SupervisionSettings
     : m_clock(clock), m_wallClock(wallClock), m_supervision(std::move(supervision))
 {
     QObject::connect(&m_ticks, &QTimer::timeout, &m_ticks, [this] { tick(); });
-    m_ticks.start(kTickMs);
+    m_ticks.start(kTick);
     m_pumps.setSingleShot(true);
     QObject::connect(&m_pumps, &QTimer::timeout, &m_pumps, [this] {
         for (const auto& line : m_lines)

@@ -60,7 +60,7 @@ void SupervisedLine::tick(bool mayStart)
     m_supervisor.tick(mayStart);
     const bool isSilent = m_clock.now() - m_supervisor.lastHeard() > kSilence;
     tellAll(m_image.markOld(isSilent));
-    const QVector<int> heartbeats = m_filter.popHeartbeats(m_clock.now());
+    const QVector<int> heartbeats = m_filter.popHeartbeats(m_clock.now(), kTick);
     for (const int variable : heartbeats)
         m_owner.handleValue(*this, variable);
     if (!m_supervisor.isSteady())

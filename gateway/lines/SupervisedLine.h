@@ -10,6 +10,9 @@
 
 namespace micro850::gateway {
 
+/// How often SupervisedLine::tick() is called.
+const std::chrono::milliseconds kTick(100);
+
 /// A line of the service: its worker, the latest values, and the requests that wait.
 class SupervisedLine : private Supervisor::Owner
 {

@@ -59,14 +59,16 @@ void ChangeFilter::note(int variable, Duration now)
     m_heartbeats.emplace(now + pause, variable);
 }
 
-QVector<int> ChangeFilter::popHeartbeats(Duration now)
+QVector<int> ChangeFilter::popHeartbeats(Duration now, Duration ahead)
 {
     QVector<int> due;
-    while (!m_heartbeats.empty() && m_heartbeats.begin()->first <= now) {
-        const int variable = m_heartbeats.begin()->second;
+    for (const auto& [time, variable] : m_heartbeats) {
+        if (time > now + ahead)
+            break;
         due.append(variable);
-        note(variable, now);
     }
+    for (const int variable : due)
+        note(variable, now);
     return due;
 }
 

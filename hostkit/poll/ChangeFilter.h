@@ -33,9 +33,10 @@ public:
 
     /// True when the state is to be told now. It then counts as told.
     bool isNews(int variable, const State& state, Duration now);
-    /// The variables whose heartbeat is due; they count as told now. Those that were never told
-    /// have none.
-    QVector<int> popHeartbeats(Duration now);
+    /// The variables whose heartbeat is due before `now` and `ahead`; they count as told now. Who
+    /// asks once in a while gives the time until it asks again, so that none is late. Those that
+    /// were never told have none.
+    QVector<int> popHeartbeats(Duration now, Duration ahead = Duration(0));
     /// When the next heartbeat is due, to wait for; none without heartbeats.
     std::optional<Duration> nextHeartbeat() const;
 

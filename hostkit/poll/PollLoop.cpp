@@ -79,7 +79,8 @@ void PollLoop::step()
     if (!m_line.ensureOpen() || waitsForOtherSerial())
         return;
     handleReopenedLine();
-    const Duration now = m_clock.now();
+    // Where lines are full, a transaction has only just ended.
+    const Duration now = m_idleSteps == 0 && m_schedule.isEmpty() ? m_endedAt : m_clock.now();
     probeDeadStations(now);
     askForTypes(now);
     m_operations.pump(m_stations);
@@ -295,13 +296,22 @@ void PollLoop::finish()
     m_exchange.acknowledge();
 }
 
+// Mostly the one of the transaction before. Stations never come or go.
+Station& PollLoop::stationNumbered(int number)
+{
+    if (!m_latest || m_latest->number() != number)
+        m_latest = &m_stations[number];
+    return *m_latest;
+}
+
 // True when an answer came.
 bool PollLoop::transact(Protocol& sent)
 {
     m_idleSteps = 0;
-    Station& station = m_stations[sent.var.stationNo];
+    Station& station = stationNumbered(sent.var.stationNo);
     const qint64 receivedBefore = station.counters().bytesReceived;
     const Answer answer = runExchange(sent, station.counters());
+    m_endedAt = answer.endedAt;
     ReplyStatus status;
     switch (answer.outcome) {
     case Answer::Outcome::DeviceGone:
@@ -334,7 +344,7 @@ bool PollLoop::transact(Protocol& sent)
 void PollLoop::takeBack(Protocol& next)
 {
     const ReplyStatus status;
-    handleVerdict(m_driver.dropConnection(next), m_stations[next.var.stationNo], status);
+    handleVerdict(m_driver.dropConnection(next), stationNumbered(next.var.stationNo), status);
     m_operations.endFinished(status);
 }
 
@@ -437,7 +447,7 @@ bool PollLoop::waitsForOtherSerial()
     }
     m_nextSerialAt.reset();
     if (Protocol* refused = m_driver.next()) {
-        Station& station = m_stations[refused->var.stationNo];
+        Station& station = stationNumbered(refused->var.stationNo);
         m_driver.reportSilence(*refused);
         handleFailedSetUp(true, station.failure(), station);
     }

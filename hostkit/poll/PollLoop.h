@@ -96,6 +96,7 @@ private:
         int varIndex;
         int element; ///< the first one
     };
+    Station& stationNumbered(int number);
     void probeDeadStations(Duration now);
     bool noneIsServed() const;
     void askForTypes(Duration now);
@@ -142,6 +143,7 @@ private:
     std::function<void(Duration)> m_wait;
     bool m_setsSpeed;
     QMap<int, Station> m_stations;
+    Station* m_latest = nullptr; ///< one of them
     bool m_interrupted = false;
     bool m_someAreDead = false; ///< false: no station is dead
     /// When the driver draws another serial number for the connection that was refused.
@@ -154,6 +156,7 @@ private:
     double m_toldShare = 0; ///< the one in m_overload
     qint64 m_reopened = 0;  ///< times that handleReopenedLine() handled
     int m_idleSteps = 0;    ///< in a row
+    Duration m_endedAt{0};  ///< the last transaction
 };
 
 } // namespace micro850::host

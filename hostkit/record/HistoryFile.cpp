@@ -53,6 +53,8 @@ HistoryFile::HistoryFile(const QString& path, const HistoryLimits& limits, const
 {
     try {
         lock();
+        if (!fileSystem)
+            create();
         m_database = std::make_unique<Database>(path, Database::Access::Write, fileSystem);
         prepare();
         readState();
@@ -87,6 +89,16 @@ void HistoryFile::lock()
         failToWrite(lockName.toStdString(), errno);
     if (::flock(m_lock, LOCK_EX | LOCK_NB) != 0)
         throw HistoryRefused(name + ": another program records into it", kExitRefused);
+}
+
+// The group reads it, and nobody else; the database gives its log the same rights. An error shows
+// when the database is opened.
+void HistoryFile::create() const
+{
+    const int made = ::open(QFile::encodeName(m_path).constData(),
+                            O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0640);
+    if (made >= 0)
+        ::close(made);
 }
 
 void HistoryFile::prepare()

@@ -92,6 +92,7 @@ private:
     using Condition = std::tuple<QString, QString, QString>;
 
     void lock();
+    void create() const;
     void prepare();
     void readState();
     void applyLimits();

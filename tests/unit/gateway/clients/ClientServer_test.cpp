@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -202,6 +204,16 @@ TEST_F(ClientServerTest, RefusesPathsThatAreNoSocketsOrHaveNoFolder)
     EXPECT_NE(complaint().find("its folder: No such file"), std::string::npos);
     path = folder.filePath(QString(200, 'x'));
     EXPECT_NE(complaint().find("1 to 107 bytes"), std::string::npos);
+}
+
+TEST_F(ClientServerTest, DoesNotWaitForEverForALockOfItsFolder)
+{
+    const QByteArray name = QFile::encodeName(folder.path());
+    const int locked = ::open(name.constData(), O_RDONLY | O_DIRECTORY);
+    ASSERT_EQ(::flock(locked, LOCK_EX), 0);
+    EXPECT_NE(complaint().find("another program has locked its folder"), std::string::npos);
+    ::close(locked);
+    EXPECT_NE(serve(), nullptr);
 }
 
 TEST_F(ClientServerTest, LeavesTheSocketOfASuccessorAlone)

@@ -180,3 +180,16 @@ TEST(ChangeFilter, TellsAnUnchangedValueWhenItsHeartbeatIsDue)
     EXPECT_EQ(filter.popHeartbeats(ms(60000)), (QVector<int>{0, 1}));
     EXPECT_EQ(filter.popHeartbeats(ms(60000)), QVector<int>());
 }
+
+TEST(ChangeFilter, TellsAHeartbeatEarlyToWhoAsksOnceInAWhile)
+{
+    const auto ms = [](int time) { return std::chrono::milliseconds(time); };
+    QVector<Variable> variables(1);
+    variables[0].heartbeatMs = 1000;
+    ChangeFilter filter(variables);
+    ASSERT_TRUE(filter.isNews(0, {}, ms(0)));
+    EXPECT_EQ(filter.popHeartbeats(ms(899), ms(100)), QVector<int>());
+    EXPECT_EQ(filter.popHeartbeats(ms(900), ms(100)), QVector<int>{0});
+    EXPECT_EQ(filter.popHeartbeats(ms(1000), ms(100)), QVector<int>());
+    EXPECT_EQ(filter.popHeartbeats(ms(1000), ms(5000)), QVector<int>{0}); // once, not for ever
+}

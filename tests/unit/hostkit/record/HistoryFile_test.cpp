@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <sys/stat.h>
 
 using namespace micro850;
 using namespace micro850::host;
@@ -148,6 +149,21 @@ TEST_F(HistoryFileTest, KeepsAllThatIsKnownOfARow)
               R"({"time":"2026-11-22T13:00:00.002Z","line":"press","station":2,"state":"dead",)"
               R"("text":"station 2: no answer","sequence":3})");
     EXPECT_EQ(events[1].station, -1);
+}
+
+TEST_F(HistoryFileTest, IsForUserAndGroupOnlyWhateverTheUmask)
+{
+    const mode_t before = ::umask(0);
+    HistoryFile file(path(), {});
+    record(file, value(variable("A"), kNow, 1));
+    ::umask(before);
+    for (const char* end : {"", "-wal", "-shm"}) {
+        struct stat found
+        {
+        };
+        ASSERT_EQ(::stat(QFile::encodeName(path() + end).constData(), &found), 0) << end;
+        EXPECT_EQ(found.st_mode & 0777, 0640U) << end;
+    }
 }
 
 TEST_F(HistoryFileTest, CountsOnAfterItWasClosed)
