@@ -240,7 +240,7 @@ WorkerRequests::Target WorkerRequests::targetOf(const JsonNode& request)
     if (target.element >= variable.length)
         throw Refusal{errorcode::kBadRequest, "element: " + inQuotes(name.toStdString()) +
                                                   " has only " + std::to_string(variable.length) +
-                                                  " element(s)"};
+                                                  " element" + (variable.length == 1 ? "" : "s")};
     target.key = {variable.station, variable.tag};
     target.what = placeOf({variable.station, name}, target.element);
     target.element += variable.element;

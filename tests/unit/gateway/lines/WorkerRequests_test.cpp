@@ -108,6 +108,19 @@ TEST_F(WorkerRequestsTest, WritesAnElementWithinAVariable)
         "bad-request");
 }
 
+TEST_F(WorkerRequestsTest, CountsTheElementsOfAVariableInWords)
+{
+    const auto textOf = [this](const char* request) {
+        return carryOut(request)["error"]["text"].get<std::string>();
+    };
+    EXPECT_EQ(
+        textOf(R"({"id": 1, "request": "write", "name": "Levels", "element": 3, "value": 7})"),
+        "element: \"Levels\" has only 3 elements");
+    EXPECT_EQ(textOf(R"({"id": 1, "request": "write", "name": "Speed of press", "element": 1,
+                         "value": 7})"),
+              "element: \"Speed of press\" has only 1 element");
+}
+
 TEST_F(WorkerRequestsTest, WritesBytesOfATag)
 {
     EXPECT_EQ(codeOf(R"({"id": 1, "request": "write", "tag": "Level", "element": 9,
