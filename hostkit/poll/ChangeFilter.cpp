@@ -14,6 +14,7 @@ ChangeFilter::ChangeFilter(const QVector<Variable>& variables)
 bool ChangeFilter::isNews(int variable, const State& state, Duration now)
 {
     Told& told = m_told[variable];
+    told.latest = state;
     const bool news = !told.any || told.state.quality != state.quality ||
                       told.state.error != state.error || hasMoved(variable, told.state, state);
     if (!news)
@@ -67,8 +68,10 @@ QVector<int> ChangeFilter::popHeartbeats(Duration now, Duration ahead)
             break;
         due.append(variable);
     }
-    for (const int variable : due)
+    for (const int variable : due) {
+        m_told[variable].state = m_told.at(variable).latest;
         note(variable, now);
+    }
     return due;
 }
 

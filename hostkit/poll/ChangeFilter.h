@@ -16,7 +16,7 @@ namespace micro850::host {
 
 /// Decides which values of variables are told: a change beyond the dead band, another quality or
 /// error, and an unchanged value when its heartbeat is due. A change is counted from the value that
-/// was told last, so that a slow drift is told, too.
+/// was told last, by a change or by a heartbeat, so that a slow drift is told, too.
 class ChangeFilter
 {
 public:
@@ -44,6 +44,7 @@ private:
     struct Told
     {
         State state;
+        State latest; ///< the last one that was asked about; a heartbeat tells it
         bool any = false;
         Duration at{0};
     };

@@ -159,6 +159,24 @@ TEST(ChangeFilter, TellsAnotherQualityOrErrorAtOnceAndTheBandStartsThere)
     EXPECT_TRUE(value.tells({116}));
 }
 
+TEST(ChangeFilter, CountsAChangeFromTheValueThatAHeartbeatTold)
+{
+    const auto ms = [](int time) { return std::chrono::milliseconds(time); };
+    QVector<Variable> variables(1);
+    variables[0].deadband = 10;
+    variables[0].heartbeatMs = 1000;
+    ChangeFilter filter(variables);
+    const auto tells = [&](qint16 value, int at) {
+        return filter.isNews(0, {&cipTypeNamed("INT"), bytesOf({value}), Quality::Good, QString()},
+                             ms(at));
+    };
+    EXPECT_TRUE(tells(100, 0));
+    EXPECT_FALSE(tells(109, 500));
+    EXPECT_EQ(filter.popHeartbeats(ms(1000)), QVector<int>{0}); // tells 109
+    EXPECT_FALSE(tells(119, 1100));
+    EXPECT_TRUE(tells(120, 1200));
+}
+
 TEST(ChangeFilter, TellsAnUnchangedValueWhenItsHeartbeatIsDue)
 {
     const auto ms = [](int time) { return std::chrono::milliseconds(time); };
