@@ -175,6 +175,8 @@ int run(LogOptions options)
     if (options.raw)
         route.project.showRaw();
     applyRates(options.rates, route.project);
+    if (route.gateway)
+        options.rates.noteGateway(output);
     const Project& project = route.project;
     requirePort(project, options.line);
     RunLoop loop(options.line, route);

@@ -43,6 +43,8 @@ Route pollRoute(const PollOptions& options, const Output& output)
     if (options.raw)
         route.project.showRaw();
     options.rates.applyTo(route.project);
+    if (route.gateway)
+        options.rates.noteGateway(output);
     route.project = withMatching(route.project, options.match, route.source);
     return route;
 }

@@ -27,4 +27,17 @@ void RateOptions::applyTo(Project& project, Duration otherwise) const
         static_cast<int>(std::clamp<qint64>(wholeMilliseconds(wanted), shortest, day)));
 }
 
+void RateOptions::noteGateway(const Output& output) const
+{
+    QStringList idle;
+    if (interval >= 0)
+        idle += QStringLiteral("--interval");
+    if (fast)
+        idle += QStringLiteral("--fast");
+    if (!idle.isEmpty())
+        output.note(idle.join(QStringLiteral(", ")) +
+                    QStringLiteral(": without effect on how often the gateway reads its variables "
+                                   "(its project files tell it)"));
+}
+
 } // namespace micro850::host

@@ -3,6 +3,7 @@
 
 #include "Clock.h"
 #include "CommandLine.h"
+#include "Output.h"
 #include "Project.h"
 
 namespace micro850::host {
@@ -23,6 +24,8 @@ struct RateOptions
     /// With --fast, every variable is read as often as the line allows.
     void applyTo(Project& project,
                  Duration otherwise = std::chrono::milliseconds(kDefaultIntervalMs)) const;
+    /// Notes which of the options do not change how often a gateway reads its variables.
+    void noteGateway(const Output& output) const;
 };
 
 } // namespace micro850::host

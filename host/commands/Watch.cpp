@@ -171,6 +171,8 @@ int run(const WatchOptions& options)
     Route route = routeOf(options.line, "watch", output, {names, options.tags});
     route.project = watchProject(options, route.project);
     options.rates.applyTo(route.project);
+    if (route.gateway)
+        options.rates.noteGateway(output);
     const Project& project = route.project;
     requirePort(project, options.line);
     RunLoop loop(options.line, route);
