@@ -215,7 +215,7 @@ QString shortName(const QString& name)
 WriteRequest WriteRequest::fromMessage(const JsonNode& message)
 {
     message.expectKeys(
-        {"request", "id", "line", "name", "station", "tag", "element", "value", "bytes"});
+        {"request", "id", "line", "name", "station", "tag", "element", "value", "bytes", "check"});
     WriteRequest request;
     request.line = QString::fromStdString(message.text("line", std::string()));
     if (message.has("name") == message.has("tag"))
@@ -227,6 +227,7 @@ WriteRequest WriteRequest::fromMessage(const JsonNode& message)
     } else {
         request.tag = QString::fromStdString(message.at("tag").text());
     }
+    request.check = message.boolean("check", false);
     request.station = static_cast<int>(message.integer("station", 0, 255, 1));
     request.element = static_cast<int>(message.integer("element", 0, host::kLargestElement, 0));
     if (message.has("value") == message.has("bytes"))
@@ -412,15 +413,19 @@ void WriteRules::send(qint64 number, const Target& target, const CipType& type)
         if (hasSameScale(variable, first))
             requireGivenLimits(pending.request.value, variable);
     }
-    requireRoom(pending);
     requireRate(target);
+    const std::string bytes = host::encodeElement(type, value).toHex().toStdString();
+    if (pending.request.check)
+        return finish(number,
+                      {{"outcome", "allowed"}, {"value", pending.newValue}, {"bytes", bytes}});
+    requireRoom(pending);
     countWrite(target);
     const Json request = {{"request", "write"},
                           {"line", pending.line.toStdString()},
                           {"name", pending.name.toStdString()},
                           {"element", pending.element},
                           {"type", type.name},
-                          {"bytes", host::encodeElement(type, value).toHex().toStdString()}};
+                          {"bytes", bytes}};
     const qint64 asked =
         m_lines.ask(target.line, request,
                     [this, number, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
@@ -485,7 +490,15 @@ void WriteRules::finish(qint64 number, const Json& reply)
         return;
     const Pending pending = *found;
     m_pending.erase(found);
+    if (!pending.request.check || reply.contains("error"))
+        m_lines.reportWrite(entryOf(pending, reply));
+    Json answer = reply;
+    answer.erase("id");
+    pending.answer(answer);
+}
 
+JournalEntry WriteRules::entryOf(const Pending& pending, const Json& reply) const
+{
     JournalEntry entry;
     entry.time = m_wallClock.now();
     entry.uid = pending.writer.uid;
@@ -506,10 +519,7 @@ void WriteRules::finish(qint64 number, const Json& reply)
         entry.outcome = QString::fromStdString(textOf(member(error, "code")));
         entry.error = QString::fromStdString(textOf(member(error, "text")));
     }
-    m_lines.reportWrite(entry);
-    Json answer = reply;
-    answer.erase("id");
-    pending.answer(answer);
+    return entry;
 }
 
 void WriteRules::handleReload()

@@ -32,6 +32,8 @@ struct WriteRequest
     Json value;      ///< as the variable shows it; of `bytes` null
     /// One element in the controller's byte order.
     std::optional<QByteArray> bytes;
+    /// Only asks whether it is allowed; nothing is sent.
+    bool check = false;
 
     /// The keys of a request of the protocol. Throws UserError, which names the key.
     static WriteRequest fromMessage(const JsonNode& message);
@@ -39,7 +41,8 @@ struct WriteRequest
 
 /// Decides on every write, whoever asks for it: only variables that the project declares writable
 /// are written, within their limits, and so often as it allows. Everything else is refused with the
-/// reason. Each attempt is reported to the listeners of the lines.
+/// reason. Each attempt is reported to the listeners of the lines, also a check that fails:
+/// somebody wanted to write what is not allowed.
 class WriteRules : public LineListener
 {
 public:
@@ -53,7 +56,7 @@ public:
     /// The reply of the protocol, without an id.
     using Answer = std::function<void(const Json& reply)>;
     /// `answer` is called once: when the write is refused before this returns, otherwise when its
-    /// outcome is known. Returns a number for cancel().
+    /// outcome is known. Of a check it is "allowed". Returns a number for cancel().
     qint64 write(const Writer& writer, const WriteRequest& request, const Answer& answer);
     /// Takes the write back unless it was sent to the controller. It is still answered.
     void cancel(qint64 number);
@@ -77,6 +80,7 @@ private:
     void requireRate(const Target& target);
     void countWrite(const Target& target);
     void finish(qint64 number, const Json& reply);
+    JournalEntry entryOf(const Pending& pending, const Json& reply) const;
     void removeOldTimes(Duration now);
 
     LineService& m_lines;

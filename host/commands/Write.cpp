@@ -63,6 +63,11 @@ struct Job
     const CipType* type = nullptr;
     QVector<Element> elements;
 
+    bool isRefused() const
+    {
+        return std::any_of(elements.begin(), elements.end(),
+                           [](const Element& e) { return e.outcome == Outcome::Refused; });
+    }
     QString name(int i) const { return target ? target->address.elementName(i) : argument; }
 };
 
@@ -189,7 +194,9 @@ void Writes::refuse(Job& job, int i, const QString& error, ExitStatus status)
 void Writes::refuse(Job& job, int i, const TagRefused& error)
 {
     const QString name = error.element() < 0 ? job.target->address.text() : job.name(i);
-    refuse(job, i, name + QStringLiteral(": ") + reasonOf(error, *job.target, m_project),
+    const QString reason = reasonOf(error, *job.target, m_project);
+    // The rules of a gateway name the variable themselves.
+    refuse(job, i, name + QStringLiteral(": ") + withoutName(reason, job.target->address.tag),
            kExitRefused);
 }
 
@@ -241,6 +248,8 @@ void Writes::checkAgainstController(Job& job, TagAccess& access)
         target.requireType(*job.type);
         encode(job, *job.type);
         access.requireElements(target.tag, target.element, target.elements());
+        for (int i = 0; !job.isRefused() && i < job.elements.size(); ++i)
+            access.requireAllowed(target.tag, target.element + i, job.elements.at(i).value);
     } catch (const TagRefused& error) {
         const int i = error.element() < 0 ? 0 : error.element() - target.element;
         refuse(job, i, error);
@@ -499,7 +508,8 @@ void addWrite(CommandLine& line)
         "9007199254740991.\n"
         "Nothing is written unless all of it is allowed: values, types, indices (of a string only\n"
         "0), and that the elements exist, which is known by reading the last one. No element may\n"
-        "be given twice. Should the controller refuse one all the same, the rest is still tried.\n"
+        "be given twice. Through a gateway its rules are asked, too. Should the controller refuse\n"
+        "one all the same, the rest is still tried.\n"
         "Each is reported as written, refused or not tried; as unknown when nobody answered.\n"
         "With --json each element has an object with its \"outcome\", and \"error\" if there is "
         "one.\n"

@@ -32,6 +32,24 @@ std::string withoutName(const std::string& text, const QString& tag)
     return text.compare(0, name.size(), name) == 0 ? text.substr(name.size()) : text;
 }
 
+[[noreturn]] void refuseWrite(const GatewayRefused& error, const QString& tag, int element)
+{
+    const std::string& code = error.code();
+    if (code == errorcode::kUnknownOutcome)
+        throw UserError(error.what(), kExitRefused);
+    if (code == errorcode::kUnreachable || code == errorcode::kCancelled)
+        throw NotWritten(error.what());
+    const bool isController = code == errorcode::kRefused;
+    throw TagRefused(tag.toStdString(), isController ? error.why() : withoutName(error.what(), tag),
+                     isController && error.element() < 0 ? -1 : element);
+}
+
+void requireOutcome(const JsonNode& reply, const char* outcome)
+{
+    if (reply.at("outcome").text() != outcome)
+        reply.at("outcome").fail(reply.at("outcome").found() + " is no outcome");
+}
+
 } // namespace
 
 void RemoteSession::setInterrupt(const std::function<bool()>& interrupt)
@@ -116,7 +134,7 @@ void RemoteSession::requireElements(const TagKey& tag, int element, int elements
     }
 }
 
-void RemoteSession::write(const TagKey& tag, int element, const QByteArray& value)
+Json RemoteSession::writeRequest(const TagKey& tag, int element, const QByteArray& value)
 {
     const CipType& type = typeOf(tag);
     requireWritable(type, tag.name);
@@ -124,22 +142,28 @@ void RemoteSession::write(const TagKey& tag, int element, const QByteArray& valu
     Json request = requestFor("write", tag);
     request["element"] = element;
     request["bytes"] = value.toHex().toStdString();
-    const qint64 id = m_gateway.post(request);
+    return request;
+}
+
+void RemoteSession::requireAllowed(const TagKey& tag, int element, const QByteArray& value)
+{
+    Json request = writeRequest(tag, element, value);
+    request["check"] = true;
+    try {
+        requireOutcome(m_gateway.ask(request).first(), "allowed");
+    } catch (const GatewayRefused& error) {
+        refuseWrite(error, tag.name, element);
+    }
+}
+
+void RemoteSession::write(const TagKey& tag, int element, const QByteArray& value)
+{
+    const qint64 id = m_gateway.post(writeRequest(tag, element, value));
     try {
         awaitWrite(id);
-        const JsonNode reply = m_gateway.takeReply(id).first();
-        if (reply.at("outcome").text() != "written")
-            reply.at("outcome").fail(reply.at("outcome").found() + " is no outcome");
+        requireOutcome(m_gateway.takeReply(id).first(), "written");
     } catch (const GatewayRefused& error) {
-        const std::string& code = error.code();
-        if (code == errorcode::kUnknownOutcome)
-            throw UserError(error.what(), kExitRefused);
-        if (code == errorcode::kUnreachable || code == errorcode::kCancelled)
-            throw NotWritten(error.what());
-        const bool isController = code == errorcode::kRefused;
-        throw TagRefused(tag.name.toStdString(),
-                         isController ? error.why() : withoutName(error.what(), tag.name),
-                         isController && error.element() < 0 ? -1 : element);
+        refuseWrite(error, tag.name, element);
     }
 }
 

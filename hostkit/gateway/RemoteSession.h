@@ -22,11 +22,14 @@ public:
     QVector<QByteArray> read(const TagKey& tag, int element, int elements,
                              const std::function<void(int)>& progress = nullptr) override;
     void requireElements(const TagKey& tag, int element, int elements) override;
+    /// What the rules of the gateway say.
+    void requireAllowed(const TagKey& tag, int element, const QByteArray& value) override;
     void write(const TagKey& tag, int element, const QByteArray& value) override;
     void finish() override {}
 
 private:
     Json requestFor(const char* name, const TagKey& tag) const;
+    Json writeRequest(const TagKey& tag, int element, const QByteArray& value);
     QVector<QByteArray> readRun(const TagKey& tag, int element, int elements);
     void awaitWrite(qint64 id);
     void takeBack(qint64 id);

@@ -31,6 +31,8 @@ public:
     QVector<QByteArray> read(const TagKey& tag, int element, int elements,
                              const std::function<void(int)>& progress = nullptr) override;
     void requireElements(const TagKey& tag, int element, int elements) override;
+    /// Only the controller decides, when it is written.
+    void requireAllowed(const TagKey&, int, const QByteArray&) override {}
     void write(const TagKey& tag, int element, const QByteArray& value) override;
     /// Closes the connection, while the exchange is observed. A loop of others goes on.
     void finish() override;

@@ -69,6 +69,9 @@ public:
                                      const std::function<void(int)>& progress = nullptr) = 0;
     /// Throws, as read() does, unless all of these elements exist. Reads only the last one.
     virtual void requireElements(const TagKey& tag, int element, int elements) = 0;
+    /// Throws, as write() does, when it is known before that this write is not allowed. Sends
+    /// nothing to the controller that write() sends.
+    virtual void requireAllowed(const TagKey& tag, int element, const QByteArray& value) = 0;
     /// Writes one element. Throws when the type of the tag cannot be written, and for an element
     /// that the driver cannot reach; NotWritten when it failed before it was sent.
     virtual void write(const TagKey& tag, int element, const QByteArray& value) = 0;

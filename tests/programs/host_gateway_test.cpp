@@ -26,7 +26,7 @@ const char kVariables[] = R"(
     {"name": "Levels", "tag": "Level", "length": 10, "writable": true},
     {"name": "Setpoint", "tag": "Setpoint", "writable": true},
     {"name": "Running", "tag": "Running"},
-    {"name": "Product", "tag": "Name", "type": "SHORT_STRING"})";
+    {"name": "Product", "tag": "Name", "type": "SHORT_STRING", "writable": true})";
 
 class HostGateway : public GatewayTest
 {
@@ -214,6 +214,65 @@ TEST_F(HostGateway, RefusesWritesByTheRulesOfTheGatewayInWords)
     EXPECT_EQ(through({"read", "Running", "Speed"}).out, "Running = true\nSpeed = 123.4 rpm\n");
 }
 
+TEST_F(HostGateway, WritesNothingUnlessAllOfItIsAllowed)
+{
+    addLine(QStringLiteral("press"), kTags, R"(
+        {"name": "Rotation", "tag": "Speed", "writable": true, "maximum": 2000},
+        {"name": "Levels", "tag": "Level", "length": 10, "writable": true, "minimum": 0},
+        {"name": "Target", "tag": "Setpoint", "writable": true},
+        {"name": "Running", "tag": "Running"})");
+    startGateway();
+    ASSERT_TRUE(waitForLog(QStringLiteral("press: station 1: connected")));
+    const QStringList all = {"read", "Rotation", "Levels[1..2]", "Target", "Running"};
+    const std::string before = through(all).out;
+    ASSERT_EQ(before,
+              "Rotation = 1234\nLevels[1] = 11\nLevels[2] = 12\nTarget = 21.5\nRunning = true\n");
+
+    const Result locked = through({"write", "Target=30", "Rotation=5", "Running=false"});
+    EXPECT_EQ(locked.status, 1);
+    EXPECT_EQ(locked.out, "");
+    EXPECT_EQ(locked.err, "micro850-host: Running: is not writable (\"writable\": true in the "
+                          "project file allows it)\n"
+                          "micro850-host: nothing was written: 1 refused, 2 not tried\n");
+    const Result above = through({"write", "Target=30", "Rotation=2001"});
+    EXPECT_EQ(above.status, 1);
+    EXPECT_EQ(above.err, "micro850-host: Rotation: 2001 is outside its limits (maximum 2000)\n"
+                         "micro850-host: nothing was written: 1 refused, 1 not tried\n");
+    const Result below = through({"write", "Levels[1..2]=5,-1"});
+    EXPECT_EQ(below.status, 1);
+    EXPECT_EQ(below.err, "micro850-host: Levels[2]: -1 is outside its limits (minimum 0)\n"
+                         "micro850-host: nothing was written: 1 refused, 1 not tried\n");
+    const Result tag = through({"write", "Target=30", "Other=1", "--line", "press"});
+    EXPECT_EQ(tag.status, 1);
+    EXPECT_NE(tag.err.find("nothing was written"), std::string::npos) << tag.err;
+    EXPECT_EQ(through(all).out, before);
+    EXPECT_EQ(through({"write", "Target=30", "Rotation=2000", "Levels[1..2]=5,0"}).status, 0);
+}
+
+TEST_F(HostGateway, SaysThatItDoesNotChangeHowOftenTheGatewayReads)
+{
+    startPress();
+    const std::string without = ": without effect on how often the gateway reads its variables "
+                                "(its project files tell it)\n";
+    const struct
+    {
+        QStringList arguments;
+        std::string options;
+    } all[] = {{{"poll", "--interval", "0.2"}, "--interval"},
+               {{"poll", "--interval", "0.2", "--fast"}, "--interval, --fast"},
+               {{"watch", "Speed", "--fast"}, "--fast"},
+               {{"log", "--csv", "-", "--interval", "0.5"}, "--interval"}};
+    for (const auto& each : all) {
+        const QString what = each.arguments.join(' ');
+        const Result said = through(each.arguments + QStringList{"--seconds", "1"});
+        EXPECT_EQ(said.status, 0) << what.toStdString() << said.err;
+        EXPECT_NE(said.err.find("micro850-host: " + each.options + without), std::string::npos)
+            << what.toStdString() << '\n'
+            << said.err;
+    }
+    EXPECT_EQ(through({"poll", "--seconds", "1"}).err.find("without effect"), std::string::npos);
+}
+
 TEST_F(HostGateway, TellsHowToChooseAmongLines)
 {
     addLine(QStringLiteral("press"), kTags, kVariables);
@@ -242,6 +301,43 @@ TEST_F(HostGateway, TellsHowToChooseAmongLines)
               std::string::npos);
     EXPECT_NE(through({"read", "Setpoint", "Heat"}).err.find("one command uses one line"),
               std::string::npos);
+}
+
+TEST_F(HostGateway, TellsWhatWasWrittenWhenAWriteIsInterrupted)
+{
+    addLine(QStringLiteral("press"), kTags,
+            R"({"name": "Long", "tag": "Long", "length": 300, "writable": true})");
+    startGateway();
+    ASSERT_TRUE(waitForLog(QStringLiteral("press: station 1: connected")));
+    QProcess write;
+    write.start(QStringLiteral(MICRO850_HOST),
+                {"write", "--gateway", socketPath(), "Long[0..299]=1", "--no-verify", "--quiet"});
+    ASSERT_TRUE(write.waitForReadyRead(kGatewayLimitMs)); // one is written
+    signalSimulator(QStringLiteral("press"), SIGSTOP);
+    ::kill(static_cast<pid_t>(write.processId()), SIGINT);
+    ASSERT_TRUE(write.waitForFinished(kGatewayLimitMs)) << "it waits for a controller that is mute";
+    EXPECT_EQ(write.exitCode(), 1);
+    const int written = linesOf(write.readAllStandardOutput().toStdString()).size();
+    const QByteArray said = write.readAllStandardError();
+    EXPECT_LT(written, 300);
+    EXPECT_TRUE(said.contains("..299]: not tried\n")) << said.constData();
+    EXPECT_TRUE(said.endsWith("interrupted\n")) << said.constData();
+
+    signalSimulator(QStringLiteral("press"), SIGCONT);
+    Result now;
+    ASSERT_TRUE(waitUntil([&] {
+        now = through({"read", "Long[0..299]", "--quiet"});
+        return now.status == 0;
+    })) << now.err;
+    const QStringList values = linesOf(now.out);
+    ASSERT_EQ(values.size(), 300);
+    int ones = 0;
+    while (ones < 300 && values.at(ones).endsWith(QLatin1String(" = 1")))
+        ++ones;
+    EXPECT_EQ(values.filter(QStringLiteral(" = 1")).size(), ones) << "one after the other";
+    const int unknown = said.contains("nobody knows whether it was written") ? 1 : 0;
+    EXPECT_GE(ones, written) << said.constData();
+    EXPECT_LE(ones, written + unknown) << said.constData();
 }
 
 TEST_F(HostGateway, SaysWhyItCannotProbeOrTrace)

@@ -368,6 +368,47 @@ TEST_F(WriteRulesTest, LetALimitedNumberOfWritesWaitForALine)
     EXPECT_EQ(lines.journal.size(), 2);
 }
 
+TEST_F(WriteRulesTest, AnswerACheckWithoutSendingAnything)
+{
+    const Json speed = {{"name", "Speed"}, {"value", 100}, {"check", true}};
+    EXPECT_EQ(write(speed), (Json{{"outcome", "allowed"}, {"value", 100}, {"bytes", "6400"}}));
+    const Json byTag = {{"tag", "LIST"}, {"element", 11}, {"bytes", "0500"}, {"check", true}};
+    EXPECT_EQ(write(byTag)["outcome"], "allowed");
+    EXPECT_TRUE(lines.asked.isEmpty());
+    EXPECT_EQ(lines.journal.size(), 0) << "nothing was to be written";
+}
+
+TEST_F(WriteRulesTest, RefuseACheckAsTheWriteAndRecordIt)
+{
+    EXPECT_EQ(codeOf({{"name", "Speed"}, {"value", 101}, {"check", true}}), "not-allowed");
+    EXPECT_EQ(codeOf({{"name", "Locked"}, {"value", 1}, {"check", true}}), "not-allowed");
+    EXPECT_EQ(codeOf({{"name", "Speed"}, {"value", "x"}, {"check", true}}), "bad-request");
+    EXPECT_EQ(codeOf({{"name", "Sped"}, {"value", 1}, {"check", true}}), "unknown-name");
+    ASSERT_EQ(lines.journal.size(), 4);
+    EXPECT_EQ(lines.journal.first().outcome, "not-allowed");
+    EXPECT_EQ(lines.journal.first().newValue, Json(101));
+    EXPECT_TRUE(lines.asked.isEmpty());
+}
+
+TEST_F(WriteRulesTest, CountNoCheckAsAWriteButCheckTheRate)
+{
+    const Json check = {{"name", "Rare"}, {"value", 1}, {"check", true}};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(write(check)["outcome"], "allowed");
+    sent({{"name", "Rare"}, {"value", 1}});
+    sent({{"name", "Rare"}, {"value", 2}});
+    EXPECT_EQ(codeOf(check), "not-allowed");
+}
+
+TEST_F(WriteRulesTest, AskForTheTypeOfACheckAndSendNoWrite)
+{
+    EXPECT_TRUE(write({{"name", "Unknown"}, {"value", 10}, {"check", true}}).is_null());
+    EXPECT_EQ(lines.asked.first().request["request"], "type");
+    lines.answer({{"reply", "type"}, {"type", "USINT"}});
+    EXPECT_TRUE(lines.asked.isEmpty());
+    EXPECT_EQ((*reply)["outcome"], "allowed");
+}
+
 TEST_F(WriteRulesTest, FollowAReload)
 {
     QByteArray project = kProject;
@@ -389,6 +430,7 @@ TEST_F(WriteRulesTest, RefuseRequestsThatNameNothingOrTwoThings)
                                {{"name", "Speed"}, {"value", 1}, {"bytes", "0100"}},
                                {{"name", "Speed"}, {"station", 1}, {"value", 1}},
                                {{"name", "Speed"}, {"value", 1}, {"extra", 1}},
+                               {{"name", "Speed"}, {"value", 1}, {"check", 1}},
                                {{"name", 5}, {"value", 1}},
                                {{"tag", "SPEED"}, {"element", -1}, {"value", 1}},
                                {{"tag", "SPEED"}, {"element", 65536}, {"value", 1}},

@@ -146,6 +146,31 @@ TEST_F(RemoteSessionTest, WritesBytesToAnElement)
     EXPECT_EQ(request["bytes"], "0700");
 }
 
+TEST_F(RemoteSessionTest, AsksWhetherAWriteIsAllowed)
+{
+    peer.on("write", [](const Request& r) {
+        return r.value("check", false) ? ScriptedGateway::reply(r, {{"outcome", "allowed"}})
+                                       : ScriptedGateway::error(r, "busy", "it is no check");
+    });
+    connect();
+    const auto check = [this] {
+        return complaint([&] { session->requireAllowed(kSpeed, 2, hex("07 00")); });
+    };
+    EXPECT_EQ(check(), "none");
+    const Request request = peer.requests("write").front();
+    EXPECT_EQ(request["tag"], "Speed");
+    EXPECT_EQ(request["element"], 2);
+    EXPECT_EQ(request["bytes"], "0700");
+    answerWrite("not-allowed", "Speed: is not writable");
+    EXPECT_EQ(check(), "refused 2: is not writable");
+    answerWrite("unreachable", "the line is down");
+    EXPECT_EQ(check(), "not written: the line is down");
+    peer.on("write", [](const Request& r) {
+        return ScriptedGateway::reply(r, {{"outcome", "written"}});
+    });
+    EXPECT_NE(check().find("is no outcome"), std::string::npos);
+}
+
 TEST_F(RemoteSessionTest, TellsARefusedWriteFromOneThatWasNotSentAndOneOfUnknownOutcome)
 {
     connect();
