@@ -753,7 +753,8 @@ void Client::addEvent(const LineEvent& event)
     if (!wanted || m_events.size() >= kMostEvents)
         return;
     Json object = eventNamed("state");
-    object["line"] = event.line.toStdString();
+    if (!event.line.isEmpty())
+        object["line"] = event.line.toStdString();
     if (event.station >= 0)
         object["station"] = event.station;
     object["state"] = event.state.toStdString();

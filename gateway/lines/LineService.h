@@ -14,8 +14,8 @@ using host::Json;
 /// A line or a station changed its state.
 struct LineEvent
 {
-    qint64 time = 0; ///< milliseconds since 1970 UTC
-    QString line;
+    qint64 time = 0;  ///< milliseconds since 1970 UTC
+    QString line;     ///< empty: the gateway itself
     int station = -1; ///< below 0: the line itself
     QString state;    ///< "connected", "dead", "line down", ...
     QString text;     ///< one line for people, with the reason

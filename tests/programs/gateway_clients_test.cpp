@@ -354,6 +354,7 @@ TEST_F(GatewayClientsTest, DoNoHarmWhenTheyMisbehave)
 
 TEST_F(GatewayClientsTest, ExchangeMessagesThatThePublishedSchemaDescribes)
 {
+    setConfigurationKeys(R"("history": {"file": "h.sqlite"},)");
     start();
     std::ostringstream messages;
     const auto client = connect();
@@ -373,6 +374,8 @@ TEST_F(GatewayClientsTest, ExchangeMessagesThatThePublishedSchemaDescribes)
         {{"request", "write"}, {"name", "Shared"}, {"value", 5}},
         {{"request", "write"}, {"tag", "Shared"}, {"element", 0}, {"bytes", "06000000"}},
         {{"request", "write"}, {"name", "Locked"}, {"value", 5}},
+        {{"request", "write"}, {"name", "Shared"}, {"value", 7}, {"check", true}},
+        {{"request", "write"}, {"name", "Locked"}, {"value", 5}, {"check", true}},
         {{"request", "cancel"}, {"of", 99}},
         {{"request", "status"}},
         {{"request", "history"}, {"from", "2026-11-22T13:30:00.125Z"}, {"limit", 5}},
@@ -384,6 +387,22 @@ TEST_F(GatewayClientsTest, ExchangeMessagesThatThePublishedSchemaDescribes)
         ASSERT_TRUE(reply.is_object()) << request;
         messages << request << '\n' << reply << '\n';
     }
+    Json recorded;
+    EXPECT_TRUE(waitUntil([&] {
+        recorded = client->request({{"request", "history"}, {"limit", 3}});
+        return recorded["values"].size() == 3;
+    })) << recorded;
+    EXPECT_EQ(recorded["complete"], false);
+    messages << recorded << '\n';
+    const Json last = recorded["values"][2];
+    const Json next = client->request({{"request", "history"},
+                                       {"from", last["time"]},
+                                       {"after", last["sequence"]},
+                                       {"limit", 1}});
+    ASSERT_EQ(next["values"].size(), 1u) << next;
+    EXPECT_GE(next["values"][0]["time"], last["time"]);
+    EXPECT_NE(next["values"][0]["sequence"], last["sequence"]);
+    messages << next << '\n';
     for (const char* event : {"values", "ages"}) {
         messages << client->message([&](const Json& any) {
             return any.value("event", "") == event;
@@ -392,13 +411,13 @@ TEST_F(GatewayClientsTest, ExchangeMessagesThatThePublishedSchemaDescribes)
     killSimulator(QStringLiteral("press"));
     messages << client->message([](const Json& any) { return any.value("event", "") == "state"; })
              << '\n';
-    const QString recorded = file(QStringLiteral("messages"), messages.str());
+    const QString exchanged = file(QStringLiteral("messages"), messages.str());
     QProcess check;
     check.start(QStringLiteral("python3"),
                 {QStringLiteral("-B"),
                  QStringLiteral(MICRO850_SOURCE_DIR "/tests/programs/check_messages.py"),
                  QStringLiteral(MICRO850_SOURCE_DIR "/share/micro850/gateway-protocol.schema.json"),
-                 recorded});
+                 exchanged});
     ASSERT_TRUE(check.waitForFinished(kGatewayLimitMs));
     EXPECT_EQ(check.exitCode(), 0) << check.readAllStandardOutput().toStdString()
                                    << check.readAllStandardError().toStdString();

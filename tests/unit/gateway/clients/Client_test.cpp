@@ -463,6 +463,19 @@ TEST_F(ClientTest, HandlesNoRequestsWhileItTellsAges)
     EXPECT_EQ(take(seen).last()["reply"], "unsubscribe");
 }
 
+TEST_F(ClientTest, TellsAnAlarmOfTheGatewayItselfWithoutALine)
+{
+    ask({{"id", 1}, {"request", "subscribe"}, {"match", "Speed"}});
+    proceed();
+    take(seen);
+    client->addEvent({0, QString(), -1, "history stopped", "the disk is full"});
+    proceed();
+    const QVector<Json> events = take(seen);
+    ASSERT_EQ(events.size(), 1);
+    EXPECT_EQ(events[0].dump(),
+              R"({"event":"state","state":"history stopped","text":"the disk is full"})");
+}
+
 TEST_F(ClientTest, KeepsItsSubscriptionsThroughAReloadAndHearsOnlyWhatIsNew)
 {
     change(0, 0, 1);
