@@ -1,5 +1,7 @@
 #include "terminal_fixture.h"
 
+#include <QtCore/QFile>
+
 namespace {
 
 /// The live table of the ten elements of Level and three more, in a terminal.
@@ -23,6 +25,24 @@ protected:
         simulate();
         open("$HOST poll " + path("p.json") + ' ' + options, width, rows);
     }
+    /// A gateway that owns the line, until the test ends.
+    void startGateway()
+    {
+        simulate();
+        const QString configuration =
+            file("gateway.json", R"({"lines": [{"name": "press", "project": "p.json"}],
+                                     "socket": {"path": "gateway.sock"}})");
+        m_gateway.start(MICRO850_GATEWAY, {configuration});
+        while (!QFile::exists(path("gateway.sock")))
+            ASSERT_FALSE(m_gateway.waitForFinished(20)) << m_gateway.readAll().toStdString();
+    }
+    ~HostTable() override { endGateway(); }
+    void endGateway()
+    {
+        m_gateway.kill();
+        m_gateway.waitForFinished();
+    }
+    QProcess m_gateway;
     /// The names in the rows of the table, from the top.
     QStringList names() const
     {
@@ -177,6 +197,26 @@ TEST_F(HostTable, DrawsWithoutColoursWhenTheEnvironmentForbidsThem)
     open("NO_COLOR=1 $HOST poll " + path("p.json"), 100, 30);
     ASSERT_TRUE(sees("no such tag"));
     EXPECT_FALSE(styledScreen().contains('\x1b')) << styledScreen().toStdString();
+}
+
+TEST_F(HostTable, ShowsAGatewaysValuesAndThatTheGatewayIsGone)
+{
+    startGateway();
+    open("$HOST poll --gateway " + path("gateway.sock"), 150, 40);
+    ASSERT_TRUE(sees("Speed    INT  1234"));
+    EXPECT_TRUE(sees("Setpoint REAL 21.5"));
+    EXPECT_TRUE(sees("no such tag"));
+    EXPECT_TRUE(sees("transactions/s"));
+    EXPECT_TRUE(sees("station 1 (filler): connected"));
+    type({"/", "s", "p"});
+    EXPECT_TRUE(seesNo("L9 "));
+    type({"Escape"});
+    EXPECT_TRUE(sees("1-13 of 13 by project"));
+    endGateway();
+    EXPECT_TRUE(sees("stale"));
+    type({"q"});
+    ASSERT_TRUE(sees("[status 1]")); // Nope was never read
+    EXPECT_TRUE(sees("\nicanon"));
 }
 
 TEST_F(HostTable, ReportsThatTheControllerIsGoneAndMarksItsValuesStale)
