@@ -90,7 +90,7 @@ host::TagKey tagOf(const JsonNode& message)
     const std::string tag = message.at("tag").text();
     if (tag.empty() || QString::fromStdString(tag).size() > host::kLongestTag)
         message.at("tag").fail("has 1 to " + std::to_string(host::kLongestTag) + " characters");
-    return {static_cast<int>(message.integer("station", 0, 255, 1)), QString::fromStdString(tag)};
+    return {static_cast<int>(message.integer("station", 0, 65535, 1)), QString::fromStdString(tag)};
 }
 
 Json described(const LineSettings& line, const host::Variable& variable)

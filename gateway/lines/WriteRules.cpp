@@ -228,7 +228,7 @@ WriteRequest WriteRequest::fromMessage(const JsonNode& message)
         request.tag = QString::fromStdString(message.at("tag").text());
     }
     request.check = message.boolean("check", false);
-    request.station = static_cast<int>(message.integer("station", 0, 255, 1));
+    request.station = static_cast<int>(message.integer("station", 0, 65535, 1));
     request.element = static_cast<int>(message.integer("element", 0, host::kLargestElement, 0));
     if (message.has("value") == message.has("bytes"))
         message.fail(R"(either "value" or "bytes" is needed)");

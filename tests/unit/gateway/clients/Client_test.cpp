@@ -609,7 +609,7 @@ TEST_F(ClientTest, AnswersGarbageWithAnErrorAndGoesOn)
         R"({"id":1,"request":"read","names":[5]})",
         R"({"id":1,"request":"read","tag":""})",
         R"({"id":1,"request":"read","tag":"X","elements":1001})",
-        R"({"id":1,"request":"read","tag":"X","station":256})",
+        R"({"id":1,"request":"read","tag":"X","station":65536})",
         R"({"id":1,"request":"subscribe","names":["Speed"],"match":"x"})",
         R"({"id":1,"request":"write","name":"Speed"})",
         R"({"id":1,"request":"history","limit":0})",

@@ -236,9 +236,11 @@ TEST_F(WriteRulesTest, TakeATagWithinAWritableVariableForThatVariable)
     EXPECT_EQ(codeOf({{"tag", "LIST"}, {"element", 13}, {"value", 1}}), "not-allowed");
     EXPECT_EQ(codeOf({{"tag", "LIST"}, {"station", 2}, {"element", 11}, {"value", 1}}),
               "not-allowed");
+    EXPECT_EQ(codeOf({{"tag", "LIST"}, {"station", 65535}, {"element", 11}, {"value", 1}}),
+              "not-allowed");
     EXPECT_EQ(codeOf({{"tag", "OTHER"}, {"value", 1}}), "not-allowed");
     EXPECT_EQ(codeOf({{"tag", "LOCKED"}, {"value", 1}}), "not-allowed");
-    EXPECT_EQ(lines.journal.size(), 6);
+    EXPECT_EQ(lines.journal.size(), 7);
 }
 
 TEST_F(WriteRulesTest, KeepLimitsOfAnElementUnderEveryNameOfIt)
@@ -434,6 +436,7 @@ TEST_F(WriteRulesTest, RefuseRequestsThatNameNothingOrTwoThings)
                                {{"name", 5}, {"value", 1}},
                                {{"tag", "SPEED"}, {"element", -1}, {"value", 1}},
                                {{"tag", "SPEED"}, {"element", 65536}, {"value", 1}},
+                               {{"tag", "SPEED"}, {"station", 65536}, {"value", 1}},
                                {{"name", "Speed"}, {"bytes", "0g00"}}};
     for (const Json& request : bad)
         EXPECT_THROW(write(request), UserError) << request.dump();
