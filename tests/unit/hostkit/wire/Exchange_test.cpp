@@ -352,8 +352,8 @@ protected:
     static quint16 numberOf(const QByteArray& piece)
     {
         const QByteArray data = wire::unframed(piece);
-        return data.size() < 6 ? 0
-                               : static_cast<quint16>(quint8(data.at(4)) | quint8(data.at(5)) << 8);
+        const int number = data.size() < 6 ? 0 : quint8(data.at(4)) | quint8(data.at(5)) << 8;
+        return static_cast<quint16>(number);
     }
     static PortSettings fast(PortSettings settings)
     {
