@@ -37,7 +37,13 @@ const milliseconds kChange(2); ///< between two changes of each line
 /// in milliseconds.
 const milliseconds kOldest(5000);
 const milliseconds kRounding(2);
-const double kMostGrowthMiB = 3; ///< of each process
+const double kMostGrowthMiB = 8; ///< of each process; what waits for slow readers included
+// A sanitizer keeps memory that was freed.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const bool kJudgesMemory = false;
+#else
+const bool kJudgesMemory = true;
+#endif
 
 struct Options
 {
@@ -246,7 +252,7 @@ public:
             std::cerr << "gateway_soak: process " << i << ": " << after[i].resident / (1 << 20)
                       << " MiB, grown by " << growth << " MiB, " << after[i].seconds
                       << " s of a processor\n";
-            if (growth > kMostGrowthMiB)
+            if (kJudgesMemory && growth > kMostGrowthMiB)
                 violation("memory of process " + std::to_string(i) + " grew");
         }
         report();
