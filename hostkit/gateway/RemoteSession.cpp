@@ -163,6 +163,8 @@ void RemoteSession::write(const TagKey& tag, int element, const QByteArray& valu
         awaitWrite(id);
         requireOutcome(m_gateway.takeReply(id).first(), "written");
     } catch (const GatewayRefused& error) {
+        if (error.code() == errorcode::kCancelled && m_interrupt && m_interrupt())
+            throw NotWritten("interrupted");
         refuseWrite(error, tag.name, element);
     }
 }

@@ -18,6 +18,13 @@
 
 namespace {
 
+// A sanitizer keeps memory that was freed, and needs some for itself.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const long kMostKb = 1024 * 1024;
+#else
+const long kMostKb = 100 * 1024;
+#endif
+
 using Json = nlohmann::json;
 
 const char kTags[] = R"({"name": "Fast", "type": "DINT",
@@ -284,7 +291,7 @@ TEST_F(GatewayClientsTest, ReadAtTheirOwnPaceWhile20Of200Stall)
         return enough;
     };
     ASSERT_TRUE(waitUntil(hasEnough)) << log().toStdString();
-    EXPECT_LT(memoryKb(), 100 * 1024);
+    EXPECT_LT(memoryKb(), kMostKb);
 
     Subscriber& late = *all[0];
     ASSERT_TRUE(waitUntil([&] {
@@ -343,7 +350,7 @@ TEST_F(GatewayClientsTest, DoNoHarmWhenTheyMisbehave)
                    MSG_NOSIGNAL | MSG_DONTWAIT) != static_cast<ssize_t>(request.size()))
             break;
     }
-    EXPECT_LT(memoryKb(), 100 * 1024);
+    EXPECT_LT(memoryKb(), kMostKb);
     const std::string now =
         faithful->request({{"request", "read"}, {"names", {"Fast"}}})["values"][0]["time"];
     EXPECT_TRUE(faithful->value("Fast", [&](const Json& value) { return value["time"] >= now; })

@@ -252,6 +252,6 @@ TEST_F(RemoteSessionTest, TakesAWriteBackWhenItIsInterrupted)
                ScriptedGateway::error(open, "cancelled", "it was taken back");
     });
     session->setInterrupt([] { return true; });
-    EXPECT_EQ(write(), "not written: it was taken back");
+    EXPECT_EQ(write(), "not written: interrupted");
     EXPECT_EQ(peer.requests("cancel").front()["of"], open["id"]);
 }
