@@ -1,0 +1,85 @@
+#ifndef MICRO850_GATEWAY_DELIVERY_DELIVERYQUEUE_H
+#define MICRO850_GATEWAY_DELIVERY_DELIVERYQUEUE_H
+
+#include "Clock.h"
+#include "DeliverySettings.h"
+#include "WallClock.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QVector>
+
+#include <memory>
+
+namespace micro850::gateway {
+
+/// What a broker shall get: a value of a variable, or an event of a line or a station.
+struct QueuedMessage
+{
+    qint64 id = 0; ///< grows over all lines; the queue gives it
+    /// Which numbering `sequence` belongs to: a new one begins with a new file, and when the disk
+    /// refuses.
+    qint64 series = 0;
+    qint64 sequence = 0; ///< of its line, from 1 on, without gaps; the queue gives it
+    QString line;
+    int station = -1;
+    QString name;    ///< of the variable; empty: an event
+    qint64 time = 0; ///< milliseconds since 1970 UTC
+    QByteArray body; ///< the object of the value, or of the event, as JSON
+};
+
+/// Messages that wait for the acknowledgement of the broker, in an SQLite database, bounded by size
+/// and age: the oldest go first and are counted. What was committed outlives the process and the
+/// power. While the disk refuses, messages are kept in memory, a bounded number of them.
+class DeliveryQueue
+{
+public:
+    /// Of the service that feeds: what it numbered and this queue has committed.
+    struct Fed
+    {
+        QString run; ///< of the service
+        qint64 number = 0;
+    };
+
+    /// The clocks must outlive it. A file that is damaged is set aside. Throws UserError for a file
+    /// that another process uses, and for what is no queue.
+    DeliveryQueue(const DeliveryQueueSettings& settings, const Clock& clock,
+                  const WallClock& wallClock, const char* fileSystem = nullptr);
+    ~DeliveryQueue();
+    DeliveryQueue(const DeliveryQueue&) = delete;
+    DeliveryQueue& operator=(const DeliveryQueue&) = delete;
+
+    /// Adds a message, gives it its numbers and returns it. It is not sent before commit().
+    const QueuedMessage& add(QueuedMessage message);
+    /// The broker has it, or it is not wanted any more: it is deleted with the next commit().
+    void remove(qint64 id);
+    /// Makes additions and deletions durable, in one transaction with what was fed, and deletes the
+    /// oldest when there are too many. True when the disk took it.
+    bool commit(const Fed& fed);
+    /// What the last commit of an earlier process had.
+    Fed fed() const;
+
+    /// The next committed messages with a greater id, oldest first, without those removed.
+    QVector<QueuedMessage> after(qint64 id, int most) const;
+    /// The id of the last message that was added.
+    qint64 lastId() const;
+    /// Messages that wait.
+    qint64 size() const;
+    /// Messages that were deleted because there were too many, or because they were too old.
+    qint64 lost() const;
+
+    /// A number or a text that outlives the process: bdSeq, topics that were announced. Durable
+    /// when it returns, unless the disk refuses.
+    void keep(const QString& key, const QString& value);
+    QString kept(const QString& key) const;
+
+    /// state ("on disk", "in memory"), reason, waiting, lost, bytes, oldest.
+    host::Json status() const;
+
+private:
+    class Private;
+    std::unique_ptr<Private> m_private;
+};
+
+} // namespace micro850::gateway
+
+#endif

@@ -1,0 +1,32 @@
+#ifndef MICRO850_GATEWAY_DELIVERY_JSONPUBLISHER_H
+#define MICRO850_GATEWAY_DELIVERY_JSONPUBLISHER_H
+
+#include "Publisher.h"
+
+#include <memory>
+
+namespace micro850::gateway {
+
+/// Brings values to a broker as JSON, takes orders, and announces variables for discovery.
+class JsonPublisher : public Publisher
+{
+public:
+    /// `needs` must outlive it.
+    JsonPublisher(const MqttSettings& settings, PublisherNeeds& needs);
+    ~JsonPublisher() override;
+
+    void setCatalogue(const Catalogue& catalogue) override;
+    void handleEvent(const DeliveryEvent& event) override;
+    void handleStatus(const host::Json& lines) override;
+    void tick() override;
+    void stop(Duration limit) override;
+    host::Json status() const override;
+
+private:
+    class Private;
+    std::unique_ptr<Private> m_private;
+};
+
+} // namespace micro850::gateway
+
+#endif
