@@ -4,7 +4,7 @@
 #include "CipType.h"
 #include "Json.h"
 
-#include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 #include <optional>
