@@ -22,6 +22,7 @@ struct CatalogueVariable
     int length = 1; ///< elements
     /// As the project declares it or the controller told it; null while it is not known.
     const CipType* type = nullptr;
+    bool isScaled = false; ///< shown with a gain or an offset, so as a real number
     QString unit;
     bool isWritable = false;
     std::optional<double> minimum;

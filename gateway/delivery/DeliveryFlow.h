@@ -3,6 +3,7 @@
 
 #include "DeliveryQueue.h"
 
+#include <functional>
 #include <memory>
 
 namespace micro850::gateway {
@@ -38,6 +39,12 @@ public:
 
     /// A message of the service; `number` is that of its feed.
     void add(QueuedMessage message, const DeliveryQueue::Fed& fed);
+    /// What a variable has now, when the service or this process begins anew: not queued, but the
+    /// latest value unless a later one was added. It is sent as Repeated.
+    void remember(QueuedMessage message);
+    /// Visits the latest value of each variable, sent or not, also while there is no outlet: what
+    /// begin() sends first. Its id is 0 when it was only remembered.
+    void visitLatest(const std::function<void(const QueuedMessage& message)>& visit) const;
     /// Called by the outlet's owner once messages may be sent, and when they may not any more: what
     /// was not acknowledged is sent again.
     void begin(Outlet& outlet);
