@@ -39,17 +39,21 @@ public:
 
     /// A message of the service; `number` is that of its feed.
     void add(QueuedMessage message, const DeliveryQueue::Fed& fed);
+    /// What the service fed up to there needs no message.
+    void skip(const DeliveryQueue::Fed& fed);
     /// What a variable has now, when the service or this process begins anew: not queued, but the
-    /// latest value unless a later one was added. It is sent as Repeated.
+    /// latest value unless a later one was added. It is sent as Repeated, without a series.
     void remember(QueuedMessage message);
     /// Visits the latest value of each variable, sent or not, also while there is no outlet: what
-    /// begin() sends first. Its id is 0 when it was only remembered.
+    /// begin() sends first. Its sequence is 0 when it was only remembered.
     void visitLatest(const std::function<void(const QueuedMessage& message)>& visit) const;
     /// Called by the outlet's owner once messages may be sent, and when they may not any more: what
     /// was not acknowledged is sent again.
     void begin(Outlet& outlet);
     void end();
     void acknowledge(qint64 id);
+    /// The broker does not take it, now or later: it is given up and counted.
+    void refuse(qint64 id);
     /// Variables that are gone have no latest value any more.
     void forget(const QString& line, const QString& name);
 
@@ -57,7 +61,8 @@ public:
     /// several times a second. Returns what is committed by now, for the service.
     DeliveryQueue::Fed tick();
 
-    /// The queue's, and how many messages were sent, acknowledged and repeated.
+    /// The queue's, and how many messages were sent, acknowledged, repeated and refused, are
+    /// inFlight, and wait as history.
     host::Json status() const;
 
     static constexpr int kWindow = 1000;

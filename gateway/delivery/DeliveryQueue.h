@@ -48,23 +48,40 @@ public:
     DeliveryQueue(const DeliveryQueue&) = delete;
     DeliveryQueue& operator=(const DeliveryQueue&) = delete;
 
-    /// Adds a message, gives it its numbers and returns it. It is not sent before commit().
-    const QueuedMessage& add(QueuedMessage message);
+    /// Adds a message, with what was fed by now. The id and the numbers do not matter: commit()
+    /// gives them. A message that is too large for the queue is counted as lost.
+    void add(QueuedMessage message, const Fed& fed);
+    /// What was fed by now has no message.
+    void skip(const Fed& fed);
     /// The broker has it, or it is not wanted any more: it is deleted with the next commit().
     void remove(qint64 id);
+    /// So much was added that commit() must be called before more comes.
+    bool isFull() const;
     /// Makes additions and deletions durable, in one transaction with what was fed, and deletes the
-    /// oldest when there are too many. True when the disk took it.
-    bool commit(const Fed& fed);
-    /// What the last commit of an earlier process had.
+    /// oldest when there are too many. Returns what was added, with its numbers: it may be sent.
+    /// When the disk refuses, it is kept in memory with what follows, in a new series, until the
+    /// disk takes all of it. Also does what is due: call it several times a second.
+    QVector<QueuedMessage> commit();
+    bool hasChanges() const;
+    /// What is committed, also by an earlier process.
     Fed fed() const;
 
-    /// The next committed messages with a greater id, oldest first, without those removed.
-    QVector<QueuedMessage> after(qint64 id, int most) const;
-    /// The id of the last message that was added.
+    /// The next committed messages with a greater id, oldest first, without those removed. While
+    /// the disk refuses: of those in memory.
+    QVector<QueuedMessage> after(qint64 id, int most);
+    /// The latest message of each variable that waited when the file was opened.
+    QVector<QueuedMessage> latest();
+    /// The id of the last message that was committed.
     qint64 lastId() const;
+    /// Changes when the messages that after() gives are others: the disk refused, or is back.
+    int generation() const;
+    /// Deletions that are not durable, so that these messages would be sent again after a crash.
+    /// None while the disk refuses: then there may be no commit for long.
+    int removing() const;
     /// Messages that wait.
     qint64 size() const;
-    /// Messages that were deleted because there were too many, or because they were too old.
+    /// Messages that were deleted because there were too many, or because they were too old, since
+    /// the file was begun. Those that the broker acknowledged all the same do not count.
     qint64 lost() const;
 
     /// A number or a text that outlives the process: bdSeq, topics that were announced. Durable
@@ -72,7 +89,7 @@ public:
     void keep(const QString& key, const QString& value);
     QString kept(const QString& key) const;
 
-    /// state ("on disk", "in memory"), reason, waiting, lost, bytes, oldest.
+    /// state ("on disk", "in memory"), reason, waiting, lost, bytes, oldest, series.
     host::Json status() const;
 
 private:

@@ -88,6 +88,13 @@ Statement& Statement::bind(int parameter, const QString& text)
     return *this;
 }
 
+Statement& Statement::bindBytes(int parameter, const QByteArray& bytes)
+{
+    check(sqlite3_bind_blob(m_statement.get(), parameter, bytes.constData(), bytes.size(),
+                            SQLITE_TRANSIENT)); // NOLINT: the library's macro casts
+    return *this;
+}
+
 Statement& Statement::bindReal(int parameter, double number)
 {
     check(sqlite3_bind_double(m_statement.get(), parameter, number));
@@ -146,6 +153,15 @@ QString Statement::text(int column) const
         return QLatin1String("");
     return QString::fromUtf8(static_cast<const char*>(bytes),
                              sqlite3_column_bytes(m_statement.get(), column));
+}
+
+QByteArray Statement::bytes(int column) const
+{
+    const void* bytes = sqlite3_column_blob(m_statement.get(), column);
+    if (!bytes)
+        return QByteArray();
+    return QByteArray(static_cast<const char*>(bytes),
+                      sqlite3_column_bytes(m_statement.get(), column));
 }
 
 Statement::Kind Statement::kind(int column) const

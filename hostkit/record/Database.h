@@ -3,6 +3,7 @@
 
 #include "UserError.h"
 
+#include <QtCore/QByteArray>
 #include <QtCore/QString>
 
 #include <memory>
@@ -39,6 +40,7 @@ public:
     /// Parameters count from 1.
     Statement& bind(int parameter, qint64 number);
     Statement& bind(int parameter, const QString& text);
+    Statement& bindBytes(int parameter, const QByteArray& bytes);
     Statement& bindReal(int parameter, double number);
     Statement& bindNull(int parameter);
     /// Goes to the next row. False after the last one; the statement can then be run again.
@@ -51,6 +53,7 @@ public:
     qint64 number(int column) const;
     double real(int column) const;
     QString text(int column) const;
+    QByteArray bytes(int column) const;
     enum class Kind { Null, Integer, Real, Text, Blob };
     Kind kind(int column) const;
 

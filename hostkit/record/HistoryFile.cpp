@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,44 +50,23 @@ qint64 HistoryFile::Amount::pages() const
 HistoryFile::HistoryFile(const QString& path, const HistoryLimits& limits, const char* fileSystem)
     : m_path(path), m_limits(limits), m_budget(limits.bytes)
 {
-    try {
-        lock();
-        if (!fileSystem)
-            create();
-        m_database = std::make_unique<Database>(path, Database::Access::Write, fileSystem);
-        prepare();
-        readState();
-    } catch (...) {
-        m_statements.reset();
-        m_database.reset();
-        ::close(m_lock);
-        throw;
-    }
+    lock();
+    if (!fileSystem)
+        create();
+    m_database = std::make_unique<Database>(path, Database::Access::Write, fileSystem);
+    prepare();
+    readState();
 }
 
-HistoryFile::~HistoryFile()
-{
-    // The file is closed before the next program may open it.
-    m_statements.reset();
-    m_database.reset();
-    ::close(m_lock);
-}
+HistoryFile::~HistoryFile() = default;
 
-// Two programs that record into one file would give the same sequences. The lock is a file of its
-// own: the database's locks would end if its file were opened and closed here.
+// Two programs that record into one file would give the same sequences.
 void HistoryFile::lock()
 {
-    const std::string name = m_path.toStdString();
-    if (!QFileInfo(QFileInfo(m_path).path()).isDir())
-        throw UserError(name + ": cannot be written: its folder is not there (create it)",
-                        kExitRefused);
-    requireFile(QFile::encodeName(m_path).toStdString(), "name a file");
-    const QByteArray lockName = QFile::encodeName(m_path + QStringLiteral(".lock"));
-    m_lock = ::open(lockName.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
-    if (m_lock < 0)
-        failToWrite(lockName.toStdString(), errno);
-    if (::flock(m_lock, LOCK_EX | LOCK_NB) != 0)
-        throw HistoryRefused(name + ": another program records into it", kExitRefused);
+    m_lock = FileLock::take(m_path);
+    if (!m_lock)
+        throw HistoryRefused(m_path.toStdString() + ": another program records into it",
+                             kExitRefused);
 }
 
 // The group reads it, and nobody else; the database gives its log the same rights. An error shows

@@ -3,6 +3,7 @@
 
 #include "Clock.h"
 #include "Database.h"
+#include "FileLock.h"
 #include "HistoryBudget.h"
 #include "HistoryRows.h"
 
@@ -117,7 +118,8 @@ private:
     QString m_path;
     HistoryLimits m_limits;
     HistoryBudget m_budget;
-    int m_lock = -1;
+    /// Before the database: the file is closed before the next program may open it.
+    std::unique_ptr<FileLock> m_lock;
     std::unique_ptr<Database> m_database;
     std::unique_ptr<HistoryStatements> m_statements;
     quint64 m_device = 0;
