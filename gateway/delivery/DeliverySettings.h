@@ -60,6 +60,7 @@ struct SparkplugSettings
     QString node;
     QString primaryHost; ///< nothing is published while it is offline; empty: none
     bool takesOrders = false;
+    int maximumAgeMs = 10000; ///< an older order is refused
 };
 
 /// The settings as the service sends them to the process that delivers.

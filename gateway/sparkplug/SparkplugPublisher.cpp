@@ -1,0 +1,110 @@
+#include "SparkplugPublisher.h"
+
+#include "EdgeNode.h"
+
+namespace micro850::gateway {
+
+using host::Json;
+
+class SparkplugPublisher::Private : public MqttConnection::Owner, public sparkplug::Link
+{
+public:
+    Private(const SparkplugSettings& settings, PublisherNeeds& needs)
+        : m_settings(settings), m_needs(needs), m_node(m_settings, needs, *this),
+          m_connection(*this, m_settings.broker, needs.clock())
+    {
+    }
+
+    MqttMessage will() override { return m_node.will(); }
+    void handleConnected() override
+    {
+        m_needs.note(QStringLiteral("connected to the broker"));
+        m_node.handleConnected();
+    }
+    void handleDisconnected(const QString& reason) override
+    {
+        m_needs.note(reason);
+        m_node.handleDisconnected();
+    }
+    void handleAcknowledged(int) override {}
+    void handleRefused(int, const QString& reason) override
+    {
+        m_needs.warn(QStringLiteral("refused by the broker"), reason);
+    }
+    void handleMessage(const MqttMessage& message) override { m_node.handleMessage(message); }
+    void handlePong(int number) override { m_node.handlePong(number); }
+
+    bool publish(const MqttMessage& message) override { return m_connection.publish(message) != 0; }
+    void subscribe(const QByteArray& topic) override { m_connection.subscribe(topic); }
+    void ping(int number) override { m_connection.ping(number); }
+    void reconnect(const QString& reason) override { m_connection.reconnect(reason); }
+
+    void setCatalogue(const Catalogue& catalogue)
+    {
+        m_node.setCatalogue(catalogue);
+        if (!m_isStarted)
+            m_connection.start();
+        m_isStarted = true;
+    }
+    void tick()
+    {
+        m_connection.tick();
+        m_node.tick();
+    }
+    void stop(Duration limit)
+    {
+        m_node.stop();
+        m_connection.stop(limit);
+    }
+    Json status() const
+    {
+        Json status = m_connection.status();
+        status["node"] = m_node.status();
+        return status;
+    }
+    sparkplug::EdgeNode& node() { return m_node; }
+
+private:
+    SparkplugSettings m_settings;
+    PublisherNeeds& m_needs;
+    sparkplug::EdgeNode m_node;
+    MqttConnection m_connection;
+    bool m_isStarted = false;
+};
+
+SparkplugPublisher::SparkplugPublisher(const SparkplugSettings& settings, PublisherNeeds& needs)
+    : m_private(std::make_unique<Private>(settings, needs))
+{
+}
+
+SparkplugPublisher::~SparkplugPublisher() = default;
+
+void SparkplugPublisher::setCatalogue(const Catalogue& catalogue)
+{
+    m_private->setCatalogue(catalogue);
+}
+
+void SparkplugPublisher::handleEvent(const DeliveryEvent& event)
+{
+    m_private->node().handleEvent(event);
+}
+
+// What a station's counters are is no value of the plant.
+void SparkplugPublisher::handleStatus(const Json&) {}
+
+void SparkplugPublisher::tick()
+{
+    m_private->tick();
+}
+
+void SparkplugPublisher::stop(Duration limit)
+{
+    m_private->stop(limit);
+}
+
+Json SparkplugPublisher::status() const
+{
+    return m_private->status();
+}
+
+} // namespace micro850::gateway
