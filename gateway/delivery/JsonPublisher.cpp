@@ -35,6 +35,14 @@ Json parsed(const QByteArray& body)
     return Json::parse(body.constData(), body.constData() + body.size(), nullptr, false);
 }
 
+// Whether both are announced in the same way.
+bool isSame(const CatalogueVariable& a, const CatalogueVariable& b)
+{
+    return a.type == b.type && a.isScaled == b.isScaled && a.length == b.length &&
+           a.unit == b.unit && a.isWritable == b.isWritable && a.minimum == b.minimum &&
+           a.maximum == b.maximum;
+}
+
 } // namespace
 
 /// After a connection: a random pause, then obsolete topics are cleared, then the status, the
@@ -85,8 +93,8 @@ private:
     struct Sent
     {
         QByteArray topic;
-        qint64 id = 0; ///< of the queue; below 0: none
         bool isClear = false;
+        std::optional<qint64> id; ///< of a message of the flow
     };
 
     void replaceVariables(const Catalogue& catalogue);
@@ -96,11 +104,13 @@ private:
     void useTopic(const QByteArray& topic);
     void announceAll();
     void announceVariables();
+    void announceChanges(const QVector<Variable>& old);
     void clearObsolete();
     void work();
     bool perform(const Job& job);
     MqttMessage messageOf(const Job& job);
-    bool publish(const MqttMessage& message, qint64 id, bool isClear);
+    bool publish(const MqttMessage& message, bool isClear = false,
+                 std::optional<qint64> id = std::nullopt);
     void clear(const QByteArray& topic);
     void addDiscoveryTopics(const Variable& variable, QSet<QByteArray>& used) const;
     void sendResults();
@@ -170,13 +180,37 @@ JsonPublisher::Private::Private(const MqttSettings& settings, PublisherNeeds& ne
 
 void JsonPublisher::Private::setCatalogue(const Catalogue& catalogue)
 {
+    const QVector<Variable> old = m_variables;
     replaceVariables(catalogue);
     setUsedTopics();
-    if (!m_isStarted) {
-        m_isStarted = true;
+    if (!std::exchange(m_isStarted, true))
         m_connection.start();
-    } else if (isAnnounced()) {
-        announceAll();
+    else if (isAnnounced())
+        announceChanges(old);
+}
+
+// What is to be removed goes first: two announcements of one variable would be refused.
+void JsonPublisher::Private::announceChanges(const QVector<Variable>& old)
+{
+    QHash<QByteArray, int> before;
+    for (int i = 0; i < old.size(); ++i)
+        before.insert(old.at(i).topic, i);
+    QSet<QByteArray> waiting;
+    std::deque<Job> others;
+    for (const Job& job : std::exchange(m_jobs, {})) {
+        if (job.kind == JobKind::Configuration)
+            waiting.insert(old.at(job.variable).topic);
+        else
+            others.push_back(job);
+    }
+    m_jobs = std::move(others);
+    clearObsolete();
+    for (int i = 0; m_discovery.isWanted() && i < m_variables.size(); ++i) {
+        const Variable& variable = m_variables.at(i);
+        const auto known = before.constFind(variable.topic);
+        if (known == before.constEnd() || waiting.contains(variable.topic) ||
+            !isSame(variable.declared, old.at(*known).declared))
+            m_jobs.push_back({JobKind::Configuration, QByteArray(), i, {}});
     }
 }
 
@@ -332,7 +366,7 @@ void JsonPublisher::Private::publishStatistic(const QString& line, int station, 
         return;
     m_stations.insert({line, station});
     useTopic(message.topic);
-    publish(message, -1, false);
+    publish(message);
 }
 
 // A station that has no variable and is not in the status any more.
@@ -362,7 +396,7 @@ void JsonPublisher::Private::tick()
     m_connection.tick();
     const Duration now = m_needs.clock().now();
     for (const qint64 id : std::exchange(m_dropped, {}))
-        m_needs.flow().acknowledge(id);
+        m_needs.flow().refuse(id);
     if (m_stage == Stage::Waiting && now >= m_announceAt) {
         m_stage = Stage::Announcing;
         announceAll();
@@ -384,7 +418,6 @@ Duration JsonPublisher::Private::randomPause()
     return std::chrono::milliseconds(milliseconds(m_random));
 }
 
-// What is to be removed goes first: two announcements of one variable would be refused.
 void JsonPublisher::Private::announceAll()
 {
     m_jobs.clear();
@@ -438,7 +471,7 @@ bool JsonPublisher::Private::perform(const Job& job)
     const MqttMessage message = messageOf(job);
     if (message.topic.isEmpty() || isTooLong(message.topic))
         return true;
-    return publish(message, -1, job.kind == JobKind::Clear);
+    return publish(message, job.kind == JobKind::Clear);
 }
 
 // Without a topic when there is nothing to do.
@@ -473,12 +506,13 @@ MqttMessage JsonPublisher::Private::messageOf(const Job& job)
     return message;
 }
 
-bool JsonPublisher::Private::publish(const MqttMessage& message, qint64 id, bool isClear)
+bool JsonPublisher::Private::publish(const MqttMessage& message, bool isClear,
+                                     std::optional<qint64> id)
 {
     const int token = m_connection.publish(message);
     if (token <= 0)
         return false;
-    m_sent.insert(token, {message.topic, id, isClear});
+    m_sent.insert(token, {message.topic, isClear, id});
     return true;
 }
 
@@ -497,7 +531,7 @@ bool JsonPublisher::Private::isTooLong(const QByteArray& topic)
 void JsonPublisher::Private::sendResults()
 {
     while (m_connection.isConnected() && !m_results.empty() && !m_connection.isFull() &&
-           publish(m_results.front(), -1, false))
+           publish(m_results.front()))
         m_results.pop_front();
 }
 
@@ -511,7 +545,7 @@ bool JsonPublisher::Private::send(const QueuedMessage& message, Delivery deliver
         m_dropped.append(message.id); // not from within the flow
         return true;
     }
-    return publish(out, message.id, false);
+    return publish(out, false, message.id);
 }
 
 MqttMessage JsonPublisher::Private::eventToSend(const QueuedMessage& message,
@@ -608,8 +642,8 @@ void JsonPublisher::Private::handleAcknowledged(int token)
         m_retained.remove(sent.topic);
         m_hasTopicsToKeep = true;
     }
-    if (sent.id >= 0)
-        m_needs.flow().acknowledge(sent.id);
+    if (sent.id)
+        m_needs.flow().acknowledge(*sent.id);
 }
 
 // It would be refused again and again: what the broker does not want is not kept for it.
@@ -622,8 +656,8 @@ void JsonPublisher::Private::handleRefused(int token, const QString& reason)
                      (sent.topic.isEmpty() ? QStringLiteral("a topic")
                                            : QString::fromUtf8(sent.topic.left(200))) +
                      ": " + reason);
-    if (!sent.topic.isEmpty() && sent.id >= 0)
-        m_needs.flow().acknowledge(sent.id);
+    if (sent.id)
+        m_needs.flow().refuse(*sent.id);
 }
 
 void JsonPublisher::Private::handleMessage(const MqttMessage& message)

@@ -52,8 +52,8 @@ public:
 
     static constexpr int kLongestPayload = 64 * 1024;
     static constexpr int kMostWaiting = 256;
-    /// More orders of one line are not with the service at once.
-    static constexpr int kMostUnderWay = 8;
+    /// More orders of one line are not with the service at once: what waits here can get too old.
+    static constexpr int kMostUnderWay = 2;
     /// So many orders with an id and a time are remembered, so that each is carried out once.
     static constexpr int kMostRemembered = 1000;
 
