@@ -1,5 +1,7 @@
 #include "Configuration.h"
 
+#include "BrokerSection.h"
+#include "ConfigurationPart.h"
 #include "JsonFile.h"
 #include "NetworkAddress.h"
 #include "SerialLine.h"
@@ -25,28 +27,6 @@ const int kLongestName = 64;
 // With the 0 at its end the path has to fit into the address of a socket.
 const int kLongestSocketPath = int(sizeof(sockaddr_un::sun_path)) - 1;
 
-/// What is wrong, a line each.
-class Mistakes
-{
-public:
-    explicit Mistakes(std::vector<std::string>& list) : m_list(list) {}
-
-    /// Runs a part of the reading. What it throws is noted, and the next part can go on.
-    template<typename Part> bool runs(Part part)
-    {
-        try {
-            part();
-            return true;
-        } catch (const UserError& error) {
-            m_list.emplace_back(error.what());
-            return false;
-        }
-    }
-
-private:
-    std::vector<std::string>& m_list;
-};
-
 // A name becomes a level of a topic and a part of file names; clients choose by patterns with * and
 // ?. Letters that look alike would make two lines look like one.
 bool isLineName(const QString& name)
@@ -67,16 +47,6 @@ QString lineNameOf(const JsonNode& node)
         node.fail(node.found() + " is not a name of a line (1 to " + std::to_string(kLongestName) +
                   R"( of A-Z, a-z, 0-9, "_", "-" and ".", a letter or digit first))");
     return name;
-}
-
-QString pathOf(const JsonNode& node, const QString& folder)
-{
-    const QString path = QString::fromStdString(node.text());
-    if (path.isEmpty())
-        node.fail("a path has at least one character");
-    if (host::visible(path) != path)
-        node.fail("a path has no control or format characters, such as a line feed");
-    return QDir::cleanPath(QDir::isAbsolutePath(path) ? path : folder + QLatin1Char('/') + path);
 }
 
 QByteArray projectTextOf(const JsonNode& node, const QString& file)
@@ -245,35 +215,85 @@ void readHistory(const JsonNode& node, const QString& folder, HistorySettings& h
     });
 }
 
-// The gateway writes the database and replaces the socket.
-void checkOwnFiles(const JsonNode& root, const QString& path, const Configuration& configuration)
+/// A file that the gateway writes, or replaces.
+struct OwnFile
 {
-    const QString history = configuration.history.file;
-    if (history.isEmpty())
-        return;
-    const JsonNode file = root.at("history").at("file");
-    if (history == configuration.socket.path)
-        file.fail("is the path of the socket too (choose another one)");
+    JsonNode node;
+    QString path;
+};
+
+std::vector<OwnFile> ownFilesOf(const JsonNode& root, const Configuration& configuration)
+{
+    std::vector<OwnFile> files;
+    const auto add = [&](const JsonNode& section, const QString& path) {
+        if (!path.isEmpty())
+            files.push_back({section.at("file"), path});
+    };
+    if (!configuration.history.file.isEmpty())
+        add(root.at("history"), configuration.history.file);
+    if (configuration.brokers.mqtt && !configuration.brokers.mqtt->queue.file.isEmpty())
+        add(root.at("mqtt").at("queue"), configuration.brokers.mqtt->queue.file);
+    if (configuration.brokers.sparkplug && !configuration.brokers.sparkplug->queue.file.isEmpty())
+        add(root.at("sparkplug").at("queue"), configuration.brokers.sparkplug->queue.file);
+    return files;
+}
+
+QStringList readFilesOf(const QString& path, const Configuration& configuration)
+{
     QStringList read(path);
     for (const LineSettings& line : configuration.lines)
         read.append(line.projectFile);
-    for (const QString& other : read) {
-        if (targetOf(QFileInfo(other).absoluteFilePath()) == targetOf(history))
-            file.fail(history.toStdString() +
-                      " is a file that the gateway reads (choose another path)");
+    const auto add = [&read](const BrokerAddress& broker) {
+        for (const QString& file : {broker.credentialsFile, broker.authoritiesFile,
+                                    broker.certificateFile, broker.keyFile, broker.revokedFile})
+        {
+            if (!file.isEmpty())
+                read.append(file);
+        }
+    };
+    if (configuration.brokers.mqtt)
+        add(configuration.brokers.mqtt->broker);
+    if (configuration.brokers.sparkplug)
+        add(configuration.brokers.sparkplug->broker);
+    return read;
+}
+
+// The gateway writes its databases and replaces the socket.
+void checkOwnFiles(const JsonNode& root, const QString& path, const Configuration& configuration,
+                   Mistakes& mistakes)
+{
+    const QStringList read = readFilesOf(path, configuration);
+    QMap<QString, bool> taken;
+    for (const OwnFile& file : ownFilesOf(root, configuration)) {
+        mistakes.runs([&, target = targetOf(file.path)] {
+            if (file.path == configuration.socket.path)
+                file.node.fail("is the path of the socket too (choose another one)");
+            for (const QString& other : read) {
+                if (targetOf(QFileInfo(other).absoluteFilePath()) == target)
+                    file.node.fail(file.path.toStdString() +
+                                   " is a file that the gateway reads (choose another path)");
+            }
+            if (taken.contains(target))
+                file.node.fail(file.path.toStdString() +
+                               " is the file of another section too (choose another path)");
+            taken.insert(target, true);
+        });
     }
 }
 
 void readAll(const JsonNode& root, const QString& folder, Configuration& configuration,
              Mistakes& mistakes)
 {
-    mistakes.runs([&] { root.expectKeys({"$schema", "lines", "socket", "history"}); });
+    mistakes.runs([&] {
+        root.expectKeys({"$schema", "lines", "socket", "history", "mqtt", "sparkplug"});
+    });
     mistakes.runs([&] { root.text("$schema", ""); }); // for editors
     mistakes.runs([&] { readLines(root, folder, configuration.lines, mistakes); });
     if (root.has("socket"))
         readSocket(root.at("socket"), folder, configuration.socket, mistakes);
     if (root.has("history"))
         readHistory(root.at("history"), folder, configuration.history, mistakes);
+    readBrokers(root, folder, configuration.brokers, mistakes);
 }
 
 } // namespace
@@ -288,7 +308,7 @@ Configuration Configuration::fromFile(const QString& path, std::vector<std::stri
             root.fail("is a project of one line, not a configuration of the gateway (name it under "
                       "\"lines\" of a configuration, or check it with micro850-host check)");
         readAll(root, QFileInfo(path).absolutePath(), configuration, collected);
-        checkOwnFiles(root, path, configuration);
+        checkOwnFiles(root, path, configuration, collected);
     });
     return configuration;
 }

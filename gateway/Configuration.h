@@ -1,6 +1,7 @@
 #ifndef MICRO850_GATEWAY_CONFIGURATION_H
 #define MICRO850_GATEWAY_CONFIGURATION_H
 
+#include "BrokerSettings.h"
 #include "ClientSettings.h"
 #include "HistorySettings.h"
 #include "LineSettings.h"
@@ -16,6 +17,7 @@ struct Configuration
     QVector<LineSettings> lines;
     ClientSettings socket;
     HistorySettings history;
+    BrokerSettings brokers;
 
     /// Reads the file and the project files that it names. Relative paths in it begin at its
     /// folder. Throws UserError that names file, key and remedy of the first mistake, and how many

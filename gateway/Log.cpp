@@ -25,13 +25,15 @@ bool isJournal()
 
 Priority priorityOf(const QString& state)
 {
-    const bool isGood = state == QLatin1String("up") || state == QLatin1String("connected") ||
-                        state == QLatin1String("disabled") ||
-                        state == QLatin1String("overload ended") ||
-                        state == QLatin1String("history recording");
+    const bool isGood =
+        state == QLatin1String("up") || state == QLatin1String("connected") ||
+        state == QLatin1String("disabled") || state == QLatin1String("overload ended") ||
+        state == QLatin1String("history recording") || state == QLatin1String("delivery");
     if (isGood)
         return Priority::Info;
-    return state == QLatin1String("worker ended") ? Priority::Error : Priority::Warning;
+    const bool isEnd =
+        state == QLatin1String("worker ended") || state == QLatin1String("delivery ended");
+    return isEnd ? Priority::Error : Priority::Warning;
 }
 
 } // namespace

@@ -1,8 +1,10 @@
 #include "Service.h"
 
+#include "BrokerService.h"
 #include "ClientServer.h"
 #include "Configuration.h"
 #include "Counted.h"
+#include "DeliveryProcess.h"
 #include "HistoryService.h"
 #include "Lines.h"
 #include "Log.h"
@@ -18,6 +20,7 @@
 
 #include <csignal>
 #include <memory>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -33,6 +36,13 @@ SupervisionSettings supervisionFromEnvironment()
     const int milliseconds = qEnvironmentVariableIntValue(kHeartbeatVariable, &isNumber);
     if (isNumber && milliseconds > 0)
         settings.heartbeatLimit = std::chrono::milliseconds(milliseconds);
+    return settings;
+}
+
+SupervisionSettings deliverySupervision()
+{
+    SupervisionSettings settings = supervisionFromEnvironment();
+    settings.start = [] { return startProcess(kDeliveryArgument); };
     return settings;
 }
 
@@ -115,6 +125,7 @@ private:
     void tellAlarm(const LineEvent& event);
     void tellStatus();
     void stop();
+    void continueToStop();
 
     const QString m_path;
     SystemClock m_clock;
@@ -125,10 +136,12 @@ private:
     Lines m_lines;
     WriteRules m_writes;
     HistoryService m_history;
+    BrokerService m_brokers;
     ClientServer m_clients;
     QTimer m_tick;
     Duration m_nextStatus{0};
     bool m_stopping = false;
+    bool m_stoppingBrokers = false;
 };
 
 Service::Service(const QString& path, const Configuration& configuration)
@@ -137,13 +150,15 @@ Service::Service(const QString& path, const Configuration& configuration)
       m_writes(m_lines, m_clock, m_wallClock),
       m_history(m_lines, configuration.history, m_clock, m_wallClock,
                 [this](const LineEvent& event) { tellAlarm(event); }),
+      m_brokers(m_lines, m_writes, configuration.brokers, m_clock, m_wallClock,
+                deliverySupervision(), [this](const LineEvent& event) { tellAlarm(event); }),
       m_clients(clientNeeds(), configuration.socket)
 {
     m_lines.addListener(m_log);
     m_lines.setLines(configuration.lines);
     QObject::connect(&m_tick, &QTimer::timeout, &m_tick, [this] {
-        if (m_stopping && m_lines.haveEnded())
-            QCoreApplication::quit();
+        if (m_stopping)
+            continueToStop();
         m_notice.pat();
         if (m_clock.now() >= m_nextStatus)
             tellStatus();
@@ -158,7 +173,8 @@ ClientNeeds Service::clientNeeds()
             m_clock,
             QStringLiteral("micro850-gateway " MICRO850_VERSION),
             [this] { applyNewConfiguration(); },
-            static_cast<int>(::geteuid())};
+            static_cast<int>(::geteuid()),
+            [this] { return m_brokers.status(); }};
 }
 
 void Service::tellAlarm(const LineEvent& event)
@@ -237,6 +253,7 @@ void Service::apply(const Configuration& configuration)
     const QString changes = changesBetween(m_lines, configuration.lines);
     m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
+    m_brokers.change(configuration.brokers);
     log(Priority::Notice, QStringLiteral("the configuration was read again: %1; %2")
                               .arg(counted(m_lines.size(), "line"), changes));
 }
@@ -249,6 +266,17 @@ void Service::stop()
     m_notice.stopping();
     log(Priority::Info, QStringLiteral("ending"));
     m_lines.stop();
+}
+
+// The processes that deliver end last: what the lines tell at their end goes to the brokers too.
+void Service::continueToStop()
+{
+    if (!m_lines.haveEnded())
+        return;
+    if (!std::exchange(m_stoppingBrokers, true))
+        m_brokers.stop();
+    if (m_brokers.haveEnded())
+        QCoreApplication::quit();
 }
 
 } // namespace

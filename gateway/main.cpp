@@ -1,8 +1,11 @@
 // micro850-gateway: a service that owns the lines to controllers and shares them among its clients.
 
 #include "Check.h"
+#include "ChildProcess.h"
 #include "ClientSettings.h"
 #include "CommandLine.h"
+#include "DeliveryProcess.h"
+#include "Publishers.h"
 #include "Requests.h"
 #include "Service.h"
 #include "StandardStreams.h"
@@ -37,6 +40,15 @@ std::string footer(const char* example)
            "configuration.";
 }
 
+// Throws UserError unless the service has started this process.
+void requireService(const std::string& what)
+{
+    int type = 0;
+    socklen_t size = sizeof type;
+    if (::getsockopt(gateway::kChildDescriptor, SOL_SOCKET, SO_TYPE, &type, &size) != 0)
+        throw UserError("only the service starts " + what + " (use micro850-gateway CONFIG.json)");
+}
+
 int run(int argc, char** argv)
 {
     CommandLine line("micro850-gateway", MICRO850_VERSION,
@@ -69,11 +81,12 @@ int run(int argc, char** argv)
     reload.text("--socket", socket, kSocketHelp);
     reload.footer(footer("micro850-gateway reload"));
     line.addHiddenCommand(gateway::kWorkerArgument, [] {
-        int type = 0;
-        socklen_t size = sizeof type;
-        if (::getsockopt(gateway::kWorkerDescriptor, SOL_SOCKET, SO_TYPE, &type, &size) != 0)
-            throw UserError("only the service starts a worker (use micro850-gateway CONFIG.json)");
-        return gateway::runWorker(gateway::kWorkerDescriptor);
+        requireService("a worker");
+        return gateway::runWorker(gateway::kChildDescriptor);
+    });
+    line.addHiddenCommand(gateway::kDeliveryArgument, [] {
+        requireService("a process that delivers");
+        return gateway::runDelivery(gateway::kChildDescriptor, gateway::makePublisher);
     });
     return line.run(argc, argv);
 }

@@ -18,6 +18,7 @@ class BrokerService : public LineListener
 public:
     /// Adds itself to the listeners of the lines. All must outlive it. `alarm` is told what the log
     /// and the clients should know: a broker that is gone or back, values that were lost.
+    /// `supervision` starts the processes; see runDelivery().
     using Alarm = std::function<void(const LineEvent& event)>;
     BrokerService(LineService& lines, WriteRules& writes, const BrokerSettings& settings,
                   const Clock& clock, const WallClock& wallClock,
@@ -26,10 +27,13 @@ public:
 
     /// Settings of a new configuration. A process whose settings did not change goes on.
     void change(const BrokerSettings& settings);
-    /// Ends the processes in order. No other one is started.
+    /// Does what is due. A timer of this object calls it; tests with a clock of their own call it
+    /// themselves.
+    void tick();
+    /// Ends the processes in order: what came so far is on disk then. No other one is started.
     void stop();
     bool haveEnded() const;
-    /// {"mqtt": {...}, "sparkplug": {...}}: what is configured, as the processes told it last.
+    /// {"mqtt": {...}, "sparkplug": {...}}: what is configured, with what the processes told last.
     Json status() const;
 
     void handleValue(int line, int variable) override;

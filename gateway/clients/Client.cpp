@@ -642,6 +642,9 @@ void Client::handleStatus(const Json& id, const JsonNode& message)
     for (int line = 0; line < m_context.lines.size(); ++line)
         reply["lines"].push_back(m_context.lines.status(line));
     reply["history"] = m_context.history.status();
+    const Json delivery = m_context.delivery ? m_context.delivery() : Json::object();
+    if (!delivery.empty())
+        reply["delivery"] = delivery;
     send(lineOf(reply));
 }
 

@@ -20,6 +20,8 @@ struct ClientNeeds
     std::function<void()> reload;
     /// Who may reload besides root.
     int serviceUid = 0;
+    /// The status of the processes that deliver to brokers, by their kind; null: there are none.
+    std::function<Json()> delivery = nullptr;
 };
 
 /// The same with what all clients share.

@@ -24,7 +24,9 @@ struct QueuedMessage
     int station = -1;
     QString name;    ///< of the variable; empty: an event
     qint64 time = 0; ///< milliseconds since 1970 UTC
-    QByteArray body; ///< the object of the value, or of the event, as JSON
+    /// As JSON: the object of the value, as the gateway's protocol has it; of an event {"time",
+    /// "state", "text"}, with "notice": true when the state did not change.
+    QByteArray body;
 };
 
 /// Messages that wait for the acknowledgement of the broker, in an SQLite database, bounded by size

@@ -1,7 +1,7 @@
 #include "Supervisor.h"
 
+#include "ChildProcess.h"
 #include "UserError.h"
-#include "Worker.h"
 
 #include <csignal>
 
@@ -93,6 +93,11 @@ bool Supervisor::send(const QByteArray& line)
 void Supervisor::watchForRoom()
 {
     m_room->setEnabled(m_channel->hasOutput());
+}
+
+qint64 Supervisor::waitingBytes() const
+{
+    return isRunning() ? m_channel->output().size() : 0;
 }
 
 // A worker that is gone is noticed by the input.

@@ -58,6 +58,8 @@ public:
     void tick(bool mayStart);
     /// False when no worker runs.
     bool send(const QByteArray& line);
+    /// Bytes that the worker has not taken yet.
+    qint64 waitingBytes() const;
     bool isRunning() const { return m_state == State::Running; }
     /// True when the worker has run for so long that it is known to work.
     bool isSteady() const;

@@ -2,6 +2,7 @@
 
 #include "AnnouncedLine.h"
 #include "Channel.h"
+#include "ChildProcess.h"
 #include "DriverLibrary.h"
 #include "LineFactory.h"
 #include "UserError.h"
@@ -9,11 +10,8 @@
 #include "WorkerRequests.h"
 
 #include <sys/poll.h>
-#include <sys/prctl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <iostream>
 
 namespace micro850::gateway {
@@ -28,32 +26,6 @@ const qint64 kEnoughWaiting = qint64(128) * 1024;
 const std::chrono::seconds kHeartbeat(1);
 // A device server that takes its time, with several addresses.
 const std::chrono::seconds kOpeningTime(60);
-// The process ends after this time even if it hangs once the service is gone.
-const unsigned kMostSecondsToEnd = 10;
-
-volatile std::sig_atomic_t parentIsGone = 0;
-
-void noteParentIsGone(int)
-{
-    parentIsGone = 1;
-    ::alarm(kMostSecondsToEnd);
-}
-
-void handle(int signal, void (*handler)(int))
-{
-    struct sigaction action = {};
-    action.sa_handler = handler;
-    ::sigaction(signal, &action, nullptr);
-}
-
-// Signals to the whole group are the service's business: its end is the workers' end.
-void setSignals()
-{
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE})
-        handle(signal, SIG_IGN);
-    handle(kEndSignal, noteParentIsGone);
-    ::prctl(PR_SET_PDEATHSIG, kEndSignal);
-}
 
 /// A worker's end of the socket. It notes when the other end is closed.
 class Pipe
@@ -61,7 +33,7 @@ class Pipe
 public:
     explicit Pipe(int descriptor) : m_channel(descriptor, kLongestOpen, kMostWaiting) {}
 
-    bool isClosed() const { return m_closed || parentIsGone != 0; }
+    bool isClosed() const { return m_closed || serviceIsGone(); }
     /// The first line. Empty when the other end is closed before it comes.
     QByteArray first()
     {
@@ -105,7 +77,7 @@ private:
     void close()
     {
         m_closed = true;
-        ::alarm(kMostSecondsToEnd);
+        limitTimeToEnd();
     }
 
     host::Channel m_channel;
@@ -231,7 +203,7 @@ int serveLine(Pipe& pipe)
 
 int runWorker(int descriptor)
 {
-    setSignals();
+    setChildSignals();
     Pipe pipe(descriptor);
     try {
         return serveLine(pipe);

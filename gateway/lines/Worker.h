@@ -1,17 +1,10 @@
 #ifndef MICRO850_GATEWAY_LINES_WORKER_H
 #define MICRO850_GATEWAY_LINES_WORKER_H
 
-#include <csignal>
-
 namespace micro850::gateway {
 
 /// The argument that makes the program a worker.
 const char* const kWorkerArgument = "worker";
-/// The descriptor of a worker's end of the socket pair.
-const int kWorkerDescriptor = 3;
-/// Ends a worker in order, also one that waits for its line. The system sends it when the service
-/// is gone.
-const int kEndSignal = SIGUSR1;
 
 /// Runs the worker of one line until the other end of the socket is closed: it loads the driver,
 /// opens the line and polls the project that the first message has. Returns the exit status of the

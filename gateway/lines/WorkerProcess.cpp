@@ -1,5 +1,6 @@
 #include "WorkerProcess.h"
 
+#include "ChildProcess.h"
 #include "UserError.h"
 #include "Worker.h"
 
@@ -32,7 +33,7 @@ public:
     {
         posix_spawn_file_actions_init(&m_actions);
         posix_spawnattr_init(&m_attributes);
-        posix_spawn_file_actions_adddup2(&m_actions, socket, kWorkerDescriptor);
+        posix_spawn_file_actions_adddup2(&m_actions, socket, kChildDescriptor);
         sigset_t none;
         sigset_t all;
         sigemptyset(&none);
@@ -60,7 +61,7 @@ private:
 // A descriptor with the number that it has in the worker would keep its mark to be closed there.
 int movedAside(int descriptor)
 {
-    const int moved = ::fcntl(descriptor, F_DUPFD_CLOEXEC, kWorkerDescriptor + 1);
+    const int moved = ::fcntl(descriptor, F_DUPFD_CLOEXEC, kChildDescriptor + 1);
     const int error = errno;
     ::close(descriptor);
     if (moved < 0)
@@ -70,7 +71,7 @@ int movedAside(int descriptor)
 
 } // namespace
 
-WorkerProcess startWorker()
+WorkerProcess startProcess(const char* argument)
 {
     std::array<int, 2> ends = {-1, -1};
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
@@ -86,8 +87,8 @@ WorkerProcess startWorker()
     }
     // The names of all processes of the service begin alike.
     std::string name = "micro850-gateway";
-    std::string argument = kWorkerArgument;
-    const std::array<char*, 3> arguments = {name.data(), argument.data(), nullptr};
+    std::string text = argument;
+    const std::array<char*, 3> arguments = {name.data(), text.data(), nullptr};
     const SpawnSettings settings(other);
     const int error = ::posix_spawn(&worker.pid, "/proc/self/exe", settings.actions(),
                                     settings.attributes(), arguments.data(), environ);
@@ -97,6 +98,11 @@ WorkerProcess startWorker()
         refuse("a worker cannot be started", error);
     }
     return worker;
+}
+
+WorkerProcess startWorker()
+{
+    return startProcess(kWorkerArgument);
 }
 
 std::optional<QString> endOf(int pid)

@@ -14,8 +14,10 @@ struct WorkerProcess
     int socket = -1;
 };
 
-/// Starts this program as a worker; see runWorker(). Throws UserError when the system refuses. The
-/// caller owns the socket and must ask for the end of the process.
+/// Starts this program with an argument that makes it a process of the service. Throws UserError
+/// when the system refuses. The caller owns the socket and must ask for the end of the process.
+WorkerProcess startProcess(const char* argument);
+/// The same as a worker; see runWorker().
 WorkerProcess startWorker();
 
 /// How the process ended, "signal 9" or "exit status 1"; none while it runs. Waits for nothing. A

@@ -1,0 +1,398 @@
+#include "BrokerFeed.h"
+
+#include "Message.h"
+#include "UserError.h"
+
+#include <QtCore/QRandomGenerator>
+
+#include <csignal>
+#include <utility>
+
+namespace micro850::gateway {
+
+namespace {
+
+// What the process has not taken out of the socket yet. More waits here, where it is bounded.
+const qint64 kEnoughWaiting = qint64(256) * 1024;
+// A line of values ends with the value that makes it longer than this.
+const int kEnoughBytes = 64 * 1024;
+// Types come to be known one after the other.
+const std::chrono::seconds kCatalogueInterval(1);
+// What a message needs besides its text.
+const int kOverhead = 64;
+
+QString textIn(const Json& object, const char* key)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_string())
+        throw UserError(std::string(key) + " is no text");
+    return QString::fromStdString(found->get<std::string>());
+}
+
+qint64 numberIn(const Json& object, const char* key, qint64 most)
+{
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_number_integer() || *found < 0 || *found > most)
+        throw UserError(std::string(key) + " is no number");
+    return found->get<qint64>();
+}
+
+QString secondsText(Duration time)
+{
+    return QString::number(static_cast<double>(wholeMilliseconds(time)) / 1000);
+}
+
+QString newRun()
+{
+    return QString::number(QRandomGenerator::system()->generate64(), 16);
+}
+
+QByteArray textOf(const Json& object)
+{
+    return QByteArray::fromStdString(object.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+} // namespace
+
+BrokerFeed::BrokerFeed(Owner& owner, const QString& kind, const Json& settings, const Clock& clock,
+                       const SupervisionSettings& supervision)
+    : m_owner(owner), m_kind(kind), m_settings(settings), m_clock(clock),
+      m_supervision(supervision), m_run(newRun()), m_supervisor(*this, clock, supervision),
+      m_status(Json::object()), m_whyDown(QStringLiteral("its process is not started yet"))
+{
+    m_pumps.setSingleShot(true);
+    QObject::connect(&m_pumps, &QTimer::timeout, &m_pumps, [this] { pump(); });
+}
+
+BrokerFeed::~BrokerFeed()
+{
+    const int pid = m_supervisor.retire();
+    if (pid > 0)
+        ::kill(pid, SIGKILL);
+}
+
+QByteArray BrokerFeed::opening()
+{
+    m_isOpen = false;
+    m_alive = std::make_shared<bool>(true);
+    return host::lineOf({{"request", "open"},
+                         {"kind", m_kind.toStdString()},
+                         {"settings", m_settings},
+                         {"run", m_run.toStdString()}});
+}
+
+void BrokerFeed::change(const Json& settings)
+{
+    m_settings = settings;
+    m_isLeaving = m_supervisor.isRunning();
+    pump();
+}
+
+void BrokerFeed::tick()
+{
+    m_supervisor.tick(!m_isStopping);
+    pump();
+    if (m_isStopping && m_killed < 0 && m_supervisor.pid() > 0 && m_clock.now() >= m_killAt) {
+        m_killed = m_supervisor.retire();
+        ::kill(m_killed, SIGKILL);
+        tell(QStringLiteral("delivery ended"),
+             QStringLiteral("its process did not end in order and was killed"));
+    }
+    if (m_killed > 0 && endOf(m_killed))
+        m_killed = 0;
+    if (m_supervisor.isSteady())
+        m_lastEnd.reset();
+}
+
+void BrokerFeed::stop()
+{
+    m_isStopping = m_isLeaving = true;
+    m_killAt = m_clock.now() + m_supervision.timeToEnd;
+    pump();
+}
+
+bool BrokerFeed::hasEnded() const
+{
+    return m_supervisor.pid() <= 0 && m_killed <= 0;
+}
+
+const BrokerFeed::Entry& BrokerFeed::entry(qint64 number) const
+{
+    return m_held.at(static_cast<std::size_t>(number - m_first));
+}
+
+void BrokerFeed::addValue(const Subject& subject, const QByteArray& value, qint64 time)
+{
+    add(subject, {true, time, value});
+}
+
+void BrokerFeed::addEvent(const char* kind, const Subject& subject, const Json& event)
+{
+    Json message = host::eventNamed(kind);
+    message.update(event);
+    add(subject, {false, 0, textOf(message)});
+}
+
+void BrokerFeed::add(const Subject& subject, Entry entry)
+{
+    m_bytes += entry.text.size() + kOverhead;
+    m_held.push_back(std::move(entry));
+    m_numbers[subject] = last();
+    while (m_bytes > kMostHeld && m_held.size() > 1)
+        removeOldest();
+    if (!m_pumps.isActive())
+        m_pumps.start(0);
+}
+
+// The process may still keep what it got; it is known when it does not.
+void BrokerFeed::removeOldest()
+{
+    if (m_first < m_next) {
+        m_lastUncovered = m_first;
+    } else {
+        ++m_leftOut;
+        m_next = m_first + 1;
+        tellLeftOut();
+    }
+    m_bytes -= m_held.front().text.size() + kOverhead;
+    m_held.pop_front();
+    ++m_first;
+}
+
+// Once each time that there is no room.
+void BrokerFeed::tellLeftOut()
+{
+    if (std::exchange(m_toldLeftOut, true))
+        return;
+    tell(QStringLiteral("delivery lost values"),
+         QStringLiteral("its process takes no values; the oldest are left out, %1 so far")
+             .arg(m_leftOut));
+}
+
+void BrokerFeed::handleLine(const QByteArray& line)
+{
+    const Json message = host::jsonOf(host::messageIn(line, "message of a process"));
+    if (message.contains("request"))
+        return takeOrder(message);
+    const QString event = textIn(message, "event");
+    if (event == QLatin1String("kept"))
+        takeKept(numberIn(message, "number", last()));
+    else if (event == QLatin1String("status"))
+        m_status = message.value("status", Json::object());
+    else if (event == QLatin1String("log"))
+        takeLog(message);
+    else if (event == QLatin1String("opened"))
+        takeOpened(message);
+    else if (event == QLatin1String("opening"))
+        m_supervisor.grant(std::chrono::milliseconds(numberIn(message, "patienceMs", 600000)));
+    else if (event == QLatin1String("failed"))
+        m_supervisor.noteReason(textIn(message, "text"));
+    else
+        throw UserError("event: " + event.toStdString() + " is unknown");
+    if (!m_status.is_object())
+        throw UserError("status is no object");
+}
+
+void BrokerFeed::takeOpened(const Json& message)
+{
+    const bool isSame = textIn(message, "run") == m_run;
+    const qint64 kept = isSame ? numberIn(message, "number", m_next - 1) : m_lastKept;
+    if (m_lastUncovered > kept) {
+        m_leftOut += m_lastUncovered - kept;
+        tellLeftOut();
+    }
+    m_lastUncovered = 0;
+    takeKept(kept);
+    m_next = m_first;
+    m_isOpen = true;
+    m_whyDown.clear();
+    sendCatalogue();
+    sendCurrent();
+    pump();
+}
+
+void BrokerFeed::takeKept(qint64 number)
+{
+    if (number >= m_next)
+        throw UserError("kept: was not sent");
+    m_lastKept = std::max(m_lastKept, number);
+    while (!m_held.empty() && m_first <= number) {
+        m_bytes -= m_held.front().text.size() + kOverhead;
+        m_held.pop_front();
+        ++m_first;
+    }
+    if (m_toldLeftOut && m_isOpen && m_held.empty()) {
+        m_toldLeftOut = false;
+        tell(QStringLiteral("delivery"), QStringLiteral("its process has all that was held for it; "
+                                                        "%1 messages were left out so far")
+                                             .arg(m_leftOut));
+    }
+    pump();
+}
+
+// The answer can come when the process, or this feed, is gone.
+void BrokerFeed::takeOrder(const Json& message)
+{
+    if (textIn(message, "request") != QLatin1String("write"))
+        throw UserError("request: is unknown");
+    const qint64 id = numberIn(message, "id", INT64_MAX);
+    m_owner.order(*this, message,
+                  [this, id, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
+                      if (!alive.expired())
+                          m_supervisor.send(host::lineOf({{"id", id}, {"reply", reply}}));
+                  });
+}
+
+void BrokerFeed::takeLog(const Json& message)
+{
+    const bool isWarning = textIn(message, "priority") == QLatin1String("warning");
+    tell(isWarning ? QStringLiteral("delivery problem") : QStringLiteral("delivery"),
+         textIn(message, "text"));
+}
+
+void BrokerFeed::tell(const QString& state, const QString& text)
+{
+    m_owner.tell(state, m_kind + QStringLiteral(": ") + text);
+}
+
+void BrokerFeed::handleEnd(const QString& how, Duration pause)
+{
+    m_isOpen = false;
+    m_alive.reset();
+    m_next = m_first;
+    const bool wasAsked = m_toldToLeave;
+    m_isLeaving = m_toldToLeave = false;
+    m_status.erase("memoryKb");
+    m_whyDown = QStringLiteral("its process ended (%1); it is started again in %2 s")
+                    .arg(how, secondsText(pause));
+    if (wasAsked) {
+        m_whyDown = QStringLiteral("its process is started with other settings");
+        return;
+    }
+    if (m_isStopping)
+        m_whyDown = QStringLiteral("its process ended (%1) while the service ended").arg(how);
+    if (m_lastEnd != how || m_isStopping)
+        tell(QStringLiteral("delivery ended"), m_whyDown);
+    m_lastEnd = how;
+}
+
+bool BrokerFeed::takesMore() const
+{
+    return m_isOpen && m_supervisor.isRunning() && m_supervisor.waitingBytes() < kEnoughWaiting;
+}
+
+void BrokerFeed::pump()
+{
+    if (!m_isOpen || m_toldToLeave)
+        return;
+    if (m_hasNewCatalogue && takesMore() && m_clock.now() >= m_nextCatalogue)
+        sendCatalogue();
+    while (m_next <= last() && takesMore()) {
+        if (!sendNext())
+            return;
+    }
+    if (m_isLeaving && m_next > last())
+        m_toldToLeave = m_supervisor.send(host::lineOf({{"request", "stop"}}));
+}
+
+void BrokerFeed::sendCatalogue()
+{
+    m_hasNewCatalogue = false;
+    m_nextCatalogue = m_clock.now() + kCatalogueInterval;
+    Json message = host::eventNamed("catalogue");
+    message.update(m_owner.catalogue());
+    m_supervisor.send(host::lineOf(message));
+}
+
+bool BrokerFeed::sendNext()
+{
+    qint64 next = m_next;
+    QByteArray line;
+    if (entry(next).isValue) {
+        line = valuesFrom(next);
+    } else {
+        line = entry(next).text;
+        line.chop(1);
+        line += ",\"number\":" + QByteArray::number(next) + "}\n";
+        ++next;
+    }
+    if (!m_supervisor.send(line))
+        return false;
+    m_next = next;
+    return true;
+}
+
+QByteArray BrokerFeed::valuesFrom(qint64& number) const
+{
+    QByteArray times;
+    QByteArray values;
+    const qint64 first = number;
+    while (number <= last() && entry(number).isValue && values.size() < kEnoughBytes) {
+        if (number != first) {
+            times += ',';
+            values += ',';
+        }
+        times += QByteArray::number(entry(number).time);
+        values += entry(number).text;
+        ++number;
+    }
+    return "{\"event\":\"values\",\"first\":" + QByteArray::number(first) + ",\"times\":[" + times +
+           "],\"values\":[" + values + "]}\n";
+}
+
+// What was told last about a subject either is kept, so that the process needs it, or comes again.
+void BrokerFeed::addCurrentValue(const Subject& subject, const QByteArray& value)
+{
+    if (m_numbers.value(subject, 0) >= m_first)
+        return;
+    m_current += m_current.isEmpty() ? "{\"event\":\"current\",\"values\":[" : ",";
+    m_current += value;
+    if (m_current.size() < kEnoughBytes)
+        return;
+    m_supervisor.send(m_current + "]}\n");
+    m_current.clear();
+}
+
+void BrokerFeed::addCurrentState(const Subject& subject, const Json& event)
+{
+    if (m_numbers.value(subject, 0) >= m_first)
+        return;
+    Json message = host::eventNamed("current");
+    message.update(event);
+    m_supervisor.send(host::lineOf(message));
+}
+
+void BrokerFeed::sendCurrent()
+{
+    m_current.clear();
+    m_owner.visitCurrent(*this);
+    if (!m_current.isEmpty())
+        m_supervisor.send(m_current + "]}\n");
+    m_current.clear();
+}
+
+void BrokerFeed::forget(const std::function<bool(const Subject& subject)>& isGone)
+{
+    for (auto subject = m_numbers.begin(); subject != m_numbers.end();)
+        subject = isGone(subject.key()) ? m_numbers.erase(subject) : std::next(subject);
+}
+
+void BrokerFeed::sendStatus(const Json& lines)
+{
+    if (takesMore() && !m_toldToLeave)
+        m_supervisor.send(host::lineOf({{"event", "status"}, {"lines", lines}}));
+}
+
+Json BrokerFeed::status() const
+{
+    Json status = {{"pid", m_supervisor.pid() > 0 ? Json(m_supervisor.pid()) : Json()},
+                   {"starts", m_supervisor.starts()},
+                   {"held", m_held.size()},
+                   {"leftOut", m_leftOut}};
+    if (!m_whyDown.isEmpty())
+        status["problem"] = m_whyDown.toStdString();
+    status.update(m_status);
+    return status;
+}
+
+} // namespace micro850::gateway
