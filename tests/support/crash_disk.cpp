@@ -43,11 +43,15 @@ int closeFile(sqlite3_file* file)
 
 int readFile(sqlite3_file* file, void* to, int size, sqlite3_int64 at)
 {
+    if (disk->popFailedCall())
+        return SQLITE_IOERR_READ;
     return realOf(file)->pMethods->xRead(realOf(file), to, size, at);
 }
 
 int writeFile(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 at)
 {
+    if (disk->popFailedCall())
+        return SQLITE_FULL;
     disk->note({CrashDisk::Kind::Write, nameOf(file), at,
                 std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(size))});
     return realOf(file)->pMethods->xWrite(realOf(file), bytes, size, at);
@@ -55,13 +59,15 @@ int writeFile(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 at)
 
 int truncateFile(sqlite3_file* file, sqlite3_int64 size)
 {
+    if (disk->popFailedCall())
+        return SQLITE_IOERR_TRUNCATE;
     disk->note({CrashDisk::Kind::Truncate, nameOf(file), size, ""});
     return realOf(file)->pMethods->xTruncate(realOf(file), size);
 }
 
 int syncFile(sqlite3_file* file, int)
 {
-    if (disk->popFailure())
+    if (disk->popFailure() || disk->popFailedCall())
         return SQLITE_IOERR_FSYNC;
     disk->note({CrashDisk::Kind::Sync, nameOf(file), 0, ""});
     return SQLITE_OK; // nobody pulls the plug of the machine
@@ -104,6 +110,8 @@ int characteristics(sqlite3_file*)
 
 int mapShared(sqlite3_file* file, int page, int size, int extend, void volatile** at)
 {
+    if (disk->popFailedCall())
+        return SQLITE_IOERR_SHMMAP;
     return realOf(file)->pMethods->xShmMap(realOf(file), page, size, extend, at);
 }
 
@@ -126,6 +134,8 @@ int openFile(sqlite3_vfs*, const char* path, sqlite3_file* file, int flags, int*
 {
     File* const made = reinterpret_cast<File*>(file);
     std::memset(made, 0, sizeof *made);
+    if (disk->popFailedCall())
+        return SQLITE_CANTOPEN;
     const std::string name = baseName(path);
     std::strncpy(made->name, name.c_str(), sizeof made->name - 1);
     const int code = real->xOpen(real, path, realOf(file), flags, outFlags);
@@ -185,6 +195,23 @@ bool CrashDisk::popFailure()
         return false;
     if (m_failingSyncs > 0)
         --m_failingSyncs;
+    return true;
+}
+
+void CrashDisk::failCalls(long long after, long long count)
+{
+    m_failingAfter = after;
+    m_failingCalls = count;
+}
+
+bool CrashDisk::popFailedCall()
+{
+    ++m_calls;
+    if (m_failingCalls == 0 || m_failingAfter-- > 0)
+        return false;
+    m_failingAfter = 0;
+    if (m_failingCalls > 0)
+        --m_failingCalls;
     return true;
 }
 

@@ -28,10 +28,23 @@ public:
     CrashDisk& operator=(const CrashDisk&) = delete;
 
     const std::vector<Step>& steps() const { return m_steps; }
-    void note(Step step) { m_steps.push_back(std::move(step)); }
+    void note(Step step)
+    {
+        if (!m_forgets)
+            m_steps.push_back(std::move(step));
+    }
     /// So many synchronisations from now on fail; below 0: all of them.
     void failSyncs(int count) { m_failingSyncs = count; }
     bool popFailure();
+    /// After so many calls of the disk (reads, writes, opening, ...) the next `count` ones fail;
+    /// below 0: all of them.
+    void failCalls(long long after, long long count);
+    void succeed() { failCalls(0, 0); }
+    bool popFailedCall();
+    /// Calls of the disk so far.
+    long long calls() const { return m_calls; }
+    /// Notes nothing from now on: for a test that needs no power cut.
+    void forgetSteps() { m_forgets = true; }
 
     /// The content of each file after a power cut behind the first `count` steps. Of what was not
     /// synchronised by then, `random` chooses; without it nothing is there. Replays only the steps
@@ -52,6 +65,10 @@ private:
     std::vector<Step> m_steps;
     Replayed m_replayed;
     int m_failingSyncs = 0;
+    long long m_calls = 0;
+    long long m_failingAfter = 0;
+    long long m_failingCalls = 0;
+    bool m_forgets = false;
 };
 
 #endif

@@ -4,6 +4,7 @@
 #include "DeliveryFlow.h"
 #include "WallClock.h"
 
+#include <QtCore/QFileInfo>
 #include <QtCore/QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -66,7 +67,9 @@ protected:
         return message;
     }
 
-    QTemporaryDir m_dir;
+    // In memory where there is such a folder: a test commits often.
+    QTemporaryDir m_dir{QFileInfo("/dev/shm").isWritable() ? "/dev/shm/queue-XXXXXX"
+                                                           : "queue-XXXXXX"};
     micro850::gateway::DeliveryQueueSettings m_settings;
     micro850::VirtualClock m_clock;
     micro850::gateway::SettableWallClock m_wallClock{1795352400000};
