@@ -3,25 +3,15 @@
 
 #include "Clock.h"
 #include "DeliverySettings.h"
-
-#include <QtCore/QByteArray>
+#include "MqttMessage.h"
 
 #include <memory>
-#include <optional>
 
 namespace micro850::gateway {
 
-/// A message to or from a broker.
-struct MqttMessage
-{
-    QByteArray topic; ///< UTF-8
-    QByteArray payload;
-    int qos = 1;
-    bool isRetained = false;
-    // Of MQTT 5 only.
-    QByteArray correlation;               ///< empty: none
-    std::optional<quint32> expirySeconds; ///< of what comes: what is left
-};
+/// A client id for a gateway that was given none: made of the machine's name and of what the
+/// connection is for ("mqtt", "sparkplug"), so that two connections of a gateway differ.
+QString machineClientId(const QString& kind);
 
 /// The connection to a broker: libmosquitto on a thread of its own, so that neither a name server
 /// nor a broker that hangs blocks the event loop. It connects again and again, with a growing
@@ -43,15 +33,16 @@ public:
         /// The broker has it: the acknowledgement of a message of QoS 1. For QoS 0 it is called
         /// once the message was given to the network.
         virtual void handleAcknowledged(int token) = 0;
-        /// The broker refused a message or a topic: it is gone. One of MQTT 5's reasons.
+        /// The broker refused a message, or no broker takes it: it is gone. Token 0: a
+        /// subscription. `reason` is one line for people.
         virtual void handleRefused(int token, const QString& reason) = 0;
         virtual void handleMessage(const MqttMessage& message) = 0;
         /// The broker has everything that was sent before ping(number).
         virtual void handlePong(int number) = 0;
     };
 
-    /// The arguments must outlive it. Reads the files of the address when it connects. It does not
-    /// connect before start().
+    /// The arguments must outlive it. Reads the files of the address whenever it connects. It does
+    /// not connect before start().
     MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock);
     /// Closes the connection at once, so that the broker publishes the Will.
     ~MqttConnection();
@@ -59,10 +50,12 @@ public:
     MqttConnection& operator=(const MqttConnection&) = delete;
 
     void start();
-    /// Connects anew at once, or after a pause: ends the connection, with `reason`.
+    /// Ends the connection, so that the broker publishes the Will, and connects anew after a pause.
+    /// The owner is told with `reason`, from the event loop.
     void reconnect(const QString& reason);
-    /// Sends what waits and disconnects in order: the broker does not publish the Will. Waits for
-    /// at most `limit`.
+    /// Sends what waits, waits for the acknowledgements and disconnects in order: the broker does
+    /// not publish the Will. What takes longer than `limit` is broken off, and the broker publishes
+    /// the Will. The owner is told of the acknowledgements, and of nothing more afterwards.
     void stop(Duration limit);
     /// Does what is due. Call it several times a second.
     void tick();
@@ -74,13 +67,17 @@ public:
     /// Gives it to the network. Returns its token, above 0; 0 when not connected or when too much
     /// waits already. Never blocks.
     int publish(const MqttMessage& message);
-    /// Asks the broker for an answer that comes after everything sent so far was handled.
+    /// Asks the broker for an answer that comes after everything sent so far was handled. The
+    /// library offers no call for the ping of MQTT, which it sends by itself to keep the connection
+    /// alive; this asks to unsubscribe from a topic that is not subscribed, which every broker
+    /// answers, in the order of what it received.
     void ping(int number);
     /// Bytes that wait to be sent are more than a connection should hold.
     bool isFull() const;
 
-    /// state ("connected", "connecting", "waiting"), broker, reason, version, since, attempts.
-    /// No credential is in it.
+    /// state ("connected", "connecting", "waiting", "stopped"), broker, reason (why there is no
+    /// connection), version ("5", "3.1.1"), since (of the state; milliseconds since 1970 UTC),
+    /// attempts, connections. No credential is in it.
     host::Json status() const;
 
 private:

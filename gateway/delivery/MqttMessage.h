@@ -1,0 +1,26 @@
+#ifndef MICRO850_GATEWAY_DELIVERY_MQTTMESSAGE_H
+#define MICRO850_GATEWAY_DELIVERY_MQTTMESSAGE_H
+
+#include <QtCore/QByteArray>
+
+#include <optional>
+
+namespace micro850::gateway {
+
+/// A message to or from a broker.
+struct MqttMessage
+{
+    QByteArray topic; ///< UTF-8
+    QByteArray payload;
+    int qos = 1;
+    bool isRetained = false;
+    // Of MQTT 5 only.
+    QByteArray correlation;               ///< empty: none
+    std::optional<quint32> expirySeconds; ///< of what comes: what is left
+    /// Of what comes: the message was too long, the end of its payload is missing.
+    bool isCut = false;
+};
+
+} // namespace micro850::gateway
+
+#endif
