@@ -7,16 +7,13 @@
 
 namespace micro850::gateway {
 
-std::unique_ptr<Publisher> makePublisher([[maybe_unused]] const QString& kind,
-                                         [[maybe_unused]] const host::Json& settings,
-                                         [[maybe_unused]] PublisherNeeds& needs)
+std::unique_ptr<Publisher> makePublisher(const QString& kind, const host::Json& settings,
+                                         PublisherNeeds& needs)
 {
-#if __has_include("delivery/MqttConnection.cpp")
     if (kind == QLatin1String("mqtt"))
         return std::make_unique<JsonPublisher>(mqttSettingsOf(settings), needs);
     if (kind == QLatin1String("sparkplug"))
         return std::make_unique<SparkplugPublisher>(sparkplugSettingsOf(settings), needs);
-#endif
     throw UserError("kind: " + inQuotes(kind.toStdString()) + " is unknown");
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <regex>
 
 namespace schema {
@@ -54,13 +55,22 @@ std::wstring wide(const std::string& text)
     return QString::fromStdString(text).toStdWString();
 }
 
+// Each is translated once: that takes longer than a match.
+const std::wregex& expressionOf(const json& schema)
+{
+    static std::map<std::string, std::wregex> known;
+    const auto pattern = schema["pattern"].get<std::string>();
+    const auto found = known.find(pattern);
+    return found != known.end() ? found->second
+                                : known.emplace(pattern, std::wregex(wide(pattern))).first->second;
+}
+
 bool acceptsText(const json& schema, const std::string& text)
 {
     if (text.size() < schema.value("minLength", 0u) ||
         text.size() > schema.value("maxLength", 1000000u))
         return false;
-    return !schema.contains("pattern") ||
-           std::regex_match(wide(text), std::wregex(wide(schema["pattern"].get<std::string>())));
+    return !schema.contains("pattern") || std::regex_match(wide(text), expressionOf(schema));
 }
 
 // What stands under "not": a value, or a pattern that is looked for in a text.
@@ -69,8 +79,7 @@ bool excludes(const json& schema, const json& value)
     if (schema.contains("const"))
         return value == schema["const"];
     return value.is_string() &&
-           std::regex_search(wide(value.get<std::string>()),
-                             std::wregex(wide(schema["pattern"].get<std::string>())));
+           std::regex_search(wide(value.get<std::string>()), expressionOf(schema));
 }
 
 } // namespace
@@ -88,13 +97,17 @@ bool accepts(const json& schema, const json& value)
         "$schema",    "title",     "description", "type",     "required", "additionalProperties",
         "properties", "items",     "minItems",    "maxItems", "enum",     "minimum",
         "maximum",    "minLength", "maxLength",   "pattern",  "default",  "not",
-        "if",         "then"};
+        "if",         "then",      "allOf"};
     for (const auto& keyword : schema.items())
         EXPECT_TRUE(known.count(keyword.key())) << keyword.key();
     if (schema.contains("type") && !hasType(value, schema["type"]))
         return false;
     if (schema.contains("if") && accepts(schema["if"], value) && !accepts(schema["then"], value))
         return false;
+    for (const json& part : schema.value("allOf", json::array())) {
+        if (!accepts(part, value))
+            return false;
+    }
     if (schema.contains("not") && excludes(schema["not"], value))
         return false;
     if (schema.contains("enum") &&

@@ -8,6 +8,7 @@
 #include <QtCore/QTemporaryDir>
 
 #include <fstream>
+#include <functional>
 
 using schema::accepts;
 using schema::json;
@@ -53,39 +54,90 @@ bool isBeyondASchema(const std::string& key, const json& value)
     return name.size() > 255 || name.find('/') != std::string::npos;
 }
 
-const json kDocument = {{"lines", {{{"name", "press"}, {"project", "p.json"}}}},
-                        {"socket", json::object()},
-                        {"history", {{"file", "h.sqlite"}}}};
+const json kDocument = {
+    {"lines", {{{"name", "press"}, {"project", "p.json"}}}},
+    {"socket", json::object()},
+    {"history", {{"file", "h.sqlite"}}},
+    {"mqtt",
+     {{"broker", {{"host", "broker.plant"}, {"tls", {{"certificate", "c.pem"}, {"key", "k.pem"}}}}},
+      {"prefix", "plant/hall2"},
+      {"queue", {{"file", "m.sqlite"}}},
+      {"orders", json::object()},
+      {"discovery", json::object()}}},
+    {"sparkplug",
+     {{"broker", {{"host", "broker.plant"}, {"tls", {{"certificate", "c.pem"}, {"key", "k.pem"}}}}},
+      {"queue", {{"file", "s.sqlite"}}},
+      {"group", "hall2"},
+      {"node", "panel7"}}}};
+
+// Each object of the configuration with its place in kDocument.
+std::vector<std::pair<json, std::string>> objectsOf(const json& schema)
+{
+    const json& properties = schema["properties"];
+    std::vector<std::pair<json, std::string>> objects = {
+        {schema, ""}, {properties["lines"]["items"], "/lines/0"}};
+    const std::function<void(const json&, const std::string&)> add = [&](const json& object,
+                                                                         const std::string& place) {
+        objects.emplace_back(object, place);
+        for (const auto& property : object["properties"].items()) {
+            if (property.value()["type"] == "object")
+                add(property.value(), place + '/' + property.key());
+        }
+    };
+    for (const char* section : {"socket", "history", "mqtt", "sparkplug"})
+        add(properties[section], std::string("/") + section);
+    return objects;
+}
 
 } // namespace
 
 TEST(ConfigurationSchema, AgreesWithTheParserOnEveryKeyAndLimit)
 {
     const json schema = schemaFile();
-    const json& properties = schema["properties"];
     ASSERT_TRUE(accepts(schema, kDocument));
     ASSERT_EQ(complaint(kDocument), "");
-    const auto compare = [&](const json& object, const char* place) {
+    for (const auto& [object, place] : objectsOf(schema))
         schema::compareAll(schema, object, kDocument, json::json_pointer(place), complaint,
                            isBeyondASchema);
-    };
-    compare(schema, "");
-    compare(properties["lines"]["items"], "/lines/0");
-    compare(properties["socket"], "/socket");
-    compare(properties["history"], "/history");
 }
 
 TEST(ConfigurationSchema, KnowsEveryKeyThatTheParserNamesAsAllowed)
 {
     const json schema = schemaFile();
-    const json& properties = schema["properties"];
-    const auto compare = [](const json& object, const char* place) {
+    for (const auto& [object, place] : objectsOf(schema))
         schema::compareKeys(object, kDocument, json::json_pointer(place), complaint);
+}
+
+TEST(ConfigurationSchema, AgreesWithTheParserOnHostsPrefixesAndNamesOfBrokers)
+{
+    const json schema = schemaFile();
+    const auto compare = [&](const char* place, const char* value, bool isGood) {
+        json document = kDocument;
+        document[json::json_pointer(place)] = value;
+        EXPECT_EQ(accepts(schema, document), isGood) << place << ' ' << value;
+        EXPECT_EQ(complaint(document).empty(), isGood) << place << ' ' << complaint(document);
     };
-    compare(schema, "");
-    compare(properties["lines"]["items"], "/lines/0");
-    compare(properties["socket"], "/socket");
-    compare(properties["history"], "/history");
+    for (const json& tls : {json::object(), json{{"key", "k.pem"}}, json{{"certificate", "c.pem"}}})
+    {
+        json document = kDocument;
+        document["sparkplug"]["broker"]["tls"] = tls;
+        EXPECT_EQ(accepts(schema, document), tls.empty());
+        EXPECT_EQ(complaint(document).empty(), tls.empty()) << complaint(document);
+    }
+    for (const char* host : {"broker", "broker.plant.example", "10.0.0.7", "fe80::1%eth0", "::1",
+                             "::ffff:10.0.0.7", "_b"})
+        compare("/mqtt/broker/host", host, true);
+    for (const char* host :
+         {"", "broker:1883", "mqtt://broker", "a b", "[::1]", "broker/x", "-b", "me@broker"})
+        compare("/mqtt/broker/host", host, false);
+    for (const char* prefix : {"a", "plant/hall 2/panel-7", "a/$b", "\u00e4"})
+        compare("/mqtt/prefix", prefix, true);
+    for (const char* prefix : {"", "/a", "a/", "a//b", "a/+", "#", "$SYS/a", "a\nb"})
+        compare("/mqtt/prefix", prefix, false);
+    for (const char* name : {"hall2", "hall 2", "$hall", "\u00e4"})
+        compare("/sparkplug/group", name, true);
+    for (const char* name : {"", "a/b", "a+", "a#", "a\tb"})
+        compare("/sparkplug/node", name, false);
 }
 
 TEST(ConfigurationSchema, AgreesWithTheParserOnNamesAndTheirNumber)
