@@ -95,14 +95,18 @@ QString handshakeReason(unsigned long error)
 BrokerCredentials readCredentials(const QString& path)
 {
     expectPrivate(path, S_IRWXG | S_IRWXO, "group or others");
-    const JsonNode file = JsonNode::fromFile(path.toStdString());
-    file.expectKeys({"user", "password"});
+    const std::string content = fileContent(path.toStdString());
     BrokerCredentials credentials;
-    // The parser's own messages show the value.
-    if (!file.at("user").isText() || (file.has("password") && !file.at("password").isText()))
-        throw UserError(path.toStdString() + ": \"user\" and \"password\" must be texts");
-    credentials.user = file.at("user").text();
-    credentials.password = file.text("password", "");
+    try {
+        const JsonNode file = JsonNode::fromText(content, path.toStdString());
+        file.expectKeys({"user", "password"});
+        credentials.user = file.at("user").text();
+        credentials.password = file.text("password", "");
+    } catch (const UserError&) {
+        // That message may show what the file has.
+        throw UserError(path.toStdString() +
+                        R"(: it must be {"user": "NAME", "password": "WORD"}, as JSON)");
+    }
     if (credentials.user.find('\0') != std::string::npos ||
         credentials.password.find('\0') != std::string::npos)
         throw UserError(path.toStdString() + ": a byte 00 is not allowed");

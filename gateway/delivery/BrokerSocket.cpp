@@ -24,6 +24,8 @@ namespace {
 // For each address of the host.
 const std::chrono::seconds kConnectLimit(10);
 const std::chrono::seconds kHandshakeLimit(15);
+// Most brokers send something at once after the handshake of TLS 1.3.
+const std::chrono::milliseconds kVerdictLimit(500);
 // At once, so that other work gets its turn.
 const int kMostRead = 64 * 1024;
 
@@ -145,12 +147,28 @@ void BrokerSocket::shakeHands()
         errno = 0;
         const int result = SSL_connect(m_tls);
         if (result == 1)
-            return;
+            break;
         const int kind = SSL_get_error(m_tls, result);
         if (kind != SSL_ERROR_WANT_READ && kind != SSL_ERROR_WANT_WRITE)
             refuse(m_security->reason(m_tls, result));
         await(kind == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline);
     }
+    if (SSL_version(m_tls) == TLS1_3_VERSION)
+        awaitVerdict();
+}
+
+// With TLS 1.3 the broker looks at the certificate of this client after the handshake. Had the
+// client sent something by then, the connection would be reset and the broker's reason lost.
+void BrokerSocket::awaitVerdict()
+{
+    std::array<pollfd, 2> polled = {{{m_socket, POLLIN, 0}, {m_wake, POLLIN, 0}}};
+    ::poll(polled.data(), polled.size(), static_cast<int>(kVerdictLimit.count()));
+    char ignored = 0;
+    ERR_clear_error();
+    errno = 0;
+    const int result = SSL_peek(m_tls, &ignored, 1);
+    if (result <= 0 && !handleResult(result))
+        refuse(m_reason);
 }
 
 bool BrokerSocket::handleResult(int result)

@@ -48,6 +48,7 @@ private:
     using Deadline = std::chrono::steady_clock::time_point;
     void connectTo(const addrinfo& address);
     void shakeHands();
+    void awaitVerdict();
     void await(short events, Deadline deadline);
     bool handleResult(int result);
     void close();
