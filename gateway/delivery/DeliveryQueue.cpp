@@ -221,8 +221,9 @@ void DeliveryQueue::Private::adopt(const DeliveryState& state)
         m_lastId = state.lastId;
         m_series = state.series;
         m_sequence = state.sequence;
-        m_fed = m_lastFed = state.fed;
     }
+    if (m_lastFed.run.isEmpty())
+        m_fed = m_lastFed = state.fed;
     m_lastOnDisk = atStart ? state.lastId : kFirstIdInMemory;
     m_shift = state.lastId - m_lastOnDisk;
     m_recordedBefore = state.recorded;
