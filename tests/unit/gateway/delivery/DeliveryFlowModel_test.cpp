@@ -112,6 +112,7 @@ public:
             pass(std::chrono::milliseconds(200));
         }
         RC_ASSERT(m_queue->size() == 0);
+        RC_ASSERT(m_queue->lost() == 0); // what dies with the memory of a process nobody counts
         RC_ASSERT(m_queue->status()["state"] == "on disk");
     }
     /// Nothing is missing, each number names one value, and there is no gap in the numbers.

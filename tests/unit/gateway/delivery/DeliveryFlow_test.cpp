@@ -130,3 +130,196 @@ TEST_F(DeliveryFlowTest, RepeatsWhatTheServiceToldAtItsStart)
     pass(std::chrono::milliseconds(100));
     EXPECT_EQ(popSent(), "LIVE a=3");
 }
+
+TEST_F(DeliveryFlowTest, SendsNoMoreThanAWindowThatIsNotDeletedOnTheDisk)
+{
+    for (int i = 0; i < 3 * DeliveryFlow::kWindow; ++i)
+        add("a", "1");
+    m_flow->begin(m_outlet);
+    m_flow->tick();
+    ASSERT_EQ(m_outlet.sent.size(), std::size_t(DeliveryFlow::kWindow));
+    for (int i = 0; i < 400; ++i)
+        m_flow->acknowledge(m_outlet.sent[i].message.id);
+    m_flow->tick(); // too early for another commit
+    EXPECT_EQ(m_outlet.sent.size(), std::size_t(DeliveryFlow::kWindow));
+    pass(std::chrono::milliseconds(100));
+    EXPECT_EQ(m_outlet.sent.size(), std::size_t(DeliveryFlow::kWindow) + 400);
+}
+
+TEST_F(DeliveryFlowTest, DeletesAtOnceWhenHalfTheWindowWaitsForIt)
+{
+    for (int i = 0; i < 3 * DeliveryFlow::kWindow; ++i)
+        add("a", "1");
+    m_flow->begin(m_outlet);
+    m_flow->tick();
+    acknowledgeAll();
+    m_flow->tick();
+    EXPECT_EQ(m_outlet.sent.size(), 2 * std::size_t(DeliveryFlow::kWindow));
+}
+
+TEST_F(DeliveryFlowTest, OffersAgainWhatTheConnectionDidNotTake)
+{
+    m_flow->begin(m_outlet);
+    m_outlet.room = 1;
+    add("a", "1");
+    add("a", "2");
+    m_flow->tick();
+    EXPECT_EQ(popSent(), "LIVE a=1");
+    m_outlet.room = 5;
+    m_flow->tick();
+    EXPECT_EQ(popSent(), "LIVE a=2");
+}
+
+TEST_F(DeliveryFlowTest, MakesHistoryOfWhatTheBrokerTakesTooSlowly)
+{
+    m_flow->begin(m_outlet);
+    m_outlet.room = 1;
+    for (const char* body : {"1", "2", "3"})
+        add("a", body);
+    add("b", "4");
+    pass(std::chrono::seconds(11));
+    EXPECT_EQ(popSent(), "LIVE a=1");
+    m_outlet.room = 10;
+    pass(std::chrono::milliseconds(100));
+    EXPECT_EQ(popSent(), "LIVE a=3, LIVE b=4, HISTORY a=2");
+}
+
+TEST_F(DeliveryFlowTest, SendsHistoryAtItsRateBehindWhatComes)
+{
+    m_settings.historyPerSecond = 100;
+    restart();
+    for (int i = 0; i < 600; ++i)
+        add("a", "1");
+    m_flow->tick();
+    m_flow->begin(m_outlet);
+    const std::size_t burst = 25;
+    for (int second = 1; second <= 4; ++second) {
+        pass(std::chrono::seconds(1));
+        EXPECT_GE(m_outlet.sent.size(), std::size_t(second * 100) - burst);
+        EXPECT_LE(m_outlet.sent.size(), std::size_t(second * 100 + 1) + burst);
+    }
+    popSent();
+    add("a", "2");
+    m_clock.advance(std::chrono::milliseconds(200));
+    m_flow->tick();
+    EXPECT_EQ(popSent().substr(0, 20), "LIVE a=2, HISTORY a=");
+}
+
+TEST_F(DeliveryFlowTest, LeavesRoomForWhatComesWhileHistoryIsNotAcknowledged)
+{
+    m_settings.historyPerSecond = 100000;
+    restart();
+    for (int i = 0; i < 2000; ++i)
+        add("a", "1");
+    m_flow->tick();
+    m_flow->begin(m_outlet);
+    pass(std::chrono::seconds(1));
+    EXPECT_LE(m_outlet.sent.size(), std::size_t(DeliveryFlow::kWindow) / 2);
+    popSent();
+    add("a", "2");
+    pass(std::chrono::milliseconds(100));
+    EXPECT_EQ(popSent(), "LIVE a=2");
+}
+
+TEST_F(DeliveryFlowTest, GivesUpWhatTheBrokerRefuses)
+{
+    m_flow->begin(m_outlet);
+    add("a", "1");
+    m_flow->tick();
+    m_flow->refuse(m_outlet.sent[0].message.id);
+    EXPECT_EQ(m_flow->status()["refused"], 1);
+    popSent();
+    m_flow->end();
+    m_flow->begin(m_outlet);
+    pass(std::chrono::seconds(1));
+    EXPECT_EQ(popSent(), "");
+    EXPECT_EQ(m_queue->size(), 0);
+    EXPECT_EQ(m_queue->lost(), 0);
+}
+
+TEST_F(DeliveryFlowTest, DoesNotRepeatAVariableThatIsGone)
+{
+    m_flow->remember(messageOf("a", "1"));
+    m_flow->remember(messageOf("b", "2"));
+    m_flow->forget("press", "a");
+    m_flow->begin(m_outlet);
+    m_flow->tick();
+    EXPECT_EQ(popSent(), "REPEATED b=2");
+}
+
+TEST_F(DeliveryFlowTest, CountsNothingAsLostWhenWhatIsRepeatedIsAcknowledged)
+{
+    m_flow->begin(m_outlet);
+    m_flow->remember(messageOf("a", "1"));
+    add("b", "2");
+    for (int i = 0; i < 3; ++i) {
+        pass(std::chrono::milliseconds(200));
+        acknowledgeAll();
+        popSent();
+        m_flow->end();
+        m_flow->begin(m_outlet);
+    }
+    EXPECT_EQ(m_queue->lost(), 0);
+    EXPECT_EQ(m_queue->size(), 0);
+    EXPECT_EQ(m_flow->status()["inFlight"], 0);
+}
+
+TEST_F(DeliveryFlowTest, SendsEventsInOrderWithValuesAndRepeatsNone)
+{
+    m_flow->begin(m_outlet);
+    add("a", "1");
+    add("", "event");
+    add("a", "2");
+    m_flow->tick();
+    EXPECT_EQ(popSent(), "LIVE a=1, LIVE =event, LIVE a=2");
+    m_flow->end();
+    m_flow->begin(m_outlet);
+    pass(std::chrono::milliseconds(100));
+    EXPECT_EQ(popSent(), "LIVE a=2, HISTORY a=1, HISTORY =event");
+}
+
+TEST_F(DeliveryFlowTest, IgnoresAcknowledgementsOfAnEarlierConnection)
+{
+    m_flow->begin(m_outlet);
+    add("a", "1");
+    m_flow->tick();
+    m_flow->end();
+    acknowledgeAll();
+    EXPECT_EQ(m_queue->size(), 1);
+    EXPECT_EQ(m_flow->status()["acknowledged"], 0);
+}
+
+TEST_F(DeliveryFlowTest, SurvivesAnOutletThatAcknowledgesOrEndsWhileItSends)
+{
+    struct HastyOutlet : Outlet
+    {
+        bool send(const QueuedMessage& message, Delivery) override
+        {
+            flow->acknowledge(message.id);
+            if (++sent == 3)
+                flow->end();
+            return true;
+        }
+        DeliveryFlow* flow = nullptr;
+        int sent = 0;
+    } outlet;
+    outlet.flow = m_flow.get();
+    m_flow->begin(outlet);
+    for (int i = 0; i < 5; ++i)
+        add("a", "1");
+    m_flow->tick();
+    EXPECT_EQ(outlet.sent, 3);
+    EXPECT_EQ(m_queue->size(), 2);
+}
+
+TEST_F(DeliveryFlowTest, ShowsEveryLatestValueAlsoWithoutAConnection)
+{
+    m_flow->remember(messageOf("a", "1"));
+    add("b", "2");
+    pass(std::chrono::milliseconds(100));
+    std::string text;
+    m_flow->visitLatest([&text](const QueuedMessage& message) {
+        text += message.name.toStdString() + std::to_string(message.sequence);
+    });
+    EXPECT_TRUE(text == "a0b1" || text == "b1a0") << text;
+}
