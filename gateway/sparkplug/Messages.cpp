@@ -46,11 +46,6 @@ void setValue(Metric& metric, WireValue value)
     metric.value = std::move(value);
 }
 
-quint64 timeOf(const GatewayValue& value, qint64 now)
-{
-    return static_cast<quint64>(value.time.value_or(now));
-}
-
 // No value of a station that does not answer is fresh.
 Quality birthQuality(const VariableMetric& metric)
 {
@@ -137,7 +132,7 @@ QVector<Metric> deviceBirth(const Device& device, qint64 now)
         Metric metric;
         metric.name = variable->name;
         metric.alias = variable->alias;
-        metric.timestamp = timeOf(variable->latest, now);
+        metric.timestamp = static_cast<quint64>(variable->latestTime.value_or(now));
         metric.datatype = static_cast<quint32>(variable->dataType());
         setValue(metric, wireValueOf(variable->latest, variable->dataType()));
         metric.properties = birthProperties(*variable);
@@ -147,12 +142,12 @@ QVector<Metric> deviceBirth(const Device& device, qint64 now)
 }
 
 Metric dataOf(const VariableMetric& variable, const GatewayValue& value, bool isHistorical,
-              qint64 now)
+              qint64 time)
 {
     const DataType type = typeOf(variable, value);
     Metric metric;
     metric.alias = variable.alias;
-    metric.timestamp = timeOf(value, now);
+    metric.timestamp = static_cast<quint64>(time);
     metric.isHistorical = isHistorical;
     if (variable.born && variable.born->type != type)
         metric.datatype = static_cast<quint32>(type);

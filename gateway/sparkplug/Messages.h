@@ -21,9 +21,9 @@ QVector<Metric> nodeBirth(std::vector<StateMetrics>& states, int bdSeq, qint64 n
 /// With what is known of every variable; those whose type is not known are left out.
 QVector<Metric> deviceBirth(const Device& device, qint64 now);
 
-/// A value that a row of the queue holds, for a metric that is born.
+/// A value for a metric that is born, and since when it is so.
 Metric dataOf(const VariableMetric& metric, const host::GatewayValue& value, bool isHistorical,
-              qint64 now);
+              qint64 time);
 /// The two metrics of a state.
 QVector<Metric> dataOf(const StateMetrics& metrics, const QString& state, const QString& text,
                        bool isHistorical, qint64 time);

@@ -141,6 +141,7 @@ void NodeModel::inherit(const NodeModel& before)
                 old->variable.isScaled != metric->variable.isScaled)
                 continue;
             metric->latest = old->latest;
+            metric->latestTime = old->latestTime;
             metric->latestId = old->latestId;
             metric->type = metric->latest.type ? metric->latest.type : metric->type;
         }

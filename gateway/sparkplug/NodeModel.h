@@ -25,14 +25,17 @@ struct VariableMetric
     Device* device = nullptr;
     /// Null while it is not known: then it is in no birth.
     const CipType* type = nullptr;
-    /// The latest value and the id of its row; of a row that is gone it is 0.
+    /// The latest value, when it became so, and the message that told it.
     host::GatewayValue latest;
+    std::optional<qint64> latestTime;
     qint64 latestId = 0;
+    int latestOrder = 0; ///< grows with each one; ids do not tell which one is later
     /// What the last birth told of it; nothing when it was in none.
     struct Born
     {
         DataType type = DataType::Unknown;
         qint64 id = 0;
+        int order = 0;
     };
     std::optional<Born> born;
     bool toldGood = true; ///< that its quality is good
@@ -45,6 +48,7 @@ struct WaitingValue
 {
     QueuedMessage message;
     Delivery delivery = Delivery::Live;
+    int order = 0; ///< of its variable
 };
 
 /// A station of a line.

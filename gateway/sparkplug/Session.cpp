@@ -170,7 +170,8 @@ bool Session::bear(Device& device)
     for (const auto& metric : device.metrics) {
         metric->born.reset();
         if (metric->type)
-            metric->born = VariableMetric::Born{metric->dataType(), metric->latestId};
+            metric->born =
+                VariableMetric::Born{metric->dataType(), metric->latestId, metric->latestOrder};
         metric->toldGood = device.isConnected && metric->latest.quality == Quality::Good;
     }
     return true;
@@ -268,8 +269,8 @@ bool Session::sendEvent(const QueuedMessage& message, Delivery delivery)
     StateMetrics* state = m_model.state(message.line, message.station);
     const Json body = Json::parse(message.body.constData(),
                                   message.body.constData() + message.body.size(), nullptr, false);
-    const bool isNotice = body.is_object() && body.value("notice", false);
-    if (state && body.is_object() && !isNotice) {
+    const bool isState = body.is_object() && !body.contains("notice");
+    if (state && isState) {
         const bool isHistorical = delivery == Delivery::History || message.time < state->time;
         const QVector<Metric> metrics =
             dataOf(*state, textIn(body, "state"), textIn(body, "text"), isHistorical, message.time);
@@ -283,9 +284,9 @@ bool Session::sendEvent(const QueuedMessage& message, Delivery delivery)
 // The latest of what is known.
 void Session::learn(VariableMetric& metric, const QueuedMessage& message, const GatewayValue& value)
 {
-    if (message.id < metric.latestId)
-        return;
     metric.latest = value;
+    metric.latestTime = message.time;
+    ++metric.latestOrder;
     metric.latestId = message.id;
     if (value.type)
         metric.type = value.type;
@@ -304,48 +305,47 @@ bool Session::sendValue(VariableMetric& metric, const QueuedMessage& message,
     const bool isMissing = !metric.born && metric.type;
     if (device.isBorn && !device.birthDue && (isMissing || (hasNewType && !isHistory)))
         device.birthDue = m_needs.clock().now() + kGatherTypes;
+    const WaitingValue told{message, delivery, metric.latestOrder};
     if (!device.birthDue && device.waiting.empty())
-        return tell(metric, message, value, delivery);
+        return tell(metric, told, value);
     if (device.waiting.size() >= kMostWaiting)
         return false;
-    device.waiting.push_back({message, delivery});
+    device.waiting.push_back(told);
     return true;
 }
 
-bool Session::tell(VariableMetric& metric, const QueuedMessage& message, const GatewayValue& value,
-                   Delivery delivery)
+bool Session::tell(VariableMetric& metric, const WaitingValue& told, const GatewayValue& value)
 {
     Device& device = *metric.device;
-    const bool isTold = device.isBorn && metric.born && metric.born->id == message.id &&
-                        (message.id != 0 || delivery == Delivery::Repeated);
+    const bool isTold = device.isBorn && metric.born && metric.born->id == told.message.id;
     // A station that does not answer has no fresh value: that is told by its death.
-    const bool isImplied = !device.isBorn && !device.isConnected && delivery != Delivery::History &&
-                           (delivery == Delivery::Repeated || value.quality != Quality::Good);
+    const bool isImplied = !device.isBorn && !device.isConnected &&
+                           told.delivery != Delivery::History &&
+                           (told.delivery == Delivery::Repeated || value.quality != Quality::Good);
     // What has no type has no value.
     const bool isNothing = !metric.type;
     if (isTold || isImplied || isNothing) {
-        m_sent.append(message.id);
+        m_sent.append(told.message.id);
         return true;
     }
     if (device.isBorn)
-        return append(metric, message, value, delivery);
+        return append(metric, told, value);
     device.isForHistory = !device.isConnected;
     device.lastHistory = m_needs.clock().now();
-    return bear(device) && tell(metric, message, value, delivery);
+    return bear(device) && tell(metric, told, value);
 }
 
-bool Session::append(VariableMetric& metric, const QueuedMessage& message,
-                     const GatewayValue& value, Delivery delivery)
+bool Session::append(VariableMetric& metric, const WaitingValue& told, const GatewayValue& value)
 {
     Device& device = *metric.device;
     if ((device.batch.size() >= kMostInBatch || device.batchBytes >= kEnoughBytes) &&
         !flush(device))
         return false;
-    const bool isHistorical = delivery == Delivery::History || device.isForHistory ||
-                              (message.id != 0 && message.id < metric.born->id);
-    device.batch.append(dataOf(metric, value, isHistorical, m_writer.now()));
-    device.batchIds.append(message.id);
-    device.batchBytes += message.body.size();
+    const bool isHistorical = told.delivery == Delivery::History || device.isForHistory ||
+                              (metric.born && told.order < metric.born->order);
+    device.batch.append(dataOf(metric, value, isHistorical, told.message.time));
+    device.batchIds.append(told.message.id);
+    device.batchBytes += told.message.body.size();
     device.lastHistory = m_needs.clock().now();
     if (!isHistorical)
         metric.toldGood = value.quality == Quality::Good;
@@ -387,10 +387,10 @@ void Session::tend(Device& device)
 void Session::tellWaiting(Device& device)
 {
     while (!device.waiting.empty()) {
-        const WaitingValue& first = device.waiting.front();
+        const WaitingValue first = device.waiting.front();
         VariableMetric* metric = m_model.metric(first.message.line, first.message.name);
         const std::optional<GatewayValue> value = valueIn(first.message.body);
-        if (metric && value && !tell(*metric, first.message, *value, first.delivery))
+        if (metric && value && !tell(*metric, first, *value))
             return;
         device.waiting.pop_front();
     }
@@ -400,10 +400,8 @@ void Session::handlePong(int number)
 {
     while (!m_pinged.isEmpty() && m_pinged.firstKey() <= number) {
         const QVector<qint64> ids = m_pinged.take(m_pinged.firstKey());
-        for (const qint64 id : ids) {
-            if (id != 0)
-                m_needs.flow().acknowledge(id);
-        }
+        for (const qint64 id : ids)
+            m_needs.flow().acknowledge(id);
     }
 }
 

@@ -62,10 +62,8 @@ private:
     bool sendEvent(const QueuedMessage& message, Delivery delivery);
     bool sendValue(VariableMetric& metric, const QueuedMessage& message,
                    const host::GatewayValue& value, Delivery delivery);
-    bool append(VariableMetric& metric, const QueuedMessage& message,
-                const host::GatewayValue& value, Delivery delivery);
-    bool tell(VariableMetric& metric, const QueuedMessage& message, const host::GatewayValue& value,
-              Delivery delivery);
+    bool append(VariableMetric& metric, const WaitingValue& told, const host::GatewayValue& value);
+    bool tell(VariableMetric& metric, const WaitingValue& told, const host::GatewayValue& value);
     void tellWaiting(Device& device);
     void buryUnconnected();
     void learn(VariableMetric& metric, const QueuedMessage& message,
