@@ -663,8 +663,8 @@ void JsonPublisher::Private::handleRefused(int token, const QString& reason)
 void JsonPublisher::Private::handleMessage(const MqttMessage& message)
 {
     if (m_discovery.isWanted() && message.topic == m_discovery.birthTopic()) {
-        // A retained birth is old; after a connection everything is announced anyway.
-        if (message.payload != "online" || message.isRetained || m_birthAt)
+        // One that comes before everything is announced anyway may be a retained one.
+        if (message.payload != "online" || m_stage != Stage::Flowing || m_birthAt)
             return;
         m_birthAt = std::max(m_needs.clock().now() + randomPause(), m_nextBirth);
         return;

@@ -591,9 +591,7 @@ void MqttAttempt::carryOut(const MqttCommand& command)
         publish(command);
         return;
     case MqttCommand::Kind::Subscribe:
-        if (mosquitto_subscribe(m_client, &identifier, command.message.topic.constData(), 1) ==
-            MOSQ_ERR_SUCCESS)
-        {
+        if (subscribe(command.message.topic, identifier)) {
             m_subscriptions[identifier] = command.message.topic;
         } else {
             MqttEvent event{MqttEvent::Kind::Refused};
@@ -608,6 +606,14 @@ void MqttAttempt::carryOut(const MqttCommand& command)
             m_pings[identifier] = command.number;
         return;
     }
+}
+
+// With MQTT 5 what is retained is marked so also when it comes at once.
+bool MqttAttempt::subscribe(const QByteArray& topic, int& identifier)
+{
+    const int options = m_settings.isVersion5 ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
+    return mosquitto_subscribe_v5(m_client, &identifier, topic.constData(), 1, options, nullptr) ==
+           MOSQ_ERR_SUCCESS;
 }
 
 void MqttAttempt::publish(const MqttCommand& command)

@@ -109,6 +109,7 @@ private:
     bool careForTime();
     void waitForWork();
     void carryOut(const MqttCommand& command);
+    bool subscribe(const QByteArray& topic, int& identifier);
     void publish(const MqttCommand& command);
     bool fail(const QString& reason);
     bool failClient(int error);

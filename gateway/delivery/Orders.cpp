@@ -163,6 +163,8 @@ void Orders::handle(const MqttMessage& message)
         return m_needs.warn(QStringLiteral("order: topic"),
                             "an order came to a topic that is none of ours: " +
                                 QString::fromUtf8(message.topic.left(kLongestId)));
+    if (message.isRetained && message.payload.isEmpty())
+        return; // the broker is told to forget what it retained
     ++m_received;
     Sender sender;
     sender.topic = topic;
@@ -189,8 +191,8 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
         mistake = error;
     }
     if (message.isRetained)
-        throw Refusal(kRetained, "a retained order is not carried out: it may be of any time (send "
-                                 "it without the retain flag)");
+        throw Refusal(kRetained, "it was retained, so that nobody knows when it was given (send it "
+                                 "without the retain flag)");
     if (mistake)
         throw UserError(*mistake);
     if (!variable)
