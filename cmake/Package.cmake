@@ -69,7 +69,8 @@ set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${needs}, libqt5serialport5 (>= 5.15.1)")
 # The last creates the user of the service.
 string(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
-  ", libsqlite3-0 (>= 3.35), libsystemd0, systemd | systemd-standalone-sysusers | systemd-sysusers")
+  ", libsqlite3-0 (>= 3.35), libmosquitto1 (>= 2.0), libssl3 | libssl3t64, libprotobuf-c1, libsystemd0"
+  ", systemd | systemd-standalone-sysusers | systemd-sysusers")
 set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS micro850-tools)
 foreach(script postinst prerm postrm)
   list(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/gateway/${script})

@@ -1,5 +1,6 @@
 #include "Check.h"
 
+#include "BrokerSecurity.h"
 #include "Configuration.h"
 #include "Counted.h"
 #include "StandardStreams.h"
@@ -13,6 +14,12 @@
 namespace micro850::gateway {
 
 namespace {
+
+std::string brokerText(const BrokerAddress& broker)
+{
+    return broker.host.toStdString() + " port " + std::to_string(broker.port) +
+           (broker.isEncrypted ? " encrypted" : "");
+}
 
 std::string summaryOf(const Configuration& configuration)
 {
@@ -29,9 +36,15 @@ std::string summaryOf(const Configuration& configuration)
                                      : "history " + history.file.toStdString() + ", at most " +
                                            counted(history.keepDays, "day").toStdString() +
                                            " and " + std::to_string(history.keepMegabytes) + " MB";
+    std::string delivered;
+    if (configuration.brokers.mqtt)
+        delivered += ", mqtt to " + brokerText(configuration.brokers.mqtt->broker);
+    if (configuration.brokers.sparkplug)
+        delivered += ", sparkplug to " + brokerText(configuration.brokers.sparkplug->broker);
     return counted(configuration.lines.size(), "line").toStdString() + ", " +
            counted(variables, "variable").toStdString() + " (" + std::to_string(writable) +
-           " writable), socket " + configuration.socket.path.toStdString() + ", " + recorded;
+           " writable), socket " + configuration.socket.path.toStdString() + ", " + recorded +
+           delivered;
 }
 
 QString folderOf(const QString& file)
@@ -74,9 +87,41 @@ public:
                  " is not there, and nothing is recorded until it is (create it, writable for the "
                  "user of the service)");
     }
+    // The service starts, and connects as soon as its files are as they must be. Who checks may not
+    // be allowed to read what the service is.
+    void lookAtBroker(const std::string& section, const BrokerAddress& broker,
+                      const DeliveryQueueSettings& queue)
+    {
+        const QString folder = folderOf(queue.file);
+        if (!QFileInfo(folder).isDir())
+            note(missing((section + ".queue.file").c_str(), folder) +
+                 " is not there, and nothing is delivered until it is (create it, writable for the "
+                 "user of the service)");
+        if (!broker.credentialsFile.isEmpty())
+            lookAtSecret(section + ".broker.credentials", broker.credentialsFile,
+                         [&] { readCredentials(broker.credentialsFile); });
+        if (broker.isEncrypted)
+            lookAtSecret(section + ".broker.tls", broker.keyFile,
+                         [&] { const BrokerSecurity security(broker); });
+        else if (!broker.credentialsFile.isEmpty())
+            note(section + ".broker: the password is sent without encryption (add \"tls\")");
+    }
     bool isGood() const { return m_good; }
 
 private:
+    template<typename Read>
+    void lookAtSecret(const std::string& key, const QString& file, Read read)
+    {
+        const QFileInfo info(file);
+        if (info.exists() && !info.isReadable())
+            return note(key + ": " + file.toStdString() +
+                        " cannot be read by you, so it was not checked");
+        try {
+            read();
+        } catch (const UserError& error) {
+            mistake(key + ": " + error.what());
+        }
+    }
     void note(const std::string& text) const
     {
         std::cerr << "micro850-gateway: note: " << visible(m_path + ": " + text) << '\n';
@@ -104,6 +149,11 @@ int checkConfiguration(const QString& path)
     Surroundings surroundings(path);
     surroundings.lookAtSocket(configuration.socket.path);
     surroundings.lookAtHistory(configuration.history.file);
+    const BrokerSettings& brokers = configuration.brokers;
+    if (brokers.mqtt)
+        surroundings.lookAtBroker("mqtt", brokers.mqtt->broker, brokers.mqtt->queue);
+    if (brokers.sparkplug)
+        surroundings.lookAtBroker("sparkplug", brokers.sparkplug->broker, brokers.sparkplug->queue);
     if (!surroundings.isGood())
         return kExitUsage;
     writeStandardOutput(visible(path.toStdString()) + ": ok: " + summaryOf(configuration) + '\n');

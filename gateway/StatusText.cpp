@@ -7,10 +7,14 @@
 
 #include <QtCore/QStringList>
 
+#include <array>
+
 namespace micro850::gateway {
 
 namespace {
 
+// Of processes that deliver to brokers.
+const std::array<const char*, 2> kKinds = {"mqtt", "sparkplug"};
 const std::int64_t kMostCount = std::int64_t(1) << 45;
 
 QString shown(const JsonNode& object, const char* key)
@@ -44,6 +48,10 @@ qint64 memoryOf(const JsonNode& reply)
     qint64 kilobytes = reply.at("memoryKb").integer(0, kMostCount);
     for (const JsonNode& line : reply.at("lines").elements())
         kilobytes += numberIn(line, "memoryKb").value_or(0);
+    for (const char* kind : kKinds) {
+        if (reply.has("delivery") && reply.at("delivery").has(kind))
+            kilobytes += numberIn(reply.at("delivery").at(kind), "memoryKb").value_or(0);
+    }
     return kilobytes * kKilobyte;
 }
 
@@ -80,6 +88,42 @@ QString historyText(const JsonNode& history)
     if (history.has("reason"))
         parts.append(shown(history, "reason"));
     return QStringLiteral("history: ") + parts.join(QStringLiteral(", "));
+}
+
+// "10.0.0.7:1883, connected with MQTT 5", or why there is no connection.
+QString connectionText(const JsonNode& connection)
+{
+    QString text = shown(connection, "broker") + QStringLiteral(", ");
+    if (connection.text("state", "") == "connected")
+        return text + QStringLiteral("connected with MQTT ") + shown(connection, "version");
+    text += QStringLiteral("not connected");
+    if (connection.has("reason"))
+        text += QStringLiteral(" (%1)").arg(shown(connection, "reason"));
+    return text;
+}
+
+QString deliveryText(const char* kind, const JsonNode& delivery)
+{
+    QStringList parts;
+    if (delivery.has("problem"))
+        parts.append(shown(delivery, "problem"));
+    else if (delivery.has("connection"))
+        parts.append(connectionText(delivery.at("connection")));
+    qint64 waiting = numberIn(delivery, "held").value_or(0);
+    qint64 lost = numberIn(delivery, "leftOut").value_or(0);
+    if (delivery.has("flow")) {
+        const JsonNode flow = delivery.at("flow");
+        parts.append(counted(numberIn(flow, "acknowledged").value_or(0), "message") +
+                     QStringLiteral(" delivered"));
+        waiting += numberIn(flow, "waiting").value_or(0);
+        lost += numberIn(flow, "lost").value_or(0);
+        if (flow.text("state", "") == "in memory")
+            parts.append(QStringLiteral("the queue is in memory"));
+    }
+    parts.append(QStringLiteral("%1 waiting").arg(waiting));
+    if (lost > 0)
+        parts.append(QStringLiteral("%1 lost").arg(lost));
+    return QLatin1String(kind) + QStringLiteral(": ") + parts.join(QStringLiteral(", "));
 }
 
 QString stationText(const host::StationView& station, qint64 now)
@@ -154,6 +198,10 @@ QString statusText(const JsonNode& reply, qint64 now)
                             counted(reply.at("clients").integer(0, kMostCount), "client"));
     if (reply.has("history"))
         text += historyText(reply.at("history")) + '\n';
+    for (const char* kind : kKinds) {
+        if (reply.has("delivery") && reply.at("delivery").has(kind))
+            text += deliveryText(kind, reply.at("delivery").at(kind)) + '\n';
+    }
     for (const JsonNode& line : reply.at("lines").elements())
         text += lineText(line, now);
     return text;

@@ -129,6 +129,7 @@ private:
     void tick();
     void tellKept(const DeliveryQueue::Fed& fed);
     void beat();
+    void tellConnection(const Json& connection);
     void tellLosses();
     void tellDisk(const Json& queue);
     Json status() const;
@@ -155,6 +156,9 @@ private:
     std::map<qint64, std::function<void(const Json&)>> m_orders; ///< that wait for their replies
     qint64 m_lastOrder = 0;
     std::map<QString, qint64> m_warnings; ///< how often, by kind
+    qint64 m_connections = 0;             ///< that were told
+    QSet<QString> m_toldReasons;          ///< why there is none, since the last one
+    bool m_wasConnected = false;
     qint64 m_lost = 0;
     bool m_tellsLosses = true;
     Duration m_lostAt{0};
@@ -379,8 +383,34 @@ void Process::beat()
 {
     m_nextBeat = m_clock.now() + kHeartbeat;
     tellLosses();
+    const Json status = this->status();
+    tellConnection(status.value("connection", Json::object()));
     if (m_channel.output().size() < kEnoughWaiting)
-        send({{"event", "status"}, {"status", status()}});
+        send({{"event", "status"}, {"status", status}});
+}
+
+// Each reason once, until there is a connection again.
+void Process::tellConnection(const Json& connection)
+{
+    const auto text = [&connection](const char* key) {
+        return QString::fromStdString(connection.value(key, ""));
+    };
+    const QString broker = text("broker");
+    const qint64 connections = connection.value("connections", qint64(0));
+    const bool isConnected = text("state") == QLatin1String("connected");
+    const QString reason = text("reason");
+    const bool isNew = connections > std::exchange(m_connections, connections);
+    const bool isLost = std::exchange(m_wasConnected, isConnected) && (!isConnected || isNew);
+    if ((isLost || !isConnected) && !reason.isEmpty() && !m_toldReasons.contains(reason) &&
+        m_toldReasons.size() < kMostKinds)
+    {
+        m_toldReasons.insert(reason);
+        log("warning", QStringLiteral("no connection to %1: %2").arg(broker, reason));
+    }
+    if (!isConnected || !isNew)
+        return;
+    m_toldReasons.clear();
+    log("note", QStringLiteral("connected to %1 with MQTT %2").arg(broker, text("version")));
 }
 
 void Process::tellLosses()

@@ -47,7 +47,7 @@ public:
     /// Logs one line. The first of each kind is logged, further ones are counted; the count is in
     /// the status. Bytes of others in it are made visible.
     virtual void warn(const QString& kind, const QString& text) = 0;
-    /// Logs what happens to the connection.
+    /// Logs what happens, other than to the connection.
     virtual void note(const QString& text) = 0;
 };
 
@@ -66,6 +66,7 @@ public:
     virtual void tick() = 0;
     /// The service ends: says goodbye within `limit`.
     virtual void stop(Duration limit) = 0;
+    /// With the status of the MqttConnection as "connection": its changes are logged.
     virtual host::Json status() const = 0;
 };
 

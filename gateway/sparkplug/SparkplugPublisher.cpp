@@ -16,16 +16,8 @@ public:
     }
 
     MqttMessage will() override { return m_node.will(); }
-    void handleConnected() override
-    {
-        m_needs.note(QStringLiteral("connected to the broker"));
-        m_node.handleConnected();
-    }
-    void handleDisconnected(const QString& reason) override
-    {
-        m_needs.note(reason);
-        m_node.handleDisconnected();
-    }
+    void handleConnected() override { m_node.handleConnected(); }
+    void handleDisconnected(const QString&) override { m_node.handleDisconnected(); }
     void handleAcknowledged(int) override {}
     void handleRefused(int, const QString& reason) override
     {
@@ -58,9 +50,7 @@ public:
     }
     Json status() const
     {
-        Json status = m_connection.status();
-        status["node"] = m_node.status();
-        return status;
+        return {{"connection", m_connection.status()}, {"node", m_node.status()}};
     }
     sparkplug::EdgeNode& node() { return m_node; }
 
