@@ -27,12 +27,14 @@ const qint64 kBytesOfStep = qint64(256) * 1024;
 const int kPagesOfStep = 64;
 
 // `recorded` is how long the queue was in use, in milliseconds, by the monotonic clock: the clock
-// on the wall may be set. `latest` is the last message of a variable, also after that was deleted.
+// on the wall may be set. `waiting` is the number of messages: to count them takes long, and a disk
+// that refuses is tried again and again. `latest` is the last message of a variable, also after
+// that was deleted.
 const char kTables[] = R"(
 CREATE TABLE state (
   id INTEGER PRIMARY KEY CHECK (id = 1), identity TEXT NOT NULL, series INTEGER NOT NULL,
-  last INTEGER NOT NULL, lost INTEGER NOT NULL, recorded INTEGER NOT NULL, run TEXT NOT NULL,
-  number INTEGER NOT NULL);
+  last INTEGER NOT NULL, waiting INTEGER NOT NULL, lost INTEGER NOT NULL,
+  recorded INTEGER NOT NULL, run TEXT NOT NULL, number INTEGER NOT NULL);
 CREATE TABLE sources (
   id INTEGER PRIMARY KEY, line TEXT NOT NULL, station INTEGER NOT NULL, name TEXT NOT NULL,
   latest INTEGER NOT NULL, UNIQUE (line, station, name));
@@ -75,7 +77,7 @@ void createTables(Database& database, qint64 series)
     database.run(QString::fromLatin1(kTables));
     database.run(QStringLiteral("PRAGMA application_id = %1").arg(kApplication));
     database.run(QStringLiteral("PRAGMA user_version = %1").arg(kVersion));
-    Statement(database, "INSERT INTO state VALUES (1, ?, ?, 0, 0, 0, '', 0)")
+    Statement(database, "INSERT INTO state VALUES (1, ?, ?, 0, 0, 0, 0, '', 0)")
         .bind(1, QUuid::createUuid().toString(QUuid::WithoutBraces))
         .bind(2, series)
         .run();
@@ -110,10 +112,11 @@ struct DeliveryStatements
                      "SELECT id FROM sources WHERE line = ? AND station = ? AND name = ?"),
           storeLatest(database, "UPDATE sources SET latest = ? WHERE id = ?"),
           storeState(database, "UPDATE state SET series = ?, last = ?, lost = ?, recorded = ?, "
-                               "run = ?, number = ?"),
+                               "run = ?, number = ?, waiting = waiting + ?"),
           storeSequence(database, "INSERT OR REPLACE INTO sequences VALUES (?, ?)"),
           keep(database, "INSERT OR REPLACE INTO kept VALUES (?, ?)"),
-          addLost(database, "UPDATE state SET lost = lost + ?"), after(database, kSelectMessages),
+          addLost(database, "UPDATE state SET lost = lost + ?1, waiting = waiting - ?1"),
+          after(database, kSelectMessages),
           oldestMessages(database, "SELECT id, recorded, length(body) FROM messages ORDER BY id "
                                    "LIMIT ?"),
           oldest(database, "SELECT time FROM messages ORDER BY id LIMIT 1"),
@@ -194,8 +197,8 @@ void DeliveryFile::prepare(qint64 series)
 DeliveryState DeliveryFile::state()
 {
     DeliveryState state;
-    Statement row(*m_database, "SELECT identity, series, last, lost, recorded, run, number "
-                               "FROM state");
+    Statement row(*m_database, "SELECT identity, series, last, lost, recorded, run, number, "
+                               "waiting FROM state");
     if (!row.step())
         m_database->fail(SQLITE_CORRUPT);
     state.identity = row.text(0);
@@ -204,8 +207,8 @@ DeliveryState DeliveryFile::state()
     state.lost = row.number(3);
     state.recorded = row.number(4);
     state.fed = {row.text(5), row.number(6)};
+    state.waiting = row.number(7);
     row.reset();
-    state.waiting = m_database->number("SELECT count(*) FROM messages");
     // Sources that are gone would stay for ever. Without messages nothing refers to one.
     if (state.waiting == 0)
         m_database->run(QStringLiteral("DELETE FROM sources"));
@@ -243,7 +246,11 @@ void DeliveryFile::requireRoomInLog()
 
 void DeliveryFile::removeAfter(qint64 id)
 {
+    m_statements->begin.run();
     Statement(*m_database, "DELETE FROM messages WHERE id > ?").bind(1, id).run();
+    const qint64 count = m_database->changes();
+    Statement(*m_database, "UPDATE state SET waiting = waiting - ?").bind(1, count).run();
+    m_statements->commit.run();
 }
 
 qint64 DeliveryFile::sourceOf(const QueuedMessage& message)
@@ -302,6 +309,7 @@ qint64 DeliveryFile::write(const DeliveryChanges& changes)
         .bind(4, changes.recorded)
         .bind(5, changes.fed.run)
         .bind(6, changes.fed.number)
+        .bind(7, changes.added.size() - found)
         .run();
     m_statements->commit.run();
     return found;

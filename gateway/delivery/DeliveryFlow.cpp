@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <deque>
 #include <limits>
+#include <map>
 
 namespace micro850::gateway {
 
@@ -63,13 +64,6 @@ public:
     std::deque<Name> m_toShow; ///< whose latest message goes out first
 
 private:
-    /// At this time this message was the last one.
-    struct Mark
-    {
-        Duration time;
-        qint64 id;
-    };
-
     void noteLatest(const QueuedMessage& message);
     void showLatest(qint64 after);
     void catchUp();
@@ -89,7 +83,8 @@ private:
     qint64 m_live = 0;
     qint64 m_history = kBeforeAll;
     int m_generation = 0;
-    std::deque<Mark> m_marks; ///< of live messages that were not sent
+    /// By the last message of a commit: when it was done, as long as not all of it was sent.
+    std::map<qint64, Duration> m_commits;
     Duration m_committedAt;
     double m_allowance = 0; ///< messages of history that may be sent now
     Duration m_earnedAt;
@@ -147,7 +142,7 @@ void DeliveryFlow::Private::showLatest(qint64 after)
 {
     m_live = m_queue.lastId();
     m_history = kBeforeAll;
-    m_marks.clear();
+    m_commits.clear();
     QSet<Name> already;
     for (const Name& name : m_toShow)
         already.insert(name);
@@ -208,17 +203,19 @@ bool DeliveryFlow::Private::send(const QueuedMessage& message, Delivery delivery
 void DeliveryFlow::Private::sendLatest()
 {
     while (m_outlet && !m_toShow.empty() && room(kWindow) > 0) {
-        const auto latest = m_latest.constFind(m_toShow.front());
+        const auto latest = m_latest.find(m_toShow.front());
         // A later one comes as live.
-        const bool isWanted = latest != m_latest.constEnd() &&
+        const bool isWanted = latest != m_latest.end() &&
                               !m_inFlight.contains(latest->message.id) &&
                               (latest->message.id <= m_live || latest->message.id >= kRemembered);
         if (isWanted) {
-            const Latest shown = *latest;
+            const Latest shown = *latest; // it may change while it is sent
             if (!send(shown.message, shown.isQueued ? Delivery::Live : Delivery::Repeated,
                       shown.isQueued))
                 return;
         }
+        if (m_toShow.empty())
+            return; // the connection ended
         m_toShow.pop_front();
     }
 }
@@ -287,15 +284,14 @@ void DeliveryFlow::Private::commit()
     for (const QueuedMessage& message : added)
         noteLatest(message);
     if (m_outlet && !added.isEmpty())
-        m_marks.push_back({m_clock.now(), added.last().id});
+        m_commits[added.last().id] = m_clock.now();
 }
 
 // A broker that is too slow gets the latest values, and what it did not take as history.
 void DeliveryFlow::Private::catchUp()
 {
-    while (!m_marks.empty() && m_marks.front().id <= m_live)
-        m_marks.pop_front();
-    if (!m_marks.empty() && m_clock.now() - m_marks.front().time > kMostBehind)
+    m_commits.erase(m_commits.begin(), m_commits.upper_bound(m_live));
+    if (!m_commits.empty() && m_clock.now() - m_commits.begin()->second > kMostBehind)
         showLatest(m_live);
 }
 

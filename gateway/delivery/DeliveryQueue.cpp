@@ -40,7 +40,8 @@ const qint64 kFirstIdInMemory = qint64(1) << 40;
 
 qint64 bytesOf(const QueuedMessage& message)
 {
-    return kBytesOfMessage + message.body.size() + 2 * (message.line.size() + message.name.size());
+    return kBytesOfMessage + message.body.size() +
+           qint64(2) * (message.line.size() + message.name.size());
 }
 
 // A panel without a clock of its own begins with the same time again and again: chance keeps its
@@ -96,6 +97,7 @@ private:
     void giveNumbers(QVector<QueuedMessage>& messages);
     void beginSeries();
     void handleFailure(const UserError& error);
+    bool giveUpFile(const UserError& error);
     bool setAside();
     void forgetFile();
     QVector<QueuedMessage> inMemoryAfter(qint64 id, int most) const;
@@ -260,16 +262,19 @@ void DeliveryQueue::Private::forgetFile()
 void DeliveryQueue::Private::tryToOpen()
 {
     m_retryAt = m_clock.now() + kRetryInterval;
-    try {
-        if (!m_lock)
-            m_lock = host::FileLock::take(m_settings.file);
-        if (!m_lock)
-            throw UserError(m_settings.file.toStdString() + ": another program uses this queue",
-                            kExitRefused);
-        open();
-        storeMemory();
-    } catch (const UserError& error) {
-        handleFailure(error);
+    for (bool isToBeTried = true; isToBeTried;) {
+        try {
+            if (!m_lock)
+                m_lock = host::FileLock::take(m_settings.file);
+            if (!m_lock)
+                throw UserError(m_settings.file.toStdString() + ": another program uses this queue",
+                                kExitRefused);
+            open();
+            storeMemory();
+            isToBeTried = false;
+        } catch (const UserError& error) {
+            isToBeTried = giveUpFile(error);
+        }
     }
 }
 
@@ -356,8 +361,15 @@ void DeliveryQueue::Private::retain()
 
 // ---- What goes wrong ----------------------------------------------------------------------------
 
-// What was to be stored may be in the file or not. It is sent with other numbers, from memory.
 void DeliveryQueue::Private::handleFailure(const UserError& error)
+{
+    if (giveUpFile(error))
+        tryToOpen();
+}
+
+// What was to be stored may be in the file or not. It is sent with other numbers, from memory. True
+// when another file can be begun.
+bool DeliveryQueue::Private::giveUpFile(const UserError& error)
 {
     m_file.reset();
     m_isUncertain = true;
@@ -366,8 +378,7 @@ void DeliveryQueue::Private::handleFailure(const UserError& error)
     m_retryAt = m_clock.now() + kRetryInterval;
     m_reason = QString::fromUtf8(error.what());
     const auto* refused = dynamic_cast<const host::DatabaseError*>(&error);
-    if (refused && refused->isDamage() && setAside())
-        tryToOpen();
+    return refused && refused->isDamage() && setAside();
 }
 
 bool DeliveryQueue::Private::setAside()

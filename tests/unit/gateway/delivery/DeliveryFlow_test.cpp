@@ -323,3 +323,25 @@ TEST_F(DeliveryFlowTest, ShowsEveryLatestValueAlsoWithoutAConnection)
     });
     EXPECT_TRUE(text == "a0b1" || text == "b1a0") << text;
 }
+
+TEST_F(DeliveryFlowTest, SurvivesAConnectionThatEndsWhileTheLatestIsSent)
+{
+    struct BrokenOutlet : Outlet
+    {
+        bool send(const QueuedMessage&, Delivery) override
+        {
+            flow->end();
+            return true;
+        }
+        DeliveryFlow* flow = nullptr;
+    } outlet;
+    outlet.flow = m_flow.get();
+    add("a", "1");
+    add("b", "2");
+    m_flow->tick();
+    m_flow->begin(outlet);
+    m_flow->tick();
+    m_flow->begin(m_outlet);
+    m_flow->tick();
+    EXPECT_EQ(popSent(), "LIVE a=1, LIVE b=2");
+}

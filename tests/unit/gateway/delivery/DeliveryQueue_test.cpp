@@ -11,7 +11,10 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <map>
 #include <random>
 #include <set>
@@ -775,5 +778,71 @@ TEST_F(DeliveryQueueCrash, HasAfterAPowerCutWhatWasCommittedAndNoNumberTwice)
     for (std::size_t step = m_seen[0].step; step <= steps; step += 1 + steps / 150) {
         ASSERT_NO_FATAL_FAILURE(checkAfter(step, nullptr));
         ASSERT_NO_FATAL_FAILURE(checkAfter(step, &random));
+    }
+}
+
+// ---- Kills --------------------------------------------------------------------------------------
+
+namespace {
+
+/// Fills a queue, deletes what is older than fifty messages, and tells each commit, until killed.
+[[noreturn]] void fillUntilKilled(const DeliveryQueueSettings& settings, int out)
+{
+    const SystemClock clock;
+    const SystemWallClock wallClock;
+    DeliveryQueue queue(settings, clock, wallClock);
+    QueuedMessage message;
+    message.line = "press";
+    message.name = "a";
+    for (qint64 number = queue.fed().number; true;) {
+        for (int i = 0; i < 10; ++i) {
+            message.body = QByteArray::number(++number);
+            queue.add(message, {"run", number});
+        }
+        queue.commit();
+        for (const QueuedMessage& each : queue.after(0, 1000)) {
+            if (each.id <= queue.lastId() - 50)
+                queue.remove(each.id);
+        }
+        if (::write(out, &number, sizeof number) != sizeof number)
+            ::_exit(1);
+    }
+}
+
+} // namespace
+
+TEST_F(DeliveryQueueTest, HasAfterAKillWhatItToldAsCommittedAndNoNumberTwice)
+{
+    qint64 told = 0;
+    std::mt19937 random(18);
+    for (int round = 0; round < 20; ++round) {
+        int ends[2] = {};
+        ASSERT_EQ(::pipe(ends), 0);
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0)
+            fillUntilKilled(m_settings, ends[1]);
+        ::close(ends[1]);
+        for (int i = 0, commits = 1 + static_cast<int>(random() % 40); i < commits; ++i)
+            ASSERT_EQ(::read(ends[0], &told, sizeof told), ssize_t(sizeof told));
+        ::kill(child, SIGKILL);
+        ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+        for (qint64 number = 0; ::read(ends[0], &number, sizeof number) == sizeof number;)
+            told = number;
+        ::close(ends[0]);
+
+        open();
+        const qint64 fed = m_queue->fed().number;
+        EXPECT_GE(fed, told);
+        EXPECT_LE(fed, told + 10);
+        const QVector<QueuedMessage> rows = m_queue->after(0, 1000);
+        EXPECT_EQ(rows.size(), m_queue->size());
+        ASSERT_GE(rows.size(), 10);
+        for (int i = 0; i < rows.size(); ++i) {
+            const qint64 number = fed - rows.size() + 1 + i;
+            ASSERT_EQ(rows[i].body, QByteArray::number(number));
+            ASSERT_EQ(rows[i].sequence, number);
+        }
+        m_queue.reset();
     }
 }
