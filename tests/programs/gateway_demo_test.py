@@ -1,9 +1,12 @@
 """gateway_demo_test.py DEMO PROGRAMS: runs the demonstration of the gateway as a person does, who ends it by Ctrl-C."""
 
 import os
+import re
 import signal
+import socket
 import subprocess
 import sys
+import tempfile
 import unittest
 
 
@@ -37,6 +40,22 @@ class Demonstration(unittest.TestCase):
         self.assertEqual(len(stations), 2, self.text)
         for line in stations:
             self.assertIn("station 1: connected", line)
+
+
+class DemonstrationWithABroker(unittest.TestCase):
+    def test_shows_values_and_an_order_at_the_broker_and_cleans_up(self):
+        with tempfile.TemporaryDirectory() as folder:
+            demo = subprocess.run([DEMO, PROGRAMS, "2", "mqtt"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                  text=True, env={**os.environ, "TMPDIR": folder})
+            self.assertEqual(os.listdir(folder), [], demo.stdout)
+        self.assertEqual(demo.returncode, 0, demo.stdout)
+        self.assertRegex(demo.stdout, r'demo:   {"value":42.25,.*"quality":"good".*"unit":"°C"')
+        self.assertRegex(demo.stdout, r'demo:   {"outcome":"written","old":42.25,"value":35.5,"verified":true')
+        self.assertRegex(demo.stdout, r'refused, as it should be: {"outcome":"not-allowed"')
+        self.assertRegex(demo.stdout, r'(?m)^demo/press/1/PartsMade {"value":[0-9]+,')
+        port = re.search(r"a broker at port ([0-9]+)", demo.stdout).group(1)
+        with socket.socket() as probe:
+            self.assertNotEqual(probe.connect_ex(("127.0.0.1", int(port))), 0, "the broker still runs")
 
 
 if __name__ == "__main__":
