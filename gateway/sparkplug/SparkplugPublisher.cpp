@@ -4,6 +4,13 @@
 
 namespace micro850::gateway {
 
+namespace {
+
+// A broker that does not answer holds up everything else for so long.
+const std::chrono::milliseconds kTimeToLeave(500);
+
+} // namespace
+
 using host::Json;
 
 class SparkplugPublisher::Private : public MqttConnection::Owner, public sparkplug::Link
@@ -29,7 +36,14 @@ public:
     bool publish(const MqttMessage& message) override { return m_connection.publish(message) != 0; }
     void subscribe(const QByteArray& topic) override { m_connection.subscribe(topic); }
     void ping(int number) override { m_connection.ping(number); }
-    void reconnect(const QString& reason) override { m_connection.reconnect(reason); }
+    // In order, so that the broker does not tell the node's death a second time.
+    void reconnect(const QString& reason) override
+    {
+        m_needs.note(QStringLiteral("leaving the broker: ") + reason);
+        m_connection.stop(kTimeToLeave);
+        m_node.handleDisconnected();
+        m_connection.start();
+    }
 
     void setCatalogue(const Catalogue& catalogue)
     {

@@ -2,7 +2,7 @@
 // decodes the messages and encodes the commands.
 
 #include "delivery_queue.h"
-#include "sparkplug_witness.h"
+#include "sparkplug_message.h"
 
 #include "EdgeNode.h"
 
@@ -27,46 +27,6 @@ const std::string kNdeath = "spBv1.0/plant/NDEATH/panel7";
 const std::string kNcmd = "spBv1.0/plant/NCMD/panel7";
 const std::string kDcmd = "spBv1.0/plant/DCMD/panel7/press-1";
 const std::string kState = "spBv1.0/STATE/scada";
-
-/// A message that was published, decoded.
-struct Seen
-{
-    std::string topic;
-    json payload;
-    int qos = 0;
-    bool isRetained = false;
-
-    /// Its type: NBIRTH, ...
-    std::string type() const
-    {
-        const std::size_t from = topic.find('/', topic.find('/') + 1) + 1;
-        return topic.substr(from, topic.find('/', from) - from);
-    }
-    std::size_t size() const { return payload.value("metrics", json::array()).size(); }
-    /// The metric of a name; null without it.
-    json metric(const std::string& name) const
-    {
-        for (const json& metric : payload.value("metrics", json::array())) {
-            if (metric.value("name", "") == name)
-                return metric;
-        }
-        return json();
-    }
-    json only() const { return size() == 1 ? payload.at("metrics").at(0) : json("not one metric"); }
-    int seq() const { return std::stoi(payload.value("seq", "-1")); }
-};
-
-/// "Quality" and other properties of a metric.
-json property(const json& metric, const std::string& key)
-{
-    const json set = metric.value("properties", json::object());
-    const json keys = set.value("keys", json::array());
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        if (keys.at(i) == key)
-            return set.at("values").at(i);
-    }
-    return json();
-}
 
 class FakeLink : public Link
 {
