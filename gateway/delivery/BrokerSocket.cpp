@@ -21,9 +21,6 @@ namespace micro850::gateway {
 
 namespace {
 
-// For each address of the host.
-const std::chrono::seconds kConnectLimit(10);
-const std::chrono::seconds kHandshakeLimit(15);
 // Most brokers send something at once after the handshake of TLS 1.3.
 const std::chrono::milliseconds kVerdictLimit(500);
 // At once, so that other work gets its turn.
@@ -46,8 +43,8 @@ bool isForLater(int error)
 
 } // namespace
 
-BrokerSocket::BrokerSocket(const BrokerAddress& address, int wake)
-    : m_address(address), m_wake(wake)
+BrokerSocket::BrokerSocket(const BrokerAddress& address, Duration patience, int wake)
+    : m_address(address), m_patience(patience), m_wake(wake)
 {
     if (address.isEncrypted)
         m_security = std::make_unique<BrokerSecurity>(address);
@@ -106,7 +103,7 @@ void BrokerSocket::connectTo(const addrinfo& address)
         return;
     if (errno != EINPROGRESS)
         refuse(errorText(errno));
-    await(POLLOUT, std::chrono::steady_clock::now() + kConnectLimit);
+    await(POLLOUT, std::chrono::steady_clock::now() + m_patience);
     int error = 0;
     socklen_t size = sizeof error;
     ::getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &size);
@@ -141,7 +138,7 @@ void BrokerSocket::shakeHands()
     if (::inet_pton(AF_INET, host.constData(), &ignored) != 1 &&
         ::inet_pton(AF_INET6, host.constData(), &ignored) != 1)
         SSL_set_tlsext_host_name(m_tls, host.constData());
-    const Deadline deadline = std::chrono::steady_clock::now() + kHandshakeLimit;
+    const Deadline deadline = std::chrono::steady_clock::now() + m_patience;
     for (;;) {
         ERR_clear_error();
         errno = 0;

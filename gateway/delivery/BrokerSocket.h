@@ -2,6 +2,7 @@
 #define MICRO850_GATEWAY_DELIVERY_BROKERSOCKET_H
 
 #include "BrokerSecurity.h"
+#include "Clock.h"
 
 #include <QtCore/QByteArray>
 
@@ -17,9 +18,9 @@ namespace micro850::gateway {
 class BrokerSocket
 {
 public:
-    /// What blocks ends early when the descriptor `wake` becomes readable, but for the look-up of
-    /// the host's name.
-    BrokerSocket(const BrokerAddress& address, int wake);
+    /// `patience` is for each address of the host, and for the encryption. What blocks ends early
+    /// when the descriptor `wake` becomes readable, but for the look-up of the host's name.
+    BrokerSocket(const BrokerAddress& address, Duration patience, int wake);
     ~BrokerSocket();
     BrokerSocket(const BrokerSocket&) = delete;
     BrokerSocket& operator=(const BrokerSocket&) = delete;
@@ -54,6 +55,7 @@ private:
     void close();
 
     BrokerAddress m_address;
+    Duration m_patience;
     int m_wake;
     int m_socket = -1;
     std::unique_ptr<BrokerSecurity> m_security;

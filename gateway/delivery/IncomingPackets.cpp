@@ -41,6 +41,154 @@ QByteArray encodedLength(qint64 length)
     return bytes;
 }
 
+/// Reads a packet from its front; what is not there makes it bad.
+class Reader
+{
+public:
+    Reader(const QByteArray& bytes, int at) : m_bytes(bytes), m_at(at) {}
+
+    bool isGood() const { return m_at <= m_bytes.size(); }
+    bool isAtEnd() const { return m_at >= m_bytes.size(); }
+    int position() const { return m_at; }
+    void skip(int count) { m_at += count; }
+    int byte()
+    {
+        const int value = m_at < m_bytes.size() ? static_cast<unsigned char>(m_bytes.at(m_at)) : 0;
+        ++m_at;
+        return value;
+    }
+    int word()
+    {
+        const int high = byte();
+        return high * 256 + byte();
+    }
+    int number()
+    {
+        int value = 0;
+        for (int shift = 0; shift < 28; shift += 7) {
+            const int part = byte();
+            value |= (part & 0x7f) << shift;
+            if ((part & 0x80) == 0)
+                return value;
+        }
+        m_at = m_bytes.size() + 1;
+        return 0;
+    }
+
+private:
+    const QByteArray& m_bytes;
+    int m_at;
+};
+
+enum PropertyType { kUnknown, kByte, kWord, kLong, kNumber, kText, kTwoTexts };
+
+// Of the properties that MQTT 5 has, by their identifiers.
+PropertyType propertyType(int identifier)
+{
+    switch (identifier) {
+    case 1:
+    case 23:
+    case 25:
+    case 36:
+    case 37:
+    case 40:
+    case 41:
+    case 42:
+        return kByte;
+    case 19:
+    case 33:
+    case 34:
+    case 35:
+        return kWord;
+    case 2:
+    case 17:
+    case 24:
+    case 39:
+        return kLong;
+    case 11:
+        return kNumber;
+    case 3:
+    case 8:
+    case 9:
+    case 18:
+    case 21:
+    case 22:
+    case 26:
+    case 28:
+    case 31:
+        return kText;
+    case 38:
+        return kTwoTexts;
+    default:
+        return kUnknown;
+    }
+}
+
+// Moves the reader behind a property. False when MQTT has none like it.
+bool skipProperty(Reader& reader)
+{
+    switch (propertyType(reader.number())) {
+    case kByte:
+        reader.skip(1);
+        return true;
+    case kWord:
+        reader.skip(2);
+        return true;
+    case kLong:
+        reader.skip(4);
+        return true;
+    case kNumber:
+        reader.number();
+        return true;
+    case kTwoTexts:
+        reader.skip(reader.word());
+        if (!reader.isGood())
+            return false;
+        reader.skip(reader.word());
+        return true;
+    case kText:
+        reader.skip(reader.word());
+        return true;
+    case kUnknown:
+        break;
+    }
+    return false;
+}
+
+// Where the properties of a packet of MQTT 5 begin.
+int propertiesOf(char first, const QByteArray& body)
+{
+    switch (typeOf(first)) {
+    case Message: {
+        Reader reader(body, 0);
+        const int topic = reader.word();
+        const bool hasIdentifier = (static_cast<unsigned char>(first) & 6) != 0;
+        return 2 + topic + (hasIdentifier ? 2 : 0);
+    }
+    case MessageAnswer:
+        return 3;
+    case Disconnect:
+        return 1;
+    default:
+        return 2;
+    }
+}
+
+bool hasGoodProperties(char first, const QByteArray& body)
+{
+    Reader reader(body, propertiesOf(first, body));
+    // They may be absent; the library knows where they may not.
+    if (reader.isAtEnd())
+        return true;
+    const int length = reader.number();
+    const int end = reader.position() + length;
+    while (reader.isGood() && reader.position() < end) {
+        if (!skipProperty(reader))
+            return false;
+    }
+    return reader.isGood() && reader.position() == end;
+}
+
 } // namespace
 
 bool IncomingPackets::refuse(const QString& reason)
@@ -54,11 +202,13 @@ bool IncomingPackets::add(const QByteArray& bytes, QByteArray& out)
     int at = 0;
     while (at < bytes.size()) {
         const int left = bytes.size() - at;
-        if (m_passing > 0) {
-            const int count = static_cast<int>(std::min<qint64>(left, m_passing));
-            out.append(bytes.constData() + at, count);
-            m_passing -= count;
+        if (m_missing > 0) {
+            const int count = std::min(left, m_missing);
+            m_body.append(bytes.constData() + at, count);
+            m_missing -= count;
             at += count;
+            if (m_missing == 0 && !finishPacket(out))
+                return false;
         } else if (m_dropping > 0) {
             const int count = static_cast<int>(std::min<qint64>(left, m_dropping));
             m_dropping -= count;
@@ -94,27 +244,37 @@ bool IncomingPackets::addToHeader(char byte, QByteArray& out)
 
 bool IncomingPackets::beginPacket(qint64 length, QByteArray& out)
 {
-    const char first = m_header.at(0);
+    m_first = m_header.at(0);
+    m_header.clear();
     m_isAnswered = true;
-    m_passing = length;
-    if (typeOf(first) == Message) {
-        if (((static_cast<unsigned char>(first) >> 1) & 3) > 1)
+    if (typeOf(m_first) == Message) {
+        if (((static_cast<unsigned char>(m_first) >> 1) & 3) > 1)
             return refuse(QStringLiteral("the broker sent a message with a QoS that was not asked "
                                          "for"));
         if (length > kLongestMessage) {
-            m_passing = kLongestMessage;
             m_dropping = length - kLongestMessage;
             m_cut.push_back(m_messages);
         }
         ++m_messages;
     } else if (length > kLongestOther) {
         return refuse(QStringLiteral("the broker sent a packet of type %1 with %2 bytes")
-                          .arg(typeOf(first))
+                          .arg(typeOf(m_first))
                           .arg(length));
     }
-    out.append(first);
-    out.append(encodedLength(m_passing));
-    m_header.clear();
+    m_missing = static_cast<int>(length - m_dropping);
+    return m_missing > 0 || finishPacket(out);
+}
+
+bool IncomingPackets::finishPacket(QByteArray& out)
+{
+    if (m_isVersion5 && !hasGoodProperties(m_first, m_body))
+        return refuse(QStringLiteral("the broker sent a packet of type %1 with properties that are "
+                                     "not MQTT's")
+                          .arg(typeOf(m_first)));
+    out.append(m_first);
+    out.append(encodedLength(m_body.size()));
+    out.append(m_body);
+    m_body.clear();
     return true;
 }
 

@@ -9,8 +9,9 @@
 namespace micro850::gateway {
 
 /// Looks at what a broker sends before the library gets it. The library reserves as much memory as
-/// a packet announces, up to 256 MB, and keeps messages of QoS 2 without a limit. So long messages
-/// are cut, and packets that no broker sends to this client end the connection.
+/// a packet announces, up to 256 MB, keeps messages of QoS 2 without a limit, and aborts the
+/// program when a property has an identifier that it does not know. So long messages are cut, and
+/// packets that no broker sends to this client end the connection.
 class IncomingPackets
 {
 public:
@@ -18,6 +19,8 @@ public:
     static constexpr int kLongestMessage = 256 * 1024;
     /// Any other packet: a reason and a few numbers.
     static constexpr int kLongestOther = 64 * 1024;
+
+    explicit IncomingPackets(bool isVersion5) : m_isVersion5(isVersion5) {}
 
     /// Appends to `out` what the library may see of bytes that came. False when the broker sends
     /// what it must not; reason() says what.
@@ -30,10 +33,14 @@ public:
 private:
     bool addToHeader(char byte, QByteArray& out);
     bool beginPacket(qint64 length, QByteArray& out);
+    bool finishPacket(QByteArray& out);
     bool refuse(const QString& reason);
 
+    bool m_isVersion5;
     QByteArray m_header; ///< of the packet that begins
-    qint64 m_passing = 0;
+    char m_first = 0;    ///< its first byte
+    QByteArray m_body;   ///< what has come of it
+    int m_missing = 0;   ///< bytes of the body
     qint64 m_dropping = 0;
     bool m_isAnswered = false; ///< the first packet has come
     QString m_reason;

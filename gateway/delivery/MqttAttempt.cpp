@@ -26,8 +26,6 @@ namespace micro850::gateway {
 
 namespace {
 
-// From the connection to its acceptance.
-const std::chrono::seconds kAnswerLimit(15);
 const std::chrono::milliseconds kCareInterval(500);
 // The broker reads the last packet and closes the connection.
 const std::chrono::milliseconds kFinishLimit(1000);
@@ -250,7 +248,7 @@ std::shared_ptr<MqttAttempt> MqttAttempt::start(Settings settings, std::function
 
 MqttAttempt::MqttAttempt(Settings settings, std::function<void()> notify)
     : m_settings(std::move(settings)), m_notify(std::move(notify)),
-      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_incoming(m_settings.isVersion5)
 {
 }
 
@@ -360,7 +358,7 @@ void MqttAttempt::run()
 QString MqttAttempt::runConnection()
 {
     makeClient();
-    m_broker = std::make_unique<BrokerSocket>(m_settings.address, m_wake);
+    m_broker = std::make_unique<BrokerSocket>(m_settings.address, m_settings.patience, m_wake);
     m_broker->connect();
     connectClient();
     return pump();
@@ -416,7 +414,7 @@ void MqttAttempt::connectClient()
     m_ourEnd = ends[1];
     ::dup3(ends[0], m_clientEnd, O_CLOEXEC);
     ::close(ends[0]);
-    m_answerLimit = std::chrono::steady_clock::now() + kAnswerLimit;
+    m_answerLimit = std::chrono::steady_clock::now() + m_settings.patience;
 }
 
 QString MqttAttempt::pump()

@@ -61,6 +61,7 @@ public:
     struct Settings
     {
         BrokerAddress address;
+        Duration patience;
         bool isVersion5 = true;
         bool retainsWill = true;
         MqttMessage will;

@@ -67,7 +67,7 @@ class MqttConnection::Private
 public:
     enum class State { Stopped, Waiting, Connecting, Connected };
 
-    Private(Owner& itsOwner, BrokerAddress itsAddress, const Clock& itsClock);
+    Private(Owner& itsOwner, BrokerAddress itsAddress, const Clock& itsClock, Duration itsPatience);
     ~Private();
 
     void tick();
@@ -82,6 +82,7 @@ public:
     Owner& owner;
     BrokerAddress address;
     const Clock& clock;
+    const Duration patience;
     Mailbox mailbox;
     std::shared_ptr<Bell> bell;
     std::shared_ptr<MqttAttempt> attempt;
@@ -99,8 +100,9 @@ public:
     QString reason;
 };
 
-MqttConnection::Private::Private(Owner& itsOwner, BrokerAddress itsAddress, const Clock& itsClock)
-    : owner(itsOwner), address(std::move(itsAddress)), clock(itsClock),
+MqttConnection::Private::Private(Owner& itsOwner, BrokerAddress itsAddress, const Clock& itsClock,
+                                 Duration itsPatience)
+    : owner(itsOwner), address(std::move(itsAddress)), clock(itsClock), patience(itsPatience),
       bell(std::make_shared<Bell>(&mailbox)), isVersion5(address.isVersion5)
 {
     static const int isInitialised = mosquitto_lib_init();
@@ -137,6 +139,7 @@ void MqttConnection::Private::begin()
 {
     MqttAttempt::Settings settings;
     settings.address = address;
+    settings.patience = patience;
     settings.isVersion5 = isVersion5;
     settings.retainsWill = retainsWill;
     settings.will = owner.will();
@@ -260,8 +263,9 @@ host::Json MqttConnection::Private::status() const
     return status;
 }
 
-MqttConnection::MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock)
-    : m_private(std::make_unique<Private>(owner, address, clock))
+MqttConnection::MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock,
+                               Duration patience)
+    : m_private(std::make_unique<Private>(owner, address, clock, patience))
 {
 }
 

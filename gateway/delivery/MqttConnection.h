@@ -43,7 +43,10 @@ public:
 
     /// The arguments must outlive it. Reads the files of the address whenever it connects. It does
     /// not connect before start().
-    MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock);
+    /// `patience` is for each step of a connection: each address of the host, the encryption, the
+    /// broker's acceptance. Tests set a shorter one.
+    MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock,
+                   Duration patience = std::chrono::seconds(15));
     /// Closes the connection at once, so that the broker publishes the Will.
     ~MqttConnection();
     MqttConnection(const MqttConnection&) = delete;
