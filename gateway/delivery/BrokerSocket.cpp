@@ -239,10 +239,10 @@ void BrokerSocket::finish(std::chrono::milliseconds limit)
     ERR_clear_error();
     ::shutdown(m_socket, SHUT_WR);
     const Deadline deadline = std::chrono::steady_clock::now() + limit;
-    std::array<char, 4096> buffer;
     try {
         for (;;) {
             await(POLLIN, deadline);
+            std::array<char, 4096> buffer;
             const ssize_t got = ::recv(m_socket, buffer.data(), buffer.size(), 0);
             if (got == 0 || (got < 0 && !isForLater(errno)))
                 return;

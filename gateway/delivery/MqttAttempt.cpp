@@ -32,7 +32,7 @@ const std::chrono::milliseconds kFinishLimit(1000);
 // More stays with the library, or in the socket.
 const int kMostToBroker = 256 * 1024;
 // Further events wait in the network.
-const qint64 kMostEventBytes = 1024 * 1024;
+const qint64 kMostEventBytes = qint64(1024) * 1024;
 const qint64 kEventSize = 200;
 const int kTransferSize = 16 * 1024;
 // Messages of QoS 1 that the broker has not acknowledged; MQTT 5 brokers say themselves how many

@@ -21,7 +21,7 @@ const std::chrono::seconds kLongestPause(60);
 const std::chrono::seconds kSteadyAfter(10);
 // A thread that only waits for its sockets ends at once.
 const std::chrono::milliseconds kTimeToEnd(500);
-const qint64 kMostWaiting = 2 * 1024 * 1024;
+const qint64 kMostWaiting = qint64(2) * 1024 * 1024;
 
 // Each pause is between half of it and all of it, so that clients that lost their broker together
 // do not come back together.
