@@ -92,9 +92,10 @@ void BrokerFeed::tick()
 {
     m_supervisor.tick(!m_isStopping);
     pump();
-    if (m_isStopping && m_killed < 0 && m_supervisor.pid() > 0 && m_clock.now() >= m_killAt) {
+    if (m_isStopping && !isGone() && m_killed < 0 && m_clock.now() >= m_killAt) {
         m_killed = m_supervisor.retire();
-        ::kill(m_killed, SIGKILL);
+        if (m_killed > 0)
+            ::kill(m_killed, SIGKILL);
         tell(QStringLiteral("delivery ended"),
              QStringLiteral("its process did not end in order and was killed"));
     }
@@ -111,9 +112,14 @@ void BrokerFeed::stop()
     pump();
 }
 
+bool BrokerFeed::isGone() const
+{
+    return m_supervisor.pid() <= 0 && !m_supervisor.isRunning();
+}
+
 bool BrokerFeed::hasEnded() const
 {
-    return m_supervisor.pid() <= 0 && m_killed <= 0;
+    return isGone() && m_killed <= 0;
 }
 
 const BrokerFeed::Entry& BrokerFeed::entry(qint64 number) const
@@ -176,9 +182,9 @@ void BrokerFeed::handleLine(const QByteArray& line)
         return takeOrder(message);
     const QString event = textIn(message, "event");
     if (event == QLatin1String("kept"))
-        takeKept(numberIn(message, "number", last()));
+        takeKept(numberIn(message, "number", m_next - 1));
     else if (event == QLatin1String("status"))
-        m_status = message.value("status", Json::object());
+        takeStatus(message);
     else if (event == QLatin1String("log"))
         takeLog(message);
     else if (event == QLatin1String("opened"))
@@ -189,14 +195,21 @@ void BrokerFeed::handleLine(const QByteArray& line)
         m_supervisor.noteReason(textIn(message, "text"));
     else
         throw UserError("event: " + event.toStdString() + " is unknown");
-    if (!m_status.is_object())
-        throw UserError("status is no object");
 }
 
+void BrokerFeed::takeStatus(const Json& message)
+{
+    const auto status = message.find("status");
+    if (status == message.end() || !status->is_object())
+        throw UserError("status is no object");
+    m_status = *status;
+}
+
+// The last process may have committed more than it had told.
 void BrokerFeed::takeOpened(const Json& message)
 {
     const bool isSame = textIn(message, "run") == m_run;
-    const qint64 kept = isSame ? numberIn(message, "number", m_next - 1) : m_lastKept;
+    const qint64 kept = isSame ? numberIn(message, "number", m_lastSent) : m_lastKept;
     if (m_lastUncovered > kept) {
         m_leftOut += m_lastUncovered - kept;
         tellLeftOut();
@@ -213,8 +226,6 @@ void BrokerFeed::takeOpened(const Json& message)
 
 void BrokerFeed::takeKept(qint64 number)
 {
-    if (number >= m_next)
-        throw UserError("kept: was not sent");
     m_lastKept = std::max(m_lastKept, number);
     while (!m_held.empty() && m_first <= number) {
         m_bytes -= m_held.front().text.size() + kOverhead;
@@ -319,6 +330,7 @@ bool BrokerFeed::sendNext()
     if (!m_supervisor.send(line))
         return false;
     m_next = next;
+    m_lastSent = std::max(m_lastSent, m_next - 1);
     return true;
 }
 

@@ -78,6 +78,7 @@ private:
     void handleLine(const QByteArray& line) override;
     void handleEnd(const QString& how, Duration pause) override;
     void takeOpened(const Json& message);
+    void takeStatus(const Json& message);
     void takeKept(qint64 number);
     void takeOrder(const Json& message);
     void takeLog(const Json& message);
@@ -85,6 +86,7 @@ private:
     void removeOldest();
     void tellLeftOut();
     void pump();
+    bool isGone() const;
     bool takesMore() const;
     void sendCatalogue();
     void sendCurrent();
@@ -104,6 +106,7 @@ private:
     std::deque<Entry> m_held; ///< what the process has not kept
     qint64 m_first = 1;       ///< the number of the first one
     qint64 m_next = 1;        ///< to be sent
+    qint64 m_lastSent = 0;    ///< to any process
     qint64 m_lastKept = 0;
     qint64 m_lastUncovered = 0; ///< was sent, and is not held any more although it was not kept
     qint64 m_bytes = 0;         ///< of what is held
