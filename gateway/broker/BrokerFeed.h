@@ -65,7 +65,7 @@ public:
     void sendStatus(const Json& lines);
 
     /// What is kept for a process that does not run, in bytes.
-    static constexpr qint64 kMostHeld = qint64(32) * 1024 * 1024;
+    static constexpr qint64 kMostHeld = qint64(16) * 1024 * 1024;
 
 private:
     struct Entry

@@ -23,6 +23,8 @@ const char kTwo[] = R"({"variables": [{"name": "Speed", "tag": "SPEED", "unit": 
                                        "writable": true, "minimum": 0, "maximum": 9}]})";
 const char kOne[] = R"({"variables": [{"name": "Level", "tag": "LEVEL"}]})";
 
+const int kLong = 100000;
+
 /// The other end of the socket of a process, scripted by the test.
 class StandIn
 {
@@ -83,6 +85,13 @@ Json eventIn(const std::vector<Json>& messages, const char* event)
             return message;
     }
     return Json();
+}
+
+// A line with a variable whose values are long. That its unit is makes the test quick.
+LineSettings longLine()
+{
+    return lineOfProject("press", R"({"variables": [{"name": "Speed", "tag": "SPEED", "unit": ")" +
+                                      QByteArray(kLong, 'x') + "\"}]}");
 }
 
 class BrokerServiceTest : public ::testing::Test
@@ -270,13 +279,13 @@ TEST_F(BrokerServiceTest, TellsANewProcessWhatHoldsWithoutDeliveringItAgain)
 TEST_F(BrokerServiceTest, HoldsABoundedNumberOfValuesForAProcessThatIsDownAndTellsOnce)
 {
     start();
-    const Json text = std::string(100000, 'x');
-    const int kCount = 400; // 40 MB
+    lines.setLines({longLine()});
+    const int kCount = 200; // 20 MB
     for (int i = 0; i < kCount; ++i)
-        lines.setValue(0, 0, "STRING", text);
+        setSpeed(i);
     const auto held = status()["held"].get<int>();
-    EXPECT_GT(held, 300);
-    EXPECT_LT(held, 336); // 32 MiB
+    EXPECT_GT(held, 160);
+    EXPECT_LT(held, 168); // 16 MiB
     EXPECT_EQ(status()["leftOut"], kCount - held);
     EXPECT_EQ(alarms.filter(QStringLiteral("left out")).size(), 1);
     // The newest are those that are held.
@@ -302,29 +311,31 @@ TEST_F(BrokerServiceTest, CountsWhatAHangingProcessTookAndNeverKept)
     start();
     const std::string run = process().take().at(0)["run"];
     opened();
-    setSpeed(1);
+    lines.setLines({longLine()});
+    setSpeed(0);
     got(); // it has the first value, and keeps nothing
-    for (int i = 0; i < 400; ++i)
-        lines.setValue(0, 0, "STRING", std::string(100000, 'x'));
+    for (int i = 1; i <= 200; ++i)
+        setSpeed(i);
     const qint64 held = status()["held"];
     restart();
     opened(1, run, 0);
-    EXPECT_EQ(status()["leftOut"], 401 - held);
+    EXPECT_EQ(status()["leftOut"], 201 - held);
 }
 
 TEST_F(BrokerServiceTest, DoesNotFillTheSocketOfAProcessThatDoesNotRead)
 {
     start();
+    lines.setLines({longLine()});
     opened();
-    for (int i = 0; i < 100; ++i) {
-        lines.setValue(0, 0, "STRING", std::string(100000, 'x'));
+    for (int i = 0; i < 50; ++i) {
+        setSpeed(i);
         settle();
     }
     qint64 bytes = 0;
     for (const Json& message : process().take())
         bytes += static_cast<qint64>(message.dump().size());
     EXPECT_LT(bytes, 2 * 1024 * 1024); // what the system and the service buffer
-    EXPECT_EQ(status()["held"], 100);
+    EXPECT_EQ(status()["held"], 50);
 }
 
 TEST_F(BrokerServiceTest, EndsAndStartsAProcessThatSaysNothing)
