@@ -126,6 +126,25 @@ protected:
                             isRetained);
     }
     std::size_t count() const { return m_receiver->count(); }
+    /// An order that is given while the gateway is away is not carried out when it is back.
+    void expectCleanSession(const std::string& version)
+    {
+        begin(R"("orders": true, )", version);
+        waitForFullBirth();
+        killGateway();
+        wait(kNdeath);
+        const std::size_t from = count();
+        order({{{"name", "Level"}, {"float_value", 7.5}}});
+        startGateway();
+        waitForFullBirth(from);
+        order({{{"name", "Level"}, {"float_value", 9.75}}});
+        wait(
+            kDdata,
+            [](const Seen& each) { return each.payload.dump().find("9.75") != std::string::npos; },
+            from);
+        for (const Seen& each : seen(from))
+            EXPECT_EQ(each.payload.dump().find("7.5"), std::string::npos) << each.payload;
+    }
 
     TestBroker m_broker;
     MqttProxy m_network{m_broker.port()}; ///< between the gateway and the broker
@@ -366,4 +385,14 @@ TEST_F(GatewaySparkplug, IsBornAnewWhenItsConfigurationIsReadAgain)
     const Seen birth = wait(
         kDbirth, [](const Seen& each) { return each.size() == 1; }, from);
     EXPECT_EQ(birth.metric("Speed").at("datatype"), 3);
+}
+
+TEST_F(GatewaySparkplug, TakesNoOrderOfTheTimeWhenItWasAwayWithMqtt5)
+{
+    expectCleanSession("5");
+}
+
+TEST_F(GatewaySparkplug, TakesNoOrderOfTheTimeWhenItWasAwayWithMqtt311)
+{
+    expectCleanSession("3.1.1");
 }

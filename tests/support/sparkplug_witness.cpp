@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -76,7 +78,11 @@ std::string SparkplugWitness::ask(const std::string& line)
 
 nlohmann::json SparkplugWitness::decode(const std::string& payload)
 {
-    return nlohmann::json::parse(ask("decode " + hexadecimal(payload)));
+    const std::string message = ask("decode " + hexadecimal(payload));
+    // scripts/sparkplug-witness compares them with what a third library says.
+    if (const char* file = std::getenv("MICRO850_SPARKPLUG_MESSAGES"))
+        std::ofstream(file, std::ios::app) << hexadecimal(payload) << '\t' << message << '\n';
+    return nlohmann::json::parse(message);
 }
 
 std::string SparkplugWitness::encode(const nlohmann::json& payload)
