@@ -12,6 +12,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -128,6 +129,7 @@ private:
     /// Whether what was removed was there tells nothing: the last commit may have been done.
     bool m_isUncertain = false;
 
+    bool m_inMemory = false; ///< not all of m_memory is in the file
     std::map<qint64, StoredMessage> m_memory;
     qint64 m_memoryBytes = 0;
     QString m_reason;
@@ -271,6 +273,7 @@ void DeliveryQueue::Private::tryToOpen()
                                 kExitRefused);
             open();
             storeMemory();
+            m_inMemory = false;
             isToBeTried = false;
         } catch (const UserError& error) {
             isToBeTried = giveUpFile(error);
@@ -374,7 +377,9 @@ bool DeliveryQueue::Private::giveUpFile(const UserError& error)
     m_file.reset();
     m_isUncertain = true;
     ++m_generation;
-    beginSeries();
+    // What waits in memory has its numbers, whether another attempt fails or not.
+    if (!std::exchange(m_inMemory, true))
+        beginSeries();
     m_retryAt = m_clock.now() + kRetryInterval;
     m_reason = QString::fromUtf8(error.what());
     const auto* refused = dynamic_cast<const host::DatabaseError*>(&error);
