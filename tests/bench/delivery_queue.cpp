@@ -90,14 +90,15 @@ void run(const DeliveryQueueSettings& settings, int count)
 
     const Stage history("out of the queue as history");
     flow.begin(broker);
-    while (queue.size() > 0) {
+    const auto waits = [&queue] { return queue.size() != 0; };
+    while (waits()) {
         flow.tick();
         broker.acknowledge(flow);
     }
     history.tell(count);
 
     const Stage live("through the queue, live");
-    while (number < 2 * count || queue.size() > 0) {
+    while (number < 2 * count || waits()) {
         for (int i = 0; i < 100 && number < 2 * count; ++i)
             feed();
         flow.tick();
@@ -118,6 +119,6 @@ int main(int argc, char** argv)
     DeliveryQueueSettings settings;
     settings.file = QFile::decodeName(argv[1]);
     settings.historyPerSecond = 1000000000;
-    run(settings, argc > 2 ? std::atoi(argv[2]) : 50000);
+    run(settings, argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 50000);
     return 0;
 }
