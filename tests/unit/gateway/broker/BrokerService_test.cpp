@@ -90,8 +90,8 @@ Json eventIn(const std::vector<Json>& messages, const char* event)
 // A line with a variable whose values are long. That its unit is makes the test quick.
 LineSettings longLine()
 {
-    return lineOfProject("press", R"({"variables": [{"name": "Speed", "tag": "SPEED", "unit": ")" +
-                                      QByteArray(kLong, 'x') + "\"}]}");
+    return lineOfProject("oven", R"({"variables": [{"name": "Speed", "tag": "SPEED", "unit": ")" +
+                                     QByteArray(kLong, 'x') + "\"}]}");
 }
 
 class BrokerServiceTest : public ::testing::Test
