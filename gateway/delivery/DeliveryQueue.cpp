@@ -91,7 +91,7 @@ private:
     void tryToOpen();
     void store(const QVector<QueuedMessage>& messages);
     void storeMemory();
-    void write(const QVector<StoredMessage>& added);
+    void write(const QVector<StoredMessage>& added, const Fed& fed);
     void retain();
     void hold(const QVector<QueuedMessage>& messages);
     void dropOldestInMemory();
@@ -226,8 +226,10 @@ void DeliveryQueue::Private::adopt(const DeliveryState& state)
         m_series = state.series;
         m_sequence = state.sequence;
     }
+    if (m_fed.run.isEmpty())
+        m_fed = state.fed;
     if (m_lastFed.run.isEmpty())
-        m_fed = m_lastFed = state.fed;
+        m_lastFed = state.fed;
     m_lastOnDisk = atStart ? state.lastId : kFirstIdInMemory;
     m_shift = state.lastId - m_lastOnDisk;
     m_recordedBefore = state.recorded;
@@ -294,7 +296,7 @@ void DeliveryQueue::Private::storeMemory()
             part.append(stored);
         }
         retain();
-        write(part);
+        write(part, m_fed); // what is pending comes with another transaction
         for (const StoredMessage& each : part)
             m_memory.erase(each.message.id);
     }
@@ -308,11 +310,11 @@ void DeliveryQueue::Private::store(const QVector<QueuedMessage>& messages)
     QVector<StoredMessage> added;
     for (const QueuedMessage& message : messages)
         added.append({message, recorded()});
-    write(added);
+    write(added, m_lastFed);
 }
 
 // Throws UserError.
-void DeliveryQueue::Private::write(const QVector<StoredMessage>& added)
+void DeliveryQueue::Private::write(const QVector<StoredMessage>& added, const Fed& fed)
 {
     DeliveryChanges changes;
     changes.added = added;
@@ -331,7 +333,7 @@ void DeliveryQueue::Private::write(const QVector<StoredMessage>& added)
     changes.lastId = last + m_shift;
     changes.lost = m_lost;
     changes.recorded = recorded();
-    changes.fed = m_lastFed;
+    changes.fed = fed;
     changes.kept = m_keptToStore;
     m_lostOnDisk = m_lost;
     const qint64 found = m_file->write(changes);
@@ -547,14 +549,11 @@ void DeliveryQueue::Private::keep(const QString& key, const QString& value)
     m_keptToStore[key] = value;
     if (!m_file)
         return;
-    // What was fed so far is in the file already, or comes with its messages.
-    const Fed fed = std::exchange(m_lastFed, m_fed);
     try {
-        write({});
+        write({}, m_fed); // what is pending comes with its messages
     } catch (const UserError& error) {
         handleFailure(error);
     }
-    m_lastFed = fed;
 }
 
 qint64 DeliveryQueue::Private::size() const

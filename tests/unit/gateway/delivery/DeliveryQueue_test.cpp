@@ -565,6 +565,30 @@ TEST_F(DeliveryQueueTest, DoesNotSendWhatACommitThatFailedLeftInTheFile)
     EXPECT_EQ(waiting(), "1 2");
 }
 
+TEST_F(DeliveryQueueTest, DoesNotTellAsFedWhatIsOnlyPendingWhenTheDiskIsBack)
+{
+    open(kDisk);
+    m_disk.failCalls(0, -1);
+    store("1");
+    m_disk.succeed();
+    m_clock.advance(std::chrono::seconds(3));
+    const std::size_t before = m_disk.steps().size();
+    store("2");
+    m_queue.reset();
+    // Wherever the power is cut: what the queue does not have is fed again.
+    for (std::size_t step = before; step <= m_disk.steps().size(); ++step) {
+        for (const QString& file : files())
+            QFile::remove(m_dir.filePath(file));
+        for (const auto& [name, content] : m_disk.contentAfter(step, nullptr)) {
+            QFile file(m_dir.filePath(QString::fromStdString(name)));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+            file.write(content.data(), static_cast<qint64>(content.size()));
+        }
+        DeliveryQueue queue(m_settings, m_clock, m_wallClock);
+        ASSERT_EQ(queue.after(0, 10).size(), queue.fed().number) << step;
+    }
+}
+
 TEST_F(DeliveryQueueTest, KeepsNumbersAndTextsAcrossRestarts)
 {
     open();
