@@ -109,7 +109,7 @@ Width widthOf(DataType element)
 
 template<typename To, typename From> To bitsOf(From from)
 {
-    static_assert(sizeof(To) == sizeof(From), "");
+    static_assert(sizeof(To) == sizeof(From));
     To to;
     std::memcpy(&to, &from, sizeof to);
     return to;

@@ -317,22 +317,25 @@ bool Session::sendValue(VariableMetric& metric, const QueuedMessage& message,
 bool Session::tell(VariableMetric& metric, const WaitingValue& told, const GatewayValue& value)
 {
     Device& device = *metric.device;
-    const bool isTold = device.isBorn && metric.born && metric.born->id == told.message.id;
+    const auto isTold = [&] {
+        return device.isBorn && metric.born && metric.born->id == told.message.id;
+    };
     // A station that does not answer has no fresh value: that is told by its death.
     const bool isImplied = !device.isBorn && !device.isConnected &&
                            told.delivery != Delivery::History &&
                            (told.delivery == Delivery::Repeated || value.quality != Quality::Good);
     // What has no type has no value.
     const bool isNothing = !metric.type;
-    if (isTold || isImplied || isNothing) {
-        m_sent.append(told.message.id);
-        return true;
+    if (!isTold() && !isImplied && !isNothing && !device.isBorn) {
+        device.isForHistory = !device.isConnected;
+        device.lastHistory = m_needs.clock().now();
+        if (!bear(device))
+            return false;
     }
-    if (device.isBorn)
+    if (!isTold() && !isImplied && !isNothing)
         return append(metric, told, value);
-    device.isForHistory = !device.isConnected;
-    device.lastHistory = m_needs.clock().now();
-    return bear(device) && tell(metric, told, value);
+    m_sent.append(told.message.id);
+    return true;
 }
 
 bool Session::append(VariableMetric& metric, const WaitingValue& told, const GatewayValue& value)

@@ -609,6 +609,29 @@ void saveRequests()
 "time":"2026-11-22T13:30:00.125Z","unit":"rpm"})");
 }
 
+// Commands for a device, in hexadecimal as another library encoded them, and states of a host; see
+// sparkplug_fuzz.cpp.
+void saveSparkplug()
+{
+    const char harness[] = "sparkplug";
+    save(harness, "integer", "d" + hex("0880a1de9aa034120f0a054c6576656c200250ffffffff0f"));
+    save(harness, "several",
+         "d" + hex("12080a0442797465500512090a05546f74616c5807120b0a0448656174650000003f12070a03527"
+                   "56e7001"));
+    save(harness, "text", "d" + hex("120b0a04546578747a03616263120c0a034461795880e8a2a4eb01"));
+    save(harness, "array",
+         "d" + hex("120f0a044c69737482010601000200030012100a05466c61677382010609000000a080"));
+    save(harness, "null", "d" + hex("12090a054c6576656c3801"));
+    save(harness, "late", "d" + hex("080112090a054c6576656c5005"));
+    save(harness, "alias",
+         "d" + hex("121a108fadf7d3951a2801300142004a090a016112040803180150051803220178"));
+    save(harness, "dataset",
+         "d" + hex("120a0a054c6576656c8a0100120f0a044279746569000000000000f83f"));
+    save(harness, "online", R"(s{"online":true,"timestamp":2000})");
+    save(harness, "offline", R"(s{"online":false,"timestamp":1000,"more":[1]})");
+    save(harness, "outdated", R"(s{"online":false,"timestamp":999})");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -629,6 +652,7 @@ int main(int argc, char** argv)
     saveProjects();
     saveConfigurations();
     saveRequests();
+    saveSparkplug();
     saveTags();
     saveFaults();
     saveTexts();
