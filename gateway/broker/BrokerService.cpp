@@ -7,6 +7,7 @@
 
 #include <QtCore/QTimer>
 
+#include <limits>
 #include <map>
 #include <vector>
 
@@ -363,7 +364,12 @@ void BrokerService::Private::order(const BrokerFeed& feed, const Json& order,
                                 : "orders are not taken (the configuration allows none)");
     if (request.name.isEmpty())
         return refuse(host::errorcode::kUnknownName, "the order names no variable");
-    m_writes.write(writer, request, answer);
+    const qint64 number = m_writes.write(writer, request, answer);
+    const int withinMs =
+        static_cast<int>(message.integer("withinMs", 0, std::numeric_limits<int>::max(), 0));
+    // No effect on what is sent or answered by then.
+    if (withinMs > 0)
+        QTimer::singleShot(withinMs, &m_ticks, [this, number] { m_writes.cancel(number); });
 }
 
 void BrokerService::Private::tell(const QString& state, const QString& text)

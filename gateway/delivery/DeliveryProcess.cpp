@@ -339,7 +339,8 @@ void Process::write(const Order& order, const std::function<void(const Json& rep
                {"line", order.line.toStdString()},
                {"name", order.name.toStdString()},
                {"element", order.element},
-               {"value", order.value}}))
+               {"value", order.value},
+               {"withinMs", order.withinMs}}))
         return refuse("the service takes no orders at the moment");
     m_orders[id] = answer;
 }

@@ -19,6 +19,7 @@ using host::Json;
 namespace errorcode = host::errorcode;
 
 const char kExpired[] = "expired";
+const char kWaitedTooLong[] = "it waited too long for the line";
 const char kRetained[] = "retained";
 const int kLongestId = 128;
 const int kMostSenders = 16;
@@ -61,6 +62,15 @@ Json idIn(const JsonNode& order)
     return id;
 }
 
+// With or without milliseconds.
+std::optional<qint64> timeOfText(QString text)
+{
+    const int kWholeSeconds = 20;
+    if (text.size() == kWholeSeconds)
+        text.insert(kWholeSeconds - 1, QStringLiteral(".000"));
+    return host::timeOf(text);
+}
+
 std::optional<qint64> timeIn(const JsonNode& order)
 {
     if (!order.has("time"))
@@ -68,19 +78,15 @@ std::optional<qint64> timeIn(const JsonNode& order)
     const JsonNode node = order.at("time");
     const Json time = host::jsonOf(node);
     const qint64 kLatest = 253402300799999; // the end of the year 9999
+    std::optional<qint64> found;
     if (time.is_number_integer() && time >= 0 && time <= kLatest)
-        return time.get<qint64>();
-    if (time.is_string()) {
-        QString text = QString::fromStdString(time.get<std::string>());
-        const int kWholeSeconds = 20;
-        if (text.size() == kWholeSeconds)
-            text.insert(kWholeSeconds - 1, QStringLiteral(".000"));
-        if (const std::optional<qint64> found = host::timeOf(text))
-            return found;
-    }
-    node.fail(order.at("time").found() +
-              " is no time (use UTC such as \"2026-11-22T13:30:00.125Z\", "
-              "or milliseconds since 1970)");
+        found = time.get<qint64>();
+    if (time.is_string())
+        found = timeOfText(QString::fromStdString(time.get<std::string>()));
+    if (!found)
+        node.fail(node.found() + " is no time (use UTC such as \"2026-11-22T13:30:00.125Z\", or "
+                                 "milliseconds since 1970)");
+    return found;
 }
 
 OrderContent contentOf(const JsonNode& object, Json& id)
@@ -111,6 +117,11 @@ Json resultOf(const Json& reply)
     if (error != reply.end() && error->is_object()) {
         result["outcome"] = error->value("code", "refused");
         result["text"] = error->value("text", "");
+        // Nobody else takes an order back.
+        if (result["outcome"] == errorcode::kCancelled) {
+            result["outcome"] = kExpired;
+            result["text"] = kWaitedTooLong;
+        }
         return result;
     }
     for (const char* const key : {"outcome", "old", "value", "verified"}) {
@@ -283,7 +294,7 @@ void Orders::tick()
     all.swap(m_waiting);
     for (const Waiting& waiting : all) {
         if (now > waiting.deadline)
-            refuse(waiting.sender, waiting.identity, kExpired, "it waited too long for the line");
+            refuse(waiting.sender, waiting.identity, kExpired, kWaitedTooLong);
         else if (m_underWay.value(waiting.order.line) < kMostUnderWay)
             pass(waiting);
         else
@@ -295,7 +306,10 @@ void Orders::pass(const Waiting& waiting)
 {
     const QString line = waiting.order.line;
     ++m_underWay[line];
-    m_needs.write(waiting.order,
+    Order order = waiting.order;
+    order.withinMs =
+        static_cast<int>(1 + wholeMilliseconds(waiting.deadline - m_needs.clock().now()));
+    m_needs.write(order,
                   [this, waiting, line, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
                       if (alive.expired())
                           return;

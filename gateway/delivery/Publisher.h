@@ -28,6 +28,9 @@ struct Order
     QString name;
     int element = 0;
     host::Json value; ///< as the variable shows it
+    /// It is not sent to the controller later than that: it is cancelled. 0: whenever it is its
+    /// turn.
+    int withinMs = 0;
 };
 
 /// What a publisher needs of the process that it runs in. Everything happens on the thread of the

@@ -337,6 +337,19 @@ TEST_F(OrdersTest, WaitNoLongerThanTheirExpiryOrTheirTimeAllows)
     EXPECT_EQ(lastResult()["outcome"], "expired");
 }
 
+TEST_F(OrdersTest, TellTheServiceHowLongTheyMayWaitThere)
+{
+    give("Level", R"({"value": 3, "time": "2026-11-22T13:09:55.125Z"})");
+    EXPECT_EQ(needs.orders.back().withinMs, 5001);
+    MqttMessage message = order("Level", "2");
+    message.expirySeconds = 3;
+    orders.handle(message);
+    EXPECT_EQ(needs.orders.back().withinMs, 3001);
+    needs.answers.back()({{"error", {{"code", "cancelled"}, {"text", "it was taken back"}}}});
+    EXPECT_EQ(lastResult()["outcome"], "expired");
+    EXPECT_EQ(lastResult()["text"], "it waited too long for the line");
+}
+
 TEST_F(OrdersTest, AreRefusedWhenTooManyWait)
 {
     const int kTaken = Orders::kMostUnderWay + Orders::kMostWaiting;
