@@ -48,11 +48,14 @@ def build(program, folder, *targets):
         sys.exit(f"{program}: clang++ is missing: run scripts/setup test")
     folder.mkdir(parents=True, exist_ok=True)
     log = folder / "build.log"
-    commands = [["cmake", "--preset", "fuzz", "-B", folder],
-                ["cmake", "--build", folder, "--target", *targets, "--", f"-j{os.cpu_count()}"]]
+    configure = ["cmake", "--preset", "fuzz", "-B", folder]
+    compile_and_link = ["cmake", "--build", folder, "--target", *targets, "--", f"-j{os.cpu_count()}"]
     with open(folder / ".lock", "w", encoding="ascii") as lock, open(log, "wb") as output:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        for command in commands:
+        # The build itself configures again what changed, but not for a changed preset.
+        made = folder / "build.ninja"
+        is_configured = made.exists() and made.stat().st_mtime > (ROOT / "CMakePresets.json").stat().st_mtime
+        for command in [compile_and_link] if is_configured else [configure, compile_and_link]:
             if subprocess.run(command, cwd=ROOT, stdout=output, stderr=subprocess.STDOUT).returncode != 0:
                 sys.exit(f"{tail(log, 40)}{program}: the build failed, see {log}")
 
