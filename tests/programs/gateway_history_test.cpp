@@ -2,13 +2,11 @@
 
 #include "gateway_fixture.h"
 #include "program_fixture.h"
+#include "small_disk.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
-#include <QtCore/QStorageInfo>
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 namespace {
@@ -19,65 +17,6 @@ const char kTags[] = R"({"name": "Speed", "type": "DINT", "value": 1000},
                         {"name": "Level", "type": "REAL", "value": 41.5})";
 const char kVariables[] = R"({"name": "Speed", "tag": "Speed", "writable": true},
                              {"name": "Level", "tag": "Level", "intervalMs": 100})";
-
-bool writeText(const char* path, const std::string& text)
-{
-    QFile file(QString::fromLatin1(path));
-    return file.open(QIODevice::WriteOnly) &&
-           file.write(text.c_str()) == static_cast<qint64>(text.size());
-}
-
-// Mounts of this process and its children are their own from then on. Who is not root becomes it
-// in a name space of users.
-bool enterMountNamespace()
-{
-    const std::string user = std::to_string(::geteuid());
-    const std::string group = std::to_string(::getegid());
-    if (::unshare(CLONE_NEWNS) != 0) {
-        if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
-            return false;
-        writeText("/proc/self/setgroups", "deny");
-        writeText("/proc/self/uid_map", "0 " + user + " 1");
-        writeText("/proc/self/gid_map", "0 " + group + " 1");
-    }
-    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
-/// A small file system in a folder of its own, until the object is destroyed.
-class SmallDisk
-{
-public:
-    explicit SmallDisk(const QString& folder) : m_folder(folder)
-    {
-        EXPECT_TRUE(QDir().mkpath(folder));
-        EXPECT_TRUE(enterMountNamespace()) << "name spaces are not allowed here";
-        m_isMounted =
-            ::mount("small", folder.toLocal8Bit().constData(), "tmpfs", 0, "size=1m") == 0;
-        EXPECT_TRUE(m_isMounted);
-    }
-    ~SmallDisk()
-    {
-        if (m_isMounted)
-            ::umount2(m_folder.toLocal8Bit().constData(), MNT_DETACH);
-    }
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
-
-    void fill() const
-    {
-        QFile ballast(m_folder + "/ballast");
-        ASSERT_TRUE(ballast.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
-        while (ballast.write(QByteArray(4096, 'x')) > 0) {
-        }
-        ballast.close();
-        EXPECT_EQ(QStorageInfo(m_folder).bytesFree(), 0);
-    }
-    void empty() const { EXPECT_TRUE(QFile::remove(m_folder + "/ballast")); }
-
-private:
-    const QString m_folder;
-    bool m_isMounted = false;
-};
 
 class GatewayHistory : public GatewayTest
 {
