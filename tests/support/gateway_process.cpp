@@ -43,6 +43,8 @@ void setFolder(json& value, const std::string& folder)
     }
 }
 
+} // namespace
+
 Usage usageOf(pid_t process)
 {
     const std::string folder = "/proc/" + std::to_string(process);
@@ -69,8 +71,6 @@ Usage usageOf(pid_t process)
     }
     return usage;
 }
-
-} // namespace
 
 GatewayProcess::GatewayProcess(const std::string& program, const Lines& lines, json more)
 {

@@ -16,6 +16,8 @@ struct Usage
     double resident = 0;     ///< bytes
     double proportional = 0; ///< bytes; those that several processes share are divided among them
 };
+/// Of a process that runs.
+Usage usageOf(pid_t process);
 
 /// A gateway in a temporary folder, for programs that are no tests of the unit framework. They end
 /// with a message when it does not start. Its end ends the gateway and removes the folder.
