@@ -243,6 +243,10 @@ void readMqtt(const JsonNode& node, const QString& folder, MqttSettings& setting
         settings.discoveryPrefix = QStringLiteral("homeassistant");
         if (discovery.has("prefix"))
             settings.discoveryPrefix = prefixOf(discovery.at("prefix"));
+        // PREFIX/status would be ours and Home Assistant's.
+        if (settings.discoveryPrefix == settings.prefix)
+            discovery.fail("Home Assistant and the values have the same prefix (choose another "
+                           "\"prefix\" for the values)");
     });
 }
 

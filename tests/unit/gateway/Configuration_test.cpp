@@ -352,6 +352,16 @@ TEST_F(ConfigurationTest, RefusesAHistoryThatIsNoFileOfItsOwn)
                     .arg(file)));
 }
 
+// PREFIX/status would be the gateway's and Home Assistant's.
+TEST_F(ConfigurationTest, RefusesThePrefixOfHomeAssistantForTheValues)
+{
+    const std::string begin = R"("mqtt": {"broker": {"host": "x"}, "queue": {"file": "q"}, )";
+    EXPECT_EQ(mistakesOf(begin + R"("prefix": "homeassistant", "discovery": {}})"),
+              QStringList("mqtt.discovery: Home Assistant and the values have the same prefix "
+                          "(choose another \"prefix\" for the values)"));
+    EXPECT_EQ(mistakesOf(begin + R"("prefix": "homeassistant"})"), QStringList());
+}
+
 TEST_F(ConfigurationTest, HasLimits)
 {
     const struct
