@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 using namespace micro850;
+using gateway::BrokerSettings;
 using gateway::Configuration;
 
 /// For the messages of failed expectations.
@@ -138,6 +139,75 @@ TEST_F(ConfigurationTest, TakesRelativePathsFromItsOwnFolderAndNotFromTheCurrent
     QDir::setCurrent(before);
     EXPECT_EQ(QFileInfo(configuration.lines[1].projectFile).canonicalFilePath(),
               QFileInfo(path("oven.json")).canonicalFilePath());
+}
+
+TEST_F(ConfigurationTest, ReadsWhereValuesAreDelivered)
+{
+    project("press.json", "/dev/ttyUSB0");
+    write("gateway.json", R"({"lines": [{"name": "press", "project": "press.json"}],
+        "mqtt": {"broker": {"host": "broker.plant", "tls": {"authorities": "ca.pem"},
+                            "credentials": "c.json", "version": "3.1.1"},
+                 "prefix": "plant/p7", "queue": {"file": "m.sqlite"}, "orders": {}},
+        "sparkplug": {"broker": {"host": "10.0.0.7"}, "queue": {"file": "s.sqlite"},
+                      "group": "g", "node": "n"}})");
+    const BrokerSettings brokers = Configuration::fromFile(path("gateway.json")).brokers;
+    ASSERT_TRUE(brokers.mqtt && brokers.sparkplug);
+    EXPECT_EQ(brokers.mqtt->broker.port, 8883);
+    EXPECT_TRUE(brokers.mqtt->broker.isEncrypted);
+    EXPECT_FALSE(brokers.mqtt->broker.isVersion5);
+    EXPECT_EQ(brokers.mqtt->broker.authoritiesFile, path("ca.pem"));
+    EXPECT_EQ(brokers.mqtt->broker.credentialsFile, path("c.json"));
+    EXPECT_EQ(brokers.mqtt->queue.file, path("m.sqlite"));
+    EXPECT_TRUE(brokers.mqtt->takesOrders);
+    EXPECT_EQ(brokers.mqtt->maximumAgeMs, 10000);
+    EXPECT_EQ(brokers.mqtt->discoveryPrefix, QString());
+    EXPECT_EQ(brokers.sparkplug->broker.port, 1883);
+    EXPECT_FALSE(brokers.sparkplug->takesOrders);
+    // Each connection has its own, and the same after a restart.
+    EXPECT_NE(brokers.mqtt->broker.clientId, brokers.sparkplug->broker.clientId);
+    EXPECT_EQ(brokers.mqtt->broker.clientId,
+              Configuration::fromFile(path("gateway.json")).brokers.mqtt->broker.clientId);
+}
+
+TEST_F(ConfigurationTest, RefusesABrokerThatCannotBe)
+{
+    project("press.json", "/dev/ttyUSB0");
+    const auto of = [this](const std::string& broker, const std::string& rest) {
+        return mistakesOf(R"("mqtt": {"broker": {)" + broker + R"(}, "prefix": "p", )" + rest +
+                          "}");
+    };
+    const std::string good = R"("host": "b")";
+    const std::string queue = R"("queue": {"file": "m.sqlite"})";
+    EXPECT_EQ(of(good, queue), QStringList());
+    EXPECT_EQ(of("", queue), QStringList("mqtt.broker: the key \"host\" is missing"));
+    EXPECT_EQ(of(R"("host": "b:1883")", queue),
+              QStringList("mqtt.broker.host: \"b:1883\" is not the name or the address of a host "
+                          "(such as \"broker.plant.example\" or \"192.168.0.10\", with the port "
+                          "in \"port\")"));
+    EXPECT_EQ(of(R"("host": "b", "version": "4")", queue),
+              QStringList("mqtt.broker.version: \"4\" is not a version of MQTT that is spoken "
+                          "(\"5\" or \"3.1.1\")"));
+    EXPECT_EQ(of(R"("host": "b", "tls": {"key": "k"})", queue),
+              QStringList("mqtt.broker.tls: \"certificate\" and \"key\" go together (add the other "
+                          "one)"));
+    EXPECT_EQ(of(good, queue + R"(, "intervalMs": 99)"),
+              QStringList("mqtt.intervalMs: 99 is not allowed (0, or 100 to 86400000)"));
+    EXPECT_EQ(of(good, R"("queue": {"file": "press.json"})"),
+              QStringList("mqtt.queue.file: FOLDER/press.json is a file that the gateway reads "
+                          "(choose another path)"));
+    EXPECT_EQ(of(good + R"(, "credentials": "m.sqlite")", queue),
+              QStringList("mqtt.queue.file: FOLDER/m.sqlite is a file that the gateway reads "
+                          "(choose another path)"));
+    EXPECT_EQ(mistakesOf(R"("history": {"file": "x.sqlite"}, "mqtt": {"broker": {"host": "b",
+                  "clientId": "c"}, "prefix": "p", "queue": {"file": "x.sqlite"}}, "sparkplug":
+                  {"broker": {"host": "b", "clientId": "c"}, "group": "g", "node": "n",
+                   "queue": {"file": "x.sqlite"}})"),
+              QStringList({"sparkplug.broker.clientId: \"c\" is that of \"mqtt\" too (each "
+                           "connection needs its own)",
+                           "mqtt.queue.file: FOLDER/x.sqlite is the file of another section too "
+                           "(choose another path)",
+                           "sparkplug.queue.file: FOLDER/x.sqlite is the file of another section "
+                           "too (choose another path)"}));
 }
 
 TEST_F(ConfigurationTest, RefusesAFileThatIsMissingOrNoJson)
