@@ -275,7 +275,7 @@ void checkClientIds(const JsonNode& root, const BrokerSettings& brokers)
             .at("broker")
             .at("clientId")
             .fail("\"" + brokers.mqtt->broker.clientId.toStdString() +
-                  "\" is that of \"mqtt\" too (each connection needs its own)");
+                  R"(" is that of "mqtt" too (each connection needs its own))");
 }
 
 } // namespace

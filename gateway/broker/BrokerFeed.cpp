@@ -96,8 +96,8 @@ void BrokerFeed::tick()
         m_killed = m_supervisor.retire();
         if (m_killed > 0)
             ::kill(m_killed, SIGKILL);
-        tell(QStringLiteral("delivery ended"),
-             QStringLiteral("its process did not end in order and was killed"));
+        report(QStringLiteral("delivery ended"),
+               QStringLiteral("its process did not end in order and was killed"));
     }
     if (m_killed > 0 && endOf(m_killed))
         m_killed = 0;
@@ -170,9 +170,9 @@ void BrokerFeed::tellLeftOut()
 {
     if (std::exchange(m_toldLeftOut, true))
         return;
-    tell(QStringLiteral("delivery lost values"),
-         QStringLiteral("its process takes no values; the oldest are left out, %1 so far")
-             .arg(m_leftOut));
+    report(QStringLiteral("delivery lost values"),
+           QStringLiteral("its process takes no values; the oldest are left out, %1 so far")
+               .arg(m_leftOut));
 }
 
 void BrokerFeed::handleLine(const QByteArray& line)
@@ -234,9 +234,10 @@ void BrokerFeed::takeKept(qint64 number)
     }
     if (m_toldLeftOut && m_isOpen && m_held.empty()) {
         m_toldLeftOut = false;
-        tell(QStringLiteral("delivery"), QStringLiteral("its process has all that was held for it; "
-                                                        "%1 messages were left out so far")
-                                             .arg(m_leftOut));
+        report(QStringLiteral("delivery"),
+               QStringLiteral("its process has all that was held for it; "
+                              "%1 messages were left out so far")
+                   .arg(m_leftOut));
     }
     pump();
 }
@@ -257,11 +258,11 @@ void BrokerFeed::takeOrder(const Json& message)
 void BrokerFeed::takeLog(const Json& message)
 {
     const bool isWarning = textIn(message, "priority") == QLatin1String("warning");
-    tell(isWarning ? QStringLiteral("delivery problem") : QStringLiteral("delivery"),
-         textIn(message, "text"));
+    report(isWarning ? QStringLiteral("delivery problem") : QStringLiteral("delivery"),
+           textIn(message, "text"));
 }
 
-void BrokerFeed::tell(const QString& state, const QString& text)
+void BrokerFeed::report(const QString& state, const QString& text)
 {
     m_owner.tell(state, m_kind + QStringLiteral(": ") + text);
 }
@@ -283,7 +284,7 @@ void BrokerFeed::handleEnd(const QString& how, Duration pause)
     if (m_isStopping)
         m_whyDown = QStringLiteral("its process ended (%1) while the service ended").arg(how);
     if (m_lastEnd != how || m_isStopping)
-        tell(QStringLiteral("delivery ended"), m_whyDown);
+        report(QStringLiteral("delivery ended"), m_whyDown);
     m_lastEnd = how;
 }
 
@@ -324,7 +325,7 @@ bool BrokerFeed::sendNext()
     } else {
         line = entry(next).text;
         line.chop(1);
-        line += ",\"number\":" + QByteArray::number(next) + "}\n";
+        line += R"(,"number":)" + QByteArray::number(next) + "}\n";
         ++next;
     }
     if (!m_supervisor.send(line))
@@ -348,8 +349,8 @@ QByteArray BrokerFeed::valuesFrom(qint64& number) const
         values += entry(number).text;
         ++number;
     }
-    return "{\"event\":\"values\",\"first\":" + QByteArray::number(first) + ",\"times\":[" + times +
-           "],\"values\":[" + values + "]}\n";
+    return R"({"event":"values","first":)" + QByteArray::number(first) + R"(,"times":[)" + times +
+           R"(],"values":[)" + values + "]}\n";
 }
 
 // What was told last about a subject either is kept, so that the process needs it, or comes again.
@@ -357,7 +358,7 @@ void BrokerFeed::addCurrentValue(const Subject& subject, const QByteArray& value
 {
     if (m_numbers.value(subject, 0) >= m_first)
         return;
-    m_current += m_current.isEmpty() ? "{\"event\":\"current\",\"values\":[" : ",";
+    m_current += m_current.isEmpty() ? R"({"event":"current","values":[)" : ",";
     m_current += value;
     if (m_current.size() < kEnoughBytes)
         return;

@@ -94,7 +94,7 @@ private:
     QByteArray valuesFrom(qint64& number) const;
     const Entry& entry(qint64 number) const;
     qint64 last() const { return m_first + static_cast<qint64>(m_held.size()) - 1; }
-    void tell(const QString& state, const QString& text);
+    void report(const QString& state, const QString& text);
 
     Owner& m_owner;
     const QString m_kind;
