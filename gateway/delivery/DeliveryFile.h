@@ -2,11 +2,12 @@
 #define MICRO850_GATEWAY_DELIVERY_DELIVERYFILE_H
 
 #include "Database.h"
-#include "DeliveryQueue.h"
 #include "HistoryBudget.h"
+#include "QueuedMessage.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QMap>
+#include <QtCore/QVector>
 
 namespace micro850::gateway {
 
@@ -22,7 +23,7 @@ struct DeliveryState
     qint64 lost = 0;
     qint64 recorded = 0;             ///< how long the queue was in use, in milliseconds
     QHash<QString, qint64> sequence; ///< the last one of each line, in this series
-    DeliveryQueue::Fed fed;
+    FeedPosition fed;
     QMap<QString, QString> kept;
 };
 
@@ -44,7 +45,7 @@ struct DeliveryChanges
     qint64 recorded = 0;
     QHash<QString, qint64> sequence; ///< of the lines that have a new one
     bool isNewSeries = false;        ///< other lines have no sequence any more
-    DeliveryQueue::Fed fed;
+    FeedPosition fed;
     QMap<QString, QString> kept; ///< what is new
 };
 

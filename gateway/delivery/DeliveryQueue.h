@@ -3,31 +3,14 @@
 
 #include "Clock.h"
 #include "DeliverySettings.h"
+#include "QueuedMessage.h"
 #include "WallClock.h"
 
-#include <QtCore/QByteArray>
 #include <QtCore/QVector>
 
 #include <memory>
 
 namespace micro850::gateway {
-
-/// What a broker shall get: a value of a variable, or an event of a line or a station.
-struct QueuedMessage
-{
-    qint64 id = 0; ///< grows over all lines; the queue gives it
-    /// Which numbering `sequence` belongs to: a new one begins with a new file, and when the disk
-    /// refuses.
-    qint64 series = 0;
-    qint64 sequence = 0; ///< of its line, from 1 on, without gaps; the queue gives it
-    QString line;
-    int station = -1;
-    QString name;    ///< of the variable; empty: an event
-    qint64 time = 0; ///< milliseconds since 1970 UTC
-    /// As JSON: the object of the value, as the gateway's protocol has it; of an event {"time",
-    /// "state", "text"}, with "notice": true when the state did not change.
-    QByteArray body;
-};
 
 /// Messages that wait for the acknowledgement of the broker, in an SQLite database, bounded by size
 /// and age: the oldest go first and are counted. What was committed outlives the process and the
@@ -35,12 +18,7 @@ struct QueuedMessage
 class DeliveryQueue
 {
 public:
-    /// Of the service that feeds: what it numbered and this queue has committed.
-    struct Fed
-    {
-        QString run; ///< of the service
-        qint64 number = 0;
-    };
+    using Fed = FeedPosition;
 
     /// The clocks must outlive it. A file that is damaged is set aside. Throws UserError for a file
     /// that another process uses, and for what is no queue.
