@@ -2,7 +2,6 @@
 
 #include "Discovery.h"
 #include "JsonMessages.h"
-#include "MqttConnection.h"
 #include "Orders.h"
 #include "Protocol.h"
 #include "RetainedTopics.h"
@@ -25,6 +24,8 @@ const char kRetainedKey[] = "retained";
 const std::chrono::seconds kBirthPause(10);
 // Results that wait for a connection.
 const std::size_t kMostResults = 1000;
+// The list of topics is written as a whole: what is new waits for the others that are new.
+const std::chrono::seconds kKeepPause(1);
 
 using VariableKey = QPair<QString, QString>; ///< line and name
 using Place = std::pair<QString, int>;       ///< line, and station or below 0
@@ -50,7 +51,7 @@ bool isSame(const CatalogueVariable& a, const CatalogueVariable& b)
 class JsonPublisher::Private : public MqttConnection::Owner, public Outlet
 {
 public:
-    Private(const MqttSettings& settings, PublisherNeeds& needs);
+    Private(const MqttSettings& settings, PublisherNeeds& needs, const MakeLink& makeLink);
 
     void setCatalogue(const Catalogue& catalogue);
     void handleEvent(const DeliveryEvent& event);
@@ -101,6 +102,7 @@ private:
     void forgetMissing(const QHash<VariableKey, int>& before, const QVector<Variable>& old);
     void setUsedTopics();
     void keepTopics();
+    void keepTopicsWhenDue();
     void useTopic(const QByteArray& topic);
     void announceAll();
     void announceVariables();
@@ -115,7 +117,7 @@ private:
     void addDiscoveryTopics(const Variable& variable, QSet<QByteArray>& used) const;
     void sendResults();
     void publishStatistics(const Json& lines);
-    void publishStatistic(const QString& line, int station, Json content);
+    MqttMessage statistic(const QString& line, int station, Json content);
     void dropMissingStations(const QString& line, const Json& stations);
     void learnType(Variable& variable, const Json& value);
     bool isTooLong(const QByteArray& topic);
@@ -130,6 +132,8 @@ private:
     Discovery m_discovery;
     RetainedTopics m_retained;
     bool m_hasTopicsToKeep = false;
+    QSet<QByteArray> m_unkept; ///< nothing is retained there before they are kept
+    Duration m_nextKeep{0};
 
     QVector<Variable> m_variables;
     QHash<VariableKey, int> m_numbers;
@@ -154,10 +158,11 @@ private:
     bool m_isStarted = false;
     std::mt19937 m_random{std::random_device{}()};
     Orders m_orders;
-    MqttConnection m_connection; // the last, since it calls the others
+    std::unique_ptr<MqttLink> m_link; // the last, since it calls the others
 };
 
-JsonPublisher::Private::Private(const MqttSettings& settings, PublisherNeeds& needs)
+JsonPublisher::Private::Private(const MqttSettings& settings, PublisherNeeds& needs,
+                                const MakeLink& makeLink)
     : m_settings(settings), m_needs(needs), m_topics(settings.prefix),
       m_discovery(settings.discoveryPrefix, settings.prefix, settings.takesOrders),
       m_retained(needs.queue().kept(QString::fromLatin1(kRetainedKey))),
@@ -174,7 +179,8 @@ JsonPublisher::Private::Private(const MqttSettings& settings, PublisherNeeds& ne
               m_results.push_back(result);
               sendResults();
           }),
-      m_connection(*this, m_settings.broker, needs.clock())
+      m_link(makeLink ? makeLink(*this)
+                      : std::make_unique<MqttConnection>(*this, m_settings.broker, needs.clock()))
 {
 }
 
@@ -183,8 +189,9 @@ void JsonPublisher::Private::setCatalogue(const Catalogue& catalogue)
     const QVector<Variable> old = m_variables;
     replaceVariables(catalogue);
     setUsedTopics();
+    keepTopics();
     if (!std::exchange(m_isStarted, true))
-        m_connection.start();
+        m_link->start();
     else if (isAnnounced())
         announceChanges(old);
 }
@@ -293,22 +300,30 @@ void JsonPublisher::Private::setUsedTopics()
                     : m_states.erase(state);
     m_retained.setUsed(used);
     m_hasTopicsToKeep = true;
-    keepTopics();
 }
 
 // Before anything is published there, so that no topic is forgotten when the process is killed.
 void JsonPublisher::Private::keepTopics()
 {
-    if (std::exchange(m_hasTopicsToKeep, false))
-        m_needs.queue().keep(QString::fromLatin1(kRetainedKey), m_retained.text());
+    if (!std::exchange(m_hasTopicsToKeep, false))
+        return;
+    m_needs.queue().keep(QString::fromLatin1(kRetainedKey), m_retained.text());
+    m_unkept.clear();
+    m_nextKeep = m_needs.clock().now() + kKeepPause;
+}
+
+void JsonPublisher::Private::keepTopicsWhenDue()
+{
+    if (m_needs.clock().now() >= m_nextKeep)
+        keepTopics();
 }
 
 void JsonPublisher::Private::useTopic(const QByteArray& topic)
 {
-    if (m_retained.use(topic)) {
-        m_hasTopicsToKeep = true;
-        keepTopics();
-    }
+    if (!m_retained.use(topic))
+        return;
+    m_hasTopicsToKeep = true;
+    m_unkept.insert(topic);
 }
 
 void JsonPublisher::Private::handleEvent(const DeliveryEvent& event)
@@ -319,6 +334,7 @@ void JsonPublisher::Private::handleEvent(const DeliveryEvent& event)
     if (!event.line.isEmpty() && !m_lines.contains(event.line))
         return;
     m_states[place] = event;
+    useTopic(m_topics.of(event.line, event.station, "state"));
     if (!event.line.isEmpty())
         m_stations.insert({event.line, event.station});
     if (isAnnounced())
@@ -333,8 +349,10 @@ void JsonPublisher::Private::handleStatus(const Json& lines)
     publishStatistics(lines);
 }
 
+// One that the connection has no room for is left out; the next one is not far.
 void JsonPublisher::Private::publishStatistics(const Json& lines)
 {
+    QVector<MqttMessage> messages;
     for (const Json& line : lines) {
         if (!line.is_object())
             continue;
@@ -344,29 +362,33 @@ void JsonPublisher::Private::publishStatistics(const Json& lines)
         Json content = line;
         const Json stations = line.value("stations", Json::array());
         content.erase("stations");
-        publishStatistic(name, -1, content);
+        messages.append(statistic(name, -1, content));
         for (const Json& station : stations) {
             const Json number = station.value("station", Json());
             if (number.is_number_integer())
-                publishStatistic(name, number.get<int>(), station);
+                messages.append(statistic(name, number.get<int>(), station));
         }
         dropMissingStations(name, stations);
     }
+    if (!m_unkept.isEmpty())
+        keepTopics();
+    for (const MqttMessage& message : qAsConst(messages)) {
+        if (!isTooLong(message.topic))
+            publish(message);
+    }
 }
 
-// One that the connection has no room for is left out; the next one is not far.
-void JsonPublisher::Private::publishStatistic(const QString& line, int station, Json content)
+MqttMessage JsonPublisher::Private::statistic(const QString& line, int station, Json content)
 {
     MqttMessage message;
     message.topic = m_topics.of(line, station, "statistics");
     message.isRetained = true;
     content["time"] = host::timeText(m_needs.wallClock().now()).toStdString();
     message.payload = textOf(content);
-    if (isTooLong(message.topic))
-        return;
     m_stations.insert({line, station});
-    useTopic(message.topic);
-    publish(message);
+    if (message.topic.size() <= kLongestTopic)
+        useTopic(message.topic);
+    return message;
 }
 
 // A station that has no variable and is not in the status any more.
@@ -393,7 +415,7 @@ void JsonPublisher::Private::dropMissingStations(const QString& line, const Json
 
 void JsonPublisher::Private::tick()
 {
-    m_connection.tick();
+    m_link->tick();
     const Duration now = m_needs.clock().now();
     for (const qint64 id : std::exchange(m_dropped, {}))
         m_needs.flow().refuse(id);
@@ -409,7 +431,7 @@ void JsonPublisher::Private::tick()
     sendResults();
     work();
     m_orders.tick();
-    keepTopics();
+    keepTopicsWhenDue();
 }
 
 Duration JsonPublisher::Private::randomPause()
@@ -420,6 +442,8 @@ Duration JsonPublisher::Private::randomPause()
 
 void JsonPublisher::Private::announceAll()
 {
+    if (!m_unkept.isEmpty())
+        keepTopics();
     m_jobs.clear();
     m_clearing.clear();
     clearObsolete();
@@ -463,14 +487,19 @@ void JsonPublisher::Private::work()
     }
 }
 
-// False when the connection takes no more now.
+// False when the connection takes no more now, or its topic is not kept.
 bool JsonPublisher::Private::perform(const Job& job)
 {
-    if (m_connection.isFull())
+    if (m_link->isFull())
         return false;
     const MqttMessage message = messageOf(job);
     if (message.topic.isEmpty() || isTooLong(message.topic))
         return true;
+    if (job.kind != JobKind::Clear && m_unkept.contains(message.topic)) {
+        keepTopicsWhenDue();
+        if (m_unkept.contains(message.topic))
+            return false;
+    }
     return publish(message, job.kind == JobKind::Clear);
 }
 
@@ -509,7 +538,7 @@ MqttMessage JsonPublisher::Private::messageOf(const Job& job)
 bool JsonPublisher::Private::publish(const MqttMessage& message, bool isClear,
                                      std::optional<qint64> id)
 {
-    const int token = m_connection.publish(message);
+    const int token = m_link->publish(message);
     if (token <= 0)
         return false;
     m_sent.insert(token, {message.topic, isClear, id});
@@ -530,14 +559,14 @@ bool JsonPublisher::Private::isTooLong(const QByteArray& topic)
 
 void JsonPublisher::Private::sendResults()
 {
-    while (m_connection.isConnected() && !m_results.empty() && !m_connection.isFull() &&
+    while (m_link->isConnected() && !m_results.empty() && !m_link->isFull() &&
            publish(m_results.front()))
         m_results.pop_front();
 }
 
 bool JsonPublisher::Private::send(const QueuedMessage& message, Delivery delivery)
 {
-    if (m_stage != Stage::Flowing || m_connection.isFull())
+    if (m_stage != Stage::Flowing || m_link->isFull())
         return false;
     const MqttMessage out =
         message.name.isEmpty() ? eventToSend(message, delivery) : valueToSend(message, delivery);
@@ -598,6 +627,7 @@ void JsonPublisher::Private::learnType(Variable& variable, const Json& value)
         m_retained.stopUsing(topic);
         clear(topic);
     }
+    useTopic(current);
     const auto number = static_cast<int>(&variable - m_variables.constData());
     m_jobs.push_back({JobKind::Configuration, QByteArray(), number, {}});
 }
@@ -618,9 +648,9 @@ void JsonPublisher::Private::handleConnected()
     m_announceAt = m_needs.clock().now() + randomPause();
     m_birthAt.reset();
     if (m_settings.takesOrders)
-        m_connection.subscribe(m_topics.orders());
+        m_link->subscribe(m_topics.orders());
     if (m_discovery.isWanted())
-        m_connection.subscribe(m_discovery.birthTopic());
+        m_link->subscribe(m_discovery.birthTopic());
 }
 
 void JsonPublisher::Private::handleDisconnected(const QString&)
@@ -677,16 +707,16 @@ void JsonPublisher::Private::handleMessage(const MqttMessage& message)
 void JsonPublisher::Private::stop(Duration limit)
 {
     keepTopics();
-    if (m_connection.isConnected()) {
+    if (m_link->isConnected()) {
         MqttMessage message = will();
-        m_connection.publish(message);
+        m_link->publish(message);
     }
-    m_connection.stop(limit);
+    m_link->stop(limit);
 }
 
 Json JsonPublisher::Private::status() const
 {
-    Json object = {{"connection", m_connection.status()}, {"refusedByBroker", m_refused}};
+    Json object = {{"connection", m_link->status()}, {"refusedByBroker", m_refused}};
     if (m_tooLong > 0)
         object["topicsTooLong"] = m_tooLong;
     if (m_settings.takesOrders)
@@ -695,7 +725,13 @@ Json JsonPublisher::Private::status() const
 }
 
 JsonPublisher::JsonPublisher(const MqttSettings& settings, PublisherNeeds& needs)
-    : m_private(std::make_unique<Private>(settings, needs))
+    : JsonPublisher(settings, needs, MakeLink())
+{
+}
+
+JsonPublisher::JsonPublisher(const MqttSettings& settings, PublisherNeeds& needs,
+                             const MakeLink& makeLink)
+    : m_private(std::make_unique<Private>(settings, needs, makeLink))
 {
 }
 

@@ -1,6 +1,7 @@
 #ifndef MICRO850_GATEWAY_DELIVERY_JSONPUBLISHER_H
 #define MICRO850_GATEWAY_DELIVERY_JSONPUBLISHER_H
 
+#include "MqttConnection.h"
 #include "Publisher.h"
 
 #include <memory>
@@ -11,8 +12,12 @@ namespace micro850::gateway {
 class JsonPublisher : public Publisher
 {
 public:
+    /// Makes the connection, which tells `owner` what happens.
+    using MakeLink = std::function<std::unique_ptr<MqttLink>(MqttConnection::Owner& owner)>;
+
     /// `needs` must outlive it.
     JsonPublisher(const MqttSettings& settings, PublisherNeeds& needs);
+    JsonPublisher(const MqttSettings& settings, PublisherNeeds& needs, const MakeLink& makeLink);
     ~JsonPublisher() override;
 
     void setCatalogue(const Catalogue& catalogue) override;

@@ -3,7 +3,7 @@
 
 #include "Clock.h"
 #include "DeliverySettings.h"
-#include "MqttMessage.h"
+#include "MqttLink.h"
 
 #include <memory>
 
@@ -16,7 +16,7 @@ QString machineClientId(const QString& kind);
 /// The connection to a broker: libmosquitto on a thread of its own, so that neither a name server
 /// nor a broker that hangs blocks the event loop. It connects again and again, with a growing
 /// pause. Every connection has a clean session and a Will of its own.
-class MqttConnection
+class MqttConnection : public MqttLink
 {
 public:
     /// Is told what happens, on the thread of the event loop.
@@ -48,40 +48,40 @@ public:
     MqttConnection(Owner& owner, const BrokerAddress& address, const Clock& clock,
                    Duration patience = std::chrono::seconds(15));
     /// Closes the connection at once, so that the broker publishes the Will.
-    ~MqttConnection();
+    ~MqttConnection() override;
     MqttConnection(const MqttConnection&) = delete;
     MqttConnection& operator=(const MqttConnection&) = delete;
 
-    void start();
+    void start() override;
     /// Ends the connection, so that the broker publishes the Will, and connects anew after a pause.
     /// The owner is told with `reason`, from the event loop.
     void reconnect(const QString& reason);
     /// Sends what waits, waits for the acknowledgements and disconnects in order: the broker does
     /// not publish the Will. What takes longer than `limit` is broken off, and the broker publishes
     /// the Will. The owner is told of the acknowledgements, and of nothing more afterwards.
-    void stop(Duration limit);
+    void stop(Duration limit) override;
     /// Does what is due. Call it several times a second.
-    void tick();
+    void tick() override;
 
-    bool isConnected() const;
+    bool isConnected() const override;
     /// Topics that are subscribed with QoS 1 now, at once when connected; forgotten when the
     /// connection ends.
-    void subscribe(const QByteArray& topic);
+    void subscribe(const QByteArray& topic) override;
     /// Gives it to the network. Returns its token, above 0; 0 when not connected or when too much
     /// waits already. Never blocks.
-    int publish(const MqttMessage& message);
+    int publish(const MqttMessage& message) override;
     /// Asks the broker for an answer that comes after everything sent so far was handled. The
     /// library offers no call for the ping of MQTT, which it sends by itself to keep the connection
     /// alive; this asks to unsubscribe from a topic that is not subscribed, which every broker
     /// answers, in the order of what it received.
     void ping(int number);
     /// Bytes that wait to be sent are more than a connection should hold.
-    bool isFull() const;
+    bool isFull() const override;
 
     /// state ("connected", "connecting", "waiting", "stopped"), broker, reason (why there is no
     /// connection), version ("5", "3.1.1"), since (of the state; milliseconds since 1970 UTC),
     /// attempts, connections. No credential is in it.
-    host::Json status() const;
+    host::Json status() const override;
 
 private:
     class Private;
