@@ -199,6 +199,17 @@ void Section::readQueue(const JsonNode& node, DeliveryQueueSettings& queue)
     readNumber(node, "historyPerSecond", 1, 100000, queue.historyPerSecond);
 }
 
+template<typename Settings> void readOrders(const JsonNode& node, Settings& settings)
+{
+    if (!node.has("orders"))
+        return;
+    const JsonNode orders = node.at("orders");
+    orders.expectKeys({"maximumAgeMs"});
+    settings.takesOrders = true;
+    settings.maximumAgeMs =
+        static_cast<int>(orders.integer("maximumAgeMs", 100, 3600000, settings.maximumAgeMs));
+}
+
 void readIntervals(const JsonNode& node, MqttSettings& settings, Mistakes& mistakes)
 {
     mistakes.runs([&] {
@@ -226,15 +237,7 @@ void readMqtt(const JsonNode& node, const QString& folder, MqttSettings& setting
     Section(node, folder, mistakes).readBroker("mqtt", settings.broker, settings.queue);
     mistakes.runs([&] { settings.prefix = prefixOf(node.at("prefix")); });
     readIntervals(node, settings, mistakes);
-    mistakes.runs([&] {
-        if (!node.has("orders"))
-            return;
-        const JsonNode orders = node.at("orders");
-        orders.expectKeys({"maximumAgeMs"});
-        settings.takesOrders = true;
-        settings.maximumAgeMs =
-            static_cast<int>(orders.integer("maximumAgeMs", 100, 3600000, settings.maximumAgeMs));
-    });
+    mistakes.runs([&] { readOrders(node, settings); });
     mistakes.runs([&] {
         if (!node.has("discovery"))
             return;
@@ -263,7 +266,7 @@ void readSparkplug(const JsonNode& node, const QString& folder, SparkplugSetting
         if (node.has("primaryHost"))
             settings.primaryHost = levelOf(node.at("primaryHost"));
     });
-    mistakes.runs([&] { settings.takesOrders = node.boolean("orders", false); });
+    mistakes.runs([&] { readOrders(node, settings); });
 }
 
 // A broker ends the connection of a client when another one with the same identifier comes.

@@ -105,7 +105,8 @@ Json jsonOf(const SparkplugSettings& settings)
             {"group", settings.group.toStdString()},
             {"node", settings.node.toStdString()},
             {"primaryHost", settings.primaryHost.toStdString()},
-            {"takesOrders", settings.takesOrders}};
+            {"takesOrders", settings.takesOrders},
+            {"maximumAgeMs", settings.maximumAgeMs}};
 }
 
 MqttSettings mqttSettingsOf(const Json& object)
@@ -133,6 +134,7 @@ SparkplugSettings sparkplugSettingsOf(const Json& object)
     settings.node = textIn(node, "node");
     settings.primaryHost = textIn(node, "primaryHost", QString());
     settings.takesOrders = node.boolean("takesOrders", settings.takesOrders);
+    settings.maximumAgeMs = numberIn(node, "maximumAgeMs", 1, settings.maximumAgeMs);
     return settings;
 }
 

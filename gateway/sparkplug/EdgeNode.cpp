@@ -103,6 +103,9 @@ void EdgeNode::handleMessage(const MqttMessage& message)
     if (message.isRetained)
         m_orders.refuse(QStringLiteral("a retained command"),
                         QStringLiteral("it was retained, so that nobody knows when it was given"));
+    else if (message.isCut)
+        m_orders.refuse(QStringLiteral("a malformed command"),
+                        QStringLiteral("it is so long that its end is missing"));
     else if (isDevice && m_settings.takesOrders)
         handleDeviceCommand(message);
     else if (message.topic == topicOf(m_settings, "NCMD"))

@@ -2,6 +2,11 @@
 
 #include "UserError.h"
 #include "VisibleText.h"
+#include "Writable.h"
+
+#include <QtCore/QSet>
+
+#include <algorithm>
 
 namespace micro850::gateway::sparkplug {
 
@@ -39,6 +44,13 @@ const VariableMetric& variableOf(const NodeModel& model, const Device& device, c
     return *found;
 }
 
+void requireWritable(const VariableMetric& metric)
+{
+    if (!metric.variable.isWritable || !host::isWritable(*metric.type))
+        throw Refusal{"a metric that is not writable",
+                      metric.name.toStdString() + " is not writable, so that nothing is written"};
+}
+
 void requireLimits(const VariableMetric& metric, const QVector<Json>& values)
 {
     const CatalogueVariable& variable = metric.variable;
@@ -48,12 +60,18 @@ void requireLimits(const VariableMetric& metric, const QVector<Json>& values)
                                   (variable.maximum && number > *variable.maximum)))
             throw Refusal{"a value outside of its limits",
                           metric.name.toStdString() + ": " + value.dump() +
-                              " is outside of its limits, so that no element is written"};
+                              " is outside of its limits, so that nothing is written"};
     }
 }
 
+// The service sees one value at a time: what it would refuse of a later one is looked for before
+// the first one is written.
 void appendOrders(std::deque<Order>& orders, const VariableMetric& variable, const Metric& metric)
 {
+    if (metric.isHistorical)
+        throw Refusal{"a historical value",
+                      variable.name.toStdString() + ": a value of the past orders nothing"};
+    requireWritable(variable);
     QVector<Json> values;
     try {
         values =
@@ -61,9 +79,7 @@ void appendOrders(std::deque<Order>& orders, const VariableMetric& variable, con
     } catch (const UserError& error) {
         throw Refusal{"a value of another type", variable.name.toStdString() + ": " + error.what()};
     }
-    // The service sees one element at a time.
-    if (values.size() > 1)
-        requireLimits(variable, values);
+    requireLimits(variable, values);
     for (int i = 0; i < values.size(); ++i)
         orders.push_back({variable.variable.line, variable.variable.name, i, values.at(i)});
 }
@@ -82,8 +98,8 @@ void OrderDesk::refuse(const QString& kind, const QString& text)
     m_needs.warn(kind, QStringLiteral("a command is refused: ") + text);
 }
 
-std::deque<Order> OrderDesk::ordersOf(const NodeModel& model, const Device& device,
-                                      const QByteArray& bytes) const
+OrderDesk::Command OrderDesk::commandOf(const NodeModel& model, const Device& device,
+                                        const QByteArray& bytes) const
 {
     const std::optional<Payload> payload = decoded(bytes);
     if (!payload)
@@ -92,23 +108,46 @@ std::deque<Order> OrderDesk::ordersOf(const NodeModel& model, const Device& devi
                           ? "its payload has " + std::to_string(bytes.size()) + " bytes (at most " +
                                 std::to_string(kLongestCommand) + ")"
                           : "its payload is not one of Sparkplug B"};
-    const qint64 ageMs = payload->timestamp
-                             ? m_needs.wallClock().now() - static_cast<qint64>(*payload->timestamp)
-                             : 0;
-    if (ageMs > wholeMilliseconds(m_maximumAge))
-        throw Refusal{"a late command", "it is " + std::to_string(ageMs) + " ms old (at most " +
-                                            std::to_string(wholeMilliseconds(m_maximumAge)) +
-                                            "; are the clocks of host and gateway set?)"};
+    Command command;
+    command.came = m_needs.clock().now() - ageOf(*payload);
     if (payload->metrics.isEmpty())
         throw Refusal{"a malformed command", "it has no metric"};
-    std::deque<Order> orders;
+    QSet<const VariableMetric*> variables;
     for (const Metric& metric : payload->metrics) {
-        appendOrders(orders, variableOf(model, device, metric), metric);
-        if (orders.size() > kMostOrders)
+        const VariableMetric& variable = variableOf(model, device, metric);
+        if (variables.contains(&variable))
+            throw Refusal{"a malformed command",
+                          variable.name.toStdString() +
+                              " is in it twice, so that nobody knows which value is meant"};
+        variables.insert(&variable);
+        appendOrders(command.orders, variable, metric);
+        if (command.orders.size() > kMostOrders)
             throw Refusal{"a malformed command",
                           "it orders more than " + std::to_string(kMostOrders) + " values"};
     }
-    return orders;
+    return command;
+}
+
+// Any number may come as the time.
+Duration OrderDesk::ageOf(const Payload& payload) const
+{
+    std::optional<quint64> told = payload.timestamp;
+    for (const Metric& metric : payload.metrics) {
+        if (!payload.timestamp && metric.timestamp)
+            told = told ? std::min(*told, *metric.timestamp) : *metric.timestamp;
+    }
+    if (!told)
+        return Duration(0);
+    const auto now = static_cast<quint64>(m_needs.wallClock().now());
+    const auto most = static_cast<quint64>(wholeMilliseconds(m_maximumAge));
+    const bool isAhead = *told > now;
+    const quint64 differenceMs = isAhead ? *told - now : now - *told;
+    if (differenceMs > most)
+        throw Refusal{isAhead ? "a command of the future" : "a late command",
+                      "its time is " + std::to_string(differenceMs) +
+                          (isAhead ? " ms ahead" : " ms ago") + " (at most " +
+                          std::to_string(most) + "; are the clocks of host and gateway set?)"};
+    return isAhead ? Duration(0) : std::chrono::milliseconds(differenceMs);
 }
 
 void OrderDesk::take(const NodeModel& model, const Device& device, const QByteArray& payload)
@@ -117,9 +156,7 @@ void OrderDesk::take(const NodeModel& model, const Device& device, const QByteAr
         if (m_state.commands.size() >= kMostCommands)
             throw Refusal{"too many commands",
                           std::to_string(kMostCommands) + " commands wait already"};
-        Command command;
-        command.orders = ordersOf(model, device, payload);
-        command.came = m_needs.clock().now();
+        const Command command = commandOf(model, device, payload);
         const int number = ++m_state.lastNumber;
         m_state.commands.insert(number, command);
         proceed(number);
@@ -135,7 +172,8 @@ void OrderDesk::proceed(int number)
         m_state.commands.remove(number);
         return;
     }
-    if (m_needs.clock().now() - command.came > m_maximumAge) {
+    const Duration age = m_needs.clock().now() - command.came;
+    if (age > m_maximumAge) {
         const std::size_t left = command.orders.size();
         m_state.commands.remove(number);
         refuse(QStringLiteral("a late command"),
@@ -143,8 +181,10 @@ void OrderDesk::proceed(int number)
                    .arg(left));
         return;
     }
-    const Order order = command.orders.front();
+    Order order = command.orders.front();
     command.orders.pop_front();
+    // Never 0, which is no limit.
+    order.withinMs = static_cast<int>(wholeMilliseconds(m_maximumAge - age)) + 1;
     m_needs.write(order, [number, order, self = std::weak_ptr(m_self)](const Json& reply) {
         if (const auto desk = self.lock())
             (*desk)->handleReply(number, order, reply);

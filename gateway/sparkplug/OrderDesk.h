@@ -11,8 +11,9 @@
 
 namespace micro850::gateway::sparkplug {
 
-/// Takes commands for devices and has the service write what they order. What cannot be meant is
-/// refused as a whole before anything is written; every kind of it is told once and counted.
+/// Takes commands for devices and has the service write what they order. What cannot be meant, and
+/// what is known not to be writable or outside of its limits, is refused as a whole before anything
+/// is written; every kind of it is told once and counted.
 class OrderDesk
 {
 public:
@@ -35,7 +36,7 @@ private:
     struct Command
     {
         std::deque<Order> orders;
-        Duration came{0};
+        Duration came{0}; ///< as its time tells
     };
     struct State
     {
@@ -45,8 +46,9 @@ private:
         qint64 refused = 0;
     };
 
-    std::deque<Order> ordersOf(const NodeModel& model, const Device& device,
-                               const QByteArray& payload) const;
+    Command commandOf(const NodeModel& model, const Device& device,
+                      const QByteArray& payload) const;
+    Duration ageOf(const Payload& payload) const;
     void proceed(int number);
     void handleReply(int number, const Order& order, const host::Json& reply);
 

@@ -129,7 +129,7 @@ protected:
     /// An order that is given while the gateway is away is not carried out when it is back.
     void expectCleanSession(const std::string& version)
     {
-        begin(R"("orders": true, )", version);
+        begin(R"("orders": {}, )", version);
         waitForFullBirth();
         killGateway();
         wait(kNdeath);
@@ -160,7 +160,7 @@ std::string bdSeqOf(const Seen& message)
 
 TEST_F(GatewaySparkplug, TellsItsBirthAndThoseOfItsStationsThenWhatChanges)
 {
-    ASSERT_NO_FATAL_FAILURE(begin(R"("orders": true, )"));
+    ASSERT_NO_FATAL_FAILURE(begin(R"("orders": {}, )"));
     const Seen birth = waitForFullBirth();
     const auto born = [&birth](const char* name) { return birth.metric(name); };
     EXPECT_EQ(born("Level").at("datatype"), 9);
@@ -234,7 +234,7 @@ TEST_F(GatewaySparkplug, RefusesOrdersThatMustNotBeAndTellsEachKindOnce)
 {
     listen();
     order({{{"name", "Level"}, {"float_value", 7.0}}}, true); // before the gateway is there
-    ASSERT_NO_FATAL_FAILURE(begin(R"("orders": true, )"));
+    ASSERT_NO_FATAL_FAILURE(begin(R"("orders": {}, )"));
     EXPECT_EQ(waitForFullBirth().metric("Level").value("float_value", 41.5), 41.5);
     order({{{"name", "Level"}, {"float_value", 51.0}}});
     order({{{"name", "Speed"}, {"int_value", 5}}});
@@ -248,14 +248,14 @@ TEST_F(GatewaySparkplug, RefusesOrdersThatMustNotBeAndTellsEachKindOnce)
     order({{{"name", "Level"}, {"float_value", 9.75}}});
     wait(kDdata,
          [](const Seen& each) { return each.payload.dump().find("9.75") != std::string::npos; });
-    ASSERT_TRUE(waitForLog("outside its limits"));
+    ASSERT_TRUE(waitForLog("outside of its limits"));
     const QString text = log();
     EXPECT_EQ(text.count("retained"), 1) << text.toStdString();
     EXPECT_EQ(text.count("has no metric"), 1) << text.toStdString();
     EXPECT_EQ(text.count("is not of its type"), 1) << text.toStdString();
     EXPECT_EQ(text.count("there is no device"), 1) << text.toStdString();
+    EXPECT_EQ(text.count("Speed is not writable"), 1) << text.toStdString();
     EXPECT_FALSE(text.contains("Le\nvel"));
-    // Speed is not writable; it is of the same kind as a value outside of the limits.
     auto client = connect();
     ASSERT_TRUE(waitUntil([&] {
         const json status = client->request({{"request", "status"}});

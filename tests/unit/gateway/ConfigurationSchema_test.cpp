@@ -68,7 +68,8 @@ const json kDocument = {
      {{"broker", {{"host", "broker.plant"}, {"tls", {{"certificate", "c.pem"}, {"key", "k.pem"}}}}},
       {"queue", {{"file", "s.sqlite"}}},
       {"group", "hall2"},
-      {"node", "panel7"}}}};
+      {"node", "panel7"},
+      {"orders", json::object()}}}};
 
 // Each object of the configuration with its place in kDocument.
 std::vector<std::pair<json, std::string>> objectsOf(const json& schema)

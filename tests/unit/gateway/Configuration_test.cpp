@@ -149,7 +149,7 @@ TEST_F(ConfigurationTest, ReadsWhereValuesAreDelivered)
                             "credentials": "c.json", "version": "3.1.1"},
                  "prefix": "plant/p7", "queue": {"file": "m.sqlite"}, "orders": {}},
         "sparkplug": {"broker": {"host": "10.0.0.7"}, "queue": {"file": "s.sqlite"},
-                      "group": "g", "node": "n"}})");
+                      "group": "g", "node": "n", "orders": {"maximumAgeMs": 2500}}})");
     const BrokerSettings brokers = Configuration::fromFile(path("gateway.json")).brokers;
     ASSERT_TRUE(brokers.mqtt && brokers.sparkplug);
     EXPECT_EQ(brokers.mqtt->broker.port, 8883);
@@ -162,7 +162,9 @@ TEST_F(ConfigurationTest, ReadsWhereValuesAreDelivered)
     EXPECT_EQ(brokers.mqtt->maximumAgeMs, 10000);
     EXPECT_EQ(brokers.mqtt->discoveryPrefix, QString());
     EXPECT_EQ(brokers.sparkplug->broker.port, 1883);
-    EXPECT_FALSE(brokers.sparkplug->takesOrders);
+    EXPECT_TRUE(brokers.sparkplug->takesOrders);
+    EXPECT_EQ(brokers.sparkplug->maximumAgeMs, 2500);
+    EXPECT_EQ(gateway::sparkplugSettingsOf(gateway::jsonOf(*brokers.sparkplug)).maximumAgeMs, 2500);
     // Each connection has its own, and the same after a restart.
     EXPECT_NE(brokers.mqtt->broker.clientId, brokers.sparkplug->broker.clientId);
     EXPECT_EQ(brokers.mqtt->broker.clientId,

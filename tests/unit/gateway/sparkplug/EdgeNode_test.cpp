@@ -73,6 +73,7 @@ public:
     {
         orders.push_back(order.line.toStdString() + "/" + order.name.toStdString() + "[" +
                          std::to_string(order.element) + "]=" + order.value.dump());
+        withinMs.push_back(order.withinMs);
         answers.push_back(answer);
     }
     void warn(const QString& kind, const QString& text) override
@@ -83,6 +84,7 @@ public:
     void note(const QString& text) override { notes.push_back(text.toStdString()); }
 
     std::vector<std::string> orders;
+    std::vector<int> withinMs; ///< of the orders
     std::vector<std::function<void(const host::Json& reply)>> answers;
     std::map<std::string, int> warnings;
     std::string lastWarning;
@@ -121,7 +123,9 @@ protected:
         level.isWritable = true;
         level.minimum = -10;
         level.maximum = 100;
-        m_catalogue.variables = {level, variable("Speed", 1, "REAL"), variable("Heat", 2, "DINT")};
+        CatalogueVariable speed = variable("Speed", 1, "REAL");
+        speed.isWritable = true;
+        m_catalogue.variables = {level, speed, variable("Heat", 2, "DINT")};
     }
     void TearDown() override { m_edge.reset(); }
 
@@ -343,6 +347,7 @@ TEST_F(EdgeNodeTest, TellsInItsBirthWhatItIsAndTheStatesOfItsLines)
 
 TEST_F(EdgeNodeTest, TellsInADevicesBirthEveryVariableWithItsValue)
 {
+    m_catalogue.variables[1].isWritable = false;
     start();
     tellStation(1, "connected");
     feed("Level", "INT", "feff");
@@ -1159,11 +1164,14 @@ TEST_F(EdgeNodeTest, WritesWhatADeviceIsOrderedByNameOrByAlias)
 
 TEST_F(EdgeNodeTest, WritesTheValuesOfACommandOneAfterTheOther)
 {
+    CatalogueVariable gate = variable("Gate", 1, "BOOL");
+    gate.isWritable = true;
+    m_catalogue.variables.append(gate);
     goOnline();
     receive(kDcmd, {{"metrics",
                      {{{"name", "Level"}, {"int_value", 5}},
                       {{"name", "Speed"}, {"float_value", 0.1}},
-                      {{"name", "Level"}, {"int_value", 6}}}}});
+                      {{"name", "Gate"}, {"boolean_value", true}}}}});
     ASSERT_EQ(m_needs->orders.size(), 1U);
     m_needs->answers.at(0)({{"outcome", "written"}});
     ASSERT_EQ(m_needs->orders.size(), 2U);
@@ -1178,9 +1186,18 @@ TEST_F(EdgeNodeTest, WritesTheValuesOfACommandOneAfterTheOther)
 
 TEST_F(EdgeNodeTest, RefusesACommandAsAWholeBeforeAnythingIsWritten)
 {
+    m_catalogue.variables.append(variable("Fixed", 1, "INT"));
+    CatalogueVariable gauge = variable("Gauge", 1, "REAL");
+    gauge.isWritable = true;
+    gauge.maximum = 0.1;
+    m_catalogue.variables.append(gauge);
+    CatalogueVariable gate = variable("Gate", 1, "BOOL");
+    gate.isWritable = true;
+    m_catalogue.variables.append(gate);
     goOnline();
-    const json alias = popOn(kDbirth).metric("Level").at("alias");
-    const json good = {{"name", "Level"}, {"int_value", 5}};
+    const Seen birth = popOn(kDbirth);
+    const json alias = birth.metric("Level").at("alias");
+    const json good = {{"name", "Gate"}, {"boolean_value", true}};
     const std::vector<std::pair<std::string, json>> bad = {
         {"an unknown metric", {{"name", "Level2"}, {"int_value", 5}}},
         {"an unknown metric", {{"name", "level"}, {"int_value", 5}}},
@@ -1192,7 +1209,13 @@ TEST_F(EdgeNodeTest, RefusesACommandAsAWholeBeforeAnythingIsWritten)
         {"a value of another type", {{"name", "Level"}, {"int_value", 5}, {"datatype", 3}}},
         {"a value of another type", {{"name", "Level"}, {"int_value", 40000}}},
         {"a value of another type", {{"name", "Level"}, {"is_null", true}}},
-        {"a value of another type", {{"name", "Speed"}, {"float_value", "NaN"}}}};
+        {"a value of another type", {{"name", "Speed"}, {"float_value", "NaN"}}},
+        {"a metric that is not writable", {{"name", "Fixed"}, {"int_value", 3}}},
+        {"a value outside of its limits", {{"name", "Gauge"}, {"float_value", 0.2}}},
+        {"a malformed command", good},
+        {"a malformed command",
+         {{"alias", birth.metric("Gate").at("alias")}, {"boolean_value", false}}},
+        {"a historical value", {{"name", "Speed"}, {"float_value", 1}, {"is_historical", true}}}};
     std::map<std::string, int> expected;
     for (const auto& [kind, metric] : bad) {
         receive(kDcmd, {{"metrics", {good, metric}}});
@@ -1225,6 +1248,66 @@ TEST_F(EdgeNodeTest, RefusesCommandsThatAreRetainedLateOrMalformed)
     EXPECT_EQ(m_needs->orders.size(), 1U);
 }
 
+TEST_F(EdgeNodeTest, RefusesCommandsOfTheFutureWhateverNumberTheirTimeIs)
+{
+    goOnline();
+    const json good = {{{"name", "Level"}, {"int_value", 5}}};
+    const auto now = static_cast<quint64>(m_wallClock.now());
+    const quint64 half = quint64(1) << 63;
+    int refused = 0;
+    for (const quint64 time : {now + 10001, now + 3600000, half - 1, half, half + 5, half + now,
+                               std::numeric_limits<quint64>::max()})
+    {
+        receive(kDcmd, {{"timestamp", std::to_string(time)}, {"metrics", good}});
+        EXPECT_EQ(m_needs->warnings["a command of the future"], ++refused) << time;
+    }
+    receive(kDcmd, {{"timestamp", "0"}, {"metrics", good}});
+    EXPECT_EQ(m_needs->warnings["a late command"], 1);
+    EXPECT_TRUE(m_needs->orders.empty());
+    receive(kDcmd, {{"timestamp", std::to_string(now + 10000)}, {"metrics", good}});
+    EXPECT_EQ(m_needs->orders.size(), 1U);
+}
+
+TEST_F(EdgeNodeTest, TakesTheOldestTimeOfItsMetricsForACommandThatHasNone)
+{
+    goOnline();
+    const qint64 now = m_wallClock.now();
+    const json level = {
+        {"name", "Level"}, {"int_value", 5}, {"timestamp", std::to_string(now - 10001)}};
+    const json speed = {{"name", "Speed"}, {"float_value", 5}, {"timestamp", std::to_string(now)}};
+    receive(kDcmd, {{"metrics", {speed, level}}});
+    EXPECT_TRUE(m_needs->orders.empty());
+    EXPECT_EQ(m_needs->warnings["a late command"], 1);
+    receive(kDcmd, {{"timestamp", std::to_string(now)}, {"metrics", {level}}});
+    EXPECT_EQ(m_needs->orders.size(), 1U);
+}
+
+TEST_F(EdgeNodeTest, LetsTheServiceWriteNothingThatIsOlderThanAllowed)
+{
+    goOnline();
+    receive(kDcmd,
+            {{"timestamp", std::to_string(m_wallClock.now() - 4000)},
+             {"metrics",
+              {{{"name", "Level"}, {"int_value", 5}}, {{"name", "Speed"}, {"float_value", 5}}}}});
+    EXPECT_EQ(m_needs->withinMs, std::vector<int>{6001});
+    pass(std::chrono::seconds(2));
+    m_needs->answers.at(0)({{"outcome", "written"}});
+    EXPECT_EQ(m_needs->withinMs, (std::vector<int>{6001, 4001}));
+}
+
+TEST_F(EdgeNodeTest, RefusesACommandWhoseEndIsMissing)
+{
+    goOnline();
+    MqttMessage message;
+    message.topic = QByteArray::fromStdString(kDcmd);
+    message.payload = QByteArray::fromStdString(SparkplugWitness::instance().encode(
+        {{"metrics", {{{"name", "Level"}, {"int_value", 5}}}}}));
+    message.isCut = true;
+    m_edge->handleMessage(message);
+    EXPECT_TRUE(m_needs->orders.empty());
+    EXPECT_EQ(m_needs->warnings["a malformed command"], 1);
+}
+
 TEST_F(EdgeNodeTest, RefusesAnOrderForAVariableWhoseTypeIsNotKnown)
 {
     m_catalogue.variables.append(variable("Unread"));
@@ -1238,6 +1321,7 @@ TEST_F(EdgeNodeTest, WritesAnArrayElementByElementOnlyWhenAllAreWithinTheLimits)
 {
     CatalogueVariable list = variable("List", 1, "INT");
     list.length = 3;
+    list.isWritable = true;
     list.minimum = 0;
     list.maximum = 100;
     m_catalogue.variables.append(list);
@@ -1258,6 +1342,10 @@ TEST_F(EdgeNodeTest, WritesAnArrayElementByElementOnlyWhenAllAreWithinTheLimits)
 
 TEST_F(EdgeNodeTest, LetsOnlySoManyCommandsWait)
 {
+    CatalogueVariable list = variable("List", 1, "SINT");
+    list.length = 1001;
+    list.isWritable = true;
+    m_catalogue.variables.append(list);
     goOnline();
     for (int i = 0; i < 100; ++i)
         receive(kDcmd, {{"metrics", {{{"name", "Level"}, {"int_value", 5}}}}});
@@ -1267,11 +1355,12 @@ TEST_F(EdgeNodeTest, LetsOnlySoManyCommandsWait)
         m_needs->answers.at(i)({{"outcome", "written"}});
     receive(kDcmd, {{"metrics", {{{"name", "Level"}, {"int_value", 5}}}}});
     EXPECT_EQ(m_needs->orders.size(), 65U);
-    json metrics = json::array();
-    for (int i = 0; i < 1001; ++i)
-        metrics.push_back({{"name", "Level"}, {"int_value", 5}});
-    receive(kDcmd, {{"metrics", metrics}});
-    EXPECT_EQ(m_needs->warnings["a malformed command"], 1);
+    // 1,001 bytes, in base 64.
+    receive(kDcmd,
+            {{"metrics", {{{"name", "List"}, {"bytes_value", std::string(1335, 'A') + "="}}}}});
+    EXPECT_EQ(m_needs->warnings["a malformed command"], 1) << m_needs->lastWarning;
+    EXPECT_NE(m_needs->lastWarning.find("more than 1000 values"), std::string::npos)
+        << m_needs->lastWarning;
     EXPECT_EQ(m_needs->orders.size(), 65U);
 }
 
@@ -1280,7 +1369,7 @@ TEST_F(EdgeNodeTest, WritesNothingMoreOfACommandThatGotTooOld)
     goOnline();
     receive(kDcmd,
             {{"metrics",
-              {{{"name", "Level"}, {"int_value", 5}}, {{"name", "Level"}, {"int_value", 6}}}}});
+              {{{"name", "Level"}, {"int_value", 5}}, {{"name", "Speed"}, {"float_value", 6}}}}});
     pass(std::chrono::seconds(11));
     m_needs->answers.at(0)({{"outcome", "written"}});
     EXPECT_EQ(m_needs->orders.size(), 1U);
@@ -1292,7 +1381,7 @@ TEST_F(EdgeNodeTest, SurvivesRepliesThatComeAfterItsEnd)
     goOnline();
     receive(kDcmd,
             {{"metrics",
-              {{{"name", "Level"}, {"int_value", 5}}, {{"name", "Level"}, {"int_value", 6}}}}});
+              {{{"name", "Level"}, {"int_value", 5}}, {{"name", "Speed"}, {"float_value", 6}}}}});
     m_edge.reset();
     m_needs->answers.at(0)({{"outcome", "written"}});
     EXPECT_EQ(m_needs->orders.size(), 1U);
