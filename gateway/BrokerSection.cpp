@@ -159,7 +159,7 @@ void Section::readAddress(const JsonNode& node, BrokerAddress& broker)
                                     R"( is not a version of MQTT that is spoken ("5" or "3.1.1"))");
         broker.isVersion5 = version == "5";
     });
-    readNumber(node, "keepAliveSeconds", 5, 3600, broker.keepAliveSeconds);
+    readNumber(node, "keepAliveSeconds", kLeastKeepAlive, kMostKeepAlive, broker.keepAliveSeconds);
     readNumber(node, "spreadMs", 0, 600000, broker.spreadMs);
     readFile(node, "credentials", broker.credentialsFile);
     if (node.has("tls"))

@@ -2,6 +2,7 @@
 
 #include "BrokerFeed.h"
 #include "Catalogue.h"
+#include "MachineTime.h"
 #include "Message.h"
 #include "TagAddress.h"
 
@@ -364,12 +365,17 @@ void BrokerService::Private::order(const BrokerFeed& feed, const Json& order,
                                 : "orders are not taken (the configuration allows none)");
     if (request.name.isEmpty())
         return refuse(host::errorcode::kUnknownName, "the order names no variable");
+    const bool hasDeadline = message.has("deadline");
+    const qint64 left =
+        message.integer("deadline", 0, std::numeric_limits<std::int64_t>::max(), 0) -
+        machineMilliseconds();
+    if (hasDeadline && left <= 0)
+        return refuse(host::errorcode::kCancelled, "it came too late");
     const qint64 number = m_writes.write(writer, request, answer);
-    const int withinMs =
-        static_cast<int>(message.integer("withinMs", 0, std::numeric_limits<int>::max(), 0));
     // No effect on what is sent or answered by then.
-    if (withinMs > 0)
-        QTimer::singleShot(withinMs, &m_ticks, [this, number] { m_writes.cancel(number); });
+    if (hasDeadline)
+        QTimer::singleShot(std::chrono::milliseconds(left), &m_ticks,
+                           [this, number] { m_writes.cancel(number); });
 }
 
 void BrokerService::Private::tell(const QString& state, const QString& text)

@@ -2,6 +2,7 @@
 
 #include "Channel.h"
 #include "ChildProcess.h"
+#include "MachineTime.h"
 #include "Memory.h"
 #include "Message.h"
 #include "Protocol.h"
@@ -334,13 +335,15 @@ void Process::write(const Order& order, const std::function<void(const Json& rep
     if (m_orders.size() >= kMostOrders)
         return refuse("too many orders wait");
     const qint64 id = ++m_lastOrder;
-    if (!send({{"request", "write"},
-               {"id", id},
-               {"line", order.line.toStdString()},
-               {"name", order.name.toStdString()},
-               {"element", order.element},
-               {"value", order.value},
-               {"withinMs", order.withinMs}}))
+    Json request = {{"request", "write"},
+                    {"id", id},
+                    {"line", order.line.toStdString()},
+                    {"name", order.name.toStdString()},
+                    {"element", order.element},
+                    {"value", order.value}};
+    if (order.withinMs > 0)
+        request["deadline"] = machineMilliseconds() + order.withinMs;
+    if (!send(request))
         return refuse("the service takes no orders at the moment");
     m_orders[id] = answer;
 }

@@ -49,7 +49,8 @@ BrokerAddress addressOf(const JsonNode& object)
     address.port = static_cast<int>(object.integer("port", 1, kMostPort, address.port));
     address.clientId = textIn(object, "clientId", QString());
     address.isVersion5 = object.boolean("isVersion5", address.isVersion5);
-    address.keepAliveSeconds = numberIn(object, "keepAliveSeconds", 1, address.keepAliveSeconds);
+    address.keepAliveSeconds = static_cast<int>(object.integer(
+        "keepAliveSeconds", kLeastKeepAlive, kMostKeepAlive, address.keepAliveSeconds));
     address.spreadMs = numberIn(object, "spreadMs", 0, address.spreadMs);
     address.credentialsFile = textIn(object, "credentialsFile", QString());
     address.isEncrypted = object.boolean("isEncrypted", address.isEncrypted);

@@ -7,6 +7,9 @@
 
 namespace micro850::gateway {
 
+constexpr int kLeastKeepAlive = 5;
+constexpr int kMostKeepAlive = 3600;
+
 /// Where a broker is and how the gateway shows who it is. All paths are absolute.
 struct BrokerAddress
 {
@@ -15,7 +18,7 @@ struct BrokerAddress
     /// Unique among the clients of the broker; empty: made from the name of the machine.
     QString clientId;
     bool isVersion5 = true; ///< MQTT 5; else 3.1.1, which is also tried when the broker refuses 5
-    int keepAliveSeconds = 15;
+    int keepAliveSeconds = 15; ///< from kLeastKeepAlive to kMostKeepAlive
     /// After it is connected the gateway waits for a random time up to this before it announces its
     /// variables, so that a hall of panels does not do so at once.
     int spreadMs = 1000;

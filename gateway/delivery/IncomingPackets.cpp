@@ -1,6 +1,7 @@
 #include "IncomingPackets.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -174,6 +175,25 @@ int propertiesOf(char first, const QByteArray& body)
     }
 }
 
+const int kCorrelation = 9;
+
+// The correlation of a message as the property that it came in, and nothing else of its properties.
+// They may be cut off anywhere.
+QByteArray correlationIn(const QByteArray& body, int properties)
+{
+    Reader reader(body, properties);
+    reader.number();
+    while (reader.isGood() && !reader.isAtEnd()) {
+        const int begin = reader.position();
+        const bool isIt = body.at(begin) == kCorrelation;
+        if (!skipProperty(reader) || !reader.isGood())
+            break;
+        if (isIt)
+            return body.mid(begin, reader.position() - begin);
+    }
+    return {};
+}
+
 bool hasGoodProperties(char first, const QByteArray& body)
 {
     Reader reader(body, propertiesOf(first, body));
@@ -253,6 +273,7 @@ bool IncomingPackets::beginPacket(qint64 length, QByteArray& out)
                                          "for"));
         if (length > kLongestMessage) {
             m_dropping = length - kLongestMessage;
+            m_isLong = true;
             m_cut.push_back(m_messages);
         }
         ++m_messages;
@@ -265,8 +286,21 @@ bool IncomingPackets::beginPacket(qint64 length, QByteArray& out)
     return m_missing > 0 || finishPacket(out);
 }
 
+// A part of a payload could be taken for all of it, and the properties need not be there whole: who
+// reads the message learns its topic, and whom to answer.
+void IncomingPackets::shorten()
+{
+    const int properties = propertiesOf(m_first, m_body);
+    const QByteArray correlation = m_isVersion5 ? correlationIn(m_body, properties) : QByteArray();
+    m_body.truncate(properties);
+    if (m_isVersion5)
+        m_body += encodedLength(correlation.size()) + correlation;
+}
+
 bool IncomingPackets::finishPacket(QByteArray& out)
 {
+    if (std::exchange(m_isLong, false))
+        shorten();
     if (m_isVersion5 && !hasGoodProperties(m_first, m_body))
         return refuse(QStringLiteral("the broker sent a packet of type %1 with properties that are "
                                      "not MQTT's")

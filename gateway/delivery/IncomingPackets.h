@@ -10,8 +10,8 @@ namespace micro850::gateway {
 
 /// Looks at what a broker sends before the library gets it. The library reserves as much memory as
 /// a packet announces, up to 256 MB, keeps messages of QoS 2 without a limit, and aborts the
-/// program when a property has an identifier that it does not know. So long messages are cut, and
-/// packets that no broker sends to this client end the connection.
+/// program when a property has an identifier that it does not know. So long messages lose their
+/// payload, and packets that no broker sends to this client end the connection.
 class IncomingPackets
 {
 public:
@@ -34,6 +34,7 @@ private:
     bool addToHeader(char byte, QByteArray& out);
     bool beginPacket(qint64 length, QByteArray& out);
     bool finishPacket(QByteArray& out);
+    void shorten();
     bool refuse(const QString& reason);
 
     bool m_isVersion5;
@@ -42,6 +43,7 @@ private:
     QByteArray m_body;   ///< what has come of it
     int m_missing = 0;   ///< bytes of the body
     qint64 m_dropping = 0;
+    bool m_isLong = false;     ///< the message; what is over the limit is dropped
     bool m_isAnswered = false; ///< the first packet has come
     QString m_reason;
     qint64 m_messages = 0;

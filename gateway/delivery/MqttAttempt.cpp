@@ -35,6 +35,8 @@ const int kMostToBroker = 256 * 1024;
 const qint64 kMostEventBytes = qint64(1024) * 1024;
 const qint64 kEventSize = 200;
 const int kTransferSize = 16 * 1024;
+// After that a message may have waited for this thread, which stood still or had no room.
+const std::chrono::seconds kStoodStill(1);
 // Messages of QoS 1 that the broker has not acknowledged; MQTT 5 brokers say themselves how many
 // they take.
 const int kMostInFlight = 200;
@@ -228,6 +230,7 @@ struct MqttAttempt::Callbacks
         if (mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &expiry,
                                           false) != nullptr)
             event.message.expirySeconds = expiry;
+        event.came = of(object).m_came;
         of(object).tell(std::move(event));
     }
 };
@@ -414,7 +417,8 @@ void MqttAttempt::connectClient()
     m_ourEnd = ends[1];
     ::dup3(ends[0], m_clientEnd, O_CLOEXEC);
     ::close(ends[0]);
-    m_answerLimit = std::chrono::steady_clock::now() + m_settings.patience;
+    m_emptyAt = std::chrono::steady_clock::now();
+    m_answerLimit = m_emptyAt + m_settings.patience;
 }
 
 QString MqttAttempt::pump()
@@ -482,6 +486,10 @@ void MqttAttempt::waitForWork()
     if (!m_toBroker.isEmpty() || m_broker->wantsToWrite())
         events |= POLLOUT;
     std::array<pollfd, 2> polled = {{{m_broker->descriptor(), events, 0}, {m_wake, POLLIN, 0}}};
+    const auto now = std::chrono::steady_clock::now();
+    ::poll(polled.data(), polled.size(), 0);
+    if (!m_isPaused && (polled[0].revents & POLLIN) == 0)
+        m_emptyAt = now;
     ::poll(polled.data(), polled.size(), static_cast<int>(kCareInterval.count()));
     eventfd_t ignored = 0;
     ::eventfd_read(m_wake, &ignored);
@@ -538,6 +546,8 @@ bool MqttAttempt::passFromBroker()
         return true;
     QByteArray came;
     const bool isOpen = m_broker->read(came);
+    const auto now = std::chrono::steady_clock::now();
+    m_came = now - m_emptyAt > kStoodStill ? m_emptyAt : now;
     QByteArray passed;
     const bool isGood = m_incoming.add(came, passed);
     if (!giveToClient(passed))

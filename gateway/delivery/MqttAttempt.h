@@ -32,6 +32,7 @@ struct MqttEvent
     int number; ///< the token, or the number of the ping
     QString reason;
     MqttMessage message;
+    std::chrono::steady_clock::time_point came; ///< a message: not before
     /// Of the end: what the broker does not take; another attempt may do without.
     bool refusesVersion = false;
     bool refusesRetained = false;
@@ -148,6 +149,8 @@ private:
     std::map<int, QByteArray> m_subscriptions;
     std::chrono::steady_clock::time_point m_answerLimit;
     std::chrono::steady_clock::time_point m_nextCare;
+    std::chrono::steady_clock::time_point m_emptyAt; ///< nothing waited to be read then
+    std::chrono::steady_clock::time_point m_came;    ///< not before: what is being read
     bool m_isConnected = false;
     bool m_isPaused = false; ///< too many events wait: nothing is read
     bool m_refusesVersion = false;

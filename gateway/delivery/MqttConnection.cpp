@@ -186,9 +186,13 @@ void MqttConnection::Private::handle(const MqttEvent& event)
     case MqttEvent::Kind::Refused:
         owner.handleRefused(event.number, event.reason);
         break;
-    case MqttEvent::Kind::Message:
-        owner.handleMessage(event.message);
+    case MqttEvent::Kind::Message: {
+        MqttMessage message = event.message;
+        message.waited =
+            std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - event.came);
+        owner.handleMessage(message);
         break;
+    }
     case MqttEvent::Kind::Pong:
         owner.handlePong(event.number);
         break;

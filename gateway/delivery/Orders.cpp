@@ -20,6 +20,7 @@ namespace errorcode = host::errorcode;
 
 const char kExpired[] = "expired";
 const char kWaitedTooLong[] = "it waited too long for the line";
+const char kReadTooLate[] = "it waited too long until the gateway could read it";
 const char kRetained[] = "retained";
 const int kLongestId = 128;
 const int kMostSenders = 16;
@@ -174,7 +175,7 @@ void Orders::handle(const MqttMessage& message)
         return m_needs.warn(QStringLiteral("order: topic"),
                             "an order came to a topic that is none of ours: " +
                                 QString::fromUtf8(message.topic.left(kLongestId)));
-    if (message.isRetained && message.payload.isEmpty())
+    if (message.isRetained && message.payload.isEmpty() && !message.isCut)
         return; // the broker is told to forget what it retained
     ++m_received;
     Sender sender;
@@ -197,6 +198,9 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
     std::optional<UserError> mistake;
     OrderContent content;
     try {
+        if (message.isCut)
+            throw UserError("an order has at most " + std::to_string(kLongestPayload) +
+                            " bytes, this message was far longer");
         content = OrderContent::parse(message.payload, isText, sender.id);
     } catch (const UserError& error) {
         mistake = error;
@@ -212,6 +216,9 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
     if (message.expirySeconds && *message.expirySeconds == 0)
         throw Refusal(kExpired, "the expiry of the message is over");
     requireFresh(content);
+    const Duration deadline = deadlineOf(message, content);
+    if (m_needs.clock().now() > deadline)
+        throw Refusal(kExpired, kReadTooLate);
     QByteArray identity;
     if (!content.id.is_null() && content.time)
         identity =
@@ -225,7 +232,7 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
     m_waiting.push_back({sender,
                          {variable->line, variable->name, content.element, content.value},
                          identity,
-                         deadlineOf(message, content)});
+                         deadline});
     tick();
 }
 
@@ -246,13 +253,14 @@ void Orders::requireFresh(const OrderContent& content) const
 
 Duration Orders::deadlineOf(const MqttMessage& message, const OrderContent& content) const
 {
-    qint64 left = m_maximumAgeMs;
-    if (content.time)
-        left = std::min(left, *content.time + m_maximumAgeMs - m_needs.wallClock().now());
-    const qint64 kMillisecondsOfSecond = 1000;
+    Duration left = std::chrono::milliseconds(m_maximumAgeMs);
     if (message.expirySeconds)
-        left = std::min(left, *message.expirySeconds * kMillisecondsOfSecond);
-    return m_needs.clock().now() + std::chrono::milliseconds(left);
+        left = std::min<Duration>(left, std::chrono::seconds(*message.expirySeconds));
+    left -= message.waited;
+    if (content.time)
+        left = std::min<Duration>(left, std::chrono::milliseconds(*content.time + m_maximumAgeMs -
+                                                                  m_needs.wallClock().now()));
+    return m_needs.clock().now() + left;
 }
 
 // A client that did not see its order arrive sends it again.

@@ -105,7 +105,7 @@ void EdgeNode::handleMessage(const MqttMessage& message)
                         QStringLiteral("it was retained, so that nobody knows when it was given"));
     else if (message.isCut)
         m_orders.refuse(QStringLiteral("a malformed command"),
-                        QStringLiteral("it is so long that its end is missing"));
+                        QStringLiteral("its payload has more than %1 bytes").arg(kLongestCommand));
     else if (isDevice && m_settings.takesOrders)
         handleDeviceCommand(message);
     else if (message.topic == topicOf(m_settings, "NCMD"))
@@ -180,7 +180,7 @@ void EdgeNode::handleDeviceCommand(const MqttMessage& message)
     const QByteArray id = message.topic.mid(topicOf(m_settings, "DCMD").size() + 1);
     const Device* device = m_session.model().device(id);
     if (device)
-        m_orders.take(m_session.model(), *device, message.payload);
+        m_orders.take(m_session.model(), *device, message.payload, message.waited);
     else
         m_orders.refuse(QStringLiteral("an unknown device"),
                         QStringLiteral("there is no device %1")

@@ -150,13 +150,15 @@ Duration OrderDesk::ageOf(const Payload& payload) const
     return isAhead ? Duration(0) : std::chrono::milliseconds(differenceMs);
 }
 
-void OrderDesk::take(const NodeModel& model, const Device& device, const QByteArray& payload)
+void OrderDesk::take(const NodeModel& model, const Device& device, const QByteArray& payload,
+                     Duration waited)
 {
     try {
         if (m_state.commands.size() >= kMostCommands)
             throw Refusal{"too many commands",
                           std::to_string(kMostCommands) + " commands wait already"};
-        const Command command = commandOf(model, device, payload);
+        Command command = commandOf(model, device, payload);
+        command.came = std::min(command.came, m_needs.clock().now() - waited);
         const int number = ++m_state.lastNumber;
         m_state.commands.insert(number, command);
         proceed(number);
@@ -174,11 +176,12 @@ void OrderDesk::proceed(int number)
     }
     const Duration age = m_needs.clock().now() - command.came;
     if (age > m_maximumAge) {
-        const std::size_t left = command.orders.size();
+        const std::size_t count = command.orders.size();
         m_state.commands.remove(number);
         refuse(QStringLiteral("a late command"),
-               QStringLiteral("the orders before took too long, so that %1 values are not written")
-                   .arg(left));
+               QStringLiteral("it, or the orders before, waited too long, so that %1 values are "
+                              "not written")
+                   .arg(count));
         return;
     }
     Order order = command.orders.front();

@@ -20,8 +20,9 @@ public:
     /// `needs` must outlive it.
     OrderDesk(PublisherNeeds& needs, int maximumAgeMs);
 
-    /// The payload of a command for this device.
-    void take(const NodeModel& model, const Device& device, const QByteArray& payload);
+    /// The payload of a command for this device, which came so long ago.
+    void take(const NodeModel& model, const Device& device, const QByteArray& payload,
+              Duration waited);
     /// A command that is refused for a reason that its payload does not tell.
     void refuse(const QString& kind, const QString& text);
     /// A peer of the broker decides what comes, so that only so many commands wait.

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <fstream>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -56,11 +57,12 @@ struct Account
 class GatewayBroker : public GatewayTest
 {
 protected:
-    std::string section(const std::string& prefix = "plant") const
+    std::string section(const std::string& prefix = "plant",
+                        const std::string& keys = std::string()) const
     {
         return R"("mqtt": {"broker": {"host": "127.0.0.1", "port": )" +
                std::to_string(broker.port()) + R"(, "spreadMs": 0}, "prefix": ")" + prefix +
-               R"(", "queue": {"file": "queue.sqlite"}}, )";
+               R"(", )" + keys + R"("queue": {"file": "queue.sqlite"}}, )";
     }
     void start(const QStringList& environment = QStringList())
     {
@@ -164,6 +166,47 @@ TEST_F(GatewayBroker, GoesOnWithItsQueueAfterAReloadThatChangedOrRemovedItsSecti
     };
     EXPECT_TRUE(receiver.waitFor(isOffline));
     EXPECT_TRUE(Account(receiver.messages()).isWithoutGaps());
+}
+
+TEST_F(GatewayBroker, RefusesAnOrderThatExpiredWhileAProcessStoodStill)
+{
+    setConfigurationKeys(section("plant", R"("orders": {}, )"));
+    addLine("press", R"({"name": "Setpoint", "type": "INT", "value": 7})",
+            R"({"name": "Setpoint", "tag": "Setpoint", "intervalMs": 50, "writable": true})");
+    ASSERT_NO_FATAL_FAILURE(startGateway());
+    MqttReceiver receiver(receiving());
+    receiver.messageOn("plant/press/1/Setpoint");
+    const int delivering = process();
+    ASSERT_GT(delivering, 0);
+    MqttReceiver::Message order;
+    order.topic = "plant/press/1/Setpoint/set";
+    order.payload = "8";
+    order.qos = 1;
+    order.expirySeconds = 60;
+    const auto outcome = [&] {
+        const std::size_t from = receiver.count();
+        receiver.publish(order);
+        return from;
+    };
+    const auto result = [&](std::size_t from) {
+        return parsed(receiver.messageOn("plant/press/1/Setpoint/result", from).payload);
+    };
+    EXPECT_EQ(result(outcome())["outcome"], "written");
+    order.expirySeconds = 1;
+    order.payload = "9";
+    for (const int stopped : {delivering, static_cast<int>(gatewayPid())}) {
+        ASSERT_EQ(::kill(stopped, SIGSTOP), 0);
+        const std::size_t from = outcome();
+        // By then the order has expired.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2200));
+        ASSERT_EQ(::kill(stopped, SIGCONT), 0);
+        EXPECT_EQ(result(from)["outcome"], "expired");
+    }
+    order.payload = "10";
+    order.expirySeconds = 60;
+    const Json last = result(outcome());
+    EXPECT_EQ(last["outcome"], "written");
+    EXPECT_EQ(last["old"], 8);
 }
 
 } // namespace

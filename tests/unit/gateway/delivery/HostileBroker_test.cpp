@@ -1,4 +1,5 @@
 // Brokers, and what pretends to be one, that say anything at any time.
+#include "IncomingPackets.h"
 #include "MqttConnection.h"
 
 #include "connection_owner.h"
@@ -475,6 +476,33 @@ TEST_F(HostileBroker, SendsAMessageOf256MegabytesAndTakesNoMemory)
     // A sanitizer keeps up to 256 MB that were freed.
     const long mostKilobytes = kHasSanitizer ? 512 * 1024 : 64 * 1024;
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, mostKilobytes);
+}
+
+TEST_F(HostileBroker, LeavesNothingButTopicAndCorrelationOfAMessageThatIsTooLong)
+{
+    beginAccepted();
+    const QByteArray correlation = hex("09") + text("me");
+    // Behind 4 of 65,525 bytes some of the payload is within the limit; behind 4 of 65,530 bytes
+    // the limit is within the properties.
+    for (const int size : {65525, 65530}) {
+        QByteArray properties = correlation;
+        for (int i = 0; i < 4; ++i)
+            properties += hex("26") + text("k") + text(QByteArray(size, 'v'));
+        const QByteArray wire =
+            packet(0x32, text("p/set") + hex("0001") + packet(0, properties).mid(1) + "5700");
+        ASSERT_GT(wire.size(), IncomingPackets::kLongestMessage);
+        owner.messages.clear();
+        peer.send(wire);
+        peer.send(packet(0x30, text("p/set") + '\0' + "58"));
+        ASSERT_TRUE(run([this] { return owner.messages.size() == 2 || !owner.reasons.isEmpty(); }));
+        ASSERT_TRUE(owner.reasons.isEmpty()) << qPrintable(owner.reasons[0]);
+        EXPECT_TRUE(owner.messages[0].isCut);
+        EXPECT_EQ(owner.messages[0].topic, "p/set");
+        EXPECT_EQ(owner.messages[0].correlation, "me");
+        EXPECT_EQ(owner.messages[0].payload, "");
+        EXPECT_FALSE(owner.messages[1].isCut);
+        EXPECT_EQ(owner.messages[1].payload, "58");
+    }
 }
 
 TEST_F(HostileBroker, SendsMoreThanTheEventLoopTakes)

@@ -337,6 +337,43 @@ TEST_F(OrdersTest, WaitNoLongerThanTheirExpiryOrTheirTimeAllows)
     EXPECT_EQ(lastResult()["outcome"], "expired");
 }
 
+TEST_F(OrdersTest, AreRefusedWhenTheEndOfTheMessageIsMissing)
+{
+    MqttMessage message = order("Level", "57");
+    message.isCut = true;
+    message.correlation = "me";
+    orders.handle(message);
+    EXPECT_TRUE(needs.orders.empty());
+    EXPECT_EQ(lastResult()["outcome"], "bad-request");
+    EXPECT_EQ(results.back().correlation, "me");
+    message.payload.clear();
+    message.isRetained = true;
+    orders.handle(message);
+    EXPECT_EQ(results.size(), 2U);
+    EXPECT_EQ(lastResult()["outcome"], "retained");
+    EXPECT_TRUE(needs.orders.empty());
+}
+
+TEST_F(OrdersTest, CountTheirAgeFromWhenTheyCame)
+{
+    MqttMessage message = order("Level", "2");
+    message.expirySeconds = 3;
+    message.waited = std::chrono::milliseconds(2000);
+    orders.handle(message);
+    ASSERT_EQ(needs.orders.size(), 1U);
+    EXPECT_EQ(needs.orders.back().withinMs, 1001);
+    message.waited = std::chrono::milliseconds(3001);
+    orders.handle(message);
+    EXPECT_EQ(needs.orders.size(), 1U);
+    EXPECT_EQ(lastResult()["outcome"], "expired");
+    message.expirySeconds.reset();
+    message.waited = std::chrono::milliseconds(kMaximumAgeMs + 1);
+    orders.handle(message);
+    EXPECT_EQ(needs.orders.size(), 1U);
+    EXPECT_EQ(results.size(), 2U);
+    EXPECT_EQ(lastResult()["text"], "it waited too long until the gateway could read it");
+}
+
 TEST_F(OrdersTest, TellTheServiceHowLongTheyMayWaitThere)
 {
     give("Level", R"({"value": 3, "time": "2026-11-22T13:09:55.125Z"})");

@@ -1295,17 +1295,26 @@ TEST_F(EdgeNodeTest, LetsTheServiceWriteNothingThatIsOlderThanAllowed)
     EXPECT_EQ(m_needs->withinMs, (std::vector<int>{6001, 4001}));
 }
 
-TEST_F(EdgeNodeTest, RefusesACommandWhoseEndIsMissing)
+TEST_F(EdgeNodeTest, RefusesACommandThatWaitedTooLongOrWhoseEndIsMissing)
 {
     goOnline();
     MqttMessage message;
     message.topic = QByteArray::fromStdString(kDcmd);
     message.payload = QByteArray::fromStdString(SparkplugWitness::instance().encode(
         {{"metrics", {{{"name", "Level"}, {"int_value", 5}}}}}));
+    message.waited = std::chrono::milliseconds(10001);
+    m_edge->handleMessage(message);
+    EXPECT_EQ(m_needs->warnings["a late command"], 1);
+    message.waited = Duration(0);
     message.isCut = true;
     m_edge->handleMessage(message);
-    EXPECT_TRUE(m_needs->orders.empty());
     EXPECT_EQ(m_needs->warnings["a malformed command"], 1);
+    EXPECT_TRUE(m_needs->orders.empty());
+    message.isCut = false;
+    message.waited = std::chrono::milliseconds(4000);
+    m_edge->handleMessage(message);
+    ASSERT_EQ(m_needs->orders.size(), 1U);
+    EXPECT_EQ(m_needs->withinMs.at(0), 6001);
 }
 
 TEST_F(EdgeNodeTest, RefusesAnOrderForAVariableWhoseTypeIsNotKnown)
