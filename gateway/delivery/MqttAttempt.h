@@ -83,7 +83,7 @@ public:
 
     /// Breaks the connection off.
     void end(const QString& reason);
-    /// Lets it end in order once all messages are acknowledged.
+    /// Lets it end in order once all messages are acknowledged and all pings answered.
     void finish();
     /// True when the thread has done its work.
     bool waitForEnd(Duration limit);

@@ -230,6 +230,8 @@ void MqttConnection::Private::stop(Duration limit)
         for (const MqttEvent& event : last->takeEvents()) {
             if (event.kind == MqttEvent::Kind::Acknowledged)
                 owner.handleAcknowledged(event.number);
+            else if (event.kind == MqttEvent::Kind::Pong)
+                owner.handlePong(event.number);
         }
     }
     attempt.reset();

@@ -58,7 +58,8 @@ public:
     void reconnect(const QString& reason);
     /// Sends what waits, waits for the acknowledgements and disconnects in order: the broker does
     /// not publish the Will. What takes longer than `limit` is broken off, and the broker publishes
-    /// the Will. The owner is told of the acknowledgements, and of nothing more afterwards.
+    /// the Will. The owner is told of the acknowledgements and of answers to pings, and of nothing
+    /// more afterwards.
     void stop(Duration limit) override;
     /// Does what is due. Call it several times a second.
     void tick() override;

@@ -203,10 +203,8 @@ void EdgeNode::tick()
 
 void EdgeNode::die()
 {
-    if (m_session.isOpen())
-        m_session.flush();
+    m_session.leave();
     m_writer.publishDeath(m_bdSeq);
-    m_session.end();
     m_birthDue.reset();
     m_isConnected = false;
 }

@@ -24,7 +24,8 @@ public:
     void handleMessage(const MqttMessage& message);
     void handlePong(int number) { m_session.handlePong(number); }
     void tick();
-    /// Tells what was gathered, and the node's death.
+    /// Tells what was gathered, and the node's death. What the broker answers until
+    /// handleDisconnected() is not told again.
     void stop();
 
     host::Json status() const;

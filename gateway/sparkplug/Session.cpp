@@ -199,10 +199,23 @@ bool Session::flush(Device& device)
     return true;
 }
 
-void Session::flush()
+void Session::ask()
 {
-    for (const auto& device : m_model.devices())
-        flush(*device);
+    if (m_sent.isEmpty())
+        return;
+    m_pinged.insert(++m_pings, m_sent);
+    m_sent.clear();
+    m_writer.link().ping(m_pings);
+}
+
+void Session::leave()
+{
+    for (const auto& device : m_model.devices()) {
+        if (isOpen())
+            flush(*device);
+    }
+    ask();
+    m_stage = Stage::Ended;
 }
 
 void Session::setState(const DeliveryEvent& event)
@@ -361,11 +374,8 @@ void Session::tick()
         return;
     for (const auto& device : m_model.devices())
         tend(*device);
-    if (!m_sent.isEmpty() && m_pinged.size() < kMostPings) {
-        m_pinged.insert(++m_pings, m_sent);
-        m_sent.clear();
-        m_writer.link().ping(m_pings);
-    }
+    if (m_pinged.size() < kMostPings)
+        ask();
 }
 
 void Session::tend(Device& device)

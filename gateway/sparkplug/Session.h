@@ -31,7 +31,10 @@ public:
     bool isBegun() const { return m_stage != Stage::Ended; }
     bool hasToldNode() const { return m_stage == Stage::Devices || m_stage == Stage::Open; }
     bool isOpen() const { return m_stage == Stage::Open; }
-    /// The connection is gone, or is to go: what the broker did not acknowledge is told again.
+    /// Tells what was gathered, asks whether the broker has it, and nothing more. The answer can
+    /// come until end().
+    void leave();
+    /// The connection is gone: what the broker did not acknowledge is told again.
     void end();
 
     /// The state of a station or a line.
@@ -40,8 +43,6 @@ public:
     /// What is due: births, deaths, values that were gathered, the question whether the broker has
     /// them.
     void tick();
-    /// Tells what was gathered, without asking.
-    void flush();
     void handlePong(int number);
 
     host::Json status() const;
@@ -57,6 +58,7 @@ private:
     bool bear(Device& device);
     bool kill(Device& device);
     bool flush(Device& device);
+    void ask();
     void setConnected(Device& device, bool isConnected);
     void tend(Device& device);
     bool sendEvent(const QueuedMessage& message, Delivery delivery);

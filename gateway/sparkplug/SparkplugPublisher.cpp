@@ -61,6 +61,7 @@ public:
     {
         m_node.stop();
         m_connection.stop(limit);
+        m_node.handleDisconnected();
     }
     Json status() const
     {

@@ -167,8 +167,10 @@ TEST_P(MqttConnectionOfEachVersion, SaysGoodbyeSoThatTheBrokerKeepsTheWill)
     connect(addressOf(proxy.port(), GetParam()));
     for (int i = 0; i < 300; ++i)
         connection->publish(message("data", QByteArray::number(i)));
+    connection->ping(7);
     connection->stop(std::chrono::seconds(20));
     EXPECT_EQ(owner.acknowledged.size(), 300);
+    EXPECT_EQ(owner.pongs, QVector<int>{7});
     EXPECT_EQ(connection->status()["state"], "stopped");
     ASSERT_TRUE(proxy.waitFor([this] { return proxy.openConnections() == 0; }));
     receiver.publish("last", "");

@@ -936,6 +936,29 @@ TEST_F(EdgeNodeTest, TellsAgainAsHistoricalWhatNoPingFollowed)
     EXPECT_EQ(waiting(), 0);
 }
 
+TEST_F(EdgeNodeTest, TellsNothingAgainThatTheBrokerConfirmedWhileTheNodeLeft)
+{
+    goOnline();
+    m_answersPings = false;
+    feed("Level", "INT", "0100");
+    pass();
+    feed("Level", "INT", "0200");
+    pass(std::chrono::milliseconds(50));
+    m_needs->flow().tick();
+    m_edge->stop();
+    EXPECT_EQ(m_link.seen.back().topic, kNdeath);
+    ASSERT_FALSE(m_link.pings.empty());
+    m_edge->handlePong(m_link.pings.back());
+    disconnect();
+    m_needs->flow().tick();
+    EXPECT_EQ(waiting(), 0);
+    pop();
+    connect();
+    m_answersPings = true;
+    pass(std::chrono::seconds(1));
+    EXPECT_EQ(popText(), "NBIRTH 0, DBIRTH press-1 1");
+}
+
 TEST_F(EdgeNodeTest, TellsInItsBirthsWhatTheServiceRemembers)
 {
     start();
