@@ -18,6 +18,8 @@ const qint64 kEnoughWaiting = qint64(256) * 1024;
 const int kEnoughBytes = 64 * 1024;
 // Types come to be known one after the other.
 const std::chrono::seconds kCatalogueInterval(1);
+// The journal has all of them.
+const int kMostUnansweredTold = 100;
 // What a message needs besides its text.
 const int kOverhead = 64;
 
@@ -58,7 +60,8 @@ BrokerFeed::BrokerFeed(Owner& owner, const QString& kind, const Json& settings, 
                        const SupervisionSettings& supervision)
     : m_owner(owner), m_kind(kind), m_settings(settings), m_clock(clock),
       m_supervision(supervision), m_run(newRun()), m_supervisor(*this, clock, supervision),
-      m_status(Json::object()), m_whyDown(QStringLiteral("its process is not started yet"))
+      m_status(Json::object()), m_whyDown(QStringLiteral("its process is not started yet")),
+      m_self(std::make_shared<bool>(true))
 {
     m_pumps.setSingleShot(true);
     QObject::connect(&m_pumps, &QTimer::timeout, &m_pumps, [this] { pump(); });
@@ -90,7 +93,9 @@ void BrokerFeed::change(const Json& settings)
 
 void BrokerFeed::tick()
 {
-    m_supervisor.tick(!m_isStopping);
+    if (mayStartOnceMore())
+        m_supervisor.hurry();
+    m_supervisor.tick(!m_isStopping || mayStartOnceMore());
     pump();
     if (m_isStopping && !isGone() && m_killed < 0 && m_clock.now() >= m_killAt) {
         m_killed = m_supervisor.retire();
@@ -101,6 +106,7 @@ void BrokerFeed::tick()
     }
     if (m_killed > 0 && endOf(m_killed))
         m_killed = 0;
+    tellNotKept();
     if (m_supervisor.isSteady())
         m_lastEnd.reset();
 }
@@ -108,8 +114,28 @@ void BrokerFeed::tick()
 void BrokerFeed::stop()
 {
     m_isStopping = m_isLeaving = true;
+    m_startsBeforeStop = m_supervisor.starts();
     m_killAt = m_clock.now() + m_supervision.timeToEnd;
     pump();
+}
+
+// Otherwise what is held would be lost, since nothing but the process has it on disk.
+bool BrokerFeed::mayStartOnceMore() const
+{
+    return m_isStopping && isGone() && !m_held.empty() &&
+           m_supervisor.starts() == m_startsBeforeStop && m_clock.now() < m_killAt;
+}
+
+void BrokerFeed::tellNotKept()
+{
+    if (!m_isStopping || m_held.empty() || !isGone() || mayStartOnceMore() ||
+        std::exchange(m_toldNotKept, true))
+        return;
+    m_leftOut += static_cast<qint64>(m_held.size());
+    report(QStringLiteral("delivery lost values"),
+           QStringLiteral("its process did not take what was held for it before the end; "
+                          "messages lost: %1")
+               .arg(m_held.size()));
 }
 
 bool BrokerFeed::isGone() const
@@ -119,7 +145,7 @@ bool BrokerFeed::isGone() const
 
 bool BrokerFeed::hasEnded() const
 {
-    return isGone() && m_killed <= 0;
+    return isGone() && m_killed <= 0 && (!m_isStopping || m_held.empty() || m_toldNotKept);
 }
 
 const BrokerFeed::Entry& BrokerFeed::entry(qint64 number) const
@@ -242,17 +268,38 @@ void BrokerFeed::takeKept(qint64 number)
     pump();
 }
 
-// The answer can come when the process, or this feed, is gone.
+// The reply can come when the process, or this feed, is gone.
 void BrokerFeed::takeOrder(const Json& message)
 {
     if (textIn(message, "request") != QLatin1String("write"))
         throw UserError("request: is unknown");
     const qint64 id = numberIn(message, "id", INT64_MAX);
     m_owner.order(*this, message,
-                  [this, id, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
+                  [this, id, message, alive = std::weak_ptr<bool>(m_alive),
+                   self = std::weak_ptr<bool>(m_self)](const Json& reply) {
                       if (!alive.expired())
                           m_supervisor.send(host::lineOf({{"id", id}, {"reply", reply}}));
+                      else if (!self.expired())
+                          noteUnanswered(message, reply);
                   });
+}
+
+// Who gave the order hears nothing more of it.
+void BrokerFeed::noteUnanswered(const Json& order, const Json& reply)
+{
+    if (++m_unanswered > kMostUnansweredTold)
+        return;
+    const auto error = reply.find("error");
+    const Json outcome = error == reply.end() || !error->is_object()
+                             ? reply.value("outcome", Json())
+                             : error->value("code", Json());
+    report(
+        QStringLiteral("delivery problem"),
+        QStringLiteral("the order for %1/%2 has its result (%3) after the process that had asked "
+                       "for it ended: the result is not published")
+            .arg(textIn(order, "line"), textIn(order, "name"),
+                 outcome.is_string() ? QString::fromStdString(outcome.get<std::string>())
+                                     : QStringLiteral("unknown")));
 }
 
 void BrokerFeed::takeLog(const Json& message)
@@ -273,7 +320,8 @@ void BrokerFeed::handleEnd(const QString& how, Duration pause)
     m_alive.reset();
     m_next = m_first;
     const bool wasAsked = m_toldToLeave;
-    m_isLeaving = m_toldToLeave = false;
+    m_isLeaving = m_isStopping;
+    m_toldToLeave = false;
     m_status.erase("memoryKb");
     m_whyDown = QStringLiteral("its process ended (%1); it is started again in %2 s")
                     .arg(how, secondsText(pause));

@@ -47,7 +47,8 @@ public:
     /// Other settings: the process ends in order, and the next one gets what was not kept.
     void change(const Json& settings);
     void tick();
-    /// Ends the process in order, once it has all that was added.
+    /// Ends the process in order, once it has all that was added. One that is down is started once
+    /// more when something is held for it.
     void stop();
     bool hasEnded() const;
     Json status() const;
@@ -94,6 +95,9 @@ private:
     QByteArray valuesFrom(qint64& number) const;
     const Entry& entry(qint64 number) const;
     qint64 last() const { return m_first + static_cast<qint64>(m_held.size()) - 1; }
+    bool mayStartOnceMore() const;
+    void tellNotKept();
+    void noteUnanswered(const Json& order, const Json& reply);
     void report(const QString& state, const QString& text);
 
     Owner& m_owner;
@@ -119,6 +123,8 @@ private:
     bool m_isLeaving = false; ///< the process was told to stop, or is to be told
     bool m_toldToLeave = false;
     bool m_isStopping = false;
+    int m_startsBeforeStop = 0;
+    bool m_toldNotKept = false;
     Duration m_killAt{0};
     int m_killed = -1;
     QTimer m_pumps;
@@ -127,6 +133,8 @@ private:
     QString m_whyDown;
     std::optional<QString> m_lastEnd; ///< how the last process ended that did not work for long
     std::shared_ptr<bool> m_alive;    ///< of the process that runs
+    std::shared_ptr<bool> m_self;     ///< of this object
+    int m_unanswered = 0;             ///< replies that came for processes that had ended
 };
 
 } // namespace micro850::gateway

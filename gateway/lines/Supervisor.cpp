@@ -55,6 +55,11 @@ void Supervisor::tick(bool mayStart)
         m_pause.reset();
 }
 
+void Supervisor::hurry()
+{
+    m_startAt = m_clock.now();
+}
+
 void Supervisor::start()
 {
     const Duration now = m_clock.now();

@@ -56,6 +56,8 @@ public:
     /// Does what is due: a start if `mayStart`, the end of a worker that hangs. Call it several
     /// times a second.
     void tick(bool mayStart);
+    /// The next worker is started without a pause.
+    void hurry();
     /// False when no worker runs.
     bool send(const QByteArray& line);
     /// Bytes that the worker has not taken yet.

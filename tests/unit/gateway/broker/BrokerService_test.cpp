@@ -458,6 +458,9 @@ TEST_F(BrokerServiceTest, GivesNoReplyOfAnOrderToTheNextProcess)
     for (const Json& message : got(1))
         EXPECT_FALSE(message.contains("reply")) << message.dump();
     EXPECT_EQ(lines.journal.size(), 1);
+    EXPECT_EQ(
+        alarms.filter(QStringLiteral("order for press/Level has its result (written)")).size(), 1)
+        << alarms.join('\n').toStdString();
 }
 
 TEST_F(BrokerServiceTest, PublishesAllVariablesAgainAndAgainWithAnInterval)
@@ -573,11 +576,71 @@ TEST_F(BrokerServiceTest, StopsAProcessOnceItHasEverything)
     const std::vector<Json> messages = got();
     EXPECT_EQ(fedIn(messages), std::vector<std::string>{"1:Speed=1"});
     EXPECT_EQ(messages.back(), Json({{"request", "stop"}}));
+    process().kept(1);
     processes[0].reset();
     settle();
     EXPECT_TRUE(service->haveEnded());
     pass(60s);
     EXPECT_EQ(processes.size(), 1U);
+    EXPECT_EQ(alarms.filter(QStringLiteral("lost")), QStringList());
+}
+
+TEST_F(BrokerServiceTest, StartsAProcessThatIsDownOnceMoreAtTheEndSoThatItTakesWhatIsHeld)
+{
+    start();
+    opened();
+    processes[0].reset(); // it is killed, and the pause before the next one begins
+    settle();
+    setSpeed(1);
+    setSpeed(2);
+    service->stop();
+    EXPECT_FALSE(service->haveEnded());
+    pass(100ms);
+    ASSERT_EQ(processes.size(), 2U);
+    const std::vector<Json> messages = opened(1);
+    EXPECT_EQ(fedIn(messages), (std::vector<std::string>{"1:Speed=1", "2:Speed=2"}));
+    EXPECT_EQ(messages.back(), Json({{"request", "stop"}}));
+    process(1).kept(2);
+    processes[1].reset();
+    settle();
+    EXPECT_TRUE(service->haveEnded());
+    EXPECT_EQ(alarms.filter(QStringLiteral("lost")), QStringList());
+}
+
+TEST_F(BrokerServiceTest, TellsHowMuchIsLostAtTheEndWhenTheProcessDoesNotWork)
+{
+    start();
+    opened();
+    processes[0].reset();
+    settle();
+    setSpeed(1);
+    setSpeed(2);
+    service->stop();
+    pass(100ms);
+    ASSERT_EQ(processes.size(), 2U);
+    processes[1].reset();
+    settle();
+    pass(100ms);
+    EXPECT_TRUE(service->haveEnded());
+    pass(10s);
+    EXPECT_EQ(processes.size(), 2U);
+    EXPECT_EQ(alarms.filter(QStringLiteral("messages lost: 2")).size(), 1)
+        << alarms.join('\n').toStdString();
+}
+
+TEST_F(BrokerServiceTest, TellsHowMuchIsLostAtTheEndWhenTheProcessHangs)
+{
+    start();
+    setSpeed(1);
+    service->stop();
+    pass(4900ms);
+    EXPECT_FALSE(service->haveEnded());
+    pass(200ms);
+    pass(100ms);
+    EXPECT_TRUE(service->haveEnded());
+    EXPECT_EQ(processes.size(), 1U);
+    EXPECT_EQ(alarms.filter(QStringLiteral("messages lost: 1")).size(), 1)
+        << alarms.join('\n').toStdString();
 }
 
 TEST_F(BrokerServiceTest, DoesNotWaitForeverForAProcessToEnd)
