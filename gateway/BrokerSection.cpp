@@ -187,13 +187,7 @@ void Section::readQueue(const JsonNode& node, DeliveryQueueSettings& queue)
     m_mistakes.runs([&] {
         node.expectKeys({"file", "keepMegabytes", "keepHours", "historyPerSecond"});
     });
-    m_mistakes.runs([&] {
-        const JsonNode file = node.at("file");
-        queue.file = pathOf(file, m_folder);
-        const QFileInfo info(queue.file);
-        if (info.exists() && !info.isFile())
-            file.fail(queue.file.toStdString() + " is not a file (choose another path)");
-    });
+    m_mistakes.runs([&] { queue.file = databasePathOf(node.at("file"), m_folder); });
     readNumber(node, "keepMegabytes", 1, 1000000, queue.keepMegabytes);
     readNumber(node, "keepHours", 1, 876000, queue.keepHours);
     readNumber(node, "historyPerSecond", 1, 100000, queue.historyPerSecond);

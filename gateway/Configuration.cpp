@@ -199,13 +199,7 @@ void readHistory(const JsonNode& node, const QString& folder, HistorySettings& h
                  Mistakes& mistakes)
 {
     mistakes.runs([&] { node.expectKeys({"file", "keepDays", "keepMegabytes"}); });
-    mistakes.runs([&] {
-        const JsonNode file = node.at("file");
-        history.file = pathOf(file, folder);
-        const QFileInfo info(history.file);
-        if (info.exists() && !info.isFile())
-            file.fail(history.file.toStdString() + " is not a file (choose another path)");
-    });
+    mistakes.runs([&] { history.file = databasePathOf(node.at("file"), folder); });
     mistakes.runs([&] {
         history.keepDays = static_cast<int>(node.integer("keepDays", 1, 36500, history.keepDays));
     });

@@ -37,6 +37,9 @@ private:
 
 /// A path, absolute; one that is relative begins at `folder`. Throws UserError.
 QString pathOf(const JsonNode& node, const QString& folder);
+/// The path of a database that the gateway writes. Throws UserError for what is there and is not
+/// one, because a database that is damaged is renamed: nobody else's file may be.
+QString databasePathOf(const JsonNode& node, const QString& folder);
 
 } // namespace micro850::gateway
 

@@ -195,7 +195,7 @@ TEST_F(ConfigurationTest, RefusesABrokerThatCannotBe)
     EXPECT_EQ(of(good, queue + R"(, "intervalMs": 99)"),
               QStringList("mqtt.intervalMs: 99 is not allowed (0, or 100 to 86400000)"));
     EXPECT_EQ(of(good, R"("queue": {"file": "press.json"})"),
-              QStringList("mqtt.queue.file: FOLDER/press.json is a file that the gateway reads "
+              QStringList("mqtt.queue.file: FOLDER/press.json is there and is no database "
                           "(choose another path)"));
     EXPECT_EQ(of(good + R"(, "credentials": "m.sqlite")", queue),
               QStringList("mqtt.queue.file: FOLDER/m.sqlite is a file that the gateway reads "
@@ -418,10 +418,29 @@ TEST_F(ConfigurationTest, RefusesAHistoryThatIsNoFileOfItsOwn)
     for (const char* file : {"gateway.json", "press.json"})
         EXPECT_EQ(
             mistakesOf(R"("history": {"file": ")" + std::string(file) + "\"}"),
-            QStringList(
-                QStringLiteral("history.file: FOLDER/%1 is a file that the gateway reads (choose "
-                               "another path)")
-                    .arg(file)));
+            QStringList(QStringLiteral(
+                            "history.file: FOLDER/%1 is there and is no database (choose another "
+                            "path)")
+                            .arg(file)));
+}
+
+TEST_F(ConfigurationTest, RefusesSomebodysFileAsADatabaseThatItWouldRename)
+{
+    write("plan.txt", "half past nine: coffee");
+    const std::string text = "FOLDER/plan.txt is there and is no database (choose another path)";
+    EXPECT_EQ(mistakesOf(R"("history": {"file": "plan.txt"})"),
+              QStringList(QString::fromStdString("history.file: " + text)));
+    EXPECT_EQ(mistakesOf(R"("mqtt": {"broker": {"host": "x"}, "prefix": "p",
+                                     "queue": {"file": "plan.txt"}})"),
+              QStringList(QString::fromStdString("mqtt.queue.file: " + text)));
+
+    write("empty.sqlite", "");
+    EXPECT_EQ(mistakesOf(R"("history": {"file": "empty.sqlite"})"), QStringList());
+    write("real.sqlite", std::string("SQLite format 3", 16) + "...");
+    EXPECT_EQ(mistakesOf(R"("history": {"file": "real.sqlite"})"), QStringList());
+    // It was used by a gateway, and is damaged now.
+    write("plan.txt.lock", "");
+    EXPECT_EQ(mistakesOf(R"("history": {"file": "plan.txt"})"), QStringList());
 }
 
 // PREFIX/status would be the gateway's and Home Assistant's.
