@@ -111,6 +111,7 @@ private:
     FeedList m_feeds;
     FeedList m_leaving; ///< of sections that are gone, until their processes have ended
     QHash<Name, const CipType*> m_types;                  ///< as the catalogue has them
+    QHash<Name, int> m_stations;                          ///< likewise
     std::map<QString, std::map<int, LineEvent>> m_states; ///< by line and station
     QTimer m_ticks;
     Duration m_nextStatus{0};
@@ -295,6 +296,7 @@ void BrokerService::Private::handleReload()
 {
     QSet<QString> lines;
     m_types.clear();
+    m_stations.clear();
     catalogue();
     for (int line = 0; line < m_lines.size(); ++line)
         lines.insert(m_lines.line(line).name);
@@ -320,6 +322,7 @@ Json BrokerService::Private::catalogue()
                 catalogueVariableOf(settings.project.variables.at(i), m_lines.latest(line, i)));
             const CatalogueVariable& entry = catalogue.variables.last();
             m_types[{entry.line, entry.name}] = entry.type;
+            m_stations[{entry.line, entry.name}] = entry.station;
         }
     }
     return gateway::jsonOf(catalogue);
@@ -365,6 +368,11 @@ void BrokerService::Private::order(const BrokerFeed& feed, const Json& order,
                                 : "orders are not taken (the configuration allows none)");
     if (request.name.isEmpty())
         return refuse(host::errorcode::kUnknownName, "the order names no variable");
+    // Who gave it may not know yet that the variable is at another station now.
+    const auto station = m_stations.constFind({request.line, request.name});
+    if (station != m_stations.constEnd() && *station != message.integer("station", 0, 65535, 1))
+        return refuse(host::errorcode::kUnknownName,
+                      "the variable is at station " + std::to_string(*station) + " now");
     const bool hasDeadline = message.has("deadline");
     const qint64 left =
         message.integer("deadline", 0, std::numeric_limits<std::int64_t>::max(), 0) -

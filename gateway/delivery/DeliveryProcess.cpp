@@ -339,6 +339,7 @@ void Process::write(const Order& order, const std::function<void(const Json& rep
                     {"id", id},
                     {"line", order.line.toStdString()},
                     {"name", order.name.toStdString()},
+                    {"station", order.station},
                     {"element", order.element},
                     {"value", order.value}};
     if (order.withinMs > 0)

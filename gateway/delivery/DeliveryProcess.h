@@ -37,7 +37,8 @@ using MakePublisher = std::function<std::unique_ptr<Publisher>(
 ///   {"event":"status","status":{...}}   once a second
 ///   {"event":"log","priority":"note"|"warning","text":...}
 ///   {"event":"failed","text":...}   why it ends
-///   {"request":"write","id":K,"line":...,"name":...,"element":...,"value":...}   an order
+///   {"request":"write","id":K,"line":...,"name":...,"station":...,"element":...,"value":...}
+///       an order
 int runDelivery(int descriptor, const MakePublisher& makePublisher);
 
 } // namespace micro850::gateway

@@ -96,6 +96,7 @@ private:
         QByteArray topic;
         bool isClear = false;
         std::optional<qint64> id; ///< of a message of the flow
+        std::optional<MqttMessage> result;
     };
 
     void replaceVariables(const Catalogue& catalogue);
@@ -115,7 +116,11 @@ private:
                  std::optional<qint64> id = std::nullopt);
     void clear(const QByteArray& topic);
     void addDiscoveryTopics(const Variable& variable, QSet<QByteArray>& used) const;
+    void addResult(const MqttMessage& result);
     void sendResults();
+    bool sendResult();
+    void takeResultsBack();
+    void loseResult();
     void publishStatistics(const Json& lines);
     MqttMessage statistic(const QString& line, int station, Json content);
     void dropMissingStations(const QString& line, const Json& stations);
@@ -155,6 +160,7 @@ private:
     qint64 m_since;
     qint64 m_refused = 0;
     qint64 m_tooLong = 0;
+    qint64 m_lostResults = 0;
     bool m_isStarted = false;
     std::mt19937 m_random{std::random_device{}()};
     Orders m_orders;
@@ -173,12 +179,7 @@ JsonPublisher::Private::Private(const MqttSettings& settings, PublisherNeeds& ne
               const auto found = m_byTopic.constFind(topic);
               return found == m_byTopic.constEnd() ? nullptr : &m_variables.at(*found).declared;
           },
-          [this](const MqttMessage& result) {
-              if (m_results.size() >= kMostResults)
-                  m_results.pop_front();
-              m_results.push_back(result);
-              sendResults();
-          }),
+          [this](const MqttMessage& result) { addResult(result); }),
       m_link(makeLink ? makeLink(*this)
                       : std::make_unique<MqttConnection>(*this, m_settings.broker, needs.clock()))
 {
@@ -541,7 +542,7 @@ bool JsonPublisher::Private::publish(const MqttMessage& message, bool isClear,
     const int token = m_link->publish(message);
     if (token <= 0)
         return false;
-    m_sent.insert(token, {message.topic, isClear, id});
+    m_sent.insert(token, {message.topic, isClear, id, std::nullopt});
     return true;
 }
 
@@ -557,11 +558,58 @@ bool JsonPublisher::Private::isTooLong(const QByteArray& topic)
     return true;
 }
 
+void JsonPublisher::Private::addResult(const MqttMessage& result)
+{
+    if (m_results.size() >= kMostResults) {
+        m_results.pop_front();
+        loseResult();
+    }
+    m_results.push_back(result);
+    sendResults();
+}
+
+void JsonPublisher::Private::loseResult()
+{
+    ++m_lostResults;
+    m_needs.warn(QStringLiteral("order: result"),
+                 QStringLiteral("results of orders are lost: the broker did not take them"));
+}
+
 void JsonPublisher::Private::sendResults()
 {
-    while (m_link->isConnected() && !m_results.empty() && !m_link->isFull() &&
-           publish(m_results.front()))
-        m_results.pop_front();
+    while (m_link->isConnected() && !m_link->isFull() && sendResult())
+        ;
+}
+
+// False when there is none, or when the connection takes no more.
+bool JsonPublisher::Private::sendResult()
+{
+    if (m_results.empty())
+        return false;
+    const int token = m_link->publish(m_results.front());
+    if (token <= 0)
+        return false;
+    Sent sent;
+    sent.topic = m_results.front().topic;
+    sent.result = m_results.front();
+    m_sent.insert(token, sent);
+    m_results.pop_front();
+    return true;
+}
+
+// Those that the broker did not acknowledge are sent once more with the next connection.
+void JsonPublisher::Private::takeResultsBack()
+{
+    std::map<int, MqttMessage> results; // tokens grow
+    for (auto sent = m_sent.constBegin(); sent != m_sent.constEnd(); ++sent) {
+        if (sent->result)
+            results.emplace(sent.key(), *sent->result);
+    }
+    m_sent.clear();
+    for (auto result = results.rbegin(); result != results.rend(); ++result)
+        m_results.push_front(result->second);
+    for (; m_results.size() > kMostResults; m_results.pop_front())
+        loseResult();
 }
 
 bool JsonPublisher::Private::send(const QueuedMessage& message, Delivery delivery)
@@ -643,7 +691,7 @@ MqttMessage JsonPublisher::Private::will()
 
 void JsonPublisher::Private::handleConnected()
 {
-    m_sent.clear();
+    takeResultsBack();
     m_stage = Stage::Waiting;
     m_announceAt = m_needs.clock().now() + randomPause();
     m_birthAt.reset();
@@ -657,7 +705,7 @@ void JsonPublisher::Private::handleDisconnected(const QString&)
 {
     if (std::exchange(m_stage, Stage::Away) == Stage::Flowing)
         m_needs.flow().end();
-    m_sent.clear();
+    takeResultsBack();
     m_jobs.clear();
     m_clearing.clear();
 }
@@ -703,15 +751,19 @@ void JsonPublisher::Private::handleMessage(const MqttMessage& message)
         m_orders.handle(message);
 }
 
-// The status that others see first says that the rest is of the past.
+// Who gave an order gets its result before the status that says that the rest is of the past. A
+// connection that does not take the status ends without a farewell: the broker tells it instead.
 void JsonPublisher::Private::stop(Duration limit)
 {
     keepTopics();
-    if (m_link->isConnected()) {
-        MqttMessage message = will();
-        m_link->publish(message);
-    }
-    m_link->stop(limit);
+    m_orders.end();
+    while (sendResult())
+        ;
+    if (!m_link->isConnected() || m_link->publish(will()) > 0)
+        m_link->stop(limit);
+    takeResultsBack();
+    for (; !m_results.empty(); m_results.pop_front())
+        loseResult();
 }
 
 Json JsonPublisher::Private::status() const
@@ -719,6 +771,8 @@ Json JsonPublisher::Private::status() const
     Json object = {{"connection", m_link->status()}, {"refusedByBroker", m_refused}};
     if (m_tooLong > 0)
         object["topicsTooLong"] = m_tooLong;
+    if (m_lostResults > 0)
+        object["resultsLost"] = m_lostResults;
     if (m_settings.takesOrders)
         object["orders"] = m_orders.status();
     return object;

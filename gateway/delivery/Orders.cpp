@@ -21,6 +21,7 @@ namespace errorcode = host::errorcode;
 const char kExpired[] = "expired";
 const char kWaitedTooLong[] = "it waited too long for the line";
 const char kReadTooLate[] = "it waited too long until the gateway could read it";
+const char kEnds[] = "the gateway ends or its settings change: send the order again";
 const char kRetained[] = "retained";
 const int kLongestId = 128;
 const int kMostSenders = 16;
@@ -97,9 +98,23 @@ OrderContent contentOf(const JsonNode& object, Json& id)
     object.expectKeys({"value", "element", "id", "time"});
     content.value = host::jsonOf(object.at("value"));
     const int kLargest = 65535;
-    content.element = static_cast<int>(object.integer("element", 0, kLargest, 0));
+    if (object.has("element"))
+        content.element = static_cast<int>(object.at("element").integer(0, kLargest));
     content.time = timeIn(object);
     return content;
+}
+
+// Which element is meant must be said: nobody writes the first of many by mistake.
+int elementOf(const OrderContent& content, const CatalogueVariable& variable)
+{
+    if (!content.element && variable.length > 1) {
+        const QByteArray last = QByteArray::number(variable.length - 1);
+        throw UserError("the variable has " + std::to_string(variable.length) +
+                        " elements and an order writes one: write {\"value\": ..., \"element\": "
+                        "0}, with an element from 0 to " +
+                        last.toStdString());
+    }
+    return content.element.value_or(0);
 }
 
 std::string secondsText(qint64 milliseconds)
@@ -212,7 +227,7 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
         throw UserError(*mistake);
     if (!variable)
         throw Refusal(errorcode::kUnknownName, "no variable has this topic");
-    sender.element = content.element;
+    sender.element = elementOf(content, *variable);
     if (message.expirySeconds && *message.expirySeconds == 0)
         throw Refusal(kExpired, "the expiry of the message is over");
     requireFresh(content);
@@ -229,10 +244,11 @@ void Orders::accept(const MqttMessage& message, const QByteArray& topic, Sender&
         throw Refusal(errorcode::kBusy, std::to_string(m_waiting.size()) + " orders wait already");
     if (!identity.isEmpty())
         remember(identity);
-    m_waiting.push_back({sender,
-                         {variable->line, variable->name, content.element, content.value},
-                         identity,
-                         deadline});
+    m_waiting.push_back(
+        {sender,
+         {variable->line, variable->name, sender.element, content.value, 0, variable->station},
+         identity,
+         deadline});
     tick();
 }
 
@@ -312,19 +328,39 @@ void Orders::tick()
 
 void Orders::pass(const Waiting& waiting)
 {
-    const QString line = waiting.order.line;
-    ++m_underWay[line];
+    const int number = ++m_lastPassed;
+    m_passed.insert(number, waiting);
+    ++m_underWay[waiting.order.line];
     Order order = waiting.order;
     order.withinMs =
         static_cast<int>(1 + wholeMilliseconds(waiting.deadline - m_needs.clock().now()));
-    m_needs.write(order,
-                  [this, waiting, line, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
-                      if (alive.expired())
-                          return;
-                      if (--m_underWay[line] <= 0)
-                          m_underWay.remove(line);
-                      finish(waiting.sender, waiting.identity, resultOf(reply));
-                  });
+    m_needs.write(order, [this, number, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
+        if (!alive.expired())
+            takeReply(number, reply);
+    });
+}
+
+void Orders::takeReply(int number, const Json& reply)
+{
+    const auto found = m_passed.find(number);
+    if (found == m_passed.end())
+        return;
+    const Waiting passed = *found;
+    m_passed.erase(found);
+    if (--m_underWay[passed.order.line] <= 0)
+        m_underWay.remove(passed.order.line);
+    finish(passed.sender, passed.identity, resultOf(reply));
+}
+
+void Orders::end()
+{
+    for (const Waiting& waiting : std::exchange(m_waiting, {}))
+        refuse(waiting.sender, waiting.identity, errorcode::kBusy, kEnds);
+    for (const Waiting& passed : std::exchange(m_passed, {}))
+        refuse(passed.sender, passed.identity, errorcode::kUnknownOutcome,
+               "the gateway ends or its settings change before the line answered: read the value, "
+               "or look into the journal of writes");
+    m_underWay.clear();
 }
 
 void Orders::refuse(const Sender& sender, const QByteArray& identity, const char* code,

@@ -17,7 +17,7 @@ namespace micro850::gateway {
 struct OrderContent
 {
     host::Json value;
-    int element = 0;
+    std::optional<int> element; ///< none: it is not told
     host::Json id;              ///< a number or a text; null: none
     std::optional<qint64> time; ///< when it was given, milliseconds since 1970 UTC
 
@@ -47,6 +47,8 @@ public:
     void handle(const MqttMessage& message);
     /// Refuses what waited too long and passes on what waits. Called several times a second.
     void tick();
+    /// The process ends: answers what waits, and what is under way, whose outcome nobody will tell.
+    void end();
     /// How many were received, and how they ended.
     host::Json status() const;
 
@@ -86,6 +88,7 @@ private:
     bool isRepetition(const QByteArray& identity, const Sender& sender);
     void remember(const QByteArray& identity);
     void pass(const Waiting& waiting);
+    void takeReply(int number, const host::Json& reply);
     void finish(const Sender& sender, const QByteArray& identity, host::Json result);
     void refuse(const Sender& sender, const QByteArray& identity, const char* code,
                 const std::string& text);
@@ -97,7 +100,9 @@ private:
     FindVariable m_find;
     SendResult m_send;
     std::deque<Waiting> m_waiting;
-    QHash<QString, int> m_underWay; ///< by line
+    QMap<int, Waiting> m_passed; ///< that the service has, by number
+    int m_lastPassed = 0;
+    QHash<QString, int> m_underWay; ///< how many of them, by line
     QHash<QByteArray, Remembered> m_remembered;
     std::deque<QByteArray> m_rememberedOrder;
     qint64 m_received = 0;

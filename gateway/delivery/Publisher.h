@@ -31,6 +31,8 @@ struct Order
     /// It is not sent to the controller later than that: it is cancelled. 0: whenever it is its
     /// turn.
     int withinMs = 0;
+    /// Where the variable was when the order was given; the order is for no other station.
+    int station = 1;
 };
 
 /// What a publisher needs of the process that it runs in. Everything happens on the thread of the

@@ -81,7 +81,8 @@ void appendOrders(std::deque<Order>& orders, const VariableMetric& variable, con
     }
     requireLimits(variable, values);
     for (int i = 0; i < values.size(); ++i)
-        orders.push_back({variable.variable.line, variable.variable.name, i, values.at(i)});
+        orders.push_back({variable.variable.line, variable.variable.name, i, values.at(i), 0,
+                          variable.variable.station});
 }
 
 } // namespace

@@ -21,6 +21,9 @@ namespace {
 const char kTwo[] = R"({"variables": [{"name": "Speed", "tag": "SPEED", "unit": "1/min"},
                                       {"name": "Level", "tag": "LEVEL", "type": "INT", "gain": 0.5,
                                        "writable": true, "minimum": 0, "maximum": 9}]})";
+const char kMoved[] = R"({"stations": [{"number": 1}, {"number": 2}],
+                         "variables": [{"name": "Level", "tag": "LEVEL", "type": "INT",
+                                        "station": 2, "writable": true}]})";
 const char kOne[] = R"({"variables": [{"name": "Level", "tag": "LEVEL"}]})";
 
 const int kLong = 100000;
@@ -439,6 +442,33 @@ TEST_F(BrokerServiceTest, RefusesAnOrderThatTheRulesOrTheConfigurationForbid)
     opened(1);
     EXPECT_EQ(order(1, "Level", 1), "not-allowed");
     EXPECT_EQ(lines.asked.size(), 0);
+}
+
+// The process may not have the new catalogue yet.
+TEST_F(BrokerServiceTest, WritesNoOrderToAnotherStationAfterAReload)
+{
+    start();
+    opened();
+    lines.setLines({lineOfProject("press", kMoved)});
+    const auto order = [this](int station) {
+        process().send({{"request", "write"},
+                        {"id", station},
+                        {"line", "press"},
+                        {"name", "Level"},
+                        {"station", station},
+                        {"element", 0},
+                        {"value", 1}});
+        return got();
+    };
+    EXPECT_EQ(
+        order(1).back(),
+        Json({{"id", 1},
+              {"reply",
+               {{"error",
+                 {{"code", "unknown-name"}, {"text", "the variable is at station 2 now"}}}}}}));
+    EXPECT_EQ(lines.asked.size(), 0);
+    order(2);
+    EXPECT_EQ(lines.asked.size(), 1);
 }
 
 TEST_F(BrokerServiceTest, GivesNoReplyOfAnOrderToTheNextProcess)

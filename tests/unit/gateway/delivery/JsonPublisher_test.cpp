@@ -242,6 +242,77 @@ TEST_F(JsonPublisherTest, AnnouncesThousandsOfVariablesOfUnknownTypeWithoutFilli
     EXPECT_EQ(cleared, std::size_t(kVariables));
 }
 
+TEST_F(JsonPublisherTest, AnswersTheOrdersThatWaitWhenTheServiceEndsThenSaysOffline)
+{
+    addVariable(QStringLiteral("Level"));
+    start();
+    connect();
+    run(10);
+    for (const char* const id : {"1", "2", "3", "4"})
+        give("Level", QByteArray(R"({"value": 5, "id": )") + id + "}");
+    ASSERT_EQ(m_needs->orders.size(), 2U);
+    m_needs->isOver = true;
+    m_publisher->stop(2s);
+    EXPECT_EQ(outcomes(),
+              (std::vector<std::string>{"busy", "busy", "unknown-outcome", "unknown-outcome"}));
+    EXPECT_EQ(idsOfResults(), (std::vector<std::string>{"3", "4", "1", "2"}));
+    EXPECT_EQ(m_link.sent.back().message.topic, "p/status");
+    EXPECT_TRUE(m_link.isStopped);
+    for (const auto& answer : m_needs->answers) // too late
+        answer({{"outcome", "written"}});
+    EXPECT_EQ(outcomes().size(), 4U);
+}
+
+TEST_F(JsonPublisherTest, EndsWithoutAFarewellWhenTheConnectionDoesNotTakeTheStatus)
+{
+    start();
+    connect();
+    run(10);
+    m_link.room = 0;
+    m_publisher->stop(2s);
+    EXPECT_FALSE(m_link.isStopped); // so that the broker publishes the Will
+    EXPECT_NE(m_link.sent.back().message.payload, R"({"state":"offline"})");
+}
+
+TEST_F(JsonPublisherTest, SendsResultsThatWereNotAcknowledgedAgainWithTheNextConnection)
+{
+    addVariable(QStringLiteral("Level"));
+    start();
+    connect();
+    run(10);
+    give("Level", R"({"id": 1})");
+    acknowledge();
+    give("Level", R"({"id": 2})");
+    give("Level", R"({"id": 3})");
+    EXPECT_EQ(idsOfResults(), (std::vector<std::string>{"1", "2", "3"}));
+    disconnect();
+    m_link.sent.clear();
+    m_acknowledged = 0;
+    connect();
+    run(10);
+    EXPECT_EQ(idsOfResults(), (std::vector<std::string>{"2", "3"}));
+    disconnect();
+    m_link.sent.clear();
+    m_acknowledged = 0;
+    connect();
+    run(10);
+    EXPECT_EQ(idsOfResults(), (std::vector<std::string>{}));
+}
+
+TEST_F(JsonPublisherTest, CountsTheResultsThatItLoses)
+{
+    start();
+    connect();
+    run(10);
+    m_link.room = 0;
+    for (int i = 0; i < 1003; ++i)
+        give("Missing", R"({"value": 1, "id": )" + QByteArray::number(i) + "}");
+    EXPECT_EQ(m_publisher->status()["resultsLost"], 3);
+    m_publisher->stop(2s);
+    EXPECT_EQ(m_publisher->status()["resultsLost"], 1003);
+    EXPECT_EQ(m_needs->warnings["order: result"], 1003);
+}
+
 // A process that is killed after it announced a variable must know the topic when it comes back.
 TEST_F(JsonPublisherTest, AnnouncesAVariableOnlyOnceItsTopicIsKept)
 {

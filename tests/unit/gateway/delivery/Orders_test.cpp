@@ -222,6 +222,38 @@ TEST_F(OrdersTest, RefuseWhatIsMalformed)
     EXPECT_EQ(needs.warned.value("order: bad-request"), static_cast<int>(payloads.size()));
 }
 
+TEST_F(OrdersTest, TellWhichElementIsMeantWhenTheVariableHasSeveral)
+{
+    variables["p/press/1/Level"].length = 20;
+    for (const char* const order : {"78", R"({"value": 78})", R"({"value": [1, 2], "id": 4})"}) {
+        give("Level", order);
+        const Plain result = lastResult();
+        EXPECT_EQ(result["outcome"], "bad-request") << order;
+        EXPECT_EQ(result["text"], R"(the variable has 20 elements and an order writes one: write )"
+                                  R"({"value": ..., "element": 0}, with an element from 0 to 19)");
+    }
+    EXPECT_TRUE(needs.orders.empty());
+    give("Level", R"({"value": 78, "element": 0})");
+    give("Level", R"({"value": 78, "element": 19})");
+    ASSERT_EQ(needs.orders.size(), 2U);
+    EXPECT_EQ(needs.orders[0].element, 0);
+    EXPECT_EQ(needs.orders[1].element, 19);
+}
+
+TEST_F(OrdersTest, NameTheStationThatTheirTopicNames)
+{
+    variables["p/press/1/Level"].station = 1;
+    variables.insert("p/press/2/Level", variables["p/press/1/Level"]);
+    variables["p/press/2/Level"].station = 2;
+    MqttMessage message = order("Level", "5");
+    message.topic = "p/press/2/Level/set";
+    orders.handle(message);
+    give("Level", "5");
+    ASSERT_EQ(needs.orders.size(), 2U);
+    EXPECT_EQ(needs.orders[0].station, 2);
+    EXPECT_EQ(needs.orders[1].station, 1);
+}
+
 TEST_F(OrdersTest, EchoTheIdOfAnOrderThatIsMalformedOtherwise)
 {
     give("Level", R"({"id": 18446744073709551615, "valu": 1})");
