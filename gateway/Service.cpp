@@ -210,9 +210,12 @@ void Service::tellStatus()
     int up = 0;
     for (int line = 0; line < m_lines.size(); ++line)
         up += m_lines.status(line).value("up", false) ? 1 : 0;
-    m_notice.tellStatus(
-        m_stopping ? QStringLiteral("ending")
-                   : QStringLiteral("%1 of %2 up").arg(up).arg(counted(m_lines.size(), "line")));
+    QString text = QStringLiteral("%1 of %2 up").arg(up).arg(counted(m_lines.size(), "line"));
+    if (const int brokers = m_brokers.size())
+        text += QStringLiteral(", %1 of %2 connected")
+                    .arg(m_brokers.connected())
+                    .arg(counted(brokers, "broker"));
+    m_notice.tellStatus(m_stopping ? QStringLiteral("ending") : text);
 }
 
 void Service::reload()

@@ -444,6 +444,12 @@ void BrokerFeed::sendStatus(const Json& lines)
         m_supervisor.send(host::lineOf({{"event", "status"}, {"lines", lines}}));
 }
 
+bool BrokerFeed::isConnected() const
+{
+    const Json connection = m_status.value("connection", Json());
+    return m_isOpen && connection.is_object() && connection.value("state", Json()) == "connected";
+}
+
 Json BrokerFeed::status() const
 {
     Json status = {{"pid", m_supervisor.pid() > 0 ? Json(m_supervisor.pid()) : Json()},

@@ -52,6 +52,8 @@ public:
     void stop();
     bool hasEnded() const;
     Json status() const;
+    /// As the process that runs told last.
+    bool isConnected() const;
 
     void addValue(const Subject& subject, const QByteArray& value, qint64 time);
     /// `event` has neither "event" nor "number".

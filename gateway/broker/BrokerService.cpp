@@ -79,6 +79,8 @@ public:
     void stop();
     bool haveEnded() const;
     Json status() const;
+    int size() const { return static_cast<int>(m_feeds.size()); }
+    int connected() const;
     void addValue(int line, int variable);
     void addEvent(const LineEvent& event);
     void addNotice(const LineEvent& event);
@@ -234,6 +236,12 @@ Json BrokerService::Private::status() const
     for (const auto& feed : m_feeds)
         status[feed->kind().toStdString()] = feed->status();
     return status;
+}
+
+int BrokerService::Private::connected() const
+{
+    return static_cast<int>(std::count_if(m_feeds.begin(), m_feeds.end(),
+                                          [](const auto& feed) { return feed->isConnected(); }));
 }
 
 bool BrokerService::Private::isPeriodic(const BrokerFeed& feed) const
@@ -435,6 +443,16 @@ bool BrokerService::haveEnded() const
 Json BrokerService::status() const
 {
     return m_private->status();
+}
+
+int BrokerService::size() const
+{
+    return m_private->size();
+}
+
+int BrokerService::connected() const
+{
+    return m_private->connected();
 }
 
 void BrokerService::handleValue(int line, int variable)

@@ -35,6 +35,9 @@ public:
     bool haveEnded() const;
     /// {"mqtt": {...}, "sparkplug": {...}}: what is configured, with what the processes told last.
     Json status() const;
+    /// How many brokers are configured, and how many of them are connected.
+    int size() const;
+    int connected() const;
 
     void handleValue(int line, int variable) override;
     void handleEvent(const LineEvent& event) override;

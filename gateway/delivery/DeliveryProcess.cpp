@@ -2,6 +2,7 @@
 
 #include "Channel.h"
 #include "ChildProcess.h"
+#include "LossNotice.h"
 #include "MachineTime.h"
 #include "Memory.h"
 #include "Message.h"
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <map>
+#include <poll.h>
 
 namespace micro850::gateway {
 
@@ -32,8 +34,6 @@ const std::chrono::seconds kHeartbeat(1);
 // A damaged queue of many megabytes is looked through.
 const std::chrono::seconds kOpeningTime(120);
 const std::chrono::seconds kTimeToSayGoodbye(2);
-// Losses are told again when none was seen for so long.
-const std::chrono::seconds kQuietAfter(60);
 const int kMostKinds = 100;
 const int kLongestText = 500;
 // More orders of a broker do not wait.
@@ -117,6 +117,8 @@ public:
 
 private:
     void receive();
+    bool takeInput();
+    void takeRest();
     void handleLine(const host::LineReader::Line& line);
     void handleMessage(const JsonNode& message);
     void handleEvent(const JsonNode& message);
@@ -160,9 +162,7 @@ private:
     qint64 m_connections = 0;             ///< that were told
     QSet<QString> m_toldReasons;          ///< why there is none, since the last one
     bool m_wasConnected = false;
-    qint64 m_lost = 0;
-    bool m_tellsLosses = true;
-    Duration m_lostAt{0};
+    LossNotice m_lossNotice{0};
     QString m_disk; ///< why the disk refuses, as it was told last; empty: it does not
     Duration m_nextBeat{0};
     bool m_isOver = false;
@@ -194,19 +194,35 @@ void Process::receive()
     if (m_isOver)
         return;
     try {
-        const bool isOpen = m_channel.receive();
-        while (!m_isOver) {
-            const std::optional<host::LineReader::Line> line = m_channel.next();
-            if (!line)
-                break;
-            handleLine(*line);
-        }
-        if (!isOpen)
+        if (!takeInput())
             end();
-        else if (m_publisher && !m_isOver)
-            tellKept(m_flow->tick());
     } catch (const std::exception& error) {
         fail(error);
+    }
+}
+
+// False at the end of what the service sends.
+bool Process::takeInput()
+{
+    const bool isOpen = m_channel.receive();
+    while (!m_isOver) {
+        const std::optional<host::LineReader::Line> line = m_channel.next();
+        if (!line)
+            break;
+        handleLine(*line);
+    }
+    if (m_publisher && !m_isOver)
+        tellKept(m_flow->tick());
+    return isOpen;
+}
+
+// Nobody else has what the service sent before it was gone.
+void Process::takeRest()
+{
+    pollfd input = {m_channel.descriptor(), POLLIN, 0};
+    while (!m_isOver && ::poll(&input, 1, 0) > 0) {
+        if (!takeInput())
+            return;
     }
 }
 
@@ -230,7 +246,7 @@ void Process::open(const JsonNode& message)
     m_queue =
         std::make_unique<DeliveryQueue>(queueSettingsOf(kind, settings), m_clock, m_wallClock);
     m_flow = std::make_unique<DeliveryFlow>(*m_queue, queueSettingsOf(kind, settings), m_clock);
-    m_lost = m_queue->lost();
+    m_lossNotice = LossNotice(m_queue->lost());
     m_publisher = m_makePublisher(kind, settings, *this);
     const DeliveryQueue::Fed fed = m_queue->fed();
     m_taken = m_kept = fed.run == m_run ? fed.number : 0;
@@ -364,8 +380,10 @@ void Process::tick()
     if (m_isOver)
         return;
     try {
-        if (serviceIsGone())
+        if (serviceIsGone()) {
+            takeRest();
             return end();
+        }
         if (!m_publisher)
             return;
         m_publisher->tick();
@@ -423,20 +441,19 @@ void Process::tellLosses()
     const Json queue = m_queue->status();
     tellDisk(queue);
     const qint64 lost = m_queue->lost();
-    const Duration now = m_clock.now();
-    if (lost > m_lost) {
-        if (m_tellsLosses)
-            log("warning", QStringLiteral("the queue is full: the oldest messages are deleted, "
-                                          "%1 so far")
-                               .arg(lost));
-        m_tellsLosses = false;
-        m_lostAt = now;
-        m_lost = lost;
-    } else if (!m_tellsLosses && now - m_lostAt >= kQuietAfter) {
-        m_tellsLosses = true;
+    switch (m_lossNotice.take(lost, m_clock.now())) {
+    case LossNotice::News::Begun:
+        log("warning",
+            QStringLiteral("the queue is full: the oldest messages are deleted, %1 so far")
+                .arg(lost));
+        break;
+    case LossNotice::News::Over:
         log("note", QStringLiteral("the queue has room again; %1 messages were deleted so far, the "
                                    "oldest")
                         .arg(lost));
+        break;
+    case LossNotice::News::None:
+        break;
     }
 }
 
@@ -505,9 +522,11 @@ void Process::end()
     m_isOver = true;
     limitTimeToEnd();
     if (m_publisher) {
+        m_queue->retry();
         m_queue->commit();
         tellKept(m_queue->fed());
         m_publisher->stop(kTimeToSayGoodbye);
+        m_queue->retry();
         m_queue->commit();
     }
     m_publisher.reset();

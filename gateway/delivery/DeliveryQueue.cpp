@@ -65,6 +65,7 @@ public:
     void remove(qint64 id);
     bool isFull() const;
     QVector<QueuedMessage> commit();
+    void retry() { m_retryAt = m_clock.now(); }
     bool hasChanges() const;
     QVector<QueuedMessage> after(qint64 id, int most);
     QVector<QueuedMessage> latest();
@@ -619,6 +620,11 @@ bool DeliveryQueue::isFull() const
 QVector<QueuedMessage> DeliveryQueue::commit()
 {
     return m_private->commit();
+}
+
+void DeliveryQueue::retry()
+{
+    m_private->retry();
 }
 
 bool DeliveryQueue::hasChanges() const

@@ -42,6 +42,8 @@ public:
     /// When the disk refuses, it is kept in memory with what follows, in a new series, until the
     /// disk takes all of it. Also does what is due: call it several times a second.
     QVector<QueuedMessage> commit();
+    /// The next commit() tries a disk that refused, without a pause.
+    void retry();
     bool hasChanges() const;
     /// What is committed, also by an earlier process.
     Fed fed() const;

@@ -685,6 +685,31 @@ TEST_F(BrokerServiceTest, DoesNotWaitForeverForAProcessToEnd)
     EXPECT_EQ(alarms.filter(QStringLiteral("did not end in order")).size(), 1);
 }
 
+TEST_F(BrokerServiceTest, TellsHowManyBrokersAreConnected)
+{
+    settings.sparkplug.emplace();
+    settings.sparkplug->queue.file = QStringLiteral("/s");
+    start();
+    EXPECT_EQ(service->size(), 2);
+    EXPECT_EQ(service->connected(), 0);
+    opened(0);
+    opened(1);
+    const auto tell = [this](std::size_t index, const Json& connection) {
+        process(index).send({{"event", "status"}, {"status", {{"connection", connection}}}});
+        settle();
+    };
+    tell(0, {{"state", "connecting"}});
+    tell(1, {{"state", "connected"}});
+    EXPECT_EQ(service->connected(), 1);
+    tell(0, {{"state", "connected"}});
+    EXPECT_EQ(service->connected(), 2);
+    tell(0, "connected");
+    EXPECT_EQ(service->connected(), 1) << "that is no status of a connection";
+    processes[1].reset();
+    settle();
+    EXPECT_EQ(service->connected(), 0) << "its process is gone";
+}
+
 TEST_F(BrokerServiceTest, EndsAtOnceWithoutAProcess)
 {
     settings = BrokerSettings();
