@@ -1,5 +1,6 @@
 #include "BrokerSection.h"
 
+#include "Message.h"
 #include "Visible.h"
 
 #include <QtCore/QCryptographicHash>
@@ -9,6 +10,7 @@
 #include <QtCore/QSysInfo>
 
 #include <algorithm>
+#include <initializer_list>
 
 namespace micro850::gateway {
 
@@ -25,6 +27,28 @@ const int kMillisecondsOfDay = 86400000;
 QString textOf(const JsonNode& node)
 {
     return QString::fromStdString(node.text());
+}
+
+// Otherwise every key that it lacks would be a mistake of its own.
+void expectObject(const JsonNode& node, const char* remedy = "")
+{
+    if (!host::jsonOf(node).is_object())
+        node.fail(node.found() + " is not an object { ... }" + remedy);
+}
+
+struct Remedy
+{
+    const char* key;
+    const char* text;
+};
+
+// For keys that are no slip of the finger, but the words of other programs.
+void explain(const JsonNode& node, std::initializer_list<Remedy> remedies)
+{
+    for (const Remedy& remedy : remedies) {
+        if (node.has(remedy.key))
+            node.fail("unknown key \"" + std::string(remedy.key) + "\" (" + remedy.text + ')');
+    }
 }
 
 // Other characters would split a topic or match several.
@@ -46,6 +70,8 @@ QString prefixOf(const JsonNode& node)
             R"( is not the beginning of topics (levels with "/" between them, such as )"
             R"("plant/hall2", without "+", "#", a "$" first and control characters, at most )" +
             std::to_string(kLongestPrefix) + " bytes)");
+    if (levels.first() == QLatin1String("spBv1.0"))
+        node.fail(node.found() + " is where Sparkplug has its topics (choose another prefix)");
     return prefix;
 }
 
@@ -143,7 +169,10 @@ private:
 
 void Section::readAddress(const JsonNode& node, BrokerAddress& broker)
 {
+    expectObject(node, R"( (such as {"host": "broker.plant.example"}))");
+    const char* const inFile = R"(it stands in the file that "credentials" names)";
     m_mistakes.runs([&] {
+        explain(node, {{"user", inFile}, {"username", inFile}, {"password", inFile}});
         node.expectKeys({"host", "port", "clientId", "version", "keepAliveSeconds", "spreadMs",
                          "credentials", "tls"});
     });
@@ -171,7 +200,16 @@ void Section::readAddress(const JsonNode& node, BrokerAddress& broker)
 void Section::readTls(const JsonNode& node, BrokerAddress& broker)
 {
     broker.isEncrypted = true;
-    m_mistakes.runs([&] { node.expectKeys({"authorities", "certificate", "key", "revoked"}); });
+    expectObject(node, " (use {} for the authorities of the system)");
+    m_mistakes.runs([&] {
+        const char* const authorities = "did you mean authorities?";
+        explain(node, {{"ca", authorities},
+                       {"cafile", authorities},
+                       {"caFile", authorities},
+                       {"cert", "did you mean certificate?"},
+                       {"crl", "did you mean revoked?"}});
+        node.expectKeys({"authorities", "certificate", "key", "revoked"});
+    });
     readFile(node, "authorities", broker.authoritiesFile);
     readFile(node, "certificate", broker.certificateFile);
     readFile(node, "key", broker.keyFile);
@@ -184,6 +222,7 @@ void Section::readTls(const JsonNode& node, BrokerAddress& broker)
 
 void Section::readQueue(const JsonNode& node, DeliveryQueueSettings& queue)
 {
+    expectObject(node, R"( (such as {"file": "/var/lib/micro850/mqtt.sqlite"}))");
     m_mistakes.runs([&] {
         node.expectKeys({"file", "keepMegabytes", "keepHours", "historyPerSecond"});
     });
@@ -198,6 +237,7 @@ template<typename Settings> void readOrders(const JsonNode& node, Settings& sett
     if (!node.has("orders"))
         return;
     const JsonNode orders = node.at("orders");
+    expectObject(orders, " (use {} to take orders, leave the key out to take none)");
     orders.expectKeys({"maximumAgeMs"});
     settings.takesOrders = true;
     settings.maximumAgeMs =
@@ -236,6 +276,8 @@ void readMqtt(const JsonNode& node, const QString& folder, MqttSettings& setting
         if (!node.has("discovery"))
             return;
         const JsonNode discovery = node.at("discovery");
+        expectObject(discovery,
+                     " (use {} to announce variables, leave the key out to announce none)");
         discovery.expectKeys({"prefix"});
         settings.discoveryPrefix = QStringLiteral("homeassistant");
         if (discovery.has("prefix"))
@@ -281,9 +323,13 @@ void readBrokers(const JsonNode& root, const QString& folder, BrokerSettings& br
                  Mistakes& mistakes)
 {
     if (root.has("mqtt"))
-        mistakes.runs([&] { readMqtt(root.at("mqtt"), folder, brokers.mqtt.emplace(), mistakes); });
+        mistakes.runs([&] {
+            expectObject(root.at("mqtt"));
+            readMqtt(root.at("mqtt"), folder, brokers.mqtt.emplace(), mistakes);
+        });
     if (root.has("sparkplug"))
         mistakes.runs([&] {
+            expectObject(root.at("sparkplug"));
             readSparkplug(root.at("sparkplug"), folder, brokers.sparkplug.emplace(), mistakes);
         });
     mistakes.runs([&] { checkClientIds(root, brokers); });

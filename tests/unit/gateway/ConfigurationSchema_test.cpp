@@ -131,9 +131,11 @@ TEST(ConfigurationSchema, AgreesWithTheParserOnHostsPrefixesAndNamesOfBrokers)
     for (const char* host :
          {"", "broker:1883", "mqtt://broker", "a b", "[::1]", "broker/x", "-b", "me@broker"})
         compare("/mqtt/broker/host", host, false);
-    for (const char* prefix : {"a", "plant/hall 2/panel-7", "a/$b", "\u00e4"})
+    for (const char* prefix :
+         {"a", "plant/hall 2/panel-7", "a/$b", "\u00e4", "spBv1.01", "a/spBv1.0"})
         compare("/mqtt/prefix", prefix, true);
-    for (const char* prefix : {"", "/a", "a/", "a//b", "a/+", "#", "$SYS/a", "a\nb"})
+    for (const char* prefix :
+         {"", "/a", "a/", "a//b", "a/+", "#", "$SYS/a", "a\nb", "spBv1.0", "spBv1.0/a"})
         compare("/mqtt/prefix", prefix, false);
     for (const char* name : {"hall2", "hall 2", "$hall", "\u00e4"})
         compare("/sparkplug/group", name, true);

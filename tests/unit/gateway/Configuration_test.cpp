@@ -443,6 +443,64 @@ TEST_F(ConfigurationTest, RefusesSomebodysFileAsADatabaseThatItWouldRename)
     EXPECT_EQ(mistakesOf(R"("history": {"file": "plan.txt"})"), QStringList());
 }
 
+// PREFIX is the beginning of its topics; Sparkplug has its own form for everything there.
+TEST_F(ConfigurationTest, RefusesThePrefixOfSparkplugForTheValues)
+{
+    for (const char* prefix : {"spBv1.0", "spBv1.0/hall2"})
+        EXPECT_EQ(
+            mistakesOf(R"("mqtt": {"broker": {"host": "x"}, "queue": {"file": "q"},
+                                "prefix": ")" +
+                       std::string(prefix) + "\"}"),
+            QStringList(QStringLiteral("mqtt.prefix: \"%1\" is where Sparkplug has its topics "
+                                       "(choose another prefix)")
+                            .arg(prefix)));
+}
+
+TEST_F(ConfigurationTest, SaysWhereTheWordsOfOtherProgramsGo)
+{
+    const auto of = [this](const std::string& broker) {
+        return mistakesOf(R"("mqtt": {"broker": {"host": "b", )" + broker +
+                          R"(}, "prefix": "p", "queue": {"file": "q"}})");
+    };
+    for (const char* key : {"user", "username", "password"})
+        EXPECT_EQ(of('"' + std::string(key) + R"(": "x")"),
+                  QStringList(QStringLiteral("mqtt.broker: unknown key \"%1\" (it stands in the "
+                                             "file that \"credentials\" names)")
+                                  .arg(key)));
+    const std::vector<std::pair<const char*, const char*>> words = {{"ca", "authorities"},
+                                                                    {"cafile", "authorities"},
+                                                                    {"caFile", "authorities"},
+                                                                    {"cert", "certificate"},
+                                                                    {"crl", "revoked"}};
+    for (const auto& [word, meant] : words)
+        EXPECT_EQ(
+            of(R"("tls": {")" + std::string(word) + R"(": "x"})"),
+            QStringList(QStringLiteral("mqtt.broker.tls: unknown key \"%1\" (did you mean %2?)")
+                            .arg(word, meant)));
+}
+
+TEST_F(ConfigurationTest, TellsOneMistakeOfASectionThatIsNoObject)
+{
+    const QString no = QStringLiteral(" is not an object { ... }");
+    EXPECT_EQ(mistakesOf(R"("mqtt": [1], "sparkplug": "x")"),
+              QStringList({"mqtt: [1]" + no, "sparkplug: \"x\"" + no}));
+    EXPECT_EQ(
+        mistakesOf(R"("mqtt": {"broker": "b:1883", "prefix": "p", "queue": "q.sqlite",
+                             "orders": true, "discovery": true})"),
+        QStringList(
+            {"mqtt.broker: \"b:1883\"" + no + " (such as {\"host\": \"broker.plant.example\"})",
+             "mqtt.queue: \"q.sqlite\"" + no +
+                 " (such as {\"file\": \"/var/lib/micro850/mqtt.sqlite\"})",
+             "mqtt.orders: true" + no + " (use {} to take orders, leave the key out to take none)",
+             "mqtt.discovery: true" + no +
+                 " (use {} to announce variables, leave the key out to announce "
+                 "none)"}));
+    EXPECT_EQ(
+        mistakesOf(R"("mqtt": {"broker": {"host": "b", "tls": true}, "prefix": "p",
+                             "queue": {"file": "q"}})"),
+        QStringList("mqtt.broker.tls: true" + no + " (use {} for the authorities of the system)"));
+}
+
 // PREFIX/status would be the gateway's and Home Assistant's.
 TEST_F(ConfigurationTest, RefusesThePrefixOfHomeAssistantForTheValues)
 {
