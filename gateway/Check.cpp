@@ -97,11 +97,12 @@ public:
             note(missing((section + ".queue.file").c_str(), folder) +
                  " is not there, and nothing is delivered until it is (create it, writable for the "
                  "user of the service)");
+        const std::string prefix = section + ".broker.";
         if (!broker.credentialsFile.isEmpty())
-            lookAtSecret(section + ".broker.credentials", broker.credentialsFile,
+            lookAtSecret(prefix + "credentials", broker.credentialsFile, prefix + "credentials: ",
                          [&] { readCredentials(broker.credentialsFile); });
         if (broker.isEncrypted)
-            lookAtSecret(section + ".broker.tls", broker.keyFile,
+            lookAtSecret(prefix + "tls.key", broker.keyFile, prefix,
                          [&] { const BrokerSecurity security(broker); });
         else if (!broker.credentialsFile.isEmpty())
             note(section + ".broker: the password is sent without encryption (add \"tls\")");
@@ -110,7 +111,8 @@ public:
 
 private:
     template<typename Read>
-    void lookAtSecret(const std::string& key, const QString& file, Read read)
+    void lookAtSecret(const std::string& key, const QString& file, const std::string& prefix,
+                      Read read)
     {
         const QFileInfo info(file);
         if (info.exists() && !info.isReadable())
@@ -119,7 +121,7 @@ private:
         try {
             read();
         } catch (const UserError& error) {
-            mistake(key + ": " + error.what());
+            mistake(prefix + error.what());
         }
     }
     void note(const std::string& text) const

@@ -36,6 +36,14 @@ QString errorText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+// Of a connection that comes to nothing.
+QString refusalText(int error)
+{
+    return errorText(error) + (error == ECONNREFUSED
+                                   ? QStringLiteral(" (is the broker running, is the port right?)")
+                                   : QString());
+}
+
 bool isForLater(int error)
 {
     return error == EAGAIN || error == EINTR;
@@ -102,13 +110,13 @@ void BrokerSocket::connectTo(const addrinfo& address)
     if (::connect(m_socket, address.ai_addr, address.ai_addrlen) == 0)
         return;
     if (errno != EINPROGRESS)
-        refuse(errorText(errno));
+        refuse(refusalText(errno));
     await(POLLOUT, std::chrono::steady_clock::now() + m_patience);
     int error = 0;
     socklen_t size = sizeof error;
     ::getsockopt(m_socket, SOL_SOCKET, SO_ERROR, &error, &size);
     if (error != 0)
-        refuse(errorText(error));
+        refuse(refusalText(error));
 }
 
 void BrokerSocket::await(short events, Deadline deadline)
@@ -178,6 +186,17 @@ bool BrokerSocket::handleResult(int result)
     return false;
 }
 
+// A broker that expects TLS ends a connection that begins without.
+QString BrokerSocket::endText(int error) const
+{
+    const QString text =
+        error == 0 ? QStringLiteral("the broker closed the connection") : errorText(error);
+    const bool isEnded = error == 0 || error == ECONNRESET || error == EPIPE;
+    return !m_hasAnswered && isEnded
+               ? text + QStringLiteral(" (does this port expect TLS? set \"tls\")")
+               : text;
+}
+
 bool BrokerSocket::read(QByteArray& bytes)
 {
     std::array<char, kMostRead> buffer;
@@ -191,12 +210,13 @@ bool BrokerSocket::read(QByteArray& bytes)
     }
     const ssize_t got = ::recv(m_socket, buffer.data(), buffer.size(), 0);
     if (got > 0) {
+        m_hasAnswered = true;
         bytes.append(buffer.data(), static_cast<int>(got));
         return true;
     }
     if (got < 0 && isForLater(errno))
         return true;
-    m_reason = got == 0 ? QStringLiteral("the broker closed the connection") : errorText(errno);
+    m_reason = endText(got == 0 ? 0 : errno);
     return false;
 }
 
@@ -216,7 +236,7 @@ bool BrokerSocket::write(QByteArray& bytes)
             if (sent < 0 && isForLater(errno))
                 return true;
             if (sent < 0) {
-                m_reason = errorText(errno);
+                m_reason = endText(errno);
                 return false;
             }
         }

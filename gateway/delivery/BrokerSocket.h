@@ -52,6 +52,7 @@ private:
     void awaitVerdict();
     void await(short events, Deadline deadline);
     bool handleResult(int result);
+    QString endText(int error) const;
     void close();
 
     BrokerAddress m_address;
@@ -61,6 +62,7 @@ private:
     std::unique_ptr<BrokerSecurity> m_security;
     ssl_st* m_tls = nullptr;
     bool m_wantsToWrite = false;
+    bool m_hasAnswered = false; ///< without TLS
     QString m_reason;
 };
 

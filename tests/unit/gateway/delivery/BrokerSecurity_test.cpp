@@ -243,7 +243,22 @@ TEST_F(BrokerSecurityTest, TrustsTheAuthoritiesOfTheSystemWhenNoneAreGiven)
     start(encrypted("broker"));
     address.authoritiesFile.clear();
     EXPECT_EQ(outcome(),
-              kRefused + QStringLiteral("none of the authorities of this system has signed it"));
+              kRefused +
+                  QStringLiteral("none of the authorities of this system has signed it (name "
+                                 "the file of its authority in \"tls\": "
+                                 "{\"authorities\"})"));
+}
+
+// The broker sends the certificate of its authority, too.
+TEST_F(BrokerSecurityTest, SaysThatAnAuthorityIsUnknownNotThatTheBrokerIsSelfSigned)
+{
+    start(encrypted("broker") + "cafile " + certificates->authority() + "\n");
+    address.authoritiesFile.clear();
+    const QString said = outcome();
+    EXPECT_FALSE(said.contains(QStringLiteral("self-signed"))) << qPrintable(said);
+    EXPECT_TRUE(said.endsWith(
+        QStringLiteral(" (name the file of its authority in \"tls\": {\"authorities\"})")))
+        << qPrintable(said);
 }
 
 TEST_F(BrokerSecurityTest, RefusesACertificateThatIsRevoked)
@@ -280,8 +295,10 @@ TEST_F(BrokerSecurityTest, RefusesABrokerWithAnOldVersionOfTls)
     const OpensslServer server("-tls1_1 -cipher ALL:@SECLEVEL=0", *certificates);
     address.port = server.port;
     // It takes a moment until the server listens.
-    QString said = QStringLiteral("Connection refused");
-    for (int i = 0; i < 1000 && said == QStringLiteral("Connection refused"); ++i) {
+    const QString kNotYet =
+        QStringLiteral("Connection refused (is the broker running, is the port right?)");
+    QString said = kNotYet;
+    for (int i = 0; i < 1000 && said == kNotYet; ++i) {
         owner.reasons.clear();
         said = outcome();
     }
@@ -293,8 +310,9 @@ TEST_F(BrokerSecurityTest, ReportsABrokerThatDoesNotEncrypt)
     start("allow_anonymous true\n");
     const QString said = outcome();
     EXPECT_TRUE(said == QStringLiteral("TLS: the broker does not speak TLS on this port") ||
-                said == QStringLiteral("the broker closed the connection") ||
-                said == QStringLiteral("Connection reset by peer"))
+                said == QStringLiteral("the broker closed the connection (does this port speak "
+                                       "TLS?)") ||
+                said == QStringLiteral("Connection reset by peer (does this port speak TLS?)"))
         << qPrintable(said);
 }
 
@@ -303,8 +321,9 @@ TEST_F(BrokerSecurityTest, ReportsABrokerThatEncryptsWhenTheGatewayDoesNot)
     start(encrypted("broker"));
     address.isEncrypted = false;
     const QString said = outcome();
-    EXPECT_TRUE(said == QStringLiteral("the broker closed the connection") ||
-                said == QStringLiteral("Connection reset by peer") ||
+    const QString hint = QStringLiteral(" (does this port expect TLS? set \"tls\")");
+    EXPECT_TRUE(said == QStringLiteral("the broker closed the connection") + hint ||
+                said == QStringLiteral("Connection reset by peer") + hint ||
                 said == QStringLiteral("what answers there is no MQTT broker"))
         << qPrintable(said);
 }
@@ -343,32 +362,64 @@ TEST_F(BrokerSecurityTest, RefusesAKeyThatOthersMayRead)
     ::chmod(certificates->path("open.key").c_str(), 0644);
     address.certificateFile = file("open.pem");
     address.keyFile = file("open.key");
-    EXPECT_EQ(
-        outcome(),
-        QStringLiteral("%1: others may read it: chmod o= makes it private").arg(address.keyFile));
+    EXPECT_EQ(outcome(),
+              QStringLiteral("tls.key: %1: others may read it: chmod o= makes it private")
+                  .arg(address.keyFile));
 }
 
 TEST_F(BrokerSecurityTest, RefusesAKeyOfAnotherCertificateWithoutAskingForAPassPhrase)
 {
     address.certificateFile = file("client.pem");
     address.keyFile = file("broker.key");
-    EXPECT_TRUE(outcome().startsWith(address.keyFile + QStringLiteral(": ")));
+    EXPECT_EQ(outcome(), QStringLiteral("tls.key: %1: it is not the key of %2")
+                             .arg(address.keyFile, address.certificateFile));
     certificates->make("locked");
     certificates->encryptKey("locked");
     owner.reasons.clear();
     address.certificateFile = file("locked.pem");
     address.keyFile = file("locked.key");
-    EXPECT_TRUE(outcome().startsWith(address.keyFile + QStringLiteral(": no key of")));
+    EXPECT_EQ(outcome(), QStringLiteral("tls.key: %1: it has no key (PEM, without a pass phrase)")
+                             .arg(address.keyFile));
 }
 
 TEST_F(BrokerSecurityTest, NamesAFileThatIsNoCertificate)
 {
-    address.authoritiesFile = file("openssl.cnf");
-    EXPECT_TRUE(outcome().startsWith(address.authoritiesFile +
-                                     QStringLiteral(": no certificates of authorities (PEM)")));
-    owner.reasons.clear();
-    address.authoritiesFile = file("absent.pem");
-    EXPECT_TRUE(outcome().startsWith(address.authoritiesFile));
+    const auto said = [this] {
+        owner.reasons.clear();
+        return outcome();
+    };
+    const QString other = file("openssl.cnf");
+    address.revokedFile = other;
+    EXPECT_EQ(said(), "tls.revoked: " + other + ": it has no list of revoked certificates (PEM)");
+    address.keyFile = other;
+    address.certificateFile = file("client.pem");
+    ::chmod(other.toLocal8Bit().constData(), 0600);
+    EXPECT_EQ(said(), "tls.key: " + other + ": it has no key (PEM, without a pass phrase)");
+    address.certificateFile = other;
+    EXPECT_EQ(said(), "tls.certificate: " + other +
+                          ": it has no certificate that can be used "
+                          "(PEM)");
+    address.authoritiesFile = other;
+    EXPECT_EQ(said(),
+              "tls.authorities: " + other + ": it has no certificates of authorities (PEM)");
+}
+
+TEST_F(BrokerSecurityTest, NamesTheKeyOfAFileThatIsMissingOrAFolder)
+{
+    const auto expect = [this](QString& path, const char* key) {
+        for (const auto& [other, what] :
+             {std::make_pair("absent.pem", "there is no such file"), {".", "it is a folder"}})
+        {
+            owner.reasons.clear();
+            path = file(other);
+            EXPECT_EQ(outcome(), QStringLiteral("tls.%1: %2: %3").arg(key, path, what));
+        }
+    };
+    expect(address.revokedFile, "revoked");
+    address.certificateFile = file("client.pem");
+    expect(address.keyFile, "key");
+    expect(address.certificateFile, "certificate");
+    expect(address.authoritiesFile, "authorities");
 }
 
 /// The broker knows the user "panel".
@@ -445,9 +496,34 @@ TEST_F(BrokerSecurityTest, ShowsNothingOfCredentialsThatAreMalformed)
     }
 }
 
-TEST_F(BrokerSecurityTest, NamesCredentialsThatAreMissing)
+TEST_F(BrokerSecurityTest, SaysWhatIsWrongWithCredentials)
 {
-    EXPECT_THROW(readCredentials(file("absent.json")), UserError);
+    const auto complaint = [](const QString& path) -> QString {
+        try {
+            readCredentials(path);
+        } catch (const UserError& error) {
+            return QString::fromUtf8(error.what()).mid(path.size());
+        }
+        return {};
+    };
+    const QString form = QStringLiteral("{\"user\": \"NAME\", \"password\": \"WORD\"}");
+    const auto of = [&](const char* text) {
+        const QString said = complaint(credentials(text));
+        const QString end = "; it must be " + form + ", as JSON";
+        EXPECT_TRUE(said.endsWith(end)) << qPrintable(said);
+        return said.left(said.size() - end.size());
+    };
+    EXPECT_EQ(of(" \n"), ": it is empty");
+    EXPECT_EQ(of("user=panel"), ": it is no JSON");
+    EXPECT_EQ(of(R"({"user": 7})"), ": \"user\" is not a text in quotes");
+    EXPECT_EQ(of(R"({"user": "a", "password": 7})"), ": \"password\" is not a text in quotes");
+    EXPECT_EQ(of(R"({"password": "a"})"), ": it has no \"user\"");
+    EXPECT_EQ(of("[]"), ": it has no \"user\"");
+    EXPECT_EQ(of(R"({"user": "a", "pass": "b"})"),
+              ": it has a key that is neither \"user\" nor \"password\"");
+    EXPECT_EQ(complaint(file("absent.json")),
+              ": there is no such file (create it: " + form + ", mode 0600)");
+    EXPECT_EQ(complaint(file(".")), ": it is a folder; name a file with " + form);
 }
 
 TEST_F(BrokerSecurityTest, TriesAgainAfterAPauseThatGrows)

@@ -597,5 +597,6 @@ TEST_F(HostileBroker, IsNotThere)
     peer.stopListening();
     connection = std::make_unique<MqttConnection>(owner, address, clock);
     connection->start();
-    EXPECT_EQ(reason(), QStringLiteral("Connection refused"));
+    EXPECT_EQ(reason(), QStringLiteral("Connection refused (is the broker running, is the port "
+                                       "right?)"));
 }
