@@ -632,6 +632,32 @@ void saveSparkplug()
     save(harness, "outdated", R"(s{"online":false,"timestamp":999})");
 }
 
+// What peers of a broker order; see orders_fuzz.cpp.
+void saveOrders()
+{
+    const char harness[] = "orders";
+    save(harness, "number", "0Level\n 42.5\n");
+    save(harness, "text", "0Text\n\"a\\u00e4\"");
+    save(harness, "bare", "0Text\n 42 ");
+    save(harness, "element", R"(0List
+{"value": 1.5, "element": 19, "id": "o-1"})");
+    save(harness, "which", "0List\n78");
+    save(harness, "timed", R"(8Level
+{"value": 18446744073709551615, "id": 7, "time": "2026-11-22T13:00:00.000Z"})");
+    save(harness, "seconds", R"(8Level
+{"value": true, "id": 7, "time": "2026-11-22T12:59:59Z"})");
+    save(harness, "late", R"(8Level
+{"value": null, "id": [], "time": 1795352300000})");
+    save(harness, "retained", "1Level\n1");
+    save(harness, "forgotten", "1Level\n");
+    save(harness, "expired", "6Level\n1");
+    save(harness, "escaped", "2a%2Fb\n{\"value\":-0}");
+    save(harness, "topic", "0p/press/1/a/b/set\n1");
+    save(harness, "others", "0q/press/1/Level/set\n1");
+    save(harness, "missing", "0p/press/2/Level/set\n1");
+    save(harness, "wrong", "0Level\n{\"value\": 1, \"valu\": \"\xff\"}");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -652,6 +678,7 @@ int main(int argc, char** argv)
     saveProjects();
     saveConfigurations();
     saveRequests();
+    saveOrders();
     saveSparkplug();
     saveTags();
     saveFaults();
