@@ -13,6 +13,7 @@
 #include <QtCore/QThread>
 
 #include <array>
+#include <csignal>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -141,7 +142,7 @@ TEST_F(DeliveryProcessTest, HasOnDiskAllThatTheServiceSentBeforeItWasGone)
     Script script;
     // The death of the service is known before what it sent was read, and it is time to look.
     script.opened = [](PublisherNeeds&) {
-        ::raise(kEndSignal);
+        ::kill(::getpid(), kEndSignal);
         QThread::msleep(100);
     };
     EXPECT_EQ(run(script), 0);
