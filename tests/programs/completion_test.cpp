@@ -91,12 +91,12 @@ TEST(Completion, OffersCommandsOptionsAndConfigurationsOfTheGateway)
         return offeredFor(MICRO850_GATEWAY, words);
     };
     EXPECT_EQ(offeredAfter({"stat"}), QStringList("status"));
-    EXPECT_EQ(offeredAfter({MICRO850_SOURCE_DIR "/examples/gate"}),
+    EXPECT_EQ(offeredAfter({MICRO850_SOURCE_DIR "/examples/gateway.j"}),
               QStringList(MICRO850_SOURCE_DIR "/examples/gateway.json"));
-    EXPECT_EQ(offeredAfter({"--check", MICRO850_SOURCE_DIR "/examples/gate"}),
+    EXPECT_EQ(offeredAfter({"--check", MICRO850_SOURCE_DIR "/examples/gateway.j"}),
               QStringList(MICRO850_SOURCE_DIR "/examples/gateway.json"));
     EXPECT_EQ(offeredAfter({"status", "--socket", "/dev/nul"}), QStringList("/dev/null"));
-    EXPECT_EQ(offeredAfter({"reload", MICRO850_SOURCE_DIR "/examples/gate"}), QStringList());
+    EXPECT_EQ(offeredAfter({"reload", MICRO850_SOURCE_DIR "/examples/gateway.j"}), QStringList());
     EXPECT_EQ(offeredAfter({"-"}), optionsIn(runProgram(MICRO850_GATEWAY, {"--help"})));
     for (const char* command : {"status", "reload"}) {
         const QStringList named = optionsIn(runProgram(MICRO850_GATEWAY, {command, "--help"}));

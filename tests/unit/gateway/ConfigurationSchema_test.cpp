@@ -163,7 +163,7 @@ TEST(ConfigurationSchema, AgreesWithTheParserOnNamesAndTheirNumber)
     }
 }
 
-TEST(ConfigurationSchema, AcceptsTheExampleAndItsProjects)
+TEST(ConfigurationSchema, AcceptsTheExamplesAndTheirProjects)
 {
     const json schema = schemaFile();
     const json project = schema::fileNamed("project.schema.json");
@@ -172,12 +172,15 @@ TEST(ConfigurationSchema, AcceptsTheExampleAndItsProjects)
         EXPECT_TRUE(file) << name;
         return json::parse(file, nullptr, true, true);
     };
-    const json configuration = example("gateway.json");
-    EXPECT_TRUE(accepts(schema, configuration));
-    for (const json& line : configuration["lines"])
-        EXPECT_TRUE(accepts(project, example(line["project"]))) << line.dump();
-    std::vector<std::string> mistakes;
-    micro850::gateway::Configuration::fromFile(MICRO850_SOURCE_DIR "/examples/gateway.json",
-                                               mistakes);
-    EXPECT_EQ(mistakes, std::vector<std::string>());
+    for (const char* const name : {"gateway.json", "gateway-broker.json"}) {
+        const json configuration = example(name);
+        EXPECT_TRUE(accepts(schema, configuration)) << name;
+        EXPECT_EQ(configuration.contains("mqtt"), name != std::string("gateway.json"));
+        for (const json& line : configuration["lines"])
+            EXPECT_TRUE(accepts(project, example(line["project"]))) << line.dump();
+        std::vector<std::string> mistakes;
+        micro850::gateway::Configuration::fromFile(
+            QStringLiteral(MICRO850_SOURCE_DIR "/examples/") + name, mistakes);
+        EXPECT_EQ(mistakes, std::vector<std::string>()) << name;
+    }
 }
