@@ -730,10 +730,8 @@ void JsonPublisher::Private::handleRefused(int token, const QString& reason)
     const Sent sent = m_sent.take(token);
     ++m_refused;
     m_needs.warn(QStringLiteral("refused by the broker"),
-                 "the broker refuses " +
-                     (sent.topic.isEmpty() ? QStringLiteral("a topic")
-                                           : QString::fromUtf8(sent.topic.left(200))) +
-                     ": " + reason);
+                 sent.topic.isEmpty() ? reason
+                                      : QString::fromUtf8(sent.topic.left(200)) + ": " + reason);
     if (sent.id)
         m_needs.flow().refuse(*sent.id);
 }

@@ -258,8 +258,11 @@ void Orders::requireFresh(const OrderContent& content) const
         return;
     const qint64 now = m_needs.wallClock().now();
     const qint64 age = now - *content.time;
-    const std::string times = " (its time is " + host::timeText(*content.time).toStdString() +
-                              ", here it is " + host::timeText(now).toStdString() + ')';
+    const qint64 kEarliestPlausible = 100000000000; // in 1973; as seconds it would be in 5138
+    const std::string times =
+        " (its time is " + host::timeText(*content.time).toStdString() + ", here it is " +
+        host::timeText(now).toStdString() +
+        (*content.time < kEarliestPlausible ? ": is it in milliseconds since 1970?)" : ")");
     if (age > m_maximumAgeMs)
         throw Refusal(kExpired, "the order is " + secondsText(age) + " old, the limit is " +
                                     secondsText(m_maximumAgeMs) + times);

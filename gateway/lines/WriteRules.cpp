@@ -312,7 +312,9 @@ WriteRules::Target WriteRules::targetOf(const WriteRequest& request) const
                                "element: " + std::to_string(request.element) +
                                    " is not in the variable, which has " +
                                    std::to_string(variable.length) + " element" +
-                                   (variable.length == 1 ? "" : "s"));
+                                   (variable.length == 1
+                                        ? ""
+                                        : "s (0 to " + std::to_string(variable.length - 1) + ')'));
         target.line = m_index.place(number).line;
         target.tag = {variable.station, variable.tag};
         target.within = request.element;
@@ -449,7 +451,8 @@ void WriteRules::requireRate(const Target& target)
         const std::size_t blocking =
             times->size() - static_cast<std::size_t>(*variable.writesPerMinute);
         refuse(variable.name.toStdString() + ": was written " + std::to_string(times->size()) +
-               " times in the last minute, and its \"writesPerMinute\" is " +
+               (times->size() == 1 ? " time" : " times") +
+               " in the last minute, and its \"writesPerMinute\" is " +
                std::to_string(*variable.writesPerMinute) + " (possible again in " +
                secondsText((*times)[blocking] + kMinute - now) + ')');
     }

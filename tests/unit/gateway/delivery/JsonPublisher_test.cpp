@@ -78,13 +78,18 @@ public:
         orders.push_back(order);
         answers.push_back(answer);
     }
-    void warn(const QString& kind, const QString&) override { ++warnings[kind.toStdString()]; }
+    void warn(const QString& kind, const QString& text) override
+    {
+        ++warnings[kind.toStdString()];
+        texts.push_back(text.toStdString());
+    }
     void note(const QString&) override {}
 
     bool isOver = false;
     std::vector<Order> orders;
     std::vector<std::function<void(const host::Json&)>> answers;
     std::map<std::string, int> warnings;
+    std::vector<std::string> texts;
 
 private:
     const Clock& m_clock;
@@ -208,6 +213,21 @@ protected:
     std::unique_ptr<FakeNeeds> m_needs;
     std::unique_ptr<JsonPublisher> m_publisher;
 };
+
+// The log had it twice: "the broker refuses p/status: the broker refuses the message: ...".
+TEST_F(JsonPublisherTest, SaysOnceThatTheBrokerRefusesAMessageOrASubscription)
+{
+    start();
+    connect();
+    ASSERT_FALSE(m_link.sent.empty());
+    const std::string topic = m_link.sent.front().message.topic.toStdString();
+    m_owner->handleRefused(m_link.sent.front().token,
+                           QStringLiteral("the broker refuses the message: Not authorized"));
+    m_owner->handleRefused(0, QStringLiteral("the broker refuses the subscription of \"x\""));
+    EXPECT_EQ(m_needs->texts,
+              (std::vector<std::string>{topic + ": the broker refuses the message: Not authorized",
+                                        "the broker refuses the subscription of \"x\""}));
+}
 
 // Each new topic was a row with all topics in it: 3,000 variables took 350 MB.
 TEST_F(JsonPublisherTest, AnnouncesThousandsOfVariablesOfUnknownTypeWithoutFillingTheDisk)

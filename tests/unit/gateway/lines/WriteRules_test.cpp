@@ -223,7 +223,10 @@ TEST_F(WriteRulesTest, WriteElementsOfAVariable)
     EXPECT_EQ(lines.asked.first().request["name"], "List");
     EXPECT_EQ(lines.asked.first().request["element"], 2);
     EXPECT_EQ(codeOf({{"name", "List"}, {"element", 2}, {"value", 6}}), "not-allowed");
-    EXPECT_EQ(codeOf({{"name", "List"}, {"element", 3}, {"value", 1}}), "bad-request");
+    const Json beyond = write({{"name", "List"}, {"element", 3}, {"value", 1}});
+    EXPECT_EQ(beyond["error"]["code"], "bad-request");
+    EXPECT_EQ(beyond["error"]["text"],
+              "element: 3 is not in the variable, which has 3 elements (0 to 2)");
 }
 
 TEST_F(WriteRulesTest, TakeATagWithinAWritableVariableForThatVariable)
@@ -249,7 +252,12 @@ TEST_F(WriteRulesTest, KeepLimitsOfAnElementUnderEveryNameOfIt)
     EXPECT_EQ(codeOf({{"name", "Valves"}, {"element", 2}, {"bytes", "3300"}}), "not-allowed");
     EXPECT_EQ(sent({{"name", "Valves"}, {"element", 1}, {"value", 51}}), "3300");
     EXPECT_EQ(sent({{"name", "Valves"}, {"element", 2}, {"value", 50}}), "3200");
-    EXPECT_EQ(codeOf({{"name", "Inlet"}, {"value", 1}}), "not-allowed") << "once a minute";
+    const Json again = write({{"name", "Inlet"}, {"value", 1}});
+    EXPECT_EQ(again["error"]["code"], "not-allowed") << "once a minute";
+    EXPECT_NE(again["error"]["text"].get<std::string>().find(
+                  "Inlet: was written 1 time in the last minute, and its"),
+              std::string::npos)
+        << again;
     EXPECT_EQ(codeOf({{"name", "Valves"}, {"element", 2}, {"value", 1}}), "not-allowed");
     EXPECT_EQ(sent({{"name", "Valves"}, {"element", 0}, {"value", 9}}), "0900")
         << "the span of a variable that cannot be written limits no other one";
