@@ -9,6 +9,8 @@
 #include <openssl/x509v3.h>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -105,6 +107,9 @@ void expectPrivateCredentials(const QString& path)
                                                 : std::strerror(errno));
     if (S_ISDIR(status.st_mode))
         refuseCredentials(path, std::string("it is a folder; name a file with ") + kForm);
+    // A pipe would let it wait for a writer.
+    if (!S_ISREG(status.st_mode))
+        refuseCredentials(path, std::string("it is no file; name a file with ") + kForm);
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         refuseCredentials(path, "group or others may read it: chmod 600 makes it private");
 }
@@ -166,6 +171,13 @@ QString handshakeReason(unsigned long error)
 }
 
 } // namespace
+
+void keepMemoryPrivate()
+{
+    const rlimit none = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &none);
+    ::prctl(PR_SET_DUMPABLE, 0);
+}
 
 BrokerCredentials readCredentials(const QString& path)
 {

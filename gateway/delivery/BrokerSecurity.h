@@ -18,6 +18,9 @@ struct BrokerCredentials
     std::string password;
 };
 
+/// No dump of the memory of this process is made, and other processes of its user cannot read it.
+void keepMemoryPrivate();
+
 /// Reads a file with "user" and "password". Throws UserError when it cannot be read, and when
 /// group or others may read it. No message has any of its content.
 BrokerCredentials readCredentials(const QString& path);

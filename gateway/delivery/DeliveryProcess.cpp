@@ -1,7 +1,9 @@
 #include "DeliveryProcess.h"
 
+#include "BrokerSecurity.h"
 #include "Channel.h"
 #include "ChildProcess.h"
+#include "ConnectionLog.h"
 #include "LossNotice.h"
 #include "MachineTime.h"
 #include "Memory.h"
@@ -45,6 +47,12 @@ DeliveryQueueSettings queueSettingsOf(const QString& kind, const Json& settings)
 {
     return kind == QLatin1String("mqtt") ? mqttSettingsOf(settings).queue
                                          : sparkplugSettingsOf(settings).queue;
+}
+
+BrokerAddress brokerOf(const QString& kind, const Json& settings)
+{
+    return kind == QLatin1String("mqtt") ? mqttSettingsOf(settings).broker
+                                         : sparkplugSettingsOf(settings).broker;
 }
 
 QString textOf(const JsonNode& message, const char* key)
@@ -132,7 +140,6 @@ private:
     void tick();
     void tellKept(const DeliveryQueue::Fed& fed);
     void beat();
-    void tellConnection(const Json& connection);
     void tellLosses();
     void tellDisk(const Json& queue);
     Json status() const;
@@ -159,9 +166,7 @@ private:
     std::map<qint64, std::function<void(const Json&)>> m_orders; ///< that wait for their replies
     qint64 m_lastOrder = 0;
     std::map<QString, qint64> m_warnings; ///< how often, by kind
-    qint64 m_connections = 0;             ///< that were told
-    QSet<QString> m_toldReasons;          ///< why there is none, since the last one
-    bool m_wasConnected = false;
+    ConnectionLog m_connectionLog;
     LossNotice m_lossNotice{0};
     QString m_disk; ///< why the disk refuses, as it was told last; empty: it does not
     Duration m_nextBeat{0};
@@ -247,6 +252,9 @@ void Process::open(const JsonNode& message)
         std::make_unique<DeliveryQueue>(queueSettingsOf(kind, settings), m_clock, m_wallClock);
     m_flow = std::make_unique<DeliveryFlow>(*m_queue, queueSettingsOf(kind, settings), m_clock);
     m_lossNotice = LossNotice(m_queue->lost());
+    const BrokerAddress broker = brokerOf(kind, settings);
+    if (!broker.credentialsFile.isEmpty() || !broker.keyFile.isEmpty())
+        keepMemoryPrivate();
     m_publisher = m_makePublisher(kind, settings, *this);
     const DeliveryQueue::Fed fed = m_queue->fed();
     m_taken = m_kept = fed.run == m_run ? fed.number : 0;
@@ -407,33 +415,11 @@ void Process::beat()
     m_nextBeat = m_clock.now() + kHeartbeat;
     tellLosses();
     const Json status = this->status();
-    tellConnection(status.value("connection", Json::object()));
+    for (const auto& line :
+         m_connectionLog.take(status.value("connection", Json::object()), m_clock.now()))
+        log(line.isWarning ? "warning" : "note", line.text);
     if (m_channel.output().size() < kEnoughWaiting)
         send({{"event", "status"}, {"status", status}});
-}
-
-// Each reason once, until there is a connection again.
-void Process::tellConnection(const Json& connection)
-{
-    const auto text = [&connection](const char* key) {
-        return QString::fromStdString(connection.value(key, ""));
-    };
-    const QString broker = text("broker");
-    const qint64 connections = connection.value("connections", qint64(0));
-    const bool isConnected = text("state") == QLatin1String("connected");
-    const QString reason = text("reason");
-    const bool isNew = connections > std::exchange(m_connections, connections);
-    const bool isLost = std::exchange(m_wasConnected, isConnected) && (!isConnected || isNew);
-    if ((isLost || !isConnected) && !reason.isEmpty() && !m_toldReasons.contains(reason) &&
-        m_toldReasons.size() < kMostKinds)
-    {
-        m_toldReasons.insert(reason);
-        log("warning", QStringLiteral("no connection to %1: %2").arg(broker, reason));
-    }
-    if (!isConnected || !isNew)
-        return;
-    m_toldReasons.clear();
-    log("note", QStringLiteral("connected to %1 with MQTT %2").arg(broker, text("version")));
 }
 
 void Process::tellLosses()

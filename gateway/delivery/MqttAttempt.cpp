@@ -167,6 +167,11 @@ struct MqttAttempt::Callbacks
     {
         MqttAttempt& attempt = of(object);
         // Below are errors of the library, which the caller of its functions sees.
+        if (code == MQTT_RC_SESSION_TAKEN_OVER && attempt.m_reason.isEmpty())
+            attempt.m_reason = withText(
+                QStringLiteral("another client came with the client id %1: each needs its own")
+                    .arg(attempt.m_settings.address.clientId),
+                reasonText(properties));
         if (code >= MQTT_RC_UNSPECIFIED && attempt.m_reason.isEmpty())
             attempt.m_reason = withText(QStringLiteral("the broker ends the connection: %1")
                                             .arg(QLatin1String(mosquitto_reason_string(code))),
@@ -350,6 +355,7 @@ void MqttAttempt::run()
         mosquitto_destroy(m_client);
     m_client = nullptr;
     closeDescriptor(m_ourEnd);
+    event.isByBroker = m_isByBroker;
     event.refusesVersion = m_refusesVersion;
     event.refusesRetained = m_refusesRetained;
     tell(std::move(event));
@@ -554,6 +560,7 @@ bool MqttAttempt::passFromBroker()
         return false;
     if (!isGood)
         return fail(m_incoming.reason());
+    m_isByBroker = !isOpen;
     return isOpen || fail(m_broker->reason());
 }
 

@@ -36,6 +36,7 @@ struct MqttEvent
     /// Of the end: what the broker does not take; another attempt may do without.
     bool refusesVersion = false;
     bool refusesRetained = false;
+    bool isByBroker = false; ///< of the end: the broker closed the connection
 };
 
 /// What the thread of a connection shall do.
@@ -154,6 +155,7 @@ private:
     bool m_isConnected = false;
     bool m_isPaused = false; ///< too many events wait: nothing is read
     bool m_refusesVersion = false;
+    bool m_isByBroker = false;
     bool m_refusesRetained = false;
     QString m_reason;
 };

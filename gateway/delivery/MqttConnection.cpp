@@ -17,8 +17,11 @@ namespace {
 
 const std::chrono::seconds kFirstPause(1);
 const std::chrono::seconds kLongestPause(60);
-// A connection that lasted so long was good: the next pause is the first one again.
-const std::chrono::seconds kSteadyAfter(10);
+// A connection that lasted so long was good: the next pause is the first one again. Two clients
+// with one client id take the connection from each other after their pauses.
+const std::chrono::seconds kSteadyAfter = 2 * kLongestPause;
+// After so many connections that the broker closed soon another client is likely to be the cause.
+const int kManyClosed = 3;
 // A thread that only waits for its sockets ends at once.
 const std::chrono::milliseconds kTimeToEnd(500);
 const qint64 kMostWaiting = qint64(2) * 1024 * 1024;
@@ -90,6 +93,7 @@ public:
     host::GrowingPause pause{kFirstPause, kLongestPause};
     Duration nextAttempt{0};
     Duration connectedAt{0};
+    int closed = 0; ///< connections by the broker, one after the other, each soon
     bool isVersion5;
     bool retainsWill = true;
     bool isEnding = false; ///< reconnect() was called for the attempt
@@ -131,8 +135,10 @@ void MqttConnection::Private::tick()
 {
     if (state == State::Waiting && clock.now() >= nextAttempt)
         begin();
-    if (state == State::Connected && clock.now() - connectedAt >= kSteadyAfter)
+    if (state == State::Connected && clock.now() - connectedAt >= kSteadyAfter) {
         pause.reset();
+        closed = 0;
+    }
 }
 
 void MqttConnection::Private::begin()
@@ -204,8 +210,11 @@ void MqttConnection::Private::handle(const MqttEvent& event)
 void MqttConnection::Private::handleEnd(const MqttEvent& event)
 {
     attempt.reset();
-    setState(State::Waiting);
     reason = event.reason;
+    if (state == State::Connected && event.isByBroker && ++closed >= kManyClosed)
+        reason += QStringLiteral(" again and again (has another client the client id %1, too?)")
+                      .arg(address.clientId);
+    setState(State::Waiting);
     retainsWill = !event.refusesRetained;
     // A broker without MQTT 5 is asked again whether it has it by now, once that connection is
     // over.

@@ -2,12 +2,19 @@
 // and broker, a simulated controller.
 
 #include "broker.h"
+#include "certificates.h"
 #include "gateway_fixture.h"
 #include "mqtt_receiver.h"
 #include "program_fixture.h"
 
+#include <sys/stat.h>
+
 #include <csignal>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -207,6 +214,198 @@ TEST_F(GatewayBroker, RefusesAnOrderThatExpiredWhileAProcessStoodStill)
     const Json last = result(outcome());
     EXPECT_EQ(last["outcome"], "written");
     EXPECT_EQ(last["old"], 8);
+}
+
+/// With a broker that wants TLS, a certificate and a password.
+class GatewaySecrets : public GatewayTest
+{
+protected:
+    static constexpr const char* kPassword = "t0ps3cret";
+
+    GatewaySecrets()
+    {
+        certificates.make("broker");
+        certificates.make("panel");
+        const std::string users = certificates.path("users");
+        const std::string command =
+            "mosquitto_passwd -b -c '" + users + "' panel " + kPassword + " >/dev/null 2>&1";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        TestBroker::Settings settings;
+        settings.more = "allow_anonymous false\npassword_file " + users + "\ncafile " +
+                        certificates.authority() + "\ncertfile " + certificates.path("broker.pem") +
+                        "\nkeyfile " + certificates.path("broker.key") + "\n";
+        broker = std::make_unique<TestBroker>(settings);
+        setCredentials(kPassword);
+    }
+    void setCredentials(const std::string& password) const
+    {
+        const QString credentials = file(QStringLiteral("credentials.json"),
+                                         R"({"user": "panel", "password": ")" + password + "\"}");
+        ::chmod(credentials.toLocal8Bit().constData(), 0600);
+    }
+    void start()
+    {
+        setConfigurationKeys(
+            R"("history": {"file": "history.sqlite"}, "mqtt": {"prefix": "plant", "broker": {
+               "host": "localhost", "port": )" +
+            std::to_string(broker->port()) +
+            R"(, "spreadMs": 0, "credentials": "credentials.json", "tls": {"authorities": ")" +
+            certificates.authority() + R"(", "certificate": ")" + certificates.path("panel.pem") +
+            R"(", "key": ")" + certificates.path("panel.key") +
+            R"("}}, "queue": {"file": "queue.sqlite"}}, )");
+        addLine("press", kTags, kVariables);
+        ASSERT_NO_FATAL_FAILURE(startGateway());
+    }
+    MqttReceiver::Settings receiving() const
+    {
+        MqttReceiver::Settings settings;
+        settings.port = broker->port();
+        settings.topics = {"plant/press/#"};
+        settings.user = "panel";
+        settings.password = kPassword;
+        settings.authorities = certificates.authority();
+        return settings;
+    }
+    Json status() { return GatewayClient(socketPath()).request({{"request", "status"}}); }
+    int process() { return status()["delivery"]["mqtt"].value("pid", 0); }
+
+    Certificates certificates;
+    std::unique_ptr<TestBroker> broker;
+};
+
+std::string contentOf(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+bool has(const std::string& text, const std::string& part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+TEST_F(GatewaySecrets, ShowsItsPasswordAndItsKeyNowhere)
+{
+    setCredentials("wr0ngs3cret");
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_TRUE(waitForLog(QStringLiteral("look at the user and the password in ")));
+    setCredentials(kPassword);
+    MqttReceiver receiver(receiving());
+    receiver.messageOn("plant/press/1/Count");
+    // Of the base64 of the key, which has no other line breaks.
+    const std::string key = contentOf(certificates.path("panel.key"));
+    const std::vector<std::string> secrets = {kPassword, "wr0ngs3cret",
+                                              key.substr(key.find('\n') + 1, 40)};
+    ASSERT_EQ(secrets[2].size(), 40u);
+    std::map<std::string, std::string> shown = {{"status", status().dump()}};
+    std::vector<qint64> processes = workers();
+    EXPECT_EQ(processes.size(), 2u);
+    processes.push_back(gatewayPid());
+    for (const qint64 pid : processes) {
+        for (const char* const name : {"/cmdline", "/environ", "/comm"})
+            shown["/proc/" + std::to_string(pid) + name] =
+                contentOf("/proc/" + std::to_string(pid) + name);
+    }
+    EXPECT_TRUE(has(shown["/proc/" + std::to_string(process()) + "/cmdline"], "deliver"));
+    EXPECT_TRUE(std::regex_search(contentOf("/proc/" + std::to_string(process()) + "/limits"),
+                                  std::regex("Max core file size +0 +0 ")));
+    EXPECT_EQ(stopGateway(), 0);
+    shown["log"] = log().toStdString();
+    const std::filesystem::path folder = path(QStringLiteral("gateway.sock")).toStdString();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(folder.parent_path())) {
+        if (entry.is_regular_file() && entry.path().filename() != "credentials.json")
+            shown[entry.path().string()] = contentOf(entry.path().string());
+    }
+    EXPECT_FALSE(shown[path(QStringLiteral("history.sqlite")).toStdString()].empty());
+    EXPECT_FALSE(shown[path(QStringLiteral("queue.sqlite")).toStdString()].empty());
+    for (const auto& [where, text] : shown) {
+        for (const std::string& secret : secrets)
+            EXPECT_FALSE(has(text, secret)) << where;
+    }
+}
+
+TEST_F(GatewaySecrets, GoesOnWhenItsBrokerIsKilledWhileItPublishesOverTls)
+{
+    ASSERT_NO_FATAL_FAILURE(start());
+    const auto waitUntilLast = [this](long long least) {
+        long long last = 0;
+        MqttReceiver receiver(receiving());
+        EXPECT_TRUE(receiver.waitFor([&](const Messages& messages) {
+            last = Account(messages).last();
+            return last >= least;
+        })) << log().toStdString();
+        return last;
+    };
+    long long last = waitUntilLast(20);
+    const int publishing = process();
+    ASSERT_GT(publishing, 0);
+    for (int i = 0; i < 3; ++i) {
+        broker->kill();
+        broker->start();
+        last = waitUntilLast(last + 20);
+    }
+    EXPECT_EQ(process(), publishing);
+    EXPECT_TRUE(waitUntil(
+        [this] { return status()["delivery"]["mqtt"]["connection"]["connections"] == 4; }));
+}
+
+/// With a broker that lets the gateway publish some topics only.
+class GatewayWithoutRights : public GatewayBroker, public ::testing::WithParamInterface<bool>
+{
+protected:
+    void deliver()
+    {
+        const std::string rights = certificates.path("rights");
+        std::ofstream(rights) << "topic read plant/#\ntopic write plant/status\n"
+                                 "topic write plant/press/state\ntopic write plant/press/1/state\n"
+                                 "topic write plant/press/1/Count\n";
+        TestBroker::Settings settings;
+        // Without a limit this broker ends the connection when it refuses a message.
+        settings.more =
+            "allow_anonymous true\nmax_queued_messages 100000\nacl_file " + rights + "\n";
+        strict = std::make_unique<TestBroker>(settings);
+        setConfigurationKeys(
+            R"("mqtt": {"prefix": "plant", "broker": {"host": "127.0.0.1", "port": )" +
+            std::to_string(strict->port()) + R"(, "spreadMs": 0, "version": ")" +
+            (GetParam() ? "5" : "3.1.1") + R"("}, "queue": {"file": "queue.sqlite"}}, )");
+        addLine("press", std::string(kTags) + R"(, {"name": "Locked", "type": "DINT",
+                "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}})",
+                std::string(kVariables) +
+                    R"(, {"name": "Locked", "tag": "Locked", "type": "DINT", "intervalMs": 50})");
+        ASSERT_NO_FATAL_FAILURE(startGateway());
+    }
+
+    Certificates certificates;
+    std::unique_ptr<TestBroker> strict;
+};
+
+INSTANTIATE_TEST_SUITE_P(Version, GatewayWithoutRights, ::testing::Bool(),
+                         [](const auto& test) { return test.param ? "V5" : "V3"; });
+
+TEST_P(GatewayWithoutRights, PublishesWhatItMayAndTellsOnceWhatIsRefused)
+{
+    ASSERT_NO_FATAL_FAILURE(deliver());
+    MqttReceiver::Settings settings = receiving();
+    settings.port = strict->port();
+    MqttReceiver receiver(settings);
+    ASSERT_TRUE(waitForMore(receiver, 100))
+        << log().toStdString() << delivery().dump() << strict->log();
+    const Json status = delivery()["mqtt"];
+    EXPECT_EQ(status["connection"]["connections"], 1) << status.dump();
+    const QString refused = QStringLiteral("mqtt: the broker refuses ");
+    if (GetParam()) {
+        EXPECT_GT(status["refusedByBroker"].get<int>(), 10) << status.dump();
+        EXPECT_EQ(status["warnings"]["refused by the broker"], status["refusedByBroker"]);
+        ASSERT_TRUE(waitForLog(refused));
+        EXPECT_TRUE(log().contains(QStringLiteral("Not authorized")));
+    } else {
+        // Such a broker acknowledges what it throws away.
+        EXPECT_EQ(status["refusedByBroker"], 0) << status.dump();
+    }
+    EXPECT_EQ(log().count(refused), GetParam() ? 1 : 0) << log().toStdString();
+    for (const auto& message : receiver.messages())
+        EXPECT_NE(message.topic, "plant/press/1/Locked");
+    EXPECT_LT(delivery()["mqtt"]["flow"].value("waiting", 0), 1000);
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -494,6 +495,27 @@ TEST_F(BrokerSecurityTest, ShowsNothingOfCredentialsThatAreMalformed)
             EXPECT_EQ(said.find(file("credentials.json").toStdString()), 0u) << said;
         }
     }
+}
+
+TEST_F(BrokerSecurityTest, AllowsNoDumpOfItsMemory)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        keepMemoryPrivate();
+        rlimit limit = {1, 1};
+        ::getrlimit(RLIMIT_CORE, &limit);
+        ::_exit(::prctl(PR_GET_DUMPABLE) == 0 && limit.rlim_max == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(BrokerSecurityTest, DoesNotWaitForCredentialsFromAPipe)
+{
+    const QString path = file("pipe");
+    ASSERT_EQ(::mkfifo(path.toLocal8Bit().constData(), 0600), 0);
+    EXPECT_THROW(readCredentials(path), UserError);
 }
 
 TEST_F(BrokerSecurityTest, SaysWhatIsWrongWithCredentials)

@@ -424,7 +424,36 @@ TEST_F(HostileBroker, EndsTheConnectionWithAnyReason)
     owner.connections = 0;
     beginAccepted();
     peer.send(packet(0xe0, hex("8e00")));
-    EXPECT_EQ(reason(), QStringLiteral("the broker ends the connection: Session taken over"));
+    EXPECT_EQ(reason(),
+              QStringLiteral("another client came with the client id gateway: each needs its own"));
+}
+
+TEST_F(HostileBroker, MayCloseTheConnectionSoonAgainAndAgainAndIsAskedMoreAndMoreSeldom)
+{
+    address.isVersion5 = false;
+    begin();
+    // The pauses of the other client with the same id: the connections last so long.
+    int paused = 0;
+    for (const int seconds : {1, 2, 4, 8, 16, 32, 60, 60}) {
+        peer.send(kAccepted3);
+        ASSERT_TRUE(run([&] { return owner.connections == paused + 1; }));
+        clock.advance(std::chrono::seconds(seconds));
+        connection->tick();
+        peer.close();
+        ASSERT_TRUE(run([&] { return owner.reasons.size() == paused + 1; }));
+        const QString closed = QStringLiteral("the broker closed the connection");
+        EXPECT_EQ(owner.reasons.last(),
+                  ++paused < 3 ? closed
+                               : closed + QStringLiteral(" again and again (has another client the "
+                                                         "client id gateway, too?)"));
+        clock.advance(std::chrono::milliseconds(seconds * 500 - 1));
+        connection->tick();
+        EXPECT_EQ(owner.wills, paused) << seconds;
+        clock.advance(std::chrono::milliseconds(seconds * 500 + 1));
+        connection->tick();
+        EXPECT_EQ(owner.wills, paused + 1) << seconds;
+        nextConnect();
+    }
 }
 
 TEST_F(HostileBroker, MayNotSendWhatNobodyAskedFor)
