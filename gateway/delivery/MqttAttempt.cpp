@@ -462,7 +462,8 @@ bool MqttAttempt::isEnding(QString& reason)
 bool MqttAttempt::isReadyToFinish() const
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_isFinishing && (!m_isConnected || (m_commands.empty() && m_sent.empty() && m_pings.empty()));
+    return m_isFinishing &&
+           (!m_isConnected || (m_commands.empty() && m_sent.empty() && m_pings.empty()));
 }
 
 void MqttAttempt::finishConnection()
