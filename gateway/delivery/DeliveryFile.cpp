@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 namespace micro850::gateway {
@@ -25,6 +26,9 @@ const qint64 kVersion = 1;
 const int kMessagesOfStep = 1024;
 const qint64 kBytesOfStep = qint64(256) * 1024;
 const int kPagesOfStep = 64;
+// On a small disk the queue leaves this part to others, and takes so much even of the smallest.
+const qint64 kPartForOthers = 8;
+const qint64 kLeastBytes = qint64(768) * 1024;
 
 // `recorded` is how long the queue was in use, in milliseconds, by the monotonic clock: the clock
 // on the wall may be set. `waiting` is the number of messages: to count them takes long, and a disk
@@ -143,9 +147,8 @@ struct DeliveryStatements
     Statement freePages;
 };
 
-DeliveryFile::DeliveryFile(const QString& path, const HistoryBudget& budget, qint64 series,
-                           const char* fileSystem)
-    : m_path(path), m_budget(budget)
+DeliveryFile::DeliveryFile(const QString& path, qint64 bytes, qint64 series, const char* fileSystem)
+    : m_path(path), m_wantedBytes(bytes), m_budget(affordable())
 {
     if (!fileSystem)
         create();
@@ -180,18 +183,23 @@ void DeliveryFile::prepare(qint64 series)
     m_database->run(QStringLiteral("PRAGMA synchronous = FULL"));
     if (fresh)
         createTables(*m_database, series);
-    const qint64 checkpoint = std::min<qint64>(1000, m_budget.log() / 4 / HistoryBudget::kPageSize);
-    m_database->run(QStringLiteral("PRAGMA wal_autocheckpoint = %1; PRAGMA journal_size_limit = "
-                                   "%2; PRAGMA max_page_count = %3")
-                        .arg(checkpoint)
-                        .arg(m_budget.log())
-                        .arg(m_budget.mostPages()));
+    setLimits();
     m_statements = std::make_unique<DeliveryStatements>(*m_database);
     struct stat status = {};
     if (::stat(QFile::encodeName(m_path).constData(), &status) != 0)
         failToWrite(m_path.toStdString(), errno);
     m_device = status.st_dev;
     m_inode = status.st_ino;
+}
+
+void DeliveryFile::setLimits()
+{
+    const qint64 checkpoint = std::min<qint64>(1000, m_budget.log() / 4 / HistoryBudget::kPageSize);
+    m_database->run(QStringLiteral("PRAGMA wal_autocheckpoint = %1; PRAGMA journal_size_limit = "
+                                   "%2; PRAGMA max_page_count = %3")
+                        .arg(checkpoint)
+                        .arg(m_budget.log())
+                        .arg(m_budget.mostPages()));
 }
 
 DeliveryState DeliveryFile::state()
@@ -209,9 +217,6 @@ DeliveryState DeliveryFile::state()
     state.fed = {row.text(5), row.number(6)};
     state.waiting = row.number(7);
     row.reset();
-    // Sources that are gone would stay for ever. Without messages nothing refers to one.
-    if (state.waiting == 0)
-        m_database->run(QStringLiteral("DELETE FROM sources"));
     Statement sequences(*m_database, "SELECT line, last FROM sequences");
     while (sequences.step())
         state.sequence[sequences.text(0)] = sequences.number(1);
@@ -219,6 +224,36 @@ DeliveryState DeliveryFile::state()
     while (kept.step())
         state.kept[kept.text(0)] = kept.text(1);
     return state;
+}
+
+// Sources that are gone would stay for ever. Without messages nothing refers to one.
+void DeliveryFile::removeSources()
+{
+    m_sources.clear();
+    try {
+        m_database->run(QStringLiteral("DELETE FROM sources"));
+    } catch (const UserError&) {
+        m_database->rollBack();
+    }
+}
+
+void DeliveryFile::rollBack()
+{
+    m_sources.clear();
+    m_database->rollBack();
+}
+
+// A disk that is full has no room for the messages of this queue, whatever the settings say: it
+// then removes the oldest, and never needs more to do so than it has.
+qint64 DeliveryFile::affordable() const
+{
+    struct statvfs status = {};
+    const QByteArray folder = QFile::encodeName(QFileInfo(m_path).absolutePath());
+    if (::statvfs(folder.constData(), &status) != 0)
+        return m_wantedBytes;
+    const qint64 room =
+        static_cast<qint64>(status.f_bavail) * static_cast<qint64>(status.f_frsize) + bytes();
+    return std::min(m_wantedBytes, std::max(kLeastBytes, room - room / kPartForOthers));
 }
 
 void DeliveryFile::requireInPlace() const
@@ -233,8 +268,12 @@ void DeliveryFile::requireInPlace() const
 // grow without a limit.
 void DeliveryFile::requireRoomInLog()
 {
-    if (QFileInfo(m_path + QStringLiteral("-wal")).size() <= m_budget.log() / 2)
-        return;
+    if (QFileInfo(m_path + QStringLiteral("-wal")).size() > m_budget.log() / 2)
+        emptyLog();
+}
+
+void DeliveryFile::emptyLog()
+{
     Statement checkpoint(*m_database, "PRAGMA wal_checkpoint(TRUNCATE)");
     const bool busy = checkpoint.step() && checkpoint.number(0) != 0;
     checkpoint.reset();
@@ -336,9 +375,18 @@ QVector<QueuedMessage> DeliveryFile::latest()
     return messages;
 }
 
+// The disk may have more room than when the file was opened.
 bool DeliveryFile::hasTooMuch()
 {
-    return numberOf(m_statements->pages) - numberOf(m_statements->freePages) > m_budget.fullPages();
+    const qint64 used = numberOf(m_statements->pages) - numberOf(m_statements->freePages);
+    if (used <= m_budget.fullPages())
+        return false;
+    const HistoryBudget now(affordable());
+    if (now.mostPages() > m_budget.mostPages() + m_budget.mostPages() / 8) {
+        m_budget = now;
+        setLimits();
+    }
+    return used > m_budget.fullPages();
 }
 
 DeliveryFile::Removed DeliveryFile::retain(qint64 recorded)
@@ -348,7 +396,8 @@ DeliveryFile::Removed DeliveryFile::retain(qint64 recorded)
     qint64 count = 0;
     qint64 bytes = 0;
     Statement& rows = m_statements->oldestMessages.bind(1, qint64(kMessagesOfStep));
-    while (bytes < kBytesOfStep && rows.step()) {
+    const qint64 most = std::min(kBytesOfStep, m_budget.log() / 2);
+    while (bytes < most && rows.step()) {
         if (!full && rows.number(1) >= recorded)
             break;
         last = rows.number(0);

@@ -49,18 +49,24 @@ struct DeliveryChanges
     QMap<QString, QString> kept; ///< what is new
 };
 
-/// The database of a queue. Functions throw UserError; after that the object must be destroyed.
+/// The database of a queue. Functions throw UserError; after that the object must be destroyed,
+/// unless the disk is only full and rollBack() succeeds.
 class DeliveryFile
 {
 public:
-    /// Opens the file or creates it with `series`.
-    DeliveryFile(const QString& path, const host::HistoryBudget& budget, qint64 series,
-                 const char* fileSystem);
+    /// Opens the file or creates it with `series`. On a smaller disk it takes less than `bytes`.
+    DeliveryFile(const QString& path, qint64 bytes, qint64 series, const char* fileSystem);
     ~DeliveryFile();
     DeliveryFile(const DeliveryFile&) = delete;
     DeliveryFile& operator=(const DeliveryFile&) = delete;
 
     DeliveryState state();
+    /// Forgets the sources of messages when there is no message. An error of it does not matter.
+    void removeSources();
+    /// Undoes what a transaction that failed has left open: the file is as it was before.
+    void rollBack();
+    /// Brings what is in the log into the file, so that the log takes no room.
+    void emptyLog();
     /// Deletes the messages after this one: those of a transaction of which nobody knew whether it
     /// was done.
     void removeAfter(qint64 id);
@@ -76,6 +82,8 @@ public:
     };
     /// Removes some of what came before `recorded`, or of the oldest while there is too much.
     Removed retain(qint64 recorded);
+    /// A message and a transaction are smaller.
+    qint64 bytesOfTransaction() const { return m_budget.bytesOfTransaction(); }
     /// Of the file and its log.
     qint64 bytes() const;
     /// The time of the oldest message; 0 when there is none.
@@ -84,13 +92,16 @@ public:
 private:
     void create() const;
     void prepare(qint64 series);
+    void setLimits();
     void requireInPlace() const;
     void requireRoomInLog();
     bool hasTooMuch();
+    qint64 affordable() const;
     void givePagesBack();
     qint64 sourceOf(const QueuedMessage& message);
 
     QString m_path;
+    const qint64 m_wantedBytes;
     host::HistoryBudget m_budget;
     std::unique_ptr<host::Database> m_database;
     std::unique_ptr<DeliveryStatements> m_statements;

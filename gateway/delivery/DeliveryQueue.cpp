@@ -5,6 +5,7 @@
 #include "HistoryFile.h"
 
 #include <QtCore/QDateTime>
+#include <QtCore/QFile>
 #include <QtCore/QSet>
 
 #include <algorithm>
@@ -45,12 +46,14 @@ qint64 bytesOf(const QueuedMessage& message)
            qint64(2) * (message.line.size() + message.name.size());
 }
 
-// A panel without a clock of its own begins with the same time again and again: chance keeps its
-// series apart. The number is one that a receiver can hold in a double.
-qint64 seriesFor(qint64 now)
+// A panel without a clock of its own begins with the same time again and again, and with a clock
+// that was set back the time is no help: a process that was killed may have sent a series that no
+// file knows. Chance keeps them apart. The number is one that a receiver can hold in a double.
+qint64 seriesAfter(qint64 last, qint64 now)
 {
     static std::mt19937 random{std::random_device()()};
-    return std::max<qint64>(1, now * 1000 + static_cast<qint64>(random() % 1000));
+    const qint64 next = last + 1 + static_cast<qint64>(random() % 1000000);
+    return std::max(next, now * 1000 + static_cast<qint64>(random() % 1000));
 }
 
 } // namespace
@@ -79,9 +82,13 @@ public:
     qint64 m_lastId = 0; ///< committed
     qint64 m_lost = 0;
     int m_generation = 0;
-    std::unique_ptr<DeliveryFile> m_file; ///< null: in memory
-    std::set<qint64> m_removed;           ///< from the file, not committed
+    /// Null: it cannot be used at all. In memory there may be a file that is only full: what is in
+    /// it is sent, and remembered as removed.
+    std::unique_ptr<DeliveryFile> m_file;
+    std::set<qint64> m_removed; ///< from the file, not committed
     QMap<QString, QString> m_kept;
+
+    bool isOnDisk() const { return m_file && !m_inMemory; }
 
 private:
     qint64 recorded() const;
@@ -100,8 +107,12 @@ private:
     void beginSeries();
     void handleFailure(const UserError& error);
     bool giveUpFile(const UserError& error);
+    bool keepFull(const UserError& error);
     bool setAside();
     void forgetFile();
+    void tryToGoOn();
+    void beginAnew();
+    qint64 mostOfTransaction() const;
     QVector<QueuedMessage> inMemoryAfter(qint64 id, int most) const;
 
     const Clock& m_clock;
@@ -130,7 +141,7 @@ private:
     /// Whether what was removed was there tells nothing: the last commit may have been done.
     bool m_isUncertain = false;
 
-    bool m_inMemory = false; ///< not all of m_memory is in the file
+    bool m_inMemory = false; ///< not all of m_memory is in the file, and nothing is written to it
     std::map<qint64, StoredMessage> m_memory;
     qint64 m_memoryBytes = 0;
     QString m_reason;
@@ -175,7 +186,7 @@ qint64 DeliveryQueue::Private::expired() const
 
 void DeliveryQueue::Private::beginSeries()
 {
-    m_series = std::max(m_series + 1, seriesFor(m_wallClock.now()));
+    m_series = seriesAfter(m_series, m_wallClock.now());
     m_sequence.clear();
     m_changedLines.clear();
 }
@@ -194,8 +205,11 @@ void DeliveryQueue::Private::giveNumbers(QVector<QueuedMessage>& messages)
 // Throws UserError.
 void DeliveryQueue::Private::open()
 {
-    auto file = std::make_unique<DeliveryFile>(m_settings.file, m_budget, m_series, m_fileSystem);
+    const qint64 bytes = qint64(m_settings.keepMegabytes) * 1024 * 1024;
+    auto file = std::make_unique<DeliveryFile>(m_settings.file, bytes, m_series, m_fileSystem);
     const DeliveryState state = file->state();
+    if (state.waiting == 0)
+        file->removeSources();
     if (m_identity.isEmpty()) {
         m_file = std::move(file);
         adopt(state);
@@ -284,6 +298,39 @@ void DeliveryQueue::Private::tryToOpen()
     }
 }
 
+// The disk was full, and all that the file has is at hand.
+void DeliveryQueue::Private::tryToGoOn()
+{
+    m_retryAt = m_clock.now() + kRetryInterval;
+    try {
+        m_file->emptyLog();
+        write({}, m_fed); // what is removed makes room
+        storeMemory();
+        m_inMemory = false;
+        m_reason.clear();
+        ++m_generation;
+    } catch (const UserError& error) {
+        handleFailure(error);
+        if (m_file && m_inMemory && m_waitingOnDisk <= static_cast<qint64>(m_removed.size()))
+            beginAnew();
+    }
+}
+
+// A full file without any message takes room that a new one can use: to write into the old one may
+// need more than there is.
+void DeliveryQueue::Private::beginAnew()
+{
+    m_file.reset();
+    for (const char* part : {"-wal", "-shm", ""})
+        QFile::remove(m_settings.file + QLatin1String(part));
+    tryToOpen();
+}
+
+qint64 DeliveryQueue::Private::mostOfTransaction() const
+{
+    return m_file ? m_file->bytesOfTransaction() : m_budget.bytesOfTransaction();
+}
+
 // Throws UserError.
 void DeliveryQueue::Private::storeMemory()
 {
@@ -292,16 +339,17 @@ void DeliveryQueue::Private::storeMemory()
         qint64 bytes = 0;
         for (const auto& [id, stored] : m_memory) {
             bytes += bytesOf(stored.message);
-            if (!part.isEmpty() && bytes > m_budget.bytesOfTransaction())
+            if (!part.isEmpty() && bytes > mostOfTransaction())
                 break;
             part.append(stored);
         }
         retain();
         write(part, m_fed); // what is pending comes with another transaction
-        for (const StoredMessage& each : part)
+        for (const StoredMessage& each : part) {
+            m_memoryBytes -= bytesOf(each.message);
             m_memory.erase(each.message.id);
+        }
     }
-    m_memoryBytes = 0;
 }
 
 // Throws UserError.
@@ -369,8 +417,34 @@ void DeliveryQueue::Private::retain()
 
 void DeliveryQueue::Private::handleFailure(const UserError& error)
 {
+    if (keepFull(error))
+        return;
     if (giveUpFile(error))
         tryToOpen();
+}
+
+// The file has what it had before: it can still be read.
+bool DeliveryQueue::Private::keepFull(const UserError& error)
+{
+    const auto* refused = dynamic_cast<const host::DatabaseError*>(&error);
+    if (!m_file || !refused || !refused->isFull())
+        return false;
+    try {
+        m_file->rollBack();
+        const DeliveryState state = m_file->state();
+        if (state.lastId != m_lastOnDisk + m_shift)
+            return false;
+        goOnWith(state);
+    } catch (const UserError&) {
+        return false;
+    }
+    if (!std::exchange(m_inMemory, true)) {
+        ++m_generation;
+        beginSeries();
+    }
+    m_retryAt = m_clock.now() + kRetryInterval;
+    m_reason = QString::fromUtf8(error.what());
+    return true;
 }
 
 // What was to be stored may be in the file or not. It is sent with other numbers, from memory. True
@@ -437,7 +511,7 @@ QVector<QueuedMessage> DeliveryQueue::Private::inMemoryAfter(qint64 id, int most
 void DeliveryQueue::Private::add(QueuedMessage message)
 {
     const qint64 bytes = bytesOf(message);
-    if (bytes > m_budget.bytesOfTransaction()) {
+    if (bytes > mostOfTransaction()) {
         ++m_lost;
         return;
     }
@@ -461,19 +535,23 @@ void DeliveryQueue::Private::remove(qint64 id)
 bool DeliveryQueue::Private::isFull() const
 {
     return m_pending.size() >= kMostMessagesOfCommit ||
-           m_pendingBytes >= std::min(kMostBytesOfCommit, m_budget.bytesOfTransaction() / 2);
+           m_pendingBytes >= std::min(kMostBytesOfCommit, mostOfTransaction() / 2);
 }
 
 bool DeliveryQueue::Private::hasChanges() const
 {
-    return !m_pending.isEmpty() || (m_file && !m_removed.empty()) || m_fed.run != m_lastFed.run ||
-           m_fed.number != m_lastFed.number;
+    return !m_pending.isEmpty() || (isOnDisk() && !m_removed.empty()) ||
+           m_fed.run != m_lastFed.run || m_fed.number != m_lastFed.number;
 }
 
 QVector<QueuedMessage> DeliveryQueue::Private::commit()
 {
-    if (!m_file && m_clock.now() >= m_retryAt)
-        tryToOpen();
+    if (!isOnDisk() && m_clock.now() >= m_retryAt) {
+        if (m_file)
+            tryToGoOn();
+        else
+            tryToOpen();
+    }
     const bool isIdle = m_clock.now() - m_storedAt < kIdleInterval || size() == 0;
     if (!hasChanges() && isIdle)
         return {};
@@ -486,7 +564,7 @@ QVector<QueuedMessage> DeliveryQueue::Private::commit()
     giveNumbers(added);
     // Twice: a damaged file is replaced at once.
     bool stored = false;
-    for (int attempt = 0; attempt < 2 && m_file && !stored; ++attempt) {
+    for (int attempt = 0; attempt < 2 && isOnDisk() && !stored; ++attempt) {
         try {
             store(added);
             stored = true;
@@ -512,8 +590,7 @@ QVector<QueuedMessage> DeliveryQueue::Private::after(qint64 id, int most)
             rows = m_file->after(id + m_shift, wanted);
         } catch (const UserError& error) {
             handleFailure(error);
-            messages.clear();
-            break;
+            return inMemoryAfter(id, most);
         }
         for (QueuedMessage& row : rows) {
             row.id -= m_shift;
@@ -522,9 +599,9 @@ QVector<QueuedMessage> DeliveryQueue::Private::after(qint64 id, int most)
                 messages.append(row);
         }
         if (rows.size() < wanted)
-            return messages;
+            break;
     }
-    return m_file ? messages : inMemoryAfter(id, most);
+    return messages + inMemoryAfter(id, most - messages.size());
 }
 
 QVector<QueuedMessage> DeliveryQueue::Private::latest()
@@ -548,7 +625,7 @@ void DeliveryQueue::Private::keep(const QString& key, const QString& value)
         return;
     m_kept[key] = value;
     m_keptToStore[key] = value;
-    if (!m_file)
+    if (!isOnDisk())
         return;
     try {
         write({}, m_fed); // what is pending comes with its messages
@@ -569,14 +646,15 @@ host::Json DeliveryQueue::Private::status()
     qint64 bytes = 0;
     try {
         if (m_file) {
-            oldest = m_file->oldest();
+            if (m_waitingOnDisk > static_cast<qint64>(m_removed.size()))
+                oldest = m_file->oldest();
             bytes = m_file->bytes();
         }
     } catch (const UserError& error) {
         handleFailure(error);
     }
-    host::Json object = {{"state", m_file ? "on disk" : "in memory"}};
-    if (!m_file)
+    host::Json object = {{"state", isOnDisk() ? "on disk" : "in memory"}};
+    if (!isOnDisk())
         object["reason"] = m_reason.toStdString();
     object["waiting"] = size();
     object["lost"] = m_lost;
@@ -659,7 +737,7 @@ int DeliveryQueue::generation() const
 
 int DeliveryQueue::removing() const
 {
-    return m_private->m_file ? static_cast<int>(m_private->m_removed.size()) : 0;
+    return m_private->isOnDisk() ? static_cast<int>(m_private->m_removed.size()) : 0;
 }
 
 qint64 DeliveryQueue::size() const

@@ -13,8 +13,9 @@
 namespace micro850::gateway {
 
 /// Messages that wait for the acknowledgement of the broker, in an SQLite database, bounded by size
-/// and age: the oldest go first and are counted. What was committed outlives the process and the
-/// power. While the disk refuses, messages are kept in memory, a bounded number of them.
+/// and age: the oldest go first and are counted. On a disk that is smaller than the settings allow,
+/// its size is the bound. What was committed outlives the process and the power. While the disk
+/// refuses, messages are kept in memory, a bounded number of them.
 class DeliveryQueue
 {
 public:
@@ -49,7 +50,7 @@ public:
     Fed fed() const;
 
     /// The next committed messages with a greater id, oldest first, without those removed. While
-    /// the disk refuses: of those in memory.
+    /// the disk refuses: of those in memory, and of those in the file as long as it can be read.
     QVector<QueuedMessage> after(qint64 id, int most);
     /// The latest message of each variable that waited when the file was opened.
     QVector<QueuedMessage> latest();

@@ -54,6 +54,11 @@ bool DatabaseError::isDamage() const
     return primary(m_code) == SQLITE_CORRUPT || primary(m_code) == SQLITE_NOTADB;
 }
 
+bool DatabaseError::isFull() const
+{
+    return primary(m_code) == SQLITE_FULL;
+}
+
 // ---- Statement ----------------------------------------------------------------------------------
 
 void Statement::Finalizer::operator()(sqlite3_stmt* statement) const
@@ -258,6 +263,12 @@ bool Database::hasTable(const QString& name)
     Statement asked(*this, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?");
     asked.bind(1, name);
     return asked.step();
+}
+
+void Database::rollBack()
+{
+    if (sqlite3_get_autocommit(m_database.get()) == 0)
+        run(QStringLiteral("ROLLBACK"));
 }
 
 int Database::changes() const

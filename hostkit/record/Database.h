@@ -24,6 +24,8 @@ public:
 
     /// The file is no database, or what is in it contradicts itself.
     bool isDamage() const;
+    /// There is no room for what was to be written.
+    bool isFull() const;
 
 private:
     int m_code; ///< of the library
@@ -83,6 +85,8 @@ public:
     qint64 number(const char* statement);
     QString text(const char* statement);
     bool hasTable(const QString& name);
+    /// Undoes what a transaction that failed has left open.
+    void rollBack();
     /// Rows that the last statement changed.
     int changes() const;
 

@@ -1,6 +1,7 @@
 #include "crash_disk.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
@@ -51,6 +52,10 @@ int readFile(sqlite3_file* file, void* to, int size, sqlite3_int64 at)
 int writeFile(sqlite3_file* file, const void* bytes, int size, sqlite3_int64 at)
 {
     if (disk->popFailedCall())
+        return SQLITE_FULL;
+    sqlite3_int64 before = 0;
+    realOf(file)->pMethods->xFileSize(realOf(file), &before);
+    if (at + size > before && !disk->hasRoom(at + size - before))
         return SQLITE_FULL;
     disk->note({CrashDisk::Kind::Write, nameOf(file), at,
                 std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(size))});
@@ -137,6 +142,7 @@ int openFile(sqlite3_vfs*, const char* path, sqlite3_file* file, int flags, int*
     if (disk->popFailedCall())
         return SQLITE_CANTOPEN;
     const std::string name = baseName(path);
+    disk->noteOpen(path ? path : "");
     std::strncpy(made->name, name.c_str(), sizeof made->name - 1);
     const int code = real->xOpen(real, path, realOf(file), flags, outFlags);
     if (!realOf(file)->pMethods)
@@ -213,6 +219,19 @@ bool CrashDisk::popFailedCall()
     if (m_failingCalls > 0)
         --m_failingCalls;
     return true;
+}
+
+bool CrashDisk::hasRoom(long long growth) const
+{
+    if (m_limit < 0)
+        return true;
+    long long used = 0;
+    for (const std::string& path : m_paths) {
+        struct stat status = {};
+        if (::stat(path.c_str(), &status) == 0)
+            used += status.st_size;
+    }
+    return used + growth <= m_limit;
 }
 
 void CrashDisk::replay(const Step& step)

@@ -3,6 +3,7 @@
 
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,11 @@ public:
     /// below 0: all of them.
     void failCalls(long long after, long long count);
     void succeed() { failCalls(0, 0); }
+    /// Files of this disk together have so many bytes at most; below 0: no limit.
+    void limit(long long bytes) { m_limit = bytes; }
+    /// Whether the files may grow by so much.
+    bool hasRoom(long long growth) const;
+    void noteOpen(const std::string& path) { m_paths.insert(path); }
     bool popFailedCall();
     /// Calls of the disk so far.
     long long calls() const { return m_calls; }
@@ -69,6 +75,8 @@ private:
     long long m_failingAfter = 0;
     long long m_failingCalls = 0;
     bool m_forgets = false;
+    long long m_limit = -1;
+    std::set<std::string> m_paths;
 };
 
 #endif

@@ -154,8 +154,11 @@ public:
             return true;
         }
         // Again only when the broker's acknowledgement was not on the disk.
-        if (!m_received.insert(value).second)
-            RC_ASSERT(m_uncertain.erase(value) == 1);
+        if (!m_received.insert(value).second) {
+            const auto allowed = m_uncertain.find(value);
+            RC_ASSERT(allowed != m_uncertain.end());
+            m_uncertain.erase(allowed);
+        }
         m_sent.push_back({message.id, value});
         return true;
     }
@@ -260,7 +263,8 @@ private:
             if (refused)
                 m_seriesWithLoss.insert(series.first);
         }
-        // A disk that refuses at the start does not tell what it has.
+        // A disk that refuses at the start does not tell what it has: such a value is fed again and
+        // sent from memory, and sent from the disk when that is back.
         for (int value = m_kept + 1; m_withFaults && value <= m_lastValue; ++value)
             m_uncertain.insert(value);
         m_flow.reset();
@@ -338,8 +342,8 @@ private:
     std::map<std::string, int> m_historyOf;
 
     // What may happen.
-    std::set<int> m_uncertain; ///< may come again
-    std::set<int> m_mayBeLost; ///< was in memory when the process was killed
+    std::multiset<int> m_uncertain; ///< may come again, each so often
+    std::set<int> m_mayBeLost;      ///< was in memory when the process was killed
     std::set<qint64> m_seriesWithLoss;
 };
 

@@ -264,6 +264,72 @@ TEST_F(DeliveryFlowTest, CountsNothingAsLostWhenWhatIsRepeatedIsAcknowledged)
     EXPECT_EQ(m_flow->status()["inFlight"], 0);
 }
 
+TEST_F(DeliveryFlowTest, LosesNothingInAnOutageOfAMinuteNorOfAnHour)
+{
+    m_settings.historyPerSecond = 1000;
+    restart();
+    m_flow->begin(m_outlet);
+    add("a", "first");
+    m_flow->tick();
+    acknowledgeAll();
+    for (const int seconds : {60, 3600}) {
+        m_flow->end();
+        m_outlet.sent.clear();
+        for (int second = 1; second <= seconds; ++second) { // a value a second
+            add("a", QByteArray::number(second));
+            m_clock.advance(std::chrono::seconds(1));
+            m_flow->tick();
+        }
+        EXPECT_EQ(m_queue->size(), seconds);
+        m_flow->begin(m_outlet);
+        std::size_t acknowledged = 0;
+        for (int i = 0; i < 200; ++i) { // ten seconds
+            m_clock.advance(std::chrono::milliseconds(50));
+            m_flow->tick();
+            for (; acknowledged < m_outlet.sent.size(); ++acknowledged)
+                m_flow->acknowledge(m_outlet.sent[acknowledged].message.id);
+        }
+        ASSERT_EQ(m_outlet.sent.size(), static_cast<std::size_t>(seconds)) << "each comes once";
+        EXPECT_EQ(m_outlet.sent[0].delivery, Delivery::Live);
+        EXPECT_EQ(m_outlet.sent[0].message.body, QByteArray::number(seconds));
+        for (int i = 1; i < seconds; ++i) {
+            ASSERT_EQ(m_outlet.sent[i].delivery, Delivery::History);
+            ASSERT_EQ(m_outlet.sent[i].message.body, QByteArray::number(i));
+            ASSERT_EQ(m_outlet.sent[i].message.sequence,
+                      m_outlet.sent[0].message.sequence - seconds + i);
+        }
+        EXPECT_EQ(m_queue->size(), 0);
+        EXPECT_EQ(m_queue->lost(), 0);
+    }
+}
+
+TEST_F(DeliveryFlowTest, KeepsItsOrderWhenTheClockOnTheWallIsSteppedByADay)
+{
+    for (const qint64 step : {86400, -2 * 86400}) {
+        m_flow->begin(m_outlet);
+        add("a", "1");
+        m_flow->tick();
+        m_flow->end(); // it waits while the clock is stepped
+        add("a", "2");
+        m_flow->tick();
+        m_wallClock.advance(step * 1000);
+        add("a", "3");
+        pass(std::chrono::milliseconds(200));
+        m_outlet.sent.clear();
+        m_flow->begin(m_outlet);
+        pass(std::chrono::milliseconds(500));
+        const qint64 series = m_outlet.sent[0].message.series;
+        for (const SentMessage& each : m_outlet.sent)
+            EXPECT_EQ(each.message.series, series);
+        acknowledgeAll();
+        EXPECT_EQ(popSent(), "LIVE a=3, HISTORY a=1, HISTORY a=2");
+        pass(std::chrono::milliseconds(200));
+        m_flow->end();
+        EXPECT_EQ(m_queue->size(), 0);
+        EXPECT_EQ(m_queue->lost(), 0);
+    }
+}
+
 TEST_F(DeliveryFlowTest, SendsEventsInOrderWithValuesAndRepeatsNone)
 {
     m_flow->begin(m_outlet);

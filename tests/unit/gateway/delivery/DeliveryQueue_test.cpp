@@ -528,6 +528,22 @@ TEST_F(DeliveryQueueTest, GoesToMemoryInANewSeriesAndBackToTheDisk)
     EXPECT_EQ(m_queue->fed().number, 5);
 }
 
+TEST_F(DeliveryQueueTest, UsesNoSeriesTwiceAfterAKillThoughTheClockWasSetBack)
+{
+    open(kDisk);
+    store("1");
+    m_wallClock.advance(-kHourMs);
+    std::set<qint64> series;
+    for (int i = 0; i < 5; ++i) {
+        m_disk.failCalls(0, -1);
+        const QueuedMessage held = store("held"); // it is sent, and the file knows nothing of it
+        EXPECT_TRUE(series.insert(held.series).second);
+        m_queue.reset();
+        m_disk.succeed();
+        open(kDisk);
+    }
+}
+
 TEST_F(DeliveryQueueTest, KeepsABoundedNumberInMemoryAndCountsTheOldest)
 {
     CrashDisk& disk = m_disk;
@@ -615,6 +631,149 @@ TEST_F(DeliveryQueueTest, KeepsInTheFileWhatWasToBeKeptWhileTheDiskRefused)
     store("1");
     open(kDisk);
     EXPECT_EQ(m_queue->kept("bdSeq"), "1");
+}
+
+// ---- A full disk --------------------------------------------------------------------------------
+
+namespace {
+
+class DeliveryQueueFullDisk : public DeliveryQueueTest
+{
+protected:
+    void SetUp() override
+    {
+        m_disk.forgetSteps();
+        open(kDisk);
+    }
+    /// Adds messages until the disk has no room for them. Returns how many are in the file.
+    int fill()
+    {
+        m_disk.limit(400 * 1000);
+        int count = 0;
+        while (state() == "on disk" && count < 10000) {
+            for (int i = 0; i < kOfCommit; ++i)
+                add(bodyOf(++count));
+            for (const QueuedMessage& message : m_queue->commit())
+                m_all[message.id] = message.body;
+        }
+        EXPECT_LT(count, 10000);
+        EXPECT_EQ(state(), "in memory");
+        EXPECT_NE(reason().find("full"), std::string::npos) << reason();
+        return count - kOfCommit;
+    }
+    static QByteArray bodyOf(int number) { return QByteArray::number(number).rightJustified(500); }
+    /// What waits is what was added and not acknowledged, in order.
+    void expectAllWaits()
+    {
+        const QVector<QueuedMessage> rows = m_queue->after(0, 100000);
+        std::map<qint64, QByteArray> found;
+        for (const QueuedMessage& row : rows)
+            found[row.id] = row.body;
+        EXPECT_EQ(rows.size(), static_cast<int>(found.size()));
+        EXPECT_EQ(found, m_all);
+        EXPECT_EQ(m_queue->size(), static_cast<qint64>(m_all.size()));
+        EXPECT_EQ(m_queue->lost(), 0);
+    }
+    /// The broker takes so many of the oldest.
+    void acknowledge(int count)
+    {
+        for (const QueuedMessage& message : m_queue->after(0, count)) {
+            m_queue->remove(message.id);
+            m_all.erase(message.id);
+        }
+    }
+
+    static const int kOfCommit = 10;
+    std::map<qint64, QByteArray> m_all; ///< by id
+};
+
+} // namespace
+
+TEST_F(DeliveryQueueFullDisk, GivesWhatIsInTheFileAndWhatCameSince)
+{
+    const int onDisk = fill();
+    ASSERT_GT(onDisk, 50);
+    expectAllWaits();
+    const QueuedMessage held = store("held");
+    m_all[held.id] = held.body;
+    expectAllWaits();
+    acknowledge(50);
+    expectAllWaits();
+    EXPECT_EQ(m_queue->after(0, 1)[0].body, bodyOf(51));
+    EXPECT_EQ(m_queue->removing(), 0) << "there may be no commit for long";
+}
+
+TEST_F(DeliveryQueueFullDisk, RecoversByItselfWhenTheBrokerHasTakenWhatItHad)
+{
+    const int onDisk = fill();
+    const QueuedMessage held = store("held");
+    m_all[held.id] = held.body;
+    acknowledge(onDisk);
+    for (int i = 0; i < 5; ++i)
+        retry();
+    EXPECT_EQ(state(), "on disk") << reason();
+    expectAllWaits();
+    const QueuedMessage next = store("next");
+    EXPECT_EQ(next.series, held.series);
+    EXPECT_EQ(next.sequence, held.sequence + 1);
+    m_all[next.id] = next.body;
+    expectAllWaits();
+    open(kDisk);
+    EXPECT_EQ(m_queue->size(), static_cast<qint64>(m_all.size()));
+    EXPECT_EQ(store("after").sequence, next.sequence + 1);
+}
+
+TEST_F(DeliveryQueueFullDisk, StoresAllOfItWhenThereIsRoomAgain)
+{
+    fill();
+    for (int i = 0; i < 20; ++i) {
+        const QueuedMessage held = store("held");
+        m_all[held.id] = held.body;
+        m_clock.advance(std::chrono::seconds(1)); // it is tried in vain
+    }
+    acknowledge(30);
+    expectAllWaits();
+    m_disk.limit(-1);
+    retry();
+    EXPECT_EQ(state(), "on disk") << reason();
+    EXPECT_EQ(reason(), "");
+    expectAllWaits();
+    open(kDisk);
+    EXPECT_EQ(m_queue->size(), static_cast<qint64>(m_all.size()));
+}
+
+TEST_F(DeliveryQueueFullDisk, KeepsItsBooksWhileItIsFullAgainAndAgain)
+{
+    std::mt19937 random(18);
+    const auto passTime = [&] {
+        m_clock.advance(std::chrono::milliseconds(500));
+        for (const QueuedMessage& message : m_queue->commit())
+            m_all[message.id] = message.body;
+    };
+    for (int round = 0; round < 60; ++round) {
+        m_disk.limit(round % 3 == 2 ? -1 : 150 * 1000 + static_cast<int>(random() % 200000));
+        for (int i = 0; i < 40; ++i) {
+            for (std::size_t k = random() % 8; k > 0; --k)
+                add(bodyOf(static_cast<int>(m_number) + 1));
+            passTime();
+            acknowledge(static_cast<int>(random() % 8));
+        }
+        ASSERT_NO_FATAL_FAILURE(expectAllWaits());
+        if (HasFailure())
+            FAIL() << "round " << round;
+    }
+    m_disk.limit(-1);
+    retry();
+    EXPECT_EQ(state(), "on disk") << reason();
+    expectAllWaits();
+    open(kDisk);
+    std::vector<QByteArray> bodies;
+    for (const QueuedMessage& row : m_queue->after(0, 100000))
+        bodies.push_back(row.body);
+    std::vector<QByteArray> expected;
+    for (const auto& each : m_all)
+        expected.push_back(each.second);
+    EXPECT_EQ(bodies, expected);
 }
 
 // ---- Every call that fails ----------------------------------------------------------------------
