@@ -27,6 +27,9 @@ using Number = DeliveryAccount::Number;
 const char kLine[] = "press";
 /// The most messages that a cut or a kill may repeat; docs/mqtt.md promises it.
 const int kWindow = 1000;
+/// So many new messages wait for a commit or an acknowledgement while all goes well: those of a
+/// third of a second, on a machine that is busy.
+const int kOnItsWay = 400;
 
 /// Tags that count, each with a period of its own.
 std::string tags(int count, double period)
@@ -69,6 +72,52 @@ class GatewayDelivery : public GatewayTest
 {
 protected:
     void SetUp() override { proxy = std::make_unique<MqttProxy>(broker.port()); }
+
+    /// What the broker keeps of each variable is the newest value that came of it.
+    void TearDown() override
+    {
+        if (receiver && !HasFatalFailure())
+            expectTheLatestIsRetained();
+        GatewayTest::TearDown();
+    }
+    void expectTheLatestIsRetained()
+    {
+        stopGateway();
+        MqttReceiver::Settings settings;
+        settings.port = broker.port();
+        settings.topics = {"plant/press/1/+"};
+        const MqttReceiver fresh(settings);
+        std::map<std::string, Json> kept;
+        std::map<std::string, Json> latest;
+        until([&] {
+            kept = lastOf(fresh);
+            latest = lastOf(*receiver);
+            return !latest.empty() && kept == latest;
+        });
+        EXPECT_EQ(kept, latest);
+        for (const auto& [topic, value] : kept) {
+            const auto& all = account.values(kLine, topic.substr(topic.rfind('/') + 1));
+            EXPECT_TRUE(hasClockSteps || value["time"] == all.rbegin()->first) << topic;
+        }
+    }
+    /// The last message of each variable by its topic, without history.
+    static std::map<std::string, Json> lastOf(const MqttReceiver& from)
+    {
+        const std::string start = "plant/press/1/C";
+        std::map<std::string, Json> last;
+        for (const MqttReceiver::Message& message : from.messages()) {
+            if (message.topic.rfind(start, 0) == 0 &&
+                message.topic.find('/', start.size()) == std::string::npos)
+                last[message.topic] = Json::parse(message.payload);
+        }
+        return last;
+    }
+    /// Waits until the receiver has all that passed to the broker.
+    bool settle()
+    {
+        const std::size_t sent = proxy->published().size();
+        return until([&] { return taken >= sent; });
+    }
 
     void deliver(int count = 10, double period = 0.03, const std::string& queue = std::string())
     {
@@ -237,6 +286,7 @@ protected:
     std::unique_ptr<GatewayReader> witness;
     DeliveryAccount account{"plant"};
     std::vector<Witnessed> seen;
+    bool hasClockSteps = false;
     std::size_t checked = 0; ///< of them came
     std::size_t taken = 0;   ///< of the receiver's messages
     std::set<Number> numbersOfTheDead;
@@ -329,7 +379,7 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheBrokerIsKilled)
 {
     deliver();
     serve();
-    for (const std::size_t values : {300, 30, 800}) { // a second, a moment, some seconds
+    for (const std::size_t values : {30, 200}) { // a moment, a second
         ASSERT_TRUE(received(100)) << log().toStdString();
         killBroker();
         ASSERT_TRUE(more(values));
@@ -337,7 +387,7 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheBrokerIsKilled)
         expectNothingIsLost();
     }
     EXPECT_GT(account.history(), 0);
-    EXPECT_LE(account.doubles(), 3 * kWindow);
+    EXPECT_LE(account.doubles(), 2 * kWindow);
     EXPECT_EQ(account.series(kLine).size(), 1u);
 }
 
@@ -345,7 +395,7 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheBrokerIsKilledInTheMiddleOfAnAcknowle
 {
     deliver();
     serve();
-    for (const int acknowledgements : {0, 7, 40}) {
+    for (const int acknowledgements : {0, 25}) {
         ASSERT_TRUE(received(50)) << log().toStdString();
         const int before = proxy->connections();
         proxy->refuse(true);
@@ -356,7 +406,7 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheBrokerIsKilledInTheMiddleOfAnAcknowle
         restartBroker();
         expectNothingIsLost();
     }
-    EXPECT_LE(account.doubles(), 3 * kWindow);
+    EXPECT_LE(account.doubles(), 2 * kWindow);
 }
 
 TEST_F(GatewayDelivery, RepeatsWhatWasNotAcknowledgedAndNoMoreAfterTheNetworkWasCut)
@@ -366,6 +416,7 @@ TEST_F(GatewayDelivery, RepeatsWhatWasNotAcknowledgedAndNoMoreAfterTheNetworkWas
     ASSERT_TRUE(received(100));
     EXPECT_EQ(account.doubles(), 0);
     proxy->dropAcknowledgements(true);
+    ASSERT_TRUE(settle()); // what comes from now on is not acknowledged
     const int before = account.received();
     const std::size_t acknowledged = proxy->acknowledged().size();
     ASSERT_TRUE(received(100));
@@ -429,16 +480,16 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheBrokerStandsStillForAWhile)
 
 TEST_F(GatewayDelivery, SendsHistoryBehindNewValuesAtItsRateAndNeverTheWholeQueueAgain)
 {
-    historyPerSecond = 100;
-    deliver(5, 0.05);
+    historyPerSecond = 150;
+    deliver(5, 0.03);
     serve();
     ASSERT_TRUE(received(50));
     proxy->refuse(true);
     proxy->cut();
-    ASSERT_TRUE(more(400));
+    ASSERT_TRUE(more(150));
     proxy->refuse(false);
     const int historyBefore = account.history();
-    ASSERT_TRUE(until([&] { return account.history() >= historyBefore + 100; }));
+    ASSERT_TRUE(until([&] { return account.history() >= historyBefore + 50; }));
     QElapsedTimer timer;
     timer.start();
     // In the middle of its history the gateway is stopped and started.
@@ -471,7 +522,7 @@ TEST_F(GatewayDelivery, DropsTheOldestAndCountsThemWhenTheQueueIsFull)
     proxy->dropAcknowledgements(true); // the connection stays, so that no pause grows
     ASSERT_TRUE(until([&] {
         const Json status = deliveryStatus();
-        return status.contains("flow") && status["flow"]["lost"] > 2 * kWindow;
+        return status.contains("flow") && status["flow"]["lost"] > kWindow;
     })) << deliveryStatus().dump();
     ASSERT_TRUE(more(500));
     proxy->dropAcknowledgements(false);
@@ -485,8 +536,8 @@ TEST_F(GatewayDelivery, DropsTheOldestAndCountsThemWhenTheQueueIsFull)
     Json flow;
     ASSERT_TRUE(until([&] {
         flow = deliveryStatus()["flow"];
-        const bool isBehind = flow["waiting"] > flow["inFlight"];
-        return !isBehind && static_cast<std::int64_t>(gaps().size()) <= flow["lost"];
+        return flow["waiting"] <= kOnItsWay &&
+               static_cast<std::int64_t>(gaps().size()) <= flow["lost"];
     })) << gaps().size()
         << " are missing\n"
         << flow.dump();
@@ -511,17 +562,52 @@ TEST_F(GatewayDelivery, LosesNothingWhileTheDiskIsFull)
     deliver(10, 0.03, path("disk/queue.sqlite").toStdString());
     serve();
     ASSERT_TRUE(received(100));
+    proxy->refuse(true);
+    proxy->cut();
+    ASSERT_TRUE(more(200)); // these are in the file
     disk.fill();
-    ASSERT_TRUE(more(300));
+    ASSERT_TRUE(more(200));
+    proxy->refuse(false);
     expectNothingIsLost();
     EXPECT_GE(account.series(kLine).size(), 2u) << "numbers that are not on disk have a series";
     disk.empty();
     ASSERT_TRUE(more(300));
     expectNothingIsLost();
-    EXPECT_EQ(account.doubles(), 0);
+    EXPECT_LE(account.doubles(), kWindow);
     // From the disk again: they outlive the process.
     ASSERT_TRUE(until([&] { return deliveryStatus()["flow"]["state"] == "on disk"; }))
         << deliveryStatus().dump();
+}
+
+TEST_F(GatewayDelivery, TakesASmallDiskForItsBoundAndGoesOnByItself)
+{
+    const SmallDisk disk(path("disk")); // one megabyte, the settings allow 256
+    deliver(20, 0.015, path("disk/queue.sqlite").toStdString());
+    serve();
+    ASSERT_TRUE(received(100));
+    proxy->refuse(true);
+    proxy->cut();
+    Json flow;
+    ASSERT_TRUE(until([&] {
+        flow = deliveryStatus().value("flow", Json::object());
+        return flow.value("lost", 0) > 200 || flow.value("state", "on disk") != "on disk";
+    }));
+    EXPECT_EQ(flow["state"], "on disk") << flow.dump();
+    EXPECT_GT(flow["waiting"], 300) << flow.dump();
+    const std::size_t end = seen.size();
+    proxy->refuse(false);
+    ASSERT_TRUE(until([&] {
+        flow = deliveryStatus()["flow"];
+        return account.has(kLine, seen[end - 1].name, seen[end - 1].time, seen[end - 1].value) &&
+               flow["waiting"] <= kOnItsWay &&
+               static_cast<std::int64_t>(gaps().size()) <= flow["lost"];
+    })) << flow.dump()
+        << log().toStdString();
+    EXPECT_EQ(flow["state"], "on disk") << flow.dump();
+    EXPECT_EQ(account.series(kLine).size(), 1u) << "it never had to leave the disk";
+    EXPECT_FALSE(gaps().empty());
+    for (const std::string& fault : account.faults())
+        ADD_FAILURE() << fault;
 }
 
 TEST_F(GatewayDelivery, LosesNothingWhenTheClockIsSteppedForthAndBack)
@@ -533,9 +619,10 @@ TEST_F(GatewayDelivery, LosesNothingWhenTheClockIsSteppedForthAndBack)
     ASSERT_TRUE(seconds);
     deliver();
     account.setClockSteps();
+    hasClockSteps = true;
     serve({"LD_PRELOAD=" STEPPED_CLOCK, "STEPPED_CLOCK_FILE=" + path("offset"),
            "ASAN_OPTIONS=verify_asan_link_order=0"});
-    for (const int step : {3600, -7200, 0}) {
+    for (const int step : {86400, -7200}) {
         ASSERT_TRUE(more(100));
         // One half of the values waits while the clock is stepped.
         proxy->dropAcknowledgements(true);
@@ -554,8 +641,9 @@ TEST_F(GatewayDelivery, SkipsNoNumberWhenItIsKilledAtRandomMoments)
     const int kills = 50;
     deliver(5, 0.01);
     std::mt19937 dice(20261122);
-    std::size_t sure = 0;
+    std::size_t sure = 0; // of `seen`: these must come
     for (int i = 0; i < kills; ++i) {
+        const int doubles = account.doubles();
         serve();
         if (!received(1 + static_cast<int>(dice() % 60)))
             FAIL() << "nothing came after kill " << i << '\n' << log().toStdString();
@@ -567,21 +655,29 @@ TEST_F(GatewayDelivery, SkipsNoNumberWhenItIsKilledAtRandomMoments)
         if (i % 3 == 1)
             more(dice() % 40);
         killGateway();
-        pump();
+        // The broker tells the end of a connection behind all that came from it.
+        ASSERT_TRUE(
+            until([&] { return proxy->openConnections() == 0 && account.state() == "offline"; }));
         witness.reset();
-        if (i % 3 != 0) // what only the service knew died with it
-            seen.resize(sure);
-        sure = seen.size();
+        EXPECT_LE(account.doubles() - doubles, kWindow) << "after kill " << i;
+        // A message is committed before it is sent, and in the order in which it came: so what came
+        // before one that the receiver has was on the disk. What came later may have been on its
+        // way, between the processes or to the next commit: the kill takes it.
+        std::size_t end = seen.size();
+        const auto came = [&](const Witnessed& value) {
+            return account.has(kLine, value.name, value.time, value.value);
+        };
+        while (end > sure && !came(seen[end - 1]))
+            --end;
+        EXPECT_LE(seen.size() - end, 1000u) << "two seconds before kill " << i;
+        seen.resize(end);
+        sure = end;
     }
     serve();
     ASSERT_TRUE(received(200));
-    ASSERT_TRUE(until([&] { return gaps().empty(); })) << gaps().size();
+    ASSERT_TRUE(until([&] { return gaps().empty() && lost().empty(); }))
+        << gaps().size() << " numbers and " << lost().size() << " values of " << seen.size();
     EXPECT_EQ(account.series(kLine).size(), 1u);
-    EXPECT_LE(account.doubles(), kills * kWindow);
-    // Only what a client saw just before the service was killed need not have reached the other
-    // process.
-    const std::vector<Witnessed> unsent = lost();
-    EXPECT_LE(unsent.size(), sure / 10);
     for (const std::string& fault : account.faults())
         ADD_FAILURE() << fault;
 }
