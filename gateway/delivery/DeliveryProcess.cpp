@@ -168,6 +168,7 @@ private:
     std::map<QString, qint64> m_warnings; ///< how often, by kind
     ConnectionLog m_connectionLog;
     LossNotice m_lossNotice{0};
+    QString m_setAside; ///< told last
     QString m_disk; ///< why the disk refuses, as it was told last; empty: it does not
     Duration m_nextBeat{0};
     bool m_isOver = false;
@@ -445,6 +446,13 @@ void Process::tellLosses()
 
 void Process::tellDisk(const Json& queue)
 {
+    const QString setAside = QString::fromStdString(queue.value("setAside", ""));
+    if (setAside != m_setAside) {
+        m_setAside = setAside;
+        log("warning", QStringLiteral("the queue's file was damaged: it was renamed to %1; the "
+                                      "messages in it are not delivered, a new queue begins")
+                           .arg(setAside));
+    }
     const bool isOnDisk = queue.value("state", "") == "on disk";
     const QString reason =
         isOnDisk ? QString()

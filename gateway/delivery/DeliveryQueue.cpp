@@ -148,6 +148,7 @@ private:
     Duration m_retryAt{0};
     Duration m_storedAt{0};
     std::optional<Duration> m_setAsideAt;
+    QString m_setAsideAs; ///< the damaged file's name now
 };
 
 DeliveryQueue::Private::Private(const DeliveryQueueSettings& settings, const Clock& clock,
@@ -469,7 +470,7 @@ bool DeliveryQueue::Private::setAside()
         return false;
     m_setAsideAt = m_clock.now();
     try {
-        host::HistoryFile::setAside(m_settings.file, m_wallClock.now());
+        m_setAsideAs = host::HistoryFile::setAside(m_settings.file, m_wallClock.now());
     } catch (const UserError& failure) {
         m_reason = QString::fromUtf8(failure.what());
         return false;
@@ -661,6 +662,8 @@ host::Json DeliveryQueue::Private::status()
     object["bytes"] = bytes;
     object["oldest"] = size() > 0 && oldest != 0 ? host::Json(oldest) : host::Json();
     object["series"] = m_series;
+    if (!m_setAsideAs.isEmpty())
+        object["setAside"] = m_setAsideAs.toStdString();
     return object;
 }
 

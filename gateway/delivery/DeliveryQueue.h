@@ -72,7 +72,8 @@ public:
     void keep(const QString& key, const QString& value);
     QString kept(const QString& key) const;
 
-    /// state ("on disk", "in memory"), reason, waiting, lost, bytes, oldest, series.
+    /// state ("on disk", "in memory"), reason, waiting, lost, bytes, oldest, series; setAside, the
+    /// name that a damaged file was given, if there was one.
     host::Json status() const;
 
 private:

@@ -128,6 +128,19 @@ TEST_F(GatewayBroker, LosesNothingWhenItsProcessIsKilledAgainAndAgain)
     EXPECT_EQ(delivery()["mqtt"]["leftOut"], 0);
 }
 
+TEST_F(GatewayBroker, TellsThatItsQueueWasDamagedAndWhereItIsNow)
+{
+    file(QStringLiteral("queue.sqlite"), std::string(5000, 'x'));
+    file(QStringLiteral("queue.sqlite.lock"), ""); // a gateway has used it
+    ASSERT_NO_FATAL_FAILURE(start());
+    ASSERT_TRUE(waitForLog(QStringLiteral("queue.sqlite.damaged-")));
+    EXPECT_TRUE(log().contains(QStringLiteral("the messages in it are not delivered")));
+    EXPECT_NE(delivery()["mqtt"]["flow"].value("setAside", "").find("queue.sqlite.damaged-"),
+              std::string::npos);
+    MqttReceiver receiver(receiving());
+    EXPECT_TRUE(waitForMore(receiver, 5));
+}
+
 TEST_F(GatewayBroker, EndsAProcessThatStandsStillAndLosesNothing)
 {
     ASSERT_NO_FATAL_FAILURE(start({QStringLiteral("MICRO850_GATEWAY_HEARTBEAT_MS=3000")}));

@@ -365,7 +365,9 @@ TEST_F(DeliveryQueueTest, SetsADamagedFileAside)
     open();
     EXPECT_EQ(store("1").sequence, 1);
     EXPECT_EQ(state(), "on disk");
-    EXPECT_EQ(files().filter("damaged").size(), 1);
+    ASSERT_EQ(files().filter("damaged").size(), 1);
+    EXPECT_EQ(m_queue->status().value("setAside", ""),
+              m_dir.filePath(files().filter("damaged").first()).toStdString());
 }
 
 TEST_F(DeliveryQueueTest, SetsAFileAsideThatIsDamagedWhileItIsUsedAndCountsWhatItHad)
