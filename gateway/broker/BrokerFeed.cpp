@@ -327,6 +327,7 @@ void BrokerFeed::handleEnd(const QString& how, Duration pause)
                     .arg(how, secondsText(pause));
     if (wasAsked) {
         m_whyDown = QStringLiteral("its process is started with other settings");
+        m_supervisor.hurry();
         return;
     }
     if (m_isStopping)

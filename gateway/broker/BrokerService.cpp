@@ -10,6 +10,7 @@
 
 #include <limits>
 #include <map>
+#include <utility>
 #include <vector>
 
 namespace micro850::gateway {
@@ -21,6 +22,9 @@ using Subject = BrokerFeed::Subject;
 const int kTickMs = 100;
 const std::chrono::seconds kStatusInterval(1);
 const int kLineItself = -1;
+// States of stations.
+const char kDisabled[] = "disabled";
+const char kLineDown[] = "line down";
 
 Subject subjectOf(const GatewayValue& value)
 {
@@ -59,6 +63,10 @@ CatalogueVariable catalogueVariableOf(const host::Variable& variable, const Gate
     entry.length = variable.length;
     entry.type = latest.type ? latest.type : variable.type;
     entry.isScaled = variable.isScaled() && !variable.raw;
+    if (entry.isScaled) {
+        entry.gain = variable.gain;
+        entry.offset = variable.offset;
+    }
     entry.unit = variable.raw ? QString() : variable.unit;
     entry.isWritable = variable.writable;
     entry.minimum = limitOf(variable.minimum);
@@ -93,6 +101,8 @@ private:
     void changeFeed(const char* kind, const std::optional<Json>& settings);
     BrokerFeed* feedOf(const QString& kind) const;
     void noteType(const GatewayValue& value);
+    void takeState(const LineEvent& event);
+    QSet<int> stationsOf(const QString& line) const;
     void tellEvery(Duration interval);
     void addValueTo(BrokerFeed& feed, const GatewayValue& value) const;
     bool isPeriodic(const BrokerFeed& feed) const;
@@ -280,12 +290,56 @@ void BrokerService::Private::noteType(const GatewayValue& value)
         feed->noteCatalogue();
 }
 
+// While a line is not up, its stations are not told. What a broker keeps of them, maybe since
+// before the service started, holds no more.
 void BrokerService::Private::addEvent(const LineEvent& event)
 {
     auto& states = m_states[event.line];
+    std::map<int, LineEvent> before;
     if (event.station == kLineItself)
-        states.clear(); // it is news how the stations are then
-    states[event.station] = event;
+        before = std::exchange(states, {}); // it is news how the stations are then
+    takeState(event);
+    if (event.station != kLineItself || event.state == QLatin1String("up"))
+        return;
+    QSet<int> stations = stationsOf(event.line);
+    for (const auto& [station, state] : before) {
+        stations.remove(station);
+        if (station == kLineItself)
+            continue;
+        if (state.state == QLatin1String(kDisabled) || state.state == QLatin1String(kLineDown))
+            states[station] = state;
+        else
+            stations.insert(station);
+    }
+    LineEvent down = event;
+    down.state = QLatin1String(kLineDown);
+    for (const int station : qAsConst(stations)) {
+        down.station = station;
+        takeState(down);
+    }
+}
+
+// Those that variables name, without those that the line says are disabled.
+QSet<int> BrokerService::Private::stationsOf(const QString& line) const
+{
+    QSet<int> stations;
+    for (int i = 0; i < m_lines.size(); ++i) {
+        if (m_lines.line(i).name != line)
+            continue;
+        for (const host::Variable& variable : m_lines.line(i).project.variables)
+            stations.insert(variable.station);
+        const Json status = m_lines.status(i);
+        for (const Json& station : status.value("stations", Json::array())) {
+            if (station.value("state", "") == kDisabled)
+                stations.remove(station.value("station", kLineItself));
+        }
+    }
+    return stations;
+}
+
+void BrokerService::Private::takeState(const LineEvent& event)
+{
+    m_states[event.line][event.station] = event;
     if (m_stopped)
         return;
     for (const auto& feed : m_feeds)

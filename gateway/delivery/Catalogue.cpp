@@ -23,6 +23,10 @@ CatalogueVariable variableOf(const JsonNode& node)
     if (node.has("type"))
         variable.type = &cipTypeNamed(node.at("type").text());
     variable.isScaled = node.boolean("scaled", false);
+    if (variable.isScaled) {
+        variable.gain = node.at("gain").number();
+        variable.offset = node.at("offset").number();
+    }
     variable.unit = QString::fromStdString(node.text("unit", ""));
     variable.isWritable = node.boolean("writable", false);
     if (node.has("minimum"))
@@ -39,8 +43,11 @@ Json jsonOf(const CatalogueVariable& variable)
                    {"element", variable.element},         {"length", variable.length}};
     if (variable.type)
         object["type"] = variable.type->name;
-    if (variable.isScaled)
+    if (variable.isScaled) {
         object["scaled"] = true;
+        object["gain"] = variable.gain;
+        object["offset"] = variable.offset;
+    }
     if (!variable.unit.isEmpty())
         object["unit"] = variable.unit.toStdString();
     if (variable.isWritable)

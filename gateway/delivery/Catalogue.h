@@ -23,6 +23,8 @@ struct CatalogueVariable
     /// As the project declares it or the controller told it; null while it is not known.
     const CipType* type = nullptr;
     bool isScaled = false; ///< shown with a gain or an offset, so as a real number
+    double gain = 1;       ///< it shows value * gain + offset
+    double offset = 0;
     QString unit;
     bool isWritable = false;
     std::optional<double> minimum;

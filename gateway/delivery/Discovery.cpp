@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace micro850::gateway {
 
@@ -88,19 +89,33 @@ const char* componentOf(const CatalogueVariable& variable, bool isWritable)
     return isText(variable) || isWide(variable) ? "text" : "number";
 }
 
+// Rounded as the product of the shortest decimal numbers is: 32767 * 0.1 is 3276.7.
+std::array<double, 2> shownRange(const CatalogueVariable& variable,
+                                 const std::array<double, 2>& range)
+{
+    if (!variable.isScaled)
+        return range;
+    const auto shown = [&variable](double number) {
+        const int kDigits = 15; // that a double holds exactly
+        return QString::number(number * variable.gain + variable.offset, 'g', kDigits).toDouble();
+    };
+    const double first = shown(range[0]);
+    const double second = shown(range[1]);
+    return {std::min(first, second), std::max(first, second)};
+}
+
 // Of all that a variable of the type can show. Home Assistant takes 1 to 100 without it.
 std::array<double, 2> rangeOf(const CatalogueVariable& variable)
 {
     const double kMostReal = 3.4e38;
-    if (variable.isScaled || variable.type->kind == CipKind::Real)
+    if (variable.type->kind == CipKind::Real)
         return {-kMostReal, kMostReal};
     const int kBitsOfByte = 8;
     const int bits = variable.type->size * kBitsOfByte;
-    if (variable.type->kind == CipKind::Signed) {
-        const double half = static_cast<double>(quint64(1) << (bits - 1));
-        return {-half, half - 1};
-    }
-    return {0, static_cast<double>(quint64(1) << bits) - 1};
+    const bool isSigned = variable.type->kind == CipKind::Signed;
+    const double count = std::ldexp(1.0, bits);
+    const double least = isSigned ? -count / 2 : 0;
+    return shownRange(variable, {least, least + count - 1});
 }
 
 // A whole number without a fraction.

@@ -39,9 +39,9 @@ Json parsed(const QByteArray& body)
 // Whether both are announced in the same way.
 bool isSame(const CatalogueVariable& a, const CatalogueVariable& b)
 {
-    return a.type == b.type && a.isScaled == b.isScaled && a.length == b.length &&
-           a.unit == b.unit && a.isWritable == b.isWritable && a.minimum == b.minimum &&
-           a.maximum == b.maximum;
+    return a.type == b.type && a.isScaled == b.isScaled && a.gain == b.gain &&
+           a.offset == b.offset && a.length == b.length && a.unit == b.unit &&
+           a.isWritable == b.isWritable && a.minimum == b.minimum && a.maximum == b.maximum;
 }
 
 } // namespace

@@ -58,6 +58,7 @@ void Supervisor::tick(bool mayStart)
 void Supervisor::hurry()
 {
     m_startAt = m_clock.now();
+    m_pause.reset();
 }
 
 void Supervisor::start()

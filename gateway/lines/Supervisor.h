@@ -56,7 +56,8 @@ public:
     /// Does what is due: a start if `mayStart`, the end of a worker that hangs. Call it several
     /// times a second.
     void tick(bool mayStart);
-    /// The next worker is started without a pause.
+    /// The next worker is started without a pause, and the pause after it is the first one again:
+    /// the end of the last one was wanted.
     void hurry();
     /// False when no worker runs.
     bool send(const QByteArray& line);

@@ -203,6 +203,7 @@ TEST_F(BrokerServiceTest, OpensAProcessWithItsSettingsAndTheCatalogue)
                                                {"unit", "1/min"}}));
     EXPECT_EQ(catalogue["variables"][1]["type"], "INT");
     EXPECT_EQ(catalogue["variables"][1]["scaled"], true);
+    EXPECT_EQ(catalogue["variables"][1]["gain"], 0.5);
     EXPECT_EQ(catalogue["variables"][1]["maximum"], 9);
 }
 
@@ -277,6 +278,43 @@ TEST_F(BrokerServiceTest, TellsANewProcessWhatHoldsWithoutDeliveringItAgain)
             current.push_back(value["name"]);
     }
     EXPECT_EQ(current, (std::vector<std::string>{"up", "connected", "Speed"}));
+}
+
+TEST_F(BrokerServiceTest, TellsThatTheStationsOfALineThatIsNotUpAreDownWithItOnce)
+{
+    start();
+    opened();
+    lines.tell(stateOf("press", -1, "up"));
+    lines.tell(stateOf("press", 1, "connected"));
+    lines.tell(stateOf("press", 7, "disabled"));
+    LineEvent down = stateOf("press", -1, "down");
+    down.text = QStringLiteral("the device is gone");
+    lines.tell(down);
+    lines.tell(stateOf("press", -1, "worker ended"));
+    const std::vector<Json> messages = got();
+    EXPECT_EQ(fedIn(messages),
+              (std::vector<std::string>{"1:up", "2:connected", "3:disabled", "4:down",
+                                        "5:line down", "6:worker ended"}));
+    const auto station = std::find_if(messages.begin(), messages.end(), [](const Json& message) {
+        return message.value("number", 0) == 5;
+    });
+    ASSERT_NE(station, messages.end());
+    EXPECT_EQ((*station)["station"], 1);
+    EXPECT_EQ((*station)["text"], "the device is gone");
+    lines.tell(stateOf("press", -1, "up"));
+    lines.tell(stateOf("press", 1, "connected"));
+    EXPECT_EQ(fedIn(got()), (std::vector<std::string>{"7:up", "8:connected"}));
+}
+
+TEST_F(BrokerServiceTest, TellsOfStationsOfALineThatWasNeverUpThatTheyAreDown)
+{
+    start();
+    opened();
+    lines.tell(stateOf("press", -1, "down"));
+    EXPECT_EQ(fedIn(got()), (std::vector<std::string>{"1:down", "2:line down"}));
+    lines.tell(stateOf("elsewhere", -1, "down"));
+    lines.tell(stateOf("", -1, "history stopped"));
+    EXPECT_EQ(fedIn(got()), (std::vector<std::string>{"3:down", "4:history stopped"}));
 }
 
 TEST_F(BrokerServiceTest, HoldsABoundedNumberOfValuesForAProcessThatIsDownAndTellsOnce)
@@ -574,6 +612,22 @@ TEST_F(BrokerServiceTest, EndsAProcessInOrderAndGivesTheNextOneOtherSettings)
     restart();
     EXPECT_EQ(process(1).take().at(0)["settings"]["prefix"], "new");
     EXPECT_EQ(fedIn(opened(1, run, 1)), std::vector<std::string>{"2:Speed=2"});
+    EXPECT_EQ(alarms, QStringList());
+}
+
+TEST_F(BrokerServiceTest, StartsAProcessWithOtherSettingsAtOnceHoweverOftenTheyChange)
+{
+    start();
+    for (std::size_t i = 0; i < 6; ++i) {
+        opened(i);
+        settings.mqtt->prefix = QStringLiteral("prefix%1").arg(i);
+        service->change(settings);
+        EXPECT_EQ(got(i).back(), Json({{"request", "stop"}}));
+        processes[i].reset();
+        settle();
+        pass(100ms);
+        ASSERT_EQ(processes.size(), i + 2);
+    }
     EXPECT_EQ(alarms, QStringList());
 }
 

@@ -108,9 +108,22 @@ TEST(Discovery, GivesANumberWithoutLimitsThoseOfItsType)
     EXPECT_EQ(range(writable("DINT")), "-2147483648 2147483647 1");
     EXPECT_EQ(range(writable("DWORD")), "0 4294967295 1");
     EXPECT_EQ(range(writable("REAL")), "-3.4e+38 3.4e+38 0.001");
-    CatalogueVariable scaled = writable("INT");
-    scaled.isScaled = true;
-    EXPECT_EQ(range(scaled), "-3.4e+38 3.4e+38 0.001");
+}
+
+TEST(Discovery, GivesAScaledNumberWithoutLimitsWhatItsTypeCanShow)
+{
+    const auto range = [](const char* type, double gain, double offset) {
+        CatalogueVariable scaled = writable(type);
+        scaled.isScaled = true;
+        scaled.gain = gain;
+        scaled.offset = offset;
+        const Plain entry = configurationOf(kWriting, scaled);
+        return entry["min"].dump() + ' ' + entry["max"].dump() + ' ' + entry["step"].dump();
+    };
+    EXPECT_EQ(range("INT", 0.1, 0), "-3276.8 3276.7 0.001");
+    EXPECT_EQ(range("INT", -0.1, 5), "-3271.7 3281.8 0.001");
+    EXPECT_EQ(range("USINT", 1, -40), "-40 215 0.001");
+    EXPECT_EQ(range("REAL", 0.1, 0), "-3.4e+38 3.4e+38 0.001");
 }
 
 TEST(Discovery, TakesClassesFromUnitsThatLeaveNoDoubt)
