@@ -94,9 +94,10 @@ public:
     {
         const QString folder = folderOf(queue.file);
         if (!QFileInfo(folder).isDir())
-            note(missing((section + ".queue.file").c_str(), folder) +
-                 " is not there, and nothing is delivered until it is (create it, writable for the "
-                 "user of the service)");
+            note(
+                missing((section + ".queue.file").c_str(), folder) +
+                " is not there; until it is, messages wait in memory and are lost when the service "
+                "ends (create it, writable for the user of the service)");
         const std::string prefix = section + ".broker.";
         if (!broker.credentialsFile.isEmpty())
             lookAtSecret(prefix + "credentials", broker.credentialsFile, prefix + "credentials: ",

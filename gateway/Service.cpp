@@ -253,12 +253,14 @@ void Service::applyNewConfiguration()
 
 void Service::apply(const Configuration& configuration)
 {
-    const QString changes = changesBetween(m_lines, configuration.lines);
+    const QStringList changes = QStringList(changesBetween(m_lines, configuration.lines)) +
+                                m_brokers.changesTo(configuration.brokers);
     m_history.change(configuration.history);
     m_lines.setLines(configuration.lines);
     m_brokers.change(configuration.brokers);
-    log(Priority::Notice, QStringLiteral("the configuration was read again: %1; %2")
-                              .arg(counted(m_lines.size(), "line"), changes));
+    log(Priority::Notice,
+        QStringLiteral("the configuration was read again: %1; %2")
+            .arg(counted(m_lines.size(), "line"), changes.join(QStringLiteral("; "))));
 }
 
 void Service::stop()

@@ -96,20 +96,61 @@ QString connectionText(const JsonNode& connection)
     QString text = shown(connection, "broker") + QStringLiteral(", ");
     if (connection.text("state", "") == "connected")
         return text + QStringLiteral("connected with MQTT ") + shown(connection, "version");
+    if (connection.text("state", "") == "connecting" && !connection.has("reason"))
+        return text + QStringLiteral("connecting");
     text += QStringLiteral("not connected");
     if (connection.has("reason"))
         text += QStringLiteral(" (%1)").arg(shown(connection, "reason"));
     return text;
 }
 
-QString deliveryText(const char* kind, const JsonNode& delivery)
+// "34 waiting, the oldest for 00:12:30".
+QString waitingText(qint64 waiting, std::optional<qint64> oldest, qint64 now)
+{
+    QString text = QStringLiteral("%1 waiting").arg(waiting);
+    const int kSecond = 1000;
+    if (waiting > 0 && oldest && now >= *oldest)
+        text += QStringLiteral(", the oldest for ") + uptimeText((now - *oldest) / kSecond);
+    return text;
+}
+
+// "orders: 7 written, 31 not written". Counters are of one process, by outcome or in all.
+QString ordersText(const JsonNode& orders)
+{
+    const char* const kWritten = "written";
+    qint64 written = 0;
+    qint64 others = 0;
+    if (orders.has("outcomes")) {
+        const JsonNode outcomes = orders.at("outcomes");
+        for (const auto& outcome : outcomes.value().items()) {
+            const qint64 count = numberIn(outcomes, outcome.key().c_str()).value_or(0);
+            (outcome.key() == kWritten ? written : others) += count;
+        }
+    } else {
+        written = numberIn(orders, kWritten).value_or(0);
+        others = numberIn(orders, "refused").value_or(0);
+    }
+    return QStringLiteral("orders: %1 written, %2 not written").arg(written).arg(others);
+}
+
+// A broker whose access list refuses everything looks well otherwise.
+void addRefused(QStringList& parts, const JsonNode& delivery)
+{
+    if (const qint64 refused = numberIn(delivery, "refusedByBroker").value_or(0))
+        parts.append(QStringLiteral("%1 refused by the broker (see its access list)").arg(refused));
+}
+
+QString deliveryText(const char* kind, const JsonNode& delivery, qint64 now)
 {
     QStringList parts;
     if (delivery.has("problem"))
         parts.append(shown(delivery, "problem"));
     else if (delivery.has("connection"))
         parts.append(connectionText(delivery.at("connection")));
+    if (delivery.text("state", "") == "waiting for the primary host")
+        parts.append(shown(delivery, "state"));
     qint64 waiting = numberIn(delivery, "held").value_or(0);
+    std::optional<qint64> oldest;
     qint64 lost = numberIn(delivery, "leftOut").value_or(0);
     if (delivery.has("flow")) {
         const JsonNode flow = delivery.at("flow");
@@ -117,12 +158,16 @@ QString deliveryText(const char* kind, const JsonNode& delivery)
                      QStringLiteral(" delivered"));
         waiting += numberIn(flow, "waiting").value_or(0);
         lost += numberIn(flow, "lost").value_or(0);
+        oldest = numberIn(flow, "oldest");
         if (flow.text("state", "") == "in memory")
             parts.append(QStringLiteral("the queue is in memory"));
     }
-    parts.append(QStringLiteral("%1 waiting").arg(waiting));
+    addRefused(parts, delivery);
+    parts.append(waitingText(waiting, oldest, now));
     if (lost > 0)
         parts.append(QStringLiteral("%1 lost").arg(lost));
+    if (delivery.has("orders"))
+        parts.append(ordersText(delivery.at("orders")));
     return QLatin1String(kind) + QStringLiteral(": ") + parts.join(QStringLiteral(", "));
 }
 
@@ -200,7 +245,7 @@ QString statusText(const JsonNode& reply, qint64 now)
         text += historyText(reply.at("history")) + '\n';
     for (const char* kind : kKinds) {
         if (reply.has("delivery") && reply.at("delivery").has(kind))
-            text += deliveryText(kind, reply.at("delivery").at(kind)) + '\n';
+            text += deliveryText(kind, reply.at("delivery").at(kind), now) + '\n';
     }
     for (const JsonNode& line : reply.at("lines").elements())
         text += lineText(line, now);

@@ -8,6 +8,7 @@
 
 #include <QtCore/QTimer>
 
+#include <array>
 #include <limits>
 #include <map>
 #include <utility>
@@ -35,6 +36,18 @@ Subject subjectOf(const GatewayValue& value)
 Subject subjectOf(const LineEvent& event)
 {
     return {event.line, QStringLiteral("\n%1").arg(event.station)};
+}
+
+using Sections = std::array<std::pair<const char*, std::optional<Json>>, 2>;
+
+Sections sectionsOf(const BrokerSettings& settings)
+{
+    Sections sections = {{{"mqtt", std::nullopt}, {"sparkplug", std::nullopt}}};
+    if (settings.mqtt)
+        sections[0].second = gateway::jsonOf(*settings.mqtt);
+    if (settings.sparkplug)
+        sections[1].second = gateway::jsonOf(*settings.sparkplug);
+    return sections;
 }
 
 Json jsonOf(const LineEvent& event)
@@ -83,6 +96,7 @@ public:
             const SupervisionSettings& supervision, Alarm alarm);
 
     void change(const BrokerSettings& settings);
+    QStringList changesTo(const BrokerSettings& settings) const;
     void tick();
     void stop();
     bool haveEnded() const;
@@ -99,6 +113,7 @@ private:
     using FeedList = std::vector<std::unique_ptr<BrokerFeed>>;
     using Name = QPair<QString, QString>; ///< of a variable, with its line
     void changeFeed(const char* kind, const std::optional<Json>& settings);
+    QString removalText(const BrokerFeed& feed) const;
     BrokerFeed* feedOf(const QString& kind) const;
     void noteType(const GatewayValue& value);
     void takeState(const LineEvent& event);
@@ -156,11 +171,38 @@ void BrokerService::Private::change(const BrokerSettings& settings)
     m_settings = settings;
     if (settings.mqtt && settings.mqtt->intervalMs != before)
         m_nextTelling = m_clock.now() + std::chrono::milliseconds(settings.mqtt->intervalMs);
-    changeFeed("mqtt",
-               settings.mqtt ? std::make_optional(gateway::jsonOf(*settings.mqtt)) : std::nullopt);
-    changeFeed("sparkplug", settings.sparkplug
-                                ? std::make_optional(gateway::jsonOf(*settings.sparkplug))
-                                : std::nullopt);
+    for (const auto& [kind, section] : sectionsOf(settings))
+        changeFeed(kind, section);
+}
+
+QStringList BrokerService::Private::changesTo(const BrokerSettings& settings) const
+{
+    QStringList changes;
+    for (const auto& [kind, section] : sectionsOf(settings)) {
+        const QString name = QString::fromLatin1(kind);
+        const BrokerFeed* const feed = feedOf(name);
+        if (!feed && section)
+            changes += name + QStringLiteral(" added");
+        else if (feed && !section)
+            changes += removalText(*feed);
+        else if (feed && feed->settings() != *section)
+            changes += name + QStringLiteral(" changed");
+    }
+    return changes;
+}
+
+// What waits is delivered when the section comes back.
+QString BrokerService::Private::removalText(const BrokerFeed& feed) const
+{
+    const DeliveryQueueSettings& queue =
+        feed.kind() == QLatin1String("mqtt") ? m_settings.mqtt->queue : m_settings.sparkplug->queue;
+    const Json status = feed.status();
+    const qint64 waiting = status.value("held", qint64(0)) +
+                           status.value("flow", Json::object()).value("waiting", qint64(0));
+    QString text = feed.kind() + QStringLiteral(" removed");
+    if (waiting > 0)
+        text += QStringLiteral(", messages that stay in %1: %2").arg(queue.file).arg(waiting);
+    return text;
 }
 
 void BrokerService::Private::changeFeed(const char* kind, const std::optional<Json>& settings)
@@ -472,6 +514,11 @@ BrokerService::BrokerService(LineService& lines, WriteRules& writes, const Broke
 BrokerService::~BrokerService()
 {
     m_private->lines().removeListener(*this);
+}
+
+QStringList BrokerService::changesTo(const BrokerSettings& settings) const
+{
+    return m_private->changesTo(settings);
 }
 
 void BrokerService::change(const BrokerSettings& settings)

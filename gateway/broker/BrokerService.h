@@ -27,6 +27,8 @@ public:
 
     /// Settings of a new configuration. A process whose settings did not change goes on.
     void change(const BrokerSettings& settings);
+    /// How these differ from the settings now, for the log: "mqtt changed". Empty without any.
+    QStringList changesTo(const BrokerSettings& settings) const;
     /// Does what is due. A timer of this object calls it; tests with a clock of their own call it
     /// themselves.
     void tick();

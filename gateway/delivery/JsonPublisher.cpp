@@ -8,6 +8,7 @@
 
 #include <QtCore/QHash>
 
+#include <array>
 #include <deque>
 #include <map>
 #include <random>
@@ -26,6 +27,9 @@ const std::chrono::seconds kBirthPause(10);
 const std::size_t kMostResults = 1000;
 // The list of topics is written as a whole: what is new waits for the others that are new.
 const std::chrono::seconds kKeepPause(1);
+
+// What is told of a line and is of use on its machine only: a whole plant reads what a broker has.
+const std::array<const char*, 3> kMachineKeys = {"project", "memoryKb", "workerPid"};
 
 using VariableKey = QPair<QString, QString>; ///< line and name
 using Place = std::pair<QString, int>;       ///< line, and station or below 0
@@ -363,6 +367,8 @@ void JsonPublisher::Private::publishStatistics(const Json& lines)
         Json content = line;
         const Json stations = line.value("stations", Json::array());
         content.erase("stations");
+        for (const char* key : kMachineKeys)
+            content.erase(key);
         messages.append(statistic(name, -1, content));
         for (const Json& station : stations) {
             const Json number = station.value("station", Json());

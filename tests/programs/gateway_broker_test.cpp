@@ -176,6 +176,8 @@ TEST_F(GatewayBroker, GoesOnWithItsQueueAfterAReloadThatChangedOrRemovedItsSecti
         });
     }));
     EXPECT_NE(process(), first);
+    EXPECT_TRUE(
+        waitForLog("the configuration was read again: 1 line; no line changed; mqtt changed"));
     reload("");
     ASSERT_TRUE(waitUntil([this] { return delivery().empty(); }));
     EXPECT_EQ(parsed(receiver.messageOn("plant/status").payload)["state"], "online");

@@ -49,6 +49,8 @@ class DemonstrationWithABroker(unittest.TestCase):
                                   text=True, env={**os.environ, "TMPDIR": folder})
             self.assertEqual(os.listdir(folder), [], demo.stdout)
         self.assertEqual(demo.returncode, 0, demo.stdout)
+        self.assertRegex(demo.stdout, r"(?m)^demo:   mqtt: .*, connected with MQTT 5, .* delivered, [0-9]+ waiting")
+        self.assertRegex(demo.stdout, r"(?m)^demo: mosquitto_sub -p [0-9]+ -v -t 'demo/press/1/\+'$")
         self.assertRegex(demo.stdout, r'demo:   {"value":42.25,.*"quality":"good".*"unit":"°C"')
         self.assertRegex(demo.stdout, r'demo:   {"outcome":"written","old":42.25,"value":35.5,"verified":true')
         self.assertRegex(demo.stdout, r'refused, as it should be: {"outcome":"not-allowed"')

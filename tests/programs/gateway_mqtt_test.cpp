@@ -173,6 +173,8 @@ TEST_F(GatewayMqtt, PublishesRetainedValuesStatesAndStatistics)
     EXPECT_EQ(parsed(kept[kPrefix + "/press/state"].payload)["state"], "up");
     EXPECT_EQ(parsed(kept[kPrefix + "/press/statistics"].payload)["line"], "press");
     EXPECT_GT(parsed(kept[kPress + "statistics"].payload)["answered"], 0);
+    for (const char* key : {"project", "memoryKb", "workerPid", "stations"})
+        EXPECT_FALSE(parsed(kept[kPrefix + "/press/statistics"].payload).contains(key)) << key;
     for (const auto& [topic, message] : kept) {
         EXPECT_EQ(topic.find("/history"), std::string::npos);
         EXPECT_EQ(topic.find("/events"), std::string::npos);

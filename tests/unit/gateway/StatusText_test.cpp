@@ -81,6 +81,35 @@ TEST_F(StatusText, TellsTheHistory)
     EXPECT_EQ(historyOf(R"({"state": "off"})"), "history: off\n");
 }
 
+TEST_F(StatusText, TellsWhatIsDeliveredWhatWaitsAndWhatTheBrokerRefuses)
+{
+    const auto deliveryOf = [](const std::string& delivery) {
+        return textOf(R"({"program": "g", "uptimeS": 0, "memoryKb": 0, "clients": 0, "lines": [],
+                          "delivery": )" +
+                      delivery + "}")
+            .section('\n', 1);
+    };
+    EXPECT_EQ(deliveryOf(R"({"mqtt": {"held": 2, "refusedByBroker": 27,
+                  "connection": {"state": "connected", "broker": "b:1883", "version": "5"},
+                  "flow": {"acknowledged": 21, "waiting": 0, "lost": 0, "oldest": null},
+                  "orders": {"received": 39, "outcomes": {"written": 7, "busy": 1,
+                                                          "not-allowed": 30}}}})"),
+              "mqtt: b:1883, connected with MQTT 5, 21 messages delivered, 27 refused by the "
+              "broker (see its access list), 2 waiting, orders: 7 written, 31 not written\n");
+    // 12 minutes and 30.5 seconds before now, which is 1795354200000.
+    EXPECT_EQ(deliveryOf(R"({"mqtt": {"refusedByBroker": 0,
+                  "connection": {"state": "waiting", "broker": "b:1883", "reason": "refused"},
+                  "flow": {"acknowledged": 1, "waiting": 34, "lost": 5, "oldest": 1795353449500}}})"),
+              "mqtt: b:1883, not connected (refused), 1 message delivered, 34 waiting, the oldest "
+              "for 00:12:30, 5 lost\n");
+    EXPECT_EQ(deliveryOf(R"({"sparkplug": {"state": "waiting for the primary host",
+                  "connection": {"state": "connected", "broker": "b:1883", "version": "5"},
+                  "flow": {"acknowledged": 0, "waiting": 27, "lost": 0},
+                  "orders": {"written": 3, "refused": 2, "waiting": 0}}})"),
+              "sparkplug: b:1883, connected with MQTT 5, waiting for the primary host, 0 messages "
+              "delivered, 27 waiting, orders: 3 written, 2 not written\n");
+}
+
 TEST_F(StatusText, TellsALineItsRateAndItsStations)
 {
     EXPECT_EQ(textOfLines(R"({"line": "press", "port": "/dev/ttyUSB0", "settings":

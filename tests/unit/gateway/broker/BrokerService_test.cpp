@@ -631,6 +631,21 @@ TEST_F(BrokerServiceTest, StartsAProcessWithOtherSettingsAtOnceHoweverOftenTheyC
     EXPECT_EQ(alarms, QStringList());
 }
 
+TEST_F(BrokerServiceTest, TellsHowASectionWillChange)
+{
+    start();
+    opened();
+    EXPECT_EQ(service->changesTo(settings), QStringList());
+    setSpeed(1);
+    process().send({{"event", "status"}, {"status", {{"flow", {{"waiting", 11}}}}}});
+    settle();
+    BrokerSettings next = settings;
+    next.mqtt->prefix = QStringLiteral("new");
+    next.sparkplug.emplace();
+    EXPECT_EQ(service->changesTo(next), (QStringList{"mqtt changed", "sparkplug added"}));
+    EXPECT_EQ(service->changesTo({}), QStringList("mqtt removed, messages that stay in /q: 12"));
+}
+
 TEST_F(BrokerServiceTest, EndsTheProcessOfASectionThatIsRemovedBeforeItStartsAnotherOne)
 {
     start();
