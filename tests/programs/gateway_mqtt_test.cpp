@@ -172,9 +172,10 @@ TEST_F(GatewayMqtt, PublishesRetainedValuesStatesAndStatistics)
     EXPECT_EQ(parsed(kept[kPress + "state"].payload)["state"], "connected");
     EXPECT_EQ(parsed(kept[kPrefix + "/press/state"].payload)["state"], "up");
     EXPECT_EQ(parsed(kept[kPrefix + "/press/statistics"].payload)["line"], "press");
-    EXPECT_GT(parsed(kept[kPress + "statistics"].payload)["answered"], 0);
     for (const char* key : {"project", "memoryKb", "workerPid", "stations"})
         EXPECT_FALSE(parsed(kept[kPrefix + "/press/statistics"].payload).contains(key)) << key;
+    // The first ones can be of the moment before the first answer.
+    EXPECT_TRUE(parsed(kept[kPress + "statistics"].payload)["answered"].is_number_unsigned());
     for (const auto& [topic, message] : kept) {
         EXPECT_EQ(topic.find("/history"), std::string::npos);
         EXPECT_EQ(topic.find("/events"), std::string::npos);
