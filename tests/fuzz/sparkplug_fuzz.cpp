@@ -91,7 +91,7 @@ void checkCommand(const QByteArray& bytes)
     static const NodeModel node = model();
     Needs needs;
     OrderDesk desk(needs, 10000);
-    desk.take(node, *node.device(QByteArray("press-1")), bytes);
+    desk.take(node, *node.device(QByteArray("press-1")), bytes, Duration(0));
     FUZZ_CHECK(needs.warnings.size() <= 1);
     FUZZ_CHECK(needs.orders.isEmpty() != needs.warnings.isEmpty());
     for (const Order& order : needs.orders)
