@@ -169,7 +169,7 @@ private:
     ConnectionLog m_connectionLog;
     LossNotice m_lossNotice{0};
     QString m_setAside; ///< told last
-    QString m_disk; ///< why the disk refuses, as it was told last; empty: it does not
+    QString m_disk;     ///< why the disk refuses, as it was told last; empty: it does not
     Duration m_nextBeat{0};
     bool m_isOver = false;
     int m_status = kExitDone;

@@ -79,7 +79,8 @@ void DeliveryAccount::takeNumbered(const std::string& topic, const Place& place,
     // What was only shown again, after a start, has no number.
     const bool hasNumber = message.contains("series") || message.contains("sequence");
     if (!hasNumber && isTrue(message, "repeated") && !isTrue(message, "history") &&
-        !place.isEvent && !isRetained) {
+        !place.isEvent && !isRetained)
+    {
         ++m_repeated;
         if (message.contains("time") && message["time"].is_string())
             m_variables[{place.line, place.name}].values.emplace(message["time"], message["value"]);
