@@ -79,6 +79,18 @@ std::optional<qint64> LineImage::oldestMs() const
                   : std::nullopt;
 }
 
+// This process can stand still while a value is on its way, and milliseconds are rounded: a later
+// reading never gets an earlier time, unless the wall clock was set back.
+qint64 LineImage::stamp(State& state, Duration age) const
+{
+    const qint64 now = m_wallClock.now();
+    const qint64 distance = now - wholeMilliseconds(m_clock.now());
+    const bool isSameClock = state.value.time && qAbs(distance - state.clockDistance) <= 1;
+    state.clockDistance = distance;
+    const qint64 time = now - wholeMilliseconds(age);
+    return isSameClock ? std::max(time, *state.value.time) : time;
+}
+
 int LineImage::take(const Json& object)
 {
     GatewayValue told = host::gatewayValueOf(object);
@@ -96,7 +108,7 @@ int LineImage::take(const Json& object)
                            readAt > *state.readAt + kSameReading;
     if (readAgain) {
         state.readAt = readAt;
-        told.time = m_wallClock.now() - wholeMilliseconds(*age);
+        told.time = stamp(state, *age);
     } else {
         told.time = state.value.time;
     }

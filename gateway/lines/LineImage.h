@@ -50,10 +50,12 @@ private:
     {
         GatewayValue value;
         std::optional<Duration> readAt;
-        bool isKept = false; ///< no worker of this image has read it
+        qint64 clockDistance = 0; ///< of the two clocks when it was read, in milliseconds
+        bool isKept = false;      ///< no worker of this image has read it
     };
     State& at(int variable) { return m_states[static_cast<std::size_t>(variable)]; }
     const State& at(int variable) const { return m_states.at(static_cast<std::size_t>(variable)); }
+    qint64 stamp(State& state, Duration age) const;
     bool takeNever(State& state, const GatewayValue& told);
     bool isOld(int variable) const;
 

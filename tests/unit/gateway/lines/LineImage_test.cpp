@@ -262,3 +262,29 @@ TEST_F(LineImageTest, TellsTheAgeOfTheOldestValueThatIsReadAgainAndAgain)
     image.take(valueOf("Level", 7, 40));
     EXPECT_EQ(image.oldestMs(), 40);
 }
+
+// The first message waited for 40 ms while this process stood still: its value was read before it.
+TEST_F(LineImageTest, GivesALaterReadingNoEarlierTimeAfterThisProcessStoodStill)
+{
+    clock.advance(40ms);
+    wall.advance(40);
+    image.take(valueOf("Speed", 1, 5));
+    const qint64 first = *image.value(0).time;
+    clock.advance(10ms);
+    wall.advance(10);
+    image.take(valueOf("Speed", 2, 30));
+    EXPECT_EQ(*image.value(0).time, first);
+    clock.advance(100ms);
+    wall.advance(100);
+    image.take(valueOf("Speed", 3, 0));
+    EXPECT_EQ(*image.value(0).time, kHalfPastOne + 150);
+}
+
+TEST_F(LineImageTest, FollowsAWallClockThatIsSetBack)
+{
+    image.take(valueOf("Speed", 1, 0));
+    clock.advance(10ms);
+    wall.advance(10 - 50);
+    image.take(valueOf("Speed", 2, 0));
+    EXPECT_EQ(*image.value(0).time, kHalfPastOne - 40);
+}
