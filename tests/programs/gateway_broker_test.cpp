@@ -407,7 +407,7 @@ TEST_P(GatewayWithoutRights, PublishesWhatItMayAndTellsOnceWhatIsRefused)
         << log().toStdString() << delivery().dump() << strict->log();
     const Json status = delivery()["mqtt"];
     EXPECT_EQ(status["connection"]["connections"], 1) << status.dump();
-    const QString refused = QStringLiteral("mqtt: the broker refuses ");
+    const QString refused = QStringLiteral(": the broker refuses the message: ");
     if (GetParam()) {
         EXPECT_GT(status["refusedByBroker"].get<int>(), 10) << status.dump();
         EXPECT_EQ(status["warnings"]["refused by the broker"], status["refusedByBroker"]);
