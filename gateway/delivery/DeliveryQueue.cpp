@@ -294,7 +294,8 @@ void DeliveryQueue::Private::tryToOpen()
             m_inMemory = false;
             isToBeTried = false;
         } catch (const UserError& error) {
-            isToBeTried = giveUpFile(error);
+            // What is in the file by now comes before what is not.
+            isToBeTried = !keepFull(error) && giveUpFile(error);
         }
     }
 }

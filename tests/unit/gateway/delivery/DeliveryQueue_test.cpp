@@ -744,6 +744,28 @@ TEST_F(DeliveryQueueFullDisk, StoresAllOfItWhenThereIsRoomAgain)
     EXPECT_EQ(m_queue->size(), static_cast<qint64>(m_all.size()));
 }
 
+TEST_F(DeliveryQueueFullDisk, GivesAllOfItWhenANewFileTakesOnlyAPart)
+{
+    m_settings.keepMegabytes = 4; // in transactions of less than what is held
+    open(kDisk);
+    const int onDisk = fill();
+    for (int i = 0; i < 3000; ++i) {
+        const QueuedMessage held = store(bodyOf(i));
+        m_all[held.id] = held.body;
+    }
+    acknowledge(onDisk);
+    for (int i = 0; i < 3; ++i) {
+        retry();
+        expectAllWaits();
+        EXPECT_EQ(state(), "in memory");
+        EXPECT_GT(m_queue->status()["bytes"], 200 * 1000);
+    }
+    m_disk.limit(-1);
+    retry();
+    EXPECT_EQ(state(), "on disk") << reason();
+    expectAllWaits();
+}
+
 TEST_F(DeliveryQueueFullDisk, KeepsItsBooksWhileItIsFullAgainAndAgain)
 {
     std::mt19937 random(18);
