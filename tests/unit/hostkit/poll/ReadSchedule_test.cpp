@@ -379,9 +379,13 @@ Line lineFor(const Plan& plan)
 
 } // namespace
 
-RC_GTEST_PROP(AnyIntervals, AreKeptToATransactionWhenTheLineIsAskedForFourFifthsAtMost, ())
+// What is read next is decided without a search for the best order: on a line that is asked for
+// more than some two thirds, a read may now and then have to wait for a few others.
+RC_GTEST_PROP(AnyIntervals, AreKeptToATransactionOrToAFewWhenTheLineIsAskedForFourFifths, ())
 {
-    const Plan plan = planOf(*rc::gen::inRange(5, 81) / 100.0, 1);
+    const int percent = *rc::gen::inRange(5, 81);
+    const Plan plan = planOf(percent / 100.0, 1);
+    const Duration wait = (percent <= 60 ? 1 : 5) * plan.longestCost;
     Line line = lineFor(plan);
     const Duration shortest =
         std::min_element(plan.runs.begin(), plan.runs.end(), [](const auto& a, const auto& b) {
@@ -391,9 +395,9 @@ RC_GTEST_PROP(AnyIntervals, AreKeptToATransactionWhenTheLineIsAskedForFourFifths
     line.runUntil(seconds(60));
     for (const TimedRun& each : plan.runs) {
         const Duration gap = line.longestGap(each, seconds(8));
-        if (gap > each.interval + plan.longestCost)
+        if (gap > each.interval + wait)
             RC_LOG() << each.interval.count() << " us read after " << gap.count() << " us";
-        RC_ASSERT(gap <= each.interval + plan.longestCost);
+        RC_ASSERT(gap <= each.interval + wait);
     }
 }
 
