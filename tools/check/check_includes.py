@@ -35,7 +35,8 @@ ROOMS = {
     "gateway/delivery": ["gateway/loop", "hostkit/gateway", "hostkit/record"],
     "gateway/sparkplug": ["gateway/delivery"],
     "gateway/broker": ["gateway/lines", "gateway/sparkplug"],
-    "gateway/web": ["gateway/history"],
+    "gateway/http": ["gateway/loop", "common"],
+    "gateway/web": ["gateway/http", "gateway/history"],
     "gateway": ["gateway/clients", "gateway/broker", "gateway/web"],
     "simulator": ["common"],
 }

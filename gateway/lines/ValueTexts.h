@@ -1,11 +1,11 @@
-#ifndef MICRO850_GATEWAY_CLIENTS_VALUETEXTS_H
-#define MICRO850_GATEWAY_CLIENTS_VALUETEXTS_H
+#ifndef MICRO850_GATEWAY_LINES_VALUETEXTS_H
+#define MICRO850_GATEWAY_LINES_VALUETEXTS_H
 
 #include "VariableIndex.h"
 
 namespace micro850::gateway {
 
-/// The latest values as the protocol writes them: each is encoded once for all clients.
+/// The latest values as the protocol writes them: each is encoded once for all who ask.
 class ValueTexts
 {
 public:

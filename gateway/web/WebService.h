@@ -1,0 +1,59 @@
+#ifndef MICRO850_GATEWAY_WEB_WEBSERVICE_H
+#define MICRO850_GATEWAY_WEB_WEBSERVICE_H
+
+#include "HistorySource.h"
+#include "WallClock.h"
+#include "WebSettings.h"
+#include "WriteRules.h"
+
+#include <memory>
+
+namespace micro850::gateway {
+
+/// What the web server needs of the gateway. All must outlive it.
+struct WebNeeds
+{
+    LineService& lines;
+    WriteRules& writes;
+    HistorySource& history;
+    const Clock& clock;
+    const WallClock& wallClock;
+    QString program; ///< "micro850-gateway 0.1.0"
+    /// The reply to "status" without an id: program, uptimeS, memoryKb, clients, lines, history,
+    /// delivery.
+    std::function<Json()> status;
+};
+
+/// The page, the interface for programs, and the metrics. It listens where the settings say, if
+/// they say so.
+class WebService : public LineListener
+{
+public:
+    /// Adds itself to the listeners of the lines. Throws UserError when it cannot listen, and for a
+    /// token file that is not as it must be.
+    WebService(const WebNeeds& needs, const WebSettings& settings);
+    ~WebService() override;
+
+    /// Settings of a new configuration. Throws UserError, and goes on as before, when it cannot
+    /// listen. With the same settings nobody is disconnected.
+    void change(const WebSettings& settings);
+    /// "http://127.0.0.1:8850/"; empty when it is off.
+    QString address() const;
+
+    /// Something that the gateway itself tells: the history stopped, a broker is gone.
+    void tellAlarm(const LineEvent& event);
+
+    void handleValue(int line, int variable) override;
+    void handleEvent(const LineEvent& event) override;
+    void handleNotice(const LineEvent& event) override;
+    void handleWrite(const JournalEntry& entry) override;
+    void handleReload() override;
+
+private:
+    class Private;
+    std::unique_ptr<Private> m_private;
+};
+
+} // namespace micro850::gateway
+
+#endif
