@@ -21,6 +21,30 @@ std::optional<Duration> millisecondsIn(const JsonNode& object, const char* key)
     return ms < 0 ? std::nullopt : std::make_optional<Duration>(std::chrono::milliseconds(ms));
 }
 
+Json jsonOf(const RoundTripHistogram& roundTrips)
+{
+    const std::chrono::duration<double, std::milli> sum = roundTrips.sum;
+    return {{"limitsMs", RoundTripHistogram::kLimitsMs},
+            {"counts", roundTrips.counts},
+            {"sumMs", sum.count()}};
+}
+
+// One with other limits is left out.
+RoundTripHistogram histogramOf(const JsonNode& object)
+{
+    RoundTripHistogram histogram;
+    if (object.at("limitsMs").value() != nlohmann::json(RoundTripHistogram::kLimitsMs))
+        return histogram;
+    const JsonNode::Elements counts = object.at("counts").elements();
+    if (counts.size() != histogram.counts.size())
+        object.at("counts").fail("has not one number more than limitsMs");
+    for (std::size_t i = 0; i < counts.size(); ++i)
+        histogram.counts[i] = counts[i].integer(0, kMostCount);
+    const std::chrono::duration<double, std::milli> sum(object.number("sumMs", 0));
+    histogram.sum = std::chrono::duration_cast<Duration>(sum);
+    return histogram;
+}
+
 Json summaryOf(const StationView& station)
 {
     const Counters& counters = station.counters;
@@ -133,6 +157,7 @@ Json jsonOf(const LineStatus& status, Duration now)
         object["error"] = status.line.error.toStdString();
     if (!status.line.reportedError.isEmpty())
         object["reportedError"] = status.line.reportedError.toStdString();
+    object["roundTrips"] = jsonOf(status.figures.roundTrips);
     if (!status.figures.overload.isEmpty())
         object["overload"] = status.figures.overload.toStdString();
     object["stations"] = Json::array();
@@ -156,6 +181,8 @@ LineStatus lineStatusOf(const JsonNode& object, Duration now)
     status.figures.roundTripMedian = millisecondsIn(object, "roundTripMsMedian");
     status.figures.roundTrip99 = millisecondsIn(object, "roundTripMs99");
     status.figures.reopened = object.integer("reopened", 0, kMostCount, 0);
+    if (object.has("roundTrips"))
+        status.figures.roundTrips = histogramOf(object.at("roundTrips"));
     if (object.has("stations")) {
         for (const JsonNode& station : object.at("stations").elements())
             status.stations.append(stationOf(station, now));

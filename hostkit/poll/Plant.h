@@ -2,6 +2,7 @@
 #define MICRO850_HOST_PLANT_H
 
 #include "Counters.h"
+#include "RoundTripHistogram.h"
 #include "ValueStore.h"
 
 #include <functional>
@@ -33,6 +34,7 @@ struct LineFigures
     /// What the line cannot hold, with figures; empty while it holds every interval. It changes
     /// only when the overload begins, changes much, or ends.
     QString overload;
+    RoundTripHistogram roundTrips; ///< of all answers
 };
 
 /// A station as commands show it.

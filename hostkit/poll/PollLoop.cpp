@@ -609,7 +609,8 @@ LineFigures PollLoop::figures() const
             m_statistics.roundTrip(99),
             m_line.reconnects(),
             100 * m_schedule.load().share,
-            m_overload};
+            m_overload,
+            m_statistics.roundTrips()};
 }
 
 QVector<StationView> PollLoop::stationViews() const

@@ -29,6 +29,7 @@ void LineStatistics::add(Duration now, int bytes, std::optional<Duration> roundT
         m_slots.removeFirst();
     if (!roundTrip)
         return;
+    m_histogram.add(*roundTrip);
     if (m_roundTrips.size() < kRoundTrips)
         m_roundTrips.append(*roundTrip);
     else

@@ -2,6 +2,7 @@
 #define MICRO850_HOST_LINESTATISTICS_H
 
 #include "PortSettings.h"
+#include "RoundTripHistogram.h"
 
 #include <QtCore/QList>
 #include <QtCore/QVector>
@@ -11,7 +12,7 @@
 namespace micro850::host {
 
 /// How busy a line is, over the last ten seconds, and how fast its peers answer, over the last
-/// thousand answers. Times must not go back.
+/// thousand answers and since the beginning. Times must not go back.
 class LineStatistics
 {
 public:
@@ -24,6 +25,8 @@ public:
     double percentInUse(Duration now, const PortSettings& port) const;
     /// The round trip that this percentage of the answers do not exceed; none before the first.
     std::optional<Duration> roundTrip(int percent) const;
+    /// Of all answers.
+    const RoundTripHistogram& roundTrips() const { return m_histogram; }
 
 private:
     struct Slot
@@ -38,6 +41,7 @@ private:
     std::optional<Duration> m_first;
     QVector<Duration> m_roundTrips;
     int m_next = 0;
+    RoundTripHistogram m_histogram;
 };
 
 } // namespace micro850::host

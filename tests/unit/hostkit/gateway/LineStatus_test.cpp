@@ -13,7 +13,10 @@ LineStatus pressStatus()
 {
     LineStatus status;
     status.line = {"/dev/ttyUSB0", "/dev/ttyUSB0, 38400 8N1", false, "gone", "gone away"};
-    status.figures = {12.5, 40, 3ms, std::nullopt, 2, 140, "the line is 140 % asked for"};
+    status.figures = {12.5, 40, 3ms, std::nullopt, 2, 140, "the line is 140 % asked for", {}};
+    status.figures.roundTrips.counts[4] = 3; // above 20 ms, up to 30 ms
+    status.figures.roundTrips.counts.back() = 1;
+    status.figures.roundTrips.sum = 5075500us;
     StationView station;
     station.number = 7;
     station.name = "press";
@@ -52,6 +55,8 @@ TEST(LineStatusObject, BringsTheStatusToAnotherProgramWithAnotherClock)
     EXPECT_EQ(status.figures.reopened, 2);
     EXPECT_EQ(status.figures.percentAsked, 140);
     EXPECT_EQ(status.figures.overload, QString("the line is 140 % asked for"));
+    EXPECT_EQ(status.figures.roundTrips.counts, pressStatus().figures.roundTrips.counts);
+    EXPECT_TRUE(status.figures.roundTrips.sum == 5075500us);
     ASSERT_EQ(status.stations.size(), 1);
     const StationView& station = status.stations.first();
     EXPECT_EQ(station.number, 7);
@@ -77,6 +82,24 @@ TEST(LineStatusObject, HasTheKeysOfTheSummaryAndMore)
     EXPECT_FALSE(summary.contains("settings"));
 }
 
+TEST(LineStatusObject, TellsTheLimitsOfItsRoundTrips)
+{
+    const Json roundTrips = jsonOf(pressStatus(), 90s)["roundTrips"];
+    EXPECT_EQ(roundTrips["limitsMs"][4], 30);
+    EXPECT_EQ(roundTrips["counts"][4], 3);
+    EXPECT_EQ(roundTrips["counts"].size(), roundTrips["limitsMs"].size() + 1);
+    EXPECT_EQ(roundTrips["sumMs"], 5075.5);
+}
+
+TEST(LineStatusObject, MayHaveRoundTripsWithLimitsOfAnotherVersion)
+{
+    const char* const other =
+        R"({"roundTrips": {"limitsMs": [1, 3], "counts": [7, 8, 9], "sumMs": 40}})";
+    const LineStatus status = lineStatusOf(messageIn(other, "status"), 1s);
+    for (const qint64 count : status.figures.roundTrips.counts)
+        EXPECT_EQ(count, 0);
+}
+
 TEST(LineStatusObject, MayLackKeys)
 {
     const LineStatus status = lineStatusOf(nodeOf(Json::object()), 1s);
@@ -90,6 +113,9 @@ TEST(LineStatusObject, NamesTheKeyOfAValueThatIsNotAllowed)
         R"({"port": 5})",
         R"({"up": "yes"})",
         R"({"reopened": -1})",
+        R"({"roundTrips": 1})",
+        R"({"roundTrips": {"limitsMs": [2, 5, 10, 20, 30, 50, 75, 100, 150, 200, 300, 500, 1000,)"
+        R"( 2000, 5000], "counts": [1], "sumMs": 1}})",
         R"({"stations": 1})",
         R"({"stations": [{"station": 70000, "state": "dead"}]})",
         R"({"stations": [{"station": 1}]})",

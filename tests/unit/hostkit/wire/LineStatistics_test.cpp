@@ -49,3 +49,24 @@ TEST(LineStatistics, RankTheLastThousandRoundTrips)
     EXPECT_EQ(line.roundTrip(99), 990ms);
     EXPECT_EQ(line.roundTrip(100), 1s);
 }
+
+TEST(LineStatistics, CountAllRoundTripsByTheirLength)
+{
+    using micro850::host::RoundTripHistogram;
+    LineStatistics line;
+    line.add(1s, 0, 20ms);
+    line.add(1s, 0, 20001us); // just above a limit
+    line.add(1s, 0, 5s);
+    line.add(1s, 0, 5001ms);
+    line.add(1s, 0, std::nullopt); // no answer
+    for (int i = 0; i < 1500; ++i)
+        line.add(2s, 0, 1ms);
+    const RoundTripHistogram& roundTrips = line.roundTrips();
+    ASSERT_EQ(RoundTripHistogram::kLimitsMs[3], 20);
+    EXPECT_EQ(roundTrips.counts[0], 1500);
+    EXPECT_EQ(roundTrips.counts[3], 1);
+    EXPECT_EQ(roundTrips.counts[4], 1);
+    EXPECT_EQ(roundTrips.counts[14], 1);
+    EXPECT_EQ(roundTrips.counts[15], 1);
+    EXPECT_TRUE(roundTrips.sum == 11541001us);
+}
