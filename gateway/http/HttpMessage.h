@@ -39,9 +39,14 @@ struct HttpRequest
 class HttpStream
 {
 public:
+    /// The body ends here; it is whole.
+    static constexpr int kEnd = -1;
+    /// The rest of the body cannot be made: the connection is closed without the end of the body.
+    static constexpr int kBroken = -2;
+
     virtual ~HttpStream() = default;
     /// Copies at most `size` bytes and returns how many; 0: nothing now, wake() tells when there is
-    /// something; below 0: the body ends here.
+    /// something; or kEnd or kBroken.
     virtual int read(char* bytes, int size) = 0;
 
     /// There is something to read, or the end. Not from within read().
