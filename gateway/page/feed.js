@@ -1,0 +1,195 @@
+// The stream of events of the gateway, and the latest of everything that it told. One feed serves
+// all tabs of a browser (worker.js), since a browser opens six connections to a server at most.
+// Messages that it gives, for those who joined later too (latest()):
+//   {kind: 'connection', state: 'connecting' | 'live' | 'lost' | 'login'}
+//   {kind: 'variables', variables}      what the gateway lists
+//   {kind: 'snapshot', values}          all latest values
+//   {kind: 'values', values}, {kind: 'ages', ages}, {kind: 'status', status}
+//   {kind: 'state', event}, {kind: 'write', event}
+
+// Ages and the status come every two seconds: a stream that is silent for longer is dead, even when
+// the browser does not know it, as after a cable was pulled.
+const kSilentMs = 7000;
+const kAgainMs = 1500;
+
+export class Feed {
+  constructor(deliver) {
+    this.deliver = deliver;
+    this.state = 'connecting';
+    this.variables = null;
+    this.values = null; // Map by line and name, in the gateway's order
+    this.status = null;
+    this.parts = [];
+    this.source = null;
+    this.again = 0;
+    this.asksVariables = false;
+    this.lastHeard = Date.now();
+    this.open();
+    setInterval(() => this.watch(), 1000);
+  }
+
+  latest() {
+    const messages = [{kind: 'connection', state: this.state}];
+    if (this.variables)
+      messages.push({kind: 'variables', variables: this.variables});
+    if (this.values)
+      messages.push({kind: 'snapshot', values: [...this.values.values()]});
+    if (this.status)
+      messages.push({kind: 'status', status: this.status});
+    return messages;
+  }
+
+  // Somebody looks: a stream that waits for a login is tried again.
+  join() {
+    if (this.state === 'login')
+      this.open();
+  }
+
+  open() {
+    clearTimeout(this.again);
+    this.source?.close();
+    this.parts = [];
+    this.lastHeard = Date.now();
+    const source = new EventSource('/api/v1/events');
+    this.source = source;
+    const on = (name, handle) => source.addEventListener(name, event => {
+      if (source !== this.source)
+        return;
+      this.lastHeard = Date.now();
+      handle(JSON.parse(event.data || 'null'));
+    });
+    source.onopen = () => this.handleOpen(source);
+    source.onerror = () => this.handleError(source);
+    on('snapshot', data => this.takeSnapshot(data));
+    on('values', data => this.takeValues(data.values));
+    on('ages', data => this.takeAges(data.ages));
+    on('status', data => this.takeStatus(data));
+    on('state', data => this.deliver({kind: 'state', event: data}));
+    on('write', data => this.deliver({kind: 'write', event: data}));
+    on('reloaded', () => this.askVariables());
+  }
+
+  handleOpen(source) {
+    if (source !== this.source)
+      return;
+    this.lastHeard = Date.now();
+    this.tell('live');
+    this.askVariables();
+  }
+
+  handleError(source) {
+    if (source !== this.source)
+      return;
+    if (this.state !== 'login')
+      this.tell('lost');
+    // In the state CONNECTING the browser tries again by itself, and tells where it was.
+    if (source.readyState === EventSource.CLOSED)
+      this.findReason();
+  }
+
+  // The gateway refused the stream. A session that has ended needs a login, everything else passes.
+  async findReason() {
+    this.source.close();
+    this.source = null;
+    let status = 0;
+    try {
+      const response = await fetch('/api/v1/session', {cache: 'no-store'});
+      status = response.status;
+      if (response.ok && (await response.json()).needsLogin)
+        status = 401;
+    } catch {
+      // Not there yet.
+    }
+    if (this.source)
+      return;
+    if (status === 401)
+      this.tell('login');
+    else
+      this.again = setTimeout(() => this.open(), kAgainMs + Math.random() * kAgainMs);
+  }
+
+  watch() {
+    const silent = Date.now() - this.lastHeard;
+    if (this.state === 'live' && silent > kSilentMs) {
+      this.tell('lost');
+      this.open();
+    } else if (this.state === 'live' && this.asksVariables) {
+      this.askVariables();
+    }
+  }
+
+  tell(state) {
+    if (this.state === state)
+      return;
+    this.state = state;
+    this.deliver({kind: 'connection', state});
+  }
+
+  async askVariables() {
+    this.asksVariables = false;
+    try {
+      const response = await fetch('/api/v1/variables', {cache: 'no-store'});
+      if (!response.ok)
+        throw new Error(String(response.status));
+      this.variables = (await response.json()).variables;
+      this.deliver({kind: 'variables', variables: this.variables});
+    } catch {
+      this.asksVariables = true; // with the next look at the stream
+    }
+  }
+
+  takeSnapshot(data) {
+    this.parts.push(...data.values);
+    if (data.more)
+      return;
+    const now = Date.now();
+    this.values = new Map();
+    for (const value of this.parts)
+      this.values.set(keyOf(value), {...value, heard: now});
+    this.parts = [];
+    this.tell('live');
+    this.deliver({kind: 'snapshot', values: [...this.values.values()]});
+  }
+
+  takeValues(values) {
+    if (!this.values)
+      return;
+    const now = Date.now();
+    const known = [];
+    for (const value of values) {
+      const key = keyOf(value);
+      if (!this.values.has(key))
+        continue;
+      value.heard = now;
+      this.values.set(key, value);
+      known.push(value);
+    }
+    this.deliver({kind: 'values', values: known});
+  }
+
+  takeAges(ages) {
+    if (!this.values)
+      return;
+    const now = Date.now();
+    const next = new Map();
+    for (const value of this.values.values()) {
+      const number = next.get(value.line) ?? 0;
+      next.set(value.line, number + 1);
+      const age = ages[value.line]?.[number];
+      if (age !== undefined) {
+        value.ageMs = age;
+        value.heard = now;
+      }
+    }
+    this.deliver({kind: 'ages', ages});
+  }
+
+  takeStatus(status) {
+    this.status = status;
+    this.deliver({kind: 'status', status});
+  }
+}
+
+export function keyOf(value) {
+  return `${value.line}\n${value.name}`;
+}

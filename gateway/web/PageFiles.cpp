@@ -1,0 +1,136 @@
+#include "PageFiles.h"
+
+#include "Problem.h"
+
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+// A linker leaves the files of a library out unless something refers to them. Qt wants this outside
+// of all namespaces.
+void loadFiles()
+{
+    Q_INIT_RESOURCE(page);
+}
+
+} // namespace
+
+namespace micro850::gateway {
+
+namespace {
+
+const std::array<const char*, 2> kChartFiles = {"dygraph.min.css", "dygraph.min.js"};
+// Many times the size of the charts' files: a wrong file does not fill the memory.
+const qint64 kMostChartBytes = 4 * 1024 * 1024;
+
+QByteArray typeOf(const QString& name)
+{
+    if (name.endsWith(QLatin1String(".html")))
+        return "text/html; charset=utf-8";
+    if (name.endsWith(QLatin1String(".css")))
+        return "text/css; charset=utf-8";
+    if (name.endsWith(QLatin1String(".svg")))
+        return "image/svg+xml";
+    return "text/javascript; charset=utf-8";
+}
+
+QByteArray tagOf(const QByteArray& bytes)
+{
+    const int kEnough = 32;
+    const QByteArray hash = QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
+    return '"' + hash.left(kEnough) + '"';
+}
+
+// Whether If-None-Match has the tag. A proxy that compresses makes a weak one of it.
+bool hasTag(const QByteArray& list, const QByteArray& tag)
+{
+    for (QByteArray one : list.split(',')) {
+        one = one.trimmed();
+        if (one.startsWith("W/"))
+            one = one.mid(2);
+        if (one == tag || one == "*")
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+PageFiles::PageFiles(QString charts) : m_charts(std::move(charts))
+{
+    loadFiles();
+    const QDir folder(QStringLiteral(":/page"));
+    for (const QString& name : folder.entryList(QDir::Files)) {
+        QFile file(folder.filePath(name));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        File& kept = m_files[name];
+        kept.type = typeOf(name);
+        kept.bytes = file.readAll();
+        kept.tag = tagOf(kept.bytes);
+    }
+}
+
+void PageFiles::addRoutes(Router& router) const
+{
+    const auto answer = [](const HttpExchangePointer& exchange, HttpResponse response) {
+        exchange->answer(std::move(response));
+    };
+    router.add("GET", "/", [=](const HttpExchangePointer& exchange, const Caller&) {
+        answer(exchange, page(QStringLiteral("index.html"), exchange->request()));
+    });
+    router.add("GET", "/page/{name}", [=](const HttpExchangePointer& exchange, const Caller&) {
+        answer(exchange, page(exchange->request().path.last(), exchange->request()));
+    });
+    router.add("GET", "/dygraphs/{name}", [=](const HttpExchangePointer& exchange, const Caller&) {
+        answer(exchange, charts(exchange->request().path.last(), exchange->request()));
+    });
+}
+
+HttpResponse PageFiles::page(const QString& name, const HttpRequest& request) const
+{
+    const auto file = m_files.constFind(name);
+    if (file == m_files.constEnd())
+        return problem(404, "", "the page has no such file");
+    return responseOf(*file, request);
+}
+
+// Read anew each time: an update of the package shows at once, and no memory is kept.
+HttpResponse PageFiles::charts(const QString& name, const HttpRequest& request) const
+{
+    const auto known = std::find_if(kChartFiles.begin(), kChartFiles.end(), [&](const char* one) {
+        return name == QLatin1String(one);
+    });
+    if (known == kChartFiles.end())
+        return problem(404, "", "the charts have no such file");
+    QFile file(m_charts + QLatin1Char('/') + QLatin1String(*known));
+    if (!file.open(QIODevice::ReadOnly) || file.size() > kMostChartBytes)
+        return problem(404, "", "the charts are not there: install the package libjs-dygraphs");
+    File read;
+    read.type = typeOf(name);
+    read.bytes = file.readAll();
+    read.tag = tagOf(read.bytes);
+    return responseOf(read, request);
+}
+
+// A browser asks each time whether its copy is still the file: after an update of the gateway, the
+// page and its parts belong together.
+HttpResponse PageFiles::responseOf(const File& file, const HttpRequest& request)
+{
+    HttpResponse response;
+    response.headers = {{"ETag", file.tag}, {"Cache-Control", "no-cache"}};
+    if (hasTag(request.header("if-none-match"), file.tag)) {
+        response.status = 304;
+        return response;
+    }
+    response.type = file.type;
+    response.body = file.bytes;
+    return response;
+}
+
+} // namespace micro850::gateway
