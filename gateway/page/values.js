@@ -200,7 +200,9 @@ class ValueRow {
     this.variable = item.variable;
     const {variable} = this;
     const isOld = variable.quality !== 'good';
-    setClass(this.root, `row${this.element === null ? '' : ' element'}${isOld ? ' is-old' : ''}`);
+    this.showAction();
+    setClass(this.root, `row${this.element === null ? '' : ' element'}${isOld ? ' is-old' : ''}` +
+      (this.writer ? ' has-action' : ''));
     const shown = valueText(variable, this.element);
     setText(this.value, shown);
     setAttribute(this.valueCell, 'title', shown.length > 12 ? shown : null);
@@ -209,7 +211,6 @@ class ValueRow {
       (this.isArray ? `[${variable.length}]` : ''));
     setText(this.age, ageText(ageOf(variable)));
     this.showQuality();
-    this.showAction();
     if (this.opener) {
       const isOpen = this.view.state.open.has(referenceOf(variable));
       setAttribute(this.opener, 'aria-expanded', isOpen);

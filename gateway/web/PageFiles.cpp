@@ -9,16 +9,12 @@
 #include <algorithm>
 #include <array>
 
-namespace {
-
-// A linker leaves the files of a library out unless something refers to them. Qt wants this outside
-// of all namespaces.
-void loadFiles()
+// A linker leaves the files of a library out unless something refers to them. The function that Qt
+// declares here is in the global namespace.
+static void loadFiles()
 {
     Q_INIT_RESOURCE(page);
 }
-
-} // namespace
 
 namespace micro850::gateway {
 
@@ -103,9 +99,8 @@ HttpResponse PageFiles::page(const QString& name, const HttpRequest& request) co
 // Read anew each time: an update of the package shows at once, and no memory is kept.
 HttpResponse PageFiles::charts(const QString& name, const HttpRequest& request) const
 {
-    const auto known = std::find_if(kChartFiles.begin(), kChartFiles.end(), [&](const char* one) {
-        return name == QLatin1String(one);
-    });
+    const auto known = std::find_if(kChartFiles.begin(), kChartFiles.end(),
+                                    [&](const char* one) { return name == QLatin1String(one); });
     if (known == kChartFiles.end())
         return problem(404, "", "the charts have no such file");
     QFile file(m_charts + QLatin1Char('/') + QLatin1String(*known));
