@@ -8,7 +8,7 @@ namespace micro850::gateway {
 
 namespace {
 
-const std::size_t kMostTasks = 64;
+const std::size_t kMostJobs = 64;
 // An answer is complete, or has so many bytes.
 const qint64 kMostBytes = qint64(8) * 1024 * 1024;
 // What an object of the answer takes besides the value itself.
@@ -28,13 +28,13 @@ HistoryQueries::~HistoryQueries()
     m_thread.join();
 }
 
-bool HistoryQueries::add(const QString& file, const HistoryQuery& query, Done done)
+bool HistoryQueries::add(Job job)
 {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_tasks.size() >= kMostTasks)
+        if (m_jobs.size() >= kMostJobs)
             return false;
-        m_tasks.push_back({file, query, std::move(done)});
+        m_jobs.push_back(std::move(job));
     }
     m_wake.notify_one();
     return true;
@@ -50,40 +50,108 @@ void HistoryQueries::run()
 {
     for (;;) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_wake.wait(lock, [this] { return m_ending || !m_tasks.empty(); });
+        m_wake.wait(lock, [this] { return m_ending || !m_jobs.empty(); });
         if (m_ending)
             return;
-        const Task task = std::move(m_tasks.front());
-        m_tasks.pop_front();
+        const Job job = std::move(m_jobs.front());
+        m_jobs.pop_front();
         lock.unlock();
-        task.done(answer(task));
+        job([this] { return isEnding(); });
     }
 }
 
-HistoryAnswer HistoryQueries::answer(const Task& task) const
+// ---- Answers ------------------------------------------------------------------------------------
+
+namespace {
+
+/// Collects rows until the answer is full.
+class Collector
 {
-    HistoryAnswer answer;
-    const std::size_t limit =
-        static_cast<std::size_t>(std::clamp(task.query.limit, 1, kMostHistoryValues));
-    try {
-        host::HistoryReader reader(task.file);
-        qint64 bytes = 0;
-        reader.values(task.query.filter, [&](const host::HistoryValue& value) {
-            if (isEnding())
-                return false;
-            bytes += kObjectBytes + sizeOf(value);
-            answer.complete =
-                answer.values.empty() || (answer.values.size() < limit && bytes <= kMostBytes);
-            if (answer.complete)
-                answer.values.push_back(jsonOf(value));
-            return answer.complete;
-        });
-    } catch (const UserError& error) {
-        answer = HistoryAnswer();
-        answer.errorCode = QStringLiteral("refused");
-        answer.errorText = QString::fromUtf8(error.what());
+public:
+    Collector(int limit, const std::function<bool()>& isEnding)
+        : m_limit(static_cast<std::size_t>(std::clamp(limit, 1, kMostHistoryValues))),
+          m_isEnding(isEnding)
+    {
     }
-    return answer;
+    template<typename Row> bool add(const Row& row)
+    {
+        if (m_isEnding())
+            return false;
+        m_bytes += kObjectBytes + sizeOf(row);
+        answer.complete =
+            answer.values.empty() || (answer.values.size() < m_limit && m_bytes <= kMostBytes);
+        if (answer.complete)
+            answer.values.push_back(jsonOf(row));
+        return answer.complete;
+    }
+
+    HistoryAnswer answer;
+
+private:
+    const std::size_t m_limit;
+    const std::function<bool()>& m_isEnding;
+    qint64 m_bytes = 0;
+};
+
+/// What `read` collects of the file.
+HistoryAnswer collected(const QString& file, int limit, const std::function<bool()>& isEnding,
+                        const std::function<void(host::HistoryReader&, Collector&)>& read)
+{
+    Collector collector(limit, isEnding);
+    try {
+        host::HistoryReader reader(file);
+        read(reader, collector);
+    } catch (const UserError& error) {
+        HistoryAnswer refused;
+        refused.errorCode = QStringLiteral("refused");
+        refused.errorText = QString::fromUtf8(error.what());
+        return refused;
+    }
+    return std::move(collector.answer);
+}
+
+HistoryFilter filterOf(const RecordQuery& query)
+{
+    HistoryFilter filter;
+    filter.from = query.from;
+    filter.to = query.to;
+    filter.lastFirst = true;
+    return filter;
+}
+
+} // namespace
+
+HistoryAnswer answerOf(const QString& file, const HistoryQuery& query,
+                       const std::function<bool()>& isEnding)
+{
+    return collected(file, query.limit, isEnding,
+                     [&query](host::HistoryReader& reader, Collector& collector) {
+                         reader.values(query.filter, [&collector](const host::HistoryValue& value) {
+                             return collector.add(value);
+                         });
+                     });
+}
+
+HistoryAnswer eventsOf(const QString& file, const RecordQuery& query,
+                       const std::function<bool()>& isEnding)
+{
+    return collected(
+        file, query.limit, isEnding, [&query](host::HistoryReader& reader, Collector& collector) {
+            reader.events(filterOf(query), [&collector](const host::HistoryEvent& event) {
+                return collector.add(event);
+            });
+        });
+}
+
+HistoryAnswer writesOf(const QString& file, const RecordQuery& query,
+                       const std::function<bool()>& isEnding)
+{
+    return collected(
+        file, query.limit, isEnding, [&query](host::HistoryReader& reader, Collector& collector) {
+            reader.writes(filterOf(query), [&collector](const host::HistoryWrite& write) {
+                return collector.add(write);
+            });
+        });
 }
 
 } // namespace micro850::gateway

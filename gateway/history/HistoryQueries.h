@@ -17,8 +17,8 @@ namespace micro850::gateway {
 class HistoryQueries
 {
 public:
-    /// Is told the answer on the thread of the queries.
-    using Done = std::function<void(HistoryAnswer answer)>;
+    /// Runs on the thread of the queries. What takes long asks now and then whether it is to end.
+    using Job = std::function<void(const std::function<bool()>& isEnding)>;
 
     HistoryQueries();
     /// Ends the query that runs; those that wait are dropped.
@@ -27,25 +27,26 @@ public:
     HistoryQueries& operator=(const HistoryQueries&) = delete;
 
     /// False when too many wait.
-    bool add(const QString& file, const HistoryQuery& query, Done done);
+    bool add(Job job);
 
 private:
-    struct Task
-    {
-        QString file;
-        HistoryQuery query;
-        Done done;
-    };
     void run();
     bool isEnding() const;
-    HistoryAnswer answer(const Task& task) const;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_wake;
-    std::deque<Task> m_tasks;
+    std::deque<Job> m_jobs;
     bool m_ending = false;
     std::thread m_thread; ///< last, so that everything is there when it begins
 };
+
+/// The answers, from the file. None throws.
+HistoryAnswer answerOf(const QString& file, const HistoryQuery& query,
+                       const std::function<bool()>& isEnding);
+HistoryAnswer eventsOf(const QString& file, const RecordQuery& query,
+                       const std::function<bool()>& isEnding);
+HistoryAnswer writesOf(const QString& file, const RecordQuery& query,
+                       const std::function<bool()>& isEnding);
 
 } // namespace micro850::gateway
 

@@ -75,6 +75,9 @@ public:
     }
 
     HistoryStamp stamp() const { return {m_clock.now(), m_wallClock.now()}; }
+    /// `answerOf` runs on the thread of the queries, with the name of the file.
+    template<typename Answer, typename AnswerOf>
+    void ask(const std::function<void(Answer)>& answered, const AnswerOf& answerOf);
     void addValue(int line, int variable);
     void addEvent(const LineEvent& event);
     template<typename Row> void add(const Row& row) { m_writer.add({stamp(), row, 0}); }
@@ -153,6 +156,30 @@ void HistoryService::Private::addEvent(const LineEvent& event)
     add(eventOf(event));
 }
 
+template<typename Answer, typename AnswerOf>
+void HistoryService::Private::ask(const std::function<void(Answer)>& answered,
+                                  const AnswerOf& answerOf)
+{
+    const auto refuse = [this, &answered](const char* code, const QString& text) {
+        Answer answer;
+        answer.errorCode = QLatin1String(code);
+        answer.errorText = text;
+        m_mailbox.post([answered, answer] { answered(answer); });
+    };
+    const QString file = m_settings.file;
+    if (file.isEmpty()) {
+        refuse("refused", QStringLiteral("nothing is recorded (the configuration names no "
+                                         "history.file)"));
+        return;
+    }
+    const bool isTaken = m_queries.add([this, file, answered, answerOf](const auto& isEnding) {
+        const auto answer = std::make_shared<Answer>(answerOf(file, isEnding));
+        m_mailbox.post([answered, answer] { answered(std::move(*answer)); });
+    });
+    if (!isTaken)
+        refuse("busy", QStringLiteral("too many requests for the history wait"));
+}
+
 HistoryService::HistoryService(LineService& lines, const HistorySettings& settings,
                                const Clock& clock, const WallClock& wallClock, Alarm alarm)
     : m_private(std::make_unique<Private>(lines, settings, clock, wallClock, std::move(alarm)))
@@ -179,25 +206,34 @@ void HistoryService::flush()
 
 void HistoryService::query(const HistoryQuery& query, const Answered& answered)
 {
-    Mailbox& mailbox = m_private->m_mailbox;
-    const auto refuse = [&mailbox, &answered](const char* code, const QString& text) {
-        HistoryAnswer answer;
-        answer.errorCode = QLatin1String(code);
-        answer.errorText = text;
-        mailbox.post([answered, answer] { answered(answer); });
-    };
-    const QString file = m_private->m_settings.file;
-    if (file.isEmpty()) {
-        refuse("refused", QStringLiteral("nothing is recorded (the configuration names no "
-                                         "history.file)"));
-        return;
-    }
-    const auto done = [&mailbox, answered](HistoryAnswer answer) {
-        const auto shared = std::make_shared<HistoryAnswer>(std::move(answer));
-        mailbox.post([answered, shared] { answered(std::move(*shared)); });
-    };
-    if (!m_private->m_queries.add(file, query, done))
-        refuse("busy", QStringLiteral("too many requests for the history wait"));
+    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
+        return answerOf(file, query, isEnding);
+    });
+}
+
+void HistoryService::events(const RecordQuery& query, const Answered& answered)
+{
+    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
+        return eventsOf(file, query, isEnding);
+    });
+}
+
+void HistoryService::writes(const RecordQuery& query, const Answered& answered)
+{
+    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
+        return writesOf(file, query, isEnding);
+    });
+}
+
+void HistoryService::trend(const TrendQuery& query,
+                           const std::function<void(TrendAnswer answer)>& answered)
+{
+    m_private->ask<TrendAnswer>(answered, [query](const QString&, const auto&) {
+        TrendAnswer answer;
+        answer.errorCode = QStringLiteral("busy");
+        answer.errorText = QStringLiteral("trends are not there yet");
+        return answer;
+    });
 }
 
 Json HistoryService::status() const

@@ -34,6 +34,10 @@ public:
     void flush();
 
     void query(const HistoryQuery& query, const Answered& answered) override;
+    void trend(const TrendQuery& query,
+               const std::function<void(TrendAnswer answer)>& answered) override;
+    void events(const RecordQuery& query, const Answered& answered) override;
+    void writes(const RecordQuery& query, const Answered& answered) override;
     Json status() const override;
 
     void handleValue(int line, int variable) override;

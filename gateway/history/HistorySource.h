@@ -2,16 +2,23 @@
 #define MICRO850_GATEWAY_HISTORY_HISTORYSOURCE_H
 
 #include "HistoryRows.h"
+#include "TrendPoint.h"
+
+#include <QtCore/QVector>
 
 #include <functional>
+#include <optional>
 
 namespace micro850::gateway {
 
 using host::HistoryFilter;
 using host::Json;
+using host::TrendPoint;
 
 /// The most values of one answer.
 const int kMostHistoryValues = 10000;
+/// The most points of a trend.
+const int kMostTrendPoints = 10000;
 
 struct HistoryQuery
 {
@@ -33,6 +40,39 @@ struct HistoryAnswer
     bool complete = true;
 };
 
+/// Asks for the trend of one variable, or of one element of an array.
+struct TrendQuery
+{
+    QString line;
+    QString name;
+    int element = 0;
+    /// Milliseconds since 1970 UTC: from the first on, and before the second.
+    qint64 from = 0;
+    qint64 to = 0;
+    int points = 800; ///< from 1 to kMostTrendPoints
+};
+
+struct TrendAnswer
+{
+    /// A code of the protocol: "busy", "refused", "unknown-name" or "bad-request"; empty when the
+    /// points are there.
+    QString errorCode;
+    QString errorText;
+    /// How long the part of the span is that each point stands for; 0 where the points are the
+    /// records themselves.
+    qint64 resolutionMs = 0;
+    QVector<TrendPoint> points;
+    QString unit;
+};
+
+/// Asks for writes or events.
+struct RecordQuery
+{
+    std::optional<qint64> from;
+    std::optional<qint64> to;
+    int limit = 1000; ///< from 1 to kMostHistoryValues
+};
+
 /// What clients ask of the history.
 class HistorySource
 {
@@ -43,6 +83,13 @@ public:
     /// `answered` is called once, later, on the thread of the event loop; not after the source was
     /// destroyed.
     virtual void query(const HistoryQuery& query, const Answered& answered) = 0;
+    /// The same for a trend.
+    virtual void trend(const TrendQuery& query,
+                       const std::function<void(TrendAnswer answer)>& answered) = 0;
+    /// What happened on the lines, and the journal of writes, the last that was recorded first. The
+    /// rows are in `values`; with `complete` false, older ones were left out.
+    virtual void events(const RecordQuery& query, const Answered& answered) = 0;
+    virtual void writes(const RecordQuery& query, const Answered& answered) = 0;
     /// The part "history" of the reply to "status": "state" is "recording", "stopped" with the
     /// "reason", or "off" without a file.
     virtual Json status() const = 0;

@@ -249,11 +249,10 @@ void HistoryReader::values(const HistoryFilter& filter, const Each<HistoryValue>
 
 namespace {
 
-/// Goes through the rows of a table in steps. `take` returns the sequence of a row, or nothing to
+/// Goes through the rows of a table in steps, from the sequence `last` on. `take` returns false to
 /// end.
-void inSteps(Statement& statement, const std::function<bool(const Statement&)>& take)
+void inSteps(Statement& statement, qint64 last, const std::function<bool(const Statement&)>& take)
 {
-    qint64 last = kFirst;
     for (int count = kRowsOfStep; count == kRowsOfStep;) {
         count = 0;
         statement.bind(1, last).bind(2, qint64(kRowsOfStep));
@@ -266,6 +265,18 @@ void inSteps(Statement& statement, const std::function<bool(const Statement&)>& 
             }
         }
     }
+}
+
+qint64 startOf(const HistoryFilter& filter)
+{
+    return filter.lastFirst ? kLast : kFirst;
+}
+
+std::string stepsOf(const char* select, const HistoryFilter& filter)
+{
+    return select + std::string(filter.lastFirst
+                                    ? " WHERE sequence < ? ORDER BY sequence DESC LIMIT ?"
+                                    : " WHERE sequence > ? ORDER BY sequence LIMIT ?");
 }
 
 bool isWanted(const HistoryFilter& filter, qint64 time, const QString& line)
@@ -301,7 +312,7 @@ void HistoryReader::loggedValues(const HistoryFilter& filter, const Each<History
     Statement rows(m_database,
                    "SELECT rowid, time, name, station, tag, element, type, value, unit, quality, "
                    "error FROM samples WHERE rowid > ? ORDER BY rowid LIMIT ?");
-    inSteps(rows, [&](const Statement& row) {
+    inSteps(rows, kFirst, [&](const Statement& row) {
         if (!nameMatches(row.text(2), filter.name))
             return true;
         const HistoryValue value = loggedValue(row);
@@ -313,10 +324,11 @@ void HistoryReader::writes(const HistoryFilter& filter, const Each<HistoryWrite>
 {
     if (m_log)
         return;
-    Statement rows(m_database, "SELECT sequence, time, uid, pid, client, line, name, element, old, "
-                               "new, outcome, error FROM writes WHERE sequence > ? ORDER BY "
-                               "sequence LIMIT ?");
-    inSteps(rows, [&](const Statement& row) {
+    Statement rows(m_database, stepsOf("SELECT sequence, time, uid, pid, client, line, name, "
+                                       "element, old, new, outcome, error FROM writes",
+                                       filter)
+                                   .c_str());
+    inSteps(rows, startOf(filter), [&](const Statement& row) {
         const HistoryWrite write{row.number(1),
                                  row.number(0),
                                  static_cast<int>(row.number(2)),
@@ -338,9 +350,10 @@ void HistoryReader::events(const HistoryFilter& filter, const Each<HistoryEvent>
 {
     if (m_log)
         return;
-    Statement rows(m_database, "SELECT sequence, time, line, station, state, text FROM events "
-                               "WHERE sequence > ? ORDER BY sequence LIMIT ?");
-    inSteps(rows, [&](const Statement& row) {
+    Statement rows(
+        m_database,
+        stepsOf("SELECT sequence, time, line, station, state, text FROM events", filter).c_str());
+    inSteps(rows, startOf(filter), [&](const Statement& row) {
         const bool hasStation = row.kind(3) != Statement::Kind::Null;
         const HistoryEvent event{row.number(1), row.number(0),
                                  row.text(2),   hasStation ? static_cast<int>(row.number(3)) : -1,

@@ -25,7 +25,7 @@ public:
     template<typename Row> using Each = std::function<bool(const Row& row)>;
     /// In the order of their times; those of a log in the order in which they were recorded.
     void values(const HistoryFilter& filter, const Each<HistoryValue>& each);
-    /// Both in the order in which they were recorded.
+    /// Both in the order in which they were recorded, or the other way round.
     void writes(const HistoryFilter& filter, const Each<HistoryWrite>& each);
     /// `name` is no part of an event: only `line` chooses.
     void events(const HistoryFilter& filter, const Each<HistoryEvent>& each);

@@ -78,6 +78,8 @@ struct HistoryFilter
     std::optional<qint64> to;
     /// Rows of the time `from` up to this sequence are left out: to go on where a page ended.
     qint64 after = -1;
+    /// Of writes and events: the last that was recorded first.
+    bool lastFirst = false;
 };
 
 /// About how many bytes a row takes.

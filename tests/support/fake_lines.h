@@ -136,6 +136,22 @@ public:
     {
         asked.append({query, answered});
     }
+    QVector<QPair<TrendQuery, std::function<void(TrendAnswer)>>> trends;
+    QVector<QPair<RecordQuery, Answered>> eventQueries;
+    QVector<QPair<RecordQuery, Answered>> writeQueries;
+
+    void trend(const TrendQuery& query, const std::function<void(TrendAnswer)>& answered) override
+    {
+        trends.append({query, answered});
+    }
+    void events(const RecordQuery& query, const Answered& answered) override
+    {
+        eventQueries.append({query, answered});
+    }
+    void writes(const RecordQuery& query, const Answered& answered) override
+    {
+        writeQueries.append({query, answered});
+    }
     Json status() const override { return {{"state", "off"}}; }
 };
 
