@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace micro850::gateway {
 
@@ -19,8 +20,10 @@ struct HttpRequest
     QByteArray target; ///< as it was sent, without the query: "/api/v1/values/a%2Fb"
     /// The parts of the path between the slashes, decoded: {"api", "v1", "values", "a/b"}.
     QStringList path;
-    QMap<QString, QStringList> query;     ///< decoded; the values in their order
-    QMap<QByteArray, QByteArray> headers; ///< names in lower case; "a, b" of several
+    QMap<QString, QStringList> query; ///< decoded; the values in their order
+    /// Names in lower case; "a, b" of several, "a; b" of several cookies. "host" is that of the
+    /// target when the target has one.
+    QMap<QByteArray, QByteArray> headers;
     QByteArray body;
     /// The address of the peer as text, "127.0.0.1" or "::1"; that of the client which the proxy
     /// tells when the peer is a configured one.
@@ -29,7 +32,8 @@ struct HttpRequest
     bool isEncrypted = false; ///< TLS to here, or to the configured proxy
 
     QByteArray header(const char* name) const { return headers.value(name); }
-    /// The value of a cookie; empty when there is none.
+    /// The value of a cookie; empty when there is none, and when there are several of the name:
+    /// one of them is of somebody else.
     QByteArray cookie(const QByteArray& name) const;
     /// The first value of a key of the query; empty when there is none.
     QString queryText(const QString& key) const;
@@ -92,6 +96,8 @@ public:
     virtual bool isWanted() const = 0;
 };
 using HttpExchangePointer = std::shared_ptr<HttpExchange>;
+using HttpHandler = std::function<void(const HttpExchangePointer& exchange)>;
+using HttpRefusal = std::function<HttpResponse(int status, const std::string& detail)>;
 
 } // namespace micro850::gateway
 

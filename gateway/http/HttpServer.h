@@ -3,40 +3,11 @@
 
 #include "Clock.h"
 #include "HttpMessage.h"
+#include "HttpSettings.h"
 
-#include <chrono>
 #include <memory>
 
 namespace micro850::gateway {
-
-/// Where the server listens and how much it bears.
-struct HttpSettings
-{
-    QString address = QStringLiteral("127.0.0.1"); ///< IPv4 or IPv6, no name
-    int port = 8850;                               ///< 0: a free one, for tests
-    QString certificateFile;                       ///< PEM, with the chain; empty: not encrypted
-    QString keyFile;                               ///< PEM
-    QStringList proxies; ///< addresses whose X-Forwarded-For and X-Forwarded-Proto are believed
-    int mostConnections = 128;
-    int mostPerAddress = 16;                     ///< not of a proxy
-    std::chrono::milliseconds idleLimit{30000};  ///< of a connection without a request
-    std::chrono::milliseconds headerLimit{5000}; ///< from the first byte to the end of the headers
-    int mostHeaderBytes = 8 * 1024;
-    int mostBodyBytes = 64 * 1024;
-
-    bool operator==(const HttpSettings& other) const;
-};
-
-/// What the server has done since it was made, for the metrics.
-struct HttpCounters
-{
-    qint64 connections = 0; ///< now
-    qint64 accepted = 0;
-    qint64 refused = 0; ///< too many, all in all or of one address
-    qint64 requests = 0;
-    qint64 tooSlow = 0;          ///< closed because headers or a body did not come
-    QMap<int, qint64> responses; ///< by status
-};
 
 /// Serves HTTP/1.1 in the event loop of Qt, with libmicrohttpd and without a thread. Its memory is
 /// bounded whatever a peer does.
@@ -45,12 +16,17 @@ class HttpServer
 public:
     /// Is given each request when it is complete. What is no request, or exceeds a limit, is
     /// answered or closed by the server itself.
-    using Handler = std::function<void(const HttpExchangePointer& exchange)>;
+    using Handler = HttpHandler;
+    /// Makes the response to what the server itself refuses: `detail` is a line for people. Without
+    /// it the response is that line. What is no HTTP at all gets a response of the library's.
+    using Refusal = HttpRefusal;
 
-    /// Listens at once. The clock must outlive it. Throws UserError when the address cannot be
+    /// Listens at once. The clock must outlive it. Must not be destroyed by its handler or a
+    /// stream. Throws UserError when the address cannot be
     /// used, and for certificates and keys that cannot be read, do not belong together, or can be
     /// read by others.
-    HttpServer(const HttpSettings& settings, const Clock& clock, Handler handler);
+    HttpServer(const HttpSettings& settings, const Clock& clock, Handler handler,
+               Refusal refusal = Refusal());
     /// Closes all connections. Exchanges that are left are answered to nobody.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
