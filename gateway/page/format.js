@@ -43,7 +43,7 @@ function oneText(value, exact, type) {
   return visible(value);
 }
 
-const kMostShown = 8;
+const kMostShown = 4;
 
 // The value of a variable, or of one element of its array, without the unit.
 export function valueText(variable, element = null) {

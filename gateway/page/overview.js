@@ -79,23 +79,26 @@ class Facts {
     this.shown = new Map();
   }
 
-  set(key, value, isWide = false) {
+  set(key, value, width = '') {
     if (!this.shown.has(key)) {
-      const value = element('dd');
-      this.root.append(element('div', {class: isWide ? 'wide' : ''},
-        element('dt', {}, text(`overview.${key}`)), value));
-      this.shown.set(key, value);
+      const place = element('dd');
+      this.root.append(element('div', {class: width},
+        element('dt', {}, text(`overview.${key}`)), place));
+      this.shown.set(key, place);
     }
     setText(this.shown.get(key), value);
   }
 }
+
+const kOfStation = ['lastAnswer', 'retries', 'timeouts', 'errors', 'reconnects'];
 
 class StationRow {
   constructor() {
     this.name = element('td');
     this.word = element('span');
     this.problem = element('span', {class: 'detail'});
-    this.numbers = [0, 1, 2, 3, 4].map(() => element('td', {class: 'number'}));
+    this.numbers = kOfStation.map(
+      key => element('td', {class: 'number', 'data-label': text(`overview.${key}`)}));
     this.root = element('tr', {}, this.name, element('td', {}, this.word, this.problem),
       this.numbers);
   }
@@ -123,14 +126,14 @@ class LineCard {
     this.bar = element('div', {class: 'bar', 'aria-hidden': 'true'}, this.fill);
     this.rows = new Map();
     this.body = element('tbody');
-    const heads = ['lastAnswer', 'retries', 'timeouts', 'errors', 'reconnects'].map(
+    const heads = kOfStation.map(
       key => element('th', {class: 'number', scope: 'col'}, text(`overview.${key}`)));
     this.root = element('section', {class: 'card', 'aria-label': visible(name)},
       element('div', {class: 'card-head'},
         element('h3', {}, element('a', {href: fragmentOf('values', {search: name})}, visible(name))),
         this.word, this.port),
       this.reason, this.facts.root,
-      element('div', {class: 'scroller'}, element('table', {},
+      element('div', {class: 'scroller'}, element('table', {class: 'stations'},
         element('caption', {class: 'hidden'}, text('overview.stations', {line: visible(name)})),
         element('thead', {}, element('tr', {},
           element('th', {scope: 'col'}, text('overview.stationHead')),
@@ -150,7 +153,8 @@ class LineCard {
     this.facts.set('oldest', ageText(line.oldestMs));
     this.facts.set('variables', counts.stale + counts.never === 0
       ? text('overview.allGood', {count: line.variables})
-      : text('overview.some', {count: line.variables, stale: counts.stale, never: counts.never}));
+      : text('overview.some', {count: line.variables, stale: counts.stale, never: counts.never}),
+    'broad');
     for (const station of stations) {
       if (!this.rows.has(station.station))
         this.rows.set(station.station, new StationRow());
@@ -160,9 +164,7 @@ class LineCard {
   }
 
   showFigures(line, stations) {
-    const asked = line.percentAsked > 100
-      ? ` (${text('overview.asked', {percent: percentText(line.percentAsked)})})` : '';
-    this.facts.set('inUse', percentText(line.percentInUse) + asked);
+    this.facts.set('inUse', percentText(line.percentInUse));
     if (!this.bar.parentNode)
       this.facts.shown.get('inUse').after(this.bar);
     this.fill.style.width = `${Math.max(0, Math.min(100, line.percentInUse ?? 0))}%`;
@@ -208,10 +210,10 @@ class GatewayCard {
     this.facts.set('memory', megabytesText(memory * 1024));
     this.facts.set('clients', fixed(status.clients ?? 0, 0));
     if (status.history)
-      this.facts.set('history', historyText(status.history), true);
+      this.facts.set('history', historyText(status.history), 'wide');
     for (const kind of ['mqtt', 'sparkplug']) {
       if (status.delivery?.[kind])
-        this.facts.set(kind, deliveryText(status.delivery[kind]), true);
+        this.facts.set(kind, deliveryText(status.delivery[kind]), 'wide');
     }
     const stopped = status.history?.state === 'stopped';
     setClass(this.root, `card ${stopped ? 'is-bad' : 'is-good'}`);
@@ -250,7 +252,8 @@ export class AlarmList {
       this.body.replaceChildren(...alarms.map(alarmRow));
       this.isRead = true;
       const newest = alarms.length ? timeKey(alarms[0]) : '';
-      this.early.filter(alarm => timeKey(alarm) > newest).forEach(alarm => this.body.prepend(alarmRow(alarm)));
+      this.early.filter(alarm => timeKey(alarm) > newest)
+        .forEach(alarm => this.body.prepend(alarmRow(alarm)));
       this.early = [];
       this.showNote();
     } catch (error) {
@@ -291,10 +294,12 @@ export function open(root) {
   const alarms = new AlarmList();
   const note = element('p', {class: 'notice'}, text('waiting'));
   const abort = new AbortController();
-  const gatewayPart = element('div', {class: 'cards'}, gateway.root);
-  root.append(element('h2', {}, text('overview.lines')), note, lines,
-    element('h2', {}, text('overview.alarms')), alarms.root,
-    element('h2', {}, text('overview.gateway')), gatewayPart);
+  // Everything comes at once, with the first status: nothing moves after it is seen.
+  const rest = element('div', {}, element('h2', {}, text('overview.gateway')),
+    element('div', {class: 'cards'}, gateway.root), element('h2', {}, text('overview.alarms')),
+    alarms.root);
+  rest.hidden = true;
+  root.append(element('h2', {}, text('overview.lines')), note, lines, rest);
 
   const pictures = drawer(() => {
     const status = plant.status;
@@ -309,6 +314,7 @@ export function open(root) {
     }
     arrange(lines, status.lines.map(line => cards.get(line.line).root));
     gateway.show(status);
+    rest.hidden = false;
   });
   const ends = [
     on('status', () => pictures.ask()),

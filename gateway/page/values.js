@@ -206,6 +206,7 @@ class ValueRow {
     const shown = valueText(variable, this.element);
     setText(this.value, shown);
     setAttribute(this.valueCell, 'title', shown.length > 12 ? shown : null);
+    setClass(this.valueCell, shown.length > 12 ? 'cell value is-long' : 'cell value');
     setText(this.unit, variable.unit && shown !== kNothing ? visible(variable.unit) : '');
     setText(this.type, visible(variable.type ?? '') +
       (this.isArray ? `[${variable.length}]` : ''));
@@ -228,13 +229,15 @@ class ValueRow {
   }
 
   showAction() {
-    const mayWrite = session.mayWrite && this.variable.writable && !this.isArray;
+    const mayWrite = Boolean(session.mayWrite && this.variable.writable && !this.isArray);
     if (mayWrite === Boolean(this.writer))
       return;
     if (mayWrite) {
       this.writer = element('button', {type: 'button',
         'aria-label': text('values.writeOf', {name: this.label}),
-        onclick: () => this.view.write(this.variable, this.element)}, text('values.write'));
+        onclick: () => this.view.write(this.variable, this.element)},
+      element('span', {class: 'in-words'}, text('values.write')),
+      element('span', {class: 'as-sign', 'aria-hidden': 'true'}, '✎'));
       this.action.append(this.writer);
     } else {
       this.writer.remove();
@@ -335,15 +338,16 @@ class ValuesView {
       return head;
     });
     const body = element('div', {class: 'body', role: 'rowgroup'});
-    const probe = element('div', {class: 'probe', 'aria-hidden': 'true'});
+    const probes = {variable: element('div', {class: 'probe', 'aria-hidden': 'true'}),
+      group: element('div', {class: 'probe of-group', 'aria-hidden': 'true'})};
     this.table = element('div', {class: 'values', role: 'table', 'aria-label': text('values.table'),
       onkeydown: event => this.step(event)},
     element('div', {class: 'row heads', role: 'row', 'aria-rowindex': 1},
       element('div', {class: 'cell open', role: 'columnheader'},
         element('span', {class: 'hidden'}, text('values.open', {name: ''}))), heads), body);
-    this.table.append(probe);
+    this.table.append(...Object.values(probes));
     this.note = element('p', {class: 'notice'});
-    this.window = new RowWindow(body, probe,
+    this.window = new RowWindow(body, probes,
       item => (item.kind === 'group' ? new GroupRow() : new ValueRow(item, this)));
   }
 
