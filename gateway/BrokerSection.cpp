@@ -29,13 +29,6 @@ QString textOf(const JsonNode& node)
     return QString::fromStdString(node.text());
 }
 
-// Otherwise every key that it lacks would be a mistake of its own.
-void expectObject(const JsonNode& node, const char* remedy = "")
-{
-    if (!host::jsonOf(node).is_object())
-        node.fail(node.found() + " is not an object { ... }" + remedy);
-}
-
 struct Remedy
 {
     const char* key;

@@ -4,6 +4,7 @@
 #include "Configuration.h"
 #include "Counted.h"
 #include "StandardStreams.h"
+#include "TokenFile.h"
 #include "UserError.h"
 #include "VisibleText.h"
 
@@ -19,6 +20,13 @@ std::string brokerText(const BrokerAddress& broker)
 {
     return broker.host.toStdString() + " port " + std::to_string(broker.port) +
            (broker.isEncrypted ? " encrypted" : "");
+}
+
+std::string webText(const WebSettings& web)
+{
+    return "page at " + web.http.address.toStdString() + " port " + std::to_string(web.http.port) +
+           (web.http.certificateFile.isEmpty() ? "" : " encrypted") +
+           (web.takesWrites ? " with writing" : "");
 }
 
 std::string summaryOf(const Configuration& configuration)
@@ -41,6 +49,8 @@ std::string summaryOf(const Configuration& configuration)
         delivered += ", mqtt to " + brokerText(configuration.brokers.mqtt->broker);
     if (configuration.brokers.sparkplug)
         delivered += ", sparkplug to " + brokerText(configuration.brokers.sparkplug->broker);
+    if (configuration.web.isOn)
+        delivered += ", " + webText(configuration.web);
     return counted(configuration.lines.size(), "line").toStdString() + ", " +
            counted(variables, "variable").toStdString() + " (" + std::to_string(writable) +
            " writable), socket " + configuration.socket.path.toStdString() + ", " + recorded +
@@ -108,6 +118,18 @@ public:
         else if (!broker.credentialsFile.isEmpty())
             note(section + ".broker: the password is sent without encryption (add \"tls\")");
     }
+    // The service does not start with a token file that is not as it must be.
+    void lookAtWeb(const WebSettings& web)
+    {
+        if (!web.tokenFile.isEmpty())
+            lookAtSecret("web.tokenFile", web.tokenFile,
+                         "web.tokenFile: ", [&] { readTokenFile(web.tokenFile); });
+        const bool isBehindProxy = !web.http.proxies.isEmpty();
+        if (web.isOpen() && !isBehindProxy && web.http.certificateFile.isEmpty())
+            note("web: the token and the values are sent without encryption (add \"certificate\" "
+                 "and "
+                 "\"key\", or put a proxy in front)");
+    }
     bool isGood() const { return m_good; }
 
 private:
@@ -157,6 +179,8 @@ int checkConfiguration(const QString& path)
         surroundings.lookAtBroker("mqtt", brokers.mqtt->broker, brokers.mqtt->queue);
     if (brokers.sparkplug)
         surroundings.lookAtBroker("sparkplug", brokers.sparkplug->broker, brokers.sparkplug->queue);
+    if (configuration.web.isOn)
+        surroundings.lookAtWeb(configuration.web);
     if (!surroundings.isGood())
         return kExitUsage;
     writeStandardOutput(visible(path.toStdString()) + ": ok: " + summaryOf(configuration) + '\n');

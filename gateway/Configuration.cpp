@@ -7,6 +7,7 @@
 #include "SerialLine.h"
 #include "UserError.h"
 #include "Visible.h"
+#include "WebSection.h"
 #include "Writable.h"
 
 #include <QtCore/QDir>
@@ -249,6 +250,11 @@ QStringList readFilesOf(const QString& path, const Configuration& configuration)
         add(configuration.brokers.mqtt->broker);
     if (configuration.brokers.sparkplug)
         add(configuration.brokers.sparkplug->broker);
+    const WebSettings& web = configuration.web;
+    for (const QString& file : {web.tokenFile, web.http.certificateFile, web.http.keyFile}) {
+        if (!file.isEmpty())
+            read.append(file);
+    }
     return read;
 }
 
@@ -279,7 +285,7 @@ void readAll(const JsonNode& root, const QString& folder, Configuration& configu
              Mistakes& mistakes)
 {
     mistakes.runs([&] {
-        root.expectKeys({"$schema", "lines", "socket", "history", "mqtt", "sparkplug"});
+        root.expectKeys({"$schema", "lines", "socket", "history", "mqtt", "sparkplug", "web"});
     });
     mistakes.runs([&] { root.text("$schema", ""); }); // for editors
     mistakes.runs([&] { readLines(root, folder, configuration.lines, mistakes); });
@@ -288,6 +294,7 @@ void readAll(const JsonNode& root, const QString& folder, Configuration& configu
     if (root.has("history"))
         readHistory(root.at("history"), folder, configuration.history, mistakes);
     readBrokers(root, folder, configuration.brokers, mistakes);
+    readWeb(root, folder, configuration.web, mistakes);
 }
 
 } // namespace

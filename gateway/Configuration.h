@@ -5,6 +5,7 @@
 #include "ClientSettings.h"
 #include "HistorySettings.h"
 #include "LineSettings.h"
+#include "WebSettings.h"
 
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ struct Configuration
     ClientSettings socket;
     HistorySettings history;
     BrokerSettings brokers;
+    WebSettings web;
 
     /// Reads the file and the project files that it names. Relative paths in it begin at its
     /// folder. Throws UserError that names file, key and remedy of the first mistake, and how many

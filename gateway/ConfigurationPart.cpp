@@ -1,5 +1,6 @@
 #include "ConfigurationPart.h"
 
+#include "Message.h"
 #include "Visible.h"
 
 #include <QtCore/QDir>
@@ -7,6 +8,12 @@
 #include <QtCore/QFileInfo>
 
 namespace micro850::gateway {
+
+void expectObject(const JsonNode& node, const char* remedy)
+{
+    if (!host::jsonOf(node).is_object())
+        node.fail(node.found() + " is not an object { ... }" + remedy);
+}
 
 QString pathOf(const JsonNode& node, const QString& folder)
 {

@@ -35,6 +35,9 @@ private:
     std::vector<std::string>& m_list;
 };
 
+/// Throws UserError unless the node is an object. Otherwise every key that it lacks would be a
+/// mistake of its own.
+void expectObject(const JsonNode& node, const char* remedy = "");
 /// A path, absolute; one that is relative begins at `folder`. Throws UserError.
 QString pathOf(const JsonNode& node, const QString& folder);
 /// The path of a database that the gateway writes. Throws UserError for what is there and is not

@@ -3,6 +3,7 @@
 
 #include "Clock.h"
 #include "Router.h"
+#include "WallClock.h"
 #include "WebSettings.h"
 
 #include <variant>
@@ -14,16 +15,23 @@ namespace micro850::gateway {
 class Guard
 {
 public:
-    /// Reads the token file. The clock must outlive it. Throws UserError for a token file that
+    /// Reads the token file. The clocks must outlive it. Throws UserError for a token file that
     /// others can read or that has no token, and for settings that would let others in without one.
-    Guard(const WebSettings& settings, const Clock& clock);
+    Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock);
     ~Guard();
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
 
+    /// Settings of a new configuration, also with another token in the same file; all sessions are
+    /// over then. Throws UserError, and goes on as before, as the constructor does.
+    void change(const WebSettings& settings);
+
     /// Who asks, or why the request is refused. What is open to all needs no token: "/healthz",
-    /// "/readyz", "/login" and the files that the login page shows.
+    /// "/readyz", "/login" and the files of the page, which show nothing of the plant.
     std::variant<Caller, HttpResponse> admit(const HttpRequest& request);
+    /// False when the session of the caller is over, or the token has changed: what he still reads
+    /// has to end.
+    bool isStillAdmitted(const Caller& caller) const;
 
     /// The routes "/login" (GET, POST), "/logout" (POST) and "/api/v1/session" (GET).
     void addRoutes(Router& router);

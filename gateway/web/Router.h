@@ -11,6 +11,7 @@ struct Caller
     bool mayWrite = false;
     bool isSession = false; ///< of a browser; else of a program, or of nobody
     QByteArray sessionId;   ///< of a session; never told
+    QByteArray tokenMark;   ///< tells which token a program showed; never told
     QString name;           ///< for the journal: "web 127.0.0.1"
 };
 

@@ -18,7 +18,11 @@ struct WebSettings
 
     /// Others than this machine can connect: a token is needed to read, too.
     bool isOpen() const;
-    bool operator==(const WebSettings& other) const;
+    bool operator==(const WebSettings& other) const
+    {
+        return isOn == other.isOn && http == other.http && hosts == other.hosts &&
+               tokenFile == other.tokenFile && takesWrites == other.takesWrites;
+    }
 };
 
 } // namespace micro850::gateway

@@ -69,7 +69,8 @@ const json kDocument = {
       {"queue", {{"file", "s.sqlite"}}},
       {"group", "hall2"},
       {"node", "panel7"},
-      {"orders", json::object()}}}};
+      {"orders", json::object()}}},
+    {"web", {{"tokenFile", "t"}, {"certificate", "c.pem"}, {"key", "k.pem"}}}};
 
 // Each object of the configuration with its place in kDocument.
 std::vector<std::pair<json, std::string>> objectsOf(const json& schema)
@@ -85,7 +86,7 @@ std::vector<std::pair<json, std::string>> objectsOf(const json& schema)
                 add(property.value(), place + '/' + property.key());
         }
     };
-    for (const char* section : {"socket", "history", "mqtt", "sparkplug"})
+    for (const char* section : {"socket", "history", "mqtt", "sparkplug", "web"})
         add(properties[section], std::string("/") + section);
     return objects;
 }
@@ -141,6 +142,74 @@ TEST(ConfigurationSchema, AgreesWithTheParserOnHostsPrefixesAndNamesOfBrokers)
         compare("/sparkplug/group", name, true);
     for (const char* name : {"", "a/b", "a+", "a#", "a\tb"})
         compare("/sparkplug/node", name, false);
+}
+
+TEST(ConfigurationSchema, AgreesWithTheParserOnAddressesAndHostsOfThePage)
+{
+    const json schema = schemaFile();
+    const auto compare = [&](const char* key, const json& value, bool isGood) {
+        json document = kDocument;
+        document["web"][key] = value;
+        EXPECT_EQ(accepts(schema, document), isGood) << key << ' ' << value;
+        EXPECT_EQ(complaint(document).empty(), isGood) << key << ' ' << complaint(document);
+    };
+    for (const char* address :
+         {"127.0.0.1", "0.0.0.0", "255.255.255.255", "10.0.0.7", "::", "::1", "0:0:0:0:0:0:0:1",
+          "1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7::", "::2:3:4:5:6:7:8", "fe80::1", "2001:DB8::a:b",
+          "::ffff:10.0.0.7", "1:2:3:4:5:6:1.2.3.4", "1::6:1.2.3.4", "::1.2.3.4"})
+    {
+        compare("address", address, true);
+        compare("proxies", {address}, true);
+        compare("hosts", {address}, true);
+    }
+    for (const char* address :
+         {"", "localhost", "10.0.0", "10.0.0.256", "10.0.0.07", "10.0.0.7:80", "[::1]",
+          "fe80::1%eth0", "1:2:3:4:5:6:7", "1:2:3:4:5:6:7:8:9", "1::2::3",
+          ":::", "12345::", "1:2:3:4:5:6:7:1.2.3.4", "http://10.0.0.7", "*"})
+    {
+        compare("address", address, false);
+        compare("proxies", {address}, false);
+    }
+    for (const char* host :
+         {"panel7", "panel7.plant.example", "panel7.plant.example.", "Panel_7", "_a"})
+        compare("hosts", {host}, true);
+    for (const char* host : {"", "panel7:8850", "http://panel7", "a b", "-a", "me@panel7", "[::1]",
+                             "*", ".", "a\n", "\u00e4"})
+        compare("hosts", {"panel7", host}, false);
+    compare("hosts", json::array(), true);
+    compare("hosts", json(64, "a"), true);
+    compare("hosts", json(65, "a"), false);
+    compare("hosts", {7}, false);
+}
+
+TEST(ConfigurationSchema, AgreesWithTheParserOnWhatNeedsATokenOrAPair)
+{
+    const json schema = schemaFile();
+    const auto compare = [&](const json& web, bool isGood) {
+        json document = kDocument;
+        document["web"] = web;
+        EXPECT_EQ(accepts(schema, document), isGood) << web;
+        EXPECT_EQ(complaint(document).empty(), isGood) << web << complaint(document);
+    };
+    compare(json::object(), true);
+    compare({{"writes", false}}, true);
+    compare({{"writes", true}}, false);
+    compare({{"writes", true}, {"tokenFile", "t"}}, true);
+    for (const char* address :
+         {"127.0.0.1", "127.9.9.9", "::1", "0:0:0:0:0:0:0:1", "::ffff:127.0.0.1"})
+        compare({{"address", address}}, true);
+    for (const char* address :
+         {"0.0.0.0", "::", "10.0.0.7", "::ffff:10.0.0.7", "fe80::1", "::127.0.0.1"})
+    {
+        compare({{"address", address}}, false);
+        compare({{"address", address}, {"tokenFile", "t"}}, true);
+    }
+    compare({{"proxies", json::array()}}, true);
+    compare({{"proxies", {"127.0.0.1"}}}, false);
+    compare({{"proxies", {"127.0.0.1"}}, {"tokenFile", "t"}}, true);
+    compare({{"certificate", "c.pem"}}, false);
+    compare({{"key", "k.pem"}}, false);
+    compare({{"certificate", "c.pem"}, {"key", "k.pem"}}, true);
 }
 
 TEST(ConfigurationSchema, AgreesWithTheParserOnNamesAndTheirNumber)

@@ -15,6 +15,7 @@
 using namespace micro850;
 using gateway::BrokerSettings;
 using gateway::Configuration;
+using gateway::WebSettings;
 
 /// For the messages of failed expectations.
 void PrintTo(const QStringList& list, std::ostream* out)
@@ -169,6 +170,62 @@ TEST_F(ConfigurationTest, ReadsWhereValuesAreDelivered)
     EXPECT_NE(brokers.mqtt->broker.clientId, brokers.sparkplug->broker.clientId);
     EXPECT_EQ(brokers.mqtt->broker.clientId,
               Configuration::fromFile(path("gateway.json")).brokers.mqtt->broker.clientId);
+}
+
+TEST_F(ConfigurationTest, ServesNoPageUnlessItIsConfigured)
+{
+    const std::string lines = R"("lines": [{"name": "press", "project": "press.json"}])";
+    EXPECT_FALSE(read('{' + lines + '}').web.isOn);
+    const WebSettings web = read('{' + lines + R"(, "web": {}})").web;
+    EXPECT_TRUE(web.isOn);
+    EXPECT_EQ(web.http.address, "127.0.0.1");
+    EXPECT_EQ(web.http.port, 8850);
+    EXPECT_EQ(web.tokenFile, "");
+    EXPECT_FALSE(web.takesWrites);
+    EXPECT_FALSE(web.isOpen());
+    EXPECT_EQ(web.hosts, QStringList());
+    EXPECT_EQ(web.http.mostConnections, 128);
+    EXPECT_EQ(web.http.mostPerAddress, 16);
+}
+
+TEST_F(ConfigurationTest, ReadsWhereThePageIs)
+{
+    const WebSettings web = read(R"({"lines": [{"name": "press", "project": "press.json"}],
+        "web": {"address": "0:0::0", "port": 443, "tokenFile": "token", "writes": true,
+                "hosts": ["Panel7.Plant.Example.", "0:0:0::1"],
+                "certificate": "c.pem", "key": "/k.pem", "proxies": ["::ffff:10.0.0.9"],
+                "connections": 40, "connectionsPerAddress": 8}})")
+                                .web;
+    EXPECT_EQ(web.http.address, "::");
+    EXPECT_EQ(web.http.port, 443);
+    EXPECT_EQ(web.tokenFile, path("token"));
+    EXPECT_TRUE(web.takesWrites);
+    EXPECT_TRUE(web.isOpen());
+    EXPECT_EQ(web.hosts, QStringList({"panel7.plant.example", "::1"}));
+    EXPECT_EQ(web.http.certificateFile, path("c.pem"));
+    EXPECT_EQ(web.http.keyFile, "/k.pem");
+    EXPECT_EQ(web.http.proxies, QStringList("10.0.0.9"));
+    EXPECT_EQ(web.http.mostConnections, 40);
+    EXPECT_EQ(web.http.mostPerAddress, 8);
+}
+
+TEST_F(ConfigurationTest, RefusesAPageThatLetsOthersInWithoutAToken)
+{
+    EXPECT_EQ(mistakesOf(R"("web": {"address": "0.0.0.0"})"),
+              QStringList("web: at 0.0.0.0 others can connect, so a token is needed (make one with "
+                          "\"micro850-gateway token FILE\", and name it in \"tokenFile\")"));
+    EXPECT_EQ(mistakesOf(R"("web": {"proxies": ["127.0.0.1"]})"),
+              QStringList("web: behind a proxy others can connect, so a token is needed (make one "
+                          "with \"micro850-gateway token FILE\", and name it in \"tokenFile\")"));
+    EXPECT_EQ(
+        mistakesOf(R"("web": {"writes": true})"),
+        QStringList("web.writes: writing needs a token (make one with \"micro850-gateway token "
+                    "FILE\", and name it in \"tokenFile\")"));
+    EXPECT_EQ(
+        mistakesOf(R"("web": {"address": "panel7", "writes": 1, "key": "k", "prot": 1})").size(),
+        4);
+    EXPECT_EQ(mistakesOf(R"("web": true)"),
+              QStringList("web: true is not an object { ... } (use {} for this machine alone)"));
 }
 
 TEST_F(ConfigurationTest, RefusesABrokerThatCannotBe)
