@@ -3,6 +3,7 @@
 #include "Memory.h"
 #include "TagAddress.h"
 #include "UserError.h"
+#include "VariableObject.h"
 #include "VisibleText.h"
 
 #include <algorithm>
@@ -91,32 +92,6 @@ host::TagKey tagOf(const JsonNode& message)
     if (tag.empty() || QString::fromStdString(tag).size() > host::kLongestTag)
         message.at("tag").fail("has 1 to " + std::to_string(host::kLongestTag) + " characters");
     return {static_cast<int>(message.integer("station", 0, 65535, 1)), QString::fromStdString(tag)};
-}
-
-Json described(const LineSettings& line, const host::Variable& variable)
-{
-    Json object = {{"line", line.name.toStdString()}, {"name", variable.name.toStdString()},
-                   {"station", variable.station},     {"tag", variable.tag.toStdString()},
-                   {"element", variable.element},     {"length", variable.length}};
-    if (variable.type)
-        object["type"] = variable.type->name;
-    if (!variable.unit.isEmpty())
-        object["unit"] = variable.unit.toStdString();
-    if (variable.isScaled()) {
-        object["gain"] = variable.gain;
-        object["offset"] = variable.offset;
-    }
-    if (variable.writable)
-        object["writable"] = true;
-    if (variable.minimum)
-        object["minimum"] = host::jsonOf(*variable.minimum);
-    if (variable.maximum)
-        object["maximum"] = host::jsonOf(*variable.maximum);
-    if (variable.writesPerMinute)
-        object["writesPerMinute"] = *variable.writesPerMinute;
-    if (variable.intervalMs)
-        object["intervalMs"] = *variable.intervalMs;
-    return object;
 }
 
 QByteArray textOf(const Json& value)
@@ -389,7 +364,8 @@ void Client::handleList(const Json& id, const JsonNode& message)
     page.isNumbered = true;
     page.item = [this, numbers](int i) {
         const int number = numbers.at(i);
-        return textOf(described(m_context.index.line(number), m_context.index.variable(number)));
+        return textOf(
+            variableObject(m_context.index.line(number), m_context.index.variable(number)));
     };
     m_pages.push_back(std::move(page));
 }

@@ -1,8 +1,8 @@
 #ifndef MICRO850_GATEWAY_WEB_WEBCONTEXT_H
 #define MICRO850_GATEWAY_WEB_WEBCONTEXT_H
 
-#include "ValueTexts.h"
 #include "WebService.h"
+#include "WebValues.h"
 
 namespace micro850::gateway {
 
@@ -10,13 +10,15 @@ namespace micro850::gateway {
 struct WebContext : WebNeeds
 {
     // cppcheck-suppress uninitDerivedMemberVar
-    explicit WebContext(const WebNeeds& needs) : WebNeeds(needs) { texts.reset(); }
+    explicit WebContext(const WebNeeds& needs) : WebNeeds(needs) {}
     WebContext(const WebContext&) = delete;
     WebContext& operator=(const WebContext&) = delete;
 
     VariableIndex index{lines};
-    ValueTexts texts{index};
+    WebValues values{lines, index};
     WebSettings settings;
+    /// Counts how often the numbers of the variables changed.
+    int generation = 0;
 };
 
 } // namespace micro850::gateway
