@@ -22,6 +22,7 @@ const kViews = {
 const byId = id => document.getElementById(id);
 let shown = {name: '', view: null};
 let turn = 0;
+let program = null;
 // The address of each view when it was left: the tabs lead back to it.
 const lastOf = new Map();
 
@@ -46,7 +47,7 @@ function markTab(name) {
       tab.removeAttribute('aria-current');
     tab.href = lastOf.get(other) ?? fragmentOf(other);
   }
-  document.title = name in kViews ? `${text(`view.${name}`)} – ${text('title')}` : text('title');
+  document.title = Object.keys(kViews).includes(name) ? `${text(`view.${name}`)} – ${text('title')}` : text('title');
 }
 
 function fail(root, name, error) {
@@ -70,7 +71,7 @@ async function show(isAgain = false) {
   scrollTo(0, 0);
   lastOf.set(name, location.hash || fragmentOf(name));
   markTab(name);
-  if (!Object.hasOwn(kViews, name)) {
+  if (!Object.keys(kViews).includes(name)) {
     root.append(element('p', {class: 'notice'}, text('noView')));
     return;
   }
@@ -96,8 +97,16 @@ function showConnection() {
     loadSession().catch(() => {}); // of a gateway that was restarted it is another one
 }
 
+// A gateway of another version has another page.
+function reloadWhenUpdated() {
+  program ??= plant.status.program;
+  if (program !== plant.status.program)
+    location.reload();
+}
+
 fillFrame();
 start();
+on('status', reloadWhenUpdated);
 on('connection', showConnection);
 showConnection();
 addEventListener('hashchange', () => show());

@@ -10,6 +10,8 @@
 // Ages and the status come every two seconds: a stream that is silent for longer is dead, even when
 // the browser does not know it, as after a cable was pulled.
 const kSilentMs = 7000;
+// A connection that is not there after this time is begun anew.
+const kPatienceMs = 15000;
 const kAgainMs = 1500;
 
 export class Feed {
@@ -41,8 +43,10 @@ export class Feed {
 
   // Somebody looks: a stream that waits for a login is tried again.
   join() {
-    if (this.state === 'login')
-      this.open();
+    if (this.state !== 'login')
+      return;
+    this.tell('connecting');
+    this.open();
   }
 
   open() {
@@ -111,6 +115,9 @@ export class Feed {
   watch() {
     const silent = Date.now() - this.lastHeard;
     if (this.state === 'live' && silent > kSilentMs) {
+      this.tell('lost');
+      this.open();
+    } else if (this.state !== 'live' && this.source && silent > kPatienceMs) {
       this.tell('lost');
       this.open();
     } else if (this.state === 'live' && this.asksVariables) {

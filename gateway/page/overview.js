@@ -42,25 +42,25 @@ function sum(stations, key) {
   return stations.reduce((total, station) => total + (station[key] ?? 0), 0);
 }
 
-// How many variables of the line have which quality.
-function qualitiesOf(line) {
-  const counts = {all: 0, stale: 0, never: 0};
+// How many variables have no good value, by line.
+function countQualities() {
+  const counts = new Map();
   for (const variable of plant.variables) {
-    if (variable.line !== line)
-      continue;
-    ++counts.all;
+    if (!counts.has(variable.line))
+      counts.set(variable.line, {stale: 0, never: 0});
+    const ofLine = counts.get(variable.line);
     if (variable.quality === 'stale')
-      ++counts.stale;
+      ++ofLine.stale;
     else if (variable.quality !== 'good')
-      ++counts.never;
+      ++ofLine.never;
   }
   return counts;
 }
 
 // Health of a line in one word: what is worst of the line, its stations and its values.
 function healthOf(line, counts) {
-  if (!line.up)
-    return 'down';
+  if (!line.up) // a line that was not tried yet tells nothing
+    return line.up === undefined && !line.error ? 'connecting' : 'down';
   const served = (line.stations ?? []).filter(station => station.state !== 'disabled');
   for (const state of ['refused', 'dead', 'line down']) {
     if (served.some(station => station.state === state))
@@ -141,8 +141,7 @@ class LineCard {
         this.body)));
   }
 
-  show(line) {
-    const counts = qualitiesOf(line.line);
+  show(line, counts) {
     const health = healthOf(line, counts);
     const stations = line.stations ?? [];
     setClass(this.root, `card ${stateClass(health)}`);
@@ -307,10 +306,11 @@ export function open(root) {
       return;
     setText(note, status.lines.length ? '' : text('overview.noLines'));
     note.hidden = status.lines.length > 0;
+    const counts = countQualities();
     for (const line of status.lines) {
       if (!cards.has(line.line))
         cards.set(line.line, new LineCard(line.line));
-      cards.get(line.line).show(line);
+      cards.get(line.line).show(line, counts.get(line.line) ?? {stale: 0, never: 0});
     }
     arrange(lines, status.lines.map(line => cards.get(line.line).root));
     gateway.show(status);

@@ -137,6 +137,17 @@ export function rangeOf(variable) {
   return least <= greatest ? {least, greatest} : null;
 }
 
+// Of all pictures, as the style sheet has it for this browser; asked for once.
+let known = {generation: -1, colour: ''};
+
+function colour() {
+  if (known.generation !== generation) {
+    known = {generation,
+      colour: getComputedStyle(document.documentElement).getPropertyValue('--trend').trim()};
+  }
+  return known.colour;
+}
+
 // Sets the size of the picture for this screen; gives what draws on it, in pixels of the page.
 function prepare(canvas) {
   const scale = devicePixelRatio || 1;
@@ -165,7 +176,7 @@ export function drawTrend(canvas, variable) {
   const yOf = number => (span === 0 ? height / 2
     : height - margin - (number - range.least) / span * (height - 2 * margin));
   const step = width / kPoints;
-  pen.strokeStyle = getComputedStyle(canvas).color;
+  pen.strokeStyle = colour();
   pen.lineWidth = 1.5;
   pen.lineJoin = 'round';
   pen.beginPath();

@@ -91,11 +91,13 @@ function chosen(state) {
 }
 
 function withElements(variable, state, items) {
-  items.push({id: variable.key, kind: 'variable', variable, element: null});
+  // After a reload of the configuration, the same name can be another variable: another row.
+  const id = `${variable.key}\n${variable.tag}\n${variable.length > 1}`;
+  items.push({id, kind: 'variable', variable, element: null});
   if (variable.length <= 1 || !state.open.has(referenceOf(variable)))
     return;
   for (let i = 0; i < variable.length; ++i)
-    items.push({id: `${variable.key}\n${i}`, kind: 'variable', variable, element: i});
+    items.push({id: `${id}\n${i}`, kind: 'variable', variable, element: i});
 }
 
 function itemsOf(variables, state) {
@@ -180,12 +182,12 @@ class ValueRow {
     const {tag, name} = this.variable;
     const detail = this.element === null && tag && tag !== name
       ? element('span', {class: 'soft'}, visible(tag)) : null;
-    if (this.isArray)
-      return element('div', {class: 'cell name', role: 'rowheader', title: this.label},
-        element('span', {}, this.label), detail);
-    return element('div', {class: 'cell name', role: 'rowheader', title: this.label},
-      element('a', {href: fragmentOf('trend', {v: referenceOf(this.variable, this.element)}),
-        title: text('values.trendOf', {name: this.label})}, this.label), detail);
+    const hasTrend = !this.isArray && typeof this.variable.value !== 'string';
+    const label = hasTrend
+      ? element('a', {href: fragmentOf('trend', {v: referenceOf(this.variable, this.element)}),
+        title: text('values.trendOf', {name: this.label})}, this.label)
+      : element('span', {}, this.label);
+    return element('div', {class: 'cell name', role: 'rowheader', title: this.label}, label, detail);
   }
 
   makeTrend() {
@@ -196,7 +198,6 @@ class ValueRow {
   }
 
   show(item) {
-    // After a reload of the configuration, the same name can be another variable.
     this.variable = item.variable;
     const {variable} = this;
     const isOld = variable.quality !== 'good';
