@@ -168,8 +168,9 @@ TEST(PageFiles, HasNothingThatThePolicyRefuses)
     for (const QString& name : files.names()) {
         const QString text = QString::fromUtf8(files.page(name, HttpRequest()).body);
         EXPECT_FALSE(text.contains(refused)) << name.toStdString();
-        if (!name.endsWith(QLatin1String(".svg"))) // it names its format by an address
+        if (!name.endsWith(QLatin1String(".svg"))) { // it names its format by an address
             EXPECT_FALSE(text.contains(elsewhere)) << name.toStdString();
+        }
     }
 }
 
