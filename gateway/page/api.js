@@ -1,4 +1,5 @@
 // Requests to the gateway.
+import {parseExact} from './exact.js';
 
 // What the gateway refused: `status` of HTTP (0: no answer), `code` of the protocol, `detail`, a
 // line for people.
@@ -40,7 +41,7 @@ export function addressOf(address, query = {}) {
   return address + (parts.length ? '?' + parts.join('&') : '');
 }
 
-async function request(address, options) {
+async function request(address, options, parse = JSON.parse) {
   let response;
   try {
     response = await fetch(address, {cache: 'no-store', credentials: 'same-origin', ...options});
@@ -49,7 +50,7 @@ async function request(address, options) {
   }
   let body = null;
   try {
-    body = await response.json();
+    body = parse(await response.text());
   } catch {
     // An answer without a body, or of a proxy.
   }
@@ -63,9 +64,14 @@ export function get(address, query = {}, signal = undefined) {
   return request(addressOf(address, query), {method: 'GET', signal});
 }
 
-// The same for what changes something.
+// The same, with integers that a browser's numbers cannot hold as texts of their digits.
+export function getExact(address, query = {}, signal = undefined) {
+  return request(addressOf(address, query), {method: 'GET', signal}, parseExact);
+}
+
+// The same for what changes something. A `body` that is a text is JSON already.
 export function send(method, address, body, query = {}) {
   const headers = {'Content-Type': 'application/json', 'X-Synchronizer': session.synchronizer};
   return request(addressOf(address, query),
-    {method, headers, body: body === undefined ? undefined : JSON.stringify(body)});
+    {method, headers, body: typeof body === 'string' ? body : JSON.stringify(body)}, parseExact);
 }

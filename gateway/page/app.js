@@ -8,6 +8,7 @@ import {element, setClass, setText} from './dom.js';
 import {on, plant, start} from './live.js';
 import * as overview from './overview.js';
 import {fragmentOf, parseFragment} from './route.js';
+import {showSession} from './session.js';
 import {language, text} from './texts.js';
 import * as values from './values.js';
 
@@ -105,6 +106,7 @@ function reloadWhenUpdated() {
 }
 
 fillFrame();
+showSession(byId('session'));
 start();
 on('status', reloadWhenUpdated);
 on('connection', showConnection);

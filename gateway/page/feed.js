@@ -7,6 +7,8 @@
 //   {kind: 'values', values}, {kind: 'ages', ages}, {kind: 'status', status}
 //   {kind: 'state', event}, {kind: 'write', event}
 
+import {parseExact} from './exact.js';
+
 // Ages and the status come every two seconds: a stream that is silent for longer is dead, even when
 // the browser does not know it, as after a cable was pulled.
 const kSilentMs = 7000;
@@ -56,11 +58,11 @@ export class Feed {
     this.lastHeard = Date.now();
     const source = new EventSource('/api/v1/events');
     this.source = source;
-    const on = (name, handle) => source.addEventListener(name, event => {
+    const on = (name, handle, parse = JSON.parse) => source.addEventListener(name, event => {
       if (source !== this.source)
         return;
       this.lastHeard = Date.now();
-      handle(JSON.parse(event.data || 'null'));
+      handle(parse(event.data || 'null'));
     });
     source.onopen = () => this.handleOpen(source);
     source.onerror = () => this.handleError(source);
@@ -69,7 +71,7 @@ export class Feed {
     on('ages', data => this.takeAges(data.ages));
     on('status', data => this.takeStatus(data));
     on('state', data => this.deliver({kind: 'state', event: data}));
-    on('write', data => this.deliver({kind: 'write', event: data}));
+    on('write', data => this.deliver({kind: 'write', event: data}), parseExact);
     on('reloaded', () => this.askVariables());
   }
 

@@ -1,0 +1,187 @@
+// The data of a trend: what the history gave for each variable, and what came since.
+
+// Times and values of one variable. A gap is a point whose values are NaN.
+export class Series {
+  constructor(variable) {
+    this.variable = variable; // {label: 'press/Level'}
+    this.found = null; // the variable and the element that this means
+    this.recent = []; // [time, value] of what came live
+    this.unit = '';
+    this.resolutionMs = 0;
+    this.problem = ''; // why there is nothing to draw
+    this.clear();
+  }
+
+  clear() {
+    this.times = [];
+    this.least = [];
+    this.greatest = [];
+    this.last = [];
+  }
+
+  // Points of the history: [time, least, greatest, last], null for no value.
+  replace(points, resolutionMs) {
+    this.clear();
+    this.resolutionMs = resolutionMs;
+    for (const [time, least, greatest, last] of points)
+      this.append(time, least ?? NaN, greatest ?? NaN, last ?? NaN);
+  }
+
+  append(time, least, greatest, last) {
+    this.times.push(time);
+    this.least.push(least);
+    this.greatest.push(greatest);
+    this.last.push(last);
+  }
+
+  // A value that came just now; NaN: there is none any more. It is only kept for takeRecent()
+  // when it is not drawn.
+  takeLive(time, value, most, isDrawn) {
+    this.recent.push([time, value]);
+    if (this.recent.length > most)
+      this.recent.shift();
+    if (isDrawn)
+      this.appendLive(time, value);
+  }
+
+  // The history is a little late: what came since its last point is added again.
+  takeRecent() {
+    const end = this.times.length > 0 ? this.times[this.times.length - 1] : -Infinity;
+    for (const [time, value] of this.recent) {
+      if (time > end)
+        this.appendLive(time, value);
+    }
+  }
+
+  appendLive(time, value) {
+    const end = this.times.length - 1;
+    if (end >= 0 && Number.isNaN(value) && Number.isNaN(this.last[end]))
+      return;
+    this.append(end >= 0 ? Math.max(time, this.times[end]) : time, value, value, value);
+  }
+
+  // Forgets what is before a time, but for the point that still holds then.
+  forgetBefore(time) {
+    const count = Math.max(0, this.indexAt(time));
+    for (const list of [this.times, this.least, this.greatest, this.last])
+      list.splice(0, count);
+  }
+
+  // The index of the last point at or before a time; -1 without one.
+  indexAt(time) {
+    let low = 0;
+    let high = this.times.length;
+    while (low < high) {
+      const middle = (low + high) >> 1;
+      if (this.times[middle] <= time)
+        low = middle + 1;
+      else
+        high = middle;
+    }
+    return low - 1;
+  }
+
+  // {time, least, greatest, last} at a time, null in a gap.
+  at(time) {
+    const index = this.indexAt(time);
+    if (index < 0 || Number.isNaN(this.last[index]))
+      return null;
+    return {
+      time: this.times[index], least: this.least[index], greatest: this.greatest[index],
+      last: this.last[index],
+    };
+  }
+}
+
+const kGap = [NaN, NaN, NaN];
+
+// Rows for the chart: [time, [least, last, greatest], ...] with a column for each series; null where
+// a series has no point at this time. The last value of each goes on to `end`.
+export function rowsOf(seriesList, end) {
+  const places = seriesList.map(() => 0);
+  const rows = [];
+  for (;;) {
+    let time = Infinity;
+    seriesList.forEach((series, column) => {
+      if (places[column] < series.times.length)
+        time = Math.min(time, series.times[places[column]]);
+    });
+    if (time === Infinity)
+      break;
+    const row = [new Date(time)];
+    seriesList.forEach((series, column) => {
+      let cell = null;
+      // Two points of one time: the later one holds.
+      while (places[column] < series.times.length && series.times[places[column]] === time)
+        cell = cellOf(series, places[column]++, cell);
+      row.push(cell);
+    });
+    rows.push(row);
+  }
+  extend(rows, seriesList, end);
+  return rows;
+}
+
+function cellOf(series, index, before) {
+  const last = series.last[index];
+  if (Number.isNaN(last))
+    return kGap;
+  const least = series.least[index];
+  const greatest = series.greatest[index];
+  if (before === null || before === kGap)
+    return [least, last, greatest];
+  return [Math.min(before[0], least), last, Math.max(before[2], greatest)];
+}
+
+function extend(rows, seriesList, end) {
+  if (rows.length === 0 || rows[rows.length - 1][0].getTime() >= end)
+    return;
+  const row = [new Date(end)];
+  for (const series of seriesList) {
+    const last = series.last.length > 0 ? series.last[series.last.length - 1] : NaN;
+    row.push(Number.isNaN(last) ? kGap : [last, last, last]);
+  }
+  rows.push(row);
+}
+
+// Which axis each series has: 1 or 2 by its unit, 0 when there is no third axis for it.
+export function axesOf(seriesList) {
+  const units = [];
+  return seriesList.map(series => {
+    if (series.problem)
+      return 0;
+    if (!units.includes(series.unit) && units.length < 2)
+      units.push(series.unit);
+    return units.indexOf(series.unit) + 1;
+  });
+}
+
+// A spreadsheet would calculate a text that begins like a formula: such a text is in quotes.
+function csvText(text) {
+  const isPlain = !/^[=+\-@]/.test(text) && !/[\u0000-\u001f\u007f-\u009f]/.test(text);
+  const shown = isPlain ? text : JSON.stringify(text);
+  return /[",\r\n;]/.test(shown) ? `"${shown.replace(/"/g, '""')}"` : shown;
+}
+
+// What is seen between two times, as a table for spreadsheets. The numbers have a decimal point
+// in every language. Where a variable has no point of its own, its cells are empty; in a gap, too.
+export function csvOf(seriesList, from, to) {
+  const heading = ['time'];
+  for (const series of seriesList) {
+    const unit = series.unit ? ` (${series.unit})` : '';
+    for (const part of ['minimum', 'maximum', 'last'])
+      heading.push(csvText(`${series.variable.label} ${part}${unit}`));
+  }
+  const lines = [heading.join(',')];
+  for (const [time, ...cells] of rowsOf(seriesList, -Infinity)) {
+    if (time.getTime() < from || time.getTime() > to)
+      continue;
+    const fields = [time.toISOString()];
+    for (const cell of cells) {
+      const isEmpty = cell === null || Number.isNaN(cell[1]);
+      fields.push(...(isEmpty ? ['', '', ''] : [cell[0], cell[2], cell[1]]));
+    }
+    lines.push(fields.join(','));
+  }
+  return lines.join('\r\n') + '\r\n';
+}
