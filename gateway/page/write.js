@@ -19,11 +19,16 @@ export function shownValue(value, type, unit = '') {
   return unit ? `${shown} ${visible(unit)}` : shown;
 }
 
+// Nobody answered, or only a proxy in between.
+function isWithoutAnswer(problem) {
+  return problem.status === 0 || (problem.status >= 500 && !problem.code);
+}
+
 // Why a write was refused, in words. `problem` is a Problem; `wasSent`: the write itself, no check.
 export function reasonOf(problem, wasSent) {
   if (problem.status === 401 || problem.code === 'synchronizer')
     return text('write.loggedOut');
-  if (problem.status === 0 || problem.status >= 502 && !problem.code)
+  if (isWithoutAnswer(problem))
     return text(wasSent ? 'write.connectionLost' : 'write.noConnection');
   const word = wordFor('outcome', problem.code);
   return problem.code ? `${word}: ${visible(problem.detail)}` : visible(problem.detail);
@@ -297,7 +302,8 @@ class WriteDialog {
 
   showFailed(problem) {
     const isKnown = problem instanceof Problem;
-    const isUnknown = problem.code === 'unknown-outcome' || problem.status === 0;
+    const isUnknown = !isKnown || problem.code === 'unknown-outcome' ||
+      isWithoutAnswer(problem);
     this.fill(() => [
       element('p', {class: 'outcome is-bad', role: 'status'},
         text(isUnknown ? 'write.unknown' : 'write.failed')),
