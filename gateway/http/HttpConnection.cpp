@@ -438,7 +438,8 @@ ssize_t HttpConnection::readStream(char* bytes, size_t most)
         return MHD_CONTENT_READER_END_WITH_ERROR;
     const int got = m_stream->read(bytes, static_cast<int>(std::min<size_t>(most, INT_MAX)));
     if (got < 0)
-        return MHD_CONTENT_READER_END_OF_STREAM;
+        return got == HttpStream::kBroken ? MHD_CONTENT_READER_END_WITH_ERROR
+                                          : MHD_CONTENT_READER_END_OF_STREAM;
     if (got == 0)
         suspend();
     return got;
