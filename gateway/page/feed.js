@@ -58,6 +58,7 @@ export class Feed {
     this.lastHeard = Date.now();
     const source = new EventSource('/api/v1/events');
     this.source = source;
+    this.askStatus();
     const on = (name, handle, parse = JSON.parse) => source.addEventListener(name, event => {
       if (source !== this.source)
         return;
@@ -132,6 +133,17 @@ export class Feed {
       return;
     this.state = state;
     this.deliver({kind: 'connection', state});
+  }
+
+  // The stream tells it after two seconds first.
+  async askStatus() {
+    try {
+      const response = await fetch('/api/v1/status', {cache: 'no-store'});
+      if (response.ok)
+        this.takeStatus(await response.json());
+    } catch {
+      // Then the stream tells it.
+    }
   }
 
   async askVariables() {

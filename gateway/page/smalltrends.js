@@ -12,6 +12,7 @@ let newest = 0; // the place of the last part in the rings
 let trends = new Map(); // by key: {least, greatest}, rings with NaN where there is no value
 let isStarted = false;
 let isAsking = false;
+let isFilled = false;
 // Grows when a part begins: all pictures are to be drawn again.
 let generation = 0;
 
@@ -31,6 +32,11 @@ function put(trend, place, number) {
     trend.greatest[place] = number;
 }
 
+function emptyTrend() {
+  return {least: new Float64Array(kPoints).fill(NaN),
+    greatest: new Float64Array(kPoints).fill(NaN), version: 0};
+}
+
 function beginPart() {
   newest = (newest + 1) % kPoints;
   end += stepMs;
@@ -48,34 +54,27 @@ function advance() {
   // After a long sleep everything that was kept is old.
   if (now - end > kPoints * stepMs)
     end = now - kPoints * stepMs;
-  while (trends.size && now >= end)
+  while (isFilled && now >= end)
     beginPart();
 }
 
 function fill(answer) {
   stepMs = answer.stepMs > 0 ? answer.stepMs : stepMs;
-  // The last part of the answer is over, or about to be: the next one begins here.
-  end = performance.now() + stepMs;
-  newest = 0;
-  const filled = new Map();
+  // The last part is not over yet. The clocks of two machines can differ.
+  end = performance.now() + Math.min(stepMs, Math.max(0, answer.end - Date.now()));
+  newest = kPoints - 1;
+  trends = new Map();
   for (const {line, name, points} of answer.trends) {
-    const trend = {least: new Float64Array(kPoints).fill(NaN),
-      greatest: new Float64Array(kPoints).fill(NaN), version: 0};
-    const some = points.slice(-(kPoints - 1));
+    const trend = emptyTrend();
+    const some = points.slice(-kPoints);
     some.forEach((point, i) => {
-      const place = kPoints - some.length + i;
-      if (point) {
-        trend.least[place] = point[0];
-        trend.greatest[place] = point[1];
-      }
+      if (point)
+        [trend.least[kPoints - some.length + i], trend.greatest[kPoints - some.length + i]] = point;
     });
-    const key = keyOf({line, name});
-    const variable = plant.byKey.get(key);
-    if (variable)
-      put(trend, 0, numberOf(variable));
-    filled.set(key, trend);
+    trends.set(keyOf({line, name}), trend);
   }
-  trends = filled;
+  isFilled = true;
+  take(plant.variables);
   ++generation;
 }
 
@@ -92,12 +91,17 @@ async function ask() {
 }
 
 function take(variables) {
+  if (!isFilled)
+    return;
   advance();
   for (const variable of variables) {
-    const trend = trends.get(variable.key);
-    if (!trend)
+    const number = numberOf(variable);
+    if (Number.isNaN(number))
       continue;
-    put(trend, newest, numberOf(variable));
+    if (!trends.has(variable.key))
+      trends.set(variable.key, emptyTrend());
+    const trend = trends.get(variable.key);
+    put(trend, newest, number);
     ++trend.version;
   }
 }
