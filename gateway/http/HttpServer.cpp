@@ -25,8 +25,8 @@ namespace micro850::gateway {
 namespace {
 
 /// Of each connection: twice the headers, and what the library notes of them.
-const size_t kConnectionMemory = 24 * 1024;
-const int kTickMs = 200;
+const size_t kConnectionMemory = 24UL * 1024;
+const int kTickMs = 100;
 const std::size_t kMostTurnedAway = 64;
 const Duration kTurnedAwayFor = std::chrono::seconds(1);
 const char kPriorities[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";

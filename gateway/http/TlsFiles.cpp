@@ -18,7 +18,7 @@ namespace micro850::gateway {
 
 namespace {
 
-const qint64 kMostBytes = 1024 * 1024;
+const qint64 kMostBytes = 1024LL * 1024;
 
 [[noreturn]] void refuse(const char* key, const QString& path, const std::string& what)
 {
