@@ -382,7 +382,7 @@ public:
 
     void handleValue(int line, int variable) override;
     void handleWrite(const JournalEntry& entry) override;
-    void handleReload() override;
+    void handleReload() override { nameLines(); }
 
 private:
     struct LineCounts
@@ -390,6 +390,7 @@ private:
         qint64 changes = 0;
         QMap<QString, qint64> writes; ///< by outcome
     };
+    void nameLines();
     MetricNumbers ownCounters() const;
     void take(const QByteArray& group, const MetricNumbers& counts);
     void takeLine(int line);
@@ -408,7 +409,7 @@ private:
 Metrics::Private::Private(MetricsNeeds needs) : m_needs(std::move(needs))
 {
     m_needs.lines.addListener(*this);
-    handleReload();
+    nameLines();
     QObject::connect(&m_samples, &QTimer::timeout, &m_samples, [this] { sample(); });
     m_samples.start(std::chrono::seconds(1));
 }
@@ -426,7 +427,7 @@ void Metrics::Private::handleWrite(const JournalEntry& entry)
 }
 
 // Lines that stay go on with their counts.
-void Metrics::Private::handleReload()
+void Metrics::Private::nameLines()
 {
     QMap<QString, LineCounts> old;
     for (int i = 0; i < m_names.size(); ++i)
