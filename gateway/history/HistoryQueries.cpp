@@ -132,6 +132,67 @@ HistoryAnswer answerOf(const QString& file, const HistoryQuery& query,
                      });
 }
 
+namespace {
+
+// The code and the text of a trend that cannot be shown.
+void explain(TrendAnswer& answer, const TrendQuery& query, const host::HistoryTrend& trend)
+{
+    using Outcome = host::HistoryTrend::Outcome;
+    const QString name = QStringLiteral("\"%1\" of the line \"%2\"").arg(query.name, query.line);
+    switch (trend.outcome) {
+    case Outcome::Done:
+        return;
+    case Outcome::Unknown:
+        answer.errorCode = QStringLiteral("unknown-name");
+        answer.errorText = QStringLiteral("the history has no values of ") + name;
+        return;
+    case Outcome::NoElement:
+        answer.errorCode = QStringLiteral("unknown-name");
+        answer.errorText =
+            QStringLiteral("element %1: %2 has the elements 0 to %3")
+                .arg(QString::number(query.element), name, QString::number(trend.length - 1));
+        return;
+    case Outcome::NoNumber:
+        answer.errorCode = QStringLiteral("refused");
+        answer.errorText = name + QStringLiteral(" is no number: it has no trend");
+        return;
+    case Outcome::Ended:
+        answer.errorCode = QStringLiteral("busy");
+        answer.errorText = QStringLiteral("the service is ending");
+        return;
+    }
+}
+
+} // namespace
+
+TrendAnswer trendOf(const QString& file, const TrendQuery& query,
+                    const std::optional<qint64>& recordedUntil,
+                    const std::function<bool()>& isEnding)
+{
+    TrendAnswer answer;
+    if (query.from >= query.to) {
+        answer.errorCode = QStringLiteral("bad-request");
+        answer.errorText = QStringLiteral("the span begins after its end (\"from\" must be before "
+                                          "\"to\")");
+        return answer;
+    }
+    try {
+        host::HistoryReader reader(file);
+        const host::HistoryTrend trend =
+            reader.trend({query.line, query.name, query.element, query.from, query.to,
+                          std::clamp(query.points, 1, kMostTrendPoints), recordedUntil},
+                         isEnding);
+        explain(answer, query, trend);
+        answer.unit = trend.unit;
+        answer.resolutionMs = trend.resolutionMs;
+        answer.points = trend.points;
+    } catch (const UserError& error) {
+        answer.errorCode = QStringLiteral("refused");
+        answer.errorText = QString::fromUtf8(error.what());
+    }
+    return answer;
+}
+
 HistoryAnswer eventsOf(const QString& file, const RecordQuery& query,
                        const std::function<bool()>& isEnding)
 {

@@ -43,6 +43,10 @@ private:
 /// The answers, from the file. None throws.
 HistoryAnswer answerOf(const QString& file, const HistoryQuery& query,
                        const std::function<bool()>& isEnding);
+/// `recordedUntil`: until now, while the recording goes on.
+TrendAnswer trendOf(const QString& file, const TrendQuery& query,
+                    const std::optional<qint64>& recordedUntil,
+                    const std::function<bool()>& isEnding);
 HistoryAnswer eventsOf(const QString& file, const RecordQuery& query,
                        const std::function<bool()>& isEnding);
 HistoryAnswer writesOf(const QString& file, const RecordQuery& query,

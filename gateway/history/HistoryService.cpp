@@ -5,6 +5,7 @@
 #include "Mailbox.h"
 
 #include <QtCore/QHash>
+#include <QtCore/QSet>
 #include <QtCore/QTimer>
 
 #include <map>
@@ -70,7 +71,7 @@ public:
               });
           })
     {
-        QObject::connect(&m_ticks, &QTimer::timeout, [this] { m_writer.tick(stamp()); });
+        QObject::connect(&m_ticks, &QTimer::timeout, [this] { tick(); });
         m_ticks.start(kTickMs);
     }
 
@@ -78,7 +79,13 @@ public:
     /// `answerOf` runs on the thread of the queries, with the name of the file.
     template<typename Answer, typename AnswerOf>
     void ask(const std::function<void(Answer)>& answered, const AnswerOf& answerOf);
-    void addValue(int line, int variable);
+    void tick();
+    /// Now, while the recording goes on.
+    std::optional<qint64> recordedUntil() const;
+    void addValue(int line, int variable) { addValue(line, variable, std::nullopt); }
+    void addValue(int line, int variable, std::optional<qint64> time);
+    void addAllValues();
+    void addVanished();
     void addEvent(const LineEvent& event);
     template<typename Row> void add(const Row& row) { m_writer.add({stamp(), row, 0}); }
     std::shared_ptr<const host::HistoryVariable> variableOf(int line, int variable,
@@ -94,6 +101,7 @@ public:
     /// Of lines, and of stations since their line changed its state.
     QHash<QString, QString> m_lineStates;
     QHash<QString, QHash<int, QString>> m_stationStates;
+    qint64 m_breaks = 0; ///< that were mended
     QTimer m_ticks;
     Mailbox m_mailbox;
     // Threads that use the mailbox end before it.
@@ -130,19 +138,71 @@ QString HistoryService::Private::stateOf(const GatewayValue& value) const
     return m_lineStates.value(value.line);
 }
 
-void HistoryService::Private::addValue(int line, int variable)
+void HistoryService::Private::addValue(int line, int variable, std::optional<qint64> time)
 {
     const GatewayValue& value = m_lines.latest(line, variable);
     const HistoryStamp now = stamp();
     host::HistoryValue row;
     row.variable = variableOf(line, variable, value);
     // A good value has the time when it was read; one that became stale has that of the change.
-    row.time = value.quality == host::Quality::Good ? value.time.value_or(now.wall) : now.wall;
+    row.time = time                                   ? *time
+               : value.quality == host::Quality::Good ? value.time.value_or(now.wall)
+                                                      : now.wall;
     row.value = value.value;
     row.quality = qualityText(value.quality);
     row.state = stateOf(value);
     row.error = value.error;
     m_writer.add({now, std::move(row), 0});
+}
+
+void HistoryService::Private::tick()
+{
+    m_writer.tick(stamp());
+    const HistoryWriter::Status status = m_writer.status();
+    if (status.breaks == m_breaks || status.waiting > 0 || !status.isGoingOn)
+        return;
+    m_breaks = status.breaks;
+    addAllValues();
+}
+
+std::optional<qint64> HistoryService::Private::recordedUntil() const
+{
+    if (!m_writer.status().isGoingOn)
+        return std::nullopt;
+    return m_wallClock.now();
+}
+
+// Where the recording was broken, nobody knows from the history whether a value that does not
+// change has held on. So it is recorded again.
+void HistoryService::Private::addAllValues()
+{
+    for (int line = 0; line < m_lines.size(); ++line) {
+        const int variables = m_lines.line(line).project.variables.size();
+        for (int variable = 0; variable < variables; ++variable) {
+            if (m_lines.latest(line, variable).quality != host::Quality::Never)
+                addValue(line, variable, m_wallClock.now());
+        }
+    }
+}
+
+// A variable that the configuration has no more does not go on in its trend.
+void HistoryService::Private::addVanished()
+{
+    QSet<QPair<QString, QString>> names;
+    for (int line = 0; line < m_lines.size(); ++line) {
+        for (const host::Variable& variable : m_lines.line(line).project.variables)
+            names.insert({m_lines.line(line).name, variable.name});
+    }
+    for (const auto& [place, variable] : m_variables) {
+        if (names.contains({variable->line, variable->name}))
+            continue;
+        host::HistoryValue row;
+        row.variable = variable;
+        row.time = m_wallClock.now();
+        row.quality = qualityText(host::Quality::Never);
+        row.error = QStringLiteral("the configuration has this variable no more");
+        add(row);
+    }
 }
 
 void HistoryService::Private::addEvent(const LineEvent& event)
@@ -228,12 +288,11 @@ void HistoryService::writes(const RecordQuery& query, const Answered& answered)
 void HistoryService::trend(const TrendQuery& query,
                            const std::function<void(TrendAnswer answer)>& answered)
 {
-    m_private->ask<TrendAnswer>(answered, [query](const QString&, const auto&) {
-        TrendAnswer answer;
-        answer.errorCode = QStringLiteral("busy");
-        answer.errorText = QStringLiteral("trends are not there yet");
-        return answer;
-    });
+    const std::optional<qint64> until = m_private->recordedUntil();
+    m_private->ask<TrendAnswer>(answered,
+                                [query, until](const QString& file, const auto& isEnding) {
+                                    return trendOf(file, query, until, isEnding);
+                                });
 }
 
 Json HistoryService::status() const
@@ -274,6 +333,7 @@ void HistoryService::handleWrite(const JournalEntry& entry)
 
 void HistoryService::handleReload()
 {
+    m_private->addVanished();
     m_private->m_variables.clear();
 }
 

@@ -19,6 +19,8 @@ const std::chrono::minutes kSetAsideInterval(1);
 const std::size_t kMostItems = 4096;
 // Steps of retention after a transaction, so that much to remove does not hold up the recording.
 const int kRetentionSteps = 8;
+// And so long for rollups of what an earlier version recorded.
+const std::chrono::milliseconds kConversionTime(50);
 // The clock on the wall was set when it differs by more from the monotonic one than a moment ago.
 const qint64 kStepMs = 1000;
 
@@ -207,6 +209,8 @@ void HistoryWriter::open()
         return;
     m_file =
         std::make_unique<host::HistoryFile>(m_settings.file, limitsOf(m_settings), m_fileSystem);
+    if (std::exchange(m_wasOpen, true))
+        countBreak();
     // A commit that failed may be in the file all the same.
     if (m_uncertainItems > 0 && m_file->sequence() == m_uncertainSequence)
         m_batch.erase(m_batch.begin(), m_batch.begin() + static_cast<long>(m_uncertainItems));
@@ -229,10 +233,15 @@ void HistoryWriter::note(const QString& state, const QString& text)
 
 void HistoryWriter::record()
 {
-    if (m_leftOut > 0)
+    const bool hasGap = m_leftOut > 0;
+    if (hasGap) {
+        // It is before the batch, or after it. No value is taken to hold on over it.
+        m_file->endPeriod();
+        countBreak();
         note(QStringLiteral("history gap"),
              QStringLiteral("%1 rows were not recorded: the disk was too slow, or full")
                  .arg(m_leftOut));
+    }
     m_leftOut = 0;
     do {
         followClock(m_batch.empty() ? m_tick : m_batch.front().stamp);
@@ -253,6 +262,8 @@ void HistoryWriter::record()
         m_batch.erase(m_batch.begin(), m_batch.begin() + static_cast<long>(count));
         finishTransaction(static_cast<qint64>(count));
     } while (!m_batch.empty() || isStep(m_tick));
+    if (hasGap)
+        m_file->endPeriod();
 }
 
 void HistoryWriter::addRow(const HistoryItem& item)
@@ -285,6 +296,7 @@ void HistoryWriter::followClock(const HistoryStamp& stamp)
     const qint64 step = offsetOf(stamp) - offsetOf(*m_last);
     m_last->wall += step;
     m_file->endPeriod();
+    countBreak();
     host::HistoryEvent event;
     event.time = stamp.wall;
     event.state = QStringLiteral("clock");
@@ -304,11 +316,29 @@ void HistoryWriter::advance(const HistoryStamp& stamp)
 
 void HistoryWriter::finishTransaction(qint64 rows)
 {
-    for (int i = 0; i < kRetentionSteps && m_file->retain(); ++i) {
-    }
+    bool hasMore = true;
+    for (int i = 0; i < kRetentionSteps && hasMore; ++i)
+        hasMore = m_file->retain();
+    if (!hasMore)
+        convert();
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_status.rows += rows;
     m_status.bytes = m_file->bytes();
+    m_status.isGoingOn = m_file->isGoingOn();
+}
+
+void HistoryWriter::convert()
+{
+    const auto end = SteadyTime::now() + kConversionTime;
+    while (m_file->convert() && SteadyTime::now() < end) {
+    }
+}
+
+void HistoryWriter::countBreak()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_status.isGoingOn = false;
+    ++m_status.breaks;
 }
 
 // ---- What goes wrong ----------------------------------------------------------------------------
@@ -362,6 +392,7 @@ void HistoryWriter::setState(const QString& state, const QString& reason)
             return;
         m_status.state = state;
         m_status.reason = reason;
+        m_status.isGoingOn = m_status.isGoingOn && state == QLatin1String("recording");
     }
     if (state == QLatin1String("off"))
         return;

@@ -28,6 +28,11 @@ public:
         qint64 rows = 0;    ///< recorded since the start
         qint64 leftOut = 0; ///< not recorded since the start
         qint64 waiting = 0;
+        /// What is in the file holds on until now, see HistoryFile::isGoingOn().
+        bool isGoingOn = false;
+        /// How often that ended since the start: the clock was set, rows were left out, or the file
+        /// was opened again.
+        qint64 breaks = 0;
     };
     /// Is told on the writer's thread when the recording stops, goes on, or sets a file aside.
     using Alarm = std::function<void(const host::HistoryEvent& event)>;
@@ -59,6 +64,8 @@ private:
     void record();
     void addRow(const HistoryItem& item);
     void finishTransaction(qint64 rows);
+    void convert();
+    void countBreak();
     bool isStep(const HistoryStamp& stamp) const;
     void followClock(const HistoryStamp& stamp);
     void advance(const HistoryStamp& stamp);
@@ -90,7 +97,8 @@ private:
     std::optional<HistoryStamp> m_last;
     qint64 m_leftOut = 0; ///< not yet told in the history
     bool m_failed = false;
-    QString m_stopped; ///< the reason, until it is told in the history
+    bool m_wasOpen = false; ///< the first opening is no break
+    QString m_stopped;      ///< the reason, until it is told in the history
     /// A commit failed, and nobody knows whether it is in the file: it is when the file ends with
     /// this sequence.
     qint64 m_uncertainSequence = 0;

@@ -95,6 +95,8 @@ void HistoryFile::prepare()
     m_database->run(QStringLiteral("PRAGMA synchronous = FULL"));
     if (fresh)
         createHistory(*m_database);
+    else if (m_database->number("PRAGMA user_version") < kHistoryVersion)
+        convertHistory(*m_database);
     applyLimits();
     m_statements = std::make_unique<HistoryStatements>(*m_database);
     struct stat status = {};
@@ -109,8 +111,14 @@ void HistoryFile::readState()
     Statement last(*m_database, "SELECT id, first, last, earliest, latest, recorded FROM periods "
                                 "ORDER BY id DESC LIMIT 1");
     if (last.step())
-        m_period = {last.number(0), last.number(1), last.number(2),
-                    last.number(3), last.number(4), last.number(5)};
+        m_period = {last.number(0),
+                    last.number(1),
+                    last.number(2),
+                    last.number(3),
+                    last.number(4),
+                    last.number(5),
+                    0,
+                    false};
     last.reset();
     m_period.id =
         std::max(m_period.id, m_database->number("SELECT value FROM meta WHERE key = 'period'"));
@@ -119,6 +127,7 @@ void HistoryFile::readState()
     m_recordedBefore = std::max(
         m_period.recorded, m_database->number("SELECT value FROM meta WHERE key = 'recorded'"));
     m_recordedStored = m_recordedBefore;
+    m_unrolled = m_database->number("SELECT value FROM meta WHERE key = 'unrolled'");
     m_writes = m_database->number("SELECT count(*) FROM writes");
     m_periodOpen = m_database->number("SELECT count(*) FROM recent_values") > 0;
 }
@@ -211,12 +220,22 @@ bool HistoryFile::periodIsOver() const
                             m_ofPeriod.pages() >= m_budget.pagesOfPeriod());
 }
 
+void HistoryFile::endPeriod()
+{
+    m_endsPeriod = true;
+    m_isGoingOn = false;
+}
+
 void HistoryFile::closePeriod()
 {
     m_database->run(QStringLiteral(
         "BEGIN IMMEDIATE; INSERT INTO stored_values (variable, time, sequence, condition, value) "
         "SELECT variable, time, sequence, condition, value FROM recent_values "
-        "ORDER BY variable, time, sequence; DELETE FROM recent_values; COMMIT"));
+        "ORDER BY variable, time, sequence"));
+    Statement rows(*m_database, "SELECT variable, time, sequence, condition, value FROM "
+                                "recent_values ORDER BY variable, time, sequence");
+    RollupMaker(*m_database).add(rows);
+    m_database->run(QStringLiteral("DELETE FROM recent_values; COMMIT"));
     m_periodOpen = false;
     m_endsPeriod = false;
 }
@@ -224,6 +243,8 @@ void HistoryFile::closePeriod()
 void HistoryFile::storeState()
 {
     const qint64 now = recorded();
+    if (m_isGoingOn)
+        m_period.until = std::max({m_period.until, m_period.latest, m_wallAtStart + now});
     if (m_added) {
         m_period.recorded = now;
         m_statements->storePeriod.bind(1, m_period.id)
@@ -232,10 +253,14 @@ void HistoryFile::storeState()
             .bind(4, m_period.earliest)
             .bind(5, m_period.latest)
             .bind(6, m_period.recorded)
+            .bind(7, m_period.until)
+            .bind(8, qint64(m_period.continues ? 1 : 0))
             .run();
     }
     if (now - m_recordedStored < kStoreRecordedMs)
         return;
+    if (m_isGoingOn)
+        m_statements->storeUntil.bind(1, m_period.until).bind(2, m_period.id).run();
     m_statements->storeRecorded.bind(1, now).run();
     m_recordedStored = now;
 }
@@ -244,7 +269,9 @@ void HistoryFile::takeSequence(qint64 time, qint64 bytes)
 {
     ++m_sequence;
     if (!m_periodOpen) {
-        m_period = {m_period.id + 1, m_sequence, m_sequence, time, time, recorded()};
+        m_period = {m_period.id + 1, m_sequence, m_sequence, time, time,
+                    recorded(),      time,       m_isGoingOn};
+        m_endsPeriod = false;
         m_variables.clear();
         m_conditions.clear();
         m_ofPeriod = Amount();
@@ -256,6 +283,8 @@ void HistoryFile::takeSequence(qint64 time, qint64 bytes)
     m_period.latest = std::max(m_period.latest, time);
     m_ofPeriod.add(bytes);
     m_ofTransaction.add(bytes);
+    m_wallAtStart = time - recorded();
+    m_isGoingOn = true;
     m_added = true;
 }
 

@@ -5,6 +5,7 @@
 #include "Database.h"
 #include "FileLock.h"
 #include "HistoryBudget.h"
+#include "HistoryRollups.h"
 #include "HistoryRows.h"
 
 #include <QtCore/QHash>
@@ -55,7 +56,10 @@ public:
     void advance(Duration passed);
     /// The clock on the wall was set: what follows belongs to another period. Not between begin()
     /// and commit().
-    void endPeriod() { m_endsPeriod = true; }
+    void endPeriod();
+    /// Whether the values that were added are known to hold on until the next ones: the recording
+    /// has gone on since, with a steady clock.
+    bool isGoingOn() const { return m_isGoingOn; }
     /// Whether the rest must wait for another transaction.
     bool isTransactionFull() const;
     /// Throws DatabaseError also when another program keeps the log from being emptied.
@@ -64,6 +68,9 @@ public:
     /// Removes some of what is too old or too much, and gives free pages back where the limit asks
     /// for it. Returns whether more is to be done.
     bool retain();
+    /// Gives rollups to a period of a history that an earlier version began. Returns whether more
+    /// is to be done.
+    bool convert();
 
     /// Renames a damaged file and its log; nothing is deleted. Returns the new name.
     static QString setAside(const QString& path, qint64 time);
@@ -77,7 +84,9 @@ private:
         qint64 last = 0;
         qint64 earliest = 0; ///< times
         qint64 latest = 0;
-        qint64 recorded = 0; ///< the time of recording at its end, in milliseconds
+        qint64 recorded = 0;    ///< the time of recording at its end, in milliseconds
+        qint64 until = 0;       ///< the time up to which the recording went on
+        bool continues = false; ///< the recording had not stopped since the period before
     };
     /// What was added.
     struct Amount
@@ -112,6 +121,8 @@ private:
     std::optional<Period> oldestPeriod();
     bool removeOldestPeriod(bool full);
     void removePeriod(const Period& period);
+    void addRollups(const Period& period);
+    static Statement& bindPeriod(Statement& statement, qint64 variable, const Period& period);
     bool removeOldWrites(bool full);
     bool givePagesBack();
 
@@ -135,6 +146,10 @@ private:
     /// Its rows are in recent_values. A file that was just opened goes on with another period.
     bool m_periodOpen = false;
     bool m_endsPeriod = true;
+    bool m_isGoingOn = false;
+    qint64 m_wallAtStart = 0; ///< the clock on the wall when the time of recording was 0
+    /// Older periods, from this one down, have no rollups yet; 0: all have.
+    qint64 m_unrolled = 0;
     qint64 m_periodBegan = 0; ///< time of recording
     bool m_added = false;     ///< since begin()
     Amount m_ofPeriod;

@@ -14,7 +14,9 @@ namespace {
 //
 // A period is a part of the recording with a steady clock: its values have the sequences from
 // `first` to `last` and the times from `earliest` to `latest`. `recorded` is how long had been
-// recorded at its end, in milliseconds, from the monotonic clock.
+// recorded at its end, in milliseconds, from the monotonic clock. `until` is the time up to which
+// the recording is known to have gone on; with `continues` it had not stopped since the period
+// before, so that values hold on from there.
 //
 // Numbers of variables and conditions are not used again (AUTOINCREMENT), so that a program that
 // reads in several steps never takes one for another.
@@ -36,7 +38,8 @@ CREATE TABLE stored_values (
   condition INTEGER NOT NULL, value, PRIMARY KEY (variable, time, sequence)) WITHOUT ROWID;
 CREATE TABLE periods (
   id INTEGER PRIMARY KEY, first INTEGER NOT NULL, last INTEGER NOT NULL, earliest INTEGER NOT NULL,
-  latest INTEGER NOT NULL, recorded INTEGER NOT NULL);
+  latest INTEGER NOT NULL, recorded INTEGER NOT NULL, until INTEGER NOT NULL DEFAULT 0,
+  continues INTEGER NOT NULL DEFAULT 0);
 CREATE TABLE writes (
   sequence INTEGER PRIMARY KEY, time INTEGER NOT NULL, uid INTEGER NOT NULL, pid INTEGER NOT NULL,
   client TEXT NOT NULL, line TEXT NOT NULL, name TEXT NOT NULL, element INTEGER NOT NULL,
@@ -45,6 +48,10 @@ CREATE TABLE writes (
 CREATE TABLE events (
   sequence INTEGER PRIMARY KEY, time INTEGER NOT NULL, line TEXT NOT NULL, station INTEGER,
   state TEXT NOT NULL, text TEXT NOT NULL);
+CREATE TABLE rollups (
+  variable INTEGER NOT NULL, earliest INTEGER NOT NULL, first INTEGER NOT NULL,
+  latest INTEGER NOT NULL, last INTEGER NOT NULL, least, greatest, ending,
+  PRIMARY KEY (variable, earliest, first)) WITHOUT ROWID;
 CREATE VIEW history AS
   SELECT v.time, v.sequence, line, name, station, tag, element, length, type, value, unit, quality,
     state, error
@@ -52,6 +59,29 @@ CREATE VIEW history AS
     UNION ALL SELECT variable, time, sequence, condition, value FROM recent_values) v
   JOIN variables ON variables.id = v.variable JOIN conditions ON conditions.id = v.condition;
 )";
+
+// The first version had no rollups, and did not say whether a period continues the one before: it
+// does where the clock on the wall and the time of recording went on equally.
+#define MICRO850_CONTINUES                                                                         \
+    "coalesce((SELECT abs((p.latest - b.latest) - (p.recorded - b.recorded)) <= 5000 FROM "        \
+    "periods b WHERE b.id = p.id - 1), 0)"
+
+const char kConversion[] =
+    "ALTER TABLE periods ADD COLUMN until INTEGER NOT NULL DEFAULT 0;"
+    "ALTER TABLE periods ADD COLUMN continues INTEGER NOT NULL DEFAULT 0;"
+    "UPDATE periods AS p SET until = latest, continues = " MICRO850_CONTINUES ";"
+    "CREATE TABLE rollups (variable INTEGER NOT NULL, earliest INTEGER NOT NULL, "
+    "first INTEGER NOT NULL, latest INTEGER NOT NULL, last INTEGER NOT NULL, least, greatest, "
+    "ending, PRIMARY KEY (variable, earliest, first)) WITHOUT ROWID;"
+    // The period that is open gets its rollups when it closes.
+    "INSERT OR REPLACE INTO meta SELECT 'unrolled', max(id) - EXISTS (SELECT 1 FROM recent_values) "
+    "FROM periods HAVING max(id) IS NOT NULL;";
+
+const char kPeriods[] =
+    "SELECT id, first, last, earliest, latest, until, continues FROM periods ORDER BY id";
+const char kFirstPeriods[] = "SELECT id, first, last, earliest, latest, latest, " MICRO850_CONTINUES
+                             " FROM periods p ORDER BY id";
+#undef MICRO850_CONTINUES
 
 // An array, also of texts, is JSON in the column.
 Json fromText(const QString& text, const QString& type, int length)
@@ -83,6 +113,21 @@ void createHistory(Database& database)
     database.run(QStringLiteral("PRAGMA user_version = %1").arg(kHistoryVersion));
     database.run(QStringLiteral("INSERT INTO meta VALUES ('format', %1)").arg(kHistoryVersion));
     database.run(QStringLiteral("COMMIT"));
+}
+
+void convertHistory(Database& database)
+{
+    database.run(QStringLiteral("BEGIN IMMEDIATE"));
+    database.run(QString::fromLatin1(kConversion));
+    database.run(QStringLiteral("PRAGMA user_version = %1").arg(kHistoryVersion));
+    database.run(
+        QStringLiteral("INSERT OR REPLACE INTO meta VALUES ('format', %1)").arg(kHistoryVersion));
+    database.run(QStringLiteral("COMMIT"));
+}
+
+const char* periodsWithContinuity(bool isOfThisVersion)
+{
+    return isOfThisVersion ? kPeriods : kFirstPeriods;
 }
 
 bool isEmpty(Database& database)

@@ -3,6 +3,7 @@
 
 #include "Database.h"
 #include "HistoryRows.h"
+#include "HistoryTrend.h"
 
 #include <functional>
 #include <vector>
@@ -29,6 +30,9 @@ public:
     void writes(const HistoryFilter& filter, const Each<HistoryWrite>& each);
     /// `name` is no part of an event: only `line` chooses.
     void events(const HistoryFilter& filter, const Each<HistoryEvent>& each);
+
+    /// The trend of one variable, from one look at the file. `isEnding` is asked now and then.
+    HistoryTrend trend(const TrendRequest& request, const std::function<bool()>& isEnding);
 
 private:
     class Merge;

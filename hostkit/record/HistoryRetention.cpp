@@ -11,6 +11,13 @@ namespace {
 const int kWritesOfStep = 100;
 const int kPagesOfStep = 64;
 
+// The rows of a period are found without an index of their own: for each variable, they are those
+// of its times and sequences.
+const char kValuesOfPeriod[] =
+    "FROM stored_values WHERE variable = ? AND time BETWEEN ? AND ? AND sequence BETWEEN ? AND ?";
+const char kRollupsOfPeriod[] =
+    "FROM rollups WHERE variable = ? AND earliest BETWEEN ? AND ? AND first BETWEEN ? AND ?";
+
 qint64 numberOf(Statement& statement)
 {
     const qint64 number = statement.step() ? statement.number(0) : 0;
@@ -30,8 +37,9 @@ std::optional<HistoryFile::Period> HistoryFile::oldestPeriod()
     Statement& row = m_statements->oldestPeriod;
     if (!row.step())
         return std::nullopt;
-    const Period period = {row.number(0), row.number(1), row.number(2),
-                           row.number(3), row.number(4), row.number(5)};
+    const Period period = {
+        row.number(0), row.number(1), row.number(2), row.number(3), row.number(4), row.number(5), 0,
+        false};
     row.reset();
     return period;
 }
@@ -55,21 +63,24 @@ bool HistoryFile::removeOldestPeriod(bool full)
     return true;
 }
 
-// The values of a period are found without an index of their own: for each variable, they are those
-// of its times and sequences.
+Statement& HistoryFile::bindPeriod(Statement& statement, qint64 variable, const Period& period)
+{
+    return statement.bind(1, variable)
+        .bind(2, period.earliest)
+        .bind(3, period.latest)
+        .bind(4, period.first)
+        .bind(5, period.last);
+}
+
 void HistoryFile::removePeriod(const Period& period)
 {
     m_database->run(QStringLiteral("BEGIN IMMEDIATE"));
-    Statement values(*m_database, "DELETE FROM stored_values WHERE variable = ? AND time BETWEEN ? "
-                                  "AND ? AND sequence BETWEEN ? AND ?");
+    Statement values(*m_database, (std::string("DELETE ") + kValuesOfPeriod).c_str());
+    Statement rollups(*m_database, (std::string("DELETE ") + kRollupsOfPeriod).c_str());
     Statement variables(*m_database, "SELECT id FROM variables");
     while (variables.step()) {
-        values.bind(1, variables.number(0))
-            .bind(2, period.earliest)
-            .bind(3, period.latest)
-            .bind(4, period.first)
-            .bind(5, period.last)
-            .run();
+        bindPeriod(values, variables.number(0), period).run();
+        bindPeriod(rollups, variables.number(0), period).run();
     }
     Statement(*m_database, "DELETE FROM events WHERE sequence <= ?").bind(1, period.last).run();
     for (const char* rest :
@@ -104,6 +115,46 @@ bool HistoryFile::removeOldWrites(bool full)
     remove.bind(1, most).run();
     m_writes -= m_database->changes();
     return true;
+}
+
+bool HistoryFile::convert()
+{
+    if (m_unrolled == 0)
+        return false;
+    requireRoomInLog();
+    Statement next(*m_database, "SELECT id, first, last, earliest, latest FROM periods WHERE id <= "
+                                "? ORDER BY id DESC LIMIT 1");
+    next.bind(1, m_unrolled);
+    Period period;
+    if (next.step()) {
+        period.id = next.number(0);
+        period.first = next.number(1);
+        period.last = next.number(2);
+        period.earliest = next.number(3);
+        period.latest = next.number(4);
+    }
+    next.reset();
+    m_database->run(QStringLiteral("BEGIN IMMEDIATE"));
+    if (period.id > 0)
+        addRollups(period);
+    m_unrolled = std::max<qint64>(0, period.id - 1);
+    Statement(*m_database, "INSERT OR REPLACE INTO meta VALUES ('unrolled', ?)")
+        .bind(1, m_unrolled)
+        .run();
+    m_database->run(QStringLiteral("COMMIT"));
+    return m_unrolled > 0;
+}
+
+void HistoryFile::addRollups(const Period& period)
+{
+    Statement values(*m_database,
+                     (std::string("SELECT variable, time, sequence, condition, value ") +
+                      kValuesOfPeriod + " ORDER BY time, sequence")
+                         .c_str());
+    Statement variables(*m_database, "SELECT id FROM variables");
+    RollupMaker maker(*m_database);
+    while (variables.step())
+        maker.add(bindPeriod(values, variables.number(0), period));
 }
 
 // Free pages are used again. They are given back only where the limit has become smaller.

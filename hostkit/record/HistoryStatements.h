@@ -10,7 +10,9 @@ struct HistoryStatements
 {
     explicit HistoryStatements(Database& database)
         : storePeriod(database, "INSERT OR REPLACE INTO periods (id, first, last, earliest, "
-                                "latest, recorded) VALUES (?, ?, ?, ?, ?, ?)"),
+                                "latest, recorded, until, continues) VALUES (?, ?, ?, ?, ?, ?, "
+                                "?, ?)"),
+          storeUntil(database, "UPDATE periods SET until = ? WHERE id = ?"),
           storeRecorded(database, "INSERT OR REPLACE INTO meta VALUES ('recorded', ?)"),
           useVariable(database,
                       "INSERT INTO variables (line, name, station, tag, element, length, type, "
@@ -39,6 +41,7 @@ struct HistoryStatements
     }
 
     Statement storePeriod;
+    Statement storeUntil;
     Statement storeRecorded;
     Statement useVariable;
     Statement findVariable;

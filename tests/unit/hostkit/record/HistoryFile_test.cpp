@@ -228,7 +228,7 @@ TEST_F(HistoryFileTest, OfALaterFormatIsRefused)
     HistoryFile(path(), {});
     {
         Database database(path(), Database::Access::Write);
-        database.run("PRAGMA user_version = 2");
+        database.run("PRAGMA user_version = 3");
     }
     EXPECT_THROW(HistoryFile(path(), {}), UserError);
     EXPECT_THROW(HistoryReader{path()}, UserError);
