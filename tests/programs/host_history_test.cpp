@@ -301,7 +301,7 @@ TEST_F(HostHistory, TellsWhatIsWrongWithOneLine)
                       "log of micro850-host\n"));
     EXPECT_EQ(complaint({path("new.sqlite")}),
               QString("new.sqlite: was written by a later version of micro850-gateway (format 9, "
-                      "this one knows 1; use the later version)\n"));
+                      "this one knows 2; use the later version)\n"));
     EXPECT_EQ(complaint({"/"}), QString("/: is no file (name a history or a log)\n"));
     for (const char* time : {"yesterday", "2026-13-01", "2026-02-29", "2026-11-22T25:00", "-5",
                              "-1x", "2026-11-22T10:00+1", "12:00", ""})
