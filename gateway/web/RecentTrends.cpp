@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <optional>
 
 namespace micro850::gateway {
 
@@ -58,16 +57,18 @@ void RecentTrends::addValue(int number)
 {
     proceed();
     const std::optional<double> value = numberOf(m_context.index.latest(number));
-    if (!value)
-        return;
     const quint64 identity = m_context.index.identity(number);
     auto trend = m_trends.find(identity);
     if (trend == m_trends.end()) {
+        if (!value)
+            return;
         trend = m_trends.emplace(identity, Trend()).first;
         trend->second.number = number;
         trend->second.parts.fill({kNone, kNone});
     }
-    take(trend->second.parts[static_cast<std::size_t>(m_current)], *value);
+    trend->second.last = value;
+    if (value)
+        take(trend->second.parts[static_cast<std::size_t>(m_current)], *value);
 }
 
 void RecentTrends::proceed()
@@ -89,8 +90,8 @@ void RecentTrends::beginPart()
     for (auto& [identity, trend] : m_trends) {
         Part& part = trend.parts[static_cast<std::size_t>(m_current)];
         part = {kNone, kNone};
-        if (const std::optional<double> value = numberOf(m_context.index.latest(trend.number)))
-            take(part, *value);
+        if (trend.last)
+            take(part, *trend.last);
     }
 }
 

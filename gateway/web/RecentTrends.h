@@ -8,6 +8,7 @@
 
 #include <array>
 #include <map>
+#include <optional>
 
 namespace micro850::gateway {
 
@@ -39,7 +40,8 @@ private:
     };
     struct Trend
     {
-        int number = 0; ///< of the variable
+        int number = 0;             ///< of the variable
+        std::optional<double> last; ///< the newest value, if it is good
         std::array<Part, kPoints> parts;
     };
     QByteArray textOf(const Trend& trend) const;

@@ -13,7 +13,10 @@ bool isBeyondExact(const Json& value)
 {
     if (value.is_number_unsigned())
         return value.get<std::uint64_t>() > static_cast<std::uint64_t>(kMostExact);
-    return value.is_number_integer() && value.get<std::int64_t>() < -kMostExact;
+    if (!value.is_number_integer())
+        return false;
+    const auto number = value.get<std::int64_t>();
+    return number < -kMostExact || number > kMostExact;
 }
 
 } // namespace
