@@ -63,9 +63,6 @@ function rankOf(value) {
 }
 
 function compareValues(a, b) {
-  const ranks = rankOf(a.value) - rankOf(b.value);
-  if (ranks !== 0)
-    return ranks;
   return rankOf(a.value) === 0 ? Number(a.value) - Number(b.value)
     : collator.compare(valueText(a), valueText(b));
 }
@@ -74,17 +71,30 @@ const kCompare = {
   name: (a, b) => collator.compare(a.name, b.name),
   value: compareValues,
   type: (a, b) => collator.compare(a.type ?? '', b.type ?? ''),
-  age: (a, b) => (ageOf(a) ?? Infinity) - (ageOf(b) ?? Infinity) || 0,
+  age: (a, b) => (ageOf(a) ?? 0) - (ageOf(b) ?? 0),
   quality: (a, b) => kQualities.indexOf(b.quality) - kQualities.indexOf(a.quality),
 };
+
+// What has no value or no age is last in both directions.
+const kRank = {
+  value: variable => rankOf(variable.value),
+  age: variable => Number(ageOf(variable) === null),
+};
+
+function comparerOf(state) {
+  const compare = kCompare[state.order];
+  const rank = kRank[state.order] ?? (() => 0);
+  const sign = state.descending ? -1 : 1;
+  return compare && ((a, b) => rank(a) - rank(b) || sign * compare(a, b));
+}
 
 function chosen(state) {
   const matches = matcher(state.search);
   const variables = plant.variables.filter(
     variable => matches(variable) && (!state.quality || variable.quality === state.quality));
-  const compare = kCompare[state.order];
+  const compare = comparerOf(state);
   if (compare)
-    variables.sort((a, b) => (state.descending ? compare(b, a) : compare(a, b)));
+    variables.sort(compare);
   else if (state.descending)
     variables.reverse();
   return variables;
