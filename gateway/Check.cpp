@@ -4,6 +4,7 @@
 #include "Configuration.h"
 #include "Counted.h"
 #include "StandardStreams.h"
+#include "TlsFiles.h"
 #include "TokenFile.h"
 #include "UserError.h"
 #include "VisibleText.h"
@@ -124,6 +125,10 @@ public:
         if (!web.tokenFile.isEmpty())
             lookAtSecret("web.tokenFile", web.tokenFile,
                          "web.tokenFile: ", [&] { readTokenFile(web.tokenFile); });
+        const HttpSettings& http = web.http;
+        if (!http.certificateFile.isEmpty())
+            lookAtSecret("web.key", http.keyFile, "",
+                         [&] { TlsFiles::read(http.certificateFile, http.keyFile); });
         const bool isBehindProxy = !web.http.proxies.isEmpty();
         if (web.isOpen() && !isBehindProxy && web.http.certificateFile.isEmpty())
             note("web: the token and the values are sent without encryption (add \"certificate\" "

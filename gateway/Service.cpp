@@ -10,6 +10,7 @@
 #include "Log.h"
 #include "SystemNotice.h"
 #include "UserError.h"
+#include "WebService.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QMap>
@@ -122,6 +123,9 @@ private:
     void applyNewConfiguration();
     void apply(const Configuration& configuration);
     ClientNeeds clientNeeds();
+    WebNeeds webNeeds();
+    void change(const Configuration& configuration);
+    void tellPage();
     void tellAlarm(const LineEvent& event);
     void tellStatus();
     void stop();
@@ -138,6 +142,8 @@ private:
     HistoryService m_history;
     BrokerService m_brokers;
     ClientServer m_clients;
+    WebService m_web;
+    QString m_page; ///< the address that was told
     QTimer m_tick;
     Duration m_nextStatus{0};
     bool m_stopping = false;
@@ -152,7 +158,7 @@ Service::Service(const QString& path, const Configuration& configuration)
                 [this](const LineEvent& event) { tellAlarm(event); }),
       m_brokers(m_lines, m_writes, configuration.brokers, m_clock, m_wallClock,
                 deliverySupervision(), [this](const LineEvent& event) { tellAlarm(event); }),
-      m_clients(clientNeeds(), configuration.socket)
+      m_clients(clientNeeds(), configuration.socket), m_web(webNeeds(), configuration.web)
 {
     m_lines.addListener(m_log);
     m_lines.setLines(configuration.lines);
@@ -177,10 +183,22 @@ ClientNeeds Service::clientNeeds()
             [this] { return m_brokers.status(); }};
 }
 
+WebNeeds Service::webNeeds()
+{
+    return {m_lines,
+            m_writes,
+            m_history,
+            m_clock,
+            m_wallClock,
+            QStringLiteral("micro850-gateway " MICRO850_VERSION),
+            [this] { return m_clients.status(); }};
+}
+
 void Service::tellAlarm(const LineEvent& event)
 {
     m_log.handleEvent(event);
     m_clients.handleEvent(event);
+    m_web.tellAlarm(event);
 }
 
 int Service::run()
@@ -191,6 +209,7 @@ int Service::run()
     tellStatus();
     log(Priority::Info,
         QStringLiteral("serving %1 of %2").arg(counted(m_lines.size(), "line"), m_path));
+    tellPage();
     const int status = QCoreApplication::exec();
     m_lines.removeListener(m_log);
     return status;
@@ -235,7 +254,7 @@ void Service::applyNewConfiguration()
     const Configuration configuration = Configuration::fromFile(m_path, mistakes);
     try {
         if (mistakes.empty())
-            m_clients.change(configuration.socket);
+            change(configuration);
     } catch (const UserError& error) {
         mistakes.emplace_back(error.what());
     }
@@ -251,6 +270,30 @@ void Service::applyNewConfiguration()
     throw UserError(complaintOf(mistakes));
 }
 
+// What can fail, so that all of it is done or none.
+void Service::change(const Configuration& configuration)
+{
+    const ClientSettings before = m_clients.settings();
+    m_clients.change(configuration.socket);
+    try {
+        m_web.change(configuration.web);
+    } catch (const UserError&) {
+        m_clients.change(before);
+        throw;
+    }
+}
+
+// Whoever wants to look finds it in the journal.
+void Service::tellPage()
+{
+    const QString page = m_web.address();
+    if (page == m_page)
+        return;
+    m_page = page;
+    log(Priority::Notice, page.isEmpty() ? QStringLiteral("there is no page any more")
+                                         : QStringLiteral("the page is at %1").arg(page));
+}
+
 void Service::apply(const Configuration& configuration)
 {
     const QStringList changes = QStringList(changesBetween(m_lines, configuration.lines)) +
@@ -261,6 +304,7 @@ void Service::apply(const Configuration& configuration)
     log(Priority::Notice,
         QStringLiteral("the configuration was read again: %1; %2")
             .arg(counted(m_lines.size(), "line"), changes.join(QStringLiteral("; "))));
+    tellPage();
 }
 
 void Service::stop()

@@ -18,7 +18,7 @@ QString textOf(const JsonNode& node)
 
 QString addressOf(const JsonNode& node, const char* remedy)
 {
-    const QString address = canonicalAddress(textOf(node));
+    const QString address = plainAddress(textOf(node));
     if (address.isEmpty())
         node.fail(node.found() + " is not an IPv4 or IPv6 address (" + remedy + ')');
     return address;
@@ -29,7 +29,7 @@ QString hostOf(const JsonNode& node)
 {
     static const QRegularExpression form(QStringLiteral("\\A[A-Za-z0-9_][A-Za-z0-9_.-]*\\z"));
     const QString host = textOf(node);
-    const QString address = canonicalAddress(host);
+    const QString address = plainAddress(host);
     if (!address.isEmpty())
         return address;
     if (!form.match(host).hasMatch() || host.size() > kLongestHost)

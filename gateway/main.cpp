@@ -9,6 +9,7 @@
 #include "Requests.h"
 #include "Service.h"
 #include "StandardStreams.h"
+#include "TokenCommand.h"
 #include "UserError.h"
 #include "VisibleText.h"
 #include "Worker.h"
@@ -38,6 +39,26 @@ std::string footer(const char* example)
     return std::string("Example:\n  ") + example +
            "\n\nExit status: 0 done, 1 the gateway or the system refused, 2 usage or "
            "configuration.";
+}
+
+struct TokenArguments
+{
+    std::string file;
+    gateway::TokenFileOptions options;
+};
+
+void addTokenCommand(CommandLine& line, TokenArguments& arguments)
+{
+    CommandOptions token = line.addCommand(
+        "token", "Make a token for the page and the programs, and print it once", [&arguments] {
+            return gateway::makeToken(QString::fromLocal8Bit(arguments.file.c_str()),
+                                      arguments.options);
+        });
+    token.requiredText("FILE", arguments.file, "File to write, which only its owner can read");
+    token.text("--owner", arguments.options.owner, "User who gets the file: that of the service");
+    token.flag("--replace", arguments.options.replace,
+               "Replace the token in the file; sessions and programs with the old one are out");
+    token.footer(footer("micro850-gateway token --owner micro850 /etc/micro850/web.token"));
 }
 
 // Throws UserError unless the service has started this process.
@@ -80,6 +101,8 @@ int run(int argc, char** argv)
         });
     reload.text("--socket", socket, kSocketHelp);
     reload.footer(footer("micro850-gateway reload"));
+    TokenArguments token;
+    addTokenCommand(line, token);
     line.addHiddenCommand(gateway::kWorkerArgument, [] {
         requireService("a worker");
         return gateway::runWorker(gateway::kChildDescriptor);

@@ -1,6 +1,5 @@
 #include "Client.h"
 
-#include "Memory.h"
 #include "TagAddress.h"
 #include "UserError.h"
 #include "VariableObject.h"
@@ -607,20 +606,8 @@ void Client::handleCancel(const Json& id, const JsonNode& message)
 void Client::handleStatus(const Json& id, const JsonNode& message)
 {
     message.expectKeys({"request", "id"});
-    Json reply = replyTo(id, "status");
-    reply["program"] = m_context.program.toStdString();
-    reply["uptimeS"] = std::chrono::duration_cast<std::chrono::seconds>(m_context.clock.now() -
-                                                                        m_context.startedAt)
-                           .count();
-    reply["memoryKb"] = memoryKb();
-    reply["clients"] = m_context.clients;
-    reply["lines"] = Json::array();
-    for (int line = 0; line < m_context.lines.size(); ++line)
-        reply["lines"].push_back(m_context.lines.status(line));
-    reply["history"] = m_context.history.status();
-    const Json delivery = m_context.delivery ? m_context.delivery() : Json::object();
-    if (!delivery.empty())
-        reply["delivery"] = delivery;
+    Json reply = statusOf(m_context);
+    reply["id"] = id;
     send(lineOf(reply));
 }
 

@@ -42,6 +42,9 @@ struct ClientContext : ClientNeeds
     qint64 waitingBytes = 0; ///< that all clients leave unread
 };
 
+/// The reply to "status" without an id: what the whole gateway does.
+Json statusOf(const ClientContext& context);
+
 /// The process at the other end of a socket.
 struct Peer
 {

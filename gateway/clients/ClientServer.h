@@ -28,6 +28,9 @@ public:
     /// Settings of a new configuration; clients stay. Throws UserError, and goes on as before, when
     /// another socket cannot be made.
     void change(const ClientSettings& settings);
+    const ClientSettings& settings() const { return m_settings; }
+    /// The reply to "status" without an id.
+    Json status() const { return statusOf(m_context); }
     int size() const { return static_cast<int>(m_connections.size()); }
 
     void handleValue(int line, int variable) override;

@@ -23,14 +23,14 @@ QString nameOf(const QString& text)
 {
     if (text.startsWith('[') && text.endsWith(']')) {
         const QString inside = text.mid(1, text.size() - 2);
-        return inside.contains(':') ? canonicalAddress(inside) : QString();
+        return inside.contains(':') ? plainAddress(inside) : QString();
     }
     QString name = text.toLower();
     if (name.endsWith('.'))
         name.chop(1);
     if (name.isEmpty() || !std::all_of(name.begin(), name.end(), isNameCharacter))
         return {};
-    const QString address = canonicalAddress(name);
+    const QString address = plainAddress(name);
     return address.isEmpty() ? name : address;
 }
 
@@ -61,16 +61,16 @@ std::optional<CalledHost> CalledHost::fromHeader(const QByteArray& header)
 }
 
 HostNames::HostNames(const WebSettings& settings)
-    : m_isEverywhere(isAnyAddress(canonicalAddress(settings.http.address))), m_names(settings.hosts)
+    : m_isEverywhere(isAnyAddress(plainAddress(settings.http.address))), m_names(settings.hosts)
 {
-    m_names += canonicalAddress(settings.http.address);
+    m_names += plainAddress(settings.http.address);
     m_names += QStringLiteral("localhost");
 }
 
 bool HostNames::contains(const CalledHost& host) const
 {
-    return m_names.contains(host.name) || isLoopbackAddress(host.name) ||
-           (m_isEverywhere && !canonicalAddress(host.name).isEmpty());
+    return m_names.contains(host.name) || isOfThisMachine(host.name) ||
+           (m_isEverywhere && !plainAddress(host.name).isEmpty());
 }
 
 bool isFromOwnPage(const HttpRequest& request, const CalledHost& host)

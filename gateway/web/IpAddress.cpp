@@ -1,47 +1,24 @@
 #include "IpAddress.h"
 
-#include <arpa/inet.h>
-
-#include <array>
+#include "PeerAddress.h"
 
 namespace micro850::gateway {
 
-namespace {
-
-QString textOf(int family, const void* bytes)
+QString plainAddress(const QString& text)
 {
-    std::array<char, INET6_ADDRSTRLEN> text = {};
-    return QString::fromLatin1(::inet_ntop(family, bytes, text.data(), text.size()));
-}
-
-} // namespace
-
-QString canonicalAddress(const QString& text)
-{
-    const int kIpv4At = 12; // in an IPv6 address that stands for one of IPv4
-    if (text.contains(QChar(0)))
+    if (text.contains(QChar(0)) || text.contains('%'))
         return {};
-    const QByteArray given = text.toUtf8();
-    in_addr four = {};
-    if (::inet_pton(AF_INET, given.constData(), &four) == 1)
-        return textOf(AF_INET, &four);
-    in6_addr six = {};
-    if (::inet_pton(AF_INET6, given.constData(), &six) != 1)
-        return {};
-    if (IN6_IS_ADDR_V4MAPPED(&six))
-        return textOf(AF_INET, &six.s6_addr[kIpv4At]);
-    return textOf(AF_INET6, &six);
+    return QString::fromLatin1(canonicalAddress(text.toUtf8()).value_or(QByteArray()));
 }
 
-// All of 127.0.0.0/8 is this machine.
-bool isLoopbackAddress(const QString& canonical)
+bool isOfThisMachine(const QString& plain)
 {
-    return canonical.startsWith(QLatin1String("127.")) || canonical == QLatin1String("::1");
+    return isLoopbackAddress(plain.toLatin1());
 }
 
-bool isAnyAddress(const QString& canonical)
+bool isAnyAddress(const QString& plain)
 {
-    return canonical == QLatin1String("0.0.0.0") || canonical == QLatin1String("::");
+    return plain == QLatin1String("0.0.0.0") || plain == QLatin1String("::");
 }
 
 } // namespace micro850::gateway

@@ -7,7 +7,7 @@ namespace micro850::gateway {
 // A proxy is there to let others in.
 bool WebSettings::isOpen() const
 {
-    return !isLoopbackAddress(canonicalAddress(http.address)) || !http.proxies.isEmpty();
+    return !isOfThisMachine(plainAddress(http.address)) || !http.proxies.isEmpty();
 }
 
 } // namespace micro850::gateway
