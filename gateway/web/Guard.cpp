@@ -27,13 +27,6 @@ const int kTooMany = 429;
 const char kNotAllowed[] = "not-allowed";
 const char kFormKey[] = "synchronizer";
 
-// Programs send the token with every request; a browser of the same machine does not have to wait
-// because one of them has a wrong one.
-QByteArray programAt(const HttpRequest& request)
-{
-    return "program " + request.address;
-}
-
 bool isSafe(const QByteArray& method)
 {
     return method == "GET" || method == "HEAD" || method == "OPTIONS";
@@ -96,7 +89,7 @@ QByteArray decoded(QByteArray text)
 QByteArray formField(const HttpRequest& request, const QByteArray& name)
 {
     const QByteArray type = request.header("content-type");
-    if (type.left(type.indexOf(';')).trimmed().toLower() != "application/x-www-form-urlencoded")
+    if (type.split(';').first().trimmed().toLower() != "application/x-www-form-urlencoded")
         return {};
     for (const QByteArray& field : request.body.split('&')) {
         const int equals = field.indexOf('=');
@@ -144,7 +137,7 @@ class Guard::Private
 {
 public:
     Private(const Clock& clock, const WallClock& wallClock)
-        : m_wallClock(wallClock), m_attempts(clock)
+        : m_wallClock(wallClock), m_logins(clock), m_programs(clock)
     {
     }
 
@@ -168,7 +161,10 @@ private:
                       qint64 seconds) const;
 
     const WallClock& m_wallClock;
-    AttemptLimit m_attempts;
+    // Programs send the token with every request; a browser of the same machine does not have to
+    // wait because one of them has a wrong one.
+    AttemptLimit m_logins;
+    AttemptLimit m_programs;
     WebSettings m_settings;
     std::optional<HostNames> m_names;
     QByteArray m_token;
@@ -251,15 +247,14 @@ std::optional<HttpResponse> Guard::Private::refusalOfPlace(const HttpRequest& re
 std::optional<HttpResponse> Guard::Private::refusalOfToken(const HttpRequest& request,
                                                            const QByteArray& token)
 {
-    const QByteArray account = programAt(request);
-    const Duration wait = m_attempts.wait(account);
+    const Duration wait = m_programs.wait(request.address);
     if (wait > Duration(0))
         return mustWait(wait);
     if (areSame(token, m_token)) {
-        m_attempts.noteRight(account);
+        m_programs.noteRight(request.address);
         return std::nullopt;
     }
-    m_attempts.noteWrong(account);
+    m_programs.noteWrong(request.address);
     return needsToken("this is not the token of the gateway");
 }
 
@@ -356,14 +351,14 @@ HttpResponse Guard::Private::login(const HttpRequest& request)
     });
     if (!isOwn)
         return showLogin(request, LoginNotice::TooOld, 0);
-    const Duration wait = m_attempts.wait(request.address);
+    const Duration wait = m_logins.wait(request.address);
     if (wait > Duration(0))
         return showLogin(request, LoginNotice::Wait, wholeSeconds(wait));
     if (!areSame(formField(request, "token").trimmed(), m_token)) {
-        m_attempts.noteWrong(request.address);
+        m_logins.noteWrong(request.address);
         return showLogin(request, LoginNotice::WrongToken, 0);
     }
-    m_attempts.noteRight(request.address);
+    m_logins.noteRight(request.address);
     HttpResponse response =
         redirection('/' + viewOf(QString::fromUtf8(formField(request, "view"))));
     const int kSecond = 1000;

@@ -69,8 +69,11 @@ HostNames::HostNames(const WebSettings& settings)
 
 bool HostNames::contains(const CalledHost& host) const
 {
-    return m_names.contains(host.name) || isOfThisMachine(host.name) ||
-           (m_isEverywhere && !plainAddress(host.name).isEmpty());
+    if (m_names.contains(host.name))
+        return true;
+    // Not a name that only begins as an address does.
+    const bool isAddress = !plainAddress(host.name).isEmpty();
+    return isAddress && (m_isEverywhere || isOfThisMachine(host.name));
 }
 
 bool isFromOwnPage(const HttpRequest& request, const CalledHost& host)

@@ -126,7 +126,7 @@ bool prefersGerman(const QByteArray& languages)
     int english = 0;
     for (const QByteArray& each : languages.left(kLongestView).split(',')) {
         const QByteArray entry = each.trimmed().toLower();
-        const QByteArray name = entry.left(entry.indexOf(';')).trimmed();
+        const QByteArray name = entry.split(';').first().trimmed();
         if (name == "de" || name.startsWith("de-"))
             german = std::max(german, weightOf(entry));
         else if (name == "en" || name.startsWith("en-"))

@@ -85,7 +85,8 @@ protected:
     void open()
     {
         m_settings.http.address = QStringLiteral("0.0.0.0");
-        m_settings.hosts = QStringList({QStringLiteral("panel7.plant"), QStringLiteral("10.9.8.7")});
+        m_settings.hosts =
+            QStringList({QStringLiteral("panel7.plant"), QStringLiteral("10.9.8.7")});
     }
 
     static HttpRequest request(const QByteArray& method, const QByteArray& target)
@@ -209,9 +210,10 @@ TEST_F(GuardTest, LetsThisMachineReadWithoutATokenAndNobodyWrite)
 TEST_F(GuardTest, NeedsTheTokenForEverythingWhereOthersCanConnect)
 {
     open();
-    for (const char* target : {"/api/v1/values", "/api/v1/values/Speed", "/api/v1/events", "/metrics",
-                               "/api/v1/session", "/api/v1/status", "/nothing", "/page/a/b",
-                               "/healthz/x", "//", "/login/x"}) {
+    for (const char* target :
+         {"/api/v1/values", "/api/v1/values/Speed", "/api/v1/events", "/metrics", "/api/v1/session",
+          "/api/v1/status", "/nothing", "/page/a/b", "/healthz/x", "//", "/login/x"})
+    {
         EXPECT_EQ(refusal(request("GET", target)), 401) << target; // also from this machine
         EXPECT_EQ(refusal(byProgram(request("GET", target))), 0) << target;
     }
@@ -224,7 +226,8 @@ TEST_F(GuardTest, NeedsTheTokenForEverythingWhereOthersCanConnect)
 TEST_F(GuardTest, TakesWhoComesThroughAProxyForSomebodyFromElsewhere)
 {
     for (const char* header : {"x-forwarded-for", "forwarded", "x-real-ip"})
-        EXPECT_EQ(refusal(with(request("GET", "/api/v1/values"), header, "10.0.0.3")), 401) << header;
+        EXPECT_EQ(refusal(with(request("GET", "/api/v1/values"), header, "10.0.0.3")), 401)
+            << header;
     m_settings.http.proxies = QStringList(QStringLiteral("127.0.0.1"));
     restart();
     EXPECT_EQ(refusal(request("GET", "/api/v1/values")), 401);
@@ -252,7 +255,8 @@ TEST_F(GuardTest, RefusesEveryTokenButTheRightOne)
     QByteArray nearly = m_token;
     nearly[nearly.size() - 1] = nearly.endsWith('A') ? 'B' : 'A';
     for (const QByteArray& wrong :
-         {QByteArray("x"), nearly, m_token.left(42), m_token + 'x', m_token.toLower() + '!'}) {
+         {QByteArray("x"), nearly, m_token.left(42), m_token + 'x', m_token.toLower() + '!'})
+    {
         restart();
         EXPECT_EQ(refusal(byProgram(request("GET", "/api/v1/values"), wrong)), 401) << wrong.data();
     }
@@ -303,10 +307,10 @@ TEST_F(GuardTest, RemembersNoMoreThanAThousandAddresses)
     EXPECT_EQ(refusal(from("10.0.0.1", wrong)), 429);
     for (int i = 0; i < 1024; ++i) {
         m_clock.advance(std::chrono::microseconds(1));
-        EXPECT_EQ(refusal(from("10.1." + QByteArray::number(i / 256) + '.' +
-                                   QByteArray::number(i % 256),
-                               wrong)),
-                  401);
+        EXPECT_EQ(
+            refusal(from("10.1." + QByteArray::number(i / 256) + '.' + QByteArray::number(i % 256),
+                         wrong)),
+            401);
     }
     EXPECT_EQ(refusal(from("10.0.0.1", wrong)), 401);
 }
@@ -323,10 +327,11 @@ TEST_F(GuardTest, AnswersOnlyToItsOwnNames)
          {"evil.example", "evil.example:8850", "localhost.evil.example", "panel7.plant.evil",
           "10.0.0.7", "[::2]", "panel7", "0.0.0.0", "2130706433", "127.evil.example"})
         EXPECT_EQ(refusal(with(request("GET", "/"), "host", host)), 421) << host;
-    for (const char* host : {"", " ", ":8850", "localhost:", "localhost:0", "localhost:65536",
-                             "localhost:+80", "localhost:8850:1", "me@localhost", "localhost/",
-                             "local host", "::1", "[::1", "[localhost]", "[]", "localhost, localhost",
-                             ".", "localh\xf6st", "localhost:99999999999999999999"})
+    for (const char* host :
+         {"", " ", ":8850", "localhost:", "localhost:0", "localhost:65536", "localhost:+80",
+          "localhost:8850:1", "me@localhost", "localhost/", "local host", "::1", "[::1",
+          "[localhost]", "[]", "localhost, localhost", ".", "localh\xf6st",
+          "localhost:99999999999999999999"})
         EXPECT_EQ(refusal(with(request("GET", "/"), "host", host)), 400) << host;
     HttpRequest without = request("GET", "/api/v1/values");
     without.headers.remove("host");
@@ -351,7 +356,8 @@ TEST_F(GuardTest, RefusesPagesOfOtherSites)
          {"null", "", "https://localhost:8850", "http://localhost:8851", "http://localhost",
           "http://127.0.0.1:8850", "http://evil.example", "http://localhost:8850.evil.example",
           "http://localhost:8850, http://evil.example", "http://me@localhost:8850",
-          "http://localhost:8850/", "ftp://localhost:8850", "localhost:8850"}) {
+          "http://localhost:8850/", "ftp://localhost:8850", "localhost:8850"})
+    {
         EXPECT_EQ(refusal(with(get, "origin", origin)), 403) << origin;
         EXPECT_EQ(refusal(byProgram(with(get, "origin", origin))), 403) << origin;
     }
@@ -375,8 +381,8 @@ TEST_F(GuardTest, LetsBrowsersFollowLinksButNoOtherSiteAsk)
         EXPECT_EQ(refusal(asked), 403) << site;
         EXPECT_EQ(refusal(with(asked, "sec-fetch-mode", "navigate")), 0) << site;
     }
-    const HttpRequest form = with(filledForm(request("GET", "/login"), m_token), "sec-fetch-site",
-                                  "cross-site");
+    const HttpRequest form =
+        with(filledForm(request("GET", "/login"), m_token), "sec-fetch-site", "cross-site");
     EXPECT_EQ(refusal(with(form, "sec-fetch-mode", "navigate")), 403);
 }
 
@@ -406,8 +412,9 @@ TEST_F(GuardTest, MakesCookiesThatOnlyThisHostAndEncryptionCarryWithTls)
     const HttpResponse response = answer(filledForm(login, m_token));
     const QByteArray cookie = cookieFrom(response, "session");
     EXPECT_TRUE(cookie.startsWith("__Host-micro850-8850-session=")) << cookie.data();
-    EXPECT_TRUE(headerOf(response, "Set-Cookie")
-                    .contains(cookie + "; Path=/; Max-Age=43200; HttpOnly; SameSite=Strict; Secure"));
+    EXPECT_TRUE(
+        headerOf(response, "Set-Cookie")
+            .contains(cookie + "; Path=/; Max-Age=43200; HttpOnly; SameSite=Strict; Secure"));
     HttpRequest get = with(request("GET", "/api/v1/values"), "cookie", cookie);
     EXPECT_FALSE(caller(get).isSession); // it is not taken over a line that anybody can read
     get.isEncrypted = true;
@@ -423,7 +430,8 @@ TEST_F(GuardTest, NeedsTheSynchronizerOfTheSessionForEveryChange)
     for (const QByteArray& wrong : {QByteArray("x"), other, cookie, synchronizer(cookie) + 'x'})
         EXPECT_EQ(refusal(with(put, "x-synchronizer", wrong)), 403) << wrong.data();
     EXPECT_EQ(refusal(with(put, "x-synchronizer", synchronizer(cookie))), 0);
-    HttpRequest form = with(put, "content-type", "application/x-www-form-urlencoded; charset=UTF-8");
+    HttpRequest form =
+        with(put, "content-type", "application/x-www-form-urlencoded; charset=UTF-8");
     form.body = "a=b&synchronizer=" + synchronizer(cookie);
     EXPECT_EQ(refusal(form), 0);
     EXPECT_EQ(refusal(with(form, "content-type", "text/plain")), 403);
@@ -446,8 +454,8 @@ TEST_F(GuardTest, TakesNoSessionThatItDidNotBegin)
     QByteArray later = id;
     later[0] = later.at(0) == '1' ? '2' : '1';
     for (const QByteArray& wrong :
-         {QByteArray(), QByteArray("x"), QByteArray("."), QByteArray(".."), later, id.left(id.size() - 1),
-          id + 'A', QByteArray(5000, 'a') + '.' + QByteArray(43, 'b'),
+         {QByteArray(), QByteArray("x"), QByteArray("."), QByteArray(".."), later,
+          id.left(id.size() - 1), id + 'A', QByteArray(5000, 'a') + '.' + QByteArray(43, 'b'),
           cookieFrom(answer(request("GET", "/login")), "form").split('=').last()})
         EXPECT_FALSE(isSession(name + wrong)) << wrong.data();
     EXPECT_FALSE(isSession("micro850-8851-session=" + id)); // of another gateway of this machine
@@ -529,7 +537,8 @@ TEST_F(GuardTest, EndsTheSessionOfWhoLogsOutAndNoOther)
     EXPECT_EQ(refusal(get), 401);
     EXPECT_FALSE(guard().isStillAdmitted(known));
     EXPECT_EQ(refusal(with(get, "cookie", other)), 0);
-    HttpRequest page = with(with(request("POST", "/logout"), "cookie", other), "accept", "text/html");
+    HttpRequest page =
+        with(with(request("POST", "/logout"), "cookie", other), "accept", "text/html");
     page.headers["x-synchronizer"] = synchronizer(other);
     EXPECT_EQ(answer(page).status, 303);
 }
@@ -615,13 +624,14 @@ TEST_F(GuardTest, TellsABrowserWhatItMayDo)
 TEST_F(GuardTest, BringsBackTheViewOfALinkAfterTheLoginAndNothingElse)
 {
     const auto locationOf = [&](const QByteArray& view) {
-        const HttpRequest form = filledForm(request("GET", "/login"), m_token,
-                                            "&view=" + view.toPercentEncoding());
+        const HttpRequest form =
+            filledForm(request("GET", "/login"), m_token, "&view=" + view.toPercentEncoding());
         return headerOf(answer(form), "Location");
     };
     EXPECT_EQ(locationOf("#/trend?v=press%2FLevel&span=600"), "/#/trend?v=press%2FLevel&span=600");
-    for (const char* view : {"", "/evil", "//evil.example", "https://evil.example", "#", "#x",
-                             "#/a\r\nSet-Cookie: a=b", "#/\"><script>", "#/a b", "#/a#b", "#/\xc3\xa4"})
+    for (const char* view :
+         {"", "/evil", "//evil.example", "https://evil.example", "#", "#x",
+          "#/a\r\nSet-Cookie: a=b", "#/\"><script>", "#/a b", "#/a#b", "#/\xc3\xa4"})
         EXPECT_EQ(locationOf(view), "/") << view;
     HttpRequest login = request("GET", "/login");
     login.query["view"] = QStringList(QStringLiteral("#/values?search=a&sort=b"));
@@ -641,7 +651,8 @@ TEST_F(GuardTest, ShowsTheLoginInTheLanguageOfTheBrowser)
     };
     for (const char* german : {"de", "de-AT,en;q=0.5", "DE", "fr, de;q=0.2", "en;q=0.3, de;q=0.4"})
         EXPECT_TRUE(isGerman(german)) << german;
-    for (const char* english : {"", "en", "en-GB,de;q=0.9", "fr", "de;q=0", "de;q=x, en", "*", ";;,,"})
+    for (const char* english :
+         {"", "en", "en-GB,de;q=0.9", "fr", "de;q=0", "de;q=x, en", "*", ";;,,"})
         EXPECT_FALSE(isGerman(english)) << english;
 }
 
@@ -658,7 +669,8 @@ TEST_F(GuardTest, HasNoLoginWithoutAToken)
     EXPECT_FALSE(caller(with(request("GET", "/api/v1/values"), "cookie",
                              "micro850-0-session=" + QByteArray("1.a.b")))
                      .isSession);
-    EXPECT_FALSE(caller(with(request("GET", "/api/v1/values"), "authorization", "Bearer ")).mayWrite);
+    EXPECT_FALSE(
+        caller(with(request("GET", "/api/v1/values"), "authorization", "Bearer ")).mayWrite);
 }
 
 TEST(GuardHeaders, ForbidBrowsersEverythingThatThePageDoesNotNeed)
