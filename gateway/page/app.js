@@ -8,7 +8,7 @@ import {element, setClass, setText} from './dom.js';
 import {on, plant, start} from './live.js';
 import * as overview from './overview.js';
 import {fragmentOf, parseFragment} from './route.js';
-import {showSession} from './session.js';
+import {logInAddress, showSession} from './session.js';
 import {language, text} from './texts.js';
 import * as values from './values.js';
 
@@ -93,7 +93,7 @@ function showConnection() {
   setText(byId('banner'), state === 'lost' ? text('banner.lost') : '');
   document.body.classList.toggle('is-lost', state === 'lost' || state === 'login');
   if (state === 'login')
-    location.assign('/login');
+    location.assign(logInAddress());
   else if (state === 'live')
     loadSession().catch(() => {}); // of a gateway that was restarted it is another one
 }

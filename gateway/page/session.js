@@ -8,9 +8,14 @@ async function logOut(button) {
   try {
     await send('POST', '/logout');
   } catch {
-    // The login page tells what is the matter.
+    // The page tells what is the matter.
   }
-  location.assign('/login');
+  location.assign('/');
+}
+
+// The login page comes back to what is shown now.
+export function logInAddress() {
+  return `/login?view=${encodeURIComponent(location.hash)}`;
 }
 
 // Shows it in `place`, from now on.
@@ -18,8 +23,10 @@ export function showSession(place) {
   const show = () => {
     const button = element('button', {type: 'button', id: 'log-out',
       onclick: () => logOut(button)}, text('session.logout'));
-    place.replaceChildren(session.isSession ? button :
-      element('a', {id: 'log-in', class: 'button', href: '/login'}, text('session.login')));
+    const link = element('a', {id: 'log-in', class: 'button', href: '/login',
+      onclick: (event) => { event.currentTarget.href = logInAddress(); }}, text('session.login'));
+    // Without a token there is nothing to log in with.
+    place.replaceChildren(...(session.isSession ? [button] : session.needsLogin ? [link] : []));
   };
   onSession(show);
 }

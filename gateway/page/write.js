@@ -5,6 +5,7 @@ import {element, setText} from './dom.js';
 import {valueFromInput} from './exact.js';
 import {ageText, kNothing, numberText, valueText, visible} from './format.js';
 import {ageOf, find, on, plant} from './live.js';
+import {logInAddress} from './session.js';
 import {locale, text, wordFor} from './texts.js';
 
 const decimalSign = new Intl.NumberFormat(locale).formatToParts(1.5)
@@ -197,7 +198,7 @@ class WriteDialog {
     this.fill(() => [
       element('p', {}, text(session.isSession ? 'write.forbidden' : 'write.login')),
       this.buttons(this.closeButton('write.close'), session.isSession ? null :
-        element('a', {class: 'button', href: '/login'}, text('session.login'))),
+        element('a', {class: 'button', href: logInAddress()}, text('session.login'))),
     ]);
   }
 
