@@ -152,6 +152,7 @@ HttpConnection::~HttpConnection()
 void HttpConnection::enter(Phase phase)
 {
     m_phase = phase;
+    m_looksGone = 0;
     m_since = m_shared.clock.now();
     const tcp_info counts = countsOf(m_socket);
     const bool isOutput = phase == Phase::Answering || phase == Phase::Streaming;
@@ -192,6 +193,7 @@ MHD_Result HttpConnection::handleHeaders(const char* method, const char* version
     if (m_headers > kMostHeaders)
         return refuse(431);
     m_request.method = method;
+    m_isHead = m_request.method == "HEAD";
     int status = takeTarget(version);
     if (status == 0)
         status = mistakeOfBody();
@@ -402,8 +404,9 @@ MHD_Result HttpConnection::queue()
 
 MHD_Response* HttpConnection::libraryResponse()
 {
-    if (m_response->stream)
+    if (m_response->stream && !m_isHead)
         return streamResponse();
+    m_response->stream.reset();
     auto body = std::make_unique<QByteArray>(std::move(m_response->body));
     // The library does not change the bytes: they can be those of others, too.
     auto* bytes = const_cast<char*>(body->constData());
@@ -514,9 +517,11 @@ void HttpConnection::checkHeaders(Duration now)
 {
     if (m_phase == Phase::Waiting && countsOf(m_socket).tcpi_bytes_received != m_bytes)
         enter(Phase::Headers);
+    // Requests that have come together with the end are answered first.
+    const bool isOver = m_gone && ++m_looksGone > 1;
     if (m_phase == Phase::Headers && now - m_since > m_shared.settings.headerLimit)
         closeSlow();
-    else if (m_phase == Phase::Waiting && now - m_since > m_shared.settings.idleLimit)
+    else if (isOver || (m_phase == Phase::Waiting && now - m_since > m_shared.settings.idleLimit))
         close();
 }
 

@@ -94,6 +94,7 @@ private:
     Duration m_since{0};   ///< of the phase, or of the last progress in it
     quint64 m_bytes = 0;   ///< received, or acknowledged by the peer, until then
     bool m_gone = false;   ///< the peer sends nothing any more
+    int m_looksGone = 0;   ///< how often that was seen in this phase
     bool m_closed = false; ///< nothing is done for it any more
     bool m_suspended = false;
     int m_requests = 0; ///< so far
@@ -105,6 +106,7 @@ private:
     bool m_bodyTooLong = false;
     bool m_noRoom = false; ///< for the body, because of those of others
     int m_discarded = 0;
+    bool m_isHead = false;
     bool m_mustClose = false;
     std::optional<HttpResponse> m_response;
     std::shared_ptr<HttpStream> m_stream;

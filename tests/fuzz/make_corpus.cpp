@@ -658,6 +658,41 @@ void saveOrders()
     save(harness, "wrong", "0Level\n{\"value\": 1, \"valu\": \"\xff\"}");
 }
 
+// Requests of a client of the web server; see http_fuzz.cpp.
+void saveHttp()
+{
+    const char harness[] = "http";
+    const QByteArray rest = " HTTP/1.1\r\nHost: a\r\n\r\n";
+    save(harness, "get", "\xffGET /api/v1/values?line=press&match=a%20b" + rest);
+    save(harness, "bytes", "\x01GET /abc" + rest);
+    save(harness, "stream", "\xffGET /abcd" + rest);
+    save(harness, "later", "\xffGET /a" + rest);
+    save(harness, "three", "\x40GET /a" + rest + "GET /abcd" + rest + "HEAD /ab" + rest);
+    save(harness, "put", "\x20PUT /x HTTP/1.1\r\nHost: a\r\nContent-Length: 5\r\n\r\nhello");
+    save(harness, "expect",
+         "\xffPUT /x HTTP/1.1\r\nHost: a\r\nContent-Length: 5\r\n"
+         "Expect: 100-continue\r\n\r\nhello");
+    save(harness, "chunks",
+         "\x30POST /x HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n"
+         "5\r\nhello\r\n1;e=1\r\n!\r\n0\r\nT: x\r\n\r\n");
+    save(harness, "both",
+         "\xffPUT /x HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n"
+         "Content-Length: 5\r\n\r\n0\r\n\r\nGET /smuggled" +
+             rest);
+    save(harness, "long",
+         "\xffPUT /x HTTP/1.1\r\nHost: a\r\nContent-Length: 300\r\n\r\n" + QByteArray(300, 'b'));
+    save(harness, "headers",
+         "\xffGET / HTTP/1.1\r\nHost: a\r\n" + QByteArray("X: y\r\n").repeated(100) + "\r\n");
+    save(harness, "old", "\xffGET /abcd HTTP/1.0\r\nConnection: keep-alive\r\n\r\n");
+    save(harness, "proxy",
+         "\xffGET http://h/x HTTP/1.1\r\nX-Forwarded-For: ::1, 10.0.0.5\r\n"
+         "X-Forwarded-Proto: https\r\nCookie: a=1; b=2\r\n\r\n");
+    save(harness, "folded", "\xffGET / HTTP/1.1\r\nHost: a\r\nX: a\r\n b\r\n\tc\r\n\r\n");
+    save(harness, "bad", "\xffGET /%zz" + rest);
+    save(harness, "binary", "\xff\x16\x03\x01\x02");
+    save(harness, "half", "\xffOPTIONS * HTTP/1.1\r\nHos");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -680,6 +715,7 @@ int main(int argc, char** argv)
     saveRequests();
     saveOrders();
     saveSparkplug();
+    saveHttp();
     saveTags();
     saveFaults();
     saveTexts();

@@ -526,7 +526,9 @@ TEST_F(HttpServerTest, RefusesWhatIsNoRequest)
 TEST_F(HttpServerTest, TakesWhatIsBeforeANulAndNoHeaderWithoutAName)
 {
     const auto some = client();
-    some->send(QByteArray("GET /a\0b HTTP/1.1\r\nHost: a\r\nX: a\0b\r\n: y\r\n\r\n", 52));
+    using namespace std::string_literals;
+    some->send(
+        QByteArray::fromStdString("GET /a\0b HTTP/1.1\r\nHost: a\r\nX: a\0b\r\n: y\r\n\r\n"s));
     EXPECT_EQ(some->receive().status, 200);
     ASSERT_EQ(requests.size(), 1);
     EXPECT_EQ(requests[0].target, "/a");
@@ -624,6 +626,74 @@ TEST_F(HttpServerTest, EndsAnAnswerThatIsNotRead)
     advance(std::chrono::seconds(31));
     EXPECT_TRUE(waitFor([&] { return server().counters().connections == 0; }));
     EXPECT_EQ(server().counters().tooSlow, 1);
+}
+
+TEST_F(HttpServerTest, SendsALargeAnswerWhole)
+{
+    QByteArray large(5 * 1024 * 1024, '\0');
+    std::iota(large.begin(), large.end(), '\0');
+    handler = [&](const HttpExchangePointer& exchange) { exchange->answer(textResponse(large)); };
+    const auto some = client();
+    for (int i = 0; i < 2; ++i) {
+        const HttpReply reply = some->get("/large");
+        EXPECT_TRUE(reply.isWhole);
+        EXPECT_TRUE(reply.body == large);
+    }
+}
+
+TEST_F(HttpServerTest, KeepsTheConnectionAfterAnswersWithoutABody)
+{
+    int status = 304;
+    std::shared_ptr<Stream> stream;
+    int destroyed = 0;
+    handler = [&](const HttpExchangePointer& exchange) {
+        HttpResponse response;
+        response.status = status;
+        response.headers += HttpHeader{"ETag", "\"1\""};
+        if (exchange->request().method == "HEAD")
+            response.stream = std::make_shared<Stream>(&destroyed);
+        exchange->answer(response);
+    };
+    const auto some = client();
+    for (const int each : {304, 204, 200}) {
+        status = each;
+        const HttpReply reply = some->get("/");
+        EXPECT_EQ(reply.status, each);
+        EXPECT_EQ(reply.header("etag"), "\"1\"");
+        EXPECT_EQ(reply.body, "");
+    }
+    EXPECT_EQ(some->request("HEAD", "/events").status, 200);
+    EXPECT_TRUE(waitFor([&] { return destroyed == 1; }));
+    EXPECT_EQ(some->get("/").status, 200);
+}
+
+TEST_F(HttpServerTest, AnswersAClientThatHasEndedItsSide)
+{
+    const auto some = client();
+    some->send(QByteArray("GET /one") + kRest + "GET /two" + kRest + "GET /ha");
+    some->endSending();
+    EXPECT_EQ(some->receive().body, "GET /one");
+    EXPECT_EQ(some->receive().body, "GET /two");
+    EXPECT_TRUE(some->seesTheEnd());
+}
+
+TEST_F(HttpServerTest, TurnsClientsAwayWhenThereAreNoDescriptorsLeft)
+{
+    EXPECT_EQ(client()->get("/").status, 200);
+    ASSERT_TRUE(waitFor([&] { return server().counters().connections == 0; }));
+    const auto all = clients(5, "127.0.0.3");
+    rlimit before{};
+    ::getrlimit(RLIMIT_NOFILE, &before);
+    const int highest = ::dup(0);
+    ::close(highest);
+    rlimit none = before;
+    none.rlim_cur = static_cast<rlim_t>(highest);
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    for (const auto& some : all)
+        EXPECT_TRUE(some->seesTheEnd());
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(server().counters().accepted, 1);
+    EXPECT_EQ(client()->get("/").status, 200);
 }
 
 TEST_F(HttpServerTest, TellsThatNobodyWaitsAnyMore)
