@@ -92,8 +92,9 @@ export class Chart {
 
   destroy() {
     this.watcher.disconnect();
-    this.graph?.destroy();
+    const graph = this.graph;
     this.graph = null;
+    graph?.destroy();
   }
 
   resize() {
@@ -117,7 +118,9 @@ export class Chart {
       this.graph.updateOptions({file, dateWindow: [from, to], axes: this.axisOptions()});
     } else {
       this.shape = shape;
-      this.graph?.destroy();
+      const before = this.graph;
+      this.graph = null;
+      before?.destroy();
       this.graph = new this.Dygraph(this.plot, file, this.options(axes, pens));
     }
     this.drawCursor();
@@ -208,6 +211,8 @@ export class Chart {
   }
 
   handleDraw(graph) {
+    if (graph !== this.graph) // while it is made or taken away
+      return;
     const [from, to] = graph.xAxisRange();
     this.drawCursor();
     if (Math.abs(from - this.window[0]) < 1 && Math.abs(to - this.window[1]) < 1)
@@ -217,6 +222,8 @@ export class Chart {
   }
 
   moveCursor(event) {
+    if (!this.graph)
+      return;
     this.setCursor(this.graph.toDataXCoord(this.graph.eventToDomCoords(event)[0]));
   }
 

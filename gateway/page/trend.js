@@ -5,7 +5,8 @@ import {element, setText} from './dom.js';
 import {numberText, timeText, visible} from './format.js';
 import {find, on, plant} from './live.js';
 import {candidates, Picker} from './picker.js';
-import {findReference, first, fragmentOf, goTo, referenceOf, rewrite} from './route.js';
+import {findReference, first, fragmentOf, goTo, parseFragment, referenceOf, rewrite}
+  from './route.js';
 import {axesOf, csvOf, rowsOf, Series} from './series.js';
 import {locale, text} from './texts.js';
 
@@ -329,7 +330,10 @@ class Trend {
     this.draw();
     clearTimeout(this.waiting);
     this.waiting = setTimeout(() => {
-      this.writeLink(rewrite);
+      // The first move away from the present and each zoom is a step that "back" takes back.
+      const before = windowOf(parseFragment(location.hash).parameters);
+      const isStep = before.isLive || Math.abs(before.span - this.window.span) > 1;
+      this.writeLink(isStep ? goTo : rewrite);
       this.load();
     }, 150);
   }
@@ -369,7 +373,19 @@ class Trend {
 
   // --- Data
 
-  async load() {
+  // Once, however many reasons come together.
+  load() {
+    if (this.isAsked)
+      return;
+    this.isAsked = true;
+    queueMicrotask(() => {
+      this.isAsked = false;
+      if (!this.isClosed)
+        this.loadNow();
+    });
+  }
+
+  async loadNow() {
     this.query?.abort();
     const query = new AbortController();
     this.query = query;
