@@ -6,6 +6,7 @@ const kScript = '/dygraphs/dygraph.min.js';
 const kStyle = '/dygraphs/dygraph.min.css';
 const kDashes = [null, [8, 4], [2, 3], [10, 3, 2, 3]];
 const kColours = 8;
+const kNarrow = 500;
 
 let loading = null;
 
@@ -133,11 +134,12 @@ export class Chart {
 
   axisOptions() {
     const number = value => this.number.format(value);
+    const axisLabelWidth = this.plot.clientWidth < kNarrow ? 42 : 64;
     return {
       x: {axisLabelFormatter: timeLabel(this.language, this.window[1] - this.window[0]),
         axisLabelWidth: 80},
-      y: {axisLabelFormatter: number, axisLabelWidth: 64},
-      y2: {axisLabelFormatter: number, axisLabelWidth: 64, independentTicks: true,
+      y: {axisLabelFormatter: number, axisLabelWidth},
+      y2: {axisLabelFormatter: number, axisLabelWidth, independentTicks: true,
         drawGrid: false},
     };
   }

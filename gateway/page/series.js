@@ -44,11 +44,11 @@ export class Series {
       this.appendLive(time, value);
   }
 
-  // The history is a little late: what came since its last point is added again.
-  takeRecent() {
+  // The history is a little late: what came since its last point, up to `until`, is added again.
+  takeRecent(until) {
     const end = this.times.length > 0 ? this.times[this.times.length - 1] : -Infinity;
     for (const [time, value] of this.recent) {
-      if (time > end)
+      if (time > end && time <= until)
         this.appendLive(time, value);
     }
   }
@@ -98,50 +98,43 @@ const kGap = [NaN, NaN, NaN];
 // Rows for the chart: [time, [least, last, greatest], ...] with a column for each series; null where
 // a series has no point at this time. The last value of each goes on to `end`.
 export function rowsOf(seriesList, end) {
-  const places = seriesList.map(() => 0);
+  const columns = seriesList.map(series => columnOf(series, end));
+  const places = columns.map(() => 0);
   const rows = [];
   for (;;) {
     let time = Infinity;
-    seriesList.forEach((series, column) => {
-      if (places[column] < series.times.length)
-        time = Math.min(time, series.times[places[column]]);
+    columns.forEach(({times}, at) => {
+      if (places[at] < times.length && times[places[at]] < time)
+        time = times[places[at]];
     });
     if (time === Infinity)
-      break;
-    const row = [new Date(time)];
-    seriesList.forEach((series, column) => {
+      return rows;
+    rows.push([new Date(time), ...columns.map(({times, cells}, at) => {
       let cell = null;
       // Two points of one time: the later one holds.
-      while (places[column] < series.times.length && series.times[places[column]] === time)
-        cell = cellOf(series, places[column]++, cell);
-      row.push(cell);
-    });
-    rows.push(row);
+      while (places[at] < times.length && times[places[at]] === time)
+        cell = joined(cell, cells[places[at]++]);
+      return cell;
+    })]);
   }
-  extend(rows, seriesList, end);
-  return rows;
 }
 
-function cellOf(series, index, before) {
-  const last = series.last[index];
-  if (Number.isNaN(last))
-    return kGap;
-  const least = series.least[index];
-  const greatest = series.greatest[index];
-  if (before === null || before === kGap)
-    return [least, last, greatest];
-  return [Math.min(before[0], least), last, Math.max(before[2], greatest)];
+function columnOf(series, end) {
+  const times = series.times.slice();
+  const cells = times.map((time, index) => (Number.isNaN(series.last[index]) ? kGap :
+    [series.least[index], series.last[index], series.greatest[index]]));
+  if (times.length > 0 && times[times.length - 1] < end) {
+    const last = series.last[times.length - 1];
+    times.push(end);
+    cells.push(Number.isNaN(last) ? kGap : [last, last, last]);
+  }
+  return {times, cells};
 }
 
-function extend(rows, seriesList, end) {
-  if (rows.length === 0 || rows[rows.length - 1][0].getTime() >= end)
-    return;
-  const row = [new Date(end)];
-  for (const series of seriesList) {
-    const last = series.last.length > 0 ? series.last[series.last.length - 1] : NaN;
-    row.push(Number.isNaN(last) ? kGap : [last, last, last]);
-  }
-  rows.push(row);
+function joined(before, cell) {
+  if (before === null || before === kGap || cell === kGap)
+    return cell;
+  return [Math.min(before[0], cell[0]), cell[1], Math.max(before[2], cell[2])];
 }
 
 // Which axis each series has: 1 or 2 by its unit, 0 when there is no third axis for it.

@@ -414,19 +414,19 @@ class Trend {
       if (query.signal.aborted)
         return null;
       series.replace(answer.points, answer.resolutionMs);
-      series.takeRecent();
+      series.takeRecent(this.isLive() ? Infinity : to);
       return null;
     } catch (problem) {
       if (query.signal.aborted)
         return null;
       if (series.times.length === 0)
-        await this.loadMemory(series, query).catch(() => {});
+        await this.loadMemory(series, to, query).catch(() => {});
       return problem;
     }
   }
 
   // Without a history the gateway remembers the last ten minutes.
-  async loadMemory(series, query) {
+  async loadMemory(series, to, query) {
     const {variable, element: index} = series.found;
     if (index !== null)
       return;
@@ -435,7 +435,7 @@ class Trend {
       ?.points ?? [];
     series.replace(points.map((part, at) => [end - (points.length - at) * stepMs,
       part?.[0] ?? null, part?.[1] ?? null, part?.[1] ?? null]), stepMs);
-    series.takeRecent();
+    series.takeRecent(this.isLive() ? Infinity : to);
   }
 
   takeValues(changed) {
