@@ -102,8 +102,6 @@ export class Feed {
     try {
       const response = await fetch('/api/v1/session', {cache: 'no-store'});
       status = response.status;
-      if (response.ok && (await response.json()).needsLogin)
-        status = 401;
     } catch {
       // Not there yet.
     }

@@ -196,9 +196,9 @@ class WriteDialog {
   showForbidden() {
     this.field = null;
     this.fill(() => [
-      element('p', {}, text(session.isSession ? 'write.forbidden' : 'write.login')),
-      this.buttons(this.closeButton('write.close'), session.isSession ? null :
-        element('a', {class: 'button', href: logInAddress()}, text('session.login'))),
+      element('p', {}, text(session.needsLogin ? 'write.login' : 'write.forbidden')),
+      this.buttons(this.closeButton('write.close'), session.needsLogin ?
+        element('a', {class: 'button', href: logInAddress()}, text('session.login')) : null),
     ]);
   }
 
@@ -229,6 +229,11 @@ class WriteDialog {
     this.setBusy(true);
     try {
       await loadSession();
+      if (!session.mayWrite) {
+        this.isBusy = false;
+        this.showForbidden();
+        return;
+      }
       const reply = await this.request(input.json, true);
       this.isBusy = false;
       this.showConfirmation(typed, input.json, reply);
