@@ -159,7 +159,8 @@ void HistoryService::Private::tick()
 {
     m_writer.tick(stamp());
     const HistoryWriter::Status status = m_writer.status();
-    if (status.breaks == m_breaks || status.waiting > 0 || !status.isGoingOn)
+    if (status.breaks == m_breaks || status.waiting > 0 ||
+        status.state != QLatin1String("recording"))
         return;
     m_breaks = status.breaks;
     addAllValues();

@@ -166,6 +166,7 @@ void HistoryWriter::useSettings(const HistorySettings& settings)
     m_failed = false;
     if (!sameFile) {
         m_file.reset();
+        m_wasOpen = std::exchange(m_hadSettings, true);
         m_uncertainItems = 0;
     }
     if (m_file) {

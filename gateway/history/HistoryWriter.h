@@ -97,7 +97,8 @@ private:
     std::optional<HistoryStamp> m_last;
     qint64 m_leftOut = 0; ///< not yet told in the history
     bool m_failed = false;
-    bool m_wasOpen = false; ///< the first opening is no break
+    bool m_hadSettings = false;
+    bool m_wasOpen = false; ///< the first opening since the start is no break
     QString m_stopped;      ///< the reason, until it is told in the history
     /// A commit failed, and nobody knows whether it is in the file: it is when the file ends with
     /// this sequence.

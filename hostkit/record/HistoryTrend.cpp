@@ -343,11 +343,7 @@ void TrendReader::showRecords()
     const auto show = [&points](qint64 time, double value) {
         points.append({time, value, value, value});
     };
-    // At `time`, unless something else is there already.
-    const auto showEnd = [&](qint64 time, double value) {
-        if (!points.isEmpty() && !std::isnan(points.last().last) && time > points.last().time)
-            show(time, value);
-    };
+    const auto isGood = [&points] { return !points.isEmpty() && !std::isnan(points.last().last); };
     const double carried = carriedAt(m_from);
     if (!std::isnan(carried) && (m_records.empty() || m_records.front().at.first > m_from))
         show(m_from, carried);
@@ -356,13 +352,16 @@ void TrendReader::showRecords()
         until = std::max(until, m_recordings[index].until);
     for (const Record& record : m_records) {
         const Recording& recording = m_recordings[recordingOf(record.at.second)];
-        if (until < record.at.first && recording.until > until && recording.began > until)
-            showEnd(until, kNoNumber);
+        // The recording ended, and another one began later.
+        const qint64 end = isGood() ? std::max(until, points.last().time + 1) : until;
+        if (isGood() && recording.began > until && end < record.at.first)
+            show(end, kNoNumber);
         show(record.at.first, record.value);
         until = std::max(until, recording.until);
     }
-    if (!points.isEmpty())
-        showEnd(std::min(m_to, until), points.last().last);
+    const qint64 end = std::min(m_to, until);
+    if (isGood() && end > points.last().time)
+        show(end, points.last().last);
 }
 
 // ---- Parts --------------------------------------------------------------------------------------

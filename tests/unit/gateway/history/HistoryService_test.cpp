@@ -1,6 +1,7 @@
 #include "HistoryService.h"
 #include "history_lines.h"
 #include "history_rows.h"
+#include "history_trends.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDir>
@@ -58,6 +59,34 @@ protected:
         EXPECT_FALSE(answer) << "it is answered later";
         waitFor([&answer] { return answer.has_value(); });
         return answer.value_or(HistoryAnswer());
+    }
+    template<typename Answer, typename Ask> Answer answerTo(Ask ask)
+    {
+        std::optional<Answer> answer;
+        ask([&answer](Answer given) { answer = std::move(given); });
+        EXPECT_FALSE(answer) << "it is answered later";
+        waitFor([&answer] { return answer.has_value(); });
+        return answer.value_or(Answer());
+    }
+    TrendAnswer trend(const TrendQuery& query)
+    {
+        return answerTo<TrendAnswer>(
+            [&](const auto& answered) { m_service->trend(query, answered); });
+    }
+    HistoryAnswer events(const RecordQuery& query)
+    {
+        return answerTo<HistoryAnswer>(
+            [&](const auto& answered) { m_service->events(query, answered); });
+    }
+    HistoryAnswer writes(const RecordQuery& query)
+    {
+        return answerTo<HistoryAnswer>(
+            [&](const auto& answered) { m_service->writes(query, answered); });
+    }
+    void pass(int seconds)
+    {
+        m_wall.advance(seconds * 1000LL);
+        m_clock.advance(std::chrono::seconds(seconds));
     }
     template<typename Condition> void waitFor(Condition condition)
     {
@@ -199,6 +228,156 @@ TEST_F(HistoryServiceTest, AnswersQueriesInPages)
     EXPECT_TRUE(second.complete);
 }
 
+TEST_F(HistoryServiceTest, AnswersTrends)
+{
+    start();
+    m_lines.value(0, 0).unit = "cm";
+    for (int i = 0; i < 25; ++i) {
+        pass(1);
+        set(0, 0, i * i);
+    }
+    m_service->flush();
+    TrendQuery query{"press", "Level", 0, kNow, kNow + 30000, 3};
+    const TrendAnswer parts = trend(query);
+    EXPECT_EQ(parts.errorText, QString());
+    EXPECT_EQ(parts.unit, QString("cm"));
+    EXPECT_EQ(parts.resolutionMs, 10000);
+    EXPECT_EQ(history::difference(parts.points, {{kNow, 0, 81, 81},
+                                                 {kNow + 10000, 100, 361, 361},
+                                                 {kNow + 20000, 400, 576, 576}}),
+              "");
+    query.points = 0; // at least one
+    EXPECT_EQ(trend(query).points.size(), 1);
+    query.points = 800;
+    const TrendAnswer records = trend(query);
+    EXPECT_EQ(records.resolutionMs, 0);
+    ASSERT_EQ(records.points.size(), 26);
+    EXPECT_EQ(records.points[24].time, kNow + 25000 - 20);
+    // The recording goes on to now, with the value that did not change.
+    EXPECT_EQ(records.points[25].time, kNow + 25000);
+    EXPECT_EQ(records.points[25].last, 576);
+    pass(3);
+    EXPECT_EQ(trend(query).points[25].time, kNow + 28000);
+}
+
+TEST_F(HistoryServiceTest, SaysWhyThereIsNoTrend)
+{
+    start();
+    set(0, 0, 1);
+    set(0, 1, "a text", "STRING");
+    m_service->flush();
+    struct Case
+    {
+        TrendQuery query;
+        const char* code;
+        const char* text;
+    };
+    const std::vector<Case> cases = {
+        {{"press", "level", 0, kNow, kNow + 1, 1},
+         "unknown-name",
+         "the history has no values of \"level\" of the line \"press\""},
+        {{"press", "Level", 1, kNow, kNow + 1, 1},
+         "unknown-name",
+         "element 1: \"Level\" of the line \"press\" has the elements 0 to 0"},
+        {{"press", "Speed", 0, kNow, kNow + 1, 1},
+         "refused",
+         "\"Speed\" of the line \"press\" is no number: it has no trend"},
+        {{"press", "Level", 0, kNow, kNow, 1},
+         "bad-request",
+         "the span begins after its end (\"from\" must be before \"to\")"}};
+    for (const Case& each : cases) {
+        const TrendAnswer answer = trend(each.query);
+        EXPECT_EQ(answer.errorCode.toStdString(), each.code);
+        EXPECT_EQ(answer.errorText.toStdString(), each.text);
+        EXPECT_EQ(answer.points.size(), 0);
+    }
+}
+
+TEST_F(HistoryServiceTest, AnswersEventsAndWritesWithTheLastOneFirst)
+{
+    start();
+    for (int i = 0; i < 5; ++i) {
+        pass(1);
+        tellEvent("press", -1, QString::number(i));
+        JournalEntry entry;
+        entry.time = m_wall.now();
+        entry.line = "press";
+        entry.newValue = 10 + i;
+        m_lines.reportWrite(entry);
+    }
+    m_service->flush();
+    const auto numbersOf = [](const HistoryAnswer& answer, const char* key) {
+        std::string numbers;
+        for (const Json& row : answer.values)
+            numbers += row[key].dump() + ' ';
+        return numbers;
+    };
+    RecordQuery query;
+    EXPECT_EQ(numbersOf(events(query), "state"), R"("4" "3" "2" "1" "0" )");
+    EXPECT_TRUE(events(query).complete);
+    EXPECT_EQ(numbersOf(writes(query), "new"), "14 13 12 11 10 ");
+    query.limit = 2;
+    EXPECT_EQ(numbersOf(events(query), "state"), R"("4" "3" )");
+    EXPECT_FALSE(events(query).complete);
+    EXPECT_EQ(numbersOf(writes(query), "new"), "14 13 ");
+    EXPECT_FALSE(writes(query).complete);
+    query.from = kNow + 2000;
+    query.to = kNow + 4000;
+    EXPECT_EQ(numbersOf(events(query), "state"), R"("2" "1" )");
+    EXPECT_EQ(numbersOf(writes(query), "new"), "12 11 ");
+    EXPECT_TRUE(writes(query).complete);
+}
+
+// A value that does not change is not recorded: nobody would know that it holds on.
+TEST_F(HistoryServiceTest, RecordsAllValuesAgainWhenTheClockWasSet)
+{
+    start();
+    set(0, 0, 5);
+    set(1, 0, 6);
+    m_service->flush();
+    m_wall.advance(7200000);
+    waitFor([this] { return history::valuesOf(file()).size() == 4; });
+    const std::vector<host::HistoryValue> values = history::valuesOf(file());
+    ASSERT_EQ(values.size(), 4u);
+    EXPECT_EQ(values[2].time, kNow + 7200000);
+    const TrendAnswer answer = trend({"press", "Level", 0, kNow - 20, kNow + 7200000 + 1000, 800});
+    EXPECT_EQ(history::difference(answer.points, {{kNow - 20, 5, 5, 5},
+                                                  {answer.points.value(1).time, NAN, NAN, NAN},
+                                                  {kNow + 7200000, 5, 5, 5}}),
+              "");
+}
+
+TEST_F(HistoryServiceTest, RecordsAllValuesIntoAnotherFile)
+{
+    start();
+    set(0, 0, 5);
+    m_service->flush();
+    m_settings.file = m_dir.filePath("other.sqlite");
+    m_service->change(m_settings);
+    m_service->flush();
+    waitFor([this] { return history::valuesOf(file()).size() == 1; });
+    set(0, 0, 6);
+    m_service->flush();
+    EXPECT_EQ(history::valuesOf(file()).size(), 2u);
+}
+
+TEST_F(HistoryServiceTest, EndsTheTrendOfAVariableThatTheConfigurationHasNoMore)
+{
+    start();
+    set(0, 0, 5);
+    set(0, 1, 7);
+    pass(10);
+    m_lines.variable(0, 0).name = m_lines.value(0, 0).name = "Other";
+    m_lines.tell([](LineListener& listener) { listener.handleReload(); });
+    pass(10);
+    m_service->flush();
+    const TrendAnswer gone = trend({"press", "Level", 0, kNow, kNow + 20000, 800});
+    EXPECT_EQ(history::difference(gone.points, {{kNow, 5, 5, 5}, {kNow + 10000, NAN, NAN, NAN}}),
+              "");
+    const TrendAnswer other = trend({"press", "Speed", 0, kNow, kNow + 20000, 800});
+    EXPECT_EQ(history::difference(other.points, {{kNow, 7, 7, 7}, {kNow + 20000, 7, 7, 7}}), "");
+}
+
 TEST_F(HistoryServiceTest, RefusesQueriesWithoutAFile)
 {
     m_settings.file.clear();
@@ -207,6 +386,9 @@ TEST_F(HistoryServiceTest, RefusesQueriesWithoutAFile)
     EXPECT_EQ(answer.errorCode, QString("refused"));
     EXPECT_EQ(answer.errorText, QString("nothing is recorded (the configuration names no "
                                         "history.file)"));
+    EXPECT_EQ(trend({"press", "Level", 0, 0, 1, 1}).errorText, answer.errorText);
+    EXPECT_EQ(events({}).errorCode, QString("refused"));
+    EXPECT_EQ(writes({}).errorCode, QString("refused"));
     EXPECT_EQ(m_service->status().dump(), R"({"state":"off"})");
 }
 

@@ -3,6 +3,7 @@
 #include "HistoryFile.h"
 #include "crash_disk.h"
 #include "history_rows.h"
+#include "history_trends.h"
 
 #include <QtCore/QFile>
 
@@ -76,6 +77,20 @@ protected:
         }
         ASSERT_GE(expected, committed) << "step " << step;
         ASSERT_LE(expected, begun) << "step " << step;
+        // So do the rollups.
+        TrendRequest request;
+        request.line = "press";
+        request.name = "1";
+        request.from = rows.front().time;
+        request.to = rows.back().time + 1;
+        request.points = 3;
+        const HistoryTrend trend = history::trendOf(path("cut.sqlite"), request);
+        if (trend.resolutionMs > 0) {
+            const auto parts = history::expectedParts(rows, request, trend.resolutionMs,
+                                                      [](qint64) { return std::nan(""); });
+            ASSERT_EQ(history::difference(trend.points, parts), "") << "step " << step;
+            ++m_trends;
+        }
         // The recording goes on with the next sequence.
         HistoryFile file(path("cut.sqlite"), {});
         ASSERT_EQ(file.sequence(), rows.back().sequence);
@@ -85,6 +100,7 @@ protected:
     CrashDisk m_disk{"crash-disk"};
     std::vector<std::pair<std::size_t, int>> m_done;
     int m_number = 0;
+    int m_trends = 0; ///< that were compared
 };
 
 TEST_F(HistoryFileCrash, LeavesASoundFileAtEverySynchronisation)
@@ -104,6 +120,7 @@ TEST_F(HistoryFileCrash, LeavesASoundFileAtEverySynchronisation)
         if (HasFatalFailure())
             return;
     }
+    EXPECT_GT(m_trends, 50);
 }
 
 TEST_F(HistoryFileCrash, LeavesASoundFileWhateverPartOfTheRestIsWritten)
@@ -119,6 +136,7 @@ TEST_F(HistoryFileCrash, LeavesASoundFileWhateverPartOfTheRestIsWritten)
         if (HasFatalFailure())
             return;
     }
+    EXPECT_GT(m_trends, 50);
 }
 
 TEST_F(HistoryFileCrash, SaysThatACommitFailedWhoseSynchronisationFailed)
