@@ -15,6 +15,7 @@ const kSilentMs = 7000;
 // A connection that is not there after this time is begun anew.
 const kPatienceMs = 15000;
 const kAgainMs = 1500;
+const kSoonMs = 100;
 
 export class Feed {
   constructor(deliver) {
@@ -26,6 +27,7 @@ export class Feed {
     this.parts = [];
     this.source = null;
     this.again = 0;
+    this.soon = 0;
     this.asksVariables = false;
     this.lastHeard = Date.now();
     this.open();
@@ -71,7 +73,7 @@ export class Feed {
     on('values', data => this.takeValues(data.values));
     on('ages', data => this.takeAges(data.ages));
     on('status', data => this.takeStatus(data));
-    on('state', data => this.deliver({kind: 'state', event: data}));
+    on('state', data => this.takeState(data));
     on('write', data => this.deliver({kind: 'write', event: data}), parseExact);
     on('reloaded', () => this.askVariables());
   }
@@ -201,6 +203,13 @@ export class Feed {
       }
     }
     this.deliver({kind: 'ages', ages});
+  }
+
+  // What a line or a station does now is in the status, too: it does not wait for the next one.
+  takeState(event) {
+    this.deliver({kind: 'state', event});
+    clearTimeout(this.soon);
+    this.soon = setTimeout(() => this.askStatus(), kSoonMs);
   }
 
   takeStatus(status) {

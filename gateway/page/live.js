@@ -1,9 +1,7 @@
 // The plant as this tab knows it: variables with their latest values, the status, the connection.
 // Everybody reads `plant` and asks with on() to be told.
+import {early} from './early.js';
 import {Feed, keyOf} from './feed.js';
-
-// Raised when the messages of feed.js change: tabs with an older page keep their own worker.
-const kWorker = 'micro850-1';
 
 // A variable has what the gateway lists (line, name, station, tag, element, length, type, unit,
 // writable, minimum, maximum, ...) and its value: value, text (exact digits of 64-bit integers),
@@ -153,17 +151,25 @@ function startAlone() {
     take(message);
 }
 
+// A browser takes some time to start a worker: until then the page shows what it asked for itself.
+async function showFirst() {
+  const [values, status] = await Promise.all([early.values, early.status]);
+  const now = Date.now();
+  if (values && !plant.hasValues)
+    take({kind: 'snapshot', values: values.values.map(value => ({...value, heard: now}))});
+  if (status && !plant.status)
+    take({kind: 'status', status});
+}
+
 export function start() {
-  let worker;
-  try {
-    worker = new SharedWorker('/page/worker.js', {type: 'module', name: kWorker});
-  } catch {
+  showFirst();
+  const {worker} = early;
+  if (!worker || early.hasFailed) {
     startAlone();
     return;
   }
   let heard = false;
-  const join = () => worker.port.postMessage('hello');
-  worker.onerror = () => {
+  early.onfailed = () => {
     if (!heard)
       startAlone();
     heard = true;
@@ -172,11 +178,10 @@ export function start() {
     heard = true;
     take(event.data);
   };
-  join();
   addEventListener('pagehide', () => worker.port.postMessage('bye'));
   addEventListener('pageshow', event => {
     if (event.persisted)
-      join();
+      worker.port.postMessage('hello');
   });
 }
 

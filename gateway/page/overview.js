@@ -7,7 +7,7 @@ import {fragmentOf} from './route.js';
 import {text, wordFor} from './texts.js';
 
 const kGoodStates = new Set(['up', 'connected', 'overload ended', 'recording']);
-const kWarnStates = new Set(['connecting', 'overload', 'stale']);
+const kWarnStates = new Set(['connecting', 'overload', 'stale', 'unread']);
 const kQuietStates = new Set(['disabled', 'off', '']);
 const kMostAlarms = 200;
 
@@ -70,7 +70,9 @@ function healthOf(line, counts) {
     return 'overload';
   if (served.some(station => station.state === 'connecting'))
     return 'connecting';
-  return counts.stale + counts.never > 0 ? 'stale' : 'up';
+  if (counts.stale > 0)
+    return 'stale';
+  return counts.never > 0 ? 'unread' : 'up';
 }
 
 class Facts {

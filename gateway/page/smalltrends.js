@@ -176,8 +176,10 @@ export function drawTrend(canvas, variable) {
   if (!range)
     return;
   const margin = 3;
+  // The gateway keeps seven digits: what differs by less does not move.
   const span = range.greatest - range.least;
-  const yOf = number => (span === 0 ? height / 2
+  const isFlat = span <= 1e-6 * Math.max(Math.abs(range.least), Math.abs(range.greatest));
+  const yOf = number => (isFlat ? height / 2
     : height - margin - (number - range.least) / span * (height - 2 * margin));
   const step = width / kPoints;
   pen.strokeStyle = colour();

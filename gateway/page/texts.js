@@ -38,6 +38,7 @@ const kEnglish = {
   'state.overload ended': 'overload ended',
   'state.history stopped': 'history stopped',
   'state.stale': 'stale values',
+  'state.unread': 'not all read',
   'ago': '{age} ago',
   // Overview
   'overview.lines': 'Lines and stations',
@@ -242,6 +243,7 @@ const kGerman = {
   'state.overload ended': 'Überlast beendet',
   'state.history stopped': 'Aufzeichnung gestoppt',
   'state.stale': 'veraltete Werte',
+  'state.unread': 'nicht alles gelesen',
   'ago': 'vor {age}',
   'overview.lines': 'Linien und Stationen',
   'overview.alarms': 'Meldungen des letzten Tages',

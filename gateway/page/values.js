@@ -189,15 +189,14 @@ class ValueRow {
   }
 
   makeName() {
-    const {tag, name} = this.variable;
-    const detail = this.element === null && tag && tag !== name
-      ? element('span', {class: 'soft'}, visible(tag)) : null;
+    this.detail = element('span', {class: 'soft'});
     const hasTrend = !this.isArray && typeof this.variable.value !== 'string';
     const label = hasTrend
       ? element('a', {href: fragmentOf('trend', {v: referenceOf(this.variable, this.element)}),
         title: text('values.trendOf', {name: this.label})}, this.label)
       : element('span', {}, this.label);
-    return element('div', {class: 'cell name', role: 'rowheader', title: this.label}, label, detail);
+    return element('div', {class: 'cell name', role: 'rowheader', title: this.label}, label,
+      this.detail);
   }
 
   makeTrend() {
@@ -237,6 +236,15 @@ class ValueRow {
     setClass(this.word, `word ${isLost ? '' : kQualityClass[quality] ?? ''}`);
     setText(this.word, wordFor('quality', isLost ? 'lost' : quality));
     setAttribute(this.word, 'title', error ? visible(error) : null);
+    setText(this.detail, this.detailText());
+  }
+
+  // Why there is no fresh value; else the tag, where it is not the name.
+  detailText() {
+    const {error, name, quality, tag} = this.variable;
+    if (quality !== 'good' && error)
+      return visible(error);
+    return this.element === null && tag !== name ? visible(tag ?? '') : '';
   }
 
   showAction() {
