@@ -70,15 +70,18 @@ set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
 # The last creates the user of the service.
 string(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
   ", libsqlite3-0 (>= 3.35), libmosquitto1 (>= 2.0), libssl3 | libssl3t64, libprotobuf-c1, libsystemd0"
+  ", libmicrohttpd12 (>= 0.9.75) | libmicrohttpd12t64, libgnutls30 (>= 3.7) | libgnutls30t64"
   ", systemd | systemd-standalone-sysusers | systemd-sysusers")
-set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS micro850-tools)
+# The page draws trends with the last one.
+set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS "micro850-tools, libjs-dygraphs")
 foreach(script postinst prerm postrm)
   list(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/gateway/${script})
 endforeach()
 set(CPACK_COMPONENT_GATEWAY_DESCRIPTION
 "micro850-gateway is a service that owns the lines to Micro850 controllers and
-lets many programs read, write and record their variables at once. It starts
-when /etc/micro850/gateway.json has been written.")
+lets many programs read, write and record their variables at once. A page
+shows them live in browsers. It starts when /etc/micro850/gateway.json has
+been written.")
 
 # Each package has copyright and changelog in a folder of its own.
 string(TIMESTAMP MICRO850_DATE "%a, %d %b %Y %H:%M:%S +0000" UTC)

@@ -1,0 +1,355 @@
+"""The gateway's token, its page behind a real nginx and its own TLS, as an administrator sets them up.
+
+Called with the gateway and the folder of the sources.
+"""
+
+import http.client
+import json
+import os
+import re
+import socket
+import ssl
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import urllib.parse
+
+GATEWAY, SOURCE = map(os.path.abspath, sys.argv[1:3])
+LIMIT_S = 60
+PROJECT = {'port': {'device': '/dev/ttyNONE'},
+           'variables': [{'tag': 'Speed', 'type': 'INT', 'writable': True, 'minimum': 0, 'maximum': 100}]}
+
+
+def free_port():
+    with socket.socket() as free:
+        free.bind(('127.0.0.1', 0))
+        return free.getsockname()[1]
+
+
+def wait_until(condition, what):
+    end = time.monotonic() + LIMIT_S
+    while time.monotonic() < end:
+        found = condition()
+        if found:
+            return found
+        time.sleep(0.02)
+    raise AssertionError('waited too long for ' + what)
+
+
+class Place(unittest.TestCase):
+    """A folder with a configuration, and the programs that a test starts."""
+
+    def setUp(self):
+        self.folder = tempfile.TemporaryDirectory()
+        self.addCleanup(self.folder.cleanup)
+        self.write('p.json', json.dumps(PROJECT))
+
+    def path(self, name):
+        return os.path.join(self.folder.name, name)
+
+    def write(self, name, text):
+        with open(self.path(name), 'w', encoding='utf-8') as file:
+            file.write(text)
+
+    def read(self, name):
+        with open(self.path(name), encoding='utf-8', errors='replace') as file:
+            return file.read()
+
+    def configure(self, web):
+        self.write('gateway.json', json.dumps({'lines': [{'name': 'press', 'project': 'p.json'}],
+                                               'socket': {'path': 'g.sock'}, 'web': web}))
+
+    def run_gateway(self, *arguments):
+        return subprocess.run([GATEWAY, *arguments], cwd=self.folder.name, capture_output=True, text=True,
+                              timeout=LIMIT_S, check=False)
+
+    def make_token(self, *more):
+        made = self.run_gateway('token', *more, 'web.token')
+        self.assertEqual(made.returncode, 0, made.stderr)
+        return made.stdout.strip()
+
+    def start(self, command, log):
+        with open(self.path(log), 'w', encoding='utf-8') as file:
+            process = subprocess.Popen(command, cwd=self.folder.name, stdout=file, stderr=file)
+
+        def end():
+            process.terminate()
+            process.wait(LIMIT_S)
+        self.addCleanup(end)
+        return process
+
+    def start_gateway(self):
+        process = self.start([GATEWAY, 'gateway.json'], 'gateway.log')
+        found = wait_until(lambda: re.search(r'the page is at (\S+)\n', self.read('gateway.log')), 'the page')
+        self.address = urllib.parse.urlsplit(found.group(1))
+        return process
+
+    def certificate(self, name, *names):
+        subprocess.run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
+                        '-days', '30', '-subj', '/CN=' + name, '-addext',
+                        'subjectAltName=' + ','.join(names), '-keyout', self.path(name + '.key'),
+                        '-out', self.path(name + '.pem')], check=True, capture_output=True)
+        os.chmod(self.path(name + '.key'), 0o600)
+
+    def trusting(self, name):
+        return ssl.create_default_context(cafile=self.path(name + '.pem'))
+
+    def ask(self, method, target, headers=None, body=None, connection=None):
+        connection = connection or http.client.HTTPConnection('127.0.0.1', self.address.port, timeout=LIMIT_S)
+        connection.request(method, target, body, headers or {})
+        reply = connection.getresponse()
+        reply.text = reply.read().decode()
+        connection.close()
+        return reply
+
+
+class Token(Place):
+
+    def test_is_made_once_for_its_owner_alone(self):
+        token = self.make_token()
+        self.assertRegex(token, r'\A[A-Za-z0-9_-]{43}\Z')
+        self.assertEqual(self.read('web.token'), token + '\n')
+        self.assertEqual(os.stat(self.path('web.token')).st_mode & 0o7777, 0o600)
+        again = self.run_gateway('token', 'web.token')
+        self.assertEqual((again.returncode, again.stdout), (2, ''))
+        self.assertIn('web.token: it is there already (--replace', again.stderr)
+        self.assertEqual(self.read('web.token'), token + '\n')
+        other = self.make_token('--replace')
+        self.assertNotEqual(other, token)
+        self.assertEqual(self.read('web.token'), other + '\n')
+        self.assertEqual(sorted(os.listdir(self.folder.name)), ['p.json', 'web.token'])
+
+    def test_replaces_no_file_of_somebody_else(self):
+        self.write('notes', 'a file of mine')
+        os.symlink('notes', self.path('link'))
+        os.mkfifo(self.path('pipe'))
+        for name in ('notes', 'link', 'pipe'):
+            made = self.run_gateway('token', '--replace', name)
+            self.assertEqual((made.returncode, made.stdout), (2, ''), name)
+            self.assertIn('is no token file', made.stderr)
+        self.assertEqual(self.read('notes'), 'a file of mine')
+        for name, status in (('.', 2), ('missing/web.token', 1), ('', 2)):
+            made = self.run_gateway('token', name)
+            self.assertEqual((made.returncode, made.stdout), (status, ''), name)
+            self.assertEqual(made.stderr.count('\n'), 1, made.stderr)
+
+    def test_goes_to_the_user_of_the_service(self):
+        unknown = self.run_gateway('token', '--owner', 'nobody-knows-him', 'web.token')
+        self.assertEqual(unknown.returncode, 2)
+        self.assertIn('the system knows no user', unknown.stderr)
+        self.assertFalse(os.path.exists(self.path('web.token')))
+        if os.geteuid() != 0:
+            return
+        self.make_token('--owner', 'nobody')
+        status = os.stat(self.path('web.token'))
+        self.assertNotEqual(status.st_uid, 0)
+        self.make_token('--replace')
+        self.assertEqual(os.stat(self.path('web.token')).st_uid, status.st_uid)
+
+    def test_is_needed_before_others_can_connect(self):
+        for web in ({'address': '0.0.0.0'}, {'address': '::'}, {'proxies': ['127.0.0.1']}, {'writes': True}):
+            self.configure(web)
+            for arguments in (['gateway.json'], ['--check', 'gateway.json']):
+                refused = self.run_gateway(*arguments)
+                self.assertEqual(refused.returncode, 2)
+                self.assertIn('needs a token' if 'writes' in web else 'a token is needed', refused.stderr)
+
+    def test_is_refused_when_it_is_none_or_others_can_read_it(self):
+        self.configure({'port': 0, 'tokenFile': 'web.token'})
+
+        def complaint():
+            for arguments in (['--check', 'gateway.json'], ['gateway.json']):
+                refused = self.run_gateway(*arguments)
+                self.assertEqual(refused.returncode, 2, refused.stderr)
+                self.assertIn('web.tokenFile: ' + self.path('web.token') + ': ', refused.stderr)
+            return refused.stderr
+
+        self.assertIn('there is no such file', complaint())
+        token = self.make_token()
+        for mode in (0o640, 0o604, 0o620, 0o602, 0o601):
+            os.chmod(self.path('web.token'), mode)
+            self.assertIn('group or others', complaint())
+        os.chmod(self.path('web.token'), 0o600)
+        for content in ('', '\n', 'short\n', token + token, token[:-1] + '\n', token[:-1] + '\0'):
+            self.write('web.token', content)
+            message = complaint()
+            self.assertIn('it has no token', message)
+            self.assertNotIn(token[:-1], message)
+        os.remove(self.path('web.token'))
+        os.mkfifo(self.path('web.token'))
+        os.chmod(self.path('web.token'), 0o600)
+        self.assertIn('no file with a token', complaint())
+
+    def test_is_another_one_after_a_reload_and_told_nowhere(self):
+        token = self.make_token()
+        web = {'port': 0, 'tokenFile': 'web.token', 'address': '127.0.0.1', 'writes': True}
+        self.configure(web)
+        process = self.start_gateway()
+
+        def status(word):
+            return self.ask('PUT', '/api/v1/values/Speed', {'Authorization': 'Bearer ' + word},
+                            '{"value": 7, "check": true}').status
+        self.assertEqual(status(token), 200)
+        other = self.make_token('--replace')
+        self.assertEqual(status(token), 200)
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        self.assertEqual(status(token), 401)
+        self.assertEqual(status(other), 200)
+        os.chmod(self.path('web.token'), 0o644)
+        refused = self.run_gateway('reload', '--socket', 'g.sock')
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn('group or others', refused.stderr)
+        self.assertEqual(status(other), 200)
+        told = self.read('gateway.log') + refused.stderr
+        told += self.run_gateway('status', '--json', '--socket', 'g.sock').stdout
+        for target in ('/', '/login', '/metrics', '/api/v1/status', '/api/v1/session'):
+            reply = self.ask('GET', target)
+            told += reply.text + str(reply.headers)
+        with open('/proc/%d/cmdline' % process.pid, encoding='utf-8') as line:
+            told += line.read()
+        with open('/proc/%d/environ' % process.pid, encoding='utf-8', errors='replace') as environment:
+            told += environment.read()
+        for word in (token, other):
+            self.assertNotIn(word, told)
+
+
+class Encrypted(Place):
+
+    def test_page_has_tls_of_its_own(self):
+        self.certificate('panel7', 'DNS:localhost', 'IP:127.0.0.1')
+        self.make_token()
+        self.configure({'port': 0, 'tokenFile': 'web.token', 'certificate': 'panel7.pem', 'key': 'panel7.key'})
+        checked = self.run_gateway('--check', 'gateway.json')
+        self.assertEqual(checked.returncode, 0, checked.stderr)
+        self.assertIn('page at 127.0.0.1 port 0 encrypted', checked.stdout)
+        self.start_gateway()
+        self.assertEqual(self.address.scheme, 'https')
+        reply = self.ask('GET', '/login', connection=http.client.HTTPSConnection(
+            'localhost', self.address.port, context=self.trusting('panel7'), timeout=LIMIT_S))
+        self.assertEqual(reply.status, 200)
+        self.assertIn('Set-Cookie: __Host-micro850', str(reply.headers))
+        self.assertIn('; Secure', reply.headers['Set-Cookie'])
+
+    def test_check_refuses_a_key_that_is_not_the_certificates(self):
+        self.certificate('panel7', 'DNS:localhost')
+        self.certificate('other', 'DNS:localhost')
+        self.configure({'port': 0, 'certificate': 'panel7.pem', 'key': 'other.key'})
+        for arguments in (['gateway.json'], ['--check', 'gateway.json']):
+            refused = self.run_gateway(*arguments)
+            self.assertEqual(refused.returncode, 2, refused.stderr)
+            self.assertIn('web.key: ', refused.stderr)
+
+
+class Nginx(Place):
+    """The example, with the ports and the files of the test."""
+
+    def setUp(self):
+        super().setUp()
+        self.token = self.make_token()
+        self.certificate('panel7', 'DNS:panel7.plant.example')
+        self.configure({'port': 0, 'tokenFile': 'web.token', 'writes': True, 'hosts': ['panel7.plant.example'],
+                        'proxies': ['127.0.0.1']})
+        self.start_gateway()
+        self.port = free_port()
+        plain = free_port()
+        with open(os.path.join(SOURCE, 'examples/nginx.conf'), encoding='utf-8') as file:
+            example = file.read()
+        for old, new in (('listen 443 ', 'listen 127.0.0.1:%d ' % self.port), ('listen 80;', 'listen 127.0.0.1:%d;' % plain),
+                         ('    listen [::]:443 ssl http2;\n', ''), ('    listen [::]:80;\n', ''),
+                         ('/etc/ssl/certs/panel7.pem', self.path('panel7.pem')),
+                         ('/etc/ssl/private/panel7.key', self.path('panel7.key')),
+                         ('127.0.0.1:8850', '127.0.0.1:%d' % self.address.port)):
+            self.assertIn(old, example)
+            example = example.replace(old, new)
+        temporary = ''.join('  %s_temp_path %s;\n' % (kind, self.path('temp-' + kind))
+                            for kind in ('client_body', 'proxy', 'fastcgi', 'uwsgi', 'scgi'))
+        user = 'user root;\n' if os.geteuid() == 0 else ''
+        self.write('nginx.conf', user + 'daemon off;\nmaster_process off;\npid %s;\nerror_log stderr;\nevents {}\n'
+                   'http {\n  access_log off;\n%s%s}\n' % (self.path('nginx.pid'), temporary, example))
+        self.start(['nginx', '-p', self.folder.name, '-e', 'stderr', '-c', self.path('nginx.conf')], 'nginx.log')
+
+        def listens():
+            with socket.socket() as probe:
+                return probe.connect_ex(('127.0.0.1', self.port)) == 0
+        wait_until(listens, 'nginx: ' + self.read('nginx.log'))
+
+    def connect(self):
+        """To nginx, by the name of the server."""
+        name = 'panel7.plant.example'
+        raw = socket.create_connection(('127.0.0.1', self.port), LIMIT_S)
+        connection = http.client.HTTPConnection(name, self.port, timeout=LIMIT_S)
+        connection.sock = self.trusting('panel7').wrap_socket(raw, server_hostname=name)
+        return connection
+
+    def through(self, method, target, headers=None, body=None):
+        return self.ask(method, target, headers, body, self.connect())
+
+    def test_page_login_and_write_come_through(self):
+        page = self.through('GET', '/')
+        self.assertEqual(page.status, 200)
+        self.assertIn('<html', page.text)
+        self.assertEqual(self.through('GET', '/api/v1/values').status, 401)
+        login = self.through('GET', '/login')
+        form = login.headers['Set-Cookie'].split(';')[0]
+        field = re.search(r'name="synchronizer" type="hidden" value="([^"]+)"', login.text).group(1)
+        origin = 'https://panel7.plant.example:%d' % self.port
+        filled = urllib.parse.urlencode({'token': self.token, 'synchronizer': field, 'view': '#/journal'})
+        kind = {'Content-Type': 'application/x-www-form-urlencoded', 'Cookie': form}
+        self.assertEqual(self.through('POST', '/login', {**kind, 'Origin': 'https://evil.example'}, filled).status, 403)
+        done = self.through('POST', '/login', {**kind, 'Origin': origin, 'Sec-Fetch-Site': 'same-origin'}, filled)
+        self.assertEqual((done.status, done.headers['Location']), (303, '/#/journal'))
+        cookie = done.headers.get_all('Set-Cookie')[0]
+        self.assertTrue(cookie.startswith('__Host-micro850-'), cookie)
+        self.assertIn('; HttpOnly; SameSite=Strict; Secure', cookie)
+        browser = {'Cookie': cookie.split(';')[0]}
+        self.assertEqual(self.through('GET', '/api/v1/values', browser).status, 200)
+        session = json.loads(self.through('GET', '/api/v1/session', browser).text)
+        self.assertTrue(session['mayWrite'])
+        put = ('PUT', '/api/v1/values/Speed')
+        body = '{"value": 7, "check": true}'
+        self.assertEqual(self.through(*put, browser, body).status, 403)
+        browser['X-Synchronizer'] = session['synchronizer']
+        self.assertEqual(self.through(*put, {**browser, 'Origin': origin}, body).status, 200)
+        self.assertEqual(self.through(*put, {**browser, 'Origin': 'null'}, body).status, 403)
+
+    def test_events_come_at_once(self):
+        connection = self.connect()
+        connection.request('GET', '/api/v1/events', headers={'Authorization': 'Bearer ' + self.token})
+        reply = connection.getresponse()
+        self.assertEqual((reply.status, reply.headers['Content-Type']), (200, 'text/event-stream'))
+        seen = set()
+        while not {'snapshot', 'status', 'ages'} <= seen:
+            line = reply.readline().decode()
+            self.assertTrue(line, 'the stream ended')
+            if line.startswith('event: '):
+                seen.add(line[len('event: '):].strip())
+        connection.close()
+
+    def test_clients_are_told_apart_and_cannot_claim_to_be_others(self):
+        wrong = {'Authorization': 'Bearer wrong'}
+        for number in range(3):
+            reply = self.through('GET', '/metrics', {**wrong, 'X-Forwarded-For': '10.0.0.%d' % number})
+            self.assertEqual(reply.status, 401)
+        refused = self.through('GET', '/metrics', {**wrong, 'X-Forwarded-For': '10.0.0.9'})
+        self.assertEqual(refused.status, 429)
+        self.assertGreaterEqual(int(refused.headers['Retry-After']), 1)
+        # The proxy itself may tell of another client, and that one is not slowed.
+        direct = self.ask('GET', '/metrics', {**wrong, 'X-Forwarded-For': '10.0.0.9'})
+        self.assertEqual(direct.status, 401)
+
+    def test_other_names_and_http2(self):
+        connection = self.connect()
+        self.assertEqual(self.ask('GET', '/', {'Host': 'evil.example'}, None, connection).status, 421)
+        found = subprocess.run(
+            ['curl', '-s', '--http2', '--cacert', self.path('panel7.pem'), '-o', '/dev/null', '-w',
+             '%{http_version} %{http_code}', '--resolve', 'panel7.plant.example:%d:127.0.0.1' % self.port,
+             '-H', 'Authorization: Bearer ' + self.token,
+             'https://panel7.plant.example:%d/api/v1/values' % self.port],
+            capture_output=True, text=True, timeout=LIMIT_S, check=False)
+        self.assertEqual(found.stdout, '2 200', found.stderr)
+
+
+if __name__ == '__main__':
+    unittest.main(argv=sys.argv[:1])
