@@ -195,8 +195,8 @@ class ValueRow {
       ? element('a', {href: fragmentOf('trend', {v: referenceOf(this.variable, this.element)}),
         title: text('values.trendOf', {name: this.label})}, this.label)
       : element('span', {}, this.label);
-    return element('div', {class: 'cell name', role: 'rowheader', title: this.label}, label,
-      this.detail);
+    this.nameCell = element('div', {class: 'cell name', role: 'rowheader'}, label, this.detail);
+    return this.nameCell;
   }
 
   makeTrend() {
@@ -236,7 +236,9 @@ class ValueRow {
     setClass(this.word, `word ${isLost ? '' : kQualityClass[quality] ?? ''}`);
     setText(this.word, wordFor('quality', isLost ? 'lost' : quality));
     setAttribute(this.word, 'title', error ? visible(error) : null);
-    setText(this.detail, this.detailText());
+    const detail = this.detailText();
+    setText(this.detail, detail);
+    setAttribute(this.nameCell, 'title', detail ? `${this.label}: ${detail}` : this.label);
   }
 
   // Why there is no fresh value; else the tag, where it is not the name.
