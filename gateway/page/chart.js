@@ -88,7 +88,10 @@ export class Chart {
     place.append(this.plot, this.hairline);
     this.watcher = new ResizeObserver(() => this.resize());
     this.watcher.observe(place);
-    this.number = new Intl.NumberFormat(language, {maximumSignificantDigits: 6});
+    this.number = new Intl.NumberFormat(language, {maximumSignificantDigits: 6,
+      useGrouping: false});
+    this.shortNumber = new Intl.NumberFormat(language, {notation: 'scientific',
+      maximumFractionDigits: 2});
   }
 
   destroy() {
@@ -133,7 +136,11 @@ export class Chart {
   }
 
   axisOptions() {
-    const number = value => this.number.format(value);
+    const number = value => {
+      const size = Math.abs(value);
+      const isLong = size >= 1e6 || (size < 1e-4 && size > 0);
+      return (isLong ? this.shortNumber : this.number).format(value);
+    };
     const axisLabelWidth = this.plot.clientWidth < kNarrow ? 42 : 64;
     return {
       x: {axisLabelFormatter: timeLabel(this.language, this.window[1] - this.window[0]),

@@ -48,7 +48,9 @@ const char kMarkup[] = R"(<!DOCTYPE html>
 <meta charset="utf-8">
 <meta name="viewport" content="width=device-width, initial-scale=1">
 <title>%2 - micro850</title>
+<link rel="icon" href="/page/icon.svg" type="image/svg+xml">
 <link rel="stylesheet" href="/page/style.css">
+<link rel="stylesheet" href="/page/views.css">
 </head>
 <body class="login">
 <main>
