@@ -122,6 +122,21 @@ HttpResponse mustWait(Duration wait)
     return response;
 }
 
+// Throws UserError.
+QByteArray tokenOf(const WebSettings& settings)
+{
+    if (settings.isOpen() && settings.tokenFile.isEmpty())
+        throw UserError("web: others than this machine can connect, so a token is needed (make one "
+                        "with micro850-gateway token FILE, and name it in \"tokenFile\")");
+    if (settings.tokenFile.isEmpty())
+        return {};
+    try {
+        return readTokenFile(settings.tokenFile);
+    } catch (const UserError& error) {
+        throw UserError(std::string("web.tokenFile: ") + error.what());
+    }
+}
+
 HttpResponse redirection(const QByteArray& to)
 {
     HttpResponse response;
@@ -141,7 +156,7 @@ public:
     {
     }
 
-    void change(const WebSettings& settings);
+    void change(const WebSettings& settings, const QByteArray& token);
     std::variant<Caller, HttpResponse> admit(const HttpRequest& request);
     bool isStillAdmitted(const Caller& caller) const;
     HttpResponse showLogin(const HttpRequest& request, LoginNotice notice, int waitSeconds) const;
@@ -172,19 +187,8 @@ private:
     std::optional<Sessions> m_sessions;
 };
 
-void Guard::Private::change(const WebSettings& settings)
+void Guard::Private::change(const WebSettings& settings, const QByteArray& token)
 {
-    if (settings.isOpen() && settings.tokenFile.isEmpty())
-        throw UserError("web: others than this machine can connect, so a token is needed (make one "
-                        "with micro850-gateway token FILE, and name it in \"tokenFile\")");
-    QByteArray token;
-    if (!settings.tokenFile.isEmpty()) {
-        try {
-            token = readTokenFile(settings.tokenFile);
-        } catch (const UserError& error) {
-            throw UserError(std::string("web.tokenFile: ") + error.what());
-        }
-    }
     // Sessions go on with the same token.
     if (token != m_token || !m_sessions)
         m_sessions.emplace(token, m_wallClock);
@@ -392,14 +396,19 @@ HttpResponse Guard::Private::session(const Caller& caller) const
 Guard::Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock)
     : m_private(std::make_unique<Private>(clock, wallClock))
 {
-    m_private->change(settings);
+    change(settings);
 }
 
 Guard::~Guard() = default;
 
 void Guard::change(const WebSettings& settings)
 {
-    m_private->change(settings);
+    prepare(settings)();
+}
+
+std::function<void()> Guard::prepare(const WebSettings& settings)
+{
+    return [this, settings, token = tokenOf(settings)] { m_private->change(settings, token); };
 }
 
 std::variant<Caller, HttpResponse> Guard::admit(const HttpRequest& request)

@@ -25,6 +25,8 @@ public:
     /// Settings of a new configuration, also with another token in the same file; all sessions are
     /// over then. Throws UserError, and goes on as before, as the constructor does.
     void change(const WebSettings& settings);
+    /// Does the part of change() that can fail; what it returns does the rest.
+    std::function<void()> prepare(const WebSettings& settings);
 
     /// Who asks, or why the request is refused. What is open to all needs no token: "/healthz",
     /// "/readyz", "/login" and the files of the page, which show nothing of the plant.

@@ -8,6 +8,7 @@
 #include "Problem.h"
 #include "RecentTrends.h"
 #include "RequestError.h"
+#include "TlsFiles.h"
 #include "UserError.h"
 #include "ValuesApi.h"
 #include "WebContext.h"
@@ -46,6 +47,13 @@ QString addressText(const WebSettings& settings, int port)
         .arg(port);
 }
 
+TlsFiles filesOf(const HttpSettings& settings)
+{
+    return settings.certificateFile.isEmpty()
+               ? TlsFiles()
+               : TlsFiles::read(settings.certificateFile, settings.keyFile);
+}
+
 bool isSamePlace(const HttpSettings& a, const HttpSettings& b)
 {
     return a.address == b.address && a.port == b.port;
@@ -80,6 +88,7 @@ private:
     Metrics m_metrics;
     PageFiles m_page;
     Router m_router;
+    TlsFiles m_files;                     ///< as the server has read them
     std::unique_ptr<HttpServer> m_server; ///< before the others go, its exchanges have to
 };
 
@@ -102,6 +111,7 @@ WebParts::WebParts(const WebNeeds& needs, const WebSettings& settings)
     m_guard.addRoutes(m_router);
     m_metrics.addRoutes(m_router);
     m_page.addRoutes(m_router);
+    m_files = filesOf(settings.http);
     m_server = newServer(settings.http);
 }
 
@@ -137,34 +147,34 @@ void WebParts::serve(const HttpExchangePointer& exchange)
     }
 }
 
+// All of it, or nothing. The guard never lets in what the settings of another server allow.
 void WebParts::change(const WebSettings& settings)
 {
-    const WebSettings before = m_context.settings;
-    m_guard.change(settings);
-    try {
-        if (!(settings.http == before.http))
-            changeServer(settings.http);
-    } catch (const UserError&) {
-        m_guard.change(before);
-        throw;
-    }
+    const std::function<void()> changeGuard = m_guard.prepare(settings);
+    changeServer(settings.http);
+    changeGuard();
     m_context.settings = settings;
 }
 
-// Two servers cannot listen at the same place, not even for a moment.
+// Two servers cannot listen at the same place, not even for a moment. A certificate may have been
+// renewed in the same file.
 void WebParts::changeServer(const HttpSettings& settings)
 {
-    if (!isSamePlace(settings, m_context.settings.http)) {
-        m_server = newServer(settings);
+    const HttpSettings before = m_context.settings.http;
+    const TlsFiles files = filesOf(settings);
+    const bool hasOtherFiles = files.certificate != m_files.certificate || files.key != m_files.key;
+    if (settings == before && !hasOtherFiles)
         return;
-    }
-    m_server.reset();
+    if (isSamePlace(settings, before))
+        m_server.reset();
     try {
         m_server = newServer(settings);
     } catch (const UserError&) {
-        m_server = newServer(m_context.settings.http);
+        if (!m_server)
+            m_server = newServer(before);
         throw;
     }
+    m_files = files;
 }
 
 void WebParts::addValue(int number)

@@ -61,6 +61,10 @@ class Place(unittest.TestCase):
         self.write('gateway.json', json.dumps({'lines': [{'name': 'press', 'project': 'p.json'}],
                                                'socket': {'path': 'g.sock'}, 'web': web}))
 
+    def configure_without_page(self):
+        self.write('gateway.json', json.dumps({'lines': [{'name': 'press', 'project': 'p.json'}],
+                                               'socket': {'path': 'g.sock'}}))
+
     def run_gateway(self, *arguments):
         return subprocess.run([GATEWAY, *arguments], cwd=self.folder.name, capture_output=True, text=True,
                               timeout=LIMIT_S, check=False)
@@ -231,6 +235,53 @@ class Encrypted(Place):
         self.assertEqual(reply.status, 200)
         self.assertIn('Set-Cookie: __Host-micro850', str(reply.headers))
         self.assertIn('; Secure', reply.headers['Set-Cookie'])
+
+    def test_renewed_certificate_is_shown_after_a_reload_and_a_wrong_one_refused(self):
+        self.certificate('panel7', 'DNS:localhost')
+        self.configure({'port': free_port(), 'certificate': 'panel7.pem', 'key': 'panel7.key'})
+        self.start_gateway()
+
+        def shown():
+            return ssl.get_server_certificate(('127.0.0.1', self.address.port), timeout=LIMIT_S).strip()
+        first = self.read('panel7.pem').strip()
+        self.assertEqual(shown(), first)
+        self.write('panel7.pem', 'nothing')
+        refused = self.run_gateway('reload', '--socket', 'g.sock')
+        self.assertEqual(refused.returncode, 1)
+        self.assertIn('web.certificate: ', refused.stderr)
+        self.assertEqual(shown(), first)
+        self.certificate('panel7', 'DNS:localhost')
+        second = self.read('panel7.pem').strip()
+        self.assertNotEqual(second, first)
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        self.assertEqual(shown(), second)
+
+    def test_reload_moves_the_page_or_leaves_it_where_it_is(self):
+        token = self.make_token()
+        self.configure({'port': free_port(), 'tokenFile': 'web.token', 'address': '0.0.0.0'})
+        self.start_gateway()
+        self.assertEqual(self.ask('GET', '/api/v1/values').status, 401)
+        with socket.socket() as other:
+            other.bind(('127.0.0.1', 0))
+            other.listen()
+            # What needs no token at all cannot listen: others still need it.
+            self.configure({'port': other.getsockname()[1]})
+            refused = self.run_gateway('reload', '--socket', 'g.sock')
+            self.assertEqual(refused.returncode, 1)
+            self.assertIn('another program listens there', refused.stderr)
+        self.assertEqual(self.ask('GET', '/api/v1/values').status, 401)
+        self.assertEqual(self.ask('GET', '/api/v1/values', {'Authorization': 'Bearer ' + token}).status, 200)
+        self.configure({'port': 0})
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        with self.assertRaises(ConnectionError):
+            self.ask('GET', '/')
+        self.address = urllib.parse.urlsplit(re.findall(r'the page is at (\S+)\n', self.read('gateway.log'))[-1])
+        self.assertEqual(self.ask('GET', '/api/v1/values').status, 200)
+        self.configure_without_page()
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        with self.assertRaises(ConnectionError):
+            self.ask('GET', '/')
+        self.assertIn('there is no page any more', self.read('gateway.log'))
 
     def test_check_refuses_a_key_that_is_not_the_certificates(self):
         self.certificate('panel7', 'DNS:localhost')
