@@ -54,7 +54,7 @@ if(MICRO850_PROGRAMS)
   install(FILES examples/gateway.json examples/gateway-broker.json examples/press.project.json
     examples/oven.project.json examples/prometheus.yml examples/prometheus-alerts.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Gateway)
-  install(FILES share/micro850/gateway.schema.json share/micro850/gateway-protocol.schema.json
+  install(FILES share/micro850/gateway.schema.json share/micro850/gateway-protocol.schema.json share/micro850/openapi.yaml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
   install(FILES share/micro850/openapi.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway OPTIONAL)
   install(FILES share/bash-completion/completions/micro850-gateway
