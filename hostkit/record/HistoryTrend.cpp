@@ -40,7 +40,6 @@ struct Period
     qint64 last;
     qint64 earliest;
     qint64 latest;
-    std::size_t recording;
 };
 
 /// Periods that continue each other: a value holds on through all of them.
@@ -218,8 +217,7 @@ void TrendReader::findPeriods()
         recording.last = row.number(2);
         recording.began = std::min(recording.began, row.number(3));
         recording.until = std::max(recording.until, until);
-        m_periods.push_back(
-            {row.number(1), row.number(2), row.number(3), row.number(4), m_recordings.size() - 1});
+        m_periods.push_back({row.number(1), row.number(2), row.number(3), row.number(4)});
         before = id;
     }
     if (m_request.recordedUntil && !m_recordings.empty())

@@ -243,6 +243,7 @@ TEST_F(HistoryWriterTest, TellsOfAGapInTheHistoryItself)
     ASSERT_TRUE(QDir().mkdir(path("folder")));
     writer.flush();
     EXPECT_EQ(writer.status().leftOut, 10);
+    EXPECT_EQ(writer.status().breaks, 1); // no value is known to hold on over the gap
     const std::vector<int> recorded = numbers("folder/h.sqlite");
     ASSERT_EQ(recorded.size(), std::size_t(most) + 1);
     EXPECT_EQ(recorded[0], -1);
