@@ -3,7 +3,7 @@
 
 #include "Database.h"
 #include "HistoryRows.h"
-#include "HistoryTrend.h"
+#include "TrendRequest.h"
 
 #include <functional>
 #include <vector>
