@@ -22,7 +22,7 @@ namespace {
 
 const std::array<const char*, 2> kChartFiles = {"dygraph.min.css", "dygraph.min.js"};
 // Many times the size of the charts' files: a wrong file does not fill the memory.
-const qint64 kMostChartBytes = 4 * 1024 * 1024;
+const qint64 kMostChartBytes = qint64(4) * 1024 * 1024;
 
 QByteArray typeOf(const QString& name)
 {
