@@ -8,6 +8,16 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import urllib.request
+
+
+def read_page(text):
+    """Status and body of what the printed address shows."""
+    address = re.search(r"(?m)^demo: see the plant .*: (http://127\.0\.0\.1:[0-9]+/)$", text)
+    if not address:
+        return None, text.encode()
+    with urllib.request.urlopen(address.group(1), timeout=60) as page:
+        return page.status, page.read()
 
 
 class Demonstration(unittest.TestCase):
@@ -21,6 +31,7 @@ class Demonstration(unittest.TestCase):
         for line in demo.stdout:
             cls.lines.append(line)
             if "PartsMade = " in line and not ended:  # the subscriber runs
+                cls.page = read_page("".join(cls.lines))
                 os.killpg(demo.pid, signal.SIGINT)
                 ended = True
         demo.stdout.close()
@@ -34,6 +45,11 @@ class Demonstration(unittest.TestCase):
     def test_writes_and_shows_what_is_refused(self):
         self.assertIn("demo: read back: Setpoint = 42.25", self.text)
         self.assertIn("90 is outside its limits", self.text)
+
+    def test_serves_the_page_at_the_address_that_it_prints(self):
+        status, body = self.page
+        self.assertEqual(status, 200, self.text)
+        self.assertIn(b"<!doctype html>", body.lower())
 
     def test_shows_the_status_of_lines_that_are_read(self):
         stations = [line for line in self.lines if line.startswith("demo:     station")]
@@ -54,6 +70,7 @@ class DemonstrationWithABroker(unittest.TestCase):
         self.assertRegex(demo.stdout, r'demo:   {"value":42.25,.*"quality":"good".*"unit":"°C"')
         self.assertRegex(demo.stdout, r'demo:   {"outcome":"written","old":42.25,"value":35.5,"verified":true')
         self.assertRegex(demo.stdout, r'refused, as it should be: {"outcome":"not-allowed"')
+        self.assertRegex(demo.stdout, r"(?m)^demo: who logs in there with this token can write: [A-Za-z0-9_=-]{40,}$")
         self.assertRegex(demo.stdout, r'(?m)^demo/press/1/PartsMade {"value":[0-9]+,')
         port = re.search(r"a broker at port ([0-9]+)", demo.stdout).group(1)
         with socket.socket() as probe:
