@@ -16,9 +16,9 @@ const char kSynchronizer[] = "synchronizer";
 const int kRandomBytes = 16;
 const int kLongestId = 200;
 const int kHex = 16;
-const qint64 kLongestFormMs = 3600 * 1000;
+const qint64 kLongestFormMs = 3600LL * 1000;
 // The clock of a machine may be set back a little while a session is on.
-const qint64 kAheadMs = 300 * 1000;
+const qint64 kAheadMs = 300LL * 1000;
 
 QByteArray textOf(const QByteArray& bytes)
 {

@@ -32,7 +32,7 @@ public:
     QByteArray beginForm() const;
     bool isGoodForm(const QByteArray& id) const;
 
-    static constexpr qint64 kLongestMs = 12 * 3600 * 1000;
+    static constexpr qint64 kLongestMs = 12LL * 3600 * 1000;
     static constexpr int kMostEnded = 1000;
 
 private:

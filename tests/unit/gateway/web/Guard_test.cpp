@@ -16,7 +16,7 @@ using namespace micro850::gateway;
 
 namespace {
 
-const qint64 kHourMs = 3600 * 1000;
+const qint64 kHourMs = 3600LL * 1000;
 
 /// Keeps what it is answered with.
 class RecordedExchange : public HttpExchange
