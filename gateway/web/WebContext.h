@@ -1,7 +1,8 @@
 #ifndef MICRO850_GATEWAY_WEB_WEBCONTEXT_H
 #define MICRO850_GATEWAY_WEB_WEBCONTEXT_H
 
-#include "WebService.h"
+#include "WebNeeds.h"
+#include "WebSettings.h"
 #include "WebValues.h"
 
 namespace micro850::gateway {

@@ -1,28 +1,12 @@
 #ifndef MICRO850_GATEWAY_WEB_WEBSERVICE_H
 #define MICRO850_GATEWAY_WEB_WEBSERVICE_H
 
-#include "HistorySource.h"
-#include "WallClock.h"
+#include "WebNeeds.h"
 #include "WebSettings.h"
-#include "WriteRules.h"
 
 #include <memory>
 
 namespace micro850::gateway {
-
-/// What the web server needs of the gateway. All must outlive it.
-struct WebNeeds
-{
-    LineService& lines;
-    WriteRules& writes;
-    HistorySource& history;
-    const Clock& clock;
-    const WallClock& wallClock;
-    QString program; ///< "micro850-gateway 0.1.0"
-    /// The reply to "status" without an id: program, uptimeS, memoryKb, clients, lines, history,
-    /// delivery.
-    std::function<Json()> status;
-};
 
 /// The page, the interface for programs, and the metrics. It listens where the settings say, if
 /// they say so.
