@@ -56,7 +56,6 @@ if(MICRO850_PROGRAMS)
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Gateway)
   install(FILES share/micro850/gateway.schema.json share/micro850/gateway-protocol.schema.json share/micro850/openapi.yaml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
-  install(FILES share/micro850/openapi.yaml DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
   install(FILES share/bash-completion/completions/micro850-gateway
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Gateway)
   install(FILES man/micro850-gateway.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT Gateway)
