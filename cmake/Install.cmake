@@ -52,7 +52,7 @@ if(MICRO850_PROGRAMS)
   install(TARGETS micro850-gateway RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT Gateway)
   # The configuration is not among them: the service starts as soon as there is one.
   install(FILES examples/gateway.json examples/gateway-broker.json examples/press.project.json
-    examples/oven.project.json examples/prometheus.yml examples/prometheus-alerts.yml
+    examples/oven.project.json examples/nginx.conf examples/prometheus.yml examples/prometheus-alerts.yml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Gateway)
   install(FILES share/micro850/gateway.schema.json share/micro850/gateway-protocol.schema.json share/micro850/openapi.yaml
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Gateway)
