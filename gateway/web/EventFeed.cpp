@@ -71,6 +71,7 @@ std::shared_ptr<HttpStream> EventFeed::open(const Caller& caller, const QByteArr
         forgetAll();
     auto stream = std::make_shared<EventStream>(*this, caller);
     m_streams.insert(stream.get());
+    isNeeded(); // from now on, also when it goes at once
     m_isKept = true;
     const int dash = lastId.indexOf('-');
     bool isNumber = false;

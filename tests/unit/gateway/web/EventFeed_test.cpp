@@ -143,6 +143,19 @@ TEST_F(EventFeedTest, GoesOnAfterTheLastEventOfAReaderThatComesBack)
     EXPECT_EQ(missed[2].data["state"], "dead");
 }
 
+TEST_F(EventFeedTest, GoesOnForAReaderThatWentAtOnce)
+{
+    auto reader = open();
+    const QByteArray id = eventsIn(readAll(*reader)).back().id;
+    reader.reset();
+    setSpeed(3);
+    feed.flush();
+    reader = open(id);
+    const std::vector<Event> missed = eventsIn(readAll(*reader));
+    EXPECT_EQ(missed.back().name, "values");
+    EXPECT_EQ(valuesOf(missed, "Speed"), std::vector<int>{3});
+}
+
 TEST_F(EventFeedTest, BeginsAnewForTheIdOfAnotherRun)
 {
     const auto reader = open("123abc-2");
