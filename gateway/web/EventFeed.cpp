@@ -1,12 +1,14 @@
 #include "EventFeed.h"
 
-#include "EventStream.h"
 #include "HistoryRows.h"
 #include "Message.h"
 #include "RecordObjects.h"
 #include "RequestKeys.h"
 
 #include <QtCore/QRandomGenerator>
+
+#include <algorithm>
+#include <cstring>
 
 namespace micro850::gateway {
 
@@ -245,6 +247,134 @@ void EventFeed::wakeAll()
 {
     for (EventStream* stream : m_streams)
         stream->wake();
+}
+
+EventStream::~EventStream()
+{
+    if (m_feed)
+        m_feed->m_streams.erase(this);
+}
+
+void EventStream::begin(bool anew)
+{
+    // A browser connects again after so many milliseconds.
+    m_text = "retry: 1000\n\n";
+    if (anew)
+        m_text += m_feed->encoded("reloaded", "{}", 0);
+    startPass(true);
+}
+
+void EventStream::resume(qint64 number)
+{
+    m_text = "retry: 1000\n\n";
+    m_next = number;
+    m_valuesUpTo = number - 1;
+    m_catchUpTo = number - 1;
+    // Ages that were told meanwhile are not kept.
+    m_text += m_feed->encoded("ages", m_feed->agesText(), number - 1);
+}
+
+void EventStream::handleReload()
+{
+    m_inPass = false;
+    m_next = std::min(m_next, m_feed->m_last);
+    m_valuesUpTo = m_catchUpTo = m_feed->m_last;
+}
+
+int EventStream::read(char* bytes, int size)
+{
+    int copied = 0;
+    while (copied < size) {
+        if (m_taken == m_text.size()) {
+            m_text = m_feed ? next() : QByteArray();
+            m_taken = 0;
+        }
+        if (m_text.isEmpty())
+            break;
+        const int count = std::min(size - copied, m_text.size() - m_taken);
+        std::memcpy(bytes + copied, m_text.constData() + m_taken, static_cast<std::size_t>(count));
+        m_taken += count;
+        copied += count;
+    }
+    return copied == 0 && !m_feed ? kEnd : copied;
+}
+
+// Empty when there is nothing now.
+QByteArray EventStream::next()
+{
+    while (m_inPass || m_next <= m_feed->m_last) {
+        const QByteArray text = m_inPass ? nextOfPass() : nextOfFeed();
+        if (!text.isEmpty())
+            return text;
+    }
+    return QByteArray();
+}
+
+void EventStream::startPass(bool isSnapshot)
+{
+    m_inPass = true;
+    m_isSnapshot = isSnapshot;
+    m_since = isSnapshot ? -1 : m_valuesUpTo;
+    m_passBegan = m_feed->m_last;
+    m_variable = 0;
+    if (isSnapshot)
+        m_next = m_passBegan + 1;
+}
+
+// Empty when nothing of the event is for this reader.
+QByteArray EventStream::nextOfFeed()
+{
+    if (m_next < m_feed->firstKept()) {
+        startPass(true);
+        return QByteArray();
+    }
+    const EventFeed::Frame& frame = m_feed->frame(m_next);
+    const bool hasValues = frame.kind == EventFeed::Kind::Values;
+    if (hasValues && m_next > m_valuesUpTo && m_next <= m_catchUpTo) {
+        startPass(false);
+        return QByteArray();
+    }
+    const qint64 number = m_next++;
+    if (frame.kind == EventFeed::Kind::Reloaded) {
+        startPass(true);
+        return frame.bytes;
+    }
+    if (hasValues && number <= m_valuesUpTo)
+        return QByteArray();
+    m_valuesUpTo = std::max(m_valuesUpTo, number);
+    return frame.bytes;
+}
+
+// Empty when nothing changed that is not sent.
+QByteArray EventStream::nextOfPass()
+{
+    const QVector<qint64>& changedBy = m_feed->m_changedBy;
+    const int size = changedBy.size();
+    QByteArray data = R"({"values":[)";
+    bool isFirst = true;
+    for (; m_variable < size && (isFirst || data.size() < kUsualPart); ++m_variable) {
+        if (changedBy.at(m_variable) <= m_since)
+            continue;
+        if (!isFirst)
+            data += ',';
+        isFirst = false;
+        data += m_feed->m_context.values.text(m_variable);
+    }
+    while (m_variable < size && changedBy.at(m_variable) <= m_since)
+        ++m_variable;
+    const bool isLast = m_variable == size;
+    data += m_isSnapshot && !isLast ? R"(],"more":true})" : "]}";
+    // Who goes away during a pass gets the pass again.
+    const qint64 before = m_isSnapshot ? 0 : std::min(m_next - 1, m_valuesUpTo);
+    if (isLast) {
+        m_inPass = false;
+        m_valuesUpTo = m_passBegan;
+        m_catchUpTo = m_feed->m_last;
+    }
+    if (isFirst && !m_isSnapshot)
+        return QByteArray();
+    const qint64 id = isLast ? std::min(m_next - 1, m_passBegan) : before;
+    return m_feed->encoded(m_isSnapshot ? "snapshot" : "values", data, id);
 }
 
 } // namespace micro850::gateway
