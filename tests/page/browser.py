@@ -115,15 +115,19 @@ class Browser:
 
     # What the page looks like
 
-    def look(self, width=1280, height=800, dark=False, language="en-US"):
+    def look(self, width=1280, height=800, dark=False, language="en-US", scale=1):
         """The next page is loaded with these."""
         self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600})
+            "width": width, "height": height, "deviceScaleFactor": scale, "mobile": width < 600})
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
             "features": [{"name": "prefers-color-scheme", "value": "dark" if dark else "light"},
                          {"name": "prefers-reduced-motion", "value": "reduce"}]})
         agent = self.run("return navigator.userAgent")
         self.driver.execute_cdp_cmd("Network.setUserAgentOverride", {"userAgent": agent, "acceptLanguage": language})
+
+    def before_each_page(self, script):
+        """Runs it in each page before the scripts of the page."""
+        self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": script})
 
     def picture(self, file):
         self.driver.save_screenshot(str(file))
