@@ -485,15 +485,22 @@ void HttpConnection::handleGone(bool isBroken)
         close();
 }
 
+// Once: each shutdown() is told again to whoever waits for the end of the socket, also when nothing
+// is left to shut down. The library does not always hear of it by itself.
 void HttpConnection::close()
 {
+    if (m_closed)
+        return;
     m_closed = true;
     ::shutdown(m_socket, SHUT_RDWR);
     resume();
+    m_shared.schedule();
 }
 
 void HttpConnection::checkTimes()
 {
+    if (m_closed)
+        return m_shared.schedule();
     const Duration now = m_shared.clock.now();
     switch (m_phase) {
     case Phase::Waiting:

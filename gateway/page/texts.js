@@ -182,6 +182,8 @@ const kEnglish = {
   'outcome.bad-request': 'not understood',
   'outcome.cancelled': 'taken back',
   'outcome.busy': 'too busy',
+  'outcome.changed': 'the variable has changed',
+  'outcome.repeated': 'sent twice',
   // Journal
   'journal.writes': 'Writes',
   'journal.alarms': 'Alarms',
@@ -385,6 +387,8 @@ const kGerman = {
   'outcome.bad-request': 'nicht verstanden',
   'outcome.cancelled': 'zurückgenommen',
   'outcome.busy': 'überlastet',
+  'outcome.changed': 'die Variable ist eine andere',
+  'outcome.repeated': 'zweimal gesendet',
   // Journal
   'journal.writes': 'Schreibvorgänge',
   'journal.alarms': 'Meldungen',

@@ -42,6 +42,8 @@ class WriteDialog {
     this.length = variable.length ?? 1;
     this.index = index ?? (this.length > 1 ? 0 : null);
     this.isBusy = false;
+    // The gateway writes only what the person has seen here.
+    this.seen = {station: variable.station, tag: variable.tag, first: variable.element};
     this.root = element('dialog', {class: 'write', 'aria-labelledby': 'write-title',
       oncancel: event => {
         if (this.isBusy)
@@ -204,12 +206,16 @@ class WriteDialog {
 
   // --- Asking the gateway
 
-  request(json, isCheck) {
-    const parts = [`"value":${json}`];
+  // `ticket`: that of the check, for one write; null asks for a check.
+  request(json, ticket) {
+    const more = {...this.seen, ...(ticket === null ? {check: true} : {ticket})};
     if (this.index !== null)
-      parts.push(`"element":${this.index}`);
-    if (isCheck)
-      parts.push('"check":true');
+      more.element = this.index;
+    const parts = [`"value":${json}`];
+    for (const [key, given] of Object.entries(more)) {
+      if (given !== undefined)
+        parts.push(`"${key}":${JSON.stringify(given)}`);
+    }
     return send('PUT', path('api', 'v1', 'values', this.name), `{${parts.join(',')}}`,
       {line: this.line});
   }
@@ -219,6 +225,7 @@ class WriteDialog {
       return;
     const variable = this.variable();
     const typed = this.field.value;
+    this.seen.type = variable?.type ?? undefined;
     const scaled = variable?.gain !== undefined || variable?.offset !== undefined;
     const input = valueFromInput(typed, this.type(), scaled, decimalSign);
     if (input.problem) {
@@ -234,7 +241,7 @@ class WriteDialog {
         this.showForbidden();
         return;
       }
-      const reply = await this.request(input.json, true);
+      const reply = await this.request(input.json, null);
       this.isBusy = false;
       this.showConfirmation(typed, input.json, reply);
     } catch (problem) {
@@ -267,7 +274,7 @@ class WriteDialog {
             this.showInput(typed);
             this.field.focus();
           }}, text('write.back')),
-          element('button', {type: 'button', class: 'primary', onclick: () => this.write(json)},
+          element('button', {type: 'button', class: 'primary', onclick: () => this.write(json, reply.ticket)},
             text('write.write'))),
       ];
     });
@@ -276,13 +283,13 @@ class WriteDialog {
     this.title.focus();
   }
 
-  async write(json) {
+  async write(json, ticket) {
     if (this.isBusy)
       return;
     this.setBusy(true);
     setText(this.problem, text('write.writing'));
     try {
-      const reply = await this.request(json, false);
+      const reply = await this.request(json, ticket);
       this.isBusy = false;
       this.showWritten(reply);
     } catch (problem) {
@@ -309,7 +316,7 @@ class WriteDialog {
   showFailed(problem) {
     const isKnown = problem instanceof Problem;
     const isUnknown = !isKnown || problem.code === 'unknown-outcome' ||
-      isWithoutAnswer(problem);
+      problem.code === 'repeated' || isWithoutAnswer(problem);
     this.fill(() => [
       element('p', {class: 'outcome is-bad', role: 'status'},
         text(isUnknown ? 'write.unknown' : 'write.failed')),

@@ -8,6 +8,8 @@ import os
 import re
 import signal
 import socket
+import struct
+import subprocess
 import sys
 import time
 import unittest
@@ -123,6 +125,16 @@ class Interface(unittest.TestCase):
     def put(self, name, body, token=True):
         return self.ask("PUT", "/api/v1/values/" + name, body, token)
 
+    def await_journal(self, outcome, new):
+        await_that("the journal has it", lambda: any(
+            write["outcome"] == outcome and write["new"] == new
+            for write in self.plant.json("/api/v1/journal?limit=1000")["writes"]))
+
+    def reload(self):
+        (self.plant.folder / "gateway.json").write_text(json.dumps(self.plant.configuration), encoding="utf-8")
+        subprocess.run([PROGRAMS / "micro850-gateway", "reload", "--socket", self.plant.folder / "gateway.sock"],
+                       check=True, stdout=subprocess.DEVNULL, timeout=PATIENCE)
+
     def events(self, last_id=None):
         events = Events(self.plant.port, last_id)
         self.addCleanup(events.close)
@@ -189,8 +201,66 @@ class Values(Interface):
         self.assertEqual(self.put("Setpoint", {"value": 5, "check": True}).json()["outcome"], "allowed")
         nobody = self.put("Setpoint", {"value": 1}, token=False)
         self.assertEqual((nobody.status, nobody.headers["WWW-Authenticate"]), (401, "Bearer"))
-        journal = await_that("the journal has them", lambda: self.plant.json("/api/v1/journal?limit=1000")["writes"])
-        self.assertTrue(any(write["outcome"] == "not-allowed" and write["new"] == 101 for write in journal), journal)
+        self.await_journal("not-allowed", 101)
+
+    def test_writes_only_what_the_client_has_seen(self):
+        seen = {key: self.plant.json("/api/v1/values/Setpoint")[key] for key in ("station", "tag", "type")}
+        seen["first"] = self.plant.json("/api/v1/values/Setpoint")["element"]
+        self.assertEqual(self.put("Setpoint", {"value": 21, **seen}).status, 200)
+        for other in ({"station": 2}, {"tag": "Level"}, {"first": 1}, {"type": "REAL"}):
+            answer = self.put("Setpoint", {"value": 22, **seen, **other})
+            self.assertEqual((answer.status, answer.json()["code"]), (409, "changed"), answer.body)
+        self.assertEqual(self.plant.json("/api/v1/values/Setpoint")["value"], 21)
+        self.await_journal("changed", 22)
+
+    def test_writes_once_for_each_check(self):
+        ticket = self.put("Setpoint", {"value": 31, "check": True}).json()["ticket"]
+        self.assertEqual(self.put("Setpoint", {"value": 31, "ticket": ticket}).status, 200)
+        # As a browser does when the connection ended before the answer.
+        again = self.put("Setpoint", {"value": 31, "ticket": ticket})
+        self.assertEqual((again.status, again.json()["code"]), (409, "repeated"), again.body)
+        ticket = self.put("Setpoint", {"value": 31, "check": True}).json()["ticket"]
+        other = self.put("Total", {"value": 1, "ticket": ticket})
+        self.assertEqual((other.status, other.json()["code"]), (409, "changed"), other.body)
+        # The name is another tag after a reload.
+        ticket = self.put("Recipe", {"value": 5, "check": True}).json()["ticket"]
+        project = self.plant.folder / "press.project.json"
+        before = project.read_text(encoding="utf-8")
+        project.write_text(before.replace('"tag": "Recipe"', '"tag": "Batches"').replace('"length": 3', '"length": 2'),
+                           encoding="utf-8")
+        self.reload()
+        changed = self.put("Recipe", {"value": 5, "ticket": ticket})
+        self.assertEqual((changed.status, changed.json()["code"]), (409, "changed"), changed.body)
+        project.write_text(before, encoding="utf-8")
+        self.reload()
+        self.await_values()
+        self.assertEqual(self.plant.json("/api/v1/values/Recipe")["value"], [1, 2, 3])
+
+    def test_goes_on_when_the_page_is_switched_off_while_writes_wait(self):
+        events = self.events()
+        os.kill(self.plant.controllers["press"].process.pid, signal.SIGSTOP)
+        peers = []
+        try:
+            for value in range(8):
+                peer = socket.create_connection(("127.0.0.1", self.plant.port), timeout=PATIENCE)
+                self.addCleanup(peer.close)
+                body = json.dumps({"value": value})
+                peer.sendall(f"PUT /api/v1/values/Setpoint HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer "
+                             f"{self.token}\r\nContent-Length: {len(body)}\r\n\r\n{body}".encode())
+                peers.append(peer)
+            # They have come when a later request is answered.
+            self.plant.json("/api/v1/session")
+            web = self.plant.configuration.pop("web")
+            self.reload()
+            self.assertIsNone(self.plant.gateway.poll())
+            while events.next() is not None:
+                pass
+            self.plant.configuration["web"] = web
+            self.reload()
+        finally:
+            os.kill(self.plant.controllers["press"].process.pid, signal.SIGCONT)
+        self.start_line_again()
+        await_that("it can be written again", lambda: self.put("Setpoint", {"value": 23}).status == 200)
 
     def test_tells_changes_within_their_time(self):
         events = self.events()
@@ -264,6 +334,35 @@ class Values(Interface):
             self.plant.controllers["press"].set(Level=level + 0.25)
             events.value("Level", lambda value, level=level: value["value"] == level + 0.25)
         self.assertEqual(stalled[0].recv(15), b"HTTP/1.1 200 OK")
+
+    def test_rests_when_readers_have_gone(self):
+        def ticks():
+            fields = Path(f"/proc/{self.plant.gateway.pid}/stat").read_text(encoding="utf-8").rsplit(")", 1)[1].split()
+            return int(fields[11]) + int(fields[12])
+        begin = b"HTTP/1.1\r\nHost: localhost\r\n\r\n"
+        before_peers = sum(os.readlink(link).startswith("socket:")
+                           for link in Path(f"/proc/{self.plant.gateway.pid}/fd").iterdir())
+        for turn, how in enumerate(("unread", "read", "reset", "read", "unread")):
+            peers = [socket.create_connection(("127.0.0.1", self.plant.port), timeout=PATIENCE) for _ in range(4)]
+            for peer in peers[:3]:
+                peer.sendall(b"GET /api/v1/session " + begin)
+            peers[3].sendall(b"GET /api/v1/events " + begin)
+            for peer in peers[:3] if how == "unread" else peers:
+                self.assertTrue(peer.recv(1 << 20))
+            time.sleep(0.2 * turn)  # events come in between, or not
+            for peer in reversed(peers):
+                if how == "reset":
+                    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                peer.close()
+
+            def rests():
+                before = ticks()
+                time.sleep(0.25)
+                return ticks() - before < 3  # of 25
+            await_that("the service rests", rests, 8)  # it turned in a circle for half a minute
+        sockets = [link for link in Path(f"/proc/{self.plant.gateway.pid}/fd").iterdir()
+                   if os.readlink(link).startswith("socket:")]
+        self.assertLess(len(sockets), before_peers + 4, "connections are left")
 
     def test_answers_every_method_on_every_path(self):
         paths = ["/", "/nothing", "/api/v1/", "/api/v1/values", "/api/v1/values/Level", "/api/v1/variables",
