@@ -65,9 +65,7 @@ QByteArray numberText(double number, const char* none)
 
 QByteArray textOf(const QString& text)
 {
-    QByteArray json = host::lineOf(host::jsonOf(text));
-    json.chop(1);
-    return json;
+    return jsonText(host::jsonOf(text));
 }
 
 HttpResponse jsonTrend(const TrendQuery& query, const TrendAnswer& answer)

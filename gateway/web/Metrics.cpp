@@ -1,6 +1,5 @@
 #include "Metrics.h"
 
-#include "MetricsText.h"
 #include "ProcessNumbers.h"
 #include "RoundTripHistogram.h"
 

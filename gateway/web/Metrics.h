@@ -3,6 +3,7 @@
 
 #include "HttpServer.h"
 #include "LineService.h"
+#include "MetricsText.h"
 #include "Router.h"
 
 #include <functional>
@@ -20,14 +21,6 @@ struct MetricsNeeds
     std::function<HttpCounters()> server;
     /// How many read the events now; null: nobody can.
     std::function<int()> eventReaders = nullptr;
-};
-
-/// A metric as docs/monitoring.md describes it.
-struct MetricFamily
-{
-    const char* name;
-    const char* type;
-    const char* help;
 };
 
 /// Numbers for monitoring systems, and whether the service runs and is ready. Counters never go

@@ -1,7 +1,5 @@
 #include "MetricsText.h"
 
-#include "Metrics.h"
-
 #include <cmath>
 #include <utility>
 

@@ -9,7 +9,13 @@
 
 namespace micro850::gateway {
 
-struct MetricFamily;
+/// A metric as docs/monitoring.md describes it.
+struct MetricFamily
+{
+    const char* name;
+    const char* type;
+    const char* help;
+};
 
 /// Numbers in the text format of Prometheus, whose families stand together.
 class MetricsText

@@ -35,20 +35,20 @@ int statusOf(const std::string& code)
     return found == statuses.end() ? 500 : found->second;
 }
 
-QByteArray textOf(const Json& body)
+} // namespace
+
+QByteArray jsonText(const Json& value)
 {
-    QByteArray text = host::lineOf(body);
+    QByteArray text = host::lineOf(value);
     text.chop(1);
     return text;
 }
-
-} // namespace
 
 HttpResponse jsonResponse(const Json& body)
 {
     HttpResponse response;
     response.type = "application/json";
-    response.body = textOf(body);
+    response.body = jsonText(body);
     response.headers.append(HttpHeader{"Cache-Control", "no-store"});
     return response;
 }

@@ -12,6 +12,8 @@ namespace micro850::gateway {
 HttpResponse problem(int status, const std::string& code, const std::string& detail);
 /// The problem of an error object of the protocol: {"code", "text"}.
 HttpResponse problemOf(const host::Json& error);
+/// JSON on one line, without a line feed. Bytes of a text that are not UTF-8 are replaced.
+QByteArray jsonText(const host::Json& value);
 /// A body of JSON that is not kept by caches.
 HttpResponse jsonResponse(const host::Json& body);
 

@@ -1,7 +1,7 @@
 #include "RecentTrends.h"
 
 #include "JsonList.h"
-#include "Message.h"
+#include "Problem.h"
 #include "RequestKeys.h"
 
 #include <algorithm>
@@ -111,8 +111,8 @@ QByteArray RecentTrends::textOf(const Trend& trend) const
 {
     const GatewayValue& latest = m_context.index.latest(trend.number);
     QByteArray text =
-        host::lineOf({{"line", latest.line.toStdString()}, {"name", latest.name.toStdString()}});
-    text.chop(2); // the brace and the line feed
+        jsonText({{"line", latest.line.toStdString()}, {"name", latest.name.toStdString()}});
+    text.chop(1); // the brace
     text += R"(,"points":[)";
     for (int i = 1; i <= kPoints; ++i) {
         const Part& part = trend.parts[static_cast<std::size_t>((m_current + i) % kPoints)];

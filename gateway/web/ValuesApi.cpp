@@ -177,10 +177,8 @@ void ValuesApi::answerVariables(const HttpExchangePointer& exchange)
 {
     const QVector<int> numbers = numbersOf(exchange->request(), m_context.index);
     const auto item = [this](int number) {
-        QByteArray text = host::lineOf(
+        return jsonText(
             variableObject(m_context.index.line(number), m_context.index.variable(number)));
-        text.chop(1);
-        return text;
     };
     exchange->answer(listResponse(listOf(m_context, R"({"variables":[)", numbers, item)));
 }
