@@ -1,5 +1,6 @@
 #include "ListeningSocket.h"
 
+#include "Descriptor.h"
 #include "UserError.h"
 
 #include <QtCore/QFile>
@@ -18,23 +19,6 @@
 namespace micro850::gateway {
 
 namespace {
-
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) : m_number(number) {}
-    ~Descriptor()
-    {
-        if (m_number >= 0)
-            ::close(m_number);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int number() const { return m_number; }
-
-private:
-    int m_number;
-};
 
 [[noreturn]] void fail(const QByteArray& path, const std::string& what, const std::string& remedy)
 {

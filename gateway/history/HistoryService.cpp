@@ -3,6 +3,7 @@
 #include "HistoryQueries.h"
 #include "HistoryWriter.h"
 #include "Mailbox.h"
+#include "RecordRows.h"
 
 #include <QtCore/QHash>
 #include <QtCore/QSet>
@@ -16,45 +17,6 @@ namespace {
 
 const int kTickMs = 1000;
 
-host::HistoryWrite writeOf(const JournalEntry& entry)
-{
-    host::HistoryWrite write;
-    write.time = entry.time;
-    write.uid = entry.uid;
-    write.pid = entry.pid;
-    write.client = entry.client;
-    write.line = entry.line;
-    write.name = entry.name;
-    write.element = entry.element;
-    write.oldValue = entry.oldValue;
-    write.newValue = entry.newValue;
-    write.outcome = entry.outcome;
-    write.error = entry.error;
-    return write;
-}
-
-host::HistoryEvent eventOf(const LineEvent& event)
-{
-    host::HistoryEvent row;
-    row.time = event.time;
-    row.line = event.line;
-    row.station = event.station;
-    row.state = event.state;
-    row.text = event.text;
-    return row;
-}
-
-LineEvent lineEventOf(const host::HistoryEvent& row)
-{
-    LineEvent event;
-    event.time = row.time;
-    event.line = row.line;
-    event.station = row.station;
-    event.state = row.state;
-    event.text = row.text;
-    return event;
-}
-
 } // namespace
 
 class HistoryService::Private
@@ -67,7 +29,7 @@ public:
           m_writer(settings, stamp(), [this](const host::HistoryEvent& event) {
               m_mailbox.post([this, event] {
                   if (m_alarm)
-                      m_alarm(lineEventOf(event));
+                      m_alarm(eventOf(event));
               });
           })
     {
@@ -214,7 +176,7 @@ void HistoryService::Private::addEvent(const LineEvent& event)
     } else {
         m_stationStates[event.line][event.station] = event.state;
     }
-    add(eventOf(event));
+    add(rowOf(event));
 }
 
 template<typename Answer, typename AnswerOf>
@@ -324,12 +286,12 @@ void HistoryService::handleEvent(const LineEvent& event)
 
 void HistoryService::handleNotice(const LineEvent& event)
 {
-    m_private->add(eventOf(event));
+    m_private->add(rowOf(event));
 }
 
 void HistoryService::handleWrite(const JournalEntry& entry)
 {
-    m_private->add(writeOf(entry));
+    m_private->add(rowOf(entry));
 }
 
 void HistoryService::handleReload()

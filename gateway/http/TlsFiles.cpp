@@ -1,5 +1,6 @@
 #include "TlsFiles.h"
 
+#include "Descriptor.h"
 #include "UserError.h"
 
 #include <gnutls/gnutls.h>
@@ -25,35 +26,22 @@ const qint64 kMostBytes = 1024LL * 1024;
     throw UserError(std::string("web.") + key + ": " + path.toStdString() + ": " + what);
 }
 
-class Descriptor
-{
-public:
-    explicit Descriptor(int number) : m_number(number) {}
-    ~Descriptor() { ::close(m_number); }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-private:
-    int m_number;
-};
-
 // `isSecret`: others must not be able to read it.
 QByteArray content(const char* key, const QString& path, bool isSecret)
 {
-    const int number =
-        ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (number < 0)
+    const Descriptor file(
+        ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.number() < 0)
         refuse(key, path, errno == ENOENT ? "there is no such file" : std::strerror(errno));
-    [[maybe_unused]] const Descriptor closer(number);
     struct stat status = {};
-    if (::fstat(number, &status) != 0 || !S_ISREG(status.st_mode))
+    if (::fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode))
         refuse(key, path, S_ISDIR(status.st_mode) ? "it is a folder" : "it is no file");
     if (isSecret && (status.st_mode & S_IRWXO) != 0)
         refuse(key, path, "others may read it: chmod o= makes it private");
     if (status.st_size > kMostBytes)
         refuse(key, path, "it is too large for a PEM file");
     QByteArray bytes(static_cast<int>(status.st_size), '\0');
-    const ssize_t got = ::read(number, bytes.data(), static_cast<std::size_t>(bytes.size()));
+    const ssize_t got = ::read(file.number(), bytes.data(), static_cast<std::size_t>(bytes.size()));
     if (got != bytes.size())
         refuse(key, path, got < 0 ? std::strerror(errno) : "it changed while it was read");
     return bytes;

@@ -1,7 +1,6 @@
 #include "EventFeed.h"
 
 #include "EventStream.h"
-#include "HistoryRows.h"
 #include "Problem.h"
 #include "RecordObjects.h"
 #include "RequestKeys.h"

@@ -1,6 +1,6 @@
 #include "RecordObjects.h"
 
-#include "HistoryRows.h"
+#include "RecordRows.h"
 #include "WebValues.h"
 
 namespace micro850::gateway {
@@ -15,30 +15,12 @@ Json withExactTexts(Json row)
 
 Json objectOf(const LineEvent& event)
 {
-    host::HistoryEvent row;
-    row.time = event.time;
-    row.line = event.line;
-    row.station = event.station;
-    row.state = event.state;
-    row.text = event.text;
-    return withExactTexts(host::jsonOf(row));
+    return withExactTexts(host::jsonOf(rowOf(event)));
 }
 
 Json objectOf(const JournalEntry& entry)
 {
-    host::HistoryWrite row;
-    row.time = entry.time;
-    row.uid = entry.uid;
-    row.pid = entry.pid;
-    row.client = entry.client;
-    row.line = entry.line;
-    row.name = entry.name;
-    row.element = entry.element;
-    row.oldValue = entry.oldValue;
-    row.newValue = entry.newValue;
-    row.outcome = entry.outcome;
-    row.error = entry.error;
-    return withExactTexts(host::jsonOf(row));
+    return withExactTexts(host::jsonOf(rowOf(entry)));
 }
 
 } // namespace micro850::gateway

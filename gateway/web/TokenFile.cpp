@@ -1,5 +1,6 @@
 #include "TokenFile.h"
 
+#include "Descriptor.h"
 #include "UserError.h"
 #include "VisibleText.h"
 
@@ -40,23 +41,6 @@ bool isToken(const QByteArray& text)
            });
 }
 
-class OpenFile
-{
-public:
-    explicit OpenFile(int descriptor) : m_descriptor(descriptor) {}
-    ~OpenFile()
-    {
-        if (m_descriptor >= 0)
-            ::close(m_descriptor);
-    }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-    int descriptor() const { return m_descriptor; }
-
-private:
-    int m_descriptor;
-};
-
 // A little more than a token needs, so that a longer content is noticed.
 QByteArray beginningOf(int descriptor)
 {
@@ -77,11 +61,11 @@ std::optional<struct stat> replaceableFile(const QString& path, bool mayReplace)
     if (!mayReplace)
         refuse(path, "it is there already (--replace makes another token in its place; the old one "
                      "is worth nothing then)");
-    const OpenFile file(
+    const Descriptor file(
         S_ISREG(status.st_mode)
             ? ::open(name.constData(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)
             : -1);
-    const QByteArray content = file.descriptor() < 0 ? "?" : beginningOf(file.descriptor());
+    const QByteArray content = file.number() < 0 ? "?" : beginningOf(file.number());
     if (!content.isEmpty() && !isToken(content))
         refuse(path, "it is there and is no token file that you may read (choose another path)");
     return status;
@@ -111,7 +95,7 @@ public:
         : m_path(path), m_name(QFile::encodeName(path) + ".XXXXXX"),
           m_file(::mkostemp(m_name.data(), O_CLOEXEC))
     {
-        if (m_file.descriptor() < 0)
+        if (m_file.number() < 0)
             fail();
     }
     ~NewFile()
@@ -124,7 +108,7 @@ public:
 
     void give(const Owner& owner)
     {
-        if (::fchown(m_file.descriptor(), owner.user, owner.group) != 0)
+        if (::fchown(m_file.number(), owner.user, owner.group) != 0)
             refuse(m_path,
                    std::string("it cannot be given to its owner: ") + std::strerror(errno) +
                        " (use sudo)",
@@ -133,10 +117,10 @@ public:
     void write(const QByteArray& content)
     {
         const auto size = static_cast<std::size_t>(content.size());
-        const ssize_t written = ::write(m_file.descriptor(), content.constData(), size);
+        const ssize_t written = ::write(m_file.number(), content.constData(), size);
         if (written >= 0 && written != content.size())
             errno = ENOSPC;
-        if (written != content.size() || ::fsync(m_file.descriptor()) != 0)
+        if (written != content.size() || ::fsync(m_file.number()) != 0)
             fail();
     }
     void move(bool mayReplace)
@@ -160,7 +144,7 @@ private:
 
     const QString m_path;
     QByteArray m_name;
-    OpenFile m_file;
+    Descriptor m_file;
     bool m_isMoved = false;
 };
 
@@ -200,14 +184,14 @@ void writeTokenFile(const QString& path, const QByteArray& token, const TokenFil
 QByteArray readTokenFile(const QString& path)
 {
     // A pipe would let it wait for a writer.
-    const OpenFile file(
+    const Descriptor file(
         ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     const int error = errno;
-    if (file.descriptor() < 0)
+    if (file.number() < 0)
         refuse(path, error == ENOENT ? std::string("there is no such file (") + kRemedy + ')'
                                      : std::strerror(error));
     struct stat status = {};
-    if (::fstat(file.descriptor(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (::fstat(file.number(), &status) != 0 || !S_ISREG(status.st_mode))
         refuse(path, std::string("it is no file with a token (") + kRemedy + ')');
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         refuse(path, "group or others may read or write it: chmod 600 makes it private");
@@ -215,7 +199,7 @@ QByteArray readTokenFile(const QString& path)
     if (status.st_uid != self && status.st_uid != 0 && self != 0)
         refuse(path, "it belongs to another user, who may read it (give it to the user of the "
                      "service)");
-    const QByteArray token = beginningOf(file.descriptor());
+    const QByteArray token = beginningOf(file.number());
     if (!isToken(token))
         refuse(path, std::string("it has no token (") + kRemedy + ')');
     return token;
