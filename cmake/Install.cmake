@@ -28,7 +28,7 @@ install(FILES ${PROJECT_BINARY_DIR}/micro850.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
 
 install(FILES man/micro850.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT Development)
-file(GLOB documents CONFIGURE_DEPENDS docs/*.md docs/*.svg)
+file(GLOB documents CONFIGURE_DEPENDS docs/*.md docs/*.svg docs/*.png)
 install(FILES README.md CHANGELOG.md LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT Development)
 install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DOCDIR}/docs COMPONENT Development)
 install(FILES examples/CMakeLists.txt examples/minimal-host.cpp examples/careful-host.cpp

@@ -12,6 +12,7 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.request
 from pathlib import Path
 
 PR_SET_SECCOMP, SECCOMP_MODE_FILTER, PR_SET_NO_NEW_PRIVS, PR_SET_MDWE = 22, 2, 38, 65
@@ -97,7 +98,8 @@ class Service(unittest.TestCase):
                 {"port": {"device": device}, "variables": [{"tag": "Speed", "intervalMs": 100}]}))
         (self.folder / "gateway.json").write_text(json.dumps(
             {"lines": [{"name": name, "project": f"{name}.json"} for name in ("press", "oven")],
-             "socket": {"path": "gateway.sock"}, "history": {"file": "history.sqlite"}}))
+             "socket": {"path": "gateway.sock"}, "history": {"file": "history.sqlite"},
+             "web": {"port": 0}}))
 
     def simulate(self, *options):
         """The device of a simulated controller, which it prints."""
@@ -132,7 +134,8 @@ class Service(unittest.TestCase):
         known = numbers()
         allowed = {known[name] for name in allowed_calls() if name in known}
         self.assertGreater(len(allowed), 100)
-        service = self.start([GATEWAY, self.folder / "gateway.json"], preexec_fn=Sandbox(allowed))
+        with (self.folder / "log").open("wb") as log:
+            service = self.start([GATEWAY, self.folder / "gateway.json"], preexec_fn=Sandbox(allowed), stderr=log)
         self.wait_for(lambda: len(self.workers()) == 2)
         first = self.workers()
         self.wait_for(lambda: self.status()["history"]["state"] == "recording")
@@ -140,6 +143,12 @@ class Service(unittest.TestCase):
         if os.geteuid() == 0:
             self.assertEqual(self.socket.stat().st_uid, NOBODY)
         self.assertEqual(self.socket.stat().st_mode & 0o777, 0o660)
+
+        page = re.search(r"the page is at (\S+)\n", (self.folder / "log").read_text(encoding="utf-8")).group(1)
+        with urllib.request.urlopen(page + "api/v1/values", timeout=PATIENCE) as answer:
+            self.assertEqual([value["quality"] for value in json.load(answer)["values"]], ["good", "good"])
+        with urllib.request.urlopen(page + "api/v1/events", timeout=PATIENCE) as events:
+            self.assertIn(b"event: snapshot\n", [events.readline() for _ in range(5)])
 
         service.send_signal(signal.SIGHUP)
         done = subprocess.run([GATEWAY, "reload", "--socket", self.socket], capture_output=True, text=True, check=False)
