@@ -138,6 +138,7 @@ const kEnglish = {
   'trend.thirdUnit': 'not drawn: there are two axes, for two units',
   'trend.noCharts':
     'Charts cannot be drawn: {file} is missing (the package libjs-dygraphs has it).',
+  'trend.onlyMemory': 'This gateway records no history: the last ten minutes only.',
   'trend.noHistory': 'The history cannot be shown: {reason}',
   // Writing
   'write.title': 'Write {name}',
@@ -343,6 +344,7 @@ const kGerman = {
   'trend.thirdUnit': 'nicht gezeichnet: es gibt zwei Achsen, für zwei Einheiten',
   'trend.noCharts':
     'Es kann nicht gezeichnet werden: {file} fehlt (enthalten im Paket libjs-dygraphs).',
+  'trend.onlyMemory': 'Dieses Gateway zeichnet nichts auf: nur die letzten zehn Minuten.',
   'trend.noHistory': 'Die Aufzeichnung kann nicht gezeigt werden: {reason}',
   // Writing
   'write.title': '{name} schreiben',

@@ -63,6 +63,15 @@ async function clockAhead() {
   return Math.abs(ahead) < 2000 || Number.isNaN(ahead) ? 0 : ahead;
 }
 
+// Null: not known yet.
+function hasHistory() {
+  return plant.status ? plant.status.history?.state !== 'off' : null;
+}
+
+function noteOf(problem) {
+  return text('trend.noHistory', {reason: visible(problem.message)});
+}
+
 class Trend {
   constructor(root, parameters) {
     this.root = root;
@@ -75,6 +84,7 @@ class Trend {
     this.isDirty = true;
     this.lastDraw = 0;
     this.query = null;
+    this.hasHistory = null; // not known yet
     this.waiting = 0;
     this.build();
     this.setReferences(parameters.get('v') ?? []);
@@ -82,6 +92,7 @@ class Trend {
       on('values', changed => this.takeValues(changed)),
       on('variables', () => this.resolve()),
       on('connection', () => this.handleConnection()),
+      on('status', () => this.handleStatus()),
     ];
     this.timer = setInterval(() => this.tick(), kTickMs);
     this.scheme = matchMedia('(prefers-color-scheme: dark)');
@@ -390,17 +401,24 @@ class Trend {
     const query = new AbortController();
     this.query = query;
     const asked = this.series.filter(series => series.found && !series.problem);
-    if (!this.chart || asked.length === 0)
+    this.hasHistory = hasHistory();
+    if (!this.chart || asked.length === 0 || this.hasHistory === null)
       return;
     const [from, to] = this.seen();
     this.frame.setAttribute('aria-busy', 'true');
-    const failed = await Promise.all(asked.map(series => this.loadOne(series, from, to, query)));
+    const note = this.hasHistory ? await this.loadHistory(asked, from, to, query)
+      : await this.loadMemory(asked, to, query).then(() => text('trend.onlyMemory'), noteOf);
     if (this.query !== query || this.isClosed)
       return;
     this.frame.setAttribute('aria-busy', 'false');
-    const problem = failed.find(one => one);
-    setText(this.note, problem ? text('trend.noHistory', {reason: visible(problem.message)}) : '');
+    setText(this.note, note);
     this.draw();
+  }
+
+  async loadHistory(asked, from, to, query) {
+    const failed = await Promise.all(asked.map(series => this.loadOne(series, from, to, query)));
+    const problem = failed.find(one => one);
+    return problem ? noteOf(problem) : '';
   }
 
   // Gives the problem, null without one.
@@ -420,22 +438,28 @@ class Trend {
       if (query.signal.aborted)
         return null;
       if (series.times.length === 0)
-        await this.loadMemory(series, to, query).catch(() => {});
+        await this.loadMemory([series], to, query).catch(() => {});
       return problem;
     }
   }
 
-  // Without a history the gateway remembers the last ten minutes.
-  async loadMemory(series, to, query) {
-    const {variable, element: index} = series.found;
-    if (index !== null)
-      return;
+  // Without a history the gateway remembers the last ten minutes of what is one number.
+  async loadMemory(asked, to, query) {
     const {end, stepMs, trends} = await get('/api/v1/trends', {}, query.signal);
-    const points = trends.find(one => one.line === variable.line && one.name === variable.name)
-      ?.points ?? [];
-    series.replace(points.map((part, at) => [end - (points.length - at) * stepMs,
-      part?.[0] ?? null, part?.[1] ?? null, part?.[1] ?? null]), stepMs);
-    series.takeRecent(this.isLive() ? Infinity : to);
+    for (const series of asked) {
+      const {variable, element: index} = series.found;
+      const points = index !== null ? [] : trends.find(one => one.line === variable.line &&
+        one.name === variable.name)?.points ?? [];
+      series.replace(points.map((part, at) => [end - (points.length - at) * stepMs,
+        part?.[0] ?? null, part?.[1] ?? null, part?.[1] ?? null]), stepMs);
+      series.takeRecent(this.isLive() ? Infinity : to);
+    }
+  }
+
+  // Whether there is a history is known with the first status only, and changes with a reload.
+  handleStatus() {
+    if (this.hasHistory !== hasHistory())
+      this.load();
   }
 
   takeValues(changed) {
