@@ -1,12 +1,12 @@
 """A real browser without a screen, and what a test asks of it. Needs Debian's chromium, chromium-driver and
 python3-selenium."""
 
+import contextlib
 import json
 import os
 import shutil
 import subprocess
 import tempfile
-from urllib.parse import urlsplit
 
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
@@ -93,25 +93,52 @@ return seen;
 class Browser:
     def __init__(self):
         self.profile = tempfile.mkdtemp(prefix="micro850-browser-")
+        self.traffic = os.path.join(self.profile, "traffic.json")
+        self.downloads = os.path.join(self.profile, "downloads")
         options = Options()
         options.binary_location = "/usr/bin/chromium"
         for word in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--no-first-run",
                      "--disable-background-networking", "--disable-component-update", "--disable-sync",
                      "--disable-default-apps", "--disable-extensions", "--hide-scrollbars", "--lang=en-US",
-                     "--force-color-profile=srgb", f"--user-data-dir={self.profile}"):
+                     "--force-color-profile=srgb", f"--user-data-dir={self.profile}",
+                     f"--log-net-log={self.traffic}"):
             options.add_argument(word)
-        options.set_capability("goog:loggingPrefs", {"performance": "ALL", "browser": "ALL"})
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver", log_path=os.devnull), options=options)
         self.driver.set_script_timeout(60)
-        self.requests, self.complaints = [], []
+        self.driver.execute_cdp_cmd("Browser.setDownloadBehavior",
+                                    {"behavior": "allow", "downloadPath": self.downloads})
+        self.complaints = []
         self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": WATCH_SHIFTS})
         self.first = self.driver.current_window_handle
 
     def end(self):
+        """Returns what pages and workers asked for in all this time: the origin that asked, and the address."""
         try:
             self.driver.quit()
+            return self.asked()
         finally:
             shutil.rmtree(self.profile, ignore_errors=True)
+
+    def asked(self):
+        """The browser's own record, which is whole when it has ended. What the browser itself wants to know of its maker
+        has no origin, and neither has what a person types into the field of the address."""
+        await_that("the browser has written its record", self.is_recorded)
+        with open(self.traffic, encoding="utf-8") as file:
+            record = json.load(file)
+        kind = record["constants"]["logEventTypes"]["URL_REQUEST_START_JOB"]
+        found = []
+        for event in record["events"]:
+            parameters = event.get("params", {})
+            if event["type"] == kind and "url" in parameters and parameters.get("initiator") != "not an origin":
+                found.append((parameters.get("initiator"), parameters["url"]))
+        return found
+
+    def is_recorded(self):
+        with open(self.traffic, "rb") as file:
+            file.seek(0, os.SEEK_END)
+            file.seek(max(0, file.tell() - 8))
+            return file.read().strip().endswith(b"}")
 
     # What the page looks like
 
@@ -125,9 +152,14 @@ class Browser:
         agent = self.run("return navigator.userAgent")
         self.driver.execute_cdp_cmd("Network.setUserAgentOverride", {"userAgent": agent, "acceptLanguage": language})
 
+    @contextlib.contextmanager
     def before_each_page(self, script):
         """Runs it in each page before the scripts of the page."""
-        self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": script})
+        made = self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": script})
+        try:
+            yield
+        finally:
+            self.driver.execute_cdp_cmd("Page.removeScriptToEvaluateOnNewDocument", made)
 
     def picture(self, file):
         self.driver.save_screenshot(str(file))
@@ -184,22 +216,26 @@ class Browser:
     def keys(self, *keys):
         ActionChains(self.driver).send_keys(*keys).perform()
 
-    # What the browser complained of, and whom it called
+    def keys_with(self, held, *keys):
+        ActionChains(self.driver).key_down(held).send_keys(*keys).key_up(held).perform()
+
+    def downloaded(self):
+        """The content of the only file that was downloaded since the last call, as soon as it is whole."""
+        def whole():
+            files = os.listdir(self.downloads) if os.path.isdir(self.downloads) else []
+            return files if len(files) == 1 and not files[0].endswith(".crdownload") else None
+        name = await_that("a file is downloaded", whole)[0]
+        file = os.path.join(self.downloads, name)
+        with open(file, encoding="utf-8") as opened:
+            content = opened.read()
+        os.unlink(file)
+        return name, content
 
     def gather(self):
-        """Takes what the browser wrote into its logs since the last call."""
+        """Takes what the browser complained of since the last call."""
         for entry in self.driver.get_log("browser"):
             if entry["level"] in ("WARNING", "SEVERE"):  # the others are advice
                 self.complaints.append(f"{entry['level']}: {entry['message']}")
-        for entry in self.driver.get_log("performance"):
-            message = json.loads(entry["message"])["message"]
-            if message["method"] == "Network.requestWillBeSent":
-                self.requests.append(message["params"]["request"]["url"])
-
-    def hosts(self):
-        """Of all requests so far."""
-        self.gather()
-        return {urlsplit(url).netloc for url in self.requests if urlsplit(url).scheme in ("http", "https", "ws", "wss")}
 
 
 def version():

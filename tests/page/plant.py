@@ -88,9 +88,7 @@ class Plant:
         self.log = open(self.folder / "log", "ab")
         for name, (tags, variables) in lines.items():
             self.controllers[name] = Controller(self.programs / "micro850-sim", self.folder, name, tags)
-            project = {"port": {"device": str(self.controllers[name].device), "baud": 115200}, "staleAfterMs": 1000,
-                       "variables": variables}
-            (self.folder / f"{name}.project.json").write_text(json.dumps(project), encoding="utf-8")
+            self.write_project(name, variables)
         self.configuration = {
             "lines": [{"name": name, "project": f"{name}.project.json"} for name in lines],
             "socket": {"path": str(self.folder / "gateway.sock")},
@@ -100,11 +98,21 @@ class Plant:
     def address(self):
         return f"http://127.0.0.1:{self.port}/"
 
-    def make_token(self):
+    def write_project(self, line, variables):
+        project = {"port": {"device": str(self.controllers[line].device), "baud": 115200}, "staleAfterMs": 1000,
+                   "variables": variables}
+        (self.folder / f"{line}.project.json").write_text(json.dumps(project), encoding="utf-8")
+
+    def reload(self):
+        """The gateway reads its files again."""
+        subprocess.run([self.programs / "micro850-gateway", "reload", "--socket", self.folder / "gateway.sock"],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def make_token(self, *options):
         """Makes the file of the section's key "tokenFile", and returns the token."""
         file = self.folder / "token"
-        subprocess.run([self.programs / "micro850-gateway", "token", file], check=True, stdout=subprocess.PIPE,
-                       text=True)
+        subprocess.run([self.programs / "micro850-gateway", "token", *options, file], check=True,
+                       stdout=subprocess.PIPE, text=True)
         self.configuration["web"]["tokenFile"] = str(file)
         return file.read_text(encoding="utf-8").strip()
 
@@ -136,11 +144,11 @@ class Plant:
         except OSError:
             return False
 
-    def get(self, path, headers=None):
+    def get(self, path, headers=None, method="GET", body=None):
         """Status and body."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
         try:
-            connection.request("GET", path, headers=headers or {})
+            connection.request(method, path, body, headers=headers or {})
             response = connection.getresponse()
             return response.status, response.read()
         finally:
