@@ -493,6 +493,9 @@ void HttpConnection::close()
         return;
     m_closed = true;
     ::shutdown(m_socket, SHUT_RDWR);
+    // The library misses an end that came while it did not look: this makes it look.
+    if (!m_suspended && m_library != nullptr)
+        suspend();
     resume();
     m_shared.schedule();
 }

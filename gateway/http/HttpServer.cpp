@@ -218,6 +218,7 @@ HttpCounters HttpServer::Private::counters() const
 // The library asks to be called again at once, or waits for its descriptor.
 void HttpServer::Private::run()
 {
+    ++m_counters.turns;
     MHD_run(m_library);
     MHD_UNSIGNED_LONG_LONG milliseconds = 0;
     if (MHD_get_timeout(m_library, &milliseconds) == MHD_YES)
@@ -296,6 +297,7 @@ void HttpServer::Private::closeTurnedAway(Duration before)
 
 void HttpServer::Private::handleGone()
 {
+    ++m_counters.turns;
     std::array<epoll_event, 64> events{};
     const int count = ::epoll_wait(m_gone, events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {

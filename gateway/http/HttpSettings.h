@@ -35,6 +35,7 @@ struct HttpCounters
     qint64 refused = 0; ///< too many, all in all or of one address
     qint64 requests = 0;
     qint64 tooSlow = 0;          ///< closed because headers or a body did not come
+    qint64 turns = 0;            ///< how often it looked what there is to do
     QMap<int, qint64> responses; ///< by status
 };
 

@@ -709,6 +709,69 @@ TEST_F(HttpServerTest, TellsThatNobodyWaitsAnyMore)
     EXPECT_TRUE(waitFor([&] { return server().counters().connections == 0; }));
 }
 
+// Counts how often the server looks for work while nobody asks for anything: without an end, each
+// of these peers would cost a whole processor.
+TEST_F(HttpServerTest, RestsWhateverAPeerLeavesBehind)
+{
+    settings.mostPerAddress = 100;
+    std::vector<std::shared_ptr<Stream>> streams;
+    QVector<HttpExchangePointer> waiting;
+    handler = [&](const HttpExchangePointer& exchange) {
+        HttpResponse response = textResponse(QByteArray(4 * 1024 * 1024, 'x'));
+        if (exchange->request().target == "/later") {
+            waiting += exchange;
+            return;
+        }
+        if (exchange->request().target == "/") {
+            response.body = "short";
+        } else if (exchange->request().target == "/stream") {
+            streams.push_back(std::make_shared<Stream>());
+            response.stream = streams.back();
+        }
+        exchange->answer(response);
+    };
+    const QByteArray plain = QByteArray("GET /") + kRest;
+    const QByteArray sent[] = {"",
+                               "GET",
+                               "GET / HTTP/1.1\r\nHos",
+                               plain,
+                               plain + "GET",
+                               plain + plain,
+                               QByteArray("GET /later") + kRest,
+                               QByteArray("GET /stream") + kRest,
+                               QByteArray("GET /stream") + kRest + plain,
+                               QByteArray("GET /large") + kRest,
+                               "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 9\r\n\r\nhalf"};
+    const std::pair<const char*, void (HttpClient::*)()> ends[] = {
+        {"stays", nullptr},
+        {"ends its side", &HttpClient::endSending},
+        {"closes", &HttpClient::close},
+        {"breaks off", &HttpClient::reset}};
+    for (const QByteArray& bytes : sent) {
+        for (const auto& [what, end] : ends) {
+            for (const bool isAtOnce : {false, true}) {
+                const auto peer = client();
+                peer->get("/"); // a connection that is kept
+                peer->send(bytes);
+                if (!isAtOnce)
+                    turnFor(8);
+                if (end != nullptr)
+                    ((*peer).*end)();
+                turnFor(8);
+                for (const HttpExchangePointer& exchange : std::exchange(waiting, {}))
+                    exchange->answer(textResponse("later"));
+                turnFor(8);
+                const qint64 before = server().counters().turns;
+                turnFor(40);
+                EXPECT_LT(server().counters().turns - before, 20)
+                    << bytes.toStdString() << ' ' << what << ' ' << isAtOnce;
+            }
+        }
+    }
+    EXPECT_TRUE(waitFor([&] { return server().counters().connections == 0; }))
+        << server().counters().connections;
+}
+
 TEST_F(HttpServerTest, EndsAStreamWhoseClientGoes)
 {
     std::shared_ptr<Stream> stream;
