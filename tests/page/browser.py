@@ -144,13 +144,18 @@ class Browser:
 
     def look(self, width=1280, height=800, dark=False, language="en-US", scale=1):
         """The next page is loaded with these."""
-        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
-            "width": width, "height": height, "deviceScaleFactor": scale, "mobile": width < 600})
+        self.resize(width, height, scale)
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {
             "features": [{"name": "prefers-color-scheme", "value": "dark" if dark else "light"},
                          {"name": "prefers-reduced-motion", "value": "reduce"}]})
         agent = self.run("return navigator.userAgent")
         self.driver.execute_cdp_cmd("Network.setUserAgentOverride", {"userAgent": agent, "acceptLanguage": language})
+
+    def resize(self, width, height, scale=1):
+        """What is shown now has another size."""
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": height, "deviceScaleFactor": scale, "mobile": width < 600})
+        self.run("return new Promise(resolve => requestAnimationFrame(() => requestAnimationFrame(resolve)))")
 
     @contextlib.contextmanager
     def before_each_page(self, script):

@@ -841,16 +841,20 @@ class Looks(Page):
                              "requestAnimationFrame(() => requestAnimationFrame(resolve))))")
             yield "alarms" if "alarms" in view else re.match("[a-z]+", view).group()
 
+    def scrolled(self):
+        """What has a part that is out of sight to the right."""
+        return self.browser.run("""
+            return [document.documentElement, ...document.querySelectorAll('#view *')].filter(one =>
+              one.scrollWidth > one.clientWidth + 1 && (one === document.documentElement ||
+              ['auto', 'scroll'].includes(getComputedStyle(one).overflowX))).map(one => one.outerHTML.slice(0, 120));""")
+
     def check(self, name):
         weak = [one for one in self.browser.contrasts() if one["contrast"] < one["wanted"]]
         self.assertEqual(weak, [], name)
         self.assertGreater(len(self.browser.contrasts()), 10, f"{name} shows nothing")
         wide = self.browser.run("return document.documentElement.scrollWidth - document.documentElement.clientWidth")
         self.assertLessEqual(wide, 0, f"{name} is scrolled sideways")
-        parts = self.browser.run("""
-            return [...document.querySelectorAll('#view *')].filter(one => one.scrollWidth > one.clientWidth + 1 &&
-              ['auto', 'scroll'].includes(getComputedStyle(one).overflowX)).map(one => one.outerHTML.slice(0, 120));""")
-        self.assertEqual(parts, [], f"a part of {name} is scrolled sideways")
+        self.assertEqual(self.scrolled(), [], f"a part of {name} is scrolled sideways")
         moved = self.browser.shifts()
         self.assertLess(sum(one["value"] for one in moved), 0.02, f"{name} jumps: {json.dumps(moved, indent=1)}")
 
@@ -885,6 +889,17 @@ class Looks(Page):
 
     def test_on_a_wall_dark(self):
         self.look_at(3840, 2160, dark=True)
+
+    def test_no_width_hides_a_part(self):
+        for language in ("de-DE", "en-US"):
+            self.browser.look(360, 800, language=language)
+            for view in ("overview", "journal"):
+                self.show(view)
+                self.browser.one(self.views[view])
+                for width in (360, 414, 751, 1024, 1280, 1366, 1500, 1920, 2560, 3840):
+                    with self.subTest(view, width=width, language=language):
+                        self.browser.resize(width, 800)
+                        self.assertEqual(self.scrolled(), [])
 
     def test_the_login_has_contrast_in_both_schemes(self):
         for dark in (False, True):
