@@ -194,8 +194,8 @@ void HistoryApi::answerRecords(const HttpExchangePointer& exchange, RecordQuery 
     if (m_context.history.status().value("state", std::string()) == "off")
         return fromMemory();
     countQuery();
-    (m_context.history.*ask)(query, [this, exchange, key, fromMemory,
-                                     alive = std::weak_ptr<bool>(m_alive)](HistoryAnswer answer) {
+    const auto answered = [this, exchange, key, fromMemory,
+                           alive = std::weak_ptr<bool>(m_alive)](const HistoryAnswer& answer) {
         if (alive.expired())
             return;
         --m_queries;
@@ -203,7 +203,8 @@ void HistoryApi::answerRecords(const HttpExchangePointer& exchange, RecordQuery 
             exchange->answer(recordsResponse(key, answer.values));
         else
             fromMemory();
-    });
+    };
+    (m_context.history.*ask)(query, answered);
 }
 
 } // namespace micro850::gateway
