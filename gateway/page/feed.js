@@ -49,7 +49,7 @@ export class Feed {
   join() {
     if (this.state !== 'login')
       return;
-    this.tell('connecting');
+    this.tell(this.values ? 'lost' : 'connecting');
     this.open();
   }
 
@@ -81,8 +81,8 @@ export class Feed {
   handleOpen(source) {
     if (source !== this.source)
       return;
+    // What is known is old until the stream has told what came meanwhile.
     this.lastHeard = Date.now();
-    this.tell('live');
     this.askVariables();
   }
 
@@ -160,16 +160,18 @@ export class Feed {
   }
 
   takeSnapshot(data) {
-    this.parts.push(...data.values);
+    // The first part can be old when the last one comes.
+    const now = Date.now();
+    for (const value of data.values)
+      this.parts.push({...value, heard: now});
     if (data.more)
       return;
-    const now = Date.now();
     this.values = new Map();
     for (const value of this.parts)
-      this.values.set(keyOf(value), {...value, heard: now});
+      this.values.set(keyOf(value), value);
     this.parts = [];
-    this.tell('live');
     this.deliver({kind: 'snapshot', values: [...this.values.values()]});
+    this.tell('live');
   }
 
   takeValues(values) {
@@ -188,8 +190,9 @@ export class Feed {
     this.deliver({kind: 'values', values: known});
   }
 
+  // A stream that goes on where it was lost tells ages when it has told what came meanwhile.
   takeAges(ages) {
-    if (!this.values)
+    if (!this.values || this.parts.length)
       return;
     const now = Date.now();
     const next = new Map();
@@ -203,6 +206,7 @@ export class Feed {
       }
     }
     this.deliver({kind: 'ages', ages});
+    this.tell('live');
   }
 
   // What a line or a station does now is in the status, too: it does not wait for the next one.

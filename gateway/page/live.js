@@ -185,10 +185,15 @@ export function start() {
   });
 }
 
-// The age to show: while the connection lasts as the gateway told it, without it ever older.
+// Ages come every two seconds: what was told longer ago is older than that.
+const kAgesHoldMs = 2500;
+
+// The age to show: as the gateway told it while it tells ages, and ever older when it does not,
+// also while a connection hangs that nobody has closed.
 export function ageOf(variable) {
   if (variable.ageMs === null || variable.ageMs === undefined)
     return null;
-  const isLive = plant.connection === 'live';
-  return variable.ageMs + (isLive ? 0 : Math.max(0, Date.now() - variable.heard));
+  const since = Math.max(0, Date.now() - variable.heard);
+  const isHeld = plant.connection === 'live' && since <= kAgesHoldMs;
+  return variable.ageMs + (isHeld ? 0 : since);
 }

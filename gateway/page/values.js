@@ -309,11 +309,8 @@ class ValuesView {
       this.listen('scroll', ask),
       this.listen('resize', ask),
     ];
-    // Without a connection the ages grow by themselves.
-    const timer = setInterval(() => {
-      if (plant.connection !== 'live')
-        ask();
-    }, 1000);
+    // When the gateway tells no ages they grow by themselves.
+    const timer = setInterval(ask, 1000);
     this.ends.push(() => clearInterval(timer));
     startTrends();
     this.showState();

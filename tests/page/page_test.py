@@ -73,6 +73,54 @@ return null;
 """
 
 
+# Drives the page's own feed by a stream that the test makes. Gives the messages after each step.
+FEED = """
+const done = arguments[0];
+(async () => {
+  let source = null;
+  const Real = {EventSource: window.EventSource, fetch: window.fetch, setInterval: window.setInterval};
+  window.EventSource = class {
+    constructor() { source = this; this.on = {}; this.readyState = 1; }
+    addEventListener(name, handler) { this.on[name] = handler; }
+    close() {}
+    send(name, data) { this.on[name]({data: JSON.stringify(data)}); }
+  };
+  window.EventSource.CLOSED = 2;
+  window.fetch = () => new Promise(() => {});
+  window.setInterval = () => 0;
+  const told = [];
+  const {Feed} = await import('/page/feed.js');
+  const feed = new Feed(message => told.push(message.kind === 'connection' ? message.state : message.kind));
+  Object.assign(window, Real);
+  const steps = {};
+  const step = (name, act) => { act(); steps[name] = [feed.state, ...told.splice(0)]; };
+  const value = name => ({line: 'a', name, value: 1, quality: 'good', ageMs: 100});
+  step('open', () => source.onopen());
+  step('part', () => source.send('snapshot', {values: [value('x')], more: true}));
+  step('snapshot', () => source.send('snapshot', {values: [value('y')]}));
+  step('lost', () => { source.readyState = 0; source.onerror(); });
+  step('open again', () => source.onopen());
+  step('part again', () => source.send('snapshot', {values: [value('x')], more: true}));
+  step('ages in a snapshot', () => source.send('ages', {ages: {a: [5, 5]}}));
+  step('snapshot again', () => source.send('snapshot', {values: [value('y')]}));
+  step('lost again', () => source.onerror());
+  step('open to resume', () => source.onopen());
+  step('missed', () => source.send('values', {values: [value('x')]}));
+  step('ages', () => source.send('ages', {ages: {a: [5, 6]}}));
+  const {ageOf, plant} = await import('/page/live.js');
+  const before = plant.connection;
+  plant.connection = 'live';
+  const held = ageOf({ageMs: 300, heard: Date.now() - 1000});
+  const grown = ageOf({ageMs: 300, heard: Date.now() - 5000});
+  plant.connection = 'lost';
+  const lost = ageOf({ageMs: 300, heard: Date.now() - 1000});
+  plant.connection = before;
+  steps.never = [ageOf({ageMs: null, heard: 0})];
+  done([steps, [...feed.values.values()].map(value => value.ageMs), held, grown, lost]);
+})().catch(error => done(String(error)));
+"""
+
+
 class Page(unittest.TestCase):
     """Tests that share a plant and a browser."""
 
@@ -280,6 +328,31 @@ class Live(Page):
                 self.plant.controllers["press"].set(Speed=value)
                 self.await_row("Speed", "has the new value",
                                lambda row: re.sub(r"\D", "", row["value"].split("1/min")[0]) == str(value))
+
+    def test_the_page_is_live_only_when_it_has_got_what_it_missed(self):
+        self.show("values")
+        self.await_live()
+        result = self.browser.driver.execute_async_script(FEED)
+        self.assertIsInstance(result, list, result)
+        steps, ages, held, grown, lost = result
+        self.assertEqual(steps, {
+            "open": ["connecting"],
+            "part": ["connecting"],
+            "snapshot": ["live", "snapshot", "live"],
+            "lost": ["lost", "lost"],
+            "open again": ["lost"],
+            "part again": ["lost"],
+            "ages in a snapshot": ["lost"],
+            "snapshot again": ["live", "snapshot", "live"],
+            "lost again": ["lost", "lost"],
+            "open to resume": ["lost"],
+            "missed": ["lost", "values"],
+            "ages": ["live", "ages", "live"],
+            "never": [None]})
+        self.assertEqual(ages, [5, 6])
+        self.assertEqual(held, 300)
+        self.assertGreaterEqual(grown, 5300, "a connection hangs that is not closed")
+        self.assertGreaterEqual(lost, 1300)
 
     def test_a_table_that_is_left_and_opened_again_and_again_leaves_nothing_behind(self):
         self.show("values")
