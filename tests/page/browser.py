@@ -9,6 +9,7 @@ import subprocess
 import tempfile
 
 from selenium import webdriver
+from selenium.common.exceptions import WebDriverException
 from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.action_chains import ActionChains
@@ -104,13 +105,23 @@ class Browser:
                      f"--log-net-log={self.traffic}"):
             options.add_argument(word)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver", log_path=os.devnull), options=options)
+        self.driver = self.start(options)
         self.driver.set_script_timeout(60)
         self.driver.execute_cdp_cmd("Browser.setDownloadBehavior",
                                     {"behavior": "allow", "downloadPath": self.downloads})
         self.complaints = []
         self.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": WATCH_SHIFTS})
         self.first = self.driver.current_window_handle
+
+    @staticmethod
+    def start(options):
+        """Selenium looks for a free port, and another test can take it before the driver does: the driver ends then."""
+        for tries in range(5):
+            try:
+                return webdriver.Chrome(service=Service("/usr/bin/chromedriver", log_path=os.devnull), options=options)
+            except WebDriverException as error:
+                if tries == 4 or "unexpectedly exited" not in str(error):
+                    raise
 
     def end(self):
         """Returns what pages and workers asked for in all this time: the origin that asked, and the address."""
