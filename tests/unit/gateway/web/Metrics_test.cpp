@@ -376,9 +376,9 @@ TEST_F(MetricsOfLines, ShowTheHistoryAndTheDeliveries)
 
 TEST_F(MetricsOfLines, ShowTheServerAlsoWhenAnotherOneTakesItsPlace)
 {
-    server = {5, 100, 7, 400, 2, {{200, 390}, {404, 10}}};
+    server = {5, 100, 7, 400, 2, 0, {{200, 390}, {404, 10}}};
     EXPECT_EQ(scrape().at(R"(micro850_http_responses_total{status="404"})"), 10);
-    server = {1, 1, 0, 1, 0, {{200, 1}}};
+    server = {1, 1, 0, 1, 0, 0, {{200, 1}}};
     const Scrape numbers = scrape();
     EXPECT_EQ(numbers.at("micro850_http_connections"), 1);
     EXPECT_EQ(numbers.at("micro850_http_event_readers"), 6);
