@@ -100,7 +100,7 @@ void EventFeed::addEvent(const char* event, const LineEvent& what)
 {
     if (!isNeeded())
         return forgetAll();
-    m_log.append(EventLog::Kind::Other, event, jsonText(objectOf(what)));
+    m_log.append(RecentEvents::Kind::Other, event, jsonText(objectOf(what)));
     wakeAll();
 }
 
@@ -108,7 +108,7 @@ void EventFeed::addWrite(const JournalEntry& entry)
 {
     if (!isNeeded())
         return forgetAll();
-    m_log.append(EventLog::Kind::Other, "write", jsonText(objectOf(entry)));
+    m_log.append(RecentEvents::Kind::Other, "write", jsonText(objectOf(entry)));
     wakeAll();
 }
 
@@ -127,10 +127,10 @@ void EventFeed::tellTimes()
     if (m_streams.empty())
         return;
     m_log.forget(m_lastAges);
-    m_log.append(EventLog::Kind::Ages, "ages", m_log.agesText());
+    m_log.append(RecentEvents::Kind::Ages, "ages", m_log.agesText());
     m_lastAges = m_log.last();
     m_log.forget(m_lastStatus);
-    m_log.append(EventLog::Kind::Status, "status", jsonText(m_context.status()));
+    m_log.append(RecentEvents::Kind::Status, "status", jsonText(m_context.status()));
     m_lastStatus = m_log.last();
     wakeAll();
 }
@@ -154,7 +154,7 @@ void EventFeed::handleReload()
     m_changed.clear();
     m_isChanged.fill(false, m_context.index.size());
     m_log.handleReload();
-    m_log.append(EventLog::Kind::Reloaded, "reloaded", "{}");
+    m_log.append(RecentEvents::Kind::Reloaded, "reloaded", "{}");
     m_lastReload = m_log.last();
     for (EventStream* stream : m_streams)
         stream->handleReload();

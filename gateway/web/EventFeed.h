@@ -1,7 +1,7 @@
 #ifndef MICRO850_GATEWAY_WEB_EVENTFEED_H
 #define MICRO850_GATEWAY_WEB_EVENTFEED_H
 
-#include "EventLog.h"
+#include "RecentEvents.h"
 #include "Router.h"
 
 #include <QtCore/QTimer>
@@ -54,7 +54,7 @@ private:
 
     WebContext& m_context;
     const IsAdmitted m_isAdmitted;
-    EventLog m_log;
+    RecentEvents m_log;
     qint64 m_lastAges = 0;
     qint64 m_lastStatus = 0;
     qint64 m_lastReload = 0;

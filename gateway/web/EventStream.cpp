@@ -84,14 +84,14 @@ QByteArray EventStream::nextOfLog()
         startPass(true);
         return QByteArray();
     }
-    const EventLog::Event& event = m_log->event(m_next);
-    const bool hasValues = event.kind == EventLog::Kind::Values;
+    const RecentEvents::Event& event = m_log->event(m_next);
+    const bool hasValues = event.kind == RecentEvents::Kind::Values;
     if (hasValues && m_next > m_valuesUpTo && m_next <= m_catchUpTo) {
         startPass(false);
         return QByteArray();
     }
     const qint64 number = m_next++;
-    if (event.kind == EventLog::Kind::Reloaded) {
+    if (event.kind == RecentEvents::Kind::Reloaded) {
         startPass(true);
         return event.bytes;
     }
@@ -107,7 +107,7 @@ QByteArray EventStream::nextOfPass()
     const int size = m_log->variables();
     QByteArray data = R"({"values":[)";
     bool isFirst = true;
-    for (; m_variable < size && (isFirst || data.size() < EventLog::kUsualPart); ++m_variable) {
+    for (; m_variable < size && (isFirst || data.size() < RecentEvents::kUsualPart); ++m_variable) {
         if (m_log->changedBy(m_variable) <= m_since)
             continue;
         if (!isFirst)

@@ -1,7 +1,7 @@
 #ifndef MICRO850_GATEWAY_WEB_EVENTSTREAM_H
 #define MICRO850_GATEWAY_WEB_EVENTSTREAM_H
 
-#include "EventLog.h"
+#include "RecentEvents.h"
 #include "Router.h"
 
 #include <functional>
@@ -18,7 +18,7 @@ class EventStream : public HttpStream
 public:
     using Left = std::function<void(EventStream*)>;
     /// Calls `left` when its connection is gone, if it was not detached before.
-    EventStream(EventLog& log, Caller caller, Left left)
+    EventStream(RecentEvents& log, Caller caller, Left left)
         : m_log(&log), m_caller(std::move(caller)), m_left(std::move(left))
     {
     }
@@ -44,7 +44,7 @@ private:
     QByteArray nextOfLog();
     void startPass(bool isSnapshot);
 
-    EventLog* m_log;
+    RecentEvents* m_log;
     const Caller m_caller;
     const Left m_left;
     QByteArray m_text;

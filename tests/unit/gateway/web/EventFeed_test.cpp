@@ -198,7 +198,7 @@ TEST_F(EventFeedTest, GivesTheNewestValuesToAReaderThatReadsNothingForLong)
     const auto reader = open();
     readAll(*reader);
     int speed = 0;
-    for (qint64 bytes = 0; bytes < 3 * EventLog::kMostBytes; bytes += 200) {
+    for (qint64 bytes = 0; bytes < 3 * RecentEvents::kMostBytes; bytes += 200) {
         setSpeed(++speed % 30000);
         feed.flush();
     }

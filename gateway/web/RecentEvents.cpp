@@ -1,4 +1,4 @@
-#include "EventLog.h"
+#include "RecentEvents.h"
 
 #include "Message.h"
 #include "Problem.h"
@@ -16,12 +16,12 @@ QByteArray newRun()
 
 } // namespace
 
-EventLog::EventLog(WebContext& context) : m_context(context), m_run(newRun())
+RecentEvents::RecentEvents(WebContext& context) : m_context(context), m_run(newRun())
 {
     m_changedBy.fill(0, m_context.index.size());
 }
 
-std::optional<qint64> EventLog::numberOf(const QByteArray& id) const
+std::optional<qint64> RecentEvents::numberOf(const QByteArray& id) const
 {
     const int dash = id.indexOf('-');
     bool isNumber = false;
@@ -30,13 +30,13 @@ std::optional<qint64> EventLog::numberOf(const QByteArray& id) const
     return isOurs ? std::optional(number) : std::nullopt;
 }
 
-QByteArray EventLog::encoded(const char* event, const QByteArray& data, qint64 id) const
+QByteArray RecentEvents::encoded(const char* event, const QByteArray& data, qint64 id) const
 {
     return "id: " + m_run + '-' + QByteArray::number(id) + "\nevent: " + event + "\ndata: " + data +
            "\n\n";
 }
 
-void EventLog::append(Kind kind, const char* event, const QByteArray& data)
+void RecentEvents::append(Kind kind, const char* event, const QByteArray& data)
 {
     m_events.push_back({kind, encoded(event, data, ++m_last)});
     m_bytes += m_events.back().bytes.size();
@@ -47,7 +47,7 @@ void EventLog::append(Kind kind, const char* event, const QByteArray& data)
     }
 }
 
-void EventLog::appendValues(const QVector<int>& variables)
+void RecentEvents::appendValues(const QVector<int>& variables)
 {
     for (int at = 0; at < variables.size();) {
         QByteArray data = R"({"values":[)";
@@ -65,26 +65,26 @@ void EventLog::appendValues(const QVector<int>& variables)
     }
 }
 
-void EventLog::forget(qint64 number)
+void RecentEvents::forget(qint64 number)
 {
     if (number >= firstKept())
         empty(m_events[positionOf(number)]);
 }
 
-void EventLog::empty(Event& event)
+void RecentEvents::empty(Event& event)
 {
     m_bytes -= event.bytes.size();
     event.bytes = QByteArray();
 }
 
-void EventLog::forgetAll()
+void RecentEvents::forgetAll()
 {
     m_events.clear();
     m_bytes = 0;
     ++m_last; // else the next event would seem to follow what is forgotten
 }
 
-void EventLog::handleReload()
+void RecentEvents::handleReload()
 {
     m_changedBy.fill(0, m_context.index.size());
     for (Event& event : m_events) {
@@ -93,7 +93,7 @@ void EventLog::handleReload()
     }
 }
 
-QByteArray EventLog::agesText() const
+QByteArray RecentEvents::agesText() const
 {
     QByteArray text = R"({"ages":{)";
     for (int line = 0; line < m_context.lines.size(); ++line) {

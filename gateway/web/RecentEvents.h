@@ -1,5 +1,5 @@
-#ifndef MICRO850_GATEWAY_WEB_EVENTLOG_H
-#define MICRO850_GATEWAY_WEB_EVENTLOG_H
+#ifndef MICRO850_GATEWAY_WEB_RECENTEVENTS_H
+#define MICRO850_GATEWAY_WEB_RECENTEVENTS_H
 
 #include "WebContext.h"
 
@@ -10,7 +10,7 @@ namespace micro850::gateway {
 
 /// The last events, each encoded once for all readers, and which event has the newest value of each
 /// variable. The events are numbered without a gap.
-class EventLog
+class RecentEvents
 {
 public:
     enum class Kind : quint8 { Values, Ages, Status, Reloaded, Other };
@@ -20,7 +20,7 @@ public:
         QByteArray bytes; ///< empty: a later one replaces it
     };
 
-    explicit EventLog(WebContext& context);
+    explicit RecentEvents(WebContext& context);
 
     /// The number of the last event. No event has the numbers 0 and 1.
     qint64 last() const { return m_last; }
