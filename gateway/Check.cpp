@@ -17,6 +17,8 @@ namespace micro850::gateway {
 
 namespace {
 
+const int kFirstFreePort = 1024; // those below need a privilege
+
 std::string brokerText(const BrokerAddress& broker)
 {
     return broker.host.toStdString() + " port " + std::to_string(broker.port) +
@@ -129,6 +131,9 @@ public:
         if (!http.certificateFile.isEmpty())
             lookAtSecret("web.key", http.keyFile, "",
                          [&] { TlsFiles::read(http.certificateFile, http.keyFile); });
+        if (http.port > 0 && http.port < kFirstFreePort)
+            note("web.port: the installed service cannot listen at " + std::to_string(http.port) +
+                 " (take one from 1024 on, or put a proxy in front)");
         const bool isBehindProxy = !web.http.proxies.isEmpty();
         if (web.isOpen() && !isBehindProxy && web.http.certificateFile.isEmpty())
             note("web: the token and the values are sent without encryption (add \"certificate\" "

@@ -25,10 +25,11 @@ bool isJournal()
 
 Priority priorityOf(const QString& state)
 {
-    const bool isGood =
-        state == QLatin1String("up") || state == QLatin1String("connected") ||
-        state == QLatin1String("disabled") || state == QLatin1String("overload ended") ||
-        state == QLatin1String("history recording") || state == QLatin1String("delivery");
+    const bool isGood = state == QLatin1String("up") || state == QLatin1String("connected") ||
+                        state == QLatin1String("disabled") ||
+                        state == QLatin1String("overload ended") ||
+                        state == QLatin1String("history recording") ||
+                        state == QLatin1String("page served") || state == QLatin1String("delivery");
     if (isGood)
         return Priority::Info;
     const bool isEnd =

@@ -127,6 +127,7 @@ private:
     void change(const Configuration& configuration);
     void tellPage();
     void tellAlarm(const LineEvent& event);
+    void recordAlarm(const LineEvent& event);
     void tellStatus();
     void stop();
     void continueToStop();
@@ -157,7 +158,7 @@ Service::Service(const QString& path, const Configuration& configuration)
       m_history(m_lines, configuration.history, m_clock, m_wallClock,
                 [this](const LineEvent& event) { tellAlarm(event); }),
       m_brokers(m_lines, m_writes, configuration.brokers, m_clock, m_wallClock,
-                deliverySupervision(), [this](const LineEvent& event) { tellAlarm(event); }),
+                deliverySupervision(), [this](const LineEvent& event) { recordAlarm(event); }),
       m_clients(clientNeeds(), configuration.socket), m_web(webNeeds(), configuration.web)
 {
     m_lines.addListener(m_log);
@@ -180,7 +181,8 @@ ClientNeeds Service::clientNeeds()
             QStringLiteral("micro850-gateway " MICRO850_VERSION),
             [this] { applyNewConfiguration(); },
             static_cast<int>(::geteuid()),
-            [this] { return m_brokers.status(); }};
+            [this] { return m_brokers.status(); },
+            [this] { return m_web.status(); }};
 }
 
 WebNeeds Service::webNeeds()
@@ -191,7 +193,9 @@ WebNeeds Service::webNeeds()
             m_clock,
             m_wallClock,
             QStringLiteral("micro850-gateway " MICRO850_VERSION),
-            [this] { return m_clients.status(); }};
+            [this] { return m_clients.status(); },
+            [](const QString& line) { log(Priority::Warning, line); },
+            [this](const LineEvent& event) { recordAlarm(event); }};
 }
 
 void Service::tellAlarm(const LineEvent& event)
@@ -199,6 +203,12 @@ void Service::tellAlarm(const LineEvent& event)
     m_log.handleEvent(event);
     m_clients.handleEvent(event);
     m_web.tellAlarm(event);
+}
+
+void Service::recordAlarm(const LineEvent& event)
+{
+    m_history.handleNotice(event);
+    tellAlarm(event);
 }
 
 int Service::run()

@@ -90,6 +90,20 @@ QString historyText(const JsonNode& history)
     return QStringLiteral("history: ") + parts.join(QStringLiteral(", "));
 }
 
+// "page: http://127.0.0.1:8850/, 3 connections".
+QString webText(const JsonNode& web)
+{
+    QStringList parts(shown(web, "address"));
+    if (web.has("problem"))
+        parts.append(QStringLiteral("cannot listen (%1)").arg(shown(web, "problem")));
+    parts.append(counted(numberIn(web, "connections").value_or(0), "connection"));
+    if (const qint64 logins = numberIn(web, "refusedLogins").value_or(0))
+        parts.append(counted(logins, "login") + QStringLiteral(" refused"));
+    if (const qint64 changes = numberIn(web, "refusedChanges").value_or(0))
+        parts.append(counted(changes, "change") + QStringLiteral(" refused"));
+    return QStringLiteral("page: ") + parts.join(QStringLiteral(", "));
+}
+
 // "10.0.0.7:1883, connected with MQTT 5", or why there is no connection.
 QString connectionText(const JsonNode& connection)
 {
@@ -243,6 +257,8 @@ QString statusText(const JsonNode& reply, qint64 now)
                             counted(reply.at("clients").integer(0, kMostCount), "client"));
     if (reply.has("history"))
         text += historyText(reply.at("history")) + '\n';
+    if (reply.has("web"))
+        text += webText(reply.at("web")) + '\n';
     for (const char* kind : kKinds) {
         if (reply.has("delivery") && reply.at("delivery").has(kind))
             text += deliveryText(kind, reply.at("delivery").at(kind), now) + '\n';

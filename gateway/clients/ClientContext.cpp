@@ -20,6 +20,9 @@ Json statusOf(const ClientContext& context)
     const Json delivery = context.delivery ? context.delivery() : Json::object();
     if (!delivery.empty())
         reply["delivery"] = delivery;
+    const Json web = context.web ? context.web() : Json();
+    if (!web.is_null())
+        reply["web"] = web;
     return reply;
 }
 

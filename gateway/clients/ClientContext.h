@@ -22,6 +22,8 @@ struct ClientNeeds
     int serviceUid = 0;
     /// The status of the processes that deliver to brokers, by their kind; null: there are none.
     std::function<Json()> delivery = nullptr;
+    /// The status of the web server; null: there is none.
+    std::function<Json()> web = nullptr;
 };
 
 /// The same with what all clients share.

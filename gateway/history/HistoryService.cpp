@@ -40,7 +40,8 @@ public:
     HistoryStamp stamp() const { return {m_clock.now(), m_wallClock.now()}; }
     /// `answerOf` runs on the thread of the queries, with the name of the file.
     template<typename Answer, typename AnswerOf>
-    void ask(const std::function<void(Answer)>& answered, const AnswerOf& answerOf);
+    void ask(const std::function<void(Answer)>& answered, const Unwanted& isUnwanted,
+             const AnswerOf& answerOf);
     void tick();
     /// Now, while the recording goes on.
     std::optional<qint64> recordedUntil() const;
@@ -181,12 +182,16 @@ void HistoryService::Private::addEvent(const LineEvent& event)
 
 template<typename Answer, typename AnswerOf>
 void HistoryService::Private::ask(const std::function<void(Answer)>& answered,
-                                  const AnswerOf& answerOf)
+                                  const Unwanted& isUnwanted, const AnswerOf& answerOf)
 {
-    const auto refuse = [this, &answered](const char* code, const QString& text) {
+    const auto refusal = [](const char* code, const QString& text) {
         Answer answer;
         answer.errorCode = QLatin1String(code);
         answer.errorText = text;
+        return answer;
+    };
+    const auto refuse = [this, &answered, &refusal](const char* code, const QString& text) {
+        const Answer answer = refusal(code, text);
         m_mailbox.post([answered, answer] { answered(answer); });
     };
     const QString file = m_settings.file;
@@ -195,8 +200,15 @@ void HistoryService::Private::ask(const std::function<void(Answer)>& answered,
                                          "history.file)"));
         return;
     }
-    const bool isTaken = m_queries.add([this, file, answered, answerOf](const auto& isEnding) {
-        const auto answer = std::make_shared<Answer>(answerOf(file, isEnding));
+    const bool isTaken = m_queries.add([=](const auto& isEnding) {
+        const auto isOver = [&isEnding, &isUnwanted] {
+            return (isUnwanted && *isUnwanted) || isEnding();
+        };
+        const auto answer = std::make_shared<Answer>();
+        if (!isOver())
+            *answer = answerOf(file, isOver);
+        if (isOver())
+            *answer = refusal("busy", QStringLiteral("the query was ended: nobody waited for it"));
         m_mailbox.post([answered, answer] { answered(std::move(*answer)); });
     });
     if (!isTaken)
@@ -229,30 +241,33 @@ void HistoryService::flush()
 
 void HistoryService::query(const HistoryQuery& query, const Answered& answered)
 {
-    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
-        return answerOf(file, query, isEnding);
-    });
+    m_private->ask<HistoryAnswer>(answered, nullptr,
+                                  [query](const QString& file, const auto& isEnding) {
+                                      return answerOf(file, query, isEnding);
+                                  });
 }
 
 void HistoryService::events(const RecordQuery& query, const Answered& answered)
 {
-    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
-        return eventsOf(file, query, isEnding);
-    });
+    m_private->ask<HistoryAnswer>(answered, query.isUnwanted,
+                                  [query](const QString& file, const auto& isEnding) {
+                                      return eventsOf(file, query, isEnding);
+                                  });
 }
 
 void HistoryService::writes(const RecordQuery& query, const Answered& answered)
 {
-    m_private->ask<HistoryAnswer>(answered, [query](const QString& file, const auto& isEnding) {
-        return writesOf(file, query, isEnding);
-    });
+    m_private->ask<HistoryAnswer>(answered, query.isUnwanted,
+                                  [query](const QString& file, const auto& isEnding) {
+                                      return writesOf(file, query, isEnding);
+                                  });
 }
 
 void HistoryService::trend(const TrendQuery& query,
                            const std::function<void(TrendAnswer answer)>& answered)
 {
     const std::optional<qint64> until = m_private->recordedUntil();
-    m_private->ask<TrendAnswer>(answered,
+    m_private->ask<TrendAnswer>(answered, query.isUnwanted,
                                 [query, until](const QString& file, const auto& isEnding) {
                                     return trendOf(file, query, until, isEnding);
                                 });

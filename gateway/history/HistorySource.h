@@ -6,7 +6,9 @@
 
 #include <QtCore/QVector>
 
+#include <atomic>
 #include <functional>
+#include <memory>
 #include <optional>
 
 namespace micro850::gateway {
@@ -19,6 +21,10 @@ using host::TrendPoint;
 const int kMostHistoryValues = 10000;
 /// The most points of a trend.
 const int kMostTrendPoints = 10000;
+
+/// True from the moment on when nobody waits for an answer any more. The thread of the queries
+/// looks at it.
+using Unwanted = std::shared_ptr<const std::atomic<bool>>;
 
 struct HistoryQuery
 {
@@ -49,7 +55,8 @@ struct TrendQuery
     /// Milliseconds since 1970 UTC: from the first on, and before the second.
     qint64 from = 0;
     qint64 to = 0;
-    int points = 800; ///< from 1 to kMostTrendPoints
+    int points = 800;              ///< from 1 to kMostTrendPoints
+    Unwanted isUnwanted = nullptr; ///< null: somebody waits to the end
 };
 
 struct TrendAnswer
@@ -70,7 +77,8 @@ struct RecordQuery
 {
     std::optional<qint64> from;
     std::optional<qint64> to;
-    int limit = 1000; ///< from 1 to kMostHistoryValues
+    int limit = 1000;              ///< from 1 to kMostHistoryValues
+    Unwanted isUnwanted = nullptr; ///< null: somebody waits to the end
 };
 
 /// What clients ask of the history.
@@ -83,7 +91,8 @@ public:
     /// `answered` is called once, later, on the thread of the event loop; not after the source was
     /// destroyed.
     virtual void query(const HistoryQuery& query, const Answered& answered) = 0;
-    /// The same for a trend.
+    /// The same for a trend. A query that is unwanted is not begun, or ends soon; its answer is
+    /// "busy".
     virtual void trend(const TrendQuery& query,
                        const std::function<void(TrendAnswer answer)>& answered) = 0;
     /// What happened on the lines, and the journal of writes, the last that was recorded first. The

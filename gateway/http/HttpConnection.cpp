@@ -12,6 +12,7 @@
 #include <climits>
 #include <exception>
 #include <netinet/in.h>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -20,6 +21,9 @@ namespace {
 const int kMostHeaders = 100;
 const int kMostRequests = 1000; // of a connection
 const int kMostBodies = 2 * 1024 * 1024;
+/// Of answers that wait until they are read, of all clients. Small ones are not refused.
+const int kMostAnswers = 4 * 1024 * 1024;
+const int kSmallAnswer = 16 * 1024;
 /// So much of a body that is too long is read and forgotten, so that the client gets the answer.
 const int kMostDiscarded = 1024 * 1024;
 /// A client that reads less in the time of the idle limit is too slow.
@@ -121,6 +125,16 @@ void freeBody(void* body)
     delete static_cast<QByteArray*>(body);
 }
 
+// To HEAD: the library asks for no body.
+MHD_Response* responseOfUnknownLength()
+{
+    const size_t kBlock = 1024;
+    const auto end = [](void*, uint64_t, char*, size_t) -> ssize_t {
+        return MHD_CONTENT_READER_END_OF_STREAM;
+    };
+    return MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, kBlock, end, nullptr, nullptr);
+}
+
 } // namespace
 
 /// What the library keeps of a stream.
@@ -145,6 +159,7 @@ HttpConnection::HttpConnection(HttpShared& shared, int socket, const QByteArray&
 HttpConnection::~HttpConnection()
 {
     forgetBody();
+    giveRoomBack();
     if (m_stream)
         m_stream->setWake(nullptr);
 }
@@ -163,6 +178,9 @@ MHD_Result HttpConnection::handle(const char* method, const char* version, const
                                   size_t* size)
 {
     if (m_closed)
+        return MHD_NO;
+    const bool isNew = m_phase == Phase::Waiting || m_phase == Phase::Headers;
+    if (isNew && m_isLast)
         return MHD_NO;
     switch (m_phase) {
     case Phase::Waiting:
@@ -367,8 +385,26 @@ void HttpConnection::answer(HttpResponse response)
 {
     if (m_phase != Phase::Handling || m_response)
         return;
-    m_response = std::move(response);
+    const bool hasRoom = takeRoom(response.isBodyKept ? 0 : response.body.size());
+    m_response = hasRoom ? std::move(response)
+                         : m_shared.refusal(503, "too many answers wait until they are read");
     resume();
+}
+
+// False when the answers that wait take too much already.
+bool HttpConnection::takeRoom(int size)
+{
+    const int waiting = m_shared.answerBytes;
+    if (size > kSmallAnswer && waiting > 0 && waiting + size > kMostAnswers)
+        return false;
+    m_answerBytes = size;
+    m_shared.answerBytes += size;
+    return true;
+}
+
+void HttpConnection::giveRoomBack()
+{
+    m_shared.answerBytes -= std::exchange(m_answerBytes, 0);
 }
 
 void HttpConnection::answerWithFailure()
@@ -388,7 +424,7 @@ MHD_Result HttpConnection::queue()
     }
     if (response == nullptr)
         return MHD_NO;
-    if (m_mustClose)
+    if (m_mustClose || m_isLast)
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
     const int status = m_response->status;
     const MHD_Result queued =
@@ -404,9 +440,13 @@ MHD_Result HttpConnection::queue()
 
 MHD_Response* HttpConnection::libraryResponse()
 {
-    if (m_response->stream && !m_isHead)
+    if (m_response->stream && m_isHead) {
+        m_response->stream.reset();
+        m_mustClose = true; // the library would wait for the end of a body
+        return responseOfUnknownLength();
+    }
+    if (m_response->stream)
         return streamResponse();
-    m_response->stream.reset();
     auto body = std::make_unique<QByteArray>(std::move(m_response->body));
     // The library does not change the bytes: they can be those of others, too.
     auto* bytes = const_cast<char*>(body->constData());
@@ -451,6 +491,7 @@ ssize_t HttpConnection::readStream(char* bytes, size_t most)
 void HttpConnection::complete()
 {
     forgetBody();
+    giveRoomBack();
     if (m_stream)
         m_stream->setWake(nullptr);
     m_stream.reset();
@@ -500,8 +541,17 @@ void HttpConnection::close()
     m_shared.schedule();
 }
 
+void HttpConnection::finish()
+{
+    m_isLast = true;
+    if (!m_closed && m_phase != Phase::Handling && m_phase != Phase::Answering)
+        close();
+}
+
 void HttpConnection::checkTimes()
 {
+    if (m_isLast)
+        finish();
     if (m_closed)
         return m_shared.schedule();
     const Duration now = m_shared.clock.now();

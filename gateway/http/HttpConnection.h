@@ -23,6 +23,7 @@ struct HttpShared
     std::function<void()> schedule; ///< lets the library run soon
     std::set<QByteArray> proxies;   ///< canonical
     int bodyBytes = 0;              ///< of bodies that are not complete yet
+    int answerBytes = 0;            ///< of answers that are not sent yet
 };
 
 /// A connection of a client, one request after the other. The library owns the socket.
@@ -51,6 +52,10 @@ public:
     bool isGone() const { return m_gone; }
     /// Ends the connection at once, whatever it does.
     void close();
+    /// Ends it as soon as the request in work is answered: at once without one.
+    void finish();
+    /// An answer is on its way.
+    bool isAnswering() const { return m_response || m_phase == Phase::Answering; }
     /// Closes it when something did not come in time.
     void checkTimes();
 
@@ -75,6 +80,8 @@ private:
     void forgetBody();
     MHD_Result handleRequest();
     MHD_Result refuse(int status);
+    bool takeRoom(int size);
+    void giveRoomBack();
     MHD_Result queue();
     MHD_Response* libraryResponse();
     MHD_Response* streamResponse();
@@ -96,6 +103,7 @@ private:
     bool m_gone = false;   ///< the peer sends nothing any more
     int m_looksGone = 0;   ///< how often that was seen in this phase
     bool m_closed = false; ///< nothing is done for it any more
+    bool m_isLast = false; ///< no request is begun any more
     bool m_suspended = false;
     int m_requests = 0; ///< so far
 
@@ -109,6 +117,7 @@ private:
     bool m_isHead = false;
     bool m_mustClose = false;
     std::optional<HttpResponse> m_response;
+    int m_answerBytes = 0; ///< of it, until it is sent
     std::shared_ptr<HttpStream> m_stream;
 };
 

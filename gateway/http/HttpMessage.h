@@ -80,6 +80,8 @@ struct HttpResponse
     QVector<HttpHeader> headers; ///< further ones
     /// In place of `body`. Destroyed when the client is gone or the body has ended.
     std::shared_ptr<HttpStream> stream;
+    /// Somebody keeps the body anyway: while it waits it takes no memory of its own.
+    bool isBodyKept = false;
 };
 
 /// A request and the way to answer it, now or later. Everything happens on the thread of the event

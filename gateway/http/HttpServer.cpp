@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -26,6 +27,8 @@ namespace {
 
 /// Of each connection: twice the headers, and what the library notes of them.
 const size_t kConnectionMemory = 24UL * 1024;
+/// The limit of the settings, which can change, is our own.
+const int kMostOfLibrary = 2000;
 const int kTickMs = 100;
 const std::size_t kMostTurnedAway = 64;
 const Duration kTurnedAwayFor = std::chrono::seconds(1);
@@ -49,6 +52,18 @@ QByteArray turnAwayBytes(const HttpResponse& response)
         bytes += header.name + ": " + header.value + "\r\n";
     bytes += "Content-Length: " + QByteArray::number(response.body.size()) + "\r\n\r\n";
     return bytes + response.body;
+}
+
+std::set<QByteArray> proxiesOf(const HttpSettings& settings)
+{
+    std::set<QByteArray> proxies;
+    for (const QString& proxy : settings.proxies) {
+        const std::optional<QByteArray> address = canonicalAddress(proxy.toUtf8());
+        if (!address)
+            throw UserError("web.proxies: " + proxy.toStdString() + " is no IPv4 or IPv6 address");
+        proxies.insert(*address);
+    }
+    return proxies;
 }
 
 size_t keepEscapes(void* /*server*/, MHD_Connection* /*connection*/, char* text)
@@ -94,8 +109,11 @@ public:
     Private(const Private&) = delete;
     Private& operator=(const Private&) = delete;
 
-    int port() const { return m_listener.port(); }
+    int port() const { return m_port; }
     HttpCounters counters() const;
+    void change(const HttpSettings& settings);
+    void retire();
+    bool isOver() const { return m_connections.empty(); }
 
 private:
     static void notify(void* server, MHD_Connection* library, void** context,
@@ -111,6 +129,7 @@ private:
     void handleGone();
     void remove(int socket);
     void tick();
+    void finishAll();
 
     HttpSettings m_settings;
     const Clock& m_clock;
@@ -120,7 +139,8 @@ private:
     HttpShared m_shared{
         m_settings, m_clock, m_handler, m_refusal, m_counters, [this] { m_soon.start(0); }, {}, 0};
     TlsFiles m_tls;
-    TcpListener m_listener;
+    std::unique_ptr<TcpListener> m_listener; ///< null when it is retired
+    const int m_port;
     MHD_Daemon* m_library = nullptr;
     int m_gone = -1; ///< an epoll descriptor that tells which peers have gone
     std::unordered_map<int, std::shared_ptr<HttpConnection>> m_connections; ///< by their sockets
@@ -138,14 +158,10 @@ HttpServer::Private::Private(const HttpSettings& settings, const Clock& clock, H
       m_tls(settings.certificateFile.isEmpty()
                 ? TlsFiles()
                 : TlsFiles::read(settings.certificateFile, settings.keyFile)),
-      m_listener(settings.address, settings.port)
+      m_listener(std::make_unique<TcpListener>(settings.address, settings.port)),
+      m_port(m_listener->port())
 {
-    for (const QString& proxy : settings.proxies) {
-        const std::optional<QByteArray> address = canonicalAddress(proxy.toUtf8());
-        if (!address)
-            throw UserError("web.proxies: " + proxy.toStdString() + " is no IPv4 or IPv6 address");
-        m_shared.proxies.insert(*address);
-    }
+    m_shared.proxies = proxiesOf(settings);
     m_gone = ::epoll_create1(EPOLL_CLOEXEC);
     startLibrary();
     watch();
@@ -157,13 +173,12 @@ void HttpServer::Private::startLibrary()
     unsigned flags = MHD_USE_EPOLL | MHD_USE_NO_LISTEN_SOCKET | MHD_ALLOW_SUSPEND_RESUME;
     if (isEncrypted)
         flags |= MHD_USE_TLS;
-    const auto connections = static_cast<unsigned>(m_settings.mostConnections);
     std::vector<MHD_OptionItem> options{
         {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(keepEscapes), nullptr},
         {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(beginRequest), nullptr},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(completeRequest), nullptr},
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(&Private::notify), this},
-        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(connections), nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, static_cast<intptr_t>(kMostOfLibrary), nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(kConnectionMemory), nullptr},
         {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr}};
     if (isEncrypted) {
@@ -189,7 +204,7 @@ void HttpServer::Private::watch()
                          [this, handle] { (this->*handle)(); });
         m_notifiers.push_back(std::move(notifier));
     };
-    add(m_listener.descriptor(), &Private::acceptClients);
+    add(m_listener->descriptor(), &Private::acceptClients);
     add(m_gone, &Private::handleGone);
     add(MHD_get_daemon_info(m_library, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd, &Private::run);
     m_soon.setSingleShot(true);
@@ -200,6 +215,14 @@ void HttpServer::Private::watch()
 HttpServer::Private::~Private()
 {
     m_notifiers.clear();
+    const int kMostTurns = 32;
+    finishAll();
+    const auto isAnswering = [](const auto& each) { return each.second->isAnswering(); };
+    for (int turn = 0; turn < kMostTurns; ++turn) {
+        if (std::none_of(m_connections.begin(), m_connections.end(), isAnswering))
+            break;
+        MHD_run(m_library);
+    }
     for (const auto& [socket, connection] : m_connections)
         connection->close();
     MHD_run(m_library);
@@ -230,7 +253,7 @@ void HttpServer::Private::acceptClients()
     const int kMostNew = 32; // the lines have their turn between them
     for (int i = 0; i < kMostNew; ++i) {
         SocketAddress peer;
-        const int socket = m_listener.accept(peer);
+        const int socket = m_listener->accept(peer);
         if (socket < 0)
             break;
         add(socket, peer);
@@ -346,6 +369,29 @@ void HttpServer::Private::tick()
         m_tick.stop();
 }
 
+void HttpServer::Private::change(const HttpSettings& settings)
+{
+    std::set<QByteArray> proxies = proxiesOf(settings);
+    m_shared.proxies.swap(proxies);
+    m_settings = settings;
+}
+
+void HttpServer::Private::finishAll()
+{
+    for (const auto& [socket, connection] : m_connections)
+        connection->finish();
+}
+
+void HttpServer::Private::retire()
+{
+    if (!m_listener)
+        return;
+    m_notifiers.erase(m_notifiers.begin()); // of the listener
+    m_listener.reset();
+    finishAll();
+    m_soon.start(0);
+}
+
 HttpServer::HttpServer(const HttpSettings& settings, const Clock& clock, Handler handler,
                        Refusal refusal)
     : m_private(std::make_unique<Private>(settings, clock, std::move(handler), std::move(refusal)))
@@ -353,6 +399,21 @@ HttpServer::HttpServer(const HttpSettings& settings, const Clock& clock, Handler
 }
 
 HttpServer::~HttpServer() = default;
+
+void HttpServer::change(const HttpSettings& settings)
+{
+    m_private->change(settings);
+}
+
+void HttpServer::retire()
+{
+    m_private->retire();
+}
+
+bool HttpServer::isOver() const
+{
+    return m_private->isOver();
+}
 
 int HttpServer::port() const
 {

@@ -27,10 +27,20 @@ public:
     /// read by others.
     HttpServer(const HttpSettings& settings, const Clock& clock, Handler handler,
                Refusal refusal = Refusal());
-    /// Closes all connections. Exchanges that are left are answered to nobody.
+    /// Closes all connections. What is answered already goes out, as far as the peers' systems take
+    /// it. Exchanges that are left are answered to nobody.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
+
+    /// Goes on with other limits and proxies; everything else must be as before. Throws UserError,
+    /// and goes on as before, for a proxy that is no address.
+    void change(const HttpSettings& settings);
+    /// Listens no more. Requests in work are still answered, then their connections end; all others
+    /// end now, also those on which a stream is being sent.
+    void retire();
+    /// There is no connection left.
+    bool isOver() const;
 
     int port() const;
     HttpCounters counters() const;

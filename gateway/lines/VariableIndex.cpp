@@ -4,6 +4,9 @@
 #include "UserError.h"
 #include "VisibleText.h"
 
+#include <QtCore/QCryptographicHash>
+#include <QtCore/QtEndian>
+
 #include <algorithm>
 
 namespace micro850::gateway {
@@ -25,7 +28,9 @@ quint64 identityOf(const LineSettings& line, const Variable& variable)
             .arg(variable.offset, 0, 'g', 17)
             .arg(variable.raw)
             .arg(variable.type ? variable.type->code : 0);
-    return std::hash<std::string>()(all.toStdString());
+    // The same in each run of the service.
+    const QByteArray hash = QCryptographicHash::hash(all.toUtf8(), QCryptographicHash::Sha256);
+    return qFromBigEndian<quint64>(hash.constData());
 }
 
 } // namespace

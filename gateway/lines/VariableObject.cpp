@@ -2,6 +2,12 @@
 
 namespace micro850::gateway {
 
+QByteArray revisionOf(const VariableIndex& index, int number)
+{
+    const int kDigits = 16;
+    return QByteArray::number(index.identity(number), 16).rightJustified(kDigits, '0');
+}
+
 host::Json variableObject(const LineSettings& line, const host::Variable& variable)
 {
     host::Json object = {{"line", line.name.toStdString()}, {"name", variable.name.toStdString()},

@@ -30,6 +30,7 @@ struct WriteRules::Pending
     Json newValue;
     qint64 asked = 0;
     bool cancelled = false;
+    std::optional<quint64> identity; ///< of the variable that was found first
 };
 
 /// The element that a request means.
@@ -193,8 +194,15 @@ Json errorOf(const char* code, const std::string& text)
     return {{"error", {{"code", code}, {"text", text}}}};
 }
 
-// For the journal, which keeps also what is refused: longer than any value of a controller.
-Json shortValue(const Json& value)
+QString shortName(const QString& name)
+{
+    const int kLongest = 255;
+    return name.left(kLongest);
+}
+
+} // namespace
+
+Json journalValue(const Json& value)
 {
     const std::size_t kLongest = 1024;
     std::string text = value.dump(-1, ' ', true);
@@ -203,14 +211,6 @@ Json shortValue(const Json& value)
     text.resize(kLongest);
     return text + "...";
 }
-
-QString shortName(const QString& name)
-{
-    const int kLongest = 255;
-    return name.left(kLongest);
-}
-
-} // namespace
 
 WriteRequest WriteRequest::fromMessage(const JsonNode& message)
 {
@@ -261,7 +261,7 @@ qint64 WriteRules::write(const Writer& writer, const WriteRequest& request, cons
     pending.name = shortName(request.name.isEmpty() ? request.tag : request.name);
     pending.element = request.element;
     pending.newValue =
-        shortValue(request.bytes ? Json(request.bytes->toHex().toStdString()) : request.value);
+        journalValue(request.bytes ? Json(request.bytes->toHex().toStdString()) : request.value);
     m_pending.insert(number, pending);
     begin(number, nullptr);
     return number;
@@ -276,6 +276,12 @@ void WriteRules::begin(qint64 number, const CipType* told)
             throw RequestError(errorcode::kCancelled, "it was taken back before it was sent");
         const Target target = targetOf(pending.request);
         const Variable& first = m_index.variable(target.variables.first());
+        const quint64 identity = m_index.identity(target.variables.first());
+        if (pending.identity.value_or(identity) != identity)
+            throw RequestError(errorcode::kCancelled,
+                               "the configuration was read again before it was sent, and " +
+                                   first.name.toStdString() + " is another variable now");
+        pending.identity = identity;
         pending.line = m_index.line(target.variables.first()).name;
         pending.name = first.name;
         pending.element = target.within;
@@ -519,7 +525,9 @@ JournalEntry WriteRules::entryOf(const Pending& pending, const Json& reply) cons
             entry.error = QStringLiteral("another value was read back: ") +
                           QString::fromStdString(textOf(member(reply, "value")));
     } else {
-        entry.outcome = QString::fromStdString(textOf(member(error, "code")));
+        entry.outcome = pending.request.check
+                            ? QString::fromLatin1(kCheckFailed)
+                            : QString::fromStdString(textOf(member(error, "code")));
         entry.error = QString::fromStdString(textOf(member(error, "text")));
     }
     return entry;

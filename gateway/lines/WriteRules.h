@@ -13,6 +13,13 @@
 
 namespace micro850::gateway {
 
+/// The outcome in the journal of a request that only asks, and is refused: nobody wanted to write.
+constexpr const char* kCheckFailed = "check-failed";
+
+/// A new value as the journal keeps it, also of what is refused: one that is longer than any value
+/// of a controller is cut.
+Json journalValue(const Json& value);
+
 /// Who writes.
 struct Writer
 {
@@ -41,8 +48,8 @@ struct WriteRequest
 
 /// Decides on every write, whoever asks for it: only variables that the project declares writable
 /// are written, within their limits, and so often as it allows. Everything else is refused with the
-/// reason. Each attempt is reported to the listeners of the lines, also a check that fails:
-/// somebody wanted to write what is not allowed.
+/// reason. Each attempt is reported to the listeners of the lines, also a check that fails,
+/// which has an outcome of its own.
 class WriteRules : public LineListener
 {
 public:

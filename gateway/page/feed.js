@@ -26,9 +26,11 @@ export class Feed {
     this.status = null;
     this.parts = [];
     this.source = null;
+    this.opening = null; // while the values come, before the stream
     this.again = 0;
     this.soon = 0;
     this.asksVariables = false;
+    this.asked = 0;
     this.lastHeard = Date.now();
     this.open();
     setInterval(() => this.watch(), 1000);
@@ -53,21 +55,34 @@ export class Feed {
     this.open();
   }
 
-  open() {
+  // The values come first, since they are compressed, unlike the events.
+  async open() {
     clearTimeout(this.again);
     this.source?.close();
+    this.source = null;
     this.parts = [];
     this.lastHeard = Date.now();
-    const source = new EventSource('/api/v1/events');
-    this.source = source;
+    const opening = this.opening = Symbol('opening');
     this.askStatus();
+    this.askVariables();
+    const lastEvent = await this.askValues(opening);
+    if (this.opening !== opening)
+      return;
+    this.opening = null;
+    const source = new EventSource(
+      lastEvent ? `/api/v1/events?after=${encodeURIComponent(lastEvent)}` : '/api/v1/events');
+    this.source = source;
     const on = (name, handle, parse = JSON.parse) => source.addEventListener(name, event => {
       if (source !== this.source)
         return;
       this.lastHeard = Date.now();
       handle(parse(event.data || 'null'));
     });
-    source.onopen = () => this.handleOpen(source);
+    let isAgain = false;
+    source.onopen = () => {
+      this.handleOpen(source, isAgain);
+      isAgain = true;
+    };
     source.onerror = () => this.handleError(source);
     on('snapshot', data => this.takeSnapshot(data));
     on('values', data => this.takeValues(data.values));
@@ -75,15 +90,18 @@ export class Feed {
     on('status', data => this.takeStatus(data));
     on('state', data => this.takeState(data));
     on('write', data => this.deliver({kind: 'write', event: data}), parseExact);
-    on('reloaded', () => this.askVariables());
+    on('reloaded', () => this.takeReload());
   }
 
-  handleOpen(source) {
+  handleOpen(source, isAgain) {
     if (source !== this.source)
       return;
-    // What is known is old until the stream has told what came meanwhile.
+    // What is known is old until the stream has told what came meanwhile. A snapshot that was cut
+    // off begins anew.
     this.lastHeard = Date.now();
-    this.askVariables();
+    this.parts = [];
+    if (isAgain)
+      this.askVariables();
   }
 
   handleError(source) {
@@ -107,7 +125,7 @@ export class Feed {
     } catch {
       // Not there yet.
     }
-    if (this.source)
+    if (this.source || this.opening)
       return;
     if (status === 401)
       this.tell('login');
@@ -120,7 +138,7 @@ export class Feed {
     if (this.state === 'live' && silent > kSilentMs) {
       this.tell('lost');
       this.open();
-    } else if (this.state !== 'live' && this.source && silent > kPatienceMs) {
+    } else if (this.state !== 'live' && (this.source || this.opening) && silent > kPatienceMs) {
       this.tell('lost');
       this.open();
     } else if (this.state === 'live' && this.asksVariables) {
@@ -146,13 +164,34 @@ export class Feed {
     }
   }
 
+  // Returns the id of the event after which the stream is to go on. Without an answer the stream
+  // tells all values itself, or why there are none.
+  async askValues(opening) {
+    try {
+      const response = await fetch('/api/v1/values?lastEvent=1', {cache: 'no-store'});
+      if (!response.ok)
+        return null;
+      const {values, lastEvent} = await response.json();
+      if (this.opening !== opening)
+        return null;
+      this.takeAll(values.map(value => ({...value, heard: Date.now()})));
+      return lastEvent;
+    } catch {
+      return null;
+    }
+  }
+
   async askVariables() {
     this.asksVariables = false;
+    const ask = ++this.asked;
     try {
       const response = await fetch('/api/v1/variables', {cache: 'no-store'});
       if (!response.ok)
         throw new Error(String(response.status));
-      this.variables = (await response.json()).variables;
+      const {variables} = await response.json();
+      if (ask !== this.asked)
+        return; // it was asked again: the configuration was read again meanwhile
+      this.variables = variables;
       this.deliver({kind: 'variables', variables: this.variables});
     } catch {
       this.asksVariables = true; // with the next look at the stream
@@ -166,12 +205,20 @@ export class Feed {
       this.parts.push({...value, heard: now});
     if (data.more)
       return;
-    this.values = new Map();
-    for (const value of this.parts)
-      this.values.set(keyOf(value), value);
+    this.takeAll(this.parts);
     this.parts = [];
-    this.deliver({kind: 'snapshot', values: [...this.values.values()]});
     this.tell('live');
+  }
+
+  // The parts that came are of variables that may be gone.
+  takeReload() {
+    this.parts = [];
+    this.askVariables();
+  }
+
+  takeAll(values) {
+    this.values = new Map(values.map(value => [keyOf(value), value]));
+    this.deliver({kind: 'snapshot', values});
   }
 
   takeValues(values) {

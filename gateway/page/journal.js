@@ -23,7 +23,7 @@ function writeCells(entry) {
   const variable = find(entry.line, entry.name);
   const isArray = (variable?.length ?? 1) > 1 || entry.element > 0;
   const shown = value => shownValue(value, variable?.type ?? '', variable?.unit);
-  const style = {written: 'is-good', 'unknown-outcome': 'is-warn'}[entry.outcome] ?? 'is-bad';
+  const style = {written: 'is-good', 'unknown-outcome': 'is-warn', 'check-failed': ''}[entry.outcome] ?? 'is-bad';
   const name = `${entry.name}${isArray ? `[${entry.element}]` : ''}`;
   return [
     timeText(entry.time),

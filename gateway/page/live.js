@@ -5,7 +5,8 @@ import {Feed, keyOf} from './feed.js';
 
 // A variable has what the gateway lists (line, name, station, tag, element, length, type, unit,
 // writable, minimum, maximum, ...) and its value: value, text (exact digits of 64-bit integers),
-// quality, error, time, ageMs (null: never read).
+// quality, error, time, ageMs (null: never read). What can be written has a revision, which is another
+// one when the name means another element, or is shown otherwise.
 export const plant = {
   variables: [],
   byKey: new Map(),
@@ -36,7 +37,7 @@ function tell(name, data) {
     handler(data);
 }
 
-const kOfValue = ['value', 'text', 'quality', 'error', 'time', 'unit', 'type'];
+const kOfValue = ['value', 'text', 'quality', 'error', 'time', 'unit', 'type', 'revision'];
 
 function takeValue(variable, value) {
   for (const key of kOfValue) {
@@ -55,7 +56,9 @@ function takeSnapshot(values) {
   plant.variables = [];
   for (const value of values) {
     const key = keyOf(value);
-    const variable = before.get(key) ?? {
+    const known = before.get(key);
+    // Where the name means something else now, nothing is left of what it was.
+    const variable = known && known.revision === value.revision ? known : {
       key, length: Array.isArray(value.value) ? value.value.length : 1,
     };
     Object.assign(variable, {line: value.line, name: value.name, station: value.station,
@@ -65,6 +68,7 @@ function takeSnapshot(values) {
     plant.variables.push(variable);
   }
   plant.hasValues = true;
+  takeVariables();
   tell('variables');
   tell('values', plant.variables);
 }
@@ -76,7 +80,8 @@ let listed = [];
 function takeVariables() {
   for (const one of listed) {
     const variable = plant.byKey.get(keyOf(one));
-    if (!variable)
+    // What is listed and the values come apart: they belong together when the revision is the same.
+    if (!variable || variable.revision !== one.revision)
       continue;
     for (const key of kListed)
       variable[key] = one[key];
@@ -126,7 +131,6 @@ function take(message) {
       break;
     case 'snapshot':
       takeSnapshot(message.values);
-      takeVariables();
       break;
     case 'values':
       takeValues(message.values);
@@ -176,7 +180,10 @@ export function start() {
   };
   worker.port.onmessage = event => {
     heard = true;
-    take(event.data);
+    if (event.data.kind === 'there?')
+      worker.port.postMessage('here');
+    else
+      take(event.data);
   };
   addEventListener('pagehide', () => worker.port.postMessage('bye'));
   addEventListener('pageshow', event => {

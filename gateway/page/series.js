@@ -19,10 +19,29 @@ export class Series {
     this.last = [];
   }
 
-  // Points of the history: [time, least, greatest, last], null for no value.
-  replace(points, resolutionMs) {
+  // What the reference means now. Points of what it meant before a reload are of something else.
+  // Gives whether it is something else than before.
+  mean(found) {
+    const of = found?.variable;
+    const identity = of ? JSON.stringify([of.station, of.tag, of.element, of.type, of.unit,
+      of.gain, of.offset, found.element]) : '';
+    const isOther = found !== null && identity !== this.identity;
+    if (isOther && this.identity !== undefined) {
+      this.clear();
+      this.recent = [];
+    }
+    if (isOther)
+      this.identity = identity;
+    this.found = found;
+    return isOther;
+  }
+
+  // Points of the history: [time, least, greatest, last], null for no value. `from`: where they
+  // were asked from; a value that holds there was there before.
+  replace(points, resolutionMs, from = null) {
     this.clear();
     this.resolutionMs = resolutionMs;
+    this.from = from;
     for (const [time, least, greatest, last] of points)
       this.append(time, least ?? NaN, greatest ?? NaN, last ?? NaN);
   }
@@ -63,6 +82,8 @@ export class Series {
   // Forgets what is before a time, but for the point that still holds then.
   forgetBefore(time) {
     const count = Math.max(0, this.indexAt(time));
+    if (count > 0)
+      this.times[count] = this.times[this.beginAt(count)];
     for (const list of [this.times, this.least, this.greatest, this.last])
       list.splice(0, count);
   }
@@ -81,13 +102,26 @@ export class Series {
     return low - 1;
   }
 
-  // {time, least, greatest, last} at a time, null in a gap.
+  // The index of the point since which the value of a point holds. A value is told again and again,
+  // and what the history gives ends with a point that is no change.
+  beginAt(index) {
+    let begin = index;
+    while (begin > 0 && this.last[begin - 1] === this.last[begin] &&
+        this.least[begin] === this.greatest[begin])
+      --begin;
+    return begin;
+  }
+
+  // {time, isBefore, least, greatest, last} at a time, null in a gap. The value holds since `time`
+  // or, with isBefore, since some time before it.
   at(time) {
     const index = this.indexAt(time);
     if (index < 0 || Number.isNaN(this.last[index]))
       return null;
+    const begin = this.times[this.beginAt(index)];
+    const isBefore = begin === this.from;
     return {
-      time: this.times[index], least: this.least[index], greatest: this.greatest[index],
+      time: isBefore ? begin + this.resolutionMs : begin, isBefore, least: this.least[index], greatest: this.greatest[index],
       last: this.last[index],
     };
   }

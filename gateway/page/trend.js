@@ -2,6 +2,7 @@
 import {get} from './api.js';
 import {Chart, loadCharts, penOf} from './chart.js';
 import {element, setText} from './dom.js';
+import {isIntegerType} from './exact.js';
 import {numberText, timeText, visible} from './format.js';
 import {find, on, plant} from './live.js';
 import {candidates, Picker} from './picker.js';
@@ -51,6 +52,13 @@ function drawn(variable, index) {
   if (variable.quality !== 'good' || value === null || typeof value === 'string')
     return NaN;
   return Number(value);
+}
+
+// Trends are drawn with numbers that hold 53 bits: of a larger integer they have not all digits.
+export function trendText(number, type) {
+  const shown = numberText(number, type);
+  const isRounded = isIntegerType(type) && Number.isFinite(number) && Math.abs(number) >= 2 ** 53;
+  return isRounded ? text('trend.about', {number: shown}) : shown;
 }
 
 // How far the gateway's clock is ahead of this browser's. It tells seconds only, so less than two
@@ -215,11 +223,12 @@ class Trend {
     const point = series.problem ? null : series.at(time);
     const type = series.found?.variable.type ?? '';
     const unit = series.unit ? ` ${visible(series.unit)}` : '';
-    const shown = number => (point ? numberText(number, type) + unit : '–');
+    const shown = number => (point ? trendText(number, type) + unit : '–');
     setText(cells.value, series.problem ? visible(series.problem) : shown(point?.last));
     setText(cells.least, shown(point?.least));
     setText(cells.greatest, shown(point?.greatest));
-    setText(cells.time, point ? timeText(point.time) : '–');
+    const since = point ? timeText(point.time) : '–';
+    setText(cells.time, point?.isBefore ? text('trend.before', {time: since}) : since);
   }
 
   makeLegend() {
@@ -269,8 +278,9 @@ class Trend {
     let isNew = false;
     for (const series of this.series) {
       const found = findReference(series.variable.label, find);
-      isNew = isNew || (found !== null && !series.found);
-      series.found = found;
+      const wasThere = series.found !== null;
+      const isOther = series.mean(found);
+      isNew = isNew || (found !== null && (isOther || !wasThere));
       if (found)
         series.unit = found.variable.unit ?? '';
       series.problem = found || !plant.hasValues ? '' : text('trend.unknown');
@@ -431,7 +441,7 @@ class Trend {
       query.signal);
       if (query.signal.aborted)
         return null;
-      series.replace(answer.points, answer.resolutionMs);
+      series.replace(answer.points, answer.resolutionMs, from);
       series.takeRecent(this.isLive() ? Infinity : to);
       return null;
     } catch (problem) {

@@ -137,6 +137,12 @@ function cell(name, ...children) {
   return element('div', {class: `cell ${name}`, role: 'cell'}, children);
 }
 
+// A reason that there is no room for is shown whole to who touches it or reaches it by the keyboard.
+function showReason(node, told, isReason) {
+  setText(node, told);
+  setAttribute(node, 'tabindex', told && isReason ? '0' : null);
+}
+
 class GroupRow {
   constructor() {
     this.name = element('span');
@@ -155,7 +161,7 @@ class GroupRow {
     const state = station?.state ?? (line && !line.up ? 'down' : '');
     setClass(this.word, state ? `word ${stateClass(state)}` : '');
     setText(this.word, state ? wordFor('state', visible(state)) : '');
-    setText(this.reason, visible(station?.problem ?? line?.error ?? ''));
+    showReason(this.reason, visible(station?.problem ?? line?.error ?? ''), true);
   }
 }
 
@@ -237,7 +243,7 @@ class ValueRow {
     setText(this.word, wordFor('quality', isLost ? 'lost' : quality));
     setAttribute(this.word, 'title', error ? visible(error) : null);
     const detail = this.detailText();
-    setText(this.detail, detail);
+    showReason(this.detail, detail, Boolean(error) && this.variable.quality !== 'good');
     setAttribute(this.nameCell, 'title', detail ? `${this.label}: ${detail}` : this.label);
   }
 

@@ -1,21 +1,19 @@
 // The shared worker: one stream of events for all tabs of this browser.
 import {Feed} from './feed.js';
+import {Ports} from './ports.js';
 
-const ports = new Set();
+const kAskMs = 60000;
+const ports = new Ports();
 let feed = null;
+
+setInterval(() => ports.ask(), kAskMs);
 
 self.onconnect = event => {
   const port = event.ports[0];
   port.onmessage = message => {
-    if (message.data === 'bye') {
-      ports.delete(port);
+    if (!ports.take(port, message.data))
       return;
-    }
-    ports.add(port);
-    feed ??= new Feed(news => {
-      for (const one of ports)
-        one.postMessage(news);
-    });
+    feed ??= new Feed(news => ports.post(news));
     feed.join();
     for (const news of feed.latest())
       port.postMessage(news);

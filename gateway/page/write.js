@@ -8,6 +8,9 @@ import {ageOf, find, on, plant} from './live.js';
 import {logInAddress} from './session.js';
 import {locale, text, wordFor} from './texts.js';
 
+// The gateway takes a ticket for a minute.
+const kTicketMs = 45000;
+
 const decimalSign = new Intl.NumberFormat(locale).formatToParts(1.5)
   .find(part => part.type === 'decimal')?.value ?? '.';
 
@@ -35,6 +38,11 @@ export function reasonOf(problem, wasSent) {
   return problem.code ? `${word}: ${visible(problem.detail)}` : visible(problem.detail);
 }
 
+// What a person looks at while typing: when it changes, the new value was not meant for it.
+function seenOf({revision, type, minimum, maximum}) {
+  return {revision, type, minimum, maximum};
+}
+
 class WriteDialog {
   constructor(variable, index) {
     this.line = variable.line;
@@ -43,7 +51,8 @@ class WriteDialog {
     this.index = index ?? (this.length > 1 ? 0 : null);
     this.isBusy = false;
     // The gateway writes only what the person has seen here.
-    this.seen = {station: variable.station, tag: variable.tag, first: variable.element};
+    this.seen = seenOf(variable);
+    this.isOver = false;
     this.root = element('dialog', {class: 'write', 'aria-labelledby': 'write-title',
       oncancel: event => {
         if (this.isBusy)
@@ -93,7 +102,23 @@ class WriteDialog {
     return `${text(`quality.${quality}`)}, ${text('ago', {age: ageText(ageOf(variable))})}`;
   }
 
+  // Another variable may have the name after the configuration was read again.
+  isAnother() {
+    const variable = this.variable();
+    if (!variable)
+      return false;
+    const now = seenOf(variable);
+    this.seen.type ||= now.type; // told with the first value
+    now.type ||= this.seen.type;
+    return Object.keys(now).some(key => now[key] !== this.seen[key]);
+  }
+
   refresh() {
+    // While a write is under way its answer tells what became of it.
+    if (!this.isBusy && !this.isOver && this.isAnother()) {
+      this.showChanged();
+      return;
+    }
     if (this.current)
       setText(this.current, this.currentText());
     if (this.state)
@@ -127,8 +152,8 @@ class WriteDialog {
     this.isBusy = isBusy;
     for (const button of this.made)
       button.disabled = isBusy;
-    if (this.field)
-      this.field.disabled = isBusy;
+    for (const field of this.root.querySelectorAll('input, select'))
+      field.disabled = isBusy;
     this.root.setAttribute('aria-busy', String(isBusy));
   }
 
@@ -208,7 +233,8 @@ class WriteDialog {
 
   // `ticket`: that of the check, for one write; null asks for a check.
   request(json, ticket) {
-    const more = {...this.seen, ...(ticket === null ? {check: true} : {ticket})};
+    const {revision, type} = this.seen;
+    const more = {revision, type: type ?? undefined, ...(ticket === null ? {check: true} : {ticket})};
     if (this.index !== null)
       more.element = this.index;
     const parts = [`"value":${json}`];
@@ -225,7 +251,6 @@ class WriteDialog {
       return;
     const variable = this.variable();
     const typed = this.field.value;
-    this.seen.type = variable?.type ?? undefined;
     const scaled = variable?.gain !== undefined || variable?.offset !== undefined;
     const input = valueFromInput(typed, this.type(), scaled, decimalSign);
     if (input.problem) {
@@ -241,11 +266,16 @@ class WriteDialog {
         this.showForbidden();
         return;
       }
+      this.checked = Date.now();
       const reply = await this.request(input.json, null);
       this.isBusy = false;
       this.showConfirmation(typed, input.json, reply);
     } catch (problem) {
       this.setBusy(false);
+      if (problem.code === 'changed') {
+        this.showChanged();
+        return;
+      }
       this.refuse(problem instanceof Problem ? reasonOf(problem, false) : problem.message);
     }
   }
@@ -272,7 +302,7 @@ class WriteDialog {
         this.buttons(
           element('button', {type: 'button', onclick: () => {
             this.showInput(typed);
-            this.field.focus();
+            this.field?.focus();
           }}, text('write.back')),
           element('button', {type: 'button', class: 'primary', onclick: () => this.write(json, reply.ticket)},
             text('write.write'))),
@@ -283,24 +313,34 @@ class WriteDialog {
     this.title.focus();
   }
 
+  // The ticket of the check; that of another one when a person has thought about it for long.
+  async goodTicket(json, ticket) {
+    const age = Date.now() - this.checked;
+    return age >= 0 && age < kTicketMs ? ticket : (await this.request(json, null)).ticket;
+  }
+
   async write(json, ticket) {
     if (this.isBusy)
       return;
     this.setBusy(true);
     setText(this.problem, text('write.writing'));
+    let wasSent = false;
     try {
-      const reply = await this.request(json, ticket);
+      const good = await this.goodTicket(json, ticket);
+      wasSent = true;
+      const reply = await this.request(json, good);
       this.isBusy = false;
       this.showWritten(reply);
     } catch (problem) {
       this.isBusy = false;
-      this.showFailed(problem);
+      this.showFailed(problem, wasSent);
     }
   }
 
   // --- The third step: what became of it
 
   showWritten(reply) {
+    this.isOver = true;
     const unit = this.variable()?.unit;
     const shown = value => shownValue(value, this.type(), unit);
     const isSame = reply.verified !== false;
@@ -313,14 +353,30 @@ class WriteDialog {
     this.made[0].focus();
   }
 
-  showFailed(problem) {
+  // Nothing of what was typed is kept: it was meant for another variable.
+  showChanged() {
+    this.isOver = true;
+    this.field = null;
+    this.fill(() => [
+      element('p', {class: 'outcome is-bad', role: 'status'}, text('write.changed')),
+      this.buttons(this.closeButton('write.close')),
+    ]);
+    this.made[0].focus();
+  }
+
+  showFailed(problem, wasSent) {
+    if (problem.code === 'changed') {
+      this.showChanged();
+      return;
+    }
+    this.isOver = true;
     const isKnown = problem instanceof Problem;
-    const isUnknown = !isKnown || problem.code === 'unknown-outcome' ||
-      problem.code === 'repeated' || isWithoutAnswer(problem);
+    const isUnknown = wasSent && (!isKnown || problem.code === 'unknown-outcome' ||
+      problem.code === 'repeated' || isWithoutAnswer(problem));
     this.fill(() => [
       element('p', {class: 'outcome is-bad', role: 'status'},
         text(isUnknown ? 'write.unknown' : 'write.failed')),
-      element('p', {}, isKnown ? reasonOf(problem, true) : problem.message),
+      element('p', {}, isKnown ? reasonOf(problem, wasSent) : problem.message),
       this.buttons(this.closeButton('write.close')),
     ]);
     this.made[0].focus();

@@ -8,16 +8,17 @@
 
 namespace micro850::gateway {
 
-/// Slows down who shows wrong tokens, for each address by itself: after three, no further one is
-/// looked at for 1 s, then for 2 s, and so on up to 60 s. A right one clears the account; so do ten
-/// minutes without a wrong one.
+/// Slows down who shows wrong tokens, for each address by itself: after three, a further one has to
+/// wait for 1 s, then for 2 s, and so on up to 60 s. A right one does not wait, since others may
+/// have the same address, and nobody guesses a token of 256 bits. One between two waits clears the
+/// account; so do ten minutes without a wrong one.
 class AttemptLimit
 {
 public:
     /// The clock must outlive it.
     explicit AttemptLimit(const Clock& clock) : m_clock(clock) {}
 
-    /// How long the address has to wait; 0: its next token is looked at.
+    /// How long the address has to wait before its next wrong token is answered so; 0: not at all.
     Duration wait(const QByteArray& address) const;
     void noteWrong(const QByteArray& address);
     void noteRight(const QByteArray& address) { m_accounts.remove(keyOf(address)); }

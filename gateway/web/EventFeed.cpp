@@ -37,33 +37,75 @@ EventFeed::~EventFeed()
 void EventFeed::addRoutes(Router& router)
 {
     const auto answer = [this](const HttpExchangePointer& exchange, const Caller& caller) {
-        expectKeys(exchange->request(), {});
+        const HttpRequest& request = exchange->request();
+        expectKeys(request, {QStringLiteral("after")});
         HttpResponse response;
         response.type = "text/event-stream";
         response.headers.append(HttpHeader{"Cache-Control", "no-store"});
         response.headers.append(HttpHeader{"X-Accel-Buffering", "no"}); // of a reverse proxy
-        if (exchange->request().method != "HEAD")
-            response.stream = open(caller, exchange->request().header("last-event-id"));
+        // A browser that connects again sends both: then it has got events.
+        const QByteArray lastId = request.header("last-event-id");
+        const QByteArray after = request.queryText(QStringLiteral("after")).toUtf8();
+        if (request.method != "HEAD")
+            response.stream = lastId.isEmpty() && !after.isEmpty() ? openAfter(caller, after)
+                                                                   : open(caller, lastId);
         exchange->answer(std::move(response));
     };
     router.add("GET", "/api/v1/events", answer);
 }
 
-std::shared_ptr<HttpStream> EventFeed::open(const Caller& caller, const QByteArray& lastId)
+std::shared_ptr<EventStream> EventFeed::newStream(const Caller& caller)
 {
-    if (!isNeeded())
-        forgetAll();
     auto stream = std::make_shared<EventStream>(
         m_log, caller, [this](EventStream* gone) { m_streams.erase(gone); });
     m_streams.insert(stream.get());
-    isNeeded(); // from now on, also when it goes at once
-    m_isKept = true;
-    const std::optional<qint64> last = m_log.numberOf(lastId);
-    if (last && *last + 1 >= m_log.firstKept())
-        stream->resume(*last + 1);
-    else
-        stream->begin(!lastId.isEmpty() && (!last || *last < m_lastReload));
     return stream;
+}
+
+std::shared_ptr<HttpStream> EventFeed::open(const Caller& caller, const QByteArray& lastId)
+{
+    keepFromNowOn();
+    const auto stream = newStream(caller);
+    const std::optional<qint64> last = m_log.numberOf(lastId);
+    if (const std::optional<qint64> next = kept(lastId))
+        stream->resume(*next);
+    else
+        stream->begin(!lastId.isEmpty() && (!last || *last < m_log.lastReload()));
+    return stream;
+}
+
+std::shared_ptr<HttpStream> EventFeed::openAfter(const Caller& caller, const QByteArray& id)
+{
+    keepFromNowOn();
+    const auto stream = newStream(caller);
+    if (const std::optional<qint64> next = kept(id)) {
+        stream->resume(*next);
+        stream->catchUp();
+    } else {
+        stream->begin(true);
+    }
+    return stream;
+}
+
+std::optional<qint64> EventFeed::kept(const QByteArray& lastId) const
+{
+    const std::optional<qint64> last = m_log.numberOf(lastId);
+    return last && *last + 1 >= m_log.firstKept() ? std::optional(*last + 1) : std::nullopt;
+}
+
+QByteArray EventFeed::lastEvent()
+{
+    keepFromNowOn();
+    return m_log.idOf(m_log.last());
+}
+
+// Also when the reader goes at once.
+void EventFeed::keepFromNowOn()
+{
+    if (!isNeeded())
+        forgetAll();
+    m_neededUntil = m_context.clock.now() + kNeededFor;
+    m_isKept = true;
 }
 
 // True when somebody reads, or may come back.
@@ -155,7 +197,6 @@ void EventFeed::handleReload()
     m_isChanged.fill(false, m_context.index.size());
     m_log.handleReload();
     m_log.append(RecentEvents::Kind::Reloaded, "reloaded", "{}");
-    m_lastReload = m_log.last();
     for (EventStream* stream : m_streams)
         stream->handleReload();
     wakeAll();

@@ -29,8 +29,13 @@ public:
     void addRoutes(Router& router);
     int readers() const { return static_cast<int>(m_streams.size()); }
 
+    /// The id of the last event. What happens from now on is kept for a reader that begins after
+    /// it.
+    QByteArray lastEvent();
     /// A new reader. `lastId` is the id of the last event that it got; empty: none.
     std::shared_ptr<HttpStream> open(const Caller& caller, const QByteArray& lastId);
+    /// A new reader that knows all values as they were with the event `id`, or newer ones.
+    std::shared_ptr<HttpStream> openAfter(const Caller& caller, const QByteArray& id);
 
     void addValue(int number);
     /// `event` is "state" or "notice".
@@ -47,6 +52,10 @@ public:
     void tellTimes();
 
 private:
+    std::shared_ptr<EventStream> newStream(const Caller& caller);
+    /// The number after that of the event, when it is kept or the next one.
+    std::optional<qint64> kept(const QByteArray& lastId) const;
+    void keepFromNowOn();
     void forgetAll();
     void endUnwanted();
     void wakeAll();
@@ -57,7 +66,6 @@ private:
     RecentEvents m_log;
     qint64 m_lastAges = 0;
     qint64 m_lastStatus = 0;
-    qint64 m_lastReload = 0;
     QVector<int> m_changed; ///< variables with a new value for the next event
     QVector<bool> m_isChanged;
     std::unordered_set<EventStream*> m_streams;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace micro850::gateway {
 
@@ -20,19 +21,22 @@ void EventStream::begin(bool anew)
     startPass(true);
 }
 
+// Its reader takes values for fresh again when it hears of ages: so these come when it has got all
+// that it missed. After a reload they would be those of other variables; then a snapshot comes.
 void EventStream::resume(qint64 number)
 {
     m_text = "retry: 1000\n\n";
     m_next = number;
     m_valuesUpTo = number - 1;
     m_catchUpTo = number - 1;
-    // Ages that were told meanwhile are not kept.
-    m_text += m_log->encoded("ages", m_log->agesText(), number - 1);
+    m_missedUpTo = m_log->last();
+    m_owesAges = number > m_log->lastReload();
 }
 
 void EventStream::handleReload()
 {
     m_inPass = false;
+    m_owesAges = false;
     m_next = std::min(m_next, m_log->last());
     m_valuesUpTo = m_catchUpTo = m_log->last();
 }
@@ -58,12 +62,15 @@ int EventStream::read(char* bytes, int size)
 // Empty when there is nothing now.
 QByteArray EventStream::next()
 {
-    while (m_inPass || m_next <= m_log->last()) {
+    for (;;) {
+        if (!m_inPass && m_next > m_missedUpTo && std::exchange(m_owesAges, false))
+            return m_log->encoded("ages", m_log->agesText(), m_next - 1);
+        if (!m_inPass && m_next > m_log->last())
+            return QByteArray();
         const QByteArray text = m_inPass ? nextOfPass() : nextOfLog();
         if (!text.isEmpty())
             return text;
     }
-    return QByteArray();
 }
 
 void EventStream::startPass(bool isSnapshot)
@@ -73,16 +80,19 @@ void EventStream::startPass(bool isSnapshot)
     m_since = isSnapshot ? -1 : m_valuesUpTo;
     m_passBegan = m_log->last();
     m_variable = 0;
-    if (isSnapshot)
-        m_next = m_passBegan + 1;
+    if (!isSnapshot)
+        return;
+    m_next = m_passBegan + 1;
+    m_owesAges = false;
 }
 
 // Empty when nothing of the event is for this reader.
 QByteArray EventStream::nextOfLog()
 {
     if (m_next < m_log->firstKept()) {
+        const bool missedReload = m_next <= m_log->lastReload();
         startPass(true);
-        return QByteArray();
+        return missedReload ? m_log->encoded("reloaded", "{}", 0) : QByteArray();
     }
     const RecentEvents::Event& event = m_log->event(m_next);
     const bool hasValues = event.kind == RecentEvents::Kind::Values;
@@ -96,6 +106,11 @@ QByteArray EventStream::nextOfLog()
         return event.bytes;
     }
     if (hasValues && number <= m_valuesUpTo)
+        return QByteArray();
+    // Of a time when this reader was away: nobody has made any since.
+    const bool tellsTimes =
+        event.kind == RecentEvents::Kind::Ages || event.kind == RecentEvents::Kind::Status;
+    if (tellsTimes && number <= m_missedUpTo)
         return QByteArray();
     m_valuesUpTo = std::max(m_valuesUpTo, number);
     return event.bytes;

@@ -30,6 +30,9 @@ public:
     void begin(bool anew);
     /// Goes on with the event of this number, which is kept.
     void resume(qint64 number);
+    /// Its reader may know newer values than those of the events up to now: it gets the newest
+    /// ones.
+    void catchUp() { m_catchUpTo = m_missedUpTo; }
     /// Numbers of variables are no longer valid.
     void handleReload();
     const Caller& caller() const { return m_caller; }
@@ -54,6 +57,8 @@ private:
     qint64 m_valuesUpTo = 0;
     /// Values of events up to this one are sent by a pass.
     qint64 m_catchUpTo = 0;
+    qint64 m_missedUpTo = 0; ///< the last event that it missed while it was away
+    bool m_owesAges = false; ///< as soon as those are sent
 
     bool m_inPass = false;
     bool m_isSnapshot = false;

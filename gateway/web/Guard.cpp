@@ -4,6 +4,7 @@
 #include "HostNames.h"
 #include "LoginPage.h"
 #include "Problem.h"
+#include "RareLog.h"
 #include "Sessions.h"
 #include "TokenFile.h"
 #include "UserError.h"
@@ -151,13 +152,15 @@ HttpResponse redirection(const QByteArray& to)
 class Guard::Private
 {
 public:
-    Private(const Clock& clock, const WallClock& wallClock)
-        : m_wallClock(wallClock), m_logins(clock), m_programs(clock)
+    Private(const Clock& clock, const WallClock& wallClock, Warn warn)
+        : m_wallClock(wallClock), m_logins(clock), m_programs(clock),
+          m_refusals(clock, std::move(warn))
     {
     }
 
     void change(const WebSettings& settings, const QByteArray& token);
     std::variant<Caller, HttpResponse> admit(const HttpRequest& request);
+    const GuardCounters& counters() const { return m_counters; }
     bool isStillAdmitted(const Caller& caller) const;
     HttpResponse showLogin(const HttpRequest& request, LoginNotice notice, int waitSeconds) const;
     HttpResponse login(const HttpRequest& request);
@@ -165,6 +168,8 @@ public:
     HttpResponse session(const Caller& caller) const;
 
 private:
+    std::variant<Caller, HttpResponse> decide(const HttpRequest& request);
+    void noteRefusal(const HttpRequest& request, const char* what);
     /// What can be decided without the names of a person or a program.
     std::optional<HttpResponse> refusalOfPlace(const HttpRequest& request) const;
     std::optional<HttpResponse> refusalOfToken(const HttpRequest& request, const QByteArray& token);
@@ -182,6 +187,8 @@ private:
     AttemptLimit m_programs;
     WebSettings m_settings;
     std::optional<HostNames> m_names;
+    RareLog m_refusals;
+    GuardCounters m_counters;
     QByteArray m_token;
     QByteArray m_mark; ///< of the token
     std::optional<Sessions> m_sessions;
@@ -251,13 +258,17 @@ std::optional<HttpResponse> Guard::Private::refusalOfPlace(const HttpRequest& re
 std::optional<HttpResponse> Guard::Private::refusalOfToken(const HttpRequest& request,
                                                            const QByteArray& token)
 {
+    // The right one is always taken: else whoever shares an address could lock others out. It
+    // cannot be guessed, however many are looked at.
     const Duration wait = m_programs.wait(request.address);
-    if (wait > Duration(0))
-        return mustWait(wait);
     if (areSame(token, m_token)) {
-        m_programs.noteRight(request.address);
+        if (wait == Duration(0))
+            m_programs.noteRight(request.address);
         return std::nullopt;
     }
+    ++m_counters.logins;
+    if (wait > Duration(0))
+        return mustWait(wait);
     m_programs.noteWrong(request.address);
     return needsToken("this is not the token of the gateway");
 }
@@ -280,7 +291,30 @@ std::optional<HttpResponse> Guard::Private::refusalOfNobody(const HttpRequest& r
     return needsToken("the token is needed: log in, or send Authorization: Bearer TOKEN");
 }
 
+// Nothing of what was typed or asked for is told.
+void Guard::Private::noteRefusal(const HttpRequest& request, const char* what)
+{
+    m_refusals.note(request.address,
+                    QStringLiteral("web %1: %2")
+                        .arg(QString::fromLatin1(request.address), QLatin1String(what)));
+}
+
 std::variant<Caller, HttpResponse> Guard::Private::admit(const HttpRequest& request)
+{
+    const qint64 before = m_counters.logins;
+    const std::variant<Caller, HttpResponse> admitted = decide(request);
+    if (std::holds_alternative<Caller>(admitted))
+        return admitted;
+    if (!isSafe(request.method)) {
+        ++m_counters.changes;
+        noteRefusal(request, "a change was refused");
+    } else if (m_counters.logins != before) {
+        noteRefusal(request, "a wrong token was refused");
+    }
+    return admitted;
+}
+
+std::variant<Caller, HttpResponse> Guard::Private::decide(const HttpRequest& request)
 {
     if (std::optional<HttpResponse> refusal = refusalOfPlace(request))
         return *refusal;
@@ -356,13 +390,16 @@ HttpResponse Guard::Private::login(const HttpRequest& request)
     if (!isOwn)
         return showLogin(request, LoginNotice::TooOld, 0);
     const Duration wait = m_logins.wait(request.address);
-    if (wait > Duration(0))
-        return showLogin(request, LoginNotice::Wait, wholeSeconds(wait));
     if (!areSame(formField(request, "token").trimmed(), m_token)) {
+        ++m_counters.logins;
+        noteRefusal(request, "a login was refused");
+        if (wait > Duration(0))
+            return showLogin(request, LoginNotice::Wait, wholeSeconds(wait));
         m_logins.noteWrong(request.address);
         return showLogin(request, LoginNotice::WrongToken, 0);
     }
-    m_logins.noteRight(request.address);
+    if (wait == Duration(0))
+        m_logins.noteRight(request.address);
     HttpResponse response =
         redirection('/' + viewOf(QString::fromUtf8(formField(request, "view"))));
     const int kSecond = 1000;
@@ -393,8 +430,8 @@ HttpResponse Guard::Private::session(const Caller& caller) const
     return jsonResponse(body);
 }
 
-Guard::Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock)
-    : m_private(std::make_unique<Private>(clock, wallClock))
+Guard::Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock, Warn warn)
+    : m_private(std::make_unique<Private>(clock, wallClock, std::move(warn)))
 {
     change(settings);
 }
@@ -419,6 +456,11 @@ std::variant<Caller, HttpResponse> Guard::admit(const HttpRequest& request)
 bool Guard::isStillAdmitted(const Caller& caller) const
 {
     return m_private->isStillAdmitted(caller);
+}
+
+GuardCounters Guard::counters() const
+{
+    return m_private->counters();
 }
 
 void Guard::addRoutes(Router& router)

@@ -10,14 +10,24 @@
 
 namespace micro850::gateway {
 
+/// What was refused since the guard was made.
+struct GuardCounters
+{
+    qint64 logins = 0;  ///< wrong tokens, typed or sent, and those that came too soon after them
+    qint64 changes = 0; ///< requests that would change something, without the right to
+};
+
 /// Decides who may do what, before anything else looks at a request: the name by which the server
 /// was called (against rebinding of names), where the page came from, token or session.
 class Guard
 {
 public:
-    /// Reads the token file. The clocks must outlive it. Throws UserError for a token file that
-    /// others can read or that has no token, and for settings that would let others in without one.
-    Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock);
+    using Warn = std::function<void(const QString& line)>;
+    /// Reads the token file. The clocks must outlive it. `warn` logs what is refused. Throws
+    /// UserError for a token file that others can read or that has no token, and for settings that
+    /// would let others in without one.
+    Guard(const WebSettings& settings, const Clock& clock, const WallClock& wallClock,
+          Warn warn = nullptr);
     ~Guard();
     Guard(const Guard&) = delete;
     Guard& operator=(const Guard&) = delete;
@@ -34,6 +44,7 @@ public:
     /// False when the session of the caller is over, or the token has changed: what he still reads
     /// has to end.
     bool isStillAdmitted(const Caller& caller) const;
+    GuardCounters counters() const;
 
     /// The routes "/login" (GET, POST), "/logout" (POST) and "/api/v1/session" (GET).
     void addRoutes(Router& router);

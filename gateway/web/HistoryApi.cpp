@@ -1,5 +1,6 @@
 #include "HistoryApi.h"
 
+#include "JsonList.h"
 #include "Message.h"
 #include "Problem.h"
 #include "RecordObjects.h"
@@ -16,6 +17,7 @@ namespace micro850::gateway {
 namespace {
 
 const int kMostQueries = 32;
+const int kLookMs = 100;
 const int kMostPoints = 4000;
 const int kMostRecords = 1000;
 const qint64 kUsualSpanMs = qint64{10} * 60 * 1000;
@@ -116,15 +118,37 @@ HttpResponse csvTrend(const TrendQuery& query, const TrendAnswer& answer)
     return response;
 }
 
+QByteArray beginOf(const char* key)
+{
+    return QByteArray("{\"") + key + "\":[";
+}
+
 HttpResponse recordsResponse(const char* key, const std::vector<Json>& records)
 {
-    Json list = Json::array();
-    for (const Json& record : records)
-        list.push_back(withExactTexts(record));
-    return jsonResponse({{key, std::move(list)}});
+    HttpResponse response = jsonResponse(Json());
+    response.body = beginOf(key);
+    const char* separator = "";
+    for (const Json& record : records) {
+        response.body += separator + jsonText(withExactTexts(record));
+        separator = ",";
+    }
+    response.body += "]}";
+    return response;
 }
 
 } // namespace
+
+HistoryApi::HistoryApi(WebContext& context) : m_context(context)
+{
+    m_look.setInterval(kLookMs);
+    QObject::connect(&m_look, &QTimer::timeout, [this] { endUnwanted(); });
+}
+
+HistoryApi::~HistoryApi()
+{
+    for (const Waiting& query : qAsConst(m_queries))
+        *query.isUnwanted = true;
+}
 
 void HistoryApi::addRoutes(Router& router)
 {
@@ -152,24 +176,40 @@ void HistoryApi::addWrite(const JournalEntry& entry)
     m_writes.add(entry.time, objectOf(entry));
 }
 
-void HistoryApi::countQuery()
+template<typename Query> qint64 HistoryApi::begin(const HttpExchangePointer& exchange, Query& query)
 {
-    if (m_queries >= kMostQueries)
+    if (m_queries.size() >= kMostQueries)
         throw RequestError(errorcode::kBusy,
                            std::to_string(kMostQueries) + " queries of the history wait already");
-    ++m_queries;
+    const auto isUnwanted = std::make_shared<std::atomic<bool>>(false);
+    query.isUnwanted = isUnwanted;
+    m_queries.insert(++m_lastQuery, {exchange, isUnwanted});
+    if (!m_look.isActive())
+        m_look.start();
+    return m_lastQuery;
+}
+
+// One after the other is answered: what nobody waits for is not to hold up the others.
+void HistoryApi::endUnwanted()
+{
+    for (const Waiting& query : qAsConst(m_queries)) {
+        if (!query.exchange->isWanted())
+            *query.isUnwanted = true;
+    }
+    if (m_queries.isEmpty())
+        m_look.stop();
 }
 
 void HistoryApi::answerTrend(const HttpExchangePointer& exchange)
 {
-    const TrendRequest request = trendRequestOf(exchange->request(), m_context);
-    countQuery();
+    TrendRequest request = trendRequestOf(exchange->request(), m_context);
+    const qint64 number = begin(exchange, request.query);
     m_context.history.trend(
-        request.query,
-        [this, exchange, request, alive = std::weak_ptr<bool>(m_alive)](const TrendAnswer& answer) {
+        request.query, [this, exchange, request, number,
+                        alive = std::weak_ptr<bool>(m_alive)](const TrendAnswer& answer) {
             if (alive.expired())
                 return;
-            --m_queries;
+            m_queries.remove(number);
             if (!answer.errorCode.isEmpty())
                 return exchange->answer(problemOf({{"code", answer.errorCode.toStdString()},
                                                    {"text", answer.errorText.toStdString()}}));
@@ -189,16 +229,18 @@ void HistoryApi::answerRecords(const HttpExchangePointer& exchange, RecordQuery 
     query.limit =
         static_cast<int>(numberOf(request, QStringLiteral("limit"), 1, kMostRecords, kMostRecords));
     const auto fromMemory = [exchange, query, key, &recent] {
-        exchange->answer(recordsResponse(key, recent.newest(query.from, query.to, query.limit)));
+        const QVector<QByteArray> records = recent.newest(query.from, query.to, query.limit);
+        exchange->answer(listResponse(
+            {beginOf(key), records.size(), [records](int i) { return records.at(i); }}));
     };
     if (m_context.history.status().value("state", std::string()) == "off")
         return fromMemory();
-    countQuery();
-    const auto answered = [this, exchange, key, fromMemory,
+    const qint64 number = begin(exchange, query);
+    const auto answered = [this, exchange, key, fromMemory, number,
                            alive = std::weak_ptr<bool>(m_alive)](const HistoryAnswer& answer) {
         if (alive.expired())
             return;
-        --m_queries;
+        m_queries.remove(number);
         if (answer.errorCode.isEmpty())
             exchange->answer(recordsResponse(key, answer.values));
         else

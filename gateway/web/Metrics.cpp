@@ -104,6 +104,10 @@ const QVector<MetricFamily>& allFamilies()
          "Connections closed because headers or a body did not come."},
         {"micro850_http_requests_total", "counter", "Requests to the web server."},
         {"micro850_http_responses_total", "counter", "Responses by their status."},
+        {"micro850_http_refused_logins_total", "counter",
+         "Wrong tokens, typed or sent, and those that came too soon after them."},
+        {"micro850_http_refused_changes_total", "counter",
+         "Requests refused that would change something, without the right to."},
         {"process_resident_memory_bytes", "gauge", "Memory of the service without its workers."},
         {"process_virtual_memory_bytes", "gauge", "Address space of the service."},
         {"process_cpu_seconds_total", "counter", "Processor time of the service."},
@@ -500,6 +504,11 @@ MetricNumbers Metrics::Private::ownCounters() const
             addCounter(counts, "micro850_writes_total", {{"line", line}, {"outcome", count.key()}},
                        static_cast<double>(*count));
     };
+    const GuardCounters refused = m_needs.guard ? m_needs.guard() : GuardCounters();
+    addCounter(counts, "micro850_http_refused_logins_total", {},
+               static_cast<double>(refused.logins));
+    addCounter(counts, "micro850_http_refused_changes_total", {},
+               static_cast<double>(refused.changes));
     for (int line = 0; line < m_names.size(); ++line) {
         addCounter(counts, "micro850_value_changes_total", {{"line", m_names.at(line)}},
                    static_cast<double>(m_counts.at(line).changes));

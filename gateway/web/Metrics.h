@@ -1,6 +1,7 @@
 #ifndef MICRO850_GATEWAY_WEB_METRICS_H
 #define MICRO850_GATEWAY_WEB_METRICS_H
 
+#include "Guard.h"
 #include "HttpServer.h"
 #include "LineService.h"
 #include "MetricsText.h"
@@ -21,6 +22,7 @@ struct MetricsNeeds
     std::function<HttpCounters()> server;
     /// How many read the events now; null: nobody can.
     std::function<int()> eventReaders = nullptr;
+    std::function<GuardCounters()> guard = nullptr; ///< null: nobody is refused
 };
 
 /// Numbers for monitoring systems, and whether the service runs and is ready. Counters never go

@@ -1,10 +1,12 @@
 #include "PageFiles.h"
 
+#include "Compression.h"
 #include "Problem.h"
 
 #include <QtCore/QCryptographicHash>
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 
 #include <algorithm>
 #include <array>
@@ -65,14 +67,11 @@ PageFiles::PageFiles(QString charts) : m_charts(std::move(charts))
         QFile file(folder.filePath(name));
         if (!file.open(QIODevice::ReadOnly))
             continue;
-        File& kept = m_files[name];
-        kept.type = typeOf(name);
-        kept.bytes = file.readAll();
-        kept.tag = tagOf(kept.bytes);
+        m_files[name] = fileOf(name, file.readAll());
     }
 }
 
-void PageFiles::addRoutes(Router& router) const
+void PageFiles::addRoutes(Router& router)
 {
     const auto answer = [](const HttpExchangePointer& exchange, HttpResponse response) {
         exchange->answer(std::move(response));
@@ -96,21 +95,32 @@ HttpResponse PageFiles::page(const QString& name, const HttpRequest& request) co
     return responseOf(*file, request);
 }
 
-// Read anew each time: an update of the package shows at once, and no memory is kept.
-HttpResponse PageFiles::charts(const QString& name, const HttpRequest& request) const
+HttpResponse PageFiles::charts(const QString& name, const HttpRequest& request)
 {
     const auto known = std::find_if(kChartFiles.begin(), kChartFiles.end(),
                                     [&](const char* one) { return name == QLatin1String(one); });
     if (known == kChartFiles.end())
         return problem(404, "", "the charts have no such file");
     QFile file(m_charts + QLatin1Char('/') + QLatin1String(*known));
-    if (!file.open(QIODevice::ReadOnly) || file.size() > kMostChartBytes)
-        return problem(404, "", "the charts are not there: install the package libjs-dygraphs");
-    File read;
-    read.type = typeOf(name);
-    read.bytes = file.readAll();
-    read.tag = tagOf(read.bytes);
-    return responseOf(read, request);
+    const QDateTime changed = QFileInfo(file).lastModified();
+    File& kept = m_read[name];
+    if (kept.bytes.isEmpty() || kept.changed != changed || kept.bytes.size() != file.size()) {
+        if (!file.open(QIODevice::ReadOnly) || file.size() > kMostChartBytes)
+            return problem(404, "", "the charts are not there: install the package libjs-dygraphs");
+        kept = fileOf(name, file.readAll());
+        kept.changed = changed;
+    }
+    return responseOf(kept, request);
+}
+
+PageFiles::File PageFiles::fileOf(const QString& name, const QByteArray& bytes)
+{
+    File file;
+    file.type = typeOf(name);
+    file.bytes = bytes;
+    file.tag = tagOf(bytes);
+    file.small = gzipped(bytes);
+    return file;
 }
 
 // A browser asks each time whether its copy is still the file: after an update of the gateway, the
@@ -118,13 +128,19 @@ HttpResponse PageFiles::charts(const QString& name, const HttpRequest& request) 
 HttpResponse PageFiles::responseOf(const File& file, const HttpRequest& request)
 {
     HttpResponse response;
-    response.headers = {{"ETag", file.tag}, {"Cache-Control", "no-cache"}};
-    if (hasTag(request.header("if-none-match"), file.tag)) {
+    const bool isSmall = takesGzip(request);
+    // Other bytes have another tag.
+    const QByteArray tag = isSmall ? file.tag.chopped(1) + "-gzip\"" : file.tag;
+    response.headers = {{"ETag", tag}, {"Cache-Control", "no-cache"}, {"Vary", "Accept-Encoding"}};
+    if (hasTag(request.header("if-none-match"), tag)) {
         response.status = 304;
         return response;
     }
     response.type = file.type;
-    response.body = file.bytes;
+    response.body = isSmall ? file.small : file.bytes;
+    response.isBodyKept = true;
+    if (isSmall)
+        response.headers.append(HttpHeader{"Content-Encoding", "gzip"});
     return response;
 }
 

@@ -32,13 +32,14 @@ std::optional<qint64> RecentEvents::numberOf(const QByteArray& id) const
 
 QByteArray RecentEvents::encoded(const char* event, const QByteArray& data, qint64 id) const
 {
-    return "id: " + m_run + '-' + QByteArray::number(id) + "\nevent: " + event + "\ndata: " + data +
-           "\n\n";
+    return "id: " + idOf(id) + "\nevent: " + event + "\ndata: " + data + "\n\n";
 }
 
 void RecentEvents::append(Kind kind, const char* event, const QByteArray& data)
 {
     m_events.push_back({kind, encoded(event, data, ++m_last)});
+    if (kind == Kind::Reloaded)
+        m_lastReload = m_last;
     m_bytes += m_events.back().bytes.size();
     const std::size_t kMostEvents = 10000;
     while (m_events.size() > 1 && (m_bytes > kMostBytes || m_events.size() > kMostEvents)) {

@@ -26,7 +26,10 @@ public:
     qint64 last() const { return m_last; }
     /// The number of the oldest event that is kept; after the last one: none is.
     qint64 firstKept() const { return m_last - static_cast<qint64>(m_events.size()) + 1; }
+    /// The number of the last event of the kind Reloaded, also when it is not kept any more.
+    qint64 lastReload() const { return m_lastReload; }
     const Event& event(qint64 number) const { return m_events[positionOf(number)]; }
+    QByteArray idOf(qint64 number) const { return m_run + '-' + QByteArray::number(number); }
     /// The number in the id of an event that this run sent; nothing for other texts.
     std::optional<qint64> numberOf(const QByteArray& id) const;
 
@@ -65,6 +68,7 @@ private:
     std::deque<Event> m_events;
     qint64 m_bytes = 0;
     qint64 m_last = 1;
+    qint64 m_lastReload = 0;
     QVector<qint64> m_changedBy;
 };
 

@@ -3,6 +3,8 @@
 
 #include "LineService.h"
 
+#include <QtCore/QVector>
+
 #include <deque>
 #include <optional>
 
@@ -12,9 +14,11 @@ namespace micro850::gateway {
 class RecentRecords
 {
 public:
-    void add(qint64 time, Json object);
-    /// The newest `limit` of the times from `from` on and before `to`, newest first.
-    std::vector<Json> newest(std::optional<qint64> from, std::optional<qint64> to, int limit) const;
+    void add(qint64 time, const Json& object);
+    /// The newest `limit` of the times from `from` on and before `to`, newest first: as JSON,
+    /// which takes no further memory while it is kept here.
+    QVector<QByteArray> newest(std::optional<qint64> from, std::optional<qint64> to,
+                               int limit) const;
 
     static constexpr int kMost = 1000;
 
@@ -22,7 +26,7 @@ private:
     struct Record
     {
         qint64 time = 0;
-        Json object;
+        QByteArray text;
     };
     std::deque<Record> m_records;
 };

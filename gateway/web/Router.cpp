@@ -31,25 +31,6 @@ bool matches(const QStringList& pattern, const QStringList& path)
     return true;
 }
 
-/// Answers with the headers alone. The server leaves the body of an answer to HEAD out, but tells
-/// its length.
-class HeadExchange : public HttpExchange
-{
-public:
-    explicit HeadExchange(HttpExchangePointer exchange) : m_exchange(std::move(exchange)) {}
-
-    const HttpRequest& request() const override { return m_exchange->request(); }
-    void answer(HttpResponse response) override
-    {
-        response.stream.reset();
-        m_exchange->answer(std::move(response));
-    }
-    bool isWanted() const override { return m_exchange->isWanted(); }
-
-private:
-    HttpExchangePointer m_exchange;
-};
-
 } // namespace
 
 void Router::add(const char* method, const char* pattern, Handler handler)
@@ -60,15 +41,14 @@ void Router::add(const char* method, const char* pattern, Handler handler)
 void Router::route(const HttpExchangePointer& exchange, const Caller& caller) const
 {
     const HttpRequest& request = exchange->request();
-    const bool isHead = request.method == "HEAD";
-    const QByteArray wanted = isHead ? QByteArray("GET") : request.method;
+    // The server leaves out the body of an answer to HEAD.
+    const QByteArray wanted = request.method == "HEAD" ? QByteArray("GET") : request.method;
     QByteArrayList allowed;
     for (const Route& route : m_routes) {
         if (!matches(route.pattern, request.path))
             continue;
         if (route.method == wanted)
-            return route.handler(isHead ? std::make_shared<HeadExchange>(exchange) : exchange,
-                                 caller);
+            return route.handler(exchange, caller);
         allowed.append(route.method);
         if (route.method == "GET")
             allowed.append("HEAD");

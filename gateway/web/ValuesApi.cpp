@@ -9,11 +9,6 @@
 #include "TagAddress.h"
 #include "VariableObject.h"
 
-#include <QtCore/QRandomGenerator>
-
-#include <algorithm>
-#include <optional>
-
 namespace micro850::gateway {
 
 namespace {
@@ -21,20 +16,25 @@ namespace {
 const int kLongestPattern = 255;
 const int kMostWrites = 128;
 const int kPatienceMs = 250;
-const std::size_t kMostTickets = 256;
-const Duration kTicketTime = std::chrono::minutes(10);
 const int kMostStation = 65535;
 const int kConflict = 409;
+const quint64 kNoVariable = 0; ///< an identity that none has
 const char kChanged[] = "changed";
 const char kChangedText[] =
-    "the variable is another one now (its station, tag, element or type); look at it again";
+    "the variable is another one now (its station, tag, element, type or scale); look at it again";
 const char kRepeated[] = "repeated";
-const char kRepeatedText[] = "this write was sent already, or its check was long ago; look whether "
-                             "it was carried out";
+const char kRepeatedText[] =
+    "this write was sent already and is not carried out again; the journal "
+    "tells what became of it";
+const char kUnknownText[] =
+    "the ticket is not known, perhaps because the service was started again: "
+    "the write is not carried out now; the journal tells whether it was "
+    "before";
 
-QVector<int> numbersOf(const HttpRequest& request, const VariableIndex& index)
+QVector<int> numbersOf(const HttpRequest& request, const VariableIndex& index,
+                       const QStringList& furtherKeys = {})
 {
-    expectKeys(request, {QStringLiteral("line"), QStringLiteral("match")});
+    expectKeys(request, QStringList{QStringLiteral("line"), QStringLiteral("match")} + furtherKeys);
     const QString line = request.queryText(QStringLiteral("line"));
     const QString match = request.queryText(QStringLiteral("match"));
     if (!line.isEmpty())
@@ -74,11 +74,13 @@ struct ValuesApi::Seen
     std::optional<QString> tag;
     std::optional<int> first; ///< element of the tag
     std::optional<QString> type;
-    QByteArray ticket; ///< of the check that was answered; empty: none
+    std::optional<std::string> revision;
+    bool hasElement = false;
+    std::optional<QByteArray> ticket; ///< of the check that was answered
 
     /// Throws UserError.
     static Seen in(const JsonNode& body);
-    bool is(const host::Variable& variable, const GatewayValue& latest) const;
+    bool is(const VariableIndex& index, int number) const;
 };
 
 ValuesApi::Seen ValuesApi::Seen::in(const JsonNode& body)
@@ -92,14 +94,22 @@ ValuesApi::Seen ValuesApi::Seen::in(const JsonNode& body)
         seen.first = static_cast<int>(body.at("first").integer(0, host::kLargestElement));
     if (body.has("type"))
         seen.type = QString::fromStdString(body.at("type").text());
-    seen.ticket = QByteArray::fromStdString(body.text("ticket", ""));
+    if (body.has("revision"))
+        seen.revision = body.at("revision").text();
+    seen.hasElement = body.has("element");
+    if (body.has("ticket"))
+        seen.ticket = QByteArray::fromStdString(body.at("ticket").text());
     return seen;
 }
 
 // A type that is not known yet may be the one that was seen.
-bool ValuesApi::Seen::is(const host::Variable& variable, const GatewayValue& latest) const
+bool ValuesApi::Seen::is(const VariableIndex& index, int number) const
 {
-    const CipType* const known = latest.type ? latest.type : variable.type;
+    const host::Variable& variable = index.variable(number);
+    const CipType* const told = index.latest(number).type;
+    const CipType* const known = told ? told : variable.type;
+    if (revision && *revision != revisionOf(index, number).toStdString())
+        return false;
     return station.value_or(variable.station) == variable.station &&
            tag.value_or(variable.tag) == variable.tag &&
            first.value_or(variable.element) == variable.element &&
@@ -108,10 +118,24 @@ bool ValuesApi::Seen::is(const host::Variable& variable, const GatewayValue& lat
 
 namespace {
 
+// Throws RequestError and UserError.
+JsonNode bodyOf(const HttpRequest& request)
+{
+    const QByteArray& body = request.body;
+    if (!body.contains('\0') && !Json::accept(body.begin(), body.end()))
+        throw RequestError(errorcode::kBadRequest,
+                           body.trimmed().isEmpty()
+                               ? R"(body: is empty (an object such as {"value": 42.25} is needed))"
+                               : R"(body: is not JSON, or has a number that is too large (an )"
+                                 R"(object such as {"value": 42.25} is needed))");
+    return host::messageIn(body, "body");
+}
+
 WriteRequest writeRequestOf(const HttpRequest& request, const JsonNode& body)
 {
     expectKeys(request, {QStringLiteral("line")});
-    body.expectKeys({"value", "element", "check", "station", "tag", "first", "type", "ticket"});
+    body.expectKeys(
+        {"value", "element", "check", "station", "tag", "first", "type", "revision", "ticket"});
     WriteRequest write;
     write.line = request.queryText(QStringLiteral("line"));
     write.name = request.path.last();
@@ -123,18 +147,35 @@ WriteRequest writeRequestOf(const HttpRequest& request, const JsonNode& body)
 
 } // namespace
 
-ValuesApi::ValuesApi(WebContext& context) : m_context(context)
+ValuesApi::ValuesApi(WebContext& context) : m_context(context), m_tickets(context.clock)
 {
     m_patience.setInterval(kPatienceMs);
     QObject::connect(&m_patience, &QTimer::timeout, [this] { cancelUnwanted(); });
 }
 
-// What is taken back is answered at once, and the answers take it out of the list.
 ValuesApi::~ValuesApi()
 {
-    m_alive.reset();
-    for (const auto& [token, write] : m_writes)
+    giveUp();
+}
+
+// What is taken back is answered at once, and the answers take it out of the list.
+void ValuesApi::giveUp(Duration begunUntil)
+{
+    QVector<qint64> tokens;
+    for (const auto& [token, write] : m_writes) {
+        if (write.begun <= begunUntil)
+            tokens.append(token);
+    }
+    for (const qint64 token : tokens) {
+        const Write write = m_writes[token];
         m_context.writes.cancel(write.number);
+        const char* const code = write.isCheck ? errorcode::kCancelled : errorcode::kUnknownOutcome;
+        const char* const text =
+            write.isCheck
+                ? "the web server ended; nothing was written"
+                : "the web server ended before the outcome was known; the journal tells it";
+        finishWrite(token, {{"error", {{"code", code}, {"text", text}}}});
+    }
 }
 
 void ValuesApi::addRoutes(Router& router)
@@ -156,10 +197,14 @@ void ValuesApi::addRoutes(Router& router)
 
 void ValuesApi::answerValues(const HttpExchangePointer& exchange)
 {
-    const QVector<int> numbers = numbersOf(exchange->request(), m_context.index);
-    exchange->answer(listResponse(listOf(m_context, R"({"values":[)", numbers, [this](int number) {
-        return m_context.values.text(number);
-    })));
+    const QString kLastEvent = QStringLiteral("lastEvent");
+    const HttpRequest& request = exchange->request();
+    const QVector<int> numbers = numbersOf(request, m_context.index, {kLastEvent});
+    QByteArray begin = R"({"values":[)";
+    if (numberOf(request, kLastEvent, 0, 1, 0) == 1)
+        begin = R"({"lastEvent":")" + m_context.lastEvent() + R"(","values":[)";
+    exchange->answer(listResponse(listOf(
+        m_context, begin, numbers, [this](int number) { return m_context.values.text(number); })));
 }
 
 void ValuesApi::answerValue(const HttpExchangePointer& exchange)
@@ -177,99 +222,142 @@ void ValuesApi::answerVariables(const HttpExchangePointer& exchange)
 {
     const QVector<int> numbers = numbersOf(exchange->request(), m_context.index);
     const auto item = [this](int number) {
-        return jsonText(
-            variableObject(m_context.index.line(number), m_context.index.variable(number)));
+        Json object =
+            variableObject(m_context.index.line(number), m_context.index.variable(number));
+        if (m_context.index.variable(number).writable)
+            object["revision"] = revisionOf(m_context.index, number).toStdString();
+        return jsonText(object);
     };
     exchange->answer(listResponse(listOf(m_context, R"({"variables":[)", numbers, item)));
 }
 
-// Somebody wanted to write what is not allowed: that is for the journal, as it is for others.
-void ValuesApi::refuseWriter(const WriteRequest& request, const Caller& caller, const char* code,
-                             const std::string& reason)
+// Nothing for a name that the rules will refuse.
+std::optional<int> ValuesApi::variableOf(const WriteRequest& request) const
 {
-    const int number = m_context.index.variableNamed(request.line, request.name, "name");
-    const GatewayValue& latest = m_context.index.latest(number);
+    try {
+        return m_context.index.variableNamed(request.line, request.name, "name");
+    } catch (const RequestError&) {
+        return std::nullopt;
+    }
+}
+
+// Somebody wanted to write what is not allowed: that is for the journal, as it is for others.
+void ValuesApi::refuseWriter(const WriteRequest& request, const Caller& caller,
+                             const Refusal& refusal)
+{
+    const int kLongestName = 255;
     JournalEntry entry;
     entry.time = m_context.wallClock.now();
     entry.client = caller.name;
-    entry.line = latest.line;
-    entry.name = latest.name;
+    entry.line = request.line.left(kLongestName);
+    entry.name = request.name.left(kLongestName);
+    if (const std::optional<int> variable = variableOf(request)) {
+        const GatewayValue& latest = m_context.index.latest(*variable);
+        entry.line = latest.line;
+        entry.name = latest.name;
+        const auto element = static_cast<std::size_t>(request.element);
+        const bool isElement = latest.value.is_array() && element < latest.value.size();
+        entry.oldValue = isElement ? latest.value.at(element) : latest.value;
+    }
     entry.element = request.element;
-    const auto element = static_cast<std::size_t>(request.element);
-    const bool isElement = latest.value.is_array() && element < latest.value.size();
-    entry.oldValue = isElement ? latest.value.at(element) : latest.value;
-    entry.newValue = request.value.is_primitive() ? request.value : Json();
-    entry.outcome = QString::fromLatin1(code);
-    entry.error = QString::fromStdString(reason);
+    entry.newValue = journalValue(request.value);
+    entry.outcome = QString::fromLatin1(request.check ? kCheckFailed : refusal.code);
+    entry.error = QString::fromStdString(refusal.reason);
     m_context.lines.reportWrite(entry);
 }
 
-QByteArray ValuesApi::newTicket(int variable, int element)
+WriteTickets::Write ValuesApi::wantedWrite(const WriteRequest& request, const Caller& caller) const
 {
-    const Duration now = m_context.clock.now();
-    const Ticket ticket{QByteArray::number(QRandomGenerator::system()->generate64(), 16),
-                        m_context.index.identity(variable), element, now + kTicketTime};
-    while (!m_tickets.empty() &&
-           (m_tickets.front().until <= now || m_tickets.size() >= kMostTickets))
-        m_tickets.pop_front();
-    m_tickets.push_back(ticket);
-    return ticket.text;
+    const std::optional<int> variable = variableOf(request);
+    return WriteTickets::Write{caller.isSession ? caller.sessionId : caller.tokenMark,
+                               variable ? m_context.index.identity(*variable) : kNoVariable,
+                               request.element};
 }
 
-/// Null, or the code of a refusal. A ticket is for one write: browsers send a request again when
-/// its connection ends before the answer.
-const char* ValuesApi::refusalOf(const WriteRequest& request, const Seen& seen, int variable)
+// A program may know that it sends a write once; a browser sends some again by itself.
+std::optional<ValuesApi::Refusal> ValuesApi::refusalOfTicket(const QByteArray& ticket,
+                                                             const WriteTickets::Write& wanted)
 {
-    if (!seen.is(m_context.index.variable(variable), m_context.index.latest(variable)))
-        return kChanged;
-    if (seen.ticket.isEmpty())
-        return nullptr;
-    const auto found = std::find_if(m_tickets.begin(), m_tickets.end(), [&](const Ticket& ticket) {
-        return ticket.text == seen.ticket;
-    });
-    if (found == m_tickets.end())
-        return kRepeated;
-    const Ticket ticket = *found;
-    m_tickets.erase(found);
-    if (ticket.until <= m_context.clock.now())
-        return kRepeated;
-    const bool isSame =
-        ticket.identity == m_context.index.identity(variable) && ticket.element == request.element;
-    return isSame ? nullptr : kChanged;
+    switch (m_tickets.use(ticket, wanted)) {
+    case WriteTickets::Use::Good:
+        break;
+    case WriteTickets::Use::TooOld:
+        return Refusal{kConflict, errorcode::kNotAllowed,
+                       R"(the check was too long ago, nothing was written (ask with "check": true )"
+                       "again)"};
+    case WriteTickets::Use::Another:
+        if (wanted.identity == kNoVariable)
+            break; // the rules say that it is gone
+        return Refusal{kConflict, kChanged,
+                       "the ticket is for another variable or element; nothing was written"};
+    case WriteTickets::Use::Used:
+        return Refusal{kConflict, kRepeated, kRepeatedText};
+    case WriteTickets::Use::Unknown:
+        return Refusal{kConflict, errorcode::kUnknownOutcome, kUnknownText};
+    }
+    return std::nullopt;
+}
+
+// The ticket comes first: of a write that is sent again, nothing else tells what became of it. It
+// is used up before the write begins.
+std::optional<ValuesApi::Refusal> ValuesApi::refusalOf(const WriteRequest& request,
+                                                       const Seen& seen, const Caller& caller)
+{
+    const bool hasTicket = seen.ticket && !request.check;
+    if (hasTicket && caller.mayWrite) {
+        if (std::optional<Refusal> refusal =
+                refusalOfTicket(*seen.ticket, wantedWrite(request, caller)))
+            return refusal;
+    }
+    if (!m_context.settings.takesWrites)
+        return Refusal{403, errorcode::kNotAllowed,
+                       R"(writing is off ("writes": true in the section "web" allows it))"};
+    if (!caller.mayWrite)
+        return Refusal{401, errorcode::kNotAllowed, "writing needs the token (log in, or send it)"};
+    if (static_cast<int>(m_writes.size()) >= kMostWrites)
+        return Refusal{503, errorcode::kBusy,
+                       std::to_string(kMostWrites) + " writes of browsers wait already"};
+    return refusalOfVariable(request, seen, caller);
+}
+
+std::optional<ValuesApi::Refusal> ValuesApi::refusalOfVariable(const WriteRequest& request,
+                                                               const Seen& seen,
+                                                               const Caller& caller) const
+{
+    const std::optional<int> variable = variableOf(request);
+    if (!variable)
+        return std::nullopt;
+    const int length = m_context.index.variable(*variable).length;
+    if (!seen.hasElement && length > 1)
+        return Refusal{400, errorcode::kBadRequest,
+                       "element: is needed, because the variable has " + std::to_string(length) +
+                           " elements"};
+    if (!seen.is(m_context.index, *variable))
+        return Refusal{kConflict, kChanged, kChangedText};
+    if (caller.isSession && !request.check && !seen.ticket)
+        return Refusal{400, errorcode::kBadRequest,
+                       R"(ticket: is missing (the reply to "check": true has it))"};
+    return std::nullopt;
 }
 
 void ValuesApi::write(const HttpExchangePointer& exchange, const Caller& caller)
 {
-    const JsonNode body = host::messageIn(exchange->request().body, "body");
+    const JsonNode body = bodyOf(exchange->request());
     const WriteRequest request = writeRequestOf(exchange->request(), body);
     const Seen seen = Seen::in(body);
-    if (!m_context.settings.takesWrites) {
-        const std::string reason =
-            R"(writing is off ("writes": true in the section "web" allows it))";
-        refuseWriter(request, caller, errorcode::kNotAllowed, reason);
-        return exchange->answer(problem(403, errorcode::kNotAllowed, reason));
-    }
-    if (!caller.mayWrite) {
-        const std::string reason = "writing needs the token (log in, or send it)";
-        refuseWriter(request, caller, errorcode::kNotAllowed, reason);
-        HttpResponse response = problem(401, errorcode::kNotAllowed, reason);
-        response.headers.append(HttpHeader{"WWW-Authenticate", "Bearer"});
+    if (const std::optional<Refusal> refusal = refusalOf(request, seen, caller)) {
+        refuseWriter(request, caller, *refusal);
+        HttpResponse response = problem(refusal->status, refusal->code, refusal->reason);
+        if (refusal->status == 401)
+            response.headers.append(HttpHeader{"WWW-Authenticate", "Bearer"});
         return exchange->answer(std::move(response));
     }
-    const int variable = m_context.index.variableNamed(request.line, request.name, "name");
-    const char* const refusal = refusalOf(request, seen, variable);
-    if (refusal) {
-        const std::string reason = refusal == kChanged ? kChangedText : kRepeatedText;
-        refuseWriter(request, caller, refusal, reason);
-        return exchange->answer(problem(kConflict, refusal, reason));
-    }
-    if (static_cast<int>(m_writes.size()) >= kMostWrites)
-        throw RequestError(errorcode::kBusy,
-                           std::to_string(kMostWrites) + " writes of browsers wait already");
     const qint64 token = ++m_lastToken;
-    m_writes[token].exchange = exchange;
-    if (request.check)
-        m_writes[token].ticket = newTicket(variable, request.element);
+    Write& begun = m_writes[token];
+    begun.exchange = exchange;
+    begun.begun = m_context.clock.now();
+    begun.isCheck = request.check;
+    begun.allowed = wantedWrite(request, caller);
     const Writer writer{-1, -1, caller.name};
     const auto answered = [this, token, alive = std::weak_ptr<bool>(m_alive)](const Json& reply) {
         if (!alive.expired())
@@ -288,16 +376,16 @@ void ValuesApi::finishWrite(qint64 token, const Json& reply)
     const auto found = m_writes.find(token);
     if (found == m_writes.end())
         return;
-    const HttpExchangePointer exchange = found->second.exchange;
-    const QByteArray ticket = found->second.ticket;
+    const Write write = found->second;
+    const HttpExchangePointer& exchange = write.exchange;
     m_writes.erase(found);
     const auto error = reply.find("error");
     if (error != reply.end())
         return exchange->answer(problemOf(*error));
     Json body = reply;
     body.erase("reply");
-    if (!ticket.isEmpty())
-        body["ticket"] = ticket.toStdString();
+    if (write.isCheck)
+        body["ticket"] = m_tickets.give(write.allowed).toStdString();
     addExactText(body, "old", "oldText");
     addExactText(body, "value", "text");
     exchange->answer(jsonResponse(body));

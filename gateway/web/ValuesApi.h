@@ -3,11 +3,12 @@
 
 #include "Router.h"
 #include "WebContext.h"
+#include "WriteTickets.h"
 
 #include <QtCore/QTimer>
 
-#include <deque>
 #include <map>
+#include <optional>
 
 namespace micro850::gateway {
 
@@ -22,38 +23,46 @@ public:
     ValuesApi& operator=(const ValuesApi&) = delete;
 
     void addRoutes(Router& router);
+    /// Answers the writes that began until then: those that were not sent are taken back, of the
+    /// others nobody knows yet.
+    void giveUp(Duration begunUntil = Duration::max());
 
 private:
     struct Write
     {
         qint64 number = 0; ///< of the rules
         HttpExchangePointer exchange;
-        QByteArray ticket; ///< of a check
+        Duration begun{0};
+        bool isCheck = false;
+        WriteTickets::Write allowed; ///< by the ticket of a check
     };
-    /// Allows one write of what was checked.
-    struct Ticket
+    struct Refusal
     {
-        QByteArray text;
-        quint64 identity; ///< of the variable
-        int element;
-        Duration until;
+        int status;
+        const char* code;
+        std::string reason;
     };
     struct Seen;
     void answerValues(const HttpExchangePointer& exchange);
     void answerValue(const HttpExchangePointer& exchange);
     void answerVariables(const HttpExchangePointer& exchange);
     void write(const HttpExchangePointer& exchange, const Caller& caller);
-    void refuseWriter(const WriteRequest& request, const Caller& caller, const char* code,
-                      const std::string& reason);
-    QByteArray newTicket(int variable, int element);
-    const char* refusalOf(const WriteRequest& request, const Seen& seen, int variable);
+    std::optional<int> variableOf(const WriteRequest& request) const;
+    void refuseWriter(const WriteRequest& request, const Caller& caller, const Refusal& refusal);
+    std::optional<Refusal> refusalOf(const WriteRequest& request, const Seen& seen,
+                                     const Caller& caller);
+    std::optional<Refusal> refusalOfVariable(const WriteRequest& request, const Seen& seen,
+                                             const Caller& caller) const;
+    std::optional<Refusal> refusalOfTicket(const QByteArray& ticket,
+                                           const WriteTickets::Write& wanted);
+    WriteTickets::Write wantedWrite(const WriteRequest& request, const Caller& caller) const;
     void finishWrite(qint64 token, const Json& reply);
     void cancelUnwanted();
 
     WebContext& m_context;
     QTimer m_patience; ///< looks whether writes are still wanted
     std::map<qint64, Write> m_writes;
-    std::deque<Ticket> m_tickets; ///< oldest first
+    WriteTickets m_tickets;
     qint64 m_lastToken = 0;
     std::shared_ptr<bool> m_alive = std::make_shared<bool>(true);
 };

@@ -5,6 +5,8 @@
 #include "WebSettings.h"
 #include "WebValues.h"
 
+#include <functional>
+
 namespace micro850::gateway {
 
 /// What the parts of the web service share.
@@ -20,6 +22,8 @@ struct WebContext : WebNeeds
     WebSettings settings;
     /// Counts how often the numbers of the variables changed.
     int generation = 0;
+    /// The id after which a stream of events goes on from now on, for a minute.
+    std::function<QByteArray()> lastEvent;
 };
 
 } // namespace micro850::gateway

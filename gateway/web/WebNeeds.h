@@ -21,6 +21,10 @@ struct WebNeeds
     /// The reply to "status" without an id: program, uptimeS, memoryKb, clients, lines, history,
     /// delivery.
     std::function<Json()> status;
+    /// Logs a line that is a warning.
+    std::function<void(const QString& line)> warn = nullptr;
+    /// Tells everybody what became of the web server itself.
+    std::function<void(const LineEvent& event)> alarm = nullptr;
 };
 
 } // namespace micro850::gateway

@@ -23,6 +23,9 @@ public:
     void change(const WebSettings& settings);
     /// "http://127.0.0.1:8850/"; empty when it is off.
     QString address() const;
+    /// For the reply to "status": address, connections, readers, refusedLogins, refusedChanges, and
+    /// the problem when it cannot listen. Null when it is off.
+    Json status() const;
 
     /// Something that the gateway itself tells: the history stopped, a broker is gone.
     void tellAlarm(const LineEvent& event);

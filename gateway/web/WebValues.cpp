@@ -1,5 +1,7 @@
 #include "WebValues.h"
 
+#include "VariableObject.h"
+
 #include <algorithm>
 
 namespace micro850::gateway {
@@ -54,6 +56,8 @@ QByteArray WebValues::text(int number)
             latest.type && latest.type->size == kExactBytes ? exactText(latest.value) : Json();
         if (!exact.is_null())
             begin += R"(,"text":)" + QByteArray::fromStdString(exact.dump());
+        if (m_index.variable(number).writable)
+            begin += R"(,"revision":")" + revisionOf(m_index, number) + '"';
     }
     const VariablePlace& place = m_index.place(number);
     const qint64 age = m_lines.ageMs(place.line, place.variable);

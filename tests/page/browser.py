@@ -92,7 +92,7 @@ return seen;
 
 
 class Browser:
-    def __init__(self):
+    def __init__(self, traces_requests=False):
         self.profile = tempfile.mkdtemp(prefix="micro850-browser-")
         self.traffic = os.path.join(self.profile, "traffic.json")
         self.downloads = os.path.join(self.profile, "downloads")
@@ -104,7 +104,8 @@ class Browser:
                      "--force-color-profile=srgb", f"--user-data-dir={self.profile}",
                      f"--log-net-log={self.traffic}"):
             options.add_argument(word)
-        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        logs = {"browser": "ALL", "performance": "ALL"} if traces_requests else {"browser": "ALL"}
+        options.set_capability("goog:loggingPrefs", logs)
         self.driver = self.start(options)
         self.driver.set_script_timeout(60)
         self.driver.execute_cdp_cmd("Browser.setDownloadBehavior",

@@ -44,11 +44,14 @@ PRESS = [
     {"tag": "EnergyTotal", "type": "LINT", "unit": "kWh", "intervalMs": 500, "writable": True},
     {"tag": "SerialNumber", "type": "ULINT", "intervalMs": 500},
     {"tag": "ProductName", "type": "SHORT_STRING", "name": "Product", "intervalMs": 500},
+    {"tag": "NoSuchTagInThisController", "type": "INT", "name": "Absent", "intervalMs": 500},
     {"tag": "Trap", "type": "INT", "name": HOSTILE, "intervalMs": 500},
 ]
 OVEN_TAGS = [
     {"name": "Temperature", "type": "REAL", "motion": {"kind": "sine", "min": 18.5, "max": 24.5, "period": 15}},
     {"name": "Setpoint", "type": "REAL", "value": 21.5},
+    {"name": "Spare", "type": "REAL", "value": 1.5},
+    {"name": "Spares", "type": "REAL", "length": 3, "value": [1, 2, 3]},
     {"name": "Pressure", "type": "UINT", "motion": {"kind": "sine", "min": 900, "max": 1100, "period": 12}},
 ]
 OVEN = [
@@ -80,18 +83,22 @@ const done = arguments[0];
   let source = null;
   const Real = {EventSource: window.EventSource, fetch: window.fetch, setInterval: window.setInterval};
   window.EventSource = class {
-    constructor() { source = this; this.on = {}; this.readyState = 1; }
+    constructor(address) { source = this; this.address = address; this.on = {}; this.readyState = 1; }
     addEventListener(name, handler) { this.on[name] = handler; }
     close() {}
     send(name, data) { this.on[name]({data: JSON.stringify(data)}); }
   };
   window.EventSource.CLOSED = 2;
-  window.fetch = () => new Promise(() => {});
+  let reply = {ok: false};
+  window.fetch = async address => address.startsWith('/api/v1/values') ? reply : new Promise(() => {});
   window.setInterval = () => 0;
+  const opened = async () => { while (!source) await new Promise(resolve => setTimeout(resolve)); };
   const told = [];
   const {Feed} = await import('/page/feed.js');
-  const feed = new Feed(message => told.push(message.kind === 'connection' ? message.state : message.kind));
-  Object.assign(window, Real);
+  const tell = message => told.push(message.kind === 'connection' ? message.state : message.kind);
+  const feed = new Feed(tell);
+  await opened();
+  const addresses = [source.address];
   const steps = {};
   const step = (name, act) => { act(); steps[name] = [feed.state, ...told.splice(0)]; };
   const value = name => ({line: 'a', name, value: 1, quality: 'good', ageMs: 100});
@@ -103,10 +110,28 @@ const done = arguments[0];
   step('part again', () => source.send('snapshot', {values: [value('x')], more: true}));
   step('ages in a snapshot', () => source.send('ages', {ages: {a: [5, 5]}}));
   step('snapshot again', () => source.send('snapshot', {values: [value('y')]}));
+  step('part of gone ones', () => source.send('snapshot', {values: [value('gone')], more: true}));
+  step('reloaded', () => source.send('reloaded', {}));
+  source.send('snapshot', {values: [value('gone')], more: true});
+  source.onerror();
+  source.onopen();
+  step('of those there are', () => source.send('snapshot', {values: [value('x'), value('y')]}));
   step('lost again', () => source.onerror());
   step('open to resume', () => source.onopen());
   step('missed', () => source.send('values', {values: [value('x')]}));
   step('ages', () => source.send('ages', {ages: {a: [5, 6]}}));
+  const ages = [...feed.values.values()].map(value => value.ageMs);
+  source = null;
+  reply = {ok: true, json: async () => ({values: [value('x')], lastEvent: 'run&1-7'})};
+  const other = new Feed(tell);
+  await opened();
+  addresses.push(source.address);
+  steps['values first'] = [other.state, ...told.splice(0)];
+  source.onopen();
+  source.send('values', {values: [{...value('x'), value: 2}]});
+  source.send('ages', {ages: {a: [5]}});
+  steps['then the stream'] = [other.state, ...told.splice(0), [...other.values.values()][0].value];
+  Object.assign(window, Real);
   const {ageOf, plant} = await import('/page/live.js');
   const before = plant.connection;
   plant.connection = 'live';
@@ -116,7 +141,7 @@ const done = arguments[0];
   const lost = ageOf({ageMs: 300, heard: Date.now() - 1000});
   plant.connection = before;
   steps.never = [ageOf({ageMs: null, heard: 0})];
-  done([steps, [...feed.values.values()].map(value => value.ageMs), held, grown, lost]);
+  done([steps, addresses, ages, held, grown, lost]);
 })().catch(error => done(String(error)));
 """
 
@@ -284,7 +309,7 @@ class Live(Page):
         names = "return [...document.querySelectorAll('.values .body .cell.name')].map(one => one.innerText.trim())"
         self.browser.one(".tools input[type=search]").send_keys("s*point")
         await_that("the search chooses", lambda: self.browser.run(names) == ["Setpoint"])
-        self.assertIn("1 of 11", self.browser.text(".count"))
+        self.assertIn("1 of 12", self.browser.text(".count"))
         search = self.browser.one(".tools input[type=search]")
         search.clear()
         search.send_keys("r")
@@ -334,7 +359,7 @@ class Live(Page):
         self.await_live()
         result = self.browser.driver.execute_async_script(FEED)
         self.assertIsInstance(result, list, result)
-        steps, ages, held, grown, lost = result
+        steps, addresses, ages, held, grown, lost = result
         self.assertEqual(steps, {
             "open": ["connecting"],
             "part": ["connecting"],
@@ -344,11 +369,17 @@ class Live(Page):
             "part again": ["lost"],
             "ages in a snapshot": ["lost"],
             "snapshot again": ["live", "snapshot", "live"],
+            "part of gone ones": ["live"],
+            "reloaded": ["live"],
+            "of those there are": ["live", "lost", "snapshot", "live"],
             "lost again": ["lost", "lost"],
             "open to resume": ["lost"],
             "missed": ["lost", "values"],
             "ages": ["live", "ages", "live"],
+            "values first": ["connecting", "snapshot"],
+            "then the stream": ["live", "values", "ages", "live", 2],
             "never": [None]})
+        self.assertEqual(addresses, ["/api/v1/events", "/api/v1/events?after=run%261-7"])
         self.assertEqual(ages, [5, 6])
         self.assertEqual(held, 300)
         self.assertGreaterEqual(grown, 5300, "a connection hangs that is not closed")
@@ -364,12 +395,122 @@ class Live(Page):
         self.assertEqual(len(self.browser.all(".values")), 1)
 
 
+    def test_the_legend_says_since_when_a_value_holds(self):
+        self.plant.controllers["oven"].set(Setpoint=30)
+        self.show("values")
+        self.await_row("Setpoint", "is 30", lambda row: row["value"].startswith("30"))
+        rows = await_that("the history has it", lambda: [
+            point for point in self.plant.json(
+                f"/api/v1/history?line=oven&name=Setpoint&from={iso((time.time() - 60) * 1000)}"
+                f"&to={iso((time.time() + 1) * 1000)}&points=800")["points"] if point[3] == 30])
+        self.show("trend?v=oven%2FSetpoint&span=600")
+        since = await_that("the legend tells it", lambda: [
+            text for text in [self.browser.text(".legend td.time")] if text not in ("", "–") and not text.startswith("before")])[0]
+        told = self.browser.run("return import('/page/format.js').then(made => made.timeText(arguments[0]))", rows[0][0])
+        self.assertEqual(since, told)
+        self.show("trend?v=press%2FSerialNumber&span=60")
+        await_that("a rounded number says so", lambda: self.browser.text(".legend td.value").startswith("about "))
+
+    def test_a_trend_tells_since_when_a_value_holds(self):
+        told = self.browser.run("""
+            return import('/page/series.js').then(({Series}) => {
+              const series = new Series({label: 'a/b'});
+              const since = time => (({time, isBefore}) => [time, isBefore])(series.at(time));
+              const told = {};
+              series.replace([[100, 1, 1, 1], [200, 2, 2, 2], [300, 2, 2, 2], [400, 2, 2, 2]], 0, 100);
+              told.closed = [since(150), since(250), since(400), since(900)];
+              series.forgetBefore(350);
+              told.forgotten = [since(350), [...series.times]];
+              series.takeLive(500, 2, 9, true);
+              told.again = since(500);
+              series.replace([[0, 1, 3, 2], [10, 2, 2, 2], [20, 2, 4, 2], [30, 2, 2, 2]], 10, 0);
+              told.parts = [since(5), since(15), since(25), since(35)];
+              series.replace([[0, 1, 1, 1], [5, null, null, null], [9, 1, 1, 1]], 0, 0);
+              told.gap = [series.at(6), since(9)];
+              return told;
+            });""")
+        self.assertEqual(told, {
+            "closed": [[100, True], [200, False], [200, False], [200, False]],
+            "forgotten": [[200, False], [200, 400]],
+            "again": [200, False],
+            "parts": [[10, True], [10, True], [20, False], [20, False]],
+            "gap": [None, [9, False]]})
+
+    def test_a_trend_forgets_what_its_name_meant_before_a_reload(self):
+        told = self.browser.run("""
+            return import('/page/series.js').then(({Series}) => {
+              const series = new Series({label: 'a/b'});
+              const variable = {station: 1, tag: 'One', element: 0, type: 'INT'};
+              const told = [series.mean({variable, element: null})];
+              series.takeLive(5, 7, 9, true);
+              told.push(series.mean({variable, element: null}), series.mean(null), series.mean({variable, element: null}),
+                        series.times.length);
+              variable.tag = 'Two';
+              told.push(series.mean({variable, element: null}), series.times.length, series.recent.length);
+              return told;
+            });""")
+        self.assertEqual(told, [True, False, False, False, 1, True, 0, 0])
+
+    def test_a_tab_that_is_gone_without_a_word_is_given_up(self):
+        told = self.browser.run("""
+            return import('/page/ports.js').then(({Ports}) => {
+              const ports = new Ports();
+              const tab = () => ({got: [], postMessage(message) { this.got.push(message.kind); }});
+              const [good, crashed] = [tab(), tab()];
+              const told = [ports.take(good, 'hello'), ports.take(crashed, 'hello')];
+              for (let i = 0; i < 5; ++i) {
+                ports.ask();
+                ports.take(good, 'here');
+              }
+              told.push(ports.size);
+              ports.post({kind: 'values'});
+              told.push(good.got.length, crashed.got.length, ports.take(crashed, 'here'), ports.size);
+              ports.take(good, 'bye');
+              told.push(ports.size);
+              return told;
+            });""")
+        self.assertEqual(told, [True, True, 1, 6, 3, True, 2, 1])
+
+    def test_a_reason_is_shown_whole_to_who_touches_it(self):
+        self.browser.look(360, 740)
+        self.show("values?search=Absent")
+        reason = self.await_row("Absent", "has a reason", lambda row: row["quality"] != "good" and row["reason"])["reason"]
+        self.browser.click(".cell.name .soft[tabindex]")
+        seen = self.browser.run("""
+            const one = document.querySelector('.cell.name .soft[tabindex]'), box = one.getBoundingClientRect();
+            const at = document.elementFromPoint(box.left + box.width / 2, box.bottom - 4);
+            return [document.activeElement === one, one.scrollWidth <= one.clientWidth, at === one, box.right <= innerWidth,
+                    one.innerText];""")
+        self.assertEqual(seen, [True, True, True, True, reason])
+
+
 class Restart(Page):
     """The gateway ends and comes back."""
 
     def is_expected(self, complaint):
         return "ERR_CONNECTION_REFUSED" in complaint or "ERR_INCOMPLETE_CHUNKED" in complaint or \
             "ERR_CONNECTION_RESET" in complaint or "ERR_EMPTY_RESPONSE" in complaint
+
+    def test_a_lost_connection_has_room_in_the_header_of_a_telephone(self):
+        for language in ("en-US", "de-DE"):
+            self.browser.look(360, 740, language=language)
+            self.show("journal")
+            await_that("the page is live", lambda: self.browser.all("#connection.is-live"))
+            self.plant.end_gateway()
+            self.browser.one("#connection.is-lost")
+            self.browser.picture(PICTURES / f"lost-360-{language[:2]}.png")
+            outside, cut = self.browser.run("""
+                const box = document.getElementById('top').getBoundingClientRect();
+                const parts = [...document.querySelectorAll('#top > *, #views a')].filter(one => one.offsetWidth);
+                const isOutside = one => {
+                  const {top, bottom, left, right} = one.getBoundingClientRect();
+                  return top < box.top || bottom > box.bottom || left < 0 || right > innerWidth;
+                };
+                const state = document.getElementById('connection');
+                return [parts.filter(isOutside).map(one => one.outerHTML), state.scrollWidth > state.clientWidth];""")
+            self.assertEqual((outside, cut), ([], False), language)
+            self.plant.start_gateway()
+            await_that("the page is live again", lambda: self.browser.all("#connection.is-live"))
 
     def test_the_page_tells_and_resumes_by_itself(self):
         self.show("values")
@@ -462,6 +603,23 @@ class Writing(Page):
         self.browser.keys(Keys.ESCAPE)
         await_that("the dialogue is gone", lambda: not self.browser.all("dialog.write"))
         self.assertEqual(self.row("Setpoint")["value"], before)
+
+    def test_3_while_the_gateway_is_asked_nothing_can_be_changed(self):
+        self.show("values?open=press%2FRecipe")
+        self.await_row("Recipe[4]", "is shown", lambda row: row["quality"] == "good")
+        self.browser.one('button[aria-label="Write Recipe[4]"]').click()
+        field = self.browser.one("dialog.write[open] [name=value]")
+        self.browser.run("""
+            const asked = window.fetch;
+            window.fetch = (address, how) => {
+              if (how?.method === 'PUT')
+                window.open_ = [...document.querySelectorAll('dialog.write :is(input, select, button):not(:disabled)')].length;
+              return asked(address, how);
+            };""")
+        field.send_keys("4", Keys.ENTER)
+        self.browser.one("dialog.write .new")
+        self.assertEqual(self.browser.run("return window.open_"), 0)
+        self.browser.keys(Keys.ESCAPE)
 
     def test_4_integers_of_64_bits_are_written_exactly(self):
         dialog = self.open_dialog("EnergyTotal")
@@ -763,7 +921,8 @@ class Changes(Page):
             self.plant.reload()
             self.await_row("Heat", "is there", lambda row: row["quality"] == "good" and "°C" in row["value"])
             await_that("the others are gone", lambda: not self.row("Pressure") and not self.row("Temperature"))
-            self.browser.await_text("10 of 10", ".count")
+            count = len(PRESS) + 2
+            self.browser.await_text(f"{count} of {count}", ".count")
             self.assertEqual(self.row("Setpoint")["quality"], "good")
             self.show("trend?v=oven%2FPressure")
             self.browser.await_text("no such variable", ".legend")
@@ -799,6 +958,55 @@ class Changes(Page):
             self.told("/api/v1/values/Setpoint?line=oven")))
         self.assertEqual(value["value"], 21.5)
         self.assertEqual([one for one in self.told("/api/v1/journal")["writes"] if one["outcome"] == "written"], [])
+
+    def test_3_a_confirmed_value_is_not_written_to_another_variable(self):
+        """The name means another element while the dialogue is open."""
+        def setpoint(**changes):
+            return [OVEN[0], {**OVEN[1], "name": "Setpoint", **changes}, OVEN[2]]
+        others = {"another tag": setpoint(tag="Spare"), "an element": setpoint(tag="Spares", element=1),
+                  "an array": setpoint(tag="Spares", length=3), "another scale": setpoint(gain=0.5),
+                  "another limit": setpoint(maximum=1000)}
+        for step in ("input", "confirmation"):
+            for what, variables in others.items():
+                with self.subTest(f"{what} at the {step}"):
+                    try:
+                        self.show("values")
+                        self.await_row("Setpoint", "has a value", lambda row: row["quality"] == "good")
+                        self.browser.one('button[aria-label="Write Setpoint"]').click()
+                        self.browser.one("dialog.write[open] [name=value]").send_keys("77")
+                        if step == "confirmation":
+                            self.browser.keys(Keys.ENTER)
+                            self.browser.one("dialog.write .new")
+                        self.plant.write_project("oven", variables)
+                        self.plant.reload()
+                        self.browser.await_text("another variable", "dialog.write")
+                        self.assertEqual(self.browser.all("dialog.write .primary, dialog.write input"), [])
+                        self.browser.picture(PICTURES / "write-changed.png")
+                        self.browser.keys(Keys.ENTER)
+                        await_that("the dialogue is gone", lambda: not self.browser.all("dialog.write"))
+                    finally:
+                        self.plant.write_project("oven", OVEN)
+                        self.plant.reload()
+        self.assertEqual([one for one in self.told("/api/v1/journal")["writes"] if one["new"] == 77], [])
+
+    def test_3_the_gateway_refuses_what_the_page_has_not_heard_of(self):
+        self.show("values")
+        self.await_row("Setpoint", "has a value", lambda row: row["quality"] == "good")
+        self.browser.one('button[aria-label="Write Setpoint"]').click()
+        self.browser.one("dialog.write[open] [name=value]").send_keys("78", Keys.ENTER)
+        self.browser.one("dialog.write .new")
+        self.browser.run("return import('/page/early.js').then(({early}) => { early.worker.port.onmessage = null; })")
+        try:
+            self.plant.write_project("oven", [OVEN[0], {**OVEN[1], "name": "Setpoint", "tag": "Spare"}, OVEN[2]])
+            self.plant.reload()
+            self.expect_refusal(409, "/api/v1/values/Setpoint")
+            self.browser.click("dialog.write button.primary")
+            self.browser.await_text("another variable", "dialog.write")
+        finally:
+            self.plant.write_project("oven", OVEN)
+            self.plant.reload()
+        self.assertEqual([one["outcome"] for one in self.told("/api/v1/journal")["writes"] if one["new"] == 78],
+                         ["changed"])
 
     def test_4_a_session_that_ends_leads_to_the_login_and_back_to_the_view(self):
         self.show("values?search=Set")
@@ -959,6 +1167,18 @@ class Looks(Page):
 
     def test_on_a_desk_dark_in_german(self):
         self.look_at(1600, 900, dark=True, language="de-DE")
+
+    def test_a_notebook_shows_all_columns_of_the_stations(self):
+        for language in ("en-US", "de-DE"):
+            for width in (1366, 1280, 1024):
+                self.browser.look(width, 768, language=language)
+                self.show("overview")
+                self.browser.one(".stations tbody tr")
+                self.browser.one("#connection.is-live")
+                wide = self.browser.run("return [...document.querySelectorAll('.scroller')].map(one => "
+                                        "one.scrollWidth - one.clientWidth)")
+                self.assertEqual(wide, [0, 0], f"{language} {width}")
+                self.browser.picture(PICTURES / f"overview-{width}-{language[:2]}.png")
 
     def test_on_a_wall_dark(self):
         self.look_at(3840, 2160, dark=True)

@@ -48,6 +48,7 @@ class Controller:
         self.tags = {tag["name"]: dict(tag) for tag in tags}
         self.device = folder / name
         self.file = folder / f"{name}.tags.json"
+        self.options = []  # of the simulator
         self.process = None
         self._write()
 
@@ -56,7 +57,7 @@ class Controller:
 
     def start(self):
         self.process = subprocess.Popen(
-            [self.program, "--quiet", self.file, "--link", self.device], stdin=subprocess.PIPE,
+            [self.program, "--quiet", self.file, "--link", self.device, *self.options], stdin=subprocess.PIPE,
             stdout=subprocess.DEVNULL, start_new_session=True)
         await_that(f"the controller of {self.name} starts", self.device.exists)
 

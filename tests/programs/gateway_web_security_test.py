@@ -41,6 +41,8 @@ def wait_until(condition, what):
 class Place(unittest.TestCase):
     """A folder with a configuration, and the programs that a test starts."""
 
+    more = {}  # of the configuration
+
     def setUp(self):
         self.folder = tempfile.TemporaryDirectory()
         self.addCleanup(self.folder.cleanup)
@@ -59,7 +61,7 @@ class Place(unittest.TestCase):
 
     def configure(self, web):
         self.write('gateway.json', json.dumps({'lines': [{'name': 'press', 'project': 'p.json'}],
-                                               'socket': {'path': 'g.sock'}, 'web': web}))
+                                               'socket': {'path': 'g.sock'}, 'web': web, **self.more}))
 
     def configure_without_page(self):
         self.write('gateway.json', json.dumps({'lines': [{'name': 'press', 'project': 'p.json'}],
@@ -86,9 +88,13 @@ class Place(unittest.TestCase):
 
     def start_gateway(self):
         process = self.start([GATEWAY, 'gateway.json'], 'gateway.log')
-        found = wait_until(lambda: re.search(r'the page is at (\S+)\n', self.read('gateway.log')), 'the page')
-        self.address = urllib.parse.urlsplit(found.group(1))
+        wait_until(lambda: 'the page is at ' in self.read('gateway.log'), 'the page')
+        self.find_page()
         return process
+
+    def find_page(self):
+        told = re.findall(r'the page is at (.+)\n', self.read('gateway.log'))[-1]
+        self.address = urllib.parse.urlsplit(re.sub(r'^port (\d+) of every .*', r'http://127.0.0.1:\1/', told))
 
     def certificate(self, name, *names):
         subprocess.run(['openssl', 'req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
@@ -107,6 +113,88 @@ class Place(unittest.TestCase):
         reply.text = reply.read().decode()
         connection.close()
         return reply
+
+
+    def log_in(self, token):
+        """The header of a browser that has logged in."""
+        login = self.ask('GET', '/login')
+        form = login.headers['Set-Cookie'].split(';')[0]
+        field = re.search(r'name="synchronizer" type="hidden" value="([^"]+)"', login.text).group(1)
+        done = self.ask('POST', '/login', {'Content-Type': 'application/x-www-form-urlencoded', 'Cookie': form},
+                        urllib.parse.urlencode({'token': token, 'synchronizer': field}))
+        if done.status != 303:
+            return done.status
+        return {'Cookie': done.headers.get_all('Set-Cookie')[0].split(';')[0]}
+
+    def status(self):
+        return json.loads(self.run_gateway('status', '--json', '--socket', 'g.sock').stdout)
+
+
+class Session(Place):
+
+    def setUp(self):
+        super().setUp()
+        self.token = self.make_token()
+        self.configure({'port': 0, 'tokenFile': 'web.token', 'writes': True, 'hosts': ['panel7.plant.example'],
+                        'proxies': ['127.0.0.1']})
+        self.start_gateway()
+
+    def read_events(self, headers):
+        connection = http.client.HTTPConnection('127.0.0.1', self.address.port, timeout=LIMIT_S)
+        self.addCleanup(connection.close)
+        connection.request('GET', '/api/v1/events', headers=headers)
+        reply = connection.getresponse()
+        self.assertEqual(reply.status, 200)
+        self.assertTrue(reply.readline())
+        return reply
+
+    def await_end(self, reply):
+        end = time.monotonic() + LIMIT_S
+        while reply.readline():
+            self.assertLess(time.monotonic(), end, 'the stream goes on')
+
+    def test_streams_of_events_end_with_it(self):
+        browser = self.log_in(self.token)
+        other = self.log_in(self.token)
+        mine, others = self.read_events(browser), self.read_events(other)
+        session = json.loads(self.ask('GET', '/api/v1/session', browser).text)
+        self.assertEqual(self.ask('POST', '/logout', browser).status, 403)
+        self.assertEqual(self.ask('POST', '/logout', {**browser, 'X-Synchronizer': session['synchronizer']}).status, 204)
+        self.await_end(mine)
+        self.assertEqual(self.ask('GET', '/api/v1/events', browser).status, 401)
+        program = self.read_events({'Authorization': 'Bearer ' + self.token})
+        self.assertTrue(others.readline(), 'the stream of another session has ended')
+        self.make_token('--replace')
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        self.await_end(others)
+        self.await_end(program)
+        self.assertEqual(self.ask('GET', '/api/v1/events', other).status, 401)
+
+    def test_is_refused_and_that_is_logged_and_counted_but_not_what_was_typed(self):
+        for attempt in range(3):
+            self.assertEqual(self.log_in('typed-%d' % attempt), 401)
+        self.assertEqual(self.log_in('typed-3'), 429)
+        for _ in range(5):
+            self.assertEqual(self.ask('PUT', '/api/v1/values/Speed', {'X-Forwarded-For': '10.0.0.7'}, '{"value": 77}').status,
+                             401)
+        self.assertEqual(self.ask('GET', '/metrics', {'Authorization': 'Bearer typed', 'X-Forwarded-For': '10.0.0.8'}).status,
+                         401)
+        log = self.read('gateway.log')
+        for line in ('web 127.0.0.1: a login was refused\n', 'web 10.0.0.7: a change was refused\n',
+                     'web 10.0.0.8: a wrong token was refused\n'):
+            self.assertEqual(log.count(line), 1, log)
+        self.assertNotIn('typed', log)
+        self.assertNotIn('77', log)
+        web = self.status()['web']
+        self.assertEqual((web['refusedLogins'], web['refusedChanges']), (5, 5), web)
+        self.assertIn(self.address.netloc, web['address'])
+        shown = self.run_gateway('status', '--socket', 'g.sock').stdout
+        self.assertRegex(shown, r'\npage: http://127\.0\.0\.1:\d+/, \d+ connections?, 5 logins refused, 5 changes refused\n')
+        numbers = self.ask('GET', '/metrics', {'Authorization': 'Bearer ' + self.token}).text
+        self.assertIn('\nmicro850_http_refused_logins_total 5\n', numbers)
+        self.assertIn('\nmicro850_http_refused_changes_total 5\n', numbers)
+        bearer = {'Authorization': 'Bearer ' + self.token}
+        self.assertEqual(json.loads(self.ask('GET', '/api/v1/journal', bearer).text), {'writes': []})
 
 
 class Token(Place):
@@ -256,6 +344,25 @@ class Encrypted(Place):
         self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
         self.assertEqual(shown(), second)
 
+    def test_log_names_an_address_that_helps(self):
+        self.make_token()
+        port = free_port()
+        for hosts, named in (([], 'port %d of every address of this machine' % port),
+                             (['panel7.plant', 'p7'], 'http://panel7.plant:%d/' % port)):
+            self.configure({'port': port, 'tokenFile': 'web.token', 'address': '0.0.0.0', 'hosts': hosts})
+            process = self.start_gateway()
+            self.assertEqual(re.findall(r'the page is at (.+)\n', self.read('gateway.log')), [named])
+            process.terminate()
+            process.wait(LIMIT_S)
+
+    def test_check_notes_a_port_where_the_service_cannot_listen(self):
+        for port, is_noted in ((1, True), (80, True), (1023, True), (1024, False), (0, False)):
+            self.configure({'port': port})
+            checked = self.run_gateway('--check', 'gateway.json')
+            self.assertEqual(checked.returncode, 0, checked.stderr)
+            self.assertEqual('note: gateway.json: web.port: the installed service cannot listen at %d ' % port
+                             in checked.stderr, is_noted, checked.stderr)
+
     def test_reload_moves_the_page_or_leaves_it_where_it_is(self):
         token = self.make_token()
         self.configure({'port': free_port(), 'tokenFile': 'web.token', 'address': '0.0.0.0'})
@@ -275,13 +382,63 @@ class Encrypted(Place):
         self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
         with self.assertRaises(ConnectionError):
             self.ask('GET', '/')
-        self.address = urllib.parse.urlsplit(re.findall(r'the page is at (\S+)\n', self.read('gateway.log'))[-1])
+        self.find_page()
         self.assertEqual(self.ask('GET', '/api/v1/values').status, 200)
         self.configure_without_page()
         self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
         with self.assertRaises(ConnectionError):
             self.ask('GET', '/')
         self.assertIn('there is no page any more', self.read('gateway.log'))
+
+    def test_page_comes_back_when_neither_the_new_place_nor_the_old_one_could_be_used(self):
+        self.certificate('panel7', 'DNS:localhost')
+        self.more = {'history': {'file': 'h.sqlite'}}
+        port = free_port()
+        self.configure({'port': port, 'certificate': 'panel7.pem', 'key': 'panel7.key'})
+        process = self.start_gateway()
+        os.rename(self.path('panel7.key'), self.path('away'))
+        self.make_token()
+        other = socket.socket()
+        self.addCleanup(other.close)
+        other.bind(('127.0.0.2', port))
+        other.listen()
+        self.configure({'port': port, 'address': '192.0.2.1', 'tokenFile': 'web.token'})
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 1)
+        self.assertNotIn('problem', self.status()['web'], 'a place beside it is no hindrance')
+        self.configure({'port': port, 'address': '0.0.0.0', 'tokenFile': 'web.token'})
+        for _ in range(2):
+            self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 1)
+            self.assertIsNone(process.poll())
+            web = self.status()['web']
+            self.assertIn('web.key: ', web['problem'])
+        self.assertIn('cannot listen (web.key: ', self.run_gateway('status', '--socket', 'g.sock').stdout)
+        self.assertEqual(self.read('gateway.log').count('there is no page: web.key: '), 1)
+        # One that asks for no other place goes through: the page is tried again there.
+        self.configure({'port': port, 'certificate': 'panel7.pem', 'key': 'panel7.key'})
+        self.assertEqual(self.run_gateway('reload', '--socket', 'g.sock').returncode, 0)
+        os.rename(self.path('away'), self.path('panel7.key'))
+        wait_until(lambda: 'there is a page again' in self.read('gateway.log'), 'the page')
+        self.assertNotIn('problem', self.status()['web'])
+        self.assertIn('BEGIN', ssl.get_server_certificate(('127.0.0.1', port), timeout=LIMIT_S))
+        trusted = self.trusting('panel7')
+        trusted.check_hostname = False
+
+        def alarms():
+            connection = http.client.HTTPSConnection('127.0.0.1', port, timeout=LIMIT_S, context=trusted)
+            states = [one['state'] for one in json.loads(self.ask('GET', '/api/v1/alarms', connection=connection).text)['alarms']]
+            return 'page stopped' in states and 'page served' in states
+        wait_until(alarms, 'the alarms in the history')
+
+    def test_reload_moves_the_page_to_all_addresses_at_the_same_port_and_back(self):
+        port = free_port()
+        self.make_token()
+        self.configure({'port': port})
+        self.start_gateway()
+        for address in ('0.0.0.0', '127.0.0.1', '::', '127.0.0.1'):
+            self.configure({'port': port, 'address': address, 'tokenFile': 'web.token'})
+            reloaded = self.run_gateway('reload', '--socket', 'g.sock')
+            self.assertEqual(reloaded.returncode, 0, reloaded.stderr)
+            self.assertEqual(self.ask('GET', '/healthz').status, 200)
 
     def test_check_refuses_a_key_that_is_not_the_certificates(self):
         self.certificate('panel7', 'DNS:localhost')

@@ -20,7 +20,7 @@ import yaml
 
 PROGRAMS, SOURCES = Path(sys.argv[1]), Path(sys.argv[2])
 sys.path.insert(0, str(SOURCES / "tests" / "page"))
-from plant import PATIENCE, Plant, await_that  # noqa: E402
+from plant import PATIENCE, Plant, await_that, free_port  # noqa: E402
 
 EVIL = "<img src=x onerror=alert(1)>\"'&"
 BIG = 9007199254740993  # 2^53 + 1: no number of a browser
@@ -57,9 +57,9 @@ class Answer:
 class Events:
     """A reader of the events."""
 
-    def __init__(self, port, last_id=None):
+    def __init__(self, port, last_id=None, query=""):
         self.connection = http.client.HTTPConnection("127.0.0.1", port, timeout=PATIENCE)
-        self.connection.request("GET", "/api/v1/events", headers={"Last-Event-ID": last_id} if last_id else {})
+        self.connection.request("GET", "/api/v1/events" + query, headers={"Last-Event-ID": last_id} if last_id else {})
         self.response = self.connection.getresponse()
         self.last_id = last_id
 
@@ -135,8 +135,8 @@ class Interface(unittest.TestCase):
         subprocess.run([PROGRAMS / "micro850-gateway", "reload", "--socket", self.plant.folder / "gateway.sock"],
                        check=True, stdout=subprocess.DEVNULL, timeout=PATIENCE)
 
-    def events(self, last_id=None):
-        events = Events(self.plant.port, last_id)
+    def events(self, last_id=None, query=""):
+        events = Events(self.plant.port, last_id, query)
         self.addCleanup(events.close)
         return events
 
@@ -191,7 +191,8 @@ class Values(Interface):
     def test_refuses_writes_with_the_reason(self):
         refused = [("Setpoint", {"value": 101}, 403, "outside its limits"), ("Level", {"value": 1}, 403, "not writable"),
                    ("Setpont", {"value": 1}, 404, "did you mean Setpoint"), ("Setpoint", {"value": "x"}, 400, "x"),
-                   ("Recipe", {"value": 1, "element": 3}, 400, "element"), ("Setpoint", {}, 400, "value"),
+                   ("Recipe", {"value": 1, "element": 3}, 400, "element"), ("Recipe", {"value": 1}, 400, "element"),
+                   ("Setpoint", {"value": 1, "element": 1}, 400, "element"), ("Setpoint", {}, 400, "value"),
                    ("Setpoint", {"value": 101, "check": True}, 403, "limits")]
         for name, body, status, text in refused:
             answer = self.put(name, body)
@@ -202,12 +203,18 @@ class Values(Interface):
         nobody = self.put("Setpoint", {"value": 1}, token=False)
         self.assertEqual((nobody.status, nobody.headers["WWW-Authenticate"]), (401, "Bearer"))
         self.await_journal("not-allowed", 101)
+        self.await_journal("check-failed", 101)
 
     def test_writes_only_what_the_client_has_seen(self):
         seen = {key: self.plant.json("/api/v1/values/Setpoint")[key] for key in ("station", "tag", "type")}
         seen["first"] = self.plant.json("/api/v1/values/Setpoint")["element"]
         self.assertEqual(self.put("Setpoint", {"value": 21, **seen}).status, 200)
-        for other in ({"station": 2}, {"tag": "Level"}, {"first": 1}, {"type": "REAL"}):
+        seen["revision"] = self.plant.json("/api/v1/values/Setpoint")["revision"]
+        self.assertEqual(self.plant.end_gateway(), 0)
+        self.plant.start_gateway()
+        self.await_values()
+        self.assertEqual(self.put("Setpoint", {"value": 21, **seen}).status, 200, "it is the same after a restart")
+        for other in ({"revision": "0123456789abcdef"}, {"station": 2}, {"tag": "Level"}, {"first": 1}, {"type": "REAL"}):
             answer = self.put("Setpoint", {"value": 22, **seen, **other})
             self.assertEqual((answer.status, answer.json()["code"]), (409, "changed"), answer.body)
         self.assertEqual(self.plant.json("/api/v1/values/Setpoint")["value"], 21)
@@ -223,18 +230,113 @@ class Values(Interface):
         other = self.put("Total", {"value": 1, "ticket": ticket})
         self.assertEqual((other.status, other.json()["code"]), (409, "changed"), other.body)
         # The name is another tag after a reload.
-        ticket = self.put("Recipe", {"value": 5, "check": True}).json()["ticket"]
+        ticket = self.put("Recipe", {"value": 5, "element": 0, "check": True}).json()["ticket"]
         project = self.plant.folder / "press.project.json"
         before = project.read_text(encoding="utf-8")
         project.write_text(before.replace('"tag": "Recipe"', '"tag": "Batches"').replace('"length": 3', '"length": 2'),
                            encoding="utf-8")
         self.reload()
-        changed = self.put("Recipe", {"value": 5, "ticket": ticket})
+        changed = self.put("Recipe", {"value": 5, "element": 0, "ticket": ticket})
         self.assertEqual((changed.status, changed.json()["code"]), (409, "changed"), changed.body)
         project.write_text(before, encoding="utf-8")
         self.reload()
         self.await_values()
         self.assertEqual(self.plant.json("/api/v1/values/Recipe")["value"], [1, 2, 3])
+
+    def test_writes_nothing_for_a_ticket_that_it_does_not_know(self):
+        ticket = self.put("Setpoint", {"value": 36, "check": True}).json()["ticket"]
+        self.assertEqual(self.plant.end_gateway(), 0)
+        self.plant.start_gateway()
+        self.await_values()
+        for given in (ticket, "x"):
+            answer = self.put("Setpoint", {"value": 36, "ticket": given})
+            self.assertEqual((answer.status, answer.json()["code"]), (409, "unknown-outcome"), answer.body)
+        self.assertNotEqual(self.plant.json("/api/v1/values/Setpoint")["value"], 36)
+
+    def begin_put(self, value):
+        """A connection on which a write waits for its answer."""
+        peer = socket.create_connection(("127.0.0.1", self.plant.port), timeout=PATIENCE)
+        self.addCleanup(peer.close)
+        body = json.dumps({"value": value})
+        peer.sendall(f"PUT /api/v1/values/Setpoint HTTP/1.1\r\nHost: localhost\r\nAuthorization: Bearer "
+                     f"{self.token}\r\nContent-Length: {len(body)}\r\n\r\n{body}".encode())
+        self.plant.json("/api/v1/session")  # a later request is answered: that one has come
+        return peer
+
+    def answer_of(self, peer):
+        response = http.client.HTTPResponse(peer)
+        response.begin()
+        return Answer(response)
+
+    def assert_written_once(self, value, answer):
+        """What the client was told is what the journal says, of one write."""
+        self.assertIn(answer.status, (200, 503, 504), answer.body)
+        wanted = "written" if answer.status == 200 else answer.json()["code"]
+        writes = await_that("the journal has it", lambda: [
+            write for write in self.plant.json("/api/v1/journal?limit=1000")["writes"] if write["new"] == value])
+        self.assertEqual([write["outcome"] for write in writes], [wanted])
+
+    def frozen(self):
+        """The controller says nothing until what this returns is called."""
+        process = self.plant.controllers["press"].process
+        os.kill(process.pid, signal.SIGSTOP)
+        self.addCleanup(process.send_signal, signal.SIGCONT)
+        return lambda: os.kill(process.pid, signal.SIGCONT)
+
+    def test_keeps_its_connections_when_only_limits_are_others(self):
+        events = self.events()
+        events.next("snapshot")
+        release = self.frozen()
+        peer = self.begin_put(61)
+        self.plant.configuration["web"].update(connections=77, connectionsPerAddress=63)
+        self.reload()
+        release()
+        self.assert_written_once(61, self.answer_of(peer))
+        self.plant.configuration["web"]["connections"] = 1
+        self.reload()
+        with self.assertRaises((http.client.HTTPException, OSError)):
+            answer = self.ask("GET", "/api/v1/session")
+            raise OSError(answer.status) if answer.status == 503 else AssertionError(answer.status)
+        self.plant.configuration["web"]["connections"] = 128
+        self.reload()
+        self.assertIsNotNone(events.next("values", "ages"))
+        self.assertEqual(self.ask("GET", "/api/v1/session").status, 200)
+
+    def test_answers_a_write_when_it_moves_to_another_port(self):
+        release = self.frozen()
+        peer = self.begin_put(62)
+        self.plant.port = self.plant.configuration["web"]["port"] = free_port()
+        self.reload()
+        self.assertEqual(self.ask("GET", "/api/v1/session").status, 200)
+        release()
+        answer = self.answer_of(peer)
+        self.assertEqual(answer.headers["Connection"], "close")
+        self.assert_written_once(62, answer)
+        self.await_values()
+
+    def test_answers_a_write_when_the_page_is_switched_off(self):
+        release = self.frozen()
+        peer = self.begin_put(63)
+        web = self.plant.configuration.pop("web")
+        self.reload()
+        answer = self.answer_of(peer)
+        self.assertIn((answer.status, answer.json()["code"]), {(503, "cancelled"), (504, "unknown-outcome")})
+        self.plant.configuration["web"] = web
+        self.reload()
+        release()
+        self.await_values()
+
+    def test_answers_a_write_when_the_service_ends(self):
+        release = self.frozen()
+        peer = self.begin_put(64)
+        self.plant.gateway.send_signal(signal.SIGTERM)
+        answer = self.answer_of(peer)
+        self.assertIn(answer.status, (200, 503, 504), answer.body)
+        self.assertEqual(self.plant.end_gateway(), 0)
+        release()
+        self.plant.start_gateway()
+        self.await_values()
+        self.assert_written_once(64, answer)
 
     def test_goes_on_when_the_page_is_switched_off_while_writes_wait(self):
         events = self.events()
@@ -284,6 +386,24 @@ class Values(Interface):
         while not any(value["name"] == "Level" and value["value"] == 77.5 for value in data["values"]):
             data = again.next("values")[1]
 
+    def test_goes_on_after_the_values_that_a_client_has(self):
+        known = self.plant.json("/api/v1/values?lastEvent=1")
+        self.assertEqual([value["name"] for value in known["values"]],
+                         [value["name"] for value in self.plant.json("/api/v1/values")["values"]])
+        self.plant.controllers["press"].set(Level=78.5)
+        await_that("it is read", lambda: self.plant.json("/api/v1/values/Level")["value"] == 78.5)
+        after = "?after=" + known["lastEvent"]
+        events = self.events(query=after)
+        value = events.value("Level", lambda value: True)
+        self.assertEqual(value["value"], 78.5)
+        events.next("ages")
+        # A browser that connects again sends both: it has got that value.
+        events.close()
+        self.plant.controllers["press"].set(Level=79.5)
+        again = self.events(events.last_id, after)
+        self.assertEqual(again.value("Level", lambda value: True)["value"], 79.5)
+        self.assertEqual(self.events(query="?after=other-1").next()[0], "reloaded")
+
     def test_begins_anew_after_a_restart_of_the_service(self):
         events = self.events()
         events.next("snapshot")
@@ -311,16 +431,6 @@ class Values(Interface):
         alarms = await_that("the alarms have it", lambda: self.plant.json("/api/v1/alarms")["alarms"])
         self.assertTrue(any(alarm["line"] == "press" for alarm in alarms))
         self.assertEqual(alarms, sorted(alarms, key=lambda alarm: alarm["time"], reverse=True))
-
-    def test_says_when_nobody_knows_what_became_of_a_write(self):
-        self.start_line_again()
-        os.kill(self.plant.controllers["press"].process.pid, signal.SIGSTOP)
-        try:
-            answer = self.put("Setpoint", {"value": 3})
-        finally:
-            os.kill(self.plant.controllers["press"].process.pid, signal.SIGCONT)
-        self.assertIn((answer.status, answer.json()["code"]), {(504, "unknown-outcome"), (503, "unreachable")})
-        self.start_line_again()
 
     def test_serves_others_while_readers_do_not_read(self):
         stalled = []
@@ -481,6 +591,27 @@ class OpenApi(Interface):
     def test_is_a_schema_by_itself(self):
         for schema in self.document["components"]["schemas"].values():
             jsonschema.Draft202012Validator.check_schema(schema)
+
+
+class UnknownOutcome(unittest.TestCase):
+    def test_is_told_when_the_controller_takes_a_write_and_says_nothing(self):
+        # Five replies connect and read the value; nothing is read again before the write.
+        variable = {"name": "Setpoint", "tag": "Setpoint", "writable": True, "intervalMs": 3600000}
+        plant = Plant(PROGRAMS, {"press": (TAGS, [variable])}, web={"writes": True})
+        self.addCleanup(plant.end)
+        token = plant.make_token()
+        faults = plant.folder / "faults.json"
+        faults.write_text(json.dumps({"faults": [{"fault": "withhold", "message": list(range(6, 300))}]}), encoding="utf-8")
+        plant.controllers["press"].options = ["--faults", faults]
+        plant.start()
+        await_that("the value is there", lambda: plant.json("/api/v1/values/Setpoint")["quality"] == "good")
+        connection = http.client.HTTPConnection("127.0.0.1", plant.port, timeout=PATIENCE)
+        self.addCleanup(connection.close)
+        connection.request("PUT", "/api/v1/values/Setpoint", '{"value": 11}', {"Authorization": "Bearer " + token})
+        answer = Answer(connection.getresponse())
+        self.assertEqual((answer.status, answer.json()["code"]), (504, "unknown-outcome"), answer.body)
+        self.assertIn("may have been carried out", answer.json()["detail"])
+        self.assertEqual([write["outcome"] for write in plant.json("/api/v1/journal")["writes"]], ["unknown-outcome"])
 
 
 class WithoutHistory(unittest.TestCase):

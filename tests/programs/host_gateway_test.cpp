@@ -4,6 +4,7 @@
 #include "program_fixture.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
 
 #include <csignal>
@@ -424,4 +425,36 @@ TEST_F(HostGateway, ShowsThatTheGatewayWentAwayAndThatItIsBack)
     ::kill(static_cast<pid_t>(poll.processId()), SIGINT);
     EXPECT_TRUE(poll.waitForFinished(kGatewayLimitMs));
     EXPECT_EQ(poll.exitCode(), 0) << poll.readAllStandardError().constData();
+}
+TEST_F(HostGateway, ServesTheCommandsOfAShell)
+{
+    startPress();
+    const QString commands = path("commands");
+    QFile file(commands);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("set json on\nwrite Setpoint=3\nread Other\nwatch Speed --seconds 0.3\nprobe\n");
+    file.close();
+    const Result result = runProgram("sh",
+                                     {"-c", "exec \"$@\" <" + commands, "sh", MICRO850_HOST,
+                                      "shell", "-p", device(QStringLiteral("press"))},
+                                     ownSocket(), path("."));
+    EXPECT_EQ(result.status, 2);
+    const QStringList lines = linesOf(result.out);
+    EXPECT_TRUE(lines.value(0).contains(R"("outcome":"written")")) << result.out;
+    EXPECT_TRUE(lines.value(1).contains(R"("value":70000)")) << result.out;
+    EXPECT_TRUE(lines.value(2).contains(R"("value":123.4)")) << result.out;
+    EXPECT_TRUE(linesOf(result.err)
+                    .contains("micro850-host: standard input, line 5: this command "
+                              "failed, and what follows is not done"))
+        << result.err;
+}
+
+TEST_F(HostGateway, IsNamedByDoctorAsTheOwnerOfThePort)
+{
+    startPress();
+    const Result result = found({"doctor", "-p", device(QStringLiteral("press"))});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find("\nadvice        the gateway owns the port: "), std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("micro850-gateway (process "), std::string::npos) << result.out;
 }

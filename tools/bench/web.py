@@ -3,6 +3,7 @@ gateway's processor time and memory with many readers of many values. Called by 
 fails."""
 
 import argparse
+import http.client
 import json
 import os
 import re
@@ -114,9 +115,19 @@ def load(plant, seconds):
             "bytes_per_second": readers.bytes / took, "memory_without_readers": idle, "memory": memory}
 
 
+def bytes_of(plant, path):
+    """What a request of the shared worker moves: the browser's log of the page does not have these."""
+    connection = http.client.HTTPConnection("127.0.0.1", plant.port, timeout=30)
+    connection.request("GET", path, headers={"Accept-Encoding": "gzip"})
+    response = connection.getresponse()
+    size = sum(len(f"{name}: {value}\r\n") for name, value in response.getheaders()) + len(response.read())
+    connection.close()
+    return size
+
+
 def first_page(plant):
     """Bytes of the first page in all its requests but the stream, and when the first value was in the table."""
-    browser = Browser()
+    browser = Browser(traces_requests=True)
     try:
         browser.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {"source": WATCH_FIRST_VALUE})
         browser.driver.get_log("performance")
@@ -136,6 +147,8 @@ def first_page(plant):
             browser.open(plant.address + "#/values")
             warm.append(await_that("the first value", lambda: browser.run("return window.__firstValue")))
         files = {url: sizes[key] for key, url in urls.items() if key in sizes and plant.address in url}
+        for path in ("api/v1/values?lastEvent=1", "api/v1/variables", "api/v1/status"):
+            files[plant.address + path] = bytes_of(plant, "/" + path)
         return {"browser": version(), "bytes": sum(files.values()), "requests": len(files), "first_ms": cold,
                 "again_ms": sorted(warm)[len(warm) // 2], "files": files}
     finally:
@@ -166,6 +179,7 @@ def main():
     parser = argparse.ArgumentParser(prog="web-bench")
     parser.add_argument("programs")
     parser.add_argument("--seconds", type=float, default=10)
+    parser.add_argument("--files", action="store_true", help="lists what the first page is made of")
     parser.add_argument("--write")
     options = parser.parse_args()
     results = {"memory_without_page": memory_without_page(options.programs)}
@@ -178,6 +192,9 @@ def main():
         plant.end()
     shown = table(results)
     print(shown, end="")
+    if options.files:
+        for url, size in sorted(results["page"]["files"].items(), key=lambda item: -item[1]):
+            print(f"{size:8} {url}", file=sys.stderr)
     if options.write:
         document = Path(options.write)
         begin, end = "<!-- web-bench -->\n", "<!-- end of web-bench -->"

@@ -392,6 +392,25 @@ TEST_F(HistoryServiceTest, RefusesQueriesWithoutAFile)
     EXPECT_EQ(m_service->status().dump(), R"({"state":"off"})");
 }
 
+TEST_F(HistoryServiceTest, DoesNotBeginQueriesThatNobodyWaitsFor)
+{
+    start();
+    set(0, 0, 7);
+    m_service->flush();
+    TrendQuery query{"press", "Level", 0, kNow - 1000, kNow + 1000, 10};
+    const auto isUnwanted = std::make_shared<std::atomic<bool>>(false);
+    query.isUnwanted = isUnwanted;
+    EXPECT_EQ(trend(query).errorCode, QString());
+    *isUnwanted = true;
+    EXPECT_EQ(trend(query).errorCode, QString("busy"));
+    RecordQuery records;
+    records.isUnwanted = isUnwanted;
+    EXPECT_EQ(events(records).errorCode, QString("busy"));
+    EXPECT_EQ(writes(records).errorCode, QString("busy"));
+    *isUnwanted = false;
+    EXPECT_EQ(writes(records).errorCode, QString());
+}
+
 TEST_F(HistoryServiceTest, RefusesQueriesBeyondThoseThatMayWait)
 {
     start();

@@ -662,9 +662,11 @@ TEST_F(HttpServerTest, KeepsTheConnectionAfterAnswersWithoutABody)
         EXPECT_EQ(reply.header("etag"), "\"1\"");
         EXPECT_EQ(reply.body, "");
     }
-    EXPECT_EQ(some->request("HEAD", "/events").status, 200);
+    const HttpReply head = some->request("HEAD", "/events");
+    EXPECT_EQ(head.status, 200);
+    EXPECT_FALSE(head.headers.contains("content-length")); // nobody knows it
     EXPECT_TRUE(waitFor([&] { return destroyed == 1; }));
-    EXPECT_EQ(some->get("/").status, 200);
+    EXPECT_TRUE(some->seesTheEnd());
 }
 
 TEST_F(HttpServerTest, AnswersAClientThatHasEndedItsSide)
@@ -862,6 +864,69 @@ TEST_F(HttpServerTest, GoesWithRequestsAndStreamsInWork)
     waiting[0]->answer(textResponse("too late"));
     for (HttpClient* const some : {first.get(), second.get(), third.get()})
         EXPECT_TRUE(some->seesTheEnd());
+}
+
+TEST_F(HttpServerTest, AnswersWhatIsInWorkWhenItRetires)
+{
+    HttpExchangePointer waiting;
+    handler = [&](const HttpExchangePointer& exchange) { waiting = exchange; };
+    const auto idle = client();
+    const auto busy = client();
+    const auto half = client();
+    half->send("GET /ha");
+    busy->send(QByteArray("GET /later") + kRest);
+    ASSERT_TRUE(waitFor([&] { return waiting != nullptr; }));
+    HttpSettings same = settings;
+    same.port = server().port();
+    server().retire();
+    EXPECT_TRUE(idle->seesTheEnd());
+    EXPECT_TRUE(half->seesTheEnd());
+    const HttpServer next(same, clock, [](const HttpExchangePointer& exchange) {
+        exchange->answer(textResponse("next"));
+    });
+    EXPECT_EQ(HttpClient(same.port, turnLoop).get("/").body, "next");
+    EXPECT_TRUE(waiting->isWanted());
+    EXPECT_FALSE(server().isOver());
+    waiting->answer(textResponse("in time"));
+    const HttpReply reply = busy->receive();
+    EXPECT_EQ(reply.body, "in time");
+    EXPECT_EQ(reply.header("connection").toLower(), "close");
+    EXPECT_TRUE(busy->seesTheEnd());
+    EXPECT_TRUE(waitFor([&] { return server().isOver(); }));
+}
+
+TEST_F(HttpServerTest, SendsWhatIsAnsweredBeforeItGoes)
+{
+    HttpExchangePointer waiting;
+    handler = [&](const HttpExchangePointer& exchange) { waiting = exchange; };
+    const auto some = client();
+    some->send(QByteArray("GET /later") + kRest);
+    ASSERT_TRUE(waitFor([&] { return waiting != nullptr; }));
+    waiting->answer(textResponse("at the end"));
+    stop();
+    const HttpReply reply = some->receive();
+    EXPECT_EQ(reply.body, "at the end");
+    EXPECT_TRUE(reply.isWhole);
+}
+
+TEST_F(HttpServerTest, TakesOtherLimitsWhileItRuns)
+{
+    settings.mostConnections = 2;
+    const auto first = client();
+    EXPECT_EQ(first->get("/").status, 200);
+    settings.mostConnections = 1;
+    server().change(settings);
+    EXPECT_EQ(client()->get("/").status, 503);
+    EXPECT_EQ(first->get("/").status, 200); // it is kept
+    settings.mostConnections = 300;
+    settings.mostPerAddress = 300;
+    server().change(settings);
+    for (const auto& some : clients(200, "127.0.0.9"))
+        EXPECT_EQ(some->get("/").status, 200);
+    HttpSettings bad = settings;
+    bad.proxies = QStringList{QStringLiteral("proxy")};
+    EXPECT_THROW(server().change(bad), UserError);
+    EXPECT_EQ(first->get("/").status, 200);
 }
 
 TEST_F(HttpServerTest, TakesItsPortAgainAfterARestart)
@@ -1134,6 +1199,7 @@ TEST_F(EncryptedHttpServerTest, RefusesAKeyWithAPassPhrase)
                   ": it has a pass phrase, which nobody could enter: give a key without");
 }
 
+#ifndef __SANITIZE_ADDRESS__
 /// Resident bytes of this process.
 qint64 residentBytes()
 {
@@ -1143,7 +1209,6 @@ qint64 residentBytes()
     return pages * ::sysconf(_SC_PAGESIZE);
 }
 
-#ifndef __SANITIZE_ADDRESS__
 TEST_F(HttpServerTest, NeedsLessThanTenMegabytesForAllConnections)
 {
     EXPECT_EQ(client()->get("/").status, 200);
@@ -1167,6 +1232,37 @@ TEST_F(HttpServerTest, NeedsLessThanTenMegabytesForAllConnections)
     turnFor(100);
     EXPECT_EQ(server().counters().connections, 128);
     EXPECT_LT(residentBytes() - before, 10 * 1024 * 1024);
+}
+
+TEST_F(HttpServerTest, BoundsTheMemoryOfAnswersThatNobodyReads)
+{
+    EXPECT_EQ(client()->get("/").status, 200);
+    const int kSize = 6 * 1024 * 1024; // more than the system takes
+    const QByteArray shared(kSize, 's');
+    handler = [&](const HttpExchangePointer& exchange) {
+        HttpResponse response = textResponse(QByteArray());
+        response.isBodyKept = exchange->request().target == "/shared";
+        response.body = response.isBodyKept ? shared : QByteArray(kSize, 'b');
+        exchange->answer(response);
+    };
+    requests.reserve(200);
+    const qint64 before = residentBytes();
+    std::vector<std::unique_ptr<HttpClient>> all;
+    for (int i = 0; i < 120; ++i) {
+        all.push_back(client("127.0.3." + QByteArray::number(i / 16 + 1)));
+        all.back()->limitReceiving(4096);
+        const QByteArray target = i % 2 == 0 ? "/own" : "/shared";
+        all.back()->send("GET " + target + " HTTP/1.1\r\nHost: a\r\n\r\n");
+    }
+    ASSERT_TRUE(waitFor([&] { return requests.size() == 121; }));
+    turnFor(100);
+    const qint64 refused = server().counters().responses[503];
+    EXPECT_GT(refused, 30);
+    EXPECT_LT(refused, 60);                         // what all share takes no memory
+    EXPECT_LT(residentBytes() - before, 3 * kSize); // one waits, and one was being made
+    all.clear();
+    ASSERT_TRUE(waitFor([&] { return server().counters().connections == 0; }));
+    EXPECT_EQ(client()->get("/own").body.size(), kSize);
 }
 #endif
 

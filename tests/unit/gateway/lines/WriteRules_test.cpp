@@ -395,8 +395,10 @@ TEST_F(WriteRulesTest, RefuseACheckAsTheWriteAndRecordIt)
     EXPECT_EQ(codeOf({{"name", "Speed"}, {"value", "x"}, {"check", true}}), "bad-request");
     EXPECT_EQ(codeOf({{"name", "Sped"}, {"value", 1}, {"check", true}}), "unknown-name");
     ASSERT_EQ(lines.journal.size(), 4);
-    EXPECT_EQ(lines.journal.first().outcome, "not-allowed");
+    for (const JournalEntry& entry : lines.journal)
+        EXPECT_EQ(entry.outcome, "check-failed") << "nobody wanted to write yet";
     EXPECT_EQ(lines.journal.first().newValue, Json(101));
+    EXPECT_NE(lines.journal.first().error, "");
     EXPECT_TRUE(lines.asked.isEmpty());
 }
 
@@ -430,6 +432,17 @@ TEST_F(WriteRulesTest, FollowAReload)
     *reply = Json();
     EXPECT_EQ(codeOf({{"line", "press"}, {"name", "Speed"}, {"value", 51}}), "not-allowed");
     EXPECT_TRUE(write({{"line", "other"}, {"name", "Speed"}, {"value", 51}}).is_null());
+}
+
+TEST_F(WriteRulesTest, SendNothingToAnotherVariableThatHasTheNameAfterAReload)
+{
+    QByteArray project = kProject;
+    project.replace("\"tag\": \"UNKNOWN\"", "\"tag\": \"OTHER\"");
+    EXPECT_TRUE(write({{"name", "Unknown"}, {"value", 10}}).is_null());
+    lines.setLines({lineOfProject("press", project)});
+    lines.answer({{"reply", "type"}, {"type", "USINT"}});
+    EXPECT_EQ((*reply)["error"]["code"], "cancelled");
+    EXPECT_TRUE(lines.asked.isEmpty());
 }
 
 TEST_F(WriteRulesTest, RefuseRequestsThatNameNothingOrTwoThings)

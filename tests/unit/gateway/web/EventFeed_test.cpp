@@ -138,9 +138,112 @@ TEST_F(EventFeedTest, GoesOnAfterTheLastEventOfAReaderThatComesBack)
     reader = open(seen.back().id);
     const std::vector<Event> missed = eventsIn(readAll(*reader));
     ASSERT_EQ(missed.size(), 3U);
-    EXPECT_EQ(missed[0].name, "ages"); // as they are now
     EXPECT_EQ(valuesOf(missed, "Speed"), std::vector<int>{2});
-    EXPECT_EQ(missed[2].data["state"], "dead");
+    EXPECT_EQ(missed[1].data["state"], "dead");
+    EXPECT_EQ(missed[2].name, "ages"); // as they are now
+    EXPECT_EQ(missed[2].id, missed[1].id);
+    EXPECT_TRUE(readAll(*reader).isEmpty());
+}
+
+// Ages tell a reader that it knows all. Those of the time when it was away would make an old value
+// look fresh.
+TEST_F(EventFeedTest, TellsAgesToAReaderThatComesBackOnlyAfterWhatItMissed)
+{
+    auto reader = open();
+    const QByteArray id = eventsIn(readAll(*reader)).back().id;
+    const auto other = open();
+    reader.reset();
+    feed.tellTimes();
+    setSpeed(2);
+    feed.flush();
+    reader = open(id);
+    setSpeed(3);
+    feed.flush();
+    const std::vector<Event> missed = eventsIn(readAll(*reader));
+    ASSERT_EQ(missed.size(), 3U);
+    EXPECT_EQ(missed[0].name, "values");
+    EXPECT_EQ(missed[1].name, "ages");
+    EXPECT_EQ(missed[2].name, "values");
+    EXPECT_EQ(valuesOf(missed, "Speed"), (std::vector<int>{2, 3}));
+}
+
+TEST_F(EventFeedTest, TellsNoAgesOfOtherVariablesToAReaderThatMissedAReload)
+{
+    auto reader = open();
+    const QByteArray id = eventsIn(readAll(*reader)).back().id;
+    reader.reset();
+    tellState(QStringLiteral("dead"));
+    lines.setLines({lineOfProject(QStringLiteral("press"), manyVariables(5))});
+    reader = open(id);
+    const std::vector<Event> missed = eventsIn(readAll(*reader));
+    ASSERT_EQ(missed.size(), 3U);
+    EXPECT_EQ(missed[0].data["state"], "dead");
+    EXPECT_EQ(missed[1].name, "reloaded");
+    EXPECT_EQ(missed[2].name, "snapshot");
+}
+
+TEST_F(EventFeedTest, TellsOfAReloadThatASlowReaderMissed)
+{
+    const auto reader = open();
+    readAll(*reader);
+    lines.setLines({lineOfProject(QStringLiteral("press"), manyVariables(5))});
+    const QString longText(10000, 'x');
+    for (qint64 bytes = 0; bytes < 2 * RecentEvents::kMostBytes; bytes += longText.size())
+        tellState(longText);
+    std::vector<Event> events = eventsIn(readAll(*reader));
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].name, "reloaded");
+    EXPECT_EQ(events[1].name, "snapshot");
+    EXPECT_EQ(events[1].data["values"].size(), 5U);
+    // It knows of it now.
+    for (qint64 bytes = 0; bytes < 2 * RecentEvents::kMostBytes; bytes += longText.size())
+        tellState(longText);
+    events = eventsIn(readAll(*reader));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].name, "snapshot");
+}
+
+TEST_F(EventFeedTest, GoesOnAfterTheValuesThatAReaderHas)
+{
+    setSpeed(1);
+    const QByteArray id = feed.lastEvent();
+    EXPECT_EQ(feed.readers(), 0);
+    auto reader = feed.openAfter(Caller(), id);
+    std::vector<Event> events = eventsIn(readAll(*reader));
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].name, "ages");
+    reader.reset();
+    setSpeed(2);
+    feed.flush();
+    setSpeed(3);
+    feed.flush();
+    tellState(QStringLiteral("dead"));
+    reader = feed.openAfter(Caller(), id);
+    setSpeed(4);
+    feed.flush();
+    events = eventsIn(readAll(*reader));
+    // It may know the 3 already: it never gets the 2.
+    EXPECT_EQ(valuesOf(events, "Speed"), std::vector<int>{4});
+    EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                            [](const Event& event) { return event.name == "state"; }),
+              1);
+    EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                            [](const Event& event) { return event.name == "snapshot"; }),
+              0);
+}
+
+TEST_F(EventFeedTest, BeginsAnewForAReaderWhoseValuesAreTooOld)
+{
+    const QByteArray id = feed.lastEvent();
+    clock.advance(std::chrono::seconds(61));
+    setSpeed(1);
+    for (const QByteArray& one : {id, QByteArray("other-1"), QByteArray("1")}) {
+        const auto reader = feed.openAfter(Caller(), one);
+        const std::vector<Event> events = eventsIn(readAll(*reader));
+        ASSERT_EQ(events.size(), 2U) << one.constData();
+        EXPECT_EQ(events[0].name, "reloaded");
+        EXPECT_EQ(events[1].name, "snapshot");
+    }
 }
 
 TEST_F(EventFeedTest, GoesOnForAReaderThatWentAtOnce)
@@ -152,7 +255,7 @@ TEST_F(EventFeedTest, GoesOnForAReaderThatWentAtOnce)
     feed.flush();
     reader = open(id);
     const std::vector<Event> missed = eventsIn(readAll(*reader));
-    EXPECT_EQ(missed.back().name, "values");
+    EXPECT_EQ(missed.front().name, "values");
     EXPECT_EQ(valuesOf(missed, "Speed"), std::vector<int>{3});
 }
 

@@ -1,5 +1,7 @@
 #include "PageFiles.h"
 
+#include "http_response.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
@@ -16,15 +18,6 @@ HttpRequest requestWith(const char* header, const QByteArray& value)
     HttpRequest request;
     request.headers.insert(header, value);
     return request;
-}
-
-QByteArray headerOf(const HttpResponse& response, const char* name)
-{
-    for (const HttpHeader& header : response.headers) {
-        if (header.name == name)
-            return header.value;
-    }
-    return QByteArray();
 }
 
 QDir sourceFolder()
@@ -101,6 +94,29 @@ TEST(PageFiles, SendsAFileThatTheClientHasNoSecondTime)
     }
 }
 
+TEST(PageFiles, SendsSmallFilesToABrowserThatTakesThem)
+{
+    const PageFiles files;
+    int all = 0;
+    for (const QString& name : files.names()) {
+        HttpRequest request = requestWith("accept-encoding", "br, gzip;q=0.8");
+        const HttpResponse plain = files.page(name, HttpRequest());
+        const HttpResponse small = files.page(name, request);
+        EXPECT_EQ(headerOf(small, "Content-Encoding"), "gzip");
+        EXPECT_EQ(headerOf(small, "Vary"), "Accept-Encoding");
+        EXPECT_EQ(headerOf(plain, "Vary"), "Accept-Encoding");
+        EXPECT_EQ(headerOf(plain, "Content-Encoding"), "");
+        EXPECT_NE(headerOf(small, "ETag"), headerOf(plain, "ETag"));
+        EXPECT_EQ(unpacked(small.body), plain.body) << name.toStdString();
+        request.headers.insert("if-none-match", headerOf(small, "ETag"));
+        EXPECT_EQ(files.page(name, request).status, 304);
+        request.headers.insert("accept-encoding", "gzip;q=0");
+        EXPECT_EQ(files.page(name, request).body, plain.body);
+        all += small.body.size();
+    }
+    EXPECT_LT(all, 75000);
+}
+
 TEST(PageFiles, SendsAFileWhenTheClientHasAnotherVersion)
 {
     const PageFiles files;
@@ -124,7 +140,7 @@ TEST(PageFiles, KnowsNoNameThatIsAPath)
 
 TEST(PageFiles, ServesTheChartsFromWhereTheirPackagePutsThem)
 {
-    const PageFiles files;
+    PageFiles files;
     const HttpResponse script = files.charts("dygraph.min.js", HttpRequest());
     EXPECT_EQ(script.status, 200);
     EXPECT_EQ(script.type, "text/javascript; charset=utf-8");
@@ -136,12 +152,35 @@ TEST(PageFiles, ServesTheChartsFromWhereTheirPackagePutsThem)
 
 TEST(PageFiles, ServesNothingElseOfTheChartsFolder)
 {
-    const PageFiles files;
+    PageFiles files;
     for (const char* name : {"", "..", "index.js", "dygraph.js", "../jquery/jquery.js", "src",
                              "dygraph.min.js.map", "./dygraph.min.js"})
     {
         EXPECT_EQ(files.charts(QString::fromLatin1(name), HttpRequest()).status, 404) << name;
     }
+}
+
+// Whoever reads slowly takes no memory by it, and an update of the package needs no restart.
+TEST(PageFiles, KeepsTheChartsUntilTheirPackageChanges)
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath("dygraph.min.css");
+    const auto write = [&](const QByteArray& text) {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    };
+    write("first");
+    PageFiles files(folder.path());
+    const HttpResponse first = files.charts("dygraph.min.css", HttpRequest());
+    EXPECT_EQ(first.body, "first");
+    EXPECT_TRUE(first.isBodyKept);
+    EXPECT_EQ(files.charts("dygraph.min.css", HttpRequest()).body.constData(),
+              first.body.constData());
+    write("another");
+    EXPECT_EQ(files.charts("dygraph.min.css", HttpRequest()).body, "another");
+    ASSERT_TRUE(QFile::remove(path));
+    EXPECT_EQ(files.charts("dygraph.min.css", HttpRequest()).status, 404);
 }
 
 TEST(PageFiles, SaysWhichPackageIsMissingWithoutTheCharts)

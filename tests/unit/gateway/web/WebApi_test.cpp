@@ -7,6 +7,8 @@
 
 #include <QtCore/QElapsedTimer>
 
+#include <set>
+
 using namespace micro850;
 using namespace micro850::gateway;
 using namespace micro850::gateway::test;
@@ -35,6 +37,24 @@ protected:
         auto exchange = exchangeOf("PUT", target, body);
         router.route(exchange, caller);
         return exchange;
+    }
+
+    std::string revisionOf(const char* name)
+    {
+        return bodyOf(get(QStringLiteral("/api/v1/values/") + name)).at("revision");
+    }
+    /// The project with other parts, as after a reload.
+    void useProject(const std::vector<std::pair<QByteArray, QByteArray>>& changes)
+    {
+        QByteArray project = kWebProject;
+        for (const auto& [before, after] : changes) {
+            ASSERT_TRUE(project.contains(before)) << before.constData();
+            project.replace(project.indexOf(before), before.size(), after);
+        }
+        lines.setLines({lineOfProject(QStringLiteral("press"), project)});
+        context.index.rebuild();
+        context.values.reset();
+        ++context.generation;
     }
 
     ValuesApi values{context};
@@ -73,7 +93,7 @@ TEST_F(WebApiTest, ChoosesValuesByLineAndPattern)
     EXPECT_EQ(refusal(exchangeOf("GET", QStringLiteral("/api/v1/values?line=pres"))),
               "unknown-name: line: no line is called \"pres\" (did you mean press?)");
     EXPECT_EQ(refusal(exchangeOf("GET", QStringLiteral("/api/v1/values?lines=press"))),
-              "bad-request: lines: is not known here (known: line, match)");
+              "bad-request: lines: is not known here (known: line, match, lastEvent)");
     EXPECT_EQ(refusal(exchangeOf("GET", QStringLiteral("/api/v1/values?line=press&line=press"))),
               "bad-request: line: is given twice");
 }
@@ -182,15 +202,168 @@ TEST_F(WebApiTest, RefusesWhatTheProjectDoesNotAllow)
     EXPECT_TRUE(lines.asked.isEmpty());
 }
 
+TEST_F(WebApiTest, GivesARevisionOfWhatCanBeWritten)
+{
+    const auto latest = bodyOf(get(QStringLiteral("/api/v1/values")))["values"];
+    const auto variables = bodyOf(get(QStringLiteral("/api/v1/variables")))["variables"];
+    const std::string speed = revisionOf("Speed");
+    EXPECT_EQ(speed.size(), 16U);
+    EXPECT_NE(speed, revisionOf("Big"));
+    for (std::size_t i = 0; i < latest.size(); ++i)
+        EXPECT_EQ(latest[i].at("revision"), variables[i].at("revision"));
+    // Another run of the service computes the same; only what is written needs one.
+    WebContext later(
+        {lines, writes, history, clock, wallClock, QStringLiteral("p"), [] { return Json(); }});
+    EXPECT_EQ(nlohmann::json::parse(later.values.text(0).toStdString()).at("revision"), speed);
+    useProject({{"writable\": true", "writable\": false"}});
+    EXPECT_FALSE(bodyOf(get(QStringLiteral("/api/v1/values/Speed"))).contains("revision"));
+}
+
+TEST_F(WebApiTest, RevisionIsAnotherWhereTheNameMeansOrShowsSomethingElse)
+{
+    const std::string before = revisionOf("Speed");
+    const std::vector<std::pair<const char*, const char*>> others = {
+        {"ttyS0", "ttyS1"},
+        {"\"SPEED\"", "\"SPEED2\""},
+        {"\"SPEED\"", "\"SPEED\", \"element\": 1"},
+        {"\"SPEED\"", "\"SPEED\", \"length\": 2"},
+        {"\"SPEED\"", "\"SPEED\", \"gain\": 0.5"},
+        {"\"SPEED\"", "\"SPEED\", \"offset\": 1"},
+        {"\"INT\"", "\"DINT\""},
+        {"rpm", "rps"}};
+    std::set<std::string> all = {before};
+    for (const auto& other : others) {
+        useProject({other});
+        EXPECT_TRUE(all.insert(revisionOf("Speed")).second) << other.second;
+    }
+    useProject({{"\"maximum\": 100", "\"maximum\": 90, \"intervalMs\": 50"}});
+    EXPECT_EQ(revisionOf("Speed"), before);
+}
+
+TEST_F(WebApiTest, RefusesToWriteAnotherVariableThanWasSeen)
+{
+    const QString target = QStringLiteral("/api/v1/values/Speed");
+    const QByteArray seen =
+        R"({"value": 42, "revision": ")" + QByteArray::fromStdString(revisionOf("Speed")) + '"';
+    put(target, seen + '}');
+    ASSERT_EQ(lines.asked.size(), 1);
+    lines.answer({{"outcome", "written"}});
+    useProject({{"\"SPEED\"", "\"SPEED2\""}});
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"}", "changed"}, {", \"check\": true}", "check-failed"}};
+    for (const auto& [end, outcome] : cases) {
+        const auto exchange = put(target, seen + end);
+        ASSERT_EQ(exchange->answers.size(), 1U);
+        EXPECT_EQ(exchange->answers[0].status, 409);
+        EXPECT_EQ(bodyOf(exchange->answers[0])["code"], "changed");
+        EXPECT_TRUE(lines.asked.isEmpty());
+        EXPECT_EQ(lines.journal.last().outcome, QString::fromLatin1(outcome));
+    }
+    put(target, R"({"value": 42})"); // a program that has seen nothing
+    EXPECT_EQ(lines.asked.size(), 1);
+}
+
+TEST_F(WebApiTest, NeedsTheElementOfAnArrayAndTakesNoOtherOfASingleValue)
+{
+    const QString list = QStringLiteral("/api/v1/values/List");
+    const QString speed = QStringLiteral("/api/v1/values/Speed");
+    set(2, "INT", Json::array({1, 2}));
+    for (const char* body : {R"({"value": 1})", R"({"value": 1, "check": true})"}) {
+        const auto exchange = put(list, body);
+        ASSERT_EQ(exchange->answers.size(), 1U);
+        EXPECT_EQ(exchange->answers[0].status, 400);
+        EXPECT_EQ(bodyOf(exchange->answers[0])["detail"],
+                  "element: is needed, because the variable has 2 elements");
+    }
+    EXPECT_EQ(lines.journal.size(), 2);
+    EXPECT_EQ(put(list, R"({"value": 1, "element": 2})")->answers.at(0).status, 400);
+    EXPECT_EQ(put(speed, R"({"value": 1, "element": 1})")->answers.at(0).status, 400);
+    EXPECT_TRUE(lines.asked.isEmpty());
+    put(list, R"({"value": 1, "element": 0})");
+    put(speed, R"({"value": 1, "element": 0})");
+    EXPECT_EQ(lines.asked.size(), 2);
+}
+
 TEST_F(WebApiTest, RefusesBodiesThatAreNoWrites)
 {
-    for (const char* body : {"", "5", "[]", "{", "{}", R"({"value": 1, "value": 2})",
-                             R"({"value": 1, "name": "Big"})", R"({"value": 1, "element": -1})",
-                             R"({"value": 1, "check": 1})", R"({"value": 1, "bytes": "00"})"})
+    for (const char* body :
+         {"", "5", "[]", "{", "{}", R"({"value": 1, "value": 2})", R"({"value": 1, "name": "Big"})",
+          R"({"value": 1, "element": -1})", R"({"value": 1, "check": 1})",
+          R"({"value": 1, "bytes": "00"})", R"({"value": 1, "revision": 5})"})
         EXPECT_NE(refusal(exchangeOf("PUT", QStringLiteral("/api/v1/values/Speed"), body)),
                   "not refused")
             << body;
     EXPECT_TRUE(lines.asked.isEmpty());
+}
+
+TEST_F(WebApiTest, SaysInItsOwnWordsThatABodyIsNoJson)
+{
+    const QString path = QStringLiteral("/api/v1/values/Speed");
+    for (const char* body : {"x", "{", "{\"value\": 1e999}", "{value: 1}", "\xFF"}) {
+        const std::string told = refusal(exchangeOf("PUT", path, body));
+        EXPECT_NE(told.find("body: is not JSON"), std::string::npos) << body << ": " << told;
+        EXPECT_NE(told.find("{\"value\": 42.25}"), std::string::npos) << body << ": " << told;
+    }
+    EXPECT_NE(refusal(exchangeOf("PUT", path, " \n")).find("body: is empty"), std::string::npos);
+}
+
+TEST_F(WebApiTest, CutsALongValueOfARefusedWriteInTheJournal)
+{
+    context.settings.takesWrites = false;
+    const QByteArray value = '"' + QByteArray(60000, 'x') + '"';
+    for (const QByteArray& one : {value, "[" + value + "]"}) {
+        put(QStringLiteral("/api/v1/values/Speed"), R"({"value": )" + one + "}");
+        EXPECT_LT(lines.journal.last().newValue.dump().size(), 2000U);
+        EXPECT_GT(lines.journal.last().newValue.dump().size(), 1000U);
+    }
+}
+
+// A browser repeats a write whose connection ended. Whatever has changed meanwhile: it must not be
+// told that nothing was written.
+TEST_F(WebApiTest, SaysThatAWriteWasSentBeforeWhateverElseRefusesItNow)
+{
+    set(0, "INT", 7);
+    caller.isSession = true;
+    caller.sessionId = "one";
+    const QString speed = QStringLiteral("/api/v1/values/Speed");
+    const auto check = put(speed, R"({"value": 42, "check": true})");
+    const QByteArray write = R"({"value": 42, "revision": ")" +
+                             QByteArray::fromStdString(revisionOf("Speed")) + R"(", "ticket": ")" +
+                             QByteArray::fromStdString(bodyOf(check->answers.at(0))["ticket"]) +
+                             R"("})";
+    put(speed, write);
+    ASSERT_EQ(lines.asked.size(), 1);
+    lines.answer({{"outcome", "written"}});
+    const auto repeated = [&] { return bodyOf(put(speed, write)->answers.at(0))["code"]; };
+    EXPECT_EQ(repeated(), "repeated");
+    context.settings.takesWrites = false;
+    EXPECT_EQ(repeated(), "repeated");
+    context.settings.takesWrites = true;
+    useProject({{"\"SPEED\"", "\"SPEED2\""}}); // another variable of this name
+    EXPECT_EQ(repeated(), "repeated");
+    lines.setLines({});
+    context.index.rebuild();
+    EXPECT_EQ(repeated(), "repeated");
+    EXPECT_TRUE(lines.asked.isEmpty());
+    EXPECT_EQ(lines.journal.last().name, QStringLiteral("Speed"));
+}
+
+TEST_F(WebApiTest, TakesNoEmptyTicketForNone)
+{
+    set(0, "INT", 7);
+    const auto exchange =
+        put(QStringLiteral("/api/v1/values/Speed"), R"({"value": 42, "ticket": ""})");
+    ASSERT_EQ(exchange->answers.size(), 1U);
+    EXPECT_EQ(exchange->answers[0].status, 409);
+    EXPECT_TRUE(lines.asked.isEmpty());
+}
+
+TEST_F(WebApiTest, MarksARefusedCheckInTheJournal)
+{
+    context.settings.takesWrites = false;
+    put(QStringLiteral("/api/v1/values/Speed"), R"({"value": 42, "check": true})");
+    ASSERT_EQ(lines.journal.size(), 1);
+    EXPECT_EQ(lines.journal[0].outcome, QStringLiteral("check-failed"));
 }
 
 TEST_F(WebApiTest, RefusesToWriteWithoutTheTokenAndNotesTheAttempt)
@@ -203,6 +376,77 @@ TEST_F(WebApiTest, RefusesToWriteWithoutTheTokenAndNotesTheAttempt)
     ASSERT_EQ(lines.journal.size(), 1);
     EXPECT_EQ(lines.journal[0].outcome, QStringLiteral("not-allowed"));
     EXPECT_EQ(lines.journal[0].newValue, 42);
+}
+
+TEST_F(WebApiTest, WritesOfASessionNeedATicketThatOnlyItCanUseOnce)
+{
+    set(0, "INT", 7);
+    caller.isSession = true;
+    caller.sessionId = "one";
+    const QString speed = QStringLiteral("/api/v1/values/Speed");
+    const auto answerOf = [&](const QByteArray& ticket) {
+        return put(speed, ticket.isEmpty() ? QByteArray(R"({"value": 42})")
+                                           : R"({"value": 42, "ticket": ")" + ticket + "\"}");
+    };
+    const auto codeOf = [](const std::shared_ptr<FakeExchange>& exchange) {
+        return bodyOf(exchange->answers.at(0)).value("code", "");
+    };
+    const auto newTicket = [&] {
+        const auto check = put(speed, R"({"value": 42, "check": true})");
+        return QByteArray::fromStdString(bodyOf(check->answers.at(0))["ticket"]);
+    };
+    const auto without = answerOf(QByteArray());
+    EXPECT_EQ(without->answers.at(0).status, 400);
+    const QByteArray ticket = newTicket();
+    EXPECT_NE(ticket, newTicket());
+    EXPECT_GE(ticket.size(), 22); // 128 random bits
+    caller.sessionId = "other";
+    EXPECT_EQ(codeOf(answerOf(ticket)), "unknown-outcome");
+    caller.sessionId = "one";
+    EXPECT_TRUE(lines.asked.isEmpty());
+    const auto first = answerOf(ticket);
+    EXPECT_TRUE(first->answers.empty());
+    EXPECT_EQ(codeOf(answerOf(ticket)), "repeated"); // while the first one waits, too
+    EXPECT_EQ(lines.asked.size(), 1);
+    const QByteArray old = newTicket();
+    clock.advance(std::chrono::seconds(61));
+    EXPECT_EQ(codeOf(answerOf(old)), "not-allowed");
+    const QByteArray ofSpeed = newTicket();
+    const auto another = put(QStringLiteral("/api/v1/values/List"),
+                             R"({"value": 1, "element": 1, "ticket": ")" + ofSpeed + "\"}");
+    EXPECT_EQ(codeOf(another), "changed");
+    EXPECT_EQ(codeOf(answerOf(ofSpeed)), "repeated");
+    EXPECT_EQ(lines.asked.size(), 1);
+}
+
+TEST_F(WebApiTest, ForgetsTicketsThatAreTooMany)
+{
+    WriteTickets tickets(clock);
+    const WriteTickets::Write write{"one", 1, 0};
+    const QByteArray first = tickets.give(write);
+    const QByteArray second = tickets.give(write);
+    EXPECT_EQ(tickets.use(second, write), WriteTickets::Use::Good);
+    for (int i = 2; i < WriteTickets::kMost; ++i)
+        tickets.give(write);
+    tickets.give(write); // in place of the one that is used up
+    EXPECT_EQ(tickets.use(second, write), WriteTickets::Use::Unknown);
+    tickets.give(write); // in place of the oldest
+    EXPECT_EQ(tickets.use(first, write), WriteTickets::Use::Unknown);
+}
+
+TEST_F(WebApiTest, TellsWhatIsKnownOfWritesWhenItEnds)
+{
+    set(0, "INT", 7);
+    const auto exchange = put(QStringLiteral("/api/v1/values/Speed"), R"({"value": 42})");
+    values.giveUp(clock.now() - std::chrono::seconds(1));
+    EXPECT_TRUE(exchange->answers.empty()); // it began later
+    values.giveUp();
+    ASSERT_EQ(exchange->answers.size(), 1U);
+    EXPECT_EQ(exchange->answers[0].status, 504);
+    EXPECT_TRUE(lines.asked.first().cancelled);
+    lines.answer({{"outcome", "written"}, {"old", 7}, {"value", 42}});
+    EXPECT_EQ(exchange->answers.size(), 1U);
+    EXPECT_EQ(lines.journal.last().outcome, QStringLiteral("written"));
 }
 
 TEST_F(WebApiTest, RefusesToWriteWhereWritingIsOff)
@@ -284,6 +528,54 @@ TEST_F(WebApiTest, AsksTheHistoryOnlySoOftenAtOnce)
     history.trends[0].second(TrendAnswer());
     EXPECT_EQ(refusal(exchangeOf("GET", QStringLiteral("/api/v1/history?name=Speed"))),
               "not refused");
+}
+
+TEST_F(WebApiTest, EndsQueriesOfTheHistoryWhoseClientIsGone)
+{
+    const auto gone = exchangeOf("GET", QStringLiteral("/api/v1/history?name=Speed"));
+    answerTo(gone);
+    get(QStringLiteral("/api/v1/history?name=Speed"));
+    ASSERT_EQ(history.trends.size(), 2);
+    const Unwanted isUnwanted = history.trends[0].first.isUnwanted;
+    const Unwanted isOtherUnwanted = history.trends[1].first.isUnwanted;
+    ASSERT_TRUE(isUnwanted && isOtherUnwanted);
+    EXPECT_FALSE(*isUnwanted);
+    gone->wanted = false;
+    QElapsedTimer timer;
+    timer.start();
+    while (!*isUnwanted && timer.elapsed() < 30000)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    EXPECT_TRUE(*isUnwanted);
+    EXPECT_FALSE(*isOtherUnwanted);
+}
+
+TEST_F(WebApiTest, EndsAllQueriesOfTheHistoryWhenItEnds)
+{
+    Router others;
+    auto api = std::make_unique<HistoryApi>(context);
+    api->addRoutes(others);
+    others.route(exchangeOf("GET", QStringLiteral("/api/v1/history?name=Speed")), caller);
+    api.reset();
+    EXPECT_TRUE(*history.trends.at(0).first.isUnwanted);
+    history.trends.at(0).second(TrendAnswer()); // to nobody
+}
+
+TEST_F(WebApiTest, TakesNoMemoryForAlarmsAndJournalThatNobodyReads)
+{
+    JournalEntry entry;
+    entry.error = QString(1000, 'x');
+    for (int i = 0; i < 1000; ++i) {
+        entry.time = i;
+        records.addWrite(entry);
+    }
+    const HttpResponse response = get(QStringLiteral("/api/v1/journal"));
+    ASSERT_TRUE(response.stream);
+    // What comes later neither changes nor ends it.
+    records.addWrite(entry);
+    const auto body = bodyOf(response);
+    ASSERT_EQ(body["writes"].size(), 1000U);
+    EXPECT_EQ(body["writes"][0]["error"], std::string(1000, 'x'));
+    EXPECT_NE(body["writes"][0]["time"], body["writes"][999]["time"]);
 }
 
 TEST_F(WebApiTest, GivesAlarmsAndJournalFromMemoryWithoutAHistory)
