@@ -57,7 +57,7 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS
   "${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} (= ${PROJECT_VERSION}), ${needs}, libqt5serialport5 (>= 5.15.1)")
 # Values are logged to SQLite through Qt's plugin; histories are read with the library itself.
-string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libqt5sql5 (>= 5.15.1), libqt5sql5-sqlite, libsqlite3-0 (>= 3.35)")
+string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", libqt5sql5 (>= 5.15.1), libqt5sql5-sqlite, libsqlite3-0 (>= 3.35), libedit2")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 "micro850-host reads, writes and watches the variables of a Micro850
 controller; micro850-sim is a simulated controller on a pseudo-terminal or a
@@ -70,7 +70,7 @@ set(CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
 # The last creates the user of the service.
 string(APPEND CPACK_DEBIAN_GATEWAY_PACKAGE_DEPENDS
   ", libsqlite3-0 (>= 3.35), libmosquitto1 (>= 2.0), libssl3 | libssl3t64, libprotobuf-c1, libsystemd0"
-  ", libmicrohttpd12 (>= 0.9.75) | libmicrohttpd12t64, libgnutls30 (>= 3.7) | libgnutls30t64"
+  ", libmicrohttpd12 (>= 0.9.75) | libmicrohttpd12t64, libgnutls30 (>= 3.7) | libgnutls30t64, zlib1g"
   ", systemd | systemd-standalone-sysusers | systemd-sysusers")
 # The page draws trends with the last one.
 set(CPACK_DEBIAN_GATEWAY_PACKAGE_RECOMMENDS "micro850-tools, libjs-dygraphs")

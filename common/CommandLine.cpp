@@ -158,6 +158,22 @@ std::vector<std::string> CommandLine::shownCommands() const
     return names;
 }
 
+std::vector<CommandLine::Listed> CommandLine::commands() const
+{
+    std::vector<Listed> listed;
+    for (const Command& command : m_commands) {
+        if (command.parser->get_group().empty())
+            continue;
+        Listed each = {command.parser->get_name(), command.parser->get_description(), {}};
+        for (const CLI::Option* option : command.parser->get_options()) {
+            for (const std::string& name : option->get_lnames())
+                each.options.push_back("--" + name);
+        }
+        listed.push_back(each);
+    }
+    return listed;
+}
+
 // The parser would only report that a command is missing. A program that works without a command
 // takes another word for its argument: here only one that is nearly a command is an error.
 void CommandLine::requireCommand(const std::string& word) const

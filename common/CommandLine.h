@@ -63,6 +63,15 @@ public:
     /// Without this, a command is required.
     CommandOptions withoutCommand(std::function<int()> run);
 
+    /// A command that a help lists.
+    struct Listed
+    {
+        std::string name;
+        std::string description;
+        std::vector<std::string> options; ///< the long ones, with their dashes
+    };
+    std::vector<Listed> commands() const;
+
     /// Parses the arguments and runs the command that they name. Returns the exit status. Throws
     /// UserError for arguments that are not allowed.
     int run(int argc, char** argv);

@@ -1,6 +1,5 @@
 #include "JsonFile.h"
 
-#include "UserError.h"
 #include "VisibleText.h"
 
 #include <algorithm>
@@ -16,14 +15,50 @@ using nlohmann::json;
 
 namespace {
 
-std::string placeOf(const std::string& text, std::size_t byte)
+// The line and the column of a byte, counted from 1.
+struct Place
+{
+    int line;
+    std::size_t column;
+
+    std::string text() const { return std::to_string(line) + ':' + std::to_string(column); }
+};
+
+Place placeOf(const std::string& text, std::size_t byte)
 {
     const std::size_t end = std::min(byte > 0 ? byte - 1 : 0, text.size());
     const auto stop = text.begin() + static_cast<std::ptrdiff_t>(end);
     const auto line = 1 + std::count(text.begin(), stop, '\n');
     const std::size_t start = end == 0 ? std::string::npos : text.rfind('\n', end - 1);
     const std::size_t column = start == std::string::npos ? end + 1 : end - start;
-    return std::to_string(line) + ':' + std::to_string(column);
+    return {static_cast<int>(line), column};
+}
+
+// A key as a JSON pointer has it.
+std::string pointerPart(const std::string& key)
+{
+    std::string part = "/";
+    for (const char c : key)
+        part += c == '~' ? std::string("~0") : c == '/' ? std::string("~1") : std::string(1, c);
+    return part;
+}
+
+// A pointer as messages write it: "variables[3].count".
+std::string pathOf(const json& root, const std::string& pointer)
+{
+    std::string path;
+    const json* value = &root;
+    for (std::size_t at = 0; at < pointer.size();) {
+        const std::size_t end = std::min(pointer.find('/', at + 1), pointer.size());
+        const json::json_pointer part(pointer.substr(at, end - at));
+        if (value->is_array())
+            path += '[' + part.back() + ']';
+        else
+            path += (path.empty() ? "" : ".") + part.back();
+        value = &value->at(part);
+        at = end;
+    }
+    return path;
 }
 
 // The library's message without the number and the place with which it starts. It quotes the text
@@ -62,9 +97,11 @@ struct CloseFile
 void refuseZeroByte(const std::string& text, const std::string& name)
 {
     const std::size_t at = text.find('\0');
-    if (at != std::string::npos)
-        throw UserError(name + ':' + placeOf(text, at + 1) +
-                        ": a byte 00 (save the file as UTF-8 text)");
+    if (at == std::string::npos)
+        return;
+    const Place place = placeOf(text, at + 1);
+    throw JsonMistake(name, ':' + place.text() + ": a byte 00 (save the file as UTF-8 text)", "",
+                      place.line);
 }
 
 /// Builds the value while the parser reads. The library's own builder keeps the last of two equal
@@ -72,7 +109,7 @@ void refuseZeroByte(const std::string& text, const std::string& name)
 class Builder : public nlohmann::json_sax<json>
 {
 public:
-    explicit Builder(const std::string& text) : m_text(text) {}
+    Builder(const std::string& text, const std::string& name) : m_text(text), m_name(name) {}
 
     json takeRoot() { return std::move(m_root); }
 
@@ -92,9 +129,11 @@ public:
     {
         const auto [place, isNew] = m_open.back().value->emplace(key, json());
         if (!isNew) {
-            const std::string way = path();
-            throw UserError(": " + (way.empty() ? "" : way + ": ") + "the key " + inQuotes(key) +
-                            " is given twice (remove one)");
+            const std::string way = pathOf(m_root, pointer());
+            throw JsonMistake(m_name,
+                              ": " + (way.empty() ? "" : way + ": ") + "the key " + inQuotes(key) +
+                                  " is given twice (remove one)",
+                              pointer() + pointerPart(key));
         }
         m_open.back().key = std::move(key);
         m_open.back().next = &*place;
@@ -105,8 +144,11 @@ public:
     {
         const bool number = dynamic_cast<const json::out_of_range*>(&error) != nullptr;
         const std::string reason = reasonOf(error, number ? "number overflow" : "syntax error");
-        throw UserError(':' + placeOf(m_text, byte) + ": " + reason +
-                        (lacksComma(reason) ? " (is a comma missing?)" : ""));
+        const Place place = placeOf(m_text, byte);
+        throw JsonMistake(m_name,
+                          ':' + place.text() + ": " + reason +
+                              (lacksComma(reason) ? " (is a comma missing?)" : ""),
+                          "", place.line);
     }
 
 private:
@@ -136,8 +178,9 @@ private:
     {
         constexpr std::size_t kDeepest = 64;
         if (m_open.size() == kDeepest)
-            throw UserError(": brackets are nested more than " + std::to_string(kDeepest) +
-                            " deep");
+            throw JsonMistake(
+                m_name, ": brackets are nested more than " + std::to_string(kDeepest) + " deep",
+                "");
         json* const added = add(std::move(value));
         m_open.push_back({added, nullptr, std::string()});
         return true;
@@ -148,27 +191,26 @@ private:
         return true;
     }
     // Of the object that was opened last.
-    std::string path() const
+    std::string pointer() const
     {
-        std::string path;
+        std::string pointer;
         for (std::size_t i = 0; i + 1 < m_open.size(); ++i) {
             const json& value = *m_open[i].value;
-            if (value.is_array())
-                path += '[' + std::to_string(value.size() - 1) + ']';
-            else
-                path += (path.empty() ? "" : ".") + m_open[i].key;
+            pointer += value.is_array() ? '/' + std::to_string(value.size() - 1)
+                                        : pointerPart(m_open[i].key);
         }
-        return path;
+        return pointer;
     }
 
     const std::string& m_text;
+    const std::string& m_name;
     json m_root;
     std::vector<Level> m_open;
 };
 
-json parsed(const std::string& text)
+json parsed(const std::string& text, const std::string& name)
 {
-    Builder builder(text);
+    Builder builder(text, name);
     json::sax_parse(text, &builder, json::input_format_t::json, true, true);
     return builder.takeRoot();
 }
@@ -202,8 +244,8 @@ struct JsonNode::Document
     std::string file;
 };
 
-JsonNode::JsonNode(std::shared_ptr<const Document> document, const json* value, std::string path)
-    : m_document(std::move(document)), m_value(value), m_path(std::move(path))
+JsonNode::JsonNode(std::shared_ptr<const Document> document, const json* value, std::string pointer)
+    : m_document(std::move(document)), m_value(value), m_pointer(std::move(pointer))
 {
 }
 
@@ -215,17 +257,19 @@ JsonNode JsonNode::fromFile(const std::string& path)
 JsonNode JsonNode::fromText(const std::string& text, const std::string& name)
 {
     refuseZeroByte(text, name);
-    try {
-        const auto document = std::make_shared<const Document>(Document{parsed(text), name});
-        return JsonNode(document, &document->root, "");
-    } catch (const UserError& error) {
-        throw UserError(name + error.what());
-    }
+    const auto document = std::make_shared<const Document>(Document{parsed(text, name), name});
+    return JsonNode(document, &document->root, "");
+}
+
+JsonMistake JsonNode::mistake(const std::string& what, const std::string& pointer) const
+{
+    const std::string path = pathOf(m_document->root, m_pointer);
+    return {m_document->file, ": " + (path.empty() ? what : path + ": " + what), pointer};
 }
 
 void JsonNode::fail(const std::string& what) const
 {
-    throw UserError(m_document->file + ": " + (m_path.empty() ? what : m_path + ": " + what));
+    throw JsonMistake(mistake(what, m_pointer));
 }
 
 std::string JsonNode::found() const
@@ -236,6 +280,12 @@ std::string JsonNode::found() const
 
 void JsonNode::expectKeys(const std::vector<std::string>& keys) const
 {
+    expectKeys(keys, [](const JsonMistake& mistake) { throw JsonMistake(mistake); });
+}
+
+void JsonNode::expectKeys(const std::vector<std::string>& keys,
+                          const std::function<void(const JsonMistake&)>& report) const
+{
     if (!m_value->is_object())
         fail(found() + " is not an object { ... }");
     for (auto item = m_value->begin(); item != m_value->end(); ++item) {
@@ -245,8 +295,9 @@ void JsonNode::expectKeys(const std::vector<std::string>& keys) const
         for (const std::string& key : keys)
             allowed += (allowed.empty() ? "" : ", ") + key;
         const std::string guess = didYouMean(item.key(), keys);
-        fail("unknown key " + inQuotes(item.key()) +
-             (guess.empty() ? " (allowed: " + allowed + ')' : guess));
+        report(mistake("unknown key " + inQuotes(item.key()) +
+                           (guess.empty() ? " (allowed: " + allowed + ')' : guess),
+                       m_pointer + pointerPart(item.key())));
     }
 }
 
@@ -259,7 +310,7 @@ JsonNode JsonNode::at(const std::string& key) const
 {
     if (!has(key))
         fail("the key \"" + key + "\" is missing");
-    return JsonNode(m_document, &(*m_value)[key], m_path.empty() ? key : m_path + '.' + key);
+    return JsonNode(m_document, &(*m_value)[key], m_pointer + pointerPart(key));
 }
 
 JsonNode::Elements JsonNode::elements() const
@@ -277,7 +328,7 @@ std::size_t JsonNode::Elements::size() const
 JsonNode JsonNode::Elements::operator[](std::size_t index) const
 {
     return JsonNode(m_array.m_document, &(*m_array.m_value)[index],
-                    m_array.m_path + '[' + std::to_string(index) + ']');
+                    m_array.m_pointer + '/' + std::to_string(index));
 }
 
 bool JsonNode::isArray() const

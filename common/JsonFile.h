@@ -1,7 +1,10 @@
 #ifndef MICRO850_COMMON_JSONFILE_H
 #define MICRO850_COMMON_JSONFILE_H
 
+#include "UserError.h"
+
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -9,8 +12,31 @@
 
 namespace micro850 {
 
+/// What is wrong in a JSON file, with its place: `FILE: variables[3].count: 0 is not allowed`.
+class JsonMistake : public UserError
+{
+public:
+    /// `text` follows the file's name. `line` is 0 where only the pointer is known.
+    JsonMistake(const std::string& file, const std::string& text, std::string pointer, int line = 0)
+        : UserError(file + text), m_text(text), m_pointer(std::move(pointer)), m_line(line)
+    {
+    }
+
+    /// The message after the name of the file: ": variables[3].count: 0 is not allowed".
+    const std::string& text() const { return m_text; }
+    /// The JSON pointer of the value: "/variables/3/count".
+    const std::string& pointer() const { return m_pointer; }
+    /// Of a mistake in the syntax, whose text names it; else 0.
+    int line() const { return m_line; }
+
+private:
+    std::string m_text;
+    std::string m_pointer;
+    int m_line;
+};
+
 /// A value in a JSON file together with its place, so that every message names file and key path.
-/// All functions throw UserError: `plant.json: variables[3].count: 0 is not allowed (1 to 1000)`.
+/// All functions throw JsonMistake: `plant.json: variables[3].count: 0 is not allowed (1 to 1000)`.
 ///
 /// A file is read only as a whole and only if it has one meaning: a key that is given twice in an
 /// object, a byte 00, deep nesting and a file of more than 64 MB are refused.
@@ -26,6 +52,9 @@ public:
 
     /// Throws unless this is an object whose keys are all among `keys`.
     void expectKeys(const std::vector<std::string>& keys) const;
+    /// The same, and every key that is not among them is reported.
+    void expectKeys(const std::vector<std::string>& keys,
+                    const std::function<void(const JsonMistake&)>& report) const;
     bool has(const std::string& key) const;
     /// The value of a key that must be there.
     JsonNode at(const std::string& key) const;
@@ -58,11 +87,12 @@ public:
 private:
     struct Document;
     JsonNode(std::shared_ptr<const Document> document, const nlohmann::json* value,
-             std::string path);
+             std::string pointer);
+    JsonMistake mistake(const std::string& what, const std::string& pointer) const;
 
     std::shared_ptr<const Document> m_document;
     const nlohmann::json* m_value;
-    std::string m_path;
+    std::string m_pointer;
 };
 
 /// The content of a file, a device or a pipe. Throws UserError when it cannot be read or is longer

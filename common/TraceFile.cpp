@@ -23,6 +23,7 @@ constexpr std::uint32_t kEnhancedPacket = 6;
 constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
 constexpr std::uint32_t kSwappedMagic = 0x4D3C2B1A;
 constexpr std::uint16_t kLinkTypeUser0 = 147;
+constexpr std::uint16_t kCommentOption = 1;
 constexpr std::uint16_t kFlagsOption = 2;
 constexpr std::uint16_t kResolutionOption = 9;
 constexpr std::uint32_t kInbound = 1;
@@ -51,6 +52,29 @@ std::string withoutControls(std::string text)
     return text;
 }
 
+const char kStation[] = "station ";
+
+std::string stationText(const TraceRecord& record)
+{
+    return record.station < 0 ? std::string() : kStation + std::to_string(record.station);
+}
+
+// Takes "station 2" from the begin of a note. Any other text stays as it is.
+void popStation(TraceRecord& record)
+{
+    const std::string& note = record.note;
+    if (note.compare(0, sizeof kStation - 1, kStation) != 0)
+        return;
+    int number = 0;
+    const char* const end = note.data() + note.size();
+    const auto result = std::from_chars(note.data() + sizeof kStation - 1, end, number);
+    const std::string rest(result.ptr, end);
+    if (result.ec != std::errc() || number < 0 || (!rest.empty() && rest.compare(0, 2, ": ") != 0))
+        return;
+    record.station = number;
+    record.note = rest.empty() ? rest : rest.substr(2);
+}
+
 // ---- Text ---------------------------------------------------------------------------------------
 
 const char kTextHeading[] = "# time in seconds since 1970, > sent or < received, bytes, decode";
@@ -75,8 +99,10 @@ std::string textOf(const TraceRecord& record)
     micros.insert(0, 6 - micros.size(), '0');
     std::string line = std::to_string(count / 1000000) + '.' + micros +
                        (record.direction == Direction::Sent ? " > " : " < ") + hexOf(record.bytes);
-    if (!record.note.empty())
-        line += "  # " + withoutControls(record.note);
+    const std::string station = stationText(record);
+    if (!station.empty() || !record.note.empty())
+        line += "  # " + station + (station.empty() || record.note.empty() ? "" : ": ") +
+                withoutControls(record.note);
     return line + '\n';
 }
 
@@ -97,6 +123,7 @@ public:
             const std::size_t begin = text.find_first_not_of(' ');
             if (begin != std::string::npos)
                 record.note = text.substr(begin, text.find_last_not_of(' ') + 1 - begin);
+            popStation(record);
         }
         record.bytes = bytes(note == std::string::npos ? m_line.size() : note);
         return record;
@@ -288,6 +315,13 @@ std::string packetOf(const TraceRecord& record)
     put(body, kFlagsOption);
     put<std::uint16_t>(body, 4);
     put(body, record.direction == Direction::Sent ? kOutbound : kInbound);
+    const std::string station = stationText(record);
+    if (!station.empty()) {
+        put(body, kCommentOption);
+        put(body, static_cast<std::uint16_t>(station.size()));
+        body += station;
+        body.append((4 - station.size() % 4) % 4, '\0');
+    }
     put<std::uint32_t>(body, 0); // end of options
     return block(kEnhancedPacket, body);
 }
@@ -382,11 +416,18 @@ TraceRecord recordOf(BodyReader body, const std::vector<Interface>& interfaces)
     while (!body.atEnd()) {
         const std::uint64_t option = body.number(2);
         const std::uint64_t length = body.number(2);
-        if (option == kFlagsOption && length == 4)
+        if (option == kFlagsOption && length == 4) {
             record.direction =
                 (body.number(4) & 3) == kInbound ? Direction::Received : Direction::Sent;
-        else
-            body.bytes(length);
+            continue;
+        }
+        const Bytes value = body.bytes(length);
+        if (option != kCommentOption)
+            continue;
+        TraceRecord commented;
+        commented.note.assign(value.begin(), value.end());
+        popStation(commented);
+        record.station = commented.station;
     }
     return record;
 }
@@ -404,6 +445,8 @@ public:
         try {
             while (next())
                 handle();
+        } catch (const UserError&) {
+            throw; // of the one who handles the records
         } catch (const std::runtime_error& error) {
             fail(m_name, "byte " + std::to_string(m_start) + ": " + error.what());
         }
@@ -536,6 +579,11 @@ off_t sizeToRead(const std::string& path)
 }
 
 } // namespace
+
+void requireTraceFile(const std::string& path)
+{
+    sizeToRead(path);
+}
 
 TraceWriter::TraceWriter(OutputFile file, bool pcapng) : m_file(std::move(file)), m_pcapng(pcapng)
 {

@@ -25,6 +25,7 @@ struct TraceRecord
     Direction direction = Direction::Sent;
     Bytes bytes;
     std::string note; ///< one-line decode, for the reader; not kept by pcapng
+    int station = -1; ///< whose frame it is; below 0 when that is not known
 };
 
 /// Writes records one by one; a record is in the file when write() returns. All functions throw
@@ -57,6 +58,9 @@ using TraceHandler = std::function<void(const TraceRecord&)>;
 std::string readTrace(const std::string& path, const TraceHandler& handle);
 /// The same from a stream; messages call it `name`.
 std::string readTrace(std::istream& in, const std::string& name, const TraceHandler& handle);
+
+/// Throws UserError unless there is a file of this name that can be a trace.
+void requireTraceFile(const std::string& path);
 
 /// A trace in memory.
 struct Trace

@@ -22,16 +22,8 @@ int run(int argc, char** argv)
                      "Reads, writes and watches the tags of a Micro850 controller.",
                      std::string("micro850-host COMMAND --help shows more, with an example.\n") +
                          host::kStatuses);
-    host::addProbe(line);
-    host::addPoll(line);
-    host::addRead(line);
-    host::addWrite(line);
-    host::addWatch(line);
-    host::addLog(line);
-    host::addHistory(line);
-    host::addTrace(line);
-    host::addCheck(line);
-    host::addImport(line);
+    host::addCommands(line);
+    host::addShell(line);
     return line.run(argc, argv);
 }
 

@@ -15,11 +15,18 @@ public:
     /// Prints once in each interval; with an interval of 0 after each step.
     ChangePrinter(RunLoop& run, const Project& project, const Output& output,
                   Duration interval = Duration(0))
-        : m_plant(run.plant()), m_project(project), m_table(run.table()), m_output(output),
-          m_changes(run.plant(), project, m_table), m_interval(interval)
+        : ChangePrinter(run.plant(), project, run.table(), output, interval)
+    {
+    }
+    ChangePrinter(Plant& plant, const Project& project, const LiveTable& table,
+                  const Output& output, Duration interval = Duration(0))
+        : m_plant(plant), m_project(project), m_table(table), m_output(output),
+          m_changes(plant, project, m_table), m_interval(interval)
     {
     }
 
+    /// Line and stations are told only when their state changes from now on.
+    void skipStates() { m_changes.popStates(); }
     void update(Duration now) override;
     /// Prints what changed since the last time.
     void close(Duration now) override;

@@ -68,6 +68,8 @@ void print(const Output& output, const Variable& variable, const Finding& findin
                    {"ok", finding.verdict == Verdict::NotChecked ? Json() : Json(good)}};
     if (!good)
         object["problem"] = finding.problem.toStdString();
+    if (!variable.comment.isEmpty())
+        object["comment"] = variable.comment.toStdString();
     output.data(object, variable.shownName() + QStringLiteral(": ") +
                             (good ? QStringLiteral("ok, ") + QLatin1String(finding.type->name)
                                   : finding.problem));
@@ -207,13 +209,40 @@ Route routeOfFile(const LineOptions& options)
     return route;
 }
 
-int run(const CheckOptions& given)
+std::vector<ProjectMistake> mistakesIn(const std::string& file)
 {
-    CheckOptions options = given;
-    setDefaultProject(options.line);
-    if (options.offline && !options.line.gateway.empty())
-        throw UserError("--offline: a gateway is not asked offline (leave one of the two out)");
-    const Output output(options.output.json, options.output.quiet);
+    try {
+        return Project::mistakesIn(textOf(file));
+    } catch (const UserError&) {
+        return {}; // it cannot be read
+    }
+}
+
+// Tells every mistake of the file. False when it is not the file that is wrong.
+bool tellMistakes(const std::string& file, const Output& output)
+{
+    const std::vector<ProjectMistake> mistakes = mistakesIn(file);
+    for (const ProjectMistake& mistake : mistakes) {
+        output.error(QString::fromStdString(mistake.message));
+        if (output.json())
+            output.data({{"file", file},
+                         {"ok", false},
+                         {"line", mistake.line > 0 ? Json(mistake.line) : Json()},
+                         {"pointer", mistake.pointer},
+                         {"problem", mistake.problem}},
+                        QString());
+    }
+    const int count = static_cast<int>(mistakes.size());
+    if (count == kMostMistakes)
+        output.note(textOf(file) +
+                    QStringLiteral(": there may be more mistakes (mend these first)"));
+    else if (count > 1)
+        output.note(textOf(file) + QStringLiteral(": %1 mistakes").arg(count));
+    return count > 0;
+}
+
+int checkFileAndLine(const CheckOptions& options, const Output& output)
+{
     const Route route =
         options.offline ? routeOfFile(options.line) : routeOf(options.line, "check", output);
     const Project& project = route.project;
@@ -231,6 +260,23 @@ int run(const CheckOptions& given)
     return kExitDone;
 }
 
+int run(const CheckOptions& given)
+{
+    CheckOptions options = given;
+    findProject(options.line);
+    if (options.offline && !options.line.gateway.empty())
+        throw UserError("--offline: a gateway is not asked offline (leave one of the two out)");
+    const Output output(options.output.json, options.output.quiet);
+    try {
+        return checkFileAndLine(options, output);
+    } catch (const UserError& error) {
+        const bool mayBeTheFile = error.status() == kExitUsage && !options.line.project.empty();
+        if (!mayBeTheFile || !tellMistakes(options.line.project, output))
+            throw;
+    }
+    return kExitUsage;
+}
+
 } // namespace
 
 void addCheck(CommandLine& line)
@@ -240,11 +286,14 @@ void addCheck(CommandLine& line)
                                            "Check a project file, and its variables against "
                                            "the controller",
                                            [options] { return run(*options); });
-    check.text("PROJECT", options->line.project, "Project file (default project.json)");
+    check.text("PROJECT", options->line.project,
+               "Project file (default project.json, or plant.json, in the folder)");
     check.flag("--offline", options->offline, "Check only the file, even when it names a port");
     options->line.addTo(check);
     options->output.addTo(check);
     check.footer(
+        "All mistakes of a file are told at once, each with its line; with --json, with its JSON "
+        "pointer as well.\n"
         "The controller is asked when the file or --port names a port: whether each tag is there,\n"
         "its type (gain and offset need a number) and the last element. Variables of stations "
         "that\n"

@@ -7,6 +7,21 @@ const char kRawHelp[] = "The controller's own numbers: without gain, offset and 
 const char kStatuses[] =
     "Exit status: 0 done, 1 the controller or the line refused, 2 usage or configuration.";
 
+void addCommands(CommandLine& line)
+{
+    addProbe(line);
+    addPoll(line);
+    addRead(line);
+    addWrite(line);
+    addWatch(line);
+    addLog(line);
+    addHistory(line);
+    addTrace(line);
+    addCheck(line);
+    addImport(line);
+    addDoctor(line);
+}
+
 void OutputOptions::addTo(CommandOptions& command)
 {
     command.flag("--json", json, "One JSON object per line on standard output");
@@ -16,9 +31,10 @@ void OutputOptions::addTo(CommandOptions& command)
 void LineOptions::addTo(CommandOptions& command)
 {
     command.text(
-        "--port", port,
+        "--port,-p", port,
         "Serial device, e.g. /dev/ttyUSB0; a name without / is looked for here, then in /dev. Or a "
-        "device server: tcp://HOST:PORT (raw), rfc2217://HOST:PORT (speed set from here)");
+        "device server: tcp://HOST:PORT (raw), rfc2217://HOST:PORT (speed set from here). Default: "
+        "the project's, or that of the environment variable MICRO850_PORT");
     command.text("--gateway", gateway,
                  "Socket of a gateway that owns the line, e.g. /run/micro850/gateway.sock; without "
                  "a project, names are its variables. A port that a gateway owns is found without "

@@ -18,6 +18,10 @@ void addHistory(CommandLine& line);
 void addTrace(CommandLine& line);
 void addCheck(CommandLine& line);
 void addImport(CommandLine& line);
+void addDoctor(CommandLine& line);
+void addShell(CommandLine& line);
+/// Adds all commands but the shell, which offers them.
+void addCommands(CommandLine& line);
 
 /// The form of the results.
 struct OutputOptions
@@ -34,6 +38,8 @@ struct LineOptions
 {
     std::string driver;
     std::string project;
+    /// The project was not named, but found in the current folder.
+    bool projectIsFound = false;
     std::string port;
     std::string gateway;
     std::string gatewayLine;

@@ -1,22 +1,79 @@
 #include "Connection.h"
 
 #include "NetworkAddress.h"
+#include "SharedLine.h"
 #include "UserError.h"
 #include "Writable.h"
+
+#include <QtCore/QFile>
 
 namespace micro850::host {
 
 namespace {
 
-QString checkedDevice(const QString& device)
+const char kPortVariable[] = "MICRO850_PORT";
+// The first one that is there is taken.
+const char* const kProjectFiles[] = {"project.json", "plant.json"};
+
+// `source` is what named the device.
+QString checkedDevice(const QString& device, const std::string& source)
 {
     try {
         if (isNetworkAddress(device))
             networkAddress(device);
     } catch (const UserError& error) {
-        throw UserError(std::string("--port: ") + error.what());
+        throw UserError(source + ": " + error.what());
     }
     return device;
+}
+
+QString defaultDevice()
+{
+    return QString::fromLocal8Bit(qgetenv(kPortVariable));
+}
+
+// Empty when the folder has none.
+std::string projectInFolder()
+{
+    for (const char* const file : kProjectFiles) {
+        if (QFile::exists(QLatin1String(file)))
+            return file;
+    }
+    return std::string();
+}
+
+Project readProject(const LineOptions& options)
+{
+    if (options.project.empty()) {
+        Project project;
+        project.stations.append(StationSettings());
+        return project;
+    }
+    try {
+        return Project::fromFile(textOf(options.project));
+    } catch (const UserError& error) {
+        // Nobody asked for this file.
+        const char* const remedy = options.projectIsFound
+                                       ? " (read because no port and no other project is named; "
+                                         "name one with --port or --project)"
+                                       : "";
+        throw UserError(error.what() + std::string(remedy), error.status());
+    }
+}
+
+void setPort(Project& project, const LineOptions& options)
+{
+    PortSettings& port = project.port;
+    if (!options.port.empty())
+        port.device = checkedDevice(textOf(options.port), "--port");
+    else if (port.device.isEmpty() && options.gateway.empty())
+        port.device = checkedDevice(defaultDevice(), kPortVariable);
+    if (options.baud != 0)
+        port.baud = options.baud;
+    if (options.timeoutMs >= 0)
+        port.timeoutMs = options.timeoutMs;
+    if (!options.lowLatency)
+        port.lowLatency = false;
 }
 
 // Whether the text would be an address with tcp:// in front of it.
@@ -58,31 +115,48 @@ void requirePort(const Project& project, const LineOptions& options)
         return;
     const std::string where = options.project.empty() ? "" : options.project + ": port.device: ";
     throw UserError(where + "no port is given (name it with --port DEVICE" +
-                    (where.empty() ? " or --project FILE" : " or in the file") + ")");
+                    (where.empty() ? ", with --project FILE or in " : ", in the file or in ") +
+                    kPortVariable + ")");
 }
 
-void setDefaultProject(LineOptions& options)
+void findProject(LineOptions& options)
 {
-    if (options.project.empty() && options.gateway.empty())
-        options.project = "project.json";
+    if (const SharedLine* const shared = SharedLine::current())
+        shared->adopt(options);
+    if (!options.project.empty() || !options.gateway.empty())
+        return;
+    options.project = projectInFolder();
+    options.projectIsFound = !options.project.empty();
+    if (!options.projectIsFound)
+        options.project = kProjectFiles[0]; // what the message names
+}
+
+void findProjectForPort(LineOptions& options)
+{
+    if (const SharedLine* const shared = SharedLine::current())
+        shared->adopt(options);
+    if (!options.project.empty() || !options.gateway.empty() || !options.port.empty() ||
+        !defaultDevice().isEmpty())
+        return;
+    options.project = projectInFolder();
+    options.projectIsFound = !options.project.empty();
+}
+
+void noteFoundProject(const LineOptions& options, const Project& project, const Output& output)
+{
+    if (!options.projectIsFound || SharedLine::current()) // the shell has told
+        return;
+    const QString& device = project.port.device;
+    output.note(
+        QStringLiteral("%1: this project of the folder is used").arg(textOf(options.project)) +
+        (device.isEmpty() ? QString() : QStringLiteral(", with the port ") + device));
 }
 
 Project projectOf(const LineOptions& options)
 {
-    Project project;
-    if (options.project.empty())
-        project.stations.append(StationSettings());
-    else
-        project = Project::fromFile(textOf(options.project));
+    Project project = readProject(options);
     requireWritableVariables(project, textOf(options.project));
-    if (!options.port.empty())
-        project.port.device = checkedDevice(textOf(options.port));
-    if (options.baud != 0)
-        project.port.baud = options.baud;
-    if (options.timeoutMs >= 0)
-        project.port.timeoutMs = options.timeoutMs;
-    if (!options.lowLatency)
-        project.port.lowLatency = false;
+    setPort(project, options);
     return project;
 }
 

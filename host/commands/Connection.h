@@ -4,14 +4,21 @@
 #include "Commands.h"
 #include "DriverLibrary.h"
 #include "LineFactory.h"
+#include "Output.h"
 #include "Project.h"
 
 namespace micro850::host {
 
-/// The project that the options name, or one that has only the port.
+/// The project that the options name, or one that has only the port. A port that neither they nor
+/// the project name is that of the environment variable MICRO850_PORT.
 Project projectOf(const LineOptions& options);
-/// For commands whose project file is project.json unless another one, or a gateway, is named.
-void setDefaultProject(LineOptions& options);
+/// For commands that need a project file: unless one, or a gateway, is named, it is project.json
+/// or plant.json in the current folder.
+void findProject(LineOptions& options);
+/// For commands that need only a port: the same when no port is known in another way.
+void findProjectForPort(LineOptions& options);
+/// Tells of a project that was found, and of its port.
+void noteFoundProject(const LineOptions& options, const Project& project, const Output& output);
 /// Throws unless the project names a device.
 void requirePort(const Project& project, const LineOptions& options);
 

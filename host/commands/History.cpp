@@ -1,14 +1,18 @@
 #include "Commands.h"
+#include "CsvOptions.h"
+#include "DurationText.h"
 #include "HistoryReader.h"
 #include "LocalTime.h"
 #include "Moment.h"
 #include "Output.h"
-#include "Recorder.h"
+#include "Resampler.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VisibleText.h"
+#include "WideRows.h"
 
 #include <QtCore/QDateTime>
+#include <QtCore/QRegularExpression>
 
 #include <map>
 #include <memory>
@@ -32,6 +36,10 @@ struct HistoryOptions
     bool csv = false;
     bool writes = false;
     bool events = false;
+    CsvOptions form;
+    std::string every;
+    std::string take;
+    std::string hold;
 };
 
 /// Collects lines of standard output, so that a million of them is not a million calls.
@@ -133,65 +141,87 @@ const char kValueHeading[] =
 const char kWriteHeading[] = "time,line,name,element,old,new,outcome,error,client,uid,pid,sequence";
 const char kEventHeading[] = "time,line,station,state,text,sequence";
 
-std::string csvOf(const QStringList& cells)
+// A heading in the form of a file.
+std::string headingOf(const CsvForm& form, const char* heading)
 {
-    QStringList fields;
-    for (const QString& cell : cells)
-        fields.append(csvField(cell));
-    return fields.join(',').toStdString();
+    QStringList fields = QString::fromLatin1(heading).split(',');
+    fields.first() = form.timeHeading();
+    return form.line(fields).toStdString();
 }
 
-// Numbers stay numbers, also those below 0.
-QString valueCell(const Json& value)
-{
-    if (value.is_null())
-        return QString();
-    return value.is_string() || value.is_array() ? csvText(textOf(value)) : textOf(value);
-}
-
-std::string csvOf(const HistoryValue& row)
+std::string csvOf(const CsvForm& form, const HistoryValue& row)
 {
     const HistoryVariable& variable = *row.variable;
-    return csvOf({utcText(row.time), csvText(variable.name), QString::number(variable.station),
-                  csvText(variable.tag), QString::number(variable.element), csvText(variable.type),
-                  valueCell(row.value), csvText(variable.unit), csvText(row.quality),
-                  csvText(row.error), csvText(variable.line), csvText(row.state),
-                  QString::number(row.sequence)});
+    return form
+        .line({form.timeText(row.time), csvText(variable.name), QString::number(variable.station),
+               csvText(variable.tag), QString::number(variable.element), csvText(variable.type),
+               cellOf(form, row.value), csvText(variable.unit), csvText(row.quality),
+               csvText(row.error), csvText(variable.line), csvText(row.state),
+               row.sequence < 0 ? QString() : QString::number(row.sequence)})
+        .toStdString();
 }
 
-std::string csvOf(const HistoryWrite& row)
+std::string csvOf(const CsvForm& form, const HistoryWrite& row)
 {
-    return csvOf({utcText(row.time), csvText(row.line), csvText(row.name),
-                  QString::number(row.element), valueCell(row.oldValue), valueCell(row.newValue),
-                  csvText(row.outcome), csvText(row.error), csvText(row.client),
-                  QString::number(row.uid), QString::number(row.pid),
-                  QString::number(row.sequence)});
+    return form
+        .line({form.timeText(row.time), csvText(row.line), csvText(row.name),
+               QString::number(row.element), cellOf(form, row.oldValue), cellOf(form, row.newValue),
+               csvText(row.outcome), csvText(row.error), csvText(row.client),
+               QString::number(row.uid), QString::number(row.pid), QString::number(row.sequence)})
+        .toStdString();
 }
 
-std::string csvOf(const HistoryEvent& row)
+std::string csvOf(const CsvForm& form, const HistoryEvent& row)
 {
-    return csvOf({utcText(row.time), csvText(row.line),
-                  row.station < 0 ? QString() : QString::number(row.station), csvText(row.state),
-                  csvText(row.text), QString::number(row.sequence)});
+    return form
+        .line({form.timeText(row.time), csvText(row.line),
+               row.station < 0 ? QString() : QString::number(row.station), csvText(row.state),
+               csvText(row.text), QString::number(row.sequence)})
+        .toStdString();
+}
+
+// A row that was made of several has no number of its own.
+template<typename Row> Json objectOf(const Row& row)
+{
+    Json object = jsonOf(row);
+    if (row.sequence < 0)
+        object.erase("sequence");
+    return object;
 }
 
 /// Prints rows in the form that is asked for.
 class Printer
 {
 public:
-    Printer(const HistoryOptions& options, const char* heading) : m_options(options)
+    Printer(const HistoryOptions& options, const char* heading)
+        : m_options(options), m_form(options.form.form())
     {
         if (options.csv)
-            m_pieces.add(heading);
+            printHeading(headingOf(m_form, heading));
+    }
+    /// Only for lines.
+    explicit Printer(const HistoryOptions& options)
+        : m_options(options), m_form(options.form.form())
+    {
+    }
+    void printHeading(const std::string& heading)
+    {
+        m_pieces.add((m_form.bom ? "\xEF\xBB\xBF" : "") + heading);
+    }
+    bool printLine(const QString& line)
+    {
+        ++m_rows;
+        m_pieces.add(line.toStdString());
+        return true;
     }
     template<typename Row> bool print(const Row& row)
     {
         ++m_rows;
         if (m_options.csv)
-            m_pieces.add(csvOf(row));
+            m_pieces.add(csvOf(m_form, row));
         else if (m_options.output.json)
             m_pieces.add(
-                visibleJson(jsonOf(row).dump(-1, ' ', false, Json::error_handler_t::replace)));
+                visibleJson(objectOf(row).dump(-1, ' ', false, Json::error_handler_t::replace)));
         else
             m_pieces.add(lineOf(row));
         return true;
@@ -204,6 +234,7 @@ public:
 
 private:
     const HistoryOptions& m_options;
+    CsvForm m_form;
     Pieces m_pieces;
     qint64 m_rows = 0;
 };
@@ -223,34 +254,155 @@ HistoryFilter filterOf(const HistoryOptions& options)
     return filter;
 }
 
-qint64 print(HistoryReader& reader, const HistoryOptions& options, const HistoryFilter& filter)
+// Milliseconds of "10s", "15min", "1h", "7d" and "PT1H30M".
+qint64 durationOf(const std::string& text, const std::string& option)
 {
-    Printer printer(options, options.writes   ? kWriteHeading
-                             : options.events ? kEventHeading
-                                              : kValueHeading);
-    const auto each = [&printer](const auto& row) { return printer.print(row); };
-    if (options.writes)
-        reader.writes(filter, each);
-    else if (options.events)
-        reader.events(filter, each);
-    else
-        reader.values(filter, each);
+    static const QRegularExpression form(QStringLiteral("^([0-9]{1,9})(ms|s|min|h|d|w)$"));
+    const QRegularExpressionMatch match = form.match(QString::fromStdString(text));
+    qint64 duration = 0;
+    if (match.hasMatch()) {
+        const QString unit = match.captured(2);
+        const qint64 milliseconds = unit == QLatin1String("ms")    ? 1
+                                    : unit == QLatin1String("s")   ? 1000
+                                    : unit == QLatin1String("min") ? 60000
+                                    : unit == QLatin1String("h")   ? 3600000
+                                    : unit == QLatin1String("d")   ? 86400000
+                                                                   : 7 * qint64(86400000);
+        duration = match.captured(1).toLongLong() * milliseconds;
+    } else if (const std::optional<std::int64_t> microseconds = parseDuration(text)) {
+        duration = *microseconds / 1000;
+    }
+    if (duration < 1 || duration > 366 * qint64(86400000))
+        throw UserError(option + ": " + inQuotes(text) +
+                        " is no time (use 10s, 15min, 1h or 7d, at most 366d)");
+    return duration;
+}
+
+ResampleSettings resampleOf(const HistoryOptions& options, const HistoryFilter& filter)
+{
+    ResampleSettings settings;
+    settings.period = durationOf(options.every, "--every");
+    settings.take = options.take == "mean"  ? Take::Mean
+                    : options.take == "min" ? Take::Minimum
+                    : options.take == "max" ? Take::Maximum
+                                            : Take::Last;
+    if (!options.hold.empty())
+        settings.hold = durationOf(options.hold, "--hold");
+    settings.from = filter.from;
+    return settings;
+}
+
+/// Passes the values on, as they were recorded or one for each period.
+class Values
+{
+public:
+    using Each = HistoryReader::Each<HistoryValue>;
+
+    Values(HistoryReader& reader, const HistoryOptions& options, const HistoryFilter& filter)
+        : m_reader(reader), m_options(options), m_filter(filter)
+    {
+    }
+
+    void read(const Each& each)
+    {
+        if (m_options.every.empty())
+            return m_reader.values(m_filter, each);
+        const ResampleSettings settings = resampleOf(m_options, m_filter);
+        // What was recorded before the first period holds in it.
+        HistoryFilter filter = m_filter;
+        filter.from = filter.from && settings.hold > 0
+                          ? std::optional<qint64>(*filter.from - settings.hold)
+                          : std::nullopt;
+        Resampler resampler(settings, each);
+        bool goesOn = true;
+        m_reader.values(filter, [&](const HistoryValue& row) {
+            goesOn = resampler.add(row);
+            return goesOn;
+        });
+        if (goesOn)
+            resampler.finish();
+        m_leftOut = resampler.leftOut();
+    }
+    /// The variables of which nothing was taken.
+    const QStringList& leftOut() const { return m_leftOut; }
+
+private:
+    HistoryReader& m_reader;
+    const HistoryOptions& m_options;
+    HistoryFilter m_filter;
+    QStringList m_leftOut;
+};
+
+// The columns are known only when all rows have been seen, so that they are read twice.
+qint64 printWide(Values& values, const HistoryOptions& options)
+{
+    Printer printer(options);
+    WideRows rows(options.form.form(), options.every.empty(),
+                  [&printer](const QString& line) { return printer.printLine(line); });
+    values.read([&rows](const HistoryValue& row) {
+        rows.note(row);
+        return true;
+    });
+    printer.printHeading(rows.heading().toStdString());
+    values.read([&rows](const HistoryValue& row) { return rows.add(row); });
+    rows.finish();
     return printer.finish();
+}
+
+qint64 print(HistoryReader& reader, const HistoryOptions& options, const HistoryFilter& filter,
+             const Output& output)
+{
+    if (options.writes || options.events) {
+        Printer printer(options, options.writes ? kWriteHeading : kEventHeading);
+        const auto each = [&printer](const auto& row) { return printer.print(row); };
+        if (options.writes)
+            reader.writes(filter, each);
+        else
+            reader.events(filter, each);
+        return printer.finish();
+    }
+    Values values(reader, options, filter);
+    qint64 rows = 0;
+    if (options.form.wide) {
+        rows = printWide(values, options);
+    } else {
+        Printer printer(options, kValueHeading);
+        values.read([&printer](const HistoryValue& row) { return printer.print(row); });
+        rows = printer.finish();
+    }
+    for (const QString& name : values.leftOut())
+        output.note(
+            QStringLiteral("%1: is no number, and left out (--take last has it)").arg(name));
+    return rows;
+}
+
+// What cannot be had together.
+void requireConsistent(const HistoryOptions& options)
+{
+    if (options.csv && options.output.json)
+        throw UserError("--csv and --json are two forms of the same rows (leave out one)");
+    if (options.writes && options.events)
+        throw UserError("--writes and --events are two tables (leave out one)");
+    const bool hasValues = !options.writes && !options.events;
+    if (!hasValues && (options.form.wide || !options.every.empty()))
+        throw UserError("--wide and --every are for values (leave out --writes and --events)");
+    if (options.every.empty() && (!options.take.empty() || !options.hold.empty()))
+        throw UserError("--take and --hold say what becomes of the values of a period (name its "
+                        "length with --every, such as 10s)");
+    options.form.require(options.csv);
+    options.form.form();
 }
 
 int run(const HistoryOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    if (options.csv && output.json())
-        throw UserError("--csv and --json are two forms of the same rows (leave out one)");
-    if (options.writes && options.events)
-        throw UserError("--writes and --events are two tables (leave out one)");
+    requireConsistent(options);
     const HistoryFilter filter = filterOf(options);
     HistoryReader reader(host::textOf(options.file));
     if (reader.isLog() && (options.writes || options.events || !options.line.empty()))
         throw UserError(options.file + ": is a log, which has values only, of no line (leave out "
                                        "--writes, --events and --line)");
-    if (print(reader, options, filter) == 0)
+    if (print(reader, options, filter, output) == 0)
         output.note(host::textOf(options.file) + QStringLiteral(": no rows match"));
     return kExitDone;
 }
@@ -277,14 +429,28 @@ void addHistory(CommandLine& line)
     history.flag("--writes", options->writes, "The journal of writes instead of the values");
     history.flag("--events", options->events, "What happened on the lines instead of the values");
     history.flag("--csv", options->csv, "Comma-separated rows on standard output");
+    options->form.addTo(history, "With --csv: a row for each time, with a column for each element "
+                                 "of each variable");
+    history.text("--every", options->every,
+                 "One row for each variable and period of this length: 10s, 15min, 1h, 1d");
+    history.choice(
+        "--take", options->take, {"last", "mean", "min", "max"},
+        "What --every takes of the values of a period: last (default), mean, min or max");
+    history.text("--hold", options->hold,
+                 "With --every: so long a value holds after it was recorded (default: until the "
+                 "next one)");
     options->output.addTo(history);
     history.footer(
         "Times are local with their offset from UTC; in CSV and JSON they are UTC. A local time "
         "that comes twice, when summer time ends, is the first in --from and the second in --to.\n"
         "Rows are in the order of their times. Where the clock was set back, the sequence tells "
         "the order in which they were recorded.\n"
+        "With --every a value holds until the next one of its variable was recorded, and the mean "
+        "is that over time. Periods of days begin at local midnight.\n"
         "Example:\n  micro850-host history /var/lib/micro850/history.sqlite --match Level --from "
         "-1h\n"
+        "  micro850-host history values.db --csv --wide --every 15min --take mean --time "
+        "spreadsheet\n"
         "Exit status: 0 done, 1 the file could not be read or the output not be written, 2 usage, "
         "or the file is neither a history nor a log.");
 }

@@ -3,6 +3,10 @@
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VariableList.h"
+#include "VisibleText.h"
+
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSet>
 
 #include <memory>
 
@@ -14,44 +18,112 @@ struct ImportOptions
 {
     OutputOptions output;
     std::string file;
+    std::string port;
+    int baud = 0;
+    int station = -1;
 };
 
-Json objectOf(const Variable& variable)
+// `station` is the one that a variable has when it names none.
+Json objectOf(const Variable& variable, int station)
 {
     Json object = {{"tag", variable.tag.toStdString()}};
+    if (variable.station != station)
+        object["station"] = variable.station;
     if (variable.type)
         object["type"] = variable.type->name;
     if (variable.length != 1)
         object["length"] = variable.length;
+    if (!variable.unit.isEmpty())
+        object["unit"] = variable.unit.toStdString();
+    if (!variable.comment.isEmpty())
+        object["comment"] = variable.comment.toStdString();
     return object;
 }
 
-void printProject(const VariableList& list)
+// In the order in which they come first.
+QVector<int> stationsOf(const VariableList& list)
 {
-    std::string text = "{\n  \"variables\": [\n";
+    QVector<int> stations;
+    QSet<int> known;
+    for (const Variable& variable : list.variables) {
+        if (!known.contains(variable.station))
+            stations.append(variable.station);
+        known.insert(variable.station);
+    }
+    return stations;
+}
+
+Json portOf(const ImportOptions& options)
+{
+    Json port = Json::object();
+    if (!options.port.empty())
+        port["device"] = textOf(options.port).toStdString();
+    if (options.baud > 0)
+        port["baud"] = options.baud;
+    return port;
+}
+
+std::string lineOf(const Json& object)
+{
+    return visibleJson(object.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+void printProject(const VariableList& list, const Json& port)
+{
+    const QVector<int> stations = stationsOf(list);
+    Json objects = Json::array();
+    for (const int number : stations)
+        objects.push_back({{"number", number}});
+    std::string text = "{\n";
+    if (!port.empty())
+        text += "  \"port\": " + lineOf(port) + ",\n";
+    text += "  \"stations\": " + lineOf(objects) + ",\n  \"variables\": [\n";
     for (int i = 0; i < list.variables.size(); ++i) {
-        text += "    " + objectOf(list.variables.at(i)).dump() +
+        text += "    " + lineOf(objectOf(list.variables.at(i), stations.first())) +
                 (i + 1 < list.variables.size() ? ",\n" : "\n");
     }
-    writeStandardOutput(text + "  ]\n}\n");
+    text += "  ]\n}\n";
+    // What is printed is a project, whatever the port is called.
+    Project::fromText(QString::fromStdString(text), QStringLiteral("--port"));
+    writeStandardOutput(text);
+}
+
+// What was left out, and why.
+void tellNotes(const Output& output, const QString& file, const VariableList& list)
+{
+    for (const QString& line : list.ignored + list.notes)
+        output.note(file + QStringLiteral(": ") + line);
+    const QRegularExpression leftOut(QStringLiteral("\\(left out\\)$"));
+    const int lines = list.ignored.filter(leftOut).size();
+    if (lines > 0 && !list.variables.isEmpty())
+        output.note(QStringLiteral("%1: %2 in the project, %3 left out")
+                        .arg(file,
+                             list.variables.size() == 1
+                                 ? QStringLiteral("1 variable")
+                                 : QStringLiteral("%1 variables").arg(list.variables.size()),
+                             lines == 1 ? QStringLiteral("1 line")
+                                        : QStringLiteral("%1 lines").arg(lines)));
 }
 
 int run(const ImportOptions& options)
 {
     const Output output(options.output.json, options.output.quiet);
-    const VariableList list = VariableList::fromFile(textOf(options.file));
-    for (const QString& line : list.ignored + list.notes)
-        output.note(textOf(options.file) + QStringLiteral(": ") + line);
+    VariableList list = VariableList::fromFile(textOf(options.file));
+    tellNotes(output, textOf(options.file), list);
     if (list.variables.isEmpty()) {
         throw UserError(options.file +
                         ": lists no variable that can be read (its lines need a name and "
                         "an elementary type)");
     }
+    if (list.hasStations && options.station >= 0)
+        throw UserError(options.file + ": names the stations itself (leave out --station)");
+    for (Variable& variable : list.variables)
+        variable.station = options.station >= 0 ? options.station : variable.station;
     if (output.json()) {
         for (const Variable& variable : list.variables)
-            output.data(objectOf(variable), QString());
+            output.data(objectOf(variable, 1), QString());
     } else {
-        printProject(list);
+        printProject(list, portOf(options));
     }
     return kExitDone;
 }
@@ -64,13 +136,20 @@ void addImport(CommandLine& line)
     CommandOptions command =
         line.addCommand("import", "Make a project file from an exported variable list",
                         [options] { return run(*options); });
-    command.requiredText("FILE", options->file, "List separated by comma, semicolon or tab, UTF-8");
+    command.requiredText("FILE", options->file,
+                         "List separated by comma, semicolon or tab, in UTF-8 or UTF-16");
+    command.text("--port,-p", options->port,
+                 "Serial device or device server that the project names, e.g. /dev/ttyUSB0");
+    command.integer("--baud", options->baud, 300, 4000000, "Speed that the project names");
+    command.integer("--station", options->station, 0, 65535,
+                    "Station of all variables (default: the list's, or 1)");
     options->output.addTo(command);
     command.footer(
-        "The first line names the columns: Name, Data type, Dimension, and others that "
-        "are passed over.\nElements count from 0: a note tells of an array whose first index "
+        "A heading names the columns, in English or German: Name, Data type, Dimension, Comment, "
+        "Unit, Station; other columns are left out.\nA type may be INT, STRING(40) or "
+        "ARRAY[0..9] OF INT. Elements count from 0: a note tells of an array whose first index "
         "in the program is another.\n"
-        "Example:\n  micro850-host import examples/variables.csv > project.json\n"
+        "Example:\n  micro850-host import examples/variables.csv --port /tmp/plc > project.json\n"
         "Exit status: 0 done, 1 the output could not be written, 2 usage, or the file has "
         "no readable variable.");
 }

@@ -1,8 +1,14 @@
 #include "Changes.h"
+#include "CsvOptions.h"
+#include "FilePattern.h"
 #include "Rates.h"
 #include "Recorder.h"
 #include "RunLoop.h"
 #include "UserError.h"
+
+#include "VisibleText.h"
+
+#include <QtCore/QRegularExpression>
 
 #include <algorithm>
 #include <memory>
@@ -25,6 +31,9 @@ struct LogOptions
     double seconds = 0;
     RateOptions rates;
     bool raw = false;
+    CsvOptions form;
+    std::string maximumSize;
+    int keep = 0;
 };
 
 // Several elements are one text: their values with blanks between.
@@ -51,14 +60,53 @@ Sample sampleOf(const Plant& plant, const Project& project, int index, const QDa
             valueOf(values, variable, index),
             variable.unit,
             qualityText(plant.quality(index)),
-            values.error(index)};
+            values.error(index),
+            values.wasRead(index) ? values.values(index) : QVector<CipValue>()};
 }
 
-std::unique_ptr<Recorder> recorderOf(const LogOptions& options, const Output& output)
+// "500k", "10M", "2G" in bytes; 0 without one.
+qint64 bytesOf(const std::string& text)
+{
+    static const QRegularExpression form(QStringLiteral("^([1-9][0-9]{0,8})([kMG]?)$"));
+    if (text.empty())
+        return 0;
+    const QRegularExpressionMatch match = form.match(textOf(text));
+    if (!match.hasMatch())
+        throw UserError("--max-size: " + inQuotes(text) +
+                        " is no size (a number with k, M or G behind it, such as 10M)");
+    const int power = QStringLiteral("kMG").indexOf(match.captured(2));
+    qint64 bytes = match.captured(1).toLongLong();
+    for (int i = 0; i <= power && !match.captured(2).isEmpty(); ++i)
+        bytes *= 1024;
+    return bytes;
+}
+
+QVector<WideColumn> columnsOf(const Project& project)
+{
+    QVector<WideColumn> columns;
+    for (const Variable& variable : project.variables)
+        columns.append({variable.name, variable.unit, variable.length});
+    return columns;
+}
+
+std::unique_ptr<Recorder> recorderOf(const LogOptions& options, const Project& project,
+                                     const Output& output)
 {
     const auto note = [&output](const QString& text) { output.note(text); };
-    return options.csv.empty() ? Recorder::sqlite(textOf(options.sqlite), note)
-                               : Recorder::csv(textOf(options.csv), note);
+    const auto open = [&options, &project, note](const QString& path) {
+        if (options.csv.empty())
+            return Recorder::sqlite(path, note);
+        return options.form.wide
+                   ? Recorder::wideCsv(path, columnsOf(project), note, options.form.form())
+                   : Recorder::csv(path, note, options.form.form());
+    };
+    const QString path = textOf(options.csv.empty() ? options.sqlite : options.csv);
+    const Recorder::Rotation rotation = {bytesOf(options.maximumSize), options.keep,
+                                         options.form.form().time != CsvTime::Utc};
+    const FilePattern pattern(path);
+    if (pattern.isPlain() && rotation.maximumBytes == 0 && rotation.keep == 0)
+        return open(path == QLatin1String("-") ? path : pattern.pathFor(QDateTime(), 1));
+    return Recorder::rotating(path, rotation, open, note);
 }
 
 /// Records the variables that changed, or all at an interval.
@@ -67,7 +115,8 @@ class Logging : public LoopView
 public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
         : m_plant(run.plant()), m_project(project), m_output(output),
-          m_changes(m_plant, project, run.table()), m_recorder(recorderOf(options, output)),
+          m_changes(m_plant, project, run.table()),
+          m_recorder(recorderOf(options, project, output)), m_wide(options.form.wide),
           m_interval(options.rates.givenInterval())
     {
     }
@@ -75,7 +124,7 @@ public:
     void update(Duration now) override
     {
         if (m_interval == Duration(0)) {
-            record(m_changes.popVariables(now));
+            recordChanges(now);
         } else if (isDue(now)) {
             record(all());
         }
@@ -90,21 +139,37 @@ public:
     void close(Duration now) override
     {
         if (m_interval == Duration(0))
-            record(m_changes.popVariables(now));
+            recordChanges(now);
         m_recorder->flush();
     }
 
     qint64 rows() const { return m_rows; }
 
 private:
+    // A wide row has all variables, whichever of them changed.
+    void recordChanges(Duration now)
+    {
+        const QVector<int> changed = m_changes.popVariables(now);
+        if (!m_wide)
+            return record(changed);
+        m_changed = m_changed || !changed.isEmpty();
+        if (!m_changed || !hasBegun())
+            return;
+        m_changed = false;
+        record(all());
+    }
     // The first time is when every variable has a value or an error, or its station does not
     // answer.
-    bool isDue(Duration now)
+    bool hasBegun()
     {
-        const QVector<int> variables = all();
+        const QVector<int> variables = m_begun ? QVector<int>() : all();
         const auto isKnown = [this](int variable) { return this->isKnown(variable); };
         m_begun = m_begun || std::all_of(variables.begin(), variables.end(), isKnown);
-        if (!m_begun || now < m_next)
+        return m_begun;
+    }
+    bool isDue(Duration now)
+    {
+        if (!hasBegun() || now < m_next)
             return false;
         // From one due time to the next, so that the interval does not grow by the time of a step.
         m_next += m_interval;
@@ -133,11 +198,13 @@ private:
     }
     void record(const QVector<int>& variables)
     {
+        if (variables.isEmpty())
+            return;
         const QDateTime time = QDateTime::currentDateTimeUtc();
-        for (const int variable : variables) {
+        for (const int variable : variables)
             m_recorder->add(sampleOf(m_plant, m_project, variable, time));
-            ++m_rows;
-        }
+        m_recorder->endRow(time);
+        m_rows += m_wide ? 1 : variables.size();
     }
 
     Plant& m_plant;
@@ -145,6 +212,8 @@ private:
     const Output& m_output;
     Changes m_changes;
     std::unique_ptr<Recorder> m_recorder;
+    bool m_wide;
+    bool m_changed = false; ///< since the last row
     Duration m_interval;
     bool m_begun = false;
     Duration m_next{0};
@@ -169,7 +238,14 @@ int run(LogOptions options)
     const bool toOutput = options.csv == "-";
     if (toOutput && output.json())
         throw UserError("--csv - and --json both write to standard output (leave out one)");
-    setDefaultProject(options.line);
+    options.form.require(!options.csv.empty());
+    options.form.form();
+    bytesOf(options.maximumSize);
+    // Says now what is wrong with the name.
+    static_cast<void>(FilePattern(textOf(options.csv.empty() ? options.sqlite : options.csv)));
+    if (toOutput && (options.keep > 0 || !options.maximumSize.empty()))
+        throw UserError("--max-size and --keep are for files (name one with --csv FILE)");
+    findProject(options.line);
     Route route = routeOf(options.line, "log", output);
     route.project = withMatching(route.project, options.match, route.source);
     if (options.raw)
@@ -201,7 +277,8 @@ void addLog(CommandLine& line)
     const auto options = std::make_shared<LogOptions>();
     CommandOptions log = line.addCommand("log", "Record values with their time and quality",
                                          [options] { return run(*options); });
-    log.text("PROJECT", options->line.project, "Project file (default project.json)");
+    log.text("PROJECT", options->line.project,
+             "Project file (default project.json, or plant.json, in the folder)");
     log.text("--csv", options->csv, "Append to this comma-separated file; - is standard output");
     log.text("--sqlite", options->sqlite, "Append to the table samples of this database");
     log.text("--match", options->match,
@@ -210,6 +287,13 @@ void addLog(CommandLine& line)
                               "change)");
     log.number("--seconds", options->seconds, 0.1, 1e9, "End after this many seconds");
     log.flag("--raw", options->raw, kRawHelp);
+    options->form.addTo(log, "With --csv: a row for each moment, with a column for each element of "
+                             "each variable");
+    log.text(
+        "--max-size", options->maximumSize,
+        "Begin a new file when one has this size, such as 10M; %N in its name is their number");
+    log.integer("--keep", options->keep, 1, 1000000,
+                "Delete the oldest files of the name's pattern, and leave so many");
     options->line.addTo(log);
     options->output.addTo(log);
     log.footer(
@@ -220,8 +304,14 @@ void addLog(CommandLine& line)
         "is in double quotes, with escapes such as \\n.\n"
         "In a database numbers are numbers whatever their type, true is 1, and NULL is only "
         "for a value\nthat was never read; micro850-host(1) tells the rest.\n"
+        "With --wide, a value that is not good is an empty cell.\n"
+        "A name with %Y, %m, %d, %H and %M, such as values-%Y-%m-%d.csv, begins a new file when "
+        "it changes: in UTC, or with --time local or spreadsheet in local time. %% is a percent "
+        "sign.\n"
         "Example:\n  micro850-host log examples/plant.project.json --csv values.csv "
         "--port /tmp/plc\n"
+        "  micro850-host log examples/plant.project.json --csv 'plant-%Y-%m-%d.csv' --wide "
+        "--interval 1 --decimal comma --time spreadsheet --keep 31 --port /tmp/plc\n"
         "Exit status: 0 every variable was read, 1 at least one was not, 2 usage or "
         "configuration.");
 }

@@ -21,8 +21,10 @@ void Output::data(const Json& object, const QStringList& lines) const
         text = visibleJson(object.dump(-1, ' ', false, Json::error_handler_t::replace)) + '\n';
     for (const QString& line : m_json ? QStringList() : lines)
         text += visible(line.toStdString()) + '\n';
-    if (!text.empty())
-        writeStandardOutput(text);
+    if (text.empty())
+        return;
+    prepare();
+    writeStandardOutput(text);
 }
 
 void Output::note(const QString& text) const
@@ -33,6 +35,7 @@ void Output::note(const QString& text) const
 
 void Output::error(const QString& text) const
 {
+    prepare();
     std::cerr << "micro850-host: " << visible(text.toStdString()) << std::endl;
 }
 

@@ -6,6 +6,9 @@
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
+#include <functional>
+#include <utility>
+
 namespace micro850::host {
 
 /// Prints the results of a command: data on standard output, everything else on standard error.
@@ -14,6 +17,12 @@ class Output
 {
 public:
     Output(bool json, bool quiet) : m_json(json), m_quiet(quiet) {}
+
+    /// `prepare` is called before each result and message: the terminal may show something else.
+    Output(bool json, bool quiet, std::function<void()> prepare)
+        : m_json(json), m_quiet(quiet), m_prepare(std::move(prepare))
+    {
+    }
 
     bool json() const { return m_json; }
     bool quiet() const { return m_quiet; }
@@ -28,8 +37,15 @@ public:
     void error(const QString& text) const;
 
 private:
+    void prepare() const
+    {
+        if (m_prepare)
+            m_prepare();
+    }
+
     bool m_json;
     bool m_quiet;
+    std::function<void()> m_prepare;
 };
 
 /// Shows the progress of a long task on one line of standard error, when that is a terminal.

@@ -169,12 +169,14 @@ void Probing::closeTrace()
         m_trace->close();
 }
 
-int run(const ProbeOptions& options)
+int run(ProbeOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
+    findProjectForPort(options.line);
     if (options.scan && options.line.baud != 0)
         throw UserError("--baud: --scan tries all usual speeds (leave one of the two out)");
     const Project project = projectOf(options.line);
+    noteFoundProject(options.line, project, output);
     requireOwnPort(project, options.line, "probe", output);
     requirePort(project, options.line);
     if (options.scan && !project.port.setsSpeed()) {

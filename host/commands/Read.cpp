@@ -231,9 +231,10 @@ void readAll(Reads& reads, const ReadOptions& options, const Route& route)
     access.finish();
 }
 
-int run(const ReadOptions& options)
+int run(ReadOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
+    findProjectForPort(options.line);
     const auto names = [&options](const Project& project) {
         return variablesNamed(options.tags, project);
     };

@@ -208,6 +208,12 @@ Route routeOf(const LineOptions& options, const char* command, const Output& out
     Route route;
     route.project = projectOf(options);
     route.source = options.project;
+    if (SharedLine* const shared = SharedLine::current()) {
+        route.project.port = shared->port();
+        route.shared = shared;
+        return route;
+    }
+    noteFoundProject(options, route.project, output);
     if (const std::optional<PortOwner> owner = ownerOfPort(route.project, output)) {
         refuseTrace(options, owner->path);
         output.note(route.project.port.device +

@@ -5,6 +5,7 @@
 #include "Output.h"
 #include "Project.h"
 #include "RemotePlant.h"
+#include "SharedLine.h"
 
 #include <functional>
 #include <optional>
@@ -21,6 +22,8 @@ struct Route
     std::string source;
     /// None: over a line of its own.
     std::optional<GatewayPlace> gateway;
+    /// Over a line that is open for several commands; null: over none.
+    SharedLine* shared = nullptr;
 };
 
 /// What the arguments of a command name.

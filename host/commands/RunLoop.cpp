@@ -2,6 +2,8 @@
 
 #include "LineStatus.h"
 #include "NamePattern.h"
+#include "RemoteSession.h"
+#include "Session.h"
 #include "UserError.h"
 
 #include <unistd.h>
@@ -24,17 +26,21 @@ Project withMatching(Project project, const std::string& pattern, const std::str
 }
 
 RunLoop::RunLoop(const LineOptions& options, const Route& route)
+    : m_clock(route.shared ? route.shared->clock() : m_ownClock), m_route(route)
 {
     const Project& project = route.project;
     if (route.gateway) {
         m_plant = std::make_unique<RemotePlant>(*route.gateway, project, m_clock);
+    } else if (route.shared) {
+        m_plant = route.shared->attach(project);
     } else {
         m_connection = std::make_unique<Connection>(options, project);
         // After the line is open, so that an earlier trace is not lost to a wrong port.
         m_trace = std::make_unique<TraceRecorder>(options.trace, options.force);
         auto loop =
             std::make_unique<PollLoop>(m_connection->api(), m_connection->line(), m_clock, project);
-        loop->exchange().setObserver(m_trace->observer());
+        loop->exchange().setObserver(m_trace->observer(&loop->exchange()));
+        m_loop = loop.get();
         m_plant = std::move(loop);
     }
     m_plant->setInterrupt([this] { return m_interrupt.requested(); });
@@ -46,19 +52,13 @@ RunLoop::~RunLoop() = default;
 void RunLoop::run(LoopView& view, double seconds, const Output& output)
 {
     // A line would be lost in the picture that the view draws again and again.
-    const bool reportsLater = view.usesKeys() && isatty(STDERR_FILENO) == 1;
+    const bool reportsLater = view.ownsTerminal() && isatty(STDERR_FILENO) == 1;
     const Clock& clock = m_clock;
     const Duration end = clock.now() + fromSeconds(seconds);
     const auto over = [&] { return seconds > 0 && clock.now() >= end; };
-    // Restores the settings of the terminal when the view has closed.
-    const auto keyboard = view.usesKeys() ? std::make_unique<Keyboard>(STDIN_FILENO) : nullptr;
     try {
         while (!m_interrupt.requested() && !view.quits() && !over()) {
             m_plant->step();
-            if (keyboard) {
-                for (const Key& key : keyboard->pressed())
-                    view.handle(key);
-            }
             view.update(clock.now());
             if (!reportsLater)
                 reportTraceFailure(output);
@@ -75,6 +75,28 @@ void RunLoop::run(LoopView& view, double seconds, const Output& output)
     } catch (const UserError& error) {
         m_traceFailed = true;
         output.error(textOf(error.what()));
+    }
+}
+
+void RunLoop::useTags(const std::function<void(TagAccess&)>& task,
+                      const std::function<void(const QString&)>& fail)
+{
+    const auto interrupt = [this] { return m_interrupt.requested(); };
+    PollLoop* const loop = m_route.shared ? &m_route.shared->loop(m_route.project) : m_loop;
+    if (loop) {
+        Session session(*loop, m_route.project);
+        session.setInterrupt(interrupt);
+        task(session);
+        return;
+    }
+    try {
+        const GatewayPlace& place = *m_route.gateway;
+        GatewayClient gateway(place.path, place.client, m_clock);
+        RemoteSession session(gateway, place.line);
+        session.setInterrupt(interrupt);
+        task(session);
+    } catch (const UserError& error) {
+        fail(QString::fromUtf8(error.what()));
     }
 }
 

@@ -3,11 +3,11 @@
 
 #include "Connection.h"
 #include "Interrupt.h"
-#include "Keyboard.h"
 #include "LiveTable.h"
 #include "Output.h"
 #include "PollLoop.h"
 #include "Route.h"
+#include "TagAccess.h"
 #include "TraceRecorder.h"
 
 namespace micro850::host {
@@ -17,9 +17,8 @@ class LoopView
 {
 public:
     virtual ~LoopView() = default;
-    /// True when the view handles the keys of the terminal.
-    virtual bool usesKeys() const { return false; }
-    virtual void handle(const Key&) {}
+    /// True when the view draws on the whole terminal and reads its keys.
+    virtual bool ownsTerminal() const { return false; }
     /// True once the user has asked to end.
     virtual bool quits() const { return false; }
     /// Called after each step of the loop.
@@ -50,6 +49,10 @@ public:
     /// Steps the loop until so many seconds have passed (0: no limit), the view quits, or the user
     /// presses Ctrl-C. A trace that cannot be written is reported and ends, not the loop.
     void run(LoopView& view, double seconds, const Output& output);
+    /// Calls `task` with single reads and writes beside the polling, which goes on meanwhile, and
+    /// `fail` with the reason when the gateway cannot be reached for them.
+    void useTags(const std::function<void(TagAccess&)>& task,
+                 const std::function<void(const QString&)>& fail);
     /// Reports how the line and the stations did.
     void summarise(const Output& output) const;
     /// Done when every variable was read at least once, and the trace has every record.
@@ -59,11 +62,14 @@ private:
     void reportTraceFailure(const Output& output);
 
     Interrupt m_interrupt; // before the line is open, so that it is closed in order
-    const SystemClock m_clock;
+    const SystemClock m_ownClock;
+    const Clock& m_clock;                     ///< of what the plant is polled with
     std::unique_ptr<Connection> m_connection; ///< null through a gateway
     std::unique_ptr<TraceRecorder> m_trace;   ///< null through a gateway
     bool m_traceFailed = false;
+    const Route& m_route;
     std::unique_ptr<Plant> m_plant;
+    PollLoop* m_loop = nullptr; ///< the plant; null through a gateway and on a shared line
     std::unique_ptr<LiveTable> m_table;
 };
 

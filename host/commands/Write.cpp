@@ -1,4 +1,5 @@
 #include "Access.h"
+#include "Question.h"
 #include "Targets.h"
 #include "UserError.h"
 #include "Writable.h"
@@ -449,7 +450,6 @@ void Writes::summarise() const
 
 void writeAll(Writes& writes, const WriteOptions& options, const Route& route)
 {
-    requirePort(route.project, options.line);
     const Project bare = withoutVariables(route.project, writes.targets());
     Access access(options.line, route, bare);
     writes.checkAgainstController(access.tags(), access.interrupt());
@@ -458,9 +458,31 @@ void writeAll(Writes& writes, const WriteOptions& options, const Route& route)
     access.finish();
 }
 
-int run(const WriteOptions& options)
+// Nobody named the port: only a person who sees it can allow the write.
+void requireConfirmedPort(const WriteOptions& options, const Route& route)
+{
+    if (!options.line.projectIsFound)
+        return;
+    const std::string& file = options.line.project;
+    if (!canAsk()) {
+        throw UserError(file +
+                        ": write uses the port of a project that it found only on a "
+                        "terminal, where it asks (name the file with --project " +
+                        file + ", or the port with --port)");
+    }
+    QStringList assignments;
+    for (const std::string& each : options.assignments)
+        assignments += host::textOf(each);
+    if (!isConfirmed(QStringLiteral("write %1 to %2, the port of %3?")
+                         .arg(assignments.join(QStringLiteral(", ")), route.project.port.device,
+                              host::textOf(file))))
+        throw UserError("nothing was written: not confirmed", kExitRefused);
+}
+
+int run(WriteOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
+    findProjectForPort(options.line);
     const auto names = [&options](const Project& project) {
         return variablesAssigned(options.assignments, project);
     };
@@ -468,8 +490,11 @@ int run(const WriteOptions& options)
     Writes writes(options, route.project, output);
     writes.checkAgainstProject();
     try {
-        if (!writes.anyRefused())
+        if (!writes.anyRefused()) {
+            requirePort(route.project, options.line);
+            requireConfirmedPort(options, route);
             writeAll(writes, options, route);
+        }
     } catch (const UserError& error) {
         writes.close(QString::fromUtf8(error.what()));
         if (writes.outputFailure())

@@ -1,26 +1,18 @@
 #ifndef MICRO850_HOST_LIVETABLE_H
 #define MICRO850_HOST_LIVETABLE_H
 
-#include "Page.h"
 #include "PlantTexts.h"
 
 #include <QtCore/QStringList>
 
 namespace micro850::host {
 
-/// A plant's values and stations as text.
+/// A plant's line, stations and changes as text.
 class LiveTable
 {
 public:
     LiveTable(const Plant& plant, const Project& project) : m_plant(plant), m_project(project) {}
 
-    int size() const { return m_project.variables.size(); }
-    QString name(int variable) const { return m_project.variables.at(variable).name; }
-    /// Time since the last good reply; the largest before the first.
-    Duration age(int variable, Duration now) const;
-
-    /// A heading and one row for each of these variables, for a window of that width.
-    Page rows(const QVector<int>& variables, int width, Duration now) const;
     /// "Level = 41.5", followed by what is wrong with the value.
     QString changeLine(int variable) const;
     /// One line for each station: state and counters.
@@ -37,9 +29,6 @@ public:
     bool complete() const;
 
 private:
-    QStringList variableRow(int variable, Duration now) const;
-    Style styleOf(int variable) const;
-
     const Plant& m_plant;
     const Project& m_project;
 };

@@ -74,4 +74,44 @@ QString fitted(const QString& text, int width)
     return part + QString(std::max(0, width - displayWidth(part)), ' ');
 }
 
+QString rightAligned(const QString& text, int width)
+{
+    const QString part = cut(text, width);
+    return QString(std::max(0, width - displayWidth(part)), ' ') + part;
+}
+
+QStringList wrapped(const QString& text, int width)
+{
+    const int most = std::max(2, width); // a wide character fits
+    const UnicodeLocale locale;
+    const QVector<uint> characters = text.toUcs4();
+    QStringList lines;
+    int begin = 0;
+    int used = 0;
+    int blank = -1; // the last one in this line
+    const auto endLine = [&](int end, int next) {
+        lines += QString::fromUcs4(characters.constData() + begin, end - begin);
+        begin = next;
+        blank = -1;
+        used = 0;
+    };
+    for (int i = 0; i < characters.size(); ++i) {
+        const int columns = widthOf(characters.at(i));
+        if (used + columns > most) {
+            if (characters.at(i) == ' ') {
+                endLine(i, i + 1);
+                continue;
+            }
+            endLine(blank > begin ? blank : i, blank > begin ? blank + 1 : i);
+            for (int at = begin; at < i; ++at)
+                used += widthOf(characters.at(at));
+        }
+        used += columns;
+        if (characters.at(i) == ' ')
+            blank = i;
+    }
+    endLine(characters.size(), characters.size());
+    return lines;
+}
+
 } // namespace micro850::host

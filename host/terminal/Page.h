@@ -2,16 +2,42 @@
 #define MICRO850_HOST_PAGE_H
 
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 namespace micro850::host {
 
-enum class Style { Plain, Heading, Warning, Error, Faint };
+enum class Style {
+    Plain,
+    Heading,
+    Warning,
+    Error,
+    Faint,
+    Changed,
+    Series1,
+    Series2,
+    Series3,
+    Series4,
+    Series5,
+    Series6,
+    Series7,
+    Series8
+};
+
+/// Columns of a line that have a style of their own.
+struct Mark
+{
+    int column;
+    int width;
+    Style style;
+};
 
 struct PageLine
 {
     QString text;
-    Style style;
+    Style style = Style::Plain;
+    bool isSelected = false;
+    QVector<Mark> marks = QVector<Mark>();
 };
 using Page = QVector<PageLine>;
 
@@ -24,6 +50,11 @@ QString cut(const QString& text, int width);
 
 /// A text in exactly so many columns: filled up with blanks, or cut.
 QString fitted(const QString& text, int width);
+/// The same with the blanks in front.
+QString rightAligned(const QString& text, int width);
+
+/// A text in lines of at most so many columns, broken at blanks where there are any.
+QStringList wrapped(const QString& text, int width);
 
 } // namespace micro850::host
 

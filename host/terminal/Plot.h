@@ -1,40 +1,72 @@
 #ifndef MICRO850_HOST_PLOT_H
 #define MICRO850_HOST_PLOT_H
 
-#include "Clock.h"
+#include "PlotAxis.h"
+#include "PlotCanvas.h"
 
-#include <QtCore/QPair>
-#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 namespace micro850::host {
 
-/// A rolling chart of one value over time, drawn with block characters: the newest at the right.
+/// How a chart is drawn.
+struct PlotStyle
+{
+    Duration span;
+    bool isFromZero = false;
+    bool isUnicode = true;
+};
+
+/// What a chart says of a series.
+struct PlotLabel
+{
+    QString name;
+    QString value;
+    QString problem; ///< empty while the value is good
+};
+
+/// Rolling charts of values over time, the newest at the right: one for each unit, one above the
+/// other, over one axis of clock times.
 class Plot
 {
 public:
-    explicit Plot(Duration span) : m_span(span) {}
+    Plot(const QStringList& units, const PlotStyle& style);
 
-    /// The value from now on; NaN where there is none. Times do not go back.
-    void add(Duration now, double value);
-    /// The chart in so many lines of so many characters. Columns start at multiples of their width
-    /// in time, so that the picture moves by whole characters.
-    QStringList lines(int width, int rows, Duration now) const;
-    /// "1.5 to 20", over the whole span; "" without a value.
-    QString range(Duration now) const;
+    /// The value of a series from now on; NaN where there is none. Times do not go back.
+    void add(int series, Duration now, double value) { m_histories[series].add(now, value); }
+    /// The charts for a window of this size, with a legend of each series. `timeOfDay` is what the
+    /// clock on the wall shows now.
+    Page page(int width, int rows, Duration now, Duration timeOfDay,
+              const QVector<PlotLabel>& labels) const;
 
 private:
-    struct Limits
+    struct Chart
     {
-        double least;
-        double most;
-        bool any;
+        QString unit;
+        QVector<int> series;
     };
-    Limits limits(Duration now) const;
-    double valueAt(Duration time) const;
+    Page legend(const Chart& chart, int width, int mostRows,
+                const QVector<PlotLabel>& labels) const;
+    std::optional<PlotRange> rangeOf(const Chart& chart, Duration now) const;
+    /// What a chart is drawn in.
+    struct ChartRoom
+    {
+        int width;
+        int rows;
+        int labelWidth; ///< of the value axis; 0: without
+        int steps;      ///< of the value axis
+    };
+    void drawSeries(PlotCanvas& canvas, int series, const ValueAxis& axis, Duration now) const;
+    void addEnds(Page& page, const PlotCanvas& canvas, const Chart& chart,
+                 const ValueAxis& axis) const;
+    Page drawn(const Chart& chart, const ChartRoom& room, Duration now) const;
+    QChar edge(bool hasTick) const;
+    Page timeAxis(int width, int labelWidth, Duration timeOfDay) const;
+    int labelWidth(int steps, Duration now) const;
+    int markWidth() const { return m_histories.size() > 1 ? 1 : 0; }
 
-    Duration m_span;
-    QVector<QPair<Duration, double>> m_changes;
+    PlotStyle m_style;
+    QVector<PlotHistory> m_histories; ///< by series
+    QVector<Chart> m_charts;
 };
 
 } // namespace micro850::host

@@ -45,11 +45,18 @@ ProbeResult Prober::probe(Line& line, const Clock& clock, const PortSettings& se
                           const Exchange::Observer& observer,
                           const std::function<bool()>& interrupted)
 {
-    ProbeResult result;
     Exchange exchange(line, clock, settings);
     exchange.setObserver(observer);
     exchange.setInterrupt(interrupted);
     Counters counters;
+    ProbeResult result = ask(line, exchange, counters);
+    result.counters = counters;
+    return result;
+}
+
+ProbeResult Prober::ask(const Line& line, Exchange& exchange, Counters& counters)
+{
+    ProbeResult result;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         Protocol* sent = request();
         if (!sent)

@@ -17,6 +17,7 @@ struct ProbeResult
     bool heard = false; ///< a reply came, even if it has no identity
     /// No reply came, and nothing but the line and its settings can be blamed for that.
     bool unexplained = false;
+    Counters counters;
 };
 
 /// Asks the controller at the other end of a line for its identity. That is the driver's first
@@ -36,6 +37,7 @@ public:
 
 private:
     Protocol* request();
+    ProbeResult ask(const Line& line, Exchange& exchange, Counters& counters);
 
     Driver m_driver;
     TagKey m_tag;

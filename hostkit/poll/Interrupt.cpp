@@ -12,9 +12,9 @@ const std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t stopRequested = 0;
 
-void requestStop(int)
+void requestStop(int signal)
 {
-    stopRequested = 1;
+    stopRequested = signal;
 }
 
 } // namespace
@@ -43,6 +43,16 @@ Interrupt::~Interrupt()
 bool Interrupt::requested() const
 {
     return stopRequested != 0;
+}
+
+bool Interrupt::isFromKeyboard() const
+{
+    return stopRequested == SIGINT;
+}
+
+void Interrupt::forget() const
+{
+    stopRequested = 0;
 }
 
 void Interrupt::throwIfRequested() const

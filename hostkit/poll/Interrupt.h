@@ -17,6 +17,10 @@ public:
     Interrupt& operator=(const Interrupt&) = delete;
 
     bool requested() const;
+    /// True when it was Ctrl-C: a program that takes commands ends the command only.
+    bool isFromKeyboard() const;
+    /// Waits for the next one.
+    void forget() const;
     /// Ends a command that has not done its work.
     void throwIfRequested() const;
 

@@ -38,6 +38,7 @@ void OpenConnections::note(int station, const QByteArray& frame, const Answer& a
 
 void OpenConnections::close(int station)
 {
+    m_exchange.setStation(station);
     for (const QByteArray& request : m_requests.take(station)) {
         if (!closeOne(request))
             return;
@@ -48,6 +49,7 @@ void OpenConnections::closeAll()
 {
     const QMap<int, QList<QByteArray>> stations = std::exchange(m_requests, {});
     for (auto opened = stations.cbegin(); opened != stations.cend(); ++opened) {
+        m_exchange.setStation(opened.key());
         for (const QByteArray& request : *opened) {
             if (!m_silent.contains(opened.key()) && !closeOne(request))
                 return;

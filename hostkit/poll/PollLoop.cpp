@@ -2,6 +2,7 @@
 
 #include "FrameText.h"
 #include "PlantTexts.h"
+#include "TimedRuns.h"
 
 #include <QtCore/QTime>
 
@@ -28,25 +29,6 @@ Duration restOfSecond()
     const int secondMs = 1000;
     const int marginMs = 5;
     return std::chrono::milliseconds(secondMs - QTime::currentTime().msec() + marginMs);
-}
-
-// What is read when a variable with an interval is read.
-QVector<TimedRun> timedRuns(const Variable& variable, const CyclicRead& read)
-{
-    QVector<TimedRun> all;
-    const QVector<Run> runs = runsOf(variable, *read.type);
-    for (const Run& run : runs) {
-        TimedRun timed;
-        timed.tag = {variable.station, variable.tag};
-        timed.element = run.element;
-        timed.elements = run.elements;
-        timed.elementSize = read.type->size;
-        timed.mergeable = read.mergeable && read.type->kind != CipKind::String;
-        timed.interval = std::chrono::milliseconds(*variable.intervalMs);
-        timed.variable = timed.first = read.variable;
-        all.append(timed);
-    }
-    return all;
 }
 
 } // namespace
@@ -147,11 +129,14 @@ void PollLoop::planCycle(Duration now)
     const auto isTimed = [this](const CyclicRead& read) {
         return m_project.variables.at(read.variable).intervalMs.value_or(0) > 0;
     };
+    const auto intervalOf = [this](const CyclicRead& read) {
+        return std::chrono::milliseconds(*m_project.variables.at(read.variable).intervalMs);
+    };
     const auto timed = std::stable_partition(reads.begin(), reads.end(), std::not_fn(isTimed));
     if (timed != reads.end() || !m_schedule.isEmpty()) {
         QVector<TimedRun> runs;
         for (auto read = timed; read != reads.end(); ++read)
-            runs += timedRuns(m_project.variables.at(read->variable), *read);
+            runs += timedRuns(m_project.variables.at(read->variable), *read, intervalOf(*read));
         reads.erase(timed, reads.end());
         m_schedule.setShare(reads.isEmpty() ? 1 : kShareOfTimedReads);
         m_schedule.plan(runs, now);
@@ -198,13 +183,7 @@ void PollLoop::transactTimed(Protocol& next, Duration began)
         m_schedule.noteOther(now, now - began);
     if (ended)
         m_timedRead = 0;
-    const LineLoad& load = m_schedule.load();
-    if (load.isOverload && load.toldShare != m_toldShare && load.variable >= 0)
-        m_overload = overloadText(load.toldShare, m_project.variables.at(load.variable).shownName(),
-                                  load.asked, load.actual);
-    else if (!load.isOverload)
-        m_overload.clear();
-    m_toldShare = load.isOverload ? load.toldShare : 0;
+    m_overload.note(m_schedule.load(), m_project);
 }
 
 // A controller closes a connection that is not used for half a minute. Its values would become
@@ -296,7 +275,22 @@ void PollLoop::finish()
     m_exchange.acknowledge();
 }
 
-// Mostly the one of the transaction before. Stations never come or go.
+void PollLoop::addStation(const StationSettings& settings)
+{
+    if (m_stations.contains(settings.number))
+        return;
+    m_stations.insert(settings.number, Station(settings));
+    m_latest = nullptr;
+    m_driver.enableStation(settings.number, settings.enabled);
+}
+
+void PollLoop::probeSoon()
+{
+    for (Station& station : m_stations)
+        station.probeSoon(m_clock.now());
+}
+
+// Mostly the one of the transaction before. Stations never go.
 Station& PollLoop::stationNumbered(int number)
 {
     if (!m_latest || m_latest->number() != number)
@@ -373,6 +367,7 @@ Answer PollLoop::runExchange(const Protocol& sent, Counters& counters)
     const QByteArray frame = sent.frame; // whole: `sendLength` can be that of an earlier frame
     const qint64 bytesBefore = counters.bytes();
     const qint64 sentBefore = counters.sent;
+    m_exchange.setStation(sent.var.stationNo);
     const Answer answer = m_exchange.run(frame, counters);
     m_connections.note(sent.var.stationNo, frame, answer);
     const bool answered = answer.outcome == Answer::Outcome::Answered;
@@ -585,13 +580,18 @@ int PollLoop::learn(const TagKey& key)
     return m_operations.add(operation);
 }
 
+std::optional<Duration> PollLoop::aliveSince(int number) const
+{
+    const auto station = m_stations.constFind(number);
+    if (station == m_stations.constEnd() || !station->alive() || !m_line.isOpen())
+        return std::nullopt;
+    return std::max(station->connectedAt(), m_line.openedAt());
+}
+
 Quality PollLoop::quality(int variable) const
 {
-    const auto station = m_stations.constFind(m_project.variables.at(variable).station);
-    std::optional<Duration> aliveSince;
-    if (station != m_stations.constEnd() && station->alive() && m_line.isOpen())
-        aliveSince = std::max(station->connectedAt(), m_line.openedAt());
-    return m_values.quality(variable, m_clock.now(), aliveSince);
+    return m_values.quality(variable, m_clock.now(),
+                            aliveSince(m_project.variables.at(variable).station));
 }
 
 LineView PollLoop::line() const
@@ -609,7 +609,7 @@ LineFigures PollLoop::figures() const
             m_statistics.roundTrip(99),
             m_line.reconnects(),
             100 * m_schedule.load().share,
-            m_overload,
+            m_overload.text(),
             m_statistics.roundTrips()};
 }
 

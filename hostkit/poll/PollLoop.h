@@ -8,6 +8,7 @@
 #include "LineStatistics.h"
 #include "OpenConnections.h"
 #include "OperationQueue.h"
+#include "OverloadNote.h"
 #include "Plant.h"
 #include "Project.h"
 #include "ReadSchedule.h"
@@ -50,6 +51,10 @@ public:
 
     /// Makes a tag known that no variable names.
     void declare(const TagKey& key) { m_operations.declare(key); }
+    /// Makes a station known that the project does not name. One that is known stays as it is.
+    void addStation(const StationSettings& settings);
+    /// Dead stations are probed at the next step: somebody waits for them.
+    void probeSoon();
     // Each of these three queues an operation and returns its id. Call forget() with the id once
     // the outcome is there.
 
@@ -72,6 +77,9 @@ public:
     const ValueStore& values() const override { return m_values; }
     ValueStore& values() override { return m_values; }
     Quality quality(int variable) const override;
+    /// When the station was last connected over the open line; none while it is not. What was read
+    /// before is no longer known to be true.
+    std::optional<Duration> aliveSince(int station) const;
     LineView line() const override;
     LineFigures figures() const override;
     QVector<StationView> stationViews() const override;
@@ -152,11 +160,10 @@ private:
     RenewalPace m_cycle;     ///< of the driver's cyclic list and the schedule
     ReadSchedule m_schedule; ///< of variables with an interval
     int m_timedRead = 0;     ///< the operation that reads a run of it; 0: none
-    QString m_overload;
-    double m_toldShare = 0; ///< the one in m_overload
-    qint64 m_reopened = 0;  ///< times that handleReopenedLine() handled
-    int m_idleSteps = 0;    ///< in a row
-    Duration m_endedAt{0};  ///< the last transaction
+    OverloadNote m_overload;
+    qint64 m_reopened = 0; ///< times that handleReopenedLine() handled
+    int m_idleSteps = 0;   ///< in a row
+    Duration m_endedAt{0}; ///< the last transaction
 };
 
 } // namespace micro850::host

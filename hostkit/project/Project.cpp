@@ -2,6 +2,7 @@
 
 #include "ExactNumbers.h"
 #include "JsonFile.h"
+#include "JsonPlaces.h"
 #include "NetworkAddress.h"
 #include "TagAddress.h"
 #include "UserError.h"
@@ -26,10 +27,47 @@ const int kMostWritesPerMinute = 60000;
 // Of all variables together: the host keeps each element's value and time.
 const int kMostElements = 4000000;
 
+/// Where the mistakes of a file go: the first is thrown, or all are collected.
+class Mistakes
+{
+public:
+    explicit Mistakes(std::vector<JsonMistake>* list = nullptr) : m_list(list) {}
+
+    /// Carries out a step of the reading. False when it found a mistake.
+    template<typename Step> bool runs(Step step)
+    {
+        if (!m_list) {
+            step();
+            return true;
+        }
+        try {
+            step();
+            return true;
+        } catch (const JsonMistake& mistake) {
+            add(mistake);
+            return false;
+        }
+    }
+    void add(const JsonMistake& mistake)
+    {
+        if (!m_list)
+            throw JsonMistake(mistake);
+        if (m_list->size() < std::size_t(kMostMistakes))
+            m_list->push_back(mistake);
+    }
+    std::size_t count() const { return m_list ? m_list->size() : 0; }
+    bool isFull() const { return count() == std::size_t(kMostMistakes); }
+
+private:
+    std::vector<JsonMistake>* m_list;
+};
+
 /// What the part of the file read so far uses. With it each name and number is looked up once,
 /// however many there are.
 struct Used
 {
+    Mistakes mistakes;
+    bool knowsStations = true; ///< false after a mistake in the list of them
     QSet<int> stations;
     QSet<QString> names;
     int elements = 0;
@@ -68,38 +106,53 @@ QString deviceOf(const JsonNode& node)
     return device;
 }
 
-PortSettings portOf(const JsonNode& node)
+PortSettings portOf(const JsonNode& node, Mistakes& mistakes)
 {
-    node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
-                     "timeoutMs", "retryLimit", "lowLatency"});
     PortSettings port;
-    if (node.has("device"))
-        port.device = deviceOf(node.at("device"));
-    port.baud = static_cast<int>(node.integer("baud", 300, 4000000, port.baud));
-    port.dataBits = static_cast<int>(node.integer("dataBits", 7, 8, port.dataBits));
-    if (node.has("parity"))
-        port.parity = parityOf(node.at("parity"));
-    port.stopBits = static_cast<int>(node.integer("stopBits", 1, 2, port.stopBits));
-    port.deviceBudgetMs =
-        static_cast<int>(node.integer("deviceBudgetMs", 0, 60000, port.deviceBudgetMs));
-    port.timeoutMs = static_cast<int>(node.integer("timeoutMs", 0, 60000, port.timeoutMs));
-    port.retryLimit = static_cast<int>(node.integer("retryLimit", 0, 100, port.retryLimit));
-    port.lowLatency = node.boolean("lowLatency", port.lowLatency);
+    const auto report = [&mistakes](const JsonMistake& mistake) { mistakes.add(mistake); };
+    node.expectKeys({"device", "baud", "dataBits", "parity", "stopBits", "deviceBudgetMs",
+                     "timeoutMs", "retryLimit", "lowLatency"},
+                    report);
+    const auto readInteger = [&](const char* key, int least, int most, int& value) {
+        mistakes.runs([&] { value = static_cast<int>(node.integer(key, least, most, value)); });
+    };
+    mistakes.runs([&] {
+        if (node.has("device"))
+            port.device = deviceOf(node.at("device"));
+    });
+    readInteger("baud", 300, 4000000, port.baud);
+    readInteger("dataBits", 7, 8, port.dataBits);
+    mistakes.runs([&] {
+        if (node.has("parity"))
+            port.parity = parityOf(node.at("parity"));
+    });
+    readInteger("stopBits", 1, 2, port.stopBits);
+    readInteger("deviceBudgetMs", 0, 60000, port.deviceBudgetMs);
+    readInteger("timeoutMs", 0, 60000, port.timeoutMs);
+    readInteger("retryLimit", 0, 100, port.retryLimit);
+    mistakes.runs([&] { port.lowLatency = node.boolean("lowLatency", port.lowLatency); });
     return port;
 }
 
 StationSettings stationOf(const JsonNode& node, Used& used)
 {
-    node.expectKeys({"number", "name", "enabled"});
+    Mistakes& mistakes = used.mistakes;
+    node.expectKeys({"number", "name", "enabled"},
+                    [&mistakes](const JsonMistake& mistake) { mistakes.add(mistake); });
     StationSettings station;
-    const JsonNode number = node.at("number");
-    station.number = static_cast<int>(number.integer(0, 65535));
-    if (used.stations.contains(station.number))
-        number.fail("station " + std::to_string(station.number) + " is listed twice (remove one)");
-    used.stations.insert(station.number);
-    if (node.has("name"))
-        station.name = printableText(node.at("name"), "a name");
-    station.enabled = node.boolean("enabled", true);
+    mistakes.runs([&] {
+        const JsonNode number = node.at("number");
+        station.number = static_cast<int>(number.integer(0, 65535));
+        if (used.stations.contains(station.number))
+            number.fail("station " + std::to_string(station.number) +
+                        " is listed twice (remove one)");
+        used.stations.insert(station.number);
+    });
+    mistakes.runs([&] {
+        if (node.has("name"))
+            station.name = printableText(node.at("name"), "a name");
+    });
+    mistakes.runs([&] { station.enabled = node.boolean("enabled", true); });
     return station;
 }
 
@@ -152,7 +205,7 @@ int stationNumberOf(const JsonNode& node, const Project& project, const Used& us
         return project.stations.first().number;
     const JsonNode station = node.at("station");
     const int number = static_cast<int>(station.integer(0, 65535));
-    if (!used.stations.contains(number)) {
+    if (used.knowsStations && !used.stations.contains(number)) {
         station.fail("station " + std::to_string(number) +
                      " is not among the stations (add it to \"stations\")");
     }
@@ -162,8 +215,10 @@ int stationNumberOf(const JsonNode& node, const Project& project, const Used& us
 // Only the first element of a string array can be read: the driver sends no index with a string.
 void checkElements(const JsonNode& node, const Variable& variable, Used& used)
 {
-    used.elements += variable.length;
-    if (used.elements > kMostElements)
+    // Told once, by the variable with which they become too many.
+    const bool fitted = used.elements <= kMostElements;
+    used.elements = std::min(used.elements, kMostElements) + variable.length;
+    if (fitted && used.elements > kMostElements)
         node.fail("the variables have more than " + std::to_string(kMostElements) +
                   " elements together (leave some out)");
     if (variable.element + variable.length - 1 > kLargestElement)
@@ -173,14 +228,27 @@ void checkElements(const JsonNode& node, const Variable& variable, Used& used)
         node.fail("of a string only element 0 and length 1 can be read");
 }
 
-void parseScaling(const JsonNode& node, Variable& variable)
+// What depends on the type is checked by requireNumberType().
+void parseScaling(const JsonNode& node, Variable& variable, Mistakes& mistakes)
 {
-    variable.gain = node.number("gain", 1);
-    variable.offset = node.number("offset", 0);
-    if (node.has("unit"))
-        variable.unit = printableText(node.at("unit"), "a unit");
-    if (variable.gain == 0)
-        node.at("gain").fail("0 would show every value as the offset (leave it out for 1)");
+    mistakes.runs([&] {
+        variable.gain = node.number("gain", 1);
+        if (variable.gain == 0)
+            node.at("gain").fail("0 would show every value as the offset (leave it out for 1)");
+    });
+    mistakes.runs([&] { variable.offset = node.number("offset", 0); });
+    mistakes.runs([&] {
+        if (node.has("unit"))
+            variable.unit = printableText(node.at("unit"), "a unit");
+    });
+    mistakes.runs([&] {
+        if (node.has("comment"))
+            variable.comment = printableText(node.at("comment"), "a comment");
+    });
+}
+
+void requireNumberType(const JsonNode& node, const Variable& variable)
+{
     const bool number = !variable.type || isNumber(*variable.type);
     if (variable.isScaled() && !number)
         node.fail(std::string("gain and offset are for numbers, not for ") + variable.type->name);
@@ -300,10 +368,6 @@ void requireReachableLimits(const JsonNode& node, const Variable& variable)
 // Follows parseScaling().
 void parseLimits(const JsonNode& node, Variable& variable)
 {
-    if (node.has("minimum"))
-        variable.minimum = exactNumberOf(node.at("minimum"));
-    if (node.has("maximum"))
-        variable.maximum = exactNumberOf(node.at("maximum"));
     if (variable.minimum && variable.maximum &&
         compareNumbers(*variable.minimum, *variable.maximum) > 0)
         node.at("minimum").fail(node.at("minimum").found() + " is above maximum, " +
@@ -318,75 +382,159 @@ void parseLimits(const JsonNode& node, Variable& variable)
     requireReachableLimits(node, variable);
 }
 
-void parseRates(const JsonNode& node, Variable& variable)
+void parseRates(const JsonNode& node, Variable& variable, Mistakes& mistakes)
 {
-    if (node.has("intervalMs"))
-        variable.intervalMs = static_cast<int>(node.at("intervalMs").integer(0, kDay));
-    if (variable.intervalMs && variable.poll == PollMode::Once)
-        node.at("intervalMs")
-            .fail(R"(a variable that is read once has no interval (leave it out, )"
-                  R"(or leave "poll" out))");
-    if (node.has("heartbeatMs"))
-        variable.heartbeatMs =
-            static_cast<int>(node.at("heartbeatMs").integer(kShortestHeartbeat, kDay));
-    variable.writable = node.boolean("writable", false);
-    if (node.has("writesPerMinute"))
-        variable.writesPerMinute =
-            static_cast<int>(node.at("writesPerMinute").integer(1, kMostWritesPerMinute));
+    mistakes.runs([&] {
+        if (node.has("intervalMs"))
+            variable.intervalMs = static_cast<int>(node.at("intervalMs").integer(0, kDay));
+        if (variable.intervalMs && variable.poll == PollMode::Once)
+            node.at("intervalMs")
+                .fail(R"(a variable that is read once has no interval (leave it out, )"
+                      R"(or leave "poll" out))");
+    });
+    mistakes.runs([&] {
+        if (node.has("heartbeatMs"))
+            variable.heartbeatMs =
+                static_cast<int>(node.at("heartbeatMs").integer(kShortestHeartbeat, kDay));
+    });
+    mistakes.runs([&] { variable.writable = node.boolean("writable", false); });
+    mistakes.runs([&] {
+        if (node.has("writesPerMinute"))
+            variable.writesPerMinute =
+                static_cast<int>(node.at("writesPerMinute").integer(1, kMostWritesPerMinute));
+    });
 }
 
+// What names the variable in the project and in the controller.
+void parseNames(const JsonNode& node, const Project& before, Variable& variable, Used& used)
+{
+    Mistakes& mistakes = used.mistakes;
+    const bool hasTag = mistakes.runs([&] { variable.tag = tagOf(node.at("tag")); });
+    // A tag that is none is no name, either, and is told once.
+    if (hasTag || node.has("name"))
+        mistakes.runs(
+            [&] { variable.name = nameOf(node.at(node.has("name") ? "name" : "tag"), used); });
+    mistakes.runs([&] { variable.station = stationNumberOf(node, before, used); });
+}
+
+void parseElements(const JsonNode& node, Variable& variable, Mistakes& mistakes)
+{
+    const auto readInteger = [&](const char* key, int least, int most, int& value) {
+        mistakes.runs([&] { value = static_cast<int>(node.integer(key, least, most, value)); });
+    };
+    mistakes.runs([&] {
+        if (node.has("type"))
+            variable.type = typeOf(node.at("type"));
+    });
+    readInteger("element", 0, kLargestElement, variable.element);
+    readInteger("length", 1, kLargestElement + 1, variable.length);
+    readInteger("area", 0, 255, variable.area);
+    mistakes.runs([&] {
+        if (node.has("poll"))
+            variable.poll = pollOf(node.at("poll"));
+    });
+}
+
+// What one key says of another is checked when each of them is right for itself.
 Variable variableOf(const JsonNode& node, const Project& before, Used& used)
 {
     static const std::vector<std::string> keys = {
-        "name",     "tag",         "station",  "type",    "element", "length",
-        "area",     "poll",        "gain",     "offset",  "unit",    "intervalMs",
-        "deadband", "heartbeatMs", "writable", "minimum", "maximum", "writesPerMinute"};
-    node.expectKeys(keys);
+        "name",        "tag",      "station", "type",    "element",        "length",     "area",
+        "poll",        "gain",     "offset",  "unit",    "comment",        "intervalMs", "deadband",
+        "heartbeatMs", "writable", "minimum", "maximum", "writesPerMinute"};
+    Mistakes& mistakes = used.mistakes;
+    node.expectKeys(keys, [&mistakes](const JsonMistake& mistake) { mistakes.add(mistake); });
     Variable variable;
-    variable.tag = tagOf(node.at("tag"));
-    variable.name = nameOf(node.at(node.has("name") ? "name" : "tag"), used);
-    variable.station = stationNumberOf(node, before, used);
-    if (node.has("type"))
-        variable.type = typeOf(node.at("type"));
-    variable.element = static_cast<int>(node.integer("element", 0, kLargestElement, 0));
-    variable.length = static_cast<int>(node.integer("length", 1, kLargestElement + 1, 1));
-    variable.area = static_cast<int>(node.integer("area", 0, 255, 0));
-    if (node.has("poll"))
-        variable.poll = pollOf(node.at("poll"));
-    parseScaling(node, variable);
-    parseLimits(node, variable);
-    parseRates(node, variable);
-    checkElements(node, variable, used);
+    parseNames(node, before, variable, used);
+    const std::size_t mistakesBefore = mistakes.count();
+    parseElements(node, variable, mistakes);
+    parseScaling(node, variable, mistakes);
+    for (const auto& [key, limit] :
+         {std::pair("minimum", &variable.minimum), std::pair("maximum", &variable.maximum)})
+    {
+        if (node.has(key))
+            mistakes.runs([&, key = key, limit = limit] { *limit = exactNumberOf(node.at(key)); });
+    }
+    parseRates(node, variable, mistakes);
+    if (mistakes.count() != mistakesBefore)
+        return variable;
+    mistakes.runs([&] { requireNumberType(node, variable); });
+    mistakes.runs([&] { parseLimits(node, variable); });
+    mistakes.runs([&] { checkElements(node, variable, used); });
     return variable;
 }
 
-Project projectOf(const JsonNode& root)
+void readStations(const JsonNode& root, Project& project, Used& used)
+{
+    if (!root.has("stations")) {
+        project.stations.append(StationSettings());
+        used.stations.insert(project.stations.first().number);
+        return;
+    }
+    const std::size_t before = used.mistakes.count();
+    used.mistakes.runs([&] {
+        for (const JsonNode& station : root.at("stations").elements())
+            used.mistakes.runs([&] { project.stations.append(stationOf(station, used)); });
+        if (project.stations.isEmpty() && used.mistakes.count() == before)
+            root.at("stations").fail("lists no station (leave it out for station 1)");
+    });
+    used.knowsStations = used.mistakes.count() == before;
+    if (project.stations.isEmpty())
+        project.stations.append(StationSettings());
+}
+
+void readVariables(const JsonNode& root, Project& project, Used& used)
+{
+    const JsonNode list = root.at("variables");
+    for (const JsonNode& variable : list.elements()) {
+        used.mistakes.runs([&] { project.variables.append(variableOf(variable, project, used)); });
+        if (used.mistakes.isFull())
+            return;
+    }
+    if (list.elements().empty())
+        list.fail(R"(lists no variable (add one, for example {"tag": "Speed"}))");
+}
+
+Project projectOf(const JsonNode& root, Mistakes& given)
 {
     if (root.has("lines") && !root.has("variables"))
         root.fail("is a configuration of micro850-gateway, not a project (check it with "
                   "micro850-gateway --check, or name one of its projects)");
-    root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"});
-    Project project;
     Used used;
-    root.text("$schema", ""); // for editors
-    if (root.has("port"))
-        project.port = portOf(root.at("port"));
-    project.staleAfterMs =
-        static_cast<int>(root.integer("staleAfterMs", 100, kDay, project.staleAfterMs));
-    if (root.has("stations")) {
-        for (const JsonNode& station : root.at("stations").elements())
-            project.stations.append(stationOf(station, used));
-        if (project.stations.isEmpty())
-            root.at("stations").fail("lists no station (leave it out for station 1)");
-    } else {
-        project.stations.append(StationSettings());
-        used.stations.insert(project.stations.first().number);
-    }
-    for (const JsonNode& variable : root.at("variables").elements())
-        project.variables.append(variableOf(variable, project, used));
-    if (project.variables.isEmpty())
-        root.at("variables").fail(R"(lists no variable (add one, for example {"tag": "Speed"}))");
+    used.mistakes = given;
+    Mistakes& mistakes = used.mistakes;
+    root.expectKeys({"$schema", "port", "staleAfterMs", "stations", "variables"},
+                    [&mistakes](const JsonMistake& mistake) { mistakes.add(mistake); });
+    Project project;
+    mistakes.runs([&] { root.text("$schema", ""); }); // for editors
+    mistakes.runs([&] {
+        if (root.has("port"))
+            project.port = portOf(root.at("port"), mistakes);
+    });
+    mistakes.runs([&] {
+        project.staleAfterMs =
+            static_cast<int>(root.integer("staleAfterMs", 100, kDay, project.staleAfterMs));
+    });
+    readStations(root, project, used);
+    mistakes.runs([&] { readVariables(root, project, used); });
     return project;
+}
+
+Project projectOf(const JsonNode& root)
+{
+    Mistakes first;
+    return projectOf(root, first);
+}
+
+// ": variables[3].type: ..." with the line in front of it.
+ProjectMistake located(const std::string& file, const JsonMistake& mistake, int line)
+{
+    const bool namesLine = mistake.line() > 0 || line == 0;
+    const std::size_t begin = mistake.text().find(' ') + 1;
+    return {
+        mistake.line() > 0 ? mistake.line() : line, mistake.pointer(),
+        visible(mistake.text().substr(begin)),
+        UserError(file + (namesLine ? "" : ':' + std::to_string(line)) + mistake.text()).what()};
 }
 
 void unscaleLimits(Variable& variable)
@@ -418,6 +566,28 @@ Project Project::fromFile(const QString& path)
 Project Project::fromText(const QString& text, const QString& name)
 {
     return projectOf(JsonNode::fromText(text.toStdString(), name.toStdString()));
+}
+
+std::vector<ProjectMistake> Project::mistakesIn(const QString& path)
+{
+    const std::string file = path.toStdString();
+    const std::string text = fileContent(file);
+    std::vector<JsonMistake> found;
+    Mistakes mistakes(&found);
+    mistakes.runs([&] { projectOf(JsonNode::fromText(text, file), mistakes); });
+    std::vector<std::string> pointers;
+    pointers.reserve(found.size());
+    for (const JsonMistake& mistake : found)
+        pointers.push_back(mistake.pointer());
+    const std::vector<int> lines = linesOf(text, pointers);
+    std::vector<ProjectMistake> located;
+    located.reserve(found.size());
+    for (std::size_t i = 0; i < found.size(); ++i)
+        located.push_back(host::located(file, found[i], lines[i]));
+    std::stable_sort(
+        located.begin(), located.end(),
+        [](const ProjectMistake& a, const ProjectMistake& b) { return a.line < b.line; });
+    return located;
 }
 
 void Project::showRaw()

@@ -9,6 +9,8 @@
 #include <QtCore/QVector>
 
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace micro850::host {
 
@@ -50,6 +52,8 @@ struct Variable
     double gain = 1;
     double offset = 0;
     QString unit;
+    /// What it is, for people who read the file.
+    QString comment;
     /// The host shows the controller's own numbers, without gain, offset and unit.
     bool raw = false;
 
@@ -68,6 +72,18 @@ struct StationSettings
     bool enabled = true;
 };
 
+/// What is wrong in a project file.
+struct ProjectMistake
+{
+    int line = 0;        ///< from 1; 0 when no line can be named
+    std::string pointer; ///< JSON pointer of the value
+    std::string problem; ///< "variables[3].type: ..."
+    std::string message; ///< "plant.json:12: variables[3].type: ..."
+};
+
+/// So many mistakes of a file are told at most.
+const int kMostMistakes = 100;
+
 /// The content of a project file.
 struct Project
 {
@@ -82,6 +98,10 @@ struct Project
     static Project fromFile(const QString& path);
     /// The same from a text; messages call it `name`.
     static Project fromText(const QString& text, const QString& name);
+    /// All mistakes of a file, in its order, kMostMistakes at most; none for one that fromFile()
+    /// reads. Mistakes that only follow from others are left out. Throws UserError for a file that
+    /// cannot be read.
+    static std::vector<ProjectMistake> mistakesIn(const QString& path);
 
     /// Makes every variable show the controller's own numbers; dead bands and limits follow.
     void showRaw();

@@ -173,26 +173,42 @@ QStringList ValueStore::texts(int variable) const
 QString ValueStore::text(int variable) const
 {
     const State& state = m_states.at(variable);
-    if (state.missing == state.elements.size())
-        return QString();
-    const Scaling scaling(m_project.variables.at(variable));
-    QStringList all;
-    for (int i = 0; i < state.elements.size(); ++i) {
-        all += state.times.at(i)
-                   ? scaling.text(*state.type, decodeElement(*state.type, state.elements.at(i)))
-                   : QStringLiteral("?");
-    }
-    const QString text = all.size() == 1 ? all.first() : '[' + all.join(QStringLiteral(", ")) + ']';
+    const bool isShown = state.missing < state.elements.size();
     const QString unit = m_project.variables.at(variable).unit;
-    return unit.isEmpty() ? text : text + ' ' + unit;
+    return isShown && !unit.isEmpty() ? bareText(variable) + ' ' + unit : bareText(variable);
 }
 
-double ValueStore::number(int variable) const
+QString ValueStore::bareText(int variable, int mostElements) const
+{
+    const State& state = m_states.at(variable);
+    if (state.missing == state.elements.size())
+        return QString();
+    const int shown = std::min(state.elements.size(), std::max(1, mostElements));
+    QStringList all;
+    for (int i = 0; i < shown; ++i)
+        all += elementText(variable, i);
+    if (state.elements.size() == 1)
+        return all.first();
+    if (shown < state.elements.size())
+        all += QChar(0x2026);
+    return '[' + all.join(QStringLiteral(", ")) + ']';
+}
+
+QString ValueStore::elementText(int variable, int index) const
+{
+    const State& state = m_states.at(variable);
+    if (!state.times.at(index))
+        return QStringLiteral("?");
+    const Scaling scaling(m_project.variables.at(variable));
+    return scaling.text(*state.type, decodeElement(*state.type, state.elements.at(index)));
+}
+
+double ValueStore::number(int variable, int index) const
 {
     const State& state = m_states.at(variable);
     const bool counts =
-        state.times.first() && (isNumber(*state.type) || state.type->kind == CipKind::Boolean);
-    return counts ? value(variable, 0).number() : std::numeric_limits<double>::quiet_NaN();
+        state.times.at(index) && (isNumber(*state.type) || state.type->kind == CipKind::Boolean);
+    return counts ? value(variable, index).number() : std::numeric_limits<double>::quiet_NaN();
 }
 
 QSet<int> ValueStore::popChanged()

@@ -10,6 +10,7 @@
 #include <QtCore/QSet>
 #include <QtCore/QStringList>
 
+#include <limits>
 #include <optional>
 
 namespace micro850::host {
@@ -60,9 +61,13 @@ public:
     /// One line for people: the value, or "[a, b, c]" of several elements, and the unit; "" before
     /// the first.
     QString text(int variable) const;
-    /// The first element as a number, scaled; true counts as 1. NaN before the first value and for
-    /// texts and bits.
-    double number(int variable) const;
+    /// The same without the unit, and at most so many elements of an array.
+    QString bareText(int variable, int mostElements = std::numeric_limits<int>::max()) const;
+    /// One element for people, without the unit; "?" for one that was never read.
+    QString elementText(int variable, int index) const;
+    /// An element as a number, scaled; true counts as 1. NaN before the first value and for texts
+    /// and bits.
+    double number(int variable, int index = 0) const;
 
     /// The variables whose value or error changed since the last call.
     QSet<int> popChanged();

@@ -2,6 +2,7 @@
 
 #include "TagAddress.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -10,6 +11,8 @@
 #include <QtCore/QTextCodec>
 
 #include <algorithm>
+#include <array>
+#include <utility>
 
 namespace micro850::host {
 
@@ -17,20 +20,48 @@ namespace {
 
 // A list of 100,000 variables with remarks has half of that.
 const int kLargestList = 16 << 20;
+const int kLargestStation = 65535;
 
+// Before the heading a tool may write a title, a date and empty lines.
+const int kMostLinesBeforeHeading = 20;
+
+enum Column { Name, Type, DimensionText, Comment, Unit, StationNumber, ColumnCount };
+
+/// Where each column is in a line; below 0 for one that the list does not have.
 struct Columns
 {
-    int name = -1;
-    int type = -1;
-    int dimension = -1;
+    std::array<int, ColumnCount> at;
+    QStringList unused; ///< headings of other columns
+
+    Columns() { at.fill(-1); }
+    bool isHeading() const { return at[Name] >= 0 && at[Type] >= 0; }
+    int known() const
+    {
+        return static_cast<int>(std::count_if(at.begin(), at.end(), [](int i) { return i >= 0; }));
+    }
+    QString of(const QStringList& fields, Column column) const
+    {
+        return fields.value(at[column]).trimmed();
+    }
 };
 
-QChar separatorOf(const QString& heading)
+// Headings in English and German, as plain() has them.
+const QStringList& headingsOf(Column column)
 {
-    const QString candidates = QStringLiteral(",;\t");
-    return *std::max_element(candidates.begin(), candidates.end(), [&heading](QChar a, QChar b) {
-        return heading.count(a) < heading.count(b);
-    });
+    static const std::array<QStringList, ColumnCount> headings = {
+        QStringList{"name", "variable", "variablename", "tag", "tagname", "symbol", "symbolname",
+                    "identifier", "variablenname", "bezeichner", "bezeichnung"},
+        QStringList{"datatype", "type", "variabletype", "datentyp", "typ", "variablentyp"},
+        QStringList{"dimension", "dimensions", "arraysize", "size", "arraybounds", "dimensionen",
+                    QString::fromUtf8("feldgr\u00f6\u00dfe"), "feldgroesse", "feldgrenzen",
+                    QString::fromUtf8("arraygr\u00f6\u00dfe"), "arraygroesse", "arraygrenzen",
+                    QString::fromUtf8("gr\u00f6\u00dfe"), "groesse"},
+        QStringList{"comment", "comments", "description", "remark", "remarks", "kommentar",
+                    "kommentare", "beschreibung", "bemerkung", "bemerkungen"},
+        QStringList{"unit", "units", "engineeringunit", "engineeringunits", "einheit", "einheiten",
+                    QString::fromUtf8("ma\u00dfeinheit"), "masseinheit"},
+        QStringList{"station", "stationnumber", "stationsnummer", "stationnr"}};
+    return headings[column];
 }
 
 // Programming tools write headings with different case, blanks and signs.
@@ -44,23 +75,23 @@ QString plain(const QString& heading)
     return letters;
 }
 
-Columns columnsOf(const QStringList& headings, const QString& file)
+Columns columnsOf(const QStringList& headings)
 {
     Columns columns;
     for (int i = 0; i < headings.size(); ++i) {
         const QString heading = plain(headings.at(i));
-        if (QStringList({"name", "variable", "variablename", "tag", "tagname"}).contains(heading))
-            columns.name = i;
-        else if (QStringList({"datatype", "type", "variabletype"}).contains(heading))
-            columns.type = i;
-        else if (QStringList({"dimension", "dimensions", "arraysize", "size"}).contains(heading))
-            columns.dimension = i;
+        const auto is = [&](int column) {
+            return columns.at[column] < 0 && headingsOf(Column(column)).contains(heading);
+        };
+        int column = 0;
+        while (column < ColumnCount && !is(column))
+            ++column;
+        if (column < ColumnCount)
+            columns.at[column] = i;
+        else if (!heading.isEmpty())
+            columns.unused += headings.at(i).trimmed();
     }
-    if (columns.name >= 0 && columns.type >= 0)
-        return columns;
-    throw UserError(file.toStdString() + ": line 1: no column \"" +
-                    (columns.name < 0 ? "Name" : "Data type") +
-                    "\" (the first line names the columns: Name, Data type, Dimension)");
+    return columns;
 }
 
 struct Dimension
@@ -98,25 +129,124 @@ QString problemOfDimension(const QString& text, const Dimension& dimension, Vari
     return QString();
 }
 
-// Reads a line into `variable`. Returns why it cannot be read, or an empty text.
-QString problemOf(const QStringList& fields, const Columns& columns, Variable& variable)
+/// A type as a programming tool writes it.
+struct TypeText
 {
-    const QString type = fields.value(columns.type).trimmed().toUpper();
-    if (variable.name.size() > kLongestTag)
+    QString name;      ///< of the elements: "INT"
+    QString dimension; ///< that the type names itself: "[0..9]"
+};
+
+// "INT", "STRING(40)", "INT[0..9]". The length of a text is left to the controller.
+TypeText elementTypeOf(const QString& text)
+{
+    static const QRegularExpression string(
+        QStringLiteral("^(\\w*STRING)\\s*[(\\[]\\s*\\d{1,5}\\s*[)\\]]$"),
+        QRegularExpression::CaseInsensitiveOption);
+    static const QRegularExpression indexed(QStringLiteral("^(\\w+)\\s*(\\[.*\\])$"));
+    QRegularExpressionMatch match = string.match(text);
+    if (match.hasMatch())
+        return {match.captured(1), QString()};
+    match = indexed.match(text);
+    return match.hasMatch() ? TypeText{match.captured(1), match.captured(2)}
+                            : TypeText{text, QString()};
+}
+
+// The same, and "ARRAY[0..9] OF INT". An array of arrays has both dimensions, which are not one run
+// of elements.
+TypeText typeTextOf(const QString& text)
+{
+    static const QRegularExpression array(QStringLiteral("^ARRAY\\s*(\\[[^\\]]*\\])\\s*OF\\s+"),
+                                          QRegularExpression::CaseInsensitiveOption);
+    QString rest = text;
+    QString dimension;
+    for (QRegularExpressionMatch match = array.match(rest); match.hasMatch();
+         match = array.match(rest)) {
+        dimension += match.captured(1);
+        rest = rest.mid(match.capturedLength());
+    }
+    const TypeText element = elementTypeOf(rest.trimmed());
+    return {element.name, dimension + element.dimension};
+}
+
+// Other names that tools have for types.
+QString typeNameOf(const QString& text)
+{
+    const QString name = text.toUpper();
+    if (name == QLatin1String("TOD"))
+        return QStringLiteral("TIME_OF_DAY");
+    if (name == QLatin1String("DT"))
+        return QStringLiteral("DATE_AND_TIME");
+    return name == QLatin1String("BIT") ? QStringLiteral("BOOL") : name;
+}
+
+// A comment and a unit stand in one line of a project.
+QString lineOf(const QString& text)
+{
+    return visible(text.simplified());
+}
+
+QString problemOfName(const QString& name, const QSet<QString>& names)
+{
+    static const QRegularExpression element(QStringLiteral("^(.+)\\[[0-9, ]+\\]$"));
+    if (names.contains(name))
+        return QStringLiteral("is listed twice");
+    if (name.size() > kLongestTag)
         return QStringLiteral("a name has at most %1 characters").arg(kLongestTag);
-    if (!isPlain(variable.name))
-        return QStringLiteral("is not a tag (letters, digits and signs without blanks)");
-    const QString text = fields.value(columns.dimension).trimmed();
-    const QString problem = problemOfDimension(text, dimensionOf(text), variable);
+    const QRegularExpressionMatch match = element.match(name);
+    if (match.hasMatch() && names.contains(match.captured(1)))
+        return QStringLiteral("is an element of %1, which is in the list").arg(match.captured(1));
+    return isPlain(name)
+               ? QString()
+               : QStringLiteral("is not a tag (letters, digits and signs without blanks)");
+}
+
+QString problemOfStation(const QString& text, Variable& variable)
+{
+    bool good = true;
+    const int number = text.isEmpty() ? variable.station : text.toInt(&good);
+    if (!good || number < 0 || number > kLargestStation)
+        return QStringLiteral("the station \"%1\" is not allowed (0 to %2)")
+            .arg(text)
+            .arg(kLargestStation);
+    variable.station = number;
+    return QString();
+}
+
+/// The dimension of a line: that of its column, or that of its type.
+struct LineDimension
+{
+    QString text;
+    Dimension dimension;
+    bool agrees = true;
+};
+
+LineDimension lineDimensionOf(const QString& column, const QString& ofType)
+{
+    const QString text = column.isEmpty() ? ofType : column;
+    LineDimension found = {text, dimensionOf(text)};
+    const Dimension other = dimensionOf(ofType.isEmpty() ? text : ofType);
+    found.agrees = other.first == found.dimension.first && other.length == found.dimension.length;
+    return found;
+}
+
+// Reads the type and the dimension of a line into `variable`. Returns why they cannot be read, or
+// an empty text.
+QString problemOfType(const TypeText& type, const LineDimension& dimension, Variable& variable)
+{
+    if (!dimension.agrees)
+        return QStringLiteral("its type has the dimension \"%1\", and its dimension is \"%2\"")
+            .arg(type.dimension, dimension.text);
+    const QString problem = problemOfDimension(dimension.text, dimension.dimension, variable);
     if (!problem.isEmpty())
         return problem;
-    const bool untyped = type == QLatin1String("STRING"); // on the wire it may be one of several
+    const QString name = typeNameOf(type.name);
+    const bool untyped = name == QLatin1String("STRING"); // on the wire it may be one of several
     for (const CipType& known : cipTypes()) {
-        if (!untyped && type == QLatin1String(known.name))
+        if (!untyped && name == QLatin1String(known.name))
             variable.type = &known;
     }
     if (!variable.type && !untyped)
-        return QStringLiteral("\"%1\" is not an elementary type").arg(type);
+        return QStringLiteral("\"%1\" is not an elementary type").arg(name);
     const bool string = untyped || variable.type->kind == CipKind::String;
     return string && variable.length != 1
                ? QStringLiteral("of several strings only the first can be read")
@@ -128,9 +258,9 @@ QString problemOf(const QStringList& fields, const Columns& columns, Variable& v
 class CsvReader
 {
 public:
-    CsvReader(const QString& text, const std::string& file) : m_text(text), m_file(file) {}
+    CsvReader(const QString& text, std::string file) : m_text(&text), m_file(std::move(file)) {}
 
-    bool atEnd() const { return m_at >= m_text.size(); }
+    bool atEnd() const { return m_at >= m_text->size(); }
     /// The line on which the next fields begin.
     int line() const { return m_line; }
     void setSeparator(QChar separator) { m_separator = separator; }
@@ -139,7 +269,7 @@ public:
     QStringList fields()
     {
         QStringList fields = {field()};
-        while (!atEnd() && m_text.at(m_at) == m_separator) {
+        while (!atEnd() && m_text->at(m_at) == m_separator) {
             ++m_at;
             fields.append(field());
         }
@@ -157,10 +287,10 @@ private:
     QString field()
     {
         QString text;
-        if (!atEnd() && m_text.at(m_at) == '"')
+        if (!atEnd() && m_text->at(m_at) == '"')
             text = quoted();
-        while (!atEnd() && m_text.at(m_at) != m_separator && m_text.at(m_at) != '\n')
-            text += m_text.at(m_at++);
+        while (!atEnd() && m_text->at(m_at) != m_separator && m_text->at(m_at) != '\n')
+            text += m_text->at(m_at++);
         return text;
     }
     // Lines within quotes count too, so that messages name the right one.
@@ -169,9 +299,9 @@ private:
         const int opened = m_line;
         QString text;
         for (++m_at; !atEnd(); ++m_at) {
-            const QChar c = m_text.at(m_at);
+            const QChar c = m_text->at(m_at);
             if (c == '"') {
-                const bool doubled = m_at + 1 < m_text.size() && m_text.at(m_at + 1) == '"';
+                const bool doubled = m_at + 1 < m_text->size() && m_text->at(m_at + 1) == '"';
                 if (!doubled) {
                     ++m_at;
                     return text;
@@ -185,8 +315,8 @@ private:
                         ": a field opens with \" that no other \" closes");
     }
 
-    const QString& m_text;
-    const std::string m_file;
+    const QString* m_text;
+    std::string m_file;
     QChar m_separator = ',';
     int m_at = 0;
     int m_line = 1;
@@ -246,64 +376,172 @@ VariableList VariableList::fromFile(const QString& path)
     return fromBytes(bytes, path);
 }
 
+namespace {
+
+// The name of the codec when the bytes are UTF-16: they begin with its mark, or with an ASCII
+// character in two bytes. Else null.
+const char* utf16Of(const QByteArray& bytes)
+{
+    const auto at = [&bytes](int i) { return i < bytes.size() ? bytes.at(i) : '\xFF'; };
+    const auto isAscii = [](char c) { return c == '\t' || (c >= ' ' && c < '\x7F'); };
+    if (bytes.startsWith("\xFF\xFE") || (isAscii(at(0)) && at(1) == 0 && at(3) == 0))
+        return "UTF-16LE";
+    if (bytes.startsWith("\xFE\xFF") || (at(0) == 0 && isAscii(at(1)) && at(2) == 0))
+        return "UTF-16BE";
+    return nullptr;
+}
+
+QString fromUtf16(const QByteArray& bytes, const char* codec, const std::string& file)
+{
+    if (bytes.size() % 2 != 0)
+        throw UserError(file + ": is UTF-16, and its last character is cut short (save the list "
+                               "again)");
+    QTextCodec::ConverterState state;
+    return QTextCodec::codecForName(codec)->toUnicode(bytes.constData(), bytes.size(), &state);
+}
+
+void refuseZero(const QString& text, const std::string& file)
+{
+    const int zero = text.indexOf(QChar(0));
+    if (zero >= 0)
+        throw UserError(file + ": line " + std::to_string(1 + text.leftRef(zero).count('\n')) +
+                        ": has a byte 00, so it is not a text (save the list as CSV UTF-8)");
+}
+
+} // namespace
+
 VariableList VariableList::fromBytes(const QByteArray& bytes, const QString& name)
 {
     const std::string file = name.toStdString();
     if (bytes.size() > kLargestList)
         throw UserError(file + ": is larger than " + std::to_string(kLargestList >> 20) +
                         " MiB (export fewer variables)");
-    if (bytes.startsWith("\xFF\xFE") || bytes.startsWith("\xFE\xFF"))
-        throw UserError(file + ": is UTF-16 (save the list as CSV UTF-8)");
-    const int zero = bytes.indexOf('\0');
-    if (zero >= 0)
-        throw UserError(file + ": line " + std::to_string(lineOf(bytes, zero)) +
-                        ": has a byte 00, so it is not a text (save the list as CSV UTF-8)");
+    if (const char* const codec = utf16Of(bytes)) {
+        const QString text = fromUtf16(bytes, codec, file);
+        refuseZero(text, file);
+        return fromCsv(text, name);
+    }
     const int wrong = firstNotUtf8(bytes);
-    VariableList list =
-        fromCsv(wrong < 0 ? QString::fromUtf8(bytes) : QString::fromLatin1(bytes), name);
+    const QTextCodec* const other = QTextCodec::codecForName("windows-1252");
+    const QString text =
+        wrong < 0 ? QString::fromUtf8(bytes.constData(), bytes.size()) : other->toUnicode(bytes);
+    refuseZero(text, file);
+    VariableList list = fromCsv(text, name);
     if (wrong >= 0)
-        list.ignored.prepend(QStringLiteral("line %1: is not UTF-8, so the file is read as Latin-1")
-                                 .arg(lineOf(bytes, wrong)));
+        list.ignored.prepend(
+            QStringLiteral("line %1: is not UTF-8, so the file is read as Windows-1252")
+                .arg(lineOf(bytes, wrong)));
     return list;
 }
+
+namespace {
+
+/// The heading of a list, or of what comes closest to one.
+struct Heading
+{
+    int line = 1;
+    Columns columns;
+};
+
+// Reads up to the end of the heading, and chooses the separator by it.
+Heading findHeading(CsvReader& reader, const std::string& file)
+{
+    Heading best;
+    for (int i = 0; i < kMostLinesBeforeHeading && !reader.atEnd(); ++i) {
+        const CsvReader before = reader;
+        CsvReader after = reader;
+        Heading here = {reader.line(), Columns()};
+        for (const char separator : {',', ';', '\t'}) {
+            CsvReader trial = before;
+            trial.setSeparator(separator);
+            const Columns columns = columnsOf(trial.fields());
+            if (columns.known() > here.columns.known()) {
+                here.columns = columns;
+                after = trial;
+            }
+        }
+        if (here.columns.known() > best.columns.known())
+            best = here;
+        reader = after;
+        if (here.columns.isHeading())
+            return here;
+        if (here.columns.known() == 0)
+            reader.fields();
+    }
+    throw UserError(file + ": line " + std::to_string(best.line) + ": no column \"" +
+                    (best.columns.at[Name] < 0 ? "Name" : "Data type") +
+                    "\" (a heading names the columns: Name, Data type, Dimension, Comment, Unit, "
+                    "Station)");
+}
+
+/// Reads the lines after the heading.
+class ListReader
+{
+public:
+    explicit ListReader(Columns columns) : m_columns(std::move(columns)) {}
+
+    void read(int line, const QStringList& fields)
+    {
+        const QString name = m_columns.of(fields, Name);
+        if (name.isEmpty() && fields.join(QString()).trimmed().isEmpty())
+            return;
+        const QString place = QStringLiteral("line %1: ").arg(line);
+        if (name.isEmpty()) {
+            m_list.ignored += place + QStringLiteral("has no name (left out)");
+            return;
+        }
+        Variable variable;
+        variable.name = variable.tag = name;
+        const TypeText type = typeTextOf(m_columns.of(fields, Type));
+        const LineDimension dimension =
+            lineDimensionOf(m_columns.of(fields, DimensionText), type.dimension);
+        QString problem = problemOfName(variable.name, m_names);
+        if (problem.isEmpty())
+            problem = problemOfType(type, dimension, variable);
+        if (problem.isEmpty())
+            problem = problemOfStation(m_columns.of(fields, StationNumber), variable);
+        m_names.insert(variable.name);
+        if (!problem.isEmpty()) {
+            m_list.ignored += place + variable.name + QStringLiteral(": ") + problem +
+                              QStringLiteral(" (left out)");
+            return;
+        }
+        variable.comment = lineOf(m_columns.of(fields, Comment));
+        variable.unit = lineOf(m_columns.of(fields, Unit));
+        m_list.variables.append(variable);
+        if (dimension.dimension.first != 0)
+            m_list.notes += place + variable.name +
+                            QStringLiteral(": index %1 of the program is element 0 here")
+                                .arg(dimension.dimension.first);
+    }
+    VariableList take() { return std::move(m_list); }
+
+private:
+    Columns m_columns;
+    VariableList m_list;
+    QSet<QString> m_names;
+};
+
+} // namespace
 
 VariableList VariableList::fromCsv(const QString& text, const QString& name)
 {
     QString whole = text;
     if (whole.startsWith(QChar(0xFEFF)))
         whole.remove(0, 1);
-    const QChar separator = separatorOf(whole.section('\n', 0, 0));
     CsvReader reader(whole, name.toStdString());
-    reader.setSeparator(separator);
-    const Columns columns = columnsOf(reader.fields(), name);
-    VariableList list;
-    QSet<QString> names;
+    const Heading heading = findHeading(reader, name.toStdString());
+    ListReader lines(heading.columns);
     while (!reader.atEnd()) {
         const int line = reader.line();
-        const QStringList fields = reader.fields();
-        Variable variable;
-        variable.name = variable.tag = fields.value(columns.name).trimmed();
-        const QString place = QStringLiteral("line %1: ").arg(line);
-        if (variable.name.isEmpty()) {
-            if (!fields.join(QString()).trimmed().isEmpty())
-                list.ignored += place + QStringLiteral("has no name (left out)");
-            continue;
-        }
-        QString problem = problemOf(fields, columns, variable);
-        if (names.contains(variable.name))
-            problem = QStringLiteral("is listed twice");
-        names.insert(variable.name);
-        if (!problem.isEmpty()) {
-            list.ignored += place + variable.name + QStringLiteral(": ") + problem +
-                            QStringLiteral(" (left out)");
-            continue;
-        }
-        list.variables.append(variable);
-        const qint64 first = dimensionOf(fields.value(columns.dimension).trimmed()).first;
-        if (first != 0)
-            list.notes += place + variable.name +
-                          QStringLiteral(": index %1 of the program is element 0 here").arg(first);
+        lines.read(line, reader.fields());
     }
+    VariableList list = lines.take();
+    list.hasStations = heading.columns.at[StationNumber] >= 0;
+    if (!heading.columns.unused.isEmpty())
+        list.notes.prepend(QStringLiteral("line %1: a project has no place for these columns: %2")
+                               .arg(heading.line)
+                               .arg(heading.columns.unused.join(QStringLiteral(", "))));
     return list;
 }
 

@@ -1,13 +1,16 @@
 #include "Recorder.h"
 
 #include "CipType.h"
+#include "DateText.h"
 #include "Elements.h"
 #include "OutputFile.h"
 #include "VisibleText.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QHash>
 #include <QtCore/QStringList>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
@@ -17,31 +20,29 @@ namespace micro850::host {
 
 namespace {
 
-const std::string kHeading = "time,name,station,tag,element,type,value,unit,quality,error\n";
+// Behind the time.
+const QStringList kHeading = {"name",  "station", "tag",     "element", "type",
+                              "value", "unit",    "quality", "error"};
+const char kBom[] = "\xEF\xBB\xBF";
+const std::size_t kBomBytes = sizeof kBom - 1;
 const std::size_t kMostPending = 1 << 16;
 
-// A spreadsheet takes a text that begins so for a formula, blanks before it or not. A sign alone,
-// such as the unit "-", is none.
-bool isFormula(const QString& text)
+// Numbers stay numbers, also those below 0, and so do several of them. Dates have no decimal sign.
+QString numberText(const CsvForm& form, const QString& type, const QString& text)
 {
-    static const QString signs = QString::fromUtf8("=+-@\uFF1D\uFF0B\uFF0D\uFF20");
-    const QString begin = text.trimmed().left(2);
-    return begin.size() > 1 && signs.contains(begin.at(0));
-}
-
-// Numbers stay numbers, also those below 0, and so do several of them.
-QString valueCell(const Sample& sample)
-{
-    if (!sample.value)
-        return QString();
-    const QString text = valueText(*sample.value);
-    if (sample.value->kind() != CipKind::String)
-        return text;
-    for (const CipType& type : cipTypes()) {
-        if (type.kind != CipKind::String && sample.type == QLatin1String(type.name))
-            return text;
+    for (const CipType& known : cipTypes()) {
+        if (type == QLatin1String(known.name))
+            return known.kind == CipKind::String ? csvText(text)
+                   : dateExample(known)          ? text
+                                                 : form.number(text);
     }
     return csvText(text);
+}
+
+QString cellOf(const CsvForm& form, const QString& type, const CipValue& value)
+{
+    const QString text = valueText(value);
+    return value.kind() == CipKind::String ? numberText(form, type, text) : form.number(text);
 }
 
 /// The rows of a file that a recording goes on with.
@@ -49,7 +50,8 @@ class EarlierRows
 {
 public:
     /// Reads the file. Throws UserError if it cannot be read or has other content than rows.
-    explicit EarlierRows(const OutputFile& file) : m_file(file)
+    EarlierRows(const OutputFile& file, std::string heading)
+        : m_file(file), m_heading(std::move(heading))
     {
         for (;;) {
             const std::string part = read(m_size, 1 << 16);
@@ -85,8 +87,10 @@ private:
     void look(char c)
     {
         ++m_size;
-        if (m_begin.size() < kHeading.size() && c != '\r')
+        if (m_begin.size() < m_heading.size() && c != '\r')
             m_begin += c;
+        if (m_size == off_t(kBomBytes) && m_begin == kBom)
+            m_begin.clear();
         m_quoted = m_quoted != (c == '"');
         if (c != '\n')
             return;
@@ -99,12 +103,15 @@ private:
     }
     void requireHeading() const
     {
-        if (m_begin != kHeading.substr(0, m_begin.size()))
+        const bool isBomSoFar =
+            m_size < off_t(kBomBytes) && m_begin == std::string(kBom).substr(0, m_begin.size());
+        if (!isBomSoFar && m_begin != m_heading.substr(0, m_begin.size()))
             throw UserError(m_file.name() +
-                            ": does not have the heading of a recording (name a new file)");
+                            ": does not have the heading of this recording (name a new file)");
     }
 
     const OutputFile& m_file;
+    const std::string m_heading;
     std::string m_begin; ///< up to the length of the heading, without carriage returns
     off_t m_size = 0;
     off_t m_end = 0;
@@ -113,50 +120,55 @@ private:
     bool m_quoted = false;
 };
 
-class CsvRecorder : public Recorder
+/// A file of lines under a heading. It keeps some lines, and writes them together.
+class CsvFile
 {
 public:
     /// `continues` for a file that may have rows.
-    CsvRecorder(OutputFile file, bool continues, const Note& note) : m_file(std::move(file))
+    CsvFile(OutputFile file, bool continues, const std::string& heading, bool bom,
+            const Recorder::Note& note)
+        : m_file(std::move(file))
     {
-        if (!continues || !m_file.isRegular() || !goOn(note))
-            m_file.write(kHeading);
+        if (!continues || !m_file.isRegular() || !goOn(heading, note))
+            m_file.write((bom ? kBom : "") + heading);
+        m_size = m_file.isRegular() ? ::lseek(m_file.descriptor(), 0, SEEK_END) : 0;
     }
-    ~CsvRecorder() override
+    ~CsvFile()
     {
         try {
             save();
         } catch (const UserError&) {
-            // The caller that wants to know calls flush().
+            // The caller that wants to know calls save().
         }
     }
+    CsvFile(const CsvFile&) = delete;
+    CsvFile& operator=(const CsvFile&) = delete;
 
-    void add(const Sample& sample) override
+    void add(const QString& line)
     {
-        const QStringList fields = {sample.time.toUTC().toString(Qt::ISODateWithMs),
-                                    csvField(csvText(sample.name)),
-                                    QString::number(sample.station),
-                                    csvField(csvText(sample.tag)),
-                                    QString::number(sample.element),
-                                    sample.type,
-                                    csvField(valueCell(sample)),
-                                    csvField(csvText(sample.unit)),
-                                    sample.quality,
-                                    csvField(csvText(sample.error))};
-        m_pending += fields.join(',').toStdString() + '\n';
+        m_pending += line.toStdString() + '\n';
         if (m_pending.size() > kMostPending)
             save();
     }
-
-    void flush() override { save(); }
+    void save()
+    {
+        const std::string rows = std::exchange(m_pending, std::string());
+        m_size += static_cast<qint64>(rows.size());
+        try {
+            m_file.write(rows);
+        } catch (const UserError&) {
+            writeEach(rows); // as many as fit
+        }
+    }
+    qint64 size() const { return m_size + static_cast<qint64>(m_pending.size()); }
 
 private:
     // Samples are appended, so that a restart loses nothing. A row that a kill or a full disk cut
     // short would become one with the next: it is removed and shown. False without a heading.
-    bool goOn(const Note& note)
+    bool goOn(const std::string& heading, const Recorder::Note& note)
     {
         m_file.lock();
-        const EarlierRows rows(m_file);
+        const EarlierRows rows(m_file, heading);
         const std::string tail = rows.tail();
         if (!tail.empty() && note)
             note(QString::fromStdString(
@@ -164,15 +176,6 @@ private:
         if (!tail.empty() && ::ftruncate(m_file.descriptor(), rows.end()) != 0)
             failToWrite(m_file.name(), errno);
         return rows.hasHeading();
-    }
-    void save()
-    {
-        const std::string rows = std::exchange(m_pending, std::string());
-        try {
-            m_file.write(rows);
-        } catch (const UserError&) {
-            writeEach(rows); // as many as fit
-        }
     }
     void writeEach(const std::string& rows)
     {
@@ -185,41 +188,111 @@ private:
 
     OutputFile m_file;
     std::string m_pending;
+    qint64 m_size = 0;
 };
 
-} // namespace
-
-QString csvText(const QString& text)
+/// The file of this name, or standard output.
+std::unique_ptr<CsvFile> openCsv(const QString& path, const QStringList& headings,
+                                 const CsvForm& form, const Recorder::Note& note)
 {
-    const QString shown = QString::fromStdString(visibleValue(text.toStdString()));
-    if (shown.startsWith('"') || !isFormula(shown))
-        return shown;
-    QString quoted = shown;
-    quoted.replace('\\', QStringLiteral("\\\\")).replace('"', QStringLiteral("\\\""));
-    return '"' + quoted + '"';
-}
-
-QString csvField(const QString& text)
-{
-    const bool plain = !text.contains(',') && !text.contains('"') && !text.contains('\n') &&
-                       !text.contains('\r') && text == text.trimmed();
-    if (plain)
-        return text;
-    QString quoted = text;
-    return '"' + quoted.replace('"', QStringLiteral("\"\"")) + '"';
-}
-
-std::unique_ptr<Recorder> Recorder::csv(const QString& path, const Note& note)
-{
+    const std::string heading = form.line(headings).toStdString() + '\n';
     if (path != QLatin1String("-")) {
         const std::string name = QFile::encodeName(path).toStdString();
         requireFile(name, "name a file, or - for standard output");
-        return std::make_unique<CsvRecorder>(OutputFile::open(name), true, note);
+        return std::make_unique<CsvFile>(OutputFile::open(name), true, heading, form.bom, note);
     }
     const int descriptor = ::dup(STDOUT_FILENO);
     if (descriptor < 0)
         failToWrite("standard output", errno);
-    return std::make_unique<CsvRecorder>(OutputFile(descriptor, "standard output"), false, note);
+    return std::make_unique<CsvFile>(OutputFile(descriptor, "standard output"), false, heading,
+                                     form.bom, note);
+}
+
+class CsvRecorder : public Recorder
+{
+public:
+    CsvRecorder(std::unique_ptr<CsvFile> file, const CsvForm& form)
+        : m_file(std::move(file)), m_form(form)
+    {
+    }
+
+    void add(const Sample& sample) override
+    {
+        m_file->add(m_form.line(
+            {m_form.timeText(sample.time.toMSecsSinceEpoch()), csvText(sample.name),
+             QString::number(sample.station), csvText(sample.tag), QString::number(sample.element),
+             sample.type, sample.value ? cellOf(m_form, sample.type, *sample.value) : QString(),
+             csvText(sample.unit), sample.quality, csvText(sample.error)}));
+    }
+    void endRow(const QDateTime&) override {}
+    void flush() override { m_file->save(); }
+    qint64 size() const override { return m_file->size(); }
+
+private:
+    std::unique_ptr<CsvFile> m_file;
+    CsvForm m_form;
+};
+
+class WideCsvRecorder : public Recorder
+{
+public:
+    WideCsvRecorder(std::unique_ptr<CsvFile> file, const QVector<WideColumn>& columns,
+                    const CsvForm& form)
+        : m_file(std::move(file)), m_form(form)
+    {
+        for (const WideColumn& column : columns) {
+            m_places[column.name] = {m_cells.size(), column.length};
+            for (int i = 0; i < column.length; ++i)
+                m_cells.append(QString());
+        }
+    }
+
+    void add(const Sample& sample) override
+    {
+        const Place place = m_places.value(sample.name);
+        if (sample.quality != QLatin1String("good"))
+            return;
+        for (int i = 0; i < std::min(place.length, sample.elements.size()); ++i)
+            m_cells[place.first + i] = cellOf(m_form, sample.type, sample.elements.at(i));
+    }
+    void endRow(const QDateTime& time) override
+    {
+        m_file->add(m_form.line(QStringList(m_form.timeText(time.toMSecsSinceEpoch())) +
+                                QStringList(m_cells.toList())));
+        m_cells.fill(QString());
+    }
+    void flush() override { m_file->save(); }
+    qint64 size() const override { return m_file->size(); }
+
+private:
+    struct Place
+    {
+        int first = 0;
+        int length = 0;
+    };
+    std::unique_ptr<CsvFile> m_file;
+    CsvForm m_form;
+    QHash<QString, Place> m_places;
+    QVector<QString> m_cells;
+};
+
+} // namespace
+
+std::unique_ptr<Recorder> Recorder::csv(const QString& path, const Note& note, const CsvForm& form)
+{
+    return std::make_unique<CsvRecorder>(
+        openCsv(path, QStringList(form.timeHeading()) + kHeading, form, note), form);
+}
+
+std::unique_ptr<Recorder> Recorder::wideCsv(const QString& path, const QVector<WideColumn>& columns,
+                                            const Note& note, const CsvForm& form)
+{
+    QStringList headings = {form.timeHeading()};
+    for (const WideColumn& column : columns) {
+        for (const QString& heading : column.headings())
+            headings += csvText(heading);
+    }
+    return std::make_unique<WideCsvRecorder>(openCsv(path, headings, form, note), columns, form);
 }
 
 } // namespace micro850::host

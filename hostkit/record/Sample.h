@@ -5,6 +5,7 @@
 
 #include <QtCore/QDateTime>
 #include <QtCore/QString>
+#include <QtCore/QVector>
 
 #include <optional>
 
@@ -24,6 +25,8 @@ struct Sample
     QString unit;
     QString quality;
     QString error;
+    /// The values one by one; none before the first good reply.
+    QVector<CipValue> elements = {};
 };
 
 } // namespace micro850::host

@@ -5,6 +5,7 @@
 #include "SqliteTable.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QVariant>
 #include <QtSql/QSqlDatabase>
 #include <QtSql/QSqlError>
@@ -110,6 +111,10 @@ public:
         if (!m_insert.exec())
             fail(m_insert.lastError());
     }
+
+    void endRow(const QDateTime&) override {}
+
+    qint64 size() const override { return QFileInfo(m_path).size(); }
 
     void flush() override
     {

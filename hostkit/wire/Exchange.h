@@ -55,6 +55,10 @@ public:
     /// frames, corrupt ones too, and link controls outside frames.
     void setObserver(Observer observer) { m_observer = std::move(observer); }
 
+    /// Sets whose requests the next ones are, for those who observe. Below 0: nobody's.
+    void setStation(int station) { m_station = station; }
+    int station() const { return m_station; }
+
     /// Sets a function that is called when a request has gone out: for work that need not delay it.
     void setMeanwhile(std::function<void()> meanwhile) { m_meanwhile = std::move(meanwhile); }
 
@@ -127,6 +131,7 @@ private:
     PortSettings m_settings;
     ReplyCollector m_collector;
     Observer m_observer;
+    int m_station = -1;
     std::function<void()> m_meanwhile;
     std::function<bool()> m_interrupt;
     char m_lastResponse = kAck;

@@ -194,8 +194,15 @@ Request decodeRequest(const ByteSlice& data)
     request.name = data.mid(path + 2, nameSize);
     const int afterName = path + 2 + nameSize + nameSize % 2;
     const int end = parseElement(data, afterName, pathEnd, request.element);
-    const int typeSize = request.service == kWriteTagFragmented ? 2 : 0;
-    request.count = wordAt(data, std::max(end, pathEnd) + typeSize);
+    const int parameters = std::max(end, pathEnd);
+    if (request.service == kReadTagFragmented) {
+        request.count = wordAt(data, parameters);
+        return request;
+    }
+    const int countAndOffset = 2 + 4;
+    request.typeCode = wordAt(data, parameters);
+    request.count = wordAt(data, parameters + 2);
+    request.values = data.mid(parameters + 2 + countAndOffset);
     return request;
 }
 

@@ -63,6 +63,9 @@ struct Request
     ByteSlice name;      ///< of the tag; empty for a connection request
     quint32 element = 0; ///< from the element segment, 0 without one
     quint16 count = 0;   ///< elements to read or write
+    // Of a write:
+    quint16 typeCode = 0;
+    ByteSlice values; ///< in the controller's byte order
 
     QString tag() const { return QString::fromLatin1(name.begin(), name.size()); }
 };

@@ -1,6 +1,12 @@
 #include "FrameText.h"
 
 #include "CipType.h"
+#include "CipValue.h"
+#include "DateText.h"
+#include "DurationText.h"
+#include "Visible.h"
+
+#include <optional>
 
 namespace micro850::host {
 
@@ -194,6 +200,34 @@ QString codesOf(const Reply& reply)
     return codes;
 }
 
+// Of more values in a line only the first are shown.
+const int kMostValues = 16;
+
+QString valueText(const CipType& type, const char* bytes, int size)
+{
+    const CipValue value = CipValue::decode(type, reinterpret_cast<const std::uint8_t*>(bytes),
+                                            static_cast<std::size_t>(size));
+    if (const int perUnit = microsecondsPerUnit(type))
+        return QString::fromStdString(durationText(value.signedNumber() * perUnit));
+    const std::optional<std::string> date =
+        dateExample(type) ? dateText(type, value.unsignedNumber()) : std::nullopt;
+    const std::string text = date ? *date : value.text();
+    const QString shown = QString::fromLatin1(text.data(), static_cast<int>(text.size()));
+    return type.kind == CipKind::String ? visibleValue(shown) : shown;
+}
+
+QString replyText(const Reply& reply)
+{
+    QString text = QStringLiteral("TNS %1 %2 reply").arg(reply.tns).arg(serviceText(reply.service));
+    if (!reply.good())
+        return text + QStringLiteral(": ") + statusText(reply);
+    if (reply.service != kReadTagFragmented)
+        return text;
+    return text + QStringLiteral(": ") + valuesText(reply.typeCode(), reply.values());
+}
+
+} // namespace
+
 QString serviceText(quint8 service)
 {
     switch (service) {
@@ -212,21 +246,32 @@ QString serviceText(quint8 service)
     }
 }
 
-QString replyText(const Reply& reply)
+QStringList valueTexts(quint16 typeCode, const ByteSlice& values)
 {
-    QString text = QStringLiteral("TNS %1 %2 reply").arg(reply.tns).arg(serviceText(reply.service));
-    if (!reply.good())
-        return text + QStringLiteral(": ") + statusText(reply);
-    if (reply.service != kReadTagFragmented)
-        return text;
-    const CipType* type = cipTypeOf(reply.typeCode());
-    return text + QStringLiteral(": %1, %2 bytes")
-                      .arg(type ? QString::fromLatin1(type->name)
-                                : QStringLiteral("type %1").arg(reply.typeCode(), 4, 16))
-                      .arg(reply.values().size());
+    const CipType* const type = cipTypeOf(typeCode);
+    QStringList texts;
+    if (!type || values.isEmpty())
+        return texts;
+    const int size = type->kind == CipKind::String ? values.size() : type->size;
+    for (int at = 0; at + size <= values.size(); at += size)
+        texts += valueText(*type, values.begin() + at, size);
+    return texts;
 }
 
-} // namespace
+QString valuesText(quint16 typeCode, const ByteSlice& values)
+{
+    const CipType* const type = cipTypeOf(typeCode);
+    if (!type)
+        return QStringLiteral("type %1, %2 bytes").arg(hex(typeCode, 4)).arg(values.size());
+    QStringList texts = valueTexts(typeCode, values);
+    const int count = texts.size();
+    if (count == 0)
+        return QStringLiteral("%1, %2 bytes").arg(QLatin1String(type->name)).arg(values.size());
+    texts = texts.mid(0, kMostValues);
+    if (count > kMostValues)
+        texts += QStringLiteral("... (%1 values)").arg(count);
+    return QLatin1String(type->name) + ' ' + texts.join(' ');
+}
 
 QString requestText(const Request& request)
 {
@@ -248,7 +293,10 @@ QString messageText(const ByteSlice& data)
         return QStringLiteral("no frame");
     return (reply.command & kReplyCommandBit) != 0
                ? replyText(reply)
-               : QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request);
+               : QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request) +
+                     (request.service == kWriteTagFragmented && !request.name.isEmpty()
+                          ? QStringLiteral(": ") + valuesText(request.typeCode, request.values)
+                          : QString());
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "ReplyCollector.h"
 
 #include <QtCore/QString>
+#include <QtCore/QStringList>
 
 namespace micro850::host {
 
@@ -20,8 +21,15 @@ QString statusKey(const Reply& reply);
 
 /// "NAK: not received intact".
 QString controlText(ReplyCollector::Kind kind);
+/// "read", "open connection".
+QString serviceText(quint8 service);
 /// "read Level[3] x1", "open connection".
 QString requestText(const Request& request);
+/// "INT 10 11", "SHORT_STRING Apple"; of many values the first ones. A type that is not known is
+/// "type 02A0, 12 bytes".
+QString valuesText(quint16 typeCode, const ByteSlice& values);
+/// The values one by one, as shown to users; empty for a type that is not known.
+QStringList valueTexts(quint16 typeCode, const ByteSlice& values);
 /// One line about the last frame or link control in these bytes: what it asks for, or what it
 /// answers. "no frame" when there is none.
 QString frameText(const QByteArray& frame);

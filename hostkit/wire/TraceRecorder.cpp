@@ -39,12 +39,12 @@ TraceRecorder::~TraceRecorder()
         qWarning("%s", m_recording->failure->what());
 }
 
-Exchange::Observer TraceRecorder::observer() const
+Exchange::Observer TraceRecorder::observer(const Exchange* exchange) const
 {
     if (!m_recording)
         return nullptr;
     const std::shared_ptr<Recording> recording = m_recording;
-    return [recording](Exchange::Direction direction, const QByteArray& frame, Duration) {
+    return [recording, exchange](Exchange::Direction direction, const QByteArray& frame, Duration) {
         const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
             std::chrono::system_clock::now().time_since_epoch());
         TraceRecord record;
@@ -52,6 +52,7 @@ Exchange::Observer TraceRecorder::observer() const
         record.direction =
             direction == Exchange::Direction::Out ? Direction::Sent : Direction::Received;
         record.bytes.assign(frame.begin(), frame.end());
+        record.station = exchange ? exchange->station() : -1;
         record.note = frameText(frame).toStdString();
         recording->attempt([&record](TraceWriter& writer) { writer.write(record); });
     };

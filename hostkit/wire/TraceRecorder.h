@@ -24,8 +24,9 @@ public:
     TraceRecorder(const TraceRecorder&) = delete;
     TraceRecorder& operator=(const TraceRecorder&) = delete;
 
-    /// For Exchange::setObserver(). The observer may live longer than this object.
-    Exchange::Observer observer() const;
+    /// For Exchange::setObserver(). The observer may live longer than this object. The exchange, if
+    /// it is named, tells the station of each frame; it must live as long as the observer.
+    Exchange::Observer observer(const Exchange* exchange = nullptr) const;
     /// Why a record could not be written, once; the recording has ended then.
     std::optional<UserError> popFailure();
     /// Ends the file. Throws UserError if it does not have every record.

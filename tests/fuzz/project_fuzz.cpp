@@ -88,6 +88,20 @@ void check(const micro850::host::Project& project)
         checkVariable(project, variable);
 }
 
+// A file that is refused has at least one mistake, each with a line of the file.
+void checkMistakes(const QString& path, std::ptrdiff_t lines)
+{
+    const auto mistakes = micro850::host::Project::mistakesIn(path);
+    FUZZ_CHECK(!mistakes.empty() && mistakes.size() <= micro850::host::kMostMistakes);
+    int before = 0;
+    for (const micro850::host::ProjectMistake& mistake : mistakes) {
+        FUZZ_CHECK(mistake.line >= before && mistake.line <= lines);
+        before = mistake.line;
+        fuzz::checkComplaint(micro850::UserError(mistake.message), path.toStdString() + ':');
+        fuzz::checkShownText(QString::fromStdString(mistake.problem));
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size)
@@ -102,8 +116,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         check(project);
         checkUses(project, path.toStdString());
         FUZZ_CHECK(std::find(bytes, bytes + size, 0) == bytes + size);
+        FUZZ_CHECK(micro850::host::Project::mistakesIn(path).empty());
     } catch (const micro850::UserError& error) {
         fuzz::checkComplaint(error, path.toStdString() + ':');
+        checkMistakes(path, 1 + std::count(bytes, bytes + size, '\n'));
     }
     return 0;
 }

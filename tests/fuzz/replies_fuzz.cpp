@@ -2,10 +2,12 @@
 // meaning of a frame.
 
 #include "Frame.h"
+#include "FrameFields.h"
 #include "FrameText.h"
 #include "ReplyCollector.h"
 #include "fuzz_check.h"
 #include "fuzz_input.h"
+#include "shown_text.h"
 #include "wire.h"
 
 namespace {
@@ -22,12 +24,29 @@ void checkForDriver(const ReplyCollector::Event& event)
     FUZZ_CHECK(micro850::host::replyForDriver(event.frame(), false) == onLine);
 }
 
+// Each byte of a message is in one part of its explanation.
+void checkFields(const QByteArray& message)
+{
+    int size = 0;
+    int last = -1;
+    for (const micro850::host::FrameField& field :
+         micro850::host::frameFields(message, micro850::host::Request()))
+    {
+        FUZZ_CHECK(field.offset > last && !field.bytes.isEmpty());
+        last = field.offset;
+        size += field.bytes.size();
+        fuzz::checkShownText(field.name + field.meaning);
+    }
+    FUZZ_CHECK(size == message.size());
+}
+
 void checkData(const QByteArray& data)
 {
     const QByteArray onLine = wire::framed(data);
     FUZZ_CHECK(micro850::host::dataOf(onLine) == data);
     FUZZ_CHECK(micro850::host::uncheckedDataOf(onLine) == data);
     micro850::host::frameText(onLine);
+    checkFields(onLine);
     const micro850::host::Reply reply = micro850::host::decodeReply(data);
     FUZZ_CHECK(micro850::host::statusText(reply).isEmpty() == reply.good());
     FUZZ_CHECK(micro850::host::statusKey(reply).isEmpty() == reply.good());
@@ -75,5 +94,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     checkData(line.left(1024));
     micro850::host::uncheckedDataOf(line);
     micro850::host::frameText(line);
+    checkFields(line);
     return 0;
 }

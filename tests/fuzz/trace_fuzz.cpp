@@ -80,6 +80,7 @@ void checkBegin(const std::vector<TraceRecord>& actual, const std::vector<TraceR
         FUZZ_CHECK(actual[i].time == expected[i].time);
         FUZZ_CHECK(actual[i].direction == expected[i].direction);
         FUZZ_CHECK(actual[i].bytes == expected[i].bytes);
+        FUZZ_CHECK(actual[i].station == expected[i].station);
         FUZZ_CHECK(actual[i].note == (hasNotes ? expected[i].note : std::string()));
     }
 }

@@ -48,8 +48,8 @@ QStringList optionsIn(const Result& help)
 
 TEST(Completion, OffersTheCommands)
 {
-    EXPECT_EQ(offered({""}), (QStringList{"check", "history", "import", "log", "poll", "probe",
-                                          "read", "trace", "watch", "write"}));
+    EXPECT_EQ(offered({""}), (QStringList{"check", "doctor", "history", "import", "log", "poll", "probe",
+                                          "read", "shell", "trace", "watch", "write"}));
     EXPECT_EQ(offered({"w"}), (QStringList{"watch", "write"}));
     EXPECT_EQ(offered({"--v"}), QStringList("--version"));
 }
@@ -76,6 +76,11 @@ TEST(Completion, OffersTheValuesOfAnOption)
     EXPECT_EQ(offered({"poll", "--sort", ""}), (QStringList{"age", "name", "project"}));
     EXPECT_EQ(offered({"read", "--baud", "1"}), (QStringList{"115200", "19200"}));
     EXPECT_EQ(offered({"watch", "--span", ""}), QStringList());
+    EXPECT_EQ(offered({"history", "--take", "m"}), (QStringList{"max", "mean", "min"}));
+    EXPECT_EQ(offered({"log", "--time", ""}), (QStringList{"local", "spreadsheet", "utc"}));
+    EXPECT_EQ(offered({"log", "--decimal", "c"}), QStringList("comma"));
+    EXPECT_EQ(offered({"log", "--separator", "se"}), QStringList("semicolon"));
+    EXPECT_EQ(offered({"trace", "--explain", ""}), QStringList());
 }
 
 TEST(Completion, OffersFiles)

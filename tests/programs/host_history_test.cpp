@@ -265,6 +265,78 @@ TEST_F(HostHistory, ReadsALogOfLog)
                               "--events and --line)\n");
 }
 
+TEST_F(HostHistory, MakesARowForEachPeriod)
+{
+    recordEachTenMinutes("2026-10-25T00:30:00Z", 6); // 0 to 5
+    EXPECT_EQ(inBerlin({"--every", "30min", "--take", "mean"}).out,
+              "2026-10-25 02:30:00.000 +02:00 press/Level = 1.0 bar\n"
+              "2026-10-25 02:00:00.000 +01:00 press/Level = 3.5 bar\n");
+    const auto taken = [this](const char* take) {
+        return numbers(inBerlin({"--every", "30min", "--take", take}));
+    };
+    EXPECT_EQ(taken("last"), (QStringList{"2", "5"}));
+    EXPECT_EQ(taken("min"), (QStringList{"0", "3"})); // 2 holds no longer than up to 3
+    EXPECT_EQ(taken("max"), (QStringList{"2", "5"}));
+    // A value holds over the begin of what is asked for.
+    EXPECT_EQ(inBerlin({"--every", "5min", "--from", "2026-10-25T00:35Z", "--to",
+                        "2026-10-25T00:45Z", "--json"})
+                  .out,
+              R"({"line":"press","name":"Level","station":2,"tag":"LevelTag","element":3,)"
+              R"("type":"INT","value":0,"quality":"good","time":"2026-10-25T00:35:00.000Z",)"
+              R"("unit":"bar"})"
+              "\n"
+              R"({"line":"press","name":"Level","station":2,"tag":"LevelTag","element":3,)"
+              R"("type":"INT","value":1,"quality":"good","time":"2026-10-25T00:40:00.000Z",)"
+              R"("unit":"bar"})"
+              "\n");
+    EXPECT_EQ(numbers(inBerlin({"--every", "5min", "--hold", "1min"})).size(), 6);
+}
+
+TEST_F(HostHistory, PrintsAColumnForEachElement)
+{
+    const qint64 time = utc("2026-11-22T13:00:00Z");
+    HistoryValue stale = history::value(history::variable("Level"), time + 3000, 7);
+    stale.quality = "stale";
+    record(std::vector<HistoryValue>(
+        {history::value(history::variable("Level"), time, 5.5),
+         history::value(history::variable("Tank", "INT", 2), time, Json::array({1, 2})),
+         history::value(history::variable("Level"), time + 1000, 6.5), stale}));
+    EXPECT_EQ(inBerlin({"--csv", "--wide"}).out,
+              "time,press/Level [bar],press/Tank[0] [bar],press/Tank[1] [bar]\n"
+              "2026-11-22T13:00:00.000Z,5.5,1,2\n"
+              "2026-11-22T13:00:01.000Z,6.5,1,2\n"
+              "2026-11-22T13:00:03.000Z,,1,2\n");
+    EXPECT_EQ(inBerlin({"--csv", "--wide", "--every", "2s", "--take", "mean", "--decimal", "comma",
+                        "--bom", "--time", "local"})
+                  .out,
+              "\xEF\xBB\xBFtime;press/Level [bar];press/Tank[0] [bar];press/Tank[1] [bar]\n"
+              "2026-11-22T14:00:00.000+01:00;6,0;1,0;2,0\n"
+              "2026-11-22T14:00:02.000+01:00;6,5;1,0;2,0\n");
+    EXPECT_EQ(linesOf(inBerlin({"--csv", "--separator", "semicolon", "--time", "spreadsheet"}).out)
+                  .mid(0, 2),
+              (QStringList{"time (local);name;station;tag;element;type;value;unit;quality;error;line;state;"
+                           "sequence",
+                           "2026-11-22 14:00:00.000;Level;2;LevelTag;3;INT;5.5;bar;good;;press;"
+                           "connected;1"}));
+}
+
+TEST_F(HostHistory, ReadsTheArraysOfALogAsNumbers)
+{
+    simulate();
+    const Result logged =
+        hostOnPort({"log", file("p.json", R"({"variables": [
+        {"tag": "Level", "length": 2}, {"tag": "Name"}]})"),
+                    "--sqlite", path("log.db"), "--seconds", "1.2", "--interval", "0.1"});
+    ASSERT_EQ(logged.status, 0) << logged.err;
+    const Result wide =
+        host({"history", path("log.db"), "--csv", "--wide", "--every", "1d", "--take", "max"});
+    const QStringList lines = linesOf(wide.out);
+    ASSERT_GE(lines.size(), 2) << wide.out; // two when the test runs over midnight
+    EXPECT_EQ(lines.at(0), QString("time,Level[0],Level[1]"));
+    EXPECT_EQ(lines.at(1).section(',', 1), QString("10,11"));
+    EXPECT_EQ(wide.err, "micro850-host: Name: is no number, and left out (--take last has it)\n");
+}
+
 TEST_F(HostHistory, TellsWhatIsWrongWithOneLine)
 {
     recordEachTenMinutes("2026-10-25T00:30:00Z", 1000);
@@ -317,6 +389,15 @@ TEST_F(HostHistory, TellsWhatIsWrongWithOneLine)
               QString("--from -1h is not before --to -2h\n"));
     EXPECT_EQ(complaint({path("h.sqlite"), "--csv", "--json"}),
               QString("--csv and --json are two forms of the same rows (leave out one)\n"));
+    EXPECT_EQ(complaint({path("h.sqlite"), "--wide"}),
+              QString("--wide is for comma-separated rows (add --csv)\n"));
+    EXPECT_EQ(complaint({path("h.sqlite"), "--take", "mean"}),
+              QString("--take and --hold say what becomes of the values of a period (name its "
+                      "length with --every, such as 10s)\n"));
+    EXPECT_EQ(complaint({path("h.sqlite"), "--every", "0s"}),
+              QString("--every: \"0s\" is no time (use 10s, 15min, 1h or 7d, at most 366d)\n"));
+    EXPECT_EQ(complaint({path("h.sqlite"), "--events", "--every", "1h"}),
+              QString("--wide and --every are for values (leave out --writes and --events)\n"));
     EXPECT_EQ(complaint({path("h.sqlite"), "--writes", "--events"}),
               QString("--writes and --events are two tables (leave out one)\n"));
 }

@@ -1,7 +1,10 @@
 #include "program_fixture.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QSet>
 #include <QtCore/QThread>
 
 #include <csignal>
@@ -311,6 +314,92 @@ TEST_F(HostLog, CountsOneRowAsOne)
     const Result result =
         host({"log", project(), "--match", "Speed", "--csv", path("v.csv"), "--seconds", "1"});
     EXPECT_NE(result.err.find("v.csv: 1 row written\n"), std::string::npos) << result.err;
+}
+
+TEST_F(HostLog, WritesWideRowsForASpreadsheet)
+{
+    simulate();
+    const QString plan = file("w.json", R"({"variables": [{"tag": "Speed", "unit": "rpm"},
+        {"name": "Tank", "tag": "Level", "length": 2, "gain": 0.1}, {"tag": "Name"},
+        {"tag": "Nope"}]})");
+    const Result result =
+        hostOnPort({"log", plan, "--csv", path("w.csv"), "--wide", "--decimal", "comma", "--bom",
+                    "--time", "spreadsheet", "--interval", "0.3", "--seconds", "1.5"});
+    EXPECT_EQ(result.status, 1) << result.err; // Nope
+    QStringList lines = linesOf(textOf("w.csv"));
+    ASSERT_GE(lines.size(), 3);
+    EXPECT_EQ(lines.takeFirst(), QString::fromUtf8("\xEF\xBB\xBF"
+                                                   "time (local);Speed [rpm];Tank[0];Tank[1];Name;Nope"));
+    const QRegularExpression row(
+        "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8},[0-9]{3};1234;1;1,1;Apple;$");
+    for (const QString& line : lines)
+        EXPECT_TRUE(line.contains(row)) << line.toStdString();
+    EXPECT_NE(result.err.find("w.csv: " + std::to_string(lines.size()) + " rows written"),
+              std::string::npos)
+        << result.err;
+}
+
+TEST_F(HostLog, WritesAWideRowWhenAnythingChanged)
+{
+    simulate(R"({"name": "Fixed", "type": "INT", "value": 5},
+                {"name": "Moving", "type": "DINT", "motion": {"kind": "ramp", "period": 60,
+                 "min": 0, "max": 1000000}})");
+    const QString plan = file("m.json", R"({"variables": [{"tag": "Fixed"}, {"tag": "Moving"}]})");
+    const Result result =
+        hostOnPort({"log", plan, "--csv", "-", "--wide", "--seconds", "2", "--quiet"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    ASSERT_GE(lines.size(), 3) << result.out;
+    EXPECT_EQ(lines.at(0), QString("time,Fixed,Moving"));
+    QSet<QString> values;
+    for (const QString& line : lines.mid(1)) {
+        EXPECT_EQ(line.section(',', 1, 1), QString("5")) << line.toStdString();
+        values.insert(line.section(',', 2));
+    }
+    EXPECT_EQ(values.size(), lines.size() - 1); // no row is there twice
+}
+
+TEST_F(HostLog, BeginsNewFilesBySizeAndDeletesTheOldest)
+{
+    simulate();
+    const Result result = hostOnPort({"log", project(), "--csv", path("r-%Y-%N.csv"), "--interval",
+                                      "0.05", "--max-size", "1k", "--keep", "2", "--seconds", "2"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList files = QDir(path(".")).entryList({"r-*.csv"}, QDir::Files);
+    ASSERT_EQ(files.size(), 2) << result.err;
+    for (const QString& name : files) {
+        EXPECT_EQ(linesOf(textOf(name)).first(), QString(kHeading));
+        EXPECT_LT(textOf(name).size(), 1024u + 500u);
+    }
+    EXPECT_NE(result.err.find("-1.csv: deleted, because of --keep\n"), std::string::npos)
+        << result.err;
+}
+
+TEST_F(HostLog, SaysWhichFormsDoNotGoTogether)
+{
+    simulate();
+    const auto complaint = [this](const QStringList& options) {
+        const Result result = host(QStringList{"log", project()} + options);
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
+        return QString::fromStdString(result.err).section(": ", 1);
+    };
+    EXPECT_EQ(complaint({"--sqlite", "v.db", "--wide"}),
+              QString("--wide is for comma-separated rows (add --csv)\n"));
+    EXPECT_EQ(complaint({"--csv", "v.csv", "--separator", "comma", "--decimal", ","}),
+              QString("--separator and --decimal are the same sign (choose another separator, such "
+                      "as semicolon)\n"));
+    EXPECT_EQ(
+        complaint({"--csv", "v.csv", "--separator", "xx"}),
+        QString("--separator: \"xx\" is not allowed (comma, semicolon, tab, bar or blank)\n"));
+    EXPECT_EQ(complaint({"--csv", "-", "--keep", "3"}),
+              QString("--max-size and --keep are for files (name one with --csv FILE)\n"));
+    EXPECT_EQ(complaint({"--csv", "v%N.csv", "--max-size", "10Q"}),
+              QString("--max-size: \"10Q\" is no size (a number with k, M or G behind it, such as "
+                      "10M)\n"));
+    EXPECT_EQ(complaint({"--csv", "v%y.csv"}),
+              QString("v%y.csv: in the name of a file % is followed by Y, m, d, H, M or N (year to "
+                      "minute, and a number), and %% is a percent sign\n"));
 }
 
 } // namespace

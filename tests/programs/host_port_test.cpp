@@ -1,10 +1,27 @@
-#include "program_fixture.h"
+#include "terminal_fixture.h"
 
 #include <QtCore/QDir>
 
 namespace {
 
 using HostPort = ProgramTest;
+
+/// Without an option that names the port.
+class DefaultPort : public TerminalTest
+{
+protected:
+    Result hostWith(const QString& variable, const QStringList& arguments) const
+    {
+        return runProgram(MICRO850_HOST, arguments, {"MICRO850_PORT=" + variable}, path("."));
+    }
+    /// A project of the folder whose variable Tank is three elements of Level.
+    void project(const QString& name, const QString& device) const
+    {
+        file(name, R"({"port": {"device": ")" + device.toStdString() +
+                       R"("}, "variables": [{"name": "Tank", "tag": "Level", "length": 3},
+                                            {"tag": "Speed"}]})");
+    }
+};
 
 TEST_F(HostPort, OfABareNameIsLookedForInTheCurrentFolder)
 {
@@ -96,7 +113,7 @@ TEST_F(HostPort, ThatIsAMalformedAddressIsRefusedBeforeAnythingIsOpened)
     const Result file = host({"check", project});
     EXPECT_EQ(file.status, 2);
     EXPECT_EQ(file.err, "micro850-host: " + project.toStdString() +
-                            ": port.device: \"tcp://::1:2\" has more than one colon (an IPv6 "
+                            ":1: port.device: \"tcp://::1:2\" has more than one colon (an IPv6 "
                             "address stands in brackets, as in tcp://[::1]:2000)\n");
 }
 
@@ -134,6 +151,123 @@ TEST_F(HostPort, OfRawTcpCannotBeScannedForSpeeds)
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "micro850-host: --scan: the server of tcp://127.0.0.1:1 sets the speed "
                           "itself (leave --scan out, or use rfc2217:// if the server speaks it)\n");
+}
+
+TEST_F(HostPort, MayBeNamedByTheShortOption)
+{
+    simulate();
+    EXPECT_EQ(host({"read", "Speed", "-p", port()}).status, 0);
+}
+
+TEST_F(DefaultPort, IsThatOfTheEnvironment)
+{
+    simulate();
+    for (const QStringList& command :
+         {QStringList{"read", "Speed"}, QStringList{"probe"}, QStringList{"write", "Speed=1"},
+          QStringList{"watch", "Speed", "--seconds", "0.3"}})
+    {
+        const Result result = hostWith(port(), command);
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+}
+
+TEST_F(DefaultPort, OfTheEnvironmentYieldsToTheOptionAndToTheProject)
+{
+    simulate();
+    EXPECT_EQ(hostWith("/none", {"read", "Speed", "-p", port()}).status, 0);
+    project("p.json", port());
+    EXPECT_EQ(hostWith("/none", {"read", "Speed", "--project", "p.json"}).status, 0);
+    file("bare.json", R"({"variables": [{"tag": "Speed"}]})");
+    EXPECT_EQ(hostWith(port(), {"read", "Speed", "--project", "bare.json"}).status, 0);
+    const Result check = hostWith(port(), {"check", "bare.json"});
+    EXPECT_EQ(check.out, "Speed: ok, INT\n") << check.err;
+}
+
+TEST_F(DefaultPort, OfTheEnvironmentThatIsNoAddressIsReportedWithItsName)
+{
+    const Result result = hostWith("tcp://plc", {"read", "Speed"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err, "micro850-host: MICRO850_PORT: \"tcp://plc\" names no port (write it "
+                          "behind the host, as in tcp://HOST:2000)\n");
+    const Result none = hostWith("none", {"read", "Speed"});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_EQ(none.err, "micro850-host: none: cannot be opened: there is no such device in this "
+                        "folder or in /dev (choose the port with --port)\n");
+}
+
+TEST_F(DefaultPort, IsThatOfAProjectInTheFolderWhichIsNamed)
+{
+    simulate();
+    project("plant.json", port());
+    const Result plant = hostWith("", {"read", "Tank"});
+    EXPECT_EQ(plant.out, "Tank[0] = 10\nTank[1] = 11\nTank[2] = 12\n");
+    EXPECT_EQ(plant.err, "micro850-host: plant.json: this project of the folder is used, with the "
+                         "port " +
+                             port().toStdString() + "\n");
+    EXPECT_EQ(hostWith("", {"read", "Tank", "-q"}).err, "");
+    project("project.json", port());
+    for (const QStringList& command :
+         {QStringList{"probe"}, QStringList{"watch", "Tank", "--seconds", "0.3"},
+          QStringList{"poll", "--seconds", "0.3"}, QStringList{"check"}})
+    {
+        const Result result = hostWith("", command);
+        EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(linesOf(result.err).value(0).section(": ", 1, 2),
+                  "project.json: this project of the folder is used, with the port " + port());
+    }
+}
+
+TEST_F(DefaultPort, OfTheFolderYieldsToAllOthers)
+{
+    simulate();
+    project("project.json", "/none");
+    EXPECT_EQ(hostWith(port(), {"read", "Speed"}).err, "");
+    EXPECT_EQ(hostWith("", {"read", "Speed", "--port", port()}).err, "");
+    project("other.json", port());
+    EXPECT_EQ(hostWith("", {"read", "Speed", "--project", "other.json"}).err, "");
+}
+
+TEST_F(DefaultPort, OfAFileInTheFolderThatIsNoProjectIsReportedWithTheReasonWhyItWasRead)
+{
+    file("plant.json", "[1]");
+    const Result result = hostWith("", {"read", "Speed"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
+    EXPECT_EQ(result.err.find("micro850-host: plant.json: "), 0U) << result.err;
+    EXPECT_NE(result.err.find(" (read because no port and no other project is named; name one "
+                              "with --port or --project)\n"),
+              std::string::npos)
+        << result.err;
+}
+
+TEST_F(DefaultPort, OfTheFolderIsNotWrittenToWithoutATerminal)
+{
+    simulate();
+    project("plant.json", port());
+    const Result result = hostWith("", {"write", "Speed=7"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(linesOf(result.err).value(1),
+              "micro850-host: plant.json: write uses the port of a project that it found only on a "
+              "terminal, where it asks (name the file with --project plant.json, or the port with "
+              "--port)");
+    EXPECT_EQ(hostWith("", {"read", "Speed"}).out, "Speed = 1234\n");
+    EXPECT_EQ(hostWith("", {"write", "Speed=7", "--project", "plant.json"}).status, 0);
+}
+
+TEST_F(DefaultPort, OfTheFolderIsWrittenToWhenAPersonConfirmsIt)
+{
+    simulate();
+    project("plant.json", port());
+    const QString question = "write Speed=7 to " + port() + ", the port of plant.json? [y/N]";
+    open("unset MICRO850_PORT; $HOST write Speed=7; $HOST write Speed=7; $HOST read Speed", 200,
+         20);
+    ASSERT_TRUE(sees(question));
+    type({"Enter"});
+    ASSERT_TRUE(sees("nothing was written: not confirmed"));
+    type({"y", "Enter"});
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_EQ(screen().filter(question).size(), 2);
+    EXPECT_EQ(screen().filter("Speed = 7").size(), 2); // written and read
 }
 
 } // namespace

@@ -97,9 +97,13 @@ TEST_F(HostTable, ScrollsAndReturns)
 {
     poll(100, 10);
     ASSERT_TRUE(sees("1-4 of 13"));
-    type({"Down"});
+    type({"Down", "Down", "Down", "Down"});
     EXPECT_TRUE(sees("2-5 of 13"));
     type({"NPage"});
+    EXPECT_TRUE(sees("6-9 of 13"));
+    typeBytes("\x1b[M`!!"); // the wheel, upwards
+    EXPECT_TRUE(sees("3-6 of 13"));
+    typeBytes("\x1b[Ma!!");
     EXPECT_TRUE(sees("6-9 of 13"));
     type({"End"});
     EXPECT_TRUE(sees("10-13 of 13"));
@@ -118,7 +122,14 @@ TEST_F(HostTable, FollowsTheWindowWhenItIsResized)
         EXPECT_LE(line.size(), 60);
     resize(120, 30);
     EXPECT_TRUE(sees("1-13 of 13"));
-    EXPECT_TRUE(sees("s sort, arrows scroll"));
+    EXPECT_TRUE(sees("s sort, p pause"));
+    resize(20, 5);
+    EXPECT_TRUE(sees("1-"));
+    for (const QString& line : screen())
+        EXPECT_LE(line.size(), 20);
+    resize(300, 100);
+    EXPECT_TRUE(sees("1-13 of 13"));
+    EXPECT_TRUE(sees("names are as in the controller's program; status 05"));
 }
 
 TEST_F(HostTable, FiltersWhileTyping)
@@ -131,6 +142,7 @@ TEST_F(HostTable, FiltersWhileTyping)
     EXPECT_TRUE(sees("Speed"));
     type({"Enter"});
     EXPECT_TRUE(sees("1-1 of 1 that match \"sp\""));
+    EXPECT_TRUE(sees("q quit"));
     type({"Escape"});
     EXPECT_TRUE(sees("1-13 of 13"));
 }
@@ -196,7 +208,140 @@ TEST_F(HostTable, DrawsWithoutColoursWhenTheEnvironmentForbidsThem)
     simulate();
     open("NO_COLOR=1 $HOST poll " + path("p.json"), 100, 30);
     ASSERT_TRUE(sees("no such tag"));
-    EXPECT_FALSE(styledScreen().contains('\x1b')) << styledScreen().toStdString();
+    for (const char* colour : {"\x1b[3", "\x1b[0;3", "\x1b[4"}) // [39m and [49m are no colours
+        EXPECT_FALSE(styledScreen().remove("\x1b[39m").remove("\x1b[49m").contains(colour))
+            << styledScreen().toStdString();
+}
+
+TEST_F(HostTable, PrintsTheWholeTableAtTheEndNotOnlyTheVisibleRows)
+{
+    poll(100, 12);
+    ASSERT_TRUE(sees("1-6 of 13"));
+    type({"/", "N", "o", "Enter"});
+    ASSERT_TRUE(sees("1-1 of 1 that match"));
+    type({"q"});
+    ASSERT_TRUE(sees("[status 1]"));
+    resize(100, 60); // also what has scrolled out
+    ASSERT_TRUE(sees("L0       INT "));
+    EXPECT_EQ(names(), (QStringList{"L0", "L1", "L2", "L3", "L4", "L5", "L6", "L7", "L8", "L9",
+                                    "Speed", "Setpoint", "Nope"}));
+}
+
+TEST_F(HostTable, WritesTheSelectedVariableAfterAskingWithOldAndNewValue)
+{
+    poll(100, 24);
+    ASSERT_TRUE(sees("Setpoint REAL 21.5"));
+    type({"/", "S", "e", "t", "Enter", "w"});
+    EXPECT_TRUE(sees("Setpoint (REAL) is 21.5, new value: _"));
+    type({"4", "2", ".", "2", "5", "Enter"});
+    ASSERT_TRUE(sees("Write Setpoint: 21.5 -> 42.25 ?"));
+    type({"n"});
+    EXPECT_TRUE(sees("nothing was written"));
+    type({"w", "4", "2", ".", "2", "5", "Enter"});
+    ASSERT_TRUE(sees("Write Setpoint: 21.5 -> 42.25 ?"));
+    type({"y"});
+    EXPECT_TRUE(sees("Setpoint: 21.5 -> 42.25 written and read back"));
+    EXPECT_TRUE(sees("Setpoint REAL 42.25"));
+    type({"q"});
+    ASSERT_TRUE(sees("[status 1]"));
+    EXPECT_NE(hostOnPort({"read", "Setpoint"}).out.find("42.25"), std::string::npos);
+}
+
+// Someone who types ahead has not read the question.
+TEST_F(HostTable, WritesNothingThatWasTypedBeforeTheQuestionAppeared)
+{
+    poll(100, 24, "--match Setpoint");
+    ASSERT_TRUE(sees("Setpoint REAL 21.5"));
+    typeBytes("w42\ry");
+    ASSERT_TRUE(sees("Write Setpoint: 21.5 -> 42 ?"));
+    type({"Escape"});
+    EXPECT_TRUE(sees("nothing was written"));
+    EXPECT_TRUE(sees("Setpoint REAL 21.5"));
+}
+
+TEST_F(HostTable, LooksIntoAnArrayAndWritesOneOfItsElements)
+{
+    simulate();
+    const QString project =
+        file("array.json", "{\"port\": {\"device\": \"" + port().toStdString() +
+                               "\"}, \"variables\": [{\"tag\": \"Level\", \"length\": 10, "
+                               "\"unit\": \"mm\"}]}");
+    open("$HOST poll " + project, 40, 10);
+    ASSERT_TRUE(sees("Level [10, 11, 12"));
+    type({"w"});
+    EXPECT_TRUE(sees("choose the element, then press w"));
+    type({"Down", "Down"});
+    EXPECT_TRUE(sees("[2] 12 mm"));
+    type({"w", "7", "Enter"});
+    ASSERT_TRUE(sees("Write Level[2]: 12 -> 7 mm ?"));
+    type({"y"});
+    EXPECT_TRUE(sees("Level[2]: 12 -> 7 mm written and"));
+    EXPECT_TRUE(sees("[2]  7 mm"));
+    type({"Escape"});
+    EXPECT_TRUE(sees("Level [10, 11, 7"));
+}
+
+TEST_F(HostTable, WritesThroughAGatewayAsItsRulesAllow)
+{
+    startGateway();
+    open("$HOST poll --gateway " + path("gateway.sock") + " --match Setpoint", 150, 20);
+    ASSERT_TRUE(sees("Setpoint REAL 21.5"));
+    type({"w", "3", "Enter"});
+    ASSERT_TRUE(sees("Write Setpoint: 21.5 -> 3 ?"));
+    type({"y"});
+    EXPECT_TRUE(sees("Setpoint: not written: "));
+    EXPECT_TRUE(sees("writable"));
+    EXPECT_TRUE(sees("Setpoint REAL 21.5"));
+}
+
+TEST_F(HostTable, ShowsErrorsOnlyAndHoldsThePicture)
+{
+    poll(100, 24);
+    ASSERT_TRUE(sees("no such tag"));
+    ASSERT_TRUE(sees("Speed    INT  1234"));
+    type({"e"});
+    EXPECT_TRUE(sees("1-1 of 1 with errors"));
+    EXPECT_TRUE(seesNo("Speed "));
+    type({"e", "p"});
+    EXPECT_TRUE(sees("PAUSED 1-13 of 13"));
+    type({"p"});
+    EXPECT_TRUE(seesNo("PAUSED"));
+    type({"h"});
+    EXPECT_TRUE(sees("write the selected variable"));
+    type({"Space"});
+    EXPECT_TRUE(sees("1-13 of 13"));
+}
+
+TEST_F(HostTable, MarksAValueThatHasJustChanged)
+{
+    simulate(R"({"name": "Count", "type": "DINT",
+                 "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}})");
+    const QString project = file("count.json", "{\"port\": {\"device\": \"" + port().toStdString() +
+                                                   "\"}, \"variables\": [{\"tag\": \"Count\"}]}");
+    open("$HOST poll " + project, 80, 12);
+    ASSERT_TRUE(sees("Count"));
+    EXPECT_TRUE(seesStyle(QRegularExpression("\x1b\\[1;4m\x1b\\[32m[0-9]+")));
+}
+
+// A line for each change, and on standard error why there is no table.
+TEST_F(HostTable, PrintsLinesOnATerminalThatCannotShowIt)
+{
+    poll(100, 30,
+         "--seconds 1 --match Speed; TERM=dumb $HOST poll " + path("p.json") +
+             " --seconds 1 --match Speed; LC_ALL=C $HOST poll " + path("p.json") +
+             " --seconds 1 --match Speed");
+    EXPECT_TRUE(sees("no table, a line for each change: TERM=dumb: this terminal cannot move its "
+                     "cursor"));
+    EXPECT_TRUE(sees("a line for each change: the locale has no UTF-8"));
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_EQ(screen().join('\n').count(" Speed = 1234"), 2) << screen().join('\n').toStdString();
+}
+
+TEST_F(HostTable, PrintsLinesInAWindowThatIsTooSmall)
+{
+    poll(20, 12, "--seconds 1 --match Speed --quiet");
+    EXPECT_TRUE(sees("Speed ="));
+    EXPECT_TRUE(sees("[status 0]"));
 }
 
 TEST_F(HostTable, ShowsAGatewaysValuesAndThatTheGatewayIsGone)

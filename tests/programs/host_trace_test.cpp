@@ -1,8 +1,8 @@
-#include "program_fixture.h"
+#include "terminal_fixture.h"
 
 namespace {
 
-using HostTrace = ProgramTest;
+using HostTrace = TerminalTest;
 
 TEST_F(HostTrace, DecodesBothFormsOfATrace)
 {
@@ -15,7 +15,7 @@ TEST_F(HostTrace, DecodesBothFormsOfATrace)
         QStringList frames;
         for (const QString& line : linesOf(result.out)) {
             if (line.contains("Z > ") && !line.contains("NAK")) // a slow machine may ask again
-                frames += line.section("Z > ", 1).section(' ', 2);
+                frames += line.section("Z > station 1: TNS ", 1).section(' ', 1);
         }
         EXPECT_EQ(frames, (QStringList{"identity", "open connection", "read Speed[0] x1",
                                        "read Speed[0] x1", "read Nope[0] x1", "close connection"}))
@@ -69,7 +69,8 @@ TEST_F(HostTrace, ShowsACorruptReplyAndThatItWasAskedForAgain)
         const Result result = host({"trace", path(name)});
         const bool isFirst = std::string(name) == "t.txt";
         EXPECT_EQ(result.out.find("corrupt frame\n") != std::string::npos, isFirst) << result.out;
-        EXPECT_EQ(result.out.find(" > NAK: not received intact\n") != std::string::npos, isFirst);
+        EXPECT_EQ(result.out.find(" > station 1: NAK: not received intact\n") != std::string::npos,
+                  isFirst);
         EXPECT_NE(result.out.find(isFirst ? "corrupt 1\n" : "corrupt 0\n"), std::string::npos);
     }
 }
@@ -193,7 +194,7 @@ TEST_F(HostTrace, ShowsTimesAfterTheYear2106)
 {
     const Result result = host({"trace", file("t.txt", "4294967296.000000 > 10 05\n")});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out.find("2106-02-07T06:28:16.000Z > "), 0u) << result.out;
+    EXPECT_EQ(result.out.find("    1 2106-02-07T06:28:16.000Z > "), 0u) << result.out;
 }
 
 TEST_F(HostTrace, ThatEndsWithARequestDoesNotBlameTheController)
@@ -218,6 +219,142 @@ TEST_F(HostTrace, ThatEndsWithARequestDoesNotBlameTheController)
     const Result json = host({"trace", path("t.txt"), "--summary", "--json"});
     EXPECT_NE(json.out.find(R"("answered":4,"unanswered":0,"openAtEnd":1,)"), std::string::npos)
         << json.out;
+}
+
+TEST_F(HostTrace, ShowsValuesAndOnlyTheTagThatIsAskedFor)
+{
+    simulate();
+    hostOnPort({"read", "Speed", "Level[0..1]", "Name", "--trace", path("t.pcapng")});
+    const auto texts = [this](const QStringList& options) {
+        QStringList found;
+        for (const QString& line :
+             linesOf(host(QStringList{"trace", path("t.pcapng")} + options).out)) {
+            if (line.contains("reply: "))
+                found += line.section("reply: ", 1).section(" (", 0, 0);
+        }
+        found.removeDuplicates();
+        return found;
+    };
+    EXPECT_EQ(texts({}), (QStringList{"INT 10", "INT 1234", "INT 10 11", "SHORT_STRING Apple"}));
+    EXPECT_EQ(texts({"--match", "lev"}), (QStringList{"INT 10", "INT 10 11"}));
+    EXPECT_EQ(texts({"--match", "N*"}), QStringList("SHORT_STRING Apple"));
+    EXPECT_EQ(texts({"--match", "Nope"}), QStringList());
+    EXPECT_EQ(texts({"--to", "2020-01-01"}), QStringList());
+    EXPECT_EQ(texts({"--from", "-1h", "--match", "Speed"}), QStringList("INT 1234"));
+    const Result json = host({"trace", path("t.pcapng"), "--match", "Level", "--json", "--errors"});
+    EXPECT_EQ(linesOf(json.out).size(), 1) << json.out; // the summary
+    EXPECT_NE(json.out.find(R"("requests":2,"answered":2,)"), std::string::npos) << json.out;
+}
+
+TEST_F(HostTrace, HasTypedValuesInJson)
+{
+    simulate(R"({"name": "Mix", "type": "REAL", "value": 21.5}, {"name": "Big", "type": "ULINT",
+                 "value": 18446744073709551615}, {"name": "On", "type": "BOOL", "value": true},
+                {"name": "Day", "type": "DATE", "value": "2024-02-29"},
+                {"name": "Text", "type": "SHORT_STRING", "value": "a \"b\""})");
+    hostOnPort({"read", "Mix", "Big", "On", "Day", "Text", "--trace", path("t.txt")});
+    hostOnPort({"write", "Mix=22.5", "--no-verify", "--trace", path("w.txt")});
+    const auto values = [this](const char* trace, const QString& tag) {
+        const QString out =
+            QString::fromStdString(host({"trace", path(trace), "--json", "--match", tag}).out);
+        return out.section("\"values\":", -1).section(",\"gapMs\"", 0, 0);
+    };
+    EXPECT_EQ(values("t.txt", "Mix"), QString("[21.5]"));
+    EXPECT_EQ(values("t.txt", "Big"), QString("[18446744073709551615]"));
+    EXPECT_EQ(values("t.txt", "On"), QString("[true]"));
+    EXPECT_EQ(values("t.txt", "Day"), QString("[\"2024-02-29\"]"));
+    EXPECT_EQ(values("t.txt", "Text"), QString("[\"a \\\"b\\\"\"]"));
+    EXPECT_EQ(values("w.txt", "Mix"), QString("[22.5]"));
+}
+
+TEST_F(HostTrace, ShowsOnlyWhatFailedWithErrors)
+{
+    // Sent, a damaged reply, asked for again, and 2.5 s later a tag that is not there.
+    file("t.txt",
+         "1234567890.000000 > 10 06 10 02 00 01 0A 00 21 00 00 00 5A 3C 28 45 52 04 91 05 53 70 65 "
+         "65 64 00 01 00 00 00 00 00 10 03 4A 2F  # station 2: x\n"
+         "1234567890.010000 < 10 06 10 02 01 10 03 00 00\n"
+         "1234567890.020000 > 10 15\n"
+         "1234567892.520000 > 10 06 10 02 00 01 0B 00 01 00 00 00 01 02 20 01 24 01 10 03 8E 35\n"
+         "1234567892.530000 > 10 06 10 02 00 01 0B 00 10 10 00 00 00 01 02 20 01 24 01 10 03 DE "
+         "09\n");
+    const Result result = host({"trace", path("t.txt"), "--errors"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(
+        linesOf(result.out).mid(0, 10),
+        (QStringList{
+            "    1 2009-02-13T23:31:30.000Z > station 2: TNS 33 read Speed[0] x1",
+            "    2 2009-02-13T23:31:30.010Z < corrupt frame",
+            "    3 2009-02-13T23:31:30.020Z > NAK: not received intact",
+            "      2009-02-13T23:31:32.520Z ! station 2: read Speed[0] x1: no answer in "
+            "2520.0 ms",
+            "      -- 2.50 s of silence --", "    4 2009-02-13T23:31:32.520Z > TNS 1 identity",
+            "      2009-02-13T23:31:32.530Z ! identity: no answer in 10.0 ms",
+            "    5 2009-02-13T23:31:32.530Z > TNS 16 identity (again: attempt 2 after 10.0 "
+            "ms)",
+            "requests 3, answered 0, without an answer 2, repeated 0, replies of another "
+            "request 0, corrupt 1",
+            "1 not answered when the trace ends: identity"}))
+        << result.out;
+    const Result all = host({"trace", path("t.txt")});
+    EXPECT_NE(all.out.find("      -- 2.50 s of silence --\n    4 2009-02-13T23:31:32.520Z > "),
+              std::string::npos)
+        << all.out;
+    EXPECT_EQ(host({"trace", path("t.txt"), "--gaps", "3"}).out.find("of silence"),
+              std::string::npos);
+    const Result json = host({"trace", path("t.txt"), "--json"});
+    EXPECT_NE(json.out.find(R"("kind":"request","text":"TNS 1 identity","number":4,"gapMs":2500.0,)"
+                            R"("ok":true})"),
+              std::string::npos)
+        << json.out;
+}
+
+TEST_F(HostTrace, ExplainsOneMessageByteByByte)
+{
+    simulate();
+    hostOnPort({"read", "Speed", "--trace", path("t.pcapng")});
+    const QStringList all = linesOf(host({"trace", path("t.pcapng")}).out);
+    const QString reply = all.filter("INT 1234").first();
+    const QString number = reply.left(5).trimmed();
+    const Result result = host({"trace", path("t.pcapng"), "--explain", number});
+    EXPECT_EQ(result.status, 0) << result.err;
+    const QStringList lines = linesOf(result.out);
+    EXPECT_EQ(lines.first(), reply);
+    EXPECT_TRUE(lines.contains("   6  4A                       command             connected "
+                               "message, reply"))
+        << result.out;
+    EXPECT_TRUE(lines.contains("  22  D2 04                    Speed[0]            1234"))
+        << result.out;
+    EXPECT_TRUE(lines.last().endsWith(", right")) << result.out;
+    const Result json = host({"trace", path("t.pcapng"), "--explain", number, "--json"});
+    EXPECT_NE(json.out.find(R"({"offset":22,"bytes":"D2 04","name":"Speed[0]","meaning":"1234"})"),
+              std::string::npos)
+        << json.out;
+    const Result beyond = host({"trace", path("t.pcapng"), "--explain", "9999"});
+    EXPECT_EQ(beyond.status, 2);
+    EXPECT_EQ(beyond.out, "");
+    EXPECT_NE(beyond.err.find("--explain 9999: "), std::string::npos) << beyond.err;
+    const Result both = host({"trace", path("t.pcapng"), "--explain", "1", "--follow"});
+    EXPECT_EQ(both.status, 2);
+    EXPECT_EQ(both.err, "micro850-host: --explain shows one message (leave out --follow, --summary "
+                        "and --errors)\n");
+}
+
+TEST_F(HostTrace, FollowsARecordingUntilCtrlC)
+{
+    simulate();
+    file("t.txt", "");
+    open("$HOST trace t.txt --follow", 120, 40);
+    hostOnPort({"read", "Speed", "--trace", path("t.txt")});
+    EXPECT_TRUE(sees("read reply: INT 1234"));
+    EXPECT_TRUE(sees("close connection reply"));
+    // A second recording under the same name.
+    hostOnPort({"read", "Nope", "--trace", path("t.txt")});
+    EXPECT_TRUE(sees("t.txt: is recorded anew from here on"));
+    EXPECT_TRUE(sees("read reply: no such tag"));
+    type({"C-c"});
+    EXPECT_TRUE(sees("[status 0]"));
+    EXPECT_TRUE(sees("failed 1x read Nope[0] x1"));
 }
 
 } // namespace

@@ -4,6 +4,11 @@ namespace {
 
 using HostWatch = TerminalTest;
 
+bool isDot(QChar c)
+{
+    return c.unicode() >= 0x2800 && c.unicode() <= 0x28FF;
+}
+
 const char kCounter[] = R"({"name": "Count", "type": "DINT",
     "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}},
     {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})";
@@ -95,31 +100,71 @@ TEST_F(HostWatch, DrawsChartsAsWideAsTheWindow)
 {
     simulate(kCounter);
     open("$HOST watch Count Name Nope --plot --span 2 --port $PORT", 60, 20);
-    ASSERT_TRUE(sees("Count = "));
-    EXPECT_TRUE(sees("Name = Apple: not a number"));
-    EXPECT_TRUE(sees("Nope (never): no such tag"));
-    // Once the span has passed, the counter rises over the whole width.
-    EXPECT_TRUE(sees(QString::fromUtf8("██████████")));
-    const auto widest = [this] {
-        int width = 0;
-        for (const QString& line : screen())
-            width = std::max(width, line.contains(QChar(0x2588)) ? line.size() : 0);
-        return width;
+    ASSERT_TRUE(sees("1 Count = "));
+    EXPECT_TRUE(sees("2 Name = Apple: not a number"));
+    EXPECT_TRUE(sees("3 Nope (never): no such tag"));
+    // The number of the counter stands at its newest value, in the last column.
+    const auto endsAt = [this](int column) {
+        const QStringList lines = screen();
+        return std::any_of(lines.begin(), lines.end(), [column](const QString& line) {
+            return line.size() == column && line.endsWith('1') && isDot(line.at(column - 2));
+        });
     };
-    EXPECT_EQ(widest(), 60);
+    EXPECT_TRUE(holds([&] { return endsAt(60); })) << screen().join('\n').toStdString();
     resize(90, 20);
-    EXPECT_TRUE(sees(QString(70, QChar(0x2588))) || widest() == 90);
-    EXPECT_EQ(widest(), 90);
+    EXPECT_TRUE(holds([&] { return endsAt(90); })) << screen().join('\n').toStdString();
     type({"q"});
     EXPECT_TRUE(sees("[status 1]")); // Nope was never read
     EXPECT_TRUE(sees("\nicanon"));
 }
 
-TEST_F(HostWatch, DrawsAtMostFourCharts)
+// The elements of an array that are named, with the unit and the numbers of the project.
+TEST_F(HostWatch, DrawsNamedElementsOverClockTimesWithTheUnit)
 {
     simulate();
-    open("$HOST watch A B C D E --plot --port $PORT", 100, 10);
-    EXPECT_TRUE(sees("--plot shows at most 4 variables (leave some out)"));
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Fill", "tag": "Level", "length": 10, "unit": "mm"}]})");
+    open("TZ=IST-5:30 $HOST watch 'Fill[2..4]' --plot --from-zero --span 30 --port $PORT "
+         "--project " +
+             project,
+         80, 24);
+    ASSERT_TRUE(sees("1 Fill[2] = 12 mm   2 Fill[3] = 13 mm   3 Fill[4] = 14 mm"));
+    EXPECT_TRUE(sees(QString::fromUtf8("\nmm\n14┤")));
+    EXPECT_TRUE(sees(QString::fromUtf8(" 0┤")));
+    // The hour of one end of the axis at least.
+    const QString hours = QString::fromStdString(
+        runProgram("bash", {"-c", "export TZ=IST-5:30; date +%H; date -d '-40 seconds' +%H"}).out);
+    const QString shown = screen().join('\n');
+    EXPECT_TRUE(shown.contains(hours.left(2) + ':') || shown.contains(hours.mid(3, 2) + ':'))
+        << hours.toStdString() << shown.toStdString();
+}
+
+TEST_F(HostWatch, DrawsChartsWithPlainSignsWithoutUnicode)
+{
+    simulate();
+    open("LC_ALL=C $HOST watch Speed --plot --port $PORT", 80, 24);
+    ASSERT_TRUE(sees("Speed = 1234"));
+    EXPECT_TRUE(sees("******"));
+    for (const QString& line : screen()) {
+        for (const QChar c : line)
+            EXPECT_LT(c.unicode(), 0x80) << line.toStdString();
+    }
+}
+
+TEST_F(HostWatch, PrintsLinesWhereTheWindowIsTooSmallForCharts)
+{
+    simulate();
+    open("$HOST watch Speed --plot --seconds 1 --quiet --port $PORT", 30, 12);
+    EXPECT_TRUE(sees(" Speed = 1234"));
+    EXPECT_TRUE(sees("[status 0]"));
+}
+
+TEST_F(HostWatch, DrawsAtMostEightElements)
+{
+    simulate();
+    open("$HOST watch Speed 'Level[0..7]' --plot --port $PORT", 200, 10);
+    EXPECT_TRUE(sees("--plot shows at most 8 elements, and with Level[0..7] there are more (leave "
+                     "some out, or name a part of an array: TAG[0..3])"));
     EXPECT_TRUE(sees("[status 2]"));
 }
 

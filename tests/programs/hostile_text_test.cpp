@@ -6,6 +6,7 @@
 #include "wire.h"
 
 #include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
 
 #include <nlohmann/json.hpp>
 
@@ -36,17 +37,27 @@ QString forbiddenIn(const std::string& bytes)
     return found;
 }
 
-/// The text without the sequences that the programs themselves send: styles, the alternate screen,
-/// the cursor, the line of a progress, the line ends of a terminal.
+/// A picture of the table or of a chart without what curses sends to an xterm: cursor, styles and
+/// modes, character sets, the keypad. What is left of a value that was sent as it is are at least
+/// its other control characters: kTags has several in each.
+std::string withoutCurses(const std::string& bytes)
+{
+    static const QRegularExpression own(
+        "\x1b\\[[?0-9;]*[A-HJKLMPSTXdhlmrt]|\x1b\\([0B]|\x1b[=>78]|[\r\b]");
+    const QString shown = QString::fromStdString(bytes);
+    return shown.toStdString() == bytes ? QString(shown).remove(own).toStdString() : bytes;
+}
+
+/// The text without the sequences that the programs themselves send: pictures, the line of a
+/// progress, the line ends of a terminal.
 std::string withoutOwnSequences(const std::string& bytes)
 {
+    if (bytes.find("\x1b[?1049h") != std::string::npos)
+        return withoutCurses(bytes);
     QByteArray text = QByteArray::fromStdString(bytes);
     for (const char* progress : {"\rchecking [", "\rtrying speeds ["})
         text.replace(progress, "");
-    text.replace("\r\x1b[K", "");
-    for (const char* own :
-         {"\x1b[?1049h", "\x1b[?1049l", "\x1b[?25h", "\x1b[?25l", "\x1b[H", "\x1b[K", "\x1b[J",
-          "\x1b[0m", "\x1b[1m", "\x1b[2m", "\x1b[31m", "\x1b[33m"})
+    for (const char* own : {"\r\x1b[K", "\x1b[K"})
         text.replace(own, "");
     return text.replace("\r\r\n", "\n").replace("\r\n", "\n").toStdString();
 }
@@ -68,6 +79,7 @@ std::string onTerminal(const QStringList& command)
     const pid_t child = forkpty(&master, nullptr, nullptr, &size);
     if (child == 0) {
         setenv("TERM", "xterm", 1);
+        setenv("LC_ALL", "C.UTF-8", 1);
         execv(arguments[0], arguments.data());
         _exit(127);
     }
@@ -249,8 +261,11 @@ TEST_F(HostileText, OfAnyLengthMakesAShortMessage)
     {
         const Result result = host({"check", "--offline", file("p.json", text)});
         EXPECT_EQ(result.status, 2);
-        EXPECT_EQ(linesOf(result.err).size(), 1);
-        EXPECT_LT(result.err.size(), 1100U);
+        // One for each mistake, and their number: a key that is not known takes a known one's
+        // place.
+        EXPECT_LE(linesOf(result.err).size(), 3);
+        for (const QString& line : linesOf(result.err))
+            EXPECT_LT(line.size(), 1100);
     }
 }
 
@@ -270,7 +285,7 @@ TEST_F(HostileText, OfAFileIsRefusedWithItsPlaceWhenItIsNoWholeProject)
     EXPECT_EQ(complaint("/dev/zero"), "micro850-host: /dev/zero: is longer than 64 MB (divide it "
                                       "into several files)\n");
     EXPECT_NE(complaint(file("p.json", R"({"variables": [{"tag": "A", "tag": "B"}]})"))
-                  .find("p.json: variables[0]: the key \"tag\" is given twice (remove one)"),
+                  .find("p.json:1: variables[0]: the key \"tag\" is given twice (remove one)"),
               std::string::npos);
     const Result tags = runProgram(MICRO850_SIM, {"/"});
     EXPECT_EQ(tags.status, 2);

@@ -1,13 +1,14 @@
 #include "terminal_fixture.h"
 
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QThread>
 
 namespace {
 
 const int kLimitMs = 60000;
 
-template<typename Condition> bool holdsInTime(Condition condition)
+} // namespace
+
+bool TerminalTest::holds(const std::function<bool()>& condition)
 {
     QElapsedTimer timer;
     timer.start();
@@ -19,9 +20,12 @@ template<typename Condition> bool holdsInTime(Condition condition)
     return true;
 }
 
-} // namespace
-
 TerminalTest::~TerminalTest()
+{
+    closeTerminal();
+}
+
+void TerminalTest::closeTerminal()
 {
     tmux({"kill-server"});
 }
@@ -52,6 +56,11 @@ void TerminalTest::type(const QStringList& keys)
     EXPECT_EQ(tmux(QStringList{"send-keys"} + keys).status, 0);
 }
 
+void TerminalTest::typeBytes(const QString& bytes)
+{
+    EXPECT_EQ(tmux({"send-keys", "-l", bytes}).status, 0);
+}
+
 void TerminalTest::resize(int width, int rows)
 {
     const Result result =
@@ -71,7 +80,7 @@ QString TerminalTest::styledScreen() const
 
 bool TerminalTest::sees(const QString& text) const
 {
-    const bool seen = holdsInTime([&] { return screen().join('\n').contains(text); });
+    const bool seen = holds([&] { return screen().join('\n').contains(text); });
     EXPECT_TRUE(seen) << text.toStdString() << " is not on the screen:\n"
                       << screen().join('\n').toStdString();
     return seen;
@@ -79,8 +88,16 @@ bool TerminalTest::sees(const QString& text) const
 
 bool TerminalTest::seesNo(const QString& text) const
 {
-    const bool gone = holdsInTime([&] { return !screen().join('\n').contains(text); });
+    const bool gone = holds([&] { return !screen().join('\n').contains(text); });
     EXPECT_TRUE(gone) << text.toStdString() << " stays on the screen:\n"
                       << screen().join('\n').toStdString();
     return gone;
+}
+
+bool TerminalTest::seesStyle(const QRegularExpression& pattern) const
+{
+    const bool seen = holds([&] { return pattern.match(styledScreen()).hasMatch(); });
+    EXPECT_TRUE(seen) << pattern.pattern().toStdString() << " is not on the screen:\n"
+                      << styledScreen().toStdString();
+    return seen;
 }

@@ -54,6 +54,11 @@ HttpClient::~HttpClient()
     close();
 }
 
+void HttpClient::limitReceiving(int bytes)
+{
+    ::setsockopt(m_socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
 bool HttpClient::send(const QByteArray& bytes)
 {
     const auto end = std::chrono::steady_clock::now() + kPatience;

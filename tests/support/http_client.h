@@ -48,6 +48,8 @@ public:
 
     bool isConnected() const { return m_socket >= 0; }
     int descriptor() const { return m_socket; }
+    /// The system takes about so many bytes that are not received yet.
+    void limitReceiving(int bytes);
 
     /// Sends the bytes as they are; false when the connection is broken.
     bool send(const QByteArray& bytes);

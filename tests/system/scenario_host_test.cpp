@@ -1,9 +1,7 @@
 // The reference host on a line with faults, on virtual time.
 
 #include "paced_simulated_line.h"
-
-#include "DriverLibrary.h"
-#include "PollLoop.h"
+#include "simulated_host.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +13,7 @@ using micro850::host::Operation;
 using micro850::host::Quality;
 using micro850::host::Station;
 
-class HostScenario : public ::testing::Test
+class HostScenario : public ::testing::Test, protected SimulatedHost
 {
 protected:
     HostScenario()
@@ -48,19 +46,9 @@ protected:
         port.pause(std::chrono::seconds(1));
     }
 
-    /// Steps until the condition holds; false after a minute of virtual time. Counts values that a
-    /// tag never had.
-    template<typename Condition> bool runUntil(Condition condition)
+    bool showsAForeignValue() override
     {
-        const micro850::Duration end = clock.now() + std::chrono::minutes(1);
-        for (int steps = 0; !condition(); ++steps) {
-            if (clock.now() > end || steps > 100000)
-                return false;
-            loop->step();
-            foreignValues +=
-                !isOwnValue(0, "111") || !isOwnValue(1, "222") || !isOwnValue(2, "333");
-        }
-        return true;
+        return !isOwnValue(0, "111") || !isOwnValue(1, "222") || !isOwnValue(2, "333");
     }
     bool isOwnValue(int variable, const char* value)
     {
@@ -113,15 +101,6 @@ protected:
     {
         return loop->stations().find(station)->counters();
     }
-
-    micro850::VirtualClock clock;
-    micro850::sim::Controller controller{clock, micro850::sim::TagTable()};
-    micro850::sim::FaultyLine line{clock, controller};
-    SimulatedLine port{clock, line};
-    micro850::host::DriverLibrary library{QStringLiteral(MICRO850_LIBRARY)};
-    micro850::host::Project project;
-    std::unique_ptr<micro850::host::PollLoop> loop;
-    int foreignValues = 0;
 };
 
 TEST_F(HostScenario, ALateReplyIsNeverShownUnderAnotherTag)

@@ -1,7 +1,7 @@
 """Measures the driver and prints tables; called by scripts/bench.
 
 bench.py BIN_DIR OUT_DIR [--quick] [--write DOCUMENT] [--compare] [SECTION...]: sections are cost, growth, peers, line,
-adapter, gap, reaction, panel and gateway. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables
+adapter, gap, reaction, panel, gateway and table. Writes OUT_DIR/results.json and plots of it. With --write it also writes the tables
 between their marks in the document, the figures beside it, and copies the plots to the document's folder. With
 --compare it prints the figures that are worse than those of the page.
 """
@@ -17,12 +17,13 @@ import cost
 import gap
 import gateway
 import line
+import live_table
 import measure
 import panel
 import report
 
 ON_A_LINE = {"peers": line.peers, "line": line.line, "adapter": adapter.adapter, "gap": gap.gap,
-             "reaction": line.reaction, "panel": panel.panel, "gateway": gateway.gateway}
+             "reaction": line.reaction, "panel": panel.panel, "gateway": gateway.gateway, "table": live_table.live_table}
 PAGE = "docs/performance.md"
 SECTIONS = cost.SECTIONS + list(ON_A_LINE)
 

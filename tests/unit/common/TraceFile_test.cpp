@@ -95,6 +95,60 @@ TEST_F(TraceTest, ReadsBackItsRecordsInBothFormats)
     EXPECT_EQ(readTrace(file("a.txt")).records[0].note, "read Speed");
 }
 
+TEST_F(TraceTest, KeepsTheStationOfAFrameInBothFormats)
+{
+    TraceRecord sent = kSent;
+    sent.station = 65535;
+    TraceRecord received = kReceived;
+    received.station = 0;
+    for (const char* name : {"a.txt", "a.pcapng"}) {
+        {
+            const auto writer = TraceWriter::open(file(name));
+            writer->write(sent);
+            writer->write(received);
+            writer->write(kSent);
+        }
+        const auto records = readTrace(file(name)).records;
+        ASSERT_EQ(records.size(), 3u) << name;
+        EXPECT_EQ(records[0].station, 65535) << name;
+        EXPECT_EQ(records[1].station, 0) << name;
+        EXPECT_EQ(records[2].station, -1) << name;
+        expectSame(records[0], kSent);
+    }
+    EXPECT_EQ(readTrace(file("a.txt")).records[0].note, "read Speed");
+    EXPECT_NE(content(file("a.txt")).find("FF  # station 65535: read Speed\n"), std::string::npos);
+}
+
+TEST_F(TraceTest, TakesANoteThatOnlyBeginsLikeAStationForANote)
+{
+    for (const char* note : {"station", "station x: y", "station 99999999999: y",
+                             "station 1 is dead", "station -1: y", "stations 1: y"})
+    {
+        std::istringstream in("1234567890.000042 > 10 05  # " + std::string(note) + '\n');
+        const Trace trace = readTrace(in, "t.txt");
+        ASSERT_EQ(trace.records.size(), 1u);
+        EXPECT_EQ(trace.records[0].station, -1) << note;
+        EXPECT_EQ(trace.records[0].note, note);
+    }
+}
+
+// Whoever cannot go on with a record knows why, whatever the format of the file is.
+TEST_F(TraceTest, PassesOnWhatTheReaderOfARecordThrows)
+{
+    for (const char* name : {"a.txt", "a.pcapng"}) {
+        TraceWriter::open(file(name))->write(kSent);
+        try {
+            readTrace(file(name), [](const TraceRecord&) {
+                throw micro850::UserError("the disk is full", micro850::kExitRefused);
+            });
+            FAIL() << "no error";
+        } catch (const micro850::UserError& error) {
+            EXPECT_EQ(std::string(error.what()), "the disk is full") << name;
+            EXPECT_EQ(error.status(), micro850::kExitRefused);
+        }
+    }
+}
+
 TEST_F(TraceTest, WritesEachRecordToTheFileBeforeTheWriterCloses)
 {
     const auto writer = TraceWriter::open(file("a.pcapng"));

@@ -46,3 +46,21 @@ TEST(Fitted, HasExactlyTheColumns)
     EXPECT_EQ(fitted(text("\u6E29\u5EA6"), 2), text("\u2026 "));
     EXPECT_EQ(fitted(text("e\u0301"), 2), text("e\u0301 "));
 }
+
+TEST(RightAligned, HasItsBlanksInFront)
+{
+    EXPECT_EQ(rightAligned("a", 3), QString("  a"));
+    EXPECT_EQ(rightAligned(text("\u6E29"), 3), text(" \u6E29"));
+    EXPECT_EQ(rightAligned("Speed", 3), text("Sp\u2026"));
+}
+
+TEST(Wrapped, BreaksAtBlanksWhereThereAreAny)
+{
+    EXPECT_EQ(wrapped("", 10), QStringList(QString()));
+    EXPECT_EQ(wrapped("one two three", 7), (QStringList{"one two", "three"}));
+    EXPECT_EQ(wrapped("one two three", 8), (QStringList{"one two", "three"}));
+    EXPECT_EQ(wrapped("one two three", 6), (QStringList{"one", "two", "three"}));
+    EXPECT_EQ(wrapped("abcdefgh", 3), (QStringList{"abc", "def", "gh"}));
+    EXPECT_EQ(wrapped(text("\u6E29\u5EA6\u8A08"), 5),
+              (QStringList{text("\u6E29\u5EA6"), text("\u8A08")}));
+}

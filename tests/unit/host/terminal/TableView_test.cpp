@@ -1,5 +1,6 @@
 #include "TableView.h"
 
+#include "keys.h"
 #include "poll_fixture.h"
 
 using namespace micro850::host;
@@ -12,6 +13,7 @@ class TableViewTest : public PollTest
 protected:
     TableViewTest()
     {
+        plc.tags["Name"] = {0x00DA, {wire::hex("05 41 70 70 6C 65")}};
         QStringList variables;
         for (int i = 0; i < 10; ++i)
             variables += QStringLiteral(R"({"name": "L%1", "tag": "Level", "element": %1})").arg(i);
@@ -20,19 +22,26 @@ protected:
         start(variables.join(',').toLatin1().constData());
         EXPECT_TRUE(runUntilRead());
         table = std::make_unique<LiveTable>(*loop, project);
-        view = std::make_unique<TableView>(*table, QString(), SortOrder::Project);
+        model = std::make_unique<TableRows>(*loop, project);
+        view = std::make_unique<TableView>(*table, *model, QString(), SortOrder::Project);
+        page();
     }
 
-    void press(const char* keys)
+    void press(const QString& keys)
     {
-        for (const Key& key : keysOf(keys))
-            view->handle(key);
+        pressKeys(*view, keys);
+        page();
     }
     QStringList page(int rows = 10, int width = 100)
     {
+        model->update(clock.now());
         QStringList texts;
-        for (const PageLine& row : view->page(width, rows, clock.now()))
+        selected = QString();
+        for (const PageLine& row : view->page(width, rows, clock.now())) {
             texts += row.text;
+            if (row.isSelected)
+                selected = row.text.section(' ', 0, 0);
+        }
         return texts;
     }
     /// The names in the table.
@@ -48,21 +57,22 @@ protected:
     }
     QString footer() { return page().last(); }
 
+    QString selected; ///< the name in the selected row of the last page
     std::unique_ptr<LiveTable> table;
+    std::unique_ptr<TableRows> model;
     std::unique_ptr<TableView> view;
 };
 
 } // namespace
 
-TEST_F(TableViewTest, ShowsOnlyItsValues)
+TEST_F(TableViewTest, PrintsTheWholeTableWhateverIsFiltered)
 {
-    press("jj");
-    const Page alone = view->values(100, 3, clock.now());
-    ASSERT_EQ(alone.size(), 4);
-    EXPECT_TRUE(alone.at(0).text.startsWith("NAME"));
-    EXPECT_TRUE(alone.at(1).text.startsWith("L2 "));
-    EXPECT_TRUE(alone.at(3).text.startsWith("L4 "));
-    EXPECT_EQ(view->values(100, 50, clock.now()).size(), 13);
+    press("/L3<Enter>es");
+    const Page whole = view->whole(100);
+    ASSERT_EQ(whole.size(), 13);
+    EXPECT_TRUE(whole.at(0).text.startsWith("NAME"));
+    EXPECT_TRUE(whole.at(1).text.startsWith("Again "));
+    EXPECT_TRUE(whole.at(12).text.startsWith("Speed "));
 }
 
 TEST_F(TableViewTest, ShowsAsManyRowsAsTheWindowHasAndTheirNumbers)
@@ -85,20 +95,53 @@ TEST_F(TableViewTest, NeverShowsMoreThanTheWindowHolds)
     }
 }
 
-TEST_F(TableViewTest, ScrollsByLinesAndPagesAndStopsAtTheEnds)
+TEST_F(TableViewTest, MovesTheSelectionAndScrollsWhenItLeavesTheWindow)
 {
-    press("\x1b[B\x1b[B");
-    EXPECT_EQ(names(), QString("L2 L3 L4 L5"));
-    press("\x1b[6~");
-    EXPECT_EQ(names(), QString("L6 L7 L8 L9"));
-    press("\x1b[6~\x1b[6~\x1b[6~");
-    EXPECT_EQ(names(), QString("L8 L9 Speed Again"));
-    press("k");
-    EXPECT_EQ(names(), QString("L7 L8 L9 Speed"));
-    press("\x1b[H\x1b[A");
+    EXPECT_EQ(selected, QString("L0"));
+    press("<Down>jj");
+    EXPECT_EQ(selected, QString("L3"));
     EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
-    press("\x1b[F");
+    press("<Down>");
+    EXPECT_EQ(selected, QString("L4"));
+    EXPECT_EQ(names(), QString("L1 L2 L3 L4"));
+    press("<PageDown><PageDown><PageDown>");
+    EXPECT_EQ(selected, QString("Again"));
     EXPECT_EQ(names(), QString("L8 L9 Speed Again"));
+    press("k<Up>");
+    EXPECT_EQ(selected, QString("L9"));
+    press("<Home><Up>");
+    EXPECT_EQ(selected, QString("L0"));
+    EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
+    press("<End>");
+    EXPECT_EQ(names(), QString("L8 L9 Speed Again"));
+}
+
+TEST_F(TableViewTest, ScrollsWithTheWheelAndSelectsWithAClick)
+{
+    press("<WheelDown>");
+    EXPECT_EQ(names(), QString("L3 L4 L5 L6"));
+    EXPECT_EQ(selected, QString("L3"));
+    view->handle({Key::Code::Click, QChar(), 3});
+    page();
+    EXPECT_EQ(selected, QString("L5"));
+    view->handle({Key::Code::Click, QChar(), 8}); // below the table
+    page();
+    EXPECT_EQ(selected, QString("L5"));
+    press("<WheelUp>");
+    EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
+    EXPECT_EQ(selected, QString("L3"));
+}
+
+// A write must not go to another variable because rows have moved.
+TEST_F(TableViewTest, KeepsTheVariableSelectedWhenTheOrderChanges)
+{
+    press("jjs");
+    EXPECT_EQ(selected, QString("L2"));
+    EXPECT_EQ(names(), QString("Again L0 L1 L2"));
+    press("/L<Enter>");
+    EXPECT_EQ(selected, QString("L2"));
+    press("/Sp<Enter>");
+    EXPECT_EQ(selected, QString("Speed"));
 }
 
 TEST_F(TableViewTest, FollowsEachLetterOfAMatch)
@@ -106,23 +149,79 @@ TEST_F(TableViewTest, FollowsEachLetterOfAMatch)
     press("/s");
     EXPECT_EQ(names(), QString("Speed"));
     EXPECT_EQ(footer(), QString("match: s_   Enter keep, Escape back"));
-    press("\x7f"
-          "ai\r");
+    press("<Backspace>ai<Enter>");
     EXPECT_EQ(names(), QString("Again"));
     EXPECT_TRUE(footer().startsWith("1-1 of 1 that match \"ai\""));
     press("/zzz");
     EXPECT_EQ(names(), QString());
-    press("\x1b");
+    press("<Escape>");
     EXPECT_EQ(names(), QString("Again"));
-    press("\x1b");
-    EXPECT_TRUE(footer().startsWith("1-4 of 12 by project"));
+    press("<Escape>");
+    EXPECT_TRUE(footer().startsWith("9-12 of 12 by project")); // where "Again" is
+}
+
+TEST_F(TableViewTest, ShowsErrorsOnlyUntilTheKeyIsPressedAgain)
+{
+    press("e");
+    EXPECT_EQ(names(), QString());
+    EXPECT_TRUE(footer().startsWith("0-0 of 0 with errors by project"));
+    press("w<Enter>"); // nothing is selected
+    EXPECT_TRUE(footer().startsWith("0-0 of 0"));
+    plc.tags.remove("Speed");
+    ASSERT_TRUE(runUntil([&] { return !error(10).empty() && !error(11).empty(); }));
+    EXPECT_EQ(names(), QString("Speed Again"));
+    press("e<Home>");
+    EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
+}
+
+TEST_F(TableViewTest, HoldsThePictureUntilTheKeyIsPressedAgain)
+{
+    press("p");
+    EXPECT_TRUE(footer().startsWith("PAUSED 1-4 of 12"));
+    plc.tags["Level"].elements[0] = wire::little(7, 2);
+    runFor(500);
+    EXPECT_TRUE(page().at(1).contains("100"));
+    press("p");
+    EXPECT_TRUE(footer().startsWith("1-4 of 12"));
+    EXPECT_FALSE(page().at(1).contains("100"));
+}
+
+TEST_F(TableViewTest, ShowsTheKeysAndReturns)
+{
+    press("h");
+    EXPECT_TRUE(page(30).join('|').contains("w            write the selected variable"));
+    EXPECT_TRUE(page(30).last().startsWith("any key back"));
+    EXPECT_TRUE(page(10).last().startsWith("arrows scroll"));
+    press("<Down>");
+    EXPECT_EQ(page(10).first().trimmed(), QString("KEYS"));
+    press("x");
+    EXPECT_EQ(names(), QString("L0 L1 L2 L3"));
+}
+
+TEST_F(TableViewTest, WritesTheSelectedVariableWhenItIsConfirmed)
+{
+    press("jw5<Enter>");
+    EXPECT_TRUE(view->asks());
+    EXPECT_EQ(page().at(8), QString("Write L1: 101 -> 5 ?"));
+    press("y");
+    EXPECT_FALSE(view->asks());
+    const std::optional<WriteRequest> write = view->popWrite();
+    ASSERT_TRUE(write);
+    EXPECT_EQ(write->variable, 1);
+    EXPECT_EQ(write->value, wire::hex("05 00"));
+    EXPECT_FALSE(view->popWrite());
+    press("w6<Enter>n");
+    EXPECT_FALSE(view->popWrite());
+    EXPECT_EQ(page().at(8), QString("nothing was written"));
+    press("k");
+    EXPECT_FALSE(page().contains("nothing was written"));
 }
 
 TEST_F(TableViewTest, QuitsOnQUnlessAMatchIsTyped)
 {
     press("/q");
     EXPECT_FALSE(view->quits());
-    press("\rq");
+    press("<Enter>q");
     EXPECT_TRUE(view->quits());
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <QtCore/QSet>
+#include <QtCore/QTemporaryDir>
 #include <algorithm>
 #include <ctime>
 #include <fstream>
@@ -388,6 +389,79 @@ TEST(Project, ReportsAFileThatCannotBeRead)
     } catch (const micro850::UserError& error) {
         EXPECT_NE(std::string(error.what()).find("/nowhere/p.json"), std::string::npos);
     }
+}
+
+namespace {
+
+/// "LINE POINTER: PROBLEM" of each mistake of a file.
+QStringList mistakesOf(const std::string& text)
+{
+    const QTemporaryDir folder;
+    const QString path = folder.filePath("p.json");
+    std::ofstream(path.toStdString()) << text;
+    QStringList found;
+    for (const ProjectMistake& mistake : Project::mistakesIn(path))
+        found += QStringLiteral("%1 %2: %3")
+                     .arg(QString::number(mistake.line), mistake.pointer.c_str(),
+                          QString::fromStdString(mistake.problem).section(QStringLiteral(": "), 1));
+    return found;
+}
+
+} // namespace
+
+TEST(ProjectMistakes, AreNoneInAValidFile)
+{
+    EXPECT_EQ(mistakesOf(withVariable(R"({"tag": "A", "comment": "of the press"})")),
+              QStringList());
+}
+
+TEST(ProjectMistakes, LeaveOutWhatOnlyFollowsFromOthers)
+{
+    // The limits would be beyond the range of UINT, were the gain not given.
+    EXPECT_EQ(mistakesOf(
+                  withVariable(R"({"tag": "A", "type": "UINT", "gain": "10", "maximum": 655350})")),
+              QStringList("1 /variables/1/gain: \"10\" is not a number"));
+    // 2 % would be of no span.
+    EXPECT_EQ(
+        mistakesOf(withVariable(R"({"tag": "A", "minimum": "0", "maximum": 5, "deadband": "2%"})")),
+        QStringList("1 /variables/1/minimum: \"0\" is not a number"));
+    // Variables would name stations that are not listed.
+    EXPECT_EQ(mistakesOf(R"({"stations": [{"number": "2"}],
+                             "variables": [{"tag": "A", "station": 2}]})"),
+              QStringList("1 /stations/0/number: \"2\" is not a whole number (0 to 65535)"));
+    EXPECT_EQ(mistakesOf(withVariable(R"({"tag": 1})")),
+              QStringList("1 /variables/1/tag: 1 is not a text in quotes"));
+}
+
+TEST(ProjectMistakes, AreAllThatOneVariableHas)
+{
+    EXPECT_EQ(mistakesOf(withVariable(R"({"tag": "First", "deadband": "2%", "gian": 2})")),
+              (QStringList{"1 /variables/1/gian: unknown key \"gian\" (did you mean gain?)",
+                           "1 /variables/1/tag: the name \"First\" is given to two variables "
+                           "(rename one)",
+                           "1 /variables/1/deadband: a percentage is one of the span (add minimum "
+                           "and maximum, or give a number)"}));
+}
+
+TEST(ProjectMistakes, AreToldOfEveryPart)
+{
+    EXPECT_EQ(mistakesOf("{\"port\": {\"baud\": 1, \"parity\": \"mark\"},\n"
+                         " \"staleAfterMs\": 1,\n"
+                         " \"stations\": [{\"number\": 1},\n  {\"name\": 5}],\n"
+                         " \"variables\": [7,\n  {\"tag\": \"A\", \"gain\": 0, \"poll\": \"no\"}]}")
+                  .size(),
+              8);
+}
+
+TEST(ProjectMistakes, SayTooManyElementsOnce)
+{
+    std::string variables;
+    for (int i = 0; i < 70; ++i)
+        variables += (i > 0 ? "," : "") + std::string("\n{\"tag\": \"A") + std::to_string(i) +
+                     "\", \"length\": 65536}";
+    const QStringList found = mistakesOf("{\"variables\": [" + variables + "]}");
+    EXPECT_EQ(found, QStringList("63 /variables/61: the variables have more than 4000000 elements "
+                                 "together (leave some out)"));
 }
 
 TEST(ExampleProject, ShowsEveryTagOfTheExamplePlantInFull)

@@ -96,10 +96,13 @@ TEST(VariableList, IgnoresLinesThatAProjectWouldRefuse)
 TEST(VariableList, NeedsAColumnForNameAndType)
 {
     EXPECT_EQ(complaint("Name,Comment\nA,INT\n"),
-              "v.csv: line 1: no column \"Data type\" (the first line names the columns: Name, "
-              "Data type, Dimension)");
-    EXPECT_EQ(complaint(""), "v.csv: line 1: no column \"Name\" (the first line names the columns: "
-                             "Name, Data type, Dimension)");
+              "v.csv: line 1: no column \"Data type\" (a heading names the columns: Name, Data "
+              "type, Dimension, Comment, Unit, Station)");
+    EXPECT_EQ(complaint(""), "v.csv: line 1: no column \"Name\" (a heading names the columns: "
+                             "Name, Data type, Dimension, Comment, Unit, Station)");
+    EXPECT_EQ(complaint("Plant 3\n\nDatentyp;Adresse\nINT;4\n"),
+              "v.csv: line 3: no column \"Name\" (a heading names the columns: Name, Data type, "
+              "Dimension, Comment, Unit, Station)");
 }
 
 TEST(CsvFields, KeepQuotedSeparatorsAndDoubledQuotes)
@@ -149,20 +152,53 @@ TEST(VariableList, RefusesAByteZeroAndNamesItsLine)
               "v.csv: line 3: has a byte 00, so it is not a text (save the list as CSV UTF-8)");
 }
 
-TEST(VariableList, RefusesUtf16)
+namespace {
+
+// A text of characters below U+0100 in two bytes each, with or without the mark in front.
+QByteArray utf16(const QByteArray& latin1, bool bigEndian, bool marked)
 {
-    const std::string why = "v.csv: is UTF-16 (save the list as CSV UTF-8)";
-    EXPECT_EQ(complaintAbout(QByteArray("\xFF\xFEN\0a\0m\0e\0", 10)), why);
-    EXPECT_EQ(complaintAbout(QByteArray("\xFE\xFF\0N\0a\0m\0e", 10)), why);
+    QByteArray bytes = !marked ? "" : bigEndian ? "\xFE\xFF" : "\xFF\xFE";
+    for (const char c : latin1) {
+        bytes += bigEndian ? '\0' : c;
+        bytes += bigEndian ? c : '\0';
+    }
+    return bytes;
 }
 
-TEST(VariableList, ReadsTextThatIsNotUtf8AsLatin1AndReportsIt)
+} // namespace
+
+TEST(VariableList, ReadsUtf16WithAndWithoutItsMark)
+{
+    for (const bool bigEndian : {false, true}) {
+        for (const bool marked : {false, true}) {
+            const VariableList list = VariableList::fromBytes(
+                utf16("Name\tDatentyp\tKommentar\r\nSpeed\tINT\tF\xFCller\r\n", bigEndian, marked),
+                "v.csv");
+            ASSERT_EQ(list.variables.size(), 1) << bigEndian << marked;
+            EXPECT_EQ(list.variables.first().comment, QString::fromUtf8("F\xC3\xBCller"));
+            EXPECT_TRUE(list.ignored.isEmpty());
+        }
+    }
+}
+
+TEST(VariableList, RefusesUtf16ThatIsCutShortOrHasAZero)
+{
+    QByteArray cut = utf16("Name,Type\nA,INT\n", false, true);
+    cut.chop(1);
+    EXPECT_EQ(complaintAbout(cut),
+              "v.csv: is UTF-16, and its last character is cut short (save the list again)");
+    EXPECT_EQ(complaintAbout(utf16(QByteArray("Name,Type\nA\0,INT\n", 17), true, true)),
+              "v.csv: line 2: has a byte 00, so it is not a text (save the list as CSV UTF-8)");
+}
+
+TEST(VariableList, ReadsTextThatIsNotUtf8AsWindows1252AndReportsIt)
 {
     const VariableList list = VariableList::fromBytes(
-        "Name,Type,Comment\nA,INT,\xC3\xBC\nB,INT,F\xFCllung\nG\xFCte,INT,\n", "v.csv");
-    EXPECT_EQ(list.variables.size(), 2);
+        "Name,Type,Comment\nA,INT,\xC3\xBC\nB,INT,5 \x80\nG\xFCte,INT,\n", "v.csv");
+    ASSERT_EQ(list.variables.size(), 2);
+    EXPECT_EQ(list.variables.at(1).comment, QString::fromUtf8("5 \xE2\x82\xAC"));
     EXPECT_EQ(list.ignored,
-              (QStringList{"line 3: is not UTF-8, so the file is read as Latin-1",
+              (QStringList{"line 3: is not UTF-8, so the file is read as Windows-1252",
                            QString::fromUtf8("line 4: G\xC3\xBCte: is not a tag (letters, digits "
                                              "and signs without blanks) (left out)")}));
     EXPECT_TRUE(VariableList::fromBytes("Name,Type\nA,INT\n", "v.csv").ignored.isEmpty());
@@ -218,4 +254,115 @@ TEST(VariableList, ReportsALineWithoutANameUnlessItIsEmpty)
     EXPECT_EQ(list.variables.size(), 1);
     EXPECT_EQ(list.ignored,
               (QStringList{"line 2: has no name (left out)", "line 6: has no name (left out)"}));
+}
+
+TEST(VariableList, ReadsTypesAsToolsWriteThem)
+{
+    const VariableList list = listOf("Name;Type;Dimension\n"
+                                     "A;STRING(40);\n"
+                                     "B;string[255];\n"
+                                     "C;ARRAY[0..9] OF INT;\n"
+                                     "D;Array [1 .. 4] of real;\n"
+                                     "E;DINT[20];\n"
+                                     "F;ARRAY[0..3] OF BOOL;[0..3]\n"
+                                     "G;tod;\n"
+                                     "H;DT;\n"
+                                     "I;BIT;\n");
+    EXPECT_EQ(list.ignored, QStringList());
+    QStringList read;
+    for (const Variable& variable : list.variables)
+        read += QStringLiteral("%1 %2 %3")
+                    .arg(variable.name, variable.type ? variable.type->name : "?",
+                         QString::number(variable.length));
+    EXPECT_EQ(read, (QStringList{"A ? 1", "B ? 1", "C INT 10", "D REAL 4", "E DINT 20", "F BOOL 4",
+                                 "G TIME_OF_DAY 1", "H DATE_AND_TIME 1", "I BOOL 1"}));
+    EXPECT_EQ(list.notes, QStringList("line 5: D: index 1 of the program is element 0 here"));
+}
+
+TEST(VariableList, TellsWhyATypeOfAToolCannotBeRead)
+{
+    EXPECT_EQ(listOf("Name;Type;Dimension\n"
+                     "A;ARRAY[0..3,0..4] OF INT;\n"
+                     "B;ARRAY[0..3] OF ARRAY[0..4] OF INT;\n"
+                     "C;ARRAY[0..3] OF STRING(40);\n"
+                     "D;ARRAY[0..3] OF TON;\n"
+                     "E;ARRAY[0..3] OF INT;[0..4]\n"
+                     "F;ARRAY[] OF INT;\n"
+                     "G;STRING();\n"
+                     "H;;\n")
+                  .ignored,
+              (QStringList{
+                  "line 2: A: the dimension \"[0..3,0..4]\" is not one run of elements (left out)",
+                  "line 3: B: the dimension \"[0..3][0..4]\" is not one run of elements (left out)",
+                  "line 4: C: of several strings only the first can be read (left out)",
+                  "line 5: D: \"TON\" is not an elementary type (left out)",
+                  "line 6: E: its type has the dimension \"[0..3]\", and its dimension is "
+                  "\"[0..4]\" (left out)",
+                  "line 7: F: the dimension \"[]\" is not one run of elements (left out)",
+                  "line 8: G: \"STRING()\" is not an elementary type (left out)",
+                  "line 9: H: \"\" is not an elementary type (left out)"}));
+}
+
+TEST(VariableList, KnowsGermanHeadingsAndKeepsCommentsAndUnits)
+{
+    const VariableList list = listOf("Variablenname;Datentyp;Feldgr\xC3\xB6\xC3\x9F"
+                                     "e;Ma\xC3\x9F"
+                                     "einheit;Kommentar\n"
+                                     "Temp;REAL;;\xC2\xB0"
+                                     "C;\"Ofen,\n Zone 1\"\n");
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.variables.first().unit, QString::fromUtf8("\xC2\xB0"
+                                                             "C"));
+    EXPECT_EQ(list.variables.first().comment, QString("Ofen, Zone 1"));
+    EXPECT_TRUE(list.notes.isEmpty());
+}
+
+// A project refuses a comment with such a character.
+TEST(VariableList, ShowsWhatNobodySeesInACommentAsAnEscape)
+{
+    const VariableList list = listOf("Name,Type,Comment\nA,INT,a\x1b[2Jb\xE2\x80\xAE"
+                                     "c\n");
+    EXPECT_EQ(list.variables.first().comment, QString("a\\x1b[2Jb\\u202ec"));
+}
+
+TEST(VariableList, FindsItsHeadingBelowATitle)
+{
+    const VariableList list = listOf("sep=;\n\nPlant 3, \"north\"\nName;Type;Alias;Address\n"
+                                     "A;INT;x;4\nB;TON;y;5\n");
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_EQ(list.ignored, QStringList("line 6: B: \"TON\" is not an elementary type (left out)"));
+    EXPECT_EQ(list.notes, QStringList("line 4: a project has no place for these columns: Alias, "
+                                      "Address"));
+}
+
+TEST(VariableList, NeedsItsHeadingAmongItsFirstLines)
+{
+    const std::string heading = "Name,Type\nA,INT\n";
+    EXPECT_EQ(listOf((std::string(19, '\n') + heading).c_str()).variables.size(), 1);
+    EXPECT_NE(complaint((std::string(20, '\n') + heading).c_str()), "none");
+}
+
+TEST(VariableList, ReadsStationsAndRefusesWhatIsNone)
+{
+    const VariableList list =
+        listOf("Name;Type;Station\nA;INT;3\nB;INT;\nC;INT;65536\nD;INT;x\nE;INT;-1\n");
+    EXPECT_TRUE(list.hasStations);
+    ASSERT_EQ(list.variables.size(), 2);
+    EXPECT_EQ(list.variables.at(0).station, 3);
+    EXPECT_EQ(list.variables.at(1).station, 1);
+    EXPECT_EQ(
+        list.ignored,
+        (QStringList{"line 4: C: the station \"65536\" is not allowed (0 to 65535) (left out)",
+                     "line 5: D: the station \"x\" is not allowed (0 to 65535) (left out)",
+                     "line 6: E: the station \"-1\" is not allowed (0 to 65535) (left out)"}));
+    EXPECT_FALSE(listOf("Name,Type\nA,INT\n").hasStations);
+}
+
+TEST(VariableList, TellsOfElementsThatFollowTheirArray)
+{
+    EXPECT_EQ(listOf("Name;Type\nLevel;ARRAY[0..1] OF INT\nLevel[0];INT\nOther[0];INT\n").ignored,
+              (QStringList{"line 3: Level[0]: is an element of Level, which is in the list (left "
+                           "out)",
+                           "line 4: Other[0]: is not a tag (letters, digits and signs without "
+                           "blanks) (left out)"}));
 }

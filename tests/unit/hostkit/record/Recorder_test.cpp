@@ -3,6 +3,7 @@
 #include "UserError.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
 #include <QtCore/QThread>
@@ -11,6 +12,7 @@
 #include <sqlite3.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cmath>
 #include <csignal>
 #include <sys/stat.h>
@@ -236,7 +238,7 @@ TEST_F(RecorderTest, RefusesAFileWithAnotherHeadingAndLeavesItUnchanged)
     other.close();
     EXPECT_EQ(complaint([&] { Recorder::csv(path("v.csv")); }),
               path("v.csv").toStdString() +
-                  ": does not have the heading of a recording (name a new file)");
+                  ": does not have the heading of this recording (name a new file)");
     EXPECT_EQ(text("v.csv"), "precious,data\n");
 }
 
@@ -516,4 +518,215 @@ TEST_F(RecorderTest, RefusesDevicesAndPipes)
     }
     EXPECT_EQ(complaint([this] { Recorder::sqlite(path(".")); }),
               path(".").toStdString() + ": is a directory (name a file)");
+}
+
+// ---- Forms, wide rows and rotation --------------------------------------------------------------
+
+namespace {
+
+Sample wideSample(const char* name, const QVector<CipValue>& elements, const char* type = "REAL",
+                  const char* quality = "good")
+{
+    Sample made =
+        sample(name, elements.isEmpty() ? std::nullopt : std::optional<CipValue>(elements.first()));
+    made.type = type;
+    made.quality = quality;
+    made.elements = elements;
+    return made;
+}
+
+CsvForm germanForm()
+{
+    CsvForm form;
+    form.separator = ';';
+    form.decimal = ',';
+    form.bom = true;
+    return form;
+}
+
+} // namespace
+
+TEST_F(RecorderTest, WritesWideRowsWithAColumnForEachElement)
+{
+    const QVector<WideColumn> columns = {{"Speed", "rpm", 1}, {"Level", "", 2}, {"Name", "", 1}};
+    {
+        const auto recorder = Recorder::wideCsv(path("w.csv"), columns);
+        recorder->add(wideSample("Level", {CipValue::ofReal(1.5), CipValue::ofReal(-2.0)}));
+        recorder->add(wideSample("Speed", {CipValue::ofSigned(7)}, "INT"));
+        recorder->add(wideSample("Name", {CipValue::ofText("=1+1, a")}, "SHORT_STRING"));
+        recorder->endRow(kTime);
+        // What is not good, and what never came.
+        recorder->add(wideSample("Speed", {CipValue::ofSigned(8)}, "INT", "stale"));
+        recorder->endRow(kTime.addSecs(1));
+    }
+    EXPECT_EQ(text("w.csv"), "time,Speed [rpm],Level[0],Level[1],Name\n"
+                             "2026-03-01T12:30:05.250Z,7,1.5,-2,\"\"\"=1+1, a\"\"\"\n"
+                             "2026-03-01T12:30:06.250Z,,,,\n");
+}
+
+TEST_F(RecorderTest, WritesTheFormOfASpreadsheetAndGoesOnWithIt)
+{
+    const QVector<WideColumn> columns = {{"Temp", "", 1}, {"Day", "", 1}};
+    for (int i = 0; i < 2; ++i) {
+        const auto recorder = Recorder::wideCsv(path("g.csv"), columns, nullptr, germanForm());
+        recorder->add(wideSample("Temp", {CipValue::ofReal(21.5 + i)}));
+        recorder->add(wideSample("Day", {CipValue::ofText("06:30:00.250")}, "TIME_OF_DAY"));
+        recorder->endRow(kTime);
+    }
+    EXPECT_EQ(text("g.csv"), "\xEF\xBB\xBFtime;Temp;Day\n"
+                             "2026-03-01T12:30:05.250Z;21,5;06:30:00.250\n"
+                             "2026-03-01T12:30:05.250Z;22,5;06:30:00.250\n");
+    EXPECT_EQ(complaint([&] {
+                  Recorder::wideCsv(path("g.csv"), {{"Other", "", 1}});
+              }),
+              path("g.csv").toStdString() +
+                  ": does not have the heading of this recording (name a new file)");
+}
+
+// Rows in UTC and rows in local time without an offset could not be told apart.
+TEST_F(RecorderTest, DoesNotGoOnWithTimesOfAnotherKind)
+{
+    Recorder::csv(path("u.csv"));
+    CsvForm form;
+    form.time = CsvTime::Spreadsheet;
+    EXPECT_EQ(complaint([&] { Recorder::csv(path("u.csv"), nullptr, form); }),
+              path("u.csv").toStdString() +
+                  ": does not have the heading of this recording (name a new file)");
+    Recorder::csv(path("s.csv"), nullptr, form);
+    EXPECT_EQ(text("s.csv").substr(0, 18), "time (local),name,");
+    form.time = CsvTime::Local;
+    Recorder::csv(path("u.csv"), nullptr, form);
+}
+
+TEST_F(RecorderTest, WritesADecimalCommaInLongRowsButNotInTexts)
+{
+    {
+        const auto recorder = Recorder::csv(path("l.csv"), nullptr, germanForm());
+        Sample several = sample("A", CipValue::ofText("1.5 2.5"));
+        several.type = "REAL";
+        recorder->add(several);
+        Sample name = sample("B", CipValue::ofText("v1.5"));
+        name.type = "SHORT_STRING";
+        recorder->add(name);
+    }
+    const std::string written = text("l.csv");
+    EXPECT_NE(written.find(";A;1;Tag;3;REAL;1,5 2,5;l/min;good;\n"), std::string::npos) << written;
+    EXPECT_NE(written.find(";B;1;Tag;3;SHORT_STRING;v1.5;l/min;good;\n"), std::string::npos);
+}
+
+namespace {
+
+class RotatingTest : public RecorderTest
+{
+protected:
+    std::unique_ptr<Recorder> open(const char* pattern, qint64 bytes, int keep)
+    {
+        return Recorder::rotating(
+            path(pattern), {bytes, keep, false},
+            [this](const QString& name) { return Recorder::csv(name, nullptr, form); },
+            [this](const QString& note) { notes += note.section('/', -1); });
+    }
+    static void record(Recorder& recorder, const QDateTime& time)
+    {
+        Sample made = sample("Speed", CipValue::ofSigned(7));
+        made.time = time;
+        recorder.add(made);
+        recorder.endRow(time);
+    }
+    QStringList files() const { return QDir(m_dir.path()).entryList(QDir::Files, QDir::Name); }
+    int rowsOf(const char* name) const
+    {
+        const std::string content = text(name);
+        return static_cast<int>(std::count(content.begin(), content.end(), '\n')) - 1;
+    }
+
+    CsvForm form;
+    QStringList notes;
+};
+
+} // namespace
+
+TEST_F(RotatingTest, BeginsAFileForEachDayAndKeepsTheNewest)
+{
+    const auto recorder = open("v-%Y-%m-%d.csv", 0, 2);
+    for (int day = 1; day <= 3; ++day) {
+        for (int i = 0; i < day; ++i)
+            record(*recorder, QDateTime(QDate(2999, 1, day), QTime(23, 59, 59), Qt::UTC));
+    }
+    recorder->flush();
+    EXPECT_EQ(files(), (QStringList{"v-2999-01-02.csv", "v-2999-01-03.csv"}));
+    EXPECT_EQ(rowsOf("v-2999-01-02.csv"), 2);
+    EXPECT_EQ(rowsOf("v-2999-01-03.csv"), 3);
+    EXPECT_EQ(notes.last(), QString("v-2999-01-01.csv: deleted, because of --keep"));
+}
+
+TEST_F(RotatingTest, BeginsAFileWhenOneHasItsSizeAndLosesNoRow)
+{
+    {
+        const auto recorder = open("v%N.csv", 300, 0);
+        for (int i = 0; i < 20; ++i)
+            record(*recorder, kTime);
+    }
+    const int count = files().size();
+    EXPECT_GT(count, 2);
+    int rows = 0;
+    for (int i = 1; i <= count; ++i) {
+        const std::string name = "v" + std::to_string(i) + ".csv";
+        rows += rowsOf(name.c_str());
+        EXPECT_LT(text(name.c_str()).size(), 300u + 70u);
+    }
+    EXPECT_EQ(rows, 20);
+    // It goes on with the last file as long as that has room.
+    const int last = rowsOf(("v" + std::to_string(count) + ".csv").c_str());
+    record(*open("v%N.csv", 100000, 0), kTime);
+    EXPECT_EQ(rowsOf(("v" + std::to_string(count) + ".csv").c_str()), last + 1);
+}
+
+TEST_F(RotatingTest, BeginsTheNextNumberWhenTheColumnsAreOthers)
+{
+    record(*open("v%N.csv", 100000, 0), kTime);
+    form.separator = ';';
+    record(*open("v%N.csv", 100000, 0), kTime);
+    EXPECT_EQ(files(), (QStringList{"v1.csv", "v2.csv"}));
+    EXPECT_EQ(rowsOf("v2.csv"), 1);
+}
+
+TEST_F(RotatingTest, DeletesNothingButRecordings)
+{
+    write("v1.csv", "my own list\n");
+    write("v2.csv", "timetable,of,the,bus\n");
+    write("v3.csv", "");
+    write("v4.csv", "time,name\n");
+    write("v5.csv", "\xEF\xBB\xBFtime;name\n");
+    write("v6.csv", "SQLite format 3");
+    write("w1.csv", "time,name\n");
+    record(*open("v%N.csv", 5, 1), kTime);
+    EXPECT_EQ(files(), (QStringList{"v1.csv", "v2.csv", "v3.csv", "v7.csv", "w1.csv"}));
+}
+
+TEST_F(RotatingTest, RefusesANameThatDoesNotSayWhenToBegin)
+{
+    EXPECT_EQ(complaint([&] { open("v.csv", 0, 3); }),
+              path("v.csv").toStdString() + ": --max-size and --keep need a name with a part that "
+                                            "changes, such as %Y-%m-%d or %N");
+    EXPECT_EQ(complaint([&] { open("v%Y.csv", 100, 0); }),
+              path("v%Y.csv").toStdString() + ": --max-size needs %N in the name");
+    EXPECT_EQ(complaint([&] { open("v%N.csv", 0, 0); }),
+              path("v%N.csv").toStdString() + ": %N counts the files of --max-size (add it)");
+    EXPECT_EQ(files(), QStringList());
+}
+
+TEST_F(RotatingTest, TakesTurnsWithDatabasesToo)
+{
+    {
+        const auto recorder =
+            Recorder::rotating(path("d%N.db"), {1, 0, false},
+                               [](const QString& name) { return Recorder::sqlite(name); });
+        for (int i = 0; i < 3; ++i) {
+            record(*recorder, kTime);
+            recorder->flush();
+        }
+    }
+    EXPECT_EQ(files(), (QStringList{"d1.db", "d2.db", "d3.db"}));
+    EXPECT_EQ(query("d3.db", "SELECT count(*) FROM samples"), std::vector<std::string>{"1"});
 }

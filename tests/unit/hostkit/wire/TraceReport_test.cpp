@@ -157,9 +157,9 @@ TEST_F(TraceReportTest, DrawsAHistogramOfRoundTrips)
     const QStringList lines = report.statistics();
     EXPECT_EQ(lines.at(1), QString("round trip: median 1.5 ms, 99 % within 5000.0 ms, longest "
                                    "5000.0 ms"));
-    EXPECT_EQ(lines.at(2), "   <= 1 ms       2 " + QString(40, '#'));
-    EXPECT_EQ(lines.at(4), "  <= 50 ms       1 " + QString(20, '#'));
-    EXPECT_EQ(lines.at(5), " > 1000 ms       1 " + QString(20, '#'));
+    EXPECT_EQ(lines.at(3), "   <= 1 ms       2 " + QString(40, '#'));
+    EXPECT_EQ(lines.at(5), "  <= 50 ms       1 " + QString(20, '#'));
+    EXPECT_EQ(lines.at(6), " > 1000 ms       1 " + QString(20, '#'));
 }
 
 TEST_F(TraceReportTest, HasNoFailuresAndNoRoundTripsForAnEmptyTrace)
@@ -167,4 +167,130 @@ TEST_F(TraceReportTest, HasNoFailuresAndNoRoundTripsForAnEmptyTrace)
     report.finish();
     EXPECT_LT(report.roundTripMs(50), 0);
     EXPECT_EQ(report.statistics().size(), 2);
+}
+
+namespace {
+
+QByteArray readRequest(int tns, const char* tagAndRest)
+{
+    return withTns("00 01 0A 00 00 00 00 00 5A 3C 28 45", tns) + hex(tagAndRest);
+}
+const char kReadSpeed[] = "52 04 91 05 53 70 65 65 64 00 02 00 00 00 00 00";
+const char kReadLevel[] = "52 04 91 05 4C 65 76 65 6C 00 01 00 00 00 00 00";
+// Setpoint := 22.5 as a REAL.
+const char kWriteSetpoint[] =
+    "53 05 91 08 53 65 74 70 6F 69 6E 74 CA 00 01 00 00 00 00 00 00 00 B4 41";
+
+QByteArray readReply(int tns, const char* rest)
+{
+    return withTns("01 00 4A 00 00 00 00 00 01 00 28 00", tns) + hex(rest);
+}
+
+class TraceOfTags : public TraceReportTest
+{
+protected:
+    void sent(const QByteArray& data, double ms)
+    {
+        record(micro850::Direction::Sent, wireFrame(data), ms);
+    }
+    void received(const QByteArray& data, double ms)
+    {
+        record(micro850::Direction::Received, wireFrame(data), ms);
+    }
+    QStringList texts() const
+    {
+        QStringList texts;
+        for (const TraceEvent& event : events)
+            texts += event.text;
+        return texts;
+    }
+};
+
+} // namespace
+
+TEST_F(TraceOfTags, ShowsTheValuesThatAreReadAndWritten)
+{
+    sent(readRequest(5, kReadSpeed), 0);
+    received(readReply(5, "D2 00 00 00 C3 00 D2 04 FE FF"), 10);
+    sent(readRequest(6, kWriteSetpoint), 20);
+    received(readReply(6, "D3 00 00 00"), 30);
+    EXPECT_EQ(texts(), (QStringList{"TNS 5 read Speed[0] x2", "TNS 5 read reply: INT 1234 -2",
+                                    "TNS 6 write Setpoint[0] x1: REAL 22.5", "TNS 6 write reply"}));
+    EXPECT_EQ(events.at(1).request.tag(), QString("Speed"));
+}
+
+TEST_F(TraceOfTags, ShowsTextsDatesAndTypesThatItDoesNotKnow)
+{
+    const auto shown = [this](const char* rest) {
+        events.clear();
+        sent(readRequest(5, kReadSpeed), 0);
+        received(readReply(5, rest), 10);
+        return texts().last().section(": ", 1);
+    };
+    EXPECT_EQ(shown("D2 00 00 00 DA 00 03 41 1B 42"), QString("SHORT_STRING \"A\\x1bB\""));
+    EXPECT_EQ(shown("D2 00 00 00 CD 00 6C 4A"), QString("DATE 2024-02-29"));
+    EXPECT_EQ(shown("D2 00 00 00 A3 02 01 02 03"), QString("type 0002, 3 bytes"));
+    EXPECT_EQ(shown("D2 00 00 00 C4 00 01 02 03"), QString("DINT, 3 bytes"));
+    EXPECT_EQ(shown("D2 00 00 00 C1 00 01 00 01 00 01 00 01 00 01 00 01 00 01 00 01 00 01 00 01"),
+              QString("BOOL true false true false true false true false true false true false true "
+                      "false true false ... (19 values)"));
+}
+
+TEST_F(TraceOfTags, CountsAttemptsAlsoUnderAnotherNumber)
+{
+    sent(readRequest(5, kReadSpeed), 0);
+    sent(readRequest(5, kReadSpeed), 100);
+    sent(readRequest(6, kReadSpeed), 250);
+    received(readReply(6, "D2 00 00 00 C3 00 D2 04"), 260);
+    sent(readRequest(7, kReadSpeed), 300);
+    EXPECT_EQ(texts(), (QStringList{"TNS 5 read Speed[0] x2",
+                                    "TNS 5 read Speed[0] x2 (again: attempt 2 after 100.0 ms)",
+                                    "read Speed[0] x2: no answer in 250.0 ms",
+                                    "TNS 6 read Speed[0] x2 (again: attempt 3 after 150.0 ms)",
+                                    "TNS 6 read reply: INT 1234", "TNS 7 read Speed[0] x2"}));
+    EXPECT_EQ(events.at(2).kind, TraceEvent::Kind::NoAnswer);
+    QVector<int> numbers;
+    QVector<bool> failed;
+    for (const TraceEvent& event : events) {
+        numbers += event.number;
+        failed += event.failed;
+    }
+    EXPECT_EQ(numbers, (QVector<int>{1, 2, 0, 3, 4, 5}));
+    EXPECT_EQ(failed, (QVector<bool>{false, true, true, true, false, false}));
+}
+
+TEST_F(TraceOfTags, TellsHowLongTheLineWasSilent)
+{
+    sent(readRequest(5, kReadSpeed), 1000);
+    received(readReply(5, "D2 00 00 00 C3 00 D2 04"), 1010);
+    sent(readRequest(6, kReadSpeed), 3510);
+    EXPECT_LT(events.at(0).gapMs, 0);
+    EXPECT_DOUBLE_EQ(events.at(1).gapMs, 10);
+    EXPECT_DOUBLE_EQ(events.at(2).gapMs, 2500);
+    EXPECT_DOUBLE_EQ(report.longestGapMs(), 2500);
+    EXPECT_TRUE(report.statistics().contains("longest silence: 2500.0 ms"));
+}
+
+TEST_F(TraceOfTags, CountsAndReturnsOnlyWhatTheFilterWants)
+{
+    report = TraceReport([](const QString& tag, qint64) { return tag == "Level"; });
+    sent(readRequest(5, kReadSpeed), 0);
+    received(readReply(5, "D2 00 05 00"), 10);
+    sent(readRequest(6, kReadLevel), 20);
+    QByteArray corrupt = wireFrame(readReply(6, "D2 00 00 00 C3 00 D2 04"));
+    corrupt[9] = static_cast<char>(corrupt.at(9) ^ 0x40);
+    record(micro850::Direction::Received, corrupt, 30);
+    received(readReply(6, "D2 00 00 00 C3 00 D2 04"), 40);
+    sent(readRequest(7, kReadSpeed), 50);
+    sent(readRequest(8, kReadSpeed), 60);
+    report.finish();
+    EXPECT_EQ(texts(), (QStringList{"TNS 6 read Level[0] x1", "corrupt frame",
+                                    "TNS 6 read reply: INT 1234"}));
+    EXPECT_EQ(events.first().number, 3);
+    EXPECT_EQ(report.messages(), 7);
+    EXPECT_EQ(report.requests(), 1);
+    EXPECT_EQ(report.corrupt(), 1);
+    EXPECT_EQ(report.unanswered(), 0);
+    EXPECT_TRUE(report.failures().isEmpty());
+    EXPECT_TRUE(report.openAtEnd().isEmpty());
 }

@@ -1,0 +1,271 @@
+#include "terminal_fixture.h"
+
+#include <QtCore/QRegularExpression>
+
+#include <csignal>
+
+namespace {
+
+/// The shell in a terminal.
+class HostShell : public TerminalTest
+{
+protected:
+    void shell(const QString& options = QString(), int width = 160, int rows = 30,
+               const QString& terminal = QStringLiteral("$TERM"))
+    {
+        open("XDG_STATE_HOME=state TERM=" + terminal + " $HOST shell -p $PORT " + options, width,
+             rows);
+        ASSERT_TRUE(sees("plc>"));
+    }
+    void enter(const QString& line) { type({"-l", line}), type({"Enter"}); }
+    /// The same with a result whose form is a program's.
+    void enterJson(const QString& line) { enter(line + " --json"); }
+    /// The lines of the screen that contain the text.
+    int count(const QString& text) const { return screen().filter(text).size(); }
+    Result script(const QString& commands, const QStringList& options = {}) const
+    {
+        const QString in = file("commands", commands.toStdString());
+        return runProgram(
+            "sh",
+            QStringList{"-c", "exec \"$@\" <" + in, "sh", MICRO850_HOST, "shell", "-p", port()} +
+                options,
+            QStringList(), path("."));
+    }
+    void simulateRamp()
+    {
+        simulate(R"({"name": "Speed", "type": "INT", "value": 1234},
+                    {"name": "Setpoint", "type": "REAL", "value": 21.5},
+                    {"name": "Level", "type": "DINT",
+                     "motion": {"kind": "ramp", "min": 0, "max": 1000000, "period": 1000}})");
+    }
+};
+
+} // namespace
+
+TEST_F(HostShell, CarriesOutCommandsOverOneConnection)
+{
+    simulate();
+    shell("--trace t.txt");
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    enterJson("write Setpoint=42.25");
+    ASSERT_TRUE(sees(R"("written":42.25)"));
+    enter("micro850-host read 'Level[1..2]' --json # as it was copied");
+    ASSERT_TRUE(sees(R"("value":12})"));
+    enter("quit");
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_EQ(screen().filter(QRegularExpression("^-?icanon")).value(0), "icanon");
+    const Result trace = runProgram(MICRO850_HOST, {"trace", path("t.txt")});
+    EXPECT_EQ(QString::fromStdString(trace.out).count(" open connection"), 2) << trace.out;
+}
+
+TEST_F(HostShell, GoesOnAfterAMistakeAndAfterARefusal)
+{
+    simulate();
+    shell();
+    enter("raed Speed");
+    ASSERT_TRUE(sees("\"raed\" is not a command (did you mean read?)"));
+    enter("read Nope");
+    ASSERT_TRUE(sees("Nope: no such tag"));
+    enter("read 'Speed");
+    ASSERT_TRUE(sees("the quote ' is not closed (write it a second time)"));
+    enter("read Speed --port other");
+    ASSERT_TRUE(sees("--port: the shell has its line already"));
+    enter("shell");
+    ASSERT_TRUE(sees("shell: this is one already (leave it with quit)"));
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    type({"C-d"});
+    ASSERT_TRUE(sees("[status 0]"));
+}
+
+TEST_F(HostShell, ShowsAWatchAboveThePromptWhileALineIsTyped)
+{
+    simulateRamp();
+    shell();
+    enter("watch Level --interval 0.2");
+    ASSERT_TRUE(sees("watch 1: Level (\"stop 1\" ends it)"));
+    ASSERT_TRUE(sees(" Level = "));
+    type({"-l", "write Setp"});
+    ASSERT_TRUE(sees("plc> write Setp"));
+    const int before = count(" Level = ");
+    const auto moreCame = [&] { return count(" Level = ") > before + 3; };
+    for (int i = 0; i < 600 && !moreCame(); ++i)
+        QThread::msleep(50);
+    ASSERT_TRUE(moreCame());
+    EXPECT_EQ(screen().filter(QRegularExpression(".")).last(), "plc> write Setp");
+    EXPECT_EQ(count("plc> write Setp"), 1);
+    enterJson("oint=3");
+    ASSERT_TRUE(sees(R"("written":3)"));
+    enter("stop 1");
+    enter("stop 1");
+    ASSERT_TRUE(sees("stop: there is no watch \"1\" (\"stop\" ends all)"));
+}
+
+TEST_F(HostShell, CompletesCommandsOptionsNamesAndSettings)
+{
+    simulate();
+    file("p.json", R"({"variables": [{"tag": "Speed"}, {"tag": "Setpoint"},
+                                                {"name": "My Tank", "tag": "Level"}]})");
+    shell("--project p.json");
+    type({"pro", "Tab"});
+    ASSERT_TRUE(sees("plc> probe"));
+    type({"C-u", "read My", "Tab"});
+    ASSERT_TRUE(sees("plc> read 'My Tank'"));
+    type({"C-u", "read S", "Tab", "Tab"});
+    ASSERT_TRUE(sees("Setpoint  Speed"));
+    type({"p", "Tab", "--json", "Enter"});
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    type({"write Set", "Tab", "7 --json", "Enter"});
+    ASSERT_TRUE(sees(R"("written":7)"));
+    type({"set inte", "Tab", "0.2", "Enter", "set", "Enter"});
+    ASSERT_TRUE(sees("interval  0.2"));
+    type({"read --r", "Tab"});
+    ASSERT_TRUE(sees("plc> read --raw"));
+    enter(" Running --json");
+    ASSERT_TRUE(sees(R"("value":true)"));
+    type({"watch R", "Tab"}); // a tag that was read
+    ASSERT_TRUE(sees("plc> watch Running"));
+}
+
+TEST_F(HostShell, RemembersItsLinesForTheNextTime)
+{
+    simulate();
+    shell();
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    type({"C-d"});
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_EQ(QFile(path("state/micro850/shell-history")).permissions() &
+                  (QFile::ReadGroup | QFile::ReadOther),
+              QFile::Permissions());
+    type({"C-c"});
+    shell();
+    type({"Up"});
+    ASSERT_TRUE(sees("plc> read Speed"));
+    type({"C-u", "C-r", "Spe"});
+    ASSERT_TRUE(sees("read Speed"));
+}
+
+TEST_F(HostShell, DropsTheLineAtCtrlCAndEndsACommandWithIt)
+{
+    simulate();
+    file("p.json", R"({"variables": [{"tag": "Speed"}]})");
+    shell();
+    type({"-l", "write Setp"});
+    ASSERT_TRUE(sees("plc> write Setp"));
+    type({"C-c"});
+    ASSERT_TRUE(sees("plc> write Setp^C"));
+    enter("poll p.json");
+    ASSERT_TRUE(sees("QUALITY"));
+    type({"C-c"});
+    ASSERT_TRUE(sees("reopened 0"));
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+}
+
+TEST_F(HostShell, SetsWhatItsCommandsThenUse)
+{
+    simulate();
+    shell();
+    enter("set json on");
+    enter("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    enter("set json no");
+    ASSERT_TRUE(sees("\"no\" is not a setting (on or off)"));
+    enter("set interval fast");
+    ASSERT_TRUE(sees("set interval: \"fast\" is no time (seconds such as 0.2, or default)"));
+    enter("set intervall 1");
+    ASSERT_TRUE(sees("set: \"intervall\" is not a setting (did you mean interval?)"));
+}
+
+TEST_F(HostShell, IdentifiesTheControllerAndWatchesOnAfterwards)
+{
+    simulateRamp();
+    shell();
+    enter("watch Level --interval 0.2");
+    ASSERT_TRUE(sees(" Level = "));
+    enter("probe");
+    ASSERT_TRUE(sees("product code  850"));
+    type({"C-l"});
+    ASSERT_TRUE(seesNo("product code"));
+    ASSERT_TRUE(sees(" Level = "));
+}
+
+TEST_F(HostShell, WorksOnWhenTheControllerWasAway)
+{
+    simulateRamp();
+    shell("--timeout 100");
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    signalSimulator(SIGSTOP);
+    enter("read Speed");
+    ASSERT_TRUE(sees("no answer"));
+    signalSimulator(SIGCONT);
+    type({"C-l"});
+    enterJson("read Setpoint");
+    ASSERT_TRUE(sees(R"("value":21.5)"));
+}
+
+TEST_F(HostShell, TakesLinesInATerminalThatCanDoNothing)
+{
+    simulate();
+    shell("", 20, 10, "dumb");
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    type({"C-d"});
+    ASSERT_TRUE(sees("[status 0]"));
+}
+
+TEST_F(HostShell, ReadsCommandsFromAFileUpToTheFirstThatFails)
+{
+    simulate();
+    const Result good = script("# a recipe\nset json on\nwrite Setpoint=3\n\nread Setpoint -q");
+    EXPECT_EQ(good.status, 0) << good.err;
+    EXPECT_EQ(linesOf(good.out).filter(R"("value":3)").size(), 2) << good.out;
+    const Result bad = script("write Setpoint=4\nwrite Nope=1\nwrite Setpoint=5\n");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_EQ(linesOf(hostOnPort({"read", "Setpoint", "--json"}).out).filter(R"("value":4)").size(),
+              1);
+    EXPECT_EQ(linesOf(bad.err).last(),
+              "micro850-host: standard input, line 2: this command failed, "
+              "and what follows is not done");
+    EXPECT_EQ(script("read 'Speed\n").status, 2);
+    EXPECT_EQ(script("").status, 0);
+}
+
+TEST_F(HostShell, WatchesInTheForegroundWithoutATerminal)
+{
+    simulate();
+    const Result result = script("watch Speed --seconds 0.5\nread Speed\n");
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(linesOf(result.out).value(0).section(' ', 1), "Speed = 1234");
+    EXPECT_EQ(linesOf(result.out).size(), 2) << result.out;
+}
+
+TEST_F(HostShell, RefusesALineThatHasNoEnd)
+{
+    simulate();
+    const Result result = script(QString(70000, 'x'));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(linesOf(result.err).last(),
+              "micro850-host: a command has more than 65536 bytes (end it with a new line)");
+}
+
+TEST_F(HostShell, EndsWhenItsTerminalIsGone)
+{
+    simulate();
+    shell("--trace t.txt");
+    enterJson("read Speed");
+    ASSERT_TRUE(sees(R"("value":1234)"));
+    type({"-l", "read Set"});
+    ASSERT_TRUE(sees("plc> read Set"));
+    closeTerminal();
+    // The port is free again.
+    Result again = hostOnPort({"read", "Speed"});
+    for (int i = 0; i < 600 && again.status != 0; ++i) {
+        QThread::msleep(50);
+        again = hostOnPort({"read", "Speed"});
+    }
+    EXPECT_EQ(again.status, 0) << again.err;
+}
