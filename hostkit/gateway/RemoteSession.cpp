@@ -129,7 +129,8 @@ void RemoteSession::requireElements(const TagKey& tag, int element, int elements
     try {
         readRun(tag, last, 1);
     } catch (const TagRefused&) {
-        read(tag, element, elements); // names the first one that is not there
+        if (elements > 1)
+            read(tag, element, elements); // names the first one that is not there
         throw;
     }
 }

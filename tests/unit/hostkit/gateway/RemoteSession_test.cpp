@@ -125,6 +125,18 @@ TEST_F(RemoteSessionTest, TellsWhatTheControllerRefused)
               "refused 3: no such element");
 }
 
+TEST_F(RemoteSessionTest, AsksOnceWhetherASingleElementIsThere)
+{
+    peer.on("read", [](const Request& r) {
+        return ScriptedGateway::error(r, "refused", "Speed[3]: no such element",
+                                      {{"why", "no such element"}, {"element", 3}});
+    });
+    connect();
+    EXPECT_EQ(complaint([&] { session->requireElements(kSpeed, 3, 1); }),
+              "refused 3: no such element");
+    EXPECT_EQ(peer.requests("read").size(), 1U);
+}
+
 TEST_F(RemoteSessionTest, RefusesElementsThatAreTooFewOrOfAnotherSize)
 {
     connect();
