@@ -1,6 +1,7 @@
 // Compares the checks of frame integrity with small models, for frames of every kind.
 
 #include "driver_fixture.h"
+#include "frame_model.h"
 
 #include <rapidcheck/gtest.h>
 
@@ -9,45 +10,6 @@
 using wire::hex;
 
 namespace {
-
-// ---- Models ------------------------------------------------------------------------------------
-
-// Bytes below `from` and the last four are sent as they are.
-QByteArray modelDoubled(const QByteArray& plain)
-{
-    const int from = plain.mid(1, 1) == hex("06") ? 4 : 2;
-    if (plain.size() < from + 4)
-        return plain;
-    return plain.left(from) + wire::withDoubledDle(plain.mid(from, plain.size() - from - 4)) +
-           plain.right(4);
-}
-
-QByteArray modelUndoubled(const QByteArray& wire)
-{
-    return QByteArray(wire).replace(hex("10 10"), hex("10"));
-}
-
-unsigned int modelCrc(const QByteArray& closed)
-{
-    const QByteArray mark = closed.mid(1, 1);
-    const QByteArray data = closed.mid(mark == hex("06") ? 4 : mark == hex("02") ? 2 : 0);
-    return wire::crc16Arc(data.left(qMax(0, data.size() - 2)) + hex("03"));
-}
-
-// Tries every possible position of the end, with all bytes before it.
-int modelVerdict(const QByteArray& reply)
-{
-    if (reply.size() < 24)
-        return 0;
-    for (int etx = 21; etx <= reply.size() - 3; ++etx) {
-        if (reply.mid(etx - 1, 2) != hex("10 03"))
-            continue;
-        const unsigned int crc = modelCrc(modelUndoubled(reply.left(etx + 1)));
-        if (wire::little(crc, 2) == reply.mid(etx + 1, 2))
-            return 1;
-    }
-    return 0;
-}
 
 // ---- Generators --------------------------------------------------------------------------------
 
@@ -81,13 +43,13 @@ RC_GTEST_PROP(DoublingAnyFrame, FollowsTheModel, ())
 {
     const QByteArray head = *rc::gen::element(hex("10 06 10 02"), hex("10 02"), QByteArray());
     const QByteArray frame = head + *anyBytes();
-    RC_ASSERT(getRecoverData(frame, false) == modelDoubled(frame));
+    RC_ASSERT(getRecoverData(frame, false) == frame_model::doubled(frame));
 }
 
 RC_GTEST_PROP(UndoublingAnyBytes, FollowsTheModel, ())
 {
     const QByteArray bytes = *anyBytes();
-    RC_ASSERT(getRecoverData(bytes, true) == modelUndoubled(bytes));
+    RC_ASSERT(getRecoverData(bytes, true) == frame_model::undoubled(bytes));
 }
 
 RC_GTEST_PROP(UndoublingADoubledFrame, RestoresTheFrame, ())
@@ -103,7 +65,7 @@ RC_GTEST_PROP(DataCrcOfAnyBytes, FollowsTheModel, ())
 {
     const QByteArray head = *rc::gen::element(hex("10 06 10 02"), hex("10 02"), QByteArray());
     const QByteArray frame = head + *anyBytes();
-    RC_ASSERT(checkDataCrc(frame) == modelCrc(frame));
+    RC_ASSERT(checkDataCrc(frame) == frame_model::crcOf(frame));
 }
 
 RC_GTEST_PROP(CheckingAFramedReply, AcceptsIt, ())
@@ -114,7 +76,7 @@ RC_GTEST_PROP(CheckingAFramedReply, AcceptsIt, ())
 RC_GTEST_PROP(CheckingAnyBytes, FollowsTheModel, ())
 {
     const QByteArray bytes = hex("10 06 10 02") + QByteArray(15, '\x41') + *anyBytes();
-    RC_ASSERT(verdictOf(bytes) == modelVerdict(bytes));
+    RC_ASSERT(verdictOf(bytes) == frame_model::verdict(bytes));
 }
 
 RC_GTEST_PROP(CheckingADamagedReply, FollowsTheModel, ())
@@ -132,7 +94,7 @@ RC_GTEST_PROP(CheckingADamagedReply, FollowsTheModel, ())
         reply[at] = *rc::gen::arbitrary<char>();
         break;
     }
-    RC_ASSERT(verdictOf(reply) == modelVerdict(reply));
+    RC_ASSERT(verdictOf(reply) == frame_model::verdict(reply));
 }
 
 RC_GTEST_PROP(CheckingAReplyWithAFlippedBit, RejectsIt, ())
