@@ -40,7 +40,7 @@ if(MICRO850_PROGRAMS)
   file(GLOB examples CONFIGURE_DEPENDS examples/plant*.json examples/*.csv)
   install(FILES ${examples} DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850/examples COMPONENT Tools)
   # The rule is not active there; it says itself how to make it so.
-  install(FILES share/micro850/project.schema.json share/micro850/60-micro850-adapters.rules
+  install(FILES share/micro850/project.schema.json share/micro850/host-output.schema.json share/micro850/60-micro850-adapters.rules
     DESTINATION ${CMAKE_INSTALL_DATADIR}/micro850 COMPONENT Tools)
   install(FILES share/bash-completion/completions/micro850-host
     DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT Tools)

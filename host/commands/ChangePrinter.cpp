@@ -1,10 +1,6 @@
 #include "ChangePrinter.h"
 
-#include <QtCore/QDateTime>
-
 namespace micro850::host {
-
-namespace {
 
 Json changeObject(const Plant& plant, const Project& project, int variable, const QDateTime& time)
 {
@@ -26,8 +22,6 @@ Json changeObject(const Plant& plant, const Project& project, int variable, cons
         object["error"] = plant.values().error(variable).toStdString();
     return object;
 }
-
-} // namespace
 
 void ChangePrinter::update(Duration now)
 {

@@ -5,7 +5,12 @@
 #include "Output.h"
 #include "RunLoop.h"
 
+#include <QtCore/QDateTime>
+
 namespace micro850::host {
+
+/// A variable of the project at a time, as --json prints it.
+Json changeObject(const Plant& plant, const Project& project, int variable, const QDateTime& time);
 
 /// Prints a line, or a JSON object, for each variable that changed. Reports on standard error the
 /// line and the stations whose state changed.

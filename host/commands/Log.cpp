@@ -1,3 +1,4 @@
+#include "ChangePrinter.h"
 #include "Changes.h"
 #include "CsvOptions.h"
 #include "FilePattern.h"
@@ -109,6 +110,12 @@ std::unique_ptr<Recorder> recorderOf(const LogOptions& options, const Project& p
     return Recorder::rotating(path, rotation, open, note);
 }
 
+// With --json alone, samples are objects on standard output.
+bool isPrinted(const LogOptions& options)
+{
+    return options.output.json && options.csv.empty() && options.sqlite.empty();
+}
+
 /// Records the variables that changed, or all at an interval.
 class Logging : public LoopView
 {
@@ -116,8 +123,8 @@ public:
     Logging(RunLoop& run, const Project& project, const LogOptions& options, const Output& output)
         : m_plant(run.plant()), m_project(project), m_output(output),
           m_changes(m_plant, project, run.table()),
-          m_recorder(recorderOf(options, project, output)), m_wide(options.form.wide),
-          m_interval(options.rates.givenInterval())
+          m_recorder(isPrinted(options) ? nullptr : recorderOf(options, project, output)),
+          m_wide(options.form.wide), m_interval(options.rates.givenInterval())
     {
     }
 
@@ -133,14 +140,14 @@ public:
         if (now < m_nextFlush)
             return;
         m_nextFlush = now + kFlushInterval;
-        m_recorder->flush();
+        flush();
     }
     /// Records what changed since the last step.
     void close(Duration now) override
     {
         if (m_interval == Duration(0))
             recordChanges(now);
-        m_recorder->flush();
+        flush();
     }
 
     qint64 rows() const { return m_rows; }
@@ -201,17 +208,27 @@ private:
         if (variables.isEmpty())
             return;
         const QDateTime time = QDateTime::currentDateTimeUtc();
+        m_rows += m_wide ? 1 : variables.size();
+        if (!m_recorder) {
+            for (const int variable : variables)
+                m_output.data(changeObject(m_plant, m_project, variable, time), QString());
+            return;
+        }
         for (const int variable : variables)
             m_recorder->add(sampleOf(m_plant, m_project, variable, time));
         m_recorder->endRow(time);
-        m_rows += m_wide ? 1 : variables.size();
+    }
+    void flush()
+    {
+        if (m_recorder)
+            m_recorder->flush();
     }
 
     Plant& m_plant;
     const Project& m_project;
     const Output& m_output;
     Changes m_changes;
-    std::unique_ptr<Recorder> m_recorder;
+    std::unique_ptr<Recorder> m_recorder; ///< null when samples are printed
     bool m_wide;
     bool m_changed = false; ///< since the last row
     Duration m_interval;
@@ -230,21 +247,41 @@ void applyRates(RateOptions rates, Project& project)
     rates.applyTo(project);
 }
 
-int run(LogOptions options)
+// Says before anything is opened what cannot be.
+void requireDestination(const LogOptions& options)
 {
-    const Output output(options.output.json, options.output.quiet);
-    if (options.csv.empty() == options.sqlite.empty())
-        throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE)");
+    const bool printed = isPrinted(options);
     const bool toOutput = options.csv == "-";
-    if (toOutput && output.json())
+    if (!printed && options.csv.empty() == options.sqlite.empty())
+        throw UserError("log writes one file (name it with --csv FILE or --sqlite FILE, or print "
+                        "objects with --json)");
+    if (toOutput && options.output.json)
         throw UserError("--csv - and --json both write to standard output (leave out one)");
     options.form.require(!options.csv.empty());
     options.form.form();
     bytesOf(options.maximumSize);
-    // Says now what is wrong with the name.
-    static_cast<void>(FilePattern(textOf(options.csv.empty() ? options.sqlite : options.csv)));
-    if (toOutput && (options.keep > 0 || !options.maximumSize.empty()))
+    if (!printed)
+        static_cast<void>(FilePattern(textOf(options.csv.empty() ? options.sqlite : options.csv)));
+    if ((toOutput || printed) && (options.keep > 0 || !options.maximumSize.empty()))
         throw UserError("--max-size and --keep are for files (name one with --csv FILE)");
+}
+
+void reportRows(const LogOptions& options, qint64 rows, const Output& output)
+{
+    const bool printed = isPrinted(options);
+    const std::string file = printed || options.csv == "-" ? "standard output"
+                             : options.csv.empty()         ? options.sqlite
+                                                           : options.csv;
+    output.note(textOf(file) + (rows == 1 ? QStringLiteral(": 1 row written")
+                                          : QStringLiteral(": %1 rows written").arg(rows)));
+    if (!printed && output.json())
+        output.data({{"file", file}, {"rows", rows}}, QString());
+}
+
+int run(LogOptions options)
+{
+    const Output output(options.output.json, options.output.quiet);
+    requireDestination(options);
     findProject(options.line);
     Route route = routeOf(options.line, "log", output);
     route.project = withMatching(route.project, options.match, route.source);
@@ -258,14 +295,7 @@ int run(LogOptions options)
     RunLoop loop(options.line, route);
     Logging logging(loop, project, options, output);
     loop.run(logging, options.seconds, output);
-    const std::string file = toOutput              ? "standard output"
-                             : options.csv.empty() ? options.sqlite
-                                                   : options.csv;
-    output.note(textOf(file) + (logging.rows() == 1
-                                    ? QStringLiteral(": 1 row written")
-                                    : QStringLiteral(": %1 rows written").arg(logging.rows())));
-    if (output.json())
-        output.data({{"file", file}, {"rows", logging.rows()}}, QString());
+    reportRows(options, logging.rows(), output);
     loop.summarise(output);
     return loop.exitStatus();
 }
@@ -305,6 +335,7 @@ void addLog(CommandLine& line)
         "In a database numbers are numbers whatever their type, true is 1, and NULL is only "
         "for a value\nthat was never read; micro850-host(1) tells the rest.\n"
         "With --wide, a value that is not good is an empty cell.\n"
+        "With --json and no file, each value is an object on standard output.\n"
         "A name with %Y, %m, %d, %H and %M, such as values-%Y-%m-%d.csv, begins a new file when "
         "it changes: in UTC, or with --time local or spreadsheet in local time. %% is a percent "
         "sign.\n"

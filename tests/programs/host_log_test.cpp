@@ -193,7 +193,8 @@ TEST_F(HostLog, NeedsOneFileThatCanBeWritten)
     const Result none = host({"log", project()});
     EXPECT_EQ(none.status, 2);
     EXPECT_EQ(none.err,
-              "micro850-host: log writes one file (name it with --csv FILE or --sqlite FILE)\n");
+              "micro850-host: log writes one file (name it with --csv FILE or --sqlite FILE, or "
+              "print objects with --json)\n");
     EXPECT_EQ(host({"log", project(), "--csv", "a", "--sqlite", "b"}).err, none.err);
     const Result nowhere = host({"log", project(), "--csv", "/none/v.csv"});
     EXPECT_EQ(nowhere.status, 2);
