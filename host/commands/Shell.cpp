@@ -1,4 +1,7 @@
 #include "ShellSession.h"
+#include "StandardStreams.h"
+#include "UserError.h"
+#include "VisibleText.h"
 
 #include <memory>
 
@@ -10,12 +13,28 @@ struct ShellOptions
 {
     LineOptions line;
     bool quiet = false;
+    std::string complete;
 };
+
+// For shells that run this program: they complete with the names of the project.
+int complete(const ShellOptions& options)
+{
+    const Route route = routeOf(options.line, "shell", Output(false, true));
+    std::string text;
+    const Completions found =
+        completionsOf(textOf(options.complete), shellVocabulary(route.project));
+    for (const QString& candidate : found.candidates)
+        text += visible(candidate.toStdString()) + '\n';
+    writeStandardOutput(text);
+    return kExitDone;
+}
 
 int run(ShellOptions options)
 {
     const Output output(false, options.quiet);
     findProjectForPort(options.line);
+    if (!options.complete.empty())
+        return complete(options);
     const Route route = routeOf(options.line, "shell", output);
     requirePort(route.project, options.line);
     ShellLine line(options.line, route);
@@ -35,6 +54,8 @@ void addShell(CommandLine& line)
     shell.text("--project", options->line.project, "Project file: its port and its variables");
     options->line.addTo(shell);
     shell.flag("--quiet,-q", options->quiet, "Only errors on standard error: no notes");
+    shell.text("--complete", options->complete,
+               "Print what Tab would offer behind this text, and end");
     shell.footer(
         "Every command of the program, without its name and without options of the line. A watch "
         "goes\non in the background: its lines appear above the prompt. The shell's own "

@@ -61,14 +61,20 @@ QString nameIn(const QString& argument)
 
 } // namespace
 
+Vocabulary shellVocabulary(const Project& project)
+{
+    QStringList names;
+    for (const Variable& variable : project.variables)
+        names += variable.shownName();
+    return {allCommands(), {"interval", "json", "quiet", "raw"}, names};
+}
+
 ShellSession::ShellSession(ShellLine& line, const Route& route, const Output& output)
     : m_line(line), m_route(route), m_output(output), m_isInteractive(isatty(STDIN_FILENO) == 1),
-      m_commands(allCommands())
+      m_vocabulary(shellVocabulary(route.project))
 {
-    for (const Variable& variable : route.project.variables)
-        m_names += variable.shownName();
     m_prompt = makePrompt(promptOf(line.port()), shellHistoryFile(), [this](const QString& text) {
-        return completionsOf(text, vocabulary());
+        return completionsOf(text, m_vocabulary);
     });
     m_line.setMeanwhile([this] { serveKeys(); });
     m_line.setWait([this](Duration time) { waitForKeys(time); });
@@ -279,10 +285,12 @@ int ShellSession::parseAndRun(const QStringList& words)
 
 bool ShellSession::hasOption(const QString& command, const char* option) const
 {
-    return std::any_of(m_commands.begin(), m_commands.end(), [&](const CommandLine::Listed& each) {
-        return command == QString::fromStdString(each.name) &&
-               std::find(each.options.begin(), each.options.end(), option) != each.options.end();
-    });
+    return std::any_of(m_vocabulary.commands.begin(), m_vocabulary.commands.end(),
+                       [&](const CommandLine::Listed& each) {
+                           return command == QString::fromStdString(each.name) &&
+                                  std::find(each.options.begin(), each.options.end(), option) !=
+                                      each.options.end();
+                       });
 }
 
 // An option that the command names itself counts.
@@ -309,7 +317,7 @@ QStringList ShellSession::withSettings(QStringList words) const
 void ShellSession::help() const
 {
     QStringList lines;
-    for (const CommandLine::Listed& each : m_commands)
+    for (const CommandLine::Listed& each : m_vocabulary.commands)
         lines += QString::fromStdString(each.name).leftJustified(9) +
                  QString::fromStdString(each.description);
     lines += QStringLiteral("\"help COMMAND\" shows its arguments.");
@@ -380,15 +388,10 @@ void ShellSession::rememberNames(const QStringList& words)
                             command == QLatin1String("watch");
     for (const QString& word : takesNames ? words.mid(1) : QStringList()) {
         const QString name = nameIn(word);
-        if (isPlain(name) && !name.startsWith('-') && !m_names.contains(name) &&
-            m_names.size() < kMostNames)
-            m_names += name;
+        if (isPlain(name) && !name.startsWith('-') && !m_vocabulary.names.contains(name) &&
+            m_vocabulary.names.size() < kMostNames)
+            m_vocabulary.names += name;
     }
-}
-
-Vocabulary ShellSession::vocabulary() const
-{
-    return {m_commands, {"interval", "json", "quiet", "raw"}, m_names};
 }
 
 } // namespace micro850::host

@@ -10,6 +10,9 @@
 
 namespace micro850::host {
 
+/// What a shell with this project completes at its start.
+Vocabulary shellVocabulary(const Project& project);
+
 /// Takes commands and carries them out over the line of the shell, until the user ends it.
 class ShellSession
 {
@@ -52,15 +55,13 @@ private:
     void addWatch(WatchOrder order);
     void endWatches();
     void rememberNames(const QStringList& words);
-    Vocabulary vocabulary() const;
     std::string place() const;
 
     ShellLine& m_line;
     const Route& m_route;
     const Output& m_output;
     const bool m_isInteractive;
-    std::vector<CommandLine::Listed> m_commands; ///< of the program and of the shell
-    QStringList m_names;                         ///< of variables and tags
+    Vocabulary m_vocabulary;
     std::unique_ptr<Prompt> m_prompt;
     std::vector<std::unique_ptr<BackgroundWatch>> m_watches;
     int m_lastWatch = 0;

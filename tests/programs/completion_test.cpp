@@ -4,7 +4,8 @@ namespace {
 
 /// What bash offers for the last of these words after the program, in a shell that has only loaded
 /// its completion.
-QStringList offeredFor(const QString& program, const QStringList& words)
+QStringList offeredFor(const QString& program, const QStringList& words,
+                       const QString& folder = QString())
 {
     const QString name = program.section('/', -1);
     const QString script =
@@ -14,11 +15,13 @@ QStringList offeredFor(const QString& program, const QStringList& words)
                        "COMP_WORDS=(\"$@\") COMP_CWORD=$(($# - 1)) COMPREPLY=()\n"
                        "_${name/-/_}\n"
                        "printf '%s\\n' \"${COMPREPLY[@]}\"\n");
-    const Result result = runProgram(
-        "bash", QStringList{"--norc", "-c", script, "bash",
-                            MICRO850_SOURCE_DIR "/share/bash-completion/completions/" + name, name,
-                            program} +
-                    words);
+    const Result result =
+        runProgram("bash",
+                   QStringList{"--norc", "-c", script, "bash",
+                               MICRO850_SOURCE_DIR "/share/bash-completion/completions/" + name,
+                               name, program} +
+                       words,
+                   {}, folder);
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
     QStringList lines = linesOf(result.out);
@@ -48,8 +51,8 @@ QStringList optionsIn(const Result& help)
 
 TEST(Completion, OffersTheCommands)
 {
-    EXPECT_EQ(offered({""}), (QStringList{"check", "doctor", "history", "import", "log", "poll", "probe",
-                                          "read", "shell", "trace", "watch", "write"}));
+    EXPECT_EQ(offered({""}), (QStringList{"check", "doctor", "history", "import", "log", "poll",
+                                          "probe", "read", "shell", "trace", "watch", "write"}));
     EXPECT_EQ(offered({"w"}), (QStringList{"watch", "write"}));
     EXPECT_EQ(offered({"--v"}), QStringList("--version"));
 }
@@ -88,6 +91,38 @@ TEST(Completion, OffersFiles)
     EXPECT_EQ(offered({"poll", MICRO850_SOURCE_DIR "/examples/plant.pro"}),
               QStringList(MICRO850_SOURCE_DIR "/examples/plant.project.json"));
     EXPECT_EQ(offered({"read", "--port", "/dev/nul"}), QStringList("/dev/null"));
+}
+
+// The project is the one that the command itself would use.
+TEST(Completion, OffersTheVariablesOfTheProject)
+{
+    const QTemporaryDir folder;
+    const auto project = [&folder](const char* name, const QByteArray& variables) {
+        QFile file(folder.filePath(name));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("{\"variables\": [" + variables + "]}");
+        return file.fileName();
+    };
+    project("plant.json", R"({"tag": "Speed"}, {"tag": "Spare"}, {"tag": "Level"})");
+    const QString other = project("other.json", R"({"tag": "Heat"}, {"name": "Tank 1", "tag": "L"},
+        {"name": "Fill = 5", "tag": "F"}, {"name": "It's", "tag": "I"})");
+    const auto here = [&folder](const QStringList& words) {
+        return offeredFor(MICRO850_HOST, words, folder.path());
+    };
+    EXPECT_EQ(here({"read", "Sp"}), (QStringList{"Spare", "Speed"}));
+    EXPECT_EQ(here({"watch", "Level", ""}), (QStringList{"Level", "Spare", "Speed"}));
+    EXPECT_EQ(here({"write", "Le"}), QStringList("Level="));
+    EXPECT_EQ(here({"write", "Level", "=", ""}), QStringList());
+    EXPECT_EQ(here({"write", "Level", "="}), QStringList());
+    EXPECT_EQ(here({"read", "Speed", "-p", "/dev/null", ""}), QStringList());
+    const QStringList named = {"read", "--project", other};
+    EXPECT_EQ(here(named + QStringList("He")), QStringList("Heat"));
+    EXPECT_EQ(here({"read", "--project", "=", other, "He"}), QStringList("Heat"));
+    EXPECT_EQ(here(named + QStringList("T")), QStringList("Tank\\ 1"));
+    EXPECT_EQ(here(named + QStringList("'T")), QStringList("Tank 1"));
+    EXPECT_EQ(here(named + QStringList("F")), QStringList("\\\"Fill\\ =\\ 5\\\""));
+    EXPECT_EQ(here(named + QStringList("I")), QStringList("It\\'s"));
+    EXPECT_EQ(here({"read", "--project", "none.json", "S"}), QStringList());
 }
 
 TEST(Completion, OffersCommandsOptionsAndConfigurationsOfTheGateway)
