@@ -132,6 +132,8 @@ bool ShellSession::takeLine(const Interrupt& interrupt)
         work();
     }
     m_isTyping = false;
+    if (!m_hasLine || m_prompt->isAtEnd())
+        m_prompt->leave();
     m_prompt->end();
     ++m_lineNumber;
     return m_hasLine && !m_prompt->isAtEnd();
@@ -166,7 +168,8 @@ void ShellSession::waitForKeys(Duration time)
 void ShellSession::serveKeys()
 {
     pollfd input = {STDIN_FILENO, POLLIN, 0};
-    if (m_isTyping && !m_hasLine && !m_isHidden && ::poll(&input, 1, 0) == 1)
+    if (m_isTyping && !m_hasLine && !m_isHidden &&
+        (m_prompt->hasMore() || ::poll(&input, 1, 0) == 1))
         m_hasLine = m_prompt->serve();
 }
 

@@ -7,6 +7,7 @@
 #include <QtCore/QFileInfo>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cwchar>
 #include <histedit.h>
@@ -28,6 +29,13 @@ winsize windowSize()
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
         size.ws_col = 80;
     return size;
+}
+
+volatile std::sig_atomic_t stopAsked = 0;
+
+void noteStop(int)
+{
+    stopAsked = 1;
 }
 
 // How many cells of the terminal the text takes.
@@ -100,6 +108,9 @@ void EditedPrompt::begin()
     m_columns = size.ws_col;
     m_rows = size.ws_row;
     el_resize(m_editor);
+    struct sigaction action = {};
+    action.sa_handler = noteStop;
+    ::sigaction(SIGTSTP, &action, &m_before);
     // From now on a call handles one key. This also shows the prompt.
     el_set(m_editor, EL_UNBUFFERED, 1);
     m_isShown = true;
@@ -107,13 +118,36 @@ void EditedPrompt::begin()
 
 void EditedPrompt::end()
 {
-    if (m_isShown)
+    if (m_isShown) {
         el_set(m_editor, EL_UNBUFFERED, 0);
+        ::sigaction(SIGTSTP, &m_before, nullptr);
+    }
     m_isShown = false;
+}
+
+bool EditedPrompt::hasMore() const
+{
+    return stopAsked != 0;
+}
+
+// Ctrl-Z: the shell that started the program finds the terminal as it was. Once this program goes
+// on, the line is edited further.
+void EditedPrompt::stop()
+{
+    struct sigaction caught = {};
+    stopAsked = 0;
+    el_set(m_editor, EL_PREP_TERM, 0);
+    ::sigaction(SIGTSTP, &m_before, &caught);
+    ::kill(::getpid(), SIGTSTP);
+    ::sigaction(SIGTSTP, &caught, nullptr);
+    el_set(m_editor, EL_PREP_TERM, 1);
+    el_set(m_editor, EL_REFRESH);
 }
 
 bool EditedPrompt::serve()
 {
+    if (stopAsked != 0)
+        stop();
     followSize();
     while (hasInput()) {
         if (handleKey())
@@ -136,8 +170,6 @@ bool EditedPrompt::handleKey()
     pollfd input = {STDIN_FILENO, POLLIN, 0};
     const bool gone = ::poll(&input, 1, 0) == 1 && (input.revents & (POLLHUP | POLLERR)) != 0;
     m_isAtEnd = gone || (text && count == 1 && text[0] == ctrlD);
-    if (m_isAtEnd)
-        print("\n");
     return m_isAtEnd;
 }
 
@@ -188,6 +220,11 @@ void EditedPrompt::cancel()
     print("^C\n");
     end();
     begin();
+}
+
+void EditedPrompt::leave()
+{
+    print("\n");
 }
 
 unsigned char EditedPrompt::complete()

@@ -3,6 +3,8 @@
 
 #include "Prompt.h"
 
+#include <csignal>
+
 struct editline;
 struct history;
 
@@ -24,6 +26,8 @@ public:
     void hide() override;
     void show() override;
     void cancel() override;
+    void leave() override;
+    bool hasMore() const override;
 
 private:
     static char* promptOf(editline* editor);
@@ -34,6 +38,7 @@ private:
     bool handleKey();
     void handleLine(const QByteArray& bytes);
     void followSize();
+    void stop();
     QString beforeCursor() const;
     void loadHistory();
     void saveHistory();
@@ -46,6 +51,7 @@ private:
     int m_columns = 0;
     int m_rows = 0;
     bool m_isShown = false;
+    struct sigaction m_before = {}; ///< how Ctrl-Z was handled
 };
 
 } // namespace micro850::host

@@ -39,7 +39,9 @@ public:
     virtual void show() {}
     /// Drops what was typed of the line, and shows a new prompt.
     virtual void cancel() {}
-    /// True when bytes wait to be served that standard input does not show any more.
+    /// Leaves the line as it is; what is printed next begins a new one.
+    virtual void leave() {}
+    /// True when there is something to serve that standard input does not show.
     virtual bool hasMore() const { return false; }
 
 protected:

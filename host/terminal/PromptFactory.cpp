@@ -56,6 +56,11 @@ public:
         m_bytes.clear();
         show();
     }
+    void leave() override
+    {
+        if (m_isShown)
+            ::fprintf(stderr, "\n");
+    }
     bool hasMore() const override { return m_bytes.contains('\n'); }
 
 private:

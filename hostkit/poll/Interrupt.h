@@ -6,8 +6,8 @@
 
 namespace micro850::host {
 
-/// Catches Ctrl-C and termination while it lives, so that the caller can end in order. A signal
-/// that the program was started to ignore stays ignored.
+/// Catches Ctrl-C, Ctrl-\ and termination while it lives, so that the caller can end in order. A
+/// signal that the program was started to ignore stays ignored.
 class Interrupt
 {
 public:
@@ -25,7 +25,7 @@ public:
     void throwIfRequested() const;
 
 private:
-    std::array<struct sigaction, 3> m_before = {}; ///< how each signal was handled
+    std::array<struct sigaction, 4> m_before = {}; ///< how each signal was handled
 };
 
 } // namespace micro850::host

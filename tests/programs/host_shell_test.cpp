@@ -164,6 +164,37 @@ TEST_F(HostShell, DropsTheLineAtCtrlCAndEndsACommandWithIt)
     ASSERT_TRUE(sees(R"("value":1234)"));
 }
 
+TEST_F(HostShell, EndsInOrderAtCtrlBackslash)
+{
+    simulate();
+    shell();
+    type({"-l", "read Spe"});
+    ASSERT_TRUE(sees("plc> read Spe"));
+    type({"C-\\"});
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_TRUE(sees("plc> read Spe\nicanon\n[status 0]"));
+}
+
+// The shell that started it finds its terminal as it was, and the line is edited further.
+TEST_F(HostShell, GoesOnWithItsLineAfterCtrlZ)
+{
+    simulate();
+    open("XDG_STATE_HOME=state bash --norc -i", 160, 30);
+    enter(QStringLiteral("%1 shell -p %2").arg(QStringLiteral(MICRO850_HOST), port()));
+    ASSERT_TRUE(sees("plc>"));
+    type({"-l", "read Spe"});
+    ASSERT_TRUE(sees("plc> read Spe"));
+    type({"C-z"});
+    ASSERT_TRUE(sees("Stopped"));
+    enter("stty -a | grep -o -- '-*icanon'");
+    ASSERT_TRUE(sees("\nicanon\n"));
+    enter("fg");
+    ASSERT_TRUE(holds([this] { return count("plc> read Spe") == 2; }))
+        << screen().join('\n').toStdString();
+    enterJson("ed");
+    EXPECT_TRUE(sees(R"("value":1234)"));
+}
+
 TEST_F(HostShell, SetsWhatItsCommandsThenUse)
 {
     simulate();

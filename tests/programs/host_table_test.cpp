@@ -180,6 +180,35 @@ TEST_F(HostTable, EndsOnCtrlCInTheSameWay)
     EXPECT_TRUE(sees("micro850-host: station 1 (filler): connected; sent "));
 }
 
+TEST_F(HostTable, EndsOnCtrlBackslashInTheSameWay)
+{
+    poll(150, 40, "--match L; $HOST watch Speed --plot -p $PORT");
+    ASSERT_TRUE(sees("1-10 of 10 that match"));
+    type({"C-\\"});
+    EXPECT_TRUE(sees("micro850-host: station 1 (filler): connected; sent "));
+    ASSERT_TRUE(sees("60 s   q quit"));
+    type({"C-\\"});
+    EXPECT_TRUE(sees("[status 0]"));
+    EXPECT_TRUE(sees("\nicanon"));
+}
+
+TEST_F(HostTable, GoesOnAfterCtrlZ)
+{
+    simulate();
+    open("bash --norc -i", 100, 24);
+    const auto enter = [this](const QString& line) { type({"-l", line}), type({"Enter"}); };
+    enter(QStringLiteral("%1 poll p.json").arg(QStringLiteral(MICRO850_HOST)));
+    ASSERT_TRUE(sees("1-13 of 13"));
+    type({"C-z"});
+    ASSERT_TRUE(sees("Stopped"));
+    enter("stty -a | grep -o -- '-*icanon'");
+    ASSERT_TRUE(sees("\nicanon\n"));
+    enter("fg");
+    ASSERT_TRUE(sees("1-13 of 13"));
+    type({"p"});
+    EXPECT_TRUE(sees("PAUSED 1-13 of 13"));
+}
+
 TEST_F(HostTable, SortsByNameAndByAge)
 {
     poll(100, 30);

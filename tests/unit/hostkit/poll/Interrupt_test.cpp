@@ -8,12 +8,48 @@ using micro850::host::Interrupt;
 
 TEST(InterruptTest, IsRequestedByEachSignalThatEndsAProgram)
 {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         const Interrupt interrupt;
         EXPECT_FALSE(interrupt.requested());
         ::raise(signal);
         EXPECT_TRUE(interrupt.requested()) << signal;
     }
+}
+
+// A shell drops Ctrl-C and goes on, but it ends when it is told to.
+TEST(InterruptTest, KeepsASignalThatEndsTheProgramWhenCtrlCFollows)
+{
+    const Interrupt shell;
+    ::raise(SIGINT);
+    EXPECT_TRUE(shell.isFromKeyboard());
+    ::raise(SIGTERM);
+    EXPECT_FALSE(shell.isFromKeyboard());
+    ::raise(SIGINT);
+    EXPECT_FALSE(shell.isFromKeyboard());
+}
+
+TEST(InterruptTest, ReachesTheCommandWhenItCameJustBefore)
+{
+    const Interrupt shell;
+    ::raise(SIGTERM);
+    {
+        const Interrupt command;
+        EXPECT_TRUE(command.requested());
+    }
+    EXPECT_TRUE(shell.requested());
+}
+
+// The way out of a program that does not end in order.
+TEST(InterruptDeathTest, LetsTheSecondQuitEndTheProgram)
+{
+    EXPECT_EXIT(
+        {
+            const Interrupt interrupt;
+            ::raise(SIGQUIT);
+            if (interrupt.requested())
+                ::raise(SIGQUIT);
+        },
+        ::testing::KilledBySignal(SIGQUIT), "");
 }
 
 // As nohup starts a program.
