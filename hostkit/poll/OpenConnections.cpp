@@ -61,7 +61,7 @@ void OpenConnections::closeAll()
 // connection, does not know it any more, or does not know the service.
 bool OpenConnections::closeOne(const QByteArray& openRequest)
 {
-    const QByteArray frame = wireFrame(closeRequest(openRequest, m_exchange.ownTransaction()));
+    const QByteArray frame = wireFrame(closeRequest(openRequest, m_exchange.lastTransaction()));
     Counters uncounted;
     const Answer answer = m_exchange.run(frame, uncounted, timeoutFor(frame.size()));
     return answer.outcome == Answer::Outcome::Answered;

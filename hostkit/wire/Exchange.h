@@ -82,6 +82,8 @@ public:
     Duration delayFor(Duration budget) const;
     /// A transaction number for a request of the host's own.
     quint16 ownTransaction() { return m_own.next(m_driverNumber); }
+    /// A number for a request that nothing may follow. No program begins with it.
+    quint16 lastTransaction() { return m_own.last(m_driverNumber); }
 
 private:
     struct Attempt;

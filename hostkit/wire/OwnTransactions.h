@@ -27,7 +27,14 @@ public:
     /// A number that is neither the last one drawn nor near those that drivers begin with. Its low
     /// byte, of which the sequence byte is made, is far from that of `driver`, the driver's present
     /// number.
-    quint16 next(quint16 driver)
+    quint16 next(quint16 driver) { return draw(driver, 0); }
+
+    /// Such a number for the last request of a program. Another program's next() never gives it, so
+    /// that the request with which that one begins does not follow its own number.
+    quint16 last(quint16 driver) { return draw(driver, 1); }
+
+private:
+    quint16 draw(quint16 driver, unsigned lowestBitOfHigh)
     {
         const unsigned far = 64;
         const unsigned firstHigh = 0x20;
@@ -38,8 +45,8 @@ public:
             const unsigned ahead = (low - driver) & 0xFFu;
             // A byte 10 is doubled on the line; the sequence byte is 7 more.
             const bool isLonger = low == 0x10 || low + 7 == 0x10;
-            const bool suits =
-                high >= firstHigh && !isLonger && ahead >= far && ahead <= 0x100 - far;
+            const bool suits = high >= firstHigh && high % 2 == lowestBitOfHigh && !isLonger &&
+                               ahead >= far && ahead <= 0x100 - far;
             if (suits && drawn != m_last) {
                 m_last = static_cast<quint16>(drawn);
                 return m_last;
@@ -47,7 +54,6 @@ public:
         }
     }
 
-private:
     std::function<unsigned()> m_random;
     quint16 m_last = 0;
 };

@@ -139,7 +139,6 @@ TEST_F(HostShell, RemembersItsLinesForTheNextTime)
     EXPECT_EQ(QFile(path("state/micro850/shell-history")).permissions() &
                   (QFile::ReadGroup | QFile::ReadOther),
               QFile::Permissions());
-    type({"C-c"});
     shell();
     type({"Up"});
     ASSERT_TRUE(sees("plc> read Speed"));

@@ -30,15 +30,18 @@ void TerminalTest::closeTerminal()
     tmux({"kill-server"});
 }
 
-// The test has its own server; the socket is in the test's directory.
+// The test has its own server; the socket is in the test's directory. Each terminal has its own,
+// since one that ends takes no new terminal.
 Result TerminalTest::tmux(const QStringList& arguments) const
 {
-    return runProgram("tmux", QStringList{"-S", path("tmux"), "-f", "/dev/null"} + arguments,
+    return runProgram("tmux", QStringList{"-S", path("tmux" + QString::number(m_opened)), "-f", "/dev/null"} + arguments,
                       {"LC_ALL=C.UTF-8"});
 }
 
 void TerminalTest::open(const QString& command, int width, int rows)
 {
+    closeTerminal();
+    ++m_opened;
     QString line = command;
     line.replace("$HOST", QStringLiteral(MICRO850_HOST));
     line.replace("$PORT", port());

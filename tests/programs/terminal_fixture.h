@@ -16,7 +16,7 @@ protected:
 
     /// Runs a command line of the shell in the test's directory, in a window of this size. `$HOST`
     /// and `$PORT` are the program and the simulator's port. The exit status follows as
-    /// "[status N]".
+    /// "[status N]". A terminal that was open before is closed.
     void open(const QString& command, int width, int rows);
     void type(const QStringList& keys);
     /// The terminal goes away, as when a window is closed.
@@ -37,6 +37,8 @@ protected:
 
 private:
     Result tmux(const QStringList& arguments) const;
+
+    int m_opened = 0; ///< terminals
 };
 
 #endif

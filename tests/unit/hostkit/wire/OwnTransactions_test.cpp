@@ -20,17 +20,32 @@ OwnTransactions drawing(std::vector<unsigned> numbers)
     });
 }
 
+using Draw = quint16 (OwnTransactions::*)(quint16);
+
+const Draw kDraws[] = {&OwnTransactions::next, &OwnTransactions::last};
+
 /// The numbers that are given beside this one of the driver, when every number is drawn in turn.
 /// Ascending.
-std::vector<quint16> allBeside(quint16 driver)
+std::vector<quint16> allBeside(quint16 driver, Draw draw)
 {
     unsigned drawn = 0;
     OwnTransactions own([&drawn] { return drawn++; });
     std::vector<quint16> given;
     while (drawn < 0x10000)
-        given.push_back(own.next(driver));
+        given.push_back((own.*draw)(driver));
     given.pop_back(); // drawn in the second round, or the last of the first one
     return given;
+}
+
+/// Those of both kinds.
+std::vector<quint16> allBeside(quint16 driver)
+{
+    std::vector<quint16> all;
+    for (const Draw draw : kDraws) {
+        const std::vector<quint16> given = allBeside(driver, draw);
+        all.insert(all.end(), given.begin(), given.end());
+    }
+    return all;
 }
 
 // From 0 to 128: how far apart two bytes are on the circle from 00 to FF and on to 00.
@@ -47,16 +62,29 @@ const quint16 kDriverNumbers[] = {0,      1,      2,      0x0010, 0x0040, 0x007F
 
 TEST(OwnTransactions, AreNotThoseThatProgramsBeginWith)
 {
-    for (const quint16 driver : kDriverNumbers)
-        EXPECT_GE(allBeside(driver).front(), 0x2000) << driver;
+    for (const quint16 driver : kDriverNumbers) {
+        const std::vector<quint16> all = allBeside(driver);
+        EXPECT_GE(*std::min_element(all.begin(), all.end()), 0x2000) << driver;
+    }
     EXPECT_EQ(drawing({0x0070, 0x1FF0, 0x2070}).next(1), 0x2070);
+}
+
+// The number before the first one of a program is the last one of another.
+TEST(OwnTransactions, BeginWithNoneOfThoseThatAreLast)
+{
+    for (const quint16 driver : kDriverNumbers) {
+        const std::vector<quint16> ends = allBeside(driver, &OwnTransactions::last);
+        const std::set<quint16> last(ends.begin(), ends.end());
+        for (const quint16 begin : allBeside(1, &OwnTransactions::next))
+            ASSERT_EQ(last.count(begin), 0u) << begin;
+    }
 }
 
 TEST(OwnTransactions, NeverFollowThemselves)
 {
-    OwnTransactions own = drawing({0x7070, 0x7070, 0x7071, 0x7071, 0x7071});
+    OwnTransactions own = drawing({0x7070, 0x7070, 0x7072, 0x7072, 0x7072});
     EXPECT_EQ(own.next(1), 0x7070);
-    EXPECT_EQ(own.next(1), 0x7071);
+    EXPECT_EQ(own.next(1), 0x7072);
     EXPECT_EQ(own.next(1), 0x7070);
 }
 
@@ -83,11 +111,13 @@ TEST(OwnTransactions, HaveNoByteThatIsDoubledOnTheLine)
     }
 }
 
-// So many that a program hardly draws the last number of the one before.
-TEST(OwnTransactions, AreNearlyHalfOfAllNumbers)
+// So many that two programs that end early hardly draw the same one after the other.
+TEST(OwnTransactions, AreNearlyAQuarterOfAllNumbersForEachKind)
 {
-    for (const quint16 driver : kDriverNumbers)
-        EXPECT_GT(allBeside(driver).size(), 28000u) << driver;
+    for (const quint16 driver : kDriverNumbers) {
+        for (const Draw draw : kDraws)
+            EXPECT_GT(allBeside(driver, draw).size(), 14000u) << driver;
+    }
 }
 
 TEST(OwnTransactions, UseTheLowerBitsOfWhatIsDrawn)
