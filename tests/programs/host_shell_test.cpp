@@ -140,10 +140,12 @@ TEST_F(HostShell, RemembersItsLinesForTheNextTime)
                   (QFile::ReadGroup | QFile::ReadOther),
               QFile::Permissions());
     shell();
+    type({"C-r", "Spe"});
+    ASSERT_TRUE(sees("read Speed"));
+    type({"C-g"});
+    ASSERT_TRUE(seesNo("Spe"));
     type({"Up"});
     ASSERT_TRUE(sees("plc> read Speed"));
-    type({"C-u", "C-r", "Spe"});
-    ASSERT_TRUE(sees("read Speed"));
 }
 
 TEST_F(HostShell, DropsTheLineAtCtrlCAndEndsACommandWithIt)
