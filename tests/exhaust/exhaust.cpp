@@ -1,12 +1,14 @@
-// Every short reply. docs/assurance.md says what is compared.
+// Every short session and every short reply. docs/assurance.md says what is compared.
 
 #include "replies.h"
+#include "sessions.h"
 #include "workers.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -14,6 +16,9 @@ struct Options
 {
     bool quick = false;
     int processes = 2;
+    std::string only;
+
+    bool wants(const char* part) const { return only.empty() || only == part; }
 };
 
 [[noreturn]] void refuse(const std::string& message)
@@ -22,20 +27,36 @@ struct Options
     std::exit(2);
 }
 
-Options parse(int count, char** arguments)
+int processesOf(const std::string& text)
+{
+    char* end = nullptr;
+    const long number = std::strtol(text.c_str(), &end, 10);
+    if (*end != '\0' || number < 1 || number > 1000)
+        refuse("--jobs \"" + text + "\" is not a number of processes (for example --jobs 2)");
+    return static_cast<int>(number);
+}
+
+std::string partOf(const std::string& text)
+{
+    if (text != "crc" && text != "replies" && text != "sessions")
+        refuse("--only \"" + text + "\" is no part (use crc, replies or sessions)");
+    return text;
+}
+
+Options parse(const std::vector<std::string>& arguments)
 {
     Options options;
-    for (int i = 1; i < count; ++i) {
-        const std::string argument = arguments[i];
-        if (argument == "--quick") {
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const bool hasValue = i + 1 < arguments.size();
+        if (arguments[i] == "--quick")
             options.quick = true;
-        } else if (argument == "--jobs" && i + 1 < count) {
-            options.processes = std::atoi(arguments[++i]);
-            if (options.processes < 1)
-                refuse("--jobs takes a number of processes, for example --jobs 2");
-        } else {
-            refuse("unknown argument \"" + argument + "\" (use --quick or --jobs N)");
-        }
+        else if (arguments[i] == "--jobs" && hasValue)
+            options.processes = processesOf(arguments[++i]);
+        else if (arguments[i] == "--only" && hasValue)
+            options.only = partOf(arguments[++i]);
+        else
+            refuse("unknown argument \"" + arguments[i] +
+                   "\" (use --quick, --jobs N or --only PART)");
     }
     return options;
 }
@@ -80,13 +101,17 @@ std::string grouped(std::uint64_t number)
     return text;
 }
 
-void checkReplies(Report& report, bool quick)
+void checkCrc(Report& report)
 {
-    const auto steps = report.run({replies::checkCrcSteps});
+    const auto steps = report.run(replies::crcJobs());
     if (report.failed())
         return;
     std::printf("steps of the CRC: %s as defined, %.1f s\n", grouped(steps[0]).c_str(),
                 report.seconds());
+}
+
+void checkReplies(Report& report, bool quick)
+{
     const int longest = quick ? 5 : 8;
     const auto counts = report.run(replies::jobs(longest, quick ? 100 : 1000));
     if (report.failed())
@@ -98,12 +123,37 @@ void checkReplies(Report& report, bool quick)
                 grouped(counts[replies::Intact]).c_str(), report.seconds());
 }
 
+void checkSessions(Report& report, int stations, const std::string& tags, int length)
+{
+    if (report.failed())
+        return;
+    const auto counts = report.run(sessions::jobs(stations, tags, length));
+    if (report.failed())
+        return;
+    std::printf("sessions of %d steps, stations: %d, tags: %s: %s as the model says; %s states, "
+                "%s steps, %s values fetched, %.1f s\n",
+                length, stations, tags.c_str(), grouped(counts[sessions::Sessions]).c_str(),
+                grouped(counts[sessions::States]).c_str(), grouped(counts[sessions::Steps]).c_str(),
+                grouped(counts[sessions::Fetched]).c_str(), report.seconds());
+}
+
 } // namespace
 
 int main(int count, char** arguments)
 {
-    const Options options = parse(count, arguments);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    const Options options = parse(std::vector<std::string>(arguments + 1, arguments + count));
     Report report(options.processes);
-    checkReplies(report, options.quick);
+    if (options.wants("crc"))
+        checkCrc(report);
+    if (options.wants("replies") && !report.failed())
+        checkReplies(report, options.quick);
+    if (options.wants("sessions")) {
+        checkSessions(report, 2, "AB", options.quick ? 3 : 5);
+        for (const char* tag : {"A", "B"})
+            checkSessions(report, 1, tag, options.quick ? 4 : 6);
+        for (const char* tag : {"C", "D", "E", "F"})
+            checkSessions(report, 1, tag, options.quick ? 3 : 5);
+    }
     return report.failed() ? 1 : 0;
 }

@@ -47,6 +47,29 @@ bool crcsAre(unsigned int expected, const QByteArray& data)
            CRC16_IBM(reinterpret_cast<unsigned char*>(bytes.data()), 3) == expected;
 }
 
+// Each value of the register is reached by one message of two bytes, and extended by the bytes from
+// `first` up to `end`.
+workers::Outcome checkCrcSteps(unsigned int first, unsigned int end)
+{
+    workers::Outcome outcome{{0}, ""};
+    std::vector<bool> reached(0x10000);
+    for (unsigned int message = first << 16; message < end << 16; ++message) {
+        const unsigned int crc = definedStep(definedStep(0, message & 0xFF), message >> 8 & 0xFF);
+        const unsigned int next = definedStep(crc, message >> 16);
+        reached[crc] = true;
+        ++outcome.counts[0];
+        const QByteArray data = wire::little(message, 3);
+        if (!crcsAre(next, data)) {
+            outcome.difference = "By the definition the CRC of the bytes " + wire::text(data) +
+                                 " is " + wire::text(wire::little(next, 2)) + ".";
+            return outcome;
+        }
+    }
+    if (std::find(reached.begin(), reached.end(), false) != reached.end())
+        outcome.difference = "Two bytes do not reach every value of the register.";
+    return outcome;
+}
+
 // ---- One reply ----------------------------------------------------------------------------------
 
 /// A driver with one read in flight, and what every reply to it is compared with.
@@ -208,26 +231,13 @@ workers::Outcome judgeBodies(int longest, int first, int step)
 
 } // namespace
 
-// Each value of the register is reached by one message of two bytes, and extended by each byte.
-workers::Outcome checkCrcSteps()
+std::vector<workers::Job> crcJobs()
 {
-    workers::Outcome outcome{{0}, ""};
-    std::vector<bool> reached(0x10000);
-    for (unsigned int message = 0; message < 0x1000000; ++message) {
-        const unsigned int crc = definedStep(definedStep(0, message & 0xFF), message >> 8 & 0xFF);
-        const unsigned int next = definedStep(crc, message >> 16);
-        reached[crc] = true;
-        ++outcome.counts[0];
-        const QByteArray data = wire::little(message, 3);
-        if (!crcsAre(next, data)) {
-            outcome.difference = "By the definition the CRC of the bytes " + wire::text(data) +
-                                 " is " + wire::text(wire::little(next, 2)) + ".";
-            return outcome;
-        }
-    }
-    if (std::find(reached.begin(), reached.end(), false) != reached.end())
-        outcome.difference = "Two bytes do not reach every value of the register.";
-    return outcome;
+    const unsigned int slice = 0x20;
+    std::vector<workers::Job> jobs;
+    for (unsigned int byte = 0; byte < 0x100; byte += slice)
+        jobs.emplace_back([=] { return checkCrcSteps(byte, byte + slice); });
+    return jobs;
 }
 
 std::vector<workers::Job> jobs(int longest, int thorough)
@@ -237,8 +247,9 @@ std::vector<workers::Job> jobs(int longest, int thorough)
         bodies += ofSize *= kLetters;
     const int step = qMax(1, bodies / (thorough + kLetters));
     std::vector<workers::Job> jobs;
+    jobs.reserve(kLetters);
     for (int first = 0; first < kLetters; ++first)
-        jobs.push_back([=] { return judgeBodies(longest, first, step); });
+        jobs.emplace_back([=] { return judgeBodies(longest, first, step); });
     return jobs;
 }
 

@@ -7,7 +7,7 @@
 namespace replies {
 
 /// Every step of the CRC: each value of its register, extended by each byte. Counts the steps.
-workers::Outcome checkCrcSteps();
+std::vector<workers::Job> crcJobs();
 
 /// What `counts` of an outcome are.
 enum Count { Judged, Intact, Cut, Changed, Counts };

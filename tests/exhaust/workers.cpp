@@ -66,8 +66,10 @@ std::vector<Outcome> run(const std::vector<Job>& jobs, int processes)
 {
     std::vector<Outcome> outcomes(jobs.size());
     std::map<pid_t, Child> children;
-    for (std::size_t next = 0; next < jobs.size() || !children.empty();) {
-        if (next < jobs.size() && children.size() < static_cast<std::size_t>(processes)) {
+    bool differs = false;
+    for (std::size_t next = 0; (next < jobs.size() && !differs) || !children.empty();) {
+        if (next < jobs.size() && !differs && children.size() < static_cast<std::size_t>(processes))
+        {
             start(jobs[next], next, children);
             ++next;
             continue;
@@ -76,7 +78,9 @@ std::vector<Outcome> run(const std::vector<Job>& jobs, int processes)
         const auto child = children.find(wait(&status));
         if (child == children.end())
             continue;
-        outcomes[child->second.job] = read(child->second.report, status);
+        Outcome& outcome = outcomes[child->second.job];
+        outcome = read(child->second.report, status);
+        differs = differs || !outcome.difference.empty();
         children.erase(child);
     }
     return outcomes;

@@ -19,7 +19,7 @@ struct Outcome
 typedef std::function<Outcome()> Job;
 
 /// Runs every job in a child process, `processes` of them at a time, and returns their outcomes in
-/// the order of the jobs. A child that dies is a difference.
+/// the order of the jobs. A child that dies is a difference. After a difference no job is started.
 std::vector<Outcome> run(const std::vector<Job>& jobs, int processes);
 
 } // namespace workers
