@@ -24,6 +24,17 @@ Access::Access(const LineOptions& options, const Route& route, const Project& pr
 
 Access::~Access() = default;
 
+ArrayLengths& Access::lengths()
+{
+    SharedLine* const shared = SharedLine::current();
+    return shared ? shared->lengths() : m_lengths;
+}
+
+int Access::lengthOf(const TagKey& tag)
+{
+    return lengths().lengthOf(*m_tags, tag, [this] { m_interrupt.throwIfRequested(); });
+}
+
 void Access::finish()
 {
     m_tags->finish();

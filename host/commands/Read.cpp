@@ -1,10 +1,13 @@
 #include "Access.h"
+#include "Page.h"
 #include "Targets.h"
 #include "UserError.h"
+#include "Visible.h"
 
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <unistd.h>
 
 namespace micro850::host {
 
@@ -31,34 +34,52 @@ struct Read
     ExitStatus status = kExitDone;
 };
 
+/// The widths of the columns in front of the values.
+struct Widths
+{
+    int name = 0;
+    int type = 0;
+};
+
+QString cell(const QString& text, int width)
+{
+    return fitted(visible(text), width) + QStringLiteral("  ");
+}
+
 /// All reads of one command. Each has its line, or its object, in the order of the arguments.
 class Reads
 {
 public:
     Reads(const ReadOptions& options, const Project& project, const Output& output);
 
-    bool anyRefused() const { return status() != kExitDone; }
+    /// False when a user's mistake is known: nothing is read then.
+    bool mayBeRead() const { return status() < kExitUsage; }
     ExitStatus status() const;
     QVector<Target> targets() const;
-    /// Refuses an index into a string and a type that is not the project's, as soon as the types
-    /// are known.
-    void checkTypes(TagAccess& access, const Interrupt& interrupt);
-    void carryOut(TagAccess& access, const Interrupt& interrupt);
+    /// Learns the types of all tags and finds the ends of arrays. Refuses what cannot be asked for.
+    void prepare(Access& access);
+    void carryOut(Access& access);
     /// Reports those that are left: what was refused, and why the others were not tried.
     void close(const QString& why);
 
 private:
     void refuse(Read& read, const UserError& error);
     void refuse(Read& read, const TagRefused& error);
-    void checkType(Read& read, TagAccess& access);
-    void readTarget(Read& read, TagAccess& access, const Interrupt& interrupt);
+    void prepare(Read& read, Access& access);
+    void resolveEnd(Target& target, Access& access) const;
+    void tellOfMoreElements(const Target& target, Access& access) const;
+    Widths widths(TagAccess& access) const;
+    void readTarget(Read& read, Access& access);
     void print(const Target& target, const CipType& type,
                const QVector<QByteArray>& elements) const;
+    void printElement(const Target& target, int i, const CipType& type,
+                      const QByteArray& element) const;
     void printError(const Read& read, const QString& error) const;
 
     const Project& m_project;
     const Output& m_output;
     QVector<Read> m_reads;
+    Widths m_widths;
     int m_reported = 0;
 };
 
@@ -111,24 +132,23 @@ QVector<Target> Reads::targets() const
     return targets;
 }
 
-void Reads::checkTypes(TagAccess& access, const Interrupt& interrupt)
+void Reads::prepare(Access& access)
 {
     for (Read& read : m_reads) {
-        interrupt.throwIfRequested();
-        // Every tag has an element 0.
-        if (read.target->type() || read.target->element + read.target->elements() > 1)
-            checkType(read, access);
+        access.interrupt().throwIfRequested();
+        prepare(read, access);
     }
+    m_widths = widths(access.tags());
 }
 
-// What cannot be asked for is a mistake of the user; what the controller refuses is found again
-// when the tag is read.
-void Reads::checkType(Read& read, TagAccess& access)
+// A tag that the controller refuses is not asked for again.
+void Reads::prepare(Read& read, Access& access)
 {
     try {
-        read.target->requireType(access.typeOf(read.target->tag));
-    } catch (const TagRefused&) {
-        return;
+        read.target->requireType(access.tags().typeOf(read.target->tag));
+        resolveEnd(*read.target, access);
+    } catch (const TagRefused& error) {
+        refuse(read, error);
     } catch (const UserError& error) {
         if (error.status() != kExitUsage)
             throw;
@@ -136,56 +156,117 @@ void Reads::checkType(Read& read, TagAccess& access)
     }
 }
 
-void Reads::carryOut(TagAccess& access, const Interrupt& interrupt)
+void Reads::resolveEnd(Target& target, Access& access) const
+{
+    if (!target.address.toEnd)
+        return;
+    const int length = access.lengthOf(target.tag);
+    if (target.element >= length) {
+        throw TagRefused(target.address.text().toStdString(),
+                         "the array has " + std::to_string(length) +
+                             (length == 1 ? " element" : " elements"));
+    }
+    target.address.elements = length - target.element;
+    target.address.toEnd = false;
+}
+
+Widths Reads::widths(TagAccess& access) const
+{
+    Widths widths;
+    for (const Read& read : m_reads) {
+        if (read.status != kExitDone)
+            continue;
+        const Target& target = *read.target;
+        const QString last = target.address.elementName(target.elements() - 1);
+        const QString type = QLatin1String(target.shownType(access.typeOf(target.tag)));
+        widths.name = std::max(widths.name, displayWidth(visible(last)));
+        widths.type = std::max(widths.type, displayWidth(type));
+    }
+    return widths;
+}
+
+void Reads::carryOut(Access& access)
 {
     while (m_reported < m_reads.size()) {
-        interrupt.throwIfRequested();
-        readTarget(m_reads[m_reported], access, interrupt);
+        access.interrupt().throwIfRequested();
+        Read& read = m_reads[m_reported];
+        if (read.status == kExitDone)
+            readTarget(read, access);
+        else
+            ++m_reported;
+        if (read.status != kExitDone) {
+            printError(read, read.error);
+            m_output.error(read.message);
+        }
     }
 }
 
-void Reads::readTarget(Read& read, TagAccess& access, const Interrupt& interrupt)
+void Reads::readTarget(Read& read, Access& access)
 {
     const Target& target = *read.target;
     Progress progress(m_output, target.address.text(), target.elements());
     try {
-        const CipType& type = access.typeOf(target.tag);
+        const CipType& type = access.tags().typeOf(target.tag);
         const bool isLong = target.elements() * type.size > kLongBytes;
         const auto show = [&](int done) {
-            interrupt.throwIfRequested();
+            access.interrupt().throwIfRequested();
             if (isLong)
                 progress.show(done);
         };
         const QVector<QByteArray> elements =
-            access.read(target.tag, target.element, target.elements(), show);
+            access.tags().read(target.tag, target.element, target.elements(), show);
         progress.clear();
         ++m_reported;
         print(target, type, elements);
+        tellOfMoreElements(target, access);
     } catch (const TagRefused& error) {
         progress.clear();
+        access.forgetLengthOf(target.tag); // the controller's program may be another one by now
         refuse(read, error);
         ++m_reported;
-        printError(read, read.error);
-        m_output.error(read.message);
+    }
+}
+
+// Only a person is told: it costs some reads, of elements that may not be there.
+void Reads::tellOfMoreElements(const Target& target, Access& access) const
+{
+    const bool isTold = !m_output.json() && !m_output.quiet() && isatty(STDERR_FILENO) == 1;
+    if (!isTold || target.variable || target.address.indexed)
+        return;
+    const int length = access.lengthOf(target.tag);
+    if (length > 1) {
+        const QString name = target.address.text();
+        m_output.note(QStringLiteral("%1: this is the first of %2 elements (%1[] reads all, "
+                                     "%1[0..%3] some)")
+                          .arg(name, QString::number(length), QString::number(length - 1)));
     }
 }
 
 void Reads::print(const Target& target, const CipType& type,
                   const QVector<QByteArray>& elements) const
 {
-    for (int i = 0; i < elements.size(); ++i) {
-        const QString name = target.address.elementName(i);
-        const CipValue value = decodeElement(type, elements.at(i));
-        Json object = {{"name", target.address.exactElementName(i).toStdString()},
-                       {"station", target.tag.station},
-                       {"tag", target.tag.name.toStdString()},
-                       {"element", target.element + i},
-                       {"type", type.name},
-                       {"value", jsonOf(target.scaling.shown(type, value))}};
-        if (!target.unit.isEmpty())
-            object["unit"] = target.unit.toStdString();
-        m_output.data(object, name + QStringLiteral(" = ") + target.text(type, value));
-    }
+    for (int i = 0; i < elements.size(); ++i)
+        printElement(target, i, type, elements.at(i));
+}
+
+void Reads::printElement(const Target& target, int i, const CipType& type,
+                         const QByteArray& element) const
+{
+    const char* const shownType = target.shownType(type);
+    const CipValue value = target.valueIn(type, element);
+    Json object = {{"name", target.address.exactElementName(i).toStdString()},
+                   {"station", target.tag.station},
+                   {"tag", target.tag.name.toStdString()},
+                   {"element", target.element + i}};
+    if (target.isBit())
+        object["bit"] = target.address.bit;
+    object["type"] = shownType;
+    object["value"] = jsonOf(target.isBit() ? value : target.scaling.shown(type, value));
+    if (!target.unit.isEmpty())
+        object["unit"] = target.unit.toStdString();
+    m_output.data(object, cell(target.address.elementName(i), m_widths.name) +
+                              cell(QLatin1String(shownType), m_widths.type) +
+                              (target.isBit() ? valueText(value) : target.text(type, value)));
 }
 
 void Reads::printError(const Read& read, const QString& error) const
@@ -225,9 +306,9 @@ void readAll(Reads& reads, const ReadOptions& options, const Route& route)
     requirePort(route.project, options.line);
     const Project bare = withoutVariables(route.project, reads.targets());
     Access access(options.line, route, bare);
-    reads.checkTypes(access.tags(), access.interrupt());
-    if (!reads.anyRefused())
-        reads.carryOut(access.tags(), access.interrupt());
+    reads.prepare(access);
+    if (reads.mayBeRead())
+        reads.carryOut(access);
     access.finish();
 }
 
@@ -241,7 +322,7 @@ int run(ReadOptions options)
     const Route route = routeOf(options.line, "read", output, {names, options.tags});
     Reads reads(options, route.project, output);
     try {
-        if (!reads.anyRefused())
+        if (reads.mayBeRead())
             readAll(reads, options, route);
     } catch (const UserError& error) {
         reads.close(QString::fromUtf8(error.what()));
@@ -263,7 +344,8 @@ void addRead(CommandLine& line)
     options->target.addTo(read, options->line);
     options->line.addTo(read);
     options->output.addTo(read);
-    read.footer(std::string(kNamesHelp) +
+    read.footer(std::string(kNamesHelp) + kMoreNamesHelp +
+                "Each element is a line: name, type, value and unit.\n"
                 "What cannot be asked for, such as an index into a string, is refused before "
                 "anything is read.\n"
                 "When the controller refuses a tag, the others are still read. With --json each "

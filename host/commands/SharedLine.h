@@ -1,6 +1,7 @@
 #ifndef MICRO850_HOST_COMMANDS_SHAREDLINE_H
 #define MICRO850_HOST_COMMANDS_SHAREDLINE_H
 
+#include "ArrayLengths.h"
 #include "Commands.h"
 #include "PollLoop.h"
 #include "RemotePlant.h"
@@ -44,6 +45,11 @@ public:
     virtual std::unique_ptr<Plant> attach(const Project& project) = 0;
     /// False: there is no background.
     virtual bool watchInBackground(WatchOrder order) = 0;
+    /// What its commands know of the lengths of arrays.
+    ArrayLengths& lengths() { return m_lengths; }
+
+private:
+    ArrayLengths m_lengths;
 };
 
 } // namespace micro850::host

@@ -11,6 +11,9 @@ const char kNamesHelp[] =
     "index, a tag is its element 0, and a variable is all its elements. The index counts within\n"
     "the variable, from 0. A name may be put in double quotes, and must be if it could be taken\n"
     "for something else: '\"Fill = 5\"[2]'.\n";
+const char kMoreNamesHelp[] =
+    "TAG[] is a whole array and TAG[5..] the rest of it; its length is found by reading single\n"
+    "elements. TAG.3 and TAG[5].3 are one bit, from 0, of an integer or a word of bits.\n";
 
 namespace {
 
@@ -66,21 +69,41 @@ void requireReachableOf(const Target& target, const CipType& type)
     requireReachable(type, target.element, target.elements(), target.address.text());
 }
 
+// Bits are those of the controller's number.
+void requireBitOf(const Target& target, const CipType& type)
+{
+    const int bit = target.address.bit;
+    const bool hasBits = type.kind == CipKind::Signed || type.kind == CipKind::Unsigned ||
+                         type.kind == CipKind::Bits;
+    if (bit < 0 || (hasBits && bit < 8 * type.size))
+        return;
+    const std::string what = hasBits
+                                 ? "which has the bits 0 to " + std::to_string(8 * type.size - 1)
+                                 : "which has no bits that can be read";
+    throw UserError(target.address.text().toStdString() + ": is of type " + type.name + ", " +
+                    what + " (leave the bit out, or correct it)");
+}
+
 // Makes it a target of elements of the variable.
 void bind(Target& target, const Variable& variable)
 {
     TagAddress& address = target.address;
-    if (!address.indexed)
-        address.elements = variable.length;
+    if (!address.indexed || address.toEnd)
+        address.elements = std::max(variable.length - address.element, 1);
+    address.toEnd = false;
     address.indexed = address.indexed || variable.length > 1;
     target.tag = {variable.station, variable.tag};
     target.element += variable.element;
     target.variable = &variable;
-    if (variable.type)
+    if (variable.type) {
         requireReachableOf(target, *variable.type);
+        requireBitOf(target, *variable.type);
+    }
     requireElementsOf(variable, address);
-    target.scaling = Scaling(variable);
-    target.unit = variable.unit;
+    if (!target.isBit()) {
+        target.scaling = Scaling(variable);
+        target.unit = variable.unit;
+    }
 }
 
 template<typename Parse>
@@ -125,6 +148,17 @@ void TargetOptions::addTo(CommandOptions& command, LineOptions& line)
     command.flag("--raw", raw, kRawHelp);
 }
 
+CipValue Target::valueIn(const CipType& type, const QByteArray& bytes) const
+{
+    const CipValue whole = decodeElement(type, bytes);
+    if (!isBit())
+        return whole;
+    const quint64 number = whole.kind() == CipKind::Signed
+                               ? static_cast<quint64>(whole.signedNumber())
+                               : whole.unsignedNumber();
+    return CipValue::ofBoolean((number >> address.bit & 1U) != 0);
+}
+
 QString Target::text(const CipType& type, const CipValue& value) const
 {
     const QString text = scaling.text(type, value);
@@ -145,6 +179,20 @@ void Target::requireType(const CipType& controllers) const
                         " in the project (correct the project)");
     }
     requireReachableOf(*this, controllers);
+    requireBitOf(*this, controllers);
+}
+
+void Target::requireWholeElements() const
+{
+    const std::string name = address.text().toStdString();
+    if (address.bit >= 0)
+        throw UserError(name + ": a bit can only be read, with read (name the whole " +
+                        shownName(address.tag).toStdString() + ")");
+    if (address.toEnd)
+        throw UserError(name +
+                        ": only read looks for the end of an array (name both indices, as "
+                        "in " +
+                        shownName(address.tag).toStdString() + "[0..9])");
 }
 
 TagAddress addressOf(const QString& argument, const Project& project)

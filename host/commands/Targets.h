@@ -2,6 +2,7 @@
 #define MICRO850_HOST_COMMANDS_TARGETS_H
 
 #include "Commands.h"
+#include "Elements.h"
 #include "Project.h"
 #include "Scaling.h"
 #include "TagAccess.h"
@@ -24,13 +25,21 @@ struct Target
     /// The type that the project requires, or null.
     const CipType* type() const { return variable ? variable->type : nullptr; }
     int elements() const { return address.elements; }
+    bool isBit() const { return address.bit >= 0; }
+    /// What is shown of the bytes of an element of this type: the whole value, or the bit that is
+    /// named, a BOOL.
+    const char* shownType(const CipType& type) const { return isBit() ? "BOOL" : type.name; }
+    CipValue valueIn(const CipType& type, const QByteArray& bytes) const;
     /// A value as lines of output show it, with its unit.
     QString text(const CipType& type, const CipValue& value) const;
     /// The name of what the controller refused: one of the elements, or all of them.
     QString nameOf(const TagRefused& refused) const;
     /// Throws UserError when the controller's type is not the project's, and when the driver cannot
-    /// reach the elements of a tag of that type.
+    /// reach the elements of a tag of that type, or it has no such bit.
     void requireType(const CipType& controllers) const;
+    /// Throws UserError for what only `read` takes: a bit, and all elements up to an end that only
+    /// the controller knows.
+    void requireWholeElements() const;
 };
 
 /// The options of the commands that take names of tags.
@@ -65,6 +74,8 @@ Project withoutVariables(Project project, const QVector<Target>& targets);
 
 /// The part of the help that says how a tag is named.
 extern const char kNamesHelp[];
+/// What `read` takes besides.
+extern const char kMoreNamesHelp[];
 
 } // namespace micro850::host
 

@@ -32,6 +32,7 @@ Project watchProject(const WatchOptions& options, const Project& project)
     QVector<Target> targets;
     for (const std::string& text : options.tags) {
         const Target target = targetOf(addressOf(textOf(text), project), project, options.target);
+        target.requireWholeElements();
         Variable variable;
         if (target.variable)
             variable = *target.variable;

@@ -135,6 +135,7 @@ void Writes::parse(Job& job, const QString& argument, const TargetOptions& optio
     try {
         const Assignment assignment = assignmentOf(argument, m_project);
         const Target target = targetOf(assignment.address, m_project, options);
+        target.requireWholeElements();
         for (const QString& value : assignment.valuesFor(target.address)) {
             Element element;
             element.text = value;

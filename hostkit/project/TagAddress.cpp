@@ -17,11 +17,15 @@ bool isPlain(const QString& tag)
 
 namespace {
 
-// A name, the text that encloses it, and the index behind it.
+// The widest types have 64 bits.
+const int kLargestBit = 63;
+
+// The parts of a text.
 struct NamedPart
 {
     QString name;
-    QString index; ///< "[3]", "[0..9]" or nothing
+    QString index; ///< "[3]", "[0..9]", "[5..]", "[]" or nothing
+    QString bit;   ///< ".3" or nothing
 };
 
 bool knows(const IsName& isName, const QString& name)
@@ -52,14 +56,36 @@ int indexOf(const QString& digits, const QString& text)
                     "\" is not a write (write TAG=VALUE or TAG[INDEX]=VALUE)");
 }
 
+// Where the bit at the end of a text begins: at its last dot, or at its end when it has none.
+int beginOfBit(const QString& text)
+{
+    static const QRegularExpression atEnd(QStringLiteral("\\.[0-9]+\\z"));
+    const bool endsWithDigit = !text.isEmpty() && text.at(text.size() - 1).isDigit();
+    const int at = endsWithDigit ? text.lastIndexOf('.') : -1;
+    return at >= 0 && atEnd.match(text, at).hasMatch() ? at : text.size();
+}
+
 // The text without the index at its end.
 NamedPart splitIndex(const QString& text)
 {
-    static const QRegularExpression atEnd(QStringLiteral("\\[[0-9]+(?:\\.\\.[0-9]+)?\\]\\z"));
+    static const QRegularExpression atEnd(QStringLiteral("\\[(?:[0-9]+(?:\\.\\.[0-9]*)?)?\\]\\z"));
     const int at = text.endsWith(']') ? text.lastIndexOf('[') : -1;
     if (at < 0 || !atEnd.match(text, at).hasMatch())
-        return {text, QString()};
-    return {text.left(at), text.mid(at)};
+        return {text, QString(), QString()};
+    return {text.left(at), text.mid(at), QString()};
+}
+
+// The text without index and bit at its end, unless they belong to the name of a variable.
+NamedPart splitName(const QString& text, const IsName& isName)
+{
+    if (knows(isName, text))
+        return {text, QString(), QString()};
+    const int at = beginOfBit(text);
+    const QString whole = text.left(at);
+    NamedPart part =
+        knows(isName, whole) ? NamedPart{whole, QString(), QString()} : splitIndex(whole);
+    part.bit = text.mid(at);
+    return part;
 }
 
 // Where the closing quote of a text that begins with a quote is, or -1.
@@ -85,25 +111,50 @@ QString unquoted(const QString& text)
     return name;
 }
 
+int bitOf(const QString& digits, const QString& text)
+{
+    bool good = false;
+    const int bit = digits.toInt(&good);
+    if (!good || bit > kLargestBit) {
+        throw UserError('"' + text.toStdString() + "\": no type has a bit " + digits.toStdString() +
+                        " (0 to " + std::to_string(kLargestBit) +
+                        "; a name that ends in .NUMBER stands in double quotes)");
+    }
+    return bit;
+}
+
+QString quoted(QString name)
+{
+    name.replace('\\', QLatin1String("\\\\")).replace('"', QLatin1String("\\\""));
+    return '"' + name + '"';
+}
+
 TagAddress addressOf(const NamedPart& part, const QString& text, const IsName& isName)
 {
-    static const QRegularExpression form(QStringLiteral("^\\[([0-9]+)(?:\\.\\.([0-9]+))?\\]$"));
+    static const QRegularExpression form(
+        QStringLiteral("^\\[(?:([0-9]+)(?:(\\.\\.)([0-9]*))?)?\\]$"));
     const bool isTag =
         !part.name.isEmpty() && part.name.size() <= kLongestTag && isPlain(part.name);
     if (!isTag && !knows(isName, part.name))
         refuseTag(text);
     TagAddress address;
     address.tag = part.name;
+    address.looksLikeBit = beginOfBit(part.name) < part.name.size() && !knows(isName, part.name);
+    if (!part.bit.isEmpty())
+        address.bit = bitOf(part.bit.mid(1), text);
     if (part.index.isEmpty())
         return address;
     const QRegularExpressionMatch index = form.match(part.index);
     if (!index.hasMatch())
         refuseTag(text);
     address.indexed = true;
-    address.element = indexOf(index.captured(1), text);
-    if (index.captured(2).isEmpty())
+    address.toEnd = index.captured(3).isEmpty() &&
+                    (index.captured(1).isEmpty() || !index.captured(2).isEmpty());
+    if (!index.captured(1).isEmpty())
+        address.element = indexOf(index.captured(1), text);
+    if (index.captured(3).isEmpty())
         return address;
-    const int last = indexOf(index.captured(2), text);
+    const int last = indexOf(index.captured(3), text);
     if (last < address.element) {
         throw UserError('"' + text.toStdString() +
                         "\": the last index is before the first (write TAG[FIRST..LAST])");
@@ -119,7 +170,7 @@ int equalsSignAfterName(const QString& text, const IsName& isName)
     int longest = -1;
     for (int at = found; isName && at >= 0; at = text.indexOf('=', at + 1)) {
         const QString left = text.left(at);
-        for (const QString& name : {left, splitIndex(left).name}) {
+        for (const QString& name : {left, splitName(left, isName).name}) {
             if (name.size() > longest && isName(name)) {
                 longest = name.size();
                 found = at;
@@ -129,16 +180,34 @@ int equalsSignAfterName(const QString& text, const IsName& isName)
     return found;
 }
 
-QString indexText(int element)
+QString nameText(const TagAddress& address)
 {
-    return '[' + QString::number(element) + ']';
+    return address.looksLikeBit ? quoted(address.tag) : shownName(address.tag);
 }
 
-QString rangeText(const TagAddress& address)
+QString bitText(const TagAddress& address)
 {
-    return QStringLiteral("[%1..%2]")
-        .arg(address.element)
-        .arg(address.element + address.elements - 1);
+    return address.bit >= 0 ? '.' + QString::number(address.bit) : QString();
+}
+
+// What stands behind the name of one element.
+QString elementText(const TagAddress& address, int offset)
+{
+    const QString element = QString::number(address.element + offset);
+    return (address.indexed ? '[' + element + ']' : QString()) + bitText(address);
+}
+
+// What stands behind the name of all elements.
+QString addressText(const TagAddress& address)
+{
+    if (address.elements == 1 && !address.toEnd)
+        return elementText(address, 0);
+    QString range;
+    if (!address.toEnd || address.element > 0)
+        range = QString::number(address.element) + QStringLiteral("..");
+    if (!address.toEnd)
+        range += QString::number(address.element + address.elements - 1);
+    return '[' + range + ']' + bitText(address);
 }
 
 // Without an index, one value could be meant for the first element only.
@@ -163,43 +232,40 @@ QString shownName(const QString& name)
     const bool clear = !name.isEmpty() && !name.startsWith('"') && name.trimmed() == name &&
                        !name.contains('=') && !name.contains('[') && !name.contains(']') &&
                        !name.contains(QLatin1String(": "));
-    if (clear)
-        return name;
-    QString escaped = name;
-    escaped.replace('\\', QLatin1String("\\\\")).replace('"', QLatin1String("\\\""));
-    return '"' + escaped + '"';
+    return clear ? name : quoted(name);
 }
 
 TagAddress TagAddress::fromText(const QString& text, const IsName& isName)
 {
-    if (text.startsWith('"')) {
-        const int end = closingQuote(text);
-        if (end < 0)
-            refuseTag(text);
-        return addressOf({unquoted(text.mid(1, end - 1)), text.mid(end + 1)}, text, isName);
-    }
-    const NamedPart whole = {text, QString()};
-    return addressOf(knows(isName, text) ? whole : splitIndex(text), text, isName);
+    if (!text.startsWith('"'))
+        return addressOf(splitName(text, isName), text, isName);
+    const int end = closingQuote(text);
+    if (end < 0)
+        refuseTag(text);
+    const QString behind = text.mid(end + 1);
+    const int bit = beginOfBit(behind);
+    return addressOf({unquoted(text.mid(1, end - 1)), behind.left(bit), behind.mid(bit)}, text,
+                     isName);
 }
 
 QString TagAddress::elementName(int offset) const
 {
-    return indexed ? shownName(tag) + indexText(element + offset) : shownName(tag);
+    return nameText(*this) + elementText(*this, offset);
 }
 
 QString TagAddress::exactElementName(int offset) const
 {
-    return indexed ? tag + indexText(element + offset) : tag;
+    return tag + elementText(*this, offset);
 }
 
 QString TagAddress::text() const
 {
-    return elements == 1 ? elementName(0) : shownName(tag) + rangeText(*this);
+    return nameText(*this) + addressText(*this);
 }
 
 QString TagAddress::exactText() const
 {
-    return elements == 1 ? exactElementName(0) : tag + rangeText(*this);
+    return tag + addressText(*this);
 }
 
 QStringList Assignment::valuesFor(const TagAddress& elements) const

@@ -23,15 +23,20 @@ QString shownName(const QString& name);
 /// True for the names of a project's variables.
 using IsName = std::function<bool(const QString&)>;
 
-/// NAME, NAME[INDEX] or NAME[FIRST..LAST]. NAME is a tag or a variable of the project.
+/// NAME, NAME[INDEX], NAME[FIRST..LAST], NAME[FIRST..] or NAME[], each also with .BIT behind it.
+/// NAME is a tag or a variable of the project.
 struct TagAddress
 {
     QString tag; ///< or the name of the variable
     int element = 0;
     int elements = 1;
     bool indexed = false;
+    bool toEnd = false; ///< up to the last element, wherever that is: `elements` is not known yet
+    int bit = -1;       ///< of each element; below 0: the whole element
+    /// A tag whose name ends like a bit, so that it stands in quotes: "Word.3" is no bit of Word.
+    bool looksLikeBit = false;
 
-    /// The text of one of its elements: "Speed", "Level[3]".
+    /// The text of one of its elements: "Speed", "Level[3]", "Level[3].15".
     QString elementName(int offset) const;
     /// The address as users write it: "Speed", "Level[3]", "Level[0..9]".
     QString text() const;
@@ -40,8 +45,9 @@ struct TagAddress
     QString exactText() const;
 
     /// A variable's name may contain anything: the longest one that the text begins with counts.
-    /// NAME can be in double quotes, as shownName() writes it. Throws UserError that names the text
-    /// and the form.
+    /// NAME can be in double quotes, as shownName() writes it. Only a decimal number behind the
+    /// last dot is a bit; any other dot belongs to the name, as in "Timer.PRE". Throws UserError
+    /// that names the text and the form.
     static TagAddress fromText(const QString& text, const IsName& isName = IsName());
 };
 

@@ -166,6 +166,11 @@ void checkAddress(const micro850::host::TagAddress& address)
     const micro850::host::TagAddress again =
         micro850::host::TagAddress::fromText(address.elementName(0));
     FUZZ_CHECK(again.tag == address.tag && again.element == address.element);
+    FUZZ_CHECK(again.bit == address.bit && address.bit < 64);
+    const micro850::host::TagAddress all = micro850::host::TagAddress::fromText(address.text());
+    FUZZ_CHECK(all.tag == address.tag && all.element == address.element);
+    FUZZ_CHECK(all.elements == address.elements && all.toEnd == address.toEnd);
+    FUZZ_CHECK(all.bit == address.bit && all.text() == address.text());
 }
 
 void checkTag(FuzzInput& input)

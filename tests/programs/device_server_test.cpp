@@ -382,7 +382,7 @@ TEST_P(DeviceServerTest, TellsASecondClientThatTheLineIsInUseAndServesTheFirst)
         EXPECT_EQ(value["quality"].toString(), QString("good"));
     expectThatNoValueIsWrong(first);
     const Result third = host({"read", "Special", "--port", m_server->address()});
-    EXPECT_EQ(third.out, "Special = 4279177471\n") << third.err;
+    EXPECT_EQ(third.out, "Special  UDINT  4279177471\n") << third.err;
 }
 
 TEST_P(DeviceServerTest, MayStandStillForThreeSeconds)
@@ -483,7 +483,7 @@ TEST_F(SpeedTest, IsSetAtTheFarEndWithRfc2217)
 {
     m_simulator.listenOnlyAt(B115200);
     const Result right = host({"read", "Speed", "--port", m_server.address(), "--baud", "115200"});
-    EXPECT_EQ(right.out, "Speed = 7\n") << right.err;
+    EXPECT_EQ(right.out, "Speed  INT  7\n") << right.err;
     const Result wrong = host({"read", "Speed", "--port", m_server.address(), "--baud", "57600"});
     EXPECT_EQ(wrong.status, 1);
     EXPECT_EQ(wrong.out, "");
@@ -491,7 +491,7 @@ TEST_F(SpeedTest, IsSetAtTheFarEndWithRfc2217)
         file("p.json", R"({"port": {"device": ")" + m_server.address().toStdString() +
                            R"(", "baud": 115200}, "variables": [{"tag": "Speed"}]})");
     const Result named = host({"read", "Speed", "--project", project});
-    EXPECT_EQ(named.out, "Speed = 7\n") << named.err;
+    EXPECT_EQ(named.out, "Speed  INT  7\n") << named.err;
 }
 
 TEST_F(SpeedTest, IsFoundByAScanWithRfc2217)
@@ -515,7 +515,7 @@ TEST_F(SpeedTest, CannotBeSetAtAServerThatPassesBytesOnAsTheyAre)
     DeviceServer raw({Protocol::Raw, device(), 1200, false});
     ASSERT_TRUE(raw.start());
     const Result read = host({"read", "Speed", "--port", raw.address()});
-    EXPECT_EQ(read.out, "Speed = 7\n") << read.err;
+    EXPECT_EQ(read.out, "Speed  INT  7\n") << read.err;
     const Result scan = host({"probe", "--scan", "--port", raw.address()});
     EXPECT_EQ(scan.status, 2);
     EXPECT_EQ(linesOf(scan.err).size(), 1) << scan.err;

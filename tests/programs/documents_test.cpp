@@ -158,7 +158,7 @@ TEST_F(Documents, PrintCommandsThatStartTheSimulator)
                                    "done; micro850-host read Speed --port \"$2\"; kill $!; wait";
             const Result result = runProgram(
                 "bash", {"-c", script, path("."), QFileInfo(MICRO850_HOST).path(), link});
-            EXPECT_NE(result.out.find("Speed = 1234\n"), std::string::npos)
+            EXPECT_NE(result.out.find("Speed  INT  1234\n"), std::string::npos)
                 << document.toStdString() << ": " << line.toStdString() << '\n'
                 << result.err;
         }
@@ -202,7 +202,7 @@ TEST_F(Documents, ShowAConfigurationOfADeviceServerThatWorks)
         // The server takes a moment to listen.
         for (int attempt = 0; attempt < 100 && result.out.empty(); ++attempt)
             result = host({"read", "Speed", "--port", kind->address()});
-        EXPECT_EQ(result.out, "Speed = 1234\n") << result.err;
+        EXPECT_EQ(result.out, "Speed  INT  1234\n") << result.err;
     }
     server.terminate();
     EXPECT_TRUE(server.waitForFinished()) << server.readAll().toStdString();

@@ -83,9 +83,9 @@ TEST_F(FollowingProgram, ReadsAfterAProbeAndProbesAfterARead)
 {
     simulate();
     run({"probe"});
-    EXPECT_EQ(run({"read", "Speed"}), "Speed = 1234\n");
+    EXPECT_EQ(run({"read", "Speed"}), "Speed  INT  1234\n");
     run({"probe"});
-    EXPECT_EQ(run({"read", "Speed", "Level[3]"}), "Speed = 1234\nLevel[3] = 13\n");
+    EXPECT_EQ(run({"read", "Speed", "Level[3]"}), "Speed     INT  1234\nLevel[3]  INT  13\n");
     EXPECT_EQ(repeated(), 0);
 }
 
@@ -94,12 +94,12 @@ TEST_F(FollowingProgram, WritesAfterAReadAndReadsAfterAWrite)
     simulate();
     for (const char* value : {"7", "8", "8", "9"}) {
         run({"write", QStringLiteral("Speed=%1").arg(value)});
-        EXPECT_EQ(run({"read", "Speed"}), std::string("Speed = ") + value + '\n');
+        EXPECT_EQ(run({"read", "Speed"}), std::string("Speed  INT  ") + value + '\n');
     }
     // Without a read in between, too: each write is carried out.
     run({"write", "Speed=10"});
     run({"write", "Speed=11"});
-    EXPECT_EQ(run({"read", "Speed"}), "Speed = 11\n");
+    EXPECT_EQ(run({"read", "Speed"}), "Speed  INT  11\n");
     EXPECT_EQ(repeated(), 0);
 }
 
@@ -118,8 +118,8 @@ TEST_F(FollowingProgram, TakesTurnsWithAnotherTenTimes)
 {
     simulate();
     for (int i = 0; i < 10; ++i) {
-        EXPECT_EQ(run({"read", "Speed"}), "Speed = 1234\n");
-        EXPECT_EQ(run({"read", "Setpoint"}), "Setpoint = 21.5\n");
+        EXPECT_EQ(run({"read", "Speed"}), "Speed  INT  1234\n");
+        EXPECT_EQ(run({"read", "Setpoint"}), "Setpoint  REAL  21.5\n");
     }
     EXPECT_EQ(repeated(), 0);
 }
@@ -152,7 +152,7 @@ TEST_F(FollowingProgram, UsesOneOfSeveralControllers)
     }
     killInTheMiddle(2);
     for (int station = 1; station <= 3; ++station) {
-        EXPECT_EQ(run({"read", "Speed"}, station), "Speed = 1234\n");
+        EXPECT_EQ(run({"read", "Speed"}, station), "Speed  INT  1234\n");
         EXPECT_EQ(repeated(station), 0) << station;
     }
 }
@@ -167,10 +167,11 @@ TEST_F(FollowingProgram, IsAnsweredFromATrace)
         simulateFrom(path(name));
         for (int i = 0; i < 3; ++i) {
             EXPECT_NE(run({"probe"}).find("vendor        4660\n"), std::string::npos);
-            EXPECT_EQ(run({"read", "Speed", "Level[3]"}), "Speed = 1234\nLevel[3] = 13\n");
+            EXPECT_EQ(run({"read", "Speed", "Level[3]"}),
+                      "Speed     INT  1234\nLevel[3]  INT  13\n");
         }
         killInTheMiddle();
-        EXPECT_EQ(run({"read", "Level[3]", "Speed"}), "Level[3] = 13\nSpeed = 1234\n");
+        EXPECT_EQ(run({"read", "Level[3]", "Speed"}), "Level[3]  INT  13\nSpeed     INT  1234\n");
         EXPECT_EQ(repeated(), 0) << name;
         stopSimulator();
         simulate();

@@ -79,7 +79,7 @@ TEST_F(FullDisk, AsStandardOutputStopsNoWrite)
     EXPECT_EQ(result.err,
               std::string("micro850-host: 3 written\nmicro850-host: standard output: ") + kNoSpace);
     EXPECT_EQ(hostOnPort({"read", "Level[0..1]", "Setpoint"}).out,
-              "Level[0] = 5\nLevel[1] = 6\nSetpoint = 7.5\n");
+              "Level[0]  INT   5\nLevel[1]  INT   6\nSetpoint  REAL  7.5\n");
 }
 
 TEST_F(FullDisk, AsStandardOutputLeavesTheOutcomeOfASingleWriteOnStandardError)
@@ -111,7 +111,7 @@ TEST_F(FullDisk, AStandardOutputThatIsNotOpenIsNotAnotherFile)
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.err,
               "micro850-host: standard output: cannot be written: Bad file descriptor\n");
-    EXPECT_EQ(textOf("t.txt").find("Speed = "), std::string::npos);
+    EXPECT_EQ(textOf("t.txt").find("  INT  "), std::string::npos);
     EXPECT_EQ(host({"trace", "t.txt", "--summary"}).status, 0);
 }
 
@@ -126,7 +126,7 @@ TEST_F(FullDisk, ForATraceIsReportedAfterTheWorkIsDone)
                               "--port $PORT --trace t.txt");
     EXPECT_EQ(full.status, 1);
     EXPECT_EQ(full.err, "micro850-host: t.txt: cannot be written: File too large\n");
-    EXPECT_NE(full.out.find("Running = true"), std::string::npos) << full.out;
+    EXPECT_NE(full.out.find("Running   BOOL          true"), std::string::npos) << full.out;
     const Result begin = host({"trace", "t.txt", "--summary"});
     EXPECT_EQ(begin.status, 0);
     EXPECT_EQ(begin.err, ""); // whole records only

@@ -43,7 +43,7 @@ class Demonstration(unittest.TestCase):
         self.assertIn("timed out 0, corrupt 0", self.lines[-1])
 
     def test_writes_and_shows_what_is_refused(self):
-        self.assertIn("demo: read back: Setpoint = 42.25", self.text)
+        self.assertIn("demo: read back: Setpoint  REAL  42.25", self.text)
         self.assertIn("90 is outside its limits", self.text)
 
     def test_serves_the_page_at_the_address_that_it_prints(self):

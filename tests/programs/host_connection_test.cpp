@@ -135,7 +135,7 @@ TEST_F(HostConnection, IsTriedAgainInTheNextSecondWhenAKilledHostHasItsNumber)
         const Result result =
             hostOnPort({"read", "Speed", "--trace", path(QStringLiteral("%1.txt").arg(i))});
         EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_EQ(result.out, "Speed = 1234\n");
+        EXPECT_EQ(result.out, "Speed  INT  1234\n");
         clashed =
             textOf(QStringLiteral("%1.txt").arg(i)).find("(status 01/0100)") != std::string::npos;
     }

@@ -186,7 +186,7 @@ TEST_F(HostGateway, IsUsedForAPortByAnyNameOfTheDevice)
     for (const QString& port : {device("press"), link, QStringLiteral("by-id")}) {
         const Result read = found({"read", "Speed", "--port", port});
         EXPECT_EQ(read.status, 0) << read.err;
-        EXPECT_EQ(read.out, "Speed = 1234\n"); // the tag: no project was named
+        EXPECT_EQ(read.out, "Speed  INT  1234\n"); // the tag: no project was named
         EXPECT_NE(read.err.find("through the gateway of this port"), std::string::npos) << read.err;
         EXPECT_EQ(found({"read", "Speed", "--port", port, "--quiet"}).err, "");
     }
@@ -212,7 +212,8 @@ TEST_F(HostGateway, RefusesWritesByTheRulesOfTheGatewayInWords)
     EXPECT_EQ(notWritable.status, 1);
     EXPECT_EQ(notWritable.err, "micro850-host: Running: is not writable "
                                "(\"writable\": true in the project file allows it)\n");
-    EXPECT_EQ(through({"read", "Running", "Speed"}).out, "Running = true\nSpeed = 123.4 rpm\n");
+    EXPECT_EQ(through({"read", "Running", "Speed"}).out,
+              "Running  BOOL  true\nSpeed    INT   123.4 rpm\n");
 }
 
 TEST_F(HostGateway, WritesNothingUnlessAllOfItIsAllowed)
@@ -226,8 +227,8 @@ TEST_F(HostGateway, WritesNothingUnlessAllOfItIsAllowed)
     ASSERT_TRUE(waitForLog(QStringLiteral("press: station 1: connected")));
     const QStringList all = {"read", "Rotation", "Levels[1..2]", "Target", "Running"};
     const std::string before = through(all).out;
-    ASSERT_EQ(before,
-              "Rotation = 1234\nLevels[1] = 11\nLevels[2] = 12\nTarget = 21.5\nRunning = true\n");
+    ASSERT_EQ(before, "Rotation   INT   1234\nLevels[1]  INT   11\nLevels[2]  INT   12\nTarget     "
+                      "REAL  21.5\nRunning    BOOL  true\n");
 
     const Result locked = through({"write", "Target=30", "Rotation=5", "Running=false"});
     EXPECT_EQ(locked.status, 1);
@@ -283,14 +284,14 @@ TEST_F(HostGateway, TellsHowToChooseAmongLines)
     startGateway();
     for (const char* name : {"press", "oven"})
         ASSERT_TRUE(waitForLog(QString::fromLatin1(name) + ": station 1: connected"));
-    EXPECT_EQ(through({"read", "Heat"}).out, "Heat = 7\n");
+    EXPECT_EQ(through({"read", "Heat"}).out, "Heat  INT  7\n");
     const Result both = through({"read", "Speed"});
     EXPECT_EQ(both.status, 2);
     EXPECT_NE(both.err.find("press and oven both have a variable Speed"), std::string::npos)
         << both.err;
     EXPECT_NE(both.err.find("--line"), std::string::npos);
-    EXPECT_EQ(through({"read", "Speed", "--line", "oven"}).out, "Speed = 8\n");
-    EXPECT_EQ(through({"read", "Speed", "--port", device("press")}).out, "Speed = 123.4 rpm\n");
+    EXPECT_EQ(through({"read", "Speed", "--line", "oven"}).out, "Speed  INT  8\n");
+    EXPECT_EQ(through({"read", "Speed", "--port", device("press")}).out, "Speed  INT  123.4 rpm\n");
     EXPECT_NE(
         through({"read", "Mode"}).err.find("no line of the gateway has a variable Mode; for a tag"),
         std::string::npos);
@@ -333,9 +334,9 @@ TEST_F(HostGateway, TellsWhatWasWrittenWhenAWriteIsInterrupted)
     const QStringList values = linesOf(now.out);
     ASSERT_EQ(values.size(), 300);
     int ones = 0;
-    while (ones < 300 && values.at(ones).endsWith(QLatin1String(" = 1")))
+    while (ones < 300 && values.at(ones).endsWith(QLatin1String("  1")))
         ++ones;
-    EXPECT_EQ(values.filter(QStringLiteral(" = 1")).size(), ones) << "one after the other";
+    EXPECT_EQ(values.filter(QStringLiteral("  1")).size(), ones) << "one after the other";
     const int unknown = said.contains("nobody knows whether it was written") ? 1 : 0;
     EXPECT_GE(ones, written) << said.constData();
     EXPECT_LE(ones, written + unknown) << said.constData();
@@ -394,7 +395,7 @@ TEST_F(HostGateway, UsesThePortWhenASocketIsNoGateway)
     const Stranger stranger(socketPath(), "");
     const Result read = found({"read", "Speed", "--port", device("press")});
     EXPECT_EQ(read.status, 0) << read.err;
-    EXPECT_EQ(read.out, "Speed = 1234\n");
+    EXPECT_EQ(read.out, "Speed  INT  1234\n");
     EXPECT_NE(read.err.find("is silent"), std::string::npos) << read.err;
 }
 

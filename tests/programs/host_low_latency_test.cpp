@@ -147,7 +147,7 @@ TEST_F(HostLowLatency, StaysOnWhereItWasFoundOn)
     simulate();
     const Result result =
         hostWithFlags({"read", "Speed", "--port", port()}, {"LOW_LATENCY_FOUND=1"});
-    EXPECT_EQ(result.out, "Speed = 1234\n") << result.err;
+    EXPECT_EQ(result.out, "Speed  INT  1234\n") << result.err;
     EXPECT_EQ(changes(), QStringList());
 }
 

@@ -11,9 +11,140 @@ TEST_F(HostRead, PrintsALineForEachElement)
                                       "Running", "Bits", "Delay", "Name"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.out, "Speed = 1234\nLevel[8] = 18\nLevel[9] = 19\nRecipe[1] = -1\n"
-                          "Setpoint = 21.5\nRunning = true\nBits = 0x1234\nDelay = PT2.5S\n"
-                          "Name = Apple\n");
+    EXPECT_EQ(result.out, "Speed      INT           1234\n"
+                          "Level[8]   INT           18\n"
+                          "Level[9]   INT           19\n"
+                          "Recipe[1]  DINT          -1\n"
+                          "Setpoint   REAL          21.5\n"
+                          "Running    BOOL          true\n"
+                          "Bits       WORD          0x1234\n"
+                          "Delay      TIME          PT2.5S\n"
+                          "Name       SHORT_STRING  Apple\n");
+}
+
+TEST_F(HostRead, ReadsArraysToTheirEnd)
+{
+    simulate(R"({"name": "Short", "type": "INT", "length": 3, "value": [7, -8, 9]},
+                {"name": "Long", "type": "WORD", "length": 300, "value": [1, 2]},
+                {"name": "One", "type": "LREAL", "value": 0.5},
+                {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
+    const Result all = hostOnPort({"read", "Short[]", "Short[1..]", "One[]", "Name[]"});
+    EXPECT_EQ(all.status, 0) << all.err;
+    EXPECT_EQ(all.out, "Short[0]  INT           7\n"
+                       "Short[1]  INT           -8\n"
+                       "Short[2]  INT           9\n"
+                       "Short[1]  INT           -8\n"
+                       "Short[2]  INT           9\n"
+                       "One[0]    LREAL         0.5\n"
+                       "Name[0]   SHORT_STRING  Apple\n");
+    EXPECT_EQ(linesOf(hostOnPort({"read", "Long[]"}).out).size(), 300);
+    EXPECT_EQ(hostOnPort({"read", "Long[299..]", "--json"}).out,
+              R"({"name":"Long[299]","station":1,"tag":"Long","element":299,"type":"WORD",)"
+              R"("value":0})"
+              "\n");
+    const Result beyond = hostOnPort({"read", "Short[3..]", "One"});
+    EXPECT_EQ(beyond.status, 1);
+    EXPECT_EQ(beyond.out, "One  LREAL  0.5\n");
+    EXPECT_EQ(beyond.err, "micro850-host: Short[3..]: the array has 3 elements\n");
+}
+
+TEST_F(HostRead, LooksForTheEndOnceByTwiceAndByHalfTheDistance)
+{
+    simulate();
+    hostOnPort({"read", "Level[]", "Level[4..]", "--trace", path("t.txt")});
+    QStringList reads;
+    for (const QString& line : linesOf(host({"trace", path("t.txt")}).out)) {
+        if (line.contains(" > ") && line.contains(" read "))
+            reads += line.section(" read ", 1).section(" x", 0, 0).trimmed();
+    }
+    // The type; the search; then ten and six elements.
+    EXPECT_EQ(reads.join(' '),
+              "Level[0] Level[1] Level[2] Level[4] Level[8] Level[16] Level[12] Level[10] Level[9] "
+              "Level[0] Level[4]");
+}
+
+TEST_F(HostRead, ReadsAVariableOfTheProjectToItsEnd)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Tank", "tag": "Level", "element": 3, "length": 4}]})");
+    EXPECT_EQ(hostOnPort({"read", "Tank[2..]", "--project", project}).out,
+              "Tank[2]  INT  15\nTank[3]  INT  16\n");
+    const Result beyond = hostOnPort({"read", "Tank[4..]", "--project", project});
+    EXPECT_EQ(beyond.status, 2);
+    EXPECT_EQ(beyond.err, "micro850-host: Tank[4]: is not among the elements of the project's "
+                          "variable, Tank[0..3] (correct the index, or \"length\" in the "
+                          "project)\n");
+}
+
+TEST_F(HostRead, ReadsBitsOfIntegersAndOfWords)
+{
+    simulate(R"({"name": "Word", "type": "WORD", "length": 2, "value": [4660, 32769]},
+                {"name": "Minus", "type": "SINT", "value": -128},
+                {"name": "Wide", "type": "ULINT", "value": 9223372036854775808},
+                {"name": "Heat", "type": "REAL", "value": 1.5},
+                {"name": "Run", "type": "BOOL", "value": true},
+                {"name": "Timer.PRE", "type": "INT", "value": 5})");
+    const Result bits = hostOnPort({"read", "Word.2", "Word[1].15", "Word[].0", "Minus.7",
+                                    "Minus.6", "Wide.63", "Timer.PRE", "Timer.PRE.2"});
+    EXPECT_EQ(bits.status, 0) << bits.err;
+    EXPECT_EQ(bits.out, "Word.2       BOOL  true\n" // 0x1234
+                        "Word[1].15   BOOL  true\n"
+                        "Word[0].0    BOOL  false\n"
+                        "Word[1].0    BOOL  true\n"
+                        "Minus.7      BOOL  true\n"
+                        "Minus.6      BOOL  false\n"
+                        "Wide.63      BOOL  true\n"
+                        "Timer.PRE    INT   5\n"
+                        "Timer.PRE.2  BOOL  true\n");
+    EXPECT_EQ(hostOnPort({"read", "Word[1].15", "--json"}).out,
+              R"({"name":"Word[1].15","station":1,"tag":"Word","element":1,"bit":15,)"
+              R"("type":"BOOL","value":true})"
+              "\n");
+    const std::pair<const char*, const char*> mistakes[] = {
+        {"Word.16", "Word.16: is of type WORD, which has the bits 0 to 15"},
+        {"Minus.8", "Minus.8: is of type SINT, which has the bits 0 to 7"},
+        {"Heat.0", "Heat.0: is of type REAL, which has no bits that can be read"},
+        {"Run.0", "Run.0: is of type BOOL, which has no bits that can be read"},
+    };
+    for (const auto& mistake : mistakes) {
+        const Result result = hostOnPort({"read", "Minus", mistake.first, "--quiet"});
+        EXPECT_EQ(result.status, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, std::string("micro850-host: ") + mistake.second +
+                                  " (leave the bit out, or correct it)\n");
+    }
+}
+
+TEST_F(HostRead, ReadsBitsOfAVariableAsTheControllerHasThem)
+{
+    simulate();
+    const QString project = file("p.json", R"({"variables": [
+        {"name": "Valve 1.2", "tag": "Bits", "type": "WORD"},
+        {"name": "Heat", "tag": "Level", "element": 2, "gain": 10, "unit": "F"}]})");
+    const Result result =
+        hostOnPort({"read", "Valve 1.2.2", "Valve 1.2", "Heat.2", "--project", project});
+    EXPECT_EQ(result.out, "Valve 1.2.2  BOOL  true\n" // 0x1234
+                          "Valve 1.2    WORD  0x1234\n"
+                          "Heat.2       BOOL  true\n"); // 12, not 120
+    EXPECT_EQ(host({"read", "Valve 1.2.16", "--port", "/none", "--project", project}).err,
+              "micro850-host: Valve 1.2.16: is of type WORD, which has the bits 0 to 15 (leave the "
+              "bit out, or correct it)\n");
+}
+
+TEST_F(HostRead, AloneTakesBitsAndEndsOfArrays)
+{
+    simulate();
+    EXPECT_EQ(hostOnPort({"write", "Bits.3=1", "--quiet"}).err,
+              "micro850-host: Bits.3: a bit can only be read, with read (name the whole Bits)\n");
+    EXPECT_EQ(hostOnPort({"write", "Level[]=1", "--quiet"}).err,
+              "micro850-host: Level[]: only read looks for the end of an array (name both indices, "
+              "as in Level[0..9])\n");
+    EXPECT_EQ(hostOnPort({"write", "Level[]=1"}).status, 2);
+    const Result watch = hostOnPort({"watch", "Bits.3"});
+    EXPECT_EQ(watch.status, 2);
+    EXPECT_EQ(watch.err,
+              "micro850-host: Bits.3: a bit can only be read, with read (name the whole Bits)\n");
 }
 
 TEST_F(HostRead, PrintsJsonValuesOfEachKind)
@@ -55,7 +186,7 @@ TEST_F(HostRead, ContinuesAfterATagThatTheControllerDoesNotKnow)
     simulate();
     const Result result = hostOnPort({"read", "Nope", "Speed"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "Speed = 1234\n");
+    EXPECT_EQ(result.out, "Speed  INT  1234\n");
     EXPECT_EQ(
         result.err,
         "micro850-host: Nope: no such tag (names are as in the controller's program; status 05)\n");
@@ -119,7 +250,7 @@ TEST_F(HostRead, RefusesAnIndexIntoAStringBeforeAnyTagIsRead)
                       ": of a string only element 0 can be read and written (leave the index "
                       "out)\n");
     }
-    EXPECT_EQ(hostOnPort({"read", "Name[0]"}).out, "Name[0] = Apple\n");
+    EXPECT_EQ(hostOnPort({"read", "Name[0]"}).out, "Name[0]  SHORT_STRING  Apple\n");
 }
 
 TEST_F(HostRead, HasAnObjectForEachTagWithJson)
@@ -160,8 +291,12 @@ TEST_F(HostRead, FindsVariablesWithAnyName)
     const Result result = hostOnPort({"read", "Fill = 5", "F\u00fcllh\u00f6he 1", "\"Fill = 5\"[1]",
                                       "Level[2]", "\"Level\"[2]", "--project", project});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "\"Fill = 5\"[0] = 13\n\"Fill = 5\"[1] = 14\nF\u00fcllh\u00f6he 1 = 16\n"
-                          "\"Fill = 5\"[1] = 14\n\"Level[2]\" = 17\nLevel[2] = 12\n");
+    EXPECT_EQ(result.out, "\"Fill = 5\"[0]  INT  13\n"
+                          "\"Fill = 5\"[1]  INT  14\n"
+                          "F\u00fcllh\u00f6he 1     INT  16\n"
+                          "\"Fill = 5\"[1]  INT  14\n"
+                          "\"Level[2]\"     INT  17\n"
+                          "Level[2]       INT  12\n");
     EXPECT_EQ(hostOnPort({"read", "Fill = 5[1]", "--json", "--project", project}).out,
               R"({"name":"Fill = 5[1]","station":1,"tag":"Level","element":4,"type":"INT",)"
               R"("value":14})"
@@ -225,13 +360,13 @@ TEST_F(HostRead, ScalesAsTheProjectSaysUnlessRaw)
     simulate();
     const QString project = file("p.json", R"({"variables": [
         {"name": "Heat", "tag": "Level", "element": 2, "gain": 1.8, "offset": 32, "unit": "F"}]})");
-    EXPECT_EQ(hostOnPort({"read", "Heat", "--project", project}).out, "Heat = 53.6 F\n");
-    EXPECT_EQ(hostOnPort({"read", "Heat", "--raw", "--project", project}).out, "Heat = 12\n");
+    EXPECT_EQ(hostOnPort({"read", "Heat", "--project", project}).out, "Heat  INT  53.6 F\n");
+    EXPECT_EQ(hostOnPort({"read", "Heat", "--raw", "--project", project}).out, "Heat  INT  12\n");
     EXPECT_EQ(hostOnPort({"read", "Heat", "--json", "--project", project}).out,
               R"({"name":"Heat","station":1,"tag":"Level","element":2,"type":"INT","value":53.6,)"
               R"("unit":"F"})"
               "\n");
-    EXPECT_EQ(hostOnPort({"read", "Delay", "--raw"}).out, "Delay = 2500\n");
+    EXPECT_EQ(hostOnPort({"read", "Delay", "--raw"}).out, "Delay  TIME  2500\n");
 }
 
 TEST_F(HostRead, KnowsTheVariablesOfAProject)
@@ -242,7 +377,8 @@ TEST_F(HostRead, KnowsTheVariablesOfAProject)
         {"name": "Tank", "tag": "Level", "element": 3, "length": 2}]})");
     const Result result = host({"read", "Tank", "Tank[1]", "Speed", "--project", project});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out, "Tank[0] = 13\nTank[1] = 14\nTank[1] = 14\nSpeed = 1234\n");
+    EXPECT_EQ(result.out,
+              "Tank[0]  INT  13\nTank[1]  INT  14\nTank[1]  INT  14\nSpeed    INT  1234\n");
 }
 
 TEST_F(HostRead, ReportsThatNothingAnswersWithinTheTimeout)

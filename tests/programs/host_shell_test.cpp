@@ -301,3 +301,24 @@ TEST_F(HostShell, EndsWhenItsTerminalIsGone)
     }
     EXPECT_EQ(again.status, 0) << again.err;
 }
+
+TEST_F(HostShell, TellsOfTheOtherElementsOfAnArrayAndRemembersHowManyThereAre)
+{
+    simulate();
+    shell("--trace t.txt");
+    const QString told = "Level: this is the first of 10 elements (Level[] reads all, Level[0..9] "
+                         "some)";
+    enter("read Level");
+    ASSERT_TRUE(sees(told));
+    enter("read 'Level[8..]' 'Level[0]' Speed");
+    ASSERT_TRUE(sees("Speed     INT  1234"));
+    enter("read Level -q --json");
+    ASSERT_TRUE(sees(R"("value":10})"));
+    enter("quit");
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_EQ(count(told), 1);
+    const Result trace = runProgram(MICRO850_HOST, {"trace", path("t.txt"), "--match", "Level"});
+    EXPECT_EQ(QString::fromStdString(trace.out).count("Z > TNS "), 13) << trace.out;
+    EXPECT_EQ(QString::fromStdString(trace.out).count("failed 1x read Level[16] x1"), 1)
+        << trace.out;
+}

@@ -18,7 +18,7 @@ TEST_F(HostTrace, DecodesBothFormsOfATrace)
                 frames += line.section("Z > station 1: TNS ", 1).section(' ', 1);
         }
         EXPECT_EQ(frames, (QStringList{"identity", "open connection", "read Speed[0] x1",
-                                       "read Speed[0] x1", "read Nope[0] x1", "close connection"}))
+                                       "read Nope[0] x1", "read Speed[0] x1", "close connection"}))
             << result.out;
         EXPECT_NE(result.out.find("requests 6, answered 6, without an answer 0, repeated 0, "
                                   "replies of another request 0, corrupt 0\n"),
@@ -97,8 +97,8 @@ TEST_F(HostTrace, IsReadByWiresharkWithServiceTagNameAndStatus)
     EXPECT_EQ(dissected(path("t.pcapng"), {"df1.service", "df1.response", "df1.tag",
                                            "df1.cip_status", "df1.value", "df1.crc_good"}),
               (QStringList{"0x01;0;;;;1", "0x01;1;;0x00;;1", "0x54;0;;;;1", "0x54;1;;0x00;;1",
-                           "0x52;0;Speed;;;1", "0x52;1;;0x00;d204;1", "0x52;0;Speed;;;1",
-                           "0x52;1;;0x00;d204;1", "0x52;0;Nope;;;1", "0x52;1;;0x05;;1",
+                           "0x52;0;Speed;;;1", "0x52;1;;0x00;d204;1", "0x52;0;Nope;;;1",
+                           "0x52;1;;0x05;;1", "0x52;0;Speed;;;1", "0x52;1;;0x00;d204;1",
                            "0x4e;0;;;;1", "0x4e;1;;0x00;;1"}));
 }
 
@@ -235,7 +235,7 @@ TEST_F(HostTrace, ShowsValuesAndOnlyTheTagThatIsAskedFor)
         found.removeDuplicates();
         return found;
     };
-    EXPECT_EQ(texts({}), (QStringList{"INT 10", "INT 1234", "INT 10 11", "SHORT_STRING Apple"}));
+    EXPECT_EQ(texts({}), (QStringList{"INT 1234", "INT 10", "SHORT_STRING Apple", "INT 10 11"}));
     EXPECT_EQ(texts({"--match", "lev"}), (QStringList{"INT 10", "INT 10 11"}));
     EXPECT_EQ(texts({"--match", "N*"}), QStringList("SHORT_STRING Apple"));
     EXPECT_EQ(texts({"--match", "Nope"}), QStringList());

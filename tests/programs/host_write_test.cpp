@@ -44,8 +44,9 @@ TEST_F(HostWrite, WritesSeveralAndReadsThemBack)
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.out, "Speed = -5\nLevel[1] = 16\nSetpoint = 1.25\nRunning = false\n"
                           "Name = Pear juice\n");
-    EXPECT_EQ(hostOnPort({"read", "Speed", "Level[0..2]", "Name"}).out,
-              "Speed = -5\nLevel[0] = 10\nLevel[1] = 16\nLevel[2] = 12\nName = Pear juice\n");
+    EXPECT_EQ(hostOnPort({"read", "Speed", "Level[0..2]"}).out,
+              "Speed     INT  -5\nLevel[0]  INT  10\nLevel[1]  INT  16\nLevel[2]  INT  12\n");
+    EXPECT_EQ(valueOf("Name"), "Name  SHORT_STRING  Pear juice\n");
 }
 
 TEST_F(HostWrite, WritesARunOfElements)
@@ -54,7 +55,8 @@ TEST_F(HostWrite, WritesARunOfElements)
     EXPECT_EQ(hostOnPort({"write", "Level[2..4]=7,-8,9", "Recipe[0..1]=5"}).out,
               "Level[2] = 7\nLevel[3] = -8\nLevel[4] = 9\nRecipe[0] = 5\nRecipe[1] = 5\n");
     EXPECT_EQ(hostOnPort({"read", "Level[1..5]"}).out,
-              "Level[1] = 11\nLevel[2] = 7\nLevel[3] = -8\nLevel[4] = 9\nLevel[5] = 15\n");
+              "Level[1]  INT  11\nLevel[2]  INT  7\nLevel[3]  INT  -8\nLevel[4]  INT  9\nLevel[5]  "
+              "INT  15\n");
 }
 
 TEST_F(HostWrite, PrintsJsonWithTheValueThatWasReadBack)
@@ -90,7 +92,7 @@ TEST_F(HostWrite, WritesNothingWhenOneValueDoesNotFitItsType)
     EXPECT_EQ(result.err, "micro850-host: Level[0]: \"32768\" is not a value of type INT "
                           "(-32768 to 32767)\n"
                           "micro850-host: nothing was written: 1 refused, 1 not tried\n");
-    EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed = 1234\n");
+    EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed  INT  1234\n");
 }
 
 TEST_F(HostWrite, RefusesAnIndexIntoAStringBeforeAnythingIsSent)
@@ -108,7 +110,7 @@ TEST_F(HostWrite, RefusesAnIndexIntoAStringBeforeAnythingIsSent)
             EXPECT_EQ(writesSent(), 0);
         }
     }
-    EXPECT_EQ(valueOf("Name"), "Name = Apple\n");
+    EXPECT_EQ(valueOf("Name"), "Name  SHORT_STRING  Apple\n");
     EXPECT_EQ(write({"Name[0]=Pear"}).out, "Name[0] = Pear\n");
     EXPECT_EQ(writesSent(), 1);
 }
@@ -124,7 +126,7 @@ TEST_F(HostWrite, RefusesAnIndexIntoAStringOfTheProjectWithoutTheLine)
     EXPECT_FALSE(QFile::exists(path("t.txt")));
     EXPECT_EQ(write({"Any[2]=Q"}).status, 2);
     EXPECT_EQ(write({"Any=Q", "Label=R"}).status, 2); // the same element
-    EXPECT_EQ(valueOf("Name"), "Name = Apple\n");
+    EXPECT_EQ(valueOf("Name"), "Name  SHORT_STRING  Apple\n");
 }
 
 TEST_F(HostWrite, WritesNothingOfARunThatReachesBeyondTheTag)
@@ -145,7 +147,7 @@ TEST_F(HostWrite, WritesNothingOfARunThatReachesBeyondTheTag)
     EXPECT_EQ(writesSent(), 0);
     EXPECT_EQ(write({"Speed=5", "Nope=1"}).status, 1);
     EXPECT_EQ(writesSent(), 0);
-    EXPECT_EQ(valueOf("Speed"), "Speed = 1234\n");
+    EXPECT_EQ(valueOf("Speed"), "Speed  INT  1234\n");
 }
 
 TEST_F(HostWrite, NamesTheElementOfARunWhoseValueIsWrong)
@@ -296,19 +298,19 @@ TEST_F(HostWrite, TakesTheValueThatIsShown)
     EXPECT_EQ(exact.status, 0);
     EXPECT_EQ(exact.out, "SetF = 68 F\n");
     EXPECT_EQ(exact.err, "");
-    EXPECT_EQ(valueOf("SetF"), "SetF = 20\n");
+    EXPECT_EQ(valueOf("SetF"), "SetF  INT  20\n");
 
     const Result rounded = write({"SetF=69.7"});
     EXPECT_EQ(rounded.status, 0);
     EXPECT_EQ(rounded.out, "SetF = 69.8 F\n");
     EXPECT_EQ(rounded.err, "micro850-host: SetF: 69.7 is stored as 21, which is 69.8\n");
-    EXPECT_EQ(valueOf("SetF"), "SetF = 21\n");
+    EXPECT_EQ(valueOf("SetF"), "SetF  INT  21\n");
 
     EXPECT_NE(write({"SetF=50", "--json"})
                   .out.find(R"("written":50.0,"value":50.0,"verified":true,"unit":"F"})"),
               std::string::npos);
     EXPECT_EQ(write({"SetF=68", "--raw"}).out, "SetF = 68\n");
-    EXPECT_EQ(valueOf("SetF"), "SetF = 68\n");
+    EXPECT_EQ(valueOf("SetF"), "SetF  INT  68\n");
 
     // 32767 * 1.8 + 32 is 59012.6; the next value is 59014.4.
     const Result beyond = write({"SetF=59014"});
@@ -328,7 +330,8 @@ TEST_F(HostWrite, FindsVariablesWithAnyName)
     EXPECT_EQ(write({"Fill = 5=1,2", "F\u00fcllh\u00f6he 1=7", "\"Fill\"=5"}).out,
               "\"Fill = 5\"[0] = 1\n\"Fill = 5\"[1] = 2\nF\u00fcllh\u00f6he 1 = 7\nFill = 5\n");
     EXPECT_EQ(hostOnPort({"read", "Level[3..6]", "Speed"}).out,
-              "Level[3] = 1\nLevel[4] = 2\nLevel[5] = 15\nLevel[6] = 7\nSpeed = 5\n");
+              "Level[3]  INT  1\nLevel[4]  INT  2\nLevel[5]  INT  15\nLevel[6]  INT  7\nSpeed     "
+              "INT  5\n");
 }
 
 TEST_F(HostWrite, SendsNothingWhenAValueDoesNotFitTheProjectsType)
@@ -350,7 +353,7 @@ TEST_F(HostWrite, RefusesAProjectWhoseTypeDiffersFromTheController)
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.err, "micro850-host: Speed: is INT in the controller, DINT in the project "
                           "(correct the project)\n");
-    EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed = 1234\n");
+    EXPECT_EQ(hostOnPort({"read", "Speed"}).out, "Speed  INT  1234\n");
 }
 
 TEST_F(HostWrite, ReportsWhatIsWrongWithAValue)
@@ -390,12 +393,12 @@ TEST_F(HostWrite, TakesAsManyValuesForABareVariableAsItHasElements)
     EXPECT_EQ(write({"Tank=1,2"}).status, 2);
     EXPECT_EQ(write({"Tank=1,2,3,4"}).status, 2);
     EXPECT_FALSE(QFile::exists(path("t.txt")));
-    EXPECT_EQ(valueOf("Level[2..6]"),
-              "Level[2] = 12\nLevel[3] = 13\nLevel[4] = 14\nLevel[5] = 15\nLevel[6] = 16\n");
+    EXPECT_EQ(valueOf("Level[2..6]"), "Level[2]  INT  12\nLevel[3]  INT  13\nLevel[4]  INT  "
+                                      "14\nLevel[5]  INT  15\nLevel[6]  INT  16\n");
     EXPECT_EQ(write({"Tank=1,2,3"}).out, "Tank[0] = 1\nTank[1] = 2\nTank[2] = 3\n");
     EXPECT_EQ(write({"Tank[0..2]=7"}).out, "Tank[0] = 7\nTank[1] = 7\nTank[2] = 7\n");
     EXPECT_EQ(write({"Level=9"}).out, "Level = 9\n"); // a tag is its element 0
-    EXPECT_EQ(valueOf("Level[0..1]"), "Level[0] = 9\nLevel[1] = 11\n");
+    EXPECT_EQ(valueOf("Level[0..1]"), "Level[0]  INT  9\nLevel[1]  INT  11\n");
 }
 
 TEST_F(HostWrite, TellsWhenARealIsRounded)
@@ -432,7 +435,8 @@ TEST_F(HostWrite, NamesTheKeyOfTheProjectThatAStringCannotHave)
     EXPECT_EQ(write({"Late=Q", "--quiet"}).err,
               "micro850-host: Late" + why +
                   "\"element\" in the project is 2 (leave the key out)\n");
-    EXPECT_EQ(hostOnPort({"read", "Long[0]", "--project", project}).out, "Long[0] = Apple\n");
+    EXPECT_EQ(hostOnPort({"read", "Long[0]", "--project", project}).out,
+              "Long[0]  SHORT_STRING  Apple\n");
 }
 
 TEST_F(HostWrite, ShowsAValueThatWasOverwrittenInTheSameForm)

@@ -143,15 +143,15 @@ TEST_F(HostileText, OfAStringIsOneLineOfReadAndCannotBeTakenForAnotherTag)
 {
     simulate(kTags);
     const std::string out = checkedOnPort({"read", "Note", "Title", "Wide", "Quoted", "ValveOpen"});
-    EXPECT_EQ(out, R"(Note = "ok\nValveOpen = false")"
+    EXPECT_EQ(out, R"(Note       SHORT_STRING  "ok\nValveOpen = false")"
                    "\n"
-                   R"(Title = "\x1b]0;x\x07\r\x1b[2Jgone\x7f")"
+                   R"(Title      SHORT_STRING  "\x1b]0;x\x07\r\x1b[2Jgone\x7f")"
                    "\n"
-                   R"(Wide = "a\u009b2J\u0085b\x00c")"
+                   R"(Wide       SHORT_STRING  "a\u009b2J\u0085b\x00c")"
                    "\n"
-                   R"(Quoted = "\"ok\\nx\"")"
+                   R"(Quoted     SHORT_STRING  "\"ok\\nx\"")"
                    "\n"
-                   "ValveOpen = true\n");
+                   "ValveOpen  BOOL          true\n");
 }
 
 TEST_F(HostileText, KeepsItsCharactersInJson)

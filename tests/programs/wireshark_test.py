@@ -274,8 +274,8 @@ class Session(Dissected):
     """A session that the host records: reads, a write, a refusal, a corrupt reply."""
 
     TAGS = {"tags": [{"name": "Speed", "type": "INT", "value": 1234}, {"name": "Setpoint", "type": "REAL", "value": 1}]}
-    # The reply to the second read, which is the fourth reply of the session.
-    FAULTS = {"faults": [{"fault": "flip", "message": 4, "byte": 24, "bit": 0}]}
+    # The reply to the third read, which is the fifth reply of the session.
+    FAULTS = {"faults": [{"fault": "flip", "message": 5, "byte": 24, "bit": 0}]}
 
     def test_shows_each_request_and_reply_as_it_was(self):
         for name, content in ("tags.json", self.TAGS), ("faults.json", self.FAULTS):
@@ -296,14 +296,14 @@ class Session(Dissected):
         rows = [row for row in rows if row[1] != "ACK"]
         read_speed = ["Read Tag Fragmented Speed", "Read Tag Fragmented reply Speed = INT 1234"]
         expected = ["Get_Attributes_All", 'Get_Attributes_All reply "Micro850 simulated unit 01"', "Forward_Open",
-                    "Forward_Open reply", *read_speed, read_speed[0], "[CRC is wrong] Read Tag Fragmented reply", "NAK",
-                    read_speed[1], "Read Tag Fragmented Nope",
-                    "Read Tag Fragmented reply Nope: Path destination unknown (status 05)"]
+                    "Forward_Open reply", *read_speed, "Read Tag Fragmented Nope",
+                    "Read Tag Fragmented reply Nope: Path destination unknown (status 05)", read_speed[0],
+                    "[CRC is wrong] Read Tag Fragmented reply", "NAK", read_speed[1]]
         shown = [row[1].split(", TNS")[0] for row in rows]
-        shown[7] = shown[7].split(" reply")[0] + " reply"
+        shown[9] = shown[9].split(" reply")[0] + " reply"
         self.assertEqual(shown[: len(expected)], expected)
         self.assertEqual([row[0] for row in rows[:2]], ["host", "controller"])
-        self.assertEqual([row[2] for row in rows[:12]], ["", "1", "", "3", "", "5", "", "", "", "7", "", "11"])
+        self.assertEqual([row[2] for row in rows[:12]], ["", "1", "", "3", "", "5", "", "7", "", "", "", "9"])
         written = [row[0].split(", TNS")[0] for row in self.rows(None, "_ws.col.Info", path=path[3])]
         at = written.index("Write Tag Fragmented Setpoint = REAL 42.25")
         self.assertEqual(written[at + 1 : at + 4], ["Write Tag Fragmented reply Setpoint",

@@ -35,6 +35,67 @@ TEST(TagAddress, NamesATagAnElementOrARun)
     EXPECT_EQ(run.elementName(2), QString("Level[5]"));
 }
 
+TEST(TagAddress, NamesTheElementsUpToTheEnd)
+{
+    for (const char* text : {"Level[]", "Level[0..]"}) {
+        const TagAddress all = TagAddress::fromText(text);
+        EXPECT_TRUE(all.toEnd);
+        EXPECT_EQ(all.element, 0);
+        EXPECT_EQ(all.text(), QString("Level[]"));
+    }
+    const TagAddress rest = TagAddress::fromText("Level[5..]");
+    EXPECT_TRUE(rest.toEnd);
+    EXPECT_EQ(rest.element, 5);
+    EXPECT_EQ(rest.text(), QString("Level[5..]"));
+    EXPECT_EQ(rest.exactText(), QString("Level[5..]"));
+    EXPECT_FALSE(TagAddress::fromText("Level[5]").toEnd);
+    EXPECT_FALSE(TagAddress::fromText("Level[5..9]").toEnd);
+}
+
+TEST(TagAddress, NamesABitByTheDecimalNumberBehindTheLastDot)
+{
+    const TagAddress bit = TagAddress::fromText("Timer.Word.63");
+    EXPECT_EQ(bit.tag, QString("Timer.Word"));
+    EXPECT_EQ(bit.bit, 63);
+    EXPECT_EQ(bit.text(), QString("Timer.Word.63"));
+    const TagAddress ofElement = TagAddress::fromText("Word[2].3");
+    EXPECT_EQ(ofElement.tag, QString("Word"));
+    EXPECT_EQ(ofElement.element, 2);
+    EXPECT_EQ(ofElement.bit, 3);
+    EXPECT_EQ(ofElement.exactElementName(0), QString("Word[2].3"));
+    const TagAddress ofRun = TagAddress::fromText("Word[2..5].0");
+    EXPECT_EQ(ofRun.text(), QString("Word[2..5].0"));
+    EXPECT_EQ(ofRun.elementName(1), QString("Word[3].0"));
+    EXPECT_EQ(TagAddress::fromText("Word[].7").text(), QString("Word[].7"));
+    for (const char* member : {"Timer.PRE", "Timer.1ST", "Timer.0x1", "Timer.", "A.3b"}) {
+        const TagAddress whole = TagAddress::fromText(member);
+        EXPECT_EQ(whole.tag, QString(member));
+        EXPECT_LT(whole.bit, 0);
+    }
+}
+
+TEST(TagAddress, RefusesABitThatNoTypeHas)
+{
+    for (const char* bit : {"64", "850", "99999999999"}) {
+        EXPECT_EQ(complaint<TagAddress>((std::string("A.") + bit).c_str()),
+                  std::string("\"A.") + bit + "\": no type has a bit " + bit +
+                      " (0 to 63; a name that ends in .NUMBER stands in double quotes)");
+    }
+    EXPECT_EQ(complaint<TagAddress>(".3"),
+              "\".3\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])");
+}
+
+TEST(TagAddress, NamesATagThatEndsLikeABitInQuotes)
+{
+    const TagAddress tag = TagAddress::fromText("\"Line.850\"");
+    EXPECT_EQ(tag.tag, QString("Line.850"));
+    EXPECT_LT(tag.bit, 0);
+    EXPECT_EQ(tag.text(), QString("\"Line.850\""));
+    EXPECT_EQ(tag.exactText(), QString("Line.850"));
+    EXPECT_EQ(TagAddress::fromText("\"Line.850\"[2].3").text(), QString("\"Line.850\"[2].3"));
+    EXPECT_EQ(Assignment::fromText("\"Line.850\"=3").address.tag, QString("Line.850"));
+}
+
 TEST(TagAddress, KeepsAPercentSignAndADigitInATagsName)
 {
     const TagAddress run = TagAddress::fromText("Fill%2[46..48]");
@@ -44,8 +105,7 @@ TEST(TagAddress, KeepsAPercentSignAndADigitInATagsName)
 
 TEST(TagAddress, RefusesATextThatIsNotATagAndShowsTheForm)
 {
-    for (const char* text : {"", "[3]", "A[", "A[]", "A[x]", "A[-1]", "A[1]B", "two words", "A=1"})
-    {
+    for (const char* text : {"", "[3]", "A[", "A[x]", "A[-1]", "A[1]B", "two words", "A=1"}) {
         EXPECT_EQ(complaint<TagAddress>(text), '"' + std::string(text) +
                                                    "\" is not a tag (write TAG, TAG[INDEX] or "
                                                    "TAG[FIRST..LAST])");
@@ -139,6 +199,7 @@ bool isVariable(const QString& name)
                                       "Level[2]",
                                       "\"odd\" \\name",
                                       " ",
+                                      "Valve 1.2",
                                       "Fill = 5"};
     return names.contains(name);
 }
@@ -184,6 +245,20 @@ TEST(TagAddress, TakesTheLongestNameOfAVariableBeforeAnIndex)
     EXPECT_EQ(element.tag, QString("Level"));
     EXPECT_EQ(element.element, 2);
     EXPECT_EQ(TagAddress::fromText("Level[2][1]", isVariable).text(), QString("\"Level[2]\"[1]"));
+}
+
+TEST(TagAddress, FindsAVariableWhoseNameEndsLikeABit)
+{
+    const TagAddress variable = TagAddress::fromText("Valve 1.2", isVariable);
+    EXPECT_EQ(variable.tag, QString("Valve 1.2"));
+    EXPECT_LT(variable.bit, 0);
+    EXPECT_EQ(variable.text(), QString("Valve 1.2"));
+    const TagAddress bit = TagAddress::fromText("Valve 1.2.5", isVariable);
+    EXPECT_EQ(bit.tag, QString("Valve 1.2"));
+    EXPECT_EQ(bit.bit, 5);
+    EXPECT_EQ(TagAddress::fromText("Level[2].7", isVariable).tag, QString("Level[2]"));
+    EXPECT_EQ(Assignment::fromText("Valve 1.2=1", isVariable).address.tag, QString("Valve 1.2"));
+    EXPECT_EQ(Assignment::fromText("A=1.7=1", isVariable).address.text(), QString("\"A=1\".7"));
 }
 
 TEST(TagAddress, ParsesEveryNameThatItShows)
