@@ -31,6 +31,7 @@ void BackgroundWatch::resume()
         m_plant = m_shell.attach(project);
     m_table = std::make_unique<LiveTable>(*m_plant, project);
     m_printer = std::make_unique<ChangePrinter>(*m_plant, project, *m_table, m_output);
+    m_printer->setHints(m_order.hints);
     m_printer->skipStates(); // the user sees the prompt, so that the line is there
 }
 

@@ -36,14 +36,23 @@ void ChangePrinter::close(Duration now)
     print(now);
 }
 
+QString ChangePrinter::hintFor(int variable) const
+{
+    const ValueStore& values = m_plant.values();
+    const bool isUnknown = !values.error(variable).isEmpty() && !values.type(variable);
+    return isUnknown ? m_hints.value(variable) : QString();
+}
+
 void ChangePrinter::print(Duration now)
 {
     const QDateTime time = QDateTime::currentDateTime();
     for (const int variable : m_changes.popVariables(now)) {
-        const Json object =
-            m_output.json() ? changeObject(m_plant, m_project, variable, time) : Json();
+        const QString hint = hintFor(variable);
+        Json object = m_output.json() ? changeObject(m_plant, m_project, variable, time) : Json();
+        if (object.contains("error"))
+            object["error"] = object["error"].get<std::string>() + hint.toStdString();
         m_output.data(object, time.toString(QStringLiteral("HH:mm:ss.zzz ")) +
-                                  m_table.changeLine(variable));
+                                  m_table.changeLine(variable) + hint);
     }
     for (const QString& state : m_changes.popStates())
         m_output.note(state);

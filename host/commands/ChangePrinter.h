@@ -30,6 +30,8 @@ public:
     {
     }
 
+    /// What stands behind the error of each variable while its type is unknown.
+    void setHints(const QStringList& hints) { m_hints = hints; }
     /// Line and stations are told only when their state changes from now on.
     void skipStates() { m_changes.popStates(); }
     void update(Duration now) override;
@@ -38,12 +40,14 @@ public:
 
 private:
     void print(Duration now);
+    QString hintFor(int variable) const;
 
     const Plant& m_plant;
     const Project& m_project;
     const LiveTable& m_table;
     const Output& m_output;
     Changes m_changes;
+    QStringList m_hints;
     Duration m_interval;
     Duration m_next{0};
 };

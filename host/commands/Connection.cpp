@@ -142,6 +142,20 @@ void findProjectForPort(LineOptions& options)
     options.projectIsFound = !options.project.empty();
 }
 
+QStringList tagsInFolder()
+{
+    QStringList tags;
+    const std::string file = projectInFolder();
+    if (file.empty())
+        return tags;
+    try {
+        for (const Variable& variable : Project::fromFile(textOf(file)).variables)
+            tags += variable.tag;
+    } catch (const UserError&) { // it is not the user's concern
+    }
+    return tags;
+}
+
 void noteFoundProject(const LineOptions& options, const Project& project, const Output& output)
 {
     if (!options.projectIsFound || SharedLine::current()) // the shell has told

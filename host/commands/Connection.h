@@ -19,6 +19,9 @@ void findProject(LineOptions& options);
 void findProjectForPort(LineOptions& options);
 /// Tells of a project that was found, and of its port.
 void noteFoundProject(const LineOptions& options, const Project& project, const Output& output);
+/// The tags of the project in the current folder, whether it is used or not: for suggestions. None
+/// when there is no such file, or it has mistakes.
+QStringList tagsInFolder();
 /// Throws unless the project names a device.
 void requirePort(const Project& project, const LineOptions& options);
 

@@ -4,6 +4,7 @@
 #include "NamePattern.h"
 #include "RemoteSession.h"
 #include "Session.h"
+#include "TagAddress.h"
 #include "UserError.h"
 
 #include <unistd.h>
@@ -13,13 +14,16 @@ namespace micro850::host {
 Project withMatching(Project project, const std::string& pattern, const std::string& file)
 {
     QVector<Variable> matching;
+    std::vector<std::string> names;
     for (const Variable& variable : project.variables) {
+        names.push_back(shownName(variable.name).toStdString());
         if (nameMatches(variable.name, textOf(pattern)))
             matching.append(variable);
     }
     if (matching.isEmpty()) {
-        throw UserError("--match: no variable of " + file + " matches \"" + pattern +
-                        "\" (a part of a name, or a pattern with * and ?)");
+        throw UserError("--match: no variable of " + file + " matches \"" + pattern + "\"" +
+                        didYouMean(pattern, names) +
+                        " (a part of a name, or a pattern with * and ?)");
     }
     project.variables = matching;
     return project;

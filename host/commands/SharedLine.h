@@ -17,6 +17,7 @@ struct WatchOrder
     Project project;
     std::optional<GatewayPlace> gateway;
     std::vector<std::string> tags; ///< as the user named them
+    QStringList hints;             ///< for tags that the controller does not know
     bool json = false;
     double seconds = 0; ///< 0: without end
 };

@@ -1,5 +1,6 @@
 #include "Targets.h"
 
+#include "Connection.h"
 #include "UserError.h"
 
 #include <algorithm>
@@ -22,14 +23,18 @@ IsName namesOf(const Project& project)
     return [&project](const QString& name) { return project.variable(name) != nullptr; };
 }
 
-// " (did you mean X?)", unless there is a variable of that name.
+// " (did you mean X?)", unless there is a variable of that name. Without a project, X is a tag of
+// the one in the folder.
 std::string similarName(const Project& project, const QString& name)
 {
+    if (project.variable(name))
+        return std::string();
+    QStringList known = project.variables.isEmpty() ? tagsInFolder() : QStringList();
+    for (const Variable& variable : project.variables)
+        known += variable.name;
     std::vector<std::string> names;
-    if (!project.variable(name)) {
-        for (const Variable& variable : project.variables)
-            names.push_back(shownName(variable.name).toStdString());
-    }
+    for (const QString& each : known)
+        names.push_back(shownName(each).toStdString());
     return didYouMean(name.toStdString(), names);
 }
 
@@ -247,9 +252,13 @@ Target targetOf(const TagAddress& address, const Project& project, const TargetO
 
 QString reasonOf(const TagRefused& refused, const Target& target, const Project& project)
 {
-    const std::string& why = refused.why();
-    return QString::fromStdString(
-        refused.element() < 0 ? why + similarName(project, target.address.tag) : why);
+    const QString why = QString::fromStdString(refused.why());
+    return refused.element() < 0 ? why + hintFor(target, project) : why;
+}
+
+QString hintFor(const Target& target, const Project& project)
+{
+    return QString::fromStdString(similarName(project, target.address.tag));
 }
 
 QString withoutName(const QString& message, const QString& name)

@@ -66,6 +66,9 @@ Target targetOf(const TagAddress& address, const Project& project, const TargetO
 /// and no variable has its name.
 QString reasonOf(const TagRefused& refused, const Target& target, const Project& project);
 
+/// What reasonOf() puts behind the reason.
+QString hintFor(const Target& target, const Project& project);
+
 /// A message without "NAME: " at its begin: in an object the name has a key of its own.
 QString withoutName(const QString& message, const QString& name);
 

@@ -53,6 +53,16 @@ Project watchProject(const WatchOptions& options, const Project& project)
     return watching;
 }
 
+// For each tag, what stands behind the reason when the controller does not know it.
+QStringList hintsFor(const WatchOptions& options, const Project& project)
+{
+    QStringList hints;
+    for (const std::string& tag : options.tags)
+        hints +=
+            hintFor(targetOf(addressOf(textOf(tag), project), project, options.target), project);
+    return hints;
+}
+
 void requirePlottable(const WatchOptions& options)
 {
     if (!options.plot)
@@ -93,6 +103,14 @@ bool showsPlot(const WatchOptions& options, const Output& output)
     return problem.isEmpty();
 }
 
+std::unique_ptr<LoopView> printer(RunLoop& loop, const Project& project, const Output& output,
+                                  const QStringList& hints)
+{
+    auto printer = std::make_unique<ChangePrinter>(loop, project, output);
+    printer->setHints(hints);
+    return printer;
+}
+
 int run(WatchOptions options)
 {
     const Output output(options.output.json, options.output.quiet);
@@ -102,6 +120,7 @@ int run(WatchOptions options)
     Route route = routeOf(options.line, "watch", output, {names, options.tags});
     const QVector<PlotElement> elements =
         options.plot ? plotElements(options, route.project) : QVector<PlotElement>();
+    const QStringList hints = hintsFor(options, route.project);
     route.project = watchProject(options, route.project);
     options.rates.applyTo(route.project);
     if (route.gateway)
@@ -111,7 +130,7 @@ int run(WatchOptions options)
     if (SharedLine* const shared = SharedLine::current();
         shared && !options.plot &&
         shared->watchInBackground(
-            {project, route.gateway, options.tags, output.json(), options.seconds}))
+            {project, route.gateway, options.tags, hints, output.json(), options.seconds}))
         return kExitDone;
     RunLoop loop(options.line, route);
     std::unique_ptr<LoopView> view;
@@ -119,7 +138,7 @@ int run(WatchOptions options)
     if (showsPlot(options, output))
         view = std::make_unique<PlotDisplay>(loop, project, elements, style);
     else
-        view = std::make_unique<ChangePrinter>(loop, project, output);
+        view = printer(loop, project, output, hints);
     loop.run(*view, options.seconds, output);
     loop.summarise(output);
     return loop.exitStatus();

@@ -207,6 +207,11 @@ TEST_F(HostPoll, ShowsOnlyWhatMatches)
     EXPECT_EQ(none.status, 2);
     EXPECT_EQ(none.err, "micro850-host: --match: no variable of " + file.toStdString() +
                             " matches \"zzz\" (a part of a name, or a pattern with * and ?)\n");
+    const Result near = host({"poll", file, "--match", "Sped"});
+    EXPECT_EQ(near.status, 2);
+    EXPECT_EQ(near.err, "micro850-host: --match: no variable of " + file.toStdString() +
+                            " matches \"Sped\" (did you mean Speed?) (a part of a name, or a "
+                            "pattern with * and ?)\n");
 }
 
 TEST_F(HostPoll, ReportsWhatIsWrongWithTheProject)

@@ -316,6 +316,22 @@ TEST_F(HostRead, NamesTheVariableThatWasProbablyMeant)
     EXPECT_NE(plain.err.find(" (did you mean Outlet?)\n"), std::string::npos) << plain.err;
 }
 
+// The project of the folder is not used when the port is named, but it knows the tags.
+TEST_F(HostRead, NamesTheTagOfTheProjectInTheFolderThatWasProbablyMeant)
+{
+    simulate();
+    EXPECT_EQ(hostOnPort({"read", "Sped"}).err.find("did you mean"), std::string::npos);
+    file("plant.json", R"({"variables": [{"name": "Outlet", "tag": "Speed"}]})");
+    const Result read = hostOnPort({"read", "Sped"});
+    EXPECT_EQ(read.status, 1);
+    EXPECT_NE(read.err.find(" (did you mean Speed?)\n"), std::string::npos) << read.err;
+    const Result write = hostOnPort({"write", "Sped=1"});
+    EXPECT_EQ(write.status, 1);
+    EXPECT_NE(write.err.find(" (did you mean Speed?)\n"), std::string::npos) << write.err;
+    file("plant.json", "{ this is none");
+    EXPECT_EQ(hostOnPort({"read", "Sped"}).err.find("did you mean"), std::string::npos);
+}
+
 TEST_F(HostRead, RefusesElementsThatTheVariableDoesNotHave)
 {
     simulate();

@@ -88,6 +88,25 @@ TEST_F(HostWatch, ReportsThatATagIsUnknown)
         << result.out;
 }
 
+TEST_F(HostWatch, NamesTheVariableThatWasProbablyMeant)
+{
+    simulate();
+    const QString project =
+        file("p.json", R"({"variables": [{"name": "Outlet", "tag": "Speed"}, {"tag": "Level"}]})");
+    const QStringList shared = {"--seconds", "1", "--project", project};
+    const Result result = hostOnPort(QStringList{"watch", "Outled"} + shared);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.out.find(" Outled (no such tag (names are as in the controller's program; "
+                              "status 05)) (did you mean Outlet?)\n"),
+              std::string::npos)
+        << result.out;
+    const Result json = hostOnPort(QStringList{"watch", "Outled", "--json"} + shared);
+    EXPECT_NE(json.out.find("status 05) (did you mean Outlet?)\"}\n"), std::string::npos)
+        << json.out;
+    const Result none = hostOnPort(QStringList{"watch", "Zzz"} + shared);
+    EXPECT_EQ(none.out.find("did you mean"), std::string::npos) << none.out;
+}
+
 TEST_F(HostWatch, NeedsATerminalForCharts)
 {
     const Result result = hostOnPort({"watch", "Speed", "--plot"});
