@@ -13,6 +13,7 @@ void addCommands(CommandLine& line)
     addPoll(line);
     addRead(line);
     addWrite(line);
+    addFind(line);
     addWatch(line);
     addLog(line);
     addHistory(line);

@@ -12,6 +12,7 @@ void addProbe(CommandLine& line);
 void addPoll(CommandLine& line);
 void addRead(CommandLine& line);
 void addWrite(CommandLine& line);
+void addFind(CommandLine& line);
 void addWatch(CommandLine& line);
 void addLog(CommandLine& line);
 void addHistory(CommandLine& line);

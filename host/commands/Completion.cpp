@@ -44,7 +44,8 @@ QStringList filesFor(const QString& word)
 
 bool namesFile(const QString& option)
 {
-    return isOneOf(option, {"--project", "--csv", "--sqlite", "--report", "--trace"});
+    return isOneOf(option,
+                   {"--project", "--csv", "--sqlite", "--report", "--trace", "--output", "-o"});
 }
 
 QStringList wordsFor(const TypedWords& typed, const Vocabulary& vocabulary)

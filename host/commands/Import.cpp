@@ -1,12 +1,11 @@
 #include "Commands.h"
+#include "ListedProject.h"
 #include "Output.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VariableList.h"
-#include "VisibleText.h"
 
 #include <QtCore/QRegularExpression>
-#include <QtCore/QSet>
 
 #include <memory>
 
@@ -23,36 +22,6 @@ struct ImportOptions
     int station = -1;
 };
 
-// `station` is the one that a variable has when it names none.
-Json objectOf(const Variable& variable, int station)
-{
-    Json object = {{"tag", variable.tag.toStdString()}};
-    if (variable.station != station)
-        object["station"] = variable.station;
-    if (variable.type)
-        object["type"] = variable.type->name;
-    if (variable.length != 1)
-        object["length"] = variable.length;
-    if (!variable.unit.isEmpty())
-        object["unit"] = variable.unit.toStdString();
-    if (!variable.comment.isEmpty())
-        object["comment"] = variable.comment.toStdString();
-    return object;
-}
-
-// In the order in which they come first.
-QVector<int> stationsOf(const VariableList& list)
-{
-    QVector<int> stations;
-    QSet<int> known;
-    for (const Variable& variable : list.variables) {
-        if (!known.contains(variable.station))
-            stations.append(variable.station);
-        known.insert(variable.station);
-    }
-    return stations;
-}
-
 Json portOf(const ImportOptions& options)
 {
     Json port = Json::object();
@@ -61,31 +30,6 @@ Json portOf(const ImportOptions& options)
     if (options.baud > 0)
         port["baud"] = options.baud;
     return port;
-}
-
-std::string lineOf(const Json& object)
-{
-    return visibleJson(object.dump(-1, ' ', false, Json::error_handler_t::replace));
-}
-
-void printProject(const VariableList& list, const Json& port)
-{
-    const QVector<int> stations = stationsOf(list);
-    Json objects = Json::array();
-    for (const int number : stations)
-        objects.push_back({{"number", number}});
-    std::string text = "{\n";
-    if (!port.empty())
-        text += "  \"port\": " + lineOf(port) + ",\n";
-    text += "  \"stations\": " + lineOf(objects) + ",\n  \"variables\": [\n";
-    for (int i = 0; i < list.variables.size(); ++i) {
-        text += "    " + lineOf(objectOf(list.variables.at(i), stations.first())) +
-                (i + 1 < list.variables.size() ? ",\n" : "\n");
-    }
-    text += "  ]\n}\n";
-    // What is printed is a project, whatever the port is called.
-    Project::fromText(QString::fromStdString(text), QStringLiteral("--port"));
-    writeStandardOutput(text);
 }
 
 // What was left out, and why.
@@ -121,9 +65,9 @@ int run(const ImportOptions& options)
         variable.station = options.station >= 0 ? options.station : variable.station;
     if (output.json()) {
         for (const Variable& variable : list.variables)
-            output.data(objectOf(variable, 1), QString());
+            output.data(projectObjectOf(variable, 1), QString());
     } else {
-        printProject(list, portOf(options));
+        writeStandardOutput(projectTextOf(list.variables, portOf(options)));
     }
     return kExitDone;
 }

@@ -353,12 +353,16 @@ QStringList csvFields(const QString& line, QChar separator)
     return reader.fields();
 }
 
-VariableList VariableList::fromFile(const QString& path)
+namespace {
+
+QByteArray bytesOf(const QString& path)
 {
     QFile file(path);
     if (QFileInfo(path).isDir())
         throw UserError(path.toStdString() + ": is a directory (name the exported list)");
-    if (!file.open(QIODevice::ReadOnly)) {
+    const bool isOpen = path == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly)
+                                                   : file.open(QIODevice::ReadOnly);
+    if (!isOpen) {
         throw UserError(path.toStdString() + ": cannot be read: " +
                         file.errorString().toStdString() + " (name the exported list)");
     }
@@ -373,10 +377,8 @@ VariableList VariableList::fromFile(const QString& path)
         throw UserError(path.toStdString() +
                             ": cannot be read: " + file.errorString().toStdString(),
                         kExitRefused);
-    return fromBytes(bytes, path);
+    return bytes;
 }
-
-namespace {
 
 // The name of the codec when the bytes are UTF-16: they begin with its mark, or with an ASCII
 // character in two bytes. Else null.
@@ -408,9 +410,9 @@ void refuseZero(const QString& text, const std::string& file)
                         ": has a byte 00, so it is not a text (save the list as CSV UTF-8)");
 }
 
-} // namespace
+using Parser = VariableList (*)(const QString& text, const QString& name);
 
-VariableList VariableList::fromBytes(const QByteArray& bytes, const QString& name)
+VariableList parsed(const QByteArray& bytes, const QString& name, Parser parse)
 {
     const std::string file = name.toStdString();
     if (bytes.size() > kLargestList)
@@ -419,19 +421,37 @@ VariableList VariableList::fromBytes(const QByteArray& bytes, const QString& nam
     if (const char* const codec = utf16Of(bytes)) {
         const QString text = fromUtf16(bytes, codec, file);
         refuseZero(text, file);
-        return fromCsv(text, name);
+        return parse(text, name);
     }
     const int wrong = firstNotUtf8(bytes);
     const QTextCodec* const other = QTextCodec::codecForName("windows-1252");
     const QString text =
         wrong < 0 ? QString::fromUtf8(bytes.constData(), bytes.size()) : other->toUnicode(bytes);
     refuseZero(text, file);
-    VariableList list = fromCsv(text, name);
+    VariableList list = parse(text, name);
     if (wrong >= 0)
         list.ignored.prepend(
             QStringLiteral("line %1: is not UTF-8, so the file is read as Windows-1252")
                 .arg(lineOf(bytes, wrong)));
     return list;
+}
+
+} // namespace
+
+VariableList VariableList::fromFile(const QString& path)
+{
+    return fromBytes(bytesOf(path), path);
+}
+
+VariableList VariableList::fromFileOfNames(const QString& path)
+{
+    const QString name = path == QLatin1String("-") ? QStringLiteral("standard input") : path;
+    return parsed(bytesOf(path), name, fromNames);
+}
+
+VariableList VariableList::fromBytes(const QByteArray& bytes, const QString& name)
+{
+    return parsed(bytes, name, fromCsv);
 }
 
 namespace {
@@ -542,6 +562,31 @@ VariableList VariableList::fromCsv(const QString& text, const QString& name)
         list.notes.prepend(QStringLiteral("line %1: a project has no place for these columns: %2")
                                .arg(heading.line)
                                .arg(heading.columns.unused.join(QStringLiteral(", "))));
+    return list;
+}
+
+VariableList VariableList::fromNames(const QString& text, const QString& name)
+{
+    static const QRegularExpression separators(QStringLiteral("[,;\t]"));
+    if (text.contains(separators))
+        return fromCsv(text, name);
+    VariableList list;
+    QSet<QString> names;
+    int line = 0;
+    for (const QString& each : text.split('\n')) {
+        ++line;
+        Variable variable;
+        variable.name = variable.tag = QString(each).remove(QChar(0xFEFF)).trimmed();
+        if (variable.name.isEmpty())
+            continue;
+        const QString problem = problemOfName(variable.name, names);
+        names.insert(variable.name);
+        if (problem.isEmpty())
+            list.variables.append(variable);
+        else
+            list.ignored += QStringLiteral("line %1: %2: %3 (left out)")
+                                .arg(QString::number(line), variable.name, problem);
+    }
     return list;
 }
 

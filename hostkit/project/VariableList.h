@@ -23,6 +23,9 @@ struct VariableList
 
     /// Reads a file of at most 16 MiB as fromBytes() does.
     static VariableList fromFile(const QString& path);
+    /// The same of a file that may also be a text with a name in each line: one without comma,
+    /// semicolon and tab. "-" is standard input.
+    static VariableList fromFileOfNames(const QString& path);
     /// Reads UTF-8 or UTF-16 with fromCsv(), or Windows-1252 when it is neither. Throws UserError
     /// for a byte 00 and for UTF-16 that is cut short.
     static VariableList fromBytes(const QByteArray& bytes, const QString& name);
@@ -33,6 +36,8 @@ struct VariableList
     /// UserError for a heading without name or type and for a quote that is not closed. Messages
     /// call the file `name`.
     static VariableList fromCsv(const QString& text, const QString& name);
+    /// Reads a text with a name in each line, or with fromCsv() one that has separators.
+    static VariableList fromNames(const QString& text, const QString& name);
 };
 
 /// The fields of one separated line; one in double quotes may hold the separator. Throws UserError

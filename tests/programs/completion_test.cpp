@@ -51,7 +51,7 @@ QStringList optionsIn(const Result& help)
 
 TEST(Completion, OffersTheCommands)
 {
-    EXPECT_EQ(offered({""}), (QStringList{"check", "doctor", "history", "import", "log", "poll",
+    EXPECT_EQ(offered({""}), (QStringList{"check", "doctor", "find", "history", "import", "log", "poll",
                                           "probe", "read", "shell", "trace", "watch", "write"}));
     EXPECT_EQ(offered({"w"}), (QStringList{"watch", "write"}));
     EXPECT_EQ(offered({"--v"}), QStringList("--version"));
@@ -91,6 +91,9 @@ TEST(Completion, OffersFiles)
     EXPECT_EQ(offered({"poll", MICRO850_SOURCE_DIR "/examples/plant.pro"}),
               QStringList(MICRO850_SOURCE_DIR "/examples/plant.project.json"));
     EXPECT_EQ(offered({"read", "--port", "/dev/nul"}), QStringList("/dev/null"));
+    EXPECT_EQ(offered({"find", MICRO850_SOURCE_DIR "/examples/vari"}),
+              QStringList(MICRO850_SOURCE_DIR "/examples/variables.csv"));
+    EXPECT_EQ(offered({"find", "list", "-o", "/dev/nul"}), QStringList("/dev/null"));
 }
 
 // The project is the one that the command itself would use.

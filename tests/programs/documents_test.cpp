@@ -121,7 +121,7 @@ TEST_F(Documents, PrintCommandsThatWork)
 TEST_F(Documents, HelpShowsExamplesThatWork)
 {
     for (const char* command :
-         {"probe", "poll", "read", "write", "watch", "log", "check", "trace", "import"})
+         {"probe", "poll", "read", "write", "watch", "log", "check", "trace", "import", "find"})
     {
         const QString help = QString::fromStdString(host({command, "--help"}).out);
         QStringList lines;

@@ -112,6 +112,20 @@ TEST_F(HostJson, IsDescribedByTheSchemaForRead)
         "read");
 }
 
+TEST_F(HostJson, IsDescribedByTheSchemaForFind)
+{
+    simulate(kTags);
+    const Result find =
+        hostOnPort({"find", file("names", "Speed\nLevel\nNope\nLabel\nOn\nWide\n"), "--json"});
+    EXPECT_EQ(linesOf(find.out).size(), 6) << find.err;
+    expectDescribed(find, "find");
+    std::string wrong;
+    for (const QString& line : linesOf(find.out))
+        wrong += mistaken(objectOf(line));
+    expectRefused(wrong, {"find"});
+    expectRefused(linesOf(find.out).first().toStdString() + '\n', {"read", "poll"});
+}
+
 TEST_F(HostJson, IsDescribedByTheSchemaForPollAndWatch)
 {
     simulate(kTags);

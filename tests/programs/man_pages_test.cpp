@@ -69,7 +69,7 @@ TEST(ManPages, NameEveryOptionOfTheHostAndNoOther)
 {
     QSet<QString> known = optionsOf(MICRO850_HOST, {});
     const QSet<QString> names = commandsOf(MICRO850_HOST);
-    EXPECT_EQ(joined(names), "check doctor history import log poll probe read shell trace watch write");
+    EXPECT_EQ(joined(names), "check doctor find history import log poll probe read shell trace watch write");
     for (const QString& command : names)
         known += optionsOf(MICRO850_HOST, {command});
     const QString page = sourceOf("micro850-host.1");

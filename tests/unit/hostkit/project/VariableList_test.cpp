@@ -93,6 +93,33 @@ TEST(VariableList, IgnoresLinesThatAProjectWouldRefuse)
                      "line 5: Titles: of several strings only the first can be read (left out)"}));
 }
 
+TEST(VariableList, IsATextWithANameInEachLine)
+{
+    const VariableList list = VariableList::fromNames(
+        QString::fromUtf8("\uFEFFSpeed\r\n\n  Level \nSpeed\na b\nEnd"), QStringLiteral("n"));
+    QStringList tags;
+    for (const Variable& variable : list.variables) {
+        tags += variable.tag;
+        EXPECT_EQ(variable.name, variable.tag);
+        EXPECT_EQ(variable.type, nullptr);
+        EXPECT_EQ(variable.length, 1);
+    }
+    EXPECT_EQ(tags, (QStringList{"Speed", "Level", "End"}));
+    EXPECT_EQ(list.ignored,
+              (QStringList{"line 4: Speed: is listed twice (left out)",
+                           "line 5: a b: is not a tag (letters, digits and signs without blanks) "
+                           "(left out)"}));
+    EXPECT_FALSE(list.hasStations);
+}
+
+TEST(VariableList, IsReadAsAnExportWhenANameHasSeparators)
+{
+    const VariableList list =
+        VariableList::fromNames(QStringLiteral("Name;Type\nSpeed;INT\n"), QStringLiteral("n"));
+    ASSERT_EQ(list.variables.size(), 1);
+    EXPECT_STREQ(list.variables.first().type->name, "INT");
+}
+
 TEST(VariableList, NeedsAColumnForNameAndType)
 {
     EXPECT_EQ(complaint("Name,Comment\nA,INT\n"),
