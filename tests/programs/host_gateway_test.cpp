@@ -123,6 +123,7 @@ private:
 TEST_F(HostGateway, PrintsTheSameAsOverTheLineItself)
 {
     startPress();
+    const QString names = file("names", "Speed\nNope\nLevel\nLong\n");
     const QStringList all[] = {
         // Those that write come first: all others then see the same values both times.
         {"write", "Setpoint=22.5", "Levels[2..3]=1,2"},
@@ -138,6 +139,8 @@ TEST_F(HostGateway, PrintsTheSameAsOverTheLineItself)
         {"read", "Levels[12]"},
         {"read", "Level[8..12]"},
         {"read", "Product[1]"},
+        {"find", names},
+        {"find", names, "--json"},
         {"check"},
         {"check", "--json"},
         {"poll", "--seconds", "3"},
@@ -147,7 +150,7 @@ TEST_F(HostGateway, PrintsTheSameAsOverTheLineItself)
     };
     const auto withProject = [this](QStringList arguments) {
         const bool named = arguments.first() == "read" || arguments.first() == "write" ||
-                           arguments.first() == "watch";
+                           arguments.first() == "watch" || arguments.first() == "find";
         if (named)
             arguments += "--project";
         return arguments + QStringList(project());
