@@ -1,7 +1,7 @@
 #include "Func_Check.h"
 
-#include "internal/Crc16.h"
 #include "internal/DriverState.h"
+#include "internal/FrameBytes.h"
 #include "internal/Wrapping.h"
 
 void InvertUint16(unsigned short* out, unsigned short* in)
@@ -20,10 +20,7 @@ unsigned int CRC16_IBM(unsigned char* data, unsigned int length)
 {
     unsigned short polynomial = 0x8005;
     InvertUint16(&polynomial, &polynomial);
-    unsigned int crc = 0;
-    for (unsigned int i = 0; data && i < length; ++i)
-        crc = crc16::extended(crc, data[i], polynomial);
-    return crc;
+    return data ? framebytes::crcShiftedOver(data, length, 0, polynomial) : 0;
 }
 
 unsigned short CalSUM(unsigned char* data, unsigned short length)
@@ -36,9 +33,9 @@ unsigned short CalSUM(unsigned char* data, unsigned short length)
 
 unsigned short CalCRC(unsigned char* data, unsigned short length)
 {
-    unsigned int crc = 0xFFFF;
-    for (unsigned int i = 0; data && i < length; ++i)
-        crc = crc16::extended(crc, data[i], crc16::kReflectedPolynomial);
+    const unsigned int start = 0xFFFF;
+    const unsigned int crc = framebytes::crcShiftedOver(data, data ? length : 0, start,
+                                                        framebytes::kReflectedPolynomial);
     return static_cast<unsigned short>(crc);
 }
 

@@ -1,11 +1,9 @@
 #include "internal/Frame.h"
 
-#include "internal/Crc16.h"
-#include "internal/QtCompat.h"
+#include "internal/FrameBytes.h"
 
 #include <QtCore/QStringList>
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -13,95 +11,21 @@ namespace {
 // Room for a request with a name of usual length and a short value; a longer request grows.
 const int kUsualSize = 96;
 
-// The shortest reply that can hold a frame, and the first place where its ETX can be.
-const int kShortestReply = 24;
-const int kFirstEtx = 21;
-
-const int kCrcSize = 2;
-
-// Size of the header that has `second` as its second byte: DLE ACK DLE STX, DLE STX, or none.
-int headerSize(quint8 second)
+const unsigned char* bytesOf(const QByteArray& bytes)
 {
-    return second == frame::kAck ? 4 : second == frame::kStx ? 2 : 0;
+    return reinterpret_cast<const unsigned char*>(bytes.constData());
 }
 
-unsigned int extendedCrc(unsigned int crc, const char* begin, const char* end)
+// The same for writing: detaches `bytes`.
+unsigned char* dataOf(QByteArray& bytes)
 {
-    for (; begin < end; ++begin)
-        crc = crc16::extended(crc, static_cast<quint8>(*begin));
-    return crc;
+    return reinterpret_cast<unsigned char*>(bytes.data());
 }
 
-// The CRC of the data so far, closed with ETX.
-unsigned int closedCrc(unsigned int crc)
+std::size_t sizeOf(const QByteArray& bytes)
 {
-    return crc16::extended(crc, frame::kEtx);
+    return static_cast<std::size_t>(bytes.size());
 }
-
-// CRC of a frame's data, which begins after the header and ends at index `end`.
-unsigned int crcUpTo(const QByteArray& frame, int end)
-{
-    const char* begin = frame.constData();
-    const int first = headerSize(frame::byteAt(frame, 1));
-    return closedCrc(first < end ? extendedCrc(0, begin + first, begin + end) : 0);
-}
-
-bool isPair(const char* at)
-{
-    return at[0] == frame::kDle && at[1] == frame::kDle;
-}
-
-// The first pair of DLEs, null for none.
-const char* firstPair(const char* begin, const char* end)
-{
-    while (begin < end) {
-        const void* dle = std::memchr(begin, frame::kDle, static_cast<std::size_t>(end - begin));
-        if (!dle)
-            break;
-        begin = static_cast<const char*>(dle);
-        if (begin + 1 < end && isPair(begin))
-            return begin;
-        ++begin;
-    }
-    return nullptr;
-}
-
-// CRC of a reply as received, extended from one possible end to the next.
-class ReplyCrc
-{
-public:
-    // A reply that is long enough for a header.
-    explicit ReplyCrc(const QByteArray& reply)
-        : m_begin(reply.constData()), m_next(m_begin), m_crc(0)
-    {
-        // The header's size counts undoubled bytes.
-        const int header = headerSize(static_cast<quint8>(m_begin[isPair(m_begin) ? 2 : 1]));
-        for (int i = 0; i < header; ++i)
-            m_next += isPair(m_next) ? 2 : 1;
-    }
-
-    // `etx` follows a DLE. The CRC of the undoubled data in front of that DLE, or of the pair that
-    // it ends, closed with ETX.
-    unsigned int closedBefore(const char* etx)
-    {
-        const char* run = etx;
-        while (run > m_begin && run[-1] == frame::kDle)
-            --run;
-        const char* end = etx - ((etx - run) % 2 == 0 ? 2 : 1);
-        while (const char* pair = firstPair(m_next, end)) {
-            m_crc = extendedCrc(m_crc, m_next, pair + 1);
-            m_next = pair + 2;
-        }
-        m_crc = extendedCrc(m_crc, m_next, end);
-        m_next = end;
-        return closedCrc(m_crc);
-    }
-
-private:
-    const char* m_begin;
-    const char* m_next;
-    unsigned int m_crc;
-};
 
 } // namespace
 
@@ -128,51 +52,38 @@ QByteArray fromHexText(const char* text)
 
 unsigned int crcOf(const QByteArray& frame)
 {
-    return crcUpTo(frame, frame.size() - 2);
+    const std::size_t size = sizeOf(frame);
+    return framebytes::frameCrc(bytesOf(frame), size, size < 2 ? 0 : size - 2);
 }
 
-// From the back, so that nothing is moved twice.
 void doubleDles(QByteArray& frame)
 {
-    const int size = frame.size();
     // A frame without either header is treated as if it began with DLE STX.
-    const int first = qMax(2, headerSize(byteAt(frame, 1)));
-    const int last = size - kTrailerSize;
-    const char* plain = frame.constData();
-    if (last <= first || !std::memchr(plain + first, kDle, static_cast<std::size_t>(last - first)))
+    const std::size_t first = qMax<std::size_t>(2, framebytes::headerSize(byteAt(frame, 1)));
+    if (sizeOf(frame) <= first + kTrailerSize)
         return;
-    const int extra = static_cast<int>(std::count(plain + first, plain + last, kDle));
-    frame.resize(size + extra);
-    char* begin = frame.data();
-    std::memmove(begin + last + extra, begin + last, kTrailerSize);
-    char* to = begin + last + extra;
-    for (const char* from = begin + last; from != to;) {
-        *--to = *--from;
-        if (*from == kDle)
-            *--to = kDle;
-    }
+    const std::size_t last = sizeOf(frame) - kTrailerSize;
+    if (framebytes::nextDle(bytesOf(frame), first, last) == last)
+        return;
+    const std::size_t dles = framebytes::countDles(bytesOf(frame), first, last);
+    frame.resize(frame.size() + static_cast<int>(dles));
+    framebytes::doubleInPlace(dataOf(frame), first, last, dles);
 }
 
 void undoubleDles(QByteArray& frame)
 {
-    const char* begin = frame.constData();
-    const char* pair = firstPair(begin, begin + frame.size());
-    if (!pair)
-        return;
-    const int before = static_cast<int>(pair - begin);
-    char* to = frame.data() + before;
-    const char* end = frame.constData() + frame.size();
-    for (const char* from = to; from < end; from += from + 1 < end && isPair(from) ? 2 : 1)
-        *to++ = *from;
-    frame.truncate(static_cast<int>(to - frame.constData()));
+    const std::size_t size = sizeOf(frame);
+    const std::size_t pair = framebytes::firstPair(bytesOf(frame), 0, size);
+    if (pair != size)
+        frame.truncate(static_cast<int>(framebytes::undoubleInPlace(dataOf(frame), pair, size)));
 }
 
 void close(QByteArray& frame)
 {
-    const unsigned int crc = crcUpTo(frame, frame.size());
-    const char trailer[kTrailerSize] = {kDle, kEtx, static_cast<char>(crc & 0xFF),
-                                        static_cast<char>(crc >> 8)};
-    frame.append(trailer, kTrailerSize);
+    unsigned char trailer[kTrailerSize];
+    framebytes::putTrailer(trailer,
+                           framebytes::frameCrc(bytesOf(frame), sizeOf(frame), sizeOf(frame)));
+    frame.append(reinterpret_cast<const char*>(trailer), kTrailerSize);
     doubleDles(frame);
 }
 
@@ -191,21 +102,7 @@ bool endsAsFrame(const QByteArray& reply)
 
 bool isIntact(const QByteArray& reply)
 {
-    if (reply.size() < kShortestReply)
-        return false;
-    const char* const last = reply.constData() + reply.size() - kCrcSize;
-    ReplyCrc crc(reply);
-    // Each pair of bytes 10 03 is the end or, after a doubled DLE, data. The CRC decides, and the
-    // search goes on. The CRC is extended along with it, so many candidates cost no more than one.
-    for (const char* etx = reply.constData() + kFirstEtx; etx < last; ++etx) {
-        if (*etx != kEtx || etx[-1] != kDle)
-            continue;
-        const unsigned int received = static_cast<quint8>(etx[1]) |
-                                      static_cast<unsigned int>(static_cast<quint8>(etx[2])) << 8;
-        if (crc.closedBefore(etx) == received)
-            return true;
-    }
-    return false;
+    return framebytes::holdsFrame(bytesOf(reply), sizeOf(reply)) != 0;
 }
 
 Builder::Builder(const QByteArray& head, const QString& tagName, int element)
@@ -217,53 +114,38 @@ Builder::Builder(const QByteArray& head, const QString& tagName, int element)
     m_bytes[kPathSize] = static_cast<char>((m_bytes.size() - kPath) / 2 & 0xFF);
 }
 
-void Builder::addNumber(quint64 value, int size)
-{
-    char bytes[8];
-    for (int i = 0; i < size; ++i)
-        bytes[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
-    m_bytes.append(bytes, size);
-}
-
 void Builder::addTagName(const QString& name)
 {
     const int length = name.size();
     const int at = m_bytes.size();
-    growTo(m_bytes, at + 1 + length + length % 2); // a name of odd length ends with a pad
-    char* segment = m_bytes.data() + at;
-    segment[0] = static_cast<char>(length & 0xFF);
-    for (int i = 0; i < length; ++i)
-        segment[1 + i] = qtcompat::latin1(name.at(i));
+    m_bytes.resize(at + 1 + length + length % 2);
+    // Not utf16(), which may copy the host's text to end it with a 0.
+    framebytes::putTagName(dataOf(m_bytes) + at,
+                           reinterpret_cast<const unsigned short*>(name.constData()),
+                           static_cast<std::size_t>(length));
 }
 
 void Builder::addElement(int element)
 {
     // As an unsigned number: a negative index then makes a segment that no controller accepts,
     // instead of the element that its low byte names.
-    const unsigned int index = static_cast<unsigned int>(element);
-    if (index == 0)
-        return;
-    if (index < 0x100) {
-        addNumber(0x28, 1);
-        addNumber(index, 1);
-    } else if (index < 0x10000) {
-        addNumber(0x0029, 2);
-        addNumber(index, 2);
-    } else {
-        addNumber(0x0030, 2);
-        addNumber(index, 4);
-    }
+    unsigned char segment[framebytes::kElementSegment];
+    const std::size_t size = framebytes::putElement(segment, static_cast<unsigned int>(element));
+    if (size > 0)
+        m_bytes.append(reinterpret_cast<const char*>(segment), static_cast<int>(size));
 }
 
 void Builder::addType(quint8 low, quint8 high)
 {
-    addNumber(low, 1);
-    addNumber(high, 1);
+    const char type[] = {static_cast<char>(low), static_cast<char>(high)};
+    m_bytes.append(type, 2);
 }
 
 void Builder::addCount(int count)
 {
-    addNumber(static_cast<unsigned int>(count), 6);
+    unsigned char countAndOffset[6];
+    framebytes::putNumber(countAndOffset, static_cast<unsigned int>(count), 6);
+    m_bytes.append(reinterpret_cast<const char*>(countAndOffset), 6);
 }
 
 void Builder::addBytes(const QByteArray& bytes)

@@ -81,8 +81,6 @@ public:
 private:
     void addTagName(const QString& name);
     void addElement(int element);
-    /// The low `size` bytes of the value, 1 to 8, low byte first.
-    void addNumber(quint64 value, int size);
 
     QByteArray m_bytes;
 };

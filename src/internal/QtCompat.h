@@ -3,18 +3,10 @@
 
 // The few places where Qt 4.8 and Qt 5 differ.
 
-#include <QtCore/QChar>
 #include <QtCore/QList>
 #include <QtCore/QtGlobal>
 
 namespace qtcompat {
-
-/// The character's byte in the tag alphabet, 00 if it has none. QString's own conversions put a
-/// question mark there, and Qt 4's toAscii() depends on a process-wide codec.
-inline char latin1(QChar character)
-{
-    return character.unicode() > 0xFF ? '\0' : static_cast<char>(character.unicode());
-}
 
 template<typename T> void swapItems(QList<T>& list, int i, int j)
 {
