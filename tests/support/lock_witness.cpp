@@ -75,7 +75,7 @@ void reallyUnlock(QMutex* mutex)
 void QMutex::lock() QT_MUTEX_LOCK_NOEXCEPT
 {
     if (current)
-        current->runAction();
+        current->interruptBeforeLock();
     reallyLock(this);
     if (current)
         current->noteLock(this);
@@ -86,6 +86,8 @@ void QMutex::unlock() noexcept
     if (current)
         current->noteUnlock(this);
     reallyUnlock(this);
+    if (current)
+        current->interruptAfterUnlock();
 }
 
 #ifdef __SANITIZE_THREAD__
@@ -208,6 +210,11 @@ bool LockWitness::nested(const QMutex& outer, const QMutex& inner) const
 
 void LockWitness::watch(const std::function<int()>& value, const QMutex& guard)
 {
+    watch([value] { return std::to_string(value()); }, guard);
+}
+
+void LockWitness::watch(const std::function<std::string()>& value, const QMutex& guard)
+{
     m_watched.push_back({value, &guard, value(), 0});
 }
 
@@ -219,15 +226,16 @@ int LockWitness::unguardedValueChanges() const
     return changes;
 }
 
-void LockWitness::runAction()
+void LockWitness::run(Interruption& interruption)
 {
-    if (!m_action || m_locksBefore-- > 0)
+    if (!interruption.action || interruption.left-- > 0)
         return;
-    const std::function<void()> action = m_action;
-    m_action = nullptr;
+    const std::function<void()> action = interruption.action;
+    interruption.action = nullptr;
+    LockWitness* const interrupted = current;
     current = nullptr;
     action();
-    current = this;
+    current = interrupted;
 }
 
 void LockWitness::noteLock(const QMutex* mutex)
@@ -242,13 +250,14 @@ void LockWitness::noteLock(const QMutex* mutex)
 
 void LockWitness::noteUnlock(const QMutex* mutex)
 {
+    const auto at = std::find(m_held.begin(), m_held.end(), mutex);
+    if (at == m_held.end())
+        return; // a test tried whether it is free
+    m_held.erase(at);
     for (Watched& watched : m_watched) {
         if (watched.guard == mutex)
             watched.last = watched.value();
     }
-    const auto at = std::find(m_held.begin(), m_held.end(), mutex);
-    if (at != m_held.end())
-        m_held.erase(at);
 }
 
 void LockWitness::noteNameLookup()

@@ -4,6 +4,7 @@
 #include <QtCore/QMutex>
 
 #include <functional>
+#include <string>
 #include <vector>
 
 /// Records the mutexes that the calling thread locks while the witness lives, in order, and the
@@ -46,7 +47,9 @@ public:
     };
     const std::vector<ListChange>& listChanges() const { return m_listChanges; }
 
-    /// Checks a value whenever `guard` is locked or unlocked: it may change only while locked.
+    /// Checks a value whenever `guard` is locked or unlocked: it may change only while locked. So a
+    /// guard that is released before the value has its last change is noticed, too.
+    void watch(const std::function<std::string()>& value, const QMutex& guard);
     void watch(const std::function<int()>& value, const QMutex& guard);
     /// How often a watched value changed while its guard was not held.
     int unguardedValueChanges() const;
@@ -55,13 +58,18 @@ public:
     /// another thread had run at that time. The witness does not record what the action does.
     void beforeNextLock(const std::function<void()>& action, int locksBetween = 0)
     {
-        m_action = action;
-        m_locksBefore = locksBetween;
+        m_beforeLock = {action, locksBetween};
+    }
+    /// The same just after a lock is released.
+    void afterNextUnlock(const std::function<void()>& action, int unlocksBetween = 0)
+    {
+        m_afterUnlock = {action, unlocksBetween};
     }
 
     // Called by the replaced functions of Qt.
     void noteListChange(const void* list) { m_listChanges.push_back({list, m_held}); }
-    void runAction();
+    void interruptBeforeLock() { run(m_beforeLock); }
+    void interruptAfterUnlock() { run(m_afterUnlock); }
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
     void noteMapChange();
@@ -74,14 +82,21 @@ private:
     };
     struct Watched
     {
-        std::function<int()> value;
+        std::function<std::string()> value;
         const QMutex* guard;
-        int last;
+        std::string last;
         int unguardedChanges;
     };
+    struct Interruption
+    {
+        std::function<void()> action;
+        int left;
+    };
+    static void run(Interruption& interruption);
+
     LockWitness* m_before;
-    std::function<void()> m_action;
-    int m_locksBefore = 0;
+    Interruption m_beforeLock = {nullptr, 0};
+    Interruption m_afterUnlock = {nullptr, 0};
     std::vector<Watched> m_watched;
     std::vector<const QMutex*> m_locked;
     std::vector<const QMutex*> m_held;

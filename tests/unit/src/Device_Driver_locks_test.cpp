@@ -56,6 +56,34 @@ protected:
         }
         return changes > 0;
     }
+    /// The value of `tag` in the store and what is known of its type.
+    static std::string stored(const char* tag)
+    {
+        const PLCTAGCOMMUNICATION station = PLCDataStorage.value(1);
+        return wire::text(station.tagData.value(tag)) + "; " +
+               wire::text(station.tagInfo.value(tag));
+    }
+    static std::string allFieldsOf(const QList<RW_VAR>& list)
+    {
+        std::string text;
+        for (const RW_VAR& request : list)
+            text += fieldsOf(request) + "\n";
+        return text;
+    }
+    /// What `listMutex` guards while a transaction ends.
+    static std::string listsAndResult()
+    {
+        return allFieldsOf(PLC_driver.readList) + "writes\n" + allFieldsOf(PLC_driver.writeList) +
+               "one-shots\n" + allFieldsOf(PLC_driver.onceReadList) + "result\n" +
+               fieldsOf(PLC_driver.result);
+    }
+    static std::string sentFrames()
+    {
+        std::string text;
+        for (const Protocol& sent : PLC_driver.sendQueue)
+            text += wire::text(sent.frame) + ' ' + fieldsOf(sent.var) + '\n';
+        return text;
+    }
     void lockAll()
     {
         for (QMutex* mutex :
@@ -99,6 +127,26 @@ TEST_F(DisablingAStation, TakesOnlyTheStationLock)
     EXPECT_EQ(timesStationLocked(witness), 3);
     EXPECT_EQ(witness.locked().size(), 3u);
     EXPECT_TRUE(witness.balanced());
+}
+
+TEST_F(DisablingAStation, ChangesAndReadsTheStationsOnlyWhileTheStationLockIsHeld)
+{
+    LockWitness witness;
+    witness.watch(
+        [] {
+            std::string text;
+            for (int station : PLC_driver.disabledStations.keys())
+                text += std::to_string(station) + ' ';
+            return text;
+        },
+        PLC_driver.stationMutex);
+    EnCommStation(3, 0);
+    EnCommStation(4, 0);
+    EnCommStation(3, 1);
+    EXPECT_EQ(witness.unguardedValueChanges(), 0);
+    witness.afterNextUnlock([] { EnCommStation(4, 1); });
+    EXPECT_TRUE(Ethernetcontains(4)) << "it was disabled while the lock was held";
+    EXPECT_FALSE(Ethernetcontains(4));
 }
 
 TEST_F(Configuring, TakesNoLock)
@@ -170,6 +218,128 @@ TEST_F(QueueingAOneShotRead, HoldsTheListLockOnlyInModeOne)
     EXPECT_TRUE(tookNoNamedLock(witness));
 }
 
+// Another thread runs between two steps of the call, wherever it takes or releases a lock.
+class InterruptedCall : public Locks
+{
+protected:
+    /// Calls `arrange`, then `call` with `other` at each of these places in turn, then `check`.
+    static void interruptEverywhere(const std::function<void()>& arrange,
+                                    const std::function<void()>& call,
+                                    const std::function<void()>& other,
+                                    const std::function<void()>& check)
+    {
+        int locks = 1;
+        for (int place = 0; place < 2 * locks; ++place) {
+            SCOPED_TRACE(place);
+            arrange();
+            {
+                LockWitness witness;
+                if (place % 2 == 0)
+                    witness.beforeNextLock(other, place / 2);
+                else
+                    witness.afterNextUnlock(other, place / 2);
+                call();
+                locks = static_cast<int>(witness.locked().size());
+            }
+            check();
+        }
+        EXPECT_GE(locks, 1);
+    }
+    static void clearLists()
+    {
+        PLC_driver.readList.clear();
+        PLC_driver.onceReadList.clear();
+    }
+};
+
+TEST_F(InterruptedCall, QueuesNoOneShotReadTwice)
+{
+    interruptEverywhere(
+        clearLists,
+        [&] {
+            RW_VAR request = readOf("T");
+            EXPECT_EQ(AddListOnceReadVar(&request, 0), 1);
+        },
+        [&] {
+            RW_VAR same = readOf("T");
+            AddListOnceReadVar(&same, 0);
+        },
+        [] { EXPECT_EQ(PLC_driver.onceReadList.size(), 1); });
+}
+
+TEST_F(InterruptedCall, QueuesNoOneShotReadBeyondTheLimit)
+{
+    interruptEverywhere(
+        [&] {
+            clearLists();
+            for (int i = 0; i < 1023; ++i)
+                PLC_driver.onceReadList.append(ofVariable(readOf("T"), 1, i));
+        },
+        [&] {
+            RW_VAR request = ofVariable(readOf("T"), 2, 1);
+            EXPECT_EQ(AddListOnceReadVar(&request, 0), 1024);
+        },
+        [&] {
+            RW_VAR late = ofVariable(readOf("T"), 3, 1);
+            AddListOnceReadVar(&late, 0);
+        },
+        [] { EXPECT_EQ(PLC_driver.onceReadList.size(), 1024); });
+}
+
+TEST_F(InterruptedCall, ReturnsThePlaceOfItsOwnRequest)
+{
+    const std::function<int(RW_VAR&)> cyclic = [](RW_VAR& request) {
+        return AddListReadVar(&request);
+    };
+    const std::function<int(RW_VAR&)> once = [](RW_VAR& request) {
+        return AddListOnceReadVar(&request, 0);
+    };
+    const std::function<int(RW_VAR&)> onceUnchanged = [](RW_VAR& request) {
+        return AddListOnceReadVar(&request, 1);
+    };
+    // The second call takes no lock that the first one may hold.
+    for (const auto& [append, other, list] :
+         {std::make_tuple(cyclic, cyclic, &PLC_driver.readList),
+          std::make_tuple(once, once, &PLC_driver.onceReadList),
+          std::make_tuple(onceUnchanged, once, &PLC_driver.onceReadList)})
+    {
+        int length = 0;
+        interruptEverywhere(
+            clearLists,
+            [&, append = append] {
+                RW_VAR request = ofVariable(readOf("T"), 1, 1);
+                length = append(request);
+            },
+            [&, other = other] {
+                RW_VAR late = ofVariable(readOf("L"), 1, 2);
+                other(late);
+            },
+            [&, list = list] {
+                EXPECT_EQ(list->size(), 2);
+                EXPECT_EQ(tagsOf(*list).indexOf('T') + 1, length);
+            });
+    }
+}
+
+TEST_F(InterruptedCall, ReturnsTheLengthThatItSaw)
+{
+    RW_VAR late = readOf("L");
+    for (const bool rebuild : {false, true}) {
+        LockWitness witness;
+        PLC_driver.readList = {readOf("A"), readOf("B")};
+        witness.afterNextUnlock([&] { AddListReadVar(&late); });
+        EXPECT_EQ(rebuild ? ReCreatReadVarList(nullptr) : AddListReadVar(nullptr), 2);
+        for (int mode : {0, 1}) {
+            PLC_driver.onceReadList = {readOf("A")};
+            witness.afterNextUnlock([&] { AddListOnceReadVar(&late, 0); });
+            EXPECT_EQ(AddListOnceReadVar(nullptr, mode), 1);
+            PLC_driver.writeList = {writeOf("A", "x")};
+            witness.afterNextUnlock([&] { AddListWriteVar(&late, 1); });
+            EXPECT_EQ(AddListWriteVar(nullptr, mode), 1);
+        }
+    }
+}
+
 TEST_F(RebuildingTheCyclicList, HoldsTheListLock)
 {
     QList<HOSTVAR> variables;
@@ -201,6 +371,26 @@ TEST_F(ReadingAValue, HoldsTheValueLockThroughout)
         for (std::size_t i = 1; i < witness.locked().size(); ++i)
             EXPECT_TRUE(witness.nested(PLC_driver.dataMutex, *witness.locked()[i]));
         EXPECT_TRUE(witness.balanced());
+    }
+}
+
+TEST_F(ReadingAValue, ReleasesTheValueLockOnlyWhenTheValueIsInTheHostsBuffer)
+{
+    for (int typeClass : {0, 1, 2, 3, 4, 5, 0xFF}) {
+        confirm("T", static_cast<quint8>(typeClass), 0xC3);
+        PLCDataStorage[1].tagData["T"] = hex("01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10");
+        for (const char* tag : {"T", "unknown"}) {
+            for (int count : {4, 0}) {
+                for (const char* before : {"", "the bytes of another value"}) {
+                    QByteArray out = before;
+                    LockWitness witness;
+                    witness.watch([&] { return wire::text(out); }, PLC_driver.dataMutex);
+                    GetRegisterData(tag, 0, "0", 1, out, count);
+                    EXPECT_EQ(witness.unguardedValueChanges(), 0)
+                        << typeClass << ' ' << tag << ' ' << count << ' ' << before;
+                }
+            }
+        }
     }
 }
 
@@ -246,6 +436,25 @@ TEST_F(ChoosingTheNextRequest, HoldsTheListLockForAnyList)
         EXPECT_TRUE(onlyWithinTheListLock(witness)) << list;
         EXPECT_TRUE(witness.nested(PLC_driver.listMutex, PLC_driver.stationMutex));
         EXPECT_FALSE(witness.nested(PLC_driver.stationMutex, PLC_driver.listMutex));
+    }
+}
+
+TEST_F(ChoosingTheNextRequest, ReleasesTheListLockOnlyWhenTheFrameIsQueued)
+{
+    for (const bool connected : {true, false}) {
+        for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
+            restart();
+            if (connected)
+                connectStation();
+            LockWitness witness;
+            witness.watch([] { return sentFrames() + std::to_string(PLC_driver.currentList); },
+                          PLC_driver.listMutex);
+            witness.watch([] { return PLC_driver.writeBurst; }, PLC_driver.listMutex);
+            witness.watch([] { return PLC_driver.onceBurst; }, PLC_driver.listMutex);
+            send(list == kWrite ? writeOf("T", "x") : readOf("T"), list);
+            EXPECT_EQ(PLC_driver.sendQueue.size(), connected ? 1 : 2);
+            EXPECT_EQ(witness.unguardedValueChanges(), 0) << list;
+        }
     }
 }
 
@@ -311,6 +520,62 @@ TEST_F(HandlingAReply, TakesTheListLockOnceForAFrameThatOthersFollow)
     EXPECT_EQ(PLC_driver.writeList.size(), 1);
     EXPECT_EQ(timesListLocked(witness), 1);
     EXPECT_TRUE(witness.balanced());
+}
+
+// DataCom sets the result to 1 before it takes a lock. So the result is 1 before, and the request's
+// own code is another one.
+
+TEST_F(HandlingAReply, ReleasesTheListLockOnlyWhenListsAndResultAreWritten)
+{
+    for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
+        for (const bool local : {true, false}) {
+            for (int frames : {1, 2}) {
+                restart();
+                connectStation();
+                RW_VAR request = list == kWrite ? writeOf("T", "x") : readOf("T");
+                request.retValue = 88;
+                request.linkId = local ? settings.localLink : settings.localLink + 1;
+                send(request, list)->replyLength = kGood.size();
+                settings.frameCount = frames;
+                PLC_driver.result.retValue = 1;
+                LockWitness witness;
+                witness.watch(listsAndResult, PLC_driver.listMutex);
+                EXPECT_EQ(deliver(kGood), local ? 1 : 100);
+                EXPECT_EQ(PLC_driver.result.tagName, QString(frames == 1 ? "T" : ""));
+                EXPECT_EQ(witness.unguardedValueChanges(), 0)
+                    << list << ' ' << local << ' ' << frames;
+            }
+        }
+    }
+}
+
+TEST_F(HandlingAFailure, ReleasesTheListLockOnlyWhenListsAndResultAreWritten)
+{
+    for (int list : {int(kCyclicRead), int(kWrite), int(kOneShotRead)}) {
+        for (int multiStation : {0, 1}) {
+            restart();
+            connectStation();
+            settings.retryLimit = 1;
+            settings.multiStation = multiStation;
+            RW_VAR request = ofVariable(list == kWrite ? writeOf("T", "x") : readOf("T"), 5, 6);
+            request.retValue = 88;
+            sendUnanswerable(request, list);
+            for (int station : {1, 2}) {
+                PLC_driver.writeList.append(ofVariable(writeOf("W", "x"), 5, 6, station));
+                PLC_driver.onceReadList.append(ofVariable(readOf("O"), 5, 6, station));
+            }
+            for (const int code : {0, 46}) {
+                PLC_driver.result.retValue = 1;
+                LockWitness witness;
+                witness.watch(listsAndResult, PLC_driver.listMutex);
+                EXPECT_EQ(timeOut(), code);
+                EXPECT_EQ(witness.unguardedValueChanges(), 0)
+                    << list << ' ' << multiStation << ' ' << code;
+            }
+            EXPECT_EQ(tagsOf(PLC_driver.writeList), QString(multiStation ? "W" : ""));
+            EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString(multiStation ? "O" : ""));
+        }
+    }
 }
 
 TEST_F(HandlingAFailure, TakesTheListLockOnceWithinTheRetryLimitAndBeyond)
@@ -728,6 +993,25 @@ TEST_F(StoringAReply, HoldsTheValueLockForALocalReply)
 {
     EXPECT_EQ(timesDataLockedFor(true, kGood.size(), 0, 1), 1);
     EXPECT_TRUE(PLCDataStorage[1].tagData.contains("T"));
+}
+
+TEST_F(StoringAReply, ReleasesTheValueLockOnlyWhenValueAndTypeAreStored)
+{
+    declareIndexed("T");
+    send(readOf("T", 2), kCyclicRead);
+    std::string before = stored("T");
+    // The first reply creates the image, the second one makes it longer, the third one changes it.
+    for (const char* value : {"01 02", "03 04 05 06", "07 08"}) {
+        ComCommunication();
+        QByteArray reply = wire::readReply(0x21, 0xC3, hex(value));
+        PLC_driver.sendQueue.first().replyLength = reply.size();
+        LockWitness witness;
+        witness.watch([] { return stored("T"); }, PLC_driver.dataMutex);
+        EXPECT_EQ(DataCom(&reply, reply.size())->retValue, 1);
+        EXPECT_NE(stored("T"), before) << value;
+        EXPECT_EQ(witness.unguardedValueChanges(), 0) << value;
+        before = stored("T");
+    }
 }
 
 TEST_F(StoringAReply, TakesNoValueLockWhenNothingIsStored)

@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -23,10 +24,12 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
 bool clockComplains = false;
+QDateTime shownTime; // null: the real time
 
 } // namespace
 
@@ -39,6 +42,8 @@ QDateTime QDateTime::currentDateTime()
         reinterpret_cast<Clock>(dlsym(RTLD_NEXT, "_ZN9QDateTime15currentDateTimeEv"));
     if (clockComplains)
         customMessageHandler(QtWarningMsg, "the clock is late");
+    if (!shownTime.isNull())
+        return shownTime;
     if (!real)
         std::abort();
     return real();
@@ -131,6 +136,35 @@ TEST_F(DebugLog, StartsEachLineWithTheLocalTimeAndUnpaddedMilliseconds)
     }
 }
 
+TEST_F(DebugLog, WritesEachPartOfTheDateWithAllDigitsAndTheMillisecondsAsANumber)
+{
+    struct Row
+    {
+        QDateTime time;
+        const char* line;
+    };
+    const std::vector<Row> rows = {
+        {{{2024, 1, 5}, {9, 3, 7, 5}}, "2024.01.05.09:03:07.5:m\n"},
+        {{{2024, 1, 5}, {9, 3, 7, 50}}, "2024.01.05.09:03:07.50:m\n"},
+        {{{2024, 1, 5}, {9, 3, 7, 500}}, "2024.01.05.09:03:07.500:m\n"},
+        {{{2031, 12, 26}, {21, 45, 58, 123}}, "2031.12.26.21:45:58.123:m\n"},
+        {{{2000, 10, 1}, {0, 0, 0, 0}}, "2000.10.01.00:00:00.0:m\n"},
+        {{{2099, 2, 28}, {12, 0, 59, 999}}, "2099.02.28.12:00:59.999:m\n"},
+    };
+    inChild([&] {
+        ::setenv("TZ", "XXX-5:30", 1); // the local time is not the universal one
+        ::tzset();
+        for (const Row& row : rows) {
+            shownTime = row.time;
+            customMessageHandler(QtDebugMsg, "m");
+        }
+    });
+    QByteArray expected;
+    for (const Row& row : rows)
+        expected += row.line;
+    EXPECT_EQ(read("debug.log"), expected);
+}
+
 TEST_F(DebugLog, DropsALineThatCannotBeWrittenAndStillCountsItAsTheFirst)
 {
     const QByteArray errors = inChild([] {
@@ -214,6 +248,20 @@ TEST_F(DebugLog, IsWrittenUnderItsOwnLock)
             std::exit(96);
     });
     EXPECT_EQ(lines().size(), 1);
+}
+
+TEST_F(DebugLog, HasTheWholeLineBeforeItsLockIsReleased)
+{
+    inChild([] {
+        LockWitness witness;
+        customMessageHandler(QtDebugMsg, "one");
+        witness.watch([] { return static_cast<int>(QFile("debug.log").size()); },
+                      *witness.locked().front());
+        customMessageHandler(QtDebugMsg, "two");
+        if (witness.unguardedValueChanges() != 0)
+            std::exit(95);
+    });
+    EXPECT_EQ(lines().size(), 2);
 }
 
 TEST_F(DebugLog, RecordsMessagesOfEveryTypeAndContinuesAfterAFatalOne)
