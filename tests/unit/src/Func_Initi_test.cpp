@@ -25,6 +25,42 @@ TEST_F(Configuration, ClearsTwoWordsOfTheSettingsAndKeepsTheRecord)
         EXPECT_EQ(words[i], i == 10 || i == 13 ? 0 : 100 + i) << i;
 }
 
+TEST_F(Configuration, ClearsTheTwoWordsEachTimeAlsoOfTheRecordThatItHas)
+{
+    ComInfo other = ComInfo();
+    int* words = reinterpret_cast<int*>(&settings);
+    const QList<ComInfo*> before = {&settings, &other, nullptr};
+    for (int round = 0; round < before.size(); ++round) {
+        SetComInfo(before[round]);
+        PLC_driver.sendQueue = {Protocol()};
+        for (int i = 0; i < 19; ++i)
+            words[i] = 100 * round + 50 + i;
+        for (int again = 0; again < 2; ++again) {
+            words[10] = words[13] = 7;
+            SetComInfo(&settings);
+            EXPECT_EQ(PLC_driver.comInfo, &settings);
+            for (int i = 0; i < 19; ++i)
+                EXPECT_EQ(words[i], i == 10 || i == 13 ? 0 : 100 * round + 50 + i)
+                    << round << ' ' << i;
+            EXPECT_EQ(PLC_driver.sendQueue.size(), 1) << "the frame in flight is not touched";
+        }
+    }
+}
+
+TEST_F(Configuration, LeavesARecordAloneThatAnotherOneOrNoneReplaces)
+{
+    ComInfo other = ComInfo();
+    for (ComInfo* next : {&other, static_cast<ComInfo*>(nullptr)}) {
+        SetComInfo(&settings);
+        settings.clearedWord10 = 7;
+        settings.clearedWord13 = 8;
+        SetComInfo(next);
+        EXPECT_EQ(PLC_driver.comInfo, next);
+        EXPECT_EQ(settings.clearedWord10, 7);
+        EXPECT_EQ(settings.clearedWord13, 8);
+    }
+}
+
 TEST_F(Configuration, StoresTheCallbacksAndReplacesThem)
 {
     const FinishCallback finish = [](int, int, int, int) {};
@@ -520,6 +556,55 @@ TEST_F(Lists, CopyTheOtherFieldsOfARunToEveryBlock)
         expected.count = counts[i];
         EXPECT_EQ(fieldsOf(PLC_driver.readList[i]), fieldsOf(expected));
     }
+}
+
+TEST_F(Lists, MergeRunsWithTheOtherFieldsOfTheirFirstRequest)
+{
+    const auto numbered = [](int number, int start, int count) {
+        RW_VAR request = RW_VAR();
+        int field = 100 * number;
+        for (int RW_VAR::*member :
+             {&RW_VAR::varType, &RW_VAR::varIndex, &RW_VAR::accessMode, &RW_VAR::hostField3,
+              &RW_VAR::linkId, &RW_VAR::retValue, &RW_VAR::areaType, &RW_VAR::stationNo,
+              &RW_VAR::reqFlag, &RW_VAR::onceFlag})
+            request.*member = ++field;
+        request.tagName = QString("tag %1").arg(number);
+        request.addressText = QString("address %1").arg(number);
+        request.data = QByteArray::number(number);
+        request.startAddress = start;
+        request.count = count;
+        return request;
+    };
+    // The first three make one run; a gap comes; the next two make another; a run of whole blocks
+    // is empty for the last one.
+    QList<RW_VAR> group = {numbered(1, 0, 1),  numbered(2, 1, 1),   numbered(3, 2, 3),
+                           numbered(4, 40, 1), numbered(5, 42, 13), numbered(6, 100, 15),
+                           numbered(7, 116, 2)};
+    BitVarReCreat(group, 15);
+    const QList<RW_VAR> expected = {numbered(1, 0, 5), numbered(4, 40, 15), numbered(6, 100, 15),
+                                    numbered(7, 116, 2)};
+    ASSERT_EQ(PLC_driver.readList.size(), expected.size());
+    for (int i = 0; i < expected.size(); ++i)
+        EXPECT_EQ(fieldsOf(PLC_driver.readList[i]), fieldsOf(expected[i])) << i;
+    QList<RW_VAR> afterEmpty = {numbered(1, 0, 30), numbered(2, 31, 2), numbered(3, 33, 1)};
+    PLC_driver.readList.clear();
+    BitVarReCreat(afterEmpty, 15);
+    ASSERT_EQ(PLC_driver.readList.size(), 3);
+    EXPECT_EQ(fieldsOf(PLC_driver.readList[0]), fieldsOf(numbered(1, 0, 15)));
+    EXPECT_EQ(fieldsOf(PLC_driver.readList[1]), fieldsOf(numbered(1, 15, 15)));
+    EXPECT_EQ(fieldsOf(PLC_driver.readList[2]), fieldsOf(numbered(2, 31, 3)));
+}
+
+TEST_F(Lists, RebuildARunWithTheFieldsOfItsLowestElement)
+{
+    declareIndexed("Zone");
+    QList<HOSTVAR> variables = {hostVar("Zone", "6", 1, 3), hostVar("Zone", "4", 1, 1),
+                                hostVar("Zone", "5", 1, 2), hostVar("Zone", "+4", 1, 4)};
+    ASSERT_EQ(ReCreatReadVarList(&variables), 1);
+    const RW_VAR& run = PLC_driver.readList.first();
+    EXPECT_EQ(text(runs()), "(4,3)");
+    EXPECT_EQ(run.areaType, 1) << "of two for one element, the first in the host's list";
+    EXPECT_EQ(run.addressText, QString("4"));
 }
 
 TEST_F(Lists, DoNotCutForAnInvalidLength)
