@@ -116,7 +116,8 @@ void checkReplies(Report& report, bool quick)
     const auto counts = report.run(replies::jobs(longest, quick ? 100 : 1000));
     if (report.failed())
         return;
-    std::printf("replies with a body of up to %d bytes: %s judged as defined, and %s cut and %s "
+    std::printf("replies with a body of up to %d bytes or any type: %s judged as defined, and %s "
+                "cut and %s "
                 "changed ones; %s intact ones stored as defined, %.1f s\n",
                 longest, grouped(counts[replies::Judged]).c_str(),
                 grouped(counts[replies::Cut]).c_str(), grouped(counts[replies::Changed]).c_str(),

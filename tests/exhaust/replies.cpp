@@ -229,6 +229,18 @@ workers::Outcome judgeBodies(int longest, int first, int step)
     return judge.outcome();
 }
 
+// Every code of a type, before eight bytes of value.
+workers::Outcome judgeTypes()
+{
+    Judge judge;
+    for (unsigned int type = 0; type < 0x10000; ++type) {
+        const QByteArray value = wire::little(type, 2) + wire::hex("01 02 03 04 05 06 07 10");
+        if (!judgeBody(judge, wire::withDoubledDle(value), false))
+            break;
+    }
+    return judge.outcome();
+}
+
 } // namespace
 
 std::vector<workers::Job> crcJobs()
@@ -247,9 +259,10 @@ std::vector<workers::Job> jobs(int longest, int thorough)
         bodies += ofSize *= kLetters;
     const int step = qMax(1, bodies / (thorough + kLetters));
     std::vector<workers::Job> jobs;
-    jobs.reserve(kLetters);
+    jobs.reserve(kLetters + 1);
     for (int first = 0; first < kLetters; ++first)
         jobs.emplace_back([=] { return judgeBodies(longest, first, step); });
+    jobs.emplace_back(judgeTypes);
     return jobs;
 }
 

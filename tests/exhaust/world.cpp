@@ -20,16 +20,18 @@ struct Tag
     const char* name;
     const char* element;
     int start, count, area, kind, indexed;
-    const char* value; ///< but for its last byte
+    const char* value; ///< what a write has, after a byte that tells it from others
 };
 
+// Counts for which a cyclic read, a one-shot read and a write ask for different numbers of
+// elements, and values that are padded or cut.
 const Tag& tagOf(char letter)
 {
-    static const Tag tags[] = {{"A", "0", 0, 1, 5, 3, 0, "34"},
-                               {"Bx", "3", 3, 2, 6, 12, 1, "01 02 10"},
-                               {"C", "0", 0, 4, 5, 1, 1, "41 10 42"},
-                               {"Dxy", "260", 260, 4, 5, 11, 1, "01 02 03 10 05 06 07"},
-                               {"E", "2", 2, 3, 5, 0, 1, "10 00 11 00 10"},
+    static const Tag tags[] = {{"A", "0", 0, 1, 5, 3, 0, "34 56"},
+                               {"Bx", "3", 3, 4, 6, 12, 1, "02 10 04 05"},
+                               {"C", "0", 0, 4, 5, 1, 1, "10 42"},
+                               {"Dxy", "260", 260, 9, 5, 11, 1, "02 03 10 05 06 07 08 09"},
+                               {"E", "2", 2, 3, 5, 0, 1, "00 11 00 10"},
                                {"F", "0", 0, 1, 5, 2, 0, "01"}};
     return tags[letter - 'A'];
 }
@@ -220,7 +222,7 @@ void World::actOfHost(const Step& step)
         m_model.add("  completed", driver_copy::recordOf(request));
         return;
     case Act::Write:
-        request.value = wire::hex(tagOf(step.tag).value) + static_cast<char>(model.writes.size());
+        request.value = static_cast<char>(model.writes.size()) + wire::hex(tagOf(step.tag).value);
         return seen("SetRegisterData",
                     SetRegisterData(request.tag, request.area, request.element, request.station,
                                     request.value, request.count, request.kind, request.number),
