@@ -16,12 +16,13 @@ from pathlib import Path
 SOURCES = Path(__file__).resolve().parents[2] / "src"
 
 # Unit to compile, file to change, text, its replacement, and the part that must notice and what it says then.
-FRAME, DRIVER, STATION = "internal/Frame.cpp", "Device_Driver.cpp", "tagcommunication.cpp"
+FRAME, BYTES = "internal/Frame.cpp", "internal/FrameBytes.h"
+DRIVER, STATION = "Device_Driver.cpp", "tagcommunication.cpp"
 STORE, SETUP, LISTS = "Func_DealData.cpp", "internal/ConnectionSetup.cpp", "internal/RequestLists.cpp"
 FAULTS = [
-    (FRAME, "internal/Crc16.h", "places << 14", "places << 13", "crc", "the CRC of the bytes"),
-    (FRAME, FRAME, "kFirstEtx = 21", "kFirstEtx = 22", "replies", "is intact"),
-    (FRAME, FRAME, "(etx - run) % 2 == 0 ? 2 : 1", "1", "replies", "intact"),
+    (FRAME, BYTES, "places << 14", "places << 13", "crc", "the CRC of the bytes"),
+    (FRAME, BYTES, "kFirstEtx = 21", "kFirstEtx = 22", "replies", "is intact"),
+    (FRAME, BYTES, "(etx - run) % 2 == 0 ? 2 : 1", "1", "replies", "intact"),
     (STORE, STORE, "tagstore::kShortString ? 1 : 0", "tagstore::kShortString ? 0 : 0", "replies", "says value"),
     (STORE, STORE, "static_cast<char>(value.typeHigh)", "'\\0'", "replies", "says type"),
     (DRIVER, DRIVER, "        settings.failureCount = 0;\n", "", "sessions", "driver: settings"),
