@@ -1,6 +1,7 @@
 #include "StandardStreams.h"
 
 #include "OutputFile.h"
+#include "PlainText.h"
 
 #include <cerrno>
 #include <csignal>
@@ -25,7 +26,7 @@ void prepareStandardStreams()
 
 void writeStandardOutput(const std::string& text)
 {
-    writeAll(STDOUT_FILENO, text, "standard output");
+    writeAll(STDOUT_FILENO, textFor(STDOUT_FILENO, text), "standard output");
 }
 
 } // namespace micro850

@@ -10,7 +10,7 @@ namespace micro850 {
 /// left closed is opened such that its use fails, so that no file gets its number.
 void prepareStandardStreams();
 
-/// Writes the text to standard output at once. Throws UserError, with exit status 1, when it cannot
+/// Writes the UTF-8 text to standard output at once, plain on a terminal without UTF-8. Throws UserError, with exit status 1, when it cannot
 /// be written.
 void writeStandardOutput(const std::string& text);
 

@@ -2,6 +2,7 @@
 // and watches a controller's tags.
 
 #include "Commands.h"
+#include "PlainText.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "VisibleText.h"
@@ -11,6 +12,7 @@
 #include <clocale>
 #include <exception>
 #include <iostream>
+#include <unistd.h>
 
 using namespace micro850;
 
@@ -39,7 +41,7 @@ int main(int argc, char** argv)
     try {
         return run(argc, argv);
     } catch (const UserError& error) {
-        std::cerr << "micro850-host: " << error.what() << '\n';
+        std::cerr << "micro850-host: " << textFor(STDERR_FILENO, error.what()) << '\n';
         return error.status();
     } catch (const std::exception& error) {
         std::cerr << "micro850-host: " << visible(error.what()) << '\n';

@@ -1,5 +1,6 @@
 #include "Output.h"
 
+#include "PlainText.h"
 #include "StandardStreams.h"
 #include "UserError.h"
 #include "Visible.h"
@@ -17,8 +18,10 @@ void Output::data(const Json& object, const QString& text) const
 void Output::data(const Json& object, const QStringList& lines) const
 {
     std::string text;
+    // A substitute would be another value.
+    const bool escapes = !localeHasUnicode() && isatty(STDOUT_FILENO) == 1;
     if (m_json)
-        text = visibleJson(object.dump(-1, ' ', false, Json::error_handler_t::replace)) + '\n';
+        text = visibleJson(object.dump(-1, ' ', escapes, Json::error_handler_t::replace)) + '\n';
     for (const QString& line : m_json ? QStringList() : lines)
         text += visible(line.toStdString()) + '\n';
     if (text.empty())
@@ -36,7 +39,8 @@ void Output::note(const QString& text) const
 void Output::error(const QString& text) const
 {
     prepare();
-    std::cerr << "micro850-host: " << visible(text.toStdString()) << std::endl;
+    std::cerr << "micro850-host: " << textFor(STDERR_FILENO, visible(text.toStdString()))
+              << std::endl;
 }
 
 Progress::Progress(const Output& output, const QString& what, int total)

@@ -1,11 +1,13 @@
 #include "PlotDisplay.h"
 
+#include "PlainText.h"
 #include "Visible.h"
 
 #include <QtCore/QTime>
 
 #include <cmath>
 #include <limits>
+#include <unistd.h>
 
 namespace micro850::host {
 
@@ -13,11 +15,17 @@ namespace {
 
 const std::chrono::milliseconds kPlotInterval(200);
 
+// What the terminal can show.
+QString shown(const QString& text)
+{
+    return QString::fromStdString(textFor(STDOUT_FILENO, visible(text).toStdString()));
+}
+
 QStringList unitsOf(const Project& project, const QVector<PlotElement>& elements)
 {
     QStringList units;
     for (const PlotElement& element : elements)
-        units += visible(project.variables.at(element.variable).unit);
+        units += shown(project.variables.at(element.variable).unit);
     return units;
 }
 
@@ -30,11 +38,16 @@ PlotDisplay::PlotDisplay(RunLoop& run, const Project& project, const QVector<Plo
 {
 }
 
-bool PlotDisplay::handleKeys()
+// Values are taken down while the picture is held, too.
+bool PlotDisplay::handleKeys(Duration now)
 {
     const QList<Key> keys = m_screen.keys();
-    for (const Key& key : keys)
-        m_quits = m_quits || (key.code == Key::Code::Character && key.character.toLower() == 'q');
+    for (const Key& key : keys) {
+        const QChar sign = key.code == Key::Code::Character ? key.character.toLower() : QChar();
+        m_quits = m_quits || sign == 'q';
+        if (sign == 'p')
+            m_held = m_held ? std::nullopt : std::make_optional(picture(now));
+    }
     return !keys.isEmpty();
 }
 
@@ -47,14 +60,14 @@ void PlotDisplay::update(Duration now)
                    isGood ? m_plant.values().number(element.variable, element.index)
                           : std::numeric_limits<double>::quiet_NaN());
     }
-    if (handleKeys() || m_screen.popResized() || now >= m_next)
+    if (handleKeys(now) || m_screen.popResized() || now >= m_next)
         draw(now);
 }
 
 void PlotDisplay::draw(Duration now)
 {
     m_next = now + kPlotInterval;
-    m_screen.draw(page(m_screen.width(), m_screen.rows(), now));
+    m_screen.draw(page(m_screen.width(), m_screen.rows(), m_held ? *m_held : picture(now)));
 }
 
 PlotLabel PlotDisplay::labelOf(const PlotElement& element) const
@@ -62,34 +75,40 @@ PlotLabel PlotDisplay::labelOf(const PlotElement& element) const
     const ValueStore& values = m_plant.values();
     const int variable = element.variable;
     PlotLabel label;
-    label.name = visible(element.name);
-    const QString unit = visible(m_project.variables.at(variable).unit);
+    label.name = shown(element.name);
+    const QString unit = shown(m_project.variables.at(variable).unit);
     const bool wasRead = values.wasRead(variable);
     if (wasRead)
-        label.value = visible(values.elementText(variable, element.index));
+        label.value = shown(values.elementText(variable, element.index));
     const bool isNumber = wasRead && !std::isnan(values.number(variable, element.index));
     if (isNumber && !unit.isEmpty())
         label.value += ' ' + unit;
     if (m_plant.quality(variable) != Quality::Good)
         label.problem = QStringLiteral(" (%1)").arg(qualityText(m_plant.quality(variable)));
     if (const QString error = values.error(variable); !error.isEmpty())
-        label.problem += QStringLiteral(": ") + visible(error);
+        label.problem += QStringLiteral(": ") + shown(error);
     else if (wasRead && !isNumber)
         label.problem += QStringLiteral(": not a number");
     return label;
 }
 
-Page PlotDisplay::page(int width, int rows, Duration now) const
+PlotDisplay::Picture PlotDisplay::picture(Duration now) const
 {
     QVector<PlotLabel> labels;
     for (const PlotElement& element : m_elements)
         labels.append(labelOf(element));
-    const Duration timeOfDay =
-        std::chrono::milliseconds(QTime::currentTime().msecsSinceStartOfDay());
-    Page page = m_plot.page(width, std::max(1, rows - 1), now, timeOfDay, labels);
+    return {m_plot, labels, now,
+            std::chrono::milliseconds(QTime::currentTime().msecsSinceStartOfDay())};
+}
+
+Page PlotDisplay::page(int width, int rows, const Picture& picture) const
+{
+    Page page = picture.plot.page(width, std::max(1, rows - 1), picture.now, picture.timeOfDay,
+                                  picture.labels);
     while (page.size() > std::max(0, rows - 1))
         page.removeLast();
-    page.append({QStringLiteral("%1 s   q quit   %2")
+    page.append({QStringLiteral("%1%2 s   q quit, p pause   %3")
+                     .arg(m_held ? QStringLiteral("PAUSED ") : QString())
                      .arg(m_span / std::chrono::seconds(1))
                      .arg(m_table.lineState()),
                  Style::Faint});

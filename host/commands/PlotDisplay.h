@@ -29,9 +29,18 @@ public:
     void close(Duration) override { m_screen.leave(); }
 
 private:
-    bool handleKeys();
+    /// What is drawn, now or when it was paused.
+    struct Picture
+    {
+        Plot plot;
+        QVector<PlotLabel> labels;
+        Duration now;
+        Duration timeOfDay;
+    };
+    bool handleKeys(Duration now);
     void draw(Duration now);
-    Page page(int width, int rows, Duration now) const;
+    Picture picture(Duration now) const;
+    Page page(int width, int rows, const Picture& picture) const;
     PlotLabel labelOf(const PlotElement& element) const;
 
     const Plant& m_plant;
@@ -42,6 +51,7 @@ private:
     Plot m_plot;
     Screen m_screen;
     Duration m_next{0};
+    std::optional<Picture> m_held; ///< while it is paused
     bool m_quits = false;
 };
 

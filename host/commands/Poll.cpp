@@ -1,4 +1,5 @@
 #include "ChangePrinter.h"
+#include "PlainText.h"
 #include "Rates.h"
 #include "TableDisplay.h"
 #include "UserError.h"
@@ -56,7 +57,7 @@ bool showsTable(const Output& output)
 {
     if (output.json() || isatty(STDOUT_FILENO) != 1)
         return false;
-    const QString problem = Screen::hasUnicode()
+    const QString problem = localeHasUnicode()
                                 ? Screen::problem()
                                 : QStringLiteral("the locale has no UTF-8 (set LC_ALL=C.UTF-8 if "
                                                  "the terminal shows it)");

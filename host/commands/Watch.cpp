@@ -1,4 +1,5 @@
 #include "ChangePrinter.h"
+#include "PlainText.h"
 #include "PlotDisplay.h"
 #include "Rates.h"
 #include "SharedLine.h"
@@ -134,7 +135,7 @@ int run(WatchOptions options)
         return kExitDone;
     RunLoop loop(options.line, route);
     std::unique_ptr<LoopView> view;
-    const PlotStyle style = {fromSeconds(options.span), options.fromZero, Screen::hasUnicode()};
+    const PlotStyle style = {fromSeconds(options.span), options.fromZero, localeHasUnicode()};
     if (showsPlot(options, output))
         view = std::make_unique<PlotDisplay>(loop, project, elements, style);
     else

@@ -85,6 +85,20 @@ Page DetailView::heading(int width) const
     return page;
 }
 
+// An element that was not shown before has not changed before the user's eyes.
+void DetailView::noteChanges(const QStringList& texts)
+{
+    QMap<int, Seen> seen;
+    for (int i = 0; i < texts.size(); ++i) {
+        const auto before = m_seen.constFind(m_top + i);
+        Seen now = {texts.at(i), std::nullopt};
+        if (before != m_seen.constEnd())
+            now.changedAt = before->text == now.text ? before->changedAt : m_rows.now();
+        seen.insert(m_top + i, now);
+    }
+    m_seen = seen;
+}
+
 Page DetailView::elements(int width, int room)
 {
     const Variable& variable = m_rows.variable(m_variable);
@@ -101,6 +115,7 @@ Page DetailView::elements(int width, int room)
         texts += visible(values.elementText(m_variable, i));
         widest = std::max(widest, displayWidth(texts.last()));
     }
+    noteChanges(texts);
     const int indexWidth = QString::number(m_count - 1).size() + 2;
     Page page;
     for (int i = m_top; i < last; ++i) {
@@ -111,6 +126,9 @@ Page DetailView::elements(int width, int room)
             line.text += ' ' + unit;
         line.text = cut(line.text, width);
         line.isSelected = i == m_index;
+        if (m_rows.isMarked(m_seen.value(i).changedAt))
+            line.marks.append({indexWidth + 1 + displayWidth(value) - displayWidth(text),
+                               displayWidth(text), Style::Changed});
         page.append(line);
     }
     return page;

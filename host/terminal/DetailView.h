@@ -4,6 +4,8 @@
 #include "Key.h"
 #include "TableRows.h"
 
+#include <QtCore/QMap>
+
 namespace micro850::host {
 
 /// All of one variable: where it is read from, its error in full, and its elements or its text.
@@ -27,6 +29,14 @@ private:
     Page elements(int width, int room);
     Page text(int width, int room);
     void follow();
+    void noteChanges(const QStringList& texts);
+
+    /// An element as it was shown last.
+    struct Seen
+    {
+        QString text;
+        std::optional<Duration> changedAt;
+    };
 
     const TableRows& m_rows;
     int m_variable;
@@ -34,6 +44,7 @@ private:
     int m_top = 0;
     int m_room = 1;
     int m_count = 1;
+    QMap<int, Seen> m_seen; ///< by element, of those that were shown
 };
 
 } // namespace micro850::host

@@ -1,5 +1,6 @@
 #include "Screen.h"
 
+#include "PlainText.h"
 #include "UserError.h"
 #include "Visible.h"
 
@@ -76,15 +77,16 @@ winsize windowSize()
 void setCharacterTable()
 {
     const bool isSet = std::setlocale(LC_CTYPE, "") != nullptr;
-    if (Screen::hasUnicode() && (!isSet || MB_CUR_MAX == 1))
+    if (localeHasUnicode() && (!isSet || MB_CUR_MAX == 1))
         std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
 // What the terminal would not show as one sign is shown as another one.
 wchar_t shownCharacter(uint character, bool hasUnicode)
 {
+    const uint kEllipsis = 0x2026;
     if (!hasUnicode && character > 0x7E)
-        return L'?';
+        return character == kEllipsis ? L'~' : L'?';
     const auto wide = static_cast<wchar_t>(character);
     return ::wcwidth(wide) < 0 ? (hasUnicode ? L'\uFFFD' : L'?') : wide;
 }
@@ -125,16 +127,6 @@ Key characterKey(wint_t character)
 }
 
 } // namespace
-
-bool Screen::hasUnicode()
-{
-    for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
-        const QByteArray value = qgetenv(name).toLower();
-        if (!value.isEmpty())
-            return value.contains("utf-8") || value.contains("utf8");
-    }
-    return false;
-}
 
 QString Screen::problem()
 {
@@ -284,7 +276,7 @@ void Screen::dropKeys()
 void Screen::drawLine(int row, const PageLine& line)
 {
     const chtype selected = line.isSelected ? A_REVERSE : A_NORMAL;
-    const bool unicode = hasUnicode();
+    const bool unicode = localeHasUnicode();
     std::wstring text;
     for (const uint character : visible(line.text).toUcs4())
         text += shownCharacter(character, unicode);

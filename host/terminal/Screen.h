@@ -23,8 +23,6 @@ public:
 
     /// Why standard output cannot show pages; empty when it can.
     static QString problem();
-    /// True when the environment says that the terminal takes UTF-8.
-    static bool hasUnicode();
 
     /// Switches to the screen. Throws UserError when the terminal cannot.
     Screen();

@@ -181,8 +181,12 @@ Duration TableRows::age(int variable) const
 
 bool TableRows::isMarked(int variable) const
 {
-    const std::optional<Duration> at = m_rows.at(variable).changedAt;
-    return at && m_now - *at < kMarkTime;
+    return isMarked(m_rows.at(variable).changedAt);
+}
+
+bool TableRows::isMarked(std::optional<Duration> changedAt) const
+{
+    return changedAt && m_now - *changedAt < kMarkTime;
 }
 
 Page TableRows::lines(const QVector<int>& variables, int width) const

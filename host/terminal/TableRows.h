@@ -52,12 +52,16 @@ public:
     const ValueStore& values() const { return m_held ? *m_held : m_plant.values(); }
     /// The values of now, also while the rows are held.
     const ValueStore& latest() const { return m_plant.values(); }
+    Quality latestQuality(int variable) const { return m_plant.quality(variable); }
     /// True when the variable's station may be asked.
     bool isEnabled(int variable) const;
     /// Time since the last good reply; the largest before the first. Held rows do not age.
     Duration age(int variable) const;
     /// True for a moment after the value has changed.
     bool isMarked(int variable) const;
+    bool isMarked(std::optional<Duration> changedAt) const;
+    /// The time of the rows; it stands while they are held.
+    Duration now() const { return m_now; }
 
     /// A heading and one row for each of these variables, for a window of that width.
     Page lines(const QVector<int>& variables, int width) const;

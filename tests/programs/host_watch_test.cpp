@@ -158,6 +158,23 @@ TEST_F(HostWatch, DrawsNamedElementsOverClockTimesWithTheUnit)
         << hours.toStdString() << shown.toStdString();
 }
 
+TEST_F(HostWatch, HoldsTheChartWhileItIsPaused)
+{
+    simulate(R"({"name": "Count", "type": "DINT",
+                 "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}})");
+    open("$HOST watch Count --plot --port $PORT", 80, 24);
+    ASSERT_TRUE(sees("Count = "));
+    type({"p"});
+    ASSERT_TRUE(sees("PAUSED 60 s"));
+    const QStringList held = screen();
+    resize(80, 25);
+    resize(80, 24); // drawn again
+    EXPECT_TRUE(holds([&] { return screen() == held; })) << screen().join('\n').toStdString();
+    type({"p"});
+    EXPECT_TRUE(seesNo("PAUSED"));
+    EXPECT_TRUE(holds([&] { return screen().first() != held.first(); }));
+}
+
 TEST_F(HostWatch, DrawsChartsWithPlainSignsWithoutUnicode)
 {
     simulate();
@@ -168,6 +185,22 @@ TEST_F(HostWatch, DrawsChartsWithPlainSignsWithoutUnicode)
         for (const QChar c : line)
             EXPECT_LT(c.unicode(), 0x80) << line.toStdString();
     }
+}
+
+TEST_F(HostWatch, ShowsPlainTextsOnATerminalWithoutUnicode)
+{
+    simulate();
+    const QString project =
+        file("p.json", "{\"variables\": [{\"tag\": \"Setpoint\", \"unit\": \"\u00B0C\"}]}");
+    const QString options = " Setpoint --port $PORT --project " + project;
+    open("export LC_ALL=C; $HOST watch --plot" + options + "; $HOST read" + options +
+             "; $HOST watch --seconds 0.5 --json" + options,
+         120, 24);
+    ASSERT_TRUE(sees("Setpoint = 21.5 deg C\ndeg C\n"));
+    type({"q"});
+    ASSERT_TRUE(sees("[status 0]"));
+    EXPECT_TRUE(sees("21.5 deg C"));
+    EXPECT_TRUE(sees(R"("unit":"\u00b0C")"));
 }
 
 TEST_F(HostWatch, PrintsLinesWhereTheWindowIsTooSmallForCharts)

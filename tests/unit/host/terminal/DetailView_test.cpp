@@ -57,6 +57,30 @@ TEST_F(DetailViewTest, ScrollsThroughElements)
     EXPECT_EQ(view->index(), 9);
 }
 
+TEST_F(DetailViewTest, MarksTheElementsThatHaveJustChanged)
+{
+    const auto marks = [this] {
+        QStringList marked;
+        for (const PageLine& each : view->lines(100, 100)) {
+            for (const Mark& mark : each.marks)
+                marked += each.text.mid(mark.column, mark.width);
+        }
+        return marked;
+    };
+    begin(R"({"tag": "Level", "length": 10})");
+    EXPECT_EQ(marks(), QStringList());
+    plc.tags["Level"].elements[4] = wire::little(7, 2);
+    runFor(100);
+    rows->update(clock.now());
+    EXPECT_EQ(marks(), QStringList("7"));
+    runFor(950);
+    rows->update(clock.now());
+    EXPECT_EQ(marks(), QStringList("7"));
+    runFor(100);
+    rows->update(clock.now());
+    EXPECT_EQ(marks(), QStringList());
+}
+
 TEST_F(DetailViewTest, ShowsALongTextInSeveralLines)
 {
     plc.tags["Name"] = {0x00DA, {wire::hex("0B 6F 6E 65 20 74 77 6F 20 73 69 78")}};
