@@ -210,6 +210,8 @@ private:
 
 json parsed(const std::string& text, const std::string& name)
 {
+    if (text.find_first_not_of(" \t\r\n") == std::string::npos)
+        throw JsonMistake(name, ": is empty (write a JSON object into it, or name another file)", "");
     Builder builder(text, name);
     json::sax_parse(text, &builder, json::input_format_t::json, true, true);
     return builder.takeRoot();

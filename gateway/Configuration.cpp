@@ -92,13 +92,21 @@ QString identityOf(const QString& device)
     return targetOf(missing ? QStringLiteral("/dev/") + device : path);
 }
 
-LineSettings lineOf(const JsonNode& node, const QString& folder)
+// None when its project has mistakes, which are noted.
+std::optional<LineSettings> lineOf(const JsonNode& node, const QString& folder, Mistakes& mistakes)
 {
     LineSettings line;
     const JsonNode project = node.at("project");
     line.projectFile = pathOf(project, folder);
     line.projectText = projectTextOf(project, line.projectFile);
-    line.project = host::Project::fromText(QString::fromUtf8(line.projectText), line.projectFile);
+    const QString text = QString::fromUtf8(line.projectText);
+    const std::vector<host::ProjectMistake> found =
+        host::Project::mistakesInText(text, line.projectFile);
+    for (const host::ProjectMistake& mistake : found)
+        mistakes.add(mistake.message);
+    if (!found.empty())
+        return std::nullopt;
+    line.project = host::Project::fromText(text, line.projectFile);
     host::requireWritableVariables(line.project, line.projectFile);
     if (line.project.port.device.isEmpty())
         project.fail(line.projectFile.toStdString() +
@@ -145,10 +153,11 @@ void readLine(const JsonNode& node, const QString& folder, Taken& taken,
         taken.takeName(given, name);
     });
     mistakes.runs([&] {
-        LineSettings line = lineOf(node, folder);
-        line.name = name;
-        taken.takeDevice(node.at("project"), line);
-        lines.append(line);
+        if (std::optional<LineSettings> line = lineOf(node, folder, mistakes)) {
+            line->name = name;
+            taken.takeDevice(node.at("project"), *line);
+            lines.append(*line);
+        }
     });
 }
 

@@ -31,6 +31,8 @@ public:
         }
     }
 
+    void add(const std::string& mistake) { m_list.push_back(mistake); }
+
 private:
     std::vector<std::string>& m_list;
 };

@@ -1,12 +1,12 @@
 #include "WriteRules.h"
 
-#include "ExactNumbers.h"
 #include "RequestError.h"
 #include "Scaling.h"
 #include "TagAddress.h"
 #include "UserError.h"
 #include "VisibleText.h"
 #include "Writable.h"
+#include "WriteLimits.h"
 
 #include <algorithm>
 #include <array>
@@ -109,44 +109,19 @@ CipValue valueOf(const QByteArray& bytes, const CipType& type)
     return value;
 }
 
-// As a number that limits can be compared with: as the variable shows it; bits, true, false and
-// dates as the number that the controller has. A REAL that shows 0.1 is not above the limit 0.1,
-// although it is the larger number.
-CipValue comparable(const CipType& type, const CipValue& value, const Variable& variable)
+void requireLimits(const CipValue& number, const std::string& text, const Variable& variable)
 {
-    switch (value.kind()) {
-    case CipKind::Boolean:
-        return CipValue::ofUnsigned(value.boolean() ? 1 : 0);
-    case CipKind::Bits:
-        return CipValue::ofUnsigned(value.unsignedNumber());
-    default:
-        break;
-    }
-    const CipValue shown = Scaling(variable).shown(type, value);
-    if (shown.kind() != CipKind::Real)
-        return shown.isNumber() ? shown : value;
-    return CipValue::ofReal(QString::fromStdString(shown.text()).toDouble());
-}
-
-std::string limitsText(const Variable& variable)
-{
-    std::string text;
-    if (variable.minimum)
-        text += "minimum " + variable.minimum->text();
-    if (variable.maximum)
-        text += (text.empty() ? "maximum " : ", maximum ") + variable.maximum->text();
-    return text;
+    const std::string problem = host::limitsProblem(number, text, variable);
+    if (!problem.empty())
+        refuse(variable.name.toStdString() + ": " + problem);
 }
 
 void requireLimits(const CipType& type, const CipValue& value, const Variable& variable)
 {
-    const std::string name = variable.name.toStdString();
-    const CipValue number = comparable(type, value, variable);
+    const CipValue number = host::limitedNumber(type, value, variable);
     if (number.kind() == CipKind::Real && std::isnan(number.number()))
-        refuse(name + ": NaN cannot be written");
-    if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
-        refuse(name + ": " + number.text() + " is outside its limits (" + limitsText(variable) +
-               ')');
+        refuse(variable.name.toStdString() + ": NaN cannot be written");
+    requireLimits(number, number.text(), variable);
 }
 
 // Rounding to what the controller can store must not bring a number into the limits.
@@ -158,9 +133,7 @@ void requireGivenLimits(const Json& given, const Variable& variable)
         given.is_number_unsigned()  ? CipValue::ofUnsigned(given.get<std::uint64_t>())
         : given.is_number_integer() ? CipValue::ofSigned(given.get<std::int64_t>())
                                     : CipValue::ofReal(given.get<double>());
-    if (!host::isWithinLimits(number, variable.minimum, variable.maximum))
-        refuse(variable.name.toStdString() + ": " + given.dump() + " is outside its limits (" +
-               limitsText(variable) + ')');
+    requireLimits(number, given.dump(), variable);
 }
 
 bool hasSameScale(const Variable& a, const Variable& b)

@@ -114,9 +114,10 @@ void requirePort(const Project& project, const LineOptions& options)
     if (!project.port.device.isEmpty())
         return;
     const std::string where = options.project.empty() ? "" : options.project + ": port.device: ";
-    throw UserError(where + "no port is given (name it with --port DEVICE" +
-                    (where.empty() ? ", with --project FILE or in " : ", in the file or in ") +
-                    kPortVariable + ")");
+    throw UserError(where + "no port is given (name it with -p DEVICE, in " + kPortVariable +
+                    (where.empty() ? ", or in a project: --project FILE, or project.json or "
+                                     "plant.json in this folder)"
+                                   : ", or in the file)"));
 }
 
 void findProject(LineOptions& options)
@@ -128,7 +129,9 @@ void findProject(LineOptions& options)
     options.project = projectInFolder();
     options.projectIsFound = !options.project.empty();
     if (!options.projectIsFound)
-        options.project = kProjectFiles[0]; // what the message names
+        throw UserError(
+            "no project is given, and this folder has no project.json and no plant.json "
+            "(name the file; micro850-host import makes one from a list of variables)");
 }
 
 void findProjectForPort(LineOptions& options)

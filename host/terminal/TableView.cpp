@@ -231,13 +231,14 @@ void TableView::beginWrite()
 {
     if (m_selected < 0)
         return;
-    if (!m_detail && m_rows.variable(m_selected).length > 1) {
+    try {
+        const WritePrompt prompt(m_rows, m_selected, m_detail ? m_detail->index() : 0);
+        if (m_detail || m_rows.variable(m_selected).length == 1) {
+            m_prompt.emplace(prompt);
+            return;
+        }
         openDetail();
         m_message = QStringLiteral("choose the element, then press w");
-        return;
-    }
-    try {
-        m_prompt.emplace(m_rows, m_selected, m_detail ? m_detail->index() : 0);
     } catch (const UserError& error) {
         m_message = QString::fromUtf8(error.what());
     }

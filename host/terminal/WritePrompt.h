@@ -15,8 +15,8 @@ struct WriteRequest
     const CipType* type = nullptr;
     QByteArray value; ///< in the controller's byte order
     QString name;
-    QString oldText;
-    QString newText;
+    QString oldText; ///< with the unit
+    QString newText; ///< the same
 };
 
 /// Asks on a terminal for the new value of an element, and then whether it is to be written. Only
@@ -38,6 +38,7 @@ public:
 
 private:
     void take();
+    void requireLimits(const StoredValue& stored) const;
     QString oldText() const;
     QString withUnit(const QString& text) const;
 

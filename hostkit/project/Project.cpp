@@ -365,13 +365,17 @@ void requireReachableLimits(const JsonNode& node, const Variable& variable)
     require("maximum", variable.maximum);
 }
 
-// Follows parseScaling().
-void parseLimits(const JsonNode& node, Variable& variable)
+void requireOrderedLimits(const JsonNode& node, const Variable& variable)
 {
     if (variable.minimum && variable.maximum &&
         compareNumbers(*variable.minimum, *variable.maximum) > 0)
         node.at("minimum").fail(node.at("minimum").found() + " is above maximum, " +
                                 node.at("maximum").found() + " (swap them)");
+}
+
+// Follows parseScaling().
+void parseLimits(const JsonNode& node, Variable& variable)
+{
     if (node.has("deadband"))
         variable.deadband = deadbandOf(node.at("deadband"), variable);
     for (const char* key : {"deadband", "minimum", "maximum"}) {
@@ -397,7 +401,10 @@ void parseRates(const JsonNode& node, Variable& variable, Mistakes& mistakes)
             variable.heartbeatMs =
                 static_cast<int>(node.at("heartbeatMs").integer(kShortestHeartbeat, kDay));
     });
-    mistakes.runs([&] { variable.writable = node.boolean("writable", false); });
+    mistakes.runs([&] {
+        variable.writable = node.boolean("writable", false);
+        variable.isProtected = node.has("writable") && !variable.writable;
+    });
     mistakes.runs([&] {
         if (node.has("writesPerMinute"))
             variable.writesPerMinute =
@@ -455,6 +462,7 @@ Variable variableOf(const JsonNode& node, const Project& before, Used& used)
         if (node.has(key))
             mistakes.runs([&, key = key, limit = limit] { *limit = exactNumberOf(node.at(key)); });
     }
+    mistakes.runs([&] { requireOrderedLimits(node, variable); });
     parseRates(node, variable, mistakes);
     if (mistakes.count() != mistakesBefore)
         return variable;
@@ -537,6 +545,37 @@ ProjectMistake located(const std::string& file, const JsonMistake& mistake, int 
         UserError(file + (namesLine ? "" : ':' + std::to_string(line)) + mistake.text()).what()};
 }
 
+// In the order of the file.
+std::vector<ProjectMistake> mistakesOf(const std::string& text, const std::string& file)
+{
+    std::vector<JsonMistake> found;
+    Mistakes mistakes(&found);
+    mistakes.runs([&] { projectOf(JsonNode::fromText(text, file), mistakes); });
+    std::vector<std::string> pointers;
+    pointers.reserve(found.size());
+    for (const JsonMistake& mistake : found)
+        pointers.push_back(mistake.pointer());
+    const std::vector<int> lines = linesOf(text, pointers);
+    std::vector<ProjectMistake> all;
+    all.reserve(found.size());
+    for (std::size_t i = 0; i < found.size(); ++i)
+        all.push_back(located(file, found[i], lines[i]));
+    std::stable_sort(all.begin(), all.end(), [](const ProjectMistake& a, const ProjectMistake& b) {
+        return a.line < b.line;
+    });
+    return all;
+}
+
+// The first mistake, and where to find the others.
+std::string summaryOf(const std::vector<ProjectMistake>& mistakes, const std::string& file)
+{
+    const std::size_t more = mistakes.size() - 1;
+    if (more == 0)
+        return mistakes.front().message;
+    return mistakes.front().message + " (and " + std::to_string(more) +
+           " more: micro850-host check " + file + " lists them)";
+}
+
 void unscaleLimits(Variable& variable)
 {
     const auto unscaled = [&variable](const std::optional<CipValue>& limit) {
@@ -560,7 +599,12 @@ QString Variable::shownName() const
 
 Project Project::fromFile(const QString& path)
 {
-    return projectOf(JsonNode::fromFile(path.toStdString()));
+    const std::string text = fileContent(path.toStdString());
+    try {
+        return projectOf(JsonNode::fromText(text, path.toStdString()));
+    } catch (const JsonMistake&) {
+        throw UserError(summaryOf(mistakesOf(text, path.toStdString()), path.toStdString()));
+    }
 }
 
 Project Project::fromText(const QString& text, const QString& name)
@@ -570,24 +614,12 @@ Project Project::fromText(const QString& text, const QString& name)
 
 std::vector<ProjectMistake> Project::mistakesIn(const QString& path)
 {
-    const std::string file = path.toStdString();
-    const std::string text = fileContent(file);
-    std::vector<JsonMistake> found;
-    Mistakes mistakes(&found);
-    mistakes.runs([&] { projectOf(JsonNode::fromText(text, file), mistakes); });
-    std::vector<std::string> pointers;
-    pointers.reserve(found.size());
-    for (const JsonMistake& mistake : found)
-        pointers.push_back(mistake.pointer());
-    const std::vector<int> lines = linesOf(text, pointers);
-    std::vector<ProjectMistake> located;
-    located.reserve(found.size());
-    for (std::size_t i = 0; i < found.size(); ++i)
-        located.push_back(host::located(file, found[i], lines[i]));
-    std::stable_sort(
-        located.begin(), located.end(),
-        [](const ProjectMistake& a, const ProjectMistake& b) { return a.line < b.line; });
-    return located;
+    return mistakesOf(fileContent(path.toStdString()), path.toStdString());
+}
+
+std::vector<ProjectMistake> Project::mistakesInText(const QString& text, const QString& name)
+{
+    return mistakesOf(text.toStdString(), name.toStdString());
 }
 
 void Project::showRaw()

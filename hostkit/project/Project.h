@@ -41,8 +41,10 @@ struct Variable
     double deadband = 0;
     /// Told at least so often, changed or not; 0: only when it changed.
     int heartbeatMs = 0;
-    // What the gateway allows to write; micro850-host writes without these rules.
+    // What the gateway and the live table allow to write; other commands write without these rules.
     bool writable = false;
+    /// The file says that it must not be written, and does not just leave `writable` out.
+    bool isProtected = false;
     /// Exact, also of 64 bits; see isWithinLimits().
     std::optional<CipValue> minimum;
     std::optional<CipValue> maximum;
@@ -94,14 +96,17 @@ struct Project
     QVector<StationSettings> stations;
     QVector<Variable> variables;
 
-    /// Reads a project file. Throws UserError naming file, key path and remedy.
+    /// Reads a project file. Throws UserError naming file, line, key path and remedy of its first
+    /// mistake, and how many more there are.
     static Project fromFile(const QString& path);
-    /// The same from a text; messages call it `name`.
+    /// Reads a text; messages call it `name`, and tell no line.
     static Project fromText(const QString& text, const QString& name);
     /// All mistakes of a file, in its order, kMostMistakes at most; none for one that fromFile()
     /// reads. Mistakes that only follow from others are left out. Throws UserError for a file that
     /// cannot be read.
     static std::vector<ProjectMistake> mistakesIn(const QString& path);
+    /// The same of a text; messages call it `name`.
+    static std::vector<ProjectMistake> mistakesInText(const QString& text, const QString& name);
 
     /// Makes every variable show the controller's own numbers; dead bands and limits follow.
     void showRaw();

@@ -221,10 +221,30 @@ TEST_F(HostPoll, ReportsWhatIsWrongWithTheProject)
     EXPECT_EQ(missing.err.find("micro850-host: /none.json: "), 0u) << missing.err;
     const Result wrong = host({"poll", project(R"({"tag": "Speed", "type": "INTT"})")});
     EXPECT_EQ(wrong.status, 2);
-    EXPECT_NE(wrong.err.find("p.json: variables[0].type: \"INTT\" is not a CIP type (did you mean "
-                             "INT?)"),
+    EXPECT_NE(wrong.err.find("p.json:1: variables[0].type: \"INTT\" is not a CIP type (did you "
+                             "mean INT?)\n"),
               std::string::npos)
         << wrong.err;
+    const QString two = file("two.json", "{\"variables\": [\n{\"tag\": \"Speed\", \"lenght\": 2},\n"
+                                         "{\"tag\": \"Level\", \"station\": 9},\n"
+                                         "{\"tag\": \"Level\", \"name\": \"\"}]}");
+    const Result both = host({"poll", two});
+    EXPECT_EQ(both.status, 2);
+    EXPECT_EQ(both.err,
+              "micro850-host: " + two.toStdString() +
+                  ":2: variables[0]: unknown key \"lenght\" (did you mean length?) (and 2 "
+                  "more: micro850-host check " +
+                  two.toStdString() + " lists them)\n");
+}
+
+TEST_F(HostPoll, SaysHowToGiveAProject)
+{
+    const Result result = runProgram(MICRO850_HOST, {"poll"}, QStringList(), path("."));
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.err,
+              "micro850-host: no project is given, and this folder has no project.json and no "
+              "plant.json (name the file; micro850-host import makes one from a list of "
+              "variables)\n");
 }
 
 } // namespace

@@ -420,7 +420,9 @@ TEST_F(HostRead, ReportsEveryMistakeInOneLineWithTheRemedy)
         {{"raed"}, "\"raed\" is not a command (did you mean read?) (see micro850-host --help)"},
         {{"read"}, "TAG is required (see micro850-host read --help)"},
         {{"read", "Speed"},
-         "no port is given (name it with --port DEVICE, with --project FILE or in MICRO850_PORT)"},
+         "no port is given (name it with -p DEVICE, in MICRO850_PORT, or in a project: --project "
+         "FILE, "
+         "or project.json or plant.json in this folder)"},
         {{"read", "Speed", "--port", "/none"}, "/none: cannot be opened: there is no such device"},
         {{"read", "Level[", "--port", "/none"},
          "\"Level[\" is not a tag (write TAG, TAG[INDEX] or TAG[FIRST..LAST])"},

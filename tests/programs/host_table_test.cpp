@@ -302,12 +302,31 @@ TEST_F(HostTable, LooksIntoAnArrayAndWritesOneOfItsElements)
     type({"Down", "Down"});
     EXPECT_TRUE(sees("[2] 12 mm"));
     type({"w", "7", "Enter"});
-    ASSERT_TRUE(sees("Write Level[2]: 12 -> 7 mm ?"));
+    ASSERT_TRUE(sees("Write Level[2]: 12 mm -> 7 mm ?"));
     type({"y"});
-    EXPECT_TRUE(sees("Level[2]: 12 -> 7 mm written and"));
+    EXPECT_TRUE(sees("Level[2]: 12 mm -> 7 mm written and"));
     EXPECT_TRUE(sees("[2]  7 mm"));
     type({"Escape"});
     EXPECT_TRUE(sees("Level [10, 11, 7"));
+}
+
+TEST_F(HostTable, WritesNothingThatTheProjectForbids)
+{
+    simulate();
+    const QString project =
+        file("rules.json",
+             "{\"port\": {\"device\": \"" + port().toStdString() +
+                 "\"}, \"variables\": [{\"tag\": \"Level\", \"length\": 10, \"writable\": false}, "
+                 "{\"tag\": \"Setpoint\", \"minimum\": 0, \"maximum\": 80, \"unit\": \"°C\"}]}");
+    open("$HOST poll " + project, 100, 15);
+    ASSERT_TRUE(sees("Level    INT[10] [10, 11, 12"));
+    ASSERT_TRUE(sees("21.5 °C"));
+    type({"w"});
+    EXPECT_TRUE(sees("Level: the project says \"writable\": false, so it is not written here"));
+    type({"Down", "w", "8", "1", "Enter"});
+    EXPECT_TRUE(sees("81 is outside its limits (minimum 0, maximum 80)"));
+    type({"BSpace", "0", "Enter"});
+    EXPECT_TRUE(sees("Write Setpoint: 21.5 °C -> 80 °C ?"));
 }
 
 TEST_F(HostTable, WritesThroughAGatewayAsItsRulesAllow)

@@ -32,6 +32,13 @@ TEST(JsonFile, ReportsLineAndColumnOfASyntaxError)
     EXPECT_EQ(complaint.rfind("plant.json:2:10: syntax error", 0), 0u) << complaint;
 }
 
+TEST(JsonFile, SaysThatAFileIsEmpty)
+{
+    for (const char* text : {"", " \r\n"})
+        EXPECT_EQ(complaintOf([text] { parsed(text); }),
+                  "plant.json: is empty (write a JSON object into it, or name another file)");
+}
+
 TEST(JsonFile, AsksForACommaOnlyWhereOneCanBeMissing)
 {
     const char kHint[] = " (is a comma missing?)";

@@ -391,12 +391,18 @@ TEST_F(ConfigurationTest, RefusesAProjectThatNamesNoDevice)
                           "\"port\": {\"device\": \"/dev/ttyUSB0\"} to it)"));
 }
 
-TEST_F(ConfigurationTest, TellsAMistakeInAProjectWithThatFilesName)
+TEST_F(ConfigurationTest, TellsEveryMistakeInAProjectWithThatFilesNameAndTheLine)
 {
-    write("oven.json", R"({"port": {"device": "/dev/ttyS1"}, "variables": [{"tagg": "Speed"}]})");
-    EXPECT_EQ(
-        mistakes(kTwoLines),
-        QStringList("FOLDER/oven.json: variables[0]: unknown key \"tagg\" (did you mean tag?)"));
+    write("oven.json", "{\"port\": {\"device\": \"/dev/ttyS1\"},\n"
+                       "\"variables\": [{\"tag\": \"Speed\", \"unitt\": \"rpm\"},\n"
+                       "{\"tag\": \"Level\", \"station\": 7}]}");
+    const QStringList found = mistakes(kTwoLines);
+    ASSERT_EQ(found.size(), 2) << found.join('\n').toStdString();
+    EXPECT_EQ(found.at(0),
+              QString("FOLDER/oven.json:2: variables[0]: unknown key \"unitt\" (did you "
+                      "mean unit?)"));
+    EXPECT_TRUE(found.at(1).startsWith("FOLDER/oven.json:3: variables[1].station: "))
+        << found.at(1).toStdString();
 }
 
 TEST_F(ConfigurationTest, RefusesAProjectThatCannotBeRead)
@@ -602,7 +608,7 @@ TEST_F(ConfigurationTest, ListsAllMistakesAtOnce)
     for (const QString& line : found)
         places.append(line.section(": ", 0, 0));
     EXPECT_EQ(places.join(' ').toStdString(),
-              "unknown key \"more\" (allowed lines[0].name lines[0].project FOLDER/oven.json "
+              "unknown key \"more\" (allowed lines[0].name lines[0].project FOLDER/oven.json:1 "
               "socket.path socket.mostClients history history.keepDays");
 }
 

@@ -49,13 +49,13 @@ TEST_F(WritePromptTest, AsksForTheValueShowsOldAndNewAndWritesOnlyOnY)
     EXPECT_EQ(text(prompt), "Speed (INT) is 123.4 m/s, new value: 5_|Enter next, Escape back");
     pressKeys(prompt, "<Enter>");
     EXPECT_EQ(prompt.state(), State::Asking);
-    EXPECT_EQ(text(prompt), "Write Speed: 123.4 -> 5 m/s ?|y writes, any other key does not");
+    EXPECT_EQ(text(prompt), "Write Speed: 123.4 m/s -> 5 m/s ?|y writes, any other key does not");
     pressKeys(prompt, "y");
     EXPECT_EQ(prompt.state(), State::Confirmed);
     const WriteRequest request = prompt.request();
     EXPECT_EQ(request.value, wire::hex("32 00")); // 50, of which a tenth is shown
-    EXPECT_EQ(request.oldText, QString("123.4"));
-    EXPECT_EQ(request.newText, QString("5"));
+    EXPECT_EQ(request.oldText, QString("123.4 m/s"));
+    EXPECT_EQ(request.newText, QString("5 m/s"));
 }
 
 TEST_F(WritePromptTest, IsCancelledByEveryOtherKey)
@@ -91,6 +91,50 @@ TEST_F(WritePromptTest, TellsThatTheNumberIsRounded)
     pressKeys(prompt, "0.7<Enter>");
     EXPECT_EQ(text(prompt), "0.7 is stored as 1, which is 0.5|Write Speed: 617 -> 0.5 ?|y writes, "
                             "any other key does not");
+}
+
+TEST_F(WritePromptTest, KeepsTheLimitsOfTheProject)
+{
+    begin(R"({"tag": "Speed", "gain": 0.5, "minimum": 0, "maximum": 80.2})");
+    ASSERT_TRUE(runUntilRead());
+    WritePrompt prompt(*rows, 0, 0);
+    EXPECT_EQ(text(prompt), "Speed (INT, minimum 0, maximum 80.2) is 617, new value: _|"
+                            "Enter next, Escape back");
+    for (const char* below : {"-1", "-0.1"}) { // the second one is rounded to 0
+        pressKeys(prompt, QStringLiteral("%1<Enter>").arg(below));
+        EXPECT_EQ(prompt.state(), State::Typing);
+        EXPECT_EQ(text(prompt).substr(0, text(prompt).find('|')),
+                  std::string(below) + " is outside its limits (minimum 0, maximum 80.2)");
+        pressKeys(prompt, "<Backspace><Backspace><Backspace><Backspace>");
+    }
+    pressKeys(prompt, "80.5<Enter>");
+    EXPECT_EQ(prompt.state(), State::Typing);
+    pressKeys(prompt, "<Backspace><Backspace><Enter>");
+    EXPECT_EQ(prompt.state(), State::Asking) << text(prompt);
+}
+
+TEST_F(WritePromptTest, RefusesAVariableThatTheProjectProtectsBeforeItAsks)
+{
+    begin(
+        R"({"tag": "Level", "length": 3, "writable": false}, {"tag": "Speed", "writable": true})");
+    ASSERT_TRUE(runUntilRead());
+    EXPECT_EQ(refusal(0),
+              R"(Level: the project says "writable": false, so it is not written here)");
+    EXPECT_EQ(refusal(1), "");
+}
+
+TEST_F(WritePromptTest, SaysThatTheOldValueIsStale)
+{
+    begin(R"({"tag": "Speed", "unit": "rpm"})");
+    ASSERT_TRUE(runUntilRead());
+    plc.silent = true;
+    ASSERT_TRUE(runUntil([&] { return loop->quality(0) == Quality::Stale; }));
+    WritePrompt prompt(*rows, 0, 0);
+    EXPECT_EQ(text(prompt), "Speed (INT) is 1234 rpm (stale), new value: _|"
+                            "Enter next, Escape back");
+    pressKeys(prompt, "9<Enter>");
+    EXPECT_EQ(text(prompt), "Write Speed: 1234 rpm (stale) -> 9 rpm ?|"
+                            "y writes, any other key does not");
 }
 
 TEST_F(WritePromptTest, NamesTheElementOfAnArray)
