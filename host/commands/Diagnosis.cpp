@@ -91,6 +91,11 @@ QStringList silenceAdvice(const Findings& found)
         return {QStringLiteral(
             "bytes come, but no reply: set the channel of the controller to DF1 "
             "full-duplex with the checksum CRC, and look at speed, parity and wiring")};
+    if (found.isPseudoTerminal && !found.peers.isEmpty())
+        return {
+            QStringLiteral("%1, at the other end of this pseudo-terminal, does not answer: end it "
+                           "and start the simulator again")
+                .arg(found.peers.join(QStringLiteral(", ")))};
     return {QStringLiteral(
         "nothing comes back: is the controller on? Is the cable in its serial port, "
         "with transmit to receive (RS-232: crossed; RS-485: A and B not swapped) and "

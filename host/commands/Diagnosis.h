@@ -34,8 +34,10 @@ struct Findings
     DeviceRights rights;
     QStringList otherDevices; ///< serial devices of this machine
     QStringList users;        ///< programs that have the device open: "name (process 12)"
-    QString gateway;          ///< why the port cannot be had; empty unless a gateway owns it
-    QString openError;        ///< empty when the line is open
+    bool isPseudoTerminal = false;
+    QStringList peers; ///< programs at the other end of a pseudo-terminal, in the same form
+    QString gateway;   ///< why the port cannot be had; empty unless a gateway owns it
+    QString openError; ///< empty when the line is open
     QString adapterAdvice;
     std::optional<PortSettings> answering; ///< settings at which the controller answered
     int tried = 0;                         ///< other settings

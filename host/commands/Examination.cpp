@@ -42,6 +42,14 @@ QString rightsText(const DeviceRights& rights)
              rights.allowed ? QString() : QStringLiteral("not "));
 }
 
+QStringList textsOf(const QVector<DeviceUser>& users)
+{
+    QStringList texts;
+    for (const DeviceUser& user : users)
+        texts += QStringLiteral("%1 (process %2)").arg(visible(user.name)).arg(user.process);
+    return texts;
+}
+
 } // namespace
 
 Examination::Examination(const LineOptions& options, const Project& project, const Output& output)
@@ -100,13 +108,25 @@ void Examination::lookAtDevice()
         return;
     report("rights", rights.allowed, rightsText(rights));
     lookAtUsers();
+    lookAtPeers();
+}
+
+// Nobody else can tell that the settings of such a line decide nothing.
+void Examination::lookAtPeers()
+{
+    m_findings.isPseudoTerminal = isPseudoTerminal(m_findings.port.device);
+    if (!m_findings.isPseudoTerminal)
+        return;
+    m_findings.peers = textsOf(peersOf(m_findings.port.device));
+    report("other end", true,
+           (m_findings.peers.isEmpty() ? QStringLiteral("a program that this user cannot see")
+                                       : m_findings.peers.join(QStringLiteral(", "))) +
+               QStringLiteral(", by a pseudo-terminal: it has no speed and no parity"));
 }
 
 void Examination::lookAtUsers()
 {
-    for (const DeviceUser& user : usersOf(m_findings.port.device))
-        m_findings.users +=
-            QStringLiteral("%1 (process %2)").arg(visible(user.name)).arg(user.process);
+    m_findings.users = textsOf(usersOf(m_findings.port.device));
     // A program that simulates a controller may hold its own end.
     report("used by", true,
            m_findings.users.isEmpty() ? QStringLiteral("no other program that this user can see")

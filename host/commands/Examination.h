@@ -34,6 +34,7 @@ public:
 private:
     void lookAtDevice();
     void lookAtUsers();
+    void lookAtPeers();
     bool openLine(const PortSettings& port, Line& line);
     ProbeResult ask(Line& line, const PortSettings& port);
     void findController();

@@ -2,6 +2,7 @@
 #include "Changes.h"
 #include "CsvOptions.h"
 #include "FilePattern.h"
+#include "Raster.h"
 #include "Rates.h"
 #include "Recorder.h"
 #include "RunLoop.h"
@@ -124,7 +125,7 @@ public:
         : m_plant(run.plant()), m_project(project), m_output(output),
           m_changes(m_plant, project, run.table()),
           m_recorder(isPrinted(options) ? nullptr : recorderOf(options, project, output)),
-          m_wide(options.form.wide), m_interval(options.rates.givenInterval())
+          m_wide(options.form.wide), m_interval(options.rates.givenInterval()), m_raster(m_interval)
     {
     }
 
@@ -132,7 +133,7 @@ public:
     {
         if (m_interval == Duration(0)) {
             recordChanges(now);
-        } else if (isDue(now)) {
+        } else if (hasBegun() && m_raster.isDue(now)) {
             record(all());
         }
         for (const QString& state : m_changes.popStates())
@@ -151,6 +152,8 @@ public:
     }
 
     qint64 rows() const { return m_rows; }
+    /// Those of a name that changes.
+    QStringList files() const { return m_recorder ? m_recorder->files() : QStringList(); }
 
 private:
     // A wide row has all variables, whichever of them changed.
@@ -173,16 +176,6 @@ private:
         const auto isKnown = [this](int variable) { return this->isKnown(variable); };
         m_begun = m_begun || std::all_of(variables.begin(), variables.end(), isKnown);
         return m_begun;
-    }
-    bool isDue(Duration now)
-    {
-        if (!hasBegun() || now < m_next)
-            return false;
-        // From one due time to the next, so that the interval does not grow by the time of a step.
-        m_next += m_interval;
-        if (m_next <= now)
-            m_next = now + m_interval;
-        return true;
     }
     bool isKnown(int variable) const
     {
@@ -232,8 +225,8 @@ private:
     bool m_wide;
     bool m_changed = false; ///< since the last row
     Duration m_interval;
+    Raster m_raster;
     bool m_begun = false;
-    Duration m_next{0};
     Duration m_nextFlush{0};
     qint64 m_rows = 0;
 };
@@ -266,16 +259,31 @@ void requireDestination(const LogOptions& options)
         throw UserError("--max-size and --keep are for files (name one with --csv FILE)");
 }
 
-void reportRows(const LogOptions& options, qint64 rows, const Output& output)
+QString nameOfFile(const LogOptions& options)
 {
-    const bool printed = isPrinted(options);
-    const std::string file = printed || options.csv == "-" ? "standard output"
-                             : options.csv.empty()         ? options.sqlite
-                                                           : options.csv;
-    output.note(textOf(file) + (rows == 1 ? QStringLiteral(": 1 row written")
-                                          : QStringLiteral(": %1 rows written").arg(rows)));
-    if (!printed && output.json())
-        output.data({{"file", file}, {"rows", rows}}, QString());
+    if (isPrinted(options) || options.csv == "-")
+        return QStringLiteral("standard output");
+    return FilePattern(textOf(options.csv.empty() ? options.sqlite : options.csv))
+        .pathFor(QDateTime(), 1);
+}
+
+void reportRows(const LogOptions& options, const Logging& logging, const Output& output)
+{
+    const QStringList files =
+        logging.files().isEmpty() ? QStringList(nameOfFile(options)) : logging.files();
+    const qint64 rows = logging.rows();
+    const QString text = files.size() == 1 ? files.first()
+                                           : QStringLiteral("%1 to %2, %3 files")
+                                                 .arg(files.first(), files.last())
+                                                 .arg(files.size());
+    output.note(text + (rows == 1 ? QStringLiteral(": 1 row written")
+                                  : QStringLiteral(": %1 rows written").arg(rows)));
+    if (isPrinted(options) || !output.json())
+        return;
+    Json object = {{"file", files.last().toStdString()}, {"rows", rows}};
+    for (const QString& file : files.size() > 1 ? files : QStringList())
+        object["files"].push_back(file.toStdString());
+    output.data(object, QString());
 }
 
 int run(LogOptions options)
@@ -295,7 +303,7 @@ int run(LogOptions options)
     RunLoop loop(options.line, route);
     Logging logging(loop, project, options, output);
     loop.run(logging, options.seconds, output);
-    reportRows(options, logging.rows(), output);
+    reportRows(options, logging, output);
     loop.summarise(output);
     return loop.exitStatus();
 }

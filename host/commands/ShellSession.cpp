@@ -20,6 +20,8 @@ namespace {
 // When nothing is watched, signals and keys end the wait.
 const std::chrono::seconds kLongestWait(1);
 const int kMostNames = 100000;
+// Each one takes its share of the line.
+const std::size_t kMostWatches = 32;
 const int kLongestPrompt = 24;
 
 const CommandLine::Listed kOwnCommands[] = {{"help", "This list, or the help of a command", {}},
@@ -181,6 +183,10 @@ void ShellSession::showAgain()
 
 void ShellSession::addWatch(WatchOrder order)
 {
+    if (m_watches.size() >= kMostWatches)
+        throw UserError("watch: " + std::to_string(kMostWatches) +
+                        " watches go on already (end one with stop NUMBER, or name several tags in "
+                        "one watch)");
     const auto hide = [this] {
         if (m_isTyping && !std::exchange(m_isHidden, true))
             m_prompt->hide();

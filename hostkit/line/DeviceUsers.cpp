@@ -8,6 +8,7 @@
 #include <QtCore/QFileInfo>
 
 #include <algorithm>
+#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -19,14 +20,27 @@ namespace {
 // Longer than any name of a process.
 const int kMostBytes = 256;
 
-bool hasOpen(const QString& process, const QString& path)
+const char kPseudoTerminals[] = "/dev/pts/";
+
+bool hasDescriptor(const QString& process,
+                   const std::function<bool(const QString& number, const QString& file)>& isIt)
 {
     const QDir descriptors(process + QStringLiteral("/fd"));
     const QStringList names = descriptors.entryList(QDir::AllEntries | QDir::System | QDir::Hidden |
                                                     QDir::NoDotAndDotDot);
     return std::any_of(names.begin(), names.end(), [&](const QString& name) {
-        return QFile::symLinkTarget(descriptors.filePath(name)) == path;
+        return isIt(name, QFile::symLinkTarget(descriptors.filePath(name)));
     });
+}
+
+// The kernel tells which terminal the master end belongs to.
+bool isMasterOf(const QString& information, const QString& index)
+{
+    QFile file(information);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QStringList lines = QString::fromLatin1(file.read(4096)).split('\n');
+    return lines.contains(QStringLiteral("tty-index:\t") + index);
 }
 
 // The program's file tells more than the name of the process, where this user may see it.
@@ -34,6 +48,9 @@ QString nameOf(const QString& process)
 {
     const QString program =
         QFileInfo(QFile::symLinkTarget(process + QStringLiteral("/exe"))).fileName();
+    const QString replaced = QStringLiteral(" (deleted)"); // by a newer one
+    if (program.endsWith(replaced))
+        return program.chopped(replaced.size());
     if (!program.isEmpty())
         return program;
     QFile file(process + QStringLiteral("/comm"));
@@ -60,21 +77,58 @@ bool isInGroup(gid_t group)
 
 } // namespace
 
-QVector<DeviceUser> usersOf(const QString& device, const QString& proc)
+namespace {
+
+// The programs of whose folders `isIt` is true.
+QVector<DeviceUser> processesWith(const QString& proc,
+                                  const std::function<bool(const QString& folder)>& isIt)
 {
     QVector<DeviceUser> users;
-    const QString path = QFileInfo(devicePath(device)).canonicalFilePath();
-    if (path.isEmpty())
-        return users;
     const QStringList processes = QDir(proc).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& process : processes) {
         bool isNumber = false;
         const qint64 number = process.toLongLong(&isNumber);
         const QString folder = proc + '/' + process;
-        if (isNumber && number != QCoreApplication::applicationPid() && hasOpen(folder, path))
+        if (isNumber && number != QCoreApplication::applicationPid() && isIt(folder))
             users.append({number, nameOf(folder)});
     }
     return users;
+}
+
+QString realPathOf(const QString& device)
+{
+    return QFileInfo(devicePath(device)).canonicalFilePath();
+}
+
+} // namespace
+
+QVector<DeviceUser> usersOf(const QString& device, const QString& proc)
+{
+    const QString path = realPathOf(device);
+    if (path.isEmpty())
+        return {};
+    return processesWith(proc, [&path](const QString& folder) {
+        return hasDescriptor(folder,
+                             [&path](const QString&, const QString& file) { return file == path; });
+    });
+}
+
+bool isPseudoTerminal(const QString& device)
+{
+    return realPathOf(device).startsWith(QLatin1String(kPseudoTerminals));
+}
+
+QVector<DeviceUser> peersOf(const QString& device, const QString& proc)
+{
+    if (!isPseudoTerminal(device))
+        return {};
+    const QString index = realPathOf(device).section('/', -1);
+    return processesWith(proc, [&index](const QString& folder) {
+        return hasDescriptor(folder, [&](const QString& number, const QString& file) {
+            return file.endsWith(QLatin1String("/ptmx")) &&
+                   isMasterOf(folder + QStringLiteral("/fdinfo/") + number, index);
+        });
+    });
 }
 
 DeviceRights rightsOf(const QString& device)

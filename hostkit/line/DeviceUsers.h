@@ -18,6 +18,11 @@ struct DeviceUser
 /// users only root does. `proc` is where the kernel describes its processes.
 QVector<DeviceUser> usersOf(const QString& device, const QString& proc = QStringLiteral("/proc"));
 
+/// True for a pseudo-terminal: no wire, but a program at its other end.
+bool isPseudoTerminal(const QString& device);
+/// The programs at the other end of a pseudo-terminal, as far as this user may see them.
+QVector<DeviceUser> peersOf(const QString& device, const QString& proc = QStringLiteral("/proc"));
+
 /// Who may use a device file.
 struct DeviceRights
 {

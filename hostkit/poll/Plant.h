@@ -35,6 +35,7 @@ struct LineFigures
     /// only when the overload begins, changes much, or ends.
     QString overload;
     RoundTripHistogram roundTrips; ///< of all answers
+    bool hasRates = true;          ///< false in the first second, of which none can be told
 };
 
 /// A station as commands show it.

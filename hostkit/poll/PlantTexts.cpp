@@ -56,10 +56,12 @@ QString lineFiguresText(const LineFigures& figures, const QVector<StationView>& 
     qint64 retries = 0;
     for (const StationView& station : stations)
         retries += station.counters.retries;
+    const auto rate = [&figures](double number, int decimals) {
+        return figures.hasRates ? QString::number(number, 'f', decimals) : QStringLiteral("-");
+    };
     return QStringLiteral("%1 transactions/s, %2 % in use, round trip %3, 99 % within %4, "
                           "retries %5, reopened %6")
-        .arg(figures.transactionsPerSecond, 0, 'f', 1)
-        .arg(figures.percentInUse, 0, 'f', 0)
+        .arg(rate(figures.transactionsPerSecond, 1), rate(figures.percentInUse, 0))
         .arg(roundTripText(figures.roundTripMedian), roundTripText(figures.roundTrip99))
         .arg(retries)
         .arg(figures.reopened);

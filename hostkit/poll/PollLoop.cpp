@@ -610,7 +610,8 @@ LineFigures PollLoop::figures() const
             m_line.reconnects(),
             100 * m_schedule.load().share,
             m_overload.text(),
-            m_statistics.roundTrips()};
+            m_statistics.roundTrips(),
+            m_statistics.hasRates(now)};
 }
 
 QVector<StationView> PollLoop::stationViews() const

@@ -32,6 +32,7 @@ struct Columns
 {
     std::array<int, ColumnCount> at;
     QStringList unused; ///< headings of other columns
+    int count = 0;      ///< of all of them
 
     Columns() { at.fill(-1); }
     bool isHeading() const { return at[Name] >= 0 && at[Type] >= 0; }
@@ -54,6 +55,8 @@ const QStringList& headingsOf(Column column)
         QStringList{"datatype", "type", "variabletype", "datentyp", "typ", "variablentyp"},
         QStringList{"dimension", "dimensions", "arraysize", "size", "arraybounds", "dimensionen",
                     QString::fromUtf8("feldgr\u00f6\u00dfe"), "feldgroesse", "feldgrenzen",
+                    QString::fromUtf8("feldl\u00e4nge"), "feldlaenge",
+                    QString::fromUtf8("arrayl\u00e4nge"), "arraylaenge", "arraylength",
                     QString::fromUtf8("arraygr\u00f6\u00dfe"), "arraygroesse", "arraygrenzen",
                     QString::fromUtf8("gr\u00f6\u00dfe"), "groesse"},
         QStringList{"comment", "comments", "description", "remark", "remarks", "kommentar",
@@ -78,6 +81,7 @@ QString plain(const QString& heading)
 Columns columnsOf(const QStringList& headings)
 {
     Columns columns;
+    columns.count = headings.size();
     for (int i = 0; i < headings.size(); ++i) {
         const QString heading = plain(headings.at(i));
         const auto is = [&](int column) {
@@ -100,11 +104,11 @@ struct Dimension
     qint64 length = 1; ///< below 1 for what is not one run of elements
 };
 
-// "10", "[0..9]" or "1..10"; one element for an empty text.
+// "10", "[0..9]", "1..10" or "[-5..5]"; one element for an empty text.
 Dimension dimensionOf(const QString& text)
 {
     static const QRegularExpression form(
-        QStringLiteral("^\\[?\\s*(\\d{1,18})\\s*(?:\\.\\.\\s*(\\d{1,18}))?\\s*\\]?$"));
+        QStringLiteral("^\\[?\\s*(-?\\d{1,18})\\s*(?:\\.\\.\\s*(-?\\d{1,18}))?\\s*\\]?$"));
     if (text.isEmpty())
         return {};
     const QRegularExpressionMatch match = form.match(text);
@@ -246,7 +250,10 @@ QString problemOfType(const TypeText& type, const LineDimension& dimension, Vari
             variable.type = &known;
     }
     if (!variable.type && !untyped)
-        return QStringLiteral("\"%1\" is not an elementary type").arg(name);
+        return name.isEmpty() ? QStringLiteral("has no type")
+                              : QStringLiteral("\"%1\" is not an elementary type such as INT, and "
+                                               "structures are not read")
+                                    .arg(name);
     const bool string = untyped || variable.type->kind == CipKind::String;
     return string && variable.length != 1
                ? QStringLiteral("of several strings only the first can be read")
@@ -502,6 +509,25 @@ public:
 
     void read(int line, const QStringList& fields)
     {
+        readFields(line, fields);
+        tellFieldsBeyond(line, fields);
+    }
+    VariableList take() { return std::move(m_list); }
+
+private:
+    // A separator within a text that is not quoted makes one field too many.
+    void tellFieldsBeyond(int line, const QStringList& fields)
+    {
+        const QStringList beyond = fields.mid(m_columns.count);
+        if (!beyond.join(QString()).trimmed().isEmpty())
+            m_list.notes +=
+                QStringLiteral("line %1: fields that no heading names are left out: %2 (a "
+                               "text with a separator needs double quotes)")
+                    .arg(line)
+                    .arg(beyond.join(QStringLiteral(", ")).trimmed());
+    }
+    void readFields(int line, const QStringList& fields)
+    {
         const QString name = m_columns.of(fields, Name);
         if (name.isEmpty() && fields.join(QString()).trimmed().isEmpty())
             return;
@@ -534,9 +560,7 @@ public:
                             QStringLiteral(": index %1 of the program is element 0 here")
                                 .arg(dimension.dimension.first);
     }
-    VariableList take() { return std::move(m_list); }
 
-private:
     Columns m_columns;
     VariableList m_list;
     QSet<QString> m_names;

@@ -45,13 +45,53 @@ QString cellOf(const CsvForm& form, const QString& type, const CipValue& value)
     return value.kind() == CipKind::String ? numberText(form, type, text) : form.number(text);
 }
 
+/// Which decimal sign the numbers of a file have. The heading does not tell.
+class DecimalSigns
+{
+public:
+    explicit DecimalSigns(const CsvForm& form)
+        : m_separator(form.separator.toLatin1()), m_decimal(form.decimal.toLatin1())
+    {
+    }
+
+    void look(char c)
+    {
+        if (c != m_separator && c != '\n') {
+            if (m_field.size() < kMostField)
+                m_field += c;
+            return;
+        }
+        const std::size_t sign = m_field.find_first_not_of("-0123456789");
+        const bool isNumber =
+            sign != std::string::npos && sign > 0 &&
+            m_field.find_first_not_of("0123456789", sign + 1) == std::string::npos &&
+            sign + 1 < m_field.size();
+        if (isNumber && m_field[sign] == m_decimal)
+            m_own = true;
+        else if (isNumber && (m_field[sign] == '.' || m_field[sign] == ','))
+            m_other = true;
+        m_field.clear();
+    }
+    /// True when numbers have the other sign, and none has this one. A text can look like a number.
+    bool disagree() const { return m_other && !m_own; }
+
+private:
+    static constexpr std::size_t kMostField = 40;
+    char m_separator;
+    char m_decimal;
+    std::string m_field;
+    bool m_own = false;
+    bool m_other = false;
+};
+
 /// The rows of a file that a recording goes on with.
 class EarlierRows
 {
 public:
-    /// Reads the file. Throws UserError if it cannot be read or has other content than rows.
-    EarlierRows(const OutputFile& file, std::string heading)
-        : m_file(file), m_heading(std::move(heading))
+    /// Reads the file. Throws UserError if it cannot be read or has other content than rows of this
+    /// form.
+    EarlierRows(const OutputFile& file, std::string heading, const CsvForm& form)
+        : m_file(file), m_heading(std::move(heading)), m_signs(form)
     {
         for (;;) {
             const std::string part = read(m_size, 1 << 16);
@@ -65,6 +105,10 @@ public:
             throw UserError(m_file.name() + ": line " + std::to_string(m_line) +
                             ": a field opens with \" that no other \" closes (mend the row, or "
                             "name a new file)");
+        if (m_signs.disagree())
+            throw UserError(m_file.name() +
+                            ": its numbers have another decimal sign (choose it with "
+                            "--decimal, or name a new file)");
     }
 
     bool hasHeading() const { return m_end > 0; }
@@ -87,6 +131,7 @@ private:
     void look(char c)
     {
         ++m_size;
+        m_signs.look(c);
         if (m_begin.size() < m_heading.size() && c != '\r')
             m_begin += c;
         if (m_size == off_t(kBomBytes) && m_begin == kBom)
@@ -112,6 +157,7 @@ private:
 
     const OutputFile& m_file;
     const std::string m_heading;
+    DecimalSigns m_signs;
     std::string m_begin; ///< up to the length of the heading, without carriage returns
     off_t m_size = 0;
     off_t m_end = 0;
@@ -125,12 +171,12 @@ class CsvFile
 {
 public:
     /// `continues` for a file that may have rows.
-    CsvFile(OutputFile file, bool continues, const std::string& heading, bool bom,
+    CsvFile(OutputFile file, bool continues, const std::string& heading, const CsvForm& form,
             const Recorder::Note& note)
         : m_file(std::move(file))
     {
-        if (!continues || !m_file.isRegular() || !goOn(heading, note))
-            m_file.write((bom ? kBom : "") + heading);
+        if (!continues || !m_file.isRegular() || !goOn(heading, form, note))
+            m_file.write((form.bom ? kBom : "") + heading);
         m_size = m_file.isRegular() ? ::lseek(m_file.descriptor(), 0, SEEK_END) : 0;
     }
     ~CsvFile()
@@ -165,10 +211,10 @@ public:
 private:
     // Samples are appended, so that a restart loses nothing. A row that a kill or a full disk cut
     // short would become one with the next: it is removed and shown. False without a heading.
-    bool goOn(const std::string& heading, const Recorder::Note& note)
+    bool goOn(const std::string& heading, const CsvForm& form, const Recorder::Note& note)
     {
         m_file.lock();
-        const EarlierRows rows(m_file, heading);
+        const EarlierRows rows(m_file, heading, form);
         const std::string tail = rows.tail();
         if (!tail.empty() && note)
             note(QString::fromStdString(
@@ -199,13 +245,13 @@ std::unique_ptr<CsvFile> openCsv(const QString& path, const QStringList& heading
     if (path != QLatin1String("-")) {
         const std::string name = QFile::encodeName(path).toStdString();
         requireFile(name, "name a file, or - for standard output");
-        return std::make_unique<CsvFile>(OutputFile::open(name), true, heading, form.bom, note);
+        return std::make_unique<CsvFile>(OutputFile::open(name), true, heading, form, note);
     }
     const int descriptor = ::dup(STDOUT_FILENO);
     if (descriptor < 0)
         failToWrite("standard output", errno);
     return std::make_unique<CsvFile>(OutputFile(descriptor, "standard output"), false, heading,
-                                     form.bom, note);
+                                     form, note);
 }
 
 class CsvRecorder : public Recorder

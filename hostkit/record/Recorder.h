@@ -23,6 +23,8 @@ public:
     virtual void flush() = 0;
     /// Bytes of the file, with what was added.
     virtual qint64 size() const = 0;
+    /// The files so far, where one follows the other; else none.
+    virtual QStringList files() const { return QStringList(); }
 
     /// Is told what the user should know of the file.
     using Note = std::function<void(const QString&)>;

@@ -58,6 +58,7 @@ public:
     }
     void flush() override { m_current->flush(); }
     qint64 size() const override { return m_current->size(); }
+    QStringList files() const override { return m_files; }
 
 private:
     QDateTime shown(const QDateTime& time) const
@@ -105,6 +106,7 @@ private:
         m_current.reset(); // a database is open once only
         m_path = m_pattern.pathFor(time, number);
         m_current = m_open(m_path);
+        m_files += m_path;
         m_number = number;
         m_hasRow = false;
         removeOld();
@@ -131,6 +133,7 @@ private:
     Note m_note;
     std::unique_ptr<Recorder> m_current;
     QString m_path;
+    QStringList m_files;
     QVector<int> m_time;
     int m_number = 0;
     bool m_inRow = false;

@@ -50,6 +50,11 @@ LineStatistics::Slot LineStatistics::recent(Duration now) const
     return sum;
 }
 
+bool LineStatistics::hasRates(Duration now) const
+{
+    return !m_first || now - *m_first >= std::chrono::seconds(1);
+}
+
 double LineStatistics::transactionsPerSecond(Duration now) const
 {
     const Slot sum = recent(now);

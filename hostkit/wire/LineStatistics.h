@@ -19,6 +19,8 @@ public:
     /// Adds a transaction that has ended: bytes both ways, and the round trip where an answer came.
     void add(Duration now, int bytes, std::optional<Duration> roundTrip);
 
+    /// False within a second of the first transaction: it would be multiplied.
+    bool hasRates(Duration now) const;
     double transactionsPerSecond(Duration now) const;
     /// The share of the time in which bytes are on the line, in percent. Both directions count,
     /// because requests and replies take turns.

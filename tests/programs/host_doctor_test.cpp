@@ -91,10 +91,14 @@ TEST_F(HostDoctor, FindsNothingWrongWithAGoodLine)
     const Result result = doctor();
     EXPECT_EQ(result.status, 0) << result.out << result.err;
     EXPECT_EQ(checksOf(result),
-              (QStringList{"device", "rights", "used by", "settings", "controller", "echo",
-                           "round trip", "damaged", "advice"}));
+              (QStringList{"device", "rights", "used by", "other end", "settings", "controller",
+                           "echo", "round trip", "damaged", "advice"}));
     EXPECT_EQ(said(result, "settings"), "38400 8N1: answers");
     EXPECT_TRUE(said(result, "device").startsWith(path("line") + ", which is /dev/pts/"));
+    EXPECT_EQ(said(result, "other end"),
+              QStringLiteral("host_doctor_test (process %1), by a pseudo-terminal: it has no speed "
+                             "and no parity")
+                  .arg(::getpid()));
     EXPECT_TRUE(said(result, "round trip").endsWith(", of 40 reads"));
     EXPECT_EQ(said(result, "damaged"),
               "0 of 40 replies (0.0 %), 0 requests; 0 reads without an answer");
@@ -135,7 +139,10 @@ TEST_F(HostDoctor, SaysThatNobodyAnswersAndWhatToLookAt)
     EXPECT_EQ(said(result, "tried"), "14 other settings, 9600 to 115200 with no, even and odd "
                                      "parity: none answers");
     EXPECT_EQ(said(result, "controller"), "nobody answers");
-    EXPECT_TRUE(said(result, "advice").startsWith("nothing comes back: is the controller on?"));
+    EXPECT_TRUE(said(result, "advice")
+                    .endsWith("at the other end of this pseudo-terminal, does not answer: end it "
+                              "and start the simulator "
+                              "again"));
 }
 
 TEST_F(HostDoctor, TellsAnEchoFromAController)

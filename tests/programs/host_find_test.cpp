@@ -64,12 +64,13 @@ TEST_F(HostFind, ReadsTheExportOfAProgrammingToolAndWritesAProject)
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "Speed  INT\nLevel  INT[10]\n");
     const std::string place = "micro850-host: " + list.toStdString();
-    EXPECT_EQ(result.err,
-              place + ": line 3: Timer1: \"TON\" is not an elementary type (left out)\n" +
-                  "micro850-host: Speed: is INT in the controller, DINT in the list\n" +
-                  "micro850-host: Gone: " + kNotThere + "\n" + place +
-                  ": 2 of 3 names found, 1 not there\n" +
-                  "micro850-host: " + project.toStdString() + ": a project of what was found\n");
+    EXPECT_EQ(result.err, place +
+                              ": line 3: Timer1: \"TON\" is not an elementary type such as INT, "
+                              "and structures are not read (left out)\n" +
+                              "micro850-host: Speed: is INT in the controller, DINT in the list\n" +
+                              "micro850-host: Gone: " + kNotThere + "\n" + place +
+                              ": 2 of 3 names found, 1 not there\n" + "micro850-host: " +
+                              project.toStdString() + ": a project of what was found\n");
     EXPECT_EQ(
         textOf("found.json"),
         "{\n  \"port\": {\"device\":\"" + port().toStdString() +

@@ -24,7 +24,8 @@ TEST_F(HostImport, MakesAProjectThatTheControllerAgreesWith)
               "    {\"tag\":\"Name\"}\n  ]\n}\n");
     const std::string place = "micro850-host: " + list.toStdString();
     EXPECT_EQ(result.err, place +
-                              ": line 4: Timer1: \"TON\" is not an elementary type (left out)\n" +
+                              ": line 4: Timer1: \"TON\" is not an elementary type such as INT, "
+                              "and structures are not read (left out)\n" +
                               place + ": 3 variables in the project, 1 line left out\n");
     const Result check = hostOnPort({"check", file("p.json", result.out), "--quiet"});
     EXPECT_EQ(check.status, 0) << check.err;

@@ -329,8 +329,9 @@ TEST_F(HostLog, WritesWideRowsForASpreadsheet)
     EXPECT_EQ(result.status, 1) << result.err; // Nope
     QStringList lines = linesOf(textOf("w.csv"));
     ASSERT_GE(lines.size(), 3);
-    EXPECT_EQ(lines.takeFirst(), QString::fromUtf8("\xEF\xBB\xBF"
-                                                   "time (local);Speed [rpm];Tank[0];Tank[1];Name;Nope"));
+    EXPECT_EQ(lines.takeFirst(),
+              QString::fromUtf8("\xEF\xBB\xBF"
+                                "time (local);Speed [rpm];Tank[0];Tank[1];Name;Nope"));
     const QRegularExpression row(
         "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8},[0-9]{3};1234;1;1,1;Apple;$");
     for (const QString& line : lines)
@@ -374,6 +375,10 @@ TEST_F(HostLog, BeginsNewFilesBySizeAndDeletesTheOldest)
     }
     EXPECT_NE(result.err.find("-1.csv: deleted, because of --keep\n"), std::string::npos)
         << result.err;
+    // The note names the first and the last file.
+    const QRegularExpression note(
+        R"(r-\d{4}-1\.csv to \S*r-\d{4}-\d+\.csv, \d+ files: \d+ rows written)");
+    EXPECT_TRUE(note.match(QString::fromStdString(result.err)).hasMatch()) << result.err;
 }
 
 TEST_F(HostLog, SaysWhichFormsDoNotGoTogether)

@@ -102,6 +102,21 @@ TEST_F(HostShell, ShowsAWatchAboveThePromptWhileALineIsTyped)
     ASSERT_TRUE(sees("stop: there is no watch \"1\" (\"stop\" ends all)"));
 }
 
+TEST_F(HostShell, TakesAtMost32Watches)
+{
+    simulate();
+    shell("", 160, 50);
+    for (int i = 1; i <= 32; ++i)
+        enter("watch Speed");
+    ASSERT_TRUE(sees("watch 32: Speed"));
+    enter("watch Setpoint");
+    EXPECT_TRUE(sees("watch: 32 watches go on already (end one with stop NUMBER, or name several "
+                     "tags in one watch)"));
+    enter("stop 32");
+    enter("watch Setpoint");
+    EXPECT_TRUE(sees("watch 33: Setpoint"));
+}
+
 TEST_F(HostShell, CompletesCommandsOptionsNamesAndSettings)
 {
     simulate();

@@ -34,7 +34,10 @@ TEST_F(LiveTableTest, ShowsHowBusyTheLineIs)
               QString("0.0 transactions/s, 0 % in use, round trip -, 99 % within -, retries 0, "
                       "reopened 0"));
     ASSERT_TRUE(runUntilRead());
+    EXPECT_TRUE(table.lineStatistics().startsWith("- transactions/s, - % in use, round trip 1 ms"))
+        << table.lineStatistics().toStdString();
     runFor(2000);
+    EXPECT_FALSE(table.lineStatistics().startsWith("-"));
     // The controller answers after one millisecond, and nothing else takes time.
     EXPECT_TRUE(table.lineStatistics().contains("round trip 1 ms, 99 % within 1 ms"))
         << table.lineStatistics().toStdString();

@@ -70,7 +70,8 @@ TEST(VariableList, ReportsTheIgnoredLinesAndTheReasons)
     EXPECT_EQ(
         list.ignored,
         (QStringList{
-            "line 2: Timer: \"TON\" is not an elementary type (left out)",
+            "line 2: Timer: \"TON\" is not an elementary type such as INT, and structures are not "
+            "read (left out)",
             "line 3: Grid: the dimension \"[0..3,0..3]\" is not one run of elements (left out)",
             "line 4: Back: the dimension \"9..1\" is not one run of elements (left out)",
             "line 7: A: is listed twice (left out)",
@@ -149,7 +150,8 @@ TEST(VariableList, ReadsFieldsWithLineEndsAndCountsTheirLines)
                                      "B,,TON\n");
     ASSERT_EQ(list.variables.size(), 1);
     EXPECT_EQ(list.variables.at(0).name, QString("A"));
-    EXPECT_EQ(list.ignored, QStringList("line 4: B: \"TON\" is not an elementary type (left out)"));
+    EXPECT_EQ(list.ignored, QStringList("line 4: B: \"TON\" is not an elementary type such as INT, "
+                                        "and structures are not read (left out)"));
 }
 
 TEST(VariableList, RefusesAQuoteThatIsNeverClosed)
@@ -255,6 +257,31 @@ TEST(VariableList, TellsOfAnArrayWhoseFirstIndexIsAnother)
                            "line 5: Far: index 65535 of the program is element 0 here"}));
 }
 
+TEST(VariableList, ReadsAnArrayWhoseIndexBeginsBelowZero)
+{
+    const VariableList list = VariableList::fromCsv(
+        "Name,Type,Feldl\u00E4nge\nA,ARRAY[-5..5] OF INT,\nB,INT,-2..1\nC,INT,5..-5\n", "list.csv");
+    ASSERT_EQ(list.variables.size(), 2);
+    EXPECT_EQ(list.variables.at(0).length, 11);
+    EXPECT_EQ(list.variables.at(1).length, 4);
+    EXPECT_EQ(list.notes, (QStringList{"line 2: A: index -5 of the program is element 0 here",
+                                       "line 3: B: index -2 of the program is element 0 here"}));
+    EXPECT_EQ(list.ignored, QStringList("line 4: C: the dimension \"5..-5\" is not one run of "
+                                        "elements (left out)"));
+}
+
+TEST(VariableList, TellsOfFieldsThatNoHeadingNames)
+{
+    const VariableList list = VariableList::fromCsv(
+        "Name,Type,Comment\nA,INT,fast, not slow\nB,INT,slow,,\n", "list.csv");
+    ASSERT_EQ(list.variables.size(), 2);
+    EXPECT_EQ(list.variables.at(0).comment, QString("fast"));
+    EXPECT_EQ(
+        list.notes,
+        QStringList("line 2: fields that no heading names are left out: not slow (a text with a "
+                    "separator needs double quotes)"));
+}
+
 TEST(VariableList, IgnoresAnArrayThatIsTooLongAndSaysSo)
 {
     const VariableList list = listOf("Name;Type;Dimension\n"
@@ -322,12 +349,14 @@ TEST(VariableList, TellsWhyATypeOfAToolCannotBeRead)
                   "line 2: A: the dimension \"[0..3,0..4]\" is not one run of elements (left out)",
                   "line 3: B: the dimension \"[0..3][0..4]\" is not one run of elements (left out)",
                   "line 4: C: of several strings only the first can be read (left out)",
-                  "line 5: D: \"TON\" is not an elementary type (left out)",
+                  "line 5: D: \"TON\" is not an elementary type such as INT, and structures are "
+                  "not read (left out)",
                   "line 6: E: its type has the dimension \"[0..3]\", and its dimension is "
                   "\"[0..4]\" (left out)",
                   "line 7: F: the dimension \"[]\" is not one run of elements (left out)",
-                  "line 8: G: \"STRING()\" is not an elementary type (left out)",
-                  "line 9: H: \"\" is not an elementary type (left out)"}));
+                  "line 8: G: \"STRING()\" is not an elementary type such as INT, and structures "
+                  "are not read (left out)",
+                  "line 9: H: has no type (left out)"}));
 }
 
 TEST(VariableList, KnowsGermanHeadingsAndKeepsCommentsAndUnits)
@@ -357,7 +386,8 @@ TEST(VariableList, FindsItsHeadingBelowATitle)
     const VariableList list = listOf("sep=;\n\nPlant 3, \"north\"\nName;Type;Alias;Address\n"
                                      "A;INT;x;4\nB;TON;y;5\n");
     ASSERT_EQ(list.variables.size(), 1);
-    EXPECT_EQ(list.ignored, QStringList("line 6: B: \"TON\" is not an elementary type (left out)"));
+    EXPECT_EQ(list.ignored, QStringList("line 6: B: \"TON\" is not an elementary type such as INT, "
+                                        "and structures are not read (left out)"));
     EXPECT_EQ(list.notes, QStringList("line 4: a project has no place for these columns: Alias, "
                                       "Address"));
 }

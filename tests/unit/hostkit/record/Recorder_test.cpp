@@ -564,6 +564,30 @@ TEST_F(RecorderTest, WritesWideRowsWithAColumnForEachElement)
                              "2026-03-01T12:30:06.250Z,,,,\n");
 }
 
+TEST_F(RecorderTest, RefusesToGoOnWithNumbersThatHaveAnotherDecimalSign)
+{
+    const auto recordOnce = [&](const char* file, char decimal, const char* version) {
+        CsvForm form;
+        form.separator = ';';
+        form.decimal = QLatin1Char(decimal);
+        const auto recorder =
+            Recorder::wideCsv(path(file), {{"Temp", "", 1}, {"Version", "", 1}}, nullptr, form);
+        recorder->add(wideSample("Temp", {CipValue::ofReal(-1.5)}));
+        recorder->add(wideSample("Version", {CipValue::ofText(version)}, "SHORT_STRING"));
+        recorder->endRow(kTime);
+    };
+    recordOnce("w.csv", ',', "v1");
+    recordOnce("w.csv", ',', "v1");
+    EXPECT_EQ(complaint([&] { recordOnce("w.csv", '.', "v1"); }),
+              path("w.csv").toStdString() + ": its numbers have another decimal sign (choose it "
+                                            "with --decimal, or name a new file)");
+    EXPECT_EQ(text("w.csv"), "time;Temp;Version\n2026-03-01T12:30:05.250Z;-1,5;v1\n"
+                             "2026-03-01T12:30:05.250Z;-1,5;v1\n");
+    // A text that looks like a number says nothing of the numbers.
+    recordOnce("t.csv", ',', "1.5");
+    EXPECT_EQ(complaint([&] { recordOnce("t.csv", ',', "1.5"); }), "none");
+}
+
 TEST_F(RecorderTest, WritesTheFormOfASpreadsheetAndGoesOnWithIt)
 {
     const QVector<WideColumn> columns = {{"Temp", "", 1}, {"Day", "", 1}};

@@ -24,6 +24,16 @@ TEST(LineStatistics, CountTransactionsOfTheLastTenSeconds)
     EXPECT_EQ(line.transactionsPerSecond(50s), 0);
 }
 
+TEST(LineStatistics, HaveNoRatesInTheFirstSecond)
+{
+    LineStatistics line;
+    EXPECT_TRUE(line.hasRates(5s)); // of a line on which nothing is sent
+    line.add(5s, 10, 1ms);
+    EXPECT_FALSE(line.hasRates(5s));
+    EXPECT_FALSE(line.hasRates(5999ms));
+    EXPECT_TRUE(line.hasRates(6s));
+}
+
 TEST(LineStatistics, ComputeTheShareInUseFromTheSpeedOfTheLine)
 {
     PortSettings port;
