@@ -340,6 +340,35 @@ TEST_F(InterruptedCall, ReturnsTheLengthThatItSaw)
     }
 }
 
+TEST_F(InterruptedCall, CompletesNoCycleOfAListThatIsRebuiltWhileAReplyIsCounted)
+{
+    QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("b", "0", 1), hostVar("c", "0", 1)};
+    bool rebuilt = false;
+    int rebuilds = 0;
+    interruptEverywhere(
+        [&] {
+            restart();
+            connectStation();
+            send(readOf("T"), kCyclicRead)->replyLength = kGood.size();
+            PLC_driver.readCycleCount = 1; // the reply completes the cycle of the old list
+            rebuilt = false;
+        },
+        [&] {
+            QByteArray reply = kGood;
+            DataCom(&reply, reply.size());
+        },
+        [&] {
+            rebuilt = isFree(PLC_driver.listMutex);
+            if (rebuilt)
+                rebuilds += ReCreatReadVarList(&variables) == variables.size();
+        },
+        [&] {
+            EXPECT_EQ(settings.passComplete, rebuilt ? 0 : 1);
+            EXPECT_EQ(PLC_driver.readList.size(), rebuilt ? 3 : 1);
+        });
+    EXPECT_GT(rebuilds, 5);
+}
+
 TEST_F(RebuildingTheCyclicList, HoldsTheListLock)
 {
     QList<HOSTVAR> variables;
