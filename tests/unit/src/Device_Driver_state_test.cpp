@@ -216,6 +216,7 @@ protected:
         request.linkId = local ? settings.localLink : settings.localLink + 1;
         request.retValue = 88;
         request.areaType = 18;
+        request.addressText = "17"; // not its start, as for a tag that is not in the catalogue
         request.onceFlag = list;
         if (list != kWrite)
             request.data = "kept in its list";
@@ -626,11 +627,12 @@ TEST_F(Sending, NothingToSendOrAFrameInFlightChangesAlmostNothing)
 class Connecting : public Sending
 {
 protected:
-    Connecting() : m_clock(QTime(9, 3, 7)) {}
-    QByteArray openFrame(quint16 tns) const
+    Connecting() : m_clock(QTime(0, 0)) { setSecond(1000); }
+    /// The clock runs on before each step; a frame has the serial number of a second.
+    void setSecond(int second) { m_clock.setSeconds(m_second = second); }
+    static QByteArray openFrame(quint16 tns, int second)
     {
-        return wire::framed(
-            wire::forwardOpenRequest(tns, serial_numbers::at(9 * 3600 + 3 * 60 + 7)));
+        return wire::framed(wire::forwardOpenRequest(tns, serial_numbers::at(second)));
     }
     /// A read of station 1, which is not connected, asks for the connection.
     void begin()
@@ -649,6 +651,7 @@ protected:
     void expectOf(const QByteArray& reply, int code, quint16 counter,
                   const std::function<void(VisibleState&)>& changes)
     {
+        setSecond(m_second + 1);
         PLC_driver.result.retValue = 55;
         expectOnly([&] { deliver(reply); },
                    [&](VisibleState& state) {
@@ -657,6 +660,8 @@ protected:
                        changes(state);
                    });
     }
+
+    int m_second;
 
 private:
     FixedTimeOfDay m_clock;
@@ -673,15 +678,15 @@ TEST_F(Connecting, ChangesTheStepOfTheSetUpAndTheStationOnly)
                    countBurst(state, kCyclicRead);
                    state.sendQueue = {
                        transaction(wire::framed(wire::identityRequest(0x21)), 61, 0, ofStation),
-                       transaction(openFrame(0x22), 46, 0, ofStation)};
+                       transaction(openFrame(0x22, 1000), 46, 0, ofStation)};
                });
     expectOf(wire::identityReply(0x21), 1, 0x22, [](VisibleState& state) {
-        state.sendQueue.removeFirst();
+        state.sendQueue.removeFirst(); // the other frame has its number and its serial already
         state.settings.framesAnswered = 1;
     });
     for (quint16 tns = 0x23; tns <= 0x25; ++tns) {
         expectOf(kBad, 201, tns,
-                 [&](VisibleState& state) { state.sendQueue[0].frame = openFrame(tns); });
+                 [&](VisibleState& state) { state.sendQueue[0].frame = openFrame(tns, m_second); });
     }
     expectOf(wire::forwardOpenReply(0x25, hex("10 5B")), 1, 0x26, [](VisibleState& state) {
         state.sendQueue.clear();
@@ -703,9 +708,117 @@ TEST_F(Connecting, GivenUpItChangesTheQueueAndTheCounterOnly)
     });
     for (quint16 tns = 0x24; tns <= 0x26; ++tns) {
         expectOf(QByteArray(), 201, tns,
-                 [&](VisibleState& state) { state.sendQueue[0].frame = openFrame(tns); });
+                 [&](VisibleState& state) { state.sendQueue[0].frame = openFrame(tns, m_second); });
     }
     expectOf(QByteArray(), 201, 0x27, [](VisibleState& state) { state.sendQueue.clear(); });
+}
+
+// ---- The other entry points --------------------------------------------------------------------
+
+class CallingTheDriver : public StateTest
+{
+protected:
+    CallingTheDriver()
+    {
+        arrange();
+        appendOthers();
+        PLC_driver.readCycleCount = 23;
+        settings.passComplete = 17;
+        settings.failureCount = 1;
+        PLC_driver.sendQueue.append(Protocol());
+    }
+};
+
+TEST_F(CallingTheDriver, WithTheSameSettingsClearsTwoWordsOnly)
+{
+    expectOnly([&] { SetComInfo(&settings); },
+               [](VisibleState& state) {
+                   state.settings.clearedWord10 = state.settings.clearedWord13 = 0;
+               });
+    expectOnly([&] { SetComInfo(&settings); }, [](VisibleState&) {});
+}
+
+TEST_F(CallingTheDriver, ToQueueARequestChangesItsListOnly)
+{
+    RW_VAR request = distinctRequest("new");
+    expectOnly([&] { AddListReadVar(&request); },
+               [&](VisibleState& state) { state.readList.append(request); });
+    expectOnly([&] { AddListOnceReadVar(&request, 1); },
+               [&](VisibleState& state) { state.onceReadList.append(request); });
+    expectOnly([&] { AddListWriteVar(&request, 1); },
+               [&](VisibleState& state) { state.writeList.append(request); });
+    expectOnly(
+        [&] {
+            AddListReadVar(nullptr);
+            AddListOnceReadVar(nullptr, 0);
+            AddListWriteVar(nullptr, 0);
+            ReCreatReadVarList(nullptr);
+        },
+        [](VisibleState&) {});
+}
+
+TEST_F(CallingTheDriver, ToQueueACompletedReadSeedsItsTag)
+{
+    RW_VAR request = distinctRequest("Array");
+    expectOnly([&] { AddListOnceReadVar(&request, 0); },
+               [&](VisibleState& state) {
+                   RW_VAR completed = distinctRequest("Array");
+                   completed.startAddress = 17;
+                   completed.reqFlag = 1;
+                   completed.onceFlag = 1;
+                   state.onceReadList.append(completed);
+                   state.store[1].tagInfo["Array"] = hex("FF 00 00 00");
+               });
+    expectOnly([&] { AddListOnceReadVar(&request, 0); }, [](VisibleState&) {});
+}
+
+TEST_F(CallingTheDriver, ToWriteAValueChangesTheWriteListAndSeedsItsTag)
+{
+    settings.remoteMode = 314;
+    expectOnly([] { SetRegisterData("Array", 18, "17", 2, hex("01 02"), 3, 11, 12); },
+               [&](VisibleState& state) {
+                   RW_VAR write = writeOf("Array", hex("01 02"), 17, 3);
+                   write.varType = 11;
+                   write.varIndex = 12;
+                   write.hostField3 = 314;
+                   write.areaType = 18;
+                   write.stationNo = 2;
+                   state.writeList.append(write);
+                   state.store[2].tagInfo["Array"] = hex("FF 00 00 00");
+               });
+}
+
+TEST_F(CallingTheDriver, ToReadAValueSeedsAnUnknownTagOnly)
+{
+    QByteArray out;
+    expectOnly([&] { GetRegisterData("Elsewhere", 0, "0", 2, out, 1); }, [](VisibleState&) {});
+    expectOnly([&] { GetRegisterData("Unknown", 0, "0", 2, out, 1); },
+               [](VisibleState& state) { state.store[2].tagInfo["Unknown"] = hex("FF 00 00 00"); });
+}
+
+TEST_F(CallingTheDriver, ToRebuildTheCyclicListRestartsTheCycle)
+{
+    settings.defaultStation = 2;
+    settings.remoteMode = 314;
+    QList<HOSTVAR> variables = {hostVar("Array", "17", 3, 18)};
+    expectOnly([&] { ReCreatReadVarList(&variables); },
+               [&](VisibleState& state) {
+                   RW_VAR read = readOf("Array", 17, 3);
+                   read.varType = 0;
+                   read.varIndex = -1;
+                   read.hostField3 = 314;
+                   read.areaType = 18;
+                   read.stationNo = 2;
+                   state.readList = {read};
+                   state.readCycleCount = 0;
+                   state.settings.passComplete = 0;
+                   state.store[2].tagInfo["Array"] = hex("FF 00 00 00");
+               });
+    variables.clear();
+    PLC_driver.readCycleCount = 23;
+    settings.passComplete = 17;
+    expectOnly([&] { ReCreatReadVarList(&variables); },
+               [](VisibleState& state) { state.readList.clear(); });
 }
 
 } // namespace
