@@ -145,7 +145,7 @@ protected:
         PLC_driver.result.retValue = 1;
         PLC_driver.spareList.append(distinctRequest("spare"));
         PLC_driver.extendList.append(EXTENDVAR{1, 2, 3, "4"});
-        PLC_driver.spareFlag = true;
+        PLC_driver.spareFlag = m_spareFlag = !m_spareFlag; // both values, one after the other
         PLC_driver.currentList = kNoListYet;
         PLC_driver.writeBurst = 2;
         PLC_driver.onceBurst = 3;
@@ -274,6 +274,9 @@ protected:
         state.onceReadList = once;
         state.writeList = writes;
     }
+
+private:
+    bool m_spareFlag = false;
 };
 
 const int kLists[] = {kCyclicRead, kWrite, kOneShotRead};
