@@ -5,6 +5,7 @@
 #include "UserError.h"
 #include "VisibleText.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -156,10 +157,14 @@ template<typename Real> Real parseReal(const CipType& type, const std::string& t
 
 bool parseBoolean(const CipType& type, const std::string& text)
 {
-    if (text == "true" || text == "1")
+    std::string word = text;
+    std::transform(word.begin(), word.end(), word.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    if (word == "true" || word == "on" || word == "1")
         return true;
-    if (text != "false" && text != "0")
-        refuse(type, text, "true, false, 1 or 0");
+    if (word != "false" && word != "off" && word != "0")
+        refuse(type, text, "true, false, on, off, 1 or 0");
     return false;
 }
 

@@ -159,14 +159,18 @@ QStringList tagsInFolder()
     return tags;
 }
 
-void noteFoundProject(const LineOptions& options, const Project& project, const Output& output)
+void noteDefaults(const LineOptions& options, const Project& project, const Output& output)
 {
-    if (!options.projectIsFound || SharedLine::current()) // the shell has told
+    if (SharedLine::current()) // the shell has told
         return;
     const QString& device = project.port.device;
-    output.note(
-        QStringLiteral("%1: this project of the folder is used").arg(textOf(options.project)) +
-        (device.isEmpty() ? QString() : QStringLiteral(", with the port ") + device));
+    if (options.port.empty() && !device.isEmpty() && device == defaultDevice())
+        output.note(
+            QStringLiteral("%1: its port is used, %2").arg(QLatin1String(kPortVariable), device));
+    if (options.projectIsFound)
+        output.note(
+            QStringLiteral("%1: this project of the folder is used").arg(textOf(options.project)) +
+            (device.isEmpty() ? QString() : QStringLiteral(", with the port ") + device));
 }
 
 Project projectOf(const LineOptions& options)

@@ -17,8 +17,8 @@ Project projectOf(const LineOptions& options);
 void findProject(LineOptions& options);
 /// For commands that need only a port: the same when no port is known in another way.
 void findProjectForPort(LineOptions& options);
-/// Tells of a project that was found, and of its port.
-void noteFoundProject(const LineOptions& options, const Project& project, const Output& output);
+/// Tells of a port and of a project that nobody named for this command.
+void noteDefaults(const LineOptions& options, const Project& project, const Output& output);
 /// The tags of the project in the current folder, whether it is used or not: for suggestions. None
 /// when there is no such file, or it has mistakes.
 QStringList tagsInFolder();

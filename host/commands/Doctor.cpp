@@ -62,7 +62,7 @@ int run(DoctorOptions options)
         throw UserError("--gateway: doctor needs the port for itself (stop the gateway, and leave "
                         "the option out)");
     const Project project = projectOf(options.line);
-    noteFoundProject(options.line, project, output);
+    noteDefaults(options.line, project, output);
     requirePort(project, options.line);
     std::optional<OutputFile> report = openReport(options.report);
     Examination examination(options.line, project, output);

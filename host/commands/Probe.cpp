@@ -176,7 +176,7 @@ int run(ProbeOptions options)
     if (options.scan && options.line.baud != 0)
         throw UserError("--baud: --scan tries all usual speeds (leave one of the two out)");
     const Project project = projectOf(options.line);
-    noteFoundProject(options.line, project, output);
+    noteDefaults(options.line, project, output);
     requireOwnPort(project, options.line, "probe", output);
     requirePort(project, options.line);
     if (options.scan && !project.port.setsSpeed()) {

@@ -213,7 +213,7 @@ Route routeOf(const LineOptions& options, const char* command, const Output& out
         route.shared = shared;
         return route;
     }
-    noteFoundProject(options, route.project, output);
+    noteDefaults(options, route.project, output);
     if (const std::optional<PortOwner> owner = ownerOfPort(route.project, output)) {
         refuseTrace(options, owner->path);
         output.note(route.project.port.device +

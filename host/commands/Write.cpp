@@ -20,6 +20,8 @@ struct WriteOptions
     OutputOptions output;
     TargetOptions target;
     bool verify = true;
+    bool yes = false;
+    bool dryRun = false;
     std::vector<std::string> assignments;
 };
 
@@ -27,7 +29,8 @@ enum class Outcome {
     NotTried,
     Written,
     Unknown, ///< sent, but nobody answered
-    Refused
+    Refused,
+    DryRun ///< was to be shown only
 };
 
 const char* textOf(Outcome outcome)
@@ -39,6 +42,8 @@ const char* textOf(Outcome outcome)
         return "written";
     case Outcome::Unknown:
         return "unknown";
+    case Outcome::DryRun:
+        return "dry run";
     case Outcome::Refused:
         break;
     }
@@ -51,6 +56,7 @@ struct Element
     QString text;       ///< the value as the user gave it
     QByteArray value;   ///< the same in the controller's byte order
     QString note;       ///< how it was rounded
+    QByteArray before;  ///< what was read before, unless that failed
     QByteArray nowRead; ///< what was read back
     Outcome outcome = Outcome::NotTried;
     QString error; ///< for people, with the name
@@ -70,7 +76,20 @@ struct Job
                            [](const Element& e) { return e.outcome == Outcome::Refused; });
     }
     QString name(int i) const { return target ? target->address.elementName(i) : argument; }
+    QString text(const QByteArray& value) const
+    {
+        return target->text(*type, decodeElement(*type, value));
+    }
+    /// "Setpoint: 21.5 -> 42.25 C"
+    QString change(int i, const QByteArray& to) const
+    {
+        const QString from = target->scaling.text(*type, decodeElement(*type, elements[i].before));
+        return name(i) + QStringLiteral(": %1 -> ").arg(from) + text(to);
+    }
 };
+
+// So many changes are listed in a question.
+const int kMostAsked = 20;
 
 /// All writes of one command. Everything that can be known is checked before the first of them.
 class Writes
@@ -83,9 +102,15 @@ public:
     QVector<Target> targets() const;
     /// Checks the values whose types the project states.
     void checkAgainstProject();
-    /// Checks all values against the controller's types, and that their elements exist.
+    /// How many elements are written.
+    int size() const;
+    /// Checks all values against the controller's types, and reads what the elements hold now.
     void checkAgainstController(TagAccess& access, const Interrupt& interrupt);
+    /// Shows the changes to a person, and asks. `where` is the line.
+    bool isConfirmed(const QString& where, const Interrupt& interrupt) const;
     void carryOut(TagAccess& access, const Interrupt& interrupt);
+    /// Shows what carryOut() would send.
+    void showDryRun(const QString& where);
     /// Reports those that are left, and how many had which outcome.
     void close(const QString& whyNotTried);
     /// Why the outcome of a write could not be printed.
@@ -101,6 +126,7 @@ private:
     void write(Job& job, int i, TagAccess& access);
     void verify(Job& job, int i, TagAccess& access);
     void print(const Json& object, const QString& text = QString()) const;
+    QStringList changes() const;
     void report(const Job& job, int i) const;
     Json objectOf(const Job& job, int i) const;
     void listNotTried(const Job& job, int from) const;
@@ -249,7 +275,10 @@ void Writes::checkAgainstController(Job& job, TagAccess& access)
         job.type = &access.typeOf(target.tag);
         target.requireType(*job.type);
         encode(job, *job.type);
-        access.requireElements(target.tag, target.element, target.elements());
+        const QVector<QByteArray> before =
+            access.read(target.tag, target.element, target.elements());
+        for (int i = 0; i < job.elements.size(); ++i)
+            job.elements[i].before = before.at(i);
         for (int i = 0; !job.isRefused() && i < job.elements.size(); ++i)
             access.requireAllowed(target.tag, target.element + i, job.elements.at(i).value);
     } catch (const TagRefused& error) {
@@ -262,12 +291,63 @@ void Writes::checkAgainstController(Job& job, TagAccess& access)
     }
 }
 
+int Writes::size() const
+{
+    int size = 0;
+    for (const Job& job : m_jobs)
+        size += job.elements.size();
+    return size;
+}
+
+QStringList Writes::changes() const
+{
+    QStringList changes;
+    for (const Job& job : m_jobs) {
+        for (int i = 0; i < job.elements.size(); ++i) {
+            const Element& element = job.elements.at(i);
+            const QString note =
+                element.note.isEmpty() ? element.note : QStringLiteral(" (%1)").arg(element.note);
+            changes += job.change(i, element.value) + note;
+        }
+    }
+    return changes;
+}
+
+bool Writes::isConfirmed(const QString& where, const Interrupt& interrupt) const
+{
+    const QStringList all = changes();
+    for (const QString& change : all.size() > 1 ? all.mid(0, kMostAsked) : QStringList())
+        m_output.error(change);
+    if (all.size() > kMostAsked)
+        m_output.error(QStringLiteral("and %1 more").arg(all.size() - kMostAsked));
+    const QString what =
+        all.size() == 1 ? all.first() : QStringLiteral("these %1 values").arg(all.size());
+    return host::isConfirmed(QStringLiteral("write %1 to %2?").arg(what, where),
+                             [&interrupt] { return interrupt.requested(); });
+}
+
+void Writes::showDryRun(const QString& where)
+{
+    for (Job& job : m_jobs) {
+        for (int i = 0; i < job.elements.size(); ++i) {
+            Element& element = job.elements[i];
+            element.outcome = Outcome::DryRun;
+            print(objectOf(job, i), job.change(i, element.value) +
+                                        QStringLiteral(" would be written as %1, bytes %2")
+                                            .arg(QLatin1String(job.type->name),
+                                                 QString::fromLatin1(element.value.toHex(' '))));
+            if (!element.note.isEmpty())
+                m_output.note(job.name(i) + QStringLiteral(": ") + element.note);
+        }
+    }
+    m_job = m_jobs.size();
+    m_output.note(QStringLiteral("dry run on %1: types and values were read, nothing was written")
+                      .arg(where));
+}
+
 void Writes::carryOut(TagAccess& access, const Interrupt& interrupt)
 {
-    int total = 0;
-    for (const Job& job : m_jobs)
-        total += job.elements.size();
-    Progress progress(m_output, QStringLiteral("writing"), total);
+    Progress progress(m_output, QStringLiteral("writing"), size());
     int done = 0;
     for (; m_job < m_jobs.size(); ++m_job) {
         for (m_element = 0; m_element < m_jobs.at(m_job).elements.size(); ++m_element) {
@@ -341,15 +421,12 @@ void Writes::report(const Job& job, int i) const
         m_output.error(element.error);
         return;
     }
-    const CipValue now = decodeElement(*job.type, m_verify ? element.nowRead : element.value);
-    const QString line = job.name(i) + QStringLiteral(" = ") + job.target->text(*job.type, now);
+    const QString change = job.change(i, m_verify ? element.nowRead : element.value);
+    const QString line = m_verify ? change : change + QStringLiteral(" (not read back)");
     print(objectOf(job, i), asWritten ? line : QString());
-    if (!asWritten) {
-        const CipValue written = decodeElement(*job.type, element.value);
-        m_output.error(line + QStringLiteral(" was read back after ") +
-                       job.target->text(*job.type, written) +
+    if (!asWritten)
+        m_output.error(line + QStringLiteral(" was read back after ") + job.text(element.value) +
                        QStringLiteral(" was written (the program may set it)"));
-    }
     if (!element.note.isEmpty())
         m_output.note(job.name(i) + QStringLiteral(": ") + element.note);
 }
@@ -370,15 +447,23 @@ Json Writes::objectOf(const Job& job, int i) const
     const auto shown = [&job](const QByteArray& value) {
         return jsonOf(job.target->scaling.shown(*job.type, decodeElement(*job.type, value)));
     };
+    const bool known = element.outcome == Outcome::Written || element.outcome == Outcome::Unknown ||
+                       element.outcome == Outcome::DryRun;
+    if (known)
+        object["old"] = shown(element.before);
+    if (element.outcome == Outcome::DryRun) {
+        object["new"] = shown(element.value);
+        object["bytes"] = element.value.toHex().toStdString();
+    }
     if (element.outcome == Outcome::Written) {
         object["written"] = shown(element.value);
         if (m_verify && !element.nowRead.isEmpty())
             object["value"] = shown(element.nowRead);
         if (m_verify)
             object["verified"] = element.nowRead == element.value;
-        if (!job.target->unit.isEmpty())
-            object["unit"] = job.target->unit.toStdString();
     }
+    if (known && !job.target->unit.isEmpty())
+        object["unit"] = job.target->unit.toStdString();
     if (!element.error.isEmpty())
         object["error"] = withoutName(element.error, job.name(i)).toStdString();
     return object;
@@ -445,8 +530,39 @@ void Writes::summarise() const
     // Where the outcomes cannot be printed, it is the only thing that tells them.
     if (m_outputFailure)
         m_output.error(all);
-    else if (total >= 2 && count(Outcome::Written) != total)
+    else if (total >= 2 && count(Outcome::Written) != total && count(Outcome::DryRun) == 0)
         m_output.note(all);
+}
+
+// What a person is asked before the writes: about a port that nobody named, and about several
+// values.
+bool isToBeAsked(const WriteOptions& options, const Writes& writes)
+{
+    return options.line.projectIsFound || (writes.size() > 1 && !options.yes && canAsk());
+}
+
+QString placeOf(const WriteOptions& options, const Route& route)
+{
+    const QString port = route.project.port.device;
+    const QString line = !port.isEmpty() ? port
+                         : route.gateway ? route.gateway->line
+                                         : QString::fromStdString(route.source);
+    return options.line.projectIsFound
+               ? line + QStringLiteral(", the port of ") + host::textOf(options.line.project)
+               : line;
+}
+
+// The answer may take so long that the controller has closed the connection, or that others have
+// written. Therefore all is read again: a read may connect again, and a write that is lost may not
+// be repeated.
+void confirm(Writes& writes, const WriteOptions& options, const Route& route, Access& access)
+{
+    access.tags().rest();
+    const bool confirmed = writes.isConfirmed(placeOf(options, route), access.interrupt());
+    access.interrupt().throwIfRequested();
+    if (!confirmed)
+        throw UserError("nothing was written: not confirmed", kExitRefused);
+    writes.checkAgainstController(access.tags(), access.interrupt());
 }
 
 void writeAll(Writes& writes, const WriteOptions& options, const Route& route)
@@ -454,30 +570,27 @@ void writeAll(Writes& writes, const WriteOptions& options, const Route& route)
     const Project bare = withoutVariables(route.project, writes.targets());
     Access access(options.line, route, bare);
     writes.checkAgainstController(access.tags(), access.interrupt());
-    if (!writes.anyRefused())
-        writes.carryOut(access.tags(), access.interrupt());
+    if (!writes.anyRefused() && options.dryRun) {
+        writes.showDryRun(placeOf(options, route));
+    } else if (!writes.anyRefused()) {
+        if (isToBeAsked(options, writes))
+            confirm(writes, options, route, access);
+        if (!writes.anyRefused())
+            writes.carryOut(access.tags(), access.interrupt());
+    }
     access.finish();
 }
 
 // Nobody named the port: only a person who sees it can allow the write.
-void requireConfirmedPort(const WriteOptions& options, const Route& route)
+void requirePersonForFoundPort(const WriteOptions& options)
 {
-    if (!options.line.projectIsFound)
+    if (!options.line.projectIsFound || options.dryRun || canAsk())
         return;
     const std::string& file = options.line.project;
-    if (!canAsk()) {
-        throw UserError(file +
-                        ": write uses the port of a project that it found only on a "
-                        "terminal, where it asks (name the file with --project " +
-                        file + ", or the port with --port)");
-    }
-    QStringList assignments;
-    for (const std::string& each : options.assignments)
-        assignments += host::textOf(each);
-    if (!isConfirmed(QStringLiteral("write %1 to %2, the port of %3?")
-                         .arg(assignments.join(QStringLiteral(", ")), route.project.port.device,
-                              host::textOf(file))))
-        throw UserError("nothing was written: not confirmed", kExitRefused);
+    throw UserError(file +
+                    ": write uses the port of a project that it found only on a "
+                    "terminal, where it asks (name the file with --project " +
+                    file + ", or the port with --port)");
 }
 
 int run(WriteOptions options)
@@ -493,7 +606,7 @@ int run(WriteOptions options)
     try {
         if (!writes.anyRefused()) {
             requirePort(route.project, options.line);
-            requireConfirmedPort(options, route);
+            requirePersonForFoundPort(options);
             writeAll(writes, options, route);
         }
     } catch (const UserError& error) {
@@ -517,14 +630,19 @@ void addWrite(CommandLine& line)
                                            [options] { return run(*options); });
     write.requiredTexts("TAG=VALUE", options->assignments,
                         "TAG=VALUE, TAG[INDEX]=VALUE or TAG[FIRST..LAST]=VALUE[,VALUE...]");
+    write.flag("--dry-run", options->dryRun,
+               "Show what would be sent, in words and bytes, and write nothing; types and values "
+               "are read");
+    write.flag("--yes,-y", options->yes, "Write several values without a question");
     write.flagThatClears("--no-verify", options->verify, "Do not read back what was written");
     options->target.addTo(write, options->line);
     options->line.addTo(write);
     options->output.addTo(write);
     write.footer(
         std::string(kNamesHelp) +
-        "Values: decimal numbers, for integers and words also 0x numbers; true or false; text of "
-        "at\nmost 80 characters up to U+00FF. The driver can write BOOL, BYTE, SHORT_STRING, all "
+        "Values: decimal numbers, for integers and words also 0x numbers; true, false, on or off; "
+        "text of at\nmost 80 characters up to U+00FF. The driver can write BOOL, BYTE, "
+        "SHORT_STRING, all "
         "integers\nand reals; no dates, times or other words of bits.\n"
         "A variable of several elements takes one value for each. One value for all needs the "
         "range:\nTank[0..19]=1.\n"
@@ -533,9 +651,11 @@ void addWrite(CommandLine& line)
         "number, and\nis needed for integers whose scaled or own number is above "
         "9007199254740991.\n"
         "Nothing is written unless all of it is allowed: values, types, indices (of a string only\n"
-        "0), and that the elements exist, which is known by reading the last one. No element may\n"
-        "be given twice. Through a gateway its rules are asked, too. Should the controller refuse\n"
+        "0), and that the elements exist, which is known by reading them. No element may be given\n"
+        "twice. Through a gateway its rules are asked, too. Should the controller refuse\n"
         "one all the same, the rest is still tried.\n"
+        "Each is shown with its old and its new value. On a terminal, several values are written\n"
+        "only after a question, unless --yes is given; without a terminal nobody is asked.\n"
         "Each is reported as written, refused or not tried; as unknown when nobody answered.\n"
         "With --json each element has an object with its \"outcome\", and \"error\" if there is "
         "one.\n"

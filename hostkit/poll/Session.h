@@ -34,6 +34,7 @@ public:
     /// Only the controller decides, when it is written.
     void requireAllowed(const TagKey&, int, const QByteArray&) override {}
     void write(const TagKey& tag, int element, const QByteArray& value) override;
+    void rest() override { m_loop.exchange().acknowledge(); }
     /// Closes the connection, while the exchange is observed. A loop of others goes on.
     void finish() override;
     Exchange& exchange() { return m_loop.exchange(); }

@@ -75,6 +75,8 @@ public:
     /// Writes one element. Throws when the type of the tag cannot be written, and for an element
     /// that the driver cannot reach; NotWritten when it failed before it was sent.
     virtual void write(const TagKey& tag, int element, const QByteArray& value) = 0;
+    /// Nothing is asked for a while: ends what a controller would wait for.
+    virtual void rest() {}
     /// Ends in order. Call it when all is read and written.
     virtual void finish() = 0;
 };

@@ -168,7 +168,10 @@ TEST_F(DefaultPort, IsThatOfTheEnvironment)
     {
         const Result result = hostWith(port(), command);
         EXPECT_EQ(result.status, 0) << result.err;
+        EXPECT_EQ(linesOf(result.err).value(0),
+                  "micro850-host: MICRO850_PORT: its port is used, " + port());
     }
+    EXPECT_EQ(hostWith(port(), {"write", "Speed=1", "-q"}).err, "");
 }
 
 TEST_F(DefaultPort, OfTheEnvironmentYieldsToTheOptionAndToTheProject)
@@ -191,7 +194,8 @@ TEST_F(DefaultPort, OfTheEnvironmentThatIsNoAddressIsReportedWithItsName)
                           "behind the host, as in tcp://HOST:2000)\n");
     const Result none = hostWith("none", {"read", "Speed"});
     EXPECT_EQ(none.status, 2);
-    EXPECT_EQ(none.err, "micro850-host: none: cannot be opened: there is no such device in this "
+    EXPECT_EQ(none.err, "micro850-host: MICRO850_PORT: its port is used, none\n"
+                        "micro850-host: none: cannot be opened: there is no such device in this "
                         "folder or in /dev (choose the port with --port)\n");
 }
 
@@ -221,7 +225,8 @@ TEST_F(DefaultPort, OfTheFolderYieldsToAllOthers)
 {
     simulate();
     project("project.json", "/none");
-    EXPECT_EQ(hostWith(port(), {"read", "Speed"}).err, "");
+    EXPECT_EQ(hostWith(port(), {"read", "Speed"}).err,
+              "micro850-host: MICRO850_PORT: its port is used, " + port().toStdString() + "\n");
     EXPECT_EQ(hostWith("", {"read", "Speed", "--port", port()}).err, "");
     project("other.json", port());
     EXPECT_EQ(hostWith("", {"read", "Speed", "--project", "other.json"}).err, "");
@@ -251,6 +256,9 @@ TEST_F(DefaultPort, OfTheFolderIsNotWrittenToWithoutATerminal)
               "terminal, where it asks (name the file with --project plant.json, or the port with "
               "--port)");
     EXPECT_EQ(hostWith("", {"read", "Speed"}).out, "Speed  INT  1234\n");
+    const Result dry = hostWith("", {"write", "Speed=7", "--dry-run"});
+    EXPECT_EQ(dry.status, 0) << dry.err;
+    EXPECT_EQ(hostWith("", {"write", "Speed=7", "--yes"}).status, 2);
     EXPECT_EQ(hostWith("", {"write", "Speed=7", "--project", "plant.json"}).status, 0);
 }
 
@@ -258,7 +266,8 @@ TEST_F(DefaultPort, OfTheFolderIsWrittenToWhenAPersonConfirmsIt)
 {
     simulate();
     project("plant.json", port());
-    const QString question = "write Speed=7 to " + port() + ", the port of plant.json? [y/N]";
+    const QString question =
+        "write Speed: 1234 -> 7 to " + port() + ", the port of plant.json? [y/N]";
     open("unset MICRO850_PORT; $HOST write Speed=7; $HOST write Speed=7; $HOST read Speed", 200,
          20);
     ASSERT_TRUE(sees(question));
@@ -267,7 +276,7 @@ TEST_F(DefaultPort, OfTheFolderIsWrittenToWhenAPersonConfirmsIt)
     type({"y", "Enter"});
     ASSERT_TRUE(sees("[status 0]"));
     EXPECT_EQ(screen().filter(question).size(), 2);
-    EXPECT_EQ(screen().filter("Speed = 7").size(), 1);
+    EXPECT_EQ(screen().join(' ').count("Speed: 1234 -> 7"), 3); // asked twice, written once
     EXPECT_EQ(screen().filter("Speed  INT  7").size(), 1);
 }
 

@@ -42,8 +42,8 @@ TEST_F(HostWrite, WritesSeveralAndReadsThemBack)
                                       "Running=false", "Name=Pear juice"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.err, "");
-    EXPECT_EQ(result.out, "Speed = -5\nLevel[1] = 16\nSetpoint = 1.25\nRunning = false\n"
-                          "Name = Pear juice\n");
+    EXPECT_EQ(result.out, "Speed: 1234 -> -5\nLevel[1]: 11 -> 16\nSetpoint: 21.5 -> 1.25\n"
+                          "Running: true -> false\nName: Apple -> Pear juice\n");
     EXPECT_EQ(hostOnPort({"read", "Speed", "Level[0..2]"}).out,
               "Speed     INT  -5\nLevel[0]  INT  10\nLevel[1]  INT  16\nLevel[2]  INT  12\n");
     EXPECT_EQ(valueOf("Name"), "Name  SHORT_STRING  Pear juice\n");
@@ -53,7 +53,8 @@ TEST_F(HostWrite, WritesARunOfElements)
 {
     simulate();
     EXPECT_EQ(hostOnPort({"write", "Level[2..4]=7,-8,9", "Recipe[0..1]=5"}).out,
-              "Level[2] = 7\nLevel[3] = -8\nLevel[4] = 9\nRecipe[0] = 5\nRecipe[1] = 5\n");
+              "Level[2]: 12 -> 7\nLevel[3]: 13 -> -8\nLevel[4]: 14 -> 9\nRecipe[0]: 70000 -> 5\n"
+              "Recipe[1]: -1 -> 5\n");
     EXPECT_EQ(hostOnPort({"read", "Level[1..5]"}).out,
               "Level[1]  INT  11\nLevel[2]  INT  7\nLevel[3]  INT  -8\nLevel[4]  INT  9\nLevel[5]  "
               "INT  15\n");
@@ -64,11 +65,11 @@ TEST_F(HostWrite, PrintsJsonWithTheValueThatWasReadBack)
     simulate();
     EXPECT_EQ(hostOnPort({"write", "Speed=7", "--json"}).out,
               R"({"name":"Speed","station":1,"tag":"Speed","element":0,"type":"INT",)"
-              R"("outcome":"written","written":7,"value":7,"verified":true})"
+              R"("outcome":"written","old":1234,"written":7,"value":7,"verified":true})"
               "\n");
     EXPECT_EQ(hostOnPort({"write", "Speed=8", "--json", "--no-verify"}).out,
               R"({"name":"Speed","station":1,"tag":"Speed","element":0,"type":"INT",)"
-              R"("outcome":"written","written":8})"
+              R"("outcome":"written","old":7,"written":8})"
               "\n");
 }
 
@@ -111,7 +112,7 @@ TEST_F(HostWrite, RefusesAnIndexIntoAStringBeforeAnythingIsSent)
         }
     }
     EXPECT_EQ(valueOf("Name"), "Name  SHORT_STRING  Apple\n");
-    EXPECT_EQ(write({"Name[0]=Pear"}).out, "Name[0] = Pear\n");
+    EXPECT_EQ(write({"Name[0]=Pear"}).out, "Name[0]: Apple -> Pear\n");
     EXPECT_EQ(writesSent(), 1);
 }
 
@@ -192,7 +193,7 @@ TEST_F(HostWrite, TriesTheRestAfterTheControllerRefusedOne)
                 {"name": "B", "type": "INT"})");
     const Result result = write({"A=1", "Locked=2", "B=3"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "A = 1\nB = 3\n");
+    EXPECT_EQ(result.out, "A: 0 -> 1\nB: 0 -> 3\n");
     const QStringList errors = linesOf(result.err);
     ASSERT_EQ(errors.size(), 2) << result.err;
     EXPECT_TRUE(errors.at(0).startsWith("micro850-host: Locked: attribute not settable "));
@@ -202,9 +203,9 @@ TEST_F(HostWrite, TriesTheRestAfterTheControllerRefusedOne)
     EXPECT_EQ(json.status, 1);
     const QStringList lines = linesOf(json.out);
     ASSERT_EQ(lines.size(), 3) << json.out;
-    EXPECT_TRUE(lines.at(0).contains(R"("outcome":"written","written":4})"));
+    EXPECT_TRUE(lines.at(0).contains(R"("outcome":"written","old":1,"written":4})"));
     EXPECT_TRUE(lines.at(1).contains(R"("outcome":"refused","error":"attribute not settable)"));
-    EXPECT_TRUE(lines.at(2).contains(R"("outcome":"written","written":5})"));
+    EXPECT_TRUE(lines.at(2).contains(R"("outcome":"written","old":3,"written":5})"));
 }
 
 TEST_F(HostWrite, ContinuesAfterAReadBackThatDiffers)
@@ -214,13 +215,13 @@ TEST_F(HostWrite, ContinuesAfterAReadBackThatDiffers)
                 {"name": "A", "type": "INT"}, {"name": "B", "type": "INT"})");
     const Result result = write({"A=1", "Moving=-7", "B=2"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, "A = 1\nB = 2\n");
+    EXPECT_EQ(result.out, "A: 0 -> 1\nB: 0 -> 2\n");
     EXPECT_NE(result.err.find(" was read back after -7 was written (the program may set it)"),
               std::string::npos)
         << result.err;
     EXPECT_EQ(writesSent(), 3);
     const Result json = write({"Moving=-7", "--json"});
-    EXPECT_NE(json.out.find(R"("outcome":"written","written":-7,"value":)"), std::string::npos);
+    EXPECT_NE(json.out.find(R"(,"written":-7,"value":)"), std::string::npos);
     EXPECT_NE(json.out.find(R"("verified":false})"), std::string::npos) << json.out;
 }
 
@@ -296,20 +297,20 @@ TEST_F(HostWrite, TakesTheValueThatIsShown)
         {"tag": "SetF", "gain": 1.8, "offset": 32, "unit": "F"}]})");
     const Result exact = write({"SetF=68"});
     EXPECT_EQ(exact.status, 0);
-    EXPECT_EQ(exact.out, "SetF = 68 F\n");
+    EXPECT_EQ(exact.out, "SetF: 50 -> 68 F\n");
     EXPECT_EQ(exact.err, "");
     EXPECT_EQ(valueOf("SetF"), "SetF  INT  20\n");
 
     const Result rounded = write({"SetF=69.7"});
     EXPECT_EQ(rounded.status, 0);
-    EXPECT_EQ(rounded.out, "SetF = 69.8 F\n");
+    EXPECT_EQ(rounded.out, "SetF: 68 -> 69.8 F\n");
     EXPECT_EQ(rounded.err, "micro850-host: SetF: 69.7 is stored as 21, which is 69.8\n");
     EXPECT_EQ(valueOf("SetF"), "SetF  INT  21\n");
 
     EXPECT_NE(write({"SetF=50", "--json"})
                   .out.find(R"("written":50.0,"value":50.0,"verified":true,"unit":"F"})"),
               std::string::npos);
-    EXPECT_EQ(write({"SetF=68", "--raw"}).out, "SetF = 68\n");
+    EXPECT_EQ(write({"SetF=68", "--raw"}).out, "SetF: 10 -> 68\n");
     EXPECT_EQ(valueOf("SetF"), "SetF  INT  68\n");
 
     // 32767 * 1.8 + 32 is 59012.6; the next value is 59014.4.
@@ -328,7 +329,8 @@ TEST_F(HostWrite, FindsVariablesWithAnyName)
         {"name": "Fill", "tag": "Speed"},
         {"name": "F\u00fcllh\u00f6he 1", "tag": "Level", "element": 6}]})");
     EXPECT_EQ(write({"Fill = 5=1,2", "F\u00fcllh\u00f6he 1=7", "\"Fill\"=5"}).out,
-              "\"Fill = 5\"[0] = 1\n\"Fill = 5\"[1] = 2\nF\u00fcllh\u00f6he 1 = 7\nFill = 5\n");
+              "\"Fill = 5\"[0]: 13 -> 1\n\"Fill = 5\"[1]: 14 -> 2\n"
+              "F\u00fcllh\u00f6he 1: 16 -> 7\nFill: 1234 -> 5\n");
     EXPECT_EQ(hostOnPort({"read", "Level[3..6]", "Speed"}).out,
               "Level[3]  INT  1\nLevel[4]  INT  2\nLevel[5]  INT  15\nLevel[6]  INT  7\nSpeed     "
               "INT  5\n");
@@ -362,7 +364,7 @@ TEST_F(HostWrite, ReportsWhatIsWrongWithAValue)
     const std::pair<const char*, const char*> mistakes[] = {
         {"Speed=fast", "Speed: \"fast\" is not a value of type INT (-32768 to 32767)"},
         {"Speed=", "Speed: \"\" is not a value of type INT (-32768 to 32767)"},
-        {"Running=2", "Running: \"2\" is not a value of type BOOL (true, false, 1 or 0)"},
+        {"Running=2", "Running: \"2\" is not a value of type BOOL (true, false, on, off, 1 or 0)"},
         {"Setpoint=warm",
          "Setpoint: \"warm\" is not a value of type REAL (a number such as 1.5 or -2e10)"},
         {"Delay=PT3S", "Delay: the driver cannot write the type TIME, which it moves byte by byte "
@@ -380,6 +382,50 @@ TEST_F(HostWrite, ReportsWhatIsWrongWithAValue)
     EXPECT_EQ(hostOnPort({"write", "Nope=1"}).status, 1);
 }
 
+TEST_F(HostWrite, TakesEveryWordForABoolean)
+{
+    simulate();
+    std::string before = "true";
+    for (const char* word : {"off", "on", "FALSE", "TRUE", "false", "true", "0", "1", "Off", "ON"})
+    {
+        const char last = word[1] == '\0' ? word[0] : static_cast<char>(word[1] | 0x20);
+        const std::string now = last == 'f' || last == 'a' || last == '0' ? "false" : "true";
+        EXPECT_EQ(write({QStringLiteral("Running=") + word}).out,
+                  "Running: " + before + " -> " + now + '\n');
+        before = now;
+    }
+}
+
+TEST_F(HostWrite, SaysThatItDidNotReadBack)
+{
+    simulate();
+    EXPECT_EQ(write({"Speed=7", "--no-verify"}).out, "Speed: 1234 -> 7 (not read back)\n");
+}
+
+TEST_F(HostWrite, ShowsWhatItWouldSendInADryRun)
+{
+    simulate();
+    project = file("p.json", R"({"variables": [
+        {"tag": "Setpoint", "gain": 2, "unit": "C"}, {"tag": "Level"}]})");
+    const Result dry = write({"Setpoint=50", "Level[0]=-2", "Name=AB", "--dry-run"});
+    EXPECT_EQ(dry.status, 0);
+    EXPECT_EQ(dry.out, "Setpoint: 43 -> 50 C would be written as REAL, bytes 00 00 c8 41\n"
+                       "Level[0]: 10 -> -2 would be written as INT, bytes fe ff\n"
+                       "Name: Apple -> AB would be written as SHORT_STRING, bytes 02 41 42\n");
+    EXPECT_EQ(dry.err, "micro850-host: dry run on " + port().toStdString() +
+                           ": types and values were read, nothing was written\n");
+    EXPECT_EQ(writesSent(), 0);
+    const Result json = write({"Setpoint=50", "--dry-run", "--json", "--quiet"});
+    EXPECT_EQ(json.out, R"({"name":"Setpoint","station":1,"tag":"Setpoint","element":0,)"
+                        R"("type":"REAL","outcome":"dry run","old":43.0,"new":50.0,)"
+                        R"("bytes":"0000c841","unit":"C"})"
+                        "\n");
+    EXPECT_EQ(json.err, "");
+    EXPECT_EQ(write({"Setpoint=x", "--dry-run"}).status, 2);
+    EXPECT_EQ(write({"Nope=1", "--dry-run"}).status, 1);
+    EXPECT_EQ(valueOf("Setpoint"), "Setpoint  REAL  21.5\n");
+}
+
 TEST_F(HostWrite, TakesAsManyValuesForABareVariableAsItHasElements)
 {
     simulate();
@@ -395,9 +441,9 @@ TEST_F(HostWrite, TakesAsManyValuesForABareVariableAsItHasElements)
     EXPECT_FALSE(QFile::exists(path("t.txt")));
     EXPECT_EQ(valueOf("Level[2..6]"), "Level[2]  INT  12\nLevel[3]  INT  13\nLevel[4]  INT  "
                                       "14\nLevel[5]  INT  15\nLevel[6]  INT  16\n");
-    EXPECT_EQ(write({"Tank=1,2,3"}).out, "Tank[0] = 1\nTank[1] = 2\nTank[2] = 3\n");
-    EXPECT_EQ(write({"Tank[0..2]=7"}).out, "Tank[0] = 7\nTank[1] = 7\nTank[2] = 7\n");
-    EXPECT_EQ(write({"Level=9"}).out, "Level = 9\n"); // a tag is its element 0
+    EXPECT_EQ(write({"Tank=1,2,3"}).out, "Tank[0]: 13 -> 1\nTank[1]: 14 -> 2\nTank[2]: 15 -> 3\n");
+    EXPECT_EQ(write({"Tank[0..2]=7"}).out, "Tank[0]: 1 -> 7\nTank[1]: 2 -> 7\nTank[2]: 3 -> 7\n");
+    EXPECT_EQ(write({"Level=9"}).out, "Level: 10 -> 9\n"); // a tag is its element 0
     EXPECT_EQ(valueOf("Level[0..1]"), "Level[0]  INT  9\nLevel[1]  INT  11\n");
 }
 
@@ -406,7 +452,7 @@ TEST_F(HostWrite, TellsWhenARealIsRounded)
     simulate();
     const Result rounded = write({"Setpoint=16777217"});
     EXPECT_EQ(rounded.status, 0);
-    EXPECT_EQ(rounded.out, "Setpoint = 16777216\n");
+    EXPECT_EQ(rounded.out, "Setpoint: 21.5 -> 16777216\n");
     EXPECT_EQ(rounded.err, "micro850-host: Setpoint: 16777217 is stored as 16777216\n");
     EXPECT_EQ(write({"Setpoint=0.1"}).err, "");
 }
@@ -419,7 +465,7 @@ TEST_F(HostWrite, RefusesScaledIntegersThatAreNotExact)
     EXPECT_EQ(result.status, 2);
     EXPECT_NE(result.err.find("--raw"), std::string::npos) << result.err;
     EXPECT_EQ(writesSent(), 0);
-    EXPECT_EQ(write({"Count=9007199254740993", "--raw"}).out, "Count = 9007199254740993\n");
+    EXPECT_EQ(write({"Count=9007199254740993", "--raw"}).out, "Count: 3 -> 9007199254740993\n");
 }
 
 TEST_F(HostWrite, NamesTheKeyOfTheProjectThatAStringCannotHave)

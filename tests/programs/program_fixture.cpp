@@ -168,6 +168,12 @@ void ProgramTest::simulate()
                 {"name": "Name", "type": "SHORT_STRING", "value": "Apple"})");
 }
 
+void ProgramTest::commandSimulator(const QByteArray& command) const
+{
+    m_simulator->write(command + '\n');
+    m_simulator->waitForBytesWritten(kLimitMs);
+}
+
 QString ProgramTest::simulatorStatus(int station)
 {
     m_simulator->readAllStandardOutput();

@@ -47,6 +47,8 @@ protected:
     void simulateStations(const std::vector<std::string>& tags);
     void stopSimulator();
     void signalSimulator(int signal) const;
+    /// Gives the simulator a command that it does not answer.
+    void commandSimulator(const QByteArray& command) const;
     /// What the simulator answers to the command `status`. Without a station: that of the only
     /// controller.
     QString simulatorStatus(int station = 0);
