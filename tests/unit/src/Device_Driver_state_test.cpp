@@ -139,6 +139,7 @@ protected:
         int* words = &settings.hostWord0;
         for (int i : {0, 1, 2, 3, 4, 5, 10, 13})
             words[i] = 300 + i;
+        settings.defaultStation = 306;
         settings.frameCount = 311;
         settings.framesAnswered = 312;
         PLC_driver.result = distinctRequest("before");
@@ -217,7 +218,7 @@ protected:
         request.retValue = 88;
         request.areaType = 18;
         request.addressText = "17"; // not its start, as for a tag that is not in the catalogue
-        request.onceFlag = list;
+        request.onceFlag = list == kWrite ? 2 : list == kOneShotRead ? 1 : 0;
         if (list != kWrite)
             request.data = "kept in its list";
         return request;
@@ -572,6 +573,7 @@ TEST_F(Sending, TheReadThatLearnsAClassIsTheWriteWithAnotherAccessAndStart)
     for (int reqFlag : {0, 1}) {
         arrange();
         RW_VAR write = requestFor(kWrite);
+        write.linkId = settings.localLink + reqFlag; // local, and not local
         write.addressText = "17";
         write.startAddress = 23;
         write.count = 24;
@@ -598,11 +600,14 @@ TEST_F(Sending, TheReadThatLearnsAClassIsTheWriteWithAnotherAccessAndStart)
                    [&](VisibleState& state) {
                        state.sendQueue.clear();
                        state.settings.framesAnswered = 1;
-                       state.readCycleCount = 1;
                        state.store[1].transactionCounter = 0x22;
-                       state.store[1].tagData["T"] = hex("01 02");
-                       state.store[1].tagInfo["T"] = hex("03 C3 00 FF");
-                       retireHead(state, kCyclicRead, 1);
+                       const bool local = reqFlag == 0;
+                       if (local) {
+                           state.readCycleCount = 1;
+                           state.store[1].tagData["T"] = hex("01 02");
+                           state.store[1].tagInfo["T"] = hex("03 C3 00 FF");
+                       }
+                       retireHead(state, kCyclicRead, local ? 1 : 100);
                    });
     }
 }
