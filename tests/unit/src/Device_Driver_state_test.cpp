@@ -449,6 +449,31 @@ TEST_F(Answering, ChangesTheAccountsOfTheRequestAndNothingElse)
     }
 }
 
+TEST_F(Answering, ANullReplyToAReadOfTheExpectedLengthEndsItAndStoresNothing)
+{
+    for (int list : {int(kCyclicRead), int(kOneShotRead)}) {
+        for (const bool local : {true, false}) {
+            for (int length : {kGood.size(), 999}) {
+                arrange();
+                send(requestFor(list, local), list)->replyLength = length;
+                expectOnly([&] { DataCom(nullptr, length); },
+                           [&](VisibleState& state) {
+                               state.sendQueue.clear();
+                               state.settings.framesAnswered = 1;
+                               state.store[1].transactionCounter = 0x22;
+                               if (local && list == kCyclicRead)
+                                   state.readCycleCount = 1;
+                               else if (local)
+                                   state.settings.passComplete = 1; // no cyclic read is listed
+                               retireHead(state, list, local ? 1 : 100);
+                               if (local && list == kOneShotRead)
+                                   state.finished = {9, 5, 6, 1};
+                           });
+            }
+        }
+    }
+}
+
 TEST_F(Answering, OneOfTwoFramesLeavesListsAndResultAlone)
 {
     for (int list : kLists) {
