@@ -465,6 +465,15 @@ TEST_F(ReplyArea, TakesANullReplyToAWriteForNoReply)
     EXPECT_EQ(DealDataOfLocalArea(nullptr, expected), 44);
 }
 
+TEST_F(ReplyArea, JudgesANullReplyToAReadByItsLengthAndStoresNothing)
+{
+    putReadInFlight(kGood.size());
+    EXPECT_EQ(DealDataOfLocalArea(nullptr, kGood.size()), 1);
+    EXPECT_EQ(DealDataOfLocalArea(nullptr, kGood.size() + 1), 74);
+    EXPECT_EQ(DealDataOfLocalArea(nullptr, 0), 44);
+    EXPECT_FALSE(isStored());
+}
+
 TEST_F(ReplyArea, AcknowledgesAWriteWithoutStoringAValue)
 {
     putReadInFlight(kGood.size(), 1);
@@ -699,6 +708,24 @@ TEST_F(ConnectionSetUp, TreatsATimeOutAndANullReplyAsNoAnswer)
     ComCommunication();
     EXPECT_EQ(DataCom(nullptr, 40)->retValue, 201);
     EXPECT_TRUE(PLC_driver.sendQueue.isEmpty());
+}
+
+// The queued record is in the host's hands.
+TEST_F(ConnectionSetUp, ResendsAsItIsARequestThatIsNoConnectionRequestAnyMore)
+{
+    for (const char* frame : {"", "10", "10 06 10 02 00 01 0B 00 03 00 00 00 54 10 03 00 00"}) {
+        deliver(wire::identityReply(1));
+        ASSERT_EQ(PLC_driver.sendQueue.size(), 1);
+        PLC_driver.sendQueue[0].frame = hex(frame);
+        for (int attempt = 1; attempt < 4; ++attempt) {
+            EXPECT_EQ(timeOut(), 201);
+            ASSERT_EQ(PLC_driver.sendQueue.size(), 1);
+            EXPECT_BYTES(ComCommunication()->frame, hex(frame));
+        }
+        EXPECT_EQ(timeOut(), 201);
+        EXPECT_TRUE(PLC_driver.sendQueue.isEmpty()) << "after the fourth attempt";
+        ComCommunication();
+    }
 }
 
 TEST_F(ConnectionSetUp, ResendsTheConnectionRequestThreeTimesWithTheCurrentTransactionNumber)
