@@ -63,7 +63,7 @@ TEST_F(FullDisk, AClosedPipeEndsACommandWithOneLine)
     // Its value changes, so that there is always one more to write.
     simulate(R"({"name": "Speed", "type": "DINT",
                  "motion": {"kind": "ramp", "min": 0, "max": 1000000, "period": 1000}})");
-    project();
+    file("p.json", R"({"variables": [{"tag": "Speed"}]})");
     const Result polled = shell("$HOST poll p.json --port $PORT --json --quiet | head -1; echo "
                                 "${PIPESTATUS[0]}");
     const QStringList lines = linesOf(polled.out);
