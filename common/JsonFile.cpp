@@ -211,7 +211,7 @@ private:
 json parsed(const std::string& text, const std::string& name)
 {
     if (text.find_first_not_of(" \t\r\n") == std::string::npos)
-        throw JsonMistake(name, ": is empty (write a JSON object into it, or name another file)", "");
+        throw JsonMistake(name, ": is empty (a JSON object is expected)", "");
     Builder builder(text, name);
     json::sax_parse(text, &builder, json::input_format_t::json, true, true);
     return builder.takeRoot();

@@ -36,7 +36,7 @@ TEST(JsonFile, SaysThatAFileIsEmpty)
 {
     for (const char* text : {"", " \r\n"})
         EXPECT_EQ(complaintOf([text] { parsed(text); }),
-                  "plant.json: is empty (write a JSON object into it, or name another file)");
+                  "plant.json: is empty (a JSON object is expected)");
 }
 
 TEST(JsonFile, AsksForACommaOnlyWhereOneCanBeMissing)

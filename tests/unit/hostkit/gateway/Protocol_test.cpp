@@ -105,7 +105,7 @@ TEST(Message, RefusesWhatIsNoObjectAndNamesThePlace)
     };
     EXPECT_EQ(complaint("{}"), "");
     EXPECT_EQ(complaint("[1]"), "request: [1] is not an object { ... }");
-    EXPECT_NE(complaint("").find("syntax error"), std::string::npos);
+    EXPECT_EQ(complaint(""), "request: is empty (a JSON object is expected)");
     EXPECT_NE(complaint("{\"a\":1,\"a\":2}").find("given twice"), std::string::npos);
     EXPECT_NE(complaint(QByteArray(1000, '[')).find("nested"), std::string::npos);
     EXPECT_NE(complaint(QByteArray("{\0}", 3)).find("byte 00"), std::string::npos);
