@@ -8,6 +8,7 @@
 #include <QtCore/QRegularExpression>
 
 #include <csignal>
+#include <functional>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -125,7 +126,8 @@ TEST_F(HostGateway, PrintsTheSameAsOverTheLineItself)
     startPress();
     const QString names = file("names", "Speed\nNope\nLevel\nLong\n");
     const QStringList all[] = {
-        // Those that write come first: all others then see the same values both times.
+        // Those that write come first, and each begins with the same values: all others then see
+        // the same ones each time.
         {"write", "Setpoint=22.5", "Levels[2..3]=1,2"},
         {"write", "Setpoint=23.5", "--json"},
         {"write", "Speed=99.96"},
@@ -155,16 +157,29 @@ TEST_F(HostGateway, PrintsTheSameAsOverTheLineItself)
             arguments += "--project";
         return arguments + QStringList(project());
     };
+    using Way = std::function<Result(const QStringList&)>;
+    const auto outcome = [](const Way& run, const QStringList& arguments) {
+        if (arguments.first() == "write") {
+            const Result before = run({"write", "Setpoint=1", "Levels[2..3]=7,8", "Speed=50"});
+            EXPECT_EQ(before.status, 0) << before.err;
+        }
+        return run(arguments);
+    };
+    const Way onFoundGateway = [&](const QStringList& a) { return found(withProject(a)); };
+    const Way byItsVariables = [&](const QStringList& a) { return through(a); };
+    const Way onTheLine = [&](const QStringList& a) {
+        return host(withProject(a), {"MICRO850_GATEWAY="});
+    };
     std::vector<Result> throughGateway;
     std::vector<Result> ofVariables;
     for (const QStringList& arguments : all) {
-        throughGateway.push_back(found(withProject(arguments)));
-        ofVariables.push_back(through(arguments));
+        throughGateway.push_back(outcome(onFoundGateway, arguments));
+        ofVariables.push_back(outcome(byItsVariables, arguments));
     }
     EXPECT_EQ(stopGateway(), 0);
     std::size_t at = 0;
     for (const QStringList& arguments : all) {
-        const Result direct = host(withProject(arguments), {"MICRO850_GATEWAY="});
+        const Result direct = outcome(onTheLine, arguments);
         const std::string what = arguments.join(' ').toStdString();
         const Result& by = throughGateway.at(at);
         EXPECT_EQ(by.status, direct.status) << what << '\n' << by.err << '\n' << direct.err;

@@ -238,7 +238,8 @@ TEST_F(DefaultPort, OfAFileInTheFolderThatIsNoProjectIsReportedWithTheReasonWhyI
     const Result result = hostWith("", {"read", "Speed"});
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(linesOf(result.err).size(), 1) << result.err;
-    EXPECT_EQ(result.err.find("micro850-host: plant.json: "), 0U) << result.err;
+    EXPECT_EQ(result.err.find("micro850-host: plant.json:1: [1] is not an object"), 0U)
+        << result.err;
     EXPECT_NE(result.err.find(" (read because no port and no other project is named; name one "
                               "with --port or --project)\n"),
               std::string::npos)
