@@ -1,5 +1,4 @@
 #include "Access.h"
-#include "ArrayLengths.h"
 #include "ListedProject.h"
 #include "OutputFile.h"
 #include "Targets.h"
@@ -48,7 +47,7 @@ public:
             m_width = std::min(kWidestName, std::max(m_width, variable.shownName().size()));
     }
 
-    void run(TagAccess& access, const Interrupt& interrupt);
+    void run(Access& access);
     const QVector<Variable>& found() const { return m_found; }
     /// How many are there, and why the others are not.
     void summarise(const QString& source);
@@ -59,7 +58,7 @@ private:
         QString why;
         QStringList names;
     };
-    void tryName(Variable variable, TagAccess& access, const Interrupt& interrupt);
+    void tryName(Variable variable, Access& access);
     void print(const Variable& variable);
     void refuse(const Variable& variable, const QString& why);
 
@@ -67,29 +66,29 @@ private:
     const Output& m_output;
     Progress m_progress;
     int m_width = 0;
-    int m_tried = 0;
-    ArrayLengths m_lengths;
+    int m_refused = 0;
     QVector<Variable> m_found;
     QVector<Refusal> m_refusals; ///< in the order in which they came first
 };
 
-void Search::run(TagAccess& access, const Interrupt& interrupt)
+void Search::run(Access& access)
 {
-    const bool isLong = m_list.variables.size() > kShortList;
-    for (const Variable& variable : m_list.variables) {
-        interrupt.throwIfRequested();
-        if (isLong && m_tried % kShortList == 0)
-            m_progress.show(m_tried);
-        tryName(variable, access, interrupt);
-        ++m_tried;
+    const int total = m_list.variables.size();
+    for (int tried = 0; tried < total; ++tried) {
+        access.interrupt().throwIfRequested();
+        if (total > kShortList && tried % kShortList == 0)
+            m_progress.show(tried);
+        tryName(m_list.variables.at(tried), access);
     }
 }
 
-void Search::tryName(Variable variable, TagAccess& access, const Interrupt& interrupt)
+// The length is looked for also where a shell remembers one: the controller's program may have
+// changed.
+void Search::tryName(Variable variable, Access& access)
 {
     const TagKey tag = {variable.station, variable.tag};
     try {
-        const CipType& type = access.typeOf(tag);
+        const CipType& type = access.tags().typeOf(tag);
         if (variable.type && variable.type != &type) {
             m_progress.clear();
             m_output.note(variable.shownName() +
@@ -97,8 +96,8 @@ void Search::tryName(Variable variable, TagAccess& access, const Interrupt& inte
                               .arg(QLatin1String(type.name), QLatin1String(variable.type->name)));
         }
         variable.type = &type;
-        variable.length =
-            m_lengths.lengthOf(access, tag, [&interrupt] { interrupt.throwIfRequested(); });
+        access.forgetLengthOf(tag);
+        variable.length = access.lengthOf(tag);
         m_found.append(variable);
         print(variable);
     } catch (const TagRefused& error) {
@@ -122,6 +121,7 @@ void Search::print(const Variable& variable)
 
 void Search::refuse(const Variable& variable, const QString& why)
 {
+    ++m_refused;
     if (m_output.json()) {
         m_progress.clear();
         m_output.data({{"name", variable.name.toStdString()},
@@ -151,9 +151,10 @@ void Search::summarise(const QString& source)
     const int total = m_list.variables.size();
     QString text = QStringLiteral("%1: %2 of %3 found, %4 not there")
                        .arg(source, QString::number(m_found.size()), counted(total),
-                            QString::number(m_tried - m_found.size()));
-    if (m_tried < total)
-        text += QStringLiteral(", %1 not tried").arg(total - m_tried);
+                            QString::number(m_refused));
+    const int left = total - m_found.size() - m_refused;
+    if (left > 0)
+        text += QStringLiteral(", %1 not tried").arg(left);
     m_output.note(text);
 }
 
@@ -230,7 +231,7 @@ void searchOn(const FindOptions& options, const Route& route, const VariableList
 {
     const Project bare = withoutVariables(route.project, targetsOf(list));
     Access access(options.line, route, bare);
-    search.run(access.tags(), access.interrupt());
+    search.run(access);
     access.finish();
 }
 

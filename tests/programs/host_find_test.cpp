@@ -153,6 +153,18 @@ TEST_F(HostFind, KeepsWhatWasFoundWhenItIsInterrupted)
               std::string::npos);
 }
 
+TEST_F(HostFind, CountsWhatWasFoundAndRefusedWhenItsOutputCannotBeWritten)
+{
+    simulate(kTags);
+    const QString list = file("names.txt", "Nope\nSpeed\nLevel\n");
+    const Result result = runProgram(
+        "bash", {"-c", R"("$0" find "$1" --port "$2" >/dev/full)", MICRO850_HOST, list, port()});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_NE(result.err.find(": 1 of 3 names found, 1 not there, 1 not tried\n"),
+              std::string::npos)
+        << result.err;
+}
+
 TEST_F(HostFind, ShowsItsProgressOnATerminal)
 {
     simulate(kTags);
