@@ -182,10 +182,12 @@ TEST_F(HostTable, EndsOnCtrlCInTheSameWay)
 
 TEST_F(HostTable, EndsOnCtrlBackslashInTheSameWay)
 {
-    poll(150, 40, "--match L; $HOST watch Speed --plot -p $PORT");
+    // The chart would be drawn over the summary: it waits until the summary was seen.
+    poll(150, 40, "--match L; read; $HOST watch Speed --plot -p $PORT");
     ASSERT_TRUE(sees("1-10 of 10 that match"));
     type({"C-\\"});
     EXPECT_TRUE(sees("micro850-host: station 1 (filler): connected; sent "));
+    type({"Enter"});
     ASSERT_TRUE(sees("60 s   q quit"));
     type({"C-\\"});
     EXPECT_TRUE(sees("[status 0]"));
