@@ -7,7 +7,6 @@
 #include <QtCore/QFileInfo>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cwchar>
 #include <histedit.h>
@@ -29,13 +28,6 @@ winsize windowSize()
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0)
         size.ws_col = 80;
     return size;
-}
-
-volatile std::sig_atomic_t stopAsked = 0;
-
-void noteStop(int)
-{
-    stopAsked = 1;
 }
 
 // How many cells of the terminal the text takes.
@@ -108,9 +100,7 @@ void EditedPrompt::begin()
     m_columns = size.ws_col;
     m_rows = size.ws_row;
     el_resize(m_editor);
-    struct sigaction action = {};
-    action.sa_handler = noteStop;
-    ::sigaction(SIGTSTP, &action, &m_before);
+    m_stop.emplace();
     // From now on a call handles one key. This also shows the prompt.
     el_set(m_editor, EL_UNBUFFERED, 1);
     m_isShown = true;
@@ -120,33 +110,29 @@ void EditedPrompt::end()
 {
     if (m_isShown) {
         el_set(m_editor, EL_UNBUFFERED, 0);
-        ::sigaction(SIGTSTP, &m_before, nullptr);
+        m_stop.reset();
     }
     m_isShown = false;
 }
 
 bool EditedPrompt::hasMore() const
 {
-    return stopAsked != 0;
+    return m_stop && m_stop->isPressed();
 }
 
 // Ctrl-Z: the shell that started the program finds the terminal as it was. Once this program goes
 // on, the line is edited further.
 void EditedPrompt::stop()
 {
-    struct sigaction caught = {};
-    stopAsked = 0;
     el_set(m_editor, EL_PREP_TERM, 0);
-    ::sigaction(SIGTSTP, &m_before, &caught);
-    ::kill(::getpid(), SIGTSTP);
-    ::sigaction(SIGTSTP, &caught, nullptr);
+    m_stop->stop();
     el_set(m_editor, EL_PREP_TERM, 1);
     el_set(m_editor, EL_REFRESH);
 }
 
 bool EditedPrompt::serve()
 {
-    if (stopAsked != 0)
+    if (hasMore())
         stop();
     followSize();
     while (hasInput()) {

@@ -2,8 +2,9 @@
 #define MICRO850_HOST_TERMINAL_EDITEDPROMPT_H
 
 #include "Prompt.h"
+#include "StopKey.h"
 
-#include <csignal>
+#include <optional>
 
 struct editline;
 struct history;
@@ -51,7 +52,7 @@ private:
     int m_columns = 0;
     int m_rows = 0;
     bool m_isShown = false;
-    struct sigaction m_before = {}; ///< how Ctrl-Z was handled
+    std::optional<StopKey> m_stop; ///< while the prompt is shown
 };
 
 } // namespace micro850::host

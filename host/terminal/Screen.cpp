@@ -152,14 +152,16 @@ QString Screen::problem()
     return QString();
 }
 
-// The size is asked for before each picture. Curses would handle the signal of its change, and
-// that would interrupt the waits of the line.
+// Curses leaves Ctrl-Z to this program, because its signal is caught already; it would ignore one
+// that comes while it draws. The size is asked for before each picture. Curses would handle the
+// signal of its change, and that would interrupt the waits of the line.
 Screen::Screen() : m_hasKeys(::isatty(STDIN_FILENO) == 1)
 {
     setCharacterTable();
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
     ::sigaction(SIGWINCH, &ignore, &m_before);
+    m_stop.emplace();
     ::use_env(FALSE);
     ::use_tioctl(TRUE);
     m_screen = ::newterm(nullptr, stdout, stdin);
@@ -194,6 +196,7 @@ void Screen::leave()
     ::delscreen(m_screen);
     m_screen = nullptr;
     ::sigaction(SIGWINCH, &m_before, nullptr);
+    m_stop.reset();
 }
 
 void Screen::setUpStyles()
@@ -247,6 +250,8 @@ bool Screen::popResized()
 // Curses is asked only when something is there: it would draw before each look.
 QList<Key> Screen::keys()
 {
+    if (m_stop && m_stop->isPressed())
+        stop();
     pollfd wait = {STDIN_FILENO, POLLIN, 0};
     if (!m_hasKeys || ::poll(&wait, 1, 0) != 1 || (wait.revents & POLLIN) == 0)
         return {};
@@ -266,6 +271,15 @@ QList<Key> Screen::readKeys()
             keys.append(characterKey(code));
     }
     return keys;
+}
+
+// What the terminal was set to meanwhile is what it gets back at the end.
+void Screen::stop()
+{
+    ::endwin();
+    m_stop->stop();
+    ::def_shell_mode();
+    ::refresh();
 }
 
 void Screen::dropKeys()

@@ -3,10 +3,12 @@
 
 #include "Key.h"
 #include "Page.h"
+#include "StopKey.h"
 
 #include <QtCore/QList>
 
 #include <csignal>
+#include <optional>
 
 struct screen;
 
@@ -34,7 +36,8 @@ public:
     int rows() const;
     /// True once after the window has another size.
     bool popResized();
-    /// The keys pressed since the last call; does not wait. Ctrl-C remains a signal.
+    /// The keys pressed since the last call; does not wait. Ctrl-C remains a signal. At Ctrl-Z it
+    /// stops the program and draws again once it goes on.
     QList<Key> keys();
     /// Forgets what was typed and not read yet.
     void dropKeys();
@@ -50,7 +53,9 @@ private:
     short pairOf(Style style) const;
     void drawLine(int row, const PageLine& line);
     QList<Key> readKeys();
+    void stop();
 
+    std::optional<StopKey> m_stop; ///< until the screen is left
     ::screen* m_screen = nullptr;
     bool m_hasKeys;
     bool m_hasColours = false;

@@ -2,7 +2,12 @@
 
 #include <QtCore/QFile>
 
+#include <sys/syscall.h>
+
 namespace {
+
+/// What /proc says of a program that waits until it can write to its standard output.
+const QByteArray kWritesOutput = QByteArray::number(SYS_write) + " 0x1 ";
 
 /// The live table of the ten elements of Level and three more, in a terminal.
 class HostTable : public TerminalTest
@@ -25,6 +30,9 @@ protected:
         simulate();
         open("$HOST poll " + path("p.json") + ' ' + options, width, rows);
     }
+    /// A shell that commands are entered into.
+    void openShell() { open("bash --norc -i", 100, 24); }
+    void enter(const QString& line) { type({"-l", line}), type({"Enter"}); }
     /// A gateway that owns the line, until the test ends.
     void startGateway()
     {
@@ -197,9 +205,8 @@ TEST_F(HostTable, EndsOnCtrlBackslashInTheSameWay)
 TEST_F(HostTable, GoesOnAfterCtrlZ)
 {
     simulate();
-    open("bash --norc -i", 100, 24);
-    const auto enter = [this](const QString& line) { type({"-l", line}), type({"Enter"}); };
-    enter(QStringLiteral("%1 poll p.json").arg(QStringLiteral(MICRO850_HOST)));
+    openShell();
+    enter(MICRO850_HOST " poll p.json");
     ASSERT_TRUE(sees("1-13 of 13"));
     type({"C-z"});
     ASSERT_TRUE(sees("Stopped"));
@@ -209,6 +216,26 @@ TEST_F(HostTable, GoesOnAfterCtrlZ)
     ASSERT_TRUE(sees("1-13 of 13"));
     type({"p"});
     EXPECT_TRUE(sees("PAUSED 1-13 of 13"));
+}
+
+// The terminal takes nothing after Ctrl-S, so that the next picture waits in the middle.
+TEST_F(HostTable, StopsAtCtrlZWhileAPictureIsDrawn)
+{
+    simulate();
+    openShell();
+    enter("sh -c 'echo $$ >process; exec " MICRO850_HOST " poll p.json'");
+    ASSERT_TRUE(sees("1-13 of 13"));
+    const QString process = linesOf(textOf("process")).value(0);
+    const auto waitsToWrite = [&process] {
+        QFile call("/proc/" + process + "/syscall");
+        return call.open(QIODevice::ReadOnly) && call.readLine().startsWith(kWritesOutput);
+    };
+    type({"C-s"});
+    ASSERT_TRUE(holds(waitsToWrite));
+    type({"C-z"});
+    EXPECT_TRUE(sees("Stopped"));
+    enter("fg");
+    EXPECT_TRUE(sees("1-13 of 13"));
 }
 
 TEST_F(HostTable, SortsByNameAndByAge)
