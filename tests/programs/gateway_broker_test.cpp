@@ -77,6 +77,7 @@ protected:
         addLine("press", kTags, kVariables);
         ASSERT_NO_FATAL_FAILURE(startGateway(environment));
     }
+    /// From the first message on if it is there before the gateway starts.
     MqttReceiver::Settings receiving(const std::string& topic = "plant/press/#") const
     {
         MqttReceiver::Settings settings;
@@ -108,8 +109,8 @@ protected:
 
 TEST_F(GatewayBroker, LosesNothingWhenItsProcessIsKilledAgainAndAgain)
 {
-    ASSERT_NO_FATAL_FAILURE(start());
     MqttReceiver receiver(receiving());
+    ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_TRUE(waitForMore(receiver, 20));
     for (int i = 0; i < 3; ++i) {
         const int killed = process();
@@ -143,8 +144,8 @@ TEST_F(GatewayBroker, TellsThatItsQueueWasDamagedAndWhereItIsNow)
 
 TEST_F(GatewayBroker, EndsAProcessThatStandsStillAndLosesNothing)
 {
-    ASSERT_NO_FATAL_FAILURE(start({QStringLiteral("MICRO850_GATEWAY_HEARTBEAT_MS=3000")}));
     MqttReceiver receiver(receiving());
+    ASSERT_NO_FATAL_FAILURE(start({QStringLiteral("MICRO850_GATEWAY_HEARTBEAT_MS=3000")}));
     ASSERT_TRUE(waitForMore(receiver, 10));
     const int stopped = process();
     ASSERT_EQ(::kill(stopped, SIGSTOP), 0);
@@ -158,8 +159,8 @@ TEST_F(GatewayBroker, EndsAProcessThatStandsStillAndLosesNothing)
 
 TEST_F(GatewayBroker, GoesOnWithItsQueueAfterAReloadThatChangedOrRemovedItsSection)
 {
-    ASSERT_NO_FATAL_FAILURE(start());
     MqttReceiver receiver(receiving("#"));
+    ASSERT_NO_FATAL_FAILURE(start());
     ASSERT_TRUE(waitForMore(receiver, 10));
     const int first = process();
     const auto reload = [this](const std::string& keys) {
