@@ -162,13 +162,13 @@ TEST_F(HostWatch, HoldsTheChartWhileItIsPaused)
 {
     simulate(R"({"name": "Count", "type": "DINT",
                  "motion": {"kind": "counter", "min": 0, "max": 1000000, "period": 0.05}})");
-    open("$HOST watch Count --plot --port $PORT", 80, 24);
+    open("$HOST watch Count --plot --port $PORT", 150, 24);
     ASSERT_TRUE(sees("Count = "));
     type({"p"});
-    ASSERT_TRUE(sees("PAUSED 60 s"));
+    ASSERT_TRUE(sees("PAUSED 60 s   q quit, p pause   line " + lineText())); // drawn to its end
     const QStringList held = screen();
-    resize(80, 25);
-    resize(80, 24); // drawn again
+    resize(150, 25);
+    resize(150, 24); // drawn again
     EXPECT_TRUE(holds([&] { return screen() == held; })) << screen().join('\n').toStdString();
     type({"p"});
     EXPECT_TRUE(seesNo("PAUSED"));
