@@ -90,22 +90,34 @@ bool GatewayClient::receive(int limitMs)
     return true;
 }
 
-GatewayClient::Json GatewayClient::message(const std::function<bool(const Json&)>& wanted)
+// The number of messages when none is wanted.
+std::size_t GatewayClient::find(const std::function<bool(const Json&)>& wanted)
 {
     QElapsedTimer timer;
     timer.start();
     std::size_t looked = 0;
     do {
         for (; looked < m_messages.size(); ++looked) {
-            if (!wanted(m_messages[looked]))
-                continue;
-            Json found = std::move(m_messages[looked]);
-            m_messages.erase(m_messages.begin() + static_cast<std::ptrdiff_t>(looked));
-            return found;
+            if (wanted(m_messages[looked]))
+                return looked;
         }
     } while (receive(static_cast<int>(kGatewayLimitMs - timer.elapsed())) &&
              !timer.hasExpired(kGatewayLimitMs));
-    return Json();
+    return m_messages.size();
+}
+
+GatewayClient::Json GatewayClient::take(std::size_t at)
+{
+    if (at >= m_messages.size())
+        return Json();
+    Json found = std::move(m_messages[at]);
+    m_messages.erase(m_messages.begin() + static_cast<std::ptrdiff_t>(at));
+    return found;
+}
+
+GatewayClient::Json GatewayClient::message(const std::function<bool(const Json&)>& wanted)
+{
+    return take(find(wanted));
 }
 
 GatewayClient::Json GatewayClient::reply(int id)
@@ -132,18 +144,25 @@ GatewayClient::Json GatewayClient::reply(int id)
 GatewayClient::Json GatewayClient::value(const std::string& name,
                                          const std::function<bool(const Json&)>& wanted)
 {
-    Json found;
-    message([&](const Json& any) {
-        if (!any.contains("event") || any["event"] != "values")
+    std::size_t place = 0;
+    const std::size_t at = find([&](const Json& any) {
+        if (any.value("event", "") != "values")
             return false;
-        for (const Json& value : any["values"]) {
-            if (value["name"] == name && wanted(value)) {
-                found = value;
+        const Json& values = any["values"];
+        for (place = 0; place < values.size(); ++place) {
+            if (values[place]["name"] == name && wanted(values[place]))
                 return true;
-            }
         }
         return false;
     });
+    if (at >= m_messages.size())
+        return Json();
+    // The other values of the event may be waited for next.
+    Json& values = m_messages[at]["values"];
+    Json found = values[place];
+    values.erase(place);
+    if (values.empty())
+        take(at);
     return found;
 }
 

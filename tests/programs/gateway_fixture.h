@@ -47,7 +47,7 @@ public:
     /// The next message that is wanted; others that came before are kept. A null value when none
     /// comes.
     Json message(const std::function<bool(const Json&)>& wanted);
-    /// Waits for an event with a value of this variable that is wanted, and returns the value.
+    /// Waits for an event with a value of this variable that is wanted, and takes the value.
     Json value(const std::string& name, const std::function<bool(const Json&)>& wanted);
     /// How many of the messages that came, and were not taken, are such.
     int waiting(const std::function<bool(const Json&)>& wanted) const
@@ -59,6 +59,8 @@ public:
 
 private:
     bool receive(int limitMs);
+    std::size_t find(const std::function<bool(const Json&)>& wanted);
+    Json take(std::size_t at);
 
     int m_socket = -1;
     int m_lastId = 0;

@@ -40,9 +40,13 @@ protected:
         const QString configuration =
             file("gateway.json", R"({"lines": [{"name": "press", "project": "p.json"}],
                                      "socket": {"path": "gateway.sock"}})");
+        m_gateway.setReadChannel(QProcess::StandardError);
         m_gateway.start(MICRO850_GATEWAY, {configuration});
-        while (!QFile::exists(path("gateway.sock")))
-            ASSERT_FALSE(m_gateway.waitForFinished(20)) << m_gateway.readAll().toStdString();
+        QByteArray log;
+        while (!log.contains("serving")) {
+            ASSERT_TRUE(m_gateway.waitForReadyRead(60000)) << log.toStdString();
+            log += m_gateway.readAllStandardError();
+        }
     }
     ~HostTable() override { endGateway(); }
     void endGateway()
