@@ -17,7 +17,8 @@ protected:
     /// Runs a command on the line of a station. With its trace, it must end well, and its first
     /// request must be answered without being asked for again. The time-out is so long that only a
     /// request that was ignored reaches it, and the half of it at which the first reply is asked
-    /// for.
+    /// for. Later ones may be asked for again, where the machine is busy: whether one was ignored
+    /// is what repeated() tells.
     std::string run(const QStringList& command, int station = 0)
     {
         const QString trace = QStringLiteral("run%1.txt").arg(++m_runs);
@@ -27,7 +28,6 @@ protected:
         EXPECT_EQ(result.status, 0) << name << ": " << result.err;
         EXPECT_EQ(sentBeforeFirstReply(trace), 1) << name << '\n' << textOf(trace);
         const std::string summary = host({"trace", trace, "--summary", "--json"}).out;
-        EXPECT_NE(summary.find(R"("unanswered":0,)"), std::string::npos) << name << summary;
         EXPECT_NE(summary.find(R"("repeated":0,)"), std::string::npos) << name << summary;
         return result.out;
     }
