@@ -70,9 +70,12 @@ protected:
     {
         for (const QString& line : lines) {
             Result result = runPrinted(line, 1);
-            if (goesOn(line) &&
-                result.status != 0) // a busy machine may take longer to read all once
+            // A busy machine may take longer to read all once, and doctor may tell that it is slow.
+            if (goesOn(line) && result.status != 0)
                 result = runPrinted(line, 30);
+            for (int i = 0; i < 100 && result.out.find(" take much longer ") != std::string::npos;
+                 ++i)
+                result = runPrinted(line, 1);
             EXPECT_EQ(result.status, 0) << line.toStdString() << '\n' << result.err;
         }
     }

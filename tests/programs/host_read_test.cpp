@@ -54,7 +54,8 @@ TEST_F(HostRead, LooksForTheEndOnceByTwiceAndByHalfTheDistance)
     hostOnPort({"read", "Level[]", "Level[4..]", "--trace", path("t.txt")});
     QStringList reads;
     for (const QString& line : linesOf(host({"trace", path("t.txt")}).out)) {
-        if (line.contains(" > ") && line.contains(" read "))
+        // A busy machine asks again for what comes late.
+        if (line.contains(" > ") && line.contains(" read ") && !line.contains("(again: "))
             reads += line.section(" read ", 1).section(" x", 0, 0).trimmed();
     }
     // The type; the search; then ten and six elements.

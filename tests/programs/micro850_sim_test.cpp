@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -458,6 +459,12 @@ TEST_F(SimulatorProgram, TakesOverTheLinkOfAKilledOne)
         EXPECT_EQ(QFile::symLinkTarget(path("plc")), QString::fromLatin1(m_lastLine));
         end(SIGKILL);
         EXPECT_EQ(QFile::symLinkTarget(path("plc")), QString::fromLatin1(m_lastLine));
+        // As if it had run for long. Another program can get the number of its terminal at once,
+        // at a time that the kernel cannot tell from that of the link.
+        const timespec longAgo[] = {{1, 0}, {1, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, QFile::encodeName(path("plc")).constData(), longAgo,
+                              AT_SYMLINK_NOFOLLOW),
+                  0);
     }
     start({tags, "--link", path("plc")});
     ASSERT_TRUE(says("/dev/pts/", QProcess::StandardOutput));
