@@ -326,7 +326,8 @@ void BrokerFeed::pump()
 {
     if (!m_isOpen || m_toldToLeave)
         return;
-    if (m_hasNewCatalogue && takesMore() && m_clock.now() >= m_nextCatalogue)
+    const bool isDue = m_hasNewType && m_clock.now() >= m_nextCatalogue;
+    if ((m_hasNewCatalogue || isDue) && takesMore())
         sendCatalogue();
     while (m_next <= last() && takesMore()) {
         if (!sendNext())
@@ -339,6 +340,7 @@ void BrokerFeed::pump()
 void BrokerFeed::sendCatalogue()
 {
     m_hasNewCatalogue = false;
+    m_hasNewType = false;
     m_nextCatalogue = m_clock.now() + kCatalogueInterval;
     Json message = host::eventNamed("catalogue");
     message.update(m_owner.catalogue());

@@ -61,8 +61,10 @@ public:
     /// While visited only: what the process shall know, but not deliver.
     void addCurrentValue(const Subject& subject, const QByteArray& value);
     void addCurrentState(const Subject& subject, const Json& event);
-    /// The catalogue is sent again before the next value.
+    /// The variables are others: the catalogue is sent again before the next value.
     void noteCatalogue() { m_hasNewCatalogue = true; }
+    /// The controller has told a type: the catalogue is sent again, at most once a second.
+    void noteType() { m_hasNewType = true; }
     void forget(const std::function<bool(const Subject& subject)>& isGone);
     /// The status of all lines; dropped while the process does not read.
     void sendStatus(const Json& lines);
@@ -121,6 +123,7 @@ private:
     QHash<Subject, qint64> m_numbers; ///< of the last message about each subject
     bool m_isOpen = false;            ///< the process has told what it kept
     bool m_hasNewCatalogue = true;
+    bool m_hasNewType = false;
     Duration m_nextCatalogue{0};
     bool m_isLeaving = false; ///< the process was told to stop, or is to be told
     bool m_toldToLeave = false;

@@ -329,7 +329,7 @@ void BrokerService::Private::noteType(const GatewayValue& value)
         return;
     *known = value.type;
     for (const auto& feed : m_feeds)
-        feed->noteCatalogue();
+        feed->noteType();
 }
 
 // While a line is not up, its stations are not told. What a broker keeps of them, maybe since

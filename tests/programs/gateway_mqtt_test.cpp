@@ -111,7 +111,16 @@ protected:
     }
     bool waitForRetained(const std::function<bool(const std::map<std::string, Message>&)>& wanted)
     {
-        return waitUntil([&] { return wanted(retained()); });
+        std::string topics;
+        const bool came = waitUntil([&] {
+            const std::map<std::string, Message> kept = retained();
+            topics.clear();
+            for (const auto& entry : kept)
+                topics += entry.first + '\n';
+            return wanted(kept);
+        });
+        EXPECT_TRUE(came) << "the broker keeps:\n" << topics;
+        return came;
     }
 
     TestBroker broker;

@@ -575,6 +575,21 @@ TEST_F(BrokerServiceTest, SendsTheCatalogueAnewWhenAReloadRenamedALineAndGoesOnW
     }
 }
 
+// A process that does not know the variable would not keep its value as the latest one.
+TEST_F(BrokerServiceTest, SendsTheCatalogueBeforeTheFirstValueOfANewVariable)
+{
+    start();
+    opened();
+    setSpeed(1);
+    got();
+    lines.setLines({lineOfProject("oven", kOne)});
+    lines.setValue(0, 0, "INT", 8);
+    std::vector<std::string> events;
+    for (const Json& message : got())
+        events.push_back(message.value("event", ""));
+    EXPECT_EQ(events, (std::vector<std::string>{"catalogue", "values"}));
+}
+
 TEST_F(BrokerServiceTest, TellsTheTypeThatTheControllerTold)
 {
     start();
