@@ -238,6 +238,13 @@ void LockWitness::run(Interruption& interruption)
     current = interrupted;
 }
 
+int LockWitness::timesHeld(const QMutex& guard, const std::vector<Mutexes>& events)
+{
+    return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const Mutexes& held) {
+        return std::find(held.begin(), held.end(), &guard) != held.end();
+    }));
+}
+
 void LockWitness::noteLock(const QMutex* mutex)
 {
     for (Watched& watched : m_watched)
@@ -258,14 +265,4 @@ void LockWitness::noteUnlock(const QMutex* mutex)
         if (watched.guard == mutex)
             watched.last = watched.value();
     }
-}
-
-void LockWitness::noteNameLookup()
-{
-    ++(m_held.empty() ? m_unguardedNameLookups : m_guardedNameLookups);
-}
-
-void LockWitness::noteMapChange()
-{
-    ++(m_held.empty() ? m_unguardedMapChanges : m_guardedMapChanges);
 }

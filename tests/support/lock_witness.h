@@ -14,13 +14,15 @@
 class LockWitness
 {
 public:
+    typedef std::vector<const QMutex*> Mutexes;
+
     LockWitness();
     ~LockWitness();
     LockWitness(const LockWitness&) = delete;
     LockWitness& operator=(const LockWitness&) = delete;
 
     /// Every mutex locked so far, in order.
-    const std::vector<const QMutex*>& locked() const { return m_locked; }
+    const Mutexes& locked() const { return m_locked; }
     /// How often `mutex` was locked.
     int timesLocked(const QMutex& mutex) const;
     /// True when `inner` was locked at least once while `outer` was held.
@@ -30,20 +32,20 @@ public:
     /// True when every locked mutex is released.
     bool balanced() const { return m_held.empty(); }
 
-    /// How often a map got a node or detached from a copy, with and without a mutex held. While a
+    /// How often a map got a node or detached from a copy, with and without `guard` held. While a
     /// test holds a copy of a map, every non-const access detaches it and so counts.
-    int guardedMapChanges() const { return m_guardedMapChanges; }
-    int unguardedMapChanges() const { return m_unguardedMapChanges; }
+    int guardedMapChanges(const QMutex& guard) const { return timesHeld(guard, m_mapChanges); }
+    int unguardedMapChanges(const QMutex& guard) const { return timesFree(guard, m_mapChanges); }
 
-    /// How often a name was compared with a key of a map, with and without a mutex held.
-    int guardedNameLookups() const { return m_guardedNameLookups; }
-    int unguardedNameLookups() const { return m_unguardedNameLookups; }
+    /// How often a name was compared with a key of a map, with and without `guard` held.
+    int guardedNameLookups(const QMutex& guard) const { return timesHeld(guard, m_nameLookups); }
+    int unguardedNameLookups(const QMutex& guard) const { return timesFree(guard, m_nameLookups); }
 
     /// A change of a list's records or of their order, with the mutexes held at that time.
     struct ListChange
     {
         const void* list;
-        std::vector<const QMutex*> held;
+        Mutexes held;
     };
     const std::vector<ListChange>& listChanges() const { return m_listChanges; }
 
@@ -72,8 +74,8 @@ public:
     void interruptAfterUnlock() { run(m_afterUnlock); }
     void noteLock(const QMutex* mutex);
     void noteUnlock(const QMutex* mutex);
-    void noteMapChange();
-    void noteNameLookup();
+    void noteMapChange() { m_mapChanges.push_back(m_held); }
+    void noteNameLookup() { m_nameLookups.push_back(m_held); }
 
 private:
     struct Pair
@@ -93,19 +95,22 @@ private:
         int left;
     };
     static void run(Interruption& interruption);
+    static int timesHeld(const QMutex& guard, const std::vector<Mutexes>& events);
+    static int timesFree(const QMutex& guard, const std::vector<Mutexes>& events)
+    {
+        return static_cast<int>(events.size()) - timesHeld(guard, events);
+    }
 
     LockWitness* m_before;
     Interruption m_beforeLock = {nullptr, 0};
     Interruption m_afterUnlock = {nullptr, 0};
     std::vector<Watched> m_watched;
-    std::vector<const QMutex*> m_locked;
-    std::vector<const QMutex*> m_held;
+    Mutexes m_locked;
+    Mutexes m_held;
     std::vector<Pair> m_pairs;
     std::vector<ListChange> m_listChanges;
-    int m_guardedMapChanges = 0;
-    int m_unguardedMapChanges = 0;
-    int m_guardedNameLookups = 0;
-    int m_unguardedNameLookups = 0;
+    std::vector<Mutexes> m_mapChanges; ///< the mutexes held at each
+    std::vector<Mutexes> m_nameLookups;
 };
 
 #endif

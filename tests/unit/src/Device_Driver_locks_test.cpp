@@ -245,6 +245,32 @@ protected:
         }
         EXPECT_GE(locks, 1);
     }
+    /// Calls `arrange` and `call` twice, the second time with `other` before the last lock, which
+    /// is taken while the list lock is held.
+    static void interruptBeforeTheLastLock(const std::function<void()>& arrange,
+                                           const std::function<void()>& call,
+                                           const std::function<void()>& other)
+    {
+        arrange();
+        std::size_t locks = 0;
+        {
+            LockWitness witness;
+            call();
+            locks = witness.locked().size();
+        }
+        ASSERT_GT(locks, 0u);
+        arrange();
+        bool interrupted = false;
+        LockWitness witness;
+        witness.beforeNextLock(
+            [&] {
+                interrupted = !isFree(PLC_driver.listMutex);
+                other();
+            },
+            static_cast<int>(locks) - 1);
+        call();
+        EXPECT_TRUE(interrupted);
+    }
     static void clearLists()
     {
         PLC_driver.readList.clear();
@@ -340,6 +366,98 @@ TEST_F(InterruptedCall, ReturnsTheLengthThatItSaw)
     }
 }
 
+TEST_F(InterruptedCall, CountsWhatIsQueuedBeforeItsFirstLock)
+{
+    RW_VAR late = readOf("L");
+    for (const bool rebuild : {false, true}) {
+        PLC_driver.readList = {readOf("A"), readOf("B")};
+        LockWitness witness;
+        witness.beforeNextLock([&] { AddListReadVar(&late); });
+        EXPECT_EQ(rebuild ? ReCreatReadVarList(nullptr) : AddListReadVar(nullptr), 3);
+    }
+    for (int mode : {0, 1}) {
+        PLC_driver.onceReadList = {readOf("A")};
+        PLC_driver.writeList = {writeOf("A", "x")};
+        LockWitness witness;
+        witness.beforeNextLock([&] { AddListOnceReadVar(&late, 1); });
+        EXPECT_EQ(AddListOnceReadVar(nullptr, mode), 2);
+        witness.beforeNextLock([&] { AddListWriteVar(&late, 1); });
+        EXPECT_EQ(AddListWriteVar(nullptr, mode), 2);
+    }
+}
+
+TEST_F(InterruptedCall, FindsAStationThatIsDisabledBeforeItsLock)
+{
+    LockWitness witness;
+    witness.beforeNextLock([] { EnCommStation(4, 0); });
+    EXPECT_TRUE(Ethernetcontains(4));
+}
+
+TEST_F(InterruptedCall, CountsAReplyForTheListOfThatMoment)
+{
+    QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("b", "0", 1)};
+    bool rebuilt = false, wasUncounted = false;
+    int countedForTheNewList = 0;
+    interruptEverywhere(
+        [&] {
+            restart();
+            connectStation();
+            send(readOf("T"), kCyclicRead)->replyLength = kGood.size();
+            settings.passComplete = 1;
+            PLC_driver.errorFlag = true;
+            rebuilt = false;
+        },
+        [&] { deliver(kGood); },
+        [&] {
+            wasUncounted = PLC_driver.errorFlag; // cleared in the step that counts the reply
+            rebuilt = isFree(PLC_driver.listMutex);
+            if (rebuilt)
+                ReCreatReadVarList(&variables);
+        },
+        [&] {
+            EXPECT_EQ(PLC_driver.readCycleCount, rebuilt && wasUncounted ? 1 : 0);
+            countedForTheNewList += PLC_driver.readCycleCount;
+        });
+    EXPECT_GT(countedForTheNewList, 0);
+}
+
+TEST_F(InterruptedCall, RetiresACyclicReadThatIsListedBeforeItsLastLock)
+{
+    RW_VAR late = readOf("late");
+    interruptBeforeTheLastLock(
+        [&] {
+            send(readOf("T"), kCyclicRead)->replyLength = kGood.size();
+            PLC_driver.readList.clear();
+            PLC_driver.result.tagName = "before";
+        },
+        [&] { deliver(kGood); }, [&] { AddListReadVar(&late); });
+    EXPECT_EQ(PLC_driver.result.tagName, QString("late"));
+}
+
+TEST_F(InterruptedCall, DropsAOneShotReadThatIsQueuedBeforeItsLastLock)
+{
+    settings.retryLimit = 0;
+    RW_VAR late = readOf("T", 7);
+    interruptBeforeTheLastLock(
+        [&] {
+            connectStation();
+            PLC_driver.onceReadList.clear();
+            sendUnanswerable(readOf("T"), kOneShotRead);
+        },
+        [&] { timeOut(); }, [&] { AddListOnceReadVar(&late, 0); });
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+}
+
+TEST_F(InterruptedCall, ReplacesAWriteThatIsQueuedBeforeItsLock)
+{
+    RW_VAR first = writeOf("T", "1", 7), second = writeOf("T", "2", 7);
+    PLC_driver.writeList = {writeOf("head", "x")};
+    LockWitness witness;
+    witness.beforeNextLock([&] { AddListWriteVar(&first, 1); });
+    EXPECT_EQ(AddListWriteVar(&second, 0), 2);
+    EXPECT_EQ(PLC_driver.writeList.last().data, QByteArray("2"));
+}
+
 TEST_F(InterruptedCall, CompletesNoCycleOfAListThatIsRebuiltWhileAReplyIsCounted)
 {
     QList<HOSTVAR> variables = {hostVar("a", "0", 1), hostVar("b", "0", 1), hostVar("c", "0", 1)};
@@ -384,6 +502,9 @@ TEST_F(RebuildingTheCyclicList, HoldsTheListLock)
         EXPECT_TRUE(onlyWithinTheListLock(witness)) << empty;
         EXPECT_EQ(witness.unguardedValueChanges(), 0) << empty;
     }
+    LockWitness witness;
+    ReCreatReadVarList(nullptr);
+    EXPECT_TRUE(onlyWithinTheListLock(witness));
 }
 
 TEST_F(ReadingAValue, HoldsTheValueLockThroughout)
@@ -485,6 +606,42 @@ TEST_F(ChoosingTheNextRequest, ReleasesTheListLockOnlyWhenTheFrameIsQueued)
             EXPECT_EQ(witness.unguardedValueChanges(), 0) << list;
         }
     }
+}
+
+TEST_F(ChoosingTheNextRequest, ServesWhatIsQueuedBeforeItLooks)
+{
+    RW_VAR read = readOf("late"), write = writeOf("late", "x");
+    struct
+    {
+        const char* list;
+        std::function<void()> queue;
+        int lastLock; // the one under which the list is looked at
+    } const cases[] = {
+        {"writes", [&] { AddListWriteVar(&write, 0); }, 0},
+        {"one-shots", [&] { AddListOnceReadVar(&read, 0); }, 1},
+        {"cyclic", [&] { AddListReadVar(&read); }, 2},
+    };
+    for (const auto& [list, queue, lastLock] : cases) {
+        for (int lock = 0; lock <= lastLock; ++lock) {
+            restart();
+            connectStation();
+            LockWitness witness;
+            witness.beforeNextLock(queue, lock);
+            const Protocol* sent = ComCommunication();
+            ASSERT_NE(sent, nullptr) << list << ", before lock " << lock;
+            EXPECT_EQ(sent->var.tagName, QString("late"));
+        }
+    }
+}
+
+TEST_F(ChoosingTheNextRequest, ServesTheCyclicListThatReplacesTheOldOneBeforeItLooks)
+{
+    PLC_driver.readList = {readOf("old")};
+    QList<HOSTVAR> variables = {hostVar("new", "0", 1)};
+    settings.defaultStation = 1;
+    LockWitness witness;
+    witness.beforeNextLock([&] { ReCreatReadVarList(&variables); });
+    EXPECT_EQ(ComCommunication()->var.tagName, QString("new"));
 }
 
 TEST_F(ChoosingTheNextRequest, HoldsTheListLockWhenEveryStationIsDisabled)
@@ -990,9 +1147,9 @@ TEST_F(LeafLocks, MakeEveryUseOfTheStoreOneStep)
         LockWitness witness;
         uses[i]();
         EXPECT_EQ(witness.timesLocked(*storeLeaf), 1) << i;
-        EXPECT_EQ(witness.unguardedMapChanges(), 0) << i;
-        EXPECT_GT(witness.guardedNameLookups(), 0) << i;
-        EXPECT_EQ(witness.unguardedNameLookups(), 0) << i;
+        EXPECT_EQ(witness.unguardedMapChanges(*storeLeaf), 0) << i;
+        EXPECT_GT(witness.guardedNameLookups(*storeLeaf), 0) << i;
+        EXPECT_EQ(witness.unguardedNameLookups(*storeLeaf), 0) << i;
         EXPECT_TRUE(witness.balanced());
     }
 }

@@ -187,9 +187,9 @@ TEST_F(Handshake, LooksUpTheCounterUnderTheLockOfTheStore)
     PLCDataStorage.clear();
     LockWitness witness;
     HandshakeFunction(kStation);
-    EXPECT_TRUE(witness.oneStep());
-    EXPECT_GT(witness.guardedMapChanges(), 0);
-    EXPECT_EQ(witness.unguardedMapChanges(), 0);
+    ASSERT_TRUE(witness.oneStep());
+    EXPECT_GT(witness.guardedMapChanges(*witness.locked().front()), 0);
+    EXPECT_EQ(witness.unguardedMapChanges(*witness.locked().front()), 0);
 }
 
 class HandshakeReply : public Handshake
@@ -325,11 +325,13 @@ TEST_F(HandshakeReply, ChangesTheStoreOnlyUnderItsLock)
         const QMap<int, PLCTAGCOMMUNICATION> shared = PLCDataStorage;
         LockWitness witness;
         EXPECT_EQ(check(reply), 1);
-        EXPECT_EQ(witness.locked().size(), 2u)
+        ASSERT_EQ(witness.locked().size(), 2u)
             << "to advance the counter, then to read it or to store the identifier";
         EXPECT_TRUE(witness.balanced());
-        EXPECT_GT(witness.guardedMapChanges(), 0);
-        EXPECT_EQ(witness.unguardedMapChanges(), 0);
+        const QMutex& lock = *witness.locked().front();
+        EXPECT_EQ(witness.timesLocked(lock), 2);
+        EXPECT_GT(witness.guardedMapChanges(lock), 0);
+        EXPECT_EQ(witness.unguardedMapChanges(lock), 0);
         settings.framesAnswered = 1;
     }
 }

@@ -189,7 +189,7 @@ TEST_F(TagStore, RunsEachOperationInOneStepUnderOneLock)
         LockWitness witness;
         operation();
         ASSERT_TRUE(witness.oneStep());
-        EXPECT_EQ(witness.unguardedMapChanges(), 0);
+        EXPECT_EQ(witness.unguardedMapChanges(*witness.locked().front()), 0);
         EXPECT_TRUE(!lock || lock == witness.locked().front()) << "one lock guards the store";
         lock = witness.locked().front();
     }
