@@ -120,7 +120,9 @@ RW_VAR DriverTest::readOf(const char* tag, int element, int count)
     RW_VAR request = RW_VAR();
     request.varType = 3;
     request.varIndex = 1;
+    request.hostField3 = 14;
     request.linkId = settings.localLink;
+    request.retValue = 88;
     request.tagName = QString::fromLatin1(tag);
     request.addressText = QString::number(element);
     request.areaType = 5;

@@ -56,7 +56,8 @@ protected:
     static std::vector<Finished> finished;
     static std::vector<Refreshed> refreshed;
 
-    /// A request that reads `count` elements of `tag` from station 1 on the local link.
+    /// A request that reads `count` elements of `tag` from station 1 on the local link. The fields
+    /// that the driver only copies are not 0, so that a test sees whether they were cleared.
     RW_VAR readOf(const char* tag, int element = 0, int count = 1);
     RW_VAR writeOf(const char* tag, const QByteArray& value, int element = 0, int count = 1);
 

@@ -213,9 +213,7 @@ protected:
         RW_VAR request = list == kWrite ? writeOf("T", hex("01 02")) : readOf("T");
         request.varType = 5;
         request.varIndex = 6;
-        request.hostField3 = 14;
         request.linkId = local ? settings.localLink : settings.localLink + 1;
-        request.retValue = 88;
         request.areaType = 18;
         request.addressText = "17"; // not its start, as for a tag that is not in the catalogue
         request.onceFlag = list == kWrite ? 2 : list == kOneShotRead ? 1 : 0;
@@ -404,6 +402,133 @@ TEST_F(GivingUp, ChangesOnlyTheResultWhenItsListIsEmpty)
                        state.result.retValue = 46;
                    });
     }
+}
+
+// ---- What a callback of the host sees ----------------------------------------------------------
+
+class InACallback : public GivingUp
+{
+protected:
+    InACallback() { s_test = this; }
+    ~InACallback() override { s_test = nullptr; }
+
+    /// Sends the request and arranges for the callbacks to keep the state at their time.
+    void prepare(int list, bool local)
+    {
+        arrange();
+        send(requestFor(list, local), list);
+        keepStates();
+    }
+    void keepStates()
+    {
+        PLC_driver.finishCallback = [](int, int, int, int) { s_test->keep("finish"); };
+        PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) { s_test->keep("refresh"); };
+        PLC_driver.result.retValue = 55;
+        m_seen.clear();
+        finished.clear();
+        refreshed.clear();
+    }
+    /// The next state that was kept is that of this callback, and it is as expected.
+    void expectSeen(const char* callback, const VisibleState& expected)
+    {
+        ASSERT_FALSE(m_seen.empty()) << callback;
+        EXPECT_EQ(m_seen.front().first, callback);
+        EXPECT_EQ(differences(expected, m_seen.front().second), "") << callback;
+        m_seen.erase(m_seen.begin());
+    }
+    void expectNoMore() { EXPECT_TRUE(m_seen.empty()); }
+
+private:
+    void keep(const char* callback) { m_seen.emplace_back(callback, taken()); }
+
+    static InACallback* s_test;
+    std::vector<std::pair<std::string, VisibleState>> m_seen;
+};
+
+InACallback* InACallback::s_test = nullptr;
+
+TEST_F(InACallback, TheRequestThatIsGivenUpIsStillListedAndEverythingElseIsAsAfterwards)
+{
+    for (int list : kLists) {
+        for (const bool local : {true, false}) {
+            for (int multiStation : {0, 1}) {
+                SCOPED_TRACE(testing::Message() << list << ' ' << local << ' ' << multiStation);
+                prepare(list, local);
+                settings.multiStation = multiStation;
+                settings.retryLimit = 1;
+                settings.failureCount = 1;
+                PLC_driver.sendQueue.first().replyLength = 50;
+                appendOthers();
+                makeFailuresVisible();
+                VisibleState state = taken();
+                timeOut();
+
+                noteFailure(state);
+                state.settings.failureCount = 0;
+                state.sendQueue.clear();
+                state.store[1].handshakeDone = false;
+                state.store[1].connectionId.clear();
+                state.result.retValue = 1;
+                if (list == kWrite || (list == kOneShotRead && local))
+                    expectSeen("finish", state);
+                retireHead(state, list, requestFor(list).retValue); // the code follows later
+                expectSeen("refresh", state);
+                expectNoMore();
+            }
+        }
+    }
+}
+
+TEST_F(InACallback, TheRequestThatIsAnsweredIsStillListedAndEverythingElseIsAsAfterwards)
+{
+    for (int list : {int(kWrite), int(kOneShotRead)}) {
+        for (const bool local : {true, false}) {
+            prepare(list, local);
+            PLC_driver.sendQueue.first().replyLength = kGood.size();
+            settings.failureCount = 1;
+            PLC_driver.errorFlag = true;
+            PLC_driver.readList.append(distinctRequest("cyclic"));
+            VisibleState state = taken();
+            deliver(kGood);
+
+            state.sendQueue.clear();
+            state.settings.framesAnswered = 1;
+            state.errorFlag = false;
+            state.store[1].transactionCounter = 0x22;
+            state.readCycleCount = local ? 1 : 0;
+            if (local && list == kOneShotRead) {
+                state.store[1].tagData["T"] = hex("01 02");
+                state.store[1].tagInfo["T"] = hex("03 C3 00 FF");
+            }
+            state.result.retValue = 1;
+            if (list == kWrite || local)
+                expectSeen("finish", state);
+            expectNoMore();
+        }
+    }
+}
+
+TEST_F(InACallback, TheWriteThatIsSentIsQueuedAndNotYetCounted)
+{
+    arrange();
+    keepStates();
+    confirm("T", 3, 0xC3);
+    const RW_VAR request = requestFor(kWrite);
+    PLC_driver.writeList.append(request);
+    VisibleState state = taken();
+    ComCommunication();
+
+    state.currentList = kWrite;
+    state.settings.frameCount = 1;
+    state.settings.framesAnswered = 0;
+    Protocol sent;
+    sent.frame = wire::writeRequest(0x21, kId, wire::tagPath("T"), 0xC3, 1, hex("01 02"));
+    sent.sendLength = sent.frame.size();
+    sent.replyLength = -1;
+    sent.var = request;
+    state.sendQueue = {sent};
+    expectSeen("refresh", state);
+    expectNoMore();
 }
 
 // ---- A request that is answered ----------------------------------------------------------------
@@ -758,9 +883,48 @@ protected:
         PLC_driver.readCycleCount = 23;
         settings.passComplete = 17;
         settings.failureCount = 1;
+        PLC_driver.errorFlag = true;
         PLC_driver.sendQueue.append(Protocol());
     }
 };
+
+TEST_F(CallingTheDriver, ToConfigureItChangesOnlyWhatTheHostGives)
+{
+    const std::string all = restOfDriver();
+    EnCommStation(8, 1);
+    const std::string withoutStation = restOfDriver();
+    expectOnly([] { EnCommStation(8, 0); }, [&](VisibleState& state) { state.rest = all; });
+    expectOnly([] { EnCommStation(-1, 0); },
+               [&](VisibleState& state) { state.rest = withoutStation; });
+    LB = LW = RWI = nullptr;
+    const std::string withoutAreas = restOfDriver();
+    FlashLocalRegister(&settings, &settings, &settings);
+    expectOnly([] { FlashLocalRegister(nullptr, nullptr, nullptr); },
+               [&](VisibleState& state) { state.rest = withoutAreas; });
+    PLC_driver.finishCallback = nullptr;
+    PLC_driver.refreshCallback = nullptr;
+    const std::string withoutCallbacks = restOfDriver();
+    PLC_driver.finishCallback = [](int, int, int, int) {};
+    PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) {};
+    expectOnly([] { RegistCallBackFuncIntf(nullptr, nullptr); },
+               [&](VisibleState& state) { state.rest = withoutCallbacks; });
+}
+
+TEST_F(CallingTheDriver, ForWhatItLeavesToTheHostChangesNothing)
+{
+    RW_VAR request = distinctRequest("T");
+    expectOnly(
+        [&] {
+            Remote_ReadVar(&request);
+            Remote_WriteVar(&request);
+            WriteDataToLocal(&request);
+            QueryFinishFlag();
+            PLCAddressChangeIntef(1, 2);
+            StringAddressToInt(1, QString("2"));
+        },
+        [](VisibleState&) {});
+    EXPECT_EQ(fieldsOf(request), fieldsOf(distinctRequest("T")));
+}
 
 TEST_F(CallingTheDriver, WithTheSameSettingsClearsTwoWordsOnly)
 {
@@ -814,6 +978,7 @@ TEST_F(CallingTheDriver, ToWriteAValueChangesTheWriteListAndSeedsItsTag)
                    write.varType = 11;
                    write.varIndex = 12;
                    write.hostField3 = 314;
+                   write.retValue = 0;
                    write.areaType = 18;
                    write.stationNo = 2;
                    state.writeList.append(write);
@@ -840,6 +1005,7 @@ TEST_F(CallingTheDriver, ToRebuildTheCyclicListRestartsTheCycle)
                    read.varType = 0;
                    read.varIndex = -1;
                    read.hostField3 = 314;
+                   read.retValue = 0;
                    read.areaType = 18;
                    read.stationNo = 2;
                    state.readList = {read};

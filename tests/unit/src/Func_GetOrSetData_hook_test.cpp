@@ -53,6 +53,8 @@ protected:
         RW_VAR request = writeOf("T", hex("01 02"), 17);
         request.varType = 11;
         request.varIndex = 12;
+        request.hostField3 = settings.remoteMode;
+        request.retValue = 0;
         request.areaType = 18;
         return request;
     }

@@ -641,14 +641,17 @@ TEST_F(Lists, SortByStartAndKeepTheOrderOfEquals)
     QList<RW_VAR> group;
     const int starts[] = {5, 3, 5, -1, 3};
     for (int i = 0; i < 5; ++i) {
-        group.append(readOf("T", starts[i]));
+        group.append(distinctRequest("T"));
+        group.last().startAddress = starts[i];
         group.last().varIndex = i;
+        group.last().count = 5 - i;
     }
+    const QList<RW_VAR> before = group;
     Bubble_Sort(group);
-    QList<int> order;
-    for (const RW_VAR& request : group)
-        order.append(request.varIndex);
-    EXPECT_EQ(order, (QList<int>{3, 1, 4, 0, 2}));
+    ASSERT_EQ(group.size(), 5);
+    const int order[] = {3, 1, 4, 0, 2};
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(fieldsOf(group[i]), fieldsOf(before[order[i]])) << i;
     QList<RW_VAR> none;
     Bubble_Sort(none);
     EXPECT_TRUE(none.isEmpty());
@@ -697,6 +700,8 @@ TEST_F(Lists, RebuildRequestsOfDifferentNamesWithTheSameOtherFields)
         RW_VAR expected = readOf(i == 0 ? "A" : i == 1 ? "B" : "C");
         expected.varType = 0;
         expected.varIndex = -1;
+        expected.hostField3 = settings.remoteMode;
+        expected.retValue = 0;
         EXPECT_EQ(fieldsOf(PLC_driver.readList[i]), fieldsOf(expected));
     }
 }

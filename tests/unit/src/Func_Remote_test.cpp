@@ -27,7 +27,7 @@ void expectUnchanged(const RW_VAR& request, const RW_VAR& before)
 
 TEST_F(RemoteHandlers, ReadNothing)
 {
-    RW_VAR request = readOf("Speed", 3, 2);
+    RW_VAR request = distinctRequest("Speed");
     const RW_VAR before = request;
     LockWitness witness;
     Remote_ReadVar(&request);
@@ -39,7 +39,7 @@ TEST_F(RemoteHandlers, ReadNothing)
 
 TEST_F(RemoteHandlers, WriteNothing)
 {
-    RW_VAR request = writeOf("Speed", wire::hex("12 34"), 3, 2);
+    RW_VAR request = distinctRequest("Speed");
     const RW_VAR before = request;
     LockWitness witness;
     Remote_WriteVar(&request);
