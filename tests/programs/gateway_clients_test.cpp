@@ -257,11 +257,19 @@ TEST_F(GatewayClientsTest, LoseNoWriteAndWriteNoneTwiceWhenTenOfThemWriteAtOnce)
 TEST_F(GatewayClientsTest, TakeTheirWritesBackWhenTheyGoAway)
 {
     start();
+    const auto client = connect();
     auto leaving = connect();
+    const auto clients = [&] { return client->request({{"request", "status"}})["clients"]; };
+    EXPECT_EQ(clients(), 2);
+    // The line waits, so that it has not carried them all out by then.
+    const auto worker = static_cast<pid_t>(workerOf("press"));
+    ASSERT_GT(worker, 0);
+    ::kill(worker, SIGSTOP);
     for (int value = 1; value <= 60; ++value)
         leaving->send({{"request", "write"}, {"name", "Shared"}, {"value", value}});
     leaving.reset();
-    const auto client = connect();
+    EXPECT_TRUE(waitUntil([&] { return clients() == 1; }));
+    ::kill(worker, SIGCONT);
     const Json reply = client->request({{"request", "write"}, {"name", "Shared"}, {"value", 1000}});
     EXPECT_EQ(reply.value("outcome", ""), "written") << reply;
     EXPECT_LT(reply["old"], 60);

@@ -366,7 +366,10 @@ TEST(DeliveryAccount, LetsHistoryAndLiveValuesOvertakeEachOther)
 TEST_F(GatewayDelivery, BringsEveryValueOnceWhileNothingIsDisturbed)
 {
     deliver();
+    signalSimulator(QString::fromLatin1(kLine), SIGSTOP); // no values before the broker is there
     serve();
+    receiver->messageOn("plant/status");
+    signalSimulator(QString::fromLatin1(kLine), SIGCONT);
     ASSERT_TRUE(more(500));
     expectNothingIsLost();
     EXPECT_EQ(account.doubles(), 0);
