@@ -140,7 +140,10 @@ TEST_F(Recipes, FollowValuesWithJq)
     EXPECT_TRUE(linesOf(values).contains("Speed = 1234")) << values;
     EXPECT_TRUE(linesOf(values).contains("Product = Apple juice")) << values;
     EXPECT_TRUE(linesOf(values).contains("Flow = 0.1")) << values;
-    const std::string alarm = run(recipeWith("too hot")).out;
+    // The temperature is above the limit for most of the time only.
+    std::string alarm;
+    for (int i = 0; i < 20 && alarm.empty(); ++i)
+        alarm = run(recipeWith("too hot")).out;
     EXPECT_TRUE(QRegularExpression("^20[0-9-]{8}T[0-9:.]{12}Z too hot: [0-9.]+$",
                                    QRegularExpression::MultilineOption)
                     .match(QString::fromStdString(alarm))
