@@ -135,7 +135,7 @@ TEST_F(HostDoctor, CountsDamagedReplies)
                      .value(0)
                      .contains(R"("damagedReplies":0,)"))
         << result.out;
-    EXPECT_TRUE(linesOf(result.out).last().contains("of the replies are damaged")) << result.out;
+    EXPECT_EQ(linesOf(result.out).filter("of the replies are damaged").size(), 1) << result.out;
 }
 
 TEST_F(HostDoctor, SaysThatNobodyAnswersAndWhatToLookAt)
