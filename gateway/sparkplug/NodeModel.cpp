@@ -132,6 +132,7 @@ void NodeModel::inherit(const NodeModel& before)
     for (const auto& device : m_devices) {
         const Device* then = before.device(device->line, device->station);
         device->isConnected = then && then->isConnected;
+        device->isBorn = then && then->isBorn;
         for (const auto& metric : device->metrics) {
             const VariableMetric* old = before.metric(device->line, metric->variable.name);
             if (!old || old->device->station != device->station ||

@@ -89,19 +89,18 @@ void Session::begin(int bdSeq)
     if (m_flows)
         m_needs.flow().end();
     m_flows = false;
-    if (hasToldNode())
-        buryUnconnected();
     m_stage = Stage::Node;
 }
 
 // Their births are not told again, which does not tell that they are gone.
-void Session::buryUnconnected()
+bool Session::buryUnconnected()
 {
     for (const auto& device : m_model.devices()) {
         dropBatch(*device);
-        if (device->isBorn && !device->isConnected)
-            kill(*device);
+        if (device->isBorn && !device->isConnected && !kill(*device))
+            return false;
     }
+    return true;
 }
 
 void Session::end()
@@ -135,6 +134,8 @@ void Session::learnLatest()
 bool Session::proceed()
 {
     if (m_stage == Stage::Node) {
+        if (!buryUnconnected())
+            return false;
         clearSession();
         learnLatest();
         if (!m_writer.publish("NBIRTH", QByteArray(),

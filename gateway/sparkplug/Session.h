@@ -67,7 +67,7 @@ private:
     bool append(VariableMetric& metric, const WaitingValue& told, const host::GatewayValue& value);
     bool tell(VariableMetric& metric, const WaitingValue& told, const host::GatewayValue& value);
     void tellWaiting(Device& device);
-    void buryUnconnected();
+    bool buryUnconnected();
     void learn(VariableMetric& metric, const QueuedMessage& message,
                const host::GatewayValue& value);
     void learnLatest();

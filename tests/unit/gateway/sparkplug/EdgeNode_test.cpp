@@ -713,6 +713,31 @@ TEST_F(EdgeNodeTest, BuriesADeviceThatDiedWhileBirthsWereOrdered)
     EXPECT_EQ(popText(), "DDEATH press-1 2, NBIRTH 0");
 }
 
+TEST_F(EdgeNodeTest, BuriesADeviceThatDiedBeforeTheConfigurationBecameAnother)
+{
+    goOnline();
+    pop();
+    tellStation(1, "dead");
+    m_catalogue.variables.append(variable("New", 1, "BOOL"));
+    m_edge->setCatalogue(m_catalogue);
+    pass(std::chrono::seconds(2));
+    EXPECT_EQ(popText(), "DDEATH press-1 2, NBIRTH 0");
+    tellStation(1, "connected");
+    pass();
+    EXPECT_EQ(popText(), "DBIRTH press-1 1");
+}
+
+TEST_F(EdgeNodeTest, BuriesADeviceThatDiesBeforeAnotherConfigurationIsTold)
+{
+    goOnline();
+    pop();
+    m_catalogue.variables.append(variable("New", 1, "BOOL"));
+    m_edge->setCatalogue(m_catalogue);
+    tellStation(1, "dead");
+    pass(std::chrono::seconds(2));
+    EXPECT_EQ(popText(), "DDEATH press-1 2, NBIRTH 0");
+}
+
 // ---- Data
 // ----------------------------------------------------------------------------------------
 
