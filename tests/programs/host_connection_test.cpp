@@ -42,9 +42,9 @@ TEST_F(HostConnection, IsClosedAtTheEndOfEveryCommand)
         {"read", "Speed", "Level[0..9]"},
         {"write", "Speed=5"},
         {"check", project},
-        {"poll", project, "--seconds", "0.3"},
-        {"watch", "Speed", "--seconds", "0.3"},
-        {"log", project, "--csv", path("log.csv"), "--seconds", "0.3"},
+        {"poll", project, "--seconds", "1"},
+        {"watch", "Speed", "--seconds", "1"},
+        {"log", project, "--csv", path("log.csv"), "--seconds", "1"},
     };
     for (const QStringList& command : commands) {
         const Result result = hostOnPort(command);

@@ -164,7 +164,7 @@ TEST_F(DefaultPort, IsThatOfTheEnvironment)
     simulate();
     for (const QStringList& command :
          {QStringList{"read", "Speed"}, QStringList{"probe"}, QStringList{"write", "Speed=1"},
-          QStringList{"watch", "Speed", "--seconds", "0.3"}})
+          QStringList{"watch", "Speed", "--seconds", "1"}})
     {
         const Result result = hostWith(port(), command);
         EXPECT_EQ(result.status, 0) << result.err;
@@ -211,8 +211,8 @@ TEST_F(DefaultPort, IsThatOfAProjectInTheFolderWhichIsNamed)
     EXPECT_EQ(hostWith("", {"read", "Tank", "-q"}).err, "");
     project("project.json", port());
     for (const QStringList& command :
-         {QStringList{"probe"}, QStringList{"watch", "Tank", "--seconds", "0.3"},
-          QStringList{"poll", "--seconds", "0.3"}, QStringList{"check"}})
+         {QStringList{"probe"}, QStringList{"watch", "Tank", "--seconds", "1"},
+          QStringList{"poll", "--seconds", "1"}, QStringList{"check"}})
     {
         const Result result = hostWith("", command);
         EXPECT_EQ(result.status, 0) << result.err;

@@ -80,7 +80,7 @@ TEST_F(HostTrace, PrintsOnlyItsStatisticsWithSummary)
 TEST_F(HostTrace, ShowsARequestThatNobodyAnswered)
 {
     const SilentPort nobody;
-    host({"read", "Speed", "--port", nobody.path(), "--timeout", "20", "--trace", path("t.txt")});
+    host({"read", "Speed", "--port", nobody.path(), "--timeout", "500", "--trace", path("t.txt")});
     const Result result = host({"trace", path("t.txt"), "--json"});
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.out.find(R"("answered":0)"), std::string::npos) << result.out;
