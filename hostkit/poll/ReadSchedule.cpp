@@ -374,7 +374,8 @@ void ReadSchedule::measure(Duration now)
     }
     const double leastFree = 0.05;
     m_load.share = m_rate / (m_share * std::max(leastFree, 1 - m_otherShare));
-    m_stretch = std::max(1.0, m_load.share);
+    // Of a line without an answer nobody knows what it can carry.
+    m_stretch = m_usualCost > 0 ? std::max(1.0, m_load.share) : 1;
     m_rate /= m_stretch;
     if (isRegular && known)
         judge();

@@ -324,6 +324,20 @@ TEST(ReadSchedule, TellsAnOverloadOnceAndWhenItChangesMuchOrEnds)
     EXPECT_EQ(toldAfter(milliseconds(40)), 0);
 }
 
+// Before the first answer a read is expected to take 20 ms: the line would be asked for five times
+// what it can carry.
+TEST(ReadSchedule, KeepsTheIntervalsFromTheStartOfALineThatIsFasterThanExpected)
+{
+    QVector<TimedRun> runs;
+    for (int i = 0; i < 200; ++i)
+        runs.append(run(qPrintable(QStringLiteral("T%1").arg(i)), 800));
+    Line line(runs);
+    line.costOf = [](const TimedRun&) { return Duration(milliseconds(2)); };
+    line.runUntil(seconds(5));
+    for (const TimedRun& each : runs)
+        EXPECT_LE(line.longestGap(each), milliseconds(802)) << qPrintable(each.tag.name);
+}
+
 TEST(ReadSchedule, CountsWhatTheLineIsUsedForOtherwise)
 {
     Line line({run("A", 20)});
