@@ -80,6 +80,13 @@ struct Exchange::Attempt
         ++counters.corrupt;
         disturbed = true;
     }
+    // The rest of a frame does not come. What was asked for meanwhile is no copy of it.
+    void dropBegun()
+    {
+        countCorrupt();
+        self.owed = std::max(0, self.owed - (begun.isEmpty() ? 0 : 1));
+        begun.clear();
+    }
 };
 
 Exchange::Exchange(Line& line, const Clock& clock, const PortSettings& settings)
@@ -252,7 +259,7 @@ bool Exchange::askWhereDue(Attempt& attempt)
         attempt.stopped = true;
         attempt.begun = m_collector.begun();
     } else if (begun) {
-        attempt.countCorrupt();
+        attempt.dropBegun();
         show(Direction::In, m_collector.abandon());
     }
     return askForMissing(attempt, begun);
@@ -365,11 +372,12 @@ void Exchange::noteRestart(const ReplyCollector::Event& event, Attempt& attempt)
         event.kind == ReplyCollector::Kind::Frame || event.kind == ReplyCollector::Kind::Corrupt;
     if (!isFrame)
         return;
-    const QByteArray begun = std::exchange(attempt.begun, QByteArray());
-    if (event.raw.startsWith(begun))
+    const QByteArray begun = attempt.begun;
+    if (event.raw.startsWith(begun)) {
+        attempt.begun.clear();
         return;
-    attempt.countCorrupt();
-    attempt.self.owed = std::max(0, attempt.self.owed - 1);
+    }
+    attempt.dropBegun();
     show(Direction::In, begun);
 }
 

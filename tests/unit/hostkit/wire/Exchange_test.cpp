@@ -503,6 +503,28 @@ TEST_F(PacedExchangeTest, CountsAndShowsTheBeginningOfAReplyThatIsSentAgain)
     EXPECT_EQ(received, (std::vector<QByteArray>{reply.left(12), reply.mid(2)}));
 }
 
+TEST_F(PacedExchangeTest, GivesUpTheBeginningOfAReplyWhoseRestDoesNotCome)
+{
+    onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply.left(12), 5);
+        else if (counters.corrupt == 1)
+            line.arrive(replyTo(numberOf(piece)), 5); // of a repetition, which has a number
+    };
+    std::vector<QByteArray> received;
+    exchange.setObserver(
+        [&](Exchange::Direction direction, const QByteArray& bytes, micro850::Duration) {
+            if (direction == Exchange::Direction::In)
+                received.push_back(bytes);
+        });
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(sent(), "request, 10 15, again");
+    EXPECT_EQ(counters.corrupt, 1);
+    ASSERT_EQ(received.size(), 2U);
+    EXPECT_EQ(received.front(), reply.left(12)) << "what came is shown, once";
+}
+
 // Each copy shows that the one before it was only late.
 TEST_F(PacedExchangeTest, WaitsLongerForAPeerThatHasBecomeSlow)
 {
