@@ -171,7 +171,7 @@ void OperationQueue::applyOutcome(Operation& operation, bool succeeded, const Re
         end(operation, Operation::State::Done);
     else if (succeeded)
         end(operation, Operation::State::Refused, status.refusal);
-    else if (operation.unanswered && !operation.abandoned)
+    else if (operation.unanswered)
         failUnanswered(operation, status);
     else if (!operation.abandoned && status.connectionLost && ++operation.attempts < kAttempts)
         waitAgain(operation);
@@ -205,9 +205,7 @@ void OperationQueue::handleDroppedConnection(int station, const ReplyStatus& sta
         left->kind == Operation::Kind::Write)
     {
         m_inDriver.remove(station);
-        if (left->abandoned)
-            fail(*left, status.failure);
-        else if (left->unanswered)
+        if (left->abandoned || left->unanswered)
             failUnanswered(*left, status);
         else
             waitAgain(*left);

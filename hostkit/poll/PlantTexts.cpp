@@ -73,8 +73,8 @@ QString stationText(const StationView& station, Duration now)
     if (!station.name.isEmpty())
         text += QStringLiteral(" (") + station.name + QStringLiteral(")");
     text += QStringLiteral(": ") + station.state;
-    // Of a line that is down, its own text has the reason.
-    if (station.state != QStringLiteral("line down") && !station.problem.isEmpty())
+    const bool lineIsDown = station.state == QStringLiteral("line down");
+    if (!lineIsDown && !station.problem.isEmpty()) // of the line, its own text has the reason
         text += QStringLiteral(", ") + station.problem;
     if (!station.isConnected && station.lastAnswer)
         text += QStringLiteral(", last answer %1 ago").arg(ageText(now - *station.lastAnswer));
@@ -96,9 +96,9 @@ QString conditionText(const StationView& station)
 {
     const bool dead =
         station.state == QStringLiteral("dead") || station.state == QStringLiteral("refused");
-    return dead && !station.problem.isEmpty()
-               ? station.state + QStringLiteral(", ") + station.problem
-               : station.state;
+    if (!dead || station.problem.isEmpty())
+        return station.state;
+    return station.state + QStringLiteral(", ") + station.problem;
 }
 
 QString overloadText(double share, const QString& variable, Duration asked, Duration actual)

@@ -62,7 +62,8 @@ void PollLoop::step()
         return;
     handleReopenedLine();
     // Where lines are full, a transaction has only just ended.
-    const Duration now = m_idleSteps == 0 && m_schedule.isEmpty() ? m_endedAt : m_clock.now();
+    const bool hasJustEnded = m_idleSteps == 0 && m_schedule.isEmpty();
+    const Duration now = hasJustEnded ? m_endedAt : m_clock.now();
     probeDeadStations(now);
     askForTypes(now);
     m_operations.pump(m_stations);
@@ -98,7 +99,7 @@ void PollLoop::probeDeadStations(Duration now)
     m_someAreDead = false;
     for (Station& station : m_stations) {
         m_someAreDead = m_someAreDead || station.state() == Station::State::Dead;
-        if (station.state() != Station::State::Dead || !station.isProbeDue(now, noneIsServed()))
+        if (!station.isProbeDue(now, noneIsServed()))
             continue;
         station.beginProbe();
         m_driver.enableStation(station.number(), true);
@@ -191,8 +192,7 @@ void PollLoop::transactTimed(Protocol& next, Duration began)
 void PollLoop::keepConnections(Duration now)
 {
     for (const Station& station : m_stations) {
-        if (station.alive() && station.lastAnswer() && now - *station.lastAnswer() > kLongestRest &&
-            m_schedule.serves(station.number()))
+        if (station.alive() && now - station.lastAnswer().value_or(now) > kLongestRest)
             m_schedule.pull(station.number(), now);
     }
 }
@@ -512,17 +512,14 @@ void PollLoop::handleValues(const Asked& asked, const Answer& answer)
 {
     const TagKey& key = asked.key;
     const quint16 typeCode = answer.reply.typeCode();
-    const Tag* tag = m_types.find(key);
-    const bool learns = !tag || !tag->isOf(typeCode);
-    if (learns) {
-        m_types.learn(key, typeCode);
+    const bool learns = m_types.learn(key, typeCode);
+    if (learns)
         m_cycle.noteChange();
-        tag = m_types.find(key);
-    }
+    const CipType* const type = m_types.find(key)->type;
     // The driver asks for element 0 while it does not know the class, whatever the request says.
     const bool asAsked = static_cast<int>(answer.request.element) == asked.element;
-    if (tag->type && tag->typeCode == typeCode && asAsked) {
-        m_deferred.hold({key, tag->type, asked.element, answer.reply.values(), answer.endedAt});
+    if (type && asAsked) {
+        m_deferred.hold({key, type, asked.element, answer.reply.values(), answer.endedAt});
         if (m_operations.find(asked.varIndex, key))
             m_operations.setResult(asked.varIndex, m_deferred.store());
     }

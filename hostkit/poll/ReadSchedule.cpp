@@ -54,12 +54,13 @@ bool isBefore(const TimedRun& a, const TimedRun& b)
     return a.tag == b.tag ? a.element < b.element : a.tag < b.tag;
 }
 
+// Both are runs of one tag.
 bool spanned(TimedRun& first, const TimedRun& second)
 {
     const int begin = std::min(first.element, second.element);
     const int end = std::max(first.end(), second.end());
     const bool touch = first.element <= second.end() && second.element <= first.end();
-    if (!touch || !first.mergeable || !second.mergeable || !(first.tag == second.tag) ||
+    if (!touch || !first.mergeable || !second.mergeable ||
         (end - begin) * first.elementSize > kBytesOfRequest)
         return false;
     first.element = begin;
@@ -259,9 +260,6 @@ bool ReadSchedule::join(TimedRun& request, int unit, Duration now) const
 void ReadSchedule::joinNeighbours(TimedRun& request, Duration now)
 {
     const std::map<int, int>& all = m_neighbours[request.tag];
-    const auto self = all.find(request.element);
-    if (self == all.end())
-        return;
     const auto take = [&](int unit) {
         if (!join(request, unit, now))
             return false;
@@ -269,10 +267,12 @@ void ReadSchedule::joinNeighbours(TimedRun& request, Duration now)
         m_underWay.append(unit);
         return true;
     };
-    for (auto right = std::next(self); right != all.end() && take(right->second); ++right) {
-    }
-    for (auto left = self; left != all.begin() && take(std::prev(left)->second); --left) {
-    }
+    auto left = all.lower_bound(request.element);
+    auto right = all.upper_bound(request.element);
+    while (right != all.end() && take(right->second))
+        ++right;
+    while (left != all.begin() && take(std::prev(left)->second))
+        --left;
 }
 
 void ReadSchedule::noteAnswer(Duration now, Duration cost)
@@ -404,7 +404,7 @@ void ReadSchedule::tell()
     m_load.variable = -1;
     for (const Unit& unit : m_units) {
         const bool shorter = m_load.variable < 0 || unit.run.interval < m_load.asked;
-        if (unit.run.first < 0 || !shorter || m_parked.contains(unit.run.tag.station))
+        if (!shorter || m_parked.contains(unit.run.tag.station))
             continue;
         m_load.variable = unit.run.first;
         m_load.asked = unit.run.interval;

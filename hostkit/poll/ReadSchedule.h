@@ -64,8 +64,6 @@ public:
     /// before keep the times at which they are due; new ones are due at once.
     void plan(QVector<TimedRun> runs, Duration now);
     bool isEmpty() const { return m_units.isEmpty(); }
-    /// True when runs of this station are planned.
-    bool serves(int station) const { return m_unitsOf.contains(station); }
     /// The share of the line that the runs can have; the rest is for reads without an interval.
     void setShare(double share) { m_share = share; }
 
@@ -85,7 +83,7 @@ public:
     void park(int station);
     /// Every value of the station is to be read as soon as the line is free.
     void restart(int station, Duration now);
-    /// Reads one run of the station before it is due.
+    /// Reads one run of the station, if there is one, before it is due.
     void pull(int station, Duration now);
 
     const LineLoad& load() const { return m_load; }

@@ -68,7 +68,11 @@ struct Exchange::Attempt
     Duration deadline() const { return self.sentAt + time; }
     // A frame without a further byte until then has lost its end.
     Duration cutOffAt() const { return heardAt + (patience > Duration(0) ? patience : time / 4); }
-    Duration dueAt(bool inFrame) const { return inFrame && !stopped ? cutOffAt() : askAt; }
+    Duration dueAt(bool inFrame) const
+    {
+        const bool mayStop = inFrame && !stopped;
+        return mayStop ? cutOffAt() : askAt;
+    }
     void noteBytes()
     {
         heardAt = now;
@@ -185,10 +189,9 @@ void Exchange::heedInterrupt(Attempt& attempt) const
 void Exchange::begin(Attempt& attempt)
 {
     const int commandAt = 6;
-    const char unconnected = 0x0B;
+    const quint8 unconnected = 0x0B;
     const bool isRepeated = !m_last.answered && attempt.frame == m_last.frame;
-    const bool mayBeginSetUp =
-        attempt.frame.size() > commandAt && attempt.frame.at(commandAt) == unconnected;
+    const bool mayBeginSetUp = ByteSlice(attempt.frame).at(commandAt) == unconnected;
     // The driver counts for each station from the same number on.
     const bool mayBeInUse =
         &attempt.counters != m_lastCounters || m_last.isOpen() || !m_open.isEmpty();
@@ -458,7 +461,10 @@ bool Exchange::handleCopy(Last& last, quint16 tns)
         m_roundTrips.note(last.doubtful, last.bytes);
     last.answered = true;
     last.doubtful = Duration(0);
-    return last.owed > 0 && last.owed-- > 0;
+    if (last.owed == 0)
+        return false;
+    --last.owed;
+    return true;
 }
 
 bool Exchange::sendRequest(Attempt& attempt)

@@ -291,12 +291,12 @@ QString messageText(const ByteSlice& data)
     const Request request = decodeRequest(data);
     if (!reply.valid || !request.valid)
         return QStringLiteral("no frame");
-    return (reply.command & kReplyCommandBit) != 0
-               ? replyText(reply)
-               : QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request) +
-                     (request.service == kWriteTagFragmented && !request.name.isEmpty()
-                          ? QStringLiteral(": ") + valuesText(request.typeCode, request.values)
-                          : QString());
+    if ((reply.command & kReplyCommandBit) != 0)
+        return replyText(reply);
+    const QString text = QStringLiteral("TNS %1 ").arg(request.tns) + requestText(request);
+    if (request.service != kWriteTagFragmented || request.name.isEmpty())
+        return text;
+    return text + QStringLiteral(": ") + valuesText(request.typeCode, request.values);
 }
 
 } // namespace

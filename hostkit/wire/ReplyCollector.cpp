@@ -239,9 +239,10 @@ void ReplyCollector::leaveFrame()
 
 QByteArray replyForDriver(const QByteArray& frame, bool searchedFor)
 {
-    const int last = frame.size() - 1;
-    const bool twoDles = last > 0 && frame.at(last) == kDle && frame.at(last - 1) == kDle;
-    return searchedFor && twoDles ? frame + '\0' : frame;
+    const char twoDles[] = {kDle, kDle, '\0'};
+    if (!searchedFor || !frame.endsWith(twoDles))
+        return frame;
+    return frame + '\0';
 }
 
 } // namespace micro850::host

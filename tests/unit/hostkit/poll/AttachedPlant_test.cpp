@@ -180,3 +180,96 @@ TEST_F(AttachedPlantTest, TellsWhenTheLoopNeedsItsNextStep)
         plant.ask();
     EXPECT_GT(plant.wakeAt(), before + std::chrono::seconds(3));
 }
+
+TEST_F(AttachedPlantTest, NeedsItsNextStepAtOnceWhileItReadsAsOftenAsTheLineAllows)
+{
+    const Project own = variables(R"({"tag": "Speed"})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntilRead(plant));
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(plant.wakeAt(), Duration(0));
+        plant.step();
+    }
+}
+
+TEST_F(AttachedPlantTest, NeedsItsNextStepAtOnceWhileARequestIsUnderWay)
+{
+    const Project own = variables(R"({"tag": "Speed", "intervalMs": 5000})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntilRead(plant));
+    ASSERT_TRUE(stepUntil(plant, [&] { return plant.wakeAt() > clock.now(); }));
+    clock.advance(std::chrono::seconds(5));
+    plant.ask();
+    EXPECT_EQ(plant.wakeAt(), Duration(0));
+    loop->step();
+    plant.collect();
+    plant.ask();
+    EXPECT_GT(plant.wakeAt(), clock.now());
+}
+
+TEST_F(AttachedPlantTest, NeedsNoStepBeforeItMayAskAgainForATypeThatWasRefused)
+{
+    const Project own = variables(R"({"tag": "Nope", "intervalMs": 5000})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntil(plant, [&] { return !plant.values().error(0).isEmpty(); }));
+    const Duration refused = clock.now();
+    plant.ask();
+    EXPECT_EQ(plant.wakeAt(), refused + std::chrono::seconds(10));
+}
+
+TEST_F(AttachedPlantTest, AsksForATypeAgainAfterASecondWithoutAnAnswer)
+{
+    const Project own = variables(R"({"tag": "Speed"})");
+    plc.silent = true;
+    AttachedPlant plant(*loop, own, clock);
+    stepFor(plant, 3000);
+    EXPECT_EQ(plant.values().error(0).toStdString(), "") << "silence refuses no variable";
+    plc.silent = false;
+    ASSERT_TRUE(stepUntilRead(plant));
+}
+
+// Its values cannot be shown, whatever the controller says later.
+TEST_F(AttachedPlantTest, AsksOnceForATypeThatItCannotShow)
+{
+    plc.tags["Recipe"] = {0x02A0, {hex("01 02")}};
+    const Project own = variables(R"({"tag": "Recipe"})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntil(plant, [&] { return !plant.values().error(0).isEmpty(); }));
+    EXPECT_EQ(plant.values().error(0).toStdString(), "type 02a0 is not an elementary type");
+    const int before = plc.count(0x52, "Recipe");
+    stepFor(plant, 30000);
+    EXPECT_EQ(plc.count(0x52, "Recipe"), before);
+    EXPECT_EQ(plant.wakeAt(), Duration::max());
+}
+
+TEST_F(AttachedPlantTest, ReadsNeighboursAloneWhenOneReachesBeyondTheTag)
+{
+    const Project own =
+        variables(R"({"name": "last", "tag": "Level", "element": 9, "intervalMs": 200},
+                     {"name": "beyond", "tag": "Level", "element": 10, "intervalMs": 200})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntil(
+        plant, [&] { return plant.values().wasRead(0) && !plant.values().error(1).isEmpty(); }));
+    EXPECT_EQ(plant.values().text(0).toStdString(), "109");
+    EXPECT_EQ(plant.values().error(0).toStdString(), "");
+    EXPECT_EQ(plant.values().error(1).toStdString(),
+              "access beyond the end of the tag (status FF/2105)");
+}
+
+TEST_F(AttachedPlantTest, ReadsTheOthersNowAndThenWhenIntervalsAskForTheWholeLine)
+{
+    const Project own = variables(
+        R"({"tag": "Speed"}, {"name": "a", "tag": "Level", "element": 0, "intervalMs": 1},
+           {"name": "b", "tag": "Level", "element": 4, "intervalMs": 1},
+           {"name": "c", "tag": "Level", "element": 8, "intervalMs": 1})");
+    AttachedPlant plant(*loop, own, clock);
+    ASSERT_TRUE(stepUntilRead(plant));
+    stepFor(plant, 1000);
+    const int others = plc.count(0x52, "Speed");
+    const int timed = plc.count(0x52, "Level");
+    stepFor(plant, 1000);
+    const int othersThen = plc.count(0x52, "Speed") - others;
+    const int timedThen = plc.count(0x52, "Level") - timed;
+    EXPECT_GE(6 * othersThen + 6, timedThen + othersThen) << "one after five with an interval";
+    EXPECT_GT(timedThen, 3 * othersThen);
+}

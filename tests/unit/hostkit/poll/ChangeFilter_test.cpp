@@ -70,6 +70,34 @@ TEST(ChangeFilter, TellsEveryChangeWithoutADeadBand)
     EXPECT_TRUE(value.tells({8}));
 }
 
+TEST(ChangeFilter, TellsAnotherTypeWithTheSameBytes)
+{
+    ChangeFilter filter(QVector<Variable>(1));
+    const QByteArray bytes = bytesOf({-1});
+    const auto tells = [&](const char* type) {
+        return filter.isNews(0, {&cipTypeNamed(type), bytes, Quality::Good, QString()},
+                             Duration(0));
+    };
+    EXPECT_TRUE(tells("DINT"));
+    EXPECT_FALSE(tells("DINT"));
+    EXPECT_TRUE(tells("UDINT")) << "4294967295 instead of -1";
+}
+
+// Without a type nobody knows by how much they differ.
+TEST(ChangeFilter, TellsEveryChangeOfBytesWithoutAType)
+{
+    Variable variable;
+    variable.deadband = 10;
+    const QVector<Variable> variables = {variable};
+    ChangeFilter filter(variables);
+    const auto tells = [&](const char* bytes) {
+        return filter.isNews(0, {nullptr, bytes, Quality::Good, QString()}, Duration(0));
+    };
+    EXPECT_TRUE(tells("ab"));
+    EXPECT_FALSE(tells("ab"));
+    EXPECT_TRUE(tells("ac"));
+}
+
 TEST(ChangeFilter, CountsADriftFromTheValueToldLast)
 {
     Filtered value("DINT", 10);

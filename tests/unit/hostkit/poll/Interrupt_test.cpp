@@ -1,5 +1,7 @@
 #include "Interrupt.h"
 
+#include "UserError.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -14,6 +16,22 @@ TEST(InterruptTest, IsRequestedByEachSignalThatEndsAProgram)
         ::raise(signal);
         EXPECT_TRUE(interrupt.requested()) << signal;
     }
+}
+
+TEST(InterruptTest, EndsACommandByAnExceptionOnlyWhenItIsRequested)
+{
+    const Interrupt interrupt;
+    EXPECT_NO_THROW(interrupt.throwIfRequested());
+    ::raise(SIGINT);
+    try {
+        interrupt.throwIfRequested();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const micro850::UserError& error) {
+        EXPECT_STREQ(error.what(), "interrupted");
+        EXPECT_EQ(error.status(), 1);
+    }
+    interrupt.forget();
+    EXPECT_NO_THROW(interrupt.throwIfRequested());
 }
 
 // A shell drops Ctrl-C and goes on, but it ends when it is told to.

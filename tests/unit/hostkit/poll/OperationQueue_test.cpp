@@ -311,4 +311,106 @@ TEST_F(OperationQueueTest, IgnoresAnOperationThatItDoesNotKnow)
 {
     finish(99, true);
     EXPECT_EQ(queue.outcome(99), nullptr);
+    EXPECT_FALSE(queue.abandon(99));
+    EXPECT_FALSE(queue.isAbandoned(99, kA));
+    EXPECT_FALSE(queue.noteUnanswered(99, kA));
+}
+
+// ---- Operations that nobody waits for any more
+
+TEST_F(OperationQueueTest, KnowsOfAWriteThatIsAbandonedWhetherItCanHaveBeenDone)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int done = write(kA, 0);
+    const int refused = write(kA, 1);
+    const int unanswered = write(kA, 2);
+    const int waiting = write(kA, 3);
+    const int waitingRead = read(kA, 4);
+    pump();
+    finish(done, true);
+    pump();
+    finish(refused, true, {"too much data (status 15)", false, Failure()});
+    pump();
+    EXPECT_TRUE(queue.noteUnanswered(unanswered, kA));
+    EXPECT_FALSE(queue.abandon(done));
+    EXPECT_TRUE(queue.abandon(refused));
+    EXPECT_FALSE(queue.abandon(unanswered));
+    EXPECT_TRUE(queue.abandon(waiting));
+    EXPECT_FALSE(queue.abandon(waitingRead)) << "a read changes nothing";
+    finish(unanswered, false);
+    EXPECT_EQ(pump(), Queued()) << "none is left";
+}
+
+TEST_F(OperationQueueTest, TellsTheWritesInTheDriverThatAreToBeTakenBack)
+{
+    for (const TagKey& key : {kA, TagKey{2, "C"}}) {
+        queue.declare(key);
+        types.learn(key, kInt);
+    }
+    const int inDriver = write(kA);
+    const int reading = read({2, "C"});
+    pump();
+    EXPECT_FALSE(queue.isAbandoned(inDriver, kA));
+    EXPECT_FALSE(queue.hasAbandoned());
+    queue.abandon(inDriver);
+    queue.abandon(reading);
+    EXPECT_TRUE(queue.hasAbandoned());
+    EXPECT_TRUE(queue.isAbandoned(inDriver, kA));
+    EXPECT_FALSE(queue.isAbandoned(inDriver, kB)) << "the driver numbers its cyclic reads, too";
+    EXPECT_FALSE(queue.isAbandoned(reading, {2, "C"}));
+}
+
+TEST_F(OperationQueueTest, QueuesNoWriteAgainThatWasAbandonedOrMayHaveBeenDone)
+{
+    ReplyStatus lost;
+    lost.connectionLost = true;
+    lost.failure = {Failure::Cause::Refusal, "connection lost", ""};
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int abandoned = write(kA);
+    pump();
+    queue.abandon(abandoned);
+    queue.handleDroppedConnection(1, lost);
+    EXPECT_EQ(pump(), Queued());
+
+    const int unanswered = write(kA, 1);
+    pump();
+    queue.noteUnanswered(unanswered, kA);
+    queue.handleDroppedConnection(1, lost);
+    EXPECT_EQ(pump(), Queued());
+    EXPECT_EQ(outcome(unanswered), "failed: no answer, and then the controller did not know the "
+                                   "connection any more");
+}
+
+TEST_F(OperationQueueTest, TriesNoOperationAgainThatWasAbandonedOrMayHaveBeenDone)
+{
+    ReplyStatus lost;
+    lost.connectionLost = true;
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int abandoned = read(kA);
+    pump();
+    queue.abandon(abandoned);
+    finish(abandoned, false, lost);
+    EXPECT_EQ(pump(), Queued());
+
+    const int unanswered = write(kA, 1);
+    pump();
+    queue.noteUnanswered(unanswered, kA);
+    finish(unanswered, false, lost);
+    EXPECT_EQ(pump(), Queued());
+    EXPECT_EQ(outcome(unanswered), "failed: no answer, and then the controller did not know the "
+                                   "connection any more");
+}
+
+TEST_F(OperationQueueTest, NotesOnlyAWriteWithoutAnAnswer)
+{
+    queue.declare(kA);
+    types.learn(kA, kInt);
+    const int reading = read(kA);
+    const int writing = write(kA, 1);
+    EXPECT_FALSE(queue.noteUnanswered(reading, kA));
+    EXPECT_FALSE(queue.noteUnanswered(writing, kB)) << "the driver numbers its cyclic reads, too";
+    EXPECT_TRUE(queue.noteUnanswered(writing, kA));
 }

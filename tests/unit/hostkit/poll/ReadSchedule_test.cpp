@@ -204,6 +204,38 @@ TEST(ReadSchedule, ReadsANeighbourOfAnotherIntervalTooWhenItIsAboutDue)
     EXPECT_EQ(line.reads.size(), line.readsOf(fast).size());
 }
 
+TEST(ReadSchedule, ReadsTheNeighbourBeforeItTooWhenThatIsAboutDue)
+{
+    const TimedRun slow = run("A", 1000, 0);
+    const TimedRun fast = run("A", 100, 1);
+    Line line({slow, fast});
+    line.runUntil(seconds(10));
+    for (const Line::Read& read : line.readsOf(slow)) {
+        EXPECT_EQ(read.run.element, 0);
+        EXPECT_EQ(read.run.elements, 2);
+    }
+    EXPECT_GE(line.meanGapMs(slow), 850);
+    EXPECT_EQ(line.reads.size(), line.readsOf(fast).size());
+}
+
+// Each of them would have to be compared with each other one; only near ones are.
+TEST(ReadSchedule, ReadsNeighboursTogetherHoweverManyOthersLieBetweenThem)
+{
+    for (const int between : {7, 8, 30}) {
+        QVector<TimedRun> runs = {run("A", 500, 0)};
+        for (int i = 0; i < between; ++i) {
+            runs.append(run("A", 600 + i, 0));
+            runs.last().mergeable = false;
+        }
+        const TimedRun last = run("A", 500, 1);
+        runs.append(last);
+        Line line(runs);
+        line.runUntil(seconds(10));
+        for (const Line::Read& read : line.readsOf(last))
+            EXPECT_EQ(read.run.elements, 2) << between;
+    }
+}
+
 TEST(ReadSchedule, KeepsTheTimesOfRunsThatStayWhenItIsPlannedAgain)
 {
     const TimedRun stays = run("A", 1000);
@@ -215,6 +247,59 @@ TEST(ReadSchedule, KeepsTheTimesOfRunsThatStayWhenItIsPlannedAgain)
     EXPECT_EQ(line.readsOf(stays).size(), 1);
     ASSERT_EQ(line.readsOf(comes).size(), 1);
     EXPECT_EQ(line.readsOf(comes).first().begun, milliseconds(300));
+}
+
+TEST(ReadSchedule, ReadsWhatWasNotReadSoFarAtOnceWhenItIsPlannedAgain)
+{
+    const TimedRun before = run("A", 1000, 2);
+    TimedRun faster = before;
+    faster.interval = milliseconds(500);
+    TimedRun longer = before;
+    longer.elements = 2;
+    const TimedRun earlier = run("A", 1000, 1);
+    for (const TimedRun& after : {faster, longer, earlier}) {
+        Line line({before});
+        line.runUntil(milliseconds(300));
+        line.schedule.plan({after}, line.now);
+        EXPECT_TRUE(line.schedule.next(line.now)) << after.element << ' ' << after.elements;
+    }
+    TimedRun two = before;
+    two.elements = 2;
+    Line line({two});
+    line.runUntil(milliseconds(300));
+    line.schedule.plan({before}, line.now);
+    EXPECT_FALSE(line.schedule.next(line.now)) << "it was read together with its neighbour";
+}
+
+TEST(ReadSchedule, LeavesOutAStationAlsoWhenItIsPlannedAgain)
+{
+    const TimedRun here = run("A", 100, 0, 1);
+    const TimedRun there = run("B", 100, 0, 2);
+    ReadSchedule schedule;
+    schedule.park(2);
+    schedule.plan({here, there}, Duration(0));
+    ASSERT_TRUE(schedule.next(Duration(0)));
+    EXPECT_FALSE(schedule.next(Duration(0)));
+    schedule.restart(2, Duration(0));
+    const std::optional<TimedRun> next = schedule.next(Duration(0));
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->tag.station, 2);
+}
+
+TEST(ReadSchedule, ReadsOneRunOfAStationBeforeItIsDueWhenItIsPulled)
+{
+    const TimedRun first = run("A", 10000, 0, 1);
+    const TimedRun second = run("B", 20000, 0, 1);
+    Line line({first, second});
+    line.runUntil(milliseconds(500));
+    line.schedule.pull(1, line.now);
+    line.runUntil(milliseconds(600));
+    EXPECT_EQ(line.readsOf(first).size(), 2) << "the one that is due first";
+    EXPECT_EQ(line.readsOf(second).size(), 1);
+    line.schedule.pull(2, line.now); // no run of it is planned
+    line.schedule.park(1);
+    line.schedule.pull(1, line.now);
+    EXPECT_FALSE(line.schedule.next(line.now));
 }
 
 TEST(ReadSchedule, LeavesOutAStationUntilItIsRestartedAndReadsItAllThen)
@@ -322,6 +407,21 @@ TEST(ReadSchedule, TellsAnOverloadOnceAndWhenItChangesMuchOrEnds)
     EXPECT_EQ(toldAfter(milliseconds(49)), first); // 98 %: it may be back at once
     EXPECT_NEAR(toldAfter(milliseconds(90)), 1.8, 0.1);
     EXPECT_EQ(toldAfter(milliseconds(40)), 0);
+}
+
+TEST(ReadSchedule, TellsAnOverloadByTheShortestIntervalOfTheStationsThatAreRead)
+{
+    const TimedRun left = run("Left", 20, 0, 2);
+    const TimedRun slow = run("Slow", 1000);
+    const TimedRun fast = run("Fast", 100);
+    const TimedRun other = run("Other", 100);
+    Line line({slow, left, fast, other});
+    line.schedule.park(2);
+    line.costOf = [](const TimedRun&) { return Duration(milliseconds(70)); };
+    line.runUntil(seconds(20));
+    ASSERT_TRUE(line.schedule.load().isOverload);
+    EXPECT_EQ(line.schedule.load().variable, fast.variable);
+    EXPECT_EQ(line.schedule.load().asked, milliseconds(100));
 }
 
 // Before the first answer a read is expected to take 20 ms: the line would be asked for five times

@@ -142,6 +142,94 @@ TEST_F(SessionTest, ReportsADeviceThatIsGone)
               "1: /dev/test, 38400 8N1: the device is gone");
 }
 
+TEST_F(SessionTest, ReportsARefusedConnectionWithoutARemedyWhereThereIsNone)
+{
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.service == 0x54) // to open a connection
+            reply = wire::framed(hex("01 00 4B 00") + wire::little(request.tns, 2) +
+                                 hex("00 00 D4 00 01 01 14 01"));
+    };
+    EXPECT_EQ(complaint([](Session& s) { s.read(kSpeed, 0, 1); }),
+              "1: Speed: the controller refuses the connection: vendor or product code does not "
+              "match, status 01/0114 (/dev/test, 38400 8N1)");
+}
+
+TEST_F(SessionTest, ReportsATypeThatCannotBeShown)
+{
+    plc.tags["Recipe"] = {0x02A0, {hex("01 02")}};
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Recipe"}, 0, 1);
+              }),
+              "1: Recipe: type 02a0 is not an elementary type");
+}
+
+TEST_F(SessionTest, ReportsAReplyWithFewerElementsThanAskedFor)
+{
+    plc.onReply = [](const FakeController::Request& request, QByteArray& reply) {
+        if (request.count == 3)
+            reply = wire::readReply(request.tns, 0x00C3, hex("65 00 66 00"));
+    };
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.read({1, "Level"}, 1, 3);
+              }),
+              "1: Level[1]: the reply holds 2 of 3 elements");
+}
+
+TEST_F(SessionTest, ReportsAWriteThatTheControllerRefuses)
+{
+    EXPECT_EQ(complaint([](Session& s) {
+                  s.write({1, "Level"}, 10, hex("07 00"));
+              }),
+              "1: Level[10]: no such tag (names are as in the controller's program; status 05)");
+}
+
+TEST_F(SessionTest, ReadsAndWritesElementZeroOfAString)
+{
+    plc.tags["Name"] = {0x00DA, {hex("01 41")}};
+    Session session(library.api(), line, clock, project);
+    EXPECT_EQ(wire::text(session.read({1, "Name"}, 0, 1).first()), "01 41");
+    session.write({1, "Name"}, 0, hex("01 51"));
+    EXPECT_EQ(wire::text(plc.tags["Name"].elements[0]), "01 51");
+}
+
+TEST_F(SessionTest, TellsHowManyElementsAreReadSoFar)
+{
+    plc.tags["Zone"] = {0x00C3, QVector<QByteArray>(300, hex("01 00"))};
+    Session session(library.api(), line, clock, project);
+    std::vector<int> told;
+    session.read({1, "Zone"}, 0, 300, [&](int elements) { told.push_back(elements); });
+    ASSERT_GE(told.size(), 2U);
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()));
+    EXPECT_GT(told.front(), 0);
+    EXPECT_LT(told.front(), 300);
+    EXPECT_EQ(told.back(), 300);
+}
+
+// Only a write that certainly was not carried out may be repeated by who asked for it.
+TEST_F(SessionTest, TellsAWriteThatWasNotSentFromOneWithoutAnAnswer)
+{
+    Session session(library.api(), line, clock, project);
+    session.typeOf(kSpeed);
+    plc.silent = true;
+    try {
+        session.write(kSpeed, 0, hex("07 00"));
+        ADD_FAILURE() << "there was no answer";
+    } catch (const NotWritten&) {
+        ADD_FAILURE() << "it may have been carried out";
+    } catch (const micro850::UserError& error) {
+        EXPECT_NE(std::string(error.what()).find("no answer"), std::string::npos) << error.what();
+    }
+    // Now the station is not connected.
+    EXPECT_THROW(session.write(kSpeed, 0, hex("08 00")), NotWritten);
+    try {
+        session.read(kSpeed, 0, 1);
+        ADD_FAILURE() << "there was no answer";
+    } catch (const NotWritten&) {
+        ADD_FAILURE() << "it was no write";
+    } catch (const micro850::UserError&) {
+    }
+}
+
 TEST_F(SessionTest, RefusesAnImpossibleRequestBeforeAnythingIsSent)
 {
     plc.tags["Name"] = {0x00DA, {hex("01 41")}};

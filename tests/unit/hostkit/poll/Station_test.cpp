@@ -109,6 +109,11 @@ TEST(Station, IsProbedAtGrowingIntervalsWhileItIsDead)
     EXPECT_TRUE(station.isProbeDue(22s, kWithOthers));
 }
 
+TEST(Station, IsNotProbedUnlessItIsDead)
+{
+    EXPECT_FALSE(enabledStation().isProbeDue(60s, kAlone));
+}
+
 TEST(Station, ReturnsToServiceWhenAProbeConnects)
 {
     Station station = deadStation(10s);
@@ -177,6 +182,20 @@ TEST(StateText, SaysLineDownWhateverTheStationWas)
     StationSettings off;
     off.enabled = false;
     EXPECT_EQ(stateText(Station(off), false), QString("disabled"));
+}
+
+TEST(StationView, HasTheReasonOfTheLineWhileThatIsDown)
+{
+    Station station = enabledStation();
+    station.connect(30s);
+    EXPECT_EQ(viewOf(station, false, "gone").problem, QString("gone"));
+    EXPECT_FALSE(viewOf(station, false, "gone").isConnected);
+    EXPECT_EQ(viewOf(station, true, "gone").problem, QString());
+    EXPECT_TRUE(viewOf(station, true, "gone").isConnected);
+    EXPECT_EQ(viewOf(deadStation(10s), true, "gone").problem, QString("no answer"));
+    StationSettings off;
+    off.enabled = false;
+    EXPECT_EQ(viewOf(Station(off), false, "gone").problem, QString());
 }
 
 TEST(Station, IsProbedAlmostAtOnceWhenNoOtherStationWaitsMeanwhile)

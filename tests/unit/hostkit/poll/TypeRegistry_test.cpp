@@ -206,3 +206,15 @@ TEST_F(TypeRegistryTest, ForbidsMergingForTheWholeTag)
     EXPECT_FALSE(reads.at(1).mergeable);
     EXPECT_TRUE(reads.at(2).mergeable);
 }
+
+TEST_F(TypeRegistryTest, KnowsNothingOfATagThatWasNotDeclared)
+{
+    project = Project::fromText(R"({"variables": [{"tag": "A"}]})", "p.json");
+    values = std::make_unique<ValueStore>(project);
+    types = std::make_unique<TypeRegistry>(project, clock, *values);
+    EXPECT_EQ(types->find(a), nullptr);
+    EXPECT_FALSE(types->isKnown(a));
+    EXPECT_EQ(types->readableType(0), nullptr);
+    EXPECT_EQ(cycle(), QVector<int>());
+    EXPECT_EQ(namesToAskFor(), QStringList("1A")) << "its type is wanted at once";
+}

@@ -248,6 +248,131 @@ TEST_F(ExchangeTest, ReportsADeviceThatIsGoneAndNotATimeOut)
     EXPECT_EQ(counters.timedOut, 0);
 }
 
+// It is there while the host waits, and gone when the host sends.
+TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenTheReplyIsAskedFor)
+{
+    Exchange exchange(line, clock, settings);
+    exchange.setObserver([this](Exchange::Direction, const QByteArray& bytes, micro850::Duration) {
+        line.setPresent(bytes != kNakBytes);
+    });
+    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+    EXPECT_EQ(counters.timedOut, 0);
+}
+
+TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenACorruptReplyIsAskedForAgain)
+{
+    QByteArray damaged = reply;
+    damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
+    line.onSend = [&](const QByteArray&) { line.arrive(damaged, 5); };
+    Exchange exchange(line, clock, settings);
+    exchange.setObserver([this](Exchange::Direction, const QByteArray& bytes, micro850::Duration) {
+        line.setPresent(bytes != kNakBytes);
+    });
+    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+}
+
+TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenARefusedRequestIsRepeated)
+{
+    line.onSend = [this](const QByteArray&) { line.arrive(kNakBytes, 5); };
+    Exchange exchange(line, clock, settings);
+    exchange.setObserver([this](Exchange::Direction, const QByteArray&, micro850::Duration) {
+        line.setPresent(counters.sent < 2);
+    });
+    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+}
+
+TEST_F(ExchangeTest, StopsRepeatingARequestThatThePeerAlwaysRefuses)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(kNakBytes, 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::TimedOut);
+    EXPECT_EQ(sent(), "request, request, request, request, 10 15");
+    EXPECT_EQ(counters.refusedByPeer, 4);
+}
+
+TEST_F(ExchangeTest, SendsNothingMoreForWhatComesBehindTheReply)
+{
+    QByteArray damaged = reply;
+    damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
+    line.onSend = [&](const QByteArray&) { line.arrive(reply + damaged + kNakBytes, 5); };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(sent(), "request");
+    EXPECT_EQ(counters.corrupt, 1);
+    EXPECT_EQ(counters.refusedByPeer, 1);
+}
+
+TEST_F(ExchangeTest, RepeatsItsResponseToAnEnquiryBehindTheReply)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply + hex("10 05"), 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(sent(), "request, 10 06");
+}
+
+TEST_F(ExchangeTest, AcknowledgesAReplyToAnotherRequestBehindItsOwn)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply + wire::readReply(4, 0x00C3, hex("FF FF")), 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
+    EXPECT_EQ(counters.late, 1);
+    EXPECT_EQ(sent(), "request, 10 06");
+}
+
+// Its CRC is right, but it has no transaction number.
+TEST_F(ExchangeTest, AsksAgainForAReplyThatIsTooShort)
+{
+    line.onSend = [this](const QByteArray& piece) {
+        line.arrive(piece == request ? wire::framed(hex("01 00 4A 00")) : reply, 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    EXPECT_EQ(counters.corrupt, 1);
+    EXPECT_EQ(counters.late, 0);
+    EXPECT_EQ(sent(), "request, 10 15");
+}
+
+TEST_F(ExchangeTest, AcknowledgesNothingOnALineThatIsClosed)
+{
+    line.onSend = [this](const QByteArray&) { line.arrive(reply); };
+    Exchange exchange(line, clock, settings);
+    exchange.run(request, counters);
+    line.close();
+    exchange.acknowledge();
+    EXPECT_EQ(sent(), "request");
+}
+
+TEST_F(ExchangeTest, EndsAShortTimeAfterAnInterruptUnlessTheReplyComesUntilThen)
+{
+    Exchange exchange(line, clock, settings);
+    exchange.setInterrupt([this] { return clock.now() >= 100ms; });
+    const micro850::Duration start = clock.now();
+    EXPECT_EQ(exchange.run(request, counters, 5s).outcome, Outcome::Interrupted);
+    EXPECT_GE(clock.now() - start, 600ms);
+    EXPECT_LE(clock.now() - start, 800ms) << "500 ms after it was noticed";
+    EXPECT_EQ(counters.timedOut, 0);
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece.size() > 2)
+            line.arrive(reply, 300);
+    };
+    EXPECT_EQ(exchange.run(wire::readRequest(5, hex("5A 3C"), wire::tagPath("Level"), 1), counters)
+                  .outcome,
+              Outcome::Interrupted)
+        << "the number is in use: the reply may be to the request before";
+    line.onSend = [this](const QByteArray& piece) {
+        if (piece.size() > 2)
+            line.arrive(wire::readReply(9, 0x00C3, hex("D2 04")), 300);
+    };
+    EXPECT_EQ(exchange.run(wire::readRequest(9, hex("5A 3C"), wire::tagPath("Level"), 1), counters)
+                  .outcome,
+              Outcome::Answered);
+}
+
 TEST_F(ExchangeTest, ComputesTheTimeOutFromTheSpeedAndTheDeviceUnlessItIsSet)
 {
     settings.timeoutMs = 0;
@@ -523,6 +648,57 @@ TEST_F(PacedExchangeTest, GivesUpTheBeginningOfAReplyWhoseRestDoesNotCome)
     EXPECT_EQ(counters.corrupt, 1);
     ASSERT_EQ(received.size(), 2U);
     EXPECT_EQ(received.front(), reply.left(12)) << "what came is shown, once";
+}
+
+// A control within a frame is no new beginning of it.
+TEST_F(PacedExchangeTest, KeepsTheBeginningOfAReplyWhoseRestComesAfterAControl)
+{
+    onSend = [this](const QByteArray& piece) {
+        if (piece == request) {
+            line.arrive(reply.left(12), 5);
+            line.arrive(hex("10 05") + reply.mid(12), 35);
+        }
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
+}
+
+TEST_F(PacedExchangeTest, CountsACorruptFrameThatWasSentFromItsBeginning)
+{
+    onSend = [this](const QByteArray& piece) {
+        QByteArray damaged = reply.mid(2);
+        damaged[7] = static_cast<char>(damaged.at(7) ^ 1);
+        if (piece == request)
+            line.arrive(reply.left(12), 5);
+        else if (counters.corrupt == 0)
+            line.arrive(damaged, 5);
+        else
+            line.arrive(reply.mid(2), 5);
+    };
+    const Answer answer = run();
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(wire::text(answer.reply.values().bytes()), "D2 04");
+    EXPECT_EQ(counters.corrupt, 2) << "the beginning, and the damaged frame";
+}
+
+TEST_F(PacedExchangeTest, RepeatsAReadForARefusalThatMayBeOfTheReadBefore)
+{
+    const QByteArray next = requestOf(6);
+    int refused = 0;
+    onSend = [&](const QByteArray& piece) {
+        if (piece == request)
+            line.arrive(reply, 41);
+        else if (piece == next && ++refused == 1)
+            line.arrive(kNakBytes, 5);
+        else if (piece == next)
+            line.arrive(replyTo(6), 5);
+    };
+    EXPECT_EQ(run().outcome, Outcome::Answered);
+    line.sent.clear();
+    const Answer answer = exchange.run(next, counters);
+    EXPECT_EQ(answer.outcome, Outcome::Answered);
+    EXPECT_EQ(line.sent, (std::vector<QByteArray>{next, next}));
 }
 
 // Each copy shows that the one before it was only late.

@@ -47,6 +47,26 @@ TEST(Frame, IsNotOpenedWhenDamagedOrShort)
     EXPECT_TRUE(dataOf(hex("10 06 10 02 10 03 00")).isEmpty());
 }
 
+// The beginning, the end and the doubled bytes must be those of a frame even where nobody looks at
+// the CRC.
+TEST(Frame, IsNotOpenedWithoutTheBytesAroundItsData)
+{
+    const QByteArray frame = wire::framed(hex("00 10 0A"));
+    EXPECT_EQ(wire::text(uncheckedDataOf(frame).bytes()), "00 10 0A");
+    const int end = frame.size() - 4;
+    for (const int at : {0, 1, 2, 3, end, end + 1}) {
+        QByteArray damaged = frame;
+        damaged[at] = 0x11;
+        EXPECT_TRUE(uncheckedDataOf(damaged).isEmpty()) << at;
+    }
+    EXPECT_TRUE(uncheckedDataOf(hex("10 06 10 02 00 10 0A 10 03 00 00")).isEmpty())
+        << "a single DLE within the data";
+    EXPECT_TRUE(uncheckedDataOf(hex("10 06 10 02 00 10 10 03 00 00")).isEmpty())
+        << "a single DLE at the end of the data";
+    EXPECT_EQ(wire::text(uncheckedDataOf(hex("10 06 10 02 00 0A 10 03 77 77")).bytes()), "00 0A")
+        << "the CRC is not looked at";
+}
+
 TEST(Frame, IsRenumberedWithItsSequenceByte)
 {
     const QByteArray path = wire::tagPath("Level", 300);
@@ -65,6 +85,9 @@ TEST(Request, IsRepeatableOnlyWhenItChangesNothing)
     EXPECT_FALSE(
         isRepeatable(requestOf(wire::writeRequest(5, kId, path, 0x00C3, 1, hex("01 00")))));
     EXPECT_FALSE(isRepeatable(requestOf(wire::framed(wire::forwardOpenRequest(5, 0x123456)))));
+    // The identity's service, but within a connection, which counts its messages.
+    EXPECT_FALSE(
+        isRepeatable(decodeRequest(hex("00 01 0A 00 05 00 00 00 5A 3C 0C 45 01 02 20 01 24 01"))));
     EXPECT_FALSE(isRepeatable(Request()));
 }
 
@@ -132,6 +155,26 @@ TEST(Reply, ToAReadHasTypeAndValues)
     EXPECT_EQ(reply.typeCode(), 0xC3);
     EXPECT_EQ(wire::text(reply.values().bytes()), "D2 04");
     EXPECT_EQ(statusText(reply), QString());
+}
+
+TEST(Reply, ToAReadIsGoodWithAPartOfTheValues)
+{
+    const QByteArray head = hex("01 00 4A 00 05 00 00 00 01 00 0C 00 D2 00");
+    const Reply part = decodeReply(head + hex("06 00 C3 00 D2 04"));
+    EXPECT_TRUE(part.good());
+    EXPECT_EQ(wire::text(part.values().bytes()), "D2 04");
+    EXPECT_FALSE(decodeReply(head + hex("05 00 C3 00 D2 04")).good());
+    EXPECT_FALSE(Reply().good());
+}
+
+TEST(Reply, HasATypeOfTwoBytes)
+{
+    const QByteArray head = hex("01 00 4A 00 05 00 00 00 01 00 0C 00 D2 00 00 00");
+    EXPECT_EQ(decodeReply(head + hex("C3 00")).typeCode(), 0x00C3);
+    EXPECT_EQ(decodeReply(head + hex("A0 02 12 34")).typeCode(), 0x02A0);
+    EXPECT_EQ(decodeReply(head + hex("A3 C1")).typeCode(), 0x00C1);
+    EXPECT_EQ(decodeReply(head + hex("C3")).typeCode(), 0);
+    EXPECT_EQ(decodeReply(head).typeCode(), 0);
 }
 
 TEST(Reply, HasStatusAndExtendedStatus)
@@ -209,10 +252,13 @@ TEST(CloseRequest, IsMadeOfARequestThatOpensAConnectionOnly)
     const QByteArray open = hex(kOpenRequest);
     for (int size = 0; size < 50; ++size)
         EXPECT_TRUE(closeRequest(open.left(size), 1).isEmpty()) << size;
-    QByteArray identity = open;
-    identity[8] = 0x01;
-    EXPECT_TRUE(closeRequest(identity, 1).isEmpty());
-    EXPECT_TRUE(connectionKey(identity).isEmpty());
+    // Another command, another service, a path of another size.
+    for (const int at : {2, 8, 9}) {
+        QByteArray other = open;
+        other[at] = 0x01;
+        EXPECT_TRUE(closeRequest(other, 1).isEmpty()) << at;
+        EXPECT_TRUE(connectionKey(other).isEmpty()) << at;
+    }
 }
 
 TEST(Reply, ToAConnectionRequestTellsARefusalFromAConnection)
@@ -222,9 +268,14 @@ TEST(Reply, ToAConnectionRequestTellsARefusalFromAConnection)
     EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("D4 00 01 01 13 01"))));
     EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("D4 00 01 00"))));
     EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("CE 00 01 01 00 01"))));
+    EXPECT_FALSE(saysConnectionInUse(decodeReply(head + hex("D4 00 02 01 00 01"))));
+    EXPECT_FALSE(saysConnectionInUse(Reply()));
+    EXPECT_FALSE(saysConnectionInUse(decodeReply(hex("01 00 4B 10 05 00 00 00 D4 00 01 01 00 01"))))
+        << "the link layer refused it";
     EXPECT_TRUE(hasConnection(decodeReply(head + hex("D4 00 00 00 5A 3C 01 00"))));
     EXPECT_FALSE(hasConnection(decodeReply(head + hex("D4 00 00 00 5A 3C 01"))));
     EXPECT_FALSE(hasConnection(decodeReply(head + hex("D4 00 01 00 5A 3C 01 00"))));
+    EXPECT_FALSE(hasConnection(decodeReply(head + hex("81 00 00 00 5A 3C 01 00"))));
 }
 
 TEST(Reply, ThatTheLinkLayerRefusesIsNotGood)
@@ -246,6 +297,11 @@ TEST(Reply, ThatIsTooShortIsNotValid)
 TEST(Reply, ShowsThatThePeerDoesNotKnowTheConnection)
 {
     EXPECT_TRUE(saysNoConnection(extended(0x01, 0x0107)));
+    EXPECT_TRUE(saysNoConnection(replyOf(wire::errorReply(5, 0x52, 0x07))));
+    EXPECT_FALSE(saysNoConnection(Reply()));
+    Reply refused = extended(0x01, 0x0107);
+    refused.linkStatus = 0x10;
+    EXPECT_FALSE(saysNoConnection(refused)) << "the message did not reach the connection";
     EXPECT_FALSE(saysNoConnection(extended(0xFF, 0x2105)));
     EXPECT_FALSE(saysNoConnection(replyOf(wire::readReply(5, 0x00C3, hex("01 00")))));
 }
@@ -257,6 +313,48 @@ TEST(FrameText, NamesWhatIsNoFrame)
     EXPECT_EQ(frameText(hex("10 05")), QString("ENQ: asks for the last response"));
     EXPECT_EQ(frameText(wire::readReply(5, 0x00C3, hex("01 00")).left(12)), QString("no frame"));
     EXPECT_EQ(frameText(QByteArray()), QString("no frame"));
+}
+
+TEST(FrameText, TellsWhatAFrameAsksForOrAnswers)
+{
+    const QByteArray path = wire::tagPath("Level", 3);
+    EXPECT_EQ(frameText(wire::readRequest(5, kId, path, 2)), QString("TNS 5 read Level[3] x2"));
+    EXPECT_EQ(frameText(wire::writeRequest(5, kId, path, 0x00C3, 1, hex("D2 04"))),
+              QString("TNS 5 write Level[3] x1: INT 1234"));
+    EXPECT_EQ(frameText(wire::writeRequest(5, kId, QByteArray(), 0x00C3, 1, hex("D2 04"))),
+              QString("TNS 5 write"))
+        << "without a name nobody knows what the bytes are";
+    EXPECT_EQ(frameText(wire::readReply(5, 0x00C3, hex("D2 04"))),
+              QString("TNS 5 read reply: INT 1234"));
+    EXPECT_EQ(frameText(wire::framed(wire::identityRequest(5))), QString("TNS 5 identity"));
+    EXPECT_EQ(frameText(wire::framed(hex("00 01 0A 00 05 00"))), QString("no frame"))
+        << "neither request nor reply";
+    EXPECT_EQ(frameText(wire::framed(hex("00 01 0B 00 05 00 00 00 01"))), QString("no frame"))
+        << "no request, and as a reply it is too short";
+    QByteArray damaged = wire::readReply(5, 0x00C3, hex("D2 04"));
+    damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
+    EXPECT_EQ(frameText(damaged), QString("corrupt frame"));
+    EXPECT_EQ(frameText(damaged + hex("10 05")), QString("ENQ: asks for the last response"))
+        << "the last one counts";
+}
+
+TEST(FrameText, ShowsADurationWithItsUnits)
+{
+    EXPECT_EQ(valuesText(0x00D6, hex("D2 04 00 00")), QString("FTIME PT0.001234S"));
+    EXPECT_EQ(valueTexts(0x00C3, ByteSlice()), QStringList());
+}
+
+TEST(StatusText, OfALinkLayerThatRefusesHasItsStatusOnly)
+{
+    const Reply reply = decodeReply(hex("01 00 4A 10 05 00 00 00"));
+    EXPECT_EQ(statusText(reply), QString("refused by the link layer (status 10)"));
+    EXPECT_EQ(statusPhrase(reply), QString("refused by the link layer, status 10"));
+}
+
+TEST(StatusText, OfAGoodReplyIsEmpty)
+{
+    const Reply reply = replyOf(wire::writeReply(5));
+    EXPECT_EQ(statusText(reply) + statusPhrase(reply) + statusKey(reply), QString());
 }
 
 TEST(Answers, OnlyARequestWithTheSameNumberCommandAndService)

@@ -122,6 +122,42 @@ TEST_F(TraceReportTest, CountsARequestAtTheEndAsFailedWhenItWasRepeated)
     EXPECT_EQ(report.openAtEnd(), QString());
 }
 
+// A host that has waited long enough asks for the reply with a NAK.
+TEST_F(TraceReportTest, CountsARequestAtTheEndAsFailedWhenItsReplyWasAskedFor)
+{
+    request(1, 0);
+    record(micro850::Direction::Sent, hex("10 15"), 100);
+    record(micro850::Direction::Received, hex("10 05"), 110);
+    EXPECT_EQ(events.last().text, QString("ENQ: asks for the last response"));
+    report.finish();
+    EXPECT_EQ(report.unanswered(), 1);
+    EXPECT_EQ(report.openAtEnd(), QString());
+}
+
+TEST_F(TraceReportTest, CountsARequestAtTheEndAsFailedAlsoWhenItsRepetitionIsRefused)
+{
+    request(1, 0);
+    request(1, 100);
+    record(micro850::Direction::Received, hex("10 15"), 110);
+    report.finish();
+    EXPECT_EQ(report.unanswered(), 1);
+}
+
+// The peer's NAK, and that of the host after a corrupt reply, come at once and not because of a
+// long wait.
+TEST_F(TraceReportTest, TakesNoOtherNakForALongWait)
+{
+    request(1, 0);
+    record(micro850::Direction::Received, hex("10 15"), 5);
+    QByteArray corrupt = wireFrame(withTns(kReply, 1));
+    corrupt[10] = static_cast<char>(corrupt.at(10) ^ 0x40);
+    record(micro850::Direction::Received, corrupt, 10);
+    record(micro850::Direction::Sent, hex("10 15"), 11);
+    report.finish();
+    EXPECT_EQ(report.unanswered(), 0);
+    EXPECT_EQ(report.openAtEnd(), QString("identity"));
+}
+
 TEST_F(TraceReportTest, CountsCorruptFramesAndFramesThatAreCutIntoPieces)
 {
     request(1, 0);
@@ -259,6 +295,15 @@ TEST_F(TraceOfTags, CountsAttemptsAlsoUnderAnotherNumber)
     EXPECT_EQ(failed, (QVector<bool>{false, true, true, true, false, false}));
 }
 
+TEST_F(TraceOfTags, CountsNoAttemptsAcrossDifferentRequests)
+{
+    sent(readRequest(5, kReadSpeed), 0);
+    sent(readRequest(6, kReadLevel), 100);
+    EXPECT_EQ(texts(),
+              (QStringList{"TNS 5 read Speed[0] x2", "read Speed[0] x2: no answer in 100.0 ms",
+                           "TNS 6 read Level[0] x1"}));
+}
+
 TEST_F(TraceOfTags, TellsHowLongTheLineWasSilent)
 {
     sent(readRequest(5, kReadSpeed), 1000);
@@ -282,13 +327,18 @@ TEST_F(TraceOfTags, CountsAndReturnsOnlyWhatTheFilterWants)
     record(micro850::Direction::Received, corrupt, 30);
     received(readReply(6, "D2 00 00 00 C3 00 D2 04"), 40);
     sent(readRequest(7, kReadSpeed), 50);
+    sent(readRequest(7, kReadSpeed), 55);
     sent(readRequest(8, kReadSpeed), 60);
+    received(readReply(5, "D2 00 05 00"), 65);
+    record(micro850::Direction::Received, corrupt, 70);
     report.finish();
     EXPECT_EQ(texts(), (QStringList{"TNS 6 read Level[0] x1", "corrupt frame",
                                     "TNS 6 read reply: INT 1234"}));
     EXPECT_EQ(events.first().number, 3);
-    EXPECT_EQ(report.messages(), 7);
+    EXPECT_EQ(report.messages(), 10);
     EXPECT_EQ(report.requests(), 1);
+    EXPECT_EQ(report.repetitions(), 0);
+    EXPECT_EQ(report.stray(), 0);
     EXPECT_EQ(report.corrupt(), 1);
     EXPECT_EQ(report.unanswered(), 0);
     EXPECT_TRUE(report.failures().isEmpty());
