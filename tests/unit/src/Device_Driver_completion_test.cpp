@@ -310,6 +310,9 @@ TEST_F(Failure, PassesAnEmptyListToEachRefreshCallback)
     }
     EXPECT_EQ(sizes, (std::vector<int>{0, 0})) << "records that a host adds are discarded";
     EXPECT_EQ(PLC_driver.readList.size(), 2);
+    EXPECT_TRUE(PLC_driver.writeList.isEmpty());
+    EXPECT_TRUE(PLC_driver.onceReadList.isEmpty());
+    EXPECT_TRUE(PLC_driver.spareList.isEmpty());
 }
 
 TEST_F(Failure, ResendsTheSameFrameWithinTheRetryLimit)

@@ -187,6 +187,41 @@ TEST_F(Dispatcher, ReportsAVariableOfTwoEntriesOnceAfterTheLast)
     }
 }
 
+TEST_F(Dispatcher, ReportsAVariableOfManyEntriesOnceAfterTheLast)
+{
+    const int others = 1000;
+    for (int list : {int(kWrite), int(kOneShotRead)}) {
+        finished.clear();
+        const RW_VAR request = list == kWrite ? writeOf("T", hex("01 02")) : readOf("T");
+        send(request, list);
+        QList<RW_VAR>& requests = list == kWrite ? PLC_driver.writeList : PLC_driver.onceReadList;
+        for (int i = 0; i < others; ++i)
+            requests.append(ofVariable(request, 9, i));
+        requests.append(request);
+        answer(kGood);
+        EXPECT_TRUE(finished.empty());
+        requests = {requests.last()};
+        ComCommunication();
+        answer(kGood);
+        EXPECT_EQ(finished.size(), 1u);
+    }
+}
+
+TEST_F(Dispatcher, DropsEveryRequestThatBelongsToAFailure)
+{
+    const int each = 1000;
+    send(ofVariable(readOf("T"), 5, 6), kOneShotRead);
+    for (int i = 0; i < each; ++i) {
+        PLC_driver.onceReadList.append(ofVariable(readOf("T", i), 5, 6));
+        PLC_driver.onceReadList.append(ofVariable(readOf("U", i), 5, 7));
+        PLC_driver.writeList.append(writeOf("T", "x", i));
+        PLC_driver.writeList.append(ofVariable(writeOf("U", "x", i), 3, 1, 2));
+    }
+    failBeyondTheLimit();
+    EXPECT_EQ(tagsOf(PLC_driver.onceReadList), QString("U").repeated(each));
+    EXPECT_EQ(tagsOf(PLC_driver.writeList), QString("U").repeated(each));
+}
+
 TEST_F(Dispatcher, ComparesTypeAndIndexOfAVariable)
 {
     send(ofVariable(writeOf("T", "x"), 5, 6), kWrite);

@@ -421,6 +421,24 @@ TEST_F(InterruptedCall, CountsAReplyForTheListOfThatMoment)
     EXPECT_GT(countedForTheNewList, 0);
 }
 
+TEST_F(InterruptedCall, NotesAFailureInOneStep)
+{
+    interruptEverywhere(
+        [&] {
+            restart();
+            connectStation();
+            sendUnanswerable(readOf("T"), kCyclicRead);
+            settings.passComplete = 1;
+            PLC_driver.readCycleCount = 1;
+        },
+        [&] { timeOut(); },
+        [&] {
+            EXPECT_EQ(settings.passComplete, PLC_driver.errorFlag ? 0 : 1);
+            EXPECT_EQ(PLC_driver.readCycleCount, PLC_driver.errorFlag ? 0 : 1);
+        },
+        [] { EXPECT_TRUE(PLC_driver.errorFlag); });
+}
+
 TEST_F(InterruptedCall, RetiresACyclicReadThatIsListedBeforeItsLastLock)
 {
     RW_VAR late = readOf("late");

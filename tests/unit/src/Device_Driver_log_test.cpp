@@ -239,6 +239,45 @@ TEST_F(DebugLog, DoesNotMixTheLinesOfTwoThreads)
     EXPECT_EQ(all.filter(QRegularExpression(":other$")).size(), 200);
 }
 
+TEST_F(DebugLog, KeepsALineThatAnotherThreadWritesJustBeforeTheLock)
+{
+    inChild([] {
+        for (const char* message : {"first", "later"}) {
+            LockWitness witness;
+            witness.beforeNextLock([] {
+                std::thread other([] { customMessageHandler(QtDebugMsg, "other"); });
+                other.join();
+            });
+            customMessageHandler(QtDebugMsg, message);
+        }
+    });
+    const QStringList all = lines();
+    ASSERT_EQ(all.size(), 4);
+    EXPECT_TRUE(all[0].endsWith(":other"));
+    EXPECT_TRUE(all[1].endsWith(":first"));
+    EXPECT_TRUE(all[2].endsWith(":other"));
+    EXPECT_TRUE(all[3].endsWith(":later"));
+}
+
+TEST_F(DebugLog, ShowsTheTimeAtWhichALineHasItsTurn)
+{
+    inChild([] {
+        shownTime = QDateTime(QDate(2024, 1, 5), QTime(9, 3, 7, 5));
+        LockWitness witness;
+        witness.beforeNextLock([] { shownTime = shownTime.addSecs(60); });
+        customMessageHandler(QtDebugMsg, "m");
+    });
+    EXPECT_EQ(lines(), QStringList("2024.01.05.09:04:07.5:m"));
+}
+
+TEST_F(DebugLog, HasALongMessageAsAWhole)
+{
+    const QByteArray message(100000, 'm');
+    inChild([&] { customMessageHandler(QtDebugMsg, message.constData()); });
+    ASSERT_EQ(lines().size(), 1);
+    EXPECT_TRUE(lines()[0].endsWith(":" + message));
+}
+
 TEST_F(DebugLog, IsWrittenUnderItsOwnLock)
 {
     inChild([] {

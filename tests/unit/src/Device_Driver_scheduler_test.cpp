@@ -206,6 +206,47 @@ TEST_F(Scheduler, RotatesTheCyclicReadsOfADisabledStation)
     EXPECT_EQ(tagsOf(PLC_driver.readList), QString("cdab"));
 }
 
+TEST_F(Scheduler, PassesOverAnyNumberOfRequestsOfADisabledStation)
+{
+    const int passed = 1000;
+    EnCommStation(2, 0);
+    for (int i = 0; i < passed; ++i) {
+        addReads({"a"}, 2);
+        addWrites({"b"}, 2);
+        addOnce({"c"}, 2);
+    }
+    addReads({"R"});
+    addWrites({"W"});
+    addOnce({"1"});
+    EXPECT_EQ(serve(), QString("W"));
+    EXPECT_EQ(serve(), QString("1"));
+    EXPECT_EQ(ComCommunication()->var.tagName, QString("R"));
+    EXPECT_EQ(tagsOf(PLC_driver.readList), "R" + QString("a").repeated(passed));
+}
+
+TEST_F(Scheduler, ServesAndDisablesAnyNumberOfStationsAndTags)
+{
+    const int stations = 300;
+    for (int station = 100; station < 100 + stations; ++station) {
+        EnCommStation(station, 0);
+        EXPECT_FALSE(getHandshakeInformation(station));
+    }
+    for (int station = 100; station < 100 + stations; ++station) {
+        EXPECT_TRUE(Ethernetcontains(station));
+        EXPECT_EQ(PLCDataStorage[station].transactionCounter, 1);
+    }
+    EnCommStation(-1, 0);
+    EXPECT_TRUE(PLC_driver.disabledStations.isEmpty());
+    const int tags = 1000;
+    RW_VAR request = on(1, readOf("T"));
+    for (int i = 0; i < tags; ++i) {
+        request.tagName = QString::number(i);
+        EXPECT_EQ(AddListReadVar(&request), i + 1);
+    }
+    EXPECT_EQ(serve(tags).size(), 10 + 90 * 2 + 900 * 3);
+    EXPECT_EQ(PLCDataStorage[1].tagData.size(), tags);
+}
+
 TEST_F(Scheduler, KeepsTheOrderOfACyclicListWhoseStationsAreAllDisabled)
 {
     EnCommStation(2, 0);

@@ -654,6 +654,8 @@ TEST_F(Answering, NothingInFlightOrNoSettingsChangesTheCodeOnly)
     PLC_driver.sendQueue.append(Protocol());
     SetComInfo(nullptr);
     expectOnly([&] { deliver(kGood); }, [](VisibleState& state) { state.result.retValue = 0; });
+    PLC_driver.sendQueue.clear();
+    expectOnly([&] { deliver(kGood); }, [](VisibleState& state) { state.result.retValue = 1; });
 }
 
 // ---- A request that is sent --------------------------------------------------------------------
@@ -908,6 +910,33 @@ TEST_F(CallingTheDriver, ToConfigureItChangesOnlyWhatTheHostGives)
     PLC_driver.refreshCallback = [](QList<RW_VAR>*, int, int) {};
     expectOnly([] { RegistCallBackFuncIntf(nullptr, nullptr); },
                [&](VisibleState& state) { state.rest = withoutCallbacks; });
+}
+
+TEST_F(CallingTheDriver, ToKeepTheStoreOfAStationChangesThatStationOnly)
+{
+    RW_VAR request = distinctRequest("Other");
+    expectOnly([&] { getTagData(&request), getAddressType(&request); }, [](VisibleState&) {});
+    expectOnly([] { addPlcNumber(2); },
+               [](VisibleState& state) { state.store[2].transactionCounter = 0x4456; });
+    expectOnly([] { setHandshakeInformation(2, false); },
+               [](VisibleState& state) {
+                   state.store[2].handshakeDone = false;
+                   state.store[2].connectionId.clear();
+               });
+    expectOnly([] { setHandshakeInformation(2, true); },
+               [](VisibleState& state) { state.store[2].handshakeDone = true; });
+    expectOnly([] { AddTheTagInformationContainer(2); },
+               [](VisibleState& state) {
+                   state.store[2] = PLCTAGCOMMUNICATION();
+                   state.store[2].handshakeDone = false;
+                   state.store[2].transactionCounter = 1;
+               });
+    expectOnly([] { getHandshakeInformation(3); },
+               [](VisibleState& state) {
+                   state.store[3] = PLCTAGCOMMUNICATION();
+                   state.store[3].handshakeDone = false;
+                   state.store[3].transactionCounter = 1;
+               });
 }
 
 TEST_F(CallingTheDriver, ForWhatItLeavesToTheHostChangesNothing)

@@ -303,6 +303,17 @@ TEST_F(Catalogue, KeepsOnlyNamesOfKindTwoAndTheLaterOfDuplicates)
     EXPECT_EQ(plcAddList["B"].hostField3, QList<QString>() << "6");
 }
 
+TEST_F(Catalogue, KeepsAnyNumberOfNames)
+{
+    const int size = 10000;
+    QList<varName> names;
+    for (int i = 0; i < size; ++i)
+        names.append(named(QByteArray::number(i).constData(), 2));
+    PassVarName(&names);
+    EXPECT_EQ(plcAddList.size(), size);
+    EXPECT_TRUE(getPassVarName(QString::number(size - 1)));
+}
+
 TEST_F(Catalogue, KeepsItsNamesInLaterCalls)
 {
     QList<varName> first = {named("A", 2, 1)}, second = {named("B", 2), named("A", 1)}, none;

@@ -29,6 +29,15 @@ TEST_F(StoredReply, ConfirmsTheTypeAndKeepsTheValue)
     EXPECT_BYTES(image(), hex("D2 04"));
 }
 
+TEST_F(StoredReply, FindsTheTypeBehindADoubledDle)
+{
+    const QByteArray reply = wire::readReply(0x10, 0xC3, hex("D2 04"));
+    ASSERT_LT(reply.indexOf(hex("10 10")), 20);
+    store(readOf("T"), reply);
+    EXPECT_BYTES(infoOf("T"), hex("03 C3 00 FF"));
+    EXPECT_BYTES(image(), hex("D2 04"));
+}
+
 TEST_F(StoredReply, IsLeftUndoubledInTheCallersBuffer)
 {
     const QByteArray reply = wire::readReply(0x1021, 0xC3, hex("10 10"));

@@ -222,6 +222,27 @@ TEST_F(GetValue, ReturnsNoBytesForZeroCharactersOfAString)
     EXPECT_BYTES(out, QByteArray());
 }
 
+TEST_F(GetValue, ReturnsAsManyWordsAsTheHostAsksFor)
+{
+    const int words = 1000000;
+    declareIndexed("T");
+    put("T", 3, "01 02");
+    const QByteArray image = hex("03 04 05 06").repeated(words / 2);
+    PLCDataStorage[1].tagData["T"] = image;
+    EXPECT_EQ(get("T", 0, words), 1);
+    EXPECT_TRUE(out == image);
+    put("T", 2, "01");
+    PLCDataStorage[1].tagData["T"] = image.left(words);
+    EXPECT_EQ(get("T", 0, words), 1);
+    EXPECT_TRUE(out == hex("03 00 04 00 05 00 06 00").repeated(words / 4));
+    put("T", 1, "01");
+    PLCDataStorage[1].tagData["T"] = image;
+    EXPECT_EQ(get("T", 0, words), 1);
+    EXPECT_TRUE(out == image);
+    EXPECT_EQ(get("unknown", 0, words), 0);
+    EXPECT_TRUE(out == QByteArray(2 * words, '\0'));
+}
+
 TEST_F(GetValue, ReturnsTwiceTheCountOfZerosWhileTheStationIsNotConnected)
 {
     put("T", 0, "01");

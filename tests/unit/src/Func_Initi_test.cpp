@@ -335,6 +335,14 @@ TEST_F(Lists, DropAWriteBeyondTheLimitAndStillReplace)
     EXPECT_EQ(PLC_driver.writeList[7].data, QByteArray("new"));
 }
 
+TEST_F(Lists, AppendAnyNumberOfCyclicReads)
+{
+    const int size = 100000;
+    RW_VAR request = readOf("T");
+    for (int i = 1; i <= size; ++i)
+        ASSERT_EQ(AddListReadVar(&request), i);
+}
+
 TEST_F(Lists, AppendAOneShotReadUnchangedInModeOne)
 {
     RW_VAR request = readOf("T", 3, 4);
@@ -446,6 +454,24 @@ TEST_F(Lists, QueueAOneShotReadOnce)
     RW_VAR changed = request;
     changed.addressText = "4";
     EXPECT_EQ(AddListOnceReadVar(&changed, 0), ++queued);
+}
+
+TEST_F(Lists, QueueNoSecondOneShotReadThatDiffersInOtherFieldsOnly)
+{
+    declareIndexed("T");
+    declareIndexed("U");
+    RW_VAR request = readOf("T", 3, 4);
+    AddListOnceReadVar(&request, 0);
+    const std::string queued = fieldsOf(request);
+    RW_VAR other = distinctRequest("U");
+    other.varType = request.varType;
+    other.varIndex = request.varIndex;
+    other.areaType = request.areaType;
+    other.addressText = request.addressText;
+    other.count = request.count;
+    other.stationNo = request.stationNo;
+    EXPECT_EQ(AddListOnceReadVar(&other, 0), 1);
+    EXPECT_EQ(fieldsOf(PLC_driver.onceReadList.first()), queued);
 }
 
 TEST_F(Lists, DropAOneShotReadBeyondTheLimit)
@@ -655,6 +681,29 @@ TEST_F(Lists, SortByStartAndKeepTheOrderOfEquals)
     QList<RW_VAR> none;
     Bubble_Sort(none);
     EXPECT_TRUE(none.isEmpty());
+}
+
+TEST_F(Lists, SortAndMergeAGroupOfAnySize)
+{
+    const int size = 1000, otherStation = 2;
+    QList<RW_VAR> group;
+    for (int i = size - 1; i >= 0; --i)
+        group.append(readOf("T", i));
+    Bubble_Sort(group);
+    for (int i = 0; i < size; ++i)
+        ASSERT_EQ(group[i].startAddress, i);
+    BitVarReCreat(group, 15);
+    EXPECT_EQ(PLC_driver.readList.size(), (size + 14) / 15);
+
+    // With gaps that are too wide, each stays a request of its own.
+    PLC_driver.readList.clear();
+    QList<HOSTVAR> variables;
+    declareIndexed("T");
+    settings.defaultStation = otherStation;
+    for (int i = 0; i < size; ++i)
+        variables.append(hostVar("T", QByteArray::number(100 * i).constData(), 1));
+    EXPECT_EQ(ReCreatReadVarList(&variables), size);
+    EXPECT_EQ(PLC_driver.readList.last().startAddress, 100 * (size - 1));
 }
 
 TEST_F(Lists, RebuildTheCyclicListFromTheHostsVariables)

@@ -24,6 +24,15 @@ TEST_F(LargestWrite, IsFittedToTheCountAndALargerOneIsNot)
     }
 }
 
+TEST_F(LargestWrite, HasTheLowByteOfEachWordInAn8BitClass)
+{
+    const int words = 1000000;
+    confirm("T", 2, 0xC2);
+    RW_VAR request = writeOf("T", wire::hex("01 02 03 04").repeated(words / 2), 0, words);
+    WriteRegister(&request);
+    EXPECT_TRUE(request.data == wire::hex("01 03").repeated(words / 2));
+}
+
 TEST_F(LargestWrite, TruncatesALongerValueOfAStringOrOfAnUnknownClass)
 {
     const int largest = 1 << 24; // bytes

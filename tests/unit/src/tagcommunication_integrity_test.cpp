@@ -295,6 +295,27 @@ TEST(Integrity, ContinuesAfterDataThatLooksLikeAnEnd)
     EXPECT_EQ(verdictOf(wire::framed(QByteArray(20, '\x41') + hex("10 03 10 03 10 03"))), 1);
 }
 
+TEST(Integrity, ContinuesAfterAnyNumberOfPlacesThatLookLikeAnEnd)
+{
+    const QByteArray frame = wire::framed(QByteArray(20, '\x41') + hex("10 03").repeated(1000));
+    EXPECT_EQ(frame.count(hex("10 10 03")), 1000);
+    EXPECT_EQ(verdictOf(frame), 1);
+}
+
+TEST(Integrity, CoversAnyNumberOfDoubledDles)
+{
+    const QByteArray together = QByteArray(20, '\x41') + QByteArray(1000, '\x10');
+    const QByteArray apart = hex("10 41").repeated(1000);
+    for (const QByteArray& data : {together, together + hex("03 42 43"), apart}) {
+        const QByteArray frame = wire::framed(data);
+        EXPECT_EQ(frame.count('\x10'), 2000 + 3) << "two in the header, one in the trailer";
+        EXPECT_EQ(verdictOf(frame), 1);
+        const QByteArray undoubled = getRecoverData(frame, true);
+        EXPECT_BYTES(undoubled.mid(4, data.size()), data);
+        EXPECT_BYTES(getRecoverData(undoubled, false), frame);
+    }
+}
+
 TEST(Integrity, AcceptsDataThatLooksLikeAnEndWhenTheCrcMatches)
 {
     // The two bytes after 10 10 03 happen to be the CRC of the bytes before it.

@@ -156,6 +156,17 @@ TEST_F(TagStore, AdvancesTheCounterByOne)
     EXPECT_EQ(station(1).transactionCounter, 65535);
 }
 
+TEST_F(TagStore, AdvancesTheCounterOfNoOtherStation)
+{
+    for (int station : {1, 2, 3})
+        connectStation(station, kId, 0x21);
+    settings.multiStation = 0;
+    addPlcNumber(2);
+    EXPECT_EQ(PLCDataStorage[1].transactionCounter, 0x21) << "the default station";
+    EXPECT_EQ(PLCDataStorage[2].transactionCounter, 0x22);
+    EXPECT_EQ(PLCDataStorage[3].transactionCounter, 0x21);
+}
+
 TEST_F(TagStore, SkipsZeroWhenTheCounterWraps)
 {
     fill(1);
