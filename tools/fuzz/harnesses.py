@@ -42,13 +42,13 @@ def parse(parser):
     return arguments
 
 
-def build(program, folder, *targets):
-    """Configures and builds the targets; only one process at a time builds in the folder."""
+def build(program, folder, *targets, options=()):
+    """Configures with the options and builds the targets; only one process at a time builds in the folder."""
     if not shutil.which("clang++"):
         sys.exit(f"{program}: clang++ is missing: run scripts/setup test")
     folder.mkdir(parents=True, exist_ok=True)
     log = folder / "build.log"
-    configure = ["cmake", "--preset", "fuzz", "-B", folder]
+    configure = ["cmake", "--preset", "fuzz", "-B", folder, *options]
     compile_and_link = ["cmake", "--build", folder, "--target", *targets, "--", f"-j{os.cpu_count()}"]
     with open(folder / ".lock", "w", encoding="ascii") as lock, open(log, "wb") as output:
         fcntl.flock(lock, fcntl.LOCK_EX)

@@ -27,6 +27,9 @@ def parse_arguments():
     parser.add_argument("--runs", type=whole, help="run each harness so many times; with --seconds, until the "
                         "first limit is reached")
     parser.add_argument("--length", type=whole, default=1024, help="longest input in bytes (default 1024)")
+    parser.add_argument("--unoptimized", action="store_true", help="build in half the time what runs slower, for a "
+                        "short run in a folder of its own (with --build)")
+    parser.add_argument("--build-only", action="store_true", help="run nothing")
     harnesses.add_arguments(parser)
     arguments = harnesses.parse(parser)
     if arguments.seconds is None:
@@ -63,7 +66,10 @@ def run(name, arguments):
 
 def main():
     arguments = parse_arguments()
-    harnesses.build("fuzz", arguments.build, "fuzzers")
+    options = ["-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O0 -g1 -DNDEBUG"] if arguments.unoptimized else []
+    harnesses.build("fuzz", arguments.build, "fuzzers", options=options)
+    if arguments.build_only:
+        return 0
     return 0 if all([run(name, arguments) for name in arguments.names]) else 1
 
 
