@@ -8,7 +8,7 @@ function(micro850_coverage target)
 endfunction()
 
 # Conditions are counted in these rooms only, but in every program: the linker keeps one copy of an inline function of a
-# header, and it may be that of a test. Each process writes a file, wherever it runs.
+# header, and it may be that of a test. A program that has counted something writes it to profiles/, wherever it runs.
 if(MICRO850_COVERAGE STREQUAL "MCDC")
   set(counted ${PROJECT_BINARY_DIR}/counted_rooms.txt)
   file(WRITE ${counted} "[clang]
