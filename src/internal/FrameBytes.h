@@ -91,6 +91,7 @@ static inline unsigned int crcShifted(unsigned int crc, unsigned char byte, unsi
     /*@
       loop invariant 0 <= bit <= 8;
       loop invariant crc <= 0xFFFF;
+      loop invariant crc == shifted(\at(crc, Pre) ^ byte, polynomial, bit);
       loop assigns bit, crc;
       loop variant 8 - bit;
     */
@@ -125,8 +126,8 @@ static inline unsigned int crcShiftedOver(const unsigned char* bytes, size_t len
 /// The CRC-16 with kReflectedPolynomial extended by one byte, with all bits of the byte at once. A
 /// bit that is set adds the polynomial at its place, which with its leading 1 has the bits 0, 1, 14
 /// and 16, and so turns the next bit round. The polynomial is therefore added at bit i if an odd
-/// number of the bits 0 to i is set. A read of an INT takes an eighth fewer instructions than bit
-/// by bit.
+/// number of the bits 0 to i is set; of its bit 0 nothing is left. A read of an INT takes an eighth
+/// fewer instructions than bit by bit.
 /*@
   requires crc <= 0xFFFF;
   assigns \nothing;
@@ -135,13 +136,12 @@ static inline unsigned int crcShiftedOver(const unsigned char* bytes, size_t len
 */
 static inline unsigned int crcExtended(unsigned int crc, unsigned char byte)
 {
-    crc ^= byte;
-    unsigned int places = crc & 0xFF;
-    places ^= places << 1;
-    places ^= places << 2;
-    places ^= places << 4;
-    places &= 0xFF;
-    return (crc ^ places ^ places << 1 ^ places << 14 ^ places << 16) >> 8;
+    unsigned char odd = (unsigned char)(crc ^ byte);
+    odd ^= (unsigned char)(odd << 1);
+    odd ^= (unsigned char)(odd << 2);
+    odd ^= (unsigned char)(odd << 4);
+    const unsigned int places = odd;
+    return crc >> 8 ^ places >> 7 ^ places << 6 ^ places << 8;
 }
 
 /// The same over the bytes from index `from` up to, and without, index `to`.

@@ -20,7 +20,7 @@ FRAME, BYTES = "internal/Frame.cpp", "internal/FrameBytes.h"
 DRIVER, STATION = "Device_Driver.cpp", "tagcommunication.cpp"
 STORE, SETUP, LISTS = "Func_DealData.cpp", "internal/ConnectionSetup.cpp", "internal/RequestLists.cpp"
 FAULTS = [
-    (FRAME, BYTES, "places << 14", "places << 13", "crc", "the CRC of the bytes"),
+    (FRAME, BYTES, "places << 6", "places << 5", "crc", "the CRC of the bytes"),
     (FRAME, BYTES, "kFirstEtx = 21", "kFirstEtx = 22", "replies", "is intact"),
     (FRAME, BYTES, "(etx - run) % 2 == 0 ? 2 : 1", "1", "replies", "intact"),
     (STORE, STORE, "tagstore::kShortString ? 1 : 0", "tagstore::kShortString ? 0 : 0", "replies", "says value"),

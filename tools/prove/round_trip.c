@@ -11,7 +11,47 @@
       bytes[0] == kDleByte && bytes[1] == (first == 2 ? kStxByte : kAckByte) &&
       (first == 4 ==> bytes[2] == kDleByte && bytes[3] == kStxByte) &&
       bytes[last] == kDleByte && bytes[last + 1] == kEtxByte && !pairAt(bytes, last + 2);
+  // Where doubling puts the byte that was at `i`, and that it is there twice if it is a DLE of the data. A prover uses what
+  // has a name only where the name stands.
+  predicate placed{Before, After}(unsigned char* bytes, integer first, integer last, integer dles, integer i) =
+      (first <= i < last ==>
+          \at(bytes[i + dlesIn{Before}(bytes, first, i)], After) == \at(bytes[i], Before)) &&
+      (last <= i < last + kTrailer ==> \at(bytes[i + dles], After) == \at(bytes[i], Before));
+  predicate twice{Before, After}(unsigned char* bytes, integer first, integer last, integer i) =
+      first <= i < last && \at(bytes[i], Before) == kDleByte ==>
+      pairAt{After}(bytes, i + dlesIn{Before}(bytes, first, i));
 */
+
+// doubleInPlace(), and what follows from its contract alone: among all that roundTrip() knows it is not found.
+/*@
+  requires first <= last && last + dles + kTrailer <= 0x7FFFFFFF;
+  requires \valid(bytes + (first .. last + dles + kTrailer - 1));
+  requires dles == dlesIn(bytes, first, last);
+  requires \forall integer to; first <= to <= last ==> dlesGrow(bytes, first, to);
+  assigns bytes[first .. last + dles + kTrailer - 1];
+  ensures trailer: \forall integer i, at;
+      last <= i < last + kTrailer && at <= i + dles <= at ==> bytes[at] == \old(bytes[i]);
+  ensures kept: \forall integer i, at;
+      first <= i < last && at <= i + dlesIn{Old}(bytes, first, i) <= at ==>
+      bytes[at] == \old(bytes[i]);
+  ensures placed: \forall integer i; placed{Pre, Here}(bytes, first, last, dles, i);
+  ensures twice: \forall integer i; twice{Pre, Here}(bytes, first, last, i);
+*/
+static void doubleData(unsigned char* bytes, size_t first, size_t last, size_t dles)
+{
+    doubleInPlace(bytes, first, last, dles);
+    /*@ assert data: \forall integer i, at;
+          first <= i < last && at == i + dlesIn{Pre}(bytes, first, i) ==>
+          bytes[at] == \at(bytes[i], Pre); */
+    /*@ assert trailer: \forall integer i, at;
+          last <= i < last + kTrailer && at == i + dles ==> bytes[at] == \at(bytes[i], Pre); */
+    /*@ assert once: \forall integer i, at;
+          first <= i < last && at == i + dlesIn{Pre}(bytes, first, i) &&
+          \at(bytes[i], Pre) == kDleByte ==> bytes[at] == kDleByte; */
+    /*@ assert again: \forall integer i, at;
+          first <= i < last && at == i + dlesIn{Pre}(bytes, first, i) + 1 &&
+          \at(bytes[i], Pre) == kDleByte ==> bytes[at] == kDleByte; */
+}
 
 /*@
   requires first <= last && 2 * (last + kTrailer) <= 0x7FFFFFFF;
@@ -39,7 +79,7 @@ size_t roundTrip(unsigned char* bytes, size_t first, size_t last)
     for (size_t i = first; i < dle; ++i)
         ;
     const size_t dles = countDles(bytes, first, last);
-    doubleInPlace(bytes, first, last, dles);
+    doubleData(bytes, first, last, dles);
     const size_t size = last + dles + kTrailer;
     //@ assert dleEtx: bytes[last + dles] == kDleByte && bytes[last + dles + 1] == kEtxByte;
     //@ assert low: bytes[last + dles + 2] == \at(bytes[last + 2], Pre);
@@ -52,6 +92,7 @@ size_t roundTrip(unsigned char* bytes, size_t first, size_t last)
           first <= i <= dle && i <= i + dlesIn{Pre}(bytes, first, i) <= i ==>
           bytes[i] == \at(bytes[i], Pre); */
     //@ assert plain: \forall integer i; first <= i <= dle ==> bytes[i] == \at(bytes[i], Pre);
+    //@ assert data: twice{Pre, Here}(bytes, first, last, dle);
     //@ assert here: pairAt(bytes, dle);
     //@ assert first: \forall integer i; 0 <= i < dle ==> !pairAt(bytes, i);
     const size_t pair = firstPair(bytes, 0, size);
@@ -69,7 +110,10 @@ size_t roundTrip(unsigned char* bytes, size_t first, size_t last)
       loop variant last + kTrailer - i;
     */
     for (size_t i = pair; i < last + kTrailer; ++i) {
+        //@ assert grown: i < last ==> dlesIn{Pre}(bytes, first, i) <= dlesIn{Pre}(bytes, first, last);
+        //@ assert placed: placed{Pre, Here}(bytes, first, last, dles, i);
         //@ assert moved: \let k = i; bytes[at] == \at(bytes[k], Pre);
+        //@ assert doubled: twice{Pre, Here}(bytes, first, last, i);
         //@ assert pair: i < last && bytes[at] == kDleByte ==> pairAt(bytes, at);
         /*@ assert i < last ==>
               dlesIn{Pre}(bytes, first, i + 1) ==

@@ -36,6 +36,14 @@ class List(unittest.TestCase):
         self.assertEqual(prove.problems(prove.Result(text), {"crcExtended_ensures": "why"}, []),
                          ["warning: Cast with incompatible pointers types"])
 
+    def test_names_goals_alike_with_lemmas_about_bits_and_without(self):
+        text = OUTPUT.replace("typed_", "typed_bits_")
+        self.assertEqual(prove.Result(text).open, prove.Result(OUTPUT).open)
+
+    def test_tells_lemmas_that_are_not_proved(self):
+        output = "Goal left'vc.\nProver result is: Valid (0.1s, 3 steps).\n\nGoal right.\nProver result is: Timeout (5s).\n"
+        self.assertEqual(prove.open_lemmas(output), (["right"], 2))
+
     def test_refuses_output_without_a_result(self):
         with self.assertRaises(prove.Failure):
             prove.Result("[kernel] Frama-C aborted: invalid user input.\n")
