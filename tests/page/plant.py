@@ -27,9 +27,21 @@ def await_that(what, condition, patience=PATIENCE):
         time.sleep(0.005)
 
 
+LOCKS = []
+
+
 def free_port():
-    """A port that nobody has now. It is below those that the system gives to clients."""
-    for port in range(20000 + os.getpid() % 5000 * 2, 32000):
+    """A port that nobody has now, and that no other test takes while this program runs: tests/support/test_port.h has
+    the same locks. It is below those that the system gives to clients."""
+    first = os.getpid() * 7 % 10000
+    for port in (20000 + (first + i) % 10000 for i in range(10000)):
+        lock = socket.socket(socket.AF_UNIX)
+        try:
+            lock.bind(f"\0micro850-test-{port}")
+        except OSError:
+            lock.close()
+            continue
+        LOCKS.append(lock)
         with socket.socket() as probe:
             probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
             try:

@@ -1,6 +1,7 @@
 #include "gateway_fixture.h"
 #include "http_client.h"
 #include "program_fixture.h"
+#include "test_port.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
@@ -39,19 +40,6 @@ std::set<QString> found(const QString& text, const char* pattern)
     return names;
 }
 
-int freePort()
-{
-    const int listening = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = ::htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    EXPECT_EQ(::bind(listening, reinterpret_cast<const sockaddr*>(&address), size), 0);
-    EXPECT_EQ(::getsockname(listening, reinterpret_cast<sockaddr*>(&address), &size), 0);
-    ::close(listening);
-    return ::ntohs(address.sin_port);
-}
-
 Result promtool(const QStringList& arguments)
 {
     return runProgram(QStringLiteral("promtool"), arguments);
@@ -62,7 +50,6 @@ class Prometheus
 {
 public:
     Prometheus(const QString& folder, int gatewayPort, const QString& tokenFile)
-        : m_port(freePort())
     {
         QString settings = textOfFile(kSource + QStringLiteral("examples/prometheus.yml"));
         EXPECT_TRUE(settings.contains("scrape_interval: 15s"));
@@ -80,9 +67,10 @@ public:
         m_process.start(QStringLiteral("prometheus"),
                         {QStringLiteral("--config.file=%1/prometheus.yml").arg(folder),
                          QStringLiteral("--storage.tsdb.path=%1/prometheus").arg(folder),
-                         QStringLiteral("--web.listen-address=127.0.0.1:%1").arg(m_port)});
-        EXPECT_TRUE(waitUntil([this] { return httpGet(m_port, "/-/ready").status == 200; }))
-            << m_process.readAll().toStdString();
+                         QStringLiteral("--web.listen-address=127.0.0.1:%1").arg(m_port.number())});
+        EXPECT_TRUE(waitUntil([this] {
+            return httpGet(m_port.number(), "/-/ready").status == 200;
+        })) << m_process.readAll().toStdString();
     }
     ~Prometheus()
     {
@@ -94,7 +82,7 @@ public:
     std::optional<double> value(const QString& expression) const
     {
         const QByteArray query = QUrl::toPercentEncoding(expression);
-        const HttpReply reply = httpGet(m_port, "/api/v1/query?query=" + query);
+        const HttpReply reply = httpGet(m_port.number(), "/api/v1/query?query=" + query);
         const auto answer = nlohmann::json::parse(reply.body.toStdString(), nullptr, false);
         EXPECT_EQ(reply.status, 200) << reply.body.toStdString();
         if (reply.status != 200 || answer["data"]["result"].size() != 1)
@@ -118,7 +106,7 @@ private:
         file.write(text.toUtf8());
     }
 
-    const int m_port;
+    TestPort m_port;
     QProcess m_process;
 };
 
@@ -141,15 +129,15 @@ protected:
     }
     void start(const std::string& web)
     {
-        setConfigurationKeys(R"("web": {"port": )" + std::to_string(m_port) + web + "},");
+        setConfigurationKeys(R"("web": {"port": )" + std::to_string(m_port.number()) + web + "},");
         startGateway();
-        ASSERT_TRUE(waitUntil([this] { return httpGet(m_port, "/readyz").status == 200; }))
+        ASSERT_TRUE(waitUntil([this] { return httpGet(m_port.number(), "/readyz").status == 200; }))
             << log().toStdString();
     }
-    int port() const { return m_port; }
+    int port() const { return m_port.number(); }
     QByteArray metrics(const HttpClient::Headers& headers = {}) const
     {
-        const HttpReply reply = httpGet(m_port, "/metrics", headers);
+        const HttpReply reply = httpGet(m_port.number(), "/metrics", headers);
         EXPECT_EQ(reply.status, 200);
         EXPECT_EQ(reply.header("content-type"), "text/plain; version=0.0.4; charset=utf-8");
         return reply.body;
@@ -160,7 +148,7 @@ protected:
     }
 
 private:
-    const int m_port = freePort();
+    TestPort m_port;
 };
 
 } // namespace

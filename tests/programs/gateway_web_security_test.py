@@ -17,15 +17,12 @@ import unittest
 import urllib.parse
 
 GATEWAY, SOURCE = map(os.path.abspath, sys.argv[1:3])
+sys.path.insert(0, os.path.join(SOURCE, "tests", "page"))
+from plant import free_port  # noqa: E402
+
 LIMIT_S = 60
 PROJECT = {'port': {'device': '/dev/ttyNONE'},
            'variables': [{'tag': 'Speed', 'type': 'INT', 'writable': True, 'minimum': 0, 'maximum': 100}]}
-
-
-def free_port():
-    with socket.socket() as free:
-        free.bind(('127.0.0.1', 0))
-        return free.getsockname()[1]
 
 
 def wait_until(condition, what):

@@ -1,6 +1,8 @@
 #ifndef MICRO850_TESTS_BROKER_H
 #define MICRO850_TESTS_BROKER_H
 
+#include "test_port.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -26,7 +28,7 @@ public:
     TestBroker& operator=(const TestBroker&) = delete;
 
     /// The same after a restart.
-    int port() const { return m_port; }
+    int port() const { return m_port.number(); }
     const std::string& folder() const { return m_folder; }
     bool isRunning() const { return m_process > 0; }
     pid_t process() const { return m_process; }
@@ -50,7 +52,7 @@ private:
 
     Settings m_settings;
     std::string m_folder;
-    int m_port = 0;
+    TestPort m_port;
     pid_t m_process = -1;
 };
 

@@ -6,51 +6,11 @@
 #include <QtCore/QThread>
 
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 namespace {
 
 const int kLimitMs = 60000;
-// Below the ports that the system gives to clients, so that none of them takes one by chance.
-const int kFirstPort = 20000;
-const int kLastPort = 29999;
-
-// True if nobody listens at the port.
-bool isFree(int port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<quint16>(port));
-    const int made = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int reuse = 1;
-    ::setsockopt(made, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
-    const bool free = ::bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    ::close(made);
-    return free;
-}
-
-// A name that only one process can have; the system frees it when the process ends.
-int lockFor(int port)
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const int length =
-        std::snprintf(address.sun_path + 1, sizeof address.sun_path - 1, "micro850-test-%d", port);
-    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const auto size =
-        static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + static_cast<size_t>(length));
-    if (::bind(made, reinterpret_cast<sockaddr*>(&address), size) == 0)
-        return made;
-    ::close(made);
-    return -1;
-}
 
 } // namespace
 
@@ -62,35 +22,17 @@ void PrintTo(DeviceServer::Protocol protocol, std::ostream* out)
 DeviceServer::DeviceServer(const Settings& settings) : m_settings(settings)
 {
     EXPECT_TRUE(m_dir.isValid());
-    takePort();
 }
 
 DeviceServer::~DeviceServer()
 {
     stop();
-    ::close(m_lock);
-}
-
-void DeviceServer::takePort()
-{
-    const int count = kLastPort - kFirstPort + 1;
-    // Tests that run at the same time begin at different ports.
-    const int start = static_cast<int>(::getpid() * 7) % count;
-    for (int i = 0; i < count && m_lock < 0; ++i) {
-        m_port = kFirstPort + (start + i) % count;
-        m_lock = lockFor(m_port);
-        if (m_lock >= 0 && !isFree(m_port)) {
-            ::close(m_lock);
-            m_lock = -1;
-        }
-    }
-    EXPECT_GE(m_lock, 0) << "no port is free";
 }
 
 QString DeviceServer::address() const
 {
     const char* const scheme = m_settings.protocol == Protocol::Raw ? "tcp" : "rfc2217";
-    return QStringLiteral("%1://127.0.0.1:%2").arg(QLatin1String(scheme)).arg(m_port);
+    return QStringLiteral("%1://127.0.0.1:%2").arg(QLatin1String(scheme)).arg(port());
 }
 
 bool DeviceServer::start()
@@ -105,7 +47,7 @@ bool DeviceServer::start()
                        "    options:\n"
                        "        kickolduser: %5\n")
             .arg(QLatin1String(m_settings.protocol == Protocol::Raw ? "" : "telnet(rfc2217),"))
-            .arg(m_port)
+            .arg(port())
             .arg(m_settings.device)
             .arg(m_settings.baud)
             .arg(QLatin1String(m_settings.newClientReplacesOld ? "true" : "false"))
@@ -175,7 +117,7 @@ bool DeviceServer::listens() const
         return false;
     const QString listening =
         QStringLiteral(": 0100007F:%1 00000000:0000 0A ")
-            .arg(QString::number(m_port, 16).toUpper().rightJustified(4, QLatin1Char('0')));
+            .arg(QString::number(port(), 16).toUpper().rightJustified(4, QLatin1Char('0')));
     return QString::fromLatin1(list.readAll()).contains(listening);
 }
 

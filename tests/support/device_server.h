@@ -1,6 +1,8 @@
 #ifndef MICRO850_TESTS_DEVICE_SERVER_H
 #define MICRO850_TESTS_DEVICE_SERVER_H
 
+#include "test_port.h"
+
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryDir>
 
@@ -31,7 +33,7 @@ public:
 
     /// What a host gives as its port: tcp://127.0.0.1:21000 or rfc2217://127.0.0.1:21000.
     QString address() const;
-    int port() const { return m_port; }
+    int port() const { return m_port.number(); }
     bool isRunning() const { return m_process != nullptr; }
     /// Starts the server and waits until it listens. False with a failed check if it does not.
     bool start();
@@ -44,14 +46,12 @@ public:
     void resume();
 
 private:
-    void takePort();
     void signal(int number);
     bool listens() const;
 
     Settings m_settings;
     QTemporaryDir m_dir;
-    int m_port = 0;
-    int m_lock = -1; ///< keeps the port from other tests
+    TestPort m_port;
     std::unique_ptr<QProcess> m_process;
 };
 
