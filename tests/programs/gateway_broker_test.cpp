@@ -185,6 +185,7 @@ TEST_F(GatewayBroker, GoesOnWithItsQueueAfterAReloadThatChangedOrRemovedItsSecti
     EXPECT_NE(process(), first);
     EXPECT_TRUE(
         waitForLog("the configuration was read again: 1 line; no line changed; mqtt changed"));
+    EXPECT_TRUE(waitUntilWithoutGaps(receiver)); // while there is a process
     reload("");
     ASSERT_TRUE(waitUntil([this] { return delivery().empty(); }));
     EXPECT_EQ(parsed(receiver.messageOn("plant/status").payload)["state"], "online");
@@ -194,7 +195,6 @@ TEST_F(GatewayBroker, GoesOnWithItsQueueAfterAReloadThatChangedOrRemovedItsSecti
         });
     };
     EXPECT_TRUE(receiver.waitFor(isOffline));
-    EXPECT_TRUE(waitUntilWithoutGaps(receiver));
 }
 
 TEST_F(GatewayBroker, RefusesAnOrderThatExpiredWhileAProcessStoodStill)
