@@ -146,7 +146,6 @@ void LineImage::takeAges(int first, const Json& ages)
         ages.size() > static_cast<std::size_t>(size() - first))
         throw UserError("the ages are not those of the line's variables");
     const Duration now = m_clock.now();
-    const qint64 wallNow = m_wallClock.now();
     for (int i = 0; i < static_cast<int>(ages.size()); ++i) {
         const std::optional<Duration> age = ageOf(ages.at(static_cast<std::size_t>(i)));
         State& state = at(first + i);
@@ -154,7 +153,7 @@ void LineImage::takeAges(int first, const Json& ages)
             continue;
         state.isKept = false;
         state.readAt = now - *age;
-        state.value.time = wallNow - wholeMilliseconds(*age);
+        state.value.time = stamp(state, *age);
     }
 }
 

@@ -280,6 +280,20 @@ TEST_F(LineImageTest, GivesALaterReadingNoEarlierTimeAfterThisProcessStoodStill)
     EXPECT_EQ(*image.value(0).time, kHalfPastOne + 150);
 }
 
+// The news of the first reading waited for 40 ms; its age, which came next, did not wait.
+TEST_F(LineImageTest, GivesALaterReadingNoEarlierTimeAfterAgesThatCameFaster)
+{
+    clock.advance(40ms);
+    wall.advance(40);
+    image.take(valueOf("Speed", 1, 0));
+    const qint64 first = *image.value(0).time;
+    EXPECT_EQ(first, kHalfPastOne + 40);
+    image.takeAges(0, {20, nullptr, nullptr});
+    EXPECT_EQ(*image.value(0).time, first);
+    image.take(valueOf("Speed", 2, 10));
+    EXPECT_EQ(*image.value(0).time, first);
+}
+
 TEST_F(LineImageTest, FollowsAWallClockThatIsSetBack)
 {
     image.take(valueOf("Speed", 1, 0));
@@ -287,4 +301,8 @@ TEST_F(LineImageTest, FollowsAWallClockThatIsSetBack)
     wall.advance(10 - 50);
     image.take(valueOf("Speed", 2, 0));
     EXPECT_EQ(*image.value(0).time, kHalfPastOne - 40);
+    clock.advance(10ms);
+    wall.advance(10 - 50);
+    image.takeAges(0, {5, nullptr, nullptr});
+    EXPECT_EQ(*image.value(0).time, kHalfPastOne - 85);
 }
