@@ -1,5 +1,7 @@
 #include "gateway_fixture.h"
 
+#include "program_fixture.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
@@ -300,13 +302,7 @@ QString GatewayTest::simulatorStatus(const QString& name)
     Line* line = lineNamed(name);
     if (!line || !line->simulator)
         return QStringLiteral("no simulator");
-    line->simulator->readAllStandardOutput();
-    line->simulator->write("status\n");
-    while (!line->simulator->canReadLine()) {
-        if (!line->simulator->waitForReadyRead(kGatewayLimitMs))
-            return QStringLiteral("no answer");
-    }
-    return QString::fromLatin1(line->simulator->readLine()).trimmed();
+    return statusOf(*line->simulator, "status");
 }
 
 QString GatewayTest::configure()

@@ -174,16 +174,24 @@ void ProgramTest::commandSimulator(const QByteArray& command) const
     m_simulator->waitForBytesWritten(kLimitMs);
 }
 
+// The simulator also prints its devices, which may not have been read yet.
+QString statusOf(QProcess& simulator, const QByteArray& command)
+{
+    simulator.write(command + '\n');
+    QByteArray line;
+    while (!line.contains(" connections open, ")) {
+        if (!simulator.canReadLine() && !simulator.waitForReadyRead(kLimitMs))
+            return QStringLiteral("no answer");
+        if (simulator.canReadLine())
+            line = simulator.readLine();
+    }
+    return QString::fromLatin1(line).trimmed();
+}
+
 QString ProgramTest::simulatorStatus(int station)
 {
-    m_simulator->readAllStandardOutput();
-    m_simulator->write(station == 0 ? QByteArray("status\n")
-                                    : "status " + QByteArray::number(station) + '\n');
-    while (!m_simulator->canReadLine()) {
-        if (!m_simulator->waitForReadyRead(kLimitMs))
-            return QStringLiteral("no answer");
-    }
-    return QString::fromLatin1(m_simulator->readLine()).trimmed();
+    return statusOf(*m_simulator,
+                    station == 0 ? "status" : "status " + QByteArray::number(station));
 }
 
 void ProgramTest::stopSimulator()

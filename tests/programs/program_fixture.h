@@ -26,6 +26,9 @@ Result runProgram(const QString& program, const QStringList& arguments,
                   const QStringList& environment = QStringList(),
                   const QString& directory = QString());
 
+/// What a simulator answers to a command `status`.
+QString statusOf(QProcess& simulator, const QByteArray& command);
+
 /// Runs the programs in a temporary directory, with a simulated controller when a test starts one.
 /// In a run with MICRO850_TEST_LINE, a device server is between host and controller.
 class ProgramTest : public ::testing::Test
