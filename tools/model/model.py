@@ -4,6 +4,7 @@
 import argparse
 import os
 import re
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -142,6 +143,10 @@ def main():
     except OSError as error:
         print(f"model: {given.model}: {error.strerror}", file=sys.stderr)
         return 2
+    for program in ("spin", "gcc"):
+        if not shutil.which(program):
+            print(f"model: {program} is missing: run scripts/setup prove", file=sys.stderr)
+            return 2
     print(f"{'claim':22} {'states':>10} {'depth':>8} {'MB':>6} {'s':>6}  verdict", flush=True)
     recordings = {}
     wrong = []
