@@ -52,12 +52,18 @@ def build(program, folder, *targets, options=()):
     compile_and_link = ["cmake", "--build", folder, "--target", *targets, "--", f"-j{os.cpu_count()}"]
     with open(folder / ".lock", "w", encoding="ascii") as lock, open(log, "wb") as output:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        # The build itself configures again what changed, but not for a changed preset.
-        made = folder / "build.ninja"
-        is_configured = made.exists() and made.stat().st_mtime > (ROOT / "CMakePresets.json").stat().st_mtime
-        for command in [compile_and_link] if is_configured else [configure, compile_and_link]:
+
+        def run(command):
             if subprocess.run(command, cwd=ROOT, stdout=output, stderr=subprocess.STDOUT).returncode != 0:
                 sys.exit(f"{tail(log, 40)}{program}: the build failed, see {log}")
+
+        # The build itself configures again what changed, but not for a changed preset or other options.
+        configured = folder / "configured-with"
+        wanted = "\n".join([(ROOT / "CMakePresets.json").read_text(encoding="utf-8"), *options])
+        if not configured.exists() or configured.read_text(encoding="utf-8") != wanted:
+            run(configure)
+            configured.write_text(wanted, encoding="utf-8")
+        run(compile_and_link)
 
 
 def tail(log, lines):

@@ -27,8 +27,8 @@ def parse_arguments():
     parser.add_argument("--runs", type=whole, help="run each harness so many times; with --seconds, until the "
                         "first limit is reached")
     parser.add_argument("--length", type=whole, default=1024, help="longest input in bytes (default 1024)")
-    parser.add_argument("--unoptimized", action="store_true", help="build in half the time what runs slower, for a "
-                        "short run in a folder of its own (with --build)")
+    parser.add_argument("--unoptimized", action="store_true", help="build in half the time what runs slower, for "
+                        "a short run")
     parser.add_argument("--build-only", action="store_true", help="run nothing")
     harnesses.add_arguments(parser)
     arguments = harnesses.parse(parser)
