@@ -192,7 +192,9 @@ TEST_F(HostDoctor, ReportsADeviceServerThatIsNotThere)
 TEST_F(HostDoctor, WritesAReportAndReplacesNone)
 {
     const Result result = doctor({"--report", "line.txt"});
-    EXPECT_NE(result.status, 2) << result.err;
+    // On a busy machine it tells that replies take long; a report would not be written again.
+    const bool isSlow = said(result, "advice").contains("take much longer");
+    EXPECT_EQ(result.status, isSlow ? 1 : 0) << result.out << result.err;
     const std::string report = textOf("line.txt");
     EXPECT_EQ(report.find("micro850-host doctor\ntime          20"), 0U) << report;
     EXPECT_NE(report.find("version       " MICRO850_VERSION ", Qt 5"), std::string::npos);
