@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <set>
 
 using namespace micro850::host;
@@ -27,6 +28,16 @@ protected:
         line.open(error);
     }
     Answer run() { return Exchange(line, clock, settings).run(request, counters); }
+    // How the request ends whose device is there as long as this holds. It is asked at each message
+    // on the line.
+    Outcome runWhile(const std::function<bool(const QByteArray& message)>& isPresent)
+    {
+        Exchange exchange(line, clock, settings);
+        exchange.setObserver([&](Exchange::Direction, const QByteArray& bytes, micro850::Duration) {
+            line.setPresent(isPresent(bytes));
+        });
+        return exchange.run(request, counters).outcome;
+    }
     // Everything sent, the request as "request".
     std::string sent() const
     {
@@ -251,11 +262,8 @@ TEST_F(ExchangeTest, ReportsADeviceThatIsGoneAndNotATimeOut)
 // It is there while the host waits, and gone when the host sends.
 TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenTheReplyIsAskedFor)
 {
-    Exchange exchange(line, clock, settings);
-    exchange.setObserver([this](Exchange::Direction, const QByteArray& bytes, micro850::Duration) {
-        line.setPresent(bytes != kNakBytes);
-    });
-    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+    EXPECT_EQ(runWhile([](const QByteArray& bytes) { return bytes != kNakBytes; }),
+              Outcome::DeviceGone);
     EXPECT_EQ(counters.timedOut, 0);
 }
 
@@ -264,21 +272,15 @@ TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenACorruptReplyIsAskedForAgain)
     QByteArray damaged = reply;
     damaged[9] = static_cast<char>(damaged.at(9) ^ 1);
     line.onSend = [&](const QByteArray&) { line.arrive(damaged, 5); };
-    Exchange exchange(line, clock, settings);
-    exchange.setObserver([this](Exchange::Direction, const QByteArray& bytes, micro850::Duration) {
-        line.setPresent(bytes != kNakBytes);
-    });
-    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+    EXPECT_EQ(runWhile([](const QByteArray& bytes) { return bytes != kNakBytes; }),
+              Outcome::DeviceGone);
 }
 
 TEST_F(ExchangeTest, ReportsADeviceThatGoesWhenARefusedRequestIsRepeated)
 {
     line.onSend = [this](const QByteArray&) { line.arrive(kNakBytes, 5); };
-    Exchange exchange(line, clock, settings);
-    exchange.setObserver([this](Exchange::Direction, const QByteArray&, micro850::Duration) {
-        line.setPresent(counters.sent < 2);
-    });
-    EXPECT_EQ(exchange.run(request, counters).outcome, Outcome::DeviceGone);
+    EXPECT_EQ(runWhile([this](const QByteArray&) { return counters.sent < 2; }),
+              Outcome::DeviceGone);
 }
 
 TEST_F(ExchangeTest, StopsRepeatingARequestThatThePeerAlwaysRefuses)
